@@ -1,0 +1,148 @@
+/* Locks, conditions, descriptors, heap memory and cancellation, each held by a scope.
+ *
+ * Two of the agent's threads are ended from outside: the poll thread by SIGHUP, the log writer at
+ * shutdown. glibc cancels a thread by unwinding its stack, so what a scope holds is given back.
+ * Three rules follow for everything built on this header:
+ *   - a thread that may be cancelled runs with cancellation off and opens it (cancel_on) only round
+ *     a wait during which nothing is half-done;
+ *   - a destructor that calls a cancellation point (close, fclose, write, ...) turns cancellation
+ *     off first, because a cancel inside a noexcept function ends the process;
+ *   - no function on the way is noexcept and none catches (...) without throwing it again.
+ *
+ * Every mutex and condition is usable before any initialisation runs, and has a trivial destructor.
+ */
+#ifndef VINDRAL_GUARDS_H
+#define VINDRAL_GUARDS_H
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <pthread.h>
+#include <time.h>
+#include <unistd.h>
+
+/* clang checks these (-Wthread-safety), g++ does not know them, people read them. */
+#if defined(__clang__)
+#define VINDRAL_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define VINDRAL_THREAD_ATTRIBUTE(x)
+#endif
+#define CAPABILITY(x) VINDRAL_THREAD_ATTRIBUTE(capability(x))
+#define SCOPED_CAPABILITY VINDRAL_THREAD_ATTRIBUTE(scoped_lockable)
+#define GUARDED_BY(x) VINDRAL_THREAD_ATTRIBUTE(guarded_by(x))
+#define PT_GUARDED_BY(x) VINDRAL_THREAD_ATTRIBUTE(pt_guarded_by(x))
+#define REQUIRES(...) VINDRAL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) VINDRAL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) VINDRAL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) VINDRAL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define RETURN_CAPABILITY(x) VINDRAL_THREAD_ATTRIBUTE(lock_returned(x))
+#define NO_THREAD_SAFETY_ANALYSIS VINDRAL_THREAD_ATTRIBUTE(no_thread_safety_analysis)
+
+struct CAPABILITY("mutex") mutex {
+    pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/* Holds a mutex for a scope:  { lock hold(LDA_MON_MUTEX); ... } */
+class SCOPED_CAPABILITY lock {
+public:
+    explicit lock(mutex& m) ACQUIRE(m) : held_(m) { pthread_mutex_lock(&held_.handle); }
+    ~lock() RELEASE() { pthread_mutex_unlock(&held_.handle); }
+    lock(const lock&) = delete;
+    lock& operator=(const lock&) = delete;
+
+private:
+    mutex& held_;
+};
+
+struct condition {
+    pthread_cond_t handle = PTHREAD_COND_INITIALIZER;
+};
+
+/* Waits with `m` held until a signal or the absolute CLOCK_REALTIME time `deadline`. A cancellation
+ * point when cancellation is on: the mutex is taken back before the stack unwinds. Returns what
+ * pthread_cond_timedwait returns. */
+inline int condition_wait_until(condition& c, mutex& m, const timespec& deadline) REQUIRES(m) {
+    return pthread_cond_timedwait(&c.handle, &m.handle, &deadline);
+}
+
+/* The time `seconds` from now as a whole second (nanoseconds 0). Taken from the precise clock: the
+ * coarse one behind time() can still show the previous second at a boundary, and a wait until such a
+ * deadline would return at once, again and again. */
+inline timespec deadline_in(int seconds) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    now.tv_sec += seconds;
+    now.tv_nsec = 0;
+    return now;
+}
+
+/* Cancellation off for a scope, then as it was before. */
+class cancel_off {
+public:
+    cancel_off() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~cancel_off() { pthread_setcancelstate(before_, nullptr); }
+    cancel_off(const cancel_off&) = delete;
+    cancel_off& operator=(const cancel_off&) = delete;
+
+private:
+    int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+/* Cancellation on for a scope, then as it was before. Only ever round one wait, and only on a thread
+ * that is meant to be cancelled: the others are never cancelled, so for them it changes nothing. */
+class cancel_on {
+public:
+    cancel_on() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before_); }
+    ~cancel_on() { pthread_setcancelstate(before_, nullptr); }
+    cancel_on(const cancel_on&) = delete;
+    cancel_on& operator=(const cancel_on&) = delete;
+
+private:
+    int before_ = PTHREAD_CANCEL_DISABLE;
+};
+
+/* Owns a file descriptor; -1 owns none. close() keeps errno and never cancels. */
+class unique_fd {
+public:
+    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    unique_fd(unique_fd&& other) : fd_(other.release()) {}
+    unique_fd& operator=(unique_fd&& other) {
+        if (this != &other) {
+            reset(other.release());
+        }
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+    unique_fd(const unique_fd&) = delete;
+    unique_fd& operator=(const unique_fd&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            cancel_off uncancelled;
+            int saved = errno;
+            close(fd_);
+            errno = saved;
+        }
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+/* Heap memory from malloc, freed by scope; release() hands it to the caller. */
+struct free_memory {
+    void operator()(void* p) const { free(p); }
+};
+template <typename T>
+using heap = std::unique_ptr<T, free_memory>;
+using heap_text = heap<char>;
+
+#endif

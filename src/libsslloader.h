@@ -1,0 +1,39 @@
+/* Run-time binding of the TLS library. */
+#ifndef VINDRAL_LIBSSLLOADER_H
+#define VINDRAL_LIBSSLLOADER_H
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+extern void* libssl_handle;
+
+extern void (*lib_SSL_load_error_strings)();
+extern void (*lib_ERR_load_BIO_strings)();
+extern int (*lib_SSL_library_init)();
+extern decltype(&SSL_CTX_new) lib_SSL_CTX_new;
+extern const SSL_METHOD* (*lib_SSLv23_client_method)();
+extern decltype(&SSL_new) lib_SSL_new;
+extern decltype(&SSL_CTX_free) lib_SSL_CTX_free;
+extern decltype(&BIO_new_ssl_connect) lib_BIO_new_ssl_connect;
+extern decltype(&BIO_ctrl) lib_BIO_ctrl;
+extern decltype(&BIO_free_all) lib_BIO_free_all;
+extern decltype(&SSL_shutdown) lib_SSL_shutdown;
+extern decltype(&BIO_write) lib_BIO_write;
+extern decltype(&SSL_ctrl) lib_SSL_ctrl;
+extern decltype(&BIO_read) lib_BIO_read;
+extern decltype(&SSL_set_fd) lib_SSL_set_fd;
+extern decltype(&SSL_connect) lib_SSL_connect;
+extern decltype(&SSL_get_error) lib_SSL_get_error;
+extern decltype(&SSL_free) lib_SSL_free;
+extern decltype(&SSL_write) lib_SSL_write;
+extern decltype(&SSL_read) lib_SSL_read;
+extern decltype(&ERR_error_string) lib_ERR_error_string;
+extern decltype(&ERR_get_error) lib_ERR_get_error;
+extern void (*lib_OPENSSL_add_all_algorithms_noconf)();
+extern void (*lib_OPENSSL_add_all_algorithms_conf)();
+
+int init_ssl_lib();
+int init_ssl_variables();
+
+#endif

@@ -1,0 +1,54 @@
+/* Where results are kept: SQLite in the state directory, one writer thread, one transaction for the
+ * blocks that arrive together. No network in here. */
+#ifndef VINDRAL_COLLECTOR_STORE_H
+#define VINDRAL_COLLECTOR_STORE_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+struct record; /* record.h */
+
+/* One poll's block, verified and unpacked. */
+struct poll_block {
+    std::string account; /* the agent's e-mail address */
+    std::string agent;   /* its name */
+    std::string plain;   /* run of records */
+    int64_t received = 0; /* seconds since the epoch */
+};
+
+enum class store_result {
+    stored,    /* committed and synced */
+    duplicate, /* the agent's last block once more: its answer was lost; nothing was stored again */
+    failed     /* not kept: the agent must send it again */
+};
+
+/* Told of each record once it is committed, and of what could not be decoded. Called on the writer
+ * thread, in order. */
+struct store_listener {
+    virtual ~store_listener() = default;
+    virtual void on_record(const poll_block& from, const record& r) = 0;
+    virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
+                                const std::string& reason, const std::string& kept_as) = 0;
+};
+
+struct store_options {
+    std::string directory;   /* state directory; created when missing */
+    int keep_days = 30;      /* whole days of results kept; 0 keeps all */
+    size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
+};
+
+class store {
+public:
+    /* Null with the reason in `error` when the database cannot be opened or is not ours. */
+    static std::unique_ptr<store> open(const store_options& options, store_listener* listener,
+                                       std::string& error);
+    virtual ~store() = default; /* finishes what is queued, then closes */
+
+    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers it.
+     * An empty block is answered `stored` at once. */
+    virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
+};
+
+#endif

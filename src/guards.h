@@ -76,6 +76,13 @@ inline timespec deadline_in(int seconds) {
     return now;
 }
 
+/* Stack of every worker thread, in bytes. The sanitizers need room of their own. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr size_t WORKER_STACK_SIZE = 1024 * 1024;
+#else
+inline constexpr size_t WORKER_STACK_SIZE = 32768;
+#endif
+
 /* Cancellation off for a scope, then as it was before. */
 class cancel_off {
 public:

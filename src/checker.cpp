@@ -85,8 +85,8 @@ void checker_add_result(checker& c, const char* rez, int rez_size) {
     if (c.result_buffer_len > INT_MAX - rez_size) {
         return;
     }
-    char* grown = static_cast<char*>(
-        realloc(c.result_buffer, static_cast<size_t>(c.result_buffer_len) + static_cast<size_t>(rez_size)));
+    char* grown = static_cast<char*>(realloc(
+        c.result_buffer, static_cast<size_t>(c.result_buffer_len) + static_cast<size_t>(rez_size)));
     if (grown == nullptr) {
         return;
     }

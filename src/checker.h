@@ -9,11 +9,11 @@
  *
  * Locks, in the order in which they may be taken: mon_mutex, then result_mutex or cond_mutex.
  * check_interval_mutex is never held together with another. mon_mutex is held for a whole pass, so
- * the poll thread waits for a running pass before it changes a test; result_mutex only for an append
- * or the hand-over, so collecting never waits for a pass.
+ * the poll thread waits for a running pass before it changes a test; result_mutex only for an
+ * append or the hand-over, so collecting never waits for a pass.
  *
- * Everything is usable before checker_start and after checker_stop: setting the interval of a checker
- * that does not run is harmless. */
+ * Everything is usable before checker_start and after checker_stop: setting the interval of a
+ * checker that does not run is harmless. */
 #ifndef VINDRAL_CHECKER_H
 #define VINDRAL_CHECKER_H
 
@@ -35,7 +35,7 @@ struct checker {
     char* result_buffer GUARDED_BY(result_mutex) = nullptr; /* run of records; null when empty */
     int result_buffer_len GUARDED_BY(result_mutex) = 0;
     int check_interval GUARDED_BY(check_interval_mutex) = INITIAL_CHECK_INTERVAL_S; /* -1: stop */
-    unsigned wakes GUARDED_BY(cond_mutex) = 0; /* signals given so far */
+    unsigned wakes GUARDED_BY(cond_mutex) = 0;   /* signals given so far */
     bool stopped GUARDED_BY(cond_mutex) = false; /* an interval of -1 was set: for good */
 
     pthread_t worker_thread_handle = 0;
@@ -69,8 +69,8 @@ void checker_wake(checker& c);
 /* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */
 void checker_add_result(checker& c, const char* rez, int rez_size);
 
-/* Hands the whole result buffer over: returns 1 and gives the caller the memory (free), or 0 with the
- * outputs untouched when there is nothing. */
+/* Hands the whole result buffer over: returns 1 and gives the caller the memory (free), or 0 with
+ * the outputs untouched when there is nothing. */
 int checker_get_results(checker& c, char** rez, int* rez_size);
 
 /* Stops the worker, joins it (waits for a running pass) and destroys the condition. Definitions and
@@ -112,7 +112,8 @@ D* take_test(D**& list, int& count, int index) {
     if (count == 0) {
         free(list);
         list = nullptr;
-    } else if (D** shrunk = static_cast<D**>(realloc(list, static_cast<size_t>(count) * sizeof(D*)))) {
+    } else if (D** shrunk =
+                   static_cast<D**>(realloc(list, static_cast<size_t>(count) * sizeof(D*)))) {
         list = shrunk;
     }
     return test;

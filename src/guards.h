@@ -66,8 +66,8 @@ inline int condition_wait_until(condition& c, mutex& m, const timespec& deadline
 }
 
 /* The time `seconds` from now as a whole second (nanoseconds 0). Taken from the precise clock: the
- * coarse one behind time() can still show the previous second at a boundary, and a wait until such a
- * deadline would return at once, again and again. */
+ * coarse one behind time() can still show the previous second at a boundary, and a wait until such
+ * a deadline would return at once, again and again. */
 inline timespec deadline_in(int seconds) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
@@ -95,8 +95,9 @@ private:
     int before_ = PTHREAD_CANCEL_ENABLE;
 };
 
-/* Cancellation on for a scope, then as it was before. Only ever round one wait, and only on a thread
- * that is meant to be cancelled: the others are never cancelled, so for them it changes nothing. */
+/* Cancellation on for a scope, then as it was before. Only ever round one wait, and only on a
+ * thread that is meant to be cancelled: the others are never cancelled, so for them it changes
+ * nothing. */
 class cancel_on {
 public:
     cancel_on() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before_); }

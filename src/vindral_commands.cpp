@@ -2,12 +2,12 @@
 
 #include "guards.h"
 #include "monloadaverage.h"
-#include "spawn.h"
+#include "shell_command.h"
 #include "vindral_checkers.h"
 #include "vindral_config.h"
+#include "vindral_interval.h"
 #include "vindral_log.h"
 #include "vindral_text.h"
-#include "vindral_interval.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +18,9 @@ time_t last_update_time = 0;
 static const time_t UPDATE_PAUSE_S = 600;
 
 /* Low 32 bits of the decimal number; 0 for text that is none. */
-static int number(const char* field) { return static_cast<int>(strtol(field, nullptr, 10)); }
+static int number(const char* field) {
+    return static_cast<int>(strtol(field, nullptr, 10));
+}
 
 /* The field at `index`, or null when the command has fewer. */
 static char* optional_field(char** f, size_t count, size_t index) {
@@ -47,11 +49,14 @@ static void cmd_modify_lda(char** f, size_t count) {
                optional_field(f, count, 6));
 }
 
-static void cmd_remove_lda(char** f, size_t) { rem_lda(number(f[1])); }
+static void cmd_remove_lda(char** f, size_t) {
+    rem_lda(number(f[1]));
+}
 
-static void cmd_update(char** f, size_t) { start_updater(f[1], f[2], f[3]); }
+static void cmd_update(char** f, size_t) {
+    start_updater(f[1], f[2], f[3]);
+}
 
-static const size_t ANY_MORE = SIZE_MAX;
 enum test_id { NO_ID, NONZERO_ID }; /* NONZERO_ID: field 1 is the test id; 0 drops the command */
 
 static const struct {
@@ -60,12 +65,12 @@ static const struct {
     test_id id;
     void (*execute)(char** fields, size_t count);
 } commands[] = {
-    {"POL", 3, 3, NO_ID, cmd_poll_interval},      /* -, seconds */
-    {"CHK", 3, 3, NO_ID, cmd_check_interval},     /* -, seconds */
-    {"LAA", 6, 7, NONZERO_ID, cmd_add_lda},       /* tid, loc_id, la1, la5, la15 [, host] */
-    {"LAM", 6, 7, NONZERO_ID, cmd_modify_lda},    /* as LAA */
-    {"LAD", 3, 3, NONZERO_ID, cmd_remove_lda},    /* t_id, - */
-    {"UPD", 4, 4, NO_ID, cmd_update},             /* dname, url, chsum */
+    {"POL", 3, 3, NO_ID, cmd_poll_interval},   /* -, seconds */
+    {"CHK", 3, 3, NO_ID, cmd_check_interval},  /* -, seconds */
+    {"LAA", 6, 7, NONZERO_ID, cmd_add_lda},    /* tid, loc_id, la1, la5, la15 [, host] */
+    {"LAM", 6, 7, NONZERO_ID, cmd_modify_lda}, /* as LAA */
+    {"LAD", 3, 3, NONZERO_ID, cmd_remove_lda}, /* t_id, - */
+    {"UPD", 4, 4, NO_ID, cmd_update},          /* dname, url, chsum */
 };
 
 void add_from_array(char** ms, size_t msl) {

@@ -1,9 +1,9 @@
 /* The server's commands: the body of a successful poll reply.
  *
- * Lines separated by "\n" (a "\r" stays in the last field), fields by tabs; field 0 is a code of three
- * characters, and a field count includes it. Numbers are decimal, text that is no number reads as 0,
- * ids are 32-bit signed. A malformed command is dropped, silently unless its row says otherwise; an
- * unknown code is logged at level 0. Everything here runs on the poll thread. */
+ * Lines separated by "\n" (a "\r" stays in the last field), fields by tabs; field 0 is a code of
+ * three characters, and a field count includes it. Numbers are decimal, text that is no number
+ * reads as 0, ids are 32-bit signed. A malformed command is dropped, silently unless its row says
+ * otherwise; an unknown code is logged at level 0. Everything here runs on the poll thread. */
 #ifndef VINDRAL_COMMANDS_H
 #define VINDRAL_COMMANDS_H
 

@@ -13,7 +13,13 @@ bdata* data_cache_copy = nullptr;
 
 static const int PAUSE_AFTER_LOGIN_S = 1;
 
-enum poll_result { REFUSED = 0, SUCCESS = 1, NO_CONNECTION = 2, LOGIN_AGAIN = 3, INTERNAL_ERROR = 4 };
+enum poll_result {
+    REFUSED = 0,
+    SUCCESS = 1,
+    NO_CONNECTION = 2,
+    LOGIN_AGAIN = 3,
+    INTERNAL_ERROR = 4
+};
 
 /* The disk checker's store and the custom-monitor client, in an agent that has them. */
 __attribute__((weak)) int get_disk_test_results(test_result*** results, int* res_count);
@@ -51,7 +57,9 @@ const bdata* get_cache_copy() {
     return data_cache_copy;
 }
 
-void free_cache_copy() { bdata_free(&data_cache_copy); }
+void free_cache_copy() {
+    bdata_free(&data_cache_copy);
+}
 
 /* The block to send: the pending one, or what the checkers have now; null when there is nothing. */
 static const bdata* block_to_send() {
@@ -96,7 +104,8 @@ static int act_on(int result, char* reply, size_t reply_length, int interval_s) 
         isAuthorized = 0;
         return PAUSE_AFTER_LOGIN_S;
     case INTERNAL_ERROR:
-        leveledadd2log(-1, "There is an internal error occurred, while trying to connect to the server.");
+        leveledadd2log(
+            -1, "There is an internal error occurred, while trying to connect to the server.");
         break;
     default:
         break;

@@ -1,9 +1,9 @@
-/* The poll loop and the result cache: the only thread that talks to the collection server and the only
- * one that executes its commands.
+/* The poll loop and the result cache: the only thread that talks to the collection server and the
+ * only one that executes its commands.
  *
  * Each turn collects every checker's results into one block, posts it, acts on the answer and waits
- * for the poll interval or a wake-up (send_pending_data). A block that was not accepted is sent again,
- * unchanged, until it is; new results meanwhile stay with the checkers. */
+ * for the poll interval or a wake-up (send_pending_data). A block that was not accepted is sent
+ * again, unchanged, until it is; new results meanwhile stay with the checkers. */
 #ifndef VINDRAL_POLL_H
 #define VINDRAL_POLL_H
 
@@ -17,8 +17,8 @@ extern mutex cache_mutex;      /* data_cache and its hand-over to data_cache_cop
 extern bdata* data_cache;      /* the checkers' buffers one after the other, in collection order */
 extern bdata* data_cache_copy; /* the block that is being sent; kept until it is accepted */
 
-/* The thread. Returns when the poll interval becomes -1. Runs with cancellation off and opens it only
- * in its waits, where it holds no lock and nothing is half-done. */
+/* The thread. Returns when the poll interval becomes -1. Runs with cancellation off and opens it
+ * only in its waits, where it holds no lock and nothing is half-done. */
 void* main_worker_thread(void* arg);
 
 /* Drains every checker into the cache. */

@@ -34,8 +34,8 @@ static void parse_loadavg(const char* text, double la[3]) {
     }
 }
 
-/* One "STRING: 0.42" line per average. snmpget prints the number in double quotes where it has no MIB
- * files, which is how current systems ship it. */
+/* One "STRING: 0.42" line per average. snmpget prints the number in double quotes where it has no
+ * MIB files, which is how current systems ship it. */
 static int parse_remote_la(char* text, double la[3]) {
     int found = 0;
     char* rest = text;
@@ -65,7 +65,8 @@ int get_remote_la_params(const char* host, double** retVal) {
     return 1;
 }
 
-/* Status of one test, its message in `*message` (caller frees). Equal to the maximum is exceeded. */
+/* Status of one test, its message in `*message` (caller frees). Equal to the maximum is exceeded.
+ */
 static uint32_t judge_load(const load_av_def& test, const double la[3], char** message) {
     const struct {
         int minutes, maximum;
@@ -87,8 +88,8 @@ static uint32_t judge_load(const load_av_def& test, const double la[3], char** m
     return status;
 }
 
-static void add_lda_record(const load_av_def& test, time_t now, const double la[3],
-                           uint32_t status, const char* message) {
+static void add_lda_record(const load_av_def& test, time_t now, const double la[3], uint32_t status,
+                           const char* message) {
     UDCW* record = nullptr;
     if (!create_new_udcw(&record, 0, 4, 1, 0, 3, 1)) {
         return;
@@ -138,7 +139,8 @@ void do_lda_check() {
     if (!has_lda_tests()) {
         return;
     }
-    /* Read whether or not a test is local: without it the pass is skipped, remote tests included. */
+    /* Read whether or not a test is local: without it the pass is skipped, remote tests included.
+     */
     heap_text text = read_proc_file("loadavg", 4096);
     if (!text) {
         return;
@@ -197,7 +199,8 @@ void modify_lda(int t_id, int loc_id, int la1, int la5, int la15, char* host) {
         }
         free(test->host);
         *test = {t_id, loc_id, la1, la5, la15, copy_text(host), 1};
-        leveledadd2log(5, "INFO: modify_lda. Modified test. tid:%d, lid:%d, la1:%d, la5:%d, la15:%d",
+        leveledadd2log(5,
+                       "INFO: modify_lda. Modified test. tid:%d, lid:%d, la1:%d, la5:%d, la15:%d",
                        t_id, loc_id, la1, la5, la15);
         checker_wake(lda);
     }
@@ -218,13 +221,25 @@ void rem_lda(int t_id) {
     leveledadd2log(5, "INFO: rem_lda. Removed test. tid:%d", t_id);
 }
 
-int init_lda_mon() { return checker_start(lda, lda_worker_thread); }
+int init_lda_mon() {
+    return checker_start(lda, lda_worker_thread);
+}
 void* lda_worker_thread(void*) {
     checker_work(lda);
     return nullptr;
 }
-int get_lda_check_interval() { return checker_get_interval(lda); }
-void set_lda_check_interval(int t_sec) { checker_set_interval(lda, t_sec); }
-void add_lda_result(char* rez, int rez_size) { checker_add_result(lda, rez, rez_size); }
-int get_lda_results(char** rez, int* rez_size) { return checker_get_results(lda, rez, rez_size); }
-void shutdown_lda_checker() { checker_stop(lda); }
+int get_lda_check_interval() {
+    return checker_get_interval(lda);
+}
+void set_lda_check_interval(int t_sec) {
+    checker_set_interval(lda, t_sec);
+}
+void add_lda_result(char* rez, int rez_size) {
+    checker_add_result(lda, rez, rez_size);
+}
+int get_lda_results(char** rez, int* rez_size) {
+    return checker_get_results(lda, rez, rez_size);
+}
+void shutdown_lda_checker() {
+    checker_stop(lda);
+}

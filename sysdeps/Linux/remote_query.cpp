@@ -1,6 +1,6 @@
 #include "remote_query.h"
 
-#include "spawn.h"
+#include "shell_command.h"
 
 #include <cctype>
 #include <climits>
@@ -35,8 +35,8 @@ static int time_left_ms(const timespec& end) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-/* Reads until the end of the stream. Null when that has not come within the limit. Output beyond the
- * limit of size is read and dropped, so that the command does not wait for a reader. */
+/* Reads until the end of the stream. Null when that has not come within the limit. Output beyond
+ * the limit of size is read and dropped, so that the command does not wait for a reader. */
 static heap_text read_all(int fd) {
     heap_text text(static_cast<char*>(malloc(OUTPUT_LIMIT + 1)));
     if (!text) {

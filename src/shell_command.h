@@ -2,10 +2,10 @@
  *
  * system() and popen() would hand the caller's blocked signals to the command (SIGHUP is blocked in
  * every thread of the agent) and, when the waiting thread is cancelled, kill a command that may be
- * the updater which asked for the stop. The command started here has a clean signal mask and default
- * signal actions, and outlives its starter. */
-#ifndef VINDRAL_SPAWN_H
-#define VINDRAL_SPAWN_H
+ * the updater which asked for the stop. The command started here has a clean signal mask and
+ * default signal actions, and outlives its starter. */
+#ifndef VINDRAL_SHELL_COMMAND_H
+#define VINDRAL_SHELL_COMMAND_H
 
 #include <sys/types.h>
 

@@ -1,4 +1,4 @@
-#include "spawn.h"
+#include "shell_command.h"
 
 #include "guards.h"
 
@@ -22,8 +22,8 @@ pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
     sigaddset(&signals, SIGSEGV);
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                              POSIX_SPAWN_SETPGROUP);
     if (stdout_fd >= 0) {
         posix_spawn_file_actions_adddup2(&actions, stdout_fd, STDOUT_FILENO);
     }

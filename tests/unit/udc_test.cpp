@@ -273,6 +273,21 @@ TEST(udcw_add, refuses_a_nested_record_that_is_null_or_shorter_than_a_header) {
     EXPECT_EQ(w.bytes(), header(32, 0, 0, 0, 0, 0, 0, 0));
 }
 
+TEST(udcw_add, refuses_to_grow_a_record_beyond_4_gb) {
+    writer inner(0, 0, 0, 0, 0, 0);
+    writer w(0, 0, 0, 0, 0, 1);
+    UDC* before = w->udc;
+    w->udc->size = 0xFFFFFFF0; /* as if it held that much */
+    EXPECT_EQ(udcw_add(w, UDC_STRING, "sixteen letters."), 0);
+    EXPECT_EQ(udcw_add(w, UDC_RECORD, inner->udc), 0);
+    EXPECT_EQ(w->udc, before);
+    EXPECT_EQ(w->udc->size, 0xFFFFFFF0);
+    EXPECT_EQ(w->udc->udca, 0u);
+    EXPECT_EQ(w->sarr_index, 0u);
+    EXPECT_EQ(w->pudc_index, 0u);
+    w->udc->size = 32;
+}
+
 TEST(udcw_add, takes_any_number_of_nested_records_and_keeps_every_pointer_right) {
     writer w(0, 1, 0, 0, 0, 1);
     EXPECT_EQ(udcw_add(w, UDC_UI32, 67), 1);
@@ -487,8 +502,10 @@ TEST(udcw_from_udc, finds_the_nested_records_behind_missing_strings) {
 
 TEST(udcw_from_udc, finds_nested_records_whose_headers_read_as_long_texts) {
     /* A size of 16 MB and more has no zero byte, and neither have large counts. */
-    uint32_t ui32_values = 0x01010101 / 4;
-    wrapped w(record_of(3, 1, "one\0"s + plain_record(ui32_values)));
+    constexpr uint32_t VALUES = 0x01010101 / 4;
+    wrapped w(record_of(3, 1,
+                        "one\0"s + header(32 + 4 * VALUES, 0, VALUES, 0, 0, 0, 0, 0) +
+                            std::string(4 * VALUES, '\1')));
     ASSERT_EQ(w.result, 1);
     EXPECT_EQ(w->sarr_index, 1u);
 }

@@ -152,8 +152,7 @@ TEST_F(CheckerTest, AYoungWorkerStopsAtEveryMoment) {
         checker young{.pass = counting_pass, .attr_message = "", .stack_message = ""};
         current = &young;
         ASSERT_EQ(1, checker_start(young, worker));
-        for (volatile int spin = 0; spin < (i % 50) * 100; spin = spin + 1) {
-        }
+        std::this_thread::sleep_for(std::chrono::microseconds(i % 50));
         checker_stop(young);
     }
     current = &c;

@@ -157,7 +157,7 @@ static void lend_locks() {
         {"CRYPTO_set_locking_callback", reinterpret_cast<void**>(&set_locking_callback), nullptr},
         {"CRYPTO_set_id_callback", reinterpret_cast<void**>(&set_id_callback), nullptr},
     };
-    if (!dynlib_bind(libssl_handle, symbols, std::size(symbols))) {
+    if (lent_locks != nullptr || !dynlib_bind(libssl_handle, symbols, std::size(symbols))) {
         return;
     }
     size_t count = static_cast<size_t>(num_locks());

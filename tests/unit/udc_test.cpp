@@ -1,8 +1,7 @@
-#include "udc.h"
-
 #include "fake_core.h"
 #include "guards.h"
 #include "udc_reader.h"
+#include "vindral_log.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +10,29 @@
 #include <pthread.h>
 #include <string>
 #include <vector>
+
+/* Memory for the module under test runs out after this many allocations. */
+static int allocations_left = std::numeric_limits<int>::max();
+
+static bool memory_left() {
+    return allocations_left-- > 0;
+}
+static void* limited_malloc(size_t size) {
+    return memory_left() ? malloc(size) : nullptr;
+}
+static void* limited_calloc(size_t count, size_t size) {
+    return memory_left() ? calloc(count, size) : nullptr;
+}
+static void* limited_realloc(void* block, size_t size) {
+    return memory_left() ? realloc(block, size) : nullptr;
+}
+#define malloc limited_malloc
+#define calloc limited_calloc
+#define realloc limited_realloc
+#include "udc.cpp"
+#undef malloc
+#undef calloc
+#undef realloc
 
 using namespace std::string_literals;
 
@@ -273,6 +295,21 @@ TEST(udcw_add, refuses_a_nested_record_that_is_null_or_shorter_than_a_header) {
     EXPECT_EQ(w.bytes(), header(32, 0, 0, 0, 0, 0, 0, 0));
 }
 
+TEST(udcw_add, refuses_to_grow_a_record_beyond_4_gb) {
+    writer inner(0, 0, 0, 0, 0, 0);
+    writer w(0, 0, 0, 0, 0, 1);
+    UDC* before = w->udc;
+    w->udc->size = 0xFFFFFFF0; /* as if it held that much */
+    EXPECT_EQ(udcw_add(w, UDC_STRING, "sixteen letters."), 0);
+    EXPECT_EQ(udcw_add(w, UDC_RECORD, inner->udc), 0);
+    EXPECT_EQ(w->udc, before);
+    EXPECT_EQ(w->udc->size, 0xFFFFFFF0);
+    EXPECT_EQ(w->udc->udca, 0u);
+    EXPECT_EQ(w->sarr_index, 0u);
+    EXPECT_EQ(w->pudc_index, 0u);
+    w->udc->size = 32;
+}
+
 TEST(udcw_add, takes_any_number_of_nested_records_and_keeps_every_pointer_right) {
     writer w(0, 1, 0, 0, 0, 1);
     EXPECT_EQ(udcw_add(w, UDC_UI32, 67), 1);
@@ -487,8 +524,10 @@ TEST(udcw_from_udc, finds_the_nested_records_behind_missing_strings) {
 
 TEST(udcw_from_udc, finds_nested_records_whose_headers_read_as_long_texts) {
     /* A size of 16 MB and more has no zero byte, and neither have large counts. */
-    uint32_t ui32_values = 0x01010101 / 4;
-    wrapped w(record_of(3, 1, "one\0"s + plain_record(ui32_values)));
+    constexpr uint32_t VALUES = 0x01010101 / 4;
+    wrapped w(record_of(3, 1,
+                        "one\0"s + header(32 + 4 * VALUES, 0, VALUES, 0, 0, 0, 0, 0) +
+                            std::string(4 * VALUES, '\1')));
     ASSERT_EQ(w.result, 1);
     EXPECT_EQ(w->sarr_index, 1u);
 }
@@ -733,6 +772,83 @@ TEST(udcw_free, leaves_the_record_and_clears_the_pointer) {
     EXPECT_EQ(record->size, 41u);
     udcw_free(&w);
     udcw_free(nullptr);
+}
+
+/* Memory */
+
+/* Runs `attempt` with memory for 0, 1, 2 ... allocations until it succeeds; `unchanged` after each
+ * failure. */
+template <typename F, typename G>
+static void with_little_memory(F attempt, G unchanged) {
+    int done = 0;
+    for (int allowed = 0; !done; allowed++) {
+        ASSERT_LT(allowed, 10);
+        allocations_left = allowed;
+        done = attempt();
+        allocations_left = std::numeric_limits<int>::max();
+        if (!done) {
+            unchanged();
+        }
+    }
+}
+
+TEST(without_memory, nothing_is_created) {
+    UDCW* w = nullptr;
+    with_little_memory([&] { return create_new_udcw(&w, 1, 1, 1, 1, 1, 1); },
+                       [&] { EXPECT_EQ(w, nullptr); });
+    free(w->udc);
+    udcw_free(&w);
+}
+
+TEST(without_memory, nothing_is_added) {
+    writer inner(0, 1, 0, 0, 0, 0);
+    writer w(0, 0, 0, 0, 0, 2);
+    udcw_add(w, UDC_STRING, "one");
+    std::string before = w.bytes();
+    with_little_memory([&] { return udcw_add(w, UDC_STRING, "two"); },
+                       [&] {
+                           EXPECT_EQ(w.bytes(), before);
+                           EXPECT_EQ(w->sarr_index, 1u);
+                           EXPECT_STREQ(w->pStrArr[0], "one");
+                       });
+    before = w.bytes();
+    with_little_memory([&] { return udcw_add(w, UDC_RECORD, inner->udc); },
+                       [&] {
+                           EXPECT_EQ(w.bytes(), before);
+                           EXPECT_EQ(w->pudc_index, 0u);
+                       });
+    EXPECT_STREQ(w->pStrArr[1], "two");
+    EXPECT_EQ(w->pudc_index, 1u);
+}
+
+TEST(without_memory, nothing_is_wrapped_copied_or_appended) {
+    odd_block block(full_record());
+    UDCW* w = nullptr;
+    with_little_memory([&] { return udcw_from_udc(block.udc(), &w, block.size()); },
+                       [&] { EXPECT_EQ(w, nullptr); });
+    udcw_free(&w);
+    heap<UDC> copy;
+    with_little_memory(
+        [&] {
+            copy.reset(udc_copy(block.udc()));
+            return copy != nullptr;
+        },
+        [] {});
+    size_t size = 1;
+    char* list = static_cast<char*>(malloc(size));
+    with_little_memory([&] { return udc_add_to_list(&list, &size, block.udc()); },
+                       [&] { EXPECT_EQ(size, 1u); });
+    EXPECT_EQ(size, 1 + block.size());
+    free(list);
+}
+
+TEST(without_memory, a_dump_says_that_it_failed) {
+    odd_block block(full_record());
+    take_log();
+    allocations_left = 0;
+    udc_print_all_data(block.udc());
+    allocations_left = std::numeric_limits<int>::max();
+    EXPECT_EQ(take_log_text(), "0 ERROR: udc_print_all_data: failed on udcw_from_udc\n");
 }
 
 /* Dump */

@@ -25,12 +25,15 @@ enum class store_result {
 };
 
 /* Told of each record once it is committed, and of what could not be decoded. Called on the writer
- * thread, in order. */
+ * thread, in order, before the block's `done`. The record is a view that ends with the call. */
 struct store_listener {
     virtual ~store_listener() = default;
     virtual void on_record(const poll_block& from, const record& r) = 0;
     virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                                 const std::string& reason, const std::string& kept_as) = 0;
+    /* Something the operator should see: storing fails, storing works again. The collector's other
+     * parts may report here too, from any thread. */
+    virtual void on_problem(const std::string& text) { (void)text; }
 };
 
 struct store_options {

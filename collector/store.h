@@ -3,6 +3,7 @@
 #ifndef VINDRAL_COLLECTOR_STORE_H
 #define VINDRAL_COLLECTOR_STORE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,9 +13,9 @@ struct record; /* record.h */
 
 /* One poll's block, verified and unpacked. */
 struct poll_block {
-    std::string account; /* the agent's e-mail address */
-    std::string agent;   /* its name */
-    std::string plain;   /* run of records */
+    std::string account;  /* the agent's e-mail address */
+    std::string agent;    /* its name */
+    std::string plain;    /* run of records */
     int64_t received = 0; /* seconds since the epoch */
 };
 
@@ -25,17 +26,20 @@ enum class store_result {
 };
 
 /* Told of each record once it is committed, and of what could not be decoded. Called on the writer
- * thread, in order. */
+ * thread, in order, before the block's `done`. The record is a view that ends with the call. */
 struct store_listener {
     virtual ~store_listener() = default;
     virtual void on_record(const poll_block& from, const record& r) = 0;
     virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                                 const std::string& reason, const std::string& kept_as) = 0;
+    /* Something the operator should see: storing fails, storing works again. The collector's other
+     * parts may report here too, from any thread. */
+    virtual void on_problem(const std::string& text) { (void)text; }
 };
 
 struct store_options {
-    std::string directory;   /* state directory; created when missing */
-    int keep_days = 30;      /* whole days of results kept; 0 keeps all */
+    std::string directory;         /* state directory; created when missing */
+    int keep_days = 30;            /* whole days of results kept; 0 keeps all */
     size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
 };
 
@@ -46,8 +50,8 @@ public:
                                        std::string& error);
     virtual ~store() = default; /* finishes what is queued, then closes */
 
-    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers it.
-     * An empty block is answered `stored` at once. */
+    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers
+     * it. An empty block is answered `stored` at once. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 };
 

@@ -7,11 +7,12 @@
  *          32  the I32, UI32, I64, UI64 and D64 values, then the strings (each ends in a NUL),
  *              then the nested records
  *
- * The first UI32 is the type of the record. 64-bit values lie at any address. A record may hold fewer
- * strings than it declares: the agent's writer refuses an empty string and leaves the count as it is.
+ * The first UI32 is the type of the record. 64-bit values lie at any address. A record may hold
+ * fewer strings than it declares: the agent's writer refuses an empty string and leaves the count
+ * as it is.
  *
- * Everything here is a view into the caller's bytes; nothing is copied. Work and memory are bounded by
- * the number of bytes given, whatever the counts in them claim. */
+ * Everything here is a view into the caller's bytes; nothing is copied. Work and memory are bounded
+ * by the number of bytes given, whatever the counts in them claim. */
 #ifndef VINDRAL_COLLECTOR_RECORD_H
 #define VINDRAL_COLLECTOR_RECORD_H
 
@@ -63,8 +64,8 @@ bool decode_record(std::string_view bytes, record& r, std::string& reason);
  *       else ... reader.bytes bytes at reader.offset are no record: reader.reason ...
  *   }
  *
- * A record that is wrong inside is passed over; where the size itself makes no sense, the rest of the
- * block is one piece that is no record. */
+ * A record that is wrong inside is passed over; where the size itself makes no sense, the rest of
+ * the block is one piece that is no record. */
 class block_reader {
 public:
     explicit block_reader(std::string_view block) : block_(block) {}

@@ -3,6 +3,7 @@
 #ifndef VINDRAL_COLLECTOR_STORE_H
 #define VINDRAL_COLLECTOR_STORE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,9 +13,9 @@ struct record; /* record.h */
 
 /* One poll's block, verified and unpacked. */
 struct poll_block {
-    std::string account; /* the agent's e-mail address */
-    std::string agent;   /* its name */
-    std::string plain;   /* run of records */
+    std::string account;  /* the agent's e-mail address */
+    std::string agent;    /* its name */
+    std::string plain;    /* run of records */
     int64_t received = 0; /* seconds since the epoch */
 };
 
@@ -37,8 +38,8 @@ struct store_listener {
 };
 
 struct store_options {
-    std::string directory;   /* state directory; created when missing */
-    int keep_days = 30;      /* whole days of results kept; 0 keeps all */
+    std::string directory;         /* state directory; created when missing */
+    int keep_days = 30;            /* whole days of results kept; 0 keeps all */
     size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
 };
 
@@ -49,8 +50,8 @@ public:
                                        std::string& error);
     virtual ~store() = default; /* finishes what is queued, then closes */
 
-    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers it.
-     * An empty block is answered `stored` at once. */
+    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers
+     * it. An empty block is answered `stored` at once. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 };
 

@@ -70,6 +70,7 @@ bool inflate_body(std::string_view wire, size_t announced, std::string& plain, s
 
 bool unpack_body(std::string_view wire, uint64_t compression, uint64_t checksum,
                  const body_limits& limits, std::string& plain, std::string& error) {
+    std::string().swap(plain); /* gives back its memory, which assigning an empty string does not */
     if (wire.size() > std::min<size_t>(limits.max_wire, UINT32_MAX)) {
         return fail(error, "the body is larger than the limit");
     }
@@ -85,13 +86,12 @@ bool unpack_body(std::string_view wire, uint64_t compression, uint64_t checksum,
             plain.assign(wire);
             return true;
         }
-        plain.clear();
         if (inflate_body(wire, announced, plain, error)) {
             return true;
         }
     } catch (const std::bad_alloc&) {
         error = "no memory to decompress";
     }
-    plain = std::string();
+    std::string().swap(plain);
     return false;
 }

@@ -1,6 +1,5 @@
 #include "connection.h"
 
-#include <algorithm>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <linux/sockios.h>
@@ -8,6 +7,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+/* g++ 12 makes wrong code for a co_await behind && or ||, and for temporaries that live across one.
+ * Here and in server.cpp a co_await therefore stands alone, and what it uses has a name. */
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
@@ -26,7 +27,8 @@ asio::awaitable<bool> connection::wait(tcp::socket::wait_type what) {
 asio::awaitable<bool> connection::first_byte() {
     boost::system::error_code failed;
     socket_.native_non_blocking(true, failed);
-    co_return !failed && co_await wait(tcp::socket::wait_read);
+    bool readable = co_await wait(tcp::socket::wait_read);
+    co_return !failed && readable;
 }
 
 /* What the TLS call that gave `result` waits for; nothing when it failed, whose reason is kept. */
@@ -61,7 +63,11 @@ asio::awaitable<bool> connection::perform(Call call) {
             co_return true;
         }
         auto what = wanted(result);
-        if (!what || !co_await wait(*what)) {
+        if (!what) {
+            co_return false;
+        }
+        bool ready = co_await wait(*what);
+        if (!ready) {
             co_return false;
         }
     }
@@ -77,15 +83,17 @@ asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
 
 asio::awaitable<size_t> connection::read_some(char* data, size_t size) {
     size_t got = 0;
-    bool done = co_await perform([&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); });
+    auto call = [&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); };
+    bool done = co_await perform(call);
     co_return done ? got : 0;
 }
 
 asio::awaitable<bool> connection::write(std::string_view data) {
     while (!data.empty()) {
         size_t sent = 0;
-        if (!co_await perform(
-                [&](SSL* ssl) { return SSL_write_ex(ssl, data.data(), data.size(), &sent); })) {
+        auto call = [&](SSL* ssl) { return SSL_write_ex(ssl, data.data(), data.size(), &sent); };
+        bool done = co_await perform(call);
+        if (!done) {
             co_return false;
         }
         data.remove_prefix(sent);
@@ -103,13 +111,15 @@ asio::awaitable<bool> connection::end_cleanly() {
     boost::system::error_code ignored;
     socket_.set_option(asio::socket_base::linger(false, 0), ignored);
     uint64_t before = BIO_number_written(SSL_get_wbio(ssl_.get()));
-    if (!co_await perform(send_tls_end)) {
+    bool sent = co_await perform(send_tls_end);
+    if (!sent) {
         co_return false;
     }
     uint64_t tail =
         BIO_number_written(SSL_get_wbio(ssl_.get())) - before + 1; /* 1: end of stream */
     socket_.shutdown(tcp::socket::shutdown_send, ignored);
-    if (!co_await drain()) {
+    bool ended = co_await drain();
+    if (!ended) {
         co_return false;
     }
     int unacknowledged = 0;
@@ -131,11 +141,15 @@ asio::awaitable<bool> connection::drain() {
         if (got < 0 && errno != EAGAIN && errno != EINTR) {
             co_return false;
         }
-        if (got < 0 && !co_await wait(tcp::socket::wait_read)) {
+        if (got < 0) {
+            bool ready = co_await wait(tcp::socket::wait_read);
+            if (!ready) {
+                co_return false;
+            }
+        } else if (size_t(got) >= left) {
             co_return false;
-        }
-        if (got > 0 && (left -= std::min<size_t>(got, left)) == 0) {
-            co_return false;
+        } else {
+            left -= size_t(got);
         }
     }
 }

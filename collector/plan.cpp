@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
-#include <cstdlib>
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
@@ -133,6 +131,10 @@ test_key key_of(const command& c, const std::vector<std::string_view>& fields) {
     return {c.type, id};
 }
 
+std::string name_of(test_key key) {
+    return type_name(key.first) + " test " + std::to_string(key.second);
+}
+
 /* Which tests a list of commands leaves behind, for an agent that starts without any. */
 class presence {
 public:
@@ -144,15 +146,14 @@ public:
         auto known = tests_.find(key);
         bool there = known != tests_.end() && known->second;
         bool maybe_there = there || (known == tests_.end() && earlier_.contains(key));
-        std::string test = type_name(key.first) + " test " + std::to_string(key.second);
         if (does == effect::adds && there) {
-            return test + " is there already, adding it again does nothing";
+            return name_of(key) + " is there already, adding it again does nothing";
         }
         if (does == effect::modifies && !maybe_there) {
-            return test + " is not there, modifying it does nothing";
+            return name_of(key) + " is not there, modifying it does nothing";
         }
         if (does == effect::removes && !maybe_there) {
-            return test + " is not there, removing it does nothing";
+            return name_of(key) + " is not there, removing it does nothing";
         }
         if (does != effect::modifies) {
             tests_[key] = does == effect::adds;
@@ -175,31 +176,18 @@ private:
 const size_t max_file = 8u << 20;
 const size_t max_line = 64u << 10;
 const size_t max_problems = 1000; /* reported in one reading */
-const double quiet_seconds = 2;
-
-double steady_seconds() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-double (*steady_clock_now)() = steady_seconds; /* a test pins it */
-
-struct file_identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = -1;
-    int64_t modified_ns = 0;
-    int64_t changed_ns = 0;
-    bool operator==(const file_identity&) const = default;
-};
+const int64_t quiet_ns = 2000000000;
 
 int64_t nanoseconds(const timespec& t) {
     return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
 }
 
-file_identity identity_of(const struct stat& status) {
-    return {status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
-            nanoseconds(status.st_ctim)};
+int64_t clock_ns(clockid_t clock) {
+    timespec now;
+    clock_gettime(clock, &now);
+    return nanoseconds(now);
 }
+int64_t (*read_clock_ns)(clockid_t) = clock_ns; /* a test pins it */
 
 std::string system_error(const std::string& path) {
     return path + ": " + std::generic_category().message(errno);
@@ -259,11 +247,20 @@ bool is_comment(std::string_view line) {
 } // namespace
 
 struct plan::state {
-    bool taken = false;   /* a reading succeeded */
-    bool result = true;   /* what refresh() returned last */
-    file_identity seen;   /* the last stat */
-    double seen_at = 0;   /* when it came to look like that */
-    bool settled = false; /* it lay still when it was last read; nothing to do until it changes */
+    struct file_identity {
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = -1;
+        int64_t modified_ns = 0;
+        int64_t changed_ns = 0;
+        bool operator==(const file_identity&) const = default;
+    };
+
+    bool taken = false;     /* a reading succeeded */
+    bool result = true;     /* what refresh() returned last */
+    file_identity seen;     /* the last stat */
+    int64_t seen_at_ns = 0; /* when it came to look like that */
+    bool settled = false;   /* it lay still when it was last read; nothing to do until it changes */
     file_identity taken_from;
     std::string content; /* what was taken */
     std::string trouble; /* with the whole file, as last reported */
@@ -289,10 +286,8 @@ bool plan::state::fail(plan& owner, const std::string& why) {
 /* The time of the last change may be in the future, after a wrong clock; then we time it ourselves.
  */
 bool plan::state::is_quiet() const {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return steady_clock_now() - seen_at >= quiet_seconds ||
-           static_cast<double>(nanoseconds(now) - seen.changed_ns) / 1e9 >= quiet_seconds;
+    return read_clock_ns(CLOCK_MONOTONIC) - seen_at_ns >= quiet_ns ||
+           read_clock_ns(CLOCK_REALTIME) - seen.changed_ns >= quiet_ns;
 }
 
 namespace {
@@ -401,8 +396,7 @@ void plan::state::take(plan& owner, std::string_view text) {
         bool& there = at_agents[added.key];
         if (there && added.does == effect::adds) {
             problem(added,
-                    "agents that run have " + type_name(added.key.first) + " test " +
-                        std::to_string(added.key.second) +
+                    "agents that run have " + name_of(added.key) +
                         " already and keep it as it was: modify it, or remove it first (sent all "
                         "the same, for agents that start anew)");
         }
@@ -431,11 +425,12 @@ bool plan::refresh() {
         s.seen = {};
         return s.fail(*this, system_error(path_));
     }
-    file_identity now = identity_of(status);
+    state::file_identity now = {status.st_dev, status.st_ino, status.st_size,
+                                nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
     bool changed = now != s.seen;
     if (changed) {
         s.seen = now;
-        s.seen_at = steady_clock_now();
+        s.seen_at_ns = read_clock_ns(CLOCK_MONOTONIC);
     }
     bool quiet = s.is_quiet();
     if (!changed && (s.settled || !quiet)) {

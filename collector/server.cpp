@@ -128,21 +128,33 @@ public:
     memory_share(const memory_share&) = delete;
     memory_share& operator=(const memory_share&) = delete;
 
-    /* Makes the share at least `bytes` large. False, and nothing changed, when there is not that
-     * much. */
-    bool grow_to(size_t bytes) {
-        size_t more = bytes > held_ ? bytes - held_ : 0;
-        if (more > free_) {
+    /* False, and nothing changed, when there is not that much. */
+    bool add(size_t bytes) {
+        if (bytes > free_) {
             return false;
         }
-        free_ -= more;
-        held_ += more;
+        free_ -= bytes;
+        held_ += bytes;
         return true;
     }
+    size_t held() const { return held_; }
 
 private:
     size_t& free_;
     size_t held_ = 0;
+};
+
+/* A body as it comes in. */
+struct packed_body {
+    explicit packed_body(size_t& free_memory) : share(free_memory) {}
+
+    bool append(std::string_view piece) {
+        wire.append(piece);
+        return share.add(wire.capacity() - share.held());
+    }
+
+    std::string wire;
+    memory_share share;
 };
 } // namespace
 
@@ -158,6 +170,7 @@ struct exchange {
     clock_type::time_point accepted = clock_type::now();
     std::string input; /* read but not used yet: the head, then the beginning of the body */
     request head;
+    std::string output; /* the answer */
 };
 
 /* How the exchange of a block ended. */
@@ -194,6 +207,7 @@ struct server::state {
 
     asio::io_context context{1};
     tcp::acceptor acceptor{context};
+    asio::steady_timer sweep_timer{context};
     asio::thread_pool unpacker{1};
 
     awaitable<void> accept_all();
@@ -204,14 +218,14 @@ struct server::state {
     awaitable<void> serve(tcp::socket socket, tcp::endpoint from);
     awaitable<void> converse(exchange& x);
     awaitable<bool> read_head(exchange& x);
-    awaitable<bool> read_body(exchange& x, std::string* into, memory_share& share);
+    awaitable<bool> read_body(exchange& x, packed_body* into);
     awaitable<void> answer_login(exchange& x);
     awaitable<void> answer_poll(exchange& x);
     awaitable<block_end> take_block(exchange& x, const session& from);
     awaitable<bool> unpack(const request& head, const std::string& wire, std::string& plain,
                            std::string& error);
     awaitable<store_result> keep(poll_block block);
-    awaitable<bool> answer(exchange& x, std::string text);
+    awaitable<bool> answer(exchange& x);
 
     void begin_phase(exchange& x, server_deadlines::duration length);
 };
@@ -257,7 +271,9 @@ void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
     ++connections;
     ++per_address[key];
     asio::co_spawn(context, serve(std::move(socket), from), [this, key](std::exception_ptr thrown) {
-        --connections;
+        if (--connections == 0 && stopping) {
+            sweep_timer.cancel();
+        }
         auto entry = per_address.find(key);
         if (--entry->second == 0) {
             per_address.erase(entry);
@@ -278,10 +294,9 @@ void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
 
 /* Gives up what is past its deadline. Runs as long as there are connections. */
 awaitable<void> server::state::sweep() {
-    asio::steady_timer timer(context);
     while (connections > 0) {
-        timer.expires_after(tick);
-        co_await timer.async_wait(asio::as_tuple(asio::use_awaitable));
+        sweep_timer.expires_after(tick);
+        co_await sweep_timer.async_wait(asio::as_tuple(asio::use_awaitable));
         auto now = clock_type::now();
         for (connection& link : links) {
             if (now >= std::min(link.deadline(), stop_by) && !link.given_up()) {
@@ -309,6 +324,7 @@ void server::state::stop() {
             link.give_up();
         }
     }
+    sweep_timer.cancel(); /* one sweep now; it ends with the last connection */
     log.flush();
 }
 
@@ -317,18 +333,21 @@ void server::state::stop() {
 awaitable<void> server::state::serve(tcp::socket socket, tcp::endpoint from) {
     exchange x(std::move(socket), from, clock_type::now() + options.deadlines.handshake);
     links.push_back(x.link);
-    if (!co_await x.link.first_byte()) {
+    bool good = co_await x.link.first_byte();
+    if (!good) {
         co_return;
     }
     co_await converse(x);
 }
 
 awaitable<void> server::state::converse(exchange& x) {
-    if (!co_await x.link.handshake(tls)) {
+    bool secure = co_await x.link.handshake(tls);
+    if (!secure) {
         log(event::tls, "no TLS with " + describe(x.from) + ": " + x.link.problem());
         co_return;
     }
-    if (!co_await read_head(x)) {
+    bool whole = co_await read_head(x);
+    if (!whole) {
         log(event::request, "no request from " + describe(x.from) + ": " + x.link.problem());
         co_return;
     }
@@ -336,7 +355,8 @@ awaitable<void> server::state::converse(exchange& x) {
     size_t length = find_head(x.input, 0);
     if (!parse_head(std::string_view(x.input).substr(0, length), x.head, error)) {
         log(event::request, "bad request from " + describe(x.from) + ": " + error);
-        co_await answer(x, make_answer("400 " + error, "", answer_log_in_again));
+        x.output = make_answer("400 " + error, "", answer_log_in_again);
+        co_await answer(x);
         co_return;
     }
     x.input.erase(0, length);
@@ -348,8 +368,8 @@ awaitable<void> server::state::converse(exchange& x) {
         co_await answer_poll(x);
         break;
     case request::kind::other:
-        co_await answer(x,
-                        make_answer("404 Not Found", "", "This is a vindral collection server.\n"));
+        x.output = make_answer("404 Not Found", "", "This is a vindral collection server.\n");
+        co_await answer(x);
     }
 }
 
@@ -370,7 +390,7 @@ awaitable<bool> server::state::read_head(exchange& x) {
 
 /* Reads the body, into `into` or, when that is null, to nowhere. What comes after it is ignored:
  * one exchange a connection. False when the connection broke or is not worth going on with. */
-awaitable<bool> server::state::read_body(exchange& x, std::string* into, memory_share& share) {
+awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
     const server_deadlines& limits = options.deadlines;
     size_t left = x.head.content_length;
     if (left > options.body.max_wire || x.head.compression > options.body.max_plain) {
@@ -380,21 +400,16 @@ awaitable<bool> server::state::read_body(exchange& x, std::string* into, memory_
         co_return false;
     }
     begin_phase(x, limits.body + std::chrono::seconds(left / limits.body_rate));
-    std::string_view piece = x.input;
-    if (into) {
-        into->reserve(
-            std::min<size_t>(left, 64u << 10)); /* no more on the mere word of a stranger */
+    if (into) { /* no more than this on a stranger's word */
+        into->wire.reserve(std::min<size_t>(left, 64u << 10));
     }
+    std::string_view piece = x.input;
     for (;;) {
         piece = piece.substr(0, left);
         left -= piece.size();
-        if (into) {
-            into->append(piece);
-            if (!share.grow_to(into->capacity())) {
-                log(event::memory,
-                    "no memory left for bodies: connection of " + describe(x.from) + " reset");
-                co_return false;
-            }
+        if (into && !into->append(piece)) {
+            log(event::memory, "no memory left for bodies: reset " + describe(x.from));
+            co_return false;
         }
         if (left == 0) {
             co_return true;
@@ -408,10 +423,14 @@ awaitable<bool> server::state::read_body(exchange& x, std::string* into, memory_
     }
 }
 
-/* Writes a whole answer and ends the connection. True when the agent has it. */
-awaitable<bool> server::state::answer(exchange& x, std::string text) {
+/* Writes the whole answer and ends the connection. True when the agent has it. */
+awaitable<bool> server::state::answer(exchange& x) {
+    if (x.link.given_up()) {
+        co_return false;
+    }
     begin_phase(x, options.deadlines.answer);
-    if (x.link.given_up() || !co_await x.link.write(text)) {
+    bool written = co_await x.link.write(x.output);
+    if (!written) {
         co_return false;
     }
     x.link.set_deadline(clock_type::now() + options.deadlines.drain);
@@ -419,15 +438,16 @@ awaitable<bool> server::state::answer(exchange& x, std::string text) {
 }
 
 awaitable<void> server::state::answer_login(exchange& x) {
-    memory_share share(free_memory);
-    if (!co_await read_body(x, nullptr, share)) { /* an agent sends none */
+    bool whole = co_await read_body(x, nullptr); /* an agent sends none */
+    if (!whole) {
         co_return;
     }
     const std::string name =
         printable(x.head.agent) + " of " + printable(x.head.account) + " at " + describe(x.from);
     if (!allowed.empty() && !allowed.contains(x.head.account)) {
         log(event::session, "login refused, account not allowed: " + name);
-        co_await answer(x, make_answer("200 OK", answer_not_authorised, answer_not_authorised));
+        x.output = make_answer("200 OK", answer_not_authorised, answer_not_authorised);
+        co_await answer(x);
         co_return;
     }
     auto fresh = sessions.log_in(x.head.account, x.head.agent, clock_type::now());
@@ -438,31 +458,34 @@ awaitable<void> server::state::answer_login(exchange& x) {
     log(event::login, "login: " + name);
     commands.refresh();
     fresh->delivered = fresh->answered_from = commands.newest(); /* all of it, in this answer */
-    co_await answer(x, make_answer("200 OK", fresh->id, commands.text_after(0)));
+    x.output = make_answer("200 OK", fresh->id, commands.text_after(0));
+    co_await answer(x);
 }
 
 awaitable<void> server::state::answer_poll(exchange& x) {
     std::shared_ptr<session> s = sessions.find(x.head.session, clock_type::now());
-    if (!s) {
-        memory_share share(free_memory);
-        if (co_await read_body(x, nullptr, share)) {
-            log(event::session, "unknown session, asked to log in again: " + describe(x.from));
-            co_await answer(x, make_answer("200 OK", "", answer_log_in_again));
-        }
-        co_return;
+    block_end end = block_end::again;
+    if (s) {
+        end = co_await take_block(x, *s);
+    } else {
+        bool whole = co_await read_body(x, nullptr);
+        end = whole ? block_end::again : block_end::broken;
+        log(event::session, "unknown session, must log in again: " + describe(x.from));
     }
-    block_end end = co_await take_block(x, *s);
     if (end == block_end::broken) {
         co_return;
     }
     if (end == block_end::again) {
-        co_await answer(x, make_answer("200 OK", "", answer_log_in_again));
+        x.output = make_answer("200 OK", "", answer_log_in_again);
+        co_await answer(x);
         co_return;
     }
     commands.refresh();
     uint64_t from = end == block_end::duplicate ? s->answered_from : s->delivered;
     uint64_t newest = commands.newest();
-    if (co_await answer(x, make_answer("200 OK", "", commands.text_after(from)))) {
+    x.output = make_answer("200 OK", "", commands.text_after(from));
+    bool arrived = co_await answer(x);
+    if (arrived) {
         s->answered_from = from;
         s->delivered = std::max(s->delivered, newest);
     }
@@ -470,27 +493,28 @@ awaitable<void> server::state::answer_poll(exchange& x) {
 
 /* Reads, unpacks and stores the block of a poll. */
 awaitable<block_end> server::state::take_block(exchange& x, const session& from) {
-    memory_share share(free_memory);
-    std::string wire;
-    if (!co_await read_body(x, &wire, share)) {
+    packed_body body(free_memory);
+    bool whole = co_await read_body(x, &body);
+    if (!whole) {
         co_return block_end::broken;
     }
-    if (!share.grow_to(wire.capacity() + std::max<size_t>(wire.size(), x.head.compression))) {
-        log(event::memory,
-            "no memory left to unpack: connection of " + describe(from, x) + " reset");
+    if (!body.share.add(std::max<size_t>(body.wire.size(), x.head.compression))) {
+        log(event::memory, "no memory left to unpack: reset " + describe(from, x));
         co_return block_end::broken;
     }
     begin_phase(x, options.deadlines.whole);
     poll_block block{from.account, from.agent, "", time(nullptr)};
     std::string error;
-    if (!co_await unpack(x.head, wire, block.plain, error)) {
-        log(event::body, "bad body, asked to send it again: " + describe(from, x) + ": " + error);
+    bool good = co_await unpack(x.head, body.wire, block.plain, error);
+    if (!good) {
+        log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
         co_return block_end::again;
     }
     if (block.plain.empty()) {
         co_return block_end::stored;
     }
-    switch (co_await keep(std::move(block))) {
+    store_result result = co_await keep(std::move(block));
+    switch (result) {
     case store_result::stored:
         co_return block_end::stored;
     case store_result::duplicate:
@@ -498,7 +522,7 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
     case store_result::failed:
         break;
     }
-    log(event::storing, "not stored, asked to send it again: " + describe(from, x));
+    log(event::storing, "not stored, must come again: " + describe(from, x));
     co_return block_end::again;
 }
 

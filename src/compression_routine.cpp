@@ -30,7 +30,7 @@ int init_zlib() {
     }
     zlib_handle = dynlib_open(ZLIB_NAMES, std::size(ZLIB_NAMES));
     if (zlib_handle == nullptr) {
-        leveledadd2log(0, "ZLIB: failed on loading %s, %s", ZLIB_NAMES[0], dlerror());
+        leveledadd2log(0, "ZLIB: failed on loading %s, %s", ZLIB_NAMES[0], dynlib_error());
         return 0;
     }
     if (!dynlib_bind(zlib_handle, ZLIB_SYMBOLS, std::size(ZLIB_SYMBOLS))) {

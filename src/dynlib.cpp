@@ -4,12 +4,17 @@
 #include <dlfcn.h>
 
 void* dynlib_open(const char* const* names, size_t count) {
-    dlerror();
+    dynlib_error();
     void* handle = nullptr;
     for (size_t i = 0; i < count && handle == nullptr; i++) {
         handle = dlopen(names[i], RTLD_NOW);
     }
     return handle;
+}
+
+const char* dynlib_error() {
+    const char* reason = dlerror(); // NOLINT(concurrency-mt-unsafe): glibc keeps one per thread
+    return reason != nullptr ? reason : "";
 }
 
 int dynlib_bind(void* handle, const dynlib_symbol* symbols, size_t count) {

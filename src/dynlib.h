@@ -10,9 +10,13 @@
 #include <cstddef>
 
 /* Opens the first candidate that loads (RTLD_NOW), in order. Returns its handle, or null when none
- * loads; dlerror() then still holds the reason of the last one. The handle is the caller's to
+ * loads; dynlib_error() then tells the reason of the last one. The handle is the caller's to
  * dlclose. */
 void* dynlib_open(const char* const* names, size_t count);
+
+/* The loader's reason for the last failure in this thread, and forgets it; "" when there is none.
+ * The text is valid until the next call into the loader. */
+const char* dynlib_error();
 
 /* A name to bind and where its address goes: the address of a function pointer, or of any other
  * pointer. `fallback` may be null; otherwise it is called when the library does not export `name`

@@ -177,7 +177,7 @@ int init_ssl_lib() {
     }
     libssl_handle = dynlib_open(LIBSSL_NAMES, std::size(LIBSSL_NAMES));
     if (libssl_handle == nullptr) {
-        leveledadd2log(0, "SSL: failed on loading %s, %s", LIBSSL_NAMES[0], dlerror());
+        leveledadd2log(0, "SSL: failed on loading %s, %s", LIBSSL_NAMES[0], dynlib_error());
         return 0;
     }
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));

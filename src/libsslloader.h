@@ -1,7 +1,7 @@
 /* Run-time binding of the TLS library.
  *
  * The agent is not linked to OpenSSL: it looks for the library on the host and calls it through the
- * pointers below, each named after the function it stands for. Any release from 0.9.7 to 3 will do;
+ * pointers below, each named after the function it stands for. The candidates reach from 0.9.7 to 3;
  * functions that current releases no longer export are bound to their documented equivalents.
  *
  * The pointers are written on the main thread before any other thread exists and only read

@@ -36,6 +36,12 @@ static void* limited_realloc(void* block, size_t size) {
 
 using namespace std::string_literals;
 
+/* Takes a number from an odd address by value; comparing macros would bind a reference to it. */
+template <typename T>
+static T value(T number) {
+    return number;
+}
+
 /* A writer and its record, both freed by scope. */
 class writer {
 public:
@@ -115,8 +121,8 @@ private:
             ASSERT_LE(size_t{w_->pudc[i]->size}, static_cast<size_t>(end - record));
             at = record + w_->pudc[i]->size;
         }
-        EXPECT_EQ(w_->pudc_index, +w_->udc->udca);
-        EXPECT_LE(w_->sarr_index, +w_->udc->sarr);
+        EXPECT_EQ(w_->pudc_index, value(w_->udc->udca));
+        EXPECT_LE(w_->sarr_index, value(w_->udc->sarr));
     }
 
     odd_block block_;
@@ -450,17 +456,17 @@ static std::string full_record() {
 TEST(udcw_from_udc, gives_access_to_everything_at_an_odd_address) {
     wrapped w(full_record());
     ASSERT_EQ(w.result, 1);
-    EXPECT_EQ(+w->pi32[0], -1);
-    EXPECT_EQ(+w->pui32[0], 66u);
-    EXPECT_EQ(+w->pui32[1], 4000000000U);
-    EXPECT_EQ(+w->pi64[0], -2);
-    EXPECT_EQ(+w->pui64[0], UINT64_MAX);
-    EXPECT_EQ(+w->pd64[0], 1.5);
+    EXPECT_EQ(value(w->pi32[0]), -1);
+    EXPECT_EQ(value(w->pui32[0]), 66u);
+    EXPECT_EQ(value(w->pui32[1]), 4000000000U);
+    EXPECT_EQ(value(w->pi64[0]), -2);
+    EXPECT_EQ(value(w->pui64[0]), UINT64_MAX);
+    EXPECT_EQ(value(w->pd64[0]), 1.5);
     ASSERT_EQ(w->sarr_index, 2u);
     EXPECT_STREQ(w->pStrArr[0], "one");
     EXPECT_STREQ(w->pStrArr[1], "two");
     ASSERT_EQ(w->pudc_index, 2u);
-    EXPECT_EQ(+w->pudc[0]->ui32, 1u);
+    EXPECT_EQ(value(w->pudc[0]->ui32), 1u);
     EXPECT_EQ(reinterpret_cast<char*>(w->pudc[0]), w->pStrArr[1] + 4);
     EXPECT_EQ(reinterpret_cast<char*>(w->pudc[1]),
               reinterpret_cast<char*>(w->pudc[0]) + w->pudc[0]->size);
@@ -512,7 +518,7 @@ TEST(udcw_from_udc, finds_the_nested_records_behind_missing_strings) {
             ASSERT_EQ(w.result, 1) << missing << " missing, " << nested.size() << " bytes";
             EXPECT_EQ(w->sarr_index, 2u);
             ASSERT_EQ(w->pudc_index, 2u);
-            EXPECT_EQ(+w->pudc[1]->size, nested.size());
+            EXPECT_EQ(value(w->pudc[1]->size), nested.size());
             wrapped none(record_of(missing, 1, nested));
             ASSERT_EQ(none.result, 1) << missing << " missing, " << nested.size() << " bytes";
             EXPECT_EQ(none->sarr_index, 0u);

@@ -13,7 +13,7 @@
 
 static char calls[1024];
 
-static void note(const char* text) {
+[[maybe_unused]] static void note(const char* text) {
     strncat(calls, text, sizeof calls - strlen(calls) - 1);
     strncat(calls, "\n", sizeof calls - strlen(calls) - 1);
 }

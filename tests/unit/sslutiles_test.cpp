@@ -164,17 +164,6 @@ struct socket_pair {
 /* --- opening a connection ----------------------------------------------------------------------
  */
 
-static unsigned short closed_port() {
-    unique_fd sk(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(0, bind(sk.get(), reinterpret_cast<sockaddr*>(&address), size));
-    EXPECT_EQ(0, getsockname(sk.get(), reinterpret_cast<sockaddr*>(&address), &size));
-    return ntohs(address.sin_port);
-}
-
 static int connect_to(const char* port, long budget = 10 * SECOND) {
     return make_connection("127.0.0.1", port, &budget);
 }
@@ -272,7 +261,7 @@ TEST_F(connection, the_first_address_with_a_socket_is_taken) {
 
 TEST_F(connection, later_addresses_are_not_tried_when_the_connect_fails) {
     tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
-    std::vector<address_entry> entries = {inet_entry(closed_port()),
+    std::vector<address_entry> entries = {inet_entry(atoi(closed_port().c_str())),
                                           inet_entry(atoi(server.port()))};
     resolve_to(entries);
     EXPECT_EQ(-1, connect_to("443"));
@@ -297,9 +286,8 @@ TEST_F(connection, an_error_at_once) {
 }
 
 TEST_F(connection, refused) {
-    std::string port = std::to_string(closed_port());
     long budget = SECOND;
-    EXPECT_EQ(-1, make_connection("127.0.0.1", port.c_str(), &budget));
+    EXPECT_EQ(-1, make_connection("127.0.0.1", closed_port().c_str(), &budget));
     EXPECT_EQ("0 Error in delayed connection() 111 - Connection refused\n", take_log_text());
     EXPECT_LT(budget, SECOND);
     EXPECT_GT(budget, 0);

@@ -1,7 +1,6 @@
 /* The header scan, the content length, the header values and the URL splitter: everything that
  * looks at a server's bytes before anybody has vouched for them. */
-#include "guards.h"
-#include "sslutiles.h"
+#include "sslutiles.cpp"
 
 #include <cstdint>
 #include <cstring>

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -101,6 +100,7 @@ int process_arguments(int argc, char** argv) {
     };
     optind = 0; /* from the start, whoever has parsed before */
     int letter;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): main is alone
     while ((letter = getopt_long(argc, argv, "+hVC:L:l:D:U:A:V", long_options, nullptr)) != -1) {
         switch (letter) {
         case 'C':
@@ -256,13 +256,13 @@ int readConfig() {
     const char* path = or_default(conf_file, DEFAULT_CONF_FILE);
     FILE* file = fopen(path, "re");
     if (file == nullptr) {
-        leveledadd2log(-1, "Can not open main configuration file: \"%s\" for reading, %s", path,
-                       strerror(errno));
+        leveledadd2log(-1, "Can not open main configuration file: \"%s\" for reading, %m", path);
         return 0;
     }
     read_settings(file);
     fclose(file);
 
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): main is alone
     const char* home = getenv("VINDRALHOME");
     if (agent_home == nullptr && home != nullptr && *home != '\0') {
         agent_home = strdup(home);

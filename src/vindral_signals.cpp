@@ -29,6 +29,7 @@ static void set_crash_alarm() {
     alarm(CRASH_TIME_S);
 }
 
+/* The symbols are not freed: the heap may be broken, and the process is at its end. */
 static void log_backtrace() {
     void* addresses[BACKTRACE_DEPTH];
     int count = backtrace(addresses, BACKTRACE_DEPTH);
@@ -53,7 +54,7 @@ static void log_backtrace() {
     log_backtrace();
     leveledadd2log(-1, "end of Backtrace");
     cancel_main_worker();
-    exit(0);
+    exit(0); // NOLINT(concurrency-mt-unsafe): the alarm covers what may come of it
 }
 
 void catch_all_signals(int n) {

@@ -12,10 +12,11 @@ struct body_limits {
     size_t max_plain = 256u << 20; /* bytes after decompression */
 };
 
-/* Checks and unpacks one poll body. `compression` is the uncompressed size that the agent announced,
- * 0 for a body sent raw; `checksum` the Adler-32 of the bytes as sent, 0 for none. On success `plain`
- * holds the block. On failure returns false with the reason in `error`; the agent must keep its block
- * and send it again. */
+/* Checks and unpacks one poll body. `compression` is the uncompressed size that the agent
+ * announced, 0 for a body sent raw; `checksum` the Adler-32 of the bytes as sent, 0 for none. On
+ * success `plain` holds the block. On failure returns false with the reason in `error` and `plain`
+ * empty; the agent must keep its block and send it again. Memory is bounded by max_plain, and
+ * follows what really comes out of the decompression, not what was announced. */
 bool unpack_body(std::string_view wire, uint64_t compression, uint64_t checksum,
                  const body_limits& limits, std::string& plain, std::string& error);
 

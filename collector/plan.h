@@ -1,6 +1,20 @@
 /* The plan: a file of commands for the agents, one a line, fields separated by tabs, '#' comments.
  * Checked when it is read; a line that an agent would refuse or drop silently is reported with its
- * number and the reason, and is not sent. No network in here. */
+ * number and the reason, and is not sent. No network in here.
+ *
+ * Blank lines are passed over, a carriage return before the line end is removed. A line is refused
+ * for an unknown code, a wrong number of fields, an empty last field, text where a number belongs,
+ * a zero id (or zero seconds), a NUL byte, a length above 64 KiB, or because it would do nothing:
+ * adding a test that is there already, modifying or removing one that never was. The file may have
+ * 8 MiB.
+ *
+ * The file may be edited while the collector runs. Adding lines at its end, or replacing it as a
+ * whole (rename), takes effect at the next refresh(); when it is rewritten in place, or its last
+ * line has no line end, it has to lie still for two seconds, since somebody may still be writing. A
+ * file that is empty, cannot be read or is none leaves the lines as they were.
+ *
+ * Removing a line sends nothing: append the remove command too. Nothing in here may be called by
+ * two threads at once. */
 #ifndef VINDRAL_COLLECTOR_PLAN_H
 #define VINDRAL_COLLECTOR_PLAN_H
 
@@ -16,19 +30,23 @@ struct plan_line {
     std::string text;
 };
 
+/* A line that is not sent. One that is sent all the same says so in its reason: a changed add
+ * command reaches agents that log in, but those that run have the test already and keep it as it
+ * was. */
 struct plan_problem {
-    int number;
+    int number; /* 0: the whole file */
     std::string reason;
 };
 
 class plan {
 public:
-    /* An empty path is an empty plan. `report` gets each problem once per reading in which it is new. */
+    /* An empty path is an empty plan. `report` gets each problem once per reading in which it is
+     * new. */
     plan(std::string path, std::function<void(const plan_problem&)> report);
 
-    /* Reads the file when it has changed since the last reading (one stat otherwise). False, with the
-     * old lines kept, when it cannot be read. Lines that were there before keep their serial; lines
-     * new to the file get new ones. */
+    /* Reads the file when it has changed since the last reading (one stat otherwise). False, with
+     * the old lines kept, when it cannot be read. Lines that were there before keep their serial;
+     * lines new to the file get new ones. */
     bool refresh();
 
     /* The lines to send whole at a login, in file order. */
@@ -48,5 +66,12 @@ private:
     struct state;
     std::shared_ptr<state> state_;
 };
+
+/* A test that the lines add and do not remove, in the order of the adding lines. */
+struct planned_test {
+    uint32_t type; /* of the records that its results are */
+    int32_t id;
+};
+std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines);
 
 #endif

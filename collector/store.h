@@ -1,8 +1,14 @@
 /* Where results are kept: SQLite in the state directory, one writer thread, one transaction for the
- * blocks that arrive together. No network in here. */
+ * blocks that arrive together. No network in here. The tables are described in database.h.
+ *
+ * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
+ * the collector that uses the directory) and undecodable/, with a file for each block of which
+ * something did not decode. The files are for their owner alone, and so is the directory when it is
+ * made here. */
 #ifndef VINDRAL_COLLECTOR_STORE_H
 #define VINDRAL_COLLECTOR_STORE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,9 +18,9 @@ struct record; /* record.h */
 
 /* One poll's block, verified and unpacked. */
 struct poll_block {
-    std::string account; /* the agent's e-mail address */
-    std::string agent;   /* its name */
-    std::string plain;   /* run of records */
+    std::string account;  /* the agent's e-mail address */
+    std::string agent;    /* its name */
+    std::string plain;    /* run of records */
     int64_t received = 0; /* seconds since the epoch */
 };
 
@@ -25,29 +31,36 @@ enum class store_result {
 };
 
 /* Told of each record once it is committed, and of what could not be decoded. Called on the writer
- * thread, in order. */
+ * thread, in order, before the block's `done`. The record is a view that ends with the call. */
 struct store_listener {
     virtual ~store_listener() = default;
     virtual void on_record(const poll_block& from, const record& r) = 0;
     virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                                 const std::string& reason, const std::string& kept_as) = 0;
+    /* Something the operator should see: storing fails, storing works again. The collector's other
+     * parts may report here too, from any thread. */
+    virtual void on_problem(const std::string& text) { (void)text; }
 };
 
 struct store_options {
-    std::string directory;   /* state directory; created when missing */
-    int keep_days = 30;      /* whole days of results kept; 0 keeps all */
+    std::string directory;         /* state directory; created when missing */
+    int keep_days = 30;            /* whole days of results kept; 0 keeps all */
     size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
 };
 
 class store {
 public:
-    /* Null with the reason in `error` when the database cannot be opened or is not ours. */
+    /* Null with the reason in `error` when the directory cannot be used, another collector uses it,
+     * or the database cannot be opened, is not ours or comes from a newer program. `listener` may
+     * be null; it has to outlive the store. */
     static std::unique_ptr<store> open(const store_options& options, store_listener* listener,
                                        std::string& error);
     virtual ~store() = default; /* finishes what is queued, then closes */
 
-    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers it.
-     * An empty block is answered `stored` at once. */
+    /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers
+     * it. An empty block is answered `stored` and one beyond max_queued `failed` at once, on this
+     * thread. Any thread may call; `done` must not wait for the store. A database that fails (a
+     * full disk) is opened again with the next block; until then every block fails. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 };
 

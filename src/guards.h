@@ -113,8 +113,8 @@ private:
 class unique_fd {
 public:
     explicit unique_fd(int fd = -1) : fd_(fd) {}
-    unique_fd(unique_fd&& other) : fd_(other.release()) {}
-    unique_fd& operator=(unique_fd&& other) {
+    unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
+    unique_fd& operator=(unique_fd&& other) noexcept {
         if (this != &other) {
             reset(other.release());
         }

@@ -100,7 +100,6 @@ int process_arguments(int argc, char** argv) {
     };
     optind = 0; /* from the start, whoever has parsed before */
     int letter;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): main is alone
     while ((letter = getopt_long(argc, argv, "+hVC:L:l:D:U:A:V", long_options, nullptr)) != -1) {
         switch (letter) {
         case 'C':
@@ -262,7 +261,6 @@ int readConfig() {
     read_settings(file);
     fclose(file);
 
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): main is alone
     const char* home = getenv("VINDRALHOME");
     if (agent_home == nullptr && home != nullptr && *home != '\0') {
         agent_home = strdup(home);

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 static void go_home() {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): main is alone
     const char* home = getenv("HOME");
     if (chdir(home != nullptr ? home : "/") != 0) {
         /* Then the daemon works where it was started. */
@@ -121,7 +120,7 @@ int daemon_init() {
     unique_fd pid_file = open_pid_file();
     if (!pid_file || !check_old_pid(pid_file.get()) || !fork_child() ||
         !lock_pid_file(pid_file.get()) || !write_own_pid(pid_file.get())) {
-        exit(0); // NOLINT(concurrency-mt-unsafe): main is alone
+        exit(0);
     }
     (void)pid_file.release(); /* open, and with it the lock, until the process ends */
     detach_from_terminal();

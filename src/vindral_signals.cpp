@@ -54,7 +54,7 @@ static void log_backtrace() {
     log_backtrace();
     leveledadd2log(-1, "end of Backtrace");
     cancel_main_worker();
-    exit(0); // NOLINT(concurrency-mt-unsafe): the alarm covers what may come of it
+    exit(0);
 }
 
 void catch_all_signals(int n) {

@@ -1,0 +1,155 @@
+#include "connection.h"
+
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <linux/sockios.h>
+#include <openssl/err.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+/* g++ 12 makes wrong code for a co_await behind && or ||, and for temporaries that live across one.
+ * Here and in server.cpp a co_await therefore stands alone, and what it uses has a name. */
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+void connection::give_up() {
+    given_up_ = true;
+    boost::system::error_code ignored;
+    socket_.cancel(ignored);
+}
+
+asio::awaitable<bool> connection::wait(tcp::socket::wait_type what) {
+    auto [failed] = co_await socket_.async_wait(what, asio::as_tuple(asio::use_awaitable));
+    /* A wait that was already over when give_up() came is not cancelled any more. */
+    co_return !failed && !given_up_;
+}
+
+asio::awaitable<bool> connection::first_byte() {
+    boost::system::error_code failed;
+    socket_.native_non_blocking(true, failed);
+    bool readable = co_await wait(tcp::socket::wait_read);
+    co_return !failed && readable;
+}
+
+/* What the TLS call that gave `result` waits for; nothing when it failed, whose reason is kept. */
+std::optional<tcp::socket::wait_type> connection::wanted(int result) {
+    switch (SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+        return tcp::socket::wait_read;
+    case SSL_ERROR_WANT_WRITE:
+        return tcp::socket::wait_write;
+    default:
+        tls_error_ = ERR_peek_error();
+        return {};
+    }
+}
+
+std::string connection::problem() const {
+    if (given_up_) {
+        return "time is up";
+    }
+    const char* reason = ERR_reason_error_string(tls_error_);
+    return reason ? reason : "ended by the peer";
+}
+
+/* Repeats one TLS call until it is through; it returns more than 0 then. */
+template <typename Call>
+asio::awaitable<bool> connection::perform(Call call) {
+    for (;;) {
+        ERR_clear_error(); /* the queue is the thread's: what other connections left would confuse
+                            */
+        int result = call(ssl_.get());
+        if (result > 0) {
+            co_return true;
+        }
+        auto what = wanted(result);
+        if (!what) {
+            co_return false;
+        }
+        bool ready = co_await wait(*what);
+        if (!ready) {
+            co_return false;
+        }
+    }
+}
+
+asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
+    ssl_.reset(SSL_new(context));
+    if (!ssl_ || !SSL_set_fd(ssl_.get(), socket_.native_handle())) {
+        co_return false;
+    }
+    co_return co_await perform(SSL_accept);
+}
+
+asio::awaitable<size_t> connection::read_some(char* data, size_t size) {
+    size_t got = 0;
+    auto call = [&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); };
+    bool done = co_await perform(call);
+    co_return done ? got : 0;
+}
+
+asio::awaitable<bool> connection::write(std::string_view data) {
+    while (!data.empty()) {
+        size_t sent = 0;
+        auto call = [&](SSL* ssl) { return SSL_write_ex(ssl, data.data(), data.size(), &sent); };
+        bool done = co_await perform(call);
+        if (!done) {
+            co_return false;
+        }
+        data.remove_prefix(sent);
+    }
+    co_return true;
+}
+
+/* 0 from SSL_shutdown: our end is out, the peer's has not come. */
+static int send_tls_end(SSL* ssl) {
+    int result = SSL_shutdown(ssl);
+    return result == 0 ? 1 : result;
+}
+
+asio::awaitable<bool> connection::end_cleanly() {
+    boost::system::error_code ignored;
+    socket_.set_option(asio::socket_base::linger(false, 0), ignored);
+    uint64_t before = BIO_number_written(SSL_get_wbio(ssl_.get()));
+    bool sent = co_await perform(send_tls_end);
+    if (!sent) {
+        co_return false;
+    }
+    uint64_t tail =
+        BIO_number_written(SSL_get_wbio(ssl_.get())) - before + 1; /* 1: end of stream */
+    socket_.shutdown(tcp::socket::shutdown_send, ignored);
+    bool ended = co_await drain();
+    if (!ended) {
+        co_return false;
+    }
+    int unacknowledged = 0;
+    ioctl(socket_.native_handle(), SIOCOUTQ, &unacknowledged);
+    co_return uint64_t(unacknowledged) <= tail;
+}
+
+/* Reads to the peer's end. What comes is of no interest, and much of it is no agent's; a reset is
+ * an end as well, since an agent that has read its answer may close before our end of TLS reaches
+ * it. */
+asio::awaitable<bool> connection::drain() {
+    static char rubbish[16384];
+    size_t left = 1u << 20;
+    for (;;) {
+        ssize_t got = recv(socket_.native_handle(), rubbish, sizeof rubbish, 0);
+        if (got == 0 || (got < 0 && errno == ECONNRESET)) {
+            co_return true;
+        }
+        if (got < 0 && errno != EAGAIN && errno != EINTR) {
+            co_return false;
+        }
+        if (got < 0) {
+            bool ready = co_await wait(tcp::socket::wait_read);
+            if (!ready) {
+                co_return false;
+            }
+        } else if (size_t(got) >= left) {
+            co_return false;
+        } else {
+            left -= size_t(got);
+        }
+    }
+}

@@ -1,0 +1,77 @@
+/* One TLS connection of an agent, on coroutines of one thread.
+ *
+ * TLS runs straight on the socket (SSL_set_fd) and Asio only waits for readiness, so a connection
+ * that has not said anything costs a socket and this small structure, and one that has costs no
+ * more than OpenSSL's own state.
+ *
+ * An agent takes a clean end of TLS for an accepted poll, and with an old TLS library a bare end of
+ * stream too. So sockets arrive here with SO_LINGER 0 (inherited from the listener): however a
+ * connection ends, by give_up(), by its destructor or because the process died, the agent sees a
+ * reset. Only end_cleanly(), after a whole answer, turns that off. */
+#ifndef VINDRAL_COLLECTOR_CONNECTION_H
+#define VINDRAL_COLLECTOR_CONNECTION_H
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/intrusive/list.hpp>
+#include <chrono>
+#include <memory>
+#include <openssl/ssl.h>
+#include <optional>
+#include <string>
+#include <string_view>
+
+struct free_ssl {
+    void operator()(SSL* ssl) const { SSL_free(ssl); }
+};
+
+class connection : public boost::intrusive::list_base_hook<
+                       boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
+public:
+    using clock = std::chrono::steady_clock;
+
+    connection(boost::asio::ip::tcp::socket socket, clock::time_point deadline)
+        : socket_(std::move(socket)), deadline_(deadline) {}
+
+    /* Ends every wait, now and later. The connection resets once its coroutine has left. */
+    void give_up();
+    bool given_up() const { return given_up_; }
+
+    /* Why the last call failed, for the log. */
+    std::string problem() const;
+
+    bool silent() const { return !ssl_; } /* nothing has come yet */
+
+    clock::time_point deadline() const { return deadline_; }
+    void set_deadline(clock::time_point deadline) { deadline_ = deadline; }
+
+    /* The calls below return false (or 0 bytes) when the connection is of no more use: the peer has
+     * ended or broken it, or it was given up. Nothing but the destructor may follow then. */
+
+    /* Until the first byte, or the end. Makes no TLS state. */
+    boost::asio::awaitable<bool> first_byte();
+    boost::asio::awaitable<bool> handshake(SSL_CTX* context);
+    boost::asio::awaitable<size_t> read_some(char* data, size_t size);
+    boost::asio::awaitable<bool> write(std::string_view data);
+
+    /* After the whole answer: end of TLS, end of stream, then read on until the peer has ended too
+     * or the deadline comes, because closing with something unread would reset the connection and
+     * destroy an answer still on its way. True when the peer has ended and had received everything
+     * written before this call. */
+    boost::asio::awaitable<bool> end_cleanly();
+
+private:
+    template <typename Call>
+    boost::asio::awaitable<bool> perform(Call call);
+    std::optional<boost::asio::ip::tcp::socket::wait_type> wanted(int result);
+    boost::asio::awaitable<bool> wait(boost::asio::ip::tcp::socket::wait_type what);
+    boost::asio::awaitable<bool> drain();
+
+    boost::asio::ip::tcp::socket socket_;
+    std::unique_ptr<SSL, free_ssl> ssl_;
+    clock::time_point deadline_;
+    unsigned long tls_error_ = 0;
+    bool given_up_ = false;
+};
+
+#endif

@@ -1,0 +1,80 @@
+/* The result database: SQLite handles held by scope, and what is in the file.
+ *
+ *   results_YYYYMMDD  a table per day of arrival (UTC), only ever appended to, dropped whole:
+ *                     id, received (seconds since the epoch), agent (agents.id), type, test,
+ * location, time (of the check), status, record (the bytes as sent). The columns from test to
+ * status are null for a record of an unknown type. agents            id, account, name, first_seen,
+ * last_seen, last_block (SHA-256 of the agent's last stored block, by which the same block is
+ * recognised when it comes again) undecodable       id, received, agent, offset, bytes, reason,
+ * kept_as (name of the file)
+ *
+ * user_version is the version of this layout; application_id marks the file as ours. */
+#ifndef VINDRAL_COLLECTOR_DATABASE_H
+#define VINDRAL_COLLECTOR_DATABASE_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <sqlite3.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum { database_version = 1, database_application_id = 0x564e4443 };
+
+struct close_database {
+    void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+using database = std::unique_ptr<sqlite3, close_database>;
+
+/* The database's file in a state directory. */
+std::string database_path(const std::string& directory);
+
+/* Runs statements that return nothing of interest. */
+bool database_exec(sqlite3* db, const std::string& sql);
+
+/* Whether the file is one of ours that this program understands. `empty` tells a file without any
+ * content, in which the tables are still to be made. */
+bool database_check(sqlite3* db, bool& empty, std::string& error);
+
+/* Names of the day tables, oldest first. False when they cannot be read. */
+bool database_days(sqlite3* db, std::vector<std::string>& tables);
+
+/* A prepared statement. Texts and blobs that are bound must live until reset(). */
+class statement {
+public:
+    statement() = default;
+    /* ok() is false when it cannot be prepared; every other call then fails too. */
+    statement(sqlite3* db, const std::string& sql);
+    bool ok() const { return handle_ != nullptr; }
+
+    /* Parameters in order. One that cannot be bound makes the next step() fail. */
+    statement& bind(int64_t value);
+    statement& bind(std::optional<int64_t> value);
+    statement& bind_text(std::string_view value);
+    statement& bind_blob(std::string_view value);
+
+    /* True when there is a row. */
+    bool row() { return step() == SQLITE_ROW; }
+    /* True when the statement ran to its end; resets it. */
+    bool run();
+    int step();
+    void reset();
+
+    int64_t integer(int column) const { return sqlite3_column_int64(handle_.get(), column); }
+    bool is_null(int column) const {
+        return sqlite3_column_type(handle_.get(), column) == SQLITE_NULL;
+    }
+    std::string_view bytes(int column) const; /* until the next step or reset */
+
+private:
+    statement& bound(int result);
+    struct finalize {
+        void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+    };
+    std::unique_ptr<sqlite3_stmt, finalize> handle_;
+    int bound_ = 0;
+    int bind_result_ = SQLITE_OK;
+};
+
+#endif

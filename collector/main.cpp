@@ -1,0 +1,191 @@
+/* vindral-collector: options, start, stop. */
+#include "certificate.h"
+#include "options.h"
+#include "output.h"
+#include "plan.h"
+#include "report.h"
+#include "server.h"
+#include "store.h"
+#include "text.h"
+
+#include <boost/asio/signal_set.hpp>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+/* --quiet: problems as lines on standard error, nothing else. Complete lines from any thread. */
+struct quiet_listener : store_listener {
+    void on_record(const poll_block&, const record&) override {}
+    void on_undecodable(const poll_block& from, size_t, size_t bytes, const std::string& reason,
+                        const std::string& kept_as) override {
+        on_problem(std::to_string(bytes) + " bytes from " + printable(from.agent) + " of " +
+                   printable(from.account) + " are no record: " + reason + "; kept as " + kept_as);
+    }
+    void on_problem(const std::string& text) override {
+        std::string line = utc_time(time(nullptr)) + " " + text + "\n";
+        (void)!write(STDERR_FILENO, line.data(), line.size());
+    }
+};
+} // namespace
+
+static int fail(const std::string& error) {
+    std::cerr << "vindral-collector: " + error + "\n";
+    return 1;
+}
+
+static int run_missing(const options& o) {
+    missing_count count;
+    std::string error;
+    if (!print_missing(o.state_dir, o.plan, 0, std::cout, count, error)) {
+        fail(error);
+        return 2;
+    }
+    return count.missing > 0 ? 1 : 0;
+}
+
+/* Gives the process all the descriptors it may have; returns how many. */
+static size_t raise_descriptor_limit() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        getrlimit(RLIMIT_NOFILE, &limit);
+    }
+    return limit.rlim_cur;
+}
+
+/* The state directory holds the key and what agents reported: its owner's business only. */
+static bool prepare_state_dir(const std::string& path, std::string& error) {
+    namespace fs = std::filesystem;
+    std::error_code failed;
+    if (fs::create_directories(path, failed)) {
+        fs::permissions(path, fs::perms::owner_all, failed);
+    }
+    if (!failed && access(path.c_str(), W_OK | X_OK) != 0) {
+        failed.assign(errno, std::generic_category());
+    }
+    if (failed) {
+        error = "cannot use the state directory " + path + ": " + failed.message();
+    }
+    return !failed;
+}
+
+/* A script that waits for the file never sees half of it. */
+static bool write_port_file(const std::string& path, uint16_t port, std::string& error) {
+    std::string fresh = path + ".new";
+    std::ofstream file(fresh);
+    file << port << "\n";
+    file.close();
+    if (!file || rename(fresh.c_str(), path.c_str()) != 0) {
+        error = "cannot write " + path + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+static server_options server_options_from(const options& o) {
+    server_options s;
+    s.address = o.listen;
+    s.port = o.port;
+    s.allow = o.allow;
+    size_t descriptors = raise_descriptor_limit();
+    s.max_connections = o.max_connections ? o.max_connections : default_connections(descriptors);
+    s.max_per_address = o.max_per_address ? o.max_per_address : (s.max_connections + 7) / 8;
+    s.body.max_wire = o.max_body_mb << 20;
+    s.body.max_plain = s.body.max_wire * 16;
+    s.body_memory = s.body.max_plain + 8 * s.body.max_wire;
+    return s;
+}
+
+/* The first signal to end lets the polls under way finish. */
+static void handle_signals(boost::asio::signal_set& signals, server& collector, plan& commands,
+                           store_listener& output) {
+    signals.async_wait([&](boost::system::error_code failed, int number) {
+        if (failed) {
+            return;
+        }
+        if (number != SIGHUP) {
+            collector.stop();
+            return;
+        }
+        bool fine = commands.refresh();
+        output.on_problem(fine ? "plan read again" : "the plan cannot be read; the old one stays");
+        handle_signals(signals, collector, commands, output);
+    });
+}
+
+static int run_server(const options& o) {
+    std::string error;
+    identity_files identity{o.cert, o.key};
+    if (!prepare_state_dir(o.state_dir, error) ||
+        (o.cert.empty() && !ensure_identity(o.state_dir, identity, error))) {
+        return fail(error);
+    }
+    tls_context tls = make_tls_context(identity, error);
+    if (!tls) {
+        return fail(error);
+    }
+    std::unique_ptr<store_listener> output =
+        o.quiet ? std::make_unique<quiet_listener>()
+                : make_output(choose_output(STDOUT_FILENO, o.json));
+    store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
+    std::unique_ptr<store> results = store::open(keeping, output.get(), error);
+    if (!results) {
+        return fail(error);
+    }
+    std::vector<std::string> early; /* plan problems before the line "Listening on" */
+    bool listening = false;
+    plan commands(o.plan, [&](const plan_problem& problem) {
+        std::string line =
+            problem.number == 0 ? "plan: " : "plan line " + std::to_string(problem.number) + ": ";
+        line += problem.reason;
+        listening ? output->on_problem(line) : early.push_back(line);
+    });
+    if (!commands.refresh()) {
+        return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
+    }
+    auto log = [&](const std::string& line) { output->on_problem(line); };
+    server collector(server_options_from(o), tls.get(), *results, commands, log);
+    if (!collector.listen(error)) {
+        return fail(error);
+    }
+    std::cerr << "Listening on " + collector.where() + "\n";
+    listening = true;
+    for (const std::string& line : early) {
+        output->on_problem(line);
+    }
+    if (!o.port_file.empty() && !write_port_file(o.port_file, collector.port(), error)) {
+        return fail(error);
+    }
+    boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
+    handle_signals(signals, collector, commands, *output);
+    collector.run();
+    results.reset(); /* before the server that its thread may still be calling */
+    if (!o.port_file.empty()) {
+        unlink(o.port_file.c_str());
+    }
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    options o;
+    std::string text;
+    switch (parse_options(argc, argv, o, text)) {
+    case options_result::done:
+        std::cout << text;
+        return 0;
+    case options_result::wrong:
+        std::cerr << text;
+        return 2;
+    case options_result::run:
+        break;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    return o.missing ? run_missing(o) : run_server(o);
+}

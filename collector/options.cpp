@@ -1,0 +1,205 @@
+#include "options.h"
+
+#include <algorithm>
+#include <charconv>
+#include <getopt.h>
+#include <limits>
+
+static const char usage[] =
+    R"(Usage: vindral-collector [OPTION]...
+Collection server for vindral agents: takes their results, keeps them in a
+database in the state directory and sends the agents the tests of a plan.
+
+  --listen ADDRESS        IPv4 or IPv6 address to listen on (127.0.0.1)
+  --port N                port to listen on (8443); 0 picks a free one
+  --port-file FILE        write the port to FILE once it is open
+  --state-dir DIR         database, certificate and key
+                          (/var/lib/vindral-collector)
+  --plan FILE             commands for the agents, one a line
+  --cert FILE --key FILE  certificate chain and private key, PEM; without them
+                          a self-signed pair is made in the state directory
+  --allow EMAIL           account that may log in; repeat for more (all)
+  --json                  one JSON object a line on standard output
+  --quiet                 no results on standard output
+  --keep-days N           days of results to keep (30); 0 keeps all
+  --max-connections N     connections at a time (from the descriptor limit)
+  --max-per-address N     of these from one IPv4 address or one IPv6 /64
+                          (an eighth)
+  --max-body-mb N         largest body of a poll in MiB, as sent (16)
+  --missing               name the tests of --plan that have not reported yet
+                          and exit, with status 1 when there are any
+  --version               print the version and exit
+  --help                  print this text and exit
+
+SIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan
+again (it is also read whenever it has changed).
+)";
+
+namespace {
+enum long_only {
+    opt_listen = 256,
+    opt_port,
+    opt_port_file,
+    opt_state_dir,
+    opt_plan,
+    opt_cert,
+    opt_key,
+    opt_allow,
+    opt_json,
+    opt_quiet,
+    opt_keep_days,
+    opt_max_connections,
+    opt_max_per_address,
+    opt_max_body_mb,
+    opt_missing,
+    opt_version,
+    opt_help,
+};
+} // namespace
+
+static const option long_options[] = {
+    {"listen", required_argument, nullptr, opt_listen},
+    {"port", required_argument, nullptr, opt_port},
+    {"port-file", required_argument, nullptr, opt_port_file},
+    {"state-dir", required_argument, nullptr, opt_state_dir},
+    {"plan", required_argument, nullptr, opt_plan},
+    {"cert", required_argument, nullptr, opt_cert},
+    {"key", required_argument, nullptr, opt_key},
+    {"allow", required_argument, nullptr, opt_allow},
+    {"json", no_argument, nullptr, opt_json},
+    {"quiet", no_argument, nullptr, opt_quiet},
+    {"keep-days", required_argument, nullptr, opt_keep_days},
+    {"max-connections", required_argument, nullptr, opt_max_connections},
+    {"max-per-address", required_argument, nullptr, opt_max_per_address},
+    {"max-body-mb", required_argument, nullptr, opt_max_body_mb},
+    {"missing", no_argument, nullptr, opt_missing},
+    {"version", no_argument, nullptr, opt_version},
+    {"help", no_argument, nullptr, opt_help},
+    {nullptr, 0, nullptr, 0},
+};
+
+/* A whole decimal number from `low` to `high`; otherwise `text` says what was wrong with `name`. */
+template <typename T>
+static bool parse_number(const char* name, std::string_view value, T low, T high, T& out,
+                         std::string& text) {
+    T number{};
+    auto [end, failed] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (failed != std::errc() || end != value.data() + value.size() || number < low ||
+        number > high) {
+        text = std::string("--") + name + " takes a number from " + std::to_string(low) + " to " +
+               std::to_string(high) + ", not \"" + std::string(value) + "\"";
+        return false;
+    }
+    out = number;
+    return true;
+}
+
+/* What only the whole command line can show. Empty when all is well. */
+static std::string find_conflict(const options& o) {
+    if (o.cert.empty() != o.key.empty()) {
+        return "--cert and --key belong together";
+    }
+    if (o.missing && o.plan.empty()) {
+        return "--missing needs --plan";
+    }
+    return "";
+}
+
+static options_result usage_error(std::string& text) {
+    text = "vindral-collector: " + text + "\nTry 'vindral-collector --help'.\n";
+    return options_result::wrong;
+}
+
+options_result parse_options(int argc, char** argv, options& out, std::string& text) {
+    constexpr size_t most_connections = 1000000;
+    optind = 0; /* start afresh: a test calls this many times */
+    opterr = 0;
+    for (;;) {
+        int option_index = 0;
+        int at = optind == 0 ? 1 : optind;
+        int opt = getopt_long(argc, argv, "+:", long_options, &option_index);
+        if (opt == -1) {
+            break;
+        }
+        const char* name = long_options[option_index].name;
+        bool fine = true;
+        switch (opt) {
+        case opt_listen:
+            out.listen = optarg;
+            break;
+        case opt_port:
+            fine = parse_number<uint16_t>(name, optarg, 0, 65535, out.port, text);
+            break;
+        case opt_port_file:
+            out.port_file = optarg;
+            break;
+        case opt_state_dir:
+            out.state_dir = optarg;
+            break;
+        case opt_plan:
+            out.plan = optarg;
+            break;
+        case opt_cert:
+            out.cert = optarg;
+            break;
+        case opt_key:
+            out.key = optarg;
+            break;
+        case opt_allow:
+            out.allow.emplace_back(optarg);
+            fine = *optarg != 0;
+            text = fine ? "" : "--allow takes an e-mail address";
+            break;
+        case opt_json:
+            out.json = true;
+            break;
+        case opt_quiet:
+            out.quiet = true;
+            break;
+        case opt_keep_days:
+            fine = parse_number(name, optarg, 0, 36500, out.keep_days, text);
+            break;
+        case opt_max_connections:
+            fine =
+                parse_number<size_t>(name, optarg, 1, most_connections, out.max_connections, text);
+            break;
+        case opt_max_per_address:
+            fine =
+                parse_number<size_t>(name, optarg, 1, most_connections, out.max_per_address, text);
+            break;
+        case opt_max_body_mb:
+            fine = parse_number<size_t>(name, optarg, 1, 64, out.max_body_mb, text);
+            break;
+        case opt_missing:
+            out.missing = true;
+            break;
+        case opt_version:
+            text = "vindral-collector " VINDRAL_VERSION "\n";
+            return options_result::done;
+        case opt_help:
+            text = usage;
+            return options_result::done;
+        case ':':
+            text = std::string(argv[at]) + " needs a value";
+            fine = false;
+            break;
+        default:
+            text = std::string("unknown option ") + argv[at];
+            fine = false;
+        }
+        if (!fine) {
+            return usage_error(text);
+        }
+    }
+    text = optind < argc ? std::string("unexpected argument \"") + argv[optind] + "\""
+                         : find_conflict(out);
+    return text.empty() ? options_result::run : usage_error(text);
+}
+
+size_t default_connections(size_t descriptors) {
+    constexpr size_t ours = 64; /* database, logs, listener, plan and some air */
+    /* As many as one core serves within the 15 seconds that an agent waits: those beyond are better
+     * told at once. */
+    constexpr size_t plenty = 10000;
+    return std::clamp<size_t>(descriptors > ours ? descriptors - ours : 0, 16, plenty);
+}

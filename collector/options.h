@@ -1,0 +1,39 @@
+/* The command line of vindral-collector. */
+#ifndef VINDRAL_COLLECTOR_OPTIONS_H
+#define VINDRAL_COLLECTOR_OPTIONS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct options {
+    std::string listen = "127.0.0.1";
+    uint16_t port = 8443; /* 0: the kernel picks one */
+    std::string state_dir = "/var/lib/vindral-collector";
+    std::string plan;               /* empty: no plan */
+    std::string cert, key;          /* both or none; none: made in the state directory */
+    std::vector<std::string> allow; /* accounts that may log in; empty: all */
+    bool json = false;
+    bool quiet = false;
+    bool missing = false;       /* report planned tests without results, then exit */
+    int keep_days = 30;         /* 0: for ever */
+    size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */
+    size_t max_per_address = 0; /* 0: an eighth of max_connections */
+    size_t max_body_mb = 16;    /* largest poll body as sent, in MiB */
+    std::string port_file;
+};
+
+enum class options_result {
+    run,   /* start with `out` */
+    done,  /* --help or --version: print `text` on stdout, exit 0 */
+    wrong, /* print `text` on stderr, exit 2 */
+};
+
+/* Reads the command line. `text` ends in a line end. Not reentrant (getopt_long). */
+options_result parse_options(int argc, char** argv, options& out, std::string& text);
+
+/* The limit of connections when none is given, out of `descriptors` that the process may open. */
+size_t default_connections(size_t descriptors);
+
+#endif

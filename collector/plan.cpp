@@ -1,0 +1,507 @@
+#include "plan.h"
+
+#include "schema.h"
+#include "text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <ctime>
+#include <deque>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <string_view>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <unordered_map>
+
+namespace {
+
+/* The commands */
+
+enum class effect { none, adds, modifies, removes };
+enum class kind { ignored, text, number, nonzero };
+
+struct field {
+    kind what;
+    const char* name;
+};
+
+struct command {
+    std::string_view code;
+    effect does;
+    uint32_t type;             /* of the checker's results; tells the lists of tests apart */
+    size_t least, most;        /* fields, the code included */
+    std::vector<field> fields; /* from field 1 on */
+};
+
+const field test_id = {kind::nonzero, "test id"};
+const field location = {kind::number, "location id"};
+const field unused = {kind::ignored, ""};
+const field seconds = {kind::nonzero, "number of seconds"};
+const field load1 = {kind::number, "1 min maximum"};
+const field load5 = {kind::number, "5 min maximum"};
+const field load15 = {kind::number, "15 min maximum"};
+const field host = {kind::text, "host"};
+
+/* One row for each code that the agent knows. */
+const std::vector<command> commands = {
+    {"POL", effect::none, 0, 3, 3, {unused, seconds}},
+    {"CHK", effect::none, 0, 3, 3, {unused, seconds}},
+    {"UPD", effect::none, 0, 4, 4, {}},
+    {"LAA", effect::adds, type_load_average, 6, 7, {test_id, location, load1, load5, load15, host}},
+    {"LAM",
+     effect::modifies,
+     type_load_average,
+     6,
+     7,
+     {test_id, location, load1, load5, load15, host}},
+    {"LAD", effect::removes, type_load_average, 3, 3, {test_id, unused}},
+};
+
+const command* find_command(std::string_view code) {
+    auto found = std::find_if(commands.begin(), commands.end(),
+                              [code](const command& c) { return c.code == code; });
+    return found != commands.end() ? &*found : nullptr;
+}
+
+/* As the agent splits: a tab that ends the line begins no field. */
+std::vector<std::string_view> split_fields(std::string_view line) {
+    std::vector<std::string_view> fields;
+    if (line.ends_with('\t')) {
+        line.remove_suffix(1);
+    }
+    for (size_t tab; (tab = line.find('\t')) != line.npos; line.remove_prefix(tab + 1)) {
+        fields.push_back(line.substr(0, tab));
+    }
+    fields.push_back(line);
+    return fields;
+}
+
+/* A whole number that the agent's ids and limits can hold, and nothing else in the field. */
+bool read_number(std::string_view text, int32_t& number) {
+    std::string_view digits = text.starts_with('+') ? text.substr(1) : text;
+    auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return error == std::errc() && end == digits.data() + digits.size();
+}
+
+std::string quoted(std::string_view text) {
+    bool cut = text.size() > 40;
+    return "\"" + printable(text.substr(0, 40)) + (cut ? "...\"" : "\"");
+}
+
+/* The reason why an agent would not do what the line says, "" for none. */
+std::string check_fields(const command& c, const std::vector<std::string_view>& fields,
+                         bool ends_in_tab) {
+    if (fields.back().empty()) {
+        return "the last field is empty, which cannot be sent";
+    }
+    if (fields.size() < c.least || fields.size() > c.most) {
+        std::string takes = std::to_string(c.least);
+        takes += c.most > c.least ? " or " + std::to_string(c.most) : "";
+        return std::string(c.code) + " takes " + takes + " fields, here are " +
+               std::to_string(fields.size()) +
+               (ends_in_tab ? " (the tab at the end begins no field)" : "");
+    }
+    for (size_t i = 1; i < fields.size() && i <= c.fields.size(); i++) {
+        const field& f = c.fields[i - 1];
+        int32_t number = 0;
+        if (f.what != kind::number && f.what != kind::nonzero) {
+            continue;
+        }
+        if (!read_number(fields[i], number)) {
+            return "the " + std::string(f.name) + " is " + quoted(fields[i]) +
+                   ", not a whole number of 32 bits";
+        }
+        if (f.what == kind::nonzero && number == 0) {
+            return "the " + std::string(f.name) + " is 0";
+        }
+    }
+    return "";
+}
+
+/* A test of one checker. */
+using test_key = std::pair<uint32_t, int32_t>;
+
+test_key key_of(const command& c, const std::vector<std::string_view>& fields) {
+    int32_t id = 0;
+    read_number(fields[1], id);
+    return {c.type, id};
+}
+
+std::string name_of(test_key key) {
+    return type_name(key.first) + " test " + std::to_string(key.second);
+}
+
+/* Which tests a list of commands leaves behind, for an agent that starts without any. */
+class presence {
+public:
+    /* `earlier`: tests that agents may have from lines which are no longer in the file. */
+    explicit presence(const std::map<test_key, bool>& earlier) : earlier_(earlier) {}
+
+    /* The reason why the command does nothing, "" when it does something. */
+    std::string apply(effect does, test_key key) {
+        auto known = tests_.find(key);
+        bool there = known != tests_.end() && known->second;
+        bool maybe_there = there || (known == tests_.end() && earlier_.contains(key));
+        if (does == effect::adds && there) {
+            return name_of(key) + " is there already, adding it again does nothing";
+        }
+        if (does == effect::modifies && !maybe_there) {
+            return name_of(key) + " is not there, modifying it does nothing";
+        }
+        if (does == effect::removes && !maybe_there) {
+            return name_of(key) + " is not there, removing it does nothing";
+        }
+        if (does != effect::modifies) {
+            tests_[key] = does == effect::adds;
+        }
+        return "";
+    }
+
+    bool has(test_key key) const {
+        auto known = tests_.find(key);
+        return known != tests_.end() && known->second;
+    }
+
+private:
+    const std::map<test_key, bool>& earlier_;
+    std::map<test_key, bool> tests_;
+};
+
+/* The file */
+
+const size_t max_file = 8u << 20;
+const size_t max_line = 64u << 10;
+const size_t max_problems = 1000; /* reported in one reading */
+const int64_t quiet_ns = 2000000000;
+
+int64_t nanoseconds(const timespec& t) {
+    return int64_t{t.tv_sec} * 1000000000 + t.tv_nsec;
+}
+
+int64_t clock_ns(clockid_t clock) {
+    timespec now;
+    clock_gettime(clock, &now);
+    return nanoseconds(now);
+}
+int64_t (*read_clock_ns)(clockid_t) = clock_ns; /* a test pins it */
+
+std::string system_error(const std::string& path) {
+    return path + ": " + std::generic_category().message(errno);
+}
+
+/* Never waits: a pipe or a device is refused before it is read. */
+bool read_file(const std::string& path, std::string& content, std::string& trouble) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    struct stat status;
+    if (fd < 0 || fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        trouble =
+            fd >= 0 && !S_ISREG(status.st_mode) ? path + ": is not a file" : system_error(path);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return false;
+    }
+    content.clear();
+    std::string piece(64 * 1024, '\0');
+    ssize_t got;
+    while (content.size() <= max_file && (got = read(fd, piece.data(), piece.size())) != 0) {
+        if (got > 0) {
+            content.append(piece, 0, static_cast<size_t>(got));
+        } else if (errno != EINTR) {
+            trouble = system_error(path);
+            close(fd);
+            return false;
+        }
+    }
+    close(fd);
+    if (content.size() > max_file) {
+        trouble = path + ": is larger than 8 MiB";
+        return false;
+    }
+    return true;
+}
+
+/* One line without what ends it; false at the end of the text. */
+bool take_line(std::string_view& text, std::string_view& line) {
+    if (text.empty()) {
+        return false;
+    }
+    size_t end = text.find('\n');
+    line = text.substr(0, end);
+    text.remove_prefix(end == text.npos ? text.size() : end + 1);
+    while (line.ends_with('\r')) {
+        line.remove_suffix(1);
+    }
+    return true;
+}
+
+bool is_comment(std::string_view line) {
+    size_t first = line.find_first_not_of(" \t");
+    return first == line.npos || line[first] == '#';
+}
+
+} // namespace
+
+struct plan::state {
+    struct file_identity {
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = -1;
+        int64_t modified_ns = 0;
+        int64_t changed_ns = 0;
+        bool operator==(const file_identity&) const = default;
+    };
+
+    bool taken = false;     /* a reading succeeded */
+    bool result = true;     /* what refresh() returned last */
+    file_identity seen;     /* the last stat */
+    int64_t seen_at_ns = 0; /* when it came to look like that */
+    bool settled = false;   /* it lay still when it was last read; nothing to do until it changes */
+    file_identity taken_from;
+    std::string content; /* what was taken */
+    std::string trouble; /* with the whole file, as last reported */
+    std::map<std::string, int>
+        problems; /* of the last reading, by line and reason, and how often */
+    std::map<test_key, bool>
+        at_agents; /* tests that were ever added; whether running agents have them */
+
+    bool fail(plan& owner, const std::string& why);
+    bool is_quiet() const;
+    void take(plan& owner, std::string_view text);
+};
+
+bool plan::state::fail(plan& owner, const std::string& why) {
+    if (why != trouble && owner.report_) {
+        owner.report_({0, why});
+    }
+    trouble = why;
+    result = false;
+    return false;
+}
+
+/* The time of the last change may be in the future, after a wrong clock; then we time it ourselves.
+ */
+bool plan::state::is_quiet() const {
+    return read_clock_ns(CLOCK_MONOTONIC) - seen_at_ns >= quiet_ns ||
+           read_clock_ns(CLOCK_REALTIME) - seen.changed_ns >= quiet_ns;
+}
+
+namespace {
+
+struct parsed_line {
+    int number = 0;
+    std::string_view text;
+    effect does = effect::none;
+    test_key key; /* when it does something to a test */
+    uint64_t serial = 0;
+};
+
+/* Fills what the line does; returns the reason why it is not to be sent, "" when it is. */
+std::string check_line(parsed_line& line, presence& tests) {
+    if (line.text.size() > max_line) {
+        return "the line is longer than 64 KiB";
+    }
+    if (line.text.find('\0') != line.text.npos) {
+        return "there is a NUL byte in the line";
+    }
+    std::vector<std::string_view> fields = split_fields(line.text);
+    const command* c = find_command(fields[0]);
+    if (c == nullptr) {
+        return "unknown code " + quoted(fields[0]);
+    }
+    std::string reason = check_fields(*c, fields, line.text.ends_with('\t'));
+    line.does = c->does;
+    if (reason.empty() && c->does != effect::none) {
+        line.key = key_of(*c, fields);
+        reason = tests.apply(c->does, line.key);
+    }
+    return reason;
+}
+
+/* Gives each line the serial that it had, one occurrence after the other. */
+void keep_serials(const std::vector<plan_line>& before, std::vector<parsed_line>& lines) {
+    std::unordered_map<std::string_view, std::deque<uint64_t>> serials;
+    for (const plan_line& line : before) {
+        serials[line.text].push_back(line.serial);
+    }
+    for (parsed_line& line : lines) {
+        auto known = serials.find(line.text);
+        if (known != serials.end() && !known->second.empty()) {
+            line.serial = known->second.front();
+            known->second.pop_front();
+        }
+    }
+}
+
+/* Agents that run get only the new lines. A new remove above an old add would leave them without a
+ * test that an agent which logs in gets: then the lines from that add on count as new, too. */
+void renew_lost_tests(const presence& tests, std::map<test_key, bool>& at_agents,
+                      std::vector<parsed_line>& lines) {
+    std::set<test_key> lost;
+    for (auto& [key, there] : at_agents) {
+        if (!there && tests.has(key)) {
+            there = true;
+            lost.insert(key);
+        }
+    }
+    for (auto line = lines.rbegin(); line != lines.rend() && !lost.empty(); ++line) {
+        auto found = line->does != effect::none ? lost.find(line->key) : lost.end();
+        if (found != lost.end()) {
+            line->serial = 0;
+            if (line->does == effect::adds) {
+                lost.erase(found);
+            }
+        }
+    }
+}
+
+} // namespace
+
+void plan::state::take(plan& owner, std::string_view text) {
+    std::map<std::string, int> found;
+    size_t reported = 0;
+    auto problem = [&](const parsed_line& line, const std::string& reason) {
+        std::string key = reason + "\n" + std::string(line.text);
+        if (++found[key] <= problems[key] || reported > max_problems || !owner.report_) {
+            return;
+        }
+        bool last = reported++ == max_problems;
+        owner.report_({line.number, last ? "there are more problems from here on" : reason});
+    };
+
+    presence tests(at_agents);
+    std::vector<parsed_line> lines;
+    parsed_line line;
+    for (std::string_view rest = text; take_line(rest, line.text);) {
+        line.number++;
+        if (is_comment(line.text)) {
+            continue;
+        }
+        std::string reason = check_line(line, tests);
+        if (reason.empty()) {
+            lines.push_back(line);
+        } else {
+            problem(line, reason);
+        }
+    }
+    keep_serials(owner.lines_, lines);
+    for (const parsed_line& added : lines) {
+        if (added.serial != 0 || (added.does != effect::adds && added.does != effect::removes)) {
+            continue;
+        }
+        bool& there = at_agents[added.key];
+        if (there && added.does == effect::adds) {
+            problem(added,
+                    "agents that run have " + name_of(added.key) +
+                        " already and keep it as it was: modify it, or remove it first (sent all "
+                        "the same, for agents that start anew)");
+        }
+        there = added.does == effect::adds;
+    }
+    renew_lost_tests(tests, at_agents, lines);
+
+    owner.lines_.clear();
+    for (const parsed_line& held : lines) {
+        uint64_t serial = held.serial != 0 ? held.serial : ++owner.newest_;
+        owner.lines_.push_back({serial, held.number, std::string(held.text)});
+    }
+    problems = std::move(found);
+}
+
+plan::plan(std::string path, std::function<void(const plan_problem&)> report)
+    : path_(std::move(path)), report_(std::move(report)), state_(std::make_shared<state>()) {}
+
+bool plan::refresh() {
+    state& s = *state_;
+    if (path_.empty()) {
+        return true;
+    }
+    struct stat status;
+    if (stat(path_.c_str(), &status) != 0) {
+        s.seen = {};
+        return s.fail(*this, system_error(path_));
+    }
+    state::file_identity now = {status.st_dev, status.st_ino, status.st_size,
+                                nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)};
+    bool changed = now != s.seen;
+    if (changed) {
+        s.seen = now;
+        s.seen_at_ns = read_clock_ns(CLOCK_MONOTONIC);
+    }
+    bool quiet = s.is_quiet();
+    if (!changed && (s.settled || !quiet)) {
+        return s.result;
+    }
+    s.settled = quiet;
+
+    std::string content, trouble;
+    if (!read_file(path_, content, trouble)) {
+        return s.fail(*this, trouble);
+    }
+    if (content.empty() && !lines_.empty()) {
+        return s.fail(*this, path_ +
+                                 ": is empty; the lines that were in it stay in force (one with "
+                                 "only a comment drops them)");
+    }
+    bool same_file =
+        s.taken && s.taken_from.inode == now.inode && s.taken_from.device == now.device;
+    if (same_file && !quiet && !content.starts_with(s.content)) {
+        return s.result; /* being rewritten */
+    }
+    std::string_view text = content;
+    std::string_view tail = text.substr(text.rfind('\n') + 1);
+    bool known = std::any_of(lines_.begin(), lines_.end(),
+                             [&](const plan_line& line) { return line.text == tail; });
+    if (s.taken && !quiet && !known) {
+        text.remove_suffix(tail.size()); /* being written */
+    }
+    if (!s.taken || text != s.content) {
+        s.take(*this, text);
+        s.content = text;
+    }
+    s.taken = true;
+    s.taken_from = now;
+    s.trouble.clear();
+    s.result = true;
+    return true;
+}
+
+std::string plan::text_after(uint64_t after) const {
+    std::string text;
+    if (after >= newest_) {
+        return text;
+    }
+    for (const plan_line& line : lines_) {
+        if (line.serial > after) {
+            text.append(line.text).append("\n");
+        }
+    }
+    return text;
+}
+
+std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines) {
+    std::map<test_key, size_t> added; /* and where */
+    for (size_t i = 0; i < lines.size(); i++) {
+        std::vector<std::string_view> fields = split_fields(lines[i].text);
+        const command* c = find_command(fields[0]);
+        if (c != nullptr && c->does == effect::adds) {
+            added[key_of(*c, fields)] = i;
+        } else if (c != nullptr && c->does == effect::removes) {
+            added.erase(key_of(*c, fields));
+        }
+    }
+    std::vector<std::pair<size_t, test_key>> ordered;
+    for (const auto& [key, where] : added) {
+        ordered.push_back({where, key});
+    }
+    std::sort(ordered.begin(), ordered.end());
+    std::vector<planned_test> tests;
+    for (const auto& [where, key] : ordered) {
+        tests.push_back({key.first, key.second});
+    }
+    return tests;
+}

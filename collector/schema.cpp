@@ -1,0 +1,307 @@
+#include "schema.h"
+
+#include "text.h"
+
+#include <boost/json/src.hpp>
+#include <cmath>
+#include <cstdio>
+
+namespace json = boost::json;
+
+/* Checkers of the local machine and of services each add their types here. */
+static const std::vector<record_schema> schemas = {
+    {.type = type_load_average,
+     .name = "load average",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::d64, 0, "load1", ""},
+                {value_type::d64, 1, "load5", ""},
+                {value_type::d64, 2, "load15", ""}},
+     .message = 0},
+};
+
+const record_schema* find_schema(uint32_t type) {
+    for (const record_schema& schema : schemas) {
+        if (schema.type == type) {
+            return &schema;
+        }
+    }
+    return nullptr;
+}
+
+static size_t count_of(const record& r, value_type type) {
+    switch (type) {
+    case value_type::i32:
+        return r.i32.size();
+    case value_type::ui32:
+        return r.ui32.size();
+    case value_type::i64:
+        return r.i64.size();
+    case value_type::ui64:
+        return r.ui64.size();
+    case value_type::d64:
+        return r.d64.size();
+    }
+    return 0;
+}
+
+static bool has_values(const record& r, const record_schema& schema) {
+    for (size_t index : {schema.test, schema.location, schema.status}) {
+        if (index >= r.ui32.size()) {
+            return false;
+        }
+    }
+    for (const schema_value& value : schema.values) {
+        if (value.index >= count_of(r, value.type)) {
+            return false;
+        }
+    }
+    return schema.time < r.i64.size();
+}
+
+record_summary summarize(const record& r) {
+    record_summary summary;
+    summary.type = r.type();
+    const record_schema* schema = find_schema(r.type());
+    if (schema == nullptr || !has_values(r, *schema)) {
+        return summary;
+    }
+    summary.schema = schema;
+    /* The agent's ids are signed; the record's slots are not. */
+    summary.test = static_cast<int32_t>(r.ui32[schema->test]);
+    summary.location = static_cast<int32_t>(r.ui32[schema->location]);
+    summary.status = static_cast<int32_t>(r.ui32[schema->status]);
+    summary.time = r.i64[schema->time];
+    if (schema->message < r.strings.size()) {
+        summary.message = r.strings[schema->message];
+    }
+    return summary;
+}
+
+std::string type_name(uint32_t type) {
+    const record_schema* schema = find_schema(type);
+    return schema != nullptr ? schema->name : "type " + std::to_string(type);
+}
+
+std::string status_word(int32_t status) {
+    switch (status) {
+    case 0:
+        return "ok";
+    case 2:
+        return "limit reached";
+    case 3:
+        return "not found";
+    case 10:
+        return "remote query failed";
+    default:
+        return "status " + std::to_string(status);
+    }
+}
+
+static std::string number_text(double value) {
+    bool whole = value == std::floor(value) && std::fabs(value) < 1e15;
+    char text[32];
+    snprintf(text, sizeof(text), whole ? "%.0f" : "%.6g", value);
+    return text;
+}
+
+std::string value_text(const record& r, const schema_value& value) {
+    switch (value.type) {
+    case value_type::i32:
+        return std::to_string(r.i32[value.index]);
+    case value_type::ui32:
+        return std::to_string(r.ui32[value.index]);
+    case value_type::i64:
+        return std::to_string(r.i64[value.index]);
+    case value_type::ui64:
+        return std::to_string(r.ui64[value.index]);
+    case value_type::d64:
+        return number_text(r.d64[value.index]);
+    }
+    return "";
+}
+
+/* Enough to recognise a record by; the whole is in the database and in the JSON. */
+static const size_t generic_values_shown = 16;
+
+template <typename T>
+static void append_generic(std::string& text, const char* name, const value_array<T>& values) {
+    if (values.size() == 0) {
+        return;
+    }
+    text += text.empty() ? "" : " ";
+    text += name;
+    for (size_t i = 0; i < values.size() && i < generic_values_shown; i++) {
+        text += ' ';
+        if constexpr (std::is_same_v<T, double>) {
+            text += number_text(values[i]);
+        } else {
+            text += std::to_string(values[i]);
+        }
+    }
+    text += values.size() > generic_values_shown ? " ..." : "";
+}
+
+static std::string generic_text(const record& r) {
+    std::string text;
+    append_generic(text, "i32", r.i32);
+    append_generic(text, "ui32", r.ui32);
+    append_generic(text, "i64", r.i64);
+    append_generic(text, "ui64", r.ui64);
+    append_generic(text, "d64", r.d64);
+    for (size_t i = 0; i < r.strings.size() && i < generic_values_shown; i++) {
+        text.append(text.empty() ? "\"" : " \"").append(r.strings[i].substr(0, 256)).append("\"");
+    }
+    if (!r.nested.empty()) {
+        text += (text.empty() ? "" : " ") + std::to_string(r.nested.size()) + " nested";
+    }
+    return text;
+}
+
+std::string values_text(const record& r, const record_summary& summary) {
+    if (summary.schema == nullptr) {
+        return generic_text(r);
+    }
+    std::string text;
+    for (const schema_value& value : summary.schema->values) {
+        text += text.empty() ? "" : " ";
+        text += value.name;
+        text += ' ' + value_text(r, value) + value.unit;
+    }
+    return text;
+}
+
+template <typename T>
+static json::value json_number(T value) {
+    if constexpr (std::is_same_v<T, double>) {
+        if (!std::isfinite(value)) {
+            return nullptr;
+        }
+    }
+    return value;
+}
+
+static json::value json_value(const record& r, const schema_value& value) {
+    switch (value.type) {
+    case value_type::i32:
+        return r.i32[value.index];
+    case value_type::ui32:
+        return r.ui32[value.index];
+    case value_type::i64:
+        return r.i64[value.index];
+    case value_type::ui64:
+        return r.ui64[value.index];
+    case value_type::d64:
+        return json_number(r.d64[value.index]);
+    }
+    return nullptr;
+}
+
+template <typename T>
+static void add_generic(json::object& object, const char* name, const value_array<T>& values) {
+    if (values.size() == 0) {
+        return;
+    }
+    json::array array;
+    array.reserve(values.size());
+    for (size_t i = 0; i < values.size(); i++) {
+        array.push_back(json_number(values[i]));
+    }
+    object.emplace(name, std::move(array));
+}
+
+static json::object generic_values(const record& r) {
+    json::object values;
+    add_generic(values, "i32", r.i32);
+    add_generic(values, "ui32", r.ui32);
+    add_generic(values, "i64", r.i64);
+    add_generic(values, "ui64", r.ui64);
+    add_generic(values, "d64", r.d64);
+    if (!r.strings.empty()) {
+        json::array strings;
+        for (std::string_view text : r.strings) {
+            strings.push_back(json::value(valid_utf8(text)));
+        }
+        values.emplace("strings", std::move(strings));
+    }
+    return values;
+}
+
+/* Recursion ends at record_max_depth: decode_record() refuses what is deeper. */
+static void add_nested(json::object& object, const record& r) {
+    if (r.nested.empty()) {
+        return;
+    }
+    json::array nested;
+    record inner;
+    std::string reason;
+    for (std::string_view bytes : r.nested) {
+        if (decode_record(bytes, inner, reason)) {
+            json::object values = generic_values(inner);
+            add_nested(values, inner);
+            nested.push_back(std::move(values));
+        }
+    }
+    object.emplace("nested", std::move(nested));
+}
+
+template <typename T>
+static json::value json_optional(const std::optional<T>& value) {
+    return value ? json::value(*value) : json::value(nullptr);
+}
+
+/* DEL and U+0080 to U+009F may stand in JSON as they are, but a terminal obeys them. Outside
+ * strings there is nothing but ASCII. */
+static std::string escape_controls(const std::string& text) {
+    std::string safe;
+    safe.reserve(text.size());
+    for (size_t i = 0; i < text.size(); i++) {
+        auto byte = [&](size_t at) {
+            return at < text.size() ? static_cast<unsigned char>(text[at]) : 0u;
+        };
+        unsigned control = byte(i) == 0x7f ? 0x7f : 0;
+        if (byte(i) == 0xc2 && byte(i + 1) < 0xa0) {
+            control = byte(++i);
+        }
+        if (control == 0) {
+            safe += text[i];
+            continue;
+        }
+        char escaped[8];
+        snprintf(escaped, sizeof(escaped), "\\u%04x", control);
+        safe += escaped;
+    }
+    return safe;
+}
+
+std::string record_json(std::string_view account, std::string_view agent, int64_t received,
+                        const record& r) {
+    record_summary summary = summarize(r);
+    json::object object;
+    object.emplace("agent", valid_utf8(agent));
+    object.emplace("account", valid_utf8(account));
+    object.emplace("received", received);
+    object.emplace("type", summary.type);
+    object.emplace("name", type_name(summary.type));
+    object.emplace("test", json_optional(summary.test));
+    object.emplace("location", json_optional(summary.location));
+    object.emplace("time", json_optional(summary.time));
+    object.emplace("status", json_optional(summary.status));
+    if (summary.schema == nullptr) {
+        object.emplace("status_text", nullptr);
+        object.emplace("values", generic_values(r));
+        object.emplace("message", nullptr);
+    } else {
+        object.emplace("status_text", status_word(*summary.status));
+        json::object values;
+        for (const schema_value& value : summary.schema->values) {
+            values.emplace(value.name, json_value(r, value));
+        }
+        object.emplace("values", std::move(values));
+        object.emplace("message", valid_utf8(summary.message));
+    }
+    add_nested(object, r);
+    return escape_controls(json::serialize(object));
+}

@@ -1,0 +1,626 @@
+#include "server.h"
+
+#include "connection.h"
+#include "request.h"
+#include "text.h"
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <ctime>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace asio = boost::asio;
+using asio::awaitable;
+using asio::ip::tcp;
+using clock_type = connection::clock;
+using boost::system::error_code;
+
+static constexpr auto tick = std::chrono::milliseconds(100); /* how often deadlines are looked at */
+
+/* ---- what strangers can make us log ---- */
+
+namespace {
+enum class event {
+    accept,
+    refused,
+    tls,
+    request,
+    session,
+    login,
+    body,
+    memory,
+    storing,
+    failure,
+    count
+};
+
+/* Lets a few lines of each kind through a minute and says how many it kept back. */
+class log_limiter {
+public:
+    explicit log_limiter(server::log_function log) : log_(std::move(log)) {}
+
+    void operator()(event kind, const std::string& line) {
+        constexpr size_t lines_a_minute = 20;
+        window& w = windows_[size_t(kind)];
+        auto now = clock_type::now();
+        if (now - w.begun >= std::chrono::minutes(1)) {
+            report_dropped(w);
+            w.begun = now;
+            w.lines = 0;
+        }
+        if (w.lines++ < lines_a_minute) {
+            log_(line);
+        } else {
+            ++w.dropped;
+            w.last = line;
+        }
+    }
+
+    void flush() {
+        for (window& w : windows_) {
+            report_dropped(w);
+        }
+    }
+
+private:
+    struct window {
+        clock_type::time_point begun{};
+        size_t lines = 0, dropped = 0;
+        std::string last; /* of those dropped */
+    };
+
+    void report_dropped(window& w) {
+        if (w.dropped > 0) {
+            log_(w.last + " (the last of " + std::to_string(w.dropped) + " such lines left out)");
+        }
+        w.dropped = 0;
+    }
+
+    server::log_function log_;
+    std::array<window, size_t(event::count)> windows_;
+};
+
+/* What counts as one address: an IPv4 address, or the /64 that an IPv6 host owns. */
+uint64_t address_key(const asio::ip::address& address) {
+    if (address.is_v4()) {
+        return address.to_v4().to_uint();
+    }
+    auto bytes = address.to_v6().to_bytes();
+    if (address.to_v6().is_v4_mapped()) {
+        return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_uint();
+    }
+    uint64_t prefix = 0;
+    for (size_t i = 0; i < 8; ++i) {
+        prefix = prefix << 8 | bytes[i];
+    }
+    return prefix;
+}
+
+/* A whole answer. `session_value` is what the agent takes as its session id; none when empty. */
+std::string make_answer(std::string_view status, std::string_view session_value,
+                        std::string_view body) {
+    std::string answer = "HTTP/1.0 ";
+    answer += status;
+    answer += "\r\nContent-Length: ";
+    answer += std::to_string(body.size());
+    if (!session_value.empty()) {
+        answer += "\r\nVnd-SessionID: ";
+        answer += session_value;
+    }
+    answer += "\r\n\r\n";
+    answer += body;
+    return answer;
+}
+
+/* A part of the memory for bodies, given back by scope. */
+class memory_share {
+public:
+    explicit memory_share(size_t& free) : free_(free) {}
+    ~memory_share() { free_ += held_; }
+    memory_share(const memory_share&) = delete;
+    memory_share& operator=(const memory_share&) = delete;
+
+    /* False, and nothing changed, when there is not that much. */
+    bool add(size_t bytes) {
+        if (bytes > free_) {
+            return false;
+        }
+        free_ -= bytes;
+        held_ += bytes;
+        return true;
+    }
+    size_t held() const { return held_; }
+
+private:
+    size_t& free_;
+    size_t held_ = 0;
+};
+
+/* A body as it comes in. */
+struct packed_body {
+    explicit packed_body(size_t& free_memory) : share(free_memory) {}
+
+    bool append(std::string_view piece) {
+        wire.append(piece);
+        return share.add(wire.capacity() - share.held());
+    }
+
+    std::string wire;
+    memory_share share;
+};
+} // namespace
+
+/* ---- one exchange, and what all share ---- */
+
+namespace {
+struct exchange {
+    exchange(tcp::socket socket, const tcp::endpoint& peer, clock_type::time_point deadline)
+        : link(std::move(socket), deadline), from(peer) {}
+
+    connection link;
+    tcp::endpoint from;
+    clock_type::time_point accepted = clock_type::now();
+    std::string input; /* read but not used yet: the head, then the beginning of the body */
+    request head;
+    std::string output; /* the answer */
+};
+
+/* How the exchange of a block ended. */
+enum class block_end {
+    stored,
+    duplicate, /* stored already: its answer was lost */
+    again,     /* the agent shall send it once more */
+    broken     /* no use in answering */
+};
+} // namespace
+
+struct server::state {
+    state(server_options o, SSL_CTX* t, store& r, plan& p, log_function l)
+        : options(std::move(o)), tls(t), results(r), commands(p), log(std::move(l)),
+          allowed(options.allow.begin(), options.allow.end()), sessions(options.sessions),
+          free_memory(options.body_memory) {}
+
+    server_options options;
+    SSL_CTX* tls;
+    store& results;
+    plan& commands;
+    log_limiter log;
+    std::unordered_set<std::string> allowed;
+    session_table sessions;
+    size_t free_memory;
+
+    boost::intrusive::list<connection, boost::intrusive::constant_time_size<false>> links;
+    size_t connections = 0;
+    std::unordered_map<uint64_t, size_t> per_address;
+    bool sweeping = false;
+    bool stopping = false;
+    clock_type::time_point stop_by = clock_type::time_point::max();
+    std::array<char, 16384> scratch; /* from a read to its use, never across a wait */
+
+    asio::io_context context{1};
+    tcp::acceptor acceptor{context};
+    asio::steady_timer sweep_timer{context};
+    asio::thread_pool unpacker{1};
+
+    awaitable<void> accept_all();
+    void admit(tcp::socket socket, const tcp::endpoint& from);
+    awaitable<void> sweep();
+    void stop();
+
+    awaitable<void> serve(tcp::socket socket, tcp::endpoint from);
+    awaitable<void> converse(exchange& x);
+    awaitable<bool> read_head(exchange& x);
+    awaitable<bool> read_body(exchange& x, packed_body* into);
+    awaitable<void> answer_login(exchange& x);
+    awaitable<void> answer_poll(exchange& x);
+    awaitable<block_end> take_block(exchange& x, const session& from);
+    awaitable<bool> unpack(const request& head, const std::string& wire, std::string& plain,
+                           std::string& error);
+    awaitable<store_result> keep(poll_block block);
+    awaitable<bool> answer(exchange& x);
+
+    void begin_phase(exchange& x, server_deadlines::duration length);
+};
+
+static std::string describe(const tcp::endpoint& from) {
+    return from.address().to_string();
+}
+
+static std::string describe(const session& s, const exchange& x) {
+    return printable(s.agent) + " of " + printable(s.account) + " at " + describe(x.from);
+}
+
+/* ---- accepting and deadlines ---- */
+
+awaitable<void> server::state::accept_all() {
+    asio::steady_timer pause(context);
+    while (!stopping) {
+        tcp::endpoint from;
+        auto [failed, socket] =
+            co_await acceptor.async_accept(from, asio::as_tuple(asio::use_awaitable));
+        if (!failed) {
+            admit(std::move(socket), from);
+        } else if (!stopping && failed != asio::error::connection_aborted) {
+            /* Out of descriptors or memory: the connection stays in the queue, so trying again at
+             * once would spin. */
+            log(event::accept, "cannot accept connections: " + failed.message());
+            pause.expires_after(tick);
+            co_await pause.async_wait(asio::as_tuple(asio::use_awaitable));
+        }
+    }
+}
+
+/* Starts serving a connection, or resets it when there are too many. */
+void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
+    uint64_t key = address_key(from.address());
+    auto known = per_address.find(key);
+    bool crowded = known != per_address.end() && known->second >= options.max_per_address;
+    if (crowded || connections >= options.max_connections) {
+        log(event::refused, "too many connections" + (crowded ? " from " + describe(from) : "") +
+                                ": a new one was reset");
+        return;
+    }
+    ++connections;
+    ++per_address[key];
+    asio::co_spawn(context, serve(std::move(socket), from), [this, key](std::exception_ptr thrown) {
+        if (--connections == 0 && stopping) {
+            sweep_timer.cancel();
+        }
+        auto entry = per_address.find(key);
+        if (--entry->second == 0) {
+            per_address.erase(entry);
+        }
+        try {
+            if (thrown) {
+                std::rethrow_exception(thrown);
+            }
+        } catch (const std::exception& e) { /* memory is short: the connection is gone, no more */
+            log(event::failure, std::string("a connection was dropped: ") + e.what());
+        }
+    });
+    if (!sweeping) {
+        sweeping = true;
+        asio::co_spawn(context, sweep(), asio::detached);
+    }
+}
+
+/* Gives up what is past its deadline. Runs as long as there are connections. */
+awaitable<void> server::state::sweep() {
+    while (connections > 0) {
+        sweep_timer.expires_after(tick);
+        co_await sweep_timer.async_wait(asio::as_tuple(asio::use_awaitable));
+        auto now = clock_type::now();
+        for (connection& link : links) {
+            if (now >= std::min(link.deadline(), stop_by) && !link.given_up()) {
+                link.give_up();
+            }
+        }
+    }
+    sweeping = false;
+}
+
+void server::state::begin_phase(exchange& x, server_deadlines::duration length) {
+    x.link.set_deadline(std::min(clock_type::now() + length, x.accepted + options.deadlines.whole));
+}
+
+void server::state::stop() {
+    if (stopping) {
+        return;
+    }
+    stopping = true;
+    stop_by = clock_type::now() + options.deadlines.stop;
+    error_code ignored;
+    acceptor.close(ignored);
+    for (connection& link : links) {
+        if (link.silent()) {
+            link.give_up();
+        }
+    }
+    sweep_timer.cancel(); /* one sweep now; it ends with the last connection */
+    log.flush();
+}
+
+/* ---- one exchange ---- */
+
+awaitable<void> server::state::serve(tcp::socket socket, tcp::endpoint from) {
+    exchange x(std::move(socket), from, clock_type::now() + options.deadlines.handshake);
+    links.push_back(x.link);
+    bool good = co_await x.link.first_byte();
+    if (!good) {
+        co_return;
+    }
+    co_await converse(x);
+}
+
+awaitable<void> server::state::converse(exchange& x) {
+    bool secure = co_await x.link.handshake(tls);
+    if (!secure) {
+        log(event::tls, "no TLS with " + describe(x.from) + ": " + x.link.problem());
+        co_return;
+    }
+    bool whole = co_await read_head(x);
+    if (!whole) {
+        log(event::request, "no request from " + describe(x.from) + ": " + x.link.problem());
+        co_return;
+    }
+    std::string error;
+    size_t length = find_head(x.input, 0);
+    if (!parse_head(std::string_view(x.input).substr(0, length), x.head, error)) {
+        log(event::request, "bad request from " + describe(x.from) + ": " + error);
+        x.output = make_answer("400 " + error, "", answer_log_in_again);
+        co_await answer(x);
+        co_return;
+    }
+    x.input.erase(0, length);
+    switch (x.head.what) {
+    case request::kind::login:
+        co_await answer_login(x);
+        break;
+    case request::kind::poll:
+        co_await answer_poll(x);
+        break;
+    case request::kind::other:
+        x.output = make_answer("404 Not Found", "", "This is a vindral collection server.\n");
+        co_await answer(x);
+    }
+}
+
+/* Reads until a head is whole, or so long that it will be refused. */
+awaitable<bool> server::state::read_head(exchange& x) {
+    begin_phase(x, options.deadlines.head);
+    size_t seen = 0;
+    while (find_head(x.input, seen) == 0 && x.input.size() <= max_head) {
+        seen = x.input.size();
+        size_t got = co_await x.link.read_some(scratch.data(), scratch.size());
+        if (got == 0) {
+            co_return false;
+        }
+        x.input.append(scratch.data(), got);
+    }
+    co_return true;
+}
+
+/* Reads the body, into `into` or, when that is null, to nowhere. What comes after it is ignored:
+ * one exchange a connection. False when the connection broke or is not worth going on with. */
+awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
+    const server_deadlines& limits = options.deadlines;
+    size_t left = x.head.content_length;
+    if (left > options.body.max_wire || x.head.compression > options.body.max_plain) {
+        log(event::body, "body from " + describe(x.from) + " is too large (" +
+                             std::to_string(left) + " bytes, " +
+                             std::to_string(x.head.compression) + " unpacked): connection reset");
+        co_return false;
+    }
+    begin_phase(x, limits.body + std::chrono::seconds(left / limits.body_rate));
+    if (into) { /* no more than this on a stranger's word */
+        into->wire.reserve(std::min<size_t>(left, 64u << 10));
+    }
+    std::string_view piece = x.input;
+    for (;;) {
+        piece = piece.substr(0, left);
+        left -= piece.size();
+        if (into && !into->append(piece)) {
+            log(event::memory, "no memory left for bodies: reset " + describe(x.from));
+            co_return false;
+        }
+        if (left == 0) {
+            co_return true;
+        }
+        size_t got = co_await x.link.read_some(scratch.data(), std::min(scratch.size(), left));
+        if (got == 0) {
+            log(event::request, "no whole body from " + describe(x.from) + ": " + x.link.problem());
+            co_return false;
+        }
+        piece = {scratch.data(), got};
+    }
+}
+
+/* Writes the whole answer and ends the connection. True when the agent has it. */
+awaitable<bool> server::state::answer(exchange& x) {
+    memory_share share(free_memory);
+    if (!share.add(x.output.size())) {
+        log(event::memory, "no memory left for answers: reset " + describe(x.from));
+        co_return false;
+    }
+    if (x.link.given_up()) {
+        co_return false;
+    }
+    begin_phase(x, options.deadlines.answer);
+    bool written = co_await x.link.write(x.output);
+    if (!written) {
+        co_return false;
+    }
+    x.link.set_deadline(clock_type::now() + options.deadlines.drain);
+    co_return co_await x.link.end_cleanly();
+}
+
+awaitable<void> server::state::answer_login(exchange& x) {
+    bool whole = co_await read_body(x, nullptr); /* an agent sends none */
+    if (!whole) {
+        co_return;
+    }
+    const std::string name =
+        printable(x.head.agent) + " of " + printable(x.head.account) + " at " + describe(x.from);
+    if (!allowed.empty() && !allowed.contains(x.head.account)) {
+        log(event::session, "login refused, account not allowed: " + name);
+        x.output = make_answer("200 OK", answer_not_authorised, answer_not_authorised);
+        co_await answer(x);
+        co_return;
+    }
+    auto fresh = sessions.log_in(x.head.account, x.head.agent, clock_type::now());
+    if (!fresh) {
+        log(event::failure, "no random numbers for a session: connection reset");
+        co_return;
+    }
+    log(event::login, "login: " + name);
+    commands.refresh();
+    fresh->delivered = fresh->answered_from = commands.newest(); /* all of it, in this answer */
+    x.output = make_answer("200 OK", fresh->id, commands.text_after(0));
+    co_await answer(x);
+}
+
+awaitable<void> server::state::answer_poll(exchange& x) {
+    std::shared_ptr<session> s = sessions.find(x.head.session, clock_type::now());
+    block_end end = block_end::again;
+    if (s) {
+        end = co_await take_block(x, *s);
+    } else {
+        bool whole = co_await read_body(x, nullptr);
+        end = whole ? block_end::again : block_end::broken;
+        log(event::session, "unknown session, must log in again: " + describe(x.from));
+    }
+    if (end == block_end::broken) {
+        co_return;
+    }
+    if (end == block_end::again) {
+        x.output = make_answer("200 OK", "", answer_log_in_again);
+        co_await answer(x);
+        co_return;
+    }
+    commands.refresh();
+    uint64_t from = end == block_end::duplicate ? s->answered_from : s->delivered;
+    uint64_t newest = commands.newest();
+    x.output = make_answer("200 OK", "", commands.text_after(from));
+    bool arrived = co_await answer(x);
+    if (arrived) {
+        s->answered_from = from;
+        s->delivered = std::max(s->delivered, newest);
+    }
+}
+
+/* Reads, unpacks and stores the block of a poll. */
+awaitable<block_end> server::state::take_block(exchange& x, const session& from) {
+    packed_body body(free_memory);
+    bool whole = co_await read_body(x, &body);
+    if (!whole) {
+        co_return block_end::broken;
+    }
+    if (!body.share.add(std::max<size_t>(body.wire.size(), x.head.compression))) {
+        log(event::memory, "no memory left to unpack: reset " + describe(from, x));
+        co_return block_end::broken;
+    }
+    begin_phase(x, options.deadlines.whole);
+    poll_block block{from.account, from.agent, "", time(nullptr)};
+    std::string error;
+    bool good = co_await unpack(x.head, body.wire, block.plain, error);
+    if (!good) {
+        log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
+        co_return block_end::again;
+    }
+    if (block.plain.empty()) {
+        co_return block_end::stored;
+    }
+    store_result result = co_await keep(std::move(block));
+    switch (result) {
+    case store_result::stored:
+        co_return block_end::stored;
+    case store_result::duplicate:
+        co_return block_end::duplicate;
+    case store_result::failed:
+        break;
+    }
+    log(event::storing, "not stored, must come again: " + describe(from, x));
+    co_return block_end::again;
+}
+
+/* unpack_body(), on the other thread when that may take long. */
+awaitable<bool> server::state::unpack(const request& head, const std::string& wire,
+                                      std::string& plain, std::string& error) {
+    auto work = [&] {
+        return unpack_body(wire, head.compression, head.checksum, options.body, plain, error);
+    };
+    if (std::max<size_t>(wire.size(), head.compression) <= options.unpack_here) {
+        co_return work();
+    }
+    auto elsewhere = [this, work](auto handler) {
+        asio::post(unpacker, [this, work, handler = std::move(handler),
+                              guard = asio::make_work_guard(context)]() mutable {
+            bool good = work();
+            asio::post(context, [good, handler = std::move(handler)]() mutable { handler(good); });
+        });
+    };
+    co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(bool)>(
+        elsewhere, asio::use_awaitable);
+}
+
+/* Hands a block to the store and waits until it is committed. */
+awaitable<store_result> server::state::keep(poll_block block) {
+    auto submit = [this](auto handler, poll_block what) {
+        auto held =
+            std::make_shared<decltype(handler)>(std::move(handler)); /* std::function copies */
+        results.submit(std::move(what),
+                       [this, held, guard = asio::make_work_guard(context)](store_result result) {
+                           asio::post(context, [result, handler = std::move(*held)]() mutable {
+                               handler(result);
+                           });
+                       });
+    };
+    return asio::async_initiate<const asio::use_awaitable_t<>, void(store_result)>(
+        submit, asio::use_awaitable, std::move(block));
+}
+
+/* ---- the outside ---- */
+
+server::server(server_options options, SSL_CTX* tls, store& results, plan& commands,
+               log_function log)
+    : state_(std::make_unique<state>(std::move(options), tls, results, commands, std::move(log))) {}
+
+server::~server() = default;
+
+bool server::listen(std::string& error) {
+    state& s = *state_;
+    std::string name = s.options.address + " port " + std::to_string(s.options.port);
+    error_code failed;
+    auto address = asio::ip::make_address(s.options.address, failed);
+    if (failed) {
+        error = "cannot listen on " + name + ": not an IP address";
+        return false;
+    }
+    tcp::endpoint at(address, s.options.port);
+    tcp::acceptor& a = s.acceptor;
+    /* What is set here holds for every connection accepted (Linux copies it): answers leave at
+     * once, and a connection that is not ended in the proper way is reset. */
+    a.open(at.protocol(), failed);
+    failed || a.set_option(tcp::acceptor::reuse_address(true), failed);
+    failed || a.set_option(tcp::no_delay(true), failed);
+    failed || a.set_option(asio::socket_base::linger(true, 0), failed);
+    failed || a.bind(at, failed);
+    failed || a.listen(asio::socket_base::max_listen_connections, failed);
+    if (failed) {
+        error = "cannot listen on " + name + ": " + failed.message();
+        return false;
+    }
+    asio::co_spawn(s.context, s.accept_all(), asio::detached);
+    return true;
+}
+
+uint16_t server::port() const {
+    return state_->acceptor.local_endpoint().port();
+}
+
+std::string server::where() const {
+    tcp::endpoint at = state_->acceptor.local_endpoint();
+    std::string address = at.address().to_string();
+    return (at.address().is_v6() ? "[" + address + "]" : address) + ":" + std::to_string(at.port());
+}
+
+void server::run() {
+    state_->context.run();
+}
+
+void server::stop() {
+    asio::post(state_->context, [this] { state_->stop(); });
+}
+
+asio::io_context& server::context() {
+    return state_->context;
+}

@@ -1,0 +1,90 @@
+/* The collector's end of the poll exchange: HTTP/1.0 over TLS, one exchange a connection.
+ *
+ * THREADS  One thread runs everything of the network: run(). Large bodies are unpacked on a second
+ * one, so that they do not hold up the others; storing has the store's thread.
+ *
+ * WHAT AN AGENT TAKES FOR WHAT  Any whole answer, whatever its status line, makes an agent drop the
+ * block it has sent, except the bodies "111111" (keep it, log in again) and "666666" (stop). So a
+ * block is answered in the ordinary way only after it is committed; a body that must come again, or
+ * a head that makes no sense, is answered "111111"; and when the collector gives up on a connection
+ * it resets it (see connection.h), which an agent reads as no connection: it keeps session and
+ * block. The agent adds up every header that begins with "Content-", so Content-Length is the only
+ * one sent, and waits for the end of the connection when it is 0.
+ *
+ * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies and answers
+ * held: beyond, the connection whose body or answer would not fit is reset. Every phase has a
+ * deadline, and the whole exchange has one, since an agent gives up after 15 seconds. */
+#ifndef VINDRAL_COLLECTOR_SERVER_H
+#define VINDRAL_COLLECTOR_SERVER_H
+
+#include "body.h"
+#include "certificate.h"
+#include "plan.h"
+#include "session.h"
+#include "store.h"
+
+#include <boost/asio/io_context.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct server_deadlines {
+    using duration = std::chrono::steady_clock::duration;
+    duration handshake = std::chrono::seconds(10); /* from accept: first byte and handshake */
+    duration head = std::chrono::seconds(5);
+    duration body = std::chrono::seconds(5); /* plus its size over the rate */
+    size_t body_rate = 64u << 10;            /* bytes a second */
+    duration answer = std::chrono::seconds(10);
+    duration whole = std::chrono::seconds(20); /* from accept to the end of the answer */
+    duration drain = std::chrono::seconds(2);  /* after the answer, until the agent has ended too */
+    duration stop = std::chrono::seconds(5);   /* for polls under way when the server is stopped */
+};
+
+struct server_options {
+    std::string address = "127.0.0.1"; /* IPv4 or IPv6 */
+    uint16_t port = 0;                 /* 0: the kernel picks */
+    std::vector<std::string> allow;    /* accounts that may log in; empty: all */
+    size_t max_connections = 10000;
+    size_t max_per_address = 1250; /* an IPv4 address or an IPv6 /64 */
+    body_limits body;
+    size_t body_memory =
+        384u << 20; /* bodies, packed and unpacked, and answers, of all connections */
+    size_t unpack_here = 128u << 10; /* larger bodies are unpacked on the second thread */
+    session_limits sessions;
+    server_deadlines deadlines;
+};
+
+class server {
+public:
+    using log_function = std::function<void(const std::string&)>;
+
+    /* `tls` and `commands` must outlive the server. `results` must outlive run() but be destroyed
+     * before the server is: its thread may still be on its way out of a call to here. `log` gets
+     * lines without a line end, few of them whatever strangers do, on the network thread only. */
+    server(server_options options, SSL_CTX* tls, store& results, plan& commands, log_function log);
+    ~server();
+
+    /* Opens the port. False with one line in `error`. */
+    bool listen(std::string& error);
+    uint16_t port() const;
+    std::string where() const; /* "127.0.0.1:8443", "[::1]:8443" */
+
+    /* Serves until stop() and the end of the last poll under way. */
+    void run();
+
+    /* Closes the port, resets connections that have not said anything, and those under way after
+     * server_deadlines::stop at the latest. From any thread. */
+    void stop();
+
+    /* For what else runs on the network thread: signals, timers. run() also waits for it. */
+    boost::asio::io_context& context();
+
+private:
+    struct state;
+    std::unique_ptr<state> state_;
+};
+
+#endif

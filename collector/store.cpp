@@ -1,0 +1,613 @@
+/* DESIGN
+ *
+ * One thread owns the database. It takes everything that waits, writes it in one transaction,
+ * syncs, and only then tells the listener and answers. What an answer says is therefore on disk,
+ * and whatever ends the process before the commit leaves nothing: the agent was not answered and
+ * sends again.
+ *
+ * A commit whose answer is lost is what makes blocks come twice. An agent has one block pending at
+ * a time and sends it unchanged until it is accepted, so a repetition can only be of its last
+ * stored block. The hash of that block is in the agent's row and changes in the transaction that
+ * stores the records; it survives whatever the records survive.
+ *
+ * Any error of the database ends the transaction and closes the file; the next batch opens it anew.
+ * A full disk, a read-only file system or a lock that somebody holds is thus got over without help.
+ */
+#include "store.h"
+
+#include "database.h"
+#include "record.h"
+#include "schema.h"
+#include "text.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <ctime>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <mutex>
+#include <openssl/evp.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int64_t system_seconds() {
+    return time(nullptr);
+}
+int64_t (*wall_clock)() = system_seconds; /* a test pins it */
+int lock_wait_ms = 2000;                  /* for the database's lock, when somebody else holds it */
+
+class unique_fd {
+public:
+    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    unique_fd(unique_fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    unique_fd& operator=(unique_fd&&) = delete;
+    ~unique_fd() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+std::string system_error(const std::string& what) {
+    int error = errno;
+    return what + ": " + std::generic_category().message(error);
+}
+
+/* Ours alone when we make it; what exists already keeps its mode. */
+bool make_private_directory(const std::string& path) {
+    if (mkdir(path.c_str(), 0700) == 0) {
+        return true;
+    }
+    struct stat status;
+    if (errno != EEXIST || stat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    errno = ENOTDIR;
+    return S_ISDIR(status.st_mode);
+}
+
+bool write_file(const std::string& path, std::string_view data) {
+    unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+    while (file && !data.empty()) {
+        ssize_t written = write(file.get(), data.data(), data.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        data.remove_prefix(static_cast<size_t>(written));
+    }
+    return file && fsync(file.get()) == 0;
+}
+
+bool sync_directory(const std::string& path) {
+    unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory && fsync(directory.get()) == 0;
+}
+
+std::string sha256(std::string_view bytes) {
+    std::string hash(32, '\0');
+    EVP_Digest(bytes.data(), bytes.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr,
+               EVP_sha256(), nullptr);
+    return hash;
+}
+
+std::string hex(std::string_view bytes) {
+    std::string text;
+    for (unsigned char byte : bytes) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
+/* All pieces of a block that are no records. */
+struct undecodable {
+    std::string data;  /* the pieces, one behind the other */
+    size_t offset = 0; /* of the first */
+    std::string reason;
+    std::string kept_as;
+};
+
+undecodable find_undecodable(std::string_view block) {
+    undecodable bad;
+    size_t pieces = 0;
+    for (block_reader reader(block); reader.next();) {
+        if (reader.good) {
+            continue;
+        }
+        if (pieces++ == 0) {
+            bad.offset = reader.offset;
+            bad.reason = reader.reason;
+        }
+        bad.data += block.substr(reader.offset, reader.bytes);
+    }
+    if (pieces > 1) {
+        bad.reason += "; and " + std::to_string(pieces - 1) + " more";
+    }
+    return bad;
+}
+
+struct job {
+    poll_block block;
+    std::function<void(store_result)> done;
+    store_result result = store_result::failed;
+    undecodable bad;
+};
+
+class sqlite_store final : public store {
+public:
+    sqlite_store(const store_options& options, store_listener* listener, unique_fd lock)
+        : options_(options), listener_(listener), lock_(std::move(lock)) {}
+
+    ~sqlite_store() override {
+        if (writer_.joinable()) {
+            {
+                std::lock_guard hold(mutex_);
+                stopping_ = true;
+            }
+            wake_.notify_one();
+            writer_.join();
+        }
+    }
+
+    bool start(std::string& error) {
+        if (!open_database(error)) {
+            return false;
+        }
+        expire();
+        writer_ = std::thread([this] { write_batches(); });
+        pthread_setname_np(writer_.native_handle(), "store");
+        return true;
+    }
+
+    void submit(poll_block block, std::function<void(store_result)> done) override {
+        if (block.plain.empty()) {
+            done(store_result::stored);
+            return;
+        }
+        {
+            std::unique_lock hold(mutex_);
+            /* A block is let in below the limit whatever its size, or the largest would never be.
+             */
+            if (queued_bytes_ >= options_.max_queued) {
+                hold.unlock();
+                done(store_result::failed);
+                return;
+            }
+            queued_bytes_ += block.plain.size();
+            queue_.push_back({.block = std::move(block), .done = std::move(done), .bad = {}});
+        }
+        wake_.notify_one();
+    }
+
+private:
+    /* The writer thread. */
+    void write_batches();
+    bool take_batch(std::deque<job>& batch);
+    void write_batch(std::deque<job>& batch);
+    void tell(const job& j);
+
+    bool store_all(std::deque<job>& batch, std::string& error);
+    bool store_block(job& j);
+    bool store_records(const job& j, int64_t agent);
+    bool keep_aside(job& j, const std::string& hash);
+    bool find_agent(const poll_block& block, int64_t& id, std::string& last_hash);
+    bool use_day(int64_t received);
+
+    bool open_database(std::string& error);
+    bool open_file(std::string& error);
+    bool prepare();
+    void close_database();
+    bool file_was_replaced() const;
+    void expire();
+    void report(std::string& last, const std::string& now, const char* again);
+
+    std::string aside_directory() const { return options_.directory + "/undecodable"; }
+
+    const store_options options_;
+    store_listener* const listener_;
+    const unique_fd lock_;
+
+    std::mutex mutex_; /* guards the next four */
+    std::condition_variable wake_;
+    std::deque<job> queue_;
+    size_t queued_bytes_ = 0; /* the batch that is being written included */
+    bool stopping_ = false;
+
+    /* Of the writer thread, once it runs. */
+    database db_;
+    dev_t device_ = 0; /* which file db_ is */
+    ino_t inode_ = 0;
+    statement select_agent_, insert_agent_, update_agent_, insert_undecodable_, insert_result_;
+    std::string day_;                     /* insert_result_ is for this one */
+    std::string expired_day_;             /* expire() ran on this one */
+    std::string trouble_, aside_trouble_; /* what was reported last; empty when all is well */
+
+    std::thread writer_;
+};
+
+bool sqlite_store::open_file(std::string& error) {
+    std::string path = database_path(options_.directory);
+    struct stat status;
+    {
+        /* Made here for the mode; SQLite gives its other files the mode of this one. Closed before
+         * SQLite opens it, because closing a descriptor gives up the process's locks on its file.
+         */
+        unique_fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!file || fstat(file.get(), &status) != 0) {
+            error = system_error(path);
+            return false;
+        }
+    }
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    sqlite3* handle = nullptr;
+    int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr);
+    db_.reset(handle);
+    if (result != SQLITE_OK) {
+        error = path + ": " + sqlite3_errstr(result);
+        return false;
+    }
+    sqlite3_extended_result_codes(db_.get(), 1);
+    sqlite3_busy_timeout(db_.get(), lock_wait_ms);
+    return true;
+}
+
+/* Debian's SQLite overwrites what is deleted unless told not to: days are dropped, not shredded. */
+static const char settings[] = "PRAGMA secure_delete = OFF;"
+                               "PRAGMA synchronous = FULL;"
+                               "PRAGMA temp_store = MEMORY;"
+                               "PRAGMA cache_size = -16384;"
+                               "PRAGMA wal_autocheckpoint = 4000;"
+                               "PRAGMA journal_size_limit = 67108864";
+
+static const char layout[] =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL, name TEXT NOT NULL,"
+    " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
+    " UNIQUE (account, name));"
+    "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
+    " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL, reason TEXT NOT "
+    "NULL,"
+    " kept_as TEXT NOT NULL);";
+
+bool sqlite_store::open_database(std::string& error) {
+    if (!open_file(error)) {
+        db_.reset();
+        return false;
+    }
+    bool empty = false;
+    std::string reason;
+    bool ok = database_check(db_.get(), empty, reason);
+    if (ok && empty) {
+        database_exec(db_.get(), "PRAGMA page_size = 8192");
+    }
+    ok = ok && database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
+         database_exec(db_.get(), settings);
+    if (ok && empty) {
+        ok = database_exec(db_.get(), layout) &&
+             database_exec(db_.get(),
+                           "PRAGMA application_id = " + std::to_string(database_application_id) +
+                               "; PRAGMA user_version = " + std::to_string(database_version) +
+                               "; COMMIT") &&
+             sync_directory(options_.directory);
+    }
+    /* A commit whose sync failed may be read back from the log all the same, and its block would
+     * count as a duplicate: what is in the log has to reach the disk before anything is answered.
+     */
+    ok = ok && database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)") && prepare();
+    if (!ok) {
+        error = database_path(options_.directory) + ": " +
+                (reason.empty() ? sqlite3_errmsg(db_.get()) : reason);
+        close_database();
+    }
+    return ok;
+}
+
+bool sqlite_store::prepare() {
+    sqlite3* db = db_.get();
+    select_agent_ =
+        statement(db, "SELECT id, last_block FROM agents WHERE account = ? AND name = ?");
+    insert_agent_ =
+        statement(db, "INSERT INTO agents (account, name, first_seen, last_seen, last_block) "
+                      "VALUES (?, ?, ?, 0, x'')");
+    update_agent_ = statement(db, "UPDATE agents SET last_seen = ?, last_block = ? WHERE id = ?");
+    insert_undecodable_ =
+        statement(db, "INSERT INTO undecodable (received, agent, offset, bytes, reason, kept_as) "
+                      "VALUES (?, ?, ?, ?, ?, ?)");
+    return select_agent_.ok() && insert_agent_.ok() && update_agent_.ok() &&
+           insert_undecodable_.ok();
+}
+
+void sqlite_store::close_database() {
+    for (statement* s :
+         {&select_agent_, &insert_agent_, &update_agent_, &insert_undecodable_, &insert_result_}) {
+        *s = statement();
+    }
+    day_.clear();
+    db_.reset();
+}
+
+/* Somebody removed or replaced the file: what goes into the old one could never be read. */
+bool sqlite_store::file_was_replaced() const {
+    struct stat status;
+    return stat(database_path(options_.directory).c_str(), &status) != 0 ||
+           status.st_dev != device_ || status.st_ino != inode_;
+}
+
+bool sqlite_store::use_day(int64_t received) {
+    std::string day = utc_day(received);
+    if (day == day_) {
+        return true;
+    }
+    std::string table = "results_" + day;
+    if (!database_exec(
+            db_.get(),
+            "CREATE TABLE IF NOT EXISTS " + table +
+                " (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
+                " agent INTEGER NOT NULL, type INTEGER NOT NULL, test INTEGER,"
+                " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL)")) {
+        return false;
+    }
+    insert_result_ =
+        statement(db_.get(), "INSERT INTO " + table +
+                                 " (received, agent, type, test, location, time, status,"
+                                 " record) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+    day_ = insert_result_.ok() ? day : "";
+    return insert_result_.ok();
+}
+
+bool sqlite_store::find_agent(const poll_block& block, int64_t& id, std::string& last_hash) {
+    select_agent_.bind_text(block.account).bind_text(block.agent);
+    int result = select_agent_.step();
+    if (result == SQLITE_ROW) {
+        id = select_agent_.integer(0);
+        last_hash = select_agent_.bytes(1);
+    }
+    select_agent_.reset();
+    if (result != SQLITE_DONE) {
+        return result == SQLITE_ROW;
+    }
+    insert_agent_.bind_text(block.account).bind_text(block.agent).bind(block.received);
+    bool inserted = insert_agent_.run();
+    id = sqlite3_last_insert_rowid(db_.get());
+    return inserted;
+}
+
+bool sqlite_store::store_records(const job& j, int64_t agent) {
+    if (!use_day(j.block.received)) {
+        return false;
+    }
+    for (block_reader reader(j.block.plain); reader.next();) {
+        if (!reader.good) {
+            continue;
+        }
+        record_summary summary = summarize(reader.current);
+        insert_result_.bind(j.block.received).bind(agent).bind(int64_t{summary.type});
+        insert_result_.bind(summary.test).bind(summary.location).bind(summary.time);
+        insert_result_.bind(summary.status).bind_blob(reader.current.raw);
+        if (!insert_result_.run()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/* The name is the same when the block comes again because the commit failed: one file, not two. */
+bool sqlite_store::keep_aside(job& j, const std::string& hash) {
+    std::string name = utc_day(j.block.received) + "-" + hex(hash.substr(0, 8)) + ".bin";
+    std::string path = aside_directory() + "/" + name;
+    std::string temporary = path + ".tmp";
+    bool kept = make_private_directory(aside_directory()) && write_file(temporary, j.bad.data) &&
+                rename(temporary.c_str(), path.c_str()) == 0 && sync_directory(aside_directory());
+    std::string trouble;
+    if (!kept) {
+        trouble =
+            system_error("cannot keep aside what does not decode, its agent keeps it: " + path);
+        unlink(temporary.c_str());
+    }
+    report(aside_trouble_, trouble, "what does not decode is kept aside again");
+    j.bad.kept_as = path;
+    return kept;
+}
+
+/* False when the database failed; then the whole batch is lost. A block that cannot be kept for
+ * reasons of its own just stays `failed`. */
+bool sqlite_store::store_block(job& j) {
+    std::string hash = sha256(j.block.plain);
+    std::string last_hash;
+    int64_t agent = 0;
+    if (!find_agent(j.block, agent, last_hash)) {
+        return false;
+    }
+    if (hash == last_hash) {
+        j.result = store_result::duplicate;
+        return true;
+    }
+    j.bad = find_undecodable(j.block.plain);
+    if (!j.bad.data.empty()) {
+        if (!keep_aside(j, hash)) {
+            return true;
+        }
+        std::string name = fs::path(j.bad.kept_as).filename();
+        insert_undecodable_.bind(j.block.received).bind(agent).bind(int64_t(j.bad.offset));
+        insert_undecodable_.bind(int64_t(j.bad.data.size()))
+            .bind_text(j.bad.reason)
+            .bind_text(name);
+        if (!insert_undecodable_.run()) {
+            return false;
+        }
+    }
+    if (!store_records(j, agent)) {
+        return false;
+    }
+    j.result = store_result::stored;
+    return update_agent_.bind(j.block.received).bind_blob(hash).bind(agent).run();
+}
+
+bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
+    if (db_ && file_was_replaced()) {
+        close_database();
+    }
+    if (!db_ && !open_database(error)) {
+        return false;
+    }
+    bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE");
+    for (auto j = batch.begin(); ok && j != batch.end(); ++j) {
+        ok = store_block(*j);
+    }
+    ok = ok && database_exec(db_.get(), "COMMIT");
+    if (!ok) {
+        error = sqlite3_errmsg(db_.get());
+        database_exec(db_.get(), "ROLLBACK");
+        close_database();
+    }
+    return ok;
+}
+
+void sqlite_store::report(std::string& last, const std::string& now, const char* again) {
+    if (now != last && listener_ != nullptr) {
+        listener_->on_problem(now.empty() ? again : now);
+    }
+    last = now;
+}
+
+void sqlite_store::tell(const job& j) {
+    if (listener_ == nullptr || j.result != store_result::stored) {
+        return;
+    }
+    for (block_reader reader(j.block.plain); reader.next();) {
+        if (reader.good) {
+            listener_->on_record(j.block, reader.current);
+        }
+    }
+    if (!j.bad.data.empty()) {
+        listener_->on_undecodable(j.block, j.bad.offset, j.bad.data.size(), j.bad.reason,
+                                  j.bad.kept_as);
+    }
+}
+
+void sqlite_store::write_batch(std::deque<job>& batch) {
+    std::string error;
+    bool ok = false;
+    try {
+        ok = store_all(batch, error);
+    } catch (const std::exception& e) { /* no memory, most likely */
+        error = e.what();
+        close_database();
+    }
+    if (!ok) {
+        for (job& j : batch) {
+            j.result = store_result::failed;
+        }
+        error = "results cannot be stored, the agents keep them: " + error;
+    }
+    report(trouble_, error, "results are stored again");
+    for (job& j : batch) {
+        tell(j);
+        j.done(j.result);
+    }
+}
+
+/* False when the queue is empty for good. Wakes up now and then for the days that end meanwhile. */
+bool sqlite_store::take_batch(std::deque<job>& batch) {
+    std::unique_lock hold(mutex_);
+    wake_.wait_for(hold, std::chrono::minutes(10), [this] { return stopping_ || !queue_.empty(); });
+    batch.swap(queue_);
+    return !batch.empty() || !stopping_;
+}
+
+void sqlite_store::write_batches() {
+    std::deque<job> batch;
+    while (take_batch(batch)) {
+        size_t bytes = 0;
+        for (const job& j : batch) {
+            bytes += j.block.plain.size();
+        }
+        if (!batch.empty()) {
+            write_batch(batch);
+        }
+        batch.clear();
+        {
+            std::lock_guard hold(mutex_);
+            queued_bytes_ -= bytes;
+        }
+        expire();
+    }
+}
+
+/* Days before the last keep_days ones go. What fails is tried again at the next batch. */
+void sqlite_store::expire() {
+    std::string today = utc_day(wall_clock());
+    if (options_.keep_days <= 0 || today == expired_day_ || !db_) {
+        return;
+    }
+    int64_t first_kept = (wall_clock() / 86400 - options_.keep_days) * 86400;
+    std::string first_day = utc_day(first_kept);
+    std::vector<std::string> tables;
+    bool ok = database_days(db_.get(), tables);
+    for (const std::string& table : tables) {
+        if (ok && table < "results_" + first_day) {
+            ok = database_exec(db_.get(), "DROP TABLE " + table);
+        }
+    }
+    ok = ok &&
+         statement(db_.get(), "DELETE FROM undecodable WHERE received < ?").bind(first_kept).run();
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(aside_directory(), error)) {
+        std::string name = entry.path().filename();
+        if (name.size() > 8 && name.substr(0, 8) < first_day) {
+            fs::remove(entry.path(), error);
+        }
+    }
+    if (ok) {
+        expired_day_ = today;
+    }
+}
+
+} // namespace
+
+std::unique_ptr<store> store::open(const store_options& options, store_listener* listener,
+                                   std::string& error) {
+    store_options absolute = options;
+    std::error_code failure;
+    absolute.directory = fs::absolute(options.directory, failure).lexically_normal();
+    fs::create_directories(fs::path(absolute.directory).parent_path(), failure);
+    if (options.directory.empty() || !make_private_directory(absolute.directory)) {
+        error = system_error("state directory " + absolute.directory);
+        return nullptr;
+    }
+    std::string lock_path = absolute.directory + "/lock";
+    unique_fd lock(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) {
+        error = system_error(lock_path);
+        return nullptr;
+    }
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        error = errno == EWOULDBLOCK
+                    ? "another collector uses the state directory " + absolute.directory
+                    : system_error(lock_path);
+        return nullptr;
+    }
+    auto opened = std::make_unique<sqlite_store>(absolute, listener, std::move(lock));
+    if (!opened->start(error)) {
+        return nullptr;
+    }
+    return opened;
+}

@@ -1,0 +1,30 @@
+/* Text from outside made fit for a terminal, and times as text. */
+#ifndef VINDRAL_COLLECTOR_TEXT_H
+#define VINDRAL_COLLECTOR_TEXT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/* A copy that is safe to print: line ends, tabs and other blanks become a space (none at the end),
+ * every other control or formatting character and every byte that is no UTF-8 becomes '?'. */
+std::string printable(std::string_view text);
+
+/* The columns that printable text takes on a terminal. */
+size_t display_width(std::string_view text);
+
+/* The longest beginning of printable text that takes at most `columns`, filled up with spaces. */
+std::string fit_columns(std::string_view text, size_t columns);
+
+/* A copy in which every byte that is no UTF-8 has become U+FFFD. */
+std::string valid_utf8(std::string_view text);
+
+/* "2026-05-01T12:00:00Z", or the plain number for a time that has no such form. */
+std::string utc_time(int64_t seconds);
+
+/* "20260501": the day, in UTC, of a time in the years 1970 to 9999; the nearest such day otherwise.
+ */
+std::string utc_day(int64_t seconds);
+
+#endif

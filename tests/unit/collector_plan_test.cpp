@@ -1,0 +1,447 @@
+#include "plan.cpp"
+
+#include "collector_test_support.h"
+
+#include <chrono>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+static double pinned_seconds = 1000;
+
+/* A plan file in a directory of its own. The clock by which a file lies still is pinned;
+ * that of its time stamps is in the past, as after a wrong clock. */
+struct plan_test : testing::Test {
+    scratch_directory directory;
+    std::string path = directory / "plan";
+    std::vector<std::string> problems; /* "number reason" */
+    std::unique_ptr<plan> p;
+
+    void SetUp() override {
+        read_clock_ns = [](clockid_t clock) {
+            return clock == CLOCK_MONOTONIC ? static_cast<int64_t>(pinned_seconds * 1e9) : 0;
+        };
+    }
+    void TearDown() override { read_clock_ns = clock_ns; }
+
+    bool start(const std::string& text) {
+        write_text(path, text);
+        p = std::make_unique<plan>(path, [this](const plan_problem& problem) {
+            problems.push_back(std::to_string(problem.number) + " " + problem.reason);
+        });
+        return p->refresh();
+    }
+
+    /* What a running collector sees once the file has lain still. */
+    bool settle() {
+        pinned_seconds += 2;
+        return p->refresh();
+    }
+
+    std::vector<std::string> take_problems() { return std::exchange(problems, {}); }
+};
+
+using strings = std::vector<std::string>;
+
+static const std::string laa5 = "LAA\t5\t1\t1\t2\t3\n";
+static const std::string laa6 = "LAA\t6\t1\t1\t2\t3\n";
+
+TEST_F(plan_test, an_empty_path_is_an_empty_plan) {
+    plan none("", nullptr);
+    EXPECT_TRUE(none.refresh());
+    EXPECT_EQ(none.text_after(0), "");
+    EXPECT_EQ(none.newest(), 0u);
+}
+
+TEST_F(plan_test, all_lines_that_hold_are_sent_in_file_order) {
+    std::string text = "POL\t0\t30\nCHK\t0\t60\n" + laa5 +
+                       "LAA\t6\t1\t-1\t2\t3\thost\nLAM\t5\t1\t1\t1\t1\n"
+                       "LAD\t6\t0\nUPD\tname\turl\tsum\n";
+    EXPECT_TRUE(start(text));
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_after(0), text);
+    EXPECT_EQ(p->text_after(p->newest()), "");
+    ASSERT_EQ(p->lines().size(), 7u);
+    EXPECT_EQ(p->lines()[2].number, 3);
+    EXPECT_EQ(p->lines()[2].text + "\n", laa5);
+}
+
+TEST_F(plan_test, comments_blank_lines_and_carriage_returns_are_no_problem) {
+    EXPECT_TRUE(start("# comment\n\n  \t \n \t# another\nCHK\t0\t60\r\n#\r\n\r\nPOL\tx\t10\r\r\n"));
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_after(0), "CHK\t0\t60\nPOL\tx\t10\n");
+    EXPECT_EQ(p->lines()[1].number, 8);
+}
+
+TEST_F(plan_test, stopping_is_legal) {
+    EXPECT_TRUE(start("POL\t0\t-1\nCHK\t0\t-1\n"));
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->lines().size(), 2u);
+}
+
+TEST_F(plan_test, lines_that_an_agent_would_drop_are_reported_and_not_sent) {
+    EXPECT_TRUE(start("XYZ\t1\t2\n"
+                      "laa\t5\t1\t1\t2\t3\n"
+                      "\tCHK\t0\t60\n"
+                      "CHK\t60\n"
+                      "CHK\t0\t60\t1\n"
+                      "CHK\t0\t0\n"
+                      "POL\t0\t0\n"
+                      "LAA\t0\t1\t1\t2\t3\n"
+                      "LAA\t4294967296\t1\t1\t2\t3\n"
+                      "LAA\tfive\t1\t1\t2\t3\n"
+                      "LAA\t5\t1\t1.5\t2\t3\n"
+                      "LAA\t5\t\t1\t2\t3\n"
+                      "LAA\t5\t1\t1\t2\n"
+                      "LAA\t5\t1\t1\t2\t3\thost\tmore\n"
+                      "LAD\t5\n"
+                      "UPD\tname\turl\n"));
+    EXPECT_EQ(
+        take_problems(),
+        (strings{"1 unknown code \"XYZ\"", "2 unknown code \"laa\"", "3 unknown code \"\"",
+                 "4 CHK takes 3 fields, here are 2", "5 CHK takes 3 fields, here are 4",
+                 "6 the number of seconds is 0", "7 the number of seconds is 0",
+                 "8 the test id is 0",
+                 "9 the test id is \"4294967296\", not a whole number of 32 bits",
+                 "10 the test id is \"five\", not a whole number of 32 bits",
+                 "11 the 1 min maximum is \"1.5\", not a whole number of 32 bits",
+                 "12 the location id is \"\", not a whole number of 32 bits",
+                 "13 LAA takes 6 or 7 fields, here are 5", "14 LAA takes 6 or 7 fields, here are 8",
+                 "15 LAD takes 3 fields, here are 2", "16 UPD takes 4 fields, here are 3"}));
+    EXPECT_EQ(p->text_after(0), "");
+    EXPECT_EQ(p->newest(), 0u);
+}
+
+TEST_F(plan_test, fields_that_the_agent_ignores_may_be_anything) {
+    EXPECT_TRUE(start(laa5 + "POL\tanything\t10\nLAD\t5\tanything\n"));
+    EXPECT_EQ(take_problems(), strings());
+}
+
+TEST_F(plan_test, an_empty_last_field_cannot_be_sent_but_a_tab_may_end_the_line) {
+    EXPECT_TRUE(start("LAA\t5\t1\t1\t2\t3\t\n" /* six fields */
+                      "LAA\t6\t1\t1\t2\t3\t\t\n"
+                      "UPD\tname\turl\t\n"
+                      "LAA\t7\t1\t1\t2\t\t3\n"));
+    EXPECT_EQ(take_problems(),
+              (strings{"2 the last field is empty, which cannot be sent",
+                       "3 UPD takes 4 fields, here are 3 (the tab at the end begins no field)",
+                       "4 the 15 min maximum is \"\", not a whole number of 32 bits"}));
+    EXPECT_EQ(p->text_after(0), "LAA\t5\t1\t1\t2\t3\t\n");
+}
+
+TEST_F(plan_test, what_would_do_nothing_is_reported) {
+    EXPECT_TRUE(start("LAD\t5\t0\n"
+                      "LAM\t5\t1\t1\t2\t3\n" +
+                      laa5 +
+                      "LAA\t5\t1\t9\t9\t9\n"
+                      "LAD\t5\t0\n"
+                      "LAD\t5\t0\n"
+                      "LAM\t5\t1\t1\t2\t3\n" +
+                      laa5));
+    EXPECT_EQ(take_problems(),
+              (strings{"1 load average test 5 is not there, removing it does nothing",
+                       "2 load average test 5 is not there, modifying it does nothing",
+                       "4 load average test 5 is there already, adding it again does nothing",
+                       "6 load average test 5 is not there, removing it does nothing",
+                       "7 load average test 5 is not there, modifying it does nothing"}));
+    EXPECT_EQ(p->text_after(0), laa5 + "LAD\t5\t0\n" + laa5);
+}
+
+TEST_F(plan_test, bytes_that_do_not_belong_into_a_line_are_reported) {
+    std::string longest = "UPD\tn\tu\t" + std::string(65536 - 8, 'x');
+    EXPECT_TRUE(
+        start(std::string("CHK\t0\t6\0\n", 9) + longest + "\n" + longest + "y\n\x1b[31m\tx\n"));
+    EXPECT_EQ(take_problems(),
+              (strings{"1 there is a NUL byte in the line", "3 the line is longer than 64 KiB",
+                       "4 unknown code \"?[31m\""}));
+    EXPECT_EQ(p->text_after(0), longest + "\n");
+}
+
+TEST_F(plan_test, many_problems_are_cut_short) {
+    std::string text;
+    for (int i = 0; i < 1500; i++) {
+        text += "bad " + std::to_string(i) + "\n";
+    }
+    EXPECT_TRUE(start(text));
+    ASSERT_EQ(problems.size(), 1001u);
+    EXPECT_EQ(problems[999], "1000 unknown code \"bad 999\"");
+    EXPECT_EQ(problems[1000], "1001 there are more problems from here on");
+}
+
+TEST_F(plan_test, appended_lines_get_new_serials_at_once) {
+    start(laa5);
+    uint64_t before = p->newest();
+    append_text(path, laa6 + "bad\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(take_problems(), (strings{"3 unknown code \"bad\""}));
+    EXPECT_EQ(p->text_after(before), laa6);
+    EXPECT_EQ(p->text_after(0), laa5 + laa6);
+    uint64_t now = p->newest();
+    EXPECT_TRUE(settle());
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->newest(), now);
+    EXPECT_EQ(take_problems(), strings()); /* once per problem */
+}
+
+TEST_F(plan_test, the_same_line_once_more_is_a_new_line) {
+    start("CHK\t0\t60\nUPD\ta\tb\tc\n");
+    uint64_t before = p->newest();
+    append_text(path, "CHK\t0\t30\nCHK\t0\t60\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(before), "CHK\t0\t30\nCHK\t0\t60\n");
+}
+
+TEST_F(plan_test, a_problem_is_reported_again_only_when_it_is_new) {
+    start("bad\n");
+    EXPECT_EQ(take_problems(), (strings{"1 unknown code \"bad\""}));
+    write_text(directory / "other", "# moved down\nbad\nbad\n");
+    rename((directory / "other").c_str(), path.c_str());
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(take_problems(), (strings{"3 unknown code \"bad\""}));
+}
+
+TEST_F(plan_test, a_line_without_end_is_taken_at_start) {
+    EXPECT_TRUE(start("CHK\t0\t60"));
+    EXPECT_EQ(p->text_after(0), "CHK\t0\t60\n");
+}
+
+TEST_F(plan_test, while_running_a_line_without_end_has_to_lie_still) {
+    start(laa5);
+    append_text(path, "CHK\t0\t6");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(0), laa5);
+    pinned_seconds += 1.5;
+    append_text(path, "0");
+    EXPECT_TRUE(p->refresh());
+    pinned_seconds += 1.5;
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(0), laa5);
+    pinned_seconds += 0.5;
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(0), laa5 + "CHK\t0\t60\n");
+}
+
+TEST_F(plan_test, a_file_that_lay_still_before_is_taken_at_once) {
+    start(laa5);
+    read_clock_ns = [](clockid_t clock) {
+        return clock == CLOCK_MONOTONIC ? int64_t{0} : clock_ns(clock) + 2000000000;
+    };
+    append_text(path, "CHK\t0\t60");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(0), laa5 + "CHK\t0\t60\n");
+}
+
+TEST_F(plan_test, an_unended_last_line_that_was_there_stays) {
+    start(laa5 + "CHK\t0\t60");
+    uint64_t before = p->newest();
+    write_text(directory / "other", laa6 + laa5 + "CHK\t0\t60");
+    rename((directory / "other").c_str(), path.c_str());
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(before), laa6);
+    EXPECT_EQ(p->text_after(0), laa6 + laa5 + "CHK\t0\t60\n");
+}
+
+TEST_F(plan_test, a_file_rewritten_in_place_has_to_lie_still) {
+    start(laa5 + laa6 + "CHK\t0\t60\n");
+    uint64_t before = p->newest();
+    write_text(path, "# all new\n" + laa5); /* an editor wrote so far */
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->lines().size(), 3u);
+    pinned_seconds += 1;
+    append_text(path, laa6 + "CHK\t0\t60\nCHK\t0\t90\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->lines().size(), 3u);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->text_after(before), "CHK\t0\t90\n");
+    EXPECT_EQ(p->lines().size(), 4u);
+    EXPECT_EQ(take_problems(), strings());
+}
+
+TEST_F(plan_test, a_replaced_file_is_taken_at_once) {
+    start(laa5 + "CHK\t0\t60\n");
+    uint64_t before = p->newest();
+    write_text(directory / "other", laa6 + laa5);
+    rename((directory / "other").c_str(), path.c_str());
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(before), laa6);
+    EXPECT_EQ(p->text_after(0), laa6 + laa5);
+}
+
+/* Same size, same inode, and possibly the same time stamps: seen when the file is read once more
+ * after it has lain still. */
+TEST_F(plan_test, a_change_within_one_clock_tick_is_not_lost) {
+    start("CHK\t0\t60\n");
+    struct stat status;
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    write_text(path, "CHK\t0\t90\n");
+    p->refresh();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->text_after(0), "CHK\t0\t90\n");
+}
+
+TEST_F(plan_test, removing_a_line_and_appending_its_remove_command_holds) {
+    start(laa5 + laa6);
+    uint64_t before = p->newest();
+    write_text(path, laa6 + "LAD\t5\t0\n");
+    EXPECT_TRUE(settle());
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_after(before), "LAD\t5\t0\n");
+    EXPECT_EQ(p->text_after(0), laa6 + "LAD\t5\t0\n");
+    /* It stays in force for agents that were away, but only once. */
+    append_text(path, "LAD\t5\t1\n");
+    p->refresh();
+    EXPECT_EQ(take_problems(),
+              (strings{"3 load average test 5 is not there, removing it does nothing"}));
+    EXPECT_EQ(p->text_after(0), laa6 + "LAD\t5\t0\n");
+}
+
+TEST_F(plan_test, modifying_a_test_of_a_removed_line_holds) {
+    start(laa5 + laa6);
+    write_text(path, laa6 + "LAM\t5\t1\t9\t9\t9\n");
+    settle();
+    settle();
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->lines().size(), 2u);
+}
+
+TEST_F(plan_test, a_changed_add_is_sent_but_reported) {
+    start(laa5);
+    uint64_t before = p->newest();
+    write_text(path, "LAA\t5\t1\t9\t9\t9\n");
+    settle();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(
+        take_problems(),
+        (strings{"1 agents that run have load average test 5 already and keep it as it was: "
+                 "modify it, or remove it first (sent all the same, for agents that start anew)"}));
+    EXPECT_EQ(p->text_after(before), "LAA\t5\t1\t9\t9\t9\n");
+}
+
+TEST_F(plan_test, a_remove_and_a_changed_add_hold) {
+    start(laa5);
+    uint64_t before = p->newest();
+    std::string text = "LAD\t5\t0\nLAA\t5\t1\t9\t9\t9\n";
+    write_text(path, text);
+    settle();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_after(before), text);
+}
+
+/* Agents that run get the new line only; the test's old lines follow it, or they would lose the
+ * test. */
+TEST_F(plan_test, a_remove_put_above_the_add_sends_the_add_again) {
+    std::string lam = "LAM\t5\t1\t7\t7\t7\n";
+    start(laa6 + laa5 + lam);
+    uint64_t before = p->newest();
+    write_text(path, "LAD\t5\t0\n" + laa6 + laa5 + lam);
+    settle();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_after(before), "LAD\t5\t0\n" + laa5 + lam);
+    before = p->newest();
+    append_text(path, "CHK\t0\t60\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(before), "CHK\t0\t60\n");
+}
+
+TEST_F(plan_test, what_cannot_be_read_leaves_the_lines_and_is_reported_once) {
+    start(laa5);
+    std::string gone = "0 " + path + ": No such file or directory";
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_FALSE(p->refresh());
+    EXPECT_FALSE(settle());
+    EXPECT_EQ(take_problems(), (strings{gone}));
+    EXPECT_EQ(p->text_after(0), laa5);
+
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    EXPECT_FALSE(p->refresh());
+    EXPECT_FALSE(settle());
+    EXPECT_EQ(take_problems(), (strings{"0 " + path + ": is not a file"}));
+    ASSERT_EQ(rmdir(path.c_str()), 0);
+
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(p->refresh());            /* and does not wait for a writer */
+    EXPECT_EQ(take_problems(), strings()); /* the same problem still */
+    ASSERT_EQ(unlink(path.c_str()), 0);
+
+    write_text(path, laa5 + laa6);
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(0), laa5 + laa6);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_FALSE(p->refresh());
+    EXPECT_EQ(take_problems(), (strings{gone})); /* it is news again */
+}
+
+TEST_F(plan_test, a_truncated_file_leaves_the_lines) {
+    start(laa5);
+    write_text(path, "");
+    EXPECT_FALSE(p->refresh());
+    EXPECT_FALSE(settle());
+    EXPECT_FALSE(settle());
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(take_problems()[0],
+              "0 " + path +
+                  ": is empty; the lines that were in it stay in force (one with "
+                  "only a comment drops them)");
+    EXPECT_EQ(p->text_after(0), laa5);
+    uint64_t before = p->newest();
+    write_text(path, laa5 + laa6);
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->text_after(before), laa6);
+    write_text(path, "# nothing\n");
+    settle();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->text_after(0), "");
+}
+
+TEST_F(plan_test, a_file_that_is_too_large_is_refused) {
+    EXPECT_FALSE(start(std::string((8u << 20) + 1, '\n')));
+    EXPECT_EQ(take_problems(), (strings{"0 " + path + ": is larger than 8 MiB"}));
+    EXPECT_TRUE(start(std::string(8u << 20, '\n')));
+}
+
+TEST_F(plan_test, a_missing_file_at_start_is_told) {
+    plan none(directory / "none", nullptr);
+    EXPECT_FALSE(none.refresh());
+    EXPECT_FALSE(none.refresh());
+}
+
+TEST_F(plan_test, an_unchanged_file_is_not_read_again) {
+    start(laa5);
+    settle();
+    ASSERT_EQ(chmod(path.c_str(), 0), 0); /* a change of its own */
+    p->refresh();
+    settle();
+    bool result = p->refresh();
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(p->refresh(), result);
+    }
+    EXPECT_EQ(p->text_after(0), laa5);
+    EXPECT_LE(problems.size(), 1u); /* root may read it all the same */
+}
+
+TEST_F(plan_test, planned_tests_are_those_that_remain) {
+    start(laa5 + laa6 +
+          "LAA\t7\t1\t1\t2\t3\nLAM\t7\t1\t1\t1\t1\nLAD\t5\t0\nCHK\t0\t60\nLAD\t7\t0\n" +
+          "LAA\t7\t2\t1\t1\t1\nLAA\t-8\t1\t1\t2\t3\n");
+    std::vector<std::pair<uint32_t, int32_t>> found;
+    for (const planned_test& test : planned_tests(p->lines())) {
+        found.push_back({test.type, test.id});
+    }
+    EXPECT_EQ(found, (std::vector<std::pair<uint32_t, int32_t>>{{66, 6}, {66, 7}, {66, -8}}));
+}
+
+TEST_F(plan_test, large_plans_are_read_in_reasonable_time) {
+    std::string text;
+    for (int i = 1; i <= 50000; i++) {
+        text += "LAA\t" + std::to_string(i) + "\t1\t1\t2\t3\n";
+    }
+    auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(start(text));
+    append_text(path, "CHK\t0\t60\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(planned_tests(p->lines()).size(), 50000u);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+    EXPECT_EQ(p->lines().size(), 50001u);
+}

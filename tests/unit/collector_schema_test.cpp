@@ -1,0 +1,193 @@
+#include "schema.h"
+
+#include "collector_test_support.h"
+#include "text.h"
+
+#include <boost/json.hpp>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+
+static record decode(const std::string& bytes) {
+    record r;
+    std::string reason;
+    EXPECT_TRUE(decode_record(bytes, r, reason)) << reason;
+    return r;
+}
+
+static std::string json_of(const std::string& bytes, const std::string& agent = "web1") {
+    return record_json("a@b.c", agent, 1777, decode(bytes));
+}
+
+TEST(schema, load_average) {
+    std::string bytes = load_record(5, 1700000000, 2, "too high\n");
+    record r = decode(bytes);
+    record_summary summary = summarize(r);
+    ASSERT_NE(summary.schema, nullptr);
+    EXPECT_EQ(summary.type, 66u);
+    EXPECT_EQ(summary.test, 5);
+    EXPECT_EQ(summary.location, 7);
+    EXPECT_EQ(summary.status, 2);
+    EXPECT_EQ(summary.time, 1700000000);
+    EXPECT_EQ(summary.message, "too high\n");
+    EXPECT_EQ(values_text(r, summary), "load1 0.5 load5 0.25 load15 0.125");
+    EXPECT_EQ(type_name(66), "load average");
+}
+
+TEST(schema, ids_are_signed) {
+    std::string bytes = load_record(0xffffffffu, 1);
+    EXPECT_EQ(summarize(decode(bytes)).test, -1);
+}
+
+TEST(schema, a_message_may_be_missing) {
+    record_builder b{.ui32 = {66, 5, 7, 0}, .i64 = {1}, .d64 = {1, 2, 3}};
+    b.missing_strings = 1;
+    std::string bytes = b.bytes();
+    record r = decode(bytes);
+    ASSERT_NE(summarize(r).schema, nullptr);
+    EXPECT_EQ(summarize(r).message, "");
+}
+
+TEST(schema, a_record_that_lacks_what_its_type_needs_is_shown_generically) {
+    for (const record_builder& b :
+         {record_builder{.ui32 = {66, 5, 7}, .i64 = {1}, .d64 = {1, 2, 3}},
+          record_builder{.ui32 = {66, 5, 7, 0}, .d64 = {1, 2, 3}},
+          record_builder{.ui32 = {66, 5, 7, 0}, .i64 = {1}, .d64 = {1, 2}}}) {
+        std::string bytes = b.bytes();
+        record r = decode(bytes);
+        EXPECT_EQ(summarize(r).schema, nullptr);
+        EXPECT_FALSE(summarize(r).test.has_value());
+    }
+}
+
+TEST(schema, status_words) {
+    EXPECT_EQ(status_word(0), "ok");
+    EXPECT_EQ(status_word(2), "limit reached");
+    EXPECT_EQ(status_word(3), "not found");
+    EXPECT_EQ(status_word(10), "remote query failed");
+    EXPECT_EQ(status_word(-7), "status -7");
+}
+
+TEST(schema, unknown_types_print_all_they_hold) {
+    std::string leaf = record_builder{.ui32 = {1}}.bytes();
+    std::string bytes = record_builder{
+        .i32 = {-1},
+        .ui32 = {99, 2},
+        .i64 = {3},
+        .ui64 = {4},
+        .d64 = {5.5, 1e300},
+        .strings = {"a text"},
+        .nested = {leaf}}.bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)),
+              "i32 -1 ui32 99 2 i64 3 ui64 4 d64 5.5 1e+300 \"a text\" 1 nested");
+    EXPECT_EQ(type_name(99), "type 99");
+    std::string many = record_builder{.ui32 = std::vector<uint32_t>(17, 8)}.bytes();
+    record long_one = decode(many);
+    EXPECT_EQ(values_text(long_one, summarize(long_one)),
+              "ui32 8 8 8 8 8 8 8 8 8 8 8 8 8 8 8 8 ...");
+}
+
+TEST(json, a_test_result) {
+    boost::json::value expected = {{"agent", "web1"},
+                                   {"account", "a@b.c"},
+                                   {"received", 1777},
+                                   {"type", 66},
+                                   {"name", "load average"},
+                                   {"test", 5},
+                                   {"location", 7},
+                                   {"time", 1700000000},
+                                   {"status", 2},
+                                   {"status_text", "limit reached"},
+                                   {"values", {{"load1", 0.5}, {"load5", 0.25}, {"load15", 0.125}}},
+                                   {"message", "too high\n"}};
+    std::string text = json_of(load_record(5, 1700000000, 2, "too high\n"));
+    EXPECT_EQ(boost::json::parse(text), expected) << text;
+    EXPECT_EQ(text.find('\n'), text.npos);
+}
+
+TEST(json, an_unknown_type_with_nested_records) {
+    std::string leaf = record_builder{.ui32 = {1}, .strings = {"leaf"}}.bytes();
+    std::string middle = record_builder{.nested = {leaf}}.bytes();
+    std::string text = json_of(record_builder{
+        .i32 = {-2},
+        .ui32 = {99},
+        .ui64 = {~uint64_t{0}},
+        .strings = {"s"},
+        .nested = {middle, leaf}}.bytes());
+    boost::json::value expected = boost::json::parse(R"({
+        "agent": "web1", "account": "a@b.c", "received": 1777, "type": 99, "name": "type 99",
+        "test": null, "location": null, "time": null, "status": null, "status_text": null,
+        "values": {"i32": [-2], "ui32": [99], "ui64": [18446744073709551615], "strings": ["s"]},
+        "message": null,
+        "nested": [{"nested": [{"ui32": [1], "strings": ["leaf"]}]}, {"ui32": [1], "strings": ["leaf"]}]
+    })");
+    EXPECT_EQ(boost::json::parse(text), expected) << text;
+}
+
+TEST(json, numbers_that_json_has_not_are_null) {
+    double inf = std::numeric_limits<double>::infinity();
+    std::string bytes =
+        record_builder{.ui32 = {66, 1, 1, 0}, .i64 = {1}, .d64 = {std::nan(""), inf, -inf}}.bytes();
+    boost::json::value parsed = boost::json::parse(json_of(bytes));
+    for (const char* name : {"load1", "load5", "load15"}) {
+        EXPECT_TRUE(parsed.at("values").at(name).is_null()) << name;
+    }
+}
+
+TEST(json, any_bytes_in_texts_become_valid_and_harmless_json) {
+    std::string all;
+    for (int i = 1; i < 256; i++) {
+        all += static_cast<char>(i);
+    }
+    all += "\xc2\x9b"
+           "31m \xc3\xa4 \xe2\x82\xac \xed\xa0\x80 \xf4\x90\x80\x80 \xc0\xaf \xe2\x82";
+    std::string text = json_of(load_record(1, 2, 0, all), all);
+    for (unsigned char byte : text) {
+        EXPECT_GE(byte, 0x20u);
+        EXPECT_NE(byte, 0x7fu);
+    }
+    EXPECT_EQ(text.find("\xc2\x9b"), text.npos);
+    EXPECT_NE(text.find("\\u009b"), text.npos);
+    std::string message(boost::json::parse(text).at("message").as_string());
+    EXPECT_NE(message.find("\xc2\x9b"
+                           "31m \xc3\xa4 \xe2\x82\xac "),
+              message.npos);
+    EXPECT_EQ(message, valid_utf8(all));
+}
+
+TEST(text, printable_has_no_controls) {
+    EXPECT_EQ(printable("plain text"), "plain text");
+    EXPECT_EQ(printable("two\nlines\t\n"), "two lines");
+    EXPECT_EQ(printable("\x1b[31mred\x07"), "?[31mred?");
+    EXPECT_EQ(printable("\xc2\x9b"
+                        "1m \x7f"),
+              "?1m ?");
+    EXPECT_EQ(printable("gr\xc3\xbc\xc3\x9f \xe6\xbc\xa2"), "gr\xc3\xbc\xc3\x9f \xe6\xbc\xa2");
+    EXPECT_EQ(printable("a\xe2\x80\xae"
+                        "b\xe2\x80\x8b"
+                        "c\xef\xbb\xbf"),
+              "a?b?c?"); /* right-to-left override, zero-width space, byte order mark */
+    EXPECT_EQ(printable("\xff\xc3"), "??");
+    EXPECT_EQ(printable(std::string("a\0b", 3)), "a?b");
+}
+
+TEST(text, columns) {
+    EXPECT_EQ(display_width("abc"), 3u);
+    EXPECT_EQ(display_width("\xe6\xbc\xa2\xc3\xbc"), 3u);
+    EXPECT_EQ(fit_columns("abc", 5), "abc  ");
+    EXPECT_EQ(fit_columns("abcdef", 3), "abc");
+    EXPECT_EQ(fit_columns("a\xe6\xbc\xa2", 2), "a "); /* a wide character is not halved */
+}
+
+TEST(text, times) {
+    EXPECT_EQ(utc_time(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(utc_time(1777636800), "2026-05-01T12:00:00Z");
+    EXPECT_EQ(utc_time(-1), "-1");
+    EXPECT_EQ(utc_time(std::numeric_limits<int64_t>::max()), "9223372036854775807");
+    EXPECT_EQ(utc_day(1777636800), "20260501");
+    EXPECT_EQ(utc_day(1777593599), "20260430");
+    EXPECT_EQ(utc_day(1777593600), "20260501");
+    EXPECT_EQ(utc_day(std::numeric_limits<int64_t>::min()), "19700101");
+    EXPECT_EQ(utc_day(std::numeric_limits<int64_t>::max()), "99991231");
+}

@@ -1,0 +1,969 @@
+/* The server in this process, real TLS clients, and a store that does what a test tells it. */
+#include "server.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <mutex>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <zlib.h>
+
+using namespace std::chrono_literals;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+static constexpr bool sanitized = true;
+#else
+static constexpr bool sanitized = false;
+#endif
+
+namespace {
+
+/* ---- a store ---- */
+
+class fake_store : public store {
+public:
+    ~fake_store() override {
+        {
+            std::lock_guard hold(mutex_);
+            ending_ = true;
+            held_ = false;
+        }
+        changed_.notify_all();
+        writer_.join();
+    }
+
+    void submit(poll_block block, std::function<void(store_result)> done) override {
+        std::lock_guard hold(mutex_);
+        blocks_.push_back(block);
+        waiting_.push_back(std::move(done));
+        changed_.notify_all();
+    }
+
+    /* What the next blocks are answered; `stored` when nothing was said. */
+    void will_answer(store_result result) {
+        std::lock_guard hold(mutex_);
+        answers_.push_back(result);
+    }
+
+    void hold_back(bool held) {
+        {
+            std::lock_guard hold(mutex_);
+            held_ = held;
+        }
+        changed_.notify_all();
+    }
+
+    void wait_for_blocks(size_t count) {
+        std::unique_lock hold(mutex_);
+        EXPECT_TRUE(changed_.wait_for(hold, 20s, [&] { return blocks_.size() >= count; }));
+    }
+
+    std::vector<poll_block> blocks() {
+        std::lock_guard hold(mutex_);
+        return blocks_;
+    }
+
+private:
+    void write() {
+        std::unique_lock hold(mutex_);
+        for (;;) {
+            changed_.wait(hold, [&] { return ending_ || (!waiting_.empty() && !held_); });
+            if (waiting_.empty()) {
+                return;
+            }
+            auto done = std::move(waiting_.front());
+            waiting_.pop_front();
+            store_result result = store_result::stored;
+            if (!answers_.empty()) {
+                result = answers_.front();
+                answers_.pop_front();
+            }
+            hold.unlock();
+            done(result);
+            done = nullptr;
+            hold.lock();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<poll_block> blocks_;
+    std::deque<std::function<void(store_result)>> waiting_;
+    std::deque<store_result> answers_;
+    bool held_ = false, ending_ = false;
+    std::thread writer_{[this] { write(); }};
+};
+
+/* ---- a client ---- */
+
+enum class ending {
+    clean,   /* an end of TLS: an agent takes what it has for an accepted poll */
+    bare,    /* an end of stream without one: with an old library, likewise */
+    reset,   /* no connection, for an agent */
+    timeout, /* nothing at all for ten seconds */
+    error    /* TLS has failed: an error for an agent as well */
+};
+
+std::ostream& operator<<(std::ostream& out, ending e) {
+    const char* names[] = {"clean", "bare", "reset", "timeout", "error"};
+    return out << names[int(e)];
+}
+
+class client {
+public:
+    explicit client(uint16_t port, const char* from = "127.0.0.1") {
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        timeval limit{10, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        int yes = 1;
+        setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        sockaddr_in here{}, there{};
+        here.sin_family = there.sin_family = AF_INET;
+        inet_pton(AF_INET, from, &here.sin_addr);
+        bind(fd_, reinterpret_cast<sockaddr*>(&here), sizeof here);
+        there.sin_port = htons(port);
+        there.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&there), sizeof there) == 0;
+        EXPECT_TRUE(connected_);
+    }
+    ~client() {
+        SSL_free(ssl_);
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    client(const client&) = delete;
+    client& operator=(const client&) = delete;
+
+    bool handshake(int max_version = 0) {
+        static SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+        ssl_ = SSL_new(context);
+        SSL_set_fd(ssl_, fd_);
+        if (max_version) {
+            SSL_set_security_level(ssl_, 0);
+            SSL_set_min_proto_version(ssl_, TLS1_VERSION);
+            SSL_set_max_proto_version(ssl_, max_version);
+        }
+        ERR_clear_error();
+        return SSL_connect(ssl_) == 1;
+    }
+
+    bool send(std::string_view text) {
+        ERR_clear_error();
+        return SSL_write(ssl_, text.data(), int(text.size())) == int(text.size());
+    }
+    void send_raw(std::string_view bytes) {
+        (void)!::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+
+    /* Everything up to the end, and what kind of end that was. */
+    std::string read_all(ending& how) {
+        std::string all;
+        char piece[4096];
+        for (;;) {
+            ERR_clear_error();
+            errno = 0;
+            int got =
+                ssl_ ? SSL_read(ssl_, piece, sizeof piece) : int(recv(fd_, piece, sizeof piece, 0));
+            if (got <= 0) {
+                how = classify(got);
+                return all;
+            }
+            all.append(piece, size_t(got));
+        }
+    }
+    ending wait_for_end() {
+        ending how;
+        read_all(how);
+        return how;
+    }
+
+    /* Gone without reading, like a host whose line breaks. */
+    void vanish() {
+        linger at_once{1, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        close(fd_);
+        fd_ = -1;
+    }
+
+    SSL* ssl() { return ssl_; }
+    int fd() const { return fd_; }
+
+private:
+    ending classify(int got) {
+        int saved = errno;
+        if (ssl_) {
+            switch (SSL_get_error(ssl_, got)) {
+            case SSL_ERROR_ZERO_RETURN:
+                return ending::clean;
+            case SSL_ERROR_SSL:
+                return ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING
+                           ? ending::bare
+                           : ending::error;
+            case SSL_ERROR_SYSCALL:
+                break;
+            case SSL_ERROR_WANT_READ:
+                return ending::timeout;
+            default:
+                return ending::error;
+            }
+        } else if (got == 0) {
+            return ending::bare;
+        }
+        return saved == ECONNRESET || saved == EPIPE ? ending::reset
+               : saved == EAGAIN                     ? ending::timeout
+                                                     : ending::error;
+    }
+
+    int fd_ = -1;
+    bool connected_ = false;
+    SSL* ssl_ = nullptr;
+};
+
+struct reply {
+    std::string text, head, body, session;
+    ending end = ending::error;
+};
+
+reply split(std::string text, ending end) {
+    reply r{text, "", "", "", end};
+    size_t at = text.find("\r\n\r\n");
+    if (at != std::string::npos) {
+        r.head = text.substr(0, at + 4);
+        r.body = text.substr(at + 4);
+    }
+    size_t id = r.head.find("Vnd-SessionID: ");
+    if (id != std::string::npos) {
+        r.session = r.head.substr(id + 15, r.head.find("\r\n", id) - id - 15);
+    }
+    return r;
+}
+
+std::string login_text(const std::string& account, const std::string& agent) {
+    return "POST /fcgi-bin/agentgateway HTTP/1.0\r\nContent-Type: application/octet-stream\r\n"
+           "Content-Length: 0\r\nVnd-EMail: " +
+           account + "\r\nVnd-AName: " + agent +
+           "\r\nVnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n";
+}
+
+/* As the agent writes it; `body` is what goes over the wire. */
+std::string poll_text(const std::string& session, const std::string& body, uint64_t compression = 0,
+                      uint64_t checksum = 0) {
+    return "POST /fcgi-bin/agentgateway HTTP/1.0\r\nContent-Type: application/octet-stream\r\n"
+           "Content-Length: " +
+           std::to_string(body.size()) + "\r\nVnd-SessionID: " + session +
+           "\r\nVnd-Compression: " + std::to_string(compression) +
+           "\r\nVnd-CheckSum: " + std::to_string(checksum) +
+           "\r\nVnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n" + body;
+}
+
+std::string long_plan(size_t least) {
+    std::string lines;
+    for (int i = 1; lines.size() < least; ++i) {
+        lines += "LAA\t" + std::to_string(i) + "\t1\t5\t5\t5\n";
+    }
+    return lines;
+}
+
+uint64_t sum_of(const std::string& bytes) {
+    return adler32(adler32(0, nullptr, 0), reinterpret_cast<const Bytef*>(bytes.data()),
+                   uInt(bytes.size()));
+}
+
+std::string pack(const std::string& plain) {
+    uLongf length = compressBound(plain.size());
+    std::string out(length, '\0');
+    compress(reinterpret_cast<Bytef*>(out.data()), &length,
+             reinterpret_cast<const Bytef*>(plain.data()), plain.size());
+    out.resize(length);
+    return out;
+}
+
+/* ---- the server ---- */
+
+class collector_server : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        char name[] = "/tmp/collector_server_test.XXXXXX";
+        directory_ = mkdtemp(name);
+        identity_files files;
+        std::string error;
+        ASSERT_TRUE(ensure_identity(directory_, files, error)) << error;
+        tls_ = make_tls_context(files, error).release();
+        ASSERT_TRUE(tls_) << error;
+    }
+    static void TearDownTestSuite() {
+        SSL_CTX_free(tls_);
+        std::filesystem::remove_all(directory_);
+    }
+
+    void TearDown() override { finish(); }
+
+    void write_plan(const std::string& text) {
+        std::string path = directory_ + "/plan";
+        std::ofstream(path + ".new") << text;
+        std::filesystem::rename(path + ".new", path);
+    }
+
+    void start(const std::string& plan_text = "") {
+        write_plan(plan_text);
+        commands_ = std::make_unique<plan>(plan_text.empty() ? "" : directory_ + "/plan",
+                                           [](const plan_problem&) {});
+        store_ = std::make_unique<fake_store>();
+        server_ = std::make_unique<server>(options_, tls_, *store_, *commands_,
+                                           [this](const std::string& line) {
+                                               std::lock_guard hold(log_mutex_);
+                                               log_.push_back(line);
+                                           });
+        std::string error;
+        ASSERT_TRUE(server_->listen(error)) << error;
+        port_ = server_->port();
+        thread_ = std::thread([this] { server_->run(); });
+    }
+
+    /* Stops the server and waits until run() is back. */
+    void finish() {
+        if (thread_.joinable()) {
+            server_->stop();
+            thread_.join();
+        }
+        store_.reset();
+        server_.reset();
+    }
+
+    reply ask(const std::string& text) {
+        client c(port_);
+        EXPECT_TRUE(c.handshake());
+        EXPECT_TRUE(c.send(text));
+        ending end;
+        std::string all = c.read_all(end);
+        return split(all, end);
+    }
+
+    std::string log_in(const std::string& agent = "agent") {
+        return ask(login_text("me@example.org", agent)).session;
+    }
+
+    std::vector<std::string> log() {
+        std::lock_guard hold(log_mutex_);
+        return log_;
+    }
+
+    static inline std::string directory_;
+    static inline SSL_CTX* tls_ = nullptr;
+
+    server_options options_;
+    std::unique_ptr<plan> commands_;
+    std::unique_ptr<server> server_;
+    std::unique_ptr<fake_store> store_;
+    std::thread thread_;
+    uint16_t port_ = 0;
+    std::mutex log_mutex_;
+    std::vector<std::string> log_;
+};
+
+const char refused_text[] = "HTTP/1.0 200 OK\r\nContent-Length: 6\r\n\r\n111111";
+const char empty_text[] = "HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n";
+
+} // namespace
+
+/* ---- logging in ---- */
+
+TEST_F(collector_server, login_answers_a_session_and_the_whole_plan) {
+    start("POL\t0\t30\nLAA\t1\t1\t5\t5\t5\n");
+    reply r = ask(login_text("me@example.org", "agent"));
+    EXPECT_EQ(r.end, ending::clean);
+    ASSERT_EQ(r.session.size(), 32u);
+    EXPECT_EQ(r.session.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(r.text, "HTTP/1.0 200 OK\r\nContent-Length: 23\r\nVnd-SessionID: " + r.session +
+                          "\r\n\r\nPOL\t0\t30\nLAA\t1\t1\t5\t5\t5\n");
+}
+
+TEST_F(collector_server, a_new_login_ends_the_older_session_of_the_same_agent_only) {
+    start();
+    std::string first = log_in("one"), other = log_in("two"), second = log_in("one");
+    EXPECT_NE(first, second);
+    EXPECT_EQ(ask(poll_text(first, "")).text, refused_text);
+    EXPECT_EQ(ask(poll_text(second, "")).text, empty_text);
+    EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+}
+
+TEST_F(collector_server, an_account_that_is_not_on_the_list_is_not_authorised) {
+    options_.allow = {"me@example.org", "you@example.org"};
+    start("POL\t0\t30\n");
+    reply r = ask(login_text("stranger@example.org", "agent"));
+    EXPECT_EQ(r.text,
+              "HTTP/1.0 200 OK\r\nContent-Length: 6\r\nVnd-SessionID: 666666\r\n\r\n666666");
+    EXPECT_EQ(r.end, ending::clean);
+    EXPECT_EQ(ask(login_text("you@example.org", "agent")).session.size(), 32u);
+}
+
+TEST_F(collector_server, a_body_sent_with_a_login_is_read_and_ignored) {
+    start();
+    std::string text = login_text("me@example.org", "agent");
+    text.replace(text.find("Content-Length: 0"), 17, "Content-Length: 70000");
+    reply r = ask(text + std::string(70000, 'x'));
+    EXPECT_EQ(r.session.size(), 32u);
+    EXPECT_TRUE(store_->blocks().empty());
+}
+
+TEST_F(collector_server, a_name_that_no_agent_may_have_is_refused) {
+    start();
+    for (const std::string& agent : {std::string("a\tb"), std::string(), std::string(255, 'x')}) {
+        reply r = ask(login_text("me@example.org", agent));
+        EXPECT_EQ(r.text, "HTTP/1.0 400 Vnd-AName is empty, too long or has control characters\r\n"
+                          "Content-Length: 6\r\n\r\n111111");
+        EXPECT_EQ(r.end, ending::clean);
+    }
+    EXPECT_EQ(log_in(std::string(254, 'x')).size(), 32u);
+}
+
+/* ---- polls ---- */
+
+TEST_F(collector_server, a_poll_is_stored_and_answered_with_nothing) {
+    start();
+    std::string body = "block of records";
+    std::string session = log_in();
+    reply r = ask(poll_text(session, body, 0, sum_of(body)));
+    EXPECT_EQ(r.text, empty_text);
+    EXPECT_EQ(r.end, ending::clean);
+    auto blocks = store_->blocks();
+    ASSERT_EQ(blocks.size(), 1u);
+    EXPECT_EQ(blocks[0].account, "me@example.org");
+    EXPECT_EQ(blocks[0].agent, "agent");
+    EXPECT_EQ(blocks[0].plain, body);
+    EXPECT_NEAR(double(blocks[0].received), double(time(nullptr)), 20);
+}
+
+TEST_F(collector_server, a_packed_body_is_unpacked_large_ones_on_the_other_thread) {
+    start();
+    std::string session = log_in();
+    std::string small(2000, 'a'), large;
+    for (int i = 0; large.size() < 1000000; ++i) {
+        large += std::to_string(i * 7919);
+    }
+    for (const std::string& plain : {small, large}) {
+        std::string wire = pack(plain);
+        EXPECT_EQ(ask(poll_text(session, wire, plain.size(), sum_of(wire))).text, empty_text);
+    }
+    auto blocks = store_->blocks();
+    ASSERT_EQ(blocks.size(), 2u);
+    EXPECT_EQ(blocks[0].plain, small);
+    EXPECT_EQ(blocks[1].plain, large);
+}
+
+TEST_F(collector_server, the_answer_comes_after_the_commit) {
+    start();
+    std::string session = log_in();
+    store_->hold_back(true);
+    std::atomic<bool> committed = false;
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    ASSERT_TRUE(c.send(poll_text(session, "x")));
+    std::thread reader([&] {
+        ending end;
+        EXPECT_EQ(c.read_all(end), empty_text);
+        EXPECT_TRUE(committed);
+    });
+    store_->wait_for_blocks(1);
+    committed = true;
+    store_->hold_back(false);
+    reader.join();
+}
+
+TEST_F(collector_server, an_unknown_session_is_asked_to_log_in_again) {
+    start();
+    for (const char* id : {"0123456789abcdef0123456789abcdef", "111111", "666666", ""}) {
+        reply r = ask(poll_text(id, "some body"));
+        EXPECT_EQ(r.text, refused_text);
+        EXPECT_EQ(r.end, ending::clean);
+    }
+    EXPECT_EQ(ask(poll_text("x", std::string(300000, 'x'))).text, refused_text);
+    EXPECT_TRUE(store_->blocks().empty());
+}
+
+TEST_F(collector_server, a_body_that_does_not_verify_must_come_again) {
+    start();
+    std::string session = log_in();
+    std::string plain(3000, 'a'), wire = pack(plain), large(300000, 'b'), large_wire = pack(large);
+    EXPECT_EQ(ask(poll_text(session, wire, plain.size(), sum_of(wire) + 1)).text, refused_text);
+    EXPECT_EQ(ask(poll_text(session, wire, plain.size() - 1, sum_of(wire))).text, refused_text);
+    EXPECT_EQ(ask(poll_text(session, wire, plain.size() + 1, sum_of(wire))).text, refused_text);
+    EXPECT_EQ(ask(poll_text(session, large_wire, large.size() - 1, sum_of(large_wire))).text,
+              refused_text);
+    EXPECT_EQ(ask(poll_text(session, "no zlib", 100, sum_of("no zlib"))).text, refused_text);
+    EXPECT_TRUE(store_->blocks().empty());
+    EXPECT_EQ(ask(poll_text(session, wire, plain.size(), sum_of(wire))).text, empty_text);
+}
+
+TEST_F(collector_server, what_cannot_be_stored_now_must_come_again) {
+    start();
+    std::string session = log_in();
+    store_->will_answer(store_result::failed);
+    EXPECT_EQ(ask(poll_text(session, "x")).text, refused_text);
+    EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
+}
+
+TEST_F(collector_server, pieces_of_any_size_make_a_request) {
+    start();
+    std::string session = log_in();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    for (char byte : poll_text(session, "abc")) {
+        ASSERT_TRUE(c.send({&byte, 1}));
+    }
+    ending end;
+    EXPECT_EQ(c.read_all(end), empty_text);
+    EXPECT_EQ(store_->blocks().at(0).plain, "abc");
+}
+
+TEST_F(collector_server, a_second_request_on_the_connection_is_ignored) {
+    start();
+    std::string session = log_in();
+    reply r = ask(poll_text(session, "one") + poll_text(session, "two"));
+    EXPECT_EQ(r.text, empty_text);
+    EXPECT_EQ(r.end, ending::clean);
+    ASSERT_EQ(store_->blocks().size(), 1u);
+    EXPECT_EQ(store_->blocks()[0].plain, "one");
+}
+
+TEST_F(collector_server, a_client_that_has_ended_its_half_is_answered) {
+    start();
+    std::string session = log_in();
+    for (bool tls_end : {true, false}) {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        ASSERT_TRUE(c.send(poll_text(session, "x")));
+        if (tls_end) {
+            SSL_shutdown(c.ssl());
+        }
+        shutdown(c.fd(), SHUT_WR);
+        ending end;
+        std::string text;
+        if (tls_end) { /* OpenSSL reads no more after its own end of TLS; the bytes must be there */
+            pollfd ready{c.fd(), POLLIN, 0};
+            EXPECT_EQ(poll(&ready, 1, 10000), 1);
+            char bytes[4096];
+            EXPECT_GT(recv(c.fd(), bytes, sizeof bytes, 0), 0);
+        } else {
+            EXPECT_EQ(c.read_all(end), empty_text);
+            EXPECT_EQ(end, ending::clean);
+        }
+    }
+}
+
+/* ---- the plan ---- */
+
+TEST_F(collector_server, lines_added_are_sent_once_at_the_next_poll) {
+    start("POL\t0\t30\n");
+    std::string session = log_in(), other = log_in("other");
+    EXPECT_EQ(ask(poll_text(session, "")).text, empty_text);
+    write_plan("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\n");
+    reply r = ask(poll_text(session, "x"));
+    EXPECT_EQ(r.text, "HTTP/1.0 200 OK\r\nContent-Length: 14\r\n\r\nLAA\t7\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "y")).text, empty_text);
+    EXPECT_EQ(ask(poll_text(other, "")).body, "LAA\t7\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+}
+
+TEST_F(collector_server, a_lost_answer_is_given_again) {
+    start("POL\t0\t30\n");
+    std::string session = log_in();
+    write_plan("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "x")).body, "LAA\t7\t1\t5\t5\t5\n");
+    store_->will_answer(store_result::duplicate);
+    EXPECT_EQ(ask(poll_text(session, "x")).body, "LAA\t7\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "y")).text, empty_text);
+}
+
+TEST_F(collector_server, a_block_repeated_after_a_new_login_is_not_given_the_plan_again) {
+    start("POL\t0\t30\n");
+    std::string session = log_in();
+    store_->will_answer(store_result::duplicate);
+    EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
+}
+
+TEST_F(collector_server, lines_that_never_reached_the_agent_are_given_again) {
+    start("POL\t0\t30\n");
+    std::string session = log_in();
+    write_plan("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\n");
+    store_->hold_back(true);
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    ASSERT_TRUE(c.send(poll_text(session, "x")));
+    store_->wait_for_blocks(1);
+    c.vanish();
+    store_->hold_back(false);
+    EXPECT_EQ(ask(poll_text(session, "")).body, "LAA\t7\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "")).text, empty_text);
+}
+
+TEST_F(collector_server, a_long_plan_arrives_whole) {
+    std::string lines = long_plan(500000);
+    start(lines);
+    reply r = ask(login_text("me@example.org", "agent"));
+    EXPECT_EQ(r.body.size(), lines.size());
+    EXPECT_TRUE(r.body == lines);
+    EXPECT_EQ(r.end, ending::clean);
+}
+
+/* ---- what is no poll ---- */
+
+TEST_F(collector_server, a_malformed_request_is_never_taken_for_an_accepted_poll) {
+    start();
+    std::string session = log_in();
+    const std::string bad[] = {
+        "nonsense\r\n\r\n",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session + "\r\nContent-Length: -1\r\n\r\n",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session +
+            "\r\nContent-Length: 18446744073709551616\r\n\r\n",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session +
+            "\r\nContent-Length: 1\r\nContent-Length: 1\r\n\r\nx",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session + "\r\nVnd-CheckSum: 1x\r\n\r\n",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session + "\r\nVnd-SessionID: y\r\n\r\n",
+        "POST /x HTTP/1.0\r\nVnd-SessionID: " + session + "\r\nTransfer-Encoding: chunked\r\n\r\n",
+        "POST /x HTTP/1.0\r\nX: " + std::string(9000, 'x') + "\r\n\r\n",
+        std::string(9000, 'x'),
+    };
+    for (const std::string& text : bad) {
+        reply r = ask(text);
+        EXPECT_EQ(r.head.substr(0, 13), "HTTP/1.0 400 ") << r.text;
+        EXPECT_EQ(r.body, "111111");
+        EXPECT_NE(r.head.find("\r\nContent-Length: 6\r\n"), std::string::npos);
+        EXPECT_EQ(r.end, ending::clean);
+    }
+}
+
+TEST_F(collector_server, a_browser_is_told_what_this_is) {
+    start();
+    for (const char* line :
+         {"GET / HTTP/1.1\r\nHost: x\r\n\r\n", "POST /fcgi-bin/agentgateway HTTP/1.0\r\n\r\n"}) {
+        EXPECT_EQ(ask(line).text, "HTTP/1.0 404 Not Found\r\nContent-Length: 37\r\n\r\n"
+                                  "This is a vindral collection server.\n");
+    }
+}
+
+TEST_F(collector_server, no_tls_no_answer) {
+    start();
+    client c(port_);
+    c.send_raw("GET / HTTP/1.0\r\n\r\n");
+    EXPECT_EQ(c.wait_for_end(), ending::reset);
+    client old(port_);
+    EXPECT_FALSE(old.handshake(TLS1_1_VERSION));
+    client fine(port_);
+    EXPECT_TRUE(fine.handshake(TLS1_2_VERSION));
+}
+
+TEST_F(collector_server, agents_get_no_session_tickets) {
+    start();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    ASSERT_TRUE(c.send(login_text("me@example.org", "agent")));
+    c.wait_for_end();
+    EXPECT_FALSE(SSL_SESSION_has_ticket(SSL_get_session(c.ssl())));
+}
+
+/* ---- giving up: always a reset ---- */
+
+TEST_F(collector_server, a_silent_client_is_reset_at_the_deadline) {
+    options_.deadlines.handshake = 50ms;
+    start();
+    client c(port_);
+    EXPECT_EQ(c.wait_for_end(), ending::reset);
+}
+
+TEST_F(collector_server, a_slow_handshake_is_reset_at_the_deadline) {
+    options_.deadlines.handshake = 50ms;
+    start();
+    client c(port_);
+    c.send_raw("\x16\x03\x01\x02"); /* the beginning of a ClientHello */
+    EXPECT_EQ(c.wait_for_end(), ending::reset);
+}
+
+TEST_F(collector_server, a_slow_head_is_reset_at_the_deadline) {
+    options_.deadlines.head = 50ms;
+    start();
+    for (const char* text : {"", "POST /fcgi-bin/agentgateway HTTP/1.0\r\nContent-Le"}) {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        if (*text) {
+            ASSERT_TRUE(c.send(text));
+        }
+        EXPECT_EQ(c.wait_for_end(), ending::reset);
+    }
+}
+
+TEST_F(collector_server, a_slow_body_is_reset_at_the_deadline) {
+    options_.deadlines.body = 50ms;
+    start();
+    for (const std::string& session : {log_in(), std::string("unknown")}) {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        std::string text = poll_text(session, "1234567890");
+        ASSERT_TRUE(c.send(text.substr(0, text.size() - 1)));
+        EXPECT_EQ(c.wait_for_end(), ending::reset);
+    }
+}
+
+TEST_F(collector_server, trickling_does_not_stretch_the_deadline_of_the_whole) {
+    options_.deadlines.whole = 300ms;
+    start();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    auto begin = std::chrono::steady_clock::now();
+    while (c.send("P") && std::chrono::steady_clock::now() - begin < 10s) {
+        std::this_thread::sleep_for(5ms);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
+}
+
+TEST_F(collector_server, an_answer_that_comes_too_late_is_not_begun) {
+    options_.deadlines.whole = 100ms;
+    start();
+    std::string session = log_in();
+    store_->hold_back(true);
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    ASSERT_TRUE(c.send(poll_text(session, "x")));
+    store_->wait_for_blocks(1);
+    std::this_thread::sleep_for(400ms);
+    store_->hold_back(false);
+    ending end;
+    EXPECT_EQ(c.read_all(end), "");
+    EXPECT_EQ(end, ending::reset);
+}
+
+TEST_F(collector_server, an_end_before_the_whole_request_is_reset) {
+    start();
+    std::string session = log_in();
+    std::string text = poll_text(session, "1234567890");
+    for (size_t length : {size_t(0), size_t(20), text.size() - 1}) {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        if (length) {
+            ASSERT_TRUE(c.send(text.substr(0, length)));
+        }
+        shutdown(c.fd(), SHUT_WR);
+        EXPECT_EQ(c.wait_for_end(), ending::error); /* OpenSSL says decode_error before the reset */
+    }
+    EXPECT_TRUE(store_->blocks().empty());
+}
+
+TEST_F(collector_server, a_body_that_is_too_large_is_reset_before_it_is_read) {
+    options_.body.max_wire = 1000;
+    options_.body.max_plain = 5000;
+    start();
+    std::string session = log_in();
+    for (const std::string& text :
+         {poll_text(session, std::string(1001, 'x')), poll_text("unknown", std::string(1001, 'x')),
+          poll_text(session, std::string(1000, 'x'), 5001)}) {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        ASSERT_TRUE(c.send(text.substr(0, text.find("\r\n\r\n") + 4)));
+        EXPECT_EQ(c.wait_for_end(), ending::reset);
+    }
+    std::string most(1000, 'x');
+    EXPECT_EQ(ask(poll_text(session, most, 0, sum_of(most))).text, empty_text);
+}
+
+TEST_F(collector_server, bodies_beyond_the_memory_for_them_are_reset) {
+    options_.body_memory = 300000;
+    start();
+    std::string session = log_in();
+    std::string half(200000, 'x');
+    client first(port_);
+    ASSERT_TRUE(first.handshake());
+    std::string text = poll_text(session, half);
+    ASSERT_TRUE(first.send(text.substr(0, text.size() - 1)));
+    client second(port_);
+    ASSERT_TRUE(second.handshake());
+    if (second.send(text)) { /* otherwise the sending has met the reset */
+        EXPECT_EQ(second.wait_for_end(), ending::reset);
+    }
+    first.vanish();
+    /* The share of a connection that is gone comes back. */
+    std::string body(100000, 'y');
+    reply r;
+    for (int i = 0; i < 1000 && r.text.empty(); ++i) {
+        client third(port_);
+        ASSERT_TRUE(third.handshake());
+        third.send(poll_text(session, body));
+        r = split(third.read_all(r.end), ending::error);
+    }
+    EXPECT_EQ(r.text, empty_text);
+}
+
+TEST_F(collector_server, a_client_that_does_not_read_is_reset_at_the_deadline) {
+    options_.deadlines.answer = 50ms;
+    start(long_plan(8000000)); /* more than the kernel takes off the server's hands */
+    client c(port_);
+    int small = 4096;
+    setsockopt(c.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ASSERT_TRUE(c.handshake());
+    ASSERT_TRUE(c.send(login_text("me@example.org", "agent")));
+    pollfd broken{c.fd(), 0, 0};
+    EXPECT_EQ(poll(&broken, 1, 10000), 1);
+    EXPECT_EQ(c.wait_for_end(), ending::reset);
+}
+
+/* ---- limits ---- */
+
+TEST_F(collector_server, connections_beyond_the_limit_of_one_address_are_reset) {
+    options_.max_per_address = 3;
+    start();
+    std::deque<client> held;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(held.emplace_back(port_).handshake());
+    }
+    client fourth(port_);
+    EXPECT_EQ(fourth.wait_for_end(), ending::reset);
+    client elsewhere(port_, "127.0.0.2");
+    EXPECT_TRUE(elsewhere.handshake());
+    held.pop_front();
+    bool again = false;
+    for (int i = 0; i < 1000 && !again; ++i) {
+        client c(port_);
+        again = c.handshake();
+    }
+    EXPECT_TRUE(again);
+}
+
+TEST_F(collector_server, connections_beyond_the_limit_in_all_are_reset) {
+    options_.max_connections = 2;
+    start();
+    client one(port_, "127.0.0.1"), two(port_, "127.0.0.2");
+    ASSERT_TRUE(one.handshake());
+    ASSERT_TRUE(two.handshake());
+    client three(port_, "127.0.0.3");
+    EXPECT_EQ(three.wait_for_end(), ending::reset);
+}
+
+/* Memory in use; the resident size would show what earlier tests have left to reuse. */
+static size_t used_bytes() {
+    struct mallinfo2 all = mallinfo2();
+    return all.uordblks + all.hblkhd;
+}
+
+TEST_F(collector_server, thousands_of_silent_clients_cost_little_and_hinder_nobody) {
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const size_t count = std::min<size_t>(3000, limit.rlim_cur / 2 - 100);
+    options_.max_per_address = count + 10;
+    start();
+    std::string session = log_in();
+    size_t before = used_bytes();
+    std::deque<client> silent;
+    for (size_t i = 0; i < count; ++i) {
+        silent.emplace_back(port_);
+    }
+    EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text); /* all are accepted by now */
+    size_t each = (used_bytes() - before) / count;
+    RecordProperty("bytes_each", int(each));
+    if (!sanitized) {
+        EXPECT_LT(each, 4096u);
+    }
+}
+
+TEST_F(collector_server, a_client_in_the_middle_of_its_head_costs_some_kilobytes) {
+    const size_t count = 300;
+    start();
+    std::string session = log_in();
+    size_t before = used_bytes();
+    std::deque<client> slow;
+    for (size_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(slow.emplace_back(port_).handshake());
+        ASSERT_TRUE(slow.back().send("POST /"));
+    }
+    EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
+    size_t each = (used_bytes() - before) / count; /* both ends, each with its TLS state */
+    RecordProperty("bytes_each", int(each));
+    if (!sanitized) {
+        EXPECT_LT(each, 100000u);
+    }
+}
+
+TEST_F(collector_server, strangers_cannot_flood_the_log) {
+    start();
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(ask("nonsense\r\n\r\n").body, "111111");
+    }
+    EXPECT_EQ(log().size(), 20u);
+    EXPECT_EQ(log().front(), "bad request from 127.0.0.1: bad method");
+    finish();
+    ASSERT_EQ(log().size(), 21u);
+    EXPECT_EQ(log().back(),
+              "bad request from 127.0.0.1: bad method (the last of 40 such lines left out)");
+}
+
+/* ---- start and stop ---- */
+
+TEST_F(collector_server, stop_lets_polls_under_way_finish) {
+    start();
+    std::string session = log_in();
+    store_->hold_back(true);
+    {
+        client poll(port_), silent(port_);
+        ASSERT_TRUE(poll.handshake());
+        ASSERT_TRUE(poll.send(poll_text(session, "x")));
+        store_->wait_for_blocks(1);
+        server_->stop();
+        EXPECT_EQ(silent.wait_for_end(), ending::reset);
+        store_->hold_back(false);
+        ending end;
+        EXPECT_EQ(poll.read_all(end), empty_text);
+        EXPECT_EQ(end, ending::clean);
+    }
+    thread_.join();
+}
+
+TEST_F(collector_server, stop_resets_what_takes_too_long) {
+    options_.deadlines.stop = 50ms;
+    start();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    server_->stop();
+    EXPECT_EQ(c.wait_for_end(), ending::reset);
+    thread_.join();
+}
+
+TEST_F(collector_server, a_port_in_use_is_one_clear_line) {
+    start();
+    server_options same = options_;
+    same.port = port_;
+    server second(same, tls_, *store_, *commands_, [](const std::string&) {});
+    std::string error;
+    EXPECT_FALSE(second.listen(error));
+    EXPECT_EQ(error, "cannot listen on 127.0.0.1 port " + std::to_string(port_) +
+                         ": Address already in use");
+    same.address = "localhost";
+    server third(same, tls_, *store_, *commands_, [](const std::string&) {});
+    EXPECT_FALSE(third.listen(error));
+    EXPECT_EQ(error,
+              "cannot listen on localhost port " + std::to_string(port_) + ": not an IP address");
+}
+
+TEST_F(collector_server, an_ipv6_address_is_written_in_brackets) {
+    options_.address = "::1";
+    start();
+    EXPECT_EQ(server_->where(), "[::1]:" + std::to_string(port_));
+    int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 there{};
+    there.sin6_family = AF_INET6;
+    there.sin6_port = htons(port_);
+    there.sin6_addr = in6addr_loopback;
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&there), sizeof there), 0);
+    close(fd);
+}

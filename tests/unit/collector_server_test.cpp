@@ -272,7 +272,7 @@ std::string poll_text(const std::string& session, const std::string& body, uint6
 std::string long_plan(size_t least) {
     std::string lines;
     for (int i = 1; lines.size() < least; ++i) {
-        lines += "PRA\t" + std::to_string(i) + "\t1\t5\t5\t5\t" + std::string(30000, 'p') + "\n";
+        lines += "LAA\t" + std::to_string(i) + "\t1\t5\t5\t5\t" + std::string(30000, 'h') + "\n";
     }
     return lines;
 }

@@ -28,11 +28,11 @@ using extension_ptr = std::unique_ptr<X509_EXTENSION, released_by<X509_EXTENSION
 using bignum_ptr = std::unique_ptr<BIGNUM, released_by<BN_free>>;
 using file_ptr = std::unique_ptr<FILE, released_by<fclose>>;
 
-std::string take_tls_error(const char* otherwise) {
-    unsigned long code = ERR_peek_last_error();
+/* The first reason in OpenSSL's queue of this thread, which is emptied. */
+static std::string take_tls_error() {
+    const char* reason = ERR_reason_error_string(ERR_peek_error());
     ERR_clear_error();
-    const char* reason = ERR_reason_error_string(code);
-    return reason ? reason : otherwise;
+    return reason ? reason : "unknown reason";
 }
 
 /* Keeps OpenSSL from asking for a passphrase on the terminal. */
@@ -73,8 +73,7 @@ static key_ptr read_key(const std::string& path, std::string& error) {
     ERR_clear_error();
     key_ptr key(PEM_read_PrivateKey(file.get(), nullptr, no_passphrase, nullptr));
     if (!key) {
-        error = "cannot read the key " + path + ": " +
-                take_tls_error("not a private key in PEM, or encrypted");
+        error = "cannot read the key " + path + " as PEM without a passphrase: " + take_tls_error();
     }
     return key;
 }
@@ -92,7 +91,7 @@ static key_ptr make_key(const std::string& path, std::string& error) {
     if (!key || !pem ||
         !PEM_write_bio_PKCS8PrivateKey(pem.get(), key.get(), nullptr, nullptr, 0, nullptr,
                                        nullptr)) {
-        error = "cannot make a key: " + take_tls_error("unknown reason");
+        error = "cannot make a key: " + take_tls_error();
         return nullptr;
     }
     if (!write_file(path, contents(pem.get()), 0600, error)) {
@@ -160,7 +159,7 @@ static bool make_certificate(const std::string& path, EVP_PKEY* key, std::string
     x509_ptr certificate = self_sign(key);
     bio_ptr pem(BIO_new(BIO_s_mem()));
     if (!certificate || !pem || !PEM_write_bio_X509(pem.get(), certificate.get())) {
-        error = "cannot make a certificate: " + take_tls_error("unknown reason");
+        error = "cannot make a certificate: " + take_tls_error();
         return false;
     }
     return write_file(path, contents(pem.get()), 0644, error);
@@ -187,8 +186,7 @@ static bool load_identity(SSL_CTX* context, const identity_files& files, std::st
         return false;
     }
     if (SSL_CTX_use_certificate_chain_file(context, files.certificate.c_str()) != 1) {
-        error = "cannot read the certificate " + files.certificate + ": " +
-                take_tls_error("not a certificate in PEM");
+        error = "cannot read the certificate " + files.certificate + " as PEM: " + take_tls_error();
         return false;
     }
     key_ptr key = read_key(files.key, error);
@@ -207,7 +205,7 @@ static bool load_identity(SSL_CTX* context, const identity_files& files, std::st
 tls_context make_tls_context(const identity_files& files, std::string& error) {
     tls_context context(SSL_CTX_new(TLS_server_method()));
     if (!context) {
-        error = "cannot set up TLS: " + take_tls_error("unknown reason");
+        error = "cannot set up TLS: " + take_tls_error();
         return nullptr;
     }
     SSL_CTX* c = context.get();

@@ -29,8 +29,4 @@ using tls_context = std::unique_ptr<SSL_CTX, free_ssl_ctx>;
  * a file is unreadable or the key does not belong to the certificate. */
 tls_context make_tls_context(const identity_files& files, std::string& error);
 
-/* The newest reason in OpenSSL's queue of this thread, or `otherwise` when there is none. Empties
- * the queue. */
-std::string take_tls_error(const char* otherwise);
-
 #endif

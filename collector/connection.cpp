@@ -39,7 +39,7 @@ std::optional<tcp::socket::wait_type> connection::wanted(int result) {
     case SSL_ERROR_WANT_WRITE:
         return tcp::socket::wait_write;
     default:
-        tls_error_ = ERR_peek_last_error();
+        tls_error_ = ERR_peek_error();
         return {};
     }
 }

@@ -4,9 +4,9 @@
 #include "output.h"
 #include "plan.h"
 #include "report.h"
-#include "request.h"
 #include "server.h"
 #include "store.h"
+#include "text.h"
 
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
@@ -28,11 +28,7 @@ struct quiet_listener : store_listener {
                    printable(from.account) + " are no record: " + reason + "; kept as " + kept_as);
     }
     void on_problem(const std::string& text) override {
-        char now[32];
-        time_t seconds = time(nullptr);
-        tm parts;
-        strftime(now, sizeof now, "%Y-%m-%dT%H:%M:%SZ ", gmtime_r(&seconds, &parts));
-        std::string line = now + text + "\n";
+        std::string line = utc_time(time(nullptr)) + " " + text + "\n";
         (void)!write(STDERR_FILENO, line.data(), line.size());
     }
 };
@@ -143,17 +139,26 @@ static int run_server(const options& o) {
     if (!results) {
         return fail(error);
     }
+    std::vector<std::string> early; /* plan problems before the line "Listening on" */
+    bool listening = false;
     plan commands(o.plan, [&](const plan_problem& problem) {
-        output->on_problem("plan line " + std::to_string(problem.number) + ": " + problem.reason);
+        std::string line =
+            problem.number == 0 ? "plan: " : "plan line " + std::to_string(problem.number) + ": ";
+        line += problem.reason;
+        listening ? output->on_problem(line) : early.push_back(line);
     });
+    if (!commands.refresh()) {
+        return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
+    }
     auto log = [&](const std::string& line) { output->on_problem(line); };
     server collector(server_options_from(o), tls.get(), *results, commands, log);
     if (!collector.listen(error)) {
         return fail(error);
     }
     std::cerr << "Listening on " + collector.where() + "\n";
-    if (!commands.refresh()) {
-        return fail("cannot read the plan " + o.plan);
+    listening = true;
+    for (const std::string& line : early) {
+        output->on_problem(line);
     }
     if (!o.port_file.empty() && !write_port_file(o.port_file, collector.port(), error)) {
         return fail(error);

@@ -198,6 +198,8 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
 
 size_t default_connections(size_t descriptors) {
     constexpr size_t ours = 64; /* database, logs, listener, plan and some air */
-    constexpr size_t plenty = 16384;
+    /* As many as one core serves within the 15 seconds that an agent waits: those beyond are better
+     * told at once. */
+    constexpr size_t plenty = 10000;
     return std::clamp<size_t>(descriptors > ours ? descriptors - ours : 0, 16, plenty);
 }

@@ -1,5 +1,7 @@
 #include "request.h"
 
+#include "text.h"
+
 #include <algorithm>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
@@ -11,18 +13,6 @@ namespace http = boost::beast::http;
 size_t find_head(std::string_view text, size_t seen) {
     size_t end = text.find("\r\n\r\n", seen < 3 ? 0 : seen - 3);
     return end == std::string_view::npos ? 0 : end + 4;
-}
-
-std::string printable(std::string_view text) {
-    std::string out;
-    for (unsigned char c : text) {
-        if (c >= 0x20 && c < 0x7f) {
-            out += char(c);
-        } else {
-            out += {'\\', 'x', "0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
-        }
-    }
-    return out;
 }
 
 /* The value of a header; nothing when it is missing. Twice is an error. */

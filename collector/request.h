@@ -33,8 +33,4 @@ size_t find_head(std::string_view text, size_t seen);
  * characters. */
 bool parse_head(std::string_view head, request& out, std::string& error);
 
-/* `text` with everything but printable ASCII as \xNN: names come from anybody and go to a terminal.
- */
-std::string printable(std::string_view text);
-
 #endif

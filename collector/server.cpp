@@ -2,6 +2,7 @@
 
 #include "connection.h"
 #include "request.h"
+#include "text.h"
 
 #include <algorithm>
 #include <array>
@@ -425,6 +426,11 @@ awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
 
 /* Writes the whole answer and ends the connection. True when the agent has it. */
 awaitable<bool> server::state::answer(exchange& x) {
+    memory_share share(free_memory);
+    if (!share.add(x.output.size())) {
+        log(event::memory, "no memory left for answers: reset " + describe(x.from));
+        co_return false;
+    }
     if (x.link.given_up()) {
         co_return false;
     }

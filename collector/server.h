@@ -11,9 +11,9 @@
  * block. The agent adds up every header that begins with "Content-", so Content-Length is the only
  * one sent, and waits for the end of the connection when it is 0.
  *
- * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies held: beyond,
- * the connection whose body would not fit is reset. Every phase has a deadline, and the whole
- * exchange has one, since an agent gives up after 15 seconds. */
+ * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies and answers
+ * held: beyond, the connection whose body or answer would not fit is reset. Every phase has a
+ * deadline, and the whole exchange has one, since an agent gives up after 15 seconds. */
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
@@ -47,10 +47,11 @@ struct server_options {
     std::string address = "127.0.0.1"; /* IPv4 or IPv6 */
     uint16_t port = 0;                 /* 0: the kernel picks */
     std::vector<std::string> allow;    /* accounts that may log in; empty: all */
-    size_t max_connections = 16384;
-    size_t max_per_address = 2048; /* an IPv4 address or an IPv6 /64 */
+    size_t max_connections = 10000;
+    size_t max_per_address = 1250; /* an IPv4 address or an IPv6 /64 */
     body_limits body;
-    size_t body_memory = 384u << 20; /* bodies, packed and unpacked, of all connections */
+    size_t body_memory =
+        384u << 20; /* bodies, packed and unpacked, and answers, of all connections */
     size_t unpack_here = 128u << 10; /* larger bodies are unpacked on the second thread */
     session_limits sessions;
     server_deadlines deadlines;

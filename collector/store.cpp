@@ -42,6 +42,7 @@ int64_t system_seconds() {
     return time(nullptr);
 }
 int64_t (*wall_clock)() = system_seconds; /* a test pins it */
+int lock_wait_ms = 2000;                  /* for the database's lock, when somebody else holds it */
 
 class unique_fd {
 public:
@@ -242,12 +243,16 @@ private:
 
 bool sqlite_store::open_file(std::string& error) {
     std::string path = database_path(options_.directory);
-    /* Made here for the mode; SQLite gives its other files the mode of this one. */
-    unique_fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     struct stat status;
-    if (!file || fstat(file.get(), &status) != 0) {
-        error = system_error(path);
-        return false;
+    {
+        /* Made here for the mode; SQLite gives its other files the mode of this one. Closed before
+         * SQLite opens it, because closing a descriptor gives up the process's locks on its file.
+         */
+        unique_fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!file || fstat(file.get(), &status) != 0) {
+            error = system_error(path);
+            return false;
+        }
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
@@ -260,7 +265,7 @@ bool sqlite_store::open_file(std::string& error) {
         return false;
     }
     sqlite3_extended_result_codes(db_.get(), 1);
-    sqlite3_busy_timeout(db_.get(), 2000);
+    sqlite3_busy_timeout(db_.get(), lock_wait_ms);
     return true;
 }
 
@@ -303,7 +308,10 @@ bool sqlite_store::open_database(std::string& error) {
                                "; COMMIT") &&
              sync_directory(options_.directory);
     }
-    ok = ok && prepare();
+    /* A commit whose sync failed may be read back from the log all the same, and its block would
+     * count as a duplicate: what is in the log has to reach the disk before anything is answered.
+     */
+    ok = ok && database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)") && prepare();
     if (!ok) {
         error = database_path(options_.directory) + ": " +
                 (reason.empty() ? sqlite3_errmsg(db_.get()) : reason);

@@ -1,5 +1,10 @@
 /* Where results are kept: SQLite in the state directory, one writer thread, one transaction for the
- * blocks that arrive together. No network in here. */
+ * blocks that arrive together. No network in here. The tables are described in database.h.
+ *
+ * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
+ * the collector that uses the directory) and undecodable/, with a file for each block of which
+ * something did not decode. The files are for their owner alone, and so is the directory when it is
+ * made here. */
 #ifndef VINDRAL_COLLECTOR_STORE_H
 #define VINDRAL_COLLECTOR_STORE_H
 
@@ -45,13 +50,17 @@ struct store_options {
 
 class store {
 public:
-    /* Null with the reason in `error` when the database cannot be opened or is not ours. */
+    /* Null with the reason in `error` when the directory cannot be used, another collector uses it,
+     * or the database cannot be opened, is not ours or comes from a newer program. `listener` may
+     * be null; it has to outlive the store. */
     static std::unique_ptr<store> open(const store_options& options, store_listener* listener,
                                        std::string& error);
     virtual ~store() = default; /* finishes what is queued, then closes */
 
     /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers
-     * it. An empty block is answered `stored` at once. */
+     * it. An empty block is answered `stored` and one beyond max_queued `failed` at once, on this
+     * thread. Any thread may call; `done` must not wait for the store. A database that fails (a
+     * full disk) is opened again with the next block; until then every block fails. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 };
 

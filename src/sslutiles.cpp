@@ -245,7 +245,12 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, SSL* pSSL) {
 /* --- receiving ---------------------------------------------------------------------------------
  */
 
-int is_header_loaded(const char* doc, int doc_len, int scanned) {
+/* The size of the header block at the start of `doc`: every byte up to and including the empty
+ * line,
+ * "\n\r\n" or "\n\n"; 0 when it is not complete. A "\n\n" is seen only when one more byte follows.
+ * `scanned` is the length of a shorter `doc` that had no end, so that growing data is scanned once.
+ */
+static int is_header_loaded(const char* doc, int doc_len, int scanned = 0) {
     for (int i = std::max(scanned - 2, 0); i < doc_len - 2; i++) {
         if (doc[i] != '\n') {
             continue;
@@ -300,7 +305,11 @@ static long content_length_of(const char* header, const char* end) {
     return errno != 0 || number == LONG_MAX || number == LONG_MIN ? 0 : number;
 }
 
-long get_content_length(const char* hdrs, int hdrs_len) {
+/* The sum of the Content-Length values of a header block. Only "Content-", the first eight
+ * characters of the name, is compared: the digits that begin a Content-Type value count as well.
+ * Values that do not fit a long count nothing; the sum wraps. Readable up to a NUL at or behind
+ * hdrs[hdrs_len]. */
+static long get_content_length(const char* hdrs, int hdrs_len) {
     const char* end = hdrs + hdrs_len;
     unsigned long sum = 0;
     while (hdrs < end) {
@@ -409,19 +418,9 @@ static read_outcome judge_plain_read(ssize_t got, int error, long* tout) {
     return within_budget(*tout) ? read_outcome::retry : read_outcome::failed;
 }
 
-/* OpenSSL 3 reports a connection that was closed without a closing alert as a protocol error; to
- * earlier releases it is an end with no error at all. */
-static bool is_unexpected_end(unsigned long error) {
-#ifdef SSL_R_UNEXPECTED_EOF_WHILE_READING
-    return ERR_GET_LIB(error) == ERR_LIB_SSL &&
-           ERR_GET_REASON(error) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
-#else
-    (void)error;
-    return false;
-#endif
-}
-
-/* A read on TLS that brought no bytes; *awaited is what the session waits for. */
+/* A read on TLS that brought no bytes; *awaited is what the session waits for. Only a peer that
+ * said good-bye has ended the response: a connection that just broke off, which OpenSSL 3 reports
+ * as a protocol error, has not, and the poll's results must not pass for accepted. */
 static read_outcome judge_tls_read(SSL* pSSL, int got, short* awaited) {
     int code = lib_SSL_get_error(pSSL, got);
     if (code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
@@ -431,12 +430,9 @@ static read_outcome judge_tls_read(SSL* pSSL, int got, short* awaited) {
     if (code == SSL_ERROR_ZERO_RETURN || (code == SSL_ERROR_SYSCALL && got == 0)) {
         return read_outcome::ended;
     }
-    unsigned long error = lib_ERR_get_error();
-    if (code == SSL_ERROR_SSL && is_unexpected_end(error)) {
-        return read_outcome::ended;
-    }
     char text[256];
-    leveledadd2log(0, "ERROR: receive_response: SSL_read: %s", lib_ERR_error_string(error, text));
+    leveledadd2log(0, "ERROR: receive_response: SSL_read: %s",
+                   lib_ERR_error_string(lib_ERR_get_error(), text));
     return read_outcome::failed;
 }
 

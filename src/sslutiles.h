@@ -83,17 +83,4 @@ int wait_socket(int sk, short events, long* budget_us);
 /* Subtracts the microseconds since `start` from the budget. */
 void charge_budget(long* budget_us, struct timeval* start);
 
-/* The size of the header block at the start of `doc`: every byte up to and including the empty
- * line,
- * "\n\r\n" or "\n\n"; 0 when it is not complete. A "\n\n" is seen only when one more byte follows.
- * `scanned` is the length of a shorter `doc` that had no end, so that growing data is scanned once.
- */
-int is_header_loaded(const char* doc, int doc_len, int scanned = 0);
-
-/* The sum of the Content-Length values of a header block. Only "Content-", the first eight
- * characters of the name, is compared: the digits that begin a Content-Type value count as well.
- * Values that do not fit a long count nothing; the sum wraps. Readable up to a NUL at or behind
- * hdrs[hdrs_len]. */
-long get_content_length(const char* hdrs, int hdrs_len);
-
 #endif

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
@@ -321,13 +322,35 @@ full_listener::~full_listener() {
     close(listener_);
 }
 
-int count_descriptors() {
-    DIR* dir = opendir("/proc/self/fd");
-    require(dir != nullptr, "/proc/self/fd");
-    int count = -1; /* opendir's own */
+std::string closed_port() {
+    std::string port;
+    close(listen_on_loopback(1, &port));
+    return port;
+}
+
+static std::vector<std::string> list_directory(const char* path) {
+    DIR* dir = opendir(path);
+    require(dir != nullptr, path);
+    std::vector<std::string> names;
     while (const dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.';
+        if (entry->d_name[0] != '.') {
+            names.push_back(entry->d_name);
+        }
     }
     closedir(dir);
+    return names;
+}
+
+int count_descriptors() {
+    return static_cast<int>(list_directory("/proc/self/fd").size()) - 1; /* opendir's own */
+}
+
+int count_threads(const std::string& name) {
+    int count = 0;
+    for (const std::string& id : list_directory("/proc/self/task")) {
+        std::string found;
+        std::ifstream("/proc/self/task/" + id + "/comm") >> found; /* gone by now: empty */
+        count += found == name;
+    }
     return count;
 }

@@ -125,7 +125,13 @@ private:
     int listener_, filler_;
 };
 
+/* A port of 127.0.0.1 that nobody listens on. */
+std::string closed_port();
+
 /* The number of open descriptors of this process. */
 int count_descriptors();
+
+/* The number of this process' threads with that name. */
+int count_threads(const std::string& name);
 
 #endif

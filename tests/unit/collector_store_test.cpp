@@ -1,0 +1,567 @@
+#include "store.cpp"
+
+#include "collector_test_support.h"
+
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+using strings = std::vector<std::string>;
+
+static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+
+struct recorder : store_listener {
+    std::mutex m;
+    strings records, undecodable, problems;
+
+    void on_record(const poll_block& from, const record& r) override {
+        std::lock_guard hold(m);
+        records.push_back(from.agent + " " + std::to_string(r.ui32.size() > 1 ? r.ui32[1] : 0));
+    }
+    void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
+                        const std::string& reason, const std::string& kept_as) override {
+        std::lock_guard hold(m);
+        undecodable.push_back(from.agent + " " + std::to_string(offset) + " " +
+                              std::to_string(bytes) + " " + reason);
+        kept.push_back(kept_as);
+    }
+    void on_problem(const std::string& text) override {
+        std::lock_guard hold(m);
+        problems.push_back(text);
+    }
+    strings kept;
+};
+
+struct store_test : testing::Test {
+    scratch_directory directory;
+    std::string state = directory / "state";
+    recorder told;
+    std::unique_ptr<store> s;
+
+    void SetUp() override {
+        wall_clock = [] { return noon; };
+    }
+    void TearDown() override {
+        s.reset();
+        wall_clock = system_seconds;
+    }
+
+    std::string open(int keep_days = 30, size_t max_queued = 64u << 20) {
+        std::string error;
+        s = store::open({.directory = state, .keep_days = keep_days, .max_queued = max_queued},
+                        &told, error);
+        EXPECT_EQ(s == nullptr, !error.empty());
+        return error;
+    }
+
+    store_result submit(const std::string& plain, const std::string& agent = "web1",
+                        int64_t received = noon) {
+        std::promise<store_result> result;
+        s->submit({"a@b.c", agent, plain, received}, [&](store_result r) { result.set_value(r); });
+        return result.get_future().get();
+    }
+
+    /* The rows of a query, the columns of each joined by '|'. Beside a running store. */
+    strings query(const std::string& sql) {
+        sqlite3* handle = nullptr;
+        EXPECT_EQ(
+            sqlite3_open_v2(database_path(state).c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr),
+            SQLITE_OK);
+        database db(handle);
+        statement q(handle, sql);
+        EXPECT_TRUE(q.ok()) << sqlite3_errmsg(handle);
+        strings rows;
+        while (q.row()) {
+            std::string row;
+            for (int column = 0; column < 20; column++) {
+                std::string_view text = q.bytes(column);
+                if (column > 0 && text.data() == nullptr && q.is_null(column)) {
+                    row += "|";
+                    continue;
+                }
+                row += (column > 0 ? "|" : "") + std::string(text);
+            }
+            while (row.ends_with('|')) {
+                row.pop_back();
+            }
+            rows.push_back(row);
+        }
+        return rows;
+    }
+};
+
+static mode_t mode_of(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+TEST_F(store_test, records_are_rows_of_the_day_they_arrive) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 111) + load_record(0xffffffff, 112, 2)), store_result::stored);
+    EXPECT_EQ(submit(load_record(5, 111), "web2", noon + 86400), store_result::stored);
+    EXPECT_EQ(
+        query("SELECT received, agent, type, test, location, time, status FROM results_20260501"),
+        (strings{"1777636800|1|66|5|7|111|0", "1777636800|1|66|-1|7|112|2"}));
+    EXPECT_EQ(query("SELECT agent, record FROM results_20260502"),
+              (strings{"2|" + load_record(5, 111)}));
+    EXPECT_EQ(query("SELECT account, name, first_seen, last_seen FROM agents"),
+              (strings{"a@b.c|web1|1777636800|1777636800", "a@b.c|web2|1777723200|1777723200"}));
+    EXPECT_EQ(told.records, (strings{"web1 5", "web1 4294967295", "web2 5"}));
+    EXPECT_EQ(told.problems, strings());
+}
+
+TEST_F(store_test, unknown_types_are_stored_without_their_meaning) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(record_builder{.ui32 = {99, 5}}.bytes()), store_result::stored);
+    EXPECT_EQ(
+        query("SELECT type, test IS NULL, time IS NULL, status IS NULL FROM results_20260501"),
+        (strings{"99|1|1|1"}));
+}
+
+TEST_F(store_test, an_empty_block_is_stored_at_once) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(""), store_result::stored);
+    EXPECT_EQ(query("SELECT * FROM agents"), strings());
+}
+
+TEST_F(store_test, the_last_block_once_more_is_stored_once) {
+    ASSERT_EQ(open(), "");
+    std::string a = load_record(5, 111), b = load_record(5, 222);
+    EXPECT_EQ(submit(a), store_result::stored);
+    EXPECT_EQ(submit(a), store_result::duplicate);
+    EXPECT_EQ(submit(a, "web2"), store_result::stored); /* another agent's */
+    s.reset();
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(a, "web1", noon + 86400), store_result::duplicate); /* also on the next day */
+    EXPECT_EQ(submit(b), store_result::stored);
+    EXPECT_EQ(submit(b), store_result::duplicate);
+    EXPECT_EQ(query("SELECT agent, time FROM results_20260501"),
+              (strings{"1|111", "2|111", "1|222"}));
+    EXPECT_EQ(told.records.size(), 3u);
+}
+
+TEST_F(store_test, agents_of_different_accounts_are_different) {
+    ASSERT_EQ(open(), "");
+    std::promise<store_result> done;
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    s->submit({"other@b.c", "web1", load_record(5, 1), noon},
+              [&](store_result r) { done.set_value(r); });
+    EXPECT_EQ(done.get_future().get(), store_result::stored);
+    EXPECT_EQ(query("SELECT count(*) FROM agents"), strings{"2"});
+}
+
+TEST_F(store_test, what_does_not_decode_is_kept_aside_and_the_rest_is_stored) {
+    ASSERT_EQ(open(), "");
+    std::string good = load_record(5, 111), bad = with_word(good, 12, 99);
+    std::string block = good + bad + good + "text that is no record at all, whatever it may be";
+    EXPECT_EQ(submit(block), store_result::stored);
+    EXPECT_EQ(told.records.size(), 2u);
+    std::string reason = "it is too small for the values it declares; and 1 more";
+    EXPECT_EQ(told.undecodable,
+              (strings{"web1 " + std::to_string(good.size()) + " " +
+                       std::to_string(block.size() - 2 * good.size()) + " " + reason}));
+    ASSERT_EQ(told.kept.size(), 1u);
+    EXPECT_EQ(read_text(told.kept[0]), bad + block.substr(3 * good.size()));
+    EXPECT_EQ(mode_of(told.kept[0]), 0600u);
+    EXPECT_EQ(query("SELECT agent, offset, bytes, reason, kept_as FROM undecodable"),
+              (strings{"1|" + std::to_string(good.size()) + "|" +
+                       std::to_string(block.size() - 2 * good.size()) + "|" + reason + "|" +
+                       fs::path(told.kept[0]).filename().string()}));
+    EXPECT_EQ(submit(block), store_result::duplicate);
+    EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"1"});
+}
+
+TEST_F(store_test, what_cannot_be_kept_aside_is_not_stored_and_does_not_hold_up_others) {
+    ASSERT_EQ(open(), "");
+    write_text(state + "/undecodable", "in the way");
+    std::string block = load_record(5, 111) + "text";
+    EXPECT_EQ(submit(block), store_result::failed);
+    EXPECT_EQ(submit(block), store_result::failed);
+    EXPECT_EQ(submit(load_record(6, 111), "web2"), store_result::stored);
+    ASSERT_EQ(told.problems.size(), 1u); /* not for every poll */
+    EXPECT_NE(told.problems[0].find("Not a directory"), std::string::npos) << told.problems[0];
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"1"});
+    EXPECT_EQ(told.undecodable, strings());
+    fs::remove(state + "/undecodable");
+    EXPECT_EQ(submit(block), store_result::stored);
+    EXPECT_EQ(told.problems.size(), 2u);
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"2"});
+}
+
+TEST_F(store_test, files_are_for_their_owner_alone) {
+    mode_t before = umask(0);
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1) + "text"), store_result::stored);
+    umask(before);
+    EXPECT_EQ(mode_of(state), 0700u);
+    size_t files = 0;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(state)) {
+        EXPECT_EQ(mode_of(entry.path()), entry.is_directory() ? 0700u : 0600u) << entry.path();
+        files++;
+    }
+    EXPECT_GE(files, 6u); /* lock, database, its two companions, directory, kept file */
+}
+
+TEST_F(store_test, an_existing_directory_keeps_its_mode) {
+    ASSERT_EQ(mkdir(state.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(state.c_str(), 0755), 0);
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(mode_of(state), 0755u);
+}
+
+TEST_F(store_test, a_second_collector_is_refused) {
+    ASSERT_EQ(open(), "");
+    std::string error;
+    EXPECT_EQ(store::open({.directory = state}, nullptr, error), nullptr);
+    EXPECT_EQ(error, "another collector uses the state directory " + state);
+    s.reset();
+    EXPECT_NE(store::open({.directory = state}, nullptr, error), nullptr);
+}
+
+TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
+    ASSERT_EQ(mkdir(state.c_str(), 0700), 0);
+    std::string path = database_path(state);
+    write_text(path, "this is not a database, but it is long enough to be looked at as one. " +
+                         std::string(200, 'x'));
+    EXPECT_EQ(open(), path + ": file is not a database");
+    std::string before = read_text(path);
+    EXPECT_EQ(before.substr(0, 7), "this is");
+
+    fs::remove(path);
+    {
+        sqlite3* handle = nullptr;
+        sqlite3_open(path.c_str(), &handle);
+        database db(handle);
+        EXPECT_TRUE(database_exec(handle, "CREATE TABLE theirs (x)"));
+    }
+    before = read_text(path);
+    EXPECT_EQ(open(), path + ": it is a database of another program");
+    EXPECT_EQ(read_text(path), before);
+
+    fs::remove(path);
+    ASSERT_EQ(open(), "");
+    s.reset();
+    EXPECT_EQ(query("PRAGMA user_version = 2"), strings());
+    EXPECT_EQ(open(), path + ": its layout has version 2, this program knows version 1");
+}
+
+TEST_F(store_test, a_directory_that_cannot_be_made_is_told) {
+    write_text(state, "a file");
+    EXPECT_EQ(open(), "state directory " + state + ": Not a directory");
+    state = "/proc/no/such/place";
+    EXPECT_NE(open(), "");
+    state = "";
+    EXPECT_NE(open(), "");
+}
+
+/* Stands before SQLite's way to the files; counts what is synced, and fails when told to. */
+namespace counted_files {
+static int syncs = 0;
+static bool fail_syncs = false;
+static sqlite3_vfs vfs;
+static int (*real_open)(sqlite3_vfs*, const char*, sqlite3_file*, int, int*);
+static int (*real_sync)(sqlite3_file*, int);
+static sqlite3_io_methods of_database, of_others;
+
+static int sync(sqlite3_file* file, int flags) {
+    syncs++;
+    return fail_syncs ? SQLITE_IOERR_FSYNC : real_sync(file, flags);
+}
+
+static int open(sqlite3_vfs* self, const char* name, sqlite3_file* file, int flags,
+                int* out_flags) {
+    int result = real_open(self, name, file, flags, out_flags);
+    if (file->pMethods != nullptr) {
+        sqlite3_io_methods& methods = (flags & SQLITE_OPEN_MAIN_DB) != 0 ? of_database : of_others;
+        methods = *file->pMethods;
+        real_sync = methods.xSync;
+        methods.xSync = sync;
+        file->pMethods = &methods;
+    }
+    return result;
+}
+
+struct installed {
+    sqlite3_vfs* real = sqlite3_vfs_find(nullptr);
+    installed() {
+        vfs = *real;
+        vfs.zName = "counted";
+        real_open = vfs.xOpen;
+        vfs.xOpen = open;
+        sqlite3_vfs_register(&vfs, 1);
+        syncs = 0;
+        fail_syncs = false;
+    }
+    ~installed() {
+        sqlite3_vfs_unregister(&vfs);
+        sqlite3_vfs_register(real, 1);
+    }
+};
+} // namespace counted_files
+
+TEST_F(store_test, an_answer_comes_after_the_sync) {
+    counted_files::installed counted;
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(query("PRAGMA journal_mode"), strings{"wal"});
+    for (int i = 1; i <= 3; i++) {
+        int before = counted_files::syncs;
+        EXPECT_EQ(submit(load_record(5, i)), store_result::stored);
+        EXPECT_GT(counted_files::syncs, before);
+    }
+    s.reset();
+}
+
+TEST_F(store_test, what_was_not_synced_is_not_acknowledged_and_not_stored_twice) {
+    counted_files::installed counted;
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    counted_files::fail_syncs = true;
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    counted_files::fail_syncs = false;
+    ASSERT_GE(told.problems.size(), 1u);
+    EXPECT_EQ(told.problems[0], "results cannot be stored, the agents keep them: disk I/O error");
+    EXPECT_NE(submit(load_record(5, 2)), store_result::failed);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"1", "2"}));
+    s.reset();
+}
+
+TEST_F(store_test, days_expire_whole) {
+    ASSERT_EQ(open(2), "");
+    for (int day = 0; day <= 4; day++) {
+        EXPECT_EQ(submit(load_record(5, day) + "text", "web1", noon - day * 86400),
+                  store_result::stored);
+    }
+    const char* tables = "SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' ORDER BY name";
+    EXPECT_EQ(query(tables), (strings{"results_20260427", "results_20260428", "results_20260429",
+                                      "results_20260430", "results_20260501"}));
+    s.reset();
+    ASSERT_EQ(open(2), "");
+    EXPECT_EQ(query(tables), (strings{"results_20260429", "results_20260430", "results_20260501"}));
+    EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"3"});
+    size_t kept = std::distance(fs::directory_iterator(state + "/undecodable"), {});
+    EXPECT_EQ(kept, 3u);
+
+    /* The day changes while the collector runs. The batch after that finds the old ones gone. */
+    wall_clock = [] { return noon + 86400; };
+    EXPECT_EQ(submit(load_record(5, 9), "web1", noon + 86400), store_result::stored);
+    EXPECT_EQ(submit(load_record(6, 9), "web1", noon + 86400), store_result::stored);
+    EXPECT_EQ(query(tables), (strings{"results_20260430", "results_20260501", "results_20260502"}));
+}
+
+TEST_F(store_test, keeping_zero_days_keeps_all) {
+    ASSERT_EQ(open(0), "");
+    EXPECT_EQ(submit(load_record(5, 1), "web1", 0), store_result::stored);
+    s.reset();
+    ASSERT_EQ(open(0), "");
+    EXPECT_EQ(query("SELECT count(*) FROM results_19700101"), strings{"1"});
+}
+
+/* Holds the database's write lock until it goes. */
+struct writer_lock {
+    database db;
+    explicit writer_lock(const std::string& state) {
+        sqlite3* handle = nullptr;
+        sqlite3_open(database_path(state).c_str(), &handle);
+        db.reset(handle);
+        EXPECT_TRUE(database_exec(handle, "BEGIN IMMEDIATE"));
+    }
+};
+
+TEST_F(store_test, a_locked_database_fails_and_recovers) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    s.reset();
+    lock_wait_ms = 20;
+    ASSERT_EQ(open(), "");
+    lock_wait_ms = 2000; /* for the next opening, after the failure */
+    {
+        writer_lock other(state);
+        EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+        EXPECT_EQ(told.problems,
+                  (strings{"results cannot be stored, the agents keep them: database is "
+                           "locked"}));
+    }
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
+    EXPECT_EQ(told.problems.size(), 2u);
+    EXPECT_EQ(told.problems[1], "results are stored again");
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"1", "2"}));
+}
+
+TEST_F(store_test, the_queue_is_bounded) {
+    ASSERT_EQ(open(30, 1000), "");
+    std::promise<store_result> first;
+    {
+        writer_lock other(state); /* the writer waits for this one */
+        std::string large;
+        while (large.size() < 1500) {
+            large += load_record(5, 1);
+        }
+        /* Larger than the limit, but nothing waits before it. */
+        s->submit({"a@b.c", "large", large, noon}, [&](store_result r) { first.set_value(r); });
+        EXPECT_EQ(submit(load_record(5, 1)), store_result::failed);
+        EXPECT_EQ(submit(""), store_result::stored);
+    }
+    EXPECT_EQ(first.get_future().get(), store_result::stored);
+    while (submit(load_record(5, 1)) == store_result::failed) {
+        std::this_thread::yield(); /* room is made just after the answer */
+    }
+}
+
+TEST_F(store_test, closing_finishes_what_waits) {
+    ASSERT_EQ(open(), "");
+    std::atomic<int> stored = 0;
+    for (int i = 0; i < 200; i++) {
+        s->submit({"a@b.c", "agent" + std::to_string(i), load_record(5, i), noon},
+                  [&](store_result r) { stored += r == store_result::stored; });
+    }
+    s.reset();
+    EXPECT_EQ(stored, 200);
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"200"});
+}
+
+TEST_F(store_test, the_same_block_twice_in_one_batch_is_stored_once) {
+    ASSERT_EQ(open(), "");
+    std::vector<store_result> results;
+    {
+        writer_lock other(state);
+        s->submit({"a@b.c", "first", load_record(1, 1), noon}, [](store_result) {});
+        for (int i = 0; i < 2; i++) {
+            s->submit({"a@b.c", "web1", load_record(5, 1), noon},
+                      [&](store_result r) { results.push_back(r); });
+        }
+    }
+    s.reset();
+    EXPECT_EQ(results, (std::vector<store_result>{store_result::stored, store_result::duplicate}));
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"2"});
+}
+
+/* A file size limit stands for the full disk. */
+TEST_F(store_test, a_full_disk_fails_and_recovers) {
+    ASSERT_EQ(open(), "");
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    std::string large;
+    for (int i = 0; i < 5000; i++) {
+        large += load_record(i, 2);
+    }
+    rlimit full = {.rlim_cur = 256 * 1024, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+    EXPECT_EQ(submit(large), store_result::failed);
+    EXPECT_EQ(submit(large), store_result::failed);
+    EXPECT_EQ(submit(load_record(5, 1) + std::string(300 * 1024, 'x'), "text"),
+              store_result::failed);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_GE(told.problems.size(), 1u);
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"1"});
+    EXPECT_EQ(submit(large), store_result::stored);
+    EXPECT_EQ(told.problems.back(), "results are stored again");
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"5001"});
+    EXPECT_FALSE(fs::exists(state + "/undecodable") &&
+                 std::distance(fs::directory_iterator(state + "/undecodable"), {}) > 0);
+}
+
+TEST_F(store_test, a_database_that_somebody_removed_is_made_again) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    for (const char* end : {"", "-wal", "-shm"}) {
+        fs::remove(database_path(state) + end);
+    }
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), strings{"2"});
+}
+
+TEST_F(store_test, many_threads_may_submit) {
+    ASSERT_EQ(open(), "");
+    std::atomic<int> stored = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; i++) {
+                s->submit({"a@b.c", "agent" + std::to_string(t), load_record(i, i), noon},
+                          [&](store_result r) { stored += r == store_result::stored; });
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    s.reset();
+    EXPECT_EQ(stored, 200);
+    EXPECT_EQ(told.records.size(), 200u);
+}
+
+/* A collector that is killed at any moment: what it acknowledged is there, and what the agents send
+ * again because they got no answer is there once. */
+TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
+    std::mt19937 random(7);
+    const int agents = 3;
+    std::vector<int64_t> acknowledged(agents, 0); /* blocks of each agent: times 1, 2, ... */
+    for (int round = 0; round < 12; round++) {
+        int pipe_ends[2];
+        ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+        pid_t child = fork();
+        if (child == 0) {
+            std::string error;
+            std::unique_ptr<store> killed = store::open({.directory = state}, nullptr, error);
+            if (!killed) {
+                _exit(1);
+            }
+            /* Each agent sends its next block when the last one is answered. */
+            std::function<void(int, int64_t)> send = [&](int agent, int64_t n) {
+                std::string block = load_record(agent, n);
+                if (n % 3 == 0) {
+                    block += "text";
+                }
+                killed->submit({"a@b.c", std::to_string(agent), block, noon},
+                               [&, agent, n](store_result r) {
+                                   char answer[2] = {static_cast<char>(agent),
+                                                     static_cast<char>(r != store_result::failed)};
+                                   if (write(pipe_ends[1], answer, 2) != 2 || !answer[1]) {
+                                       _exit(2);
+                                   }
+                                   send(agent, n + 1);
+                               });
+            };
+            for (int agent = 0; agent < agents; agent++) {
+                send(agent, acknowledged[agent] + 1);
+            }
+            pause();
+            _exit(3);
+        }
+        close(pipe_ends[1]);
+        int wanted = 1 + static_cast<int>(random() % 40);
+        char answer[2];
+        for (int got = 0; got < wanted && read(pipe_ends[0], answer, 2) == 2; got++) {
+            acknowledged[static_cast<size_t>(answer[0])]++;
+        }
+        kill(child, SIGKILL);
+        while (read(pipe_ends[0], answer, 2) == 2) {
+            acknowledged[static_cast<size_t>(answer[0])]++;
+        }
+        close(pipe_ends[0]);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << WEXITSTATUS(status);
+    }
+    ASSERT_EQ(open(), "");
+    for (int agent = 0; agent < agents; agent++) {
+        EXPECT_GT(acknowledged[agent], 0);
+        strings rows =
+            query("SELECT time FROM results_20260501 WHERE test = " + std::to_string(agent) +
+                  " ORDER BY id");
+        int64_t stored = static_cast<int64_t>(rows.size());
+        EXPECT_GE(stored, acknowledged[agent]);
+        EXPECT_LE(stored, acknowledged[agent] + 1); /* stored, but killed before the answer */
+        for (int64_t i = 0; i < stored; i++) {
+            EXPECT_EQ(rows[i], std::to_string(i + 1));
+        }
+    }
+}

@@ -31,7 +31,7 @@ void bdata_append(bdata** pBData, const char* pData, size_t szData) {
     buffer->data_buffer = static_cast<char*>(grown);
     memcpy(buffer->data_buffer + old_size, pData, szData);
     buffer->data_size = static_cast<uint32_t>(old_size + szData);
-    created.release();
+    (void)created.release();
     *pBData = buffer;
 }
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -256,8 +255,7 @@ int readConfig() {
     const char* path = or_default(conf_file, DEFAULT_CONF_FILE);
     FILE* file = fopen(path, "re");
     if (file == nullptr) {
-        leveledadd2log(-1, "Can not open main configuration file: \"%s\" for reading, %s", path,
-                       strerror(errno));
+        leveledadd2log(-1, "Can not open main configuration file: \"%s\" for reading, %m", path);
         return 0;
     }
     read_settings(file);

@@ -27,7 +27,7 @@ static unique_fd open_pid_file() {
         file = unique_fd(fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     }
     if (!file) {
-        leveledadd2log(0, "Failed on opening PID file: \"%s\", %s", lock_file, strerror(errno));
+        leveledadd2log(0, "Failed on opening PID file: \"%s\", %m", lock_file);
     }
     return file;
 }
@@ -36,7 +36,7 @@ static int check_old_pid(int fd) {
     char content[11];
     ssize_t length = read(fd, content, sizeof content - 1);
     if (length < 0) {
-        leveledadd2log(0, "Failed on reading PID File: \"%s\", %s", lock_file, strerror(errno));
+        leveledadd2log(0, "Failed on reading PID File: \"%s\", %m", lock_file);
         return 0;
     }
     content[length] = '\0';
@@ -54,7 +54,7 @@ static int fork_child() {
     fflush(stdout); /* or both processes would print what waits there */
     pid_t child = fork();
     if (child < 0) {
-        leveledadd2log(0, "Failed on Fork: %s", strerror(errno));
+        leveledadd2log(0, "Failed on Fork: %m");
         return 0;
     }
     if (child > 0) {
@@ -82,22 +82,22 @@ static int lock_pid_file(int fd) {
         fcntl(fd, F_GETLK, &holder);
         leveledadd2log(5, "PID File \"%s\", %d.", lock_file, static_cast<int>(holder.l_pid));
     } else {
-        leveledadd2log(0, "Cannot lock PID File '%s', %s.", lock_file, strerror(errno));
+        leveledadd2log(0, "Cannot lock PID File '%s', %m.", lock_file);
     }
     return 0;
 }
 
 static int write_own_pid(int fd) {
     if (lseek(fd, 0, SEEK_SET) != 0) {
-        leveledadd2log(0, "Failed on PID File \"%s\" reposition, %s", lock_file, strerror(errno));
+        leveledadd2log(0, "Failed on PID File \"%s\" reposition, %m", lock_file);
         return 0;
     }
     if (ftruncate(fd, 0) != 0) {
-        leveledadd2log(0, "Failed on ftruncate: %s", strerror(errno));
+        leveledadd2log(0, "Failed on ftruncate: %m");
         return 0;
     }
     if (dprintf(fd, "%d\n", static_cast<int>(getpid())) < 0) {
-        leveledadd2log(0, "Failed on writing PID File \"%s\", %s", lock_file, strerror(errno));
+        leveledadd2log(0, "Failed on writing PID File \"%s\", %m", lock_file);
         return 0;
     }
     return 1;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <utility>
@@ -19,9 +20,9 @@ static time_t system_clock() {
 }
 time_t (*log_clock)() = system_clock;
 
-static const unsigned WRITE_INTERVAL_S = 1;
-static const unsigned REOPEN_INTERVAL_S = 5;
-static const unsigned DRAIN_TIME_S = 2;
+static const int WRITE_INTERVAL_S = 1;
+static const int REOPEN_INTERVAL_S = 5;
+static const int DRAIN_TIME_S = 2;
 
 /* Guards writing to m_logFile, its change, and the date below. Taken before LOG_WRITER_MUTEX. */
 static mutex stream_mutex;
@@ -72,11 +73,23 @@ static void set_stream(FILE* file) {
     std::atomic_ref(m_logFile).store(file);
 }
 
-static struct tm utc_now() {
-    time_t now = log_clock();
-    struct tm utc = {};
-    gmtime_r(&now, &utc);
-    return utc;
+struct utc_time {
+    int year, month, day, hour, minute, second;
+};
+
+/* Not gmtime_r: its lock may be held, for good, in a forked child or a crashed process. */
+static utc_time utc_now() {
+    using namespace std::chrono;
+    sys_seconds now{seconds{log_clock()}};
+    sys_days midnight = floor<days>(now);
+    year_month_day date{midnight};
+    hh_mm_ss time{now - midnight};
+    return {static_cast<int>(date.year()),
+            static_cast<int>(static_cast<unsigned>(date.month())),
+            static_cast<int>(static_cast<unsigned>(date.day())),
+            static_cast<int>(time.hours().count()),
+            static_cast<int>(time.minutes().count()),
+            static_cast<int>(time.seconds().count())};
 }
 
 /* Moves the file to the name of the day it covers; false when that failed. */
@@ -98,14 +111,14 @@ static void open_stream() REQUIRES(stream_mutex) {
 }
 
 static void rotate_stream() REQUIRES(stream_mutex) {
-    struct tm today = utc_now();
-    bool day_over = current_day != 0 && current_day != today.tm_mday;
+    utc_time today = utc_now();
+    bool day_over = current_day != 0 && current_day != today.day;
     /* The move comes before the change of stream: a line is dropped when there is no stream, and
      * none must be lost to a rotation that succeeds. */
     if (current_day == 0 || (day_over && move_aside())) {
-        current_day = today.tm_mday;
-        current_mon = today.tm_mon + 1;
-        current_yea = today.tm_year + 1900;
+        current_day = today.day;
+        current_mon = today.month;
+        current_yea = today.year;
     }
     FILE* previous = stream();
     if (previous == nullptr || day_over) {
@@ -200,10 +213,10 @@ void add2logfile(const char* str, int noWait) {
     if (stream() == nullptr) {
         return;
     }
-    struct tm utc = utc_now();
+    utc_time now = utc_now();
     char stamp[80];
-    snprintf(stamp, sizeof stamp, "[%02d/%02d/%d:%02d:%02d:%02d]", utc.tm_mday, utc.tm_mon + 1,
-             utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    snprintf(stamp, sizeof stamp, "[%02d/%02d/%d:%02d:%02d:%02d]", now.day, now.month, now.year,
+             now.hour, now.minute, now.second);
     if (noWait) {
         write_at_once(stamp, str);
     } else {
@@ -215,9 +228,11 @@ void leveledadd2log(int loglevel, const char* fmt, ...) {
     if (log_level <= loglevel) {
         return;
     }
+    int error = errno;
     char text[100];
     va_list arguments;
     va_start(arguments, fmt);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer misses va_start
     int length = vsnprintf(text, sizeof text, fmt, arguments);
     va_end(arguments);
     if (length < 0) {
@@ -230,11 +245,18 @@ void leveledadd2log(int loglevel, const char* fmt, ...) {
         if (long_text == nullptr) {
             return;
         }
+        errno = error; /* for %m */
         va_start(arguments, fmt);
         vsnprintf(long_text.get(), size, fmt, arguments);
         va_end(arguments);
     }
     add2logfile(long_text != nullptr ? long_text.get() : text, loglevel <= 0);
+}
+
+static void sleep_s(int seconds) {
+    timespec left = {seconds, 0};
+    while (nanosleep(&left, &left) != 0) {
+    }
 }
 
 /* A lost file ends the wait too: nothing is queued then, and it has to be opened again. */
@@ -247,7 +269,7 @@ static void wait_for_work() {
 }
 
 /* Lines stay in the queue until there is a file for them. Returns the seconds to sleep. */
-static unsigned write_batch() {
+static int write_batch() {
     log_lock hold(stream_mutex);
     rotate_stream();
     if (m_logFile == nullptr) {
@@ -261,9 +283,9 @@ void* write2logfile(void*) {
     cancel_off except_in_sleeps;
     for (;;) {
         wait_for_work();
-        unsigned pause_s = write_batch();
+        int pause_s = write_batch();
         cancel_on may_end;
-        sleep(pause_s);
+        sleep_s(pause_s);
         pthread_testcancel();
     }
 }
@@ -320,9 +342,7 @@ static int start_writer() {
 int init_log_file() {
     FILE* file = fopen(log_file, "ae");
     if (file == nullptr) {
-        const char* reason = strerror(errno);
-        printf("\nCannot open/create main log file: %s\n", log_file);
-        printf("Error Description: %s", reason);
+        printf("\nCannot open/create main log file: %s\nError Description: %m", log_file);
         return 0;
     }
     guard_forks();
@@ -337,7 +357,7 @@ int init_log_file() {
 
 int shutdown_log_writer() {
     if (writer_running) {
-        sleep(DRAIN_TIME_S);
+        sleep_s(DRAIN_TIME_S);
         pthread_cancel(log_writer_thread_id);
         pthread_join(log_writer_thread_id, nullptr);
         writer_running = false;

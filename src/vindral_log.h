@@ -37,7 +37,8 @@ extern pthread_t log_writer_thread_id; /* 0 until the writer starts; stays set a
 /* The clock behind stamps and rotation, in seconds since 1970; a test may set it to its own. */
 extern time_t (*log_clock)();
 
-/* Logs one line of any length. Without memory the line is lost. */
+/* Logs one line of any length; %m is the text of errno at the call. Without memory the line is
+ * lost. */
 void leveledadd2log(int loglevel, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 /* Logs `str` whatever the level: noWait 0 queues it, anything else writes it at once. Before the

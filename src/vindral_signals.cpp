@@ -29,6 +29,7 @@ static void set_crash_alarm() {
     alarm(CRASH_TIME_S);
 }
 
+/* The symbols are not freed: the heap may be broken, and the process is at its end. */
 static void log_backtrace() {
     void* addresses[BACKTRACE_DEPTH];
     int count = backtrace(addresses, BACKTRACE_DEPTH);

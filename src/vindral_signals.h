@@ -17,7 +17,7 @@
 /* The thread that SIGHUP cancels; 0 = none. Set by main once it runs, 0 again once it is joined. */
 extern pthread_t main_worker_thread_handle;
 
-inline constexpr unsigned CRASH_TIME_S = 5;
+inline constexpr unsigned CRASH_TIME_S = 3;
 
 /* Installs the handlers, SIGSEGV's first. Returns 1, or 0 after logging which one was refused.
  * Once, from main, before other threads may crash: it also loads what a backtrace needs. */

@@ -143,6 +143,19 @@ TEST_F(log_open, a_line_is_stamped_in_utc) {
     EXPECT_EQ(log(), "[19/10/2011:23:04:05]\ttext\n[19/10/2011:23:59:59]\ta\tb\nc\n");
 }
 
+TEST_F(log_open, stamps_follow_the_calendar) {
+    for (time_t second :
+         {time_t{0}, utc(1999, 12, 31, 23, 59, 59), utc(2000, 2, 29, 0, 0, 0),
+          utc(2012, 3, 1, 12, 0, 1), utc(2038, 1, 19, 3, 14, 8), utc(2100, 3, 1, 0, 0, 0)}) {
+        pinned_time = second;
+        leveledadd2log(-1, "x");
+        char expected[64];
+        struct tm date;
+        strftime(expected, sizeof expected, "[%d/%m/%Y:%H:%M:%S]\tx\n", gmtime_r(&second, &date));
+        EXPECT_TRUE(log().ends_with(expected)) << log();
+    }
+}
+
 TEST_F(log_open, nothing_reaches_standard_output_once_the_writer_runs) {
     EXPECT_EQ(captured([] {
                   leveledadd2log(-1, "one");
@@ -180,7 +193,7 @@ TEST_F(log_open, levels_above_0_wait_for_the_writer) {
     leveledadd2log(5, "second");
     EXPECT_EQ(queued(), 2);
     EXPECT_EQ(log(), "");
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(log(), "[19/10/2011:23:04:05]\tfirst\n[19/10/2011:23:04:05]\tsecond\n");
     EXPECT_EQ(queued(), 0);
 }
@@ -200,7 +213,7 @@ TEST_F(log_open, a_long_queue_keeps_its_order) {
         expected += "[19/10/2011:23:04:05]\tline " + std::to_string(i) + "\n";
     }
     EXPECT_EQ(queued(), 3000);
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(log(), expected);
 }
 
@@ -231,7 +244,7 @@ TEST_F(log_open, the_writer_begins_a_new_file_too) {
     pinned_time = utc(2011, 10, 20, 0, 0, 1);
     leveledadd2log(1, "new");
     EXPECT_FALSE(fs::exists(path + ".2011-10-19"));
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(dated("2011-10-19"), "[19/10/2011:23:04:05]\told\n");
     EXPECT_EQ(log(), "[20/10/2011:00:00:01]\tnew\n");
 }
@@ -294,14 +307,14 @@ TEST_F(log_open, lines_wait_in_the_queue_until_the_file_can_be_opened_again) {
     rlimit none_left = before;
     none_left.rlim_cur = 0;
     setrlimit(RLIMIT_NOFILE, &none_left);
-    unsigned pause_s = write_batch();
+    int pause_s = write_batch();
     leveledadd2log(1, "dropped");
     leveledadd2log(-1, "dropped");
     setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(pause_s, 5U);
+    EXPECT_EQ(pause_s, 5);
     EXPECT_EQ(queued(), 1);
 
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(dated("2011-10-19"), "[19/10/2011:23:04:05]\told\n");
     EXPECT_EQ(log(), "[19/10/2011:23:04:05]\twaiting\n");
 }
@@ -315,7 +328,7 @@ TEST_F(log_open, a_full_disk_costs_lines_only) {
         leveledadd2log(-1, "%01000d", i);
         leveledadd2log(1, "%01000d", i);
     }
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(queued(), 0);
 }
 
@@ -374,7 +387,7 @@ TEST_F(log_open, a_forked_child_writes_neither_its_parents_lines_nor_moves_the_f
         _exit(0);
     }
     EXPECT_EQ(exit_status(child), 0);
-    EXPECT_EQ(write_batch(), 1U);
+    EXPECT_EQ(write_batch(), 1);
     EXPECT_EQ(log(), "[20/10/2011:00:00:00]\tthe child's\n[19/10/2011:23:04:05]\tthe parent's\n");
 }
 

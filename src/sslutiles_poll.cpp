@@ -83,9 +83,10 @@ static int tls_failed(const char* what) {
     return POLL_INTERNAL_ERROR;
 }
 
-/* SSL_get_error takes whatever lies in this thread's queue for the error of the last call. */
+/* SSL_get_error takes whatever lies in this thread's queue, at most 16 errors, for the error of the
+ * last call. */
 static void forget_old_errors() {
-    while (lib_ERR_get_error() != 0) {
+    for (int i = 0; i < 16 && lib_ERR_get_error() != 0; i++) {
     }
 }
 

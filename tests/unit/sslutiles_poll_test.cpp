@@ -555,7 +555,7 @@ TEST_F(poll_exchange, a_handshake_that_the_budget_ends) {
     tls_connection c;
     long budget = 10000000;
     c.socket.reset(make_connection("127.0.0.1", server.port(), &budget));
-    budget = 20000;
+    budget = 200000;
     while (blocked.try_acquire()) {
     }
     EXPECT_EQ(4, start_tls(c, &budget));

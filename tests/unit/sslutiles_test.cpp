@@ -554,7 +554,7 @@ TEST_F(fake_tls, send_waits_for_what_the_session_wants_and_does_not_spin) {
     tls_script = {{-1, SSL_ERROR_WANT_READ}};
     EXPECT_EQ(0, send_text(pair.ours.get(), "request", SECOND / 50, fake_session));
     EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
-    EXPECT_EQ(2u, tls_calls);
+    EXPECT_LE(tls_calls, 2u);
 
     /* Readable, but no longer writable. */
     EXPECT_EQ(1, write(pair.theirs.get(), "x", 1));
@@ -568,13 +568,13 @@ TEST_F(fake_tls, send_waits_for_what_the_session_wants_and_does_not_spin) {
     tls_script = {{-1, SSL_ERROR_WANT_WRITE}};
     EXPECT_EQ(0, send_text(pair.ours.get(), "request", SECOND / 50, fake_session));
     EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
-    EXPECT_EQ(2u, tls_calls);
+    EXPECT_LE(tls_calls, 2u);
 }
 
 TEST_F(fake_tls, the_last_try_may_still_succeed) {
     socket_pair pair;
     tls_script = {{-1, SSL_ERROR_WANT_READ}, {7, 0}};
-    EXPECT_EQ(1, send_text(pair.ours.get(), "request", SECOND / 50, fake_session));
+    EXPECT_EQ(1, send_text(pair.ours.get(), "request", SECOND / 5, fake_session));
     EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
 }
 
@@ -675,6 +675,14 @@ static received receive_pieces(const std::vector<std::string>& pieces, bool end 
     return receive_from(pair.ours.get(), budget);
 }
 
+/* A budget can also end between the wait and the read, when something came before the silence. */
+static void expect_time_out() {
+    std::string log = take_log_text();
+    EXPECT_TRUE(log == "0 ERROR: receive_response: select: Connection timed out.\n" ||
+                log == "0 ERROR: receive_response: SSL_read: Connection timed out.\n")
+        << log;
+}
+
 static const char EOF_LINE[] = "5 receive_response: read(): 0 EOF\n";
 
 static const std::string hello_head = "HTTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\n";
@@ -753,7 +761,7 @@ TEST_F(connection, a_content_length_of_0_does_not_complete) {
     EXPECT_EQ(EOF_LINE, take_log_text());
     r = receive_pieces({"HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n"}, false, SECOND / 50);
     EXPECT_EQ(0, r.result);
-    EXPECT_EQ("0 ERROR: receive_response: select: Connection timed out.\n", take_log_text());
+    expect_time_out();
 }
 
 TEST_F(connection, the_end_of_the_stream_is_a_success_wherever_it_comes) {
@@ -783,7 +791,7 @@ TEST_F(connection, more_than_announced_is_read_until_the_end_or_the_time_out) {
     r = receive_pieces({hello + "!"}, false, SECOND / 50);
     EXPECT_EQ(0, r.result);
     EXPECT_LT(r.budget, 1);
-    EXPECT_EQ("0 ERROR: receive_response: select: Connection timed out.\n", take_log_text());
+    expect_time_out();
 }
 
 TEST_F(connection, two_content_lengths_add_up) {
@@ -861,12 +869,12 @@ TEST_F(connection, an_interrupted_wait_carries_on_to_the_read) {
 TEST_F(connection, other_read_errors_are_retried_until_the_budget_runs_out_without_spinning) {
     unique_fd directory(open("/", O_RDONLY | O_DIRECTORY));
     read_calls = 0;
-    received r = receive_from(directory.get(), SECOND / 20);
+    received r = receive_from(directory.get(), SECOND / 5);
     EXPECT_EQ(0, r.result);
     EXPECT_LT(r.budget, 1);
     EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
     EXPECT_GE(read_calls, 2);
-    EXPECT_LE(read_calls, 6);
+    EXPECT_LE(read_calls, 21);
 }
 
 TEST_F(connection, a_reset_reads_as_the_end_of_the_stream) {
@@ -942,8 +950,8 @@ TEST_F(fake_tls, receive_times_out_in_the_wait_that_the_session_wants) {
     EXPECT_EQ(1, write(pair.theirs.get(), "x", 1));
     fill(pair.ours.get());
     tls_script = {{-1, SSL_ERROR_WANT_WRITE}};
-    EXPECT_EQ(0, receive_from(pair.ours.get(), SECOND / 50, fake_session).result);
-    EXPECT_EQ("0 ERROR: receive_response: select: Connection timed out.\n", take_log_text());
+    EXPECT_EQ(0, receive_from(pair.ours.get(), SECOND / 5, fake_session).result);
+    expect_time_out();
     EXPECT_EQ(1u, tls_calls);
 }
 
@@ -1126,7 +1134,7 @@ TEST_F(connection, the_ends_of_a_tls_connection) {
 TEST_F(connection, a_silent_tls_peer) {
     tls_peer server(tls_peer::tls, {{peer::take_request(), peer::pause()}});
     EXPECT_EQ(0, tls_client(server).ask(SECOND / 50).result);
-    EXPECT_EQ("0 ERROR: receive_response: select: Connection timed out.\n", take_log_text());
+    expect_time_out();
 }
 
 TEST_F(connection, a_tls_peer_that_speaks_plain_text_in_between) {

@@ -9,9 +9,10 @@ Without root the tests run in place, and those that need a namespace are skipped
 Environment: VINDRAL_BUILD_DIR, the build directory with the programs (CTest sets it).
 """
 
+import collections
 import concurrent.futures
 import ctypes
-import functools
+import json
 import os
 import re
 import select
@@ -53,24 +54,73 @@ isolated = os.environ.get(_NAMESPACE_MARK) == "1"
 needs_namespaces = unittest.skipUnless(
     isolated, "needs root: the kernel files it replaces are mounted in a private namespace")
 
-_libc = ctypes.CDLL(None, use_errno=True)
-
-
 def main():
-    """Runs the tests of the calling file."""
+    """Runs the tests of the calling file, or those that the command line names (Class,
+    Class.test_method), and ends with status 0 when all passed."""
     if os.geteuid() == 0 and not isolated:
         unshare = ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"]
         if subprocess.run(unshare + ["true"], stderr=subprocess.DEVNULL, check=False).returncode == 0:
             os.environ[_NAMESPACE_MARK] = "1"
             os.execvp("unshare", unshare + [sys.executable] + sys.argv)
+    tempfile.tempdir = tempfile.mkdtemp(prefix="vindral-test-")
     if isolated:
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        # The files in memory: the collector syncs for every poll, and a loaded disk takes its time.
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=700", "tmpfs", tempfile.tempdir],
+                       check=True)
     else:
-        # The daemons that the agents turn into become children of this process, so that their exit
-        # status can be read and their ids stay theirs until then.
-        PR_SET_CHILD_SUBREAPER = 36
-        _libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-    unittest.main(verbosity=2)
+        become_reaper()
+    try:
+        passed = _run_tests(sys.argv[1:])
+    finally:
+        if isolated:
+            subprocess.run(["umount", "--lazy", tempfile.tempdir], check=False)
+        shutil.rmtree(tempfile.tempdir, ignore_errors=True)
+    sys.exit(0 if passed else 1)
+
+
+def become_reaper():
+    """Makes the daemons that agents turn into children of this process, so that their exit status
+    can be read and their ids stay theirs until then."""
+    PR_SET_CHILD_SUBREAPER = 36
+    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+
+
+def _flatten(suite):
+    for test in suite:
+        yield from _flatten(test) if isinstance(test, unittest.TestSuite) else [test]
+
+
+_at_end = []  # what is still to be checked or cleaned up after the last test
+
+
+def _run_tests(names):
+    """Runs the tests in threads: nearly all of their time is waiting."""
+    module = sys.modules["__main__"]
+    loader = unittest.TestLoader()
+    suite = loader.loadTestsFromNames(names, module) if names else loader.loadTestsFromModule(module)
+
+    def run(test):
+        result = unittest.TestResult()
+        start = time.monotonic()
+        test.run(result)
+        skipped = "".join(" (skipped: %s)" % reason for _, reason in result.skipped)
+        outcome = skipped or (" ok" if result.wasSuccessful() else " FAILED")
+        print("%s ...%s, %.1f s" % (test.id(), outcome, time.monotonic() - start), flush=True)
+        return result
+
+    with concurrent.futures.ThreadPoolExecutor(16) as pool:
+        results = list(pool.map(run, _flatten(suite)))
+    problems = [problem for result in results for problem in result.failures + result.errors]
+    for check, arguments in reversed(_at_end):
+        try:
+            check(*arguments)
+        except Exception as error:
+            problems.append((check, repr(error)))
+    for test, text in problems:
+        print("=" * 70 + "\nFAILED: %s\n%s" % (test, text))
+    print("%d tests, %d problems" % (len(results), len(problems)))
+    return results and not problems
 
 
 def wait_until(condition, what, timeout_s=None):
@@ -215,14 +265,13 @@ def write_text(path, text):
 
 
 class TestCase(unittest.TestCase):
-    """A test with a directory of its own, which goes away when the file's last test has run."""
+    """A test with a directory of its own, which goes away with those of the file's other tests."""
 
     longMessage = True
     maxDiff = None
 
     def setUp(self):
-        self.dir = tempfile.mkdtemp(prefix="vindral-test-")
-        unittest.addModuleCleanup(shutil.rmtree, self.dir, ignore_errors=True)
+        self.dir = tempfile.mkdtemp(prefix=self._testMethodName + "-")
         self._names = set()
         self._names_lock = threading.Lock()
 
@@ -285,6 +334,20 @@ class Agent:
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False,
                               errors="surrogateescape", timeout=PATIENCE_S, **kwargs)
 
+    def run_to_end(self, *options):
+        """Like run, for an agent that does not stay: also waits for what the parent leaves behind.
+        Returns the exit statuses, the parent's first, and the output."""
+        script = ("import os, sys; sys.path.insert(0, %r); import harness; harness.become_reaper();"
+                  "os.spawnv(os.P_NOWAIT, sys.argv[1], sys.argv[1:])\n"
+                  "try:\n while True: print(os.waitstatus_to_exitcode(os.wait()[1]), file=sys.stderr)"
+                  "\nexcept ChildProcessError: pass") % HERE
+        self.write_config()
+        done = subprocess.run(
+            self.wrap + [sys.executable, "-c", script, AGENT, "-C", self.conf, *options],
+            env=self.env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            text=True, check=True, timeout=PATIENCE_S)
+        return [int(status) for status in done.stderr.split()], done.stdout
+
     def start(self, *options, **kwargs):
         """Starts the daemon and returns itself."""
         parent = self.run(*options, **kwargs)
@@ -334,7 +397,7 @@ class Agent:
                 raise AssertionError(findings)
         else:
             self.hang_up()
-            unittest.addModuleCleanup(self.check_end)
+            _at_end.append((self.check_end, ()))
 
 
 _NEXT_ENTRY = re.compile(r"\n(?=\[\d\d/\d\d/\d{4}:\d\d:\d\d:\d\d\]\t)")
@@ -345,16 +408,110 @@ def log_entries(log):
     return _NEXT_ENTRY.split(log[:-1]) if log else []
 
 
-@functools.lru_cache(maxsize=None)
-def run_text(*command):
-    """Standard output of a command that must succeed; run once for the same words."""
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+Row = collections.namedtuple("Row", "account agent type test location time status record")
 
 
-def query(database, sql, *arguments):
-    """Rows of a query on a SQLite file that others may be writing to."""
-    connection = sqlite3.connect("file:%s?mode=ro" % database, uri=True, timeout=PATIENCE_S)
-    try:
-        return connection.execute(sql, arguments).fetchall()
-    finally:
-        connection.close()
+class Collector:
+    """A collector with a state directory and a plan of its own. `start` may be called again after
+    the process has ended."""
+
+    def __init__(self, test, *plan, name="collector", options=()):
+        self.test = test
+        self.dir = test.subdir(name)
+        self.state = os.path.join(self.dir, "state")
+        self.plan = os.path.join(self.dir, "plan")
+        self.port_file = os.path.join(self.dir, "port")
+        self.options = list(options)
+        self.port = 0  # after the first start: the port that it was given, and keeps
+        self.process = None
+        self.add_to_plan(*plan)
+        test.addCleanup(self._clean_up)
+
+    def add_to_plan(self, *lines):
+        with open(self.plan, "a", encoding="utf-8") as plan:
+            plan.write("".join(line + "\n" for line in lines))
+
+    def launch(self, *options):
+        """Starts the program without waiting for it to be ready."""
+        with open(os.path.join(self.dir, "output"), "ab") as output, \
+                open(os.path.join(self.dir, "errors"), "ab") as errors:
+            self.process = subprocess.Popen(
+                [COLLECTOR, "--json", "--port", str(self.port), "--port-file", self.port_file,
+                 "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
+                env=sanitizer_environment(self.dir))
+        return self
+
+    def start(self, *options):
+        if os.path.exists(self.port_file):
+            os.unlink(self.port_file)
+        self.launch(*options)
+        wait_until(lambda: os.path.exists(self.port_file) or self.process.poll() is not None,
+                   "the collector's port")
+        self.test.assertIsNone(self.process.poll(), self.errors())
+        self.port = int(read_text(self.port_file))
+        return self
+
+    def stop(self):
+        """Ends it in order and checks that it did."""
+        self.process.send_signal(signal.SIGTERM)
+        status = self.process.wait(PATIENCE_S)
+        self.test.assertEqual((status, sanitizer_findings(self.dir)), (0, ""), self.errors())
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait(PATIENCE_S)
+
+    def errors(self):
+        return read_text(os.path.join(self.dir, "errors"))
+
+    def wait_errors(self, text, count=1):
+        wait_until(lambda: self.errors().count(text) >= count,
+                   lambda: "%r on standard error:\n%s" % (text, self.errors()))
+
+    def results(self):
+        """The objects printed so far."""
+        whole_lines = read_text(os.path.join(self.dir, "output")).rpartition("\n")[0]
+        return [json.loads(line) for line in whole_lines.splitlines()]
+
+    def wait_results(self, condition, what="results", timeout_s=None):
+        """Waits until there are printed results that satisfy the condition and returns them."""
+        def found():
+            return [result for result in self.results() if condition(result)]
+        return wait_until(found, lambda: "%s; have %s\n%s" % (
+            what, self.results()[-3:], self.errors()), timeout_s)
+
+    def wait_test(self, test, count=1):
+        """Waits for `count` results of one test and returns them all."""
+        def found():
+            results = [result for result in self.results() if result["test"] == test]
+            return len(results) >= count and results
+        return wait_until(found, lambda: "%d results of test %d; have %s\n%s" % (
+            count, test, self.results()[-3:], self.errors()))
+
+    def rows(self):
+        """What the database holds, in the order of storing."""
+        path = os.path.join(self.state, "results.db")
+        connection = sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=PATIENCE_S)
+        try:
+            days = connection.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' "
+                                      "AND type = 'table' ORDER BY name").fetchall()
+            rows = []
+            for (day,) in days:
+                rows += connection.execute(
+                    "SELECT account, name, type, test, location, time, status, record FROM %s "
+                    "JOIN agents ON agents.id = agent ORDER BY %s.id" % (day, day)).fetchall()
+            return [Row(*row) for row in rows]
+        finally:
+            connection.close()
+
+    def missing(self):
+        """Exit status and output of the report of planned tests without results."""
+        done = subprocess.run(
+            [COLLECTOR, "--missing", "--state-dir", self.state, "--plan", self.plan],
+            stdout=subprocess.PIPE, text=True, check=False, timeout=PATIENCE_S)
+        return done.returncode, done.stdout
+
+    def _clean_up(self):
+        if self.process is not None and self.process.poll() is None:
+            self.stop()

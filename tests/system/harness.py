@@ -175,6 +175,18 @@ def black_hole(test):
             return listener.getsockname()[1]
 
 
+def mounted(*files):
+    """Words to put before a command line so that it runs with files mounted over others: source,
+    target, source, target, ... in a mount namespace of its own."""
+    mounts = " && ".join("mount --bind '%s' '%s'" % pair for pair in zip(files[::2], files[1::2]))
+    return ["unshare", "--mount", "sh", "-c", mounts + ' && exec "$@"', "sh"]
+
+
+def make_socket_file(path):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(path)
+
+
 class Process:
     """A process by its id, child or not, ended and waited for through a pidfd."""
 

@@ -155,12 +155,10 @@ static void write_waiting() REQUIRES(stream_mutex) {
     free(lines);
 }
 
-/* Takes no memory of its own, since a crash may have happened inside malloc. */
+/* Takes no memory of its own, since a crash may have happened inside malloc. Goes on in the file of
+ * the day before: only the writer thread moves files. */
 static void write_at_once(const char* stamp, const char* text) {
     log_lock hold(stream_mutex);
-    if (!crashed) {
-        rotate_stream();
-    }
     if (m_logFile == nullptr) {
         return;
     }

@@ -268,10 +268,11 @@ std::string poll_text(const std::string& session, const std::string& body, uint6
            "\r\nVnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n" + body;
 }
 
+/* Few and long lines: they are read quickly. */
 std::string long_plan(size_t least) {
     std::string lines;
     for (int i = 1; lines.size() < least; ++i) {
-        lines += "LAA\t" + std::to_string(i) + "\t1\t5\t5\t5\n";
+        lines += "LAA\t" + std::to_string(i) + "\t1\t5\t5\t5\t" + std::string(30000, 'h') + "\n";
     }
     return lines;
 }

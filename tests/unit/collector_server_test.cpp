@@ -681,8 +681,11 @@ TEST_F(collector_server, no_tls_no_answer) {
     EXPECT_EQ(c.wait_for_end(), ending::reset);
     client old(port_);
     EXPECT_FALSE(old.handshake(TLS1_1_VERSION));
-    client fine(port_);
+    client fine(port_), newer(port_);
     EXPECT_TRUE(fine.handshake(TLS1_2_VERSION));
+    EXPECT_STREQ(SSL_get_cipher(fine.ssl()), "ECDHE-ECDSA-AES128-GCM-SHA256");
+    EXPECT_TRUE(newer.handshake());
+    EXPECT_STREQ(SSL_get_cipher(newer.ssl()), "TLS_AES_128_GCM_SHA256");
 }
 
 TEST_F(collector_server, agents_get_no_session_tickets) {

@@ -66,8 +66,8 @@ inline int condition_wait_until(condition& c, mutex& m, const timespec& deadline
 }
 
 /* The time `seconds` from now as a whole second (nanoseconds 0). Taken from the precise clock: the
- * coarse one behind time() can still show the previous second at a boundary, and a wait until such a
- * deadline would return at once, again and again. */
+ * coarse one behind time() can still show the previous second at a boundary, and a wait until such
+ * a deadline would return at once, again and again. */
 inline timespec deadline_in(int seconds) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
@@ -75,6 +75,13 @@ inline timespec deadline_in(int seconds) {
     now.tv_nsec = 0;
     return now;
 }
+
+/* Stack of every worker thread, in bytes. The sanitizers need room of their own. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr size_t WORKER_STACK_SIZE = 1024 * 1024;
+#else
+inline constexpr size_t WORKER_STACK_SIZE = 32768;
+#endif
 
 /* Cancellation off for a scope, then as it was before. */
 class cancel_off {
@@ -88,8 +95,9 @@ private:
     int before_ = PTHREAD_CANCEL_ENABLE;
 };
 
-/* Cancellation on for a scope, then as it was before. Only ever round one wait, and only on a thread
- * that is meant to be cancelled: the others are never cancelled, so for them it changes nothing. */
+/* Cancellation on for a scope, then as it was before. Only ever round one wait, and only on a
+ * thread that is meant to be cancelled: the others are never cancelled, so for them it changes
+ * nothing. */
 class cancel_on {
 public:
     cancel_on() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before_); }
@@ -105,8 +113,8 @@ private:
 class unique_fd {
 public:
     explicit unique_fd(int fd = -1) : fd_(fd) {}
-    unique_fd(unique_fd&& other) : fd_(other.release()) {}
-    unique_fd& operator=(unique_fd&& other) {
+    unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
+    unique_fd& operator=(unique_fd&& other) noexcept {
         if (this != &other) {
             reset(other.release());
         }

@@ -1,4 +1,12 @@
-/* Run-time binding of the TLS library. */
+/* Run-time binding of the TLS library.
+ *
+ * The agent is not linked to OpenSSL: it looks for the library on the host and calls it through the
+ * pointers below, each named after the function it stands for. The candidates reach from 0.9.7 to 3;
+ * functions that current releases no longer export are bound to their documented equivalents.
+ *
+ * The pointers are written on the main thread before any other thread exists and only read
+ * afterwards. The library is never closed, and not torn down at exit either: threads that still run
+ * then may be inside it. */
 #ifndef VINDRAL_LIBSSLLOADER_H
 #define VINDRAL_LIBSSLLOADER_H
 
@@ -6,7 +14,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-extern void* libssl_handle;
+extern void* libssl_handle; /* null until a library is opened */
 
 extern void (*lib_SSL_load_error_strings)();
 extern void (*lib_ERR_load_BIO_strings)();
@@ -33,7 +41,14 @@ extern decltype(&ERR_get_error) lib_ERR_get_error;
 extern void (*lib_OPENSSL_add_all_algorithms_noconf)();
 extern void (*lib_OPENSSL_add_all_algorithms_conf)();
 
+/* Opens the first candidate that loads and binds every function from it. Returns 1 when all are
+ * bound or a library was opened before; 0 with a line at level 0 when no candidate opens, 0 without
+ * one when the library lacks a function. In that case it stays open and a second call returns 1, so
+ * call this once. */
 int init_ssl_lib();
+
+/* Binds and initialises the TLS library, then zlib (isZLIBloaded). To be called once at start-up,
+ * before any thread is created. Returns 1 when TLS is ready, whatever became of zlib, else 0. */
 int init_ssl_variables();
 
 #endif

@@ -1,0 +1,126 @@
+#include "checker.h"
+
+#include "vindral_log.h"
+
+#include <climits>
+#include <sched.h>
+
+int checker_start(checker& c, void* (*worker)(void*)) {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
+        leveledadd2log(0, "%s", c.attr_message);
+        return 0;
+    }
+    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
+        leveledadd2log(0, "%s", c.stack_message);
+        pthread_attr_destroy(&attributes);
+        return 0;
+    }
+    c.running = pthread_create(&c.worker_thread_handle, &attributes, worker, nullptr) == 0;
+    pthread_attr_destroy(&attributes);
+    if (!c.running) {
+        return 0;
+    }
+    if (c.thread_name != nullptr) {
+        pthread_setname_np(c.worker_thread_handle, c.thread_name);
+    }
+    return 1;
+}
+
+static unsigned wakes_so_far(checker& c) {
+    lock hold(c.cond_mutex);
+    return c.wakes;
+}
+
+/* Waits for one interval or a wake-up; wakes that came since `seen` end the wait before it begins.
+ * Returns false when the checker was stopped. */
+static bool wait_interval(checker& c, unsigned seen, int interval_s) {
+    lock hold(c.cond_mutex);
+    if (!c.stopped && c.wakes == seen) {
+        /* A negative interval other than -1 means no wait, but must not turn into a spin. */
+        condition_wait_until(c.cond, c.cond_mutex, deadline_in(interval_s < 0 ? 1 : interval_s));
+    }
+    return !c.stopped;
+}
+
+void checker_work(checker& c) {
+    for (;;) {
+        unsigned seen = wakes_so_far(c);
+        int interval_s = checker_get_interval(c);
+        if (interval_s == -1 || !wait_interval(c, seen, interval_s) ||
+            checker_get_interval(c) == -1) {
+            return;
+        }
+        c.pass();
+    }
+}
+
+int checker_get_interval(checker& c) {
+    lock hold(c.check_interval_mutex);
+    return c.check_interval;
+}
+
+void checker_set_interval(checker& c, int t_sec) {
+    {
+        lock hold(c.check_interval_mutex);
+        c.check_interval = t_sec;
+    }
+    lock hold(c.cond_mutex);
+    c.stopped = c.stopped || t_sec == -1;
+    c.wakes++;
+    pthread_cond_signal(&c.cond.handle);
+}
+
+void checker_wake(checker& c) {
+    lock hold(c.cond_mutex);
+    c.wakes++;
+    pthread_cond_signal(&c.cond.handle);
+}
+
+void checker_add_result(checker& c, const char* rez, int rez_size) {
+    if (rez == nullptr || rez_size < 1) {
+        return;
+    }
+    lock hold(c.result_mutex);
+    if (c.result_buffer_len > INT_MAX - rez_size) {
+        return;
+    }
+    char* grown = static_cast<char*>(realloc(
+        c.result_buffer, static_cast<size_t>(c.result_buffer_len) + static_cast<size_t>(rez_size)));
+    if (grown == nullptr) {
+        return;
+    }
+    memcpy(grown + c.result_buffer_len, rez, static_cast<size_t>(rez_size));
+    c.result_buffer = grown;
+    c.result_buffer_len += rez_size;
+}
+
+int checker_get_results(checker& c, char** rez, int* rez_size) {
+    lock hold(c.result_mutex);
+    if (c.result_buffer_len == 0) {
+        return 0;
+    }
+    *rez = c.result_buffer;
+    *rez_size = c.result_buffer_len;
+    c.result_buffer = nullptr;
+    c.result_buffer_len = 0;
+    return 1;
+}
+
+void checker_stop(checker& c) {
+    checker_set_interval(c, -1);
+    if (!c.running) {
+        return;
+    }
+    pthread_join(c.worker_thread_handle, nullptr);
+    c.running = false;
+    while (pthread_cond_destroy(&c.cond.handle) == EBUSY) {
+        pthread_cond_broadcast(&c.cond.handle);
+        sched_yield();
+    }
+    c.cond = condition{}; /* a late wake-up finds a condition that nobody waits on */
+}
+
+char* copy_text(const char* text) {
+    return text != nullptr && text[0] != '\0' ? strdup(text) : nullptr;
+}

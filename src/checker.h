@@ -1,0 +1,125 @@
+/* The lifecycle that every checker shares, written once.
+ *
+ * A checker is a module with no objects: its state is static, one instance per process. It keeps a
+ * list of test definitions and hands result records to the poll loop. One worker thread sleeps for
+ * one check interval, or until it is woken, and then runs every test of the list (a pass).
+ *
+ * Threads: the poll thread calls add, modify, remove, the interval setters and the hand-over; the
+ * checker's worker runs passes; the main thread starts and stops.
+ *
+ * Locks, in the order in which they may be taken: mon_mutex, then result_mutex or cond_mutex.
+ * check_interval_mutex is never held together with another. mon_mutex is held for a whole pass, so
+ * the poll thread waits for a running pass before it changes a test; result_mutex only for an
+ * append or the hand-over, so collecting never waits for a pass.
+ *
+ * Everything is usable before checker_start and after checker_stop: setting the interval of a
+ * checker that does not run is harmless. */
+#ifndef VINDRAL_CHECKER_H
+#define VINDRAL_CHECKER_H
+
+#include "guards.h"
+
+#include <cstdlib>
+#include <cstring>
+
+/* Nothing runs until the server sets an interval or adds a test. */
+inline constexpr int INITIAL_CHECK_INTERVAL_S = 31536000;
+
+struct checker {
+    mutex mon_mutex{};            /* the test list, its count, every definition in it */
+    mutex result_mutex{};         /* result_buffer and result_buffer_len */
+    mutex check_interval_mutex{}; /* check_interval */
+    mutex cond_mutex{};           /* cond, wakes, stopped */
+    condition cond{};
+
+    char* result_buffer GUARDED_BY(result_mutex) = nullptr; /* run of records; null when empty */
+    int result_buffer_len GUARDED_BY(result_mutex) = 0;
+    int check_interval GUARDED_BY(check_interval_mutex) = INITIAL_CHECK_INTERVAL_S; /* -1: stop */
+    unsigned wakes GUARDED_BY(cond_mutex) = 0;   /* signals given so far */
+    bool stopped GUARDED_BY(cond_mutex) = false; /* an interval of -1 was set: for good */
+
+    pthread_t worker_thread_handle = 0;
+    bool running = false; /* there is a worker to join; main thread only */
+
+    /* Set by the module. */
+    const char* thread_name = nullptr;   /* at most 15 characters */
+    void (*pass)() = nullptr;            /* checks every test of the list once */
+    const char* attr_message = nullptr;  /* logged when the thread attributes fail */
+    const char* stack_message = nullptr; /* logged when the stack size is refused */
+};
+
+/* Starts the worker with a stack of WORKER_STACK_SIZE. Returns 1, or 0 with the module's message
+ * logged at level 0; a thread that could not be created gives 0 without a message. */
+int checker_start(checker& c, void* (*worker)(void*));
+
+/* The worker's loop; returns when the checker is stopped. A signal that comes while a pass runs is
+ * lost: the next pass comes after a whole interval. One that comes between the reading of the
+ * interval and the wait is not: it counts as a wake-up, so that neither a stop nor a new interval
+ * waits out the old one. */
+void checker_work(checker& c);
+
+/* The interval in seconds. Setting one wakes the worker, which runs a pass at once; -1 ends it for
+ * good. */
+int checker_get_interval(checker& c);
+void checker_set_interval(checker& c, int t_sec);
+
+/* Wakes the worker for a pass at once. The caller may hold mon_mutex. */
+void checker_wake(checker& c);
+
+/* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */
+void checker_add_result(checker& c, const char* rez, int rez_size);
+
+/* Hands the whole result buffer over: returns 1 and gives the caller the memory (free), or 0 with
+ * the outputs untouched when there is nothing. */
+int checker_get_results(checker& c, char** rez, int* rez_size);
+
+/* Stops the worker, joins it (waits for a running pass) and destroys the condition. Definitions and
+ * uncollected results stay. Nothing to do for a checker that was not started. */
+void checker_stop(checker& c);
+
+/* The list of definitions: an array of pointers with exactly `count` slots, in the order of adding.
+ * The caller holds mon_mutex. `id` is the member that holds the test id. */
+
+/* Index of the first definition with this id, or -1. */
+template <typename D>
+int test_index(D* const* list, int count, int D::*id, int wanted) {
+    for (int i = 0; i < count; i++) {
+        if (list[i]->*id == wanted) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+/* Puts `test` into a new last slot. Returns 1, or 0 when memory ran out and nothing changed. */
+template <typename D>
+int append_test(D**& list, int& count, D* test) {
+    D** grown = static_cast<D**>(realloc(list, (static_cast<size_t>(count) + 1) * sizeof(D*)));
+    if (grown == nullptr) {
+        return 0;
+    }
+    list = grown;
+    list[count++] = test;
+    return 1;
+}
+
+/* Takes the definition out of its slot and closes the gap; the caller frees it. */
+template <typename D>
+D* take_test(D**& list, int& count, int index) {
+    D* test = list[index];
+    count--;
+    memmove(&list[index], &list[index + 1], static_cast<size_t>(count - index) * sizeof(D*));
+    if (count == 0) {
+        free(list);
+        list = nullptr;
+    } else if (D** shrunk =
+                   static_cast<D**>(realloc(list, static_cast<size_t>(count) * sizeof(D*)))) {
+        list = shrunk;
+    }
+    return test;
+}
+
+/* A private copy of a text argument; null for none and for an empty one. */
+char* copy_text(const char* text);
+
+#endif

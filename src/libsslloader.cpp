@@ -1,0 +1,197 @@
+#include "libsslloader.h"
+
+#include "compression_routine.h"
+#include "dynlib.h"
+#include "vindral_log.h"
+
+#include <cstdlib>
+#include <dlfcn.h>
+#include <iterator>
+#include <pthread.h>
+
+void* libssl_handle = nullptr;
+
+void (*lib_SSL_load_error_strings)() = nullptr;
+void (*lib_ERR_load_BIO_strings)() = nullptr;
+int (*lib_SSL_library_init)() = nullptr;
+decltype(&SSL_CTX_new) lib_SSL_CTX_new = nullptr;
+const SSL_METHOD* (*lib_SSLv23_client_method)() = nullptr;
+decltype(&SSL_new) lib_SSL_new = nullptr;
+decltype(&SSL_CTX_free) lib_SSL_CTX_free = nullptr;
+decltype(&BIO_new_ssl_connect) lib_BIO_new_ssl_connect = nullptr;
+decltype(&BIO_ctrl) lib_BIO_ctrl = nullptr;
+decltype(&BIO_free_all) lib_BIO_free_all = nullptr;
+decltype(&SSL_shutdown) lib_SSL_shutdown = nullptr;
+decltype(&BIO_write) lib_BIO_write = nullptr;
+decltype(&SSL_ctrl) lib_SSL_ctrl = nullptr;
+decltype(&BIO_read) lib_BIO_read = nullptr;
+decltype(&SSL_set_fd) lib_SSL_set_fd = nullptr;
+decltype(&SSL_connect) lib_SSL_connect = nullptr;
+decltype(&SSL_get_error) lib_SSL_get_error = nullptr;
+decltype(&SSL_free) lib_SSL_free = nullptr;
+decltype(&SSL_write) lib_SSL_write = nullptr;
+decltype(&SSL_read) lib_SSL_read = nullptr;
+decltype(&ERR_error_string) lib_ERR_error_string = nullptr;
+decltype(&ERR_get_error) lib_ERR_get_error = nullptr;
+void (*lib_OPENSSL_add_all_algorithms_noconf)() = nullptr;
+void (*lib_OPENSSL_add_all_algorithms_conf)() = nullptr;
+
+/* In the order of the attempts. "libcrypto.0.9.8e" is no mistake of the table; it stays. */
+static const char* const LIBSSL_NAMES[] = {
+    "libssl.so",        "libssl.so.1.0.0",  "libssl.so.1.0.0a", "libssl.so.1.0.0b",
+    "libssl.so.1.0.0c", "libssl.so.1.0.0d", "libssl.so.1.0.0e", "libssl.so.0.9.8a",
+    "libssl.so.0.9.8b", "libssl.so.0.9.8c", "libssl.so.0.9.8d", "libssl.so.0.9.8e",
+    "libssl.so.0.9.8f", "libssl.so.0.9.8g", "libssl.so.0.9.8h", "libssl.so.0.9.8i",
+    "libssl.so.0.9.8j", "libssl.so.0.9.8k", "libssl.so.0.9.8l", "libssl.so.0.9.8m",
+    "libssl.so.0.9.8n", "libssl.so.0.9.8o", "libssl.so.0.9.8p", "libssl.so.0.9.8q",
+    "libssl.so.0.9.8r", "libcrypto.0.9.8e", "libssl.so.0.9.8",  "libssl.so.0.9.7",
+    "libssl.so.0.9.7a", "libssl.so.0.9.7b", "libssl.so.0.9.7c", "libssl.so.3",
+    "libssl.so.1.1",
+};
+
+/* From 1.1.0 on the library initialises itself; two functions with options replace the old ones,
+ * whose names are left as macros. The options below are those of the macros. */
+static int (*openssl_init_ssl)(uint64_t options, const OPENSSL_INIT_SETTINGS* settings) = nullptr;
+static int (*openssl_init_crypto)(uint64_t options,
+                                  const OPENSSL_INIT_SETTINGS* settings) = nullptr;
+
+/* Whatever is initialised first decides about the handler that frees everything at exit. It would
+ * pull the tables away under a check that still runs in a detached thread, and there is nothing to
+ * free that the end of the process does not free: so none. This is the first call of all. */
+static void load_ssl_strings() {
+    openssl_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS |
+                         OPENSSL_INIT_NO_ATEXIT,
+                     nullptr);
+}
+
+static void load_crypto_strings() {
+    openssl_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+}
+
+static int init_library() {
+    return openssl_init_ssl(0, nullptr);
+}
+
+static void add_all_algorithms() {
+    openssl_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+}
+
+static void add_all_algorithms_and_config() {
+    openssl_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS |
+                            OPENSSL_INIT_LOAD_CONFIG,
+                        nullptr);
+}
+
+/* One of the functions above for a library that exports what it calls, else null. */
+template <auto replacement>
+static void* through_init_ssl(void* handle) {
+    const dynlib_symbol symbol = {"OPENSSL_init_ssl", reinterpret_cast<void**>(&openssl_init_ssl),
+                                  nullptr};
+    return dynlib_bind(handle, &symbol, 1) ? reinterpret_cast<void*>(replacement) : nullptr;
+}
+
+template <auto replacement>
+static void* through_init_crypto(void* handle) {
+    const dynlib_symbol symbol = {"OPENSSL_init_crypto",
+                                  reinterpret_cast<void**>(&openssl_init_crypto), nullptr};
+    return dynlib_bind(handle, &symbol, 1) ? reinterpret_cast<void*>(replacement) : nullptr;
+}
+
+static void* tls_client_method(void* handle) {
+    return dlsym(handle, "TLS_client_method");
+}
+
+#define BIND(name, fallback)                                                                       \
+    { #name, reinterpret_cast<void**>(&lib_##name), fallback }
+static const dynlib_symbol LIBSSL_SYMBOLS[] = {
+    BIND(SSL_load_error_strings, through_init_ssl<load_ssl_strings>),
+    BIND(ERR_load_BIO_strings, through_init_crypto<load_crypto_strings>),
+    BIND(SSL_library_init, through_init_ssl<init_library>),
+    BIND(SSL_CTX_new, nullptr),
+    BIND(SSLv23_client_method, tls_client_method),
+    BIND(SSL_new, nullptr),
+    BIND(SSL_CTX_free, nullptr),
+    BIND(BIO_new_ssl_connect, nullptr),
+    BIND(BIO_ctrl, nullptr),
+    BIND(BIO_free_all, nullptr),
+    BIND(SSL_shutdown, nullptr),
+    BIND(BIO_write, nullptr),
+    BIND(SSL_ctrl, nullptr),
+    BIND(BIO_read, nullptr),
+    BIND(SSL_set_fd, nullptr),
+    BIND(SSL_connect, nullptr),
+    BIND(SSL_get_error, nullptr),
+    BIND(SSL_free, nullptr),
+    BIND(SSL_write, nullptr),
+    BIND(SSL_read, nullptr),
+    BIND(ERR_error_string, nullptr),
+    BIND(ERR_get_error, nullptr),
+    BIND(OPENSSL_add_all_algorithms_noconf, through_init_crypto<add_all_algorithms>),
+    BIND(OPENSSL_add_all_algorithms_conf, through_init_crypto<add_all_algorithms_and_config>),
+};
+#undef BIND
+
+/* Before 1.1.0 the library has no locks of its own: checks in parallel threads would corrupt it
+ * unless the program lends it some, and a number to tell the threads apart. Current releases do not
+ * export these names any more, and nothing is done for them. */
+static pthread_mutex_t* lent_locks = nullptr;
+
+static void use_lent_lock(int mode, int n, const char*, int) {
+    if ((mode & CRYPTO_LOCK) != 0) {
+        pthread_mutex_lock(&lent_locks[n]);
+    } else {
+        pthread_mutex_unlock(&lent_locks[n]);
+    }
+}
+
+static unsigned long thread_number() {
+    return pthread_self();
+}
+
+static void lend_locks() {
+    int (*num_locks)() = nullptr;
+    void (*set_locking_callback)(void (*)(int, int, const char*, int)) = nullptr;
+    void (*set_id_callback)(unsigned long (*)()) = nullptr;
+    const dynlib_symbol symbols[] = {
+        {"CRYPTO_num_locks", reinterpret_cast<void**>(&num_locks), nullptr},
+        {"CRYPTO_set_locking_callback", reinterpret_cast<void**>(&set_locking_callback), nullptr},
+        {"CRYPTO_set_id_callback", reinterpret_cast<void**>(&set_id_callback), nullptr},
+    };
+    if (lent_locks != nullptr || !dynlib_bind(libssl_handle, symbols, std::size(symbols))) {
+        return;
+    }
+    size_t count = static_cast<size_t>(num_locks());
+    lent_locks = static_cast<pthread_mutex_t*>(calloc(count, sizeof(pthread_mutex_t)));
+    for (size_t i = 0; lent_locks != nullptr && i < count; i++) {
+        pthread_mutex_init(&lent_locks[i], nullptr);
+    }
+    if (lent_locks != nullptr) {
+        set_id_callback(thread_number);
+        set_locking_callback(use_lent_lock);
+    }
+}
+
+int init_ssl_lib() {
+    if (libssl_handle != nullptr) {
+        return 1;
+    }
+    libssl_handle = dynlib_open(LIBSSL_NAMES, std::size(LIBSSL_NAMES));
+    if (libssl_handle == nullptr) {
+        leveledadd2log(0, "SSL: failed on loading %s, %s", LIBSSL_NAMES[0], dynlib_error());
+        return 0;
+    }
+    return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
+}
+
+int init_ssl_variables() {
+    if (!init_ssl_lib()) {
+        return 0;
+    }
+    lend_locks();
+    lib_SSL_load_error_strings();
+    lib_ERR_load_BIO_strings();
+    lib_OPENSSL_add_all_algorithms_noconf();
+    lib_SSL_library_init();
+    isZLIBloaded = init_zlib();
+    return 1;
+}

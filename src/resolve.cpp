@@ -1,0 +1,121 @@
+#include "resolve.h"
+
+#include "guards.h"
+
+#include <csignal>
+#include <cstring>
+#include <new>
+#include <utility>
+
+static const size_t RESOLVER_STACK = 256 * 1024;
+
+namespace {
+
+/* One name on its way, owned by the caller and the resolver thread until both have let go. */
+struct lookup {
+    heap_text host, port; /* with hints the order: written before the thread starts */
+    addrinfo hints;
+
+    mutex guard;
+    condition answered;
+    int owners GUARDED_BY(guard) = 1;
+    bool done GUARDED_BY(guard) = false;
+    int code GUARDED_BY(guard) = 0;
+    addrinfo* list GUARDED_BY(guard) = nullptr; /* until the caller takes it */
+};
+
+struct let_go {
+    void operator()(lookup* l) const NO_THREAD_SAFETY_ANALYSIS {
+        pthread_mutex_lock(&l->guard.handle);
+        int left = --l->owners;
+        pthread_mutex_unlock(&l->guard.handle);
+        if (left > 0) {
+            return;
+        }
+        if (l->list != nullptr) {
+            freeaddrinfo(l->list);
+        }
+        delete l;
+    }
+};
+using lookup_share = std::unique_ptr<lookup, let_go>;
+
+} // namespace
+
+static void* resolver_thread(void* arg) {
+    lookup_share l(static_cast<lookup*>(arg));
+    pthread_setname_np(pthread_self(), "resolver");
+    addrinfo* list = nullptr;
+    int code = getaddrinfo(l->host.get(), l->port.get(), &l->hints, &list);
+    lock hold(l->guard);
+    l->done = true;
+    l->code = code;
+    l->list = code == 0 ? list : nullptr;
+    pthread_cond_signal(&l->answered.handle);
+    return nullptr;
+}
+
+/* Gives a second share of `l` to a new resolver thread. Returns 1, or 0 when there is none. */
+static int start_resolver(lookup* l) {
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) {
+        return 0;
+    }
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_attr_setstacksize(&attr, RESOLVER_STACK);
+    {
+        lock hold(l->guard);
+        l->owners++;
+    }
+    /* The new thread inherits the mask: no signal ever meets it unblocked. */
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t id;
+    int failed = pthread_create(&id, &attr, resolver_thread, l);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attr);
+    if (failed) {
+        lock hold(l->guard);
+        l->owners--;
+        return 0;
+    }
+    return 1;
+}
+
+static heap_text copy_text(const char* text) {
+    return heap_text(text != nullptr ? strdup(text) : nullptr);
+}
+
+static int resolve_name(const char* host, const char* port, const addrinfo* hints,
+                        addrinfo** list) {
+    lookup_share l(new (std::nothrow) lookup);
+    if (!l) {
+        return EAI_MEMORY;
+    }
+    l->host = copy_text(host);
+    l->port = copy_text(port);
+    l->hints = *hints;
+    if ((host != nullptr && !l->host) || (port != nullptr && !l->port)) {
+        return EAI_MEMORY;
+    }
+    if (!start_resolver(l.get())) {
+        return getaddrinfo(host, port, hints, list);
+    }
+    lock hold(l->guard);
+    while (!l->done) {
+        cancel_on may_end;
+        pthread_cond_wait(&l->answered.handle, &l->guard.handle);
+    }
+    if (l->code == 0) {
+        *list = std::exchange(l->list, nullptr);
+    }
+    return l->code;
+}
+
+int resolve_host(const char* host, const char* port, const addrinfo* hints, addrinfo** list) {
+    addrinfo numeric = *hints;
+    numeric.ai_flags |= AI_NUMERICHOST | AI_NUMERICSERV;
+    int code = getaddrinfo(host, port, &numeric, list);
+    return code == EAI_NONAME ? resolve_name(host, port, hints, list) : code;
+}

@@ -1,0 +1,63 @@
+#include "shell_command.h"
+
+#include "guards.h"
+
+#include <csignal>
+#include <spawn.h>
+#include <sys/wait.h>
+
+extern char** environ;
+
+pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
+    posix_spawnattr_t attributes;
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_init(&attributes);
+    posix_spawn_file_actions_init(&actions);
+
+    sigset_t signals;
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes, &signals);
+    sigaddset(&signals, SIGHUP);
+    sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGSEGV);
+    posix_spawnattr_setsigdefault(&attributes, &signals);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                              POSIX_SPAWN_SETPGROUP);
+    if (stdout_fd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, stdout_fd, STDOUT_FILENO);
+    }
+
+    char name[] = "sh";
+    char options[] = "-f";
+    char dash_c[] = "-c";
+    char* line = const_cast<char*>(command_line);
+    char* arguments[] = {name, literal_words ? options : dash_c, literal_words ? dash_c : line,
+                         literal_words ? line : nullptr, nullptr};
+    pid_t pid = -1;
+    int error = posix_spawn(&pid, "/bin/sh", &actions, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return pid;
+}
+
+int wait_command(pid_t pid) {
+    int status = -1;
+    for (;;) {
+        pid_t reaped;
+        {
+            cancel_on may_end;
+            reaped = waitpid(pid, &status, 0);
+        }
+        if (reaped == pid) {
+            return status;
+        }
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+}

@@ -1,0 +1,165 @@
+#include "vindral_poll.h"
+
+#include "sslutiles_poll.h"
+#include "vindral_checkers.h"
+#include "vindral_commands.h"
+
+#include <cstdlib>
+
+int isAuthorized = 0;
+mutex cache_mutex;
+bdata* data_cache = nullptr;
+bdata* data_cache_copy = nullptr;
+
+static const int PAUSE_AFTER_LOGIN_S = 1;
+
+enum poll_result {
+    REFUSED = 0,
+    SUCCESS = 1,
+    NO_CONNECTION = 2,
+    LOGIN_AGAIN = 3,
+    INTERNAL_ERROR = 4
+};
+
+/* The disk checker's store and the custom-monitor client, in an agent that has them. */
+__attribute__((weak)) int get_disk_test_results(test_result*** results, int* res_count);
+__attribute__((weak)) int send_data(test_result** results, int res_count);
+
+void collect_results() {
+    for (size_t i = 0; i < result_source_count; i++) {
+        char* buffer = nullptr;
+        int size = 0;
+        if (!result_sources[i].take(&buffer, &size)) {
+            continue;
+        }
+        heap_text results(buffer);
+        leveledadd2log(3, "INFO: collect_result::%s data size: %d", result_sources[i].name, size);
+        if (size > 0) {
+            add_to_cache(results.get(), static_cast<size_t>(size));
+        }
+    }
+}
+
+void add_to_cache(char* buff, size_t buff_len) {
+    if (buff == nullptr || buff_len == 0) {
+        return;
+    }
+    lock hold(cache_mutex);
+    bdata_append(&data_cache, buff, buff_len);
+}
+
+const bdata* get_cache_copy() {
+    lock hold(cache_mutex);
+    if (data_cache != nullptr && data_cache->data_size > 0) {
+        bdata_append(&data_cache_copy, data_cache->data_buffer, data_cache->data_size);
+        bdata_free(&data_cache);
+    }
+    return data_cache_copy;
+}
+
+void free_cache_copy() {
+    bdata_free(&data_cache_copy);
+}
+
+/* The block to send: the pending one, or what the checkers have now; null when there is nothing. */
+static const bdata* block_to_send() {
+    if (data_cache_copy != nullptr) {
+        return data_cache_copy;
+    }
+    leveledadd2log(2, "INFO: Collecting results...");
+    collect_results();
+    const bdata* block = get_cache_copy();
+    if (block == nullptr) {
+        leveledadd2log(2, "INFO: data cache is empty");
+    } else {
+        leveledadd2log(2, "INFO: data cache size: %d", static_cast<int>(block->data_size));
+    }
+    return block;
+}
+
+/* Acts on the outcome of a poll. Returns the seconds to wait before the next. */
+static int act_on(int result, char* reply, size_t reply_length, int interval_s) {
+    switch (result) {
+    case REFUSED:
+        leveledadd2log(-1, "Authorization failed, Vindral Smart Agent will be terminated.");
+        isAuthorized = 0;
+        set_poll_interval(-1);
+        break;
+    case SUCCESS:
+        if (reply_length != 0) {
+            parse_data(reply);
+        }
+        if (!isAuthorized) {
+            leveledadd2log(0, "Authorization was successfully completed.");
+            isAuthorized = 1;
+            return PAUSE_AFTER_LOGIN_S;
+        }
+        free_cache_copy();
+        break;
+    case NO_CONNECTION:
+        leveledadd2log(-1, "Unable to establish connection to the server.");
+        break;
+    case LOGIN_AGAIN:
+        leveledadd2log(-1, "Reauthorization is required.");
+        isAuthorized = 0;
+        return PAUSE_AFTER_LOGIN_S;
+    case INTERNAL_ERROR:
+        leveledadd2log(
+            -1, "There is an internal error occurred, while trying to connect to the server.");
+        break;
+    default:
+        break;
+    }
+    return interval_s;
+}
+
+static void wait_for_next_poll(int seconds) {
+    lock hold(poll_cond_mutex);
+    cancel_on may_end;
+    /* A negative interval other than -1 means no wait, but must not become a flood of polls. */
+    condition_wait_until(poll_cond, poll_cond_mutex, deadline_in(seconds < 0 ? 1 : seconds));
+}
+
+void* main_worker_thread(void*) {
+    cancel_off except_in_waits;
+    int interval_s = get_poll_interval();
+    while (interval_s != -1) {
+        const bdata* block = isAuthorized ? block_to_send() : nullptr;
+        char* text = nullptr;
+        size_t length = 0;
+        int result = make_poll(block != nullptr ? block->data_buffer : nullptr,
+                               block != nullptr ? block->data_size : 0, &text, &length);
+        heap_text reply(text);
+        leveledadd2log(5, "INFO: main_worker_thread::make_poll result: %d", result);
+        int wait_s = act_on(result, reply.get(), length, interval_s);
+        reply.reset();
+        wait_for_next_poll(wait_s);
+        interval_s = get_poll_interval();
+    }
+    return nullptr;
+}
+
+void send_results() {
+    leveledadd2log(4, "INFO: starting send_results.");
+    test_result** results = nullptr;
+    int count = 0;
+    if (get_disk_test_results != nullptr && get_disk_test_results(&results, &count)) {
+        leveledadd2log(3, "INFO: send_results::get_disk_test_results count: %d", count);
+    }
+    if (results != nullptr && count > 0) {
+        int sent = send_data != nullptr ? send_data(results, count) : 0;
+        leveledadd2log(1, "INFO: send_results returned %d", sent);
+        free_results(results, count);
+    }
+    leveledadd2log(4, "INFO: send_results finished.");
+}
+
+void free_results(test_result** results, int res_count) {
+    for (int i = 0; i < res_count; i++) {
+        if (results[i] != nullptr) {
+            free(results[i]->test_data);
+            free(results[i]);
+        }
+    }
+    free(results);
+}

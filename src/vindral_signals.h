@@ -1,0 +1,29 @@
+/* What the agent does on signals.
+ *
+ * SIGHUP ends it in order: the main worker thread is cancelled and main shuts down. The signal must
+ * be blocked on every thread and let through only where main waits for that thread and holds no
+ * lock; only so may the handler log.
+ *
+ * SIGSEGV writes a backtrace to the log and ends the process with status 0, on whatever thread and
+ * with whatever lock held it comes. When that gets stuck, as it must for a crash inside malloc, an
+ * alarm ends the process after CRASH_TIME_S seconds instead.
+ *
+ * SIGPIPE is ignored: a peer that hangs up is an error of the write. */
+#ifndef VINDRAL_SIGNALS_H
+#define VINDRAL_SIGNALS_H
+
+#include <pthread.h>
+
+/* The thread that SIGHUP cancels; 0 = none. Set by main once it runs, 0 again once it is joined. */
+extern pthread_t main_worker_thread_handle;
+
+inline constexpr unsigned CRASH_TIME_S = 3;
+
+/* Installs the handlers, SIGSEGV's first. Returns 1, or 0 after logging which one was refused.
+ * Once, from main, before other threads may crash: it also loads what a backtrace needs. */
+int install_signal_handlers();
+
+/* The handler for SIGHUP and SIGSEGV; any other number is only logged. */
+void catch_all_signals(int n);
+
+#endif

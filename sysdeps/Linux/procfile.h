@@ -1,0 +1,17 @@
+/* One way to read a kernel file. */
+#ifndef VINDRAL_PROCFILE_H
+#define VINDRAL_PROCFILE_H
+
+#include "guards.h"
+
+#include <cstddef>
+
+/* Where kernel files are looked up: "/proc", unless a test points it elsewhere. */
+extern const char* proc_root;
+
+/* Reads `name` under proc_root ("loadavg") in one read of at most `limit` bytes, which is how the
+ * kernel gives a consistent picture. Returns NUL-terminated text, or null when the file cannot be
+ * opened or holds nothing. */
+heap_text read_proc_file(const char* name, size_t limit);
+
+#endif

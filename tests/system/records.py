@@ -1,0 +1,64 @@
+"""Reads result records; shares no code with what writes them or with the collector.
+
+A record: eight little-endian 32-bit words (size in bytes; counts of I32, UI32, I64, UI64, D64 values,
+strings and nested records), then the values in this order, nothing padded, strings ending in a NUL.
+"""
+
+import collections
+import struct
+
+Record = collections.namedtuple("Record", "raw i32 ui32 i64 ui64 d64 strings nested")
+
+LOAD_AVERAGE = 66
+
+Load = collections.namedtuple("Load", "test location time values message status")
+
+
+def decode(block):
+    """The records of a block. Raises ValueError when the bytes are no run of records."""
+    found = []
+    at = 0
+    while at < len(block):
+        found.append(_record(block, at))
+        at += len(found[-1].raw)
+    return found
+
+
+def _record(block, start):
+    if len(block) - start < 32:
+        raise ValueError("%d bytes are no record" % (len(block) - start))
+    size, *counts, n_strings, n_nested = struct.unpack_from("<8I", block, start)
+    raw = bytes(block[start:start + size])
+    if size < 32 or len(raw) != size:
+        raise ValueError("a record of %d bytes in a block of %d" % (size, len(block)))
+    at = 32
+    values = []
+    for kind, count in zip("iIqQd", counts):
+        layout = "<%d%s" % (count, kind)
+        values.append(list(struct.unpack_from(layout, raw, at)))
+        at += struct.calcsize(layout)
+    strings = []
+    for _ in range(n_strings):
+        end = raw.index(b"\0", at)
+        strings.append(raw[at:end].decode())
+        at = end + 1
+    nested = []
+    for _ in range(n_nested):
+        nested.append(_record(raw, at))
+        at += len(nested[-1].raw)
+    if at != size:
+        raise ValueError("%d bytes left over in a record of %d" % (size - at, size))
+    return Record(raw, *values, strings, nested)
+
+
+def load_averages(block):
+    """The load-average records of a block, which must hold no others."""
+    return [as_load(record) for record in decode(block)]
+
+
+def as_load(record):
+    counts = [len(part) for part in record[1:]]
+    if counts != [0, 4, 1, 0, 3, 1, 0] or record.ui32[0] != LOAD_AVERAGE:
+        raise ValueError("not a load-average record: %r" % (record,))
+    return Load(record.ui32[1], record.ui32[2], record.i64[0], tuple(record.d64),
+                record.strings[0], record.ui32[3])

@@ -1,0 +1,424 @@
+/* Load average checker: limits, messages, bytes of the record, remote query, lifecycle. */
+#include "monloadaverage.cpp"
+
+#include "fake_core.h"
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+static std::atomic<int> wake_ups{0};
+void send_pending_data() {
+    wake_ups++;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct lda_record {
+    uint32_t type, test, location, status;
+    int64_t time;
+    double la[3];
+    std::string message;
+};
+
+/* Reads type 66 from its fixed places: header of 32 bytes, 4 UI32, 1 I64, 3 D64, the message. */
+lda_record read_record(const char* bytes, size_t size) {
+    uint32_t header[8];
+    memcpy(header, bytes, sizeof header);
+    const uint32_t expected[8] = {static_cast<uint32_t>(size), 0, 4, 1, 0, 3, 1, 0};
+    for (int i = 0; i < 8; i++) {
+        EXPECT_EQ(expected[i], header[i]) << "header word " << i;
+    }
+    lda_record r;
+    memcpy(&r.type, bytes + 32, 4);
+    memcpy(&r.test, bytes + 36, 4);
+    memcpy(&r.location, bytes + 40, 4);
+    memcpy(&r.status, bytes + 44, 4);
+    memcpy(&r.time, bytes + 48, 8);
+    memcpy(r.la, bytes + 56, 24);
+    r.message.assign(bytes + 80, size - 81);
+    EXPECT_EQ('\0', bytes[size - 1]);
+    return r;
+}
+
+std::vector<lda_record> take_records() {
+    char* data = nullptr;
+    int size = 0;
+    std::vector<lda_record> records;
+    if (!get_lda_results(&data, &size)) {
+        return records;
+    }
+    for (int at = 0; at < size;) {
+        uint32_t length;
+        memcpy(&length, data + at, 4);
+        records.push_back(read_record(data + at, length));
+        at += static_cast<int>(length);
+    }
+    free(data);
+    return records;
+}
+
+const char WITHIN[] = "Load Average values are within acceptable limits\n";
+
+class LoadAverage : public testing::Test {
+protected:
+    fs::path place = fs::path(testing::TempDir()) / ("monloadaverage." + std::to_string(getpid()));
+    std::string root = place.string();
+
+    void SetUp() override {
+        fs::create_directories(place / "bin");
+        proc_root = root.c_str();
+        loadavg("0.50 1.25 2.00 1/234 5678\n");
+        wake_ups = 0;
+        take_log();
+    }
+    void TearDown() override {
+        for (int id = 1; id < 10; id++) {
+            rem_lda(id);
+        }
+        take_records();
+        proc_root = "/proc";
+        fs::remove_all(place);
+    }
+    void loadavg(const std::string& text) { std::ofstream(place / "loadavg") << text; }
+
+    /* The record of the one test after one pass. */
+    lda_record check() {
+        do_lda_check();
+        std::vector<lda_record> records = take_records();
+        EXPECT_EQ(1u, records.size());
+        return records.empty() ? lda_record{} : records[0];
+    }
+
+    /* Puts a snmpget first on PATH that writes its arguments down and prints this. */
+    void snmpget(const std::string& output) {
+        std::ofstream(place / "bin" / "snmpget")
+            << "#!/bin/sh\necho \"$@\" >> " << root << "/asked\ncat << 'END'\n"
+            << output << "END\n";
+        fs::permissions(place / "bin" / "snmpget", fs::perms::owner_all);
+        static const std::string path = getenv("PATH");
+        setenv("PATH", (root + "/bin:" + path).c_str(), 1);
+    }
+    std::string asked() {
+        std::ifstream in(place / "asked");
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+};
+
+} // namespace
+
+TEST_F(LoadAverage, WithinLimits) {
+    char none[] = "";
+    add_lda(1, 9, 1, 2, 3, none);
+    time_t before = time(nullptr);
+    lda_record r = check();
+    EXPECT_EQ(66u, r.type);
+    EXPECT_EQ(1u, r.test);
+    EXPECT_EQ(9u, r.location);
+    EXPECT_EQ(0u, r.status);
+    EXPECT_LE(before, r.time);
+    EXPECT_GE(time(nullptr), r.time);
+    EXPECT_EQ(0.50, r.la[0]);
+    EXPECT_EQ(1.25, r.la[1]);
+    EXPECT_EQ(2.00, r.la[2]);
+    EXPECT_EQ(WITHIN, r.message);
+}
+
+TEST_F(LoadAverage, EqualToTheMaximumCountsAsExceeded) {
+    loadavg("2.00 0.00 0.00 1/1 1\n");
+    add_lda(1, 1, 2, -1, -1, nullptr);
+    lda_record r = check();
+    EXPECT_EQ(2u, r.status);
+    EXPECT_EQ("Load Average 1 min value: 2.00 / Max value: 2\n", r.message);
+    loadavg("1.99 0.00 0.00 1/1 1\n");
+    EXPECT_EQ(0u, check().status);
+}
+
+TEST_F(LoadAverage, OnlyTheLimitThatIsReachedIsNamed) {
+    loadavg("9.00 3.50 9.00 1/1 1\n");
+    add_lda(1, 1, -1, 1, -1, nullptr);
+    lda_record r = check();
+    EXPECT_EQ(2u, r.status);
+    EXPECT_EQ("Load Average 5 min value: 3.50 / Max value: 1\n", r.message);
+}
+
+TEST_F(LoadAverage, AllThreeInTheOrderOfTheMinutes) {
+    loadavg("3.125 4.5 5.999 1/1 1\n");
+    add_lda(1, 1, 1, 2, 3, nullptr);
+    EXPECT_EQ("Load Average 1 min value: 3.12 / Max value: 1\n"
+              "Load Average 5 min value: 4.50 / Max value: 2\n"
+              "Load Average 15 min value: 6.00 / Max value: 3\n",
+              check().message);
+}
+
+TEST_F(LoadAverage, AllDisabledIsAlwaysWithin) {
+    loadavg("99 99 99\n");
+    add_lda(1, 1, -1, -1, -1, nullptr);
+    lda_record r = check();
+    EXPECT_EQ(0u, r.status);
+    EXPECT_EQ(WITHIN, r.message);
+}
+
+TEST_F(LoadAverage, ZeroIsAMaximumLikeAnyOther) {
+    loadavg("0.00 0.00 0.00 1/1 1\n");
+    add_lda(1, 1, 0, -1, -1, nullptr);
+    EXPECT_EQ(2u, check().status);
+}
+
+TEST_F(LoadAverage, ATextThatIsNoNumberGivesZeros) {
+    add_lda(1, 1, 1, 1, 1, nullptr);
+    loadavg("garbage\n");
+    lda_record r = check();
+    EXPECT_EQ(0.0, r.la[0]);
+    EXPECT_EQ(0.0, r.la[2]);
+    loadavg("1.5 x 3\n");
+    r = check();
+    EXPECT_EQ(1.5, r.la[0]);
+    EXPECT_EQ(0.0, r.la[1]);
+    EXPECT_EQ(0.0, r.la[2]);
+}
+
+TEST_F(LoadAverage, HugeNumbersFitTheMessage) {
+    loadavg("1e308 1e308 -1e308\n");
+    add_lda(1, 1, 2147483647, 1, 1, nullptr);
+    lda_record r = check();
+    EXPECT_EQ(2u, r.status);
+    EXPECT_GT(r.message.size(), 600u);
+}
+
+TEST_F(LoadAverage, WithoutTheFileThereIsNoRecordNotEvenARemoteOne) {
+    char host[] = "127.0.0.1";
+    add_lda(1, 1, 1, 1, 1, nullptr);
+    add_lda(2, 1, 1, 1, 1, host);
+    snmpget("");
+    loadavg("");
+    do_lda_check();
+    EXPECT_TRUE(take_records().empty());
+    fs::remove(place / "loadavg");
+    do_lda_check();
+    EXPECT_TRUE(take_records().empty());
+    EXPECT_EQ("", asked());
+    EXPECT_EQ(0, wake_ups);
+    loadavg("1 1 1\n");
+    do_lda_check();
+    EXPECT_EQ(2u, take_records().size());
+    EXPECT_EQ(1, wake_ups); /* the tests were still new */
+}
+
+TEST_F(LoadAverage, RemoteValues) {
+    char host[] = "10.1.2.3:161";
+    snmpget("UCD-SNMP-MIB::laLoad.1 = STRING: 0.50\nUCD-SNMP-MIB::laLoad.2 = STRING: 1.75\n"
+            "UCD-SNMP-MIB::laLoad.3 = STRING: 12.00\n");
+    add_lda(1, 1, 1, 1, 20, host);
+    lda_record r = check();
+    EXPECT_EQ(2u, r.status);
+    EXPECT_EQ(0.50, r.la[0]);
+    EXPECT_EQ(1.75, r.la[1]);
+    EXPECT_EQ(12.00, r.la[2]);
+    EXPECT_EQ("Load Average 5 min value: 1.75 / Max value: 1\n", r.message);
+    EXPECT_EQ("-v 1 -t 1 -c public 10.1.2.3:161 1.3.6.1.4.1.2021.10.1.3.1 "
+              "1.3.6.1.4.1.2021.10.1.3.2 1.3.6.1.4.1.2021.10.1.3.3\n",
+              asked());
+}
+
+TEST_F(LoadAverage, RemoteValuesInQuotes) {
+    char host[] = "h";
+    snmpget("iso.3.6.1.4.1.2021.10.1.3.1 = STRING: \"0.50\"\niso.2 = STRING: \"1.75\"\n"
+            "iso.3 = STRING: \"2.25\"\n");
+    add_lda(1, 1, -1, -1, -1, host);
+    lda_record r = check();
+    EXPECT_EQ(0.50, r.la[0]);
+    EXPECT_EQ(1.75, r.la[1]);
+    EXPECT_EQ(2.25, r.la[2]);
+}
+
+TEST_F(LoadAverage, RemoteFailures) {
+    char host[] = "h";
+    add_lda(1, 1, 1, 1, 1, host);
+    for (const char* output :
+         {"", "a = STRING: 1\nb = STRING: 2\n", "a = STRING: 1\nb = INTEGER: 2\nc = STRING: 3\n",
+          "a = INTEGER: 1\nb = STRING: 1\nc = STRING: 2\nd = STRING: 3\n", "no equals sign\n",
+          "a = STRING: 1\n\n=\n"}) {
+        snmpget(output);
+        lda_record r = check();
+        EXPECT_EQ(10u, r.status) << output;
+        EXPECT_EQ("Remote load average test failed\n", r.message);
+        for (double la : r.la) {
+            EXPECT_EQ(-1.0, la);
+        }
+    }
+}
+
+TEST_F(LoadAverage, LinesBeyondTheThirdAreNotLookedAt) {
+    char host[] = "h";
+    snmpget("a = STRING: 1\nb = STRING: 2\nc = STRING: 3\nd = INTEGER: 4\n");
+    add_lda(1, 1, -1, -1, -1, host);
+    EXPECT_EQ(0u, check().status);
+}
+
+TEST_F(LoadAverage, AnUnsafeHostStartsNothingAndFails) {
+    char host[] = "h;touch /tmp/x";
+    snmpget("a = STRING: 1\nb = STRING: 2\nc = STRING: 3\n");
+    add_lda(1, 1, -1, -1, -1, host);
+    EXPECT_EQ(10u, check().status);
+    EXPECT_EQ("", asked());
+}
+
+TEST_F(LoadAverage, TwoTestsOfOneHostAskTwice) {
+    char host[] = "h";
+    snmpget("a = STRING: 1\nb = STRING: 2\nc = STRING: 3\n");
+    add_lda(1, 1, -1, -1, -1, host);
+    add_lda(2, 1, -1, -1, -1, host);
+    do_lda_check();
+    EXPECT_EQ(2u, take_records().size());
+    std::string all = asked();
+    EXPECT_EQ(2, std::count(all.begin(), all.end(), '\n'));
+}
+
+TEST_F(LoadAverage, RemoteParametersAreTheCallers) {
+    snmpget("a = STRING: 1\nb = STRING: 2\nc = STRING: 3\n");
+    double* la = nullptr;
+    ASSERT_EQ(1, get_remote_la_params("h", &la));
+    EXPECT_EQ(3.0, la[2]);
+    free(la);
+    la = nullptr;
+    EXPECT_EQ(0, get_remote_la_params("-h", &la));
+    EXPECT_EQ(nullptr, la);
+}
+
+TEST_F(LoadAverage, AddLogsAndKeepsTheFirst) {
+    add_lda(1, 2, 3, 4, 5, nullptr);
+    EXPECT_EQ("5 INFO: add_lda. Added test. tid:1, lid:2, la1:3, la5:4, la15:5\n", take_log_text());
+    char host[] = "h";
+    add_lda(1, 7, 8, 9, 10, host);
+    add_lda(0, 7, 8, 9, 10, nullptr);
+    EXPECT_EQ("", take_log_text());
+    EXPECT_EQ(2u, check().location);
+}
+
+TEST_F(LoadAverage, ModifyReplacesEverythingTheHostIncluded) {
+    char host[] = "h";
+    snmpget("");
+    modify_lda(1, 1, 1, 1, 1, nullptr);
+    add_lda(1, 2, 1, 1, 1, host);
+    EXPECT_EQ(10u, check().status);
+    take_log();
+    char none[] = "";
+    modify_lda(1, 5, 6, 7, 8, none); /* an empty host makes it a test of this machine */
+    EXPECT_EQ("5 INFO: modify_lda. Modified test. tid:1, lid:5, la1:6, la5:7, la15:8\n",
+              take_log_text());
+    lda_record r = check();
+    EXPECT_EQ(0u, r.status);
+    EXPECT_EQ(5u, r.location);
+    modify_lda(1, 5, 6, 7, 8, host);
+    EXPECT_EQ(10u, check().status);
+    take_log();
+    modify_lda(0, 1, 1, 1, 1, nullptr);
+    modify_lda(9, 1, 1, 1, 1, nullptr);
+    EXPECT_EQ("", take_log_text());
+}
+
+TEST_F(LoadAverage, RemoveKeepsTheOrderAndWhatWasMeasured) {
+    for (int id : {3, 1, 2}) {
+        add_lda(id, 0, 1, 1, 1, nullptr);
+    }
+    do_lda_check();
+    take_log();
+    rem_lda(1);
+    EXPECT_EQ("5 INFO: rem_lda. Removed test. tid:1\n", take_log_text());
+    rem_lda(1);
+    rem_lda(0);
+    EXPECT_EQ("", take_log_text());
+    EXPECT_EQ(3u, take_records().size()); /* results already there are still delivered */
+    do_lda_check();
+    std::vector<lda_record> records = take_records();
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ(3u, records[0].test);
+    EXPECT_EQ(2u, records[1].test);
+    rem_lda(3);
+    rem_lda(2);
+    do_lda_check();
+    EXPECT_TRUE(take_records().empty());
+}
+
+TEST_F(LoadAverage, OnlyAPassWithANewOrChangedTestWakesThePollLoop) {
+    add_lda(1, 0, 1, 1, 1, nullptr);
+    do_lda_check();
+    EXPECT_EQ(1, wake_ups);
+    do_lda_check();
+    EXPECT_EQ(1, wake_ups);
+    modify_lda(1, 0, 1, 1, 1, nullptr);
+    do_lda_check();
+    EXPECT_EQ(2, wake_ups);
+    rem_lda(1);
+    do_lda_check();
+    EXPECT_EQ(2, wake_ups);
+}
+
+TEST_F(LoadAverage, CollectingNothingTouchesNothing) {
+    char* data = root.data();
+    int size = 5;
+    EXPECT_EQ(0, get_lda_results(&data, &size));
+    EXPECT_EQ(root.data(), data);
+    EXPECT_EQ(5, size);
+    char bytes[] = "ab";
+    add_lda_result(bytes, 0);
+    add_lda_result(bytes, 2);
+    ASSERT_EQ(1, get_lda_results(&data, &size));
+    EXPECT_EQ("ab", std::string(data, static_cast<size_t>(size)));
+    free(data);
+}
+
+/* The one test with the real worker, last because a stopped checker stays stopped. */
+TEST_F(LoadAverage, ZLifecycle) {
+    EXPECT_EQ(31536000, get_lda_check_interval());
+    ASSERT_EQ(1, init_lda_mon());
+    auto wait_for = [](int passes_with_news) {
+        for (int i = 0; i < 5000 && wake_ups < passes_with_news; i++) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return wake_ups >= passes_with_news;
+    };
+    add_lda(1, 0, 1, 1, 1, nullptr);
+    for (int i = 0; i < 100 && wake_ups == 0; i++) { /* the first signal may come before the wait */
+        set_lda_check_interval(1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(wait_for(1));
+    EXPECT_EQ(1000, get_lda_check_interval());
+    add_lda(2, 0, 1, 1, 1, nullptr);
+    EXPECT_TRUE(wait_for(2));
+
+    /* Adds, changes, removes and collections from other threads while passes run. */
+    set_lda_check_interval(1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; t++) {
+        threads.emplace_back([t] {
+            char host[] = "-refused";
+            for (int i = 0; i < 200; i++) {
+                int id = 3 + (i + t) % 5;
+                add_lda(id, i, 1, 1, 1, i % 7 == 0 ? host : nullptr);
+                modify_lda(id, i, 2, 2, 2, nullptr);
+                set_lda_check_interval(1 + i % 3);
+                rem_lda(id);
+                char* data = nullptr;
+                int size = 0;
+                if (get_lda_results(&data, &size)) {
+                    free(data);
+                }
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    shutdown_lda_checker();
+    EXPECT_EQ(-1, get_lda_check_interval());
+    set_lda_check_interval(5); /* nothing restarts it, nothing breaks */
+}

@@ -1,0 +1,733 @@
+#include "fake_core.h"
+#include "tls_peer.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <poll.h>
+#include <semaphore>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <vector>
+#include <zlib.h>
+
+/* The exchange with the layers below it in one piece, so that the tests see its waits: a wait that
+ * does not end at once is announced before it begins. */
+static std::counting_semaphore<> blocked(0);
+
+static int test_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+    int ready = poll(fds, count, 0);
+    if (ready != 0) {
+        return ready;
+    }
+    blocked.release();
+    return ppoll(fds, count, timeout, mask);
+}
+
+/* "slow.name" is answered when the test says so, every other name with an address nobody is at. */
+static std::counting_semaphore<> may_answer(0);
+
+static int test_getaddrinfo(const char* host, const char* port, const addrinfo* hints,
+                            addrinfo** list) {
+    if (strcmp(host, "slow.name") != 0 || (hints->ai_flags & AI_NUMERICHOST)) {
+        return getaddrinfo(host, port, hints, list);
+    }
+    blocked.release();
+    may_answer.acquire();
+    return getaddrinfo("127.0.0.1", port, hints, list);
+}
+
+#define ppoll test_ppoll
+#define getaddrinfo test_getaddrinfo
+#include "resolve.cpp"
+#include "sslutiles.cpp"
+#include "sslutiles_poll.cpp"
+#undef ppoll
+#undef getaddrinfo
+
+using namespace std::string_literals;
+
+class process_set_up : public testing::Environment {
+    void SetUp() override {
+        signal(SIGPIPE, SIG_IGN);
+        ASSERT_EQ(1, init_ssl_variables());
+        ASSERT_EQ(1, isZLIBloaded);
+        take_log();
+    }
+};
+static testing::Environment* const set_up = testing::AddGlobalTestEnvironment(new process_set_up);
+
+static bool await(const std::function<bool()>& condition) {
+    for (int i = 0; i < 30000 && !condition(); i++) {
+        usleep(1000);
+    }
+    return condition();
+}
+
+struct outcome {
+    int code;
+    std::string body; /* "-" for none */
+    size_t size;
+};
+
+static char email[] = "someone@example.com", name[] = "the agent", host[] = "127.0.0.1",
+            path[] = "/the/path";
+
+/* Every test ends with as many descriptors as it began with. */
+class poll_exchange : public testing::Test {
+protected:
+    void SetUp() override {
+        descriptors_ = count_descriptors();
+        user_email = email;
+        agent_name = name;
+        alt_server = host;
+        alt_url = path;
+        log_out();
+        take_log();
+    }
+    void TearDown() override {
+        log_out();
+        user_email = agent_name = alt_server = alt_port = alt_url = alt_version = nullptr;
+        isZLIBloaded = 1;
+        lib_compress2 = compress2_;
+        lib_adler32 = adler32_;
+        lib_SSL_CTX_new = ctx_new_;
+        lib_SSL_new = new_;
+        lib_SSL_write = write_;
+        lib_SSL_shutdown = shutdown_;
+        lib_SSL_free = free_;
+        lib_SSL_CTX_free = ctx_free_;
+        EXPECT_EQ(descriptors_, count_descriptors());
+    }
+
+    static void log_in_as(const char* id) {
+        free(szSessionID);
+        szSessionID = strdup(id);
+    }
+    static void log_out() {
+        free(szSessionID);
+        szSessionID = nullptr;
+    }
+    static std::string session() { return szSessionID != nullptr ? szSessionID : "-"; }
+
+    static outcome poll_server(const char* port, const std::string& data = "") {
+        std::string copy = port;
+        alt_port = copy.data();
+        char* text = const_cast<char*>("untouched");
+        size_t size = 4711;
+        int code = make_poll(data.empty() ? nullptr : data.data(), data.size(), &text, &size);
+        alt_port = nullptr;
+        outcome all = {code, text != nullptr ? text : "-", size};
+        free(text);
+        return all;
+    }
+
+    /* One poll answered with `response`, which says where it ends; the request that the server saw
+     * goes to request_. */
+    outcome answered(const std::string& response, const std::string& data = "") {
+        tls_peer server(tls_peer::tls,
+                        {{peer::take_request(), peer::send(response), peer::take_rest()}});
+        outcome all = poll_server(server.port(), data);
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(1, server.clean_client_ends());
+        request_ = server.request(0);
+        return all;
+    }
+
+    /* The same with a response that ends with the connection. */
+    outcome answered_and_ended(const std::string& response, const std::string& data = "",
+                               peer::step end = peer::end_clean()) {
+        tls_peer server(tls_peer::tls, {{peer::take_request(), peer::send(response), end}});
+        outcome all = poll_server(server.port(), data);
+        EXPECT_TRUE(server.await_end());
+        request_ = server.request(0);
+        return all;
+    }
+
+    std::string request_;
+
+private:
+    int descriptors_ = 0;
+    decltype(lib_compress2) compress2_ = lib_compress2;
+    decltype(lib_adler32) adler32_ = lib_adler32;
+    decltype(lib_SSL_CTX_new) ctx_new_ = lib_SSL_CTX_new;
+    decltype(lib_SSL_new) new_ = lib_SSL_new;
+    decltype(lib_SSL_write) write_ = lib_SSL_write;
+    decltype(lib_SSL_shutdown) shutdown_ = lib_SSL_shutdown;
+    decltype(lib_SSL_free) free_ = lib_SSL_free;
+    decltype(lib_SSL_CTX_free) ctx_free_ = lib_SSL_CTX_free;
+};
+
+#define EXPECT_OUTCOME(want_code, want_body, want_size, actual)                                    \
+    do {                                                                                           \
+        outcome o = actual;                                                                        \
+        EXPECT_EQ(want_code, o.code);                                                              \
+        EXPECT_EQ(want_body, o.body);                                                              \
+        EXPECT_EQ(static_cast<size_t>(want_size), o.size);                                         \
+    } while (0)
+
+static std::string with_body(const std::string& body, const std::string& headers = "") {
+    return "HTTP/1.0 200 OK\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
+static std::string first_answer(const std::string& id, const std::string& body) {
+    return with_body(body, "Vnd-SessionID: " + id + "\r\n");
+}
+
+/* --- who may poll, and where to ----------------------------------------------------------------
+ */
+
+TEST_F(poll_exchange, without_an_account_or_a_name_nothing_is_tried) {
+    static char empty[] = "";
+    for (char* missing : {static_cast<char*>(nullptr), empty}) {
+        user_email = missing;
+        EXPECT_OUTCOME(0, "-", 0, poll_server("1"));
+        user_email = email;
+        agent_name = missing;
+        EXPECT_OUTCOME(0, "-", 0, poll_server("1"));
+        agent_name = name;
+    }
+    EXPECT_EQ("", take_log_text());
+}
+
+TEST_F(poll_exchange, no_connection) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(2, "-", 0, poll_server(closed_port().c_str()));
+    EXPECT_EQ("0 Error in delayed connection() 111 - Connection refused\n"
+              "0 ERROR: make_poll: make_connection() failed\n",
+              take_log_text());
+    EXPECT_EQ("s1", session());
+}
+
+TEST_F(poll_exchange, defaults_of_host_path_and_version) {
+    alt_server = nullptr; /* the default host is this one, by name */
+    alt_url = nullptr;
+    ASSERT_STREQ("localhost", DEFAULT_SERVER);
+    EXPECT_OUTCOME(1, "x", 1, answered(first_answer("s1", "x")));
+    EXPECT_EQ("POST /fcgi-bin/agentgateway HTTP/1.0\r\n"
+              "Content-Type: application/octet-stream\r\nContent-Length: 0\r\n"
+              "Vnd-EMail: someone@example.com\r\nVnd-AName: the agent\r\n"
+              "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n",
+              request_);
+}
+
+/* --- the first poll ----------------------------------------------------------------------------
+ */
+
+TEST_F(poll_exchange, a_first_poll_names_account_and_agent) {
+    static char version[] = "3.1";
+    alt_version = version;
+    EXPECT_OUTCOME(1, "LAA\t1\n", 6, answered(first_answer("id 42", "LAA\t1\n")));
+    EXPECT_EQ("POST /the/path HTTP/1.0\r\n"
+              "Content-Type: application/octet-stream\r\nContent-Length: 0\r\n"
+              "Vnd-EMail: someone@example.com\r\nVnd-AName: the agent\r\n"
+              "Vnd-Platform: linux64\r\nVnd-Version: 3.1\r\n\r\n",
+              request_);
+    EXPECT_EQ("id 42", session());
+}
+
+TEST_F(poll_exchange, a_first_poll_sends_its_data_as_it_is) {
+    std::string data(5000, 'x');
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b"), data));
+    EXPECT_EQ("POST /the/path HTTP/1.0\r\n"
+              "Content-Type: application/octet-stream\r\nContent-Length: 5000\r\n"
+              "Vnd-EMail: someone@example.com\r\nVnd-AName: the agent\r\n"
+              "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n" +
+                  data,
+              request_);
+}
+
+TEST_F(poll_exchange, account_and_agent_go_out_unescaped) {
+    static char odd[] = "a b%20\"\xc3\xa4\r\nX: y";
+    agent_name = odd;
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
+    EXPECT_NE(std::string::npos,
+              request_.find("Vnd-AName: a b%20\"\xc3\xa4\r\nX: y\r\nVnd-Platform: "));
+}
+
+TEST_F(poll_exchange, a_first_poll_without_a_session_id_is_an_internal_error) {
+    EXPECT_OUTCOME(4, "-", 0, answered(with_body("body")));
+    EXPECT_EQ("-", session());
+    EXPECT_OUTCOME(4, "-", 0, answered(with_body("body", "Vnd-SessionID: \r\n")));
+    EXPECT_OUTCOME(4, "-", 0, answered(with_body("body", "vnd-sessionid: s1\r\n")));
+    EXPECT_OUTCOME(4, "-", 0, answered(with_body("\r\nVnd-SessionID: s1\r\n")));
+    EXPECT_OUTCOME(4, "-", 0, answered_and_ended("Vnd-SessionID: s1\r\n"));
+    EXPECT_EQ("-", session());
+}
+
+TEST_F(poll_exchange, a_first_poll_may_get_nothing_at_all) {
+    tls_peer server(tls_peer::tls, {{peer::take_request(), peer::end_clean()}});
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    EXPECT_EQ("-", session());
+}
+
+TEST_F(poll_exchange, a_first_poll_may_be_refused_or_sent_back) {
+    EXPECT_OUTCOME(0, "-", 0, answered(first_answer("666666", "body")));
+    EXPECT_EQ("-", session());
+    EXPECT_OUTCOME(3, "-", 0, answered(first_answer("111111", "body")));
+    EXPECT_EQ("-", session());
+    EXPECT_OUTCOME(1, "body", 4, answered(first_answer("1111111", "body")));
+    EXPECT_EQ("1111111", session());
+}
+
+TEST_F(poll_exchange, the_body_of_a_first_poll_counts_as_well) {
+    EXPECT_OUTCOME(3, "-", 0, answered(first_answer("s1", "111111")));
+    EXPECT_EQ("-", session());
+    EXPECT_OUTCOME(0, "-", 0, answered(first_answer("s1", "666666")));
+    EXPECT_EQ("-", session());
+    EXPECT_OUTCOME(1, "-", 0, answered_and_ended(first_answer("s1", "")));
+    EXPECT_EQ("s1", session());
+}
+
+/* --- later polls -------------------------------------------------------------------------------
+ */
+
+static std::string later_head(const std::string& id, size_t length, size_t compression,
+                              unsigned long checksum) {
+    return "POST /the/path HTTP/1.0\r\nContent-Type: application/octet-stream\r\n"
+           "Content-Length: " +
+           std::to_string(length) + "\r\nVnd-SessionID: " + id +
+           "\r\nVnd-Compression: " + std::to_string(compression) +
+           "\r\nVnd-CheckSum: " + std::to_string(checksum) +
+           "\r\nVnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n";
+}
+
+static unsigned long checksum_of(const std::string& bytes) {
+    return adler32(adler32(0, nullptr, 0), reinterpret_cast<const Bytef*>(bytes.data()),
+                   static_cast<uInt>(bytes.size()));
+}
+
+static std::string results(size_t size) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; i++) {
+        bytes[i] = static_cast<char>(i * i / 7);
+    }
+    return bytes;
+}
+
+TEST_F(poll_exchange, a_later_poll_compresses_and_checksums_its_data) {
+    for (size_t size : {1, 2, 300, 50000}) {
+        log_in_as("s1");
+        std::string data = results(size);
+        EXPECT_OUTCOME(1, "ok", 2, answered(with_body("ok"), data));
+        size_t head = request_.find("\r\n\r\n") + 4;
+        std::string body = request_.substr(head);
+        EXPECT_EQ(later_head("s1", body.size(), size, checksum_of(body)), request_.substr(0, head));
+
+        std::string plain(size + 1, '\0');
+        uLongf plain_size = plain.size();
+        EXPECT_EQ(Z_OK, uncompress(reinterpret_cast<Bytef*>(plain.data()), &plain_size,
+                                   reinterpret_cast<const Bytef*>(body.data()), body.size()));
+        EXPECT_EQ(size, plain_size);
+        EXPECT_EQ(data, plain.substr(0, plain_size));
+    }
+}
+
+TEST_F(poll_exchange, a_later_poll_without_data_sends_only_a_head) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(1, "ok", 2, answered(with_body("ok")));
+    EXPECT_EQ(later_head("s1", 0, 0, 0), request_);
+    tls_peer server(tls_peer::tls,
+                    {{peer::take_request(), peer::send(with_body("ok")), peer::take_rest()}});
+    std::string port = server.port();
+    alt_port = port.data();
+    char* text = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(1, make_poll(nullptr, 12, &text, &size));
+    EXPECT_STREQ("ok", text);
+    free(text);
+    EXPECT_EQ(later_head("s1", 0, 0, 0), server.request(0));
+}
+
+TEST_F(poll_exchange, without_zlib_data_goes_raw_and_unchecked) {
+    isZLIBloaded = 0;
+    log_in_as("s1");
+    std::string data = results(300);
+    EXPECT_OUTCOME(1, "ok", 2, answered(with_body("ok"), data));
+    EXPECT_EQ(later_head("s1", 300, 0, 0) + data, request_);
+}
+
+TEST_F(poll_exchange, when_compression_fails_the_raw_data_is_announced_and_checksummed) {
+    lib_compress2 = [](Bytef*, uLongf*, const Bytef*, uLong, int) { return Z_BUF_ERROR; };
+    log_in_as("s1");
+    std::string data = results(300);
+    EXPECT_OUTCOME(1, "ok", 2, answered(with_body("ok"), data));
+    EXPECT_EQ(later_head("s1", 300, 0, checksum_of(data)) + data, request_);
+    EXPECT_NE(std::string::npos,
+              take_log_text().find(
+                  "0 ERROR: compress_data: there was not enough room in the output buffer\n"));
+}
+
+TEST_F(poll_exchange, a_checksum_of_0_sends_the_raw_data) {
+    lib_adler32 = [](uLong, const Bytef*, uInt) -> uLong { return 0; };
+    log_in_as("s1");
+    std::string data = results(300);
+    EXPECT_OUTCOME(1, "ok", 2, answered(with_body("ok"), data));
+    EXPECT_EQ(later_head("s1", 300, 0, 0) + data, request_);
+}
+
+TEST_F(poll_exchange, a_later_body_may_end_the_session) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(3, "-", 0, answered(with_body("111111")));
+    EXPECT_EQ("-", session());
+    log_in_as("s1");
+    EXPECT_OUTCOME(0, "-", 0, answered(with_body("666666")));
+    EXPECT_EQ("-", session());
+}
+
+TEST_F(poll_exchange, only_the_whole_body_ends_the_session) {
+    log_in_as("s1");
+    for (const char* body : {"111111\n", "1111111", "11111", " 111111", "666666\n", "6666666"}) {
+        EXPECT_OUTCOME(1, body, strlen(body), answered(with_body(body)));
+        EXPECT_EQ("s1", session());
+    }
+    /* What comes behind the announced length is body as well. */
+    EXPECT_OUTCOME(1, "111111x", 6, answered_and_ended(with_body("111111") + "x"));
+    EXPECT_EQ("s1", session());
+    /* And what does not come is not. */
+    EXPECT_OUTCOME(3, "-", 0,
+                   answered_and_ended("HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\n111111"));
+    EXPECT_EQ("-", session());
+}
+
+TEST_F(poll_exchange, a_body_without_a_content_length_is_none) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(1, "-", 0, answered_and_ended("HTTP/1.0 200 OK\r\n\r\n111111"));
+    /* A connection that breaks off is no answer: the block has to be sent again. */
+    EXPECT_OUTCOME(2, "-", 0,
+                   answered_and_ended("HTTP/1.0 200 OK\r\n\r\n666666", "", peer::end_dirty()));
+    EXPECT_OUTCOME(2, "-", 0, answered_and_ended("", "", peer::end_dirty()));
+    EXPECT_EQ("s1", session());
+}
+
+TEST_F(poll_exchange, a_later_header_neither_renews_nor_ends_the_session) {
+    log_in_as("s1");
+    for (const char* id : {"s2", "111111", "666666"}) {
+        EXPECT_OUTCOME(1, "ok", 2, answered(first_answer(id, "ok")));
+        EXPECT_EQ("s1", session());
+    }
+}
+
+TEST_F(poll_exchange, the_status_line_is_not_looked_at) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(1, "oops", 4,
+                   answered("HTTP/1.1 500 Internal Server Error\r\nContent-Length: 4\r\n\r\noops"));
+}
+
+TEST_F(poll_exchange, the_body_is_what_arrived_up_to_its_first_nul) {
+    log_in_as("s1");
+    EXPECT_OUTCOME(1, "ab", 5, answered(with_body("ab\0cd"s)));
+    EXPECT_OUTCOME(1, "", 2, answered(with_body("\0a"s)));
+    EXPECT_OUTCOME(1, "abc", 2000000000,
+                   answered_and_ended("HTTP/1.0 200 OK\r\nContent-Length: 2000000000\r\n\r\nabc"));
+    EXPECT_OUTCOME(1, "", 9, answered_and_ended("HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\n"));
+    EXPECT_OUTCOME(1, "-", 0,
+                   answered_and_ended("HTTP/1.0 200 OK\r\nContent-Length: -3\r\n\r\nabc"));
+    EXPECT_OUTCOME(1, "-", 0, answered_and_ended("no HTTP at all"));
+    EXPECT_OUTCOME(1, "7", 13, answered_and_ended("Content-Type: 12\nContent-Length: 1\n\n7"));
+}
+
+/* --- the whole life of a session, and what the log says ----------------------------------------
+ */
+
+TEST_F(poll_exchange, a_session_from_login_to_end) {
+    std::vector<tls_peer::conversation> script;
+    for (const std::string& response :
+         {first_answer("s1", "a"), with_body("b"), with_body("111111"), first_answer("s2", "c")}) {
+        script.push_back({peer::take_request(), peer::send(response), peer::take_rest()});
+    }
+    tls_peer server(tls_peer::tls, std::move(script));
+    EXPECT_OUTCOME(1, "a", 1, poll_server(server.port()));
+    EXPECT_OUTCOME(1, "b", 1, poll_server(server.port()));
+    EXPECT_OUTCOME(3, "-", 0, poll_server(server.port()));
+    EXPECT_OUTCOME(1, "c", 1, poll_server(server.port()));
+    EXPECT_EQ("s2", session());
+    EXPECT_TRUE(server.await_end());
+    EXPECT_EQ(4, server.clean_client_ends());
+    EXPECT_NE(std::string::npos, server.request(0).find("\r\nVnd-EMail: someone@example.com\r\n"));
+    EXPECT_NE(std::string::npos, server.request(1).find("\r\nVnd-SessionID: s1\r\n"));
+    EXPECT_NE(std::string::npos, server.request(2).find("\r\nVnd-SessionID: s1\r\n"));
+    EXPECT_NE(std::string::npos, server.request(3).find("\r\nVnd-AName: the agent\r\n"));
+}
+
+/* Replaces the number behind `label`, which has as many digits as `sample`. */
+static void mask(std::string& text, const char* label, const char* sample, const char* by) {
+    size_t at = text.find(label);
+    if (at == std::string::npos) {
+        return;
+    }
+    at += strlen(label);
+    for (size_t i = 0; sample[i] != '\0'; i++) {
+        EXPECT_EQ(sample[i] == '.', text[at + i] == '.') << text;
+        EXPECT_TRUE(sample[i] == '.' || isdigit(text[at + i])) << text;
+    }
+    text.replace(at, strlen(sample), by);
+}
+
+TEST_F(poll_exchange, the_log_of_a_poll) {
+    static const std::string stars(91, '*');
+    log_in_as("s1");
+    isZLIBloaded = 0;
+    std::string response = with_body("ok");
+    EXPECT_OUTCOME(1, "ok", 2, answered(response, "results"));
+    std::vector<logged_line> log = take_log();
+    for (logged_line& line : log) {
+        mask(line.text, "spent:\t", "0.123", "S");
+        mask(line.text, "left:\t", "14999999", "L");
+    }
+    std::string head = later_head("s1", 7, 0, 0), head_size = std::to_string(head.size());
+    std::vector<logged_line> expected = {
+        {5, "INFO: make_poll: Connected, time spent:\tS time left:\tL"},
+        {5, "INFO: make_poll: sending request:\n" + stars + "\n" + head + "\n" + stars},
+        {1, "send_request: SSL_write: retV = " + head_size + " ret = " + head_size},
+        {5, "INFO: make_poll: send_request: 1"},
+        {5, "INFO: make_poll: sending data: 7 bytes"},
+        {1, "send_request: SSL_write: retV = 7 ret = 7"},
+        {5, "INFO: make_poll: send_request: 1"},
+        {5, "INFO: make_poll: Response received!\ntime spent:\tS; time  left:\tL\n" + stars + "\n" +
+                response + "\n" + stars + "\nContent Length: 2; Header Size: 38\n"},
+    };
+    ASSERT_EQ(expected.size(), log.size());
+    for (size_t i = 0; i < log.size(); i++) {
+        EXPECT_EQ(expected[i].level, log[i].level);
+        EXPECT_EQ(expected[i].text, log[i].text);
+    }
+}
+
+/* --- failures ----------------------------------------------------------------------------------
+ */
+
+TEST_F(poll_exchange, no_tls_context) {
+    lib_SSL_CTX_new = [](const SSL_METHOD*) -> SSL_CTX* {
+        ERR_put_error(ERR_LIB_SSL, 0, ERR_R_MALLOC_FAILURE, __FILE__, __LINE__);
+        return nullptr;
+    };
+    ERR_put_error(ERR_LIB_BN, 0, ERR_R_FATAL, __FILE__, __LINE__); /* left by somebody else */
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    std::vector<logged_line> log = take_log();
+    EXPECT_EQ(0, log.back().level);
+    EXPECT_EQ("ERROR: make_poll: Cannot create SSL context. error:0A0C0100:SSL routines::malloc "
+              "failure",
+              log.back().text);
+}
+
+TEST_F(poll_exchange, no_tls_session) {
+    lib_SSL_new = [](SSL_CTX*) -> SSL* { return nullptr; };
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    std::vector<logged_line> log = take_log();
+    EXPECT_EQ(0, log.back().level);
+    EXPECT_EQ("ERROR: make_poll: Cannot create new SSL object. error:00000000:lib(0)::reason(0)",
+              log.back().text);
+}
+
+TEST_F(poll_exchange, a_server_that_speaks_no_tls) {
+    tls_peer server(tls_peer::tcp,
+                    {{peer::send("HTTP/1.0 400 Bad Request\r\n\r\n"), peer::take_rest()}});
+    log_in_as("s1");
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    std::vector<logged_line> log = take_log();
+    EXPECT_EQ(0, log.back().level);
+    EXPECT_EQ("ERROR: make_poll: Cannot make SSL connection. error:0A00010B:SSL routines::wrong "
+              "version number",
+              log.back().text);
+    EXPECT_EQ("s1", session());
+}
+
+TEST_F(poll_exchange, a_server_that_hangs_up_in_the_handshake) {
+    tls_peer server(tls_peer::tcp, {{peer::end_dirty()}});
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    std::vector<logged_line> log = take_log();
+    EXPECT_TRUE(
+        log.back().text.starts_with("ERROR: make_poll: Cannot make SSL connection. error:"));
+}
+
+/* Without a message, and without spinning until then. */
+TEST_F(poll_exchange, a_handshake_that_the_budget_ends) {
+    tls_peer server(tls_peer::tcp, {{peer::pause()}});
+    tls_connection c;
+    long budget = 10000000;
+    c.socket.reset(make_connection("127.0.0.1", server.port(), &budget));
+    budget = 200000;
+    while (blocked.try_acquire()) {
+    }
+    EXPECT_EQ(4, start_tls(c, &budget));
+    EXPECT_LT(budget, 1);
+    EXPECT_EQ("", take_log_text());
+    EXPECT_TRUE(blocked.try_acquire());
+    EXPECT_FALSE(blocked.try_acquire());
+}
+
+TEST_F(poll_exchange, a_send_that_fails) {
+    log_in_as("s1");
+    static int good_writes;
+    for (int good : {0, 1}) {
+        good_writes = good;
+        lib_SSL_write = [](SSL* ssl, const void* data, int size) {
+            return good_writes-- > 0 ? SSL_write(ssl, data, size) : 1;
+        };
+        tls_peer server(tls_peer::tls, {{peer::take_rest()}});
+        EXPECT_OUTCOME(2, "-", 0, poll_server(server.port(), "results"));
+        EXPECT_TRUE(take_log_text().ends_with("5 INFO: make_poll: send_request: 0\n"));
+        EXPECT_EQ("s1", session());
+    }
+}
+
+TEST_F(poll_exchange, a_receive_that_fails_ends_like_any_other) {
+    log_in_as("s1");
+    static std::string order;
+    order.clear();
+    lib_SSL_shutdown = [](SSL* ssl) {
+        order += "shutdown ";
+        return SSL_shutdown(ssl);
+    };
+    tls_peer server(tls_peer::tls, {{peer::take_request(), peer::reset()}});
+    EXPECT_OUTCOME(2, "-", 0, poll_server(server.port()));
+    EXPECT_EQ("shutdown ", order);
+    EXPECT_NE(std::string::npos,
+              take_log_text().find("\n0 ERROR: receive_response: SSL_read: error:"));
+    EXPECT_EQ("s1", session());
+}
+
+TEST_F(poll_exchange, the_order_of_the_end) {
+    static std::string order;
+    static int socket;
+    order.clear();
+    lib_SSL_shutdown = [](SSL* ssl) {
+        order += "shutdown ";
+        socket = SSL_get_fd(ssl);
+        return SSL_shutdown(ssl);
+    };
+    lib_SSL_free = [](SSL* ssl) {
+        order += "free ";
+        SSL_free(ssl);
+    };
+    lib_SSL_CTX_free = [](SSL_CTX* context) {
+        order += fcntl(socket, F_GETFD) >= 0 ? "context-free close" : "too late";
+        SSL_CTX_free(context);
+    };
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
+    EXPECT_EQ("shutdown free context-free close", order);
+}
+
+TEST_F(poll_exchange, descriptors_above_1023_work) {
+    rlimit before;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+    rlimit raised = {std::max<rlim_t>(before.rlim_cur, 2048), before.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &raised));
+    std::vector<unique_fd> low;
+    while (low.empty() || low.back().get() < 1023) {
+        low.emplace_back(dup(0));
+    }
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
+    low.clear();
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
+/* --- cancellation ------------------------------------------------------------------------------
+ */
+
+struct poll_order {
+    const char *host, *port;
+    std::string data;
+};
+
+/* A thread that polls as the poll loop does. */
+static void* polling_thread(void* arg) {
+    const auto* order = static_cast<const poll_order*>(arg);
+    cancel_off except_in_waits;
+    char* text = nullptr;
+    size_t size = 0;
+    make_poll(order->data.data(), order->data.size(), &text, &size);
+    free(text);
+    return nullptr;
+}
+
+class cancelled_poll : public poll_exchange {
+protected:
+    /* Polls on a thread of its own and cancels it once `ready` is true and it is blocked. The
+     * sanitizers see to it that nothing is lost; the descriptors are counted by the fixture. */
+    static void poll_and_cancel(const poll_order& order, const std::function<bool()>& ready) {
+        while (blocked.try_acquire()) {
+        }
+        std::string host_text = order.host, port_text = order.port;
+        alt_server = host_text.data();
+        alt_port = port_text.data();
+        pthread_t thread;
+        ASSERT_EQ(
+            0, pthread_create(&thread, nullptr, polling_thread, const_cast<poll_order*>(&order)));
+        EXPECT_TRUE(ready());
+        ASSERT_EQ(0, pthread_cancel(thread));
+        void* result = nullptr;
+        ASSERT_EQ(0, pthread_join(thread, &result));
+        EXPECT_EQ(PTHREAD_CANCELED, result);
+        EXPECT_EQ("s1", session());
+        alt_server = host;
+    }
+    static bool wait_begins() { return blocked.try_acquire_for(std::chrono::seconds(30)); }
+};
+
+TEST_F(cancelled_poll, while_resolving) {
+    log_in_as("s1");
+    poll_and_cancel({"slow.name", "443", "results"}, wait_begins);
+    may_answer.release();
+    EXPECT_TRUE(await([] { return count_threads("resolver") == 0; }));
+}
+
+TEST_F(cancelled_poll, while_connecting) {
+    log_in_as("s1");
+    full_listener server;
+    poll_and_cancel({"127.0.0.1", server.port(), "results"}, wait_begins);
+}
+
+TEST_F(cancelled_poll, in_the_handshake) {
+    log_in_as("s1");
+    tls_peer server(tls_peer::tcp, {{peer::pause()}});
+    poll_and_cancel({"127.0.0.1", server.port(), "results"},
+                    [&] { return server.await_pauses(1) && wait_begins(); });
+}
+
+TEST_F(cancelled_poll, while_sending) {
+    log_in_as("s1");
+    isZLIBloaded = 0;
+    tls_peer server(tls_peer::tls, {{peer::pause()}});
+    static std::atomic<int> blocked_writes;
+    blocked_writes = 0;
+    lib_SSL_write = [](SSL* ssl, const void* data, int size) {
+        int written = SSL_write(ssl, data, size);
+        blocked_writes += written <= 0;
+        return written;
+    };
+    poll_and_cancel({"127.0.0.1", server.port(), std::string(30000000, 'x')},
+                    [] { return await([] { return blocked_writes > 0; }) && wait_begins(); });
+}
+
+TEST_F(cancelled_poll, while_waiting_for_the_answer) {
+    log_in_as("s1");
+    tls_peer server(tls_peer::tls, {{peer::take_request(), peer::pause()}});
+    poll_and_cancel({"127.0.0.1", server.port(), "results"},
+                    [&] { return server.await_pauses(1) && wait_begins(); });
+}
+
+TEST_F(cancelled_poll, with_half_an_answer) {
+    log_in_as("s1");
+    tls_peer server(tls_peer::tls, {{peer::take_request(),
+                                     peer::send("HTTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nhel"),
+                                     peer::pause()}});
+    poll_and_cancel({"127.0.0.1", server.port(), "results"},
+                    [&] { return server.await_pauses(1) && wait_begins(); });
+}
+
+/* Cancelled before it begins, the thread ends in its first wait. */
+TEST_F(cancelled_poll, before_the_first_wait) {
+    log_in_as("s1");
+    tls_peer server(tls_peer::tls, {{peer::take_request(), peer::pause()}});
+    poll_and_cancel({"127.0.0.1", server.port(), "results"}, [] { return true; });
+}

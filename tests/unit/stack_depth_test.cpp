@@ -1,0 +1,175 @@
+/* How much of its stack each kind of thread uses on this platform: the stack is painted, the thread
+ * does the deepest that it can do, and the paint that is left is counted. The figures stand in
+ * docs/architecture.md; this test fails when one of them comes near the 32768 bytes that a worker
+ * has. */
+#include "guards.h"
+#include "libsslloader.h"
+#include "monloadaverage.h"
+#include "resolve.h"
+#include "tls_peer.h"
+#include "vindral_config.h"
+#include "vindral_log.h"
+#include "vindral_poll.h"
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <string>
+#include <sys/mman.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const size_t ROOM = 1024 * 1024; /* enough not to overflow while measuring */
+const size_t LIMIT = 32768;
+const unsigned char PAINT = 0xA5;
+
+/* Bytes of stack, the thread's own descriptor included, that `body` used. `while_running` is called
+ * meanwhile and must see to it that the thread ends. */
+size_t measure(void* (*body)(void*), void* arg,
+               const std::function<void(pthread_t)>& while_running = nullptr) {
+    auto* stack = static_cast<unsigned char*>(
+        mmap(nullptr, ROOM, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    memset(stack, PAINT, ROOM);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstack(&attributes, stack, ROOM);
+    pthread_t thread;
+    EXPECT_EQ(0, pthread_create(&thread, &attributes, body, arg));
+    if (while_running) {
+        while_running(thread);
+    }
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    size_t untouched = 0;
+    while (untouched < ROOM && stack[untouched] == PAINT) {
+        untouched++;
+    }
+    munmap(stack, ROOM);
+    return ROOM - untouched;
+}
+
+class StackDepth : public testing::Test {
+protected:
+    fs::path place = fs::path(testing::TempDir()) / ("stack_depth." + std::to_string(getpid()));
+    std::string log_path = (place / "log").string();
+
+    void SetUp() override {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        GTEST_SKIP() << "sanitizers use stack of their own; measured in release builds";
+#endif
+        signal(SIGPIPE, SIG_IGN);
+        fs::create_directories(place / "bin");
+        log_file = log_path.data();
+        log_level = 6;
+    }
+    void TearDown() override { fs::remove_all(place); }
+
+    void expect_room(const char* kind, size_t used) {
+        printf("%-12s %zu of %zu bytes\n", kind, used, LIMIT);
+        RecordProperty(kind, static_cast<int>(used));
+        EXPECT_GT(used, 1000u); /* the measurement itself works */
+        EXPECT_LT(used, LIMIT - 4096) << kind;
+    }
+
+    void wait_for_log(const std::string& text) {
+        for (int i = 0; i < 10000; i++) {
+            std::ifstream in(log_path);
+            if (std::string(std::istreambuf_iterator<char>(in), {}).find(text) !=
+                std::string::npos) {
+                return;
+            }
+            usleep(1000);
+        }
+        FAIL() << "never logged: " << text;
+    }
+};
+
+} // namespace
+
+TEST_F(StackDepth, PollThread) {
+    ASSERT_EQ(1, init_log_file());
+    ASSERT_EQ(1, init_ssl_variables());
+    std::string commands = "CHK\t0\t1000\nLAA\t1\t1\t1\t1\t1\nLAM\t1\t2\t3\t4\t5\nXYZ\n"
+                           "UPD\ta\tb\tc\nLAD\t1\t0\nPOL\t0\t-1\n";
+    auto answer = [](const std::string& headers, const std::string& body) {
+        return peer::send("HTTP/1.0 200 OK\r\n" + headers +
+                          "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    };
+    tls_peer server(tls_peer::tls,
+                    {{peer::take_request(), answer("Vnd-SessionID: s1\r\n", ""), peer::end_clean()},
+                     {peer::take_request(), answer("", commands), peer::end_clean()}});
+    std::string host = "localhost", port = server.port(), email = "a@b", name = "n",
+                home = place.string();
+    alt_server = host.data();
+    alt_port = port.data();
+    user_email = email.data();
+    agent_name = name.data();
+    agent_home = home.data();
+    std::string block(100000, 'x');
+    add_to_cache(block.data(), block.size());
+    std::ofstream(place / "bin" / "updater") << "#!/bin/sh\n";
+    fs::permissions(place / "bin" / "updater", fs::perms::owner_all);
+    set_poll_interval(1);
+    size_t used = measure(main_worker_thread, nullptr);
+    expect_room("poll", used);
+    EXPECT_TRUE(server.await_end());
+    free_cache_copy();
+    alt_server = alt_port = user_email = agent_name = agent_home = nullptr;
+    shutdown_log_writer();
+}
+
+TEST_F(StackDepth, LoadAverageWorker) {
+    std::ofstream(place / "bin" / "snmpget") << "#!/bin/sh\necho 'a = STRING: 1'\n";
+    fs::permissions(place / "bin" / "snmpget", fs::perms::owner_all);
+    setenv("PATH", ((place / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
+    char host[] = "h";
+    add_lda(1, 1, 0, 0, 0, nullptr);
+    add_lda(2, 1, 0, 0, 0, host);
+    size_t used = measure(lda_worker_thread, nullptr, [](pthread_t) {
+        int size = 0;
+        char* data = nullptr;
+        set_lda_check_interval(1);
+        for (int i = 0; i < 10000 && !get_lda_results(&data, &size); i++) {
+            usleep(1000);
+        }
+        free(data);
+        set_lda_check_interval(-1);
+    });
+    expect_room("lda", used);
+}
+
+TEST_F(StackDepth, LogWriter) {
+    ASSERT_EQ(1, init_log_file()); /* its own thread writes too; the measured one is a second */
+    log_clock = [] { return static_cast<time_t>(1319068799); };
+    size_t used = measure(write2logfile, nullptr, [this](pthread_t writer) {
+        leveledadd2log(5, "%s", std::string(20000, 'a').c_str());
+        leveledadd2log(5, "before midnight");
+        wait_for_log("before midnight");
+        log_clock = [] { return static_cast<time_t>(1319068800); };
+        leveledadd2log(5, "after midnight");
+        wait_for_log("after midnight");
+        pthread_cancel(writer);
+    });
+    expect_room("log writer", used);
+    shutdown_log_writer();
+}
+
+TEST_F(StackDepth, NameResolution) {
+    /* Its thread has 256 KB, because what the system's resolver needs is not ours to bound. */
+    auto resolve = [](void*) -> void* {
+        addrinfo hints{}, *list = nullptr;
+        hints.ai_family = AF_INET;
+        hints.ai_socktype = SOCK_STREAM;
+        if (getaddrinfo("localhost", "443", &hints, &list) == 0) {
+            freeaddrinfo(list);
+        }
+        return nullptr;
+    };
+    expect_room("resolver", measure(resolve, nullptr));
+}

@@ -1,0 +1,30 @@
+# Shared objects that stand in for the libraries the agent opens at run time. Each case is a directory
+# below VINDRAL_STUBS with files under the names that the loader tries.
+set(stub_root ${CMAKE_CURRENT_BINARY_DIR}/stubs)
+
+# vindral_stub(<directory> <file name> <source> [definition...])
+function(vindral_stub directory file source)
+  string(MAKE_C_IDENTIFIER "stub_${directory}_${file}" target)
+  add_library(${target} MODULE stubs/${source})
+  target_compile_definitions(${target} PRIVATE ${ARGN})
+  set_target_properties(${target} PROPERTIES
+    PREFIX "" SUFFIX "" OUTPUT_NAME ${file} NO_SONAME TRUE
+    LIBRARY_OUTPUT_DIRECTORY ${stub_root}/${directory})
+  set_property(GLOBAL APPEND PROPERTY vindral_stub_targets ${target})
+endfunction()
+
+vindral_stub(ssl_old libssl.so.1.0.0 ssl_stub.cpp OLD_RELEASE)
+vindral_stub(ssl_odd libcrypto.0.9.8e ssl_stub.cpp OLD_RELEASE)
+vindral_stub(ssl_current libssl.so.3 ssl_stub.cpp CURRENT_RELEASE)
+vindral_stub(ssl_1_1 libssl.so.1.1 ssl_stub.cpp CURRENT_RELEASE)
+vindral_stub(ssl_no_set_fd libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_SET_FD)
+vindral_stub(ssl_no_method libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_CLIENT_METHOD)
+vindral_stub(ssl_no_init_crypto libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_INIT_CRYPTO)
+vindral_stub(zlib_second libz.so.1 zlib_stub.cpp)
+vindral_stub(zlib_incomplete libz.so zlib_stub.cpp WITHOUT_UNCOMPRESS)
+
+get_property(stub_targets GLOBAL PROPERTY vindral_stub_targets)
+foreach(name IN ITEMS dynlib_test libsslloader_test compression_routine_test)
+  add_dependencies(${name} ${stub_targets})
+  target_compile_definitions(${name} PRIVATE VINDRAL_STUBS="${stub_root}")
+endforeach()

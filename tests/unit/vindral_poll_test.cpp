@@ -1,0 +1,268 @@
+/* The poll loop against a scripted exchange: what is sent, what is kept, what is logged. */
+#include "vindral_poll.cpp"
+
+#include "fake_core.h"
+
+#include <atomic>
+#include <deque>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace {
+
+/* One step of the script: the code that make_poll returns, the reply, and what the loop is to find
+ * afterwards. */
+struct answer {
+    int code;
+    std::string reply;
+    size_t length;
+};
+
+std::mutex script_mutex;
+std::deque<answer> script;
+std::vector<std::string> sent; /* "(none)" for a poll without data */
+std::string commands;
+std::deque<std::string> checker_results; /* handed over by the one source that has any, in turn */
+std::atomic<int> disk_tests{0};
+
+} // namespace
+
+int make_poll(const char* data, unsigned long size, char** reply, size_t* length) {
+    std::lock_guard hold(script_mutex);
+    sent.push_back(data == nullptr ? "(none)" : std::string(data, size));
+    *reply = nullptr;
+    *length = 0;
+    if (script.empty()) {
+        set_poll_interval(-1);
+        return 99;
+    }
+    answer next = script.front();
+    script.pop_front();
+    if (!next.reply.empty()) {
+        *reply = strdup(next.reply.c_str());
+        *length = next.length != 0 ? next.length : next.reply.size();
+    }
+    /* The next turn comes at once: the loop's wait is a second or more otherwise. */
+    return next.code;
+}
+
+void parse_data(char* sdata) {
+    commands += std::string(sdata) + "|";
+}
+
+static int has_results(char** buffer, int* size) {
+    if (checker_results.empty()) {
+        return 0;
+    }
+    *buffer = strdup(checker_results.front().c_str());
+    *size = static_cast<int>(checker_results.front().size());
+    checker_results.pop_front();
+    return 1;
+}
+static int has_none(char**, int*) {
+    return 0;
+}
+
+const result_source result_sources[] = {{has_none, "get_none"},
+                                        {has_results, "get_first_results"},
+                                        {has_results, "get_second_results"}};
+const size_t result_source_count = 3;
+
+static std::vector<std::string> results_sent;
+int get_disk_test_results(test_result*** results, int* res_count) {
+    if (disk_tests == 0) {
+        *results = nullptr;
+        *res_count = 0;
+        return 0;
+    }
+    *res_count = disk_tests;
+    *results =
+        static_cast<test_result**>(calloc(static_cast<size_t>(disk_tests), sizeof(test_result*)));
+    for (int i = 0; i < disk_tests; i++) {
+        (*results)[i] = static_cast<test_result*>(calloc(1, sizeof(test_result)));
+        (*results)[i]->test_data = i == 0 ? nullptr : strdup("status:0");
+    }
+    return 1;
+}
+int send_data(test_result** results, int res_count) {
+    for (int i = 0; i < res_count; i++) {
+        results_sent.push_back(results[i]->test_data != nullptr ? results[i]->test_data : "(none)");
+    }
+    return res_count;
+}
+
+namespace {
+
+class PollLoop : public testing::Test {
+protected:
+    void SetUp() override {
+        script.clear();
+        sent.clear();
+        commands.clear();
+        checker_results.clear();
+        isAuthorized = 0;
+        free_cache_copy();
+        set_poll_interval(60);
+        take_log();
+    }
+    void TearDown() override { free_cache_copy(); }
+
+    /* Runs the loop until the script is used up, waking it out of every wait. */
+    void run() {
+        std::atomic<bool> ended{false};
+        std::thread waker([&] {
+            while (!ended) {
+                send_pending_data();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        main_worker_thread(nullptr);
+        ended = true;
+        waker.join();
+    }
+};
+
+const std::string LOGGED_IN = "0 Authorization was successfully completed.\n";
+std::string result_line(int code) {
+    return "5 INFO: main_worker_thread::make_poll result: " + std::to_string(code) + "\n";
+}
+const std::string COLLECT = "2 INFO: Collecting results...\n";
+const std::string EMPTY = "2 INFO: data cache is empty\n";
+
+} // namespace
+
+TEST_F(PollLoop, LoginThenResultsThenNothing) {
+    script = {{1, "POL\t0\t5", 0}, {1, "", 0}};
+    checker_results = {"first", "second"};
+    run();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "firstsecond", "(none)"}), sent);
+    EXPECT_EQ("POL\t0\t5|", commands);
+    EXPECT_EQ(result_line(1) + LOGGED_IN + COLLECT +
+                  "3 INFO: collect_result::get_first_results data size: 5\n"
+                  "3 INFO: collect_result::get_second_results data size: 6\n"
+                  "2 INFO: data cache size: 11\n" +
+                  result_line(1) + COLLECT + EMPTY + result_line(99),
+              take_log_text());
+    EXPECT_EQ(nullptr, data_cache_copy);
+}
+
+TEST_F(PollLoop, ABlockIsSentAgainUntilItIsAccepted) {
+    script = {{1, "", 0}, {2, "", 0}, {4, "", 0}, {3, "", 0}, {2, "", 0}, {1, "", 0}, {1, "", 0}};
+    checker_results = {"block", "", "later", ""};
+    run();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "block", "block", "block", "(none)", "(none)",
+                                        "block", "later"}),
+              sent);
+    EXPECT_EQ(
+        result_line(1) + LOGGED_IN + COLLECT +
+            "3 INFO: collect_result::get_first_results data size: 5\n"
+            "3 INFO: collect_result::get_second_results data size: 0\n"
+            "2 INFO: data cache size: 5\n" +
+            result_line(2) + "-1 Unable to establish connection to the server.\n" + result_line(4) +
+            "-1 There is an internal error occurred, while trying to connect to the server.\n" +
+            result_line(3) + "-1 Reauthorization is required.\n" + result_line(2) +
+            "-1 Unable to establish connection to the server.\n" + result_line(1) + LOGGED_IN +
+            result_line(1) + COLLECT +
+            "3 INFO: collect_result::get_first_results data size: 5\n"
+            "3 INFO: collect_result::get_second_results data size: 0\n"
+            "2 INFO: data cache size: 5\n" +
+            result_line(99),
+        take_log_text());
+}
+
+TEST_F(PollLoop, RefusedEndsTheLoopAfterTheWait) {
+    script = {{0, "", 0}, {1, "", 0}};
+    run();
+    EXPECT_EQ(1u, sent.size());
+    EXPECT_EQ(-1, get_poll_interval());
+    EXPECT_EQ(result_line(0) + "-1 Authorization failed, Vindral Smart Agent will be terminated.\n",
+              take_log_text());
+}
+
+TEST_F(PollLoop, ALoopThatIsToldToStopDoesNotPoll) {
+    set_poll_interval(-1);
+    run();
+    EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(PollLoop, AReplyOfLengthZeroRunsNoCommands) {
+    script = {{1, "", 0}, {1, "LAA", 0}};
+    run();
+    EXPECT_EQ("LAA|", commands);
+}
+
+TEST_F(PollLoop, AnUnknownResultChangesNothing) {
+    isAuthorized = 1;
+    checker_results = {"x", ""};
+    script = {{7, "LAA", 0}, {1, "", 0}};
+    run();
+    EXPECT_EQ((std::vector<std::string>{"x", "x", "(none)"}), sent);
+    EXPECT_EQ("", commands);
+}
+
+TEST_F(PollLoop, FirstWaitAfterALoginIsASecondLaterOnesTheInterval) {
+    EXPECT_EQ(1, act_on(SUCCESS, nullptr, 0, 60));
+    EXPECT_EQ(1, isAuthorized);
+    EXPECT_EQ(60, act_on(SUCCESS, nullptr, 0, 60));
+    EXPECT_EQ(60, act_on(NO_CONNECTION, nullptr, 0, 60));
+    EXPECT_EQ(1, isAuthorized);
+    EXPECT_EQ(60, act_on(INTERNAL_ERROR, nullptr, 0, 60));
+    EXPECT_EQ(1, act_on(LOGIN_AGAIN, nullptr, 0, 60));
+    EXPECT_EQ(0, isAuthorized);
+    EXPECT_EQ(60, act_on(REFUSED, nullptr, 0, 60));
+}
+
+TEST_F(PollLoop, CancelledInItsWaitItLeavesNoLockBehind) {
+    script = {{1, "", 0}};
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, main_worker_thread, nullptr));
+    while ([] {
+        std::lock_guard hold(script_mutex);
+        return sent.empty();
+    }()) {
+        usleep(1000);
+    }
+    pthread_cancel(thread);
+    void* ended = nullptr;
+    pthread_join(thread, &ended);
+    EXPECT_EQ(PTHREAD_CANCELED, ended);
+    EXPECT_EQ(0, pthread_mutex_trylock(&poll_cond_mutex.handle));
+    pthread_mutex_unlock(&poll_cond_mutex.handle);
+}
+
+TEST_F(PollLoop, CacheIgnoresNothing) {
+    char text[] = "abc";
+    add_to_cache(nullptr, 3);
+    add_to_cache(text, 0);
+    EXPECT_EQ(nullptr, get_cache_copy());
+    add_to_cache(text, 3);
+    ASSERT_NE(nullptr, data_cache);
+    add_to_cache(text, 2);
+    const bdata* copy = get_cache_copy();
+    ASSERT_NE(nullptr, copy);
+    EXPECT_EQ("abcab", std::string(copy->data_buffer, copy->data_size));
+    EXPECT_EQ(nullptr, data_cache);
+    add_to_cache(text, 1);
+    copy = get_cache_copy();
+    EXPECT_EQ("abcaba", std::string(copy->data_buffer, copy->data_size));
+    free_cache_copy();
+    EXPECT_EQ(nullptr, data_cache_copy);
+}
+
+TEST_F(PollLoop, StoredTextResultsArePostedAndFreed) {
+    disk_tests = 2;
+    send_results();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "status:0"}), results_sent);
+    EXPECT_EQ("4 INFO: starting send_results.\n"
+              "3 INFO: send_results::get_disk_test_results count: 2\n"
+              "1 INFO: send_results returned 2\n"
+              "4 INFO: send_results finished.\n",
+              take_log_text());
+    disk_tests = 0;
+    send_results();
+    EXPECT_EQ("4 INFO: starting send_results.\n4 INFO: send_results finished.\n", take_log_text());
+    free_results(nullptr, 0);
+    free_results(static_cast<test_result**>(malloc(8)), 0);
+}

@@ -64,7 +64,8 @@ class WithCollector(harness.TestCase):
         self.assertNotIn(1, in_last_pass)
 
     def test_agents_that_log_in_later_get_the_whole_plan(self):
-        collector = harness.Collector(self, "POL\t0\t1", "LAA\t1\t1\t" + UNLIMITED).start()
+        collector = harness.Collector(self, "POL\t0\t1", "CHK\t0\t1",
+                                      "LAA\t1\t1\t" + UNLIMITED).start()
         harness.Agent(self, collector.port, name="first").start()
         collector.wait_test(1)
         collector.add_to_plan("LAA\t2\t1\t" + UNLIMITED)
@@ -146,7 +147,7 @@ class Tests(Scripted):
 
     def test_line_ends(self):
         """Fields end at the line feed: a carriage return stays in the last one."""
-        self.start("POL\t0\t1\r\nLAA\t5\t1\t-1\t-1\t-1\r\nXYZ\r\n\r\n\n\nLAA\t6\t1\t" + UNLIMITED)
+        self.start("CHK\t0\t1\r\nPOL\t0\t1\r\nLAA\t5\t1\t-1\t-1\t-1\r\nXYZ\r\n\r\n\n\nLAA\t6\t1\t" + UNLIMITED)
         harness.wait_until(lambda: {5, 6} <= {load.test for load in self.loads()}, "both tests")
         self.agent.stop()
         log = self.agent.log()

@@ -115,7 +115,8 @@ TEST(collector_request, any_byte_may_be_wrong) {
             wrong[at] = char(byte);
             request r;
             std::string error;
-            EXPECT_EQ(parse_head(wrong, r, error), error.empty());
+            bool good = parse_head(wrong, r, error);
+            EXPECT_EQ(good, error.empty());
         }
     }
 }

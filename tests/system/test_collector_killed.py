@@ -11,12 +11,10 @@ The load average that the agents read rises all the time, so that no two records
 that is byte for byte the last one is the same block to the collector."""
 
 import itertools
-import os
 import random
 import re
 import socket
 import ssl
-import threading
 import time
 
 import harness
@@ -97,33 +95,6 @@ PHASES = ["before the connection", "connected", "after the handshake", "half the
           "after the answer"]
 
 
-class RisingLoad:
-    """A file to mount over /proc/loadavg, with values that rise every few milliseconds."""
-
-    def __init__(self, test):
-        self.path = os.path.join(test.subdir("rising"), "loadavg")
-        self._file = open(self.path, "wb", buffering=0)
-        self._write(0)
-        self._stopping = threading.Event()
-        self._thread = threading.Thread(target=self._rise)
-        self._thread.start()
-        test.addCleanup(self._stop)
-
-    def _write(self, value):
-        os.pwrite(self._file.fileno(), b"%09d.00 0.00 0.00 1/1 1\n" % value, 0)
-
-    def _rise(self):
-        value = 0
-        while not self._stopping.wait(0.002):
-            value += 1
-            self._write(value)
-
-    def _stop(self):
-        self._stopping.set()
-        self._thread.join()
-        self._file.close()
-
-
 class Strike:
     """Kills the collector once in the wanted phase of a poll that carries records (or of a login)."""
 
@@ -161,7 +132,7 @@ class Strike:
 class Killed(harness.TestCase):
     def setUp(self):
         super().setUp()
-        self.wrap = harness.mounted(RisingLoad(self).path, "/proc/loadavg")
+        self.wrap = harness.mounted(harness.RisingLoad(self).path, "/proc/loadavg")
 
     def test_in_every_phase(self):
         """Several agents, each with a proxy and a collector; each collector is killed in some phases

@@ -52,9 +52,11 @@ public:
     boost::asio::awaitable<bool> first_byte();
     boost::asio::awaitable<bool> handshake(SSL_CTX* context);
     boost::asio::awaitable<size_t> read_some(char* data, size_t size);
+
+    /* The whole answer. Its last bytes leave with end_cleanly() only. */
     boost::asio::awaitable<bool> write(std::string_view data);
 
-    /* After the whole answer: end of TLS, end of stream, then read on until the peer has ended too
+    /* After the answer: end of TLS, end of stream, then read on until the peer has ended too
      * or the deadline comes, because closing with something unread would reset the connection and
      * destroy an answer still on its way. True when the peer has ended and had received everything
      * written before this call. */

@@ -8,6 +8,7 @@
 #include "store.h"
 #include "text.h"
 
+#include <algorithm>
 #include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstring>
@@ -28,7 +29,7 @@ struct quiet_listener : store_listener {
                    printable(from.account) + " are no record: " + reason + "; kept as " + kept_as);
     }
     void on_problem(const std::string& text) override {
-        std::string line = utc_time(time(nullptr)) + " " + text + "\n";
+        std::string line = "vindral-collector: " + text + "\n";
         (void)!write(STDERR_FILENO, line.data(), line.size());
     }
 };
@@ -105,7 +106,7 @@ static server_options server_options_from(const options& o) {
 
 /* The first signal to end lets the polls under way finish. */
 static void handle_signals(boost::asio::signal_set& signals, server& collector, plan& commands,
-                           store_listener& output) {
+                           const server::log_function& log) {
     signals.async_wait([&](boost::system::error_code failed, int number) {
         if (failed) {
             return;
@@ -115,19 +116,35 @@ static void handle_signals(boost::asio::signal_set& signals, server& collector, 
             return;
         }
         bool fine = commands.refresh();
-        output.on_problem(fine ? "plan read again" : "the plan cannot be read; the old one stays");
-        handle_signals(signals, collector, commands, output);
+        log(fine ? "plan read again" : "the plan cannot be read; the old one stays");
+        handle_signals(signals, collector, commands, log);
     });
+}
+
+/* The state directory, the key pair in it unless one is given, and the context made from that. */
+static tls_context prepare_tls(const options& o, std::string& error) {
+    identity_files identity{o.cert, o.key};
+    if (!prepare_state_dir(o.state_dir, error) ||
+        (o.cert.empty() && !ensure_identity(o.state_dir, identity, error))) {
+        return nullptr;
+    }
+    return make_tls_context(identity, error);
+}
+
+static std::string describe(const plan_problem& problem) {
+    return "plan" + (problem.number ? " line " + std::to_string(problem.number) : "") + ": " +
+           problem.reason;
+}
+
+/* Says where it listens, on standard error and in the port file. */
+static bool announce(const options& o, const server& collector, std::string& error) {
+    std::cerr << "Listening on " + collector.where() + "\n";
+    return o.port_file.empty() || write_port_file(o.port_file, collector.port(), error);
 }
 
 static int run_server(const options& o) {
     std::string error;
-    identity_files identity{o.cert, o.key};
-    if (!prepare_state_dir(o.state_dir, error) ||
-        (o.cert.empty() && !ensure_identity(o.state_dir, identity, error))) {
-        return fail(error);
-    }
-    tls_context tls = make_tls_context(identity, error);
+    tls_context tls = prepare_tls(o, error);
     if (!tls) {
         return fail(error);
     }
@@ -139,32 +156,25 @@ static int run_server(const options& o) {
     if (!results) {
         return fail(error);
     }
-    std::vector<std::string> early; /* plan problems before the line "Listening on" */
+    std::vector<std::string> early; /* about the plan, before the line "Listening on" */
     bool listening = false;
+    server::log_function log = [&](const std::string& line) {
+        output->on_problem(utc_time(time(nullptr)) + " " + line);
+    };
     plan commands(o.plan, [&](const plan_problem& problem) {
-        std::string line =
-            problem.number == 0 ? "plan: " : "plan line " + std::to_string(problem.number) + ": ";
-        line += problem.reason;
-        listening ? output->on_problem(line) : early.push_back(line);
+        listening ? log(describe(problem)) : early.push_back(describe(problem));
     });
     if (!commands.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
-    auto log = [&](const std::string& line) { output->on_problem(line); };
     server collector(server_options_from(o), tls.get(), *results, commands, log);
-    if (!collector.listen(error)) {
-        return fail(error);
-    }
-    std::cerr << "Listening on " + collector.where() + "\n";
-    listening = true;
-    for (const std::string& line : early) {
-        output->on_problem(line);
-    }
-    if (!o.port_file.empty() && !write_port_file(o.port_file, collector.port(), error)) {
-        return fail(error);
-    }
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
-    handle_signals(signals, collector, commands, *output);
+    if (!collector.listen(error) || !announce(o, collector, error)) {
+        return fail(error);
+    }
+    listening = true;
+    std::for_each(early.begin(), early.end(), log);
+    handle_signals(signals, collector, commands, log);
     collector.run();
     results.reset(); /* before the server that its thread may still be calling */
     if (!o.port_file.empty()) {

@@ -585,11 +585,15 @@ void sqlite_store::expire() {
 
 std::unique_ptr<store> store::open(const store_options& options, store_listener* listener,
                                    std::string& error) {
+    if (options.directory.empty()) {
+        error = "no state directory is named";
+        return nullptr;
+    }
     store_options absolute = options;
     std::error_code failure;
     absolute.directory = fs::absolute(options.directory, failure).lexically_normal();
     fs::create_directories(fs::path(absolute.directory).parent_path(), failure);
-    if (options.directory.empty() || !make_private_directory(absolute.directory)) {
+    if (!make_private_directory(absolute.directory)) {
         error = system_error("state directory " + absolute.directory);
         return nullptr;
     }

@@ -5,6 +5,11 @@
 #include <climits>
 #include <sched.h>
 
+static unsigned wakes_so_far(checker& c) {
+    lock hold(c.cond_mutex);
+    return c.wakes;
+}
+
 int checker_start(checker& c, void* (*worker)(void*)) {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
@@ -16,6 +21,7 @@ int checker_start(checker& c, void* (*worker)(void*)) {
         pthread_attr_destroy(&attributes);
         return 0;
     }
+    c.wakes_at_start = wakes_so_far(c);
     c.running = pthread_create(&c.worker_thread_handle, &attributes, worker, nullptr) == 0;
     pthread_attr_destroy(&attributes);
     if (!c.running) {
@@ -25,11 +31,6 @@ int checker_start(checker& c, void* (*worker)(void*)) {
         pthread_setname_np(c.worker_thread_handle, c.thread_name);
     }
     return 1;
-}
-
-static unsigned wakes_so_far(checker& c) {
-    lock hold(c.cond_mutex);
-    return c.wakes;
 }
 
 /* Waits for one interval or a wake-up; wakes that came since `seen` end the wait before it begins.
@@ -44,8 +45,7 @@ static bool wait_interval(checker& c, unsigned seen, int interval_s) {
 }
 
 void checker_work(checker& c) {
-    for (;;) {
-        unsigned seen = wakes_so_far(c);
+    for (unsigned seen = c.wakes_at_start;; seen = wakes_so_far(c)) {
         int interval_s = checker_get_interval(c);
         if (interval_s == -1 || !wait_interval(c, seen, interval_s) ||
             checker_get_interval(c) == -1) {

@@ -38,6 +38,7 @@ struct checker {
     unsigned wakes GUARDED_BY(cond_mutex) = 0;   /* signals given so far */
     bool stopped GUARDED_BY(cond_mutex) = false; /* an interval of -1 was set: for good */
 
+    unsigned wakes_at_start = 0; /* signals that the worker need not heed; set before it runs */
     pthread_t worker_thread_handle = 0;
     bool running = false; /* there is a worker to join; main thread only */
 
@@ -53,9 +54,9 @@ struct checker {
 int checker_start(checker& c, void* (*worker)(void*));
 
 /* The worker's loop; returns when the checker is stopped. A signal that comes while a pass runs is
- * lost: the next pass comes after a whole interval. One that comes between the reading of the
- * interval and the wait is not: it counts as a wake-up, so that neither a stop nor a new interval
- * waits out the old one. */
+ * lost: the next pass comes after a whole interval. One that comes before the first wait, or
+ * between the reading of the interval and a wait, is not: it counts as a wake-up, so that neither a
+ * first test nor a stop nor a new interval waits out the old one. */
 void checker_work(checker& c);
 
 /* The interval in seconds. Setting one wakes the worker, which runs a pass at once; -1 ends it for

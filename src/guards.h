@@ -65,15 +65,19 @@ inline int condition_wait_until(condition& c, mutex& m, const timespec& deadline
     return pthread_cond_timedwait(&c.handle, &m.handle, &deadline);
 }
 
-/* The time `seconds` from now as a whole second (nanoseconds 0). Taken from the precise clock: the
- * coarse one behind time() can still show the previous second at a boundary, and a wait until such
- * a deadline would return at once, again and again. */
-inline timespec deadline_in(int seconds) {
+/* Seconds since the epoch by the precise clock. The coarse one behind time() can still show the
+ * previous second at a boundary, which is just when a wait for a whole second ends: two checks in a
+ * row would bear the same time. */
+inline time_t now_in_seconds() {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    now.tv_sec += seconds;
-    now.tv_nsec = 0;
-    return now;
+    return now.tv_sec;
+}
+
+/* The time `seconds` from now as a whole second (nanoseconds 0). By the precise clock too: a wait
+ * until a deadline taken from the coarse one would return at once, again and again. */
+inline timespec deadline_in(int seconds) {
+    return {now_in_seconds() + seconds, 0};
 }
 
 /* Stack of every worker thread, in bytes. The sanitizers need room of their own. */

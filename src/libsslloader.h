@@ -1,8 +1,8 @@
 /* Run-time binding of the TLS library.
  *
  * The agent is not linked to OpenSSL: it looks for the library on the host and calls it through the
- * pointers below, each named after the function it stands for. The candidates reach from 0.9.7 to 3;
- * functions that current releases no longer export are bound to their documented equivalents.
+ * pointers below, each named after the function it stands for. The candidates reach from 0.9.7 to
+ * 3; functions that current releases no longer export are bound to their documented equivalents.
  *
  * The pointers are written on the main thread before any other thread exists and only read
  * afterwards. The library is never closed, and not torn down at exit either: threads that still run

@@ -57,9 +57,9 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, SSL* pSSL);
  * null.
  *
  * Complete is a response with exactly as many bytes as its headers announce, or one that the peer
- * ended, over TLS with or without a closing alert: then the header size and the content length may be 0, the latter may exceed what arrived,
- * be exceeded by it, or be negative. A response that goes on beyond what it announced is read until
- * the peer ends it or the budget does. */
+ * ended, over TLS with the closing alert: then the header size and the content length may be 0, the
+ * latter may exceed what arrived, be exceeded by it, or be negative. A response that goes on beyond
+ * what it announced is read until the peer ends it or the budget does. */
 int receive_response(int sk, long* tout, char** out_buf, int* size_h, int* icnt_len, SSL* pSSL);
 
 /* Cuts [protocol]://[user:password@]host[:port][/path] into its parts, in place. Returns 1, or 0

@@ -288,8 +288,7 @@ void* write2logfile(void*) {
     }
 }
 
-/* A child is forked with the log at rest, and then forgets what its parent is going to write: the
- * waiting lines, and the date, without which it moves no file away under its parent's stream. */
+/* A child is forked with the log at rest, and then forgets the lines that its parent will write. */
 static void before_fork() NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_lock(&stream_mutex.handle);
     pthread_mutex_lock(&LOG_WRITER_MUTEX.handle);
@@ -303,7 +302,6 @@ static void after_fork_in_parent() NO_THREAD_SAFETY_ANALYSIS {
 static void after_fork_in_child() NO_THREAD_SAFETY_ANALYSIS {
     vLog = nullptr;
     vLoglen = 0;
-    current_day = 0;
     after_fork_in_parent();
 }
 

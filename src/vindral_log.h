@@ -6,10 +6,11 @@
  * the writer thread and is in the file about a second later. A line written at once takes what is
  * waiting out first, so one thread's lines keep their order.
  *
- * A line is "[DD/MM/YYYY:HH:MM:SS]\tTEXT\n", stamped in UTC when it was logged. The first line that
- * is written on a new UTC day moves the file to "FILE.YYYY-MM-DD", the day it covers, and begins a
- * new one. Only the number of the day is compared, and the first line after a start only takes note
- * of the day, so a file may hold more than one.
+ * A line is "[DD/MM/YYYY:HH:MM:SS]\tTEXT\n", stamped in UTC when it was logged. The first time the
+ * writer thread has lines on a new UTC day it moves the file to "FILE.YYYY-MM-DD", the day it
+ * covers, and begins a new one. Lines written at once go on in the old file until then, so at
+ * log_level 1 and below, where nothing is queued, the file is never moved. Only the number of the
+ * day is compared, and after a start the day is only noted, so a file may hold more than one.
  *
  * Threads: any thread may log, and none is cancelled in here. The stream has a mutex of its own,
  * held while lines are written or the file is changed; LOG_WRITER_MUTEX is taken inside it, or
@@ -24,10 +25,12 @@
 #include <ctime>
 #include <pthread.h>
 
-extern char*
-    log_file; /* path, malloc'd; set by option or configuration, fixed once lines are written */
-extern int
-    log_level; /* a line of level L is written when log_level > L; default 0; fixed at start */
+/* Path, malloc'd; set by option or configuration, fixed once lines are written. */
+extern char* log_file;
+
+/* A line of level L is written when log_level > L; default 0; fixed at start. */
+extern int log_level;
+
 extern FILE* m_logFile;        /* open stream or null; changes only under the stream's mutex */
 extern mutex LOG_WRITER_MUTEX; /* guards vLog and vLoglen */
 extern char** vLog GUARDED_BY(LOG_WRITER_MUTEX); /* whole lines waiting for the writer thread */
@@ -65,7 +68,7 @@ int shutdown_log_writer();
 
 /* For the handler of a crash: from here on the calling thread waits no more than a second, in all,
  * for locks of the log that it or a stuck thread may hold, and then writes its lines without them.
- * It leaves the queue alone when it cannot be locked, and never moves the file. */
+ * It leaves the queue alone when it cannot be locked. */
 void log_from_crash();
 
 #endif

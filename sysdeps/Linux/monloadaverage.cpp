@@ -8,7 +8,6 @@
 #include "vindral_wake.h"
 
 #include <cstdio>
-#include <ctime>
 
 static const uint32_t LDA_RECORD = 66;
 enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, REMOTE_FAILED = 10 };
@@ -109,7 +108,7 @@ static void add_lda_record(const load_av_def& test, time_t now, const double la[
 }
 
 static void check_lda_test(const load_av_def& test, const double local_la[3]) {
-    time_t now = time(nullptr);
+    time_t now = now_in_seconds();
     if (test.host == nullptr) {
         char* message = nullptr;
         uint32_t status = judge_load(test, local_la, &message);

@@ -276,7 +276,7 @@ def sanitizer_environment(directory):
     no terminal to print them on."""
     env = dict(os.environ)
     for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
-        own = "log_path=%s/sanitizer" % directory
+        own = "log_path='%s/sanitizer'" % directory  # a name may hold blanks
         env[name] = env[name] + ":" + own if env.get(name) else own
     return env
 

@@ -175,6 +175,19 @@ TEST_F(CheckerTest, AStopAfterEachPassReturnsWhereverTheWorkerIs) {
     current = &c;
 }
 
+TEST_F(CheckerTest, ASignalBeforeTheFirstWaitIsNotLost) {
+    for (int i = 0; i < 100; i++) {
+        checker young{.pass = counting_pass, .attr_message = "", .stack_message = ""};
+        current = &young;
+        passes = 0;
+        ASSERT_EQ(1, checker_start(young, worker));
+        checker_wake(young); /* most often before the thread has come to its first wait */
+        EXPECT_TRUE(eventually([] { return passes > 0; }));
+        checker_stop(young);
+    }
+    current = &c;
+}
+
 TEST_F(CheckerTest, StopWaitsForARunningPassAndStartsNoOther) {
     start();
     hold_pass = true;

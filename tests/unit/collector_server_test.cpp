@@ -578,6 +578,25 @@ TEST_F(collector_server, lines_added_are_sent_once_at_the_next_poll) {
     EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
 }
 
+/* An agent stops reading at Content-Length and closes: what is left unread makes that a reset. */
+TEST_F(collector_server, an_agent_that_closes_before_the_end_of_tls_has_its_lines) {
+    start("POL\t0\t30\n");
+    std::string session = log_in();
+    write_plan("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\n");
+    {
+        client c(port_);
+        ASSERT_TRUE(c.handshake());
+        ASSERT_TRUE(c.send(poll_text(session, "x")));
+        char answer[4095];
+        int got = SSL_read(c.ssl(), answer, sizeof answer);
+        ASSERT_GT(got, 0);
+        EXPECT_EQ(std::string(answer, size_t(got)),
+                  "HTTP/1.0 200 OK\r\nContent-Length: 14\r\n\r\nLAA\t7\t1\t5\t5\t5\n");
+        SSL_shutdown(c.ssl());
+    }
+    EXPECT_EQ(ask(poll_text(session, "")).text, empty_text);
+}
+
 TEST_F(collector_server, a_lost_answer_is_given_again) {
     start("POL\t0\t30\n");
     std::string session = log_in();

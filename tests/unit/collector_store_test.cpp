@@ -255,7 +255,7 @@ TEST_F(store_test, a_directory_that_cannot_be_made_is_told) {
     state = "/proc/no/such/place";
     EXPECT_NE(open(), "");
     state = "";
-    EXPECT_NE(open(), "");
+    EXPECT_EQ(open(), "no state directory is named");
 }
 
 /* Stands before SQLite's way to the files; counts what is synced, and fails when told to. */

@@ -116,14 +116,14 @@ protected:
 TEST_F(LoadAverage, WithinLimits) {
     char none[] = "";
     add_lda(1, 9, 1, 2, 3, none);
-    time_t before = time(nullptr);
+    time_t before = now_in_seconds();
     lda_record r = check();
     EXPECT_EQ(66u, r.type);
     EXPECT_EQ(1u, r.test);
     EXPECT_EQ(9u, r.location);
     EXPECT_EQ(0u, r.status);
     EXPECT_LE(before, r.time);
-    EXPECT_GE(time(nullptr), r.time);
+    EXPECT_GE(now_in_seconds(), r.time);
     EXPECT_EQ(0.50, r.la[0]);
     EXPECT_EQ(1.25, r.la[1]);
     EXPECT_EQ(2.00, r.la[2]);

@@ -1,0 +1,151 @@
+#!/usr/bin/env python3
+"""Figures of whole processes, from build/release: an idle agent, a large poll, and how many polls a
+collector takes on one core beside an nginx worker on the same core. Needs nginx and taskset; two cores.
+
+    tests/bench/whole.py [idle] [poll] [load]
+"""
+
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+BUILD = os.path.join(TOP, "build", "release")
+BENCH = os.path.join(BUILD, "tests", "bench")
+
+
+def wait_for(condition, what):
+    end = time.monotonic() + 30
+    while not condition():
+        if time.monotonic() > end:
+            sys.exit("waited in vain for " + what)
+        time.sleep(0.02)
+
+
+def start_collector(home, *before):
+    port_file = os.path.join(home, "port")
+    if os.path.exists(port_file):
+        os.unlink(port_file)
+    process = subprocess.Popen(
+        [*before, os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
+         port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000"],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_for(lambda: os.path.exists(port_file), "the collector")
+    with open(port_file, encoding="ascii") as file:
+        return process, int(file.read())
+
+
+def end(process):
+    process.terminate()
+    process.wait()
+
+
+def memory_kb(pid):
+    with open("/proc/%d/smaps_rollup" % pid, encoding="ascii") as file:
+        sizes = {line.split(":")[0]: int(line.split()[1]) for line in file if line.endswith(" kB\n")}
+    return sizes["Rss"], sizes["Pss"]
+
+
+def wake_ups(pid):
+    total = 0
+    for task in os.listdir("/proc/%d/task" % pid):
+        with open("/proc/%d/task/%s/status" % (pid, task), encoding="ascii") as file:
+            total += sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
+    return total
+
+
+def idle(home):
+    collector, port = start_collector(home)
+    paths = {key: os.path.join(home, key) for key in ("conf", "log", "pid")}
+    with open(paths["conf"], "w", encoding="utf-8") as file:
+        file.write("VINDRALHOME %s\nLOGFILE %s\nPIDFILE %s\nUSEREMAIL bench@example.org\nLOGLEVEL 1\n"
+                   "AGENTNAME idle\nUSEHOST https://127.0.0.1:%d/fcgi-bin/agentgateway\n"
+                   % (home, paths["log"], paths["pid"], port))
+    started = time.monotonic()
+    subprocess.run([os.path.join(BUILD, "vindral"), "-C", paths["conf"]], check=False)
+
+    def log():
+        try:
+            with open(paths["log"], encoding="utf-8") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
+
+    while "Authorization was successfully completed." not in log():
+        time.sleep(0.0005)
+    print("start to first answer: %.0f ms" % ((time.monotonic() - started) * 1000))
+    with open(paths["pid"], encoding="ascii") as file:
+        pid = int(file.read())
+    time.sleep(5)
+    before = wake_ups(pid)
+    time.sleep(30)
+    print("idle agent without a test: RSS %d KB, PSS %d KB, %.2f wake-ups/s" % (
+        *memory_kb(pid), (wake_ups(pid) - before) / 30))
+    os.kill(pid, signal.SIGHUP)
+    wait_for(lambda: not os.path.exists("/proc/%d" % pid), "the agent's end")
+    end(collector)
+
+
+def poll(home):
+    collector, port = start_collector(home)
+    subprocess.run([os.path.join(BENCH, "poll_block"), str(port), "1", "20"], check=True)
+    end(collector)
+
+
+def start_nginx(home, certificate, key):
+    conf = os.path.join(home, "nginx.conf")
+    with open(conf, "w", encoding="utf-8") as file:
+        file.write("""daemon off; worker_processes 1; pid %(home)s/nginx.pid; error_log /dev/null;
+events { worker_connections 1024; }
+http { access_log off; client_body_temp_path %(home)s/body; proxy_temp_path %(home)s/p;
+fastcgi_temp_path %(home)s/f; uwsgi_temp_path %(home)s/u; scgi_temp_path %(home)s/s;
+server { listen 127.0.0.1:18443 ssl backlog=1024; ssl_certificate %(cert)s; ssl_certificate_key %(key)s;
+ssl_session_cache off; ssl_session_tickets off; keepalive_timeout 0;
+location / { return 200 ""; } } }
+""" % {"home": home, "cert": certificate, "key": key})
+    process = subprocess.Popen(["taskset", "-c", "0", "nginx", "-c", conf, "-p", home],
+                               stderr=subprocess.DEVNULL)
+    children = "/proc/%d/task/%d/children" % (process.pid, process.pid)
+
+    def worker():
+        with open(children, encoding="ascii") as file:
+            return file.read().split()
+
+    wait_for(worker, "nginx")
+    return process, 18443, int(worker()[0])
+
+
+def load(home):
+    """Load on one core, the server on the other, in turns."""
+    collector, port = start_collector(home, "taskset", "-c", "0")
+    state = os.path.join(home, "state")
+    pem = sorted(name for name in os.listdir(state) if name.endswith(".pem"))
+    certificate = os.path.join(state, next(name for name in pem if "key" not in name))
+    key = os.path.join(state, next(name for name in pem if "key" in name))
+    nginx, nginx_port, nginx_worker = start_nginx(home, certificate, key)
+    for _ in range(3):
+        for name, pid, at, more in (("nginx", nginx_worker, nginx_port, ["--plain-answers"]),
+                                    ("collector", collector.pid, port, [])):
+            print(name + ": ", end="", flush=True)
+            subprocess.run(["taskset", "-c", "1", os.path.join(BENCH, "poll_load"), "--port", str(at),
+                            "--seconds", "5", "--threads", "32", "--pid", str(pid), *more], check=False)
+    end(nginx)
+    end(collector)
+
+
+def main():
+    chosen = sys.argv[1:] or ["idle", "poll", "load"]
+    home = tempfile.mkdtemp(prefix="vindral-bench-", dir="/var/tmp")
+    try:
+        for name in chosen:
+            {"idle": idle, "poll": poll, "load": load}[name](home)
+    finally:
+        shutil.rmtree(home)
+
+
+if __name__ == "__main__":
+    main()

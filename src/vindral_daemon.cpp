@@ -51,7 +51,7 @@ static int check_old_pid(int fd) {
 
 /* Returns only in the child, or 0 when there is none. */
 static int fork_child() {
-    fflush(stdout); /* or both processes would print what waits there */
+    fflush(stdout); /* so that whoever waits for the parent has its text by then */
     pid_t child = fork();
     if (child < 0) {
         leveledadd2log(0, "Failed on Fork: %m");

@@ -206,6 +206,13 @@ TEST_F(log_open, a_line_written_at_once_takes_the_waiting_ones_with_it) {
     EXPECT_EQ(queued(), 0);
 }
 
+TEST_F(log_open, shutdown_writes_what_still_waits) {
+    leveledadd2log(1, "waiting");
+    EXPECT_EQ(shutdown_log_writer(), 1);
+    EXPECT_EQ(log(), "[19/10/2011:23:04:05]\twaiting\n");
+    EXPECT_EQ(m_logFile, nullptr);
+}
+
 TEST_F(log_open, a_long_queue_keeps_its_order) {
     std::string expected;
     for (int i = 0; i < 3000; i++) {

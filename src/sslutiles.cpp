@@ -61,8 +61,7 @@ int wait_socket(int sk, short events, long* budget_us) {
     return ready;
 }
 
-/* --- opening a connection ----------------------------------------------------------------------
- */
+/* --- opening a connection -------------------------------------------------------------------- */
 
 /* A socket for the first address of the list that one can be made for; *chosen is that address. */
 static unique_fd open_socket(addrinfo* list, addrinfo** chosen) {
@@ -154,8 +153,7 @@ int make_connection(const char* _host, const char* _port, long* t_out) {
     return connected ? sk.release() : -1;
 }
 
-/* --- sending -----------------------------------------------------------------------------------
- */
+/* --- sending --------------------------------------------------------------------------------- */
 
 /* Returns 1 to carry on, also after an interrupted wait, 0 when the send has failed. */
 static int wait_to_send(int sk, long* tout) {
@@ -242,8 +240,7 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, SSL* pSSL) {
                            : send_tls(sk, sd, sd_len, tout, pSSL);
 }
 
-/* --- receiving ---------------------------------------------------------------------------------
- */
+/* --- receiving ------------------------------------------------------------------------------- */
 
 /* The size of the header block at the start of `doc`: every byte up to and including the empty
  * line,
@@ -491,8 +488,7 @@ int receive_response(int sk, long* tout, char** out_buf, int* size_h, int* icnt_
     return 1;
 }
 
-/* --- text helpers ------------------------------------------------------------------------------
- */
+/* --- text helpers ---------------------------------------------------------------------------- */
 
 /* Cuts `text` at the first `c` and returns what follows it; null when there is none. */
 static char* cut_at(char* text, char c) {

@@ -72,8 +72,7 @@ int urlparse(char* url, url_t* tokens);
  * white space is left out. Returns a malloc'd copy, or null when there is none or it is empty. */
 char* get_header_value(char* sResp, int iHSize, const char* strName);
 
-/* --- what the exchanges are made of ------------------------------------------------------------
- */
+/* --- what the exchanges are made of ---------------------------------------------------------- */
 
 /* Waits until `sk` is ready for `events` (POLLIN or POLLOUT, errors count as ready) or the budget
  * is used up, and charges the time. Returns 1 when ready, 0 on time-out, -1 with errno. Any

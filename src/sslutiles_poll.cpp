@@ -74,8 +74,7 @@ static double seconds_spent(long budget_us) {
     return static_cast<float>(POLL_BUDGET_US - budget_us) / 1000000;
 }
 
-/* --- TLS ---------------------------------------------------------------------------------------
- */
+/* --- TLS ------------------------------------------------------------------------------------- */
 
 static int tls_failed(const char* what) {
     char text[256];
@@ -132,8 +131,7 @@ static void say_goodbye(tls_connection& c) {
     c.socket.reset();
 }
 
-/* --- the request -------------------------------------------------------------------------------
- */
+/* --- the request ----------------------------------------------------------------------------- */
 
 /* Compresses the body of a logged-in poll where that is possible and fills in the values of its
  * headers: a compression value of 0 says that the body goes out as it is. */
@@ -208,8 +206,7 @@ static int send_poll(const tls_connection& c, const request& r, long* budget_us)
     return send_part(c, r.body, r.length, budget_us);
 }
 
-/* --- the exchange ------------------------------------------------------------------------------
- */
+/* --- the exchange ---------------------------------------------------------------------------- */
 
 static int receive_reply(const tls_connection& c, reply& answer, long* budget_us) {
     char* text = nullptr;

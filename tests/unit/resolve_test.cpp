@@ -12,8 +12,7 @@
 #include <semaphore>
 #include <string>
 
-/* --- what resolve.cpp meets instead of the system ----------------------------------------------
- */
+/* --- what resolve.cpp meets instead of the system -------------------------------------------- */
 
 struct seen_call {
     std::string host, port, thread_name;
@@ -66,8 +65,7 @@ static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* 
 #undef getaddrinfo
 #undef pthread_create
 
-/* ------------------------------------------------------------------------------------------------
- */
+/* --------------------------------------------------------------------------------------------- */
 
 static bool await(const std::function<bool()>& condition) {
     for (int i = 0; i < 30000 && !condition(); i++) {

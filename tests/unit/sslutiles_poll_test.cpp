@@ -180,8 +180,7 @@ static std::string first_answer(const std::string& id, const std::string& body) 
     return with_body(body, "Vnd-SessionID: " + id + "\r\n");
 }
 
-/* --- who may poll, and where to ----------------------------------------------------------------
- */
+/* --- who may poll, and where to -------------------------------------------------------------- */
 
 TEST_F(poll_exchange, without_an_account_or_a_name_nothing_is_tried) {
     static char empty[] = "";
@@ -217,8 +216,7 @@ TEST_F(poll_exchange, defaults_of_host_path_and_version) {
               request_);
 }
 
-/* --- the first poll ----------------------------------------------------------------------------
- */
+/* --- the first poll -------------------------------------------------------------------------- */
 
 TEST_F(poll_exchange, a_first_poll_names_account_and_agent) {
     static char version[] = "3.1";
@@ -285,8 +283,7 @@ TEST_F(poll_exchange, the_body_of_a_first_poll_counts_as_well) {
     EXPECT_EQ("s1", session());
 }
 
-/* --- later polls -------------------------------------------------------------------------------
- */
+/* --- later polls ----------------------------------------------------------------------------- */
 
 static std::string later_head(const std::string& id, size_t length, size_t compression,
                               unsigned long checksum) {
@@ -433,8 +430,7 @@ TEST_F(poll_exchange, the_body_is_what_arrived_up_to_its_first_nul) {
     EXPECT_OUTCOME(1, "7", 13, answered_and_ended("Content-Type: 12\nContent-Length: 1\n\n7"));
 }
 
-/* --- the whole life of a session, and what the log says ----------------------------------------
- */
+/* --- the whole life of a session, and what the log says -------------------------------------- */
 
 TEST_F(poll_exchange, a_session_from_login_to_end) {
     std::vector<tls_peer::conversation> script;
@@ -500,8 +496,7 @@ TEST_F(poll_exchange, the_log_of_a_poll) {
     }
 }
 
-/* --- failures ----------------------------------------------------------------------------------
- */
+/* --- failures -------------------------------------------------------------------------------- */
 
 TEST_F(poll_exchange, no_tls_context) {
     lib_SSL_CTX_new = [](const SSL_METHOD*) -> SSL_CTX* {
@@ -631,8 +626,7 @@ TEST_F(poll_exchange, descriptors_above_1023_work) {
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-/* --- cancellation ------------------------------------------------------------------------------
- */
+/* --- cancellation ---------------------------------------------------------------------------- */
 
 struct poll_order {
     const char *host, *port;

@@ -21,8 +21,7 @@
 #include <thread>
 #include <vector>
 
-/* --- what sslutiles.cpp meets instead of the system: the real thing unless a test says otherwise -
- */
+/* --- the system as sslutiles.cpp meets it: the real one, unless a test says otherwise --------- */
 
 static int failing_fcntl = -1; /* the command that fails */
 static int getsockopt_error = 0;
@@ -89,8 +88,7 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #undef resolve_host
 #undef freeaddrinfo
 
-/* ------------------------------------------------------------------------------------------------
- */
+/* --------------------------------------------------------------------------------------------- */
 
 using namespace std::string_literals;
 
@@ -161,8 +159,7 @@ struct socket_pair {
     }
 };
 
-/* --- opening a connection ----------------------------------------------------------------------
- */
+/* --- opening a connection -------------------------------------------------------------------- */
 
 static int connect_to(const char* port, long budget = 10 * SECOND) {
     return make_connection("127.0.0.1", port, &budget);
@@ -352,8 +349,7 @@ TEST_F(connection, wait_socket_leaves_nothing_of_the_budget_after_a_time_out) {
     }
 }
 
-/* --- sending -----------------------------------------------------------------------------------
- */
+/* --- sending --------------------------------------------------------------------------------- */
 
 static int send_text(int sk, const std::string& text, long budget = 10 * SECOND,
                      SSL* session = nullptr) {
@@ -461,8 +457,7 @@ TEST_F(connection, an_interrupted_wait_does_not_end_a_send) {
     EXPECT_TRUE(received.ends_with("the end"));
 }
 
-/* --- sending over TLS: rare outcomes -----------------------------------------------------------
- */
+/* --- sending over TLS: rare outcomes --------------------------------------------------------- */
 
 static SSL* const fake_session = reinterpret_cast<SSL*>(&lib_SSL_write);
 
@@ -635,8 +630,7 @@ TEST_F(fake_tls, more_than_an_int_of_bytes_is_refused) {
     EXPECT_EQ(0u, tls_calls);
 }
 
-/* --- receiving ---------------------------------------------------------------------------------
- */
+/* --- receiving ------------------------------------------------------------------------------- */
 
 struct received {
     int result;
@@ -914,8 +908,7 @@ TEST_F(connection, descriptors_above_1023_work) {
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-/* --- receiving over TLS: rare outcomes ---------------------------------------------------------
- */
+/* --- receiving over TLS: rare outcomes ------------------------------------------------------- */
 
 static int size_of(const std::string& text) {
     return static_cast<int>(text.size());
@@ -1018,8 +1011,7 @@ TEST_F(fake_tls, an_endless_response_is_given_up) {
     EXPECT_EQ("0 ERROR: receive_response: more than 67108864 bytes received.\n", take_log_text());
 }
 
-/* --- over real TLS -----------------------------------------------------------------------------
- */
+/* --- over real TLS --------------------------------------------------------------------------- */
 
 /* A client session on a new connection to `server`. */
 struct tls_client {
@@ -1148,8 +1140,7 @@ TEST_F(connection, a_tls_peer_that_speaks_plain_text_in_between) {
     EXPECT_TRUE(take_log_text().starts_with("0 ERROR: receive_response: SSL_read: error:"));
 }
 
-/* --- text helpers ------------------------------------------------------------------------------
- */
+/* --- text helpers ---------------------------------------------------------------------------- */
 
 static int header_size(const std::string& text) {
     return is_header_loaded(text.data(), size_of(text));

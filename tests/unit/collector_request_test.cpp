@@ -105,3 +105,18 @@ TEST(collector_request, the_end_of_a_head_is_found_across_pieces) {
     }
     EXPECT_EQ(find_head("", 0), 0u);
 }
+
+TEST(collector_request, any_byte_may_be_wrong) {
+    const std::string head = "POST /x HTTP/1.0\r\nContent-Length: 12\r\nVnd-SessionID: 00ff\r\n"
+                             "Vnd-Compression: 10\r\nVnd-CheckSum: 1\r\n\r\n";
+    for (size_t at = 0; at < head.size(); ++at) {
+        for (int byte = 0; byte < 256; ++byte) {
+            std::string wrong = head;
+            wrong[at] = char(byte);
+            request r;
+            std::string error;
+            bool good = parse_head(wrong, r, error);
+            EXPECT_EQ(good, error.empty());
+        }
+    }
+}

@@ -13,8 +13,10 @@ that is byte for byte the last one is the same block to the collector."""
 import itertools
 import random
 import re
+import select
 import socket
 import ssl
+import threading
 import time
 
 import harness
@@ -93,6 +95,60 @@ class Proxy(ScriptedServer):
 PHASES = ["before the connection", "connected", "after the handshake", "half the head",
           "before the body", "half the body", "whole request", "before the answer is passed on",
           "after the answer"]
+
+
+class Relay:
+    """Passes bytes between the agent and the collector, TLS and all. In the connections that `points`
+    names one after the other (a number of chunks, both directions counted, and what to do then), the
+    connection breaks off on both sides in place of that chunk."""
+
+    def __init__(self, test, collector, points, loaded):
+        self.collector = collector
+        self.points = list(points)
+        self.done = 0
+        self.loaded = loaded  # true once the agent has tests; before, a failure costs it a minute
+        self.stopping = False
+        self.listener = socket.create_server(("127.0.0.1", 0), backlog=64)
+        self.port = self.listener.getsockname()[1]
+        self.thread = threading.Thread(target=self._accept)
+        self.thread.start()
+        test.addCleanup(self.stop)
+
+    def stop(self):
+        self.stopping = True
+        try:
+            self.listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.thread.join()
+        self.listener.close()
+
+    def _accept(self):
+        """One connection after the other, as an agent makes them."""
+        while not self.stopping:
+            try:
+                agent, _ = self.listener.accept()
+                with agent, socket.create_connection(("127.0.0.1", self.collector.port)) as server:
+                    self._pass_on(agent, server)
+            except OSError:
+                pass
+
+    def _pass_on(self, agent, server):
+        point = self.points[self.done] if self.done < len(self.points) and self.loaded() else None
+        open_ends = {agent: server, server: agent}
+        chunks = 0
+        while open_ends and not self.stopping:
+            for end in select.select(list(open_ends), [], [], 0.1)[0]:
+                data = end.recv(65536)
+                chunks += 1
+                if point and chunks == point[0]:
+                    self.done += 1
+                    point[1]()
+                    return
+                if data:
+                    open_ends[end].sendall(data)
+                else:
+                    open_ends.pop(end).shutdown(socket.SHUT_WR)
 
 
 class Strike:
@@ -191,6 +247,31 @@ class Killed(harness.TestCase):
         """The block that was collected last may not have been sent any more."""
         return int(re.findall(r"get_lda_results data size: (\d+)", agent.log())[-1])
 
+    def test_at_every_chunk(self):
+        """The connection breaks with the collector, or without it, at its first chunk, its second
+        and so on: in the handshake, the request, the answer."""
+        harness.in_parallel(self, [("chunk %d" % chunk, lambda chunk=chunk: self.break_at(chunk))
+                                   for chunk in range(1, 8)])
+
+    def break_at(self, chunk):
+        collector = harness.Collector(self, *PLAN, name="chunk%d" % chunk).start()
+
+        def restart():
+            collector.kill()
+            collector.start()
+        relay = Relay(self, collector, [(chunk, restart), (chunk, lambda: None), (chunk, restart)],
+                      lambda: collector.results())
+        agent = harness.Agent(self, relay.port, name="chunk%d" % chunk, wrap=self.wrap).start()
+        # The last chunks are those of a long exchange; not every poll has so many.
+        harness.wait_until(lambda: relay.done >= (3 if chunk < 6 else 1),
+                           lambda: "%d breaks\n%s" % (relay.done, agent.log()[-3000:]))
+        relay.points = relay.points[:relay.done]
+        self.wait_polls_in_order(agent)
+        agent.stop()
+        relay.stop()
+        collector.stop()
+        self.check_by_log(agent, collector.rows())
+
     def test_at_random_moments(self):
         """Agents that talk to the collector themselves. What they collected is in their logs."""
         seed = random.randrange(1 << 32)
@@ -219,16 +300,19 @@ class Killed(harness.TestCase):
         collector.stop()
         rows = collector.rows()
         for agent, name in zip(agents, names):
-            mine = [row for row in rows if row.agent == name]
-            stored = sum(len(row.record) for row in mine)
-            collected = sum(map(int, re.findall(r"get_lda_results data size: (\d+)", agent.log())))
-            last = 0 if self.ended_in_order(agent) else self.last_collected(agent)
-            self.assertIn(collected - stored, (0, last))
-            for test in (1, 2):
-                # A block that was stored twice would go back.
-                loads = [records.as_load(records.decode(row.record)[0]).values[0]
-                         for row in mine if row.test == test]
-                self.assertEqual(loads, sorted(loads), name)
+            self.check_by_log(agent, [row for row in rows if row.agent == name])
+
+    def check_by_log(self, agent, rows):
+        """As much is stored as the agent collected, in this order."""
+        stored = sum(len(row.record) for row in rows)
+        collected = sum(map(int, re.findall(r"get_lda_results data size: (\d+)", agent.log())))
+        last = 0 if self.ended_in_order(agent) else self.last_collected(agent)
+        self.assertIn(collected - stored, (0, last))
+        for test in (1, 2):
+            # A block that was stored twice would go back.
+            loads = [records.as_load(records.decode(row.record)[0]).values[0]
+                     for row in rows if row.test == test]
+            self.assertEqual(loads, sorted(loads))
 
     def wait_polls_in_order(self, agent):
         start = len(agent.log())

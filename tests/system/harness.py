@@ -187,6 +187,33 @@ def make_socket_file(path):
         listener.bind(path)
 
 
+class RisingLoad:
+    """A file to mount over /proc/loadavg, with values that rise every few milliseconds."""
+
+    def __init__(self, test):
+        self.path = os.path.join(test.subdir("rising"), "loadavg")
+        self._file = open(self.path, "wb", buffering=0)
+        self._write(0)
+        self._stopping = threading.Event()
+        self._thread = threading.Thread(target=self._rise)
+        self._thread.start()
+        test.addCleanup(self._stop)
+
+    def _write(self, value):
+        os.pwrite(self._file.fileno(), b"%09d.00 0.00 0.00 1/1 1\n" % value, 0)
+
+    def _rise(self):
+        value = 0
+        while not self._stopping.wait(0.002):
+            value += 1
+            self._write(value)
+
+    def _stop(self):
+        self._stopping.set()
+        self._thread.join()
+        self._file.close()
+
+
 class Process:
     """A process by its id, child or not, ended and waited for through a pidfd."""
 

@@ -62,3 +62,10 @@ def as_load(record):
         raise ValueError("not a load-average record: %r" % (record,))
     return Load(record.ui32[1], record.ui32[2], record.i64[0], tuple(record.d64),
                 record.strings[0], record.ui32[3])
+
+
+def encode_load(load):
+    """The bytes of a load-average record."""
+    text = load.message.encode() + b"\0"
+    return struct.pack("<8I 4I q 3d", 32 + 48 + len(text), 0, 4, 1, 0, 3, 1, 0, LOAD_AVERAGE, load.test,
+                       load.location, load.status, load.time, *load.values) + text

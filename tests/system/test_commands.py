@@ -147,7 +147,8 @@ class Tests(Scripted):
 
     def test_line_ends(self):
         """Fields end at the line feed: a carriage return stays in the last one."""
-        self.start("CHK\t0\t1\r\nPOL\t0\t1\r\nLAA\t5\t1\t-1\t-1\t-1\r\nXYZ\r\n\r\n\n\nLAA\t6\t1\t" + UNLIMITED)
+        self.start("CHK\t0\t1\r\nPOL\t0\t1\r\n"
+                   "LAA\t5\t1\t-1\t-1\t-1\r\nXYZ\r\n\r\n\n\nLAA\t6\t1\t" + UNLIMITED)
         harness.wait_until(lambda: {5, 6} <= {load.test for load in self.loads()}, "both tests")
         self.agent.stop()
         log = self.agent.log()

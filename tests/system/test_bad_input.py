@@ -137,7 +137,7 @@ class Plan(harness.TestCase):
         lines = {**good, **bad}
         collector = harness.Collector(self, *[lines[number] for number in sorted(lines)]).start()
         for number in bad:
-            collector.wait_errors("\nvindral-collector: plan line %d: " % number)
+            collector.wait_errors(" plan line %d: " % number)
         for number in good:
             self.assertNotIn("plan line %d:" % number, collector.errors())
         self.assertNotIn("\x1b", collector.errors())

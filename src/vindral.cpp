@@ -5,19 +5,25 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <semaphore.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 
-/* Posted when the main worker thread ends, however it ends. */
-static sem_t worker_ended;
+/* Descriptors for the life of the process. */
+static int worker_ended = -1; /* event: the main worker thread ended, however it did */
+static int hang_ups = -1;     /* SIGHUP, which is blocked in every thread */
 
 static void* run_worker(void* arg) {
     struct at_the_end {
-        ~at_the_end() { sem_post(&worker_ended); }
+        ~at_the_end() {
+            cancel_off uncancelled;
+            eventfd_write(worker_ended, 1);
+        }
     } announce;
     return main_worker_thread(arg);
 }
 
-static int start_worker() {
+static int start_worker(const sigset_t& shutdown_signals) {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
         leveledadd2log(-1, "Pthread attribute initialization failed.");
@@ -29,9 +35,11 @@ static int start_worker() {
     }
     set_poll_interval(60);
     leveledadd2log(0, f_title, static_cast<unsigned long>(getpid()), AGENT_VERSION, BUILD_DATE);
-    sem_init(&worker_ended, 0, 0);
+    worker_ended = eventfd(0, EFD_CLOEXEC);
+    hang_ups = signalfd(-1, &shutdown_signals, SFD_CLOEXEC);
     pthread_t worker;
-    if (pthread_create(&worker, &attributes, run_worker, nullptr) != 0) {
+    if (worker_ended < 0 || hang_ups < 0 ||
+        pthread_create(&worker, &attributes, run_worker, nullptr) != 0) {
         leveledadd2log(-1, "Can not create main worker thread.");
         return 0;
     }
@@ -42,13 +50,17 @@ static int start_worker() {
     return 1;
 }
 
-/* SIGHUP is blocked everywhere but here, where this thread holds no lock: its handler may log and
- * cancel the worker. One that came earlier was pending and is handled now. */
-static void wait_for_worker(const sigset_t& shutdown_signals) {
-    pthread_sigmask(SIG_UNBLOCK, &shutdown_signals, nullptr);
-    while (sem_wait(&worker_ended) != 0) {
+/* SIGHUP interrupts nobody: it is blocked everywhere and read here, by a thread that holds no lock.
+ * One that came earlier was pending and is read now. */
+static void wait_for_worker() {
+    pollfd waited[] = {{worker_ended, POLLIN, 0}, {hang_ups, POLLIN, 0}};
+    while (!(waited[0].revents & POLLIN)) {
+        signalfd_siginfo hang_up;
+        if (poll(waited, 2, -1) > 0 && (waited[1].revents & POLLIN) &&
+            read(hang_ups, &hang_up, sizeof hang_up) > 0) {
+            catch_all_signals(SIGHUP);
+        }
     }
-    pthread_sigmask(SIG_BLOCK, &shutdown_signals, nullptr);
     pthread_join(main_worker_thread_handle, nullptr);
     main_worker_thread_handle = 0;
 }
@@ -73,10 +85,10 @@ int main(int argc, char** argv) {
         leveledadd2log(-1, "SSL connection initialization failed.");
         return 0;
     }
-    if (!start_checkers() || !start_worker()) {
+    if (!start_checkers() || !start_worker(shutdown_signals)) {
         return 0;
     }
-    wait_for_worker(shutdown_signals);
+    wait_for_worker();
     stop_checkers();
     shutdown_log_writer();
     return 0;

@@ -1,8 +1,8 @@
 /* What the agent does on signals.
  *
- * SIGHUP ends it in order: the main worker thread is cancelled and main shuts down. The signal must
- * be blocked on every thread and let through only where main waits for that thread and holds no
- * lock; only so may the handler log.
+ * SIGHUP ends it in order: the main worker thread is cancelled and main shuts down. The signal is
+ * blocked on every thread; main reads it as an event and then calls the handler itself, where it
+ * holds no lock: only so may the handler log.
  *
  * SIGSEGV writes a backtrace to the log and ends the process with status 0, on whatever thread and
  * with whatever lock held it comes. When that gets stuck, as it must for a crash inside malloc, an

@@ -104,7 +104,7 @@ events { worker_connections 1024; }
 http { access_log off; client_body_temp_path %(home)s/body; proxy_temp_path %(home)s/p;
 fastcgi_temp_path %(home)s/f; uwsgi_temp_path %(home)s/u; scgi_temp_path %(home)s/s;
 server { listen 127.0.0.1:18443 ssl backlog=1024; ssl_certificate %(cert)s; ssl_certificate_key %(key)s;
-ssl_session_cache off; ssl_session_tickets off; keepalive_timeout 0;
+ssl_protocols TLSv1.2 TLSv1.3; ssl_session_cache off; ssl_session_tickets off; keepalive_timeout 0;
 location / { return 200 ""; } } }
 """ % {"home": home, "cert": certificate, "key": key})
     process = subprocess.Popen(["taskset", "-c", "0", "nginx", "-c", conf, "-p", home],

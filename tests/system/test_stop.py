@@ -12,6 +12,7 @@ import harness
 from scripted_server import ScriptedServer, accept_login
 
 STOPS = 48 if harness.SANITIZERS else 200
+COMMANDS = 5000 if harness.SANITIZERS else 100000
 AT_ONCE = 12 if harness.SANITIZERS else 40
 DEADLINE_S = 60 if harness.SANITIZERS else 20  # two seconds are the log writer's; the rest is doubt
 FAREWELL = "SIGHUP Received, Shutting down."
@@ -87,7 +88,7 @@ class State:
 
     def executing(self):
         """Works through a reply of very many commands, most of which wake the checker."""
-        commands = "LAA\t1\t1\t-1\t-1\t-1\n" + "LAM\t1\t1\t0\t-1\t-1\n" * 100000
+        commands = "LAA\t1\t1\t-1\t-1\t-1\n" + "LAM\t1\t1\t0\t-1\t-1\n" * COMMANDS
         agent = self.started_with(accept_login(commands=commands), taken=1)
         time.sleep(self.chance.uniform(0, 0.2))
         return agent

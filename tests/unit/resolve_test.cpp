@@ -25,7 +25,7 @@ struct seen_call {
 static std::atomic<int> name_calls = 0;
 static seen_call last_call; /* of a name, not of a number; read after the call has returned */
 static std::counting_semaphore<> may_answer(0);
-static bool slow = false;
+static std::atomic<bool> slow = false;
 static std::atomic<int> answer_code = 0;
 static int thread_error = 0;
 

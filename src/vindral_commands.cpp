@@ -1,7 +1,12 @@
 #include "vindral_commands.h"
 
+#include "cpumon.h"
+#include "diskmon.h"
 #include "guards.h"
+#include "memmon.h"
 #include "monloadaverage.h"
+#include "netmon.h"
+#include "processmon.h"
 #include "shell_command.h"
 #include "vindral_checkers.h"
 #include "vindral_config.h"
@@ -9,6 +14,7 @@
 #include "vindral_log.h"
 #include "vindral_text.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,6 +45,74 @@ static void cmd_check_interval(char** f, size_t) {
     }
 }
 
+static void cmd_add_proc(char** f, size_t) {
+    add_proc(f[6], number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]));
+}
+
+static void cmd_modify_proc(char** f, size_t) {
+    mod_proc(f[6], number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]));
+}
+
+static void cmd_remove_proc(char** f, size_t) {
+    rem_proc(number(f[1]));
+}
+
+static void cmd_add_mem(char** f, size_t count) {
+    add_mem(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
+            number(f[7]), optional_field(f, count, 8));
+}
+
+static void cmd_modify_mem(char** f, size_t count) {
+    modify_mem(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
+               number(f[7]), optional_field(f, count, 8));
+}
+
+static void cmd_remove_mem(char** f, size_t) {
+    rem_mem(number(f[1]));
+}
+
+struct disk_limits {
+    double min_free, max_read, max_write;
+};
+
+/* What a disk test watches is told by the number of its fields; -1 is not watched. */
+static disk_limits disk_fields(char** f, size_t count) {
+    if (count == 5) {
+        return {strtod(f[4], nullptr), -1.0, -1.0};
+    }
+    return {-1.0, strtod(f[4], nullptr), strtod(f[5], nullptr)};
+}
+
+static void cmd_add_disk(char** f, size_t count) {
+    disk_limits limits = disk_fields(f, count);
+    add_diskdesc(number(f[1]), number(f[2]), f[3], limits.min_free, limits.max_read,
+                 limits.max_write);
+}
+
+static void cmd_modify_disk(char** f, size_t count) {
+    disk_limits limits = disk_fields(f, count);
+    modify_disk(number(f[1]), number(f[2]), f[3], limits.min_free, limits.max_read,
+                limits.max_write);
+}
+
+static void cmd_remove_disk(char** f, size_t) {
+    rem_disk(number(f[1]));
+}
+
+static void cmd_add_cpu(char** f, size_t count) {
+    add_cpu(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
+            number(f[7]), optional_field(f, count, 8), optional_field(f, count, 9));
+}
+
+static void cmd_modify_cpu(char** f, size_t count) {
+    modify_cpu(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
+               number(f[7]), optional_field(f, count, 8), optional_field(f, count, 9));
+}
+
+static void cmd_remove_cpu(char** f, size_t) {
+    rem_cpu(number(f[1]));
+}
+
 static void cmd_add_lda(char** f, size_t count) {
     add_lda(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]),
             optional_field(f, count, 6));
@@ -53,9 +127,25 @@ static void cmd_remove_lda(char** f, size_t) {
     rem_lda(number(f[1]));
 }
 
+static void cmd_add_net(char** f, size_t) {
+    add_nettest(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
+                number(f[7]), number(f[8]), number(f[9]));
+}
+
+static void cmd_modify_net(char** f, size_t) {
+    modify_nettest(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
+                   number(f[7]), number(f[8]), number(f[9]));
+}
+
+static void cmd_remove_net(char** f, size_t) {
+    rem_nettest(number(f[1]));
+}
+
 static void cmd_update(char** f, size_t) {
     start_updater(f[1], f[2], f[3]);
 }
+
+static const size_t MORE_FIELDS = SIZE_MAX; /* those beyond the least are ignored */
 
 enum test_id { NO_ID, NONZERO_ID }; /* NONZERO_ID: field 1 is the test id; 0 drops the command */
 
@@ -65,12 +155,33 @@ static const struct {
     test_id id;
     void (*execute)(char** fields, size_t count);
 } commands[] = {
-    {"POL", 3, 3, NO_ID, cmd_poll_interval},   /* -, seconds */
-    {"CHK", 3, 3, NO_ID, cmd_check_interval},  /* -, seconds */
-    {"LAA", 6, 7, NONZERO_ID, cmd_add_lda},    /* tid, loc_id, la1, la5, la15 [, host] */
-    {"LAM", 6, 7, NONZERO_ID, cmd_modify_lda}, /* as LAA */
+    {"POL", 3, 3, NO_ID, cmd_poll_interval},  /* -, seconds */
+    {"CHK", 3, 3, NO_ID, cmd_check_interval}, /* -, seconds */
+    /* t_id, loc_id, cpu_critical, rss_critical, vsize_critical, pr_name */
+    {"PRA", 7, 7, NONZERO_ID, cmd_add_proc},
+    {"PRM", 7, 7, NONZERO_ID, cmd_modify_proc},
+    {"PRD", 3, 3, NONZERO_ID, cmd_remove_proc}, /* t_id, - */
+    /* _tid, loc_id, mem_min, swap_min, virt_min, buffered_max, cached_max [, host] */
+    {"MMA", 8, 9, NONZERO_ID, cmd_add_mem},
+    {"MMM", 8, 9, NONZERO_ID, cmd_modify_mem},
+    {"MMD", 3, 3, NONZERO_ID, cmd_remove_mem}, /* t_id, - */
+    /* _tid, _lid, _mp, min_free_space; or _tid, _lid, _mp, max_read, max_write */
+    {"DKA", 5, 6, NONZERO_ID, cmd_add_disk},
+    {"DKM", 5, 6, NONZERO_ID, cmd_modify_disk},
+    {"DKD", 3, 3, NONZERO_ID, cmd_remove_disk}, /* _tid, - */
+    /* tid, loc_id, user_max, system_max, nice_max, idle_min, iowait_max [, host [, system]] */
+    {"CUA", 8, 10, NONZERO_ID, cmd_add_cpu},
+    {"CUM", 8, 10, NONZERO_ID, cmd_modify_cpu},
+    {"CUD", 3, 3, NONZERO_ID, cmd_remove_cpu}, /* t_id, - */
+    /* tid, loc_id, la1, la5, la15 [, host] */
+    {"LAA", 6, 7, NONZERO_ID, cmd_add_lda},
+    {"LAM", 6, 7, NONZERO_ID, cmd_modify_lda},
     {"LAD", 3, 3, NONZERO_ID, cmd_remove_lda}, /* t_id, - */
-    {"UPD", 4, 4, NO_ID, cmd_update},          /* dname, url, chsum */
+    /* tid, lid, adapter, then the most per second: packets, bytes and errors, sent and received */
+    {"NTA", 10, MORE_FIELDS, NONZERO_ID, cmd_add_net},
+    {"NTM", 10, MORE_FIELDS, NONZERO_ID, cmd_modify_net},
+    {"NTD", 3, MORE_FIELDS, NONZERO_ID, cmd_remove_net}, /* tid, - */
+    {"UPD", 4, 4, NO_ID, cmd_update},                    /* dname, url, chsum */
 };
 
 void add_from_array(char** ms, size_t msl) {

@@ -12,30 +12,91 @@
 /* What the commands reach, recorded as text. */
 static std::string calls;
 
-static std::string text_of(const char* host) {
-    return host != nullptr ? host : "(none)";
+static void append(std::ostringstream& out, const char* text) {
+    out << " " << (text != nullptr ? text : "(none)");
+}
+static void append(std::ostringstream& out, char* text) {
+    append(out, static_cast<const char*>(text));
+}
+template <typename T>
+static void append(std::ostringstream& out, T value) {
+    out << " " << value;
+}
+template <typename... A>
+static void record(const char* operation, A... arguments) {
+    std::ostringstream out;
+    out << operation;
+    (append(out, arguments), ...);
+    calls += out.str() + "\n";
 }
 
 void set_poll_interval(int poll_interval) {
-    calls += "POL " + std::to_string(poll_interval) + "\n";
+    record("POL", poll_interval);
 }
 void set_check_intervals(int t_sec) {
-    calls += "CHK " + std::to_string(t_sec) + "\n";
+    record("CHK", t_sec);
+}
+void add_proc(char* pr_name, int t_id, int loc_id, int cpu, int rss, int vsize) {
+    record("add_proc", pr_name, t_id, loc_id, cpu, rss, vsize);
+}
+void mod_proc(char* pr_name, int t_id, int loc_id, int cpu, int rss, int vsize) {
+    record("mod_proc", pr_name, t_id, loc_id, cpu, rss, vsize);
+}
+void rem_proc(int t_id) {
+    record("rem_proc", t_id);
+}
+void add_mem(int tid, int loc_id, int mem, int swap, int virt, int buffers, int cached,
+             char* host) {
+    record("add_mem", tid, loc_id, mem, swap, virt, buffers, cached, host);
+}
+void modify_mem(int tid, int loc_id, int mem, int swap, int virt, int buffers, int cached,
+                char* host) {
+    record("modify_mem", tid, loc_id, mem, swap, virt, buffers, cached, host);
+}
+void rem_mem(int t_id) {
+    record("rem_mem", t_id);
+}
+void add_diskdesc(int tid, int lid, char* mp, double min_free, double max_read, double max_write) {
+    record("add_diskdesc", tid, lid, mp, min_free, max_read, max_write);
+}
+void modify_disk(int tid, int lid, char* mp, double min_free, double max_read, double max_write) {
+    record("modify_disk", tid, lid, mp, min_free, max_read, max_write);
+}
+void rem_disk(int tid) {
+    record("rem_disk", tid);
+}
+void add_cpu(int tid, int loc_id, int user, int system, int nice, int idle, int iowait, char* host,
+             char* kind) {
+    record("add_cpu", tid, loc_id, user, system, nice, idle, iowait, host, kind);
+}
+void modify_cpu(int tid, int loc_id, int user, int system, int nice, int idle, int iowait,
+                char* host, char* kind) {
+    record("modify_cpu", tid, loc_id, user, system, nice, idle, iowait, host, kind);
+}
+void rem_cpu(int t_id) {
+    record("rem_cpu", t_id);
 }
 void add_lda(int tid, int loc_id, int la1, int la5, int la15, char* host) {
-    std::ostringstream o;
-    o << "add_lda " << tid << " " << loc_id << " " << la1 << " " << la5 << " " << la15 << " "
-      << text_of(host) << "\n";
-    calls += o.str();
+    record("add_lda", tid, loc_id, la1, la5, la15, host);
 }
 void modify_lda(int tid, int loc_id, int la1, int la5, int la15, char* host) {
-    std::ostringstream o;
-    o << "modify_lda " << tid << " " << loc_id << " " << la1 << " " << la5 << " " << la15 << " "
-      << text_of(host) << "\n";
-    calls += o.str();
+    record("modify_lda", tid, loc_id, la1, la5, la15, host);
 }
 void rem_lda(int t_id) {
-    calls += "rem_lda " + std::to_string(t_id) + "\n";
+    record("rem_lda", t_id);
+}
+void add_nettest(int tid, int lid, char* adapter, int pkts_sent, int pkts_recv, int bytes_sent,
+                 int bytes_recv, int errors_sent, int errors_recv) {
+    record("add_nettest", tid, lid, adapter, pkts_sent, pkts_recv, bytes_sent, bytes_recv,
+           errors_sent, errors_recv);
+}
+void modify_nettest(int tid, int lid, char* adapter, int pkts_sent, int pkts_recv, int bytes_sent,
+                    int bytes_recv, int errors_sent, int errors_recv) {
+    record("modify_nettest", tid, lid, adapter, pkts_sent, pkts_recv, bytes_sent, bytes_recv,
+           errors_sent, errors_recv);
+}
+void rem_nettest(int tid) {
+    record("rem_nettest", tid);
 }
 char* agent_home = nullptr;
 
@@ -84,6 +145,67 @@ TEST(Commands, LoadAverage) {
     EXPECT_EQ("", run("LAD\t0\t0"));
     EXPECT_EQ("", run("LAD\t7\t0\t0"));
     EXPECT_EQ("", take_log_text()); /* malformed commands are dropped silently */
+}
+
+/* Every command that adds, changes or removes a test of the machine itself. */
+TEST(Commands, LocalCheckers) {
+    struct {
+        const char* code;
+        const char* fields; /* of the shortest line, the code left out */
+        const char* call;
+        size_t surplus; /* fields that may follow; SIZE_MAX: any number */
+    } const cases[] = {
+        {"PRA", "7\t3\t50\t-1\t300\tmy daemon", "add_proc my daemon 7 3 50 -1 300", 0},
+        {"PRM", "7\t3\t50\t-1\t300\tx", "mod_proc x 7 3 50 -1 300", 0},
+        {"PRD", "7\t0", "rem_proc 7", 0},
+        {"MMA", "7\t3\t1\t2\t4\t5\t6", "add_mem 7 3 1 2 4 5 6 (none)", 1},
+        {"MMM", "7\t3\t1\t2\t4\t5\t6", "modify_mem 7 3 1 2 4 5 6 (none)", 1},
+        {"MMD", "7\t0", "rem_mem 7", 0},
+        {"DKA", "7\t3\t/(/dev/sda1|ext4)\t1.5", "add_diskdesc 7 3 /(/dev/sda1|ext4) 1.5 -1 -1", 1},
+        {"DKM", "7\t3\t/\tx", "modify_disk 7 3 / 0 -1 -1", 1},
+        {"DKD", "7\t0", "rem_disk 7", 0},
+        {"CUA", "7\t3\t1\t2\t4\t5\t6", "add_cpu 7 3 1 2 4 5 6 (none) (none)", 2},
+        {"CUM", "7\t3\t1\t2\t4\t5\t6", "modify_cpu 7 3 1 2 4 5 6 (none) (none)", 2},
+        {"CUD", "7\t0", "rem_cpu 7", 0},
+        {"NTA", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "add_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
+        {"NTM", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "modify_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
+        {"NTD", "7\t0", "rem_nettest 7", SIZE_MAX},
+    };
+    take_log();
+    for (const auto& c : cases) {
+        std::string line = std::string(c.code) + "\t" + c.fields;
+        EXPECT_EQ(std::string(c.call) + "\n", run(line));
+        EXPECT_EQ("", run(line.substr(0, line.rfind('\t')))) << "a field short: " << line;
+        EXPECT_EQ("", run(std::string(c.code)));
+        std::string id_0 = line, id_text = line;
+        EXPECT_EQ("", run(id_0.replace(4, 1, "0"))) << id_0;
+        EXPECT_EQ("", run(id_text.replace(4, 1, "x"))) << id_text;
+        if (c.surplus == SIZE_MAX) {
+            EXPECT_EQ(std::string(c.call) + "\n", run(line + "\tmore\tmore\tmore"));
+        } else {
+            for (size_t i = 0; i <= c.surplus; i++) {
+                line += "\tx";
+            }
+            EXPECT_EQ("", run(line)) << "a field too many: " << line;
+        }
+    }
+    EXPECT_EQ("", take_log_text()); /* malformed commands are dropped silently */
+}
+
+TEST(Commands, OptionalFields) {
+    EXPECT_EQ("add_mem 7 3 1 2 4 5 6 h\n", run("MMA\t7\t3\t1\t2\t4\t5\t6\th"));
+    EXPECT_EQ("modify_mem 7 3 1 2 4 5 6 h\n", run("MMM\t7\t3\t1\t2\t4\t5\t6\th"));
+    EXPECT_EQ("add_cpu 7 3 1 2 4 5 6 h (none)\n", run("CUA\t7\t3\t1\t2\t4\t5\t6\th"));
+    EXPECT_EQ("add_cpu 7 3 1 2 4 5 6 h linux\n", run("CUA\t7\t3\t1\t2\t4\t5\t6\th\tlinux"));
+    EXPECT_EQ("modify_cpu 7 3 1 2 4 5 6 h (none)\n", run("CUM\t7\t3\t1\t2\t4\t5\t6\th"));
+    EXPECT_EQ("modify_cpu 7 3 1 2 4 5 6 h x\n", run("CUM\t7\t3\t1\t2\t4\t5\t6\th\tx"));
+}
+
+/* Five fields watch the free space, six what is read and written. */
+TEST(Commands, TwoKindsOfDiskTest) {
+    EXPECT_EQ("add_diskdesc 5 1 / 10 -1 -1\n", run("DKA\t5\t1\t/\t10"));
+    EXPECT_EQ("add_diskdesc 5 1 / -1 10 20\n", run("DKA\t5\t1\t/\t10\t20"));
+    EXPECT_EQ("modify_disk 5 1 / -1 10 -1\n", run("DKM\t5\t1\t/\t10\t-1"));
 }
 
 TEST(Commands, OnlyTheLow32BitsOfAnIdCount) {

@@ -95,6 +95,13 @@ void checker_add_result(checker& c, const char* rez, int rez_size) {
     c.result_buffer_len += rez_size;
 }
 
+void checker_add_record(checker& c, UDCW* writer) {
+    heap<UDC> record(writer->udc);
+    udcw_free(&writer);
+    checker_add_result(c, reinterpret_cast<const char*>(record.get()),
+                       static_cast<int>(record->size));
+}
+
 int checker_get_results(checker& c, char** rez, int* rez_size) {
     lock hold(c.result_mutex);
     if (c.result_buffer_len == 0) {

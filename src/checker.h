@@ -18,6 +18,7 @@
 #define VINDRAL_CHECKER_H
 
 #include "guards.h"
+#include "udc.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -69,6 +70,9 @@ void checker_wake(checker& c);
 
 /* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */
 void checker_add_result(checker& c, const char* rez, int rez_size);
+
+/* Appends the finished record of a writer and frees both. */
+void checker_add_record(checker& c, UDCW* writer);
 
 /* Hands the whole result buffer over: returns 1 and gives the caller the memory (free), or 0 with
  * the outputs untouched when there is nothing. */

@@ -102,9 +102,7 @@ static void add_lda_record(const load_av_def& test, time_t now, const double la[
     }
     udcw_add(record, UDC_STRING, message);
     udcw_add(record, UDC_UI32, status);
-    heap<UDC> finished(record->udc);
-    udcw_free(&record);
-    add_lda_result(reinterpret_cast<char*>(finished.get()), static_cast<int>(finished->size));
+    checker_add_record(lda, record);
 }
 
 static void check_lda_test(const load_av_def& test, const double local_la[3]) {

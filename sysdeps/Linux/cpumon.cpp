@@ -1,0 +1,466 @@
+#include "cpumon.h"
+
+#include "checker.h"
+#include "procfile.h"
+#include "remote_query.h"
+#include "udc.h"
+#include "vindral_common.h"
+#include "vindral_log.h"
+#include "vindral_wake.h"
+
+#include <cstdio>
+#include <fcntl.h>
+
+static const uint32_t CPU_RECORD = 44;
+static const size_t STAT_CHUNK = 4000;
+enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, REMOTE_FAILED = 10 };
+enum { USER, SYSTEM, NICE, IDLE, IOWAIT, STATES };
+
+static const char REMOTE_COUNTERS_COMMAND[] =
+    "snmpget -v 1 -t 1 -c \"public\" %s 1.3.6.1.4.1.2021.11.50.0 1.3.6.1.4.1.2021.11.51.0 "
+    "1.3.6.1.4.1.2021.11.52.0 1.3.6.1.4.1.2021.11.53.0 1.3.6.1.4.1.2021.11.54.0 "
+    "1.3.6.1.4.1.2021.11.55.0 1.3.6.1.4.1.2021.11.56.0 | cut -s -d = -f 2";
+static const char REMOTE_PROCESSORS_COMMAND[] =
+    "snmptable -v 1 -t 1 -Ov -CHf ^ -c \"public\" %s 1.3.6.1.2.1.25.3.3";
+
+static void pass();
+
+static constinit checker cpu = {.thread_name = "cpu",
+                                .pass = pass,
+                                .attr_message = "Pthread attribute initialization failed.",
+                                .stack_message = "Cannot set ping thread stack size."};
+static constinit mutex& CPU_MON_MUTEX = cpu.mon_mutex;
+static cpu_check_def** cpu_def_list GUARDED_BY(CPU_MON_MUTEX);
+static int cpu_def_size GUARDED_BY(CPU_MON_MUTEX);
+
+/* One line of counters: the machine as a whole, then the processors. */
+struct cpu_line {
+    long long cp_old[STATES];  /* ticks at the previous reading */
+    long long cp_diff[STATES]; /* what they grew by */
+    int cpu_states[STATES];    /* shares, tenths of a percent */
+};
+
+/* Set at initialisation. */
+static long cpuCount;   /* processors; there is one line more */
+static int show_iowait; /* the kernel counts I/O wait */
+
+static constinit mutex reading_mutex{};
+static cpu_line* lines GUARDED_BY(reading_mutex);
+
+char* read_proc_status() {
+    char path[256];
+    snprintf(path, sizeof path, "%s/stat", proc_root);
+    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        return nullptr;
+    }
+    heap_text text;
+    size_t size = 0;
+    for (;;) {
+        char* grown = static_cast<char*>(realloc(text.get(), size + STAT_CHUNK + 1));
+        if (grown == nullptr) {
+            return nullptr;
+        }
+        (void)text.release();
+        text.reset(grown);
+        ssize_t length = read(file.get(), grown + size, STAT_CHUNK);
+        size += length > 0 ? static_cast<size_t>(length) : 0;
+        grown[size] = '\0';
+        if (length != static_cast<ssize_t>(STAT_CHUNK)) {
+            return text.release();
+        }
+    }
+}
+
+/* "cpu  1 2 3" and "cpu0 1 2 3" alike: the number of a processor belongs to the word. */
+char* get_next_cpu_status(const char* p) {
+    const char* found = strstr(p, "cpu");
+    return found != nullptr ? const_cast<char*>(found + strcspn(found, " \t\n")) : nullptr;
+}
+
+long long percentages(int cnt, int* out, long long* new1, long long* old, long long* diffs) {
+    long long total = 0;
+    for (int i = 0; i < cnt; i++) {
+        diffs[i] = static_cast<long long>(static_cast<unsigned long long>(new1[i]) -
+                                          static_cast<unsigned long long>(old[i]));
+        total = static_cast<long long>(static_cast<unsigned long long>(total) +
+                                       static_cast<unsigned long long>(diffs[i]));
+        old[i] = new1[i];
+    }
+    long long bias = total / 2;
+    if (total == 0) {
+        total = 1;
+    }
+    for (int i = 0; i < cnt; i++) {
+        out[i] = static_cast<int>((static_cast<__int128>(diffs[i]) * 1000 + bias) / total);
+    }
+    return total;
+}
+
+static void read_counters(const char* text) REQUIRES(reading_mutex) {
+    const char* line = get_next_cpu_status(text);
+    for (long i = 0; i <= cpuCount && line != nullptr; i++) {
+        long long cp_time[STATES] = {};
+        char* rest = const_cast<char*>(line);
+        for (int state = 0; state < (show_iowait ? STATES : IOWAIT); state++) {
+            cp_time[state] = static_cast<long long>(strtoull(rest, &rest, 10));
+        }
+        percentages(STATES, lines[i].cpu_states, cp_time, lines[i].cp_old, lines[i].cp_diff);
+        line = get_next_cpu_status(line);
+    }
+}
+
+static size_t line_count() {
+    return static_cast<size_t>(cpuCount) + 1;
+}
+
+/* Takes a reading. Returns a copy of the lines, which the other thread cannot change, or null. */
+static heap<cpu_line> measure() {
+    heap_text text(read_proc_status());
+    lock hold(reading_mutex);
+    heap<cpu_line> now(static_cast<cpu_line*>(malloc(line_count() * sizeof(cpu_line))));
+    if (!text || !now || lines == nullptr) {
+        return nullptr;
+    }
+    read_counters(text.get());
+    memcpy(now.get(), lines, line_count() * sizeof(cpu_line));
+    return now;
+}
+
+/* Seven " Counter32: 123" lines. */
+int get_remote_UCD_cpu_params(const char* host, unsigned long long** retVal) {
+    heap_text output = query_remote_host(REMOTE_COUNTERS_COMMAND, host);
+    heap<unsigned long long> ticks(
+        static_cast<unsigned long long*>(calloc(7, sizeof(unsigned long long))));
+    if (!output || !ticks) {
+        return 0;
+    }
+    char* rest = output.get();
+    for (int i = 0; i < 7; i++) {
+        char* line = strsep(&rest, "\n");
+        const char* value = line != nullptr ? strstr(line, "Counter32:") : nullptr;
+        if (value == nullptr) {
+            return 0;
+        }
+        ticks.get()[i] = strtoull(value + strlen("Counter32:"), nullptr, 10);
+    }
+    *retVal = ticks.release();
+    return 1;
+}
+
+/* One row for each processor: "0.0^17", its load behind the first "^". */
+int get_remote_cpu_params(const char* host, unsigned int* proccount, unsigned int** procloads) {
+    heap_text output = query_remote_host(REMOTE_PROCESSORS_COMMAND, host);
+    if (!output) {
+        return 0;
+    }
+    size_t rows = 1;
+    for (const char* p = output.get(); *p != '\0'; p++) {
+        rows += *p == '\n';
+    }
+    heap<unsigned> loads(static_cast<unsigned*>(malloc(rows * sizeof(unsigned))));
+    if (!loads) {
+        return 0;
+    }
+    unsigned count = 0;
+    char* rest = output.get();
+    while (char* line = strsep(&rest, "\n")) {
+        const char* separator = strchr(line, '^');
+        if (separator != nullptr && separator[1] != '\0') {
+            loads.get()[count++] = static_cast<unsigned>(strtoul(separator + 1, nullptr, 10));
+        }
+    }
+    if (count == 0) {
+        return 0;
+    }
+    *proccount = count;
+    *procloads = loads.release();
+    return 1;
+}
+
+/* The shares since the start of the remote host, in percent. */
+static bool query_counters(const char* host, double shares[STATES]) {
+    unsigned long long* queried = nullptr;
+    if (!get_remote_UCD_cpu_params(host, &queried)) {
+        return false;
+    }
+    heap<unsigned long long> ticks(queried);
+    enum { R_USER, R_NICE, R_SYSTEM, R_IDLE, R_WAIT, R_KERNEL, R_INTERRUPT, R_STATES };
+    unsigned long long sum = 0;
+    for (int i = 0; i < R_STATES; i++) {
+        sum += queried[i];
+    }
+    const int slots[STATES] = {R_USER, R_SYSTEM, R_NICE, R_IDLE, R_WAIT};
+    for (int i = 0; i < STATES; i++) {
+        /* A host that counts nothing has no share of anything. */
+        shares[i] = sum == 0
+                        ? 0.0
+                        : static_cast<double>(queried[slots[i]]) / static_cast<double>(sum) * 100;
+    }
+    return true;
+}
+
+static bool query_processors(const char* host, double shares[STATES]) {
+    unsigned count = 0;
+    unsigned* queried = nullptr;
+    if (!get_remote_cpu_params(host, &count, &queried)) {
+        return false;
+    }
+    heap<unsigned> loads(queried);
+    unsigned sum = 0;
+    for (unsigned i = 0; i < count; i++) {
+        sum += queried[i];
+    }
+    shares[USER] = sum / count;
+    shares[IDLE] = 100 - shares[USER];
+    shares[SYSTEM] = shares[NICE] = shares[IOWAIT] = 0.0;
+    return true;
+}
+
+/* Adds the line of a limit to the message when it was reached. */
+static bool judge(const char* name, double share, int limit, bool reached, const char* kind,
+                  char** message) {
+    if (limit == -1 || !reached) {
+        return false;
+    }
+    char line[512]; /* room for the longest double as "%.2f" */
+    snprintf(line, sizeof line, "%s: %.2f / %s value: %d\n", name, share, kind, limit);
+    adv_strcat(message, line);
+    return true;
+}
+
+/* Status of five shares, the message in `*message` (caller frees). Equal to a maximum is reached,
+ * equal to the minimum is not. */
+static uint32_t judge_shares(const cpu_check_def& test, const double shares[STATES],
+                             bool with_iowait, char** message) {
+    const struct {
+        const char* name;
+        int state, maximum;
+    } maxima[] = {{"User CPU usage", USER, test.user_max},
+                  {"System CPU usage", SYSTEM, test.system_max},
+                  {"Nice CPU usage", NICE, test.nice_max}};
+    bool hit = false;
+    for (const auto& m : maxima) {
+        hit |=
+            judge(m.name, shares[m.state], m.maximum, shares[m.state] >= m.maximum, "Max", message);
+    }
+    hit |= judge("CPU Idle", shares[IDLE], test.idle_min, shares[IDLE] < test.idle_min, "Min",
+                 message);
+    if (with_iowait) {
+        hit |= judge("CPU IO Wait", shares[IOWAIT], test.iowait_max,
+                     shares[IOWAIT] >= test.iowait_max, "Max", message);
+    }
+    if (!hit) {
+        adv_strcat(message, "CPU usage is within acceptable limits\n");
+    }
+    return hit ? LIMIT_REACHED : WITHIN_LIMITS;
+}
+
+static void add_shares(UDCW* record, const char* message, uint32_t status,
+                       const double shares[STATES]) {
+    udcw_add(record, UDC_STRING, message);
+    udcw_add(record, UDC_UI32, status);
+    for (int i = 0; i < STATES; i++) {
+        udcw_add(record, UDC_D64, shares[i]);
+    }
+}
+
+static void add_line(UDCW* record, const cpu_check_def& test, const cpu_line& line) {
+    double shares[STATES];
+    for (int i = 0; i < STATES; i++) {
+        shares[i] = line.cpu_states[i] / 10.0;
+    }
+    char* message = nullptr;
+    uint32_t status = judge_shares(test, shares, show_iowait != 0, &message);
+    add_shares(record, message, status, shares);
+    free(message);
+}
+
+static void add_processor(UDCW* record, const cpu_check_def& test, const cpu_line& line) {
+    UDCW* nested = nullptr;
+    if (!create_new_udcw(&nested, 0, 1, 0, 0, STATES, 1)) {
+        return;
+    }
+    add_line(nested, test, line);
+    udcw_add(record, UDC_RECORD, nested->udc);
+    free(nested->udc);
+    udcw_free(&nested);
+}
+
+static void add_remote(UDCW* record, const cpu_check_def& test) {
+    double shares[STATES];
+    bool is_linux = test.system != nullptr && strcasecmp(test.system, "linux") == 0;
+    if (!(is_linux ? query_counters(test.host, shares) : query_processors(test.host, shares))) {
+        const double failed[STATES] = {-1.0, -1.0, -1.0, -1.0, -1.0};
+        add_shares(record, "Remote CPU test failed\n", REMOTE_FAILED, failed);
+        return;
+    }
+    char* message = nullptr;
+    uint32_t status = judge_shares(test, shares, true, &message);
+    add_shares(record, message, status, shares);
+    free(message);
+}
+
+static void check_cpu_test(const cpu_check_def& test, const cpu_line* now) {
+    UDCW* record = nullptr;
+    if (!create_new_udcw(&record, 0, 4, 1, 0, STATES, 1)) {
+        return;
+    }
+    udcw_add(record, UDC_UI32, CPU_RECORD);
+    udcw_add(record, UDC_UI32, test.test_id);
+    udcw_add(record, UDC_UI32, test.loc_id);
+    udcw_add(record, UDC_I64, now_in_seconds());
+    if (test.host != nullptr) {
+        add_remote(record, test);
+    } else {
+        add_line(record, test, now[0]);
+        for (long i = 1; i <= cpuCount; i++) {
+            add_processor(record, test, now[i]);
+        }
+    }
+    checker_add_record(cpu, record);
+}
+
+static bool has_cpu_tests() {
+    lock hold(CPU_MON_MUTEX);
+    return cpu_def_size != 0;
+}
+
+void do_cpu_check(int putValue) {
+    if (!has_cpu_tests()) {
+        return;
+    }
+    heap<cpu_line> now = measure();
+    if (!now || putValue != 1) {
+        return;
+    }
+    bool first_check = false;
+    {
+        lock hold(CPU_MON_MUTEX);
+        for (int i = 0; i < cpu_def_size; i++) {
+            first_check |= cpu_def_list[i]->isFirstCheck != 0;
+            cpu_def_list[i]->isFirstCheck = 0;
+            check_cpu_test(*cpu_def_list[i], now.get());
+        }
+    }
+    if (first_check) {
+        send_pending_data();
+    }
+}
+
+static void pass() {
+    do_cpu_check(1);
+}
+
+static bool append_cpu_test(const cpu_check_def& wanted) {
+    lock hold(CPU_MON_MUTEX);
+    if (test_index(cpu_def_list, cpu_def_size, &cpu_check_def::test_id, wanted.test_id) >= 0) {
+        return false;
+    }
+    heap<cpu_check_def> test(static_cast<cpu_check_def*>(malloc(sizeof(cpu_check_def))));
+    if (!test || !append_test(cpu_def_list, cpu_def_size, test.get())) {
+        return false;
+    }
+    *test = wanted;
+    test->host = copy_text(wanted.host);
+    test->system = copy_text(wanted.system);
+    (void)test.release();
+    return true;
+}
+
+void add_cpu(int tid, int loc_id, int user_max, int system_max, int nice_max, int idle_min,
+             int iowait_max, char* host, char* system) {
+    if (tid == 0 || !append_cpu_test({tid, loc_id, user_max, system_max, nice_max, idle_min,
+                                      iowait_max, host, system, 1})) {
+        return;
+    }
+    do_cpu_check(0);
+    checker_wake(cpu);
+}
+
+void modify_cpu(int t_id, int loc_id, int user_max, int system_max, int nice_max, int idle_min,
+                int iowait_max, char* host, char* system) {
+    if (t_id == 0) {
+        return;
+    }
+    {
+        lock hold(CPU_MON_MUTEX);
+        for (int i = 0; i < cpu_def_size; i++) {
+            cpu_check_def* test = cpu_def_list[i];
+            if (test->test_id == t_id) {
+                free(test->host);
+                free(test->system);
+                *test = {t_id,     loc_id,     user_max,        system_max,        nice_max,
+                         idle_min, iowait_max, copy_text(host), copy_text(system), 1};
+            }
+        }
+    }
+    checker_wake(cpu); /* whether or not there is such a test */
+}
+
+void rem_cpu(int t_id) {
+    if (t_id == 0) {
+        return;
+    }
+    lock hold(CPU_MON_MUTEX);
+    int index = test_index(cpu_def_list, cpu_def_size, &cpu_check_def::test_id, t_id);
+    if (index < 0) {
+        return;
+    }
+    cpu_check_def* test = take_test(cpu_def_list, cpu_def_size, index);
+    free(test->host);
+    free(test->system);
+    free(test);
+}
+
+/* 0 with the reason logged when the machine's processors cannot be told. */
+static int learn_layout() {
+    heap_text text(read_proc_status());
+    if (!text) {
+        leveledadd2log(0, "Cannot read process status from /proc/status.");
+        return 0;
+    }
+    long found = 0;
+    for (const char* p = text.get(); (p = get_next_cpu_status(p)) != nullptr;) {
+        found++;
+    }
+    if (found < 2) {
+        leveledadd2log(0, "Cannot determine number of CPUs in the system.");
+        return 0;
+    }
+    int blanks = 0;
+    for (const char* p = text.get(); *p != '\0' && *p != '\n'; p++) {
+        blanks += *p == ' ';
+    }
+    lock hold(reading_mutex);
+    free(lines);
+    lines = static_cast<cpu_line*>(calloc(static_cast<size_t>(found), sizeof(cpu_line)));
+    cpuCount = found - 1;
+    show_iowait = blanks > 5;
+    return lines != nullptr;
+}
+
+int init_cpu_mon() {
+    return learn_layout() && checker_start(cpu, cpu_worker_thread);
+}
+void* cpu_worker_thread(void*) {
+    checker_work(cpu);
+    return nullptr;
+}
+int get_cpu_check_interval() {
+    return checker_get_interval(cpu);
+}
+void set_cpu_check_interval(int t_sec) {
+    checker_set_interval(cpu, t_sec);
+}
+void add_cpu_result(char* rez, int rez_size) {
+    checker_add_result(cpu, rez, rez_size);
+}
+int get_cpu_results(char** rez, int* rez_size) {
+    *rez = nullptr;
+    *rez_size = 0;
+    return checker_get_results(cpu, rez, rez_size);
+}
+void shutdown_cpu_checker() {
+    checker_stop(cpu);
+}

@@ -22,7 +22,6 @@ enum poll_result {
 };
 
 /* The disk checker's store and the custom-monitor client, in an agent that has them. */
-__attribute__((weak)) int get_disk_test_results(test_result*** results, int* res_count);
 __attribute__((weak)) int send_data(test_result** results, int res_count);
 
 void collect_results() {
@@ -143,7 +142,7 @@ void send_results() {
     leveledadd2log(4, "INFO: starting send_results.");
     test_result** results = nullptr;
     int count = 0;
-    if (get_disk_test_results != nullptr && get_disk_test_results(&results, &count)) {
+    if (get_disk_test_results(&results, &count)) {
         leveledadd2log(3, "INFO: send_results::get_disk_test_results count: %d", count);
     }
     if (results != nullptr && count > 0) {

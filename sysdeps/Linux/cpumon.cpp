@@ -9,10 +9,8 @@
 #include "vindral_wake.h"
 
 #include <cstdio>
-#include <fcntl.h>
 
 static const uint32_t CPU_RECORD = 44;
-static const size_t STAT_CHUNK = 4000;
 enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, REMOTE_FAILED = 10 };
 enum { USER, SYSTEM, NICE, IDLE, IOWAIT, STATES };
 
@@ -48,28 +46,7 @@ static constinit mutex reading_mutex{};
 static cpu_line* lines GUARDED_BY(reading_mutex);
 
 char* read_proc_status() {
-    char path[256];
-    snprintf(path, sizeof path, "%s/stat", proc_root);
-    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        return nullptr;
-    }
-    heap_text text;
-    size_t size = 0;
-    for (;;) {
-        char* grown = static_cast<char*>(realloc(text.get(), size + STAT_CHUNK + 1));
-        if (grown == nullptr) {
-            return nullptr;
-        }
-        (void)text.release();
-        text.reset(grown);
-        ssize_t length = read(file.get(), grown + size, STAT_CHUNK);
-        size += length > 0 ? static_cast<size_t>(length) : 0;
-        grown[size] = '\0';
-        if (length != static_cast<ssize_t>(STAT_CHUNK)) {
-            return text.release();
-        }
-    }
+    return read_whole_proc_file("stat").release();
 }
 
 /* "cpu  1 2 3" and "cpu0 1 2 3" alike: the number of a processor belongs to the word. */

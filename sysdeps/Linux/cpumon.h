@@ -69,8 +69,8 @@ char* get_next_cpu_status(const char* p);
 long long percentages(int cnt, int* out, long long* new1, long long* old, long long* diffs);
 
 /* Both blocking, through SNMP; 1, or 0 on failure. The caller frees what they return: seven tick
- * counts since the start of `host` (user, nice, system, idle, wait, kernel, interrupt); the loads of
- * its processors in percent. */
+ * counts since the start of `host` (user, nice, system, idle, wait, kernel, interrupt); the loads
+ * of its processors in percent. */
 int get_remote_UCD_cpu_params(const char* host, unsigned long long** retVal);
 int get_remote_cpu_params(const char* host, unsigned int* proccount, unsigned int** procloads);
 

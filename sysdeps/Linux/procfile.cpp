@@ -6,10 +6,14 @@
 
 const char* proc_root = "/proc";
 
-heap_text read_proc_file(const char* name, size_t limit) {
+static unique_fd open_proc_file(const char* name) {
     char path[PATH_MAX];
     snprintf(path, sizeof path, "%s/%s", proc_root, name);
-    unique_fd file(open(path, O_RDONLY | O_CLOEXEC));
+    return unique_fd(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+heap_text read_proc_file(const char* name, size_t limit) {
+    unique_fd file = open_proc_file(name);
     if (!file) {
         return nullptr;
     }
@@ -23,4 +27,30 @@ heap_text read_proc_file(const char* name, size_t limit) {
     }
     text.get()[length] = '\0';
     return text;
+}
+
+heap_text read_whole_proc_file(const char* name) {
+    unique_fd file = open_proc_file(name);
+    if (!file) {
+        return nullptr;
+    }
+    heap_text text;
+    size_t room = 0, used = 0;
+    for (;;) {
+        if (used + 1 >= room) {
+            room = room == 0 ? 4096 : room * 2;
+            char* grown = static_cast<char*>(realloc(text.get(), room));
+            if (grown == nullptr) {
+                return nullptr;
+            }
+            (void)text.release();
+            text.reset(grown);
+        }
+        ssize_t length = read(file.get(), text.get() + used, room - used - 1);
+        if (length < 1) {
+            text.get()[used] = '\0';
+            return text;
+        }
+        used += static_cast<size_t>(length);
+    }
 }

@@ -1,4 +1,4 @@
-/* One way to read a kernel file. */
+/* The ways to read a kernel file. */
 #ifndef VINDRAL_PROCFILE_H
 #define VINDRAL_PROCFILE_H
 
@@ -13,5 +13,9 @@ extern const char* proc_root;
  * kernel gives a consistent picture. Returns NUL-terminated text, or null when the file cannot be
  * opened or holds nothing. */
 heap_text read_proc_file(const char* name, size_t limit);
+
+/* Reads `name` to its end, for files of many lines, which the kernel hands out page by page.
+ * Returns NUL-terminated text, or null when the file cannot be opened. */
+heap_text read_whole_proc_file(const char* name);
 
 #endif

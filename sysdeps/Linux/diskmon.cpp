@@ -1,0 +1,434 @@
+#include "diskmon.h"
+
+#include "checker.h"
+#include "procfile.h"
+#include "udc.h"
+#include "vindral_log.h"
+#include "vindral_wake.h"
+
+#include <cstdio>
+#include <mntent.h>
+#include <sys/statvfs.h>
+#include <utility>
+
+static const uint32_t MOUNTED_RECORD = 45;
+static const uint32_t FREE_SPACE_RECORD = 46;
+static const double GB_PER_KB = 9.5367431640625e-7;
+enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, NOT_FOUND = 3 };
+
+static const char* mtab_path = "/etc/mtab";
+
+static constinit checker disk = {
+    .thread_name = "disk",
+    .pass = do_disk_check,
+    .attr_message = "Disk monitoring: thread attribute initialization failed.",
+    .stack_message = "Disk monitoring: can not set thread stack size."};
+static constinit mutex& DISK_MON_MUTEX = disk.mon_mutex;
+static disk_data** disk_data_list GUARDED_BY(DISK_MON_MUTEX);
+static int disk_data_list_len GUARDED_BY(DISK_MON_MUTEX);
+
+static constinit mutex DISK_TEST_RESULTS_MUTEX{};
+static test_result** disk_test_results GUARDED_BY(DISK_TEST_RESULTS_MUTEX);
+static int disk_test_results_count GUARDED_BY(DISK_TEST_RESULTS_MUTEX);
+static bool results_dropped GUARDED_BY(DISK_TEST_RESULTS_MUTEX); /* since they were last taken */
+
+/* The kernel's device counters, read when the first test of a pass asks for them. */
+struct device_statistics {
+    heap_text text;
+    const char* format = nullptr; /* of one line: major, minor, name, counters; null: not read */
+};
+static device_statistics* pass_statistics GUARDED_BY(DISK_MON_MUTEX);
+
+/* Whether `mp`, or the text before its device, is what statvfs takes. */
+static bool query_file_system(const char* mp, struct statvfs* found) {
+    heap_text directory(strndup(mp, strcspn(mp, "(")));
+    return directory && statvfs(directory.get(), found) == 0 && found->f_blocks != 0;
+}
+
+static void read_statistics(device_statistics* s) {
+    s->format = "%4d %4d %31s %u %u %llu %u %u %u %llu %u %*u %u %u";
+    s->text = read_whole_proc_file("diskstats");
+    if (!s->text) {
+        s->format = "%4d %4d %*d %31s %u %u %llu %u %u %u %llu %u %*u %u %u";
+        s->text = read_whole_proc_file("partitions");
+    }
+}
+
+/* The counters of one line when it is that of the device. Partitions have four of their own on some
+ * kernels: reads, sectors read, writes, sectors written. */
+static bool take_counters(const char* line, const char* format, const char* device,
+                          unsigned long long* read, unsigned long long* written) {
+    int major = 0, minor = 0;
+    char name[32];
+    unsigned n[8];
+    unsigned long long sectors[2];
+    int conversions = sscanf(line, format, &major, &minor, name, &n[0], &n[1], &sectors[0], &n[2],
+                             &n[3], &n[4], &sectors[1], &n[5], &n[6], &n[7]);
+    if (conversions < 3 || strcasecmp(name, device) != 0) {
+        return false;
+    }
+    if (conversions == 7) {
+        *read = n[1];
+        *written = n[2];
+    } else if (conversions == 13) {
+        *read = sectors[0];
+        *written = sectors[1];
+    }
+    return true;
+}
+
+static void find_device(const device_statistics& s, const char* device, unsigned long long* read,
+                        unsigned long long* written) {
+    char line[256];
+    for (const char* rest = s.text.get(); *rest != '\0';) {
+        size_t length = strcspn(rest, "\n");
+        length = length < sizeof line - 1 ? length : sizeof line - 1;
+        memcpy(line, rest, length);
+        line[length] = '\0';
+        rest += length + (rest[length] == '\n');
+        /* Only the line that has the name is worth the reading of its numbers. */
+        if (strcasestr(line, device) != nullptr &&
+            take_counters(line, s.format, device, read, written)) {
+            return;
+        }
+    }
+}
+
+static int get_counters(device_statistics* s, const char* device, unsigned long long* read,
+                        unsigned long long* written) {
+    if (s->format == nullptr) {
+        read_statistics(s);
+    }
+    if (!s->text) {
+        return 1;
+    }
+    find_device(*s, device, read, written);
+    return 0;
+}
+
+int GetDevStats(char* pdev, unsigned long long* pread, unsigned long long* pwrite) {
+    device_statistics now;
+    return get_counters(&now, pdev, pread, pwrite);
+}
+
+static void check_free_space(const disk_data& test) {
+    UDCW* record = nullptr;
+    if (!create_new_udcw(&record, 0, 4, 1, 0, 2, 1)) {
+        return;
+    }
+    udcw_add(record, UDC_UI32, FREE_SPACE_RECORD);
+    udcw_add(record, UDC_UI32, test.tid);
+    udcw_add(record, UDC_UI32, test.lid);
+    udcw_add(record, UDC_I64, now_in_seconds());
+
+    struct statvfs found;
+    double total = 0.0, available = 0.0;
+    uint32_t status = NOT_FOUND;
+    char* message = nullptr;
+    int printed;
+    if (!query_file_system(test.mp, &found)) {
+        printed = asprintf(&message, "Drive: %s not found.\n", test.mp);
+    } else {
+        unsigned long long block_kb = (found.f_frsize != 0 ? found.f_frsize : found.f_bsize) >> 10;
+        total = static_cast<double>(found.f_blocks * block_kb) * GB_PER_KB;
+        available = static_cast<double>(found.f_bavail * block_kb) * GB_PER_KB;
+        if (test.min_free > 0 && test.min_free >= available) {
+            status = LIMIT_REACHED;
+            printed = asprintf(&message, "Drive: %s free space: %.2f / Min value: %.2f.\n", test.mp,
+                               available, test.min_free);
+        } else {
+            status = WITHIN_LIMITS;
+            printed =
+                asprintf(&message, "Drive: %s free space is within acceptable limits.\n", test.mp);
+        }
+    }
+    heap_text owned(printed < 0 ? nullptr : message);
+    udcw_add(record, UDC_D64, total);
+    udcw_add(record, UDC_D64, available);
+    udcw_add(record, UDC_STRING, owned.get());
+    udcw_add(record, UDC_UI32, status);
+    checker_add_record(disk, record);
+}
+
+/* "sda1" of "/home(/dev/sda1|ext4)", "tmpfs" of "/run(tmpfs)"; null without an opening parenthesis.
+ */
+static heap_text device_of(const char* mp) {
+    const char* device = strchr(mp, '(');
+    if (device == nullptr) {
+        return nullptr;
+    }
+    device++;
+    size_t length = strcspn(device, "|");
+    if (device[length] == '\0') {
+        length = strcspn(device, ")");
+    }
+    heap_text name(strndup(device, length));
+    const char* slash = name ? strrchr(name.get(), '/') : nullptr;
+    return slash != nullptr ? heap_text(strdup(slash + 1)) : std::move(name);
+}
+
+/* Sectors of 512 bytes since the last check, as KB in 32 bits with a sign. */
+static double kilobytes_since(unsigned long long now, unsigned long long last) {
+    return static_cast<int>((now - last) >> 1);
+}
+
+static void check_io(disk_data* test) REQUIRES(DISK_MON_MUTEX) {
+    char* text = nullptr;
+    heap_text device = device_of(test->mp);
+    if (!device) {
+        if (asprintf(&text, "status:%u", NOT_FOUND) >= 0) {
+            add_disk_test_result(test->tid, now_in_seconds(), text);
+        }
+        return;
+    }
+    unsigned long long sectors_read = 0, sectors_written = 0;
+    device_statistics own; /* of a check outside a pass */
+    device_statistics* statistics = pass_statistics != nullptr ? pass_statistics : &own;
+    if (get_counters(statistics, device.get(), &sectors_read, &sectors_written) != 0) {
+        return;
+    }
+    if (test->last_read == 0) {
+        test->last_read = sectors_read;
+    }
+    if (test->last_write == 0) {
+        test->last_write = sectors_written;
+    }
+    double read = kilobytes_since(sectors_read, test->last_read);
+    double written = kilobytes_since(sectors_written, test->last_write);
+    bool reads_much = test->max_read > 0 && read > test->max_read;
+    bool writes_much = test->max_write > 0 && written > test->max_write;
+    if (asprintf(&text, "read_count:%.2f;write_count:%.2f%s%s;status:%u", read, written,
+                 reads_much ? ";status:2" : "", writes_much ? ";status:2" : "",
+                 reads_much || writes_much ? LIMIT_REACHED : WITHIN_LIMITS) >= 0) {
+        add_disk_test_result(test->tid, now_in_seconds(), text);
+    }
+    test->last_read = sectors_read;
+    test->last_write = sectors_written;
+}
+
+void make_disk_check(int _i_) NO_THREAD_SAFETY_ANALYSIS {
+    disk_data* test = disk_data_list[_i_];
+    if (test->max_read == -1.0 && test->max_write == -1.0) {
+        check_free_space(*test);
+    } else {
+        check_io(test);
+    }
+}
+
+static bool check_all_disks() {
+    device_statistics statistics;
+    bool first_check = false;
+    lock hold(DISK_MON_MUTEX);
+    pass_statistics = &statistics;
+    for (int i = 0; i < disk_data_list_len; i++) {
+        make_disk_check(i);
+        first_check |= disk_data_list[i]->isFirstCheck != 0;
+        disk_data_list[i]->isFirstCheck = 0;
+    }
+    pass_statistics = nullptr;
+    return first_check;
+}
+
+void do_disk_check() {
+    if (check_all_disks()) {
+        send_pending_data();
+    }
+}
+
+/* --- text results --- */
+
+static void free_result(test_result* result) {
+    free(result->test_data);
+    free(result);
+}
+
+/* Makes room for one more. False when there was no need to drop any. */
+static bool drop_oldest() REQUIRES(DISK_TEST_RESULTS_MUTEX) {
+    if (disk_test_results_count < DISK_TEST_RESULTS_MOST) {
+        return false;
+    }
+    free_result(take_test(disk_test_results, disk_test_results_count, 0));
+    bool first = !results_dropped;
+    results_dropped = true;
+    return first;
+}
+
+void add_disk_test_result(int test_id, time_t check_time, char* test_data) {
+    heap_text text(test_data);
+    if (!text || text.get()[0] == '\0') {
+        return;
+    }
+    heap<test_result> result(static_cast<test_result*>(malloc(sizeof(test_result))));
+    if (!result) {
+        return;
+    }
+    result->test_id = test_id;
+    result->check_time = check_time;
+    result->test_data = text.get();
+    bool first_dropped;
+    {
+        lock hold(DISK_TEST_RESULTS_MUTEX);
+        first_dropped = drop_oldest();
+        if (append_test(disk_test_results, disk_test_results_count, result.get())) {
+            (void)result.release();
+            (void)text.release();
+        }
+    }
+    if (first_dropped) {
+        leveledadd2log(0, "Disk monitoring: nobody takes the I/O results, the oldest are dropped.");
+    }
+}
+
+int get_disk_test_results(test_result*** results, int* res_count) {
+    lock hold(DISK_TEST_RESULTS_MUTEX);
+    *results = disk_test_results;
+    *res_count = disk_test_results_count;
+    disk_test_results = nullptr;
+    disk_test_results_count = 0;
+    results_dropped = false;
+    return *res_count != 0;
+}
+
+/* --- inventory --- */
+
+/* Every file system with blocks, "DIRECTORY(DEVICE|TYPE)" and a tab each; null without a table. */
+static heap_text list_file_systems() {
+    FILE* table = setmntent(mtab_path, "re");
+    if (table == nullptr) {
+        return nullptr;
+    }
+    /* A longer line, of many overlaid layers, loses the end of its options. */
+    const int room = 16384;
+    heap_text line(static_cast<char*>(malloc(room)));
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* list = line ? open_memstream(&text, &size) : nullptr;
+    if (list != nullptr) {
+        mntent entry;
+        while (getmntent_r(table, &entry, line.get(), room) != nullptr) {
+            struct statvfs found;
+            if (statvfs(entry.mnt_dir, &found) == 0 && found.f_blocks != 0) {
+                fprintf(list, "%s(%s|%s)\t", entry.mnt_dir, entry.mnt_fsname, entry.mnt_type);
+            }
+        }
+        fclose(list);
+    }
+    endmntent(table);
+    return heap_text(text);
+}
+
+int get_mounted_list(char** rez, int* rez_size) {
+    *rez = nullptr;
+    *rez_size = 0;
+    heap_text list = list_file_systems();
+    UDCW* record = nullptr;
+    if (!list || !create_new_udcw(&record, 0, 3, 1, 0, 0, 1)) {
+        return 0;
+    }
+    udcw_add(record, UDC_UI32, MOUNTED_RECORD);
+    udcw_add(record, UDC_UI32, 0);
+    udcw_add(record, UDC_UI32, 0);
+    udcw_add(record, UDC_I64, now_in_seconds());
+    udcw_add(record, UDC_STRING, list.get());
+    *rez_size = static_cast<int>(record->udc->size);
+    *rez = reinterpret_cast<char*>(record->udc);
+    udcw_free(&record);
+    return 1;
+}
+
+/* --- tests --- */
+
+int is_new_disk(int tID) {
+    lock hold(DISK_MON_MUTEX);
+    return test_index(disk_data_list, disk_data_list_len, &disk_data::tid, tID) < 0;
+}
+
+void add_diskdesc(int _tid, int _lid, char* _mp, double min_free_space, double max_read,
+                  double max_write) {
+    if (_tid == 0 || _mp == nullptr || !is_new_disk(_tid)) {
+        return;
+    }
+    heap_text mp(strdup(_mp));
+    heap<disk_data> test(static_cast<disk_data*>(malloc(sizeof(disk_data))));
+    if (!mp || !test) {
+        return;
+    }
+    *test = {mp.get(), _tid, _lid, min_free_space, max_read, max_write, 0, 0, 1};
+    {
+        lock hold(DISK_MON_MUTEX);
+        if (!append_test(disk_data_list, disk_data_list_len, test.get())) {
+            return;
+        }
+        (void)test.release();
+        (void)mp.release();
+    }
+    leveledadd2log(5,
+                   "INFO: add_diskdesc. Added test. tid:%d, lid:%d, disk:'%s', min_free_space:%f, "
+                   "max_read:%f, max_write:%f",
+                   _tid, _lid, _mp, min_free_space, max_read, max_write);
+    checker_wake(disk);
+}
+
+static void modify_found(disk_data* test, int _lid, const char* _mp, double min_free_space,
+                         double max_read, double max_write) {
+    char* mp = _mp != nullptr ? strdup(_mp) : nullptr;
+    if (mp != nullptr) {
+        free(test->mp);
+        test->mp = mp;
+    }
+    *test = {test->mp, test->tid, _lid, min_free_space, max_read, max_write, 0, 0, 1};
+    leveledadd2log(5,
+                   "INFO: modify_disk. Modified test. tid:%d, lid:%d, disk:'%s', "
+                   "min_free_space:%f, max_read:%f, max_write:%f",
+                   test->tid, _lid, test->mp, min_free_space, max_read, max_write);
+}
+
+void modify_disk(int _tid, int _lid, char* _mp, double min_free_space, double max_read,
+                 double max_write) {
+    {
+        lock hold(DISK_MON_MUTEX);
+        int index = test_index(disk_data_list, disk_data_list_len, &disk_data::tid, _tid);
+        if (index < 0) {
+            leveledadd2log(0, "ERROR: modify_disk. Non-existing test. tid:%d", _tid);
+        } else {
+            modify_found(disk_data_list[index], _lid, _mp, min_free_space, max_read, max_write);
+        }
+    }
+    checker_wake(disk);
+}
+
+void rem_disk(int _tid) {
+    lock hold(DISK_MON_MUTEX);
+    int index = test_index(disk_data_list, disk_data_list_len, &disk_data::tid, _tid);
+    if (index < 0) {
+        leveledadd2log(0, "ERROR: rem_disk. Non-existing test. tid:%d", _tid);
+        return;
+    }
+    disk_data* test = take_test(disk_data_list, disk_data_list_len, index);
+    free(test->mp);
+    free(test);
+    leveledadd2log(5, "INFO: rem_disk. Removed test. tid:%d", _tid);
+}
+
+int init_disk_mon() {
+    return checker_start(disk, disk_worker_thread);
+}
+void* disk_worker_thread(void*) {
+    checker_work(disk);
+    return nullptr;
+}
+int get_disk_check_interval() {
+    return checker_get_interval(disk);
+}
+void set_disk_check_interval(int t_sec) {
+    checker_set_interval(disk, t_sec);
+}
+void add_disk_result(char* rez, int rez_size) {
+    checker_add_result(disk, rez, rez_size);
+}
+int get_disk_results(char** rez, int* rez_size) {
+    return checker_get_results(disk, rez, rez_size);
+}
+void shutdown_disk_checker() {
+    checker_stop(disk);
+}

@@ -1,0 +1,310 @@
+/* Memory checker: scaling, limits, messages, records, remote storage tables, lifecycle. */
+#include "memmon.cpp"
+
+#include "checker_place.h"
+#include "fake_core.h"
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+static std::atomic<int> wake_ups{0};
+void send_pending_data() {
+    wake_ups++;
+}
+
+namespace {
+
+const double NONE = 18446744073709551616.0;
+const char WITHIN[] = "Memory usage is within acceptable limits\n";
+
+/* As kernels of today print it, 0.5 GB free. */
+const char MEMINFO[] = "MemTotal:        8054328 kB\n"
+                       "MemFree:          524288 kB\n"
+                       "MemAvailable:    6000000 kB\n"
+                       "Buffers:          102400 kB\n"
+                       "Cached:          2097152 kB\n"
+                       "SwapCached:            7 kB\n"
+                       "SwapTotal:       1048576 kB\n"
+                       "SwapFree:        1047552 kB\n"
+                       "HugePages_Total:       0\n"
+                       "DirectMap4k:      186232 kB\n"
+                       "DirectMap2M:     8202240 kB\n";
+
+/* As kernels before 2.6 print it: a table in bytes, then the lines. */
+const char OLD_MEMINFO[] = "        total:    used:    free:  shared: buffers:  cached:\n"
+                           "Mem:  261083136 256135168  4947968        0  8880128 131776512\n"
+                           "Swap: 534601728  1097728 533504000\n"
+                           "MemTotal:       254964 kB\n"
+                           "MemFree:          4832 kB\n"
+                           "MemShared:           0 kB\n"
+                           "Buffers:          8672 kB\n"
+                           "Cached:         127924 kB\n"
+                           "SwapCached:        764 kB\n"
+                           "SwapTotal:      522072 kB\n"
+                           "SwapFree:       521000 kB\n";
+
+class Memory : public checker_place {
+protected:
+    void SetUp() override {
+        write("meminfo", MEMINFO);
+        wake_ups = 0;
+        take_log();
+    }
+    void TearDown() override {
+        for (int id = 1; id < 10; id++) {
+            rem_mem(id);
+        }
+        take_records(get_mem_results);
+    }
+
+    /* The record of the one test after one pass. */
+    udc_content check() {
+        do_mem_check();
+        std::vector<udc_content> records = take_records(get_mem_results);
+        EXPECT_EQ(1u, records.size());
+        return records.empty() ? udc_content{} : records[0];
+    }
+};
+
+udc_content expected(uint32_t status, std::vector<double> sizes, const std::string& message,
+                     const udc_content& seen) {
+    udc_content r;
+    r.ui32 = {47, 1, 9, status};
+    r.i64 = seen.i64; /* the time is looked at once */
+    r.d64 = std::move(sizes);
+    r.declared_strings = 1;
+    r.strings = {message};
+    return r;
+}
+
+const std::vector<double> LOCAL = {512, 7865, 1023, 1024, 100, 2048, NONE, NONE};
+
+} // namespace
+
+TEST(GetScaled, FindsTheNumberAndTheUnitBehindIt) {
+    EXPECT_EQ(1024u * 7, get_scaled("A: 7 kB\n", "A:"));
+    EXPECT_EQ(1048576u * 7, get_scaled("A: 7 MB\n", "A:"));
+    EXPECT_EQ(7u, get_scaled("A: 7\n", "A:"));
+    EXPECT_EQ(7u, get_scaled("k M A: 7", "A:"));               /* only what follows counts */
+    EXPECT_EQ(1024u * 7, get_scaled("A: 7 MB\nB: 1 k", "A:")); /* to the end of the buffer */
+    EXPECT_EQ(16u, get_scaled("A:\t 0x10", "A:"));
+    EXPECT_EQ(8u, get_scaled("A: 010", "A:"));
+    EXPECT_EQ(~0ULL, get_scaled("A: 7 kB\n", "B:"));
+    EXPECT_EQ(0u, get_scaled("A:", "A:"));
+}
+
+TEST(GetMemValues, ReadsUnitSizeAndUsed) {
+    unsigned long long total = 1, left = 1;
+    EXPECT_EQ(0, get_mem_values("Physical memory^1024 Bytes^1000^400^0", &total, &left));
+    EXPECT_EQ(1024000u, total);
+    EXPECT_EQ(614400u, left);
+    EXPECT_EQ(0, get_mem_values("x^4096^10", &total, nullptr));
+    EXPECT_EQ(40960u, total);
+    EXPECT_EQ(1, get_mem_values("x^4096^10", &total, &left)); /* used is missing */
+    EXPECT_EQ(1, get_mem_values("x^4096", &total, &left));
+    EXPECT_EQ(1, get_mem_values("x", &total, &left));
+    EXPECT_EQ(1, get_mem_values("", &total, &left));
+}
+
+TEST_F(Memory, LocalValues) {
+    char none[] = "";
+    add_mem(1, 9, -1, -1, -1, -1, -1, none);
+    time_t before = now_in_seconds();
+    udc_content r = check();
+    EXPECT_EQ(expected(0, LOCAL, WITHIN, r), r);
+    ASSERT_EQ(1u, r.i64.size());
+    EXPECT_LE(before, r.i64[0]);
+    EXPECT_GE(now_in_seconds(), r.i64[0]);
+}
+
+TEST_F(Memory, OldKernels) {
+    write("meminfo", OLD_MEMINFO);
+    add_mem(1, 9, -1, -1, -1, -1, -1, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, {4, 248, 508, 509, 8, 124, NONE, NONE}, WITHIN, r), r);
+}
+
+TEST_F(Memory, EveryLimit) {
+    add_mem(1, 9, 512, 1023, 1, 99, 2047, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, LOCAL,
+                       "Physical memory free size: 512.00 / Min value: 512\n"
+                       "Swap memory free size: 1023.00 / Min value: 1023\n"
+                       "Buffers memory size: 100.00 / Max value: 99\n"
+                       "Cached memory size: 2048.00 / Max value: 2047\n",
+                       r),
+              r);
+}
+
+/* A free amount at its minimum is too little, a buffer at its maximum is not too much. */
+TEST_F(Memory, EqualValues) {
+    add_mem(1, 9, 511, 1022, 99999, 100, 2048, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, LOCAL, WITHIN, r), r);
+}
+
+TEST_F(Memory, SizesAreWholeMegabytes) {
+    write("meminfo", "MemTotal: 1048575\nBuffers: 1048576\n");
+    add_mem(1, 9, 0, 0, 0, 0, 0, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, {NONE, 0, NONE, NONE, 1, NONE, NONE, NONE},
+                       "Buffers memory size: 1.00 / Max value: 0\n", r),
+              r);
+    write("meminfo", "Buffers: 1048575\n");
+    r = check();
+    EXPECT_EQ(expected(0, {NONE, NONE, NONE, NONE, 0, NONE, NONE, NONE}, WITHIN, r), r);
+}
+
+/* Limits are compared as unsigned numbers. */
+TEST_F(Memory, NegativeLimits) {
+    add_mem(1, 9, -2, -1, -1, -2, -1, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, LOCAL, "Physical memory free size: 512.00 / Min value: -2\n", r), r);
+}
+
+TEST_F(Memory, WithoutTheSummaryThereAreNoRecords) {
+    char host[] = "h";
+    stub("snmptable", "");
+    add_mem(1, 9, -1, -1, -1, -1, -1, host);
+    remove("meminfo");
+    do_mem_check();
+    write("meminfo", "");
+    do_mem_check();
+    EXPECT_TRUE(take_records(get_mem_results).empty());
+    EXPECT_EQ("", asked());
+    EXPECT_EQ(0, wake_ups);
+}
+
+TEST_F(Memory, WithoutTestsNothingIsRead) {
+    remove("meminfo");
+    do_mem_check();
+    EXPECT_TRUE(take_records(get_mem_results).empty());
+}
+
+TEST_F(Memory, RemoteStorageTable) {
+    char host[] = "db.example";
+    stub("snmptable",
+         "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory^1024 Bytes^4194304^3145728^0\n"
+         "3^HOST-RESOURCES-TYPES::hrStorageVirtualMemory^Virtual memory^1024^6291456^3145728^0\n"
+         "6^HOST-RESOURCES-TYPES::hrStorageOther^Memory buffers^1024^204800^204800^0\n"
+         "7^host-resources-types::HRSTORAGEOTHER^CACHED MEMORY^1024^409600^409600^0\n"
+         "8^HOST-RESOURCES-TYPES::hrStorageOther^Shared memory^1024^1^1^0\n"
+         "10^HOST-RESOURCES-TYPES::hrStorageVirtualMemory^Swap space^1024^2097152^1048576^0\n"
+         "31^HOST-RESOURCES-TYPES::hrStorageFixedDisk^/^4096^1^1^0\n");
+    add_mem(1, 9, 1024, 1024, 3072, 199, 400, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, {1024, 4096, 1024, 2048, 200, 400, 6144, 3072},
+                       "Physical memory free size: 1024.00 / Min value: 1024\n"
+                       "Swap memory free size: 1024.00 / Min value: 1024\n"
+                       "Virtual memory size: 3072.00 / Max value: 3072\n"
+                       "Buffers memory size: 200.00 / Max value: 199\n",
+                       r),
+              r);
+    EXPECT_EQ("-v 1 -t 1 -Ov -CHf ^ -c public db.example 1.3.6.1.2.1.25.2.3\n", asked());
+}
+
+TEST_F(Memory, SilentRemoteHostHasNothingAndIsWithinLimits) {
+    char host[] = "h";
+    add_mem(1, 9, 9, 9, 9, 9, 9, host);
+    const std::vector<double> nothing(8, NONE);
+    for (const char* output : {"", "\n\n^^^\n", "Timeout: No Response from h\n",
+                               "1\n1^\n1^HOST-RESOURCES-TYPES::hrStorageRam\n",
+                               "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory\n",
+                               "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory^1024\n",
+                               "1^hrStorageRam^Physical memory^1024^1^1\n"}) {
+        stub("snmptable", output);
+        udc_content r = check();
+        EXPECT_EQ(expected(0, nothing, WITHIN, r), r) << output;
+    }
+}
+
+TEST_F(Memory, RowWithoutUsedGivesTheTotal) {
+    char host[] = "h";
+    stub("snmptable", "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory^1048576^7\n");
+    add_mem(1, 9, 9, 9, 9, 9, 9, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, {NONE, 7, NONE, NONE, NONE, NONE, NONE, NONE}, WITHIN, r), r);
+}
+
+TEST_F(Memory, HostThatIsNoneStartsNoProcess) {
+    char host[] = "h; touch x";
+    stub("snmptable", "");
+    add_mem(1, 9, 9, 9, 9, 9, 9, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(10, std::vector<double>(8, NONE), "Remote memory test failed\n", r), r);
+    EXPECT_EQ("", asked());
+}
+
+TEST_F(Memory, ModifyMayTurnARemoteTestIntoALocalOne) {
+    char host[] = "h", none[] = "";
+    stub("snmptable", "");
+    add_mem(1, 8, 9, 9, 9, 9, 9, host);
+    modify_mem(1, 9, -1, -1, -1, -1, -1, none);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, LOCAL, WITHIN, r), r);
+    modify_mem(1, 9, -1, -1, -1, -1, -1, host);
+    EXPECT_EQ(NONE, check().d64[0]);
+}
+
+TEST_F(Memory, ListOperationsAndTheirLines) {
+    add_mem(0, 9, 1, 1, 1, 1, 1, nullptr);
+    modify_mem(0, 9, 1, 1, 1, 1, 1, nullptr);
+    modify_mem(5, 9, 1, 1, 1, 1, 1, nullptr);
+    rem_mem(0);
+    rem_mem(5);
+    EXPECT_EQ("", take_log_text());
+    add_mem(1, 2, 3, 4, 5, 6, 7, nullptr);
+    add_mem(1, 9, 9, 9, 9, 9, 9, nullptr);
+    modify_mem(1, 8, 7, 6, 5, 4, 3, nullptr);
+    rem_mem(1);
+    EXPECT_EQ("5 INFO: add_mem. Added test. tid:1, lid:2, mem_min:3, swap_min:4, virt_min:5, "
+              "buffered_max:6, cached_max:7\n"
+              "5 INFO: modify_mem. Modified test. tid:1, lid:8, mem_min:7, swap_min:6, virt_min:5, "
+              "buffered_max:4, cached_max:3\n"
+              "5 INFO: rem_mem. Removed test. tid:1\n",
+              take_log_text());
+    do_mem_check();
+    EXPECT_TRUE(take_records(get_mem_results).empty());
+}
+
+TEST_F(Memory, FirstResultsAreSentAtOnceAndOnlyThey) {
+    add_mem(1, 9, -1, -1, -1, -1, -1, nullptr);
+    add_mem(2, 9, -1, -1, -1, -1, -1, nullptr);
+    do_mem_check();
+    EXPECT_EQ(1, wake_ups);
+    do_mem_check();
+    EXPECT_EQ(1, wake_ups);
+    modify_mem(2, 9, -1, -1, -1, -1, -1, nullptr);
+    do_mem_check();
+    EXPECT_EQ(2, wake_ups);
+    EXPECT_EQ(6u, take_records(get_mem_results).size());
+}
+
+/* Everything at once from several threads; the sanitizers watch. */
+TEST_F(Memory, ChangesDuringPasses) {
+    ASSERT_EQ(1, init_mem_mon());
+    std::atomic<bool> stop{false};
+    std::thread changes([&] {
+        for (int i = 0; i < 300; i++) {
+            add_mem(1 + i % 5, 9, 1, 1, 1, 1, 1, nullptr);
+            modify_mem(1 + i % 3, 9, i, 1, 1, 1, 1, nullptr);
+            rem_mem(1 + i % 4);
+            set_mem_check_interval(1000 + i);
+        }
+        stop = true;
+    });
+    std::thread passes([&] {
+        while (!stop) {
+            do_mem_check();
+        }
+    });
+    while (!stop) {
+        take_records(get_mem_results);
+        get_mem_check_interval();
+    }
+    changes.join();
+    passes.join();
+    shutdown_mem_checker();
+    EXPECT_EQ(-1, get_mem_check_interval());
+}

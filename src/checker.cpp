@@ -114,6 +114,22 @@ int checker_get_results(checker& c, char** rez, int* rez_size) {
     return 1;
 }
 
+int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size) {
+    UDCW* record = nullptr;
+    if (!create_new_udcw(&record, 0, 3, 1, 0, 0, 1)) {
+        return 0;
+    }
+    udcw_add(record, UDC_UI32, code);
+    udcw_add(record, UDC_UI32, 0);
+    udcw_add(record, UDC_UI32, 0);
+    udcw_add(record, UDC_I64, now_in_seconds());
+    udcw_add(record, UDC_STRING, list);
+    *rez_size = static_cast<int>(record->udc->size);
+    *rez = reinterpret_cast<char*>(record->udc);
+    udcw_free(&record);
+    return 1;
+}
+
 void checker_stop(checker& c) {
     checker_set_interval(c, -1);
     if (!c.running) {

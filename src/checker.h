@@ -78,6 +78,10 @@ void checker_add_record(checker& c, UDCW* writer);
  * the outputs untouched when there is nothing. */
 int checker_get_results(checker& c, char** rez, int* rez_size);
 
+/* An inventory record, what there is that can be tested: UI32 code, 0, 0; I64 time; the list as
+ * text. Returns 1 and gives the caller the record (free), or 0. */
+int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size);
+
 /* Stops the worker, joins it (waits for a running pass) and destroys the condition. Definitions and
  * uncollected results stay. Nothing to do for a checker that was not started. */
 void checker_stop(checker& c);

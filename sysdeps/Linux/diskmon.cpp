@@ -321,19 +321,7 @@ int get_mounted_list(char** rez, int* rez_size) {
     *rez = nullptr;
     *rez_size = 0;
     heap_text list = list_file_systems();
-    UDCW* record = nullptr;
-    if (!list || !create_new_udcw(&record, 0, 3, 1, 0, 0, 1)) {
-        return 0;
-    }
-    udcw_add(record, UDC_UI32, MOUNTED_RECORD);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    udcw_add(record, UDC_STRING, list.get());
-    *rez_size = static_cast<int>(record->udc->size);
-    *rez = reinterpret_cast<char*>(record->udc);
-    udcw_free(&record);
-    return 1;
+    return list ? make_inventory(MOUNTED_RECORD, list.get(), rez, rez_size) : 0;
 }
 
 /* --- tests --- */

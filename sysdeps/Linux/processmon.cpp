@@ -837,19 +837,7 @@ int get_proc_name_list(char** pData, int* pDataSize) {
             list.add(name, length);
         }
     }
-    UDCW* record = nullptr;
-    if (!any || !create_new_udcw(&record, 0, 3, 1, 0, 0, 1)) {
-        return 0;
-    }
-    udcw_add(record, UDC_UI32, NAMES_RECORD);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    udcw_add(record, UDC_STRING, list.text.get());
-    *pDataSize = static_cast<int>(record->udc->size);
-    *pData = reinterpret_cast<char*>(record->udc);
-    udcw_free(&record);
-    return 1;
+    return any ? make_inventory(NAMES_RECORD, list.text.get(), pData, pDataSize) : 0;
 }
 
 /* --- tests --- */

@@ -1,0 +1,581 @@
+#include "netmon.h"
+
+#include "checker.h"
+#include "procfile.h"
+#include "udc.h"
+#include "vindral_common.h"
+#include "vindral_log.h"
+#include "vindral_wake.h"
+
+#include <cctype>
+#include <cstdio>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+static const uint32_t TRAFFIC_RECORD = 38;
+static const uint32_t ADAPTERS_RECORD = 39;
+static const size_t IFREQS_SIZE = 2560; /* room for 64 interfaces to begin with */
+static const size_t LINE_MOST = 511;
+static const int calc_check_interval = 10; /* seconds from sample to sample */
+enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2 };
+
+static constinit checker net = {.thread_name = "net",
+                                .pass = do_net_check,
+                                .attr_message =
+                                    "Net monitoring: thread attribute initialization failed.",
+                                .stack_message = "Net monitoring: can not set thread stack size."};
+static constinit mutex& net_mon_mutex = net.mon_mutex;
+static net_data** net_data_list GUARDED_BY(net_mon_mutex);
+static int net_data_list_len GUARDED_BY(net_mon_mutex);
+
+static constinit mutex net_interface_list_mutex{};
+static net_interface** net_interface_list GUARDED_BY(net_interface_list_mutex);
+static int net_interface_list_len GUARDED_BY(net_interface_list_mutex);
+
+static pthread_t net_calc_worker_thread_handle;
+static bool sampler_running; /* there is one to join; main thread only */
+static constinit mutex net_calc_cond_mutex{};
+static constinit condition net_calc_cond{};
+static bool sampler_stopped GUARDED_BY(net_calc_cond_mutex);
+
+/* --- interfaces --- */
+
+/* The configured interfaces of a socket: `count` of them, null on failure. */
+static heap<ifreq> query_interfaces(int socket_fd, size_t* count) {
+    for (size_t size = IFREQS_SIZE;; size *= 2) {
+        heap<ifreq> ifreqs(static_cast<ifreq*>(malloc(size)));
+        ifconf query{};
+        query.ifc_len = static_cast<int>(size);
+        query.ifc_req = ifreqs.get();
+        if (!ifreqs || ioctl(socket_fd, SIOCGIFCONF, &query) != 0) {
+            return nullptr;
+        }
+        /* The kernel fills what there is room for and does not say whether there is more. */
+        if (static_cast<size_t>(query.ifc_len) + sizeof(ifreq) <= size) {
+            *count = static_cast<size_t>(query.ifc_len) / sizeof(ifreq);
+            return ifreqs;
+        }
+    }
+}
+
+static bool is_watched(int socket_fd, ifreq* interface) {
+    ifreq flags = *interface;
+    return ioctl(socket_fd, SIOCGIFFLAGS, &flags) == 0 && (flags.ifr_flags & IFF_UP) &&
+           (flags.ifr_flags & IFF_RUNNING) && !(flags.ifr_flags & IFF_LOOPBACK);
+}
+
+/* Moves those that are watched to the front; returns how many. */
+static size_t keep_watched(int socket_fd, ifreq* interfaces, size_t count) {
+    size_t kept = 0;
+    for (size_t i = 0; i < count; i++) {
+        interfaces[i].ifr_name[IFNAMSIZ - 1] = '\0';
+        if (is_watched(socket_fd, &interfaces[i])) {
+            interfaces[kept++] = interfaces[i];
+        }
+    }
+    return kept;
+}
+
+static bool is_listed(const char* name) REQUIRES(net_interface_list_mutex) {
+    for (int i = 0; i < net_interface_list_len; i++) {
+        if (strcmp(net_interface_list[i]->name, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+static bool is_among(const char* name, const ifreq* interfaces, size_t count) {
+    for (size_t i = 0; i < count; i++) {
+        if (strcmp(interfaces[i].ifr_name, name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+static void update_list(const ifreq* kept, size_t count) {
+    lock hold(net_interface_list_mutex);
+    for (size_t i = 0; i < count; i++) {
+        if (is_listed(kept[i].ifr_name)) {
+            continue;
+        }
+        heap<net_interface> entry(static_cast<net_interface*>(calloc(1, sizeof(net_interface))));
+        if (entry) {
+            memcpy(entry->name, kept[i].ifr_name, sizeof entry->name);
+            if (append_test(net_interface_list, net_interface_list_len, entry.get())) {
+                (void)entry.release();
+            }
+        }
+    }
+    for (int i = net_interface_list_len - 1; i >= 0; i--) {
+        if (!is_among(net_interface_list[i]->name, kept, count)) {
+            free(take_test(net_interface_list, net_interface_list_len, i));
+        }
+    }
+}
+
+/* Every name and a tab behind each. */
+static heap_text names_of(const ifreq* kept, size_t count) {
+    heap_text text(static_cast<char*>(malloc(count * (IFNAMSIZ + 1) + 1)));
+    char* end = text.get();
+    if (end != nullptr) {
+        *end = '\0';
+        for (size_t i = 0; i < count; i++) {
+            end += sprintf(end, "%s\t", kept[i].ifr_name);
+        }
+    }
+    return text;
+}
+
+int get_adapter_list(char** rez, int* rez_size) {
+    unique_fd any(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!any) {
+        leveledadd2log(0, "Net monitoring. get_adapter_list. Socket creation failed.");
+        return 0;
+    }
+    size_t count = 0;
+    heap<ifreq> interfaces = query_interfaces(any.get(), &count);
+    if (!interfaces) {
+        leveledadd2log(0, "Net monitoring. get_adapter_list. ioctl SIOCGIFCONF failed.");
+        return 0;
+    }
+    count = keep_watched(any.get(), interfaces.get(), count);
+    update_list(interfaces.get(), count);
+    heap_text names = names_of(interfaces.get(), count);
+    if (!names) {
+        return 0;
+    }
+    leveledadd2log(5, "Net monitoring. get_adapter_list. Interface list: '%s'", names.get());
+    if (count == 0) {
+        leveledadd2log(0, "Net monitoring. get_adapter_list. No interfaces with IFF_UP, "
+                          "IFF_RUNNING and !IFF_LOOPBACK .");
+        return 0;
+    }
+    return rez != nullptr ? make_inventory(ADAPTERS_RECORD, names.get(), rez, rez_size) : 1;
+}
+
+/* --- samples --- */
+
+template <typename counter>
+static void sample(counter* value, unsigned long* speed, counter new_value) {
+    if (*value == 0) {
+        *speed = 0;
+    } else {
+        auto rate = static_cast<unsigned long>((new_value - *value) / calc_check_interval);
+        *speed = *speed == 0 ? rate : (rate + *speed) >> 1;
+    }
+    *value = new_value;
+}
+
+void avg(unsigned long* value, unsigned long* speed, unsigned long new_value) {
+    sample(value, speed, new_value);
+}
+
+void avg_ll(unsigned long long* value, unsigned long* speed, unsigned long long new_value) {
+    sample(value, speed, new_value);
+}
+
+/* The columns of /proc/net/dev have changed twice: bytes came with Linux 2.1, compressed packets
+ * and multicast with 2.3. */
+enum layout { PACKETS_ONLY = 1, WITH_BYTES = 2, WITH_COMPRESSED = 3 };
+
+static layout layout_of(const char* heading) {
+    if (strstr(heading, "compressed") != nullptr) {
+        return WITH_COMPRESSED;
+    }
+    return strstr(heading, "bytes") != nullptr ? WITH_BYTES : PACKETS_ONLY;
+}
+
+static void parse_counters(const char* text, layout version, net_interface* n) {
+    switch (version) {
+    case WITH_COMPRESSED:
+        sscanf(text, "%llu %llu %lu %lu %lu %lu %lu %lu %llu %llu %lu %lu %lu %lu %lu %lu",
+               &n->rx_bytes, &n->rx_packets, &n->rx_errors, &n->rx_dropped, &n->rx_fifo_errors,
+               &n->rx_frame_errors, &n->rx_compressed, &n->rx_multicast, &n->tx_bytes,
+               &n->tx_packets, &n->tx_errors, &n->tx_dropped, &n->tx_fifo_errors, &n->collisions,
+               &n->tx_carrier_errors, &n->tx_compressed);
+        break;
+    case WITH_BYTES:
+        sscanf(text, "%llu %llu %lu %lu %lu %lu %llu %llu %lu %lu %lu %lu %lu", &n->rx_bytes,
+               &n->rx_packets, &n->rx_errors, &n->rx_dropped, &n->rx_fifo_errors,
+               &n->rx_frame_errors, &n->tx_bytes, &n->tx_packets, &n->tx_errors, &n->tx_dropped,
+               &n->tx_fifo_errors, &n->collisions, &n->tx_carrier_errors);
+        break;
+    case PACKETS_ONLY:
+        sscanf(text, "%llu %lu %lu %lu %lu %llu %lu %lu %lu %lu %lu", &n->rx_packets, &n->rx_errors,
+               &n->rx_dropped, &n->rx_fifo_errors, &n->rx_frame_errors, &n->tx_packets,
+               &n->tx_errors, &n->tx_dropped, &n->tx_fifo_errors, &n->collisions,
+               &n->tx_carrier_errors);
+        break;
+    }
+}
+
+/* Cuts the name off the line and returns the counters behind it; null when there is none. A colon
+ * ends the name, but for that of an alias ("eth0:1:"). */
+static char* cut_name(char* name) {
+    char* colon = strchr(name, ':');
+    if (colon == nullptr) {
+        return nullptr;
+    }
+    size_t digits = strspn(colon + 1, "0123456789");
+    if (digits > 0 && colon[1 + digits] == ':') {
+        colon += 1 + digits;
+    }
+    *colon = '\0';
+    return colon + 1;
+}
+
+static void sample_line(char* line, layout version) REQUIRES(net_interface_list_mutex) {
+    char* name = line + strspn(line, " \t");
+    const char* counters = cut_name(name);
+    if (counters == nullptr) {
+        return;
+    }
+    for (int i = 0; i < net_interface_list_len; i++) {
+        net_interface* known = net_interface_list[i];
+        if (strstr(name, known->name) == nullptr) {
+            continue;
+        }
+        net_interface now{};
+        parse_counters(counters, version, &now);
+        avg_ll(&known->rx_bytes, &known->pi_rx_bytes, now.rx_bytes);
+        avg_ll(&known->rx_packets, &known->pi_rx_packets, now.rx_packets);
+        avg(&known->rx_errors, &known->pi_rx_errors, now.rx_errors);
+        avg_ll(&known->tx_bytes, &known->pi_tx_bytes, now.tx_bytes);
+        avg_ll(&known->tx_packets, &known->pi_tx_packets, now.tx_packets);
+        avg(&known->tx_errors, &known->pi_tx_errors, now.tx_errors);
+        return;
+    }
+}
+
+/* The next line at *rest, or as much as one read takes of it; null at the end. */
+static char* take_line(char** rest, char line[LINE_MOST + 1]) {
+    if (**rest == '\0') {
+        return nullptr;
+    }
+    size_t length = strcspn(*rest, "\n");
+    length = length < LINE_MOST ? length : LINE_MOST;
+    memcpy(line, *rest, length);
+    line[length] = '\0';
+    *rest += length + ((*rest)[length] == '\n');
+    return line;
+}
+
+static void sample_interfaces() {
+    lock hold(net_interface_list_mutex);
+    if (net_interface_list_len == 0) {
+        return;
+    }
+    heap_text text = read_whole_proc_file("net/dev");
+    char line[LINE_MOST + 1];
+    char* rest = text.get();
+    if (!text || take_line(&rest, line) == nullptr || take_line(&rest, line) == nullptr) {
+        return;
+    }
+    layout version = layout_of(line);
+    while (take_line(&rest, line) != nullptr) {
+        sample_line(line, version);
+    }
+}
+
+/* False when the sampler was stopped. */
+static bool wait_for_next_sample() {
+    lock hold(net_calc_cond_mutex);
+    timespec deadline = deadline_in(calc_check_interval);
+    while (!sampler_stopped &&
+           condition_wait_until(net_calc_cond, net_calc_cond_mutex, deadline) != ETIMEDOUT) {
+    }
+    return !sampler_stopped;
+}
+
+void* net_calc_worker_thread(void*) {
+    do {
+        sample_interfaces();
+    } while (wait_for_next_sample());
+    return nullptr;
+}
+
+/* --- evaluation --- */
+
+/* Received and sent in the order in which they are reported and judged. */
+enum {
+    BYTES_RECEIVED,
+    PACKETS_RECEIVED,
+    ERRORS_RECEIVED,
+    BYTES_SENT,
+    PACKETS_SENT,
+    ERRORS_SENT,
+    RATES
+};
+
+/* Takes the rates away from the first interface whose name is in the text. False without one. */
+static bool take_rates(const char* adapter, unsigned long rates[RATES]) {
+    lock hold(net_interface_list_mutex);
+    for (int i = 0; i < net_interface_list_len; i++) {
+        net_interface* n = net_interface_list[i];
+        if (strstr(adapter, n->name) == nullptr) {
+            continue;
+        }
+        unsigned long* kept[RATES] = {&n->pi_rx_bytes, &n->pi_rx_packets, &n->pi_rx_errors,
+                                      &n->pi_tx_bytes, &n->pi_tx_packets, &n->pi_tx_errors};
+        for (int rate = 0; rate < RATES; rate++) {
+            rates[rate] = *kept[rate];
+            *kept[rate] = 0;
+        }
+        return true;
+    }
+    return false;
+}
+
+static void append_line(char** message, const char* format, const char* adapter, unsigned rate,
+                        int limit) {
+    char* line = nullptr;
+    if (asprintf(&line, format, adapter, rate, limit) >= 0) {
+        adv_strcat(message, line);
+        free(line);
+    }
+}
+
+/* Status of a test, its message in `*message` (caller frees). */
+static uint32_t judge_rates(const net_data& test, const unsigned long rates[RATES],
+                            char** message) {
+    const struct {
+        int limit;
+        const char* format;
+    } limits[RATES] = {
+        {test.max_bytes_recv, "Network adapter: %s bytes received: %u / Max value: %u.\n"},
+        {test.max_pkts_recv, "Network adapter: %s packets received: %u / Max value: %u.\n"},
+        {test.max_errors_recv, "Network adapter: %s errors received: %u / Max value: %u.\n"},
+        {test.max_bytes_sent, "Network adapter: %s bytes sent: %u / Max value: %u.\n"},
+        {test.max_pkts_sent, "Network adapter: %s packets sent: %u / Max value: %u.\n"},
+        {test.max_errors_sent, "Network adapter: %s errors sent: %u / Max value: %u.\n"},
+    };
+    uint32_t status = WITHIN_LIMITS;
+    bool limited = false;
+    for (int i = 0; i < RATES; i++) {
+        if (limits[i].limit < 1) {
+            continue;
+        }
+        limited = true;
+        if (rates[i] >= static_cast<unsigned long>(limits[i].limit)) {
+            append_line(message, limits[i].format, test.adapter, static_cast<unsigned>(rates[i]),
+                        limits[i].limit);
+            status = LIMIT_REACHED;
+        }
+    }
+    if (limited && status == WITHIN_LIMITS) {
+        append_line(message, "Network adapter: %s Statistics are within acceptable limits.\n",
+                    test.adapter, 0, 0);
+    }
+    return status;
+}
+
+static void add_net_record(const net_data& test, const unsigned long rates[RATES], uint32_t status,
+                           const char* message) {
+    UDCW* record = nullptr;
+    if (!create_new_udcw(&record, 0, 10, 1, 0, 0, 1)) {
+        return;
+    }
+    udcw_add(record, UDC_UI32, TRAFFIC_RECORD);
+    udcw_add(record, UDC_UI32, test.tid);
+    udcw_add(record, UDC_UI32, test.lid);
+    udcw_add(record, UDC_I64, now_in_seconds());
+    for (int i = 0; i < RATES; i++) {
+        udcw_add(record, UDC_UI32, rates[i]);
+    }
+    udcw_add(record, UDC_UI32, status);
+    udcw_add(record, UDC_STRING, message);
+    checker_add_record(net, record);
+}
+
+static void check_net_test(const net_data& test) {
+    leveledadd2log(5, "INFO: do_net_check. Checking... tid:%d, lid:%d, adapter:'%s'", test.tid,
+                   test.lid, test.adapter);
+    unsigned long rates[RATES];
+    if (!take_rates(test.adapter, rates)) {
+        leveledadd2log(0, "ERROR: do_net_check. No Interface with name '%s'", test.adapter);
+        return;
+    }
+    char* message = nullptr;
+    uint32_t status = judge_rates(test, rates, &message);
+    leveledadd2log(5,
+                   "INFO: do_net_check. pi_rx_bytes:%lu, pi_rx_packets:%lu, pi_rx_errors:%lu, "
+                   "pi_tx_bytes:%lu, pi_tx_packets:%lu, pi_tx_errors:%lu, status_value:%d",
+                   rates[BYTES_RECEIVED], rates[PACKETS_RECEIVED], rates[ERRORS_RECEIVED],
+                   rates[BYTES_SENT], rates[PACKETS_SENT], rates[ERRORS_SENT],
+                   static_cast<int>(status));
+    add_net_record(test, rates, status, message);
+    free(message);
+}
+
+static bool check_all_interfaces() {
+    bool first_check = false;
+    lock hold(net_mon_mutex);
+    for (int i = 0; i < net_data_list_len; i++) {
+        first_check |= net_data_list[i]->isFirstCheck != 0;
+        net_data_list[i]->isFirstCheck = 0;
+        check_net_test(*net_data_list[i]);
+    }
+    return first_check;
+}
+
+void do_net_check() {
+    if (check_all_interfaces()) {
+        send_pending_data();
+    }
+}
+
+/* --- tests --- */
+
+void add_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_pkts_recv,
+                 int max_bytes_sent, int max_bytes_recv, int max_errors_sent, int max_errors_recv) {
+    if (tid == 0 || adapter == nullptr) {
+        leveledadd2log(0, "ERROR: add_nettest. Invalid test.");
+        return;
+    }
+    heap_text copy(strdup(adapter));
+    heap<net_data> test(static_cast<net_data*>(malloc(sizeof(net_data))));
+    if (!copy || !test) {
+        return;
+    }
+    *test = {tid,
+             lid,
+             copy.get(),
+             max_bytes_recv,
+             max_pkts_recv,
+             max_errors_recv,
+             max_bytes_sent,
+             max_pkts_sent,
+             max_errors_sent,
+             1};
+    {
+        lock hold(net_mon_mutex);
+        if (test_index(net_data_list, net_data_list_len, &net_data::tid, tid) >= 0) {
+            leveledadd2log(0, "ERROR: add_nettest. Existing test. tid:%d", tid);
+            return;
+        }
+        if (!append_test(net_data_list, net_data_list_len, test.get())) {
+            return;
+        }
+        (void)copy.release();
+        (void)test.release();
+    }
+    leveledadd2log(5,
+                   "INFO: add_nettest. Added test. tid:%d, lid:%d, adapter:'%s', max_pkts_sent:%d, "
+                   "max_pkts_recv:%d, max_bytes_sent:%d, max_bytes_recv:%d, max_errors_sent:%d, "
+                   "max_errors_recv:%d",
+                   tid, lid, adapter, max_pkts_sent, max_pkts_recv, max_bytes_sent, max_bytes_recv,
+                   max_errors_sent, max_errors_recv);
+    checker_wake(net);
+}
+
+void modify_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_pkts_recv,
+                    int max_bytes_sent, int max_bytes_recv, int max_errors_sent,
+                    int max_errors_recv) {
+    if (tid == 0 || adapter == nullptr) {
+        leveledadd2log(0, "ERROR: modify_nettest. Invalid test.");
+        return;
+    }
+    heap_text copy(strdup(adapter));
+    {
+        lock hold(net_mon_mutex);
+        int index = test_index(net_data_list, net_data_list_len, &net_data::tid, tid);
+        if (index < 0) {
+            leveledadd2log(0, "ERROR: modify_nettest. Non-existing test. tid:%d", tid);
+        } else if (copy) {
+            net_data* test = net_data_list[index];
+            free(test->adapter);
+            *test = {tid,
+                     lid,
+                     copy.release(),
+                     max_bytes_recv,
+                     max_pkts_recv,
+                     max_errors_recv,
+                     max_bytes_sent,
+                     max_pkts_sent,
+                     max_errors_sent,
+                     1};
+            leveledadd2log(5,
+                           "INFO: modify_nettest. Modified test. tid:%d, lid:%d, adapter:'%s', "
+                           "max_pkts_sent:%d, max_pkts_recv:%d, max_bytes_sent:%d, "
+                           "max_bytes_recv:%d, max_errors_sent:%d, max_errors_recv:%d",
+                           tid, lid, adapter, max_pkts_sent, max_pkts_recv, max_bytes_sent,
+                           max_bytes_recv, max_errors_sent, max_errors_recv);
+        }
+    }
+    checker_wake(net);
+}
+
+void rem_nettest(int tid) {
+    lock hold(net_mon_mutex);
+    int index = test_index(net_data_list, net_data_list_len, &net_data::tid, tid);
+    if (index < 0) {
+        leveledadd2log(0, "ERROR: rem_nettest. Non-existing test. tid:%d", tid);
+        return;
+    }
+    net_data* test = take_test(net_data_list, net_data_list_len, index);
+    free(test->adapter);
+    free(test);
+    leveledadd2log(5, "INFO: rem_nettest. Removed test. tid:%d", tid);
+}
+
+static int start_sampler() {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
+        leveledadd2log(0, "%s", net.attr_message);
+        return 0;
+    }
+    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
+        leveledadd2log(0, "%s", net.stack_message);
+    } else {
+        sampler_running = pthread_create(&net_calc_worker_thread_handle, &attributes,
+                                         net_calc_worker_thread, nullptr) == 0;
+    }
+    pthread_attr_destroy(&attributes);
+    if (sampler_running) {
+        pthread_setname_np(net_calc_worker_thread_handle, "net sampler");
+    }
+    return sampler_running;
+}
+
+int init_net_mon() {
+    get_adapter_list(nullptr, nullptr);
+    return checker_start(net, net_worker_thread) && start_sampler();
+}
+void* net_worker_thread(void*) {
+    checker_work(net);
+    return nullptr;
+}
+int get_net_check_interval() {
+    return checker_get_interval(net);
+}
+void set_net_check_interval(int t_sec) {
+    checker_set_interval(net, t_sec);
+}
+void add_net_result(char* rez, int rez_size) {
+    checker_add_result(net, rez, rez_size);
+}
+int get_net_results(char** rez, int* rez_size) {
+    return checker_get_results(net, rez, rez_size);
+}
+
+void shutdown_net_checker() {
+    checker_stop(net);
+    if (!sampler_running) {
+        return;
+    }
+    {
+        lock hold(net_calc_cond_mutex);
+        sampler_stopped = true;
+        pthread_cond_signal(&net_calc_cond.handle);
+    }
+    pthread_join(net_calc_worker_thread_handle, nullptr);
+    sampler_running = false;
+    while (pthread_cond_destroy(&net_calc_cond.handle) == EBUSY) {
+        pthread_cond_broadcast(&net_calc_cond.handle);
+        sched_yield();
+    }
+}

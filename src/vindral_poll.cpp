@@ -1,5 +1,6 @@
 #include "vindral_poll.h"
 
+#include "diskmon.h"
 #include "sslutiles_poll.h"
 #include "vindral_checkers.h"
 #include "vindral_commands.h"

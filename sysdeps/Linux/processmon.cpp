@@ -84,7 +84,7 @@ static bool read_file_at(int directory, const char* name, char* buffer, size_t r
 }
 
 static bool read_process_file(long pid, const char* name, char* buffer, size_t room) {
-    char path[4096];
+    char path[512];
     snprintf(path, sizeof path, "%s/%ld/%s", proc_root, pid, name);
     return read_file_at(AT_FDCWD, path, buffer, room);
 }

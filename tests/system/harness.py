@@ -27,6 +27,8 @@ import threading
 import time
 import unittest
 
+import records
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ.get(
     "VINDRAL_BUILD_DIR", os.path.join(HERE, "..", "..", "build", "release"))
@@ -407,6 +409,11 @@ class Agent:
         return wait_until(lambda: (lambda log: log.count(text) >= count and log)(self.log()),
                           lambda: "%r in the log:\n%s" % (text, self.log()[-6000:]), timeout_s)
 
+    def collected(self):
+        """The bytes of each collection, by the log."""
+        return [sum(map(int, re.findall(r"INFO: collect_result::\w+ data size: (\d+)", collection)))
+                for collection in self.log().split("INFO: Collecting results...")[1:]]
+
     def messages(self):
         """The log as a list of messages without their time stamps."""
         return [entry.split("\t", 1)[1] for entry in log_entries(self.log())]
@@ -528,8 +535,8 @@ class Collector:
         return wait_until(found, lambda: "%d results of test %d; have %s\n%s" % (
             count, test, self.results()[-3:], self.errors()))
 
-    def rows(self):
-        """What the database holds, in the order of storing."""
+    def rows(self, inventories=False):
+        """What the database holds, in the order of storing; inventories only when wanted."""
         path = os.path.join(self.state, "results.db")
         connection = sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=PATIENCE_S)
         try:
@@ -540,7 +547,7 @@ class Collector:
                 rows += connection.execute(
                     "SELECT account, name, type, test, location, time, status, record FROM %s "
                     "JOIN agents ON agents.id = agent ORDER BY %s.id" % (day, day)).fetchall()
-            return [Row(*row) for row in rows]
+            return [Row(*row) for row in rows if inventories or row[2] not in records.INVENTORIES]
         finally:
             connection.close()
 

@@ -305,6 +305,29 @@ def write_text(path, text):
         file.write(text if isinstance(text, bytes) else text.encode("utf-8", "surrogateescape"))
 
 
+def start_snmpd(test, further_lines):
+    """A daemon with these lines in its configuration. Returns its address."""
+    directory = test.subdir("snmpd")
+    config = os.path.join(directory, "snmpd.conf")
+    write_text(config, "rocommunity public 127.0.0.1\n" + further_lines)
+    port = free_port(socket.SOCK_DGRAM)
+    daemon = subprocess.Popen(
+        ["snmpd", "-f", "-Lf", directory + "/log", "-C", "-c", config, "udp:127.0.0.1:%d" % port],
+        env=dict(os.environ, SNMP_PERSISTENT_DIR=directory,
+                 PATH=os.environ["PATH"] + ":/usr/sbin:/sbin"), stdin=subprocess.DEVNULL)
+    test.addCleanup(daemon.wait)
+    test.addCleanup(daemon.terminate)
+
+    def answers():
+        test.assertIsNone(daemon.poll(), read_text(directory + "/log"))
+        return subprocess.run(
+            ["snmpget", "-v", "1", "-r", "0", "-t", "1", "-c", "public", "127.0.0.1:%d" % port,
+             "1.3.6.1.2.1.1.3.0"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            check=False).returncode == 0
+    wait_until(answers, lambda: read_text(directory + "/log"))
+    return "127.0.0.1:%d" % port
+
+
 class TestCase(unittest.TestCase):
     """A test with a directory of its own, which goes away with those of the file's other tests."""
 

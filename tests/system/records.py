@@ -48,6 +48,8 @@ def _record(block, start):
         at += struct.calcsize(layout)
     strings = []
     for _ in range(n_strings):
+        if at == size:  # declared, but there was nothing to say
+            break
         end = raw.index(b"\0", at)
         strings.append(raw[at:end].decode())
         at = end + 1

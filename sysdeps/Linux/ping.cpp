@@ -16,6 +16,8 @@ static const unsigned short DEFAULT_PACKET_SIZE = 76, LEAST_PACKET_SIZE = 52;
 static const unsigned short LEAST_DATA_SIZE = 25, MOST_DATA_SIZE = 65507;
 static const unsigned IP_HEADER_SIZE = 20; /* options are not looked for */
 static const unsigned RECEIVE_ROOM = 4096;
+/* Behind the header of the datagram that an error report quotes. */
+static const int QUOTED_END = IP_HEADER_SIZE + HEADER_SIZE + IP_HEADER_SIZE + HEADER_SIZE;
 static const int SEND_PAUSE_MS = 100;
 
 /* Milliseconds since a moment that stays the same. */
@@ -220,6 +222,9 @@ static verdict judge_datagram(int sock, char* buffer, int n, sockaddr_in* from, 
     total = ntohs(total);
     char text[INET_ADDRSTRLEN];
     const char* sender = address_text(*from, text);
+    if (n < QUOTED_END) {
+        memset(buffer + n, 0, static_cast<size_t>(QUOTED_END - n)); /* nothing of an earlier one */
+    }
     leveledadd2log(5, "wait_for_reply: socket: %d received %u bytes from %s\n", sock, total,
                    sender);
     if (n < static_cast<int>(IP_HEADER_SIZE + HEADER_SIZE)) {

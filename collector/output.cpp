@@ -134,6 +134,7 @@ public:
         shown.agent = printable(e.agent);
         shown.test = test_name(summary);
         shown.status = summary.status;
+        shown.is_test = summary.test.has_value();
         shown.text = printable(values_text(r, summary).append("  ").append(summary.message));
         shown.received = e.received;
         changed_ = true;
@@ -168,9 +169,10 @@ public:
          * too. */
         screen.columns -= screen.columns > 1 ? 1 : 0;
         std::vector<const row*> shown;
-        size_t bad = 0;
+        size_t tests = 0, bad = 0;
         for (const auto& [key, r] : rows_) {
             shown.push_back(&r);
+            tests += r.is_test;
             bad += r.status.value_or(0) != 0;
         }
         size_t problem_lines = std::min(problems_.size(), screen.rows / 3);
@@ -192,9 +194,8 @@ public:
                 out += text + "\033[K" + (--lines > 0 ? "\r\n" : "");
             }
         };
-        line(fit(screen, "vindral-collector  " + utc_time(now) + "  " +
-                             std::to_string(rows_.size()) + " tests, " + std::to_string(bad) +
-                             " not ok"));
+        line(fit(screen, "vindral-collector  " + utc_time(now) + "  " + std::to_string(tests) +
+                             " tests, " + std::to_string(bad) + " not ok"));
         size_t agent_width = 5, test_width = 4;
         for (const row* r : shown) {
             agent_width = std::max(agent_width, std::min<size_t>(display_width(r->agent), 24));
@@ -225,6 +226,7 @@ public:
 private:
     struct row {
         std::string agent, test, text;
+        bool is_test = false;
         std::optional<int32_t> status;
         int64_t received = 0;
     };

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
@@ -22,7 +24,7 @@ namespace {
 /* The commands */
 
 enum class effect { none, adds, modifies, removes };
-enum class kind { ignored, text, number, nonzero };
+enum class kind { ignored, text, number, nonzero, real };
 
 struct field {
     kind what;
@@ -45,20 +47,48 @@ const field load1 = {kind::number, "1 min maximum"};
 const field load5 = {kind::number, "5 min maximum"};
 const field load15 = {kind::number, "15 min maximum"};
 const field host = {kind::text, "host"};
+const field minimum = {kind::number, "minimum"};
+const field maximum = {kind::number, "maximum"};
+const field space = {kind::real, "amount"}; /* free space in GB, or the most that is read in KB */
+const field written = {kind::real, "most that is written"};
+const field name = {kind::text, "name"};
+
+const std::vector<field> removal = {test_id, unused};
+const std::vector<field> cpu = {test_id, location, maximum, maximum, maximum,
+                                minimum, maximum,  host,    name};
+const std::vector<field> memory = {test_id, location, minimum, minimum,
+                                   minimum, maximum,  maximum, host};
+const std::vector<field> disk = {test_id, location, name, space, written};
+const std::vector<field> process = {test_id, location, maximum, maximum, maximum, name};
+const std::vector<field> network = {test_id, location, name,    maximum, maximum,
+                                    maximum, maximum,  maximum, maximum};
+const std::vector<field> load = {test_id, location, load1, load5, load15, host};
+
+const size_t any_more = SIZE_MAX; /* fields beyond the least are ignored */
 
 /* One row for each code that the agent knows. */
 const std::vector<command> commands = {
     {"POL", effect::none, 0, 3, 3, {unused, seconds}},
     {"CHK", effect::none, 0, 3, 3, {unused, seconds}},
     {"UPD", effect::none, 0, 4, 4, {}},
-    {"LAA", effect::adds, type_load_average, 6, 7, {test_id, location, load1, load5, load15, host}},
-    {"LAM",
-     effect::modifies,
-     type_load_average,
-     6,
-     7,
-     {test_id, location, load1, load5, load15, host}},
-    {"LAD", effect::removes, type_load_average, 3, 3, {test_id, unused}},
+    {"PRA", effect::adds, type_process, 7, 7, process},
+    {"PRM", effect::modifies, type_process, 7, 7, process},
+    {"PRD", effect::removes, type_process, 3, 3, removal},
+    {"MMA", effect::adds, type_memory, 8, 9, memory},
+    {"MMM", effect::modifies, type_memory, 8, 9, memory},
+    {"MMD", effect::removes, type_memory, 3, 3, removal},
+    {"DKA", effect::adds, type_disk, 5, 6, disk},
+    {"DKM", effect::modifies, type_disk, 5, 6, disk},
+    {"DKD", effect::removes, type_disk, 3, 3, removal},
+    {"CUA", effect::adds, type_cpu, 8, 10, cpu},
+    {"CUM", effect::modifies, type_cpu, 8, 10, cpu},
+    {"CUD", effect::removes, type_cpu, 3, 3, removal},
+    {"LAA", effect::adds, type_load_average, 6, 7, load},
+    {"LAM", effect::modifies, type_load_average, 6, 7, load},
+    {"LAD", effect::removes, type_load_average, 3, 3, removal},
+    {"NTA", effect::adds, type_network, 10, any_more, network},
+    {"NTM", effect::modifies, type_network, 10, any_more, network},
+    {"NTD", effect::removes, type_network, 3, any_more, removal},
 };
 
 const command* find_command(std::string_view code) {
@@ -87,6 +117,13 @@ bool read_number(std::string_view text, int32_t& number) {
     return error == std::errc() && end == digits.data() + digits.size();
 }
 
+/* A number with or without a fraction, and nothing else in the field. */
+bool is_real(std::string_view text) {
+    double number = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && std::isfinite(number);
+}
+
 std::string quoted(std::string_view text) {
     bool cut = text.size() > 40;
     return "\"" + printable(text.substr(0, 40)) + (cut ? "...\"" : "\"");
@@ -99,8 +136,10 @@ std::string check_fields(const command& c, const std::vector<std::string_view>& 
         return "the last field is empty, which cannot be sent";
     }
     if (fields.size() < c.least || fields.size() > c.most) {
-        std::string takes = std::to_string(c.least);
-        takes += c.most > c.least ? " or " + std::to_string(c.most) : "";
+        std::string takes = (c.most == any_more ? "at least " : "") + std::to_string(c.least);
+        if (c.most != any_more && c.most > c.least) {
+            takes += (c.most > c.least + 1 ? " to " : " or ") + std::to_string(c.most);
+        }
         return std::string(c.code) + " takes " + takes + " fields, here are " +
                std::to_string(fields.size()) +
                (ends_in_tab ? " (the tab at the end begins no field)" : "");
@@ -108,6 +147,9 @@ std::string check_fields(const command& c, const std::vector<std::string_view>& 
     for (size_t i = 1; i < fields.size() && i <= c.fields.size(); i++) {
         const field& f = c.fields[i - 1];
         int32_t number = 0;
+        if (f.what == kind::real && !is_real(fields[i])) {
+            return "the " + std::string(f.name) + " is " + quoted(fields[i]) + ", not a number";
+        }
         if (f.what != kind::number && f.what != kind::nonzero) {
             continue;
         }

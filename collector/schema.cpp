@@ -8,8 +8,69 @@
 
 namespace json = boost::json;
 
-/* Checkers of the local machine and of services each add their types here. */
+/* One row for each type. */
 static const std::vector<record_schema> schemas = {
+    {.type = type_network,
+     .name = "network",
+     .test = 1,
+     .location = 2,
+     .status = 9,
+     .time = 0,
+     .values = {{value_type::ui32, 3, "received", " B/s"},
+                {value_type::ui32, 4, "received_packets", "/s"},
+                {value_type::ui32, 5, "received_errors", "/s"},
+                {value_type::ui32, 6, "sent", " B/s"},
+                {value_type::ui32, 7, "sent_packets", "/s"},
+                {value_type::ui32, 8, "sent_errors", "/s"}}},
+    {.type = type_network_interfaces,
+     .name = "network interfaces",
+     .time = 0,
+     .list = "interfaces"},
+    {.type = type_process_names, .name = "process names", .time = 0, .list = "names"},
+    {.type = type_process,
+     .name = "process",
+     .test = 1,
+     .location = 2,
+     .status = 4,
+     .time = 0,
+     .values = {{value_type::ui32, 3, "pid", ""},
+                {value_type::d64, 0, "cpu", "%"},
+                {value_type::d64, 1, "resident", " MB"},
+                {value_type::d64, 2, "virtual", " MB"}}},
+    {.type = type_cpu,
+     .name = "cpu",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::d64, 0, "user", "%"},
+                {value_type::d64, 1, "system", "%"},
+                {value_type::d64, 2, "nice", "%"},
+                {value_type::d64, 3, "idle", "%"},
+                {value_type::d64, 4, "iowait", "%"}},
+     .parts = "processors"},
+    {.type = type_file_systems, .name = "file systems", .time = 0, .list = "file_systems"},
+    {.type = type_disk,
+     .name = "disk",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::d64, 0, "total", " GB"}, {value_type::d64, 1, "available", " GB"}}},
+    {.type = type_memory,
+     .name = "memory",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::d64, 0, "free", " MB", true},
+                {value_type::d64, 1, "total", " MB", true},
+                {value_type::d64, 2, "swap_free", " MB", true},
+                {value_type::d64, 3, "swap_total", " MB", true},
+                {value_type::d64, 4, "buffers", " MB", true},
+                {value_type::d64, 5, "cached", " MB", true},
+                {value_type::d64, 6, "virtual_total", " MB", true},
+                {value_type::d64, 7, "virtual_free", " MB", true}}},
     {.type = type_load_average,
      .name = "load average",
      .test = 1,
@@ -18,8 +79,7 @@ static const std::vector<record_schema> schemas = {
      .time = 0,
      .values = {{value_type::d64, 0, "load1", ""},
                 {value_type::d64, 1, "load5", ""},
-                {value_type::d64, 2, "load15", ""}},
-     .message = 0},
+                {value_type::d64, 2, "load15", ""}}},
 };
 
 const record_schema* find_schema(uint32_t type) {
@@ -48,8 +108,8 @@ static size_t count_of(const record& r, value_type type) {
 }
 
 static bool has_values(const record& r, const record_schema& schema) {
-    for (size_t index : {schema.test, schema.location, schema.status}) {
-        if (index >= r.ui32.size()) {
+    for (std::optional<size_t> index : {schema.test, schema.location, schema.status}) {
+        if (index && *index >= r.ui32.size()) {
             return false;
         }
     }
@@ -70,11 +130,14 @@ record_summary summarize(const record& r) {
     }
     summary.schema = schema;
     /* The agent's ids are signed; the record's slots are not. */
-    summary.test = static_cast<int32_t>(r.ui32[schema->test]);
-    summary.location = static_cast<int32_t>(r.ui32[schema->location]);
-    summary.status = static_cast<int32_t>(r.ui32[schema->status]);
+    auto signed_at = [&](std::optional<size_t> index) -> std::optional<int32_t> {
+        return index ? std::optional(static_cast<int32_t>(r.ui32[*index])) : std::nullopt;
+    };
+    summary.test = signed_at(schema->test);
+    summary.location = signed_at(schema->location);
+    summary.status = signed_at(schema->status);
     summary.time = r.i64[schema->time];
-    if (schema->message < r.strings.size()) {
+    if (schema->list == nullptr && schema->message < r.strings.size()) {
         summary.message = r.strings[schema->message];
     }
     return summary;
@@ -107,6 +170,24 @@ static std::string number_text(double value) {
     return text;
 }
 
+/* What a D64 holds that stands for a quantity that is not available: all ones of 64 bits, rounded.
+ */
+static bool is_none(const record& r, const schema_value& value) {
+    return value.may_be_none && r.d64[value.index] == 18446744073709551616.0;
+}
+
+/* The items of an inventory. */
+static std::vector<std::string_view> items_of(const record& r) {
+    std::vector<std::string_view> items;
+    std::string_view rest = r.strings.empty() ? std::string_view() : r.strings[0];
+    while (!rest.empty()) {
+        size_t end = std::min(rest.find('\t'), rest.size());
+        items.push_back(rest.substr(0, end));
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return items;
+}
+
 std::string value_text(const record& r, const schema_value& value) {
     switch (value.type) {
     case value_type::i32:
@@ -118,7 +199,7 @@ std::string value_text(const record& r, const schema_value& value) {
     case value_type::ui64:
         return std::to_string(r.ui64[value.index]);
     case value_type::d64:
-        return number_text(r.d64[value.index]);
+        return is_none(r, value) ? "n/a" : number_text(r.d64[value.index]);
     }
     return "";
 }
@@ -165,10 +246,18 @@ std::string values_text(const record& r, const record_summary& summary) {
         return generic_text(r);
     }
     std::string text;
+    if (summary.schema->list != nullptr) {
+        std::vector<std::string_view> items = items_of(r);
+        text = std::to_string(items.size());
+        for (std::string_view item : items) {
+            text.append(" ").append(item);
+        }
+        return text;
+    }
     for (const schema_value& value : summary.schema->values) {
         text += text.empty() ? "" : " ";
         text += value.name;
-        text += ' ' + value_text(r, value) + value.unit;
+        text += ' ' + value_text(r, value) + (is_none(r, value) ? "" : value.unit);
     }
     return text;
 }
@@ -194,7 +283,7 @@ static json::value json_value(const record& r, const schema_value& value) {
     case value_type::ui64:
         return r.ui64[value.index];
     case value_type::d64:
-        return json_number(r.d64[value.index]);
+        return is_none(r, value) ? nullptr : json_number(r.d64[value.index]);
     }
     return nullptr;
 }
@@ -247,6 +336,45 @@ static void add_nested(json::object& object, const record& r) {
     object.emplace("nested", std::move(nested));
 }
 
+static json::object named_values(const record& r, const record_schema& schema) {
+    json::object values;
+    if (schema.list != nullptr) {
+        json::array items;
+        for (std::string_view item : items_of(r)) {
+            items.push_back(json::value(valid_utf8(item)));
+        }
+        values.emplace(schema.list, std::move(items));
+    }
+    for (const schema_value& value : schema.values) {
+        values.emplace(value.name, json_value(r, value));
+    }
+    return values;
+}
+
+/* Nested records that the type knows, each as status, values and message; one that is not as the
+ * type says is shown generically. */
+static void add_parts(json::object& object, const record& r, const record_schema& schema) {
+    json::array parts;
+    record part;
+    std::string reason;
+    for (std::string_view bytes : r.nested) {
+        if (!decode_record(bytes, part, reason)) {
+            continue;
+        }
+        if (part.ui32.size() == 0 || part.d64.size() < schema.values.size()) {
+            parts.push_back(generic_values(part));
+            continue;
+        }
+        auto status = static_cast<int32_t>(part.ui32[0]);
+        std::string_view message = part.strings.empty() ? std::string_view() : part.strings[0];
+        parts.push_back(json::object{{"status", status},
+                                     {"status_text", status_word(status)},
+                                     {"values", named_values(part, schema)},
+                                     {"message", valid_utf8(message)}});
+    }
+    object.emplace(schema.parts, std::move(parts));
+}
+
 template <typename T>
 static json::value json_optional(const std::optional<T>& value) {
     return value ? json::value(*value) : json::value(nullptr);
@@ -294,14 +422,15 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
         object.emplace("values", generic_values(r));
         object.emplace("message", nullptr);
     } else {
-        object.emplace("status_text", status_word(*summary.status));
-        json::object values;
-        for (const schema_value& value : summary.schema->values) {
-            values.emplace(value.name, json_value(r, value));
-        }
-        object.emplace("values", std::move(values));
+        object.emplace("status_text",
+                       summary.status ? json::value(status_word(*summary.status)) : nullptr);
+        object.emplace("values", named_values(r, *summary.schema));
         object.emplace("message", valid_utf8(summary.message));
     }
-    add_nested(object, r);
+    if (summary.schema != nullptr && summary.schema->parts != nullptr) {
+        add_parts(object, r, *summary.schema);
+    } else {
+        add_nested(object, r);
+    }
     return escape_controls(json::serialize(object));
 }

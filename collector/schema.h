@@ -11,7 +11,17 @@
 #include <string_view>
 #include <vector>
 
-enum { type_load_average = 66 };
+enum {
+    type_network = 38,
+    type_network_interfaces = 39,
+    type_process_names = 42,
+    type_process = 43,
+    type_cpu = 44,
+    type_file_systems = 45,
+    type_disk = 46,
+    type_memory = 47,
+    type_load_average = 66
+};
 
 enum class value_type { i32, ui32, i64, ui64, d64 };
 
@@ -19,16 +29,23 @@ struct schema_value {
     value_type type;
     size_t index; /* among the record's values of this type */
     const char* name;
-    const char* unit; /* "" for a plain number */
+    const char* unit;         /* "" for a plain number */
+    bool may_be_none = false; /* D64 2^64 stands for a quantity that is not available */
 };
 
+/* A test's result, or an inventory: what there is on the agent's machine that can be tested. */
 struct record_schema {
     uint32_t type; /* UI32 0 */
     const char* name;
-    size_t test, location, status; /* UI32 indices */
-    size_t time;                   /* I64 index: seconds since the epoch */
-    std::vector<schema_value> values;
-    size_t message; /* string index; the string may be missing */
+    std::optional<size_t> test = {}, location = {},
+                          status = {}; /* UI32 indices; none: an inventory */
+    size_t time;                       /* I64 index: seconds since the epoch */
+    std::vector<schema_value> values = {};
+    size_t message = 0; /* string index; the string may be missing */
+    const char* list =
+        nullptr; /* an inventory: string 0 holds items of this name, a tab behind each */
+    /* What nested records are: they hold the same D64 values, a status in UI32 0 and a message. */
+    const char* parts = nullptr;
 };
 
 /* Null for a type that has no row. */
@@ -58,7 +75,8 @@ std::string value_text(const record& r, const schema_value& value);
 std::string values_text(const record& r, const record_summary& summary);
 
 /* One JSON object (no line end) with agent, account, received, type, name, test, location, time,
- * status, status_text, values, message and, where there are any, nested records. Without a schema
+ * status, status_text, values, message and, where there are any, nested records under their name.
+ * An inventory has no status and its items as an array in values. Without a schema
  * the members that a test result would have are null, and "values" holds an array per value type.
  * Bytes that are no UTF-8 become U+FFFD; a number that JSON cannot express becomes null. */
 std::string record_json(std::string_view account, std::string_view agent, int64_t received,

@@ -26,13 +26,13 @@ def wait_for(condition, what):
         time.sleep(0.02)
 
 
-def start_collector(home, *before):
+def start_collector(home, *before, options=()):
     port_file = os.path.join(home, "port")
     if os.path.exists(port_file):
         os.unlink(port_file)
     process = subprocess.Popen(
         [*before, os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
-         port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000"],
+         port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000", *options],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     wait_for(lambda: os.path.exists(port_file), "the collector")
     with open(port_file, encoding="ascii") as file:

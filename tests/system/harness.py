@@ -27,6 +27,8 @@ import threading
 import time
 import unittest
 
+import records
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ.get(
     "VINDRAL_BUILD_DIR", os.path.join(HERE, "..", "..", "build", "release"))
@@ -303,6 +305,29 @@ def write_text(path, text):
         file.write(text if isinstance(text, bytes) else text.encode("utf-8", "surrogateescape"))
 
 
+def start_snmpd(test, further_lines):
+    """A daemon with these lines in its configuration. Returns its address."""
+    directory = test.subdir("snmpd")
+    config = os.path.join(directory, "snmpd.conf")
+    write_text(config, "rocommunity public 127.0.0.1\n" + further_lines)
+    port = free_port(socket.SOCK_DGRAM)
+    daemon = subprocess.Popen(
+        ["snmpd", "-f", "-Lf", directory + "/log", "-C", "-c", config, "udp:127.0.0.1:%d" % port],
+        env=dict(os.environ, SNMP_PERSISTENT_DIR=directory,
+                 PATH=os.environ["PATH"] + ":/usr/sbin:/sbin"), stdin=subprocess.DEVNULL)
+    test.addCleanup(daemon.wait)
+    test.addCleanup(daemon.terminate)
+
+    def answers():
+        test.assertIsNone(daemon.poll(), read_text(directory + "/log"))
+        return subprocess.run(
+            ["snmpget", "-v", "1", "-r", "0", "-t", "1", "-c", "public", "127.0.0.1:%d" % port,
+             "1.3.6.1.2.1.1.3.0"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            check=False).returncode == 0
+    wait_until(answers, lambda: read_text(directory + "/log"))
+    return "127.0.0.1:%d" % port
+
+
 class TestCase(unittest.TestCase):
     """A test with a directory of its own, which goes away with those of the file's other tests."""
 
@@ -406,6 +431,11 @@ class Agent:
         """Waits until the log holds `text` `count` times and returns the log."""
         return wait_until(lambda: (lambda log: log.count(text) >= count and log)(self.log()),
                           lambda: "%r in the log:\n%s" % (text, self.log()[-6000:]), timeout_s)
+
+    def collected(self):
+        """The bytes of each collection, by the log."""
+        return [sum(map(int, re.findall(r"INFO: collect_result::\w+ data size: (\d+)", collection)))
+                for collection in self.log().split("INFO: Collecting results...")[1:]]
 
     def messages(self):
         """The log as a list of messages without their time stamps."""
@@ -528,8 +558,8 @@ class Collector:
         return wait_until(found, lambda: "%d results of test %d; have %s\n%s" % (
             count, test, self.results()[-3:], self.errors()))
 
-    def rows(self):
-        """What the database holds, in the order of storing."""
+    def rows(self, inventories=False):
+        """What the database holds, in the order of storing; inventories only when wanted."""
         path = os.path.join(self.state, "results.db")
         connection = sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=PATIENCE_S)
         try:
@@ -540,7 +570,7 @@ class Collector:
                 rows += connection.execute(
                     "SELECT account, name, type, test, location, time, status, record FROM %s "
                     "JOIN agents ON agents.id = agent ORDER BY %s.id" % (day, day)).fetchall()
-            return [Row(*row) for row in rows]
+            return [Row(*row) for row in rows if inventories or row[2] not in records.INVENTORIES]
         finally:
             connection.close()
 

@@ -9,7 +9,16 @@ import struct
 
 Record = collections.namedtuple("Record", "raw i32 ui32 i64 ui64 d64 strings nested")
 
+NETWORK = 38
+INTERFACES = 39
+PROCESS_NAMES = 42
+PROCESS = 43
+CPU = 44
+FILE_SYSTEMS = 45
+DISK = 46
+MEMORY = 47
 LOAD_AVERAGE = 66
+INVENTORIES = (INTERFACES, PROCESS_NAMES, FILE_SYSTEMS)  # part of every collection
 
 Load = collections.namedtuple("Load", "test location time values message status")
 
@@ -39,6 +48,8 @@ def _record(block, start):
         at += struct.calcsize(layout)
     strings = []
     for _ in range(n_strings):
+        if at == size:  # declared, but there was nothing to say
+            break
         end = raw.index(b"\0", at)
         strings.append(raw[at:end].decode())
         at = end + 1
@@ -51,9 +62,14 @@ def _record(block, start):
     return Record(raw, *values, strings, nested)
 
 
+def results(block):
+    """The results of tests in a block, without the inventories."""
+    return [record for record in decode(block) if record.ui32[0] not in INVENTORIES]
+
+
 def load_averages(block):
-    """The load-average records of a block, which must hold no others."""
-    return [as_load(record) for record in decode(block)]
+    """The load-average records of a block, which must hold no other results."""
+    return [as_load(record) for record in results(block)]
 
 
 def as_load(record):

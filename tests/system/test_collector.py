@@ -182,9 +182,8 @@ class Operation(harness.TestCase):
         collector.wait_test(1, len(collector.results()) + 3)
         agent.stop()
 
-        collected = [int(line.rpartition(" ")[2]) for line in agent.messages()
-                     if "get_lda_results data size: " in line]
-        stored = sum(len(row.record) for row in collector.rows())
+        collected = agent.collected()
+        stored = sum(len(row.record) for row in collector.rows(inventories=True))
         self.assertIn(sum(collected) - stored, (0, collected[-1]))
         collector.stop()
 

@@ -224,7 +224,7 @@ class Killed(harness.TestCase):
         self.check(proxy, collector, agent, {request.connection for request in proxy.accepted})
 
     def check(self, proxy, collector, agent, accepted):
-        stored = [row.record for row in collector.rows()]
+        stored = [row.record for row in collector.rows(inventories=True)]
         blocks = proxy.blocks()
         last = [request for request in proxy.requests if request.body][-1]
         if last.connection not in accepted:
@@ -238,14 +238,14 @@ class Killed(harness.TestCase):
 
     def check_blocks(self, proxy, agent):
         """Nothing was lost inside the agent either: what it collected is what it sent."""
-        collected = sum(map(int, re.findall(r"get_lda_results data size: (\d+)", agent.log())))
+        collected = sum(agent.collected())
         sent = sum(len(block) for block in proxy.blocks())
         self.assertIn(collected - sent, (0, self.last_collected(agent)))
 
     @staticmethod
     def last_collected(agent):
         """The block that was collected last may not have been sent any more."""
-        return int(re.findall(r"get_lda_results data size: (\d+)", agent.log())[-1])
+        return agent.collected()[-1]
 
     def test_at_every_chunk(self):
         """The connection breaks with the collector, or without it, at its first chunk, its second
@@ -270,7 +270,7 @@ class Killed(harness.TestCase):
         agent.stop()
         relay.stop()
         collector.stop()
-        self.check_by_log(agent, collector.rows())
+        self.check_by_log(agent, collector.rows(inventories=True))
 
     def test_at_random_moments(self):
         """Agents that talk to the collector themselves. What they collected is in their logs."""
@@ -298,14 +298,14 @@ class Killed(harness.TestCase):
         for agent in agents:
             agent.check_end()
         collector.stop()
-        rows = collector.rows()
+        rows = collector.rows(inventories=True)
         for agent, name in zip(agents, names):
             self.check_by_log(agent, [row for row in rows if row.agent == name])
 
     def check_by_log(self, agent, rows):
         """As much is stored as the agent collected, in this order."""
         stored = sum(len(row.record) for row in rows)
-        collected = sum(map(int, re.findall(r"get_lda_results data size: (\d+)", agent.log())))
+        collected = sum(agent.collected())
         last = 0 if self.ended_in_order(agent) else self.last_collected(agent)
         self.assertIn(collected - stored, (0, last))
         for test in (1, 2):

@@ -105,7 +105,7 @@ class LoadAverage(harness.TestCase):
         """Nothing is recorded, remote tests included; a new test still counts as new afterwards."""
         self.start("", "LAA\t1\t1\t-1\t-1\t-1", "LAA\t2\t1\t-1\t-1\t-1\t;")
         self.agent.wait_log("INFO: add_lda. Added test. tid:2", timeout_s=60)
-        self.agent.wait_log("INFO: data cache is empty", count=3)
+        self.agent.wait_log("INFO: data cache size: ", count=3)
         harness.write_text(self.loadavg, "1.00 2.00 3.00 1/1 1\n")
         self.collector.add_to_plan("LAM\t1\t9\t-1\t-1\t-1")
         self.assertEqual(self.load(1, 9).values, (1.0, 2.0, 3.0))
@@ -119,7 +119,7 @@ class LoadAverage(harness.TestCase):
         harness.make_socket_file(unreadable)  # open() fails with ENXIO, for root as well
         agent = harness.Agent(self, collector.port,
                               wrap=harness.mounted(unreadable, "/proc/loadavg")).start()
-        agent.wait_log("INFO: data cache is empty", count=4)
+        agent.wait_log("INFO: data cache size: ", count=4)
         agent.stop()
         self.assertEqual(collector.rows(), [])
         self.assertNotIn("loadavg", agent.log())

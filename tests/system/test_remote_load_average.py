@@ -4,7 +4,6 @@ that shows how it is called and answers whatever we like."""
 import os
 import shutil
 import socket
-import subprocess
 
 import harness
 import records
@@ -191,8 +190,8 @@ class Network(Remote):
             self.assertTrue(silent.recv(65536))  # it was asked
 
     def test_real_snmpd(self):
-        real = self.start_snmpd("")
-        fixed = self.start_snmpd("".join('override %s%d octet_str "%s"\n' % (OID, row, value)
+        real = harness.start_snmpd(self, "")
+        fixed = harness.start_snmpd(self, "".join('override %s%d octet_str "%s"\n' % (OID, row, value)
                                          for row, value in enumerate(("0.42", "1.50", "2.00"), 1)))
         self.start("LAA\t1\t5\t-1\t-1\t-1\t" + fixed, "LAA\t2\t5\t0\t2\t2\tudp:" + fixed,
                    "LAA\t3\t5\t-1\t-1\t-1\t" + real, "LAA\t4\t5\t-1\t-1\t-1")
@@ -205,28 +204,6 @@ class Network(Remote):
         self.assertEqual(loads[3].status, 0)
         for remote, local in zip(loads[3].values, loads[4].values):
             self.assertLess(abs(remote - local), max(1, local))
-
-    def start_snmpd(self, further_lines):
-        """A daemon with these lines in its configuration. Returns its address."""
-        directory = self.subdir("snmpd")
-        config = os.path.join(directory, "snmpd.conf")
-        harness.write_text(config, "rocommunity public 127.0.0.1\n" + further_lines)
-        port = harness.free_port(socket.SOCK_DGRAM)
-        daemon = subprocess.Popen(
-            ["snmpd", "-f", "-Lf", directory + "/log", "-C", "-c", config, "udp:127.0.0.1:%d" % port],
-            env=dict(os.environ, SNMP_PERSISTENT_DIR=directory,
-                     PATH=os.environ["PATH"] + ":/usr/sbin:/sbin"), stdin=subprocess.DEVNULL)
-        self.addCleanup(daemon.wait)
-        self.addCleanup(daemon.terminate)
-
-        def answers():
-            self.assertIsNone(daemon.poll(), harness.read_text(directory + "/log"))
-            return subprocess.run(
-                ["snmpget", "-v", "1", "-r", "0", "-t", "1", "-c", "public", "127.0.0.1:%d" % port,
-                 OID + "1"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                check=False).returncode == 0
-        harness.wait_until(answers, lambda: harness.read_text(directory + "/log"))
-        return "127.0.0.1:%d" % port
 
 
 if __name__ == "__main__":

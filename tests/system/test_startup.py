@@ -293,25 +293,38 @@ BANNER = (r"\n\n\t\t\t\t" + re.escape(STARS) + r"\n\n\t\t\t\t\tVINDRAL SMART AGE
           r"\n\n\t\t\t\t" + re.escape(STARS) + r"\n\n")
 
 
+# The tests have loopback only.
+NO_INTERFACE = ("Net monitoring. get_adapter_list. No interfaces with IFF_UP, IFF_RUNNING and "
+                "!IFF_LOOPBACK .")
+
+
 class Log(harness.TestCase):
     def test_whole_life(self):
         """The exact lines from start to stop, in their order."""
         server = ScriptedServer(self)
         agent = harness.Agent(self, server.port, level=3).start()
         server.wait_requests(2)
-        agent.wait_log("INFO: data cache is empty")
+        agent.wait_log("INFO: data cache size: ")
         agent.stop()
         messages = agent.messages()
         banner = [i for i, line in enumerate(messages) if "SMART AGENT" in line]
         self.assertEqual(len(banner), 1)
         self.assertRegex(messages.pop(banner[0]), "^" + BANNER % agent.process.pid + "$")
-        self.assertEqual(banner[0], 1)
-        self.assertEqual([line for line in messages if "SSL_write" not in line], [
+        self.assertEqual(banner[0], 7)
+        self.assertEqual([re.sub(r"(?<=: )\d+$", "N", line) for line in messages
+                          if "SSL_write" not in line], [
+            "Process monitoring initialization done.",
+            "MEMORY checker initialization done",
+            "DISK checker initialization done",
+            "CPU checker initialization done",
             "Load Average checker initialization done",
+            NO_INTERFACE,
+            "NET monitor initialization done",
             "Main Worker thread created successfully",
             "Authorization was successfully completed.",
             "INFO: Collecting results...",
-            "INFO: data cache is empty",
+            NO_INTERFACE,
+            "INFO: data cache size: N",
             "SIGHUP Received, Shutting down.",
         ])
 

@@ -78,6 +78,45 @@ TEST_F(plan_test, stopping_is_legal) {
     EXPECT_EQ(p->lines().size(), 2u);
 }
 
+TEST_F(plan_test, tests_of_every_checker) {
+    const std::string text = "PRA\t1\t1\t90\t-1\t-1\tmy daemon\n"
+                             "MMA\t2\t1\t1\t2\t3\t4\t5\n"
+                             "MMA\t3\t1\t1\t2\t3\t4\t5\thost\n"
+                             "DKA\t4\t1\t/(/dev/sda1|ext4)\t1.5\n"
+                             "DKA\t5\t1\t/(/dev/sda1|ext4)\t-1\t1e3\n"
+                             "CUA\t6\t1\t1\t2\t3\t4\t5\n"
+                             "CUA\t7\t1\t1\t2\t3\t4\t5\thost\n"
+                             "CUA\t8\t1\t1\t2\t3\t4\t5\thost\tlinux\n"
+                             "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\t6\n"
+                             "NTA\t10\t1\teth0\t1\t2\t3\t4\t5\t6\tmore\tmore\n"
+                             "PRM\t1\t1\t90\t-1\t-1\tx\nPRD\t1\t0\n"
+                             "MMM\t2\t1\t1\t2\t3\t4\t5\nMMD\t2\t0\n"
+                             "DKM\t4\t1\t/\t2\nDKD\t4\t0\n"
+                             "CUM\t6\t1\t1\t2\t3\t4\t5\nCUD\t6\t0\n"
+                             "NTM\t9\t1\teth0\t1\t2\t3\t4\t5\t6\nNTD\t9\t0\tmore\n";
+    EXPECT_TRUE(start(text));
+    EXPECT_EQ(take_problems(), strings{});
+    EXPECT_EQ(p->text_after(0), text);
+}
+
+TEST_F(plan_test, malformed_tests_of_every_checker) {
+    EXPECT_TRUE(start("PRA\t1\t1\t90\t-1\t-1\n"
+                      "MMA\t2\t1\t1\t2\t3\t4\t5\th\tx\n"
+                      "DKA\t4\t1\t/\tmuch\n"
+                      "DKA\t4\t1\t/\t1\tinf\n"
+                      "CUA\t6\t1\t1\t2\t3\t4\n"
+                      "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\n"
+                      "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\tx\n"));
+    EXPECT_EQ(take_problems(),
+              (strings{"1 PRA takes 7 fields, here are 6", "2 MMA takes 8 or 9 fields, here are 10",
+                       "3 the amount is \"much\", not a number",
+                       "4 the most that is written is \"inf\", not a number",
+                       "5 CUA takes 8 to 10 fields, here are 7",
+                       "6 NTA takes at least 10 fields, here are 9",
+                       "7 the maximum is \"x\", not a whole number of 32 bits"}));
+    EXPECT_EQ(p->text_after(0), "");
+}
+
 TEST_F(plan_test, lines_that_an_agent_would_drop_are_reported_and_not_sent) {
     EXPECT_TRUE(start("XYZ\t1\t2\n"
                       "laa\t5\t1\t1\t2\t3\n"

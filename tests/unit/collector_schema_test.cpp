@@ -34,6 +34,104 @@ TEST(schema, load_average) {
     EXPECT_EQ(type_name(66), "load average");
 }
 
+/* One record of each type, and how it is shown. */
+TEST(schema, every_type) {
+    const double none = 18446744073709551616.0;
+    struct {
+        record_builder built;
+        const char *name, *values, *json;
+    } const cases[] = {
+        {{.ui32 = {38, 5, 7, 1, 2, 3, 4, 5, 6, 2}, .i64 = {9}, .strings = {"m"}},
+         "network",
+         "received 1 B/s received_packets 2/s received_errors 3/s sent 4 B/s sent_packets 5/s "
+         "sent_errors 6/s",
+         R"("status":2,"status_text":"limit reached","values":{"received":1,"received_packets":2,)"
+         R"("received_errors":3,"sent":4,"sent_packets":5,"sent_errors":6},"message":"m"})"},
+        {{.ui32 = {43, 5, 7, 123, 3}, .i64 = {9}, .d64 = {1.5, 2, 3}, .missing_strings = 1},
+         "process",
+         "pid 123 cpu 1.5% resident 2 MB virtual 3 MB",
+         R"("status":3,"status_text":"not found","values":{"pid":123,"cpu":1.5E0,"resident":2E0,)"
+         R"("virtual":3E0},"message":""})"},
+        {{.ui32 = {46, 5, 7, 0}, .i64 = {9}, .d64 = {40, 9.5}, .strings = {"m"}},
+         "disk",
+         "total 40 GB available 9.5 GB",
+         R"("status":0,"status_text":"ok","values":{"total":4E1,"available":9.5E0},"message":"m"})"},
+        {{.ui32 = {47, 5, 7, 0},
+          .i64 = {9},
+          .d64 = {1, 2, 3, 4, 5, 6, none, none},
+          .strings = {"m"}},
+         "memory",
+         "free 1 MB total 2 MB swap_free 3 MB swap_total 4 MB buffers 5 MB cached 6 MB "
+         "virtual_total n/a virtual_free n/a",
+         R"("status":0,"status_text":"ok","values":{"free":1E0,"total":2E0,"swap_free":3E0,)"
+         R"("swap_total":4E0,"buffers":5E0,"cached":6E0,"virtual_total":null,"virtual_free":null},)"
+         R"("message":"m"})"},
+    };
+    for (const auto& c : cases) {
+        std::string bytes = c.built.bytes();
+        record r = decode(bytes);
+        record_summary summary = summarize(r);
+        ASSERT_NE(summary.schema, nullptr) << c.name;
+        EXPECT_EQ(type_name(summary.type), c.name);
+        EXPECT_EQ(summary.test, 5);
+        EXPECT_EQ(summary.location, 7);
+        EXPECT_EQ(summary.time, 9);
+        EXPECT_EQ(values_text(r, summary), c.values);
+        std::string text = json_of(bytes);
+        EXPECT_EQ(text.substr(text.find("\"status\":")), c.json);
+    }
+}
+
+TEST(schema, processors_are_parts_of_the_cpu_record) {
+    record_builder part{.ui32 = {2}, .d64 = {10, 20, 30, 40, 0}, .strings = {"high\n"}};
+    record_builder odd{.ui32 = {1, 2}};
+    record_builder whole{.ui32 = {44, 5, 7, 0},
+                         .i64 = {9},
+                         .d64 = {1, 2, 3, 94, 0},
+                         .strings = {"fine\n"},
+                         .nested = {part.bytes(), odd.bytes()}};
+    std::string bytes = whole.bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)), "user 1% system 2% nice 3% idle 94% iowait 0%");
+    std::string text = json_of(bytes);
+    EXPECT_EQ(text.substr(text.find("\"message\":\"fine")),
+              R"("message":"fine\n","processors":[{"status":2,"status_text":"limit reached",)"
+              R"("values":{"user":1E1,"system":2E1,"nice":3E1,"idle":4E1,"iowait":0E0},)"
+              R"("message":"high\n"},{"ui32":[1,2]}]})");
+}
+
+TEST(schema, inventories_list_what_there_is) {
+    struct {
+        uint32_t type;
+        const char *name, *list;
+    } const cases[] = {{39, "network interfaces", "interfaces"},
+                       {42, "process names", "names"},
+                       {45, "file systems", "file_systems"}};
+    for (const auto& c : cases) {
+        std::string bytes =
+            record_builder{.ui32 = {c.type, 0, 0}, .i64 = {9}, .strings = {"a b\tc\t"}}.bytes();
+        record r = decode(bytes);
+        record_summary summary = summarize(r);
+        ASSERT_NE(summary.schema, nullptr) << c.name;
+        EXPECT_EQ(type_name(c.type), c.name);
+        EXPECT_FALSE(summary.test.has_value());
+        EXPECT_FALSE(summary.status.has_value());
+        EXPECT_EQ(summary.time, 9);
+        EXPECT_EQ(summary.message, "");
+        EXPECT_EQ(values_text(r, summary), "2 a b c");
+        std::string text = json_of(bytes);
+        EXPECT_EQ(text.substr(text.find("\"test\":")),
+                  std::string(R"("test":null,"location":null,"time":9,"status":null,)") +
+                      R"("status_text":null,"values":{")" + c.list +
+                      R"(":["a b","c"]},"message":""})");
+        record_builder empty{.ui32 = {c.type, 0, 0}, .i64 = {9}};
+        empty.missing_strings = 1;
+        std::string none = empty.bytes();
+        record nothing = decode(none);
+        EXPECT_EQ(values_text(nothing, summarize(nothing)), "0");
+    }
+}
+
 TEST(schema, ids_are_signed) {
     std::string bytes = load_record(0xffffffffu, 1);
     EXPECT_EQ(summarize(decode(bytes)).test, -1);

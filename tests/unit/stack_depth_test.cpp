@@ -2,15 +2,22 @@
  * does the deepest that it can do, and the paint that is left is counted. The figures stand in
  * docs/architecture.md; this test fails when one of them comes near the 32768 bytes that a worker
  * has. */
+#include "netmon.cpp"
+
+#include "cpumon.h"
+#include "diskmon.h"
 #include "guards.h"
 #include "libsslloader.h"
+#include "memmon.h"
 #include "monloadaverage.h"
+#include "processmon.h"
 #include "resolve.h"
 #include "tls_peer.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
 #include "vindral_poll.h"
 
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -77,6 +84,29 @@ protected:
         EXPECT_LT(used, LIMIT - 4096) << kind;
     }
 
+    /* A program first on PATH that prints this line. */
+    void stub(const char* program, const char* line) {
+        std::ofstream(place / "bin" / program) << "#!/bin/sh\necho '" << line << "'\n";
+        fs::permissions(place / "bin" / program, fs::perms::owner_all);
+        setenv("PATH", ((place / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
+    }
+
+    /* What a checker's worker needs for a pass over the tests that it has. */
+    static size_t worker_depth(void* (*worker)(void*), void (*set_interval)(int),
+                               int (*get_results)(char**, int*)) {
+        return measure(worker, nullptr, [&](pthread_t) {
+            int size = 0;
+            char* data = nullptr;
+            set_interval(1);
+            for (int i = 0; i < 10000 && !get_results(&data, &size); i++) {
+                usleep(1000);
+            }
+            EXPECT_GT(size, 0);
+            free(data);
+            set_interval(-1);
+        });
+    }
+
     void wait_for_log(const std::string& text) {
         for (int i = 0; i < 10000; i++) {
             std::ifstream in(log_path);
@@ -95,14 +125,22 @@ protected:
 TEST_F(StackDepth, PollThread) {
     ASSERT_EQ(1, init_log_file());
     ASSERT_EQ(1, init_ssl_variables());
-    std::string commands = "CHK\t0\t1000\nLAA\t1\t1\t1\t1\t1\nLAM\t1\t2\t3\t4\t5\nXYZ\n"
-                           "UPD\ta\tb\tc\nLAD\t1\t0\nPOL\t0\t-1\n";
+    /* The second answer adds tests, so that the third poll collects; inventories come anyway. */
+    std::string adds = "LAA\t1\t1\t1\t1\t1\nCUA\t1\t1\t1\t1\t1\t1\t1\n"
+                       "MMA\t1\t1\t1\t1\t1\t1\t1\nDKA\t1\t1\t/(a|b)\t1\n"
+                       "PRA\t1\t1\t1\t1\t1\tx\nNTA\t1\t1\teth0\t1\t1\t1\t1\t1\t1\n";
+    std::string commands =
+        "CHK\t0\t1000\nLAM\t1\t2\t3\t4\t5\nCUM\t1\t1\t1\t1\t1\t1\t1\n"
+        "MMM\t1\t1\t1\t1\t1\t1\t1\nDKM\t1\t1\t/(a|b)\t1\t1\nPRM\t1\t1\t1\t1\t1\tx\n"
+        "NTM\t1\t1\teth0\t1\t1\t1\t1\t1\t1\nXYZ\nUPD\ta\tb\tc\n"
+        "LAD\t1\t0\nCUD\t1\t0\nMMD\t1\t0\nDKD\t1\t0\nPRD\t1\t0\nNTD\t1\t0\nPOL\t0\t-1\n";
     auto answer = [](const std::string& headers, const std::string& body) {
         return peer::send("HTTP/1.0 200 OK\r\n" + headers +
                           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
     };
     tls_peer server(tls_peer::tls,
                     {{peer::take_request(), answer("Vnd-SessionID: s1\r\n", ""), peer::end_clean()},
+                     {peer::take_request(), answer("", adds), peer::end_clean()},
                      {peer::take_request(), answer("", commands), peer::end_clean()}});
     std::string host = "localhost", port = server.port(), email = "a@b", name = "n",
                 home = place.string();
@@ -125,23 +163,73 @@ TEST_F(StackDepth, PollThread) {
 }
 
 TEST_F(StackDepth, LoadAverageWorker) {
-    std::ofstream(place / "bin" / "snmpget") << "#!/bin/sh\necho 'a = STRING: 1'\n";
-    fs::permissions(place / "bin" / "snmpget", fs::perms::owner_all);
-    setenv("PATH", ((place / "bin").string() + ":" + getenv("PATH")).c_str(), 1);
+    stub("snmpget", "a = STRING: 1");
     char host[] = "h";
     add_lda(1, 1, 0, 0, 0, nullptr);
     add_lda(2, 1, 0, 0, 0, host);
-    size_t used = measure(lda_worker_thread, nullptr, [](pthread_t) {
-        int size = 0;
-        char* data = nullptr;
-        set_lda_check_interval(1);
-        for (int i = 0; i < 10000 && !get_lda_results(&data, &size); i++) {
-            usleep(1000);
-        }
-        free(data);
-        set_lda_check_interval(-1);
+    expect_room("lda", worker_depth(lda_worker_thread, set_lda_check_interval, get_lda_results));
+}
+
+TEST_F(StackDepth, CpuWorker) {
+    stub("snmpget", "a = Counter32: 1");
+    stub("snmptable", "a^50");
+    char host[] = "h", linux_host[] = "linux";
+    ASSERT_EQ(1,
+              init_cpu_mon()); /* learns the processors; its own worker is not the measured one */
+    add_cpu(1, 1, 0, 0, 0, 100, 0, nullptr, nullptr);
+    add_cpu(2, 1, 0, 0, 0, 100, 0, host, linux_host);
+    add_cpu(3, 1, 0, 0, 0, 100, 0, host, nullptr);
+    auto pass = [](void*) -> void* {
+        do_cpu_check(1);
+        return nullptr;
+    };
+    expect_room("cpu", measure(pass, nullptr));
+    shutdown_cpu_checker();
+}
+
+TEST_F(StackDepth, MemoryWorker) {
+    stub("snmptable", "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory^1^1^1");
+    char host[] = "h";
+    add_mem(1, 1, INT_MAX, INT_MAX, INT_MAX, 0, 0, nullptr);
+    add_mem(2, 1, INT_MAX, INT_MAX, INT_MAX, 0, 0, host);
+    expect_room("mem", worker_depth(mem_worker_thread, set_mem_check_interval, get_mem_results));
+}
+
+TEST_F(StackDepth, DiskWorker) {
+    char root[] = "/(/dev/sda|ext4)", gone[] = "/gone(x|y)";
+    add_diskdesc(1, 1, root, 1e9, -1.0, -1.0);
+    add_diskdesc(2, 1, gone, 1, -1.0, -1.0);
+    add_diskdesc(3, 1, root, -1, 1, 1);
+    expect_room("disk",
+                worker_depth(disk_worker_thread, set_disk_check_interval, get_disk_results));
+}
+
+TEST_F(StackDepth, ProcessWorker) {
+    char own[] = "stack_depth_tes", gone[] = "not running";
+    add_proc(own, 1, 1, 0, 0, 0);
+    add_proc(gone, 2, 1, 0, 0, 0);
+    expect_room("proc",
+                worker_depth(proc_worker_thread, set_proc_check_interval, get_proc_results));
+}
+
+TEST_F(StackDepth, NetworkWorkers) {
+    ASSERT_EQ(1, init_log_file());
+    char adapter[] = "nothing";
+    add_nettest(1, 1, adapter, 1, 1, 1, 1, 1, 1);
+    size_t used = measure(net_worker_thread, nullptr, [this](pthread_t) {
+        set_net_check_interval(1);
+        wait_for_log("No Interface with name 'nothing'");
+        set_net_check_interval(-1);
     });
-    expect_room("lda", used);
+    expect_room("net", used);
+    get_adapter_list(nullptr, nullptr);
+    auto sample = [](void*) -> void* {
+        sample_interfaces();
+        return nullptr;
+    };
+    used = measure(sample, nullptr);
+    expect_room("net sampler", used);
+    shutdown_log_writer();
 }
 
 TEST_F(StackDepth, LogWriter) {

@@ -187,10 +187,11 @@ static char* find_location(char* header, const char* status_line, char* addInfo)
 }
 
 /* Takes an http URL apart: the host with or without a port, each with or without a path, which goes
- * to `path` without its leading '/'. Returns 0 when the value is no such URL; scheme and host are
- * then undefined. */
+ * to `path` (2 bytes at least) without its leading '/'. Returns 0 when the value is no such URL;
+ * scheme and host are then undefined. */
 static int match_url(const char* value, url_head& to, char* path) {
-    strcpy(path, "/");
+    path[0] = '/';
+    path[1] = '\0';
     if (sscanf(value, SCHEME "://" HOST ":" PORT "/" PATH, to.scheme, to.host, &to.port, path) ==
             4 ||
         sscanf(value, SCHEME "://" HOST ":" PORT, to.scheme, to.host, &to.port) == 3) {

@@ -90,8 +90,8 @@ void checker_stop(checker& c);
  * The caller holds mon_mutex. `id` is the member that holds the test id. */
 
 /* Index of the first definition with this id, or -1. */
-template <typename D>
-int test_index(D* const* list, int count, int D::*id, int wanted) {
+template <typename D, typename Id>
+int test_index(D* const* list, int count, Id D::*id, Id wanted) {
     for (int i = 0; i < count; i++) {
         if (list[i]->*id == wanted) {
             return i;

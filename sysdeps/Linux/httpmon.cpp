@@ -75,9 +75,7 @@ static void add_http_record(const com_result& r, const char* addInfo) {
     udcw_add(record, UDC_UI32, r.content_length);
     udcw_add(record, UDC_STRING, addInfo);
     udcw_add(record, UDC_I64, now_in_seconds());
-    heap<UDC> finished(record->udc);
-    udcw_free(&record);
-    add_http_result(reinterpret_cast<char*>(finished.get()), static_cast<int>(finished->size));
+    checker_add_record(http, record);
 }
 
 static void check_http_test(aHost* test) {
@@ -160,14 +158,8 @@ void do_http_check() {
 
 /* --- the list -------------------------------------------------------------------------------- */
 
-/* Index of the test with this id, or -1. */
 static int http_index(long id) REQUIRES(HTTP_MON_MUTEX) {
-    for (int i = 0; i < host_list_len; i++) {
-        if (host_list[i]->id == id) {
-            return i;
-        }
-    }
-    return -1;
+    return test_index(host_list, host_list_len, &aHost::id, id);
 }
 
 int is_new_http(int tID) {

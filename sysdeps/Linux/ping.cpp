@@ -4,6 +4,7 @@
 #include "resolve.h"
 #include "vindral_log.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +20,12 @@ static const unsigned RECEIVE_ROOM = 4096;
 /* Behind the header of the datagram that an error report quotes. */
 static const int QUOTED_END = IP_HEADER_SIZE + HEADER_SIZE + IP_HEADER_SIZE + HEADER_SIZE;
 static const int SEND_PAUSE_MS = 100;
+/* Every probe on the machine puts its request or reply into every raw socket, which nobody reads
+ * during the pause before a request. The kernel counts 768 bytes for a small one; this holds the
+ * traffic of some thousand probes. */
+static const int QUEUE_SIZE = 4 << 20;
+/* The clock's step. A reply that was there already took this, since 0 would mean that it is lost. */
+static const double LEAST_MS = 0.001;
 
 /* Milliseconds since a moment that stays the same. */
 static double clock_ms() {
@@ -286,7 +293,7 @@ double wait_for_reply(int sock, u_int time_out, unsigned short icmp_pkt_size, un
                              left);
         int error = errno;
         /* Of this receive alone, not of those before. */
-        double elapsed = clock_ms() - began;
+        double elapsed = std::max(clock_ms() - began, LEAST_MS);
         left = limit - elapsed;
         leveledadd2log(5,
                        "wait_for_reply: socket: %d Elapsed time: %f Elapsed on Wait: %f left time: "
@@ -361,6 +368,10 @@ static unique_fd open_raw_socket(const char* host, const addrinfo& address) {
         return sock;
     }
     leveledadd2log(5, "ping: host: %s socket: %d\n", host, sock.get());
+    /* Beyond the system's limit for the privileged, else up to it; short of room it still works. */
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUFFORCE, &QUEUE_SIZE, sizeof QUEUE_SIZE) != 0) {
+        (void)setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &QUEUE_SIZE, sizeof QUEUE_SIZE);
+    }
     if (sock.get() != 0) {
         if (setsockopt(sock.get(), IPPROTO_IP, IP_TTL, &TTL, sizeof TTL) == 0) {
             leveledadd2log(5, "ping: socket: %d setsockopt: IP_TTL: %u\n", sock.get(), TTL);

@@ -24,7 +24,8 @@ static const int SEND_PAUSE_MS = 100;
  * during the pause before a request. The kernel counts 768 bytes for a small one; this holds the
  * traffic of some thousand probes. */
 static const int QUEUE_SIZE = 4 << 20;
-/* The clock's step. A reply that was there already took this, since 0 would mean that it is lost. */
+/* The clock's step. A reply that was there already took this, since 0 would mean that it is lost.
+ */
 static const double LEAST_MS = 0.001;
 
 /* Milliseconds since a moment that stays the same. */

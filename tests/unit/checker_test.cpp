@@ -117,6 +117,31 @@ TEST_F(CheckerTest, AShortIntervalRepeatsThePass) {
     EXPECT_TRUE(eventually([] { return passes >= 3; }));
 }
 
+TEST_F(CheckerTest, ANegativeIntervalIsNoStop) {
+    unsigned seen = wakes_so_far(c);
+    EXPECT_TRUE(wait_interval(c, seen, -5));
+}
+
+TEST_F(CheckerTest, OneWakeUpIsOnePass) {
+    start();
+    for (int wanted = 1; wanted <= 3; wanted++) {
+        /* One that comes while the pass before it still runs is lost. */
+        wake_until_pass(wanted);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(wanted, passes);
+    }
+}
+
+TEST(Deadline, IsAWholeSecondOfTheWallClock) {
+    timespec before, after;
+    clock_gettime(CLOCK_REALTIME, &before);
+    timespec deadline = deadline_in(5);
+    clock_gettime(CLOCK_REALTIME, &after);
+    EXPECT_EQ(0, deadline.tv_nsec);
+    EXPECT_LE(before.tv_sec + 5, deadline.tv_sec);
+    EXPECT_GE(after.tv_sec + 5, deadline.tv_sec);
+}
+
 TEST_F(CheckerTest, MinusOneEndsTheWorkerForGood) {
     start();
     checker_set_interval(c, -1);
@@ -227,10 +252,14 @@ TEST_F(CheckerTest, IntervalOfACheckerThatNeverRanIsHarmless) {
 
 TEST_F(CheckerTest, StoppedTwiceAndWokenAfterwards) {
     start();
+    checker_add_result(c, "abc", 3);
     checker_stop(c);
     checker_stop(c);
     checker_wake(c);
     EXPECT_EQ(0, passes);
+    EXPECT_EQ(-1, checker_get_interval(c));
+    lock hold(c.result_mutex);
+    EXPECT_EQ(3, c.result_buffer_len); /* what was not collected is still there */
 }
 
 TEST_F(CheckerTest, ResultsAreHandedOverWhole) {

@@ -494,7 +494,8 @@ TEST(RealProcess, BurnsCpu) {
         pid_t child = fork();
         if (child == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (volatile unsigned work = 0;; work = work + 1) { /* an empty loop may be dropped */
+            volatile bool burning = true; /* an endless loop without it may be dropped */
+            while (burning) {
             }
         }
         (void)!write(ready[1], &child, sizeof child);

@@ -331,6 +331,15 @@ TEST_F(Cpu, RemoteCounters) {
               asked());
 }
 
+TEST_F(Cpu, RemoteCountersThatAreAllZero) {
+    char host[] = "h", kind[] = "linux";
+    stub("snmpget", "=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n"
+                    "=Counter32:0\n=Counter32:0\n");
+    add_cpu(1, 9, 1, 1, 1, 0, 1, host, kind);
+    udc_content r = check();
+    EXPECT_EQ(record(0, {0, 0, 0, 0, 0}, WITHIN, r), r);
+}
+
 /* Judged whether or not this machine's kernel counts I/O wait. */
 TEST_F(Cpu, RemoteIoWaitOnAKernelWithoutIt) {
     char host[] = "h", kind[] = "linux";

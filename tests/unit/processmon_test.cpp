@@ -102,6 +102,12 @@ TEST(Tokens, StepOverWhiteSpace) {
     EXPECT_STREQ("", skip_token(""));
 }
 
+TEST_F(Process, Beginnings) {
+    EXPECT_EQ(31536000, get_proc_check_interval());
+    EXPECT_STREQ("Process monitoring: thread attribute initialization failed.", proc.attr_message);
+    EXPECT_STREQ("Process monitoring: can not set thread stack size.", proc.stack_message);
+}
+
 TEST_F(Process, Ids) {
     unsigned int* ids = nullptr;
     int count = 0;
@@ -158,6 +164,23 @@ TEST_F(Process, IdsOfAName) {
     EXPECT_EQ(9, ids[0] + ids[1]);
     free(ids);
     EXPECT_EQ(0, get_proc_IDS_by_name(none, &ids, &count));
+}
+
+TEST_F(Process, IdsOfANameInTheOrderOfProc) {
+    for (int pid = 1; pid <= 300; pid++) {
+        process({.pid = pid, .name = pid % 2 ? "x" : "y"});
+    }
+    unsigned int* all = nullptr;
+    int *ids = nullptr, all_count = 0, count = 0;
+    char name[] = "x";
+    ASSERT_EQ(1, get_proclist(&all, &all_count));
+    ASSERT_EQ(1, get_proc_IDS_by_name(name, &ids, &count));
+    std::vector<int> expected;
+    std::copy_if(all, all + all_count, std::back_inserter(expected),
+                 [](unsigned pid) { return pid % 2; });
+    EXPECT_EQ(expected, std::vector<int>(ids, ids + count));
+    free(all);
+    free(ids);
 }
 
 TEST_F(Process, Times) {
@@ -247,6 +270,25 @@ TEST_F(Process, CpuUsage) {
     EXPECT_EQ(nullptr, get_proc_cpu_usage(8));
 }
 
+TEST_F(Process, PartsOfASecondCount) {
+    process({.pid = 7});
+    heap<proc_cpu_usage> first(get_proc_cpu_usage(7));
+    timeval begin, before, after;
+    gettimeofday(&begin, nullptr);
+    begin = {begin.tv_sec - 10, (begin.tv_usec + 500000) % 1000000};
+    history_of(7)->lasttime = begin;
+    process({.pid = 7, .utime = 100});
+    gettimeofday(&before, nullptr);
+    heap<proc_cpu_usage> usage(get_proc_cpu_usage(7));
+    gettimeofday(&after, nullptr);
+    auto since_begin = [&](const timeval& t) {
+        return static_cast<double>(t.tv_sec - begin.tv_sec) +
+               static_cast<double>(t.tv_usec - begin.tv_usec) * 1e-6;
+    };
+    EXPECT_LE(usage->pcpu, 1 / since_begin(before) + 1e-9);
+    EXPECT_GE(usage->pcpu, 1 / since_begin(after) - 1e-9);
+}
+
 TEST_F(Process, HistoryIsKeptFor600Seconds) {
     for (int pid : {30, 10, 20}) {
         process({.pid = pid, .utime = 1000});
@@ -261,6 +303,17 @@ TEST_F(Process, HistoryIsKeptFor600Seconds) {
     EXPECT_EQ(30, old_proc_cpu[1].pid);
     heap<proc_cpu_usage> anew(get_proc_cpu_usage(20));
     EXPECT_LT(anew->pcpu, 1e-6); /* starts from 0 again */
+}
+
+/* With or without tests: the worker forgets after each pass. */
+TEST_F(Process, ThePassForgets) {
+    process({.pid = 7});
+    heap<proc_cpu_usage> usage(get_proc_cpu_usage(7));
+    pass();
+    EXPECT_EQ(1u, len_old_proc_cpu);
+    age(7, 602);
+    pass();
+    EXPECT_EQ(0u, len_old_proc_cpu);
 }
 
 TEST_F(Process, ARecordPerProcess) {
@@ -295,6 +348,16 @@ TEST_F(Process, CpuInPercentOfOneProcessor) {
     EXPECT_TRUE(check_one().strings.empty());
 }
 
+TEST_F(Process, TimesOfTheCpuFile) {
+    process({.pid = 7, .utime = 9999, .cutime = 500});
+    write("7/cpu", "cpu 100 50\ncpu0 100 50\n");
+    add(1, "x");
+    check_one();
+    age(7, 100);
+    write("7/cpu", "cpu 1100 1050\ncpu0 1100 1050\n");
+    EXPECT_NEAR(20.0, check_one().d64[0], 0.5); /* waited-for children are not counted */
+}
+
 TEST_F(Process, SizesAtTheirLimits) {
     process({.pid = 7, .vsize = 30 * MEGABYTE + 1, .rss_pages = 20 * MEGABYTE / PAGE});
     add(1, "x", -1, 20, 30);
@@ -313,6 +376,22 @@ TEST_F(Process, SizesAtTheirLimits) {
               r);
     r = check_one();
     EXPECT_EQ(record(7, 0, r.d64, "", r), r);
+}
+
+/* Without statm the resident size is a number of pages, reported as if of bytes. */
+TEST_F(Process, SizesWithoutStatm) {
+    process({.pid = 7, .vsize = MEGABYTE, .rss_pages = 3 * MEGABYTE}, "");
+    add(1, "x");
+    udc_content r = check_one();
+    EXPECT_EQ(3.0, r.d64.at(1));
+    EXPECT_EQ(1.0, r.d64.at(2));
+}
+
+/* Only -1 disables. */
+TEST_F(Process, LimitsBelowMinus1) {
+    process({.pid = 7});
+    add(1, "x", -2, -2, -2);
+    EXPECT_EQ("Current CPU usage: 0.00% / Max value: 4294967294\n", check_one().strings.at(0));
 }
 
 /* A limit of 0 is reached by everything, one of -1 by nothing. */
@@ -336,6 +415,34 @@ TEST_F(Process, NotRunningAndStarted) {
     EXPECT_EQ("The process has been started.\nCurrent CPU usage is within acceptable limits.\n",
               check_one().strings.at(0));
     EXPECT_TRUE(check_one().strings.empty());
+}
+
+TEST_F(Process, AllThatHasEnded) {
+    process({.pid = 7});
+    add(1, "x");
+    proc_name_list[0]->last_status = 15;
+    EXPECT_EQ("The process has been started.\n"
+              "Current CPU usage is within acceptable limits.\n"
+              "Current Working set size is within acceptable limits.\n"
+              "Current Page file usage is within acceptable limits.\n",
+              check_one().strings.at(0));
+}
+
+/* The processes of a test share its alarms: what one raises the next one ends. */
+TEST_F(Process, AlarmsAreOfTheTest) {
+    process({.pid = 7, .vsize = 5 * MEGABYTE});
+    process({.pid = 8});
+    process({.pid = 9});
+    add(1, "x", -1, -1, 5);
+    for (int i = 0; i < 2; i++) {
+        auto records = check();
+        ASSERT_EQ(3u, records.size());
+        EXPECT_EQ("Current Page file usage: 5.00 MB / Max value: 5\n", records[0].strings.at(0));
+        EXPECT_EQ("Current Page file usage is within acceptable limits.\n",
+                  records[1].strings.at(0));
+        EXPECT_EQ((std::vector<uint32_t>{43, 1, 9, 8, 0}), records[1].ui32);
+        EXPECT_TRUE(records[2].strings.empty());
+    }
 }
 
 TEST_F(Process, UnreadableProcIsNotRunning) {
@@ -380,6 +487,17 @@ TEST_F(Process, GrandchildrenAreFoldedIntoTheChild) {
     udc_content r = check_one();
     EXPECT_EQ(7u, r.ui32[3]);
     EXPECT_EQ(3.0, r.d64[2]);
+}
+
+/* A child whose id is behind that of its own child takes over first, and hands all on. */
+TEST_F(Process, GrandchildrenBeforeTheChild) {
+    process({.pid = 7, .name = "x", .vsize = MEGABYTE});
+    process({.pid = 8, .name = "x", .parent = 9, .vsize = 4 * MEGABYTE});
+    process({.pid = 9, .name = "x", .parent = 7, .vsize = 2 * MEGABYTE});
+    add(1, "x");
+    udc_content r = check_one();
+    EXPECT_EQ(7u, r.ui32[3]);
+    EXPECT_EQ(7.0, r.d64[2]);
 }
 
 TEST_F(Process, EveryTestOfANameGetsTheSameReading) {
@@ -449,6 +567,70 @@ TEST_F(Process, FirstResultsAreSentAtOnceAndOnlyThey) {
     check();
     check();
     EXPECT_EQ(1, wake_ups);
+}
+
+TEST_F(Process, WhatIsModifiedIsCheckedAndSentAnew) {
+    process({.pid = 7, .name = "y", .vsize = 6 * MEGABYTE, .rss_pages = 2 * MEGABYTE / PAGE});
+    char other[] = "y";
+    add(1, "x");
+    check();
+    mod_proc(other, 1, 8, 0, 2, 6);
+    udc_content r = check_one();
+    EXPECT_EQ((std::vector<uint32_t>{43, 1, 8, 7, 2}), r.ui32);
+    EXPECT_EQ("Current CPU usage: 0.00% / Max value: 0\n"
+              "Current Working set size: 2.00 MB / Max value: 2\n"
+              "Current Page file usage: 6.00 MB / Max value: 6\n",
+              r.strings.at(0));
+    EXPECT_EQ(2, wake_ups);
+    mod_proc(other, 1, 8, -1, -1, -1); /* forgets the alarms */
+    EXPECT_TRUE(check_one().strings.empty());
+    EXPECT_EQ(3, wake_ups);
+}
+
+TEST_F(Process, WhatChangesATestWakesTheWorker) {
+    char name[] = "x";
+    unsigned wakes = proc.wakes;
+    add_proc(name, 0, 2, 3, 4, 5);
+    add_proc(nullptr, 1, 2, 3, 4, 5);
+    mod_proc(name, 1, 2, 3, 4, 5);
+    EXPECT_EQ(wakes, proc.wakes);
+    add_proc(name, 1, 2, 3, 4, 5);
+    EXPECT_EQ(wakes + 1, proc.wakes);
+    add_proc(name, 1, 2, 3, 4, 5);
+    EXPECT_EQ(wakes + 1, proc.wakes);
+    mod_proc(name, 1, 2, 3, 4, 5);
+    EXPECT_EQ(wakes + 2, proc.wakes);
+    do_proc_check();
+    rem_proc(1);
+    rem_proc(1);
+    EXPECT_EQ(wakes + 2, proc.wakes);
+    EXPECT_EQ(1u, take_records(get_proc_results).size()); /* the result outlives its test */
+}
+
+TEST_F(Process, InventoryInTheOrderOfProc) {
+    for (int pid = 1; pid <= 300; pid++) {
+        process({.pid = pid, .name = "n" + std::to_string(pid)});
+    }
+    unsigned int* ids = nullptr;
+    int count = 0, size = 0;
+    char* data = nullptr;
+    ASSERT_EQ(1, get_proclist(&ids, &count));
+    ASSERT_EQ(1, get_proc_name_list(&data, &size));
+    auto r = read_udc(data, static_cast<size_t>(size));
+    free(data);
+    ASSERT_TRUE(r.has_value());
+    std::string expected;
+    for (int i = 0; i < count; i++) {
+        expected += "n" + std::to_string(ids[i]) + "\t";
+    }
+    free(ids);
+    EXPECT_EQ(expected, r->strings.at(0));
+}
+
+TEST_F(Process, InventoryOfNothing) {
+    char* data = nullptr;
+    int size = 0;
+    EXPECT_EQ(0, get_proc_name_list(&data, &size));
 }
 
 TEST_F(Process, Inventory) {

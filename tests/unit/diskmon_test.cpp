@@ -195,12 +195,34 @@ TEST_F(Disk, LongNames) {
 }
 
 TEST_F(Disk, IoSinceThePreviousCheck) {
-    add(1, ROOT, -1, 100, -1.0); /* one maximum is enough to make it an I/O test */
+    add(1, ROOT, -1, 100, 10.5);
     EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n", check_texts());
-    sda1(2000 + 200, 6000 + 21);
+    sda1(2000 + 200, 6000 + 21); /* halves of a KB do not count */
     EXPECT_EQ("1:read_count:100.00;write_count:10.00;status:0\n", check_texts());
     sda1(2200 + 202, 6021);
     EXPECT_EQ("1:read_count:101.00;write_count:0.00;status:2;status:2\n", check_texts());
+}
+
+TEST_F(Disk, AMaximumThatIsReachedIsNotExceeded) {
+    add(1, ROOT, -1, 100, 10);
+    check_texts();
+    sda1(2000 + 200, 6000 + 20);
+    EXPECT_EQ("1:read_count:100.00;write_count:10.00;status:0\n", check_texts());
+}
+
+/* Both exactly -1: free space. */
+TEST_F(Disk, OneMaximumMakesAnIoTest) {
+    add(1, ROOT, 0, 100, -1.0);
+    add(2, ROOT, 0, -1.0, 100);
+    add(3, ROOT, 0, 0, 0);
+    add(4, ROOT, 0, -2.0, -2.0);
+    add(5, ROOT, 0, -1.0, -1.0);
+    EXPECT_EQ(5u, check().ui32.at(1));
+    EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n"
+              "2:read_count:0.00;write_count:0.00;status:0\n"
+              "3:read_count:0.00;write_count:0.00;status:0\n"
+              "4:read_count:0.00;write_count:0.00;status:0\n",
+              texts());
 }
 
 TEST_F(Disk, EveryLimitThatIsExceededRepeatsTheStatus) {
@@ -323,6 +345,7 @@ TEST_F(Disk, DeviceCounters) {
         {"hda1", "   3    1 hda1\n   3    1 hda1 11 22 33 44\n", 7,
          8}, /* the first that has the name */
         {"hda1", "   3    1 hda1 11 22 33 44 55\n", 7, 8},
+        {"hda1", "   3    1 hda1 1 2 3 4 5 6 7 8 9 10\n", 7, 8},
         {"x", "", 7, 8},
         {"", DISKSTATS, 7, 8},
         {"sda", "8 0 sda 1 2 18446744073709551615 4 5 6 18446744073709551614 8 9 10 11",

@@ -396,9 +396,13 @@ TEST_F(Disk, OldKernelsCountInPartitions) {
     EXPECT_EQ(0, GetDevStats(part, &read, &written));
     EXPECT_EQ(22u, read);
     EXPECT_EQ(44u, written);
+    write("partitions", "3 1 9 a234567890123456789012345678901 1 2 3 4\n");
+    char longest[] = "a234567890123456789012345678901"; /* as long as a name can be */
+    EXPECT_EQ(0, GetDevStats(longest, &read, &written));
+    EXPECT_EQ(2u, read);
     write("diskstats", ""); /* opens, and so counts, although nothing is in it */
-    EXPECT_EQ(0, GetDevStats(name, &read, &written));
-    EXPECT_EQ(22u, read);
+    EXPECT_EQ(0, GetDevStats(longest, &read, &written));
+    EXPECT_EQ(2u, read);
 }
 
 /* One reading of the counters serves every test of a pass. */

@@ -277,6 +277,17 @@ TEST_F(CheckerTest, ResultsAreHandedOverWhole) {
     EXPECT_EQ(reinterpret_cast<char*>(&size), data);
 }
 
+TEST_F(CheckerTest, ResultsOutliveTheWorker) {
+    start();
+    checker_add_result(c, "abc", 3);
+    checker_stop(c);
+    char* data = nullptr;
+    int size = 0;
+    ASSERT_EQ(1, checker_get_results(c, &data, &size));
+    EXPECT_EQ(3, size);
+    free(data);
+}
+
 TEST_F(CheckerTest, ResultsBeyondTheLengthOfAnIntAreDropped) {
     checker_add_result(c, "abc", 3);
     {

@@ -102,7 +102,9 @@ void catch_all_signals(int n) {
 }
 
 void* main_worker_thread(void*) {
+    cancel_off except_in_its_wait;
     while (worker_waits) {
+        cancel_on may_end;
         pause();
     }
     while (!worker_announced) {

@@ -302,10 +302,11 @@ TEST_F(settings, the_value_keeps_inner_blanks_and_loses_trailing_ones) {
 }
 
 TEST_F(settings, unknown_keys_are_reported) {
-    EXPECT_EQ(read("Logfile x y\nLOGFILES z\nKEY=v\n"), 0);
+    EXPECT_EQ(read("Logfile x y\nLOGFILES z\nKEY=v\nLOGFILE2 w\n"), 0);
     EXPECT_EQ(printed, "\nInvalid entry in configuration file:\nKey:\tLogfile\nVal:\tx y\n"
                        "\nInvalid entry in configuration file:\nKey:\tLOGFILES\nVal:\tz\n"
-                       "\nInvalid entry in configuration file:\nKey:\tKEY\nVal:\t=v\n");
+                       "\nInvalid entry in configuration file:\nKey:\tKEY\nVal:\t=v\n"
+                       "\nInvalid entry in configuration file:\nKey:\tLOGFILE2\nVal:\tw\n");
 }
 
 TEST_F(settings, level_reads_as_a_decimal_number) {
@@ -410,6 +411,17 @@ TEST_F(settings, a_name_is_made_of_host_and_time) {
     if (strlen(host) < 64) {
         EXPECT_EQ(std::string(agent_name).substr(0, std::string(agent_name).rfind('@')), host);
     }
+}
+
+TEST_F(settings, the_time_in_a_name_is_utc) {
+    std::ofstream(path) << "USEREMAIL me\n";
+    time_t start = time(nullptr);
+    std::string name = name_made_after([] {
+        setenv("TZ", "XXX-05:30", 1);
+        tzset();
+        return true;
+    });
+    EXPECT_TRUE(ends_in_time(name, start)) << name;
 }
 
 TEST_F(settings, an_empty_name_wins_over_the_file_and_one_is_made_all_the_same) {

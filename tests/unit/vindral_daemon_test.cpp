@@ -276,6 +276,7 @@ TEST_F(daemon_start, a_failed_fork) {
 }
 
 TEST_F(daemon_start, a_second_daemon_ends_and_the_first_keeps_the_lock) {
+    std::ofstream(path) << "12345\n"; /* what has been read does not shift the lock */
     int go_on[2];
     ASSERT_EQ(pipe(go_on), 0);
     auto first_holds_on = [&](int report) {

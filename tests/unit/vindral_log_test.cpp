@@ -6,7 +6,12 @@
 
 /* Failures of the thread library and of memory, on demand, and how long the main thread slept. */
 static bool refuse_attributes, refuse_stack, refuse_thread, refuse_memory;
-static size_t stack_size_asked;
+static size_t created_with_stack; /* of the thread created last */
+static size_t stack_of(const pthread_attr_t* attributes) {
+    size_t size = 0;
+    pthread_attr_getstacksize(attributes, &size);
+    return size;
+}
 static thread_local time_t slept_s;
 static int counted_nanosleep(const timespec* time, timespec* left) {
     slept_s += time->tv_sec;
@@ -14,8 +19,9 @@ static int counted_nanosleep(const timespec* time, timespec* left) {
 }
 #define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
 #define pthread_attr_setstacksize(a, size)                                                         \
-    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x) (refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
+    (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
+#define pthread_create(t, a, f, x)                                                                 \
+    (created_with_stack = stack_of(a), refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #define malloc(size) (refuse_memory ? nullptr : malloc(size))
 #define realloc(block, size) (refuse_memory ? nullptr : realloc(block, size))
 #define nanosleep counted_nanosleep
@@ -172,9 +178,9 @@ TEST_F(log_before_start, a_writer_that_cannot_be_started_ends_the_start) {
     EXPECT_EQ(start(), "\nPthread attribute initialization failed.\n");
     refuse_stack = true;
     EXPECT_EQ(start(), "\nCan not set log writer thread stack size.\n");
-    EXPECT_EQ(stack_size_asked, WORKER_STACK_SIZE);
     refuse_thread = true;
     EXPECT_EQ(start(), "");
+    EXPECT_EQ(created_with_stack, WORKER_STACK_SIZE);
 }
 
 TEST_F(log_before_start, a_worker_has_32768_bytes_of_stack) {

@@ -14,7 +14,12 @@
 
 /* Failures of the thread library, on demand; an exit that comes back. */
 static bool refuse_attributes, refuse_stack, refuse_thread;
-static size_t stack_size_asked;
+static size_t created_with_stack; /* of the thread created last */
+static size_t stack_of(const pthread_attr_t* attributes) {
+    size_t size = 0;
+    pthread_attr_getstacksize(attributes, &size);
+    return size;
+}
 [[noreturn]] static void end_with(int status) {
     throw status;
 }
@@ -22,8 +27,9 @@ static size_t stack_size_asked;
 #define exit end_with
 #define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
 #define pthread_attr_setstacksize(a, size)                                                         \
-    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x) (refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
+    (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
+#define pthread_create(t, a, f, x)                                                                 \
+    (created_with_stack = stack_of(a), refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #include "vindral.cpp"
 #undef main
 #undef exit
@@ -161,7 +167,7 @@ private:
 TEST_F(Main, LivesAndEndsInOrder) {
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + banner() + CREATED + "main_worker_thread\n" + STOPPED, calls);
-    EXPECT_EQ(WORKER_STACK_SIZE, stack_size_asked);
+    EXPECT_EQ(WORKER_STACK_SIZE, created_with_stack);
     EXPECT_EQ(0U, main_worker_thread_handle);
 }
 

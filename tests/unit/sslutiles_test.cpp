@@ -282,6 +282,22 @@ TEST_F(connection, an_error_at_once) {
     EXPECT_EQ("0 Error connecting 2 - No such file or directory\n", take_log_text());
 }
 
+TEST_F(connection, connected_at_once) {
+    std::vector<address_entry> entries = {address_entry(AF_UNIX, sizeof(sockaddr_un))};
+    std::string path = testing::TempDir() + "at_once." + std::to_string(getpid());
+    strcpy(reinterpret_cast<sockaddr_un*>(&entries[0].address)->sun_path, path.c_str());
+    resolve_to(entries);
+    unique_fd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&entries[0].address),
+                      sizeof(sockaddr_un)));
+    ASSERT_EQ(0, listen(listener.get(), 1));
+    ppoll_calls = 0;
+    unique_fd sk(connect_to("443"));
+    EXPECT_TRUE(sk);
+    EXPECT_EQ(0, ppoll_calls);
+    unlink(path.c_str());
+}
+
 TEST_F(connection, refused) {
     long budget = SECOND;
     EXPECT_EQ(-1, make_connection("127.0.0.1", closed_port().c_str(), &budget));

@@ -31,9 +31,14 @@ static int test_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const 
 
 /* "slow.name" is answered when the test says so, every other name with an address nobody is at. */
 static std::counting_semaphore<> may_answer(0);
+static std::string port_asked_for;
 
 static int test_getaddrinfo(const char* host, const char* port, const addrinfo* hints,
                             addrinfo** list) {
+    if (strcmp(host, "no.name") == 0) {
+        port_asked_for = port;
+        return EAI_NONAME;
+    }
     if (strcmp(host, "slow.name") != 0 || (hints->ai_flags & AI_NUMERICHOST)) {
         return getaddrinfo(host, port, hints, list);
     }
@@ -135,6 +140,7 @@ protected:
         outcome all = poll_server(server.port(), data);
         EXPECT_TRUE(server.await_end());
         EXPECT_EQ(1, server.clean_client_ends());
+        EXPECT_EQ(0, server.naming_clients());
         request_ = server.request(0);
         return all;
     }
@@ -214,6 +220,18 @@ TEST_F(poll_exchange, defaults_of_host_path_and_version) {
               "Vnd-EMail: someone@example.com\r\nVnd-AName: the agent\r\n"
               "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n",
               request_);
+}
+
+TEST_F(poll_exchange, default_port) {
+    static char nowhere[] = "no.name";
+    alt_server = nowhere;
+    char* text = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(2, make_poll(nullptr, 0, &text, &size));
+    EXPECT_EQ("443", port_asked_for);
+    EXPECT_EQ("0 Host: no.name Error: Name or service not known\n"
+              "0 ERROR: make_poll: make_connection() failed\n",
+              take_log_text());
 }
 
 /* --- the first poll -------------------------------------------------------------------------- */

@@ -26,8 +26,11 @@
 static int failing_fcntl = -1; /* the command that fails */
 static int getsockopt_error = 0;
 static int ppoll_error = 0;
-static bool ppoll_lies = false; /* reports readiness that is not there */
-static int read_error = 0;      /* for every read */
+static bool ppoll_lies = false;      /* reports readiness that is not there */
+static bool ppoll_times_out = false; /* at once, whatever the budget */
+static int read_error = 0;           /* for every read */
+static int send_error = 0;
+static int send_calls = 0;
 static std::atomic<int> ppoll_calls = 0;
 static int read_calls = 0;
 static std::function<int(addrinfo**)> fake_resolver;
@@ -54,6 +57,9 @@ static int test_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const 
         errno = ppoll_error;
         return -1;
     }
+    if (ppoll_times_out) {
+        return 0;
+    }
     return ppoll_lies && count > 0 ? 1 : ppoll(fds, count, timeout, mask);
 }
 
@@ -66,6 +72,15 @@ static ssize_t test_read(int fd, void* room, size_t size) {
     return read(fd, room, size);
 }
 
+static ssize_t test_send(int fd, const void* data, size_t size, int flags) {
+    send_calls++;
+    if (send_error != 0) {
+        errno = send_error;
+        return -1;
+    }
+    return send(fd, data, size, flags);
+}
+
 static int test_resolve_host(const char* host, const char* port, const addrinfo* hints,
                              addrinfo** list) {
     return fake_resolver ? fake_resolver(list) : resolve_host(host, port, hints, list);
@@ -75,6 +90,7 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #define getsockopt test_getsockopt
 #define ppoll test_ppoll
 #define read test_read
+#define send test_send
 #define resolve_host test_resolve_host
 #define freeaddrinfo(list)                                                                         \
     if (!fake_resolver) {                                                                          \
@@ -85,6 +101,7 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #undef getsockopt
 #undef ppoll
 #undef read
+#undef send
 #undef resolve_host
 #undef freeaddrinfo
 
@@ -115,8 +132,8 @@ protected:
     }
     void TearDown() override {
         failing_fcntl = -1;
-        getsockopt_error = ppoll_error = read_error = 0;
-        ppoll_lies = false;
+        getsockopt_error = ppoll_error = read_error = send_error = 0;
+        ppoll_lies = ppoll_times_out = false;
         fake_resolver = nullptr;
         EXPECT_EQ("", take_log_text());
         EXPECT_EQ(descriptors_, count_descriptors());
@@ -328,6 +345,13 @@ TEST_F(connection, no_answer_within_the_budget) {
     EXPECT_LT(budget, 1);
 }
 
+TEST_F(connection, a_time_out_names_the_budget_at_entry) {
+    full_listener server;
+    ppoll_times_out = true;
+    EXPECT_EQ(-1, connect_to(server.port(), 15 * SECOND + 999999));
+    EXPECT_EQ("0 Connection to host: \"127.0.0.1\" timed out after 15 seconds\n", take_log_text());
+}
+
 TEST_F(connection, a_negative_budget_times_out_at_once) {
     full_listener server;
     ppoll_calls = 0;
@@ -363,6 +387,10 @@ TEST_F(connection, wait_socket_leaves_nothing_of_the_budget_after_a_time_out) {
         EXPECT_EQ(0, wait_socket(pair.ours.get(), POLLIN, &budget));
         EXPECT_LE(budget, 0);
     }
+    long budget = SECOND;
+    ppoll_times_out = true;
+    EXPECT_EQ(0, wait_socket(pair.ours.get(), POLLIN, &budget));
+    EXPECT_EQ(0, budget);
 }
 
 /* --- sending --------------------------------------------------------------------------------- */
@@ -451,6 +479,16 @@ TEST_F(connection, sending_to_somebody_who_has_gone_fails_without_a_word_or_a_si
     signal(SIGPIPE, SIG_DFL);
     EXPECT_EQ(0, send_text(pair.ours.get(), "x"));
     signal(SIGPIPE, SIG_IGN);
+}
+
+TEST_F(connection, any_other_error_ends_a_send_without_a_word) {
+    socket_pair pair;
+    for (int error : {EINTR, ENOBUFS, ECONNRESET}) {
+        send_error = error;
+        send_calls = 0;
+        EXPECT_EQ(0, send_text(pair.ours.get(), "x"));
+        EXPECT_EQ(1, send_calls);
+    }
 }
 
 TEST_F(connection, an_interrupted_wait_does_not_end_a_send) {

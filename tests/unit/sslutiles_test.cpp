@@ -3,6 +3,7 @@
 #include "libsslloader.h"
 #include "resolve.h"
 #include "tls_peer.h"
+#include "vindral_common.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -31,6 +32,7 @@ static bool ppoll_times_out = false; /* at once, whatever the budget */
 static int read_error = 0;           /* for every read */
 static int send_error = 0;
 static int send_calls = 0;
+static bool time_stands_still = false;
 static std::atomic<int> ppoll_calls = 0;
 static int read_calls = 0;
 static std::function<int(addrinfo**)> fake_resolver;
@@ -81,8 +83,16 @@ static ssize_t test_send(int fd, const void* data, size_t size, int flags) {
     return send(fd, data, size, flags);
 }
 
+static long test_timevaldiff(timeval* start, timeval* end) {
+    return time_stands_still ? 0 : get_timevaldiff(start, end);
+}
+
 static int test_resolve_host(const char* host, const char* port, const addrinfo* hints,
                              addrinfo** list) {
+    EXPECT_EQ(AF_INET, hints->ai_family);
+    EXPECT_EQ(SOCK_STREAM, hints->ai_socktype);
+    EXPECT_EQ(0, hints->ai_flags);
+    EXPECT_EQ(0, hints->ai_protocol);
     return fake_resolver ? fake_resolver(list) : resolve_host(host, port, hints, list);
 }
 
@@ -91,6 +101,7 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #define ppoll test_ppoll
 #define read test_read
 #define send test_send
+#define get_timevaldiff test_timevaldiff
 #define resolve_host test_resolve_host
 #define freeaddrinfo(list)                                                                         \
     if (!fake_resolver) {                                                                          \
@@ -102,6 +113,7 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #undef ppoll
 #undef read
 #undef send
+#undef get_timevaldiff
 #undef resolve_host
 #undef freeaddrinfo
 
@@ -133,7 +145,7 @@ protected:
     void TearDown() override {
         failing_fcntl = -1;
         getsockopt_error = ppoll_error = read_error = send_error = 0;
-        ppoll_lies = ppoll_times_out = false;
+        ppoll_lies = ppoll_times_out = time_stands_still = false;
         fake_resolver = nullptr;
         EXPECT_EQ("", take_log_text());
         EXPECT_EQ(descriptors_, count_descriptors());
@@ -473,6 +485,14 @@ TEST_F(connection, a_budget_that_ends_with_the_send_is_a_failure_although_the_by
     EXPECT_EQ(1, read(pair.theirs.get(), &c, 1));
 }
 
+TEST_F(connection, a_microsecond_left_is_enough) {
+    time_stands_still = true;
+    socket_pair pair;
+    EXPECT_EQ(0, send_text(pair.ours.get(), "x", 0));
+    EXPECT_EQ("0 send_request: send: timed out.\n", take_log_text());
+    EXPECT_EQ(1, send_text(pair.ours.get(), "x", 1));
+}
+
 TEST_F(connection, sending_to_somebody_who_has_gone_fails_without_a_word_or_a_signal) {
     socket_pair pair;
     pair.theirs.reset();
@@ -634,6 +654,16 @@ TEST_F(fake_tls, a_write_that_ends_after_the_budget_is_judged_by_its_result) {
         EXPECT_EQ(result > 1, send_text(pair.ours.get(), "xy", 0, fake_session));
         EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
     }
+}
+
+TEST_F(fake_tls, a_microsecond_left_is_enough) {
+    time_stands_still = true;
+    socket_pair pair;
+    tls_script = {{7, 0}};
+    EXPECT_EQ(1, send_text(pair.ours.get(), "request", 0, fake_session));
+    EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
+    EXPECT_EQ(1, send_text(pair.ours.get(), "request", 1, fake_session));
+    EXPECT_EQ("1 send_request: SSL_write: retV = 7 ret = 7\n", take_log_text());
 }
 
 TEST_F(fake_tls, send_errors_and_their_levels) {
@@ -898,6 +928,21 @@ TEST_F(connection, a_budget_that_ends_with_a_read_drops_what_was_read) {
     EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
 }
 
+TEST_F(connection, a_microsecond_left_is_enough_for_a_read) {
+    time_stands_still = true;
+    EXPECT_EQ(0, receive_pieces({hello}, false, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+    EXPECT_EQ(1, receive_pieces({hello}, false, 1).result);
+}
+
+TEST_F(connection, a_budget_that_ends_with_a_read_counts_before_its_outcome) {
+    EXPECT_EQ(0, receive_pieces({}, true, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+    ppoll_lies = true;
+    EXPECT_EQ(0, receive_pieces({}, false, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+}
+
 TEST_F(connection, the_transient_read_errors_end_the_exchange) {
     ppoll_lies = true;
     EXPECT_EQ(0, receive_pieces({}, false).result);
@@ -1040,6 +1085,14 @@ TEST_F(fake_tls, the_session_that_ended_completes_the_response) {
         EXPECT_EQ(size_of(hello_head), r.header_size);
         EXPECT_EQ(5, r.content_length);
     }
+}
+
+TEST_F(fake_tls, a_session_that_ends_after_the_budget_completes_nothing) {
+    socket_pair pair;
+    EXPECT_EQ(1, write(pair.theirs.get(), "x", 1));
+    tls_script = {{0, SSL_ERROR_ZERO_RETURN}};
+    EXPECT_EQ(0, receive_from(pair.ours.get(), 0, fake_session).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
 }
 
 TEST_F(fake_tls, any_other_error_fails_with_its_text) {

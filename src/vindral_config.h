@@ -14,7 +14,7 @@ extern char* lock_file;  /* PID file */
 extern char* agent_home; /* the updater is looked for in its bin/ */
 extern char* user_email;
 extern char* agent_name;
-extern char* szVersion;                       /* the version told to the server */
+extern char* szVersion;                       /* only shown; the server is told AGENT_VERSION */
 extern char *alt_server, *alt_url, *alt_port; /* collection server; alt_url is a path */
 extern char *api_server, *api_url, *api_port; /* custom-monitor API */
 extern char *api_key, *secret_key;

@@ -91,10 +91,11 @@ static size_t line_count() {
     return static_cast<size_t>(cpuCount) + 1;
 }
 
-/* Takes a reading. Returns a copy of the lines, which the other thread cannot change, or null. */
+/* Takes a reading. Returns a copy of the lines, which the other thread cannot change, or null. The
+ * file is read under the lock: counters read earlier but compared later would run backwards. */
 static heap<cpu_line> measure() {
-    heap_text text(read_proc_status());
     lock hold(reading_mutex);
+    heap_text text(read_proc_status());
     heap<cpu_line> now(static_cast<cpu_line*>(malloc(line_count() * sizeof(cpu_line))));
     if (!text || !now || lines == nullptr) {
         return nullptr;

@@ -18,8 +18,8 @@
  *
  * Lifecycle, threads and locks are those of checker.h, with one addition: add_cpu takes a reading
  * in the poll thread, so that the pass that it causes has a fresh one to compare with. The readings
- * of the two threads run one at a time, under a lock of their own that is taken inside
- * CPU_MON_MUTEX or alone. */
+ * of the two threads run one at a time, the file included, under a lock of their own that is taken
+ * alone. */
 #ifndef VINDRAL_CPUMON_H
 #define VINDRAL_CPUMON_H
 

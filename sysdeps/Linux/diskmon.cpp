@@ -254,10 +254,10 @@ static bool drop_oldest() REQUIRES(DISK_TEST_RESULTS_MUTEX) {
 }
 
 void add_disk_test_result(int test_id, time_t check_time, char* test_data) {
-    heap_text text(test_data);
-    if (!text || text.get()[0] == '\0') {
+    if (test_data == nullptr || test_data[0] == '\0') {
         return;
     }
+    heap_text text(test_data);
     heap<test_result> result(static_cast<test_result*>(malloc(sizeof(test_result))));
     if (!result) {
         return;

@@ -75,8 +75,8 @@ void make_disk_check(int _i_);
  * there are no statistics. A device that they do not list leaves both as they are. */
 int GetDevStats(char* pdev, unsigned long long* pread, unsigned long long* pwrite);
 
-/* Stores a text result; `test_data` comes from malloc and belongs to the store. Ignores null, and
- * frees an empty one. */
+/* Stores a text result; `test_data` comes from malloc and belongs to the store from now on. Ignores
+ * null and an empty text, which stays the caller's. */
 void add_disk_test_result(int test_id, time_t check_time, char* test_data);
 
 /* Hands all text results over and returns 1 (free with free_results), or gives null and 0. */

@@ -1,10 +1,12 @@
 /* Load average checker: the 1-, 5- and 15-minute averages of this machine (/proc/loadavg, proc(5))
  * or of another host (UCD-SNMP-MIB laLoad, through snmpget) against three maxima per test.
  *
- * Record, type code 66 (0 I32, 4 UI32, 1 I64, 0 UI64, 3 D64, 1 string):
- *   UI32  66, test_id, loc_id, status (0 within limits, 2 reached or exceeded, 10 remote query
- * failed) I64   time of the check, seconds since the epoch D64   1-, 5-, 15-minute average; -1.0
- * each when the remote query failed text  the message, one line per exceeded maximum
+ * Record, type code 66 (0 I32, 4 UI32, 1 I64, 0 UI64, 3 D64, 1 string), in this order:
+ *   UI32  66, test_id, loc_id
+ *   I64   time of the check, seconds since the epoch
+ *   D64   1-, 5-, 15-minute average; -1.0 each when the remote query failed
+ *   text  the message, one line per maximum that was reached
+ *   UI32  status: 0 within limits, 2 a maximum reached or exceeded, 10 the remote query failed
  *
  * Lifecycle, threads and locks are those of checker.h; lda stands for load average. */
 #ifndef VINDRAL_MONLOADAVERAGE_H

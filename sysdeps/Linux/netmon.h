@@ -9,9 +9,10 @@
  * Record, type code 38 (0 I32, 10 UI32, 1 I64, 0 UI64, 0 D64, 1 string), in this order:
  *   UI32  38, tid, lid
  *   I64   time of the check, seconds since the epoch
- *   UI32  received bytes, packets, errors; sent bytes, packets, errors, each per second, low 32
- * bits UI32  status: 0 within limits, 2 a limit reached text  the message; none when the test has
- * no limit
+ *   UI32  received bytes, packets, errors, each per second, low 32 bits
+ *   UI32  sent bytes, packets, errors, so
+ *   UI32  status: 0 within limits, 2 a limit reached
+ *   text  the message; none when the test has no limit
  *
  * A test whose interface is not up has no record, but a line at level 0.
  *

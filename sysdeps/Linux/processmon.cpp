@@ -457,8 +457,9 @@ struct wanted_names {
     }
 };
 
-/* The processes of the wanted names, sorted by name and then as they came, and where the processes
- * of each name begin; `begin` has one entry more than there are names. */
+/* The processes of the wanted names, sorted by name and then by process id, which is the order of
+ * /proc, and where the processes of each name begin; `begin` has one entry more than there are
+ * names. */
 struct process_snapshot {
     wanted_names wanted;
     heap<seen_process> processes;

@@ -11,7 +11,7 @@
 #include <poll.h>
 
 static const size_t OUTPUT_LIMIT = 64 * 1024;
-static const int QUERY_LIMIT_S = 60; /* snmpget's own time-outs and retries stay well below */
+static int query_limit_s = 60; /* snmpget's own time-outs and retries stay well below */
 
 int is_safe_host(const char* host) {
     if (host == nullptr || host[0] == '\0' || host[0] == '-' || strlen(host) > 300) {
@@ -35,9 +35,10 @@ static int time_left_ms(const timespec& end) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-/* Reads until the end of the stream. Null when that has not come within the limit. Output beyond
- * the limit of size is read and dropped, so that the command does not wait for a reader. */
-static heap_text read_all(int fd) {
+/* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Output
+ * beyond the limit of size is read and dropped, so that the command does not wait for a reader.
+ * Null when reading failed. */
+static heap_text read_all(int fd, bool* ended) {
     heap_text text(static_cast<char*>(malloc(OUTPUT_LIMIT + 1)));
     if (!text) {
         return nullptr;
@@ -45,14 +46,18 @@ static heap_text read_all(int fd) {
     size_t length = 0;
     timespec end;
     clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += QUERY_LIMIT_S;
+    end.tv_sec += query_limit_s;
     for (;;) {
         pollfd readable = {fd, POLLIN, 0};
-        int ready = poll(&readable, 1, time_left_ms(end));
+        int left_ms = time_left_ms(end);
+        int ready = poll(&readable, 1, left_ms);
+        if (ready == 0 || left_ms == 0) { /* a command may never stop writing */
+            break;
+        }
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        if (ready <= 0) {
+        if (ready < 0) {
             return nullptr;
         }
         char dropped[512];
@@ -60,6 +65,7 @@ static heap_text read_all(int fd) {
         ssize_t count = read(fd, full ? dropped : text.get() + length,
                              full ? sizeof dropped : OUTPUT_LIMIT - length);
         if (count == 0) {
+            *ended = true;
             break;
         }
         if (count > 0 && !full) {
@@ -95,8 +101,9 @@ heap_text query_remote_host(const char* command_format, const char* host) {
         return nullptr;
     }
     writing.reset();
-    heap_text output = read_all(reading.get());
-    if (!output) {
+    bool ended = false;
+    heap_text output = read_all(reading.get(), &ended);
+    if (!ended) {
         kill(-pid, SIGKILL);
     }
     reading.reset();

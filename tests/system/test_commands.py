@@ -117,6 +117,19 @@ class Tests(Scripted):
         self.server.then(answer("CHK\t0\t1\n"))
         self.wait_loads(5)
 
+    def test_interval_of_minus_one_ends_the_checkers(self):
+        """For good: neither another interval nor a changed test starts a pass again."""
+        self.start("POL\t0\t1\nLAA\t5\t1\t" + UNLIMITED + "\n")
+        self.wait_loads(1)
+        self.server.then(answer("CHK\t0\t-1\n"))
+        self.polls_from_now(2)
+        count = len(self.loads())
+        self.server.then(answer("CHK\t0\t1\nLAM\t5\t2\t" + UNLIMITED + "\n"))
+        self.agent.wait_log("INFO: modify_lda. Modified test. tid:5")
+        self.polls_from_now(3)
+        self.assertEqual(len(self.loads()), count)
+        self.agent.stop()
+
     def test_silently_dropped(self):
         """A second test with the same id, ids of 0, unknown ids, wrong counts: nothing happens."""
         self.start(

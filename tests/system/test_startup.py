@@ -167,8 +167,10 @@ class Configuration(harness.TestCase):
             "\t    PID File:\t%s\n\t    Home Dir:\t%s\n\t     Api Key:\tk 1\n"
             "\t  Secret Key:\tN/A\n\n"
             % (server.port, agent.log_path, agent.pid_path, agent.log_path, agent.pid_path, agent.dir))
-        # The version of the configuration is for show; the server is told the program's own.
+        # The version of the configuration is for show; the server is told the program's own, and so
+        # is the log.
         self.assertEqual(server.wait_requests(1)[0].headers["vnd-version"], "3.0")
+        agent.wait_log("\tVersion: 3.0\n")
 
 
 class PidFile(harness.TestCase):
@@ -346,20 +348,21 @@ class Log(harness.TestCase):
     def test_levels(self):
         """A line of level L shows when the configured level is above L."""
         always = "Load Average checker initialization done"
-        marks = {-1: always, 0: "Authorization was successfully completed.",
+        marks = {-1: always, 0: "VINDRAL SMART AGENT",
                  1: "send_request: SSL_write: retV = ", 2: "INFO: Collecting results...",
                  5: "INFO: main_worker_thread::make_poll result: 1"}
 
-        def check(level):
+        def check(level, configured):
             server = ScriptedServer(self)
-            agent = harness.Agent(self, server.port, level=level).start()
+            agent = harness.Agent(self, server.port, level=configured).start()
             server.wait_requests(2)
             agent.stop()
             log = agent.log()
             self.assertEqual({at for at, text in marks.items() if text in log},
                              {at for at in marks if level > at}, log)
-        harness.in_parallel(self, [("level %d" % level, lambda level=level: check(level))
-                                   for level in (-1, 0, 1, 2, 3, 5, 6, 100)])
+        harness.in_parallel(self, [("level %d" % level, lambda level=level: check(level, level))
+                                   for level in (-1, 0, 1, 2, 3, 5, 6, 100)] +
+                            [("no level", lambda: check(0, None))])
 
     def test_crash_leaves_a_backtrace(self):
         if harness.SANITIZERS:

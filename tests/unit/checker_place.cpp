@@ -2,8 +2,11 @@
 
 #include "procfile.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -31,19 +34,79 @@ void checker_place::remove(const std::string& name) {
     fs::remove_all(fs::path(root) / name);
 }
 
-void checker_place::stub(const std::string& program, const std::string& output) {
+static void make_program(const fs::path& place, const std::string& program,
+                         const std::string& before, const std::string& output) {
     fs::path path = place / "bin" / program;
-    std::ofstream(path) << "#!/bin/sh\necho \"$@\" >> " << place.string()
-                        << "/asked\ncat << 'END'\n"
+    std::ofstream(path) << "#!/bin/sh\necho \"$@\" >> " << place.string() << "/asked\n"
+                        << before << "cat << 'END'\n"
                         << output << "END\n";
     fs::permissions(path, fs::perms::owner_all);
     static const std::string system_path = getenv("PATH");
     setenv("PATH", ((place / "bin").string() + ":" + system_path).c_str(), 1);
 }
 
+void checker_place::stub(const std::string& program, const std::string& output) {
+    make_program(place, program, "", output);
+}
+
+void checker_place::waiting_stub(const std::string& program, const std::string& output) {
+    make_program(place, program,
+                 "until [ -e " + place.string() + "/answer ]; do sleep 0.01; done\n", output);
+}
+
+void checker_place::let_answer() {
+    std::ofstream(place / "answer");
+}
+
 std::string checker_place::asked() {
     std::ifstream in(place / "asked");
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void checker_place::expect_pass_locks_the_list(checker& c, void (*pass)(),
+                                               int (*get_results)(char**, int*)) {
+    std::thread worker(pass);
+    EXPECT_TRUE(eventually([this] { return !asked().empty(); }));
+    time_t began = now_in_seconds();
+    EXPECT_FALSE(is_free(c.mon_mutex));
+    EXPECT_EQ(1u, take_records(get_results).size());
+    EXPECT_TRUE(eventually([began] { return now_in_seconds() > began; }));
+    let_answer();
+    worker.join();
+    EXPECT_TRUE(is_free(c.mon_mutex));
+    std::vector<udc_content> rest = take_records(get_results);
+    ASSERT_EQ(1u, rest.size());
+    ASSERT_EQ(1u, rest[0].i64.size());
+    EXPECT_GE(began, rest[0].i64[0]);
+}
+
+descriptors_left::descriptors_left(unsigned count) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    int lowest = open("/dev/null", O_RDONLY);
+    close(lowest);
+    rlimit fewer = before_;
+    fewer.rlim_cur = static_cast<rlim_t>(lowest) + count;
+    setrlimit(RLIMIT_NOFILE, &fewer);
+}
+
+unsigned wakes_of(checker& c) {
+    lock hold(c.cond_mutex);
+    return c.wakes;
+}
+
+bool is_free(mutex& m) {
+    if (pthread_mutex_trylock(&m.handle) != 0) {
+        return false;
+    }
+    pthread_mutex_unlock(&m.handle);
+    return true;
+}
+
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 10000 && !condition(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return condition();
 }
 
 std::vector<udc_content> take_records(int (*get_results)(char**, int*)) {

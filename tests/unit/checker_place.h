@@ -3,11 +3,14 @@
 #ifndef VINDRAL_CHECKER_PLACE_H
 #define VINDRAL_CHECKER_PLACE_H
 
+#include "checker.h"
 #include "udc_reader.h"
 
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 class checker_place : public testing::Test {
@@ -26,7 +29,34 @@ protected:
     void stub(const std::string& program, const std::string& output);
     /* The arguments of all calls of stubs so far. */
     std::string asked();
+
+    /* As stub, but the program ends only when let_answer is called. */
+    void waiting_stub(const std::string& program, const std::string& output);
+    void let_answer();
+
+    /* A pass over a local test and then one that asks a waiting stub. Meanwhile the list is locked,
+     * the record of the first can be collected; the second bears the time at which it began. */
+    void expect_pass_locks_the_list(checker& c, void (*pass)(), int (*get_results)(char**, int*));
 };
+
+/* Leaves this process so many descriptors to open, for a scope. */
+class descriptors_left {
+public:
+    explicit descriptors_left(unsigned count);
+    ~descriptors_left() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+private:
+    rlimit before_;
+};
+
+/* Signals given to a worker so far. */
+unsigned wakes_of(checker& c);
+
+/* Whether nobody holds a mutex, this thread included. */
+bool is_free(mutex& m);
+
+/* Waits for a condition for ten seconds at most. */
+bool eventually(const std::function<bool()>& condition);
 
 /* Takes what a checker has collected. */
 std::vector<udc_content> take_records(int (*get_results)(char**, int*));

@@ -117,6 +117,29 @@ TEST_F(CheckerTest, AShortIntervalRepeatsThePass) {
     EXPECT_TRUE(eventually([] { return passes >= 3; }));
 }
 
+TEST_F(CheckerTest, ANegativeIntervalIsNoStop) {
+    unsigned seen = wakes_so_far(c);
+    EXPECT_TRUE(wait_interval(c, seen, -5));
+}
+
+TEST_F(CheckerTest, OneWakeUpIsOnePass) {
+    start();
+    checker_wake(c);
+    ASSERT_TRUE(eventually([] { return passes > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(1, passes);
+}
+
+TEST(Deadline, IsAWholeSecondOfTheWallClock) {
+    timespec before, after;
+    clock_gettime(CLOCK_REALTIME, &before);
+    timespec deadline = deadline_in(5);
+    clock_gettime(CLOCK_REALTIME, &after);
+    EXPECT_EQ(0, deadline.tv_nsec);
+    EXPECT_LE(before.tv_sec + 5, deadline.tv_sec);
+    EXPECT_GE(after.tv_sec + 5, deadline.tv_sec);
+}
+
 TEST_F(CheckerTest, MinusOneEndsTheWorkerForGood) {
     start();
     checker_set_interval(c, -1);
@@ -227,10 +250,14 @@ TEST_F(CheckerTest, IntervalOfACheckerThatNeverRanIsHarmless) {
 
 TEST_F(CheckerTest, StoppedTwiceAndWokenAfterwards) {
     start();
+    checker_add_result(c, "abc", 3);
     checker_stop(c);
     checker_stop(c);
     checker_wake(c);
     EXPECT_EQ(0, passes);
+    EXPECT_EQ(-1, checker_get_interval(c));
+    lock hold(c.result_mutex);
+    EXPECT_EQ(3, c.result_buffer_len); /* what was not collected is still there */
 }
 
 TEST_F(CheckerTest, ResultsAreHandedOverWhole) {
@@ -248,6 +275,17 @@ TEST_F(CheckerTest, ResultsAreHandedOverWhole) {
     EXPECT_EQ(0, checker_get_results(c, &data, &size));
     EXPECT_EQ(77, size);
     EXPECT_EQ(reinterpret_cast<char*>(&size), data);
+}
+
+TEST_F(CheckerTest, ResultsOutliveTheWorker) {
+    start();
+    checker_add_result(c, "abc", 3);
+    checker_stop(c);
+    char* data = nullptr;
+    int size = 0;
+    ASSERT_EQ(1, checker_get_results(c, &data, &size));
+    EXPECT_EQ(3, size);
+    free(data);
 }
 
 TEST_F(CheckerTest, ResultsBeyondTheLengthOfAnIntAreDropped) {

@@ -6,10 +6,14 @@
 #include "fake_core.h"
 
 #include <atomic>
+#include <fstream>
+#include <sys/stat.h>
 #include <thread>
 
 static std::atomic<int> wake_ups{0};
+static std::atomic<bool> list_was_free{false};
 void send_pending_data() {
+    list_was_free = is_free(cpu.mon_mutex);
     wake_ups++;
 }
 
@@ -184,6 +188,30 @@ TEST_F(Cpu, KernelWithoutIoWait) {
     EXPECT_EQ((std::vector<udc_content>{shares({0}, {10, 20, 30, 40, 0}, WITHIN)}), r.records);
 }
 
+/* The fifth column makes the difference, whatever other lines look like. */
+TEST_F(Cpu, KernelWithIoWaitAsItsLastColumn) {
+    start("0 0 0 0 0", "0 0 0 0 0", 1);
+    add_cpu(1, 9, -1, -1, -1, -1, 0, nullptr, nullptr);
+    udc_content r = check("10 20 30 30 10", "1 2 3 4 0");
+    EXPECT_EQ(record(2, {10, 20, 30, 30, 10}, "CPU IO Wait: 10.00 / Max value: 0\n", r), r);
+    EXPECT_EQ(shares({2}, {10, 20, 30, 40, 0}, "CPU IO Wait: 0.00 / Max value: 0\n"),
+              r.records.at(0));
+}
+
+TEST_F(Cpu, EveryLimitAfterAModify) {
+    add_cpu(1, 8, -1, -1, -1, -1, -1, nullptr, nullptr);
+    modify_cpu(1, 9, 10, 20, 30, 31, 10, nullptr, nullptr);
+    udc_content r = check("10 20 30 30 10 0", "0 0 0 1 0 0");
+    EXPECT_EQ(record(2, {10, 20, 30, 30, 10},
+                     "User CPU usage: 10.00 / Max value: 10\n"
+                     "System CPU usage: 20.00 / Max value: 20\n"
+                     "Nice CPU usage: 30.00 / Max value: 30\n"
+                     "CPU Idle: 30.00 / Min value: 31\n"
+                     "CPU IO Wait: 10.00 / Max value: 10\n",
+                     r),
+              r);
+}
+
 TEST_F(Cpu, ManyProcessors) {
     start("0 0 0 0 0 0", "0 0 0 0 0 0", 256);
     add_cpu(1, 9, 50, -1, -1, -1, -1, nullptr, nullptr);
@@ -221,6 +249,9 @@ TEST_F(Cpu, InitialisationNeedsProcessors) {
     remove("stat");
     EXPECT_EQ(0, init_cpu_mon());
     EXPECT_EQ("0 Cannot read process status from /proc/status.\n", take_log_text());
+    write("stat", "");
+    EXPECT_EQ(0, init_cpu_mon());
+    EXPECT_EQ("0 Cannot determine number of CPUs in the system.\n", take_log_text());
     write("stat", "cpu  1 2 3 4 5 6\nintr 7\n");
     EXPECT_EQ(0, init_cpu_mon());
     EXPECT_EQ("0 Cannot determine number of CPUs in the system.\n", take_log_text());
@@ -239,12 +270,35 @@ TEST_F(Cpu, ABaselineIsTakenWhenATestIsAdded) {
     EXPECT_EQ((std::vector<double>{0, 0, 0, 100, 0}), records[1].d64);
 }
 
-TEST_F(Cpu, WithoutTheFileThereAreNoRecords) {
+/* Readings of the two threads are taken one after the other, the file included. */
+TEST_F(Cpu, AReadingIsLockedFromTheFileOn) {
     add_cpu(1, 9, -1, -1, -1, -1, -1, nullptr, nullptr);
+    remove("stat");
+    ASSERT_EQ(0, mkfifo((root + "/stat").c_str(), 0600));
+    EXPECT_TRUE(is_free(reading_mutex));
+    std::thread reader(do_cpu_check, 0);
+    std::ofstream file(root + "/stat"); /* opened when the reader has opened it */
+    EXPECT_FALSE(is_free(reading_mutex));
+    EXPECT_TRUE(is_free(cpu.mon_mutex));
+    file << stat_of(2, "1 0 0 1 0 0", "1 0 0 0 0 0") << std::flush;
+    file.close();
+    reader.join();
+    EXPECT_TRUE(is_free(reading_mutex));
+}
+
+TEST_F(Cpu, WithoutTheFileThereAreNoRecords) {
+    char host[] = "h";
+    stub("snmptable", "");
+    add_cpu(1, 9, -1, -1, -1, -1, -1, nullptr, nullptr);
+    add_cpu(2, 9, -1, -1, -1, -1, -1, host, nullptr);
     remove("stat");
     do_cpu_check(1);
     EXPECT_TRUE(take_records(get_cpu_results).empty());
+    EXPECT_EQ("", asked());
     EXPECT_EQ(0, wake_ups);
+    write("stat", stat_of(2, "0 0 0 1 0 0", "0 0 0 1 0 0"));
+    do_cpu_check(1);
+    EXPECT_EQ(1, wake_ups); /* the tests were still new */
 }
 
 TEST_F(Cpu, ResultsThatAreNotThereAreNone) {
@@ -260,6 +314,7 @@ TEST_F(Cpu, RemoteCounters) {
     stub("snmpget", "UCD-SNMP-MIB::a.0 = Counter32: 10\nb = Counter32: 5\nc = Counter32: 20\n"
                     "d = Counter32: 50\ne = Counter32: 5\nf = Counter32: 8\ng = Counter32: 2\n");
     add_cpu(1, 9, 10, 20, 5, 51, 5, host, kind);
+    host[0] = kind[0] = 'x'; /* the test has copies */
     udc_content r = check();
     EXPECT_EQ(record(2, {10, 20, 5, 50, 5},
                      "User CPU usage: 10.00 / Max value: 10\n"
@@ -276,6 +331,15 @@ TEST_F(Cpu, RemoteCounters) {
               asked());
 }
 
+TEST_F(Cpu, RemoteCountersThatAreAllZero) {
+    char host[] = "h", kind[] = "linux";
+    stub("snmpget", "=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n"
+                    "=Counter32:0\n=Counter32:0\n");
+    add_cpu(1, 9, 1, 1, 1, 0, 1, host, kind);
+    udc_content r = check();
+    EXPECT_EQ(record(0, {0, 0, 0, 0, 0}, WITHIN, r), r);
+}
+
 /* Judged whether or not this machine's kernel counts I/O wait. */
 TEST_F(Cpu, RemoteIoWaitOnAKernelWithoutIt) {
     char host[] = "h", kind[] = "linux";
@@ -287,9 +351,9 @@ TEST_F(Cpu, RemoteIoWaitOnAKernelWithoutIt) {
 }
 
 TEST_F(Cpu, RemoteProcessors) {
-    char host[] = "h", kind[] = "windows";
+    char host[] = "h", kind[] = "windows", none[] = "";
     stub("snmptable", "SNMPv2-SMI::zeroDotZero^10\nno such row\nends with^\n.0.0^15^7\n");
-    for (char* system : {static_cast<char*>(nullptr), kind}) {
+    for (char* system : {static_cast<char*>(nullptr), kind, none}) {
         add_cpu(1, 9, 12, -1, -1, 89, -1, host, system);
         udc_content r = check();
         EXPECT_EQ(record(2, {12, 0, 0, 88, 0},
@@ -300,8 +364,38 @@ TEST_F(Cpu, RemoteProcessors) {
         rem_cpu(1);
     }
     EXPECT_EQ("-v 1 -t 1 -Ov -CHf ^ -c public h 1.3.6.1.2.1.25.3.3\n"
+              "-v 1 -t 1 -Ov -CHf ^ -c public h 1.3.6.1.2.1.25.3.3\n"
               "-v 1 -t 1 -Ov -CHf ^ -c public h 1.3.6.1.2.1.25.3.3\n",
               asked());
+}
+
+/* Equal to a maximum is reached, equal to the minimum is not. */
+TEST_F(Cpu, RemoteLimits) {
+    char host[] = "h";
+    stub("snmptable", "a^12\n");
+    add_cpu(1, 9, 13, 0, 0, 88, 0, host, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(record(2, {12, 0, 0, 88, 0},
+                     "System CPU usage: 0.00 / Max value: 0\n"
+                     "Nice CPU usage: 0.00 / Max value: 0\n"
+                     "CPU IO Wait: 0.00 / Max value: 0\n",
+                     r),
+              r);
+    modify_cpu(1, 9, 13, 1, 1, 88, 1, host, nullptr);
+    r = check();
+    EXPECT_EQ(record(0, {12, 0, 0, 88, 0}, WITHIN, r), r);
+}
+
+TEST_F(Cpu, ModifyReplacesTheKindOfHost) {
+    char host[] = "h", kind[] = "linux", none[] = "";
+    stub("snmpget", "");
+    stub("snmptable", "a^12\n");
+    add_cpu(1, 9, -1, -1, -1, -1, -1, host, nullptr);
+    EXPECT_EQ(0u, check().ui32[3]);
+    modify_cpu(1, 9, -1, -1, -1, -1, -1, host, kind);
+    EXPECT_EQ(10u, check().ui32[3]);
+    modify_cpu(1, 9, -1, -1, -1, -1, -1, host, none);
+    EXPECT_EQ(0u, check().ui32[3]);
 }
 
 TEST_F(Cpu, RemoteFailures) {
@@ -364,10 +458,44 @@ TEST_F(Cpu, ListOperationsLogNothing) {
 }
 
 /* A modify wakes the worker even when there is no such test. */
-TEST_F(Cpu, ModifyOfAnUnknownTestWakesTheWorker) {
-    unsigned before = cpu.wakes;
+TEST_F(Cpu, WhatWakesTheWorker) {
+    unsigned before = wakes_of(cpu);
     modify_cpu(5, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
-    EXPECT_EQ(before + 1, cpu.wakes);
+    EXPECT_EQ(before + 1, wakes_of(cpu)); /* none at all */
+    add_cpu(1, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    EXPECT_EQ(before + 2, wakes_of(cpu));
+    modify_cpu(5, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    EXPECT_EQ(before + 3, wakes_of(cpu));
+    modify_cpu(1, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    EXPECT_EQ(before + 4, wakes_of(cpu));
+    add_cpu(1, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    add_cpu(0, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    modify_cpu(0, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    rem_cpu(1);
+    EXPECT_EQ(before + 4, wakes_of(cpu));
+}
+
+/* The list is free while the file is read, but not while the tests are judged. */
+TEST_F(Cpu, APassLocksTheList) {
+    char host[] = "h";
+    waiting_stub("snmptable", "a^12\n");
+    add_cpu(1, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    add_cpu(2, 9, 1, 1, 1, 1, 1, host, nullptr);
+    expect_pass_locks_the_list(cpu, pass, get_cpu_results);
+}
+
+TEST_F(Cpu, RemoveKeepsTheOrderAndWhatWasMeasured) {
+    for (int id : {3, 1, 2}) {
+        add_cpu(id, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    }
+    do_cpu_check(1);
+    rem_cpu(1);
+    EXPECT_EQ(3u, take_records(get_cpu_results).size());
+    do_cpu_check(1);
+    auto records = take_records(get_cpu_results);
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ(3u, records[0].ui32[1]);
+    EXPECT_EQ(2u, records[1].ui32[1]);
 }
 
 TEST_F(Cpu, FirstResultsAreSentAtOnceAndOnlyThey) {
@@ -376,6 +504,7 @@ TEST_F(Cpu, FirstResultsAreSentAtOnceAndOnlyThey) {
     do_cpu_check(1);
     do_cpu_check(1);
     EXPECT_EQ(1, wake_ups);
+    EXPECT_TRUE(list_was_free);
     modify_cpu(1, 9, -1, -1, -1, -1, -1, nullptr, nullptr);
     do_cpu_check(1);
     EXPECT_EQ(2, wake_ups);
@@ -383,7 +512,10 @@ TEST_F(Cpu, FirstResultsAreSentAtOnceAndOnlyThey) {
 
 /* Everything at once from several threads; the sanitizers watch. */
 TEST_F(Cpu, ChangesDuringPasses) {
+    EXPECT_EQ(31536000, get_cpu_check_interval());
     ASSERT_EQ(1, init_cpu_mon());
+    add_cpu(9, 9, 1, 1, 1, 1, 1, nullptr, nullptr);
+    EXPECT_TRUE(eventually([] { return wake_ups > 0; })); /* the worker's pass */
     std::atomic<bool> stop{false};
     std::thread changes([&] {
         for (int i = 0; i < 300; i++) {

@@ -124,6 +124,12 @@ const char ROOT[] = "/(/dev/sda1|ext4)";
 
 } // namespace
 
+TEST_F(Disk, Beginnings) {
+    EXPECT_EQ(31536000, get_disk_check_interval());
+    EXPECT_STREQ("Disk monitoring: thread attribute initialization failed.", disk.attr_message);
+    EXPECT_STREQ("Disk monitoring: can not set thread stack size.", disk.stack_message);
+}
+
 TEST_F(Disk, FreeSpace) {
     file_systems["/"] = blocks(40 * GB_BLOCKS, 10 * GB_BLOCKS);
     add(1, ROOT, 9.99);
@@ -134,6 +140,8 @@ TEST_F(Disk, FreeSpace) {
         r);
     ASSERT_EQ(1u, r.i64.size());
     EXPECT_LE(before, r.i64[0]);
+    EXPECT_GE(now_in_seconds(), r.i64[0]);
+    EXPECT_EQ("", texts());
     rem_disk(1);
     add(1, ROOT, 10); /* no more than the minimum */
     r = check();
@@ -187,26 +195,81 @@ TEST_F(Disk, LongNames) {
 }
 
 TEST_F(Disk, IoSinceThePreviousCheck) {
-    add(1, ROOT, -1, 100, -1.0); /* one maximum is enough to make it an I/O test */
+    add(1, ROOT, -1, 100, 10.5);
     EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n", check_texts());
-    sda1(2000 + 200, 6000 + 21);
+    sda1(2000 + 200, 6000 + 21); /* halves of a KB do not count */
     EXPECT_EQ("1:read_count:100.00;write_count:10.00;status:0\n", check_texts());
     sda1(2200 + 202, 6021);
     EXPECT_EQ("1:read_count:101.00;write_count:0.00;status:2;status:2\n", check_texts());
+}
+
+TEST_F(Disk, AMaximumThatIsReachedIsNotExceeded) {
+    add(1, ROOT, -1, 100, 10);
+    check_texts();
+    sda1(2000 + 200, 6000 + 20);
+    EXPECT_EQ("1:read_count:100.00;write_count:10.00;status:0\n", check_texts());
+}
+
+/* Both exactly -1: free space. */
+TEST_F(Disk, OneMaximumMakesAnIoTest) {
+    add(1, ROOT, 0, 100, -1.0);
+    add(2, ROOT, 0, -1.0, 100);
+    add(3, ROOT, 0, 0, 0);
+    add(4, ROOT, 0, -2.0, -2.0);
+    add(5, ROOT, 0, -1.0, -1.0);
+    EXPECT_EQ(5u, check().ui32.at(1));
+    EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n"
+              "2:read_count:0.00;write_count:0.00;status:0\n"
+              "3:read_count:0.00;write_count:0.00;status:0\n"
+              "4:read_count:0.00;write_count:0.00;status:0\n",
+              texts());
 }
 
 TEST_F(Disk, EveryLimitThatIsExceededRepeatsTheStatus) {
     add(1, ROOT, -1, 1, 1);
     add(2, ROOT, -1, 1, 0);
     add(3, ROOT, -1, 0, 0);
+    add(4, ROOT, -1, -1.0, 9);
     texts();
     do_disk_check();
     texts();
     sda1(2000 + 1800, 6000 + 20);
     EXPECT_EQ("1:read_count:900.00;write_count:10.00;status:2;status:2;status:2\n"
               "2:read_count:900.00;write_count:10.00;status:2;status:2\n"
-              "3:read_count:900.00;write_count:10.00;status:0\n",
+              "3:read_count:900.00;write_count:10.00;status:0\n"
+              "4:read_count:900.00;write_count:10.00;status:2;status:2\n",
               check_texts());
+}
+
+TEST_F(Disk, ACountOf0IsNoneYet) {
+    sda1(0, 6000);
+    add(1, ROOT, -1, 1, 1);
+    check_texts();
+    sda1(200, 6000);
+    EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n", check_texts());
+    sda1(400, 6000);
+    EXPECT_EQ("1:read_count:100.00;write_count:0.00;status:2;status:2\n", check_texts());
+}
+
+/* Its counts are 0 then, and none when it comes back. */
+TEST_F(Disk, ADeviceThatGoesAndComesBack) {
+    add(1, ROOT, -1, 1, 1);
+    check_texts();
+    write("diskstats", "8 0 sda 1 1 1 1 1 1 1 1 0 1 1\n");
+    EXPECT_EQ("1:read_count:-1000.00;write_count:-3000.00;status:0\n", check_texts());
+    sda1(9000, 9000);
+    EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n", check_texts());
+}
+
+TEST_F(Disk, TimesOfTextResults) {
+    add(1, ROOT, -1, 1, 1);
+    add(2, "no parenthesis", -1, 1, 1);
+    time_t before = now_in_seconds();
+    do_disk_check();
+    ASSERT_EQ(2, disk_test_results_count);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_LE(before, disk_test_results[i]->check_time);
+    }
 }
 
 TEST_F(Disk, ModifyStartsTheCountAnew) {
@@ -262,6 +325,7 @@ TEST_F(Disk, WithoutStatisticsNothingIsReported) {
     add(1, ROOT, -1, 1, 1);
     remove("diskstats");
     EXPECT_EQ("", check_texts());
+    EXPECT_EQ(1, wake_ups); /* checked it was, though */
     unsigned long long a = 1, b = 2;
     char device[] = "sda";
     EXPECT_EQ(1, GetDevStats(device, &a, &b));
@@ -281,10 +345,18 @@ TEST_F(Disk, DeviceCounters) {
         {"hda1", "   3    1 hda1\n   3    1 hda1 11 22 33 44\n", 7,
          8}, /* the first that has the name */
         {"hda1", "   3    1 hda1 11 22 33 44 55\n", 7, 8},
+        {"hda1", "   3    1 hda1 1 2 3 4 5 6 7 8 9 10\n", 7, 8},
         {"x", "", 7, 8},
         {"", DISKSTATS, 7, 8},
         {"sda", "8 0 sda 1 2 18446744073709551615 4 5 6 18446744073709551614 8 9 10 11",
          18446744073709551615ULL, 18446744073709551614ULL},
+        /* 31 characters of a name count; what follows is no number */
+        {"a234567890123456789012345678901",
+         "8 0 a234567890123456789012345678901 1 2 3 4 5 6 7 8 9 10 11\n", 3, 7},
+        {"a234567890123456789012345678901",
+         "8 0 a234567890123456789012345678901x 1 2 3 4 5 6 7 8 9 10 11\n", 7, 8},
+        {"a234567890123456789012345678901x",
+         "8 0 a234567890123456789012345678901x 1 2 3 4 5 6 7 8 9 10 11\n", 7, 8},
         {"sda", "junk\n\n8 sda 0\n8 0 sda 1 2 3 4 5 6 7 8 9 10 11\n", 3, 7},
     };
     for (const auto& c : cases) {
@@ -297,17 +369,40 @@ TEST_F(Disk, DeviceCounters) {
     }
 }
 
+/* What is behind the 255th character of a line is a line of its own. */
+TEST_F(Disk, LongLinesOfStatistics) {
+    char name[] = "sda";
+    for (size_t length : {254, 255, 256}) {
+        write("diskstats", std::string(length, 'x') + "8 0 sda 1 2 3 4 5 6 7 8 9 10 11\n");
+        unsigned long long read = 0, written = 0;
+        EXPECT_EQ(0, GetDevStats(name, &read, &written));
+        EXPECT_EQ(length == 255 ? 3u : 0u, read);
+        EXPECT_EQ(length == 255 ? 7u : 0u, written);
+    }
+}
+
 TEST_F(Disk, OldKernelsCountInPartitions) {
     remove("diskstats");
     write("partitions",
           "major minor  #blocks  name     rio rmerge rsect ruse wio wmerge wsect wuse "
           "running use aveq\n\n"
-          "   3     0   19551168 hda 1 2 33 4 5 6 77 8 9 10 11\n");
+          "   3     0   19551168 hda 1 2 33 4 5 6 77 8 9 10 11\n"
+          "   3     1   19551105 hda1 1 22 3 44\n");
     unsigned long long read = 0, written = 0;
-    char name[] = "hda";
+    char name[] = "hda", part[] = "hda1";
     EXPECT_EQ(0, GetDevStats(name, &read, &written));
     EXPECT_EQ(33u, read);
     EXPECT_EQ(77u, written);
+    EXPECT_EQ(0, GetDevStats(part, &read, &written));
+    EXPECT_EQ(22u, read);
+    EXPECT_EQ(44u, written);
+    write("partitions", "3 1 9 a234567890123456789012345678901 1 2 3 4\n");
+    char longest[] = "a234567890123456789012345678901"; /* as long as a name can be */
+    EXPECT_EQ(0, GetDevStats(longest, &read, &written));
+    EXPECT_EQ(2u, read);
+    write("diskstats", ""); /* opens, and so counts, although nothing is in it */
+    EXPECT_EQ(0, GetDevStats(longest, &read, &written));
+    EXPECT_EQ(2u, read);
 }
 
 /* One reading of the counters serves every test of a pass. */
@@ -334,9 +429,12 @@ TEST_F(Disk, ThePassReadsTheStatisticsOnce) {
 TEST_F(Disk, TextResults) {
     EXPECT_EQ("", texts());
     add_disk_test_result(1, 0, nullptr);
-    add_disk_test_result(1, 0, strdup(""));
+    char empty[] = ""; /* stays the caller's */
+    add_disk_test_result(1, 0, empty);
     EXPECT_EQ("", texts());
-    add_disk_test_result(1, 0, strdup("a"));
+    char* itself = strdup("a");
+    add_disk_test_result(1, 0, itself);
+    EXPECT_EQ(itself, disk_test_results[0]->test_data);
     add_disk_test_result(2, 0, strdup("b"));
     EXPECT_EQ("1:a\n2:b\n", texts());
     EXPECT_EQ("", texts());
@@ -383,6 +481,7 @@ TEST_F(Disk, Inventory) {
     expected.strings = {"/(/dev/sda1|ext4)\t/my disk(/dev/sdb 1|ext3)\t/(/dev/sda1|ext4)\t"};
     EXPECT_EQ(expected, *r);
     EXPECT_LE(before, r->i64.at(0));
+    EXPECT_EQ("", take_log_text()); /* what cannot be queried is left out without a word */
 }
 
 TEST_F(Disk, InventoryOfNothing) {
@@ -440,6 +539,40 @@ TEST_F(Disk, FirstResultsAreSentAtOnceAndOnlyThey) {
     do_disk_check();
     do_disk_check();
     EXPECT_EQ(1, wake_ups);
+}
+
+TEST_F(Disk, WhatIsModifiedIsCheckedAndSentAnew) {
+    file_systems["/"] = file_systems["/b"] = blocks(GB_BLOCKS, GB_BLOCKS);
+    char other[] = "/b(x|y)";
+    add(1, ROOT, -1, 100, 100);
+    do_disk_check();
+    texts();
+    modify_disk(1, 8, other, 3, -1.0, -1.0); /* an I/O test no more */
+    udc_content r = check();
+    EXPECT_EQ((std::vector<uint32_t>{46, 1, 8, 2}), r.ui32);
+    EXPECT_EQ("Drive: /b(x|y) free space: 1.00 / Min value: 3.00.\n", r.strings.at(0));
+    EXPECT_EQ(2, wake_ups);
+    modify_disk(1, 7, nullptr, 0, -1.0, -1.0); /* the mount text stays */
+    r = check();
+    EXPECT_EQ((std::vector<uint32_t>{46, 1, 7, 0}), r.ui32);
+    EXPECT_EQ("Drive: /b(x|y) free space is within acceptable limits.\n", r.strings.at(0));
+    EXPECT_EQ(3, wake_ups);
+}
+
+TEST_F(Disk, OnlyAnAddThatAddsWakesTheWorker) {
+    char mp[] = "/(a|b)";
+    unsigned wakes = disk.wakes;
+    add_diskdesc(0, 9, mp, 1, 2, 3);
+    add_diskdesc(1, 9, nullptr, 1, 2, 3);
+    EXPECT_EQ(wakes, disk.wakes);
+    add_diskdesc(1, 9, mp, 1, -1.0, -1.0);
+    EXPECT_EQ(wakes + 1, disk.wakes);
+    add_diskdesc(1, 9, mp, 1, 2, 3);
+    do_disk_check();
+    rem_disk(1);
+    rem_disk(1);
+    EXPECT_EQ(wakes + 1, disk.wakes);
+    EXPECT_EQ(1u, take_records(get_disk_results).size()); /* the result outlives its test */
 }
 
 /* Everything at once from several threads; the sanitizers watch. */

@@ -9,7 +9,9 @@
 #include <thread>
 
 static std::atomic<int> wake_ups{0};
+static std::atomic<bool> list_was_free{false};
 void send_pending_data() {
+    list_was_free = is_free(mem.mon_mutex);
     wake_ups++;
 }
 
@@ -92,6 +94,7 @@ TEST(GetScaled, FindsTheNumberAndTheUnitBehindIt) {
     EXPECT_EQ(8u, get_scaled("A: 010", "A:"));
     EXPECT_EQ(~0ULL, get_scaled("A: 7 kB\n", "B:"));
     EXPECT_EQ(0u, get_scaled("A:", "A:"));
+    EXPECT_EQ(7u, get_scaled("BA: 7\nA: 8\n", "A:")); /* wherever the key stands first */
 }
 
 TEST(GetMemValues, ReadsUnitSizeAndUsed) {
@@ -101,7 +104,10 @@ TEST(GetMemValues, ReadsUnitSizeAndUsed) {
     EXPECT_EQ(614400u, left);
     EXPECT_EQ(0, get_mem_values("x^4096^10", &total, nullptr));
     EXPECT_EQ(40960u, total);
+    total = left = 1;
     EXPECT_EQ(1, get_mem_values("x^4096^10", &total, &left)); /* used is missing */
+    EXPECT_EQ(40960u, total);
+    EXPECT_EQ(1u, left);
     EXPECT_EQ(1, get_mem_values("x^4096", &total, &left));
     EXPECT_EQ(1, get_mem_values("x", &total, &left));
     EXPECT_EQ(1, get_mem_values("", &total, &left));
@@ -135,6 +141,27 @@ TEST_F(Memory, EveryLimit) {
                        "Cached memory size: 2048.00 / Max value: 2047\n",
                        r),
               r);
+}
+
+TEST_F(Memory, EveryLimitAfterAModify) {
+    add_mem(1, 8, -1, -1, -1, -1, -1, nullptr);
+    modify_mem(1, 9, 512, 1023, 1, 99, 2047, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, LOCAL,
+                       "Physical memory free size: 512.00 / Min value: 512\n"
+                       "Swap memory free size: 1023.00 / Min value: 1023\n"
+                       "Buffers memory size: 100.00 / Max value: 99\n"
+                       "Cached memory size: 2048.00 / Max value: 2047\n",
+                       r),
+              r);
+}
+
+TEST_F(Memory, NothingBehind8191BytesIsRead) {
+    const std::string summary = "Buffers: 1048576";
+    write("meminfo", std::string(8191 - summary.size(), ' ') + summary + "0\nCached: 1048576\n");
+    add_mem(1, 9, -1, -1, -1, -1, -1, nullptr);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, {NONE, NONE, NONE, NONE, 1, NONE, NONE, NONE}, WITHIN, r), r);
 }
 
 /* A free amount at its minimum is too little, a buffer at its maximum is not too much. */
@@ -174,6 +201,9 @@ TEST_F(Memory, WithoutTheSummaryThereAreNoRecords) {
     EXPECT_TRUE(take_records(get_mem_results).empty());
     EXPECT_EQ("", asked());
     EXPECT_EQ(0, wake_ups);
+    write("meminfo", MEMINFO);
+    check();
+    EXPECT_EQ(1, wake_ups); /* the test was still new */
 }
 
 TEST_F(Memory, WithoutTestsNothingIsRead) {
@@ -193,6 +223,7 @@ TEST_F(Memory, RemoteStorageTable) {
          "10^HOST-RESOURCES-TYPES::hrStorageVirtualMemory^Swap space^1024^2097152^1048576^0\n"
          "31^HOST-RESOURCES-TYPES::hrStorageFixedDisk^/^4096^1^1^0\n");
     add_mem(1, 9, 1024, 1024, 3072, 199, 400, host);
+    host[0] = 'x'; /* the test has a copy */
     udc_content r = check();
     EXPECT_EQ(expected(2, {1024, 4096, 1024, 2048, 200, 400, 6144, 3072},
                        "Physical memory free size: 1024.00 / Min value: 1024\n"
@@ -227,6 +258,41 @@ TEST_F(Memory, RowWithoutUsedGivesTheTotal) {
     EXPECT_EQ(expected(0, {NONE, 7, NONE, NONE, NONE, NONE, NONE, NONE}, WITHIN, r), r);
 }
 
+TEST_F(Memory, RemoteVirtualMemoryAndCacheHaveLimits) {
+    char host[] = "h";
+    stub("snmptable",
+         "3^HOST-RESOURCES-TYPES::hrStorageVirtualMemory^Virtual memory^1048576^7^5^0\n"
+         "7^HOST-RESOURCES-TYPES::hrStorageOther^Cached memory^1048576^9^8^0\n");
+    add_mem(1, 9, 9, 9, 1, 9, 8, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(2, {NONE, NONE, NONE, NONE, NONE, 9, 7, 2},
+                       "Cached memory size: 9.00 / Max value: 8\n", r),
+              r);
+}
+
+/* Type and description of a row have to begin like a kind's, no more; a description of another
+ * type's kind is none. */
+TEST_F(Memory, RemoteRowsMatchByTheirBeginning) {
+    char host[] = "h";
+    stub("snmptable",
+         "1^HOST-RESOURCES-TYPES::hrStorageRamDisk^physical memory (DIMM)^1048576^7^5^0\n"
+         "2^HOST-RESOURCES-TYPES::hrStorageRam^Virtual memory^1048576^1^1^0\n"
+         "3^ HOST-RESOURCES-TYPES::hrStorageVirtualMemory^Swap space^1048576^1^1^0\n"
+         "4^HOST-RESOURCES-TYPES::hrStorageOther^The memory buffers^1048576^1^1^0\n");
+    add_mem(1, 9, -1, -1, -1, -1, -1, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, {2, 7, NONE, NONE, NONE, NONE, NONE, NONE}, WITHIN, r), r);
+}
+
+TEST_F(Memory, QueryThatCannotBeStarted) {
+    char host[] = "h";
+    stub("snmptable", "");
+    add_mem(1, 9, 9, 9, 9, 9, 9, host);
+    descriptors_left one(1); /* enough for the summary, not for a pipe */
+    udc_content r = check();
+    EXPECT_EQ(expected(10, std::vector<double>(8, NONE), "Remote memory test failed\n", r), r);
+}
+
 TEST_F(Memory, HostThatIsNoneStartsNoProcess) {
     char host[] = "h; touch x";
     stub("snmptable", "");
@@ -245,6 +311,45 @@ TEST_F(Memory, ModifyMayTurnARemoteTestIntoALocalOne) {
     EXPECT_EQ(expected(0, LOCAL, WITHIN, r), r);
     modify_mem(1, 9, -1, -1, -1, -1, -1, host);
     EXPECT_EQ(NONE, check().d64[0]);
+}
+
+TEST_F(Memory, AddAndModifyWakeTheWorkerWhenTheyChangedSomething) {
+    unsigned before = wakes_of(mem);
+    modify_mem(1, 9, 1, 1, 1, 1, 1, nullptr);
+    add_mem(0, 9, 1, 1, 1, 1, 1, nullptr);
+    EXPECT_EQ(before, wakes_of(mem));
+    add_mem(1, 9, 1, 1, 1, 1, 1, nullptr);
+    EXPECT_EQ(before + 1, wakes_of(mem));
+    add_mem(1, 9, 2, 1, 1, 1, 1, nullptr);
+    modify_mem(0, 9, 1, 1, 1, 1, 1, nullptr);
+    modify_mem(2, 9, 1, 1, 1, 1, 1, nullptr);
+    EXPECT_EQ(before + 1, wakes_of(mem));
+    modify_mem(1, 9, 1, 1, 1, 1, 1, nullptr);
+    EXPECT_EQ(before + 2, wakes_of(mem));
+    rem_mem(1);
+    EXPECT_EQ(before + 2, wakes_of(mem));
+}
+
+TEST_F(Memory, APassLocksTheList) {
+    char host[] = "h";
+    waiting_stub("snmptable", "");
+    add_mem(1, 9, 1, 1, 1, 1, 1, nullptr);
+    add_mem(2, 9, 1, 1, 1, 1, 1, host);
+    expect_pass_locks_the_list(mem, do_mem_check, get_mem_results);
+}
+
+TEST_F(Memory, RemoveKeepsTheOrderAndWhatWasMeasured) {
+    for (int id : {3, 1, 2}) {
+        add_mem(id, 9, 1, 1, 1, 1, 1, nullptr);
+    }
+    do_mem_check();
+    rem_mem(1);
+    EXPECT_EQ(3u, take_records(get_mem_results).size());
+    do_mem_check();
+    auto records = take_records(get_mem_results);
+    ASSERT_EQ(2u, records.size());
+    EXPECT_EQ(3u, records[0].ui32[1]);
+    EXPECT_EQ(2u, records[1].ui32[1]);
 }
 
 TEST_F(Memory, ListOperationsAndTheirLines) {
@@ -273,6 +378,7 @@ TEST_F(Memory, FirstResultsAreSentAtOnceAndOnlyThey) {
     add_mem(2, 9, -1, -1, -1, -1, -1, nullptr);
     do_mem_check();
     EXPECT_EQ(1, wake_ups);
+    EXPECT_TRUE(list_was_free);
     do_mem_check();
     EXPECT_EQ(1, wake_ups);
     modify_mem(2, 9, -1, -1, -1, -1, -1, nullptr);
@@ -283,7 +389,10 @@ TEST_F(Memory, FirstResultsAreSentAtOnceAndOnlyThey) {
 
 /* Everything at once from several threads; the sanitizers watch. */
 TEST_F(Memory, ChangesDuringPasses) {
+    EXPECT_EQ(31536000, get_mem_check_interval());
     ASSERT_EQ(1, init_mem_mon());
+    add_mem(9, 9, 1, 1, 1, 1, 1, nullptr);
+    EXPECT_TRUE(eventually([] { return wake_ups > 0; })); /* the worker's pass */
     std::atomic<bool> stop{false};
     std::thread changes([&] {
         for (int i = 0; i < 300; i++) {

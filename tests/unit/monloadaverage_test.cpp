@@ -1,24 +1,20 @@
 /* Load average checker: limits, messages, bytes of the record, remote query, lifecycle. */
 #include "monloadaverage.cpp"
 
+#include "checker_place.h"
 #include "fake_core.h"
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <string>
 #include <thread>
-#include <vector>
 
 static std::atomic<int> wake_ups{0};
+static std::atomic<bool> list_was_free{false};
 void send_pending_data() {
+    list_was_free = is_free(lda.mon_mutex);
     wake_ups++;
 }
 
 namespace {
-
-namespace fs = std::filesystem;
 
 struct lda_record {
     uint32_t type, test, location, status;
@@ -66,14 +62,9 @@ std::vector<lda_record> take_records() {
 
 const char WITHIN[] = "Load Average values are within acceptable limits\n";
 
-class LoadAverage : public testing::Test {
+class LoadAverage : public checker_place {
 protected:
-    fs::path place = fs::path(testing::TempDir()) / ("monloadaverage." + std::to_string(getpid()));
-    std::string root = place.string();
-
     void SetUp() override {
-        fs::create_directories(place / "bin");
-        proc_root = root.c_str();
         loadavg("0.50 1.25 2.00 1/234 5678\n");
         wake_ups = 0;
         take_log();
@@ -83,10 +74,9 @@ protected:
             rem_lda(id);
         }
         take_records();
-        proc_root = "/proc";
-        fs::remove_all(place);
     }
-    void loadavg(const std::string& text) { std::ofstream(place / "loadavg") << text; }
+    void loadavg(const std::string& text) { write("loadavg", text); }
+    void snmpget(const std::string& output) { stub("snmpget", output); }
 
     /* The record of the one test after one pass. */
     lda_record check() {
@@ -94,20 +84,6 @@ protected:
         std::vector<lda_record> records = take_records();
         EXPECT_EQ(1u, records.size());
         return records.empty() ? lda_record{} : records[0];
-    }
-
-    /* Puts a snmpget first on PATH that writes its arguments down and prints this. */
-    void snmpget(const std::string& output) {
-        std::ofstream(place / "bin" / "snmpget")
-            << "#!/bin/sh\necho \"$@\" >> " << root << "/asked\ncat << 'END'\n"
-            << output << "END\n";
-        fs::permissions(place / "bin" / "snmpget", fs::perms::owner_all);
-        static const std::string path = getenv("PATH");
-        setenv("PATH", (root + "/bin:" + path).c_str(), 1);
-    }
-    std::string asked() {
-        std::ifstream in(place / "asked");
-        return std::string(std::istreambuf_iterator<char>(in), {});
     }
 };
 
@@ -184,6 +160,23 @@ TEST_F(LoadAverage, ATextThatIsNoNumberGivesZeros) {
     EXPECT_EQ(0.0, r.la[2]);
 }
 
+TEST_F(LoadAverage, EachNumberBeginsWhereTheLastOneEnded) {
+    loadavg("1.5.25-3");
+    add_lda(1, 1, -1, -1, -1, nullptr);
+    lda_record r = check();
+    EXPECT_EQ(1.5, r.la[0]);
+    EXPECT_EQ(0.25, r.la[1]);
+    EXPECT_EQ(-3.0, r.la[2]);
+}
+
+TEST_F(LoadAverage, NothingBehind4096BytesIsRead) {
+    add_lda(1, 1, -1, -1, -1, nullptr);
+    loadavg(std::string(4095, ' ') + "12 2 3\n");
+    lda_record r = check();
+    EXPECT_EQ(1.0, r.la[0]);
+    EXPECT_EQ(0.0, r.la[1]);
+}
+
 TEST_F(LoadAverage, HugeNumbersFitTheMessage) {
     loadavg("1e308 1e308 -1e308\n");
     add_lda(1, 1, 2147483647, 1, 1, nullptr);
@@ -200,7 +193,7 @@ TEST_F(LoadAverage, WithoutTheFileThereIsNoRecordNotEvenARemoteOne) {
     loadavg("");
     do_lda_check();
     EXPECT_TRUE(take_records().empty());
-    fs::remove(place / "loadavg");
+    remove("loadavg");
     do_lda_check();
     EXPECT_TRUE(take_records().empty());
     EXPECT_EQ("", asked());
@@ -216,6 +209,7 @@ TEST_F(LoadAverage, RemoteValues) {
     snmpget("UCD-SNMP-MIB::laLoad.1 = STRING: 0.50\nUCD-SNMP-MIB::laLoad.2 = STRING: 1.75\n"
             "UCD-SNMP-MIB::laLoad.3 = STRING: 12.00\n");
     add_lda(1, 1, 1, 1, 20, host);
+    host[0] = 'x'; /* the test has a copy */
     lda_record r = check();
     EXPECT_EQ(2u, r.status);
     EXPECT_EQ(0.50, r.la[0]);
@@ -324,6 +318,42 @@ TEST_F(LoadAverage, ModifyReplacesEverythingTheHostIncluded) {
     EXPECT_EQ("", take_log_text());
 }
 
+TEST_F(LoadAverage, ModifyReplacesEveryMaximum) {
+    add_lda(1, 9, -1, -1, -1, nullptr);
+    modify_lda(1, 9, 1, 2, 3, nullptr);
+    loadavg("3 2 1\n");
+    EXPECT_EQ("Load Average 1 min value: 3.00 / Max value: 1\n"
+              "Load Average 5 min value: 2.00 / Max value: 2\n",
+              check().message);
+    modify_lda(1, 9, 4, 3, 1, nullptr);
+    EXPECT_EQ("Load Average 15 min value: 1.00 / Max value: 1\n", check().message);
+}
+
+TEST_F(LoadAverage, AddAndModifyWakeTheWorkerWhenTheyChangedSomething) {
+    unsigned before = wakes_of(lda);
+    modify_lda(1, 9, 1, 1, 1, nullptr);
+    add_lda(0, 9, 1, 1, 1, nullptr);
+    EXPECT_EQ(before, wakes_of(lda));
+    add_lda(1, 9, 1, 1, 1, nullptr);
+    EXPECT_EQ(before + 1, wakes_of(lda));
+    add_lda(1, 9, 2, 2, 2, nullptr);
+    modify_lda(0, 9, 2, 2, 2, nullptr);
+    modify_lda(2, 9, 2, 2, 2, nullptr);
+    EXPECT_EQ(before + 1, wakes_of(lda));
+    modify_lda(1, 9, 2, 2, 2, nullptr);
+    EXPECT_EQ(before + 2, wakes_of(lda));
+    rem_lda(1);
+    EXPECT_EQ(before + 2, wakes_of(lda));
+}
+
+TEST_F(LoadAverage, APassLocksTheList) {
+    char host[] = "h";
+    waiting_stub("snmpget", "a = STRING: 1\nb = STRING: 2\nc = STRING: 3\n");
+    add_lda(1, 9, 1, 1, 1, nullptr);
+    add_lda(2, 9, 1, 1, 1, host);
+    expect_pass_locks_the_list(lda, do_lda_check, get_lda_results);
+}
+
 TEST_F(LoadAverage, RemoveKeepsTheOrderAndWhatWasMeasured) {
     for (int id : {3, 1, 2}) {
         add_lda(id, 0, 1, 1, 1, nullptr);
@@ -351,6 +381,7 @@ TEST_F(LoadAverage, OnlyAPassWithANewOrChangedTestWakesThePollLoop) {
     add_lda(1, 0, 1, 1, 1, nullptr);
     do_lda_check();
     EXPECT_EQ(1, wake_ups);
+    EXPECT_TRUE(list_was_free);
     do_lda_check();
     EXPECT_EQ(1, wake_ups);
     modify_lda(1, 0, 1, 1, 1, nullptr);
@@ -415,7 +446,10 @@ TEST_F(LoadAverage, ZLifecycle) {
     for (std::thread& t : threads) {
         t.join();
     }
+    add_lda(9, 0, 1, 1, 1, nullptr);
+    do_lda_check();
     shutdown_lda_checker();
     EXPECT_EQ(-1, get_lda_check_interval());
-    set_lda_check_interval(5); /* nothing restarts it, nothing breaks */
+    EXPECT_FALSE(take_records().empty()); /* what was not collected is still there */
+    set_lda_check_interval(5);            /* nothing restarts it, nothing breaks */
 }

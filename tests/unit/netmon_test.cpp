@@ -1,13 +1,31 @@
 /* Network interface checker: interface list, the three layouts of the counters, rates, limits,
  * lifecycle. */
+#include "guards.h"
+
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 static int fake_ioctl(int fd, unsigned long request, void* argument);
+static timespec fake_deadline_in(int seconds);
+static bool refuse_socket, refuse_attributes, refuse_stack, refuse_thread;
+static size_t stack_size_asked;
 
 #define ioctl(fd, request, argument) fake_ioctl(fd, request, argument)
+#define deadline_in(seconds) fake_deadline_in(seconds)
+#define socket(d, t, p) (refuse_socket ? -1 : socket(d, t, p))
+#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
+#define pthread_attr_setstacksize(a, size)                                                         \
+    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
+#define pthread_create(t, a, f, x) (refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #include "netmon.cpp"
 #undef ioctl
+#undef deadline_in
+#undef socket
+#undef pthread_attr_init
+#undef pthread_attr_setstacksize
+#undef pthread_create
 
 #include "checker_place.h"
 #include "fake_core.h"
@@ -15,12 +33,20 @@ static int fake_ioctl(int fd, unsigned long request, void* argument);
 #include <atomic>
 #include <map>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <thread>
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
     wake_ups++;
+}
+
+static std::atomic<int> seconds_asked{0};
+static std::atomic<bool> no_waiting{false};
+static timespec fake_deadline_in(int seconds) {
+    seconds_asked = seconds;
+    return deadline_in(no_waiting ? 0 : 3600);
 }
 
 /* The interfaces of the tests in their order, with their flags. */
@@ -79,6 +105,12 @@ protected:
         take_log();
     }
     void dev(const std::string& lines) { write("net/dev", HEADING + lines); }
+    static bool eventually(bool (*condition)()) {
+        for (int i = 0; i < 5000 && !condition(); i++) {
+            usleep(1000);
+        }
+        return condition();
+    }
     /* Two samples of eth0, ten seconds of traffic apart. */
     void eth0(const std::string& earlier, const std::string& later) {
         dev("  eth0: " + earlier + "\n");
@@ -148,6 +180,30 @@ TEST(Avg, SmoothsTheRate) {
     EXPECT_EQ(0u, speed_ll);
 }
 
+TEST_F(Net, Beginnings) {
+    EXPECT_EQ(31536000, get_net_check_interval());
+    EXPECT_STREQ("Net monitoring: thread attribute initialization failed.", net.attr_message);
+    EXPECT_STREQ("Net monitoring: can not set thread stack size.", net.stack_message);
+}
+
+TEST_F(Net, FailuresToStartTheSampler) {
+    refuse_attributes = true;
+    EXPECT_EQ(0, start_sampler());
+    refuse_attributes = false;
+    refuse_stack = true;
+    EXPECT_EQ(0, start_sampler());
+    refuse_stack = false;
+    EXPECT_EQ("0 Net monitoring: thread attribute initialization failed.\n"
+              "0 Net monitoring: can not set thread stack size.\n",
+              take_log_text());
+    EXPECT_EQ(WORKER_STACK_SIZE, stack_size_asked);
+    refuse_thread = true;
+    EXPECT_EQ(0, start_sampler());
+    refuse_thread = false;
+    EXPECT_EQ("", take_log_text());
+    EXPECT_FALSE(sampler_running);
+}
+
 TEST_F(Net, ListsWhatIsUpAndRunningAndNoLoopback) {
     interfaces = {
         {"lo", RUNNING | IFF_LOOPBACK}, {"eth0", RUNNING}, {"eth0:1", RUNNING}, {"eth1", IFF_UP},
@@ -157,6 +213,15 @@ TEST_F(Net, ListsWhatIsUpAndRunningAndNoLoopback) {
               take_log_text());
     ASSERT_EQ(2, net_interface_list_len);
     EXPECT_STREQ("eth0", net_interface_list[0]->name);
+}
+
+/* With several addresses of one label the kernel lists an interface several times. */
+TEST_F(Net, InterfacesThatAreListedTwice) {
+    interfaces = {{"eth0", RUNNING}, {"eth1", RUNNING}, {"eth0", RUNNING}};
+    EXPECT_EQ("eth0\teth1\teth0\t", list());
+    ASSERT_EQ(2, net_interface_list_len);
+    EXPECT_STREQ("eth0", net_interface_list[0]->name);
+    EXPECT_STREQ("eth1", net_interface_list[1]->name);
 }
 
 TEST_F(Net, MoreThan64Interfaces) {
@@ -197,9 +262,17 @@ TEST_F(Net, FailuresOfTheList) {
     EXPECT_EQ("none", list());
     EXPECT_EQ(none, take_log_text());
     EXPECT_EQ(0, net_interface_list_len);
+    interfaces = {{"eth0", RUNNING}};
+    EXPECT_EQ("eth0\t", list());
+    take_log();
     list_fails = true;
     EXPECT_EQ("none", list());
     EXPECT_EQ("0 Net monitoring. get_adapter_list. ioctl SIOCGIFCONF failed.\n", take_log_text());
+    refuse_socket = true;
+    EXPECT_EQ("none", list());
+    refuse_socket = false;
+    EXPECT_EQ("0 Net monitoring. get_adapter_list. Socket creation failed.\n", take_log_text());
+    EXPECT_EQ(1, net_interface_list_len); /* what was known stays known */
 }
 
 TEST_F(Net, LayoutWithCompressed) {
@@ -226,7 +299,8 @@ TEST_F(Net, LayoutWithBytes) {
 }
 
 TEST_F(Net, LayoutOfPacketsOnly) {
-    const std::string heading = "Inter-|   Receive                  |  Transmit\n"
+    /* The first line does not matter. */
+    const std::string heading = "Inter-|   bytes compressed         |  Transmit\n"
                                 " face |packets errs drop fifo frame|packets errs drop fifo colls "
                                 "carrier\n";
     write("net/dev", heading + "  eth0:     100 10 1 1 1 200 20 1 1 1 1\n");
@@ -236,6 +310,37 @@ TEST_F(Net, LayoutOfPacketsOnly) {
     add(1, "eth0");
     udc_content r = check();
     EXPECT_EQ(record({0, 100, 3, 0, 100, 4}, 0, "", r), r);
+}
+
+/* What is behind the 511th character of a line is a line of its own. */
+TEST_F(Net, LongLines) {
+    for (int length : {510, 511, 512}) {
+        dev(std::string(static_cast<size_t>(length), 'x') + "eth0:" + std::to_string(length) +
+            " 1 1 0 0 0 0 0 1 1 1 0 0 0 0 0\n");
+        net_interface_list[0]->rx_bytes = 0;
+        sample_interfaces();
+        EXPECT_EQ(length == 510 ? 0u : static_cast<unsigned>(length),
+                  net_interface_list[0]->rx_bytes);
+    }
+}
+
+TEST_F(Net, LinesGoToTheFirstEntryThatFits) {
+    interfaces = {{"eth", RUNNING}};
+    list();
+    interfaces = {{"eth0", RUNNING}, {"eth", RUNNING}}; /* what is new comes last */
+    list();
+    dev("eth0: 300 1 1 0 0 0 0 0 1 1 1 0 0 0 0 0\n");
+    sample_interfaces();
+    ASSERT_EQ(2, net_interface_list_len);
+    EXPECT_EQ(300u, net_interface_list[0]->rx_bytes);
+    EXPECT_EQ(0u, net_interface_list[1]->rx_bytes);
+}
+
+TEST_F(Net, SamplesAreTenSecondsApart) {
+    no_waiting = true;
+    EXPECT_TRUE(wait_for_next_sample());
+    EXPECT_EQ(10, seconds_asked);
+    no_waiting = false;
 }
 
 TEST_F(Net, NamesAndCountersWithoutABlank) {
@@ -279,9 +384,16 @@ TEST_F(Net, MalformedFilesAreNoFault) {
 }
 
 TEST_F(Net, WithoutInterfacesNothingIsRead) {
+    dev("");
+    unique_fd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_LE(0, inotify_add_watch(watch.get(), (root + "/net/dev").c_str(), IN_OPEN));
+    inotify_event opened;
+    sample_interfaces();
+    EXPECT_EQ(static_cast<ssize_t>(sizeof opened), read(watch.get(), &opened, sizeof opened));
     interfaces.clear();
     get_adapter_list(nullptr, nullptr);
-    sample_interfaces(); /* there is no file */
+    sample_interfaces();
+    EXPECT_EQ(-1, read(watch.get(), &opened, sizeof opened));
 }
 
 TEST_F(Net, APassConsumesTheRates) {
@@ -303,6 +415,7 @@ TEST_F(Net, AdapterTexts) {
         rem_nettest(1);
         net_interface_list[0]->rx_bytes = 0;
         EXPECT_EQ(100u, r.ui32.at(3)) << adapter;
+        EXPECT_EQ(2u, r.ui32.at(9)); /* a limit of 1 is one */
     }
     take_log();
     add(1, "eth");
@@ -315,6 +428,7 @@ TEST_F(Net, AdapterTexts) {
               "5 INFO: do_net_check. Checking... tid:2, lid:9, adapter:''\n"
               "0 ERROR: do_net_check. No Interface with name ''\n",
               take_log_text());
+    EXPECT_EQ(5, wake_ups); /* checked they were, though */
 }
 
 TEST_F(Net, EveryLimit) {
@@ -407,6 +521,35 @@ TEST_F(Net, FirstResultsAreSentAtOnceAndOnlyThey) {
     EXPECT_EQ(1, wake_ups);
 }
 
+TEST_F(Net, WhatIsModifiedIsCheckedAndSentAnew) {
+    char other[] = "wlan0";
+    add(1, "eth0");
+    do_net_check();
+    take_records(get_net_results);
+    net_interface_list[1]->pi_tx_bytes = 7;
+    modify_nettest(1, 8, other, 0, 0, 7, 0, 0, 0);
+    udc_content r = check();
+    EXPECT_EQ((std::vector<uint32_t>{38, 1, 8, 0, 0, 0, 7, 0, 0, 2}), r.ui32);
+    EXPECT_EQ("Network adapter: wlan0 bytes sent: 7 / Max value: 7.\n", r.strings.at(0));
+    EXPECT_EQ(2, wake_ups);
+}
+
+TEST_F(Net, OnlyAnAddThatAddsWakesTheWorker) {
+    char adapter[] = "eth0";
+    unsigned wakes = net.wakes;
+    add_nettest(0, 9, adapter, 1, 1, 1, 1, 1, 1);
+    add_nettest(1, 9, nullptr, 1, 1, 1, 1, 1, 1);
+    EXPECT_EQ(wakes, net.wakes);
+    add_nettest(1, 9, adapter, 1, 1, 1, 1, 1, 1);
+    EXPECT_EQ(wakes + 1, net.wakes);
+    add_nettest(1, 9, adapter, 1, 1, 1, 1, 1, 1);
+    do_net_check();
+    rem_nettest(1);
+    rem_nettest(1);
+    EXPECT_EQ(wakes + 1, net.wakes);
+    EXPECT_EQ(1u, take_records(get_net_results).size()); /* the result outlives its test */
+}
+
 /* Real interfaces in a network namespace of its own. */
 TEST(RealNet, InterfacesThatGoUpAndDown) {
     if (geteuid() != 0) {
@@ -439,7 +582,24 @@ TEST(RealNet, InterfacesThatGoUpAndDown) {
  * stop ends the sampler amid its wait. */
 TEST_F(Net, ChangesDuringPassesAndSamples) {
     dev("eth0: 1 1 1 0 0 0 0 0 1 1 1 0 0 0 0 0\n");
+    auto all = interfaces;
+    interfaces = {{"lo", RUNNING | IFF_LOOPBACK}}; /* both threads start all the same */
+    no_waiting = true;
+    seconds_asked = 0;
     ASSERT_EQ(1, init_net_mon());
+    EXPECT_EQ("5 Net monitoring. get_adapter_list. Interface list: ''\n"
+              "0 Net monitoring. get_adapter_list. No interfaces with IFF_UP, IFF_RUNNING "
+              "and !IFF_LOOPBACK .\n",
+              take_log_text());
+    EXPECT_TRUE(sampler_running);
+    EXPECT_TRUE(eventually([] { return seconds_asked == 10; })); /* there was nothing to sample */
+    interfaces = all;
+    get_adapter_list(nullptr, nullptr);
+    EXPECT_TRUE(eventually([] {
+        lock hold(net_interface_list_mutex);
+        return net_interface_list[0]->rx_bytes == 1;
+    }));
+    no_waiting = false;
     std::atomic<bool> stop{false};
     std::thread changes([&] {
         char adapter[] = "eth0";

@@ -1,11 +1,13 @@
 /* The guard in front of the shell, and the running of a query. */
-#include "remote_query.h"
+#include "remote_query.cpp"
 
-#include <csignal>
+#include "checker_place.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/wait.h>
 
 namespace {
 std::string query(const char* format, const char* host) {
@@ -73,6 +75,22 @@ TEST(RemoteQuery, LongOutputIsCutAndTheCommandStillEnds) {
     heap_text output = query_remote_host("head -c 300000 /dev/zero | tr '\\0' %s", "z");
     ASSERT_TRUE(output);
     EXPECT_EQ(std::string(64 * 1024, 'z'), output.get());
+}
+
+/* What it had printed by then counts. */
+TEST(RemoteQuery, ACommandThatDoesNotEndIsEnded) {
+    query_limit_s = 1;
+    EXPECT_EQ("h\n", query("echo %s; sleep 600", "h"));
+    EXPECT_EQ(OUTPUT_LIMIT, query("yes %s", "h").size());
+    query_limit_s = 60;
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)); /* no child is left */
+    EXPECT_EQ(ECHILD, errno);
+}
+
+TEST(RemoteQuery, WithoutAPipeThereIsNone) {
+    EXPECT_EQ("h\n", query("echo %s", "h"));
+    descriptors_left one(1);
+    EXPECT_EQ("(none)", query("echo %s", "h"));
 }
 
 TEST(RemoteQuery, CommandsGetCleanSignals) {

@@ -31,9 +31,14 @@ static int test_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const 
 
 /* "slow.name" is answered when the test says so, every other name with an address nobody is at. */
 static std::counting_semaphore<> may_answer(0);
+static std::string port_asked_for;
 
 static int test_getaddrinfo(const char* host, const char* port, const addrinfo* hints,
                             addrinfo** list) {
+    if (strcmp(host, "no.name") == 0) {
+        port_asked_for = port;
+        return EAI_NONAME;
+    }
     if (strcmp(host, "slow.name") != 0 || (hints->ai_flags & AI_NUMERICHOST)) {
         return getaddrinfo(host, port, hints, list);
     }
@@ -98,6 +103,8 @@ protected:
         lib_adler32 = adler32_;
         lib_SSL_CTX_new = ctx_new_;
         lib_SSL_new = new_;
+        lib_SSL_connect = connect_;
+        lib_SSL_get_error = get_error_;
         lib_SSL_write = write_;
         lib_SSL_shutdown = shutdown_;
         lib_SSL_free = free_;
@@ -135,6 +142,7 @@ protected:
         outcome all = poll_server(server.port(), data);
         EXPECT_TRUE(server.await_end());
         EXPECT_EQ(1, server.clean_client_ends());
+        EXPECT_EQ(0, server.naming_clients());
         request_ = server.request(0);
         return all;
     }
@@ -157,6 +165,8 @@ private:
     decltype(lib_adler32) adler32_ = lib_adler32;
     decltype(lib_SSL_CTX_new) ctx_new_ = lib_SSL_CTX_new;
     decltype(lib_SSL_new) new_ = lib_SSL_new;
+    decltype(lib_SSL_connect) connect_ = lib_SSL_connect;
+    decltype(lib_SSL_get_error) get_error_ = lib_SSL_get_error;
     decltype(lib_SSL_write) write_ = lib_SSL_write;
     decltype(lib_SSL_shutdown) shutdown_ = lib_SSL_shutdown;
     decltype(lib_SSL_free) free_ = lib_SSL_free;
@@ -214,6 +224,18 @@ TEST_F(poll_exchange, defaults_of_host_path_and_version) {
               "Vnd-EMail: someone@example.com\r\nVnd-AName: the agent\r\n"
               "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n",
               request_);
+}
+
+TEST_F(poll_exchange, default_port) {
+    static char nowhere[] = "no.name";
+    alt_server = nowhere;
+    char* text = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(2, make_poll(nullptr, 0, &text, &size));
+    EXPECT_EQ("443", port_asked_for);
+    EXPECT_EQ("0 Host: no.name Error: Name or service not known\n"
+              "0 ERROR: make_poll: make_connection() failed\n",
+              take_log_text());
 }
 
 /* --- the first poll -------------------------------------------------------------------------- */
@@ -473,6 +495,12 @@ TEST_F(poll_exchange, the_log_of_a_poll) {
     std::string response = with_body("ok");
     EXPECT_OUTCOME(1, "ok", 2, answered(response, "results"));
     std::vector<logged_line> log = take_log();
+    int left = 0;
+    ASSERT_FALSE(log.empty());
+    ASSERT_EQ(1, sscanf(log[0].text.c_str(),
+                        "INFO: make_poll: Connected, time spent:\t%*f time left:\t%d", &left));
+    EXPECT_LE(left, 15000000);
+    EXPECT_GT(left, 14000000);
     for (logged_line& line : log) {
         mask(line.text, "spent:\t", "0.123", "S");
         mask(line.text, "left:\t", "14999999", "L");
@@ -542,6 +570,24 @@ TEST_F(poll_exchange, a_server_that_hangs_up_in_the_handshake) {
     std::vector<logged_line> log = take_log();
     EXPECT_TRUE(
         log.back().text.starts_with("ERROR: make_poll: Cannot make SSL connection. error:"));
+}
+
+TEST_F(poll_exchange, a_handshake_that_was_shut_down) {
+    lib_SSL_connect = [](SSL*) { return 0; };
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_OUTCOME(4, "-", 0, poll_server(server.port()));
+    EXPECT_TRUE(
+        take_log().back().text.starts_with("ERROR: make_poll: Cannot make SSL connection. error:"));
+}
+
+TEST_F(poll_exchange, a_handshake_that_waits_to_write) {
+    static int tries;
+    tries = 0;
+    lib_SSL_connect = [](SSL* ssl) { return tries++ == 0 ? -1 : SSL_connect(ssl); };
+    lib_SSL_get_error = [](const SSL* ssl, int result) {
+        return tries == 1 ? SSL_ERROR_WANT_WRITE : SSL_get_error(ssl, result);
+    };
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
 }
 
 /* Without a message, and without spinning until then. */

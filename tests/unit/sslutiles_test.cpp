@@ -3,6 +3,7 @@
 #include "libsslloader.h"
 #include "resolve.h"
 #include "tls_peer.h"
+#include "vindral_common.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -26,8 +27,12 @@
 static int failing_fcntl = -1; /* the command that fails */
 static int getsockopt_error = 0;
 static int ppoll_error = 0;
-static bool ppoll_lies = false; /* reports readiness that is not there */
-static int read_error = 0;      /* for every read */
+static bool ppoll_lies = false;      /* reports readiness that is not there */
+static bool ppoll_times_out = false; /* at once, whatever the budget */
+static int read_error = 0;           /* for every read */
+static int send_error = 0;
+static int send_calls = 0;
+static bool time_stands_still = false;
 static std::atomic<int> ppoll_calls = 0;
 static int read_calls = 0;
 static std::function<int(addrinfo**)> fake_resolver;
@@ -54,6 +59,9 @@ static int test_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const 
         errno = ppoll_error;
         return -1;
     }
+    if (ppoll_times_out) {
+        return 0;
+    }
     return ppoll_lies && count > 0 ? 1 : ppoll(fds, count, timeout, mask);
 }
 
@@ -66,8 +74,25 @@ static ssize_t test_read(int fd, void* room, size_t size) {
     return read(fd, room, size);
 }
 
+static ssize_t test_send(int fd, const void* data, size_t size, int flags) {
+    send_calls++;
+    if (send_error != 0) {
+        errno = send_error;
+        return -1;
+    }
+    return send(fd, data, size, flags);
+}
+
+static long test_timevaldiff(timeval* start, timeval* end) {
+    return time_stands_still ? 0 : get_timevaldiff(start, end);
+}
+
 static int test_resolve_host(const char* host, const char* port, const addrinfo* hints,
                              addrinfo** list) {
+    EXPECT_EQ(AF_INET, hints->ai_family);
+    EXPECT_EQ(SOCK_STREAM, hints->ai_socktype);
+    EXPECT_EQ(0, hints->ai_flags);
+    EXPECT_EQ(0, hints->ai_protocol);
     return fake_resolver ? fake_resolver(list) : resolve_host(host, port, hints, list);
 }
 
@@ -75,6 +100,8 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #define getsockopt test_getsockopt
 #define ppoll test_ppoll
 #define read test_read
+#define send test_send
+#define get_timevaldiff test_timevaldiff
 #define resolve_host test_resolve_host
 #define freeaddrinfo(list)                                                                         \
     if (!fake_resolver) {                                                                          \
@@ -85,6 +112,8 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
 #undef getsockopt
 #undef ppoll
 #undef read
+#undef send
+#undef get_timevaldiff
 #undef resolve_host
 #undef freeaddrinfo
 
@@ -115,8 +144,8 @@ protected:
     }
     void TearDown() override {
         failing_fcntl = -1;
-        getsockopt_error = ppoll_error = read_error = 0;
-        ppoll_lies = false;
+        getsockopt_error = ppoll_error = read_error = send_error = 0;
+        ppoll_lies = ppoll_times_out = time_stands_still = false;
         fake_resolver = nullptr;
         EXPECT_EQ("", take_log_text());
         EXPECT_EQ(descriptors_, count_descriptors());
@@ -282,6 +311,22 @@ TEST_F(connection, an_error_at_once) {
     EXPECT_EQ("0 Error connecting 2 - No such file or directory\n", take_log_text());
 }
 
+TEST_F(connection, connected_at_once) {
+    std::vector<address_entry> entries = {address_entry(AF_UNIX, sizeof(sockaddr_un))};
+    std::string path = testing::TempDir() + "at_once." + std::to_string(getpid());
+    strcpy(reinterpret_cast<sockaddr_un*>(&entries[0].address)->sun_path, path.c_str());
+    resolve_to(entries);
+    unique_fd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&entries[0].address),
+                      sizeof(sockaddr_un)));
+    ASSERT_EQ(0, listen(listener.get(), 1));
+    ppoll_calls = 0;
+    unique_fd sk(connect_to("443"));
+    EXPECT_TRUE(sk);
+    EXPECT_EQ(0, ppoll_calls);
+    unlink(path.c_str());
+}
+
 TEST_F(connection, refused) {
     long budget = SECOND;
     EXPECT_EQ(-1, make_connection("127.0.0.1", closed_port().c_str(), &budget));
@@ -310,6 +355,13 @@ TEST_F(connection, no_answer_within_the_budget) {
     EXPECT_EQ(-1, make_connection("127.0.0.1", server.port(), &budget));
     EXPECT_EQ("0 Connection to host: \"127.0.0.1\" timed out after 0 seconds\n", take_log_text());
     EXPECT_LT(budget, 1);
+}
+
+TEST_F(connection, a_time_out_names_the_budget_at_entry) {
+    full_listener server;
+    ppoll_times_out = true;
+    EXPECT_EQ(-1, connect_to(server.port(), 15 * SECOND + 999999));
+    EXPECT_EQ("0 Connection to host: \"127.0.0.1\" timed out after 15 seconds\n", take_log_text());
 }
 
 TEST_F(connection, a_negative_budget_times_out_at_once) {
@@ -347,6 +399,10 @@ TEST_F(connection, wait_socket_leaves_nothing_of_the_budget_after_a_time_out) {
         EXPECT_EQ(0, wait_socket(pair.ours.get(), POLLIN, &budget));
         EXPECT_LE(budget, 0);
     }
+    long budget = SECOND;
+    ppoll_times_out = true;
+    EXPECT_EQ(0, wait_socket(pair.ours.get(), POLLIN, &budget));
+    EXPECT_EQ(0, budget);
 }
 
 /* --- sending --------------------------------------------------------------------------------- */
@@ -429,12 +485,30 @@ TEST_F(connection, a_budget_that_ends_with_the_send_is_a_failure_although_the_by
     EXPECT_EQ(1, read(pair.theirs.get(), &c, 1));
 }
 
+TEST_F(connection, a_microsecond_left_is_enough) {
+    time_stands_still = true;
+    socket_pair pair;
+    EXPECT_EQ(0, send_text(pair.ours.get(), "x", 0));
+    EXPECT_EQ("0 send_request: send: timed out.\n", take_log_text());
+    EXPECT_EQ(1, send_text(pair.ours.get(), "x", 1));
+}
+
 TEST_F(connection, sending_to_somebody_who_has_gone_fails_without_a_word_or_a_signal) {
     socket_pair pair;
     pair.theirs.reset();
     signal(SIGPIPE, SIG_DFL);
     EXPECT_EQ(0, send_text(pair.ours.get(), "x"));
     signal(SIGPIPE, SIG_IGN);
+}
+
+TEST_F(connection, any_other_error_ends_a_send_without_a_word) {
+    socket_pair pair;
+    for (int error : {EINTR, ENOBUFS, ECONNRESET}) {
+        send_error = error;
+        send_calls = 0;
+        EXPECT_EQ(0, send_text(pair.ours.get(), "x"));
+        EXPECT_EQ(1, send_calls);
+    }
 }
 
 TEST_F(connection, an_interrupted_wait_does_not_end_a_send) {
@@ -580,6 +654,16 @@ TEST_F(fake_tls, a_write_that_ends_after_the_budget_is_judged_by_its_result) {
         EXPECT_EQ(result > 1, send_text(pair.ours.get(), "xy", 0, fake_session));
         EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
     }
+}
+
+TEST_F(fake_tls, a_microsecond_left_is_enough) {
+    time_stands_still = true;
+    socket_pair pair;
+    tls_script = {{7, 0}};
+    EXPECT_EQ(1, send_text(pair.ours.get(), "request", 0, fake_session));
+    EXPECT_EQ("0 send_request: takes too long time, timing out.\n", take_log_text());
+    EXPECT_EQ(1, send_text(pair.ours.get(), "request", 1, fake_session));
+    EXPECT_EQ("1 send_request: SSL_write: retV = 7 ret = 7\n", take_log_text());
 }
 
 TEST_F(fake_tls, send_errors_and_their_levels) {
@@ -844,6 +928,21 @@ TEST_F(connection, a_budget_that_ends_with_a_read_drops_what_was_read) {
     EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
 }
 
+TEST_F(connection, a_microsecond_left_is_enough_for_a_read) {
+    time_stands_still = true;
+    EXPECT_EQ(0, receive_pieces({hello}, false, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+    EXPECT_EQ(1, receive_pieces({hello}, false, 1).result);
+}
+
+TEST_F(connection, a_budget_that_ends_with_a_read_counts_before_its_outcome) {
+    EXPECT_EQ(0, receive_pieces({}, true, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+    ppoll_lies = true;
+    EXPECT_EQ(0, receive_pieces({}, false, 0).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
+}
+
 TEST_F(connection, the_transient_read_errors_end_the_exchange) {
     ppoll_lies = true;
     EXPECT_EQ(0, receive_pieces({}, false).result);
@@ -986,6 +1085,14 @@ TEST_F(fake_tls, the_session_that_ended_completes_the_response) {
         EXPECT_EQ(size_of(hello_head), r.header_size);
         EXPECT_EQ(5, r.content_length);
     }
+}
+
+TEST_F(fake_tls, a_session_that_ends_after_the_budget_completes_nothing) {
+    socket_pair pair;
+    EXPECT_EQ(1, write(pair.theirs.get(), "x", 1));
+    tls_script = {{0, SSL_ERROR_ZERO_RETURN}};
+    EXPECT_EQ(0, receive_from(pair.ours.get(), 0, fake_session).result);
+    EXPECT_EQ("0 ERROR: receive_response: SSL_read: Connection timed out.\n", take_log_text());
 }
 
 TEST_F(fake_tls, any_other_error_fails_with_its_text) {

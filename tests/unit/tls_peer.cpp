@@ -135,6 +135,11 @@ int tls_peer::clean_client_ends() {
     return clean_ends_;
 }
 
+int tls_peer::naming_clients() {
+    std::lock_guard hold(mutex_);
+    return naming_clients_;
+}
+
 /* False when the test is over. */
 bool tls_peer::wait_for(int fd, short events) {
     pollfd waited[] = {{fd, events, 0}, {stop_pipe_[0], POLLIN, 0}};
@@ -220,6 +225,8 @@ bool tls_peer::shake_hands(link& l) {
     for (;;) {
         int done = SSL_accept(l.session);
         if (done == 1) {
+            std::lock_guard hold(mutex_);
+            naming_clients_ += SSL_get_servername(l.session, TLSEXT_NAMETYPE_host_name) != nullptr;
             return true;
         }
         short awaited = awaited_by(l.session, done);

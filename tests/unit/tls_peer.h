@@ -85,6 +85,9 @@ public:
     /* How many connections the client ended with TLS' closing alert, as take_rest() saw it. */
     int clean_client_ends();
 
+    /* How many clients named the server in the handshake. */
+    int naming_clients();
+
 private:
     struct link;
     void serve();
@@ -105,7 +108,7 @@ private:
     int stop_pipe_[2];
     std::mutex mutex_;
     std::condition_variable changed_;
-    int connections_ = 0, pauses_ = 0, permits_ = 0, clean_ends_ = 0;
+    int connections_ = 0, pauses_ = 0, permits_ = 0, clean_ends_ = 0, naming_clients_ = 0;
     bool stopping_ = false, played_ = false;
     std::vector<std::string> requests_;
     std::thread thread_;

@@ -156,6 +156,16 @@ static std::string plain_record(uint32_t ui32_values) {
     return header(32 + 4 * ui32_values, 0, ui32_values, 0, 0, 0, 0, 0) + values;
 }
 
+/* The fields stand in the order of the header's description, the pointers first. */
+static_assert(offsetof(UDCW, udc) == 0 && offsetof(UDCW, pi32) == 8 &&
+              offsetof(UDCW, pui32) == 16 && offsetof(UDCW, pi64) == 24 &&
+              offsetof(UDCW, pui64) == 32 && offsetof(UDCW, pd64) == 40 &&
+              offsetof(UDCW, pudc) == 48 && offsetof(UDCW, i32_index) == 56 &&
+              offsetof(UDCW, ui32_index) == 60 && offsetof(UDCW, i64_index) == 64 &&
+              offsetof(UDCW, ui64_index) == 68 && offsetof(UDCW, d64_index) == 72 &&
+              offsetof(UDCW, sarr_index) == 76 && offsetof(UDCW, pudc_index) == 80 &&
+              offsetof(UDCW, pStrArr) == 88);
+
 /* Creation */
 
 TEST(create_new_udcw, sizes_the_record_from_its_counts_and_a_string_adds_its_length) {

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string>
 
+static const time_t no_update_yet = last_update_time;
+
 /* What the commands reach, recorded as text. */
 static std::string calls;
 
@@ -141,7 +143,8 @@ TEST(Commands, PollInterval) {
     EXPECT_EQ("", run("POL\t1\t30\t1"));
     EXPECT_EQ("", run("POL"));
     EXPECT_EQ("POL 12\n", run("POL\t\t12xyz"));
-    EXPECT_EQ("POL 30\n", run("POL\t0\t30\r\n")); /* the carriage return stays in the last field */
+    EXPECT_EQ("POL 30\n", run("POL\t0\t30\r\n"));
+    EXPECT_EQ("", run("POL\t1\t4294967296")); /* 0 in 32 bits */
 }
 
 TEST(Commands, CheckInterval) {
@@ -149,6 +152,13 @@ TEST(Commands, CheckInterval) {
     EXPECT_EQ("CHK 5\n", run("CHK\t1\t5"));
     EXPECT_EQ("CHK -1\n", run("CHK\t1\t-1"));
     EXPECT_EQ("", run("CHK\t5"));
+    EXPECT_EQ("", run("CHK\t1\t5\t1"));
+    EXPECT_EQ("", take_log_text());
+}
+
+TEST(Commands, NumbersAreDecimal) {
+    EXPECT_EQ("add_lda 10 0 8 -3 1 (none)\n", run("LAA\t010\t0x10\t 08\t-3.9\t1e9"));
+    EXPECT_EQ("add_diskdesc 10 0 / -1 1e+09 -3.5\n", run("DKA\t010\tx\t/\t1e9\t-3.5GB"));
 }
 
 TEST(Commands, LoadAverage) {
@@ -288,6 +298,16 @@ TEST(Commands, UnknownCodesAreLogged) {
     EXPECT_EQ("0 ERROR: Invalid test string received: %s%n\n", take_log_text());
 }
 
+/* It stays in the last field, and in a code that stands alone. */
+TEST(Commands, ACarriageReturnIsNoPartOfTheLineEnd) {
+    take_log();
+    EXPECT_EQ("add_lda 7 3 1 2 4 h\r\n", run("LAA\t7\t3\t1\t2\t4\th\r\n"));
+    EXPECT_EQ("", run("\r\nXYZ\r\n"));
+    EXPECT_EQ("0 ERROR: Invalid test string received: \r\n"
+              "0 ERROR: Invalid test string received: XYZ\r\n",
+              take_log_text());
+}
+
 TEST(Commands, LinesOfAReply) {
     take_log();
     EXPECT_EQ("POL 1\nadd_lda 1 1 1 1 1 (none)\nrem_lda 1\n",
@@ -371,8 +391,11 @@ TEST_F(Updater, RunsTheUpdaterWithItsArguments) {
 
 TEST_F(Updater, ASecondRequestWithinTenMinutesIsIgnored) {
     script("echo \"$@\" >> " + home_text + "/said");
+    EXPECT_EQ(0, no_update_yet); /* the first request always runs */
+    time_t before = time(nullptr);
     run("UPD\ta\tb\tc");
-    EXPECT_NE(0, last_update_time);
+    EXPECT_LE(before, last_update_time);
+    EXPECT_GE(time(nullptr), last_update_time);
     take_log();
     run("UPD\ta\tb\td");
     EXPECT_EQ("", take_log_text());

@@ -201,6 +201,8 @@ TEST(crackURL, default_port_goes_by_how_the_scheme_starts_in_lower_case) {
     EXPECT_EQ(cracked("httpx://srv/"), "srv / 80");
     EXPECT_EQ(cracked("httpsx://srv/"), "srv / 443");
     EXPECT_EQ(cracked("HTTP://srv/"), "srv / unset");
+    EXPECT_EQ(cracked("HTTPS://srv/"), "srv / unset");
+    EXPECT_EQ(cracked("httpS://srv/"), "srv / 80");
     EXPECT_EQ(cracked("ftp://srv/"), "srv / unset");
     EXPECT_EQ(cracked("ftp://srv:21/"), "srv / 21");
 }

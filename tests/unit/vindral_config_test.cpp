@@ -263,13 +263,17 @@ TEST_F(settings, the_first_of_two_lines_wins_except_for_level_version_and_urls) 
     EXPECT_EQ(
         read("LOGFILE one\nLOGFILE two\nAPIKEY one\nAPIKEY two\nSECRETKEY one\nSECRETKEY two\n"
              "VERSION 1\nVERSION 2\nLOGLEVEL 4\nLOGLEVEL 5\n"
-             "USEHOST http://one:1/1\nUSEHOST ftp://two/2\n"),
+             "USEHOST http://one:1/1\nUSEHOST ftp://two/2\n"
+             "APIHOST http://one:1/1\nAPIHOST http://two:2/2\n"
+             "DATAHOST http://one:1/1\nDATAHOST http://two:2/2\n"),
         0);
     EXPECT_EQ(shown(log_file) + shown(api_key) + shown(secret_key), "oneoneone");
     EXPECT_EQ(shown(szVersion), "2");
     EXPECT_EQ(log_level, 5);
     EXPECT_EQ(shown(alt_server) + shown(alt_url), "two/2");
     EXPECT_EQ(alt_port, nullptr) << "no port is known for this scheme, so the default holds";
+    EXPECT_EQ(shown(api_server) + shown(api_port) + shown(api_url), "two2/2");
+    EXPECT_EQ(shown(data_server) + shown(data_port) + shown(data_url), "two2/2");
 }
 
 TEST_F(settings, a_url_that_cannot_be_split_changes_nothing) {
@@ -298,10 +302,11 @@ TEST_F(settings, the_value_keeps_inner_blanks_and_loses_trailing_ones) {
 }
 
 TEST_F(settings, unknown_keys_are_reported) {
-    EXPECT_EQ(read("Logfile x y\nLOGFILES z\nKEY=v\n"), 0);
+    EXPECT_EQ(read("Logfile x y\nLOGFILES z\nKEY=v\nLOGFILE2 w\n"), 0);
     EXPECT_EQ(printed, "\nInvalid entry in configuration file:\nKey:\tLogfile\nVal:\tx y\n"
                        "\nInvalid entry in configuration file:\nKey:\tLOGFILES\nVal:\tz\n"
-                       "\nInvalid entry in configuration file:\nKey:\tKEY\nVal:\t=v\n");
+                       "\nInvalid entry in configuration file:\nKey:\tKEY\nVal:\t=v\n"
+                       "\nInvalid entry in configuration file:\nKey:\tLOGFILE2\nVal:\tw\n");
 }
 
 TEST_F(settings, level_reads_as_a_decimal_number) {
@@ -406,6 +411,24 @@ TEST_F(settings, a_name_is_made_of_host_and_time) {
     if (strlen(host) < 64) {
         EXPECT_EQ(std::string(agent_name).substr(0, std::string(agent_name).rfind('@')), host);
     }
+}
+
+TEST_F(settings, the_time_in_a_name_is_utc) {
+    std::ofstream(path) << "USEREMAIL me\n";
+    time_t start = time(nullptr);
+    std::string name = name_made_after([] {
+        setenv("TZ", "XXX-05:30", 1);
+        tzset();
+        return true;
+    });
+    EXPECT_TRUE(ends_in_time(name, start)) << name;
+}
+
+TEST_F(settings, an_empty_name_wins_over_the_file_and_one_is_made_all_the_same) {
+    time_t start = time(nullptr);
+    EXPECT_EQ(parse({"-A", ""}), 1);
+    EXPECT_EQ(read(COMPLETE), 1);
+    EXPECT_TRUE(ends_in_time(agent_name, start)) << agent_name;
 }
 
 TEST_F(settings, a_host_that_cannot_be_named_is_unknown) {

@@ -144,14 +144,20 @@ static std::string link_target(const std::string& name) {
     return fs::read_symlink(name, error).string();
 }
 
-/* Holder of the lock on `path`, 0 for none. */
+/* Holder of the lock on `path`, 0 for none; the lock has to cover the whole file. */
 static pid_t lock_holder(const std::string& path) {
     struct flock range = {};
     range.l_type = F_WRLCK;
     range.l_whence = SEEK_SET;
     unique_fd file(open(path.c_str(), O_RDWR));
     EXPECT_EQ(fcntl(file.get(), F_GETLK, &range), 0);
-    return range.l_type == F_UNLCK ? 0 : range.l_pid;
+    if (range.l_type == F_UNLCK) {
+        return 0;
+    }
+    EXPECT_EQ(range.l_type, F_WRLCK);
+    EXPECT_EQ(range.l_start, 0);
+    EXPECT_EQ(range.l_len, 0);
+    return range.l_pid;
 }
 
 /* Everything that makes a daemon of it, one "name value" per line. */
@@ -270,6 +276,7 @@ TEST_F(daemon_start, a_failed_fork) {
 }
 
 TEST_F(daemon_start, a_second_daemon_ends_and_the_first_keeps_the_lock) {
+    std::ofstream(path) << "12345\n"; /* what has been read does not shift the lock */
     int go_on[2];
     ASSERT_EQ(pipe(go_on), 0);
     auto first_holds_on = [&](int report) {
@@ -332,6 +339,13 @@ TEST_F(daemon_start, a_second_daemon_ends_and_the_first_keeps_the_lock) {
     EXPECT_EQ(WEXITSTATUS(status), CAME_UP);
     EXPECT_EQ(lock_holder(path), 0);
     EXPECT_EQ(start().daemon_status, CAME_UP) << "the lock is free again";
+}
+
+TEST_F(daemon_start, a_lock_held_by_a_process_that_cannot_be_seen) {
+    for (int error : {EACCES, EAGAIN}) {
+        expect_failure_in_child("PID File \"" + path + "\", 0.",
+                                [&] { return refuse_syscall(SYS_fcntl, error, 1, F_SETLK); });
+    }
 }
 
 TEST_F(daemon_start, a_lock_that_fails_otherwise) {

@@ -1,4 +1,37 @@
+#include "vindral_log.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+/* Failures of the thread library and of memory, on demand, and how long the main thread slept. */
+static bool refuse_attributes, refuse_stack, refuse_thread, refuse_memory;
+static size_t created_with_stack; /* of the thread created last */
+static size_t stack_of(const pthread_attr_t* attributes) {
+    size_t size = 0;
+    pthread_attr_getstacksize(attributes, &size);
+    return size;
+}
+static thread_local time_t slept_s;
+static int counted_nanosleep(const timespec* time, timespec* left) {
+    slept_s += time->tv_sec;
+    return nanosleep(time, left);
+}
+#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
+#define pthread_attr_setstacksize(a, size)                                                         \
+    (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
+#define pthread_create(t, a, f, x)                                                                 \
+    (created_with_stack = stack_of(a), refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
+#define malloc(size) (refuse_memory ? nullptr : malloc(size))
+#define realloc(block, size) (refuse_memory ? nullptr : realloc(block, size))
+#define nanosleep counted_nanosleep
 #include "vindral_log.cpp"
+#undef pthread_attr_init
+#undef pthread_attr_setstacksize
+#undef pthread_create
+#undef malloc
+#undef realloc
+#undef nanosleep
 
 #include <gtest/gtest.h>
 
@@ -132,6 +165,32 @@ TEST_F(log_before_start, a_file_that_cannot_be_opened_ends_the_start) {
     EXPECT_EQ(m_logFile, nullptr);
 }
 
+TEST_F(log_before_start, a_writer_that_cannot_be_started_ends_the_start) {
+    auto start = [] {
+        std::string printed = captured([] { EXPECT_EQ(init_log_file(), 0); });
+        refuse_attributes = refuse_stack = refuse_thread = false;
+        EXPECT_EQ(log_writer_thread_id, 0U);
+        EXPECT_EQ(m_logFile, nullptr);
+        return printed;
+    };
+    log_level = 0;
+    refuse_attributes = true;
+    EXPECT_EQ(start(), "\nPthread attribute initialization failed.\n");
+    refuse_stack = true;
+    EXPECT_EQ(start(), "\nCan not set log writer thread stack size.\n");
+    refuse_thread = true;
+    EXPECT_EQ(start(), "");
+    EXPECT_EQ(created_with_stack, WORKER_STACK_SIZE);
+}
+
+TEST_F(log_before_start, a_worker_has_32768_bytes_of_stack) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizers use stack of their own";
+#else
+    EXPECT_EQ(WORKER_STACK_SIZE, 32768U);
+#endif
+}
+
 TEST_F(log_before_start, shutdown_without_a_start_is_harmless) {
     EXPECT_EQ(shutdown_log_writer(), 1);
 }
@@ -179,6 +238,26 @@ TEST_F(log_open, a_line_that_cannot_be_formatted_is_lost) {
     wchar_t no_character[] = {static_cast<wchar_t>(0xD800), 0};
     leveledadd2log(-1, "%ls", no_character);
     EXPECT_EQ(log(), "");
+}
+
+TEST_F(log_open, without_memory_a_line_is_lost_and_the_log_goes_on) {
+    leveledadd2log(1, "waiting");
+    refuse_memory = true;
+    leveledadd2log(-1, "%s", std::string(100, 'x').c_str());
+    leveledadd2log(1, "no room in the queue");
+    leveledadd2log(-1, "short");
+    refuse_memory = false;
+    leveledadd2log(-1, "later");
+    EXPECT_EQ(log(), "[19/10/2011:23:04:05]\twaiting\n[19/10/2011:23:04:05]\tshort\n"
+                     "[19/10/2011:23:04:05]\tlater\n");
+}
+
+TEST_F(log_open, a_line_added_directly_has_no_level) {
+    log_level = -1;
+    add2logfile("queued", 0);
+    EXPECT_EQ(queued(), 1);
+    add2logfile("at once %d", 7);
+    EXPECT_EQ(log(), "[19/10/2011:23:04:05]\tqueued\n[19/10/2011:23:04:05]\tat once %d\n");
 }
 
 TEST_F(log_open, null_text_is_nothing) {
@@ -477,14 +556,17 @@ static std::vector<std::string> all_lines(const std::string& directory) {
  * every line arrives once and whole, those logged last included. */
 TEST_F(log_before_start, from_start_to_shutdown_no_line_is_lost) {
     static const int THREADS = 4, LINES = 400;
+    std::ofstream(path) << "[18/10/2011:00:00:00]\tof an earlier start\n";
     ASSERT_EQ(init_log_file(), 1);
     EXPECT_NE(log_writer_thread_id, 0U);
 
     leveledadd2log(1, "queued");
-    for (int i = 0; i < 2000 && log().empty(); i++) {
+    const std::string first_lines =
+        "[18/10/2011:00:00:00]\tof an earlier start\n[19/10/2011:23:04:05]\tqueued\n";
+    for (int i = 0; i < 2000 && log() != first_lines; i++) {
         usleep(5000);
     }
-    EXPECT_EQ(log(), "[19/10/2011:23:04:05]\tqueued\n");
+    EXPECT_EQ(log(), first_lines);
 
     std::vector<std::thread> threads;
     for (int t = 0; t < THREADS; t++) {
@@ -502,7 +584,9 @@ TEST_F(log_before_start, from_start_to_shutdown_no_line_is_lost) {
         thread.join();
     }
     leveledadd2log(1, "last");
+    slept_s = 0;
     EXPECT_EQ(shutdown_log_writer(), 1);
+    EXPECT_EQ(slept_s, 2) << "the time in which other threads may come to their last lines";
     EXPECT_EQ(m_logFile, nullptr);
     EXPECT_EQ(captured([] {
                   leveledadd2log(-1, "dropped");
@@ -511,7 +595,7 @@ TEST_F(log_before_start, from_start_to_shutdown_no_line_is_lost) {
               "");
     EXPECT_EQ(queued(), 0);
 
-    std::vector<std::string> expected = {"queued", "last"};
+    std::vector<std::string> expected = {"of an earlier start", "queued", "last"};
     for (int t = 0; t < THREADS; t++) {
         for (int i = 0; i < LINES; i++) {
             expected.push_back("line " + std::to_string(i) + " of " + std::to_string(t));

@@ -1,7 +1,6 @@
 /* The poll loop against a scripted exchange: what is sent, what is kept, what is logged. */
-#include "vindral_poll.cpp"
-
 #include "fake_core.h"
+#include "guards.h"
 
 #include <atomic>
 #include <deque>
@@ -9,6 +8,30 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
+
+/* Every wait of the loop: the seconds it is for, and how it ended (0 by a signal). */
+struct loop_wait {
+    long seconds;
+    long nanoseconds; /* of the deadline */
+    int ended;
+};
+static std::vector<loop_wait> waits;
+static bool time_flies = false; /* waits end by time as soon as they have begun */
+
+static int recorded_wait(condition& c, mutex& m, const timespec& deadline) REQUIRES(m) {
+    waits.push_back({deadline.tv_sec - now_in_seconds(), deadline.tv_nsec, -1});
+    int ended = condition_wait_until(c, m, time_flies ? deadline_in(0) : deadline);
+    waits.back().ended = ended;
+    return ended;
+}
+
+#define condition_wait_until recorded_wait
+#include "vindral_poll.cpp"
+#undef condition_wait_until
+
+static const int authorized_at_start = isAuthorized;
+static const int interval_at_start = get_poll_interval();
 
 namespace {
 
@@ -31,6 +54,7 @@ std::atomic<int> disk_tests{0};
 
 int make_poll(const char* data, unsigned long size, char** reply, size_t* length) {
     std::lock_guard hold(script_mutex);
+    EXPECT_EQ(data == nullptr, size == 0);
     sent.push_back(data == nullptr ? "(none)" : std::string(data, size));
     *reply = nullptr;
     *length = 0;
@@ -50,6 +74,10 @@ int make_poll(const char* data, unsigned long size, char** reply, size_t* length
 
 void parse_data(char* sdata) {
     commands += std::string(sdata) + "|";
+    leveledadd2log(9, "parse_data");
+    if (int seconds = atoi(sdata)) {
+        set_poll_interval(seconds);
+    }
 }
 
 static int has_results(char** buffer, int* size) {
@@ -102,6 +130,8 @@ protected:
         sent.clear();
         commands.clear();
         checker_results.clear();
+        waits.clear();
+        time_flies = false;
         isAuthorized = 0;
         free_cache_copy();
         set_poll_interval(60);
@@ -122,6 +152,16 @@ protected:
         ended = true;
         waker.join();
     }
+
+    /* The second may have turned between the two looks at the clock. */
+    static void expect_waits(const std::vector<long>& seconds) {
+        ASSERT_EQ(seconds.size(), waits.size());
+        for (size_t i = 0; i < seconds.size(); i++) {
+            EXPECT_LE(waits[i].seconds, seconds[i]) << i;
+            EXPECT_GE(waits[i].seconds, seconds[i] - 1) << i;
+            EXPECT_EQ(0, waits[i].nanoseconds);
+        }
+    }
 };
 
 const std::string LOGGED_IN = "0 Authorization was successfully completed.\n";
@@ -139,7 +179,7 @@ TEST_F(PollLoop, LoginThenResultsThenNothing) {
     run();
     EXPECT_EQ((std::vector<std::string>{"(none)", "firstsecond", "(none)"}), sent);
     EXPECT_EQ("POL\t0\t5|", commands);
-    EXPECT_EQ(result_line(1) + LOGGED_IN + COLLECT +
+    EXPECT_EQ(result_line(1) + "9 parse_data\n" + LOGGED_IN + COLLECT +
                   "3 INFO: collect_result::get_first_results data size: 5\n"
                   "3 INFO: collect_result::get_second_results data size: 6\n"
                   "2 INFO: data cache size: 11\n" +
@@ -177,6 +217,8 @@ TEST_F(PollLoop, RefusedEndsTheLoopAfterTheWait) {
     run();
     EXPECT_EQ(1u, sent.size());
     EXPECT_EQ(-1, get_poll_interval());
+    expect_waits({60});
+    EXPECT_EQ(0, waits[0].ended); /* cut short by a checker */
     EXPECT_EQ(result_line(0) + "-1 Authorization failed, Vindral Smart Agent will be terminated.\n",
               take_log_text());
 }
@@ -190,6 +232,9 @@ TEST_F(PollLoop, ALoopThatIsToldToStopDoesNotPoll) {
 TEST_F(PollLoop, AReplyOfLengthZeroRunsNoCommands) {
     script = {{1, "", 0}, {1, "LAA", 0}};
     run();
+    EXPECT_EQ("LAA|", commands);
+    char text[] = "LAA";
+    act_on(SUCCESS, text, 0, 60);
     EXPECT_EQ("LAA|", commands);
 }
 
@@ -211,7 +256,48 @@ TEST_F(PollLoop, FirstWaitAfterALoginIsASecondLaterOnesTheInterval) {
     EXPECT_EQ(60, act_on(INTERNAL_ERROR, nullptr, 0, 60));
     EXPECT_EQ(1, act_on(LOGIN_AGAIN, nullptr, 0, 60));
     EXPECT_EQ(0, isAuthorized);
+    isAuthorized = 1;
     EXPECT_EQ(60, act_on(REFUSED, nullptr, 0, 60));
+    EXPECT_EQ(0, isAuthorized);
+    EXPECT_EQ(60, act_on(99, nullptr, 0, 60));
+}
+
+TEST_F(PollLoop, StartsUnauthorisedWithAnIntervalOfAMinute) {
+    EXPECT_EQ(0, authorized_at_start);
+    EXPECT_EQ(60, interval_at_start);
+}
+
+/* An interval that the reply sets counts from the next turn on. */
+TEST_F(PollLoop, WaitsForTheIntervalThatItsTurnBeganWith) {
+    script = {{1, "500", 0}, {1, "400", 0}, {2, "", 0}, {3, "", 0}, {1, "", 0}};
+    run();
+    expect_waits({1, 500, 400, 1, 1, 400});
+}
+
+TEST_F(PollLoop, ANegativeIntervalIsNoFloodOfPolls) {
+    isAuthorized = 1;
+    script = {{1, "-7", 0}, {1, "", 0}};
+    run();
+    expect_waits({60, 1, 1});
+}
+
+TEST_F(PollLoop, AWaitEndsByTimeOrByASignalSentMeanwhile) {
+    time_flies = true;
+    send_pending_data(); /* nobody is waiting: lost */
+    wait_for_next_poll(3600);
+    expect_waits({3600});
+    EXPECT_EQ(ETIMEDOUT, waits[0].ended);
+    time_flies = false;
+    std::thread waker([] {
+        for (bool waiting = false; !waiting; usleep(1000)) {
+            lock hold(poll_cond_mutex);
+            waiting = waits.size() == 2;
+        }
+        send_pending_data();
+    });
+    wait_for_next_poll(3600);
+    waker.join();
+    EXPECT_EQ(0, waits[1].ended);
 }
 
 TEST_F(PollLoop, CancelledInItsWaitItLeavesNoLockBehind) {
@@ -236,6 +322,7 @@ TEST_F(PollLoop, CacheIgnoresNothing) {
     char text[] = "abc";
     add_to_cache(nullptr, 3);
     add_to_cache(text, 0);
+    EXPECT_EQ(nullptr, data_cache);
     EXPECT_EQ(nullptr, get_cache_copy());
     add_to_cache(text, 3);
     ASSERT_NE(nullptr, data_cache);

@@ -1,5 +1,18 @@
 #include "vindral_log.cpp"
+
+/* The symbols of a backtrace, or a text of a test's choice in the place of each. */
+#include <execinfo.h>
+static char* symbol_text;
+static char** chosen_symbols(void* const* addresses, int count) {
+    char** symbols = backtrace_symbols(addresses, count);
+    for (int i = 0; symbol_text != nullptr && i < count; i++) {
+        symbols[i] = symbol_text;
+    }
+    return symbols;
+}
+#define backtrace_symbols chosen_symbols
 #include "vindral_signals.cpp"
+#undef backtrace_symbols
 
 #include "refuse_syscall.h"
 
@@ -114,13 +127,14 @@ TEST(installation, sets_both_handlers_and_ignores_broken_pipes) {
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }
 
-/* What the installation says when the handler for one signal is refused. */
+/* What the installation says when the handler for one signal is refused, or for all (0). */
 static std::string refused(int signal_number) {
     int output[2];
     EXPECT_EQ(pipe(output), 0);
     int status = in_child([&] {
         dup2(output[1], STDOUT_FILENO);
-        if (!refuse_syscall(SYS_rt_sigaction, EPERM, 0, static_cast<uint32_t>(signal_number))) {
+        if (!refuse_syscall(SYS_rt_sigaction, EPERM, signal_number == 0 ? -1 : 0,
+                            static_cast<uint32_t>(signal_number))) {
             return 77;
         }
         int result = install_signal_handlers();
@@ -142,6 +156,7 @@ TEST(installation, says_which_handler_was_refused) {
     }
     EXPECT_EQ(segv, "\nCan not set SIGSEGV signal handler.\n");
     EXPECT_EQ(refused(SIGHUP), "\nCan not set SIGHUP signal handler.\n");
+    EXPECT_EQ(refused(0), "\nCan not set SIGSEGV signal handler.\n") << "which comes first";
 }
 
 /* A page that nothing may touch. */
@@ -275,13 +290,41 @@ TEST_F(crash, of_the_main_worker_itself) {
     EXPECT_GE(addresses_reported(), 2U);
 }
 
+static std::atomic<bool> cancelled;
+
 TEST_F(crash, cancels_the_main_worker) {
     int status = run([] {
-        pthread_create(&main_worker_thread_handle, nullptr, wait_to_be_cancelled, nullptr);
+        /* The process ends in order, and here waits for the worker to end as well; the alarm would
+         * come before the loop is over. */
+        atexit([] {
+            while (!cancelled) {
+                usleep(1000);
+            }
+        });
+        auto wait_and_tell = [](void*) -> void* {
+            struct at_the_end {
+                ~at_the_end() { cancelled = true; }
+            } tell;
+            return wait_to_be_cancelled(nullptr);
+        };
+        pthread_create(&main_worker_thread_handle, nullptr, wait_and_tell, nullptr);
         on_worker_stack(touch_forbidden);
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
     EXPECT_GE(addresses_reported(), 3U);
+}
+
+TEST_F(crash, cuts_a_line_to_1023_characters) {
+    std::string text(2000, 's');
+    int status = run([&] {
+        symbol_text = text.data();
+        on_worker_stack(touch_forbidden);
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    ASSERT_GE(addresses_reported(), 3U);
+    std::string line = lines()[2];
+    EXPECT_EQ(line.size(), 1023U);
+    EXPECT_TRUE(line.ends_with(": " + std::string(1023 - line.find(": ") - 2, 's'))) << line;
 }
 
 TEST_F(crash, of_two_threads_is_reported_once) {

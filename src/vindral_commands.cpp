@@ -1,5 +1,6 @@
 #include "vindral_commands.h"
 
+#include "checker.h"
 #include "cpumon.h"
 #include "diskmon.h"
 #include "guards.h"
@@ -290,6 +291,7 @@ struct split_text {
 
 void parse_data(char* sdata) {
     split_text lines(sdata, '\n');
+    command_batch batch;
     for (size_t i = 0; i < lines.count; i++) {
         {
             /* A long reply must not hold up a stop: nothing is half-done between two commands. */

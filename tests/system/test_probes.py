@@ -429,13 +429,15 @@ class Many(steered.TestCase):
         self.start(*[page_test(test, "/%d" % test, gate.port, limit="600") for test in tests], level=0,
                    wrap=["sh", "-c", 'ulimit -S -n 1024; exec "$@"', "sh"], before="CHK\t0\t100000\n")
         self.wait_idle()
+        self.server.then(answer("CHK\t0\t100001\n"))
+        harness.wait_until(lambda: {r.ui32[1] for r in self.records(records.HTTP)} == set(tests),
+                           lambda: "a result of every test, have %d records" % len(self.records(records.HTTP)))
         with open("/proc/%d/limits" % self.agent.process.pid, encoding="ascii") as limits:
             soft, hard = re.search(r"Max open files +(\d+) +(\d+)", limits.read()).groups()
         self.assertEqual(soft, hard)
-        harness.wait_until(lambda: not gate.waiting, "the checks of the rounds before")
         gate.close("/%d" % test for test in tests)
         before = len(self.server.requests)
-        self.server.then(answer("CHK\t0\t100001\n"))
+        self.server.then(answer("CHK\t0\t100002\n"))
         harness.wait_until(gate.open, lambda: "every test at once, have %d" % gate.most)
 
         def reported():

@@ -10,7 +10,8 @@ static unsigned wakes_so_far(checker& c) {
     return c.wakes;
 }
 
-int checker_start(checker& c, void* (*worker)(void*)) {
+int checker_start_thread(const checker& c, const char* name, void* (*body)(void*),
+                         pthread_t* handle) {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) {
         leveledadd2log(0, "%s", c.attr_message);
@@ -21,16 +22,18 @@ int checker_start(checker& c, void* (*worker)(void*)) {
         pthread_attr_destroy(&attributes);
         return 0;
     }
-    c.wakes_at_start = wakes_so_far(c);
-    c.running = pthread_create(&c.worker_thread_handle, &attributes, worker, nullptr) == 0;
+    bool created = pthread_create(handle, &attributes, body, nullptr) == 0;
     pthread_attr_destroy(&attributes);
-    if (!c.running) {
-        return 0;
+    if (created && name != nullptr) {
+        pthread_setname_np(*handle, name);
     }
-    if (c.thread_name != nullptr) {
-        pthread_setname_np(c.worker_thread_handle, c.thread_name);
-    }
-    return 1;
+    return created;
+}
+
+int checker_start(checker& c, void* (*worker)(void*)) {
+    c.wakes_at_start = wakes_so_far(c);
+    c.running = checker_start_thread(c, c.thread_name, worker, &c.worker_thread_handle) != 0;
+    return c.running;
 }
 
 /* Waits for one interval or a wake-up; wakes that came since `seen` end the wait before it begins.
@@ -155,6 +158,13 @@ int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size) {
     return 1;
 }
 
+void destroy_condition(condition& c) {
+    while (pthread_cond_destroy(&c.handle) == EBUSY) {
+        pthread_cond_broadcast(&c.handle);
+        sched_yield();
+    }
+}
+
 void checker_stop(checker& c) {
     checker_set_interval(c, -1);
     if (!c.running) {
@@ -162,10 +172,7 @@ void checker_stop(checker& c) {
     }
     pthread_join(c.worker_thread_handle, nullptr);
     c.running = false;
-    while (pthread_cond_destroy(&c.cond.handle) == EBUSY) {
-        pthread_cond_broadcast(&c.cond.handle);
-        sched_yield();
-    }
+    destroy_condition(c.cond);
     c.cond = condition{}; /* a late wake-up finds a condition that nobody waits on */
 }
 

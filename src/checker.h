@@ -50,6 +50,11 @@ struct checker {
     const char* stack_message = nullptr; /* logged when the stack size is refused */
 };
 
+/* Starts a thread of the checker, named `name` unless that is null, with a stack of
+ * WORKER_STACK_SIZE. Returns 1 and the handle, or 0 as checker_start does. */
+int checker_start_thread(const checker& c, const char* name, void* (*body)(void*),
+                         pthread_t* handle);
+
 /* Starts the worker with a stack of WORKER_STACK_SIZE. Returns 1, or 0 with the module's message
  * logged at level 0; a thread that could not be created gives 0 without a message. */
 int checker_start(checker& c, void* (*worker)(void*));
@@ -96,6 +101,9 @@ int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size);
 /* Stops the worker, joins it (waits for a running pass) and destroys the condition. Definitions and
  * uncollected results stay. Nothing to do for a checker that was not started. */
 void checker_stop(checker& c);
+
+/* Destroys a condition that nobody is to wait on any more. */
+void destroy_condition(condition& c);
 
 /* The list of definitions: an array of pointers with exactly `count` slots, in the order of adding.
  * The caller holds mon_mutex. `id` is the member that holds the test id. */

@@ -7,10 +7,8 @@
 #include "vindral_log.h"
 #include "vindral_wake.h"
 
-#include <cctype>
 #include <cstdio>
 #include <net/if.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -523,21 +521,8 @@ void rem_nettest(int tid) {
 }
 
 static int start_sampler() {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        leveledadd2log(0, "%s", net.attr_message);
-        return 0;
-    }
-    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
-        leveledadd2log(0, "%s", net.stack_message);
-    } else {
-        sampler_running = pthread_create(&net_calc_worker_thread_handle, &attributes,
-                                         net_calc_worker_thread, nullptr) == 0;
-    }
-    pthread_attr_destroy(&attributes);
-    if (sampler_running) {
-        pthread_setname_np(net_calc_worker_thread_handle, "net sampler");
-    }
+    sampler_running = checker_start_thread(net, "net sampler", net_calc_worker_thread,
+                                           &net_calc_worker_thread_handle) != 0;
     return sampler_running;
 }
 
@@ -574,8 +559,5 @@ void shutdown_net_checker() {
     }
     pthread_join(net_calc_worker_thread_handle, nullptr);
     sampler_running = false;
-    while (pthread_cond_destroy(&net_calc_cond.handle) == EBUSY) {
-        pthread_cond_broadcast(&net_calc_cond.handle);
-        sched_yield();
-    }
+    destroy_condition(net_calc_cond);
 }

@@ -763,9 +763,11 @@ struct name_list {
     uint32_t* slot_of(const char* name, size_t length_of_name) const {
         for (size_t i = hash(name, length_of_name);; i++) {
             uint32_t* slot = &slots.get()[i & (slot_count - 1)];
+            if (*slot == 0) {
+                return slot;
+            }
             const char* at = text.get() + *slot - 1;
-            if (*slot == 0 ||
-                (memcmp(at, name, length_of_name) == 0 && at[length_of_name] == '\t')) {
+            if (strncmp(at, name, length_of_name) == 0 && at[length_of_name] == '\t') {
                 return slot;
             }
         }
@@ -806,8 +808,7 @@ struct name_list {
     }
 
     void add(const char* name, size_t length_of_name) {
-        /* Room for what is compared behind the last name, too. */
-        if (!grow_text(2 * (length_of_name + 2)) || (names * 2 >= slot_count && !grow_slots())) {
+        if (!grow_text(length_of_name + 2) || (names * 2 >= slot_count && !grow_slots())) {
             return;
         }
         uint32_t* slot = slot_of(name, length_of_name);

@@ -2,8 +2,6 @@
 
 #include "shell_command.h"
 
-#include <cctype>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>

@@ -23,6 +23,7 @@ static size_t stack_size_asked;
 #undef ioctl
 #undef deadline_in
 #undef socket
+#include "checker.cpp" /* it creates the sampler */
 #undef pthread_attr_init
 #undef pthread_attr_setstacksize
 #undef pthread_create

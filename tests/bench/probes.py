@@ -6,8 +6,9 @@ as many probes of the same targets, in one run. CPU time is that of the prober a
 
 `http` and `https` ask nginx (one worker) for a page of 10 KB, ECDSA P-256; beside curl, blackbox_exporter,
 and wrk or `openssl s_time -new` as the limits of the machine. `ping` sends one packet to each of 127.x.y.z,
-10, 100 and so many tests, beside fping. `leaks` makes 100,000 page checks and compares memory and
-descriptors. Needs root and nginx; Debian's curl, prometheus-blackbox-exporter, wrk and fping are left out
+10, 100 and so many tests, beside fping; with errors logged, too, where every probe of another test is a
+line. `leaks` makes 200,000 page checks and shows memory and
+descriptors on the way. Needs root and nginx; Debian's curl, prometheus-blackbox-exporter, wrk and fping are left out
 where they are not installed.
 """
 
@@ -198,20 +199,24 @@ def pages(home, tests, rounds, tls):
     end(nginx.process)
 
 
-def agent_echoes(home, tests, rounds):
+def agent_echoes(home, tests, rounds, log_level):
+    """Less what the agent uses for its polls alone."""
     plan = ["POL\t0\t%d" % ROUND_S, "CHK\t0\t100000"] + [
         "PGA\t%d\t1\t127.%d.%d.1\t56\t1\t1000\t0" % (i, 1 + i // 200, i % 200) for i in range(1, tests + 1)]
-    agent = Agent(home, plan)
+    agent = Agent(home, plan, log_level)
     idle(agent.pid)
+    at_start, began = cpu_seconds(agent.pid), time.monotonic()
+    time.sleep(4 * ROUND_S)
+    polling = (cpu_seconds(agent.pid) - at_start) / (time.monotonic() - began)
+    resting = status(agent.pid, "Threads")
     peak, used = Peak(agent.pid), 0.0
     for number in range(rounds):
-        at_start = cpu_seconds(agent.pid)
+        at_start, began = cpu_seconds(agent.pid), time.monotonic()
         with open(os.path.join(home, "plan"), "a", encoding="utf-8") as file:
             file.write("CHK\t0\t%d\n" % (100001 + number))
-        wait_for(lambda: status(agent.pid, "Threads") > 20 or cpu_seconds(agent.pid) > at_start + 0.01,
-                 "the round")
+        wait_for(lambda: status(agent.pid, "Threads") >= resting + min(tests, 10), "the round")
         idle(agent.pid)
-        used += cpu_seconds(agent.pid) - at_start
+        used += cpu_seconds(agent.pid) - at_start - polling * (time.monotonic() - began)
     peak.stop()
     memory = status(agent.pid, "VmHWM")
     agent.stop()
@@ -223,15 +228,13 @@ def agent_echoes(home, tests, rounds):
                                                "status" % day):
             total += count
             lost += count if state else 0
-    print("agent, %4d tests: %.3f ms CPU an echo (polls included), peak %d KB, %d threads; %d of %d lost" % (
-        tests, used * 1000 / tests / rounds, memory, peak.threads, lost, total), flush=True)
+    print("agent, %4d tests, log level %d: %.3f ms CPU an echo, peak %d KB, %d threads; %d of %d lost" % (
+        tests, log_level, used * 1000 / tests / rounds, memory, peak.threads, lost, total), flush=True)
 
 
 def echoes(home, tests, rounds):
-    for count in (10, 100, tests):
-        own = os.path.join(home, str(count))
-        os.mkdir(own)
-        agent_echoes(own, count, rounds)
+    for count, log_level in ((10, 0), (100, 0), (tests, 0), (tests, 1)):
+        agent_echoes(tempfile.mkdtemp(dir=home), count, rounds, log_level)
     if shutil.which("fping"):
         targets = ["127.%d.%d.1" % (1 + i // 200, i % 200) for i in range(tests)]
         used, took = children_ms(["fping", "-q", "-c1", *targets])
@@ -247,7 +250,7 @@ def leaks(home, tests):
     def usage():
         return status(agent.pid, "VmRSS"), len(os.listdir("/proc/%d/fd" % agent.pid))
     start = nginx.served()
-    for goal in (10000, 100000):
+    for goal in range(20000, 200001, 20000):
         while nginx.served() - start < goal:
             time.sleep(0.2)
         print("after %6d checks: %d KB, %d descriptors" % (nginx.served() - start, *usage()), flush=True)

@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <sys/types.h>
 
+inline constexpr int SNMP_PORT = 161;
+inline constexpr int SNMP_TABLE = 1, SNMP_GET = 2, SNMP_WALK = 3; /* req_type */
+
 /* One test. Every text, array and limit is owned by the definition. */
 struct snmp_def {
     int mode; /* 0: a test of the server; else an internal query (get_snmp_values) */

@@ -7,10 +7,12 @@
 #include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
+#include "ndismon.h"
 #include "netmon.h"
 #include "pingmon.h"
 #include "processmon.h"
 #include "shell_command.h"
+#include "snmpmon.h"
 #include "vindral_checkers.h"
 #include "vindral_config.h"
 #include "vindral_interval.h"
@@ -201,6 +203,93 @@ static void cmd_remove_net(char** f, size_t) {
     rem_nettest(number(f[1]));
 }
 
+static char* text_or_none(char* field) {
+    return field[0] != '\0' ? field : nullptr;
+}
+
+using snmp_operation = decltype(&add_snmp);
+
+/* A walk or a table. Without a port the standard one lands in the location, where servers are used
+ * to find it; the test then asks port 0. */
+static void snmp_subtree(snmp_operation operation, int type, char** f) {
+    int port = number(f[4]);
+    operation(number(f[1]), port == 0 ? SNMP_PORT : number(f[2]), type, number(f[5]),
+              text_or_none(f[7]), text_or_none(f[3]), port, number(f[6]), number(f[14]),
+              number(f[15]), text_or_none(f[8]), text_or_none(f[10]), text_or_none(f[11]),
+              text_or_none(f[13]), text_or_none(f[9]), text_or_none(f[12]), nullptr);
+}
+
+static void cmd_add_walk(char** f, size_t) {
+    snmp_subtree(add_snmp, SNMP_WALK, f);
+}
+
+static void cmd_add_table(char** f, size_t) {
+    snmp_subtree(add_snmp, SNMP_TABLE, f);
+}
+
+static void cmd_modify_table(char** f, size_t) {
+    snmp_subtree(mod_snmp, SNMP_TABLE, f);
+}
+
+/* Field 12 only tells whether there is a privacy pass phrase; field 11, the protocol, is used as
+ * such. */
+static void snmp_get(snmp_operation operation, char** f) {
+    int port = number(f[4]);
+    char* privacy_protocol = text_or_none(f[11]);
+    operation(number(f[1]), number(f[2]), SNMP_GET, 0, text_or_none(f[6]), text_or_none(f[3]),
+              port == 0 ? SNMP_PORT : port, number(f[5]), number(f[13]), number(f[14]),
+              text_or_none(f[7]), text_or_none(f[9]), text_or_none(f[10]),
+              f[12][0] != '\0' ? privacy_protocol : nullptr, text_or_none(f[8]), privacy_protocol,
+              text_or_none(f[15]));
+}
+
+static void cmd_add_get(char** f, size_t) {
+    snmp_get(add_snmp, f);
+}
+
+static void cmd_modify_get(char** f, size_t) {
+    snmp_get(mod_snmp, f);
+}
+
+static void cmd_remove_snmp(char** f, size_t) {
+    rem_snmp(number(f[1]));
+}
+
+/* The other way round than every other remove command: only the id 0 is heeded. */
+static void cmd_remove_get(char** f, size_t) {
+    if (number(f[1]) == 0) {
+        rem_snmp(0);
+    }
+}
+
+static void cmd_ignore(char**, size_t) {}
+
+/* A wrong count is answered in the log, fields behind the last one are absent. */
+static bool is_scan(char** f, size_t count, size_t least) {
+    if (count < least) {
+        leveledadd2log(0, "ERROR: Wrong number of parameters for %s: ", f[0]);
+        return false;
+    }
+    return number(f[1]) != 0;
+}
+
+static void cmd_add_ndis(char** f, size_t count) {
+    if (is_scan(f, count, 5)) {
+        add_ndis(number(f[1]), number(f[2]), f[3], f[4], optional_field(f, count, 5));
+    }
+}
+
+static void cmd_modify_ndis(char** f, size_t count) {
+    if (is_scan(f, count, 4)) {
+        mod_ndis(number(f[1]), number(f[2]), f[3], optional_field(f, count, 4),
+                 optional_field(f, count, 5));
+    }
+}
+
+static void cmd_remove_ndis(char** f, size_t) {
+    rem_ndis(number(f[1]));
+}
+
 static void cmd_update(char** f, size_t) {
     start_updater(f[1], f[2], f[3]);
 }
@@ -250,7 +339,25 @@ static const struct {
     {"NTA", 10, MORE_FIELDS, NONZERO_ID, cmd_add_net},
     {"NTM", 10, MORE_FIELDS, NONZERO_ID, cmd_modify_net},
     {"NTD", 3, MORE_FIELDS, NONZERO_ID, cmd_remove_net}, /* tid, - */
-    {"UPD", 4, 4, NO_ID, cmd_update},                    /* dname, url, chsum */
+    /* v_tid, v_loc_id, v_host, v_port, v_bulk, v_version, v_oid_string, v_community, v_authproto,
+     * v_login, v_passwd, v_privproto, v_privpasswd, v_timeout, v_retries */
+    {"SWA", 16, 16, NONZERO_ID, cmd_add_walk},
+    {"SWM", 1, MORE_FIELDS, NO_ID, cmd_ignore},
+    {"SWD", 2, 2, NONZERO_ID, cmd_remove_snmp}, /* t_id */
+    {"STA", 16, 16, NONZERO_ID, cmd_add_table},
+    {"STM", 16, 16, NONZERO_ID, cmd_modify_table},
+    {"STD", 3, 3, NONZERO_ID, cmd_remove_snmp}, /* t_id, - */
+    /* v_tid, v_loc_id, v_host, v_port, v_version, v_oid_string, v_community, v_authproto, v_login,
+     * v_passwd, v_privproto, whether there is a privacy pass phrase, v_timeout, v_retries,
+     * v_min_max */
+    {"SPA", 16, 16, NONZERO_ID, cmd_add_get},
+    {"SPM", 16, 16, NONZERO_ID, cmd_modify_get},
+    {"SPD", 2, 2, NO_ID, cmd_remove_get}, /* 0 */
+    {"UPD", 4, 4, NO_ID, cmd_update},     /* dname, url, chsum */
+    /* _tid, _lid, ipstart, ipend, oids; counted by the handlers, which log what is wrong */
+    {"DCA", 1, MORE_FIELDS, NO_ID, cmd_add_ndis},
+    {"DCM", 1, MORE_FIELDS, NO_ID, cmd_modify_ndis},
+    {"DCR", 2, MORE_FIELDS, NONZERO_ID, cmd_remove_ndis}, /* _tid */
 };
 
 void add_from_array(char** ms, size_t msl) {

@@ -54,9 +54,10 @@ static oid* auth_sha1 = nullptr;
 static oid* priv_des = nullptr;
 static oid* priv_aes = nullptr;
 
-/* What a derived key may take; the longest that these hashes give is 20. */
-static constexpr size_t KEY_SIZE = 32;
-static_assert(KEY_SIZE <= USM_AUTH_KU_LEN && KEY_SIZE <= USM_PRIV_KU_LEN);
+/* What a derived key may take. The library refuses a buffer that is too small for the longest of
+ * its hashes, even if the one in use gives less. */
+static constexpr size_t KEY_SIZE = USM_AUTH_KU_LEN;
+static_assert(KEY_SIZE == USM_PRIV_KU_LEN);
 
 /* In the order in which a library is found lacking. */
 #define BIND(prefix, name)                                                                         \

@@ -217,19 +217,44 @@ void free_snmp_def(snmp_def** p) {
 
 /* --- the pass -------------------------------------------------------------------------------- */
 
-static void start_test(snmp_def* test, const pthread_attr_t* attributes) {
-    snmp_def* copy = snmp_def_dup(test);
-    pthread_t thread;
-    if (copy != nullptr && pthread_create(&thread, attributes, snmp_single_thread, copy) != 0) {
-        free_snmp_def(&copy);
+void free_snmp_round(snmp_round** p) {
+    snmp_round* round = *p;
+    for (int i = 0; i < round->count; i++) {
+        free_snmp_def(&round->tests[i]);
     }
+    free(round->tests);
+    free(round);
+    *p = nullptr;
+}
+
+/* Puts copies of the tests whose address is known into a new round and starts a thread for each of
+ * the others. Null when there is no such test, and without memory. */
+static snmp_round* start_lookups(const pthread_attr_t* attributes) {
+    lock hold(SNMP_MON_MUTEX);
+    auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
+    for (int i = 0; round != nullptr && i < snmp_def_list_len; i++) {
+        snmp_def* copy = snmp_def_dup(snmp_def_list[i]);
+        snmp_def_list[i]->isFirstCheck = 0;
+        pthread_t thread;
+        bool taken = copy != nullptr &&
+                     (snmp_needs_lookup(copy)
+                          ? pthread_create(&thread, attributes, snmp_single_thread, copy) == 0
+                          : append_test(round->tests, round->count, copy) != 0);
+        if (!taken) {
+            free_snmp_def(&copy);
+        }
+    }
+    if (round != nullptr && round->count == 0) {
+        free_snmp_round(&round);
+    }
+    return round;
 }
 
 static void start_tests(const pthread_attr_t* attributes) {
-    lock hold(SNMP_MON_MUTEX);
-    for (int i = 0; i < snmp_def_list_len; i++) {
-        start_test(snmp_def_list[i], attributes);
-        snmp_def_list[i]->isFirstCheck = 0;
+    snmp_round* round = start_lookups(attributes);
+    pthread_t thread;
+    if (round != nullptr && pthread_create(&thread, attributes, snmp_round_thread, round) != 0) {
+        free_snmp_round(&round);
     }
 }
 

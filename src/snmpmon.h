@@ -1,10 +1,13 @@
 /* SNMP checker: walk, table and get tests of other machines' SNMP agents.
  *
- * A pass starts a detached thread for every test, and each of those forks a child that makes the
- * requests (snmpmon_checks.h) and sends its result through a pipe; the pass does not wait. So
- * requests never meet in the library's shared state, and one that crashes takes only its result
- * along. A test whose child of the last pass still runs gets a second one. The records are
- * described with the checks.
+ * Every test of a pass has a child process of its own that makes the requests (snmpmon_checks.h)
+ * and sends its result through a pipe. So requests never meet in the library's shared state, and
+ * one that crashes takes only its result along. A pass waits for nothing: a detached thread (the
+ * round) forks the children one after another and then collects from all of them. A fork costs more
+ * the more threads there are (with 500 it takes seven times as long as with one), so there is one
+ * for all tests; only a test whose host is a name gets a thread of its own, which looks the name up
+ * first and may take long over it. A test whose child of the last pass still runs gets a second
+ * one. The records are described with the checks.
  *
  * The child (snmpmon_child.cpp) is forked with the log, OpenSSL and all signals at rest
  * (fork_gate.h). It leads a process group of its own, handles signals as a fresh process does, logs
@@ -96,8 +99,25 @@ void rem_snmp(int t_id);
 /* 1 when no test has this id. */
 int is_new_snmp(int tID);
 
-/* One pass over all tests. A test for which there is no thread is left out. */
+/* One pass over all tests. A test for which there is no thread, no child or no memory is left out.
+ */
 void do_snmp_check();
+
+/* 1 when the host is a name, which must be looked up before the fork. Not when it is an address in
+ * dotted form, nor one with colons in it, which may name the transport and is the library's to
+ * read. */
+int snmp_needs_lookup(const snmp_def* def);
+
+/* The tests of a pass whose hosts need no lookup: copies that the round owns. */
+struct snmp_round {
+    snmp_def** tests;
+    int count;
+};
+void free_snmp_round(snmp_round** p);
+
+/* Starts a child for every test of the round that `arg` is, which it frees, and appends the results
+ * as they come. */
+void* snmp_round_thread(void* arg);
 
 /* Runs the test that `arg` is a copy of, which it frees. A walk adds nothing to the results: its
  * text has never been sent. */

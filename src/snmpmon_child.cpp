@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -96,26 +97,28 @@ struct text_buffer {
 
 } // namespace
 
-/* Reads until the other end is closed, or something fails. What cannot be kept whole is dropped:
- * half a record would spoil those behind it. */
-static void read_all(int fd, text_buffer& text) {
-    for (;;) {
-        if (wait_pipe(fd, POLLIN) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        if (!text.make_room()) {
-            text.length = 0;
-            return;
-        }
-        ssize_t got = read(fd, text.data.get() + text.length, CHUNK);
-        if (got == 0 || (got < 0 && !try_again(errno))) {
-            return;
-        }
-        text.length += static_cast<int>(std::max<ssize_t>(got, 0));
+enum class read_outcome { more, ended };
+
+/* Reads once. What cannot be kept whole is dropped: half a record would spoil those behind it. */
+static read_outcome read_chunk(int fd, text_buffer& text) {
+    if (!text.make_room()) {
+        text.length = 0;
+        return read_outcome::ended;
     }
+    ssize_t got = read(fd, text.data.get() + text.length, CHUNK);
+    if (got == 0 || (got < 0 && !try_again(errno))) {
+        return read_outcome::ended;
+    }
+    text.length += static_cast<int>(std::max<ssize_t>(got, 0));
+    return read_outcome::more;
+}
+
+static void read_all(int fd, text_buffer& text) {
+    int ready;
+    do {
+        ready = wait_pipe(fd, POLLIN);
+    } while ((ready > 0 && read_chunk(fd, text) == read_outcome::more) ||
+             (ready < 0 && errno == EINTR));
 }
 
 int read_from_pipe(int fd, char** buffer, int* buffer_len) {
@@ -206,19 +209,21 @@ static char* make_query(snmp_def* def, int* length) {
 
 /* --- the parent ------------------------------------------------------------------------------ */
 
-/* Where a query has to go, or null to leave it to the library: for an address with colons in it,
- * which may name the transport, and for none. A name is looked up here and not in the child, whose
- * resolver may lie in the middle of another thread's work. Empty when there is no such host. */
-static char* find_address(const char* host) {
-    if (host == nullptr || *host == '\0' || strchr(host, ':') != nullptr) {
-        return nullptr;
-    }
+int snmp_needs_lookup(const snmp_def* def) {
+    in_addr address;
+    const char* host = def->host;
+    return host != nullptr && *host != '\0' && strchr(host, ':') == nullptr &&
+           inet_pton(AF_INET, host, &address) != 1;
+}
+
+/* Where the name leads; empty when there is no such host. */
+static char* look_up(const char* name) {
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* list = nullptr;
     char text[INET_ADDRSTRLEN] = "";
-    if (resolve_host(host, nullptr, &hints, &list) == 0) {
+    if (resolve_host(name, nullptr, &hints, &list) == 0) {
         auto* found = reinterpret_cast<sockaddr_in*>(list->ai_addr);
         inet_ntop(AF_INET, &found->sin_addr, text, sizeof text);
         freeaddrinfo(list);
@@ -239,10 +244,14 @@ static pid_t fork_child(snmp_def* def, int write_end) {
     return child;
 }
 
+static void reap(pid_t child) {
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
 void* forkwait_thread(void* arg) {
     heap<pid_t> child(static_cast<pid_t*>(arg));
-    while (waitpid(*child, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    reap(*child);
     return nullptr;
 }
 
@@ -286,33 +295,54 @@ void wait4forked(pid_t p) {
     start_waiter(p);
 }
 
-/* Makes the query in a child and takes its text as read_from_pipe does. False when there was no
- * child. */
-static bool query(snmp_def* def, char** buffer, int* buffer_len) {
-    free(def->address);
-    def->address = find_address(def->host);
+namespace {
+
+struct running_query {
+    snmp_def* def = nullptr;
+    pid_t child = -1;
+    unique_fd pipe; /* its read end; none when the query is over or was never begun */
+    text_buffer text;
+};
+
+} // namespace
+
+/* Starts the child. Without one there is no pipe. */
+static void begin_query(running_query& q) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return false;
+        return;
     }
     unique_fd read_end(ends[0]), write_end(ends[1]);
-    pid_t child = fork_child(def, write_end.get());
-    if (child < 0) {
+    q.child = fork_child(q.def, write_end.get());
+    if (q.child > 0) {
+        q.pipe = std::move(read_end);
+    }
+}
+
+/* Makes one query and takes its text as read_from_pipe does. False when there was no child. */
+static bool make_one_query(snmp_def* def, char** buffer, int* buffer_len) {
+    if (snmp_needs_lookup(def)) {
+        free(def->address);
+        def->address = look_up(def->host);
+    }
+    running_query q;
+    q.def = def;
+    begin_query(q);
+    if (!q.pipe) {
         return false;
     }
-    bool waited_for = start_waiter(child);
-    write_end.reset();
-    read_from_pipe(read_end.get(), buffer, buffer_len);
-    read_end.reset();
+    bool waited_for = start_waiter(q.child);
+    read_from_pipe(q.pipe.get(), buffer, buffer_len);
+    q.pipe.reset();
     if (!waited_for) {
-        waitpid(child, nullptr, 0);
+        reap(q.child);
     }
     return true;
 }
 
 void* snmp_single_thread(void* arg) {
     auto* def = static_cast<snmp_def*>(arg);
-    if (query(def, nullptr, nullptr) && def->isFirstCheck == 1) {
+    if (make_one_query(def, nullptr, nullptr) && def->isFirstCheck == 1) {
         send_pending_data();
     }
     free_snmp_def(&def);
@@ -320,7 +350,62 @@ void* snmp_single_thread(void* arg) {
 }
 
 int get_snmp_values(snmp_def* def_snmp, char** buffer, int* buffer_len) {
-    query(def_snmp, buffer, buffer_len);
+    make_one_query(def_snmp, buffer, buffer_len);
     free_snmp_def(&def_snmp);
     return 0;
+}
+
+/* --- many queries at once -------------------------------------------------------------------- */
+
+/* The child is at its last step when its end of the pipe is closed. */
+static void finish_query(running_query& q) {
+    add_snmp_result(q.text.data.get(), q.text.length);
+    q.text = {};
+    q.pipe.reset();
+    reap(q.child);
+    if (q.def->isFirstCheck == 1) {
+        send_pending_data();
+    }
+}
+
+/* Waits for any of the pipes. Their slots are those of the queries; those that are over have -1,
+ * which poll leaves alone. */
+static void collect(running_query* queries, pollfd* pipes, int count, int open) {
+    while (open > 0) {
+        if (poll(pipes, static_cast<nfds_t>(count), -1) < 0) {
+            continue;
+        }
+        for (int i = 0; i < count; i++) {
+            if (pipes[i].revents != 0 &&
+                read_chunk(pipes[i].fd, queries[i].text) == read_outcome::ended) {
+                finish_query(queries[i]);
+                pipes[i] = {-1, 0, 0};
+                open--;
+            }
+        }
+    }
+}
+
+/* Begins all queries and waits for them. */
+static void make_queries(snmp_def* const* tests, int count) {
+    std::unique_ptr<running_query[]> queries(new (std::nothrow) running_query[count]);
+    std::unique_ptr<pollfd[]> pipes(new (std::nothrow) pollfd[count]);
+    if (!queries || !pipes) {
+        return;
+    }
+    int open = 0;
+    for (int i = 0; i < count; i++) {
+        queries[i].def = tests[i];
+        begin_query(queries[i]);
+        pipes[i] = {queries[i].pipe.get(), POLLIN, 0};
+        open += queries[i].pipe ? 1 : 0;
+    }
+    collect(queries.get(), pipes.get(), count, open);
+}
+
+void* snmp_round_thread(void* arg) {
+    auto* round = static_cast<snmp_round*>(arg);
+    make_queries(round->tests, round->count);
+    free_snmp_round(&round);
+    return nullptr;
 }

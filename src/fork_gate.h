@@ -1,15 +1,21 @@
 /* Forking in a process of many threads.
  *
  * A child inherits the locks that other threads held at the fork, and nobody in it will release
- * them. glibc brings its own locks to rest, the log writer its own (vindral_log.cpp); OpenSSL does
- * not. So a thread that is about to call a library with locks that children need passes the gate
- * (shared), for the call only, never while it waits for a peer; a fork closes it (exclusive). */
+ * them. glibc brings its own locks to rest (memory, streams, loader, name service), the log writer
+ * its own (vindral_log.cpp); OpenSSL does not. So a thread that is about to call it passes the gate
+ * (shared), for the call only, never while it waits for a peer, and a fork closes the gate
+ * (exclusive). Who waits to fork goes before who wants to pass, so a busy gate cannot keep a fork
+ * waiting for longer than the calls that are inside.
+ *
+ * The connections' calls pass by themselves: init_ssl_variables (libsslloader.h) puts the gate into
+ * the pointers that they go through. */
 #ifndef VINDRAL_FORK_GATE_H
 #define VINDRAL_FORK_GATE_H
 
 #include <sys/types.h>
 
-/* Inside one of these no fork happens. Not nested in one another. */
+/* Inside one of these no gated fork happens. From any thread; no cancellation point, and errno
+ * stays. Not nested in one another: the second would wait for a fork that waits for the first. */
 class fork_gate {
 public:
     fork_gate();
@@ -18,7 +24,8 @@ public:
     fork_gate& operator=(const fork_gate&) = delete;
 };
 
-/* fork() with every passer outside the gate. */
+/* fork() while nobody is inside the gate. Returns what fork returns, errno with it; the child finds
+ * the gate open. Not from inside the gate. */
 pid_t gated_fork();
 
 #endif

@@ -2,6 +2,7 @@
 
 #include "compression_routine.h"
 #include "dynlib.h"
+#include "fork_gate.h"
 #include "vindral_log.h"
 
 #include <cstdlib>
@@ -183,6 +184,42 @@ int init_ssl_lib() {
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
 }
 
+/* The function that `pointer` is bound to, called inside the fork gate: the library's locks are at
+ * rest whenever a child is forked. None of these calls waits for a peer, since every connection's
+ * socket is non-blocking. */
+template <auto* pointer>
+struct gated;
+template <typename R, typename... A, R (**pointer)(A...)>
+struct gated<pointer> {
+    static inline R (*bound)(A...) = nullptr;
+
+    static R call(A... arguments) {
+        fork_gate inside;
+        return bound(arguments...);
+    }
+    static void put_in() {
+        if (*pointer != call) {
+            bound = *pointer;
+            *pointer = call;
+        }
+    }
+};
+
+/* All that connections call, but SSL_get_error and the method, which take no locks. */
+static void put_in_gates() {
+    gated<&lib_SSL_CTX_new>::put_in();
+    gated<&lib_SSL_CTX_free>::put_in();
+    gated<&lib_SSL_new>::put_in();
+    gated<&lib_SSL_free>::put_in();
+    gated<&lib_SSL_set_fd>::put_in();
+    gated<&lib_SSL_connect>::put_in();
+    gated<&lib_SSL_read>::put_in();
+    gated<&lib_SSL_write>::put_in();
+    gated<&lib_SSL_shutdown>::put_in();
+    gated<&lib_ERR_error_string>::put_in();
+    gated<&lib_ERR_get_error>::put_in();
+}
+
 int init_ssl_variables() {
     if (!init_ssl_lib()) {
         return 0;
@@ -192,6 +229,7 @@ int init_ssl_variables() {
     lib_ERR_load_BIO_strings();
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
+    put_in_gates();
     isZLIBloaded = init_zlib();
     return 1;
 }

@@ -220,15 +220,15 @@ static void snmp_subtree(snmp_operation operation, int type, char** f) {
 }
 
 static void cmd_add_walk(char** f, size_t) {
-    snmp_subtree(add_snmp, SNMP_WALK, f);
+    snmp_subtree(add_snmp, SNMP_WALK_TEST, f);
 }
 
 static void cmd_add_table(char** f, size_t) {
-    snmp_subtree(add_snmp, SNMP_TABLE, f);
+    snmp_subtree(add_snmp, SNMP_TABLE_TEST, f);
 }
 
 static void cmd_modify_table(char** f, size_t) {
-    snmp_subtree(mod_snmp, SNMP_TABLE, f);
+    snmp_subtree(mod_snmp, SNMP_TABLE_TEST, f);
 }
 
 /* Field 12 only tells whether there is a privacy pass phrase; field 11, the protocol, is used as
@@ -236,7 +236,7 @@ static void cmd_modify_table(char** f, size_t) {
 static void snmp_get(snmp_operation operation, char** f) {
     int port = number(f[4]);
     char* privacy_protocol = text_or_none(f[11]);
-    operation(number(f[1]), number(f[2]), SNMP_GET, 0, text_or_none(f[6]), text_or_none(f[3]),
+    operation(number(f[1]), number(f[2]), SNMP_GET_TEST, 0, text_or_none(f[6]), text_or_none(f[3]),
               port == 0 ? SNMP_PORT : port, number(f[5]), number(f[13]), number(f[14]),
               text_or_none(f[7]), text_or_none(f[9]), text_or_none(f[10]),
               f[12][0] != '\0' ? privacy_protocol : nullptr, text_or_none(f[8]), privacy_protocol,

@@ -44,7 +44,7 @@ namespace {
 
 struct datagram {
     std::string bytes;
-    double after_ms = 1.0;
+    double after_ms = 1.0; /* of waiting; 0: it is there */
     const char* from = "192.0.2.7";
 };
 
@@ -55,6 +55,7 @@ struct network {
     double now_ms = 5000.0;
     int socket_error = 0, option_error = 0, sleep_error = 0, poll_error = 0, receive_error = 0;
     int short_sends = 0; /* as many sends fail */
+    int waits = 0;
     std::string option;
     std::vector<long> sleeps;
 } net;
@@ -92,14 +93,24 @@ static int fake_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const vo
         errno = net.poll_error;
         return -1;
     }
+    net.waits++;
+    EXPECT_EQ(0, errno);
     if (net.arriving.empty() || net.arriving.front().after_ms > most) {
         net.now_ms += most;
         return 0;
     }
     net.now_ms += net.arriving.front().after_ms;
+    net.arriving.front().after_ms = 0.0;
     return 1;
 }
-static ssize_t fake_recvfrom(int, void* data, size_t size, int, sockaddr* from, socklen_t*) {
+static ssize_t fake_recvfrom(int, void* data, size_t size, int flags, sockaddr* from,
+                             socklen_t* from_size) {
+    EXPECT_EQ(16u, *from_size);
+    bool at_once = (flags & MSG_DONTWAIT) != 0;
+    if (at_once && (net.arriving.empty() || net.arriving.front().after_ms > 0.0)) {
+        errno = EAGAIN;
+        return -1;
+    }
     if (net.receive_error != 0) {
         errno = net.receive_error;
         return -1;
@@ -452,9 +463,23 @@ TEST_F(Ping, ReceiveErrors) {
     EXPECT_EQ(0u, text.find("recvfrom_wto: socket: 9 Error on select\n"));
     net.poll_error = 0;
     net.receive_error = ECONNREFUSED;
+    for (double after_ms : {0.0, 1.0}) {
+        net.arriving.clear();
+        arrive(echo(0, 77, 3), after_ms);
+        EXPECT_EQ(0.0, wait());
+        EXPECT_EQ("wait_for_reply: socket: 9 failed error: 111\n", errors());
+    }
+}
+
+/* What is there is taken without a wait, at no time by the clock: the shortest round trip. */
+TEST_F(Ping, RepliesThatAreThere) {
+    arrive(echo(0, 78, 3), 0.0);
+    arrive(echo(0, 77, 3), 0.0);
+    EXPECT_EQ(0.001, wait());
+    EXPECT_EQ(0, net.waits);
     arrive(echo(0, 77, 3));
-    EXPECT_EQ(0.0, wait());
-    EXPECT_EQ("wait_for_reply: socket: 9 failed error: 111\n", errors());
+    EXPECT_EQ(1.0, wait());
+    EXPECT_EQ(1, net.waits);
 }
 
 TEST_F(Ping, ErrorTexts) {

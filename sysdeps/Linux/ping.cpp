@@ -63,13 +63,13 @@ int Sleep(int t) {
 
 /* --- sending --- */
 
+/* `packet` is all zero. */
 static void fill_request(char* packet, unsigned short size, unsigned short pid,
                          unsigned short sid) {
     const unsigned char type = ICMP_ECHO;
     icmp_ping_data data{};
     gettimeofday(&data.stime, nullptr);
     data.ping_id = 10;
-    memset(packet, 0, size);
     memcpy(packet, &type, sizeof type);
     memcpy(packet + 4, &pid, sizeof pid);
     memcpy(packet + 6, &sid, sizeof sid);

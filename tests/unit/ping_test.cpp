@@ -63,7 +63,7 @@ struct network {
     int waits = 0;
     std::vector<std::string> options;
     std::vector<long> sleeps;
-    bool no_address = false; /* the resolver finds the host without one */
+    bool no_entry = false, no_address = false; /* the resolver finds none, or one without */
     int resolve_error = 0;
     bool descriptor_0 = false;
     int socket = -1; /* the last one */
@@ -95,7 +95,11 @@ static int fake_resolve_host(const char* host, const char* port, const addrinfo*
     EXPECT_EQ(IPPROTO_ICMP, hints->ai_protocol);
     EXPECT_EQ(nullptr, port);
     errno = ENOENT;
-    if (net.no_address || net.resolve_error != 0) {
+    if (net.no_address) {
+        *list = static_cast<addrinfo*>(calloc(1, sizeof(addrinfo)));
+        return 0;
+    }
+    if (net.no_entry || net.resolve_error != 0) {
         return net.resolve_error;
     }
     return resolve_host(host, port, hints, list);
@@ -325,7 +329,8 @@ TEST_F(Ping, PacketSizes) {
         run(1, 0, 77, s.data);
         EXPECT_EQ(s.packet, net.sent.at(0).size());
         EXPECT_NE(std::string::npos,
-                  take_log_text().find(" icmp package size: " + std::to_string(s.logged) + "\n"));
+                  take_log_text().find("5 ping: socket: " + std::to_string(net.socket) +
+                                       " icmp package size: " + std::to_string(s.logged) + "\n"));
     }
 }
 
@@ -345,10 +350,12 @@ TEST_F(Ping, WhatCannotBegin) {
     EXPECT_EQ("5 ping: getaddrinfo: ai_addr OK\n\n"
               "0 ping: socket error: Operation not permitted\n\n",
               take_log_text());
-    net.no_address = true;
-    EXPECT_EQ(nullptr, ping("192.0.2.1", 1000, 1, 0, 1));
-    EXPECT_EQ(0, errno);
-    EXPECT_EQ("0 ping: getaddrinfo: unknown address family\n\n", take_log_text());
+    for (bool* lack : {&net.no_entry, &net.no_address}) {
+        *lack = true;
+        EXPECT_EQ(nullptr, ping("192.0.2.1", 1000, 1, 0, 1));
+        EXPECT_EQ(0, errno);
+        EXPECT_EQ("0 ping: getaddrinfo: unknown address family\n\n", take_log_text());
+    }
     EXPECT_TRUE(net.sent.empty());
 }
 

@@ -316,7 +316,10 @@ TEST_F(PingChecker, WhatAModifyChanges) {
     EXPECT_EQ("Number of lost packages: 6 / Max value: 0", records[0].strings.at(0));
 }
 
+static const int first_interval = get_ping_check_interval();
+
 TEST_F(PingChecker, WhatCausesARound) {
+    EXPECT_EQ(31536000, first_interval);
     unsigned before = signals();
     add_ping(0, 9, host, 1, 2, 3, 4);
     add_ping(1, 9, nullptr, 1, 2, 3, 4);
@@ -331,6 +334,9 @@ TEST_F(PingChecker, WhatCausesARound) {
     EXPECT_EQ(before + 2, signals());
     rem_ping(1);
     EXPECT_EQ(before + 2, signals());
+    set_ping_check_interval(1234);
+    EXPECT_EQ(1234, get_ping_check_interval());
+    EXPECT_EQ(before + 3, signals());
 }
 
 TEST_F(PingChecker, Copies) {

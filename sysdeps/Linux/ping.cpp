@@ -63,13 +63,13 @@ int Sleep(int t) {
 
 /* --- sending --- */
 
+/* `packet` is all zero. */
 static void fill_request(char* packet, unsigned short size, unsigned short pid,
                          unsigned short sid) {
     const unsigned char type = ICMP_ECHO;
     icmp_ping_data data{};
     gettimeofday(&data.stime, nullptr);
     data.ping_id = 10;
-    memset(packet, 0, size);
     memcpy(packet, &type, sizeof type);
     memcpy(packet + 4, &pid, sizeof pid);
     memcpy(packet + 6, &sid, sizeof sid);
@@ -116,6 +116,12 @@ int recvfrom_wto(int sock, char* buf, unsigned int len, struct sockaddr* saddr, 
     auto microseconds = static_cast<long>(timo * 1000) - seconds * 1000000;
     leveledadd2log(5, "Starting select() with sec: %d usec %d timo: %f", static_cast<int>(seconds),
                    static_cast<int>(microseconds), timo);
+    /* Where many probes run, or one of this machine, there is something already. */
+    socklen_t address_size = sizeof(sockaddr_in);
+    ssize_t n = recvfrom(sock, buf, len, MSG_DONTWAIT, saddr, &address_size);
+    if (n != -1 || errno != EAGAIN) {
+        return static_cast<int>(n);
+    }
     pollfd waited = {sock, POLLIN, 0};
     timespec limit = {seconds, microseconds * 1000};
     errno = 0;
@@ -128,7 +134,6 @@ int recvfrom_wto(int sock, char* buf, unsigned int len, struct sockaddr* saddr, 
         leveledadd2log(0, "recvfrom_wto: socket: %d select: timed out, remines: %f\n", sock, timo);
         return 0;
     }
-    socklen_t address_size = sizeof(sockaddr_in);
     return static_cast<int>(recvfrom(sock, buf, len, 0, saddr, &address_size));
 }
 

@@ -34,7 +34,9 @@ namespace {
 std::mutex calls_mutex;
 std::string calls;               /* of the engine, one a line */
 std::vector<double> round_trips; /* what it answers; empty: null */
+std::atomic<bool> silent;        /* it does not, for the time being */
 std::atomic<int> running{0}, threads{0};
+std::vector<int> started; /* the tests, in the order of their threads */
 int create_error, init_error, detach_error, stack_error;
 size_t stack_size;
 
@@ -42,6 +44,9 @@ size_t stack_size;
 
 double* ping(const char* pDest, unsigned int nTimeout, int pCount, unsigned short ping_data_size,
              unsigned short instID) {
+    while (silent) {
+        std::this_thread::yield();
+    }
     std::lock_guard hold(calls_mutex);
     calls += std::string(pDest) + " " + std::to_string(nTimeout) + " " + std::to_string(pCount) +
              " " + std::to_string(ping_data_size) + " " + std::to_string(instID) + "\n";
@@ -68,6 +73,10 @@ static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* 
     pthread_attr_getstacksize(attr, &stack_size);
     if (create_error != 0) {
         return create_error;
+    }
+    {
+        std::lock_guard hold(calls_mutex);
+        started.push_back(static_cast<ping_data*>(arg)->tid);
     }
     threads++;
     running++;
@@ -101,7 +110,9 @@ protected:
     void SetUp() override {
         create_error = init_error = detach_error = stack_error = 0;
         round_trips = {1.0};
+        silent = false;
         calls.clear();
+        started.clear();
         threads = wake_ups = 0;
         take_log();
     }
@@ -110,6 +121,11 @@ protected:
             rem_ping(id);
         }
         take_records(get_ping_results);
+    }
+    /* Signals that the worker has got so far. */
+    static unsigned signals() {
+        lock hold(pinger.cond_mutex);
+        return pinger.wakes;
     }
     static std::vector<udc_content> round() {
         do_ping_check();
@@ -179,6 +195,8 @@ TEST_F(PingChecker, TheMeanHasSinglePrecision) {
     }
     EXPECT_EQ(static_cast<double>(sum / 3.0F), check({0.1, 0.2, 0.3}, 3, 0).d64.at(0));
     EXPECT_NE((0.1 + 0.2 + 0.3) / 3, check({0.1, 0.2, 0.3}, 3, 0).d64.at(0));
+    /* What is added is not: it is a little more than half of the sum's last digit. */
+    EXPECT_EQ(0x1.000002p-1, check({1.0, 0x1.0000004p-24}, 2, 0).d64.at(0));
 }
 
 /* The test id is the identifier, cut to 16 bits like the size. */
@@ -197,6 +215,29 @@ TEST_F(PingChecker, EveryTestHasItsThread) {
     EXPECT_EQ(5u, round().size());
     EXPECT_EQ(5, threads);
     EXPECT_EQ(WORKER_STACK_SIZE, stack_size);
+    EXPECT_EQ((std::vector<int>{1, 2, 3, 4, 5}), started);
+    started.clear();
+    rem_ping(2);
+    rem_ping(5);
+    EXPECT_EQ(3u, round().size());
+    EXPECT_EQ((std::vector<int>{1, 3, 4}), started);
+}
+
+/* A test whose thread still runs gets another; each reports. */
+TEST_F(PingChecker, RoundsDoNotWait) {
+    add_ping(1, 9, host, 0, 1, 1, 0);
+    silent = true;
+    do_ping_check();
+    do_ping_check();
+    EXPECT_EQ(2, threads);
+    EXPECT_EQ(2, running);
+    rem_ping(1); /* they have copies */
+    silent = false;
+    while (running != 0) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(2u, take_records(get_ping_results).size());
+    EXPECT_EQ(1, wake_ups); /* the second was not the first any more */
 }
 
 TEST_F(PingChecker, FirstResultsAreSentAtOnceAndOnlyThey) {
@@ -251,9 +292,6 @@ TEST_F(PingChecker, ListOperationsAndTheirLines) {
     add_ping(1, 8, host, 5, 5, 5, 5);
     char other[] = "h";
     mod_ping(1, 8, other, 5, 6, 7, 8);
-    EXPECT_STREQ("h", ping_data_list[0]->host);
-    EXPECT_EQ(6, ping_data_list[0]->p_count);
-    EXPECT_EQ(5, ping_data_list[0]->p_size);
     rem_ping(1);
     EXPECT_EQ("5 INFO: add_ping. Added test. tid:1, lid:9, host:'db.example', p_size:1, "
               "p_cpount:2, p_timeout:3, max_lost:4\n"
@@ -261,6 +299,44 @@ TEST_F(PingChecker, ListOperationsAndTheirLines) {
               "p_timeout:7, max_lost:8\n"
               "5 INFO: rem_ping. Removed test. tid:1\n",
               take_log_text());
+}
+
+TEST_F(PingChecker, WhatAModifyChanges) {
+    char other[] = "h";
+    add_ping(1, 9, host, 1, 2, 3, 4);
+    host[0] = 'x'; /* the list keeps copies */
+    round();
+    mod_ping(1, 8, other, 5, 6, 7, 0);
+    other[0] = 'x';
+    round_trips = {0.0};
+    auto records = round();
+    EXPECT_EQ("db.example 3 2 1 1\nh 7 6 5 1\n", calls);
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ((std::vector<uint32_t>{48, 1, 8, 2, 6}), records[0].ui32);
+    EXPECT_EQ("Number of lost packages: 6 / Max value: 0", records[0].strings.at(0));
+}
+
+static const int first_interval = get_ping_check_interval();
+
+TEST_F(PingChecker, WhatCausesARound) {
+    EXPECT_EQ(31536000, first_interval);
+    unsigned before = signals();
+    add_ping(0, 9, host, 1, 2, 3, 4);
+    add_ping(1, 9, nullptr, 1, 2, 3, 4);
+    mod_ping(1, 9, host, 1, 2, 3, 4);
+    rem_ping(1);
+    EXPECT_EQ(before, signals());
+    add_ping(1, 9, host, 1, 2, 3, 4);
+    EXPECT_EQ(before + 1, signals());
+    add_ping(1, 9, host, 1, 2, 3, 4);
+    EXPECT_EQ(before + 1, signals());
+    mod_ping(1, 9, host, 1, 2, 3, 4);
+    EXPECT_EQ(before + 2, signals());
+    rem_ping(1);
+    EXPECT_EQ(before + 2, signals());
+    set_ping_check_interval(1234);
+    EXPECT_EQ(1234, get_ping_check_interval());
+    EXPECT_EQ(before + 3, signals());
 }
 
 TEST_F(PingChecker, Copies) {

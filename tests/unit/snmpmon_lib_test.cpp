@@ -180,8 +180,7 @@ static void tell_error(netsnmp_session*, int* system, int* library, char** text)
 class snmp_session_test : public testing::Test {
 protected:
     void SetUp() override {
-        library_directory.clear();
-        if (!init_snmp_lib()) {
+        if (!bound_) {
             GTEST_SKIP() << "no SNMP library on this host";
         }
         open_called = open_fails = false;
@@ -225,6 +224,7 @@ protected:
 
     snmp_def definition_ = {};
     char* error_ = nullptr;
+    int bound_ = (library_directory.clear(), init_snmp_lib()); /* before anything is replaced */
     in_place_of<decltype(libpo_snmp_open)> open_{libpo_snmp_open, note_open};
     in_place_of<decltype(libpo_generate_Ku)> key_{libpo_generate_Ku, note_key};
     in_place_of<decltype(libpo_snmp_error)> text_{libpo_snmp_error, tell_error};

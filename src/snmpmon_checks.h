@@ -84,7 +84,7 @@ void escape_data(char** src);
 
 /* Finds the columns of the table that `root` names, by the table's OID or that of its entry. On
  * success *rootlen > 0 and `root` (MAX_OID_LEN long) is the entry's OID, *clmn a malloc'd array of
- * *fields columns in the order of the MIB tree, those included that cannot be read (free_columns).
+ * *fields columns by their sub-identifier, those included that cannot be read (free_columns).
  * Where the MIB tree has no such node, or it has no children, or children of an entry that have
  * children themselves, *fields is 0 and *clmn null.
  *

@@ -80,10 +80,9 @@ int init_defaults();
  * locks may have been held by another thread when it was forked.
  *
  * SNMPv3 (any version but SNMPv1 and SNMPv2c) authenticates always, with HMAC-MD5 or HMAC-SHA1, and
- * encrypts with DES or AES when there is a privacy pass phrase. With privacy, no authentication key
- * is derived: the library has to find one elsewhere (defAuthPassphrase of its own configuration)
- * or refuses the session. It asks the agent for its engine id while it opens, which takes as long
- * as a request. */
+ * encrypts with DES or AES when there is a privacy pass phrase. With privacy no authentication key
+ * is derived, as the server has always had it: agents answer that authentication failed. An SNMPv3
+ * session asks the agent for its engine id while it opens, which takes as long as a request. */
 netsnmp_session* init_session(snmp_def* p, netsnmp_session* session, char** error);
 
 #endif

@@ -69,6 +69,8 @@ void get_field_names(oid* root, size_t* rootlen, char** table_name, column** clm
     for (const tree* child = entry->child_list; child != nullptr; child = child->next_peer) {
         (*clmn)[(*fields)++] = {child->subid, strdup(child->label), child->type, 0};
     }
+    /* The tree keeps children in no particular order. */
+    std::ranges::sort(std::span(*clmn, count), {}, &column::subid);
 }
 
 UDC* get_column_list(column* clm, int fields) {

@@ -19,7 +19,7 @@ static const int ECHO_TIMEOUT_MS = 1000;
 static const char SYSTEM_DESCRIPTION[] = "1.3.6.1.2.1.1.1.0",
                   SYSTEM_OBJECT_ID[] = "1.3.6.1.2.1.1.2.0", SYSTEM_NAME[] = "1.3.6.1.2.1.1.5.0";
 
-/* Room for the record and the fork of a query. */
+/* The child of a query runs the SNMP library on the stack of its scan thread. */
 static const size_t SCAN_STACK_SIZE = std::max<size_t>(0x36000, WORKER_STACK_SIZE);
 
 static constinit checker discoverer = {

@@ -356,7 +356,7 @@ TEST_F(Discovery, ZeroIsSkippedWhereTheRangeRollsOver) {
 
 TEST_F(Discovery, RangesWithoutAddresses) {
     expect_finished_at_once("10.0.0.1", "10.0.0.1");
-    expect_finished_at_once("0.0.0.0", "10.0.0.1");
+    expect_finished_at_once("0.0.0.0", "0.0.0.3");
     expect_finished_at_once("255.255.255.0", "255.255.255.9");
     expect_finished_at_once("10.0.0.x", "10.0.0.9");
     expect_finished_at_once("10.0.0.1", "10.0.0.999");
@@ -795,8 +795,8 @@ TEST_F(Discovery, Results) {
     EXPECT_EQ(0, get_ndis_results(&data, &size));
 }
 
-/* The tests from here on run the one worker that the process has. Everything at once from several
- * threads, with scans in flight; the sanitizers watch. */
+/* In one test, because the worker starts only once in a process. At last everything at once from
+ * several threads, with scans in flight; the sanitizers watch. */
 TEST_F(Discovery, WorkerAndChangesDuringScans) {
     EXPECT_EQ(31536000, get_ndis_check_interval());
     alive["10.0.0.3"] = 1.0;

@@ -44,8 +44,11 @@ class Snmpd:
             env={"PATH": os.environ["PATH"], "SNMP_PERSISTENT_DIR": directory},
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         test.addCleanup(self.end)
-        if not addresses:
-            harness.wait_until(self.answers, "snmpd's answer")
+        harness.wait_until(self.listens if addresses else self.answers, "snmpd's answer")
+
+    def listens(self):
+        """On the standard port, wherever it runs."""
+        return ":%04X " % 161 in harness.read_text("/proc/%d/net/udp" % self.process.pid)
 
     def answers(self):
         """Asks for the time since the start, by version 1 and community public."""

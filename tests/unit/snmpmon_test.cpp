@@ -73,6 +73,7 @@ struct shared_page {
     std::atomic<int> children;
     std::atomic<int> may_go_on;
     std::atomic<int> hung_child;
+    std::atomic<int> bulk_walks;
 };
 shared_page* page = static_cast<shared_page*>(
     mmap(nullptr, sizeof(shared_page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -187,6 +188,7 @@ char* do_single_full_walk_check(snmp_def* def) {
     return answer(def, "walk", def->oid_string);
 }
 char* do_single_full_walk_bulk_check(snmp_def* def) {
+    page->bulk_walks++;
     return answer(def, "bulk walk", def->oid_string);
 }
 
@@ -347,7 +349,7 @@ protected:
 
     void SetUp() override {
         snmp_lib_status = 1;
-        page->children = page->may_go_on = page->hung_child = 0;
+        page->children = page->may_go_on = page->hung_child = page->bulk_walks = 0;
         wake_ups = threads = forks = 0;
         take_log();
         take_notes();
@@ -714,6 +716,7 @@ TEST_F(snmpmon, every_kind_of_test_calls_its_check_and_walks_send_nothing) {
             rem_snmp(tid);
         }
     }
+    EXPECT_EQ(page->bulk_walks, 1);
     EXPECT_EQ(page->children, 6) << "an unknown kind asks nothing";
 }
 
@@ -987,6 +990,11 @@ TEST_F(snmpmon, a_child_is_a_fresh_process) {
         "leader 1 default 1 pipe 1 blocked 0 death " + std::to_string(SIGKILL) + " log -1";
     EXPECT_EQ(take_results(), process + process);
     EXPECT_EQ(log_level, 6);
+    char* text = nullptr;
+    int length = 0;
+    get_snmp_values(make(w), &text, &length);
+    EXPECT_EQ(std::string(text, static_cast<size_t>(length)), process);
+    free(text);
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGHUP), 0) << "blocked for the fork only";
@@ -1079,7 +1087,7 @@ TEST_F(snmpmon, pipes_carry_what_is_written_while_it_is_read) {
         test_pipe p;
         std::string sent(size, '\0');
         for (size_t i = 0; i < size; i++) {
-            sent[i] = static_cast<char>(i * 7);
+            sent[i] = static_cast<char>(i * 7 + i / 251);
         }
         std::thread writer([&] {
             EXPECT_EQ(write_to_pipe(p.write_end.get(), sent.data(), static_cast<int>(size)), 1);

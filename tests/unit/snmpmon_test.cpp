@@ -227,10 +227,15 @@ pid_t fake_gated_fork() {
     return fork_fails ? (errno = EAGAIN, -1) : gated_fork();
 }
 int fake_resolve_host(const char* host, const char* port, const addrinfo* hints, addrinfo** list) {
+    bool ipv6 = hints->ai_family == AF_INET6;
     note("resolve " + std::string(host) + (port == nullptr ? "" : " with a port") +
-         (hints->ai_family == AF_INET && hints->ai_socktype == SOCK_DGRAM ? "" : " oddly"));
-    if (strcmp(host, "nowhere") == 0) {
+         (ipv6 ? " as IPv6" : "") +
+         (hints->ai_family != AF_UNSPEC && hints->ai_socktype == SOCK_DGRAM ? "" : " oddly"));
+    if (strcmp(host, "nowhere") == 0 || (strcmp(host, "name6") == 0 && !ipv6)) {
         return EAI_NONAME;
+    }
+    if (ipv6) {
+        return getaddrinfo("2001:db8::1", port, hints, list);
     }
     return getaddrinfo("127.9.8.7", port, hints, list);
 }
@@ -782,11 +787,9 @@ TEST_F(snmpmon, addresses_share_a_thread_and_names_get_one_and_its_waiter) {
 
 TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
     const char* const hosts[][2] = {
-        {"name", "name 127.9.8.7"},
-        {"127.1", "127.1 127.9.8.7"},
-        {"nowhere", "nowhere "},
-        {"192.0.2.1", "192.0.2.1 null"},
-        {"", " null"},
+        {"name", "name 127.9.8.7"},        {"name6", "name6 2001:db8::1"},
+        {"127.1", "127.1 127.9.8.7"},      {"nowhere", "nowhere "},
+        {"192.0.2.1", "192.0.2.1 null"},   {"", " null"},
         {"udp6:[::1]", "udp6:[::1] null"},
     };
     for (auto [host, expected] : hosts) {
@@ -796,6 +799,7 @@ TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
         add(w);
         run_pass();
         EXPECT_EQ(take_results(), expected);
+        take_notes();
         snmp_def* query = make(w);
         char* text = nullptr;
         int length = 0;
@@ -803,6 +807,19 @@ TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
         ASSERT_NE(text, nullptr);
         EXPECT_EQ(std::string(text, static_cast<size_t>(length)), expected);
         free(text);
+        const std::string name = host, looked_up = take_notes();
+        snmp_def* asked = make(w);
+        const bool needed = snmp_needs_lookup(asked) != 0;
+        free_snmp_def(&asked);
+        EXPECT_EQ(needed,
+                  name == "name" || name == "name6" || name == "nowhere" || name == "127.1");
+        if (needed) {
+            const bool twice = name == "name6" || name == "nowhere";
+            EXPECT_EQ(looked_up,
+                      "resolve " + name + (twice ? "\nresolve " + name + " as IPv6\n" : "\n"));
+        } else {
+            EXPECT_EQ(looked_up, "");
+        }
         rem_snmp(1);
     }
 }

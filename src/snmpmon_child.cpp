@@ -151,8 +151,8 @@ static void close_descriptors(unsigned first, unsigned last) {
     if (first > last || close_range(first, last, 0) == 0) {
         return;
     }
-    long limit = std::min(sysconf(_SC_OPEN_MAX), MOST_DESCRIPTORS);
-    for (long fd = first; fd <= last && fd < limit; fd++) {
+    long limit = sysconf(_SC_OPEN_MAX); /* below 0: none */
+    for (long fd = first; fd <= last && fd != limit && fd < MOST_DESCRIPTORS; fd++) {
         close(static_cast<int>(fd));
     }
 }

@@ -151,8 +151,8 @@ static void close_descriptors(unsigned first, unsigned last) {
     if (first > last || close_range(first, last, 0) == 0) {
         return;
     }
-    long limit = std::min(sysconf(_SC_OPEN_MAX), MOST_DESCRIPTORS);
-    for (long fd = first; fd <= last && fd < limit; fd++) {
+    long limit = sysconf(_SC_OPEN_MAX); /* below 0: none */
+    for (long fd = first; fd <= last && fd != limit && fd < MOST_DESCRIPTORS; fd++) {
         close(static_cast<int>(fd));
     }
 }
@@ -216,19 +216,30 @@ int snmp_needs_lookup(const snmp_def* def) {
            inet_pton(AF_INET, host, &address) != 1;
 }
 
-/* Where the name leads; empty when there is no such host. */
-static char* look_up(const char* name) {
+/* The first address of the family, numeric; null when there is none. */
+static char* look_up(const char* name, int family) {
     addrinfo hints = {};
-    hints.ai_family = AF_INET;
+    hints.ai_family = family;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* list = nullptr;
-    char text[INET_ADDRSTRLEN] = "";
-    if (resolve_host(name, nullptr, &hints, &list) == 0) {
-        auto* found = reinterpret_cast<sockaddr_in*>(list->ai_addr);
-        inet_ntop(AF_INET, &found->sin_addr, text, sizeof text);
-        freeaddrinfo(list);
+    if (resolve_host(name, nullptr, &hints, &list) != 0) {
+        return nullptr;
     }
+    char text[NI_MAXHOST] = "";
+    getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    freeaddrinfo(list);
     return strdup(text);
+}
+
+/* Where the name leads, empty when there is no such host. IPv6 is for hosts without IPv4, as the
+ * library has it. */
+static char* find_address(const char* name) {
+    for (int family : {AF_INET, AF_INET6}) {
+        if (char* address = look_up(name, family)) {
+            return address;
+        }
+    }
+    return strdup("");
 }
 
 /* Forks with all signals blocked, so that none meets the agent's handlers in the child. */
@@ -323,7 +334,7 @@ static void begin_query(running_query& q) {
 static bool make_one_query(snmp_def* def, char** buffer, int* buffer_len) {
     if (snmp_needs_lookup(def)) {
         free(def->address);
-        def->address = look_up(def->host);
+        def->address = find_address(def->host);
     }
     running_query q;
     q.def = def;

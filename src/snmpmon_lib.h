@@ -10,7 +10,7 @@
 #ifndef VINDRAL_SNMPMON_LIB_H
 #define VINDRAL_SNMPMON_LIB_H
 
-#include "snmpmon.h"
+#include "snmpmon_def.h"
 
 // clang-format off
 #include <net-snmp/net-snmp-config.h>

@@ -286,7 +286,7 @@ TEST(fork_gate, children_of_busy_threads_find_no_lock_taken) {
     resolve();
 
     const char* wanted = getenv("VINDRAL_FORKS");
-    const int forks = wanted != nullptr ? atoi(wanted) : 300;
+    const int forks = wanted != nullptr ? atoi(wanted) : 150;
     std::atomic<bool> end{false};
     std::vector<std::thread> busy;
     size_t descriptors = open_descriptors();

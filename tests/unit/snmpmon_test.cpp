@@ -73,6 +73,7 @@ struct shared_page {
     std::atomic<int> children;
     std::atomic<int> may_go_on;
     std::atomic<int> hung_child;
+    std::atomic<int> bulk_walks;
 };
 shared_page* page = static_cast<shared_page*>(
     mmap(nullptr, sizeof(shared_page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -187,6 +188,7 @@ char* do_single_full_walk_check(snmp_def* def) {
     return answer(def, "walk", def->oid_string);
 }
 char* do_single_full_walk_bulk_check(snmp_def* def) {
+    page->bulk_walks++;
     return answer(def, "bulk walk", def->oid_string);
 }
 
@@ -225,10 +227,15 @@ pid_t fake_gated_fork() {
     return fork_fails ? (errno = EAGAIN, -1) : gated_fork();
 }
 int fake_resolve_host(const char* host, const char* port, const addrinfo* hints, addrinfo** list) {
+    bool ipv6 = hints->ai_family == AF_INET6;
     note("resolve " + std::string(host) + (port == nullptr ? "" : " with a port") +
-         (hints->ai_family == AF_INET && hints->ai_socktype == SOCK_DGRAM ? "" : " oddly"));
-    if (strcmp(host, "nowhere") == 0) {
+         (ipv6 ? " as IPv6" : "") +
+         (hints->ai_family != AF_UNSPEC && hints->ai_socktype == SOCK_DGRAM ? "" : " oddly"));
+    if (strcmp(host, "nowhere") == 0 || (strcmp(host, "name6") == 0 && !ipv6)) {
         return EAI_NONAME;
+    }
+    if (ipv6) {
+        return getaddrinfo("2001:db8::1", port, hints, list);
     }
     return getaddrinfo("127.9.8.7", port, hints, list);
 }
@@ -347,7 +354,7 @@ protected:
 
     void SetUp() override {
         snmp_lib_status = 1;
-        page->children = page->may_go_on = page->hung_child = 0;
+        page->children = page->may_go_on = page->hung_child = page->bulk_walks = 0;
         wake_ups = threads = forks = 0;
         take_log();
         take_notes();
@@ -714,6 +721,7 @@ TEST_F(snmpmon, every_kind_of_test_calls_its_check_and_walks_send_nothing) {
             rem_snmp(tid);
         }
     }
+    EXPECT_EQ(page->bulk_walks, 1);
     EXPECT_EQ(page->children, 6) << "an unknown kind asks nothing";
 }
 
@@ -779,11 +787,9 @@ TEST_F(snmpmon, addresses_share_a_thread_and_names_get_one_and_its_waiter) {
 
 TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
     const char* const hosts[][2] = {
-        {"name", "name 127.9.8.7"},
-        {"127.1", "127.1 127.9.8.7"},
-        {"nowhere", "nowhere "},
-        {"192.0.2.1", "192.0.2.1 null"},
-        {"", " null"},
+        {"name", "name 127.9.8.7"},        {"name6", "name6 2001:db8::1"},
+        {"127.1", "127.1 127.9.8.7"},      {"nowhere", "nowhere "},
+        {"192.0.2.1", "192.0.2.1 null"},   {"", " null"},
         {"udp6:[::1]", "udp6:[::1] null"},
     };
     for (auto [host, expected] : hosts) {
@@ -793,6 +799,7 @@ TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
         add(w);
         run_pass();
         EXPECT_EQ(take_results(), expected);
+        take_notes();
         snmp_def* query = make(w);
         char* text = nullptr;
         int length = 0;
@@ -800,6 +807,19 @@ TEST_F(snmpmon, a_name_is_looked_up_for_the_child) {
         ASSERT_NE(text, nullptr);
         EXPECT_EQ(std::string(text, static_cast<size_t>(length)), expected);
         free(text);
+        const std::string name = host, looked_up = take_notes();
+        snmp_def* asked = make(w);
+        const bool needed = snmp_needs_lookup(asked) != 0;
+        free_snmp_def(&asked);
+        EXPECT_EQ(needed,
+                  name == "name" || name == "name6" || name == "nowhere" || name == "127.1");
+        if (needed) {
+            const bool twice = name == "name6" || name == "nowhere";
+            EXPECT_EQ(looked_up,
+                      "resolve " + name + (twice ? "\nresolve " + name + " as IPv6\n" : "\n"));
+        } else {
+            EXPECT_EQ(looked_up, "");
+        }
         rem_snmp(1);
     }
 }
@@ -987,6 +1007,11 @@ TEST_F(snmpmon, a_child_is_a_fresh_process) {
         "leader 1 default 1 pipe 1 blocked 0 death " + std::to_string(SIGKILL) + " log -1";
     EXPECT_EQ(take_results(), process + process);
     EXPECT_EQ(log_level, 6);
+    char* text = nullptr;
+    int length = 0;
+    get_snmp_values(make(w), &text, &length);
+    EXPECT_EQ(std::string(text, static_cast<size_t>(length)), process);
+    free(text);
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGHUP), 0) << "blocked for the fork only";
@@ -1079,7 +1104,7 @@ TEST_F(snmpmon, pipes_carry_what_is_written_while_it_is_read) {
         test_pipe p;
         std::string sent(size, '\0');
         for (size_t i = 0; i < size; i++) {
-            sent[i] = static_cast<char>(i * 7);
+            sent[i] = static_cast<char>(i * 7 + i / 251);
         }
         std::thread writer([&] {
             EXPECT_EQ(write_to_pipe(p.write_end.get(), sent.data(), static_cast<int>(size)), 1);

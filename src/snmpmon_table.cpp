@@ -48,7 +48,8 @@ void get_field_names(oid* root, size_t* rootlen, char** table_name, column** clm
     *fields = 0;
     *table_name = table_name_text(root, *rootlen).release();
     const tree* entry = exact_node(root, *rootlen);
-    if (has_children(entry) && has_children(entry->child_list) && *rootlen < MAX_OID_LEN) {
+    if (has_children(entry) && has_children(entry->child_list) &&
+        entry->child_list->next_peer == nullptr && *rootlen < MAX_OID_LEN) {
         entry = entry->child_list;
         root[(*rootlen)++] = entry->subid;
     }
@@ -291,16 +292,20 @@ static bool continues_column(const table_walk& walk, int c, const netsnmp_variab
 }
 
 /* Takes the values of a response, which come in rounds over the columns asked for. Returns how
- * many belong to the table, or -1 when memory is short. */
+ * many columns have moved on or ended, one per variable, or -1 when memory is short. */
 static int take_values(table_walk& walk, const netsnmp_pdu* response) {
     size_t prefix = walk.entry_length + 1;
-    int taken = 0;
+    int progress = 0;
     size_t i = 0;
     for (const auto* variable = response->variables; variable != nullptr;
          variable = variable->next_variable) {
         int c = walk.asked.get()[i++ % walk.asked_count];
         column_walk& at = walk.walks.get()[c];
-        at.ended = at.ended || !continues_column(walk, c, variable);
+        if (at.ended) {
+            continue;
+        }
+        progress++;
+        at.ended = !continues_column(walk, c, variable);
         if (at.ended) {
             continue;
         }
@@ -313,9 +318,8 @@ static int take_values(table_walk& walk, const netsnmp_pdu* response) {
         }
         memcpy(at.last, variable->name, variable->name_length * sizeof(oid));
         at.last_length = variable->name_length;
-        taken++;
     }
-    return taken;
+    return progress;
 }
 
 static heap_text table_packet_error(const netsnmp_pdu* response) {
@@ -329,10 +333,10 @@ static bool all_ended(const table_walk& walk) {
                                &column_walk::ended);
 }
 
-/* Asks until a response brings nothing more of the table. */
+/* Asks until every column has ended, or a response brings nothing at all. */
 static table_outcome gather(table_walk& walk, netsnmp_session* session, const int* bulk) {
-    int taken = 1;
-    while (taken > 0 && !all_ended(walk)) {
+    int progress = 1;
+    while (progress > 0 && !all_ended(walk)) {
         exchange answer = ask(session, request_columns(walk, bulk), "Timeout: No Response from");
         if (!answer.response) {
             return table_failed(std::move(answer.error), true);
@@ -340,12 +344,12 @@ static table_outcome gather(table_walk& walk, netsnmp_session* session, const in
         if (answer.response->errstat != SNMP_ERR_NOERROR) {
             return table_failed(table_packet_error(answer.response.get()), false);
         }
-        taken = take_values(walk, answer.response.get());
+        progress = take_values(walk, answer.response.get());
         if (is_too_large(walk)) {
             return table_failed(format_text("Result is too large"), true);
         }
     }
-    if (taken < 0) {
+    if (progress < 0) {
         return table_failed(format_text("Unknown error"), true);
     }
     sort_cells(walk);

@@ -1,6 +1,6 @@
 #include "snmpmon_checks.h"
 
-#include <algorithm>
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -155,6 +155,24 @@ heap_text escaped(heap_text text) {
     char* raw = text.release();
     escape_data(&raw);
     return heap_text(raw);
+}
+
+bool growing::append(const void* data, size_t length) {
+    if (length > capacity - size) {
+        size_t wanted = std::bit_ceil(size + length);
+        void* grown = realloc(bytes.get(), wanted);
+        if (grown == nullptr) {
+            return false;
+        }
+        (void)bytes.release();
+        bytes.reset(static_cast<char*>(grown));
+        capacity = wanted;
+    }
+    if (length > 0) {
+        memcpy(bytes.get() + size, data, length);
+    }
+    size += length;
+    return true;
 }
 
 /* --- the library's texts and answers ------------------------------------------------------------
@@ -497,12 +515,12 @@ struct subtree_walk {
     size_t root_length = 0;
     oid last[MAX_OID_LEN] = {};
     size_t last_length = 0;
-    bdata* lines = nullptr;
+    growing lines = {};
 };
 
 static void add_line(subtree_walk& walk, const heap_text& line) {
     if (line) {
-        bdata_append(&walk.lines, line.get(), strlen(line.get()));
+        walk.lines.append(line.get(), strlen(line.get()));
     }
 }
 
@@ -539,7 +557,7 @@ static bool take_variable(subtree_walk& walk, const exchange& answer,
                  WALK_ENDED);
         return false;
     }
-    if (walk.lines != nullptr && walk.lines->data_size > MAX_SNMP_TEXT) {
+    if (walk.lines.size > MAX_SNMP_TEXT) {
         end_walk(walk, answer.started, format_text("Result is too large"), WALK_ENDED);
         return false;
     }
@@ -605,14 +623,7 @@ static void run_walk(subtree_walk& walk, snmp_def& test) {
 static char* walk_lines(snmp_def& test, const int* bulk) {
     subtree_walk walk = {.test = test, .bulk = bulk};
     run_walk(walk, test);
-    bdata_append(&walk.lines, "", 1);
-    if (walk.lines == nullptr) {
-        return nullptr;
-    }
-    heap_text lines(walk.lines->data_buffer);
-    walk.lines->data_size = 0;
-    bdata_free(&walk.lines);
-    return lines.release();
+    return walk.lines.append("", 1) ? walk.lines.bytes.release() : nullptr;
 }
 
 char* do_single_full_walk_check(snmp_def* def_snmp) {

@@ -11,7 +11,8 @@
  *   - a request that an agent refuses is repeated without the variable at fault at most as often as
  *     the test has OIDs;
  *   - in a table, a value outside its column, an exception, and an OID that does not increase end
- *     their column; a response without any value that belongs to the table ends the table;
+ *     their column; a column that a response leaves out is asked for again, but a response without
+ *     any variable ends the table;
  *   - a walk ends with the first OID that does not increase and with an empty response;
  *   - a result beyond MAX_SNMP_TEXT bytes or MAX_SNMP_CELLS cells ends the check with the text
  *     "Result is too large".
@@ -37,7 +38,6 @@
 #include "guards.h"
 #include "snmpmon_lib.h"
 #include "udc.h"
-#include "vindral_common.h"
 
 #include <memory>
 
@@ -82,11 +82,13 @@ int process_vars(netsnmp_variable_list* vars_ret, int* _type, char** _sval, long
  * has always been sent it so. Null is left alone. */
 void escape_data(char** src);
 
-/* Finds the columns of the table that `root` names, by the table's OID or that of its entry. On
- * success *rootlen > 0 and `root` (MAX_OID_LEN long) is the entry's OID, *clmn a malloc'd array of
- * *fields columns by their sub-identifier, those included that cannot be read (free_columns).
- * Where the MIB tree has no such node, or it has no children, or children of an entry that have
- * children themselves, *fields is 0 and *clmn null.
+/* Finds the columns of the table that `root` (MAX_OID_LEN long) names, by the table's OID or that
+ * of its entry: a node whose only child has children is a table, that child is its entry, and the
+ * entry's children are the columns. A group of plain objects passes for an entry.
+ *
+ * On success `root` is the entry's OID and *clmn a malloc'd array of *fields columns (free_columns)
+ * by their sub-identifiers, those included that cannot be read. *fields is 0 and *clmn null when
+ * the MIB tree has no such node, or it has no children, or children that have children.
  *
  * *table_name receives the printed OID as it was given, malloc'd: "[TRUNCATED]" when it cannot be
  * printed whole, null when there is nothing. */
@@ -109,6 +111,16 @@ char* get_type_desc(int vType);
 heap_text format_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 heap_text escaped(heap_text text);
+
+/* Bytes that grow at their end. */
+struct growing {
+    heap<char> bytes;
+    size_t size = 0;
+    size_t capacity = 0;
+
+    /* Returns false with nothing changed when memory is short. */
+    bool append(const void* data, size_t length);
+};
 
 /* As the library prints them, not escaped; null when memory runs out. */
 heap_text print_oid(const oid* name, size_t length);

@@ -48,7 +48,8 @@ void get_field_names(oid* root, size_t* rootlen, char** table_name, column** clm
     *fields = 0;
     *table_name = table_name_text(root, *rootlen).release();
     const tree* entry = exact_node(root, *rootlen);
-    if (has_children(entry) && has_children(entry->child_list) && *rootlen < MAX_OID_LEN) {
+    if (has_children(entry) && has_children(entry->child_list) &&
+        entry->child_list->next_peer == nullptr && *rootlen < MAX_OID_LEN) {
         entry = entry->child_list;
         root[(*rootlen)++] = entry->subid;
     }
@@ -116,75 +117,56 @@ struct table_walk {
     heap<column_walk> walks; /* one per column */
     heap<int> asked;         /* the columns in the current request, */
     size_t asked_count = 0;  /* in its order */
-    bdata* cells = nullptr;  /* of table_cell */
-    bdata* rows = nullptr;   /* of oid */
-    bdata* texts = nullptr;  /* with their NULs */
+    growing cells;           /* of table_cell */
+    growing rows;            /* of oid */
+    growing texts;           /* with their NULs */
 
     table_walk() = default;
-    ~table_walk() {
-        free_columns(&columns, fields);
-        bdata_free(&cells);
-        bdata_free(&rows);
-        bdata_free(&texts);
-    }
+    ~table_walk() { free_columns(&columns, fields); }
     table_walk(const table_walk&) = delete;
     table_walk& operator=(const table_walk&) = delete;
 };
 
-/* What `buffer` holds as values of a type. */
-template <typename T>
-static std::span<T> contents(const bdata* buffer) {
-    return buffer != nullptr
-               ? std::span(reinterpret_cast<T*>(buffer->data_buffer), buffer->data_size / sizeof(T))
-               : std::span<T>();
-}
-
-static size_t size_of(const bdata* buffer) {
-    return buffer != nullptr ? buffer->data_size : 0;
+static std::span<table_cell> cells_of(const table_walk& walk) {
+    return {reinterpret_cast<table_cell*>(walk.cells.bytes.get()),
+            walk.cells.size / sizeof(table_cell)};
 }
 
 static std::span<const oid> row_of(const table_walk& walk, const table_cell& cell) {
-    return contents<oid>(walk.rows).subspan(cell.row_at, cell.row_length);
-}
-
-/* Returns false when memory is short. */
-static bool append(bdata*& buffer, const void* bytes, size_t length) {
-    size_t before = size_of(buffer);
-    bdata_append(&buffer, static_cast<const char*>(bytes), length);
-    return size_of(buffer) == before + length;
+    return {reinterpret_cast<const oid*>(walk.rows.bytes.get()) + cell.row_at, cell.row_length};
 }
 
 /* Finds a place for a row's index. In most tables the cells of a response have the same one, which
  * is then kept once. Returns false when memory is short. */
 static bool keep_row(table_walk& walk, std::span<const oid> row, uint32_t& row_at) {
-    std::span<table_cell> cells = contents<table_cell>(walk.cells);
+    std::span<table_cell> cells = cells_of(walk);
     if (!cells.empty() && std::ranges::equal(row_of(walk, cells.back()), row)) {
         row_at = cells.back().row_at;
         return true;
     }
-    row_at = static_cast<uint32_t>(size_of(walk.rows) / sizeof(oid));
-    return append(walk.rows, row.data(), row.size_bytes());
+    row_at = static_cast<uint32_t>(walk.rows.size / sizeof(oid));
+    return walk.rows.append(row.data(), row.size_bytes());
 }
 
 static bool is_too_large(const table_walk& walk) {
-    return size_of(walk.texts) + size_of(walk.rows) > MAX_SNMP_TEXT ||
-           contents<table_cell>(walk.cells).size() > MAX_SNMP_CELLS;
+    return walk.texts.size + walk.rows.size > MAX_SNMP_TEXT ||
+           cells_of(walk).size() > MAX_SNMP_CELLS;
 }
 
 /* Returns false when memory is short. */
 static bool keep_cell(table_walk& walk, int column, std::span<const oid> row,
                       const netsnmp_variable_list* variable) {
     heap_text text = escaped(print_value(variable));
-    table_cell cell = {0, static_cast<uint32_t>(row.size()),
-                       static_cast<uint32_t>(size_of(walk.texts)), column};
+    table_cell cell = {0, static_cast<uint32_t>(row.size()), static_cast<uint32_t>(walk.texts.size),
+                       column};
     return text && keep_row(walk, row, cell.row_at) &&
-           append(walk.texts, text.get(), strlen(text.get()) + 1) &&
-           append(walk.cells, &cell, sizeof cell);
+           walk.texts.append(text.get(), strlen(text.get()) + 1) &&
+           walk.cells.append(&cell, sizeof cell);
 }
 
 /* By row, then by column: as the record has them. */
 static void sort_cells(const table_walk& walk) {
-    std::span<table_cell> cells = contents<table_cell>(walk.cells);
+    std::span<table_cell> cells = cells_of(walk);
     auto precedes = [&walk](const table_cell& a, const table_cell& b) {
         std::span<const oid> row_a = row_of(walk, a), row_b = row_of(walk, b);
         if (row_a.data() == row_b.data() || std::ranges::equal(row_a, row_b)) {
@@ -198,7 +180,7 @@ static void sort_cells(const table_walk& walk) {
 }
 
 static size_t count_rows(const table_walk& walk) {
-    std::span<table_cell> cells = contents<table_cell>(walk.cells);
+    std::span<table_cell> cells = cells_of(walk);
     size_t rows = 0;
     for (size_t i = 0; i < cells.size(); i++) {
         rows += i == 0 || !std::ranges::equal(row_of(walk, cells[i]), row_of(walk, cells[i - 1]));
@@ -208,7 +190,7 @@ static size_t count_rows(const table_walk& walk) {
 
 /* The record of all cells; null when there is none. The cells are sorted. */
 static heap<UDC> cell_list(const table_walk& walk, size_t rows) {
-    std::span<table_cell> cells = contents<table_cell>(walk.cells);
+    std::span<table_cell> cells = cells_of(walk);
     auto count = static_cast<uint32_t>(rows * static_cast<size_t>(walk.fields));
     UDCW* list = nullptr;
     if (count == 0 || !create_new_udcw(&list, 0, 2 * count, 0, 0, 0, count)) {
@@ -221,7 +203,7 @@ static heap<UDC> cell_list(const table_walk& walk, size_t rows) {
             const char* text = "";
             if (at < cells.size() && cells[at].column == c &&
                 std::ranges::equal(row_of(walk, cells[at]), row)) {
-                text = walk.texts->data_buffer + cells[at++].text_at;
+                text = walk.texts.bytes.get() + cells[at++].text_at;
             }
             udcw_add(list, UDC_UI32, r);
             udcw_add(list, UDC_UI32, c);
@@ -291,16 +273,20 @@ static bool continues_column(const table_walk& walk, int c, const netsnmp_variab
 }
 
 /* Takes the values of a response, which come in rounds over the columns asked for. Returns how
- * many belong to the table, or -1 when memory is short. */
+ * many columns have moved on or ended, one per variable, or -1 when memory is short. */
 static int take_values(table_walk& walk, const netsnmp_pdu* response) {
     size_t prefix = walk.entry_length + 1;
-    int taken = 0;
+    int progress = 0;
     size_t i = 0;
     for (const auto* variable = response->variables; variable != nullptr;
          variable = variable->next_variable) {
         int c = walk.asked.get()[i++ % walk.asked_count];
         column_walk& at = walk.walks.get()[c];
-        at.ended = at.ended || !continues_column(walk, c, variable);
+        if (at.ended) {
+            continue;
+        }
+        progress++;
+        at.ended = !continues_column(walk, c, variable);
         if (at.ended) {
             continue;
         }
@@ -313,9 +299,8 @@ static int take_values(table_walk& walk, const netsnmp_pdu* response) {
         }
         memcpy(at.last, variable->name, variable->name_length * sizeof(oid));
         at.last_length = variable->name_length;
-        taken++;
     }
-    return taken;
+    return progress;
 }
 
 static heap_text table_packet_error(const netsnmp_pdu* response) {
@@ -329,10 +314,10 @@ static bool all_ended(const table_walk& walk) {
                                &column_walk::ended);
 }
 
-/* Asks until a response brings nothing more of the table. */
+/* Asks until every column has ended, or a response brings nothing at all. */
 static table_outcome gather(table_walk& walk, netsnmp_session* session, const int* bulk) {
-    int taken = 1;
-    while (taken > 0 && !all_ended(walk)) {
+    int progress = 1;
+    while (progress > 0 && !all_ended(walk)) {
         exchange answer = ask(session, request_columns(walk, bulk), "Timeout: No Response from");
         if (!answer.response) {
             return table_failed(std::move(answer.error), true);
@@ -340,12 +325,12 @@ static table_outcome gather(table_walk& walk, netsnmp_session* session, const in
         if (answer.response->errstat != SNMP_ERR_NOERROR) {
             return table_failed(table_packet_error(answer.response.get()), false);
         }
-        taken = take_values(walk, answer.response.get());
+        progress = take_values(walk, answer.response.get());
         if (is_too_large(walk)) {
             return table_failed(format_text("Result is too large"), true);
         }
     }
-    if (taken < 0) {
+    if (progress < 0) {
         return table_failed(format_text("Unknown error"), true);
     }
     sort_cells(walk);

@@ -434,15 +434,21 @@ protected:
     /* "type status text" of a value that the agent sent. */
     std::string judge(const agent_value& value, std::optional<long> low = {},
                       std::optional<long> high = {}) {
-        netsnmp_pdu* pdu = libpo_snmp_pdu_create(SNMP_MSG_RESPONSE);
-        agent_->add(pdu, path_of(TEST_OID + ".9"), value);
+        oid_path name = path_of(TEST_OID + ".9");
+        netsnmp_variable_list variable = {};
+        variable.name = name.data();
+        variable.name_length = name.size();
+        variable.type = value.type;
+        alignas(counter64) u_char bytes[256];
+        memcpy(bytes, value.bytes.data(), value.bytes.size());
+        variable.val.string = bytes;
+        variable.val_len = value.bytes.size();
         int type = 0;
         char* text = nullptr;
-        int status = process_vars(pdu->variables, &type, &text, low ? &*low : nullptr,
-                                  high ? &*high : nullptr);
+        int status =
+            process_vars(&variable, &type, &text, low ? &*low : nullptr, high ? &*high : nullptr);
         std::string result = std::to_string(type) + " " + std::to_string(status) + " " + text;
         free(text);
-        libpo_snmp_free_pdu(pdu);
         return result;
     }
 };

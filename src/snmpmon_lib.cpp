@@ -60,44 +60,47 @@ static constexpr size_t KEY_SIZE = USM_AUTH_KU_LEN;
 static_assert(KEY_SIZE == USM_PRIV_KU_LEN);
 
 /* In the order in which a library is found lacking. */
-#define BIND(prefix, name)                                                                         \
-    { #name, reinterpret_cast<void**>(&prefix##name), nullptr }
+#define BIND_DATA(name)                                                                            \
+    { #name, reinterpret_cast<void**>(&libpo_##name), nullptr }
+#define BIND_OPTION(name)                                                                          \
+    { #name, reinterpret_cast<void**>(&lib_##name), nullptr }
 static const dynlib_symbol SNMP_SYMBOLS[] = {
-    BIND(libpo_, init_snmp),
-    BIND(libpo_, generate_Ku),
-    BIND(libpo_, snmp_open),
-    BIND(libpo_, snmp_close),
-    BIND(libpo_, snmp_sess_init),
-    BIND(libpo_, snmp_shutdown),
-    BIND(libpo_, snmp_pdu_create),
-    BIND(libpo_, snmp_add_null_var),
-    BIND(libpo_, snmp_free_pdu),
-    BIND(libpo_, snmp_synch_response),
-    BIND(libpo_, sprint_realloc_variable),
-    BIND(libpo_, snmp_error),
-    BIND(libpo_, snmp_parse_oid),
-    BIND(libpo_, snmp_api_errstring),
-    BIND(libpo_, snmp_errstring),
-    BIND(lib_, snmp_enable_filelog),
-    BIND(libpo_, sprint_realloc_objid),
-    BIND(libpo_, sprint_realloc_value),
-    BIND(libpo_, snmp_strcat),
-    BIND(libpo_, get_tree),
-    BIND(lib_, netsnmp_ds_toggle_boolean),
-    BIND(lib_, snmp_disable_log),
-    BIND(lib_, get_logh_head),
-    BIND(lib_, netsnmp_remove_loghandler),
-    BIND(lib_, netsnmp_ds_set_boolean),
-    BIND(lib_, snmp_disable_syslog),
-    BIND(lib_, snmp_disable_filelog),
-    BIND(lib_, snmp_disable_stderrlog),
-    BIND(lib_, snmp_disable_calllog),
-    BIND(lib_, netsnmp_register_loghandler),
-    BIND(libpo_, snmp_oid_compare),
-    BIND(libpo_, snmp_fix_pdu),
-    BIND(libpo_, get_tree_head),
+    BIND_DATA(init_snmp),
+    BIND_DATA(generate_Ku),
+    BIND_DATA(snmp_open),
+    BIND_DATA(snmp_close),
+    BIND_DATA(snmp_sess_init),
+    BIND_DATA(snmp_shutdown),
+    BIND_DATA(snmp_pdu_create),
+    BIND_DATA(snmp_add_null_var),
+    BIND_DATA(snmp_free_pdu),
+    BIND_DATA(snmp_synch_response),
+    BIND_DATA(sprint_realloc_variable),
+    BIND_DATA(snmp_error),
+    BIND_DATA(snmp_parse_oid),
+    BIND_DATA(snmp_api_errstring),
+    BIND_DATA(snmp_errstring),
+    BIND_OPTION(snmp_enable_filelog),
+    BIND_DATA(sprint_realloc_objid),
+    BIND_DATA(sprint_realloc_value),
+    BIND_DATA(snmp_strcat),
+    BIND_DATA(get_tree),
+    BIND_OPTION(netsnmp_ds_toggle_boolean),
+    BIND_OPTION(snmp_disable_log),
+    BIND_OPTION(get_logh_head),
+    BIND_OPTION(netsnmp_remove_loghandler),
+    BIND_OPTION(netsnmp_ds_set_boolean),
+    BIND_OPTION(snmp_disable_syslog),
+    BIND_OPTION(snmp_disable_filelog),
+    BIND_OPTION(snmp_disable_stderrlog),
+    BIND_OPTION(snmp_disable_calllog),
+    BIND_OPTION(netsnmp_register_loghandler),
+    BIND_DATA(snmp_oid_compare),
+    BIND_DATA(snmp_fix_pdu),
+    BIND_DATA(get_tree_head),
 };
-#undef BIND
+#undef BIND_DATA
+#undef BIND_OPTION
 
 static void look_up_protocols() {
     auth_md5 = static_cast<oid*>(dlsym(lib_handle, "usmHMACMD5AuthProtocol"));

@@ -282,6 +282,7 @@ TEST_F(snmp_check, get_of_an_unreachable_agent_names_host_and_port) {
     free(d.def.host);
     d.def.host = strdup("quiet.example");
     EXPECT_EQ(failure(d), "Timeout: No response from quiet.example:" + std::to_string(port()));
+    EXPECT_GT(milliseconds_, 0.0);
 }
 
 TEST_F(snmp_check, get_without_a_session_tells_why) {
@@ -471,6 +472,10 @@ TEST_F(snmp_value, of_an_integer_is_compared_with_both_limits) {
 TEST_F(snmp_value, of_64_bits_is_compared_by_its_upper_half) {
     EXPECT_EQ(judge(upper_lower(ASN_COUNTER64, 0, 4000000000), 0, 9), "3 0 4000000000");
     EXPECT_EQ(judge(upper_lower(ASN_COUNTER64, 10, 0), 0, 9), "3 2 42949672960");
+    for (int type : {ASN_OPAQUE_COUNTER64, ASN_OPAQUE_U64, ASN_OPAQUE_I64}) {
+        EXPECT_EQ(judge(upper_lower(static_cast<u_char>(type), 9, 0), 9, 9),
+                  std::to_string(asn2vindral(type)) + " 0 38654705664");
+    }
     EXPECT_EQ(judge(upper_lower(ASN_OPAQUE_COUNTER64, 10, 0), 0, 9), "4 2 42949672960");
     EXPECT_EQ(judge(upper_lower(ASN_OPAQUE_U64, 10, 0), 0, 9), "5 2 42949672960");
     EXPECT_EQ(judge(upper_lower(ASN_OPAQUE_I64, 10, 0), 0, 9), "6 2 42949672960");

@@ -156,6 +156,26 @@ TEST_F(snmp_table, may_be_a_group_of_objects) {
                        "{ui32 0 0 0 1; strings \"12\" \"13\" of 2}}");
 }
 
+TEST_F(snmp_table, may_be_a_group_of_one) {
+    agent_->values[path_of(TEST_OID + ".4.2.1.0")] = number(ASN_INTEGER, 12);
+    oid_ = TEST_OID + ".4.2";
+    EXPECT_EQ(table(), "{ui32 66 66 4 0; i64 0; strings \"New results are available.\" of 1; "
+                       "{ui32 9; strings \"vtDeepest\" of 1}; {ui32 0 0; strings \"12\" of 1}}");
+}
+
+TEST_F(snmp_table, without_holes_has_every_cell) {
+    std::string cells;
+    for (int row = 1; row <= 3; row++) {
+        for (int c = 2; c <= 4; c++) {
+            std::string place = "." + std::to_string(c) + "." + std::to_string(row);
+            put(place, number(ASN_INTEGER, 10 * c + row));
+        }
+        std::string r = std::to_string(row);
+        cells += "\"-\" \"2" + r + "\" \"3" + r + "\" \"4" + r + "\" ";
+    }
+    EXPECT_NE(table().find("3; strings " + cells + "of 12}}"), std::string::npos) << table();
+}
+
 TEST_F(snmp_table, types_its_columns_by_the_values_that_came) {
     put(".4.1.5", number(ASN_GAUGE, 5));
     put(".4.1.6", number(ASN_TIMETICKS, 5));
@@ -420,6 +440,34 @@ TEST_F(snmp_table, with_a_long_index_in_every_row_is_too_large) {
     EXPECT_LT(agent_->requests, 100);
 }
 
+/* Every value in a row of its own: a few values, but a record of many dashes. */
+TEST_F(snmp_table, with_too_many_cells_is_too_large) {
+    in_place_of print(
+        libpo_sprint_realloc_value, +[](u_char** buffer, size_t*, size_t*, int, const oid*, size_t,
+                                        const netsnmp_variable_list*) {
+            *buffer = reinterpret_cast<u_char*>(strdup("1"));
+            return 1;
+        });
+    definition_.bulk = 50;
+    oid row = 0;
+    bool is_endless = false;
+    agent_->twist = [&](const netsnmp_pdu*, netsnmp_pdu* response) {
+        agent_->clear(response);
+        for (int i = 0; i < 50 && (is_endless || row < MAX_SNMP_CELLS / 4 + 1000); i++) {
+            for (oid column = 1; column <= 4; column++) {
+                oid_path path = path_of(TABLE + ".1");
+                path.insert(path.end(), {column, ++row});
+                agent_->add(response, path, number(ASN_INTEGER, 1));
+            }
+        }
+    };
+    EXPECT_NE(table().find("Result is too large"), std::string::npos);
+    is_endless = true;
+    agent_->requests = 0;
+    EXPECT_NE(table().find("Result is too large"), std::string::npos);
+    EXPECT_LT(static_cast<size_t>(agent_->requests), MAX_SNMP_CELLS / 200 + 2);
+}
+
 /* --- columns ------------------------------------------------------------------------------------
  */
 
@@ -466,7 +514,7 @@ TEST_F(snmp_table, is_none_without_a_mib_tree) {
 
 /* As deep as an OID can be: there is no room for the index of a row. */
 TEST_F(snmp_table, is_none_at_the_end_of_an_oid) {
-    static struct tree nodes[MAX_OID_LEN + 2];
+    static struct tree nodes[MAX_OID_LEN + 1];
     for (size_t i = 0; i < std::size(nodes); i++) {
         nodes[i].label = const_cast<char*>("node");
         nodes[i].subid = 1;
@@ -477,8 +525,6 @@ TEST_F(snmp_table, is_none_at_the_end_of_an_oid) {
         libpo_get_tree,
         +[](const oid*, size_t length, struct tree*) { return &nodes[length - 1]; });
     for (size_t given : {MAX_OID_LEN - 1, MAX_OID_LEN}) {
-        nodes[given].child_list =
-            given == MAX_OID_LEN ? &nodes[MAX_OID_LEN + 1] : &nodes[given + 1];
         oid root[MAX_OID_LEN];
         std::fill_n(root, MAX_OID_LEN, 1);
         size_t length = given;

@@ -368,7 +368,7 @@ class Agent:
         self.pid_path = os.path.join(self.dir, "vindral.pid")
         self.wrap = list(wrap)
         self.env = sanitizer_environment(self.dir)
-        self.env.update(HOME=self.dir, SNMP_PERSISTENT_DIR=os.path.join(self.dir, "snmp"))
+        self.env.update(HOME=self.dir, SNMP_PERSISTENT_DIR=os.devnull)
         self.env.update(env or {})
         self.process = None
         self.settings = {

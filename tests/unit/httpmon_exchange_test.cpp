@@ -28,13 +28,16 @@
 static std::deque<int> wait_results;
 static std::atomic<int> waits = 0;
 static std::atomic<long> longest_patience = 0;
-static std::deque<int> read_errors;   /* of the next reads; 0 reads */
-static std::deque<int> send_errors;   /* of the next sends; 0 sends */
-static std::deque<size_t> read_sizes; /* what the next reads give at most */
+static std::vector<short> wait_events; /* what the waits were for */
+static std::deque<long> charges;       /* of the next steps, in microseconds, whatever they take */
+static std::deque<int> read_errors;    /* of the next reads; 0 reads */
+static std::deque<int> send_errors;    /* of the next sends; 0 sends */
+static std::deque<size_t> read_sizes;  /* what the next reads give at most */
 static bool no_request = false;
 
 static int test_wait_socket(int sk, short events, long* budget_us) {
     waits++;
+    wait_events.push_back(events);
     longest_patience = std::max(longest_patience.load(), *budget_us);
     if (wait_results.empty()) {
         return wait_socket(sk, events, budget_us);
@@ -46,6 +49,15 @@ static int test_wait_socket(int sk, short events, long* budget_us) {
         return -1;
     }
     return result;
+}
+
+static void test_charge_budget(long* budget_us, struct timeval* start) {
+    if (charges.empty()) {
+        charge_budget(budget_us, start);
+        return;
+    }
+    *budget_us -= charges.front();
+    charges.pop_front();
 }
 
 /* False, with errno, when the call has to fail. */
@@ -81,11 +93,13 @@ static char* test_make_http_request(const char* host, const char* url, int metho
 }
 
 #define wait_socket test_wait_socket
+#define charge_budget test_charge_budget
 #define read test_read
 #define send test_send
 #define make_http_request test_make_http_request
 #include "httpmon_exchange.cpp"
 #undef wait_socket
+#undef charge_budget
 #undef read
 #undef send
 #undef make_http_request
@@ -96,31 +110,57 @@ using namespace std::string_literals;
 
 static const long SECOND = 1000000;
 
+static int contexts = 0, sessions = 0; /* that the checks have made and not freed */
+
+static void count_tls_objects() {
+    lib_SSL_CTX_new = [](const SSL_METHOD* method) {
+        contexts++;
+        return SSL_CTX_new(method);
+    };
+    lib_SSL_CTX_free = [](SSL_CTX* context) {
+        contexts--;
+        SSL_CTX_free(context);
+    };
+    lib_SSL_new = [](SSL_CTX* context) {
+        sessions++;
+        return SSL_new(context);
+    };
+    lib_SSL_free = [](SSL* session) {
+        sessions--;
+        SSL_free(session);
+    };
+}
+
 class process_set_up : public testing::Environment {
     void SetUp() override {
         signal(SIGPIPE, SIG_IGN);
         ASSERT_EQ(1, init_ssl_variables());
+        count_tls_objects();
         take_log();
     }
 };
 static testing::Environment* const set_up = testing::AddGlobalTestEnvironment(new process_set_up);
 
-/* Every test ends with as many descriptors as it began with. */
+/* Every test ends with as many descriptors as it began with, and without TLS objects. */
 class http_exchange : public testing::Test {
 protected:
     void SetUp() override {
         take_log();
         descriptors_ = count_descriptors();
         waits = 0;
+        wait_events.clear();
         longest_patience = 0;
     }
     void TearDown() override {
         wait_results.clear();
+        charges.clear();
         read_errors.clear();
         send_errors.clear();
         read_sizes.clear();
         no_request = false;
         EXPECT_EQ(descriptors_, count_descriptors());
+        EXPECT_EQ(0, contexts);
+        EXPECT_EQ(0, sessions);
     }
 
 private:
@@ -623,6 +663,7 @@ TEST_F(http_tls, a_handshake_that_succeeds_otherwise_fails_without_words) {
     lib_SSL_connect = [](SSL*) { return 2; };
     tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
     EXPECT_EQ((outcome{2, 0, 0, 0, ""}), check(server.port(), {.ssl = 1}));
+    EXPECT_EQ("", errors_logged()); /* no request is tried */
 }
 
 TEST_F(http_tls, a_server_that_speaks_no_tls) {
@@ -665,8 +706,10 @@ TEST_F(http_tls, a_server_that_accepts_and_says_nothing_is_waited_for) {
 }
 
 TEST_F(http_tls, a_longer_budget_makes_for_more_patience) {
-    tls_peer server(tls_peer::tls, {answering(OK_HEADER)});
-    EXPECT_EQ(0, check(server.port(), {.ssl = 1, .timeout = "100000"}).status);
+    wait_results = {0};
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ(2, check(server.port(), {.ssl = 1, .timeout = "100000"}).status);
+    EXPECT_EQ(1, waits);
     EXPECT_GT(longest_patience, 99990 * SECOND);
 }
 
@@ -710,6 +753,13 @@ TEST_F(http_tls, an_old_error_of_the_thread_is_not_taken_for_one_of_the_check) {
         ERR_put_error(ERR_LIB_SSL, 0, 1, "old", 1);
     }
     EXPECT_EQ((outcome{0, 200, OK_SIZE, 1, OK_TEXT}), check_answer(OK_HEADER + "b"s, {.ssl = 1}));
+    for (int i = 0; i < 20; i++) {
+        ERR_put_error(ERR_LIB_SSL, 0, 1, "old", 1);
+    }
+    lib_SSL_new = [](SSL_CTX*) -> SSL* { return nullptr; };
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ("CRITICAL - Cannot establish SSL connection. error:00000000:lib(0)::reason(0)",
+              check(server.port(), {.ssl = 1}).info);
 }
 
 TEST_F(http_tls, an_end_without_the_closing_alert_is_a_failure) {
@@ -771,6 +821,9 @@ static int send_text(int sk, const std::string& text, long budget = 10 * SECOND,
 TEST_F(http_exchange, sends_in_as_many_pieces_as_it_takes) {
     socket_pair pair;
     std::string text(3000000, 'x'), received;
+    for (size_t i = 0; i < text.size(); i++) {
+        text[i] = static_cast<char>(i % 251);
+    }
     std::thread reader([&] {
         char room[4096];
         for (ssize_t got; (got = read(pair.theirs.get(), room, sizeof room)) > 0;) {
@@ -803,6 +856,17 @@ TEST_F(http_exchange, a_budget_that_ends_with_the_send_is_a_failure) {
     EXPECT_EQ(0, send_text(pair.ours.get(), "x", 0));
     EXPECT_STREQ("Connection timed out.", step_info);
     EXPECT_EQ(0, send_text(pair.ours.get(), "x", -1));
+    EXPECT_STREQ("Connection timed out.", step_info);
+}
+
+/* The last microsecond is still inside. */
+TEST_F(http_exchange, a_send_is_charged) {
+    socket_pair pair;
+    wait_results = {1, 1};
+    charges = {999, 1000};
+    EXPECT_EQ(1, send_text(pair.ours.get(), "x", 1000));
+    EXPECT_STREQ("", step_info);
+    EXPECT_EQ(0, send_text(pair.ours.get(), "x", 1000));
     EXPECT_STREQ("Connection timed out.", step_info);
 }
 
@@ -899,6 +963,7 @@ TEST_F(http_fake_tls, a_write_is_repeated_while_the_session_wants_the_socket) {
     EXPECT_EQ(1, send_tls_text("request",
                                {{-1, SSL_ERROR_WANT_WRITE}, {-1, SSL_ERROR_WANT_READ}, {7, 0}}));
     EXPECT_EQ(3u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLOUT, POLLOUT, POLLIN}), wait_events);
 }
 
 TEST_F(http_fake_tls, a_session_that_waits_in_vain_does_not_spin) {
@@ -911,9 +976,20 @@ TEST_F(http_fake_tls, a_session_that_waits_in_vain_does_not_spin) {
 TEST_F(http_fake_tls, a_write_that_ends_after_the_budget_has_still_gone_out) {
     EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 0));
     EXPECT_STREQ("Connection timed out.", step_info);
+    EXPECT_EQ(0, send_tls_text("x", {{1, 0}}, 0));
+    EXPECT_STREQ("Connection timed out.", step_info);
     EXPECT_EQ(0, send_tls_text("request", {{7, 0}}, -1));
     EXPECT_EQ(0u, tls_calls);
     EXPECT_EQ("", take_log_text());
+}
+
+TEST_F(http_fake_tls, a_write_is_charged) {
+    wait_results = {1, 1};
+    charges = {999, 1000};
+    EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 1000));
+    EXPECT_STREQ("", step_info);
+    EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 1000));
+    EXPECT_STREQ("Connection timed out.", step_info);
 }
 
 TEST_F(http_fake_tls, a_write_that_fails) {
@@ -1047,6 +1123,18 @@ TEST_F(http_exchange, nothing_at_all) {
     EXPECT_EQ(TIMED_OUT, receive_open("abc", 0, 0)); /* the read takes longer */
 }
 
+TEST_F(http_exchange, a_read_is_charged) {
+    for (long last : {999, 1000}) {
+        socket_pair pair;
+        pair.feed("abc");
+        pair.theirs.reset();
+        wait_results = {1, 1};
+        charges = {0, last};
+        EXPECT_EQ(last == 999 ? (received{1, 0, "abc", ""}) : TIMED_OUT,
+                  receive(pair.ours.get(), 0, 1000));
+    }
+}
+
 TEST_F(http_exchange, a_body_slower_than_the_budget) {
     tls_peer server(tls_peer::tcp,
                     {{peer::take_request(), peer::send(OK_HEADER + "bo"s), peer::take_rest()}});
@@ -1108,18 +1196,22 @@ TEST_F(http_exchange, a_failed_wait_to_receive_is_logged) {
 
 TEST_F(http_exchange, a_response_without_an_end) {
     socket_pair pair;
+    ssize_t poured = 0;
     std::thread pouring([&] {
         std::string block(1 << 20, '\n'); /* headers that never end, as a NUL follows each */
         for (size_t i = 1; i < block.size(); i += 2) {
             block[i] = '\0';
         }
-        while (send(pair.theirs.get(), block.data(), block.size(), MSG_NOSIGNAL) > 0) {
+        for (ssize_t sent;
+             (sent = send(pair.theirs.get(), block.data(), block.size(), MSG_NOSIGNAL)) > 0;) {
+            poured += sent;
         }
     });
     received r = receive(pair.ours.get(), 0, 60 * SECOND);
     pair.ours.reset();
     pouring.join();
     EXPECT_EQ((received{0, 0, "", "HTTP CRITICAL - more than 67108864 bytes received."}), r);
+    EXPECT_GT(poured, MAX_RESPONSE_SIZE);
 }
 
 static received receive_tls(std::vector<tls_step> script, const std::string& data, int full = 0) {
@@ -1156,4 +1248,16 @@ TEST_F(http_fake_tls, reads_are_repeated_while_the_session_wants_the_socket) {
                                                         {0, SSL_ERROR_ZERO_RETURN}},
                                                        "abc"));
     EXPECT_EQ(4u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLIN, POLLIN, POLLOUT, POLLIN}), wait_events);
+}
+
+TEST_F(http_fake_tls, a_handshake_is_repeated_while_the_session_wants_the_socket) {
+    lib_SSL_connect = [](SSL*) { return next_tls_step().result; };
+    tls_script = {{-1, SSL_ERROR_WANT_WRITE}, {-1, SSL_ERROR_WANT_READ}, {-1, SSL_ERROR_SSL}};
+    wait_results = {1, 1};
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ((outcome{2, 0, 0, 0, "CRITICAL - Cannot establish SSL connection. error text 42"}),
+              check(server.port(), {.ssl = 1}));
+    EXPECT_EQ(3u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLOUT, POLLIN}), wait_events);
 }

@@ -240,6 +240,10 @@ static std::string without_numbers(std::string text, std::initializer_list<const
     return text;
 }
 
+/* Of the last check: its text, and its time in milliseconds. */
+static std::string last_info;
+static float last_spent;
+
 /* The outcome with its time as "T". */
 static outcome check(const std::string& port, const options& o = {}) {
     auto text = [](const char* t) { return const_cast<char*>(t); };
@@ -260,7 +264,10 @@ static outcome check(const std::string& port, const options& o = {}) {
     test.mustbefound = o.found;
     test.method = o.method;
     std::unique_ptr<char[]> info(new char[ADD_INFO_SIZE]());
+    strcpy(info.get(), "old text");
     heap<com_result> r(make_http_check(&test, info.get()));
+    last_info = info.get();
+    last_spent = r->spentTime;
     EXPECT_EQ(7, r->tid);
     EXPECT_EQ(8, r->loc_id);
     EXPECT_GE(r->spentTime, 0);
@@ -330,6 +337,27 @@ TEST_F(http_exchange, the_log_of_a_check) {
               without_numbers(log, {"spent:\t", "left:\t"}));
     check(closed_port());
     EXPECT_NE(std::string::npos, take_log_text().find("\nmutch:\t\n\n\n"));
+}
+
+/* A send that takes 1.5 seconds of the 20, and the same time in all units. */
+TEST_F(http_exchange, the_time_of_a_check) {
+    charges = {1500000};
+    tls_peer server(tls_peer::tcp, {answering(OK_HEADER)});
+    check(server.port());
+    EXPECT_GE(last_spent, 1500);
+    EXPECT_LT(last_spent, 15000);
+    float seconds = 0;
+    ASSERT_EQ(1, sscanf(last_info.c_str(), "HTTP OK HTTP/1.1 200 OK - %f second", &seconds));
+    EXPECT_NEAR(last_spent / 1000, seconds, 0.002);
+
+    std::string log = take_log_text();
+    size_t sent = log.find("Request Sent!");
+    ASSERT_NE(std::string::npos, sent);
+    long left = 0;
+    ASSERT_EQ(
+        2, sscanf(&log[sent], "Request Sent!\ntime spent:\t%f\ntime left:\t%ld", &seconds, &left));
+    EXPECT_GE(seconds, 1.5);
+    EXPECT_NEAR(20, seconds + static_cast<float>(left) / 1000000, 0.002);
 }
 
 TEST_F(http_exchange, codes_that_are_good_and_codes_that_are_not) {
@@ -449,6 +477,7 @@ TEST_F(http_exchange, a_time_out_that_is_no_number_gives_no_time_at_all) {
 TEST_F(http_exchange, budgets_beyond_all_measure) {
     EXPECT_EQ(10 * SECOND, time_budget("10"));
     EXPECT_EQ(5 * SECOND, time_budget(" 5x"));
+    EXPECT_EQ(10 * SECOND, time_budget("010"));
     EXPECT_EQ(0, time_budget("ten"));
     EXPECT_EQ(9223372036854L * SECOND, time_budget("99999999999999999999"));
     EXPECT_EQ(-9223372036854L * SECOND, time_budget("-99999999999999999999"));
@@ -510,6 +539,14 @@ TEST_F(http_exchange, a_redirection_is_good_when_it_is_not_followed) {
               check_answer(redirect("/x")));
 }
 
+TEST_F(http_exchange, codes_from_300_to_399_are_followed) {
+    for (const char* code : {"299", "300", "399", "400"}) {
+        std::string head = "HTTP/1.1 "s + code + " x\r\nLocation: /x\r\n\r\n";
+        tls_peer server(tls_peer::tcp, {answering(head), answering(OK_HEADER)});
+        EXPECT_EQ(code[0] == '3' ? 200 : atoi(code), check(server.port(), {.redirect = 1}).code);
+    }
+}
+
 TEST_F(http_exchange, the_request_is_repeated_as_it_was) {
     tls_peer server(tls_peer::tcp, {answering(redirect("/x")), answering(OK_HEADER)});
     check(server.port(), {.redirect = 1, .method = 1, .post = "a=b", .user = "u", .password = "p"});
@@ -517,6 +554,13 @@ TEST_F(http_exchange, the_request_is_repeated_as_it_was) {
               "Host: 127.0.0.1\r\nAuthorization: Basic dTpw\r\n"
               "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 3\r\n\r\na=b",
               server.request(1));
+}
+
+TEST_F(http_exchange, the_request_names_the_host_it_goes_to) {
+    tls_peer second(tls_peer::tcp, {answering(OK_HEADER)});
+    EXPECT_EQ(200, check_answer(redirect("http://127.1:"s + second.port()), {.redirect = 1}).code);
+    EXPECT_EQ("GET / HTTP/1.0\r\nUser-Agent: (null)\r\nConnection: close\r\nHost: 127.1\r\n\r\n",
+              second.request(0));
 }
 
 TEST_F(http_exchange, a_loop) {
@@ -590,6 +634,16 @@ TEST_F(http_exchange, a_redirection_to_nobody_leaves_the_figures_of_the_last_res
               check(server.port(), {.redirect = 1}));
     EXPECT_EQ((outcome{2, 0, 0, 0, "HTTP CRITICAL Invalid Status Line ()"}),
               check(server.port(), {.redirect = 1}));
+}
+
+TEST_F(http_exchange, a_response_that_fails_leaves_no_figures_of_the_one_before_but_its_code) {
+    tls_peer server(tls_peer::tls,
+                    {answering(redirect("/x") + "body"),
+                     {peer::take_request(), peer::send(OK_HEADER), peer::end_dirty()}});
+    EXPECT_EQ(
+        (outcome{2, 302, 0, 0,
+                 "HTTP CRITICAL - error:0A000126:SSL routines::unexpected eof while reading"}),
+        check(server.port(), {.ssl = 1, .redirect = 1}));
 }
 
 TEST_F(http_exchange, redirections_share_one_budget) {
@@ -1070,6 +1124,15 @@ TEST_F(http_exchange, byte_by_byte) {
     std::string response = "HTTP/1.0 200 OK\r\nContent-Length: 3\r\n\r\nabc";
     read_sizes.assign(response.size(), 1);
     EXPECT_EQ((received{1, 38, response, ""}), receive_open(response, 1, 10 * SECOND));
+}
+
+/* Reads that leave room for one more, but not for the NUL behind it. */
+TEST_F(http_exchange, the_nul_behind_the_data_has_a_place_of_its_own) {
+    for (size_t first : {1u, 2u, 4094u, 4095u}) {
+        std::string response(20000, 'x');
+        read_sizes = {first};
+        EXPECT_EQ((received{1, 0, response, ""}), receive_all(response, 0));
+    }
 }
 
 TEST_F(http_exchange, content_headers_add_up) {

@@ -281,6 +281,25 @@ TEST_F(get_redirection, a_path_ends_where_no_url_goes_on) {
     EXPECT_EQ((target{0, "example.org", "80", "/caf", ""}), redirected_to("/caf\xc3\xa9"));
 }
 
+TEST_F(get_redirection, characters_of_hosts_and_paths) {
+    const std::string host_marks = "-.", path_marks = "-_.!~*'();/?:@&=+$,%#";
+    for (int i = 1; i < 256; i++) {
+        const char c = static_cast<char>(i);
+        const bool plain =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        const std::string text = "a"s + c + "c";
+        const std::string path = plain || path_marks.find(c) != std::string::npos ? text : "a";
+        EXPECT_EQ((target{0, "example.org", "80", "/" + path, ""}), redirected_to("/" + text)) << i;
+        EXPECT_EQ((target{0, "h", "80", "/" + path, ""}), redirected_to("http://h/" + text)) << i;
+        if (c != '/') {
+            const std::string host = plain || host_marks.find(c) != std::string::npos ? text : "a";
+            EXPECT_EQ((target{0, host, "80", host == text ? "/x" : "/", ""}),
+                      redirected_to("http://" + text + "/x"))
+                << i;
+        }
+    }
+}
+
 TEST_F(get_redirection, locations_that_cannot_be_read) {
     EXPECT_EQ((target{.info = "HTTP UNKNOWN - Could not parse redirect location - \"/x\"\n"}),
               redirected_to("\"/x\""));

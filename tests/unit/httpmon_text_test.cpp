@@ -323,6 +323,14 @@ TEST_F(get_redirection, ports) {
     EXPECT_EQ((target{.info = "HTTP UNKNOWN - Redirection to port above 65535 - "
                               "https://example.org:80/a/b"}),
               redirected_to("https://h:70000"));
+    current.port = 70000;
+    EXPECT_EQ((target{.info = "HTTP UNKNOWN - Redirection to port above 65535 - "
+                              "http://example.org:70000/a/b"}),
+              redirected_to("/x"));
+    EXPECT_EQ((target{.info = "HTTP WARNING - redirection creates an infinite loop - "
+                              "http://example.org:70000/a/b\n"}),
+              redirected_to("/a/b"));
+    current = DEFAULT_CURRENT;
     /* Six digits are read; then nothing but the host and the port is left of the URL. */
     EXPECT_EQ((target{0, "h", "4", "/", ""}), redirected_to("http://h:0000048/x"));
 }
@@ -417,6 +425,15 @@ TEST_F(get_redirection, no_location) {
     EXPECT_EQ(none, redirected_by("HTTP/1.0 302 x\r\nLocation"));
     EXPECT_EQ(none, redirected_by("\r\n"));
     EXPECT_EQ(none, redirected_by("HTTP/1.0 302 x\r\n\0Location: /x\r\n\r\n"s));
+}
+
+TEST_F(get_redirection, the_body_is_not_searched) {
+    char info[ADD_INFO_SIZE], host[] = "h", url[] = "/", line[] = "HTTP/1.1 302 Found";
+    char data[] = "HTTP/1.0 302 x\r\n\r\nLocation: /x\r\n";
+    int ssl = 0;
+    char* out = nullptr;
+    EXPECT_EQ(0, get_redir(host, url, 80, data, 18, line, &ssl, &out, &out, &out, info));
+    EXPECT_STREQ("HTTP UNKNOWN - Could not find redirect location - HTTP/1.1 302 Found", info);
 }
 
 TEST_F(get_redirection, no_headers_no_words) {

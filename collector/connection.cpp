@@ -32,6 +32,12 @@ asio::awaitable<bool> connection::first_byte() {
     co_return !failed && readable;
 }
 
+bool connection::plain() const {
+    char first = 0;
+    auto socket = const_cast<tcp::socket&>(socket_).native_handle(); /* Asio's has no const */
+    return recv(socket, &first, 1, MSG_PEEK) == 1 && first >= 'A' && first <= 'Z';
+}
+
 /* What the TLS call that gave `result` waits for; nothing when it failed, whose reason is kept. */
 std::optional<tcp::socket::wait_type> connection::wanted(int result) {
     switch (SSL_get_error(ssl_.get(), result)) {
@@ -74,6 +80,24 @@ asio::awaitable<bool> connection::perform(Call call) {
     }
 }
 
+/* Repeats one call on the socket until it has moved bytes; 0 when it never will. */
+template <typename Call>
+asio::awaitable<size_t> connection::perform_plainly(Call call, tcp::socket::wait_type what) {
+    for (;;) {
+        ssize_t moved = call(socket_.native_handle());
+        if (moved > 0) {
+            co_return size_t(moved);
+        }
+        if (moved == 0 || (errno != EAGAIN && errno != EINTR)) {
+            co_return 0;
+        }
+        bool ready = co_await wait(what);
+        if (!ready) {
+            co_return 0;
+        }
+    }
+}
+
 asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
     ssl_.reset(SSL_new(context));
     if (!ssl_ || !SSL_set_fd(ssl_.get(), socket_.native_handle())) {
@@ -83,6 +107,10 @@ asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
 }
 
 asio::awaitable<size_t> connection::read_some(char* data, size_t size) {
+    if (!ssl_) {
+        auto receive = [&](int socket) { return recv(socket, data, size, 0); };
+        co_return co_await perform_plainly(receive, tcp::socket::wait_read);
+    }
     size_t got = 0;
     auto call = [&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); };
     bool done = co_await perform(call);
@@ -96,9 +124,18 @@ asio::awaitable<bool> connection::write(std::string_view data) {
     setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_CORK, &yes, sizeof yes);
     while (!data.empty()) {
         size_t sent = 0;
-        auto call = [&](SSL* ssl) { return SSL_write_ex(ssl, data.data(), data.size(), &sent); };
-        bool done = co_await perform(call);
-        if (!done) {
+        if (ssl_) {
+            auto call = [&](SSL* ssl) {
+                return SSL_write_ex(ssl, data.data(), data.size(), &sent);
+            };
+            co_await perform(call);
+        } else {
+            auto call = [&](int socket) {
+                return send(socket, data.data(), data.size(), MSG_NOSIGNAL);
+            };
+            sent = co_await perform_plainly(call, tcp::socket::wait_write);
+        }
+        if (sent == 0) {
             co_return false;
         }
         data.remove_prefix(sent);
@@ -115,13 +152,15 @@ static int send_tls_end(SSL* ssl) {
 asio::awaitable<bool> connection::end_cleanly() {
     boost::system::error_code ignored;
     socket_.set_option(asio::socket_base::linger(false, 0), ignored);
-    uint64_t before = BIO_number_written(SSL_get_wbio(ssl_.get()));
-    bool sent = co_await perform(send_tls_end);
-    if (!sent) {
-        co_return false;
+    uint64_t tail = 1; /* end of stream */
+    if (ssl_) {
+        uint64_t before = BIO_number_written(SSL_get_wbio(ssl_.get()));
+        bool sent = co_await perform(send_tls_end);
+        if (!sent) {
+            co_return false;
+        }
+        tail += BIO_number_written(SSL_get_wbio(ssl_.get())) - before;
     }
-    uint64_t tail =
-        BIO_number_written(SSL_get_wbio(ssl_.get())) - before + 1; /* 1: end of stream */
     socket_.shutdown(tcp::socket::shutdown_send, ignored);
     bool ended = co_await drain();
     if (!ended) {

@@ -1,4 +1,4 @@
-/* One TLS connection of an agent, on coroutines of one thread.
+/* One TLS connection of an agent, on coroutines of one thread; or a plain one, of somebody else.
  *
  * TLS runs straight on the socket (SSL_set_fd) and Asio only waits for readiness, so a connection
  * that has not said anything costs a socket and this small structure, and one that has costs no
@@ -40,7 +40,7 @@ public:
     /* Why the last call failed, for the log. */
     std::string problem() const;
 
-    bool silent() const { return !ssl_; } /* nothing has come yet */
+    bool silent() const { return !ssl_; } /* nothing of an agent's has come yet */
 
     clock::time_point deadline() const { return deadline_; }
     void set_deadline(clock::time_point deadline) { deadline_ = deadline; }
@@ -50,6 +50,10 @@ public:
 
     /* Until the first byte, or the end. Makes no TLS state. */
     boost::asio::awaitable<bool> first_byte();
+
+    /* The first byte is a letter, as of a plain HTTP request; TLS begins with another. Without
+     * handshake() the calls below work on the plain stream. */
+    bool plain() const;
     boost::asio::awaitable<bool> handshake(SSL_CTX* context);
     boost::asio::awaitable<size_t> read_some(char* data, size_t size);
 
@@ -65,6 +69,9 @@ public:
 private:
     template <typename Call>
     boost::asio::awaitable<bool> perform(Call call);
+    template <typename Call>
+    boost::asio::awaitable<size_t> perform_plainly(Call call,
+                                                   boost::asio::ip::tcp::socket::wait_type what);
     std::optional<boost::asio::ip::tcp::socket::wait_type> wanted(int result);
     boost::asio::awaitable<bool> wait(boost::asio::ip::tcp::socket::wait_type what);
     boost::asio::awaitable<bool> drain();

@@ -83,7 +83,7 @@ public:
         out += utc_time(summary.time.value_or(e.received)) + " " + printable(e.agent) + " " +
                test_name(summary) + ": ";
         if (summary.status) {
-            out += status_word(*summary.status) + ", ";
+            out += status_word(summary.type, *summary.status) + ", ";
         }
         out += printable(values_text(r, summary));
         std::string message = printable(summary.message);
@@ -134,6 +134,9 @@ public:
         shown.agent = printable(e.agent);
         shown.test = test_name(summary);
         shown.status = summary.status;
+        if (summary.status) {
+            shown.status_text = status_word(summary.type, *summary.status);
+        }
         shown.is_test = summary.test.has_value();
         shown.text = printable(values_text(r, summary).append("  ").append(summary.message));
         shown.received = e.received;
@@ -211,7 +214,7 @@ public:
              "\033[0m");
         for (const row* r : shown) {
             std::string before = cells(r->agent, r->test, age_text(now - r->received));
-            std::string status = fit_columns(r->status ? status_word(*r->status) : "-", 19);
+            std::string status = fit_columns(r->status_text, 19);
             line(coloured(screen, before, status, colour_of(r->status), "  " + r->text));
         }
         if (hidden > 0) {
@@ -228,6 +231,7 @@ private:
         std::string agent, test, text;
         bool is_test = false;
         std::optional<int32_t> status;
+        std::string status_text = "-";
         int64_t received = 0;
     };
     /* Account, agent, record type, test id. */

@@ -62,6 +62,19 @@ const std::vector<field> disk = {test_id, location, name, space, written};
 const std::vector<field> process = {test_id, location, maximum, maximum, maximum, name};
 const std::vector<field> network = {test_id, location, name,    maximum, maximum,
                                     maximum, maximum,  maximum, maximum};
+const field packets = {kind::nonzero, "number of packets"};
+const field packet_size = {kind::nonzero, "packet size"};
+const field time_limit = {kind::nonzero, "time limit"};
+const field most_lost = {kind::number, "number of lost packets"};
+const field text = {kind::text, "text"};
+const field flag = {kind::number, "switch"};
+const field method = {kind::number, "method"};
+const std::vector<field> ping = {test_id, location,   host,     packet_size,
+                                 packets, time_limit, most_lost};
+/* host, path, port, match text, form data, user, password, seconds; TLS, redirects, whole page,
+ * must be found, method */
+const std::vector<field> page = {test_id, location, host, text, text, text, text,  text,
+                                 text,    text,     flag, flag, flag, flag, method};
 const std::vector<field> load = {test_id, location, load1, load5, load15, host};
 
 const size_t any_more = SIZE_MAX; /* fields beyond the least are ignored */
@@ -86,6 +99,12 @@ const std::vector<command> commands = {
     {"LAA", effect::adds, type_load_average, 6, 7, load},
     {"LAM", effect::modifies, type_load_average, 6, 7, load},
     {"LAD", effect::removes, type_load_average, 3, 3, removal},
+    {"HPA", effect::adds, type_http, 16, 16, page},
+    {"HPM", effect::modifies, type_http, 16, 16, page},
+    {"HPD", effect::removes, type_http, 2, 2, {test_id}},
+    {"PGA", effect::adds, type_ping, 8, 8, ping},
+    {"PGM", effect::modifies, type_ping, 8, 8, ping},
+    {"PGD", effect::removes, type_ping, 3, 3, removal},
     {"NTA", effect::adds, type_network, 10, any_more, network},
     {"NTM", effect::modifies, type_network, 10, any_more, network},
     {"NTD", effect::removes, type_network, 3, any_more, removal},

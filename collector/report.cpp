@@ -97,7 +97,7 @@ void print_test(std::ostream& out, const agent_row& agent, const planned_test& t
     out << (last.found ? "stored" : "missing") << '\t' << printable(agent.account) << '\t'
         << printable(agent.name) << '\t' << type_name(test.type) << '\t' << test.id;
     if (last.found) {
-        out << '\t' << utc_time(last.time) << '\t' << status_word(last.status);
+        out << '\t' << utc_time(last.time) << '\t' << status_word(test.type, last.status);
     }
     out << '\n';
 }

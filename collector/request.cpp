@@ -70,6 +70,9 @@ bool parse_head(std::string_view head, request& out, std::string& error) {
     }
     out.content_length = read_number(message, "Content-Length", error);
     if (message.method() != http::verb::post) {
+        if (message.method() == http::verb::get && message.target() == "/") {
+            out.what = request::kind::page;
+        }
         return error.empty();
     }
     if (auto id = single(message, "Vnd-SessionID", error)) {

@@ -14,6 +14,7 @@ struct request {
     enum class kind {
         login, /* POST with Vnd-EMail and Vnd-AName */
         poll,  /* POST with Vnd-SessionID */
+        page,  /* GET of "/": somebody looks whether a collector is here */
         other  /* well-formed, but nothing that an agent sends */
     } what = kind::other;
     std::string session;        /* poll */

@@ -71,6 +71,24 @@ static const std::vector<record_schema> schemas = {
                 {value_type::d64, 5, "cached", " MB", true},
                 {value_type::d64, 6, "virtual_total", " MB", true},
                 {value_type::d64, 7, "virtual_free", " MB", true}}},
+    {.type = type_ping,
+     .name = "ping",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::d64, 0, "round_trip", " ms"}, {value_type::ui32, 4, "lost", ""}},
+     .failed = "failed"},
+    {.type = type_http,
+     .name = "http",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::ui32, 4, "time", " ms"},
+                {value_type::ui32, 5, "code", ""},
+                {value_type::ui32, 6, "size", " bytes"}},
+     .failed = "failed"},
     {.type = type_load_average,
      .name = "load average",
      .test = 1,
@@ -148,12 +166,13 @@ std::string type_name(uint32_t type) {
     return schema != nullptr ? schema->name : "type " + std::to_string(type);
 }
 
-std::string status_word(int32_t status) {
+std::string status_word(uint32_t type, int32_t status) {
+    const record_schema* schema = find_schema(type);
     switch (status) {
     case 0:
         return "ok";
     case 2:
-        return "limit reached";
+        return schema != nullptr ? schema->failed : "limit reached";
     case 3:
         return "not found";
     case 10:
@@ -368,7 +387,7 @@ static void add_parts(json::object& object, const record& r, const record_schema
         auto status = static_cast<int32_t>(part.ui32[0]);
         std::string_view message = part.strings.empty() ? std::string_view() : part.strings[0];
         parts.push_back(json::object{{"status", status},
-                                     {"status_text", status_word(status)},
+                                     {"status_text", status_word(schema.type, status)},
                                      {"values", named_values(part, schema)},
                                      {"message", valid_utf8(message)}});
     }
@@ -422,8 +441,9 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
         object.emplace("values", generic_values(r));
         object.emplace("message", nullptr);
     } else {
-        object.emplace("status_text",
-                       summary.status ? json::value(status_word(*summary.status)) : nullptr);
+        object.emplace("status_text", summary.status
+                                          ? json::value(status_word(summary.type, *summary.status))
+                                          : nullptr);
         object.emplace("values", named_values(r, *summary.schema));
         object.emplace("message", valid_utf8(summary.message));
     }

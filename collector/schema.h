@@ -20,6 +20,8 @@ enum {
     type_file_systems = 45,
     type_disk = 46,
     type_memory = 47,
+    type_ping = 48,
+    type_http = 49,
     type_load_average = 66
 };
 
@@ -44,6 +46,7 @@ struct record_schema {
     size_t message = 0; /* string index; the string may be missing */
     const char* list =
         nullptr; /* an inventory: string 0 holds items of this name, a tab behind each */
+    const char* failed = "limit reached"; /* what status 2 means */
     /* What nested records are: they hold the same D64 values, a status in UI32 0 and a message. */
     const char* parts = nullptr;
 };
@@ -65,8 +68,9 @@ record_summary summarize(const record& r);
 /* "load average", or "type 99" for one that has no row. */
 std::string type_name(uint32_t type);
 
-/* "ok", "limit reached", "not found", "remote query failed", or "status 7". */
-std::string status_word(int32_t status);
+/* "ok", "limit reached" or what else 2 means for this type, "not found", "remote query failed", or
+ * "status 7". */
+std::string status_word(uint32_t type, int32_t status);
 
 /* The value as text, without unit. `r` must have it: summarize() found a schema. */
 std::string value_text(const record& r, const schema_value& value);

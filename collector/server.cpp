@@ -218,6 +218,8 @@ struct server::state {
 
     awaitable<void> serve(tcp::socket socket, tcp::endpoint from);
     awaitable<void> converse(exchange& x);
+    awaitable<void> converse_plainly(exchange& x);
+    awaitable<void> answer_page(exchange& x);
     awaitable<bool> read_head(exchange& x);
     awaitable<bool> read_body(exchange& x, packed_body* into);
     awaitable<void> answer_login(exchange& x);
@@ -338,7 +340,31 @@ awaitable<void> server::state::serve(tcp::socket socket, tcp::endpoint from) {
     if (!good) {
         co_return;
     }
-    co_await converse(x);
+    if (x.link.plain()) {
+        co_await converse_plainly(x);
+    } else {
+        co_await converse(x);
+    }
+}
+
+awaitable<void> server::state::answer_page(exchange& x) {
+    bool found = x.head.what == request::kind::page;
+    x.output = make_answer(found ? "200 OK" : "404 Not Found", "",
+                           "This is a vindral collection server.\n");
+    co_await answer(x);
+}
+
+/* The page and nothing else: what an agent says never goes without TLS. */
+awaitable<void> server::state::converse_plainly(exchange& x) {
+    bool whole = co_await read_head(x);
+    size_t length = find_head(x.input, 0);
+    std::string error;
+    if (whole && parse_head(std::string_view(x.input).substr(0, length), x.head, error) &&
+        x.head.what == request::kind::page) {
+        co_await answer_page(x);
+    } else {
+        log(event::tls, "no TLS with " + describe(x.from) + ": plain text");
+    }
 }
 
 awaitable<void> server::state::converse(exchange& x) {
@@ -368,9 +394,9 @@ awaitable<void> server::state::converse(exchange& x) {
     case request::kind::poll:
         co_await answer_poll(x);
         break;
+    case request::kind::page:
     case request::kind::other:
-        x.output = make_answer("404 Not Found", "", "This is a vindral collection server.\n");
-        co_await answer(x);
+        co_await answer_page(x);
     }
 }
 

@@ -1,4 +1,6 @@
-/* The collector's end of the poll exchange: HTTP/1.0 over TLS, one exchange a connection.
+/* The collector's end of the poll exchange: HTTP/1.0 over TLS, one exchange a connection. GET of
+ * "/" gives a page that says what this is, over TLS and, on the same port, without: something for a
+ * page test or a browser to find. Nothing else is done without TLS.
  *
  * THREADS  One thread runs everything of the network: run(). Large bodies are unpacked on a second
  * one, so that they do not hold up the others; storing has the store's thread.

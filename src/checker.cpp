@@ -47,11 +47,36 @@ static bool wait_interval(checker& c, unsigned seen, int interval_s) {
     return !c.stopped;
 }
 
+static mutex batch_mutex;
+static condition batch_ended;
+static int batches GUARDED_BY(batch_mutex) = 0;
+
+command_batch::command_batch() {
+    lock hold(batch_mutex);
+    batches++;
+}
+
+command_batch::~command_batch() {
+    lock hold(batch_mutex);
+    batches--;
+    pthread_cond_broadcast(&batch_ended.handle);
+}
+
+static void wait_for_commands() {
+    timespec deadline = deadline_in(2);
+    lock hold(batch_mutex);
+    while (batches > 0 && condition_wait_until(batch_ended, batch_mutex, deadline) == 0) {
+    }
+}
+
 void checker_work(checker& c) {
     for (unsigned seen = c.wakes_at_start;; seen = wakes_so_far(c)) {
         int interval_s = checker_get_interval(c);
-        if (interval_s == -1 || !wait_interval(c, seen, interval_s) ||
-            checker_get_interval(c) == -1) {
+        if (interval_s == -1 || !wait_interval(c, seen, interval_s)) {
+            return;
+        }
+        wait_for_commands();
+        if (checker_get_interval(c) == -1) {
             return;
         }
         c.pass();

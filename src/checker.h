@@ -73,6 +73,17 @@ void checker_set_interval(checker& c, int t_sec);
 /* Wakes the worker for a pass at once. The caller may hold mon_mutex. */
 void checker_wake(checker& c);
 
+/* While one of these lives, workers that are due wait for its end, two seconds at most. So the
+ * commands of one answer cause one pass of a checker, not one for each, and every test among them
+ * is in it. Held without any other lock. */
+class command_batch {
+public:
+    command_batch();
+    ~command_batch();
+    command_batch(const command_batch&) = delete;
+    command_batch& operator=(const command_batch&) = delete;
+};
+
 /* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */
 void checker_add_result(checker& c, const char* rez, int rez_size);
 
@@ -98,8 +109,8 @@ void destroy_condition(condition& c);
  * The caller holds mon_mutex. `id` is the member that holds the test id. */
 
 /* Index of the first definition with this id, or -1. */
-template <typename D>
-int test_index(D* const* list, int count, int D::*id, int wanted) {
+template <typename D, typename Id>
+int test_index(D* const* list, int count, Id D::*id, Id wanted) {
     for (int i = 0; i < count; i++) {
         if (list[i]->*id == wanted) {
             return i;

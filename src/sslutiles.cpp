@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <netdb.h>
@@ -88,8 +89,17 @@ static int make_nonblocking(int sk) {
     return 1;
 }
 
+/* Logs what went wrong, and tells the caller where that has asked for it. */
+template <typename... T>
+static void report(char* _addInfo, const char* format, T... values) {
+    if (_addInfo != nullptr) {
+        snprintf(_addInfo, ADD_INFO_SIZE, format, values...);
+    }
+    leveledadd2log(0, format, values...);
+}
+
 /* Waits for a connect that is under way. Returns 1 when connected, else 0. */
-static int finish_connect(int sk, const char* host, long budget_us) {
+static int finish_connect(int sk, const char* host, long budget_us, char* _addInfo) {
     long left_us = budget_us;
     int ready = wait_socket(sk, POLLOUT, &left_us);
     if (ready < 0 && errno != EINTR) {
@@ -97,8 +107,8 @@ static int finish_connect(int sk, const char* host, long budget_us) {
         return 0;
     }
     if (ready <= 0) {
-        leveledadd2log(0, "Connection to host: \"%s\" timed out after %d seconds", host,
-                       static_cast<int>(budget_us / US_PER_SECOND));
+        report(_addInfo, "Connection to host: \"%s\" timed out after %ld seconds", host,
+               budget_us / US_PER_SECOND);
         return 0;
     }
     int error = 0;
@@ -114,25 +124,30 @@ static int finish_connect(int sk, const char* host, long budget_us) {
     return 1;
 }
 
-static int connect_within(int sk, const addrinfo* address, const char* host, long budget_us) {
+static int connect_within(int sk, const addrinfo* address, const char* host, long budget_us,
+                          char* _addInfo) {
     if (connect(sk, address->ai_addr, address->ai_addrlen) == 0) {
         return 1;
     }
     if (errno == EINPROGRESS) {
-        return finish_connect(sk, host, budget_us);
+        return finish_connect(sk, host, budget_us, _addInfo);
     }
     leveledadd2log(0, "Error connecting %d - %s", errno, strerror(errno));
     return 0;
 }
 
 int make_connection(const char* _host, const char* _port, long* t_out) {
+    return make_connection(_host, _port, t_out, nullptr);
+}
+
+int make_connection(const char* _host, const char* _port, long* t_out, char* _addInfo) {
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* resolved = nullptr;
     int failed = resolve_host(_host, _port, &hints, &resolved);
     if (failed) {
-        leveledadd2log(0, "Host: %s Error: %s", _host, gai_strerror(failed));
+        report(_addInfo, "Host: %s Error: %s", _host, gai_strerror(failed));
         return -1;
     }
     address_list list(resolved);
@@ -148,7 +163,7 @@ int make_connection(const char* _host, const char* _port, long* t_out) {
     }
     struct timeval start;
     gettimeofday(&start, nullptr);
-    int connected = connect_within(sk.get(), address, _host, *t_out);
+    int connected = connect_within(sk.get(), address, _host, *t_out, _addInfo);
     charge_budget(t_out, &start);
     return connected ? sk.release() : -1;
 }
@@ -242,12 +257,11 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, SSL* pSSL) {
 
 /* --- receiving ------------------------------------------------------------------------------- */
 
-/* The size of the header block at the start of `doc`: every byte up to and including the empty
- * line,
- * "\n\r\n" or "\n\n"; 0 when it is not complete. A "\n\n" is seen only when one more byte follows.
- * `scanned` is the length of a shorter `doc` that had no end, so that growing data is scanned once.
- */
-static int is_header_loaded(const char* doc, int doc_len, int scanned = 0) {
+int is_header_loaded(const char* doc, int doc_len) {
+    return is_header_loaded(doc, doc_len, 0);
+}
+
+int is_header_loaded(const char* doc, int doc_len, int scanned) {
     for (int i = std::max(scanned - 2, 0); i < doc_len - 2; i++) {
         if (doc[i] != '\n') {
             continue;
@@ -282,7 +296,7 @@ static const char* header_end(const char* line, const char* end) {
 }
 
 /* What one header adds to the content length. */
-static long content_length_of(const char* header, const char* end) {
+static long content_length_of(const char* header, const char* end, blank_before_colon blank) {
     static const char PREFIX[] = "Content-";
     const size_t prefix_length = sizeof PREFIX - 1;
     if (static_cast<size_t>(end - header) < prefix_length ||
@@ -290,7 +304,8 @@ static long content_length_of(const char* header, const char* end) {
         return 0;
     }
     const char* colon = static_cast<const char*>(memchr(header, ':', end - header));
-    if (colon == nullptr) {
+    if (colon == nullptr ||
+        (blank == blank_before_colon::no_header && std::any_of(header, colon, is_white_space))) {
         return 0;
     }
     const char* value = std::find_if_not(colon + 1, end, is_white_space);
@@ -302,19 +317,19 @@ static long content_length_of(const char* header, const char* end) {
     return errno != 0 || number == LONG_MAX || number == LONG_MIN ? 0 : number;
 }
 
-/* The sum of the Content-Length values of a header block. Only "Content-", the first eight
- * characters of the name, is compared: the digits that begin a Content-Type value count as well.
- * Values that do not fit a long count nothing; the sum wraps. Readable up to a NUL at or behind
- * hdrs[hdrs_len]. */
-static long get_content_length(const char* hdrs, int hdrs_len) {
+long sum_content_lengths(const char* hdrs, size_t hdrs_len, blank_before_colon blank) {
     const char* end = hdrs + hdrs_len;
     unsigned long sum = 0;
     while (hdrs < end) {
         const char* next = header_end(hdrs, end);
-        sum += static_cast<unsigned long>(content_length_of(hdrs, next));
+        sum += static_cast<unsigned long>(content_length_of(hdrs, next, blank));
         hdrs = next;
     }
     return static_cast<long>(sum);
+}
+
+static long get_content_length(const char* hdrs, int hdrs_len) {
+    return sum_content_lengths(hdrs, static_cast<size_t>(hdrs_len), blank_before_colon::allowed);
 }
 
 namespace {

@@ -38,12 +38,19 @@ struct url_t {
 /* What a response may take in memory at most, in bytes. The peer decides how much it sends. */
 inline constexpr int MAX_RESPONSE_SIZE = 64 * 1024 * 1024;
 
+/* What the text about a failed step takes at most, its NUL included. */
+inline constexpr size_t ADD_INFO_SIZE = 4096;
+
 /* Connects to an IPv4 address of `_host`; `_port` is a service such as "443". Returns the socket,
  * non-blocking and close-on-exec, which the caller closes, or -1.
  *
  * Only the first address for which a socket can be made is tried. An interrupted wait counts as a
  * time-out. */
 int make_connection(const char* _host, const char* _port, long* t_out);
+
+/* The same for a caller that reports failures by itself: _addInfo, ADD_INFO_SIZE bytes or null,
+ * receives the text of a resolver's error and of a time-out. Other failures leave it alone. */
+int make_connection(const char* _host, const char* _port, long* t_out, char* _addInfo);
 
 /* Sends sd_len bytes, over TLS when pSSL is not null. Returns 1 when all of them went out, else 0.
  *
@@ -81,5 +88,21 @@ int wait_socket(int sk, short events, long* budget_us);
 
 /* Subtracts the microseconds since `start` from the budget. */
 void charge_budget(long* budget_us, struct timeval* start);
+
+/* The size of the header block at the start of `doc`: every byte up to and including the empty
+ * line, "\n\r\n" or "\n\n"; 0 when it is not complete. A "\n\n" is seen only when one more byte
+ * follows. `scanned` is the length of a shorter `doc` that had no end, so that growing data is
+ * scanned once. */
+int is_header_loaded(const char* doc, int doc_len);
+int is_header_loaded(const char* doc, int doc_len, int scanned);
+
+/* What a blank between a header's name and its colon means. */
+enum class blank_before_colon { allowed, no_header };
+
+/* The sum of the Content-Length values of a header block. Only "Content-", the first eight
+ * characters of the name, is compared, in any case: the digits that begin a Content-Type value
+ * count as well. Values that do not fit a long count nothing; the sum wraps. Readable up to a NUL
+ * at or behind hdrs[hdrs_len]. */
+long sum_content_lengths(const char* hdrs, size_t hdrs_len, blank_before_colon blank);
 
 #endif

@@ -81,6 +81,7 @@ int main(int argc, char** argv) {
     if (!install_signal_handlers()) {
         exit(1);
     }
+    raise_descriptor_limit();
     if (!init_ssl_variables()) {
         leveledadd2log(-1, "SSL connection initialization failed.");
         return 0;

@@ -2,9 +2,11 @@
 
 #include "cpumon.h"
 #include "diskmon.h"
+#include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
 #include "netmon.h"
+#include "pingmon.h"
 #include "processmon.h"
 #include "vindral_log.h"
 
@@ -23,6 +25,10 @@ static const struct {
 } startup[] = {
     {init_proc_variables, "Process monitoring initialization done.",
      "Process monitoring initialization failed.", OPTIONAL_AND_DONE},
+    {init_http_mon, "HTTP checker initialization done", "HTTP checker initialization failed.",
+     FATAL},
+    {init_ping_mon, "PING checker initialization done", "PING checker initialization failed.",
+     FATAL},
     {init_mem_mon, "MEMORY checker initialization done", "MEMORY checker initialization failed.",
      FATAL},
     {init_disk_mon, "DISK checker initialization done", "DISK checker initialization failed.",
@@ -36,22 +42,24 @@ static const struct {
 
 /* The order in which CHK reaches the checkers. */
 static void (*const interval_setters[])(int) = {
-    set_proc_check_interval, set_mem_check_interval, set_disk_check_interval,
-    set_cpu_check_interval,  set_lda_check_interval, set_net_check_interval,
+    set_proc_check_interval, set_http_check_interval, set_ping_check_interval,
+    set_mem_check_interval,  set_disk_check_interval, set_cpu_check_interval,
+    set_lda_check_interval,  set_net_check_interval,
 };
 
 const result_source result_sources[] = {
     {get_proc_name_list, "get_proc_name_list"}, {get_proc_results, "get_proc_results"},
     {get_cpu_results, "get_cpu_results"},       {get_mounted_list, "get_mounted_list"},
-    {get_disk_results, "get_disk_results"},     {get_mem_results, "get_mem_results"},
-    {get_lda_results, "get_lda_results"},       {get_adapter_list, "get_adapter_list"},
+    {get_disk_results, "get_disk_results"},     {get_http_results, "get_http_results"},
+    {get_mem_results, "get_mem_results"},       {get_lda_results, "get_lda_results"},
+    {get_ping_results, "get_ping_results"},     {get_adapter_list, "get_adapter_list"},
     {get_net_results, "get_net_results"},
 };
 const size_t result_source_count = sizeof result_sources / sizeof result_sources[0];
 
 static void (*const shutdown[])() = {
-    shutdown_net_checker,  shutdown_proc_checker, shutdown_mem_checker,
-    shutdown_disk_checker, shutdown_cpu_checker,  shutdown_lda_checker,
+    shutdown_net_checker, shutdown_proc_checker, shutdown_http_checker, shutdown_ping_checker,
+    shutdown_mem_checker, shutdown_disk_checker, shutdown_cpu_checker,  shutdown_lda_checker,
 };
 
 int start_checkers() {

@@ -1,11 +1,14 @@
 #include "vindral_commands.h"
 
+#include "checker.h"
 #include "cpumon.h"
 #include "diskmon.h"
 #include "guards.h"
+#include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
 #include "netmon.h"
+#include "pingmon.h"
 #include "processmon.h"
 #include "shell_command.h"
 #include "vindral_checkers.h"
@@ -55,6 +58,63 @@ static void cmd_modify_proc(char** f, size_t) {
 
 static void cmd_remove_proc(char** f, size_t) {
     rem_proc(number(f[1]));
+}
+
+/* The one pair of commands that answers a wrong count or id in the log. */
+static bool is_http_test(char** f, size_t count) {
+    if (count != 16) {
+        leveledadd2log(0, "ERROR: %s argument's count is %d, expected 16", f[0],
+                       static_cast<int>(count));
+        return false;
+    }
+    if (number(f[1]) == 0) {
+        leveledadd2log(0, "ERROR: %s test ID is incorrect: %s, %d", f[0], f[1], 0);
+        return false;
+    }
+    return true;
+}
+
+static void cmd_add_http(char** f, size_t count) {
+    if (is_http_test(f, count)) {
+        add_http(number(f[1]), number(f[2]), f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10],
+                 nullptr, number(f[11]), number(f[12]), number(f[13]), number(f[14]),
+                 number(f[15]));
+    }
+}
+
+static void cmd_modify_http(char** f, size_t count) {
+    if (is_http_test(f, count)) {
+        modify_http(number(f[1]), number(f[2]), f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10],
+                    nullptr, number(f[11]), number(f[12]), number(f[13]), number(f[14]),
+                    number(f[15]));
+    }
+}
+
+static void cmd_remove_http(char** f, size_t) {
+    rem_http(number(f[1]));
+}
+
+/* A ping without a size, a count or a time-out is none. */
+static bool is_ping_test(char** f) {
+    return number(f[4]) != 0 && number(f[5]) != 0 && number(f[6]) != 0;
+}
+
+static void cmd_add_ping(char** f, size_t) {
+    if (is_ping_test(f)) {
+        add_ping(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
+                 number(f[7]));
+    }
+}
+
+static void cmd_modify_ping(char** f, size_t) {
+    if (is_ping_test(f)) {
+        mod_ping(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
+                 number(f[7]));
+    }
+}
+
+static void cmd_remove_ping(char** f, size_t) {
+    rem_ping(number(f[1]));
 }
 
 static void cmd_add_mem(char** f, size_t count) {
@@ -161,6 +221,15 @@ static const struct {
     {"PRA", 7, 7, NONZERO_ID, cmd_add_proc},
     {"PRM", 7, 7, NONZERO_ID, cmd_modify_proc},
     {"PRD", 3, 3, NONZERO_ID, cmd_remove_proc}, /* t_id, - */
+    /* _id, _loc_id, _host, _url, _port, _mutch, _post, _user, _pass, _tout, _isSSL, _Redirect,
+     * _loadFullPage, _mustbefound, _method; checked by the handlers, which log what is wrong */
+    {"HPA", 1, MORE_FIELDS, NO_ID, cmd_add_http},
+    {"HPM", 1, MORE_FIELDS, NO_ID, cmd_modify_http},
+    {"HPD", 2, 2, NONZERO_ID, cmd_remove_http}, /* t_id */
+    /* _tid, _loc_id, _ho, p_size, p_cpount, p_timeout, max_lost */
+    {"PGA", 8, 8, NONZERO_ID, cmd_add_ping},
+    {"PGM", 8, 8, NONZERO_ID, cmd_modify_ping},
+    {"PGD", 3, 3, NONZERO_ID, cmd_remove_ping}, /* t_id, - */
     /* _tid, loc_id, mem_min, swap_min, virt_min, buffered_max, cached_max [, host] */
     {"MMA", 8, 9, NONZERO_ID, cmd_add_mem},
     {"MMM", 8, 9, NONZERO_ID, cmd_modify_mem},
@@ -222,6 +291,7 @@ struct split_text {
 
 void parse_data(char* sdata) {
     split_text lines(sdata, '\n');
+    command_batch batch;
     for (size_t i = 0; i < lines.count; i++) {
         {
             /* A long reply must not hold up a stop: nothing is half-done between two commands. */

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,4 +126,12 @@ int daemon_init() {
     (void)pid_file.release(); /* open, and with it the lock, until the process ends */
     detach_from_terminal();
     return 1;
+}
+
+void raise_descriptor_limit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
 }

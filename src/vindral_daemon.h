@@ -17,4 +17,8 @@
  * log writer is not running yet. From main, before any thread is created. */
 int daemon_init();
 
+/* Lets the process open as many files as the system allows it at all: every check that is under way
+ * has a socket. Where that cannot be had, the limit stays. */
+void raise_descriptor_limit();
+
 #endif

@@ -68,18 +68,22 @@ def root_mount():
     sys.exit("no root file system in /proc/mounts")
 
 
+def local_tests(count):
+    plan = ["POL\t0\t60", "CHK\t0\t%d" % INTERVAL_S]
+    for i in range(1, count + 1):
+        plan += ["LAA\t%d\t1\t90\t90\t90" % i,
+                 "CUA\t%d\t1\t101\t101\t101\t-1\t101" % (100 + i),
+                 "MMA\t%d\t1\t1\t-1\t-1\t-1\t-1" % (200 + i),
+                 "DKA\t%d\t1\t%s\t0.001" % (300 + i, root_mount()),
+                 "PRA\t%d\t1\t90\t900\t-1\t%s" % (400 + i, "vindral" if i == 1 else "none%d" % i),
+                 "NTA\t%d\t1\tbench%d\t0\t0\t0\t0\t0\t0" % (500 + i, i % 2)]
+    return plan
+
+
 class Agent:
     """The agent and a collector; only the agent counts."""
 
-    def __init__(self, home, tests):
-        plan = ["POL\t0\t60", "CHK\t0\t%d" % INTERVAL_S]
-        for i in range(1, tests + 1):
-            plan += ["LAA\t%d\t1\t90\t90\t90" % i,
-                     "CUA\t%d\t1\t101\t101\t101\t-1\t101" % (100 + i),
-                     "MMA\t%d\t1\t1\t-1\t-1\t-1\t-1" % (200 + i),
-                     "DKA\t%d\t1\t%s\t0.001" % (300 + i, root_mount()),
-                     "PRA\t%d\t1\t90\t900\t-1\t%s" % (400 + i, "vindral" if i == 1 else "none%d" % i),
-                     "NTA\t%d\t1\tbench%d\t0\t0\t0\t0\t0\t0" % (500 + i, i % 2)]
+    def __init__(self, home, plan, log_level=1):
         plan_path = os.path.join(home, "plan")
         with open(plan_path, "w", encoding="utf-8") as file:
             file.write("\n".join(plan) + "\n")
@@ -87,11 +91,11 @@ class Agent:
         conf = os.path.join(home, "conf")
         self.pid_file, self.log = os.path.join(home, "pid"), os.path.join(home, "log")
         with open(conf, "w", encoding="utf-8") as file:
-            file.write("VINDRALHOME %s\nLOGFILE %s\nPIDFILE %s\nUSEREMAIL bench@example.org\nLOGLEVEL 1\n"
+            file.write("VINDRALHOME %s\nLOGFILE %s\nPIDFILE %s\nUSEREMAIL bench@example.org\nLOGLEVEL %d\n"
                        "AGENTNAME local\nUSEHOST https://127.0.0.1:%d/fcgi-bin/agentgateway\n"
-                       % (home, self.log, self.pid_file, port))
+                       % (home, self.log, self.pid_file, log_level, port))
         subprocess.run([os.path.join(BUILD, "vindral"), "-C", conf], check=False)
-        wait_for(self.authorized, "the agent's first answer")
+        wait_for(self.authorized if log_level else self.started, "the agent")
         with open(self.pid_file, encoding="ascii") as file:
             self.pid = int(file.read())
 
@@ -101,6 +105,9 @@ class Agent:
                 return "Authorization was successfully completed." in file.read()
         except FileNotFoundError:
             return False
+
+    def started(self):
+        return os.path.exists(self.pid_file) and os.path.getsize(self.pid_file) > 0
 
     def query(self):
         pass
@@ -203,8 +210,8 @@ class Zabbix(Peer):
 
 
 MONITORS = {
-    "empty": (None, lambda home: Agent(home, 0)),
-    "agent": (None, lambda home: Agent(home, TESTS)),
+    "empty": (None, lambda home: Agent(home, local_tests(0))),
+    "agent": (None, lambda home: Agent(home, local_tests(TESTS))),
     "node_exporter": ("prometheus-node-exporter", NodeExporter),
     "collectd": ("collectd", Collectd),
     "zabbix": ("zabbix_agentd", Zabbix),

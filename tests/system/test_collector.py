@@ -125,8 +125,9 @@ class Answers(harness.TestCase):
         self.assert_ordinary(self.client.poll(session, block(1)))
 
     def test_not_an_agent(self):
-        answer = self.client.exchange(b"GET / HTTP/1.0\r\n\r\n")
-        self.assertEqual(answer.status, "HTTP/1.0 404 Not Found")
+        for path, status in ((b"/", "200 OK"), (b"/x", "404 Not Found")):
+            answer = self.client.exchange(b"GET " + path + b" HTTP/1.0\r\n\r\n")
+            self.assertEqual(answer.status, "HTTP/1.0 " + status)
 
 
 class Operation(harness.TestCase):

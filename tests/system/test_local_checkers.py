@@ -9,7 +9,7 @@ import sys
 
 import harness
 import records
-from scripted_server import ScriptedServer, accept_login, answer
+import steered
 
 NONE = 18446744073709551616.0
 CPU_WITHIN = "CPU usage is within acceptable limits\n"
@@ -50,27 +50,7 @@ def stat(processors, total, each):
             STAT_TAIL)
 
 
-class Local(harness.TestCase):
-    def start(self, *lines, wrap=(), env=None, before=""):
-        """An agent whose first poll's answer holds these lines."""
-        self.server = ScriptedServer(self)
-        self.server.then(accept_login("s", "POL\t0\t1\nCHK\t0\t1\n" + before),
-                         answer("".join(line + "\n" for line in lines)))
-        self.agent = harness.Agent(self, self.server.port, wrap=wrap, env=env).start()
-
-    def blocks(self):
-        return [records.decode(request.plain()) for request in list(self.server.requests)
-                if request.body]
-
-    def records(self, kind):
-        return [record for block in self.blocks() for record in block if record.ui32[0] == kind]
-
-    def wait_record(self, kind, condition):
-        return harness.wait_until(
-            lambda: next(filter(condition, self.records(kind)), None),
-            lambda: "a record of type %d, have %s\n%s" % (
-                kind, [record[1:] for record in self.records(kind)][-5:], self.agent.log()[-2000:]))
-
+class Local(steered.TestCase):
     def fixture(self, name, text):
         path = os.path.join(self.dir, name)
         harness.write_text(path, text)
@@ -84,10 +64,6 @@ class Local(harness.TestCase):
                        "ip link set %(name)s0 up && ip link set %(name)s1 up" % {"name": name},
                        shell=True, check=True)
         self.addCleanup(subprocess.run, ["ip", "link", "del", name + "0"], check=True)
-
-    def wait_idle(self, count=2):
-        """Waits for polls that came after what was changed."""
-        self.server.wait_requests(len(self.server.requests) + count)
 
     def spawn(self, name, *options):
         process = subprocess.Popen([sys.executable, "-c", PROCESS, name, *options],

@@ -312,10 +312,12 @@ class Log(harness.TestCase):
         banner = [i for i, line in enumerate(messages) if "SMART AGENT" in line]
         self.assertEqual(len(banner), 1)
         self.assertRegex(messages.pop(banner[0]), "^" + BANNER % agent.process.pid + "$")
-        self.assertEqual(banner[0], 7)
+        self.assertEqual(banner[0], 9)
         self.assertEqual([re.sub(r"(?<=: )\d+$", "N", line) for line in messages
                           if "SSL_write" not in line], [
             "Process monitoring initialization done.",
+            "HTTP checker initialization done",
+            "PING checker initialization done",
             "MEMORY checker initialization done",
             "DISK checker initialization done",
             "CPU checker initialization done",

@@ -14,9 +14,11 @@ static size_t stack_size_asked;
 #include "cpumon.h"
 #include "diskmon.h"
 #include "fake_core.h"
+#include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
 #include "netmon.h"
+#include "pingmon.h"
 #include "processmon.h"
 
 #include <gtest/gtest.h>
@@ -38,8 +40,14 @@ const struct {
      "Disk monitoring: can not set thread stack size."},
     {init_proc_variables, "Process monitoring: thread attribute initialization failed.",
      "Process monitoring: can not set thread stack size."},
+    {init_ping_mon, "Pthread attribute initialization failed.",
+     "Can not set ping thread stack size."},
     {init_net_mon, "Net monitoring: thread attribute initialization failed.",
      "Net monitoring: can not set thread stack size."},
+    {init_ping_mon, "Pthread attribute initialization failed.",
+     "Can not set ping thread stack size."},
+    {init_http_mon, "Pthread attribute initialization failed.",
+     "Can not set ping thread stack size."}, /* these, too */
 };
 
 /* The errors logged since the last call; an inventory is logged, too, at its own level. */

@@ -130,6 +130,31 @@ TEST_F(CheckerTest, OneWakeUpIsOnePass) {
     EXPECT_EQ(1, passes);
 }
 
+TEST_F(CheckerTest, CommandsOfOneBatchAreOnePass) {
+    start();
+    {
+        command_batch batch, nested;
+        time_t before_batch = time(nullptr);
+        for (int i = 0; i < 3; i++) {
+            checker_wake(c);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (time(nullptr) == before_batch) {
+            EXPECT_EQ(0, passes);
+        }
+    }
+    ASSERT_TRUE(eventually([] { return passes > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(1, passes);
+}
+
+TEST_F(CheckerTest, ABatchWithoutEndHoldsUpNobody) {
+    start();
+    command_batch batch;
+    checker_wake(c);
+    EXPECT_TRUE(eventually([] { return passes > 0; }));
+}
+
 TEST(Deadline, IsAWholeSecondOfTheWallClock) {
     timespec before, after;
     clock_gettime(CLOCK_REALTIME, &before);

@@ -48,8 +48,10 @@ TEST(collector_request, the_path_does_not_matter_and_numbers_may_be_missing) {
 }
 
 TEST(collector_request, what_no_agent_sends_is_something_else) {
-    EXPECT_EQ(good("GET / HTTP/1.1\r\nHost: x\r\n\r\n").what, request::kind::other);
-    EXPECT_EQ(good("GET / HTTP/1.0\r\nVnd-SessionID: x\r\n\r\n").what, request::kind::other);
+    EXPECT_EQ(good("GET / HTTP/1.1\r\nHost: x\r\n\r\n").what, request::kind::page);
+    EXPECT_EQ(good("GET / HTTP/1.0\r\nVnd-SessionID: x\r\n\r\n").what, request::kind::page);
+    EXPECT_EQ(good("GET /x HTTP/1.0\r\n\r\n").what, request::kind::other);
+    EXPECT_EQ(good("HEAD / HTTP/1.0\r\n\r\n").what, request::kind::other);
     EXPECT_EQ(good("POST / HTTP/1.0\r\n\r\n").what, request::kind::other);
 }
 

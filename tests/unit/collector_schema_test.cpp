@@ -56,6 +56,16 @@ TEST(schema, every_type) {
          "disk",
          "total 40 GB available 9.5 GB",
          R"("status":0,"status_text":"ok","values":{"total":4E1,"available":9.5E0},"message":"m"})"},
+        {{.ui32 = {48, 5, 7, 2, 3}, .i64 = {9}, .d64 = {0.25}, .strings = {"m"}},
+         "ping",
+         "round_trip 0.25 ms lost 3",
+         R"("status":2,"status_text":"failed","values":{"round_trip":2.5E-1,"lost":3},)"
+         R"("message":"m"})"},
+        {{.ui32 = {49, 5, 7, 0, 12, 200, 37}, .i64 = {9}, .strings = {"m"}},
+         "http",
+         "time 12 ms code 200 size 37 bytes",
+         R"("status":0,"status_text":"ok","values":{"time":12,"code":200,"size":37},)"
+         R"("message":"m"})"},
         {{.ui32 = {47, 5, 7, 0},
           .i64 = {9},
           .d64 = {1, 2, 3, 4, 5, 6, none, none},
@@ -159,11 +169,13 @@ TEST(schema, a_record_that_lacks_what_its_type_needs_is_shown_generically) {
 }
 
 TEST(schema, status_words) {
-    EXPECT_EQ(status_word(0), "ok");
-    EXPECT_EQ(status_word(2), "limit reached");
-    EXPECT_EQ(status_word(3), "not found");
-    EXPECT_EQ(status_word(10), "remote query failed");
-    EXPECT_EQ(status_word(-7), "status -7");
+    EXPECT_EQ(status_word(type_cpu, 0), "ok");
+    EXPECT_EQ(status_word(type_cpu, 2), "limit reached");
+    EXPECT_EQ(status_word(type_ping, 2), "failed");
+    EXPECT_EQ(status_word(99, 2), "limit reached"); /* a type without a row */
+    EXPECT_EQ(status_word(type_cpu, 3), "not found");
+    EXPECT_EQ(status_word(type_cpu, 10), "remote query failed");
+    EXPECT_EQ(status_word(type_cpu, -7), "status -7");
 }
 
 TEST(schema, unknown_types_print_all_they_hold) {

@@ -659,18 +659,39 @@ TEST_F(collector_server, a_malformed_request_is_never_taken_for_an_accepted_poll
 
 TEST_F(collector_server, a_browser_is_told_what_this_is) {
     start();
-    for (const char* line :
-         {"GET / HTTP/1.1\r\nHost: x\r\n\r\n", "POST /fcgi-bin/agentgateway HTTP/1.0\r\n\r\n"}) {
-        EXPECT_EQ(ask(line).text, "HTTP/1.0 404 Not Found\r\nContent-Length: 37\r\n\r\n"
-                                  "This is a vindral collection server.\n");
+    const std::string rest = "\r\nContent-Length: 37\r\n\r\nThis is a vindral collection server.\n";
+    EXPECT_EQ(ask("GET / HTTP/1.1\r\nHost: x\r\n\r\n").text, "HTTP/1.0 200 OK" + rest);
+    for (const char* line : {"GET /x HTTP/1.1\r\nHost: x\r\n\r\n", "HEAD / HTTP/1.0\r\n\r\n",
+                             "POST /fcgi-bin/agentgateway HTTP/1.0\r\n\r\n"}) {
+        EXPECT_EQ(ask(line).text, "HTTP/1.0 404 Not Found" + rest);
     }
+}
+
+TEST_F(collector_server, the_page_needs_no_tls) {
+    start();
+    client c(port_);
+    c.send_raw("GET / HTTP/1.0\r\n");
+    c.send_raw("Host: x\r\n\r\n");
+    ending how;
+    EXPECT_EQ(c.read_all(how), "HTTP/1.0 200 OK\r\nContent-Length: 37\r\n\r\n"
+                               "This is a vindral collection server.\n");
+    EXPECT_EQ(how, ending::bare);
 }
 
 TEST_F(collector_server, no_tls_no_answer) {
     start();
-    client c(port_);
-    c.send_raw("GET / HTTP/1.0\r\n\r\n");
-    EXPECT_EQ(c.wait_for_end(), ending::reset);
+    for (const char* text :
+         {"GET /x HTTP/1.0\r\n\r\n", "POST / HTTP/1.0\r\n\r\n", "GARBAGE\r\n\r\n",
+          "POST / HTTP/1.0\r\nVnd-EMail: a@b\r\nVnd-AName: n\r\n\r\n"}) {
+        client c(port_);
+        c.send_raw(text);
+        EXPECT_EQ(c.wait_for_end(), ending::reset) << text;
+    }
+    client silent(port_), endless(port_), other(port_);
+    endless.send_raw(std::string(9000, 'A'));
+    EXPECT_EQ(endless.wait_for_end(), ending::reset);
+    other.send_raw("get / HTTP/1.0\r\n\r\n"); /* no method begins like that: taken for TLS */
+    EXPECT_EQ(other.wait_for_end(), ending::reset);
     client old(port_);
     EXPECT_FALSE(old.handshake(TLS1_1_VERSION));
     client fine(port_), newer(port_);

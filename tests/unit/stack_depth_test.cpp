@@ -7,9 +7,12 @@
 #include "cpumon.h"
 #include "diskmon.h"
 #include "guards.h"
+#include "httpmon.h"
 #include "libsslloader.h"
 #include "memmon.h"
 #include "monloadaverage.h"
+#include "ping.h"
+#include "pingmon.h"
 #include "processmon.h"
 #include "resolve.h"
 #include "tls_peer.h"
@@ -131,10 +134,14 @@ TEST_F(StackDepth, PollThread) {
     /* The second answer adds tests, so that the third poll collects; inventories come anyway. */
     std::string adds = "LAA\t1\t1\t1\t1\t1\nCUA\t1\t1\t1\t1\t1\t1\t1\n"
                        "MMA\t1\t1\t1\t1\t1\t1\t1\nDKA\t1\t1\t/(a|b)\t1\n"
-                       "PRA\t1\t1\t1\t1\t1\tx\nNTA\t1\t1\teth0\t1\t1\t1\t1\t1\t1\n";
+                       "PRA\t1\t1\t1\t1\t1\tx\nNTA\t1\t1\teth0\t1\t1\t1\t1\t1\t1\n"
+                       "HPA\t1\t1\th\t/\t80\tm\ta=b\tu\tp\t1\t1\t1\t1\t1\t1\n"
+                       "PGA\t1\t1\th\t56\t1\t100\t1\n";
     std::string commands =
         "CHK\t0\t1000\nLAM\t1\t2\t3\t4\t5\nCUM\t1\t1\t1\t1\t1\t1\t1\n"
         "MMM\t1\t1\t1\t1\t1\t1\t1\nDKM\t1\t1\t/(a|b)\t1\t1\nPRM\t1\t1\t1\t1\t1\tx\n"
+        "HPM\t1\t1\th\t/\t80\tm\ta=b\tu\tp\t1\t1\t1\t1\t1\t1\n"
+        "PGM\t1\t1\th\t56\t1\t100\t1\nHPD\t1\nPGD\t1\t0\n"
         "NTM\t1\t1\teth0\t1\t1\t1\t1\t1\t1\nXYZ\nUPD\ta\tb\tc\n"
         "LAD\t1\t0\nCUD\t1\t0\nMMD\t1\t0\nDKD\t1\t0\nPRD\t1\t0\nNTD\t1\t0\nPOL\t0\t-1\n";
     auto answer = [](const std::string& headers, const std::string& body) {
@@ -233,6 +240,56 @@ TEST_F(StackDepth, NetworkWorkers) {
     used = measure(sample, nullptr);
     expect_room("net sampler", used);
     shutdown_log_writer();
+}
+
+TEST_F(StackDepth, PageCheck) {
+    ASSERT_EQ(1, init_log_file());
+    ASSERT_EQ(1, init_ssl_variables());
+    tls_peer server(
+        tls_peer::tls,
+        {{peer::take_request(), peer::send("HTTP/1.0 302 Found\r\nLocation: /there\r\n\r\n"),
+          peer::end_clean()},
+         {peer::take_request(),
+          peer::send("HTTP/1.0 200 OK\r\nContent-Length: 9999\r\n\r\n" + std::string(9999, 'x')),
+          peer::end_clean()}});
+    std::string host = "localhost", port = server.port(), path = "/", match = "none", form = "a=b",
+                user = "u", password = "p", limit = "10";
+    aHost test = {};
+    test.id = 1;
+    test.host = host.data();
+    test.port = port.data();
+    test.uri = path.data();
+    test.mutch = match.data();
+    test.post = form.data();
+    test.user = user.data();
+    test.pass = password.data();
+    test.tout = limit.data();
+    test.isSSL = test.Redirect = test.loadFullPage = 1;
+    expect_room("page check", measure(http_check_thread, dup_aHost(&test)));
+    EXPECT_TRUE(server.await_end());
+    shutdown_log_writer();
+}
+
+TEST_F(StackDepth, EchoCheck) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "raw sockets need root";
+    }
+    ASSERT_EQ(1, init_log_file());
+    char host[] = "localhost";
+    ping_data test = {host, 1, 1, 1, 65507, 10000, 0, 0};
+    expect_room("echo check", measure(ping_single_thread, ping_data_dup(&test)));
+    shutdown_log_writer();
+}
+
+TEST_F(StackDepth, RoundsOfProbes) {
+    char host[] = "localhost", path[] = "/", port[] = "1";
+    add_http(1, 1, host, path, port, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0, 0,
+             0, 0);
+    add_ping(1, 1, host, 56, 1, 100, 0);
+    expect_room("http",
+                worker_depth(http_worker_thread, set_http_check_interval, get_http_results));
+    expect_room("ping",
+                worker_depth(ping_worker_thread, set_ping_check_interval, get_ping_results));
 }
 
 TEST_F(StackDepth, LogWriter) {

@@ -34,6 +34,8 @@ static void record_interval(const char* name, int t_sec) {
     }
 
 FAKE_CHECKER(init_proc_variables, set_proc_check_interval, shutdown_proc_checker)
+FAKE_CHECKER(init_http_mon, set_http_check_interval, shutdown_http_checker)
+FAKE_CHECKER(init_ping_mon, set_ping_check_interval, shutdown_ping_checker)
 FAKE_CHECKER(init_mem_mon, set_mem_check_interval, shutdown_mem_checker)
 FAKE_CHECKER(init_disk_mon, set_disk_check_interval, shutdown_disk_checker)
 FAKE_CHECKER(init_cpu_mon, set_cpu_check_interval, shutdown_cpu_checker)
@@ -45,8 +47,10 @@ FAKE_SOURCE(get_proc_results)
 FAKE_SOURCE(get_cpu_results)
 FAKE_SOURCE(get_mounted_list)
 FAKE_SOURCE(get_disk_results)
+FAKE_SOURCE(get_http_results)
 FAKE_SOURCE(get_mem_results)
 FAKE_SOURCE(get_lda_results)
+FAKE_SOURCE(get_ping_results)
 FAKE_SOURCE(get_adapter_list)
 FAKE_SOURCE(get_net_results)
 
@@ -59,6 +63,10 @@ struct row {
 const row rows[] = {
     {"init_proc_variables", "Process monitoring initialization done.",
      "Process monitoring initialization failed.", false},
+    {"init_http_mon", "HTTP checker initialization done", "HTTP checker initialization failed.",
+     true},
+    {"init_ping_mon", "PING checker initialization done", "PING checker initialization failed.",
+     true},
     {"init_mem_mon", "MEMORY checker initialization done", "MEMORY checker initialization failed.",
      true},
     {"init_disk_mon", "DISK checker initialization done", "DISK checker initialization failed.",
@@ -112,7 +120,8 @@ TEST(Checkers, AFailureOfOneThatIsNeededEndsTheStart) {
 TEST(Checkers, IntervalReachesEveryCheckerInOrder) {
     calls.clear();
     set_check_intervals(9);
-    EXPECT_EQ("set_proc_check_interval:9\nset_mem_check_interval:9\nset_disk_check_interval:9\n"
+    EXPECT_EQ("set_proc_check_interval:9\nset_http_check_interval:9\nset_ping_check_interval:"
+              "9\nset_mem_check_interval:9\nset_disk_check_interval:9\n"
               "set_cpu_check_interval:9\nset_lda_check_interval:9\nset_net_check_interval:9\n",
               calls);
 }
@@ -121,8 +130,9 @@ TEST(Checkers, CollectionOrderAndNames) {
     const result_source expected[] = {
         {get_proc_name_list, "get_proc_name_list"}, {get_proc_results, "get_proc_results"},
         {get_cpu_results, "get_cpu_results"},       {get_mounted_list, "get_mounted_list"},
-        {get_disk_results, "get_disk_results"},     {get_mem_results, "get_mem_results"},
-        {get_lda_results, "get_lda_results"},       {get_adapter_list, "get_adapter_list"},
+        {get_disk_results, "get_disk_results"},     {get_http_results, "get_http_results"},
+        {get_mem_results, "get_mem_results"},       {get_lda_results, "get_lda_results"},
+        {get_ping_results, "get_ping_results"},     {get_adapter_list, "get_adapter_list"},
         {get_net_results, "get_net_results"},
     };
     ASSERT_EQ(sizeof expected / sizeof expected[0], result_source_count);
@@ -135,7 +145,8 @@ TEST(Checkers, CollectionOrderAndNames) {
 TEST(Checkers, StopInOrder) {
     calls.clear();
     stop_checkers();
-    EXPECT_EQ("shutdown_net_checker\nshutdown_proc_checker\nshutdown_mem_checker\n"
+    EXPECT_EQ("shutdown_net_checker\nshutdown_proc_checker\nshutdown_http_checker\nshutdown_ping_"
+              "checker\nshutdown_mem_checker\n"
               "shutdown_disk_checker\nshutdown_cpu_checker\nshutdown_lda_checker\n",
               calls);
 }

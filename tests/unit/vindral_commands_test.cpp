@@ -47,6 +47,30 @@ void mod_proc(char* pr_name, int t_id, int loc_id, int cpu, int rss, int vsize) 
 void rem_proc(int t_id) {
     record("rem_proc", t_id);
 }
+void add_http(long id, int loc_id, char* host, char* url, char* port, char* match, char* post,
+              char* user, char* pass, char* tout, char* agent, int ssl, int redirect, int full,
+              int found, int method) {
+    record("add_http", id, loc_id, host, url, port, match, post, user, pass, tout, agent, ssl,
+           redirect, full, found, method);
+}
+void modify_http(long id, int loc_id, char* host, char* url, char* port, char* match, char* post,
+                 char* user, char* pass, char* tout, char* agent, int ssl, int redirect, int full,
+                 int found, int method) {
+    record("modify_http", id, loc_id, host, url, port, match, post, user, pass, tout, agent, ssl,
+           redirect, full, found, method);
+}
+void rem_http(int t_id) {
+    record("rem_http", t_id);
+}
+void add_ping(int tid, int loc_id, char* host, int size, int count, int timeout, int lost) {
+    record("add_ping", tid, loc_id, host, size, count, timeout, lost);
+}
+void mod_ping(int tid, int loc_id, char* host, int size, int count, int timeout, int lost) {
+    record("mod_ping", tid, loc_id, host, size, count, timeout, lost);
+}
+void rem_ping(int t_id) {
+    record("rem_ping", t_id);
+}
 void add_mem(int tid, int loc_id, int mem, int swap, int virt, int buffers, int cached,
              char* host) {
     record("add_mem", tid, loc_id, mem, swap, virt, buffers, cached, host);
@@ -168,6 +192,10 @@ TEST(Commands, LocalCheckers) {
         {"PRA", "7\t3\t50\t-1\t300\tmy daemon", "add_proc my daemon 7 3 50 -1 300", 0},
         {"PRM", "7\t3\t50\t-1\t300\tx", "mod_proc x 7 3 50 -1 300", 0},
         {"PRD", "7\t0", "rem_proc 7", 0},
+        {"PGA", "7\t3\thost\t32\t4\t500\t0", "add_ping 7 3 host 32 4 500 0", 0},
+        {"PGM", "7\t3\thost\t32\t4\t500\t1", "mod_ping 7 3 host 32 4 500 1", 0},
+        {"PGD", "7\t0", "rem_ping 7", 0},
+        {"HPD", "7", "rem_http 7", 0},
         {"MMA", "7\t3\t1\t2\t4\t5\t6", "add_mem 7 3 1 2 4 5 6 (none)", 1},
         {"MMM", "7\t3\t1\t2\t4\t5\t6", "modify_mem 7 3 1 2 4 5 6 (none)", 1},
         {"MMD", "7\t0", "rem_mem 7", 0},
@@ -200,6 +228,37 @@ TEST(Commands, LocalCheckers) {
         }
     }
     EXPECT_EQ("", take_log_text()); /* malformed commands are dropped silently */
+}
+
+TEST(Commands, PingsWithoutASizeACountOrATimeOut) {
+    for (const char* line : {"PGA\t7\t3\th\t0\t4\t500\t0", "PGA\t7\t3\th\t32\t0\t500\t0",
+                             "PGA\t7\t3\th\t32\t4\t0\t0", "PGM\t7\t3\th\tx\t4\t500\t0"}) {
+        EXPECT_EQ("", run(line)) << line;
+    }
+}
+
+TEST(Commands, Pages) {
+    const std::string fields =
+        "\t7\t3\thost\t/path\t443\tmatch\tpost\tuser\tpass\t20\t1\t2\t3\t4\t5";
+    take_log();
+    EXPECT_EQ("add_http 7 3 host /path 443 match post user pass 20 (none) 1 2 3 4 5\n",
+              run("HPA" + fields));
+    EXPECT_EQ("modify_http 7 3 host /path 443 match post user pass 20 (none) 1 2 3 4 5\n",
+              run("HPM" + fields));
+    EXPECT_EQ("add_http 7 3 host /path 80      (none) 0 0 0 0 5\n",
+              run("HPA\t7\t3\thost\t/path\t80\t\t\t\t\t\t0\t0\t0\t0\t5"));
+    EXPECT_EQ("", take_log_text());
+    EXPECT_EQ("", run("HPA"));
+    EXPECT_EQ("", run("HPA" + fields + "\tx"));
+    EXPECT_EQ("", run("HPM\t7"));
+    EXPECT_EQ("", run("HPA\tx" + fields.substr(2)));
+    EXPECT_EQ("", run("HPM\t0" + fields.substr(2)));
+    EXPECT_EQ("0 ERROR: HPA argument's count is 1, expected 16\n"
+              "0 ERROR: HPA argument's count is 17, expected 16\n"
+              "0 ERROR: HPM argument's count is 2, expected 16\n"
+              "0 ERROR: HPA test ID is incorrect: x, 0\n"
+              "0 ERROR: HPM test ID is incorrect: 0, 0\n",
+              take_log_text());
 }
 
 TEST(Commands, OptionalFields) {

@@ -86,6 +86,9 @@ int init_log_file() {
 int install_signal_handlers() {
     return record("install_signal_handlers");
 }
+void raise_descriptor_limit() {
+    (void)record("raise_descriptor_limit");
+}
 int init_ssl_variables() {
     return record("init_ssl_variables");
 }
@@ -124,7 +127,7 @@ namespace {
 
 const std::string TO_CHECKERS = "process_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
                                 "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
-                                "init_ssl_variables\nstart_checkers\n";
+                                "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n";
 
 std::string banner() {
     const std::string stars = "\n\n\t\t\t\t" + std::string(51, '*');

@@ -232,10 +232,10 @@ class Operation(harness.TestCase):
             occupied = str(taken.getsockname()[1])
             for options, text in ((["--port", occupied], "port " + occupied),
                                   (["--listen", "nowhere"], "nowhere"),
-                                  (["--plan", "/nonexistent/plan"], "/nonexistent/plan"),
+                                  (["--plan", "/proc/nonexistent/plan"], "/proc/nonexistent/plan"),
                                   (["--plan", self.dir], self.dir),
-                                  (["--cert", "/nonexistent/c", "--key", "/nonexistent/k"],
-                                   "/nonexistent/c")):
+                                  (["--cert", "/proc/nonexistent/c", "--key", "/proc/nonexistent/k"],
+                                   "/proc/nonexistent/c")):
                 done = self.run_collector("--state-dir", state, "--port", "0", *options)
                 self.assertEqual((done.returncode, done.stdout), (1, ""), options)
                 self.assertIn(text, done.stderr)

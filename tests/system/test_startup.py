@@ -50,7 +50,7 @@ class CommandLine(harness.TestCase):
             self.assertRegex(done.stdout, "^" + VERSION + "$")
 
     def test_help_does_not_read_the_configuration(self):
-        done = self.run_agent("-C", "/nonexistent", "-h")
+        done = self.run_agent("-C", "/proc/nonexistent", "-h")
         self.assertNotIn("nonexistent", done.stdout)
         self.assertEqual(done.returncode, 0)
 
@@ -76,7 +76,7 @@ class CommandLine(harness.TestCase):
     def test_no_configuration_file(self):
         agent = harness.Agent(self)
         os.mkdir(agent.conf)
-        for path, reason in (("/nonexistent/vindral.conf", "No such file or directory"),
+        for path, reason in (("/proc/nonexistent/vindral.conf", "No such file or directory"),
                              (agent.conf + "/", None)):
             done = self.run_agent("-C", path)
             if reason:
@@ -115,8 +115,8 @@ class CommandLine(harness.TestCase):
 
     def test_options_win_over_the_configuration(self):
         server = ScriptedServer(self)
-        agent = harness.Agent(self, server.port, level=1, LOGFILE="/nonexistent/log",
-                              PIDFILE="/nonexistent/pid", VINDRALHOME="/nonexistent",
+        agent = harness.Agent(self, server.port, level=1, LOGFILE="/proc/nonexistent/log",
+                              PIDFILE="/proc/nonexistent/pid", VINDRALHOME="/proc/nonexistent",
                               USEREMAIL="other@example.net", AGENTNAME="other")
         agent.start("-L", agent.log_path, "--lock-file", agent.pid_path, "-D", agent.dir,
                     "--user-email=chosen@example.net", "-Achosen name")
@@ -220,17 +220,17 @@ class PidFile(harness.TestCase):
             self.assertEqual(harness.read_text(agent.pid_path), content)
 
     def test_cannot_open(self):
-        agent = harness.Agent(self, level=1, PIDFILE="/nonexistent/vindral.pid")
+        agent = harness.Agent(self, level=1, PIDFILE="/proc/nonexistent/vindral.pid")
         done = agent.run()
         self.assertEqual((done.stdout, done.returncode),
-                         ('\nFailed on opening PID file: "/nonexistent/vindral.pid", '
+                         ('\nFailed on opening PID file: "/proc/nonexistent/vindral.pid", '
                           'No such file or directory\n', 0))
         directory = harness.Agent(self, level=1, PIDFILE=self.dir).run()
         self.assertEqual(directory.stdout,
                          '\nFailed on opening PID file: "%s", Is a directory\n' % self.dir)
 
     def test_silent_at_level_0(self):
-        done = harness.Agent(self, level=0, PIDFILE="/nonexistent/vindral.pid").run()
+        done = harness.Agent(self, level=0, PIDFILE="/proc/nonexistent/vindral.pid").run()
         self.assertEqual((done.stdout, done.stderr, done.returncode), ("", "", 0))
 
 
@@ -273,7 +273,7 @@ class Daemon(harness.TestCase):
         self.assertIn('PID File "%s", %d.' % (agent.pid_path, agent.process.pid), second.stdout)
 
     def test_cannot_open_the_log(self):
-        agent = harness.Agent(self, level=1, LOGFILE="/nonexistent/vindral.log")
+        agent = harness.Agent(self, level=1, LOGFILE="/proc/nonexistent/vindral.log")
         # The message of the daemon goes to a standard output that is /dev/null by then.
         self.assertEqual(agent.run_to_end(), ([1, 0], ""))
 

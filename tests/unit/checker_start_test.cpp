@@ -14,6 +14,7 @@ static size_t stack_size_asked;
 #include "cpumon.h"
 #include "diskmon.h"
 #include "fake_core.h"
+#include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
 #include "netmon.h"
@@ -43,6 +44,10 @@ const struct {
      "Can not set ping thread stack size."},
     {init_net_mon, "Net monitoring: thread attribute initialization failed.",
      "Net monitoring: can not set thread stack size."},
+    {init_ping_mon, "Pthread attribute initialization failed.",
+     "Can not set ping thread stack size."},
+    {init_http_mon, "Pthread attribute initialization failed.",
+     "Can not set ping thread stack size."}, /* these, too */
 };
 
 /* The errors logged since the last call; an inventory is logged, too, at its own level. */

@@ -28,13 +28,16 @@
 static std::deque<int> wait_results;
 static std::atomic<int> waits = 0;
 static std::atomic<long> longest_patience = 0;
-static std::deque<int> read_errors;   /* of the next reads; 0 reads */
-static std::deque<int> send_errors;   /* of the next sends; 0 sends */
-static std::deque<size_t> read_sizes; /* what the next reads give at most */
+static std::vector<short> wait_events; /* what the waits were for */
+static std::deque<long> charges;       /* of the next steps, in microseconds, whatever they take */
+static std::deque<int> read_errors;    /* of the next reads; 0 reads */
+static std::deque<int> send_errors;    /* of the next sends; 0 sends */
+static std::deque<size_t> read_sizes;  /* what the next reads give at most */
 static bool no_request = false;
 
 static int test_wait_socket(int sk, short events, long* budget_us) {
     waits++;
+    wait_events.push_back(events);
     longest_patience = std::max(longest_patience.load(), *budget_us);
     if (wait_results.empty()) {
         return wait_socket(sk, events, budget_us);
@@ -46,6 +49,15 @@ static int test_wait_socket(int sk, short events, long* budget_us) {
         return -1;
     }
     return result;
+}
+
+static void test_charge_budget(long* budget_us, struct timeval* start) {
+    if (charges.empty()) {
+        charge_budget(budget_us, start);
+        return;
+    }
+    *budget_us -= charges.front();
+    charges.pop_front();
 }
 
 /* False, with errno, when the call has to fail. */
@@ -81,11 +93,13 @@ static char* test_make_http_request(const char* host, const char* url, int metho
 }
 
 #define wait_socket test_wait_socket
+#define charge_budget test_charge_budget
 #define read test_read
 #define send test_send
 #define make_http_request test_make_http_request
 #include "httpmon_exchange.cpp"
 #undef wait_socket
+#undef charge_budget
 #undef read
 #undef send
 #undef make_http_request
@@ -96,31 +110,57 @@ using namespace std::string_literals;
 
 static const long SECOND = 1000000;
 
+static int contexts = 0, sessions = 0; /* that the checks have made and not freed */
+
+static void count_tls_objects() {
+    lib_SSL_CTX_new = [](const SSL_METHOD* method) {
+        contexts++;
+        return SSL_CTX_new(method);
+    };
+    lib_SSL_CTX_free = [](SSL_CTX* context) {
+        contexts--;
+        SSL_CTX_free(context);
+    };
+    lib_SSL_new = [](SSL_CTX* context) {
+        sessions++;
+        return SSL_new(context);
+    };
+    lib_SSL_free = [](SSL* session) {
+        sessions--;
+        SSL_free(session);
+    };
+}
+
 class process_set_up : public testing::Environment {
     void SetUp() override {
         signal(SIGPIPE, SIG_IGN);
         ASSERT_EQ(1, init_ssl_variables());
+        count_tls_objects();
         take_log();
     }
 };
 static testing::Environment* const set_up = testing::AddGlobalTestEnvironment(new process_set_up);
 
-/* Every test ends with as many descriptors as it began with. */
+/* Every test ends with as many descriptors as it began with, and without TLS objects. */
 class http_exchange : public testing::Test {
 protected:
     void SetUp() override {
         take_log();
         descriptors_ = count_descriptors();
         waits = 0;
+        wait_events.clear();
         longest_patience = 0;
     }
     void TearDown() override {
         wait_results.clear();
+        charges.clear();
         read_errors.clear();
         send_errors.clear();
         read_sizes.clear();
         no_request = false;
         EXPECT_EQ(descriptors_, count_descriptors());
+        EXPECT_EQ(0, contexts);
+        EXPECT_EQ(0, sessions);
     }
 
 private:
@@ -200,6 +240,10 @@ static std::string without_numbers(std::string text, std::initializer_list<const
     return text;
 }
 
+/* Of the last check: its text, and its time in milliseconds. */
+static std::string last_info;
+static float last_spent;
+
 /* The outcome with its time as "T". */
 static outcome check(const std::string& port, const options& o = {}) {
     auto text = [](const char* t) { return const_cast<char*>(t); };
@@ -220,7 +264,10 @@ static outcome check(const std::string& port, const options& o = {}) {
     test.mustbefound = o.found;
     test.method = o.method;
     std::unique_ptr<char[]> info(new char[ADD_INFO_SIZE]());
+    strcpy(info.get(), "old text");
     heap<com_result> r(make_http_check(&test, info.get()));
+    last_info = info.get();
+    last_spent = r->spentTime;
     EXPECT_EQ(7, r->tid);
     EXPECT_EQ(8, r->loc_id);
     EXPECT_GE(r->spentTime, 0);
@@ -290,6 +337,27 @@ TEST_F(http_exchange, the_log_of_a_check) {
               without_numbers(log, {"spent:\t", "left:\t"}));
     check(closed_port());
     EXPECT_NE(std::string::npos, take_log_text().find("\nmutch:\t\n\n\n"));
+}
+
+/* A send that takes 1.5 seconds of the 20, and the same time in all units. */
+TEST_F(http_exchange, the_time_of_a_check) {
+    charges = {1500000};
+    tls_peer server(tls_peer::tcp, {answering(OK_HEADER)});
+    check(server.port());
+    EXPECT_GE(last_spent, 1500);
+    EXPECT_LT(last_spent, 15000);
+    float seconds = 0;
+    ASSERT_EQ(1, sscanf(last_info.c_str(), "HTTP OK HTTP/1.1 200 OK - %f second", &seconds));
+    EXPECT_NEAR(last_spent / 1000, seconds, 0.002);
+
+    std::string log = take_log_text();
+    size_t sent = log.find("Request Sent!");
+    ASSERT_NE(std::string::npos, sent);
+    long left = 0;
+    ASSERT_EQ(
+        2, sscanf(&log[sent], "Request Sent!\ntime spent:\t%f\ntime left:\t%ld", &seconds, &left));
+    EXPECT_GE(seconds, 1.5);
+    EXPECT_NEAR(20, seconds + static_cast<float>(left) / 1000000, 0.002);
 }
 
 TEST_F(http_exchange, codes_that_are_good_and_codes_that_are_not) {
@@ -409,6 +477,7 @@ TEST_F(http_exchange, a_time_out_that_is_no_number_gives_no_time_at_all) {
 TEST_F(http_exchange, budgets_beyond_all_measure) {
     EXPECT_EQ(10 * SECOND, time_budget("10"));
     EXPECT_EQ(5 * SECOND, time_budget(" 5x"));
+    EXPECT_EQ(10 * SECOND, time_budget("010"));
     EXPECT_EQ(0, time_budget("ten"));
     EXPECT_EQ(9223372036854L * SECOND, time_budget("99999999999999999999"));
     EXPECT_EQ(-9223372036854L * SECOND, time_budget("-99999999999999999999"));
@@ -470,6 +539,14 @@ TEST_F(http_exchange, a_redirection_is_good_when_it_is_not_followed) {
               check_answer(redirect("/x")));
 }
 
+TEST_F(http_exchange, codes_from_300_to_399_are_followed) {
+    for (const char* code : {"299", "300", "399", "400"}) {
+        std::string head = "HTTP/1.1 "s + code + " x\r\nLocation: /x\r\n\r\n";
+        tls_peer server(tls_peer::tcp, {answering(head), answering(OK_HEADER)});
+        EXPECT_EQ(code[0] == '3' ? 200 : atoi(code), check(server.port(), {.redirect = 1}).code);
+    }
+}
+
 TEST_F(http_exchange, the_request_is_repeated_as_it_was) {
     tls_peer server(tls_peer::tcp, {answering(redirect("/x")), answering(OK_HEADER)});
     check(server.port(), {.redirect = 1, .method = 1, .post = "a=b", .user = "u", .password = "p"});
@@ -477,6 +554,13 @@ TEST_F(http_exchange, the_request_is_repeated_as_it_was) {
               "Host: 127.0.0.1\r\nAuthorization: Basic dTpw\r\n"
               "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 3\r\n\r\na=b",
               server.request(1));
+}
+
+TEST_F(http_exchange, the_request_names_the_host_it_goes_to) {
+    tls_peer second(tls_peer::tcp, {answering(OK_HEADER)});
+    EXPECT_EQ(200, check_answer(redirect("http://127.1:"s + second.port()), {.redirect = 1}).code);
+    EXPECT_EQ("GET / HTTP/1.0\r\nUser-Agent: (null)\r\nConnection: close\r\nHost: 127.1\r\n\r\n",
+              second.request(0));
 }
 
 TEST_F(http_exchange, a_loop) {
@@ -552,6 +636,16 @@ TEST_F(http_exchange, a_redirection_to_nobody_leaves_the_figures_of_the_last_res
               check(server.port(), {.redirect = 1}));
 }
 
+TEST_F(http_exchange, a_response_that_fails_leaves_no_figures_of_the_one_before_but_its_code) {
+    tls_peer server(tls_peer::tls,
+                    {answering(redirect("/x") + "body"),
+                     {peer::take_request(), peer::send(OK_HEADER), peer::end_dirty()}});
+    EXPECT_EQ(
+        (outcome{2, 302, 0, 0,
+                 "HTTP CRITICAL - error:0A000126:SSL routines::unexpected eof while reading"}),
+        check(server.port(), {.ssl = 1, .redirect = 1}));
+}
+
 TEST_F(http_exchange, redirections_share_one_budget) {
     tls_peer server(tls_peer::tcp, chain(3));
     std::string port = server.port();
@@ -623,6 +717,7 @@ TEST_F(http_tls, a_handshake_that_succeeds_otherwise_fails_without_words) {
     lib_SSL_connect = [](SSL*) { return 2; };
     tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
     EXPECT_EQ((outcome{2, 0, 0, 0, ""}), check(server.port(), {.ssl = 1}));
+    EXPECT_EQ("", errors_logged()); /* no request is tried */
 }
 
 TEST_F(http_tls, a_server_that_speaks_no_tls) {
@@ -665,8 +760,10 @@ TEST_F(http_tls, a_server_that_accepts_and_says_nothing_is_waited_for) {
 }
 
 TEST_F(http_tls, a_longer_budget_makes_for_more_patience) {
-    tls_peer server(tls_peer::tls, {answering(OK_HEADER)});
-    EXPECT_EQ(0, check(server.port(), {.ssl = 1, .timeout = "100000"}).status);
+    wait_results = {0};
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ(2, check(server.port(), {.ssl = 1, .timeout = "100000"}).status);
+    EXPECT_EQ(1, waits);
     EXPECT_GT(longest_patience, 99990 * SECOND);
 }
 
@@ -710,6 +807,13 @@ TEST_F(http_tls, an_old_error_of_the_thread_is_not_taken_for_one_of_the_check) {
         ERR_put_error(ERR_LIB_SSL, 0, 1, "old", 1);
     }
     EXPECT_EQ((outcome{0, 200, OK_SIZE, 1, OK_TEXT}), check_answer(OK_HEADER + "b"s, {.ssl = 1}));
+    for (int i = 0; i < 20; i++) {
+        ERR_put_error(ERR_LIB_SSL, 0, 1, "old", 1);
+    }
+    lib_SSL_new = [](SSL_CTX*) -> SSL* { return nullptr; };
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ("CRITICAL - Cannot establish SSL connection. error:00000000:lib(0)::reason(0)",
+              check(server.port(), {.ssl = 1}).info);
 }
 
 TEST_F(http_tls, an_end_without_the_closing_alert_is_a_failure) {
@@ -771,6 +875,9 @@ static int send_text(int sk, const std::string& text, long budget = 10 * SECOND,
 TEST_F(http_exchange, sends_in_as_many_pieces_as_it_takes) {
     socket_pair pair;
     std::string text(3000000, 'x'), received;
+    for (size_t i = 0; i < text.size(); i++) {
+        text[i] = static_cast<char>(i % 251);
+    }
     std::thread reader([&] {
         char room[4096];
         for (ssize_t got; (got = read(pair.theirs.get(), room, sizeof room)) > 0;) {
@@ -803,6 +910,17 @@ TEST_F(http_exchange, a_budget_that_ends_with_the_send_is_a_failure) {
     EXPECT_EQ(0, send_text(pair.ours.get(), "x", 0));
     EXPECT_STREQ("Connection timed out.", step_info);
     EXPECT_EQ(0, send_text(pair.ours.get(), "x", -1));
+    EXPECT_STREQ("Connection timed out.", step_info);
+}
+
+/* The last microsecond is still inside. */
+TEST_F(http_exchange, a_send_is_charged) {
+    socket_pair pair;
+    wait_results = {1, 1};
+    charges = {999, 1000};
+    EXPECT_EQ(1, send_text(pair.ours.get(), "x", 1000));
+    EXPECT_STREQ("", step_info);
+    EXPECT_EQ(0, send_text(pair.ours.get(), "x", 1000));
     EXPECT_STREQ("Connection timed out.", step_info);
 }
 
@@ -899,6 +1017,7 @@ TEST_F(http_fake_tls, a_write_is_repeated_while_the_session_wants_the_socket) {
     EXPECT_EQ(1, send_tls_text("request",
                                {{-1, SSL_ERROR_WANT_WRITE}, {-1, SSL_ERROR_WANT_READ}, {7, 0}}));
     EXPECT_EQ(3u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLOUT, POLLOUT, POLLIN}), wait_events);
 }
 
 TEST_F(http_fake_tls, a_session_that_waits_in_vain_does_not_spin) {
@@ -911,9 +1030,20 @@ TEST_F(http_fake_tls, a_session_that_waits_in_vain_does_not_spin) {
 TEST_F(http_fake_tls, a_write_that_ends_after_the_budget_has_still_gone_out) {
     EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 0));
     EXPECT_STREQ("Connection timed out.", step_info);
+    EXPECT_EQ(0, send_tls_text("x", {{1, 0}}, 0));
+    EXPECT_STREQ("Connection timed out.", step_info);
     EXPECT_EQ(0, send_tls_text("request", {{7, 0}}, -1));
     EXPECT_EQ(0u, tls_calls);
     EXPECT_EQ("", take_log_text());
+}
+
+TEST_F(http_fake_tls, a_write_is_charged) {
+    wait_results = {1, 1};
+    charges = {999, 1000};
+    EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 1000));
+    EXPECT_STREQ("", step_info);
+    EXPECT_EQ(1, send_tls_text("request", {{7, 0}}, 1000));
+    EXPECT_STREQ("Connection timed out.", step_info);
 }
 
 TEST_F(http_fake_tls, a_write_that_fails) {
@@ -996,6 +1126,15 @@ TEST_F(http_exchange, byte_by_byte) {
     EXPECT_EQ((received{1, 38, response, ""}), receive_open(response, 1, 10 * SECOND));
 }
 
+/* Reads that leave room for one more, but not for the NUL behind it. */
+TEST_F(http_exchange, the_nul_behind_the_data_has_a_place_of_its_own) {
+    for (size_t first : {1u, 2u, 4094u, 4095u}) {
+        std::string response(20000, 'x');
+        read_sizes = {first};
+        EXPECT_EQ((received{1, 0, response, ""}), receive_all(response, 0));
+    }
+}
+
 TEST_F(http_exchange, content_headers_add_up) {
     std::string header = "HTTP/1.0 200 OK\r\nContent-Length: 3\r\nContent-Type: 2/x\r\n\r\n";
     EXPECT_EQ((received{1, 57, header + "abcde", ""}),
@@ -1045,6 +1184,18 @@ TEST_F(http_exchange, nothing_at_all) {
     EXPECT_EQ(TIMED_OUT, receive_open("", 0));
     EXPECT_EQ(TIMED_OUT, receive_open("", 0, -1));
     EXPECT_EQ(TIMED_OUT, receive_open("abc", 0, 0)); /* the read takes longer */
+}
+
+TEST_F(http_exchange, a_read_is_charged) {
+    for (long last : {999, 1000}) {
+        socket_pair pair;
+        pair.feed("abc");
+        pair.theirs.reset();
+        wait_results = {1, 1};
+        charges = {0, last};
+        EXPECT_EQ(last == 999 ? (received{1, 0, "abc", ""}) : TIMED_OUT,
+                  receive(pair.ours.get(), 0, 1000));
+    }
 }
 
 TEST_F(http_exchange, a_body_slower_than_the_budget) {
@@ -1108,18 +1259,22 @@ TEST_F(http_exchange, a_failed_wait_to_receive_is_logged) {
 
 TEST_F(http_exchange, a_response_without_an_end) {
     socket_pair pair;
+    ssize_t poured = 0;
     std::thread pouring([&] {
         std::string block(1 << 20, '\n'); /* headers that never end, as a NUL follows each */
         for (size_t i = 1; i < block.size(); i += 2) {
             block[i] = '\0';
         }
-        while (send(pair.theirs.get(), block.data(), block.size(), MSG_NOSIGNAL) > 0) {
+        for (ssize_t sent;
+             (sent = send(pair.theirs.get(), block.data(), block.size(), MSG_NOSIGNAL)) > 0;) {
+            poured += sent;
         }
     });
     received r = receive(pair.ours.get(), 0, 60 * SECOND);
     pair.ours.reset();
     pouring.join();
     EXPECT_EQ((received{0, 0, "", "HTTP CRITICAL - more than 67108864 bytes received."}), r);
+    EXPECT_GT(poured, MAX_RESPONSE_SIZE);
 }
 
 static received receive_tls(std::vector<tls_step> script, const std::string& data, int full = 0) {
@@ -1156,4 +1311,16 @@ TEST_F(http_fake_tls, reads_are_repeated_while_the_session_wants_the_socket) {
                                                         {0, SSL_ERROR_ZERO_RETURN}},
                                                        "abc"));
     EXPECT_EQ(4u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLIN, POLLIN, POLLOUT, POLLIN}), wait_events);
+}
+
+TEST_F(http_fake_tls, a_handshake_is_repeated_while_the_session_wants_the_socket) {
+    lib_SSL_connect = [](SSL*) { return next_tls_step().result; };
+    tls_script = {{-1, SSL_ERROR_WANT_WRITE}, {-1, SSL_ERROR_WANT_READ}, {-1, SSL_ERROR_SSL}};
+    wait_results = {1, 1};
+    tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
+    EXPECT_EQ((outcome{2, 0, 0, 0, "CRITICAL - Cannot establish SSL connection. error text 42"}),
+              check(server.port(), {.ssl = 1}));
+    EXPECT_EQ(3u, tls_calls);
+    EXPECT_EQ((std::vector<short>{POLLOUT, POLLIN}), wait_events);
 }

@@ -559,7 +559,9 @@ TEST_F(http_checker, one_check) {
     EXPECT_EQ(
         "GET / HTTP/1.0\r\nUser-Agent: (null)\r\nConnection: close\r\nHost: 127.0.0.1\r\n\r\n",
         server.request(0));
-    std::string log = take_log().back().text;
+    const logged_line last = take_log().back();
+    EXPECT_EQ(5, last.level);
+    const std::string& log = last.text;
     size_t time = log.find("Time:     ");
     ASSERT_NE(std::string::npos, time) << log;
     EXPECT_EQ("Result Info:\nTest ID:  5\nLoc  ID:  6\nStatus:   0\nResp:     200\n"

@@ -281,6 +281,25 @@ TEST_F(get_redirection, a_path_ends_where_no_url_goes_on) {
     EXPECT_EQ((target{0, "example.org", "80", "/caf", ""}), redirected_to("/caf\xc3\xa9"));
 }
 
+TEST_F(get_redirection, characters_of_hosts_and_paths) {
+    const std::string host_marks = "-.", path_marks = "-_.!~*'();/?:@&=+$,%#";
+    for (int i = 1; i < 256; i++) {
+        const char c = static_cast<char>(i);
+        const bool plain =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        const std::string text = "a"s + c + "c";
+        const std::string path = plain || path_marks.find(c) != std::string::npos ? text : "a";
+        EXPECT_EQ((target{0, "example.org", "80", "/" + path, ""}), redirected_to("/" + text)) << i;
+        EXPECT_EQ((target{0, "h", "80", "/" + path, ""}), redirected_to("http://h/" + text)) << i;
+        if (c != '/') {
+            const std::string host = plain || host_marks.find(c) != std::string::npos ? text : "a";
+            EXPECT_EQ((target{0, host, "80", host == text ? "/x" : "/", ""}),
+                      redirected_to("http://" + text + "/x"))
+                << i;
+        }
+    }
+}
+
 TEST_F(get_redirection, locations_that_cannot_be_read) {
     EXPECT_EQ((target{.info = "HTTP UNKNOWN - Could not parse redirect location - \"/x\"\n"}),
               redirected_to("\"/x\""));
@@ -304,6 +323,14 @@ TEST_F(get_redirection, ports) {
     EXPECT_EQ((target{.info = "HTTP UNKNOWN - Redirection to port above 65535 - "
                               "https://example.org:80/a/b"}),
               redirected_to("https://h:70000"));
+    current.port = 70000;
+    EXPECT_EQ((target{.info = "HTTP UNKNOWN - Redirection to port above 65535 - "
+                              "http://example.org:70000/a/b"}),
+              redirected_to("/x"));
+    EXPECT_EQ((target{.info = "HTTP WARNING - redirection creates an infinite loop - "
+                              "http://example.org:70000/a/b\n"}),
+              redirected_to("/a/b"));
+    current = DEFAULT_CURRENT;
     /* Six digits are read; then nothing but the host and the port is left of the URL. */
     EXPECT_EQ((target{0, "h", "4", "/", ""}), redirected_to("http://h:0000048/x"));
 }
@@ -398,6 +425,15 @@ TEST_F(get_redirection, no_location) {
     EXPECT_EQ(none, redirected_by("HTTP/1.0 302 x\r\nLocation"));
     EXPECT_EQ(none, redirected_by("\r\n"));
     EXPECT_EQ(none, redirected_by("HTTP/1.0 302 x\r\n\0Location: /x\r\n\r\n"s));
+}
+
+TEST_F(get_redirection, the_body_is_not_searched) {
+    char info[ADD_INFO_SIZE], host[] = "h", url[] = "/", line[] = "HTTP/1.1 302 Found";
+    char data[] = "HTTP/1.0 302 x\r\n\r\nLocation: /x\r\n";
+    int ssl = 0;
+    char* out = nullptr;
+    EXPECT_EQ(0, get_redir(host, url, 80, data, 18, line, &ssl, &out, &out, &out, info));
+    EXPECT_STREQ("HTTP UNKNOWN - Could not find redirect location - HTTP/1.1 302 Found", info);
 }
 
 TEST_F(get_redirection, no_headers_no_words) {

@@ -3,6 +3,7 @@
 #include "compression_routine.h"
 #include "dynlib.h"
 #include "fork_gate.h"
+#include "guards.h"
 #include "vindral_log.h"
 
 #include <cstdlib>
@@ -220,6 +221,34 @@ static void put_in_gates() {
     gated<&lib_ERR_get_error>::put_in();
 }
 
+/* A new context costs a fifth of a connection, and all of the agent's are alike, with nothing that
+ * one connection could leave for the next. So from 1.1.0 on, where contexts are counted and may be
+ * used by many threads, there is one: to make it is to take a reference, and to free it is to give
+ * that back. The first reference stays. */
+static mutex context_mutex;
+static SSL_CTX* context GUARDED_BY(context_mutex) = nullptr;
+static decltype(&SSL_CTX_new) make_context = nullptr;
+static decltype(&SSL_CTX_up_ref) count_up = nullptr;
+
+static SSL_CTX* take_context(const SSL_METHOD* method) {
+    lock hold(context_mutex);
+    if (context == nullptr) {
+        context = make_context(method);
+    }
+    if (context != nullptr) {
+        count_up(context);
+    }
+    return context;
+}
+
+static void share_context() {
+    const dynlib_symbol symbol = {"SSL_CTX_up_ref", reinterpret_cast<void**>(&count_up), nullptr};
+    if (make_context == nullptr && dynlib_bind(libssl_handle, &symbol, 1)) {
+        make_context = lib_SSL_CTX_new;
+        lib_SSL_CTX_new = take_context;
+    }
+}
+
 int init_ssl_variables() {
     if (!init_ssl_lib()) {
         return 0;
@@ -229,6 +258,7 @@ int init_ssl_variables() {
     lib_ERR_load_BIO_strings();
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
+    share_context();
     put_in_gates();
     isZLIBloaded = init_zlib();
     return 1;

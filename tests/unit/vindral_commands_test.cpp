@@ -135,6 +135,46 @@ void mod_ndis(int tid, int lid, char* ipstart, char* ipend, char* oids) {
 void rem_ndis(int tid) {
     record("rem_ndis", tid);
 }
+void add_unix_server(int tid, char* us_path) {
+    record("add_unix_server", tid, us_path);
+}
+void modify_unix_server(int tid, char* new_upath) {
+    record("modify_unix_server", tid, new_upath);
+}
+void remove_unix_server(int tid) {
+    record("remove_unix_server", tid);
+}
+static void record_tcp_server(const char* operation, int tid, int port, char** list, int len) {
+    std::string addresses;
+    size_t count = static_cast<size_t>(len);
+    for (size_t i = 0; i < count; i++) {
+        addresses += std::string(list[i]) + ",";
+    }
+    record(operation, tid, port, addresses.c_str(), len);
+    if (count > 0) { /* they are the listener's */
+        free_uparser_array(&list, &count);
+    }
+}
+void add_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
+    record_tcp_server("add_tcp_server", tid, port, ip_list, ip_list_len);
+}
+void modify_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
+    record_tcp_server("modify_tcp_server", tid, port, ip_list, ip_list_len);
+}
+void remove_tcp_server(int tid) {
+    record("remove_tcp_server", tid);
+}
+void add_mysqldesc(int tid, int loc_id, char* host, int port, char* user, char* pass,
+                   char* unixsock, char* params, unsigned timeout) {
+    record("add_mysqldesc", tid, loc_id, host, port, user, pass, unixsock, params, timeout);
+}
+void modify_mysqldesc(int tid, int loc_id, char* host, int port, char* user, char* pass,
+                      char* unixsock, char* params, unsigned timeout) {
+    record("modify_mysqldesc", tid, loc_id, host, port, user, pass, unixsock, params, timeout);
+}
+void rem_mysqldesc(int t_id) {
+    record("rem_mysqldesc", t_id);
+}
 void add_nettest(int tid, int lid, char* adapter, int pkts_sent, int pkts_recv, int bytes_sent,
                  int bytes_recv, int errors_sent, int errors_recv) {
     record("add_nettest", tid, lid, adapter, pkts_sent, pkts_recv, bytes_sent, bytes_recv,
@@ -231,6 +271,16 @@ TEST(Commands, LocalCheckers) {
         {"NTA", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "add_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
         {"NTM", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "modify_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
         {"NTD", "7\t0", "rem_nettest 7", SIZE_MAX},
+        {"USA", "7\t/run/feed", "add_unix_server 7 /run/feed", 0},
+        {"USM", "7\t/run/feed", "modify_unix_server 7 /run/feed", 0},
+        {"TSA", "7\t8080\tall", "add_tcp_server 7 8080  0", 0},
+        {"TSM", "7\t8080\t10.0.0.1;10.0.0.2", "modify_tcp_server 7 8080 10.0.0.1,10.0.0.2, 2", 0},
+        {"TSD", "7", "remove_tcp_server 7", 0},
+        {"MQA", "7\t3\thost\t3307\t/sock\tuser\tpass\tUptime;Threads|9|1\t5",
+         "add_mysqldesc 7 3 host 3307 user pass /sock Uptime;Threads|9|1 5", 0},
+        {"MQM", "7\t3\thost\t0\t\tuser\tpass\tUptime\tx",
+         "modify_mysqldesc 7 3 host 3306 user pass  Uptime 10", 0},
+        {"MQD", "7\t0", "rem_mysqldesc 7", 0},
         {"SWD", "7", "rem_snmp 7", 0},
         {"STD", "7\t0", "rem_snmp 7", 0},
         {"DCR", "7", "rem_ndis 7", SIZE_MAX},
@@ -285,6 +335,19 @@ TEST(Commands, Pages) {
               "0 ERROR: HPA test ID is incorrect: x, 0\n"
               "0 ERROR: HPM test ID is incorrect: 0, 0\n",
               take_log_text());
+}
+
+TEST(Commands, FeedListeners) {
+    EXPECT_EQ("add_tcp_server 7 8080 10.0.0.1,10.0.0.2, 2\n",
+              run("TSA\t7\t8080\t10.0.0.1;10.0.0.2"));
+    EXPECT_EQ("add_tcp_server 7 8080  0\n", run("TSA\t7\t8080\tall;10.0.0.2"));
+    EXPECT_EQ("add_tcp_server 7 8080 10.0.0.1,all, 2\n", run("TSA\t7\t8080\t10.0.0.1;all"));
+    EXPECT_EQ("", run("TSA\t7\t0\tall"));
+    EXPECT_EQ("", run("TSM\t7\tx\tall"));
+    EXPECT_EQ("remove_unix_server 7\n", run("USD\t7"));
+    EXPECT_EQ("remove_unix_server 0\n", run("USD\t0"));
+    EXPECT_EQ("", run("USD"));
+    EXPECT_EQ("", run("USD\t7\t0"));
 }
 
 TEST(Commands, SnmpWalksAndTables) {

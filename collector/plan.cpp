@@ -93,10 +93,18 @@ const std::vector<field> walk = {test_id, location, host, set_port, flag, versio
 const std::vector<field> get = {test_id, location, host, port, version, text,    text, text,
                                 text,    text,     text, text, timeout, retries, text};
 const std::vector<field> range = {test_id, location, address, address, text};
+const std::vector<field> mysql = {test_id, location, host, port, text, text, text, text, timeout};
+const field path = {kind::text, "path"};
+const field addresses = {kind::text, "list of addresses"};
 /* An agent only heeds it with an id of 0, which no test can have. */
 const field not_with_this = {kind::useless, "SPD removes no test: use STD"};
 
 const size_t any_more = SIZE_MAX; /* fields beyond the least are ignored */
+
+const field listened = {kind::nonzero, "port"};
+
+/* Lists of the agent whose members bring no results. */
+const uint32_t tcp_listeners = UINT32_MAX, unix_listeners = UINT32_MAX - 1;
 
 /* One row for each code that the agent knows. */
 const std::vector<command> commands = {
@@ -124,6 +132,15 @@ const std::vector<command> commands = {
     {"PGA", effect::adds, type_ping, 8, 8, ping},
     {"PGM", effect::modifies, type_ping, 8, 8, ping},
     {"PGD", effect::removes, type_ping, 3, 3, removal},
+    {"USA", effect::adds, 0, 3, 3, {test_id, path}, unix_listeners},
+    {"USM", effect::modifies, 0, 3, 3, {test_id, path}, unix_listeners},
+    {"USD", effect::removes, 0, 2, 2, {test_id}, unix_listeners},
+    {"TSA", effect::adds, 0, 4, 4, {test_id, listened, addresses}, tcp_listeners},
+    {"TSM", effect::modifies, 0, 4, 4, {test_id, listened, addresses}, tcp_listeners},
+    {"TSD", effect::removes, 0, 2, 2, {test_id}, tcp_listeners},
+    {"MQA", effect::adds, type_mysql, 10, 10, mysql},
+    {"MQM", effect::modifies, type_mysql, 10, 10, mysql},
+    {"MQD", effect::removes, type_mysql, 3, 3, removal},
     {"SWA", effect::adds, 0, 16, 16, walk, type_snmp},
     {"SWD", effect::removes, 0, 2, 2, {test_id}, type_snmp},
     {"STA", effect::adds, type_snmp_table, 16, 16, walk, type_snmp},
@@ -233,7 +250,10 @@ uint32_t result_type(const command& c, const std::vector<std::string_view>& fiel
 }
 
 std::string name_of(test_key key) {
-    return type_name(key.first) + " test " + std::to_string(key.second);
+    std::string kind = key.first == tcp_listeners    ? "TCP listener "
+                       : key.first == unix_listeners ? "unix listener "
+                                                     : type_name(key.first) + " test ";
+    return kind + std::to_string(key.second);
 }
 
 /* Which tests a list of commands leaves behind, for an agent that starts without any. */

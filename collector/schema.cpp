@@ -136,6 +136,15 @@ static const std::vector<record_schema> schemas = {
      .time = 0,
      .failed = "failed",
      .is_table = true},
+    {.type = type_mysql,
+     .name = "mysql",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::ui32, 4, "time", " ms"}, {value_type::string, 0, "result", ""}},
+     .message = 1,
+     .not_found = "failed"},
 };
 
 const record_schema* find_schema(uint32_t type) {

@@ -25,7 +25,8 @@ enum {
     type_http = 49,
     type_snmp = 57,
     type_load_average = 66,
-    type_snmp_table = 67
+    type_snmp_table = 67,
+    type_mysql = 74
 };
 
 enum class value_type { i32, ui32, i64, ui64, d64, string };

@@ -100,6 +100,10 @@ TEST_F(plan_test, tests_of_every_checker) {
                              "SPA\t13\t1\th\t0\t2\t1.3;1.4\tpublic\t\t\t\t\t\t1\t0\t1,5;-\n"
                              "SPM\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n"
                              "STD\t13\t0\nSWD\t11\n"
+                             "USA\t15\t/run/feed\nUSM\t15\t/run/food\nUSD\t15\n"
+                             "TSA\t15\t8080\tall\nTSM\t15\t8081\t10.0.0.1;10.0.0.2\nTSD\t15\n"
+                             "MQA\t16\t1\th\t0\t\tu\tp\tUptime;Threads|9|1\t0\n"
+                             "MQM\t16\t1\th\t3306\t/sock\tu\tp\tUptime\t5\nMQD\t16\t0\n"
                              "DCA\t14\t1\t10.0.0.1\t10.0.0.9\n"
                              "DCM\t14\t1\t10.0.0.1\t10.0.1.9\t1.3;1.4\nDCR\t14\n";
     EXPECT_TRUE(start(text));
@@ -119,7 +123,8 @@ TEST_F(plan_test, malformed_tests_of_every_checker) {
                       "SPA\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t\n"
                       "SPA\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n"
                       "STA\t13\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n"
-                      "SPD\t13\n"));
+                      "SPD\t13\n"
+                      "TSA\t1\t0\tall\nUSM\t1\t/run/feed\nTSD\t1\n"));
     EXPECT_EQ(take_problems(),
               (strings{"1 PRA takes 7 fields, here are 6", "2 MMA takes 8 or 9 fields, here are 10",
                        "3 the amount is \"much\", not a number",
@@ -129,7 +134,9 @@ TEST_F(plan_test, malformed_tests_of_every_checker) {
                        "7 the maximum is \"x\", not a whole number of 32 bits", "8 the port is 0",
                        "9 SPA takes 16 fields, here are 15 (the tab at the end begins no field)",
                        "11 snmp test 13 is there already, adding it again does nothing",
-                       "12 SPD removes no test: use STD"}));
+                       "12 SPD removes no test: use STD", "13 the port is 0",
+                       "14 unix listener 1 is not there, modifying it does nothing",
+                       "15 TCP listener 1 is not there, removing it does nothing"}));
     EXPECT_EQ(p->lines().size(), 1u);
 }
 
@@ -483,7 +490,7 @@ TEST_F(plan_test, planned_tests_are_those_that_remain) {
           "SPA\t9\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n" +
           "STM\t9\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n" +
           "SWA\t10\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n" +
-          "DKA\t11\t1\t/(/dev/sda1|ext4)\t-1\t1e3\n");
+          "DKA\t11\t1\t/(/dev/sda1|ext4)\t-1\t1e3\nTSA\t12\t80\tall\n");
     std::vector<std::pair<uint32_t, int32_t>> found;
     for (const planned_test& test : planned_tests(p->lines())) {
         found.push_back({test.type, test.id});

@@ -47,6 +47,11 @@ TEST(schema, every_type) {
          "sent_errors 6/s",
          R"("status":2,"status_text":"limit reached","values":{"received":1,"received_packets":2,)"
          R"("received_errors":3,"sent":4,"sent_packets":5,"sent_errors":6},"message":"m"})"},
+        {{.ui32 = {74, 5, 7, 3, 12}, .i64 = {9}, .strings = {"Uptime|9|0;", "m"}},
+         "mysql",
+         "time 12 ms result Uptime|9|0;",
+         R"("status":3,"status_text":"failed","values":{"time":12,"result":"Uptime|9|0;"},)"
+         R"("message":"m"})"},
         {{.ui32 = {43, 5, 7, 123, 3}, .i64 = {9}, .d64 = {1.5, 2, 3}, .missing_strings = 1},
          "process",
          "pid 123 cpu 1.5% resident 2 MB virtual 3 MB",

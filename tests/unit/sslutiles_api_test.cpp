@@ -13,13 +13,23 @@
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <string>
+#include <sys/socket.h>
 #include <vector>
 
-/* 2024-02-29 03:04:05 UTC, a second later with every look. */
+/* 2024-02-29 03:04:05 UTC, a second later with every look. Whoever looks is building a request,
+ * which no cancellation may cut short. */
 static const time_t CLOCK_START = 1709175845;
 static time_t clock_now = CLOCK_START;
+static void (*on_look)() = nullptr;
 
 static time_t test_clock() {
+    int state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    EXPECT_EQ(PTHREAD_CANCEL_DISABLE, state);
+    pthread_setcancelstate(state, nullptr);
+    if (on_look != nullptr) {
+        on_look();
+    }
     return clock_now++;
 }
 
@@ -201,6 +211,7 @@ TEST_F(api_client, there_is_no_token_at_first_and_ten_seconds_per_connection) {
 }
 
 TEST_F(api_client, a_token_is_fetched) {
+    data_server = other_host; /* nobody is there */
     EXPECT_EQ(1, token_from(TOKEN_REPLY, peer::take_rest()));
     EXPECT_EQ("T0K", token());
     std::string request =
@@ -557,8 +568,7 @@ TEST_F(result_post, whose_reply_is_no_status) {
     }
 }
 
-/* The first reply ends the connection. Nothing is sent any more, not even to whoever has got the
- * descriptor's number meanwhile. */
+/* The first reply ends the connection. */
 TEST_F(result_post, a_second_result_fails) {
     test_result first = result_of(1, 2, "a"), second = result_of(3, 4, "b"),
                 third = result_of(5, 6, "c");
@@ -581,6 +591,35 @@ TEST_F(result_post, a_second_result_fails) {
                       "5 INFO: send_data: send_request: 0\n"
                       "0 ERROR: send_data: send_request() failed. retVal:0\n",
                   log.substr(log.find(status) + status.size()));
+    }
+}
+
+/* Nothing goes to whoever has got the descriptor's number meanwhile. */
+TEST_F(result_post, a_second_result_does_not_go_astray) {
+    static int pairs[2][2]; /* one is opened with each request, the second after the first reply */
+    static int opened;
+    opened = 0;
+    on_look = [] {
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pairs[opened++ % 2]));
+    };
+    test_result first = result_of(1, 2, "a"), second = result_of(3, 4, "b");
+    test_result* results[] = {&first, &second};
+    tls_peer server(tls_peer::tcp,
+                    {{peer::take_request(), peer::send(STATUS_REPLY), peer::take_rest()}});
+    data_port = port_of(server);
+    EXPECT_EQ(1, send_data(results, 2));
+    on_look = nullptr;
+    EXPECT_TRUE(server.await_end());
+    EXPECT_EQ(2, opened);
+    for (auto& pair : pairs) {
+        for (int fd : pair) {
+            char byte;
+            EXPECT_EQ(-1, recv(fd, &byte, 1, MSG_DONTWAIT));
+        }
+    }
+    for (auto& pair : pairs) {
+        close(pair[0]);
+        close(pair[1]);
     }
 }
 

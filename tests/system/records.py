@@ -23,6 +23,7 @@ HTTP = 49
 SNMP = 57
 LOAD_AVERAGE = 66
 SNMP_TABLE = 67
+MYSQL = 74
 INVENTORIES = (INTERFACES, PROCESS_NAMES, FILE_SYSTEMS)  # part of every collection
 
 Load = collections.namedtuple("Load", "test location time values message status")

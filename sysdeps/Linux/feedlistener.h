@@ -24,17 +24,17 @@
  * together, except that the encoding's holder takes FEED_DATA_MUTEX.
  *
  * Bounds, so that no peer can take all memory or descriptors:
- *   - a chunk has 1 MB at most, its length 20 digits at most. A connection that announces more, or
- *     sends something else than a length where one belongs, ends like one with a receive error: it
- *     is logged and gives a line with status 1 ("Message too long", "Protocol error");
+ *   - a chunk has 1 MB at most, its length 20 digits. A connection that announces more, or sends
+ *     something else where a length belongs, ends like one with a receive error: it is logged and
+ *     gives a line with status 1 ("Message too long", "Protocol error");
  *   - 256 connections are served at once, of all listeners together; a further one is closed at
- * once and logged. There is no limit on idle time, but a TCP peer that is gone without a word is
- * found out by the kernel's keep-alive;
+ *     once and logged. Nothing limits idle time, but a TCP peer that vanished is found out by the
+ *     kernel's keep-alive (tcp(7)) and gives a line with status 1;
  *   - TCP peers that are not on the list stay connected and are not served. A listener keeps the
  *     latest 64 of them so, past rebinding, and closes older ones; all of them when it is removed;
  *   - chunks are encoded one at a time (some 15 MB for the largest);
  *   - the feed cache holds 16 MB. A line that does not fit is dropped; the first one is logged,
- * then none until the cache has been handed over. */
+ *     then none until the cache has been handed over. */
 #ifndef VINDRAL_FEEDLISTENER_H
 #define VINDRAL_FEEDLISTENER_H
 
@@ -49,10 +49,9 @@ struct tcp_server {
     int iplist_len GUARDED_BY(u_mutex); /* 0: everyone may */
     int port GUARDED_BY(u_mutex);
     pthread_t thread_id;
-    mutex
-        u_mutex{}; /* between poll thread and listener; does not cover tid and tattr, which stay */
+    mutex u_mutex{};                          /* between poll thread and listener */
     int tcp_socket_state GUARDED_BY(u_mutex); /* 1: to be bound (again) */
-    pthread_attr_t tattr;                     /* of the connections' threads: detached */
+    pthread_attr_t tattr;                     /* of the connections' threads, which are detached */
 };
 
 /* The listener on a unix domain stream socket. */
@@ -79,10 +78,10 @@ int init_feed();
  * any case; at length 0 it is not looked at.
  *
  * add does nothing when a listener has the id or the port. modify does nothing for id or port 0 or
- * an unknown id; a new list counts for the next peer, a new port within 10 seconds and 10 more,
- * meanwhile connections are not accepted. That another listener has the port is not looked at by
- * modify: binding fails then, as it does for a number that is no port. remove waits for the thread,
- * which takes no longer than a chunk's encoding. */
+ * an unknown id. A new list counts for the next peer; a new port is bound within 20 seconds, in the
+ * last 10 of which nobody listens. That another listener has the port is not looked at by modify:
+ * binding fails then, as it does for a number that is no port. remove waits for the thread, which
+ * takes no longer than the encoding of chunks that came first. */
 void add_tcp_server(int tid, int port, char** ip_list, int ip_list_len);
 void modify_tcp_server(int tid, int port, char** ip_list, int ip_list_len);
 void remove_tcp_server(int tid);

@@ -618,6 +618,64 @@ TEST_F(feed, tcp_peer) {
     EXPECT_EQ(fed(), lines);
 }
 
+/* The descriptor, in this process, that `matches`; -1 when there is none. */
+static int find_descriptor(const std::function<bool(int)>& matches) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        int fd = atoi(entry.path().filename().c_str());
+        if (matches(fd)) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+static int port_of(int fd, int (*which)(int, sockaddr*, socklen_t*)) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    return which(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 &&
+                   address.sin_family == AF_INET
+               ? ntohs(address.sin_port)
+               : -1;
+}
+
+static int option_of(int fd, int option) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    getsockopt(fd, SOL_SOCKET, option, &value, &size);
+    return value;
+}
+
+TEST_F(feed, sockets_of_a_listener) {
+    reserved_port port;
+    add_tcp(7, port.number);
+    client peer = connect_to(port.number);
+    peer.send("1\r\nx");
+    expect_fed("TSV\t7\tT\t127.0.0.1\tx\t0\n");
+    int listening = find_descriptor([&](int fd) {
+        return option_of(fd, SO_ACCEPTCONN) == 1 && port_of(fd, getsockname) == port.number;
+    });
+    int accepted = find_descriptor(
+        [&](int fd) { return port_of(fd, getpeername) == port_of(peer.fd(), getsockname); });
+    EXPECT_EQ(fcntl(listening, F_GETFD), FD_CLOEXEC);
+    EXPECT_NE(fcntl(listening, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(fcntl(accepted, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(option_of(accepted, SO_KEEPALIVE), 1);
+}
+
+TEST_F(feed, threads_of_connections) {
+    add_tcp(7, 0);
+    char path[] = "/nonexistent/socket";
+    add_unix_server(7, path);
+    for (const pthread_attr_t* attributes : {&tcp_list[0]->tattr, &unix_list[0]->tattr}) {
+        size_t stack_size = 0;
+        int detach_state = -1;
+        pthread_attr_getstacksize(attributes, &stack_size);
+        pthread_attr_getdetachstate(attributes, &detach_state);
+        EXPECT_EQ(stack_size, WORKER_STACK_SIZE);
+        EXPECT_EQ(detach_state, PTHREAD_CREATE_DETACHED);
+    }
+}
+
 TEST_F(feed, peer_that_breaks_off) {
     reserved_port port;
     add_tcp(7, port.number);

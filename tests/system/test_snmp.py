@@ -287,7 +287,8 @@ class Children(Snmp):
         self.start(*(get(test, peer.port, SYSTEM + "3.0") for test in range(1, tests + 1)))
         harness.wait_until(lambda: len(self.records(records.SNMP)) >= 3 * tests, "three rounds")
         self.server.then(answer("".join("STD\t%d\t0\n" % test for test in range(1, tests + 1))))
-        harness.wait_until(lambda: not self.children(), lambda: "have %s" % self.children())
+        if "address" not in harness.SANITIZERS:  # its allocator's locks may be held at a fork, for good
+            harness.wait_until(lambda: not self.children(), lambda: "have %s" % self.children())
         directory = "/proc/%d/fd/" % self.agent_pid()
         links = [os.readlink(directory + name) for name in os.listdir(directory)]
         self.assertEqual([link for link in links if link.startswith("pipe")], [])

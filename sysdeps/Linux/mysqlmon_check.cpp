@@ -155,7 +155,7 @@ static const char* or_null(const char* text) {
 
 static void take_value(const MySQL_Data& test, const char* name, const char* value, char** pTarr) {
     for (size_t i = 0; i < test.arr_len; i++) {
-        if (strcmp(test.arr[i], name) == 0) {
+        if (test.arr[i][0] == name[0] && strcmp(test.arr[i], name) == 0) {
             free(pTarr[i]);
             pTarr[i] = strdup(value);
             return;

@@ -1,6 +1,7 @@
 #include "mysqlmon_lib.h"
 
 #include "dynlib.h"
+#include "fork_gate.h"
 #include "vindral_log.h"
 
 #include <cstdio>
@@ -70,6 +71,7 @@ char* init_mysql_lib() {
     }
     bind_optional(library);
     if (initialize_library != nullptr) {
+        fork_gate inside; /* it initialises OpenSSL, and waits for nobody */
         initialize_library(0, nullptr, nullptr);
     }
     return nullptr;

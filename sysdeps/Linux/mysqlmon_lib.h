@@ -8,12 +8,13 @@
  * The pointers are written on the main thread before the checker's worker exists and only read
  * afterwards. The library is never closed: threads that still run at exit may be inside it.
  *
- * TLS. Both families call OpenSSL for TLS, and for the passwords of some of MySQL's own accounts
- * (caching_sha2_password, sha256_password). Nothing here asks for TLS: libmariadb up to 3.3 then
- * uses none and does not touch OpenSSL for passwords of the usual kind either
- * (mysql_native_password is hashed by code of its own); later releases of it, and libmysqlclient,
- * use TLS where the server offers it. These calls do not pass the fork gate (fork_gate.h), since
- * the library waits for the server inside of them. */
+ * TLS. Both families call OpenSSL, for TLS and for the passwords of some of MySQL's own accounts
+ * (caching_sha2_password, sha256_password). Nothing here asks for TLS. libmariadb up to 3.3 then
+ * uses none, and hashes the usual passwords (mysql_native_password) with code of its own: after its
+ * initialisation it does not call OpenSSL at all. Later releases of it, and libmysqlclient, use TLS
+ * where the server offers it. The calls of a check do not pass the fork gate (fork_gate.h), since
+ * the library waits for the server inside of them: a child that is forked meanwhile and needs
+ * OpenSSL may then find a lock taken for good. */
 #ifndef VINDRAL_MYSQLMON_LIB_H
 #define VINDRAL_MYSQLMON_LIB_H
 

@@ -309,8 +309,8 @@ TEST_F(MysqlCheck, TextsGoToTheLibraryAsTheyAre) {
 TEST_F(MysqlCheck, TheFirstEqualNameGetsTheValue) {
     answers = {{2, {{{"Uptime"}, {"7"}}, {{"other"}, {"1"}}, {{"Threads"}, {"3"}}}},
                {2, {{{"port"}, {"3306"}}, {{"empty"}, {""}}}}};
-    EXPECT_EQ((texts{"'3306'", "'7'", "null", "''", "null", "null", "null"}),
-              ask("port;Uptime;Uptime;empty;uptime;Upti;Uptimes").values);
+    EXPECT_EQ((texts{"'3306'", "'7'", "null", "''", "null", "null", "null", "null"}),
+              ask("port;Uptime;Uptime;empty;uptime;UPTIME;Upti;Uptimes").values);
 }
 
 TEST_F(MysqlCheck, TheLaterRowCounts) {
@@ -320,7 +320,7 @@ TEST_F(MysqlCheck, TheLaterRowCounts) {
 
 TEST_F(MysqlCheck, RowsWithNullAndTooFewColumns) {
     answers = {{2, {{{nullptr}, {"1"}}, {{"a"}, {nullptr}}, {{"b"}, {"2"}}, {{"b"}, {nullptr}}}},
-               {1, {{{"c"}}}}};
+               {1, {{{"c"}, {"behind the row"}}}}};
     EXPECT_EQ((texts{"null", "'2'", "null"}), ask("a;b;c").values);
     query_number = 0;
     answers = {{0, {}}, {3, {{{"c"}, {"5"}, {"6"}}}}};

@@ -424,7 +424,7 @@ TEST_F(MysqlChecker, WhatAModifyChanges) {
     EXPECT_EQ(8u, records[0].ui32.at(2));
     EXPECT_EQ("a| |2;", records[0].strings.at(0));
     EXPECT_EQ(2, wake_ups);
-    lock hold(mysql.mon_mutex);
+    lock hold(MYSQL_MON_MUTEX);
     EXPECT_EQ(1u, mysql_data_list[0]->tout);
     EXPECT_EQ(1.0, *mysql_data_list[0]->maxValues[0]);
 }

@@ -309,8 +309,8 @@ TEST_F(MysqlCheck, TextsGoToTheLibraryAsTheyAre) {
 TEST_F(MysqlCheck, TheFirstEqualNameGetsTheValue) {
     answers = {{2, {{{"Uptime"}, {"7"}}, {{"other"}, {"1"}}, {{"Threads"}, {"3"}}}},
                {2, {{{"port"}, {"3306"}}, {{"empty"}, {""}}}}};
-    EXPECT_EQ((texts{"'3306'", "'7'", "null", "''", "null", "null", "null", "null"}),
-              ask("port;Uptime;Uptime;empty;uptime;UPTIME;Upti;Uptimes").values);
+    EXPECT_EQ((texts{"null", "'3306'", "'7'", "null", "''", "null", "null"}),
+              ask("UPTIME;port;Uptime;Uptime;empty;Upti;Uptimes").values);
 }
 
 TEST_F(MysqlCheck, TheLaterRowCounts) {

@@ -14,6 +14,7 @@ import concurrent.futures
 import ctypes
 import json
 import os
+import random
 import re
 import select
 import shutil
@@ -154,11 +155,23 @@ def in_parallel(test, cases, at_once=12):
                 raise error
 
 
+_given_ports = set()
+
+
 def free_port(kind=socket.SOCK_STREAM):
-    """A port that was free a moment ago, for programs that cannot tell which one they were given."""
-    with socket.socket(socket.AF_INET, kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """A free port, for programs that cannot tell which one they were given: below those that the kernel
+    gives to connections, and none twice."""
+    while True:
+        port = random.randrange(10000, 32000)
+        if port in _given_ports:
+            continue
+        with socket.socket(socket.AF_INET, kind) as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        _given_ports.add(port)
+        return port
 
 
 def black_hole(test):

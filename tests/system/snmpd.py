@@ -21,12 +21,6 @@ rouser shauser auth
 """ % {"auth": AUTH}
 
 
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 class Snmpd:
     """Started; it answers when this returns. `wrap` goes before the command line."""
 
@@ -35,7 +29,7 @@ class Snmpd:
         test.assertTrue(program, "snmpd is not installed")
         directory = test.subdir(name)
         conf = os.path.join(directory, "snmpd.conf")
-        self.port = free_port()
+        self.port = harness.free_port(socket.SOCK_DGRAM)
         harness.write_text(conf, "rocommunity public\n" + USERS + "".join(line + "\n" for line in lines))
         self.process = subprocess.Popen(
             [*wrap, program, "-f", "-Lf", os.path.join(directory, "log"), "-C", "-c", conf, "-m", "",

@@ -100,7 +100,7 @@ class Feed(steered.TestCase):
         harness.wait_until(lambda: "TSV\t8\t127.0.0.1\tz\t0" in self.lines(), self.agent.log)
 
     def test_port_in_use(self):
-        with socket.create_server(("127.0.0.1", 0)) as other:
+        with socket.create_server(("127.0.0.1", harness.free_port())) as other:
             port = other.getsockname()[1]
             self.start("TSA\t7\t%d\tall" % port)
             self.agent.wait_log("Error running TCP socket listener: 98, Address already in use\n")

@@ -490,7 +490,7 @@ TEST_F(snmp_check, internal_get_hands_over_the_last_value_alone) {
     put(".2.0", number(ASN_INTEGER, 1));
     put(".9", octets("a;b"));
     definition d(port(), under({".2.0", ".9"}));
-    d.def.mode = 1;
+    d.def.mode = 2;
     char* data = nullptr;
     int size = 0;
     EXPECT_EQ(do_single_full_check(&d.def, &data, &size), 1);
@@ -499,7 +499,7 @@ TEST_F(snmp_check, internal_get_hands_over_the_last_value_alone) {
     free(data);
 
     definition e(port(), {"nonsense"});
-    e.def.mode = 1;
+    e.def.mode = -1;
     EXPECT_EQ(do_single_full_check(&e.def, &data, &size), 1);
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(size, 0);

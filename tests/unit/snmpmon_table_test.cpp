@@ -115,6 +115,17 @@ TEST_F(snmp_table, has_a_row_per_index_in_order_and_dashes_for_holes) {
     EXPECT_EQ(agent_->requests, 4);
 }
 
+TEST_F(snmp_table, orders_indexes_of_different_lengths_number_by_number) {
+    put(".2.1.5", number(ASN_INTEGER, 15));
+    put(".2.2", number(ASN_INTEGER, 2));
+    put(".3.1", octets("one"));
+    EXPECT_NE(table().find("strings \"-\" \"-\" \"\"one\"\" \"-\" "
+                           "\"-\" \"15\" \"-\" \"-\" "
+                           "\"-\" \"2\" \"-\" \"-\" of 12"),
+              std::string::npos)
+        << table();
+}
+
 TEST_F(snmp_table, asks_for_the_columns_that_go_on) {
     fill();
     std::vector<size_t> variables;

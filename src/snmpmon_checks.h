@@ -19,10 +19,12 @@
  * Time is bounded per request alone: by the test's time-out and retries.
  *
  * Record of a get, in order of types: UI32 57, test id, location id, status (0 success, 3 failure),
- * number of OIDs of the test; I64 time; D64 response time in ms, 0.0 without an exchange; string
- * text. Then, on success, one record per variable of the response: UI32 type code, value status;
- * string value text (not stored when it is empty), description. Limits and descriptions are those
- * of the OID at the same place in the test, also after an agent has refused one further up.
+ * number of OIDs of the test; I64 time of the check, or of the last request when that got no
+ * response; D64 response time of the last request in ms, 0.0 when there was none and when the agent
+ * refused it; string text. Then, on success, one record per variable of the response: UI32 type
+ * code, value status; string value text (not stored when it is empty), description. Limits and
+ * descriptions are those of the OID at the same place in the test, also after an agent has refused
+ * one further up.
  *
  * Record of a table: UI32 67, test id, location id, status (0 success, 2 failure); I64 time; string
  * text. Then the column list: UI32 type code and string label per column. Then, when there are

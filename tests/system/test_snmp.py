@@ -10,7 +10,7 @@ import harness
 import records
 import steered
 from scripted_server import answer
-from snmpd import AUTH, MIBS, TABLE, TEST, Snmpd
+from snmpd import AUTH, MIBS, TABLE, TEST, Snmpd, free_port
 
 SYSTEM = "1.3.6.1.2.1.1."
 
@@ -112,7 +112,8 @@ class Gets(Snmp):
                    get(7, peer.port, name, auth="md5", user="nobody", **user),
                    get(8, peer.port, name, community="wrong", timeout=1, retries=0),
                    get(9, peer.port, name, auth="md5", user="md5user", community="", version=3,
-                       phrase="another phrase"))
+                       phrase="another phrase"),
+                   get(10, peer.port, name, auth="sha", user="shauser", privacy="aes", flag="1", **user))
         for test in (1, 2, 3, 4):
             self.assertEqual(self.get_record(test)[0], 0, test)
             self.assertEqual(self.values(test)[0][:2], (12, 0), test)
@@ -124,6 +125,21 @@ class Gets(Snmp):
             self.assertNotIn("Timeout", message, test)
         self.assertEqual(self.get_record(8),
                          (3, 1, "Timeout: No response from 127.0.0.1:%d" % peer.port, []))
+        # The protocol's name is the pass phrase, and too short for one.
+        self.assertEqual(self.get_record(10), (
+            3, 1, "Error generating a key (Ku) from the privacy pass phrase.", []))
+
+    def test_ipv6(self):
+        port = free_port()
+        peer = Snmpd(self, "agentaddress udp6:[::1]:%d" % port, "rocommunity6 public", *OBJECTS)
+        self.start(get(1, port, TEST + "2.0", host="udp6:[::1]"),
+                   get(2, peer.port, TEST + "2.0", host="udp6:[::1]", timeout=1, retries=0),
+                   get(3, port, TEST + "2.0", host="::1"))
+        self.assertEqual(self.values(1), [(9, 0, "25")])
+        self.assertEqual(self.get_record(2), (  # that port is open on IPv4 alone
+            3, 1, "Timeout: No response from udp6:[::1]:%d" % peer.port, []))
+        # With the port behind it a bare address is none that the library knows.
+        self.assertEqual(self.get_record(3), (3, 1, "Unknown host (::1:%d)" % port, []))
 
     def test_objects_that_are_not_there(self):
         peer = Snmpd(self, *OBJECTS)

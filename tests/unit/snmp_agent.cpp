@@ -125,6 +125,7 @@ int snmp_agent::serve(int operation, netsnmp_session* session, int, netsnmp_pdu*
     }
     agent.requests++;
     agent.last_command = request->command;
+    agent.last_non_repeaters = request->non_repeaters;
     agent.last_repetitions = request->max_repetitions;
     agent.last_variables = 0;
     for (auto* v = request->variables; v != nullptr; v = v->next_variable) {

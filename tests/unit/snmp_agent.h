@@ -41,6 +41,7 @@ public:
     std::map<oid_path, agent_value> values;
     int requests = 0;
     int last_command = 0;
+    long last_non_repeaters = 0;
     long last_repetitions = 0;
     size_t last_variables = 0;
 

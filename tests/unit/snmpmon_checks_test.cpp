@@ -1,9 +1,11 @@
+#include "slow_library.h"
 #include "snmp_agent.h"
 #include "snmpmon_checks.h"
 #include "udc_reader.h"
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <gtest/gtest.h>
 
 /* --- texts and types ----------------------------------------------------------------------------
@@ -161,13 +163,16 @@ protected:
         char* data = nullptr;
         int size = 0;
         before_ = time(nullptr);
+        clock_ahead_ms = 0;
         EXPECT_EQ(do_single_full_check(&d.def, &data, &size), 1);
         auto record = read_udc(data, static_cast<size_t>(size));
         free(data);
         EXPECT_TRUE(record.has_value());
         udc_content content = record.value_or(udc_content{});
         if (content.i64.size() == 1 && content.d64.size() == 1) {
-            EXPECT_NEAR(static_cast<double>(content.i64[0]), static_cast<double>(before_), 30);
+            late_ = content.i64[0] - before_;
+            EXPECT_NEAR(static_cast<double>(late_), 0,
+                        30 + static_cast<double>(clock_ahead_ms) / 1000);
             milliseconds_ = content.d64[0];
             content.i64[0] = 0;
             content.d64[0] = 0;
@@ -186,6 +191,7 @@ protected:
 
     std::unique_ptr<snmp_agent> agent_;
     time_t before_ = 0;
+    time_t late_ = 0; /* from the beginning of the check to the time of its record, in seconds */
     double milliseconds_ = 0;
 
 private:
@@ -213,6 +219,78 @@ TEST_F(snmp_check, get_reports_every_value_with_its_type_and_description) {
     EXPECT_EQ(agent_->requests, 1);
     EXPECT_EQ(agent_->last_command, 160);
     EXPECT_STREQ(d.def.host, ("127.0.0.1:" + std::to_string(port())).c_str());
+}
+
+TEST_F(snmp_check, get_bears_the_time_of_its_start_unless_the_exchange_fails) {
+    slow_library slow;
+    put(".2.0", number(ASN_INTEGER, 1));
+    definition d(port(), under({".2.0"}));
+    get(d);
+    EXPECT_LT(late_, 300);
+    EXPECT_GE(milliseconds_, slow.EXCHANGE_MS);
+    EXPECT_LT(milliseconds_, slow.EXCHANGE_MS + 30000);
+
+    agent_->twist = [](const netsnmp_pdu*, netsnmp_pdu* response) {
+        refuse(response, SNMP_ERR_TOOBIG, 0);
+    };
+    definition refused(port(), under({".2.0"}));
+    failure(refused);
+    EXPECT_LT(late_, 300);
+
+    agent_->silent = true;
+    definition unheard(port(), under({".2.0"}));
+    unheard.def.timeout = 0;
+    failure(unheard);
+    EXPECT_GE(late_, 600) << "of the request";
+    EXPECT_LT(late_, 900);
+
+    in_place_of open(
+        libpo_snmp_open, +[](netsnmp_session*) -> netsnmp_session* {
+            clock_ahead_ms = slow_library::OPEN_MS;
+            return nullptr;
+        });
+    definition closed(port(), under({".2.0"}));
+    failure(closed);
+    EXPECT_LT(late_, 300);
+}
+
+TEST_F(snmp_check, get_takes_the_time_of_the_last_request) {
+    slow_library slow;
+    put(".9", number(ASN_INTEGER, 15));
+    agent_->twist = [](const netsnmp_pdu* request, netsnmp_pdu* response) {
+        if (request->variables->next_variable != nullptr) {
+            refuse(response, SNMP_ERR_NOSUCHNAME, 1);
+        }
+    };
+    definition d(port(), under({".2.0", ".9"}));
+    d.def.version = 0;
+    EXPECT_EQ(get(d).ui32.at(3), 0u);
+    EXPECT_EQ(agent_->requests, 2);
+    EXPECT_LT(milliseconds_, slow.EXCHANGE_MS + 30000) << "one of two";
+}
+
+TEST_F(snmp_check, leaves_no_session_open) {
+    put(".2.0", number(ASN_INTEGER, 1));
+    auto descriptors = [] {
+        std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    auto before = descriptors();
+    definition good(port(), under({".2.0"})), bad(port(), {"nonsense"});
+    get(good);
+    get(bad);
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(snmp_check, get_takes_an_oid_of_full_length_and_no_longer_one) {
+    std::string longest = "1.3";
+    for (int i = 2; i < MAX_OID_LEN; i++) {
+        longest += ".7";
+    }
+    definition d(port(), {longest});
+    EXPECT_EQ(get(d).ui32.at(3), 0u);
+    definition e(port(), {longest + ".7"});
+    EXPECT_EQ(failure(e).rfind("Unknown Object Identifier", 0), 0u);
 }
 
 TEST_F(snmp_check, get_describes_a_value_out_of_its_limits) {
@@ -412,7 +490,7 @@ TEST_F(snmp_check, internal_get_hands_over_the_last_value_alone) {
     put(".2.0", number(ASN_INTEGER, 1));
     put(".9", octets("a;b"));
     definition d(port(), under({".2.0", ".9"}));
-    d.def.mode = 1;
+    d.def.mode = 2;
     char* data = nullptr;
     int size = 0;
     EXPECT_EQ(do_single_full_check(&d.def, &data, &size), 1);
@@ -421,7 +499,7 @@ TEST_F(snmp_check, internal_get_hands_over_the_last_value_alone) {
     free(data);
 
     definition e(port(), {"nonsense"});
-    e.def.mode = 1;
+    e.def.mode = -1;
     EXPECT_EQ(do_single_full_check(&e.def, &data, &size), 1);
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(size, 0);
@@ -467,6 +545,10 @@ TEST_F(snmp_value, of_an_integer_is_compared_with_both_limits) {
     EXPECT_EQ(judge(number(ASN_GAUGE, 7), 8, 9), "13 2 7");
     EXPECT_EQ(judge(number(ASN_TIMETICKS, 7), 8, 9), "12 2 7");
     EXPECT_EQ(judge(number(ASN_UINTEGER, 7), 8, 9), "15 2 7");
+    EXPECT_EQ(judge(number(ASN_COUNTER, 8), 8, 9), "14 0 8");
+    EXPECT_EQ(judge(number(ASN_GAUGE, 8), 8, 9), "13 0 8");
+    EXPECT_EQ(judge(number(ASN_TIMETICKS, 9), 8, 9), "12 0 9");
+    EXPECT_EQ(judge(number(ASN_UINTEGER, 9), 8, 9), "15 0 9");
 }
 
 TEST_F(snmp_value, of_64_bits_is_compared_by_its_upper_half) {
@@ -556,7 +638,9 @@ protected:
             int rest = 0;
             EXPECT_EQ(sscanf(line.c_str(), "SWV\t77\t%ld\t%lf%n", &time, &ms, &rest), 2) << line;
             EXPECT_NEAR(static_cast<double>(time), static_cast<double>(::time(nullptr)), 30);
-            bool is_zero = line.substr(0, static_cast<size_t>(rest)).ends_with("\t0");
+            std::string head = line.substr(0, static_cast<size_t>(rest));
+            bool is_zero = head.ends_with("\t0");
+            EXPECT_TRUE(is_zero || head.size() - head.rfind('.') == 4) << line;
             result += (is_zero ? "0" : "T") + line.substr(static_cast<size_t>(rest)) + "\n";
         }
         EXPECT_TRUE(text.empty() || text.back() == '\n');
@@ -590,6 +674,7 @@ TEST_F(snmp_walk, in_bulk_asks_for_as_many_as_the_test_says) {
     EXPECT_EQ(agent_->requests, 2);
     EXPECT_EQ(agent_->last_command, 165);
     EXPECT_EQ(agent_->last_repetitions, 2);
+    EXPECT_EQ(agent_->last_non_repeaters, 0);
 }
 
 TEST_F(snmp_walk, ends_at_the_end_of_the_view) {
@@ -632,6 +717,17 @@ TEST_F(snmp_walk, ends_with_an_oid_that_does_not_increase) {
     EXPECT_EQ(walk(d), line + line +
                            "0\t;\tError: OID not increasing: VINDRAL-TEST-MIB::vtScalar.5 >= "
                            "VINDRAL-TEST-MIB::vtScalar.5\t3\n");
+}
+
+TEST_F(snmp_walk, takes_the_root_itself_for_a_value_that_does_not_increase) {
+    agent_->twist = [&](const netsnmp_pdu*, netsnmp_pdu* response) {
+        agent_->clear(response);
+        agent_->add(response, path_of(TEST_OID + ".2"), number(ASN_INTEGER, 1));
+    };
+    definition d(port(), under({".2"}));
+    EXPECT_EQ(walk(d), "T\t9;\tVINDRAL-TEST-MIB::vtScalar 1\t0\n"
+                       "0\t;\tError: OID not increasing: VINDRAL-TEST-MIB::vtScalar >= "
+                       "VINDRAL-TEST-MIB::vtScalar\t3\n");
 }
 
 TEST_F(snmp_walk, ends_with_an_empty_response) {

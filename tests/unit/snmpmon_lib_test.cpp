@@ -423,4 +423,7 @@ TEST(real_snmp_library, derives_keys_and_names_an_unknown_host) {
     opened = nullptr;
     free(definition.host);
     free(error);
+    EXPECT_EQ(std::string(libpo_snmp_api_errstring(SNMPERR_BAD_ADDRESS)).rfind("Unknown host", 0),
+              0u)
+        << "as init_session words it";
 }

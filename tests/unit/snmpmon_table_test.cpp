@@ -1,3 +1,4 @@
+#include "slow_library.h"
 #include "snmp_agent.h"
 #include "snmpmon_checks.h"
 #include "udc_reader.h"
@@ -114,6 +115,17 @@ TEST_F(snmp_table, has_a_row_per_index_in_order_and_dashes_for_holes) {
     EXPECT_EQ(agent_->requests, 4);
 }
 
+TEST_F(snmp_table, orders_indexes_of_different_lengths_number_by_number) {
+    put(".2.1.5", number(ASN_INTEGER, 15));
+    put(".2.2", number(ASN_INTEGER, 2));
+    put(".3.1", octets("one"));
+    EXPECT_NE(table().find("strings \"-\" \"-\" \"\"one\"\" \"-\" "
+                           "\"-\" \"15\" \"-\" \"-\" "
+                           "\"-\" \"2\" \"-\" \"-\" of 12"),
+              std::string::npos)
+        << table();
+}
+
 TEST_F(snmp_table, asks_for_the_columns_that_go_on) {
     fill();
     std::vector<size_t> variables;
@@ -131,6 +143,7 @@ TEST_F(snmp_table, comes_the_same_in_bulk) {
         EXPECT_EQ(table(), filled_) << repetitions;
         EXPECT_EQ(agent_->last_command, 165);
         EXPECT_EQ(agent_->last_repetitions, repetitions);
+        EXPECT_EQ(agent_->last_non_repeaters, 0);
     }
 }
 
@@ -275,6 +288,26 @@ TEST_F(snmp_table, that_breaks_off_has_columns_and_no_cells) {
     EXPECT_EQ(table(), failed("Unknown error", true));
 }
 
+TEST_F(snmp_table, bears_the_time_of_its_start) {
+    slow_library slow;
+    check(); /* compares the time with that of a clock that is not put forward */
+    clock_ahead_ms = 0;
+    agent_->silent = true;
+    definition_.timeout = 0;
+    EXPECT_EQ(table(), failed("Timeout: No Response from " + peer(), true));
+}
+
+TEST_F(snmp_table, escapes_the_reason_of_a_failure) {
+    in_place_of open(
+        libpo_snmp_open, +[](netsnmp_session*) -> netsnmp_session* { return nullptr; });
+    in_place_of text(
+        libpo_snmp_error, +[](netsnmp_session*, int*, int*, char** s) { *s = strdup("no;\nway"); });
+    EXPECT_EQ(table(), failed("o%253B way", false));
+    in_place_of silent(
+        libpo_snmp_error, +[](netsnmp_session*, int*, int*, char**) {});
+    EXPECT_EQ(table(), failed("Unknown error", false));
+}
+
 TEST_F(snmp_table, refused_by_the_agent_has_no_columns) {
     agent_->twist = [&](const netsnmp_pdu*, netsnmp_pdu* response) {
         response->errstat = SNMP_ERR_GENERR;
@@ -368,6 +401,22 @@ TEST_F(snmp_table, takes_nothing_from_outside_its_columns) {
         std::string result = table();
         EXPECT_EQ(result == without_rows(), stranger != TABLE + ".1.3.1") << stranger << result;
     }
+}
+
+TEST_F(snmp_table, does_not_take_up_a_column_again_that_has_ended) {
+    definition_.bulk = 2;
+    agent_->twist = [&](const netsnmp_pdu*, netsnmp_pdu* response) {
+        agent_->clear(response);
+        for (int column = 1; column <= 4; column++) {
+            agent_->add(response, path_of("1.3.6.1.5"), number(ASN_INTEGER, column));
+        }
+        for (int column = 1; column <= 4; column++) {
+            agent_->add(response, path_of(TABLE + ".1." + std::to_string(column) + ".7"),
+                        number(ASN_INTEGER, column));
+        }
+    };
+    EXPECT_EQ(table(), without_rows());
+    EXPECT_EQ(agent_->requests, 1);
 }
 
 TEST_F(snmp_table, takes_no_exception_for_a_value) {

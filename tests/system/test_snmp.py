@@ -10,7 +10,7 @@ import harness
 import records
 import steered
 from scripted_server import answer
-from snmpd import AUTH, MIBS, TABLE, TEST, Snmpd, free_port
+from snmpd import AUTH, MIBS, TABLE, TEST, Snmpd
 
 SYSTEM = "1.3.6.1.2.1.1."
 
@@ -130,7 +130,7 @@ class Gets(Snmp):
             3, 1, "Error generating a key (Ku) from the privacy pass phrase.", []))
 
     def test_ipv6(self):
-        port = free_port()
+        port = harness.free_port(socket.SOCK_DGRAM)
         peer = Snmpd(self, "agentaddress udp6:[::1]:%d" % port, "rocommunity6 public", *OBJECTS)
         self.start(get(1, port, TEST + "2.0", host="udp6:[::1]"),
                    get(2, peer.port, TEST + "2.0", host="udp6:[::1]", timeout=1, retries=0),

@@ -519,26 +519,27 @@ static json::object values_of(const record& r, const record_schema& schema) {
 }
 
 /* Nested records that the type knows, each with its status, values and message. */
-static void add_parts(json::object& object, const record& r, const record_schema& schema) {
+static void add_parts(json::object& object, const record& r, const record_schema& schema,
+                      const part_schema& known) {
     json::array parts;
     for_each_nested(r, [&](const record& part) {
-        if (!is_as_described(part, *schema.parts)) {
+        if (!is_as_described(part, known)) {
             parts.push_back(generic_values(part));
             return;
         }
         json::object shown;
-        if (schema.parts->status) {
-            auto status = static_cast<int32_t>(part.ui32[*schema.parts->status]);
+        if (known.status) {
+            auto status = static_cast<int32_t>(part.ui32[*known.status]);
             shown.emplace("status", status);
             shown.emplace("status_text", status_word(schema.type, status));
         }
-        shown.emplace("values", named_values(part, schema.parts->values));
-        if (schema.parts->message) {
-            shown.emplace("message", valid_utf8(string_at(part, *schema.parts->message)));
+        shown.emplace("values", named_values(part, known.values));
+        if (known.message) {
+            shown.emplace("message", valid_utf8(string_at(part, *known.message)));
         }
         parts.push_back(std::move(shown));
     });
-    object.emplace(schema.parts->name, std::move(parts));
+    object.emplace(known.name, std::move(parts));
 }
 
 static void add_table(json::object& object, const record& r) {
@@ -618,7 +619,7 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
     if (summary.schema != nullptr && summary.schema->is_table) {
         add_table(object, r);
     } else if (summary.schema != nullptr && summary.schema->parts) {
-        add_parts(object, r, *summary.schema);
+        add_parts(object, r, *summary.schema, *summary.schema->parts);
     } else {
         add_nested(object, r);
     }

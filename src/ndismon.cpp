@@ -231,10 +231,11 @@ void send_finished(int tid, int lid) {
     send_pending_data();
 }
 
-/* One thread less; the counter is gone after the last. */
-static void leave_scan(const thread_scan_args& share, int* thread_count)
+/* So many threads less; the counter is gone after the last. */
+static void leave_scan(const thread_scan_args& share, int* thread_count, int leaving)
     REQUIRES(_gndis_mon_mutex) {
-    if (--*thread_count > 0) {
+    *thread_count -= leaving;
+    if (*thread_count > 0) {
         return;
     }
     leveledadd2log(5, "INFO: discovery_thread(). Scan End: ID: %d; TID: %d; LID: %d", share.id,
@@ -264,14 +265,14 @@ void* discovery_thread(void* args) {
                    share->tid, share->lid);
     {
         lock hold(_gndis_mon_mutex);
-        leave_scan(*share, share->thread_count);
+        leave_scan(*share, share->thread_count, 1);
     }
     free_share(share);
     return nullptr;
 }
 
-/* The threads cannot leave before all are started: the list mutex is held. So only the last share
- * of a scan none of whose threads could be started ends the scan here. */
+/* The threads cannot leave before all are started: the list mutex is held. So only a scan none of
+ * whose threads could be started ends here. */
 static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
     REQUIRES(_gndis_mon_mutex) {
     test->scan_started = 1;
@@ -284,6 +285,7 @@ static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
         return;
     }
     *thread_count = test->threadargs_list_len;
+    int lost = 0;
     for (int i = 0; i < test->threadargs_list_len; i++) {
         const thread_scan_args& share = test->threadargs_list[i];
         thread_scan_args* copy = copy_share(share, thread_count);
@@ -295,10 +297,13 @@ static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
             if (copy != nullptr) {
                 free_share(copy);
             }
-            leave_scan(share, thread_count);
+            lost++;
         }
     }
-}
+    if (lost > 0) {
+        leave_scan(test->threadargs_list[test->threadargs_list_len - 1], thread_count, lost);
+    }
+} // NOLINT(clang-analyzer-unix.Malloc): the last thread frees the counter
 
 /* False with the reason logged and nothing to destroy. */
 static bool scan_attributes(pthread_attr_t* attributes) {

@@ -569,10 +569,9 @@ static bool take_variable(subtree_walk& walk, const exchange& answer,
 static bool take_walk_response(subtree_walk& walk, const exchange& answer) {
     const netsnmp_pdu* response = answer.response.get();
     if (response->errstat != SNMP_ERR_NOERROR) {
-        end_walk(walk, answer.started,
-                 response->errstat == SNMP_ERR_NOSUCHNAME ? format_text("End of MIB")
-                                                          : packet_error(response),
-                 WALK_ENDED);
+        bool ended = response->errstat == SNMP_ERR_NOSUCHNAME;
+        heap_text reason = ended ? format_text("End of MIB") : packet_error(response);
+        end_walk(walk, answer.started, std::move(reason), WALK_ENDED);
         return false;
     }
     const netsnmp_variable_list* variable = response->variables;

@@ -192,6 +192,26 @@ TEST(fork_gate, gated_calls_are_those_of_the_library) {
     EXPECT_EQ(lib_SSL_connect, connect_once) << "no gate inside a gate";
 }
 
+TEST(fork_gate, what_a_thread_leaves_to_the_library_is_freed_inside_the_gate) {
+    libssl_handle = nullptr;
+    ASSERT_EQ(init_ssl_variables(), 1);
+    EXPECT_EQ(reinterpret_cast<void*>(free_leftovers), dlsym(libssl_handle, "OPENSSL_thread_stop"));
+    auto bound = free_leftovers;
+    watch(free_leftovers);
+    calls = inside_gate = 0;
+    std::thread([] {}).join();
+    EXPECT_EQ(calls, 0);
+    std::thread([] {
+        lib_ERR_get_error();
+        lib_ERR_get_error();
+    }).join();
+    EXPECT_EQ(calls, 1) << "once for a thread that called it";
+    EXPECT_EQ(inside_gate, 1);
+    free_leftovers = nullptr;
+    std::thread([] { lib_ERR_get_error(); }).join();
+    free_leftovers = bound;
+}
+
 /* --- among busy threads ---------------------------------------------------------------------- */
 
 /* What a child of the SNMP checker needs: memory, streams, digests and random numbers. */
@@ -267,6 +287,10 @@ void use_tls() {
     lib_SSL_CTX_free(context);
 }
 
+void use_tls_and_end() {
+    std::thread(use_tls).join();
+}
+
 void use_digests() {
     fork_gate inside;
     for (const char* name : {"SHA1", "MD5", "SHA256"}) {
@@ -290,7 +314,7 @@ TEST(fork_gate, children_of_busy_threads_find_no_lock_taken) {
     std::atomic<bool> end{false};
     std::vector<std::thread> busy;
     size_t descriptors = open_descriptors();
-    for (auto work : {log_on, resolve, use_memory, use_tls, use_digests}) {
+    for (auto work : {log_on, resolve, use_memory, use_tls, use_tls_and_end, use_digests}) {
         busy.emplace_back([&end, work] {
             while (!end) {
                 work();

@@ -952,6 +952,26 @@ TEST_F(snmpmon, without_descriptors_results_are_lost) {
     EXPECT_EQ(take_results(), "");
 }
 
+TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
+    const int tests = 64;
+    for (int tid = 1; tid <= tests; tid++) {
+        wanted w;
+        w.tid = tid;
+        w.oids = "hang";
+        add(w);
+    }
+    {
+        descriptors_left few(8);
+        do_snmp_check();
+        EXPECT_TRUE(eventually([] { return page->children > 0 && forks == page->children; }));
+        page->may_go_on = 1;
+        wait_for_threads();
+    }
+    size_t got = take_results().size() / strlen("get hang");
+    EXPECT_GT(got, 1u);
+    EXPECT_LT(got, 9u);
+}
+
 TEST_F(snmpmon, attributes_that_fail_skip_the_pass) {
     add({});
     take_log();

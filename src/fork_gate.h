@@ -8,7 +8,8 @@
  * waiting for longer than the calls that are inside.
  *
  * The connections' calls pass by themselves: init_ssl_variables (libsslloader.h) puts the gate into
- * the pointers that they go through. */
+ * the pointers that they go through. So does a thread that made such calls, once more at its end,
+ * when the library frees what it kept for it. */
 #ifndef VINDRAL_FORK_GATE_H
 #define VINDRAL_FORK_GATE_H
 

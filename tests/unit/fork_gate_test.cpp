@@ -127,6 +127,36 @@ TEST(fork_gate, the_child_finds_the_gate_open) {
     busy.join();
 }
 
+TEST(fork_gate, those_who_wait_pass_between_two_forks) {
+    std::atomic<pid_t> first{0}, second{0}, late{0};
+    std::atomic<int> passed{0};
+    auto fork_once = [&](std::atomic<pid_t>& id, int expected) {
+        id = gettid();
+        pid_t child = gated_fork();
+        if (child == 0) {
+            _exit(passed ? 8 : 7);
+        }
+        EXPECT_EQ(exit_status(child), expected);
+    };
+    std::thread forks, forks_too, passes;
+    {
+        fork_gate inside;
+        forks = std::thread(fork_once, std::ref(first), 7);
+        EXPECT_TRUE(sleeps(first));
+        forks_too = std::thread(fork_once, std::ref(second), 8);
+        EXPECT_TRUE(sleeps(second));
+        passes = std::thread([&] {
+            late = gettid();
+            fork_gate inside_later;
+            passed = 1;
+        });
+        EXPECT_TRUE(sleeps(late));
+    }
+    forks.join();
+    forks_too.join();
+    passes.join();
+}
+
 TEST(fork_gate, errno_stays) {
     errno = ERANGE;
     { fork_gate inside; }

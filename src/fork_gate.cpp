@@ -1,9 +1,15 @@
 #include "fork_gate.h"
 
+#include "guards.h"
+
 #include <pthread.h>
 #include <unistd.h>
 
 static pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+
+/* Held by the one thread that waits at the gate or forks, so that behind it no other fork waits yet
+ * and those who want to pass come first. */
+static mutex next_to_fork;
 
 fork_gate::fork_gate() {
     pthread_rwlock_rdlock(&gate);
@@ -14,6 +20,7 @@ fork_gate::~fork_gate() {
 }
 
 pid_t gated_fork() {
+    lock hold(next_to_fork);
     pthread_rwlock_wrlock(&gate);
     pid_t child = fork();
     if (child == 0) {

@@ -5,10 +5,12 @@
  * its own (vindral_log.cpp); OpenSSL does not. So a thread that is about to call it passes the gate
  * (shared), for the call only, never while it waits for a peer, and a fork closes the gate
  * (exclusive). Who waits to fork goes before who wants to pass, so a busy gate cannot keep a fork
- * waiting for longer than the calls that are inside.
+ * waiting for longer than the calls that are inside; nor can many forks, one behind the other, keep
+ * the gate closed: after each one those who wait pass.
  *
  * The connections' calls pass by themselves: init_ssl_variables (libsslloader.h) puts the gate into
- * the pointers that they go through. */
+ * the pointers that they go through. So does a thread that made such calls, once more at its end,
+ * when the library frees what it kept for it. */
 #ifndef VINDRAL_FORK_GATE_H
 #define VINDRAL_FORK_GATE_H
 

@@ -185,6 +185,34 @@ int init_ssl_lib() {
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
 }
 
+/* What a thread leaves behind in the library is freed when the thread ends, and locks are taken for
+ * that as well: so it is done inside the gate, and ahead of the library's own hook, which then
+ * finds nothing. Older libraries than 1.1.0 have neither. */
+static decltype(&OPENSSL_thread_stop) free_leftovers = nullptr;
+
+namespace {
+
+struct end_of_thread {
+    ~end_of_thread() {
+        if (free_leftovers != nullptr) {
+            fork_gate inside;
+            free_leftovers();
+        }
+    }
+};
+
+} // namespace
+
+static void mind_end_of_thread() {
+    static thread_local end_of_thread last;
+}
+
+static void bind_end_of_thread() {
+    const dynlib_symbol symbol = {"OPENSSL_thread_stop", reinterpret_cast<void**>(&free_leftovers),
+                                  nullptr};
+    dynlib_bind(libssl_handle, &symbol, 1);
+}
+
 /* The function that `pointer` is bound to, called inside the fork gate: the library's locks are at
  * rest whenever a child is forked. None of these calls waits for a peer, since every connection's
  * socket is non-blocking. */
@@ -195,6 +223,7 @@ struct gated<pointer> {
     static inline R (*bound)(A...) = nullptr;
 
     static R call(A... arguments) {
+        mind_end_of_thread();
         fork_gate inside;
         return bound(arguments...);
     }
@@ -259,6 +288,7 @@ int init_ssl_variables() {
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
     share_context();
+    bind_end_of_thread();
     put_in_gates();
     isZLIBloaded = init_zlib();
     return 1;

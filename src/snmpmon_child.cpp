@@ -379,20 +379,23 @@ static void finish_query(running_query& q) {
     }
 }
 
-/* Waits for any of the pipes. Their slots are those of the queries; those that are over have -1,
- * which poll leaves alone. */
-static void collect(running_query* queries, pollfd* pipes, int count, int open) {
+/* Waits for any of the pipes; pipes[i] is that of queries[i]. The last one takes the place of one
+ * that is over: poll refuses more slots than there may be descriptors. */
+static void collect(running_query* queries, pollfd* pipes, int open) {
     while (open > 0) {
-        if (poll(pipes, static_cast<nfds_t>(count), -1) < 0) {
+        if (poll(pipes, static_cast<nfds_t>(open), -1) < 0) {
             continue;
         }
-        for (int i = 0; i < count; i++) {
-            if (pipes[i].revents != 0 &&
-                read_chunk(pipes[i].fd, queries[i].text) == read_outcome::ended) {
-                finish_query(queries[i]);
-                pipes[i] = {-1, 0, 0};
-                open--;
+        for (int i = 0; i < open;) {
+            if (pipes[i].revents == 0 ||
+                read_chunk(pipes[i].fd, queries[i].text) == read_outcome::more) {
+                i++;
+                continue;
             }
+            finish_query(queries[i]);
+            open--;
+            std::swap(queries[i], queries[open]);
+            pipes[i] = pipes[open];
         }
     }
 }
@@ -406,12 +409,14 @@ static void make_queries(snmp_def* const* tests, int count) {
     }
     int open = 0;
     for (int i = 0; i < count; i++) {
-        queries[i].def = tests[i];
-        begin_query(queries[i]);
-        pipes[i] = {queries[i].pipe.get(), POLLIN, 0};
-        open += queries[i].pipe ? 1 : 0;
+        running_query& q = queries[open];
+        q.def = tests[i];
+        begin_query(q);
+        if (q.pipe) {
+            pipes[open++] = {q.pipe.get(), POLLIN, 0};
+        }
     }
-    collect(queries.get(), pipes.get(), count, open);
+    collect(queries.get(), pipes.get(), open);
 }
 
 void* snmp_round_thread(void* arg) {

@@ -127,6 +127,36 @@ TEST(fork_gate, the_child_finds_the_gate_open) {
     busy.join();
 }
 
+TEST(fork_gate, those_who_wait_pass_between_two_forks) {
+    std::atomic<pid_t> first{0}, second{0}, late{0};
+    std::atomic<int> passed{0};
+    auto fork_once = [&](std::atomic<pid_t>& id, int expected) {
+        id = gettid();
+        pid_t child = gated_fork();
+        if (child == 0) {
+            _exit(passed ? 8 : 7);
+        }
+        EXPECT_EQ(exit_status(child), expected);
+    };
+    std::thread forks, forks_too, passes;
+    {
+        fork_gate inside;
+        forks = std::thread(fork_once, std::ref(first), 7);
+        EXPECT_TRUE(sleeps(first));
+        forks_too = std::thread(fork_once, std::ref(second), 8);
+        EXPECT_TRUE(sleeps(second));
+        passes = std::thread([&] {
+            late = gettid();
+            fork_gate inside_later;
+            passed = 1;
+        });
+        EXPECT_TRUE(sleeps(late));
+    }
+    forks.join();
+    forks_too.join();
+    passes.join();
+}
+
 TEST(fork_gate, errno_stays) {
     errno = ERANGE;
     { fork_gate inside; }
@@ -190,6 +220,26 @@ TEST(fork_gate, gated_calls_are_those_of_the_library) {
     auto connect_once = lib_SSL_connect;
     ASSERT_EQ(init_ssl_variables(), 1);
     EXPECT_EQ(lib_SSL_connect, connect_once) << "no gate inside a gate";
+}
+
+TEST(fork_gate, what_a_thread_leaves_to_the_library_is_freed_inside_the_gate) {
+    libssl_handle = nullptr;
+    ASSERT_EQ(init_ssl_variables(), 1);
+    EXPECT_EQ(reinterpret_cast<void*>(free_leftovers), dlsym(libssl_handle, "OPENSSL_thread_stop"));
+    auto bound = free_leftovers;
+    watch(free_leftovers);
+    calls = inside_gate = 0;
+    std::thread([] {}).join();
+    EXPECT_EQ(calls, 0);
+    std::thread([] {
+        lib_ERR_get_error();
+        lib_ERR_get_error();
+    }).join();
+    EXPECT_EQ(calls, 1) << "once for a thread that called it";
+    EXPECT_EQ(inside_gate, 1);
+    free_leftovers = nullptr;
+    std::thread([] { lib_ERR_get_error(); }).join();
+    free_leftovers = bound;
 }
 
 /* --- among busy threads ---------------------------------------------------------------------- */
@@ -267,6 +317,10 @@ void use_tls() {
     lib_SSL_CTX_free(context);
 }
 
+void use_tls_and_end() {
+    std::thread(use_tls).join();
+}
+
 void use_digests() {
     fork_gate inside;
     for (const char* name : {"SHA1", "MD5", "SHA256"}) {
@@ -293,7 +347,7 @@ TEST(fork_gate, children_of_busy_threads_find_no_lock_taken) {
     std::atomic<bool> end{false};
     std::vector<std::thread> busy;
     size_t descriptors = open_descriptors();
-    for (auto work : {log_on, resolve, use_memory, use_tls, use_digests}) {
+    for (auto work : {log_on, resolve, use_memory, use_tls, use_tls_and_end, use_digests}) {
         busy.emplace_back([&end, work] {
             while (!end) {
                 work();

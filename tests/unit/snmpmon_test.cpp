@@ -1,6 +1,7 @@
 /* SNMP checker: definitions, the list, passes, what a child is and leaves behind, pipes, lifecycle.
  */
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
@@ -9,6 +10,7 @@ static int fake_attr_init(pthread_attr_t* attr);
 static int fake_setdetachstate(pthread_attr_t* attr, int state);
 static int fake_setstacksize(pthread_attr_t* attr, size_t size);
 static int fake_close_range(unsigned first, unsigned last, int flags);
+static pid_t fake_waitpid(pid_t child, int* status, int options);
 
 #define pthread_create fake_pthread_create
 #define pthread_attr_init fake_attr_init
@@ -17,6 +19,7 @@ static int fake_close_range(unsigned first, unsigned last, int flags);
 #define close_range fake_close_range
 #define resolve_host fake_resolve_host
 #define gated_fork fake_gated_fork
+#define waitpid fake_waitpid
 #include "snmpmon.cpp"
 #include "snmpmon_child.cpp"
 #undef pthread_create
@@ -26,6 +29,8 @@ static int fake_close_range(unsigned first, unsigned last, int flags);
 #undef close_range
 #undef resolve_host
 #undef gated_fork
+#undef waitpid
+#include "fork_gate.cpp"
 
 #include "checker_place.h"
 #include "fake_core.h"
@@ -36,8 +41,6 @@ static int fake_close_range(unsigned first, unsigned last, int flags);
 #include <mutex>
 #include <sys/mman.h>
 #include <thread>
-
-pid_t gated_fork();
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
@@ -66,7 +69,8 @@ std::atomic<int> threads{0}, running{0}, forks{0};
 std::atomic<bool> fork_fails{false}, no_waiters{false}, no_close_range{false};
 std::atomic<int> create_error{0}, init_error{0}, detach_error{0}, stack_error{0};
 std::atomic<size_t> waiter_stack{0};
-std::atomic<int> detach_state{-1};
+std::atomic<int> detach_state{-1}, last_status{0};
+std::atomic<bool> signals_held{true};
 
 /* What children and tests tell one another. */
 struct shared_page {
@@ -134,11 +138,16 @@ char* answer(snmp_def* def, const char* kind, const std::string& what) {
         int death = 0;
         prctl(PR_GET_PDEATHSIG, &death);
         leveledadd2log(0, "a child logs");
+        int waiting = 0; /* descriptors on which it may get stuck */
+        for (int fd = STDERR_FILENO + 1; fd < 1000; fd++) {
+            int flags = fcntl(fd, F_GETFL);
+            waiting += flags >= 0 && (flags & O_NONBLOCK) == 0;
+        }
         return own("leader " + std::to_string(getpgid(0) == getpid()) + " default " +
                    std::to_string(segv.sa_handler == SIG_DFL && hup.sa_handler == SIG_DFL) +
                    " pipe " + std::to_string(pipe.sa_handler == SIG_IGN) + " blocked " +
                    std::to_string(blocked) + " death " + std::to_string(death) + " log " +
-                   std::to_string(log_level));
+                   std::to_string(log_level) + " waiting " + std::to_string(waiting));
     }
     return own(std::string(kind) + " " + what);
 }
@@ -171,9 +180,15 @@ int init_defaults() {
     note("init_defaults");
     return 1;
 }
-decltype(&init_snmp) libpo_init_snmp = [](const char* name) { note(std::string("start ") + name); };
+decltype(&init_snmp) libpo_init_snmp = [](const char* name) {
+    note(std::string("start ") + name + (snmp.running ? " late" : ""));
+};
 decltype(&snmp_shutdown) libpo_snmp_shutdown = [](const char* name) {
-    note(std::string("shutdown ") + name);
+    bool children_come = pthread_rwlock_trywrlock(&gate) == 0;
+    if (children_come) {
+        pthread_rwlock_unlock(&gate);
+    }
+    note(std::string("shutdown ") + name + (children_come ? " among forks" : ""));
 };
 int do_single_full_check(snmp_def* def, char** data, int* size) {
     return answer_with_length(def, "get", def->oid_arr[0], data, size);
@@ -222,8 +237,19 @@ static int fake_setstacksize(pthread_attr_t* attr, size_t size) {
 static int fake_close_range(unsigned first, unsigned last, int flags) {
     return no_close_range ? (errno = ENOSYS, -1) : close_range(first, last, flags);
 }
+static pid_t fake_waitpid(pid_t child, int*, int options) {
+    int status = 0;
+    pid_t ended = waitpid(child, &status, options);
+    last_status = status;
+    return ended;
+}
 pid_t fake_gated_fork() {
     forks++;
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    for (int number : {SIGSEGV, SIGHUP, SIGTERM}) {
+        signals_held = signals_held && sigismember(&mask, number) == 1;
+    }
     return fork_fails ? (errno = EAGAIN, -1) : gated_fork();
 }
 int fake_resolve_host(const char* host, const char* port, const addrinfo* hints, addrinfo** list) {
@@ -870,6 +896,13 @@ TEST_F(snmpmon, a_child_that_dies_loses_its_own_result_only) {
     EXPECT_EQ(take_log_text(), "");
 }
 
+TEST_F(snmpmon, a_child_ends_with_status_1) {
+    add({});
+    run_pass();
+    EXPECT_TRUE(WIFEXITED(last_status));
+    EXPECT_EQ(WEXITSTATUS(last_status), 1);
+}
+
 TEST_F(snmpmon, a_long_result_comes_whole) {
     for (const char* host : {"192.0.2.1", "name"}) {
         wanted w;
@@ -952,6 +985,26 @@ TEST_F(snmpmon, without_descriptors_results_are_lost) {
     EXPECT_EQ(take_results(), "");
 }
 
+TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
+    const int tests = 64;
+    for (int tid = 1; tid <= tests; tid++) {
+        wanted w;
+        w.tid = tid;
+        w.oids = "hang";
+        add(w);
+    }
+    {
+        descriptors_left few(8);
+        do_snmp_check();
+        EXPECT_TRUE(eventually([] { return page->children > 0 && forks == page->children; }));
+        page->may_go_on = 1;
+        wait_for_threads();
+    }
+    size_t got = take_results().size() / strlen("get hang");
+    EXPECT_GT(got, 1u);
+    EXPECT_LT(got, 9u);
+}
+
 TEST_F(snmpmon, attributes_that_fail_skip_the_pass) {
     add({});
     take_log();
@@ -1003,9 +1056,10 @@ TEST_F(snmpmon, a_child_is_a_fresh_process) {
     add(w);
     take_log();
     run_pass();
-    const std::string process =
-        "leader 1 default 1 pipe 1 blocked 0 death " + std::to_string(SIGKILL) + " log -1";
+    const std::string process = "leader 1 default 1 pipe 1 blocked 0 death " +
+                                std::to_string(SIGKILL) + " log -1 waiting 0";
     EXPECT_EQ(take_results(), process + process);
+    EXPECT_TRUE(signals_held) << "while it was forked";
     EXPECT_EQ(log_level, 6);
     char* text = nullptr;
     int length = 0;

@@ -24,7 +24,7 @@ namespace {
 /* The commands */
 
 enum class effect { none, adds, modifies, removes };
-enum class kind { ignored, text, number, nonzero, real };
+enum class kind { ignored, text, number, nonzero, real, useless };
 
 struct field {
     kind what;
@@ -34,9 +34,10 @@ struct field {
 struct command {
     std::string_view code;
     effect does;
-    uint32_t type;             /* of the checker's results; tells the lists of tests apart */
+    uint32_t type;             /* of the results; 0: none comes */
     size_t least, most;        /* fields, the code included */
     std::vector<field> fields; /* from field 1 on */
+    uint32_t list = type;      /* one for each list of tests that an agent has */
 };
 
 const field test_id = {kind::nonzero, "test id"};
@@ -52,6 +53,7 @@ const field maximum = {kind::number, "maximum"};
 const field space = {kind::real, "amount"}; /* free space in GB, or the most that is read in KB */
 const field written = {kind::real, "most that is written"};
 const field name = {kind::text, "name"};
+const field address = {kind::text, "address"};
 
 const std::vector<field> removal = {test_id, unused};
 const std::vector<field> cpu = {test_id, location, maximum, maximum, maximum,
@@ -76,8 +78,33 @@ const std::vector<field> ping = {test_id, location,   host,     packet_size,
 const std::vector<field> page = {test_id, location, host, text, text, text, text,  text,
                                  text,    text,     flag, flag, flag, flag, method};
 const std::vector<field> load = {test_id, location, load1, load5, load15, host};
+const field port = {kind::number, "port"};
+const field set_port = {kind::nonzero,
+                        "port"}; /* with 0 the agent asks port 0, of another location */
+const field version = {kind::number, "version"};
+const field retries = {kind::number, "number of retries"};
+const field timeout = {kind::number, "time limit"};
+/* host, port, repetitions, version, object, community, authentication, user, pass phrase, privacy,
+ * its pass phrase, seconds, retries */
+const std::vector<field> walk = {test_id, location, host, set_port, flag, version, text,   text,
+                                 text,    text,     text, text,     text, timeout, retries};
+/* host, port, version, objects, community, authentication, user, pass phrase, privacy, whether its
+ * pass phrase is used, seconds, retries, limits */
+const std::vector<field> get = {test_id, location, host, port, version, text,    text, text,
+                                text,    text,     text, text, timeout, retries, text};
+const std::vector<field> range = {test_id, location, address, address, text};
+const std::vector<field> mysql = {test_id, location, host, port, text, text, text, text, timeout};
+const field path = {kind::text, "path"};
+const field addresses = {kind::text, "list of addresses"};
+/* An agent only heeds it with an id of 0, which no test can have. */
+const field not_with_this = {kind::useless, "SPD removes no test: use STD"};
 
 const size_t any_more = SIZE_MAX; /* fields beyond the least are ignored */
+
+const field listened = {kind::nonzero, "port"};
+
+/* Lists of the agent whose members bring no results. */
+const uint32_t tcp_listeners = UINT32_MAX, unix_listeners = UINT32_MAX - 1;
 
 /* One row for each code that the agent knows. */
 const std::vector<command> commands = {
@@ -105,6 +132,26 @@ const std::vector<command> commands = {
     {"PGA", effect::adds, type_ping, 8, 8, ping},
     {"PGM", effect::modifies, type_ping, 8, 8, ping},
     {"PGD", effect::removes, type_ping, 3, 3, removal},
+    {"USA", effect::adds, 0, 3, 3, {test_id, path}, unix_listeners},
+    {"USM", effect::modifies, 0, 3, 3, {test_id, path}, unix_listeners},
+    {"USD", effect::removes, 0, 2, 2, {test_id}, unix_listeners},
+    {"TSA", effect::adds, 0, 4, 4, {test_id, listened, addresses}, tcp_listeners},
+    {"TSM", effect::modifies, 0, 4, 4, {test_id, listened, addresses}, tcp_listeners},
+    {"TSD", effect::removes, 0, 2, 2, {test_id}, tcp_listeners},
+    {"MQA", effect::adds, type_mysql, 10, 10, mysql},
+    {"MQM", effect::modifies, type_mysql, 10, 10, mysql},
+    {"MQD", effect::removes, type_mysql, 3, 3, removal},
+    {"SWA", effect::adds, 0, 16, 16, walk, type_snmp},
+    {"SWD", effect::removes, 0, 2, 2, {test_id}, type_snmp},
+    {"STA", effect::adds, type_snmp_table, 16, 16, walk, type_snmp},
+    {"STM", effect::modifies, type_snmp_table, 16, 16, walk, type_snmp},
+    {"STD", effect::removes, 0, 3, 3, removal, type_snmp},
+    {"SPA", effect::adds, type_snmp, 16, 16, get},
+    {"SPM", effect::modifies, type_snmp, 16, 16, get},
+    {"SPD", effect::none, 0, 2, 2, {not_with_this}},
+    {"DCA", effect::adds, type_discovery, 5, any_more, range},
+    {"DCM", effect::modifies, type_discovery, 5, any_more, range},
+    {"DCR", effect::removes, type_discovery, 2, any_more, {test_id}},
     {"NTA", effect::adds, type_network, 10, any_more, network},
     {"NTM", effect::modifies, type_network, 10, any_more, network},
     {"NTD", effect::removes, type_network, 3, any_more, removal},
@@ -166,6 +213,9 @@ std::string check_fields(const command& c, const std::vector<std::string_view>& 
     for (size_t i = 1; i < fields.size() && i <= c.fields.size(); i++) {
         const field& f = c.fields[i - 1];
         int32_t number = 0;
+        if (f.what == kind::useless) {
+            return f.name;
+        }
         if (f.what == kind::real && !is_real(fields[i])) {
             return "the " + std::string(f.name) + " is " + quoted(fields[i]) + ", not a number";
         }
@@ -189,11 +239,21 @@ using test_key = std::pair<uint32_t, int32_t>;
 test_key key_of(const command& c, const std::vector<std::string_view>& fields) {
     int32_t id = 0;
     read_number(fields[1], id);
-    return {c.type, id};
+    return {c.list, id};
+}
+
+/* The type of the results that a test brings, 0 when it brings none: limits of a disk's traffic are
+ * reported elsewhere. */
+uint32_t result_type(const command& c, const std::vector<std::string_view>& fields) {
+    bool disk_traffic = c.type == type_disk && fields.size() > c.least;
+    return disk_traffic ? 0 : c.type;
 }
 
 std::string name_of(test_key key) {
-    return type_name(key.first) + " test " + std::to_string(key.second);
+    std::string kind = key.first == tcp_listeners    ? "TCP listener "
+                       : key.first == unix_listeners ? "unix listener "
+                                                     : type_name(key.first) + " test ";
+    return kind + std::to_string(key.second);
 }
 
 /* Which tests a list of commands leaves behind, for an agent that starts without any. */
@@ -545,24 +605,38 @@ std::string plan::text_after(uint64_t after) const {
 }
 
 std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines) {
-    std::map<test_key, size_t> added; /* and where */
+    struct added_test {
+        size_t line;
+        planned_test test;
+    };
+    std::map<test_key, added_test> added;
     for (size_t i = 0; i < lines.size(); i++) {
         std::vector<std::string_view> fields = split_fields(lines[i].text);
         const command* c = find_command(fields[0]);
-        if (c != nullptr && c->does == effect::adds) {
-            added[key_of(*c, fields)] = i;
-        } else if (c != nullptr && c->does == effect::removes) {
-            added.erase(key_of(*c, fields));
+        if (c == nullptr || c->does == effect::none) {
+            continue;
+        }
+        test_key key = key_of(*c, fields);
+        if (c->does == effect::adds) {
+            added[key] = {i, {result_type(*c, fields), key.second}};
+        } else if (c->does == effect::removes) {
+            added.erase(key);
+        } else if (auto changed = added.find(key); changed != added.end()) {
+            changed->second.test.type = result_type(*c, fields);
         }
     }
-    std::vector<std::pair<size_t, test_key>> ordered;
-    for (const auto& [key, where] : added) {
-        ordered.push_back({where, key});
+    std::vector<added_test> ordered;
+    for (const auto& [key, test] : added) {
+        if (test.test.type != 0) {
+            ordered.push_back(test);
+        }
     }
-    std::sort(ordered.begin(), ordered.end());
+    std::sort(ordered.begin(), ordered.end(),
+              [](const added_test& a, const added_test& b) { return a.line < b.line; });
     std::vector<planned_test> tests;
-    for (const auto& [where, key] : ordered) {
-        tests.push_back({key.first, key.second});
+    tests.reserve(ordered.size());
+    for (const added_test& test : ordered) {
+        tests.push_back(test.test);
     }
     return tests;
 }

@@ -67,7 +67,8 @@ private:
     std::shared_ptr<state> state_;
 };
 
-/* A test that the lines add and do not remove, in the order of the adding lines. */
+/* A test that the lines add and do not remove, in the order of the adding lines. Tests whose
+ * results do not come as records (walks, limits of a disk's traffic) are not among them. */
 struct planned_test {
     uint32_t type; /* of the records that its results are */
     int32_t id;

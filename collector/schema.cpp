@@ -2,11 +2,18 @@
 
 #include "text.h"
 
+#include <algorithm>
 #include <boost/json/src.hpp>
 #include <cmath>
 #include <cstdio>
 
 namespace json = boost::json;
+
+static const std::vector<schema_value> cpu_shares = {{value_type::d64, 0, "user", "%"},
+                                                     {value_type::d64, 1, "system", "%"},
+                                                     {value_type::d64, 2, "nice", "%"},
+                                                     {value_type::d64, 3, "idle", "%"},
+                                                     {value_type::d64, 4, "iowait", "%"}};
 
 /* One row for each type. */
 static const std::vector<record_schema> schemas = {
@@ -26,6 +33,19 @@ static const std::vector<record_schema> schemas = {
      .name = "network interfaces",
      .time = 0,
      .list = "interfaces"},
+    {.type = type_discovery, /* "finished" in place of the address at the end of a scan */
+     .name = "discovery",
+     .test = 1,
+     .location = 2,
+     .time = 0,
+     .values = {{value_type::string, 1, "name", "", false, true},
+                {value_type::string, 2, "description", "", false, true},
+                {value_type::string, 3, "object", "", false, true},
+                {value_type::string, 4, "object_id", "", false, true}},
+     .parts = part_schema{.name = "objects",
+                          .values = {{value_type::string, 0, "oid", ""},
+                                     {value_type::string, 1, "value", ""}},
+                          .shown_in_line = true}},
     {.type = type_process_names, .name = "process names", .time = 0, .list = "names"},
     {.type = type_process,
      .name = "process",
@@ -43,12 +63,8 @@ static const std::vector<record_schema> schemas = {
      .location = 2,
      .status = 3,
      .time = 0,
-     .values = {{value_type::d64, 0, "user", "%"},
-                {value_type::d64, 1, "system", "%"},
-                {value_type::d64, 2, "nice", "%"},
-                {value_type::d64, 3, "idle", "%"},
-                {value_type::d64, 4, "iowait", "%"}},
-     .parts = "processors"},
+     .values = cpu_shares,
+     .parts = part_schema{.name = "processors", .status = 0, .values = cpu_shares, .message = 0}},
     {.type = type_file_systems, .name = "file systems", .time = 0, .list = "file_systems"},
     {.type = type_disk,
      .name = "disk",
@@ -89,6 +105,20 @@ static const std::vector<record_schema> schemas = {
                 {value_type::ui32, 5, "code", ""},
                 {value_type::ui32, 6, "size", " bytes"}},
      .failed = "failed"},
+    {.type = type_snmp,
+     .name = "snmp",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::ui32, 4, "objects", ""}, {value_type::d64, 0, "time", " ms"}},
+     .not_found = "failed",
+     .parts = part_schema{.name = "results",
+                          .status = 1,
+                          .values = {{value_type::ui32, 0, "type", ""},
+                                     {value_type::string, 0, "value", ""}},
+                          .message = 1,
+                          .shown_in_line = true}},
     {.type = type_load_average,
      .name = "load average",
      .test = 1,
@@ -98,6 +128,23 @@ static const std::vector<record_schema> schemas = {
      .values = {{value_type::d64, 0, "load1", ""},
                 {value_type::d64, 1, "load5", ""},
                 {value_type::d64, 2, "load15", ""}}},
+    {.type = type_snmp_table,
+     .name = "snmp table",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .failed = "failed",
+     .is_table = true},
+    {.type = type_mysql,
+     .name = "mysql",
+     .test = 1,
+     .location = 2,
+     .status = 3,
+     .time = 0,
+     .values = {{value_type::ui32, 4, "time", " ms"}, {value_type::string, 0, "result", ""}},
+     .message = 1,
+     .not_found = "failed"},
 };
 
 const record_schema* find_schema(uint32_t type) {
@@ -121,29 +168,42 @@ static size_t count_of(const record& r, value_type type) {
         return r.ui64.size();
     case value_type::d64:
         return r.d64.size();
+    case value_type::string:
+        return r.strings.size();
     }
     return 0;
 }
 
-static bool has_values(const record& r, const record_schema& schema) {
+static bool is_there(const record& r, const schema_value& value) {
+    return value.index < count_of(r, value.type);
+}
+
+static bool has_values(const record& r, const std::vector<schema_value>& values) {
+    return std::all_of(values.begin(), values.end(), [&](const schema_value& value) {
+        return value.may_be_missing || is_there(r, value);
+    });
+}
+
+static bool is_as_described(const record& r, const record_schema& schema) {
     for (std::optional<size_t> index : {schema.test, schema.location, schema.status}) {
         if (index && *index >= r.ui32.size()) {
             return false;
         }
     }
-    for (const schema_value& value : schema.values) {
-        if (value.index >= count_of(r, value.type)) {
-            return false;
-        }
-    }
-    return schema.time < r.i64.size();
+    return has_values(r, schema.values) && schema.time < r.i64.size();
+}
+
+/* An empty string is not in a record: those behind it move up. */
+static bool is_as_described(const record& r, const part_schema& schema) {
+    return r.strings.size() == r.declared_strings &&
+           (!schema.status || *schema.status < r.ui32.size()) && has_values(r, schema.values);
 }
 
 record_summary summarize(const record& r) {
     record_summary summary;
     summary.type = r.type();
     const record_schema* schema = find_schema(r.type());
-    if (schema == nullptr || !has_values(r, *schema)) {
+    if (schema == nullptr || !is_as_described(r, *schema)) {
         return summary;
     }
     summary.schema = schema;
@@ -174,7 +234,7 @@ std::string status_word(uint32_t type, int32_t status) {
     case 2:
         return schema != nullptr ? schema->failed : "limit reached";
     case 3:
-        return "not found";
+        return schema != nullptr ? schema->not_found : "not found";
     case 10:
         return "remote query failed";
     default:
@@ -207,6 +267,52 @@ static std::vector<std::string_view> items_of(const record& r) {
     return items;
 }
 
+/* Those that cannot be read are passed over. */
+template <typename Do>
+static void for_each_nested(const record& r, Do each) {
+    std::string reason;
+    for (std::string_view bytes : r.nested) {
+        record inner;
+        if (decode_record(bytes, inner, reason)) {
+            each(inner);
+        }
+    }
+}
+
+static std::string_view string_at(const record& r, size_t index) {
+    return index < r.strings.size() ? r.strings[index] : std::string_view();
+}
+
+struct table_content {
+    bool readable = true;
+    std::vector<std::string> columns; /* labels */
+    std::vector<std::vector<std::string>> rows;
+};
+
+/* Rows are counted from 0, one after the other, each with all its columns. */
+static table_content table_of(const record& r) {
+    table_content table;
+    size_t number = 0;
+    for_each_nested(r, [&](const record& part) {
+        if (number++ == 0) {
+            table.columns.assign(part.strings.begin(), part.strings.end());
+            return;
+        }
+        table.readable = table.readable && part.ui32.size() == 2 * part.strings.size();
+        for (size_t i = 0; table.readable && i < part.strings.size(); i++) {
+            size_t row = part.ui32[2 * i], column = part.ui32[2 * i + 1];
+            if (row == table.rows.size() && column == 0) {
+                table.rows.emplace_back();
+            }
+            table.readable = row + 1 == table.rows.size() && column == table.rows.back().size();
+            if (table.readable) {
+                table.rows.back().emplace_back(part.strings[i]);
+            }
+        }
+    });
+    return table;
+}
+
 std::string value_text(const record& r, const schema_value& value) {
     switch (value.type) {
     case value_type::i32:
@@ -219,6 +325,8 @@ std::string value_text(const record& r, const schema_value& value) {
         return std::to_string(r.ui64[value.index]);
     case value_type::d64:
         return is_none(r, value) ? "n/a" : number_text(r.d64[value.index]);
+    case value_type::string:
+        return std::string(r.strings[value.index]);
     }
     return "";
 }
@@ -260,6 +368,39 @@ static std::string generic_text(const record& r) {
     return text;
 }
 
+static void append_values(std::string& text, const record& r,
+                          const std::vector<schema_value>& values) {
+    for (const schema_value& value : values) {
+        if (is_there(r, value)) {
+            text.append(text.empty() ? "" : " ").append(value.name).append(" ");
+            text.append(value_text(r, value)).append(is_none(r, value) ? "" : value.unit);
+        }
+    }
+}
+
+static void append_parts(std::string& text, const record& r, const record_schema& schema) {
+    for_each_nested(r, [&](const record& part) {
+        if (!is_as_described(part, *schema.parts)) {
+            return;
+        }
+        std::string values;
+        append_values(values, part, schema.parts->values);
+        text.append(", ").append(values);
+        auto status =
+            schema.parts->status ? static_cast<int32_t>(part.ui32[*schema.parts->status]) : 0;
+        text += status != 0 ? " (" + status_word(schema.type, status) + ")" : "";
+    });
+}
+
+static std::string table_text(const record& r) {
+    table_content table = table_of(r);
+    if (!table.readable) {
+        return generic_text(r);
+    }
+    return std::to_string(table.rows.size()) + " rows of " + std::to_string(table.columns.size()) +
+           " columns";
+}
+
 std::string values_text(const record& r, const record_summary& summary) {
     if (summary.schema == nullptr) {
         return generic_text(r);
@@ -273,10 +414,12 @@ std::string values_text(const record& r, const record_summary& summary) {
         }
         return text;
     }
-    for (const schema_value& value : summary.schema->values) {
-        text += text.empty() ? "" : " ";
-        text += value.name;
-        text += ' ' + value_text(r, value) + (is_none(r, value) ? "" : value.unit);
+    if (summary.schema->is_table) {
+        return table_text(r);
+    }
+    append_values(text, r, summary.schema->values);
+    if (summary.schema->parts && summary.schema->parts->shown_in_line) {
+        append_parts(text, r, *summary.schema);
     }
     return text;
 }
@@ -303,6 +446,8 @@ static json::value json_value(const record& r, const schema_value& value) {
         return r.ui64[value.index];
     case value_type::d64:
         return is_none(r, value) ? nullptr : json_number(r.d64[value.index]);
+    case value_type::string:
+        return json::value(valid_utf8(r.strings[value.index]));
     }
     return nullptr;
 }
@@ -343,20 +488,26 @@ static void add_nested(json::object& object, const record& r) {
         return;
     }
     json::array nested;
-    record inner;
-    std::string reason;
-    for (std::string_view bytes : r.nested) {
-        if (decode_record(bytes, inner, reason)) {
-            json::object values = generic_values(inner);
-            add_nested(values, inner);
-            nested.push_back(std::move(values));
-        }
-    }
+    for_each_nested(r, [&](const record& inner) {
+        json::object values = generic_values(inner);
+        add_nested(values, inner);
+        nested.push_back(std::move(values));
+    });
     object.emplace("nested", std::move(nested));
 }
 
-static json::object named_values(const record& r, const record_schema& schema) {
+static json::object named_values(const record& r, const std::vector<schema_value>& named) {
     json::object values;
+    for (const schema_value& value : named) {
+        if (is_there(r, value)) {
+            values.emplace(value.name, json_value(r, value));
+        }
+    }
+    return values;
+}
+
+static json::object values_of(const record& r, const record_schema& schema) {
+    json::object values = named_values(r, schema.values);
     if (schema.list != nullptr) {
         json::array items;
         for (std::string_view item : items_of(r)) {
@@ -364,34 +515,52 @@ static json::object named_values(const record& r, const record_schema& schema) {
         }
         values.emplace(schema.list, std::move(items));
     }
-    for (const schema_value& value : schema.values) {
-        values.emplace(value.name, json_value(r, value));
-    }
     return values;
 }
 
-/* Nested records that the type knows, each as status, values and message; one that is not as the
- * type says is shown generically. */
-static void add_parts(json::object& object, const record& r, const record_schema& schema) {
+/* Nested records that the type knows, each with its status, values and message. */
+static void add_parts(json::object& object, const record& r, const record_schema& schema,
+                      const part_schema& known) {
     json::array parts;
-    record part;
-    std::string reason;
-    for (std::string_view bytes : r.nested) {
-        if (!decode_record(bytes, part, reason)) {
-            continue;
-        }
-        if (part.ui32.size() == 0 || part.d64.size() < schema.values.size()) {
+    for_each_nested(r, [&](const record& part) {
+        if (!is_as_described(part, known)) {
             parts.push_back(generic_values(part));
-            continue;
+            return;
         }
-        auto status = static_cast<int32_t>(part.ui32[0]);
-        std::string_view message = part.strings.empty() ? std::string_view() : part.strings[0];
-        parts.push_back(json::object{{"status", status},
-                                     {"status_text", status_word(schema.type, status)},
-                                     {"values", named_values(part, schema)},
-                                     {"message", valid_utf8(message)}});
+        json::object shown;
+        if (known.status) {
+            auto status = static_cast<int32_t>(part.ui32[*known.status]);
+            shown.emplace("status", status);
+            shown.emplace("status_text", status_word(schema.type, status));
+        }
+        shown.emplace("values", named_values(part, known.values));
+        if (known.message) {
+            shown.emplace("message", valid_utf8(string_at(part, *known.message)));
+        }
+        parts.push_back(std::move(shown));
+    });
+    object.emplace(known.name, std::move(parts));
+}
+
+static void add_table(json::object& object, const record& r) {
+    table_content table = table_of(r);
+    if (!table.readable) {
+        add_nested(object, r);
+        return;
     }
-    object.emplace(schema.parts, std::move(parts));
+    json::array columns, rows;
+    for (const std::string& label : table.columns) {
+        columns.push_back(json::value(valid_utf8(label)));
+    }
+    for (const std::vector<std::string>& row : table.rows) {
+        json::array cells;
+        for (const std::string& cell : row) {
+            cells.push_back(json::value(valid_utf8(cell)));
+        }
+        rows.push_back(std::move(cells));
+    }
+    object.emplace("columns", std::move(columns));
+    object.emplace("rows", std::move(rows));
 }
 
 template <typename T>
@@ -444,11 +613,13 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
         object.emplace("status_text", summary.status
                                           ? json::value(status_word(summary.type, *summary.status))
                                           : nullptr);
-        object.emplace("values", named_values(r, *summary.schema));
+        object.emplace("values", values_of(r, *summary.schema));
         object.emplace("message", valid_utf8(summary.message));
     }
-    if (summary.schema != nullptr && summary.schema->parts != nullptr) {
-        add_parts(object, r, *summary.schema);
+    if (summary.schema != nullptr && summary.schema->is_table) {
+        add_table(object, r);
+    } else if (summary.schema != nullptr && summary.schema->parts) {
+        add_parts(object, r, *summary.schema, *summary.schema->parts);
     } else {
         add_nested(object, r);
     }

@@ -14,6 +14,7 @@
 enum {
     type_network = 38,
     type_network_interfaces = 39,
+    type_discovery = 40,
     type_process_names = 42,
     type_process = 43,
     type_cpu = 44,
@@ -22,17 +23,30 @@ enum {
     type_memory = 47,
     type_ping = 48,
     type_http = 49,
-    type_load_average = 66
+    type_snmp = 57,
+    type_load_average = 66,
+    type_snmp_table = 67,
+    type_mysql = 74
 };
 
-enum class value_type { i32, ui32, i64, ui64, d64 };
+enum class value_type { i32, ui32, i64, ui64, d64, string };
 
 struct schema_value {
     value_type type;
     size_t index; /* among the record's values of this type */
     const char* name;
-    const char* unit;         /* "" for a plain number */
-    bool may_be_none = false; /* D64 2^64 stands for a quantity that is not available */
+    const char* unit;            /* "" for a plain number */
+    bool may_be_none = false;    /* D64 2^64 stands for a quantity that is not available */
+    bool may_be_missing = false; /* the record may end before it */
+};
+
+/* What nested records are. One that is not as described is shown generically. */
+struct part_schema {
+    const char* name; /* of all of them */
+    std::optional<size_t> status = {};
+    std::vector<schema_value> values = {};
+    std::optional<size_t> message = {};
+    bool shown_in_line = false; /* few enough for one line */
 };
 
 /* A test's result, or an inventory: what there is on the agent's machine that can be tested. */
@@ -47,8 +61,11 @@ struct record_schema {
     const char* list =
         nullptr; /* an inventory: string 0 holds items of this name, a tab behind each */
     const char* failed = "limit reached"; /* what status 2 means */
-    /* What nested records are: they hold the same D64 values, a status in UI32 0 and a message. */
-    const char* parts = nullptr;
+    const char* not_found = "not found";  /* what status 3 means */
+    std::optional<part_schema> parts = {};
+    /* The nested records are a list of columns (types and labels) and one of cells (row, column and
+     * text). */
+    bool is_table = false;
 };
 
 /* Null for a type that has no row. */

@@ -75,6 +75,9 @@ void checker_work(checker& c) {
         if (interval_s == -1 || !wait_interval(c, seen, interval_s)) {
             return;
         }
+        if (c.pass_on_interval_only && wakes_so_far(c) != seen) {
+            continue;
+        }
         wait_for_commands();
         if (checker_get_interval(c) == -1) {
             return;

@@ -48,6 +48,7 @@ struct checker {
     void (*pass)() = nullptr;            /* checks every test of the list once */
     const char* attr_message = nullptr;  /* logged when the thread attributes fail */
     const char* stack_message = nullptr; /* logged when the stack size is refused */
+    bool pass_on_interval_only = false;  /* a wake-up only starts a new wait */
 };
 
 /* Starts a thread of the checker, named `name` unless that is null, with a stack of
@@ -62,7 +63,8 @@ int checker_start(checker& c, void* (*worker)(void*));
 /* The worker's loop; returns when the checker is stopped. A signal that comes while a pass runs is
  * lost: the next pass comes after a whole interval. One that comes before the first wait, or
  * between the reading of the interval and a wait, is not: it counts as a wake-up, so that neither a
- * first test nor a stop nor a new interval waits out the old one. */
+ * first test nor a stop nor a new interval waits out the old one. With pass_on_interval_only a pass
+ * comes at the end of a whole interval; what ends a wait sooner begins the next one. */
 void checker_work(checker& c);
 
 /* The interval in seconds. Setting one wakes the worker, which runs a pass at once; -1 ends it for

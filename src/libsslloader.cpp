@@ -2,6 +2,8 @@
 
 #include "compression_routine.h"
 #include "dynlib.h"
+#include "fork_gate.h"
+#include "guards.h"
 #include "vindral_log.h"
 
 #include <cstdlib>
@@ -183,6 +185,99 @@ int init_ssl_lib() {
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
 }
 
+/* What a thread leaves behind in the library is freed when the thread ends, and locks are taken for
+ * that as well: so it is done inside the gate, and ahead of the library's own hook, which then
+ * finds nothing. Older libraries than 1.1.0 have neither. */
+static decltype(&OPENSSL_thread_stop) free_leftovers = nullptr;
+
+namespace {
+
+struct end_of_thread {
+    ~end_of_thread() {
+        if (free_leftovers != nullptr) {
+            fork_gate inside;
+            free_leftovers();
+        }
+    }
+};
+
+} // namespace
+
+static void mind_end_of_thread() {
+    static thread_local end_of_thread last;
+}
+
+static void bind_end_of_thread() {
+    const dynlib_symbol symbol = {"OPENSSL_thread_stop", reinterpret_cast<void**>(&free_leftovers),
+                                  nullptr};
+    dynlib_bind(libssl_handle, &symbol, 1);
+}
+
+/* The function that `pointer` is bound to, called inside the fork gate: the library's locks are at
+ * rest whenever a child is forked. None of these calls waits for a peer, since every connection's
+ * socket is non-blocking. */
+template <auto* pointer>
+struct gated;
+template <typename R, typename... A, R (**pointer)(A...)>
+struct gated<pointer> {
+    static inline R (*bound)(A...) = nullptr;
+
+    static R call(A... arguments) {
+        mind_end_of_thread();
+        fork_gate inside;
+        return bound(arguments...);
+    }
+    static void put_in() {
+        if (*pointer != call) {
+            bound = *pointer;
+            *pointer = call;
+        }
+    }
+};
+
+/* All that connections call, but SSL_get_error and the method, which take no locks. */
+static void put_in_gates() {
+    gated<&lib_SSL_CTX_new>::put_in();
+    gated<&lib_SSL_CTX_free>::put_in();
+    gated<&lib_SSL_new>::put_in();
+    gated<&lib_SSL_free>::put_in();
+    gated<&lib_SSL_set_fd>::put_in();
+    gated<&lib_SSL_connect>::put_in();
+    gated<&lib_SSL_read>::put_in();
+    gated<&lib_SSL_write>::put_in();
+    gated<&lib_SSL_shutdown>::put_in();
+    gated<&lib_ERR_error_string>::put_in();
+    gated<&lib_ERR_get_error>::put_in();
+}
+
+/* A new context costs a fifth of a connection, and all of the agent's are alike, with nothing that
+ * one connection could leave for the next. So from 1.1.0 on, where contexts are counted and may be
+ * used by many threads, there is one: to make it is to take a reference, and to free it is to give
+ * that back. The first reference stays. */
+static mutex context_mutex;
+static SSL_CTX* context GUARDED_BY(context_mutex) = nullptr;
+static decltype(&SSL_CTX_new) make_context = nullptr;
+static decltype(&SSL_CTX_up_ref) count_up = nullptr;
+
+static SSL_CTX* take_context(const SSL_METHOD* method) {
+    lock hold(context_mutex);
+    if (context == nullptr) {
+        context = make_context(method);
+    }
+    if (context != nullptr) {
+        count_up(context);
+    }
+    return context;
+}
+
+static void share_context() {
+    const dynlib_symbol symbol = {"SSL_CTX_up_ref", reinterpret_cast<void**>(&count_up), nullptr};
+    if (make_context == nullptr && dynlib_bind(libssl_handle, &symbol, 1)) {
+        make_context = lib_SSL_CTX_new;
+        lib_SSL_CTX_new = take_context;
+    }
+}
+
 int init_ssl_variables() {
     if (!init_ssl_lib()) {
         return 0;
@@ -192,6 +287,9 @@ int init_ssl_variables() {
     lib_ERR_load_BIO_strings();
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
+    share_context();
+    bind_end_of_thread();
+    put_in_gates();
     isZLIBloaded = init_zlib();
     return 1;
 }

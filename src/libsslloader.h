@@ -47,8 +47,10 @@ extern void (*lib_OPENSSL_add_all_algorithms_conf)();
  * call this once. */
 int init_ssl_lib();
 
-/* Binds and initialises the TLS library, then zlib (isZLIBloaded). To be called once at start-up,
- * before any thread is created. Returns 1 when TLS is ready, whatever became of zlib, else 0. */
+/* Binds and initialises the TLS library, puts the fork gate (fork_gate.h) round the functions that
+ * connections call, lets them share one context where the library can, then binds zlib
+ * (isZLIBloaded). To be called once at start-up, before any
+ * thread is created. Returns 1 when TLS is ready, whatever became of zlib, else 0. */
 int init_ssl_variables();
 
 #endif

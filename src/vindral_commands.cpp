@@ -3,14 +3,18 @@
 #include "checker.h"
 #include "cpumon.h"
 #include "diskmon.h"
+#include "feedlistener.h"
 #include "guards.h"
 #include "httpmon.h"
 #include "memmon.h"
 #include "monloadaverage.h"
+#include "mysqlmon.h"
+#include "ndismon.h"
 #include "netmon.h"
 #include "pingmon.h"
 #include "processmon.h"
 #include "shell_command.h"
+#include "snmpmon.h"
 #include "vindral_checkers.h"
 #include "vindral_config.h"
 #include "vindral_interval.h"
@@ -29,6 +33,12 @@ static const time_t UPDATE_PAUSE_S = 600;
 /* Low 32 bits of the decimal number; 0 for text that is none. */
 static int number(const char* field) {
     return static_cast<int>(strtol(field, nullptr, 10));
+}
+
+/* So, but `standard` for 0. */
+static int number_or(const char* field, int standard) {
+    int n = number(field);
+    return n != 0 ? n : standard;
 }
 
 /* The field at `index`, or null when the command has fewer. */
@@ -201,6 +211,146 @@ static void cmd_remove_net(char** f, size_t) {
     rem_nettest(number(f[1]));
 }
 
+static void cmd_add_unix_server(char** f, size_t) {
+    add_unix_server(number(f[1]), f[2]);
+}
+
+static void cmd_modify_unix_server(char** f, size_t) {
+    modify_unix_server(number(f[1]), f[2]);
+}
+
+static void cmd_remove_unix_server(char** f, size_t) {
+    remove_unix_server(number(f[1]));
+}
+
+/* A listener without a port is none. The list of addresses passes to the listener; one that begins
+ * with "all" is empty. */
+static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
+    int port = number(f[2]);
+    if (port == 0) {
+        return;
+    }
+    char** addresses = nullptr;
+    size_t count = 0;
+    if (uparser(f[3], &addresses, &count, ';') && strcmp(addresses[0], "all") == 0) {
+        free_uparser_array(&addresses, &count);
+        addresses = nullptr;
+    }
+    operation(number(f[1]), port, addresses, static_cast<int>(count));
+}
+
+static void cmd_add_tcp_server(char** f, size_t) {
+    tcp_server(add_tcp_server, f);
+}
+
+static void cmd_modify_tcp_server(char** f, size_t) {
+    tcp_server(modify_tcp_server, f);
+}
+
+static void cmd_remove_tcp_server(char** f, size_t) {
+    remove_tcp_server(number(f[1]));
+}
+
+static void cmd_add_mysql(char** f, size_t) {
+    add_mysqldesc(number(f[1]), number(f[2]), f[3], number_or(f[4], 3306), f[6], f[7], f[5], f[8],
+                  static_cast<unsigned>(number_or(f[9], 10)));
+}
+
+static void cmd_modify_mysql(char** f, size_t) {
+    modify_mysqldesc(number(f[1]), number(f[2]), f[3], number_or(f[4], 3306), f[6], f[7], f[5],
+                     f[8], static_cast<unsigned>(number_or(f[9], 10)));
+}
+
+static void cmd_remove_mysql(char** f, size_t) {
+    rem_mysqldesc(number(f[1]));
+}
+
+static char* text_or_none(char* field) {
+    return field[0] != '\0' ? field : nullptr;
+}
+
+using snmp_operation = decltype(&add_snmp);
+
+/* A walk or a table. Without a port the standard one lands in the location, where servers are used
+ * to find it; the test then asks port 0. */
+static void snmp_subtree(snmp_operation operation, int type, char** f) {
+    int port = number(f[4]);
+    operation(number(f[1]), port == 0 ? SNMP_PORT : number(f[2]), type, number(f[5]),
+              text_or_none(f[7]), text_or_none(f[3]), port, number(f[6]), number(f[14]),
+              number(f[15]), text_or_none(f[8]), text_or_none(f[10]), text_or_none(f[11]),
+              text_or_none(f[13]), text_or_none(f[9]), text_or_none(f[12]), nullptr);
+}
+
+static void cmd_add_walk(char** f, size_t) {
+    snmp_subtree(add_snmp, SNMP_WALK_TEST, f);
+}
+
+static void cmd_add_table(char** f, size_t) {
+    snmp_subtree(add_snmp, SNMP_TABLE_TEST, f);
+}
+
+static void cmd_modify_table(char** f, size_t) {
+    snmp_subtree(mod_snmp, SNMP_TABLE_TEST, f);
+}
+
+/* Field 12 only tells whether there is a privacy pass phrase; field 11, the protocol, is used as
+ * such. */
+static void snmp_get(snmp_operation operation, char** f) {
+    char* privacy_protocol = text_or_none(f[11]);
+    operation(number(f[1]), number(f[2]), SNMP_GET_TEST, 0, text_or_none(f[6]), text_or_none(f[3]),
+              number_or(f[4], SNMP_PORT), number(f[5]), number(f[13]), number(f[14]),
+              text_or_none(f[7]), text_or_none(f[9]), text_or_none(f[10]),
+              f[12][0] != '\0' ? privacy_protocol : nullptr, text_or_none(f[8]), privacy_protocol,
+              text_or_none(f[15]));
+}
+
+static void cmd_add_get(char** f, size_t) {
+    snmp_get(add_snmp, f);
+}
+
+static void cmd_modify_get(char** f, size_t) {
+    snmp_get(mod_snmp, f);
+}
+
+static void cmd_remove_snmp(char** f, size_t) {
+    rem_snmp(number(f[1]));
+}
+
+/* The other way round than every other remove command: only the id 0 is heeded. */
+static void cmd_remove_get(char** f, size_t) {
+    if (number(f[1]) == 0) {
+        rem_snmp(0);
+    }
+}
+
+static void cmd_ignore(char**, size_t) {}
+
+/* A wrong count is answered in the log, fields behind the last one are absent. */
+static bool is_scan(char** f, size_t count, size_t least) {
+    if (count < least) {
+        leveledadd2log(0, "ERROR: Wrong number of parameters for %s: ", f[0]);
+        return false;
+    }
+    return number(f[1]) != 0;
+}
+
+static void cmd_add_ndis(char** f, size_t count) {
+    if (is_scan(f, count, 5)) {
+        add_ndis(number(f[1]), number(f[2]), f[3], f[4], optional_field(f, count, 5));
+    }
+}
+
+static void cmd_modify_ndis(char** f, size_t count) {
+    if (is_scan(f, count, 4)) {
+        mod_ndis(number(f[1]), number(f[2]), f[3], optional_field(f, count, 4),
+                 optional_field(f, count, 5));
+    }
+}
+
+static void cmd_remove_ndis(char** f, size_t) {
+    rem_ndis(number(f[1]));
+}
+
 static void cmd_update(char** f, size_t) {
     start_updater(f[1], f[2], f[3]);
 }
@@ -250,7 +400,35 @@ static const struct {
     {"NTA", 10, MORE_FIELDS, NONZERO_ID, cmd_add_net},
     {"NTM", 10, MORE_FIELDS, NONZERO_ID, cmd_modify_net},
     {"NTD", 3, MORE_FIELDS, NONZERO_ID, cmd_remove_net}, /* tid, - */
-    {"UPD", 4, 4, NO_ID, cmd_update},                    /* dname, url, chsum */
+    {"USA", 3, 3, NONZERO_ID, cmd_add_unix_server},      /* tid, us_path */
+    {"USM", 3, 3, NONZERO_ID, cmd_modify_unix_server},   /* tid, new_upath */
+    {"USD", 2, 2, NO_ID, cmd_remove_unix_server},        /* tid */
+    {"TSA", 4, 4, NONZERO_ID, cmd_add_tcp_server},       /* tid, port, ip_list */
+    {"TSM", 4, 4, NONZERO_ID, cmd_modify_tcp_server},
+    {"TSD", 2, 2, NONZERO_ID, cmd_remove_tcp_server}, /* tid */
+    /* _tid, loc_id, host, port, unixsock, user, pass, param_list, timeout */
+    {"MQA", 10, 10, NONZERO_ID, cmd_add_mysql},
+    {"MQM", 10, 10, NONZERO_ID, cmd_modify_mysql},
+    {"MQD", 3, 3, NONZERO_ID, cmd_remove_mysql}, /* t_id, - */
+    /* v_tid, v_loc_id, v_host, v_port, v_bulk, v_version, v_oid_string, v_community, v_authproto,
+     * v_login, v_passwd, v_privproto, v_privpasswd, v_timeout, v_retries */
+    {"SWA", 16, 16, NONZERO_ID, cmd_add_walk},
+    {"SWM", 1, MORE_FIELDS, NO_ID, cmd_ignore},
+    {"SWD", 2, 2, NONZERO_ID, cmd_remove_snmp}, /* t_id */
+    {"STA", 16, 16, NONZERO_ID, cmd_add_table},
+    {"STM", 16, 16, NONZERO_ID, cmd_modify_table},
+    {"STD", 3, 3, NONZERO_ID, cmd_remove_snmp}, /* t_id, - */
+    /* v_tid, v_loc_id, v_host, v_port, v_version, v_oid_string, v_community, v_authproto, v_login,
+     * v_passwd, v_privproto, whether there is a privacy pass phrase, v_timeout, v_retries,
+     * v_min_max */
+    {"SPA", 16, 16, NONZERO_ID, cmd_add_get},
+    {"SPM", 16, 16, NONZERO_ID, cmd_modify_get},
+    {"SPD", 2, 2, NO_ID, cmd_remove_get}, /* 0 */
+    {"UPD", 4, 4, NO_ID, cmd_update},     /* dname, url, chsum */
+    /* _tid, _lid, ipstart, ipend, oids; counted by the handlers, which log what is wrong */
+    {"DCA", 1, MORE_FIELDS, NO_ID, cmd_add_ndis},
+    {"DCM", 1, MORE_FIELDS, NO_ID, cmd_modify_ndis},
+    {"DCR", 2, MORE_FIELDS, NONZERO_ID, cmd_remove_ndis}, /* _tid */
 };
 
 void add_from_array(char** ms, size_t msl) {

@@ -1,6 +1,7 @@
 #include "vindral_poll.h"
 
 #include "diskmon.h"
+#include "sslutiles_api.h"
 #include "sslutiles_poll.h"
 #include "vindral_checkers.h"
 #include "vindral_commands.h"
@@ -21,9 +22,6 @@ enum poll_result {
     LOGIN_AGAIN = 3,
     INTERNAL_ERROR = 4
 };
-
-/* The disk checker's store and the custom-monitor client, in an agent that has them. */
-__attribute__((weak)) int send_data(test_result** results, int res_count);
 
 void collect_results() {
     for (size_t i = 0; i < result_source_count; i++) {
@@ -147,8 +145,7 @@ void send_results() {
         leveledadd2log(3, "INFO: send_results::get_disk_test_results count: %d", count);
     }
     if (results != nullptr && count > 0) {
-        int sent = send_data != nullptr ? send_data(results, count) : 0;
-        leveledadd2log(1, "INFO: send_results returned %d", sent);
+        leveledadd2log(1, "INFO: send_results returned %d", send_data(results, count));
         free_results(results, count);
     }
     leveledadd2log(4, "INFO: send_results finished.");

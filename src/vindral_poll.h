@@ -33,8 +33,8 @@ const bdata* get_cache_copy();
 /* Drops the pending block. */
 void free_cache_copy();
 
-/* Posts the disk checker's stored text results through the custom-monitor API. Nothing in the agent
- * calls it. */
+/* Takes the disk checker's stored text results and posts them through the custom-monitor API, which
+ * accepts the first of them; all are dropped afterwards. Nothing in the agent calls it. */
 void send_results();
 
 /* Frees an array of results with its entries; only the array when res_count is below 1. */

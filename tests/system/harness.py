@@ -14,6 +14,7 @@ import concurrent.futures
 import ctypes
 import json
 import os
+import random
 import re
 import select
 import shutil
@@ -154,11 +155,23 @@ def in_parallel(test, cases, at_once=12):
                 raise error
 
 
+_given_ports = set()
+
+
 def free_port(kind=socket.SOCK_STREAM):
-    """A port that was free a moment ago, for programs that cannot tell which one they were given."""
-    with socket.socket(socket.AF_INET, kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """A free port, for programs that cannot tell which one they were given: below those that the kernel
+    gives to connections, and none twice."""
+    while True:
+        port = random.randrange(10000, 32000)
+        if port in _given_ports:
+            continue
+        with socket.socket(socket.AF_INET, kind) as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        _given_ports.add(port)
+        return port
 
 
 def black_hole(test):
@@ -279,6 +292,8 @@ def sanitizer_environment(directory):
     env = dict(os.environ)
     for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
         own = "log_path='%s/sanitizer'" % directory  # a name may hold blanks
+        if name == "ASAN_OPTIONS":
+            own += ":suppressions='%s'" % os.path.join(HERE, "asan.supp")
         env[name] = env[name] + ":" + own if env.get(name) else own
     return env
 
@@ -368,7 +383,7 @@ class Agent:
         self.pid_path = os.path.join(self.dir, "vindral.pid")
         self.wrap = list(wrap)
         self.env = sanitizer_environment(self.dir)
-        self.env.update(HOME=self.dir)
+        self.env.update(HOME=self.dir, SNMP_PERSISTENT_DIR=os.devnull)
         self.env.update(env or {})
         self.process = None
         self.settings = {

@@ -11,6 +11,7 @@ Record = collections.namedtuple("Record", "raw i32 ui32 i64 ui64 d64 strings nes
 
 NETWORK = 38
 INTERFACES = 39
+DISCOVERY = 40
 PROCESS_NAMES = 42
 PROCESS = 43
 CPU = 44
@@ -19,7 +20,10 @@ DISK = 46
 MEMORY = 47
 PING = 48
 HTTP = 49
+SNMP = 57
 LOAD_AVERAGE = 66
+SNMP_TABLE = 67
+MYSQL = 74
 INVENTORIES = (INTERFACES, PROCESS_NAMES, FILE_SYSTEMS)  # part of every collection
 
 Load = collections.namedtuple("Load", "test location time values message status")

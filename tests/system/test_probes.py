@@ -48,23 +48,11 @@ class Host:
         self.packets = []
         self.behave = behave
         self.address, self.peer = "10.9.%d.2" % number, "10.9.%d.1" % number
-        namespace = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
-                                     stdout=subprocess.PIPE)
-        test.addCleanup(namespace.wait)
-        test.addCleanup(namespace.kill)
-        namespace.stdout.readline()
-        namespace.stdout.close()
-        inside = "nsenter --target %d --net " % namespace.pid
-        near, inside = "near%d" % number, "nsenter --target %d --net" % namespace.pid
-        subprocess.run(
-            f"ip link add {near} type veth peer name far netns {namespace.pid} && "
-            f"ip link set {near} up && ip addr add {self.peer}/24 dev {near} && "
-            f"{inside} ip addr add {self.address}/24 dev far && {inside} ip link set far up && "
-            f"{inside} sysctl -q net.ipv4.icmp_echo_ignore_all=1", shell=True, check=True)
-        test.addCleanup(subprocess.run, ["ip", "link", "del", near], check=True)
+        side = steered.FarSide(test, number, 2)
+        subprocess.run(side.enter + ["sysctl", "-q", "net.ipv4.icmp_echo_ignore_all=1"], check=True)
         self.stopping, stop = os.pipe()
         self.ready = threading.Event()
-        self.thread = threading.Thread(target=self._answer, args=(namespace.pid,))
+        self.thread = threading.Thread(target=self._answer, args=(side.pid,))
         self.thread.start()
         test.addCleanup(self.thread.join)
         test.addCleanup(os.close, stop)

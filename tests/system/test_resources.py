@@ -72,9 +72,9 @@ class Resources(harness.TestCase):
         files, threads, memory = self.idle_usage(agent.process.pid)
         # A sanitizer may have threads of its own beside main.
         self.assertEqual(sorted(set(threads)),
-                         ["cpu", "disk", "http", "lda", "log writer", "mem", "net", "net sampler",
-                          "ping", "poll", "proc", "vindral"])
-        self.assertTrue(harness.SANITIZERS or len(threads) == 12, threads)
+                         ["cpu", "disk", "http", "lda", "log writer", "mem", "mysql", "ndis",
+                          "net", "net sampler", "ping", "poll", "proc", "snmp", "vindral"])
+        self.assertTrue(harness.SANITIZERS or len(threads) == 15, threads)
         server.wait_requests(60 + POLLS)
         later_files, later_threads, later_memory = self.idle_usage(agent.process.pid)
         self.assertEqual((later_files, later_threads), (files, threads))

@@ -312,7 +312,7 @@ class Log(harness.TestCase):
         banner = [i for i, line in enumerate(messages) if "SMART AGENT" in line]
         self.assertEqual(len(banner), 1)
         self.assertRegex(messages.pop(banner[0]), "^" + BANNER % agent.process.pid + "$")
-        self.assertEqual(banner[0], 9)
+        self.assertEqual(banner[0], 13)
         self.assertEqual([re.sub(r"(?<=: )\d+$", "N", line) for line in messages
                           if "SSL_write" not in line], [
             "Process monitoring initialization done.",
@@ -322,6 +322,10 @@ class Log(harness.TestCase):
             "DISK checker initialization done",
             "CPU checker initialization done",
             "Load Average checker initialization done",
+            "Feed Listener initialization done",
+            "SNMP monitor initialization done",
+            "MySQL checker initialization done",
+            "NDIS monitor initialization done",
             NO_INTERFACE,
             "NET monitor initialization done",
             "Main Worker thread created successfully",

@@ -130,6 +130,19 @@ TEST_F(CheckerTest, OneWakeUpIsOnePass) {
     EXPECT_EQ(1, passes);
 }
 
+TEST_F(CheckerTest, APassOnTheIntervalOnly) {
+    c.pass_on_interval_only = true;
+    start();
+    for (int i = 0; i < 50; i++) {
+        checker_wake(c);
+        checker_set_interval(c, 1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_EQ(0, passes);
+    checker_set_interval(c, 1);
+    EXPECT_TRUE(eventually([] { return passes >= 1; }));
+}
+
 TEST_F(CheckerTest, CommandsOfOneBatchAreOnePass) {
     start();
     {

@@ -93,7 +93,19 @@ TEST_F(plan_test, tests_of_every_checker) {
                              "MMM\t2\t1\t1\t2\t3\t4\t5\nMMD\t2\t0\n"
                              "DKM\t4\t1\t/\t2\nDKD\t4\t0\n"
                              "CUM\t6\t1\t1\t2\t3\t4\t5\nCUD\t6\t0\n"
-                             "NTM\t9\t1\teth0\t1\t2\t3\t4\t5\t6\nNTD\t9\t0\tmore\n";
+                             "NTM\t9\t1\teth0\t1\t2\t3\t4\t5\t6\nNTD\t9\t0\tmore\n"
+                             "SWA\t11\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n"
+                             "STA\t12\t1\th\t161\t20\t3\t1.3\t\tmd5\tu\tp\tdes\tq\t1\t0\n"
+                             "STM\t12\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n"
+                             "SPA\t13\t1\th\t0\t2\t1.3;1.4\tpublic\t\t\t\t\t\t1\t0\t1,5;-\n"
+                             "SPM\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n"
+                             "STD\t13\t0\nSWD\t11\n"
+                             "USA\t15\t/run/feed\nUSM\t15\t/run/food\nUSD\t15\n"
+                             "TSA\t15\t8080\tall\nTSM\t15\t8081\t10.0.0.1;10.0.0.2\nTSD\t15\n"
+                             "MQA\t16\t1\th\t0\t\tu\tp\tUptime;Threads|9|1\t0\n"
+                             "MQM\t16\t1\th\t3306\t/sock\tu\tp\tUptime\t5\nMQD\t16\t0\n"
+                             "DCA\t14\t1\t10.0.0.1\t10.0.0.9\n"
+                             "DCM\t14\t1\t10.0.0.1\t10.0.1.9\t1.3;1.4\nDCR\t14\n";
     EXPECT_TRUE(start(text));
     EXPECT_EQ(take_problems(), strings{});
     EXPECT_EQ(p->text_after(0), text);
@@ -106,15 +118,26 @@ TEST_F(plan_test, malformed_tests_of_every_checker) {
                       "DKA\t4\t1\t/\t1\tinf\n"
                       "CUA\t6\t1\t1\t2\t3\t4\n"
                       "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\n"
-                      "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\tx\n"));
+                      "NTA\t9\t1\teth0\t1\t2\t3\t4\t5\tx\n"
+                      "SWA\t11\t1\th\t0\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n"
+                      "SPA\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t\n"
+                      "SPA\t13\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n"
+                      "STA\t13\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n"
+                      "SPD\t13\n"
+                      "TSA\t1\t0\tall\nUSM\t1\t/run/feed\nTSD\t1\n"));
     EXPECT_EQ(take_problems(),
               (strings{"1 PRA takes 7 fields, here are 6", "2 MMA takes 8 or 9 fields, here are 10",
                        "3 the amount is \"much\", not a number",
                        "4 the most that is written is \"inf\", not a number",
                        "5 CUA takes 8 to 10 fields, here are 7",
                        "6 NTA takes at least 10 fields, here are 9",
-                       "7 the maximum is \"x\", not a whole number of 32 bits"}));
-    EXPECT_EQ(p->text_after(0), "");
+                       "7 the maximum is \"x\", not a whole number of 32 bits", "8 the port is 0",
+                       "9 SPA takes 16 fields, here are 15 (the tab at the end begins no field)",
+                       "11 snmp test 13 is there already, adding it again does nothing",
+                       "12 SPD removes no test: use STD", "13 the port is 0",
+                       "14 unix listener 1 is not there, modifying it does nothing",
+                       "15 TCP listener 1 is not there, removing it does nothing"}));
+    EXPECT_EQ(p->lines().size(), 1u);
 }
 
 TEST_F(plan_test, lines_that_an_agent_would_drop_are_reported_and_not_sent) {
@@ -463,12 +486,17 @@ TEST_F(plan_test, an_unchanged_file_is_not_read_again) {
 TEST_F(plan_test, planned_tests_are_those_that_remain) {
     start(laa5 + laa6 +
           "LAA\t7\t1\t1\t2\t3\nLAM\t7\t1\t1\t1\t1\nLAD\t5\t0\nCHK\t0\t60\nLAD\t7\t0\n" +
-          "LAA\t7\t2\t1\t1\t1\nLAA\t-8\t1\t1\t2\t3\n");
+          "LAA\t7\t2\t1\t1\t1\nLAA\t-8\t1\t1\t2\t3\n" +
+          "SPA\t9\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n" +
+          "STM\t9\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n" +
+          "SWA\t10\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n" +
+          "DKA\t11\t1\t/(/dev/sda1|ext4)\t-1\t1e3\nTSA\t12\t80\tall\n");
     std::vector<std::pair<uint32_t, int32_t>> found;
     for (const planned_test& test : planned_tests(p->lines())) {
         found.push_back({test.type, test.id});
     }
-    EXPECT_EQ(found, (std::vector<std::pair<uint32_t, int32_t>>{{66, 6}, {66, 7}, {66, -8}}));
+    EXPECT_EQ(found,
+              (std::vector<std::pair<uint32_t, int32_t>>{{66, 6}, {66, 7}, {66, -8}, {67, 9}}));
 }
 
 TEST_F(plan_test, large_plans_are_read_in_reasonable_time) {

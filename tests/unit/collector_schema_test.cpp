@@ -47,6 +47,11 @@ TEST(schema, every_type) {
          "sent_errors 6/s",
          R"("status":2,"status_text":"limit reached","values":{"received":1,"received_packets":2,)"
          R"("received_errors":3,"sent":4,"sent_packets":5,"sent_errors":6},"message":"m"})"},
+        {{.ui32 = {74, 5, 7, 3, 12}, .i64 = {9}, .strings = {"Uptime|9|0;", "m"}},
+         "mysql",
+         "time 12 ms result Uptime|9|0;",
+         R"("status":3,"status_text":"failed","values":{"time":12,"result":"Uptime|9|0;"},)"
+         R"("message":"m"})"},
         {{.ui32 = {43, 5, 7, 123, 3}, .i64 = {9}, .d64 = {1.5, 2, 3}, .missing_strings = 1},
          "process",
          "pid 123 cpu 1.5% resident 2 MB virtual 3 MB",
@@ -108,6 +113,92 @@ TEST(schema, processors_are_parts_of_the_cpu_record) {
               R"("message":"fine\n","processors":[{"status":2,"status_text":"limit reached",)"
               R"("values":{"user":1E1,"system":2E1,"nice":3E1,"idle":4E1,"iowait":0E0},)"
               R"("message":"high\n"},{"ui32":[1,2]}]})");
+}
+
+TEST(schema, objects_of_a_get) {
+    record_builder good{.ui32 = {8, 0}, .strings = {"core-1", "OID: 1.2 the result"}};
+    record_builder bad{.ui32 = {9, 2}, .strings = {"25", "too high"}};
+    record_builder odd{.ui32 = {9, 0}, .strings = {"only one"}, .missing_strings = 1};
+    std::string bytes = record_builder{.ui32 = {57, 5, 7, 0, 3},
+                                       .i64 = {9},
+                                       .d64 = {1.5},
+                                       .strings = {"New results are available.\n"},
+                                       .nested = {good.bytes(), bad.bytes(), odd.bytes()}}
+                            .bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)),
+              "objects 3 time 1.5 ms, type 8 value core-1, type 9 value 25 (limit reached)");
+    std::string text = json_of(bytes);
+    EXPECT_EQ(text.substr(text.find("\"results\"")),
+              R"("results":[{"status":0,"status_text":"ok","values":{"type":8,"value":"core-1"},)"
+              R"("message":"OID: 1.2 the result"},{"status":2,"status_text":"limit reached",)"
+              R"("values":{"type":9,"value":"25"},"message":"too high"},)"
+              R"({"ui32":[9,0],"strings":["only one"]}]})");
+    EXPECT_EQ(status_word(57, 3), "failed");
+}
+
+TEST(schema, rows_of_a_table) {
+    record_builder columns{.ui32 = {9, 8}, .strings = {"ifIndex", "ifDescr"}};
+    record_builder cells{.ui32 = {0, 0, 0, 1, 1, 0, 1, 1}, .strings = {"1", "lo", "2", "-"}};
+    auto table = [](const std::vector<std::string>& nested) {
+        return record_builder{
+            .ui32 = {67, 5, 7, 0}, .i64 = {9}, .strings = {"New results."}, .nested = nested}
+            .bytes();
+    };
+    std::string bytes = table({columns.bytes(), cells.bytes()});
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)), "2 rows of 2 columns");
+    EXPECT_EQ(type_name(67), "snmp table");
+    EXPECT_EQ(status_word(67, 2), "failed");
+    std::string text = json_of(bytes);
+    EXPECT_EQ(text.substr(text.find("\"columns\"")),
+              R"("columns":["ifIndex","ifDescr"],"rows":[["1","lo"],["2","-"]]})");
+
+    std::string empty = table({columns.bytes()});
+    r = decode(empty);
+    EXPECT_EQ(values_text(r, summarize(r)), "0 rows of 2 columns");
+    std::string failed = table({});
+    r = decode(failed);
+    EXPECT_EQ(values_text(r, summarize(r)), "0 rows of 0 columns");
+
+    /* Rows out of order, a cell too few: as they came. */
+    record_builder jumps{.ui32 = {1, 0}, .strings = {"1"}};
+    record_builder repeats{.ui32 = {0, 0, 0, 0}, .strings = {"1", "2"}};
+    record_builder lacks{.ui32 = {0, 0, 0, 1}, .strings = {"1"}, .missing_strings = 1};
+    for (const record_builder& odd : {jumps, repeats, lacks}) {
+        std::string shown = json_of(table({columns.bytes(), odd.bytes()}));
+        EXPECT_EQ(shown.find("\"rows\""), shown.npos) << shown;
+        EXPECT_NE(shown.find("\"nested\""), shown.npos) << shown;
+    }
+}
+
+TEST(schema, hosts_that_a_scan_found) {
+    record_builder extra{.strings = {"1.3.6.1.2.1.1.4.0", "N/A"}};
+    std::string bytes = record_builder{
+        .ui32 = {40, 5, 7},
+        .i64 = {9},
+        .d64 = {0},
+        .strings = {"10.0.0.1", "core", "Linux", "N/A", "1.3.6"},
+        .nested = {
+            extra.bytes()}}.bytes();
+    record r = decode(bytes);
+    record_summary summary = summarize(r);
+    EXPECT_EQ(summary.test, 5);
+    EXPECT_EQ(summary.message, "10.0.0.1");
+    EXPECT_FALSE(summary.status.has_value());
+    EXPECT_EQ(values_text(r, summary), "name core description Linux object N/A object_id 1.3.6, "
+                                       "oid 1.3.6.1.2.1.1.4.0 value N/A");
+    std::string text = json_of(bytes);
+    EXPECT_EQ(text.substr(text.find("\"status_text\"")),
+              R"("status_text":null,"values":{"name":"core","description":"Linux","object":"N/A",)"
+              R"("object_id":"1.3.6"},"message":"10.0.0.1","objects":[{"values":)"
+              R"({"oid":"1.3.6.1.2.1.1.4.0","value":"N/A"}}]})");
+
+    std::string last =
+        record_builder{.ui32 = {40, 5, 7}, .i64 = {9}, .d64 = {0}, .strings = {"finished"}}.bytes();
+    r = decode(last);
+    EXPECT_EQ(values_text(r, summarize(r)), "");
+    EXPECT_EQ(summarize(r).message, "finished");
 }
 
 TEST(schema, inventories_list_what_there_is) {

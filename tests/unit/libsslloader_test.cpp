@@ -326,4 +326,10 @@ TEST_F(libsslloader, makes_the_hosts_library_ready_for_use) {
     lib_SSL_CTX_free(context);
     lib_OPENSSL_add_all_algorithms_conf();
     EXPECT_EQ(init_ssl_variables(), 1) << "a second time is harmless";
+    EXPECT_EQ(lib_SSL_CTX_new(lib_SSLv23_client_method()), context) << "all share one";
+    lib_SSL_CTX_free(context);
+    lib_SSL_CTX_free(lib_SSL_CTX_new(lib_SSLv23_client_method()));
+    ssl = lib_SSL_new(context); /* it outlives those who took it */
+    EXPECT_NE(ssl, nullptr);
+    lib_SSL_free(ssl);
 }

@@ -11,10 +11,13 @@
 #include "libsslloader.h"
 #include "memmon.h"
 #include "monloadaverage.h"
+#include "ndismon.h"
 #include "ping.h"
 #include "pingmon.h"
 #include "processmon.h"
 #include "resolve.h"
+#include "snmpmon.h"
+#include "snmpmon_lib.h"
 #include "tls_peer.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
@@ -290,6 +293,26 @@ TEST_F(StackDepth, RoundsOfProbes) {
                 worker_depth(http_worker_thread, set_http_check_interval, get_http_results));
     expect_room("ping",
                 worker_depth(ping_worker_thread, set_ping_check_interval, get_ping_results));
+}
+
+/* The children of a pass and the scans have larger stacks. */
+TEST_F(StackDepth, SnmpAndDiscoveryWorkers) {
+    ASSERT_EQ(1, init_log_file());
+    setenv("SNMP_PERSISTENT_DIR", "/dev/null", 1);
+    ASSERT_EQ(1, snmp_lib_status = init_snmp_lib());
+    init_defaults();
+    libpo_init_snmp("stack_depth");
+    char host[] = "127.0.0.1", object[] = "1.3.6.1.2.1.1.3.0", community[] = "c", limits[] = "-";
+    add_snmp(1, 1, SNMP_GET_TEST, 0, object, host, 1, 2, 1, 0, community, nullptr, nullptr, nullptr,
+             nullptr, nullptr, limits);
+    expect_room("snmp",
+                worker_depth(snmp_worker_thread, set_snmp_check_interval, get_snmp_results));
+    snmp_lib_status = 0;
+    char first[] = "127.0.0.1", end[] = "127.0.0.2";
+    add_ndis(1, 1, first, end, nullptr);
+    expect_room("ndis",
+                worker_depth(ndis_worker_thread, set_ndis_check_interval, get_ndis_results));
+    shutdown_log_writer();
 }
 
 TEST_F(StackDepth, LogWriter) {

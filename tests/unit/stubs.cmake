@@ -22,9 +22,17 @@ vindral_stub(ssl_no_method libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_CLIENT
 vindral_stub(ssl_no_init_crypto libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_INIT_CRYPTO)
 vindral_stub(zlib_second libz.so.1 zlib_stub.cpp)
 vindral_stub(zlib_incomplete libz.so zlib_stub.cpp WITHOUT_UNCOMPRESS)
+vindral_stub(snmp_5_8 libsnmp.so.35 snmp_stub.cpp)
+vindral_stub(snmp_no_md5_des libsnmp.so snmp_stub.cpp)
+vindral_stub(snmp_incomplete libsnmp.so snmp_stub.cpp WITHOUT_TREE_HEAD)
+vindral_stub(mysql_8 libmysqlclient.so.21 mysql_stub.cpp)
+vindral_stub(mysql_plain libmysqlclient.so mysql_stub.cpp WITHOUT_THREADS)
+vindral_stub(mysql_incomplete libmysqlclient.so mysql_stub.cpp WITHOUT_CLOSE)
+vindral_stub(mysql_incomplete libmysqlclient.so.21 mysql_stub.cpp)
 
 get_property(stub_targets GLOBAL PROPERTY vindral_stub_targets)
-foreach(name IN ITEMS dynlib_test libsslloader_test compression_routine_test)
+foreach(name IN ITEMS dynlib_test libsslloader_test compression_routine_test
+        mysqlmon_lib_test snmpmon_lib_test)
   add_dependencies(${name} ${stub_targets})
   target_compile_definitions(${name} PRIVATE VINDRAL_STUBS="${stub_root}")
 endforeach()

@@ -28,6 +28,16 @@ static void record_interval(const char* name, int t_sec) {
         calls += #shut_down "\n";                                                                  \
     }
 
+int init_feed() {
+    return record_start("init_feed");
+}
+void remove_all_tcp_servers() {
+    calls += "remove_all_tcp_servers\n";
+}
+void remove_all_unix_servers() {
+    calls += "remove_all_unix_servers\n";
+}
+
 #define FAKE_SOURCE(take)                                                                          \
     int take(char**, int*) {                                                                       \
         return 0;                                                                                  \
@@ -40,6 +50,9 @@ FAKE_CHECKER(init_mem_mon, set_mem_check_interval, shutdown_mem_checker)
 FAKE_CHECKER(init_disk_mon, set_disk_check_interval, shutdown_disk_checker)
 FAKE_CHECKER(init_cpu_mon, set_cpu_check_interval, shutdown_cpu_checker)
 FAKE_CHECKER(init_lda_mon, set_lda_check_interval, shutdown_lda_checker)
+FAKE_CHECKER(init_snmp_mon, set_snmp_check_interval, shutdown_snmp_checker)
+FAKE_CHECKER(init_mysql_mon, set_mysql_check_interval, shutdown_mysql_checker)
+FAKE_CHECKER(init_ndis_mon, set_ndis_check_interval, shutdown_ndis)
 FAKE_CHECKER(init_net_mon, set_net_check_interval, shutdown_net_checker)
 
 FAKE_SOURCE(get_proc_name_list)
@@ -51,6 +64,9 @@ FAKE_SOURCE(get_http_results)
 FAKE_SOURCE(get_mem_results)
 FAKE_SOURCE(get_lda_results)
 FAKE_SOURCE(get_ping_results)
+FAKE_SOURCE(get_snmp_results)
+FAKE_SOURCE(get_ndis_results)
+FAKE_SOURCE(get_mysql_results)
 FAKE_SOURCE(get_adapter_list)
 FAKE_SOURCE(get_net_results)
 
@@ -74,6 +90,14 @@ const row rows[] = {
     {"init_cpu_mon", "CPU checker initialization done", "CPU checker initialization failed.", true},
     {"init_lda_mon", "Load Average checker initialization done",
      "Load Average checker initialization failed.", true},
+    {"init_feed", "Feed Listener initialization done", "Feed Listener initialization failed.",
+     true},
+    {"init_snmp_mon", "SNMP monitor initialization done", "SNMP monitor initialization failed.",
+     false},
+    {"init_mysql_mon", "MySQL checker initialization done", "MySQL checker initialization failed.",
+     false},
+    {"init_ndis_mon", "NDIS monitor initialization done", "NDIS monitor initialization failed.",
+     false},
     {"init_net_mon", "NET monitor initialization done", "NET monitor initialization failed.",
      false},
 };
@@ -122,7 +146,8 @@ TEST(Checkers, IntervalReachesEveryCheckerInOrder) {
     set_check_intervals(9);
     EXPECT_EQ("set_proc_check_interval:9\nset_http_check_interval:9\nset_ping_check_interval:"
               "9\nset_mem_check_interval:9\nset_disk_check_interval:9\n"
-              "set_cpu_check_interval:9\nset_lda_check_interval:9\nset_net_check_interval:9\n",
+              "set_cpu_check_interval:9\nset_lda_check_interval:9\nset_snmp_check_interval:9\n"
+              "set_mysql_check_interval:9\nset_ndis_check_interval:9\nset_net_check_interval:9\n",
               calls);
 }
 
@@ -132,8 +157,9 @@ TEST(Checkers, CollectionOrderAndNames) {
         {get_cpu_results, "get_cpu_results"},       {get_mounted_list, "get_mounted_list"},
         {get_disk_results, "get_disk_results"},     {get_http_results, "get_http_results"},
         {get_mem_results, "get_mem_results"},       {get_lda_results, "get_lda_results"},
-        {get_ping_results, "get_ping_results"},     {get_adapter_list, "get_adapter_list"},
-        {get_net_results, "get_net_results"},
+        {get_ping_results, "get_ping_results"},     {get_snmp_results, "get_snmp_results"},
+        {get_ndis_results, "get_ndis_results"},     {get_mysql_results, "get_mysql_results"},
+        {get_adapter_list, "get_adapter_list"},     {get_net_results, "get_net_results"},
     };
     ASSERT_EQ(sizeof expected / sizeof expected[0], result_source_count);
     for (size_t i = 0; i < result_source_count; i++) {
@@ -147,6 +173,8 @@ TEST(Checkers, StopInOrder) {
     stop_checkers();
     EXPECT_EQ("shutdown_net_checker\nshutdown_proc_checker\nshutdown_http_checker\nshutdown_ping_"
               "checker\nshutdown_mem_checker\n"
-              "shutdown_disk_checker\nshutdown_cpu_checker\nshutdown_lda_checker\n",
+              "shutdown_disk_checker\nshutdown_cpu_checker\nshutdown_lda_checker\n"
+              "shutdown_snmp_checker\nshutdown_mysql_checker\nshutdown_ndis\nremove_all_tcp_"
+              "servers\nremove_all_unix_servers\n",
               calls);
 }

@@ -111,6 +111,70 @@ void modify_lda(int tid, int loc_id, int la1, int la5, int la15, char* host) {
 void rem_lda(int t_id) {
     record("rem_lda", t_id);
 }
+void add_snmp(int tid, int loc_id, int type, int bulk, char* oids, char* host, int port,
+              int version, int timeout, int retries, char* community, char* login, char* passwd,
+              char* privpasswd, char* authproto, char* privproto, char* min_max) {
+    record("add_snmp", tid, loc_id, type, bulk, oids, host, port, version, timeout, retries,
+           community, login, passwd, privpasswd, authproto, privproto, min_max);
+}
+void mod_snmp(int tid, int loc_id, int type, int bulk, char* oids, char* host, int port,
+              int version, int timeout, int retries, char* community, char* login, char* passwd,
+              char* privpasswd, char* authproto, char* privproto, char* min_max) {
+    record("mod_snmp", tid, loc_id, type, bulk, oids, host, port, version, timeout, retries,
+           community, login, passwd, privpasswd, authproto, privproto, min_max);
+}
+void rem_snmp(int t_id) {
+    record("rem_snmp", t_id);
+}
+void add_ndis(int tid, int lid, char* ipstart, char* ipend, char* oids) {
+    record("add_ndis", tid, lid, ipstart, ipend, oids);
+}
+void mod_ndis(int tid, int lid, char* ipstart, char* ipend, char* oids) {
+    record("mod_ndis", tid, lid, ipstart, ipend, oids);
+}
+void rem_ndis(int tid) {
+    record("rem_ndis", tid);
+}
+void add_unix_server(int tid, char* us_path) {
+    record("add_unix_server", tid, us_path);
+}
+void modify_unix_server(int tid, char* new_upath) {
+    record("modify_unix_server", tid, new_upath);
+}
+void remove_unix_server(int tid) {
+    record("remove_unix_server", tid);
+}
+static void record_tcp_server(const char* operation, int tid, int port, char** list, int len) {
+    std::string addresses;
+    size_t count = static_cast<size_t>(len);
+    for (size_t i = 0; i < count; i++) {
+        addresses += std::string(list[i]) + ",";
+    }
+    record(operation, tid, port, addresses.c_str(), len);
+    if (count > 0) { /* they are the listener's */
+        free_uparser_array(&list, &count);
+    }
+}
+void add_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
+    record_tcp_server("add_tcp_server", tid, port, ip_list, ip_list_len);
+}
+void modify_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
+    record_tcp_server("modify_tcp_server", tid, port, ip_list, ip_list_len);
+}
+void remove_tcp_server(int tid) {
+    record("remove_tcp_server", tid);
+}
+void add_mysqldesc(int tid, int loc_id, char* host, int port, char* user, char* pass,
+                   char* unixsock, char* params, unsigned timeout) {
+    record("add_mysqldesc", tid, loc_id, host, port, user, pass, unixsock, params, timeout);
+}
+void modify_mysqldesc(int tid, int loc_id, char* host, int port, char* user, char* pass,
+                      char* unixsock, char* params, unsigned timeout) {
+    record("modify_mysqldesc", tid, loc_id, host, port, user, pass, unixsock, params, timeout);
+}
+void rem_mysqldesc(int t_id) {
+    record("rem_mysqldesc", t_id);
+}
 void add_nettest(int tid, int lid, char* adapter, int pkts_sent, int pkts_recv, int bytes_sent,
                  int bytes_recv, int errors_sent, int errors_recv) {
     record("add_nettest", tid, lid, adapter, pkts_sent, pkts_recv, bytes_sent, bytes_recv,
@@ -181,7 +245,6 @@ TEST(Commands, LoadAverage) {
     EXPECT_EQ("", take_log_text()); /* malformed commands are dropped silently */
 }
 
-/* Every command that adds, changes or removes a test of the machine itself. */
 TEST(Commands, LocalCheckers) {
     struct {
         const char* code;
@@ -208,6 +271,19 @@ TEST(Commands, LocalCheckers) {
         {"NTA", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "add_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
         {"NTM", "7\t3\teth0\t1\t2\t4\t5\t6\t8", "modify_nettest 7 3 eth0 1 2 4 5 6 8", SIZE_MAX},
         {"NTD", "7\t0", "rem_nettest 7", SIZE_MAX},
+        {"USA", "7\t/run/feed", "add_unix_server 7 /run/feed", 0},
+        {"USM", "7\t/run/feed", "modify_unix_server 7 /run/feed", 0},
+        {"TSA", "7\t8080\tall", "add_tcp_server 7 8080  0", 0},
+        {"TSM", "7\t8080\t10.0.0.1;10.0.0.2", "modify_tcp_server 7 8080 10.0.0.1,10.0.0.2, 2", 0},
+        {"TSD", "7", "remove_tcp_server 7", 0},
+        {"MQA", "7\t3\thost\t3307\t/sock\tuser\tpass\tUptime;Threads|9|1\t5",
+         "add_mysqldesc 7 3 host 3307 user pass /sock Uptime;Threads|9|1 5", 0},
+        {"MQM", "7\t3\thost\t0\t\tuser\tpass\tUptime\tx",
+         "modify_mysqldesc 7 3 host 3306 user pass  Uptime 10", 0},
+        {"MQD", "7\t0", "rem_mysqldesc 7", 0},
+        {"SWD", "7", "rem_snmp 7", 0},
+        {"STD", "7\t0", "rem_snmp 7", 0},
+        {"DCR", "7", "rem_ndis 7", SIZE_MAX},
     };
     take_log();
     for (const auto& c : cases) {
@@ -258,6 +334,96 @@ TEST(Commands, Pages) {
               "0 ERROR: HPM argument's count is 2, expected 16\n"
               "0 ERROR: HPA test ID is incorrect: x, 0\n"
               "0 ERROR: HPM test ID is incorrect: 0, 0\n",
+              take_log_text());
+}
+
+TEST(Commands, FeedListeners) {
+    EXPECT_EQ("add_tcp_server 7 8080 10.0.0.1,10.0.0.2, 2\n",
+              run("TSA\t7\t8080\t10.0.0.1;10.0.0.2"));
+    EXPECT_EQ("add_tcp_server 7 8080  0\n", run("TSA\t7\t8080\tall;10.0.0.2"));
+    EXPECT_EQ("add_tcp_server 7 8080 10.0.0.1,all, 2\n", run("TSA\t7\t8080\t10.0.0.1;all"));
+    EXPECT_EQ("", run("TSA\t7\t0\tall"));
+    EXPECT_EQ("", run("TSM\t7\tx\tall"));
+    EXPECT_EQ("remove_unix_server 7\n", run("USD\t7"));
+    EXPECT_EQ("remove_unix_server 0\n", run("USD\t0"));
+    EXPECT_EQ("", run("USD"));
+    EXPECT_EQ("", run("USD\t7\t0"));
+}
+
+TEST(Commands, SnmpWalksAndTables) {
+    const std::string fields =
+        "\t7\t3\thost\t1161\t20\t3\t1.3.6\tpub\tmd5\tuser\tpass\tdes\tpriv\t5\t2";
+    const std::string arguments = " 20 1.3.6 host 1161 3 5 2 pub user pass priv md5 des (none)\n";
+    take_log();
+    EXPECT_EQ("add_snmp 7 3 3" + arguments, run("SWA" + fields));
+    EXPECT_EQ("add_snmp 7 3 1" + arguments, run("STA" + fields));
+    EXPECT_EQ("mod_snmp 7 3 1" + arguments, run("STM" + fields));
+    EXPECT_EQ("", run("SWM" + fields));
+    EXPECT_EQ("", run("SWM"));
+    for (const char* code : {"SWA", "STA", "STM"}) {
+        EXPECT_EQ("", run(code + fields + "\tx"));
+        EXPECT_EQ("", run(code + fields.substr(0, fields.size() - 2)));
+        EXPECT_EQ("", run(std::string(code) + "\t0" + fields.substr(2)));
+        EXPECT_EQ("", run(code));
+    }
+    EXPECT_EQ("add_snmp 7 161 3 0 (none) (none) 0 0 0 0 (none) (none) (none) (none) (none) (none) "
+              "(none)\n",
+              run("SWA\t7\t3\t\t0\t0\t\t\t\t\t\t\t\t\t\t0"));
+    EXPECT_EQ("mod_snmp 7 161 1 0 1.3 h 0 2 1 0 pub (none) (none) (none) (none) (none) (none)\n",
+              run("STM\t7\t3\th\tx\t0\t2\t1.3\tpub\t\t\t\t\t\t1\t0"));
+    EXPECT_EQ("", take_log_text());
+}
+
+TEST(Commands, SnmpGets) {
+    const std::string fields =
+        "\t7\t3\thost\t1161\t3\t1.3;1.4\tpub\tmd5\tuser\tpass\tdes\t1\t5\t2\t1,5;2,9";
+    take_log();
+    EXPECT_EQ("add_snmp 7 3 2 0 1.3;1.4 host 1161 3 5 2 pub user pass des md5 des 1,5;2,9\n",
+              run("SPA" + fields));
+    EXPECT_EQ("mod_snmp 7 3 2 0 1.3;1.4 host 1161 3 5 2 pub user pass des md5 des 1,5;2,9\n",
+              run("SPM" + fields));
+    for (const char* code : {"SPA", "SPM"}) {
+        EXPECT_EQ("", run(code + fields + "\tx"));
+        EXPECT_EQ("", run(code + fields.substr(0, fields.rfind('\t'))));
+        EXPECT_EQ("", run(std::string(code) + "\t0" + fields.substr(2)));
+        EXPECT_EQ("", run(code));
+    }
+    /* Without a flag no privacy pass phrase; without a port the standard one. */
+    EXPECT_EQ("add_snmp 7 3 2 0 1.3 h 161 2 1 0 (none) (none) (none) (none) (none) des -\n",
+              run("SPA\t7\t3\th\t0\t2\t1.3\t\t\t\t\tdes\t\t1\t0\t-"));
+    EXPECT_EQ("add_snmp 7 3 2 0 (none) (none) 161 2 1 0 (none) (none) (none) (none) (none) "
+              "(none) -\n",
+              run("SPA\t7\t3\t\t0\t2\t\t\t\t\t\t\t1\t1\t0\t-"));
+    EXPECT_EQ("", take_log_text());
+}
+
+TEST(Commands, AGetIsOnlyRemovedWithTheIdThatNoneHas) {
+    EXPECT_EQ("", run("SPD\t5"));
+    EXPECT_EQ("", run("SPD\t-1"));
+    EXPECT_EQ("rem_snmp 0\n", run("SPD\t0"));
+    EXPECT_EQ("rem_snmp 0\n", run("SPD\tx"));
+    EXPECT_EQ("", run("SPD"));
+    EXPECT_EQ("", run("SPD\t0\t0"));
+}
+
+TEST(Commands, Scans) {
+    take_log();
+    EXPECT_EQ("add_ndis 7 3 10.0.0.1 10.0.0.9 (none)\n", run("DCA\t7\t3\t10.0.0.1\t10.0.0.9"));
+    EXPECT_EQ("add_ndis 7 3 10.0.0.1 10.0.0.9 1.3;1.4\n",
+              run("DCA\t7\t3\t10.0.0.1\t10.0.0.9\t1.3;1.4\tmore"));
+    EXPECT_EQ("mod_ndis 7 3 10.0.0.1 10.0.0.9 1.3\n", run("DCM\t7\t3\t10.0.0.1\t10.0.0.9\t1.3"));
+    EXPECT_EQ("mod_ndis 7 3 10.0.0.1 10.0.0.9 (none)\n", run("DCM\t7\t3\t10.0.0.1\t10.0.0.9"));
+    EXPECT_EQ("mod_ndis 7 3 10.0.0.1 (none) (none)\n", run("DCM\t7\t3\t10.0.0.1"));
+    EXPECT_EQ("", run("DCA\t0\t3\t10.0.0.1\t10.0.0.9"));
+    EXPECT_EQ("", run("DCM\tx\t3\t10.0.0.1\t10.0.0.9"));
+    EXPECT_EQ("", run("DCR"));
+    EXPECT_EQ("", take_log_text());
+    EXPECT_EQ("", run("DCA\t7\t3\t10.0.0.1"));
+    EXPECT_EQ("", run("DCA"));
+    EXPECT_EQ("", run("DCM\t7\t3"));
+    EXPECT_EQ("0 ERROR: Wrong number of parameters for DCA: \n"
+              "0 ERROR: Wrong number of parameters for DCA: \n"
+              "0 ERROR: Wrong number of parameters for DCM: \n",
               take_log_text());
 }
 

@@ -1,6 +1,8 @@
 /* The poll loop against a scripted exchange: what is sent, what is kept, what is logged. */
 #include "fake_core.h"
 #include "guards.h"
+#include "tls_peer.h"
+#include "vindral_config.h"
 
 #include <atomic>
 #include <deque>
@@ -98,7 +100,6 @@ const result_source result_sources[] = {{has_none, "get_none"},
                                         {has_results, "get_second_results"}};
 const size_t result_source_count = 3;
 
-static std::vector<std::string> results_sent;
 int get_disk_test_results(test_result*** results, int* res_count) {
     if (disk_tests == 0) {
         *results = nullptr;
@@ -110,15 +111,11 @@ int get_disk_test_results(test_result*** results, int* res_count) {
         static_cast<test_result**>(calloc(static_cast<size_t>(disk_tests), sizeof(test_result*)));
     for (int i = 0; i < disk_tests; i++) {
         (*results)[i] = static_cast<test_result*>(calloc(1, sizeof(test_result)));
+        (*results)[i]->test_id = 40 + i;
+        (*results)[i]->check_time = 1000;
         (*results)[i]->test_data = i == 0 ? nullptr : strdup("status:0");
     }
     return 1;
-}
-int send_data(test_result** results, int res_count) {
-    for (int i = 0; i < res_count; i++) {
-        results_sent.push_back(results[i]->test_data != nullptr ? results[i]->test_data : "(none)");
-    }
-    return res_count;
 }
 
 namespace {
@@ -338,18 +335,106 @@ TEST_F(PollLoop, CacheIgnoresNothing) {
     EXPECT_EQ(nullptr, data_cache_copy);
 }
 
-TEST_F(PollLoop, StoredTextResultsArePostedAndFreed) {
-    disk_tests = 2;
-    send_results();
-    EXPECT_EQ((std::vector<std::string>{"(none)", "status:0"}), results_sent);
-    EXPECT_EQ("4 INFO: starting send_results.\n"
-              "3 INFO: send_results::get_disk_test_results count: 2\n"
-              "1 INFO: send_results returned 2\n"
-              "4 INFO: send_results finished.\n",
-              take_log_text());
-    disk_tests = 0;
+/* --- stored text results and the custom-monitor API ------------------------------------------ */
+
+static const peer::step STATUS =
+    peer::send("HTTP/1.0 200 OK\r\nContent-Length: 13\r\n\r\n\"status\":\"ok\"");
+
+class SendResults : public PollLoop {
+protected:
+    void SetUp() override {
+        PollLoop::SetUp();
+        free(auth_token);
+        auth_token = strdup("T0K");
+    }
+    void TearDown() override {
+        disk_tests = 0;
+        free(auth_token);
+        auth_token = api_server = api_port = data_server = data_port = nullptr;
+        PollLoop::TearDown();
+    }
+
+    /* Posts `count` stored results to the server; what is logged up to level 4 is returned. */
+    static std::string post(int count, const tls_peer& server) {
+        static char loopback[] = "127.0.0.1";
+        api_server = data_server = loopback;
+        api_port = data_port = const_cast<char*>(server.port());
+        disk_tests = count;
+        send_results();
+        std::string log;
+        for (const logged_line& line : take_log()) {
+            if (line.level < 5) {
+                log += std::to_string(line.level) + " " + line.text + "\n";
+            }
+        }
+        return log;
+    }
+};
+
+TEST_F(SendResults, NothingIsStored) {
     send_results();
     EXPECT_EQ("4 INFO: starting send_results.\n4 INFO: send_results finished.\n", take_log_text());
+}
+
+TEST_F(SendResults, OneIsPosted) {
+    tls_peer server(tls_peer::tcp, {{peer::take_request(), STATUS, peer::take_rest()}});
+    EXPECT_EQ("4 INFO: starting send_results.\n"
+              "3 INFO: send_results::get_disk_test_results count: 1\n"
+              "1 INFO: send_data: status token: ok.\n"
+              "1 INFO: send_results returned 1\n"
+              "4 INFO: send_results finished.\n",
+              post(1, server));
+    EXPECT_TRUE(server.await_end());
+    EXPECT_NE(std::string::npos,
+              server.request(0).find("&action=addResult&monitorId=40&checktime=1000 HTTP/1.0\r\n"));
+}
+
+/* The second fails and is dropped with the first. */
+TEST_F(SendResults, OfTwoTheFirstIsPosted) {
+    tls_peer server(tls_peer::tcp, {{peer::take_request(), STATUS, peer::take_rest()}});
+    EXPECT_EQ("4 INFO: starting send_results.\n"
+              "3 INFO: send_results::get_disk_test_results count: 2\n"
+              "1 INFO: send_data: status token: ok.\n"
+              "0 ERROR: send_request: select failed with errno: 9, Bad file descriptor\n"
+              "0 ERROR: send_data: send_request() failed. retVal:0\n"
+              "1 INFO: send_results returned 1\n"
+              "4 INFO: send_results finished.\n",
+              post(2, server));
+    EXPECT_TRUE(server.await_end());
+    EXPECT_NE(std::string::npos, server.request(0).find("&monitorId=40&"));
+}
+
+TEST_F(SendResults, FetchesATokenOnce) {
+    free(auth_token);
+    auth_token = nullptr;
+    peer::step token =
+        peer::send("HTTP/1.0 200 OK\r\nContent-Length: 17\r\n\r\n\"authToken\":\"NEW\"");
+    tls_peer server(tls_peer::tcp, {{peer::take_request(), token, peer::take_rest()},
+                                    {peer::take_request(), STATUS, peer::take_rest()},
+                                    {peer::take_request(), STATUS, peer::take_rest()}});
+    post(1, server);
+    post(1, server);
+    EXPECT_TRUE(server.await_end());
+    EXPECT_EQ(0u, server.request(0).find("GET /api?action=authToken&"));
+    for (size_t i : {1, 2}) {
+        EXPECT_EQ(0u, server.request(i).find("POST /customMonitorApi?")) << i;
+        EXPECT_NE(std::string::npos, server.request(i).find("&authToken=NEW&")) << i;
+    }
+}
+
+TEST_F(SendResults, WithoutAStatusAllAreDropped) {
+    tls_peer server(tls_peer::tcp, {{peer::take_request(), peer::end_clean()}});
+    EXPECT_EQ("4 INFO: starting send_results.\n"
+              "3 INFO: send_results::get_disk_test_results count: 2\n"
+              "0 ERROR: send_data: No content received\n"
+              "1 INFO: send_results returned 0\n"
+              "4 INFO: send_results finished.\n",
+              post(2, server));
+}
+
+TEST_F(SendResults, FreesArraysOfAnyLength) {
     free_results(nullptr, 0);
     free_results(static_cast<test_result**>(malloc(8)), 0);
+    free_results(static_cast<test_result**>(malloc(8)), -1);
+    free_results(static_cast<test_result**>(calloc(2, sizeof(test_result*))), 2);
 }

@@ -1,0 +1,427 @@
+/* One query of the SNMP checker: the child that makes it, and the thread that waits for its text.
+ */
+#include "snmpmon.h"
+
+#include "fork_gate.h"
+#include "guards.h"
+#include "resolve.h"
+#include "snmpmon_checks.h"
+#include "sslutiles.h"
+#include "vindral_log.h"
+#include "vindral_wake.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+static const long PIPE_WAIT_US = 5000000;
+static const size_t CHUNK = 4096;           /* most bytes that one read asks for */
+static const long MOST_DESCRIPTORS = 65536; /* that are closed one by one */
+
+/* --- the pipe -------------------------------------------------------------------------------- */
+
+/* As wait_socket, but a time-out only begins the next wait. */
+static int wait_pipe(int fd, short events) {
+    for (;;) {
+        long budget_us = PIPE_WAIT_US;
+        int ready = wait_socket(fd, events, &budget_us);
+        if (ready != 0) {
+            return ready;
+        }
+    }
+}
+
+static bool try_again(int error) {
+    return error == EAGAIN || error == EINTR;
+}
+
+int write_to_pipe(int fd, char* src, int src_len) {
+    if (src == nullptr) {
+        return 1;
+    }
+    for (;;) {
+        if (wait_pipe(fd, POLLOUT) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            leveledadd2log(0, "Error %d - %s", errno, strerror(errno));
+            return src_len < 1;
+        }
+        ssize_t written = write(fd, src, static_cast<size_t>(std::max(src_len, 0)));
+        if (written < 0 && !try_again(errno)) {
+            return src_len < 1;
+        }
+        if (written >= src_len) {
+            return 1;
+        }
+        if (written > 0) {
+            src += written;
+            src_len -= static_cast<int>(written);
+        }
+    }
+}
+
+namespace {
+
+struct text_buffer {
+    heap_text data;
+    int length = 0;
+    size_t room = 0;
+
+    /* False without memory. */
+    bool make_room() {
+        if (room - static_cast<size_t>(length) >= CHUNK) {
+            return true;
+        }
+        size_t wanted = std::max(2 * room, CHUNK);
+        if (wanted > INT_MAX) {
+            return false;
+        }
+        char* grown = static_cast<char*>(realloc(data.get(), wanted));
+        if (grown == nullptr) {
+            return false;
+        }
+        (void)data.release();
+        data.reset(grown);
+        room = wanted;
+        return true;
+    }
+};
+
+} // namespace
+
+enum class read_outcome { more, ended };
+
+/* Reads once. What cannot be kept whole is dropped: half a record would spoil those behind it. */
+static read_outcome read_chunk(int fd, text_buffer& text) {
+    if (!text.make_room()) {
+        text.length = 0;
+        return read_outcome::ended;
+    }
+    ssize_t got = read(fd, text.data.get() + text.length, CHUNK);
+    if (got == 0 || (got < 0 && !try_again(errno))) {
+        return read_outcome::ended;
+    }
+    text.length += static_cast<int>(std::max<ssize_t>(got, 0));
+    return read_outcome::more;
+}
+
+static void read_all(int fd, text_buffer& text) {
+    int ready;
+    do {
+        ready = wait_pipe(fd, POLLIN);
+    } while ((ready > 0 && read_chunk(fd, text) == read_outcome::more) ||
+             (ready < 0 && errno == EINTR));
+}
+
+int read_from_pipe(int fd, char** buffer, int* buffer_len) {
+    text_buffer text;
+    read_all(fd, text);
+    if (text.length == 0) {
+        return 0;
+    }
+    if (buffer != nullptr && buffer_len != nullptr) {
+        *buffer = text.data.release();
+        *buffer_len = text.length;
+    } else {
+        add_snmp_result(text.data.get(), text.length);
+    }
+    return 1;
+}
+
+/* --- the child ------------------------------------------------------------------------------- */
+
+/* What the agent catches has no meaning in a child. SIGPIPE stays ignored. */
+static void restore_signals() {
+    signal(SIGSEGV, SIG_DFL);
+    signal(SIGHUP, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+static void close_descriptors(unsigned first, unsigned last) {
+    if (first > last || close_range(first, last, 0) == 0) {
+        return;
+    }
+    long limit = sysconf(_SC_OPEN_MAX); /* below 0: none */
+    for (long fd = first; fd <= last && fd != limit && fd < MOST_DESCRIPTORS; fd++) {
+        close(static_cast<int>(fd));
+    }
+}
+
+/* No listening socket, session, lock file or pipe of another test lives on in a child. The standard
+ * streams stay, so that the library's sockets never take their place. */
+static void keep_only(int fd) {
+    const unsigned kept = static_cast<unsigned>(fd), first = STDERR_FILENO + 1;
+    if (kept > first) {
+        close_descriptors(first, kept - 1);
+    }
+    close_descriptors(std::max(kept + 1, first), ~0U);
+}
+
+/* The result text of the check, or null. The walks do not say how long theirs is: nothing of it is
+ * ever sent. */
+static char* make_query(snmp_def* def, int* length) {
+    char* text = nullptr;
+    switch (def->req_type) {
+    case SNMP_TABLE_TEST:
+        def->bulk ? do_single_full_table_bulk_check(def, &text, length)
+                  : do_single_full_table_check(def, &text, length);
+        return text;
+    case SNMP_GET_TEST:
+        do_single_full_check(def, &text, length);
+        return text;
+    case SNMP_WALK_TEST:
+        return def->bulk ? do_single_full_walk_bulk_check(def) : do_single_full_walk_check(def);
+    default:
+        return nullptr;
+    }
+}
+
+/* The child's life. It logs nothing, and ends with the agent. */
+[[noreturn]] static void live_as_child(snmp_def* def, int write_end) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    log_level = -1;
+    restore_signals();
+    keep_only(write_end);
+
+    int length = 0;
+    char* text = make_query(def, &length);
+    free_snmp_def(&def);
+    if (text == nullptr) {
+        text = strdup("NO check results");
+        length = 0;
+    }
+    write_to_pipe(write_end, text, length);
+    free(text);
+    close(write_end);
+    _exit(1);
+}
+
+/* --- the parent ------------------------------------------------------------------------------ */
+
+int snmp_needs_lookup(const snmp_def* def) {
+    in_addr address;
+    const char* host = def->host;
+    return host != nullptr && *host != '\0' && strchr(host, ':') == nullptr &&
+           inet_pton(AF_INET, host, &address) != 1;
+}
+
+/* The first address of the family, numeric; null when there is none. */
+static char* look_up(const char* name, int family) {
+    addrinfo hints = {};
+    hints.ai_family = family;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* list = nullptr;
+    if (resolve_host(name, nullptr, &hints, &list) != 0) {
+        return nullptr;
+    }
+    char text[NI_MAXHOST] = "";
+    getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    freeaddrinfo(list);
+    return strdup(text);
+}
+
+/* Where the name leads, empty when there is no such host. IPv6 is for hosts without IPv4, as the
+ * library has it. */
+static char* find_address(const char* name) {
+    for (int family : {AF_INET, AF_INET6}) {
+        if (char* address = look_up(name, family)) {
+            return address;
+        }
+    }
+    return strdup("");
+}
+
+/* Forks with all signals blocked, so that none meets the agent's handlers in the child. */
+static pid_t fork_child(snmp_def* def, int write_end) {
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pid_t child = gated_fork();
+    if (child == 0) {
+        live_as_child(def, write_end);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return child;
+}
+
+static void reap(pid_t child) {
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void* forkwait_thread(void* arg) {
+    heap<pid_t> child(static_cast<pid_t*>(arg));
+    reap(*child);
+    return nullptr;
+}
+
+/* The attributes of a waiter's thread, or false with the reason logged. */
+static bool set_waiter_attributes(pthread_attr_t* attributes) {
+    int error = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
+    if (error != 0) {
+        leveledadd2log(0, "ERROR:\tpthread_attr_setdetachstate returns: %d", error);
+        return false;
+    }
+    if (pthread_attr_setstacksize(attributes, WORKER_STACK_SIZE) != 0) {
+        leveledadd2log(0, "SNMP: Can not set pthread stack size.");
+        return false;
+    }
+    return true;
+}
+
+/* False when the child is left to the caller. */
+static bool start_waiter(pid_t child) {
+    pthread_attr_t attributes;
+    int error = pthread_attr_init(&attributes);
+    if (error != 0) {
+        leveledadd2log(0, "ERROR:\tpthread_attr_init returns: %d", error);
+        return false;
+    }
+    bool started = false;
+    heap<pid_t> arg(static_cast<pid_t*>(malloc(sizeof(pid_t))));
+    pthread_t thread;
+    if (set_waiter_attributes(&attributes) && arg) {
+        *arg = child;
+        started = pthread_create(&thread, &attributes, forkwait_thread, arg.get()) == 0;
+    }
+    if (started) {
+        (void)arg.release();
+    }
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+
+void wait4forked(pid_t p) {
+    start_waiter(p);
+}
+
+namespace {
+
+struct running_query {
+    snmp_def* def = nullptr;
+    pid_t child = -1;
+    unique_fd pipe; /* its read end; none when the query is over or was never begun */
+    text_buffer text;
+};
+
+} // namespace
+
+/* Starts the child. Without one there is no pipe. */
+static void begin_query(running_query& q) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        return;
+    }
+    unique_fd read_end(ends[0]), write_end(ends[1]);
+    q.child = fork_child(q.def, write_end.get());
+    if (q.child > 0) {
+        q.pipe = std::move(read_end);
+    }
+}
+
+/* Makes one query and takes its text as read_from_pipe does. False when there was no child. */
+static bool make_one_query(snmp_def* def, char** buffer, int* buffer_len) {
+    if (snmp_needs_lookup(def)) {
+        free(def->address);
+        def->address = find_address(def->host);
+    }
+    running_query q;
+    q.def = def;
+    begin_query(q);
+    if (!q.pipe) {
+        return false;
+    }
+    bool waited_for = start_waiter(q.child);
+    read_from_pipe(q.pipe.get(), buffer, buffer_len);
+    q.pipe.reset();
+    if (!waited_for) {
+        reap(q.child);
+    }
+    return true;
+}
+
+void* snmp_single_thread(void* arg) {
+    auto* def = static_cast<snmp_def*>(arg);
+    if (make_one_query(def, nullptr, nullptr) && def->isFirstCheck == 1) {
+        send_pending_data();
+    }
+    free_snmp_def(&def);
+    return nullptr;
+}
+
+int get_snmp_values(snmp_def* def_snmp, char** buffer, int* buffer_len) {
+    make_one_query(def_snmp, buffer, buffer_len);
+    free_snmp_def(&def_snmp);
+    return 0;
+}
+
+/* --- many queries at once -------------------------------------------------------------------- */
+
+/* The child is at its last step when its end of the pipe is closed. */
+static void finish_query(running_query& q) {
+    add_snmp_result(q.text.data.get(), q.text.length);
+    q.text = {};
+    q.pipe.reset();
+    reap(q.child);
+    if (q.def->isFirstCheck == 1) {
+        send_pending_data();
+    }
+}
+
+/* Waits for any of the pipes; pipes[i] is that of queries[i]. The last one takes the place of one
+ * that is over: poll refuses more slots than there may be descriptors. */
+static void collect(running_query* queries, pollfd* pipes, int open) {
+    while (open > 0) {
+        if (poll(pipes, static_cast<nfds_t>(open), -1) < 0) {
+            continue;
+        }
+        for (int i = 0; i < open;) {
+            if (pipes[i].revents == 0 ||
+                read_chunk(pipes[i].fd, queries[i].text) == read_outcome::more) {
+                i++;
+                continue;
+            }
+            finish_query(queries[i]);
+            open--;
+            std::swap(queries[i], queries[open]);
+            pipes[i] = pipes[open];
+        }
+    }
+}
+
+/* Begins all queries and waits for them. */
+static void make_queries(snmp_def* const* tests, int count) {
+    std::unique_ptr<running_query[]> queries(new (std::nothrow) running_query[count]);
+    std::unique_ptr<pollfd[]> pipes(new (std::nothrow) pollfd[count]);
+    if (!queries || !pipes) {
+        return;
+    }
+    int open = 0;
+    for (int i = 0; i < count; i++) {
+        running_query& q = queries[open];
+        q.def = tests[i];
+        begin_query(q);
+        if (q.pipe) {
+            pipes[open++] = {q.pipe.get(), POLLIN, 0};
+        }
+    }
+    collect(queries.get(), pipes.get(), open);
+}
+
+void* snmp_round_thread(void* arg) {
+    auto* round = static_cast<snmp_round*>(arg);
+    make_queries(round->tests, round->count);
+    free_snmp_round(&round);
+    return nullptr;
+}

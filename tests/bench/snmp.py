@@ -1,0 +1,264 @@
+#!/usr/bin/env python3
+"""What it costs to ask SNMP agents: rounds of get and table tests of the agent, and other tools with the
+same requests to the same snmpd, in one run; and how long a scan of a range takes. CPU time is that of the
+asker alone, its children and system calls included.
+
+    tests/bench/snmp.py [--tests 500] [--rounds 5] [get] [table] [scan]
+
+`get` asks for 5 objects a test, beside snmpget and snmp_exporter; `table` for 49 rows of 22 columns, beside
+snmptable and snmpbulkwalk. `scan` goes through 254 addresses, 20 of which answer, beside `fping -g`. Needs
+root and Debian's snmpd and snmp; fping and prometheus-snmp-exporter are left out where they are missing.
+"""
+
+import argparse
+import concurrent.futures
+import os
+import shutil
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import urllib.request
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from local import Agent, cpu_seconds, free_port  # noqa: E402
+from probes import children_ms, idle, status  # noqa: E402
+from whole import end, wait_for  # noqa: E402
+
+OBJECTS = ["1.3.6.1.2.1.1.%d.0" % i for i in (1, 3, 4, 5, 6)]
+TABLE, COLUMNS, ROWS = "1.3.6.1.4.1.99991.1", 22, 49
+POLL_S = 3
+TICK = os.sysconf("SC_CLK_TCK")
+
+
+def cpu_with_children(pid):
+    with open("/proc/%d/stat" % pid, encoding="ascii") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return cpu_seconds(pid) + (int(fields[13]) + int(fields[14])) / TICK
+
+
+def write_module(home):
+    """A MIB module with the table."""
+    columns = ["c%d" % i for i in range(1, COLUMNS + 1)]
+    text = ("BENCH-MIB DEFINITIONS ::= BEGIN\n"
+            "org OBJECT IDENTIFIER ::= { iso 3 }\ndod OBJECT IDENTIFIER ::= { org 6 }\n"
+            "internet OBJECT IDENTIFIER ::= { dod 1 }\nprivate OBJECT IDENTIFIER ::= { internet 4 }\n"
+            "enterprises OBJECT IDENTIFIER ::= { private 1 }\nbench OBJECT IDENTIFIER ::= { enterprises 99991 }\n")
+
+    def object_type(name, syntax, access, parent, more=""):
+        return ('%s OBJECT-TYPE SYNTAX %s MAX-ACCESS %s STATUS current DESCRIPTION "-" %s::= { %s }\n'
+                % (name, syntax, access, more, parent))
+    text += object_type("benchTable", "SEQUENCE OF BenchEntry", "not-accessible", "bench 1")
+    text += object_type("benchEntry", "BenchEntry", "not-accessible", "benchTable 1", "INDEX { c1 } ")
+    text += "BenchEntry ::= SEQUENCE { " + ", ".join(name + " INTEGER" for name in columns) + " }\n"
+    for i, name in enumerate(columns, 1):
+        text += object_type(name, "INTEGER", "read-only", "benchEntry %d" % i)
+    with open(home + "/BENCH-MIB.txt", "w", encoding="ascii") as file:
+        file.write(text + "END\n")
+
+
+class Snmpd:
+    def __init__(self, home, addresses=(), wrap=()):
+        with open(home + "/snmpd.conf", "w", encoding="ascii") as file:
+            file.write("rocommunity public\n")
+            for row in range(1, ROWS + 1):
+                for column in range(1, COLUMNS + 1):
+                    file.write("override %s.1.%d.%d integer %d\n" % (TABLE, column, row, row * column))
+        self.port = free_port()
+        program = shutil.which("snmpd", path=os.environ["PATH"] + ":/usr/sbin")
+        self.process = subprocess.Popen(
+            [*wrap, program, "-f", "-Lf", "/dev/null", "-C", "-c", home + "/snmpd.conf", "-m", "",
+             "-p", home + "/snmpd.pid", *(addresses or ["udp:127.0.0.1:%d" % self.port])],
+            env={"PATH": os.environ["PATH"], "SNMP_PERSISTENT_DIR": home})
+        if not addresses:
+            wait_for(lambda: subprocess.run(
+                ["snmpget", "-v2c", "-c", "public", "-r0", "-t1", "127.0.0.1:%d" % self.port, OBJECTS[0]],
+                check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0, "snmpd")
+
+
+class Rounds:
+    """How long the agent has threads beyond those that it has at rest, and how many children at most."""
+
+    def __init__(self, pid):
+        self.pid, self.resting = pid, status(pid, "Threads")
+        self.busy_s, self.children, self.stopping = 0.0, 0, False
+        self.thread = threading.Thread(target=self._watch)
+        self.thread.start()
+
+    def _watch(self):
+        last = time.monotonic()
+        while not self.stopping:
+            time.sleep(0.005)
+            now = time.monotonic()
+            if status(self.pid, "Threads") > self.resting:
+                self.busy_s += now - last
+                count = 0
+                for task in os.listdir("/proc/%d/task" % self.pid):
+                    try:
+                        with open("/proc/%d/task/%s/children" % (self.pid, task), encoding="ascii") as file:
+                            count += len(file.read().split())
+                    except OSError:
+                        pass
+                self.children = max(self.children, count)
+            last = now
+
+    def stop(self):
+        self.stopping = True
+        self.thread.join()
+
+
+def records_of(home, kind):
+    with sqlite3.connect("file:%s/state/results.db?mode=ro" % home, uri=True, timeout=30) as connection:
+        days = connection.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' AND "
+                                  "type = 'table'").fetchall()
+        return sum(connection.execute("SELECT count(*) FROM %s WHERE type = ?" % day, (kind,)).fetchone()[0]
+                   for (day,) in days)
+
+
+def agent_rounds(home, plan, kind, tests, rounds):
+    os.environ.update(MIBDIRS=home, MIBS="BENCH-MIB", SNMP_PERSISTENT_DIR=home)
+    agent = Agent(home, ["POL\t0\t%d" % POLL_S, "CHK\t0\t100000"] + plan)
+    for name in ("MIBDIRS", "MIBS", "SNMP_PERSISTENT_DIR"):
+        del os.environ[name]
+    idle(agent.pid)
+    at_start, began = cpu_with_children(agent.pid), time.monotonic()
+    time.sleep(4 * POLL_S)
+    polling = (cpu_with_children(agent.pid) - at_start) / (time.monotonic() - began)
+    watch, used = Rounds(agent.pid), 0.0
+    for number in range(rounds):
+        before = records_of(home, kind)
+        at_start, began = cpu_with_children(agent.pid), time.monotonic()
+        with open(os.path.join(home, "plan"), "a", encoding="utf-8") as file:
+            file.write("CHK\t0\t%d\n" % (100001 + number))
+        wait_for(lambda: records_of(home, kind) >= before + tests, "the round")
+        idle(agent.pid)
+        used += cpu_with_children(agent.pid) - at_start - polling * (time.monotonic() - began)
+    watch.stop()
+    print("agent:         %.3f ms CPU a test, children included; %.2f s a round, peak %d KB, %d children at "
+          "once" % (used * 1000 / tests / rounds, watch.busy_s / rounds, status(agent.pid, "VmHWM"),
+                    watch.children), flush=True)
+    agent.stop()
+
+
+def tool(name, command, count):
+    used, took = children_ms("seq %d | xargs -P 2 -I {} %s" % (count, command), shell=True)
+    print("%-14s %.3f ms CPU a query, %.2f s for %d" % (name + ":", used / count, took, count), flush=True)
+
+
+def exporter(home, port, count):
+    if not shutil.which("prometheus-snmp-exporter"):
+        return
+    listening = free_port()
+    with open(home + "/snmp.yml", "w", encoding="ascii") as file:
+        file.write("bench:\n  get: [%s]\n  metrics:\n" % ", ".join(OBJECTS))
+        for i, name in enumerate(OBJECTS):
+            kind = "gauge" if i == 1 else "DisplayString"
+            file.write("  - {name: m%d, oid: %s, type: %s, help: m}\n" % (i, name, kind))
+    process = subprocess.Popen(["prometheus-snmp-exporter", "--config.file=" + home + "/snmp.yml",
+                                "--web.listen-address=127.0.0.1:%d" % listening],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    url = "http://127.0.0.1:%d/snmp?module=bench&target=127.0.0.1:%d" % (listening, port)
+
+    def ask(_=None):
+        try:
+            with urllib.request.urlopen(url) as answer:
+                return b"m1" in answer.read()
+        except OSError:
+            return False
+    wait_for(ask, "snmp_exporter")
+    before, began = cpu_seconds(process.pid), time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(8) as pool:
+        good = sum(pool.map(ask, range(count)))
+    print("snmp_exporter: %.3f ms CPU a query, %.2f s for %d, %d good, peak %d KB" % (
+        (cpu_seconds(process.pid) - before) * 1000 / count, time.monotonic() - began, count, good,
+        status(process.pid, "VmHWM")), flush=True)
+    end(process)
+
+
+def gets(home, tests, rounds):
+    snmpd = Snmpd(home)
+    plan = ["SPA\t%d\t1\t127.0.0.1\t%d\t2\t%s\tpublic\t\t\t\t\t\t10\t2\t-;-;-;-;-"
+            % (i, snmpd.port, ";".join(OBJECTS)) for i in range(1, tests + 1)]
+    for _ in range(2):
+        agent_rounds(tempfile.mkdtemp(dir=home), plan, 57, tests, rounds)
+        tool("snmpget", "snmpget -v2c -c public 127.0.0.1:%d %s" % (snmpd.port, " ".join(OBJECTS)), tests)
+        exporter(home, snmpd.port, tests)
+    end(snmpd.process)
+
+
+def tables(home, tests, rounds):
+    snmpd = Snmpd(home)
+    for repetitions in (0, 10):
+        own = tempfile.mkdtemp(dir=home)
+        write_module(own)
+        plan = ["STA\t%d\t1\t127.0.0.1\t%d\t%d\t2\t%s\tpublic\t\t\t\t\t\t30\t2" % (i, snmpd.port, repetitions, TABLE)
+                for i in range(1, tests + 1)]
+        print("%s:" % ("GETBULK of %d" % repetitions if repetitions else "GETNEXT"))
+        agent_rounds(own, plan, 67, tests, rounds)
+    tool("snmptable", "snmptable -M %s -m BENCH-MIB -v2c -c public 127.0.0.1:%d %s"
+         % (own, snmpd.port, TABLE), tests)
+    tool("snmpbulkwalk", "snmpbulkwalk -v2c -c public 127.0.0.1:%d %s" % (snmpd.port, TABLE), tests)
+    end(snmpd.process)
+
+
+def scan(home):
+    holder = subprocess.Popen(["unshare", "--net", "sleep", "1000"])
+    inside = ["nsenter", "--target", str(holder.pid), "--net"]
+    commands = [["ip", "link", "add", "near", "type", "veth", "peer", "name", "far", "netns", str(holder.pid)],
+                ["ip", "link", "set", "near", "up"], ["ip", "addr", "add", "10.7.0.254/24", "dev", "near"],
+                inside + ["ip", "link", "set", "far", "up"]]
+    answering = ["10.7.0.%d" % (1 + 12 * i) for i in range(20)]
+    commands += [inside + ["ip", "addr", "add", address + "/24", "dev", "far"] for address in answering]
+    time.sleep(0.5)
+    for command in commands:
+        subprocess.run(command, check=True)
+    snmpd = Snmpd(home, ["udp:%s:161" % address for address in answering], inside)
+    time.sleep(1)
+    agent = Agent(home, ["POL\t0\t1", "CHK\t0\t2", "DCA\t1\t1\t10.7.0.1\t10.7.0.254"])
+    resting = status(agent.pid, "Threads")
+    wait_for(lambda: status(agent.pid, "Threads") > resting + 20, "the scan")
+    began, at_start = time.monotonic(), cpu_with_children(agent.pid)
+    wait_for(lambda: status(agent.pid, "Threads") <= resting + 1, "the end of the scan")
+    took, used = time.monotonic() - began, cpu_with_children(agent.pid) - at_start
+    wait_for(lambda: records_of(home, 40) == 21, "the hosts")
+    print("agent:         %.1f s for 253 addresses, 20 hosts with SNMP; %.0f ms CPU" % (took, used * 1000))
+    agent.stop()
+    if shutil.which("fping"):
+        for more in ([], ["-r", "0", "-t", "1000", "-i", "10"]):
+            used, took = children_ms(["fping", "-q", *more, "-g", "10.7.0.1", "10.7.0.253"])
+            print("fping %-8s %.1f s, %.0f ms CPU, echo alone" % (" ".join(more) + ":", took, used))
+    end(snmpd.process)
+    end(holder)
+
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tests", type=int, default=500)
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("what", nargs="*", default=["get", "table", "scan"])
+    options = parser.parse_args()
+    if not options.inside:  # the agent is a daemon: its namespace's first process inherits it
+        os.execvp("unshare", ["unshare", "--pid", "--mount-proc", "--net", "--fork", "--kill-child",
+                              sys.executable, os.path.abspath(__file__), "--inside", "--tests",
+                              str(options.tests), "--rounds", str(options.rounds), *options.what])
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    for what in options.what:
+        home = tempfile.mkdtemp(prefix="vindral-bench-", dir="/var/tmp")
+        try:
+            print("--- %s" % what, flush=True)
+            if what == "get":
+                gets(home, options.tests, options.rounds)
+            elif what == "table":
+                tables(home, max(options.tests // 10, 1), options.rounds)
+            else:
+                scan(home)
+        finally:
+            shutil.rmtree(home)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,55 @@
+"""Children of the SNMP checker that are forked while the other threads of a real agent are busy: TLS
+connections of polls and of pages (each in a thread that ends with it), and a log with everything in it."""
+
+import os
+
+import harness
+import records
+import steered
+from scripted_server import answer
+from snmpd import AUTH, MIBS, Snmpd
+from test_probes import Nginx, page_test
+from test_snmp import SYSTEM, get
+
+TESTS, ROUNDS, PAGES = 200, 5, 30
+
+
+class ForkSafety(steered.TestCase):
+    def test_a_thousand_children_of_a_busy_agent(self):
+        """All report, and nothing of them stays. Every fourth one is a user's: it calculates with OpenSSL
+        and would find its locks taken."""
+        peer, nginx = Snmpd(self), Nginx(self)
+        name = SYSTEM + "3.0"
+        user = {"community": "", "version": 3, "auth": "md5", "user": "md5user", "phrase": AUTH}
+        self.start(*(page_test(test, "/page", nginx.rsa, tls=1) for test in range(1, PAGES + 1)),
+                   *(get(test, peer.port, name, **(user if test % 4 == 0 else {}))
+                     for test in range(1, TESTS + 1)), env=MIBS)
+
+        def reports():
+            status = [0] * (TESTS + 1)
+            for record in self.records(records.SNMP):
+                self.assertEqual(record.ui32[3], 0, record)
+                status[record.ui32[1]] += 1
+            return status[1:]
+        harness.wait_until(lambda: min(reports()) >= ROUNDS, lambda: "reports: %s" % reports())
+        self.assertGreaterEqual(len(self.records(records.HTTP)), PAGES)
+        self.assertEqual({record.ui32[3] for record in self.records(records.HTTP)}, {0})
+
+        with open(self.agent.pid_path, encoding="ascii") as file:
+            agent = int(file.read())
+        self.server.then(answer("".join("STD\t%d\t0\n" % test for test in range(1, TESTS + 1))))
+        self.wait_idle(3)
+        harness.wait_until(lambda: not harness.children_of(agent),
+                           lambda: "stuck or not buried: %s" % harness.children_of(agent))
+        directory = "/proc/%d/fd/" % agent
+        links = []
+        for descriptor in os.listdir(directory):
+            try:
+                links.append(os.readlink(directory + descriptor))
+            except FileNotFoundError:  # a connection's that is over
+                continue
+        self.assertEqual([link for link in links if link.startswith("pipe")], [])
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -145,6 +145,27 @@ def curl(url, tests):
     print("curl:     %.3f ms CPU a check, %d checks/s" % (used / tests, tests / took), flush=True)
 
 
+def exporter_rate(name, process, ask, count, at_once):
+    """What an exporter that runs uses for so many questions; `ask` is true when the answer is good."""
+    wait_for(ask, name)
+    before, began = cpu_seconds(process.pid), time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
+        good = sum(pool.map(lambda _: ask(), range(count)))
+    print("%s: %.3f ms CPU a check, %d checks/s (limited by who asks), peak %d KB, %d of %d good" % (
+        name, (cpu_seconds(process.pid) - before) * 1000 / count, count / (time.monotonic() - began),
+        status(process.pid, "VmHWM"), good, count), flush=True)
+    end(process)
+
+
+def answered(url, mark):
+    """Whether the page is to be had and holds the mark."""
+    try:
+        with urllib.request.urlopen(url) as answer:
+            return mark in answer.read()
+    except OSError:
+        return False
+
+
 def blackbox(home, url, tests):
     port = free_port()
     with open(home + "/blackbox.yml", "w", encoding="ascii") as file:
@@ -154,23 +175,8 @@ def blackbox(home, url, tests):
                                 "--web.listen-address=127.0.0.1:%d" % port],
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def probe(_=None):
-        with urllib.request.urlopen("http://127.0.0.1:%d/probe?module=page&target=%s" % (port, url)) as answer:
-            return b"probe_success 1" in answer.read()
-
-    def up():
-        try:
-            return probe()
-        except OSError:
-            return False
-    wait_for(up, "blackbox_exporter")
-    before, started = cpu_seconds(process.pid), time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(16) as pool:
-        good = sum(pool.map(probe, range(tests)))
-    print("blackbox: %.3f ms CPU a check, %d checks/s (limited by who asks), peak %d KB, %d of %d good" % (
-        (cpu_seconds(process.pid) - before) * 1000 / tests, tests / (time.monotonic() - started),
-        status(process.pid, "VmHWM"), good, tests), flush=True)
-    end(process)
+    page = "http://127.0.0.1:%d/probe?module=page&target=%s" % (port, url)
+    exporter_rate("blackbox", process, lambda: answered(page, b"probe_success 1"), tests, 16)
 
 
 def pages(home, tests, rounds, tls):

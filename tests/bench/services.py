@@ -10,7 +10,6 @@ mariadb-server-core and mariadb-client-core; prometheus-mysqld-exporter is left 
 """
 
 import argparse
-import concurrent.futures
 import os
 import shutil
 import socket
@@ -19,11 +18,10 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
-from probes import idle, status  # noqa: E402
+from probes import answered, exporter_rate, idle  # noqa: E402
 from snmp import agent_rounds, tool  # noqa: E402
 from whole import end, memory_kb, wait_for  # noqa: E402
 
@@ -60,20 +58,8 @@ def exporter(home, database, count):
         env=dict(os.environ, DATA_SOURCE_NAME="root@unix(%s)/" % database.socket),
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def ask(_=None):
-        try:
-            with urllib.request.urlopen("http://127.0.0.1:%d/metrics" % port) as answer:
-                return b"mysql_up 1" in answer.read()
-        except OSError:
-            return False
-    wait_for(ask, "mysqld_exporter")
-    before, began = cpu_seconds(process.pid), time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(4) as pool:
-        good = sum(pool.map(ask, range(count)))
-    print("mysqld_exporter: %.3f ms CPU a round, %.2f s for %d, %d good, peak %d KB" % (
-        (cpu_seconds(process.pid) - before) * 1000 / count, time.monotonic() - began, count, good,
-        status(process.pid, "VmHWM")), flush=True)
-    end(process)
+    exporter_rate("mysqld_exporter", process,
+                  lambda: answered("http://127.0.0.1:%d/metrics" % port, b"mysql_up 1"), count, 4)
 
 
 def databases(home, tests, rounds):

@@ -11,7 +11,6 @@ root and Debian's snmpd and snmp; fping and prometheus-snmp-exporter are left ou
 """
 
 import argparse
-import concurrent.futures
 import os
 import shutil
 import sqlite3
@@ -20,11 +19,10 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
-from probes import children_ms, idle, status  # noqa: E402
+from probes import answered, children_ms, exporter_rate, idle, status  # noqa: E402
 from whole import end, wait_for  # noqa: E402
 
 OBJECTS = ["1.3.6.1.2.1.1.%d.0" % i for i in (1, 3, 4, 5, 6)]
@@ -161,20 +159,7 @@ def exporter(home, port, count):
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     url = "http://127.0.0.1:%d/snmp?module=bench&target=127.0.0.1:%d" % (listening, port)
 
-    def ask(_=None):
-        try:
-            with urllib.request.urlopen(url) as answer:
-                return b"m1" in answer.read()
-        except OSError:
-            return False
-    wait_for(ask, "snmp_exporter")
-    before, began = cpu_seconds(process.pid), time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(8) as pool:
-        good = sum(pool.map(ask, range(count)))
-    print("snmp_exporter: %.3f ms CPU a query, %.2f s for %d, %d good, peak %d KB" % (
-        (cpu_seconds(process.pid) - before) * 1000 / count, time.monotonic() - began, count, good,
-        status(process.pid, "VmHWM")), flush=True)
-    end(process)
+    exporter_rate("snmp_exporter", process, lambda: answered(url, b"m1"), count, 8)
 
 
 def gets(home, tests, rounds):

@@ -146,7 +146,7 @@ class Echo(steered.TestCase):
         def late(host, packet):
             if packet.sequence == 1:
                 host.reply(host.packets[0])
-        self.probe(late, count=2, timeout=100, lost=2)
+        self.probe(late, count=2, timeout=2000, lost=2)
         self.agent.wait_log("not a proper ICMP_ECHOREPLY\nTYPE: 0\nicmp_seq: 0\nEXP. seq: 1\n")
 
     @harness.needs_namespaces

@@ -2,6 +2,7 @@
 connections of polls and of pages (each in a thread that ends with it), and a log with everything in it."""
 
 import os
+import unittest
 
 import harness
 import records
@@ -14,6 +15,7 @@ from test_snmp import SYSTEM, get
 TESTS, ROUNDS, PAGES = 200, 5, 30
 
 
+@unittest.skipIf(harness.SANITIZERS, "a sanitizer's own locks are not at rest at a fork")
 class ForkSafety(steered.TestCase):
     def test_a_thousand_children_of_a_busy_agent(self):
         """All report, and nothing of them stays. Every fourth one is a user's: it calculates with OpenSSL

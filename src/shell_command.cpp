@@ -27,6 +27,8 @@ pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
     if (stdout_fd >= 0) {
         posix_spawn_file_actions_adddup2(&actions, stdout_fd, STDOUT_FILENO);
     }
+    /* Libraries open sockets that are not closed by themselves. */
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 
     char name[] = "sh";
     char options[] = "-f";

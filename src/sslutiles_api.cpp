@@ -228,7 +228,8 @@ int send_data(test_result** results, int res_count) {
         return 0;
     }
     int sent = 0;
-    while (sent < res_count && exchange(SEND_DATA, c, result_request(*results[sent]))) {
+    while (sent < res_count && results[sent] != nullptr &&
+           exchange(SEND_DATA, c, result_request(*results[sent]))) {
         sent++;
     }
     return sent;

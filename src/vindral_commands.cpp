@@ -224,7 +224,8 @@ static void cmd_remove_unix_server(char** f, size_t) {
 }
 
 /* A listener without a port is none. The list of addresses passes to the listener; one that begins
- * with "all" is empty. */
+ * with "all" is empty, which admits everyone. So where there is no memory for the list nothing is
+ * done. */
 static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
     int port = number(f[2]);
     if (port == 0) {
@@ -232,7 +233,10 @@ static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
     }
     char** addresses = nullptr;
     size_t count = 0;
-    if (uparser(f[3], &addresses, &count, ';') && strcmp(addresses[0], "all") == 0) {
+    if (!uparser(f[3], &addresses, &count, ';')) {
+        return;
+    }
+    if (strcmp(addresses[0], "all") == 0) {
         free_uparser_array(&addresses, &count);
         addresses = nullptr;
     }

@@ -137,16 +137,29 @@ void* main_worker_thread(void*) {
     return nullptr;
 }
 
+namespace {
+
+/* Frees the results also when the thread is cancelled in the wait for the service. */
+struct taken_results {
+    test_result** all = nullptr;
+    int count = 0;
+
+    taken_results() = default;
+    ~taken_results() { free_results(all, count); }
+    taken_results(const taken_results&) = delete;
+    taken_results& operator=(const taken_results&) = delete;
+};
+
+} // namespace
+
 void send_results() {
     leveledadd2log(4, "INFO: starting send_results.");
-    test_result** results = nullptr;
-    int count = 0;
-    if (get_disk_test_results(&results, &count)) {
-        leveledadd2log(3, "INFO: send_results::get_disk_test_results count: %d", count);
+    taken_results results;
+    if (get_disk_test_results(&results.all, &results.count)) {
+        leveledadd2log(3, "INFO: send_results::get_disk_test_results count: %d", results.count);
     }
-    if (results != nullptr && count > 0) {
-        leveledadd2log(1, "INFO: send_results returned %d", send_data(results, count));
-        free_results(results, count);
+    if (results.all != nullptr && results.count > 0) {
+        leveledadd2log(1, "INFO: send_results returned %d", send_data(results.all, results.count));
     }
     leveledadd2log(4, "INFO: send_results finished.");
 }

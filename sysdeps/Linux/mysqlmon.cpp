@@ -284,7 +284,8 @@ int init_mysql_mon() {
         return 0;
     }
     if (const char* failed = start_worker()) {
-        mysql_initialization_status = strdup(failed);
+        char* text = strdup(failed);
+        mysql_initialization_status = text != nullptr ? text : const_cast<char*>(failed);
         leveledadd2log(0, "%s", failed);
         return 0;
     }

@@ -41,11 +41,13 @@ static const dynlib_symbol MYSQL_SYMBOLS[] = {
 };
 #undef BIND
 
+/* Never null, which would be success. */
 static char* loading_failed() {
+    static char without_memory[] = "MySQL: failed on loading libmysqlclient.so, no memory";
     char* text = nullptr;
     return asprintf(&text, "MySQL: failed on loading %s, %s", MYSQL_NAMES[0], dynlib_error()) >= 0
                ? text
-               : nullptr;
+               : without_memory;
 }
 
 static void bind_optional(void* library) {

@@ -44,6 +44,8 @@ def close_at_once(peer):
 
 
 def reset_at_once(peer):
+    """As soon as the agent has begun: a reset before that can end its connecting already."""
+    peer.sock.recv(1)
     peer.reset()
 
 

@@ -264,9 +264,10 @@ class Names(harness.TestCase):
         collector = harness.Collector(self, *PLAN).start()
         for name in names:
             harness.Agent(self, collector.port, name="agent", AGENTNAME=name).start()
+        harness.wait_until(lambda: {row.agent for row in collector.rows()} == set(names),
+                           lambda: repr({row.agent for row in collector.rows()}))
         harness.wait_until(lambda: {result["agent"] for result in collector.results()} == set(names),
                            lambda: repr({result["agent"] for result in collector.results()}))
-        self.assertEqual({row.agent for row in collector.rows()}, set(names))
 
     def test_refused_names(self):
         """A name that cannot be one: the agent is told to log in again, and again."""

@@ -243,6 +243,7 @@ class Updater(Scripted):
         harness.wait_until(lambda: os.path.exists(self.updater + ".done"), "the updater's end")
 
     def test_updater_gets_no_descriptors_of_the_agent(self):
+        """Nor such as libraries open, which do not mark them as to be closed."""
         self.start_with_updater('ls -l /proc/self/fd > "$0.fds"; : > "$0.done"',
                                 "POL\t0\t1\n", "UPD\ta\tb\tc\n")
         self.wait_started()

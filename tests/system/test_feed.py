@@ -13,12 +13,12 @@ from scripted_server import answer
 
 
 class Feed(steered.TestCase):
-    def connect(self, port, source="127.0.0.1"):
+    def connect(self, port, source="127.0.0.1", to="127.0.0.1"):
         def attempt():
             peer = socket.socket()
             peer.settimeout(harness.PATIENCE_S)
             peer.bind((source, 0))
-            if peer.connect_ex(("127.0.0.1", port)) == 0:
+            if peer.connect_ex((to, port)) == 0:
                 return peer
             peer.close()
             return None
@@ -89,7 +89,7 @@ class Feed(steered.TestCase):
         self.wait_lines("TSV\t7\t127.0.0.3\thello\t0")
         self.command("TSM\t7\t%d\tall" % port)
         self.wait_idle()
-        self.connect(port).sendall(b"1\r\ny")
+        self.connect(port, to="127.0.0.2").sendall(b"1\r\ny")  # every address is listened on
         self.wait_lines("TSV\t7\t127.0.0.3\thello\t0", "TSV\t7\t127.0.0.1\ty\t0")
         stranger.settimeout(0)
         self.assertRaises(BlockingIOError, stranger.recv, 1)  # neither served nor closed

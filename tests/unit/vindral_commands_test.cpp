@@ -3,6 +3,7 @@
 
 #include "fake_core.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -278,6 +279,8 @@ TEST(Commands, LocalCheckers) {
         {"TSD", "7", "remove_tcp_server 7", 0},
         {"MQA", "7\t3\thost\t3307\t/sock\tuser\tpass\tUptime;Threads|9|1\t5",
          "add_mysqldesc 7 3 host 3307 user pass /sock Uptime;Threads|9|1 5", 0},
+        {"MQA", "7\t3\thost\t0\t\tuser\tpass\tUptime\t0",
+         "add_mysqldesc 7 3 host 3306 user pass  Uptime 10", 0},
         {"MQM", "7\t3\thost\t0\t\tuser\tpass\tUptime\tx",
          "modify_mysqldesc 7 3 host 3306 user pass  Uptime 10", 0},
         {"MQD", "7\t0", "rem_mysqldesc 7", 0},
@@ -553,6 +556,15 @@ TEST_F(Updater, RunsTheUpdaterWithItsArguments) {
     EXPECT_EQ("-1 Starting Update...\n0 " + home_text + "/bin/updater " + pid + " " + home_text +
                   "/bin/vindral https://x/y abc123\n0 System call return: 768\n",
               take_log_text());
+}
+
+TEST_F(Updater, GetsNoDescriptorThatALibraryLeftOpen) {
+    unique_fd left_open(fcntl(STDOUT_FILENO, F_DUPFD, 100));
+    ASSERT_GE(left_open.get(), 100);
+    script("ls /proc/$$/fd > " + home_text + "/said");
+    run("UPD\tvindral\thttps://x/y\tabc123");
+    EXPECT_NE(said().find("2\n"), std::string::npos);
+    EXPECT_EQ(said().find(std::to_string(left_open.get())), std::string::npos) << said();
 }
 
 TEST_F(Updater, ASecondRequestWithinTenMinutesIsIgnored) {

@@ -27,6 +27,12 @@ struct dynlib_symbol {
     void* (*fallback)(void* handle);
 };
 
+/* One, for a function pointer of any type. */
+template <typename P>
+dynlib_symbol dynlib_entry(const char* name, P* target, void* (*fallback)(void*) = nullptr) {
+    return {name, reinterpret_cast<void**>(target), fallback};
+}
+
 /* Binds in order up to the first name that is missing: the targets before it are set, it and those
  * behind it are left alone. Names of the libraries that this one depends on are found as well.
  * Returns 1 when all are bound, else 0. */

@@ -103,8 +103,7 @@ static void* tls_client_method(void* handle) {
     return dlsym(handle, "TLS_client_method");
 }
 
-#define BIND(name, fallback)                                                                       \
-    { #name, reinterpret_cast<void**>(&lib_##name), fallback }
+#define BIND(name, fallback) dynlib_entry(#name, &lib_##name, fallback)
 static const dynlib_symbol LIBSSL_SYMBOLS[] = {
     BIND(SSL_load_error_strings, through_init_ssl<load_ssl_strings>),
     BIND(ERR_load_BIO_strings, through_init_crypto<load_crypto_strings>),

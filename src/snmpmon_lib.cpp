@@ -60,10 +60,8 @@ static constexpr size_t KEY_SIZE = USM_AUTH_KU_LEN;
 static_assert(KEY_SIZE == USM_PRIV_KU_LEN);
 
 /* In the order in which a library is found lacking. */
-#define BIND_DATA(name)                                                                            \
-    { #name, reinterpret_cast<void**>(&libpo_##name), nullptr }
-#define BIND_OPTION(name)                                                                          \
-    { #name, reinterpret_cast<void**>(&lib_##name), nullptr }
+#define BIND_DATA(name) dynlib_entry(#name, &libpo_##name)
+#define BIND_OPTION(name) dynlib_entry(#name, &lib_##name)
 static const dynlib_symbol SNMP_SYMBOLS[] = {
     BIND_DATA(init_snmp),
     BIND_DATA(generate_Ku),

@@ -31,8 +31,7 @@ static const char* const MYSQL_NAMES[] = {
 };
 
 /* In the order in which a library is found lacking. */
-#define BIND(name)                                                                                 \
-    { #name, reinterpret_cast<void**>(&lib_##name), nullptr }
+#define BIND(name) dynlib_entry(#name, &lib_##name)
 static const dynlib_symbol MYSQL_SYMBOLS[] = {
     BIND(mysql_init),         BIND(mysql_error),     BIND(mysql_options),
     BIND(mysql_real_connect), BIND(mysql_query),     BIND(mysql_store_result),

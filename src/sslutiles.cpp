@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -64,11 +65,15 @@ int wait_socket(int sk, short events, long* budget_us) {
 
 /* --- opening a connection -------------------------------------------------------------------- */
 
-/* A socket for the first address of the list that one can be made for; *chosen is that address. */
+/* A socket for the first address of the list that one can be made for; *chosen is that address.
+ * Requests go out at once: otherwise the first one behind a TLS handshake is held back until the
+ * peer has acknowledged the handshake's end, which it may put off for 40 ms. */
 static unique_fd open_socket(addrinfo* list, addrinfo** chosen) {
     for (addrinfo* a = list; a != nullptr; a = a->ai_next) {
         unique_fd sk(socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol));
         if (sk) {
+            const int at_once = 1;
+            (void)setsockopt(sk.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
             *chosen = a;
             return sk;
         }

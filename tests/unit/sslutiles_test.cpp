@@ -14,6 +14,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <string>
 #include <sys/resource.h>
@@ -198,6 +199,10 @@ TEST_F(connection, connects_and_charges_the_time) {
     tls_peer server(tls_peer::tcp, {{peer::take_rest()}});
     long budget = 10 * SECOND;
     unique_fd sk(make_connection("127.0.0.1", server.port(), &budget));
+    int at_once = 0;
+    socklen_t size = sizeof at_once;
+    EXPECT_EQ(0, getsockopt(sk.get(), IPPROTO_TCP, TCP_NODELAY, &at_once, &size));
+    EXPECT_EQ(1, at_once);
     ASSERT_TRUE(sk);
     EXPECT_TRUE(fcntl(sk.get(), F_GETFL) & O_NONBLOCK);
     EXPECT_TRUE(fcntl(sk.get(), F_GETFD) & FD_CLOEXEC);

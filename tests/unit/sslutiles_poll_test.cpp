@@ -225,7 +225,8 @@ TEST_F(poll_exchange, a_server_that_cannot_be_verified_is_an_internal_error_and_
         EXPECT_EQ(all.code, 4);
         EXPECT_EQ(all.body, "-");
         EXPECT_EQ(session(), "s1");
-        EXPECT_EQ(take_log_text().find("0 ERROR: make_poll: Cannot use CAFILE \"/"), 0u);
+        EXPECT_NE(take_log_text().find("0 ERROR: make_poll: Cannot use CAFILE \"/"),
+                  std::string::npos);
         EXPECT_TRUE(server.await_end());
         EXPECT_EQ(server.request(0), "");
     }

@@ -47,7 +47,7 @@ static int run_missing(const options& o) {
         fail(error);
         return 2;
     }
-    return count.missing > 0 ? 1 : 0;
+    return count.missing + count.refused > 0 ? 1 : 0;
 }
 
 /* Gives the process all the descriptors it may have; returns how many. */

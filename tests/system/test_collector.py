@@ -217,6 +217,14 @@ class Operation(harness.TestCase):
         collector.stop()
         self.assertEqual(collector.missing()[0], 0)
 
+    def test_a_refused_line_of_the_plan_is_reported_as_missing(self):
+        collector = harness.Collector(self, *PLAN, "LAA\t2\t1\t-1").start()
+        client = RawClient(collector.port)
+        client.poll(client.session(agent="a"), block(1))
+        status, report = collector.missing()
+        self.assertEqual(status, 1)
+        self.assertRegex(report, r"^problem\tline \d+: .*\nstored\t.*\n$")
+
     def test_options(self):
         for options in (["--no-such"], ["--port"], ["--port", "65536"], ["--port", "x"], ["stray"],
                         ["--cert", "x"], ["--keep-days", "-1"]):

@@ -38,8 +38,6 @@ class FullDisk(host.TestCase):
         log = agent.log()
         self.assertTrue(log.startswith(full))
         self.assertRegex(log[len(full):], r"^\n" + STAMP.pattern)
-        loads = [row.record for row in self.collector.rows()]
-        self.assertEqual(len(loads), len(set(loads)))
         # Every block was delivered: the agent never had two passes of results at once.
         self.assertNotIn("Unable to establish", log)
 

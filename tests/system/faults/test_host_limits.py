@@ -48,7 +48,7 @@ class Memory(host.TestCase):
         agent = self.start_agent(env=shim.env)
         pid = agent.process.pid
         self.wait_more()
-        for every in (1, 2, 3, 7, 31, 101, 499, 997):
+        for every in (1, 3, 31, 499):
             with self.subTest(every):
                 failed, used = shim.failed, host.cpu_seconds(pid)
                 shim.fail_every = every

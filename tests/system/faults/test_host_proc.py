@@ -44,7 +44,7 @@ class Files(steered.TestCase):
         self.start("LAA\t1\t1\t-1\t-1\t-1", "MMA\t2\t1\t-1\t-1\t-1\t-1\t-1",
                    "CUA\t3\t1\t-1\t-1\t-1\t-1\t-1", "DKA\t4\t1\t/(x|y)\t1", wrap=harness.mounted(*mounts))
         self.wait_all()
-        for number, text in enumerate((b"", b"\0", b"cpu", b"\xff" * 5000), 2):
+        for number, text in enumerate((b"", b"cpu"), 2):
             for name in self.FILES:
                 harness.write_text(os.path.join(self.dir, name), text)
             self.wait_idle(3)

@@ -79,7 +79,7 @@ class Peak:
 
     def __init__(self, pid):
         self.pid, self.threads, self.stopping = pid, 0, False
-        self.thread = threading.Thread(target=self._watch)
+        self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
     def _watch(self):

@@ -82,7 +82,7 @@ class Rounds:
     def __init__(self, pid):
         self.pid, self.resting = pid, status(pid, "Threads")
         self.busy_s, self.children, self.stopping = 0.0, 0, False
-        self.thread = threading.Thread(target=self._watch)
+        self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
     def _watch(self):

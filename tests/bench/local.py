@@ -99,7 +99,7 @@ class Agent:
         self.start()
 
     def start(self):
-        subprocess.run([os.path.join(BUILD, "vindral"), "-C", self.conf], check=False)
+        subprocess.run([os.path.join(BUILD, "vindral"), "-C", self.conf], check=False, stdout=subprocess.DEVNULL)
         wait_for(self.authorized if self.log_level else self.started, "the agent; its log is " + self.log,
                  step_s=0.0005)
         with open(self.pid_file, encoding="ascii") as file:

@@ -23,20 +23,23 @@ from scripted_server import ScriptedServer  # noqa: E402
 PLAN = ["POL\t0\t1", "CHK\t0\t1", "LAA\t1\t1\t-1\t-1\t-1", "LAA\t2\t1\t0\t-1\t-1"]
 
 _POLL_LINES = re.compile(
-    r"INFO: (?:Collecting (results)|data cache size: (\d+)|main_worker_thread::make_poll result: (\d))")
+    r"INFO: (?:data cache size: (\d+)|main_worker_thread::make_poll result: (\d))")
 
 
 def by_log(log):
-    """Sizes of the blocks that an agent's log (of LOGLEVEL 6) shows as accepted, and the bytes that were
-    collected afterwards or are still to be accepted."""
-    accepted, pending = [], 0
-    for match in _POLL_LINES.finditer(log):
-        _, size, result = match.groups()
+    """Sizes of the blocks that an agent's log (of LOGLEVEL 6) shows as accepted, and of the one that is
+    still to be accepted."""
+    accepted, pending, logged_in = [], 0, False
+    for size, result in _POLL_LINES.findall(log):
         if size:
             pending = int(size)
+        elif result == "1" and not logged_in:
+            logged_in = True  # a login carries no records
         elif result == "1" and pending:
             accepted.append(pending)
             pending = 0
+        elif result == "3":
+            logged_in = False
     return accepted, pending
 
 

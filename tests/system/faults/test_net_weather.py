@@ -118,7 +118,7 @@ class Weather(harness.TestCase):
         """Every fifth packet is lost."""
         self.start(1)
         self.wire.loss = 0.2
-        harness.wait_until(lambda: self.wire.lost >= 30, lambda: "%d lost packets" % self.wire.lost)
+        harness.wait_until(lambda: self.wire.lost >= 20, lambda: "%d lost packets" % self.wire.lost)
         self.wait_accepted(3)
         self.check_account()
 

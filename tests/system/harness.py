@@ -57,9 +57,9 @@ isolated = os.environ.get(_NAMESPACE_MARK) == "1"
 needs_namespaces = unittest.skipUnless(
     isolated, "needs root: the kernel files it replaces are mounted in a private namespace")
 
-def main():
-    """Runs the tests of the calling file, or those that the command line names (Class,
-    Class.test_method), and ends with status 0 when all passed."""
+def main(names=None):
+    """Runs the tests of the calling file, or those that the command line (or else the caller) names
+    (Class, Class.test_method), and ends with status 0 when all passed."""
     if os.geteuid() == 0 and not isolated:
         unshare = ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"]
         if subprocess.run(unshare + ["true"], stderr=subprocess.DEVNULL, check=False).returncode == 0:
@@ -74,7 +74,7 @@ def main():
     else:
         become_reaper()
     try:
-        passed = _run_tests(sys.argv[1:])
+        passed = _run_tests(sys.argv[1:] if names is None else names)
     finally:
         if isolated:
             subprocess.run(["umount", "--lazy", tempfile.tempdir], check=False)

@@ -127,7 +127,7 @@ static void take_response(netsnmp_pdu* response, const netsnmp_pdu* request, uns
 }
 
 static int answer(netsnmp_session*, netsnmp_pdu* request, netsnmp_pdu** response) {
-    unsigned head = rest.empty() ? SILENCE : take_byte();
+    unsigned head = rest.empty() ? unsigned{SILENCE} : take_byte();
     *response = nullptr;
     int status = STAT_TIMEOUT;
     if (head != SILENCE) {

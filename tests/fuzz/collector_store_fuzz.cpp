@@ -27,16 +27,13 @@ struct teller : store_listener {
 };
 
 struct temporary_store {
-    fs::path place;
+    std::string place = make_directory();
     teller told;
     std::unique_ptr<store> held;
 
     temporary_store() {
-        char name[] = "/tmp/vindral_store_fuzz.XXXXXX";
-        require(mkdtemp(name) != nullptr);
-        place = name;
         std::string error;
-        held = store::open({.directory = name}, &told, error);
+        held = store::open({.directory = place}, &told, error);
         require(held != nullptr);
     }
     ~temporary_store() {

@@ -60,6 +60,14 @@ void require_no_growth(F run) {
     require(free_descriptor() == descriptor);
 }
 
+/* A new directory, in memory where there is such a place. */
+inline std::string make_directory() {
+    std::string parent = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    std::string name = parent + "/vindral_fuzz.XXXXXX";
+    require(mkdtemp(name.data()) != nullptr);
+    return name;
+}
+
 /* The pieces between separators; one for no separator. */
 inline std::vector<std::string> split(std::string_view text, std::string_view separator) {
     std::vector<std::string> pieces;

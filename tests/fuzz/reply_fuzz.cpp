@@ -117,6 +117,7 @@ static bool start_agent() {
     bind_fake_tls();
     require(freopen("/dev/null", "w", stdout) != nullptr);
     require(start_checkers() == 1);
+    shutdown_net_checker(); /* its sampler, called below, then takes one sample and returns */
     user_email = strdup("somebody@example.org");
     agent_name = strdup("agent");
     agent_home = strdup("/nonexistent");
@@ -124,6 +125,7 @@ static bool start_agent() {
 }
 
 static void run_passes() {
+    net_calc_worker_thread(nullptr);
     for (auto pass : {do_proc_check, do_http_check, do_ping_check, do_mem_check, do_disk_check,
                       do_lda_check, do_snmp_check, do_mysql_check, run_discovery, do_net_check}) {
         pass();

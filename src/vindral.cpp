@@ -1,6 +1,7 @@
 /* Start, run, stop. */
 #include "vindral.h"
 
+#include "dynlib.h"
 #include "libsslloader.h"
 
 #include <csignal>
@@ -86,7 +87,11 @@ int main(int argc, char** argv) {
         leveledadd2log(-1, "SSL connection initialization failed.");
         return 0;
     }
-    if (!start_checkers() || !start_worker(shutdown_signals)) {
+    if (!start_checkers()) {
+        return 0;
+    }
+    dynlib_forget_pages();
+    if (!start_worker(shutdown_signals)) {
         return 0;
     }
     wait_for_worker();

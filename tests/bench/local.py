@@ -45,17 +45,17 @@ def tree(pid):
 
 def sleepers(count):
     """Processes that do nothing, so that the namespace holds `count` of them."""
-    for _ in range(count):
-        if os.fork() == 0:
-            signal.pause()
-            os._exit(0)
+    for _ in range(count):  # not a copy of this process, which shares libraries with what it measures
+        subprocess.Popen(["sleep", "infinity"])
 
 
 def interfaces():
-    """Pairs of connected interfaces that are up."""
+    """A pair of connected interfaces that are up, with addresses: the agent's checker takes no others."""
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     subprocess.run(["ip", "link", "add", "bench0", "type", "veth", "peer", "name", "bench1"], check=True)
-    for name in ("bench0", "bench1"):
+    for number in range(2):
+        name = "bench%d" % number
+        subprocess.run(["ip", "address", "add", "10.78.%d.1/32" % number, "dev", name], check=True)
         subprocess.run(["ip", "link", "set", name, "up"], check=True)
 
 
@@ -81,21 +81,27 @@ def local_tests(count):
 
 
 class Agent:
-    """The agent and a collector; only the agent counts."""
+    """The agent and a collector on the address `server`; only the agent counts. `before` and `env` are
+    those of the collector."""
 
-    def __init__(self, home, plan, log_level=1):
+    def __init__(self, home, plan, log_level=1, server="127.0.0.1", before=(), env=None):
         plan_path = os.path.join(home, "plan")
         with open(plan_path, "w", encoding="utf-8") as file:
             file.write("\n".join(plan) + "\n")
-        self.collector, port = start_collector(home, options=("--plan", plan_path))
-        conf = os.path.join(home, "conf")
+        self.collector, port = start_collector(
+            home, *before, options=("--plan", plan_path, "--listen", server), env=env)
+        self.conf, self.log_level = os.path.join(home, "conf"), log_level
         self.pid_file, self.log = os.path.join(home, "pid"), os.path.join(home, "log")
-        with open(conf, "w", encoding="utf-8") as file:
+        with open(self.conf, "w", encoding="utf-8") as file:
             file.write("VINDRALHOME %s\nLOGFILE %s\nPIDFILE %s\nUSEREMAIL bench@example.org\nLOGLEVEL %d\n"
-                       "AGENTNAME local\nUSEHOST https://127.0.0.1:%d/fcgi-bin/agentgateway\n"
-                       % (home, self.log, self.pid_file, log_level, port))
-        subprocess.run([os.path.join(BUILD, "vindral"), "-C", conf], check=False)
-        wait_for(self.authorized if log_level else self.started, "the agent")
+                       "AGENTNAME local\nUSEHOST https://%s:%d/fcgi-bin/agentgateway\n"
+                       % (home, self.log, self.pid_file, log_level, server, port))
+        self.start()
+
+    def start(self):
+        subprocess.run([os.path.join(BUILD, "vindral"), "-C", self.conf], check=False, stdout=subprocess.DEVNULL)
+        wait_for(self.authorized if self.log_level else self.started, "the agent; its log is " + self.log,
+                 step_s=0.0005)
         with open(self.pid_file, encoding="ascii") as file:
             self.pid = int(file.read())
 
@@ -112,9 +118,13 @@ class Agent:
     def query(self):
         pass
 
-    def stop(self):
+    def hang_up(self):
         os.kill(self.pid, signal.SIGHUP)
         os.waitpid(self.pid, 0)  # the first process of the namespace inherits the daemon
+        os.unlink(self.log)
+
+    def stop(self):
+        self.hang_up()
         end(self.collector)
 
 

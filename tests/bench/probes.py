@@ -79,7 +79,7 @@ class Peak:
 
     def __init__(self, pid):
         self.pid, self.threads, self.stopping = pid, 0, False
-        self.thread = threading.Thread(target=self._watch)
+        self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
     def _watch(self):
@@ -166,15 +166,19 @@ def answered(url, mark):
         return False
 
 
-def blackbox(home, url, tests):
+def start_blackbox(home, address="127.0.0.1"):
     port = free_port()
     with open(home + "/blackbox.yml", "w", encoding="ascii") as file:
         file.write("modules:\n  page:\n    prober: http\n    http:\n      preferred_ip_protocol: ip4\n"
                    "      tls_config: {insecure_skip_verify: true}\n")
     process = subprocess.Popen(["prometheus-blackbox-exporter", "--config.file=" + home + "/blackbox.yml",
-                                "--web.listen-address=127.0.0.1:%d" % port],
+                                "--web.listen-address=%s:%d" % (address, port)],
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return process, port
 
+
+def blackbox(home, url, tests):
+    process, port = start_blackbox(home)
     page = "http://127.0.0.1:%d/probe?module=page&target=%s" % (port, url)
     exporter_rate("blackbox", process, lambda: answered(page, b"probe_success 1"), tests, 16)
 

@@ -43,9 +43,7 @@ class Mariadb:
         wait_for(lambda: os.path.exists(self.socket), "mariadbd")
 
 
-def exporter(home, database, count):
-    if not shutil.which("prometheus-mysqld-exporter"):
-        return
+def start_exporter(home, database, address="127.0.0.1"):
     port = free_port()
     with open(home + "/my.cnf", "w", encoding="ascii") as file:
         file.write("[client]\nuser=root\npassword=x\nsocket=%s\n" % database.socket)
@@ -54,10 +52,16 @@ def exporter(home, database, count):
                   "--no-collect.info_schema.query_response_time"]
     process = subprocess.Popen(
         ["prometheus-mysqld-exporter", "--config.my-cnf=" + home + "/my.cnf",
-         "--web.listen-address=127.0.0.1:%d" % port, *collectors],
+         "--web.listen-address=%s:%d" % (address, port), *collectors],
         env=dict(os.environ, DATA_SOURCE_NAME="root@unix(%s)/" % database.socket),
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return process, port
 
+
+def exporter(home, database, count):
+    if not shutil.which("prometheus-mysqld-exporter"):
+        return
+    process, port = start_exporter(home, database)
     exporter_rate("mysqld_exporter", process,
                   lambda: answered("http://127.0.0.1:%d/metrics" % port, b"mysql_up 1"), count, 4)
 

@@ -82,7 +82,7 @@ class Rounds:
     def __init__(self, pid):
         self.pid, self.resting = pid, status(pid, "Threads")
         self.busy_s, self.children, self.stopping = 0.0, 0, False
-        self.thread = threading.Thread(target=self._watch)
+        self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
     def _watch(self):
@@ -145,9 +145,7 @@ def tool(name, command, count):
     print("%-14s %.3f ms CPU a query, %.2f s for %d" % (name + ":", used / count, took, count), flush=True)
 
 
-def exporter(home, port, count):
-    if not shutil.which("prometheus-snmp-exporter"):
-        return
+def start_exporter(home, address="127.0.0.1"):
     listening = free_port()
     with open(home + "/snmp.yml", "w", encoding="ascii") as file:
         file.write("bench:\n  get: [%s]\n  metrics:\n" % ", ".join(OBJECTS))
@@ -155,10 +153,16 @@ def exporter(home, port, count):
             kind = "gauge" if i == 1 else "DisplayString"
             file.write("  - {name: m%d, oid: %s, type: %s, help: m}\n" % (i, name, kind))
     process = subprocess.Popen(["prometheus-snmp-exporter", "--config.file=" + home + "/snmp.yml",
-                                "--web.listen-address=127.0.0.1:%d" % listening],
+                                "--web.listen-address=%s:%d" % (address, listening)],
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    url = "http://127.0.0.1:%d/snmp?module=bench&target=127.0.0.1:%d" % (listening, port)
+    return process, listening
 
+
+def exporter(home, port, count):
+    if not shutil.which("prometheus-snmp-exporter"):
+        return
+    process, listening = start_exporter(home)
+    url = "http://127.0.0.1:%d/snmp?module=bench&target=127.0.0.1:%d" % (listening, port)
     exporter_rate("snmp_exporter", process, lambda: answered(url, b"m1"), count, 8)
 
 

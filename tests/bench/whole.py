@@ -18,22 +18,22 @@ BUILD = os.path.join(TOP, "build", "release")
 BENCH = os.path.join(BUILD, "tests", "bench")
 
 
-def wait_for(condition, what):
-    end = time.monotonic() + 30
+def wait_for(condition, what, step_s=0.02):
+    end = time.monotonic() + 90  # a poll that failed is tried again after 60 s
     while not condition():
         if time.monotonic() > end:
             sys.exit("waited in vain for " + what)
-        time.sleep(0.02)
+        time.sleep(step_s)
 
 
-def start_collector(home, *before, options=()):
+def start_collector(home, *before, options=(), env=None):
     port_file = os.path.join(home, "port")
     if os.path.exists(port_file):
         os.unlink(port_file)
     process = subprocess.Popen(
         [*before, os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
          port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000", *options],
-        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
     wait_for(lambda: os.path.exists(port_file), "the collector")
     with open(port_file, encoding="ascii") as file:
         return process, int(file.read())

@@ -183,7 +183,8 @@ def well_behaved(peer):
 
 
 class ScriptedServer:
-    def __init__(self, test, certificate=None, default=well_behaved, context=None):
+    def __init__(self, test, certificate=None, default=well_behaved, context=None,
+                 address=("127.0.0.1", 0)):
         self.requests = []
         self.connections = 0  # accepted so far
         self.failures = []    # connections that broke in a step
@@ -194,7 +195,7 @@ class ScriptedServer:
         self._lock = threading.Lock()
         self._threads = []
         self.context = context or server_context(*(certificate or make_certificate(test)))
-        self._listener = socket.create_server(("127.0.0.1", 0), backlog=64)
+        self._listener = socket.create_server(address, backlog=64)
         self.port = self._listener.getsockname()[1]
         self._acceptor = threading.Thread(target=self._accept)
         self._acceptor.start()

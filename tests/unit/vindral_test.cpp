@@ -95,6 +95,9 @@ int init_ssl_variables() {
 int start_checkers() {
     return record("start_checkers");
 }
+void dynlib_forget_pages() {
+    record("dynlib_forget_pages");
+}
 void set_poll_interval(int poll_interval) {
     record("set_poll_interval " + std::to_string(poll_interval));
 }
@@ -127,7 +130,8 @@ namespace {
 
 const std::string TO_CHECKERS = "process_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
                                 "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
-                                "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n";
+                                "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n"
+                                "dynlib_forget_pages\n";
 
 std::string banner() {
     const std::string stars = "\n\n\t\t\t\t" + std::string(51, '*');

@@ -82,10 +82,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string last;
     for (const std::string& block :
          split({reinterpret_cast<const char*>(data), size}, "\n====\n")) {
-        if (block != last || block.empty()) {
+        if (block.empty()) {
             check_block(*current, agent, block);
+        } else if (block != last) {
+            check_block(*current, agent, block);
+            last = block;
         }
-        last = block;
     }
     return 0;
 }

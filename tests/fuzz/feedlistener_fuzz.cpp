@@ -2,6 +2,7 @@
  * end, and what ends the connection are the same as for the stream in one piece.
  * Input: one byte for the sizes of the packets, then the stream. */
 #include "feedlistener_frame.h"
+#include "fuzz.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,12 +11,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-static void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 struct outcome {
     std::vector<std::string> chunks;

@@ -2,14 +2,10 @@
  * looks at a server's bytes before anybody has vouched for them. */
 #include "sslutiles.cpp"
 
+#include "fuzz.h"
+
 #include <cstdint>
 #include <cstring>
-
-static void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 /* An exact copy with a NUL behind it, as receive_response leaves it. */
 static heap_text copy_of(const uint8_t* data, size_t size) {

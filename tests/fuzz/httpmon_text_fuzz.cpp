@@ -1,13 +1,9 @@
 /* What a web server can make of a check: the status line, the announced length and the location. */
 #include "httpmon_text.cpp"
 
-#include <cstdint>
+#include "fuzz.h"
 
-static void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
+#include <cstdint>
 
 static void check_status(const char* response, char* info) {
     char line[STATUS_LINE_SIZE];

@@ -1,16 +1,11 @@
 /* The splitters of text from outside: command lines and fields, tokens, URLs, and the encoders.
  * Input: one byte for the separator, then the text. */
+#include "fuzz.h"
 #include "vindral_common.h"
 #include "vindral_text.h"
 
 #include <cstring>
 #include <string>
-
-static void require(bool holds) {
-    if (!holds) {
-        __builtin_trap();
-    }
-}
 
 /* The fields, joined again, are the text less one separator at its end. */
 static void check_uparser(const std::string& text, char separator) {

@@ -2,17 +2,12 @@
  * accepted is built again from its values, byte for byte. */
 #include "udc.h"
 
+#include "fuzz.h"
 #include "guards.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-
-static void require(bool condition) {
-    if (!condition) {
-        abort();
-    }
-}
 
 /* Adds everything the record holds to a new writer; empty strings are not stored. */
 static void require_rebuilt(const UDCW& from) {

@@ -47,7 +47,7 @@ static int run_missing(const options& o) {
         fail(error);
         return 2;
     }
-    return count.missing > 0 ? 1 : 0;
+    return count.missing + count.refused > 0 ? 1 : 0;
 }
 
 /* Gives the process all the descriptors it may have; returns how many. */
@@ -121,14 +121,54 @@ static void handle_signals(boost::asio::signal_set& signals, server& collector, 
     });
 }
 
-/* The state directory, the key pair in it unless one is given, and the context made from that. */
-static tls_context prepare_tls(const options& o, std::string& error) {
+/* The address to listen on, when it is one that a certificate can name. */
+static std::vector<std::string> listening_name(const options& o) {
+    bool any = o.listen == "0.0.0.0" || o.listen == "::" || !is_server_name(o.listen);
+    return any ? std::vector<std::string>() : std::vector<std::string>{o.listen};
+}
+
+/* The key pair of the state directory unless one is given, and the context made from that. */
+static tls_context prepare_tls(const options& o, identity_report& report, std::string& error) {
     identity_files identity{o.cert, o.key};
-    if (!prepare_state_dir(o.state_dir, error) ||
-        (o.cert.empty() && !ensure_identity(o.state_dir, identity, error))) {
+    std::vector<std::string> names = o.names;
+    for (const std::string& name : listening_name(o)) {
+        names.push_back(name);
+    }
+    if (!o.cert.empty()) {
+        report = report_identity(identity);
+    } else if (!ensure_identity(o.state_dir, names, identity, report, error)) {
         return nullptr;
     }
     return make_tls_context(identity, error);
+}
+
+/* What agents may call this server: no IPv6 address, which they cannot use. */
+static std::string name_for_agents(const options& o, const identity_report& report) {
+    std::vector<std::string> candidates = o.names;
+    if (!o.cert.empty()) {
+        candidates = report.names;
+    } else if (o.listen == "::1") {
+        candidates.push_back("127.0.0.1");
+    } else {
+        for (const std::string& name : listening_name(o)) {
+            candidates.push_back(name);
+        }
+    }
+    auto usable = [](const std::string& name) { return name.find_first_of(":*") == name.npos; };
+    auto found = std::find_if(candidates.begin(), candidates.end(), usable);
+    return found != candidates.end() ? *found : own_host_name();
+}
+
+/* The two lines that make a host report here. */
+static std::string lines_for_hosts(const options& o, const identity_report& report, uint16_t port) {
+    std::string authority = report.authority.empty()
+                                ? "the certificate of the authority that signed " + o.cert
+                                : report.authority;
+    return "A host needs these lines in its vindral.conf, and in the place that the second one "
+           "names"
+           " a copy of\n" +
+           authority + ":\n  USEHOST  https://" + name_for_agents(o, report) + ":" +
+           std::to_string(port) + "/fcgi-bin/agentgateway\n  CAFILE   /etc/vindral-ca.pem\n";
 }
 
 static std::string describe(const plan_problem& problem) {
@@ -136,16 +176,21 @@ static std::string describe(const plan_problem& problem) {
            problem.reason;
 }
 
-/* Says where it listens, on standard error and in the port file. */
-static bool announce(const options& o, const server& collector, std::string& error) {
-    std::cerr << "Listening on " + collector.where() + "\n";
+/* Says where it listens, on standard error and in the port file, and what hosts need. */
+static bool announce(const options& o, const server& collector, const identity_report& report,
+                     std::string& error) {
+    std::string text;
+    for (const std::string& note : report.notes) {
+        text += "vindral-collector: " + note + "\n";
+    }
+    text += "Listening on " + collector.where() + "\n";
+    std::cerr << text + lines_for_hosts(o, report, collector.port());
     return o.port_file.empty() || write_port_file(o.port_file, collector.port(), error);
 }
 
 static int run_server(const options& o) {
     std::string error;
-    tls_context tls = prepare_tls(o, error);
-    if (!tls) {
+    if (!prepare_state_dir(o.state_dir, error)) {
         return fail(error);
     }
     std::unique_ptr<store_listener> output =
@@ -154,6 +199,12 @@ static int run_server(const options& o) {
     store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     std::unique_ptr<store> results = store::open(keeping, output.get(), error);
     if (!results) {
+        return fail(error);
+    }
+    identity_report identity;
+    tls_context tls =
+        prepare_tls(o, identity, error); /* after the store, which is one process' only */
+    if (!tls) {
         return fail(error);
     }
     std::vector<std::string> early; /* about the plan, before the line "Listening on" */
@@ -169,7 +220,7 @@ static int run_server(const options& o) {
     }
     server collector(server_options_from(o), tls.get(), *results, commands, log);
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
-    if (!collector.listen(error) || !announce(o, collector, error)) {
+    if (!collector.listen(error) || !announce(o, collector, identity, error)) {
         return fail(error);
     }
     listening = true;

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "certificate.h"
+
 #include <algorithm>
 #include <charconv>
 #include <getopt.h>
@@ -17,7 +19,10 @@ database in the state directory and sends the agents the tests of a plan.
                           (/var/lib/vindral-collector)
   --plan FILE             commands for the agents, one a line
   --cert FILE --key FILE  certificate chain and private key, PEM; without them
-                          a self-signed pair is made in the state directory
+                          a pair is made in the state directory, signed by an
+                          authority of its own, ca.pem
+  --name NAME             host name or address by which agents reach this one,
+                          for that certificate; repeat for more
   --allow EMAIL           account that may log in; repeat for more (all)
   --json                  one JSON object a line on standard output
   --quiet                 no results on standard output
@@ -44,6 +49,7 @@ enum long_only {
     opt_plan,
     opt_cert,
     opt_key,
+    opt_name,
     opt_allow,
     opt_json,
     opt_quiet,
@@ -65,6 +71,7 @@ static const option long_options[] = {
     {"plan", required_argument, nullptr, opt_plan},
     {"cert", required_argument, nullptr, opt_cert},
     {"key", required_argument, nullptr, opt_key},
+    {"name", required_argument, nullptr, opt_name},
     {"allow", required_argument, nullptr, opt_allow},
     {"json", no_argument, nullptr, opt_json},
     {"quiet", no_argument, nullptr, opt_quiet},
@@ -98,6 +105,9 @@ static bool parse_number(const char* name, std::string_view value, T low, T high
 static std::string find_conflict(const options& o) {
     if (o.cert.empty() != o.key.empty()) {
         return "--cert and --key belong together";
+    }
+    if (!o.cert.empty() && !o.names.empty()) {
+        return "--name is for a certificate that is made, not for --cert";
     }
     if (o.missing && o.plan.empty()) {
         return "--missing needs --plan";
@@ -144,6 +154,13 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
             break;
         case opt_key:
             out.key = optarg;
+            break;
+        case opt_name:
+            out.names.emplace_back(optarg);
+            fine = is_server_name(optarg);
+            text = fine ? ""
+                        : std::string("--name takes a host name or an address, not \"") + optarg +
+                              "\"";
             break;
         case opt_allow:
             out.allow.emplace_back(optarg);

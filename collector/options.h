@@ -13,6 +13,7 @@ struct options {
     std::string state_dir = "/var/lib/vindral-collector";
     std::string plan;               /* empty: no plan */
     std::string cert, key;          /* both or none; none: made in the state directory */
+    std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
     bool json = false;
     bool quiet = false;

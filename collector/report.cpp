@@ -112,6 +112,7 @@ bool print_missing(const std::string& directory, const std::string& plan_path, i
         if (p.number == 0) {
             unreadable = p.reason;
         } else {
+            ++count.refused;
             out << "problem\tline " << p.number << ": " << p.reason << '\n';
         }
     });

@@ -10,6 +10,7 @@
 struct missing_count {
     size_t stored = 0;  /* planned tests with a result, each agent counted for itself */
     size_t missing = 0; /* planned tests without */
+    size_t refused = 0; /* lines of the plan that are left out, and with them the tests they add */
 };
 
 /* Prints one line for each agent that ever sent results and each test that the plan adds and does

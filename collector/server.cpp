@@ -15,6 +15,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <ctime>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -231,7 +232,33 @@ struct server::state {
     awaitable<bool> answer(exchange& x);
 
     void begin_phase(exchange& x, server_deadlines::duration length);
+    void log_failure(const char* what, const char* why) noexcept;
 };
+
+/* For want of memory nothing can be made to wait for, and nobody served meanwhile. */
+static void wait_for_memory() {
+    std::this_thread::sleep_for(tick);
+}
+
+/* Hands `work` to the context from another thread, which has to succeed in the end. */
+template <typename Work>
+static void post_surely(asio::io_context& context, const Work& work) {
+    for (;;) {
+        try {
+            asio::post(context, work);
+            return;
+        } catch (const std::exception&) {
+            wait_for_memory();
+        }
+    }
+}
+
+void server::state::log_failure(const char* what, const char* why) noexcept {
+    try {
+        log(event::failure, std::string(what) + ": " + why);
+    } catch (const std::exception&) { /* not even memory for that */
+    }
+}
 
 static std::string describe(const tcp::endpoint& from) {
     return from.address().to_string();
@@ -246,17 +273,22 @@ static std::string describe(const session& s, const exchange& x) {
 awaitable<void> server::state::accept_all() {
     asio::steady_timer pause(context);
     while (!stopping) {
-        tcp::endpoint from;
-        auto [failed, socket] =
-            co_await acceptor.async_accept(from, asio::as_tuple(asio::use_awaitable));
-        if (!failed) {
-            admit(std::move(socket), from);
-        } else if (!stopping && failed != asio::error::connection_aborted) {
-            /* Out of descriptors or memory: the connection stays in the queue, so trying again at
-             * once would spin. */
-            log(event::accept, "cannot accept connections: " + failed.message());
-            pause.expires_after(tick);
-            co_await pause.async_wait(asio::as_tuple(asio::use_awaitable));
+        try {
+            tcp::endpoint from;
+            auto [failed, socket] =
+                co_await acceptor.async_accept(from, asio::as_tuple(asio::use_awaitable));
+            if (!failed) {
+                admit(std::move(socket), from);
+            } else if (!stopping && failed != asio::error::connection_aborted) {
+                /* Out of descriptors or memory: the connection stays in the queue, so trying again
+                 * at once would spin. */
+                log(event::accept, "cannot accept connections: " + failed.message());
+                pause.expires_after(tick);
+                co_await pause.async_wait(asio::as_tuple(asio::use_awaitable));
+            }
+        } catch (const std::exception& e) {
+            log_failure("cannot accept connections", e.what());
+            wait_for_memory();
         }
     }
 }
@@ -271,9 +303,9 @@ void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
                                 ": a new one was reset");
         return;
     }
-    ++connections;
     ++per_address[key];
-    asio::co_spawn(context, serve(std::move(socket), from), [this, key](std::exception_ptr thrown) {
+    ++connections;
+    auto leave = [this, key] {
         if (--connections == 0 && stopping) {
             sweep_timer.cancel();
         }
@@ -281,25 +313,43 @@ void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
         if (--entry->second == 0) {
             per_address.erase(entry);
         }
-        try {
-            if (thrown) {
-                std::rethrow_exception(thrown);
-            }
-        } catch (const std::exception& e) { /* memory is short: the connection is gone, no more */
-            log(event::failure, std::string("a connection was dropped: ") + e.what());
-        }
-    });
+    };
+    try {
+        asio::co_spawn(context, serve(std::move(socket), from),
+                       [this, leave](std::exception_ptr thrown) {
+                           leave();
+                           try {
+                               if (thrown) {
+                                   std::rethrow_exception(thrown);
+                               }
+                           } catch (const std::exception& e) { /* memory is short */
+                               log_failure("a connection was dropped", e.what());
+                           }
+                       });
+    } catch (const std::exception&) {
+        leave();
+        throw;
+    }
     if (!sweeping) {
         sweeping = true;
-        asio::co_spawn(context, sweep(), asio::detached);
+        try {
+            asio::co_spawn(context, sweep(), asio::detached);
+        } catch (const std::exception&) {
+            sweeping = false;
+            throw;
+        }
     }
 }
 
 /* Gives up what is past its deadline. Runs as long as there are connections. */
 awaitable<void> server::state::sweep() {
     while (connections > 0) {
-        sweep_timer.expires_after(tick);
-        co_await sweep_timer.async_wait(asio::as_tuple(asio::use_awaitable));
+        try {
+            sweep_timer.expires_after(tick);
+            co_await sweep_timer.async_wait(asio::as_tuple(asio::use_awaitable));
+        } catch (const std::exception&) {
+            wait_for_memory();
+        }
         auto now = clock_type::now();
         for (connection& link : links) {
             if (now >= std::min(link.deadline(), stop_by) && !link.given_up()) {
@@ -567,11 +617,16 @@ awaitable<bool> server::state::unpack(const request& head, const std::string& wi
     if (std::max<size_t>(wire.size(), head.compression) <= options.unpack_here) {
         co_return work();
     }
-    auto elsewhere = [this, work](auto handler) {
-        asio::post(unpacker, [this, work, handler = std::move(handler),
-                              guard = asio::make_work_guard(context)]() mutable {
-            bool good = work();
-            asio::post(context, [good, handler = std::move(handler)]() mutable { handler(good); });
+    auto elsewhere = [this, work, &error](auto handler) {
+        auto held = std::make_shared<decltype(handler)>(std::move(handler));
+        asio::post(unpacker, [this, work, &error, held, guard = asio::make_work_guard(context)] {
+            bool good = false;
+            try {
+                good = work();
+            } catch (const std::exception&) {
+                error = "no memory"; /* fits into any string */
+            }
+            post_surely(context, [good, held] { std::move (*held)(good); });
         });
     };
     co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(bool)>(
@@ -585,9 +640,7 @@ awaitable<store_result> server::state::keep(poll_block block) {
             std::make_shared<decltype(handler)>(std::move(handler)); /* std::function copies */
         results.submit(std::move(what),
                        [this, held, guard = asio::make_work_guard(context)](store_result result) {
-                           asio::post(context, [result, handler = std::move(*held)]() mutable {
-                               handler(result);
-                           });
+                           post_surely(context, [result, held] { std::move (*held)(result); });
                        });
     };
     return asio::async_initiate<const asio::use_awaitable_t<>, void(store_result)>(

@@ -189,8 +189,9 @@ public:
                 done(store_result::failed);
                 return;
             }
-            queued_bytes_ += block.plain.size();
+            size_t bytes = block.plain.size();
             queue_.push_back({.block = std::move(block), .done = std::move(done), .bad = {}});
+            queued_bytes_ += bytes;
         }
         wake_.notify_one();
     }
@@ -516,11 +517,17 @@ void sqlite_store::write_batch(std::deque<job>& batch) {
         for (job& j : batch) {
             j.result = store_result::failed;
         }
-        error = "results cannot be stored, the agents keep them: " + error;
     }
-    report(trouble_, error, "results are stored again");
+    try {
+        report(trouble_, ok ? "" : "results cannot be stored, the agents keep them: " + error,
+               "results are stored again");
+    } catch (const std::exception&) { /* the next batch says it */
+    }
     for (job& j : batch) {
-        tell(j);
+        try {
+            tell(j);
+        } catch (const std::exception&) { /* stored all the same */
+        }
         j.done(j.result);
     }
 }
@@ -548,7 +555,10 @@ void sqlite_store::write_batches() {
             std::lock_guard hold(mutex_);
             queued_bytes_ -= bytes;
         }
-        expire();
+        try {
+            expire();
+        } catch (const std::exception&) { /* no memory: at the next batch */
+        }
     }
 }
 

@@ -58,11 +58,25 @@ struct condition {
     pthread_cond_t handle = PTHREAD_COND_INITIALIZER;
 };
 
-/* Waits with `m` held until a signal or the absolute CLOCK_REALTIME time `deadline`. A cancellation
- * point when cancellation is on: the mutex is taken back before the stack unwinds. Returns what
- * pthread_cond_timedwait returns. */
+/* Waits with `m` held until a signal or the CLOCK_REALTIME time `deadline` as that clock stands
+ * now: setting it back by a day must not make the wait a day longer, so what is left is waited out
+ * by a clock that nobody sets. A cancellation point when cancellation is on: the mutex is taken
+ * back before the stack unwinds. Returns what pthread_cond_timedwait returns. */
 inline int condition_wait_until(condition& c, mutex& m, const timespec& deadline) REQUIRES(m) {
-    return pthread_cond_timedwait(&c.handle, &m.handle, &deadline);
+    constexpr long SECOND_NS = 1000000000;
+    timespec now, end;
+    clock_gettime(CLOCK_REALTIME, &now); /* the first of the two, so that the wait is never short */
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += deadline.tv_sec - now.tv_sec;
+    end.tv_nsec += deadline.tv_nsec - now.tv_nsec;
+    if (end.tv_nsec < 0) {
+        end.tv_nsec += SECOND_NS;
+        end.tv_sec--;
+    } else if (end.tv_nsec >= SECOND_NS) {
+        end.tv_nsec -= SECOND_NS;
+        end.tv_sec++;
+    }
+    return pthread_cond_clockwait(&c.handle, &m.handle, CLOCK_MONOTONIC, &end);
 }
 
 /* Seconds since the epoch by the precise clock. The coarse one behind time() can still show the

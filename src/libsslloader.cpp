@@ -38,6 +38,18 @@ decltype(&ERR_get_error) lib_ERR_get_error = nullptr;
 void (*lib_OPENSSL_add_all_algorithms_noconf)() = nullptr;
 void (*lib_OPENSSL_add_all_algorithms_conf)() = nullptr;
 
+const char* ssl_missing_to_verify = nullptr;
+decltype(&SSL_CTX_new) lib_SSL_CTX_new_private = nullptr;
+decltype(&SSL_CTX_load_verify_locations) lib_SSL_CTX_load_verify_locations = nullptr;
+decltype(&SSL_CTX_set_verify) lib_SSL_CTX_set_verify = nullptr;
+decltype(&SSL_get0_param) lib_SSL_get0_param = nullptr;
+decltype(&SSL_get_verify_result) lib_SSL_get_verify_result = nullptr;
+decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain = nullptr;
+decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags = nullptr;
+decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host = nullptr;
+decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc = nullptr;
+decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string = nullptr;
+
 /* In the order of the attempts. "libcrypto.0.9.8e" is no mistake of the table; it stays. */
 static const char* const LIBSSL_NAMES[] = {
     "libssl.so",        "libssl.so.1.0.0",  "libssl.so.1.0.0a", "libssl.so.1.0.0b",
@@ -130,6 +142,20 @@ static const dynlib_symbol LIBSSL_SYMBOLS[] = {
     BIND(OPENSSL_add_all_algorithms_noconf, through_init_crypto<add_all_algorithms>),
     BIND(OPENSSL_add_all_algorithms_conf, through_init_crypto<add_all_algorithms_and_config>),
 };
+
+/* Bound where the library has them: without, all works but verification. */
+static const dynlib_symbol VERIFY_SYMBOLS[] = {
+    dynlib_entry("SSL_CTX_new", &lib_SSL_CTX_new_private),
+    BIND(SSL_CTX_load_verify_locations, nullptr),
+    BIND(SSL_CTX_set_verify, nullptr),
+    BIND(SSL_get0_param, nullptr),
+    BIND(SSL_get_verify_result, nullptr),
+    BIND(SSL_get_peer_cert_chain, nullptr),
+    BIND(X509_VERIFY_PARAM_set_flags, nullptr),
+    BIND(X509_VERIFY_PARAM_set1_host, nullptr),
+    BIND(X509_VERIFY_PARAM_set1_ip_asc, nullptr),
+    BIND(X509_verify_cert_error_string, nullptr),
+};
 #undef BIND
 
 /* Before 1.1.0 the library has no locks of its own: checks in parallel threads would corrupt it
@@ -184,6 +210,16 @@ int init_ssl_lib() {
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
 }
 
+static void bind_verification() {
+    ssl_missing_to_verify = nullptr;
+    for (const dynlib_symbol& symbol : VERIFY_SYMBOLS) {
+        if (!dynlib_bind(libssl_handle, &symbol, 1)) {
+            ssl_missing_to_verify = symbol.name;
+            return;
+        }
+    }
+}
+
 /* What a thread leaves behind in the library is freed when the thread ends, and locks are taken for
  * that as well: so it is done inside the gate, and ahead of the library's own hook, which then
  * finds nothing. Older libraries than 1.1.0 have neither. */
@@ -227,14 +263,15 @@ struct gated<pointer> {
         return bound(arguments...);
     }
     static void put_in() {
-        if (*pointer != call) {
+        if (*pointer != nullptr && *pointer != call) {
             bound = *pointer;
             *pointer = call;
         }
     }
 };
 
-/* All that connections call, but SSL_get_error and the method, which take no locks. */
+/* All that connections call, but SSL_get_error, the method and what only tells or sets a value,
+ * which take no locks. */
 static void put_in_gates() {
     gated<&lib_SSL_CTX_new>::put_in();
     gated<&lib_SSL_CTX_free>::put_in();
@@ -247,6 +284,11 @@ static void put_in_gates() {
     gated<&lib_SSL_shutdown>::put_in();
     gated<&lib_ERR_error_string>::put_in();
     gated<&lib_ERR_get_error>::put_in();
+    gated<&lib_SSL_ctrl>::put_in();
+    gated<&lib_SSL_CTX_new_private>::put_in();
+    gated<&lib_SSL_CTX_load_verify_locations>::put_in();
+    gated<&lib_X509_VERIFY_PARAM_set1_host>::put_in();
+    gated<&lib_X509_VERIFY_PARAM_set1_ip_asc>::put_in();
 }
 
 /* A new context costs a fifth of a connection, and all of the agent's are alike, with nothing that
@@ -286,6 +328,7 @@ int init_ssl_variables() {
     lib_ERR_load_BIO_strings();
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
+    bind_verification();
     share_context();
     bind_end_of_thread();
     put_in_gates();

@@ -379,13 +379,25 @@ static void finish_query(running_query& q) {
     }
 }
 
-/* Waits for any of the pipes; pipes[i] is that of queries[i]. The last one takes the place of one
- * that is over: poll refuses more slots than there may be descriptors. */
+/* Waits for any of the pipes, or for the first where that is refused: for want of memory, or since
+ * the limit of descriptors was lowered meanwhile and poll takes no more slots than that. */
+static void wait_for_any(pollfd* pipes, int open) {
+    if (poll(pipes, static_cast<nfds_t>(open), -1) >= 0) {
+        return;
+    }
+    for (int i = 0; i < open; i++) {
+        pipes[i].revents = 0;
+    }
+    if (errno != EINTR) {
+        poll(pipes, 1, -1);
+    }
+}
+
+/* pipes[i] is that of queries[i]. The last one takes the place of one that is over: poll refuses
+ * more slots than there may be descriptors. */
 static void collect(running_query* queries, pollfd* pipes, int open) {
     while (open > 0) {
-        if (poll(pipes, static_cast<nfds_t>(open), -1) < 0) {
-            continue;
-        }
+        wait_for_any(pipes, open);
         for (int i = 0; i < open;) {
             if (pipes[i].revents == 0 ||
                 read_chunk(pipes[i].fd, queries[i].text) == read_outcome::more) {

@@ -4,6 +4,7 @@
 #include "guards.h"
 #include "libsslloader.h"
 #include "sslutiles.h"
+#include "sslutiles_verify.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
 
@@ -43,7 +44,7 @@ struct free_session {
  * peer; a finished exchange says good-bye first. */
 struct tls_connection {
     unique_fd socket;
-    std::unique_ptr<SSL_CTX, free_context> context;
+    std::unique_ptr<SSL_CTX, free_context> context; /* none when the server is verified */
     std::unique_ptr<SSL, free_session> session;
 };
 
@@ -68,6 +69,10 @@ static const char* or_default(const char* configured, const char* otherwise) {
 
 static bool is_empty(const char* text) {
     return text == nullptr || *text == '\0';
+}
+
+static const char* server_host() {
+    return or_default(alt_server, DEFAULT_SERVER);
 }
 
 static double seconds_spent(long budget_us) {
@@ -96,29 +101,46 @@ static int shake_hands(SSL* session, int sk, long* budget_us) {
         gettimeofday(&start, nullptr);
         int connected = lib_SSL_connect(session);
         charge_budget(budget_us, &start);
-        if (connected == 1) {
-            return POLL_OK;
+        int code = connected == 1 ? SSL_ERROR_NONE : lib_SSL_get_error(session, connected);
+        if (code == SSL_ERROR_WANT_READ || code == SSL_ERROR_WANT_WRITE) {
+            if (wait_socket(sk, code == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, budget_us) == 0) {
+                return POLL_INTERNAL_ERROR;
+            }
+            continue;
         }
-        int code = lib_SSL_get_error(session, connected);
-        if (code != SSL_ERROR_WANT_READ && code != SSL_ERROR_WANT_WRITE) {
-            return tls_failed("ERROR: make_poll: Cannot make SSL connection. ");
-        }
-        if (wait_socket(sk, code == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, budget_us) == 0) {
+        if (ca_file != nullptr && !check_server(session, connected == 1, server_host(), ca_file)) {
             return POLL_INTERNAL_ERROR;
         }
+        return connected == 1 ? POLL_OK
+                              : tls_failed("ERROR: make_poll: Cannot make SSL connection. ");
     }
+}
+
+/* Makes the session. Returns a result code. */
+static int make_session(tls_connection& c, SSL_CTX* context) {
+    c.session.reset(lib_SSL_new(context));
+    return c.session ? POLL_OK : tls_failed("ERROR: make_poll: Cannot create new SSL object. ");
+}
+
+static int make_plain_session(tls_connection& c) {
+    c.context.reset(lib_SSL_CTX_new(lib_SSLv23_client_method()));
+    return c.context ? make_session(c, c.context.get())
+                     : tls_failed("ERROR: make_poll: Cannot create SSL context. ");
+}
+
+static int make_verifying_session(tls_connection& c) {
+    SSL_CTX* context = verifying_context(ca_file);
+    int code = context != nullptr ? make_session(c, context) : POLL_INTERNAL_ERROR;
+    return code == POLL_OK && !expect_server(c.session.get(), server_host()) ? POLL_INTERNAL_ERROR
+                                                                             : code;
 }
 
 /* Builds the TLS session on the connected socket. Returns a result code. */
 static int start_tls(tls_connection& c, long* budget_us) {
     forget_old_errors();
-    c.context.reset(lib_SSL_CTX_new(lib_SSLv23_client_method()));
-    if (!c.context) {
-        return tls_failed("ERROR: make_poll: Cannot create SSL context. ");
-    }
-    c.session.reset(lib_SSL_new(c.context.get()));
-    if (!c.session) {
-        return tls_failed("ERROR: make_poll: Cannot create new SSL object. ");
+    int code = ca_file != nullptr ? make_verifying_session(c) : make_plain_session(c);
+    if (code != POLL_OK) {
+        return code;
     }
     lib_SSL_set_fd(c.session.get(), c.socket.get());
     return shake_hands(c.session.get(), c.socket.get(), budget_us);
@@ -220,8 +242,8 @@ static int receive_reply(const tls_connection& c, reply& answer, long* budget_us
 static int exchange(request& r, reply& answer) {
     long budget_us = POLL_BUDGET_US;
     tls_connection c;
-    c.socket.reset(make_connection(or_default(alt_server, DEFAULT_SERVER),
-                                   or_default(alt_port, DEFAULT_SERVER_PORT), &budget_us));
+    c.socket.reset(
+        make_connection(server_host(), or_default(alt_port, DEFAULT_SERVER_PORT), &budget_us));
     if (!c.socket) {
         leveledadd2log(0, "ERROR: make_poll: make_connection() failed");
         return POLL_NO_CONNECTION;

@@ -6,8 +6,9 @@
  * body "111111" (log in again) or "666666" (not authorised). A later response's header never renews
  * it. The HTTP status line is not looked at.
  *
- * The server is neither authenticated (no certificate is verified) nor named in the handshake: TLS
- * keeps passive listeners out, not somebody who can take the server's place on the way. */
+ * Without CAFILE the server is neither authenticated (no certificate is verified) nor named in the
+ * handshake: TLS keeps passive listeners out, not somebody who can take the server's place on the
+ * way. With it both is done (sslutiles_verify.h), and nothing is sent to a server that fails. */
 #ifndef VINDRAL_SSLUTILES_POLL_H
 #define VINDRAL_SSLUTILES_POLL_H
 
@@ -23,7 +24,8 @@ extern char* szSessionID; /* malloc'd; null when not logged in; poll thread only
  *   1  success
  *   2  no connection: connecting, sending or receiving failed
  *   3  the server wants a new login
- *   4  internal error: TLS set-up or handshake, a first poll without a session id, no memory
+ *   4  internal error: TLS set-up or handshake, with the verification of the server, a first poll
+ *      without a session id, no memory
  *
  * On 1 with a body, *strresp is a malloc'd, NUL-terminated copy of it up to its first NUL (caller
  * frees) and *respsize the length that its headers announced, which may be more or less than that

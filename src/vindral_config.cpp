@@ -19,6 +19,7 @@ char* user_email = nullptr;
 char* agent_name = nullptr;
 char* szVersion = nullptr;
 char *alt_server = nullptr, *alt_url = nullptr, *alt_port = nullptr;
+char* ca_file = nullptr;
 char *api_server = nullptr, *api_url = nullptr, *api_port = nullptr;
 char *api_key = nullptr, *secret_key = nullptr;
 char *data_server = nullptr, *data_url = nullptr, *data_port = nullptr;
@@ -35,6 +36,7 @@ static const text_setting text_settings[] = {
     {"PIDFILE", &lock_file, false},      {"USEREMAIL", &user_email, false},
     {"AGENTNAME", &agent_name, false},   {"APIKEY", &api_key, false},
     {"SECRETKEY", &secret_key, false},   {"VERSION", &szVersion, true},
+    {"CAFILE", &ca_file, false},
 };
 
 struct url_setting {
@@ -249,6 +251,9 @@ static void log_settings() {
                    "\t    Home Dir:\t%s\n\t     Api Key:\t%s\n\t  Secret Key:\t%s\n",
                    or_na(user_email), or_na(agent_name), or_na(log_file), log_level,
                    or_na(lock_file), or_na(agent_home), or_na(api_key), or_na(secret_key));
+    if (ca_file != nullptr) {
+        leveledadd2log(1, "\t     CA File:\t%s\n", ca_file);
+    }
 }
 
 int readConfig() {

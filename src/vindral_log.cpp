@@ -32,6 +32,10 @@ static int current_day GUARDED_BY(stream_mutex) = 0;
 static int current_mon GUARDED_BY(stream_mutex) = 0;
 static int current_yea GUARDED_BY(stream_mutex) = 0;
 
+/* The last line could not be written whole, because the disk was full: what follows it in the file
+ * has to begin with the missing line end. */
+static bool line_cut GUARDED_BY(stream_mutex) = false;
+
 /* Signalled when the writer thread has something to do: a first line in the queue, or a lost file.
  */
 static condition writer_work;
@@ -104,6 +108,7 @@ static bool move_aside() REQUIRES(stream_mutex) {
 
 static void open_stream() REQUIRES(stream_mutex) {
     set_stream(fopen(log_file, "ae"));
+    line_cut = false;
     if (stream() == nullptr) {
         log_lock hold(LOG_WRITER_MUTEX);
         pthread_cond_signal(&writer_work.handle);
@@ -135,6 +140,14 @@ void rotate_log_file() {
     rotate_stream();
 }
 
+/* Writes a line in up to four pieces. */
+static void write_line(const char* line, const char* tab = "", const char* text = "",
+                       const char* end = "") REQUIRES(stream_mutex) {
+    fprintf(m_logFile, "%s%s%s%s%s", line_cut ? "\n" : "", line, tab, text, end);
+    line_cut = fflush(m_logFile) != 0 || ferror(m_logFile);
+    clearerr(m_logFile);
+}
+
 /* Writes all waiting lines, in order. */
 static void write_waiting() REQUIRES(stream_mutex) {
     char** lines;
@@ -148,8 +161,7 @@ static void write_waiting() REQUIRES(stream_mutex) {
         count = std::exchange(vLoglen, 0);
     }
     for (int i = 0; i < count; i++) {
-        fputs(lines[i], m_logFile);
-        fflush(m_logFile);
+        write_line(lines[i]);
         free(lines[i]);
     }
     free(lines);
@@ -163,8 +175,7 @@ static void write_at_once(const char* stamp, const char* text) {
         return;
     }
     write_waiting();
-    fprintf(m_logFile, "%s\t%s\n", stamp, text);
-    fflush(m_logFile);
+    write_line(stamp, "\t", text, "\n");
 }
 
 static void queue_line(const char* stamp, const char* text) {

@@ -7,6 +7,7 @@
 #include "vindral_commands.h"
 
 #include <cstdlib>
+#include <utility>
 
 int isAuthorized = 0;
 mutex cache_mutex;
@@ -23,33 +24,57 @@ enum poll_result {
     INTERNAL_ERROR = 4
 };
 
+/* False without memory, which leaves everything as it was. */
+static bool append_whole(bdata** to, const char* data, size_t length) {
+    size_t before = *to != nullptr ? (*to)->data_size : 0;
+    bdata_append(to, data, length);
+    return *to != nullptr && (*to)->data_size == before + length;
+}
+
+static bool append_to_cache(const char* data, size_t length) {
+    lock hold(cache_mutex);
+    return append_whole(&data_cache, data, length);
+}
+
+/* A checker's results on their way into the cache; they stay here when there is no memory. Main
+ * worker thread only. */
+static char* taken = nullptr;
+static int taken_size = 0;
+
+/* False without memory. */
+static bool cache_taken() {
+    if (taken_size > 0 && !append_to_cache(taken, static_cast<size_t>(taken_size))) {
+        return false;
+    }
+    free(taken);
+    taken = nullptr;
+    taken_size = 0;
+    return true;
+}
+
 void collect_results() {
-    for (size_t i = 0; i < result_source_count; i++) {
-        char* buffer = nullptr;
-        int size = 0;
-        if (!result_sources[i].take(&buffer, &size)) {
-            continue;
-        }
-        heap_text results(buffer);
-        leveledadd2log(3, "INFO: collect_result::%s data size: %d", result_sources[i].name, size);
-        if (size > 0) {
-            add_to_cache(results.get(), static_cast<size_t>(size));
+    bool room = cache_taken();
+    for (size_t i = 0; room && i < result_source_count; i++) {
+        if (result_sources[i].take(&taken, &taken_size)) {
+            leveledadd2log(3, "INFO: collect_result::%s data size: %d", result_sources[i].name,
+                           taken_size);
+            room = cache_taken();
         }
     }
 }
 
 void add_to_cache(char* buff, size_t buff_len) {
-    if (buff == nullptr || buff_len == 0) {
-        return;
+    if (buff != nullptr && buff_len != 0) {
+        append_to_cache(buff, buff_len);
     }
-    lock hold(cache_mutex);
-    bdata_append(&data_cache, buff, buff_len);
 }
 
 const bdata* get_cache_copy() {
     lock hold(cache_mutex);
-    if (data_cache != nullptr && data_cache->data_size > 0) {
-        bdata_append(&data_cache_copy, data_cache->data_buffer, data_cache->data_size);
+    if (data_cache_copy == nullptr) {
+        data_cache_copy = std::exchange(data_cache, nullptr);
+    } else if (data_cache != nullptr &&
+               append_whole(&data_cache_copy, data_cache->data_buffer, data_cache->data_size)) {
         bdata_free(&data_cache);
     }
     return data_cache_copy;

@@ -497,15 +497,17 @@ Row = collections.namedtuple("Row", "account agent type test location time statu
 
 class Collector:
     """A collector with a state directory and a plan of its own. `start` may be called again after
-    the process has ended."""
+    the process has ended. `wrap` goes before the command line and must exec it."""
 
-    def __init__(self, test, *plan, name="collector", options=()):
+    def __init__(self, test, *plan, name="collector", options=(), wrap=(), env=None):
         self.test = test
         self.dir = test.subdir(name)
         self.state = os.path.join(self.dir, "state")
         self.plan = os.path.join(self.dir, "plan")
         self.port_file = os.path.join(self.dir, "port")
         self.options = list(options)
+        self.wrap = list(wrap)
+        self.env = dict(sanitizer_environment(self.dir), **(env or {}))
         self.port = 0  # after the first start: the port that it was given, and keeps
         self.process = None
         self.add_to_plan(*plan)
@@ -520,10 +522,9 @@ class Collector:
         with open(os.path.join(self.dir, "output"), "ab") as output, \
                 open(os.path.join(self.dir, "errors"), "ab") as errors:
             self.process = subprocess.Popen(
-                [COLLECTOR, "--json", "--port", str(self.port), "--port-file", self.port_file,
+                [*self.wrap, COLLECTOR, "--json", "--port", str(self.port), "--port-file", self.port_file,
                  "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=errors,
-                env=sanitizer_environment(self.dir))
+                stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=self.env)
         return self
 
     def start(self, *options):

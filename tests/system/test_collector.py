@@ -217,6 +217,14 @@ class Operation(harness.TestCase):
         collector.stop()
         self.assertEqual(collector.missing()[0], 0)
 
+    def test_a_refused_line_of_the_plan_is_reported_as_missing(self):
+        collector = harness.Collector(self, *PLAN, "LAA\t2\t1\t-1").start()
+        client = RawClient(collector.port)
+        client.poll(client.session(agent="a"), block(1))
+        status, report = collector.missing()
+        self.assertEqual(status, 1)
+        self.assertRegex(report, r"^problem\tline \d+: .*\nstored\t.*\n$")
+
     def test_options(self):
         for options in (["--no-such"], ["--port"], ["--port", "65536"], ["--port", "x"], ["stray"],
                         ["--cert", "x"], ["--keep-days", "-1"]):
@@ -253,7 +261,7 @@ class Operation(harness.TestCase):
         collector = harness.Collector(self, *PLAN).start()
         RawClient(collector.port).poll(RawClient(collector.port).session(), block(1))
         self.assertEqual(os.stat(collector.state).st_mode & 0o777, 0o700)
-        for name in set(os.listdir(collector.state)) - {"certificate.pem"}:
+        for name in set(os.listdir(collector.state)) - {"certificate.pem", "ca.pem"}:
             self.assertEqual(os.stat(os.path.join(collector.state, name)).st_mode & 0o077, 0, name)
 
 

@@ -116,3 +116,12 @@ TEST(collector_options, the_limit_of_connections_follows_the_descriptors) {
     EXPECT_EQ(default_connections(1048576), 10000u);
     EXPECT_EQ(default_connections(20), 16u);
 }
+
+TEST(collector_options, names) {
+    EXPECT_EQ(parse({"--name", "a.example", "--name=192.0.2.1"}).o.names,
+              (std::vector<std::string>{"a.example", "192.0.2.1"}));
+    expect_wrong({"--name", "a b"}, "--name takes a host name or an address, not \"a b\"");
+    expect_wrong({"--name", ""}, "--name takes a host name or an address, not \"\"");
+    expect_wrong({"--cert", "c", "--key", "k", "--name", "a"},
+                 "--name is for a certificate that is made, not for --cert");
+}

@@ -300,7 +300,8 @@ protected:
         directory_ = mkdtemp(name);
         identity_files files;
         std::string error;
-        ASSERT_TRUE(ensure_identity(directory_, files, error)) << error;
+        identity_report report;
+        ASSERT_TRUE(ensure_identity(directory_, {}, files, report, error)) << error;
         tls_ = make_tls_context(files, error).release();
         ASSERT_TRUE(tls_) << error;
     }

@@ -240,6 +240,16 @@ TEST_F(libsslloader, initialises_in_order_and_is_ready_without_zlib) {
                                    "directory\n");
 }
 
+TEST_F(libsslloader, is_ready_without_what_verification_takes_and_names_it) {
+    look_into("ssl_old");
+    EXPECT_EQ(init_ssl_variables(), 1);
+    EXPECT_STREQ(ssl_missing_to_verify, "SSL_CTX_load_verify_locations");
+    SetUp();
+    look_into("ssl_no_set1_host");
+    EXPECT_EQ(init_ssl_variables(), 1);
+    EXPECT_STREQ(ssl_missing_to_verify, "X509_VERIFY_PARAM_set1_host");
+}
+
 TEST_F(libsslloader, is_not_ready_without_tls_and_does_not_try_zlib) {
     look_into("zlib_second");
     EXPECT_EQ(init_ssl_variables(), 0);
@@ -304,6 +314,7 @@ TEST_F(libsslloader, makes_the_hosts_library_ready_for_use) {
     ASSERT_EQ(init_ssl_variables(), 1);
     EXPECT_EQ(take_log_text(), "");
     EXPECT_EQ(isZLIBloaded, 1);
+    EXPECT_EQ(ssl_missing_to_verify, nullptr);
     for (void* pointer : bound_pointers()) {
         EXPECT_NE(pointer, nullptr);
     }

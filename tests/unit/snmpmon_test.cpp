@@ -1005,6 +1005,26 @@ TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
     EXPECT_LT(got, 9u);
 }
 
+TEST_F(snmpmon, a_limit_lowered_meanwhile_loses_nothing) {
+    const int tests = 8;
+    for (int tid = 1; tid <= tests; tid++) {
+        wanted w;
+        w.tid = tid;
+        w.oids = "hang";
+        add(w);
+    }
+    do_snmp_check();
+    EXPECT_TRUE(eventually([] { return page->children == tests; }));
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit fewer_than_pipes = {tests / 2, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &fewer_than_pipes);
+    page->may_go_on = 1;
+    wait_for_threads();
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(take_results().size(), tests * strlen("get hang"));
+}
+
 TEST_F(snmpmon, attributes_that_fail_skip_the_pass) {
     add({});
     take_log();

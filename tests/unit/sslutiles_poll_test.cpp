@@ -98,6 +98,7 @@ protected:
     void TearDown() override {
         log_out();
         user_email = agent_name = alt_server = alt_port = alt_url = alt_version = nullptr;
+        ca_file = nullptr;
         isZLIBloaded = 1;
         lib_compress2 = compress2_;
         lib_adler32 = adler32_;
@@ -212,6 +213,23 @@ TEST_F(poll_exchange, no_connection) {
               "0 ERROR: make_poll: make_connection() failed\n",
               take_log_text());
     EXPECT_EQ("s1", session());
+}
+
+TEST_F(poll_exchange, a_server_that_cannot_be_verified_is_an_internal_error_and_gets_nothing) {
+    char missing[] = "/nonexistent/ca.pem", no_file[] = "/";
+    for (char* bundle : {missing, no_file}) {
+        tls_peer server(tls_peer::tls, {{peer::take_request(), peer::end_clean()}});
+        log_in_as("s1");
+        ca_file = bundle;
+        outcome all = poll_server(server.port(), "results");
+        EXPECT_EQ(all.code, 4);
+        EXPECT_EQ(all.body, "-");
+        EXPECT_EQ(session(), "s1");
+        EXPECT_NE(take_log_text().find("0 ERROR: make_poll: Cannot use CAFILE \"/"),
+                  std::string::npos);
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(server.request(0), "");
+    }
 }
 
 TEST_F(poll_exchange, defaults_of_host_path_and_version) {

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 static char** const owned_settings[] = {
     &log_file,   &lock_file,  &agent_home,  &user_email, &agent_name, &szVersion,
     &alt_server, &alt_url,    &alt_port,    &api_server, &api_url,    &api_port,
-    &api_key,    &secret_key, &data_server, &data_url,   &data_port};
+    &api_key,    &secret_key, &data_server, &data_url,   &data_port,  &ca_file};
 
 static const char USAGE[] =
     "\nUsage: vindral  [-C configuration file] [-L log file] [ -l lock file] "
@@ -482,6 +482,15 @@ TEST_F(settings, the_outcome_is_logged_at_level_1_with_values) {
               "\nCurrent configuration:\n\n\t      E-Mail:\tme@example\n\t  Agent Name:\tbox\n"
               "\t    Log File:\t/log\n\t   Log Level:\t6\n\t    PID File:\t/pid\n"
               "\t    Home Dir:\t/home\n\t     Api Key:\tk\n\t  Secret Key:\tc\n\n");
+}
+
+TEST_F(settings, a_bundle_is_logged_where_there_is_one) {
+    EXPECT_EQ(read(std::string(COMPLETE) + "LOGLEVEL 2\nCAFILE\nCAFILE /etc/a b.pem \nCAFILE x\n"),
+              1);
+    EXPECT_EQ(shown(ca_file), "/etc/a b.pem") << "the first value, as of any key that is no URL";
+    std::string line = "\t     CA File:\t/etc/a b.pem\n\n";
+    EXPECT_EQ(printed.substr(printed.size() - line.size()), line);
+    EXPECT_EQ(printed.find("CA File"), printed.rfind("CA File"));
 }
 
 TEST_F(settings, the_outcome_is_not_logged_at_log_level_1) {

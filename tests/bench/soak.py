@@ -287,7 +287,9 @@ class Soak(harness.TestCase):
                 self.samples.append((now - began, *sample(self.agent)))
                 next_sample += SAMPLE_S
                 if len(self.samples) % (300 // SAMPLE_S) == 0:
-                    row("%.0f minutes" % ((now - began) / 60), self.samples[-1][1:])
+                    warm = [values[:2] for values in self.samples if values[0] >= seconds / 6]
+                    row("%.0f minutes" % ((now - began) / 60), [
+                        *self.samples[-1][1:], "%+.0f KB/h" % slope_per_hour(warm) if len(warm) > 1 else ""])
             if now >= next_restart:
                 next(kills)()
                 self.collector.start()

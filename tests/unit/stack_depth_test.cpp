@@ -232,8 +232,12 @@ size_t StackDepth::poll_depth(SSL_CTX* context) {
 
 TEST_F(StackDepth, PollThread) {
     for (const char* keys : {"EC", "RSA"}) {
-        tls_context context(chain_context(keys, ""));
+        std::string bundle = place / "ca.pem";
+        tls_context context(chain_context(keys, bundle));
         expect_room((std::string("poll, ") + keys).c_str(), poll_depth(context.get()));
+        ca_file = bundle.data();
+        expect_room((std::string("poll, verified, ") + keys).c_str(), poll_depth(context.get()));
+        ca_file = nullptr;
     }
 }
 

@@ -356,8 +356,9 @@ class Soak(harness.TestCase):
                 self.problems.append("%d records too many were stored" % (len(stored) - at))
         if os.path.isdir(os.path.join(self.collector.state, "undecodable")):
             self.problems.append("blocks did not decode")
+        never_end = (records.SNMP, records.SNMP_TABLE, records.DISCOVERY) if harness.SANITIZERS else ()
         silent = [test for test in self.plan.all if test.kind.record and len(test.lines) > 1 and
-                  (test.kind.record, test.id) not in reported]
+                  test.kind.record not in never_end and (test.kind.record, test.id) not in reported]
         self.problems += ["test %d (%s) never reported" % (test.id, test.kind.name) for test in silent]
         print("%d polls with results, %d records, %d tests, %d changes of the plan, %d restarts of the collector, "
               "%d feed connections" % (len(blocks), len(stored), len(self.plan.all), self.plan.changes,

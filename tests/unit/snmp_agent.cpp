@@ -57,8 +57,9 @@ oid_path path_of(const std::string& dotted) {
     return path;
 }
 
-snmp_agent::snmp_agent() {
-    netsnmp_transport* transport = LIBRARY(netsnmp_tdomain_transport)("udp:127.0.0.1:0", 1, "udp");
+snmp_agent::snmp_agent(int port) {
+    const std::string where = "udp:127.0.0.1:" + std::to_string(port);
+    netsnmp_transport* transport = LIBRARY(netsnmp_tdomain_transport)(where.c_str(), 1, "udp");
     sockaddr_in address = {};
     socklen_t length = sizeof address;
     getsockname(transport->sock, reinterpret_cast<sockaddr*>(&address), &length);
@@ -70,6 +71,19 @@ snmp_agent::snmp_agent() {
     settings.callback_magic = this;
     settings.isAuthoritative = SNMP_SESS_UNKNOWNAUTH;
     session_ = LIBRARY(snmp_add)(&settings, transport, nullptr, nullptr);
+}
+
+void snmp_agent::serve_on() {
+    for (;;) {
+        fd_set ready;
+        FD_ZERO(&ready);
+        int count = 0, block = 1;
+        timeval none = {};
+        LIBRARY(snmp_select_info)(&count, &ready, &none, &block);
+        if (select(count, &ready, nullptr, nullptr, nullptr) > 0) {
+            LIBRARY(snmp_read)(&ready);
+        }
+    }
 }
 
 snmp_agent::~snmp_agent() {

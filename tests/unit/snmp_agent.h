@@ -31,12 +31,15 @@ oid_path path_of(const std::string& dotted);
 
 class snmp_agent {
 public:
-    snmp_agent();
+    explicit snmp_agent(int port = 0); /* 0: one that the kernel picks */
     ~snmp_agent();
     snmp_agent(const snmp_agent&) = delete;
     snmp_agent& operator=(const snmp_agent&) = delete;
 
     int port() const { return port_; }
+
+    /* For an agent in a process of its own. */
+    [[noreturn]] void serve_on();
 
     std::map<oid_path, agent_value> values;
     int requests = 0;

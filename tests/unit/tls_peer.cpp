@@ -79,12 +79,12 @@ struct tls_peer::link {
     }
 };
 
-tls_peer::tls_peer(transport how, std::vector<conversation> script)
-    : how_(how), script_(std::move(script)), requests_(script_.size()) {
+tls_peer::tls_peer(transport how, std::vector<conversation> script, SSL_CTX* context)
+    : how_(how), context_(context), script_(std::move(script)), requests_(script_.size()) {
     listener_ = listen_on_loopback(16, &port_);
     require(pipe2(stop_pipe_, O_CLOEXEC) == 0, "pipe");
-    if (how_ == tls) {
-        server_context();
+    if (how_ == tls && context_ == nullptr) {
+        context_ = server_context();
     }
     thread_ = std::thread([this] { serve(); });
 }
@@ -220,7 +220,7 @@ static short awaited_by(SSL* session, int result) {
 }
 
 bool tls_peer::shake_hands(link& l) {
-    l.session = SSL_new(server_context());
+    l.session = SSL_new(context_);
     SSL_set_fd(l.session, l.fd);
     for (;;) {
         int done = SSL_accept(l.session);

@@ -58,12 +58,15 @@ inline step reset() {
 
 } // namespace peer
 
+struct ssl_ctx_st;
+
 class tls_peer {
 public:
     enum transport { tcp, tls };
     using conversation = std::vector<peer::step>;
 
-    tls_peer(transport how, std::vector<conversation> script);
+    /* `context`, the caller's, is in place of that of the certificate above. */
+    tls_peer(transport how, std::vector<conversation> script, ssl_ctx_st* context = nullptr);
     /* Breaks off whatever the script is doing and joins the thread. */
     ~tls_peer();
     tls_peer(const tls_peer&) = delete;
@@ -102,6 +105,7 @@ private:
     bool await(T condition);
 
     transport how_;
+    ssl_ctx_st* context_;
     std::vector<conversation> script_;
     std::string port_;
     int listener_;

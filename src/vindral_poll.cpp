@@ -6,9 +6,7 @@
 #include "vindral_checkers.h"
 #include "vindral_commands.h"
 
-#include <chrono>
 #include <cstdlib>
-#include <malloc.h>
 #include <utility>
 
 int isAuthorized = 0;
@@ -145,18 +143,6 @@ static void wait_for_next_poll(int seconds) {
     condition_wait_until(poll_cond, poll_cond_mutex, deadline_in(seconds < 0 ? 1 : seconds));
 }
 
-/* Once a minute at most. What short-lived threads free in the middle of a pool would stay resident,
- * and a little more of it after each busy moment. */
-static void return_free_memory() {
-    static const std::chrono::seconds INTERVAL(60);
-    static std::chrono::steady_clock::time_point last;
-    auto now = std::chrono::steady_clock::now();
-    if (now - last >= INTERVAL) {
-        last = now;
-        malloc_trim(0);
-    }
-}
-
 void* main_worker_thread(void*) {
     cancel_off except_in_waits;
     int interval_s = get_poll_interval();
@@ -170,7 +156,6 @@ void* main_worker_thread(void*) {
         leveledadd2log(5, "INFO: main_worker_thread::make_poll result: %d", result);
         int wait_s = act_on(result, reply.get(), length, interval_s);
         reply.reset();
-        return_free_memory();
         wait_for_next_poll(wait_s);
         interval_s = get_poll_interval();
     }

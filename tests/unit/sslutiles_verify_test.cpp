@@ -174,7 +174,7 @@ TEST_F(sslutiles_verify, nobody_is_no_server) {
     put(make_pem());
     SSL* session = lib_SSL_new(verifying_context(path.c_str()));
     take_log();
-    for (const char* host : {"", "."}) {
+    for (const char* host : {"", ".", ".example", "..example."}) {
         EXPECT_EQ(expect_server(session, host), 0);
         EXPECT_EQ(take_log_text(), std::string("0 ERROR: make_poll: Cannot verify a server of the "
                                                "name \"") +

@@ -120,6 +120,11 @@ TEST_F(sslutiles_verify, what_was_trusted_before_a_bad_bundle_is_trusted_no_more
     put(pem);
     ASSERT_NE(verifying_context(path.c_str()), nullptr);
     take_log();
+    fs::remove(path);
+    refused();
+    put(pem);
+    ASSERT_NE(verifying_context(path.c_str()), nullptr);
+    take_log();
     put("");
     std::string empty = refused();
     EXPECT_EQ(empty.find("0 ERROR: make_poll: Cannot use CAFILE \"" + path + "\": error:"), 0u)

@@ -161,8 +161,9 @@ static std::string name_for_agents(const options& o, const identity_report& repo
 
 /* The two lines that make a host report here. */
 static std::string lines_for_hosts(const options& o, const identity_report& report, uint16_t port) {
+    std::string certificate = o.cert.empty() ? o.state_dir + "/certificate.pem" : o.cert;
     std::string authority = report.authority.empty()
-                                ? "the certificate of the authority that signed " + o.cert
+                                ? "the certificate of the authority that signed " + certificate
                                 : report.authority;
     return "A host needs these lines in its vindral.conf, and in the place that the second one "
            "names"

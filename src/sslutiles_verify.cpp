@@ -111,13 +111,14 @@ static bool is_address(const char* host) {
     return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
 }
 
-/* An empty name would mean to the library that any will do. */
+/* An empty name would mean to the library that any will do, and one that begins with a dot, any
+ * below it. */
 static int expect_name(SSL* session, X509_VERIFY_PARAM* rules, const char* host) {
     size_t length = strlen(host);
     if (length > 0 && host[length - 1] == '.') {
         length--;
     }
-    heap_text name(length > 0 ? strndup(host, length) : nullptr);
+    heap_text name(length > 0 && *host != '.' ? strndup(host, length) : nullptr);
     return name != nullptr && lib_X509_VERIFY_PARAM_set1_host(rules, name.get(), 0) == 1 &&
            lib_SSL_ctrl(session, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                         name.get()) == 1;

@@ -22,7 +22,8 @@ SSL_CTX* verifying_context(const char* ca_file);
 
 /* Makes a session of that context name `host` in the handshake and accept nobody else; a host that
  * is an IP address is looked for among the certificate's addresses and not named. A dot at the end
- * of the host does not count. Returns 1, or 0 for an empty host and without memory. */
+ * of the host does not count. Returns 1, or 0 for a host that is empty or begins
+ * with a dot, and without memory. */
 int expect_server(SSL* session, const char* host);
 
 /* What came of it, after SSL_connect; `connected` says that it succeeded. Returns 1 when the server

@@ -176,6 +176,12 @@ static bool is_key_character(char c) {
     return isalnum(static_cast<unsigned char>(c)) != 0;
 }
 
+/* Whoever writes the key wants the server verified: a file that got lost on the way to the line,
+ * such as an empty variable of a template, must stop the polls and not let any server in. */
+static bool counts_without_value(const char* key) {
+    return strcmp(key, "CAFILE") == 0;
+}
+
 /* Acts on one line, and writes into it. Text behind a NUL does not count. */
 static void read_line(char* line) {
     if (*line == '#' || is_space(*line)) {
@@ -193,12 +199,12 @@ static void read_line(char* line) {
     while (value_end > value && is_space(value_end[-1])) {
         value_end--;
     }
-    if (key_end == line || value_end == value) {
+    if (key_end == line) {
         return;
     }
     *value_end = '\0';
     heap_text key(strndup(line, static_cast<size_t>(key_end - line)));
-    if (key != nullptr) {
+    if (key != nullptr && (*value != '\0' || counts_without_value(key.get()))) {
         set_value(key.get(), value);
     }
 }

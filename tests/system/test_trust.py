@@ -347,6 +347,16 @@ class CollectorsAuthority(harness.TestCase):
         client = RawClient(collector.port)
         client.session()
 
+    def test_pair_of_another_authority_in_the_state_directory(self):
+        certificate, key = Authority(self, "authority").issue("server")
+        collector = harness.Collector(self)
+        os.mkdir(collector.state, 0o700)
+        shutil.copy(certificate, collector.state + "/certificate.pem")
+        shutil.copy(key, collector.state + "/key.pem")
+        collector.start()
+        self.assertEqual(self.lines(collector)[0], "the certificate of the authority that signed " +
+                         collector.state + "/certificate.pem")
+
 
 if __name__ == "__main__":
     harness.main()

@@ -248,6 +248,10 @@ TEST_F(collector_certificate, an_authority_is_made_that_signs_for_this_host) {
     EXPECT_EQ(X509_get_key_usage(a), unsigned(KU_KEY_CERT_SIGN));
     EXPECT_EQ(X509_verify(a, X509_get0_pubkey(a)), 1);
     EXPECT_GE(days_left(in("ca.pem")), 7300);
+    auto server = load(files.certificate);
+    EXPECT_EQ(X509_check_ca(server.get()), 0) << "signs nothing itself";
+    EXPECT_EQ(X509_get_key_usage(server.get()), unsigned(KU_DIGITAL_SIGNATURE));
+    EXPECT_EQ(X509_get_extended_key_usage(server.get()), unsigned(XKU_SSL_SERVER));
     EXPECT_EQ(verdict(in("ca.pem"), files.certificate, "localhost"), "ok");
     EXPECT_EQ(verdict(in("ca.pem"), files.certificate, "127.0.0.1"), "ok");
     EXPECT_EQ(verdict(in("ca.pem"), files.certificate, "::1"), "ok");

@@ -205,7 +205,9 @@ void watch_and_call(P&... pointers) {
 TEST(fork_gate, every_call_of_a_connection_passes_the_gate) {
     watch_and_call(lib_SSL_CTX_new, lib_SSL_CTX_free, lib_SSL_new, lib_SSL_free, lib_SSL_set_fd,
                    lib_SSL_connect, lib_SSL_read, lib_SSL_write, lib_SSL_shutdown,
-                   lib_ERR_error_string, lib_ERR_get_error);
+                   lib_ERR_error_string, lib_ERR_get_error, lib_SSL_ctrl, lib_SSL_CTX_new_private,
+                   lib_SSL_CTX_load_verify_locations, lib_X509_VERIFY_PARAM_set1_host,
+                   lib_X509_VERIFY_PARAM_set1_ip_asc);
 }
 
 TEST(fork_gate, gated_calls_are_those_of_the_library) {

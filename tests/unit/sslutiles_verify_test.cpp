@@ -120,6 +120,11 @@ TEST_F(sslutiles_verify, what_was_trusted_before_a_bad_bundle_is_trusted_no_more
     put(pem);
     ASSERT_NE(verifying_context(path.c_str()), nullptr);
     take_log();
+    fs::remove(path);
+    refused();
+    put(pem);
+    ASSERT_NE(verifying_context(path.c_str()), nullptr);
+    take_log();
     put("");
     std::string empty = refused();
     EXPECT_EQ(empty.find("0 ERROR: make_poll: Cannot use CAFILE \"" + path + "\": error:"), 0u)
@@ -174,7 +179,7 @@ TEST_F(sslutiles_verify, nobody_is_no_server) {
     put(make_pem());
     SSL* session = lib_SSL_new(verifying_context(path.c_str()));
     take_log();
-    for (const char* host : {"", "."}) {
+    for (const char* host : {"", ".", ".example", "..example."}) {
         EXPECT_EQ(expect_server(session, host), 0);
         EXPECT_EQ(take_log_text(), std::string("0 ERROR: make_poll: Cannot verify a server of the "
                                                "name \"") +

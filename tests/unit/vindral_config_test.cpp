@@ -485,12 +485,21 @@ TEST_F(settings, the_outcome_is_logged_at_level_1_with_values) {
 }
 
 TEST_F(settings, a_bundle_is_logged_where_there_is_one) {
-    EXPECT_EQ(read(std::string(COMPLETE) + "LOGLEVEL 2\nCAFILE\nCAFILE /etc/a b.pem \nCAFILE x\n"),
-              1);
+    EXPECT_EQ(
+        read(std::string(COMPLETE) + "LOGLEVEL 2\nCAFILE /etc/a b.pem \r\nCAFILE x\nCAFILE\n"), 1);
     EXPECT_EQ(shown(ca_file), "/etc/a b.pem") << "the first value, as of any key that is no URL";
     std::string line = "\t     CA File:\t/etc/a b.pem\n\n";
     EXPECT_EQ(printed.substr(printed.size() - line.size()), line);
     EXPECT_EQ(printed.find("CA File"), printed.rfind("CA File"));
+}
+
+TEST_F(settings, a_bundle_without_a_name_is_a_bundle_that_cannot_be_read) {
+    for (const char* line : {"CAFILE", "CAFILE \n", "CAFILE\t\r\n", "CAFILE\nCAFILE /etc/a\n"}) {
+        free(ca_file);
+        ca_file = nullptr;
+        EXPECT_EQ(read(COMPLETE + std::string(line)), 1);
+        EXPECT_STREQ(ca_file, "") << line;
+    }
 }
 
 TEST_F(settings, the_outcome_is_not_logged_at_log_level_1) {

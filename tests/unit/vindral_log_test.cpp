@@ -424,6 +424,32 @@ TEST_F(log_open, a_full_disk_costs_lines_only) {
     EXPECT_EQ(queued(), 0);
 }
 
+TEST_F(log_open, what_follows_a_line_that_a_full_disk_cut_begins_anew) {
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    auto ignored = signal(SIGXFSZ, SIG_IGN);
+    leveledadd2log(-1, "whole");
+    rlimit full = before;
+    full.rlim_cur = log().size() + 10;
+    setrlimit(RLIMIT_FSIZE, &full);
+    leveledadd2log(-1, "cut");
+    leveledadd2log(-1, "lost");
+    setrlimit(RLIMIT_FSIZE, &before);
+    leveledadd2log(-1, "after");
+    leveledadd2log(-1, "last");
+    EXPECT_EQ(log(), "[19/10/2011:23:04:05]\twhole\n[19/10/201\n[19/10/2011:23:04:05]\tafter\n"
+                     "[19/10/2011:23:04:05]\tlast\n");
+
+    setrlimit(RLIMIT_FSIZE, &full);
+    leveledadd2log(-1, "lost"); /* and the file of the next day does not begin with its end */
+    setrlimit(RLIMIT_FSIZE, &before);
+    signal(SIGXFSZ, ignored);
+    pinned_time = utc(2011, 10, 20, 0, 0, 0);
+    rotate_log_file();
+    leveledadd2log(-1, "new");
+    EXPECT_EQ(log(), "[20/10/2011:00:00:00]\tnew\n");
+}
+
 TEST_F(log_open, no_thread_is_cancelled_while_it_logs) {
     std::atomic<bool> logged = false;
     auto body = [](void* arg) -> void* {

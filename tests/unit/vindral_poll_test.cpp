@@ -2,6 +2,7 @@
 #include "fake_core.h"
 #include "guards.h"
 #include "tls_peer.h"
+#include "vindral_common.h"
 #include "vindral_config.h"
 
 #include <atomic>
@@ -28,8 +29,23 @@ static int recorded_wait(condition& c, mutex& m, const timespec& deadline) REQUI
     return ended;
 }
 
+/* Whether memory is short for the next appends, one each; there is enough when it is empty. */
+static std::deque<bool> no_memory;
+
+static void scarce_append(bdata** to, const char* data, size_t length) {
+    bool refused = !no_memory.empty() && no_memory.front();
+    if (!no_memory.empty()) {
+        no_memory.pop_front();
+    }
+    if (!refused) {
+        bdata_append(to, data, length);
+    }
+}
+
 #define condition_wait_until recorded_wait
+#define bdata_append scarce_append
 #include "vindral_poll.cpp"
+#undef bdata_append
 #undef condition_wait_until
 
 static const int authorized_at_start = isAuthorized;
@@ -183,6 +199,26 @@ TEST_F(PollLoop, LoginThenResultsThenNothing) {
                   result_line(1) + COLLECT + EMPTY + result_line(99),
               take_log_text());
     EXPECT_EQ(nullptr, data_cache_copy);
+}
+
+TEST_F(PollLoop, ResultsThatFindNoMemoryGoWithTheNextBlock) {
+    script = {{1, "", 0}, {1, "", 0}, {1, "", 0}, {1, "", 0}};
+    checker_results = {"first", "second", "third"};
+    no_memory = {false, true, true}; /* also when "second" is tried again */
+    run();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "first", "(none)", "secondthird", "(none)"}),
+              sent);
+}
+
+TEST_F(PollLoop, ResultsThatFindNoMemoryBesideAPendingBlockStay) {
+    char first[] = "first", second[] = "second";
+    add_to_cache(first, 5);
+    EXPECT_EQ(std::string(get_cache_copy()->data_buffer, 5), "first");
+    add_to_cache(second, 6);
+    no_memory = {true};
+    EXPECT_EQ(get_cache_copy()->data_size, 5u);
+    EXPECT_EQ(get_cache_copy()->data_size, 11u);
+    EXPECT_EQ(get_cache_copy()->data_size, 11u) << "once";
 }
 
 TEST_F(PollLoop, ABlockIsSentAgainUntilItIsAccepted) {

@@ -7,7 +7,7 @@ after.
     tests/bench/soak.py [--minutes 60] [--build build/release]
 
 Ends with status 1 when resident memory grows by 100 KB an hour or more (least squares after a warm-up of a
-third of the time; judged from half an hour on and without sanitizers), when descriptors, threads or child
+sixth of the time; judged from half an hour on and without sanitizers), when descriptors, threads or child
 processes grow (without sanitizers), when a record is lost or stored twice, when a test that was planned never reports,
 or when a sanitizer finds something. With a build of the preset `asan` leaks are found at the agent's end.
 
@@ -29,7 +29,6 @@ import time
 
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 SAMPLE_S = 5
-WARM_UP = 1 / 3  # of the time: until what is bounded (the feed's 16 MB, disk texts) has reached its bound
 CHANGE_S = 2
 RESTART_S = 60
 FORGET_S = 60  # how long a removed test stays in the plan, so that its removal is delivered
@@ -290,7 +289,7 @@ class Soak(harness.TestCase):
                 self.samples.append((now - began, *sample(self.agent)))
                 next_sample += SAMPLE_S
                 if len(self.samples) % (300 // SAMPLE_S) == 0:
-                    warm = [values[:2] for values in self.samples if values[0] >= seconds * WARM_UP]
+                    warm = [values[:2] for values in self.samples if values[0] >= seconds / 6]
                     row("%.0f minutes" % ((now - began) / 60), [
                         *self.samples[-1][1:], "%+.0f KB/h" % slope_per_hour(warm) if len(warm) > 1 else ""])
             if now >= next_restart:
@@ -368,7 +367,7 @@ class Soak(harness.TestCase):
                                        self.restarts, self.feeder.connections))
 
     def soak(self, seconds):
-        warm = seconds * WARM_UP
+        warm = seconds / 6
         row("", COLUMNS)
         before = sample(self.agent)
         row("before", before)

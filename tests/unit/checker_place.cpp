@@ -103,10 +103,14 @@ bool is_free(mutex& m) {
 }
 
 bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 10000 && !condition(); i++) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return condition();
+    return true;
 }
 
 std::vector<udc_content> take_records(int (*get_results)(char**, int*)) {

@@ -55,7 +55,7 @@ unsigned wakes_of(checker& c);
 /* Whether nobody holds a mutex, this thread included. */
 bool is_free(mutex& m);
 
-/* Waits for a condition for ten seconds at most. */
+/* Waits for a condition for a minute at most. */
 bool eventually(const std::function<bool()>& condition);
 
 /* Takes what a checker has collected. */

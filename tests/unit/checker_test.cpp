@@ -38,7 +38,7 @@ void counting_pass() {
 }
 
 bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < 60000; i++) {
         if (condition()) {
             return true;
         }

@@ -24,10 +24,10 @@
 
 namespace {
 
-/* Waits for a condition for ten seconds at most. */
+/* Waits for a condition for a minute at most. */
 template <typename F>
 bool eventually(F condition) {
-    for (int i = 0; i < 10000; i++) {
+    for (int i = 0; i < 60000; i++) {
         if (condition()) {
             return true;
         }

@@ -411,7 +411,7 @@ TEST_F(LoadAverage, ZLifecycle) {
     EXPECT_EQ(31536000, get_lda_check_interval());
     ASSERT_EQ(1, init_lda_mon());
     auto wait_for = [](int passes_with_news) {
-        for (int i = 0; i < 5000 && wake_ups < passes_with_news; i++) {
+        for (int i = 0; i < 60000 && wake_ups < passes_with_news; i++) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         return wake_ups >= passes_with_news;

@@ -107,7 +107,7 @@ protected:
     }
     void dev(const std::string& lines) { write("net/dev", HEADING + lines); }
     static bool eventually(bool (*condition)()) {
-        for (int i = 0; i < 5000 && !condition(); i++) {
+        for (int i = 0; i < 60000 && !condition(); i++) {
             usleep(1000);
         }
         return condition();

@@ -37,9 +37,12 @@ static pid_t fake_waitpid(pid_t child, int* status, int options);
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <fstream>
+#include <linux/futex.h>
 #include <mutex>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <thread>
 
 static std::atomic<int> wake_ups{0};
@@ -82,6 +85,12 @@ struct shared_page {
 shared_page* page = static_cast<shared_page*>(
     mmap(nullptr, sizeof(shared_page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
+/* Children sleep meanwhile: hundreds that looked again and again would leave no processor to the others. */
+void let_go_on() {
+    page->may_go_on = 1;
+    syscall(SYS_futex, &page->may_go_on, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
 std::string open_descriptors() {
     std::string list;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -112,7 +121,7 @@ char* answer(snmp_def* def, const char* kind, const std::string& what) {
     } else if (what == "hang") {
         page->hung_child = getpid();
         while (!page->may_go_on) {
-            usleep(1000);
+            syscall(SYS_futex, &page->may_go_on, FUTEX_WAIT, 0, nullptr, nullptr, 0);
         }
     } else if (what == "none") {
         return nullptr;
@@ -388,7 +397,7 @@ protected:
     void TearDown() override {
         init_error = detach_error = stack_error = create_error = 0;
         fork_fails = no_waiters = no_close_range = false;
-        page->may_go_on = 1;
+        let_go_on();
         wait_for_threads();
         snmp_lib_status = 1;
         for (;;) {
@@ -933,7 +942,7 @@ TEST_F(snmpmon, no_lock_is_held_while_children_run) {
         EXPECT_TRUE(is_free(SNMP_MON_MUTEX));
         rem_snmp(1);
         rem_snmp(2);
-        page->may_go_on = 1;
+        let_go_on();
         wait_for_threads();
         EXPECT_EQ(take_results(), "get hang") << "as it was when the pass began";
     }
@@ -997,7 +1006,7 @@ TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
         descriptors_left few(8);
         do_snmp_check();
         EXPECT_TRUE(eventually([] { return page->children > 0 && forks == page->children; }));
-        page->may_go_on = 1;
+        let_go_on();
         wait_for_threads();
     }
     size_t got = take_results().size() / strlen("get hang");
@@ -1019,7 +1028,7 @@ TEST_F(snmpmon, a_limit_lowered_meanwhile_loses_nothing) {
     getrlimit(RLIMIT_NOFILE, &before);
     rlimit fewer_than_pipes = {tests / 2, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &fewer_than_pipes);
-    page->may_go_on = 1;
+    let_go_on();
     wait_for_threads();
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(take_results().size(), tests * strlen("get hang"));
@@ -1052,7 +1061,7 @@ TEST_F(snmpmon, five_hundred_tests_in_one_round) {
     take_log();
     do_snmp_check();
     EXPECT_TRUE(eventually([] { return page->children == 500; }));
-    page->may_go_on = 1;
+    let_go_on();
     wait_for_threads();
     EXPECT_EQ(take_results().size(), 500 * strlen("get hang"));
     EXPECT_EQ(wake_ups, 500);

@@ -151,7 +151,7 @@ protected:
             int size = 0;
             char* data = nullptr;
             set_interval(1);
-            for (int i = 0; i < 10000 && !get_results(&data, &size); i++) {
+            for (int i = 0; i < 60000 && !get_results(&data, &size); i++) {
                 usleep(1000);
             }
             EXPECT_GT(size, 0);
@@ -161,7 +161,7 @@ protected:
     }
 
     void wait_for_log(const std::string& text) {
-        for (int i = 0; i < 10000; i++) {
+        for (int i = 0; i < 60000; i++) {
             std::ifstream in(log_path);
             if (std::string(std::istreambuf_iterator<char>(in), {}).find(text) !=
                 std::string::npos) {
@@ -508,7 +508,7 @@ static bool feed_has(const char* text) {
 
 /* Sends a chunk again and again, by another connection each, until a listener has taken one. */
 static void feed(const sockaddr* address, socklen_t size, const char* chunk, const char* text) {
-    for (int i = 0; i < 10000 && !feed_has(text); i++) {
+    for (int i = 0; i < 60000 && !feed_has(text); i++) {
         unique_fd peer(socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
         if (connect(peer.get(), address, size) == 0) {
             (void)!write(peer.get(), chunk, strlen(chunk));

@@ -4,12 +4,16 @@
 #include "dynlib.h"
 #include "libsslloader.h"
 
+#include <climits>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <malloc.h>
 #include <poll.h>
+#include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 /* Descriptors for the life of the process. */
 static int worker_ended = -1; /* event: the main worker thread ended, however it did */
@@ -73,7 +77,34 @@ static void share_memory_pools() {
     mallopt(M_ARENA_MAX, 2);
 }
 
+/* The allocator also keeps for each thread some of what that thread has freed, which holds up
+ * what is around it, and this, too, adds up for hours. It can be told otherwise at the start of
+ * a program only, so the program starts once more. Whoever has settings of his own, or runs it
+ * under a debugger, sets GLIBC_TUNABLES himself. */
+static void start_without_thread_caches(char** argv) {
+    const char variable[] = "GLIBC_TUNABLES";
+    const char settings[] = "glibc.malloc.tcache_count=0";
+    const char* present = getenv(variable);
+    if (present != nullptr) {
+        if (strcmp(present, settings) == 0) {
+            unsetenv(variable); /* not for the programs that this one starts */
+        }
+        return;
+    }
+    char program[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", program, sizeof program);
+    bool by_loader = getauxval(AT_BASE) == 0; /* then the executable is the loader */
+    if (getauxval(AT_SECURE) != 0 || by_loader || length <= 0 || length == sizeof program) {
+        return;
+    }
+    program[length] = '\0';
+    setenv(variable, settings, 1);
+    execv(program, argv);
+    unsetenv(variable); /* no harm: memory is all it would have saved */
+}
+
 int main(int argc, char** argv) {
+    start_without_thread_caches(argv);
     share_memory_pools();
     sigset_t shutdown_signals;
     sigemptyset(&shutdown_signals);

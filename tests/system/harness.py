@@ -292,8 +292,8 @@ def sanitizer_environment(directory):
     env = dict(os.environ)
     for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"):
         own = "log_path='%s/sanitizer'" % directory  # a name may hold blanks
-        if name == "ASAN_OPTIONS":
-            own += ":suppressions='%s'" % os.path.join(HERE, "asan.supp")
+        if name != "UBSAN_OPTIONS":
+            own += ":suppressions='%s'" % os.path.join(HERE, name[:4].lower() + ".supp")
         env[name] = env[name] + ":" + own if env.get(name) else own
     return env
 

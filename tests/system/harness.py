@@ -49,7 +49,7 @@ def _sanitizers():
 
 
 SANITIZERS = _sanitizers()  # "" for a plain build
-PATIENCE_S = 120 if SANITIZERS else 60  # how long a condition may take before it counts as failed
+PATIENCE_S = 240 if SANITIZERS else 120  # how long a condition may take before it counts as failed
 
 _NAMESPACE_MARK = "VINDRAL_TEST_NAMESPACE"
 isolated = os.environ.get(_NAMESPACE_MARK) == "1"

@@ -313,6 +313,54 @@ TEST_F(collector_certificate, one_that_ends_soon_is_renewed) {
     EXPECT_EQ(verdict(in("ca.pem"), files.certificate, "a.example"), "ok");
 }
 
+TEST_F(collector_certificate, each_one_has_a_number_of_its_own) {
+    identity_files files = make();
+    auto authority = load(in("ca.pem")), first = load(files.certificate);
+    make({"b.example"});
+    auto second = load(files.certificate);
+    for (X509* c : {authority.get(), first.get(), second.get()}) {
+        const ASN1_INTEGER* number = X509_get0_serialNumber(c);
+        EXPECT_GE(ASN1_STRING_length(number), 8) << "nobody can guess it";
+        EXPECT_EQ(ASN1_STRING_type(number), V_ASN1_INTEGER) << "positive";
+    }
+    EXPECT_NE(ASN1_INTEGER_cmp(X509_get0_serialNumber(authority.get()),
+                               X509_get0_serialNumber(first.get())),
+              0);
+    EXPECT_NE(
+        ASN1_INTEGER_cmp(X509_get0_serialNumber(first.get()), X509_get0_serialNumber(second.get())),
+        0);
+}
+
+TEST_F(collector_certificate, hosts_with_a_clock_that_is_behind_accept_it) {
+    identity_files files = make();
+    for (const std::string& path : {files.certificate, in("ca.pem")}) {
+        int days = 0, seconds = 0;
+        ASN1_TIME_diff(&days, &seconds, X509_get0_notBefore(load(path).get()), nullptr);
+        EXPECT_GE(days, 1) << path;
+        EXPECT_LT(days, 3) << path;
+    }
+}
+
+TEST_F(collector_certificate, it_names_the_key_of_its_authority) {
+    identity_files files = make();
+    auto authority = load(in("ca.pem")), server = load(files.certificate);
+    const ASN1_OCTET_STRING* own = X509_get0_subject_key_id(authority.get());
+    const ASN1_OCTET_STRING* named = X509_get0_authority_key_id(server.get());
+    ASSERT_NE(own, nullptr);
+    ASSERT_NE(named, nullptr);
+    EXPECT_EQ(ASN1_OCTET_STRING_cmp(own, named), 0);
+}
+
+/* Whoever reads the file meanwhile has the old one or the new one, and never a part. */
+TEST_F(collector_certificate, a_renewal_replaces_the_file) {
+    identity_files files = make();
+    std::string before = read(files.certificate);
+    ASSERT_EQ(link(files.certificate.c_str(), in("held").c_str()), 0);
+    make({"b.example"});
+    EXPECT_NE(read(files.certificate), before);
+    EXPECT_EQ(read(in("held")), before);
+}
+
 TEST_F(collector_certificate, no_certificate_outlives_the_authority) {
     identity_files files = make();
     make_end({in("ca.pem"), ""}, in("ca-key.pem"), 700, "");

@@ -85,7 +85,8 @@ struct shared_page {
 shared_page* page = static_cast<shared_page*>(
     mmap(nullptr, sizeof(shared_page), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
-/* Children sleep meanwhile: hundreds that looked again and again would leave no processor to the others. */
+/* Children sleep meanwhile: hundreds that looked again and again would leave no processor to the
+ * others. */
 void let_go_on() {
     page->may_go_on = 1;
     syscall(SYS_futex, &page->may_go_on, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);

@@ -98,7 +98,9 @@ static void start_without_thread_caches(char** argv) {
         return;
     }
     program[length] = '\0';
-    setenv(variable, settings, 1);
+    if (setenv(variable, settings, 1) != 0) {
+        return; /* started without it, the program would start again and again */
+    }
     execv(program, argv);
     unsetenv(variable); /* no harm: memory is all it would have saved */
 }

@@ -33,6 +33,7 @@ CHANGE_S = 2
 RESTART_S = 60
 FORGET_S = 60  # how long a removed test stays in the plan, so that its removal is delivered
 MOST_GROWTH_KB = 100  # an hour
+WARM_UP = 1 / 6  # of the time
 LEAST_JUDGED_S = 1500  # of the time after the warm-up
 
 
@@ -289,7 +290,7 @@ class Soak(harness.TestCase):
                 self.samples.append((now - began, *sample(self.agent)))
                 next_sample += SAMPLE_S
                 if len(self.samples) % (300 // SAMPLE_S) == 0:
-                    warm = [values[:2] for values in self.samples if values[0] >= seconds / 6]
+                    warm = [values[:2] for values in self.samples if values[0] >= seconds * WARM_UP]
                     row("%.0f minutes" % ((now - began) / 60), [
                         *self.samples[-1][1:], "%+.0f KB/h" % slope_per_hour(warm) if len(warm) > 1 else ""])
             if now >= next_restart:
@@ -367,7 +368,7 @@ class Soak(harness.TestCase):
                                        self.restarts, self.feeder.connections))
 
     def soak(self, seconds):
-        warm = seconds / 6
+        warm = seconds * WARM_UP
         row("", COLUMNS)
         before = sample(self.agent)
         row("before", before)

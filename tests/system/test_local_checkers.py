@@ -193,7 +193,7 @@ class Real(Local):
 
     def test_process(self):
         name = "vnd (a) b"
-        self.start("PRA\t1\t9\t10\t-1\t-1\tvnd (a")
+        self.start("PRA\t1\t9\t50\t-1\t-1\tvnd (a")
         r = self.wait_record(records.PROCESS, lambda r: True)
         self.assertEqual((r.ui32, r.d64, r.strings),
                          ([43, 1, 9, 0, 3], [0, 0, 0], ["The process is not running"]))
@@ -208,8 +208,8 @@ class Real(Local):
         self.wait_record(records.PROCESS, lambda r: r.ui32[3] != 0 and not r.strings)
         burner = self.spawn(name, "burn")
         r = self.wait_record(records.PROCESS, lambda r: r.ui32[3:5] == [burner.pid, 2])
-        self.assertEqual(r.strings, ["Current CPU usage: %.2f%% / Max value: 10\n" % r.d64[0]])
-        self.assertTrue(10 <= r.d64[0] < 150, r.d64)
+        self.assertEqual(r.strings, ["Current CPU usage: %.2f%% / Max value: 50\n" % r.d64[0]])
+        self.assertTrue(50 <= r.d64[0] < 150, r.d64)
         for process in (burner, parent):
             process.terminate()
             process.wait()

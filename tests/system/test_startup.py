@@ -146,6 +146,15 @@ class Configuration(harness.TestCase):
         agent.start()
         self.assertIn("\n\t    Home Dir:\t/somewhere\n", agent.printed)
 
+    def test_the_allocators_setting(self):
+        """The agent gives itself one, once, unless the environment has others."""
+        server = ScriptedServer(self)
+        for env, settings in (({}, ["glibc.malloc.tcache_count=0"]), ({"GLIBC_TUNABLES": ""}, [""])):
+            agent = harness.Agent(self, server.port, level=1, env=env).start()
+            environment = harness.read_text("/proc/%d/environ" % agent.process.pid).split("\0")
+            self.assertEqual([entry.partition("=")[2] for entry in environment
+                              if entry.startswith("GLIBC_TUNABLES=")], settings)
+
     def test_name_from_the_host(self):
         server = ScriptedServer(self)
         agent = harness.Agent(self, server.port, level=1, AGENTNAME=None).start()

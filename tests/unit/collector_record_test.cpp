@@ -197,7 +197,7 @@ TEST(record, work_is_bounded) {
     bytes = with_word(bytes, bytes.size() - 32 - 4 + 8, 2); /* the innermost is wrong */
     auto start = std::chrono::steady_clock::now();
     EXPECT_NE(decode_error(bytes), "decoded");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
 TEST(record, an_honest_record_with_many_strings_and_one_missing_is_within_the_bound) {

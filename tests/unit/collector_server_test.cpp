@@ -761,10 +761,10 @@ TEST_F(collector_server, trickling_does_not_stretch_the_deadline_of_the_whole) {
     client c(port_);
     ASSERT_TRUE(c.handshake());
     auto begin = std::chrono::steady_clock::now();
-    while (c.send("P") && std::chrono::steady_clock::now() - begin < 60s) {
+    while (c.send("P") && std::chrono::steady_clock::now() - begin < 10s) {
         std::this_thread::sleep_for(5ms);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 60s);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
 }
 
 TEST_F(collector_server, an_answer_that_comes_too_late_is_not_begun) {

@@ -26,7 +26,7 @@ static size_t stack_of(const pthread_attr_t* attributes) {
     throw status;
 }
 static std::string starts; /* of the program, one a line: path, argument, allocator's settings */
-static bool privileged, run_by_loader;
+static bool privileged, run_by_loader, no_room;
 static ssize_t fake_readlink(const char* path, char* target, size_t) {
     EXPECT_STREQ("/proc/self/exe", path);
     memcpy(target, "/opt/agent", 10);
@@ -39,6 +39,7 @@ static int fake_execv(const char* path, char* const* argv) {
 #define main agent_main
 #define exit end_with
 #define readlink fake_readlink
+#define setenv(name, value, replace) (no_room ? -1 : setenv(name, value, replace))
 #define execv fake_execv
 #define getauxval(type)                                                                            \
     ((type) == AT_SECURE ? (unsigned long)privileged : (unsigned long)!run_by_loader)
@@ -51,6 +52,7 @@ static int fake_execv(const char* path, char* const* argv) {
 #undef main
 #undef exit
 #undef readlink
+#undef setenv
 #undef execv
 #undef getauxval
 #undef pthread_attr_init
@@ -168,7 +170,7 @@ class Main : public testing::Test {
 protected:
     void SetUp() override {
         calls = refusing = hanging_up = starts = "";
-        privileged = run_by_loader = false;
+        privileged = run_by_loader = no_room = false;
         setenv("GLIBC_TUNABLES", "glibc.malloc.perturb=1", 1);
         refuse_attributes = refuse_stack = refuse_thread = false;
         worker_announced = worker_waits = false;
@@ -296,6 +298,9 @@ TEST_F(Main, DoesNotStartOnceMoreWhereThatWouldBeForNothing) {
     EXPECT_EQ(0, run());
     privileged = false;
     run_by_loader = true; /* /proc/self/exe is the loader */
+    EXPECT_EQ(0, run());
+    run_by_loader = false;
+    no_room = true; /* it would find its setting missing, and start for ever */
     EXPECT_EQ(0, run());
     EXPECT_EQ("", starts);
 }

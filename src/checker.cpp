@@ -56,10 +56,13 @@ command_batch::command_batch() {
     batches++;
 }
 
-command_batch::~command_batch() {
-    lock hold(batch_mutex);
-    batches--;
-    pthread_cond_broadcast(&batch_ended.handle);
+void command_batch::end() {
+    if (!ended_) {
+        ended_ = true;
+        lock hold(batch_mutex);
+        batches--;
+        pthread_cond_broadcast(&batch_ended.handle);
+    }
 }
 
 static void wait_for_commands() {

@@ -7,7 +7,8 @@
  * Threads: the poll thread calls add, modify, remove, the interval setters and the hand-over; the
  * checker's worker runs passes; the main thread starts and stops.
  *
- * Locks, in the order in which they may be taken: mon_mutex, then result_mutex or cond_mutex.
+ * Locks, in the order in which they may be taken: mon_mutex, then result_mutex or cond_mutex;
+ * poll_cond_mutex, then batch_mutex.
  * check_interval_mutex is never held together with another. mon_mutex is held for a whole pass, so
  * the poll thread waits for a running pass before it changes a test; result_mutex only for an
  * append or the hand-over, so collecting never waits for a pass.
@@ -75,15 +76,25 @@ void checker_set_interval(checker& c, int t_sec);
 /* Wakes the worker for a pass at once. The caller may hold mon_mutex. */
 void checker_wake(checker& c);
 
-/* While one of these lives, workers that are due wait for its end, two seconds at most. So the
- * commands of one answer cause one pass of a checker, not one for each, and every test among them
- * is in it. Held without any other lock. */
+/* The commands of one answer. Until it ends, workers that are due wait for it, two seconds at most.
+ * So these commands cause one pass of a checker, not one for each, and every test among them is in
+ * it.
+ *
+ * Opened without any other lock. The poll loop ends it with poll_cond_mutex held, as the last thing
+ * before its wait: what a pass then finds cannot be signalled until the loop waits for it. A pass
+ * that did not get to see the end, since a command took longer than workers wait, signals nobody
+ * when it is done before the loop waits. */
 class command_batch {
 public:
     command_batch();
-    ~command_batch();
+    ~command_batch() { end(); }
     command_batch(const command_batch&) = delete;
     command_batch& operator=(const command_batch&) = delete;
+
+    void end(); /* now; nothing is left to do at the end of the scope */
+
+private:
+    bool ended_ = false;
 };
 
 /* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */

@@ -1,6 +1,5 @@
 #include "vindral_commands.h"
 
-#include "checker.h"
 #include "cpumon.h"
 #include "diskmon.h"
 #include "feedlistener.h"
@@ -473,7 +472,6 @@ struct split_text {
 
 void parse_data(char* sdata) {
     split_text lines(sdata, '\n');
-    command_batch batch;
     for (size_t i = 0; i < lines.count; i++) {
         {
             /* A long reply must not hold up a stop: nothing is half-done between two commands. */

@@ -1,5 +1,6 @@
 #include "vindral_poll.h"
 
+#include "checker.h"
 #include "diskmon.h"
 #include "sslutiles_api.h"
 #include "sslutiles_poll.h"
@@ -136,8 +137,11 @@ static int act_on(int result, char* reply, size_t reply_length, int interval_s) 
     return interval_s;
 }
 
-static void wait_for_next_poll(int seconds) {
+/* The answer's commands end in here: a pass that one of them caused may be over in no time, and its
+ * signal would find nobody waiting. */
+static void wait_for_next_poll(int seconds, command_batch& commands) {
     lock hold(poll_cond_mutex);
+    commands.end();
     cancel_on may_end;
     /* A negative interval other than -1 means no wait, but must not become a flood of polls. */
     condition_wait_until(poll_cond, poll_cond_mutex, deadline_in(seconds < 0 ? 1 : seconds));
@@ -154,9 +158,10 @@ void* main_worker_thread(void*) {
                                block != nullptr ? block->data_size : 0, &text, &length);
         heap_text reply(text);
         leveledadd2log(5, "INFO: main_worker_thread::make_poll result: %d", result);
+        command_batch commands;
         int wait_s = act_on(result, reply.get(), length, interval_s);
         reply.reset();
-        wait_for_next_poll(wait_s);
+        wait_for_next_poll(wait_s, commands);
         interval_s = get_poll_interval();
     }
     return nullptr;

@@ -22,7 +22,11 @@ struct loop_wait {
 static std::vector<loop_wait> waits;
 static bool time_flies = false; /* waits end by time as soon as they have begun */
 
+static std::string batches_seen; /* the answers under way: at a command, at their end, at a wait */
+static int open_batches();
+
 static int recorded_wait(condition& c, mutex& m, const timespec& deadline) REQUIRES(m) {
+    batches_seen += "wait with " + std::to_string(open_batches()) + "\n";
     waits.push_back({deadline.tv_sec - now_in_seconds(), deadline.tv_nsec, -1});
     int ended = condition_wait_until(c, m, time_flies ? deadline_in(0) : deadline);
     waits.back().ended = ended;
@@ -47,6 +51,24 @@ static void scarce_append(bdata** to, const char* data, size_t length) {
 #include "vindral_poll.cpp"
 #undef bdata_append
 #undef condition_wait_until
+
+/* The end of a batch, and whether the loop had the mutex of its wait by then. */
+static int recorded_broadcast(pthread_cond_t* cond) {
+    bool waiting_next = pthread_mutex_trylock(&poll_cond_mutex.handle) == EBUSY;
+    if (!waiting_next) {
+        pthread_mutex_unlock(&poll_cond_mutex.handle);
+    }
+    batches_seen += waiting_next ? "end before a wait\n" : "end\n";
+    return pthread_cond_broadcast(cond);
+}
+#define pthread_cond_broadcast recorded_broadcast
+#include "checker.cpp"
+#undef pthread_cond_broadcast
+
+static int open_batches() {
+    lock hold(batch_mutex);
+    return batches;
+}
 
 static const int authorized_at_start = isAuthorized;
 static const int interval_at_start = get_poll_interval();
@@ -92,7 +114,13 @@ int make_poll(const char* data, unsigned long size, char** reply, size_t* length
 
 void parse_data(char* sdata) {
     commands += std::string(sdata) + "|";
+    batches_seen += "command with " + std::to_string(open_batches()) + "\n";
     leveledadd2log(9, "parse_data");
+    if (strcmp(sdata, "cancel") == 0) {
+        pthread_cancel(pthread_self());
+        cancel_on may_end;
+        pthread_testcancel();
+    }
     if (int seconds = atoi(sdata)) {
         set_poll_interval(seconds);
     }
@@ -142,6 +170,7 @@ protected:
         script.clear();
         sent.clear();
         commands.clear();
+        batches_seen.clear();
         checker_results.clear();
         waits.clear();
         time_flies = false;
@@ -317,7 +346,8 @@ TEST_F(PollLoop, ANegativeIntervalIsNoFloodOfPolls) {
 TEST_F(PollLoop, AWaitEndsByTimeOrByASignalSentMeanwhile) {
     time_flies = true;
     send_pending_data(); /* nobody is waiting: lost */
-    wait_for_next_poll(3600);
+    command_batch commands;
+    wait_for_next_poll(3600, commands);
     expect_waits({3600});
     EXPECT_EQ(ETIMEDOUT, waits[0].ended);
     time_flies = false;
@@ -328,9 +358,29 @@ TEST_F(PollLoop, AWaitEndsByTimeOrByASignalSentMeanwhile) {
         }
         send_pending_data();
     });
-    wait_for_next_poll(3600);
+    wait_for_next_poll(3600, commands);
     waker.join();
     EXPECT_EQ(0, waits[1].ended);
+}
+
+/* A worker that a command woke runs its pass when the batch has ended. It signals with the mutex of
+ * the loop's wait, so it does that when the loop waits, and never before. */
+TEST_F(PollLoop, TheCommandsOfAnAnswerEndWhereTheWaitBegins) {
+    script = {{1, "POL\t0\t5", 0}, {2, "", 0}};
+    run();
+    const std::string end = "end before a wait\nwait with 0\n";
+    EXPECT_EQ("command with 1\n" + end + end + end, batches_seen);
+}
+
+TEST_F(PollLoop, CancelledBetweenTwoCommandsItEndsTheirBatch) {
+    script = {{1, "cancel", 0}};
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, main_worker_thread, nullptr));
+    void* ended = nullptr;
+    pthread_join(thread, &ended);
+    EXPECT_EQ(PTHREAD_CANCELED, ended);
+    EXPECT_EQ("command with 1\nend\n", batches_seen);
+    EXPECT_EQ(0, open_batches());
 }
 
 TEST_F(PollLoop, CancelledInItsWaitItLeavesNoLockBehind) {

@@ -301,19 +301,19 @@ static const char* header_end(const char* line, const char* end) {
 }
 
 /* What one header adds to the content length. */
-static long content_length_of(const char* header, const char* end, blank_before_colon blank) {
+static long content_length_of(const char* header, const char* end) {
     static const char PREFIX[] = "Content-";
     const size_t prefix_length = sizeof PREFIX - 1;
     if (static_cast<size_t>(end - header) < prefix_length ||
         strncasecmp(header, PREFIX, prefix_length) != 0) {
         return 0;
     }
-    const char* colon = static_cast<const char*>(memchr(header, ':', end - header));
-    if (colon == nullptr ||
-        (blank == blank_before_colon::no_header && std::any_of(header, colon, is_white_space))) {
+    const char* name_end =
+        std::find_if(header, end, [](char c) { return c == ':' || is_white_space(c); });
+    if (name_end == end || *name_end != ':') {
         return 0;
     }
-    const char* value = std::find_if_not(colon + 1, end, is_white_space);
+    const char* value = std::find_if_not(name_end + 1, end, is_white_space);
     if (value == end) {
         return 0;
     }
@@ -322,19 +322,19 @@ static long content_length_of(const char* header, const char* end, blank_before_
     return errno != 0 || number == LONG_MAX || number == LONG_MIN ? 0 : number;
 }
 
-long sum_content_lengths(const char* hdrs, size_t hdrs_len, blank_before_colon blank) {
+long sum_content_lengths(const char* hdrs, size_t hdrs_len) {
     const char* end = hdrs + hdrs_len;
     unsigned long sum = 0;
     while (hdrs < end) {
         const char* next = header_end(hdrs, end);
-        sum += static_cast<unsigned long>(content_length_of(hdrs, next, blank));
+        sum += static_cast<unsigned long>(content_length_of(hdrs, next));
         hdrs = next;
     }
     return static_cast<long>(sum);
 }
 
 static long get_content_length(const char* hdrs, int hdrs_len) {
-    return sum_content_lengths(hdrs, static_cast<size_t>(hdrs_len), blank_before_colon::allowed);
+    return sum_content_lengths(hdrs, static_cast<size_t>(hdrs_len));
 }
 
 namespace {

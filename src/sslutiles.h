@@ -96,13 +96,11 @@ void charge_budget(long* budget_us, struct timeval* start);
 int is_header_loaded(const char* doc, int doc_len);
 int is_header_loaded(const char* doc, int doc_len, int scanned);
 
-/* What a blank between a header's name and its colon means. */
-enum class blank_before_colon { allowed, no_header };
-
 /* The sum of the Content-Length values of a header block. Only "Content-", the first eight
  * characters of the name, is compared, in any case: the digits that begin a Content-Type value
- * count as well. Values that do not fit a long count nothing; the sum wraps. Readable up to a NUL
- * at or behind hdrs[hdrs_len]. */
-long sum_content_lengths(const char* hdrs, size_t hdrs_len, blank_before_colon blank);
+ * count as well. A name ends at white space as well as at its colon: where white space comes first
+ * there is no header. Values that do not fit a long count nothing; the sum wraps. Readable up to a
+ * NUL at or behind hdrs[hdrs_len]. */
+long sum_content_lengths(const char* hdrs, size_t hdrs_len);
 
 #endif

@@ -96,7 +96,7 @@ char* base64(const char* bin, size_t len) {
 /* --- the response ---------------------------------------------------------------------------- */
 
 long get_content_length(const char* hdrs, size_t hdrs_len) {
-    return sum_content_lengths(hdrs, hdrs_len, blank_before_colon::no_header);
+    return sum_content_lengths(hdrs, hdrs_len);
 }
 
 int get_status_code(const char* hdr, char* addInfo, char* s) {

@@ -27,7 +27,7 @@ char* make_http_request(const char* host, const char* url, int req_method, const
 char* base64(const char* bin, size_t len);
 
 /* The announced length of the body: what the headers whose names begin with "Content-" add up to
- * (sum_content_lengths in sslutiles.h). A header with a blank before its colon does not count. */
+ * (sum_content_lengths in sslutiles.h). */
 long get_content_length(const char* hdrs, size_t hdrs_len);
 
 /* The status code of a response: the three digits behind the first blank. Copies the status line,

@@ -1295,7 +1295,6 @@ TEST(get_content_length, sums_the_values) {
     EXPECT_EQ(7, content_length("Content-Length: 3\r\nX: 9\r\nContent-Length: 4\r\n\r\n"));
     EXPECT_EQ(5, content_length("content-LENGTH:5\r\n\r\n"));
     EXPECT_EQ(5, content_length("Content-Length:\t 5 \r\n\r\n"));
-    EXPECT_EQ(5, content_length("Content-Length : 5\r\n\r\n"));
     EXPECT_EQ(0, content_length("Content-Length: 0\r\n\r\n"));
     EXPECT_EQ(0, content_length("HTTP/1.0 200 OK\r\n\r\n"));
     EXPECT_EQ(0, content_length(""));
@@ -1308,6 +1307,16 @@ TEST(get_content_length, every_header_that_begins_with_content_counts) {
     EXPECT_EQ(0, content_length("Content: 3\r\n\r\n"));
     EXPECT_EQ(0, content_length("X-Content-Length: 3\r\n\r\n"));
     EXPECT_EQ(0, content_length("Content-Type: text/plain; charset=8\r\n\r\n"));
+}
+
+TEST(get_content_length, white_space_ends_a_name_before_its_colon) {
+    for (const char* space : {" ", "\t", "\v", "\f", "\r", " \t ", "\r\n ", "\n\t"}) {
+        std::string header = std::string("Content-Length") + space + ": 5\r\n";
+        EXPECT_EQ(0, content_length(header + "\r\n")) << header;
+        EXPECT_EQ(6, content_length(header + "Content-Length: 6\r\n\r\n")) << header;
+    }
+    EXPECT_EQ(0, content_length("Content-Length 5: 7\r\n\r\n"));
+    EXPECT_EQ(0, content_length("Content- Length: 7\r\n\r\n"));
 }
 
 TEST(get_content_length, folded_lines_belong_to_their_header) {

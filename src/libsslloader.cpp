@@ -6,7 +6,9 @@
 #include "guards.h"
 #include "vindral_log.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <iterator>
 #include <pthread.h>
@@ -46,9 +48,13 @@ decltype(&SSL_get0_param) lib_SSL_get0_param = nullptr;
 decltype(&SSL_get_verify_result) lib_SSL_get_verify_result = nullptr;
 decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain = nullptr;
 decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags = nullptr;
+decltype(&X509_VERIFY_PARAM_set_hostflags) lib_X509_VERIFY_PARAM_set_hostflags = nullptr;
 decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host = nullptr;
 decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc = nullptr;
 decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string = nullptr;
+
+/* What a host without any is told that it lacks. */
+static const char CURRENT_NAME[] = "libssl.so.3";
 
 /* In the order of the attempts. "libcrypto.0.9.8e" is no mistake of the table; it stays. */
 static const char* const LIBSSL_NAMES[] = {
@@ -59,7 +65,7 @@ static const char* const LIBSSL_NAMES[] = {
     "libssl.so.0.9.8j", "libssl.so.0.9.8k", "libssl.so.0.9.8l", "libssl.so.0.9.8m",
     "libssl.so.0.9.8n", "libssl.so.0.9.8o", "libssl.so.0.9.8p", "libssl.so.0.9.8q",
     "libssl.so.0.9.8r", "libcrypto.0.9.8e", "libssl.so.0.9.8",  "libssl.so.0.9.7",
-    "libssl.so.0.9.7a", "libssl.so.0.9.7b", "libssl.so.0.9.7c", "libssl.so.3",
+    "libssl.so.0.9.7a", "libssl.so.0.9.7b", "libssl.so.0.9.7c", CURRENT_NAME,
     "libssl.so.1.1",
 };
 
@@ -143,6 +149,10 @@ static const dynlib_symbol LIBSSL_SYMBOLS[] = {
     BIND(OPENSSL_add_all_algorithms_conf, through_init_crypto<add_all_algorithms_and_config>),
 };
 
+/* Tells nothing but that the library is 1.1.0 or newer: older ones do not know the order to leave a
+ * certificate's common name alone, and ignore it. */
+static decltype(&OpenSSL_version_num) version_number = nullptr;
+
 /* Bound where the library has them: without, all works but verification. */
 static const dynlib_symbol VERIFY_SYMBOLS[] = {
     dynlib_entry("SSL_CTX_new", &lib_SSL_CTX_new_private),
@@ -152,9 +162,11 @@ static const dynlib_symbol VERIFY_SYMBOLS[] = {
     BIND(SSL_get_verify_result, nullptr),
     BIND(SSL_get_peer_cert_chain, nullptr),
     BIND(X509_VERIFY_PARAM_set_flags, nullptr),
+    BIND(X509_VERIFY_PARAM_set_hostflags, nullptr),
     BIND(X509_VERIFY_PARAM_set1_host, nullptr),
     BIND(X509_VERIFY_PARAM_set1_ip_asc, nullptr),
     BIND(X509_verify_cert_error_string, nullptr),
+    dynlib_entry("OpenSSL_version_num", &version_number),
 };
 #undef BIND
 
@@ -198,13 +210,42 @@ static void lend_locks() {
     }
 }
 
+/* Whether the loader has found no file of that name. Of a file that needs another one that is not
+ * there, it names the other. */
+static bool is_absent(const char* name, const char* reason) {
+    const char* named = strstr(reason, name);
+    return named != nullptr && named[strlen(name)] == ':' &&
+           strstr(named, strerror(ENOENT)) != nullptr;
+}
+
+/* Where none opens, nearly all fail because they do not exist. Somebody who has a library wants to
+ * know what is wrong with that one. */
+static void* open_library() {
+    heap_text about_present, about_current;
+    for (const char* name : LIBSSL_NAMES) {
+        if (void* handle = dynlib_open(&name, 1)) {
+            return handle;
+        }
+        const char* reason = dynlib_error();
+        if (about_present == nullptr && !is_absent(name, reason)) {
+            about_present.reset(strdup(reason));
+        }
+        if (strcmp(name, CURRENT_NAME) == 0) {
+            about_current.reset(strdup(reason));
+        }
+    }
+    const heap_text& likely = about_present != nullptr ? about_present : about_current;
+    leveledadd2log(0, "SSL: failed on loading %s, %s", LIBSSL_NAMES[0],
+                   likely != nullptr ? likely.get() : "no memory");
+    return nullptr;
+}
+
 int init_ssl_lib() {
     if (libssl_handle != nullptr) {
         return 1;
     }
-    libssl_handle = dynlib_open(LIBSSL_NAMES, std::size(LIBSSL_NAMES));
+    libssl_handle = open_library();
     if (libssl_handle == nullptr) {
-        leveledadd2log(0, "SSL: failed on loading %s, %s", LIBSSL_NAMES[0], dynlib_error());
         return 0;
     }
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));

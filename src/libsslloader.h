@@ -41,7 +41,7 @@ extern decltype(&ERR_get_error) lib_ERR_get_error;
 extern void (*lib_OPENSSL_add_all_algorithms_noconf)();
 extern void (*lib_OPENSSL_add_all_algorithms_conf)();
 
-/* What it takes to verify a server, from 1.0.2 on. To be called only when ssl_missing_to_verify is
+/* What it takes to verify a server, from 1.1.0 on. To be called only when ssl_missing_to_verify is
  * null: otherwise that is the name of the first function that the library lacks. */
 extern const char* ssl_missing_to_verify;
 extern decltype(&SSL_CTX_new) lib_SSL_CTX_new_private; /* a context that nobody else uses */
@@ -51,6 +51,7 @@ extern decltype(&SSL_get0_param) lib_SSL_get0_param;
 extern decltype(&SSL_get_verify_result) lib_SSL_get_verify_result;
 extern decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain;
 extern decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags;
+extern decltype(&X509_VERIFY_PARAM_set_hostflags) lib_X509_VERIFY_PARAM_set_hostflags;
 extern decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host;
 extern decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc;
 extern decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string;
@@ -58,7 +59,8 @@ extern decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_strin
 /* Opens the first candidate that loads and binds every function from it. Returns 1 when all are
  * bound or a library was opened before; 0 with a line at level 0 when no candidate opens, 0 without
  * one when the library lacks a function. In that case it stays open and a second call returns 1, so
- * call this once. */
+ * call this once. The line gives the loader's reason about the first candidate that is there, or,
+ * when none is, about the name that current releases have. */
 int init_ssl_lib();
 
 /* Binds and initialises the TLS library, with what verification takes where the library has it,

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
 #include <sys/stat.h>
 
 #define CANNOT_USE "ERROR: make_poll: Cannot use CAFILE \"%s\": "
@@ -127,6 +128,8 @@ static int expect_name(SSL* session, X509_VERIFY_PARAM* rules, const char* host)
 int expect_server(SSL* session, const char* host) {
     X509_VERIFY_PARAM* rules = lib_SSL_get0_param(session);
     lib_X509_VERIFY_PARAM_set_flags(rules, X509_V_FLAG_PARTIAL_CHAIN);
+    lib_X509_VERIFY_PARAM_set_hostflags(rules, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS |
+                                                   X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
     if (is_address(host) ? lib_X509_VERIFY_PARAM_set1_ip_asc(rules, host) == 1
                          : expect_name(session, rules, host)) {
         return 1;

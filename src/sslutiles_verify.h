@@ -2,6 +2,10 @@
  * certificate leads to one of that file's, is valid now, is meant for servers and bears the name or
  * the address that USEHOST gives. Without CAFILE nothing of this is called.
  *
+ * Names and addresses are the subject alternative names of the certificate; its common name is not
+ * looked at. A wildcard stands for one whole label, the first: "*.example.org" is www.example.org,
+ * "w*.example.org" is nobody.
+ *
  * The file is PEM, of as many certificates as one likes. Each is trusted as it is, be it a root, an
  * authority below one, or the server's own; revocation lists are not looked at. It is read by the
  * first poll and again by the first poll after it has changed (another file under the name, another

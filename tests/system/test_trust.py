@@ -116,6 +116,15 @@ class Trust(harness.TestCase):
         self.check_refused(context, bundle,
                            self.cannot_verify(bundle, "host name", "hostname mismatch"))
 
+    def test_common_name(self):
+        """It is no name of the server, with or without alternative names beside it."""
+        authority = Authority(self, "authority")
+        bundle = self.bundle(authority.pem)
+        for extension in ("basicConstraints=CA:FALSE", "subjectAltName=DNS:other.example"):
+            context = server_context(*authority.issue("localhost", extension))
+            self.check_refused(context, bundle,
+                               self.cannot_verify(bundle, "host name", "hostname mismatch"))
+
     def test_server_with_two_names(self):
         """It shows the certificate of the name that the agent asks for."""
         authority = Authority(self, "authority")

@@ -5,6 +5,8 @@
 #include "guards.h"
 #include "library_directory.h"
 
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <sys/socket.h>
@@ -134,10 +136,39 @@ TEST_F(libsslloader, tries_the_candidates_in_order_and_names_the_first_when_none
         EXPECT_EQ(library_attempts[i].mode, RTLD_NOW);
     }
     EXPECT_EQ(take_log_text(), "0 SSL: failed on loading libssl.so, " + library_directory +
-                                   "/libssl.so.1.1: cannot open shared object file: No such file "
+                                   "/libssl.so.3: cannot open shared object file: No such file "
                                    "or directory\n");
     EXPECT_EQ(libssl_handle, nullptr);
     EXPECT_EQ(bound_pointers(), std::vector<void*>(24, nullptr));
+}
+
+/* Whatever else is tried in vain behind it. */
+TEST_F(libsslloader, says_what_is_wrong_with_the_library_that_is_there) {
+    char directory[] = "/tmp/libsslloader_test.XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    library_directory = directory;
+    for (const char* name : {"libssl.so", "libssl.so.0.9.8k", "libssl.so.3", "libssl.so.1.1"}) {
+        std::string path = library_directory + "/" + name;
+        std::ofstream(path) << "no library";
+        EXPECT_EQ(init_ssl_lib(), 0);
+        EXPECT_EQ(take_log_text(),
+                  "0 SSL: failed on loading libssl.so, " + path + ": file too short\n");
+        std::filesystem::remove(path);
+    }
+    std::ofstream(library_directory + "/libssl.so.3") << "no library";
+    std::ofstream(library_directory + "/libssl.so.1.1") << "no library";
+    EXPECT_EQ(init_ssl_lib(), 0);
+    EXPECT_EQ(take_log_text(), "0 SSL: failed on loading libssl.so, " + library_directory +
+                                   "/libssl.so.3: file too short\n");
+    std::filesystem::remove_all(directory);
+}
+
+/* A library that is there and needs one that is not. */
+TEST_F(libsslloader, names_the_library_that_the_one_that_is_there_needs) {
+    look_into("ssl_needs_another");
+    EXPECT_EQ(init_ssl_lib(), 0);
+    EXPECT_EQ(take_log_text(), "0 SSL: failed on loading libssl.so, libvindral_stub_needed.so: "
+                               "cannot open shared object file: No such file or directory\n");
 }
 
 TEST_F(libsslloader, uses_the_second_name_when_the_first_is_missing) {
@@ -248,6 +279,13 @@ TEST_F(libsslloader, is_ready_without_what_verification_takes_and_names_it) {
     look_into("ssl_no_set1_host");
     EXPECT_EQ(init_ssl_variables(), 1);
     EXPECT_STREQ(ssl_missing_to_verify, "X509_VERIFY_PARAM_set1_host");
+}
+
+/* It would take a certificate's common name for one of its server's names. */
+TEST_F(libsslloader, does_not_verify_with_a_release_before_1_1_0) {
+    look_into("ssl_1_0_2");
+    EXPECT_EQ(init_ssl_variables(), 1);
+    EXPECT_STREQ(ssl_missing_to_verify, "OpenSSL_version_num");
 }
 
 TEST_F(libsslloader, is_not_ready_without_tls_and_does_not_try_zlib) {

@@ -21,22 +21,44 @@ static std::string filled_in(const char* format, const std::string& path) {
     return text.replace(text.find("%s"), 2, path);
 }
 
-static std::string make_pem() {
-    EVP_PKEY* key = EVP_EC_gen("P-256");
+/* A self-signed certificate with that common name and, unless it is empty, these alternative names.
+ */
+static X509* make_certificate(EVP_PKEY* key, const std::string& common_name,
+                              const std::string& alternative_names) {
     X509* c = X509_new();
+    X509_set_version(c, X509_VERSION_3);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(c), "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>("a"), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>(common_name.c_str()), -1, -1,
+                               0);
     X509_set_issuer_name(c, X509_get_subject_name(c));
-    X509_gmtime_adj(X509_getm_notBefore(c), 0);
+    X509_gmtime_adj(X509_getm_notBefore(c), -1000);
     X509_gmtime_adj(X509_getm_notAfter(c), 1000);
     X509_set_pubkey(c, key);
+    if (!alternative_names.empty()) {
+        X509_EXTENSION* names =
+            X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, alternative_names.c_str());
+        EXPECT_NE(names, nullptr) << alternative_names;
+        X509_add_ext(c, names, -1);
+        X509_EXTENSION_free(names);
+    }
     X509_sign(c, key, EVP_sha256());
+    return c;
+}
+
+static std::string pem_of(X509* certificate) {
     BIO* out = BIO_new(BIO_s_mem());
-    PEM_write_bio_X509(out, c);
+    PEM_write_bio_X509(out, certificate);
     char* data = nullptr;
     long size = BIO_get_mem_data(out, &data);
     std::string pem(data, size_t(size));
     BIO_free(out);
+    return pem;
+}
+
+static std::string make_pem() {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* c = make_certificate(key, "a", "");
+    std::string pem = pem_of(c);
     X509_free(c);
     EVP_PKEY_free(key);
     return pem;
@@ -69,8 +91,48 @@ protected:
         return take_log_text();
     }
 
+    /* What is logged of a server with that certificate, which is the one of the bundle, when `host`
+     * is expected: nothing when it is trusted. */
+    std::string judged(const std::string& host, const std::string& common_name,
+                       const std::string& alternative_names) const {
+        EVP_PKEY* key = EVP_EC_gen("P-256");
+        X509* c = make_certificate(key, common_name, alternative_names);
+        put(pem_of(c));
+        SSL* client = lib_SSL_new(verifying_context(path.c_str()));
+        SSL_CTX* serving = SSL_CTX_new(TLS_server_method());
+        SSL_CTX_use_certificate(serving, c);
+        SSL_CTX_use_PrivateKey(serving, key);
+        SSL* server = SSL_new(serving);
+        BIO *clients_end = nullptr, *servers_end = nullptr;
+        BIO_new_bio_pair(&clients_end, 0, &servers_end, 0);
+        SSL_set_bio(client, clients_end, clients_end);
+        SSL_set_bio(server, servers_end, servers_end);
+        EXPECT_EQ(expect_server(client, host.c_str()), 1) << host;
+        take_log();
+        bool connected = false;
+        for (int i = 0; i < 10 && !connected; i++) {
+            connected = lib_SSL_connect(client) == 1;
+            SSL_accept(server);
+        }
+        int trusted = check_server(client, connected, host.c_str(), "ca.pem");
+        EXPECT_EQ(trusted, connected ? 1 : 0) << host << " " << alternative_names;
+        std::string log = take_log_text();
+        SSL_free(server);
+        SSL_CTX_free(serving);
+        lib_SSL_free(client);
+        ERR_clear_error();
+        X509_free(c);
+        EVP_PKEY_free(key);
+        return log;
+    }
+
     std::string directory, path;
 };
+
+static std::string refusal(const std::string& host, const char* reason) {
+    return "0 ERROR: make_poll: Cannot verify the server \"" + host +
+           "\" with CAFILE \"ca.pem\": the check of the " + reason + ".\n";
+}
 
 TEST_F(sslutiles_verify, the_bundle_is_read_once) {
     put(make_pem() + make_pem());
@@ -186,4 +248,47 @@ TEST_F(sslutiles_verify, nobody_is_no_server) {
                                        host + "\".\n");
     }
     lib_SSL_free(session);
+}
+
+TEST_F(sslutiles_verify, a_name_is_one_of_the_alternative_names) {
+    const std::string host = "www.example.org";
+    for (const char* names : {"DNS:www.example.org", "DNS:WWW.Example.ORG", "DNS:*.example.org",
+                              "DNS:other.example.org,DNS:www.example.org"}) {
+        EXPECT_EQ(judged(host, "server", names), "") << names;
+    }
+    for (const char* names : {"DNS:example.org", "DNS:*.org", "DNS:*", "DNS:a.www.example.org",
+                              "DNS:*.www.example.org", "DNS:www.*.org"}) {
+        EXPECT_EQ(judged(host, "server", names),
+                  refusal(host, "host name failed: hostname mismatch"))
+            << names;
+    }
+}
+
+TEST_F(sslutiles_verify, a_wildcard_is_a_whole_label) {
+    const std::string host = "web.example.org";
+    for (const char* names : {"DNS:w*.example.org", "DNS:*b.example.org", "DNS:w*b.example.org",
+                              "DNS:web*.example.org", "DNS:*web.example.org"}) {
+        EXPECT_EQ(judged(host, "server", names),
+                  refusal(host, "host name failed: hostname mismatch"))
+            << names;
+    }
+}
+
+TEST_F(sslutiles_verify, the_common_name_is_no_name_of_the_server) {
+    const std::string host = "www.example.org";
+    for (const char* names :
+         {"", "email:root@www.example.org", "IP:192.0.2.1", "DNS:other.example.org"}) {
+        EXPECT_EQ(judged(host, host, names), refusal(host, "host name failed: hostname mismatch"))
+            << names;
+        EXPECT_EQ(judged(host, "*.example.org", names),
+                  refusal(host, "host name failed: hostname mismatch"))
+            << names;
+    }
+    const std::string address = "192.0.2.1";
+    EXPECT_EQ(judged(address, "server", "IP:192.0.2.1"), "");
+    for (const char* names : {"", "DNS:192.0.2.1"}) {
+        EXPECT_EQ(judged(address, address, names),
+                  refusal(address, "IP address failed: IP address mismatch"))
+            << names;
+    }
 }

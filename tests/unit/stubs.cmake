@@ -20,7 +20,9 @@ vindral_stub(ssl_1_1 libssl.so.1.1 ssl_stub.cpp CURRENT_RELEASE)
 vindral_stub(ssl_no_set_fd libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_SET_FD)
 vindral_stub(ssl_no_method libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_CLIENT_METHOD)
 vindral_stub(ssl_no_init_crypto libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_INIT_CRYPTO)
-vindral_stub(ssl_no_set1_host libssl.so.3 ssl_stub.cpp CURRENT_RELEASE VERIFIES)
+vindral_stub(ssl_no_set1_host libssl.so.3 ssl_stub.cpp CURRENT_RELEASE VERIFIES WITHOUT_SET1_HOST)
+vindral_stub(ssl_1_0_2 libssl.so.1.0.0 ssl_stub.cpp OLD_RELEASE VERIFIES)
+vindral_stub(ssl_needs_another libssl.so.3 ssl_stub.cpp CURRENT_RELEASE)
 vindral_stub(zlib_second libz.so.1 zlib_stub.cpp)
 vindral_stub(zlib_incomplete libz.so zlib_stub.cpp WITHOUT_UNCOMPRESS)
 vindral_stub(snmp_5_8 libsnmp.so.35 snmp_stub.cpp)
@@ -30,6 +32,12 @@ vindral_stub(mysql_8 libmysqlclient.so.21 mysql_stub.cpp)
 vindral_stub(mysql_plain libmysqlclient.so mysql_stub.cpp WITHOUT_THREADS)
 vindral_stub(mysql_incomplete libmysqlclient.so mysql_stub.cpp WITHOUT_CLOSE)
 vindral_stub(mysql_incomplete libmysqlclient.so.21 mysql_stub.cpp)
+
+# What the loader does not find.
+add_library(vindral_stub_needed SHARED stubs/zlib_stub.cpp)
+target_link_libraries(stub_ssl_needs_another_libssl_so_3 PRIVATE vindral_stub_needed)
+target_link_options(stub_ssl_needs_another_libssl_so_3 PRIVATE -Wl,--no-as-needed)
+set_target_properties(stub_ssl_needs_another_libssl_so_3 PROPERTIES SKIP_BUILD_RPATH TRUE)
 
 get_property(stub_targets GLOBAL PROPERTY vindral_stub_targets)
 foreach(name IN ITEMS dynlib_test libsslloader_test compression_routine_test

@@ -101,7 +101,7 @@ EXPORTED(SSL_read)
 EXPORTED(ERR_error_string)
 EXPORTED(ERR_get_error)
 
-/* From 1.0.2 on; all but X509_VERIFY_PARAM_set1_host. */
+/* From 1.0.2 on. */
 #ifdef VERIFIES
 EXPORTED(SSL_CTX_load_verify_locations)
 EXPORTED(SSL_CTX_set_verify)
@@ -109,6 +109,10 @@ EXPORTED(SSL_get0_param)
 EXPORTED(SSL_get_verify_result)
 EXPORTED(SSL_get_peer_cert_chain)
 EXPORTED(X509_VERIFY_PARAM_set_flags)
+EXPORTED(X509_VERIFY_PARAM_set_hostflags)
+#ifndef WITHOUT_SET1_HOST
+EXPORTED(X509_VERIFY_PARAM_set1_host)
+#endif
 EXPORTED(X509_VERIFY_PARAM_set1_ip_asc)
 EXPORTED(X509_verify_cert_error_string)
 #endif

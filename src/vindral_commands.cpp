@@ -20,10 +20,12 @@
 #include "vindral_log.h"
 #include "vindral_text.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 time_t last_update_time = 0;
 
@@ -358,11 +360,12 @@ static void cmd_update(char** f, size_t) {
     start_updater(f[1], f[2], f[3]);
 }
 
+static const size_t FIELDS_USED = 16;       /* at most, by any command; more only count */
 static const size_t MORE_FIELDS = SIZE_MAX; /* those beyond the least are ignored */
 
 enum test_id { NO_ID, NONZERO_ID }; /* NONZERO_ID: field 1 is the test id; 0 drops the command */
 
-static const struct {
+static constexpr struct {
     const char* code;
     size_t least, most; /* fields, the code included */
     test_id id;
@@ -433,53 +436,66 @@ static const struct {
     {"DCM", 1, MORE_FIELDS, NO_ID, cmd_modify_ndis},
     {"DCR", 2, MORE_FIELDS, NONZERO_ID, cmd_remove_ndis}, /* _tid */
 };
+static_assert(std::all_of(std::begin(commands), std::end(commands), [](const auto& command) {
+    return command.least <= FIELDS_USED &&
+           (command.most <= FIELDS_USED || command.most == MORE_FIELDS);
+}));
 
-void add_from_array(char** ms, size_t msl) {
-    if (ms == nullptr || msl == 0 || ms[0] == nullptr) {
-        return;
-    }
+/* A command of `count` fields, of which the first FIELDS_USED are there. */
+static void execute(char** fields, size_t count) {
     for (const auto& command : commands) {
-        if (strcmp(ms[0], command.code) != 0) {
+        if (strcmp(fields[0], command.code) != 0) {
             continue;
         }
-        bool counted = msl >= command.least && msl <= command.most;
-        if (counted && (command.id == NO_ID || number(ms[1]) != 0)) {
-            command.execute(ms, msl);
+        bool counted = count >= command.least && count <= command.most;
+        if (counted && (command.id == NO_ID || number(fields[1]) != 0)) {
+            command.execute(fields, count);
         }
         return;
     }
-    leveledadd2log(0, "ERROR: Invalid test string received: %s", ms[0]);
+    leveledadd2log(0, "ERROR: Invalid test string received: %s", fields[0]);
 }
 
-namespace {
-
-/* What uparser made, freed by scope. */
-struct split_text {
-    char** parts = nullptr;
-    size_t count = 0;
-
-    split_text(const char* text, char separator) { uparser(text, &parts, &count, separator); }
-    ~split_text() {
-        if (parts != nullptr) {
-            free_uparser_array(&parts, &count);
-        }
+void add_from_array(char** ms, size_t msl) {
+    if (ms != nullptr && msl != 0 && ms[0] != nullptr) {
+        execute(ms, msl);
     }
-    split_text(const split_text&) = delete;
-    split_text& operator=(const split_text&) = delete;
-};
+}
 
-} // namespace
+/* Nothing happens for an empty line, and without memory. A line may have millions of fields. */
+static void execute_line(const text_piece& line) {
+    heap_text copies[FIELDS_USED];
+    char* fields[FIELDS_USED];
+    size_t count = 0;
+    text_piece field;
+    for (int more = first_field(line, '\t', &field); more; more = next_field(line, '\t', &field)) {
+        if (count < FIELDS_USED) {
+            copies[count].reset(strndup(field.begin, static_cast<size_t>(field.end - field.begin)));
+            fields[count] = copies[count].get();
+            if (fields[count] == nullptr) {
+                return;
+            }
+        }
+        count++;
+    }
+    if (count != 0) {
+        execute(fields, count);
+    }
+}
 
 void parse_data(char* sdata) {
-    split_text lines(sdata, '\n');
-    for (size_t i = 0; i < lines.count; i++) {
+    if (sdata == nullptr) {
+        return;
+    }
+    const text_piece reply = {sdata, sdata + strlen(sdata)};
+    text_piece line;
+    for (int more = first_field(reply, '\n', &line); more; more = next_field(reply, '\n', &line)) {
         {
             /* A long reply must not hold up a stop: nothing is half-done between two commands. */
             cancel_on may_end;
             pthread_testcancel();
         }
-        split_text fields(lines.parts[i], '\t');
-        add_from_array(fields.parts, fields.count);
+        execute_line(line);
     }
 }
 

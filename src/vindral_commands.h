@@ -13,7 +13,8 @@
 /* When the last update ended, seconds since the epoch; 0 when there was none. */
 extern time_t last_update_time;
 
-/* Executes every line of a reply. Between two lines the thread can be cancelled. */
+/* Executes every line of a reply. Between two lines the thread can be cancelled. Of the reply,
+ * which may be 64 MB of anything, no more is copied than the fields that one command uses. */
 void parse_data(char* sdata);
 
 /* Executes one command given as its fields. Nothing happens without a code. */

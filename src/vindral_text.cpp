@@ -3,42 +3,50 @@
 #include <cstdlib>
 #include <cstring>
 
-/* Where the field that starts at `field` ends: at a separator or at the end of the text. The first
- * character of the text is never searched. */
-static const char* field_end(const char* text, const char* field, char dl) {
-    const char* end = field == text ? field + 1 : field;
-    while (*end != '\0' && *end != dl) {
-        end++;
-    }
-    return end;
+/* The field that begins at `begin`; its first `skipped` characters are not searched. */
+static text_piece field_at(const char* begin, size_t skipped, const char* text_end, char dl) {
+    const char* from = begin + skipped;
+    const void* found = memchr(from, dl, static_cast<size_t>(text_end - from));
+    return {begin, found != nullptr ? static_cast<const char*>(found) : text_end};
 }
 
-/* The start of the field behind the one that ends at `end`; null when that was the last. */
-static const char* next_field(const char* end) {
-    return end[0] != '\0' && end[1] != '\0' ? end + 1 : nullptr;
+int first_field(const text_piece& text, char dl, text_piece* field) {
+    if (text.begin == text.end) {
+        return 0;
+    }
+    *field = field_at(text.begin, 1, text.end, dl);
+    return 1;
+}
+
+int next_field(const text_piece& text, char dl, text_piece* field) {
+    if (text.end - field->end < 2) {
+        return 0;
+    }
+    *field = field_at(field->end + 1, 0, text.end, dl);
+    return 1;
 }
 
 int uparser(const char* sInput, char*** outAr, size_t* outAl, char dl) {
-    if (sInput == nullptr || *sInput == '\0') {
+    if (sInput == nullptr) {
         return 0;
     }
+    const text_piece text = {sInput, sInput + strlen(sInput)};
+    text_piece field;
     size_t count = 0;
-    for (const char* field = sInput; field != nullptr; count++) {
-        field = next_field(field_end(sInput, field, dl));
+    for (int more = first_field(text, dl, &field); more; more = next_field(text, dl, &field)) {
+        count++;
     }
-    char** fields = static_cast<char**>(calloc(count, sizeof(char*)));
+    char** fields = count > 0 ? static_cast<char**>(calloc(count, sizeof(char*))) : nullptr;
     if (fields == nullptr) {
         return 0;
     }
     size_t copied = 0;
-    for (const char* field = sInput; field != nullptr; copied++) {
-        const char* end = field_end(sInput, field, dl);
-        fields[copied] = strndup(field, static_cast<size_t>(end - field));
-        if (fields[copied] == nullptr) {
+    for (int more = first_field(text, dl, &field); more; more = next_field(text, dl, &field)) {
+        fields[copied] = strndup(field.begin, static_cast<size_t>(field.end - field.begin));
+        if (fields[copied++] == nullptr) {
             free_uparser_array(&fields, &count);
             return 0;
         }
-        field = next_field(end);
     }
     *outAr = fields;
     *outAl = count;

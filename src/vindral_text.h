@@ -18,4 +18,15 @@ int uparser(const char* sInput, char*** outAr, size_t* outAl, char dl);
  * the count alone tells whether there is anything. Nothing happens at a count of 0. */
 void free_uparser_array(char*** inAr, size_t* inArl);
 
+/* A piece of somebody else's text, without a NUL behind it. */
+struct text_piece {
+    const char* begin;
+    const char* end;
+};
+
+/* The same fields one by one, in place, for text that is too large to be copied as a whole. The
+ * first of a text, and the one behind `field`, which is overwritten. 1, or 0 when there is none. */
+int first_field(const text_piece& text, char dl, text_piece* field);
+int next_field(const text_piece& text, char dl, text_piece* field);
+
 #endif

@@ -7,13 +7,27 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <random>
 #include <sstream>
 #include <string>
 
 static const time_t no_update_yet = last_update_time;
 
-/* What the commands reach, recorded as text. */
+/* With a sanitizer, whose allocator keeps its own accounts. */
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+static size_t bytes_in_use() {
+    if (__sanitizer_get_current_allocated_bytes != nullptr) {
+        return __sanitizer_get_current_allocated_bytes();
+    }
+    struct mallinfo2 all = mallinfo2();
+    return all.uordblks + all.hblkhd;
+}
+
+/* What the commands reach, recorded as text, and the memory in use when the last one was. */
 static std::string calls;
+static size_t in_use_at_call;
 
 static void append(std::ostringstream& out, const char* text) {
     out << " " << (text != nullptr ? text : "(none)");
@@ -27,6 +41,7 @@ static void append(std::ostringstream& out, T value) {
 }
 template <typename... A>
 static void record(const char* operation, A... arguments) {
+    in_use_at_call = bytes_in_use();
     std::ostringstream out;
     out << operation;
     (append(out, arguments), ...);
@@ -484,6 +499,104 @@ TEST(Commands, LinesOfAReply) {
     EXPECT_EQ("", take_log_text());
     EXPECT_EQ("", run(""));
     parse_data(nullptr);
+}
+
+/* The calls and the log of a reply that is first split into all of its lines. */
+static std::string run_split(const std::string& reply) {
+    calls.clear();
+    char** lines = nullptr;
+    size_t line_count = 0;
+    uparser(reply.c_str(), &lines, &line_count, '\n');
+    for (size_t i = 0; i < line_count; i++) {
+        char** fields = nullptr;
+        size_t field_count = 0;
+        if (uparser(lines[i], &fields, &field_count, '\t')) {
+            add_from_array(fields, field_count);
+            free_uparser_array(&fields, &field_count);
+        }
+    }
+    free_uparser_array(&lines, &line_count);
+    return calls + take_log_text();
+}
+
+TEST(Commands, LinesAreThoseOfASplitText) {
+    take_log();
+    std::vector<std::string> replies = {"\n",
+                                        "\n\n",
+                                        "\n\n\n",
+                                        "\nPOL\t0\t1",
+                                        "\n\nPOL\t0\t1",
+                                        "POL\t0\t1\n\n",
+                                        "\t",
+                                        "\t\n\t\n",
+                                        "\tPOL\t0\t1",
+                                        "\n\tPOL\t0\t1\n",
+                                        "POL\t0\t1\t",
+                                        "POL\t0\t1\t\t",
+                                        "POL\t\t",
+                                        "POL\t0\t\n1",
+                                        "\r\n\r\n",
+                                        "x\n",
+                                        "DCA\t1\t2\t3\t4",
+                                        "DCM\t1\t2\t3",
+                                        "DCA\t1\t2\t3\t4\t"};
+    for (const char* code : {"HPA", "NTA", "SWM", "STA", "XYZ"}) {
+        for (int tabs = 8; tabs < 20; tabs++) {
+            std::string empty = code + std::string(size_t(tabs), '\t');
+            std::string filled = code;
+            for (int i = 0; i < tabs; i++) {
+                filled += "\t" + std::to_string(i + 1);
+            }
+            for (const std::string& line : {empty, filled}) {
+                replies.insert(replies.end(), {line, line + "\t", line + "\t\n", line + "\nx"});
+            }
+        }
+    }
+    std::minstd_rand random(1);
+    const char* const pieces[] = {"\n", "\n", "\t", "\t", "\t1", "\t2", "\r", "POL", "NTA", "x"};
+    for (int i = 0; i < 2000; i++) {
+        std::string reply;
+        for (size_t length = random() % 40; length > 0; length--) {
+            reply += pieces[random() % std::size(pieces)];
+        }
+        replies.push_back(reply);
+    }
+    for (const std::string& reply : replies) {
+        std::string expected = run_split(reply);
+        std::string seen = run(reply);
+        EXPECT_EQ(expected, seen + take_log_text()) << testing::PrintToString(reply);
+    }
+}
+
+TEST(Commands, EveryFieldCounts) {
+    take_log();
+    EXPECT_EQ("", run("HPA" + std::string(1000000, '\t') + "x"));
+    EXPECT_EQ("0 ERROR: HPA argument's count is 1000001, expected 16\n", take_log_text());
+    EXPECT_EQ("", run("POL\t0\t7" + std::string(1000000, '\t')));
+    EXPECT_EQ("", take_log_text());
+}
+
+/* Whatever a reply consists of, it takes little memory besides its own. */
+TEST(Commands, AReplyIsNotCopied) {
+    const size_t many = 1000000, little = 65536;
+    const std::string net = "NTA\t1\t2\teth0\t3\t4\t5\t6\t7\t8";
+    struct {
+        std::string reply, call;
+    } cases[] = {
+        {"SWM" + std::string(many, '\n') + net + std::string(many, '\n'),
+         "add_nettest 1 2 eth0 3 4 5 6 7 8\n"},
+        {"SWM\t" + std::string(many, 'x') + "\n" + net, "add_nettest 1 2 eth0 3 4 5 6 7 8\n"},
+        {net + std::string(many, '\t'), "add_nettest 1 2 eth0 3 4 5 6 7 8\n"},
+        {net + "\t" + std::string(many, 'x'), "add_nettest 1 2 eth0 3 4 5 6 7 8\n"},
+    };
+    for (auto& c : cases) {
+        calls.clear();
+        size_t before = bytes_in_use();
+        parse_data(c.reply.data());
+        EXPECT_EQ(c.call, calls);
+        EXPECT_LT(in_use_at_call, before + little + (c.reply.back() == 'x' ? many : 0));
+    }
+    EXPECT_EQ("", take_log_text());
 }
 
 TEST(Commands, NoFieldsNothingHappens) {

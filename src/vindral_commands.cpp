@@ -225,11 +225,16 @@ static void cmd_remove_unix_server(char** f, size_t) {
 }
 
 /* A listener without a port is none. The list of addresses passes to the listener; one that begins
- * with "all" is empty, which admits everyone. So where there is no memory for the list nothing is
- * done. */
+ * with "all" is empty there, which admits everyone. So a list that is empty to begin with is
+ * refused, and where there is no memory for the list nothing is done. */
 static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
     int port = number(f[2]);
     if (port == 0) {
+        return;
+    }
+    if (f[3][0] == '\0') {
+        leveledadd2log(0, "ERROR: %s address list is empty, the command is ignored: %s", f[0],
+                       f[1]);
         return;
     }
     char** addresses = nullptr;

@@ -368,6 +368,26 @@ TEST(Commands, FeedListeners) {
     EXPECT_EQ("", run("USD\t7\t0"));
 }
 
+/* No addresses must not come to mean all of them. */
+TEST(Commands, AFeedListenerWithAnEmptyListIsRefused) {
+    take_log();
+    for (const char* code : {"TSA", "TSM"}) {
+        std::string line = code;
+        EXPECT_EQ("", run(line + "\t7\t8080\t\t"));
+        EXPECT_EQ("0 ERROR: " + line + " address list is empty, the command is ignored: 7\n",
+                  take_log_text());
+        EXPECT_EQ("", run(line + "\t7\t0\t\t"));
+        EXPECT_EQ("", run(line + "\t0\t8080\t\t"));
+        EXPECT_EQ("", run(line + "\t7\t8080\t")); /* three fields */
+        EXPECT_EQ("", run(line + "\t7\t8080\t\t\t"));
+        EXPECT_EQ("", take_log_text());
+    }
+    EXPECT_EQ("add_tcp_server 7 8080 ;, 1\n", run("TSA\t7\t8080\t;"));
+    EXPECT_EQ("add_tcp_server 7 8080 ;10.0.0.1, 1\n", run("TSA\t7\t8080\t;10.0.0.1"));
+    EXPECT_EQ("add_tcp_server 7 8080 \r, 1\n", run("TSA\t7\t8080\t\r"));
+    EXPECT_EQ("", take_log_text());
+}
+
 TEST(Commands, SnmpWalksAndTables) {
     const std::string fields =
         "\t7\t3\thost\t1161\t20\t3\t1.3.6\tpub\tmd5\tuser\tpass\tdes\tpriv\t5\t2";

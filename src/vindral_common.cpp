@@ -162,8 +162,8 @@ char* get_URL_Encode(const char* s, size_t l) {
 /* The port of a URL as new text, from the digits at `digits`. */
 static char* port_text(const char* digits) {
     long port = strtol(digits, nullptr, 10);
-    char text[8];
-    snprintf(text, sizeof text, "%d", port >= 1 && port <= 65535 ? static_cast<int>(port) : 443);
+    char text[24];
+    snprintf(text, sizeof text, "%ld", port == 0 || port > 65535 ? 443 : port);
     return strdup(text);
 }
 

@@ -68,9 +68,10 @@ char* get_URL_Encode(const char* s, size_t l);
 /* Splits scheme://host[:port]/path. Returns 1 and three new strings: the host, the path from its
  * "/" on with the query, and the port as decimal text. Without a port in the URL that is "443" for
  * a scheme that starts with "https" and "80" for one that starts with "http" (lower case); for any
- * other scheme *iPort is left as it is. A port outside 1 to 65535, or that is no number, reads as
- * "443" whatever the scheme. Returns 0 and changes nothing for null or empty text, without "://",
- * without a "/" behind the host, and without memory. What the outputs held before is not freed. */
+ * other scheme *iPort is left as it is. A port of 0 or above 65535, or that is no number, reads as
+ * "443" whatever the scheme; a negative one stays, and no resolver takes it. Returns 0 and changes
+ * nothing for null or empty text, without "://", without a "/" behind the host, and without memory.
+ * What the outputs held before is not freed. */
 int crackURL(const char* szURL, char** szHost, char** szPath, char** iPort);
 
 /* Microseconds from early to later, null later meaning now; 0 when later is the earlier of the two,

@@ -34,7 +34,7 @@ static void check_url(const std::string& text) {
     char *host = nullptr, *path = nullptr, *port = nullptr;
     if (crackURL(text.c_str(), &host, &path, &port)) {
         require(path[0] == '/' && strchr(host, ':') == nullptr && strchr(host, '/') == nullptr);
-        require(port == nullptr || (atoi(port) >= 1 && atoi(port) <= 65535));
+        require(port == nullptr || (atol(port) != 0 && atol(port) <= 65535));
     }
     free(host);
     free(path);

@@ -78,7 +78,7 @@ class Configuration(harness.TestCase):
         for url, host in (("https://h.example.net/p?q=1", "h.example.net:443/p?q=1"),
                           ("http://h/", "h:80/"), ("https://h:8443/a/b", "h:8443/a/b"),
                           ("https://h:0/", "h:443/"), ("http://h:65536/", "h:443/"),
-                          ("http://h:x/", "h:443/"),
+                          ("http://h:x/", "h:443/"), ("https://h:-5/", "h:-5/"),
                           # Rejected: the defaults stay.
                           ("h.example.net/p", None), ("http://h", None), ("://", None), ("/", None),
                           ("x" * 900, None)):

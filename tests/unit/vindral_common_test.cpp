@@ -216,15 +216,26 @@ TEST(crackURL, other_schemes_leave_the_port_alone) {
     free(path);
 }
 
-TEST(crackURL, ports_out_of_range_become_443_whatever_the_scheme) {
+TEST(crackURL, a_port_of_0_or_above_65535_becomes_443_whatever_the_scheme) {
     EXPECT_EQ(cracked("http://srv:0/"), "srv / 443");
     EXPECT_EQ(cracked("http://srv:65535/"), "srv / 65535");
     EXPECT_EQ(cracked("http://srv:65536/"), "srv / 443");
     EXPECT_EQ(cracked("http://srv:99999999999999999999/"), "srv / 443");
     EXPECT_EQ(cracked("http://srv:/"), "srv / 443");
     EXPECT_EQ(cracked("http://srv:x/"), "srv / 443");
-    EXPECT_EQ(cracked("http://srv:-1/"), "srv / 443");
+    EXPECT_EQ(cracked("http://srv:-0/"), "srv / 443");
+    EXPECT_EQ(cracked("http://srv:4294967376/"), "srv / 443"); /* 80 in 32 bits */
     EXPECT_EQ(cracked("ftp://srv:0/"), "srv / 443");
+}
+
+/* For the resolver to refuse, which knows no such service. */
+TEST(crackURL, a_negative_port_stays) {
+    EXPECT_EQ(cracked("https://srv:-5/p"), "srv /p -5");
+    EXPECT_EQ(cracked("http://srv:-1/"), "srv / -1");
+    EXPECT_EQ(cracked("http://srv: -080x/"), "srv / -80");
+    EXPECT_EQ(cracked("http://srv:-65536/"), "srv / -65536");
+    EXPECT_EQ(cracked("http://srv:-4294967296/"), "srv / -4294967296"); /* 0 in 32 bits */
+    EXPECT_EQ(cracked("http://srv:-99999999999999999999/"), "srv / -9223372036854775808");
 }
 
 TEST(crackURL, refuses_what_it_cannot_split) {

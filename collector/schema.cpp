@@ -243,6 +243,9 @@ std::string status_word(uint32_t type, int32_t status) {
 }
 
 static std::string number_text(double value) {
+    if (std::isnan(value)) {
+        return "nan"; /* whatever its sign is */
+    }
     bool whole = value == std::floor(value) && std::fabs(value) < 1e15;
     char text[32];
     snprintf(text, sizeof(text), whole ? "%.0f" : "%.6g", value);

@@ -170,10 +170,8 @@ static bool query_counters(const char* host, double shares[STATES]) {
     }
     const int slots[STATES] = {R_USER, R_SYSTEM, R_NICE, R_IDLE, R_WAIT};
     for (int i = 0; i < STATES; i++) {
-        /* A host that counts nothing has no share of anything. */
-        shares[i] = sum == 0
-                        ? 0.0
-                        : static_cast<double>(queried[slots[i]]) / static_cast<double>(sum) * 100;
+        /* A host that counts nothing has no share of anything: 0/0, no number. */
+        shares[i] = static_cast<double>(queried[slots[i]]) / static_cast<double>(sum) * 100;
     }
     return true;
 }
@@ -208,7 +206,7 @@ static bool judge(const char* name, double share, int limit, bool reached, const
 }
 
 /* Status of five shares, the message in `*message` (caller frees). Equal to a maximum is reached,
- * equal to the minimum is not. */
+ * equal to the minimum is not. A share that is no number reaches no limit. */
 static uint32_t judge_shares(const cpu_check_def& test, const double shares[STATES],
                              bool with_iowait, char** message) {
     const struct {

@@ -12,7 +12,8 @@
  *   I64   time of the check, seconds since the epoch
  *   text  the message, one line per limit that was reached
  *   UI32  status: 0 within limits, 2 a limit reached, 10 the remote query failed
- *   D64   user, system, nice, idle, I/O wait in percent; -1.0 each when the remote query failed
+ *   D64   user, system, nice, idle, I/O wait in percent; -1.0 each when the remote query failed,
+ *         NaN each when a remote host's counters are all 0, which reaches no limit
  *   record  one for each processor of this machine (1 UI32, 5 D64, 1 string): message, status and
  *         the five shares of that processor
  *

@@ -326,6 +326,23 @@ TEST(json, an_unknown_type_with_nested_records) {
     EXPECT_EQ(boost::json::parse(text), expected) << text;
 }
 
+TEST(text, numbers_that_are_none) {
+    double nan = std::nan("");
+    std::string bytes = record_builder{
+        .ui32 = {44, 1, 1, 0},
+        .i64 = {1},
+        .d64 = {nan, -nan, std::numeric_limits<double>::infinity(), -1, 0},
+        .strings = {"m"}}.bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)), "user nan% system nan% nice inf% idle -1% iowait 0%");
+    boost::json::value values = boost::json::parse(json_of(bytes)).at("values");
+    EXPECT_TRUE(values.at("user").is_null());
+    EXPECT_TRUE(values.at("system").is_null());
+    bytes = record_builder{.ui32 = {99}, .d64 = {-nan}}.bytes();
+    r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)), "ui32 99 d64 nan");
+}
+
 TEST(json, numbers_that_json_has_not_are_null) {
     double inf = std::numeric_limits<double>::infinity();
     std::string bytes =

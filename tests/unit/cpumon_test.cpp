@@ -6,6 +6,7 @@
 #include "fake_core.h"
 
 #include <atomic>
+#include <cmath>
 #include <fstream>
 #include <sys/stat.h>
 #include <thread>
@@ -331,13 +332,33 @@ TEST_F(Cpu, RemoteCounters) {
               asked());
 }
 
+/* Nothing of nothing is no number, which reaches no limit. */
 TEST_F(Cpu, RemoteCountersThatAreAllZero) {
     char host[] = "h", kind[] = "linux";
     stub("snmpget", "=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n"
                     "=Counter32:0\n=Counter32:0\n");
-    add_cpu(1, 9, 1, 1, 1, 0, 1, host, kind);
+    add_cpu(1, 9, 0, 0, 0, 100, 0, host, kind);
     udc_content r = check();
-    EXPECT_EQ(record(0, {0, 0, 0, 0, 0}, WITHIN, r), r);
+    EXPECT_EQ((std::vector<uint32_t>{44, 1, 9, 0}), r.ui32);
+    EXPECT_EQ((std::vector<std::string>{WITHIN}), r.strings);
+    ASSERT_EQ(5u, r.d64.size());
+    for (double share : r.d64) {
+        EXPECT_TRUE(std::isnan(share)) << share;
+    }
+}
+
+/* Only a sum that ran over can be 0 beside a counter that is not. */
+TEST_F(Cpu, RemoteCountersWhoseSumIsZero) {
+    char host[] = "h", kind[] = "linux";
+    stub("snmpget", "=Counter32:18446744073709551615\n=Counter32:1\n=Counter32:0\n"
+                    "=Counter32:0\n=Counter32:0\n=Counter32:0\n=Counter32:0\n");
+    add_cpu(1, 9, 50, -1, -1, 50, -1, host, kind);
+    udc_content r = check();
+    EXPECT_EQ((std::vector<uint32_t>{44, 1, 9, 2}), r.ui32);
+    EXPECT_EQ((std::vector<std::string>{"User CPU usage: inf / Max value: 50\n"}), r.strings);
+    ASSERT_EQ(5u, r.d64.size());
+    EXPECT_TRUE(std::isinf(r.d64[USER]));
+    EXPECT_TRUE(std::isnan(r.d64[IDLE]));
 }
 
 /* Judged whether or not this machine's kernel counts I/O wait. */

@@ -6,6 +6,7 @@
 #include "vindral_log.h"
 #include "vindral_wake.h"
 
+#include <climits>
 #include <cstdio>
 #include <mntent.h>
 #include <sys/statvfs.h>
@@ -291,9 +292,28 @@ int get_disk_test_results(test_result*** results, int* res_count) {
 
 /* --- inventory --- */
 
+/* The mount table. Containers and small installations have only the kernel's. Null without any. */
+static FILE* open_mount_table() {
+    FILE* table = setmntent(mtab_path, "re");
+    if (table != nullptr) {
+        return table;
+    }
+    char path[PATH_MAX];
+    snprintf(path, sizeof path, "%s/self/mounts", proc_root);
+    return setmntent(path, "re");
+}
+
+/* Whether the inventory lists the entry. Looking at an autofs directory would mount what belongs
+ * there; once that is mounted it has an entry of its own. */
+static bool is_file_system(const mntent& entry) {
+    struct statvfs found;
+    return strcmp(entry.mnt_type, "autofs") != 0 && statvfs(entry.mnt_dir, &found) == 0 &&
+           found.f_blocks != 0;
+}
+
 /* Every file system with blocks, "DIRECTORY(DEVICE|TYPE)" and a tab each; null without a table. */
 static heap_text list_file_systems() {
-    FILE* table = setmntent(mtab_path, "re");
+    FILE* table = open_mount_table();
     if (table == nullptr) {
         return nullptr;
     }
@@ -306,8 +326,7 @@ static heap_text list_file_systems() {
     if (list != nullptr) {
         mntent entry;
         while (getmntent_r(table, &entry, line.get(), room) != nullptr) {
-            struct statvfs found;
-            if (statvfs(entry.mnt_dir, &found) == 0 && found.f_blocks != 0) {
+            if (is_file_system(entry)) {
                 fprintf(list, "%s(%s|%s)\t", entry.mnt_dir, entry.mnt_fsname, entry.mnt_type);
             }
         }

@@ -1,6 +1,7 @@
 /* Disk checker: free space of mounted file systems (statvfs(3)) and what was read from and written
  * to their block devices (/proc/diskstats, proc(5); /proc/partitions on kernels before 2.5.69)
- * against limits per test, and an inventory of what is mounted (/etc/mtab, getmntent(3)).
+ * against limits per test, and an inventory of what is mounted (/etc/mtab, or /proc/self/mounts
+ * where that cannot be opened; getmntent(3)).
  *
  * A test names its file system as the inventory does: "DIRECTORY(DEVICE|TYPE)".
  *
@@ -21,6 +22,7 @@
  *
  * Inventory record, type code 45 (0 I32, 3 UI32, 1 I64, 0 UI64, 0 D64, 1 string): UI32 45, 0, 0;
  * I64 time; text, "DIRECTORY(DEVICE|TYPE)" and a tab for every file system that has blocks.
+ * Entries of type autofs are left out unasked: to ask would mount what they stand for.
  *
  * Lifecycle, threads and locks are those of checker.h; DISK_TEST_RESULTS_MUTEX guards the text
  * results and is taken inside DISK_MON_MUTEX. statvfs waits as long as the file system does: a dead

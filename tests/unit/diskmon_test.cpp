@@ -23,7 +23,9 @@ void send_pending_data() {
 }
 
 static std::map<std::string, struct statvfs> file_systems;
+static std::vector<std::string> queried; /* paths, in the order of the calls */
 static int fake_statvfs(const char* path, struct statvfs* found) {
+    queried.push_back(path);
     auto known = file_systems.find(path);
     if (known == file_systems.end()) {
         return -1;
@@ -59,6 +61,7 @@ protected:
     void SetUp() override {
         write("diskstats", DISKSTATS);
         file_systems.clear();
+        queried.clear();
         mtab_path = table.c_str();
         wake_ups = 0;
         take_log();
@@ -102,6 +105,18 @@ protected:
         do_disk_check();
         EXPECT_TRUE(take_records(get_disk_results).empty());
         return texts();
+    }
+    /* The text of the inventory record; "(none)" without a record. */
+    std::string inventory() {
+        char* data = nullptr;
+        int size = 0;
+        if (!get_mounted_list(&data, &size)) {
+            return "(none)";
+        }
+        auto r = read_udc(data, static_cast<size_t>(size));
+        free(data);
+        EXPECT_TRUE(r.has_value());
+        return r && !r->strings.empty() ? r->strings[0] : "";
     }
     void sda1(unsigned long long sectors_read, unsigned long long written) {
         write("diskstats", "8 1 sda1 1 1 " + std::to_string(sectors_read) + " 1 1 1 " +
@@ -482,6 +497,32 @@ TEST_F(Disk, Inventory) {
     EXPECT_EQ(expected, *r);
     EXPECT_LE(before, r->i64.at(0));
     EXPECT_EQ("", take_log_text()); /* what cannot be queried is left out without a word */
+}
+
+/* A look at what is mounted when it is looked at would mount it. What is mounted already has an
+ * entry of its own. */
+TEST_F(Disk, InventoryMountsNothing) {
+    file_systems["/"] = file_systems["/net/a"] = file_systems["/net/b"] = blocks(1, 1);
+    std::ofstream(table) << "/dev/sda1 / ext4 rw 0 0\n"
+                            "systemd-1 /net/a autofs rw,direct 0 0\n"
+                            "/etc/auto.net /net/b autofs rw,direct 0 0\n"
+                            "server:/b /net/b nfs4 rw 0 0\n"
+                            "autofs /net/a autofs_like rw 0 0\n";
+    EXPECT_EQ("/(/dev/sda1|ext4)\t/net/b(server:/b|nfs4)\t/net/a(autofs|autofs_like)\t",
+              inventory());
+    EXPECT_EQ((std::vector<std::string>{"/", "/net/b", "/net/a"}), queried);
+}
+
+/* As in containers, which have no /etc/mtab. */
+TEST_F(Disk, InventoryByTheKernelsTable) {
+    file_systems["/"] = file_systems["/data"] = blocks(1, 1);
+    write("self/mounts", "overlay / overlay rw 0 0\n");
+    EXPECT_EQ("/(overlay|overlay)\t", inventory());
+    std::filesystem::create_symlink("nowhere", table);
+    EXPECT_EQ("/(overlay|overlay)\t", inventory());
+    std::filesystem::remove(table);
+    std::ofstream(table) << "/dev/sdb /data ext4 rw 0 0\n"; /* comes first */
+    EXPECT_EQ("/data(/dev/sdb|ext4)\t", inventory());
 }
 
 TEST_F(Disk, InventoryOfNothing) {

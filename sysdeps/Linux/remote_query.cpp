@@ -7,8 +7,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <utility>
 
-static const size_t OUTPUT_LIMIT = 64 * 1024;
+static const size_t OUTPUT_LIMIT = 16 * 1024 * 1024;
 static int query_limit_s = 60; /* snmpget's own time-outs and retries stay well below */
 
 int is_safe_host(const char* host) {
@@ -33,15 +34,67 @@ static int time_left_ms(const timespec& end) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-/* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Output
- * beyond the limit of size is read and dropped, so that the command does not wait for a reader.
- * Null when reading failed. */
-static heap_text read_all(int fd, bool* ended) {
-    heap_text text(static_cast<char*>(malloc(OUTPUT_LIMIT + 1)));
-    if (!text) {
+/* What a command has printed so far. */
+struct output {
+    heap_text text;
+    size_t length = 0;
+    size_t room = 0;  /* in `text`, without the place for a NUL */
+    bool cut = false; /* there was more than OUTPUT_LIMIT */
+};
+
+/* Twice the room each time, so that the work grows no faster than the output. */
+static bool make_room(output* printed) {
+    size_t room = printed->room == 0 ? 4096 : printed->room * 2;
+    room = room < OUTPUT_LIMIT ? room : OUTPUT_LIMIT;
+    char* grown = static_cast<char*>(realloc(printed->text.get(), room + 1));
+    if (grown == nullptr) {
+        errno = ENOMEM;
+        return false;
+    }
+    (void)printed->text.release();
+    printed->text.reset(grown);
+    printed->room = room;
+    return true;
+}
+
+/* As read(2). What is beyond the limit is read and dropped, so that the command does not wait for a
+ * reader. */
+static ssize_t read_some(int fd, output* printed) {
+    if (printed->length == OUTPUT_LIMIT) {
+        char dropped[4096];
+        ssize_t count = read(fd, dropped, sizeof dropped);
+        printed->cut |= count > 0;
+        return count;
+    }
+    if (printed->length == printed->room && !make_room(printed)) {
+        return -1;
+    }
+    ssize_t count =
+        read(fd, printed->text.get() + printed->length, printed->room - printed->length);
+    printed->length += count > 0 ? static_cast<size_t>(count) : 0;
+    return count;
+}
+
+/* The text of what was printed. Half a line at the limit could pass for a whole one with another
+ * value, so it goes. Null without memory. */
+static heap_text finish(output* printed) {
+    if (printed->room == 0 && !make_room(printed)) {
         return nullptr;
     }
-    size_t length = 0;
+    char* text = printed->text.get();
+    if (printed->cut) {
+        const void* last = memrchr(text, '\n', printed->length);
+        const char* end = last != nullptr ? static_cast<const char*>(last) + 1 : text;
+        printed->length = static_cast<size_t>(end - text);
+    }
+    text[printed->length] = '\0';
+    return std::move(printed->text);
+}
+
+/* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Null when
+ * reading failed. */
+static heap_text read_all(int fd, bool* ended) {
+    output printed;
     timespec end;
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += query_limit_s;
@@ -50,30 +103,20 @@ static heap_text read_all(int fd, bool* ended) {
         int left_ms = time_left_ms(end);
         int ready = poll(&readable, 1, left_ms);
         if (ready == 0 || left_ms == 0) { /* a command may never stop writing */
-            break;
+            return finish(&printed);
         }
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        if (ready < 0) {
-            return nullptr;
-        }
-        char dropped[512];
-        bool full = length == OUTPUT_LIMIT;
-        ssize_t count = read(fd, full ? dropped : text.get() + length,
-                             full ? sizeof dropped : OUTPUT_LIMIT - length);
+        ssize_t count = ready < 0 ? -1 : read_some(fd, &printed);
         if (count == 0) {
             *ended = true;
-            break;
+            return finish(&printed);
         }
-        if (count > 0 && !full) {
-            length += static_cast<size_t>(count);
-        } else if (count < 0 && errno != EINTR) {
+        if (count < 0 && errno != EINTR) {
             return nullptr;
         }
     }
-    text.get()[length] = '\0';
-    return text;
 }
 
 heap_text query_remote_host(const char* command_format, const char* host) {

@@ -10,10 +10,10 @@
 int is_safe_host(const char* host);
 
 /* Runs `command_format`, a shell command line in which "%s" stands for the host, and returns all
- * that it printed (at most 64 KB) as text. Null when the host is not safe, in which case no process
- * is started, or when the command could not be started. The exit status does not count, what was
- * printed does, also by a command that is ended because it ran for more than a minute. Blocks the
- * calling thread. */
+ * that it printed as text; of more than 16 MB the whole lines among the first 16 MB. Null when the
+ * host is not safe, in which case no process is started, or when the command could not be started.
+ * The exit status does not count, what was printed does, also by a command that is ended because it
+ * ran for more than a minute. Blocks the calling thread. */
 heap_text query_remote_host(const char* command_format, const char* host);
 
 #endif

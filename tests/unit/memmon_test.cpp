@@ -272,6 +272,19 @@ TEST_F(Memory, RemoteVirtualMemoryAndCacheHaveLimits) {
 
 /* Type and description of a row have to begin like a kind's, no more; a description of another
  * type's kind is none. */
+TEST_F(Memory, EveryRemoteRowCounts) {
+    char host[] = "h";
+    std::string rows;
+    for (int i = 0; i < 5000; i++) {
+        rows += "9^HOST-RESOURCES-TYPES::hrStorageFixedDisk^/mnt/some/directory^4096^8^6^0\n";
+    }
+    stub("snmptable",
+         rows + "1^HOST-RESOURCES-TYPES::hrStorageRam^Physical memory^1048576^7^5^0\n");
+    add_mem(1, 9, -1, -1, -1, -1, -1, host);
+    udc_content r = check();
+    EXPECT_EQ(expected(0, {2, 7, NONE, NONE, NONE, NONE, NONE, NONE}, WITHIN, r), r);
+}
+
 TEST_F(Memory, RemoteRowsMatchByTheirBeginning) {
     char host[] = "h";
     stub("snmptable",

@@ -71,17 +71,30 @@ TEST(RemoteQuery, BracketsAreNotTakenForAPattern) {
     std::filesystem::remove_all(place);
 }
 
-TEST(RemoteQuery, LongOutputIsCutAndTheCommandStillEnds) {
+TEST(RemoteQuery, LongOutputIsReturnedWhole) {
     heap_text output = query_remote_host("head -c 300000 /dev/zero | tr '\\0' %s", "z");
     ASSERT_TRUE(output);
-    EXPECT_EQ(std::string(64 * 1024, 'z'), output.get());
+    EXPECT_EQ(std::string(300000, 'z'), output.get());
+}
+
+/* Half a line could pass for a whole one with another value. */
+TEST(RemoteQuery, OutputBeyondTheLimitIsCutAfterALineAndTheCommandStillEnds) {
+    std::string lines = query("yes %s | head -c 20000000", "sixth");
+    EXPECT_EQ(OUTPUT_LIMIT / 6 * 6, lines.size());
+    EXPECT_EQ("sixth\n", lines.substr(lines.size() - 6));
+    lines = query("yes %s | head -c 16777216", "sixth"); /* no more than the limit: all of it */
+    EXPECT_EQ(OUTPUT_LIMIT, lines.size());
+    lines = query("echo first; yes %s | tr -d '\\n' | head -c 20000000", "x");
+    EXPECT_TRUE(lines == "first\n") << lines.size();
+    lines = query("head -c 20000000 /dev/zero | tr '\\0' %s", "z");
+    EXPECT_TRUE(lines.empty()) << lines.size();
 }
 
 /* What it had printed by then counts. */
 TEST(RemoteQuery, ACommandThatDoesNotEndIsEnded) {
     query_limit_s = 1;
     EXPECT_EQ("h\n", query("echo %s; sleep 600", "h"));
-    EXPECT_EQ(OUTPUT_LIMIT, query("yes %s", "h").size());
+    EXPECT_EQ("h\n", query("yes %s", "h").substr(0, 2)); /* nor stop writing */
     query_limit_s = 60;
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)); /* no child is left */
     EXPECT_EQ(ECHILD, errno);

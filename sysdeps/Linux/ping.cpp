@@ -116,17 +116,20 @@ int recvfrom_wto(int sock, char* buf, unsigned int len, struct sockaddr* saddr, 
     auto microseconds = static_cast<long>(timo * 1000) - seconds * 1000000;
     leveledadd2log(5, "Starting select() with sec: %d usec %d timo: %f", static_cast<int>(seconds),
                    static_cast<int>(microseconds), timo);
-    /* Where many probes run, or one of this machine, there is something already. */
+    /* Where many probes run, or one of this machine, there is something already. What a wait would
+     * refuse is left to it: a time below zero, a descriptor that is not open. */
     socklen_t address_size = sizeof(sockaddr_in);
-    ssize_t n = recvfrom(sock, buf, len, MSG_DONTWAIT, saddr, &address_size);
-    if (n != -1 || errno != EAGAIN) {
-        return static_cast<int>(n);
+    if (timo > 0.0) {
+        ssize_t n = recvfrom(sock, buf, len, MSG_DONTWAIT, saddr, &address_size);
+        if (n != -1 || (errno != EAGAIN && errno != EBADF)) {
+            return static_cast<int>(n);
+        }
     }
     pollfd waited = {sock, POLLIN, 0};
     timespec limit = {seconds, microseconds * 1000};
     errno = 0;
-    int ready = ppoll(&waited, 1, &limit, nullptr);
-    if (ready < 0) {
+    int ready = sock >= 0 ? ppoll(&waited, 1, &limit, nullptr) : -1;
+    if (ready < 0 || (waited.revents & POLLNVAL) != 0) {
         leveledadd2log(0, "recvfrom_wto: socket: %d Error on select\n", sock);
         return 0;
     }

@@ -66,7 +66,8 @@ struct network {
     bool no_entry = false, no_address = false; /* the resolver finds none, or one without */
     int resolve_error = 0;
     bool descriptor_0 = false;
-    int socket = -1; /* the last one */
+    bool real = false; /* waits and receives are the system's */
+    int socket = -1;   /* the last one */
 } net;
 
 } // namespace
@@ -123,6 +124,9 @@ static ssize_t fake_sendto(int, const void* data, size_t size, int, const sockad
     return net.short_sends-- > 0 ? static_cast<ssize_t>(size) - 1 : static_cast<ssize_t>(size);
 }
 static int fake_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const void*) {
+    if (net.real) {
+        return ppoll(fds, count, limit, nullptr);
+    }
     EXPECT_EQ(1u, count);
     EXPECT_EQ(POLLIN, fds->events);
     double most =
@@ -141,8 +145,11 @@ static int fake_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const vo
     net.arriving.front().after_ms = 0.0;
     return 1;
 }
-static ssize_t fake_recvfrom(int, void* data, size_t size, int flags, sockaddr* from,
+static ssize_t fake_recvfrom(int fd, void* data, size_t size, int flags, sockaddr* from,
                              socklen_t* from_size) {
+    if (net.real) {
+        return recvfrom(fd, data, size, flags, from, from_size);
+    }
     EXPECT_EQ(16u, *from_size);
     bool at_once = (flags & MSG_DONTWAIT) != 0;
     if (at_once && (net.arriving.empty() || net.arriving.front().after_ms > 0.0)) {
@@ -623,6 +630,38 @@ TEST_F(Ping, ReceiveErrors) {
         EXPECT_EQ("wait_for_reply: socket: 9 failed error: 111\n", errors());
         EXPECT_EQ(waits, net.waits);
     }
+}
+
+/* What a wait refuses is an error of the wait, whether something is there or not. */
+TEST_F(Ping, WaitsThatCannotBe) {
+    net.real = true;
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair));
+    unique_fd here(pair[0]), there(pair[1]);
+    char buffer[10];
+    sockaddr_in from{};
+    auto receive = [&](int fd, double timo) {
+        return recvfrom_wto(fd, buffer, sizeof buffer, reinterpret_cast<sockaddr*>(&from), timo);
+    };
+    const std::string line = " Error on select\n";
+    EXPECT_EQ(0, receive(here.get(), -1.0));
+    EXPECT_EQ("recvfrom_wto: socket: " + std::to_string(here.get()) + line, errors());
+    ASSERT_EQ(4, write(there.get(), "data", 4));
+    EXPECT_EQ(0, receive(here.get(), -1.0));
+    EXPECT_EQ("recvfrom_wto: socket: " + std::to_string(here.get()) + line, errors());
+    EXPECT_EQ(4, receive(here.get(), 60000.0));
+    EXPECT_EQ("", errors());
+    int closed = here.get();
+    here.reset();
+    EXPECT_EQ(0, receive(closed, 60000.0));
+    EXPECT_EQ("recvfrom_wto: socket: " + std::to_string(closed) + line, errors());
+    EXPECT_EQ(0, receive(-1, 60000.0));
+    EXPECT_EQ("recvfrom_wto: socket: -1" + line, errors());
+    /* A file can be waited for; that it is no socket is an error of the receive. */
+    unique_fd file(open("/dev/null", O_RDWR | O_CLOEXEC));
+    EXPECT_EQ(-1, receive(file.get(), 60000.0));
+    EXPECT_EQ(ENOTSOCK, errno);
+    EXPECT_EQ("", errors());
 }
 
 /* What is there is taken without a wait, at no time by the clock: the shortest round trip. */

@@ -1,6 +1,7 @@
 #include "pingmon.h"
 
 #include "checker.h"
+#include "checks_under_way.h"
 #include "ping.h"
 #include "udc.h"
 #include "vindral_log.h"
@@ -16,6 +17,7 @@ static constinit checker pinger = {.thread_name = "ping",
                                    .attr_message = "Pthread attribute initialization failed.",
                                    .stack_message = "Can not set ping thread stack size."};
 static constinit mutex& PING_MON_MUTEX = pinger.mon_mutex;
+static constinit checks_under_way ping_checks{.kind = "Ping"};
 static ping_data** ping_data_list GUARDED_BY(PING_MON_MUTEX);
 static int ping_data_list_len GUARDED_BY(PING_MON_MUTEX);
 
@@ -26,12 +28,13 @@ static void free_test(ping_data* test) {
 
 ping_data* ping_data_dup(ping_data* _hd_) {
     heap_text host(_hd_->host != nullptr ? strdup(_hd_->host) : nullptr);
-    auto* copy = static_cast<ping_data*>(malloc(sizeof(ping_data)));
-    if (copy != nullptr) {
-        *copy = *_hd_;
-        copy->host = host.release();
+    heap<ping_data> copy(static_cast<ping_data*>(malloc(sizeof(ping_data))));
+    if (!copy || (_hd_->host != nullptr && !host)) {
+        return nullptr;
     }
-    return copy;
+    *copy = *_hd_;
+    copy->host = host.release();
+    return copy.release();
 }
 
 /* What a check has found. */
@@ -139,13 +142,27 @@ struct thread_attributes {
     thread_attributes& operator=(const thread_attributes&) = delete;
 };
 
-static void start_test(ping_data* test, const pthread_attr_t* attributes) {
+/* A thread of a round. */
+static void* run_check(void* arg) {
+    check_under_way counted =
+        check_under_way::begun(ping_checks, static_cast<ping_data*>(arg)->tid);
+    return ping_single_thread(arg);
+}
+
+/* The check has been counted; what is not started ends with the scope. */
+static void start_check(ping_data* test, const pthread_attr_t* attributes,
+                        check_under_way& counted) {
     ping_data* copy = ping_data_dup(test);
-    pthread_t thread;
-    if (copy != nullptr && pthread_create(&thread, attributes, ping_single_thread, copy) != 0) {
-        report(*copy, all_lost(*copy));
-        free_test(copy);
+    if (copy == nullptr) {
+        return;
     }
+    pthread_t thread;
+    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
+        free_test(copy);
+        leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
+        return;
+    }
+    counted.release();
 }
 
 void do_ping_check() {
@@ -155,8 +172,11 @@ void do_ping_check() {
     }
     lock hold(PING_MON_MUTEX);
     for (int i = 0; i < ping_data_list_len; i++) {
-        start_test(ping_data_list[i], &attributes.attr);
-        ping_data_list[i]->isFirstCheck = 0;
+        check_under_way counted(ping_checks, ping_data_list[i]->tid);
+        if (counted) {
+            start_check(ping_data_list[i], &attributes.attr, counted);
+            ping_data_list[i]->isFirstCheck = 0;
+        }
     }
 }
 

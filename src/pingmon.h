@@ -1,6 +1,7 @@
 /* Ping checker: ICMP echo tests of other hosts. A check round starts a short-lived detached thread
  * for every test, which probes the host (ping.h) and reports by itself; the round does not wait. A
- * test whose thread of the last round still runs gets a second one.
+ * test whose thread of the last round still runs gets a second one, up to the bound of
+ * checks_under_way.h.
  *
  * Record, type code 48 (0 I32, 5 UI32, 1 I64, 0 UI64, 1 D64, 1 string), in this order:
  *   UI32  48, tid, loc_id, status (0 success, 2 failure), number of requests that were lost
@@ -46,7 +47,8 @@ int is_new_ping(int tID);
 /* A copy with a host text of its own (caller frees both); null without memory. */
 ping_data* ping_data_dup(ping_data* _hd_);
 
-/* One round over all tests. Where no thread is to be had, the test reports that all was lost. */
+/* One round over all tests. A test whose thread cannot be started is left out, with a line at level
+ * 0: that says nothing about the host. */
 void do_ping_check();
 
 /* Runs the test that `arg` is a copy of, which it frees. */

@@ -252,12 +252,53 @@ TEST_F(PingChecker, FirstResultsAreSentAtOnceAndOnlyThey) {
     EXPECT_EQ(3, wake_ups);
 }
 
-TEST_F(PingChecker, WithoutAThreadEverythingIsLost) {
+TEST_F(PingChecker, WithoutAThreadNothingIsReported) {
     create_error = EAGAIN;
-    udc_content r = check({1.0}, 3, 9);
-    EXPECT_EQ(record(2, 3, 0.0, "All sent packages were lost", r), r);
-    EXPECT_EQ(1, wake_ups);
+    add_ping(1, 9, host, 0, 1, 1, 0);
+    take_log();
+    EXPECT_TRUE(round().empty());
+    EXPECT_EQ("0 Thread creation Failed, Error: 11, Resource temporarily unavailable\n",
+              take_log_text());
+    EXPECT_EQ(0, wake_ups);
     EXPECT_EQ("", calls);
+    create_error = 0;
+    EXPECT_EQ(1u, round().size());
+    EXPECT_EQ(0, wake_ups); /* it was started before, as far as the list knows */
+}
+
+/* As many checks of a test as there may be; others go on, and a test that comes back under the same
+ * id is still the same. */
+TEST_F(PingChecker, ChecksUnderWayAreBounded) {
+    add_ping(1, 9, host, 0, 1, 1, 0);
+    silent = true;
+    for (int i = 0; i < MOST_CHECKS_UNDER_WAY; i++) {
+        do_ping_check();
+    }
+    EXPECT_EQ(MOST_CHECKS_UNDER_WAY, threads);
+    take_log();
+    add_ping(2, 9, host, 0, 1, 1, 0);
+    do_ping_check();
+    do_ping_check();
+    EXPECT_EQ(MOST_CHECKS_UNDER_WAY + 2, threads);
+    EXPECT_NE(
+        std::string::npos,
+        take_log_text().find("0 Ping test 1: 64 checks are under way, one more is left out.\n"));
+    rem_ping(1);
+    add_ping(1, 9, host, 0, 1, 1, 0);
+    do_ping_check();
+    EXPECT_EQ(MOST_CHECKS_UNDER_WAY + 3, threads);
+    create_error = EAGAIN;
+    do_ping_check();
+    create_error = 0;
+    silent = false;
+    while (running != 0) {
+        std::this_thread::yield();
+    }
+    take_records(get_ping_results);
+    wake_ups = 0;
+    EXPECT_EQ(2u, round().size());
+    EXPECT_EQ(1, wake_ups); /* the one that was left out is still new */
+    take_log();
 }
 
 TEST_F(PingChecker, RoundsThatCannotBegin) {

@@ -333,13 +333,13 @@ int receive_response(int sk, long, long* tout, char* addInfo, int loadFullPage, 
     *out_buf = nullptr;
     *size_h = 0;
     page p;
-    if (!receive_page(sk, p, tout, addInfo, loadFullPage, pSSL)) {
-        return 0;
+    int received = receive_page(sk, p, tout, addInfo, loadFullPage, pSSL);
+    if (p.data) {
+        p.data.get()[p.length] = '\0'; /* also when nothing came at all */
     }
-    p.data.get()[p.length] = '\0'; /* also when nothing came at all */
     *out_buf = p.data.release();
     *size_h = p.header_size;
-    return 1;
+    return received;
 }
 
 /* --- the check ------------------------------------------------------------------------------- */

@@ -50,7 +50,7 @@ struct aHost {
     int isFirstCheck; /* 1 after add or modify until a round has started the test */
 };
 
-/* What came of one check. The sizes are those of the last response. */
+/* What came of one check. The sizes are those of the last response, as much of it as came. */
 struct com_result {
     float spentTime;    /* milliseconds */
     int newStatus;      /* 0 OK, 2 failed */
@@ -80,8 +80,8 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, char* addInf
 
 /* Receives one response of at most MAX_RESPONSE_SIZE bytes. Returns 1 with the malloc'd response in
  * *out_buf (caller frees; a NUL follows the data) and the size of its header block in *size_h, 0
- * when that has no end; 0 on failure, with *out_buf null, and with a text in addInfo unless a plain
- * socket was not readable after all.
+ * when that has no end. Returns 0 on failure with what had come until then in the same way, or null
+ * and 0, and with a text in addInfo unless a plain socket was not readable after all.
  *
  * A response ends with the stream, over TLS with the closing alert; on a plain socket a reset
  * counts as an end. With loadFullPage it also ends when there are exactly as many bytes as the

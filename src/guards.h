@@ -15,6 +15,7 @@
 #define VINDRAL_GUARDS_H
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <pthread.h>
@@ -86,6 +87,13 @@ inline time_t now_in_seconds() {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     return now.tv_sec;
+}
+
+/* Microseconds on a clock that nobody sets. */
+inline int64_t monotonic_us() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * INT64_C(1000000) + now.tv_nsec / 1000;
 }
 
 /* The time `seconds` from now as a whole second (nanoseconds 0). By the precise clock too: a wait

@@ -87,6 +87,7 @@ static int tls_failed(char* info) {
 
 /* Returns the last result of SSL_connect: 1 when the handshake is done. */
 static int shake_hands(SSL* session, int sk, long patience_us) {
+    const int64_t end_us = monotonic_us() + patience_us;
     for (;;) {
         int connected = lib_SSL_connect(session);
         if (connected > 0) {
@@ -99,6 +100,7 @@ static int shake_hands(SSL* session, int sk, long patience_us) {
         if (wait_socket(sk, code == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, &patience_us) == 0) {
             return connected;
         }
+        patience_us = end_us - monotonic_us();
     }
 }
 
@@ -118,8 +120,7 @@ static int start_tls(exchange& e, connection& c) {
     lib_SSL_set_fd(c.session.get(), c.socket.get());
     struct timeval start;
     gettimeofday(&start, nullptr);
-    int connected =
-        shake_hands(c.session.get(), c.socket.get(), std::max(e.left_us, HANDSHAKE_PATIENCE_US));
+    int connected = shake_hands(c.session.get(), c.socket.get(), HANDSHAKE_PATIENCE_US);
     charge_budget(&e.left_us, &start);
     return connected > 0 ? connected == 1 : tls_failed(e.info);
 }

@@ -7,8 +7,8 @@
  * Time. One budget of microseconds covers the whole check with all its redirections; every step is
  * charged with what it took by the wall clock, and every wait ends with the budget. Two things are
  * not bounded by it: the resolution of a name (resolve.h), which is not charged either, and the TLS
- * handshake. A handshake is charged, but waits on for HANDSHAKE_PATIENCE_US when the peer is
- * silent; the step after it then finds the budget used up.
+ * handshake. That is charged, but may take HANDSHAKE_PATIENCE_US in all, be the budget smaller or
+ * larger; the step after it may then find the budget used up.
  *
  * TLS. No certificate is verified and no server name is sent. The process has to ignore SIGPIPE. */
 #ifndef VINDRAL_HTTPMON_EXCHANGE_H
@@ -61,8 +61,8 @@ struct com_result {
     int loc_id;
 };
 
-/* How long a silent peer may keep a TLS handshake waiting at least, in microseconds. */
-inline constexpr long HANDSHAKE_PATIENCE_US = 600L * 1000000;
+/* How long a peer may keep a TLS handshake waiting, all its waits together, in microseconds. */
+inline constexpr long HANDSHAKE_PATIENCE_US = 60L * 1000000;
 
 /* Does one check and writes its outcome in words to addInfo (ADD_INFO_SIZE bytes), which stays
  * empty where the failing step has no words. Returns the result, which the caller frees, or null

@@ -52,12 +52,6 @@ static void send_error(int tid, int locid, float respTime, time_t checked_at, ch
     free(result);
 }
 
-static int64_t monotonic_us() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000000) + now.tv_nsec / 1000;
-}
-
 static void send_values(MySQL_Data* test, float respTime, time_t checked_at, char** values) {
     char *result = nullptr, *addinfo = nullptr;
     int status = CheckValues(test, values, &addinfo, &result);

@@ -1,6 +1,7 @@
 #include "httpmon.h"
 
 #include "checker.h"
+#include "checks_under_way.h"
 #include "udc.h"
 #include "vindral_common.h"
 #include "vindral_wake.h"
@@ -14,6 +15,7 @@ static constinit checker http = {.thread_name = "http",
                                  .attr_message = "Pthread attribute initialization failed.",
                                  .stack_message = "Can not set ping thread stack size."};
 static constinit mutex& HTTP_MON_MUTEX = http.mon_mutex;
+static constinit checks_under_way http_checks{.kind = "HTTP"};
 static aHost** host_list GUARDED_BY(HTTP_MON_MUTEX);
 static int host_list_len GUARDED_BY(HTTP_MON_MUTEX);
 
@@ -129,16 +131,25 @@ static int make_check_attributes(pthread_attr_t* attributes) {
     return 1;
 }
 
-static void start_check(aHost* test, const pthread_attr_t* attributes) {
+/* A thread of a round. */
+static void* run_check(void* arg) {
+    check_under_way counted = check_under_way::begun(http_checks, static_cast<aHost*>(arg)->id);
+    return http_check_thread(arg);
+}
+
+/* The check has been counted; what is not started ends with the scope. */
+static void start_check(aHost* test, const pthread_attr_t* attributes, check_under_way& counted) {
     aHost* copy = dup_aHost(test);
     if (copy == nullptr) {
         return;
     }
     pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, http_check_thread, copy)) {
+    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
         free_aHost(&copy);
         leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
+        return;
     }
+    counted.release();
 }
 
 void do_http_check() {
@@ -149,8 +160,11 @@ void do_http_check() {
     {
         lock hold(HTTP_MON_MUTEX);
         for (int i = 0; i < host_list_len; i++) {
-            start_check(host_list[i], &attributes);
-            host_list[i]->isFirstCheck = 0;
+            check_under_way counted(http_checks, host_list[i]->id);
+            if (counted) {
+                start_check(host_list[i], &attributes, counted);
+                host_list[i]->isFirstCheck = 0;
+            }
         }
     }
     pthread_attr_destroy(&attributes);

@@ -11,8 +11,9 @@
  * Lifecycle and locks are those of checker.h, with one difference: a pass does not check anything
  * itself. It starts a detached thread ("http_check", stack of WORKER_STACK_SIZE) for every test,
  * with a copy of the test, and does not wait for it. So a check that takes longer than the check
- * interval overlaps the next one of the same test, one whose test is changed or removed meanwhile
- * still reports what it was started for, and shutting down does not wait for checks. */
+ * interval overlaps the next ones of the same test, up to the bound of checks_under_way.h; one
+ * whose test is changed or removed meanwhile still reports what it was started for, and shutting
+ * down does not wait for checks. */
 #ifndef VINDRAL_HTTPMON_H
 #define VINDRAL_HTTPMON_H
 

@@ -1,6 +1,7 @@
 #include "mysqlmon.h"
 
 #include "checker.h"
+#include "checks_under_way.h"
 #include "mysqlmon_lib.h"
 #include "udc.h"
 #include "vindral_common.h"
@@ -18,6 +19,7 @@ static const size_t CHECK_STACK_SIZE = std::max<size_t>(258048, WORKER_STACK_SIZ
 
 static constinit checker mysql = {.thread_name = "mysql", .pass = do_mysql_check};
 static constinit mutex& MYSQL_MON_MUTEX = mysql.mon_mutex;
+static constinit checks_under_way mysql_checks{.kind = "MySQL"};
 static MySQL_Data** mysql_data_list GUARDED_BY(MYSQL_MON_MUTEX);
 static int mysql_data_list_len GUARDED_BY(MYSQL_MON_MUTEX);
 
@@ -121,16 +123,27 @@ static int make_check_attributes(pthread_attr_t* attributes) {
     return 1;
 }
 
-static void start_check(MySQL_Data* test, const pthread_attr_t* attributes) {
+/* A thread of a round. */
+static void* run_check(void* arg) {
+    check_under_way counted =
+        check_under_way::begun(mysql_checks, static_cast<MySQL_Data*>(arg)->tid);
+    return do_single_mysql_check(arg);
+}
+
+/* The check has been counted; what is not started ends with the scope. */
+static void start_check(MySQL_Data* test, const pthread_attr_t* attributes,
+                        check_under_way& counted) {
     MySQL_Data* copy = mysql_data_dup(test);
     if (copy == nullptr) {
         return;
     }
     pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, do_single_mysql_check, copy)) {
+    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
         free_mysql_data(&copy);
         leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
+        return;
     }
+    counted.release();
 }
 
 void do_mysql_check() {
@@ -141,8 +154,11 @@ void do_mysql_check() {
     {
         lock hold(MYSQL_MON_MUTEX);
         for (int i = 0; i < mysql_data_list_len; i++) {
-            start_check(mysql_data_list[i], &attributes);
-            mysql_data_list[i]->isFirstCheck = 0;
+            check_under_way counted(mysql_checks, mysql_data_list[i]->tid);
+            if (counted) {
+                start_check(mysql_data_list[i], &attributes, counted);
+                mysql_data_list[i]->isFirstCheck = 0;
+            }
         }
     }
     pthread_attr_destroy(&attributes);

@@ -14,9 +14,10 @@
  *
  * Lifecycle and locks are those of checker.h, with two differences. A pass does not check anything
  * itself: it starts a detached thread ("mysql_check") for every test, with a copy of the test, and
- * does not wait for it; one that takes longer than the check interval overlaps the next of the same
- * test, and shutting down does not wait for checks. And without the client library there is neither
- * a worker nor a list: each new test is answered with an error at once. */
+ * does not wait for it; one that takes longer than the check interval overlaps the next ones of the
+ * same test, up to the bound of checks_under_way.h, and shutting down does not wait for checks. And
+ * without the client library there is neither a worker nor a list: each new test is answered with
+ * an error at once. */
 #ifndef VINDRAL_MYSQLMON_H
 #define VINDRAL_MYSQLMON_H
 

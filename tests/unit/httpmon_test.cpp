@@ -590,88 +590,6 @@ TEST_F(http_checker, the_first_result_is_sent_at_once_and_only_that) {
 
 /* --- rounds ---------------------------------------------------------------------------------- */
 
-TEST_F(http_checker, no_tests_no_threads) {
-    do_http_check();
-    EXPECT_EQ("", take_log_text());
-    EXPECT_EQ(0, count_threads("http_check"));
-}
-
-TEST_F(http_checker, every_test_gets_a_thread_of_its_own) {
-    tls_peer slow(tls_peer::tcp, {{peer::take_request(), peer::pause(),
-                                   peer::send("HTTP/1.1 200 OK\r\n\r\n"), peer::end_clean()}});
-    tls_peer quick(tls_peer::tcp, {ANSWER});
-    add({.id = 1, .port = slow.port()});
-    add({.id = 2, .port = quick.port()});
-    do_http_check();
-    EXPECT_EQ(WORKER_STACK_SIZE, asked_stack);
-    EXPECT_TRUE(slow.await_pauses(1));
-    std::vector<http_record> records;
-    while (records.empty()) {
-        records = take_records();
-    }
-    EXPECT_EQ(2u, records[0].id);
-    /* What happens to the test now is of no concern to its check. */
-    modify({.id = 1, .loc = 99, .port = "1"});
-    rem_http(1);
-    slow.proceed();
-    records = await_records(1);
-    EXPECT_EQ(1u, records[0].id);
-    EXPECT_EQ(2u, records[0].location);
-    EXPECT_EQ(0u, records[0].status);
-}
-
-TEST_F(http_checker, a_slow_check_overlaps_the_next) {
-    tls_peer server(tls_peer::tcp, {{peer::take_request(), peer::pause()}, {peer::end_clean()}});
-    add({.id = 1, .port = server.port()});
-    do_http_check();
-    EXPECT_TRUE(server.await_pauses(1));
-    do_http_check();
-    server.proceed();
-    await_records(2);
-}
-
-TEST_F(http_checker, a_thread_that_cannot_be_created_is_one_test_left_out) {
-    tls_peer server(tls_peer::tcp, {ANSWER, ANSWER});
-    for (long id : {1, 2, 3}) {
-        add({.id = id, .port = server.port()});
-    }
-    take_log();
-    create_errors = {0, EAGAIN, 0};
-    do_http_check();
-    std::set<uint32_t> seen;
-    for (const http_record& r : await_records(2)) {
-        seen.insert(r.id);
-        EXPECT_EQ(0u, r.status);
-    }
-    EXPECT_EQ((std::set<uint32_t>{1, 3}), seen);
-    EXPECT_EQ(0, listed(1).isFirstCheck);
-    std::string errors;
-    for (const logged_line& line : take_log()) {
-        errors += line.level == 0 ? line.text : "";
-    }
-    EXPECT_EQ("Thread creation Failed, Error: 11, Resource temporarily unavailable", errors);
-}
-
-TEST_F(http_checker, attributes_that_fail_skip_the_round) {
-    add({.id = 1});
-    take_log();
-    init_error = ENOMEM;
-    do_http_check();
-    EXPECT_EQ("0 pthread_attr_init failed. Error: 12, Cannot allocate memory\n", take_log_text());
-    init_error = 0;
-    detach_error = EINVAL;
-    do_http_check();
-    EXPECT_EQ("0 pthread_attr_setdetachstate failed. Error: 22, Invalid argument\n",
-              take_log_text());
-    detach_error = 0;
-    stack_error = EINVAL;
-    do_http_check();
-    EXPECT_EQ("0 pthread_attr_setstacksize failed. Error: 22, Invalid argument\n", take_log_text());
-    EXPECT_EQ(1, listed(0).isFirstCheck);
-}
-
-/* --- many checks at once --------------------------------------------------------------------- */
-
 namespace {
 
 /* A server that lets any number of requests wait until it may answer them. */
@@ -759,6 +677,126 @@ private:
     std::atomic<int> waiting_ = 0;
     std::thread thread_;
 };
+
+} // namespace
+
+TEST_F(http_checker, no_tests_no_threads) {
+    do_http_check();
+    EXPECT_EQ("", take_log_text());
+    EXPECT_EQ(0, count_threads("http_check"));
+}
+
+TEST_F(http_checker, every_test_gets_a_thread_of_its_own) {
+    tls_peer slow(tls_peer::tcp, {{peer::take_request(), peer::pause(),
+                                   peer::send("HTTP/1.1 200 OK\r\n\r\n"), peer::end_clean()}});
+    tls_peer quick(tls_peer::tcp, {ANSWER});
+    add({.id = 1, .port = slow.port()});
+    add({.id = 2, .port = quick.port()});
+    do_http_check();
+    EXPECT_EQ(WORKER_STACK_SIZE, asked_stack);
+    EXPECT_TRUE(slow.await_pauses(1));
+    std::vector<http_record> records;
+    while (records.empty()) {
+        records = take_records();
+    }
+    EXPECT_EQ(2u, records[0].id);
+    /* What happens to the test now is of no concern to its check. */
+    modify({.id = 1, .loc = 99, .port = "1"});
+    rem_http(1);
+    slow.proceed();
+    records = await_records(1);
+    EXPECT_EQ(1u, records[0].id);
+    EXPECT_EQ(2u, records[0].location);
+    EXPECT_EQ(0u, records[0].status);
+}
+
+TEST_F(http_checker, a_slow_check_overlaps_the_next) {
+    tls_peer server(tls_peer::tcp, {{peer::take_request(), peer::pause()}, {peer::end_clean()}});
+    add({.id = 1, .port = server.port()});
+    do_http_check();
+    EXPECT_TRUE(server.await_pauses(1));
+    do_http_check();
+    server.proceed();
+    await_records(2);
+}
+
+/* As many checks of a test as there may be; others go on, and a test that comes back under the same
+ * id is still the same. */
+TEST_F(http_checker, checks_under_way_are_bounded) {
+    crowd_server server;
+    add({.id = 1, .port = server.port(), .tout = "60"});
+    created = 0;
+    for (int i = 0; i < MOST_CHECKS_UNDER_WAY; i++) {
+        do_http_check();
+    }
+    EXPECT_EQ(64u, created);
+    take_log();
+    rem_http(1);
+    add({.id = 1, .port = server.port(), .tout = "60"});
+    add({.id = 2, .port = server.port(), .tout = "60"});
+    create_errors = {EAGAIN, 0};
+    for (int i = 0; i < 3; i++) {
+        do_http_check();
+    }
+    EXPECT_EQ(66u, created);
+    EXPECT_EQ(1, listed(0).isFirstCheck);
+    EXPECT_EQ(0, listed(1).isFirstCheck);
+    std::string errors;
+    for (const logged_line& line : take_log()) {
+        errors += line.level == 0 ? line.text + "\n" : "";
+    }
+    EXPECT_EQ("HTTP test 1: 64 checks are under way, one more is left out.\n"
+              "Thread creation Failed, Error: 11, Resource temporarily unavailable\n",
+              errors);
+    server.release();
+    await_records(66);
+    do_http_check();
+    await_records(2);
+}
+
+TEST_F(http_checker, a_thread_that_cannot_be_created_is_one_test_left_out) {
+    tls_peer server(tls_peer::tcp, {ANSWER, ANSWER});
+    for (long id : {1, 2, 3}) {
+        add({.id = id, .port = server.port()});
+    }
+    take_log();
+    create_errors = {0, EAGAIN, 0};
+    do_http_check();
+    std::set<uint32_t> seen;
+    for (const http_record& r : await_records(2)) {
+        seen.insert(r.id);
+        EXPECT_EQ(0u, r.status);
+    }
+    EXPECT_EQ((std::set<uint32_t>{1, 3}), seen);
+    EXPECT_EQ(0, listed(1).isFirstCheck);
+    std::string errors;
+    for (const logged_line& line : take_log()) {
+        errors += line.level == 0 ? line.text : "";
+    }
+    EXPECT_EQ("Thread creation Failed, Error: 11, Resource temporarily unavailable", errors);
+}
+
+TEST_F(http_checker, attributes_that_fail_skip_the_round) {
+    add({.id = 1});
+    take_log();
+    init_error = ENOMEM;
+    do_http_check();
+    EXPECT_EQ("0 pthread_attr_init failed. Error: 12, Cannot allocate memory\n", take_log_text());
+    init_error = 0;
+    detach_error = EINVAL;
+    do_http_check();
+    EXPECT_EQ("0 pthread_attr_setdetachstate failed. Error: 22, Invalid argument\n",
+              take_log_text());
+    detach_error = 0;
+    stack_error = EINVAL;
+    do_http_check();
+    EXPECT_EQ("0 pthread_attr_setstacksize failed. Error: 22, Invalid argument\n", take_log_text());
+    EXPECT_EQ(1, listed(0).isFirstCheck);
+}
+
+/* --- many checks at once --------------------------------------------------------------------- */
+
+namespace {
 
 bool enough_descriptors() {
     rlimit files;

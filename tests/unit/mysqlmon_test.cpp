@@ -322,6 +322,35 @@ TEST_F(MysqlChecker, RoundsDoNotWait) {
     EXPECT_EQ(1, wake_ups); /* the second was not the first any more */
 }
 
+/* As many checks of a test as there may be; others go on, and a test that comes back under the same
+ * id is still the same. */
+TEST_F(MysqlChecker, ChecksUnderWayAreBounded) {
+    add(1);
+    silent = true;
+    for (int i = 0; i < MOST_CHECKS_UNDER_WAY; i++) {
+        do_mysql_check();
+    }
+    EXPECT_EQ(64, threads);
+    rem_mysqldesc(1);
+    take_log();
+    add(1);
+    add(2);
+    for (int i = 0; i < 3; i++) {
+        create_error = i == 1 ? EAGAIN : 0;
+        do_mysql_check();
+    }
+    EXPECT_EQ(66, threads);
+    EXPECT_EQ("0 MySQL test 1: 64 checks are under way, one more is left out.\n"
+              "0 Thread creation Failed, Error: 11, Resource temporarily unavailable\n",
+              take_log_text());
+    silent = false;
+    wait_for_checks();
+    take_records(get_mysql_results);
+    wake_ups = 0;
+    EXPECT_EQ(2u, round().size());
+    EXPECT_EQ(1, wake_ups); /* the one that was left out is still new */
+}
+
 TEST_F(MysqlChecker, FirstResultsAreSentAtOnceAndOnlyThey) {
     add(1);
     add(2);

@@ -6,6 +6,8 @@
 #include "vindral_log.h"
 #include "vindral_text.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <initializer_list>
 
@@ -142,6 +144,10 @@ void free_mysql_data(MySQL_Data** p) {
     *p = nullptr;
 }
 
+/* Seconds that the server has for what it answers. Most: the libraries count milliseconds in an
+ * int. */
+static const unsigned LEAST_ANSWER_TIME = 30, MOST_ANSWER_TIME = INT_MAX / 1000;
+
 /* --- the server's values --------------------------------------------------------------------- */
 
 static char* owned(const char* text) {
@@ -177,7 +183,10 @@ static void take_rows(const MySQL_Data& test, MYSQL_RES* rows, char** pTarr) {
 /* Each of the following steps logs its failure and returns false; lib_mysql_error tells why. */
 
 static bool connect_to_server(const MySQL_Data& test, MYSQL* connection) {
+    const unsigned answer_time = std::clamp(test.tout, LEAST_ANSWER_TIME, MOST_ANSWER_TIME);
     lib_mysql_options(connection, MYSQL_OPT_CONNECT_TIMEOUT, &test.tout);
+    lib_mysql_options(connection, MYSQL_OPT_READ_TIMEOUT, &answer_time);
+    lib_mysql_options(connection, MYSQL_OPT_WRITE_TIMEOUT, &answer_time);
     if (lib_mysql_real_connect(connection, test.host, test.user, test.pass, nullptr,
                                static_cast<unsigned>(test.port), test.unixsock, 0) != nullptr) {
         return true;

@@ -15,7 +15,7 @@ struct MySQL_Data {
     char* user;
     char* pass;
     char* unixsock;    /* null: the one that the library knows */
-    unsigned int tout; /* seconds for the connect; nothing limits the answers */
+    unsigned int tout; /* seconds, 0 without limit: for the connection (GetValuesFromDB) */
     char** arr;        /* names of what is checked */
     size_t arr_len;
     double** maxValues; /* arr_len upper limits, each null when there is none */
@@ -40,8 +40,12 @@ void free_mysql_data(MySQL_Data** p);
  * the first name equal to a row's first column gets a copy of the second, which the caller frees.
  * Rows are taken as they come: one of the second answer replaces one of the first; null says
  * nothing. Returns 0; or 1 with *pAddinfo set to the library's reason (the caller frees) and some
- * of the slots set. Waits for the server: tout seconds for the connection, then as long as that
- * stays open. */
+ * of the slots set.
+ *
+ * Waits for the server: tout seconds for the connection, with libmariadb for the whole of the
+ * login, and then for each packet of an answer as long, but half a minute at least. libmariadb
+ * gives up after the first time a packet does not come in time; libmysqlclient may wait some times
+ * over. */
 int GetValuesFromDB(MySQL_Data* pMDBData, char** pAddinfo, char** pTarr);
 
 /* Compares the values with the limits, in the order of the names, and adds an AddResult for each. A

@@ -3,7 +3,7 @@
  * The agent is not linked to it: it looks for the library on the host and calls it through the
  * pointers below, each named after the function it stands for. Two families carry these names,
  * MySQL's libmysqlclient and MariaDB's libmariadb; what is used of them has one and the same
- * meaning in both, the number of MYSQL_OPT_CONNECT_TIMEOUT included.
+ * meaning in both, the numbers of the time-outs (MYSQL_OPT_CONNECT_TIMEOUT and so on) included.
  *
  * The pointers are written on the main thread before the checker's worker exists and only read
  * afterwards. The library is never closed: threads that still run at exit may be inside it.

@@ -4,11 +4,16 @@
 #include "mysqlmon_check.h"
 #include "mysqlmon_lib.h"
 
+#include <arpa/inet.h>
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -287,10 +292,34 @@ TEST_F(MysqlCheck, TheConversation) {
     outcome o = ask("a");
     EXPECT_EQ(0, o.failed);
     EXPECT_EQ("null", o.addinfo);
-    EXPECT_EQ("init\noption 0 11\nconnect 'db.example' 'monitor' 'secret' null 3307 null 0\n"
+    EXPECT_EQ("init\noption 0 11\noption 11 30\noption 12 30\n"
+              "connect 'db.example' 'monitor' 'secret' null 3307 null 0\n"
               "SHOW GLOBAL STATUS\nSHOW VARIABLES\nclose\n",
               calls);
     EXPECT_EQ("", take_log_text());
+}
+
+/* The connection has the time of the test, each answer no less than half a minute, and no more than
+ * the libraries can count in milliseconds. */
+TEST_F(MysqlCheck, TimeOuts) {
+    const std::pair<unsigned, const char*> cases[] = {{0, "30"},
+                                                      {29, "30"},
+                                                      {30, "30"},
+                                                      {31, "31"},
+                                                      {2147483, "2147483"},
+                                                      {2147484, "2147483"},
+                                                      {4294967295, "2147483"}};
+    for (auto [given, answers_within] : cases) {
+        test_data test("a");
+        test.data->tout = given;
+        calls.clear();
+        query_number = 0;
+        ask(test.data);
+        std::string s = answers_within;
+        EXPECT_EQ(5u, calls.find("option 0 " + std::to_string(given) + "\noption 11 " + s +
+                                 "\noption 12 " + s + "\nconnect"))
+            << calls;
+    }
 }
 
 TEST_F(MysqlCheck, TextsGoToTheLibraryAsTheyAre) {
@@ -379,6 +408,122 @@ TEST_F(MysqlCheck, ALibraryWithoutAReason) {
     EXPECT_EQ(1, o.failed);
     EXPECT_EQ("''", o.addinfo);
     EXPECT_NE(std::string::npos, take_log_text().find("error - (null)\n"));
+}
+
+/* --- servers that hang, asked by the library of this machine ---------------------------------- */
+
+namespace {
+
+std::string packet(char number, const std::string& body) {
+    return std::string({static_cast<char>(body.size()), 0, 0, number}) + body;
+}
+
+/* Serves one connection after the other, and then says nothing more until the client goes: at once,
+ * after its greeting, after the login, or in the middle of the first answer. */
+class hanging_server {
+public:
+    enum silence { from_the_start, after_the_greeting, after_the_login, within_an_answer };
+    explicit hanging_server(silence when) : when_(when) {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(0, bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), size));
+        EXPECT_EQ(0, listen(listener_.get(), 8));
+        EXPECT_EQ(0, getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &size));
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~hanging_server() {
+        shutdown(listener_.get(), SHUT_RDWR);
+        thread_.join();
+    }
+    hanging_server(const hanging_server&) = delete;
+    hanging_server& operator=(const hanging_server&) = delete;
+    int port() const { return port_; }
+
+private:
+    void serve() {
+        unique_fd client;
+        while (client.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)), client) {
+            /* Version, thread, 8 bytes of salt, abilities (4.1 protocol, secure connection,
+             * plugins), character set, state, 12 more bytes of salt. */
+            using namespace std::string_literals;
+            const std::string answers[] = {
+                packet(0, "\x0a"
+                          "8.0.0\0\1\0\0\0saltsalt\0\0\x82\x21\2\0\x08\0\x15"
+                          "\0\0\0\0\0\0\0\0\0\0saltsaltsalt\0mysql_native_password\0"s),
+                packet(2, "\0\0\0\2\0\0\0"s),
+                packet(1, "\2"s),
+            };
+            for (int i = 0; i < when_; i++) {
+                send(client.get(), answers[i].data(), answers[i].size(), MSG_NOSIGNAL);
+                if (i < 2) {
+                    char room[1000];
+                    EXPECT_LT(0, recv(client.get(), room, sizeof room, 0));
+                }
+            }
+            char rest;
+            while (recv(client.get(), &rest, 1, 0) > 0) {
+            }
+        }
+    }
+
+    silence when_;
+    int port_ = 0;
+    unique_fd listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::thread thread_;
+};
+
+int descriptors() {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        count += entry.is_symlink();
+    }
+    return count;
+}
+
+decltype(&mysql_options) library_options;
+
+} // namespace
+
+TEST(MysqlHangs, EveryCheckComesToAnEnd) {
+    heap_text missing(init_mysql_lib());
+    if (missing) {
+        GTEST_SKIP() << missing.get();
+    }
+    library_options = lib_mysql_options;
+    lib_mysql_options = [](MYSQL* c, mysql_option option, const void* value) {
+        unsigned seconds = *static_cast<const unsigned*>(value);
+        EXPECT_EQ(option == MYSQL_OPT_CONNECT_TIMEOUT ? 1u : 30u, seconds);
+        seconds = 1; /* instead of half a minute */
+        return library_options(c, option, &seconds);
+    };
+    take_log();
+    const std::pair<hanging_server::silence, const char*> cases[] = {
+        {hanging_server::from_the_start, "lib_mysql_real_connect"},
+        {hanging_server::after_the_greeting, "lib_mysql_real_connect"},
+        {hanging_server::after_the_login, "lib_mysql_query"},
+        {hanging_server::within_an_answer, "lib_mysql_query"}};
+    for (auto [when, failed] : cases) {
+        hanging_server server(when);
+        int before = descriptors();
+        test_data test("a");
+        free(test.data->host);
+        test.data->host = strdup("127.0.0.1");
+        test.data->port = server.port();
+        test.data->tout = 1;
+        char *addinfo = nullptr, *value = nullptr;
+        EXPECT_EQ(1, GetValuesFromDB(test.data, &addinfo, &value));
+        EXPECT_TRUE(addinfo != nullptr && addinfo[0] != '\0');
+        EXPECT_EQ(nullptr, value);
+        std::string log = take_log_text();
+        EXPECT_TRUE(log.starts_with("0 ERROR: make_query: " + std::string(failed) + " failed"))
+            << log;
+        free(addinfo);
+        EXPECT_LE(descriptors(), before + 1) << "the server may not have closed its end yet";
+    }
+    end_mysql_thread();
 }
 
 /* --- judgement ------------------------------------------------------------------------------- */

@@ -104,6 +104,8 @@ TEST_F(MysqlLibrary, EveryFunctionIsBoundToItsName) {
 }
 
 /* What is called by number has the same number in both families. */
-TEST(MysqlHeader, NumberOfTheConnectTimeOut) {
+TEST(MysqlHeader, NumbersOfTheTimeOuts) {
     EXPECT_EQ(0, MYSQL_OPT_CONNECT_TIMEOUT);
+    EXPECT_EQ(11, MYSQL_OPT_READ_TIMEOUT);
+    EXPECT_EQ(12, MYSQL_OPT_WRITE_TIMEOUT);
 }

@@ -38,11 +38,4 @@ dynlib_symbol dynlib_entry(const char* name, P* target, void* (*fallback)(void*)
  * Returns 1 when all are bound, else 0. */
 int dynlib_bind(void* handle, const dynlib_symbol* symbols, size_t count);
 
-/* Takes the code and constants of all loaded objects out of the process's resident memory; what is
- * used again comes back from the page cache, one fault for 16 pages. After start-up, that is the
- * smaller part: binding reads every symbol table, and the libraries of tests that nobody has set
- * lie still. Objects with relocated code are left alone. Breakpoints that a debugger wrote into the
- * code before are lost. */
-void dynlib_forget_pages();
-
 #endif

@@ -1,16 +1,12 @@
 /* Start, run, stop. */
 #include "vindral.h"
 
-#include "dynlib.h"
 #include "libsslloader.h"
 
-#include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <malloc.h>
 #include <poll.h>
-#include <sys/auxv.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -72,41 +68,13 @@ static void wait_for_worker() {
 }
 
 /* Each thread of a check would take memory from another pool of the allocator, up to eight for each
- * processor, and what they leave behind there adds up for days. */
+ * processor, and what they leave behind there adds up for days. What the allocator keeps for each
+ * thread does so, too, but that only GLIBC_TUNABLES can change: it is the starter's to set. */
 static void share_memory_pools() {
     mallopt(M_ARENA_MAX, 2);
 }
 
-/* The allocator also keeps for each thread some of what that thread has freed, which holds up
- * what is around it, and this, too, adds up for hours. It can be told otherwise at the start of
- * a program only, so the program starts once more. Whoever has settings of his own, or runs it
- * under a debugger, sets GLIBC_TUNABLES himself. */
-static void start_without_thread_caches(char** argv) {
-    const char variable[] = "GLIBC_TUNABLES";
-    const char settings[] = "glibc.malloc.tcache_count=0";
-    const char* present = getenv(variable);
-    if (present != nullptr) {
-        if (strcmp(present, settings) == 0) {
-            unsetenv(variable); /* not for the programs that this one starts */
-        }
-        return;
-    }
-    char program[PATH_MAX];
-    ssize_t length = readlink("/proc/self/exe", program, sizeof program);
-    bool by_loader = getauxval(AT_BASE) == 0; /* then the executable is the loader */
-    if (getauxval(AT_SECURE) != 0 || by_loader || length <= 0 || length == sizeof program) {
-        return;
-    }
-    program[length] = '\0';
-    if (setenv(variable, settings, 1) != 0) {
-        return; /* started without it, the program would start again and again */
-    }
-    execv(program, argv);
-    unsetenv(variable); /* no harm: memory is all it would have saved */
-}
-
 int main(int argc, char** argv) {
-    start_without_thread_caches(argv);
     share_memory_pools();
     sigset_t shutdown_signals;
     sigemptyset(&shutdown_signals);
@@ -128,11 +96,7 @@ int main(int argc, char** argv) {
         leveledadd2log(-1, "SSL connection initialization failed.");
         return 0;
     }
-    if (!start_checkers()) {
-        return 0;
-    }
-    dynlib_forget_pages();
-    if (!start_worker(shutdown_signals)) {
+    if (!start_checkers() || !start_worker(shutdown_signals)) {
         return 0;
     }
     wait_for_worker();

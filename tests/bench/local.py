@@ -22,7 +22,7 @@ import time
 import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from whole import BUILD, end, memory_kb, start_collector, wait_for  # noqa: E402
+from whole import BUILD, end, memory_kb, start_collector, unit_environment, wait_for  # noqa: E402
 
 INTERVAL_S = 10
 TESTS = 10  # of each kind
@@ -99,7 +99,8 @@ class Agent:
         self.start()
 
     def start(self):
-        subprocess.run([os.path.join(BUILD, "vindral"), "-C", self.conf], check=False, stdout=subprocess.DEVNULL)
+        subprocess.run([os.path.join(BUILD, "vindral"), "-C", self.conf], check=False, stdout=subprocess.DEVNULL,
+                       env=dict(os.environ, **unit_environment()))
         wait_for(self.authorized if self.log_level else self.started, "the agent; its log is " + self.log,
                  step_s=0.0005)
         with open(self.pid_file, encoding="ascii") as file:

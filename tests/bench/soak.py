@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""An agent that is kept as busy as it can be, for an hour: every checker has tests that run each second
-(every 10 seconds with sanitizers), tests are added, changed and removed all the time, and its collector is
-restarted every minute, in order and by SIGKILL in turns. Shows what the process holds before, during and
-after.
+"""An agent with the environment of the packaged service, kept as busy as it can be for an hour: every checker
+has tests that run each second (every 10 seconds with sanitizers), tests are added, changed and removed all the
+time, and its collector is restarted every minute, in order and by SIGKILL in turns. Shows what the process holds
+before, during and after.
 
     tests/bench/soak.py [--minutes 60] [--build build/release]
 
@@ -54,6 +54,7 @@ import records  # noqa: E402
 import snmpd  # noqa: E402
 from local import root_mount  # noqa: E402
 from probes import Nginx  # noqa: E402
+from whole import unit_environment  # noqa: E402
 
 
 class Kind:
@@ -273,7 +274,8 @@ class Soak(harness.TestCase):
                  for column in range(1, 5) for line in range(1, 9)]
         self.snmpd = snmpd.Snmpd(self, *table, addresses=("udp:161,udp:127.0.0.1:%d" % port,))
         self.collector = harness.Collector(self, "POL\t0\t1", options=("--quiet",)).start()
-        self.agent = harness.Agent(self, self.collector.port, level=3, env=snmpd.MIBS).start()
+        self.agent = harness.Agent(self, self.collector.port, level=3,
+                                   env=dict(snmpd.MIBS, **unit_environment())).start()
         self.agent.wait_log("Authorization was successfully completed.")
 
     def run_for(self, seconds):

@@ -39,6 +39,13 @@ def start_collector(home, *before, options=(), env=None):
         return process, int(file.read())
 
 
+def unit_environment():
+    """The settings of the packaged service; home directories are the measurements' own."""
+    with open(os.path.join(TOP, "packaging", "vindral.service.in"), encoding="utf-8") as unit:
+        settings = [line.rstrip("\n").split("=", 2)[1:] for line in unit if line.startswith("Environment=")]
+    return {name: value for name, value in settings if name != "HOME"}
+
+
 def end(process):
     process.terminate()
     process.wait()
@@ -66,7 +73,8 @@ def idle(home):
                    "AGENTNAME idle\nUSEHOST https://127.0.0.1:%d/fcgi-bin/agentgateway\n"
                    % (home, paths["log"], paths["pid"], port))
     started = time.monotonic()
-    subprocess.run([os.path.join(BUILD, "vindral"), "-C", paths["conf"]], check=False)
+    subprocess.run([os.path.join(BUILD, "vindral"), "-C", paths["conf"]], check=False,
+                   env=dict(os.environ, **unit_environment()))
 
     def log():
         try:

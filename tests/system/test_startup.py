@@ -146,14 +146,18 @@ class Configuration(harness.TestCase):
         agent.start()
         self.assertIn("\n\t    Home Dir:\t/somewhere\n", agent.printed)
 
-    def test_the_allocators_setting(self):
-        """The agent gives itself one, once, unless the environment has others."""
+    def test_the_allocators_settings_are_the_starters(self):
+        """The agent runs with the environment that it was given, settings of the C library or none."""
         server = ScriptedServer(self)
-        for env, settings in (({}, ["glibc.malloc.tcache_count=0"]), ({"GLIBC_TUNABLES": ""}, [""])):
-            agent = harness.Agent(self, server.port, level=1, env=env).start()
+        for settings in (None, "", "glibc.malloc.tcache_count=0"):
+            agent = harness.Agent(self, server.port, level=1)
+            agent.env.pop("GLIBC_TUNABLES", None)
+            if settings is not None:
+                agent.env["GLIBC_TUNABLES"] = settings
+            agent.start()
             environment = harness.read_text("/proc/%d/environ" % agent.process.pid).split("\0")
-            self.assertEqual([entry.partition("=")[2] for entry in environment
-                              if entry.startswith("GLIBC_TUNABLES=")], settings)
+            self.assertEqual(sorted(filter(None, environment)),
+                             sorted("%s=%s" % entry for entry in agent.env.items()))
 
     def test_name_from_the_host(self):
         server = ScriptedServer(self)

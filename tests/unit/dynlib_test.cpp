@@ -1,9 +1,5 @@
 #include "library_directory.h"
 
-#include "guards.h"
-
-#include <cstdint>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 class dynlib : public testing::Test {
@@ -83,32 +79,4 @@ TEST_F(dynlib, takes_a_fallback_only_for_a_missing_name) {
     EXPECT_EQ(reinterpret_cast<void*>(replaced), dlsym(handle_, "compress2"));
     EXPECT_EQ(dynlib_bind(handle_, symbols, 3), 0);
     EXPECT_EQ(nothing, nullptr);
-}
-
-/* Whether the process has the page of an address (proc(5), pagemap). */
-static bool is_mapped(const unsigned char* address) {
-    uint64_t entry = 0,
-             page = reinterpret_cast<uintptr_t>(address) / static_cast<size_t>(getpagesize());
-    unique_fd file(open("/proc/self/pagemap", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(pread(file.get(), &entry, sizeof entry, static_cast<off_t>(page * sizeof entry)), 8);
-    return entry >> 63;
-}
-
-TEST_F(dynlib, code_goes_from_memory_and_comes_back_when_it_is_used) {
-    library_directory = "";
-    const char* const names[] = {"libz.so.1"};
-    handle_ = dynlib_open(names, 1);
-    ASSERT_NE(handle_, nullptr);
-    unsigned long (*checksum)(unsigned long, const unsigned char*, unsigned) = nullptr;
-    const dynlib_symbol symbols[] = {dynlib_entry("adler32", &checksum)};
-    ASSERT_EQ(dynlib_bind(handle_, symbols, 1), 1);
-    const unsigned char* code = nullptr;
-    memcpy(&code, &checksum, sizeof code);
-    const unsigned char text[] = {'a', 'b'};
-    unsigned long sum = checksum(1, text, 2);
-    EXPECT_TRUE(is_mapped(code));
-    dynlib_forget_pages();
-    EXPECT_FALSE(is_mapped(code));
-    EXPECT_EQ(checksum(1, text, 2), sum);
-    EXPECT_TRUE(is_mapped(code));
 }

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
-#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -25,24 +24,8 @@ static size_t stack_of(const pthread_attr_t* attributes) {
 [[noreturn]] static void end_with(int status) {
     throw status;
 }
-static std::string starts; /* of the program, one a line: path, argument, allocator's settings */
-static bool privileged, run_by_loader, no_room;
-static ssize_t fake_readlink(const char* path, char* target, size_t) {
-    EXPECT_STREQ("/proc/self/exe", path);
-    memcpy(target, "/opt/agent", 10);
-    return 10;
-}
-static int fake_execv(const char* path, char* const* argv) {
-    starts += std::string(path) + " " + argv[1] + " " + getenv("GLIBC_TUNABLES") + "\n";
-    return -1;
-}
 #define main agent_main
 #define exit end_with
-#define readlink fake_readlink
-#define setenv(name, value, replace) (no_room ? -1 : setenv(name, value, replace))
-#define execv fake_execv
-#define getauxval(type)                                                                            \
-    ((type) == AT_SECURE ? (unsigned long)privileged : (unsigned long)!run_by_loader)
 #define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
 #define pthread_attr_setstacksize(a, size)                                                         \
     (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
@@ -51,10 +34,6 @@ static int fake_execv(const char* path, char* const* argv) {
 #include "vindral.cpp"
 #undef main
 #undef exit
-#undef readlink
-#undef setenv
-#undef execv
-#undef getauxval
 #undef pthread_attr_init
 #undef pthread_attr_setstacksize
 #undef pthread_create
@@ -117,9 +96,6 @@ int init_ssl_variables() {
 int start_checkers() {
     return record("start_checkers");
 }
-void dynlib_forget_pages() {
-    record("dynlib_forget_pages");
-}
 void set_poll_interval(int poll_interval) {
     record("set_poll_interval " + std::to_string(poll_interval));
 }
@@ -150,10 +126,10 @@ void* main_worker_thread(void*) {
 
 namespace {
 
-const std::string TO_CHECKERS = "process_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
-                                "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
-                                "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n"
-                                "dynlib_forget_pages\n";
+const std::string TO_CHECKERS =
+    "process_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
+    "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
+    "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n";
 
 std::string banner() {
     const std::string stars = "\n\n\t\t\t\t" + std::string(51, '*');
@@ -169,17 +145,12 @@ const std::string STOPPED = "stop_checkers\nshutdown_log_writer\n";
 class Main : public testing::Test {
 protected:
     void SetUp() override {
-        calls = refusing = hanging_up = starts = "";
-        privileged = run_by_loader = no_room = false;
-        setenv("GLIBC_TUNABLES", "glibc.malloc.perturb=1", 1);
+        calls = refusing = hanging_up = "";
         refuse_attributes = refuse_stack = refuse_thread = false;
         worker_announced = worker_waits = false;
         pthread_sigmask(SIG_SETMASK, nullptr, &mask_before_);
     }
-    void TearDown() override {
-        unsetenv("GLIBC_TUNABLES");
-        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
-    }
+    void TearDown() override { pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr); }
 
     /* The exit status; -1 when main neither returned nor ended the process. */
     static int run() {
@@ -267,40 +238,4 @@ TEST_F(Main, WithoutAWorkerThereIsNothingToRun) {
     calls = "";
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + banner() + "-1 Can not create main worker thread.\n", calls);
-}
-
-const char SETTINGS[] = "glibc.malloc.tcache_count=0";
-
-TEST_F(Main, StartsOnceMoreWithSettingsOfTheAllocator) {
-    unsetenv("GLIBC_TUNABLES");
-    EXPECT_EQ(0, run());
-    EXPECT_EQ(std::string("/opt/agent -x ") + SETTINGS + "\n", starts);
-    EXPECT_EQ(nullptr, getenv("GLIBC_TUNABLES")) << "what could not be is not for others";
-    EXPECT_EQ(TO_CHECKERS + banner() + CREATED + "main_worker_thread\n" + STOPPED, calls);
-}
-
-TEST_F(Main, HandsItsSettingsOnToNobody) {
-    setenv("GLIBC_TUNABLES", SETTINGS, 1);
-    EXPECT_EQ(0, run());
-    EXPECT_EQ("", starts);
-    EXPECT_EQ(nullptr, getenv("GLIBC_TUNABLES"));
-}
-
-TEST_F(Main, LeavesOtherSettingsAlone) {
-    EXPECT_EQ(0, run());
-    EXPECT_EQ("", starts);
-    EXPECT_STREQ("glibc.malloc.perturb=1", getenv("GLIBC_TUNABLES"));
-}
-
-TEST_F(Main, DoesNotStartOnceMoreWhereThatWouldBeForNothing) {
-    unsetenv("GLIBC_TUNABLES");
-    privileged = true; /* the library does not look at its settings */
-    EXPECT_EQ(0, run());
-    privileged = false;
-    run_by_loader = true; /* /proc/self/exe is the loader */
-    EXPECT_EQ(0, run());
-    run_by_loader = false;
-    no_room = true; /* it would find its setting missing, and start for ever */
-    EXPECT_EQ(0, run());
-    EXPECT_EQ("", starts);
 }

@@ -75,6 +75,7 @@ static void share_memory_pools() {
 }
 
 int main(int argc, char** argv) {
+    prepare_signals();
     share_memory_pools();
     sigset_t shutdown_signals;
     sigemptyset(&shutdown_signals);

@@ -19,13 +19,21 @@ static void cancel_main_worker() {
     }
 }
 
-/* Ends the process at the latest when CRASH_TIME_S are over, whatever happens until then. */
+static void end_at_once(int) {
+    _exit(0);
+}
+
+/* Ends the process at the latest when CRASH_TIME_S are over, whatever happens until then. A second
+ * crash of this thread gets to the handler, too, and waits there for that. */
 static void set_crash_alarm() {
-    signal(SIGALRM, SIG_DFL);
-    sigset_t alarm_only;
-    sigemptyset(&alarm_only);
-    sigaddset(&alarm_only, SIGALRM);
-    pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
+    signal(SIGALRM, end_at_once);
+    signal(SIGABRT, end_at_once); /* the allocator's answer to a broken heap */
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    sigaddset(&wanted, SIGALRM);
+    sigaddset(&wanted, SIGABRT);
+    sigaddset(&wanted, SIGSEGV);
+    pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);
     alarm(CRASH_TIME_S);
 }
 
@@ -45,7 +53,7 @@ static void log_backtrace() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     static std::atomic_flag ending = ATOMIC_FLAG_INIT;
     while (ending.test_and_set()) {
-        pause(); /* another thread crashed first and ends the process */
+        pause(); /* another thread crashed first, or the report did: the process is about to end */
     }
     set_crash_alarm();
     log_from_crash();
@@ -73,6 +81,11 @@ void catch_all_signals(int n) {
     errno = saved;
 }
 
+void prepare_signals() {
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);
+}
+
 static int install(int signal_number) {
     struct sigaction action = {};
     action.sa_handler = catch_all_signals;
@@ -92,6 +105,5 @@ int install_signal_handlers() {
         leveledadd2log(-1, "Can not set SIGHUP signal handler.");
         return 0;
     }
-    signal(SIGPIPE, SIG_IGN);
     return 1;
 }

@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import signal
+import subprocess
 
 import harness
 from scripted_server import ScriptedServer
@@ -103,6 +104,22 @@ class CommandLine(harness.TestCase):
         self.assertEqual((done.returncode, done.stdout), (1, ""))
         agent.adopt()
         server.wait_requests(1)
+
+    def test_nobody_reads_the_output(self):
+        """At LOGLEVEL 2 the configuration is printed; nobody needs to take it."""
+        server = ScriptedServer(self)
+        agent = harness.Agent(self, server.port, level=2)
+        agent.write_config()
+        read_end, write_end = os.pipe()
+        os.close(read_end)
+        with open(write_end, "wb") as unread:
+            parent = subprocess.run([harness.AGENT, "-C", agent.conf], env=agent.env, stdin=subprocess.DEVNULL,
+                                    stdout=unread, check=False, timeout=harness.PATIENCE_S)
+        self.assertEqual(parent.returncode, 1)
+        harness.wait_until(lambda: os.path.exists(agent.pid_path) and harness.read_text(agent.pid_path),
+                           "the PID file")
+        agent.adopt()
+        server.wait_requests(2)
 
     def test_renamed_program_starts_all_the_same(self):
         server = ScriptedServer(self)

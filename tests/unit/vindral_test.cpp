@@ -69,6 +69,9 @@ void leveledadd2log(int loglevel, const char* fmt, ...) {
     }
 }
 
+void prepare_signals() {
+    record("prepare_signals");
+}
 int process_arguments(int argc, char** argv) {
     return record("process_arguments " + std::to_string(argc) + " " + argv[1]);
 }
@@ -127,7 +130,7 @@ void* main_worker_thread(void*) {
 namespace {
 
 const std::string TO_CHECKERS =
-    "process_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
+    "prepare_signals\nprocess_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
     "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
     "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n";
 

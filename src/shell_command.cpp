@@ -3,12 +3,31 @@
 #include "guards.h"
 
 #include <csignal>
+#include <cstdio>
 #include <spawn.h>
 #include <sys/wait.h>
 
 extern char** environ;
 
+rlim_t command_descriptors = 0;
+
+/* The command line with the limit set before it, by the shell itself: posix_spawn cannot, and the
+ * agent's own limit must not change while other threads open sockets. Null without memory. */
+static heap_text limited(const char* command_line) {
+    char* line = nullptr;
+    int length = command_descriptors == 0
+                     ? asprintf(&line, "%s", command_line)
+                     : asprintf(&line, "ulimit -S -n %llu; %s",
+                                static_cast<unsigned long long>(command_descriptors), command_line);
+    return heap_text(length < 0 ? nullptr : line);
+}
+
 pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
+    heap_text limited_line = limited(command_line);
+    if (!limited_line) {
+        errno = ENOMEM;
+        return -1;
+    }
     posix_spawnattr_t attributes;
     posix_spawn_file_actions_t actions;
     posix_spawnattr_init(&attributes);
@@ -33,7 +52,7 @@ pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
     char name[] = "sh";
     char options[] = "-f";
     char dash_c[] = "-c";
-    char* line = const_cast<char*>(command_line);
+    char* line = limited_line.get();
     char* arguments[] = {name, literal_words ? options : dash_c, literal_words ? dash_c : line,
                          literal_words ? line : nullptr, nullptr};
     pid_t pid = -1;

@@ -2,12 +2,18 @@
  *
  * system() and popen() would hand the caller's blocked signals to the command (SIGHUP is blocked in
  * every thread of the agent) and, when the waiting thread is cancelled, kill a command that may be
- * the updater which asked for the stop. The command started here has a clean signal mask and
- * default signal actions, and outlives its starter. */
+ * the updater which asked for the stop. The command started here has a clean signal mask, default
+ * signal actions and the limit of descriptors that the agent was started with, and outlives its
+ * starter. */
 #ifndef VINDRAL_SHELL_COMMAND_H
 #define VINDRAL_SHELL_COMMAND_H
 
+#include <sys/resource.h>
 #include <sys/types.h>
+
+/* The soft limit of descriptors for commands; 0 is the agent's own. Set by main before there are
+ * other threads. */
+extern rlim_t command_descriptors;
 
 /* Starts `sh -c command_line` in a process group of its own. stdout_fd >= 0 becomes its standard
  * output; literal_words keeps the shell from expanding patterns (sh -f). Returns the process id, or

@@ -1,5 +1,6 @@
 #include "vindral_daemon.h"
 
+#include "shell_command.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
 
@@ -130,8 +131,12 @@ int daemon_init() {
 
 void raise_descriptor_limit() {
     rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
+    rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        command_descriptors = before;
     }
 }

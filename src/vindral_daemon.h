@@ -18,7 +18,8 @@
 int daemon_init();
 
 /* Lets the process open as many files as the system allows it at all: every check that is under way
- * has a socket. Where that cannot be had, the limit stays. */
+ * has a socket. Where that cannot be had, the limit stays. The commands that it starts get back the
+ * limit that it had. */
 void raise_descriptor_limit();
 
 #endif

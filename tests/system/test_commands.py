@@ -3,6 +3,7 @@ what else a server can order: intervals, the updater, the end."""
 
 import os
 import re
+import signal
 import time
 
 import harness
@@ -243,6 +244,20 @@ class Updater(Scripted):
         self.wait_started()
         self.assertEqual(self.agent.process.wait(), 0)
         harness.wait_until(lambda: os.path.exists(self.updater + ".done"), "the updater's end")
+
+    def test_updater_of_an_agent_with_an_odd_start(self):
+        """Its status is true where the agent inherited SIGCHLD ignored, and it has the limit of descriptors
+        that the agent had before it raised it. A pipe that nobody reads ends it, as it would in a shell."""
+        self.start_with_updater(
+            'echo "$(ulimit -S -n) $(ulimit -H -n)" > "$0.limits"\n'
+            'grep SigIgn /proc/self/status > "$0.signals"\nexit 3', "POL\t0\t1\nUPD\ta\tb\tc\n",
+            wrap=["prlimit", "--nofile=300:400", "env", "--ignore-signal=CHLD"])
+        self.agent.wait_log("System call return: 768\n")
+        self.assertEqual(harness.read_text(self.updater + ".limits"), "300 400\n")
+        limits = harness.read_text("/proc/%d/limits" % self.agent.process.pid)
+        self.assertRegex(limits, r"\nMax open files +400 +400 ")
+        ignored = int(harness.read_text(self.updater + ".signals").split()[1], 16)
+        self.assertEqual([number for number in (signal.SIGCHLD, signal.SIGPIPE) if ignored >> (number - 1) & 1], [])
 
     def test_updater_gets_no_descriptors_of_the_agent(self):
         """Nor such as libraries open, which do not mark them as to be closed."""

@@ -700,6 +700,22 @@ TEST_F(Updater, GetsNoDescriptorThatALibraryLeftOpen) {
     EXPECT_EQ(said().find(std::to_string(left_open.get())), std::string::npos) << said();
 }
 
+/* Programs that go through all descriptors there may be, or know no more than 1024, are at home
+ * with the limit that the system gives them. */
+TEST_F(Updater, GetsTheLimitOfDescriptorsThatTheAgentWasStartedWith) {
+    rlimit own;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &own));
+    ASSERT_LT(100U, own.rlim_cur);
+    command_descriptors = 100;
+    script("echo \"$(ulimit -S -n) $@\" > " + home_text + "/said; exit 3");
+    run("UPD\tvindral\thttps://x/y\tabc123");
+    command_descriptors = 0;
+    EXPECT_EQ("100 " + pid + " " + home_text + "/bin/vindral https://x/y abc123\n", said());
+    EXPECT_EQ("-1 Starting Update...\n0 " + home_text + "/bin/updater " + pid + " " + home_text +
+                  "/bin/vindral https://x/y abc123\n0 System call return: 768\n",
+              take_log_text());
+}
+
 TEST_F(Updater, ASecondRequestWithinTenMinutesIsIgnored) {
     script("echo \"$@\" >> " + home_text + "/said");
     EXPECT_EQ(0, no_update_yet); /* the first request always runs */

@@ -1,5 +1,6 @@
 #include "vindral_daemon.h"
 
+#include "shell_command.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
 
@@ -395,4 +396,17 @@ TEST_F(daemon_start, the_lock_holds_when_the_agent_starts_without_standard_descr
     EXPECT_EQ(run.daemon_status, CAME_UP);
     EXPECT_TRUE(run.report.starts_with("held")) << run.report;
     EXPECT_TRUE(run.report.ends_with("pidfile cloexec\n")) << run.report;
+}
+
+TEST(descriptor_limit, is_raised_for_the_agent_and_not_for_its_commands) {
+    rlimit before, raised;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_GT(before.rlim_max, 200U);
+    rlimit lower = {200, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
+    raise_descriptor_limit();
+    getrlimit(RLIMIT_NOFILE, &raised);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(raised.rlim_cur, before.rlim_max);
+    EXPECT_EQ(command_descriptors, 200U);
 }

@@ -24,9 +24,10 @@
  * together, except that the encoding's holder takes FEED_DATA_MUTEX.
  *
  * Bounds, so that no peer can take all memory or descriptors:
- *   - a chunk has 1 MB at most, its length 20 digits. A connection that announces more, or sends
- *     something else where a length belongs, ends like one with a receive error: it is logged and
- *     gives a line with status 1 ("Message too long", "Protocol error");
+ *   - a chunk has 1 MB at most, its length 20 digits. Something else where a length belongs waits
+ *     like a length that is not complete. A connection that announces more than 1 MB, or lets more
+ *     than that wait for a length, ends like one with a receive error: it is logged and gives a
+ *     line with status 1 ("Message too long", "Protocol error");
  *   - 256 connections are served at once, of all listeners together; a further one is closed at
  *     once and logged. Nothing limits idle time, but a TCP peer that vanished is found out by the
  *     kernel's keep-alive (tcp(7)) and gives a line with status 1;

@@ -5,9 +5,9 @@
 
 #include <cstddef>
 
-inline constexpr size_t CHUNK_MOST = 1024 * 1024; /* bytes of one chunk */
-inline constexpr size_t LENGTH_DIGITS_MOST = 20;  /* leading zeros count */
-inline constexpr size_t FRAME_MOST = LENGTH_DIGITS_MOST + 2 + CHUNK_MOST;
+inline constexpr size_t CHUNK_MOST = 1024 * 1024;                         /* bytes of one chunk */
+inline constexpr size_t LENGTH_DIGITS_MOST = 20;                          /* leading zeros count */
+inline constexpr size_t FRAME_MOST = LENGTH_DIGITS_MOST + 2 + CHUNK_MOST; /* bytes that wait */
 
 struct feed_frame {
     char* payload; /* inside the data that was read */
@@ -17,12 +17,14 @@ struct feed_frame {
 
 /* Reads the frame at the start of `size` bytes. Returns
  *   0         a whole frame, in *frame
- *   EAGAIN    more bytes are needed; never at FRAME_MOST bytes or more
- *   EMSGSIZE  the length is above CHUNK_MOST
- *   EPROTO    this is no length: something else than digits and CR LF, or too many digits
+ *   EAGAIN    more bytes are needed: there is no length with its CR LF yet, whatever there is
+ *             instead, or not the whole payload; never at FRAME_MOST bytes or more
+ *   EMSGSIZE  the length, with its CR LF, is above CHUNK_MOST
+ *   EPROTO    FRAME_MOST bytes and still no length: something else than digits and CR LF, or too
+ *             many digits
  * After the last two nobody can tell where the next chunk begins. The outcome does not depend on
- * how the stream was cut: what fails has failed for all that may follow. No I/O, no state, any
- * thread. */
+ * how the stream was cut: what fails has failed for all that may follow. Looks at the length only,
+ * so that a peer who sends single bytes costs no more. No I/O, no state, any thread. */
 int read_frame(char* data, size_t size, feed_frame* frame);
 
 #endif

@@ -13,6 +13,8 @@ from scripted_server import answer
 
 
 class Feed(steered.TestCase):
+    MOST = 20 + 2 + 1024 * 1024  # bytes that wait for a length
+
     def connect(self, port, source="127.0.0.1", to="127.0.0.1"):
         def attempt():
             peer = socket.socket()
@@ -124,12 +126,26 @@ class Feed(steered.TestCase):
         self.start("TSA\t7\t%d\tall" % port, "USA\t5\t" + path)
         self.connect(port).sendall(b"1\r\nx")
         self.wait_lines("TSV\t7\t127.0.0.1\tx\t0")
-        for sent in (b"hello", b"1048577", b"9" * 100000, b"0" * 21):
-            peer = self.connect(port)
-            peer.sendall(sent)
+        # What is no length waits for more, whatever it is, until it is too much.
+        waiting = []
+        for sent in (b"hello", b"9" * 100000, b"0" * 21, b"5\rhello"):
+            waiting.append((self.connect(port), sent))
+            waiting[-1][0].sendall(sent)
+        announces = [self.connect(port), self.connect(port)]
+        for peer in announces:
+            peer.sendall(b"1048577")
+        self.connect(port).sendall(b"1\r\ny")
+        harness.wait_until(lambda: "TSV\t7\t127.0.0.1\ty\t0" in self.lines(), self.agent.log)
+        self.assertNotIn("Error while accepting a connection", self.agent.log())
+        for peer, sent in waiting:
+            peer.sendall(b"x" * (self.MOST - len(sent)))
             self.ended(peer)
-        for error in ("Protocol error", "Message too long"):
-            self.agent.wait_log("Error while accepting a connection from 127.0.0.1, %s\n" % error, 2)
+        for peer in announces:
+            peer.sendall(b"\r\n")
+            self.ended(peer)
+        for error, count in (("Protocol error", len(waiting)), ("Message too long", len(announces))):
+            self.agent.wait_log("Error while accepting a connection from 127.0.0.1, %s\n" % error,
+                                count)
         broken = self.connect(port)
         broken.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         broken.close()

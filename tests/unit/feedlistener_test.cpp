@@ -285,28 +285,39 @@ TEST(frame, outcomes) {
         {"0005\r\nhello", 0},
         {"00000000000000000001\r\nx", 0},
         {"00000000000000000000", EAGAIN},
-        {"000000000000000000001", EPROTO},
         {"1048576", EAGAIN},
-        {"1048577", EMSGSIZE},
+        {"1048577", EAGAIN},
+        {"1048577\r", EAGAIN},
+        {"1048577\r\n", EMSGSIZE},
         {"18446744073709551617\r\nx", EMSGSIZE},
-        {"hello", EPROTO},
-        {"\r\n", EPROTO},
-        {"\n", EPROTO},
-        {" 5\r\nhello", EPROTO},
-        {"+5\r\nhello", EPROTO},
-        {"-5\r\nhello", EPROTO},
-        {"5 \r\nhello", EPROTO},
-        {"5\nhello", EPROTO},
-        {"5\rhello", EPROTO},
-        {"5hello", EPROTO},
-        {"0x5\r\nhello", EPROTO},
-        {std::string("\0", 1), EPROTO},
-        {"\xB5\r\n", EPROTO},
+        {"99999999999999999999\r\n", EMSGSIZE},
     };
     for (const auto& c : cases) {
         feed_frame frame{};
         EXPECT_EQ(read(c.data, &frame), c.outcome) << c.data;
     }
+}
+
+/* Nobody can tell what will come. */
+TEST(frame, what_is_no_length_waits_up_to_the_most) {
+    for (const std::string start :
+         {"000000000000000000001", "000000000000000000001\r\nx", "99999999999999999999", "hello",
+          "\r\n", "\n", " 5\r\nhello", "+5\r\nhello", "-5\r\nhello", "5 \r\nhello", "5\nhello",
+          "5\rhello", "5\r\r\n", "5hello", "5\v\r\n", "0x5\r\nhello", "hello\r\n5\r\nhello",
+          "\xB5\r\n"}) {
+        feed_frame frame{};
+        EXPECT_EQ(read(start, &frame), EAGAIN) << start;
+        for (char more : {'x', '9', '\n'}) {
+            std::string data = start + std::string(FRAME_MOST - 1 - start.size(), more);
+            EXPECT_EQ(read(data, &frame), EAGAIN) << start;
+            EXPECT_EQ(read(data + more, &frame), EPROTO) << start;
+            EXPECT_EQ(read(data + more + "5\r\nhello", &frame), EPROTO) << start;
+        }
+    }
+    feed_frame frame{};
+    EXPECT_EQ(read(std::string(1, '\0'), &frame), EAGAIN);
+    EXPECT_EQ(read(std::string(FRAME_MOST, '\0'), &frame), EPROTO);
+    EXPECT_EQ(read(std::string(FRAME_MOST, '0'), &frame), EPROTO);
 }
 
 TEST(frame, a_frame_below_the_most_is_decided) {
@@ -499,26 +510,41 @@ TEST_F(feed, many_chunks) {
     EXPECT_TRUE(lines == all);
 }
 
-TEST_F(feed, broken_framing) {
-    const struct {
-        const char* sent;
-        const char* error;
-        const char* encoded;
-    } cases[] = {
-        {"1\r\nahello", "Protocol error", "Protocol%2520error"},
-        {"1\r\na1048577", "Message too long", "Message%2520too%2520long"},
-    };
-    std::string expected_log, all;
-    for (const auto& c : cases) {
-        served connection;
-        connection.peer.send(c.sent);
-        EXPECT_TRUE(connection.peer.is_closed());
-        EXPECT_TRUE(wait_logged(
-            std::string("0 Error while accepting a connection from 10.0.0.1, ") + c.error + "\n"));
-        all +=
-            "TSV\t7\tT\t10.0.0.1\ta\t0\nTSV\t7\tT\t10.0.0.1\t" + std::string(c.encoded) + "\t1\n";
+TEST_F(feed, chunk_that_is_too_long) {
+    served connection;
+    connection.peer.send("1\r\na1048577\r\n");
+    EXPECT_TRUE(connection.peer.is_closed());
+    EXPECT_TRUE(wait_logged("0 Error while accepting a connection from 10.0.0.1, "
+                            "Message too long\n"));
+    expect_fed("TSV\t7\tT\t10.0.0.1\ta\t0\n"
+               "TSV\t7\tT\t10.0.0.1\tMessage%2520too%2520long\t1\n");
+}
+
+/* In whatever pieces it comes, and from whomever: it waits, but not for ever. */
+TEST_F(feed, what_is_no_length) {
+    for (const std::string start : {"hello", "1048577", "5\rhello"}) {
+        for (size_t size : {start.size(), FRAME_MOST - 1, FRAME_MOST}) {
+            served connection;
+            connection.peer.send("1\r\na" + start);
+            connection.peer.send(std::string(size - start.size(), 'x'));
+            if (size == FRAME_MOST) {
+                EXPECT_TRUE(connection.peer.is_closed());
+            }
+            connection.end();
+            std::string reported = take_log_text();
+            EXPECT_EQ(reported.find("0 Error while accepting a connection from 10.0.0.1, "
+                                    "Protocol error\n") != reported.npos,
+                      size == FRAME_MOST)
+                << start;
+            heap_text text(get_feed_results());
+            EXPECT_EQ(without_times(text.get()),
+                      "TSV\t7\tT\t10.0.0.1\ta\t0\n" +
+                          std::string(size == FRAME_MOST
+                                          ? "TSV\t7\tT\t10.0.0.1\tProtocol%2520error\t1\n"
+                                          : ""))
+                << start;
+        }
     }
-    expect_fed(all);
 }
 
 TEST_F(feed, no_memory_for_a_connection) {
@@ -993,9 +1019,9 @@ TEST_F(unix_feed, peer) {
         [] { return threads_named("feed unix") == 0; })); /* joined, but still in /proc */
     peer.send("1\r\nx");
     expect_fed("USV\t7\tT\tlocalhost\thello\t0\nUSV\t7\tT\tlocalhost\tx\t0\n");
-    peer.send("x");
+    peer.send("1048577\r\n");
     EXPECT_TRUE(peer.is_closed());
-    expect_fed(lines + "USV\t7\tT\tlocalhost\tProtocol%2520error\t1\n");
+    expect_fed(lines + "USV\t7\tT\tlocalhost\tMessage%2520too%2520long\t1\n");
 }
 
 TEST_F(unix_feed, file_in_the_way) {

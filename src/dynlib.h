@@ -1,7 +1,8 @@
 /* Opening a library at run time and binding a list of names from it.
  *
  * The candidate file names and the names to bind are tables of the module that needs the library;
- * the two loops over them are here. What follows from a failure differs per library and stays with
+ * the two loops over them are here (the TLS library's module tries its names one by one, to choose
+ * among the reasons). What follows from a failure differs per library and stays with
  * its module; nothing is logged here. Called at start-up, before any other thread exists: what is
  * bound is read without a lock ever after. */
 #ifndef VINDRAL_DYNLIB_H

@@ -7,7 +7,7 @@
 
 inline constexpr size_t CHUNK_MOST = 1024 * 1024;                         /* bytes of one chunk */
 inline constexpr size_t LENGTH_DIGITS_MOST = 20;                          /* leading zeros count */
-inline constexpr size_t FRAME_MOST = LENGTH_DIGITS_MOST + 2 + CHUNK_MOST; /* bytes that wait */
+inline constexpr size_t FRAME_MOST = LENGTH_DIGITS_MOST + 2 + CHUNK_MOST; /* in bytes */
 
 struct feed_frame {
     char* payload; /* inside the data that was read */

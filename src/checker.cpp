@@ -4,6 +4,8 @@
 
 #include <climits>
 #include <sched.h>
+#include <sys/eventfd.h>
+#include <utility>
 
 static unsigned wakes_so_far(checker& c) {
     lock hold(c.cond_mutex);
@@ -82,7 +84,7 @@ void checker_work(checker& c) {
             continue;
         }
         wait_for_commands();
-        if (checker_get_interval(c) == -1) {
+        if (checker_stopped(c)) { /* also when the interval was set anew since */
             return;
         }
         c.pass();
@@ -100,9 +102,27 @@ void checker_set_interval(checker& c, int t_sec) {
         c.check_interval = t_sec;
     }
     lock hold(c.cond_mutex);
-    c.stopped = c.stopped || t_sec == -1;
+    if (t_sec == -1 && !c.stopped) {
+        c.stopped = true;
+        if (c.stop_fd >= 0) {
+            eventfd_write(c.stop_fd, 1);
+        }
+    }
     c.wakes++;
     pthread_cond_signal(&c.cond.handle);
+}
+
+bool checker_stopped(checker& c) {
+    lock hold(c.cond_mutex);
+    return c.stopped;
+}
+
+int checker_stop_fd(checker& c) {
+    lock hold(c.cond_mutex);
+    if (c.stop_fd < 0) {
+        c.stop_fd = eventfd(c.stopped, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
+    return c.stop_fd;
 }
 
 void checker_wake(checker& c) {
@@ -180,6 +200,8 @@ void checker_stop(checker& c) {
     c.running = false;
     destroy_condition(c.cond);
     c.cond = condition{}; /* a late wake-up finds a condition that nobody waits on */
+    lock hold(c.cond_mutex);
+    unique_fd closed(std::exchange(c.stop_fd, -1));
 }
 
 char* copy_text(const char* text) {

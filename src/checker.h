@@ -31,7 +31,7 @@ struct checker {
     mutex mon_mutex{};            /* the test list, its count, every definition in it */
     mutex result_mutex{};         /* result_buffer and result_buffer_len */
     mutex check_interval_mutex{}; /* check_interval */
-    mutex cond_mutex{};           /* cond, wakes, stopped */
+    mutex cond_mutex{};           /* cond, wakes, stopped, stop_fd */
     condition cond{};
 
     char* result_buffer GUARDED_BY(result_mutex) = nullptr; /* run of records; null when empty */
@@ -39,6 +39,7 @@ struct checker {
     int check_interval GUARDED_BY(check_interval_mutex) = INITIAL_CHECK_INTERVAL_S; /* -1: stop */
     unsigned wakes GUARDED_BY(cond_mutex) = 0;   /* signals given so far */
     bool stopped GUARDED_BY(cond_mutex) = false; /* an interval of -1 was set: for good */
+    int stop_fd GUARDED_BY(cond_mutex) = -1;     /* event: so; none before a pass asks for it */
 
     unsigned wakes_at_start = 0; /* signals that the worker need not heed; set before it runs */
     pthread_t worker_thread_handle = 0;
@@ -72,6 +73,14 @@ void checker_work(checker& c);
  * good. */
 int checker_get_interval(checker& c);
 void checker_set_interval(checker& c, int t_sec);
+
+/* Whether the checker was stopped. A pass that sees it leaves out what would take long; what it
+ * leaves out has no record, because nothing was measured. */
+bool checker_stopped(checker& c);
+
+/* A descriptor that is readable once the checker is stopped, for a pass that waits for others. It
+ * stays the checker's, until checker_stop. -1 when there is none to be had. */
+int checker_stop_fd(checker& c);
 
 /* Wakes the worker for a pass at once. The caller may hold mon_mutex. */
 void checker_wake(checker& c);
@@ -111,8 +120,8 @@ int checker_get_results(checker& c, char** rez, int* rez_size);
  * text. Returns 1 and gives the caller the record (free), or 0. */
 int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size);
 
-/* Stops the worker, joins it (waits for a running pass) and destroys the condition. Definitions and
- * uncollected results stay. Nothing to do for a checker that was not started. */
+/* Stops the worker, joins it (waits for the end of a running pass) and destroys the condition.
+ * Definitions and uncollected results stay. Nothing to do for a checker that was not started. */
 void checker_stop(checker& c);
 
 /* Destroys a condition that nobody is to wait on any more. */

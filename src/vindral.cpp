@@ -61,6 +61,8 @@ static void wait_for_worker() {
         if (poll(waited, 2, -1) > 0 && (waited[1].revents & POLLIN) &&
             read(hang_ups, &hang_up, sizeof hang_up) > 0) {
             catch_all_signals(SIGHUP);
+            /* A command may be waiting for a pass that waits for silent hosts. */
+            set_check_intervals(-1);
         }
     }
     pthread_join(main_worker_thread_handle, nullptr);

@@ -107,7 +107,7 @@ static heap<cpu_line> measure() {
 
 /* Seven " Counter32: 123" lines. */
 int get_remote_UCD_cpu_params(const char* host, unsigned long long** retVal) {
-    heap_text output = query_remote_host(REMOTE_COUNTERS_COMMAND, host);
+    heap_text output = query_remote_host(REMOTE_COUNTERS_COMMAND, host, checker_stop_fd(cpu));
     heap<unsigned long long> ticks(
         static_cast<unsigned long long*>(calloc(7, sizeof(unsigned long long))));
     if (!output || !ticks) {
@@ -128,7 +128,7 @@ int get_remote_UCD_cpu_params(const char* host, unsigned long long** retVal) {
 
 /* One row for each processor: "0.0^17", its load behind the first "^". */
 int get_remote_cpu_params(const char* host, unsigned int* proccount, unsigned int** procloads) {
-    heap_text output = query_remote_host(REMOTE_PROCESSORS_COMMAND, host);
+    heap_text output = query_remote_host(REMOTE_PROCESSORS_COMMAND, host, checker_stop_fd(cpu));
     if (!output) {
         return 0;
     }
@@ -263,18 +263,23 @@ static void add_processor(UDCW* record, const cpu_check_def& test, const cpu_lin
     udcw_free(&nested);
 }
 
-static void add_remote(UDCW* record, const cpu_check_def& test) {
+/* False when a stop kept it from being measured, which is no failure of the host. */
+static bool add_remote(UDCW* record, const cpu_check_def& test) {
     double shares[STATES];
     bool is_linux = test.system != nullptr && strcasecmp(test.system, "linux") == 0;
     if (!(is_linux ? query_counters(test.host, shares) : query_processors(test.host, shares))) {
+        if (checker_stopped(cpu)) {
+            return false;
+        }
         const double failed[STATES] = {-1.0, -1.0, -1.0, -1.0, -1.0};
         add_shares(record, "Remote CPU test failed\n", REMOTE_FAILED, failed);
-        return;
+        return true;
     }
     char* message = nullptr;
     uint32_t status = judge_shares(test, shares, true, &message);
     add_shares(record, message, status, shares);
     free(message);
+    return true;
 }
 
 static void check_cpu_test(const cpu_check_def& test, const cpu_line* now) {
@@ -287,7 +292,11 @@ static void check_cpu_test(const cpu_check_def& test, const cpu_line* now) {
     udcw_add(record, UDC_UI32, test.loc_id);
     udcw_add(record, UDC_I64, now_in_seconds());
     if (test.host != nullptr) {
-        add_remote(record, test);
+        if (!add_remote(record, test)) {
+            free(record->udc);
+            udcw_free(&record);
+            return;
+        }
     } else {
         add_line(record, test, now[0]);
         for (long i = 1; i <= cpuCount; i++) {

@@ -55,7 +55,7 @@ static int parse_remote_la(char* text, double la[3]) {
 }
 
 int get_remote_la_params(const char* host, double** retVal) {
-    heap_text output = query_remote_host(REMOTE_COMMAND, host);
+    heap_text output = query_remote_host(REMOTE_COMMAND, host, checker_stop_fd(lda));
     heap<double> la(static_cast<double*>(calloc(3, sizeof(double))));
     if (!output || !la || !parse_remote_la(output.get(), la.get())) {
         return 0;
@@ -116,6 +116,9 @@ static void check_lda_test(const load_av_def& test, const double local_la[3]) {
     }
     double* queried = nullptr;
     if (!get_remote_la_params(test.host, &queried)) {
+        if (checker_stopped(lda)) {
+            return; /* not measured, which is no failure of the host */
+        }
         const double failed[3] = {-1.0, -1.0, -1.0};
         add_lda_record(test, now, failed, REMOTE_FAILED, "Remote load average test failed\n");
         return;

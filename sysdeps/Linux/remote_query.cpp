@@ -91,17 +91,20 @@ static heap_text finish(output* printed) {
     return std::move(printed->text);
 }
 
-/* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Null when
- * reading failed. */
-static heap_text read_all(int fd, bool* ended) {
+/* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Null at a
+ * stop and when reading failed. */
+static heap_text read_all(int fd, int stop_fd, bool* ended) {
     output printed;
     timespec end;
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += query_limit_s;
     for (;;) {
-        pollfd readable = {fd, POLLIN, 0};
+        pollfd waited[] = {{fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
         int left_ms = time_left_ms(end);
-        int ready = poll(&readable, 1, left_ms);
+        int ready = poll(waited, 2, left_ms);
+        if (ready > 0 && waited[1].revents != 0) {
+            return nullptr;
+        }
         if (ready == 0 || left_ms == 0) { /* a command may never stop writing */
             return finish(&printed);
         }
@@ -119,9 +122,14 @@ static heap_text read_all(int fd, bool* ended) {
     }
 }
 
-heap_text query_remote_host(const char* command_format, const char* host) {
+static bool is_readable(int fd) {
+    pollfd readable = {fd, POLLIN, 0};
+    return poll(&readable, 1, 0) > 0;
+}
+
+heap_text query_remote_host(const char* command_format, const char* host, int stop_fd) {
     const char* place = strstr(command_format, "%s");
-    if (!is_safe_host(host) || place == nullptr) {
+    if (!is_safe_host(host) || place == nullptr || stop_fd < 0 || is_readable(stop_fd)) {
         return nullptr;
     }
     char* line = nullptr;
@@ -143,9 +151,9 @@ heap_text query_remote_host(const char* command_format, const char* host) {
     }
     writing.reset();
     bool ended = false;
-    heap_text output = read_all(reading.get(), &ended);
+    heap_text output = read_all(reading.get(), stop_fd, &ended);
     if (!ended) {
-        kill(-pid, SIGKILL);
+        kill(-pid, SIGKILL); /* its group; the number is its own until it is waited for */
     }
     reading.reset();
     wait_command(pid);

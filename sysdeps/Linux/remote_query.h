@@ -13,7 +13,11 @@ int is_safe_host(const char* host);
  * that it printed as text; of more than 16 MB the whole lines among the first 16 MB. Null when the
  * host is not safe, in which case no process is started, or when the command could not be started.
  * The exit status does not count, what was printed does, also by a command that is ended because it
- * ran for more than a minute. Blocks the calling thread. */
-heap_text query_remote_host(const char* command_format, const char* host);
+ * ran for more than a minute.
+ *
+ * Blocks the calling thread, but for a stop: when `stop_fd` is or becomes readable, the command is
+ * ended with all that it started, or not started, and the result is null. Nothing is read from
+ * stop_fd; without one (-1) nothing is started. */
+heap_text query_remote_host(const char* command_format, const char* host, int stop_fd);
 
 #endif

@@ -171,14 +171,57 @@ class Stub(Remote):
         harness.Agent(self, self.server.port, env={"PATH": tools}).start()
         self.expect(self.wait_loads(1)[1], *FAILED)
 
-    def test_stop_waits_for_the_query(self):
+
+class Silent(Remote):
+    """Hosts that keep snmpget waiting."""
+
+    def start_silent(self, *lines):
+        """An agent with these tests, of which that of a host named "silent" has no end. Returns the
+        processes of its query."""
         stub = self.make_stub()
-        harness.write_text(os.path.join(stub, "snmpget"),
-                           "#!/bin/sh\n: > %s/started\nsleep 3\n: > %s/ended\n" % (stub, stub))
-        self.start("LAA\t1\t1\t-1\t-1\t-1\tplain", path=stub)
-        harness.wait_until(lambda: os.path.exists(stub + "/started"), "the query")
+        program = os.path.join(stub, "snmpget")
+        harness.write_text(program, "#!/bin/sh\necho \"$7\" >> '%s/hosts'\n"
+                           "[ \"$7\" = silent ] || exec cat '%s/answers/'\"$7\"\n"
+                           "sleep 600 &\necho $$ $! > '%s/new'\nmv '%s/new' '%s/pids'\nwait\n"
+                           % ((stub,) * 5))
+        self.start(*lines, path=stub, every_second=False)
+        pids = harness.wait_until(lambda: harness.read_text(os.path.join(stub, "pids")), "the query")
+        return [harness.Process(int(pid)) for pid in pids.split()]
+
+    def hosts(self):
+        return harness.read_text(os.path.join(self.stub, "hosts")).split()
+
+    def expect_ended(self, processes):
+        for process in processes:
+            process.wait()
+
+    def test_stop(self):
+        query = self.start_silent(*["LAA\t%d\t1\t-1\t-1\t-1\tsilent" % test for test in range(1, 9)])
         self.agent.stop()
-        self.assertTrue(os.path.exists(stub + "/ended"))
+        self.expect_ended(query)
+        self.assertEqual(self.hosts(), ["silent"])
+
+    def test_stop_while_a_command_waits_for_the_pass(self):
+        query = self.start_silent(*["LAA\t%d\t1\t-1\t-1\t-1\tsilent" % test for test in range(1, 9)])
+        requests = len(self.server.requests)
+        self.server.then(answer("LAM\t8\t1\t-1\t-1\t-1\n"))
+        harness.wait_until(lambda: len(self.server.requests) > requests, "the command")
+        self.agent.stop()
+        self.expect_ended(query)
+        self.assertEqual(self.hosts(), ["silent"])
+
+    def test_end_of_the_checks(self):
+        """CHK -1 amid a pass: what was measured is sent, what was not has no record."""
+        query = self.start_silent("LAA\t1\t1\t-1\t-1\t-1\tplain", "LAA\t2\t1\t-1\t-1\t-1\tsilent",
+                                  "LAA\t3\t1\t-1\t-1\t-1\tplain", "LAA\t4\t1\t-1\t-1\t-1")
+        self.server.then(answer("CHK\t0\t-1\n"))
+        self.expect_ended(query)
+        loads = self.wait_loads(2)
+        self.expect(loads[1], (0.42, 1.5, 2.0), WITHIN, 0)
+        requests = len(self.server.requests)
+        harness.wait_until(lambda: len(self.server.requests) > requests + 2, "further polls")
+        self.assertEqual(sorted(self.loads()), [1, 4])
+        self.assertEqual(self.hosts(), ["plain", "silent"])
 
 
 class Network(Remote):

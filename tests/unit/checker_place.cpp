@@ -80,6 +80,32 @@ void checker_place::expect_pass_locks_the_list(checker& c, void (*pass)(),
     EXPECT_GE(began, rest[0].i64[0]);
 }
 
+void checker_place::expect_stop_ends_the_pass(checker& c, void (*pass)(), void (*set_interval)(int),
+                                              int (*get_results)(char**, int*)) {
+    std::thread worker(pass);
+    EXPECT_TRUE(eventually([this] { return !asked().empty(); }));
+    std::string first = asked();
+    set_interval(-1);
+    worker.join();
+    EXPECT_EQ(first, asked()); /* the other was not even asked */
+    std::vector<uint32_t> measured;
+    for (const udc_content& record : take_records(get_results)) {
+        measured.push_back(record.ui32.at(1));
+    }
+    EXPECT_EQ((std::vector<uint32_t>{1, 4}), measured);
+    EXPECT_TRUE(is_free(c.mon_mutex));
+    revive(c);
+}
+
+void revive(checker& c) {
+    lock hold(c.cond_mutex);
+    c.stopped = false;
+    unique_fd closed(c.stop_fd);
+    c.stop_fd = -1;
+    lock hold_interval(c.check_interval_mutex);
+    c.check_interval = INITIAL_CHECK_INTERVAL_S;
+}
+
 descriptors_left::descriptors_left(unsigned count) {
     getrlimit(RLIMIT_NOFILE, &before_);
     int lowest = open("/dev/null", O_RDONLY);

@@ -34,6 +34,11 @@ protected:
     void waiting_stub(const std::string& program, const std::string& output);
     void let_answer();
 
+    /* A pass over the tests 1 to 4, of which 2 and 3 ask waiting stubs and 1 and 4 are local. A
+     * stop ends it, and there are records of what was measured only. */
+    void expect_stop_ends_the_pass(checker& c, void (*pass)(), void (*set_interval)(int),
+                                   int (*get_results)(char**, int*));
+
     /* A pass over a local test and then one that asks a waiting stub. Meanwhile the list is locked,
      * the record of the first can be collected; the second bears the time at which it began. */
     void expect_pass_locks_the_list(checker& c, void (*pass)(), int (*get_results)(char**, int*));
@@ -48,6 +53,9 @@ public:
 private:
     rlimit before_;
 };
+
+/* As if the checker had never been stopped. */
+void revive(checker& c);
 
 /* Signals given to a worker so far. */
 unsigned wakes_of(checker& c);

@@ -17,6 +17,7 @@ static size_t stack_size_asked;
 #include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -206,6 +207,63 @@ TEST_F(CheckerTest, AStopIsRememberedEvenWhenTheIntervalIsSetAgain) {
     checker_set_interval(c, -1);
     checker_set_interval(c, 5);
     EXPECT_FALSE(wait_interval(c, wakes_so_far(c), 5));
+}
+
+TEST_F(CheckerTest, AStopAndANewIntervalInOneBatchAreAStop) {
+    start();
+    wake_until_pass(1);
+    int before = passes;
+    {
+        command_batch batch;
+        checker_wake(c);
+        checker_set_interval(c, -1);
+        checker_set_interval(c, 5);
+    }
+    pthread_join(c.worker_thread_handle, nullptr);
+    c.running = false;
+    EXPECT_EQ(before, passes);
+}
+
+namespace {
+bool is_readable(int fd) {
+    pollfd readable = {fd, POLLIN, 0};
+    return poll(&readable, 1, 0) == 1 && readable.revents == POLLIN;
+}
+} // namespace
+
+TEST_F(CheckerTest, AStopIsSeenByWhoeverWaitsForOthers) {
+    int fd = checker_stop_fd(c);
+    EXPECT_EQ(fd, checker_stop_fd(c));
+    checker_set_interval(c, 5);
+    EXPECT_FALSE(checker_stopped(c));
+    EXPECT_FALSE(is_readable(fd));
+    checker_set_interval(c, -1);
+    checker_set_interval(c, -1);
+    checker_set_interval(c, 5);
+    EXPECT_TRUE(checker_stopped(c));
+    EXPECT_TRUE(is_readable(fd));
+    EXPECT_EQ(fd, checker_stop_fd(c));
+}
+
+TEST_F(CheckerTest, AStopThatCameEarlierIsSeen) {
+    checker_set_interval(c, -1);
+    EXPECT_TRUE(is_readable(checker_stop_fd(c)));
+}
+
+TEST_F(CheckerTest, AStopInAPassIsSeenThere) {
+    std::atomic<int> seen{-1};
+    in_pass = [&] {
+        pollfd waited = {checker_stop_fd(c), POLLIN, 0};
+        seen = -2;
+        seen = poll(&waited, 1, 60000);
+    };
+    start();
+    checker_wake(c);
+    ASSERT_TRUE(eventually([&] { return seen != -1; }));
+    checker_stop(c);
+    EXPECT_EQ(1, seen);
+    lock hold(c.cond_mutex);
+    EXPECT_EQ(-1, c.stop_fd); /* closed with the worker's end */
 }
 
 TEST_F(CheckerTest, AYoungWorkerStopsAtEveryMoment) {

@@ -505,6 +505,22 @@ TEST_F(Cpu, APassLocksTheList) {
     expect_pass_locks_the_list(cpu, pass, get_cpu_results);
 }
 
+TEST_F(Cpu, AStopEndsThePass) {
+    char host[] = "h", kind[] = "linux";
+    waiting_stub("snmpget", "");
+    waiting_stub("snmptable", "");
+    for (char* system : {kind, static_cast<char*>(nullptr)}) {
+        for (int id = 1; id <= 4; id++) {
+            add_cpu(id, 9, 1, 1, 1, 1, 1, id == 2 || id == 3 ? host : nullptr, system);
+        }
+        std::filesystem::remove(place / "asked");
+        expect_stop_ends_the_pass(cpu, pass, set_cpu_check_interval, get_cpu_results);
+        for (int id = 1; id <= 4; id++) {
+            rem_cpu(id);
+        }
+    }
+}
+
 TEST_F(Cpu, RemoveKeepsTheOrderAndWhatWasMeasured) {
     for (int id : {3, 1, 2}) {
         add_cpu(id, 9, 1, 1, 1, 1, 1, nullptr, nullptr);

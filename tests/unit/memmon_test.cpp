@@ -351,6 +351,15 @@ TEST_F(Memory, APassLocksTheList) {
     expect_pass_locks_the_list(mem, do_mem_check, get_mem_results);
 }
 
+TEST_F(Memory, AStopEndsThePass) {
+    char host[] = "h";
+    waiting_stub("snmptable", "");
+    for (int id = 1; id <= 4; id++) {
+        add_mem(id, 9, 1, 1, 1, 1, 1, id == 2 || id == 3 ? host : nullptr);
+    }
+    expect_stop_ends_the_pass(mem, do_mem_check, set_mem_check_interval, get_mem_results);
+}
+
 TEST_F(Memory, RemoveKeepsTheOrderAndWhatWasMeasured) {
     for (int id : {3, 1, 2}) {
         add_mem(id, 9, 1, 1, 1, 1, 1, nullptr);

@@ -354,6 +354,15 @@ TEST_F(LoadAverage, APassLocksTheList) {
     expect_pass_locks_the_list(lda, do_lda_check, get_lda_results);
 }
 
+TEST_F(LoadAverage, AStopEndsThePass) {
+    char host[] = "h";
+    waiting_stub("snmpget", "a = STRING: 1\nb = STRING: 2\nc = STRING: 3\n");
+    for (int id = 1; id <= 4; id++) {
+        add_lda(id, 9, 1, 1, 1, id == 2 || id == 3 ? host : nullptr);
+    }
+    expect_stop_ends_the_pass(lda, do_lda_check, set_lda_check_interval, get_lda_results);
+}
+
 TEST_F(LoadAverage, RemoveKeepsTheOrderAndWhatWasMeasured) {
     for (int id : {3, 1, 2}) {
         add_lda(id, 0, 1, 1, 1, nullptr);

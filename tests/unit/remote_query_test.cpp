@@ -3,16 +3,55 @@
 
 #include "checker_place.h"
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace {
-std::string query(const char* format, const char* host) {
-    heap_text output = query_remote_host(format, host);
+/* A stop that comes when `come` is called, and otherwise not. */
+struct stop_event {
+    unique_fd fd{eventfd(0, EFD_CLOEXEC)};
+    void come() { eventfd_write(fd.get(), 1); }
+} never;
+
+std::string query(const char* format, const char* host, int stop_fd = never.fd.get()) {
+    heap_text output = query_remote_host(format, host, stop_fd);
     return output ? output.get() : "(none)";
+}
+
+std::string witness_path() {
+    return testing::TempDir() + "remote_query_witness." + std::to_string(getpid());
+}
+
+/* Processes of a group that have not ended; who waits for those that have is not ours to say. */
+int running_in_group(pid_t group) {
+    int running = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        if (atoi(entry.path().filename().c_str()) == 0) {
+            continue;
+        }
+        std::ifstream file(entry.path() / "stat");
+        std::string text;
+        std::getline(file, text);
+        char state = 'Z';
+        int parent = 0, found = 0;
+        size_t name_end = text.rfind(')');
+        if (name_end != text.npos &&
+            sscanf(text.c_str() + name_end + 1, " %c %d %d", &state, &parent, &found) == 3) {
+            running += found == group && state != 'Z' && state != 'X';
+        }
+    }
+    return running;
+}
+
+bool no_child_is_left() {
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 } // namespace
 
@@ -48,7 +87,7 @@ TEST(RemoteQuery, ExitStatusDoesNotCount) {
 }
 
 TEST(RemoteQuery, UnsafeHostStartsNoProcess) {
-    std::string witness = testing::TempDir() + "remote_query_witness." + std::to_string(getpid());
+    std::string witness = witness_path();
     std::string format = "touch " + witness + "; echo %s";
     EXPECT_EQ("(none)", query(format.c_str(), "-h"));
     EXPECT_EQ("(none)", query(format.c_str(), "a;b"));
@@ -72,9 +111,7 @@ TEST(RemoteQuery, BracketsAreNotTakenForAPattern) {
 }
 
 TEST(RemoteQuery, LongOutputIsReturnedWhole) {
-    heap_text output = query_remote_host("head -c 300000 /dev/zero | tr '\\0' %s", "z");
-    ASSERT_TRUE(output);
-    EXPECT_EQ(std::string(300000, 'z'), output.get());
+    EXPECT_EQ(std::string(300000, 'z'), query("head -c 300000 /dev/zero | tr '\\0' %s", "z"));
 }
 
 /* Half a line could pass for a whole one with another value. */
@@ -96,8 +133,60 @@ TEST(RemoteQuery, ACommandThatDoesNotEndIsEnded) {
     EXPECT_EQ("h\n", query("echo %s; sleep 600", "h"));
     EXPECT_EQ("h\n", query("yes %s", "h").substr(0, 2)); /* nor stop writing */
     query_limit_s = 60;
-    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG)); /* no child is left */
-    EXPECT_EQ(ECHILD, errno);
+    EXPECT_TRUE(no_child_is_left());
+}
+
+/* The shell, the ends of its pipeline and what runs beside it. */
+TEST(RemoteQuery, AStopEndsTheCommandWithAllThatItStarted) {
+    std::string witness = witness_path();
+    std::string format = "echo %s; sleep 600 & sleep 600 | cat & echo $$ > " + witness + "; wait";
+    stop_event stop;
+    pid_t group = 0;
+    std::thread stopper([&] {
+        EXPECT_TRUE(eventually([&] { return std::ifstream(witness) >> group && group > 1; }));
+        EXPECT_TRUE(eventually([&] { return running_in_group(group) >= 4; }));
+        stop.come();
+    });
+    EXPECT_EQ("(none)", query(format.c_str(), "h", stop.fd.get()));
+    stopper.join();
+    EXPECT_TRUE(eventually([&] { return running_in_group(group) == 0; }));
+    EXPECT_TRUE(no_child_is_left());
+    std::filesystem::remove(witness);
+}
+
+TEST(RemoteQuery, AStopEndsACommandThatNeverStopsWriting) {
+    stop_event stop;
+    std::thread stopper([&] {
+        EXPECT_TRUE(eventually([] { return !no_child_is_left(); }));
+        stop.come();
+    });
+    EXPECT_EQ("(none)", query("yes %s", "h", stop.fd.get()));
+    stopper.join();
+    EXPECT_TRUE(no_child_is_left());
+}
+
+TEST(RemoteQuery, AStopAtAnyMoment) {
+    for (int i = 0; i < 100; i++) {
+        stop_event stop;
+        std::thread stopper([&] {
+            std::this_thread::sleep_for(std::chrono::microseconds(i * 20));
+            stop.come();
+        });
+        EXPECT_EQ("(none)", query("sleep 600; echo %s", "h", stop.fd.get()));
+        stopper.join();
+        EXPECT_TRUE(no_child_is_left());
+    }
+}
+
+TEST(RemoteQuery, AfterAStopNothingIsStarted) {
+    std::string witness = witness_path();
+    std::string format = "touch " + witness + "; echo %s";
+    stop_event stop;
+    stop.come();
+    EXPECT_EQ("(none)", query(format.c_str(), "h", stop.fd.get()));
+    EXPECT_EQ("(none)", query(format.c_str(), "h", stop.fd.get())); /* it stays one */
+    EXPECT_EQ("(none)", query(format.c_str(), "h", -1)); /* one that could not be stopped */
+    EXPECT_FALSE(std::filesystem::exists(witness));
 }
 
 TEST(RemoteQuery, WithoutAPipeThereIsNone) {

@@ -102,6 +102,9 @@ int start_checkers() {
 void set_poll_interval(int poll_interval) {
     record("set_poll_interval " + std::to_string(poll_interval));
 }
+void set_check_intervals(int t_sec) {
+    record("set_check_intervals " + std::to_string(t_sec));
+}
 void stop_checkers() {
     record("stop_checkers");
 }
@@ -143,6 +146,7 @@ std::string banner() {
 }
 
 const std::string CREATED = "-1 Main Worker thread created successfully\n";
+const std::string HUNG_UP = "SIGHUP\nset_check_intervals -1\n";
 const std::string STOPPED = "stop_checkers\nshutdown_log_writer\n";
 
 class Main : public testing::Test {
@@ -183,7 +187,7 @@ TEST_F(Main, AHangUpEndsTheWorkerAndThenTheRest) {
     worker_waits = true;
     hanging_up = CREATED.substr(0, CREATED.size() - 1);
     EXPECT_EQ(0, run());
-    EXPECT_EQ(TO_CHECKERS + banner() + CREATED + "SIGHUP\n" + STOPPED, calls);
+    EXPECT_EQ(TO_CHECKERS + banner() + CREATED + HUNG_UP + STOPPED, calls);
 }
 
 TEST_F(Main, AHangUpAmidTheStartIsNotLost) {
@@ -193,7 +197,7 @@ TEST_F(Main, AHangUpAmidTheStartIsNotLost) {
         worker_waits = true;
         hanging_up = moment;
         EXPECT_EQ(0, run());
-        EXPECT_EQ(TO_CHECKERS + banner() + CREATED + "SIGHUP\n" + STOPPED, calls) << moment;
+        EXPECT_EQ(TO_CHECKERS + banner() + CREATED + HUNG_UP + STOPPED, calls) << moment;
     }
 }
 

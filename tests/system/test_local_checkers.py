@@ -1,6 +1,7 @@
 """CPU, memory, disk, process and network interface checkers of a real agent: on kernel files of our
 own, and on processes, file systems, interfaces and an SNMP daemon that the tests start."""
 
+import math
 import os
 import re
 import socket
@@ -304,6 +305,19 @@ class Remote(Local):
             "snmptable -v 1 -t 1 -Ov -CHf ^ -c public h 1.3.6.1.2.1.25.3.3",
             "snmptable -v 1 -t 1 -Ov -CHf ^ -c public h 1.3.6.1.2.1.25.2.3"})
 
+    def test_no_ticks(self):
+        """Counters that are all 0 give shares that are no numbers, through to the collector's reader."""
+        env = self.stub("snmpget", "x = Counter32: 0\n" * 7)
+        collector = harness.Collector(self, "CUA\t1\t9\t0\t0\t0\t100\t0\th\tlinux").start()
+        harness.Agent(self, collector.port, env=env).start()
+        result = collector.wait_test(1)[0]
+        self.assertEqual((result["type"], result["status"], result["message"]), (44, 0, CPU_WITHIN))
+        self.assertEqual(result["values"],
+                         dict.fromkeys(("user", "system", "nice", "idle", "iowait")))
+        stored = harness.wait_until(collector.rows, "the stored result")[0]
+        shares = records.decode(stored.record)[0].d64
+        self.assertTrue(all(map(math.isnan, shares)), shares)
+
     def test_real_snmpd(self):
         host = harness.start_snmpd(self, "")
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
@@ -314,7 +328,8 @@ class Remote(Local):
                        "MMA\t3\t9\t1\t1\t1\t1\t1\t%s" % nobody,
                        "CUA\t4\t9\t-1\t-1\t-1\t-1\t-1\t%s" % nobody)
             # A daemon that has just begun to count tells zeros.
-            r = self.wait_record(records.CPU, lambda r: r.ui32[1] == 1 and any(r.d64))
+            r = self.wait_record(records.CPU,
+                                 lambda r: r.ui32[1] == 1 and not any(map(math.isnan, r.d64)))
             self.assertEqual((r.ui32[3], r.strings), (0, [CPU_WITHIN]))
             self.assertTrue(all(0 <= share <= 100 for share in r.d64), r.d64)
             self.assertGreater(sum(r.d64), 90)

@@ -18,11 +18,13 @@
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
 static const long PIPE_WAIT_US = 5000000;
 static const size_t CHUNK = 4096;           /* most bytes that one read asks for */
+static const int TURNS_PER_FORK = 16;       /* CHUNKs, as much as a pipe holds */
 static const long MOST_DESCRIPTORS = 65536; /* that are closed one by one */
 
 /* --- the pipe -------------------------------------------------------------------------------- */
@@ -317,16 +319,26 @@ struct running_query {
 
 } // namespace
 
-/* Starts the child. Without one there is no pipe. */
-static void begin_query(running_query& q) {
+/* False with errno set, when there are no descriptors. */
+static bool make_pipe(unique_fd& read_end, unique_fd& write_end) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        return false;
+    }
+    read_end = unique_fd(ends[0]);
+    write_end = unique_fd(ends[1]);
+    return true;
+}
+
+/* Starts the child. Without one there is no pipe. */
+static void begin_query(running_query& q) {
+    unique_fd write_end;
+    if (!make_pipe(q.pipe, write_end)) {
         return;
     }
-    unique_fd read_end(ends[0]), write_end(ends[1]);
     q.child = fork_child(q.def, write_end.get());
-    if (q.child > 0) {
-        q.pipe = std::move(read_end);
+    if (q.child < 0) {
+        q.pipe.reset();
     }
 }
 
@@ -368,67 +380,113 @@ int get_snmp_values(snmp_def* def_snmp, char** buffer, int* buffer_len) {
 
 /* --- many queries at once -------------------------------------------------------------------- */
 
-/* The child is at its last step when its end of the pipe is closed. */
-static void finish_query(running_query& q) {
+namespace {
+
+/* The queries of a pass, one for each of its tests. */
+struct query_round {
+    std::unique_ptr<running_query[]> queries;
+    unique_fd watcher; /* of the pipes, by the number of the query */
+    int open = 0;      /* pipes */
+    /* Children that have closed their pipes, which is the last thing they do. */
+    std::unique_ptr<pid_t[]> ending;
+    int ending_count = 0;
+};
+
+} // namespace
+
+/* False without memory or a descriptor. */
+static bool make_round(query_round& round, int count) {
+    round.queries.reset(new (std::nothrow) running_query[count]);
+    round.ending.reset(new (std::nothrow) pid_t[count]);
+    round.watcher.reset(epoll_create1(EPOLL_CLOEXEC));
+    return round.queries && round.ending && round.watcher;
+}
+
+/* A closed pipe stays watched as long as a child that was forked meanwhile has a copy of it. */
+static void stop_watching(query_round& round, running_query& q) {
+    epoll_ctl(round.watcher.get(), EPOLL_CTL_DEL, q.pipe.get(), nullptr);
+    q.pipe.reset();
+}
+
+/* Starts the child of a query whose pipe is watched. Without all three there is nothing. */
+static void begin_watched(query_round& round, int number) {
+    running_query& q = round.queries[number];
+    unique_fd write_end;
+    if (!make_pipe(q.pipe, write_end)) {
+        return;
+    }
+    epoll_event of_pipe = {EPOLLIN, {.u32 = static_cast<uint32_t>(number)}};
+    if (epoll_ctl(round.watcher.get(), EPOLL_CTL_ADD, q.pipe.get(), &of_pipe) != 0) {
+        q.pipe.reset();
+        return;
+    }
+    q.child = fork_child(q.def, write_end.get());
+    if (q.child < 0) {
+        stop_watching(round, q);
+    } else {
+        round.open++;
+    }
+}
+
+static void finish_query(query_round& round, running_query& q) {
     add_snmp_result(q.text.data.get(), q.text.length);
     q.text = {};
-    q.pipe.reset();
-    reap(q.child);
+    stop_watching(round, q);
+    round.open--;
+    round.ending[round.ending_count++] = q.child;
     if (q.def->isFirstCheck == 1) {
         send_pending_data();
     }
 }
 
-/* Waits for any of the pipes, or for the first where that is refused: for want of memory, or since
- * the limit of descriptors was lowered meanwhile and poll takes no more slots than that. */
-static void wait_for_any(pollfd* pipes, int open) {
-    if (poll(pipes, static_cast<nfds_t>(open), -1) >= 0) {
-        return;
-    }
-    for (int i = 0; i < open; i++) {
-        pipes[i].revents = 0;
-    }
-    if (errno != EINTR) {
-        poll(pipes, 1, -1);
-    }
-}
-
-/* pipes[i] is that of queries[i]. The last one takes the place of one that is over: poll refuses
- * more slots than there may be descriptors. */
-static void collect(running_query* queries, pollfd* pipes, int open) {
-    while (open > 0) {
-        wait_for_any(pipes, open);
-        for (int i = 0; i < open;) {
-            if (pipes[i].revents == 0 ||
-                read_chunk(pipes[i].fd, queries[i].text) == read_outcome::more) {
-                i++;
-                continue;
-            }
-            finish_query(queries[i]);
-            open--;
-            std::swap(queries[i], queries[open]);
-            pipes[i] = pipes[open];
-        }
-    }
-}
-
-/* Begins all queries and waits for them. */
-static void make_queries(snmp_def* const* tests, int count) {
-    std::unique_ptr<running_query[]> queries(new (std::nothrow) running_query[count]);
-    std::unique_ptr<pollfd[]> pipes(new (std::nothrow) pollfd[count]);
-    if (!queries || !pipes) {
-        return;
-    }
-    int open = 0;
+/* Reads once from each pipe that is ready; -1 waits for one. False when none was. */
+static bool collect(query_round& round, int timeout_ms) {
+    epoll_event ready[64];
+    int count = epoll_wait(round.watcher.get(), ready, std::size(ready), timeout_ms);
     for (int i = 0; i < count; i++) {
-        running_query& q = queries[open];
-        q.def = tests[i];
-        begin_query(q);
-        if (q.pipe) {
-            pipes[open++] = {q.pipe.get(), POLLIN, 0};
+        running_query& q = round.queries[ready[i].data.u32];
+        if (read_chunk(q.pipe.get(), q.text) == read_outcome::ended) {
+            finish_query(round, q);
         }
     }
-    collect(queries.get(), pipes.get(), open);
+    return count > 0;
+}
+
+/* Those that have ended; the others wait for a processor to end on. */
+static void reap_ended(query_round& round) {
+    for (int i = 0; i < round.ending_count;) {
+        if (waitpid(round.ending[i], nullptr, WNOHANG) == 0) {
+            i++;
+        } else {
+            round.ending[i] = round.ending[--round.ending_count];
+        }
+    }
+}
+
+static void reap_all(query_round& round) {
+    while (round.ending_count > 0) {
+        reap(round.ending[--round.ending_count]);
+    }
+}
+
+/* Begins all queries, and between two of them takes what has come without waiting for more. */
+static void make_queries(snmp_def* const* tests, int count) {
+    query_round round;
+    if (!make_round(round, count)) {
+        return;
+    }
+    for (int i = 0; i < count; i++) {
+        round.queries[i].def = tests[i];
+        begin_watched(round, i);
+        for (int turns = 0; turns < TURNS_PER_FORK && collect(round, 0); turns++) {
+        }
+        reap_ended(round);
+    }
+    while (round.open > 0) {
+        collect(round, -1);
+        reap_all(round);
+    }
+    reap_all(round);
 }
 
 void* snmp_round_thread(void* arg) {

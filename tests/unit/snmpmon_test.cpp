@@ -1,6 +1,7 @@
 /* SNMP checker: definitions, the list, passes, what a child is and leaves behind, pipes, lifecycle.
  */
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,8 @@ static int fake_setdetachstate(pthread_attr_t* attr, int state);
 static int fake_setstacksize(pthread_attr_t* attr, size_t size);
 static int fake_close_range(unsigned first, unsigned last, int flags);
 static pid_t fake_waitpid(pid_t child, int* status, int options);
+static int fake_epoll_ctl(int watcher, int what, int fd, epoll_event* event);
+static int fake_pipe2(int* ends, int flags);
 
 #define pthread_create fake_pthread_create
 #define pthread_attr_init fake_attr_init
@@ -20,6 +23,8 @@ static pid_t fake_waitpid(pid_t child, int* status, int options);
 #define resolve_host fake_resolve_host
 #define gated_fork fake_gated_fork
 #define waitpid fake_waitpid
+#define epoll_ctl fake_epoll_ctl
+#define pipe2 fake_pipe2
 #include "snmpmon.cpp"
 #include "snmpmon_child.cpp"
 #undef pthread_create
@@ -30,6 +35,8 @@ static pid_t fake_waitpid(pid_t child, int* status, int options);
 #undef resolve_host
 #undef gated_fork
 #undef waitpid
+#undef epoll_ctl
+#undef pipe2
 #include "fork_gate.cpp"
 
 #include "checker_place.h"
@@ -39,6 +46,7 @@ static pid_t fake_waitpid(pid_t child, int* status, int options);
 #include <chrono>
 #include <climits>
 #include <fstream>
+#include <functional>
 #include <linux/futex.h>
 #include <mutex>
 #include <sys/mman.h>
@@ -68,12 +76,16 @@ std::string take_notes() {
 }
 
 int library_found = 1;
-std::atomic<int> threads{0}, running{0}, forks{0};
+std::atomic<int> threads{0}, running{0}, forks{0}, pipes_wanted{0};
 std::atomic<bool> fork_fails{false}, no_waiters{false}, no_close_range{false};
 std::atomic<int> create_error{0}, init_error{0}, detach_error{0}, stack_error{0};
 std::atomic<size_t> waiter_stack{0};
 std::atomic<int> detach_state{-1}, last_status{0};
 std::atomic<bool> signals_held{true};
+std::atomic<int> lingering{0}; /* how often children that have ended look as if they had not */
+std::atomic<int> unwatchable{0};
+std::atomic<pid_t> first_child{0};
+std::function<void(int)> before_fork; /* gets the number of the fork, from 1 */
 
 /* What children and tests tell one another. */
 struct shared_page {
@@ -249,18 +261,40 @@ static int fake_close_range(unsigned first, unsigned last, int flags) {
 }
 static pid_t fake_waitpid(pid_t child, int*, int options) {
     int status = 0;
+    if ((options & WNOHANG) != 0 && lingering > 0) {
+        lingering--;
+        return 0;
+    }
     pid_t ended = waitpid(child, &status, options);
     last_status = status;
     return ended;
 }
+static int fake_epoll_ctl(int watcher, int what, int fd, epoll_event* event) {
+    if (what == EPOLL_CTL_ADD && unwatchable > 0) {
+        unwatchable--;
+        return errno = ENOSPC, -1;
+    }
+    return epoll_ctl(watcher, what, fd, event);
+}
+static int fake_pipe2(int* ends, int flags) {
+    pipes_wanted++;
+    return pipe2(ends, flags);
+}
 pid_t fake_gated_fork() {
-    forks++;
+    int number = ++forks;
     sigset_t mask;
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     for (int number : {SIGSEGV, SIGHUP, SIGTERM}) {
         signals_held = signals_held && sigismember(&mask, number) == 1;
     }
-    return fork_fails ? (errno = EAGAIN, -1) : gated_fork();
+    if (before_fork) {
+        before_fork(number);
+    }
+    pid_t child = fork_fails ? (errno = EAGAIN, -1) : gated_fork();
+    if (child > 0 && number == 1) {
+        first_child = child;
+    }
+    return child;
 }
 int fake_resolve_host(const char* host, const char* port, const addrinfo* hints, addrinfo** list) {
     bool ipv6 = hints->ai_family == AF_INET6;
@@ -369,6 +403,20 @@ size_t result_length() {
     return static_cast<size_t>(snmp.result_buffer_len);
 }
 
+bool is_reaped(pid_t child) {
+    siginfo_t info;
+    return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) < 0 &&
+           errno == ECHILD;
+}
+
+/* Reaped or not. */
+bool has_ended(pid_t child) {
+    siginfo_t info = {};
+    return is_reaped(child) ||
+           (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+            info.si_pid == child);
+}
+
 bool has_children() {
     siginfo_t info;
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
@@ -391,15 +439,17 @@ protected:
     void SetUp() override {
         snmp_lib_status = 1;
         page->children = page->may_go_on = page->hung_child = page->bulk_walks = 0;
-        wake_ups = threads = forks = 0;
+        wake_ups = threads = forks = pipes_wanted = 0;
         take_log();
         take_notes();
     }
     void TearDown() override {
         init_error = detach_error = stack_error = create_error = 0;
         fork_fails = no_waiters = no_close_range = false;
+        lingering = unwatchable = 0;
         let_go_on();
         wait_for_threads();
+        before_fork = nullptr;
         snmp_lib_status = 1;
         for (;;) {
             int tid;
@@ -949,6 +999,90 @@ TEST_F(snmpmon, no_lock_is_held_while_children_run) {
     }
 }
 
+TEST_F(snmpmon, results_come_and_children_are_reaped_while_a_pass_still_forks) {
+    int tid = 0;
+    for (const char* what : {"first", "hang", "last"}) {
+        wanted w;
+        w.tid = ++tid;
+        w.oids = what;
+        add(w);
+    }
+    before_fork = [](int number) {
+        if (number == 2) {
+            EXPECT_TRUE(eventually([] { return has_ended(first_child); }));
+        } else if (number == 3) {
+            EXPECT_EQ(take_results(), "get first");
+            EXPECT_EQ(wake_ups, 1);
+            EXPECT_TRUE(is_reaped(first_child));
+        }
+    };
+    do_snmp_check();
+    EXPECT_TRUE(eventually([] { return forks == 3 && result_length() > 0; }));
+    let_go_on();
+    wait_for_threads();
+    EXPECT_EQ(take_results(), "get lastget hang");
+}
+
+TEST_F(snmpmon, a_child_that_is_killed_is_reaped_while_a_pass_still_forks) {
+    int tid = 0;
+    for (const char* what : {"killed", "a", "b"}) {
+        wanted w;
+        w.tid = ++tid;
+        w.oids = what;
+        add(w);
+    }
+    before_fork = [](int number) {
+        if (number == 2) {
+            EXPECT_TRUE(eventually([] { return has_ended(first_child); }));
+        } else if (number == 3) {
+            EXPECT_TRUE(is_reaped(first_child));
+        }
+    };
+    run_pass();
+    EXPECT_EQ(take_results().size(), 2 * strlen("get a"));
+}
+
+TEST_F(snmpmon, children_that_take_long_to_end_hold_nothing_up_and_are_reaped) {
+    const int tests = 5;
+    for (int tid = 1; tid <= tests; tid++) {
+        wanted w;
+        w.tid = tid;
+        w.oids = "quick";
+        add(w);
+    }
+    pid_t expected = 0;
+    before_fork = [&expected](int number) {
+        if (number == 1) {
+            lingering = INT_MAX;
+        } else if (number == 2) {
+            EXPECT_TRUE(eventually([] { return has_ended(first_child); }));
+            expected = first_child;
+        } else if (number == tests) {
+            EXPECT_FALSE(is_reaped(expected));
+        }
+    };
+    run_pass();
+    EXPECT_EQ(forks, tests);
+    EXPECT_EQ(take_results().size(), tests * strlen("get quick"));
+    EXPECT_FALSE(has_children());
+}
+
+TEST_F(snmpmon, a_test_whose_pipe_cannot_be_watched_is_left_out) {
+    int tid = 0;
+    for (const char* what : {"a", "b", "c"}) {
+        wanted w;
+        w.tid = ++tid;
+        w.oids = what;
+        add(w);
+    }
+    unwatchable = 1;
+    run_pass();
+    EXPECT_EQ(forks, 2);
+    EXPECT_EQ(take_results().size(), 2 * strlen("get a"));
+    run_pass();
+    EXPECT_EQ(take_results().size(), 3 * strlen("get a"));
+}
+
 TEST_F(snmpmon, where_no_thread_is_to_be_had_tests_are_left_out) {
     add({});
     wanted w;
@@ -1006,7 +1140,7 @@ TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
     {
         descriptors_left few(8);
         do_snmp_check();
-        EXPECT_TRUE(eventually([] { return page->children > 0 && forks == page->children; }));
+        EXPECT_TRUE(eventually([] { return pipes_wanted == tests && forks == page->children; }));
         let_go_on();
         wait_for_threads();
     }

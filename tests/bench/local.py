@@ -22,7 +22,8 @@ import time
 import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from whole import BUILD, end, memory_kb, start_collector, unit_environment, wait_for  # noqa: E402
+from whole import (  # noqa: E402
+    BUILD, count_on, end, memory_kb, no_more, start_collector, unit_environment, wait_for)
 
 INTERVAL_S = 10
 TESTS = 10  # of each kind
@@ -104,7 +105,7 @@ class Agent:
         wait_for(self.authorized if self.log_level else self.started, "the agent; its log is " + self.log,
                  step_s=0.0005)
         with open(self.pid_file, encoding="ascii") as file:
-            self.pid = int(file.read())
+            self.pid = count_on(int(file.read()), "the agent")
 
     def authorized(self):
         try:
@@ -120,8 +121,10 @@ class Agent:
         pass
 
     def hang_up(self):
+        no_more(self.pid)
         os.kill(self.pid, signal.SIGHUP)
-        os.waitpid(self.pid, 0)  # the first process of the namespace inherits the daemon
+        # The first process of the namespace inherits the daemon.
+        wait_for(lambda: os.waitpid(self.pid, os.WNOHANG)[0], "the agent's end", step_s=0.002)
         os.unlink(self.log)
 
     def stop(self):
@@ -138,7 +141,7 @@ def free_port():
 class Peer:
     def __init__(self, command):
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.pid = self.process.pid
+        self.pid = count_on(self.process, command[0]).pid
 
     def query(self):
         pass
@@ -165,7 +168,7 @@ class NodeExporter(Peer):
             return False
 
     def query(self):
-        with urllib.request.urlopen("http://127.0.0.1:%d/metrics" % self.port) as answer:
+        with urllib.request.urlopen("http://127.0.0.1:%d/metrics" % self.port, timeout=30) as answer:
             answer.read()
 
 
@@ -210,7 +213,7 @@ class Zabbix(Peer):
             return False
 
     def ask(self, item):
-        with socket.create_connection(("127.0.0.1", self.port)) as peer:
+        with socket.create_connection(("127.0.0.1", self.port), timeout=30) as peer:
             peer.sendall(b"ZBXD\x01" + struct.pack("<Q", len(item)) + item.encode())
             while peer.recv(4096):
                 pass

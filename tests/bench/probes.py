@@ -29,7 +29,7 @@ import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
-from whole import end, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, count_on, end, give_up, join, wait_for  # noqa: E402
 
 PAGE = 10240
 
@@ -54,6 +54,7 @@ ssl_certificate_key %(home)s/key; ssl_protocols TLSv1.2 TLSv1.3; } }
 """ % {"home": home, "http": self.http, "https": self.https})
         self.process = subprocess.Popen(["nginx", "-c", home + "/nginx.conf", "-e", "/dev/null"],
                                         stderr=subprocess.DEVNULL)
+        count_on(self.process, "nginx")
         wait_for(self.up, "nginx")
 
     def times(self):
@@ -89,7 +90,7 @@ class Peak:
 
     def stop(self):
         self.stopping = True
-        self.thread.join()
+        join(self.thread, "who counts threads")
 
 
 def page_plan(port, tls, tests):
@@ -100,10 +101,13 @@ def page_plan(port, tls, tests):
 
 def idle(pid):
     """Waits until the agent has nothing more to do: no thread of a check, and no time used."""
-    threads, used = 0, -1.0
-    while (threads, used) != (status(pid, "Threads"), round(cpu_seconds(pid), 3)):
-        threads, used = status(pid, "Threads"), round(cpu_seconds(pid), 3)
-        time.sleep(1)
+    last = None
+
+    def same_as_before():
+        nonlocal last
+        before, last = last, (status(pid, "Threads"), round(cpu_seconds(pid), 3))
+        return last == before
+    wait_for(same_as_before, "the agent's rest", step_s=1, patience_s=TOOL_S)
 
 
 def agent_pages(home, nginx, port, tls, tests, rounds):
@@ -134,7 +138,8 @@ ROUND_S = 3  # between polls
 def children_ms(command, shell=False):
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     started = time.monotonic()
-    subprocess.run(command, shell=shell, check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    subprocess.run(command, shell=shell, check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                   timeout=TOOL_S)
     took = time.monotonic() - started
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
     return (after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime) * 1000, took
@@ -147,10 +152,16 @@ def curl(url, tests):
 
 def exporter_rate(name, process, ask, count, at_once):
     """What an exporter that runs uses for so many questions; `ask` is true when the answer is good."""
+    count_on(process, name)
     wait_for(ask, name)
     before, began = cpu_seconds(process.pid), time.monotonic()
-    with concurrent.futures.ThreadPoolExecutor(at_once) as pool:
-        good = sum(pool.map(lambda _: ask(), range(count)))
+    pool = concurrent.futures.ThreadPoolExecutor(at_once)
+    try:
+        good = sum(pool.map(lambda _: ask(), range(count), timeout=TOOL_S))
+    except concurrent.futures.TimeoutError:
+        give_up("the answers of " + name)
+    finally:
+        pool.shutdown(cancel_futures=True)
     print("%s: %.3f ms CPU a check, %d checks/s (limited by who asks), peak %d KB, %d of %d good" % (
         name, (cpu_seconds(process.pid) - before) * 1000 / count, count / (time.monotonic() - began),
         status(process.pid, "VmHWM"), good, count), flush=True)
@@ -160,7 +171,7 @@ def exporter_rate(name, process, ask, count, at_once):
 def answered(url, mark):
     """Whether the page is to be had and holds the mark."""
     try:
-        with urllib.request.urlopen(url) as answer:
+        with urllib.request.urlopen(url, timeout=30) as answer:
             return mark in answer.read()
     except OSError:
         return False
@@ -203,7 +214,8 @@ def pages(home, tests, rounds, tls):
         used, took = children_ms(["openssl", "s_time", "-new", "-time", "3", "-connect",
                                   "127.0.0.1:%d" % port])
         done = subprocess.run(["openssl", "s_time", "-new", "-time", "3", "-connect", "127.0.0.1:%d" % port],
-                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False).stdout
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False,
+                              timeout=PATIENCE_S).stdout
         count = int(re.search(r"(\d+) connections in \d+ real", done).group(1))
         print("s_time:   %.3f ms CPU a handshake, %d handshakes/s" % (used / count, count / took))
     end(nginx.process)
@@ -261,8 +273,7 @@ def leaks(home, tests):
         return status(agent.pid, "VmRSS"), len(os.listdir("/proc/%d/fd" % agent.pid))
     start = nginx.served()
     for goal in range(20000, 200001, 20000):
-        while nginx.served() - start < goal:
-            time.sleep(0.2)
+        wait_for(lambda: nginx.served() - start >= goal, "%d checks" % goal, step_s=0.2, patience_s=TOOL_S)
         print("after %6d checks: %d KB, %d descriptors" % (nginx.served() - start, *usage()), flush=True)
     agent.stop()
     end(nginx.process)

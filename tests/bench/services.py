@@ -23,7 +23,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
 from probes import answered, exporter_rate, idle  # noqa: E402
 from snmp import agent_rounds, tool  # noqa: E402
-from whole import end, memory_kb, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, count_on, end, join, memory_kb, wait_for  # noqa: E402
 
 CHUNK = b"16\r\nsome_name=123456"
 CHUNKS = 200000
@@ -35,11 +35,13 @@ class Mariadb:
         options = ["--no-defaults", "--datadir=%s/mysql" % home, "--user=root"]
         os.mkdir(home + "/mysql")
         subprocess.run(["mariadb-install-db", *options, "--auth-root-authentication-method=normal",
-                        "--skip-test-db"], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                        "--skip-test-db"], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                       timeout=TOOL_S)
         self.process = subprocess.Popen(
             ["/usr/sbin/mariadbd", *options, "--skip-log-bin", "--socket=" + self.socket,
              "--bind-address=127.0.0.1", "--port=%d" % self.port, "--max-connections=1000"],
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        count_on(self.process, "mariadbd")
         wait_for(lambda: os.path.exists(self.socket), "mariadbd")
 
 
@@ -80,7 +82,7 @@ def databases(home, tests, rounds):
 
 def push(port, count, per_send=100):
     """Sends so many chunks; returns when the listener has taken them all and closed."""
-    with socket.create_connection(("127.0.0.1", port)) as peer:
+    with socket.create_connection(("127.0.0.1", port), timeout=PATIENCE_S) as peer:
         for _ in range(count // per_send):
             peer.sendall(CHUNK * per_send)
         peer.shutdown(socket.SHUT_WR)
@@ -97,7 +99,7 @@ def feed(home):
         for thread in threads:
             thread.start()
         for thread in threads:
-            thread.join()
+            join(thread, "the chunks", TOOL_S)
         took, used = time.monotonic() - began, cpu_seconds(agent.pid) - before
         print("%3d connections: %d chunks/s, %.2f us CPU a chunk" % (connections, CHUNKS / took,
                                                                      used * 1e6 / CHUNKS), flush=True)
@@ -106,7 +108,7 @@ def feed(home):
     agent = Agent(tempfile.mkdtemp(dir=home), ["POL\t0\t600", "TSA\t1\t%d\tall" % port])
     idle(agent.pid)
     resting, _ = memory_kb(agent.pid)
-    peers = [socket.create_connection(("127.0.0.1", port)) for _ in range(200)]
+    peers = [socket.create_connection(("127.0.0.1", port), timeout=PATIENCE_S) for _ in range(200)]
     for peer in peers:
         peer.sendall(CHUNK)
     idle(agent.pid)

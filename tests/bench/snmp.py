@@ -5,6 +5,9 @@ asker alone, its children and system calls included.
 
     tests/bench/snmp.py [--tests 500] [--rounds 5] [get] [table] [scan]
 
+Of the first pass, in which each result is sent at once, it is shown when the first and the last one were
+stored, counted from the first child. VINDRAL_BUILD_DIR names another build than build/release.
+
 `get` asks for 5 objects a test, beside snmpget and snmp_exporter; `table` for 49 rows of 22 columns, beside
 snmptable and snmpbulkwalk. `scan` goes through 254 addresses, 20 of which answer, beside `fping -g`. Needs
 root and Debian's snmpd and snmp; fping and prometheus-snmp-exporter are left out where they are missing.
@@ -23,11 +26,12 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
 from probes import answered, children_ms, exporter_rate, idle, status  # noqa: E402
-from whole import end, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, count_on, end, join, wait_for  # noqa: E402
 
 OBJECTS = ["1.3.6.1.2.1.1.%d.0" % i for i in (1, 3, 4, 5, 6)]
 TABLE, COLUMNS, ROWS = "1.3.6.1.4.1.99991.1", 22, 49
 POLL_S = 3
+LOOK_S = 0.1  # between looks at all children
 TICK = os.sysconf("SC_CLK_TCK")
 
 
@@ -70,41 +74,61 @@ class Snmpd:
             [*wrap, program, "-f", "-Lf", "/dev/null", "-C", "-c", home + "/snmpd.conf", "-m", "",
              "-p", home + "/snmpd.pid", *(addresses or ["udp:127.0.0.1:%d" % self.port])],
             env={"PATH": os.environ["PATH"], "SNMP_PERSISTENT_DIR": home})
+        count_on(self.process, "snmpd")
         if not addresses:
             wait_for(lambda: subprocess.run(
                 ["snmpget", "-v2c", "-c", "public", "-r0", "-t1", "127.0.0.1:%d" % self.port, OBJECTS[0]],
-                check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0, "snmpd")
+                check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                timeout=PATIENCE_S).returncode == 0, "snmpd")
+
+
+def states_of_children(pid):
+    """A letter each."""
+    states = []
+    for task in os.listdir("/proc/%d/task" % pid):
+        try:
+            with open("/proc/%d/task/%s/children" % (pid, task), encoding="ascii") as file:
+                children = file.read().split()
+        except OSError:
+            continue
+        for child in children:
+            try:
+                with open("/proc/%s/stat" % child, encoding="latin-1") as file:
+                    states.append(file.read().rpartition(")")[2].split()[0])
+            except OSError:
+                pass  # reaped meanwhile
+    return states
 
 
 class Rounds:
-    """How long the agent has threads beyond those that it has at rest, and how many children at most."""
+    """How long the agent has threads beyond those that it has at rest, how many children and how many of them
+    zombies at most, and when the first child was seen."""
 
     def __init__(self, pid):
         self.pid, self.resting = pid, status(pid, "Threads")
-        self.busy_s, self.children, self.stopping = 0.0, 0, False
+        self.busy_s, self.children, self.zombies, self.first_child, self.stopping = 0.0, 0, 0, None, False
         self.thread = threading.Thread(target=self._watch, daemon=True)
         self.thread.start()
 
     def _watch(self):
-        last = time.monotonic()
+        last = next_look = time.monotonic()
         while not self.stopping:
             time.sleep(0.005)
             now = time.monotonic()
             if status(self.pid, "Threads") > self.resting:
                 self.busy_s += now - last
-                count = 0
-                for task in os.listdir("/proc/%d/task" % self.pid):
-                    try:
-                        with open("/proc/%d/task/%s/children" % (self.pid, task), encoding="ascii") as file:
-                            count += len(file.read().split())
-                    except OSError:
-                        pass
-                self.children = max(self.children, count)
+                if now >= next_look:
+                    states = states_of_children(self.pid)
+                    self.children = max(self.children, len(states))
+                    self.zombies = max(self.zombies, states.count("Z"))
+                    if states and self.first_child is None:
+                        self.first_child = now
+                    next_look = time.monotonic() + (LOOK_S if self.first_child else 0)
             last = now
 
     def stop(self):
         self.stopping = True
-        self.thread.join()
+        join(self.thread, "who counts children")
 
 
 def records_of(home, kind):
@@ -115,11 +139,32 @@ def records_of(home, kind):
                    for (day,) in days)
 
 
+def first_pass(agent, home, plan, kind, tests):
+    """Adds the tests and sees when their first results are stored."""
+    watch, stored = Rounds(agent.pid), []
+    with open(os.path.join(home, "plan"), "a", encoding="utf-8") as file:
+        file.write("\n".join(plan) + "\n")
+
+    def all_there():
+        count = records_of(home, kind)
+        if count and not stored:
+            stored.append(time.monotonic())
+        return count >= tests
+    wait_for(all_there, "the first pass", patience_s=TOOL_S)
+    end_s = time.monotonic() - watch.first_child if watch.first_child else 0
+    watch.stop()
+    if watch.first_child:
+        print("first pass:    first result stored after %.2f s, the last after %.2f s; %d children at once, %d zombies"
+              % (stored[0] - watch.first_child, end_s, watch.children, watch.zombies), flush=True)
+
+
 def agent_rounds(home, plan, kind, tests, rounds):
     os.environ.update(MIBDIRS=home, MIBS="BENCH-MIB", SNMP_PERSISTENT_DIR=home)
-    agent = Agent(home, ["POL\t0\t%d" % POLL_S, "CHK\t0\t100000"] + plan)
+    agent = Agent(home, ["POL\t0\t%d" % POLL_S, "CHK\t0\t100000"])
     for name in ("MIBDIRS", "MIBS", "SNMP_PERSISTENT_DIR"):
         del os.environ[name]
+    idle(agent.pid)
+    first_pass(agent, home, plan, kind, tests)
     idle(agent.pid)
     at_start, began = cpu_with_children(agent.pid), time.monotonic()
     time.sleep(4 * POLL_S)
@@ -130,13 +175,13 @@ def agent_rounds(home, plan, kind, tests, rounds):
         at_start, began = cpu_with_children(agent.pid), time.monotonic()
         with open(os.path.join(home, "plan"), "a", encoding="utf-8") as file:
             file.write("CHK\t0\t%d\n" % (100001 + number))
-        wait_for(lambda: records_of(home, kind) >= before + tests, "the round")
+        wait_for(lambda: records_of(home, kind) >= before + tests, "the round", patience_s=TOOL_S)
         idle(agent.pid)
         used += cpu_with_children(agent.pid) - at_start - polling * (time.monotonic() - began)
     watch.stop()
     print("agent:         %.3f ms CPU a test, children included; %.2f s a round, peak %d KB, %d children at "
-          "once" % (used * 1000 / tests / rounds, watch.busy_s / rounds, status(agent.pid, "VmHWM"),
-                    watch.children), flush=True)
+          "once, %d zombies" % (used * 1000 / tests / rounds, watch.busy_s / rounds, status(agent.pid, "VmHWM"),
+                                watch.children, watch.zombies), flush=True)
     agent.stop()
 
 

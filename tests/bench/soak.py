@@ -226,7 +226,7 @@ class Feeder:
 
     def stop(self):
         self.stopping.set()
-        self.thread.join()
+        self.thread.join(harness.PATIENCE_S)
 
 
 COLUMNS = ("RSS KB", "PSS KB", "descriptors", "threads", "children", "zombies", "log KB")
@@ -266,7 +266,7 @@ class Soak(harness.TestCase):
         self.setUp()
         self.problems = []
         self.nginx = Nginx(self.subdir("nginx"))
-        self.addCleanup(self.nginx.process.wait)
+        self.addCleanup(self.nginx.process.wait, 60)
         self.addCleanup(self.nginx.process.terminate)
         self.database = mariadb.Mariadb(self)
         port = harness.free_port(socket.SOCK_DGRAM)

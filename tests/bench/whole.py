@@ -3,6 +3,9 @@
 collector takes on one core beside an nginx worker on the same core. Needs nginx and taskset; two cores.
 
     tests/bench/whole.py [idle] [poll] [load]
+
+Also what the other measurements share. None of its waits lasts for ever: each has an end, and says which
+process has ended when that is why it was in vain.
 """
 
 import os
@@ -14,16 +17,73 @@ import tempfile
 import time
 
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-BUILD = os.path.join(TOP, "build", "release")
+BUILD = os.environ.get("VINDRAL_BUILD_DIR", os.path.join(TOP, "build", "release"))
 BENCH = os.path.join(BUILD, "tests", "bench")
+PATIENCE_S = 90  # a poll that failed is tried again after 60 s
+TOOL_S = 900  # what a tool may take that asks many times
+
+_counted_on = {}  # a Popen or an id: its name
 
 
-def wait_for(condition, what, step_s=0.02):
-    end = time.monotonic() + 90  # a poll that failed is tried again after 60 s
-    while not condition():
-        if time.monotonic() > end:
-            sys.exit("waited in vain for " + what)
+def count_on(process, name):
+    """A wait is in vain once this process, a Popen or an id, has ended. Returns it."""
+    _counted_on[process] = name
+    return process
+
+
+def no_more(process):
+    """It may end now."""
+    _counted_on.pop(process, None)
+
+
+def ending_of(process):
+    """How it has ended, None while it runs. An id's process may be another's child, and gone."""
+    if not isinstance(process, int):
+        code = process.poll()
+    else:
+        try:
+            with open("/proc/%d/stat" % process, encoding="latin-1") as file:
+                fields = file.read().rpartition(")")[2].split()
+        except (FileNotFoundError, ProcessLookupError):
+            return "has ended"
+        code = os.waitstatus_to_exitcode(int(fields[49])) if fields[0] in "ZX" else None
+    if code is None:
+        return None
+    return "was ended by signal %d" % -code if code < 0 else "has ended with status %d" % code
+
+
+def give_up(what):
+    endings = [(name, ending_of(process)) for process, name in _counted_on.items()]
+    sys.exit("waited in vain for %s%s" % (what, "".join("; %s %s" % pair for pair in endings if pair[1])))
+
+
+def wait_for(condition, what, step_s=0.02, patience_s=PATIENCE_S):
+    last = time.monotonic() + patience_s
+    while True:
+        try:
+            if condition():
+                return
+        except OSError:
+            if not any(map(ending_of, _counted_on)):
+                raise
+        if time.monotonic() > last or any(map(ending_of, _counted_on)):
+            give_up(what)
         time.sleep(step_s)
+
+
+def join(thread, what, patience_s=PATIENCE_S):
+    thread.join(patience_s)
+    if thread.is_alive():
+        give_up(what)
+
+
+def _end_by_signal(number, _):
+    sys.exit("ended by signal %d" % number)
+
+
+# The first process of a namespace would not even get those that it does not handle.
+for _number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    signal.signal(_number, _end_by_signal)
 
 
 def start_collector(home, *before, options=(), env=None):
@@ -34,6 +94,7 @@ def start_collector(home, *before, options=(), env=None):
         [*before, os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
          port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000", *options],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
+    count_on(process, "the collector")
     wait_for(lambda: os.path.exists(port_file), "the collector")
     with open(port_file, encoding="ascii") as file:
         return process, int(file.read())
@@ -47,8 +108,14 @@ def unit_environment():
 
 
 def end(process):
+    name = _counted_on.pop(process, process.args[0])
     process.terminate()
-    process.wait()
+    try:
+        process.wait(PATIENCE_S)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait(PATIENCE_S)
+        sys.exit("%s had to be killed" % name)
 
 
 def memory_kb(pid):
@@ -83,8 +150,7 @@ def idle(home):
         except FileNotFoundError:
             return ""
 
-    while "Authorization was successfully completed." not in log():
-        time.sleep(0.0005)
+    wait_for(lambda: "Authorization was successfully completed." in log(), "the first answer", step_s=0.0005)
     print("start to first answer: %.0f ms" % ((time.monotonic() - started) * 1000))
     with open(paths["pid"], encoding="ascii") as file:
         pid = int(file.read())
@@ -100,7 +166,8 @@ def idle(home):
 
 def poll(home):
     collector, port = start_collector(home)
-    subprocess.run([os.path.join(BENCH, "poll_block"), str(port), "1", "20"], check=True)
+    subprocess.run([os.path.join(BENCH, "poll_block"), str(port), "1", "20"], check=True,
+                   timeout=TOOL_S)
     end(collector)
 
 
@@ -117,6 +184,7 @@ location / { return 200 ""; } } }
 """ % {"home": home, "cert": certificate, "key": key})
     process = subprocess.Popen(["taskset", "-c", "0", "nginx", "-c", conf, "-p", home],
                                stderr=subprocess.DEVNULL)
+    count_on(process, "nginx")
     children = "/proc/%d/task/%d/children" % (process.pid, process.pid)
 
     def worker():
@@ -140,7 +208,8 @@ def load(home):
                                     ("collector", collector.pid, port, [])):
             print(name + ": ", end="", flush=True)
             subprocess.run(["taskset", "-c", "1", os.path.join(BENCH, "poll_load"), "--port", str(at),
-                            "--seconds", "5", "--threads", "32", "--pid", str(pid), *more], check=False)
+                            "--seconds", "5", "--threads", "32", "--pid", str(pid), *more], check=False,
+                           timeout=TOOL_S)
     end(nginx)
     end(collector)
 

@@ -253,7 +253,7 @@ def measure(name, processes, seconds):
             sum(rss for rss, _ in memory), sum(pss for _, pss in memory)), flush=True)
         monitor.stop()
     finally:
-        shutil.rmtree(home)
+        shutil.rmtree(home, ignore_errors=True)
 
 
 def main():

@@ -304,7 +304,7 @@ def main():
             else:
                 pages(home, options.tests, options.rounds, what == "https")
         finally:
-            shutil.rmtree(home)
+            shutil.rmtree(home, ignore_errors=True)
 
 
 if __name__ == "__main__":

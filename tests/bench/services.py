@@ -137,7 +137,7 @@ def main():
             else:
                 feed(home)
         finally:
-            shutil.rmtree(home)
+            shutil.rmtree(home, ignore_errors=True)
 
 
 if __name__ == "__main__":

@@ -291,7 +291,7 @@ def main():
             else:
                 scan(home)
         finally:
-            shutil.rmtree(home)
+            shutil.rmtree(home, ignore_errors=True)
 
 
 if __name__ == "__main__":

@@ -410,7 +410,7 @@ def main():
         soak.problems.append(str(error))
     finally:
         soak.doCleanups()
-        shutil.rmtree(tempfile.tempdir)
+        shutil.rmtree(tempfile.tempdir, ignore_errors=True)
     for problem in soak.problems:
         print("PROBLEM: " + problem)
     sys.exit(1 if soak.problems else 0)

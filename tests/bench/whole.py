@@ -221,7 +221,7 @@ def main():
         for name in chosen:
             {"idle": idle, "poll": poll, "load": load}[name](home)
     finally:
-        shutil.rmtree(home)
+        shutil.rmtree(home, ignore_errors=True)
 
 
 if __name__ == "__main__":

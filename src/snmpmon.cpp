@@ -14,13 +14,22 @@ static constinit checker snmp = {.thread_name = "snmp",
 static constinit mutex& SNMP_MON_MUTEX = snmp.mon_mutex;
 static snmp_def** snmp_def_list GUARDED_BY(SNMP_MON_MUTEX);
 static int snmp_def_list_len GUARDED_BY(SNMP_MON_MUTEX);
+constinit checks_under_way snmp_checks{.kind = "SNMP"};
 
 /* --- the pass -------------------------------------------------------------------------------- */
+
+void end_snmp_check(snmp_def** p) {
+    if (*p != nullptr) {
+        int tid = (*p)->tid;
+        free_snmp_def(p);
+        check_ends(snmp_checks, tid);
+    }
+}
 
 void free_snmp_round(snmp_round** p) {
     snmp_round* round = *p;
     for (int i = 0; i < round->count; i++) {
-        free_snmp_def(&round->tests[i]);
+        end_snmp_check(&round->tests[i]);
     }
     free(round->tests);
     free(round);
@@ -33,6 +42,10 @@ static snmp_round* start_lookups(const pthread_attr_t* attributes) {
     lock hold(SNMP_MON_MUTEX);
     auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
     for (int i = 0; round != nullptr && i < snmp_def_list_len; i++) {
+        check_under_way counted(snmp_checks, snmp_def_list[i]->tid);
+        if (!counted) {
+            continue;
+        }
         snmp_def* copy = snmp_def_dup(snmp_def_list[i]);
         snmp_def_list[i]->isFirstCheck = 0;
         pthread_t thread;
@@ -40,7 +53,9 @@ static snmp_round* start_lookups(const pthread_attr_t* attributes) {
                      (snmp_needs_lookup(copy)
                           ? pthread_create(&thread, attributes, snmp_single_thread, copy) == 0
                           : append_test(round->tests, round->count, copy) != 0);
-        if (!taken) {
+        if (taken) {
+            counted.release();
+        } else {
             free_snmp_def(&copy);
         }
     }

@@ -3,16 +3,18 @@
  * Every test of a pass has a child process of its own that makes the requests (snmpmon_checks.h)
  * and sends its result through a pipe. So requests never meet in the library's shared state, and
  * one that crashes takes only its result along. A pass waits for nothing: a detached thread (the
- * round) forks the children one after another and then collects from all of them. A fork costs more
+ * round) forks the children one after another, takes the results of those that have ended in
+ * between, and then waits for the others. A fork costs more
  * the more threads there are (with 500 it takes seven times as long as with one), so there is one
  * for all tests; only a test whose host is a name gets a thread of its own, which looks the name up
  * first and may take long over it. A test whose child of the last pass still runs gets a second
- * one. The records are described with the checks.
+ * one, and so on to the bound of checks_under_way.h. The records are described with the checks.
  *
  * The child (snmpmon_child.cpp) is forked with the log, OpenSSL and all signals at rest
  * (fork_gate.h). It leads a process group of its own, handles signals as a fresh process does, logs
  * nothing, has no descriptor but the standard streams and its end of the pipe, and is killed when
- * the agent ends. Names are looked up before the fork. Its exit status is always 1. A child that
+ * the agent ends. Names are looked up before the fork. Its exit status is always 1. The last
+ * descriptors are left to the rest of the agent: without one it could not reach its server. A child that
  * never ends keeps its thread; one that dies leaves no result, and nothing is reported.
  *
  * All of it needs the library: without it (snmp_lib_status 0) tests are neither added, changed nor
@@ -25,6 +27,7 @@
 #ifndef VINDRAL_SNMPMON_H
 #define VINDRAL_SNMPMON_H
 
+#include "checks_under_way.h"
 #include "snmpmon_def.h"
 
 #include <sys/types.h>
@@ -55,16 +58,23 @@ void rem_snmp(int t_id);
 /* 1 when no test has this id. */
 int is_new_snmp(int tID);
 
-/* One pass over all tests. A test for which there is no thread, no child or no memory is left out.
- */
+/* One pass over all tests. A test for which there is no thread, no child or no memory is left out,
+ * and so is one that has as many checks under way as it may have. */
 void do_snmp_check();
+
+/* The checks of tests, not those that get_snmp_values makes. */
+extern checks_under_way snmp_checks;
+
+/* Frees the copy of a test that has been counted for a check, which ends with it. */
+void end_snmp_check(snmp_def** p);
 
 /* 1 when the host is a name, which must be looked up before the fork. Not when it is an address in
  * dotted form, nor one with colons in it, which may name the transport and is the library's to
  * read. */
 int snmp_needs_lookup(const snmp_def* def);
 
-/* The tests of a pass whose hosts need no lookup: copies that the round owns. */
+/* The tests of a pass whose hosts need no lookup: copies that the round owns, null when their check
+ * has ended. */
 struct snmp_round {
     snmp_def** tests;
     int count;

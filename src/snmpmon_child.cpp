@@ -20,11 +20,13 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 static const long PIPE_WAIT_US = 5000000;
-static const size_t CHUNK = 4096;           /* most bytes that one read asks for */
-static const int TURNS_PER_FORK = 16;       /* CHUNKs, as much as a pipe holds */
+static const size_t CHUNK = 4096;     /* most bytes that one read asks for */
+static const int TURNS_PER_FORK = 16; /* CHUNKs, as much as a pipe holds */
+static const rlim_t DESCRIPTORS_OF_OTHERS = 64;
 static const long MOST_DESCRIPTORS = 65536; /* that are closed one by one */
 
 /* --- the pipe -------------------------------------------------------------------------------- */
@@ -311,7 +313,7 @@ void wait4forked(pid_t p) {
 namespace {
 
 struct running_query {
-    snmp_def* def = nullptr;
+    snmp_def** test = nullptr; /* the caller's */
     pid_t child = -1;
     unique_fd pipe; /* its read end; none when the query is over or was never begun */
     text_buffer text;
@@ -319,14 +321,26 @@ struct running_query {
 
 } // namespace
 
-/* False with errno set, when there are no descriptors. */
+/* Whether the others still get descriptors when this one is kept: the lowest is given out first. */
+static bool leaves_enough(int fd) {
+    rlimit limit;
+    return getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+           static_cast<rlim_t>(fd) <
+               limit.rlim_cur - std::min(DESCRIPTORS_OF_OTHERS, limit.rlim_cur / 4);
+}
+
+/* False when there are no descriptors but those that the agent needs to reach its server. */
 static bool make_pipe(unique_fd& read_end, unique_fd& write_end) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
         return false;
     }
-    read_end = unique_fd(ends[0]);
-    write_end = unique_fd(ends[1]);
+    unique_fd first(ends[0]), second(ends[1]);
+    if (!leaves_enough(first.get())) {
+        return false;
+    }
+    read_end = std::move(first);
+    write_end = std::move(second);
     return true;
 }
 
@@ -336,7 +350,7 @@ static void begin_query(running_query& q) {
     if (!make_pipe(q.pipe, write_end)) {
         return;
     }
-    q.child = fork_child(q.def, write_end.get());
+    q.child = fork_child(*q.test, write_end.get());
     if (q.child < 0) {
         q.pipe.reset();
     }
@@ -349,7 +363,7 @@ static bool make_one_query(snmp_def* def, char** buffer, int* buffer_len) {
         def->address = find_address(def->host);
     }
     running_query q;
-    q.def = def;
+    q.test = &def;
     begin_query(q);
     if (!q.pipe) {
         return false;
@@ -368,7 +382,7 @@ void* snmp_single_thread(void* arg) {
     if (make_one_query(def, nullptr, nullptr) && def->isFirstCheck == 1) {
         send_pending_data();
     }
-    free_snmp_def(&def);
+    end_snmp_check(&def);
     return nullptr;
 }
 
@@ -387,8 +401,8 @@ struct query_round {
     std::unique_ptr<running_query[]> queries;
     unique_fd watcher; /* of the pipes, by the number of the query */
     int open = 0;      /* pipes */
-    /* Children that have closed their pipes, which is the last thing they do. */
-    std::unique_ptr<pid_t[]> ending;
+    /* Numbers of those whose children have closed their pipes, which is the last thing they do. */
+    std::unique_ptr<int[]> ending;
     int ending_count = 0;
 };
 
@@ -397,7 +411,7 @@ struct query_round {
 /* False without memory or a descriptor. */
 static bool make_round(query_round& round, int count) {
     round.queries.reset(new (std::nothrow) running_query[count]);
-    round.ending.reset(new (std::nothrow) pid_t[count]);
+    round.ending.reset(new (std::nothrow) int[count]);
     round.watcher.reset(epoll_create1(EPOLL_CLOEXEC));
     return round.queries && round.ending && round.watcher;
 }
@@ -408,33 +422,35 @@ static void stop_watching(query_round& round, running_query& q) {
     q.pipe.reset();
 }
 
-/* Starts the child of a query whose pipe is watched. Without all three there is nothing. */
-static void begin_watched(query_round& round, int number) {
+/* Starts the child of a query whose pipe is watched. False when any of them is not to be had. */
+static bool begin_watched(query_round& round, int number) {
     running_query& q = round.queries[number];
     unique_fd write_end;
     if (!make_pipe(q.pipe, write_end)) {
-        return;
+        return false;
     }
     epoll_event of_pipe = {EPOLLIN, {.u32 = static_cast<uint32_t>(number)}};
     if (epoll_ctl(round.watcher.get(), EPOLL_CTL_ADD, q.pipe.get(), &of_pipe) != 0) {
         q.pipe.reset();
-        return;
+        return false;
     }
-    q.child = fork_child(q.def, write_end.get());
+    q.child = fork_child(*q.test, write_end.get());
     if (q.child < 0) {
         stop_watching(round, q);
-    } else {
-        round.open++;
+        return false;
     }
+    round.open++;
+    return true;
 }
 
-static void finish_query(query_round& round, running_query& q) {
+static void finish_query(query_round& round, int number) {
+    running_query& q = round.queries[number];
     add_snmp_result(q.text.data.get(), q.text.length);
     q.text = {};
     stop_watching(round, q);
     round.open--;
-    round.ending[round.ending_count++] = q.child;
-    if (q.def->isFirstCheck == 1) {
+    round.ending[round.ending_count++] = number;
+    if ((*q.test)->isFirstCheck == 1) {
         send_pending_data();
     }
 }
@@ -444,9 +460,10 @@ static bool collect(query_round& round, int timeout_ms) {
     epoll_event ready[64];
     int count = epoll_wait(round.watcher.get(), ready, std::size(ready), timeout_ms);
     for (int i = 0; i < count; i++) {
-        running_query& q = round.queries[ready[i].data.u32];
+        const int number = static_cast<int>(ready[i].data.u32);
+        running_query& q = round.queries[number];
         if (read_chunk(q.pipe.get(), q.text) == read_outcome::ended) {
-            finish_query(round, q);
+            finish_query(round, number);
         }
     }
     return count > 0;
@@ -455,9 +472,11 @@ static bool collect(query_round& round, int timeout_ms) {
 /* Those that have ended; the others wait for a processor to end on. */
 static void reap_ended(query_round& round) {
     for (int i = 0; i < round.ending_count;) {
-        if (waitpid(round.ending[i], nullptr, WNOHANG) == 0) {
+        running_query& q = round.queries[round.ending[i]];
+        if (waitpid(q.child, nullptr, WNOHANG) == 0) {
             i++;
         } else {
+            end_snmp_check(q.test);
             round.ending[i] = round.ending[--round.ending_count];
         }
     }
@@ -465,19 +484,23 @@ static void reap_ended(query_round& round) {
 
 static void reap_all(query_round& round) {
     while (round.ending_count > 0) {
-        reap(round.ending[--round.ending_count]);
+        running_query& q = round.queries[round.ending[--round.ending_count]];
+        reap(q.child);
+        end_snmp_check(q.test);
     }
 }
 
 /* Begins all queries, and between two of them takes what has come without waiting for more. */
-static void make_queries(snmp_def* const* tests, int count) {
+static void make_queries(snmp_def** tests, int count) {
     query_round round;
     if (!make_round(round, count)) {
         return;
     }
     for (int i = 0; i < count; i++) {
-        round.queries[i].def = tests[i];
-        begin_watched(round, i);
+        round.queries[i].test = &tests[i];
+        if (!begin_watched(round, i)) {
+            end_snmp_check(&tests[i]);
+        }
         for (int turns = 0; turns < TURNS_PER_FORK && collect(round, 0); turns++) {
         }
         reap_ended(round);

@@ -42,6 +42,7 @@ static int fake_pipe2(int* ends, int flags);
 #include "checker_place.h"
 #include "fake_core.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -417,6 +418,12 @@ bool has_ended(pid_t child) {
             info.si_pid == child);
 }
 
+int counted_tests() {
+    lock hold(snmp_checks.count_mutex);
+    return static_cast<int>(
+        std::ranges::count_if(snmp_checks.tests, [](auto* test) { return test != nullptr; }));
+}
+
 bool has_children() {
     siginfo_t info;
     return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
@@ -465,6 +472,7 @@ protected:
         take_results();
         EXPECT_EQ(open_descriptors(), descriptors_before);
         EXPECT_FALSE(has_children()) << "zombies";
+        EXPECT_EQ(counted_tests(), 0);
     }
 };
 
@@ -1083,6 +1091,70 @@ TEST_F(snmpmon, a_test_whose_pipe_cannot_be_watched_is_left_out) {
     EXPECT_EQ(take_results().size(), 3 * strlen("get a"));
 }
 
+TEST_F(snmpmon, a_test_has_64_checks_under_way_at_most) {
+    for (const char* host : {"192.0.2.1", "name"}) {
+        page->may_go_on = page->children = 0;
+        wanted w;
+        w.host = host;
+        w.oids = "hang";
+        add(w);
+        w.tid = 2;
+        w.oids = "quick";
+        add(w);
+        take_log();
+        for (int pass = 1; pass <= 66; pass++) {
+            do_snmp_check();
+            EXPECT_TRUE(
+                eventually([pass] { return result_length() >= pass * strlen("get quick"); }));
+        }
+        EXPECT_TRUE(eventually([] { return page->children == 64 + 66; }));
+        EXPECT_EQ(take_log_text(),
+                  "0 SNMP test 1: 64 checks are under way, one more is left out.\n");
+        take_results();
+        w.tid = 1;
+        w.oids = "changed";
+        mod(w);
+        do_snmp_check();
+        EXPECT_TRUE(eventually([] { return result_length() >= strlen("get quick"); }));
+        let_go_on();
+        wait_for_threads();
+        take_results();
+        EXPECT_EQ(page->children, 64 + 67) << "it is still the same test";
+        int before = wake_ups;
+        run_pass();
+        EXPECT_EQ(take_results().size(), strlen("get quick") + strlen("get changed"));
+        EXPECT_EQ(wake_ups, before + 1) << "its first check is the one that was made";
+        rem_snmp(1);
+        rem_snmp(2);
+    }
+}
+
+TEST_F(snmpmon, a_check_that_cannot_begin_is_not_counted) {
+    for (const char* host : {"192.0.2.1", "name"}) {
+        wanted w;
+        w.host = host;
+        add(w);
+        take_log();
+        for (int pass = 0; pass < 65; pass++) {
+            create_error = EAGAIN;
+            run_pass();
+            create_error = 0;
+            fork_fails = true;
+            run_pass();
+            fork_fails = false;
+            unwatchable = w.host[0] == 'n' ? 0 : 1;
+            run_pass();
+            descriptors_left none(0);
+            run_pass();
+        }
+        take_results();
+        run_pass();
+        EXPECT_EQ(take_results(), "get 1.3.6");
+        EXPECT_EQ(take_log_text(), "");
+        rem_snmp(1);
+    }
+}
+
 TEST_F(snmpmon, where_no_thread_is_to_be_had_tests_are_left_out) {
     add({});
     wanted w;
@@ -1147,6 +1219,32 @@ TEST_F(snmpmon, more_tests_than_descriptors_lose_what_has_none) {
     size_t got = take_results().size() / strlen("get hang");
     EXPECT_GT(got, 1u);
     EXPECT_LT(got, 9u);
+}
+
+TEST_F(snmpmon, silent_tests_leave_descriptors_to_others) {
+    const int tests = 100;
+    for (int tid = 1; tid <= tests; tid++) {
+        wanted w;
+        w.tid = tid;
+        w.oids = "hang";
+        add(w);
+    }
+    {
+        descriptors_left some(100);
+        do_snmp_check();
+        EXPECT_TRUE(eventually([] { return pipes_wanted == tests && forks == page->children; }));
+        EXPECT_GT(forks, 50);
+        EXPECT_TRUE(eventually([] {
+            std::vector<unique_fd> of_others;
+            for (int i = 0; i < 25; i++) {
+                of_others.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+            }
+            return std::ranges::all_of(of_others,
+                                       [](const unique_fd& fd) { return fd.get() >= 0; });
+        }));
+        let_go_on();
+        wait_for_threads();
+    }
 }
 
 TEST_F(snmpmon, a_limit_lowered_meanwhile_loses_nothing) {

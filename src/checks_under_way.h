@@ -39,7 +39,8 @@ struct checks_under_way {
  * the log. */
 bool check_begins(checks_under_way& c, long id);
 
-/* To be called once for each that has begun, when it has given back all that it held. */
+/* To be called once for each that has begun, when it has given back all that it held. Of a test
+ * without checks under way it changes nothing. */
 void check_ends(checks_under_way& c, long id);
 
 /* Both for a scope. True as long as a check is counted; release() leaves its end to another. */

@@ -100,6 +100,7 @@ static void report(const ping_data& test, const echo_outcome& outcome) {
 
 void* ping_single_thread(void* arg) {
     auto* test = static_cast<ping_data*>(arg);
+    check_under_way counted = check_under_way::begun(ping_checks, test->tid);
     heap<double> round_trips(ping(test->host, static_cast<unsigned>(test->p_timeout), test->p_count,
                                   static_cast<unsigned short>(test->p_size),
                                   static_cast<unsigned short>(test->tid)));
@@ -142,13 +143,6 @@ struct thread_attributes {
     thread_attributes& operator=(const thread_attributes&) = delete;
 };
 
-/* A thread of a round. */
-static void* run_check(void* arg) {
-    check_under_way counted =
-        check_under_way::begun(ping_checks, static_cast<ping_data*>(arg)->tid);
-    return ping_single_thread(arg);
-}
-
 /* The check has been counted; what is not started ends with the scope. */
 static void start_check(ping_data* test, const pthread_attr_t* attributes,
                         check_under_way& counted) {
@@ -157,7 +151,7 @@ static void start_check(ping_data* test, const pthread_attr_t* attributes,
         return;
     }
     pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
+    if (int error = pthread_create(&thread, attributes, ping_single_thread, copy)) {
         free_test(copy);
         leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
         return;

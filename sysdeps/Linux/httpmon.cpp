@@ -103,6 +103,7 @@ static void check_http_test(aHost* test) {
 void* http_check_thread(void* arg) {
     pthread_setname_np(pthread_self(), "http_check");
     aHost* test = static_cast<aHost*>(arg);
+    check_under_way counted = check_under_way::begun(http_checks, test->id);
     check_http_test(test);
     free_aHost(&test);
     return nullptr;
@@ -131,12 +132,6 @@ static int make_check_attributes(pthread_attr_t* attributes) {
     return 1;
 }
 
-/* A thread of a round. */
-static void* run_check(void* arg) {
-    check_under_way counted = check_under_way::begun(http_checks, static_cast<aHost*>(arg)->id);
-    return http_check_thread(arg);
-}
-
 /* The check has been counted; what is not started ends with the scope. */
 static void start_check(aHost* test, const pthread_attr_t* attributes, check_under_way& counted) {
     aHost* copy = dup_aHost(test);
@@ -144,7 +139,7 @@ static void start_check(aHost* test, const pthread_attr_t* attributes, check_und
         return;
     }
     pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
+    if (int error = pthread_create(&thread, attributes, http_check_thread, copy)) {
         free_aHost(&copy);
         leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
         return;

@@ -83,6 +83,7 @@ static void check_mysql_test(MySQL_Data* test, char** values) {
 void* do_single_mysql_check(void* arg) {
     pthread_setname_np(pthread_self(), "mysql_check");
     auto* test = static_cast<MySQL_Data*>(arg);
+    check_under_way counted = check_under_way::begun(mysql_checks, test->tid);
     auto** values = static_cast<char**>(calloc(test->arr_len + 1, sizeof(char*)));
     if (values != nullptr) {
         check_mysql_test(test, values);
@@ -123,13 +124,6 @@ static int make_check_attributes(pthread_attr_t* attributes) {
     return 1;
 }
 
-/* A thread of a round. */
-static void* run_check(void* arg) {
-    check_under_way counted =
-        check_under_way::begun(mysql_checks, static_cast<MySQL_Data*>(arg)->tid);
-    return do_single_mysql_check(arg);
-}
-
 /* The check has been counted; what is not started ends with the scope. */
 static void start_check(MySQL_Data* test, const pthread_attr_t* attributes,
                         check_under_way& counted) {
@@ -138,7 +132,7 @@ static void start_check(MySQL_Data* test, const pthread_attr_t* attributes,
         return;
     }
     pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, run_check, copy)) {
+    if (int error = pthread_create(&thread, attributes, do_single_mysql_check, copy)) {
         free_mysql_data(&copy);
         leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
         return;

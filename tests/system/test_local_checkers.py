@@ -1,9 +1,11 @@
 """CPU, memory, disk, process and network interface checkers of a real agent: on kernel files of our
 own, and on processes, file systems, interfaces and an SNMP daemon that the tests start."""
 
+import ctypes
 import math
 import os
 import re
+import select
 import socket
 import subprocess
 import sys
@@ -191,6 +193,27 @@ class Real(Local):
         listed = self.records(records.FILE_SYSTEMS)[-1].strings[0].split("\t")
         self.assertIn(entry, listed)
         self.assertNotIn("/proc(proc|proc)", listed)
+
+    @harness.needs_namespaces
+    def test_automounts(self):
+        """Nobody asks for what an automounter would have to mount: nobody would answer here."""
+        place = self.subdir("automount")
+        requests, to_us = os.pipe()
+        libc = ctypes.CDLL(None, use_errno=True)
+        refused = libc.mount(b"nobody", place.encode(), b"autofs", 0,
+                             b"fd=%d,minproto=5,maxproto=5,direct" % to_us)
+        reason = os.strerror(ctypes.get_errno())
+        os.close(to_us)  # the kernel has its own
+        self.addCleanup(os.close, requests)  # which ends whatever waits for an answer
+        if refused:
+            self.skipTest("no automounts here: " + reason)
+        self.addCleanup(subprocess.run, ["umount", "--lazy", place], check=True)
+        self.start()
+        self.wait_idle(3)
+        asked = select.poll()  # select() stops at descriptor 1023
+        asked.register(requests, select.POLLIN)
+        self.assertEqual(asked.poll(0), [])
+        self.assertNotIn(place, self.records(records.FILE_SYSTEMS)[-1].strings[0])
 
     def test_process(self):
         name = "vnd (a) b"

@@ -3,7 +3,6 @@
 #include "vindral_log.h"
 
 #include <cstdint>
-#include <iterator>
 
 struct test_under_way {
     test_under_way* next;
@@ -14,8 +13,8 @@ struct test_under_way {
 
 /* The pointer to the test with this id, or to the null at the end of its list. */
 static test_under_way** place_of(checks_under_way& c, long id) REQUIRES(c.count_mutex) {
-    static_assert(std::size(checks_under_way{}.tests) == 1 << 10);
-    uint32_t hash = static_cast<uint32_t>(id) * UINT32_C(2654435769) >> (32 - 10);
+    uint32_t hash =
+        static_cast<uint32_t>(id) * UINT32_C(2654435769) >> (32 - checks_under_way::HASH_BITS);
     test_under_way** place = &c.tests[hash];
     while (*place != nullptr && (*place)->id != id) {
         place = &(*place)->next;

@@ -29,8 +29,9 @@ struct test_under_way; /* one test and its number of checks */
 /* Those of one checker. */
 struct checks_under_way {
     const char* kind;    /* of test, as the log names it */
-    mutex count_mutex{}; /* tests and all that hangs on them; nothing else is locked meanwhile */
-    test_under_way* tests[1024] GUARDED_BY(count_mutex) = {}; /* by a hash of the id */
+    mutex count_mutex{}; /* tests and all that hangs on them; nothing else is taken meanwhile */
+    static constexpr int HASH_BITS = 10; /* of a test's id, as many as it takes to find its list */
+    test_under_way* tests[1 << HASH_BITS] GUARDED_BY(count_mutex) = {};
 };
 
 /* Counts one more check of the test. False when there are as many as there may be, or no memory:

@@ -42,10 +42,9 @@ void free_mysql_data(MySQL_Data** p);
  * nothing. Returns 0; or 1 with *pAddinfo set to the library's reason (the caller frees) and some
  * of the slots set.
  *
- * Waits for the server: tout seconds for the connection, with libmariadb for the whole of the
- * login, and then for each packet of an answer as long, but half a minute at least. libmariadb
- * gives up after the first time a packet does not come in time; libmysqlclient may wait some times
- * over. */
+ * Waits for the server: tout seconds for the connection, with libmariadb for each answer of the
+ * login, too; then as long, but half a minute at least, for each further piece of an answer.
+ * libmariadb gives up after the first wait in vain, libmysqlclient may repeat it. */
 int GetValuesFromDB(MySQL_Data* pMDBData, char** pAddinfo, char** pTarr);
 
 /* Compares the values with the limits, in the order of the names, and adds an AddResult for each. A

@@ -3,19 +3,19 @@
  * Every test of a pass has a child process of its own that makes the requests (snmpmon_checks.h)
  * and sends its result through a pipe. So requests never meet in the library's shared state, and
  * one that crashes takes only its result along. A pass waits for nothing: a detached thread (the
- * round) forks the children one after another, takes the results of those that have ended in
- * between, and then waits for the others. A fork costs more
- * the more threads there are (with 500 it takes seven times as long as with one), so there is one
- * for all tests; only a test whose host is a name gets a thread of its own, which looks the name up
- * first and may take long over it. A test whose child of the last pass still runs gets a second
- * one, and so on to the bound of checks_under_way.h. The records are described with the checks.
+ * round) forks the children one after another, takes in between the results of those that have
+ * ended, and then waits for the others. A fork costs more the more threads there are (with 500 it
+ * takes seven times as long as with one), so there is one for all tests; only a test whose host is
+ * a name gets a thread of its own, which looks the name up first and may take long over it. A test
+ * whose child of the last pass still runs gets a second one, and so on to the bound of
+ * checks_under_way.h. The records are described with the checks.
  *
  * The child (snmpmon_child.cpp) is forked with the log, OpenSSL and all signals at rest
  * (fork_gate.h). It leads a process group of its own, handles signals as a fresh process does, logs
  * nothing, has no descriptor but the standard streams and its end of the pipe, and is killed when
  * the agent ends. Names are looked up before the fork. Its exit status is always 1. The last
- * descriptors are left to the rest of the agent: without one it could not reach its server. A child that
- * never ends keeps its thread; one that dies leaves no result, and nothing is reported.
+ * descriptors are left to the rest of the agent: without one it could not reach its server. A
+ * child that never ends keeps its thread; one that dies leaves no result, and nothing is reported.
  *
  * All of it needs the library: without it (snmp_lib_status 0) tests are neither added, changed nor
  * removed, and there are no results.

@@ -36,9 +36,9 @@ void free_snmp_round(snmp_round** p) {
     *p = nullptr;
 }
 
-/* Puts copies of the tests whose address is known into a new round and starts a thread for each of
- * the others. Null when there is no such test, and without memory. */
-static snmp_round* start_lookups(const pthread_attr_t* attributes) {
+/* Copies of the tests that may have one more check; null when there are none, and without memory.
+ */
+static snmp_round* make_round() {
     lock hold(SNMP_MON_MUTEX);
     auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
     for (int i = 0; round != nullptr && i < snmp_def_list_len; i++) {
@@ -48,12 +48,7 @@ static snmp_round* start_lookups(const pthread_attr_t* attributes) {
         }
         snmp_def* copy = snmp_def_dup(snmp_def_list[i]);
         snmp_def_list[i]->isFirstCheck = 0;
-        pthread_t thread;
-        bool taken = copy != nullptr &&
-                     (snmp_needs_lookup(copy)
-                          ? pthread_create(&thread, attributes, snmp_single_thread, copy) == 0
-                          : append_test(round->tests, round->count, copy) != 0);
-        if (taken) {
+        if (copy != nullptr && append_test(round->tests, round->count, copy)) {
             counted.release();
         } else {
             free_snmp_def(&copy);
@@ -66,14 +61,14 @@ static snmp_round* start_lookups(const pthread_attr_t* attributes) {
 }
 
 static void start_tests(const pthread_attr_t* attributes) {
-    snmp_round* round = start_lookups(attributes);
+    snmp_round* round = make_round();
     pthread_t thread;
     if (round != nullptr && pthread_create(&thread, attributes, snmp_round_thread, round) != 0) {
         free_snmp_round(&round);
     }
 }
 
-/* The threads have stacks of the default size: the library runs on them, in the child. */
+/* The thread has a stack of the default size: the library runs on it, in the children. */
 void do_snmp_check() {
     pthread_attr_t attributes;
     int error = pthread_attr_init(&attributes);

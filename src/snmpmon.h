@@ -5,17 +5,17 @@
  * one that crashes takes only its result along. A pass waits for nothing: a detached thread (the
  * round) forks the children one after another, takes in between the results of those that have
  * ended, and then waits for the others. A fork costs more the more threads there are (with 500 it
- * takes seven times as long as with one), so there is one for all tests; only a test whose host is
- * a name gets a thread of its own, which looks the name up first and may take long over it. A test
- * whose child of the last pass still runs gets a second one, and so on to the bound of
- * checks_under_way.h. The records are described with the checks.
+ * takes seven times as long as with one), and each child takes a page along for each of them. So
+ * there is one for all tests; only while a host's name is looked up, which may take long, there is
+ * one more. A test whose child of the last pass still runs gets a second one, and so on to the
+ * bound of checks_under_way.h. The records are described with the checks.
  *
  * The child (snmpmon_child.cpp) is forked with the log, OpenSSL and all signals at rest
  * (fork_gate.h). It leads a process group of its own, handles signals as a fresh process does, logs
  * nothing, has no descriptor but the standard streams and its end of the pipe, and is killed when
  * the agent ends. Names are looked up before the fork. Its exit status is always 1. The last
  * descriptors are left to the rest of the agent: without one it could not reach its server. A
- * child that never ends keeps its thread; one that dies leaves no result, and nothing is reported.
+ * child that never ends keeps its round; one that dies leaves no result, and nothing is reported.
  *
  * All of it needs the library: without it (snmp_lib_status 0) tests are neither added, changed nor
  * removed, and there are no results.
@@ -73,8 +73,7 @@ void end_snmp_check(snmp_def** p);
  * read. */
 int snmp_needs_lookup(const snmp_def* def);
 
-/* The tests of a pass whose hosts need no lookup: copies that the round owns, null when their check
- * has ended. */
+/* The tests of a pass: copies that the round owns, null when their check has ended. */
 struct snmp_round {
     snmp_def** tests;
     int count;
@@ -82,7 +81,7 @@ struct snmp_round {
 void free_snmp_round(snmp_round** p);
 
 /* Starts a child for every test of the round that `arg` is, which it frees, and appends the results
- * as they come. */
+ * as they come. Returns when all have ended. */
 void* snmp_round_thread(void* arg);
 
 /* Runs the test that `arg` is a copy of, which it frees. A walk adds nothing to the results: its

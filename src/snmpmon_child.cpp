@@ -404,12 +404,24 @@ struct query_round {
     /* Numbers of those whose children have closed their pipes, which is the last thing they do. */
     std::unique_ptr<int[]> ending;
     int ending_count = 0;
+    /* Numbers of those whose hosts' names have been looked up, as ints. */
+    unique_fd looked_up, to_looked_up;
+    int lookups = 0; /* not yet read from there */
+};
+
+/* Owned by the thread that makes it. */
+struct name_lookup {
+    snmp_def* test; /* the round's, which leaves it alone until it has read the number */
+    int number;
+    int to;
 };
 
 } // namespace
 
+static const uint32_t LOOKED_UP = UINT32_MAX; /* that pipe's number at the watcher */
+
 /* False without memory or a descriptor. */
-static bool make_round(query_round& round, int count) {
+static bool make_query_round(query_round& round, int count) {
     round.queries.reset(new (std::nothrow) running_query[count]);
     round.ending.reset(new (std::nothrow) int[count]);
     round.watcher.reset(epoll_create1(EPOLL_CLOEXEC));
@@ -455,11 +467,84 @@ static void finish_query(query_round& round, int number) {
     }
 }
 
+static void* lookup_thread(void* arg) {
+    heap<name_lookup> lookup(static_cast<name_lookup*>(arg));
+    free(lookup->test->address);
+    lookup->test->address = find_address(lookup->test->host);
+    while (write(lookup->to, &lookup->number, sizeof lookup->number) < 0 && errno == EINTR) {
+    }
+    return nullptr;
+}
+
+/* The pipe on which threads report that they have looked a name up. Reading does not wait; writing
+ * does, for then there is more in it than the round has read. */
+static bool make_lookup_pipe(query_round& round) {
+    int ends[2];
+    if (round.looked_up) {
+        return true;
+    }
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    unique_fd read_end(ends[0]), write_end(ends[1]);
+    epoll_event of_pipe = {EPOLLIN, {.u32 = LOOKED_UP}};
+    if (fcntl(read_end.get(), F_SETFL, O_NONBLOCK) != 0 ||
+        epoll_ctl(round.watcher.get(), EPOLL_CTL_ADD, read_end.get(), &of_pipe) != 0) {
+        return false;
+    }
+    round.looked_up = std::move(read_end);
+    round.to_looked_up = std::move(write_end);
+    return true;
+}
+
+/* Has a thread look the host up, after which the query begins. False when there is none. */
+static bool begin_lookup(query_round& round, int number) {
+    pthread_attr_t attributes;
+    heap<name_lookup> lookup(static_cast<name_lookup*>(malloc(sizeof(name_lookup))));
+    if (!lookup || !make_lookup_pipe(round) || pthread_attr_init(&attributes) != 0) {
+        return false;
+    }
+    *lookup = {*round.queries[number].test, number, round.to_looked_up.get()};
+    pthread_t thread;
+    bool started = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+                   pthread_create(&thread, &attributes, lookup_thread, lookup.get()) == 0;
+    pthread_attr_destroy(&attributes);
+    if (started) {
+        (void)lookup.release();
+        round.lookups++;
+    }
+    return started;
+}
+
+static void begin(query_round& round, snmp_def** test, int number) {
+    running_query& q = round.queries[number];
+    q.test = test;
+    if (!(snmp_needs_lookup(*test) ? begin_lookup(round, number) : begin_watched(round, number))) {
+        end_snmp_check(test);
+    }
+}
+
+/* Those whose names have been looked up meanwhile. */
+static void begin_looked_up(query_round& round) {
+    int numbers[64];
+    ssize_t got = read(round.looked_up.get(), numbers, sizeof numbers);
+    for (ssize_t i = 0; i < got / static_cast<ssize_t>(sizeof(int)); i++) {
+        round.lookups--;
+        if (!begin_watched(round, numbers[i])) {
+            end_snmp_check(round.queries[numbers[i]].test);
+        }
+    }
+}
+
 /* Reads once from each pipe that is ready; -1 waits for one. False when none was. */
 static bool collect(query_round& round, int timeout_ms) {
     epoll_event ready[64];
     int count = epoll_wait(round.watcher.get(), ready, std::size(ready), timeout_ms);
     for (int i = 0; i < count; i++) {
+        if (ready[i].data.u32 == LOOKED_UP) {
+            begin_looked_up(round);
+            continue;
+        }
         const int number = static_cast<int>(ready[i].data.u32);
         running_query& q = round.queries[number];
         if (read_chunk(q.pipe.get(), q.text) == read_outcome::ended) {
@@ -493,19 +578,16 @@ static void reap_all(query_round& round) {
 /* Begins all queries, and between two of them takes what has come without waiting for more. */
 static void make_queries(snmp_def** tests, int count) {
     query_round round;
-    if (!make_round(round, count)) {
+    if (!make_query_round(round, count)) {
         return;
     }
     for (int i = 0; i < count; i++) {
-        round.queries[i].test = &tests[i];
-        if (!begin_watched(round, i)) {
-            end_snmp_check(&tests[i]);
-        }
+        begin(round, &tests[i], i);
         for (int turns = 0; turns < TURNS_PER_FORK && collect(round, 0); turns++) {
         }
         reap_ended(round);
     }
-    while (round.open > 0) {
+    while (round.open > 0 || round.lookups > 0) {
         collect(round, -1);
         reap_all(round);
     }

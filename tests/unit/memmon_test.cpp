@@ -270,8 +270,6 @@ TEST_F(Memory, RemoteVirtualMemoryAndCacheHaveLimits) {
               r);
 }
 
-/* Type and description of a row have to begin like a kind's, no more; a description of another
- * type's kind is none. */
 TEST_F(Memory, EveryRemoteRowCounts) {
     char host[] = "h";
     std::string rows;
@@ -285,6 +283,8 @@ TEST_F(Memory, EveryRemoteRowCounts) {
     EXPECT_EQ(expected(0, {2, 7, NONE, NONE, NONE, NONE, NONE, NONE}, WITHIN, r), r);
 }
 
+/* Type and description of a row have to begin like a kind's, no more; a description of another
+ * type's kind is none. */
 TEST_F(Memory, RemoteRowsMatchByTheirBeginning) {
     char host[] = "h";
     stub("snmptable",

@@ -38,6 +38,7 @@ pid_t spawn_shell(const char* command_line, int stdout_fd, bool literal_words) {
     posix_spawnattr_setsigmask(&attributes, &signals);
     sigaddset(&signals, SIGHUP);
     sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGXFSZ);
     sigaddset(&signals, SIGSEGV);
     posix_spawnattr_setsigdefault(&attributes, &signals);
     posix_spawnattr_setpgroup(&attributes, 0);

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <execinfo.h>
+#include <initializer_list>
 #include <unistd.h>
 
 pthread_t main_worker_thread_handle = 0;
@@ -19,6 +20,15 @@ static void cancel_main_worker() {
     }
 }
 
+static void unblock(std::initializer_list<int> signal_numbers) {
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (int n : signal_numbers) {
+        sigaddset(&wanted, n);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);
+}
+
 static void end_at_once(int) {
     _exit(0);
 }
@@ -26,14 +36,12 @@ static void end_at_once(int) {
 /* Ends the process at the latest when CRASH_TIME_S are over, whatever happens until then. A second
  * crash of this thread gets to the handler, too, and waits there for that. */
 static void set_crash_alarm() {
-    signal(SIGALRM, end_at_once);
-    signal(SIGABRT, end_at_once); /* the allocator's answer to a broken heap */
-    sigset_t wanted;
-    sigemptyset(&wanted);
-    sigaddset(&wanted, SIGALRM);
-    sigaddset(&wanted, SIGABRT);
-    sigaddset(&wanted, SIGSEGV);
-    pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);
+    /* The allocator answers a broken heap with SIGABRT; a library's file that was cut short in the
+     * meantime makes a SIGBUS of the search for symbols. */
+    for (int n : {SIGALRM, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+        signal(n, end_at_once);
+    }
+    unblock({SIGALRM, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV});
     alarm(CRASH_TIME_S);
 }
 
@@ -83,6 +91,7 @@ void catch_all_signals(int n) {
 
 void prepare_signals() {
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     signal(SIGCHLD, SIG_DFL);
 }
 
@@ -105,5 +114,6 @@ int install_signal_handlers() {
         leveledadd2log(-1, "Can not set SIGHUP signal handler.");
         return 0;
     }
+    unblock({SIGSEGV}); /* a fault while it is blocked ends the process without the handler */
     return 1;
 }

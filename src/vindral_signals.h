@@ -7,10 +7,11 @@
  * SIGSEGV writes a backtrace to the log and ends the process with status 0, on whatever thread and
  * with whatever lock held it comes. When that gets stuck, as it must for a crash inside malloc, an
  * alarm ends the process after CRASH_TIME_S seconds instead; a report that itself crashes or aborts
- * ends it, too. All of that with status 0.
+ * ends it, too. All of that with status 0, also where the starter has blocked the signal.
  *
- * SIGPIPE is ignored: a peer that hangs up is an error of the write. SIGCHLD has its default, also
- * where the starter ignored it: the status of a child would be lost. */
+ * SIGPIPE and SIGXFSZ are ignored: a peer that hangs up, or a file that may not grow, is an error
+ * of the write. SIGCHLD has its default, also where the starter ignored it: the status of a child
+ * would be lost. */
 #ifndef VINDRAL_SIGNALS_H
 #define VINDRAL_SIGNALS_H
 
@@ -21,8 +22,8 @@ extern pthread_t main_worker_thread_handle;
 
 inline constexpr unsigned CRASH_TIME_S = 3;
 
-/* Sets SIGPIPE and SIGCHLD. The first thing that main does: whoever reads its standard output may
- * have gone. */
+/* Sets SIGPIPE, SIGXFSZ and SIGCHLD. The first thing that main does: whoever reads its standard
+ * output may have gone. */
 void prepare_signals();
 
 /* Installs the handlers, SIGSEGV's first. Returns 1, or 0 after logging which one was refused.

@@ -26,6 +26,7 @@ static char** chosen_symbols(void* const* addresses, int count) {
 #include <sstream>
 #include <string>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -125,6 +126,19 @@ TEST(preparation, ignores_broken_pipes) {
         }
         close(ends[0]);
         return write(ends[1], "x", 1) == -1 && errno == EPIPE ? 0 : 2;
+    });
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+}
+
+TEST(preparation, makes_a_limit_of_file_sizes_an_error_of_the_write) {
+    int status = in_child([] {
+        prepare_signals();
+        const rlimit none = {0, 0};
+        unique_fd file(memfd_create("limited", MFD_CLOEXEC));
+        if (!file || setrlimit(RLIMIT_FSIZE, &none) != 0) {
+            return 1;
+        }
+        return write(file.get(), "x", 1) == -1 && errno == EFBIG ? 0 : 2;
     });
     EXPECT_TRUE(exited_with(status, 0)) << status;
 }
@@ -405,6 +419,41 @@ TEST_F(crash, amid_its_own_report_ends_with_status_0_too) {
     EXPECT_TRUE(exited_with(status, 0)) << status;
     ASSERT_GE(lines().size(), 2U);
     EXPECT_EQ(lines().back(), "Backtrace:");
+}
+
+/* Blocks all that can be blocked, as an agent may have it from its starter. */
+static void block_all_signals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+TEST_F(crash, is_reported_where_the_starter_blocked_the_signal) {
+    block_all_signals();
+    int status = run([] { on_worker_stack(touch_forbidden); });
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    EXPECT_TRUE(exited_with(status, 0)) << status;
+    EXPECT_GE(addresses_reported(), 3U);
+}
+
+/* A fault of another kind: the file of a library may have been cut short. */
+TEST_F(crash, whose_report_has_any_fault_ends_with_status_0_too) {
+    for (int n : {SIGBUS, SIGFPE, SIGILL}) {
+        static int fault;
+        fault = n;
+        int status = run([] {
+            block_all_signals();
+            install_signal_handlers();
+            make_symbols = [](void* const*, int) -> char** {
+                raise(fault);
+                _exit(98);
+            };
+            on_worker_stack(touch_forbidden);
+        });
+        EXPECT_TRUE(exited_with(status, 0)) << n << ": " << status;
+    }
 }
 
 static char** abort_for_symbols(void* const*, int) {

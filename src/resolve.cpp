@@ -67,10 +67,12 @@ static int start_resolver(lookup* l) {
         lock hold(l->guard);
         l->owners++;
     }
-    /* The new thread inherits the mask: no signal ever meets it unblocked. */
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    /* The new thread inherits the mask: no signal ever meets it unblocked, but for that of a crash,
+     * which is to be reported. */
+    sigset_t most, before;
+    sigfillset(&most);
+    sigdelset(&most, SIGSEGV);
+    pthread_sigmask(SIG_SETMASK, &most, &before);
     pthread_t id;
     int failed = pthread_create(&id, &attr, resolver_thread, l);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -3,8 +3,9 @@
  * getaddrinfo is neither: the resolver's modules take tens of kilobytes of stack, and a thread that
  * is cancelled inside them leaves their locks taken and their memory lost. So a numeric host is
  * converted right here, which needs no module, and a name goes to a short-lived detached thread
- * ("resolver", 256 KB of stack, all signals blocked) for which the caller waits. A caller that is
- * cancelled leaves the resolver behind; the last of the two frees what they share. */
+ * ("resolver", 256 KB of stack, all signals blocked but SIGSEGV) for which the caller waits. A
+ * caller that is cancelled leaves the resolver behind; the last of the two frees what they share.
+ */
 #ifndef VINDRAL_RESOLVE_H
 #define VINDRAL_RESOLVE_H
 

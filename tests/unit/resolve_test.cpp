@@ -163,6 +163,12 @@ TEST_F(resolve, a_name_goes_to_a_thread_with_a_stack_of_its_own_and_no_signals) 
     EXPECT_EQ(0, sigismember(&mine, SIGHUP));
 }
 
+/* Else the kernel would end the agent without the report. */
+TEST_F(resolve, a_crash_of_the_systems_modules_meets_the_handler) {
+    ASSERT_EQ(0, resolve_host("some.name", "80", &hints, &list));
+    EXPECT_EQ(0, sigismember(&last_call.blocked, SIGSEGV));
+}
+
 TEST_F(resolve, a_named_service_goes_to_the_thread_as_well) {
     EXPECT_EQ(EAI_SERVICE, resolve_host("127.0.0.2", "no-number", &hints, &list));
     EXPECT_EQ(1, name_calls);

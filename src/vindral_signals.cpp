@@ -93,6 +93,7 @@ void prepare_signals() {
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
     signal(SIGCHLD, SIG_DFL);
+    unblock({SIGSEGV}); /* a fault while it is blocked ends the process without the handler */
 }
 
 static int install(int signal_number) {
@@ -114,6 +115,5 @@ int install_signal_handlers() {
         leveledadd2log(-1, "Can not set SIGHUP signal handler.");
         return 0;
     }
-    unblock({SIGSEGV}); /* a fault while it is blocked ends the process without the handler */
     return 1;
 }

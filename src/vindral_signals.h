@@ -22,8 +22,8 @@ extern pthread_t main_worker_thread_handle;
 
 inline constexpr unsigned CRASH_TIME_S = 3;
 
-/* Sets SIGPIPE, SIGXFSZ and SIGCHLD. The first thing that main does: whoever reads its standard
- * output may have gone. */
+/* Sets what the handlers are not for, and unblocks SIGSEGV. The first thing that main does: whoever
+ * reads its standard output may have gone, and threads inherit what is blocked. */
 void prepare_signals();
 
 /* Installs the handlers, SIGSEGV's first. Returns 1, or 0 after logging which one was refused.

@@ -216,6 +216,7 @@ protected:
             log_file = path.data();
             rotate_log_file();
             log_writer_thread_id = pthread_self();
+            prepare_signals();
             install_signal_handlers();
             body();
             return 99;
@@ -445,7 +446,7 @@ TEST_F(crash, whose_report_has_any_fault_ends_with_status_0_too) {
         fault = n;
         int status = run([] {
             block_all_signals();
-            install_signal_handlers();
+            prepare_signals();
             make_symbols = [](void* const*, int) -> char** {
                 raise(fault);
                 _exit(98);

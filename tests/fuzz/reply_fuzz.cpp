@@ -3,7 +3,8 @@
  *
  * The checkers are the real ones, started as an agent starts them, on the kernel files of proc/.
  * Nothing leaves the process: threads are not started (pthread_create is wrapped), shells are not
- * run, and no file is unlinked. What a remote host answers is the reply's own text.
+ * run, and no file is unlinked. What a remote host answers is the reply's own text. A checker that
+ * one input stops still asks remote hosts for the inputs after it.
  *
  * Input: a byte whose bits tell how the connection behaves, then the reply. */
 #include "vindral_poll.cpp"
@@ -30,6 +31,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 enum { LOGGED_IN = 1, BREAKS_OFF = 2, WAITS = 4, IN_PIECES = 8, LACKS_THREADS = 16 };
@@ -59,6 +61,8 @@ static const thread_body checks[] = {http_check_thread, ping_single_thread,    s
 
 static bool in_agent; /* between the beginning of an input and its end */
 
+static int no_stop = -1; /* an event that never comes */
+
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, thread_body, void*);
 int __real_pthread_join(pthread_t, void**);
@@ -84,6 +88,15 @@ int __wrap_pthread_join(pthread_t thread, void** result) {
 }
 int __wrap_unlink(const char* path) {
     return in_agent ? 0 : __real_unlink(path);
+}
+
+/* checker_stopped and checker_stop_fd: a stop is for good, and the process has one agent for all
+ * inputs. */
+bool __wrap__Z15checker_stoppedR7checker(checker&) {
+    return false;
+}
+int __wrap__Z15checker_stop_fdR7checker(checker&) {
+    return no_stop;
 }
 }
 
@@ -116,6 +129,7 @@ static bool start_agent() {
     setenv("SNMP_PERSISTENT_DIR", "/dev/null", 1);
     bind_fake_tls();
     require(freopen("/dev/null", "w", stdout) != nullptr);
+    require((no_stop = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) >= 0);
     require(start_checkers() == 1);
     shutdown_net_checker(); /* its sampler, called below, then takes one sample and returns */
     user_email = strdup("somebody@example.org");

@@ -2,6 +2,7 @@
 
 #include "guards.h"
 
+#include <cerrno>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@ static pthread_rwlock_t gate = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP
 /* Held by the one thread that waits at the gate or forks, so that behind it no other fork waits yet
  * and those who want to pass come first. */
 static mutex next_to_fork;
+
+static bool ended GUARDED_BY(next_to_fork) = false;
 
 fork_gate::fork_gate() {
     pthread_rwlock_rdlock(&gate);
@@ -21,6 +24,10 @@ fork_gate::~fork_gate() {
 
 pid_t gated_fork() {
     lock hold(next_to_fork);
+    if (ended) {
+        errno = ECANCELED;
+        return -1;
+    }
     pthread_rwlock_wrlock(&gate);
     pid_t child = fork();
     if (child == 0) {
@@ -30,4 +37,9 @@ pid_t gated_fork() {
         pthread_rwlock_unlock(&gate);
     }
     return child;
+}
+
+void end_gated_forks() {
+    lock hold(next_to_fork);
+    ended = true;
 }

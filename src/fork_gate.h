@@ -30,4 +30,9 @@ public:
  * the gate open. Not from inside the gate. */
 pid_t gated_fork();
 
+/* Waits for a fork under way; every later one fails with ECANCELED. For the end of the process:
+ * exit takes away the handlers that libraries have for forks, and the C library aborts when that
+ * happens amid one. */
+void end_gated_forks();
+
 #endif

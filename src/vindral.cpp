@@ -1,6 +1,7 @@
 /* Start, run, stop. */
 #include "vindral.h"
 
+#include "fork_gate.h"
 #include "libsslloader.h"
 
 #include <csignal>
@@ -103,6 +104,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     wait_for_worker();
+    end_gated_forks(); /* what queries there are end by themselves, or with the process */
     stop_checkers();
     shutdown_log_writer();
     return 0;

@@ -127,6 +127,53 @@ TEST(fork_gate, the_child_finds_the_gate_open) {
     busy.join();
 }
 
+/* A fork that its handler holds up, and one who ends forks meanwhile. */
+struct held_up_fork {
+    static inline std::atomic<bool> under_way{false}, may_go_on{false}, done{false};
+    static inline std::atomic<pid_t> ending{0};
+    static inline bool waited_for = false;
+
+    static void hold_up() {
+        under_way = true;
+        eventually([] { return may_go_on.load(); });
+    }
+    static void* fork_once(void*) {
+        pid_t child = gated_fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        return nullptr;
+    }
+    static void* end(void*) {
+        ending = gettid();
+        end_gated_forks();
+        waited_for = done;
+        return nullptr;
+    }
+};
+
+/* In a child, because nothing begins forks again. */
+TEST(fork_gate, an_end_waits_for_a_fork_under_way_and_refuses_later_ones) {
+    pid_t child = gated_fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        pthread_atfork(
+            held_up_fork::hold_up, [] { held_up_fork::done = true; }, nullptr);
+        pthread_t forking, ending;
+        pthread_create(&forking, nullptr, held_up_fork::fork_once, nullptr);
+        bool right = eventually([] { return held_up_fork::under_way.load(); });
+        pthread_create(&ending, nullptr, held_up_fork::end, nullptr);
+        right = sleeps(held_up_fork::ending) && right;
+        held_up_fork::may_go_on = true;
+        pthread_join(forking, nullptr);
+        pthread_join(ending, nullptr);
+        right = held_up_fork::waited_for && right;
+        _exit(right && gated_fork() == -1 && errno == ECANCELED ? 3 : 4);
+    }
+    EXPECT_EQ(exit_status(child), 3);
+}
+
 /* There is always one more that waits to fork. */
 TEST(fork_gate, threads_that_fork_without_a_pause_do_not_keep_it_closed) {
     auto before = signal(SIGCHLD, SIG_IGN); /* nobody waits for the children */

@@ -105,6 +105,9 @@ void set_poll_interval(int poll_interval) {
 void set_check_intervals(int t_sec) {
     record("set_check_intervals " + std::to_string(t_sec));
 }
+void end_gated_forks() {
+    record("end_gated_forks");
+}
 void stop_checkers() {
     record("stop_checkers");
 }
@@ -147,7 +150,7 @@ std::string banner() {
 
 const std::string CREATED = "-1 Main Worker thread created successfully\n";
 const std::string HUNG_UP = "SIGHUP\nset_check_intervals -1\n";
-const std::string STOPPED = "stop_checkers\nshutdown_log_writer\n";
+const std::string STOPPED = "end_gated_forks\nstop_checkers\nshutdown_log_writer\n";
 
 class Main : public testing::Test {
 protected:

@@ -1,6 +1,7 @@
 #include "checker.h"
 
 #include "vindral_log.h"
+#include "vindral_wake.h"
 
 #include <climits>
 #include <sched.h>
@@ -65,6 +66,33 @@ void command_batch::end() {
         batches--;
         pthread_cond_broadcast(&batch_ended.handle);
     }
+}
+
+static bool poll_loop_at_work GUARDED_BY(batch_mutex) = false;
+static bool results_behind GUARDED_BY(batch_mutex) = false;
+
+void fresh_results() {
+    {
+        lock hold(batch_mutex);
+        results_behind |= poll_loop_at_work;
+    }
+    send_pending_data();
+}
+
+bool poll_loop_rests() {
+    lock hold(batch_mutex);
+    poll_loop_at_work = false;
+    return results_behind;
+}
+
+void poll_loop_works() {
+    lock hold(batch_mutex);
+    poll_loop_at_work = true;
+}
+
+void poll_loop_collects() {
+    lock hold(batch_mutex);
+    results_behind = false;
 }
 
 static void wait_for_commands() {

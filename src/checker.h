@@ -90,9 +90,7 @@ void checker_wake(checker& c);
  * it.
  *
  * Opened without any other lock. The poll loop ends it with poll_cond_mutex held, as the last thing
- * before its wait: what a pass then finds cannot be signalled until the loop waits for it. A pass
- * that did not get to see the end, since a command took longer than workers wait, signals nobody
- * when it is done before the loop waits. */
+ * before its wait: what a pass then finds cannot be signalled until the loop waits for it. */
 class command_batch {
 public:
     command_batch();
@@ -119,6 +117,20 @@ int checker_get_results(checker& c, char** rez, int* rez_size);
 /* An inventory record, what there is that can be tested: UI32 code, 0, 0; I64 time; the list as
  * text. Returns 1 and gives the caller the record (free), or 0. */
 int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size);
+
+/* Fresh results are in the buffer, a test's first or those of a scan: ends the poll loop's wait by
+ * send_pending_data. That signal is lost while the loop is at work, mostly on somebody else's fresh
+ * results; these stay behind then, and the loop does not wait before it has collected them. From
+ * any thread, without a lock. */
+void fresh_results();
+
+/* The poll loop's side of it. It is at work from the end of a wait until it rests; both with
+ * poll_cond_mutex held, so that between them no signal is lost. It rests before each wait, and
+ * learns whether fresh results stayed behind: they did until it collects, which it says before it
+ * takes the first buffer. */
+bool poll_loop_rests();
+void poll_loop_works();
+void poll_loop_collects();
 
 /* Stops the worker, joins it (waits for the end of a running pass) and destroys the condition.
  * Definitions and uncollected results stay. Nothing to do for a checker that was not started. */

@@ -7,7 +7,6 @@
 #include "udc.h"
 #include "vindral_log.h"
 #include "vindral_text.h"
-#include "vindral_wake.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -228,7 +227,7 @@ void send_finished(int tid, int lid) {
         udcw_add(record, UDC_STRING, "finished");
         checker_add_record(discoverer, record);
     }
-    send_pending_data();
+    fresh_results();
 }
 
 /* So many threads less; the counter is gone after the last. */

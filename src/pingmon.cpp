@@ -5,7 +5,6 @@
 #include "ping.h"
 #include "udc.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <cstdio>
 
@@ -94,7 +93,7 @@ static void add_ping_record(const ping_data& test, const echo_outcome& outcome) 
 static void report(const ping_data& test, const echo_outcome& outcome) {
     add_ping_record(test, outcome);
     if (test.isFirstCheck == 1) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

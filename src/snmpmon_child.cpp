@@ -2,13 +2,13 @@
  */
 #include "snmpmon.h"
 
+#include "checker.h"
 #include "fork_gate.h"
 #include "guards.h"
 #include "resolve.h"
 #include "snmpmon_checks.h"
 #include "sslutiles.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -380,7 +380,7 @@ static bool make_one_query(snmp_def* def, char** buffer, int* buffer_len) {
 void* snmp_single_thread(void* arg) {
     auto* def = static_cast<snmp_def*>(arg);
     if (make_one_query(def, nullptr, nullptr) && def->isFirstCheck == 1) {
-        send_pending_data();
+        fresh_results();
     }
     end_snmp_check(&def);
     return nullptr;
@@ -463,7 +463,7 @@ static void finish_query(query_round& round, int number) {
     round.open--;
     round.ending[round.ending_count++] = number;
     if ((*q.test)->isFirstCheck == 1) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

@@ -91,6 +91,7 @@ static const bdata* block_to_send() {
         return data_cache_copy;
     }
     leveledadd2log(2, "INFO: Collecting results...");
+    poll_loop_collects();
     collect_results();
     const bdata* block = get_cache_copy();
     if (block == nullptr) {
@@ -138,13 +139,17 @@ static int act_on(int result, char* reply, size_t reply_length, int interval_s) 
 }
 
 /* The answer's commands end in here: a pass that one of them caused may be over in no time, and its
- * signal would find nobody waiting. */
-static void wait_for_next_poll(int seconds, command_batch& commands) {
+ * signal would find nobody waiting. Nor is there a wait when the next turn collects and fresh
+ * results stayed behind in this one. */
+static void wait_for_next_poll(int seconds, bool next_collects, command_batch& commands) {
     lock hold(poll_cond_mutex);
     commands.end();
-    cancel_on may_end;
-    /* A negative interval other than -1 means no wait, but must not become a flood of polls. */
-    condition_wait_until(poll_cond, poll_cond_mutex, deadline_in(seconds < 0 ? 1 : seconds));
+    if (!poll_loop_rests() || !next_collects) {
+        cancel_on may_end;
+        /* A negative interval other than -1 means no wait, but must not become a flood of polls. */
+        condition_wait_until(poll_cond, poll_cond_mutex, deadline_in(seconds < 0 ? 1 : seconds));
+    }
+    poll_loop_works();
 }
 
 void* main_worker_thread(void*) {
@@ -158,10 +163,11 @@ void* main_worker_thread(void*) {
                                block != nullptr ? block->data_size : 0, &text, &length);
         heap_text reply(text);
         leveledadd2log(5, "INFO: main_worker_thread::make_poll result: %d", result);
+        bool accepted = isAuthorized && result == SUCCESS;
         command_batch commands;
         int wait_s = act_on(result, reply.get(), length, interval_s);
         reply.reset();
-        wait_for_next_poll(wait_s, commands);
+        wait_for_next_poll(wait_s, accepted, commands);
         interval_s = get_poll_interval();
     }
     return nullptr;

@@ -2,8 +2,9 @@
  * only one that executes its commands.
  *
  * Each turn collects every checker's results into one block, posts it, acts on the answer and waits
- * for the poll interval or a wake-up (send_pending_data). A block that was not accepted is sent
- * again, unchanged, until it is; new results meanwhile stay with the checkers. */
+ * for the poll interval or a wake-up (send_pending_data); fresh results that became ready meanwhile
+ * are collected without a wait. A block that was not accepted is sent again, unchanged, until it
+ * is; new results meanwhile stay with the checkers. */
 #ifndef VINDRAL_POLL_H
 #define VINDRAL_POLL_H
 

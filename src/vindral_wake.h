@@ -9,7 +9,7 @@ extern mutex poll_cond_mutex; /* held only round the signal and the wait */
 extern condition poll_cond;
 
 /* Ends the poll loop's current wait, so that fresh results go out at once. From any thread; a
- * signal sent while the loop is not waiting is lost. */
+ * signal sent while the loop is not waiting is lost; see fresh_results in checker.h. */
 void send_pending_data();
 
 #endif

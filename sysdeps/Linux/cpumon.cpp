@@ -6,7 +6,6 @@
 #include "udc.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <cstdio>
 
@@ -329,7 +328,7 @@ void do_cpu_check(int putValue) {
         }
     }
     if (first_check) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

@@ -4,7 +4,6 @@
 #include "procfile.h"
 #include "udc.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <climits>
 #include <cstdio>
@@ -232,7 +231,7 @@ static bool check_all_disks() {
 
 void do_disk_check() {
     if (check_all_disks()) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

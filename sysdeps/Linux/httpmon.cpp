@@ -4,7 +4,6 @@
 #include "checks_under_way.h"
 #include "udc.h"
 #include "vindral_common.h"
-#include "vindral_wake.h"
 
 #include <climits>
 
@@ -96,7 +95,7 @@ static void check_http_test(aHost* test) {
                    static_cast<double>(r->spentTime), addInfo.get());
     add_http_record(*r, addInfo.get());
     if (test->isFirstCheck == 1) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

@@ -5,7 +5,6 @@
 #include "remote_query.h"
 #include "udc.h"
 #include "vindral_common.h"
-#include "vindral_wake.h"
 
 #include <cstdio>
 
@@ -232,7 +231,7 @@ void do_mem_check() {
         }
     }
     if (first_check) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

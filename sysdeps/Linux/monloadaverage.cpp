@@ -5,7 +5,6 @@
 #include "remote_query.h"
 #include "udc.h"
 #include "vindral_common.h"
-#include "vindral_wake.h"
 
 #include <cstdio>
 
@@ -158,7 +157,7 @@ void do_lda_check() {
         }
     }
     if (first_check) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

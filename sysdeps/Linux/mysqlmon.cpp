@@ -6,7 +6,6 @@
 #include "udc.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <algorithm>
 
@@ -76,7 +75,7 @@ static void check_mysql_test(MySQL_Data* test, char** values) {
     }
     free(addinfo);
     if (test->isFirstCheck == 1) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

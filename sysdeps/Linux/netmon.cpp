@@ -5,7 +5,6 @@
 #include "udc.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <cstdio>
 #include <net/if.h>
@@ -422,7 +421,7 @@ static bool check_all_interfaces() {
 
 void do_net_check() {
     if (check_all_interfaces()) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

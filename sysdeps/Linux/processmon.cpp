@@ -5,7 +5,6 @@
 #include "udc.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
-#include "vindral_wake.h"
 
 #include <cctype>
 #include <cstdio>
@@ -733,7 +732,7 @@ static bool check_all_processes() {
 
 void do_proc_check() {
     if (check_all_processes()) {
-        send_pending_data();
+        fresh_results();
     }
 }
 

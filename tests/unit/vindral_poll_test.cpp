@@ -5,6 +5,7 @@
 #include "vindral_common.h"
 #include "vindral_config.h"
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <gtest/gtest.h>
@@ -89,6 +90,7 @@ std::vector<std::string> sent; /* "(none)" for a poll without data */
 std::string commands;
 std::deque<std::string> checker_results; /* handed over by the one source that has any, in turn */
 std::atomic<int> disk_tests{0};
+std::vector<size_t> fresh_in; /* polls, from 1 on, during which results become ready */
 
 } // namespace
 
@@ -98,6 +100,9 @@ int make_poll(const char* data, unsigned long size, char** reply, size_t* length
     sent.push_back(data == nullptr ? "(none)" : std::string(data, size));
     *reply = nullptr;
     *length = 0;
+    if (std::find(fresh_in.begin(), fresh_in.end(), sent.size()) != fresh_in.end()) {
+        fresh_results();
+    }
     if (script.empty()) {
         set_poll_interval(-1);
         return 99;
@@ -172,6 +177,7 @@ protected:
         commands.clear();
         batches_seen.clear();
         checker_results.clear();
+        fresh_in.clear();
         waits.clear();
         time_flies = false;
         isAuthorized = 0;
@@ -347,7 +353,7 @@ TEST_F(PollLoop, AWaitEndsByTimeOrByASignalSentMeanwhile) {
     time_flies = true;
     send_pending_data(); /* nobody is waiting: lost */
     command_batch commands;
-    wait_for_next_poll(3600, commands);
+    wait_for_next_poll(3600, true, commands);
     expect_waits({3600});
     EXPECT_EQ(ETIMEDOUT, waits[0].ended);
     time_flies = false;
@@ -358,7 +364,7 @@ TEST_F(PollLoop, AWaitEndsByTimeOrByASignalSentMeanwhile) {
         }
         send_pending_data();
     });
-    wait_for_next_poll(3600, commands);
+    wait_for_next_poll(3600, true, commands);
     waker.join();
     EXPECT_EQ(0, waits[1].ended);
 }
@@ -381,6 +387,37 @@ TEST_F(PollLoop, CancelledBetweenTwoCommandsItEndsTheirBatch) {
     EXPECT_EQ(PTHREAD_CANCELED, ended);
     EXPECT_EQ("command with 1\nend\n", batches_seen);
     EXPECT_EQ(0, open_batches());
+}
+
+/* Their signal finds nobody waiting. */
+TEST_F(PollLoop, ItDoesNotWaitWhileFreshResultsStayBehind) {
+    script = {{1, "", 0}, {1, "", 0}, {1, "", 0}, {1, "", 0}};
+    fresh_in = {2};
+    checker_results = {"first", "", "second", ""};
+    run();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "first", "second", "(none)", "(none)"}), sent);
+    const std::string end = "end before a wait\n", wait = "wait with 0\n";
+    EXPECT_EQ(end + wait + end + end + wait + end + wait + end + wait, batches_seen);
+    expect_waits({1, 60, 60, 60});
+}
+
+/* No flood of polls when the server is away; they go when the block before them has gone. */
+TEST_F(PollLoop, FreshResultsBehindABlockWaitWithIt) {
+    script = {{1, "", 0}, {2, "", 0}, {2, "", 0}, {1, "", 0}, {1, "", 0}};
+    fresh_in = {2};
+    checker_results = {"block", "", "fresh", ""};
+    run();
+    EXPECT_EQ((std::vector<std::string>{"(none)", "block", "block", "block", "fresh", "(none)"}),
+              sent);
+    expect_waits({1, 60, 60, 60, 60});
+}
+
+TEST_F(PollLoop, FreshResultsOfALoginGoWithTheNextPoll) {
+    script = {{1, "", 0}, {3, "", 0}, {1, "", 0}, {1, "", 0}};
+    fresh_in = {2, 3};
+    run();
+    EXPECT_EQ(5u, sent.size());
+    expect_waits({1, 1, 1, 60, 60});
 }
 
 TEST_F(PollLoop, CancelledInItsWaitItLeavesNoLockBehind) {

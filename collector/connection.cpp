@@ -13,6 +13,8 @@
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
+static constexpr int most_messages = 32; /* of TLS itself */
+
 void connection::give_up() {
     given_up_ = true;
     boost::system::error_code ignored;
@@ -54,6 +56,9 @@ std::optional<tcp::socket::wait_type> connection::wanted(int result) {
 std::string connection::problem() const {
     if (given_up_) {
         return "time is up";
+    }
+    if (messages_ > most_messages) {
+        return "too many messages of TLS itself";
     }
     const char* reason = ERR_reason_error_string(tls_error_);
     return reason ? reason : "ended by the peer";
@@ -103,7 +108,21 @@ asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
     if (!ssl_ || !SSL_set_fd(ssl_.get(), socket_.native_handle())) {
         co_return false;
     }
-    co_return co_await perform(SSL_accept);
+    bool done = co_await perform(SSL_accept);
+    SSL_set_msg_callback(ssl_.get(), count_message);
+    SSL_set_msg_callback_arg(ssl_.get(), this);
+    co_return done;
+}
+
+/* Key updates and the like carry no data, so a peer that sends nothing else keeps OpenSSL reading
+ * for as long as it likes. No agent sends any; a peer that sends many is taken for one that has
+ * ended, which stops the reading at the next record. */
+void connection::count_message(int from_us, int, int type, const void*, size_t, SSL* ssl,
+                               void* link) {
+    auto* self = static_cast<connection*>(link);
+    if (!from_us && type == SSL3_RT_HANDSHAKE && ++self->messages_ > most_messages) {
+        SSL_set_shutdown(ssl, SSL_get_shutdown(ssl) | SSL_RECEIVED_SHUTDOWN);
+    }
 }
 
 asio::awaitable<size_t> connection::read_some(char* data, size_t size) {

@@ -67,6 +67,8 @@ public:
     boost::asio::awaitable<bool> end_cleanly();
 
 private:
+    static void count_message(int from_us, int version, int type, const void* bytes, size_t size,
+                              SSL* ssl, void* connection);
     template <typename Call>
     boost::asio::awaitable<bool> perform(Call call);
     template <typename Call>
@@ -80,6 +82,7 @@ private:
     std::unique_ptr<SSL, free_ssl> ssl_;
     clock::time_point deadline_;
     unsigned long tls_error_ = 0;
+    int messages_ = 0; /* of TLS itself, received since the handshake */
     bool given_up_ = false;
 };
 

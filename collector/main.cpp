@@ -95,6 +95,7 @@ static server_options server_options_from(const options& o) {
     s.address = o.listen;
     s.port = o.port;
     s.allow = o.allow;
+    s.end_refused = o.end_refused;
     size_t descriptors = raise_descriptor_limit();
     s.max_connections = o.max_connections ? o.max_connections : default_connections(descriptors);
     s.max_per_address = o.max_per_address ? o.max_per_address : (s.max_connections + 7) / 8;

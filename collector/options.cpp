@@ -24,6 +24,8 @@ database in the state directory and sends the agents the tests of a plan.
   --name NAME             host name or address by which agents reach this one,
                           for that certificate; repeat for more
   --allow EMAIL           account that may log in; repeat for more (all)
+  --end-refused           end the agents of other accounts, for good and with
+                          what they have not sent; otherwise they try again
   --json                  one JSON object a line on standard output
   --quiet                 no results on standard output
   --keep-days N           days of results to keep (30); 0 keeps all
@@ -51,6 +53,7 @@ enum long_only {
     opt_key,
     opt_name,
     opt_allow,
+    opt_end_refused,
     opt_json,
     opt_quiet,
     opt_keep_days,
@@ -73,6 +76,7 @@ static const option long_options[] = {
     {"key", required_argument, nullptr, opt_key},
     {"name", required_argument, nullptr, opt_name},
     {"allow", required_argument, nullptr, opt_allow},
+    {"end-refused", no_argument, nullptr, opt_end_refused},
     {"json", no_argument, nullptr, opt_json},
     {"quiet", no_argument, nullptr, opt_quiet},
     {"keep-days", required_argument, nullptr, opt_keep_days},
@@ -108,6 +112,9 @@ static std::string find_conflict(const options& o) {
     }
     if (!o.cert.empty() && !o.names.empty()) {
         return "--name is for a certificate that is made, not for --cert";
+    }
+    if (o.end_refused && o.allow.empty()) {
+        return "--end-refused needs --allow";
     }
     if (o.missing && o.plan.empty()) {
         return "--missing needs --plan";
@@ -166,6 +173,9 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
             out.allow.emplace_back(optarg);
             fine = *optarg != 0;
             text = fine ? "" : "--allow takes an e-mail address";
+            break;
+        case opt_end_refused:
+            out.end_refused = true;
             break;
         case opt_json:
             out.json = true;

@@ -15,6 +15,7 @@ struct options {
     std::string cert, key;          /* both or none; none: made in the state directory */
     std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
+    bool end_refused = false;       /* agents of other accounts are ended, for good */
     bool json = false;
     bool quiet = false;
     bool missing = false;       /* report planned tests without results, then exit */

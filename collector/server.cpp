@@ -528,7 +528,9 @@ awaitable<void> server::state::answer_login(exchange& x) {
         printable(x.head.agent) + " of " + printable(x.head.account) + " at " + describe(x.from);
     if (!allowed.empty() && !allowed.contains(x.head.account)) {
         log(event::session, "login refused, account not allowed: " + name);
-        x.output = make_answer("200 OK", answer_not_authorised, answer_not_authorised);
+        x.output = options.end_refused
+                       ? make_answer("200 OK", answer_not_authorised, answer_not_authorised)
+                       : make_answer("403 Forbidden", "", "This account is not allowed here.\n");
         co_await answer(x);
         co_return;
     }
@@ -605,7 +607,7 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
         break;
     }
     log(event::storing, "not stored, must come again: " + describe(from, x));
-    co_return block_end::again;
+    co_return block_end::broken;
 }
 
 /* unpack_body(), on the other thread when that may take long. */

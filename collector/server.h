@@ -10,8 +10,12 @@
  * block is answered in the ordinary way only after it is committed; a body that must come again, or
  * a head that makes no sense, is answered "111111"; and when the collector gives up on a connection
  * it resets it (see connection.h), which an agent reads as no connection: it keeps session and
- * block. The agent adds up every header that begins with "Content-", so Content-Length is the only
- * one sent, and waits for the end of the connection when it is 0.
+ * block, and waits out its interval. So is a block that cannot be stored now, because "111111"
+ * would have every agent log in and send it again each second. A login that is refused gets no
+ * session, whereupon the agent keeps what it has and tries again after its interval; "666666" would
+ * end it with all its results, for a slip in the list of accounts. The agent adds up every header
+ * that begins with "Content-", so Content-Length is the only one sent, and waits for the end of the
+ * connection when it is 0.
  *
  * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies and answers
  * held: beyond, the connection whose body or answer would not fit is reset. Every phase has a
@@ -49,6 +53,7 @@ struct server_options {
     std::string address = "127.0.0.1"; /* IPv4 or IPv6 */
     uint16_t port = 0;                 /* 0: the kernel picks */
     std::vector<std::string> allow;    /* accounts that may log in; empty: all */
+    bool end_refused = false;          /* agents of other accounts are ended, for good */
     size_t max_connections = 10000;
     size_t max_per_address = 1250; /* an IPv4 address or an IPv6 /64 */
     body_limits body;

@@ -149,6 +149,18 @@ class Operation(harness.TestCase):
         refused = harness.Agent(self, collector.port, USEREMAIL="bad@example.net").start()
         harness.Agent(self, collector.port, name="fine", USEREMAIL="fine@example.net").start()
         collector.wait_results(lambda result: result["account"] == "fine@example.net")
+        refused.wait_log("There is an internal error occurred, while trying to connect to the server.")
+        self.assertFalse(refused.process.ended())
+        self.assertEqual({row.account for row in collector.rows()}, {"fine@example.net"})
+        self.assertEqual(refused.log().count("INFO: make_poll: Connected, "), 1)
+
+    def test_end_refused(self):
+        collector = harness.Collector(self, *PLAN, options=["--allow", "good@example.net",
+                                                            "--allow", "fine@example.net",
+                                                            "--end-refused"]).start()
+        refused = harness.Agent(self, collector.port, USEREMAIL="bad@example.net").start()
+        harness.Agent(self, collector.port, name="fine", USEREMAIL="fine@example.net").start()
+        collector.wait_results(lambda result: result["account"] == "fine@example.net")
         refused.wait_log("Authorization failed, Vindral Smart Agent will be terminated.")
         answer = RawClient(collector.port).login("bad@example.net")
         self.assertEqual((answer.headers["Vnd-SessionID"], answer.body), ("666666", "666666"))
@@ -175,7 +187,7 @@ class Operation(harness.TestCase):
                     file.write(bytes(4096))
             except OSError:
                 pass
-        agent.wait_log("Reauthorization is required.", 2)
+        agent.wait_log("Unable to establish connection to the server.", 2)
         collector.wait_errors("results cannot be stored, the agents keep them: ")
         collector.wait_errors("not stored, must come again: agent of user@example.net")
         os.unlink(filler)

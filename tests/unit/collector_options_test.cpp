@@ -35,6 +35,7 @@ TEST(collector_options, defaults) {
     EXPECT_EQ(p.o.keep_days, 30);
     EXPECT_EQ(p.o.max_body_mb, 16u);
     EXPECT_TRUE(p.o.plan.empty() && p.o.cert.empty() && p.o.key.empty() && p.o.allow.empty());
+    EXPECT_FALSE(p.o.end_refused);
     EXPECT_FALSE(p.o.json || p.o.quiet || p.o.missing);
 }
 
@@ -52,6 +53,7 @@ TEST(collector_options, all_of_them) {
                       "c",
                       "--key",
                       "k",
+                      "--end-refused",
                       "--allow",
                       "a@b.c",
                       "--allow",
@@ -76,6 +78,7 @@ TEST(collector_options, all_of_them) {
     EXPECT_EQ(p.o.cert, "c");
     EXPECT_EQ(p.o.key, "k");
     EXPECT_EQ(p.o.allow, (std::vector<std::string>{"a@b.c", "d@e.f"}));
+    EXPECT_TRUE(p.o.end_refused);
     EXPECT_TRUE(p.o.json && p.o.quiet && p.o.missing);
     EXPECT_EQ(p.o.keep_days, 0);
     EXPECT_EQ(p.o.max_connections, 7u);
@@ -106,6 +109,7 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--json", "-x"}, "unknown option -x");
     expect_wrong({"--json", "here"}, "unexpected argument \"here\"");
     expect_wrong({"--allow", ""}, "--allow takes an e-mail address");
+    expect_wrong({"--end-refused"}, "--end-refused needs --allow");
     expect_wrong({"--cert", "c"}, "--cert and --key belong together");
     expect_wrong({"--key", "k"}, "--cert and --key belong together");
     expect_wrong({"--missing"}, "--missing needs --plan");

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -146,7 +147,7 @@ public:
     client(const client&) = delete;
     client& operator=(const client&) = delete;
 
-    bool handshake(int max_version = 0) {
+    bool handshake(int max_version = 0, const char* groups = nullptr) {
         static SSL_CTX* context = SSL_CTX_new(TLS_client_method());
         ssl_ = SSL_new(context);
         SSL_set_fd(ssl_, fd_);
@@ -154,6 +155,9 @@ public:
             SSL_set_security_level(ssl_, 0);
             SSL_set_min_proto_version(ssl_, TLS1_VERSION);
             SSL_set_max_proto_version(ssl_, max_version);
+        }
+        if (groups) {
+            EXPECT_EQ(SSL_set1_groups_list(ssl_, groups), 1) << groups;
         }
         ERR_clear_error();
         return SSL_connect(ssl_) == 1;
@@ -296,6 +300,7 @@ std::string pack(const std::string& plain) {
 class collector_server : public testing::Test {
 protected:
     static void SetUpTestSuite() {
+        signal(SIGPIPE, SIG_IGN); /* a client may write to a connection that was reset */
         char name[] = "/tmp/collector_server_test.XXXXXX";
         directory_ = mkdtemp(name);
         identity_files files;
@@ -401,8 +406,20 @@ TEST_F(collector_server, a_new_login_ends_the_older_session_of_the_same_agent_on
     EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
 }
 
-TEST_F(collector_server, an_account_that_is_not_on_the_list_is_not_authorised) {
+TEST_F(collector_server, an_account_that_is_not_on_the_list_is_told_nothing_that_ends_its_agent) {
     options_.allow = {"me@example.org", "you@example.org"};
+    start("POL\t0\t30\n");
+    reply r = ask(login_text("stranger@example.org", "agent"));
+    EXPECT_EQ(r.head.substr(0, r.head.find('\r')), "HTTP/1.0 403 Forbidden");
+    EXPECT_EQ(r.session, "");
+    EXPECT_EQ(r.body, "This account is not allowed here.\n");
+    EXPECT_EQ(r.end, ending::clean);
+    EXPECT_EQ(ask(login_text("you@example.org", "agent")).session.size(), 32u);
+}
+
+TEST_F(collector_server, agents_of_other_accounts_are_ended_where_that_is_wanted) {
+    options_.allow = {"me@example.org", "you@example.org"};
+    options_.end_refused = true;
     start("POL\t0\t30\n");
     reply r = ask(login_text("stranger@example.org", "agent"));
     EXPECT_EQ(r.text,
@@ -511,11 +528,14 @@ TEST_F(collector_server, a_body_that_does_not_verify_must_come_again) {
     EXPECT_EQ(ask(poll_text(session, wire, plain.size(), sum_of(wire))).text, empty_text);
 }
 
-TEST_F(collector_server, what_cannot_be_stored_now_must_come_again) {
+/* An answer that keeps the block would have every agent log in and send it again each second. */
+TEST_F(collector_server, what_cannot_be_stored_now_is_reset_and_keeps_its_session) {
     start();
     std::string session = log_in();
     store_->will_answer(store_result::failed);
-    EXPECT_EQ(ask(poll_text(session, "x")).text, refused_text);
+    reply r = ask(poll_text(session, "x"));
+    EXPECT_EQ(r.text, "");
+    EXPECT_EQ(r.end, ending::reset);
     EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
 }
 
@@ -679,6 +699,52 @@ TEST_F(collector_server, the_page_needs_no_tls) {
     EXPECT_EQ(c.read_all(how), "HTTP/1.0 200 OK\r\nContent-Length: 37\r\n\r\n"
                                "This is a vindral collection server.\n");
     EXPECT_EQ(how, ending::bare);
+}
+
+TEST_F(collector_server, dear_key_exchanges_are_refused_at_the_first_word) {
+    start();
+    for (const char* group : {"ffdhe2048", "ffdhe8192", "P-521", "X448"}) {
+        client c(port_);
+        EXPECT_FALSE(c.handshake(0, group)) << group;
+    }
+    for (const char* group : {"X25519", "P-256", "P-384"}) {
+        client c(port_);
+        EXPECT_TRUE(c.handshake(0, group)) << group;
+    }
+}
+
+/* Records that carry no data keep a TLS library reading, past every deadline. */
+TEST_F(collector_server, a_flood_of_key_updates_ends_the_connection) {
+    start();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    bool sent = true;
+    for (int i = 0; sent && i < 1000; ++i) {
+        sent = SSL_key_update(c.ssl(), SSL_KEY_UPDATE_NOT_REQUESTED) == 1 &&
+               SSL_do_handshake(c.ssl()) == 1;
+    }
+    if (sent && c.send(login_text("me@example.org", "agent"))) {
+        EXPECT_EQ(c.wait_for_end(), ending::reset);
+    }
+    EXPECT_EQ(log_in().size(), 32u);
+    finish();
+    ASSERT_EQ(log().size(), 2u);
+    EXPECT_EQ(log()[0], "no request from 127.0.0.1: too many messages of TLS itself");
+}
+
+TEST_F(collector_server, some_key_updates_are_fine) {
+    start();
+    client c(port_);
+    ASSERT_TRUE(c.handshake());
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(SSL_key_update(c.ssl(), SSL_KEY_UPDATE_REQUESTED), 1);
+        ASSERT_EQ(SSL_do_handshake(c.ssl()), 1);
+    }
+    ASSERT_TRUE(c.send(login_text("me@example.org", "agent")));
+    ending how = ending::error;
+    std::string answer = c.read_all(how);
+    EXPECT_EQ(split(answer, how).session.size(), 32u);
+    EXPECT_EQ(how, ending::clean);
 }
 
 TEST_F(collector_server, no_tls_no_answer) {

@@ -49,7 +49,7 @@ class Store(host.TestCase):
         self.wait_more()
         shutil.rmtree(collector.state)
         collector.wait_errors(FAULTY)
-        self.agent.wait_log("Reauthorization is required.", 2)
+        self.agent.wait_log("Unable to establish connection to the server.", 2)
         gone = len(self.records_printed())
         os.mkdir(collector.state, 0o700)
         collector.wait_errors(FINE)
@@ -102,7 +102,7 @@ class Store(host.TestCase):
                 other.start()
                 agent = harness.Agent(self, other.port, name="agent-" + name).start()
                 other.wait_errors(FAULTY + "database disk image is malformed")
-                agent.wait_log("Reauthorization is required.", 2)
+                agent.wait_log("Unable to establish connection to the server.", 2)
                 agent.hang_up()
                 other.stop()
             else:

@@ -158,6 +158,13 @@ def in_parallel(test, cases, at_once=12):
 _given_ports = set()
 
 
+def program(test, name):
+    """The path of an installed program. Daemons are not in everybody's PATH."""
+    path = shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/sbin")
+    test.assertTrue(path, "%s is not installed" % name)
+    return path
+
+
 def free_port(kind=socket.SOCK_STREAM):
     """A free port, for programs that cannot tell which one they were given: below those that the kernel
     gives to connections, and none twice."""

@@ -1,7 +1,6 @@
 """MariaDB's server on a data directory, a port and a socket of its own."""
 
 import os
-import shutil
 import signal
 import socket
 import subprocess
@@ -11,15 +10,12 @@ import harness
 
 USER, PASSWORD = "monitor", "pass;word|of 'hers'"
 
+# It refuses to run as root unless told to.
+AS_ROOT = ("--user=root",) if os.geteuid() == 0 else ()
+
 # A quick start and little memory.
 LIGHT = ("--skip-innodb", "--default-storage-engine=Aria", "--key-buffer-size=1M",
          "--aria-pagecache-buffer-size=1M")
-
-
-def program(test, name):
-    path = shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/sbin")
-    test.assertTrue(path, "%s is not installed" % name)
-    return path
 
 
 class Mariadb:
@@ -31,14 +27,14 @@ class Mariadb:
         self.port = harness.free_port()
         # A socket's path may not be long.
         self.socket = os.path.join(tempfile.gettempdir(), "mysql%d" % self.port)
-        self.client = program(test, "mariadb")
+        self.client = harness.program(test, "mariadb")
         self.log = os.path.join(self.directory, "log")
         self.command = [
-            program(test, "mariadbd"), "--no-defaults", "--user=root", "--datadir=" + self.data,
+            harness.program(test, "mariadbd"), "--no-defaults", *AS_ROOT, "--datadir=" + self.data,
             "--socket=" + self.socket, "--bind-address=127.0.0.1", "--port=%d" % self.port,
             "--skip-name-resolve", "--skip-log-bin", "--performance-schema=OFF",
             "--tmpdir=" + self.directory, *LIGHT, "--log-error=" + self.log, *options]
-        done = subprocess.run([program(test, "mariadb-install-db"), "--no-defaults", "--user=root",
+        done = subprocess.run([harness.program(test, "mariadb-install-db"), "--no-defaults", *AS_ROOT,
                                "--auth-root-authentication-method=normal", "--skip-test-db", *LIGHT,
                                "--tmpdir=" + self.directory, "--datadir=" + self.data],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)

@@ -3,6 +3,7 @@ hostile. Nobody collects the feed, so what became of it is read from the log."""
 
 import os
 import re
+import resource
 import socket
 import struct
 import time
@@ -151,6 +152,8 @@ class Feed(steered.TestCase):
         broken.close()
         self.agent.wait_log("connection from 127.0.0.1, Connection reset by peer\n")
 
+        limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
         fds, threads = self.resources()
         peers = [self.connect_file(path) for _ in range(400)]
         self.agent.wait_log("WARNING: A connection refused from localhost, 256 are open\n",

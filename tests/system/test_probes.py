@@ -240,7 +240,7 @@ class Nginx:
         harness.write_text(self.dir + "/large", "x" * (5 << 20))
         os.chmod(test.dir, 0o755)
         self.plain, self.rsa, self.ec = ports["plain"], ports["rsa"], ports["ec"]
-        server = subprocess.Popen(["nginx", "-c", self.dir + "/conf", "-e", self.dir + "/errors"],
+        server = subprocess.Popen([harness.program(test, "nginx"), "-c", self.dir + "/conf", "-e", self.dir + "/errors"],
                                   stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         test.addCleanup(server.wait)
         test.addCleanup(server.terminate)

@@ -19,22 +19,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace {
-/* --quiet: problems as lines on standard error, nothing else. Complete lines from any thread. */
-struct quiet_listener : store_listener {
-    void on_record(const poll_block&, const record&) override {}
-    void on_undecodable(const poll_block& from, size_t, size_t bytes, const std::string& reason,
-                        const std::string& kept_as) override {
-        on_problem(std::to_string(bytes) + " bytes from " + printable(from.agent) + " of " +
-                   printable(from.account) + " are no record: " + reason + "; kept as " + kept_as);
-    }
-    void on_problem(const std::string& text) override {
-        std::string line = "vindral-collector: " + text + "\n";
-        (void)!write(STDERR_FILENO, line.data(), line.size());
-    }
-};
-} // namespace
-
 static int fail(const std::string& error) {
     std::cerr << "vindral-collector: " + error + "\n";
     return 1;
@@ -196,8 +180,7 @@ static int run_server(const options& o) {
         return fail(error);
     }
     std::unique_ptr<store_listener> output =
-        o.quiet ? std::make_unique<quiet_listener>()
-                : make_output(choose_output(STDOUT_FILENO, o.json));
+        make_output(o.quiet ? output_kind::quiet : choose_output(STDOUT_FILENO, o.json));
     store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     std::unique_ptr<store> results = store::open(keeping, output.get(), error);
     if (!results) {

@@ -47,6 +47,7 @@ struct event {
 class view {
 public:
     virtual ~view() = default;
+    virtual bool shows_records() const { return true; } /* from any thread */
     /* Both append to `out`; a problem that the view does not show goes to `problems` instead. */
     virtual void show_record(const event& e, const record& r, std::string& out) = 0;
     virtual void show_problem(const std::string& text, std::string& out, std::string& problems) = 0;
@@ -68,6 +69,12 @@ public:
     void show_record(const event& e, const record& r, std::string& out) override {
         out += record_json(e.account, e.agent, e.received, r) + "\n";
     }
+};
+
+class quiet_view final : public line_view {
+public:
+    bool shows_records() const override { return false; }
+    void show_record(const event&, const record&, std::string&) override {}
 };
 
 /* "load average 5", or "type 99" for a record that belongs to no test we know. */
@@ -292,6 +299,9 @@ public:
     }
 
     void on_record(const poll_block& from, const record& r) override {
+        if (!view_->shows_records()) {
+            return;
+        }
         if (r.raw.size() > max_shown) {
             on_problem("a record of " + std::to_string(r.raw.size()) + " bytes from " + from.agent +
                        " is stored, but too large to be shown");
@@ -440,6 +450,9 @@ std::unique_ptr<store_listener> make_output(output_kind kind, const output_optio
         break;
     case output_kind::json:
         shown = std::make_unique<json_view>();
+        break;
+    case output_kind::quiet:
+        shown = std::make_unique<quiet_view>();
         break;
     }
     return std::make_unique<queued_output>(std::move(shown), options);

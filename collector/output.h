@@ -1,4 +1,5 @@
-/* Showing results while they arrive: a live table, JSON lines, or plain lines.
+/* Showing results while they arrive: a live table, JSON lines, plain lines, or nothing but
+ * problems.
  *
  * Every call only appends to a queue; a thread of the output's own formats and writes. A reader
  * that stalls never holds up storing: the queue is bounded, the oldest entries are dropped and
@@ -15,7 +16,8 @@
 enum class output_kind {
     table, /* the last result of each test, redrawn in place; for a terminal */
     plain, /* a readable line per record */
-    json   /* a JSON object per line and record */
+    json,  /* a JSON object per line and record */
+    quiet  /* no results, only problems */
 };
 
 struct output_options {

@@ -112,6 +112,33 @@ TEST(output, a_reader_that_stalls_holds_up_nothing_and_learns_what_it_missed) {
     EXPECT_NE(said.find(" entries are not shown: the reader is too slow\n"), said.npos) << said;
 }
 
+/* Standard error is a pipe to the journal, or to whatever somebody has put there. */
+TEST(output, quietly_only_problems_are_shown_and_a_stalled_reader_holds_up_nothing) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(
+            output_kind::quiet,
+            {.fd = out.writer(), .problem_fd = problems.writer(), .max_queued = 100000});
+        show(*o, load_record(1, noon));
+        o->on_problem("first");
+        std::string text = problems.read_until("\n");
+        EXPECT_EQ(text, "vindral-collector: first\n");
+        for (int i = 0; i < 20000; i++) { /* several times what pipe and queue hold */
+            o->on_problem("problem " + std::to_string(i) + std::string(100, '.'));
+        }
+        size_t lines = 0;
+        bool told = false;
+        while (text.find("problem 19999") == text.npos) {
+            text = problems.read_until("\n");
+            told |= text.find(" entries are not shown: the reader is too slow") != text.npos;
+            lines++;
+        }
+        EXPECT_TRUE(told);
+        EXPECT_LT(lines, 20000u);
+    }
+    EXPECT_EQ(out.read_all(), "");
+}
+
 TEST(output, ending_does_not_wait_for_a_stalled_reader_for_long) {
     pipe_pair out, problems;
     auto begin = steady_clock::now();

@@ -24,7 +24,7 @@ namespace {
 /* The commands */
 
 enum class effect { none, adds, modifies, removes };
-enum class kind { ignored, text, number, nonzero, real, useless };
+enum class kind { ignored, text, number, nonzero, interval, real, useless };
 
 struct field {
     kind what;
@@ -43,7 +43,8 @@ struct command {
 const field test_id = {kind::nonzero, "test id"};
 const field location = {kind::number, "location id"};
 const field unused = {kind::ignored, ""};
-const field seconds = {kind::nonzero, "number of seconds"};
+const field seconds = {kind::interval, "number of seconds"};
+const int32_t longest_interval = 31 * 86400;
 const field load1 = {kind::number, "1 min maximum"};
 const field load5 = {kind::number, "5 min maximum"};
 const field load15 = {kind::number, "15 min maximum"};
@@ -219,15 +220,20 @@ std::string check_fields(const command& c, const std::vector<std::string_view>& 
         if (f.what == kind::real && !is_real(fields[i])) {
             return "the " + std::string(f.name) + " is " + quoted(fields[i]) + ", not a number";
         }
-        if (f.what != kind::number && f.what != kind::nonzero) {
+        if (f.what != kind::number && f.what != kind::nonzero && f.what != kind::interval) {
             continue;
         }
         if (!read_number(fields[i], number)) {
             return "the " + std::string(f.name) + " is " + quoted(fields[i]) +
                    ", not a whole number of 32 bits";
         }
-        if (f.what == kind::nonzero && number == 0) {
+        if ((f.what == kind::nonzero || f.what == kind::interval) && number == 0) {
             return "the " + std::string(f.name) + " is 0";
+        }
+        if (f.what == kind::interval && (number < 0 || number > longest_interval)) {
+            std::string range = ": 1 to " + std::to_string(longest_interval);
+            return "the " + std::string(f.name) + " is " + std::to_string(number) +
+                   (number == -1 ? ", which ends agents for good" + range : range + " (31 days)");
         }
     }
     return "";
@@ -432,7 +438,9 @@ std::string check_line(parsed_line& line, presence& tests) {
     std::vector<std::string_view> fields = split_fields(line.text);
     const command* c = find_command(fields[0]);
     if (c == nullptr) {
-        return "unknown code " + quoted(fields[0]);
+        return find_command(fields[0].substr(0, fields[0].find(' '))) != nullptr
+                   ? "blanks stand where tabs separate the fields"
+                   : "unknown code " + quoted(fields[0]);
     }
     std::string reason = check_fields(*c, fields, line.text.ends_with('\t'));
     line.does = c->does;
@@ -441,6 +449,28 @@ std::string check_line(parsed_line& line, presence& tests) {
         reason = tests.apply(c->does, line.key);
     }
     return reason;
+}
+
+/* What is wrong with the first line of a text in which none is to be sent, although there are some;
+ * "" for any other text. */
+std::string why_none(std::string_view text, const std::map<test_key, bool>& at_agents) {
+    presence tests(at_agents);
+    parsed_line line;
+    std::string first;
+    while (take_line(text, line.text)) {
+        line.number++;
+        if (is_comment(line.text)) {
+            continue;
+        }
+        std::string reason = check_line(line, tests);
+        if (reason.empty()) {
+            return "";
+        }
+        if (first.empty()) {
+            first = "line " + std::to_string(line.number) + ": " + reason;
+        }
+    }
+    return first;
 }
 
 /* Gives each line the serial that it had, one occurrence after the other. */
@@ -581,6 +611,11 @@ bool plan::refresh() {
         text.remove_suffix(tail.size()); /* being written */
     }
     if (!s.taken || text != s.content) {
+        std::string none = lines_.empty() ? "" : why_none(text, s.at_agents);
+        if (!none.empty()) {
+            return s.fail(*this, path_ + ": every line is refused (" + none +
+                                     "); the lines that were in it stay in force");
+        }
         s.take(*this, text);
         s.content = text;
     }

@@ -4,14 +4,15 @@
  *
  * Blank lines are passed over, a carriage return before the line end is removed. A line is refused
  * for an unknown code, a wrong number of fields, an empty last field, text where a number belongs,
- * a zero id (or zero seconds), a NUL byte, a length above 64 KiB, or because it would do nothing:
- * adding a test that is there already, modifying or removing one that never was. The file may have
- * 8 MiB.
+ * a zero id, an interval that is not between a second and 31 days, a NUL byte, a length above 64
+ * KiB, or because it would do nothing: adding a test that is there already, modifying or removing
+ * one that never was. The file may have 8 MiB.
  *
  * The file may be edited while the collector runs. Adding lines at its end, or replacing it as a
  * whole (rename), takes effect at the next refresh(); when it is rewritten in place, or its last
  * line has no line end, it has to lie still for two seconds, since somebody may still be writing. A
- * file that is empty, cannot be read or is none leaves the lines as they were.
+ * file that is empty, cannot be read, is none, or of which every line is refused leaves the lines
+ * as they were.
  *
  * Removing a line sends nothing: append the remove command too. Nothing in here may be called by
  * two threads at once. */

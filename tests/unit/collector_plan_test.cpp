@@ -72,10 +72,48 @@ TEST_F(plan_test, comments_blank_lines_and_carriage_returns_are_no_problem) {
     EXPECT_EQ(p->lines()[1].number, 8);
 }
 
-TEST_F(plan_test, stopping_is_legal) {
-    EXPECT_TRUE(start("POL\t0\t-1\nCHK\t0\t-1\n"));
+TEST_F(plan_test, intervals_that_stop_agents_or_never_end_are_refused) {
+    EXPECT_TRUE(start("POL\t0\t-1\nCHK\t0\t-1\nPOL\t0\t2147483647\nCHK\t0\t2678401\nPOL\t0\t60s\n"
+                      "POL\t0\t2678400\nCHK\t0\t1\n"));
+    EXPECT_EQ(take_problems(),
+              (strings{"1 the number of seconds is -1, which ends agents for good: 1 to 2678400",
+                       "2 the number of seconds is -1, which ends agents for good: 1 to 2678400",
+                       "3 the number of seconds is 2147483647: 1 to 2678400 (31 days)",
+                       "4 the number of seconds is 2678401: 1 to 2678400 (31 days)",
+                       "5 the number of seconds is \"60s\", not a whole number of 32 bits"}));
+    EXPECT_EQ(p->text_after(0), "POL\t0\t2678400\nCHK\t0\t1\n");
+}
+
+TEST_F(plan_test, blanks_in_place_of_tabs_are_named) {
+    EXPECT_TRUE(start("POL 0 30\nLAA 5 1 1 2 3\nFOO bar\n" + laa6));
+    EXPECT_EQ(take_problems(), (strings{"1 blanks stand where tabs separate the fields",
+                                        "2 blanks stand where tabs separate the fields",
+                                        "3 unknown code \"FOO bar\""}));
+}
+
+TEST_F(plan_test, a_file_of_which_every_line_is_refused_leaves_the_lines) {
+    ASSERT_TRUE(start(laa5 + laa6));
+    uint64_t newest = p->newest();
+    write_text(path, "# my tests\nLAA 5 1 9 9 9\nPOL\t0\t-1\n");
+    p->refresh();
+    EXPECT_FALSE(settle());
+    EXPECT_EQ(take_problems(),
+              strings{"0 " + path +
+                      ": every line is refused (line 2: blanks stand where tabs separate the "
+                      "fields); the lines that were in it stay in force"});
+    EXPECT_FALSE(settle());
     EXPECT_EQ(take_problems(), strings());
-    EXPECT_EQ(p->lines().size(), 2u);
+    EXPECT_EQ(p->text_after(0), laa5 + laa6);
+    EXPECT_EQ(p->newest(), newest);
+    write_text(path, "# no tests\n");
+    p->refresh();
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->text_after(0), "");
+}
+
+TEST_F(plan_test, at_a_start_refused_lines_are_all_told) {
+    EXPECT_TRUE(start("POL 0 30\nPOL\t0\t0\n"));
+    EXPECT_EQ(take_problems().size(), 2u);
 }
 
 TEST_F(plan_test, tests_of_every_checker) {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 struct record; /* record.h */
 
@@ -22,6 +23,22 @@ struct poll_block {
     std::string agent;    /* its name */
     std::string plain;    /* run of records */
     int64_t received = 0; /* seconds since the epoch */
+    std::string address;  /* where it came from, as text; empty: not known */
+    std::string version;  /* what the agent calls its version; empty: not known */
+};
+
+/* An agent, as the store knows it. The views end with the call. */
+struct known_agent {
+    std::string_view account, agent, address, version;
+    int64_t first_seen = 0, last_seen = 0; /* seconds since the epoch */
+};
+
+/* The last result of one test of an agent, or its last inventory of a kind. The views end with the
+ * call. */
+struct latest_result {
+    std::string_view account, agent;
+    int64_t received = 0;    /* seconds since the epoch */
+    std::string_view record; /* bytes as sent */
 };
 
 enum class store_result {
@@ -62,6 +79,15 @@ public:
      * thread. Any thread may call; `done` must not wait for the store. A database that fails (a
      * full disk) is opened again with the next block; until then every block fails. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
+
+    /* What was known when the store was opened, for those who begin where an earlier run ended: to
+     * be called before the first submit(), on the thread that opened it. */
+    virtual void for_each_agent(const std::function<void(const known_agent&)>& each) const {
+        (void)each;
+    }
+    virtual void for_each_latest(const std::function<void(const latest_result&)>& each) const {
+        (void)each;
+    }
 };
 
 #endif

@@ -293,6 +293,24 @@ def children_of(pid):
     return found
 
 
+def open_files(pid):
+    """What the process has open: {descriptor: its target}. Those that are closed meanwhile are left out."""
+    files = {}
+    for entry in os.listdir("/proc/%d/fd" % pid):
+        try:
+            files[int(entry)] = os.readlink("/proc/%d/fd/%s" % (pid, entry))
+        except FileNotFoundError:
+            pass
+    return files
+
+
+def wait_no_pipes(pid):
+    """Waits until the process has no pipe open: each is one of a child's, or of one just being started."""
+    def pipes():
+        return [name for name in open_files(pid).values() if name.startswith("pipe")]
+    wait_until(lambda: not pipes(), lambda: "pipes left: %s" % pipes())
+
+
 def sanitizer_environment(directory):
     """The environment with which a sanitized program leaves its findings in `directory`; a daemon has
     no terminal to print them on."""
@@ -314,11 +332,11 @@ def sanitizer_findings(directory):
 
 
 def read_text(path):
-    """The file's text; "" while there is no such file."""
+    """The file's text; "" while there is no such file, or no longer such a process."""
     try:
         with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
             return file.read()
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):
         return ""
 
 

@@ -14,12 +14,7 @@ POLLS = 60 if harness.SANITIZERS else 200
 def usage(pid):
     """(names of the open files, names of the threads, resident memory in kB)"""
     proc = "/proc/%d/" % pid
-    files = []
-    for fd in os.listdir(proc + "fd"):
-        try:
-            files.append(os.readlink(proc + "fd/" + fd))
-        except FileNotFoundError:
-            pass
+    files = harness.open_files(pid).values()
     threads = [harness.read_text("%stask/%s/comm" % (proc, task)).strip()
                for task in os.listdir(proc + "task")]
     memory = int(re.search(r"(?m)^VmRSS:\s+(\d+) kB$", harness.read_text(proc + "status"))[1])

@@ -289,9 +289,8 @@ class Children(Snmp):
             self.assertEqual(os.getpgid(child), child)
 
             def kept():
-                directory = "/proc/%d/fd" % child
-                return sorted(re.sub(r":\[.*", "", os.readlink(os.path.join(directory, name)))
-                              for name in os.listdir(directory) if int(name) > 2)
+                return sorted(re.sub(r":\[.*", "", target)
+                              for fd, target in harness.open_files(child).items() if fd > 2)
             # The end of a pipe, and the socket that it asks with.
             harness.wait_until(lambda: kept() == ["pipe", "socket"], lambda: "have %s" % kept())
             os.kill(child, 9)
@@ -307,9 +306,7 @@ class Children(Snmp):
         harness.wait_until(lambda: len(self.records(records.SNMP)) >= 3 * tests, "three rounds")
         self.server.then(answer("".join("STD\t%d\t0\n" % test for test in range(1, tests + 1))))
         harness.wait_until(lambda: not self.children(), lambda: "have %s" % self.children())
-        directory = "/proc/%d/fd/" % self.agent_pid()
-        links = [os.readlink(directory + name) for name in os.listdir(directory)]
-        self.assertEqual([link for link in links if link.startswith("pipe")], [])
+        harness.wait_no_pipes(self.agent_pid())
 
 
 if __name__ == "__main__":

@@ -99,15 +99,10 @@ class World:
 
     def usage(self):
         """The witness' files, but for its connections, and its threads."""
-        directory = "/proc/%d/" % self.witness.process.pid
-        files = []
-        for entry in os.listdir(directory + "fd"):
-            try:
-                files.append(os.readlink(directory + "fd/" + entry))
-            except FileNotFoundError:
-                pass
-        files = [re.sub(r"\[\d+\]", "", name) for name in files if not name.startswith(("socket:", "/proc"))]
-        return sorted(files), len(os.listdir(directory + "task"))
+        pid = self.witness.process.pid
+        files = [re.sub(r"\[\d+\]", "", name) for name in harness.open_files(pid).values()
+                 if not name.startswith(("socket:", "/proc"))]
+        return sorted(files), len(os.listdir("/proc/%d/task" % pid))
 
     def end_collector(self, how):
         process = self.collector.process

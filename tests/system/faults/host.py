@@ -63,13 +63,7 @@ def cpu_seconds(pid):
 
 def descriptors(pid):
     """What the process has open, but for connections and kernel files that come and go."""
-    names = []
-    for fd in os.listdir("/proc/%d/fd" % pid):
-        try:
-            names.append(os.readlink("/proc/%d/fd/%s" % (pid, fd)))
-        except FileNotFoundError:
-            pass
-    return sorted(name for name in names if not name.startswith(("socket:", "/proc")))
+    return sorted(name for name in harness.open_files(pid).values() if not name.startswith(("socket:", "/proc")))
 
 
 def mount_small(test, path, size):

@@ -19,12 +19,12 @@ struct record; /* record.h */
 
 /* One poll's block, verified and unpacked. */
 struct poll_block {
-    std::string account;  /* the agent's e-mail address */
-    std::string agent;    /* its name */
-    std::string plain;    /* run of records */
-    int64_t received = 0; /* seconds since the epoch */
-    std::string address;  /* where it came from, as text; empty: not known */
-    std::string version;  /* what the agent calls its version; empty: not known */
+    std::string account;      /* the agent's e-mail address */
+    std::string agent;        /* its name */
+    std::string plain;        /* run of records */
+    int64_t received = 0;     /* seconds since the epoch */
+    std::string address = {}; /* where it came from, as text; empty: not known */
+    std::string version = {}; /* what the agent calls its version; empty: not known */
 };
 
 /* An agent, as the store knows it. The views end with the call. */

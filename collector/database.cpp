@@ -70,27 +70,51 @@ static bool read_number(sqlite3* db, const char* sql, int64_t& number, std::stri
     return false;
 }
 
-bool database_check(sqlite3* db, bool& empty, std::string& error) {
+bool database_check(sqlite3* db, database_layout& layout, std::string& error) {
     int64_t version, application, objects;
     if (!read_number(db, "PRAGMA user_version", version, error) ||
         !read_number(db, "PRAGMA application_id", application, error) ||
         !read_number(db, "SELECT count(*) FROM sqlite_schema", objects, error)) {
         return false;
     }
-    empty = version == 0 && application == 0 && objects == 0;
-    if (empty) {
+    if (version == 0 && application == 0 && objects == 0) {
+        layout = database_layout::none;
         return true;
     }
     if (application != database_application_id) {
         error = "it is a database of another program";
         return false;
     }
-    if (version != database_version) {
+    if (version < 1 || version > database_version) {
         error = "its layout has version " + std::to_string(version) +
                 ", this program knows version " + std::to_string(database_version);
         return false;
     }
+    layout = version == database_version ? database_layout::current : database_layout::old;
     return true;
+}
+
+bool database_open_reading(const std::string& directory, database& db, std::string& error) {
+    std::string path = database_path(directory), reason;
+    sqlite3* handle = nullptr;
+    int result =
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    db.reset(handle);
+    if (result != SQLITE_OK) {
+        error = path + ": " + sqlite3_errstr(result);
+        return false;
+    }
+    sqlite3_busy_timeout(handle, 2000);
+    database_layout layout{};
+    if (!database_exec(handle, "BEGIN") || !database_check(handle, layout, reason)) {
+        reason = reason.empty() ? sqlite3_errmsg(handle) : reason;
+    } else if (layout == database_layout::none) {
+        reason = "there is nothing in it";
+    } else if (layout == database_layout::old) {
+        reason = "its layout is that of an earlier version; a start of the collector renews it";
+    }
+    error = reason.empty() ? "" : path + ": " + reason;
+    return reason.empty();
 }
 
 bool database_days(sqlite3* db, std::vector<std::string>& tables) {

@@ -2,11 +2,13 @@
  *
  *   results_YYYYMMDD  a table per day of arrival (UTC), only ever appended to, dropped whole:
  *                     id, received (seconds since the epoch), agent (agents.id), type, test,
- * location, time (of the check), status, record (the bytes as sent). The columns from test to
- * status are null for a record of an unknown type. agents            id, account, name, first_seen,
- * last_seen, last_block (SHA-256 of the agent's last stored block, by which the same block is
- * recognised when it comes again) undecodable       id, received, agent, offset, bytes, reason,
- * kept_as (name of the file)
+ *                     location, time (of the check), status, record (the bytes as sent). The
+ *                     columns from test to status are null for a record of an unknown type.
+ *   agents            id, account, name, first_seen, last_seen, last_block (SHA-256 of the agent's
+ *                     last stored block, by which the same block is recognised when it comes
+ *                     again), address (where that came from), version (of the agent), latest (where
+ *                     the last result of each of its tests is: latest.h)
+ *   undecodable       id, received, agent, offset, bytes, reason, kept_as (name of the file)
  *
  * user_version is the version of this layout; application_id marks the file as ours. */
 #ifndef VINDRAL_COLLECTOR_DATABASE_H
@@ -20,7 +22,7 @@
 #include <string_view>
 #include <vector>
 
-enum { database_version = 1, database_application_id = 0x564e4443 };
+enum { database_version = 2, database_application_id = 0x564e4443 };
 
 struct close_database {
     void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
@@ -33,9 +35,18 @@ std::string database_path(const std::string& directory);
 /* Runs statements that return nothing of interest. */
 bool database_exec(sqlite3* db, const std::string& sql);
 
-/* Whether the file is one of ours that this program understands. `empty` tells a file without any
- * content, in which the tables are still to be made. */
-bool database_check(sqlite3* db, bool& empty, std::string& error);
+enum class database_layout {
+    none,    /* a file without any content: the tables are still to be made */
+    old,     /* version 1: agents has no address, version and latest */
+    current, /* database_version */
+};
+
+/* Whether the file is one of ours that this program understands. */
+bool database_check(sqlite3* db, database_layout& layout, std::string& error);
+
+/* Opens the database of a state directory for reading only, and begins a transaction: one state of
+ * it for all that is read, also while a collector writes. */
+bool database_open_reading(const std::string& directory, database& db, std::string& error);
 
 /* Names of the day tables, oldest first. False when they cannot be read. */
 bool database_days(sqlite3* db, std::vector<std::string>& tables);

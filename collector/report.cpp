@@ -25,26 +25,6 @@ struct last_result {
 };
 using result_map = std::map<test_of_agent, last_result>;
 
-bool open_for_reading(const std::string& directory, database& db, std::string& error) {
-    sqlite3* handle = nullptr;
-    int result = sqlite3_open_v2(database_path(directory).c_str(), &handle,
-                                 SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-    db.reset(handle);
-    bool empty = false;
-    if (result != SQLITE_OK) {
-        error = sqlite3_errstr(result);
-    } else {
-        sqlite3_busy_timeout(handle, 2000);
-        /* One state of the database for all that follows. */
-        if (database_exec(handle, "BEGIN") && database_check(handle, empty, error) && !empty) {
-            return true;
-        }
-        error = empty ? "there is nothing in it" : error.empty() ? sqlite3_errmsg(handle) : error;
-    }
-    error = database_path(directory) + ": " + error;
-    return false;
-}
-
 bool read_agents(sqlite3* db, std::vector<agent_row>& agents) {
     statement query(db, "SELECT id, account, name FROM agents ORDER BY account, name");
     if (!query.ok()) {
@@ -121,7 +101,7 @@ bool print_missing(const std::string& directory, const std::string& plan_path, i
         return false;
     }
     database db;
-    if (!open_for_reading(directory, db, error)) {
+    if (!database_open_reading(directory, db, error)) {
         return false;
     }
     std::vector<planned_test> tests = planned_tests(planned.lines());

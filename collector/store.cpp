@@ -16,22 +16,26 @@
 #include "store.h"
 
 #include "database.h"
+#include "latest.h"
 #include "record.h"
 #include "schema.h"
 #include "text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <openssl/evp.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -142,12 +146,81 @@ undecodable find_undecodable(std::string_view block) {
     return bad;
 }
 
+/* An agent's row. */
+struct known {
+    int64_t id = 0;
+    std::string last_hash;
+    latest_results latest;
+};
+
 struct job {
     poll_block block;
     std::function<void(store_result)> done;
     store_result result = store_result::failed;
     undecodable bad;
 };
+
+/* A result to look up: the day of its table, its id there, and whose it is. */
+struct wanted_row {
+    std::string day;
+    int64_t row;
+    size_t agent;
+};
+
+struct agent_name {
+    int64_t id;
+    std::string account, name;
+};
+
+/* What the agents' rows say of their last results, in the order in which the tables have them. */
+bool wanted_rows(sqlite3* db, std::vector<agent_name>& agents, std::vector<wanted_row>& wanted) {
+    statement query(db, "SELECT id, account, name, latest FROM agents ORDER BY id");
+    int result = SQLITE_ERROR;
+    while (query.ok() && (result = query.step()) == SQLITE_ROW) {
+        for (const latest_entry& e : latest_results(query.bytes(3)).entries()) {
+            wanted.push_back({utc_day(e.received), e.row, agents.size()});
+        }
+        agents.push_back(
+            {query.integer(0), std::string(query.bytes(1)), std::string(query.bytes(2))});
+    }
+    std::sort(wanted.begin(), wanted.end(), [](const wanted_row& a, const wanted_row& b) {
+        return std::tie(a.day, a.row) < std::tie(b.day, b.row);
+    });
+    return result == SQLITE_DONE;
+}
+
+/* A row that is gone with its day is passed over. */
+bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& each,
+                 std::string& error) {
+    std::vector<agent_name> agents;
+    std::vector<wanted_row> wanted;
+    std::vector<std::string> days;
+    bool ok = database_days(db, days) && wanted_rows(db, agents, wanted);
+    statement select;
+    for (size_t i = 0; ok && i < wanted.size(); i++) {
+        const wanted_row& w = wanted[i];
+        std::string table = "results_" + w.day;
+        if (!std::binary_search(days.begin(), days.end(), table)) {
+            continue;
+        }
+        if (i == 0 || wanted[i - 1].day != w.day) {
+            select = statement(db, "SELECT received, record FROM " + table +
+                                       " WHERE id = ? AND agent = ?");
+        }
+        select.bind(w.row).bind(agents[w.agent].id);
+        int result = select.step();
+        if (result == SQLITE_ROW) {
+            each({.account = agents[w.agent].account,
+                  .agent = agents[w.agent].name,
+                  .received = select.integer(0),
+                  .record = select.bytes(1)});
+        }
+        select.reset();
+        ok = result == SQLITE_ROW || result == SQLITE_DONE;
+    }
+    error = ok ? "" : sqlite3_errmsg(db);
+    return ok;
+}
 
 class sqlite_store final : public store {
 public:
@@ -174,6 +247,9 @@ public:
         pthread_setname_np(writer_.native_handle(), "store");
         return true;
     }
+
+    void for_each_agent(const std::function<void(const known_agent&)>& each) const override;
+    void for_each_latest(const std::function<void(const latest_result&)>& each) const override;
 
     void submit(poll_block block, std::function<void(store_result)> done) override {
         if (block.plain.empty()) {
@@ -205,18 +281,20 @@ private:
 
     bool store_all(std::deque<job>& batch, std::string& error);
     bool store_block(job& j);
-    bool store_records(const job& j, int64_t agent);
+    bool store_records(const job& j, int64_t agent, latest_results& latest);
     bool keep_aside(job& j, const std::string& hash);
-    bool find_agent(const poll_block& block, int64_t& id, std::string& last_hash);
+    bool find_agent(const poll_block& block, known& agent);
     bool use_day(int64_t received);
 
     bool open_database(std::string& error);
     bool open_file(std::string& error);
+    bool renew_layout();
     bool prepare();
     void close_database();
     bool file_was_replaced() const;
     void expire();
     void report(std::string& last, const std::string& now, const char* again);
+    void tell_problem(const std::string& text) const;
 
     std::string aside_directory() const { return options_.directory + "/undecodable"; }
 
@@ -282,21 +360,73 @@ static const char layout[] =
     "BEGIN IMMEDIATE;"
     "CREATE TABLE agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL, name TEXT NOT NULL,"
     " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
-    " UNIQUE (account, name));"
+    " address TEXT NOT NULL DEFAULT '', version TEXT NOT NULL DEFAULT '',"
+    " latest BLOB NOT NULL DEFAULT x'', UNIQUE (account, name));"
     "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
     " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL, reason TEXT NOT "
     "NULL,"
     " kept_as TEXT NOT NULL);";
+
+/* Version 1 knew nothing of where the last results are: all days are read once, in the order in
+ * which they arrived. Whatever ends the process meanwhile leaves the file as it was. */
+static const char renewal[] = "BEGIN IMMEDIATE;"
+                              "ALTER TABLE agents ADD COLUMN address TEXT NOT NULL DEFAULT '';"
+                              "ALTER TABLE agents ADD COLUMN version TEXT NOT NULL DEFAULT '';"
+                              "ALTER TABLE agents ADD COLUMN latest BLOB NOT NULL DEFAULT x'';";
+
+static bool find_latest(sqlite3* db, std::map<int64_t, latest_results>& latest) {
+    std::vector<std::string> days;
+    if (!database_days(db, days)) {
+        return false;
+    }
+    for (const std::string& day : days) {
+        statement rows(db, "SELECT id, received, agent, type, test, time, status FROM " + day +
+                               " ORDER BY id");
+        int result = SQLITE_ERROR;
+        while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
+            record_summary summary;
+            summary.type = static_cast<uint32_t>(rows.integer(3));
+            if (!rows.is_null(4)) {
+                summary.test = static_cast<int32_t>(rows.integer(4));
+            }
+            if (!rows.is_null(5)) {
+                summary.time = rows.integer(5);
+            }
+            if (!rows.is_null(6)) {
+                summary.status = static_cast<int32_t>(rows.integer(6));
+            }
+            latest[rows.integer(2)].put(summary, rows.integer(1), rows.integer(0));
+        }
+        if (result != SQLITE_DONE) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool sqlite_store::renew_layout() {
+    std::map<int64_t, latest_results> latest;
+    sqlite3* db = db_.get();
+    bool ok = database_exec(db, renewal) && find_latest(db, latest);
+    statement update(db, "UPDATE agents SET latest = ? WHERE id = ?");
+    for (auto agent = latest.begin(); ok && agent != latest.end(); ++agent) {
+        std::string packed = agent->second.packed();
+        ok = update.bind_blob(packed).bind(agent->first).run();
+    }
+    return ok && database_exec(db, "PRAGMA user_version = " + std::to_string(database_version) +
+                                       "; COMMIT");
+}
 
 bool sqlite_store::open_database(std::string& error) {
     if (!open_file(error)) {
         db_.reset();
         return false;
     }
-    bool empty = false;
+    database_layout found{};
     std::string reason;
-    bool ok = database_check(db_.get(), empty, reason);
-    if (ok && empty) {
+    bool ok = database_check(db_.get(), found, reason);
+    bool empty = ok && found == database_layout::none;
+    if (empty) {
         database_exec(db_.get(), "PRAGMA page_size = 8192");
     }
     ok = ok && database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
@@ -308,6 +438,9 @@ bool sqlite_store::open_database(std::string& error) {
                                "; PRAGMA user_version = " + std::to_string(database_version) +
                                "; COMMIT") &&
              sync_directory(options_.directory);
+    }
+    if (ok && found == database_layout::old) {
+        ok = renew_layout();
     }
     /* A commit whose sync failed may be read back from the log all the same, and its block would
      * count as a duplicate: what is in the log has to reach the disk before anything is answered.
@@ -324,11 +457,14 @@ bool sqlite_store::open_database(std::string& error) {
 bool sqlite_store::prepare() {
     sqlite3* db = db_.get();
     select_agent_ =
-        statement(db, "SELECT id, last_block FROM agents WHERE account = ? AND name = ?");
+        statement(db, "SELECT id, last_block, latest FROM agents WHERE account = ? AND name = ?");
     insert_agent_ =
         statement(db, "INSERT INTO agents (account, name, first_seen, last_seen, last_block) "
                       "VALUES (?, ?, ?, 0, x'')");
-    update_agent_ = statement(db, "UPDATE agents SET last_seen = ?, last_block = ? WHERE id = ?");
+    /* An address or a version that is not known leaves the last one. */
+    update_agent_ = statement(db, "UPDATE agents SET last_seen = ?, last_block = ?, latest = ?, "
+                                  "address = coalesce(nullif(?, ''), address), "
+                                  "version = coalesce(nullif(?, ''), version) WHERE id = ?");
     insert_undecodable_ =
         statement(db, "INSERT INTO undecodable (received, agent, offset, bytes, reason, kept_as) "
                       "VALUES (?, ?, ?, ?, ?, ?)");
@@ -374,12 +510,13 @@ bool sqlite_store::use_day(int64_t received) {
     return insert_result_.ok();
 }
 
-bool sqlite_store::find_agent(const poll_block& block, int64_t& id, std::string& last_hash) {
+bool sqlite_store::find_agent(const poll_block& block, known& agent) {
     select_agent_.bind_text(block.account).bind_text(block.agent);
     int result = select_agent_.step();
     if (result == SQLITE_ROW) {
-        id = select_agent_.integer(0);
-        last_hash = select_agent_.bytes(1);
+        agent.id = select_agent_.integer(0);
+        agent.last_hash = select_agent_.bytes(1);
+        agent.latest = latest_results(select_agent_.bytes(2));
     }
     select_agent_.reset();
     if (result != SQLITE_DONE) {
@@ -387,11 +524,11 @@ bool sqlite_store::find_agent(const poll_block& block, int64_t& id, std::string&
     }
     insert_agent_.bind_text(block.account).bind_text(block.agent).bind(block.received);
     bool inserted = insert_agent_.run();
-    id = sqlite3_last_insert_rowid(db_.get());
+    agent.id = sqlite3_last_insert_rowid(db_.get());
     return inserted;
 }
 
-bool sqlite_store::store_records(const job& j, int64_t agent) {
+bool sqlite_store::store_records(const job& j, int64_t agent, latest_results& latest) {
     if (!use_day(j.block.received)) {
         return false;
     }
@@ -406,6 +543,7 @@ bool sqlite_store::store_records(const job& j, int64_t agent) {
         if (!insert_result_.run()) {
             return false;
         }
+        latest.put(summary, j.block.received, sqlite3_last_insert_rowid(db_.get()));
     }
     return true;
 }
@@ -432,12 +570,11 @@ bool sqlite_store::keep_aside(job& j, const std::string& hash) {
  * reasons of its own just stays `failed`. */
 bool sqlite_store::store_block(job& j) {
     std::string hash = sha256(j.block.plain);
-    std::string last_hash;
-    int64_t agent = 0;
-    if (!find_agent(j.block, agent, last_hash)) {
+    known agent;
+    if (!find_agent(j.block, agent)) {
         return false;
     }
-    if (hash == last_hash) {
+    if (hash == agent.last_hash) {
         j.result = store_result::duplicate;
         return true;
     }
@@ -447,7 +584,7 @@ bool sqlite_store::store_block(job& j) {
             return true;
         }
         std::string name = fs::path(j.bad.kept_as).filename();
-        insert_undecodable_.bind(j.block.received).bind(agent).bind(int64_t(j.bad.offset));
+        insert_undecodable_.bind(j.block.received).bind(agent.id).bind(int64_t(j.bad.offset));
         insert_undecodable_.bind(int64_t(j.bad.data.size()))
             .bind_text(j.bad.reason)
             .bind_text(name);
@@ -455,11 +592,14 @@ bool sqlite_store::store_block(job& j) {
             return false;
         }
     }
-    if (!store_records(j, agent)) {
+    if (!store_records(j, agent.id, agent.latest)) {
         return false;
     }
     j.result = store_result::stored;
-    return update_agent_.bind(j.block.received).bind_blob(hash).bind(agent).run();
+    std::string latest = agent.latest.packed();
+    update_agent_.bind(j.block.received).bind_blob(hash).bind_blob(latest);
+    update_agent_.bind_text(j.block.address).bind_text(j.block.version).bind(agent.id);
+    return update_agent_.run();
 }
 
 bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
@@ -480,6 +620,46 @@ bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
         close_database();
     }
     return ok;
+}
+
+/* By a connection of their own, which may be used whatever the writer does. */
+void sqlite_store::for_each_agent(const std::function<void(const known_agent&)>& each) const {
+    database db;
+    std::string error;
+    if (!database_open_reading(options_.directory, db, error)) {
+        tell_problem("what is stored cannot be read: " + error);
+        return;
+    }
+    statement rows(db.get(), "SELECT account, name, address, version, first_seen, last_seen "
+                             "FROM agents ORDER BY id");
+    int result = SQLITE_ERROR;
+    while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
+        each({.account = rows.bytes(0),
+              .agent = rows.bytes(1),
+              .address = rows.bytes(2),
+              .version = rows.bytes(3),
+              .first_seen = rows.integer(4),
+              .last_seen = rows.integer(5)});
+    }
+    if (result != SQLITE_DONE) {
+        tell_problem(std::string("what is stored cannot be read: ") + sqlite3_errmsg(db.get()));
+    }
+}
+
+void sqlite_store::for_each_latest(const std::function<void(const latest_result&)>& each) const {
+    database db;
+    std::string error;
+    bool ok = database_open_reading(options_.directory, db, error);
+    ok = ok && each_latest(db.get(), each, error);
+    if (!ok) {
+        tell_problem("what is stored cannot be read: " + error);
+    }
+}
+
+void sqlite_store::tell_problem(const std::string& text) const {
+    if (listener_ != nullptr) {
+        listener_->on_problem(text);
+    }
 }
 
 void sqlite_store::report(std::string& last, const std::string& now, const char* again) {

@@ -81,7 +81,8 @@ public:
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 
     /* What was known when the store was opened, for those who begin where an earlier run ended: to
-     * be called before the first submit(), on the thread that opened it. */
+     * be called before the first submit(), on the thread that opened it. In no order. A result that
+     * is gone with its day is left out. What cannot be read is reported to the listener. */
     virtual void for_each_agent(const std::function<void(const known_agent&)>& each) const {
         (void)each;
     }

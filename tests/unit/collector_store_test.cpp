@@ -245,8 +245,157 @@ TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
     fs::remove(path);
     ASSERT_EQ(open(), "");
     s.reset();
-    EXPECT_EQ(query("PRAGMA user_version = 2"), strings());
-    EXPECT_EQ(open(), path + ": its layout has version 2, this program knows version 1");
+    EXPECT_EQ(query("PRAGMA user_version = 3"), strings());
+    EXPECT_EQ(open(), path + ": its layout has version 3, this program knows version 2");
+}
+
+/* ACCOUNT/AGENT TEST TIME for each last result, TIME being that of the check. */
+static strings latest_of(const store& s) {
+    strings found;
+    s.for_each_latest([&](const latest_result& last) {
+        record r;
+        std::string reason;
+        EXPECT_TRUE(decode_record(last.record, r, reason)) << reason;
+        record_summary summary = summarize(r);
+        found.push_back(std::string(last.account) + "/" + std::string(last.agent) + " " +
+                        (summary.test ? std::to_string(*summary.test) : "-") + " " +
+                        std::to_string(summary.time.value_or(-1)) + " " +
+                        std::to_string(last.received - noon));
+    });
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+static strings agents_of(const store& s) {
+    strings found;
+    s.for_each_agent([&](const known_agent& a) {
+        found.push_back(std::string(a.account) + " " + std::string(a.agent) + " " +
+                        std::string(a.address) + " " + std::string(a.version) + " " +
+                        std::to_string(a.first_seen - noon) + " " +
+                        std::to_string(a.last_seen - noon));
+    });
+    return found;
+}
+
+TEST_F(store_test, the_agents_are_known_with_address_and_version) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(agents_of(*s), strings());
+    auto send = [&](int64_t n, const char* address, const char* version) {
+        std::promise<store_result> done;
+        s->submit({"a@b.c", "web1", load_record(5, n), noon + n, address, version},
+                  [&](store_result r) { done.set_value(r); });
+        EXPECT_EQ(done.get_future().get(), store_result::stored);
+    };
+    send(1, "192.0.2.1", "3.0");
+    EXPECT_EQ(submit(load_record(5, 1), "web2"), store_result::stored);
+    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1 192.0.2.1 3.0 1 1", "a@b.c web2   0 0"}));
+    send(2, "192.0.2.2", "");
+    s.reset();
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1 192.0.2.2 3.0 1 2", "a@b.c web2   0 0"}));
+    EXPECT_EQ(told.problems, strings());
+}
+
+static std::string inventory(int64_t time) {
+    return record_builder{.ui32 = {type_process_names}, .i64 = {time}, .strings = {"init\t"}}
+        .bytes();
+}
+
+TEST_F(store_test, the_last_result_of_each_test_is_known_after_a_start) {
+    ASSERT_EQ(open(0), "");
+    EXPECT_EQ(latest_of(*s), strings());
+    EXPECT_EQ(submit(load_record(5, 1) + load_record(6, 2) + load_record(5, 3) + inventory(4)),
+              store_result::stored);
+    EXPECT_EQ(submit(load_record(5, 5), "web2"), store_result::stored);
+    EXPECT_EQ(submit(load_record(6, 6) + inventory(7), "web1", noon + 86400), store_result::stored);
+    s.reset();
+    ASSERT_EQ(open(0), "");
+    strings all = {"a@b.c/web1 - 7 86400", "a@b.c/web1 5 3 0", "a@b.c/web1 6 6 86400",
+                   "a@b.c/web2 5 5 0"};
+    EXPECT_EQ(latest_of(*s), all);
+    /* What is last is what arrived last, whatever the clock said. */
+    EXPECT_EQ(submit(load_record(6, 1), "web1", 100), store_result::stored);
+    all[2] = "a@b.c/web1 6 1 " + std::to_string(100 - noon);
+    s.reset();
+    ASSERT_EQ(open(0), "");
+    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(told.problems, strings());
+}
+
+TEST_F(store_test, a_last_result_that_is_gone_is_not_told) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    EXPECT_EQ(submit(load_record(6, 2), "web1", noon + 86400), store_result::stored);
+    query("DROP TABLE results_20260501");
+    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 86400"}));
+    /* The table of that day begins anew, and somebody else's row is where the old one was. */
+    EXPECT_EQ(submit(load_record(7, 3), "web2"), store_result::stored);
+    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 86400", "a@b.c/web2 7 3 0"}));
+    EXPECT_EQ(told.problems, strings());
+}
+
+/* As the first version of this program made it. */
+static const char first_layout[] =
+    "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL;"
+    "CREATE TABLE agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL, name TEXT NOT NULL,"
+    " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
+    " UNIQUE (account, name));"
+    "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
+    " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL, reason TEXT NOT "
+    "NULL, kept_as TEXT NOT NULL);"
+    "CREATE TABLE results_20260430 (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
+    " agent INTEGER NOT NULL, type INTEGER NOT NULL, test INTEGER,"
+    " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL);"
+    "CREATE TABLE results_20260501 (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
+    " agent INTEGER NOT NULL, type INTEGER NOT NULL, test INTEGER,"
+    " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL);"
+    "PRAGMA application_id = 0x564e4443; PRAGMA user_version = 1";
+
+TEST_F(store_test, a_database_of_the_first_version_is_renewed_in_place) {
+    ASSERT_EQ(mkdir(state.c_str(), 0700), 0);
+    {
+        sqlite3* handle = nullptr;
+        sqlite3_open(database_path(state).c_str(), &handle);
+        database db(handle);
+        ASSERT_TRUE(database_exec(handle, first_layout)) << sqlite3_errmsg(handle);
+        statement agent(handle, "INSERT INTO agents VALUES (?, 'a@b.c', ?, ?, ?, ?)");
+        std::string hash = sha256(load_record(5, 3));
+        for (const char* name : {"web1", "web2"}) {
+            agent.bind(int64_t{name[3] - '0'}).bind_text(name).bind(noon - 86400).bind(noon);
+            ASSERT_TRUE(agent.bind_blob(hash).run());
+        }
+        auto result = [&](const char* day, int64_t received, int64_t owner, int64_t test,
+                          int64_t time) {
+            statement insert(handle, std::string("INSERT INTO results_") + day +
+                                         " VALUES (NULL, ?, ?, 66, ?, 7, ?, 0, ?)");
+            std::string bytes = load_record(static_cast<uint32_t>(test), time);
+            insert.bind(received).bind(owner).bind(test).bind(time).bind_blob(bytes);
+            ASSERT_TRUE(insert.run());
+        };
+        result("20260430", noon - 86400, 1, 5, 1);
+        result("20260430", noon - 86400, 1, 6, 2);
+        result("20260501", noon, 1, 5, 3);
+        result("20260501", noon, 2, 5, 4);
+        std::string names = inventory(8);
+        ASSERT_TRUE(statement(handle, "INSERT INTO results_20260501 VALUES (NULL, 1777636800, 2, "
+                                      "42, NULL, NULL, 8, NULL, ?)")
+                        .bind_blob(names)
+                        .run());
+    }
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(query("PRAGMA user_version"), strings{"2"});
+    strings all = {"a@b.c/web1 5 3 0", "a@b.c/web1 6 2 -86400", "a@b.c/web2 - 8 0",
+                   "a@b.c/web2 5 4 0"};
+    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1   -86400 0", "a@b.c web2   -86400 0"}));
+    EXPECT_EQ(submit(load_record(5, 3)), store_result::duplicate);
+    EXPECT_EQ(submit(load_record(5, 9)), store_result::stored);
+    s.reset();
+    ASSERT_EQ(open(), ""); /* once is enough */
+    all[0] = "a@b.c/web1 5 9 0";
+    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260430"), strings{"2"});
+    EXPECT_EQ(told.problems, strings());
 }
 
 TEST_F(store_test, a_directory_that_cannot_be_made_is_told) {
@@ -552,6 +701,7 @@ TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
         ASSERT_TRUE(WIFSIGNALED(status)) << WEXITSTATUS(status);
     }
     ASSERT_EQ(open(), "");
+    strings last;
     for (int agent = 0; agent < agents; agent++) {
         EXPECT_GT(acknowledged[agent], 0);
         strings rows =
@@ -563,5 +713,8 @@ TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
         for (int64_t i = 0; i < stored; i++) {
             EXPECT_EQ(rows[i], std::to_string(i + 1));
         }
+        last.push_back("a@b.c/" + std::to_string(agent) + " " + std::to_string(agent) + " " +
+                       std::to_string(stored) + " 0");
     }
+    EXPECT_EQ(latest_of(*s), last);
 }

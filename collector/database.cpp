@@ -117,6 +117,12 @@ bool database_open_reading(const std::string& directory, database& db, std::stri
     return reason.empty();
 }
 
+/* No constraint of ours can be broken by what is stored: an index that has lost a row does it. */
+bool database_is_damaged(int result) {
+    int primary = result & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_CONSTRAINT;
+}
+
 bool database_days(sqlite3* db, std::vector<std::string>& tables) {
     statement query(db, "SELECT name FROM sqlite_schema WHERE type = 'table' AND name GLOB "
                         "'results_[0-9][0-9][0-9][0-9][0-9][0-9][0-9][0-9]' ORDER BY name");

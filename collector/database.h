@@ -8,6 +8,11 @@
  *                     last stored block, by which the same block is recognised when it comes
  *                     again), address (where that came from), version (of the agent), latest (where
  *                     the last result of each of its tests is: latest.h)
+ *   days              day (YYYYMMDD), turn: grows whenever the collector turns to another day's
+ *                     table, so that the one with the lowest is the one written to longest ago,
+ *                     whatever the clock said
+ *   facts             name, value: keep_days (of the last run), dropped and boot (when a day was
+ *                     dropped last, in seconds since which start of the machine)
  *   undecodable       id, received, agent, offset, bytes, reason, kept_as (name of the file)
  *
  * user_version is the version of this layout; application_id marks the file as ours. */
@@ -37,7 +42,7 @@ bool database_exec(sqlite3* db, const std::string& sql);
 
 enum class database_layout {
     none,    /* a file without any content: the tables are still to be made */
-    old,     /* version 1: agents has no address, version and latest */
+    old,     /* version 1: no days, no facts; agents ends with last_block */
     current, /* database_version */
 };
 
@@ -48,8 +53,12 @@ bool database_check(sqlite3* db, database_layout& layout, std::string& error);
  * it for all that is read, also while a collector writes. */
 bool database_open_reading(const std::string& directory, database& db, std::string& error);
 
-/* Names of the day tables, oldest first. False when they cannot be read. */
+/* Names of the day tables, in the order of their days. False when they cannot be read. */
 bool database_days(sqlite3* db, std::vector<std::string>& tables);
+
+/* An error that says that what is in the file makes no sense. A full disk, a file that cannot be
+ * read or written, a lock and want of memory are none. */
+bool database_is_damaged(int result);
 
 /* A prepared statement. Texts and blobs that are bound must live until reset(). */
 class statement {

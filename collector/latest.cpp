@@ -134,10 +134,11 @@ void latest_results::settle() {
     settled_ = entries_.size();
 }
 
-void latest_results::forget_before(int64_t received) {
+bool latest_results::forget_unless(const std::function<bool(int64_t received)>& kept) {
     settle();
-    std::erase_if(entries_, [&](const latest_entry& e) { return e.received < received; });
+    size_t gone = std::erase_if(entries_, [&](const latest_entry& e) { return !kept(e.received); });
     settled_ = entries_.size();
+    return gone > 0;
 }
 
 const std::vector<latest_entry>& latest_results::entries() {

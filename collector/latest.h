@@ -10,6 +10,7 @@
 #include "schema.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,8 +39,8 @@ public:
     /* The newest result of a test so far. */
     void put(const record_summary& summary, int64_t received, int64_t row);
 
-    /* Forgets what was received before: its table is gone. */
-    void forget_before(int64_t received);
+    /* Forgets what was received on days whose table is gone; returns whether there was any. */
+    bool forget_unless(const std::function<bool(int64_t received)>& kept);
 
     /* One for each test, ordered by key. */
     const std::vector<latest_entry>& entries();

@@ -12,6 +12,14 @@
  *
  * Any error of the database ends the transaction and closes the file; the next batch opens it anew.
  * A full disk, a read-only file system or a lock that somebody holds is thus got over without help.
+ * Damage is not: when the file makes no sense although it was opened anew, it gets another name and
+ * a new one is begun. Nothing is deleted, and a file that is damaged again and again does not fill
+ * the disk: there are never more than max_set_aside of them.
+ *
+ * Which day expires is told by the order in which days were written to, not by the clock, which may
+ * jump: of the days on which results arrived the last ones are kept. Days that a wrong clock made
+ * up thus take their turn like any other, cost at most as many right ones, and those go one an
+ * hour.
  */
 #include "store.h"
 
@@ -46,13 +54,19 @@ int64_t system_seconds() {
     return time(nullptr);
 }
 int64_t (*wall_clock)() = system_seconds; /* a test pins it */
-int lock_wait_ms = 2000;                  /* for the database's lock, when somebody else holds it */
+
+const int64_t between_drops = 3600; /* seconds */
+const size_t max_set_aside = 5;     /* damaged files in the directory */
+int lock_wait_ms = 2000;            /* for the database's lock, when somebody else holds it */
 
 class unique_fd {
 public:
     explicit unique_fd(int fd = -1) : fd_(fd) {}
     unique_fd(unique_fd&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    unique_fd& operator=(unique_fd&&) = delete;
+    unique_fd& operator=(unique_fd&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
     ~unique_fd() {
         if (fd_ >= 0) {
             close(fd_);
@@ -64,6 +78,24 @@ public:
 private:
     int fd_;
 };
+
+/* Never jumps. */
+int64_t boot_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return now.tv_sec;
+}
+int64_t (*steady_clock)() = boot_seconds; /* a test pins it */
+
+/* A number of this start of the machine, from which on steady_clock counts. */
+int64_t read_boot_number() {
+    unique_fd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
+    char text[64];
+    ssize_t got = file ? read(file.get(), text, sizeof(text)) : 0;
+    return static_cast<int64_t>(
+        std::hash<std::string_view>()({text, static_cast<size_t>(std::max<ssize_t>(got, 0))}) >> 1);
+}
+int64_t (*boot_number)() = read_boot_number;
 
 std::string system_error(const std::string& what) {
     int error = errno;
@@ -144,6 +176,47 @@ undecodable find_undecodable(std::string_view block) {
         bad.reason += "; and " + std::to_string(pieces - 1) + " more";
     }
     return bad;
+}
+
+/* Held by the process that uses the directory. */
+unique_fd lock_directory(const std::string& directory, std::string& error) {
+    std::string path = directory + "/lock";
+    unique_fd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) {
+        error = system_error(path);
+        return lock;
+    }
+    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        error = errno == EWOULDBLOCK ? "another collector uses the state directory " + directory
+                                     : system_error(path);
+        return unique_fd();
+    }
+    return lock;
+}
+
+/* 0 when there is none. */
+ino_t inode_of(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+/* An agent's row without what hangs on the results, for a new database. */
+struct carried_agent {
+    int64_t id, first_seen, last_seen;
+    std::string account, name, last_block, address, version;
+};
+
+/* As many as can be read. */
+std::vector<carried_agent> read_agents(sqlite3* db) {
+    std::vector<carried_agent> agents;
+    statement rows(db, "SELECT id, first_seen, last_seen, account, name, last_block, address, "
+                       "version FROM agents");
+    while (rows.ok() && rows.row()) {
+        auto text = [&](int column) { return std::string(rows.bytes(column)); };
+        agents.push_back({rows.integer(0), rows.integer(1), rows.integer(2), text(3), text(4),
+                          text(5), text(6), text(7)});
+    }
+    return agents;
 }
 
 /* An agent's row. */
@@ -242,6 +315,7 @@ public:
         if (!open_database(error)) {
             return false;
         }
+        begin_expiry();
         expire();
         writer_ = std::thread([this] { write_batches(); });
         pthread_setname_np(writer_.native_handle(), "store");
@@ -280,6 +354,7 @@ private:
     void tell(const job& j);
 
     bool store_all(std::deque<job>& batch, std::string& error);
+    int try_batch(std::deque<job>& batch, std::string& error);
     bool store_block(job& j);
     bool store_records(const job& j, int64_t agent, latest_results& latest);
     bool keep_aside(job& j, const std::string& hash);
@@ -287,12 +362,23 @@ private:
     bool use_day(int64_t received);
 
     bool open_database(std::string& error);
+    bool lock_is_held(std::string& error);
     bool open_file(std::string& error);
     bool renew_layout();
     bool prepare();
     void close_database();
     bool file_was_replaced() const;
+    void look_after_file();
+    bool set_aside(std::string& error);
+    bool carry_over();
+
+    void begin_expiry();
     void expire();
+    int days_by_turn(std::vector<std::string>& days);
+    int drop_days(const std::vector<std::string>& days);
+    bool forget_all_but(const std::vector<std::string>& days);
+    bool set_fact(const char* name, int64_t value);
+    std::optional<int64_t> fact(const char* name);
     void report(std::string& last, const std::string& now, const char* again);
     void tell_problem(const std::string& text) const;
 
@@ -300,7 +386,7 @@ private:
 
     const store_options options_;
     store_listener* const listener_;
-    const unique_fd lock_;
+    unique_fd lock_;
 
     std::mutex mutex_; /* guards the next four */
     std::condition_variable wake_;
@@ -311,11 +397,16 @@ private:
     /* Of the writer thread, once it runs. */
     database db_;
     dev_t device_ = 0; /* which file db_ is */
-    ino_t inode_ = 0;
+    ino_t inode_ = 0, wal_inode_ = 0;
+    int open_failure_ = SQLITE_OK;       /* of the last open_database() that failed */
+    std::vector<carried_agent> carried_; /* of a file that is gone, for the one that follows */
     statement select_agent_, insert_agent_, update_agent_, insert_undecodable_, insert_result_;
     std::string day_;                     /* insert_result_ is for this one */
-    std::string expired_day_;             /* expire() ran on this one */
+    bool days_changed_ = false;           /* expire() has something to look at */
+    bool drop_at_once_ = false;           /* fewer days are to be kept than in the last run */
+    int64_t next_drop_ = 0;               /* not before, by steady_clock */
     std::string trouble_, aside_trouble_; /* what was reported last; empty when all is well */
+    std::string expiry_trouble_;
 
     std::thread writer_;
 };
@@ -362,6 +453,8 @@ static const char layout[] =
     " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
     " address TEXT NOT NULL DEFAULT '', version TEXT NOT NULL DEFAULT '',"
     " latest BLOB NOT NULL DEFAULT x'', UNIQUE (account, name));"
+    "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
+    "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
     "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
     " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL, reason TEXT NOT "
     "NULL,"
@@ -372,14 +465,21 @@ static const char layout[] =
 static const char renewal[] = "BEGIN IMMEDIATE;"
                               "ALTER TABLE agents ADD COLUMN address TEXT NOT NULL DEFAULT '';"
                               "ALTER TABLE agents ADD COLUMN version TEXT NOT NULL DEFAULT '';"
-                              "ALTER TABLE agents ADD COLUMN latest BLOB NOT NULL DEFAULT x'';";
+                              "ALTER TABLE agents ADD COLUMN latest BLOB NOT NULL DEFAULT x'';"
+                              "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
+                              "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);";
 
-static bool find_latest(sqlite3* db, std::map<int64_t, latest_results>& latest) {
+static bool fill_new_columns(sqlite3* db, std::map<int64_t, latest_results>& latest) {
     std::vector<std::string> days;
     if (!database_days(db, days)) {
         return false;
     }
+    int64_t turn = 0;
+    statement insert(db, "INSERT INTO days VALUES (?, ?)");
     for (const std::string& day : days) {
+        if (!insert.bind_text(std::string_view(day).substr(8)).bind(++turn).run()) {
+            return false;
+        }
         statement rows(db, "SELECT id, received, agent, type, test, time, status FROM " + day +
                                " ORDER BY id");
         int result = SQLITE_ERROR;
@@ -397,7 +497,8 @@ static bool find_latest(sqlite3* db, std::map<int64_t, latest_results>& latest) 
             }
             latest[rows.integer(2)].put(summary, rows.integer(1), rows.integer(0));
         }
-        if (result != SQLITE_DONE) {
+        /* Of a damaged day what can be read counts: it was no obstacle before either. */
+        if (result != SQLITE_DONE && !database_is_damaged(result)) {
             return false;
         }
     }
@@ -407,7 +508,7 @@ static bool find_latest(sqlite3* db, std::map<int64_t, latest_results>& latest) 
 bool sqlite_store::renew_layout() {
     std::map<int64_t, latest_results> latest;
     sqlite3* db = db_.get();
-    bool ok = database_exec(db, renewal) && find_latest(db, latest);
+    bool ok = database_exec(db, renewal) && fill_new_columns(db, latest);
     statement update(db, "UPDATE agents SET latest = ? WHERE id = ?");
     for (auto agent = latest.begin(); ok && agent != latest.end(); ++agent) {
         std::string packed = agent->second.packed();
@@ -417,8 +518,23 @@ bool sqlite_store::renew_layout() {
                                        "; COMMIT");
 }
 
+/* A directory that was made anew has no lock: another collector could use it too. */
+bool sqlite_store::lock_is_held(std::string& error) {
+    struct stat held {};
+    if (fstat(lock_.get(), &held) == 0 && held.st_ino == inode_of(options_.directory + "/lock")) {
+        return true;
+    }
+    unique_fd lock = lock_directory(options_.directory, error);
+    if (!lock) {
+        return false;
+    }
+    lock_ = std::move(lock);
+    return true;
+}
+
 bool sqlite_store::open_database(std::string& error) {
-    if (!open_file(error)) {
+    open_failure_ = SQLITE_CANTOPEN;
+    if (!lock_is_held(error) || !open_file(error)) {
         db_.reset();
         return false;
     }
@@ -446,7 +562,10 @@ bool sqlite_store::open_database(std::string& error) {
      * count as a duplicate: what is in the log has to reach the disk before anything is answered.
      */
     ok = ok && database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)") && prepare();
+    ok = ok && (!empty || carry_over());
+    wal_inode_ = inode_of(database_path(options_.directory) + "-wal");
     if (!ok) {
+        open_failure_ = sqlite3_errcode(db_.get());
         error = database_path(options_.directory) + ": " +
                 (reason.empty() ? sqlite3_errmsg(db_.get()) : reason);
         close_database();
@@ -478,6 +597,10 @@ void sqlite_store::close_database() {
         *s = statement();
     }
     day_.clear();
+    /* The last one to close removes the log, by its name: it may be another's by now. */
+    if (db_ && inode_of(database_path(options_.directory) + "-wal") != wal_inode_) {
+        sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    }
     db_.reset();
 }
 
@@ -488,20 +611,110 @@ bool sqlite_store::file_was_replaced() const {
            status.st_dev != device_ || status.st_ino != inode_;
 }
 
+/* The agents of a file that is gone are known to the next one, but for the hash of their last
+ * block: what of it was not answered yet had better come again. */
+void sqlite_store::look_after_file() {
+    if (!db_ || !file_was_replaced()) {
+        return;
+    }
+    std::string path = database_path(options_.directory);
+    bool removed = inode_of(path) == 0;
+    if (removed) {
+        carried_ = read_agents(db_.get());
+        for (carried_agent& agent : carried_) {
+            agent.last_block.clear();
+        }
+    }
+    close_database();
+    tell_problem(path + (removed ? " was removed while it was in use: what it held is gone, a new "
+                                   "one is begun as soon as there is a place for it"
+                                 : " was replaced while it was in use: the new one is used"));
+}
+
+/* Gives the damaged file and what belongs to it other names. The log goes first: beside another
+ * database it would do harm. False when that cannot be done; the file then stays in its place. */
+bool sqlite_store::set_aside(std::string& error) {
+    std::string path = database_path(options_.directory);
+    std::string stem = options_.directory + "/results-damaged-";
+    std::error_code failure;
+    size_t there = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(options_.directory, failure)) {
+        std::string other = entry.path().string();
+        there += other.starts_with(stem) && other.ends_with(".db");
+    }
+    if (there >= max_set_aside) {
+        error += "; " + std::to_string(there) + " damaged files were set aside in " +
+                 options_.directory + " already, there may be a fault of the disk: move them away";
+        return false;
+    }
+    {
+        database damaged;
+        std::string reason;
+        database_open_reading(options_.directory, damaged, reason);
+        std::vector<carried_agent> found = read_agents(damaged.get());
+        if (!found.empty()) {
+            carried_ = std::move(found);
+        }
+    }
+    if (db_) {
+        sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        close_database();
+    }
+    std::string stamp = utc_time(wall_clock());
+    std::erase_if(stamp, [](char c) { return c == '-' || c == ':'; });
+    std::string name = stem + stamp + ".db";
+    for (int more = 2; inode_of(name) != 0; more++) {
+        name = stem + stamp + "-" + std::to_string(more) + ".db";
+    }
+    for (const char* end : {"-wal", "-shm", ""}) {
+        if (rename((path + end).c_str(), (name + end).c_str()) != 0 && errno != ENOENT) {
+            error += "; " + system_error("it cannot be set aside as " + name + end);
+            return false;
+        }
+    }
+    sync_directory(options_.directory);
+    tell_problem(path + " is damaged (" + error + "): it is kept as " + name +
+                 ", and a new one is begun; " + std::to_string(carried_.size()) +
+                 " agents could be read from it");
+    return true;
+}
+
+/* Into a new file, what is known of the agents from the one before. */
+bool sqlite_store::carry_over() {
+    statement insert(db_.get(),
+                     "INSERT OR IGNORE INTO agents (id, first_seen, last_seen, account, name, "
+                     "last_block, address, version) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+    bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE") && insert.ok();
+    for (auto a = carried_.begin(); ok && a != carried_.end(); ++a) {
+        insert.bind(a->id).bind(a->first_seen).bind(a->last_seen).bind_text(a->account);
+        insert.bind_text(a->name).bind_blob(a->last_block).bind_text(a->address);
+        ok = insert.bind_text(a->version).run();
+    }
+    ok = ok && set_fact("keep_days", options_.keep_days) && database_exec(db_.get(), "COMMIT");
+    if (ok) {
+        carried_ = {};
+    }
+    return ok;
+}
+
 bool sqlite_store::use_day(int64_t received) {
     std::string day = utc_day(received);
     if (day == day_) {
         return true;
     }
     std::string table = "results_" + day;
+    statement turn(db_.get(), "INSERT OR REPLACE INTO days "
+                              "SELECT ?, 1 + coalesce(max(turn), 0) FROM days");
     if (!database_exec(
             db_.get(),
             "CREATE TABLE IF NOT EXISTS " + table +
                 " (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
                 " agent INTEGER NOT NULL, type INTEGER NOT NULL, test INTEGER,"
-                " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL)")) {
+                " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL)") ||
+        !turn.bind_text(day).run()) {
         return false;
     }
+    days_changed_ = true;
     insert_result_ =
         statement(db_.get(), "INSERT INTO " + table +
                                  " (received, agent, type, test, location, time, status,"
@@ -602,24 +815,39 @@ bool sqlite_store::store_block(job& j) {
     return update_agent_.run();
 }
 
-bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
-    if (db_ && file_was_replaced()) {
-        close_database();
-    }
+/* SQLITE_OK, or what failed; then nothing of the batch is stored. */
+int sqlite_store::try_batch(std::deque<job>& batch, std::string& error) {
     if (!db_ && !open_database(error)) {
-        return false;
+        return open_failure_;
     }
     bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE");
     for (auto j = batch.begin(); ok && j != batch.end(); ++j) {
+        j->result = store_result::failed;
+        j->bad = {};
         ok = store_block(*j);
     }
     ok = ok && database_exec(db_.get(), "COMMIT");
-    if (!ok) {
-        error = sqlite3_errmsg(db_.get());
-        database_exec(db_.get(), "ROLLBACK");
-        close_database();
+    if (ok) {
+        return SQLITE_OK;
     }
-    return ok;
+    int result = sqlite3_errcode(db_.get());
+    error = sqlite3_errmsg(db_.get());
+    database_exec(db_.get(), "ROLLBACK");
+    close_database();
+    return result != SQLITE_OK ? result : SQLITE_ERROR;
+}
+
+/* Damage may be in what was read before only: it has to show in a file opened anew. */
+bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
+    look_after_file();
+    int result = try_batch(batch, error);
+    if (database_is_damaged(result)) {
+        result = try_batch(batch, error);
+    }
+    if (database_is_damaged(result) && set_aside(error)) {
+        result = try_batch(batch, error);
+    }
+    return result == SQLITE_OK;
 }
 
 /* By a connection of their own, which may be used whatever the writer does. */
@@ -712,10 +940,11 @@ void sqlite_store::write_batch(std::deque<job>& batch) {
     }
 }
 
-/* False when the queue is empty for good. Wakes up now and then for the days that end meanwhile. */
+/* False when the queue is empty for good. Wakes up now and then for a file that is removed and for
+ * days to drop. */
 bool sqlite_store::take_batch(std::deque<job>& batch) {
     std::unique_lock hold(mutex_);
-    wake_.wait_for(hold, std::chrono::minutes(10), [this] { return stopping_ || !queue_.empty(); });
+    wake_.wait_for(hold, std::chrono::minutes(1), [this] { return stopping_ || !queue_.empty(); });
     batch.swap(queue_);
     return !batch.empty() || !stopping_;
 }
@@ -736,39 +965,149 @@ void sqlite_store::write_batches() {
             queued_bytes_ -= bytes;
         }
         try {
+            look_after_file();
             expire();
         } catch (const std::exception&) { /* no memory: at the next batch */
         }
     }
 }
 
-/* Days before the last keep_days ones go. What fails is tried again at the next batch. */
+bool sqlite_store::set_fact(const char* name, int64_t value) {
+    statement replace(db_.get(), "INSERT OR REPLACE INTO facts VALUES (?, ?)");
+    return replace.bind_text(name).bind(value).run();
+}
+
+std::optional<int64_t> sqlite_store::fact(const char* name) {
+    statement select(db_.get(), "SELECT value FROM facts WHERE name = ?");
+    bool found = select.bind_text(name).row();
+    return found ? std::optional(select.integer(0)) : std::nullopt;
+}
+
+/* A start is no reason to drop a day sooner after the last one; that fewer days are to be kept is
+ * one to drop them all at once. */
+void sqlite_store::begin_expiry() {
+    int64_t before = fact("keep_days").value_or(options_.keep_days);
+    drop_at_once_ = options_.keep_days > 0 && (before == 0 || options_.keep_days < before);
+    if (!drop_at_once_ && before != options_.keep_days) {
+        set_fact("keep_days", options_.keep_days); /* otherwise with the drop */
+    }
+    next_drop_ = steady_clock();
+    std::optional<int64_t> dropped = fact("dropped");
+    if (dropped && !drop_at_once_) {
+        /* Of another start of the machine: when that was cannot be known. */
+        int64_t due = fact("boot") == boot_number() ? *dropped + between_drops : INT64_MAX;
+        next_drop_ = std::clamp(due, next_drop_, next_drop_ + between_drops);
+    }
+    days_changed_ = true;
+}
+
+/* The days that were written to last stay: today's and keep_days before it. Of the others one goes
+ * each hour. What fails is tried again later. */
 void sqlite_store::expire() {
-    std::string today = utc_day(wall_clock());
-    if (options_.keep_days <= 0 || today == expired_day_ || !db_) {
+    if (options_.keep_days <= 0 || !days_changed_ || !db_ || steady_clock() < next_drop_) {
         return;
     }
-    int64_t first_kept = (wall_clock() / 86400 - options_.keep_days) * 86400;
-    std::string first_day = utc_day(first_kept);
-    std::vector<std::string> tables;
-    bool ok = database_days(db_.get(), tables);
-    for (const std::string& table : tables) {
-        if (ok && table < "results_" + first_day) {
-            ok = database_exec(db_.get(), "DROP TABLE " + table);
+    std::vector<std::string> days;
+    std::string error;
+    int result = days_by_turn(days);
+    size_t kept = static_cast<size_t>(options_.keep_days) + 1;
+    size_t over = days.size() > kept ? days.size() - kept : 0;
+    if (result == SQLITE_OK && drop_at_once_) {
+        days.resize(over);
+        result = drop_days(days);
+        over = 0;
+    } else if (result == SQLITE_OK && over > 0) {
+        /* One that is damaged stays, and does not keep the next from going. */
+        result = SQLITE_CORRUPT;
+        for (size_t i = 0; i < over && database_is_damaged(result); i++) {
+            result = drop_days({days[i]});
         }
+        over--;
     }
-    ok = ok &&
-         statement(db_.get(), "DELETE FROM undecodable WHERE received < ?").bind(first_kept).run();
+    report(expiry_trouble_,
+           result == SQLITE_OK
+               ? ""
+               : std::string("an old day cannot be dropped: ") + sqlite3_errstr(result),
+           "old days are dropped again");
+    if (result != SQLITE_OK) {
+        next_drop_ = steady_clock() + between_drops;
+        return;
+    }
+    drop_at_once_ = false;
+    days_changed_ = over > 0;
+}
+
+/* SQLITE_OK, or why they cannot be read. The one written to longest ago is the first. */
+int sqlite_store::days_by_turn(std::vector<std::string>& days) {
+    statement query(db_.get(), "SELECT day FROM days JOIN sqlite_schema "
+                               "ON name = 'results_' || day AND type = 'table' ORDER BY turn");
+    int result = SQLITE_ERROR;
+    while (query.ok() && (result = query.step()) == SQLITE_ROW) {
+        days.emplace_back(query.bytes(0));
+    }
+    return result == SQLITE_DONE ? SQLITE_OK : result;
+}
+
+/* All or none. SQLITE_OK, or why not. */
+int sqlite_store::drop_days(const std::vector<std::string>& days) {
+    sqlite3* db = db_.get();
+    bool ok = database_exec(db, "BEGIN IMMEDIATE");
+    for (auto day = days.begin(); ok && day != days.end(); ++day) {
+        ok = database_exec(db, "DROP TABLE results_" + *day) &&
+             statement(db, "DELETE FROM days WHERE day = ?").bind_text(*day).run();
+    }
+    std::vector<std::string> kept;
+    ok = ok && days_by_turn(kept) == SQLITE_OK && forget_all_but(kept);
+    ok = ok && set_fact("keep_days", options_.keep_days) &&
+         (days.empty() ||
+          (set_fact("dropped", steady_clock()) && set_fact("boot", boot_number()))) &&
+         database_exec(db, "COMMIT");
+    if (!ok) {
+        int result = sqlite3_errcode(db);
+        database_exec(db, "ROLLBACK");
+        return result != SQLITE_OK ? result : SQLITE_ERROR;
+    }
+    next_drop_ = days.empty() ? next_drop_ : steady_clock() + between_drops;
+    for (const std::string& day : days) {
+        tell_problem("the results of day " + day + " are dropped: --keep-days " +
+                     std::to_string(options_.keep_days));
+    }
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(aside_directory(), error)) {
-        std::string name = entry.path().filename();
-        if (name.size() > 8 && name.substr(0, 8) < first_day) {
+        std::string day = entry.path().filename().string().substr(0, 8);
+        if (std::find(kept.begin(), kept.end(), day) == kept.end()) {
             fs::remove(entry.path(), error);
         }
     }
-    if (ok) {
-        expired_day_ = today;
+    return SQLITE_OK;
+}
+
+/* What points to days that are gone. */
+bool sqlite_store::forget_all_but(const std::vector<std::string>& days) {
+    sqlite3* db = db_.get();
+    auto kept = [&days, known = std::map<int64_t, bool>()](int64_t received) mutable {
+        auto [day, fresh] = known.try_emplace(received / 86400);
+        if (fresh) {
+            day->second = std::find(days.begin(), days.end(), utc_day(received)) != days.end();
+        }
+        return day->second;
+    };
+    std::vector<std::pair<int64_t, std::string>> changed;
+    statement select(db, "SELECT id, latest FROM agents");
+    int result = SQLITE_ERROR;
+    while (select.ok() && (result = select.step()) == SQLITE_ROW) {
+        latest_results latest(select.bytes(1));
+        if (latest.forget_unless(std::ref(kept))) {
+            changed.emplace_back(select.integer(0), latest.packed());
+        }
     }
+    statement update(db, "UPDATE agents SET latest = ? WHERE id = ?");
+    bool ok = result == SQLITE_DONE;
+    for (auto c = changed.begin(); ok && c != changed.end(); ++c) {
+        ok = update.bind_blob(c->second).bind(c->first).run();
+    }
+    return ok && database_exec(db, "DELETE FROM undecodable WHERE NOT EXISTS (SELECT 1 FROM days "
+                                   "WHERE day = strftime('%Y%m%d', received, 'unixepoch'))");
 }
 
 } // namespace
@@ -787,16 +1126,8 @@ std::unique_ptr<store> store::open(const store_options& options, store_listener*
         error = system_error("state directory " + absolute.directory);
         return nullptr;
     }
-    std::string lock_path = absolute.directory + "/lock";
-    unique_fd lock(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    unique_fd lock = lock_directory(absolute.directory, error);
     if (!lock) {
-        error = system_error(lock_path);
-        return nullptr;
-    }
-    if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        error = errno == EWOULDBLOCK
-                    ? "another collector uses the state directory " + absolute.directory
-                    : system_error(lock_path);
         return nullptr;
     }
     auto opened = std::make_unique<sqlite_store>(absolute, listener, std::move(lock));

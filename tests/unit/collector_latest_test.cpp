@@ -96,6 +96,8 @@ TEST(latest, what_is_gone_is_forgotten) {
     latest_results latest;
     latest.put(of(66, 5, 1, 0), 1000, 1);
     latest.put(of(66, 6, 2, 0), 2000, 2);
-    latest.forget_before(1001);
+    auto kept = [](int64_t received) { return received > 1000; };
+    EXPECT_TRUE(latest.forget_unless(kept));
+    EXPECT_FALSE(latest.forget_unless(kept));
     EXPECT_EQ(text(std::move(latest)), "66/6 2000 2 2 0; ");
 }

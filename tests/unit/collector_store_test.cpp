@@ -36,6 +36,9 @@ struct recorder : store_listener {
     strings kept;
 };
 
+/* What the pinned clocks show. */
+static std::atomic<int64_t> wall_now = noon, steady_now = 0, boot_now = 0;
+
 struct store_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
@@ -43,11 +46,17 @@ struct store_test : testing::Test {
     std::unique_ptr<store> s;
 
     void SetUp() override {
-        wall_clock = [] { return noon; };
+        wall_now = noon;
+        steady_now = 1000;
+        wall_clock = [] { return wall_now.load(); };
+        steady_clock = [] { return steady_now.load(); };
+        boot_number = [] { return boot_now.load(); };
     }
     void TearDown() override {
         s.reset();
         wall_clock = system_seconds;
+        steady_clock = boot_seconds;
+        boot_number = read_boot_number;
     }
 
     std::string open(int keep_days = 30, size_t max_queued = 64u << 20) {
@@ -93,6 +102,23 @@ struct store_test : testing::Test {
         return rows;
     }
 };
+
+/* ACCOUNT/AGENT TEST TIME for each last result, TIME being that of the check. */
+static strings latest_of(const store& s) {
+    strings found;
+    s.for_each_latest([&](const latest_result& last) {
+        record r;
+        std::string reason;
+        EXPECT_TRUE(decode_record(last.record, r, reason)) << reason;
+        record_summary summary = summarize(r);
+        found.push_back(std::string(last.account) + "/" + std::string(last.agent) + " " +
+                        (summary.test ? std::to_string(*summary.test) : "-") + " " +
+                        std::to_string(summary.time.value_or(-1)) + " " +
+                        std::to_string(last.received - noon));
+    });
+    std::sort(found.begin(), found.end());
+    return found;
+}
 
 static mode_t mode_of(const std::string& path) {
     struct stat status;
@@ -247,23 +273,6 @@ TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
     s.reset();
     EXPECT_EQ(query("PRAGMA user_version = 3"), strings());
     EXPECT_EQ(open(), path + ": its layout has version 3, this program knows version 2");
-}
-
-/* ACCOUNT/AGENT TEST TIME for each last result, TIME being that of the check. */
-static strings latest_of(const store& s) {
-    strings found;
-    s.for_each_latest([&](const latest_result& last) {
-        record r;
-        std::string reason;
-        EXPECT_TRUE(decode_record(last.record, r, reason)) << reason;
-        record_summary summary = summarize(r);
-        found.push_back(std::string(last.account) + "/" + std::string(last.agent) + " " +
-                        (summary.test ? std::to_string(*summary.test) : "-") + " " +
-                        std::to_string(summary.time.value_or(-1)) + " " +
-                        std::to_string(last.received - noon));
-    });
-    std::sort(found.begin(), found.end());
-    return found;
 }
 
 static strings agents_of(const store& s) {
@@ -479,27 +488,183 @@ TEST_F(store_test, what_was_not_synced_is_not_acknowledged_and_not_stored_twice)
     s.reset();
 }
 
-TEST_F(store_test, days_expire_whole) {
-    ASSERT_EQ(open(2), "");
-    for (int day = 0; day <= 4; day++) {
-        EXPECT_EQ(submit(load_record(5, day) + "text", "web1", noon - day * 86400),
-                  store_result::stored);
-    }
-    const char* tables = "SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' ORDER BY name";
-    EXPECT_EQ(query(tables), (strings{"results_20260427", "results_20260428", "results_20260429",
-                                      "results_20260430", "results_20260501"}));
-    s.reset();
-    ASSERT_EQ(open(2), "");
-    EXPECT_EQ(query(tables), (strings{"results_20260429", "results_20260430", "results_20260501"}));
-    EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"3"});
-    size_t kept = std::distance(fs::directory_iterator(state + "/undecodable"), {});
-    EXPECT_EQ(kept, 3u);
+static const char* const day_tables =
+    "SELECT substr(name, 9) FROM sqlite_schema WHERE name GLOB 'results_*' ORDER BY name";
 
-    /* The day changes while the collector runs. The batch after that finds the old ones gone. */
-    wall_clock = [] { return noon + 86400; };
-    EXPECT_EQ(submit(load_record(5, 9), "web1", noon + 86400), store_result::stored);
-    EXPECT_EQ(submit(load_record(6, 9), "web1", noon + 86400), store_result::stored);
-    EXPECT_EQ(query(tables), (strings{"results_20260430", "results_20260501", "results_20260502"}));
+/* A store whose clocks are set by hand. */
+struct expiry_test : store_test {
+    int keep_days = 2;
+    int64_t sent = 0;
+
+    void open_again() {
+        s.reset();
+        ASSERT_EQ(open(keep_days), "");
+    }
+    /* A block that arrives by that clock. Days are dropped after the answer, but before the next
+     * one. */
+    void send_at(int64_t wall) {
+        wall_now = wall;
+        std::string block = load_record(5, ++sent) + "text";
+        EXPECT_EQ(submit(block, "web1", wall), store_result::stored);
+        EXPECT_EQ(submit(block, "web1", wall), store_result::duplicate);
+    }
+    void pass(int64_t seconds) {
+        wall_now += seconds;
+        steady_now += seconds;
+    }
+    /* A block each day, at this hour. */
+    void days(int count) {
+        for (int day = 0; day < count; day++) {
+            send_at(wall_now.load());
+            pass(86400);
+        }
+    }
+    strings stored() {
+        open_again();
+        return query(day_tables);
+    }
+    size_t files() { return std::distance(fs::directory_iterator(state + "/undecodable"), {}); }
+};
+
+TEST_F(expiry_test, days_expire_whole) {
+    open_again();
+    days(5); /* the first of May and the four days after it */
+    EXPECT_EQ(stored(), (strings{"20260503", "20260504", "20260505"}));
+    EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"3"});
+    EXPECT_EQ(query("SELECT count(*) FROM days"), strings{"3"});
+    EXPECT_EQ(files(), 3u);
+    EXPECT_EQ(told.problems, (strings{"the results of day 20260501 are dropped: --keep-days 2",
+                                      "the results of day 20260502 are dropped: --keep-days 2"}));
+    EXPECT_EQ(latest_of(*s), strings{"a@b.c/web1 5 5 345600"});
+}
+
+TEST_F(expiry_test, a_collector_that_was_off_keeps_what_it_has) {
+    open_again();
+    days(3);
+    pass(40 * 86400);
+    EXPECT_EQ(stored(), (strings{"20260501", "20260502", "20260503"}));
+    days(1);
+    EXPECT_EQ(stored(), (strings{"20260502", "20260503", "20260613"}));
+}
+
+TEST_F(expiry_test, a_clock_that_was_far_ahead_costs_one_day_and_no_more) {
+    keep_days = 5;
+    open_again();
+    days(6);
+    send_at(noon + 60 * 86400);
+    for (int i = 0; i < 20; i++) {
+        steady_now += 3600;
+        send_at(noon + 60 * 86400 + i * 60);
+    }
+    strings ahead = {"20260502", "20260503", "20260504", "20260505", "20260506", "20260630"};
+    EXPECT_EQ(stored(), ahead);
+    /* Back again: the day ahead takes its turn as the day on which it really came. */
+    wall_now = noon + 6 * 86400;
+    days(4);
+    EXPECT_EQ(stored(),
+              (strings{"20260506", "20260507", "20260508", "20260509", "20260510", "20260630"}));
+    days(2);
+    EXPECT_EQ(stored(),
+              (strings{"20260507", "20260508", "20260509", "20260510", "20260511", "20260512"}));
+}
+
+TEST_F(expiry_test, a_clock_that_was_ahead_for_long_does_not_drop_the_days_after_it) {
+    open_again();
+    wall_now = noon + 60 * 86400;
+    days(10);
+    wall_now = noon;
+    days(1);
+    EXPECT_EQ(stored(), (strings{"20260501", "20260708", "20260709"}));
+    days(2);
+    EXPECT_EQ(stored(), (strings{"20260501", "20260502", "20260503"}));
+}
+
+TEST_F(expiry_test, a_clock_that_starts_at_1970_drops_nothing_of_use) {
+    open_again();
+    days(2);
+    for (int boot = 0; boot < 3; boot++) {
+        int64_t real = wall_now.load();
+        send_at(boot * 60);
+        open_again();
+        EXPECT_EQ(query("SELECT count(*) FROM results_19700101"),
+                  strings{std::to_string(boot + 1)});
+        wall_now = real;
+        days(1);
+    }
+    EXPECT_EQ(stored(), (strings{"19700101", "20260504", "20260505"}));
+    days(2); /* without a start */
+    EXPECT_EQ(stored(), (strings{"20260505", "20260506", "20260507"}));
+}
+
+TEST_F(expiry_test, a_day_an_hour_goes_at_most) {
+    open_again();
+    for (int day = 0; day < 8; day++) { /* a wild clock */
+        send_at(noon + day * 86400);
+    }
+    EXPECT_EQ(stored().size(), 7u);
+    EXPECT_EQ(stored().size(), 7u); /* starts make it no faster */
+    for (size_t left = 6; left >= 3; left--) {
+        pass(3590);
+        EXPECT_EQ(stored().size(), left + 1);
+        pass(11);
+        EXPECT_EQ(stored().size(), left);
+    }
+    pass(86400);
+    EXPECT_EQ(stored(), (strings{"20260506", "20260507", "20260508"}));
+    EXPECT_EQ(told.problems.size(), 5u);
+}
+
+TEST_F(expiry_test, after_a_start_of_the_machine_an_hour_passes_first) {
+    open_again();
+    for (int day = 0; day < 6; day++) {
+        send_at(noon + day * 86400);
+    }
+    EXPECT_EQ(stored().size(), 5u);
+    boot_now++;
+    for (int64_t up : {0, 3599, 100000}) { /* when the store is opened */
+        steady_now = up;
+        EXPECT_EQ(stored().size(), 5u);
+    }
+    steady_now += 3601;
+    send_at(wall_now + 60); /* without a start */
+    s.reset();
+    EXPECT_EQ(query(day_tables).size(), 4u);
+}
+
+TEST_F(expiry_test, fewer_days_to_keep_is_asked_for) {
+    keep_days = 10;
+    open_again();
+    days(11);
+    keep_days = 3;
+    EXPECT_EQ(stored().size(), 4u);
+    EXPECT_EQ(told.problems.size(), 7u);
+    EXPECT_EQ(told.problems[6], "the results of day 20260507 are dropped: --keep-days 3");
+    keep_days = 0;
+    EXPECT_EQ(stored().size(), 4u);
+    days(3);
+    keep_days = 2;
+    EXPECT_EQ(stored().size(), 3u);
+    keep_days = 20;
+    EXPECT_EQ(stored().size(), 3u);
+}
+
+TEST_F(expiry_test, a_database_of_the_first_version_loses_a_day_an_hour_too) {
+    open_again();
+    s.reset();
+    for (int day = 1; day <= 6; day++) {
+        query("CREATE TABLE results_2026050" + std::to_string(day) +
+              " (id INTEGER PRIMARY KEY, received, agent, type, test, location, time, status, "
+              "record)");
+    }
+    query("DROP TABLE days");
+    query("DROP TABLE facts");
+    for (const char* column : {"address", "version", "latest"}) {
+        query(std::string("ALTER TABLE agents DROP COLUMN ") + column);
+    }
+    query("PRAGMA user_version = 1");
+    EXPECT_EQ(stored().size(), 5u);
+    pass(3601);
+    EXPECT_EQ(stored(), (strings{"20260503", "20260504", "20260505", "20260506"}));
 }
 
 TEST_F(store_test, keeping_zero_days_keeps_all) {

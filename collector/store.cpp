@@ -375,7 +375,7 @@ private:
     void begin_expiry();
     void expire();
     int days_by_turn(std::vector<std::string>& days);
-    int drop_days(const std::vector<std::string>& days);
+    int drop_day(const std::string& day);
     bool forget_all_but(const std::vector<std::string>& days);
     bool set_fact(const char* name, int64_t value);
     std::optional<int64_t> fact(const char* name);
@@ -597,10 +597,6 @@ void sqlite_store::close_database() {
         *s = statement();
     }
     day_.clear();
-    /* The last one to close removes the log, by its name: it may be another's by now. */
-    if (db_ && inode_of(database_path(options_.directory) + "-wal") != wal_inode_) {
-        sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    }
     db_.reset();
 }
 
@@ -625,7 +621,16 @@ void sqlite_store::look_after_file() {
             agent.last_block.clear();
         }
     }
+    /* The log would be taken for the new file's. What it holds goes into the old one, which may
+     * only have been moved. */
+    bool own_log = inode_of(path + "-wal") == wal_inode_;
+    database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
     close_database();
+    for (const char* end : {"-wal", "-shm"}) {
+        if (own_log) {
+            unlink((path + end).c_str());
+        }
+    }
     tell_problem(path + (removed ? " was removed while it was in use: what it held is gone, a new "
                                    "one is begun as soon as there is a place for it"
                                  : " was replaced while it was in use: the new one is used"));
@@ -1008,33 +1013,33 @@ void sqlite_store::expire() {
         return;
     }
     std::vector<std::string> days;
-    std::string error;
     int result = days_by_turn(days);
     size_t kept = static_cast<size_t>(options_.keep_days) + 1;
     size_t over = days.size() > kept ? days.size() - kept : 0;
-    if (result == SQLITE_OK && drop_at_once_) {
-        days.resize(over);
-        result = drop_days(days);
-        over = 0;
-    } else if (result == SQLITE_OK && over > 0) {
-        /* One that is damaged stays, and does not keep the next from going. */
-        result = SQLITE_CORRUPT;
-        for (size_t i = 0; i < over && database_is_damaged(result); i++) {
-            result = drop_days({days[i]});
+    size_t dropped = 0, damaged = 0;
+    for (size_t i = 0; i < over && (dropped == 0 || drop_at_once_); i++) {
+        int dropping = drop_day(days[i]);
+        result = dropping != SQLITE_OK ? dropping : result;
+        if (dropping == SQLITE_OK) {
+            dropped++;
+        } else if (database_is_damaged(dropping)) {
+            damaged++; /* it stays, and does not keep the next from going */
+        } else {
+            break;
         }
-        over--;
     }
+    bool ok = result == SQLITE_OK || damaged > 0;
+    ok = ok && (!drop_at_once_ || set_fact("keep_days", options_.keep_days));
     report(expiry_trouble_,
            result == SQLITE_OK
                ? ""
                : std::string("an old day cannot be dropped: ") + sqlite3_errstr(result),
            "old days are dropped again");
-    if (result != SQLITE_OK) {
+    if (dropped > 0 || !ok) {
         next_drop_ = steady_clock() + between_drops;
-        return;
     }
-    drop_at_once_ = false;
-    days_changed_ = over > 0;
+    drop_at_once_ = drop_at_once_ && !ok;
+    days_changed_ = !ok || over > dropped + damaged;
 }
 
 /* SQLITE_OK, or why they cannot be read. The one written to longest ago is the first. */
@@ -1048,30 +1053,22 @@ int sqlite_store::days_by_turn(std::vector<std::string>& days) {
     return result == SQLITE_DONE ? SQLITE_OK : result;
 }
 
-/* All or none. SQLITE_OK, or why not. */
-int sqlite_store::drop_days(const std::vector<std::string>& days) {
+/* SQLITE_OK, or why not. */
+int sqlite_store::drop_day(const std::string& day) {
     sqlite3* db = db_.get();
-    bool ok = database_exec(db, "BEGIN IMMEDIATE");
-    for (auto day = days.begin(); ok && day != days.end(); ++day) {
-        ok = database_exec(db, "DROP TABLE results_" + *day) &&
-             statement(db, "DELETE FROM days WHERE day = ?").bind_text(*day).run();
-    }
     std::vector<std::string> kept;
-    ok = ok && days_by_turn(kept) == SQLITE_OK && forget_all_but(kept);
-    ok = ok && set_fact("keep_days", options_.keep_days) &&
-         (days.empty() ||
-          (set_fact("dropped", steady_clock()) && set_fact("boot", boot_number()))) &&
-         database_exec(db, "COMMIT");
+    bool ok = database_exec(db, "BEGIN IMMEDIATE; DROP TABLE results_" + day) &&
+              statement(db, "DELETE FROM days WHERE day = ?").bind_text(day).run() &&
+              days_by_turn(kept) == SQLITE_OK && forget_all_but(kept) &&
+              set_fact("dropped", steady_clock()) && set_fact("boot", boot_number()) &&
+              database_exec(db, "COMMIT");
     if (!ok) {
         int result = sqlite3_errcode(db);
         database_exec(db, "ROLLBACK");
         return result != SQLITE_OK ? result : SQLITE_ERROR;
     }
-    next_drop_ = days.empty() ? next_drop_ : steady_clock() + between_drops;
-    for (const std::string& day : days) {
-        tell_problem("the results of day " + day + " are dropped: --keep-days " +
-                     std::to_string(options_.keep_days));
-    }
+    tell_problem("the results of day " + day + " are dropped: --keep-days " +
+                 std::to_string(options_.keep_days));
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(aside_directory(), error)) {
         std::string day = entry.path().filename().string().substr(0, 8);

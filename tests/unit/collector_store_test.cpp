@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <future>
 #include <gtest/gtest.h>
 #include <random>
@@ -117,6 +118,17 @@ static strings latest_of(const store& s) {
                         std::to_string(last.received - noon));
     });
     std::sort(found.begin(), found.end());
+    return found;
+}
+
+static strings agents_of(const store& s) {
+    strings found;
+    s.for_each_agent([&](const known_agent& a) {
+        found.push_back(std::string(a.account) + " " + std::string(a.agent) + " " +
+                        std::string(a.address) + " " + std::string(a.version) + " " +
+                        std::to_string(a.first_seen - noon) + " " +
+                        std::to_string(a.last_seen - noon));
+    });
     return found;
 }
 
@@ -273,17 +285,6 @@ TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
     s.reset();
     EXPECT_EQ(query("PRAGMA user_version = 3"), strings());
     EXPECT_EQ(open(), path + ": its layout has version 3, this program knows version 2");
-}
-
-static strings agents_of(const store& s) {
-    strings found;
-    s.for_each_agent([&](const known_agent& a) {
-        found.push_back(std::string(a.account) + " " + std::string(a.agent) + " " +
-                        std::string(a.address) + " " + std::string(a.version) + " " +
-                        std::to_string(a.first_seen - noon) + " " +
-                        std::to_string(a.last_seen - noon));
-    });
-    return found;
 }
 
 TEST_F(store_test, the_agents_are_known_with_address_and_version) {
@@ -790,6 +791,316 @@ TEST_F(store_test, a_database_that_somebody_removed_is_made_again) {
     }
     EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
     EXPECT_EQ(query("SELECT time FROM results_20260501"), strings{"2"});
+}
+
+/* A file whose pages are spoilt while it is in use or between two runs. */
+struct damage_test : store_test {
+    static const size_t page_size = 8192;
+
+    /* Enough for trees of several levels, in the file itself. */
+    void fill() {
+        ASSERT_EQ(open(), "");
+        for (int agent = 0; agent < 300; agent++) {
+            std::string block;
+            for (int i = 0; i < 20; i++) {
+                block += load_record(i, agent);
+            }
+            EXPECT_EQ(submit(block, "agent" + std::to_string(agent)), store_result::stored);
+        }
+        s.reset();
+    }
+
+    size_t root_of(const std::string& name) {
+        return std::stoul(
+            query("SELECT rootpage FROM sqlite_schema WHERE name = '" + name + "'").at(0));
+    }
+    /* The last page of a tree: the one that is appended to. */
+    size_t last_page(const std::string& tree) {
+        std::string file = read_text(database_path(state));
+        size_t page = root_of(tree);
+        auto byte = [&](size_t at) {
+            return static_cast<unsigned char>(file.at((page - 1) * page_size + at));
+        };
+        while (byte(0) == 5 || byte(0) == 2) { /* an inner one: its last child */
+            page = size_t{byte(8)} << 24 | size_t{byte(9)} << 16 | size_t{byte(10)} << 8 | byte(11);
+        }
+        return page;
+    }
+    /* Every bit of some bytes the other way round. */
+    void flip(size_t page, size_t at, size_t bytes) {
+        std::fstream file(database_path(state), std::ios::in | std::ios::out | std::ios::binary);
+        std::string text(bytes, '\0');
+        auto place = static_cast<std::streamoff>((page - 1) * page_size + at);
+        file.seekg(place).read(text.data(), static_cast<std::streamsize>(bytes));
+        for (char& byte : text) {
+            byte = static_cast<char>(~byte);
+        }
+        file.seekp(place).write(text.data(), static_cast<std::streamsize>(bytes));
+        ASSERT_TRUE(file.flush());
+    }
+    strings aside() {
+        strings names;
+        for (const fs::directory_entry& entry : fs::directory_iterator(state)) {
+            std::string name = entry.path().filename();
+            if (name.starts_with("results-")) {
+                names.push_back(name);
+            }
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+};
+
+TEST_F(damage_test, a_damaged_tree_is_set_aside_and_a_new_file_begun) {
+    fill();
+    strings trees = {"results_20260501", "agents", "sqlite_autoindex_agents_1"};
+    for (bool root : {true, false}) {
+        for (const std::string& tree : trees) {
+            SCOPED_TRACE(tree + (root ? " root" : " leaf"));
+            std::string whole = state + "-whole";
+            fs::remove_all(whole);
+            fs::copy(state, whole);
+            flip(root ? root_of(tree) : last_page(tree), 0, 12);
+            std::string damaged = read_text(database_path(state));
+            told.problems.clear();
+            ASSERT_EQ(open(), "");
+            EXPECT_EQ(submit(load_record(5, 7777), "agent299"), store_result::stored);
+            EXPECT_EQ(submit(load_record(5, 7778), "another"), store_result::stored);
+            s.reset();
+            strings names = aside();
+            ASSERT_FALSE(names.empty());
+            EXPECT_EQ(names[0], "results-damaged-20260501T120000Z.db");
+            EXPECT_EQ(read_text(state + "/" + names[0]), damaged);
+            ASSERT_EQ(told.problems.size(), 1u);
+            EXPECT_EQ(told.problems[0].substr(0, told.problems[0].find("begun;") + 6),
+                      database_path(state) +
+                          " is damaged (database disk image is malformed): it is kept as " + state +
+                          "/" + names[0] + ", and a new one is begun;");
+            EXPECT_EQ(query("SELECT time FROM results_20260501 ORDER BY id"),
+                      (strings{"7777", "7778"}));
+            EXPECT_EQ(query("PRAGMA integrity_check"), strings{"ok"});
+            fs::remove_all(state);
+            fs::rename(whole, state);
+        }
+    }
+}
+
+TEST_F(damage_test, the_agents_are_carried_over_and_their_last_blocks_known) {
+    fill();
+    flip(last_page("results_20260501"), 0, 12);
+    ASSERT_EQ(open(), "");
+    strings before = query("SELECT * FROM agents");
+    EXPECT_EQ(submit(load_record(5, 1), "agent7"), store_result::stored);
+    EXPECT_EQ(query("SELECT count(*) FROM agents"), strings{"300"});
+    EXPECT_EQ(query("SELECT id, name, first_seen FROM agents WHERE name = 'agent7'"),
+              (strings{"8|agent7|1777636800"}));
+    std::string last;
+    for (int i = 0; i < 20; i++) {
+        last += load_record(i, 8);
+    }
+    EXPECT_EQ(submit(last, "agent8"), store_result::duplicate);
+    EXPECT_EQ(latest_of(*s), strings{"a@b.c/agent7 5 1 0"}); /* of what is there */
+    EXPECT_TRUE(told.problems[0].ends_with("; 300 agents could be read from it"))
+        << told.problems[0];
+}
+
+TEST_F(damage_test, damage_while_it_runs_is_got_over_too) {
+    fill();
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1), "agent1"), store_result::stored);
+    query("PRAGMA wal_checkpoint(TRUNCATE)");
+    flip(last_page("results_20260501"), 0, 12);
+    query(
+        "DELETE FROM facts"); /* somebody else writes: what the store remembers of the file goes */
+    EXPECT_EQ(submit(load_record(5, 2), "agent1"), store_result::stored);
+    EXPECT_EQ(submit(load_record(5, 3), "agent1"), store_result::stored);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"2", "3"}));
+    EXPECT_EQ(aside().at(0), "results-damaged-20260501T120000Z.db");
+    EXPECT_EQ(told.problems.size(), 1u);
+}
+
+/* What was in the log when the damage was met is not lost with it. */
+TEST_F(damage_test, the_log_goes_with_the_file) {
+    fill();
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 4711), "agent1"), store_result::stored);
+    flip(root_of("agents"), 0, 12);
+    query("DELETE FROM facts");
+    EXPECT_EQ(submit(load_record(5, 2), "agent1"), store_result::stored);
+    strings names = aside();
+    ASSERT_EQ(names.size(), 3u);
+    EXPECT_EQ(names[2], "results-damaged-20260501T120000Z.db-wal");
+    s.reset();
+    fs::create_directory(state + "/old");
+    for (const std::string& name : names) {
+        fs::rename(state + "/" + name,
+                   state + "/old/results.db" + name.substr(name.find(".db") + 3));
+    }
+    state += "/old";
+    EXPECT_EQ(query("SELECT count(*) FROM results_20260501 WHERE time = 4711"), strings{"1"});
+}
+
+/* Whatever bytes are spoilt, and however the file then behaves: either it is refused at the start,
+ * or blocks are stored. */
+TEST_F(damage_test, no_damage_refuses_blocks_for_good) {
+    fill();
+    std::string whole = read_text(database_path(state));
+    std::mt19937 random(11);
+    int set_aside = 0;
+    for (int round = 0; round < 150; round++) {
+        fs::remove_all(state);
+        fs::create_directory(state);
+        std::string damaged = whole;
+        for (int spot = 0; spot < 40; spot++) {
+            size_t page = 1 + random() % (whole.size() / page_size - 1);
+            size_t at = page * page_size + (spot % 2 == 0 ? random() % 64 : random() % page_size);
+            for (size_t i = 0; i < 8 && at + i < damaged.size(); i++) {
+                damaged[at + i] = static_cast<char>(random());
+            }
+        }
+        write_text(database_path(state), damaged);
+        std::string error;
+        s = store::open({.directory = state}, &told, error);
+        if (!s) {
+            continue;
+        }
+        s->for_each_agent([](const known_agent&) {});
+        s->for_each_latest([](const latest_result&) {});
+        for (int i = 0; i < 5; i++) {
+            EXPECT_EQ(submit(load_record(5, 10000 + i), "agent" + std::to_string(50 * i)),
+                      store_result::stored)
+                << "round " << round << (told.problems.empty() ? "" : told.problems.back());
+        }
+        s.reset();
+        set_aside += !aside().empty();
+    }
+    EXPECT_GT(set_aside, 50);
+}
+
+TEST_F(damage_test, files_set_aside_do_not_fill_the_disk) {
+    for (size_t i = 1; i <= max_set_aside + 1; i++) {
+        ASSERT_EQ(open(), "");
+        EXPECT_EQ(submit(load_record(5, static_cast<int>(i))), store_result::stored);
+        s.reset();
+        flip(root_of("agents"), 0, 12);
+        told.problems.clear();
+        ASSERT_EQ(open(), "");
+        bool room = i <= max_set_aside;
+        EXPECT_EQ(submit(load_record(6, static_cast<int>(i))),
+                  room ? store_result::stored : store_result::failed);
+        ASSERT_EQ(told.problems.size(), 1u);
+        s.reset();
+    }
+    strings names = aside();
+    std::erase_if(names, [](const std::string& name) { return !name.ends_with(".db"); });
+    EXPECT_EQ(names.size(), max_set_aside);
+    EXPECT_EQ(names[0], "results-damaged-20260501T120000Z-2.db");
+    EXPECT_EQ(told.problems[0],
+              "results cannot be stored, the agents keep them: database disk image is malformed; 5 "
+              "damaged files were set aside in " +
+                  state + " already, there may be a fault of the disk: move them away");
+    fs::remove(state + "/" + names[0]);
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(6, 100)), store_result::stored);
+}
+
+TEST_F(damage_test, what_is_no_damage_sets_nothing_aside) {
+    counted_files::installed counted;
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    counted_files::fail_syncs = true;
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    counted_files::fail_syncs = false;
+    EXPECT_EQ(submit(load_record(5, 3)), store_result::stored);
+    s.reset();
+    EXPECT_EQ(aside(), strings());
+    for (int result : {SQLITE_FULL, SQLITE_IOERR, SQLITE_IOERR_CORRUPTFS, SQLITE_IOERR_SHORT_READ,
+                       SQLITE_READONLY, SQLITE_CANTOPEN, SQLITE_BUSY, SQLITE_NOMEM, SQLITE_ERROR,
+                       SQLITE_OK, SQLITE_PERM, SQLITE_SCHEMA, SQLITE_PROTOCOL}) {
+        EXPECT_FALSE(database_is_damaged(result)) << result;
+    }
+    for (int result : {SQLITE_CORRUPT, SQLITE_CORRUPT_INDEX, SQLITE_NOTADB}) {
+        EXPECT_TRUE(database_is_damaged(result)) << result;
+    }
+}
+
+/* A day that is damaged stays; those after it go. */
+TEST_F(damage_test, a_damaged_day_does_not_keep_others_from_expiring) {
+    ASSERT_EQ(open(0), "");
+    for (int day = 0; day < 6; day++) {
+        std::string block;
+        for (int i = 0; i < 300; i++) {
+            block += load_record(i, day);
+        }
+        EXPECT_EQ(submit(block, "web1", noon + day * 86400), store_result::stored);
+    }
+    s.reset();
+    flip(root_of("results_20260501"), 0, 12);
+    for (int start = 0; start < 4; start++) {
+        ASSERT_EQ(open(2), "");
+        s.reset();
+        steady_now += 4000;
+    }
+    EXPECT_EQ(query(day_tables), (strings{"20260501", "20260504", "20260505", "20260506"}));
+    EXPECT_EQ(aside(), strings());
+}
+
+TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
+    ASSERT_EQ(open(), "");
+    std::string path = database_path(state);
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    fs::remove(path);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
+    strings expected = {path + " was removed while it was in use: what it held is gone, a new one "
+                               "is begun as soon as there is a place for it"};
+    EXPECT_EQ(told.problems, expected);
+    EXPECT_EQ(agents_of(*s), strings{"a@b.c web1   0 0"});
+    /* Stored again rather than lost with the file. */
+    EXPECT_EQ(submit(load_record(5, 2), "web2"), store_result::stored);
+    fs::remove(path);
+    EXPECT_EQ(submit(load_record(5, 2), "web2"), store_result::stored);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), strings{"2"});
+    EXPECT_EQ(told.problems.size(), 2u);
+
+    scratch_directory elsewhere;
+    {
+        std::string error;
+        auto other = store::open({.directory = elsewhere / "other"}, nullptr, error);
+        std::promise<store_result> done;
+        other->submit({"a@b.c", "web9", load_record(9, 9), noon},
+                      [&](store_result r) { done.set_value(r); });
+        EXPECT_EQ(done.get_future().get(), store_result::stored);
+    }
+    fs::copy(database_path(elsewhere / "other"), path + ".new");
+    fs::rename(path, elsewhere / "moved.db");
+    fs::rename(path + ".new", path);
+    EXPECT_EQ(submit(load_record(5, 3)), store_result::stored);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"9", "3"}));
+    EXPECT_EQ(query("PRAGMA integrity_check"), strings{"ok"});
+    EXPECT_EQ(told.problems.back(),
+              path + " was replaced while it was in use: the new one is used");
+    state = elsewhere.path();
+    fs::rename(elsewhere / "moved.db", database_path(state));
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"2"})); /* it is whole */
+}
+
+TEST_F(store_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is_back) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    fs::remove_all(state);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    ASSERT_EQ(told.problems.size(), 2u);
+    EXPECT_NE(told.problems[0].find("was removed while it was in use"), std::string::npos);
+    EXPECT_EQ(told.problems[1], "results cannot be stored, the agents keep them: " + state +
+                                    "/lock: No such file or directory");
+    fs::create_directory(state);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), strings{"2"});
+    std::string error;
+    EXPECT_EQ(store::open({.directory = state}, nullptr, error), nullptr);
+    EXPECT_EQ(error, "another collector uses the state directory " + state);
+    EXPECT_EQ(agents_of(*s), strings{"a@b.c web1   0 0"});
 }
 
 TEST_F(store_test, many_threads_may_submit) {

@@ -27,11 +27,15 @@ static int fail(const std::string& error) {
 static int run_missing(const options& o) {
     missing_count count;
     std::string error;
-    if (!print_missing(o.state_dir, o.plan, 0, std::cout, count, error)) {
+    missing_age age{.now = time(nullptr)};
+    if (o.older_than > 0) {
+        age.older_than = o.older_than;
+    }
+    if (!print_missing(o.state_dir, o.plan, age, std::cout, count, error)) {
         fail(error);
         return 2;
     }
-    return count.missing + count.refused > 0 ? 1 : 0;
+    return count.missing + count.silent + count.refused > 0 ? 1 : 0;
 }
 
 /* Gives the process all the descriptors it may have; returns how many. */

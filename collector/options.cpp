@@ -35,6 +35,9 @@ database in the state directory and sends the agents the tests of a plan.
   --max-body-mb N         largest body of a poll in MiB, as sent (16)
   --missing               name the tests of --plan that have not reported yet
                           and exit, with status 1 when there are any
+  --older-than DURATION   with --missing: results received longer ago do not
+                          count, and agents of which nothing came since are
+                          listed as silent; 90s, 15m, 2h, 1d
   --version               print the version and exit
   --help                  print this text and exit
 
@@ -61,6 +64,7 @@ enum long_only {
     opt_max_per_address,
     opt_max_body_mb,
     opt_missing,
+    opt_older_than,
     opt_version,
     opt_help,
 };
@@ -84,6 +88,7 @@ static const option long_options[] = {
     {"max-per-address", required_argument, nullptr, opt_max_per_address},
     {"max-body-mb", required_argument, nullptr, opt_max_body_mb},
     {"missing", no_argument, nullptr, opt_missing},
+    {"older-than", required_argument, nullptr, opt_older_than},
     {"version", no_argument, nullptr, opt_version},
     {"help", no_argument, nullptr, opt_help},
     {nullptr, 0, nullptr, 0},
@@ -105,6 +110,29 @@ static bool parse_number(const char* name, std::string_view value, T low, T high
     return true;
 }
 
+/* A whole number and its unit, in seconds; otherwise `text` says what was wrong with `name`. */
+static bool parse_duration(const char* name, std::string_view value, int64_t& out,
+                           std::string& text) {
+    static const struct {
+        char name;
+        int64_t seconds;
+    } units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+    constexpr int64_t most = int64_t{36500} * 86400;
+    int64_t number = 0;
+    auto [end, failed] = std::from_chars(value.data(), value.data() + value.size(), number);
+    for (const auto& unit : units) {
+        if (failed == std::errc() &&
+            std::string_view(end, value.data() + value.size()) == std::string_view(&unit.name, 1) &&
+            number > 0 && number <= most / unit.seconds) {
+            out = number * unit.seconds;
+            return true;
+        }
+    }
+    text = std::string("--") + name + " takes a number and a unit, as 90s, 15m, 2h or 1d, not \"" +
+           std::string(value) + "\"";
+    return false;
+}
+
 /* What only the whole command line can show. Empty when all is well. */
 static std::string find_conflict(const options& o) {
     if (o.cert.empty() != o.key.empty()) {
@@ -118,6 +146,9 @@ static std::string find_conflict(const options& o) {
     }
     if (o.missing && o.plan.empty()) {
         return "--missing needs --plan";
+    }
+    if (o.older_than > 0 && !o.missing) {
+        return "--older-than needs --missing";
     }
     return "";
 }
@@ -199,6 +230,9 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
             break;
         case opt_missing:
             out.missing = true;
+            break;
+        case opt_older_than:
+            fine = parse_duration(name, optarg, out.older_than, text);
             break;
         case opt_version:
             text = "vindral-collector " VINDRAL_VERSION "\n";

@@ -18,6 +18,7 @@ struct options {
     bool end_refused = false;       /* agents of other accounts are ended, for good */
     bool json = false;
     bool quiet = false;
+    int64_t older_than = 0;     /* seconds; with missing: older results do not count; 0: they do */
     bool missing = false;       /* report planned tests without results, then exit */
     int keep_days = 30;         /* 0: for ever */
     size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */

@@ -4,13 +4,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 
 struct missing_count {
     size_t stored = 0;  /* planned tests with a result, each agent counted for itself */
-    size_t missing = 0; /* planned tests without */
+    size_t missing = 0; /* planned tests without, or whose last one is too old */
+    size_t silent = 0;  /* agents of which nothing was stored for too long */
     size_t refused = 0; /* lines of the plan that are left out, and with them the tests they add */
+};
+
+/* What is too old: what the server received further away from `now` than `seconds`. A time that
+ * far in the future comes from a clock that was wrong and says no more than one in the past. */
+struct missing_age {
+    int64_t now = 0;                        /* seconds since the epoch */
+    std::optional<int64_t> older_than = {}; /* none: nothing is too old */
 };
 
 /* Prints one line for each agent that ever sent results and each test that the plan adds and does
@@ -18,16 +27,20 @@ struct missing_count {
  *
  *   stored    ACCOUNT  AGENT  load average  5  2026-05-01T12:00:00Z  ok
  *   missing   ACCOUNT  AGENT  load average  6
+ *   missing   ACCOUNT  AGENT  load average  7  2026-04-01T12:00:00Z  ok
+ *   silent    ACCOUNT  AGENT  2026-04-01T12:00:00Z
  *
- * A test is stored when a record of it was received at or after `since` (seconds since the epoch);
- * the time and status are those of the last one. While no agent has sent anything, ACCOUNT and
- * AGENT are
- * "-" and every test is missing. Problems in the plan go to `out` too, each as a line
- * "problem<tab>line N: reason".
+ * Time and status are those of the last result; a missing test has them when that one is too old,
+ * and none when there is none on the days that are kept. A silent agent, of which everything is too
+ * old, has a line with the time when something of it was stored last, before those of its tests.
+ * While no agent has sent anything, ACCOUNT and AGENT are "-" and every test is missing. Problems
+ * in the plan go to `out` too, each as a line "problem<tab>line N: reason".
  *
- * Reads the database only, also while a collector writes to it. False with the reason in `error`
- * when the plan or the database cannot be read. */
-bool print_missing(const std::string& directory, const std::string& plan_path, int64_t since,
-                   std::ostream& out, missing_count& count, std::string& error);
+ * It looks at the agents' rows alone, whatever the number of results. Reads the database only, also
+ * while a collector writes to it. False with the reason in `error` when the plan or the database
+ * cannot be read. */
+bool print_missing(const std::string& directory, const std::string& plan_path,
+                   const missing_age& age, std::ostream& out, missing_count& count,
+                   std::string& error);
 
 #endif

@@ -68,8 +68,11 @@ TEST(collector_options, all_of_them) {
                       "3",
                       "--max-body-mb",
                       "2",
-                      "--missing"});
+                      "--missing",
+                      "--older-than",
+                      "15m"});
     EXPECT_EQ(p.result, options_result::run) << p.text;
+    EXPECT_EQ(p.o.older_than, 900);
     EXPECT_EQ(p.o.listen, "::1");
     EXPECT_EQ(p.o.port, 0);
     EXPECT_EQ(p.o.port_file, "pf");
@@ -113,6 +116,24 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--cert", "c"}, "--cert and --key belong together");
     expect_wrong({"--key", "k"}, "--cert and --key belong together");
     expect_wrong({"--missing"}, "--missing needs --plan");
+    expect_wrong({"--older-than", "1h"}, "--older-than needs --missing");
+}
+
+TEST(collector_options, durations_have_a_unit) {
+    auto seconds = [](const char* text) {
+        return parse({"--missing", "--plan", "p", "--older-than", text}).o.older_than;
+    };
+    EXPECT_EQ(seconds("90s"), 90);
+    EXPECT_EQ(seconds("15m"), 900);
+    EXPECT_EQ(seconds("2h"), 7200);
+    EXPECT_EQ(seconds("1d"), 86400);
+    EXPECT_EQ(seconds("36500d"), int64_t{36500} * 86400);
+    for (const char* wrong : {"", "15", "m", "0m", "-1h", "1.5h", "2h30m", "1w", "1 d", "36501d",
+                              "99999999999999999999d", "9223372036854775807d"}) {
+        expect_wrong({"--missing", "--plan", "p", "--older-than", wrong},
+                     "--older-than takes a number and a unit, as 90s, 15m, 2h or 1d, not \"" +
+                         std::string(wrong) + "\"");
+    }
 }
 
 TEST(collector_options, the_limit_of_connections_follows_the_descriptors) {

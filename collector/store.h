@@ -2,9 +2,9 @@
  * blocks that arrive together. No network in here. The tables are described in database.h.
  *
  * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
- * the collector that uses the directory) and undecodable/, with a file for each block of which
- * something did not decode. The files are for their owner alone, and so is the directory when it is
- * made here. */
+ * the collector that uses the directory), undecodable/, with a file for each block of which
+ * something did not decode, and results-damaged-*.db, what results.db was before it was damaged.
+ * The files are for their owner alone, and so is the directory when it is made here. */
 #ifndef VINDRAL_COLLECTOR_STORE_H
 #define VINDRAL_COLLECTOR_STORE_H
 
@@ -60,8 +60,10 @@ struct store_listener {
 };
 
 struct store_options {
-    std::string directory;         /* state directory; created when missing */
-    int keep_days = 30;            /* whole days of results kept; 0 keeps all */
+    std::string directory; /* state directory; created when missing */
+    /* Of the days on which results arrived, those before the newest that are kept; 0 keeps all. At
+     * most one is dropped an hour, unless fewer are to be kept than in the last run. */
+    int keep_days = 30;
     size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
 };
 
@@ -77,7 +79,8 @@ public:
     /* Queues a block. `done` runs on the writer thread after the commit (or failure) that covers
      * it. An empty block is answered `stored` and one beyond max_queued `failed` at once, on this
      * thread. Any thread may call; `done` must not wait for the store. A database that fails (a
-     * full disk) is opened again with the next block; until then every block fails. */
+     * full disk) is opened again with the next block; until then every block fails. One that is
+     * damaged, or was removed, is followed by a new one, and the listener is told. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
 
     /* What was known when the store was opened, for those who begin where an earlier run ended: to

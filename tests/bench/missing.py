@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """How long vindral-collector --missing takes in a database of many results: 31 days of 1000 agents with 20
-tests each, in rows made by SQL; and how long the collector takes to start there and to know the last
-result of each test.
+tests each, in rows made by SQL; how long the collector takes to start there; and how long it takes to renew
+that database when the first version had made it.
 
     tests/bench/missing.py [--rows 20000000] [--build build/release]
 
@@ -63,6 +63,17 @@ def fill(state, rows):
     db.close()
 
 
+def make_old(path):
+    """The layout of the first version: it does not know where the last results are."""
+    db = sqlite3.connect(path, isolation_level=None)
+    for column in ("address", "version", "latest"):
+        db.execute("ALTER TABLE agents DROP COLUMN " + column)
+    db.execute("DROP TABLE days")
+    db.execute("DROP TABLE facts")
+    db.execute("PRAGMA user_version = 1")
+    db.close()
+
+
 def forget(path):
     with open(path, "rb") as file:
         os.fsync(file.fileno())
@@ -110,6 +121,12 @@ def main():
         print("start of the collector: %.3f s" % (time.monotonic() - began))
         took, done = timed(collector)
         print("--missing beside it: %.3f s" % took)
+        whole.end(process)
+        make_old(database)
+        forget(database)
+        began = time.monotonic()
+        process, _ = whole.start_collector(home, options=["--keep-days", "0"])
+        print("start that renews a database of the first version: %.1f s" % (time.monotonic() - began))
         whole.end(process)
     finally:
         shutil.rmtree(home, ignore_errors=True)

@@ -1,6 +1,7 @@
 """What happens to the collector's store and to the collector while agents report: the disk is full at a
 restart, the directory goes away, the file is damaged, descriptors and memory run out."""
 
+import glob
 import os
 import resource
 import shutil
@@ -42,12 +43,13 @@ class Store(host.TestCase):
 
     @harness.needs_namespaces
     def test_removed_directory(self):
-        """Expected: what was stored is gone with the directory. The agents keep what they have until there
-        is one again; from then on all is stored, in a new file, once."""
+        """Expected: what was stored is gone with the directory, and that is said. The agents keep what they
+        have until there is one again; from then on all is stored, in a new file, once."""
         collector = self.start_collector().start()
         self.start_agent()
         self.wait_more()
         shutil.rmtree(collector.state)
+        collector.wait_errors("results.db was removed while it was in use: ")
         collector.wait_errors(FAULTY)
         self.agent.wait_log("Unable to establish connection to the server.", 2)
         gone = len(self.records_printed())
@@ -84,8 +86,8 @@ class Store(host.TestCase):
 
     def test_damaged(self):
         """Expected: a file that is no longer whole is left as it is. Where that shows at once the collector
-        does not start and names the file; else it starts, says what is wrong, and leaves the results
-        with the agents."""
+        does not start and names the file; else it starts, gives the file another name, says so, and stores
+        the results in a new one."""
         collector = self.start_collector().start()
         self.wait_stored(collector)
         collector.stop()
@@ -101,10 +103,11 @@ class Store(host.TestCase):
             if starts:
                 other.start()
                 agent = harness.Agent(self, other.port, name="agent-" + name).start()
-                other.wait_errors(FAULTY + "database disk image is malformed")
-                agent.wait_log("Unable to establish connection to the server.", 2)
-                agent.hang_up()
+                other.wait_errors("results.db is damaged (database disk image is malformed): it is kept as ")
+                other.wait_test(1, 2)
+                agent.stop()
                 other.stop()
+                path, = glob.glob(os.path.join(other.state, "results-damaged-*.db"))
             else:
                 self.assertEqual(other.launch().process.wait(harness.PATIENCE_S), 1)
                 self.assertRegex(other.errors(), "results.db: (database disk image is malformed"

@@ -141,7 +141,7 @@ bool latest_results::forget_unless(const std::function<bool(int64_t received)>& 
     return gone > 0;
 }
 
-const std::vector<latest_entry>& latest_results::entries() {
+const std::vector<latest_entry>& latest_results::entries() & {
     settle();
     return entries_;
 }

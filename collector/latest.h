@@ -43,7 +43,7 @@ public:
     bool forget_unless(const std::function<bool(int64_t received)>& kept);
 
     /* One for each test, ordered by key. */
-    const std::vector<latest_entry>& entries();
+    const std::vector<latest_entry>& entries() &;
     std::string packed();
 
 private:

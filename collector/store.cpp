@@ -250,7 +250,8 @@ bool wanted_rows(sqlite3* db, std::vector<agent_name>& agents, std::vector<wante
     statement query(db, "SELECT id, account, name, latest FROM agents ORDER BY id");
     int result = SQLITE_ERROR;
     while (query.ok() && (result = query.step()) == SQLITE_ROW) {
-        for (const latest_entry& e : latest_results(query.bytes(3)).entries()) {
+        latest_results latest(query.bytes(3));
+        for (const latest_entry& e : latest.entries()) {
             wanted.push_back({utc_day(e.received), e.row, agents.size()});
         }
         agents.push_back(

@@ -662,10 +662,6 @@ bool sqlite_store::set_aside(std::string& error) {
             carried_ = std::move(found);
         }
     }
-    if (db_) {
-        sqlite3_db_config(db_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-        close_database();
-    }
     std::string stamp = utc_time(wall_clock());
     std::erase_if(stamp, [](char c) { return c == '-' || c == ':'; });
     std::string name = stem + stamp + ".db";

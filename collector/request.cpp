@@ -52,6 +52,15 @@ static std::string read_name(const http::fields& fields, const char* name, std::
     return std::string(value);
 }
 
+/* No version is worth a refusal: one that cannot be one is none. */
+static std::string read_version(const http::fields& fields, std::string& error) {
+    std::string_view value = single(fields, "Vnd-Version", error).value_or("");
+    bool fine = value.size() <= max_version && std::all_of(value.begin(), value.end(), [](char c) {
+                    return c >= 0x20 && c < 0x7f;
+                });
+    return std::string(fine ? value : "");
+}
+
 bool parse_head(std::string_view head, request& out, std::string& error) {
     http::request_parser<http::empty_body> parser;
     parser.header_limit(max_head);
@@ -84,6 +93,9 @@ bool parse_head(std::string_view head, request& out, std::string& error) {
         out.what = request::kind::login;
         out.account = read_name(message, "Vnd-EMail", error);
         out.agent = read_name(message, "Vnd-AName", error);
+    }
+    if (out.what != request::kind::other) {
+        out.version = read_version(message, error);
     }
     return error.empty();
 }

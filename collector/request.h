@@ -9,6 +9,7 @@
 
 inline constexpr size_t max_head = 8192; /* bytes up to and including the empty line */
 inline constexpr size_t max_name = 254;  /* bytes of an account or an agent name */
+inline constexpr size_t max_version = 32;
 
 struct request {
     enum class kind {
@@ -19,6 +20,7 @@ struct request {
     } what = kind::other;
     std::string session;        /* poll */
     std::string account, agent; /* login; printable as far as ASCII goes, 1 to max_name bytes */
+    std::string version;        /* printable ASCII, at most max_version bytes; "": not known */
     uint64_t content_length = 0;
     uint64_t compression = 0; /* size of the body unpacked; 0: it is not packed */
     uint64_t checksum = 0;    /* Adler-32 of the body as sent; 0: none */

@@ -27,6 +27,7 @@ TEST(collector_request, a_poll_as_the_agent_writes_it) {
     EXPECT_EQ(r.content_length, 5u);
     EXPECT_EQ(r.compression, 10u);
     EXPECT_EQ(r.checksum, 4294967295u);
+    EXPECT_EQ(r.version, "3.0");
 }
 
 TEST(collector_request, a_login_as_the_agent_writes_it) {
@@ -38,6 +39,7 @@ TEST(collector_request, a_login_as_the_agent_writes_it) {
     EXPECT_EQ(r.what, request::kind::login);
     EXPECT_EQ(r.account, "me@example.org");
     EXPECT_EQ(r.agent, "h\xc3\xb4te@21:11:2026:00:00:01");
+    EXPECT_EQ(r.version, "3.0");
     EXPECT_EQ(r.content_length, 0u);
 }
 
@@ -87,6 +89,17 @@ TEST(collector_request, names_have_a_length_and_no_control_characters) {
     EXPECT_EQ(refused("POST / HTTP/1.0\r\nVnd-EMail: x\r\n\r\n"), "Vnd-AName" + bad_name);
     refused(login("x", "a\x1b[2Jb"));
     refused(login("x", std::string("a\0b", 3)));
+}
+
+TEST(collector_request, a_version_that_cannot_be_one_is_none) {
+    const std::string head = "POST / HTTP/1.0\r\nVnd-SessionID: x\r\nVnd-Version: ";
+    EXPECT_EQ(good(head + std::string(32, 'v') + "\r\n\r\n").version, std::string(32, 'v'));
+    for (const std::string& version :
+         {std::string(), std::string(33, 'v'), std::string("3\t0"), std::string("3\xc3\xa9")}) {
+        EXPECT_EQ(good(head + version + "\r\n\r\n").version, "") << version;
+    }
+    refused(head + "3.0\r\nVnd-Version: 3.0\r\n\r\n");
+    EXPECT_EQ(good("POST / HTTP/1.0\r\nVnd-SessionID: x\r\n\r\n").version, "");
 }
 
 TEST(collector_request, anything_but_http_is_refused) {

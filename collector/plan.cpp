@@ -371,6 +371,14 @@ bool is_comment(std::string_view line) {
     return first == line.npos || line[first] == '#';
 }
 
+struct parsed_line {
+    int number = 0;
+    std::string_view text;
+    effect does = effect::none;
+    test_key key; /* when it does something to a test */
+    uint64_t serial = 0;
+};
+
 } // namespace
 
 struct plan::state {
@@ -395,6 +403,18 @@ struct plan::state {
         problems; /* of the last reading, by line and reason, and how often */
     std::map<test_key, bool>
         at_agents; /* tests that were ever added; whether running agents have them */
+    std::chrono::seconds poll_interval{60};
+
+    /* What logins need to know of the lines, one for one. */
+    struct line_use {
+        bool sent;  /* it does something to an agent that began without tests */
+        bool twice; /* as a modify command, too: the agent may have the test */
+        test_key key;
+    };
+    std::vector<line_use> uses;
+    std::set<test_key> planned; /* left when all lines are done */
+    std::set<test_key> gone;    /* removed before the lines from any agent that ran already */
+    void prepare_logins(const std::vector<parsed_line>& lines);
 
     bool fail(plan& owner, const std::string& why);
     bool is_quiet() const;
@@ -418,14 +438,6 @@ bool plan::state::is_quiet() const {
 }
 
 namespace {
-
-struct parsed_line {
-    int number = 0;
-    std::string_view text;
-    effect does = effect::none;
-    test_key key; /* when it does something to a test */
-    uint64_t serial = 0;
-};
 
 /* Fills what the line does; returns the reason why it is not to be sent, "" when it is. */
 std::string check_line(parsed_line& line, presence& tests) {
@@ -560,6 +572,7 @@ void plan::state::take(plan& owner, std::string_view text) {
         uint64_t serial = held.serial != 0 ? held.serial : ++owner.newest_;
         owner.lines_.push_back({serial, held.number, std::string(held.text)});
     }
+    prepare_logins(lines);
     problems = std::move(found);
 }
 
@@ -634,6 +647,111 @@ std::string plan::text_after(uint64_t after) const {
     for (const plan_line& line : lines_) {
         if (line.serial > after) {
             text.append(line.text).append("\n");
+        }
+    }
+    return text;
+}
+
+std::chrono::seconds plan::poll_interval() const {
+    return state_->poll_interval;
+}
+
+namespace {
+
+/* The list of an agent whose tests bring results of this type, 0 for none. */
+uint32_t list_of(uint32_t type) {
+    auto found = std::find_if(commands.begin(), commands.end(), [=](const command& c) {
+        return c.does == effect::adds && type != 0 && c.type == type;
+    });
+    return found != commands.end() ? found->list : 0;
+}
+
+/* An agent logs an error when it is to remove one that it does not have. */
+bool must_be_there(uint32_t list) {
+    return list == type_disk || list == type_process || list == type_network ||
+           list == type_discovery;
+}
+
+void append_removal(std::string& text, test_key key) {
+    auto c = std::find_if(commands.begin(), commands.end(), [&](const command& each) {
+        return each.does == effect::removes && each.list == key.first;
+    });
+    text.append(c->code).append("\t").append(std::to_string(key.second));
+    text.append(c->least > 2 ? "\t0\n" : "\n");
+}
+
+} // namespace
+
+void plan::state::prepare_logins(const std::vector<parsed_line>& lines) {
+    uses.clear();
+    planned.clear();
+    poll_interval = std::chrono::seconds(60); /* what agents begin with */
+    for (const parsed_line& line : lines) {
+        bool there = planned.contains(line.key);
+        bool sent = line.does == effect::none || (line.does == effect::adds) != there;
+        uses.push_back({sent, false, line.key});
+        if (line.does == effect::adds) {
+            planned.insert(line.key);
+        } else if (line.does == effect::removes) {
+            planned.erase(line.key);
+        }
+        std::vector<std::string_view> fields = split_fields(line.text);
+        int32_t interval = 0;
+        if (fields[0] == "POL" && read_number(fields[2], interval)) {
+            poll_interval = std::chrono::seconds(interval);
+        }
+    }
+    gone.clear();
+    for (const auto& [key, there] : at_agents) {
+        /* Agents keep all SNMP tests in one list, and no modify command makes another kind of a
+         * walk. */
+        if (!planned.contains(key) || key.first == type_snmp) {
+            gone.insert(key);
+        }
+    }
+    std::set<test_key> put_right = gone;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        uses[i].twice = lines[i].does == effect::adds && lines[i].key.first != type_discovery &&
+                        put_right.insert(lines[i].key).second;
+    }
+}
+
+std::string plan::text_for_new() const {
+    std::string text;
+    for (size_t i = 0; i < lines_.size(); ++i) {
+        if (state_->uses[i].sent) {
+            text.append(lines_[i].text).append("\n");
+        }
+    }
+    return text;
+}
+
+std::string plan::text_for_running(const std::vector<known_test>& known) const {
+    const state& s = *state_;
+    std::string text;
+    for (const test_key& key : s.gone) {
+        append_removal(text, key);
+    }
+    std::set<test_key> removed; /* besides these */
+    for (const known_test& test : known) {
+        test_key key{list_of(test.type), test.id};
+        bool stays = key.first == 0 || s.gone.contains(key) ||
+                     (must_be_there(key.first) && !test.recent) ||
+                     (key.first == type_discovery && s.planned.contains(key));
+        if (!stays && removed.insert(key).second) {
+            append_removal(text, key);
+        }
+    }
+    for (size_t i = 0; i < lines_.size(); ++i) {
+        const std::string& line = lines_[i].text;
+        if (!s.uses[i].sent) {
+            continue;
+        }
+        text.append(line).append("\n");
+        if (s.uses[i].twice && !removed.contains(s.uses[i].key)) {
+            size_t at = text.size();
+            text.append(line).append("\n");
+            text[at + 2] = 'M'; /* the same fields */
         }
     }
     return text;

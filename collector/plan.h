@@ -14,11 +14,18 @@
  * file that is empty, cannot be read, is none, or of which every line is refused leaves the lines
  * as they were.
  *
- * Removing a line sends nothing: append the remove command too. Nothing in here may be called by
- * two threads at once. */
+ * Removing a line sends nothing: append the remove command too. An agent that logs in is put right
+ * all the same. One that has just started has no tests, and is sent what does something then. Of
+ * one that runs already it is not known which plan it had last, so it is made a new one: first the
+ * tests that it may have are removed, then comes the plan, each test of it as an add command (which
+ * an agent that has the test ignores) and, unless it was removed before, a modify command. Network
+ * scans are not begun again.
+ *
+ * Nothing in here may be called by two threads at once. */
 #ifndef VINDRAL_COLLECTOR_PLAN_H
 #define VINDRAL_COLLECTOR_PLAN_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -39,6 +46,13 @@ struct plan_problem {
     std::string reason;
 };
 
+/* A test that an agent has reported. */
+struct known_test {
+    uint32_t type; /* of the record */
+    int32_t id;
+    bool recent = true; /* within a day of the last result that the agent has sent of any test */
+};
+
 class plan {
 public:
     /* An empty path is an empty plan. `report` gets each problem once per reading in which it is
@@ -50,7 +64,7 @@ public:
      * lines new to the file get new ones. */
     bool refresh();
 
-    /* The lines to send whole at a login, in file order. */
+    /* The lines in force, in file order. */
     const std::vector<plan_line>& lines() const { return lines_; }
 
     /* Highest serial given out so far: a session that has everything remembers this. */
@@ -58,6 +72,16 @@ public:
 
     /* The lines with a serial above `after`, as the body of a reply: each with its line end. */
     std::string text_after(uint64_t after) const;
+
+    /* The body of the answer to a login: for an agent that has just started, and for one that ran
+     * already. The latter takes every test that was in the plan since the start for one that the
+     * agent may have, and those in `known`. Of kinds for which an agent complains when it is to
+     * remove what it does not have, only the recent ones. */
+    std::string text_for_new() const;
+    std::string text_for_running(const std::vector<known_test>& known) const;
+
+    /* How long an agent with this plan waits between two polls. */
+    std::chrono::seconds poll_interval() const;
 
 private:
     std::string path_;

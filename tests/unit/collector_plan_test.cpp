@@ -1,6 +1,7 @@
 #include "plan.cpp"
 
 #include "collector_test_support.h"
+#include "known.h"
 
 #include <chrono>
 #include <gtest/gtest.h>
@@ -537,6 +538,134 @@ TEST_F(plan_test, planned_tests_are_those_that_remain) {
               (std::vector<std::pair<uint32_t, int32_t>>{{66, 6}, {66, 7}, {66, -8}, {67, 9}}));
 }
 
+/* ---- what logins are sent ---- */
+
+static const std::string walk9 = "SWA\t9\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n";
+static const std::string table10 = "STA\t10\t1\th\t161\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\n";
+static const std::string get11 = "SPA\t11\t1\th\t0\t2\t1.3\tpublic\t\t\t\t\t\t1\t0\t-\n";
+
+/* An agent that has no tests complains of what it is to remove or to change. */
+TEST_F(plan_test, an_agent_that_starts_is_sent_what_does_something) {
+    std::string kept =
+        "POL\t0\t30\n" + laa5 + "LAM\t5\t1\t9\t9\t9\nUPD\ta\tb\tc\n" + laa6 + "LAD\t6\t0\n" + laa6;
+    start("DKA\t7\t1\t/\t1\n" + laa5);
+    write_text(directory / "other", "DKD\t7\t0\nDKM\t7\t1\t/\t2\n" + kept);
+    rename((directory / "other").c_str(), path.c_str());
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(take_problems(), (strings{"2 disk test 7 is not there, modifying it does nothing"}));
+    EXPECT_EQ(p->text_for_new(), kept);
+    EXPECT_EQ(plan("", nullptr).text_for_new(), "");
+}
+
+/* An add command for a test that is there is passed over, so the modify command follows. */
+TEST_F(plan_test, an_agent_that_runs_is_sent_each_test_as_an_add_and_a_change) {
+    const std::string rest = "CHK\t0\t60\nUPD\tLAA\tx\ty\n";
+    const std::vector<std::string> adds = {
+        "PRA\t1\t1\t90\t-1\t-1\td\n",
+        "MMA\t1\t1\t1\t2\t3\t4\t5\n",
+        "DKA\t1\t1\t/\t1\n",
+        "DKA\t2\t1\t/\t1\t2\n",
+        "CUA\t1\t1\t1\t2\t3\t4\t5\n",
+        laa5,
+        "HPA\t1\t1\th\t/\t80\t\t\t\t\t5\t0\t0\t0\t0\t0\n",
+        "PGA\t1\t1\th\t64\t3\t1\t0\n",
+        "USA\t1\t/run/feed\n",
+        "TSA\t1\t8080\tall\n",
+        "MQA\t1\t1\th\t0\t\tu\tp\tUptime\t0\n",
+        "NTA\t1\t1\teth0\t1\t2\t3\t4\t5\t6\n",
+    };
+    std::string text, expected;
+    for (const std::string& add : adds) {
+        std::string change = add;
+        change[2] = 'M';
+        text += add;
+        expected += add + change;
+    }
+    ASSERT_TRUE(start(text + rest));
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(p->text_for_running({}), expected + rest);
+    EXPECT_EQ(p->text_for_new(), text + rest);
+}
+
+/* No modify command makes anything of a walk; all kinds of SNMP tests share their ids; and a scan
+ * that is modified begins again. */
+TEST_F(plan_test, snmp_tests_are_removed_and_added_and_scans_go_on) {
+    const std::string scan = "DCA\t12\t1\t10.0.0.1\t10.0.0.9\t1.3\n";
+    start(walk9 + table10 + get11 + scan);
+    const std::string all = "SWD\t9\nSWD\t10\nSWD\t11\n" + walk9 + table10 + get11 + scan;
+    EXPECT_EQ(p->text_for_running({}), all);
+    EXPECT_EQ(p->text_for_running({{type_snmp, 9}, {type_snmp_table, 11}, {type_discovery, 12}}),
+              all);
+}
+
+TEST_F(plan_test, what_an_agent_has_reported_is_removed_before_the_plan_comes) {
+    start("POL\t0\t30\n" + laa5 + laa6);
+    EXPECT_EQ(p->text_for_running({{type_load_average, 6},
+                                   {type_load_average, 7},
+                                   {type_ping, 5},
+                                   {type_snmp_table, 8},
+                                   {type_snmp, 8},
+                                   {type_disk, 3},
+                                   {type_discovery, 4}}),
+              "LAD\t6\t0\nLAD\t7\t0\nPGD\t5\t0\nSWD\t8\nDKD\t3\t0\nDCR\t4\n"
+              "POL\t0\t30\n" +
+                  laa5 + "LAM\t5\t1\t1\t2\t3\n" + laa6);
+}
+
+TEST_F(plan_test, every_kind_of_test_has_its_remove_command) {
+    plan none("", nullptr);
+    const std::pair<uint32_t, const char*> removals[] = {
+        {type_network, "NTD\t-7\t0\n"},
+        {type_discovery, "DCR\t-7\n"},
+        {type_process, "PRD\t-7\t0\n"},
+        {type_cpu, "CUD\t-7\t0\n"},
+        {type_disk, "DKD\t-7\t0\n"},
+        {type_memory, "MMD\t-7\t0\n"},
+        {type_ping, "PGD\t-7\t0\n"},
+        {type_http, "HPD\t-7\n"},
+        {type_snmp, "SWD\t-7\n"},
+        {type_load_average, "LAD\t-7\t0\n"},
+        {type_snmp_table, "SWD\t-7\n"},
+        {type_mysql, "MQD\t-7\t0\n"},
+        {type_network_interfaces, ""},
+        {type_process_names, ""},
+        {type_file_systems, ""},
+        {0, ""},
+        {99, ""},
+    };
+    for (const auto& [type, text] : removals) {
+        EXPECT_EQ(none.text_for_running({{type, -7}}), text) << type;
+        bool complains = type == type_network || type == type_discovery || type == type_process ||
+                         type == type_disk;
+        EXPECT_EQ(none.text_for_running({{type, -7, false}}), complains ? "" : text) << type;
+    }
+}
+
+/* While the collector runs, agents may have missed the remove command; or there was none. */
+TEST_F(plan_test, tests_of_lines_that_are_gone_are_removed_from_agents_that_run) {
+    start(laa5 + laa6);
+    write_text(path, laa6 + "LAD\t6\t0\n");
+    settle();
+    settle();
+    EXPECT_EQ(p->text_for_running({{type_load_average, 6}}),
+              "LAD\t5\t0\nLAD\t6\t0\n" + laa6 + "LAD\t6\t0\n");
+    EXPECT_EQ(p->text_for_new(), laa6 + "LAD\t6\t0\n");
+    write_text(path, "LAD\t6\t0\n");
+    settle();
+    settle();
+    EXPECT_EQ(p->text_for_running({}), "LAD\t5\t0\nLAD\t6\t0\n");
+    EXPECT_EQ(p->text_for_new(), "");
+}
+
+TEST_F(plan_test, the_last_interval_between_polls_counts) {
+    using std::chrono::seconds;
+    start(laa5);
+    EXPECT_EQ(p->poll_interval(), seconds(60));
+    append_text(path, "POL\t0\t30\nPOL\tx\t+90\nCHK\t0\t5\nPOL\t0\t0\n");
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->poll_interval(), seconds(90));
+}
+
 TEST_F(plan_test, large_plans_are_read_in_reasonable_time) {
     std::string text;
     for (int i = 1; i <= 50000; i++) {
@@ -547,6 +676,70 @@ TEST_F(plan_test, large_plans_are_read_in_reasonable_time) {
     append_text(path, "CHK\t0\t60\n");
     EXPECT_TRUE(p->refresh());
     EXPECT_EQ(planned_tests(p->lines()).size(), 50000u);
+    EXPECT_EQ(p->text_for_running({}).size(), 2 * p->text_for_new().size() - 9);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
     EXPECT_EQ(p->lines().size(), 50001u);
+}
+
+/* ---- what the store knows ---- */
+
+static const latest_result result_of(const char* agent, int64_t received,
+                                     const std::string& record) {
+    return {.account = "a@b.c", .agent = agent, .received = received, .record = record};
+}
+
+static std::string known_text(const known_tests& known, const char* agent) {
+    std::string text;
+    for (const known_test& test : known.of("a@b.c", agent)) {
+        text += std::to_string(test.type) + "/" + std::to_string(test.id) +
+                (test.recent ? " " : " old ");
+    }
+    return text;
+}
+
+TEST(known_tests, tests_of_an_agent_until_they_are_forgotten) {
+    known_tests known;
+    known.add(result_of("one", 1000, load_record(5, 999)));
+    known.add(result_of("one", 1000, load_record(uint32_t(-6), 999)));
+    known.add(result_of("two", 1000, load_record(7, 999)));
+    EXPECT_EQ(known_text(known, "one"), "66/5 66/-6 ");
+    EXPECT_EQ(known_text(known, "two"), "66/7 ");
+    EXPECT_EQ(known_text(known, "three"), "");
+    EXPECT_EQ(known.of("b@b.c", "one").size(), 0u);
+    known.forget("a@b.c", "one");
+    known.forget("a@b.c", "three");
+    EXPECT_EQ(known_text(known, "one"), "");
+    EXPECT_EQ(known.size(), 1u);
+}
+
+TEST(known_tests, recent_is_measured_by_the_agents_last_result) {
+    known_tests known;
+    known.add(result_of("one", 1000000 - 86400, load_record(5, 1)));
+    known.add(result_of("one", 1000000 - 86401, load_record(6, 1)));
+    known.add(result_of("one", INT64_MIN, load_record(7, 1)));
+    known.add(result_of("one", 1000000, load_record(8, 1)));
+    EXPECT_EQ(known_text(known, "one"), "66/5 66/6 old 66/7 old 66/8 ");
+}
+
+TEST(known_tests, what_is_no_tests_result_is_passed_over) {
+    known_tests known;
+    std::string load = load_record(5, 1);
+    for (const std::string& record :
+         {std::string(), load.substr(1), load_record(0, 1),
+          record_builder{.ui32 = {42, 0, 0}, .i64 = {1}, .strings = {"init"}}.bytes(),
+          record_builder{.ui32 = {99, 5, 0, 0}, .i64 = {1}}.bytes(), record_builder{}.bytes()}) {
+        known.add(result_of("one", 1000, record));
+    }
+    EXPECT_EQ(known.size(), 0u);
+    EXPECT_EQ(known.left_out(), 0u);
+}
+
+TEST(known_tests, there_are_only_so_many) {
+    known_tests known(3);
+    for (uint32_t i = 1; i <= 5; ++i) {
+        known.add(result_of(i % 2 ? "one" : "two", 1000, load_record(i, 1)));
+    }
+    EXPECT_EQ(known.size(), 3u);
+    EXPECT_EQ(known.left_out(), 2u);
+    EXPECT_EQ(known_text(known, "one"), "66/1 66/3 ");
 }

@@ -208,6 +208,13 @@ static int run_server(const options& o) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
     server collector(server_options_from(o), tls.get(), *results, commands, log);
+    known_tests earlier;
+    results->for_each_latest([&](const latest_result& latest) { earlier.add(latest); });
+    if (earlier.left_out() > 0) {
+        early.push_back(std::to_string(earlier.left_out()) +
+                        " tests of earlier runs are left out: taken out of the plan, they go on");
+    }
+    collector.remember(std::move(earlier));
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
     if (!collector.listen(error) || !announce(o, collector, identity, error)) {
         return fail(error);

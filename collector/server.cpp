@@ -37,6 +37,7 @@ enum class event {
     request,
     session,
     login,
+    name,
     body,
     memory,
     storing,
@@ -197,6 +198,7 @@ struct server::state {
     log_limiter log;
     std::unordered_set<std::string> allowed;
     session_table sessions;
+    known_tests earlier; /* of agents that have not been put right yet */
     size_t free_memory;
 
     boost::intrusive::list<connection, boost::intrusive::constant_time_size<false>> links;
@@ -231,6 +233,7 @@ struct server::state {
     awaitable<store_result> keep(poll_block block);
     awaitable<bool> answer(exchange& x);
 
+    void tell(const name_conflict& conflict);
     void begin_phase(exchange& x, server_deadlines::duration length);
     void log_failure(const char* what, const char* why) noexcept;
 };
@@ -519,6 +522,14 @@ awaitable<bool> server::state::answer(exchange& x) {
     co_return co_await x.link.end_cleanly();
 }
 
+void server::state::tell(const name_conflict& c) {
+    if (c.found && c.tell) {
+        log(event::name, "two hosts under one name: " + printable(c.agent) + " of " +
+                             printable(c.account) + " polls from " + c.kept + ", the other at " +
+                             c.refused + " is refused meanwhile");
+    }
+}
+
 awaitable<void> server::state::answer_login(exchange& x) {
     bool whole = co_await read_body(x, nullptr); /* an agent sends none */
     if (!whole) {
@@ -534,22 +545,41 @@ awaitable<void> server::state::answer_login(exchange& x) {
         co_await answer(x);
         co_return;
     }
-    auto fresh = sessions.log_in(x.head.account, x.head.agent, clock_type::now());
+    name_conflict conflict;
+    auto fresh = sessions.log_in(x.head.account, x.head.agent, clock_type::now(), describe(x.from),
+                                 &conflict);
+    if (conflict.found) {
+        tell(conflict);
+        x.output = make_answer("403 Forbidden", "", "Another host is using this name.\n");
+        co_await answer(x);
+        co_return;
+    }
     if (!fresh) {
         log(event::failure, "no random numbers for a session: connection reset");
         co_return;
     }
     log(event::login, "login: " + name);
     commands.refresh();
+    fresh->version = x.head.version;
     fresh->delivered = fresh->answered_from = commands.newest(); /* all of it, in this answer */
-    x.output = make_answer("200 OK", fresh->id, commands.text_after(0));
+    fresh->told(commands.poll_interval());
+    x.output = make_answer("200 OK", fresh->id,
+                           fresh->running
+                               ? commands.text_for_running(earlier.of(fresh->account, fresh->agent))
+                               : commands.text_for_new());
     co_await answer(x);
 }
 
 awaitable<void> server::state::answer_poll(exchange& x) {
-    std::shared_ptr<session> s = sessions.find(x.head.session, clock_type::now());
+    name_conflict conflict;
+    std::shared_ptr<session> s =
+        sessions.find(x.head.session, clock_type::now(), describe(x.from), &conflict);
+    tell(conflict);
     block_end end = block_end::again;
     if (s) {
+        if (s->polls == 1) { /* it has the answer to its login */
+            earlier.forget(s->account, s->agent);
+        }
         end = co_await take_block(x, *s);
     } else {
         bool whole = co_await read_body(x, nullptr);
@@ -560,6 +590,7 @@ awaitable<void> server::state::answer_poll(exchange& x) {
         co_return;
     }
     if (end == block_end::again) {
+        sessions.sent_away(x.head.session, clock_type::now());
         x.output = make_answer("200 OK", "", answer_log_in_again);
         co_await answer(x);
         co_return;
@@ -570,6 +601,7 @@ awaitable<void> server::state::answer_poll(exchange& x) {
     x.output = make_answer("200 OK", "", commands.text_after(from));
     bool arrived = co_await answer(x);
     if (arrived) {
+        s->told(commands.poll_interval());
         s->answered_from = from;
         s->delivered = std::max(s->delivered, newest);
     }
@@ -587,7 +619,12 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
         co_return block_end::broken;
     }
     begin_phase(x, options.deadlines.whole);
-    poll_block block{from.account, from.agent, "", time(nullptr)};
+    poll_block block{.account = from.account,
+                     .agent = from.agent,
+                     .plain = "",
+                     .received = time(nullptr),
+                     .address = describe(x.from),
+                     .version = x.head.version};
     std::string error;
     bool good = co_await unpack(x.head, body.wire, block.plain, error);
     if (!good) {
@@ -656,6 +693,10 @@ server::server(server_options options, SSL_CTX* tls, store& results, plan& comma
     : state_(std::make_unique<state>(std::move(options), tls, results, commands, std::move(log))) {}
 
 server::~server() = default;
+
+void server::remember(known_tests earlier) {
+    state_->earlier = std::move(earlier);
+}
 
 bool server::listen(std::string& error) {
     state& s = *state_;

@@ -13,7 +13,8 @@
  * block, and waits out its interval. So is a block that cannot be stored now, because "111111"
  * would have every agent log in and send it again each second. A login that is refused gets no
  * session, whereupon the agent keeps what it has and tries again after its interval; "666666" would
- * end it with all its results, for a slip in the list of accounts. The agent adds up every header
+ * end it with all its results, for a slip in the list of accounts. So is one of a second host under
+ * a name that is in use (see session.h). The agent adds up every header
  * that begins with "Content-", so Content-Length is the only one sent, and waits for the end of the
  * connection when it is 0.
  *
@@ -25,6 +26,7 @@
 
 #include "body.h"
 #include "certificate.h"
+#include "known.h"
 #include "plan.h"
 #include "session.h"
 #include "store.h"
@@ -73,6 +75,9 @@ public:
      * lines without a line end, few of them whatever strangers do, on the network thread only. */
     server(server_options options, SSL_CTX* tls, store& results, plan& commands, log_function log);
     ~server();
+
+    /* What agents had when an earlier run ended; before run(). */
+    void remember(known_tests earlier);
 
     /* Opens the port. False with one line in `error`. */
     bool listen(std::string& error);

@@ -1,6 +1,9 @@
 /* The server in this process, real TLS clients, and a store that does what a test tells it. */
 #include "server.h"
 
+#include "collector_test_support.h"
+
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <condition_variable>
@@ -323,7 +326,7 @@ protected:
         std::filesystem::rename(path + ".new", path);
     }
 
-    void start(const std::string& plan_text = "") {
+    void start(const std::string& plan_text = "", const known_tests& earlier = known_tests()) {
         write_plan(plan_text);
         commands_ = std::make_unique<plan>(plan_text.empty() ? "" : directory_ + "/plan",
                                            [](const plan_problem&) {});
@@ -333,6 +336,7 @@ protected:
                                                std::lock_guard hold(log_mutex_);
                                                log_.push_back(line);
                                            });
+        server_->remember(earlier);
         std::string error;
         ASSERT_TRUE(server_->listen(error)) << error;
         port_ = server_->port();
@@ -349,8 +353,8 @@ protected:
         server_.reset();
     }
 
-    reply ask(const std::string& text) {
-        client c(port_);
+    reply ask(const std::string& text, const char* from = "127.0.0.1") {
+        client c(port_, from);
         EXPECT_TRUE(c.handshake());
         EXPECT_TRUE(c.send(text));
         ending end;
@@ -397,13 +401,46 @@ TEST_F(collector_server, login_answers_a_session_and_the_whole_plan) {
                           "\r\n\r\nPOL\t0\t30\nLAA\t1\t1\t5\t5\t5\n");
 }
 
-TEST_F(collector_server, a_new_login_ends_the_older_session_of_the_same_agent_only) {
-    start();
-    std::string first = log_in("one"), other = log_in("two"), second = log_in("one");
-    EXPECT_NE(first, second);
-    EXPECT_EQ(ask(poll_text(first, "")).text, refused_text);
-    EXPECT_EQ(ask(poll_text(second, "")).text, empty_text);
+/* The older session is in use after a login: there are two hosts. The first one keeps the name. */
+TEST_F(collector_server, of_two_hosts_under_one_name_the_first_keeps_it) {
+    start("POL\t0\t30\n");
+    std::string first = log_in("one"), other = log_in("two");
+    reply second = ask(login_text("me@example.org", "one"), "127.0.0.2");
+    ASSERT_EQ(second.session.size(), 32u);
+    EXPECT_EQ(ask(poll_text(second.session, "a"), "127.0.0.2").text, empty_text);
+    EXPECT_EQ(ask(poll_text(first, "b")).text, empty_text);
+    EXPECT_EQ(ask(poll_text(first, "c")).text, empty_text);
+    EXPECT_EQ(ask(poll_text(second.session, "d"), "127.0.0.2").text, refused_text);
+    for (int i = 0; i < 3; ++i) {
+        reply refused = ask(login_text("me@example.org", "one"), "127.0.0.2");
+        EXPECT_EQ(refused.head.substr(0, refused.head.find('\r')), "HTTP/1.0 403 Forbidden");
+        EXPECT_EQ(refused.session, "");
+        EXPECT_EQ(refused.body, "Another host is using this name.\n");
+        EXPECT_EQ(refused.end, ending::clean);
+    }
+    EXPECT_EQ(ask(poll_text(first, "")).text, empty_text);
     EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+    finish();
+    std::vector<std::string> lines = log();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "two hosts under one name: one of me@example.org polls from 127.0.0.1, "
+                         "the other at 127.0.0.2 is refused meanwhile"),
+              1);
+}
+
+TEST_F(collector_server, an_agent_that_starts_again_and_again_is_let_in) {
+    start("POL\t0\t30\n");
+    std::string session;
+    for (int i = 0; i < 10; ++i) {
+        session = log_in("one");
+        ASSERT_EQ(session.size(), 32u);
+        EXPECT_EQ(ask(poll_text(session, "")).text, empty_text);
+    }
+    EXPECT_EQ(ask(poll_text(session, "")).text, empty_text);
+    finish();
+    for (const std::string& line : log()) {
+        EXPECT_EQ(line, "login: one of me@example.org at 127.0.0.1");
+    }
 }
 
 TEST_F(collector_server, an_account_that_is_not_on_the_list_is_told_nothing_that_ends_its_agent) {
@@ -463,6 +500,8 @@ TEST_F(collector_server, a_poll_is_stored_and_answered_with_nothing) {
     EXPECT_EQ(blocks[0].account, "me@example.org");
     EXPECT_EQ(blocks[0].agent, "agent");
     EXPECT_EQ(blocks[0].plain, body);
+    EXPECT_EQ(blocks[0].address, "127.0.0.1");
+    EXPECT_EQ(blocks[0].version, "3.0");
     EXPECT_GE(blocks[0].received, begin);
     EXPECT_LE(blocks[0].received, time(nullptr));
 }
@@ -591,6 +630,38 @@ TEST_F(collector_server, lines_added_are_sent_once_at_the_next_poll) {
     EXPECT_EQ(ask(poll_text(session, "y")).text, empty_text);
     EXPECT_EQ(ask(poll_text(other, "")).body, "LAA\t7\t1\t5\t5\t5\n");
     EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+}
+
+/* What is known from before is removed once, from an agent that ran already. */
+TEST_F(collector_server, an_agent_that_ran_before_the_start_is_put_right) {
+    known_tests earlier;
+    for (const char* agent : {"one", "two", "three"}) {
+        for (uint32_t test : {6, 7}) {
+            earlier.add({.account = "me@example.org",
+                         .agent = agent,
+                         .received = 1000,
+                         .record = load_record(test, 999)});
+        }
+    }
+    start("LAA\t6\t1\t5\t5\t5\n");
+    std::string old_one = log_in("one"), old_two = log_in("two");
+    finish();
+    start("LAA\t7\t1\t5\t5\t5\nDKA\t8\t1\t/\t1\n", earlier);
+    const std::string adds = "LAA\t7\t1\t5\t5\t5\nDKA\t8\t1\t/\t1\n", change = "DKM\t8\t1\t/\t1\n";
+    EXPECT_EQ(ask(poll_text(old_one, "")).text, refused_text);
+    EXPECT_EQ(ask(login_text("me@example.org", "three")).body, adds); /* it has just started */
+    reply lost = ask(login_text("me@example.org", "one"));
+    EXPECT_EQ(lost.body, "LAD\t6\t0\nLAD\t7\t0\n" + adds + change);
+    reply again = ask(login_text("me@example.org", "one")); /* the answer was lost */
+    EXPECT_EQ(again.body, lost.body);
+    EXPECT_EQ(ask(poll_text(again.session, "")).text, empty_text);
+    /* A restart. */
+    EXPECT_EQ(ask(login_text("me@example.org", "one")).body, adds);
+    /* Told to log in again by this collector: that it was removed is known by now. */
+    store_->will_answer(store_result::stored);
+    EXPECT_EQ(ask(poll_text(again.session, "x", 100, 1)).text, refused_text);
+    EXPECT_EQ(ask(login_text("me@example.org", "one")).body,
+              "LAA\t7\t1\t5\t5\t5\nLAM\t7\t1\t5\t5\t5\nDKA\t8\t1\t/\t1\n" + change);
 }
 
 /* An agent stops reading at Content-Length and closes: what is left unread makes that a reset. */

@@ -414,6 +414,8 @@ struct plan::state {
     std::vector<line_use> uses;
     std::set<test_key> planned; /* left when all lines are done */
     std::set<test_key> gone;    /* removed before the lines from any agent that ran already */
+    std::set<test_key> meant;   /* added by lines that are refused: not to be removed */
+    bool sure = false;          /* what is not in the plan is not meant to be there */
     void prepare_logins(const std::vector<parsed_line>& lines);
 
     bool fail(plan& owner, const std::string& why);
@@ -441,6 +443,8 @@ namespace {
 
 /* Fills what the line does; returns the reason why it is not to be sent, "" when it is. */
 std::string check_line(parsed_line& line, presence& tests) {
+    line.does = effect::adds; /* it may be meant to, whatever is wrong with it */
+    line.key = {};
     if (line.text.size() > max_line) {
         return "the line is longer than 64 KiB";
     }
@@ -456,8 +460,8 @@ std::string check_line(parsed_line& line, presence& tests) {
     }
     std::string reason = check_fields(*c, fields, line.text.ends_with('\t'));
     line.does = c->does;
+    line.key = c->does != effect::none && fields.size() > 1 ? key_of(*c, fields) : test_key{};
     if (reason.empty() && c->does != effect::none) {
-        line.key = key_of(*c, fields);
         reason = tests.apply(c->does, line.key);
     }
     return reason;
@@ -539,6 +543,8 @@ void plan::state::take(plan& owner, std::string_view text) {
     presence tests(at_agents);
     std::vector<parsed_line> lines;
     parsed_line line;
+    bool refused = false;
+    meant.clear();
     for (std::string_view rest = text; take_line(rest, line.text);) {
         line.number++;
         if (is_comment(line.text)) {
@@ -547,10 +553,16 @@ void plan::state::take(plan& owner, std::string_view text) {
         std::string reason = check_line(line, tests);
         if (reason.empty()) {
             lines.push_back(line);
-        } else {
-            problem(line, reason);
+            continue;
+        }
+        problem(line, reason);
+        refused = true;
+        if (line.does == effect::adds) {
+            meant.insert(line.key);
         }
     }
+    sure = !text.empty() && !(refused && lines.empty()) &&
+           std::none_of(meant.begin(), meant.end(), [](test_key key) { return key.second == 0; });
     keep_serials(owner.lines_, lines);
     for (const parsed_line& added : lines) {
         if (added.serial != 0 || (added.does != effect::adds && added.does != effect::removes)) {
@@ -701,18 +713,22 @@ void plan::state::prepare_logins(const std::vector<parsed_line>& lines) {
             poll_interval = std::chrono::seconds(interval);
         }
     }
+    std::set<test_key> added;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (lines[i].does == effect::adds && added.insert(lines[i].key).second) {
+            uses[i].twice = lines[i].key.first != type_snmp &&
+                            lines[i].key.first != type_discovery && planned.contains(lines[i].key);
+        }
+    }
     gone.clear();
     for (const auto& [key, there] : at_agents) {
         /* Agents keep all SNMP tests in one list, and no modify command makes another kind of a
-         * walk. */
-        if (!planned.contains(key) || key.first == type_snmp) {
+         * walk. Of other kinds, an add and a remove command in the plan do it without a word. */
+        bool stays = there && (!sure || meant.contains(key));
+        if (key.first == type_snmp ? planned.contains(key) || !stays
+                                   : !added.contains(key) && !stays) {
             gone.insert(key);
         }
-    }
-    std::set<test_key> put_right = gone;
-    for (size_t i = 0; i < lines.size(); ++i) {
-        uses[i].twice = lines[i].does == effect::adds && lines[i].key.first != type_discovery &&
-                        put_right.insert(lines[i].key).second;
     }
 }
 
@@ -735,9 +751,10 @@ std::string plan::text_for_running(const std::vector<known_test>& known) const {
     std::set<test_key> removed; /* besides these */
     for (const known_test& test : known) {
         test_key key{list_of(test.type), test.id};
+        bool planned = s.planned.contains(key);
         bool stays = key.first == 0 || s.gone.contains(key) ||
                      (must_be_there(key.first) && !test.recent) ||
-                     (key.first == type_discovery && s.planned.contains(key));
+                     (planned ? key.first == type_discovery : !s.sure || s.meant.contains(key));
         if (!stays && removed.insert(key).second) {
             append_removal(text, key);
         }

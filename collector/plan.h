@@ -19,7 +19,8 @@
  * one that runs already it is not known which plan it had last, so it is made a new one: first the
  * tests that it may have are removed, then comes the plan, each test of it as an add command (which
  * an agent that has the test ignores) and, unless it was removed before, a modify command. Network
- * scans are not begun again.
+ * scans are not begun again. A test is not removed when a line that is refused may be meant to add
+ * it; so nothing is when there is such a line without a code or an id, or no plan at all.
  *
  * Nothing in here may be called by two threads at once. */
 #ifndef VINDRAL_COLLECTOR_PLAN_H

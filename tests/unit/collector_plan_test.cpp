@@ -613,7 +613,7 @@ TEST_F(plan_test, what_an_agent_has_reported_is_removed_before_the_plan_comes) {
 }
 
 TEST_F(plan_test, every_kind_of_test_has_its_remove_command) {
-    plan none("", nullptr);
+    ASSERT_TRUE(start("# no tests\n"));
     const std::pair<uint32_t, const char*> removals[] = {
         {type_network, "NTD\t-7\t0\n"},
         {type_discovery, "DCR\t-7\n"},
@@ -634,10 +634,10 @@ TEST_F(plan_test, every_kind_of_test_has_its_remove_command) {
         {99, ""},
     };
     for (const auto& [type, text] : removals) {
-        EXPECT_EQ(none.text_for_running({{type, -7}}), text) << type;
+        EXPECT_EQ(p->text_for_running({{type, -7}}), text) << type;
         bool complains = type == type_network || type == type_discovery || type == type_process ||
                          type == type_disk;
-        EXPECT_EQ(none.text_for_running({{type, -7, false}}), complains ? "" : text) << type;
+        EXPECT_EQ(p->text_for_running({{type, -7, false}}), complains ? "" : text) << type;
     }
 }
 
@@ -655,6 +655,48 @@ TEST_F(plan_test, tests_of_lines_that_are_gone_are_removed_from_agents_that_run)
     settle();
     EXPECT_EQ(p->text_for_running({}), "LAD\t5\t0\nLAD\t6\t0\n");
     EXPECT_EQ(p->text_for_new(), "");
+}
+
+/* Without a word: neither is there nothing to remove, nor is something there already. */
+TEST_F(plan_test, a_test_that_the_plan_adds_and_removes_is_left_to_it) {
+    std::string text = "PRA\t5\t1\t90\t-1\t-1\td\nPRD\t5\t0\n";
+    start(text);
+    EXPECT_EQ(p->text_for_running({}), text);
+    EXPECT_EQ(p->text_for_new(), text);
+}
+
+/* A slip in the file must not take tests away. */
+TEST_F(plan_test, what_a_refused_line_may_mean_is_not_removed) {
+    const std::vector<known_test> known = {{type_load_average, 5}, {type_load_average, 6}};
+    const std::string change6 = laa6 + "LAM\t6\t1\t1\t2\t3\n";
+    const std::pair<std::string, std::string> cases[] = {
+        {"# comment\n", "LAD\t5\t0\nLAD\t6\t0\n"},
+        {laa6, "LAD\t5\t0\nLAD\t6\t0\n" + laa6},
+        {"LAA\t5\t1\t1\t2\n" + laa6, "LAD\t6\t0\n" + laa6}, /* only this one */
+        {"LAD\t5\t0\nLAM\t5\t1\t1\t2\t3\nPOL\t0\t0\n" + laa6,
+         "LAD\t5\t0\nLAD\t6\t0\n" + laa6}, /* none that adds */
+        {"LAA 5 1 1 2 3\n" + laa6, "LAD\t6\t0\n" + laa6},
+        {"laa\t5\t1\t1\t2\t3\n" + laa6, "LAD\t6\t0\n" + laa6},
+        {"LAA\tfive\t1\t1\t2\t3\n" + laa6, "LAD\t6\t0\n" + laa6},
+        {"UPD\ta\tb\t" + std::string(65536, 'x') + "\n" + laa6, "LAD\t6\t0\n" + laa6},
+        {"POL\t0\t0\n", ""},
+        {"", ""},
+    };
+    for (const auto& [text, sent] : cases) {
+        EXPECT_TRUE(start(text));
+        EXPECT_EQ(p->text_for_running(known), sent) << text;
+    }
+    EXPECT_EQ(plan("", nullptr).text_for_running(known), "");
+
+    start(laa5 + laa6);
+    write_text(path, "LAA 5 1 1 2 3\n" + laa6);
+    settle();
+    settle();
+    EXPECT_EQ(p->text_for_running({}), change6);
+    write_text(path, laa6);
+    settle();
+    settle();
+    EXPECT_EQ(p->text_for_running({}), "LAD\t5\t0\n" + change6);
 }
 
 TEST_F(plan_test, the_last_interval_between_polls_counts) {

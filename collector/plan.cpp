@@ -734,6 +734,7 @@ void plan::state::prepare_logins(const std::vector<parsed_line>& lines) {
 
 std::string plan::text_for_new() const {
     std::string text;
+    text.reserve(state_->content.size());
     for (size_t i = 0; i < lines_.size(); ++i) {
         if (state_->uses[i].sent) {
             text.append(lines_[i].text).append("\n");
@@ -745,6 +746,7 @@ std::string plan::text_for_new() const {
 std::string plan::text_for_running(const std::vector<known_test>& known) const {
     const state& s = *state_;
     std::string text;
+    text.reserve(2 * s.content.size());
     for (const test_key& key : s.gone) {
         append_removal(text, key);
     }

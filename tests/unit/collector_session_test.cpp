@@ -84,6 +84,7 @@ TEST(collector_session, one_late_poll_is_no_conflict) {
     auto after = table.log_in("a@b.c", "agent", noon + 1s, "10.0.0.1", &conflict);
     EXPECT_EQ(table.find(before->id, noon + 2s, "10.0.0.1", &conflict), before);
     auto again = table.log_in("a@b.c", "agent", noon + 3s, "10.0.0.1", &conflict);
+    ASSERT_TRUE(again);
     EXPECT_EQ(table.find(after->id, noon + 4s, "10.0.0.1", &conflict), nullptr);
     EXPECT_EQ(table.find(again->id, noon + 4s, "10.0.0.1", &conflict), again);
     EXPECT_FALSE(conflict.found);

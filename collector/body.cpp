@@ -30,20 +30,28 @@ struct inflate_stream {
     }
 };
 
-/* `plain` grows with what really comes out, so that a small body which announces much costs little.
- * One byte more than announced is asked for: that is how a longer one shows. */
+constexpr size_t most_to_one = 1032; /* what a byte of zlib's can become */
+
+/* Room for what is announced is set aside in one go, because growing means copying; memory is
+ * filled, and so really taken, with what comes out. One byte more than announced is asked for: that
+ * is how a longer one shows. */
 bool inflate_body(std::string_view wire, size_t announced, std::string& plain, std::string& error) {
+    const char* other_size = "the body does not have the announced size when decompressed";
+    if (announced / most_to_one > wire.size()) {
+        return fail(error, other_size);
+    }
     inflate_stream stream;
     if (!stream.open) {
-        return fail(error, "no memory to decompress");
+        throw std::bad_alloc();
     }
+    plain.reserve(announced + 1);
     /* wire.size() fits: body_limits are far below 4 GiB, and the caller checked them. */
     stream.z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(wire.data()));
     stream.z.avail_in = static_cast<uInt>(wire.size());
     int result = Z_OK;
     size_t filled = 0;
     while (result == Z_OK && filled <= announced) {
-        size_t room = std::min(announced + 1 - filled, std::max<size_t>(filled, 64 * 1024));
+        size_t room = std::min(announced + 1 - filled, size_t{256} << 10);
         plain.resize(filled + room);
         stream.z.next_out = reinterpret_cast<Bytef*>(plain.data() + filled);
         stream.z.avail_out = static_cast<uInt>(room);
@@ -58,7 +66,7 @@ bool inflate_body(std::string_view wire, size_t announced, std::string& plain, s
         return fail(error, "the body is not what zlib compresses");
     }
     if (filled != announced) {
-        return fail(error, "the body does not have the announced size when decompressed");
+        return fail(error, other_size);
     }
     if (stream.z.avail_in > 0) {
         return fail(error, "there are bytes behind the compressed body");
@@ -81,16 +89,17 @@ bool unpack_body(std::string_view wire, uint64_t compression, uint64_t checksum,
     if (checksum != 0 && !checksum_matches(wire, checksum)) {
         return fail(error, "the checksum is wrong");
     }
+    if (compression == 0) {
+        plain.assign(wire);
+        return true;
+    }
     try {
-        if (compression == 0) {
-            plain.assign(wire);
-            return true;
-        }
         if (inflate_body(wire, announced, plain, error)) {
             return true;
         }
     } catch (const std::bad_alloc&) {
-        error = "no memory to decompress";
+        std::string().swap(plain);
+        throw;
     }
     std::string().swap(plain);
     return false;

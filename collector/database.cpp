@@ -37,6 +37,10 @@ statement& statement::bind_blob(std::string_view value) {
         sqlite3_bind_blob64(handle_.get(), ++bound_, value.data(), value.size(), SQLITE_STATIC));
 }
 
+statement& statement::bind_unfilled_blob(size_t bytes) {
+    return bound(sqlite3_bind_zeroblob64(handle_.get(), ++bound_, bytes));
+}
+
 int statement::step() {
     return bind_result_ == SQLITE_OK ? sqlite3_step(handle_.get()) : bind_result_;
 }
@@ -58,6 +62,16 @@ std::string_view statement::bytes(int column) const {
     size_t size = static_cast<size_t>(sqlite3_column_bytes(handle_.get(), column));
     return data != nullptr ? std::string_view(static_cast<const char*>(data), size)
                            : std::string_view();
+}
+
+bool database_fill_blob(sqlite3* db, const std::string& table, const char* column,
+                        std::string_view bytes) {
+    sqlite3_blob* blob = nullptr;
+    bool ok =
+        sqlite3_blob_open(db, "main", table.c_str(), column, sqlite3_last_insert_rowid(db), 1,
+                          &blob) == SQLITE_OK &&
+        sqlite3_blob_write(blob, bytes.data(), static_cast<int>(bytes.size()), 0) == SQLITE_OK;
+    return sqlite3_blob_close(blob) == SQLITE_OK && ok;
 }
 
 static bool read_number(sqlite3* db, const char* sql, int64_t& number, std::string& error) {

@@ -46,6 +46,11 @@ enum class database_layout {
     current, /* database_version */
 };
 
+/* Writes the blob of the row that was inserted last, which has that size: straight into the file's
+ * pages, where a bound one would be copied whole. */
+bool database_fill_blob(sqlite3* db, const std::string& table, const char* column,
+                        std::string_view bytes);
+
 /* Whether the file is one of ours that this program understands. */
 bool database_check(sqlite3* db, database_layout& layout, std::string& error);
 
@@ -73,6 +78,8 @@ public:
     statement& bind(std::optional<int64_t> value);
     statement& bind_text(std::string_view value);
     statement& bind_blob(std::string_view value);
+    /* A blob that database_fill_blob() fills. As the last column of a row it costs no memory. */
+    statement& bind_unfilled_blob(size_t bytes);
 
     /* True when there is a row. */
     bool row() { return step() == SQLITE_ROW; }

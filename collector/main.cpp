@@ -89,7 +89,8 @@ static server_options server_options_from(const options& o) {
     s.max_per_address = o.max_per_address ? o.max_per_address : (s.max_connections + 7) / 8;
     s.body.max_wire = o.max_body_mb << 20;
     s.body.max_plain = s.body.max_wire * 16;
-    s.body_memory = s.body.max_plain + 8 * s.body.max_wire;
+    s.body_memory = 8 * s.body.max_wire;
+    s.large_memory = 8 * s.body.max_wire;
     return s;
 }
 
@@ -186,6 +187,7 @@ static int run_server(const options& o) {
     std::unique_ptr<store_listener> output =
         make_output(o.quiet ? output_kind::quiet : choose_output(STDOUT_FILENO, o.json));
     store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
+    keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     std::unique_ptr<store> results = store::open(keeping, output.get(), error);
     if (!results) {
         return fail(error);

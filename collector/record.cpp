@@ -1,5 +1,8 @@
 #include "record.h"
 
+#include <algorithm>
+#include <bit>
+
 namespace {
 
 struct header {
@@ -15,9 +18,10 @@ struct layout {
     size_t nested_at;
 };
 
-/* What one decoding may still cost, in bytes looked at. A record with missing strings is tried with
- * each possible number of them, on every level of nesting: without this, a block made for the
- * purpose would take time that grows with a power of its size. */
+/* What one decoding may still cost, in bytes looked at; a step to another string counts for some
+ * more. A record with missing strings is tried with each possible number of them, on every level of
+ * nesting: without this, a block made for the purpose would take time that grows with a power of
+ * its size. */
 struct budget {
     size_t left;
     bool exhausted = false;
@@ -35,25 +39,20 @@ struct budget {
     }
 };
 
-uint32_t read_size(std::string_view bytes) {
-    uint32_t size;
-    memcpy(&size, bytes.data(), sizeof(size));
-    return size;
-}
-
 /* The size of the record at the start of `bytes`, 0 when there cannot be one. */
 size_t size_at(std::string_view bytes) {
     if (bytes.size() < record_header_size) {
         return 0;
     }
-    size_t size = read_size(bytes);
+    size_t size = length_of_record(bytes);
     return size < record_header_size || size > bytes.size() ? 0 : size;
 }
 
 /* The end of the string at `at`, its NUL included; 0 when there is none. */
 size_t string_end(std::string_view bytes, size_t at, budget& work) {
+    const size_t step = 8;
     size_t end = bytes.find('\0', at);
-    if (!work.spend((end == bytes.npos ? bytes.size() : end) - at + 1) || end == bytes.npos ||
+    if (!work.spend((end == bytes.npos ? bytes.size() : end) - at + step) || end == bytes.npos ||
         end == at) {
         return 0;
     }
@@ -89,19 +88,45 @@ bool is_run(std::string_view bytes, size_t count, int depth, budget& work) {
     return true;
 }
 
+/* 0x80 for each byte of eight that is 0, and 0 for every other. */
+uint64_t zero_bytes(uint64_t word) {
+    const uint64_t low = 0x7f7f7f7f7f7f7f7f;
+    return ~(((word & low) + low) | word | low);
+}
+
+/* Whether `bytes` are strings, none of them empty, to the last byte; how many. Eight bytes at a
+ * time, because a string may have one. */
+bool are_strings(std::string_view bytes, size_t& count) {
+    count = 0;
+    size_t i = 0;
+    uint64_t before = 0x80; /* as if a string had just ended: the first is not empty either */
+    uint64_t empty = 0;
+    for (; i + 8 <= bytes.size(); i += 8) {
+        uint64_t word;
+        memcpy(&word, bytes.data() + i, sizeof(word));
+        uint64_t zeros = zero_bytes(word);
+        count += static_cast<size_t>(std::popcount(zeros));
+        empty |= zeros & (zeros << 8 | before);
+        before = zeros >> 56;
+    }
+    for (; i < bytes.size(); i++) {
+        uint64_t zero = bytes[i] == '\0' ? 0x80 : 0;
+        count += zero != 0;
+        empty |= zero & before;
+        before = zero;
+    }
+    return empty == 0 && (bytes.empty() || bytes.back() == '\0');
+}
+
 /* Only strings behind the values: they fill the record, and there are at most as many as declared.
  */
 bool find_strings(std::string_view bytes, budget& work, layout& found) {
-    size_t at = found.strings_at;
-    found.string_count = 0;
-    while (at < bytes.size()) {
-        at = found.string_count < found.head.sarr ? string_end(bytes, at, work) : 0;
-        if (at == 0) {
-            return work.fail("bytes behind its values are not the strings it declares");
-        }
-        found.string_count++;
+    std::string_view rest = bytes.substr(found.strings_at);
+    if (!work.spend(rest.size()) || !are_strings(rest, found.string_count) ||
+        found.string_count > found.head.sarr) {
+        return work.fail("bytes behind its values are not the strings it declares");
     }
-    found.nested_at = at;
+    found.nested_at = bytes.size();
     return true;
 }
 
@@ -175,8 +200,13 @@ const char* take_values(value_array<T>& values, const char* at, uint32_t count) 
 } // namespace
 
 bool decode_record(std::string_view bytes, record& r, std::string& reason) {
-    /* An honest record is looked at once; the rest is for missing strings. */
-    budget work{32 * bytes.size() + 4096};
+    if (bytes.size() > record_max_size) {
+        reason = "no record is as large as " + std::to_string(bytes.size()) + " bytes";
+        return false;
+    }
+    /* An honest record is looked at once; the rest is for missing strings, which only small records
+     * have together with many strings that are there. */
+    budget work{4 * bytes.size() + std::min<size_t>(28 * bytes.size(), 4 << 20) + 4096};
     layout found;
     if (!find_layout(bytes, 1, work, found)) {
         reason = work.reason;
@@ -191,19 +221,9 @@ bool decode_record(std::string_view bytes, record& r, std::string& reason) {
     take_values(r.d64, at, found.head.d64);
 
     r.declared_strings = found.head.sarr;
-    r.strings.clear();
-    size_t offset = found.strings_at;
-    for (size_t i = 0; i < found.string_count; i++) {
-        size_t end = bytes.find('\0', offset);
-        r.strings.push_back(bytes.substr(offset, end - offset));
-        offset = end + 1;
-    }
-    r.nested.clear();
-    for (std::string_view rest = bytes.substr(found.nested_at); !rest.empty();) {
-        size_t size = read_size(rest);
-        r.nested.push_back(rest.substr(0, size));
-        rest.remove_prefix(size);
-    }
+    r.strings = {bytes.substr(found.strings_at, found.nested_at - found.strings_at),
+                 found.string_count};
+    r.nested = {bytes.substr(found.nested_at), found.head.udca};
     return true;
 }
 
@@ -219,7 +239,7 @@ bool block_reader::next() {
     if (size == 0) {
         reason = rest.size() < record_header_size
                      ? "too short for a record"
-                     : "no record has the size " + std::to_string(read_size(rest));
+                     : "no record has the size " + std::to_string(length_of_record(rest));
         return true;
     }
     bytes = size;

@@ -3,6 +3,7 @@
 #include "connection.h"
 #include "request.h"
 #include "text.h"
+#include "turns.h"
 
 #include <algorithm>
 #include <array>
@@ -15,6 +16,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <ctime>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -212,7 +214,8 @@ struct server::state {
     asio::io_context context{1};
     tcp::acceptor acceptor{context};
     asio::steady_timer sweep_timer{context};
-    asio::thread_pool unpacker{1};
+    asio::thread_pool unpacker{1}, huge_unpacker{1};
+    turns large_bodies{options.large_memory}, huge_bodies{options.body.max_plain};
 
     awaitable<void> accept_all();
     void admit(tcp::socket socket, const tcp::endpoint& from);
@@ -228,6 +231,8 @@ struct server::state {
     awaitable<void> answer_login(exchange& x);
     awaitable<void> answer_poll(exchange& x);
     awaitable<block_end> take_block(exchange& x, const session& from);
+    awaitable<bool> wait_for_turn(exchange& x, turns& all, std::optional<turns::place>& place,
+                                  const session& from, size_t bytes);
     awaitable<bool> unpack(const request& head, const std::string& wire, std::string& plain,
                            std::string& error);
     awaitable<store_result> keep(poll_block block);
@@ -614,11 +619,19 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
     if (!whole) {
         co_return block_end::broken;
     }
-    if (!body.share.add(std::max<size_t>(body.wire.size(), x.head.compression))) {
+    const size_t size = std::max<size_t>(body.wire.size(), x.head.compression);
+    begin_phase(x, options.deadlines.whole);
+    std::optional<turns::place> turn;
+    if (size > options.unpack_here) {
+        turns& all = size > options.huge ? huge_bodies : large_bodies;
+        bool come = co_await wait_for_turn(x, all, turn, from, size);
+        if (!come) {
+            co_return block_end::broken;
+        }
+    } else if (!body.share.add(size)) {
         log(event::memory, "no memory left to unpack: reset " + describe(from, x));
         co_return block_end::broken;
     }
-    begin_phase(x, options.deadlines.whole);
     poll_block block{.account = from.account,
                      .agent = from.agent,
                      .plain = "",
@@ -631,6 +644,7 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
         log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
         co_return block_end::again;
     }
+    std::string().swap(body.wire);
     if (block.plain.empty()) {
         co_return block_end::stored;
     }
@@ -647,7 +661,27 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
     co_return block_end::broken;
 }
 
-/* unpack_body(), on the other thread when that may take long. */
+/* Until there is room for another large body. False when the connection was given up meanwhile, or
+ * the agent has one under way: that comes again after its interval, and is known as stored then. */
+awaitable<bool> server::state::wait_for_turn(exchange& x, turns& all,
+                                             std::optional<turns::place>& place,
+                                             const session& from, size_t bytes) {
+    asio::steady_timer come(context);
+    place.emplace(all, address_key(x.from.address()), from.account + '\0' + from.agent, bytes,
+                  [&come] { come.cancel(); });
+    if (place->refused()) {
+        log(event::memory, "another large body is under way: reset " + describe(from, x));
+        co_return false;
+    }
+    while (!place->begun() && !x.link.given_up()) {
+        come.expires_after(tick);
+        co_await come.async_wait(asio::as_tuple(asio::use_awaitable));
+    }
+    co_return place->begun() && !x.link.given_up();
+}
+
+/* unpack_body(), on another thread when that may take long; on yet another one when that may take
+ * very long. Without memory the connection ends. */
 awaitable<bool> server::state::unpack(const request& head, const std::string& wire,
                                       std::string& plain, std::string& error) {
     auto work = [&] {
@@ -656,20 +690,23 @@ awaitable<bool> server::state::unpack(const request& head, const std::string& wi
     if (std::max<size_t>(wire.size(), head.compression) <= options.unpack_here) {
         co_return work();
     }
-    auto elsewhere = [this, work, &error](auto handler) {
+    auto& thread = head.compression > options.huge ? huge_unpacker : unpacker;
+    auto elsewhere = [this, work, &thread](auto handler) {
         auto held = std::make_shared<decltype(handler)>(std::move(handler));
-        asio::post(unpacker, [this, work, &error, held, guard = asio::make_work_guard(context)] {
+        asio::post(thread, [this, work, held, guard = asio::make_work_guard(context)] {
             bool good = false;
+            std::exception_ptr thrown;
             try {
                 good = work();
             } catch (const std::exception&) {
-                error = "no memory"; /* fits into any string */
+                thrown = std::current_exception();
             }
-            post_surely(context, [good, held] { std::move (*held)(good); });
+            post_surely(context, [thrown, good, held] { std::move (*held)(thrown, good); });
         });
     };
-    co_return co_await asio::async_initiate<const asio::use_awaitable_t<>, void(bool)>(
-        elsewhere, asio::use_awaitable);
+    co_return co_await asio::async_initiate<const asio::use_awaitable_t<>,
+                                            void(std::exception_ptr, bool)>(elsewhere,
+                                                                            asio::use_awaitable);
 }
 
 /* Hands a block to the store and waits until it is committed. */

@@ -3,7 +3,8 @@
  * page test or a browser to find. Nothing else is done without TLS.
  *
  * THREADS  One thread runs everything of the network: run(). Large bodies are unpacked on a second
- * one, so that they do not hold up the others; storing has the store's thread.
+ * one, huge ones on a third, so that they do not hold up the others; storing has the store's
+ * thread.
  *
  * WHAT AN AGENT TAKES FOR WHAT  Any whole answer, whatever its status line, makes an agent drop the
  * block it has sent, except the bodies "111111" (keep it, log in again) and "666666" (stop). So a
@@ -19,8 +20,10 @@
  * connection when it is 0.
  *
  * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies and answers
- * held: beyond, the connection whose body or answer would not fit is reset. Every phase has a
- * deadline, and the whole exchange has one, since an agent gives up after 15 seconds. */
+ * held: beyond, the connection whose body or answer would not fit is reset. What is large when
+ * unpacked waits for its turn in bounds of its own (see turns.h), one body of an agent at a time.
+ * Every phase has a deadline, and the whole exchange has one, since an agent gives up after 15
+ * seconds. */
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
@@ -60,8 +63,13 @@ struct server_options {
     size_t max_per_address = 1250; /* an IPv4 address or an IPv6 /64 */
     body_limits body;
     size_t body_memory =
-        384u << 20; /* bodies, packed and unpacked, and answers, of all connections */
-    size_t unpack_here = 128u << 10; /* larger bodies are unpacked on the second thread */
+        128u << 20; /* bodies as sent, small ones unpacked, and answers, of all connections */
+    /* Larger bodies, unpacked, are unpacked on a second thread and wait until what is unpacked and
+     * not yet stored of such is below `large_memory`. Those larger than `huge` have a thread of
+     * their own and body_limits::max_plain for all of them. */
+    size_t unpack_here = 128u << 10;
+    size_t huge = 32u << 20;
+    size_t large_memory = 128u << 20;
     session_limits sessions;
     server_deadlines deadlines;
 };

@@ -5,6 +5,10 @@
  * and whatever ends the process before the commit leaves nothing: the agent was not answered and
  * sends again.
  *
+ * A large block is written in slices, one in each transaction and the blocks of other agents
+ * between them, so that nobody waits for the whole of it. How far it got is in the agent's row,
+ * behind the hash: a block that comes again after an end in its middle goes on from there.
+ *
  * A commit whose answer is lost is what makes blocks come twice. An agent has one block pending at
  * a time and sends it unchanged until it is accepted, so a repetition can only be of its last
  * stored block. The hash of that block is in the agent's row and changes in the transaction that
@@ -28,9 +32,11 @@
 #include "record.h"
 #include "schema.h"
 #include "text.h"
+#include "undecodable.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <deque>
@@ -39,12 +45,14 @@
 #include <map>
 #include <mutex>
 #include <openssl/evp.h>
+#include <optional>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
+#include <unordered_map>
 
 namespace {
 
@@ -115,67 +123,63 @@ bool make_private_directory(const std::string& path) {
     return S_ISDIR(status.st_mode);
 }
 
-bool write_file(const std::string& path, std::string_view data) {
-    unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    while (file && !data.empty()) {
-        ssize_t written = write(file.get(), data.data(), data.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        data.remove_prefix(static_cast<size_t>(written));
-    }
-    return file && fsync(file.get()) == 0;
-}
-
 bool sync_directory(const std::string& path) {
     unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return directory && fsync(directory.get()) == 0;
 }
 
-std::string sha256(std::string_view bytes) {
-    std::string hash(32, '\0');
-    EVP_Digest(bytes.data(), bytes.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr,
-               EVP_sha256(), nullptr);
-    return hash;
-}
-
-std::string hex(std::string_view bytes) {
-    std::string text;
-    for (unsigned char byte : bytes) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
+/* SHA-256 of bytes that come in pieces. */
+class running_hash {
+public:
+    running_hash() : context_(EVP_MD_CTX_new()) {
+        EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr);
     }
-    return text;
-}
+    void add(std::string_view bytes) {
+        EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size());
+    }
+    std::string finish() {
+        std::string hash(32, '\0');
+        EVP_DigestFinal_ex(context_.get(), reinterpret_cast<unsigned char*>(hash.data()), nullptr);
+        return hash;
+    }
 
-/* All pieces of a block that are no records. */
-struct undecodable {
-    std::string data;  /* the pieces, one behind the other */
-    size_t offset = 0; /* of the first */
-    std::string reason;
-    std::string kept_as;
+private:
+    struct release {
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    };
+    std::unique_ptr<EVP_MD_CTX, release> context_;
 };
 
-undecodable find_undecodable(std::string_view block) {
-    undecodable bad;
-    size_t pieces = 0;
-    for (block_reader reader(block); reader.next();) {
-        if (reader.good) {
-            continue;
-        }
-        if (pieces++ == 0) {
-            bad.offset = reader.offset;
-            bad.reason = reader.reason;
-        }
-        bad.data += block.substr(reader.offset, reader.bytes);
+std::string sha256(std::string_view bytes) {
+    running_hash hash;
+    hash.add(bytes);
+    return hash.finish();
+}
+
+/* What is done of a large block in one go, some 50 ms of work: the rest waits for the others. The
+ * last record of a slice may be one of record_max_size. */
+struct slice_limits {
+    size_t hashed = 16u << 20;
+    size_t bytes = 4u << 20;
+    size_t records = 8192;
+    std::chrono::milliseconds decoding{20};
+};
+slice_limits slice; /* a test makes it small */
+
+constexpr size_t large_record = 1 << 20; /* bytes: is not copied for the database */
+
+/* What stands in an agent's row for a block that is stored up to `stored`: its hash, and that. */
+std::string unfinished(const std::string& hash, uint64_t stored) {
+    return hash + std::string(reinterpret_cast<const char*>(&stored), sizeof(stored));
+}
+
+/* Where to go on with the block of `hash`. */
+size_t stored_before(const std::string& last_block, const std::string& hash, size_t size) {
+    uint64_t stored = 0;
+    if (last_block.size() == hash.size() + sizeof(stored) && last_block.starts_with(hash)) {
+        memcpy(&stored, last_block.data() + hash.size(), sizeof(stored));
     }
-    if (pieces > 1) {
-        bad.reason += "; and " + std::to_string(pieces - 1) + " more";
-    }
-    return bad;
+    return stored < size ? stored : 0;
 }
 
 /* Held by the process that uses the directory. */
@@ -230,7 +234,52 @@ struct job {
     poll_block block;
     std::function<void(store_result)> done;
     store_result result = store_result::failed;
-    undecodable bad;
+    bool large = false;
+    bool unfinished = false; /* after a batch: its next slice is for a later one */
+    std::optional<running_hash> hashing;
+    size_t hashed = 0;       /* bytes */
+    std::string hash;        /* once it is known */
+    size_t stored = 0;       /* bytes in slices that are committed */
+    size_t from = 0, to = 0; /* the slice, in `plain`; all of a block that is not large */
+    undecodable_summary bad; /* of the slice */
+    std::string kept_as;     /* empty when it was not kept */
+
+    std::string_view part() const { return std::string_view(block.plain).substr(from, to - from); }
+    bool last_part() const { return to == block.plain.size(); }
+};
+
+/* Blocks that wait, and how much of each agent and from each address. */
+struct waiting_blocks {
+    std::deque<job> jobs;
+    size_t bytes = 0; /* the batch that is being written included */
+    std::unordered_map<std::string, size_t> shares;
+
+    static std::string agent(const poll_block& b) { return b.account + '\0' + b.agent; }
+    static std::string address(const poll_block& b) { return b.address; }
+
+    /* One that nothing of the same agent or address waits before is let in whatever its size, or
+     * the largest would never be. */
+    bool fits(const std::string& owner, size_t more, size_t most) const {
+        auto share = shares.find(owner);
+        return owner.empty() || share == shares.end() || share->second + more <= most;
+    }
+    void add(job j) {
+        size_t more = j.block.plain.size();
+        bytes += more;
+        shares[agent(j.block)] += more;
+        shares[address(j.block)] += more;
+        jobs.push_back(std::move(j));
+    }
+    void leave(const poll_block& b) {
+        bytes -= b.plain.size();
+        for (const std::string& owner : {agent(b), address(b)}) {
+            auto share = shares.find(owner);
+            share->second -= b.plain.size();
+            if (share->second == 0) {
+                shares.erase(share);
+            }
+        }
+    }
 };
 
 /* A result to look up: the day of its table, its id there, and whose it is. */
@@ -333,16 +382,22 @@ public:
         }
         {
             std::unique_lock hold(mutex_);
-            /* A block is let in below the limit whatever its size, or the largest would never be.
-             */
-            if (queued_bytes_ >= options_.max_queued) {
+            const size_t size = block.plain.size();
+            const bool large = size > options_.large;
+            waiting_blocks& queue = large ? large_ : queue_;
+            const size_t most = large ? options_.max_large_queued : options_.max_queued;
+            if (queue.bytes >= most ||
+                !queue.fits(waiting_blocks::agent(block), size, large ? 0 : most / 16) ||
+                !queue.fits(waiting_blocks::address(block), size, large ? most : most / 4)) {
                 hold.unlock();
                 done(store_result::failed);
                 return;
             }
-            size_t bytes = block.plain.size();
-            queue_.push_back({.block = std::move(block), .done = std::move(done), .bad = {}});
-            queued_bytes_ += bytes;
+            job j;
+            j.block = std::move(block);
+            j.done = std::move(done);
+            j.large = large;
+            queue.add(std::move(j));
         }
         wake_.notify_one();
     }
@@ -353,12 +408,15 @@ private:
     bool take_batch(std::deque<job>& batch);
     void write_batch(std::deque<job>& batch);
     void tell(const job& j);
+    void make_room(job& j);
 
     bool store_all(std::deque<job>& batch, std::string& error);
     int try_batch(std::deque<job>& batch, std::string& error);
     bool store_block(job& j);
     bool store_records(const job& j, int64_t agent, latest_results& latest);
-    bool keep_aside(job& j, const std::string& hash);
+    void choose_slice(job& j);
+    bool keep_aside(job& j);
+    bool hash_block(job& j);
     bool find_agent(const poll_block& block, known& agent);
     bool use_day(int64_t received);
 
@@ -391,8 +449,7 @@ private:
 
     std::mutex mutex_; /* guards the next four */
     std::condition_variable wake_;
-    std::deque<job> queue_;
-    size_t queued_bytes_ = 0; /* the batch that is being written included */
+    waiting_blocks queue_, large_; /* of large_ the first is in work; one of an agent */
     bool stopping_ = false;
 
     /* Of the writer thread, once it runs. */
@@ -408,6 +465,7 @@ private:
     int64_t next_drop_ = 0;               /* not before, by steady_clock */
     std::string trouble_, aside_trouble_; /* what was reported last; empty when all is well */
     std::string expiry_trouble_;
+    undecodable_files aside_{aside_directory()};
 
     std::thread writer_;
 };
@@ -747,15 +805,19 @@ bool sqlite_store::store_records(const job& j, int64_t agent, latest_results& la
     if (!use_day(j.block.received)) {
         return false;
     }
-    for (block_reader reader(j.block.plain); reader.next();) {
+    for (block_reader reader(j.part()); reader.next();) {
         if (!reader.good) {
             continue;
         }
         record_summary summary = summarize(reader.current);
         insert_result_.bind(j.block.received).bind(agent).bind(int64_t{summary.type});
         insert_result_.bind(summary.test).bind(summary.location).bind(summary.time);
-        insert_result_.bind(summary.status).bind_blob(reader.current.raw);
-        if (!insert_result_.run()) {
+        std::string_view raw = reader.current.raw;
+        bool large = raw.size() > large_record;
+        insert_result_.bind(summary.status);
+        large ? insert_result_.bind_unfilled_blob(raw.size()) : insert_result_.bind_blob(raw);
+        if (!insert_result_.run() ||
+            (large && !database_fill_blob(db_.get(), "results_" + day_, "record", raw))) {
             return false;
         }
         latest.put(summary, j.block.received, sqlite3_last_insert_rowid(db_.get()));
@@ -763,56 +825,105 @@ bool sqlite_store::store_records(const job& j, int64_t agent, latest_results& la
     return true;
 }
 
-/* The name is the same when the block comes again because the commit failed: one file, not two. */
-bool sqlite_store::keep_aside(job& j, const std::string& hash) {
-    std::string name = utc_day(j.block.received) + "-" + hex(hash.substr(0, 8)) + ".bin";
-    std::string path = aside_directory() + "/" + name;
-    std::string temporary = path + ".tmp";
-    bool kept = make_private_directory(aside_directory()) && write_file(temporary, j.bad.data) &&
-                rename(temporary.c_str(), path.c_str()) == 0 && sync_directory(aside_directory());
-    std::string trouble;
-    if (!kept) {
-        trouble =
-            system_error("cannot keep aside what does not decode, its agent keeps it: " + path);
-        unlink(temporary.c_str());
+/* Walks over what the next slice holds: all of the block, unless that is large. */
+void sqlite_store::choose_slice(job& j) {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point until = clock::now() + slice.decoding;
+    block_reader reader(std::string_view(j.block.plain).substr(j.from));
+    size_t end = 0;
+    for (size_t records = 0; reader.next(); records++) {
+        if (!reader.good) {
+            j.bad.add(reader);
+        }
+        end = reader.offset + reader.bytes;
+        if (j.large && (end >= slice.bytes || records + 1 >= slice.records ||
+                        (records % 64 == 63 && clock::now() >= until))) {
+            break;
+        }
     }
-    report(aside_trouble_, trouble, "what does not decode is kept aside again");
-    j.bad.kept_as = path;
-    return kept;
+    j.to = j.from + end;
+}
+
+/* False when the pieces that are no records cannot be written: then the block must come again. What
+ * is dropped because too much comes is no failure. */
+bool sqlite_store::keep_aside(job& j) {
+    std::string name = j.from == 0 ? j.hash : sha256(unfinished(j.hash, j.from));
+    std::string path, error;
+    auto outcome = aside_.keep(j.block.account, j.block.agent, j.block.received, name, j.part(),
+                               j.bad.bytes, undecodable_files::clock::now(), path, error);
+    if (outcome == undecodable_files::outcome::kept) {
+        j.kept_as = path;
+    }
+    bool failed = outcome == undecodable_files::outcome::failed;
+    report(aside_trouble_,
+           failed ? "cannot keep aside what does not decode, its agent keeps it: " + error : "",
+           "what does not decode is kept aside again");
+    return !failed;
+}
+
+/* True when the whole hash is there. */
+bool sqlite_store::hash_block(job& j) {
+    if (!j.hash.empty()) {
+        return true;
+    }
+    if (!j.hashing) {
+        j.hashing.emplace();
+    }
+    std::string_view rest = std::string_view(j.block.plain).substr(j.hashed);
+    std::string_view now = rest.substr(0, j.large ? slice.hashed : rest.size());
+    j.hashing->add(now);
+    j.hashed += now.size();
+    if (j.hashed < j.block.plain.size()) {
+        return false;
+    }
+    j.hash = j.hashing->finish();
+    j.hashing.reset();
+    return true;
 }
 
 /* False when the database failed; then the whole batch is lost. A block that cannot be kept for
  * reasons of its own just stays `failed`. */
 bool sqlite_store::store_block(job& j) {
-    std::string hash = sha256(j.block.plain);
+    j.result = store_result::failed;
+    j.bad = {};
+    j.kept_as.clear();
+    j.unfinished = !hash_block(j);
+    if (j.unfinished) {
+        return true;
+    }
     known agent;
     if (!find_agent(j.block, agent)) {
         return false;
     }
-    if (hash == agent.last_hash) {
+    if (j.hash == agent.last_hash) {
         j.result = store_result::duplicate;
         return true;
     }
-    j.bad = find_undecodable(j.block.plain);
-    if (!j.bad.data.empty()) {
-        if (!keep_aside(j, hash)) {
+    j.from = j.stored > 0 ? j.stored : stored_before(agent.last_hash, j.hash, j.block.plain.size());
+    choose_slice(j);
+    if (j.bad.bytes > 0) {
+        if (!keep_aside(j)) {
             return true;
         }
-        std::string name = fs::path(j.bad.kept_as).filename();
-        insert_undecodable_.bind(j.block.received).bind(agent.id).bind(int64_t(j.bad.offset));
-        insert_undecodable_.bind(int64_t(j.bad.data.size()))
-            .bind_text(j.bad.reason)
-            .bind_text(name);
-        if (!insert_undecodable_.run()) {
-            return false;
+        if (!j.kept_as.empty()) {
+            std::string reason = j.bad.text(), name = fs::path(j.kept_as).filename();
+            insert_undecodable_.bind(j.block.received)
+                .bind(agent.id)
+                .bind(int64_t(j.from + j.bad.offset));
+            insert_undecodable_.bind(int64_t(j.bad.bytes)).bind_text(reason).bind_text(name);
+            if (!insert_undecodable_.run()) {
+                return false;
+            }
         }
     }
     if (!store_records(j, agent.id, agent.latest)) {
         return false;
     }
     j.result = store_result::stored;
+    j.unfinished = !j.last_part();
+    std::string mark = j.unfinished ? unfinished(j.hash, j.to) : j.hash;
     std::string latest = agent.latest.packed();
-    update_agent_.bind(j.block.received).bind_blob(hash).bind_blob(latest);
+    update_agent_.bind(j.block.received).bind_blob(mark).bind_blob(latest);
     update_agent_.bind_text(j.block.address).bind_text(j.block.version).bind(agent.id);
     return update_agent_.run();
 }
@@ -824,8 +935,6 @@ int sqlite_store::try_batch(std::deque<job>& batch, std::string& error) {
     }
     bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE");
     for (auto j = batch.begin(); ok && j != batch.end(); ++j) {
-        j->result = store_result::failed;
-        j->bad = {};
         ok = store_block(*j);
     }
     ok = ok && database_exec(db_.get(), "COMMIT");
@@ -903,14 +1012,14 @@ void sqlite_store::tell(const job& j) {
     if (listener_ == nullptr || j.result != store_result::stored) {
         return;
     }
-    for (block_reader reader(j.block.plain); reader.next();) {
+    for (block_reader reader(j.part()); reader.next();) {
         if (reader.good) {
             listener_->on_record(j.block, reader.current);
         }
     }
-    if (!j.bad.data.empty()) {
-        listener_->on_undecodable(j.block, j.bad.offset, j.bad.data.size(), j.bad.reason,
-                                  j.bad.kept_as);
+    if (!j.kept_as.empty()) {
+        listener_->on_undecodable(j.block, j.from + j.bad.offset, j.bad.bytes, j.bad.text(),
+                                  j.kept_as);
     }
 }
 
@@ -926,6 +1035,7 @@ void sqlite_store::write_batch(std::deque<job>& batch) {
     if (!ok) {
         for (job& j : batch) {
             j.result = store_result::failed;
+            j.unfinished = false;
         }
     }
     try {
@@ -938,35 +1048,51 @@ void sqlite_store::write_batch(std::deque<job>& batch) {
             tell(j);
         } catch (const std::exception&) { /* stored all the same */
         }
-        j.done(j.result);
+        j.stored = j.to;
+        if (!j.unfinished) {
+            make_room(j);
+            j.done(j.result);
+        }
     }
 }
 
-/* False when the queue is empty for good. Wakes up now and then for a file that is removed and for
- * days to drop. */
+/* Before the answer: an agent that has one may send its next block at once. */
+void sqlite_store::make_room(job& j) {
+    std::lock_guard hold(mutex_);
+    (j.large ? large_ : queue_).leave(j.block);
+    std::string().swap(j.block.plain);
+}
+
+/* Everything that waits, and the next slice of one large block. False when the queue is empty for
+ * good. Wakes up now and then for a file that is removed and for days to drop. */
 bool sqlite_store::take_batch(std::deque<job>& batch) {
     std::unique_lock hold(mutex_);
-    wake_.wait_for(hold, std::chrono::minutes(1), [this] { return stopping_ || !queue_.empty(); });
-    batch.swap(queue_);
+    wake_.wait_for(hold, std::chrono::minutes(1),
+                   [this] { return stopping_ || !queue_.jobs.empty() || !large_.jobs.empty(); });
+    batch.swap(queue_.jobs);
+    if (!large_.jobs.empty()) {
+        batch.push_back(std::move(large_.jobs.front()));
+        large_.jobs.pop_front();
+    }
     return !batch.empty() || !stopping_;
 }
 
 void sqlite_store::write_batches() {
     std::deque<job> batch;
     while (take_batch(batch)) {
-        size_t bytes = 0;
-        for (const job& j : batch) {
-            bytes += j.block.plain.size();
-        }
         if (!batch.empty()) {
             write_batch(batch);
         }
-        batch.clear();
-        {
+        if (!batch.empty() && batch.back().unfinished) { /* behind the others of its kind */
             std::lock_guard hold(mutex_);
-            queued_bytes_ -= bytes;
+            large_.jobs.push_back(std::move(batch.back()));
         }
+        batch.clear();
         try {
+            std::string dropped = aside_.report(undecodable_files::clock::now());
+            if (!dropped.empty()) {
+                tell_problem(dropped);
+            }
             look_after_file();
             expire();
         } catch (const std::exception&) { /* no memory: at the next batch */

@@ -64,7 +64,13 @@ struct store_options {
     /* Of the days on which results arrived, those before the newest that are kept; 0 keeps all. At
      * most one is dropped an hour, unless fewer are to be kept than in the last run. */
     int keep_days = 30;
-    size_t max_queued = 64u << 20; /* bytes of blocks waiting for the writer; beyond it: failed */
+    /* Bytes of blocks waiting for the writer; beyond it: failed. Of one agent a sixteenth of it
+     * may wait, or a single block. */
+    size_t max_queued = 64u << 20;
+    /* Larger blocks are written in slices, and wait on their own: one of an agent, and in all what
+     * is below this when the next one comes. */
+    size_t large = 256u << 10;
+    size_t max_large_queued = 512u << 20;
 };
 
 class store {

@@ -34,7 +34,8 @@ TEST(record, holds_all_types_in_the_order_of_the_layout) {
     EXPECT_EQ(r.ui64[0], ~uint64_t{0});
     EXPECT_EQ(r.d64[1], -1.0);
     EXPECT_EQ(r.declared_strings, 2u);
-    EXPECT_EQ(r.strings, (std::vector<std::string_view>{"one", "two"}));
+    EXPECT_EQ(std::vector<std::string_view>(r.strings.begin(), r.strings.end()),
+              (std::vector<std::string_view>{"one", "two"}));
     EXPECT_TRUE(r.nested.empty());
 }
 

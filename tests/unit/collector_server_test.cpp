@@ -523,6 +523,96 @@ TEST_F(collector_server, a_packed_body_is_unpacked_large_ones_on_the_other_threa
     EXPECT_EQ(blocks[1].plain, large);
 }
 
+/* One large body is being stored; the next waits unpacked by nobody, and all else goes on. */
+TEST_F(collector_server, nobody_but_another_large_body_waits_for_a_large_one) {
+    options_.large_memory = 1u << 20;
+    options_.body_memory = 512u << 10; /* less than such a body: it has no part in this */
+    start();
+    std::string first = log_in("first"), second = log_in("second"), small = log_in("small");
+    std::string large(1u << 20, 'a'), wire = pack(large);
+    auto send = [&](client& c, const std::string& session) {
+        ASSERT_TRUE(c.handshake());
+        ASSERT_TRUE(c.send(poll_text(session, wire, large.size(), sum_of(wire))));
+    };
+    store_->hold_back(true);
+    client one(port_), again(port_), two(port_), three(port_);
+    send(one, first);
+    store_->wait_for_blocks(1);
+    send(again, first);
+    EXPECT_EQ(again.wait_for_end(), ending::reset); /* one of an agent */
+    send(two, second);
+    ASSERT_TRUE(three.handshake());
+    ASSERT_TRUE(three.send(poll_text(small, "block of records")));
+    store_->wait_for_blocks(2);
+    store_->hold_back(false);
+    for (client* c : {&one, &two, &three}) {
+        ending how;
+        EXPECT_EQ(c->read_all(how), empty_text);
+    }
+    auto blocks = store_->blocks();
+    ASSERT_EQ(blocks.size(), 3u);
+    EXPECT_EQ(blocks[0].agent, "first");
+    EXPECT_EQ(blocks[1].agent, "small");
+    EXPECT_EQ(blocks[2].agent, "second");
+    EXPECT_EQ(blocks[2].plain, large);
+    EXPECT_EQ(ask(poll_text(first, wire, large.size(), sum_of(wire))).text, empty_text);
+}
+
+TEST_F(collector_server, a_large_body_that_waits_too_long_is_reset) {
+    options_.large_memory = 1u << 20;
+    options_.deadlines.whole = 1s;
+    start();
+    std::string first = log_in("first"), second = log_in("second");
+    std::string large(1u << 20, 'a'), wire = pack(large);
+    auto send = [&](const std::string& session) {
+        auto c = std::make_unique<client>(port_);
+        EXPECT_TRUE(c->handshake());
+        c->send(poll_text(session, wire, large.size(), sum_of(wire)));
+        return c;
+    };
+    store_->hold_back(true);
+    std::unique_ptr<client> one;
+    for (int i = 0; i < 100 && store_->blocks().empty(); i++) { /* until one comes in time */
+        one = send(first);
+        for (int j = 0; j < 150 && store_->blocks().empty(); j++) {
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+    ASSERT_EQ(store_->blocks().size(), 1u);
+    EXPECT_EQ(send(second)->wait_for_end(), ending::reset);
+    EXPECT_EQ(store_->blocks().size(), 1u);
+    store_->hold_back(false);
+    /* There is room again when the first is stored, whatever became of its connection. */
+    reply r;
+    for (int i = 0; i < 100 && r.text.empty(); i++) {
+        r = split(send(second)->read_all(r.end), ending::error);
+    }
+    EXPECT_EQ(r.text, empty_text);
+}
+
+TEST_F(collector_server, huge_bodies_have_a_thread_and_a_bound_of_their_own) {
+    options_.large_memory = 1u << 20;
+    options_.huge = 2u << 20;
+    start();
+    std::string first = log_in("first"), second = log_in("second");
+    std::string huge(4u << 20, 'a'), large(1u << 20, 'b');
+    store_->hold_back(true);
+    client one(port_), two(port_);
+    std::string huge_wire = pack(huge), wire = pack(large);
+    ASSERT_TRUE(one.handshake());
+    ASSERT_TRUE(one.send(poll_text(first, huge_wire, huge.size(), sum_of(huge_wire))));
+    store_->wait_for_blocks(1);
+    ASSERT_TRUE(two.handshake());
+    ASSERT_TRUE(two.send(poll_text(second, wire, large.size(), sum_of(wire))));
+    store_->wait_for_blocks(2);
+    store_->hold_back(false);
+    for (client* c : {&one, &two}) {
+        ending how;
+        EXPECT_EQ(c->read_all(how), empty_text);
+    }
+    EXPECT_EQ(store_->blocks()[0].plain, huge);
+}
+
 TEST_F(collector_server, the_answer_comes_after_the_commit) {
     start();
     std::string session = log_in();

@@ -1,6 +1,8 @@
 #include "connection.h"
 
+#include <algorithm>
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <linux/sockios.h>
 #include <netinet/tcp.h>
@@ -13,18 +15,33 @@
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
-static constexpr int most_messages = 32; /* of TLS itself */
+static constexpr int most_messages = 32;       /* of TLS itself */
+static constexpr int most_reads = 2;           /* in one call into TLS; each is 16 KiB at most */
+static constexpr size_t a_turn = 256u << 10;   /* bytes */
+static constexpr size_t a_call = 1024;         /* what a call costs beside its bytes, in bytes */
+static constexpr size_t one_write = 64u << 10; /* bytes */
 
-void connection::give_up() {
-    given_up_ = true;
+void connection::give_up(reason why) {
+    given_up_ = why;
     boost::system::error_code ignored;
     socket_.cancel(ignored);
 }
 
 asio::awaitable<bool> connection::wait(tcp::socket::wait_type what) {
+    spent_ = 0;
     auto [failed] = co_await socket_.async_wait(what, asio::as_tuple(asio::use_awaitable));
     /* A wait that was already over when give_up() came is not cancelled any more. */
-    co_return !failed && !given_up_;
+    co_return !failed && !given_up();
+}
+
+bool connection::turn_is_over() const {
+    return spent_ > a_turn;
+}
+
+asio::awaitable<bool> connection::let_others() {
+    spent_ = 0;
+    co_await asio::post(socket_.get_executor(), asio::use_awaitable);
+    co_return !given_up();
 }
 
 asio::awaitable<bool> connection::first_byte() {
@@ -54,8 +71,8 @@ std::optional<tcp::socket::wait_type> connection::wanted(int result) {
 }
 
 std::string connection::problem() const {
-    if (given_up_) {
-        return "time is up";
+    if (given_up()) {
+        return given_up_ == reason::made_room ? "had to make room" : "time is up";
     }
     if (messages_ > most_messages) {
         return "too many messages of TLS itself";
@@ -70,6 +87,7 @@ asio::awaitable<bool> connection::perform(Call call) {
     for (;;) {
         ERR_clear_error(); /* the queue is the thread's: what other connections left would confuse
                             */
+        reads_ = 0;
         int result = call(ssl_.get());
         if (result > 0) {
             co_return true;
@@ -78,11 +96,31 @@ asio::awaitable<bool> connection::perform(Call call) {
         if (!what) {
             co_return false;
         }
-        bool ready = co_await wait(*what);
+        bool ready = false;
+        if (reads_ > most_reads) {
+            ready = co_await let_others();
+        } else {
+            ready = co_await wait(*what);
+        }
         if (!ready) {
             co_return false;
         }
     }
+}
+
+/* In front of each operation of the socket's BIO, and behind it. TLS takes what this says to a read
+ * that is one too many for a socket with nothing in it. */
+long connection::count_read(BIO* bio, int what, const char*, size_t, int, long, int result,
+                            size_t*) {
+    if (what == BIO_CB_READ) {
+        auto* self = reinterpret_cast<connection*>(BIO_get_callback_arg(bio));
+        if (++self->reads_ > most_reads) {
+            BIO_clear_retry_flags(bio);
+            BIO_set_retry_read(bio);
+            return -1;
+        }
+    }
+    return result;
 }
 
 /* Repeats one call on the socket until it has moved bytes; 0 when it never will. */
@@ -108,6 +146,8 @@ asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
     if (!ssl_ || !SSL_set_fd(ssl_.get(), socket_.native_handle())) {
         co_return false;
     }
+    BIO_set_callback_ex(SSL_get_rbio(ssl_.get()), count_read);
+    BIO_set_callback_arg(SSL_get_rbio(ssl_.get()), reinterpret_cast<char*>(this));
     bool done = co_await perform(SSL_accept);
     SSL_set_msg_callback(ssl_.get(), count_message);
     SSL_set_msg_callback_arg(ssl_.get(), this);
@@ -126,14 +166,23 @@ void connection::count_message(int from_us, int, int type, const void*, size_t, 
 }
 
 asio::awaitable<size_t> connection::read_some(char* data, size_t size) {
-    if (!ssl_) {
-        auto receive = [&](int socket) { return recv(socket, data, size, 0); };
-        co_return co_await perform_plainly(receive, tcp::socket::wait_read);
+    if (turn_is_over()) { /* before the read: `data` may be everybody's */
+        bool mine = co_await let_others();
+        if (!mine) {
+            co_return 0;
+        }
     }
     size_t got = 0;
-    auto call = [&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); };
-    bool done = co_await perform(call);
-    co_return done ? got : 0;
+    if (ssl_) {
+        auto call = [&](SSL* ssl) { return SSL_read_ex(ssl, data, size, &got); };
+        bool done = co_await perform(call);
+        got = done ? got : 0;
+    } else {
+        auto receive = [&](int socket) { return recv(socket, data, size, 0); };
+        got = co_await perform_plainly(receive, tcp::socket::wait_read);
+    }
+    spent_ += uint32_t(got + a_call);
+    co_return got;
 }
 
 asio::awaitable<bool> connection::write(std::string_view data) {
@@ -142,15 +191,22 @@ asio::awaitable<bool> connection::write(std::string_view data) {
     int yes = 1;
     setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_CORK, &yes, sizeof yes);
     while (!data.empty()) {
+        if (turn_is_over()) {
+            bool mine = co_await let_others();
+            if (!mine) {
+                co_return false;
+            }
+        }
+        std::string_view piece = data.substr(0, one_write);
         size_t sent = 0;
         if (ssl_) {
             auto call = [&](SSL* ssl) {
-                return SSL_write_ex(ssl, data.data(), data.size(), &sent);
+                return SSL_write_ex(ssl, piece.data(), piece.size(), &sent);
             };
             co_await perform(call);
         } else {
             auto call = [&](int socket) {
-                return send(socket, data.data(), data.size(), MSG_NOSIGNAL);
+                return send(socket, piece.data(), piece.size(), MSG_NOSIGNAL);
             };
             sent = co_await perform_plainly(call, tcp::socket::wait_write);
         }
@@ -158,6 +214,7 @@ asio::awaitable<bool> connection::write(std::string_view data) {
             co_return false;
         }
         data.remove_prefix(sent);
+        spent_ += uint32_t(sent + a_call);
     }
     co_return true;
 }
@@ -213,6 +270,13 @@ asio::awaitable<bool> connection::drain() {
             co_return false;
         } else {
             left -= size_t(got);
+            spent_ += uint32_t(size_t(got) + a_call);
+        }
+        if (turn_is_over()) {
+            bool mine = co_await let_others();
+            if (!mine) {
+                co_return false;
+            }
         }
     }
 }

@@ -7,14 +7,22 @@
  * An agent takes a clean end of TLS for an accepted poll, and with an old TLS library a bare end of
  * stream too. So sockets arrive here with SO_LINGER 0 (inherited from the listener): however a
  * connection ends, by give_up(), by its destructor or because the process died, the agent sees a
- * reset. Only end_cleanly(), after a whole answer, turns that off. */
+ * reset. Only end_cleanly(), after a whole answer, turns that off.
+ *
+ * The thread is everybody's. A connection that finds something to do each time it looks gives the
+ * thread back after some 256 KiB, where a call counts as one KiB at least, and one call into TLS
+ * ends after two reads from the socket, whatever they held: one-byte records, messages in a
+ * thousand pieces. Both are counted, no clock is read. It goes on when all the others that have
+ * something to do have had their turn, unless it was given up meanwhile; so no peer gets past a
+ * deadline by sending without a pause. What stays in one piece are a handshake's signature and key
+ * exchange. */
 #ifndef VINDRAL_COLLECTOR_CONNECTION_H
 #define VINDRAL_COLLECTOR_CONNECTION_H
 
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/intrusive/list.hpp>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <openssl/ssl.h>
 #include <optional>
@@ -25,17 +33,18 @@ struct free_ssl {
     void operator()(SSL* ssl) const { SSL_free(ssl); }
 };
 
-class connection : public boost::intrusive::list_base_hook<
-                       boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
+class connection {
 public:
     using clock = std::chrono::steady_clock;
 
     connection(boost::asio::ip::tcp::socket socket, clock::time_point deadline)
         : socket_(std::move(socket)), deadline_(deadline) {}
 
+    enum class reason : uint8_t { none, time_is_up, made_room };
+
     /* Ends every wait, now and later. The connection resets once its coroutine has left. */
-    void give_up();
-    bool given_up() const { return given_up_; }
+    void give_up(reason why = reason::time_is_up);
+    bool given_up() const { return given_up_ != reason::none; }
 
     /* Why the last call failed, for the log. */
     std::string problem() const;
@@ -76,14 +85,20 @@ private:
                                                    boost::asio::ip::tcp::socket::wait_type what);
     std::optional<boost::asio::ip::tcp::socket::wait_type> wanted(int result);
     boost::asio::awaitable<bool> wait(boost::asio::ip::tcp::socket::wait_type what);
+    static long count_read(BIO* bio, int what, const char* data, size_t size, int, long, int result,
+                           size_t* moved);
+    bool turn_is_over() const;
+    boost::asio::awaitable<bool> let_others();
     boost::asio::awaitable<bool> drain();
 
     boost::asio::ip::tcp::socket socket_;
     std::unique_ptr<SSL, free_ssl> ssl_;
     clock::time_point deadline_;
     unsigned long tls_error_ = 0;
-    int messages_ = 0; /* of TLS itself, received since the handshake */
-    bool given_up_ = false;
+    uint32_t spent_ = 0; /* bytes since the thread was last given back; a turn and a bit at most */
+    int messages_ = 0;   /* of TLS itself, received since the handshake */
+    uint8_t reads_ = 0;  /* from the socket, in this call into TLS */
+    reason given_up_ = reason::none;
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include "admission.h"
 #include "connection.h"
 #include "request.h"
 #include "text.h"
@@ -15,10 +16,12 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <new>
 #include <optional>
 #include <thread>
-#include <unordered_map>
 #include <unordered_set>
 
 namespace asio = boost::asio;
@@ -28,6 +31,7 @@ using clock_type = connection::clock;
 using boost::system::error_code;
 
 static constexpr auto tick = std::chrono::milliseconds(100); /* how often deadlines are looked at */
+static constexpr int most_at_once = 200;                     /* connections ended in one go */
 
 /* ---- what strangers can make us log ---- */
 
@@ -125,54 +129,61 @@ std::string make_answer(std::string_view status, std::string_view session_value,
     return answer;
 }
 
-/* A part of the memory for bodies, given back by scope. */
-class memory_share {
+/* A body as it comes in. Grows without copying, as far as the system can: it moves the pages. */
+class packed_body {
 public:
-    explicit memory_share(size_t& free) : free_(free) {}
-    ~memory_share() { free_ += held_; }
-    memory_share(const memory_share&) = delete;
-    memory_share& operator=(const memory_share&) = delete;
+    explicit packed_body(admission::place& of) : share_(of) {}
+    ~packed_body() { free(bytes_); }
+    packed_body(const packed_body&) = delete;
+    packed_body& operator=(const packed_body&) = delete;
 
-    /* False, and nothing changed, when there is not that much. */
-    bool add(size_t bytes) {
-        if (bytes > free_) {
-            return false;
+    /* `expected` is the size of the whole body: no more memory than that is taken, and no more than
+     * 64 KiB on the word for it alone. False when there is none left. */
+    bool append(std::string_view piece, size_t expected) {
+        size_t needed = size_ + piece.size();
+        if (needed > share_.held()) {
+            size_t room =
+                std::min(expected, std::max({needed, 2 * share_.held(), size_t(64) << 10}));
+            if (!share_.add(room - share_.held())) {
+                return false;
+            }
+            void* grown = realloc(bytes_, room);
+            if (!grown) {
+                throw std::bad_alloc();
+            }
+            bytes_ = static_cast<char*>(grown);
         }
-        free_ -= bytes;
-        held_ += bytes;
+        if (!piece.empty()) {
+            memcpy(bytes_ + size_, piece.data(), piece.size());
+        }
+        size_ = needed;
         return true;
     }
-    size_t held() const { return held_; }
-
-private:
-    size_t& free_;
-    size_t held_ = 0;
-};
-
-/* A body as it comes in. */
-struct packed_body {
-    explicit packed_body(size_t& free_memory) : share(free_memory) {}
-
-    bool append(std::string_view piece) {
-        wire.append(piece);
-        return share.add(wire.capacity() - share.held());
+    std::string_view wire() const { return {bytes_, size_}; }
+    void drop() { /* the share stays: what was unpacked from it is there yet */
+        free(bytes_);
+        bytes_ = nullptr;
+        size_ = 0;
     }
 
-    std::string wire;
-    memory_share share;
+private:
+    admission::memory_share share_;
+    char* bytes_ = nullptr;
+    size_t size_ = 0;
 };
 } // namespace
 
 /* ---- one exchange, and what all share ---- */
 
 namespace {
-struct exchange {
-    exchange(tcp::socket socket, const tcp::endpoint& peer, clock_type::time_point deadline)
-        : link(std::move(socket), deadline), from(peer) {}
+struct exchange : admission::place {
+    exchange(tcp::socket socket, const tcp::endpoint& peer, clock_type::time_point now,
+             server_deadlines::duration limit)
+        : link(std::move(socket), now + limit), from(peer), accepted(now) {}
 
     connection link;
     tcp::endpoint from;
-    clock_type::time_point accepted = clock_type::now();
+    clock_type::time_point accepted;
     std::string input; /* read but not used yet: the head, then the beginning of the body */
     request head;
     std::string output; /* the answer */
@@ -191,7 +202,9 @@ struct server::state {
     state(server_options o, SSL_CTX* t, store& r, plan& p, log_function l)
         : options(std::move(o)), tls(t), results(r), commands(p), log(std::move(l)),
           allowed(options.allow.begin(), options.allow.end()), sessions(options.sessions),
-          free_memory(options.body_memory) {}
+          slots({options.max_connections, options.max_per_address, options.deadlines.patience,
+                 options.body_memory},
+                [this](admission::place& p, admission::need what) { end_for_others(p, what); }) {}
 
     server_options options;
     SSL_CTX* tls;
@@ -201,11 +214,8 @@ struct server::state {
     std::unordered_set<std::string> allowed;
     session_table sessions;
     known_tests earlier; /* of agents that have not been put right yet */
-    size_t free_memory;
+    admission slots;     /* outlives the exchanges, which the context destroys */
 
-    boost::intrusive::list<connection, boost::intrusive::constant_time_size<false>> links;
-    size_t connections = 0;
-    std::unordered_map<uint64_t, size_t> per_address;
     bool sweeping = false;
     bool stopping = false;
     clock_type::time_point stop_by = clock_type::time_point::max();
@@ -218,28 +228,31 @@ struct server::state {
     turns large_bodies{options.large_memory}, huge_bodies{options.body.max_plain};
 
     awaitable<void> accept_all();
-    void admit(tcp::socket socket, const tcp::endpoint& from);
+    void begin(tcp::socket socket, const tcp::endpoint& from);
+    void begin_sweep();
     awaitable<void> sweep();
     void stop();
 
     awaitable<void> serve(tcp::socket socket, tcp::endpoint from);
+    bool admit(exchange& x);
     awaitable<void> converse(exchange& x);
     awaitable<void> converse_plainly(exchange& x);
     awaitable<void> answer_page(exchange& x);
     awaitable<bool> read_head(exchange& x);
-    awaitable<bool> read_body(exchange& x, packed_body* into);
+    awaitable<bool> read_body(exchange& x, packed_body* into, admission::stage stage);
     awaitable<void> answer_login(exchange& x);
     awaitable<void> answer_poll(exchange& x);
     awaitable<block_end> take_block(exchange& x, const session& from);
     awaitable<bool> wait_for_turn(exchange& x, turns& all, std::optional<turns::place>& place,
                                   const session& from, size_t bytes);
-    awaitable<bool> unpack(const request& head, const std::string& wire, std::string& plain,
+    awaitable<bool> unpack(const request& head, std::string_view wire, std::string& plain,
                            std::string& error);
     awaitable<store_result> keep(poll_block block);
     awaitable<bool> answer(exchange& x);
 
     void tell(const name_conflict& conflict);
-    void begin_phase(exchange& x, server_deadlines::duration length);
+    void end_for_others(admission::place& p, admission::need what);
+    void begin_phase(exchange& x, server_deadlines::duration length, admission::stage stage);
     void log_failure(const char* what, const char* why) noexcept;
 };
 
@@ -286,7 +299,7 @@ awaitable<void> server::state::accept_all() {
             auto [failed, socket] =
                 co_await acceptor.async_accept(from, asio::as_tuple(asio::use_awaitable));
             if (!failed) {
-                admit(std::move(socket), from);
+                begin(std::move(socket), from);
             } else if (!stopping && failed != asio::error::connection_aborted) {
                 /* Out of descriptors or memory: the connection stays in the queue, so trying again
                  * at once would spin. */
@@ -301,75 +314,77 @@ awaitable<void> server::state::accept_all() {
     }
 }
 
-/* Starts serving a connection, or resets it when there are too many. */
-void server::state::admit(tcp::socket socket, const tcp::endpoint& from) {
-    uint64_t key = address_key(from.address());
-    auto known = per_address.find(key);
-    bool crowded = known != per_address.end() && known->second >= options.max_per_address;
-    if (crowded || connections >= options.max_connections) {
-        log(event::refused, "too many connections" + (crowded ? " from " + describe(from) : "") +
-                                ": a new one was reset");
-        return;
-    }
-    ++per_address[key];
-    ++connections;
-    auto leave = [this, key] {
-        if (--connections == 0 && stopping) {
-            sweep_timer.cancel();
-        }
-        auto entry = per_address.find(key);
-        if (--entry->second == 0) {
-            per_address.erase(entry);
-        }
-    };
-    try {
-        asio::co_spawn(context, serve(std::move(socket), from),
-                       [this, leave](std::exception_ptr thrown) {
-                           leave();
-                           try {
-                               if (thrown) {
-                                   std::rethrow_exception(thrown);
-                               }
-                           } catch (const std::exception& e) { /* memory is short */
-                               log_failure("a connection was dropped", e.what());
-                           }
-                       });
-    } catch (const std::exception&) {
-        leave();
-        throw;
-    }
-    if (!sweeping) {
-        sweeping = true;
-        try {
-            asio::co_spawn(context, sweep(), asio::detached);
-        } catch (const std::exception&) {
-            sweeping = false;
-            throw;
-        }
+void server::state::end_for_others(admission::place& p, admission::need what) {
+    exchange& gone = static_cast<exchange&>(p);
+    gone.link.give_up(connection::reason::made_room);
+    if (what == admission::need::connection) {
+        log(event::refused,
+            "too many connections: one from " + describe(gone.from) + " had to make room");
+    } else {
+        log(event::memory,
+            "no memory left: a connection from " + describe(gone.from) + " had to make room");
     }
 }
 
-/* Gives up what is past its deadline. Runs as long as there are connections. */
-awaitable<void> server::state::sweep() {
-    while (connections > 0) {
+/* Starts serving a connection. */
+void server::state::begin(tcp::socket socket, const tcp::endpoint& from) {
+    asio::co_spawn(context, serve(std::move(socket), from), [this](std::exception_ptr thrown) {
+        if (stopping && slots.connections() == 0) {
+            sweep_timer.cancel();
+        }
         try {
-            sweep_timer.expires_after(tick);
+            if (thrown) {
+                std::rethrow_exception(thrown);
+            }
+        } catch (const std::exception& e) { /* memory is short */
+            log_failure("a connection was dropped", e.what());
+        }
+    });
+}
+
+void server::state::begin_sweep() {
+    if (sweeping) {
+        return;
+    }
+    sweeping = true;
+    try {
+        asio::co_spawn(context, sweep(), asio::detached);
+    } catch (const std::exception&) {
+        sweeping = false;
+        throw;
+    }
+}
+
+/* Gives up what is past its deadline, some at a time: thousands may have come together. Runs as
+ * long as there are connections. */
+awaitable<void> server::state::sweep() {
+    bool more = false;
+    while (slots.connections() > 0) {
+        try {
+            sweep_timer.expires_after(more ? clock_type::duration() : tick);
             co_await sweep_timer.async_wait(asio::as_tuple(asio::use_awaitable));
         } catch (const std::exception&) {
             wait_for_memory();
         }
         auto now = clock_type::now();
-        for (connection& link : links) {
-            if (now >= std::min(link.deadline(), stop_by) && !link.given_up()) {
+        int left = most_at_once;
+        slots.for_each([&](admission::place& p) {
+            connection& link = static_cast<exchange&>(p).link;
+            if (left > 0 && now >= std::min(link.deadline(), stop_by) && !link.given_up()) {
                 link.give_up();
+                --left;
             }
-        }
+        });
+        more = left == 0;
     }
     sweeping = false;
 }
 
-void server::state::begin_phase(exchange& x, server_deadlines::duration length) {
-    x.link.set_deadline(std::min(clock_type::now() + length, x.accepted + options.deadlines.whole));
+void server::state::begin_phase(exchange& x, server_deadlines::duration length,
+                                admission::stage stage) {
+    auto now = clock_type::now();
+    x.link.set_deadline(std::min(now + length, x.accepted + options.deadlines.whole));
+    x.set_stage(stage, now);
 }
 
 void server::state::stop() {
@@ -380,20 +395,36 @@ void server::state::stop() {
     stop_by = clock_type::now() + options.deadlines.stop;
     error_code ignored;
     acceptor.close(ignored);
-    for (connection& link : links) {
+    slots.for_each([](admission::place& p) {
+        connection& link = static_cast<exchange&>(p).link;
         if (link.silent()) {
             link.give_up();
         }
-    }
+    });
     sweep_timer.cancel(); /* one sweep now; it ends with the last connection */
     log.flush();
 }
 
 /* ---- one exchange ---- */
 
+/* False when there is no place for it: it has to be reset. */
+bool server::state::admit(exchange& x) {
+    auto verdict = slots.admit(x, address_key(x.from.address()), x.accepted);
+    if (verdict == admission::verdict::admitted) {
+        begin_sweep();
+        return true;
+    }
+    bool crowded = verdict == admission::verdict::too_many_of_address;
+    log(event::refused, "too many connections" + (crowded ? " from " + describe(x.from) : "") +
+                            ": a new one was reset");
+    return false;
+}
+
 awaitable<void> server::state::serve(tcp::socket socket, tcp::endpoint from) {
-    exchange x(std::move(socket), from, clock_type::now() + options.deadlines.handshake);
-    links.push_back(x.link);
+    exchange x(std::move(socket), from, clock_type::now(), options.deadlines.handshake);
+    if (!admit(x)) {
+        co_return;
+    }
     bool good = co_await x.link.first_byte();
     if (!good) {
         co_return;
@@ -460,7 +491,7 @@ awaitable<void> server::state::converse(exchange& x) {
 
 /* Reads until a head is whole, or so long that it will be refused. */
 awaitable<bool> server::state::read_head(exchange& x) {
-    begin_phase(x, options.deadlines.head);
+    begin_phase(x, options.deadlines.head, admission::stage::unheard);
     size_t seen = 0;
     while (find_head(x.input, seen) == 0 && x.input.size() <= max_head) {
         seen = x.input.size();
@@ -475,7 +506,7 @@ awaitable<bool> server::state::read_head(exchange& x) {
 
 /* Reads the body, into `into` or, when that is null, to nowhere. What comes after it is ignored:
  * one exchange a connection. False when the connection broke or is not worth going on with. */
-awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
+awaitable<bool> server::state::read_body(exchange& x, packed_body* into, admission::stage stage) {
     const server_deadlines& limits = options.deadlines;
     size_t left = x.head.content_length;
     if (left > options.body.max_wire || x.head.compression > options.body.max_plain) {
@@ -484,15 +515,12 @@ awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
                              std::to_string(x.head.compression) + " unpacked): connection reset");
         co_return false;
     }
-    begin_phase(x, limits.body + std::chrono::seconds(left / limits.body_rate));
-    if (into) { /* no more than this on a stranger's word */
-        into->wire.reserve(std::min<size_t>(left, 64u << 10));
-    }
+    begin_phase(x, limits.body + std::chrono::seconds(left / limits.body_rate), stage);
     std::string_view piece = x.input;
     for (;;) {
         piece = piece.substr(0, left);
         left -= piece.size();
-        if (into && !into->append(piece)) {
+        if (into && !into->append(piece, x.head.content_length)) {
             log(event::memory, "no memory left for bodies: reset " + describe(x.from));
             co_return false;
         }
@@ -510,7 +538,7 @@ awaitable<bool> server::state::read_body(exchange& x, packed_body* into) {
 
 /* Writes the whole answer and ends the connection. True when the agent has it. */
 awaitable<bool> server::state::answer(exchange& x) {
-    memory_share share(free_memory);
+    admission::memory_share share(x);
     if (!share.add(x.output.size())) {
         log(event::memory, "no memory left for answers: reset " + describe(x.from));
         co_return false;
@@ -518,7 +546,9 @@ awaitable<bool> server::state::answer(exchange& x) {
     if (x.link.given_up()) {
         co_return false;
     }
-    begin_phase(x, options.deadlines.answer);
+    bool heard = x.in() == admission::stage::busy || x.in() == admission::stage::heard;
+    begin_phase(x, options.deadlines.answer,
+                heard ? admission::stage::heard : admission::stage::unheard);
     bool written = co_await x.link.write(x.output);
     if (!written) {
         co_return false;
@@ -536,7 +566,8 @@ void server::state::tell(const name_conflict& c) {
 }
 
 awaitable<void> server::state::answer_login(exchange& x) {
-    bool whole = co_await read_body(x, nullptr); /* an agent sends none */
+    bool whole =
+        co_await read_body(x, nullptr, admission::stage::unheard); /* an agent sends none */
     if (!whole) {
         co_return;
     }
@@ -587,7 +618,7 @@ awaitable<void> server::state::answer_poll(exchange& x) {
         }
         end = co_await take_block(x, *s);
     } else {
-        bool whole = co_await read_body(x, nullptr);
+        bool whole = co_await read_body(x, nullptr, admission::stage::unheard);
         end = whole ? block_end::again : block_end::broken;
         log(event::session, "unknown session, must log in again: " + describe(x.from));
     }
@@ -614,13 +645,16 @@ awaitable<void> server::state::answer_poll(exchange& x) {
 
 /* Reads, unpacks and stores the block of a poll. */
 awaitable<block_end> server::state::take_block(exchange& x, const session& from) {
-    packed_body body(free_memory);
-    bool whole = co_await read_body(x, &body);
+    admission::visit visit(x, from.account, from.agent);
+    packed_body body(x);
+    bool whole = co_await read_body(
+        x, &body, visit.one_of_few() ? admission::stage::heard : admission::stage::unheard);
     if (!whole) {
         co_return block_end::broken;
     }
-    const size_t size = std::max<size_t>(body.wire.size(), x.head.compression);
-    begin_phase(x, options.deadlines.whole);
+    const size_t size = std::max<size_t>(body.wire().size(), x.head.compression);
+    begin_phase(x, options.deadlines.whole, x.in());
+    admission::memory_share unpacked(x);
     std::optional<turns::place> turn;
     if (size > options.unpack_here) {
         turns& all = size > options.huge ? huge_bodies : large_bodies;
@@ -628,10 +662,11 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
         if (!come) {
             co_return block_end::broken;
         }
-    } else if (!body.share.add(size)) {
+    } else if (!unpacked.add(size)) {
         log(event::memory, "no memory left to unpack: reset " + describe(from, x));
         co_return block_end::broken;
     }
+    begin_phase(x, options.deadlines.whole, admission::stage::busy);
     poll_block block{.account = from.account,
                      .agent = from.agent,
                      .plain = "",
@@ -639,12 +674,12 @@ awaitable<block_end> server::state::take_block(exchange& x, const session& from)
                      .address = describe(x.from),
                      .version = x.head.version};
     std::string error;
-    bool good = co_await unpack(x.head, body.wire, block.plain, error);
+    bool good = co_await unpack(x.head, body.wire(), block.plain, error);
     if (!good) {
         log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
         co_return block_end::again;
     }
-    std::string().swap(body.wire);
+    body.drop();
     if (block.plain.empty()) {
         co_return block_end::stored;
     }
@@ -682,9 +717,9 @@ awaitable<bool> server::state::wait_for_turn(exchange& x, turns& all,
 
 /* unpack_body(), on another thread when that may take long; on yet another one when that may take
  * very long. Without memory the connection ends. */
-awaitable<bool> server::state::unpack(const request& head, const std::string& wire,
+awaitable<bool> server::state::unpack(const request& head, std::string_view wire,
                                       std::string& plain, std::string& error) {
-    auto work = [&] {
+    auto work = [&, wire] {
         return unpack_body(wire, head.compression, head.checksum, options.body, plain, error);
     };
     if (std::max<size_t>(wire.size(), head.compression) <= options.unpack_here) {

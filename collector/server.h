@@ -19,11 +19,14 @@
  * that begins with "Content-", so Content-Length is the only one sent, and waits for the end of the
  * connection when it is 0.
  *
- * LIMITS  Connections in all and per address: beyond, reset at once. Bytes of bodies and answers
- * held: beyond, the connection whose body or answer would not fit is reset. What is large when
- * unpacked waits for its turn in bounds of its own (see turns.h), one body of an agent at a time.
- * Every phase has a deadline, and the whole exchange has one, since an agent gives up after 15
- * seconds. */
+ * LIMITS  Connections in all and per address: beyond, one that has waited for its peer makes room
+ * for the new one, or the new one is reset at once. Bytes of bodies and answers held, in all and
+ * for an address and an agent: beyond, the connection whose body or answer would not fit is reset.
+ * admission.h says who makes room, and what the shares are. What is large when unpacked waits for
+ * its turn in bounds of its own (see turns.h), one body of an agent at a time; meanwhile it may
+ * have to make room, too. Every phase has a deadline, and the whole exchange has one, since an
+ * agent gives up after 15 seconds. No connection holds the network thread for more than some
+ * milliseconds: see connection.h, and unpack_here. */
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
@@ -52,6 +55,7 @@ struct server_deadlines {
     duration whole = std::chrono::seconds(20); /* from accept to the end of the answer */
     duration drain = std::chrono::seconds(2);  /* after the answer, until the agent has ended too */
     duration stop = std::chrono::seconds(5);   /* for polls under way when the server is stopped */
+    duration patience = std::chrono::seconds(2); /* what admission_limits calls so */
 };
 
 struct server_options {
@@ -67,7 +71,7 @@ struct server_options {
     /* Larger bodies, unpacked, are unpacked on a second thread and wait until what is unpacked and
      * not yet stored of such is below `large_memory`. Those larger than `huge` have a thread of
      * their own and body_limits::max_plain for all of them. */
-    size_t unpack_here = 128u << 10;
+    size_t unpack_here = 32u << 10;
     size_t huge = 32u << 20;
     size_t large_memory = 128u << 20;
     session_limits sessions;

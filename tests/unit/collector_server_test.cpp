@@ -6,11 +6,13 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
+#include <boost/asio/post.hpp>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <mutex>
@@ -48,11 +50,16 @@ public:
     }
 
     void submit(poll_block block, std::function<void(store_result)> done) override {
+        if (on_submit) {
+            on_submit();
+        }
         std::lock_guard hold(mutex_);
         blocks_.push_back(block);
         waiting_.push_back(std::move(done));
         changed_.notify_all();
     }
+
+    std::function<void()> on_submit; /* on the network thread */
 
     /* What the next blocks are answered; `stored` when nothing was said. */
     void will_answer(store_result result) {
@@ -369,6 +376,16 @@ protected:
     std::vector<std::string> log() {
         std::lock_guard hold(log_mutex_);
         return log_;
+    }
+
+    reply ask_from(const char* address, const std::string& text) {
+        client c(port_, address);
+        ending end = ending::error;
+        std::string all;
+        if (c.handshake() && c.send(text)) {
+            all = c.read_all(end);
+        }
+        return split(all, end);
     }
 
     static inline std::string directory_;
@@ -940,6 +957,176 @@ TEST_F(collector_server, agents_get_no_session_tickets) {
     EXPECT_FALSE(SSL_SESSION_has_ticket(SSL_get_session(c.ssl())));
 }
 
+/* ---- one thread for all ---- */
+
+namespace {
+/* Counts the turns that others get on the network thread, and the most CPU time between two. */
+class turn_counter {
+public:
+    explicit turn_counter(server& of) : context_(of.context()) {}
+
+    /* The thread stands still until begin(): meanwhile a client can send without being read. */
+    void hold_up() {
+        boost::asio::post(context_, [this] { begun_.get_future().wait(); });
+    }
+    void begin() {
+        boost::asio::post(context_, [this] { turn(); });
+        begun_.set_value();
+    }
+    void end() {
+        std::promise<void> done;
+        boost::asio::post(context_, [this, &done] {
+            over_ = true;
+            boost::asio::post(context_, [&done] { done.set_value(); });
+        });
+        done.get_future().wait();
+    }
+    size_t count() const { return count_; } /* on the network thread, or after end() */
+    int longest_us() const { return int(longest_ / 1000); }
+
+private:
+    void turn() {
+        timespec used;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+        int64_t now = used.tv_sec * 1000000000 + used.tv_nsec;
+        longest_ = count_++ ? std::max(longest_, now - last_) : longest_;
+        last_ = now;
+        if (!over_) {
+            boost::asio::post(context_, [this] { turn(); });
+        }
+    }
+
+    boost::asio::io_context& context_;
+    std::promise<void> begun_;
+    size_t count_ = 0;
+    bool over_ = false;
+    int64_t last_ = 0, longest_ = 0; /* nanoseconds */
+};
+
+/* `text` as TLS records of one byte each, as they go over the wire. */
+std::string in_small_records(SSL* ssl, std::string_view text) {
+    BIO* wire = BIO_new(BIO_s_mem());
+    BIO_up_ref(wire);
+    SSL_set0_wbio(ssl, wire);
+    for (char byte : text) {
+        EXPECT_EQ(SSL_write(ssl, &byte, 1), 1);
+    }
+    char* bytes = nullptr;
+    long length = BIO_get_mem_data(wire, &bytes);
+    std::string all(bytes, size_t(length));
+    BIO_free(wire);
+    return all;
+}
+} // namespace
+
+TEST_F(collector_server, what_is_there_already_is_read_in_turns) {
+    start();
+    std::string session = log_in();
+    client c(port_);
+    int large = 1 << 20;
+    setsockopt(c.fd(), SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
+    ASSERT_TRUE(c.handshake());
+    std::string records = in_small_records(c.ssl(), poll_text(session, std::string(9000, 'x')));
+    turn_counter turns(*server_);
+    std::atomic<size_t> until_read = 0;
+    store_->on_submit = [&] { until_read = turns.count(); };
+    turns.hold_up();
+    std::thread sender([&] { c.send_raw(records); }); /* what does not fit waits in here */
+    std::this_thread::sleep_for(50ms);
+    turns.begin();
+    store_->wait_for_blocks(1);
+    sender.join();
+    turns.end();
+    RecordProperty("longest_hold_us", turns.longest_us());
+    EXPECT_GE(until_read.load(), 30u);
+    EXPECT_EQ(store_->blocks().at(0).plain, std::string(9000, 'x'));
+}
+
+TEST_F(collector_server, what_never_pauses_is_reset_at_the_deadline) {
+    options_.deadlines.whole = 1s;
+    start();
+    std::string session;
+    std::unique_ptr<client> c;
+    for (int i = 0; i < 20 && !c; ++i) { /* a busy machine may not get so far in that second */
+        session = log_in();
+        c = std::make_unique<client>(port_);
+        c = c->handshake() ? std::move(c) : nullptr;
+    }
+    ASSERT_TRUE(c);
+    std::string records = in_small_records(c->ssl(), poll_text(session, std::string(9000, 'x')));
+    turn_counter turns(*server_);
+    turns.hold_up();
+    std::thread sender([&] { c->send_raw(records); });
+    std::this_thread::sleep_for(1100ms);
+    turns.begin();
+    sender.join();
+    char rest[100];
+    while (recv(c->fd(), rest, sizeof rest, 0) > 0) {
+    }
+    turns.end();
+    EXPECT_TRUE(store_->blocks().empty());
+}
+
+namespace {
+/* A first message of some length, each byte of it a record. */
+std::string first_message_in_small_records(size_t least) {
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    SSL* ssl = SSL_new(context);
+    std::string names;
+    while (names.size() < least) {
+        names += char(99) + std::string(99, 'n');
+    }
+    EXPECT_EQ(SSL_set_alpn_protos(ssl, reinterpret_cast<const unsigned char*>(names.data()),
+                                  unsigned(names.size())),
+              0);
+    BIO* out = BIO_new(BIO_s_mem());
+    SSL_set_bio(ssl, BIO_new(BIO_s_mem()), out);
+    SSL_connect(ssl);
+    char* bytes = nullptr;
+    size_t length = size_t(BIO_get_mem_data(out, &bytes));
+    std::string pieces;
+    for (size_t at = 0; at + 5 < length;) {
+        size_t end = at + 5 + (size_t(uint8_t(bytes[at + 3])) << 8 | uint8_t(bytes[at + 4]));
+        for (at += 5; at < end; ++at) {
+            pieces += std::string("\x16\x03\x01\x00\x01", 5) + bytes[at];
+        }
+    }
+    SSL_free(ssl);
+    SSL_CTX_free(context);
+    return pieces;
+}
+
+int call_function(SSL*, int*, void* function) {
+    (*static_cast<std::function<void()>*>(function))();
+    return SSL_CLIENT_HELLO_SUCCESS;
+}
+} // namespace
+
+TEST_F(collector_server, a_first_message_in_small_pieces_is_read_in_turns) {
+    start();
+    client c(port_);
+    int large = 1 << 20;
+    setsockopt(c.fd(), SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
+    std::string pieces = first_message_in_small_records(30000);
+    log_in(); /* the other connection is accepted by now */
+    turn_counter turns(*server_);
+    std::atomic<size_t> until_read = 0;
+    std::function<void()> note = [&] { until_read = turns.count(); };
+    SSL_CTX_set_client_hello_cb(tls_, call_function, &note);
+    turns.hold_up();
+    std::thread sender([&] { c.send_raw(pieces); });
+    std::this_thread::sleep_for(50ms);
+    turns.begin();
+    sender.join();
+    char first = 0;
+    EXPECT_EQ(recv(c.fd(), &first, 1, 0), 1);
+    EXPECT_EQ(first, '\x16'); /* it is answered with a handshake message */
+    turns.end();
+    SSL_CTX_set_client_hello_cb(tls_, nullptr, nullptr);
+    RecordProperty("longest_hold_us", turns.longest_us());
+    EXPECT_GE(until_read.load(), 4u);
+}
+
 /* ---- giving up: always a reset ---- */
 
 TEST_F(collector_server, a_silent_client_is_reset_at_the_deadline) {
@@ -1120,6 +1307,202 @@ TEST_F(collector_server, connections_beyond_the_limit_in_all_are_reset) {
     ASSERT_TRUE(two.handshake());
     client three(port_, "127.0.0.3");
     EXPECT_EQ(three.wait_for_end(), ending::reset);
+}
+
+/* ---- shares: connections ---- */
+
+namespace {
+/* What those do that want all the places. */
+enum class siege { silent, half_a_hello, no_head, half_a_head, unknown_session, known_sessions };
+
+std::string address_of(int i) {
+    return "127.0.1." + std::to_string(i);
+}
+} // namespace
+
+class collector_siege : public collector_server, public testing::WithParamInterface<siege> {
+protected:
+    void besiege(client& c, int number) {
+        siege how = GetParam();
+        if (how == siege::silent) {
+            return;
+        }
+        if (how == siege::half_a_hello) {
+            c.send_raw("\x16\x03\x01\x02");
+            return;
+        }
+        ASSERT_TRUE(c.handshake());
+        std::string session =
+            how == siege::known_sessions ? log_in("evil " + std::to_string(number)) : "nobody's";
+        std::string text = poll_text(session, "1234567890");
+        if (how == siege::half_a_head) {
+            ASSERT_TRUE(c.send(text.substr(0, 20)));
+        } else if (how != siege::no_head) {
+            ASSERT_TRUE(c.send(text.substr(0, text.size() - 1)));
+        }
+    }
+};
+
+TEST_P(collector_siege, eight_addresses_cannot_keep_others_out) {
+    options_.max_connections = 80;
+    options_.max_per_address = 10;
+    options_.deadlines.patience = 1h; /* only because they are so many do they make room */
+    start("POL\t0\t30\n");
+    std::deque<client> hostile;
+    for (int i = 0; i < 80; ++i) {
+        ASSERT_NO_FATAL_FAILURE(
+            besiege(hostile.emplace_back(port_, address_of(1 + i / 10).c_str()), i));
+    }
+    for (const char* from : {"127.0.0.1", "127.0.0.2", "127.0.0.3"}) {
+        std::string session = ask_from(from, login_text("me@example.org", from)).session;
+        ASSERT_EQ(session.size(), 32u) << from;
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(ask_from(from, poll_text(session, "x")).text, empty_text) << from;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(all, collector_siege,
+                         testing::Values(siege::silent, siege::half_a_hello, siege::no_head,
+                                         siege::half_a_head, siege::unknown_session,
+                                         siege::known_sessions));
+
+TEST_F(collector_server, a_poll_that_waits_for_the_store_makes_no_room) {
+    options_.max_connections = 3;
+    options_.deadlines.patience = 0s;
+    start();
+    std::string session = log_in();
+    store_->hold_back(true);
+    client poll(port_);
+    ASSERT_TRUE(poll.handshake());
+    ASSERT_TRUE(poll.send(poll_text(session, "x")));
+    store_->wait_for_blocks(1);
+    for (int i = 0; i < 20; ++i) {
+        client c(port_, address_of(i + 1).c_str());
+        EXPECT_TRUE(c.handshake()) << i;
+    }
+    store_->hold_back(false);
+    ending end;
+    EXPECT_EQ(poll.read_all(end), empty_text);
+    EXPECT_EQ(end, ending::clean);
+}
+
+TEST_F(collector_server, among_equals_the_oldest_makes_room_once_it_has_had_its_time) {
+    options_.max_connections = 3;
+    options_.deadlines.patience = 0s;
+    start();
+    client oldest(port_, "127.0.1.1"), second(port_, "127.0.1.2"), third(port_, "127.0.1.3");
+    client newcomer(port_, "127.0.0.1");
+    EXPECT_TRUE(newcomer.handshake());
+    EXPECT_EQ(oldest.wait_for_end(), ending::reset);
+    EXPECT_TRUE(second.handshake());
+    EXPECT_TRUE(third.handshake());
+    EXPECT_EQ(log().at(0), "too many connections: one from 127.0.1.1 had to make room");
+}
+
+TEST_F(collector_server, agents_behind_one_address_get_past_a_neighbour_that_says_nothing) {
+    options_.max_per_address = 10;
+    options_.deadlines.patience = 0s;
+    start();
+    std::deque<client> silent;
+    for (int i = 0; i < 10; ++i) {
+        silent.emplace_back(port_);
+    }
+    for (int i = 0; i < 20; ++i) {
+        std::string session = log_in("agent " + std::to_string(i));
+        EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
+    }
+}
+
+/* Polls of a hundred agents at a time, all from one address, among strangers who are silent. */
+TEST_F(collector_server, many_agents_behind_one_address_all_get_through) {
+    options_.max_connections = 160;
+    options_.max_per_address = 120;
+    start();
+    std::deque<client> hostile;
+    for (int i = 0; i < 60; ++i) {
+        hostile.emplace_back(port_, address_of(1 + i % 2).c_str());
+    }
+    std::deque<client> agents;
+    std::vector<std::string> sessions;
+    for (int i = 0; i < 100; ++i) {
+        sessions.push_back(log_in("agent " + std::to_string(i)));
+    }
+    store_->hold_back(true);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(agents.emplace_back(port_).handshake()) << i;
+        ASSERT_TRUE(agents.back().send(poll_text(sessions[size_t(i)], "x")));
+    }
+    store_->wait_for_blocks(100);
+    store_->hold_back(false);
+    for (client& c : agents) {
+        ending end;
+        EXPECT_EQ(c.read_all(end), empty_text);
+        EXPECT_EQ(end, ending::clean);
+    }
+}
+
+/* ---- shares: memory ---- */
+
+namespace {
+/* Sends bodies that lack their last byte, of smaller and smaller size: as many as are taken. */
+void fill_memory(uint16_t port, const char* from, const std::vector<std::string>& sessions,
+                 std::deque<client>& held) {
+    size_t next = 0;
+    for (size_t size = 1 << 20; size > 4096; size /= 2) {
+        for (int i = 0; i < 3; ++i) {
+            client& c = held.emplace_back(port, from);
+            std::string text =
+                poll_text(sessions[next++ % sessions.size()], std::string(size, 'x'));
+            if (c.handshake()) {
+                c.send(text.substr(0, text.size() - 1));
+            }
+        }
+    }
+}
+} // namespace
+
+TEST_F(collector_server, an_address_that_fills_the_memory_leaves_others_theirs) {
+    options_.body_memory = 4000000;
+    start();
+    std::string mine = log_in("mine");
+    std::vector<std::string> theirs;
+    for (int i = 0; i < 12; ++i) {
+        theirs.push_back(log_in("evil " + std::to_string(i)));
+    }
+    std::deque<client> held;
+    fill_memory(port_, "127.0.1.1", theirs, held);
+    EXPECT_EQ(ask(poll_text(mine, std::string(300000, 'm'))).text, empty_text);
+    fill_memory(port_, "127.0.1.2", theirs, held);
+    fill_memory(port_, "127.0.1.3", theirs, held);
+    fill_memory(port_, "127.0.1.4", theirs, held);
+    EXPECT_EQ(ask(poll_text(mine, std::string(60000, 'm'))).text, empty_text);
+}
+
+TEST_F(collector_server, an_agent_that_fills_the_memory_leaves_its_neighbours_theirs) {
+    options_.body_memory = 4000000;
+    start();
+    std::string mine = log_in("mine"), evil = log_in("evil");
+    std::deque<client> held;
+    fill_memory(port_, "127.0.0.1", std::vector<std::string>(12, evil), held);
+    EXPECT_EQ(ask(poll_text(mine, std::string(150000, 'm'))).text, empty_text);
+}
+
+TEST_F(collector_server, the_largest_body_passes_when_no_other_is_held) {
+    options_.body.max_wire = 1 << 20;
+    options_.body.max_plain = 4 << 20;
+    options_.body_memory = (options_.body.max_wire + options_.body.max_plain) / 2 * 3;
+    start();
+    std::string plain(4 << 20, 'x');
+    for (size_t i = 0, x = 1; i < 1000000; ++i) { /* nothing to be saved in these */
+        x = x * 6364136223846793005u + 1442695040888963407u;
+        plain[i] = char(x >> 56);
+    }
+    std::string packed = pack(plain);
+    ASSERT_GT(packed.size(), 1000000u);
+    std::string text = poll_text(log_in(), packed, plain.size(), sum_of(packed));
+    EXPECT_EQ(ask(text).text, empty_text);
+    EXPECT_TRUE(store_->blocks().at(0).plain == plain);
 }
 
 /* Memory in use; the resident size would show what earlier tests have left to reuse. */

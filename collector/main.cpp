@@ -169,13 +169,15 @@ static std::string describe(const plan_problem& problem) {
 
 /* Says where it listens, on standard error and in the port file, and what hosts need. */
 static bool announce(const options& o, const server& collector, const identity_report& report,
-                     std::string& error) {
+                     result_output& output, std::string& error) {
     std::string text;
     for (const std::string& note : report.notes) {
         text += "vindral-collector: " + note + "\n";
     }
     text += "Listening on " + collector.where() + "\n";
-    std::cerr << text + lines_for_hosts(o, report, collector.port());
+    text += lines_for_hosts(o, report, collector.port());
+    std::cerr << text;
+    output.on_ready(text);
     return o.port_file.empty() || write_port_file(o.port_file, collector.port(), error);
 }
 
@@ -184,7 +186,7 @@ static int run_server(const options& o) {
     if (!prepare_state_dir(o.state_dir, error)) {
         return fail(error);
     }
-    std::unique_ptr<store_listener> output =
+    std::unique_ptr<result_output> output =
         make_output(o.quiet ? output_kind::quiet : choose_output(STDOUT_FILENO, o.json));
     store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
@@ -192,6 +194,7 @@ static int run_server(const options& o) {
     if (!results) {
         return fail(error);
     }
+    output->begin(*results);
     identity_report identity;
     tls_context tls =
         prepare_tls(o, identity, error); /* after the store, which is one process' only */
@@ -201,11 +204,15 @@ static int run_server(const options& o) {
     std::vector<std::string> early; /* about the plan, before the line "Listening on" */
     bool listening = false;
     server::log_function log = [&](const std::string& line) {
-        output->on_problem(utc_time(time(nullptr)) + " " + line);
+        std::string text = utc_time(time(nullptr)) + " " + line;
+        line.starts_with("login: ") ? output->on_note(text) : output->on_problem(text);
     };
-    plan commands(o.plan, [&](const plan_problem& problem) {
-        listening ? log(describe(problem)) : early.push_back(describe(problem));
-    });
+    plan commands(
+        o.plan,
+        [&](const plan_problem& problem) {
+            listening ? log(describe(problem)) : early.push_back(describe(problem));
+        },
+        [&](const std::vector<plan_line>& lines) { output->on_plan(lines); });
     if (!commands.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
@@ -218,7 +225,7 @@ static int run_server(const options& o) {
     }
     collector.remember(std::move(earlier));
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
-    if (!collector.listen(error) || !announce(o, collector, identity, error)) {
+    if (!collector.listen(error) || !announce(o, collector, identity, *output, error)) {
         return fail(error);
     }
     listening = true;

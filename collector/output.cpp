@@ -1,13 +1,15 @@
 /* DESIGN
  *
  * The store's writer thread calls on_record() for each record: it only copies the record's bytes
- * into a queue. The output's thread takes the whole queue, decodes the records once more and
- * formats them with a `view`, one class for each kind of output. While that thread waits for a slow
- * reader, the queue drops its oldest entries. */
+ * into a queue. The output's thread takes the whole queue, decodes the records once more and hands
+ * them to a `view`, one class for each kind of output. While that thread waits for a slow reader,
+ * the queue drops its oldest entries; the table, which writes only when it is drawn, goes on taking
+ * them. */
 #include "output.h"
 
 #include "record.h"
 #include "schema.h"
+#include "table.h"
 #include "text.h"
 
 #include <algorithm>
@@ -18,39 +20,61 @@
 #include <cstdlib>
 #include <ctime>
 #include <deque>
-#include <map>
 #include <mutex>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <thread>
-#include <tuple>
 #include <unistd.h>
 
 namespace {
 
 using std::chrono::steady_clock;
 
-/* A record with its agent, or a problem when `raw` is empty. */
+enum class event_kind {
+    record,  /* `raw` of an agent */
+    heard,   /* an agent sent something else */
+    known,   /* an agent, from before the start */
+    result,  /* `raw` of an agent, from before the start */
+    problem, /* `text` */
+    note,    /* `text` that is no problem */
+    ready,   /* `text` for hosts */
+    planned  /* `plan` */
+};
+
+struct plan_content {
+    std::vector<planned_test> tests;
+    planned_intervals intervals;
+};
+
 struct event {
+    event_kind kind;
     std::string account, agent;
-    int64_t received = 0;
+    int64_t received = 0; /* or last seen */
     std::string raw;
-    std::string problem;
+    std::string text;
+    std::shared_ptr<const plan_content> plan = {};
 
     size_t bytes() const {
-        return sizeof(event) + account.size() + agent.size() + raw.size() + problem.size();
+        return sizeof(event) + account.size() + agent.size() + raw.size() + text.size();
     }
 };
 
-/* Turns events into bytes for the reader. Used by the output's thread alone. */
+/* Turns events into bytes for the reader. Used by the output's thread alone but for the two that
+ * say what it wants. */
 class view {
 public:
     virtual ~view() = default;
-    virtual bool shows_records() const { return true; } /* from any thread */
+    virtual bool shows_records() const { return true; }
+    virtual bool keeps_state() const { return false; } /* and writes in refresh() only */
     /* Both append to `out`; a problem that the view does not show goes to `problems` instead. */
     virtual void show_record(const event& e, const record& r, std::string& out) = 0;
     virtual void show_problem(const std::string& text, std::string& out, std::string& problems) = 0;
+    virtual void show_note(const std::string& text, std::string& out, std::string& problems) {
+        show_problem(text, out, problems);
+    }
+    /* The other kinds; `r` is the record of a result. */
+    virtual void take(const event& e, const record& r) { (void)e, (void)r; }
     /* Called after each batch and at least every half second. */
     virtual void refresh(std::string& out) { (void)out; }
     /* Called once, after everything else. */
@@ -83,205 +107,122 @@ std::string test_name(const record_summary& summary) {
     return summary.test ? name + " " + std::to_string(*summary.test) : name;
 }
 
+constexpr size_t max_in_line = 16u << 10; /* bytes of values, and of a message */
+
 class plain_view final : public line_view {
 public:
     void show_record(const event& e, const record& r, std::string& out) override {
         record_summary summary = summarize(r);
         out += utc_time(summary.time.value_or(e.received)) + " " + printable(e.agent) + " " +
                test_name(summary) + ": ";
-        if (summary.status) {
-            out += status_word(summary.type, *summary.status) + ", ";
+        if (std::optional<int32_t> status = judge(r, summary).status) {
+            out += status_word(summary.type, *status) + ", ";
         }
-        out += printable(values_text(r, summary));
-        std::string message = printable(summary.message);
-        out += (message.empty() ? "" : ", " + message) + "\n";
+        out += printable(values_text(r, summary, max_in_line));
+        bool whole = summary.message.size() <= max_in_line;
+        std::string message = printable(summary.message.substr(0, max_in_line));
+        out += (message.empty() ? "" : ", " + message) + (whole ? "\n" : " ...\n");
     }
 };
 
-struct screen_size {
-    size_t rows = 24;
-    size_t columns = 80;
-};
-
-screen_size read_screen_size(int fd) {
+table_screen read_screen(int fd) {
+    table_screen screen;
     winsize size{};
-    if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {
-        return {};
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_row != 0 && size.ws_col != 0) {
+        screen.rows = size.ws_row;
+        screen.columns = size.ws_col;
     }
-    return {size.ws_row, size.ws_col};
+    const char* none = getenv("NO_COLOR");
+    screen.colours = none == nullptr || *none == 0;
+    return screen;
 }
 
-/* "12s", "5m", "3h", "2d". */
-std::string age_text(int64_t seconds) {
-    seconds = std::max<int64_t>(seconds, 0);
-    if (seconds < 100) {
-        return std::to_string(seconds) + "s";
-    }
-    if (seconds < 100 * 60) {
-        return std::to_string(seconds / 60) + "m";
-    }
-    return seconds < 100 * 3600 ? std::to_string(seconds / 3600) + "h"
-                                : std::to_string(seconds / 86400) + "d";
+/* "2026-05-01T12:00:00Z ", with which lines of a log begin. */
+bool begins_with_time(std::string_view text) {
+    return text.size() > 20 && text[10] == 'T' && text[19] == 'Z' && text[20] == ' ';
 }
 
-/* The last result of each test. Drawn from the top left corner over what was drawn before, each
- * line cleared to its end, so that nothing flickers and nothing has to be put back when the program
- * ends. */
+/* Drawn from the top left corner over what was drawn before, so that nothing flickers and nothing
+ * has to be put back when the program ends. */
 class table_view final : public view {
 public:
     explicit table_view(int fd) : fd_(fd) {}
 
+    bool keeps_state() const override { return true; }
+
     void show_record(const event& e, const record& r, std::string&) override {
-        record_summary summary = summarize(r);
-        row_key key = {e.account, e.agent, summary.type, summary.test.value_or(0)};
-        if (rows_.size() >= max_rows && !rows_.contains(key)) {
-            drop_oldest();
-        }
-        row& shown = rows_[key];
-        shown.agent = printable(e.agent);
-        shown.test = test_name(summary);
-        shown.status = summary.status;
-        if (summary.status) {
-            shown.status_text = status_word(summary.type, *summary.status);
-        }
-        shown.is_test = summary.test.has_value();
-        shown.text = printable(values_text(r, summary).append("  ").append(summary.message));
-        shown.received = e.received;
+        table_.take(e.account, e.agent, now(), r);
         changed_ = true;
     }
 
     void show_problem(const std::string& text, std::string&, std::string&) override {
-        problems_.push_back(utc_time(time(nullptr)).substr(11, 8) + " " + printable(text));
-        if (problems_.size() > max_problems) {
-            problems_.pop_front();
+        /* The table puts a time in front, too. */
+        std::string_view shown = text;
+        shown.remove_prefix(begins_with_time(shown) ? 21 : 0);
+        table_.say(shown, now());
+        changed_ = true;
+    }
+
+    void show_note(const std::string&, std::string&, std::string&) override {}
+
+    void take(const event& e, const record& r) override {
+        if (e.kind == event_kind::heard) {
+            table_.hear(e.account, e.agent, now());
+        } else if (e.kind == event_kind::known) {
+            table_.know(e.account, e.agent, e.received);
+        } else if (e.kind == event_kind::result) {
+            table_.know(e.account, e.agent, e.received, r);
+        } else if (e.kind == event_kind::ready) {
+            table_.introduce(e.text);
+        } else if (e.kind == event_kind::planned) {
+            table_.follow(e.plan->tests, e.plan->intervals, now());
         }
         changed_ = true;
     }
 
     void refresh(std::string& out) override {
-        steady_clock::time_point now = steady_clock::now();
-        /* Ages go on even when nothing arrives. */
-        if (now - drawn_ < std::chrono::milliseconds(changed_ ? 450 : 1000)) {
+        steady_clock::time_point begun = steady_clock::now();
+        /* Ages go on even when nothing arrives. Drawing takes a twentieth of the time at most. */
+        if (begun - drawn_ < std::max<steady_clock::duration>(
+                                 std::chrono::milliseconds(changed_ ? 450 : 1000), 19 * cost_)) {
             return;
         }
-        draw(read_screen_size(fd_), time(nullptr), out);
-        drawn_ = now;
+        draw(out);
+        drawn_ = steady_clock::now();
+        cost_ = drawn_ - begun;
         changed_ = false;
     }
 
     void finish(std::string& out) override {
-        draw(read_screen_size(fd_), time(nullptr), out);
+        draw(out);
         out += "\r\n";
     }
 
-    void draw(screen_size screen, int64_t now, std::string& out) {
-        /* Clearing to the line's end with the cursor in the last column would take that column,
-         * too. */
-        screen.columns -= screen.columns > 1 ? 1 : 0;
-        std::vector<const row*> shown;
-        size_t tests = 0, bad = 0;
-        for (const auto& [key, r] : rows_) {
-            shown.push_back(&r);
-            tests += r.is_test;
-            bad += r.status.value_or(0) != 0;
-        }
-        size_t problem_lines = std::min(problems_.size(), screen.rows / 3);
-        /* The title, the heading and the line that says what does not fit. */
-        size_t room = screen.rows - std::min(screen.rows, 3 + problem_lines);
-        if (shown.size() > room) {
-            std::stable_partition(shown.begin(), shown.end(),
-                                  [](const row* r) { return r->status.value_or(0) != 0; });
-        }
-        size_t hidden = shown.size() - std::min(shown.size(), room);
-        shown.resize(shown.size() - hidden);
-
-        out += first_ ? "\033[2J\033[H\033[?7l" : "\033[H\033[?7l";
-        first_ = false;
-        size_t lines = screen.rows;
-        auto line = [&](const std::string& text) {
-            if (lines > 0) {
-                /* No line end behind the last line of the screen: it would scroll. */
-                out += text + "\033[K" + (--lines > 0 ? "\r\n" : "");
-            }
-        };
-        line(fit(screen, "vindral-collector  " + utc_time(now) + "  " + std::to_string(tests) +
-                             " tests, " + std::to_string(bad) + " not ok"));
-        size_t agent_width = 5, test_width = 4;
-        for (const row* r : shown) {
-            agent_width = std::max(agent_width, std::min<size_t>(display_width(r->agent), 24));
-            test_width = std::max(test_width, std::min<size_t>(r->test.size(), 24));
-        }
-        auto cells = [&](const std::string& agent, const std::string& test,
-                         const std::string& age) {
-            return fit_columns(agent, agent_width) + "  " + fit_columns(test, test_width) + "  " +
-                   fit_columns(age, 4) + "  ";
-        };
-        line("\033[7m" +
-             fit(screen, cells("AGENT", "TEST", "AGE") + fit_columns("STATUS", 19) + "  VALUES") +
-             "\033[0m");
-        for (const row* r : shown) {
-            std::string before = cells(r->agent, r->test, age_text(now - r->received));
-            std::string status = fit_columns(r->status_text, 19);
-            line(coloured(screen, before, status, colour_of(r->status), "  " + r->text));
-        }
-        if (hidden > 0) {
-            line(fit(screen, "... and " + std::to_string(hidden) + " more"));
-        }
-        for (size_t i = problems_.size() - problem_lines; i < problems_.size(); i++) {
-            line("\033[33m" + fit(screen, "! " + problems_[i]) + "\033[0m");
-        }
-        out += "\033[J\033[?7h";
-    }
-
 private:
-    struct row {
-        std::string agent, test, text;
-        bool is_test = false;
-        std::optional<int32_t> status;
-        std::string status_text = "-";
-        int64_t received = 0;
-    };
-    /* Account, agent, record type, test id. */
-    using row_key = std::tuple<std::string, std::string, uint32_t, int32_t>;
-    enum { max_rows = 10000, max_problems = 20 };
-
-    static std::string fit(screen_size screen, const std::string& text) {
-        return fit_columns(text, std::min(screen.columns, display_width(text)));
+    /* Does not jump when somebody sets the clock. */
+    int64_t now() const {
+        return begun_at_ +
+               std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - begun_)
+                   .count();
     }
 
-    static const char* colour_of(std::optional<int32_t> status) {
-        return !status        ? "\033[0m"
-               : *status == 0 ? "\033[32m"
-               : *status == 2 ? "\033[31m"
-                              : "\033[35m";
-    }
-
-    /* A line of the screen's width in which the part in the middle has a colour. */
-    static std::string coloured(screen_size screen, const std::string& before,
-                                const std::string& middle, const char* colour,
-                                const std::string& after) {
-        size_t first = std::min(screen.columns, display_width(before));
-        size_t second = std::min(screen.columns - first, display_width(middle));
-        size_t third = std::min(screen.columns - first - second, display_width(after));
-        return fit_columns(before, first) + colour + fit_columns(middle, second) + "\033[0m" +
-               fit_columns(after, third);
-    }
-
-    void drop_oldest() {
-        rows_.erase(std::min_element(rows_.begin(), rows_.end(), [](const auto& a, const auto& b) {
-            return a.second.received < b.second.received;
-        }));
+    void draw(std::string& out) {
+        out += first_ ? "\033[2J\033[H" : "\033[H";
+        first_ = false;
+        out += table_.draw(read_screen(fd_), now());
     }
 
     const int fd_;
-    std::map<row_key, row> rows_;
-    std::deque<std::string> problems_;
+    const int64_t begun_at_ = time(nullptr);
+    const steady_clock::time_point begun_ = steady_clock::now();
+    live_table table_{begun_at_};
     steady_clock::time_point drawn_{};
+    steady_clock::duration cost_{};
     bool changed_ = true;
     bool first_ = true;
 };
 
-class queued_output final : public store_listener {
+class queued_output final : public result_output {
 public:
     queued_output(std::unique_ptr<view> shown, const output_options& options)
         : options_(options), view_(std::move(shown)) {
@@ -303,21 +244,63 @@ public:
             return;
         }
         if (r.raw.size() > max_shown) {
+            if (view_->keeps_state()) {
+                add({event_kind::heard, from.account, from.agent, from.received, "", ""});
+            }
             on_problem("a record of " + std::to_string(r.raw.size()) + " bytes from " + from.agent +
                        " is stored, but too large to be shown");
             return;
         }
-        add({from.account, from.agent, from.received, std::string(r.raw), ""});
+        add({event_kind::record, from.account, from.agent, from.received, std::string(r.raw), ""});
     }
 
     void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                         const std::string& reason, const std::string& kept_as) override {
+        if (view_->keeps_state()) {
+            add({event_kind::heard, from.account, from.agent, from.received, "", ""});
+        }
         on_problem("agent " + from.agent + " of " + from.account + " sent " +
                    std::to_string(bytes) + " bytes that are no record, at offset " +
                    std::to_string(offset) + " (" + reason + "): kept in " + kept_as);
     }
 
-    void on_problem(const std::string& text) override { add({"", "", 0, "", text}); }
+    void on_problem(const std::string& text) override {
+        add({event_kind::problem, "", "", 0, "", text});
+    }
+
+    void on_note(const std::string& text) override { add({event_kind::note, "", "", 0, "", text}); }
+
+    void on_ready(const std::string& text) override {
+        if (view_->keeps_state()) {
+            add({event_kind::ready, "", "", 0, "", text});
+        }
+    }
+
+    void on_plan(const std::vector<plan_line>& lines) override {
+        if (view_->keeps_state()) {
+            plan_content content{planned_tests(lines), intervals_of(lines)};
+            add({event_kind::planned, "", "", 0, "", "",
+                 std::make_shared<const plan_content>(std::move(content))});
+        }
+    }
+
+    void begin(const store& results) override {
+        if (!view_->keeps_state()) {
+            return;
+        }
+        results.for_each_agent([this](const known_agent& a) {
+            wait_for_room();
+            add({event_kind::known, std::string(a.account), std::string(a.agent), a.last_seen, "",
+                 ""});
+        });
+        results.for_each_latest([this](const latest_result& l) {
+            if (l.record.size() <= max_shown) {
+                wait_for_room();
+                add({event_kind::result, std::string(l.account), std::string(l.agent), l.received,
+                     std::string(l.record), ""});
+            }
+        });
+    }
 
 private:
     enum { max_shown = 1 << 20 };
@@ -334,6 +317,11 @@ private:
         if (queue_.size() == 1) {
             wake_.notify_one();
         }
+    }
+
+    void wait_for_room() {
+        std::unique_lock hold(mutex_);
+        room_.wait(hold, [this] { return queued_bytes_ < options_.max_queued / 2; });
     }
 
     /* The output's thread. */
@@ -360,26 +348,24 @@ private:
         std::unique_lock hold(mutex_);
         wake_.wait_for(hold, std::chrono::milliseconds(500),
                        [this] { return stopping_ || !queue_.empty(); });
+        take_now(batch, dropped);
+        return !stopping_ || !batch.empty();
+    }
+
+    /* With the lock held. */
+    void take_now(std::deque<event>& batch, size_t& dropped) {
         batch.swap(queue_);
         queued_bytes_ = 0;
         dropped = dropped_;
         dropped_ = 0;
-        return !stopping_ || !batch.empty();
+        room_.notify_all();
     }
 
     void show_batch(const std::deque<event>& batch, size_t dropped) {
         std::string out, problems;
-        if (dropped > 0) {
-            view_->show_problem(std::to_string(dropped) +
-                                    " entries are not shown: the reader is too slow",
-                                out, problems);
-        }
+        report_dropped(dropped, out, problems);
         for (const event& e : batch) {
-            if (e.raw.empty()) {
-                view_->show_problem(e.problem, out, problems);
-            } else if (decode_record(e.raw, record_, reason_)) {
-                view_->show_record(e, record_, out);
-            }
+            show(e, out, problems);
             if (out.size() >= 64 * 1024) {
                 write_out(options_.fd, out);
             }
@@ -387,6 +373,49 @@ private:
         view_->refresh(out);
         write_out(options_.fd, out);
         write_out(options_.problem_fd, problems);
+    }
+
+    void report_dropped(size_t dropped, std::string& out, std::string& problems) {
+        if (dropped > 0) {
+            view_->show_problem(std::to_string(dropped) +
+                                    " entries are not shown: the reader is too slow",
+                                out, problems);
+        }
+    }
+
+    void show(const event& e, std::string& out, std::string& problems) {
+        bool has_record = e.kind == event_kind::record || e.kind == event_kind::result;
+        if (has_record && !decode_record(e.raw, record_, reason_)) {
+            return;
+        }
+        switch (e.kind) {
+        case event_kind::record:
+            view_->show_record(e, record_, out);
+            break;
+        case event_kind::problem:
+            view_->show_problem(e.text, out, problems);
+            break;
+        case event_kind::note:
+            view_->show_note(e.text, out, problems);
+            break;
+        default:
+            view_->take(e, record_);
+        }
+    }
+
+    /* What arrives while the terminal takes nothing changes what is drawn next. */
+    void absorb() {
+        std::deque<event> batch;
+        size_t dropped = 0;
+        {
+            std::lock_guard hold(mutex_);
+            take_now(batch, dropped);
+        }
+        std::string none;
+        report_dropped(dropped, none, none);
+        for (const event& e : batch) {
+            show(e, none, none);
+        }
     }
 
     bool is_stopping() {
@@ -402,7 +431,9 @@ private:
         auto moved = steady_clock::now();
         while (at < text.size() && !gone_) {
             pollfd ready = {fd, POLLOUT, 0};
-            poll(&ready, 1, 100);
+            if (poll(&ready, 1, 100) == 0 && view_->keeps_state()) {
+                absorb();
+            }
             ssize_t written = -1;
             errno = EAGAIN;
             if (ready.revents != 0) {
@@ -424,7 +455,7 @@ private:
     const std::unique_ptr<view> view_;
 
     std::mutex mutex_; /* guards the next four */
-    std::condition_variable wake_;
+    std::condition_variable wake_, room_;
     std::deque<event> queue_;
     size_t queued_bytes_ = 0;
     size_t dropped_ = 0;
@@ -439,7 +470,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<store_listener> make_output(output_kind kind, const output_options& options) {
+std::unique_ptr<result_output> make_output(output_kind kind, const output_options& options) {
     std::unique_ptr<view> shown;
     switch (kind) {
     case output_kind::table:

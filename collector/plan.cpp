@@ -586,10 +586,15 @@ void plan::state::take(plan& owner, std::string_view text) {
     }
     prepare_logins(lines);
     problems = std::move(found);
+    if (owner.taken_) {
+        owner.taken_(owner.lines_);
+    }
 }
 
-plan::plan(std::string path, std::function<void(const plan_problem&)> report)
-    : path_(std::move(path)), report_(std::move(report)), state_(std::make_shared<state>()) {}
+plan::plan(std::string path, std::function<void(const plan_problem&)> report,
+           std::function<void(const line_list&)> taken)
+    : path_(std::move(path)), report_(std::move(report)), taken_(std::move(taken)),
+      state_(std::make_shared<state>()) {}
 
 bool plan::refresh() {
     state& s = *state_;
@@ -811,4 +816,18 @@ std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines) {
         tests.push_back(test.test);
     }
     return tests;
+}
+
+planned_intervals intervals_of(const std::vector<plan_line>& lines) {
+    planned_intervals intervals;
+    for (const plan_line& line : lines) {
+        std::vector<std::string_view> fields = split_fields(line.text);
+        int32_t seconds = 0;
+        if (fields.size() > 2 && read_number(fields[2], seconds) && seconds > 0) {
+            (fields[0] == "POL"   ? intervals.poll
+             : fields[0] == "CHK" ? intervals.check
+                                  : seconds) = seconds;
+        }
+    }
+    return intervals;
 }

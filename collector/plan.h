@@ -56,9 +56,12 @@ struct known_test {
 
 class plan {
 public:
+    using line_list = std::vector<plan_line>;
+
     /* An empty path is an empty plan. `report` gets each problem once per reading in which it is
-     * new. */
-    plan(std::string path, std::function<void(const plan_problem&)> report);
+     * new; `taken`, if there is one, the lines whenever a reading has made them. */
+    plan(std::string path, std::function<void(const plan_problem&)> report,
+         std::function<void(const line_list&)> taken = {});
 
     /* Reads the file when it has changed since the last reading (one stat otherwise). False, with
      * the old lines kept, when it cannot be read. Lines that were there before keep their serial;
@@ -87,6 +90,7 @@ public:
 private:
     std::string path_;
     std::function<void(const plan_problem&)> report_;
+    std::function<void(const line_list&)> taken_;
     std::vector<plan_line> lines_;
     uint64_t newest_ = 0;
     struct state;
@@ -100,5 +104,12 @@ struct planned_test {
     int32_t id;
 };
 std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines);
+
+/* The intervals that an agent has when it has heeded all lines, in seconds. */
+struct planned_intervals {
+    int32_t poll = 60;
+    int32_t check = 0; /* none: a test runs once */
+};
+planned_intervals intervals_of(const std::vector<plan_line>& lines);
 
 #endif

@@ -118,7 +118,8 @@ static const std::vector<record_schema> schemas = {
                           .values = {{value_type::ui32, 0, "type", ""},
                                      {value_type::string, 0, "value", ""}},
                           .message = 1,
-                          .shown_in_line = true}},
+                          .shown_in_line = true,
+                          .judged_alone = true}},
     {.type = type_load_average,
      .name = "load average",
      .test = 1,
@@ -270,16 +271,46 @@ static std::vector<std::string_view> items_of(const record& r) {
     return items;
 }
 
-/* Those that cannot be read are passed over. */
+/* Those that cannot be read are passed over. Ends early when `each` returns false. */
 template <typename Do>
-static void for_each_nested(const record& r, Do each) {
+static void for_each_nested_while(const record& r, Do each) {
     std::string reason;
+    record inner;
     for (std::string_view bytes : r.nested) {
-        record inner;
-        if (decode_record(bytes, inner, reason)) {
-            each(inner);
+        if (decode_record(bytes, inner, reason) && !each(inner)) {
+            return;
         }
     }
+}
+
+template <typename Do>
+static void for_each_nested(const record& r, Do each) {
+    for_each_nested_while(r, [&](const record& inner) {
+        each(inner);
+        return true;
+    });
+}
+
+verdict judge(const record& r, const record_summary& summary) {
+    verdict v{summary.status, std::string(summary.message)};
+    if (summary.status != 0 || !summary.schema->parts || !summary.schema->parts->judged_alone) {
+        return v;
+    }
+    const part_schema& known = *summary.schema->parts;
+    size_t bad = 0;
+    for_each_nested(r, [&](const record& part) {
+        /* Whatever else it lacks: a value that is an empty text is no reason to overlook it. */
+        int32_t status =
+            *known.status < part.ui32.size() ? static_cast<int32_t>(part.ui32[*known.status]) : 0;
+        if (status != 0 && bad++ == 0) {
+            v.status = status;
+            v.reason = part.strings.empty() ? "" : part.strings[part.strings.size() - 1];
+        }
+    });
+    if (bad > 1) {
+        v.reason += " (and " + std::to_string(bad - 1) + " more)";
+    }
+    return v;
 }
 
 static std::string_view string_at(const record& r, size_t index) {
@@ -381,10 +412,11 @@ static void append_values(std::string& text, const record& r,
     }
 }
 
-static void append_parts(std::string& text, const record& r, const record_schema& schema) {
-    for_each_nested(r, [&](const record& part) {
+static void append_parts(std::string& text, const record& r, const record_schema& schema,
+                         size_t most) {
+    for_each_nested_while(r, [&](const record& part) {
         if (!is_as_described(part, *schema.parts)) {
-            return;
+            return true;
         }
         std::string values;
         append_values(values, part, schema.parts->values);
@@ -392,6 +424,7 @@ static void append_parts(std::string& text, const record& r, const record_schema
         auto status =
             schema.parts->status ? static_cast<int32_t>(part.ui32[*schema.parts->status]) : 0;
         text += status != 0 ? " (" + status_word(schema.type, status) + ")" : "";
+        return text.size() <= most;
     });
 }
 
@@ -404,27 +437,46 @@ static std::string table_text(const record& r) {
            " columns";
 }
 
-std::string values_text(const record& r, const record_summary& summary) {
-    if (summary.schema == nullptr) {
-        return generic_text(r);
-    }
-    std::string text;
-    if (summary.schema->list != nullptr) {
-        std::vector<std::string_view> items = items_of(r);
-        text = std::to_string(items.size());
-        for (std::string_view item : items) {
-            text.append(" ").append(item);
+static std::string cut(std::string text, size_t most) {
+    if (text.size() > most) {
+        /* Between characters, not within one. */
+        while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0) == 0x80) {
+            most--;
         }
-        return text;
-    }
-    if (summary.schema->is_table) {
-        return table_text(r);
-    }
-    append_values(text, r, summary.schema->values);
-    if (summary.schema->parts && summary.schema->parts->shown_in_line) {
-        append_parts(text, r, *summary.schema);
+        text.resize(most);
+        text += " ...";
     }
     return text;
+}
+
+static std::string items_text(const record& r, size_t most) {
+    std::vector<std::string_view> items = items_of(r);
+    std::string text = std::to_string(items.size());
+    for (std::string_view item : items) {
+        if (text.size() > most) {
+            break;
+        }
+        text.append(" ").append(item);
+    }
+    return text;
+}
+
+std::string values_text(const record& r, const record_summary& summary, size_t most) {
+    if (summary.schema == nullptr) {
+        return cut(generic_text(r), most);
+    }
+    if (summary.schema->list != nullptr) {
+        return cut(items_text(r, most), most);
+    }
+    if (summary.schema->is_table) {
+        return cut(table_text(r), most);
+    }
+    std::string text;
+    append_values(text, r, summary.schema->values);
+    if (summary.schema->parts && summary.schema->parts->shown_in_line) {
+        append_parts(text, r, *summary.schema, most);
+    }
+    return cut(std::move(text), most);
 }
 
 template <typename T>

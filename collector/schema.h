@@ -47,6 +47,8 @@ struct part_schema {
     std::vector<schema_value> values = {};
     std::optional<size_t> message = {};
     bool shown_in_line = false; /* few enough for one line */
+    bool judged_alone =
+        false; /* a part may be a problem of which the record's status says nothing */
 };
 
 /* A test's result, or an inventory: what there is on the agent's machine that can be tested. */
@@ -89,11 +91,21 @@ std::string type_name(uint32_t type);
  * "status 7". */
 std::string status_word(uint32_t type, int32_t status);
 
+/* What a result comes to: its status, or, where that is "ok", the status of a part that is not: an
+ * object of an SNMP get that is out of its limits. `reason` is what the record says of it: its
+ * message, or that of the first such part and how many more there are. */
+struct verdict {
+    std::optional<int32_t> status; /* none: nothing that is judged */
+    std::string reason;
+};
+verdict judge(const record& r, const record_summary& summary);
+
 /* The value as text, without unit. `r` must have it: summarize() found a schema. */
 std::string value_text(const record& r, const schema_value& value);
 
-/* All values in one line: "load1 0.5 load5 0.25 ...". Generic for a record without a schema. */
-std::string values_text(const record& r, const record_summary& summary);
+/* All values in one line: "load1 0.5 load5 0.25 ...". Generic for a record without a schema. Once
+ * `most` bytes are reached " ..." ends it. */
+std::string values_text(const record& r, const record_summary& summary, size_t most = SIZE_MAX);
 
 /* One JSON object (no line end) with agent, account, received, type, name, test, location, time,
  * status, status_text, values, message and, where there are any, nested records under their name.

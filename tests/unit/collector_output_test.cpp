@@ -50,7 +50,7 @@ static void show(store_listener& out, const std::string& bytes, const std::strin
     record r;
     std::string reason;
     ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
-    out.on_record({"a@b.c", agent, bytes, noon}, r);
+    out.on_record({"a@b.c", agent, bytes, noon, "", ""}, r);
 }
 
 TEST(output, json_is_one_object_per_line_and_record) {
@@ -63,7 +63,7 @@ TEST(output, json_is_one_object_per_line_and_record) {
         EXPECT_EQ(boost::json::parse(first).at("test"), 5);
         show(*o, record_builder{.ui32 = {99}}.bytes());
         o->on_problem("something\nis wrong");
-        o->on_undecodable({"a@b.c", "web1", "", noon}, 17, 4, "too short for a record",
+        o->on_undecodable({"a@b.c", "web1", "", noon, "", ""}, 17, 4, "too short for a record",
                           "/kept/here");
     }
     std::string second = out.read_all();
@@ -200,151 +200,193 @@ TEST(output, many_threads_may_report) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 200);
 }
 
-/* The lines that a screen shows after the frame, without colours; checks that nothing leaves it. */
-static std::vector<std::string> screen_of(const std::string& frame, screen_size size) {
-    std::vector<std::string> lines(1);
-    for (size_t i = 0; i < frame.size(); i++) {
-        if (frame[i] == '\033') {
-            size_t end = frame.find_first_of("HJKmhl", i);
-            EXPECT_NE(end, frame.npos);
-            EXPECT_EQ(frame[i + 1], '[');
-            i = end;
-        } else if (frame.substr(i, 2) == "\r\n") {
-            lines.emplace_back();
-            i++;
-        } else {
-            EXPECT_GE(static_cast<unsigned char>(frame[i]), 0x20u);
-            lines.back() += frame[i];
-        }
-    }
-    EXPECT_LE(lines.size(), size.rows);
-    for (std::string& line : lines) {
-        EXPECT_LE(display_width(line), size.columns) << line;
-        while (line.ends_with(' ')) {
-            line.pop_back();
-        }
-    }
-    return lines;
-}
-
-struct table_test : testing::Test {
-    table_view table{-1};
-    std::string unused;
-
-    void add(const std::string& agent, uint32_t test, uint32_t status = 0,
-             const std::string& message = "fine\n") {
-        std::string bytes = load_record(test, noon, status, message);
-        event e{"a@b.c", agent, noon, bytes, ""};
-        record r;
-        std::string reason;
-        ASSERT_TRUE(decode_record(bytes, r, reason));
-        table.show_record(e, r, unused);
-    }
-
-    std::vector<std::string> screen(screen_size size, int64_t now = noon + 7) {
-        std::string frame;
-        table.draw(size, now, frame);
-        return screen_of(frame, size);
-    }
-};
-
-TEST_F(table_test, shows_the_last_result_of_each_test) {
-    add("web1", 5);
-    add("web1", 6, 10, "no answer\n");
-    add("db", 5);
-    add("web1", 5, 2, "too high\n");
-    table.show_problem("plan line 3: bad", unused, unused);
-    std::vector<std::string> lines = screen({24, 120});
-    ASSERT_EQ(lines.size(), 7u); /* the last is below the problem */
-    EXPECT_EQ(lines[0], "vindral-collector  2026-05-01T12:00:07Z  3 tests, 2 not ok");
-    EXPECT_EQ(lines[1], "AGENT  TEST            AGE   STATUS               VALUES");
-    EXPECT_EQ(lines[2],
-              "db     load average 5  7s    ok                   load1 0.5 load5 0.25 load15 "
-              "0.125  fine");
-    EXPECT_EQ(lines[3],
-              "web1   load average 5  7s    limit reached        load1 0.5 load5 0.25 load15 "
-              "0.125  too high");
-    EXPECT_EQ(lines[4],
-              "web1   load average 6  7s    remote query failed  load1 0.5 load5 0.25 load15 "
-              "0.125  no answer");
-    EXPECT_EQ(lines[5].substr(0, 2), "! ");
-    EXPECT_EQ(lines[5].substr(11), "plan line 3: bad");
-}
-
-TEST_F(table_test, fits_any_screen) {
-    for (int i = 0; i < 100; i++) {
-        add("agent \xe6\xbc\xa2 with a long name " + std::to_string(i), i, i % 7 == 0 ? 2 : 0,
-            std::string(300, 'm'));
-        table.show_problem(std::string(300, 'p'), unused, unused);
-    }
-    for (size_t rows : {1, 2, 3, 4, 5, 10, 24, 200}) {
-        for (size_t columns : {1, 2, 5, 20, 40, 80, 1000}) {
-            screen({rows, columns});
-        }
-    }
-}
-
-TEST_F(table_test, what_is_not_ok_comes_first_when_not_all_fits) {
-    for (int i = 0; i < 30; i++) {
-        add("web", i, i == 25 ? 2 : 0);
-    }
-    std::vector<std::string> lines = screen({10, 80});
-    ASSERT_EQ(lines.size(), 10u);
-    EXPECT_NE(lines[2].find("load average 25"), std::string::npos) << lines[2];
-    EXPECT_EQ(lines[9], "... and 23 more");
-}
-
-TEST_F(table_test, text_from_agents_cannot_steer_the_terminal) {
-    add("\x1b[2J\x9b"
-        "evil\n",
-        5, 2, "\x1b]0;owned\x07\r\n\xc2\x9b 5m");
-    table.show_problem("\x1b[1;1Hgotcha", unused, unused);
-    screen({24, 100}); /* checks that there is nothing but what we draw with */
-}
-
-TEST_F(table_test, the_oldest_give_way_when_there_are_too_many) {
-    for (uint32_t i = 0; i < 10005; i++) {
-        add("web", i);
-    }
-    EXPECT_EQ(screen({3, 80})[0], "vindral-collector  2026-05-01T12:00:07Z  10000 tests, 0 not ok");
-}
-
-TEST(table, ages) {
-    EXPECT_EQ(age_text(-5), "0s");
-    EXPECT_EQ(age_text(99), "99s");
-    EXPECT_EQ(age_text(100), "1m");
-    EXPECT_EQ(age_text(5999), "99m");
-    EXPECT_EQ(age_text(6000), "1h");
-    EXPECT_EQ(age_text(100 * 3600), "4d");
-}
-
-TEST(table, draws_on_a_terminal_of_its_size) {
-    winsize size = {.ws_row = 6, .ws_col = 70, .ws_xpixel = 0, .ws_ypixel = 0};
-    int master, slave;
-    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, &size), 0);
-    setenv("TERM", "xterm", 1);
-    EXPECT_EQ(choose_output(slave, false), output_kind::table);
-    EXPECT_EQ(choose_output(slave, true), output_kind::json);
-    setenv("TERM", "dumb", 1);
-    EXPECT_EQ(choose_output(slave, false), output_kind::plain);
+TEST(output, a_line_shows_the_beginning_of_a_long_record) {
+    pipe_pair out, problems;
     std::string text;
     {
-        auto o = make_output(output_kind::table, {.fd = slave});
-        for (int i = 0; i < 20; i++) {
-            show(*o, load_record(i, noon));
-        }
-        o->on_problem("a problem");
+        auto o =
+            make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(5, noon, 2, std::string(500000, 'm')));
+        show(*o, record_builder{.ui32 = {42, 0, 0},
+                                .i64 = {noon},
+                                .strings = {std::string(500000, '\t')}}
+                     .bytes());
+        text = out.read_until("\n") + out.read_until("\n");
+    }
+    EXPECT_LT(text.size(), 40000u);
+    EXPECT_NE(text.find("mmm ...\n"), text.npos);
+    EXPECT_TRUE(text.ends_with(" ...\n"));
+}
+
+TEST(output, a_line_calls_a_get_what_its_worst_value_is) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+        record_builder bad{.ui32 = {9, 2}, .strings = {"25", "too high"}};
+        show(*o, record_builder{.ui32 = {57, 5, 7, 0, 1},
+                                .i64 = {noon},
+                                .d64 = {1.5},
+                                .strings = {"New results are available.\n"},
+                                .nested = {bad.bytes()}}
+                     .bytes());
+    }
+    EXPECT_EQ(
+        out.read_all(),
+        "2026-05-01T12:00:00Z web1 snmp 5: limit reached, objects 1 time 1.5 ms, type 9 value "
+        "25 (limit reached), New results are available.\n");
+}
+
+TEST(output, log_ins_are_lines_where_there_is_no_table) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::quiet, {.fd = out.writer(), .problem_fd = problems.writer()});
+        o->on_note("login: web1");
+        o->on_ready("not here");
+        o->on_plan({{1, 1, "POL\t0\t5"}});
+    }
+    EXPECT_EQ(problems.read_all(), "vindral-collector: login: web1\n");
+}
+
+/* A terminal of which the test holds the other end. */
+struct terminal {
+    int master = -1, slave = -1;
+    std::string text; /* read so far */
+    terminal(unsigned short rows, unsigned short columns) {
+        winsize size = {.ws_row = rows, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
+        EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, &size), 0);
+    }
+    ~terminal() {
+        close(slave);
+        close(master);
+    }
+    /* Forgets what was read before it. */
+    void read_until(const std::string& wanted) {
         char piece[4096];
-        while (text.find("a problem") == text.npos) {
+        text.clear();
+        while (text.find(wanted) == text.npos) {
             ssize_t got = read(master, piece, sizeof(piece));
             ASSERT_GT(got, 0);
             text.append(piece, static_cast<size_t>(got));
         }
     }
-    close(slave);
-    close(master);
-    EXPECT_NE(text.find("20 tests, 0 not ok"), text.npos);
-    EXPECT_NE(text.find("... and 18 more"), text.npos);
+};
+
+struct store_with_a_past : store {
+    void submit(poll_block, std::function<void(store_result)>) override {}
+    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+        int64_t now = time(nullptr);
+        for (int i = 0; i < 500; i++) {
+            std::string name = "host" + std::to_string(i);
+            each({"a@b.c", name, "192.0.2.1", "1", now - 100000, now - 30});
+        }
+    }
+    void for_each_latest(const std::function<void(const latest_result&)>& each) const override {
+        std::string fine = load_record(5, noon), bad = load_record(6, noon, 2, "too high\n");
+        for (int i = 0; i < 500; i++) {
+            std::string name = "host" + std::to_string(i);
+            each({"a@b.c", name, time(nullptr) - 30, fine});
+            each({"a@b.c", name, time(nullptr) - 40, i == 7 ? bad : fine});
+            each({"a@b.c", name, time(nullptr) - 40, "no record"});
+        }
+    }
+};
+
+TEST(table, begins_with_what_the_store_knows) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    /* A queue that holds a small part of it: begin() waits, nothing is dropped. */
+    auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 20000});
+    o->begin(store_with_a_past());
+    screen.read_until("1 problem, 500 ok - 501 tests on 500 hosts");
+}
+
+TEST(table, shows_the_lines_for_hosts_until_an_agent_is_known_but_no_log_ins) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    o->on_note("2026-05-01T12:00:00Z login: web1 of a@b.c at 192.0.2.1");
+    o->on_ready("Listening on 192.0.2.1:8443\n  USEHOST  https://here\n");
+    o->on_problem("2026-05-01T12:00:00Z plan line 3: bad");
+    screen.read_until("plan line 3: bad");
+    EXPECT_NE(screen.text.find("Listening on 192.0.2.1:8443"), std::string::npos);
+    EXPECT_NE(screen.text.find("  USEHOST  https://here"), std::string::npos);
+    EXPECT_EQ(screen.text.find("2026-05-01"), std::string::npos); /* no second time */
+    show(*o, load_record(5, noon));
+    screen.read_until("1 test on 1 host");
+    screen.read_until("\033[J");
+    screen.read_until("\033[J");
+    EXPECT_EQ(screen.text.find("USEHOST"), std::string::npos);
+    EXPECT_EQ(screen.text.find("login"), std::string::npos);
+}
+
+TEST(table, tests_that_leave_the_plan_leave_the_screen) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    show(*o, load_record(5, noon));
+    show(*o, load_record(6, noon));
+    screen.read_until("2 tests on 1 host");
+    o->on_plan({{1, 1, "LAA\t5\t1\t-1\t-1\t-1"}});
+    screen.read_until("1 test on 1 host");
+}
+
+struct store_with_an_agent : store {
+    void submit(poll_block, std::function<void(store_result)>) override {}
+    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+        each({"a@b.c", "web1", "", "", noon, noon});
+    }
+};
+
+TEST(table, a_terminal_that_takes_nothing_costs_no_state) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    int flags = fcntl(screen.slave, F_GETFL);
+    fcntl(screen.slave, F_SETFL, flags | O_NONBLOCK);
+    std::string filler(4096, '.');
+    while (write(screen.slave, filler.data(), filler.size()) > 0) {
+    }
+    fcntl(screen.slave, F_SETFL, flags);
+    auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 50000});
+    show(*o, load_record(1, noon, 2, "this one is bad\n"));
+    for (int i = 0; i < 30; i++) { /* several times what the queue holds */
+        for (int test = 2; test < 22; test++) {
+            show(*o, load_record(test, noon));
+        }
+        o->begin(store_with_an_agent()); /* waits until half of the queue is free */
+    }
+    screen.read_until("this one is bad");
+}
+
+TEST(table, draws_on_a_terminal_of_its_size) {
+    terminal screen(6, 70);
+    setenv("TERM", "xterm", 1);
+    EXPECT_EQ(choose_output(screen.slave, false), output_kind::table);
+    EXPECT_EQ(choose_output(screen.slave, true), output_kind::json);
+    setenv("TERM", "dumb", 1);
+    EXPECT_EQ(choose_output(screen.slave, false), output_kind::plain);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    for (int i = 0; i < 20; i++) {
+        show(*o, load_record(i, noon));
+    }
+    o->on_problem("a problem");
+    screen.read_until("all ok - 20 tests on 1 host");
+    screen.read_until("... 18 more tests that are ok");
+    screen.read_until("a problem");
+}
+
+TEST(table, has_no_colours_where_none_are_wanted) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(read_screen(screen.slave).colours);
+    setenv("NO_COLOR", "", 1);
+    EXPECT_TRUE(read_screen(screen.slave).colours);
+    unsetenv("NO_COLOR");
+    EXPECT_TRUE(read_screen(screen.slave).colours);
+    EXPECT_EQ(read_screen(screen.slave).rows, 24u);
+    EXPECT_EQ(read_screen(-1).columns, 80u);
 }
 
 TEST(choose, no_terminal_means_lines) {

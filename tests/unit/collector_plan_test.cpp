@@ -522,6 +522,32 @@ TEST_F(plan_test, an_unchanged_file_is_not_read_again) {
     EXPECT_LE(problems.size(), 1u); /* root may read it all the same */
 }
 
+TEST_F(plan_test, who_follows_the_plan_is_told_of_each_change) {
+    std::vector<size_t> told;
+    write_text(path, laa5);
+    plan followed(path, nullptr,
+                  [&](const plan::line_list& lines) { told.push_back(lines.size()); });
+    EXPECT_TRUE(followed.refresh());
+    EXPECT_TRUE(followed.refresh());
+    EXPECT_EQ(told, std::vector<size_t>{1});
+    append_text(path, laa6);
+    EXPECT_TRUE(followed.refresh());
+    EXPECT_EQ(told, (std::vector<size_t>{1, 2}));
+    write_text(path, ""); /* leaves the lines as they are */
+    pinned_seconds += 2;
+    followed.refresh();
+    EXPECT_EQ(told.size(), 2u);
+}
+
+TEST_F(plan_test, intervals_are_those_of_the_last_lines) {
+    EXPECT_TRUE(start(laa5));
+    EXPECT_EQ(intervals_of(p->lines()).poll, 60);
+    EXPECT_EQ(intervals_of(p->lines()).check, 0);
+    EXPECT_TRUE(start("POL\t0\t5\nCHK\t0\t7\nPOL\t0\t30\n" + laa5));
+    EXPECT_EQ(intervals_of(p->lines()).poll, 30);
+    EXPECT_EQ(intervals_of(p->lines()).check, 7);
+}
+
 TEST_F(plan_test, planned_tests_are_those_that_remain) {
     start(laa5 + laa6 +
           "LAA\t7\t1\t1\t2\t3\nLAM\t7\t1\t1\t1\t1\nLAD\t5\t0\nCHK\t0\t60\nLAD\t7\t0\n" +

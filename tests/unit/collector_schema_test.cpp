@@ -137,6 +137,51 @@ TEST(schema, objects_of_a_get) {
     EXPECT_EQ(status_word(57, 3), "failed");
 }
 
+TEST(schema, a_get_is_judged_by_its_objects) {
+    record_builder good{.ui32 = {8, 0}, .strings = {"core-1", "fine"}};
+    record_builder bad{.ui32 = {9, 2}, .strings = {"25", "too high"}};
+    record_builder short_one{.strings = {"no status"}};
+    record_builder get{.ui32 = {57, 5, 7, 0, 3},
+                       .i64 = {9},
+                       .d64 = {1.5},
+                       .strings = {"New results are available."}};
+    auto judged = [](const record_builder& b) {
+        std::string bytes = b.bytes();
+        record r = decode(bytes);
+        return judge(r, summarize(r));
+    };
+    EXPECT_EQ(judged(get).status, 0);
+    EXPECT_EQ(judged(get).reason, "New results are available.");
+    get.nested = {short_one.bytes(), good.bytes(), bad.bytes()};
+    EXPECT_EQ(judged(get).status, 2);
+    EXPECT_EQ(judged(get).reason, "too high");
+    get.nested = {bad.bytes(), bad.bytes(), bad.bytes()};
+    EXPECT_EQ(judged(get).reason, "too high (and 2 more)");
+    get.ui32[3] = 3; /* it failed as a whole */
+    EXPECT_EQ(judged(get).status, 3);
+    EXPECT_EQ(judged(get).reason, "New results are available.");
+    /* One busy processor is no problem of a machine that is within its limits. */
+    record_builder busy{.ui32 = {2}, .d64 = {99, 0, 0, 1, 0}, .strings = {"busy"}};
+    EXPECT_EQ(judged({.ui32 = {44, 1, 1, 0},
+                      .i64 = {1},
+                      .d64 = {9, 0, 0, 91, 0},
+                      .strings = {"m"},
+                      .nested = {busy.bytes()}})
+                  .status,
+              0);
+    EXPECT_FALSE(judged({.ui32 = {99}}).status.has_value());
+}
+
+TEST(schema, a_line_may_be_cut_between_characters) {
+    std::string bytes =
+        record_builder{.ui32 = {42, 0, 0}, .i64 = {1}, .strings = {"\xc3\xa4\xc3\xb6\t\xc3\xbc\t"}}
+            .bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(values_text(r, summarize(r)), "2 \xc3\xa4\xc3\xb6 \xc3\xbc");
+    EXPECT_EQ(values_text(r, summarize(r), 5), "2 \xc3\xa4 ...");
+    EXPECT_EQ(values_text(r, summarize(r), 0), " ...");
+}
+
 TEST(schema, rows_of_a_table) {
     record_builder columns{.ui32 = {9, 8}, .strings = {"ifIndex", "ifDescr"}};
     record_builder cells{.ui32 = {0, 0, 0, 1, 1, 0, 1, 1}, .strings = {"1", "lo", "2", "-"}};

@@ -187,7 +187,9 @@ static int run_server(const options& o) {
         return fail(error);
     }
     std::unique_ptr<result_output> output =
-        make_output(o.quiet ? output_kind::quiet : choose_output(STDOUT_FILENO, o.json));
+        make_output(o.quiet      ? output_kind::quiet
+                    : o.problems ? output_kind::problems
+                                 : choose_output(STDOUT_FILENO, o.json));
     store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     std::unique_ptr<store> results = store::open(keeping, output.get(), error);

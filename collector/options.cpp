@@ -27,6 +27,8 @@ database in the state directory and sends the agents the tests of a plan.
   --end-refused           end the agents of other accounts, for good and with
                           what they have not sent; otherwise they try again
   --json                  one JSON object a line on standard output
+  --problems              on standard output only results that are not ok: when
+                          that begins, becomes another and ends
   --quiet                 no results on standard output
   --keep-days N           days of results to keep (30); 0 keeps all
   --max-connections N     connections at a time (from the descriptor limit)
@@ -58,6 +60,7 @@ enum long_only {
     opt_allow,
     opt_end_refused,
     opt_json,
+    opt_problems,
     opt_quiet,
     opt_keep_days,
     opt_max_connections,
@@ -82,6 +85,7 @@ static const option long_options[] = {
     {"allow", required_argument, nullptr, opt_allow},
     {"end-refused", no_argument, nullptr, opt_end_refused},
     {"json", no_argument, nullptr, opt_json},
+    {"problems", no_argument, nullptr, opt_problems},
     {"quiet", no_argument, nullptr, opt_quiet},
     {"keep-days", required_argument, nullptr, opt_keep_days},
     {"max-connections", required_argument, nullptr, opt_max_connections},
@@ -210,6 +214,11 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
             break;
         case opt_json:
             out.json = true;
+            out.problems = false;
+            break;
+        case opt_problems:
+            out.problems = true;
+            out.json = false;
             break;
         case opt_quiet:
             out.quiet = true;

@@ -17,7 +17,8 @@ struct options {
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
     bool end_refused = false;       /* agents of other accounts are ended, for good */
     bool json = false;
-    bool quiet = false;
+    bool problems = false;      /* not together with json: the later of the two counts */
+    bool quiet = false;         /* more than both */
     int64_t older_than = 0;     /* seconds; with missing: older results do not count; 0: they do */
     bool missing = false;       /* report planned tests without results, then exit */
     int keep_days = 30;         /* 0: for ever */

@@ -20,11 +20,13 @@
 #include <cstdlib>
 #include <ctime>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -123,6 +125,83 @@ public:
         std::string message = printable(summary.message.substr(0, max_in_line));
         out += (message.empty() ? "" : ", " + message) + (whole ? "\n" : " ...\n");
     }
+};
+
+/* Plain lines for what changes between good and bad, few enough for a journal. */
+class problem_view final : public line_view {
+public:
+    void show_record(const event& e, const record& r, std::string& out) override {
+        record_summary summary = summarize(r);
+        std::optional<int32_t> status = judge(r, summary).status;
+        if (summary.test && status && is_news(e, r, summary, *status)) {
+            plain_.show_record(e, r, out);
+        }
+    }
+
+private:
+    /* Account, agent, record type, test id, and for a process its id: a test of processes has a
+     * record for each, with id 0 when there is none. */
+    using key = std::tuple<std::string, std::string, uint32_t, int32_t, uint32_t>;
+    enum { max_known_bytes = 16 << 20 };
+
+    bool is_news(const event& e, const record& r, const record_summary& summary, int32_t status) {
+        uint32_t process = summary.type == type_process ? r.ui32[3] : 0;
+        key test = {e.account, e.agent, summary.type, *summary.test, process};
+        bool was_bad = false;
+        if (summary.type == type_process) {
+            was_bad = forget_other_processes(test);
+        }
+        auto known = bad_.find(test);
+        if (known != bad_.end() && known->second == status) {
+            return false;
+        }
+        if (status != 0) {
+            remember(test, status);
+            return true;
+        }
+        if (known != bad_.end()) {
+            forget(known);
+            was_bad = true;
+        }
+        return was_bad;
+    }
+
+    /* Where one runs, that none did is over; where none does, what the others were. True when
+     * something bad ended by that. */
+    bool forget_other_processes(const key& test) {
+        key first = test, last = test;
+        std::get<4>(first) = std::get<4>(test) == 0 ? 1 : 0;
+        std::get<4>(last) = std::get<4>(test) == 0 ? UINT32_MAX : 0;
+        bool any = false;
+        for (auto it = bad_.lower_bound(first); it != bad_.end() && it->first <= last; any = true) {
+            it = forget(it);
+        }
+        return any;
+    }
+
+    static size_t bytes_of(const key& test) {
+        return sizeof(key) + 64 + std::get<0>(test).size() + std::get<1>(test).size();
+    }
+
+    std::map<key, int32_t>::iterator forget(std::map<key, int32_t>::iterator it) {
+        known_bytes_ -= bytes_of(it->first);
+        return bad_.erase(it);
+    }
+
+    void remember(const key& test, int32_t status) {
+        if (known_bytes_ > max_known_bytes) {
+            /* What is still bad is shown once more. */
+            bad_.clear();
+            known_bytes_ = 0;
+        }
+        if (bad_.insert_or_assign(test, status).second) {
+            known_bytes_ += bytes_of(test);
+        }
+    }
+
+    plain_view plain_;
+    std::map<key, int32_t> bad_; /* the status of each test that is not ok */
+    size_t known_bytes_ = 0;
 };
 
 table_screen read_screen(int fd) {
@@ -481,6 +560,9 @@ std::unique_ptr<result_output> make_output(output_kind kind, const output_option
         break;
     case output_kind::json:
         shown = std::make_unique<json_view>();
+        break;
+    case output_kind::problems:
+        shown = std::make_unique<problem_view>();
         break;
     case output_kind::quiet:
         shown = std::make_unique<quiet_view>();

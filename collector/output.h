@@ -18,10 +18,11 @@
 #include <vector>
 
 enum class output_kind {
-    table, /* the state of all hosts and tests, redrawn in place; for a terminal */
-    plain, /* a readable line per record */
-    json,  /* a JSON object per line and record */
-    quiet  /* no results, only problems */
+    table,    /* the state of all hosts and tests, redrawn in place; for a terminal */
+    plain,    /* a readable line per record */
+    json,     /* a JSON object per line and record */
+    problems, /* as plain, but only what is not ok: when it begins, becomes another and ends */
+    quiet     /* no results, only problems */
 };
 
 struct output_options {

@@ -36,7 +36,7 @@ TEST(collector_options, defaults) {
     EXPECT_EQ(p.o.max_body_mb, 16u);
     EXPECT_TRUE(p.o.plan.empty() && p.o.cert.empty() && p.o.key.empty() && p.o.allow.empty());
     EXPECT_FALSE(p.o.end_refused);
-    EXPECT_FALSE(p.o.json || p.o.quiet || p.o.missing);
+    EXPECT_FALSE(p.o.json || p.o.problems || p.o.quiet || p.o.missing);
 }
 
 TEST(collector_options, all_of_them) {
@@ -87,6 +87,13 @@ TEST(collector_options, all_of_them) {
     EXPECT_EQ(p.o.max_connections, 7u);
     EXPECT_EQ(p.o.max_per_address, 3u);
     EXPECT_EQ(p.o.max_body_mb, 2u);
+}
+
+TEST(collector_options, of_json_and_problems_the_later_one_counts) {
+    parsed p = parse({"--problems", "--json"});
+    EXPECT_TRUE(p.o.json && !p.o.problems);
+    p = parse({"--json", "--problems"});
+    EXPECT_TRUE(!p.o.json && p.o.problems);
 }
 
 TEST(collector_options, help_and_version_end_at_once) {

@@ -94,6 +94,81 @@ TEST(output, plain_lines) {
         "2026-05-01T12:00:00Z web1 type 99: i32 -1 ui32 99 \"te?xt\"\n");
 }
 
+static std::string process_record(int32_t test, uint32_t pid, uint32_t status) {
+    return record_builder{.ui32 = {type_process, static_cast<uint32_t>(test), 1, pid, status},
+                          .i64 = {noon},
+                          .d64 = {1, 2, 3}}
+        .bytes();
+}
+
+TEST(output, problems_are_shown_when_they_begin_become_others_and_end) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(1, noon, 0));
+        show(*o, load_record(2, noon, 2, "high"));
+        show(*o, load_record(2, noon, 2, "high still"));
+        show(*o, load_record(2, noon, 0), "other agent");
+        show(*o, load_record(2, noon, 4, "no answer"));
+        show(*o, load_record(2, noon, 0));
+        show(*o, load_record(2, noon, 0));
+        show(*o, record_builder{.ui32 = {99}}.bytes());
+        o->on_problem("of its own");
+    }
+    const std::string line = "2026-05-01T12:00:00Z web1 load average 2: ";
+    const std::string values = ", load1 0.5 load5 0.25 load15 0.125";
+    EXPECT_EQ(out.read_all(), line + "limit reached" + values + ", high\n" + line +
+                                  status_word(type_load_average, 4) + values + ", no answer\n" +
+                                  line + "ok" + values + ", fine\n");
+    EXPECT_EQ(problems.read_all(), "vindral-collector: of its own\n");
+}
+
+/* Each process of the name has a record, and one with id 0 says that there is none. */
+TEST(output, problems_of_processes_are_those_of_each) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        for (int pass = 0; pass < 3; pass++) {
+            show(*o, process_record(1, 100, 0));
+            show(*o, process_record(1, 101, 2));
+        }
+        show(*o, process_record(1, 0, 3)); /* both are gone */
+        show(*o, process_record(1, 0, 3));
+        show(*o, process_record(1, 100, 0)); /* and one is back */
+        show(*o, process_record(1, 101, 0));
+        show(*o, process_record(1, 101, 2));
+    }
+    std::string text = out.read_all(), said;
+    for (size_t at = 0; (at = text.find(": ", at)) != text.npos; at++) {
+        said += text.substr(at + 2, text.find(" cpu", at) - at - 2) + "; ";
+    }
+    EXPECT_EQ(said,
+              "limit reached, pid 101; not found, pid 0; ok, pid 100; limit reached, pid 101; ")
+        << text;
+}
+
+/* What has been forgotten is new. */
+TEST(output, problems_that_are_remembered_are_bounded) {
+    problem_view shown;
+    std::string bytes = load_record(1, noon, 2), reason, out;
+    record r;
+    ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
+    event e = {"a@b.c", "", noon, bytes, ""};
+    size_t lines = 0;
+    for (int i = 0; i < 600; i++) {
+        e.agent = std::to_string(i % 300) + std::string(100000, 'a');
+        out.clear();
+        shown.show_record(e, r, out);
+        lines += !out.empty();
+    }
+    EXPECT_GT(lines, 300u);
+    out.clear();
+    shown.show_record(e, r, out);
+    EXPECT_EQ(out, "");
+}
+
 TEST(output, a_reader_that_stalls_holds_up_nothing_and_learns_what_it_missed) {
     pipe_pair out, problems;
     {

@@ -155,7 +155,7 @@ TEST(output, problems_that_are_remembered_are_bounded) {
     std::string bytes = load_record(1, noon, 2), reason, out;
     record r;
     ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
-    event e = {"a@b.c", "", noon, bytes, ""};
+    event e{event_kind::record, "a@b.c", "", noon, bytes, ""};
     size_t lines = 0;
     for (int i = 0; i < 600; i++) {
         e.agent = std::to_string(i % 300) + std::string(100000, 'a');
@@ -293,23 +293,44 @@ TEST(output, a_line_shows_the_beginning_of_a_long_record) {
     EXPECT_TRUE(text.ends_with(" ...\n"));
 }
 
+/* A get that went well, of one object with this status. */
+static std::string get_record(uint32_t status) {
+    record_builder object{.ui32 = {9, status}, .strings = {"25", "too high"}};
+    return record_builder{.ui32 = {57, 5, 7, 0, 1},
+                          .i64 = {noon},
+                          .d64 = {1.5},
+                          .strings = {"New results are available.\n"},
+                          .nested = {object.bytes()}}
+        .bytes();
+}
+
+static const std::string get_line = "2026-05-01T12:00:00Z web1 snmp 5: ";
+
 TEST(output, a_line_calls_a_get_what_its_worst_value_is) {
     pipe_pair out, problems;
     {
         auto o =
             make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
-        record_builder bad{.ui32 = {9, 2}, .strings = {"25", "too high"}};
-        show(*o, record_builder{.ui32 = {57, 5, 7, 0, 1},
-                                .i64 = {noon},
-                                .d64 = {1.5},
-                                .strings = {"New results are available.\n"},
-                                .nested = {bad.bytes()}}
-                     .bytes());
+        show(*o, get_record(2));
     }
-    EXPECT_EQ(
-        out.read_all(),
-        "2026-05-01T12:00:00Z web1 snmp 5: limit reached, objects 1 time 1.5 ms, type 9 value "
-        "25 (limit reached), New results are available.\n");
+    EXPECT_EQ(out.read_all(), get_line + "limit reached, objects 1 time 1.5 ms, type 9 value "
+                                         "25 (limit reached), New results are available.\n");
+}
+
+TEST(output, a_value_out_of_its_limits_is_a_problem) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, get_record(0));
+        show(*o, get_record(2));
+        show(*o, get_record(2));
+        show(*o, get_record(0));
+    }
+    std::string text = out.read_all();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+    EXPECT_TRUE(text.starts_with(get_line + "limit reached, ")) << text;
+    EXPECT_NE(text.find("\n" + get_line + "ok, "), text.npos) << text;
 }
 
 TEST(output, log_ins_are_lines_where_there_is_no_table) {

@@ -52,6 +52,7 @@ static void check_unpacked(const request& head, std::string_view wire) {
             (unpack_body(packed, plain.size(), 0, limits, again, error) && again == plain));
 }
 
+/* Who logs in has the name; the older session keeps it when it is used twice afterwards. */
 static void check_session(session_table& sessions, const request& head) {
     session_table::time now{};
     if (head.what == request::kind::poll) {
@@ -66,8 +67,10 @@ static void check_session(session_table& sessions, const request& head) {
     require(first != nullptr && first->id.size() == 32 && sessions.size() == 1);
     require(sessions.find(first->id, now) == first);
     auto second = sessions.log_in(head.account, head.agent, now);
-    require(second->id != first->id && sessions.size() == 1);
-    require(sessions.find(first->id, now) == nullptr && sessions.find(second->id, now) == second);
+    require(second != nullptr && second->id != first->id && sessions.size() == 2);
+    require(sessions.find(second->id, now) == second && sessions.find(first->id, now) == first);
+    require(sessions.find(first->id, now) == first && sessions.find(second->id, now) == nullptr);
+    require(sessions.log_in(head.account, head.agent, now) == nullptr && sessions.size() == 1);
 }
 
 static void serve(std::string_view stream, size_t packet) {

@@ -1,8 +1,10 @@
 /* Blocks on their way into a store in a temporary directory: each record arrives once, in order,
- * and the same block again is a duplicate. Input: the blocks with a line of "====" between them. */
+ * what is none is told of until it is too much, and the same block again is a duplicate. Input: the
+ * blocks with a line of "====" between them. */
 #include "fuzz.h"
 #include "record.h"
 #include "store.h"
+#include "undecodable.h"
 
 #include <filesystem>
 #include <future>
@@ -16,14 +18,21 @@ static const int INPUTS_MOST = 500; /* in one store, which only grows */
 struct teller : store_listener {
     std::vector<std::string> records;
     size_t undecodable = 0; /* bytes */
+    std::string agent;
+    size_t files = 0, files_of_agent = 0; /* with what does not decode */
 
     void on_record(const poll_block&, const record& r) override { records.emplace_back(r.raw); }
-    void on_undecodable(const poll_block&, size_t, size_t bytes, const std::string& reason,
+    void on_undecodable(const poll_block& from, size_t, size_t bytes, const std::string& reason,
                         const std::string&) override {
         require(!reason.empty());
         undecodable += bytes;
+        files++;
+        files_of_agent = from.agent == agent ? files_of_agent + 1 : 1;
+        agent = from.agent;
     }
-    void on_problem(const std::string&) override { require(false); }
+    void on_problem(const std::string& text) override {
+        require(text.find("that are no record were not kept") != text.npos);
+    }
 };
 
 struct temporary_store {
@@ -62,7 +71,11 @@ static void check_block(temporary_store& into, const std::string& agent, const s
         }
     }
     require(into.keep(agent, block) == store_result::stored);
-    require(into.told.records == expected && into.told.undecodable == undecodable);
+    require(into.told.records == expected);
+    const undecodable_limits limits;
+    bool too_many = into.told.files >= limits.rate ||
+                    (into.told.agent == agent && into.told.files_of_agent >= limits.rate_per_agent);
+    require(into.told.undecodable == undecodable || (too_many && into.told.undecodable == 0));
     store_result again = block.empty() ? store_result::stored : store_result::duplicate;
     require(into.keep(agent, block) == again && into.told.records.empty());
 }

@@ -639,6 +639,9 @@ bool plan::refresh() {
                              [&](const plan_line& line) { return line.text == tail; });
     if (s.taken && !quiet && !known) {
         text.remove_suffix(tail.size()); /* being written */
+        if (text.empty() && !lines_.empty()) {
+            return s.result;
+        }
     }
     if (!s.taken || text != s.content) {
         std::string none = lines_.empty() ? "" : why_none(text, s.at_agents);

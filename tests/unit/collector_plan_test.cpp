@@ -367,6 +367,18 @@ TEST_F(plan_test, a_replaced_file_is_taken_at_once) {
     EXPECT_EQ(p->text_after(0), laa6 + laa5);
 }
 
+TEST_F(plan_test, a_replaced_file_without_a_whole_line_has_to_lie_still) {
+    start(laa5 + "CHK\t0\t60\n");
+    uint64_t before = p->newest();
+    write_text(directory / "other", "CHK\t0\t90");
+    rename((directory / "other").c_str(), path.c_str());
+    EXPECT_TRUE(p->refresh());
+    EXPECT_EQ(p->lines().size(), 2u);
+    EXPECT_TRUE(settle());
+    EXPECT_EQ(p->text_after(before), "CHK\t0\t90\n");
+    EXPECT_EQ(p->lines().size(), 1u);
+}
+
 /* Same size, same inode, and possibly the same time stamps: seen when the file is read once more
  * after it has lain still. */
 TEST_F(plan_test, a_change_within_one_clock_tick_is_not_lost) {

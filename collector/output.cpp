@@ -133,7 +133,7 @@ public:
     void show_record(const event& e, const record& r, std::string& out) override {
         record_summary summary = summarize(r);
         std::optional<int32_t> status = judge(r, summary).status;
-        if (summary.test && status && is_news(e, r, summary, *status)) {
+        if (summary.test && status && is_news(e, r, summary.type, *summary.test, *status)) {
             plain_.show_record(e, r, out);
         }
     }
@@ -144,11 +144,11 @@ private:
     using key = std::tuple<std::string, std::string, uint32_t, int32_t, uint32_t>;
     enum { max_known_bytes = 16 << 20 };
 
-    bool is_news(const event& e, const record& r, const record_summary& summary, int32_t status) {
-        uint32_t process = summary.type == type_process ? r.ui32[3] : 0;
-        key test = {e.account, e.agent, summary.type, *summary.test, process};
+    bool is_news(const event& e, const record& r, uint32_t type, int32_t id, int32_t status) {
+        uint32_t process = type == type_process ? r.ui32[3] : 0;
+        key test = {e.account, e.agent, type, id, process};
         bool was_bad = false;
-        if (summary.type == type_process) {
+        if (type == type_process) {
             was_bad = forget_other_processes(test);
         }
         auto known = bad_.find(test);

@@ -137,11 +137,12 @@ bool find_strings_and_nested(std::string_view bytes, int depth, budget& work, la
     size_t readings = 0;
     size_t at = found.strings_at;
     size_t held = 0;
-    for (size_t next = at; held < declared; held++, at = next) {
-        next = string_end(bytes, at, work);
+    for (; held < declared; held++) {
+        size_t next = string_end(bytes, at, work);
         if (next == 0) {
             break;
         }
+        at = next;
     }
     if (held == declared && is_run(bytes.substr(at), found.head.udca, depth + 1, work)) {
         found.string_count = held;

@@ -119,8 +119,9 @@ std::shared_ptr<session> session_table::log_in(std::string account, std::string 
     fresh->running = left != left_.end() && now - left->second < limits_.idle;
 
     if (known != by_name_.end() && known->second.younger) {
+        place younger = *known->second.younger;
         int uses = known->second.older_uses;
-        end(*known->second.younger);
+        end(younger);
         known->second.older_uses = uses;
     }
     if (entries_.size() >= limits_.most) {

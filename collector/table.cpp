@@ -351,7 +351,7 @@ static std::string text_of(const record& r, const record_summary& summary, const
         return shortened(joined(values, reason));
     }
     if (reason.empty()) {
-        reason = status_word(summary.type, *found.status);
+        reason = status_word(summary.type, found.status.value_or(0));
     }
     return shortened(joined(reason, values));
 }

@@ -201,7 +201,7 @@ void send_results() {
 }
 
 void free_results(test_result** results, int res_count) {
-    for (int i = 0; i < res_count; i++) {
+    for (int i = 0; results != nullptr && i < res_count; i++) {
         if (results[i] != nullptr) {
             free(results[i]->test_data);
             free(results[i]);

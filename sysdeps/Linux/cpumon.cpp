@@ -186,7 +186,8 @@ static bool query_processors(const char* host, double shares[STATES]) {
     for (unsigned i = 0; i < count; i++) {
         sum += queried[i];
     }
-    shares[USER] = sum / count;
+    unsigned mean = sum / count; /* without a fraction, as the shares it is made of */
+    shares[USER] = mean;
     shares[IDLE] = 100 - shares[USER];
     shares[SYSTEM] = shares[NICE] = shares[IOWAIT] = 0.0;
     return true;

@@ -164,7 +164,10 @@ static heap_text device_of(const char* mp) {
     }
     heap_text name(strndup(device, length));
     const char* slash = name ? strrchr(name.get(), '/') : nullptr;
-    return slash != nullptr ? heap_text(strdup(slash + 1)) : std::move(name);
+    if (slash != nullptr) {
+        name = heap_text(strdup(slash + 1));
+    }
+    return name;
 }
 
 /* Sectors of 512 bytes since the last check, as KB in 32 bits with a sign. */

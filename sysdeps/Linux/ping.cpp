@@ -32,8 +32,8 @@ static const double LEAST_MS = 0.001;
 static double clock_ms() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) * 1000.0 +
-           static_cast<double>(now.tv_nsec / 1000) / 1000.0;
+    long microseconds = now.tv_nsec / 1000;
+    return static_cast<double>(now.tv_sec) * 1000.0 + static_cast<double>(microseconds) / 1000.0;
 }
 
 unsigned short icmp_checksum(unsigned short* p, int n) {

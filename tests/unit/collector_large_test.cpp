@@ -181,9 +181,7 @@ TEST(large_body, what_a_small_one_cannot_become_is_refused_before_memory_is_take
 /* Neither for each string nor for each nested record, nor for each piece that is none. */
 TEST(large_body, decoding_allocates_nothing_for_what_is_in_a_record) {
     for (const attack& a : attacks) {
-        std::string block = a.make(4 * mb), reason;
-        record r;
-        reason.reserve(200);
+        std::string block = a.make(4 * mb);
         memory_meter meter;
         undecodable_summary bad;
         size_t strings = 0, nested = 0, records = 0;

@@ -7,7 +7,8 @@
  *
  * A large block is written in slices, one in each transaction and the blocks of other agents
  * between them, so that nobody waits for the whole of it. How far it got is in the agent's row,
- * behind the hash: a block that comes again after an end in its middle goes on from there.
+ * behind the hash: a block that comes again after an end in its middle goes on from there. In a
+ * file that takes the place of another it begins anew.
  *
  * A commit whose answer is lost is what makes blocks come twice. An agent has one block pending at
  * a time and sends it unchanged until it is accepted, so a repetition can only be of its last
@@ -128,6 +129,8 @@ bool sync_directory(const std::string& path) {
     return directory && fsync(directory.get()) == 0;
 }
 
+constexpr size_t hash_bytes = 32;
+
 /* SHA-256 of bytes that come in pieces. */
 class running_hash {
 public:
@@ -138,7 +141,7 @@ public:
         EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size());
     }
     std::string finish() {
-        std::string hash(32, '\0');
+        std::string hash(hash_bytes, '\0');
         EVP_DigestFinal_ex(context_.get(), reinterpret_cast<unsigned char*>(hash.data()), nullptr);
         return hash;
     }
@@ -240,6 +243,7 @@ struct job {
     size_t hashed = 0;       /* bytes */
     std::string hash;        /* once it is known */
     size_t stored = 0;       /* bytes in slices that are committed */
+    unsigned file = 0;       /* where these are: files_ at the time */
     size_t from = 0, to = 0; /* the slice, in `plain`; all of a block that is not large */
     undecodable_summary bad; /* of the slice */
     std::string kept_as;     /* empty when it was not kept */
@@ -456,6 +460,7 @@ private:
     database db_;
     dev_t device_ = 0; /* which file db_ is */
     ino_t inode_ = 0, wal_inode_ = 0;
+    unsigned files_ = 0;                 /* grows when another one takes its place */
     int open_failure_ = SQLITE_OK;       /* of the last open_database() that failed */
     std::vector<carried_agent> carried_; /* of a file that is gone, for the one that follows */
     statement select_agent_, insert_agent_, update_agent_, insert_undecodable_, insert_result_;
@@ -602,6 +607,7 @@ bool sqlite_store::open_database(std::string& error) {
     bool ok = database_check(db_.get(), found, reason);
     bool empty = ok && found == database_layout::none;
     if (empty) {
+        files_++;
         database_exec(db_.get(), "PRAGMA page_size = 8192");
     }
     ok = ok && database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
@@ -685,6 +691,7 @@ void sqlite_store::look_after_file() {
     bool own_log = inode_of(path + "-wal") == wal_inode_;
     database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
     close_database();
+    files_++;
     for (const char* end : {"-wal", "-shm"}) {
         if (own_log) {
             unlink((path + end).c_str());
@@ -718,6 +725,11 @@ bool sqlite_store::set_aside(std::string& error) {
         std::vector<carried_agent> found = read_agents(damaged.get());
         if (!found.empty()) {
             carried_ = std::move(found);
+        }
+        for (carried_agent& agent : carried_) {
+            if (agent.last_block.size() > hash_bytes) { /* the rest alone is of no use there */
+                agent.last_block.clear();
+            }
         }
     }
     std::string stamp = utc_time(wall_clock());
@@ -899,7 +911,9 @@ bool sqlite_store::store_block(job& j) {
         j.result = store_result::duplicate;
         return true;
     }
-    j.from = j.stored > 0 ? j.stored : stored_before(agent.last_hash, j.hash, j.block.plain.size());
+    j.from = j.stored > 0 && j.file == files_
+                 ? j.stored
+                 : stored_before(agent.last_hash, j.hash, j.block.plain.size());
     choose_slice(j);
     if (j.bad.bytes > 0) {
         if (!keep_aside(j)) {
@@ -1049,6 +1063,7 @@ void sqlite_store::write_batch(std::deque<job>& batch) {
         } catch (const std::exception&) { /* stored all the same */
         }
         j.stored = j.to;
+        j.file = files_;
         if (!j.unfinished) {
             make_room(j);
             j.done(j.result);

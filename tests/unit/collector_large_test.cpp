@@ -354,6 +354,29 @@ std::vector<int64_t> counted(size_t count) {
     return all;
 }
 
+/* Damages the root of a table; who has the file open finds that out. */
+void spoil(const std::string& path, const std::string& table) {
+    size_t root = 0;
+    {
+        sqlite3* handle = nullptr;
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr);
+        database db(handle);
+        statement q(handle, "SELECT rootpage FROM sqlite_schema WHERE name = ?");
+        ASSERT_TRUE(q.bind_text(table).row());
+        root = static_cast<size_t>(q.integer(0));
+        q.reset();
+        ASSERT_TRUE(database_exec(handle, "PRAGMA wal_checkpoint(TRUNCATE)"));
+    }
+    {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>((root - 1) * 8192)).write("damaged here", 12);
+    }
+    sqlite3* handle = nullptr;
+    sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr);
+    database db(handle);
+    database_exec(handle, "DELETE FROM facts"); /* what is remembered of the file goes */
+}
+
 } // namespace
 
 /* The block itself included, and besides it what the database keeps of any. */
@@ -531,25 +554,33 @@ TEST_F(large_block, is_whole_where_a_slice_has_to_be_tried_again) {
     open();
     EXPECT_EQ(submit("before", many_records(1000)).get(), store_result::stored);
     s.reset();
-    size_t root = 0;
-    {
-        sqlite3* handle = nullptr;
-        sqlite3_open_v2(database_path(options.directory).c_str(), &handle, SQLITE_OPEN_READONLY,
-                        nullptr);
-        database db(handle);
-        statement q(handle, "SELECT rootpage FROM sqlite_schema WHERE name = 'results_20260501'");
-        ASSERT_TRUE(q.row());
-        root = static_cast<size_t>(q.integer(0));
-    }
-    {
-        std::fstream file(database_path(options.directory),
-                          std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>((root - 1) * 8192)).write("damaged here", 12);
-    }
+    spoil(database_path(options.directory), "results_20260501");
     open();
     EXPECT_EQ(submit("large", many_records(100)).get(), store_result::stored);
     EXPECT_EQ(times("large"), counted(100));
     EXPECT_EQ(times("before").size(), 0u); /* which are in the file that was set aside */
+}
+
+/* What it has of a block so far goes with the file: nothing of that was answered yet. */
+TEST_F(large_block, begins_anew_in_the_file_that_follows_one_that_is_gone) {
+    options.large = 1000;
+    slice.records = 10;
+    for (bool damaged : {false, true}) {
+        SCOPED_TRACE(damaged ? "damaged" : "removed");
+        told.records = 0;
+        told.on_each = [&](const poll_block&) {
+            if (told.records == 30) { /* three slices are stored */
+                const std::string path = database_path(options.directory);
+                damaged ? spoil(path, "agents") : (void)std::filesystem::remove(path);
+            }
+        };
+        open();
+        EXPECT_EQ(submit("large", many_records(100)).get(), store_result::stored);
+        EXPECT_EQ(times("large"), counted(100));
+        EXPECT_EQ(submit("large", many_records(100)).get(), store_result::duplicate);
+        s.reset();
+        std::filesystem::remove_all(options.directory);
+    }
 }
 
 TEST_F(large_block, a_slice_that_cannot_be_stored_leaves_the_block_to_come_again) {

@@ -316,7 +316,8 @@ bool wanted_rows(sqlite3* db, std::vector<agent_name>& agents, std::vector<wante
     return result == SQLITE_DONE;
 }
 
-/* A row that is gone with its day is passed over. */
+/* A row that is gone with its day is passed over, and so is one that is damaged, which is an error
+ * in the end. */
 bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& each,
                  std::string& error) {
     std::vector<agent_name> agents;
@@ -342,11 +343,16 @@ bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& e
                   .received = select.integer(0),
                   .record = select.bytes(1)});
         }
+        if (database_is_damaged(result)) {
+            error = sqlite3_errmsg(db);
+        }
         select.reset();
-        ok = result == SQLITE_ROW || result == SQLITE_DONE;
+        ok = result == SQLITE_ROW || result == SQLITE_DONE || database_is_damaged(result);
     }
-    error = ok ? "" : sqlite3_errmsg(db);
-    return ok;
+    if (!ok) {
+        error = sqlite3_errmsg(db);
+    }
+    return error.empty();
 }
 
 class sqlite_store final : public store {

@@ -1045,6 +1045,20 @@ TEST_F(damage_test, a_damaged_day_does_not_keep_others_from_expiring) {
     EXPECT_EQ(aside(), strings());
 }
 
+/* Every start would meet it: what can be read has to be told all the same. */
+TEST_F(damage_test, a_damaged_day_does_not_hide_the_last_results_of_others) {
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(submit(load_record(5, 1), "web1", noon - 86400), store_result::stored);
+    EXPECT_EQ(submit(load_record(6, 2), "web1"), store_result::stored);
+    EXPECT_EQ(submit(load_record(5, 3), "web2"), store_result::stored);
+    s.reset();
+    flip(root_of("results_20260430"), 0, 12);
+    ASSERT_EQ(open(), "");
+    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 0", "a@b.c/web2 5 3 0"}));
+    EXPECT_EQ(told.problems,
+              strings{"what is stored cannot be read: database disk image is malformed"});
+}
+
 TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
     ASSERT_EQ(open(), "");
     std::string path = database_path(state);

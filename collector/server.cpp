@@ -214,7 +214,9 @@ struct server::state {
     std::unordered_set<std::string> allowed;
     session_table sessions;
     known_tests earlier; /* of agents that have not been put right yet */
-    admission slots;     /* outlives the exchanges, which the context destroys */
+    /* These outlive the exchanges, which the context destroys. */
+    admission slots;
+    turns large_bodies{options.large_memory}, huge_bodies{options.body.max_plain};
 
     bool sweeping = false;
     bool stopping = false;
@@ -225,7 +227,6 @@ struct server::state {
     tcp::acceptor acceptor{context};
     asio::steady_timer sweep_timer{context};
     asio::thread_pool unpacker{1}, huge_unpacker{1};
-    turns large_bodies{options.large_memory}, huge_bodies{options.body.max_plain};
 
     awaitable<void> accept_all();
     void begin(tcp::socket socket, const tcp::endpoint& from);

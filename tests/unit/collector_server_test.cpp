@@ -575,6 +575,27 @@ TEST_F(collector_server, nobody_but_another_large_body_waits_for_a_large_one) {
     EXPECT_EQ(ask(poll_text(first, wire, large.size(), sum_of(wire))).text, empty_text);
 }
 
+/* Whoever has the context may end run() at once: what waits or is stored then goes with the server.
+ */
+TEST_F(collector_server, large_bodies_under_way_end_with_the_server) {
+    options_.large_memory = 1u << 20;
+    start();
+    std::string first = log_in("first"), second = log_in("second"), third = log_in("third");
+    std::string large(1u << 20, 'a'), wire = pack(large);
+    store_->hold_back(true);
+    client one(port_), two(port_), three(port_);
+    std::pair<client*, std::string> all[] = {{&one, first}, {&two, second}, {&three, third}};
+    for (auto& [c, session] : all) {
+        ASSERT_TRUE(c->handshake());
+        ASSERT_TRUE(c->send(poll_text(session, wire, large.size(), sum_of(wire))));
+        store_->wait_for_blocks(1);
+    }
+    boost::asio::post(server_->context(), [this] { server_->context().stop(); });
+    thread_.join();
+    finish();
+    EXPECT_EQ(one.wait_for_end(), ending::reset);
+}
+
 TEST_F(collector_server, a_large_body_that_waits_too_long_is_reset) {
     options_.large_memory = 1u << 20;
     options_.deadlines.whole = 1s;

@@ -1135,9 +1135,10 @@ std::optional<int64_t> sqlite_store::fact(const char* name) {
 /* A start is no reason to drop a day sooner after the last one; that fewer days are to be kept is
  * one to drop them all at once. */
 void sqlite_store::begin_expiry() {
-    int64_t before = fact("keep_days").value_or(options_.keep_days);
+    std::optional<int64_t> last_run = fact("keep_days"); /* none in a renewed file */
+    int64_t before = last_run.value_or(options_.keep_days);
     drop_at_once_ = options_.keep_days > 0 && (before == 0 || options_.keep_days < before);
-    if (!drop_at_once_ && before != options_.keep_days) {
+    if (!drop_at_once_ && last_run != options_.keep_days) {
         set_fact("keep_days", options_.keep_days); /* otherwise with the drop */
     }
     next_drop_ = steady_clock();

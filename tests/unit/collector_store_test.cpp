@@ -666,6 +666,8 @@ TEST_F(expiry_test, a_database_of_the_first_version_loses_a_day_an_hour_too) {
     EXPECT_EQ(stored().size(), 5u);
     pass(3601);
     EXPECT_EQ(stored(), (strings{"20260503", "20260504", "20260505", "20260506"}));
+    keep_days = 1; /* which is asked for */
+    EXPECT_EQ(stored(), (strings{"20260505", "20260506"}));
 }
 
 TEST_F(store_test, keeping_zero_days_keeps_all) {

@@ -286,6 +286,8 @@ struct waiting_blocks {
     }
 };
 
+constexpr size_t looked_up_at_once = 100000; /* results, or one agent's */
+
 /* A result to look up: the day of its table, its id there, and whose it is. */
 struct wanted_row {
     std::string day;
@@ -298,33 +300,17 @@ struct agent_name {
     std::string account, name;
 };
 
-/* What the agents' rows say of their last results, in the order in which the tables have them. */
-bool wanted_rows(sqlite3* db, std::vector<agent_name>& agents, std::vector<wanted_row>& wanted) {
-    statement query(db, "SELECT id, account, name, latest FROM agents ORDER BY id");
-    int result = SQLITE_ERROR;
-    while (query.ok() && (result = query.step()) == SQLITE_ROW) {
-        latest_results latest(query.bytes(3));
-        for (const latest_entry& e : latest.entries()) {
-            wanted.push_back({utc_day(e.received), e.row, agents.size()});
-        }
-        agents.push_back(
-            {query.integer(0), std::string(query.bytes(1)), std::string(query.bytes(2))});
-    }
+/* The last results of some agents, in the order in which the tables have them. A row that is gone
+ * with its day is passed over, and so is one that is damaged, which is an error in the end: then
+ * `error` says so, and true is returned all the same. */
+bool look_up(sqlite3* db, const std::vector<agent_name>& agents, std::vector<wanted_row>& wanted,
+             const std::vector<std::string>& days,
+             const std::function<void(const latest_result&)>& each, std::string& error) {
     std::sort(wanted.begin(), wanted.end(), [](const wanted_row& a, const wanted_row& b) {
         return std::tie(a.day, a.row) < std::tie(b.day, b.row);
     });
-    return result == SQLITE_DONE;
-}
-
-/* A row that is gone with its day is passed over, and so is one that is damaged, which is an error
- * in the end. */
-bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& each,
-                 std::string& error) {
-    std::vector<agent_name> agents;
-    std::vector<wanted_row> wanted;
-    std::vector<std::string> days;
-    bool ok = database_days(db, days) && wanted_rows(db, agents, wanted);
     statement select;
+    bool ok = true;
     for (size_t i = 0; ok && i < wanted.size(); i++) {
         const wanted_row& w = wanted[i];
         std::string table = "results_" + w.day;
@@ -349,6 +335,32 @@ bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& e
         select.reset();
         ok = result == SQLITE_ROW || result == SQLITE_DONE || database_is_damaged(result);
     }
+    return ok;
+}
+
+/* Some agents at a time: all of a large fleet's would take much memory. */
+bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& each,
+                 std::string& error) {
+    std::vector<agent_name> agents;
+    std::vector<wanted_row> wanted;
+    std::vector<std::string> days;
+    bool ok = database_days(db, days);
+    statement query(db, "SELECT id, account, name, latest FROM agents ORDER BY id");
+    int result = SQLITE_ERROR;
+    while (ok && query.ok() && (result = query.step()) == SQLITE_ROW) {
+        latest_results latest(query.bytes(3));
+        for (const latest_entry& e : latest.entries()) {
+            wanted.push_back({utc_day(e.received), e.row, agents.size()});
+        }
+        agents.push_back(
+            {query.integer(0), std::string(query.bytes(1)), std::string(query.bytes(2))});
+        if (wanted.size() >= looked_up_at_once) {
+            ok = look_up(db, agents, wanted, days, each, error);
+            agents.clear();
+            wanted.clear();
+        }
+    }
+    ok = ok && result == SQLITE_DONE && look_up(db, agents, wanted, days, each, error);
     if (!ok) {
         error = sqlite3_errmsg(db);
     }

@@ -454,6 +454,26 @@ TEST_F(large_block, large_ones_of_several_agents_take_turns) {
     EXPECT_EQ(times("larger"), counted(500));
 }
 
+/* They are told some at a time, however many agents there are. */
+TEST_F(large_block, the_last_results_of_many_tests_take_little_memory) {
+    open();
+    std::string block;
+    for (uint32_t test = 1; test <= latest_max; test++) {
+        block += load_record(test, 1);
+    }
+    const size_t agents = sanitized ? 2 : 40;
+    for (size_t i = 0; i < agents; i++) {
+        EXPECT_EQ(submit("agent" + std::to_string(i), block).get(), store_result::stored);
+    }
+    s.reset();
+    open();
+    size_t told_of = 0;
+    memory_meter meter;
+    s->for_each_latest([&](const latest_result&) { told_of++; });
+    EXPECT_EQ(told_of, agents * latest_max);
+    EXPECT_LT(meter.peak(), 16 * mb);
+}
+
 TEST_F(large_block, what_one_agent_or_address_may_have_waiting_is_bounded) {
     options.large = 2000;
     options.max_queued = 16000;

@@ -118,11 +118,13 @@ std::shared_ptr<session> session_table::log_in(std::string account, std::string 
     auto left = left_.find(tag);
     fresh->running = left != left_.end() && now - left->second < limits_.idle;
 
-    if (known != by_name_.end() && known->second.younger) {
-        place younger = *known->second.younger;
+    if (known != by_name_.end()) {
+        std::optional<place> younger = known->second.younger;
         int uses = known->second.older_uses;
-        end(younger);
-        known->second.older_uses = uses;
+        if (younger) {
+            end(*younger);
+            known->second.older_uses = uses;
+        }
     }
     if (entries_.size() >= limits_.most) {
         end(known != by_name_.end() ? known->second.older : std::prev(entries_.end()));

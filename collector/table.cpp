@@ -123,6 +123,15 @@ std::string test_label(const test_key& key) {
                            : type_name(key.first);
 }
 
+/* In so many columns. Of what is too long the id stays whole: it tells tests apart. */
+std::string test_label(const test_key& key, size_t columns) {
+    std::string label = test_label(key), id = " " + std::to_string(key.second);
+    if (key.second == 0 || label.size() <= columns) {
+        return fit_columns(label, columns);
+    }
+    return fit_columns(type_name(key.first), columns - std::min(columns, id.size())) + id;
+}
+
 /* Parts of a list, those that are not 0. */
 class listing {
 public:
@@ -790,7 +799,7 @@ std::vector<span> live_table::state::host_line(const block& b, size_t name_width
 
 static std::vector<span> test_line(const shown_test& test, const char* mark, const char* colour,
                                    size_t width, const std::string& age, const std::string& text) {
-    return {{colour, std::string("  ") + mark + " " + fit_columns(test_label(test.key), width)},
+    return {{colour, std::string("  ") + mark + " " + test_label(test.key, width)},
             {nullptr, "  " + fit_columns(age, 7) + "  " + text}};
 }
 

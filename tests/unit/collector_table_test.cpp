@@ -442,6 +442,18 @@ TEST_F(table_test, fits_any_screen) {
     screen_of(plain, {24, 80, false});
 }
 
+TEST_F(table_test, a_narrow_screen_shows_the_id_of_each_test) {
+    add("web1", 101);
+    add("web1", 102, 2, "bad\n");
+    add_bytes("web1",
+              record_builder{.ui32 = {66, 2147483647, 7, 0}, .i64 = {1}, .d64 = {0, 0, 0}}.bytes());
+    EXPECT_EQ(text(24, 40), " 1 problem, 2 ok             12:00:00Z\n"
+                            "web1  1 problem, 2 ok\n"
+                            "  ! load aver 102  for 0s   bad  load1\n"
+                            "    load aver 101  0s ago   load1 0.5 l\n"
+                            "    lo 2147483647  0s ago   load1 0 loa\n");
+}
+
 TEST_F(table_test, text_from_agents_cannot_steer_the_terminal) {
     add("\x1b[2J\x9b"
         "evil\n",

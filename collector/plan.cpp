@@ -193,7 +193,8 @@ bool is_real(std::string_view text) {
 
 std::string quoted(std::string_view text) {
     bool cut = text.size() > 40;
-    return "\"" + printable(text.substr(0, 40)) + (cut ? "...\"" : "\"");
+    /* The quotation mark goes through, too: what is wrong may be a blank at the end. */
+    return "\"" + printable(std::string(text.substr(0, 40)) + (cut ? "...\"" : "\""));
 }
 
 /* The reason why an agent would not do what the line says, "" for none. */

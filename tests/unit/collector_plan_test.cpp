@@ -212,6 +212,13 @@ TEST_F(plan_test, lines_that_an_agent_would_drop_are_reported_and_not_sent) {
     EXPECT_EQ(p->newest(), 0u);
 }
 
+TEST_F(plan_test, a_blank_behind_a_number_is_shown) {
+    EXPECT_TRUE(start("DKA\t1\t1\t/(/dev/sda1|ext4)\t5 \nLAA\t1\t1\t1\t1\t1  \n"));
+    EXPECT_EQ(take_problems(),
+              (strings{"1 the amount is \"5 \", not a number",
+                       "2 the 15 min maximum is \"1  \", not a whole number of 32 bits"}));
+}
+
 TEST_F(plan_test, fields_that_the_agent_ignores_may_be_anything) {
     EXPECT_TRUE(start(laa5 + "POL\tanything\t10\nLAD\t5\tanything\n"));
     EXPECT_EQ(take_problems(), strings());

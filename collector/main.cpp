@@ -149,17 +149,24 @@ static std::string name_for_agents(const options& o, const identity_report& repo
     return found != candidates.end() ? *found : own_host_name();
 }
 
-/* The two lines that make a host report here. */
+/* What makes a host report here: two lines, and a copy of a file. It is named by its whole path,
+ * which holds wherever it is read. */
 static std::string lines_for_hosts(const options& o, const identity_report& report, uint16_t port) {
+    auto whole_path = [](const std::string& path) {
+        std::error_code failed;
+        std::string whole = std::filesystem::absolute(path, failed).string();
+        return failed ? path : whole;
+    };
     std::string certificate = o.cert.empty() ? o.state_dir + "/certificate.pem" : o.cert;
-    std::string authority = report.authority.empty()
-                                ? "the certificate of the authority that signed " + certificate
-                                : report.authority;
-    return "A host needs these lines in its vindral.conf, and in the place that the second one "
-           "names"
-           " a copy of\n" +
-           authority + ":\n  USEHOST  https://" + name_for_agents(o, report) + ":" +
-           std::to_string(port) + "/fcgi-bin/agentgateway\n  CAFILE   /etc/vindral-ca.pem\n";
+    std::string authority =
+        report.authority.empty()
+            ? "the certificate of the authority that signed " + whole_path(certificate)
+            : whole_path(report.authority);
+    return "A host needs two lines in its vindral.conf:\n  USEHOST  https://" +
+           name_for_agents(o, report) + ":" + std::to_string(port) +
+           "/fcgi-bin/agentgateway\n  CAFILE   /etc/vindral-ca.pem\n"
+           "and, as that file, a copy of\n  " +
+           authority + "\n";
 }
 
 static std::string describe(const plan_problem& problem) {

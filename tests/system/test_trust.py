@@ -297,9 +297,10 @@ class Trust(harness.TestCase):
 class CollectorsAuthority(harness.TestCase):
     def lines(self, collector):
         """Host, port and file that the last start named, and the place that a copy is for."""
-        found = re.findall(r"a copy of\n(.+):\n  USEHOST  https://(.+):(\d+)/fcgi-bin/agentgateway\n"
-                           r"  CAFILE   (.+)\n", collector.errors())
-        return found[-1]
+        found = re.findall(r"  USEHOST  https://(.+):(\d+)/fcgi-bin/agentgateway\n  CAFILE   (.+)\n"
+                           r"and, as that file, a copy of\n  (.+)\n", collector.errors())
+        host, port, place, authority = found[-1]
+        return authority, host, port, place
 
     def start_as_told(self, collector):
         """An agent with the lines that the collector printed."""
@@ -328,6 +329,14 @@ class CollectorsAuthority(harness.TestCase):
         self.assertEqual(self.lines(collector)[1], "localhost")
         polls = agent.log().count("make_poll result: 1")
         agent.wait_log("make_poll result: 1", count=polls + 2)
+        self.start_as_told(collector)
+
+    def test_relative_state_directory(self):
+        """The file to copy is named so that it is found from anywhere."""
+        collector = harness.Collector(self, options=["--state-dir", "state"])
+        collector.wrap = ["env", "--chdir=" + collector.dir]
+        collector.start()
+        self.assertEqual(self.lines(collector)[0], collector.state + "/ca.pem")
         self.start_as_told(collector)
 
     def test_pair_of_before(self):

@@ -32,11 +32,11 @@ database in the state directory and sends the agents the tests of a plan.
   --quiet                 no results on standard output
   --keep-days N           days of results to keep (30); 0 keeps all
   --max-connections N     connections at a time (from the descriptor limit)
-  --max-per-address N     of these from one IPv4 address or one IPv6 /64
-                          (an eighth)
+  --max-per-address N     of these from one address: an IPv4 address or an
+                          IPv6 /64 (an eighth)
   --max-body-mb N         largest body of a poll in MiB, as sent (16)
-  --missing               name the tests of --plan that have not reported yet
-                          and exit, with status 1 when there are any
+  --missing               list which tests of --plan have reported and which
+                          have not, then exit; status 1 when any has not
   --older-than DURATION   with --missing: results received longer ago do not
                           count, and agents of which nothing came since are
                           listed as silent; 90s, 15m, 2h, 1d

@@ -219,9 +219,10 @@ udc_content record(uint32_t status, const std::vector<std::string>& strings,
     return r;
 }
 
-/* What is left of a time in the record. */
+/* What is left of a time in the record: the nearest multiple of 128 s, of two that are as near the
+ * even one. */
 int64_t rounded(time_t t) {
-    return llround(static_cast<double>(t) / 128) * 128;
+    return llrint(static_cast<double>(t) / 128) * 128;
 }
 
 } // namespace

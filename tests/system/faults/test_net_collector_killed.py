@@ -90,8 +90,14 @@ class Strike:
         self.begun = False  # an agent whose first login fails would wait a minute
         self.done = 0
         self.lost_answer = None  # the connection whose answer must not get through
+        # The agent's next connection comes while "after the answer" of the last one is still dealt with.
+        self.one_at_a_time = threading.Lock()
 
     def __call__(self, phase, request):
+        with self.one_at_a_time:
+            self.strike(phase, request)
+
+    def strike(self, phase, request):
         if request.body:
             self.begun = True
         if self.done == len(self.moments) or not self.begun:

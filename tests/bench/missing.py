@@ -22,7 +22,7 @@ AGENTS, TESTS, DAYS = 1000, 20, 31
 
 
 def packed(rows_a_day, received):
-    """An agent's last results, as collector/latest.h has them: one a test, its rows the last of a day."""
+    """An agent's last results, as collector/store/latest.h has them: one a test, its rows the last of a day."""
 
     def number(value):
         text = b""

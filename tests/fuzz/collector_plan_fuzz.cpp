@@ -1,7 +1,7 @@
 /* The plan, read anew when its file is replaced. Input: the versions of the file with a line of
  * "====" between them. */
 #include "fuzz.h"
-#include "plan.h"
+#include "plan/plan.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,9 +1,9 @@
 /* A block of records as an agent may send it, and all that the collector makes of one: its reading,
  * its summary, the line and the JSON object for people and programs. */
+#include "base/text.h"
 #include "fuzz.h"
-#include "record.h"
-#include "schema.h"
-#include "text.h"
+#include "protocol/record.h"
+#include "show/schema.h"
 
 #include <boost/json.hpp>
 

@@ -1,10 +1,10 @@
 /* What an agent's connection brings, as the server takes it: the head as it comes in, the session,
  * the body unpacked. Input: one byte for the sizes of the packets, then the bytes of the stream. */
-#include "body.h"
+#include "base/text.h"
 #include "fuzz.h"
-#include "request.h"
-#include "session.h"
-#include "text.h"
+#include "ingest/body.h"
+#include "ingest/request.h"
+#include "ingest/session.h"
 
 #include <algorithm>
 #include <zlib.h>

@@ -2,9 +2,9 @@
  * what is none is told of until it is too much, and the same block again is a duplicate. Input: the
  * blocks with a line of "====" between them. */
 #include "fuzz.h"
-#include "record.h"
-#include "store.h"
-#include "undecodable.h"
+#include "ingest/undecodable.h"
+#include "protocol/record.h"
+#include "store/store.h"
 
 #include <filesystem>
 #include <future>

@@ -1,0 +1,59 @@
+/* Showing results while they arrive: a live table (table.h), JSON lines, plain lines, or nothing
+ * but problems.
+ *
+ * Every call only appends to a queue; a thread of the output's own formats and writes. A reader
+ * that stalls never holds up storing: the queue is bounded, the oldest entries are dropped and
+ * their number is shown. The table needs no reader to keep up with what arrives. Text that agents
+ * sent reaches the terminal without control characters. Of one record at most 16 KiB are shown in a
+ * line; one of more than 1 MiB is only mentioned. */
+#ifndef VINDRAL_COLLECTOR_OUTPUT_H
+#define VINDRAL_COLLECTOR_OUTPUT_H
+
+#include "plan/plan.h"
+#include "store/store.h"
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+enum class output_kind {
+    table,    /* the state of all hosts and tests, redrawn in place; for a terminal */
+    plain,    /* a readable line per record */
+    json,     /* a JSON object per line and record */
+    problems, /* as plain, but only what is not ok: when it begins, becomes another and ends */
+    quiet     /* no results, only problems */
+};
+
+struct output_options {
+    int fd = 1;         /* results; stays open, its flags stay as they are */
+    int problem_fd = 2; /* problems as lines; the table shows them at its bottom instead */
+    size_t max_queued = 8u << 20; /* bytes that wait for the reader */
+};
+
+/* Its calls may come from any thread and never wait for the reader; begin() waits for the output's
+ * thread. The destructor writes what is still queued, and gives up after a second in which the
+ * reader takes nothing. A reader that went away (a closed pipe) is no error: the rest is discarded
+ * and storing goes on. */
+class result_output : public store_listener {
+public:
+    /* What the store knew when it was opened: the table begins with it. Before the first submit(),
+     * on the thread that opened it. */
+    virtual void begin(const store& results) = 0;
+
+    /* Lines for hosts, which the table shows as long as it knows no agent. */
+    virtual void on_ready(const std::string& text) = 0;
+
+    /* The plan that is now in force. */
+    virtual void on_plan(const std::vector<plan_line>& lines) = 0;
+
+    /* A line for the log that is no problem: a log-in. The table does without. */
+    virtual void on_note(const std::string& text) = 0;
+};
+
+std::unique_ptr<result_output> make_output(output_kind kind, const output_options& options = {});
+
+/* The kind to use when standard output is `fd`. */
+output_kind choose_output(int fd, bool json);
+
+#endif

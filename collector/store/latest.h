@@ -1,0 +1,56 @@
+/* Where the last result of each test of an agent is, as one packed text: a column of the agent's
+ * row, changed in the transaction that stores the results. It is thus right whatever ends the
+ * process, and found without a search through the days.
+ *
+ * An agent that invents tests does not make it grow for ever: beyond latest_max tests the ones
+ * heard of longest ago are forgotten. */
+#ifndef VINDRAL_COLLECTOR_LATEST_H
+#define VINDRAL_COLLECTOR_LATEST_H
+
+#include "show/schema.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum { latest_max = 10000 };
+
+struct latest_entry {
+    uint32_t type = 0;
+    std::optional<int32_t> test; /* none: an inventory, or a type that is not known */
+    int64_t received = 0;        /* seconds since the epoch; its day tells the table */
+    int64_t row = 0;             /* id in that table */
+    std::optional<int64_t> time; /* of the check */
+    std::optional<int32_t> status;
+
+    auto key() const { return std::pair(type, test); }
+};
+
+/* The tests of one agent. */
+class latest_results {
+public:
+    latest_results() = default;
+    /* Reads what packed() made; what is damaged in it is left out. */
+    explicit latest_results(std::string_view packed);
+
+    /* The newest result of a test so far. */
+    void put(const record_summary& summary, int64_t received, int64_t row);
+
+    /* Forgets what was received on days whose table is gone; returns whether there was any. */
+    bool forget_unless(const std::function<bool(int64_t received)>& kept);
+
+    /* One for each test, ordered by key. */
+    const std::vector<latest_entry>& entries() &;
+    std::string packed();
+
+private:
+    void settle();
+
+    std::vector<latest_entry> entries_; /* the first settled_ are in order, the others came later */
+    size_t settled_ = 0;
+};
+
+#endif

@@ -1,0 +1,159 @@
+#include "life/options.h"
+
+#include <gtest/gtest.h>
+
+struct parsed {
+    options o;
+    options_result result;
+    std::string text;
+};
+
+static parsed parse(std::vector<std::string> words) {
+    words.insert(words.begin(), "vindral-collector");
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    parsed p;
+    p.result = parse_options(int(words.size()), argv.data(), p.o, p.text);
+    return p;
+}
+
+static void expect_wrong(std::vector<std::string> words, const std::string& reason) {
+    parsed p = parse(std::move(words));
+    EXPECT_EQ(p.result, options_result::wrong);
+    EXPECT_EQ(p.text, "vindral-collector: " + reason + "\nTry 'vindral-collector --help'.\n");
+}
+
+TEST(collector_options, defaults) {
+    parsed p = parse({});
+    EXPECT_EQ(p.result, options_result::run);
+    EXPECT_EQ(p.o.listen, "127.0.0.1");
+    EXPECT_EQ(p.o.port, 8443);
+    EXPECT_EQ(p.o.state_dir, "/var/lib/vindral-collector");
+    EXPECT_EQ(p.o.keep_days, 30);
+    EXPECT_EQ(p.o.max_body_mb, 16u);
+    EXPECT_TRUE(p.o.plan.empty() && p.o.cert.empty() && p.o.key.empty() && p.o.allow.empty());
+    EXPECT_FALSE(p.o.end_refused);
+    EXPECT_FALSE(p.o.json || p.o.problems || p.o.quiet || p.o.missing);
+}
+
+TEST(collector_options, all_of_them) {
+    parsed p = parse({"--listen",
+                      "::1",
+                      "--port",
+                      "0",
+                      "--port-file=pf",
+                      "--state-dir",
+                      "sd",
+                      "--plan",
+                      "pl",
+                      "--cert",
+                      "c",
+                      "--key",
+                      "k",
+                      "--end-refused",
+                      "--allow",
+                      "a@b.c",
+                      "--allow",
+                      "d@e.f",
+                      "--json",
+                      "--quiet",
+                      "--keep-days",
+                      "0",
+                      "--max-connections",
+                      "7",
+                      "--max-per-address",
+                      "3",
+                      "--max-body-mb",
+                      "2",
+                      "--missing",
+                      "--older-than",
+                      "15m"});
+    EXPECT_EQ(p.result, options_result::run) << p.text;
+    EXPECT_EQ(p.o.older_than, 900);
+    EXPECT_EQ(p.o.listen, "::1");
+    EXPECT_EQ(p.o.port, 0);
+    EXPECT_EQ(p.o.port_file, "pf");
+    EXPECT_EQ(p.o.state_dir, "sd");
+    EXPECT_EQ(p.o.plan, "pl");
+    EXPECT_EQ(p.o.cert, "c");
+    EXPECT_EQ(p.o.key, "k");
+    EXPECT_EQ(p.o.allow, (std::vector<std::string>{"a@b.c", "d@e.f"}));
+    EXPECT_TRUE(p.o.end_refused);
+    EXPECT_TRUE(p.o.json && p.o.quiet && p.o.missing);
+    EXPECT_EQ(p.o.keep_days, 0);
+    EXPECT_EQ(p.o.max_connections, 7u);
+    EXPECT_EQ(p.o.max_per_address, 3u);
+    EXPECT_EQ(p.o.max_body_mb, 2u);
+}
+
+TEST(collector_options, of_json_and_problems_the_later_one_counts) {
+    parsed p = parse({"--problems", "--json"});
+    EXPECT_TRUE(p.o.json && !p.o.problems);
+    p = parse({"--json", "--problems"});
+    EXPECT_TRUE(!p.o.json && p.o.problems);
+}
+
+TEST(collector_options, help_and_version_end_at_once) {
+    parsed p = parse({"--help", "--port", "x"});
+    EXPECT_EQ(p.result, options_result::done);
+    EXPECT_EQ(p.text.substr(0, 38), "Usage: vindral-collector [OPTION]...\nC");
+    p = parse({"--version"});
+    EXPECT_EQ(p.result, options_result::done);
+    EXPECT_EQ(p.text.substr(0, 18), "vindral-collector ");
+    EXPECT_EQ(p.text.back(), '\n');
+}
+
+TEST(collector_options, mistakes_are_named) {
+    expect_wrong({"--port", "65536"}, "--port takes a number from 0 to 65535, not \"65536\"");
+    expect_wrong({"--port", "-1"}, "--port takes a number from 0 to 65535, not \"-1\"");
+    expect_wrong({"--port", "84x"}, "--port takes a number from 0 to 65535, not \"84x\"");
+    expect_wrong({"--port="}, "--port takes a number from 0 to 65535, not \"\"");
+    expect_wrong({"--port"}, "--port needs a value");
+    expect_wrong({"--keep-days", "-1"}, "--keep-days takes a number from 0 to 36500, not \"-1\"");
+    expect_wrong({"--max-connections", "0"},
+                 "--max-connections takes a number from 1 to 1000000, not \"0\"");
+    expect_wrong({"--json", "--colour"}, "unknown option --colour");
+    expect_wrong({"--json", "-x"}, "unknown option -x");
+    expect_wrong({"--json", "here"}, "unexpected argument \"here\"");
+    expect_wrong({"--allow", ""}, "--allow takes an e-mail address");
+    expect_wrong({"--end-refused"}, "--end-refused needs --allow");
+    expect_wrong({"--cert", "c"}, "--cert and --key belong together");
+    expect_wrong({"--key", "k"}, "--cert and --key belong together");
+    expect_wrong({"--missing"}, "--missing needs --plan");
+    expect_wrong({"--older-than", "1h"}, "--older-than needs --missing");
+}
+
+TEST(collector_options, durations_have_a_unit) {
+    auto seconds = [](const char* text) {
+        return parse({"--missing", "--plan", "p", "--older-than", text}).o.older_than;
+    };
+    EXPECT_EQ(seconds("90s"), 90);
+    EXPECT_EQ(seconds("15m"), 900);
+    EXPECT_EQ(seconds("2h"), 7200);
+    EXPECT_EQ(seconds("1d"), 86400);
+    EXPECT_EQ(seconds("36500d"), int64_t{36500} * 86400);
+    for (const char* wrong : {"", "15", "m", "0m", "-1h", "1.5h", "2h30m", "1w", "1 d", "36501d",
+                              "99999999999999999999d", "9223372036854775807d"}) {
+        expect_wrong({"--missing", "--plan", "p", "--older-than", wrong},
+                     "--older-than takes a number and a unit, as 90s, 15m, 2h or 1d, not \"" +
+                         std::string(wrong) + "\"");
+    }
+}
+
+TEST(collector_options, the_limit_of_connections_follows_the_descriptors) {
+    EXPECT_EQ(default_connections(1024), 960u);
+    EXPECT_EQ(default_connections(1048576), 10000u);
+    EXPECT_EQ(default_connections(20), 16u);
+}
+
+TEST(collector_options, names) {
+    EXPECT_EQ(parse({"--name", "a.example", "--name=192.0.2.1"}).o.names,
+              (std::vector<std::string>{"a.example", "192.0.2.1"}));
+    expect_wrong({"--name", "a b"}, "--name takes a host name or an address, not \"a b\"");
+    expect_wrong({"--name", ""}, "--name takes a host name or an address, not \"\"");
+    expect_wrong({"--cert", "c", "--key", "k", "--name", "a"},
+                 "--name is for a certificate that is made, not for --cert");
+}

@@ -1,0 +1,493 @@
+#include "show/output.cpp"
+
+#include "collector_test_support.h"
+
+#include <boost/json.hpp>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+
+static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+
+/* A pipe of which the test holds the reading end. */
+struct pipe_pair {
+    int ends[2] = {-1, -1};
+    pipe_pair() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
+    ~pipe_pair() {
+        close_end(0);
+        close_end(1);
+    }
+    void close_end(int i) {
+        if (ends[i] >= 0) {
+            close(ends[i]);
+        }
+        ends[i] = -1;
+    }
+    int reader() const { return ends[0]; }
+    int writer() const { return ends[1]; }
+    /* Everything until the writing end is closed. */
+    std::string read_all() {
+        close_end(1);
+        std::string text;
+        char piece[4096];
+        for (ssize_t got; (got = read(reader(), piece, sizeof(piece))) > 0;) {
+            text.append(piece, static_cast<size_t>(got));
+        }
+        return text;
+    }
+    /* Up to and including `end`. */
+    std::string read_until(const std::string& end) {
+        std::string text;
+        char byte;
+        while (text.find(end) == text.npos && read(reader(), &byte, 1) == 1) {
+            text += byte;
+        }
+        return text;
+    }
+};
+
+static void show(store_listener& out, const std::string& bytes, const std::string& agent = "web1") {
+    record r;
+    std::string reason;
+    ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
+    out.on_record({"a@b.c", agent, bytes, noon, "", ""}, r);
+}
+
+TEST(output, json_is_one_object_per_line_and_record) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(5, noon, 2, "high\n"));
+        std::string first = out.read_until("\n"); /* arrives without waiting for more */
+        EXPECT_EQ(boost::json::parse(first).at("test"), 5);
+        show(*o, record_builder{.ui32 = {99}}.bytes());
+        o->on_problem("something\nis wrong");
+        o->on_undecodable({"a@b.c", "web1", "", noon, "", ""}, 17, 4, "too short for a record",
+                          "/kept/here");
+    }
+    std::string second = out.read_all();
+    EXPECT_EQ(boost::json::parse(second).at("type"), 99);
+    EXPECT_EQ(second.find('\n'), second.size() - 1);
+    EXPECT_EQ(
+        problems.read_all(),
+        "vindral-collector: something is wrong\n"
+        "vindral-collector: agent web1 of a@b.c sent 4 bytes that are no record, at offset 17 "
+        "(too short for a record): kept in /kept/here\n");
+}
+
+TEST(output, plain_lines) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(5, noon, 2, "first\nsecond\n"));
+        show(*o, load_record(6, noon, 0, "\x1b]0;title\x07\n"), "\x1b[31mweb");
+        show(*o, record_builder{.i32 = {-1}, .ui32 = {99}, .strings = {"te\x1bxt"}}.bytes());
+    }
+    EXPECT_EQ(
+        out.read_all(),
+        "2026-05-01T12:00:00Z web1 load average 5: limit reached, load1 0.5 load5 0.25 load15 "
+        "0.125, first second\n"
+        "2026-05-01T12:00:00Z ?[31mweb load average 6: ok, load1 0.5 load5 0.25 load15 0.125, "
+        "?]0;title?\n"
+        "2026-05-01T12:00:00Z web1 type 99: i32 -1 ui32 99 \"te?xt\"\n");
+}
+
+static std::string process_record(int32_t test, uint32_t pid, uint32_t status) {
+    return record_builder{.ui32 = {type_process, static_cast<uint32_t>(test), 1, pid, status},
+                          .i64 = {noon},
+                          .d64 = {1, 2, 3}}
+        .bytes();
+}
+
+TEST(output, problems_are_shown_when_they_begin_become_others_and_end) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(1, noon, 0));
+        show(*o, load_record(2, noon, 2, "high"));
+        show(*o, load_record(2, noon, 2, "high still"));
+        show(*o, load_record(2, noon, 0), "other agent");
+        show(*o, load_record(2, noon, 4, "no answer"));
+        show(*o, load_record(2, noon, 0));
+        show(*o, load_record(2, noon, 0));
+        show(*o, record_builder{.ui32 = {99}}.bytes());
+        o->on_problem("of its own");
+    }
+    const std::string line = "2026-05-01T12:00:00Z web1 load average 2: ";
+    const std::string values = ", load1 0.5 load5 0.25 load15 0.125";
+    EXPECT_EQ(out.read_all(), line + "limit reached" + values + ", high\n" + line +
+                                  status_word(type_load_average, 4) + values + ", no answer\n" +
+                                  line + "ok" + values + ", fine\n");
+    EXPECT_EQ(problems.read_all(), "vindral-collector: of its own\n");
+}
+
+/* Each process of the name has a record, and one with id 0 says that there is none. */
+TEST(output, problems_of_processes_are_those_of_each) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        for (int pass = 0; pass < 3; pass++) {
+            show(*o, process_record(1, 100, 0));
+            show(*o, process_record(1, 101, 2));
+        }
+        show(*o, process_record(1, 0, 3)); /* both are gone */
+        show(*o, process_record(1, 0, 3));
+        show(*o, process_record(1, 100, 0)); /* and one is back */
+        show(*o, process_record(1, 101, 0));
+        show(*o, process_record(1, 101, 2));
+    }
+    std::string text = out.read_all(), said;
+    for (size_t at = 0; (at = text.find(": ", at)) != text.npos; at++) {
+        said += text.substr(at + 2, text.find(" cpu", at) - at - 2) + "; ";
+    }
+    EXPECT_EQ(said,
+              "limit reached, pid 101; not found, pid 0; ok, pid 100; limit reached, pid 101; ")
+        << text;
+}
+
+/* What has been forgotten is new. */
+TEST(output, problems_that_are_remembered_are_bounded) {
+    problem_view shown;
+    std::string bytes = load_record(1, noon, 2), reason, out;
+    record r;
+    ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
+    event e{event_kind::record, "a@b.c", "", noon, bytes, ""};
+    size_t lines = 0;
+    for (int i = 0; i < 600; i++) {
+        e.agent = std::to_string(i % 300) + std::string(100000, 'a');
+        out.clear();
+        shown.show_record(e, r, out);
+        lines += !out.empty();
+    }
+    EXPECT_GT(lines, 300u);
+    out.clear();
+    shown.show_record(e, r, out);
+    EXPECT_EQ(out, "");
+}
+
+TEST(output, a_reader_that_stalls_holds_up_nothing_and_learns_what_it_missed) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(
+            output_kind::json,
+            {.fd = out.writer(), .problem_fd = problems.writer(), .max_queued = 100000});
+        for (int i = 0; i < 20000; i++) { /* several times what pipe and queue hold */
+            show(*o, load_record(i, noon));
+        }
+        std::string text;
+        while (text.find("\"test\":19999") == text.npos) {
+            text = out.read_until("\n"); /* the newest come through once somebody reads */
+        }
+    }
+    std::string said = problems.read_all();
+    EXPECT_NE(said.find(" entries are not shown: the reader is too slow\n"), said.npos) << said;
+}
+
+/* Standard error is a pipe to the journal, or to whatever somebody has put there. */
+TEST(output, quietly_only_problems_are_shown_and_a_stalled_reader_holds_up_nothing) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(
+            output_kind::quiet,
+            {.fd = out.writer(), .problem_fd = problems.writer(), .max_queued = 100000});
+        show(*o, load_record(1, noon));
+        o->on_problem("first");
+        std::string text = problems.read_until("\n");
+        EXPECT_EQ(text, "vindral-collector: first\n");
+        for (int i = 0; i < 20000; i++) { /* several times what pipe and queue hold */
+            o->on_problem("problem " + std::to_string(i) + std::string(100, '.'));
+        }
+        size_t lines = 0;
+        bool told = false;
+        while (text.find("problem 19999") == text.npos) {
+            text = problems.read_until("\n");
+            told |= text.find(" entries are not shown: the reader is too slow") != text.npos;
+            lines++;
+        }
+        EXPECT_TRUE(told);
+        EXPECT_LT(lines, 20000u);
+    }
+    EXPECT_EQ(out.read_all(), "");
+}
+
+TEST(output, ending_does_not_wait_for_a_stalled_reader_for_long) {
+    pipe_pair out, problems;
+    auto begin = steady_clock::now();
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        for (int i = 0; i < 1000; i++) {
+            show(*o, load_record(i, noon));
+        }
+    }
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(20));
+}
+
+TEST(output, a_reader_that_went_away_is_no_error) {
+    pipe_pair out, problems;
+    out.close_end(0);
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        for (int i = 0; i < 1000; i++) {
+            show(*o, load_record(i, noon));
+        }
+        o->on_problem("still here");
+    }
+    EXPECT_EQ(problems.read_all(), "vindral-collector: still here\n");
+}
+
+TEST(output, a_huge_record_is_only_mentioned) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, record_builder{.ui32 = std::vector<uint32_t>(300000, 99)}.bytes());
+    }
+    EXPECT_EQ(out.read_all(), "");
+    EXPECT_EQ(problems.read_all(),
+              "vindral-collector: a record of 1200032 bytes from web1 is stored, "
+              "but too large to be shown\n");
+}
+
+TEST(output, many_threads_may_report) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; t++) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 50; i++) {
+                    o->on_problem("x");
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+    std::string said = problems.read_all();
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 200);
+}
+
+TEST(output, a_line_shows_the_beginning_of_a_long_record) {
+    pipe_pair out, problems;
+    std::string text;
+    {
+        auto o =
+            make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, load_record(5, noon, 2, std::string(500000, 'm')));
+        show(*o, record_builder{.ui32 = {42, 0, 0},
+                                .i64 = {noon},
+                                .strings = {std::string(500000, '\t')}}
+                     .bytes());
+        text = out.read_until("\n") + out.read_until("\n");
+    }
+    EXPECT_LT(text.size(), 40000u);
+    EXPECT_NE(text.find("mmm ...\n"), text.npos);
+    EXPECT_TRUE(text.ends_with(" ...\n"));
+}
+
+/* A get that went well, of one object with this status. */
+static std::string get_record(uint32_t status) {
+    record_builder object{.ui32 = {9, status}, .strings = {"25", "too high"}};
+    return record_builder{.ui32 = {57, 5, 7, 0, 1},
+                          .i64 = {noon},
+                          .d64 = {1.5},
+                          .strings = {"New results are available.\n"},
+                          .nested = {object.bytes()}}
+        .bytes();
+}
+
+static const std::string get_line = "2026-05-01T12:00:00Z web1 snmp 5: ";
+
+TEST(output, a_line_calls_a_get_what_its_worst_value_is) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, get_record(2));
+    }
+    EXPECT_EQ(out.read_all(), get_line + "limit reached, objects 1 time 1.5 ms, type 9 value "
+                                         "25 (limit reached), New results are available.\n");
+}
+
+TEST(output, a_value_out_of_its_limits_is_a_problem) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(output_kind::problems,
+                             {.fd = out.writer(), .problem_fd = problems.writer()});
+        show(*o, get_record(0));
+        show(*o, get_record(2));
+        show(*o, get_record(2));
+        show(*o, get_record(0));
+    }
+    std::string text = out.read_all();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+    EXPECT_TRUE(text.starts_with(get_line + "limit reached, ")) << text;
+    EXPECT_NE(text.find("\n" + get_line + "ok, "), text.npos) << text;
+}
+
+TEST(output, log_ins_are_lines_where_there_is_no_table) {
+    pipe_pair out, problems;
+    {
+        auto o =
+            make_output(output_kind::quiet, {.fd = out.writer(), .problem_fd = problems.writer()});
+        o->on_note("login: web1");
+        o->on_ready("not here");
+        o->on_plan({{1, 1, "POL\t0\t5"}});
+    }
+    EXPECT_EQ(problems.read_all(), "vindral-collector: login: web1\n");
+}
+
+/* A terminal of which the test holds the other end. */
+struct terminal {
+    int master = -1, slave = -1;
+    std::string text; /* read so far */
+    terminal(unsigned short rows, unsigned short columns) {
+        winsize size = {.ws_row = rows, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
+        EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, &size), 0);
+    }
+    ~terminal() {
+        close(slave);
+        close(master);
+    }
+    /* Forgets what was read before it. */
+    void read_until(const std::string& wanted) {
+        char piece[4096];
+        text.clear();
+        while (text.find(wanted) == text.npos) {
+            ssize_t got = read(master, piece, sizeof(piece));
+            ASSERT_GT(got, 0);
+            text.append(piece, static_cast<size_t>(got));
+        }
+    }
+};
+
+struct store_with_a_past : store {
+    void submit(poll_block, std::function<void(store_result)>) override {}
+    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+        int64_t now = time(nullptr);
+        for (int i = 0; i < 500; i++) {
+            std::string name = "host" + std::to_string(i);
+            each({"a@b.c", name, "192.0.2.1", "1", now - 100000, now - 30});
+        }
+    }
+    void for_each_latest(const std::function<void(const latest_result&)>& each) const override {
+        std::string fine = load_record(5, noon), bad = load_record(6, noon, 2, "too high\n");
+        for (int i = 0; i < 500; i++) {
+            std::string name = "host" + std::to_string(i);
+            each({"a@b.c", name, time(nullptr) - 30, fine});
+            each({"a@b.c", name, time(nullptr) - 40, i == 7 ? bad : fine});
+            each({"a@b.c", name, time(nullptr) - 40, "no record"});
+        }
+    }
+};
+
+TEST(table, begins_with_what_the_store_knows) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    /* A queue that holds a small part of it: begin() waits, nothing is dropped. */
+    auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 20000});
+    o->begin(store_with_a_past());
+    screen.read_until("1 problem, 500 ok - 501 tests on 500 hosts");
+}
+
+TEST(table, shows_the_lines_for_hosts_until_an_agent_is_known_but_no_log_ins) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    o->on_note("2026-05-01T12:00:00Z login: web1 of a@b.c at 192.0.2.1");
+    o->on_ready("Listening on 192.0.2.1:8443\n  USEHOST  https://here\n");
+    o->on_problem("2026-05-01T12:00:00Z plan line 3: bad");
+    screen.read_until("plan line 3: bad");
+    EXPECT_NE(screen.text.find("Listening on 192.0.2.1:8443"), std::string::npos);
+    EXPECT_NE(screen.text.find("  USEHOST  https://here"), std::string::npos);
+    EXPECT_EQ(screen.text.find("2026-05-01"), std::string::npos); /* no second time */
+    show(*o, load_record(5, noon));
+    screen.read_until("1 test on 1 host");
+    screen.read_until("\033[J");
+    screen.read_until("\033[J");
+    EXPECT_EQ(screen.text.find("USEHOST"), std::string::npos);
+    EXPECT_EQ(screen.text.find("login"), std::string::npos);
+}
+
+TEST(table, tests_that_leave_the_plan_leave_the_screen) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    show(*o, load_record(5, noon));
+    show(*o, load_record(6, noon));
+    screen.read_until("2 tests on 1 host");
+    o->on_plan({{1, 1, "LAA\t5\t1\t-1\t-1\t-1"}});
+    screen.read_until("1 test on 1 host");
+}
+
+struct store_with_an_agent : store {
+    void submit(poll_block, std::function<void(store_result)>) override {}
+    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+        each({"a@b.c", "web1", "", "", noon, noon});
+    }
+};
+
+TEST(table, a_terminal_that_takes_nothing_costs_no_state) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    int flags = fcntl(screen.slave, F_GETFL);
+    fcntl(screen.slave, F_SETFL, flags | O_NONBLOCK);
+    std::string filler(4096, '.');
+    while (write(screen.slave, filler.data(), filler.size()) > 0) {
+    }
+    fcntl(screen.slave, F_SETFL, flags);
+    auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 50000});
+    show(*o, load_record(1, noon, 2, "this one is bad\n"));
+    for (int i = 0; i < 30; i++) { /* several times what the queue holds */
+        for (int test = 2; test < 22; test++) {
+            show(*o, load_record(test, noon));
+        }
+        o->begin(store_with_an_agent()); /* waits until half of the queue is free */
+    }
+    screen.read_until("this one is bad");
+}
+
+TEST(table, draws_on_a_terminal_of_its_size) {
+    terminal screen(6, 70);
+    setenv("TERM", "xterm", 1);
+    EXPECT_EQ(choose_output(screen.slave, false), output_kind::table);
+    EXPECT_EQ(choose_output(screen.slave, true), output_kind::json);
+    setenv("TERM", "dumb", 1);
+    EXPECT_EQ(choose_output(screen.slave, false), output_kind::plain);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    for (int i = 0; i < 20; i++) {
+        show(*o, load_record(i, noon));
+    }
+    o->on_problem("a problem");
+    screen.read_until("all ok - 20 tests on 1 host");
+    screen.read_until("... 18 more tests that are ok");
+    screen.read_until("a problem");
+}
+
+TEST(table, has_no_colours_where_none_are_wanted) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    setenv("NO_COLOR", "1", 1);
+    EXPECT_FALSE(read_screen(screen.slave).colours);
+    setenv("NO_COLOR", "", 1);
+    EXPECT_TRUE(read_screen(screen.slave).colours);
+    unsetenv("NO_COLOR");
+    EXPECT_TRUE(read_screen(screen.slave).colours);
+    EXPECT_EQ(read_screen(screen.slave).rows, 24u);
+    EXPECT_EQ(read_screen(-1).columns, 80u);
+}
+
+TEST(choose, no_terminal_means_lines) {
+    pipe_pair out;
+    setenv("TERM", "xterm", 1);
+    EXPECT_EQ(choose_output(out.writer(), false), output_kind::plain);
+    EXPECT_EQ(choose_output(out.writer(), true), output_kind::json);
+}

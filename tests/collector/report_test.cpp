@@ -1,0 +1,172 @@
+#include "show/report.h"
+
+#include "collector_test_support.h"
+#include "store/database.h"
+#include "store/store.h"
+
+#include <future>
+#include <gtest/gtest.h>
+#include <sstream>
+
+static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+
+struct report_test : testing::Test {
+    scratch_directory directory;
+    std::string state = directory / "state";
+    std::string plan_path = directory / "plan";
+    std::unique_ptr<store> s;
+    missing_count count;
+
+    void open() {
+        std::string error;
+        s = store::open({.directory = state, .keep_days = 0}, nullptr, error);
+        ASSERT_NE(s, nullptr) << error;
+    }
+
+    void submit(const std::string& plain, int64_t received, const std::string& agent = "web1") {
+        std::promise<store_result> result;
+        s->submit({"a@b.c", agent, plain, received}, [&](store_result r) { result.set_value(r); });
+        ASSERT_EQ(result.get_future().get(), store_result::stored);
+    }
+
+    /* What is printed, or "!" and the error. */
+    std::string report(const missing_age& age = {}) {
+        std::ostringstream out;
+        std::string error;
+        bool ok = print_missing(state, plan_path, age, out, count, error);
+        EXPECT_EQ(ok, error.empty());
+        return ok ? out.str() : "!" + error;
+    }
+};
+
+static const std::string plan_text = "LAA\t5\t1\t1\t2\t3\nLAA\t6\t1\t1\t2\t3\nLAA\t7\t1\t1\t2\t3\n"
+                                     "LAD\t7\t0\n";
+
+TEST_F(report_test, planned_tests_with_and_without_results) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon - 5) + load_record(7, noon - 5), noon);
+    submit(load_record(5, noon + 55, 2), noon + 60);
+    EXPECT_EQ(report(),
+              "stored\ta@b.c\tweb1\tload average\t5\t2026-05-01T12:00:55Z\tlimit reached\n"
+              "missing\ta@b.c\tweb1\tload average\t6\n");
+    EXPECT_EQ(count.stored, 1u);
+    EXPECT_EQ(count.missing, 1u);
+}
+
+TEST_F(report_test, older_results_do_not_count_and_say_when_they_came) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon - 5, 2), noon);
+    submit(load_record(6, noon + 86395), noon + 86400); /* the next day's table */
+    std::string five = "a@b.c\tweb1\tload average\t5\t2026-05-01T11:59:55Z\tlimit reached\n";
+    std::string six = "a@b.c\tweb1\tload average\t6\t2026-05-02T11:59:55Z\tok\n";
+    int64_t later = noon + 86400 + 60;
+    EXPECT_EQ(report({.now = later}), "stored\t" + five + "stored\t" + six);
+    EXPECT_EQ(report({.now = later, .older_than = 86460}), "stored\t" + five + "stored\t" + six);
+    EXPECT_EQ(report({.now = later, .older_than = 86459}), "missing\t" + five + "stored\t" + six);
+    EXPECT_EQ(count.missing, 1u);
+    EXPECT_EQ(count.silent, 0u);
+    EXPECT_EQ(report({.now = later, .older_than = 60}), "missing\t" + five + "stored\t" + six);
+    EXPECT_EQ(report({.now = later, .older_than = 59}),
+              "silent\ta@b.c\tweb1\t2026-05-02T12:00:00Z\nmissing\t" + five + "missing\t" + six);
+    EXPECT_EQ(count.silent, 1u);
+    EXPECT_EQ(count.missing, 2u);
+}
+
+TEST_F(report_test, a_time_far_in_the_future_is_no_age) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon) + load_record(6, noon), noon + 60 * 86400);
+    report({.now = noon, .older_than = 900});
+    EXPECT_EQ(count.silent, 1u);
+    EXPECT_EQ(count.missing, 2u);
+    submit(load_record(5, noon), noon);
+    report({.now = noon - 2, .older_than = 900}); /* a clock that was put right by seconds */
+    EXPECT_EQ(count.silent, 0u);
+    EXPECT_EQ(count.missing, 1u);
+}
+
+TEST_F(report_test, agents_are_silent_without_a_plan_too) {
+    write_text(plan_path, "# nothing\n");
+    open();
+    submit(load_record(5, noon), noon, "web1");
+    submit(load_record(5, noon), noon + 50, "web2");
+    EXPECT_EQ(report({.now = noon + 100, .older_than = 60}),
+              "silent\ta@b.c\tweb1\t2026-05-01T12:00:00Z\n");
+    EXPECT_EQ(count.silent, 1u);
+}
+
+/* The days, which are long, are not looked at. */
+TEST_F(report_test, it_reads_the_agents_alone) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon);
+    s.reset();
+    sqlite3* handle = nullptr;
+    sqlite3_open(database_path(state).c_str(), &handle);
+    database db(handle);
+    ASSERT_TRUE(database_exec(handle, "DROP TABLE results_20260501"));
+    report();
+    EXPECT_EQ(count.stored, 1u);
+    EXPECT_EQ(count.missing, 1u);
+}
+
+TEST_F(report_test, each_agent_counts_for_itself) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon, "web1");
+    submit(load_record(6, noon), noon, "web\x1b[2J");
+    EXPECT_EQ(report(), "missing\ta@b.c\tweb?[2J\tload average\t5\n"
+                        "stored\ta@b.c\tweb?[2J\tload average\t6\t2026-05-01T12:00:00Z\tok\n"
+                        "stored\ta@b.c\tweb1\tload average\t5\t2026-05-01T12:00:00Z\tok\n"
+                        "missing\ta@b.c\tweb1\tload average\t6\n");
+    EXPECT_EQ(count.stored, 2u);
+    EXPECT_EQ(count.missing, 2u);
+}
+
+TEST_F(report_test, without_any_agent_all_is_missing) {
+    write_text(plan_path, plan_text);
+    open();
+    EXPECT_EQ(report(), "missing\t-\t-\tload average\t5\nmissing\t-\t-\tload average\t6\n");
+}
+
+TEST_F(report_test, a_collector_may_have_ended_properly_or_not) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon);
+    std::filesystem::copy(state, directory / "as after a kill");
+    s.reset();
+    report();
+    EXPECT_EQ(count.stored, 1u);
+    state = directory / "as after a kill";
+    report();
+    EXPECT_EQ(count.stored, 1u);
+}
+
+TEST_F(report_test, nothing_is_written) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon);
+    s.reset();
+    std::string before = read_text(database_path(state));
+    report();
+    EXPECT_EQ(read_text(database_path(state)), before);
+}
+
+TEST_F(report_test, problems_of_the_plan_are_printed) {
+    write_text(plan_path, "XYZ\t1\n" + plan_text);
+    open();
+    EXPECT_EQ(report().substr(0, 36), "problem\tline 1: unknown code \"XYZ\"\nm");
+}
+
+TEST_F(report_test, what_cannot_be_read_is_an_error) {
+    EXPECT_EQ(report(), "!" + plan_path + ": No such file or directory");
+    write_text(plan_path, plan_text);
+    EXPECT_EQ(report(), "!" + database_path(state) + ": unable to open database file");
+    std::filesystem::create_directory(state);
+    write_text(database_path(state), "");
+    EXPECT_EQ(report(), "!" + database_path(state) + ": there is nothing in it");
+    write_text(database_path(state), std::string(5000, 'x'));
+    EXPECT_EQ(report(), "!" + database_path(state) + ": file is not a database");
+}

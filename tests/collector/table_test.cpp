@@ -1,0 +1,541 @@
+#include "show/table.cpp"
+
+#include "collector_test_support.h"
+
+#include <gtest/gtest.h>
+
+static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+
+static record decode(const std::string& bytes) {
+    record r;
+    std::string reason;
+    EXPECT_TRUE(decode_record(bytes, r, reason)) << reason;
+    return r;
+}
+
+/* The lines that a screen shows after the frame, without colours; checks that nothing leaves it. */
+static std::vector<std::string> screen_of(const std::string& frame, const table_screen& screen) {
+    std::vector<std::string> lines(1);
+    for (size_t i = 0; i < frame.size(); i++) {
+        if (frame[i] == '\033') {
+            size_t end = frame.find_first_of("HJKmhl", i);
+            EXPECT_NE(end, frame.npos);
+            EXPECT_EQ(frame[i + 1], '[');
+            EXPECT_TRUE(screen.colours || frame[end] != 'm');
+            i = end;
+        } else if (frame.substr(i, 2) == "\r\n") {
+            lines.emplace_back();
+            i++;
+        } else {
+            EXPECT_GE(static_cast<unsigned char>(frame[i]), 0x20u);
+            lines.back() += frame[i];
+        }
+    }
+    EXPECT_LE(lines.size(), screen.rows);
+    for (std::string& line : lines) {
+        EXPECT_LE(display_width(line), screen.columns) << line;
+        while (line.ends_with(' ')) {
+            line.pop_back();
+        }
+    }
+    if (lines.back().empty()) {
+        lines.pop_back();
+    }
+    return lines;
+}
+
+static std::string text_of(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+struct table_test : testing::Test {
+    live_table table{noon};
+    int64_t now = noon;
+
+    void add_bytes(const std::string& agent, const std::string& bytes,
+                   const std::string& account = "a@b.c") {
+        table.take(account, agent, now, decode(bytes));
+    }
+    void add(const std::string& agent, uint32_t test, uint32_t status = 0,
+             const std::string& message = "fine\n") {
+        add_bytes(agent, load_record(test, now, status, message));
+    }
+    void add_process(uint32_t test, uint32_t pid, uint32_t status, int64_t checked,
+                     const std::string& message = "") {
+        record_builder b{.ui32 = {43, test, 7, pid, status}, .i64 = {checked}, .d64 = {1, 2, 3}};
+        if (message.empty()) {
+            b.missing_strings = 1;
+        } else {
+            b.strings = {message};
+        }
+        add_bytes("web1", b.bytes());
+    }
+    void plan(const std::vector<std::string>& lines) {
+        std::vector<plan_line> list;
+        for (const std::string& line : lines) {
+            list.push_back({list.size() + 1, static_cast<int>(list.size()) + 1, line});
+        }
+        table.follow(planned_tests(list), intervals_of(list), now);
+    }
+    std::vector<std::string> screen(size_t rows = 24, size_t columns = 100) {
+        table_screen s{rows, columns, true};
+        return screen_of(table.draw(s, now), s);
+    }
+    std::string text(size_t rows = 24, size_t columns = 100) {
+        return text_of(screen(rows, columns));
+    }
+};
+
+static const std::string load_test = "\t1\t-1\t-1\t-1";
+
+TEST_F(table_test, nothing_is_known_at_first) {
+    EXPECT_EQ(screen(), std::vector<std::string>{" no agent is known yet" + std::string(66, ' ') +
+                                                 " 12:00:00Z"});
+    table.introduce("Listening\n  \033[2Jhere\n");
+    EXPECT_EQ(screen().at(1), "Listening");
+    EXPECT_EQ(screen().at(2), "  ?[2Jhere");
+    add("web1", 5);
+    EXPECT_EQ(text().find("Listening"), std::string::npos);
+}
+
+TEST_F(table_test, one_host_has_a_line_and_its_tests_below) {
+    add("web1", 5);
+    add("web1", 6, 10, "no answer\n");
+    now += 7;
+    EXPECT_EQ(text(24, 80),
+              " 1 problem, 1 ok - 2 tests on 1 host                                 12:00:07Z\n"
+              "web1  1 problem, 1 ok\n"
+              "  ! load average 6  for 7s   no answer  load1 0.5 load5 0.25 load15 0.125\n"
+              "    load average 5  7s ago   load1 0.5 load5 0.25 load15 0.125  fine\n");
+    now += 1000;
+    add("web1", 6, 10, "no answer\n"); /* still */
+    EXPECT_NE(text().find("  ! load average 6  for 16m  no answer"), std::string::npos) << text();
+    add("web1", 6, 0);
+    EXPECT_EQ(screen()[0].substr(0, 25), " all ok - 2 tests on 1 ho");
+    EXPECT_EQ(screen()[1], "web1  2 ok");
+}
+
+TEST_F(table_test, a_problem_without_a_message_has_its_status_in_words) {
+    add_bytes("web1",
+              record_builder{
+                  .ui32 = {66, 5, 7, 10}, .i64 = {1}, .d64 = {-1, -1, -1}, .missing_strings = 1}
+                  .bytes());
+    EXPECT_NE(text().find("remote query failed  load1 -1"), std::string::npos) << text();
+}
+
+TEST_F(table_test, problems_are_on_top_the_newest_first) {
+    add("a", 1, 2, "old\n");
+    add("b", 1);
+    now += 10;
+    add("c", 1, 2, "new\n");
+    add("c", 2, 2, "newer\n");
+    add("d", 1);
+    std::vector<std::string> lines = screen();
+    ASSERT_EQ(lines.size(), 10u) << text();
+    EXPECT_EQ(lines[1], "c     2 problems");
+    EXPECT_EQ(lines[4], "a     1 problem");
+    EXPECT_EQ(lines[6].substr(0, 4), "b   ");
+    EXPECT_NE(lines[0].find(" 3 problems, 2 ok - 5 tests on 4 hosts"), std::string::npos);
+}
+
+TEST_F(table_test, inventories_are_no_rows_but_a_sign_of_life) {
+    add_bytes("web1",
+              record_builder{.ui32 = {42, 0, 0}, .i64 = {1}, .strings = {"init\t"}}.bytes());
+    EXPECT_EQ(screen()[0].substr(0, 9), " no tests");
+    EXPECT_EQ(screen()[1], "web1  no tests");
+    EXPECT_EQ(screen().size(), 2u);
+}
+
+TEST_F(table_test, an_object_of_a_get_that_is_out_of_its_limits_is_a_problem) {
+    record_builder good{.ui32 = {8, 0}, .strings = {"core-1", "OID: 1.2 the result"}};
+    record_builder bad{.ui32 = {9, 2}, .strings = {"25", "OID:  1.3\nValue:  25\n"}};
+    record_builder bare{.ui32 = {9, 2}, .missing_strings = 2};
+    record_builder get{.ui32 = {57, 5, 7, 0, 2},
+                       .i64 = {9},
+                       .d64 = {1.5},
+                       .strings = {"New results are available.\n"},
+                       .nested = {good.bytes(), bad.bytes()}};
+    add_bytes("web1", get.bytes());
+    EXPECT_EQ(screen()[1], "web1  1 problem");
+    EXPECT_NE(text().find("  ! snmp 5  for 0s   OID: 1.3 Value: 25  objects 2 time 1.5 ms"),
+              std::string::npos)
+        << text();
+    get.nested.push_back(bare.bytes());
+    add_bytes("web1", get.bytes());
+    EXPECT_NE(text().find("OID: 1.3 Value: 25 (and 1 more)  objects"), std::string::npos) << text();
+    get.nested = {bare.bytes(), good.bytes()}; /* one whose strings are empty */
+    add_bytes("web1", get.bytes());
+    EXPECT_NE(text().find("! snmp 5  for 0s   limit reached  objects"), std::string::npos)
+        << text();
+    get.nested = {good.bytes()};
+    add_bytes("web1", get.bytes());
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+}
+
+TEST_F(table_test, a_process_among_several_is_a_problem_until_all_are_well) {
+    add_process(3, 10, 0, noon);
+    add_process(3, 11, 2, noon, "Current CPU usage: 91%");
+    add_process(3, 12, 0, noon + 1);
+    EXPECT_NE(text().find("! process 3  for 0s   1 of 3 processes: Current CPU usage: 91%  pid 11"),
+              std::string::npos)
+        << text();
+    now += 60; /* the next pass: the state has not changed in between */
+    add_process(3, 10, 0, noon + 60);
+    add_process(3, 11, 2, noon + 60, "Current CPU usage: 92%");
+    EXPECT_NE(text().find("! process 3  for 60s  1 of 2 processes: Current CPU usage: 92%  pid 11"),
+              std::string::npos)
+        << text();
+    now += 60;
+    add_process(3, 10, 0, noon + 120);
+    add_process(3, 11, 0, noon + 120);
+    EXPECT_NE(text().find("    process 3  0s ago   2 processes: pid 10"), std::string::npos)
+        << text();
+    now += 1; /* passes a second apart are told apart by the ids */
+    add_process(3, 10, 3, noon + 121, "gone");
+    EXPECT_EQ(text().find("processes"), std::string::npos) << text();
+}
+
+TEST_F(table_test, records_that_nobody_knows_are_shown_as_unclear) {
+    add_bytes("web1", record_builder{.ui32 = {99}, .strings = {"te\x1bxt"}}.bytes());
+    add("web1", 5);
+    EXPECT_EQ(screen()[1], "web1  1 of unknown types, 1 ok");
+    EXPECT_NE(text().find("  ? type 99         0s ago   unknown type: ui32 99 \"te?xt\""),
+              std::string::npos)
+        << text();
+}
+
+TEST_F(table_test, a_host_that_says_nothing_for_three_polls_is_silent) {
+    plan({"POL\t0\t30", "CHK\t0\t30", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    add("web1", 1);
+    add("web1", 2, 2, "high\n");
+    add("web2", 1);
+    add("web2", 2);
+    now += 90;
+    add("web2", 1);
+    add("web2", 2);
+    EXPECT_EQ(text().find("silent"), std::string::npos);
+    now += 1;
+    std::vector<std::string> lines = screen();
+    EXPECT_EQ(lines[0].substr(0, 49), " 1 host silent, 2 ok - 4 tests on 2 hosts        ");
+    EXPECT_EQ(lines[1], "web1  silent for 91s, before that 1 problem, 1 ok");
+    EXPECT_EQ(lines[2], "web2  2 ok");
+    std::string frame = table.draw({}, now);
+    EXPECT_NE(frame.find("\033[31mweb1  silent for 91s"), frame.npos);
+    now += 60;
+    table.hear("a@b.c", "web2", now);
+    now += 60;
+    table.hear("a@b.c", "web1", now); /* its results come with the next poll */
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok");
+    EXPECT_EQ(screen()[4], "web2  2 stale");
+}
+
+TEST_F(table_test, silence_counts_from_our_own_start) {
+    plan({"POL\t0\t60", "CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    table.know("a@b.c", "web1", noon - 7200);
+    table.know("a@b.c", "web1", noon - 7200, decode(load_record(1, 1)));
+    table.know("a@b.c", "web1", noon - 7300, decode(load_record(2, 1, 2, "high\n")));
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok, last heard 2h ago");
+    EXPECT_NE(text().find("! load average 2  for 2h   high"), std::string::npos) << text();
+    now += 180;
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok, last heard 2h ago");
+    now += 1;
+    EXPECT_EQ(screen()[1], "web1  silent for 2h, before that 1 problem, 1 ok");
+    now += 86400;
+    add("web2", 1, 2, "high\n"); /* what is new comes before a host that is gone for a day */
+    EXPECT_EQ(screen()[1], "web2  1 problem");
+    EXPECT_EQ(screen()[3], "web1  silent for 26h, before that 1 problem, 1 ok");
+}
+
+TEST_F(table_test, what_the_store_has_from_the_future_is_of_now) {
+    table.know("a@b.c", "web1", noon + 1000000);
+    table.know("a@b.c", "web1", noon + 1000000, decode(load_record(1, 1, 2, "high\n")));
+    now += 200;
+    EXPECT_EQ(screen()[1], "web1  silent for 3m, before that 1 problem");
+}
+
+TEST_F(table_test, a_test_without_a_result_for_three_intervals_is_stale) {
+    plan({"POL\t0\t30", "CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test,
+          "DCA\t3\t1\t192.0.2.1\t192.0.2.9"});
+    add("web1", 1);
+    add("web1", 2, 2, "high\n");
+    add_bytes("web1",
+              record_builder{.ui32 = {40, 3, 1}, .i64 = {1}, .d64 = {0}, .strings = {"finished"}}
+                  .bytes());
+    for (int i = 0; i < 3; i++) {
+        now += 60;
+        table.hear("a@b.c", "web1", now);
+    }
+    EXPECT_EQ(screen()[1], "web1  1 problem, 2 ok");
+    now += 1;
+    /* One that was a problem stays one. */
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 stale, 1 ok");
+    EXPECT_NE(text().find("! load average 2  for 3m   (no result for 3m) high"), std::string::npos)
+        << text();
+    EXPECT_NE(text().find("? load average 1  3m ago   stale, was ok: load1"), std::string::npos)
+        << text();
+    plan({"POL\t0\t30", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    now += 1000;
+    table.hear("a@b.c", "web1", now);
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok"); /* no interval, no staleness */
+}
+
+TEST_F(table_test, a_shorter_interval_makes_nothing_stale_before_agents_have_it) {
+    plan({"POL\t0\t600", "CHK\t0\t600", "LAA\t1" + load_test});
+    add("web1", 1);
+    plan({"POL\t0\t10", "CHK\t0\t10", "LAA\t1" + load_test});
+    now += 1000;
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+    now += 801;
+    EXPECT_NE(screen()[1].find("silent"), std::string::npos);
+}
+
+TEST_F(table_test, a_planned_test_without_any_result_is_unknown_after_a_while) {
+    plan({"CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    add("web1", 1);
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+    now += 150;
+    add("web1", 1);
+    now += 151;
+    add("web1", 1);
+    EXPECT_EQ(screen()[1], "web1  1 unknown, 1 ok");
+    EXPECT_EQ(screen()[2], "  ? load average 2           unknown: no result yet");
+    EXPECT_NE(screen()[0].find(" 1 unknown, 1 ok - 2 tests on 1 host"), std::string::npos);
+}
+
+TEST_F(table_test, many_unknown_tests_are_counted_and_the_first_named) {
+    std::vector<std::string> lines = {"CHK\t0\t60", "DCA\t3\t1\t192.0.2.1\t192.0.2.9"};
+    for (int i = 1; i <= 1000; i++) {
+        lines.push_back("LAA\t" + std::to_string(i) + load_test);
+    }
+    plan(lines);
+    for (int i = 0; i < 6; i++, now += 60) {
+        add("web1", 2);
+    }
+    EXPECT_EQ(screen()[1], "web1  999 unknown, 1 ok");
+    EXPECT_EQ(screen()[2].substr(0, 20), "  ? load average 1  ");
+    EXPECT_EQ(screen()[3].substr(0, 20), "  ? load average 3  ");
+    EXPECT_EQ(screen()[23], "... 978 more tests stale or unknown, 1 more test that is ok");
+}
+
+TEST_F(table_test, tests_that_leave_the_plan_vanish_whatever_agents_still_send) {
+    plan({"CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    add("web1", 1);
+    add("web1", 2, 2, "high\n");
+    plan({"CHK\t0\t60", "LAA\t1" + load_test});
+    EXPECT_EQ(text(24, 60), " all ok - 1 test on 1 host                       12:00:00Z\n"
+                            "web1  1 ok\n"
+                            "    load average 1  0s ago   load1 0.5 load5 0.25 load15 0.\n");
+    add("web1", 2, 2, "high\n"); /* was on its way */
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+    now += 150;
+    add("web1", 1);
+    add("web1", 2, 2, "high\n"); /* is not */
+    EXPECT_EQ(screen()[1], "web1  1 ok, and tests that are not in the plan");
+    now += 150;
+    add("web1", 1);
+    now += 31;
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+}
+
+TEST_F(table_test, hosts_of_several_accounts_are_told_apart) {
+    add("web1", 1);
+    add_bytes("web1", load_record(1, 1, 2, "high\n"), "x@y.z");
+    EXPECT_EQ(screen()[1], "web1 (x@y.z)  1 problem");
+    EXPECT_EQ(screen()[3], "web1 (a@b.c)  1 ok");
+}
+
+TEST_F(table_test, what_does_not_fit_is_counted) {
+    for (int i = 0; i < 30; i++) {
+        add("web", i, i == 25 ? 2 : 0, i == 25 ? "high\n" : "fine\n");
+    }
+    std::vector<std::string> lines = screen(10, 80);
+    ASSERT_EQ(lines.size(), 10u);
+    EXPECT_NE(lines[2].find("! load average 25"), std::string::npos) << lines[2];
+    EXPECT_EQ(lines[9], "... 23 more tests that are ok");
+    lines = screen(3, 80);
+    EXPECT_EQ(lines[1], "web   load average 25: high  load1 0.5 load5 0.25 load15 0.125");
+    EXPECT_EQ(lines[2], "... 29 more tests that are ok");
+    lines = screen(2, 80);
+    EXPECT_EQ(lines[1], "web   load average 25: high  load1 0.5 load5 0.25 load15 0.125");
+    EXPECT_EQ(screen(3, 24)[2], "... more: 29 ok");
+}
+
+TEST_F(table_test, each_host_with_problems_has_a_line_before_any_has_many) {
+    for (int host = 0; host < 10; host++) {
+        for (int i = 0; i < 20; i++) {
+            add("web" + std::to_string(host), i, host < 5 && i < 10 ? 2 : 0, "high\n");
+        }
+    }
+    std::vector<std::string> lines = screen(24, 80);
+    ASSERT_EQ(lines.size(), 24u);
+    EXPECT_NE(lines[0].find(" 50 problems, 150 ok - 200 tests on 10 hosts"), std::string::npos);
+    for (int host = 0; host < 5; host++) {
+        std::string name = "web" + std::to_string(host);
+        size_t own = 0;
+        for (const std::string& line : lines) {
+            own += line.starts_with(name);
+        }
+        EXPECT_EQ(own, 1u) << name;
+    }
+    EXPECT_EQ(lines[1], "web0  10 problems, 10 ok (6 more problems not shown)");
+    EXPECT_EQ(lines[23], "... 33 more problems, 150 more tests that are ok, on 5 more hosts");
+    lines = screen(5, 80);
+    EXPECT_EQ(lines[3].substr(0, 44), "web2  load average: (9 more problems) high  ");
+    EXPECT_EQ(lines[4], "... 47 more problems, 150 more tests that are ok, on 7 more hosts");
+}
+
+TEST_F(table_test, many_silent_hosts_leave_room_for_problems) {
+    plan({"CHK\t0\t60", "LAA\t1" + load_test});
+    for (int i = 0; i < 100; i++) {
+        add("web" + std::to_string(i), 1);
+    }
+    now += 200;
+    for (int i = 0; i < 5; i++) {
+        add("db" + std::to_string(i), 1, 2, "high\n");
+    }
+    now += 100;
+    std::string shown = text(24, 80);
+    for (int i = 0; i < 5; i++) {
+        EXPECT_NE(shown.find("db" + std::to_string(i) + "   "), shown.npos) << shown;
+    }
+    EXPECT_EQ(shown.substr(0, 23), " 5 problems, 100 hosts ");
+    EXPECT_NE(shown.find("... 83 more hosts that are silent"), shown.npos) << shown;
+}
+
+TEST_F(table_test, what_the_collector_says_is_at_the_bottom) {
+    add("web1", 5);
+    table.say("plan line 3: \033[2Jbad\n", now);
+    now += 5;
+    table.say("no TLS", now);
+    table.say("no TLS", now);
+    std::vector<std::string> lines = screen();
+    ASSERT_EQ(lines.size(), 5u) << text();
+    EXPECT_EQ(lines[3], "* 12:00:00 plan line 3: ?[2Jbad");
+    EXPECT_EQ(lines[4], "* 12:00:05 (2 times) no TLS");
+    for (int i = 0; i < 100; i++) {
+        table.say("line " + std::to_string(i), now);
+    }
+    lines = screen(10, 80);
+    EXPECT_EQ(lines.back(), "* 12:00:05 line 99");
+    now += 3601;
+    EXPECT_EQ(text().find("line 99"), std::string::npos);
+}
+
+TEST_F(table_test, fits_any_screen) {
+    plan({"CHK\t0\t30", "POL\t0\t30"});
+    table = live_table(noon);
+    for (int i = 0; i < 100; i++) {
+        add("agent \xe6\xbc\xa2 with a long name " + std::to_string(i), i + 1, i % 7 == 0 ? 2 : 0,
+            std::string(300, 'm'));
+        table.say(std::to_string(i) + std::string(300, 'p'), now);
+    }
+    for (size_t rows : {1, 2, 3, 4, 5, 10, 24, 200}) {
+        for (size_t columns : {1, 2, 5, 20, 40, 80, 1000}) {
+            EXPECT_LE(screen(rows, columns).size(), rows);
+        }
+    }
+    std::string plain = table.draw({24, 80, false}, now);
+    screen_of(plain, {24, 80, false});
+}
+
+TEST_F(table_test, a_narrow_screen_shows_the_id_of_each_test) {
+    add("web1", 101);
+    add("web1", 102, 2, "bad\n");
+    add_bytes("web1",
+              record_builder{.ui32 = {66, 2147483647, 7, 0}, .i64 = {1}, .d64 = {0, 0, 0}}.bytes());
+    EXPECT_EQ(text(24, 40), " 1 problem, 2 ok             12:00:00Z\n"
+                            "web1  1 problem, 2 ok\n"
+                            "  ! load aver 102  for 0s   bad  load1\n"
+                            "    load aver 101  0s ago   load1 0.5 l\n"
+                            "    lo 2147483647  0s ago   load1 0 loa\n");
+}
+
+TEST_F(table_test, text_from_agents_cannot_steer_the_terminal) {
+    add("\x1b[2J\x9b"
+        "evil\n",
+        5, 2, "\x1b]0;owned\x07\r\n\xc2\x9b 5m");
+    add_bytes("\xe2\x80\xaeweb", load_record(1, 1, 2, "high\n"), "\x1b[31m@b.c");
+    table.say("\x1b[1;1Hgotcha", now);
+    screen(); /* checks that there is nothing but what we draw with */
+}
+
+TEST_F(table_test, invented_tests_cost_bounded_memory_and_hide_no_problem) {
+    const size_t bound = 200000;
+    table = live_table(noon, bound);
+    add("honest", 1, 2, "this is wrong\n");
+    add("honest", 2);
+    for (uint32_t i = 0; i < 5000; i++) {
+        add("liar", i);
+        ASSERT_LE(table.bytes(), bound);
+    }
+    EXPECT_EQ(screen()[2].substr(0, 38), "  ! load average 1   for 0s   this is ") << text();
+    EXPECT_NE(screen()[0].find(" 1 problem, 5001 ok - 5002 tests on 2 hosts"), std::string::npos)
+        << screen()[0];
+    EXPECT_EQ(screen()[23], "... 4982 more tests that are ok");
+    for (uint32_t i = 0; i < 5000; i++) { /* not even with problems */
+        add("liar", i, 2, "I am ill\n");
+        ASSERT_LE(table.bytes(), bound);
+    }
+    EXPECT_NE(text(1000).find("this is wrong"), std::string::npos);
+    EXPECT_NE(screen()[0].find(" more than can be held, "), std::string::npos) << screen()[0];
+}
+
+TEST_F(table_test, invented_hosts_cost_bounded_memory_and_drive_out_no_other) {
+    const size_t bound = 200000;
+    table = live_table(noon, bound);
+    table.know("a@b.c", "old", noon - 50000);
+    add("honest", 1, 2, "this is wrong\n");
+    now++;
+    for (uint32_t i = 0; i < 5000; i++) {
+        add("liar" + std::to_string(i), 1);
+        ASSERT_LE(table.bytes(), bound);
+    }
+    EXPECT_NE(text(2000).find("this is wrong"), std::string::npos);
+    EXPECT_NE(text(2000).find("\nold "), std::string::npos);
+    EXPECT_NE(screen(24, 150)[0].find(" hosts more than can be held, "), std::string::npos)
+        << screen()[0];
+}
+
+TEST_F(table_test, what_is_counted_as_not_held_is_forgotten_when_it_stops) {
+    plan({"CHK\t0\t60"});
+    table = live_table(noon, 100000);
+    for (uint32_t i = 0; i < 1000; i++) {
+        add("liar", i);
+    }
+    EXPECT_NE(screen()[0].find("all ok - 1000 tests on 1 host"), std::string::npos) << screen()[0];
+    now += 60;
+    screen();
+    now += 60;
+    EXPECT_EQ(screen()[0].find("1000"), std::string::npos) << screen()[0];
+}
+
+/* A record may be as large as a block. */
+TEST_F(table_test, a_huge_record_costs_a_line) {
+    add("web1", 1, 2, std::string(900000, 'm'));
+    add_bytes(
+        "web1",
+        record_builder{.ui32 = {99}, .strings = std::vector<std::string>(300000, "x")}.bytes());
+    std::string part = record_builder{.ui32 = {9, 2}, .strings = {"25", "too high"}}.bytes();
+    add_bytes("web1", record_builder{.ui32 = {57, 5, 7, 0, 1},
+                                     .i64 = {1},
+                                     .d64 = {1},
+                                     .strings = {"m"},
+                                     .nested = std::vector<std::string>(15000, part)}
+                          .bytes());
+    EXPECT_LT(table.bytes(), 5000u);
+    EXPECT_NE(text(24, 1000).find(" ..."), std::string::npos);
+    EXPECT_NE(text().find("too high (and 14999 more)"), std::string::npos) << text();
+}
+
+TEST(table, ages) {
+    EXPECT_EQ(age_text(-5), "0s");
+    EXPECT_EQ(age_text(99), "99s");
+    EXPECT_EQ(age_text(100), "1m");
+    EXPECT_EQ(age_text(5999), "99m");
+    EXPECT_EQ(age_text(6000), "1h");
+    EXPECT_EQ(age_text(100 * 3600), "4d");
+}

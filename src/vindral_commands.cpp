@@ -20,218 +20,120 @@
 #include "vindral_log.h"
 #include "vindral_text.h"
 
+#include "../protocol/commands.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
+#include <string_view>
 
 time_t last_update_time = 0;
 
 static const time_t UPDATE_PAUSE_S = 600;
 
 /* Low 32 bits of the decimal number; 0 for text that is none. */
-static int number(const char* field) {
+static int number_of(const char* field) {
     return static_cast<int>(strtol(field, nullptr, 10));
 }
 
-/* So, but `standard` for 0. */
-static int number_or(const char* field, int standard) {
-    int n = number(field);
-    return n != 0 ? n : standard;
-}
+namespace {
 
-/* The field at `index`, or null when the command has fewer. */
-static char* optional_field(char** f, size_t count, size_t index) {
-    return index < count ? f[index] : nullptr;
-}
+/* The fields of a command that has as many as its row wants; 0 is the code. */
+struct command_fields {
+    char** text;
+    size_t count;
 
-static void cmd_poll_interval(char** f, size_t) {
-    if (int seconds = number(f[2])) {
-        set_poll_interval(seconds);
-    }
-}
+    char* operator[](size_t i) const { return text[i]; }
+    int number(size_t i) const { return number_of(text[i]); }
+    int number_or(size_t i, int standard) const { return number(i) != 0 ? number(i) : standard; }
+    double real(size_t i) const { return strtod(text[i], nullptr); }
+    char* optional(size_t i) const { return i < count ? text[i] : nullptr; }
+    char* or_none(size_t i) const { return text[i][0] != '\0' ? text[i] : nullptr; }
+};
+using fields = const command_fields&;
 
-static void cmd_check_interval(char** f, size_t) {
-    if (int seconds = number(f[2])) {
-        set_check_intervals(seconds);
-    }
-}
+void nothing(fields) {}
 
-static void cmd_add_proc(char** f, size_t) {
-    add_proc(f[6], number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]));
-}
-
-static void cmd_modify_proc(char** f, size_t) {
-    mod_proc(f[6], number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]));
-}
-
-static void cmd_remove_proc(char** f, size_t) {
-    rem_proc(number(f[1]));
-}
-
-/* The one pair of commands that answers a wrong count or id in the log. */
-static bool is_http_test(char** f, size_t count) {
-    if (count != 16) {
-        leveledadd2log(0, "ERROR: %s argument's count is %d, expected 16", f[0],
-                       static_cast<int>(count));
-        return false;
-    }
-    if (number(f[1]) == 0) {
-        leveledadd2log(0, "ERROR: %s test ID is incorrect: %s, %d", f[0], f[1], 0);
-        return false;
-    }
-    return true;
-}
-
-static void cmd_add_http(char** f, size_t count) {
-    if (is_http_test(f, count)) {
-        add_http(number(f[1]), number(f[2]), f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10],
-                 nullptr, number(f[11]), number(f[12]), number(f[13]), number(f[14]),
-                 number(f[15]));
-    }
-}
-
-static void cmd_modify_http(char** f, size_t count) {
-    if (is_http_test(f, count)) {
-        modify_http(number(f[1]), number(f[2]), f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10],
-                    nullptr, number(f[11]), number(f[12]), number(f[13]), number(f[14]),
-                    number(f[15]));
-    }
-}
-
-static void cmd_remove_http(char** f, size_t) {
-    rem_http(number(f[1]));
-}
-
-/* A ping without a size, a count or a time-out is none. */
-static bool is_ping_test(char** f) {
-    return number(f[4]) != 0 && number(f[5]) != 0 && number(f[6]) != 0;
-}
-
-static void cmd_add_ping(char** f, size_t) {
-    if (is_ping_test(f)) {
-        add_ping(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
-                 number(f[7]));
-    }
-}
-
-static void cmd_modify_ping(char** f, size_t) {
-    if (is_ping_test(f)) {
-        mod_ping(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
-                 number(f[7]));
-    }
-}
-
-static void cmd_remove_ping(char** f, size_t) {
-    rem_ping(number(f[1]));
-}
-
-static void cmd_add_mem(char** f, size_t count) {
-    add_mem(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
-            number(f[7]), optional_field(f, count, 8));
-}
-
-static void cmd_modify_mem(char** f, size_t count) {
-    modify_mem(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
-               number(f[7]), optional_field(f, count, 8));
-}
-
-static void cmd_remove_mem(char** f, size_t) {
-    rem_mem(number(f[1]));
-}
-
-struct disk_limits {
-    double min_free, max_read, max_write;
+struct command_handler {
+    std::string_view code;
+    void (*obey)(fields);
+    void (*wrong_count)(fields) = nothing;
+    void (*zero_id)(fields) = nothing;
 };
 
+} // namespace
+
+/* --- one line or two for each command: fields into arguments ---------------------------------- */
+
+template <auto Set>
+static void interval(fields f) {
+    Set(f.number(2));
+}
+
+template <auto Remove>
+static void remove(fields f) {
+    Remove(f.number(1));
+}
+
+template <auto Operation>
+static void process(fields f) {
+    Operation(f[6], f.number(1), f.number(2), f.number(3), f.number(4), f.number(5));
+}
+
+template <auto Operation>
+static void page(fields f) {
+    Operation(f.number(1), f.number(2), f[3], f[4], f[5], f[6], f[7], f[8], f[9], f[10], nullptr,
+              f.number(11), f.number(12), f.number(13), f.number(14), f.number(15));
+}
+
+template <auto Operation>
+static void ping(fields f) {
+    Operation(f.number(1), f.number(2), f[3], f.number(4), f.number(5), f.number(6), f.number(7));
+}
+
+template <auto Operation>
+static void memory(fields f) {
+    Operation(f.number(1), f.number(2), f.number(3), f.number(4), f.number(5), f.number(6),
+              f.number(7), f.optional(8));
+}
+
 /* What a disk test watches is told by the number of its fields; -1 is not watched. */
-static disk_limits disk_fields(char** f, size_t count) {
-    if (count == 5) {
-        return {strtod(f[4], nullptr), -1.0, -1.0};
-    }
-    return {-1.0, strtod(f[4], nullptr), strtod(f[5], nullptr)};
+template <auto Operation>
+static void disk(fields f) {
+    bool space = f.count == 5;
+    Operation(f.number(1), f.number(2), f[3], space ? f.real(4) : -1.0, space ? -1.0 : f.real(4),
+              space ? -1.0 : f.real(5));
 }
 
-static void cmd_add_disk(char** f, size_t count) {
-    disk_limits limits = disk_fields(f, count);
-    add_diskdesc(number(f[1]), number(f[2]), f[3], limits.min_free, limits.max_read,
-                 limits.max_write);
+template <auto Operation>
+static void cpu(fields f) {
+    Operation(f.number(1), f.number(2), f.number(3), f.number(4), f.number(5), f.number(6),
+              f.number(7), f.optional(8), f.optional(9));
 }
 
-static void cmd_modify_disk(char** f, size_t count) {
-    disk_limits limits = disk_fields(f, count);
-    modify_disk(number(f[1]), number(f[2]), f[3], limits.min_free, limits.max_read,
-                limits.max_write);
+template <auto Operation>
+static void load_average(fields f) {
+    Operation(f.number(1), f.number(2), f.number(3), f.number(4), f.number(5), f.optional(6));
 }
 
-static void cmd_remove_disk(char** f, size_t) {
-    rem_disk(number(f[1]));
+template <auto Operation>
+static void network(fields f) {
+    Operation(f.number(1), f.number(2), f[3], f.number(4), f.number(5), f.number(6), f.number(7),
+              f.number(8), f.number(9));
 }
 
-static void cmd_add_cpu(char** f, size_t count) {
-    add_cpu(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
-            number(f[7]), optional_field(f, count, 8), optional_field(f, count, 9));
+template <auto Operation>
+static void unix_listener(fields f) {
+    Operation(f.number(1), f[2]);
 }
 
-static void cmd_modify_cpu(char** f, size_t count) {
-    modify_cpu(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]), number(f[6]),
-               number(f[7]), optional_field(f, count, 8), optional_field(f, count, 9));
-}
-
-static void cmd_remove_cpu(char** f, size_t) {
-    rem_cpu(number(f[1]));
-}
-
-static void cmd_add_lda(char** f, size_t count) {
-    add_lda(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]),
-            optional_field(f, count, 6));
-}
-
-static void cmd_modify_lda(char** f, size_t count) {
-    modify_lda(number(f[1]), number(f[2]), number(f[3]), number(f[4]), number(f[5]),
-               optional_field(f, count, 6));
-}
-
-static void cmd_remove_lda(char** f, size_t) {
-    rem_lda(number(f[1]));
-}
-
-static void cmd_add_net(char** f, size_t) {
-    add_nettest(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
-                number(f[7]), number(f[8]), number(f[9]));
-}
-
-static void cmd_modify_net(char** f, size_t) {
-    modify_nettest(number(f[1]), number(f[2]), f[3], number(f[4]), number(f[5]), number(f[6]),
-                   number(f[7]), number(f[8]), number(f[9]));
-}
-
-static void cmd_remove_net(char** f, size_t) {
-    rem_nettest(number(f[1]));
-}
-
-static void cmd_add_unix_server(char** f, size_t) {
-    add_unix_server(number(f[1]), f[2]);
-}
-
-static void cmd_modify_unix_server(char** f, size_t) {
-    modify_unix_server(number(f[1]), f[2]);
-}
-
-static void cmd_remove_unix_server(char** f, size_t) {
-    remove_unix_server(number(f[1]));
-}
-
-/* A listener without a port is none. The list of addresses passes to the listener; one that begins
- * with "all" is empty there, which admits everyone. So a list that is empty to begin with is
- * refused, and where there is no memory for the list nothing is done. */
-static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
-    int port = number(f[2]);
-    if (port == 0) {
-        return;
-    }
+/* The list of addresses passes to the listener; one that begins with "all" is empty there, which
+ * admits everyone. So a list that is empty to begin with is refused, and where there is no memory
+ * for the list nothing is done. */
+template <auto Operation>
+static void tcp_listener(fields f) {
     if (f[3][0] == '\0') {
         leveledadd2log(0, "ERROR: %s address list is empty, the command is ignored: %s", f[0],
                        f[1]);
@@ -246,219 +148,161 @@ static void tcp_server(void (*operation)(int, int, char**, int), char** f) {
         free_uparser_array(&addresses, &count);
         addresses = nullptr;
     }
-    operation(number(f[1]), port, addresses, static_cast<int>(count));
+    Operation(f.number(1), f.number(2), addresses, static_cast<int>(count));
 }
 
-static void cmd_add_tcp_server(char** f, size_t) {
-    tcp_server(add_tcp_server, f);
+template <auto Operation>
+static void database(fields f) {
+    Operation(f.number(1), f.number(2), f[3], f.number_or(4, 3306), f[6], f[7], f[5], f[8],
+              static_cast<unsigned>(f.number_or(9, 10)));
 }
-
-static void cmd_modify_tcp_server(char** f, size_t) {
-    tcp_server(modify_tcp_server, f);
-}
-
-static void cmd_remove_tcp_server(char** f, size_t) {
-    remove_tcp_server(number(f[1]));
-}
-
-static void cmd_add_mysql(char** f, size_t) {
-    add_mysqldesc(number(f[1]), number(f[2]), f[3], number_or(f[4], 3306), f[6], f[7], f[5], f[8],
-                  static_cast<unsigned>(number_or(f[9], 10)));
-}
-
-static void cmd_modify_mysql(char** f, size_t) {
-    modify_mysqldesc(number(f[1]), number(f[2]), f[3], number_or(f[4], 3306), f[6], f[7], f[5],
-                     f[8], static_cast<unsigned>(number_or(f[9], 10)));
-}
-
-static void cmd_remove_mysql(char** f, size_t) {
-    rem_mysqldesc(number(f[1]));
-}
-
-static char* text_or_none(char* field) {
-    return field[0] != '\0' ? field : nullptr;
-}
-
-using snmp_operation = decltype(&add_snmp);
 
 /* A walk or a table. Without a port the standard one lands in the location, where servers are used
  * to find it; the test then asks port 0. */
-static void snmp_subtree(snmp_operation operation, int type, char** f) {
-    int port = number(f[4]);
-    operation(number(f[1]), port == 0 ? SNMP_PORT : number(f[2]), type, number(f[5]),
-              text_or_none(f[7]), text_or_none(f[3]), port, number(f[6]), number(f[14]),
-              number(f[15]), text_or_none(f[8]), text_or_none(f[10]), text_or_none(f[11]),
-              text_or_none(f[13]), text_or_none(f[9]), text_or_none(f[12]), nullptr);
-}
-
-static void cmd_add_walk(char** f, size_t) {
-    snmp_subtree(add_snmp, SNMP_WALK_TEST, f);
-}
-
-static void cmd_add_table(char** f, size_t) {
-    snmp_subtree(add_snmp, SNMP_TABLE_TEST, f);
-}
-
-static void cmd_modify_table(char** f, size_t) {
-    snmp_subtree(mod_snmp, SNMP_TABLE_TEST, f);
+template <auto Operation, int Type>
+static void snmp_subtree(fields f) {
+    int port = f.number(4);
+    Operation(f.number(1), port == 0 ? SNMP_PORT : f.number(2), Type, f.number(5), f.or_none(7),
+              f.or_none(3), port, f.number(6), f.number(14), f.number(15), f.or_none(8),
+              f.or_none(10), f.or_none(11), f.or_none(13), f.or_none(9), f.or_none(12), nullptr);
 }
 
 /* Field 12 only tells whether there is a privacy pass phrase; field 11, the protocol, is used as
  * such. */
-static void snmp_get(snmp_operation operation, char** f) {
-    char* privacy_protocol = text_or_none(f[11]);
-    operation(number(f[1]), number(f[2]), SNMP_GET_TEST, 0, text_or_none(f[6]), text_or_none(f[3]),
-              number_or(f[4], SNMP_PORT), number(f[5]), number(f[13]), number(f[14]),
-              text_or_none(f[7]), text_or_none(f[9]), text_or_none(f[10]),
-              f[12][0] != '\0' ? privacy_protocol : nullptr, text_or_none(f[8]), privacy_protocol,
-              text_or_none(f[15]));
-}
-
-static void cmd_add_get(char** f, size_t) {
-    snmp_get(add_snmp, f);
-}
-
-static void cmd_modify_get(char** f, size_t) {
-    snmp_get(mod_snmp, f);
-}
-
-static void cmd_remove_snmp(char** f, size_t) {
-    rem_snmp(number(f[1]));
+template <auto Operation>
+static void snmp_get(fields f) {
+    Operation(f.number(1), f.number(2), SNMP_GET_TEST, 0, f.or_none(6), f.or_none(3),
+              f.number_or(4, SNMP_PORT), f.number(5), f.number(13), f.number(14), f.or_none(7),
+              f.or_none(9), f.or_none(10), f[12][0] != '\0' ? f.or_none(11) : nullptr, f.or_none(8),
+              f.or_none(11), f.or_none(15));
 }
 
 /* The other way round than every other remove command: only the id 0 is heeded. */
-static void cmd_remove_get(char** f, size_t) {
-    if (number(f[1]) == 0) {
+static void remove_snmp_get(fields f) {
+    if (f.number(1) == 0) {
         rem_snmp(0);
     }
 }
 
-static void cmd_ignore(char**, size_t) {}
-
-/* A wrong count is answered in the log, fields behind the last one are absent. */
-static bool is_scan(char** f, size_t count, size_t least) {
-    if (count < least) {
-        leveledadd2log(0, "ERROR: Wrong number of parameters for %s: ", f[0]);
-        return false;
-    }
-    return number(f[1]) != 0;
+static void scan_add(fields f) {
+    add_ndis(f.number(1), f.number(2), f[3], f[4], f.optional(5));
 }
 
-static void cmd_add_ndis(char** f, size_t count) {
-    if (is_scan(f, count, 5)) {
-        add_ndis(number(f[1]), number(f[2]), f[3], f[4], optional_field(f, count, 5));
-    }
+static void scan_modify(fields f) {
+    mod_ndis(f.number(1), f.number(2), f[3], f.optional(4), f.optional(5));
 }
 
-static void cmd_modify_ndis(char** f, size_t count) {
-    if (is_scan(f, count, 4)) {
-        mod_ndis(number(f[1]), number(f[2]), f[3], optional_field(f, count, 4),
-                 optional_field(f, count, 5));
-    }
-}
-
-static void cmd_remove_ndis(char** f, size_t) {
-    rem_ndis(number(f[1]));
-}
-
-static void cmd_update(char** f, size_t) {
+static void update(fields f) {
     start_updater(f[1], f[2], f[3]);
 }
 
-static const size_t FIELDS_USED = 16;       /* at most, by any command; more only count */
-static const size_t MORE_FIELDS = SIZE_MAX; /* those beyond the least are ignored */
+/* --- what is wrong ---------------------------------------------------------------------------- */
 
-enum test_id { NO_ID, NONZERO_ID }; /* NONZERO_ID: field 1 is the test id; 0 drops the command */
+/* Of most commands a wrong count or id goes without a word. */
+static void wrong_page_count(fields f) {
+    leveledadd2log(0, "ERROR: %s argument's count is %d, expected 16", f[0],
+                   static_cast<int>(f.count));
+}
+static void wrong_page_id(fields f) {
+    leveledadd2log(0, "ERROR: %s test ID is incorrect: %s, %d", f[0], f[1], 0);
+}
+static void wrong_scan_count(fields f) {
+    leveledadd2log(0, "ERROR: Wrong number of parameters for %s: ", f[0]);
+}
 
-static constexpr struct {
-    const char* code;
-    size_t least, most; /* fields, the code included */
-    test_id id;
-    void (*execute)(char** fields, size_t count);
-} commands[] = {
-    {"POL", 3, 3, NO_ID, cmd_poll_interval},  /* -, seconds */
-    {"CHK", 3, 3, NO_ID, cmd_check_interval}, /* -, seconds */
-    /* t_id, loc_id, cpu_critical, rss_critical, vsize_critical, pr_name */
-    {"PRA", 7, 7, NONZERO_ID, cmd_add_proc},
-    {"PRM", 7, 7, NONZERO_ID, cmd_modify_proc},
-    {"PRD", 3, 3, NONZERO_ID, cmd_remove_proc}, /* t_id, - */
-    /* _id, _loc_id, _host, _url, _port, _mutch, _post, _user, _pass, _tout, _isSSL, _Redirect,
-     * _loadFullPage, _mustbefound, _method; checked by the handlers, which log what is wrong */
-    {"HPA", 1, MORE_FIELDS, NO_ID, cmd_add_http},
-    {"HPM", 1, MORE_FIELDS, NO_ID, cmd_modify_http},
-    {"HPD", 2, 2, NONZERO_ID, cmd_remove_http}, /* t_id */
-    /* _tid, _loc_id, _ho, p_size, p_cpount, p_timeout, max_lost */
-    {"PGA", 8, 8, NONZERO_ID, cmd_add_ping},
-    {"PGM", 8, 8, NONZERO_ID, cmd_modify_ping},
-    {"PGD", 3, 3, NONZERO_ID, cmd_remove_ping}, /* t_id, - */
-    /* _tid, loc_id, mem_min, swap_min, virt_min, buffered_max, cached_max [, host] */
-    {"MMA", 8, 9, NONZERO_ID, cmd_add_mem},
-    {"MMM", 8, 9, NONZERO_ID, cmd_modify_mem},
-    {"MMD", 3, 3, NONZERO_ID, cmd_remove_mem}, /* t_id, - */
-    /* _tid, _lid, _mp, min_free_space; or _tid, _lid, _mp, max_read, max_write */
-    {"DKA", 5, 6, NONZERO_ID, cmd_add_disk},
-    {"DKM", 5, 6, NONZERO_ID, cmd_modify_disk},
-    {"DKD", 3, 3, NONZERO_ID, cmd_remove_disk}, /* _tid, - */
-    /* tid, loc_id, user_max, system_max, nice_max, idle_min, iowait_max [, host [, system]] */
-    {"CUA", 8, 10, NONZERO_ID, cmd_add_cpu},
-    {"CUM", 8, 10, NONZERO_ID, cmd_modify_cpu},
-    {"CUD", 3, 3, NONZERO_ID, cmd_remove_cpu}, /* t_id, - */
-    /* tid, loc_id, la1, la5, la15 [, host] */
-    {"LAA", 6, 7, NONZERO_ID, cmd_add_lda},
-    {"LAM", 6, 7, NONZERO_ID, cmd_modify_lda},
-    {"LAD", 3, 3, NONZERO_ID, cmd_remove_lda}, /* t_id, - */
-    /* tid, lid, adapter, then the most per second: packets, bytes and errors, sent and received */
-    {"NTA", 10, MORE_FIELDS, NONZERO_ID, cmd_add_net},
-    {"NTM", 10, MORE_FIELDS, NONZERO_ID, cmd_modify_net},
-    {"NTD", 3, MORE_FIELDS, NONZERO_ID, cmd_remove_net}, /* tid, - */
-    {"USA", 3, 3, NONZERO_ID, cmd_add_unix_server},      /* tid, us_path */
-    {"USM", 3, 3, NONZERO_ID, cmd_modify_unix_server},   /* tid, new_upath */
-    {"USD", 2, 2, NO_ID, cmd_remove_unix_server},        /* tid */
-    {"TSA", 4, 4, NONZERO_ID, cmd_add_tcp_server},       /* tid, port, ip_list */
-    {"TSM", 4, 4, NONZERO_ID, cmd_modify_tcp_server},
-    {"TSD", 2, 2, NONZERO_ID, cmd_remove_tcp_server}, /* tid */
-    /* _tid, loc_id, host, port, unixsock, user, pass, param_list, timeout */
-    {"MQA", 10, 10, NONZERO_ID, cmd_add_mysql},
-    {"MQM", 10, 10, NONZERO_ID, cmd_modify_mysql},
-    {"MQD", 3, 3, NONZERO_ID, cmd_remove_mysql}, /* t_id, - */
-    /* v_tid, v_loc_id, v_host, v_port, v_bulk, v_version, v_oid_string, v_community, v_authproto,
-     * v_login, v_passwd, v_privproto, v_privpasswd, v_timeout, v_retries */
-    {"SWA", 16, 16, NONZERO_ID, cmd_add_walk},
-    {"SWM", 1, MORE_FIELDS, NO_ID, cmd_ignore},
-    {"SWD", 2, 2, NONZERO_ID, cmd_remove_snmp}, /* t_id */
-    {"STA", 16, 16, NONZERO_ID, cmd_add_table},
-    {"STM", 16, 16, NONZERO_ID, cmd_modify_table},
-    {"STD", 3, 3, NONZERO_ID, cmd_remove_snmp}, /* t_id, - */
-    /* v_tid, v_loc_id, v_host, v_port, v_version, v_oid_string, v_community, v_authproto, v_login,
-     * v_passwd, v_privproto, whether there is a privacy pass phrase, v_timeout, v_retries,
-     * v_min_max */
-    {"SPA", 16, 16, NONZERO_ID, cmd_add_get},
-    {"SPM", 16, 16, NONZERO_ID, cmd_modify_get},
-    {"SPD", 2, 2, NO_ID, cmd_remove_get}, /* 0 */
-    {"UPD", 4, 4, NO_ID, cmd_update},     /* dname, url, chsum */
-    /* _tid, _lid, ipstart, ipend, oids; counted by the handlers, which log what is wrong */
-    {"DCA", 1, MORE_FIELDS, NO_ID, cmd_add_ndis},
-    {"DCM", 1, MORE_FIELDS, NO_ID, cmd_modify_ndis},
-    {"DCR", 2, MORE_FIELDS, NONZERO_ID, cmd_remove_ndis}, /* _tid */
+/* --- the table -------------------------------------------------------------------------------- */
+
+/* What obeys each command, in the order of the protocol's table. */
+static constexpr command_handler handlers[] = {
+    {"POL", interval<set_poll_interval>},
+    {"CHK", interval<set_check_intervals>},
+    {"UPD", update},
+    {"PRA", process<add_proc>},
+    {"PRM", process<mod_proc>},
+    {"PRD", remove<rem_proc>},
+    {"MMA", memory<add_mem>},
+    {"MMM", memory<modify_mem>},
+    {"MMD", remove<rem_mem>},
+    {"DKA", disk<add_diskdesc>},
+    {"DKM", disk<modify_disk>},
+    {"DKD", remove<rem_disk>},
+    {"CUA", cpu<add_cpu>},
+    {"CUM", cpu<modify_cpu>},
+    {"CUD", remove<rem_cpu>},
+    {"LAA", load_average<add_lda>},
+    {"LAM", load_average<modify_lda>},
+    {"LAD", remove<rem_lda>},
+    {"HPA", page<add_http>, wrong_page_count, wrong_page_id},
+    {"HPM", page<modify_http>, wrong_page_count, wrong_page_id},
+    {"HPD", remove<rem_http>},
+    {"PGA", ping<add_ping>},
+    {"PGM", ping<mod_ping>},
+    {"PGD", remove<rem_ping>},
+    {"USA", unix_listener<add_unix_server>},
+    {"USM", unix_listener<modify_unix_server>},
+    {"USD", remove<remove_unix_server>},
+    {"TSA", tcp_listener<add_tcp_server>},
+    {"TSM", tcp_listener<modify_tcp_server>},
+    {"TSD", remove<remove_tcp_server>},
+    {"MQA", database<add_mysqldesc>},
+    {"MQM", database<modify_mysqldesc>},
+    {"MQD", remove<rem_mysqldesc>},
+    {"SWA", snmp_subtree<add_snmp, SNMP_WALK_TEST>},
+    {"SWM", nothing},
+    {"SWD", remove<rem_snmp>},
+    {"STA", snmp_subtree<add_snmp, SNMP_TABLE_TEST>},
+    {"STM", snmp_subtree<mod_snmp, SNMP_TABLE_TEST>},
+    {"STD", remove<rem_snmp>},
+    {"SPA", snmp_get<add_snmp>},
+    {"SPM", snmp_get<mod_snmp>},
+    {"SPD", remove_snmp_get},
+    {"DCA", scan_add, wrong_scan_count},
+    {"DCM", scan_modify, wrong_scan_count},
+    {"DCR", remove<rem_ndis>},
+    {"NTA", network<add_nettest>},
+    {"NTM", network<modify_nettest>},
+    {"NTD", remove<rem_nettest>},
 };
-static_assert(std::all_of(std::begin(commands), std::end(commands), [](const auto& command) {
+static_assert(std::ranges::equal(handlers, protocol::commands, {}, &command_handler::code,
+                                 &protocol::command_def::code));
+
+static const size_t FIELDS_USED = 16; /* at most, by any command; more only count */
+static_assert(std::ranges::all_of(protocol::commands, [](const auto& command) {
     return command.least <= FIELDS_USED &&
-           (command.most <= FIELDS_USED || command.most == MORE_FIELDS);
+           (command.most <= FIELDS_USED || command.most == protocol::any_more);
 }));
 
+/* The first field that is 0 and must not be; FIELDS_USED for none. */
+static size_t zero_field(const protocol::command_def& command, fields f) {
+    for (size_t i = 0; i < command.fields.size() && i + 1 < f.count; i++) {
+        protocol::field_kind kind = command.fields[i].kind;
+        if ((kind == protocol::field_kind::nonzero || kind == protocol::field_kind::interval) &&
+            f.number(i + 1) == 0) {
+            return i + 1;
+        }
+    }
+    return FIELDS_USED;
+}
+
 /* A command of `count` fields, of which the first FIELDS_USED are there. */
-static void execute(char** fields, size_t count) {
-    for (const auto& command : commands) {
-        if (strcmp(fields[0], command.code) != 0) {
-            continue;
-        }
-        bool counted = count >= command.least && count <= command.most;
-        if (counted && (command.id == NO_ID || number(fields[1]) != 0)) {
-            command.execute(fields, count);
-        }
+static void execute(char** text, size_t count) {
+    const protocol::command_def* command = protocol::find_command(text[0]);
+    if (command == nullptr) {
+        leveledadd2log(0, "ERROR: Invalid test string received: %s", text[0]);
         return;
     }
-    leveledadd2log(0, "ERROR: Invalid test string received: %s", fields[0]);
+    const auto& handler = handlers[command - protocol::commands];
+    const command_fields f = {text, count};
+    if (count < command->heeded || count > command->most) {
+        handler.wrong_count(f);
+        return;
+    }
+    size_t zero = zero_field(*command, f);
+    if (zero == FIELDS_USED) {
+        handler.obey(f);
+    } else if (zero == 1) {
+        handler.zero_id(f);
+    }
 }
 
 void add_from_array(char** ms, size_t msl) {

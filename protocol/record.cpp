@@ -5,10 +5,7 @@
 
 namespace {
 
-struct header {
-    uint32_t size, i32, ui32, i64, ui64, d64, sarr, udca;
-};
-static_assert(sizeof(header) == record_header_size);
+using header = protocol::record_header;
 
 /* Where the parts of a record lie. */
 struct layout {
@@ -123,7 +120,7 @@ bool are_strings(std::string_view bytes, size_t& count) {
 bool find_strings(std::string_view bytes, budget& work, layout& found) {
     std::string_view rest = bytes.substr(found.strings_at);
     if (!work.spend(rest.size()) || !are_strings(rest, found.string_count) ||
-        found.string_count > found.head.sarr) {
+        found.string_count > found.head.strings) {
         return work.fail("bytes behind its values are not the strings it declares");
     }
     found.nested_at = bytes.size();
@@ -133,7 +130,7 @@ bool find_strings(std::string_view bytes, budget& work, layout& found) {
 /* Strings and nested records behind the values. As many strings as declared is what an honest
  * record has, unless one was empty; then exactly one smaller number must make sense. */
 bool find_strings_and_nested(std::string_view bytes, int depth, budget& work, layout& found) {
-    size_t declared = found.head.sarr;
+    size_t declared = found.head.strings;
     size_t readings = 0;
     size_t at = found.strings_at;
     size_t held = 0;
@@ -144,7 +141,7 @@ bool find_strings_and_nested(std::string_view bytes, int depth, budget& work, la
         }
         at = next;
     }
-    if (held == declared && is_run(bytes.substr(at), found.head.udca, depth + 1, work)) {
+    if (held == declared && is_run(bytes.substr(at), found.head.nested, depth + 1, work)) {
         found.string_count = held;
         found.nested_at = at;
         return true;
@@ -152,7 +149,7 @@ bool find_strings_and_nested(std::string_view bytes, int depth, budget& work, la
     size_t most = held == declared ? declared : held + 1;
     at = found.strings_at;
     for (size_t count = 0; count < most && !work.exhausted; count++) {
-        if (is_run(bytes.substr(at), found.head.udca, depth + 1, work)) {
+        if (is_run(bytes.substr(at), found.head.nested, depth + 1, work)) {
             found.string_count = count;
             found.nested_at = at;
             readings++;
@@ -185,7 +182,7 @@ bool find_layout(std::string_view bytes, int depth, budget& work, layout& found)
         return work.fail("it is too small for the values it declares");
     }
     found.strings_at = values_end;
-    if (found.head.udca == 0) {
+    if (found.head.nested == 0) {
         return find_strings(bytes, work, found);
     }
     return find_strings_and_nested(bytes, depth, work, found);
@@ -221,10 +218,10 @@ bool decode_record(std::string_view bytes, record& r, std::string& reason) {
     at = take_values(r.ui64, at, found.head.ui64);
     take_values(r.d64, at, found.head.d64);
 
-    r.declared_strings = found.head.sarr;
+    r.declared_strings = found.head.strings;
     r.strings = {bytes.substr(found.strings_at, found.nested_at - found.strings_at),
                  found.string_count};
-    r.nested = {bytes.substr(found.nested_at), found.head.udca};
+    r.nested = {bytes.substr(found.nested_at), found.head.nested};
     return true;
 }
 

@@ -1,20 +1,12 @@
-/* Reading the typed result records of which a block is made. Little-endian, nothing padded:
- *
- *   offset  0  uint32  size of the whole record, nested records included
- *           4  uint32  number of I32 values, then of UI32, I64, UI64, D64 values (8, 12, 16, 20)
- *          24  uint32  number of strings declared when the record was begun
- *          28  uint32  number of nested records
- *          32  the I32, UI32, I64, UI64 and D64 values, then the strings (each ends in a NUL),
- *              then the nested records
- *
- * The first UI32 is the type of the record. 64-bit values lie at any address. A record may hold
- * fewer strings than it declares: the agent's writer refuses an empty string and leaves the count
- * as it is.
+/* Reading the typed result records of which a block is made; record_layout.h tells how they lie,
+ * and record_types.h what is in them. 64-bit values lie at any address.
  *
  * Everything here is a view into the caller's bytes; nothing is copied. Work and memory are bounded
  * by the number of bytes given, whatever the counts in them claim. */
 #ifndef VINDRAL_PROTOCOL_RECORD_H
 #define VINDRAL_PROTOCOL_RECORD_H
+
+#include "protocol/record_layout.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -125,7 +117,7 @@ struct record {
 };
 
 enum {
-    record_header_size = 32,
+    record_header_size = sizeof(protocol::record_header),
     record_max_depth = 16, /* levels of records in records */
     /* The largest that agents make is a table of SNMP: 16 MB of text in 262,144 cells, which have
      * eight bytes besides. */

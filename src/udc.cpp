@@ -1,10 +1,21 @@
 #include "udc.h"
 
+#include "../protocol/record_layout.h"
 #include "guards.h"
 #include "vindral_log.h"
 
 #include <cstdlib>
 #include <cstring>
+
+static_assert(sizeof(UDC) == sizeof(protocol::record_header) &&
+              offsetof(UDC, size) == offsetof(protocol::record_header, size) &&
+              offsetof(UDC, i32) == offsetof(protocol::record_header, i32) &&
+              offsetof(UDC, ui32) == offsetof(protocol::record_header, ui32) &&
+              offsetof(UDC, i64) == offsetof(protocol::record_header, i64) &&
+              offsetof(UDC, ui64) == offsetof(protocol::record_header, ui64) &&
+              offsetof(UDC, d64) == offsetof(protocol::record_header, d64) &&
+              offsetof(UDC, sarr) == offsetof(protocol::record_header, strings) &&
+              offsetof(UDC, udca) == offsetof(protocol::record_header, nested));
 
 /* Dumping a nested record takes stack, and a hostile record nests as deep as it is long. Real ones
  * have two or three levels. */

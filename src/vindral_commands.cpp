@@ -1,5 +1,6 @@
 #include "vindral_commands.h"
 
+#include "../protocol/commands.h"
 #include "cpumon.h"
 #include "diskmon.h"
 #include "feedlistener.h"
@@ -19,8 +20,6 @@
 #include "vindral_interval.h"
 #include "vindral_log.h"
 #include "vindral_text.h"
-
-#include "../protocol/commands.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,0 +1,69 @@
+#include "base/files.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+unique_fd::~unique_fd() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+}
+
+std::string system_error(const std::string& what) {
+    int error = errno;
+    return what + ": " + std::generic_category().message(error);
+}
+
+bool write_all(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t written = write(fd, data.data(), data.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        data.remove_prefix(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
+    const std::string fresh = path + ".new";
+    unlink(fresh.c_str()); /* left over from a start that was cut short */
+    unique_fd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    return file && write_all(file.get(), text) && fsync(file.get()) == 0 &&
+           rename(fresh.c_str(), path.c_str()) == 0;
+}
+
+bool make_private_directory(const std::string& path) {
+    if (mkdir(path.c_str(), 0700) == 0) {
+        return true;
+    }
+    struct stat status;
+    if (errno != EEXIST || stat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    errno = ENOTDIR;
+    return S_ISDIR(status.st_mode);
+}
+
+bool sync_directory(const std::string& path) {
+    unique_fd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory && fsync(directory.get()) == 0;
+}
+
+std::string hex(std::string_view bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * bytes.size());
+    for (unsigned char byte : bytes) {
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
+    }
+    return text;
+}

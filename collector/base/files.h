@@ -1,0 +1,45 @@
+/* Descriptors and whole files. What returns false leaves its reason in errno. */
+#ifndef VINDRAL_COLLECTOR_FILES_H
+#define VINDRAL_COLLECTOR_FILES_H
+
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <utility>
+
+/* An open descriptor, or none; closed with it. */
+class unique_fd {
+public:
+    explicit unique_fd(int fd = -1) : fd_(fd) {}
+    unique_fd(unique_fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    unique_fd& operator=(unique_fd&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~unique_fd();
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+/* `what`, a colon, and the reason in errno. */
+std::string system_error(const std::string& what);
+
+bool write_all(int fd, std::string_view data);
+
+/* Puts a new file of `mode` in the place of whatever is there, whole and on disk: it is written as
+ * `path`.new first, and nobody ever sees half of it. */
+bool replace_file(const std::string& path, std::string_view text, mode_t mode);
+
+/* Its owner's alone when it is made here; one that exists keeps its mode. */
+bool make_private_directory(const std::string& path);
+
+/* What was made, renamed and removed in it survives a power cut. */
+bool sync_directory(const std::string& path);
+
+/* Two lower-case digits a byte. */
+std::string hex(std::string_view bytes);
+
+#endif

@@ -1,0 +1,81 @@
+#include "base/files.h"
+
+#include "collector_test_support.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+static mode_t mode_of(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+static bool is_open(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+TEST(files, a_descriptor_is_closed_once_by_whoever_has_it_last) {
+    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    {
+        unique_fd first(fd), second;
+        EXPECT_FALSE(second);
+        second = std::move(first);
+        unique_fd third(std::move(second));
+        EXPECT_EQ(third.get(), fd);
+        EXPECT_TRUE(is_open(fd));
+    }
+    EXPECT_FALSE(is_open(fd));
+}
+
+TEST(files, a_file_is_replaced_whole) {
+    scratch_directory home;
+    std::string path = home / "key";
+    write_text(path + ".new", "left over");
+    ASSERT_TRUE(replace_file(path, "one", 0600));
+    EXPECT_EQ(read_text(path), "one");
+    EXPECT_EQ(mode_of(path), 0600u);
+    ASSERT_TRUE(replace_file(path, "two", 0400));
+    EXPECT_EQ(read_text(path), "two");
+    EXPECT_EQ(mode_of(path), 0400u);
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+TEST(files, what_cannot_be_replaced_says_why) {
+    scratch_directory home;
+    EXPECT_FALSE(replace_file(home / "nowhere/key", "text", 0600));
+    EXPECT_EQ(system_error("key"), "key: No such file or directory");
+    std::filesystem::create_directory(home / "directory");
+    EXPECT_FALSE(replace_file(home / "directory", "text", 0600));
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST(files, writing_fails_where_there_is_no_room) {
+    unique_fd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+    ASSERT_TRUE(full);
+    EXPECT_FALSE(write_all(full.get(), "text"));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_TRUE(write_all(full.get(), ""));
+}
+
+TEST(files, a_directory_that_is_made_is_its_owner_s_alone) {
+    scratch_directory home;
+    ASSERT_TRUE(make_private_directory(home / "state"));
+    EXPECT_EQ(mode_of(home / "state"), 0700u);
+    ASSERT_EQ(chmod((home / "state").c_str(), 0755), 0);
+    EXPECT_TRUE(make_private_directory(home / "state"));
+    EXPECT_EQ(mode_of(home / "state"), 0755u);
+    EXPECT_TRUE(sync_directory(home / "state"));
+    write_text(home / "file", "");
+    EXPECT_FALSE(make_private_directory(home / "file"));
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_FALSE(make_private_directory(home / "nowhere/state"));
+    EXPECT_FALSE(sync_directory(home / "nowhere"));
+}
+
+TEST(files, bytes_as_digits) {
+    EXPECT_EQ(hex(std::string_view("\x00\x7f\xab\xff", 4)), "007fabff");
+    EXPECT_EQ(hex(""), "");
+}

@@ -1,7 +1,7 @@
 #include "plan/known.h"
 
+#include "base/record_summary.h"
 #include "protocol/record.h"
-#include "show/schema.h"
 
 #include <algorithm>
 

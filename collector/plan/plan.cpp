@@ -1,7 +1,7 @@
 #include "plan/plan.h"
 
+#include "base/record_summary.h"
 #include "base/text.h"
-#include "show/schema.h"
 
 #include <algorithm>
 #include <cerrno>

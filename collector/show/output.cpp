@@ -7,9 +7,11 @@
  * them. */
 #include "show/output.h"
 
+#include "base/record_summary.h"
 #include "base/text.h"
 #include "protocol/record.h"
-#include "show/schema.h"
+#include "show/json.h"
+#include "show/record_text.h"
 #include "show/table.h"
 
 #include <algorithm>

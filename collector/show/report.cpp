@@ -1,8 +1,8 @@
 #include "show/report.h"
 
+#include "base/record_summary.h"
 #include "base/text.h"
 #include "plan/plan.h"
-#include "show/schema.h"
 #include "store/database.h"
 #include "store/latest.h"
 

@@ -5,8 +5,9 @@
  * everything; then the lines of the screen are given out in rounds, what matters most first. */
 #include "show/table.h"
 
+#include "base/record_summary.h"
 #include "base/text.h"
-#include "show/schema.h"
+#include "show/record_text.h"
 
 #include <algorithm>
 #include <deque>

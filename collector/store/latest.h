@@ -7,7 +7,7 @@
 #ifndef VINDRAL_COLLECTOR_LATEST_H
 #define VINDRAL_COLLECTOR_LATEST_H
 
-#include "show/schema.h"
+#include "base/record_summary.h"
 
 #include <cstdint>
 #include <functional>

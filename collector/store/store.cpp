@@ -28,10 +28,10 @@
  */
 #include "store/store.h"
 
+#include "base/record_summary.h"
 #include "base/text.h"
 #include "ingest/undecodable.h"
 #include "protocol/record.h"
-#include "show/schema.h"
 #include "store/database.h"
 #include "store/latest.h"
 

@@ -1,4 +1,5 @@
-#include "show/schema.h"
+#include "show/json.h"
+#include "show/record_text.h"
 
 #include "base/text.h"
 #include "collector_test_support.h"

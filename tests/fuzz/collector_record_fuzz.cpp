@@ -3,7 +3,8 @@
 #include "base/text.h"
 #include "fuzz.h"
 #include "protocol/record.h"
-#include "show/schema.h"
+#include "show/json.h"
+#include "show/record_text.h"
 
 #include <boost/json.hpp>
 

@@ -1,7 +1,7 @@
 /* What the values of each record type mean: one row of a table per type. A type without a row, or a
  * record that lacks what its row names, is shown generically. */
-#ifndef VINDRAL_COLLECTOR_SCHEMA_H
-#define VINDRAL_COLLECTOR_SCHEMA_H
+#ifndef VINDRAL_COLLECTOR_RECORD_SUMMARY_H
+#define VINDRAL_COLLECTOR_RECORD_SUMMARY_H
 
 #include "protocol/record.h"
 
@@ -100,19 +100,57 @@ struct verdict {
 };
 verdict judge(const record& r, const record_summary& summary);
 
-/* The value as text, without unit. `r` must have it: summarize() found a schema. */
-std::string value_text(const record& r, const schema_value& value);
+/* ---- for showing every value of a record ---- */
 
-/* All values in one line: "load1 0.5 load5 0.25 ...". Generic for a record without a schema. Once
- * `most` bytes are reached " ..." ends it. */
-std::string values_text(const record& r, const record_summary& summary, size_t most = SIZE_MAX);
+/* Calls `use` with the record's values of that type. */
+template <typename Do>
+auto with_values(const record& r, value_type type, Do use) {
+    switch (type) {
+    case value_type::i32:
+        return use(r.i32);
+    case value_type::ui32:
+        return use(r.ui32);
+    case value_type::i64:
+        return use(r.i64);
+    case value_type::ui64:
+        return use(r.ui64);
+    case value_type::d64:
+        return use(r.d64);
+    case value_type::string:
+        break;
+    }
+    return use(r.strings);
+}
 
-/* One JSON object (no line end) with agent, account, received, type, name, test, location, time,
- * status, status_text, values, message and, where there are any, nested records under their name.
- * An inventory has no status and its items as an array in values. Without a schema
- * the members that a test result would have are null, and "values" holds an array per value type.
- * Bytes that are no UTF-8 become U+FFFD; a number that JSON cannot express becomes null. */
-std::string record_json(std::string_view account, std::string_view agent, int64_t received,
-                        const record& r);
+/* Whether the record has it. */
+bool has_value(const record& r, const schema_value& value);
+
+/* Whether it stands for a quantity that is not available. The record must have it. */
+bool is_none(const record& r, const schema_value& value);
+
+/* Whether a nested record has all that the schema names: an empty string is not in a record, and
+ * those behind it move up. */
+bool is_as_described(const record& part, const part_schema& schema);
+
+/* Calls `each` with every nested record until it returns false. Those that cannot be read are
+ * passed over. */
+template <typename Do>
+void for_each_nested_while(const record& r, Do each) {
+    std::string reason;
+    record inner;
+    for (std::string_view bytes : r.nested) {
+        if (decode_record(bytes, inner, reason) && !each(inner)) {
+            return;
+        }
+    }
+}
+
+template <typename Do>
+void for_each_nested(const record& r, Do each) {
+    for_each_nested_while(r, [&](const record& inner) {
+        each(inner);
+        return true;
+    });
+}
 
 #endif

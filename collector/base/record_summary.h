@@ -1,86 +1,26 @@
-/* What the values of each record type mean: one row of a table per type. A type without a row, or a
- * record that lacks what its row names, is shown generically. */
+/* Reading a record by the protocol's table of its type (protocol/record_types.h). A record of a
+ * type that the table does not have, or that lacks what its row names, has no schema: it is kept
+ * and shown as it is. */
 #ifndef VINDRAL_COLLECTOR_RECORD_SUMMARY_H
 #define VINDRAL_COLLECTOR_RECORD_SUMMARY_H
 
 #include "protocol/record.h"
+#include "protocol/record_types.h"
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
-
-enum {
-    type_network = 38,
-    type_network_interfaces = 39,
-    type_discovery = 40,
-    type_process_names = 42,
-    type_process = 43,
-    type_cpu = 44,
-    type_file_systems = 45,
-    type_disk = 46,
-    type_memory = 47,
-    type_ping = 48,
-    type_http = 49,
-    type_snmp = 57,
-    type_load_average = 66,
-    type_snmp_table = 67,
-    type_mysql = 74
-};
-
-enum class value_type { i32, ui32, i64, ui64, d64, string };
-
-struct schema_value {
-    value_type type;
-    size_t index; /* among the record's values of this type */
-    const char* name;
-    const char* unit;            /* "" for a plain number */
-    bool may_be_none = false;    /* D64 2^64 stands for a quantity that is not available */
-    bool may_be_missing = false; /* the record may end before it */
-};
-
-/* What nested records are. One that is not as described is shown generically. */
-struct part_schema {
-    const char* name; /* of all of them */
-    std::optional<size_t> status = {};
-    std::vector<schema_value> values = {};
-    std::optional<size_t> message = {};
-    bool shown_in_line = false; /* few enough for one line */
-    bool judged_alone =
-        false; /* a part may be a problem of which the record's status says nothing */
-};
-
-/* A test's result, or an inventory: what there is on the agent's machine that can be tested. */
-struct record_schema {
-    uint32_t type; /* UI32 0 */
-    const char* name;
-    std::optional<size_t> test = {}, location = {},
-                          status = {}; /* UI32 indices; none: an inventory */
-    size_t time;                       /* I64 index: seconds since the epoch */
-    std::vector<schema_value> values = {};
-    size_t message = 0; /* string index; the string may be missing */
-    const char* list =
-        nullptr; /* an inventory: string 0 holds items of this name, a tab behind each */
-    const char* failed = "limit reached"; /* what status 2 means */
-    const char* not_found = "not found";  /* what status 3 means */
-    std::optional<part_schema> parts = {};
-    /* The nested records are a list of columns (types and labels) and one of cells (row, column and
-     * text). */
-    bool is_table = false;
-};
-
-/* Null for a type that has no row. */
-const record_schema* find_schema(uint32_t type);
 
 /* What every test result has. Without a schema only `type` is set, and everything is in the record.
  */
 struct record_summary {
     uint32_t type = 0;
-    const record_schema* schema = nullptr;
-    std::optional<int32_t> test, location, status;
-    std::optional<int64_t> time;
-    std::string_view message;
+    const protocol::record_def* schema = nullptr;
+    std::optional<int32_t> test = {}, location = {}, status = {};
+    std::optional<int64_t> time = {};
+    std::string_view message = {};
 };
 record_summary summarize(const record& r);
 
@@ -100,37 +40,66 @@ struct verdict {
 };
 verdict judge(const record& r, const record_summary& summary);
 
-/* ---- for showing every value of a record ---- */
+/* ---- for whoever shows every value ---- */
 
-/* Calls `use` with the record's values of that type. */
+/* Calls use(values) with the record's values of that type. */
 template <typename Do>
-auto with_values(const record& r, value_type type, Do use) {
+auto with_values(const record& r, protocol::value_type type, Do use) {
     switch (type) {
-    case value_type::i32:
+    case protocol::value_type::i32:
         return use(r.i32);
-    case value_type::ui32:
+    case protocol::value_type::ui32:
         return use(r.ui32);
-    case value_type::i64:
+    case protocol::value_type::i64:
         return use(r.i64);
-    case value_type::ui64:
+    case protocol::value_type::ui64:
         return use(r.ui64);
-    case value_type::d64:
+    case protocol::value_type::d64:
         return use(r.d64);
-    case value_type::string:
+    case protocol::value_type::string:
         break;
     }
     return use(r.strings);
 }
 
-/* Whether the record has it. */
-bool has_value(const record& r, const schema_value& value);
+/* Whether the record has a value of that type at `index`. */
+inline bool has_value(const record& r, protocol::value_type type, size_t index) {
+    return index < with_values(
+                       r, type, [](const auto& values) { return values.size(); });
+}
 
-/* Whether it stands for a quantity that is not available. The record must have it. */
-bool is_none(const record& r, const schema_value& value);
+/* Calls use(definition, index among the values of its type) for each row of a table. */
+template <typename Do>
+void for_each_row(std::span<const protocol::value_def> table, Do use) {
+    size_t next[6] = {}; /* one for each protocol::value_type */
+    for (const protocol::value_def& row : table) {
+        use(row, next[static_cast<size_t>(row.type)]++);
+    }
+}
 
-/* Whether a nested record has all that the schema names: an empty string is not in a record, and
+/* The same for the rows of role `value` that the record has. */
+template <typename Do>
+void for_each_value(const record& r, std::span<const protocol::value_def> table, Do use) {
+    for_each_row(table, [&](const protocol::value_def& row, size_t index) {
+        if (row.role == protocol::value_role::value && has_value(r, row.type, index)) {
+            use(row, index);
+        }
+    });
+}
+
+/* The index, among the values of its type, of the row that has the role. */
+std::optional<size_t> index_of(std::span<const protocol::value_def> table,
+                               protocol::value_role role);
+
+/* The status of a nested record, if there is one. */
+std::optional<int32_t> status_of(const record& part, const protocol::part_def& schema);
+
+/* Whether a value that the record has stands for a quantity that is not available. */
+bool is_none(const record& r, const protocol::value_def& row, size_t index);
+
+/* Whether a nested record has all that its table names: an empty string is not in a record, and
  * those behind it move up. */
-bool is_as_described(const record& part, const part_schema& schema);
+bool is_as_described(const record& part, const protocol::part_def& schema);
 
 /* Calls `each` with every nested record until it returns false. Those that cannot be read are
  * passed over. */

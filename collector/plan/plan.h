@@ -26,18 +26,17 @@
 #ifndef VINDRAL_COLLECTOR_PLAN_H
 #define VINDRAL_COLLECTOR_PLAN_H
 
+#include "plan/check.h"
+#include "plan/file.h"
+#include "plan/logins.h"
+#include "plan/planned.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <memory>
+#include <map>
 #include <string>
 #include <vector>
-
-struct plan_line {
-    uint64_t serial; /* grows with each line first seen, across re-readings; never reused */
-    int number;      /* line number in the file */
-    std::string text;
-};
 
 /* A line that is not sent. One that is sent all the same says so in its reason: a changed add
  * command reaches agents that log in, but those that run have the test already and keep it as it
@@ -45,13 +44,6 @@ struct plan_line {
 struct plan_problem {
     int number; /* 0: the whole file */
     std::string reason;
-};
-
-/* A test that an agent has reported. */
-struct known_test {
-    uint32_t type; /* of the record */
-    int32_t id;
-    bool recent = true; /* within a day of the last result that the agent has sent of any test */
 };
 
 class plan {
@@ -69,7 +61,7 @@ public:
     bool refresh();
 
     /* The lines in force, in file order. */
-    const std::vector<plan_line>& lines() const { return lines_; }
+    const line_list& lines() const { return lines_; }
 
     /* Highest serial given out so far: a session that has everything remembers this. */
     uint64_t newest() const { return newest_; }
@@ -81,35 +73,31 @@ public:
      * already. The latter takes every test that was in the plan since the start for one that the
      * agent may have, and those in `known`. Of kinds for which an agent complains when it is to
      * remove what it does not have, only the recent ones. */
-    std::string text_for_new() const;
-    std::string text_for_running(const std::vector<known_test>& known) const;
+    std::string text_for_new() const { return logins_.text_for_new(lines_); }
+    std::string text_for_running(const std::vector<known_test>& known) const {
+        return logins_.text_for_running(lines_, known);
+    }
 
     /* How long an agent with this plan waits between two polls. */
-    std::chrono::seconds poll_interval() const;
+    std::chrono::seconds poll_interval() const { return std::chrono::seconds(intervals_.poll); }
 
 private:
-    std::string path_;
+    bool fail(const std::string& why);
+    void take(std::string_view text);
+
     std::function<void(const plan_problem&)> report_;
     std::function<void(const line_list&)> taken_;
-    std::vector<plan_line> lines_;
+    plan_file file_;
+    bool result_ = true;  /* what refresh() returned last */
+    std::string trouble_; /* with the whole file, as last reported */
+    std::map<std::string, int>
+        problems_; /* of the last reading, by line and reason, and how often */
+    std::map<test_place, bool>
+        at_agents_; /* tests that were ever added; whether running agents have them */
+    line_list lines_;
     uint64_t newest_ = 0;
-    struct state;
-    std::shared_ptr<state> state_;
+    planned_intervals intervals_;
+    login_plan logins_;
 };
-
-/* A test that the lines add and do not remove, in the order of the adding lines. Tests whose
- * results do not come as records (walks, limits of a disk's traffic) are not among them. */
-struct planned_test {
-    uint32_t type; /* of the records that its results are */
-    int32_t id;
-};
-std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines);
-
-/* The intervals that an agent has when it has heeded all lines, in seconds. */
-struct planned_intervals {
-    int32_t poll = 60;
-    int32_t check = 0; /* none: a test runs once */
-};
-planned_intervals intervals_of(const std::vector<plan_line>& lines);
 
 #endif

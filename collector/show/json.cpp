@@ -38,13 +38,6 @@ static json::array json_array(const List& list) {
     return array;
 }
 
-static json::value json_value(const record& r, const schema_value& value) {
-    return is_none(r, value) ? json::value(nullptr)
-                             : with_values(r, value.type, [&](const auto& values) {
-                                   return json_of(values[value.index]);
-                               });
-}
-
 static json::object generic_values(const record& r) {
     json::object values;
     for_each_array(
@@ -69,27 +62,24 @@ static void add_nested(json::object& object, const record& r) {
     object.emplace("nested", std::move(nested));
 }
 
-static json::object named_values(const record& r, const std::vector<schema_value>& named) {
+static json::object named_values(const record& r, std::span<const protocol::value_def> table) {
     json::object values;
-    for (const schema_value& value : named) {
-        if (has_value(r, value)) {
-            values.emplace(value.name, json_value(r, value));
+    for_each_value(r, table, [&](const protocol::value_def& row, size_t index) {
+        json::value& value = values[row.name];
+        if (!is_none(r, row, index)) {
+            with_values(r, row.type, [&](const auto& all) { value = json_of(all[index]); });
         }
-    }
-    return values;
-}
-
-static json::object values_of(const record& r, const record_schema& schema) {
-    json::object values = named_values(r, schema.values);
-    if (schema.list != nullptr) {
-        values.emplace(schema.list, json_array(items_of(r)));
+    });
+    if (const protocol::value_def* list = find_role(table, protocol::value_role::list)) {
+        values.emplace(list->name, json_array(items_of(r)));
     }
     return values;
 }
 
 /* Nested records that the type knows, each with its status, values and message. */
-static void add_parts(json::object& object, const record& r, const record_schema& schema,
-                      const part_schema& known) {
+static void add_parts(json::object& object, const record& r, const protocol::record_def& schema) {
+    const protocol::part_def& known = *schema.parts;
+    std::optional<size_t> message = index_of(known.values, protocol::value_role::message);
     json::array parts;
     for_each_nested(r, [&](const record& part) {
         if (!is_as_described(part, known)) {
@@ -97,15 +87,14 @@ static void add_parts(json::object& object, const record& r, const record_schema
             return;
         }
         json::object shown;
-        if (known.status) {
-            auto status = static_cast<int32_t>(part.ui32[*known.status]);
-            shown.emplace("status", status);
-            shown.emplace("status_text", status_word(schema.type, status));
+        if (std::optional<int32_t> status = status_of(part, known)) {
+            shown.emplace("status", *status);
+            shown.emplace("status_text", status_word(schema.code, *status));
         }
         shown.emplace("values", named_values(part, known.values));
-        if (known.message) {
-            bool there = *known.message < part.strings.size();
-            shown.emplace("message", json_of(there ? part.strings[*known.message] : ""));
+        if (message) {
+            bool there = *message < part.strings.size();
+            shown.emplace("message", json_of(there ? part.strings[*message] : ""));
         }
         parts.push_back(std::move(shown));
     });
@@ -176,13 +165,13 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
         object.emplace("status_text", summary.status
                                           ? json::value(status_word(summary.type, *summary.status))
                                           : nullptr);
-        object.emplace("values", values_of(r, *summary.schema));
+        object.emplace("values", named_values(r, summary.schema->values));
         object.emplace("message", valid_utf8(summary.message));
     }
     if (summary.schema != nullptr && summary.schema->is_table) {
         add_table(object, r);
-    } else if (summary.schema != nullptr && summary.schema->parts) {
-        add_parts(object, r, *summary.schema, *summary.schema->parts);
+    } else if (summary.schema != nullptr && summary.schema->parts != nullptr) {
+        add_parts(object, r, *summary.schema);
     } else {
         add_nested(object, r);
     }

@@ -147,10 +147,10 @@ private:
     enum { max_known_bytes = 16 << 20 };
 
     bool is_news(const event& e, const record& r, uint32_t type, int32_t id, int32_t status) {
-        uint32_t process = type == type_process ? r.ui32[3] : 0;
+        uint32_t process = type == protocol::process.code ? r.ui32[3] : 0;
         key test = {e.account, e.agent, type, id, process};
         bool was_bad = false;
-        if (type == type_process) {
+        if (type == protocol::process.code) {
             was_bad = forget_other_processes(test);
         }
         auto known = bad_.find(test);

@@ -25,13 +25,6 @@ static std::string text_of(std::string_view text) {
     return std::string(text);
 }
 
-/* Without its unit. The record must have it. */
-static std::string value_text(const record& r, const schema_value& value) {
-    return is_none(r, value) ? "n/a" : with_values(r, value.type, [&](const auto& values) {
-        return text_of(values[value.index]);
-    });
-}
-
 /* Enough to recognise a record by; the whole is in the database and in the JSON. */
 static const size_t generic_values_shown = 16;
 
@@ -54,16 +47,19 @@ static std::string generic_text(const record& r) {
 }
 
 static void append_values(std::string& text, const record& r,
-                          const std::vector<schema_value>& values) {
-    for (const schema_value& value : values) {
-        if (has_value(r, value)) {
-            text.append(text.empty() ? "" : " ").append(value.name).append(" ");
-            text.append(value_text(r, value)).append(is_none(r, value) ? "" : value.unit);
+                          std::span<const protocol::value_def> table) {
+    for_each_value(r, table, [&](const protocol::value_def& row, size_t index) {
+        text.append(text.empty() ? "" : " ").append(row.name).append(" ");
+        if (is_none(r, row, index)) {
+            text += "n/a";
+            return;
         }
-    }
+        with_values(r, row.type, [&](const auto& values) { text += text_of(values[index]); });
+        text += row.unit;
+    });
 }
 
-static void append_parts(std::string& text, const record& r, const record_schema& schema,
+static void append_parts(std::string& text, const record& r, const protocol::record_def& schema,
                          size_t most) {
     for_each_nested_while(r, [&](const record& part) {
         if (!is_as_described(part, *schema.parts)) {
@@ -72,9 +68,8 @@ static void append_parts(std::string& text, const record& r, const record_schema
         std::string values;
         append_values(values, part, schema.parts->values);
         text.append(", ").append(values);
-        auto status =
-            schema.parts->status ? static_cast<int32_t>(part.ui32[*schema.parts->status]) : 0;
-        text += status != 0 ? " (" + status_word(schema.type, status) + ")" : "";
+        int32_t status = status_of(part, *schema.parts).value_or(protocol::status_ok);
+        text += status != protocol::status_ok ? " (" + status_word(schema.code, status) + ")" : "";
         return text.size() <= most;
     });
 }
@@ -116,7 +111,7 @@ std::string values_text(const record& r, const record_summary& summary, size_t m
     if (summary.schema == nullptr) {
         return cut(generic_text(r), most);
     }
-    if (summary.schema->list != nullptr) {
+    if (find_role(summary.schema->values, protocol::value_role::list) != nullptr) {
         return cut(items_text(r, most), most);
     }
     if (summary.schema->is_table) {
@@ -124,7 +119,7 @@ std::string values_text(const record& r, const record_summary& summary, size_t m
     }
     std::string text;
     append_values(text, r, summary.schema->values);
-    if (summary.schema->parts && summary.schema->parts->shown_in_line) {
+    if (summary.schema->parts != nullptr && summary.schema->parts->shown_in_line) {
         append_parts(text, r, *summary.schema, most);
     }
     return cut(std::move(text), most);

@@ -384,7 +384,7 @@ void live_table::state::apply(host& h, int64_t now, const record& r) {
     pass.judged = found.status.has_value();
     pass.received = pass.since = now;
     pass.checked = summary.time.value_or(0);
-    pass.parts = summary.type == type_process && summary.schema != nullptr;
+    pass.parts = summary.type == protocol::process.code && summary.schema != nullptr;
     pass.bad_parts = pass.parts && pass.state == result_state::problem;
     pass.last_pid = pass.parts ? r.ui32[3] : 0;
     pass.text = text_of(r, summary, found);
@@ -528,7 +528,7 @@ block live_table::state::look_at(const host& h, const table_screen& screen, int6
     b.silent = is_silent(h, now);
     size_t of_plan = 0;
     for (const auto& [key, r] : h.rows) {
-        of_plan += r.state != result_state::strange && key.first != type_discovery;
+        of_plan += r.state != result_state::strange && key.first != protocol::discovery.code;
         if (r.state == result_state::problem) {
             b.tests.problems++;
             b.newest = std::max(b.newest, r.since);
@@ -557,7 +557,7 @@ block live_table::state::look_at(const host& h, const table_screen& screen, int6
                 ++r;
             }
             bool missing = r == h.rows.end() || r->first != *key;
-            if (missing && key->first != type_discovery) {
+            if (missing && key->first != protocol::discovery.code) {
                 b.unclear.push_back({*key, nullptr});
                 found++;
             }
@@ -879,7 +879,7 @@ void live_table::follow(const std::vector<planned_test>& tests, const planned_in
     }
     s.plan_repeats =
         static_cast<size_t>(std::count_if(s.plan.begin(), s.plan.end(), [](const test_key& key) {
-            return key.first != type_discovery;
+            return key.first != protocol::discovery.code;
         }));
     for (auto& [name, h] : s.hosts) {
         for (auto r = h.rows.begin(); r != h.rows.end();) {

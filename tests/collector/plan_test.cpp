@@ -1,7 +1,8 @@
-#include "plan/plan.cpp"
+#include "plan/file.cpp"
 
 #include "collector_test_support.h"
 #include "plan/known.h"
+#include "plan/plan.h"
 
 #include <chrono>
 #include <gtest/gtest.h>
@@ -115,6 +116,11 @@ TEST_F(plan_test, a_file_of_which_every_line_is_refused_leaves_the_lines) {
 TEST_F(plan_test, at_a_start_refused_lines_are_all_told) {
     EXPECT_TRUE(start("POL 0 30\nPOL\t0\t0\n"));
     EXPECT_EQ(take_problems().size(), 2u);
+}
+
+TEST_F(plan_test, a_code_that_agents_know_and_do_nothing_for_is_unknown) {
+    EXPECT_TRUE(start("POL\t0\t30\nSWM\t1\t1\n"));
+    EXPECT_EQ(take_problems(), (strings{"2 unknown code \"SWM\""}));
 }
 
 TEST_F(plan_test, tests_of_every_checker) {

@@ -12,6 +12,25 @@
 #include <unistd.h>
 #include <vector>
 
+/* Types of records. */
+enum {
+    type_network = 38,
+    type_network_interfaces = 39,
+    type_discovery = 40,
+    type_process_names = 42,
+    type_process = 43,
+    type_cpu = 44,
+    type_file_systems = 45,
+    type_disk = 46,
+    type_memory = 47,
+    type_ping = 48,
+    type_http = 49,
+    type_snmp = 57,
+    type_load_average = 66,
+    type_snmp_table = 67,
+    type_mysql = 74
+};
+
 struct record_builder {
     std::vector<int32_t> i32 = {};
     std::vector<uint32_t> ui32 = {};

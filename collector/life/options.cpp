@@ -5,140 +5,190 @@
 #include <algorithm>
 #include <charconv>
 #include <getopt.h>
-#include <limits>
-
-static const char usage[] =
-    R"(Usage: vindral-collector [OPTION]...
-Collection server for vindral agents: takes their results, keeps them in a
-database in the state directory and sends the agents the tests of a plan.
-
-  --listen ADDRESS        IPv4 or IPv6 address to listen on (127.0.0.1)
-  --port N                port to listen on (8443); 0 picks a free one
-  --port-file FILE        write the port to FILE once it is open
-  --state-dir DIR         database, certificate and key
-                          (/var/lib/vindral-collector)
-  --plan FILE             commands for the agents, one a line
-  --cert FILE --key FILE  certificate chain and private key, PEM; without them
-                          a pair is made in the state directory, signed by an
-                          authority of its own, ca.pem
-  --name NAME             host name or address by which agents reach this one,
-                          for that certificate; repeat for more
-  --allow EMAIL           account that may log in; repeat for more (all)
-  --end-refused           end the agents of other accounts, for good and with
-                          what they have not sent; otherwise they try again
-  --json                  one JSON object a line on standard output
-  --problems              on standard output only results that are not ok: when
-                          that begins, becomes another and ends
-  --quiet                 no results on standard output
-  --keep-days N           days of results to keep (30); 0 keeps all
-  --max-connections N     connections at a time (from the descriptor limit)
-  --max-per-address N     of these from one address: an IPv4 address or an
-                          IPv6 /64 (an eighth)
-  --max-body-mb N         largest body of a poll in MiB, as sent (16)
-  --missing               list which tests of --plan have reported and which
-                          have not, then exit; status 1 when any has not
-  --older-than DURATION   with --missing: results received longer ago do not
-                          count, and agents of which nothing came since are
-                          listed as silent; 90s, 15m, 2h, 1d
-  --version               print the version and exit
-  --help                  print this text and exit
-
-SIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan
-again (it is also read whenever it has changed).
-)";
+#include <iterator>
+#include <string_view>
 
 namespace {
-enum long_only {
-    opt_listen = 256,
-    opt_port,
-    opt_port_file,
-    opt_state_dir,
-    opt_plan,
-    opt_cert,
-    opt_key,
-    opt_name,
-    opt_allow,
-    opt_end_refused,
-    opt_json,
-    opt_problems,
-    opt_quiet,
-    opt_keep_days,
-    opt_max_connections,
-    opt_max_per_address,
-    opt_max_body_mb,
-    opt_missing,
-    opt_older_than,
-    opt_version,
-    opt_help,
-};
-} // namespace
 
-static const option long_options[] = {
-    {"listen", required_argument, nullptr, opt_listen},
-    {"port", required_argument, nullptr, opt_port},
-    {"port-file", required_argument, nullptr, opt_port_file},
-    {"state-dir", required_argument, nullptr, opt_state_dir},
-    {"plan", required_argument, nullptr, opt_plan},
-    {"cert", required_argument, nullptr, opt_cert},
-    {"key", required_argument, nullptr, opt_key},
-    {"name", required_argument, nullptr, opt_name},
-    {"allow", required_argument, nullptr, opt_allow},
-    {"end-refused", no_argument, nullptr, opt_end_refused},
-    {"json", no_argument, nullptr, opt_json},
-    {"problems", no_argument, nullptr, opt_problems},
-    {"quiet", no_argument, nullptr, opt_quiet},
-    {"keep-days", required_argument, nullptr, opt_keep_days},
-    {"max-connections", required_argument, nullptr, opt_max_connections},
-    {"max-per-address", required_argument, nullptr, opt_max_per_address},
-    {"max-body-mb", required_argument, nullptr, opt_max_body_mb},
-    {"missing", no_argument, nullptr, opt_missing},
-    {"older-than", required_argument, nullptr, opt_older_than},
-    {"version", no_argument, nullptr, opt_version},
-    {"help", no_argument, nullptr, opt_help},
-    {nullptr, 0, nullptr, 0},
+struct row;
+
+/* Takes the value of an option, or says in `text` what is wrong with it. */
+using setter = options_result (*)(const row& of, const char* value, options& out,
+                                  std::string& text);
+
+struct row {
+    const char* name;
+    const char* value; /* what --help calls its value; null: it has none */
+    setter set;
+    const char* help; /* "{}" stands for the default; null: the row before speaks for both */
+    const char* standard = nullptr; /* the default, as it would be given */
+    uint64_t low = 0, high = 0;     /* of a number */
 };
 
-/* A whole decimal number from `low` to `high`; otherwise `text` says what was wrong with `name`. */
-template <typename T>
-static bool parse_number(const char* name, std::string_view value, T low, T high, T& out,
-                         std::string& text) {
-    T number{};
-    auto [end, failed] = std::from_chars(value.data(), value.data() + value.size(), number);
-    if (failed != std::errc() || end != value.data() + value.size() || number < low ||
-        number > high) {
-        text = std::string("--") + name + " takes a number from " + std::to_string(low) + " to " +
-               std::to_string(high) + ", not \"" + std::string(value) + "\"";
-        return false;
-    }
-    out = number;
-    return true;
+options_result complain(const row& of, const std::string& wants, std::string& text) {
+    text = std::string("--") + of.name + " takes " + wants;
+    return options_result::wrong;
 }
 
-/* A whole number and its unit, in seconds; otherwise `text` says what was wrong with `name`. */
-static bool parse_duration(const char* name, std::string_view value, int64_t& out,
-                           std::string& text) {
+std::string not_this(const char* value) {
+    return std::string(", not \"") + value + "\"";
+}
+
+template <auto member>
+options_result set_text(const row&, const char* value, options& out, std::string&) {
+    out.*member = value;
+    return options_result::run;
+}
+
+template <auto member>
+options_result set_flag(const row&, const char*, options& out, std::string&) {
+    out.*member = true;
+    return options_result::run;
+}
+
+/* Of the two the later one counts. */
+template <auto member, auto other>
+options_result set_instead(const row&, const char*, options& out, std::string&) {
+    out.*member = true;
+    out.*other = false;
+    return options_result::run;
+}
+
+/* A whole decimal number within the row's bounds. */
+template <auto member>
+options_result set_number(const row& of, const char* value, options& out, std::string& text) {
+    std::string_view digits = value;
+    uint64_t number = 0;
+    auto [end, failed] = std::from_chars(digits.begin(), digits.end(), number);
+    if (failed != std::errc() || end != digits.end() || number < of.low || number > of.high) {
+        return complain(of,
+                        "a number from " + std::to_string(of.low) + " to " +
+                            std::to_string(of.high) + not_this(value),
+                        text);
+    }
+    out.*member = static_cast<std::remove_reference_t<decltype(out.*member)>>(number);
+    return options_result::run;
+}
+
+/* A whole number and its unit, kept in seconds. */
+template <auto member>
+options_result set_duration(const row& of, const char* value, options& out, std::string& text) {
     static const struct {
         char name;
         int64_t seconds;
     } units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
     constexpr int64_t most = int64_t{36500} * 86400;
+    std::string_view given = value;
     int64_t number = 0;
-    auto [end, failed] = std::from_chars(value.data(), value.data() + value.size(), number);
+    auto [end, failed] = std::from_chars(given.begin(), given.end(), number);
     for (const auto& unit : units) {
         if (failed == std::errc() &&
-            std::string_view(end, value.data() + value.size()) == std::string_view(&unit.name, 1) &&
-            number > 0 && number <= most / unit.seconds) {
-            out = number * unit.seconds;
-            return true;
+            std::string_view(end, given.end()) == std::string_view(&unit.name, 1) && number > 0 &&
+            number <= most / unit.seconds) {
+            out.*member = number * unit.seconds;
+            return options_result::run;
         }
     }
-    text = std::string("--") + name + " takes a number and a unit, as 90s, 15m, 2h or 1d, not \"" +
-           std::string(value) + "\"";
-    return false;
+    return complain(of, "a number and a unit, as 90s, 15m, 2h or 1d" + not_this(value), text);
+}
+
+options_result add_name(const row& of, const char* value, options& out, std::string& text) {
+    out.names.emplace_back(value);
+    return is_server_name(value)
+               ? options_result::run
+               : complain(of, "a host name or an address" + not_this(value), text);
+}
+
+options_result add_account(const row& of, const char* value, options& out, std::string& text) {
+    out.allow.emplace_back(value);
+    return *value ? options_result::run : complain(of, "an e-mail address", text);
+}
+
+options_result show_version(const row&, const char*, options&, std::string& text) {
+    text = "vindral-collector " VINDRAL_VERSION "\n";
+    return options_result::done;
+}
+
+options_result show_help(const row&, const char*, options&, std::string& text);
+
+constexpr uint64_t most_connections = 1000000;
+
+const row rows[] = {
+    {"listen", "ADDRESS", set_text<&options::listen>, "IPv4 or IPv6 address to listen on ({})",
+     "127.0.0.1"},
+    {"port", "N", set_number<&options::port>, "port to listen on ({}); 0 picks a free one", "8443",
+     0, 65535},
+    {"port-file", "FILE", set_text<&options::port_file>, "write the port to FILE once it is open"},
+    {"state-dir", "DIR", set_text<&options::state_dir>, "database, certificate and key\n({})",
+     "/var/lib/vindral-collector"},
+    {"plan", "FILE", set_text<&options::plan>, "commands for the agents, one a line"},
+    {"cert", "FILE", set_text<&options::cert>,
+     "certificate chain and private key, PEM; without them\n"
+     "a pair is made in the state directory, signed by an\n"
+     "authority of its own, ca.pem"},
+    {"key", "FILE", set_text<&options::key>, nullptr},
+    {"name", "NAME", add_name,
+     "host name or address by which agents reach this one,\n"
+     "for that certificate; repeat for more"},
+    {"allow", "EMAIL", add_account, "account that may log in; repeat for more (all)"},
+    {"end-refused", nullptr, set_flag<&options::end_refused>,
+     "end the agents of other accounts, for good and with\n"
+     "what they have not sent; otherwise they try again"},
+    {"json", nullptr, set_instead<&options::json, &options::problems>,
+     "one JSON object a line on standard output"},
+    {"problems", nullptr, set_instead<&options::problems, &options::json>,
+     "on standard output only results that are not ok: when\n"
+     "that begins, becomes another and ends"},
+    {"quiet", nullptr, set_flag<&options::quiet>, "no results on standard output"},
+    {"keep-days", "N", set_number<&options::keep_days>, "days of results to keep ({}); 0 keeps all",
+     "30", 0, 36500},
+    {"max-connections", "N", set_number<&options::max_connections>,
+     "connections at a time (from the descriptor limit)", nullptr, 1, most_connections},
+    {"max-per-address", "N", set_number<&options::max_per_address>,
+     "of these from one address: an IPv4 address or an\n"
+     "IPv6 /64 (an eighth)",
+     nullptr, 1, most_connections},
+    {"max-body-mb", "N", set_number<&options::max_body_mb>,
+     "largest body of a poll in MiB, as sent ({})", "16", 1, 64},
+    {"missing", nullptr, set_flag<&options::missing>,
+     "list which tests of --plan have reported and which\n"
+     "have not, then exit; status 1 when any has not"},
+    {"older-than", "DURATION", set_duration<&options::older_than>,
+     "with --missing: results received longer ago do not\n"
+     "count, and agents of which nothing came since are\n"
+     "listed as silent; 90s, 15m, 2h, 1d"},
+    {"version", nullptr, show_version, "print the version and exit"},
+    {"help", nullptr, show_help, "print this text and exit"},
+};
+
+options_result show_help(const row&, const char*, options&, std::string& text) {
+    constexpr size_t column = 26;
+    text = "Usage: vindral-collector [OPTION]...\n"
+           "Collection server for vindral agents: takes their results, keeps them in a\n"
+           "database in the state directory and sends the agents the tests of a plan.\n\n";
+    for (const row* r = rows; r != std::end(rows);) {
+        std::string help = r->help, line = " ";
+        if (r->standard) {
+            help.replace(help.find("{}"), 2, r->standard);
+        }
+        do {
+            line += std::string(" --") + r->name + (r->value ? std::string(" ") + r->value : "");
+            ++r;
+        } while (r != std::end(rows) && !r->help);
+        line.resize(column, ' ');
+        for (char c : help) {
+            line += c;
+            line.append(c == '\n' ? column : 0, ' ');
+        }
+        text += line + "\n";
+    }
+    text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan\n"
+            "again (it is also read whenever it has changed).\n";
+    return options_result::done;
 }
 
 /* What only the whole command line can show. Empty when all is well. */
-static std::string find_conflict(const options& o) {
+std::string find_conflict(const options& o) {
     if (o.cert.empty() != o.key.empty()) {
         return "--cert and --key belong together";
     }
@@ -157,108 +207,40 @@ static std::string find_conflict(const options& o) {
     return "";
 }
 
-static options_result usage_error(std::string& text) {
+options_result usage_error(std::string& text) {
     text = "vindral-collector: " + text + "\nTry 'vindral-collector --help'.\n";
     return options_result::wrong;
 }
 
+} // namespace
+
 options_result parse_options(int argc, char** argv, options& out, std::string& text) {
-    constexpr size_t most_connections = 1000000;
+    constexpr int first = 256; /* the rows' codes are no characters */
+    option all[std::size(rows) + 1] = {};
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        const row& r = rows[i];
+        all[i] = {r.name, r.value ? required_argument : no_argument, nullptr, first + int(i)};
+        if (r.standard) {
+            r.set(r, r.standard, out, text);
+        }
+    }
     optind = 0; /* start afresh: a test calls this many times */
     opterr = 0;
     for (;;) {
-        int option_index = 0;
         int at = optind == 0 ? 1 : optind;
-        int opt = getopt_long(argc, argv, "+:", long_options, &option_index);
+        int opt = getopt_long(argc, argv, "+:", all, nullptr);
         if (opt == -1) {
             break;
         }
-        const char* name = long_options[option_index].name;
-        bool fine = true;
-        switch (opt) {
-        case opt_listen:
-            out.listen = optarg;
-            break;
-        case opt_port:
-            fine = parse_number<uint16_t>(name, optarg, 0, 65535, out.port, text);
-            break;
-        case opt_port_file:
-            out.port_file = optarg;
-            break;
-        case opt_state_dir:
-            out.state_dir = optarg;
-            break;
-        case opt_plan:
-            out.plan = optarg;
-            break;
-        case opt_cert:
-            out.cert = optarg;
-            break;
-        case opt_key:
-            out.key = optarg;
-            break;
-        case opt_name:
-            out.names.emplace_back(optarg);
-            fine = is_server_name(optarg);
-            text = fine ? ""
-                        : std::string("--name takes a host name or an address, not \"") + optarg +
-                              "\"";
-            break;
-        case opt_allow:
-            out.allow.emplace_back(optarg);
-            fine = *optarg != 0;
-            text = fine ? "" : "--allow takes an e-mail address";
-            break;
-        case opt_end_refused:
-            out.end_refused = true;
-            break;
-        case opt_json:
-            out.json = true;
-            out.problems = false;
-            break;
-        case opt_problems:
-            out.problems = true;
-            out.json = false;
-            break;
-        case opt_quiet:
-            out.quiet = true;
-            break;
-        case opt_keep_days:
-            fine = parse_number(name, optarg, 0, 36500, out.keep_days, text);
-            break;
-        case opt_max_connections:
-            fine =
-                parse_number<size_t>(name, optarg, 1, most_connections, out.max_connections, text);
-            break;
-        case opt_max_per_address:
-            fine =
-                parse_number<size_t>(name, optarg, 1, most_connections, out.max_per_address, text);
-            break;
-        case opt_max_body_mb:
-            fine = parse_number<size_t>(name, optarg, 1, 64, out.max_body_mb, text);
-            break;
-        case opt_missing:
-            out.missing = true;
-            break;
-        case opt_older_than:
-            fine = parse_duration(name, optarg, out.older_than, text);
-            break;
-        case opt_version:
-            text = "vindral-collector " VINDRAL_VERSION "\n";
-            return options_result::done;
-        case opt_help:
-            text = usage;
-            return options_result::done;
-        case ':':
-            text = std::string(argv[at]) + " needs a value";
-            fine = false;
-            break;
-        default:
-            text = std::string("unknown option ") + argv[at];
-            fine = false;
-        }
-        if (!fine) {
+        if (opt < first) {
+            text = opt == ':' ? std::string(argv[at]) + " needs a value"
+                              : std::string("unknown option ") + argv[at];
             return usage_error(text);
+        }
+        const row& r = rows[opt - first];
+        options_result result = r.set(r, optarg, out, text);
+        if (result != options_result::run) {
+            return result == options_result::wrong ? usage_error(text) : result;
         }
     }
     text = optind < argc ? std::string("unexpected argument \"") + argv[optind] + "\""

@@ -7,25 +7,26 @@
 #include <string>
 #include <vector>
 
+/* What they mean and which values they have when not given is in the table of options.cpp. */
 struct options {
-    std::string listen = "127.0.0.1";
-    uint16_t port = 8443; /* 0: the kernel picks one */
-    std::string state_dir = "/var/lib/vindral-collector";
+    std::string listen;
+    uint16_t port = 0; /* 0: the kernel picks one */
+    std::string port_file;
+    std::string state_dir;
     std::string plan;               /* empty: no plan */
     std::string cert, key;          /* both or none; none: made in the state directory */
     std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
-    bool end_refused = false;       /* agents of other accounts are ended, for good */
+    bool end_refused = false;
     bool json = false;
-    bool problems = false;      /* not together with json: the later of the two counts */
+    bool problems = false;      /* not together with json */
     bool quiet = false;         /* more than both */
-    int64_t older_than = 0;     /* seconds; with missing: older results do not count; 0: they do */
-    bool missing = false;       /* report planned tests without results, then exit */
-    int keep_days = 30;         /* 0: for ever */
+    int keep_days = 0;          /* 0: for ever */
     size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */
     size_t max_per_address = 0; /* 0: an eighth of max_connections */
-    size_t max_body_mb = 16;    /* largest poll body as sent, in MiB */
-    std::string port_file;
+    size_t max_body_mb = 0;
+    bool missing = false;
+    int64_t older_than = 0; /* seconds; 0: not given */
 };
 
 enum class options_result {
@@ -34,7 +35,8 @@ enum class options_result {
     wrong, /* print `text` on stderr, exit 2 */
 };
 
-/* Reads the command line. `text` ends in a line end. Not reentrant (getopt_long). */
+/* Reads the command line into `out`, which is as it was made. `text` ends in a line end. Not
+ * reentrant (getopt_long). */
 options_result parse_options(int argc, char** argv, options& out, std::string& text);
 
 /* The limit of connections when none is given, out of `descriptors` that the process may open. */

@@ -1,60 +1,69 @@
-/* The collector's TLS identity and the context that every connection is made from. */
+/* Keys and certificates: as files, as OpenSSL has them, and the names in them. Keys are ECDSA
+ * P-256.
+ *
+ * A pointer that comes back null, or false, has one line in `error`, or in OpenSSL's queue where
+ * there is no such parameter. */
 #ifndef VINDRAL_COLLECTOR_CERTIFICATE_H
 #define VINDRAL_COLLECTOR_CERTIFICATE_H
 
 #include <memory>
-#include <openssl/ssl.h>
+#include <openssl/evp.h>
+#include <openssl/x509v3.h>
 #include <string>
 #include <vector>
 
-struct identity_files {
-    std::string certificate; /* PEM, own certificate first, then the chain */
-    std::string key;         /* PEM, not encrypted */
+template <auto release>
+struct released_by {
+    template <typename T>
+    void operator()(T* object) const {
+        release(object);
+    }
 };
+using key_ptr = std::unique_ptr<EVP_PKEY, released_by<EVP_PKEY_free>>;
+using x509_ptr = std::unique_ptr<X509, released_by<X509_free>>;
 
-/* What operators are told about an identity. */
-struct identity_report {
-    std::string authority;          /* file that hosts verify it with; empty: not known here */
-    std::vector<std::string> names; /* names and addresses in the certificate */
-    std::vector<std::string> notes; /* one line each: what was made, what is not as wished */
+/* The first reason in OpenSSL's queue of this thread, which is emptied. */
+std::string take_tls_error();
+
+/* PEM, not encrypted. The file of a new key is for its owner only. */
+key_ptr read_key(const std::string& path, std::string& error);
+key_ptr make_key(const std::string& path, std::string& error);
+
+/* The first certificate of a file; null without a word when there is none. */
+x509_ptr read_certificate(const std::string& path);
+
+/* Null, for a certificate that could not be made, is an error as well. */
+bool write_certificate(const std::string& path, X509* certificate, std::string& error);
+
+/* An authority of 20 years, for signing server certificates only, and what it signs: for a server
+ * of these names, 10 years, but none outlives the authority. */
+struct authority {
+    key_ptr key;
+    x509_ptr certificate;
 };
+x509_ptr make_authority_certificate(EVP_PKEY* key);
+x509_ptr make_server_certificate(EVP_PKEY* key, const authority& by,
+                                 const std::vector<std::string>& names);
 
-/* The pair certificate.pem and key.pem in `directory`, made when both are missing, for localhost,
- * 127.0.0.1, ::1, this host's name and `names` (host names and addresses). All keys are ECDSA
- * P-256.
- *
- * Made is first an authority of its own, ca-key.pem and ca.pem (20 years, for signing server
- * certificates only), unless both are there; it signs the certificate (10 years). Keys are readable
- * by their owner only. A file is written under another name and then renamed, each key ahead of its
- * certificate: a start cut short leaves nothing half-written, and the next goes on from there.
- *
- * A pair that is there stays, whoever made it, but for one case: a certificate of this directory's
- * authority that lacks a name or ends within two years is replaced by a new one for the same key,
- * with the names of the old one and those it lacks.
- *
- * False with one line in `error` when a file cannot be read or written, or when the key of a pair
- * is missing. One process at a time. */
-bool ensure_identity(const std::string& directory, const std::vector<std::string>& names,
-                     identity_files& out, identity_report& report, std::string& error);
+/* By name and signature, whatever the issuer was made for: a self-signed one need be no authority.
+ */
+bool is_issued_by(X509* certificate, X509* issuer);
 
-/* The report on a pair of the operator's own. */
-identity_report report_identity(const identity_files& files);
+/* Within two years; and when, as text. */
+bool ends_soon(X509* certificate);
+std::string end_of(X509* certificate);
 
-/* True for what ensure_identity takes as a name: an address, or up to 253 letters, digits, '-', '_'
- * and '.', not at either end. */
+/* The host names and addresses in a certificate. */
+std::vector<std::string> names_in(X509* certificate);
+
+/* Appends those of `more` that are not there, in the form in which they are compared. */
+void add_names(std::vector<std::string>& names, const std::vector<std::string>& more);
+
+/* True for what a certificate may name: an address, or up to 253 letters, digits, '-', '_' and '.',
+ * not at either end. */
 bool is_server_name(const std::string& name);
 
 /* This host's name, or "localhost" when it has none that may stand in a certificate. */
 std::string own_host_name();
-
-struct free_ssl_ctx {
-    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-};
-using tls_context = std::unique_ptr<SSL_CTX, free_ssl_ctx>;
-
-/* A server's context: TLS 1.2 or newer, no resumption of any kind (agents never resume), no
- * renegotiation, buffers given back while a connection is idle. Null with one line in `error` when
- * a file is unreadable or the key does not belong to the certificate. */
-tls_context make_tls_context(const identity_files& files, std::string& error);
 
 #endif

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -41,8 +42,13 @@ bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
 }
 
 bool make_private_directory(const std::string& path) {
+    std::error_code failed;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
     if (mkdir(path.c_str(), 0700) == 0) {
         return true;
+    }
+    if (errno == ENOENT && failed) {
+        errno = failed.value(); /* why there is nothing to put it into */
     }
     struct stat status;
     if (errno != EEXIST || stat(path.c_str(), &status) != 0) {

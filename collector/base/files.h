@@ -33,7 +33,8 @@ bool write_all(int fd, std::string_view data);
  * `path`.new first, and nobody ever sees half of it. */
 bool replace_file(const std::string& path, std::string_view text, mode_t mode);
 
-/* Its owner's alone when it is made here; one that exists keeps its mode. */
+/* Its owner's alone when it is made here, with the directories above it; one that exists keeps its
+ * mode. */
 bool make_private_directory(const std::string& path);
 
 /* What was made, renamed and removed in it survives a power cut. */

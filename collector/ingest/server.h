@@ -30,7 +30,6 @@
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
-#include "base/certificate.h"
 #include "ingest/body.h"
 #include "ingest/session.h"
 #include "plan/known.h"
@@ -42,6 +41,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <openssl/ssl.h>
 #include <string>
 #include <vector>
 

@@ -1,5 +1,6 @@
 /* vindral-collector: options, start, stop. */
 #include "base/certificate.h"
+#include "base/tls.h"
 #include "base/text.h"
 #include "ingest/server.h"
 #include "life/options.h"

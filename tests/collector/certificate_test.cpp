@@ -1,5 +1,8 @@
 #include "base/certificate.h"
 
+#include "base/identity.h"
+#include "base/tls.h"
+
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>

@@ -71,7 +71,10 @@ TEST(files, a_directory_that_is_made_is_its_owner_s_alone) {
     write_text(home / "file", "");
     EXPECT_FALSE(make_private_directory(home / "file"));
     EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_FALSE(make_private_directory(home / "nowhere/state"));
+    EXPECT_FALSE(make_private_directory(home / "file/state"));
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_TRUE(make_private_directory(home / "new/state"));
+    EXPECT_EQ(mode_of(home / "new/state"), 0700u);
     EXPECT_FALSE(sync_directory(home / "nowhere"));
 }
 

@@ -1,6 +1,7 @@
 /* The server in this process, real TLS clients, and a store that does what a test tells it. */
 #include "ingest/server.h"
 
+#include "base/tls.h"
 #include "collector_test_support.h"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 
 #include "base/tls.h"
 #include "collector_test_support.h"
+#include "plan/commands_for_agents.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -336,15 +337,15 @@ protected:
 
     void start(const std::string& plan_text = "", const known_tests& earlier = known_tests()) {
         write_plan(plan_text);
-        commands_ = std::make_unique<plan>(plan_text.empty() ? "" : directory_ + "/plan",
-                                           [](const plan_problem&) {});
+        plan_ = std::make_unique<plan>(plan_text.empty() ? "" : directory_ + "/plan",
+                                       [](const plan_problem&) {});
+        commands_ = std::make_unique<commands_for_agents>(*plan_, earlier);
         store_ = std::make_unique<fake_store>();
         server_ = std::make_unique<server>(options_, tls_, *store_, *commands_,
                                            [this](const std::string& line) {
                                                std::lock_guard hold(log_mutex_);
                                                log_.push_back(line);
                                            });
-        server_->remember(earlier);
         std::string error;
         ASSERT_TRUE(server_->listen(error)) << error;
         port_ = server_->port();
@@ -393,7 +394,8 @@ protected:
     static inline SSL_CTX* tls_ = nullptr;
 
     server_options options_;
-    std::unique_ptr<plan> commands_;
+    std::unique_ptr<plan> plan_;
+    std::unique_ptr<commands_for_agents> commands_;
     std::unique_ptr<server> server_;
     std::unique_ptr<fake_store> store_;
     std::thread thread_;

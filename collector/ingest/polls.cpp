@@ -1,0 +1,195 @@
+#include "ingest/polls.h"
+
+#include "base/text.h"
+#include "ingest/short_of_memory.h"
+
+#include <algorithm>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <ctime>
+#include <memory>
+
+namespace asio = boost::asio;
+using asio::awaitable;
+using stage = admission::stage;
+
+/* An agent as the log names it. */
+static std::string describe(const std::string& account, const std::string& agent) {
+    return printable(agent) + " of " + printable(account);
+}
+
+static std::string describe(const session& s, const exchange& x) {
+    return describe(s.account, s.agent) + " at " + x.address;
+}
+
+void polls::tell(const name_conflict& c) {
+    if (c.found && c.tell) {
+        room_.log(event::name, "two hosts under one name: " + describe(c.account, c.agent) +
+                                   " polls from " + c.kept + ", the other at " + c.refused +
+                                   " is refused meanwhile");
+    }
+}
+
+awaitable<void> polls::answer_nonsense(exchange& x, const std::string& error) {
+    room_.log(event::request, "bad request from " + x.address + ": " + error);
+    co_await x.answer("400 " + error, "", answer_log_in_again);
+}
+
+awaitable<void> polls::answer_login(exchange& x) {
+    bool whole = co_await x.read_body(nullptr, stage::unheard); /* an agent sends none */
+    if (!whole) {
+        co_return;
+    }
+    const std::string name = describe(x.head.account, x.head.agent) + " at " + x.address;
+    if (!allowed_.empty() && !allowed_.contains(x.head.account)) {
+        room_.log(event::session, "login refused, account not allowed: " + name);
+        if (room_.options.end_refused) {
+            co_await x.answer("200 OK", answer_not_authorised, answer_not_authorised);
+        } else {
+            co_await x.answer("403 Forbidden", "", "This account is not allowed here.\n");
+        }
+        co_return;
+    }
+    name_conflict conflict;
+    auto fresh = sessions_.log_in(x.head.account, x.head.agent, exchange::clock::now(), x.address,
+                                  &conflict);
+    if (conflict.found) {
+        tell(conflict);
+        co_await x.answer("403 Forbidden", "", "Another host is using this name.\n");
+        co_return;
+    }
+    if (!fresh) {
+        room_.log(event::failure, "no random numbers for a session: connection reset");
+        co_return;
+    }
+    room_.log(event::login, "login: " + name);
+    commands_.refresh();
+    fresh->version = x.head.version;
+    fresh->delivered = fresh->answered_from = commands_.newest(); /* all of it, in this answer */
+    fresh->told(commands_.poll_interval());
+    auto sent = x.answer("200 OK", fresh->id, commands_.text_for_login(*fresh));
+    co_await std::move(sent);
+}
+
+awaitable<void> polls::answer_poll(exchange& x) {
+    name_conflict conflict;
+    std::shared_ptr<session> s =
+        sessions_.find(x.head.session, exchange::clock::now(), x.address, &conflict);
+    tell(conflict);
+    fate end = fate::again;
+    if (s) {
+        if (s->polls == 1) {
+            commands_.login_arrived(*s);
+        }
+        end = co_await take_block(x, *s);
+    } else {
+        bool whole = co_await x.read_body(nullptr, stage::unheard);
+        end = whole ? fate::again : fate::broken;
+        room_.log(event::session, "unknown session, must log in again: " + x.address);
+    }
+    if (end == fate::broken) {
+        co_return;
+    }
+    if (end == fate::again) {
+        sessions_.sent_away(x.head.session, exchange::clock::now());
+        co_await x.answer("200 OK", "", answer_log_in_again);
+        co_return;
+    }
+    commands_.refresh();
+    uint64_t from = end == fate::duplicate ? s->answered_from : s->delivered;
+    uint64_t newest = commands_.newest();
+    auto sent = x.answer("200 OK", "", commands_.text_after(from));
+    bool arrived = co_await std::move(sent);
+    if (arrived) {
+        s->told(commands_.poll_interval());
+        s->answered_from = from;
+        s->delivered = std::max(s->delivered, newest);
+    }
+}
+
+/* Reads, unpacks and stores the block of a poll. */
+awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
+    const server_options& limits = room_.options;
+    admission::visit visit(x, from.account, from.agent);
+    packed_body body(x);
+    bool whole = co_await x.read_body(&body, visit.one_of_few() ? stage::heard : stage::unheard);
+    if (!whole) {
+        co_return fate::broken;
+    }
+    const size_t size = std::max<size_t>(body.wire().size(), x.head.compression);
+    x.begin_phase(limits.deadlines.whole, x.in());
+    admission::memory_share unpacked(x);
+    std::optional<turns::place> turn;
+    if (size > limits.unpack_here) {
+        turns& all = size > limits.huge ? huge_ : large_;
+        bool come = co_await wait_for_turn(x, all, turn, from, size);
+        if (!come) {
+            co_return fate::broken;
+        }
+    } else if (!unpacked.add(size)) {
+        room_.log(event::memory, "no memory left to unpack: reset " + describe(from, x));
+        co_return fate::broken;
+    }
+    x.begin_phase(limits.deadlines.whole, stage::busy);
+    poll_block block{.account = from.account,
+                     .agent = from.agent,
+                     .plain = "",
+                     .received = time(nullptr),
+                     .address = x.address,
+                     .version = x.head.version};
+    std::string error;
+    bool good = co_await bodies_.unpack(x.head, body.wire(), block.plain, error);
+    if (!good) {
+        room_.log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
+        co_return fate::again;
+    }
+    body.drop();
+    if (block.plain.empty()) {
+        co_return fate::stored;
+    }
+    store_result result = co_await keep(std::move(block));
+    switch (result) {
+    case store_result::stored:
+        co_return fate::stored;
+    case store_result::duplicate:
+        co_return fate::duplicate;
+    case store_result::failed:
+        break;
+    }
+    room_.log(event::storing, "not stored, must come again: " + describe(from, x));
+    co_return fate::broken;
+}
+
+/* Until there is room for another large body. False when the connection was given up meanwhile, or
+ * the agent has one under way: that comes again after its interval, and is known as stored then. */
+awaitable<bool> polls::wait_for_turn(exchange& x, turns& all, std::optional<turns::place>& place,
+                                     const session& from, size_t bytes) {
+    asio::steady_timer come(context_);
+    place.emplace(all, x.address_key, from.account + '\0' + from.agent, bytes,
+                  [&come] { come.cancel(); });
+    if (place->refused()) {
+        room_.log(event::memory, "another large body is under way: reset " + describe(from, x));
+        co_return false;
+    }
+    while (!place->begun() && !x.link.given_up()) {
+        come.expires_after(tick);
+        co_await come.async_wait(asio::as_tuple(asio::use_awaitable));
+    }
+    co_return place->begun() && !x.link.given_up();
+}
+
+/* Hands a block to the store and waits until it is committed. */
+awaitable<store_result> polls::keep(poll_block block) {
+    auto submit = [this](auto handler, poll_block what) {
+        auto held =
+            std::make_shared<decltype(handler)>(std::move(handler)); /* std::function copies */
+        results_.submit(std::move(what),
+                        [this, held, guard = asio::make_work_guard(context_)](store_result result) {
+                            post_surely(context_, [result, held] { std::move (*held)(result); });
+                        });
+    };
+    return asio::async_initiate<const asio::use_awaitable_t<>, void(store_result)>(
+        submit, asio::use_awaitable, std::move(block));
+}

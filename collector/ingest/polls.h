@@ -1,0 +1,68 @@
+/* What an agent is answered: its login, and its polls once their blocks are stored. Network thread
+ * only.
+ *
+ * WHAT AN AGENT TAKES FOR WHAT  Any whole answer, whatever its status line, makes an agent drop the
+ * block it has sent, except the bodies "111111" (keep it, log in again) and "666666" (stop). So a
+ * block is answered in the ordinary way only after it is committed; a body that must come again, or
+ * a head that makes no sense, is answered "111111"; and when the collector gives up on a connection
+ * it resets it (see connection.h), which an agent reads as no connection: it keeps session and
+ * block, and waits out its interval. So is a block that cannot be stored now, because "111111"
+ * would have every agent log in and send it again each second. A login that is refused gets no
+ * session, whereupon the agent keeps what it has and tries again after its interval; "666666" would
+ * end it with all its results, for a slip in the list of accounts. So is one of a second host under
+ * a name that is in use (see session.h). The agent adds up every header that begins with
+ * "Content-", so Content-Length is the only one sent, and waits for the end of the connection when
+ * it is 0. */
+#ifndef VINDRAL_COLLECTOR_POLLS_H
+#define VINDRAL_COLLECTOR_POLLS_H
+
+#include "ingest/exchange.h"
+#include "ingest/instructions.h"
+#include "ingest/turns.h"
+#include "ingest/unpacker.h"
+#include "store/store.h"
+
+#include <boost/asio/io_context.hpp>
+#include <optional>
+#include <string>
+#include <unordered_set>
+
+class polls {
+public:
+    /* This must outlive `context`, which destroys the exchanges that are under way. */
+    polls(boost::asio::io_context& context, exchange_room& room, unpacker& bodies, store& results,
+          instructions& commands)
+        : context_(context), room_(room), bodies_(bodies), results_(results), commands_(commands),
+          allowed_(room.options.allow.begin(), room.options.allow.end()) {}
+
+    /* The exchange's head has been read. */
+    boost::asio::awaitable<void> answer_login(exchange& x);
+    boost::asio::awaitable<void> answer_poll(exchange& x);
+    boost::asio::awaitable<void> answer_nonsense(exchange& x, const std::string& error);
+
+private:
+    /* What becomes of a block. */
+    enum class fate {
+        stored,
+        duplicate, /* stored already: its answer was lost */
+        again,     /* the agent shall send it once more */
+        broken     /* no use in answering */
+    };
+    boost::asio::awaitable<fate> take_block(exchange& x, const session& from);
+    boost::asio::awaitable<bool> wait_for_turn(exchange& x, turns& all,
+                                               std::optional<turns::place>& place,
+                                               const session& from, size_t bytes);
+    boost::asio::awaitable<store_result> keep(poll_block block);
+    void tell(const name_conflict& conflict);
+
+    boost::asio::io_context& context_;
+    exchange_room& room_;
+    unpacker& bodies_;
+    store& results_;
+    instructions& commands_;
+    const std::unordered_set<std::string> allowed_;
+    session_table sessions_{room_.options.sessions};
+    turns large_{room_.options.large_memory}, huge_{room_.options.body.max_plain};
+};
+
+#endif

@@ -1,0 +1,31 @@
+/* For want of memory nothing can be made to wait for, and nobody served meanwhile. */
+#ifndef VINDRAL_COLLECTOR_SHORT_OF_MEMORY_H
+#define VINDRAL_COLLECTOR_SHORT_OF_MEMORY_H
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <chrono>
+#include <exception>
+#include <thread>
+
+/* How often deadlines are looked at, and how long what failed waits before it is tried again. */
+inline constexpr auto tick = std::chrono::milliseconds(100);
+
+inline void wait_for_memory() {
+    std::this_thread::sleep_for(tick);
+}
+
+/* Hands `work` to the context from another thread, which has to succeed in the end. */
+template <typename Work>
+void post_surely(boost::asio::io_context& context, const Work& work) {
+    for (;;) {
+        try {
+            boost::asio::post(context, work);
+            return;
+        } catch (const std::exception&) {
+            wait_for_memory();
+        }
+    }
+}
+
+#endif

@@ -1,13 +1,14 @@
 #include "resolve.h"
 
 #include "guards.h"
+#include "thread_start.h"
 
 #include <csignal>
 #include <cstring>
 #include <new>
 #include <utility>
 
-static const size_t RESOLVER_STACK = 256 * 1024;
+static constexpr thread_kind RESOLVER = {.stack_size = 256 * 1024, .detached = true};
 
 namespace {
 
@@ -57,12 +58,6 @@ static void* resolver_thread(void* arg) {
 
 /* Gives a second share of `l` to a new resolver thread. Returns 1, or 0 when there is none. */
 static int start_resolver(lookup* l) {
-    pthread_attr_t attr;
-    if (pthread_attr_init(&attr) != 0) {
-        return 0;
-    }
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attr, RESOLVER_STACK);
     {
         lock hold(l->guard);
         l->owners++;
@@ -73,10 +68,8 @@ static int start_resolver(lookup* l) {
     sigfillset(&most);
     sigdelset(&most, SIGSEGV);
     pthread_sigmask(SIG_SETMASK, &most, &before);
-    pthread_t id;
-    int failed = pthread_create(&id, &attr, resolver_thread, l);
+    int failed = thread_start(RESOLVER, resolver_thread, l);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_attr_destroy(&attr);
     if (failed) {
         lock hold(l->guard);
         l->owners--;

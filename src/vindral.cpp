@@ -3,6 +3,7 @@
 
 #include "fork_gate.h"
 #include "libsslloader.h"
+#include "thread_start.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -27,28 +28,25 @@ static void* run_worker(void* arg) {
 }
 
 static int start_worker(const sigset_t& shutdown_signals) {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        leveledadd2log(-1, "Pthread attribute initialization failed.");
-        return 0;
-    }
-    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
-        leveledadd2log(-1, "Can not set pthread stack size.");
+    static constexpr thread_kind POLL_THREAD = {.name = "poll",
+                                                .log = leveledadd2log,
+                                                .log_level = -1,
+                                                .attr_message =
+                                                    "Pthread attribute initialization failed.",
+                                                .stack_message = "Can not set pthread stack size."};
+    thread_starter starter(POLL_THREAD);
+    if (!starter) {
         return 0;
     }
     set_poll_interval(60);
     leveledadd2log(0, f_title, static_cast<unsigned long>(getpid()), AGENT_VERSION, BUILD_DATE);
     worker_ended = eventfd(0, EFD_CLOEXEC);
     hang_ups = signalfd(-1, &shutdown_signals, SFD_CLOEXEC);
-    pthread_t worker;
     if (worker_ended < 0 || hang_ups < 0 ||
-        pthread_create(&worker, &attributes, run_worker, nullptr) != 0) {
+        starter.start(run_worker, nullptr, &main_worker_thread_handle) != 0) {
         leveledadd2log(-1, "Can not create main worker thread.");
         return 0;
     }
-    pthread_setname_np(worker, "poll");
-    main_worker_thread_handle = worker;
-    pthread_attr_destroy(&attributes);
     leveledadd2log(-1, "Main Worker thread created successfully");
     return 1;
 }

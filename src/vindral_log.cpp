@@ -1,5 +1,7 @@
 #include "vindral_log.h"
 
+#include "thread_start.h"
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -325,22 +327,16 @@ static void guard_forks() {
 
 /* Creates the writer thread; 0 is logged unless only the creation failed. */
 static int start_writer() {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        leveledadd2log(-1, "Pthread attribute initialization failed.");
-        return 0;
-    }
-    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
-        leveledadd2log(-1, "Can not set log writer thread stack size.");
-        return 0;
-    }
+    static constexpr thread_kind WRITER = {
+        .name = "log writer",
+        .log = leveledadd2log,
+        .log_level = -1,
+        .attr_message = "Pthread attribute initialization failed.",
+        .stack_message = "Can not set log writer thread stack size."};
     pthread_t writer;
-    int error = pthread_create(&writer, &attributes, write2logfile, nullptr);
-    pthread_attr_destroy(&attributes);
-    if (error != 0) {
+    if (thread_start(WRITER, write2logfile, nullptr, &writer) != 0) {
         return 0;
     }
-    pthread_setname_np(writer, "log writer");
     writer_running = true;
     std::atomic_ref(log_writer_thread_id).store(writer);
     return 1;

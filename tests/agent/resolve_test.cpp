@@ -1,3 +1,4 @@
+#include "thread_library.h"
 #include "tls_peer.h"
 
 #include <arpa/inet.h>
@@ -27,7 +28,6 @@ static seen_call last_call; /* of a name, not of a number; read after the call h
 static std::counting_semaphore<> may_answer(0);
 static std::atomic<bool> slow = false;
 static std::atomic<int> answer_code = 0;
-static int thread_error = 0;
 
 static int fake_getaddrinfo(const char* host, const char* port, const addrinfo* hints,
                             addrinfo** list) {
@@ -54,16 +54,9 @@ static int fake_getaddrinfo(const char* host, const char* port, const addrinfo* 
     return code != 0 ? code : getaddrinfo("127.0.0.9", port, hints, list);
 }
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg) {
-    return thread_error != 0 ? thread_error : pthread_create(id, attr, run, arg);
-}
-
 #define getaddrinfo fake_getaddrinfo
-#define pthread_create fake_pthread_create
 #include "resolve.cpp"
 #undef getaddrinfo
-#undef pthread_create
 
 /* --------------------------------------------------------------------------------------------- */
 
@@ -87,7 +80,7 @@ public:
         name_calls = 0;
         slow = false;
         answer_code = 0;
-        thread_error = 0;
+        thread_library::reset();
         hints.ai_family = AF_INET;
         hints.ai_socktype = SOCK_STREAM;
     }
@@ -108,7 +101,7 @@ public:
 };
 
 TEST_F(resolve, a_numeric_host_is_converted_without_a_thread) {
-    thread_error = EAGAIN; /* and without trying */
+    thread_library::create_error = EAGAIN; /* and without trying */
     ASSERT_EQ(0, resolve_host("127.0.0.2", "443", &hints, &list));
     EXPECT_EQ("127.0.0.2:443", address_of(list));
     EXPECT_EQ(SOCK_STREAM, list->ai_socktype);
@@ -186,7 +179,7 @@ TEST_F(resolve, the_resolvers_code_is_handed_on) {
 }
 
 TEST_F(resolve, without_a_thread_the_caller_resolves) {
-    thread_error = EAGAIN;
+    thread_library::create_error = EAGAIN;
     ASSERT_EQ(0, resolve_host("name", "443", &hints, &list));
     EXPECT_EQ("127.0.0.9:443", address_of(list));
     EXPECT_TRUE(pthread_equal(pthread_self(), last_call.thread));

@@ -1,34 +1,21 @@
+#include "thread_library.h"
 #include "vindral_log.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
-/* Failures of the thread library and of memory, on demand, and how long the main thread slept. */
-static bool refuse_attributes, refuse_stack, refuse_thread, refuse_memory;
-static size_t created_with_stack; /* of the thread created last */
-static size_t stack_of(const pthread_attr_t* attributes) {
-    size_t size = 0;
-    pthread_attr_getstacksize(attributes, &size);
-    return size;
-}
+/* Failures of memory, on demand, and how long the main thread slept. */
+static bool refuse_memory;
 static thread_local time_t slept_s;
 static int counted_nanosleep(const timespec* time, timespec* left) {
     slept_s += time->tv_sec;
     return nanosleep(time, left);
 }
-#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
-#define pthread_attr_setstacksize(a, size)                                                         \
-    (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x)                                                                 \
-    (created_with_stack = stack_of(a), refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #define malloc(size) (refuse_memory ? nullptr : malloc(size))
 #define realloc(block, size) (refuse_memory ? nullptr : realloc(block, size))
 #define nanosleep counted_nanosleep
 #include "vindral_log.cpp"
-#undef pthread_attr_init
-#undef pthread_attr_setstacksize
-#undef pthread_create
 #undef malloc
 #undef realloc
 #undef nanosleep
@@ -168,19 +155,20 @@ TEST_F(log_before_start, a_file_that_cannot_be_opened_ends_the_start) {
 TEST_F(log_before_start, a_writer_that_cannot_be_started_ends_the_start) {
     auto start = [] {
         std::string printed = captured([] { EXPECT_EQ(init_log_file(), 0); });
-        refuse_attributes = refuse_stack = refuse_thread = false;
+        thread_library::attr_error = thread_library::stack_error = 0;
+        thread_library::create_error = 0;
         EXPECT_EQ(log_writer_thread_id, 0U);
         EXPECT_EQ(m_logFile, nullptr);
         return printed;
     };
     log_level = 0;
-    refuse_attributes = true;
+    thread_library::attr_error = ENOMEM;
     EXPECT_EQ(start(), "\nPthread attribute initialization failed.\n");
-    refuse_stack = true;
+    thread_library::stack_error = EINVAL;
     EXPECT_EQ(start(), "\nCan not set log writer thread stack size.\n");
-    refuse_thread = true;
+    thread_library::create_error = EAGAIN;
     EXPECT_EQ(start(), "");
-    EXPECT_EQ(created_with_stack, WORKER_STACK_SIZE);
+    EXPECT_EQ(thread_library::stack_size, WORKER_STACK_SIZE);
 }
 
 TEST_F(log_before_start, a_worker_has_32768_bytes_of_stack) {

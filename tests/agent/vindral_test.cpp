@@ -1,4 +1,5 @@
 /* What main does, in which order, and where it ends. Everything that it calls is a fake here. */
+#include "thread_library.h"
 #include "vindral.h"
 
 #include <cerrno>
@@ -13,30 +14,15 @@
 #include <mutex>
 #include <string>
 
-/* Failures of the thread library, on demand; an exit that comes back. */
-static bool refuse_attributes, refuse_stack, refuse_thread;
-static size_t created_with_stack; /* of the thread created last */
-static size_t stack_of(const pthread_attr_t* attributes) {
-    size_t size = 0;
-    pthread_attr_getstacksize(attributes, &size);
-    return size;
-}
+/* An exit that comes back. */
 [[noreturn]] static void end_with(int status) {
     throw status;
 }
 #define main agent_main
 #define exit end_with
-#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
-#define pthread_attr_setstacksize(a, size)                                                         \
-    (refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x)                                                                 \
-    (created_with_stack = stack_of(a), refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #include "vindral.cpp"
 #undef main
 #undef exit
-#undef pthread_attr_init
-#undef pthread_attr_setstacksize
-#undef pthread_create
 
 const char* const BUILD_DATE = "Oct 19 2011 23:04:05";
 pthread_t main_worker_thread_handle = 0;
@@ -156,7 +142,7 @@ class Main : public testing::Test {
 protected:
     void SetUp() override {
         calls = refusing = hanging_up = "";
-        refuse_attributes = refuse_stack = refuse_thread = false;
+        thread_library::reset();
         worker_announced = worker_waits = false;
         pthread_sigmask(SIG_SETMASK, nullptr, &mask_before_);
     }
@@ -182,7 +168,7 @@ private:
 TEST_F(Main, lives_and_ends_in_order) {
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + banner() + CREATED + "main_worker_thread\n" + STOPPED, calls);
-    EXPECT_EQ(WORKER_STACK_SIZE, created_with_stack);
+    EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_size);
     EXPECT_EQ(0U, main_worker_thread_handle);
 }
 
@@ -233,18 +219,18 @@ TEST_F(Main, a_failed_step_ends_the_start_there) {
 }
 
 TEST_F(Main, without_a_worker_there_is_nothing_to_run) {
-    refuse_attributes = true;
+    thread_library::attr_error = ENOMEM;
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + "-1 Pthread attribute initialization failed.\n", calls);
 
-    refuse_attributes = false;
-    refuse_stack = true;
+    thread_library::attr_error = 0;
+    thread_library::stack_error = EINVAL;
     calls = "";
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + "-1 Can not set pthread stack size.\n", calls);
 
-    refuse_stack = false;
-    refuse_thread = true;
+    thread_library::stack_error = 0;
+    thread_library::create_error = EAGAIN;
     calls = "";
     EXPECT_EQ(0, run());
     EXPECT_EQ(TO_CHECKERS + banner() + "-1 Can not create main worker thread.\n", calls);

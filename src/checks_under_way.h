@@ -11,16 +11,14 @@
  *
  *     static constinit checks_under_way http_checks{.kind = "HTTP"};
  *
- *     check_under_way counted(http_checks, test->id);          the pass
- *     if (counted && pthread_create(..., body, copy) == 0) {
- *         counted.release();
- *     }
+ *     start_checks(tests, &aHost::id, http_checks, starter, body, dup_aHost);      the pass
  *     ...
- *     check_under_way counted = check_under_way::begun(http_checks, copy->id);   first in body */
+ *     check_under_way counted = check_under_way::begun(http_checks, copy->id);     first in body */
 #ifndef VINDRAL_CHECKS_UNDER_WAY_H
 #define VINDRAL_CHECKS_UNDER_WAY_H
 
 #include "guards.h"
+#include "thread_start.h"
 
 inline constexpr int MOST_CHECKS_UNDER_WAY = 64;
 
@@ -69,5 +67,26 @@ private:
     checks_under_way* of_;
     long id_;
 };
+
+/* Starts a check of every test in a thread of its own, whose body gets a copy of the test and
+ * disposes of it. Without a copy or a thread a test is left out; one that has as many checks under
+ * way as it may have is, too, and stays new. The caller holds the lock of the list. */
+template <typename List, typename Test, typename Id>
+void start_checks(const List& tests, Id Test::*id, checks_under_way& of,
+                  const thread_starter& starter, void* (*body)(void*), Test* (*duplicate)(Test*)) {
+    for (Test* test : tests) {
+        check_under_way counted(of, test->*id);
+        if (!counted) {
+            continue;
+        }
+        Test* copy = duplicate(test);
+        test->isFirstCheck = 0;
+        if (copy != nullptr && starter.start(body, copy) == 0) {
+            counted.release();
+        } else if (copy != nullptr) {
+            List::dispose(copy);
+        }
+    }
+}
 
 #endif

@@ -1,21 +1,7 @@
 /* Ping checker: what is asked of the echo engine, judgement, records, rounds, lifecycle. */
-#include <pthread.h>
+#include "thread_library.h"
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg);
-static int fake_attr_init(pthread_attr_t* attr);
-static int fake_setdetachstate(pthread_attr_t* attr, int state);
-static int fake_setstacksize(pthread_attr_t* attr, size_t size);
-
-#define pthread_create fake_pthread_create
-#define pthread_attr_init fake_attr_init
-#define pthread_attr_setdetachstate fake_setdetachstate
-#define pthread_attr_setstacksize fake_setstacksize
 #include "pingmon.cpp"
-#undef pthread_create
-#undef pthread_attr_init
-#undef pthread_attr_setdetachstate
-#undef pthread_attr_setstacksize
 
 #include "checker_place.h"
 #include "fake_core.h"
@@ -23,6 +9,9 @@ static int fake_setstacksize(pthread_attr_t* attr, size_t size);
 #include <atomic>
 #include <mutex>
 #include <thread>
+
+using thread_library::attr_error, thread_library::detach_error, thread_library::stack_error;
+using thread_library::create_error, thread_library::running;
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
@@ -35,10 +24,8 @@ std::mutex calls_mutex;
 std::string calls;               /* of the engine, one a line */
 std::vector<double> round_trips; /* what it answers; empty: null */
 std::atomic<bool> silent;        /* it does not, for the time being */
-std::atomic<int> running{0}, threads{0};
+std::atomic<int> threads{0};
 std::vector<int> started; /* the tests, in the order of their threads */
-int create_error, init_error, detach_error, stack_error;
-size_t stack_size;
 
 } // namespace
 
@@ -60,45 +47,14 @@ double* ping(const char* pDest, unsigned int nTimeout, int pCount, unsigned shor
     return answer;
 }
 
-/* Counts the threads, so that a test can wait for their ends. */
-struct counted {
-    void* (*run)(void*);
-    void* arg;
-};
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg) {
-    int state = -1;
-    pthread_attr_getdetachstate(attr, &state);
-    EXPECT_EQ(PTHREAD_CREATE_DETACHED, state);
-    pthread_attr_getstacksize(attr, &stack_size);
-    if (create_error != 0) {
-        return create_error;
-    }
-    {
+static int note_check(void* (*run)(void*), void* arg) {
+    if (run == ping_single_thread) {
+        EXPECT_EQ(PTHREAD_CREATE_DETACHED, thread_library::detach_state);
         std::lock_guard hold(calls_mutex);
         started.push_back(static_cast<ping_data*>(arg)->tid);
+        threads++;
     }
-    threads++;
-    running++;
-    return pthread_create(
-        id, attr,
-        [](void* both) -> void* {
-            counted c = *static_cast<counted*>(both);
-            delete static_cast<counted*>(both);
-            c.run(c.arg);
-            running--;
-            return nullptr;
-        },
-        new counted{run, arg});
-}
-static int fake_attr_init(pthread_attr_t* attr) {
-    return init_error != 0 ? init_error : pthread_attr_init(attr);
-}
-static int fake_setdetachstate(pthread_attr_t* attr, int state) {
-    return detach_error != 0 ? detach_error : pthread_attr_setdetachstate(attr, state);
-}
-static int fake_setstacksize(pthread_attr_t* attr, size_t size) {
-    return stack_error != 0 ? stack_error : pthread_attr_setstacksize(attr, size);
+    return 0;
 }
 
 namespace {
@@ -108,7 +64,8 @@ protected:
     char host[12] = "db.example";
 
     void SetUp() override {
-        create_error = init_error = detach_error = stack_error = 0;
+        thread_library::reset();
+        thread_library::about_to_create = note_check;
         round_trips = {1.0};
         silent = false;
         calls.clear();
@@ -214,7 +171,7 @@ TEST_F(PingChecker, every_test_has_its_thread) {
     }
     EXPECT_EQ(5u, round().size());
     EXPECT_EQ(5, threads);
-    EXPECT_EQ(WORKER_STACK_SIZE, stack_size);
+    EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_size);
     EXPECT_EQ((std::vector<int>{1, 2, 3, 4, 5}), started);
     started.clear();
     rem_ping(2);
@@ -304,10 +261,10 @@ TEST_F(PingChecker, checks_under_way_are_bounded) {
 TEST_F(PingChecker, rounds_that_cannot_begin) {
     add_ping(1, 9, host, 0, 1, 1, 0);
     take_log();
-    init_error = ENOMEM;
+    attr_error = ENOMEM;
     EXPECT_TRUE(round().empty());
     EXPECT_EQ("0 ERROR:\tpthread_attr_init returns: 12\n", take_log_text());
-    init_error = 0;
+    attr_error = 0;
     detach_error = EINVAL;
     EXPECT_TRUE(round().empty());
     EXPECT_EQ("0 ERROR:\tpthread_attr_setdetachstate returns: 22\n", take_log_text());
@@ -387,7 +344,7 @@ TEST_F(PingChecker, copies) {
     EXPECT_STREQ(host, copy->host);
     EXPECT_EQ(6, copy->max_lost);
     EXPECT_EQ(1, copy->isFirstCheck);
-    free_test(copy);
+    ping_list::dispose(copy);
 }
 
 /* Everything at once from several threads, with checks in flight; the sanitizers watch. */

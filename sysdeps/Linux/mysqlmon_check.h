@@ -14,13 +14,13 @@ struct MySQL_Data {
     int port;
     char* user;
     char* pass;
-    char* unixsock;    /* null: the one that the library knows */
-    unsigned int tout; /* seconds, 0 without limit: for the connection (GetValuesFromDB) */
-    char** arr;        /* names of what is checked */
-    size_t arr_len;
-    double** maxValues; /* arr_len upper limits, each null when there is none */
-    double** minValues; /* and lower ones */
-    int isFirstCheck;   /* 1 after add or modify until a round has started the test */
+    char* unixsock;       /* null: the one that the library knows */
+    unsigned int tout;    /* seconds, 0 without limit: for the connection (GetValuesFromDB) */
+    char** arr = nullptr; /* names of what is checked */
+    size_t arr_len = 0;
+    double** maxValues = nullptr; /* arr_len upper limits, each null when there is none */
+    double** minValues = nullptr; /* and lower ones */
+    int isFirstCheck = 1;         /* 1 after add or modify until a round has started the test */
 };
 
 /* Takes the names and limits from a parameter list, in place of what the definition holds: entries

@@ -18,7 +18,14 @@
 #ifndef VINDRAL_MYSQLMON_LIB_H
 #define VINDRAL_MYSQLMON_LIB_H
 
+/* The header of either family. */
+#if __has_include(<mysql.h>)
 #include <mysql.h>
+#elif __has_include(<mariadb/mysql.h>)
+#include <mariadb/mysql.h>
+#else
+#include <mysql/mysql.h>
+#endif
 
 extern decltype(&mysql_init) lib_mysql_init;
 extern decltype(&mysql_error) lib_mysql_error;

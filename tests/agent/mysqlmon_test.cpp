@@ -1,21 +1,7 @@
 /* MySQL checker: records, rounds, list operations, lifecycle, with and without the library. */
-#include <pthread.h>
+#include "thread_library.h"
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg);
-static int fake_attr_init(pthread_attr_t* attr);
-static int fake_setdetachstate(pthread_attr_t* attr, int state);
-static int fake_setstacksize(pthread_attr_t* attr, size_t size);
-
-#define pthread_create fake_pthread_create
-#define pthread_attr_init fake_attr_init
-#define pthread_attr_setdetachstate fake_setdetachstate
-#define pthread_attr_setstacksize fake_setstacksize
 #include "mysqlmon.cpp"
-#undef pthread_create
-#undef pthread_attr_init
-#undef pthread_attr_setdetachstate
-#undef pthread_attr_setstacksize
 
 #include "checker_place.h"
 #include "fake_core.h"
@@ -24,6 +10,9 @@ static int fake_setstacksize(pthread_attr_t* attr, size_t size);
 #include <cmath>
 #include <mutex>
 #include <thread>
+
+using thread_library::attr_error, thread_library::detach_error, thread_library::stack_error;
+using thread_library::create_error, thread_library::running, thread_library::stack_size;
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
@@ -43,9 +32,9 @@ decltype(&mysql_fetch_row) lib_mysql_fetch_row;
 decltype(&mysql_free_result) lib_mysql_free_result;
 decltype(&mysql_close) lib_mysql_close;
 
-static const char* load_failure; /* null: it loads */
+static std::string load_failure; /* empty: it loads */
 char* init_mysql_lib() {
-    return load_failure != nullptr ? strdup(load_failure) : nullptr;
+    return load_failure.empty() ? nullptr : load_failure.data();
 }
 
 static std::atomic<int> threads_ended;
@@ -105,57 +94,21 @@ void install_library() {
 
 /* --- threads --------------------------------------------------------------------------------- */
 
-std::atomic<int> running{0}, threads{0};
+std::atomic<int> threads{0};
 std::vector<int> started; /* the tests, in the order of their threads */
-int create_error, init_error, detach_error, stack_error;
-size_t stack_size;
-
-/* Counts the threads, so that a test can wait for their ends. */
-struct counted {
-    void* (*run)(void*);
-    void* arg;
-};
 
 } // namespace
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg) {
-    pthread_attr_getstacksize(attr, &stack_size);
-    if (create_error != 0) {
-        return create_error;
-    }
-    int state = -1;
-    pthread_attr_getdetachstate(attr, &state);
-    if (run == mysql_worker_thread) {
-        EXPECT_EQ(PTHREAD_CREATE_JOINABLE, state);
-        return pthread_create(id, attr, run, arg);
-    }
-    EXPECT_EQ(PTHREAD_CREATE_DETACHED, state);
-    {
+static int note_check(void* (*run)(void*), void* arg) {
+    bool is_worker = run == mysql_worker_thread;
+    EXPECT_EQ(is_worker ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED,
+              thread_library::detach_state);
+    if (run == do_single_mysql_check) {
         std::lock_guard hold(calls_mutex);
         started.push_back(static_cast<MySQL_Data*>(arg)->tid);
+        threads++;
     }
-    threads++;
-    running++;
-    return pthread_create(
-        id, attr,
-        [](void* both) -> void* {
-            counted c = *static_cast<counted*>(both);
-            delete static_cast<counted*>(both);
-            c.run(c.arg);
-            running--;
-            return nullptr;
-        },
-        new counted{run, arg});
-}
-static int fake_attr_init(pthread_attr_t* attr) {
-    return init_error != 0 ? init_error : pthread_attr_init(attr);
-}
-static int fake_setdetachstate(pthread_attr_t* attr, int state) {
-    return detach_error != 0 ? detach_error : pthread_attr_setdetachstate(attr, state);
-}
-static int fake_setstacksize(pthread_attr_t* attr, size_t size) {
-    return stack_error != 0 ? stack_error : pthread_attr_setstacksize(attr, size);
+    return 0;
 }
 
 namespace {
@@ -166,11 +119,12 @@ protected:
 
     void SetUp() override {
         install_library();
-        create_error = init_error = detach_error = stack_error = 0;
+        thread_library::reset();
+        thread_library::about_to_create = note_check;
         silent = refusing = false;
         refusal = "no";
         response_time_us = 0;
-        load_failure = nullptr;
+        load_failure.clear();
         calls.clear();
         started.clear();
         threads = wake_ups = threads_ended = 0;
@@ -178,7 +132,6 @@ protected:
     }
     void TearDown() override {
         rem_mysqldesc_all();
-        free(mysql_initialization_status);
         mysql_initialization_status = nullptr;
         take_records(get_mysql_results);
         EXPECT_EQ(0, connections_open);
@@ -378,12 +331,12 @@ TEST_F(MysqlChecker, without_a_thread_nothing_is_reported) {
 
 TEST_F(MysqlChecker, rounds_that_cannot_begin) {
     add(1);
-    init_error = ENOMEM;
+    attr_error = ENOMEM;
     EXPECT_TRUE(round().empty());
     EXPECT_EQ("0 MySQL mmonitoring: Pthread attribute initialization failed. Error: 12, Cannot "
               "allocate memory \n",
               take_log_text());
-    init_error = 0;
+    attr_error = 0;
     detach_error = EINVAL;
     EXPECT_TRUE(round().empty());
     EXPECT_EQ("0 MySQL mmonitoring: Pthread detach state initialization failed. Error: 22, Invalid "
@@ -510,8 +463,7 @@ TEST_F(MysqlChecker, without_the_library_every_new_test_is_answered) {
     auto records = take_records(get_mysql_results);
     ASSERT_EQ(3u, records.size());
     for (const udc_content& r : records) {
-        EXPECT_EQ(
-            record(3, {"Error_Message|" + std::string(load_failure) + "|3;", load_failure}, r), r);
+        EXPECT_EQ(record(3, {"Error_Message|" + load_failure + "|3;", load_failure}, r), r);
         EXPECT_EQ(0u, r.ui32.at(4));
         EXPECT_LE(rounded(now), r.i64.at(0));
         EXPECT_GE(rounded(now_in_seconds()), r.i64.at(0));
@@ -526,8 +478,8 @@ TEST_F(MysqlChecker, without_the_library_every_new_test_is_answered) {
 }
 
 TEST_F(MysqlChecker, without_a_worker_every_new_test_is_answered) {
-    const std::pair<int*, const char*> failures[] = {
-        {&init_error, "MySQL monitoring: thread attribute initialization failed."},
+    const std::pair<std::atomic<int>*, const char*> failures[] = {
+        {&attr_error, "MySQL monitoring: thread attribute initialization failed."},
         {&stack_error, "MySQL monitoring: can not set thread stack size."},
         {&create_error, "MySQL monitoring: could not create mysql worker thread."},
     };
@@ -542,7 +494,6 @@ TEST_F(MysqlChecker, without_a_worker_every_new_test_is_answered) {
         ASSERT_EQ(1u, records.size());
         EXPECT_EQ(record(3, {"Error_Message|" + std::string(text) + "|3;", text}, records[0]),
                   records[0]);
-        free(mysql_initialization_status);
         mysql_initialization_status = nullptr;
     }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

@@ -2,12 +2,10 @@
 
 #include "checker.h"
 #include "checks_under_way.h"
-#include "udc.h"
-#include "vindral_common.h"
-
-#include <climits>
-
-static const uint32_t HTTP_RECORD = 49;
+#include "record_writer.h"
+#include "test_list.h"
+#include "thread_start.h"
+#include "vindral_log.h"
 
 static constinit checker http = {.thread_name = "http",
                                  .pass = do_http_check,
@@ -15,68 +13,43 @@ static constinit checker http = {.thread_name = "http",
                                  .stack_message = "Can not set ping thread stack size."};
 static constinit mutex& HTTP_MON_MUTEX = http.mon_mutex;
 static constinit checks_under_way http_checks{.kind = "HTTP"};
-static aHost** host_list GUARDED_BY(HTTP_MON_MUTEX);
-static int host_list_len GUARDED_BY(HTTP_MON_MUTEX);
+using http_list =
+    test_list<aHost, &aHost::id, &aHost::host, &aHost::uri, &aHost::port, &aHost::mutch,
+              &aHost::regexp, &aHost::post, &aHost::dns, &aHost::expIP, &aHost::expAuth,
+              &aHost::user, &aHost::pass, &aHost::tout, &aHost::userAgent>;
+static constinit http_list host_list GUARDED_BY(HTTP_MON_MUTEX);
 
 /* --- the definition -------------------------------------------------------------------------- */
 
-/* What a copy for a check carries; the user agent is not among it. */
-static char* aHost::*const COPIED_TEXTS[] = {
-    &aHost::host, &aHost::uri,   &aHost::port,    &aHost::mutch, &aHost::regexp, &aHost::post,
-    &aHost::dns,  &aHost::expIP, &aHost::expAuth, &aHost::user,  &aHost::pass,   &aHost::tout,
-};
-
 aHost* dup_aHost(aHost* pah) {
-    aHost* copy = pah != nullptr ? static_cast<aHost*>(malloc(sizeof(aHost))) : nullptr;
-    if (copy == nullptr) {
+    if (pah == nullptr) {
         return nullptr;
     }
-    *copy = *pah;
-    copy->timeout = 0;
-    copy->userAgent = nullptr;
-    copy->currNokCount = 0;
-    bool complete = true;
-    for (auto text : COPIED_TEXTS) {
-        if (pah->*text != nullptr) {
-            copy->*text = strdup(pah->*text);
-            complete = complete && copy->*text != nullptr;
-        }
-    }
-    if (!complete) {
-        free_aHost(&copy);
-    }
-    return copy;
+    aHost carried = *pah;
+    carried.timeout = 0;
+    carried.userAgent = nullptr;
+    carried.currNokCount = 0;
+    return http_list::duplicate(carried);
 }
 
 void free_aHost(aHost** pah) {
-    if (*pah == nullptr) {
-        return;
+    if (*pah != nullptr) {
+        http_list::dispose(*pah);
+        *pah = nullptr;
     }
-    for (auto text : COPIED_TEXTS) {
-        free((*pah)->*text);
-    }
-    free((*pah)->userAgent);
-    free(*pah);
-    *pah = nullptr;
 }
 
 /* --- one check ------------------------------------------------------------------------------- */
 
 static void add_http_record(const com_result& r, const char* addInfo) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 7, 1, 0, 0, 1)) {
-        return;
+    UDCW* record = make_record<protocol::http>(
+        named<"test">(r.tid), named<"location">(r.loc_id), named<"status">(r.newStatus),
+        named<"time">(static_cast<long>(r.spentTime)), named<"code">(r.rsp_code),
+        named<"size">(r.content_length), named<"time">(now_in_seconds()),
+        named<"message">(addInfo));
+    if (record != nullptr) {
+        checker_add_record(http, record);
     }
-    udcw_add(record, UDC_UI32, HTTP_RECORD);
-    udcw_add(record, UDC_UI32, r.tid);
-    udcw_add(record, UDC_UI32, r.loc_id);
-    udcw_add(record, UDC_UI32, r.newStatus);
-    udcw_add(record, UDC_UI32, static_cast<long>(r.spentTime));
-    udcw_add(record, UDC_UI32, r.rsp_code);
-    udcw_add(record, UDC_UI32, r.content_length);
-    udcw_add(record, UDC_STRING, addInfo);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    checker_add_record(http, record);
 }
 
 static void check_http_test(aHost* test) {
@@ -110,142 +83,92 @@ void* http_check_thread(void* arg) {
 
 /* --- the round ------------------------------------------------------------------------------- */
 
-/* Attributes of a check's thread. Returns 1, and the caller destroys them, or 0 with a line in the
- * log. */
-static int make_check_attributes(pthread_attr_t* attributes) {
-    if (int error = pthread_attr_init(attributes)) {
-        leveledadd2log(0, "pthread_attr_init failed. Error: %d, %s", error, strerror(error));
-        return 0;
-    }
-    const char* failed = "pthread_attr_setdetachstate";
-    int error = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
-    if (error == 0) {
-        failed = "pthread_attr_setstacksize";
-        error = pthread_attr_setstacksize(attributes, WORKER_STACK_SIZE);
-    }
-    if (error != 0) {
-        leveledadd2log(0, "%s failed. Error: %d, %s", failed, error, strerror(error));
-        pthread_attr_destroy(attributes);
-        return 0;
-    }
-    return 1;
-}
-
-/* The check has been counted; what is not started ends with the scope. */
-static void start_check(aHost* test, const pthread_attr_t* attributes, check_under_way& counted) {
-    aHost* copy = dup_aHost(test);
-    if (copy == nullptr) {
-        return;
-    }
-    pthread_t thread;
-    if (int error = pthread_create(&thread, attributes, http_check_thread, copy)) {
-        free_aHost(&copy);
-        leveledadd2log(0, "Thread creation Failed, Error: %d, %s", error, strerror(error));
-        return;
-    }
-    counted.release();
-}
-
 void do_http_check() {
-    pthread_attr_t attributes;
-    if (!make_check_attributes(&attributes)) {
-        return;
-    }
-    {
+    static constexpr thread_kind HTTP_CHECK = {
+        .detached = true,
+        .log = leveledadd2log,
+        .attr_message = "pthread_attr_init failed. Error: %d, %s",
+        .detach_message = "pthread_attr_setdetachstate failed. Error: %d, %s",
+        .stack_message = "pthread_attr_setstacksize failed. Error: %d, %s",
+        .create_message = "Thread creation Failed, Error: %d, %s"};
+    thread_starter starter(HTTP_CHECK);
+    if (starter) {
         lock hold(HTTP_MON_MUTEX);
-        for (int i = 0; i < host_list_len; i++) {
-            check_under_way counted(http_checks, host_list[i]->id);
-            if (counted) {
-                start_check(host_list[i], &attributes, counted);
-                host_list[i]->isFirstCheck = 0;
-            }
-        }
+        start_checks(host_list, &aHost::id, http_checks, starter, http_check_thread, dup_aHost);
     }
-    pthread_attr_destroy(&attributes);
 }
 
 /* --- the list -------------------------------------------------------------------------------- */
 
-static int http_index(long id) REQUIRES(HTTP_MON_MUTEX) {
-    return test_index(host_list, host_list_len, &aHost::id, id);
-}
-
 int is_new_http(int tID) {
     lock hold(HTTP_MON_MUTEX);
-    return http_index(tID) < 0 ? 1 : 0;
+    return host_list.find(tID) == nullptr ? 1 : 0;
 }
 
-static const char* or_default(const char* text, const char* otherwise) {
-    return text != nullptr && text[0] != '\0' ? text : otherwise;
+/* The text is only read: the list makes copies. */
+static char* or_default(char* text, const char* otherwise) {
+    return text != nullptr && text[0] != '\0' ? text : const_cast<char*>(otherwise);
 }
 
 static const char* or_null(const char* text) {
     return text != nullptr ? text : "(null)";
 }
 
-/* Null when memory is short; a text that is optional and could not be copied is then missing. */
-static aHost* make_test(long _id, int _loc_id, const char* _host, const char* _url,
-                        const char* _port, const char* _mutch, const char* _post, const char* _user,
-                        const char* _pass, const char* _tout, const char* _userAgent, int _isSSL,
-                        int _Redirect, int _loadFullPage, int _mustbefound, int _method) {
-    aHost* test = static_cast<aHost*>(calloc(1, sizeof(aHost)));
-    if (test == nullptr) {
-        return nullptr;
+static bool is_complete(const aHost& test) {
+    return test.id != 0 && test.host != nullptr && test.uri != nullptr && test.port != nullptr;
+}
+
+static void log_new_test(const aHost& test) {
+    leveledadd2log(5,
+                   "HTTP test:\n\tID:          %d\n\tLoc:         %d\n\tHost:        %s\n"
+                   "\tURL:         %s\n\tPort:        %s\n\tMutch:       %s\n\tPost:        %s\n"
+                   "\tUser:        %s\n\tPass:        %s\n\tTout:        %s\n\tUserAgent    %s\n"
+                   "\tSSL:         %d\n\tRedir:       %d\n\tFull:        %d\n\tFound:       %d\n"
+                   "\tMeth:        %d\n",
+                   static_cast<int>(test.id), test.loc_id, test.host, test.uri, test.port,
+                   or_default(test.mutch, "N/A"), or_default(test.post, "N/A"),
+                   or_default(test.user, "N/A"), or_default(test.pass, "N/A"), or_null(test.tout),
+                   or_null(test.userAgent), test.isSSL, test.Redirect, test.loadFullPage,
+                   test.mustbefound, test.method);
+}
+
+/* What is empty is as good as not given, and the test is new. */
+static aHost filled_in(aHost test) {
+    for (auto text : {&aHost::mutch, &aHost::post, &aHost::user, &aHost::pass}) {
+        test.*text = or_default(test.*text, nullptr);
     }
-    test->id = _id;
-    test->loc_id = _loc_id;
-    test->host = strdup(_host);
-    test->uri = strdup(_url);
-    test->port = strdup(_port);
-    test->mutch = copy_text(_mutch);
-    test->post = copy_text(_post);
-    test->user = copy_text(_user);
-    test->pass = copy_text(_pass);
-    test->tout = strdup(or_default(_tout, "10"));
-    test->userAgent = strdup(or_default(_userAgent, DEFAULT_USER_AGENT));
-    test->isSSL = _isSSL;
-    test->Redirect = _Redirect;
-    test->loadFullPage = _loadFullPage;
-    test->mustbefound = _mustbefound;
-    test->method = _method;
-    test->isFirstCheck = 1;
-    if (test->host == nullptr || test->uri == nullptr || test->port == nullptr ||
-        test->tout == nullptr) {
-        free_aHost(&test);
-    }
+    test.tout = or_default(test.tout, "10");
+    test.userAgent = or_default(test.userAgent, DEFAULT_USER_AGENT);
+    test.isFirstCheck = 1;
     return test;
 }
 
 void add_http(long _id, int _loc_id, char* _host, char* _url, char* _port, char* _mutch,
               char* _post, char* _user, char* _pass, char* _tout, char* _userAgent, int _isSSL,
               int _Redirect, int _loadFullPage, int _mustbefound, int _method) {
-    if (_id == 0 || _host == nullptr || _url == nullptr || _port == nullptr) {
-        return;
-    }
+    const aHost given = {.id = _id,
+                         .loc_id = _loc_id,
+                         .host = _host,
+                         .uri = _url,
+                         .port = _port,
+                         .mutch = _mutch,
+                         .post = _post,
+                         .user = _user,
+                         .pass = _pass,
+                         .tout = _tout,
+                         .isSSL = _isSSL,
+                         .Redirect = _Redirect,
+                         .loadFullPage = _loadFullPage,
+                         .mustbefound = _mustbefound,
+                         .method = _method,
+                         .userAgent = _userAgent};
     {
         lock hold(HTTP_MON_MUTEX);
-        if (http_index(_id) >= 0) {
+        if (!is_complete(given) || host_list.find(_id) != nullptr) {
             return;
         }
-        leveledadd2log(
-            5,
-            "HTTP test:\n\tID:          %d\n\tLoc:         %d\n\tHost:        %s\n"
-            "\tURL:         %s\n\tPort:        %s\n\tMutch:       %s\n\tPost:        %s\n"
-            "\tUser:        %s\n\tPass:        %s\n\tTout:        %s\n\tUserAgent    %s\n"
-            "\tSSL:         %d\n\tRedir:       %d\n\tFull:        %d\n\tFound:       %d\n"
-            "\tMeth:        %d\n",
-            static_cast<int>(_id), _loc_id, _host, _url, _port, or_default(_mutch, "N/A"),
-            or_default(_post, "N/A"), or_default(_user, "N/A"), or_default(_pass, "N/A"),
-            or_null(_tout), or_null(_userAgent), _isSSL, _Redirect, _loadFullPage, _mustbefound,
-            _method);
-        aHost* test =
-            make_test(_id, _loc_id, _host, _url, _port, _mutch, _post, _user, _pass, _tout,
-                      _userAgent, _isSSL, _Redirect, _loadFullPage, _mustbefound, _method);
-        if (test == nullptr) {
-            return;
-        }
-        if (!append_test(host_list, host_list_len, test)) {
-            free_aHost(&test);
+        log_new_test(given);
+        if (!host_list.add(filled_in(given))) {
             return;
         }
     }
@@ -255,38 +178,34 @@ void add_http(long _id, int _loc_id, char* _host, char* _url, char* _port, char*
 void modify_http(long _id, int _loc_id, char* _host, char* _url, char* _port, char* _mutch,
                  char* _post, char* _user, char* _pass, char* _tout, char* _userAgent, int _isSSL,
                  int _Redirect, int _loadFullPage, int _mustbefound, int _method) {
-    if (_id == 0 || _host == nullptr || _url == nullptr || _port == nullptr) {
-        return;
-    }
+    const aHost given = {.id = _id,
+                         .loc_id = _loc_id,
+                         .host = _host,
+                         .uri = _url,
+                         .port = _port,
+                         .mutch = _mutch,
+                         .post = _post,
+                         .user = _user,
+                         .pass = _pass,
+                         .tout = _tout,
+                         .isSSL = _isSSL,
+                         .Redirect = _Redirect,
+                         .loadFullPage = _loadFullPage,
+                         .mustbefound = _mustbefound,
+                         .method = _method,
+                         .userAgent = _userAgent};
     {
         lock hold(HTTP_MON_MUTEX);
-        int index = http_index(_id);
-        if (index < 0) {
+        if (!is_complete(given) || !host_list.replace(filled_in(given))) {
             return;
         }
-        aHost* test =
-            make_test(_id, _loc_id, _host, _url, _port, _mutch, _post, _user, _pass, _tout,
-                      _userAgent, _isSSL, _Redirect, _loadFullPage, _mustbefound, _method);
-        if (test == nullptr) {
-            return;
-        }
-        free_aHost(&host_list[index]);
-        host_list[index] = test;
     }
     checker_wake(http);
 }
 
 void rem_http(int t_id) {
-    if (t_id == 0) {
-        return;
-    }
     lock hold(HTTP_MON_MUTEX);
-    int index = http_index(t_id);
-    if (index < 0) {
-        return;
-    }
-    aHost* test = take_test(host_list, host_list_len, index);
-    free_aHost(&test);
+    host_list.remove(t_id);
 }
 
 int init_http_mon() {

@@ -25,29 +25,29 @@ struct aHost {
     char* host; /* to connect to */
     char* uri;  /* path and query */
     char* port;
-    int interval;     /* no command sets it: copied only */
-    time_t nextcheck; /* likewise */
-    int htype;        /* likewise */
-    char* mutch;      /* text to look for in the body; null: none */
-    char* regexp;     /* likewise copied only, as are dns, expIP and expAuth */
-    char* post;       /* form data; null: none */
-    char* dns;
-    char* expIP;
-    char* expAuth;
+    int interval = 0; /* no command sets it: copied only, as the next two */
+    time_t nextcheck = 0;
+    int htype = 0;
+    char* mutch;            /* text to look for in the body; null: none */
+    char* regexp = nullptr; /* copied only, as are dns, expIP and expAuth */
+    char* post;             /* form data; null: none */
+    char* dns = nullptr;
+    char* expIP = nullptr;
+    char* expAuth = nullptr;
     char* user; /* basic authentication needs both; null: none */
     char* pass;
-    char* tout;       /* seconds for the whole check, decimal; no number gives no time */
-    int isSSL;        /* 1: TLS */
-    int ReCheckCnt;   /* copied only */
-    int ReCheckInt;   /* copied only */
-    int Redirect;     /* 1: follow 3xx */
-    int loadFullPage; /* 1: end with the announced length, and look for `mutch` */
-    int mustbefound;  /* 1: `mutch` must be in the body, 0: it must not */
-    int method;       /* 1 POST, 2 HEAD, others GET */
-    int timeout;      /* never set */
-    char* userAgent;  /* header line with its line end; a copy for a check does not carry it */
-    int currNokCount; /* never set */
-    int isFirstCheck; /* 1 after add or modify until a round has started the test */
+    char* tout;           /* seconds for the whole check, decimal; no number gives no time */
+    int isSSL;            /* 1: TLS */
+    int ReCheckCnt = 0;   /* copied only */
+    int ReCheckInt = 0;   /* copied only */
+    int Redirect;         /* 1: follow 3xx */
+    int loadFullPage;     /* 1: end with the announced length, and look for `mutch` */
+    int mustbefound;      /* 1: `mutch` must be in the body, 0: it must not */
+    int method;           /* 1 POST, 2 HEAD, others GET */
+    int timeout = 0;      /* never set */
+    char* userAgent;      /* header line with its line end; a copy for a check does not carry it */
+    int currNokCount = 0; /* never set */
+    int isFirstCheck = 0; /* 1 after add or modify until a round has started the test */
 };
 
 /* What came of one check. The sizes are those of the last response, as much of it as came. */

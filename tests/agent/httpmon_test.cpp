@@ -3,6 +3,7 @@
 #include "fake_core.h"
 #include "guards.h"
 #include "libsslloader.h"
+#include "thread_library.h"
 #include "tls_peer.h"
 #include "udc_reader.h"
 
@@ -23,45 +24,22 @@
 #include <thread>
 #include <vector>
 
-/* --- threads as httpmon.cpp meets them: the real ones, unless a test says otherwise ------------
- */
+#include "httpmon.cpp"
 
-static std::deque<int> create_errors; /* of the next creations; 0 creates */
-static int init_error = 0, detach_error = 0, stack_error = 0;
-static size_t asked_stack = 0;
+using thread_library::attr_error, thread_library::detach_error, thread_library::stack_error;
+
+static std::deque<int> create_errors;   /* of the next creations; 0 creates */
 static std::atomic<size_t> created = 0; /* threads */
-
-static int test_attr_init(pthread_attr_t* a) {
-    return init_error != 0 ? init_error : pthread_attr_init(a);
-}
-static int test_attr_setdetachstate(pthread_attr_t* a, int state) {
-    EXPECT_EQ(PTHREAD_CREATE_DETACHED, state);
-    return detach_error != 0 ? detach_error : pthread_attr_setdetachstate(a, state);
-}
-static int test_attr_setstacksize(pthread_attr_t* a, size_t size) {
-    asked_stack = size;
-    return stack_error != 0 ? stack_error : pthread_attr_setstacksize(a, size);
-}
-static int test_create(pthread_t* thread, const pthread_attr_t* a, void* (*body)(void*),
-                       void* arg) {
+static int note_thread(void* (*)(void*), void*) {
+    EXPECT_EQ(PTHREAD_CREATE_DETACHED, thread_library::detach_state);
     int error = 0;
     if (!create_errors.empty()) {
         error = create_errors.front();
         create_errors.pop_front();
     }
     created += error == 0;
-    return error != 0 ? error : pthread_create(thread, a, body, arg);
+    return error;
 }
-
-#define pthread_attr_init test_attr_init
-#define pthread_attr_setdetachstate test_attr_setdetachstate
-#define pthread_attr_setstacksize test_attr_setstacksize
-#define pthread_create test_create
-#include "httpmon.cpp"
-#undef pthread_attr_init
-#undef pthread_attr_setdetachstate
-#undef pthread_attr_setstacksize
-#undef pthread_create
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
@@ -172,29 +150,27 @@ std::vector<http_record> await_records(size_t count) {
 class http_checker : public testing::Test {
 protected:
     void SetUp() override {
+        thread_library::reset();
+        thread_library::about_to_create = note_thread;
         wake_ups = 0;
         take_log();
     }
     void TearDown() override {
         create_errors.clear();
-        init_error = detach_error = stack_error = 0;
+        thread_library::reset();
         lock hold(HTTP_MON_MUTEX);
-        while (host_list_len > 0) {
-            aHost* test = take_test(host_list, host_list_len, 0);
-            free_aHost(&test);
-        }
-        EXPECT_EQ(nullptr, host_list);
+        host_list.clear();
     }
     /* The test at this place of the list. */
     const aHost& listed(int index) NO_THREAD_SAFETY_ANALYSIS {
-        EXPECT_LT(index, host_list_len);
+        EXPECT_LT(index, host_list.size());
         return *host_list[index];
     }
     std::string ids() {
         lock hold(HTTP_MON_MUTEX);
         std::string all;
-        for (int i = 0; i < host_list_len; i++) {
-            all += std::to_string(host_list[i]->id) + " ";
+        for (const aHost* test : host_list) {
+            all += std::to_string(test->id) + " ";
         }
         return all;
     }
@@ -693,7 +669,7 @@ TEST_F(http_checker, every_test_gets_a_thread_of_its_own) {
     add({.id = 1, .port = slow.port()});
     add({.id = 2, .port = quick.port()});
     do_http_check();
-    EXPECT_EQ(WORKER_STACK_SIZE, asked_stack);
+    EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_asked);
     EXPECT_TRUE(slow.await_pauses(1));
     std::vector<http_record> records;
     while (records.empty()) {
@@ -779,10 +755,10 @@ TEST_F(http_checker, a_thread_that_cannot_be_created_is_one_test_left_out) {
 TEST_F(http_checker, attributes_that_fail_skip_the_round) {
     add({.id = 1});
     take_log();
-    init_error = ENOMEM;
+    attr_error = ENOMEM;
     do_http_check();
     EXPECT_EQ("0 pthread_attr_init failed. Error: 12, Cannot allocate memory\n", take_log_text());
-    init_error = 0;
+    attr_error = 0;
     detach_error = EINVAL;
     do_http_check();
     EXPECT_EQ("0 pthread_attr_setdetachstate failed. Error: 22, Invalid argument\n",

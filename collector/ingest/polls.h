@@ -17,10 +17,10 @@
 #define VINDRAL_COLLECTOR_POLLS_H
 
 #include "ingest/exchange.h"
+#include "ingest/ingest.h"
 #include "ingest/instructions.h"
 #include "ingest/turns.h"
 #include "ingest/unpacker.h"
-#include "store/store.h"
 
 #include <boost/asio/io_context.hpp>
 #include <optional>
@@ -30,7 +30,7 @@
 class polls {
 public:
     /* This must outlive `context`, which destroys the exchanges that are under way. */
-    polls(boost::asio::io_context& context, exchange_room& room, unpacker& bodies, store& results,
+    polls(boost::asio::io_context& context, exchange_room& room, unpacker& bodies, ingest& results,
           instructions& commands)
         : context_(context), room_(room), bodies_(bodies), results_(results), commands_(commands),
           allowed_(room.options.allow.begin(), room.options.allow.end()) {}
@@ -58,7 +58,7 @@ private:
     boost::asio::io_context& context_;
     exchange_room& room_;
     unpacker& bodies_;
-    store& results_;
+    ingest& results_;
     instructions& commands_;
     const std::unordered_set<std::string> allowed_;
     session_table sessions_{room_.options.sessions};

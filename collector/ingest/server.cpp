@@ -10,7 +10,7 @@ using asio::awaitable;
 /* The context destroys the exchanges that are under way. So what they hold something of stands
  * before it, and what refers to them from other threads behind it. */
 struct server::state {
-    state(server_options options, SSL_CTX* t, store& results, instructions& commands,
+    state(server_options options, SSL_CTX* t, ingest& results, instructions& commands,
           log_function log)
         : room{std::move(options), event_log(std::move(log)), {}}, tls(t),
           agents(context, room, bodies, results, commands) {}
@@ -83,7 +83,7 @@ awaitable<void> server::state::converse(exchange& x) {
     }
 }
 
-server::server(server_options options, SSL_CTX* tls, store& results, instructions& commands,
+server::server(server_options options, SSL_CTX* tls, ingest& results, instructions& commands,
                log_function log)
     : state_(std::make_unique<state>(std::move(options), tls, results, commands, std::move(log))) {}
 

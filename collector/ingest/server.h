@@ -18,9 +18,9 @@
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
+#include "ingest/ingest.h"
 #include "ingest/instructions.h"
 #include "ingest/server_options.h"
-#include "store/store.h"
 
 #include <boost/asio/io_context.hpp>
 #include <cstdint>
@@ -36,7 +36,7 @@ public:
     /* `tls` and `commands` must outlive the server. `results` must outlive run() but be destroyed
      * before the server is: its thread may still be on its way out of a call to here. `log` gets
      * lines without a line end, few of them whatever strangers do, on the network thread only. */
-    server(server_options options, SSL_CTX* tls, store& results, instructions& commands,
+    server(server_options options, SSL_CTX* tls, ingest& results, instructions& commands,
            log_function log);
     ~server();
 

@@ -1,6 +1,7 @@
 /* vindral-collector: options, start, stop. */
 #include "base/files.h"
 #include "base/text.h"
+#include "ingest/ingest.h"
 #include "ingest/server.h"
 #include "life/announce.h"
 #include "life/options.h"
@@ -8,7 +9,6 @@
 #include "plan/commands_for_agents.h"
 #include "show/output.h"
 #include "show/report.h"
-#include "store/store.h"
 
 #include <algorithm>
 #include <ctime>
@@ -82,6 +82,17 @@ static bool announce(const options& o, const server& collector, const identity_r
     return false;
 }
 
+/* What earlier runs stored. Null, and told, when it cannot be read: no reason not to go on. */
+static std::unique_ptr<result_reader> open_stored(const std::string& directory,
+                                                  result_output& output) {
+    std::string error;
+    std::unique_ptr<result_reader> stored = open_reader(directory, error);
+    if (!stored) {
+        output.on_problem("what is stored cannot be read: " + error);
+    }
+    return stored;
+}
+
 static int run_server(const options& o) {
     std::string error;
     /* It holds the key and what agents reported: its owner's business only. */
@@ -92,13 +103,15 @@ static int run_server(const options& o) {
         make_output(o.quiet      ? output_kind::quiet
                     : o.problems ? output_kind::problems
                                  : choose_output(STDOUT_FILENO, o.json));
-    store_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
+    ingest_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
-    std::unique_ptr<store> results = store::open(keeping, output.get(), error);
+    std::unique_ptr<ingest> results = ingest::open(keeping, output.get(), error);
     if (!results) {
         return fail(error);
     }
-    output->begin(*results);
+    if (std::unique_ptr<result_reader> stored = open_stored(o.state_dir, *output)) {
+        output->begin(*stored);
+    }
     identity_report identity;
     tls_context tls =
         prepare_tls(o, identity, error); /* after the store, which is one process' only */
@@ -121,7 +134,12 @@ static int run_server(const options& o) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
     known_tests earlier;
-    results->for_each_latest([&](const latest_result& latest) { earlier.add(latest); });
+    std::unique_ptr<result_reader> stored = open_stored(o.state_dir, *output);
+    if (stored && !stored->for_each_latest(
+                      [&](const latest_result& latest) { earlier.add(latest); }, error)) {
+        output->on_problem("what is stored cannot be read: " + error);
+    }
+    stored.reset();
     if (earlier.left_out() > 0) {
         early.push_back(std::to_string(earlier.left_out()) +
                         " tests of earlier runs are left out: taken out of the plan, they go on");

@@ -7,7 +7,7 @@
 #define VINDRAL_COLLECTOR_KNOWN_H
 
 #include "plan/plan.h"
-#include "store/store.h"
+#include "store/engine.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +20,7 @@ public:
     /* `most`: tests of all agents, some 16 bytes each; further ones are left out. */
     explicit known_tests(size_t most = 4u << 20) : most_(most) {}
 
-    /* From store::for_each_latest(). What is no test's result is passed over. */
+    /* From result_reader::for_each_latest(). What is no test's result is passed over. */
     void add(const latest_result& latest);
 
     std::vector<known_test> of(const std::string& account, const std::string& agent) const;

@@ -320,7 +320,8 @@ public:
         thread_.join();
     }
 
-    void on_record(const poll_block& from, const record& r) override {
+    void on_record(const poll_block& from, const decoded_record& result) override {
+        const record& r = result.content;
         if (!view_->shows_records()) {
             return;
         }
@@ -365,26 +366,34 @@ public:
         }
     }
 
-    void begin(const store& results) override {
+    void begin(result_reader& stored) override {
         if (!view_->keeps_state()) {
             return;
         }
-        results.for_each_agent([this](const known_agent& a) {
+        auto know_agent = [this](const known_agent& a) {
             wait_for_room();
             add({event_kind::known, std::string(a.account), std::string(a.agent), a.last_seen, "",
                  ""});
-        });
-        results.for_each_latest([this](const latest_result& l) {
+        };
+        auto know_result = [this](const latest_result& l) {
             if (l.record.size() <= max_shown) {
                 wait_for_room();
                 add({event_kind::result, std::string(l.account), std::string(l.agent), l.received,
                      std::string(l.record), ""});
             }
-        });
+        };
+        std::string error;
+        if (!stored.for_each_agent(know_agent, error)) {
+            on_problem(unreadable + error);
+        }
+        if (!stored.for_each_latest(know_result, error)) {
+            on_problem(unreadable + error);
+        }
     }
 
 private:
     enum { max_shown = 1 << 20 };
+    const std::string unreadable = "what is stored cannot be read: ";
 
     void add(event e) {
         std::lock_guard hold(mutex_);

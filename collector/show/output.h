@@ -9,8 +9,8 @@
 #ifndef VINDRAL_COLLECTOR_OUTPUT_H
 #define VINDRAL_COLLECTOR_OUTPUT_H
 
+#include "ingest/ingest.h"
 #include "plan/plan.h"
-#include "store/store.h"
 
 #include <cstddef>
 #include <memory>
@@ -37,9 +37,8 @@ struct output_options {
  * and storing goes on. */
 class result_output : public store_listener {
 public:
-    /* What the store knew when it was opened: the table begins with it. Before the first submit(),
-     * on the thread that opened it. */
-    virtual void begin(const store& results) = 0;
+    /* What was stored before: the table begins with it. Before the first submit(). */
+    virtual void begin(result_reader& stored) = 0;
 
     /* Lines for hosts, which the table shows as long as it knows no agent. */
     virtual void on_ready(const std::string& text) = 0;

@@ -8,6 +8,7 @@
 #define VINDRAL_COLLECTOR_LATEST_H
 
 #include "base/record_summary.h"
+#include "store/engine.h"
 
 #include <cstdint>
 #include <functional>
@@ -17,17 +18,6 @@
 #include <vector>
 
 enum { latest_max = 10000 };
-
-struct latest_entry {
-    uint32_t type = 0;
-    std::optional<int32_t> test; /* none: an inventory, or a type that is not known */
-    int64_t received = 0;        /* seconds since the epoch; its day tells the table */
-    int64_t row = 0;             /* id in that table */
-    std::optional<int64_t> time; /* of the check */
-    std::optional<int32_t> status;
-
-    auto key() const { return std::pair(type, test); }
-};
 
 /* The tests of one agent. */
 class latest_results {

@@ -26,7 +26,7 @@
  * up thus take their turn like any other, cost at most as many right ones, and those go one an
  * hour.
  */
-#include "store/store.h"
+#include "ingest/ingest.h"
 
 #include "base/record_summary.h"
 #include "base/text.h"
@@ -367,9 +367,9 @@ bool each_latest(sqlite3* db, const std::function<void(const latest_result&)>& e
     return error.empty();
 }
 
-class sqlite_store final : public store {
+class sqlite_store final : public ingest {
 public:
-    sqlite_store(const store_options& options, store_listener* listener, unique_fd lock)
+    sqlite_store(const ingest_options& options, store_listener* listener, unique_fd lock)
         : options_(options), listener_(listener), lock_(std::move(lock)) {}
 
     ~sqlite_store() override {
@@ -393,9 +393,6 @@ public:
         pthread_setname_np(writer_.native_handle(), "store");
         return true;
     }
-
-    void for_each_agent(const std::function<void(const known_agent&)>& each) const override;
-    void for_each_latest(const std::function<void(const latest_result&)>& each) const override;
 
     void submit(poll_block block, std::function<void(store_result)> done) override {
         if (block.plain.empty()) {
@@ -465,7 +462,7 @@ private:
 
     std::string aside_directory() const { return options_.directory + "/undecodable"; }
 
-    const store_options options_;
+    const ingest_options options_;
     store_listener* const listener_;
     unique_fd lock_;
 
@@ -993,39 +990,62 @@ bool sqlite_store::store_all(std::deque<job>& batch, std::string& error) {
     return result == SQLITE_OK;
 }
 
-/* By a connection of their own, which may be used whatever the writer does. */
-void sqlite_store::for_each_agent(const std::function<void(const known_agent&)>& each) const {
-    database db;
-    std::string error;
-    if (!database_open_reading(options_.directory, db, error)) {
-        tell_problem("what is stored cannot be read: " + error);
-        return;
+class sqlite_reader final : public result_reader {
+public:
+    bool open(const std::string& directory, std::string& error) {
+        place_ = database_path(directory);
+        return database_open_reading(directory, db_, error);
     }
-    statement rows(db.get(), "SELECT account, name, address, version, first_seen, last_seen "
-                             "FROM agents ORDER BY id");
-    int result = SQLITE_ERROR;
-    while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
-        each({.account = rows.bytes(0),
-              .agent = rows.bytes(1),
-              .address = rows.bytes(2),
-              .version = rows.bytes(3),
-              .first_seen = rows.integer(4),
-              .last_seen = rows.integer(5)});
-    }
-    if (result != SQLITE_DONE) {
-        tell_problem(std::string("what is stored cannot be read: ") + sqlite3_errmsg(db.get()));
-    }
-}
+    std::string place() const override { return place_; }
 
-void sqlite_store::for_each_latest(const std::function<void(const latest_result&)>& each) const {
-    database db;
-    std::string error;
-    bool ok = database_open_reading(options_.directory, db, error);
-    ok = ok && each_latest(db.get(), each, error);
-    if (!ok) {
-        tell_problem("what is stored cannot be read: " + error);
+    bool for_each_agent(const std::function<void(const known_agent&)>& each,
+                        std::string& error) override {
+        statement rows(db_.get(), "SELECT account, name, address, version, first_seen, last_seen "
+                                  "FROM agents ORDER BY id");
+        return for_each(
+            rows, [&] { each(agent_of(rows)); }, error);
     }
-}
+
+    bool for_each_latest(const std::function<void(const latest_result&)>& each,
+                         std::string& error) override {
+        error.clear();
+        return each_latest(db_.get(), each, error);
+    }
+
+    bool for_each_tested(
+        const std::function<void(const known_agent&, std::span<const latest_entry>)>& each,
+        std::string& error) override {
+        statement rows(db_.get(), "SELECT account, name, address, version, first_seen, last_seen, "
+                                  "latest FROM agents ORDER BY account, name");
+        auto each_row = [&] {
+            latest_results latest(rows.bytes(6));
+            each(agent_of(rows), latest.entries());
+        };
+        return for_each(rows, each_row, error);
+    }
+
+private:
+    static known_agent agent_of(const statement& row) {
+        return {.account = row.bytes(0),
+                .agent = row.bytes(1),
+                .address = row.bytes(2),
+                .version = row.bytes(3),
+                .first_seen = row.integer(4),
+                .last_seen = row.integer(5)};
+    }
+    template <typename Do>
+    bool for_each(statement& rows, Do each, std::string& error) {
+        int result = SQLITE_ERROR;
+        while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
+            each();
+        }
+        error = result == SQLITE_DONE ? "" : sqlite3_errmsg(db_.get());
+        return result == SQLITE_DONE;
+    }
+
+    std::string place_;
+    database db_;
+};
 
 void sqlite_store::tell_problem(const std::string& text) const {
     if (listener_ != nullptr) {
@@ -1046,7 +1066,7 @@ void sqlite_store::tell(const job& j) {
     }
     for (block_reader reader(j.part()); reader.next();) {
         if (reader.good) {
-            listener_->on_record(j.block, reader.current);
+            listener_->on_record(j.block, {reader.current, summarize(reader.current)});
         }
     }
     if (!j.kept_as.empty()) {
@@ -1266,13 +1286,13 @@ bool sqlite_store::forget_all_but(const std::vector<std::string>& days) {
 
 } // namespace
 
-std::unique_ptr<store> store::open(const store_options& options, store_listener* listener,
-                                   std::string& error) {
+std::unique_ptr<ingest> ingest::open(const ingest_options& options, store_listener* listener,
+                                     std::string& error) {
     if (options.directory.empty()) {
         error = "no state directory is named";
         return nullptr;
     }
-    store_options absolute = options;
+    ingest_options absolute = options;
     std::error_code failure;
     absolute.directory = fs::absolute(options.directory, failure).lexically_normal();
     fs::create_directories(fs::path(absolute.directory).parent_path(), failure);
@@ -1289,4 +1309,9 @@ std::unique_ptr<store> store::open(const store_options& options, store_listener*
         return nullptr;
     }
     return opened;
+}
+
+std::unique_ptr<result_reader> open_reader(const std::string& directory, std::string& error) {
+    auto reader = std::make_unique<sqlite_reader>();
+    return reader->open(directory, error) ? std::move(reader) : nullptr;
 }

@@ -281,7 +281,7 @@ struct order_of_events : store_listener {
         std::lock_guard hold(m);
         seen.push_back(what);
     }
-    void on_record(const poll_block& from, const record&) override {
+    void on_record(const poll_block& from, const decoded_record&) override {
         records++;
         if (on_each) {
             on_each(from);
@@ -296,8 +296,8 @@ struct order_of_events : store_listener {
 struct large_block : testing::Test {
     scratch_directory directory;
     order_of_events told;
-    store_options options{.directory = directory / "state"};
-    std::unique_ptr<store> s;
+    ingest_options options{.directory = directory / "state"};
+    std::unique_ptr<ingest> s;
 
     void SetUp() override {
         wall_clock = [] { return noon; };
@@ -309,7 +309,7 @@ struct large_block : testing::Test {
     }
     void open() {
         std::string error;
-        s = store::open(options, &told, error);
+        s = ingest::open(options, &told, error);
         ASSERT_TRUE(s) << error;
     }
     std::future<store_result> submit(const std::string& agent, std::string plain) {
@@ -469,7 +469,9 @@ TEST_F(large_block, the_last_results_of_many_tests_take_little_memory) {
     open();
     size_t told_of = 0;
     memory_meter meter;
-    s->for_each_latest([&](const latest_result&) { told_of++; });
+    std::string error;
+    ASSERT_TRUE(open_reader(options.directory, error)
+                    ->for_each_latest([&](const latest_result&) { told_of++; }, error));
     EXPECT_EQ(told_of, agents * latest_max);
     EXPECT_LT(meter.peak(), 16 * mb);
 }
@@ -626,7 +628,7 @@ TEST_F(large_block, a_thousand_pieces_a_poll_do_not_fill_the_disk) {
         void on_problem(const std::string& text) override { lines.push_back(text); }
     } told_too;
     std::string error;
-    s = store::open(options, &told_too, error);
+    s = ingest::open(options, &told_too, error);
     ASSERT_TRUE(s) << error;
     for (int i = 0; i < 100; i++) {
         std::string block = of_pieces(72000) + load_record(5, i);

@@ -50,7 +50,7 @@ static void show(store_listener& out, const std::string& bytes, const std::strin
     record r;
     std::string reason;
     ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
-    out.on_record({"a@b.c", agent, bytes, noon, "", ""}, r);
+    out.on_record({"a@b.c", agent, bytes, noon, "", ""}, {r, summarize(r)});
 }
 
 TEST(output, json_is_one_object_per_line_and_record) {
@@ -369,16 +369,19 @@ struct terminal {
     }
 };
 
-struct store_with_a_past : store {
-    void submit(poll_block, std::function<void(store_result)>) override {}
-    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+struct store_with_a_past : result_reader {
+    std::string place() const override { return ""; }
+    bool for_each_agent(const std::function<void(const known_agent&)>& each,
+                        std::string&) override {
         int64_t now = time(nullptr);
         for (int i = 0; i < 500; i++) {
             std::string name = "host" + std::to_string(i);
             each({"a@b.c", name, "192.0.2.1", "1", now - 100000, now - 30});
         }
+        return true;
     }
-    void for_each_latest(const std::function<void(const latest_result&)>& each) const override {
+    bool for_each_latest(const std::function<void(const latest_result&)>& each,
+                         std::string&) override {
         std::string fine = load_record(5, noon), bad = load_record(6, noon, 2, "too high\n");
         for (int i = 0; i < 500; i++) {
             std::string name = "host" + std::to_string(i);
@@ -386,6 +389,12 @@ struct store_with_a_past : store {
             each({"a@b.c", name, time(nullptr) - 40, i == 7 ? bad : fine});
             each({"a@b.c", name, time(nullptr) - 40, "no record"});
         }
+        return true;
+    }
+    bool
+    for_each_tested(const std::function<void(const known_agent&, std::span<const latest_entry>)>&,
+                    std::string&) override {
+        return true;
     }
 };
 
@@ -394,7 +403,8 @@ TEST(table, begins_with_what_the_store_knows) {
     setenv("TERM", "xterm", 1);
     /* A queue that holds a small part of it: begin() waits, nothing is dropped. */
     auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 20000});
-    o->begin(store_with_a_past());
+    store_with_a_past stored;
+    o->begin(stored);
     screen.read_until("1 problem, 500 ok - 501 tests on 500 hosts");
 }
 
@@ -428,10 +438,14 @@ TEST(table, tests_that_leave_the_plan_leave_the_screen) {
     screen.read_until("1 test on 1 host");
 }
 
-struct store_with_an_agent : store {
-    void submit(poll_block, std::function<void(store_result)>) override {}
-    void for_each_agent(const std::function<void(const known_agent&)>& each) const override {
+struct store_with_an_agent : store_with_a_past {
+    bool for_each_agent(const std::function<void(const known_agent&)>& each,
+                        std::string&) override {
         each({"a@b.c", "web1", "", "", noon, noon});
+        return true;
+    }
+    bool for_each_latest(const std::function<void(const latest_result&)>&, std::string&) override {
+        return true;
     }
 };
 
@@ -450,7 +464,8 @@ TEST(table, a_terminal_that_takes_nothing_costs_no_state) {
         for (int test = 2; test < 22; test++) {
             show(*o, load_record(test, noon));
         }
-        o->begin(store_with_an_agent()); /* waits until half of the queue is free */
+        store_with_an_agent stored;
+        o->begin(stored); /* waits until half of the queue is free */
     }
     screen.read_until("this one is bad");
 }

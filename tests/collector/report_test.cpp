@@ -1,8 +1,8 @@
 #include "show/report.h"
 
 #include "collector_test_support.h"
+#include "ingest/ingest.h"
 #include "store/database.h"
-#include "store/store.h"
 
 #include <future>
 #include <gtest/gtest.h>
@@ -14,12 +14,12 @@ struct report_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
     std::string plan_path = directory / "plan";
-    std::unique_ptr<store> s;
+    std::unique_ptr<ingest> s;
     missing_count count;
 
     void open() {
         std::string error;
-        s = store::open({.directory = state, .keep_days = 0}, nullptr, error);
+        s = ingest::open({.directory = state, .keep_days = 0}, nullptr, error);
         ASSERT_NE(s, nullptr) << error;
     }
 

@@ -39,7 +39,7 @@ namespace {
 
 /* ---- a store ---- */
 
-class fake_store : public store {
+class fake_store : public ingest {
 public:
     ~fake_store() override {
         {

@@ -19,7 +19,8 @@ struct recorder : store_listener {
     std::mutex m;
     strings records, undecodable, problems;
 
-    void on_record(const poll_block& from, const record& r) override {
+    void on_record(const poll_block& from, const decoded_record& result) override {
+        const record& r = result.content;
         std::lock_guard hold(m);
         records.push_back(from.agent + " " + std::to_string(r.ui32.size() > 1 ? r.ui32[1] : 0));
     }
@@ -44,7 +45,7 @@ struct store_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
     recorder told;
-    std::unique_ptr<store> s;
+    std::unique_ptr<ingest> s;
 
     void SetUp() override {
         wall_now = noon;
@@ -62,8 +63,8 @@ struct store_test : testing::Test {
 
     std::string open(int keep_days = 30, size_t max_queued = 64u << 20) {
         std::string error;
-        s = store::open({.directory = state, .keep_days = keep_days, .max_queued = max_queued},
-                        &told, error);
+        s = ingest::open({.directory = state, .keep_days = keep_days, .max_queued = max_queued},
+                         &told, error);
         EXPECT_EQ(s == nullptr, !error.empty());
         return error;
     }
@@ -102,35 +103,51 @@ struct store_test : testing::Test {
         }
         return rows;
     }
+
+    /* What a start of the collector reads; what cannot be read is told. */
+    template <typename Read>
+    void read_stored(Read all) {
+        std::string error;
+        std::unique_ptr<result_reader> stored = open_reader(state, error);
+        if (!stored || !all(*stored, error)) {
+            told.on_problem("what is stored cannot be read: " + error);
+        }
+    }
+
+    /* ACCOUNT/AGENT TEST TIME for each last result, TIME being that of the check. */
+    strings latest() {
+        strings found;
+        auto note = [&](const latest_result& last) {
+            record r;
+            std::string reason;
+            EXPECT_TRUE(decode_record(last.record, r, reason)) << reason;
+            record_summary summary = summarize(r);
+            found.push_back(std::string(last.account) + "/" + std::string(last.agent) + " " +
+                            (summary.test ? std::to_string(*summary.test) : "-") + " " +
+                            std::to_string(summary.time.value_or(-1)) + " " +
+                            std::to_string(last.received - noon));
+        };
+        read_stored([&](result_reader& stored, std::string& error) {
+            return stored.for_each_latest(note, error);
+        });
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+
+    strings agents() {
+        strings found;
+        auto note = [&](const known_agent& a) {
+            found.push_back(std::string(a.account) + " " + std::string(a.agent) + " " +
+                            std::string(a.address) + " " + std::string(a.version) + " " +
+                            std::to_string(a.first_seen - noon) + " " +
+                            std::to_string(a.last_seen - noon));
+        };
+        read_stored([&](result_reader& stored, std::string& error) {
+            return stored.for_each_agent(note, error);
+        });
+        return found;
+    }
 };
-
-/* ACCOUNT/AGENT TEST TIME for each last result, TIME being that of the check. */
-static strings latest_of(const store& s) {
-    strings found;
-    s.for_each_latest([&](const latest_result& last) {
-        record r;
-        std::string reason;
-        EXPECT_TRUE(decode_record(last.record, r, reason)) << reason;
-        record_summary summary = summarize(r);
-        found.push_back(std::string(last.account) + "/" + std::string(last.agent) + " " +
-                        (summary.test ? std::to_string(*summary.test) : "-") + " " +
-                        std::to_string(summary.time.value_or(-1)) + " " +
-                        std::to_string(last.received - noon));
-    });
-    std::sort(found.begin(), found.end());
-    return found;
-}
-
-static strings agents_of(const store& s) {
-    strings found;
-    s.for_each_agent([&](const known_agent& a) {
-        found.push_back(std::string(a.account) + " " + std::string(a.agent) + " " +
-                        std::string(a.address) + " " + std::string(a.version) + " " +
-                        std::to_string(a.first_seen - noon) + " " +
-                        std::to_string(a.last_seen - noon));
-    });
-    return found;
-}
 
 static mode_t mode_of(const std::string& path) {
     struct stat status;
@@ -254,10 +271,10 @@ TEST_F(store_test, an_existing_directory_keeps_its_mode) {
 TEST_F(store_test, a_second_collector_is_refused) {
     ASSERT_EQ(open(), "");
     std::string error;
-    EXPECT_EQ(store::open({.directory = state}, nullptr, error), nullptr);
+    EXPECT_EQ(ingest::open({.directory = state}, nullptr, error), nullptr);
     EXPECT_EQ(error, "another collector uses the state directory " + state);
     s.reset();
-    EXPECT_NE(store::open({.directory = state}, nullptr, error), nullptr);
+    EXPECT_NE(ingest::open({.directory = state}, nullptr, error), nullptr);
 }
 
 TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
@@ -289,7 +306,7 @@ TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
 
 TEST_F(store_test, the_agents_are_known_with_address_and_version) {
     ASSERT_EQ(open(), "");
-    EXPECT_EQ(agents_of(*s), strings());
+    EXPECT_EQ(agents(), strings());
     auto send = [&](int64_t n, const char* address, const char* version) {
         std::promise<store_result> done;
         s->submit({"a@b.c", "web1", load_record(5, n), noon + n, address, version},
@@ -298,11 +315,11 @@ TEST_F(store_test, the_agents_are_known_with_address_and_version) {
     };
     send(1, "192.0.2.1", "3.0");
     EXPECT_EQ(submit(load_record(5, 1), "web2"), store_result::stored);
-    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1 192.0.2.1 3.0 1 1", "a@b.c web2   0 0"}));
+    EXPECT_EQ(agents(), (strings{"a@b.c web1 192.0.2.1 3.0 1 1", "a@b.c web2   0 0"}));
     send(2, "192.0.2.2", "");
     s.reset();
     ASSERT_EQ(open(), "");
-    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1 192.0.2.2 3.0 1 2", "a@b.c web2   0 0"}));
+    EXPECT_EQ(agents(), (strings{"a@b.c web1 192.0.2.2 3.0 1 2", "a@b.c web2   0 0"}));
     EXPECT_EQ(told.problems, strings());
 }
 
@@ -313,7 +330,7 @@ static std::string inventory(int64_t time) {
 
 TEST_F(store_test, the_last_result_of_each_test_is_known_after_a_start) {
     ASSERT_EQ(open(0), "");
-    EXPECT_EQ(latest_of(*s), strings());
+    EXPECT_EQ(latest(), strings());
     EXPECT_EQ(submit(load_record(5, 1) + load_record(6, 2) + load_record(5, 3) + inventory(4)),
               store_result::stored);
     EXPECT_EQ(submit(load_record(5, 5), "web2"), store_result::stored);
@@ -322,13 +339,13 @@ TEST_F(store_test, the_last_result_of_each_test_is_known_after_a_start) {
     ASSERT_EQ(open(0), "");
     strings all = {"a@b.c/web1 - 7 86400", "a@b.c/web1 5 3 0", "a@b.c/web1 6 6 86400",
                    "a@b.c/web2 5 5 0"};
-    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(latest(), all);
     /* What is last is what arrived last, whatever the clock said. */
     EXPECT_EQ(submit(load_record(6, 1), "web1", 100), store_result::stored);
     all[2] = "a@b.c/web1 6 1 " + std::to_string(100 - noon);
     s.reset();
     ASSERT_EQ(open(0), "");
-    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(latest(), all);
     EXPECT_EQ(told.problems, strings());
 }
 
@@ -337,10 +354,10 @@ TEST_F(store_test, a_last_result_that_is_gone_is_not_told) {
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
     EXPECT_EQ(submit(load_record(6, 2), "web1", noon + 86400), store_result::stored);
     query("DROP TABLE results_20260501");
-    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 86400"}));
+    EXPECT_EQ(latest(), (strings{"a@b.c/web1 6 2 86400"}));
     /* The table of that day begins anew, and somebody else's row is where the old one was. */
     EXPECT_EQ(submit(load_record(7, 3), "web2"), store_result::stored);
-    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 86400", "a@b.c/web2 7 3 0"}));
+    EXPECT_EQ(latest(), (strings{"a@b.c/web1 6 2 86400", "a@b.c/web2 7 3 0"}));
     EXPECT_EQ(told.problems, strings());
 }
 
@@ -396,14 +413,14 @@ TEST_F(store_test, a_database_of_the_first_version_is_renewed_in_place) {
     EXPECT_EQ(query("PRAGMA user_version"), strings{"2"});
     strings all = {"a@b.c/web1 5 3 0", "a@b.c/web1 6 2 -86400", "a@b.c/web2 - 8 0",
                    "a@b.c/web2 5 4 0"};
-    EXPECT_EQ(latest_of(*s), all);
-    EXPECT_EQ(agents_of(*s), (strings{"a@b.c web1   -86400 0", "a@b.c web2   -86400 0"}));
+    EXPECT_EQ(latest(), all);
+    EXPECT_EQ(agents(), (strings{"a@b.c web1   -86400 0", "a@b.c web2   -86400 0"}));
     EXPECT_EQ(submit(load_record(5, 3)), store_result::duplicate);
     EXPECT_EQ(submit(load_record(5, 9)), store_result::stored);
     s.reset();
     ASSERT_EQ(open(), ""); /* once is enough */
     all[0] = "a@b.c/web1 5 9 0";
-    EXPECT_EQ(latest_of(*s), all);
+    EXPECT_EQ(latest(), all);
     EXPECT_EQ(query("SELECT count(*) FROM results_20260430"), strings{"2"});
     EXPECT_EQ(told.problems, strings());
 }
@@ -536,7 +553,7 @@ TEST_F(expiry_test, days_expire_whole) {
     EXPECT_EQ(files(), 3u);
     EXPECT_EQ(told.problems, (strings{"the results of day 20260501 are dropped: --keep-days 2",
                                       "the results of day 20260502 are dropped: --keep-days 2"}));
-    EXPECT_EQ(latest_of(*s), strings{"a@b.c/web1 5 5 345600"});
+    EXPECT_EQ(latest(), strings{"a@b.c/web1 5 5 345600"});
 }
 
 TEST_F(expiry_test, a_collector_that_was_off_keeps_what_it_has) {
@@ -901,7 +918,7 @@ TEST_F(damage_test, the_agents_are_carried_over_and_their_last_blocks_known) {
         last += load_record(i, 8);
     }
     EXPECT_EQ(submit(last, "agent8"), store_result::duplicate);
-    EXPECT_EQ(latest_of(*s), strings{"a@b.c/agent7 5 1 0"}); /* of what is there */
+    EXPECT_EQ(latest(), strings{"a@b.c/agent7 5 1 0"}); /* of what is there */
     EXPECT_TRUE(told.problems[0].ends_with("; 300 agents could be read from it"))
         << told.problems[0];
 }
@@ -962,12 +979,14 @@ TEST_F(damage_test, no_damage_refuses_blocks_for_good) {
         }
         write_text(database_path(state), damaged);
         std::string error;
-        s = store::open({.directory = state}, &told, error);
+        s = ingest::open({.directory = state}, &told, error);
         if (!s) {
             continue;
         }
-        s->for_each_agent([](const known_agent&) {});
-        s->for_each_latest([](const latest_result&) {});
+        agents();
+        read_stored([](result_reader& stored, std::string& why) {
+            return stored.for_each_latest([](const latest_result&) {}, why);
+        });
         for (int i = 0; i < 5; i++) {
             EXPECT_EQ(submit(load_record(5, 10000 + i), "agent" + std::to_string(50 * i)),
                       store_result::stored)
@@ -1056,7 +1075,7 @@ TEST_F(damage_test, a_damaged_day_does_not_hide_the_last_results_of_others) {
     s.reset();
     flip(root_of("results_20260430"), 0, 12);
     ASSERT_EQ(open(), "");
-    EXPECT_EQ(latest_of(*s), (strings{"a@b.c/web1 6 2 0", "a@b.c/web2 5 3 0"}));
+    EXPECT_EQ(latest(), (strings{"a@b.c/web1 6 2 0", "a@b.c/web2 5 3 0"}));
     EXPECT_EQ(told.problems,
               strings{"what is stored cannot be read: database disk image is malformed"});
 }
@@ -1070,7 +1089,7 @@ TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
     strings expected = {path + " was removed while it was in use: what it held is gone, a new one "
                                "is begun as soon as there is a place for it"};
     EXPECT_EQ(told.problems, expected);
-    EXPECT_EQ(agents_of(*s), strings{"a@b.c web1   0 0"});
+    EXPECT_EQ(agents(), strings{"a@b.c web1   0 0"});
     /* Stored again rather than lost with the file. */
     EXPECT_EQ(submit(load_record(5, 2), "web2"), store_result::stored);
     fs::remove(path);
@@ -1081,7 +1100,7 @@ TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
     scratch_directory elsewhere;
     {
         std::string error;
-        auto other = store::open({.directory = elsewhere / "other"}, nullptr, error);
+        auto other = ingest::open({.directory = elsewhere / "other"}, nullptr, error);
         std::promise<store_result> done;
         other->submit({"a@b.c", "web9", load_record(9, 9), noon},
                       [&](store_result r) { done.set_value(r); });
@@ -1114,9 +1133,9 @@ TEST_F(store_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is
     EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
     EXPECT_EQ(query("SELECT time FROM results_20260501"), strings{"2"});
     std::string error;
-    EXPECT_EQ(store::open({.directory = state}, nullptr, error), nullptr);
+    EXPECT_EQ(ingest::open({.directory = state}, nullptr, error), nullptr);
     EXPECT_EQ(error, "another collector uses the state directory " + state);
-    EXPECT_EQ(agents_of(*s), strings{"a@b.c web1   0 0"});
+    EXPECT_EQ(agents(), strings{"a@b.c web1   0 0"});
 }
 
 TEST_F(store_test, many_threads_may_submit) {
@@ -1151,7 +1170,7 @@ TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
         pid_t child = fork();
         if (child == 0) {
             std::string error;
-            std::unique_ptr<store> killed = store::open({.directory = state}, nullptr, error);
+            std::unique_ptr<ingest> killed = ingest::open({.directory = state}, nullptr, error);
             if (!killed) {
                 _exit(1);
             }
@@ -1208,5 +1227,5 @@ TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
         last.push_back("a@b.c/" + std::to_string(agent) + " " + std::to_string(agent) + " " +
                        std::to_string(stored) + " 0");
     }
-    EXPECT_EQ(latest_of(*s), last);
+    EXPECT_EQ(latest(), last);
 }

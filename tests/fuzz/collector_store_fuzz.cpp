@@ -2,9 +2,9 @@
  * what is none is told of until it is too much, and the same block again is a duplicate. Input: the
  * blocks with a line of "====" between them. */
 #include "fuzz.h"
+#include "ingest/ingest.h"
 #include "ingest/undecodable.h"
 #include "protocol/record.h"
-#include "store/store.h"
 
 #include <filesystem>
 #include <future>
@@ -21,7 +21,9 @@ struct teller : store_listener {
     std::string agent;
     size_t files = 0, files_of_agent = 0; /* with what does not decode */
 
-    void on_record(const poll_block&, const record& r) override { records.emplace_back(r.raw); }
+    void on_record(const poll_block&, const decoded_record& result) override {
+        records.emplace_back(result.content.raw);
+    }
     void on_undecodable(const poll_block& from, size_t, size_t bytes, const std::string& reason,
                         const std::string&) override {
         require(!reason.empty());
@@ -38,11 +40,11 @@ struct teller : store_listener {
 struct temporary_store {
     std::string place = make_directory();
     teller told;
-    std::unique_ptr<store> held;
+    std::unique_ptr<ingest> held;
 
     temporary_store() {
         std::string error;
-        held = store::open({.directory = place}, &told, error);
+        held = ingest::open({.directory = place}, &told, error);
         require(held != nullptr);
     }
     ~temporary_store() {

@@ -1,5 +1,6 @@
 #include "checker.h"
 
+#include "thread_start.h"
 #include "vindral_log.h"
 #include "vindral_wake.h"
 
@@ -8,46 +9,40 @@
 #include <sys/eventfd.h>
 #include <utility>
 
-static unsigned wakes_so_far(checker& c) {
-    lock hold(c.cond_mutex);
-    return c.wakes;
-}
-
 int checker_start_thread(const checker& c, const char* name, void* (*body)(void*),
                          pthread_t* handle) {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        leveledadd2log(0, "%s", c.attr_message);
-        return 0;
-    }
-    if (pthread_attr_setstacksize(&attributes, WORKER_STACK_SIZE) != 0) {
-        leveledadd2log(0, "%s", c.stack_message);
-        pthread_attr_destroy(&attributes);
-        return 0;
-    }
-    bool created = pthread_create(handle, &attributes, body, nullptr) == 0;
-    pthread_attr_destroy(&attributes);
-    if (created && name != nullptr) {
-        pthread_setname_np(*handle, name);
-    }
-    return created;
+    const thread_kind kind = {.name = name,
+                              .log = leveledadd2log,
+                              .attr_message = c.attr_message,
+                              .stack_message = c.stack_message};
+    return thread_start(kind, body, nullptr, handle) == 0;
 }
 
 int checker_start(checker& c, void* (*worker)(void*)) {
-    c.wakes_at_start = wakes_so_far(c);
+    {
+        lock hold(c.cond_mutex);
+        c.wakes_at_start = c.wakes;
+    }
     c.running = checker_start_thread(c, c.thread_name, worker, &c.worker_thread_handle) != 0;
     return c.running;
 }
 
-/* Waits for one interval or a wake-up; wakes that came since `seen` end the wait before it begins.
- * Returns false when the checker was stopped. */
-static bool wait_interval(checker& c, unsigned seen, int interval_s) {
+enum class turn { PASS, ANOTHER_WAIT, STOPPED };
+
+/* Waits for one interval or a signal. Those that came during the pass are lost; those since the
+ * start are not, they end the first wait before it begins. */
+static turn wait_for_turn(checker& c, bool is_first) {
     lock hold(c.cond_mutex);
+    unsigned seen = is_first ? c.wakes_at_start : c.wakes;
     if (!c.stopped && c.wakes == seen) {
         /* A negative interval other than -1 means no wait, but must not turn into a spin. */
-        condition_wait_until(c.cond, c.cond_mutex, deadline_in(interval_s < 0 ? 1 : interval_s));
+        int wait_s = c.check_interval < 0 ? 1 : c.check_interval;
+        condition_wait_until(c.cond, c.cond_mutex, deadline_in(wait_s));
     }
-    return !c.stopped;
+    if (c.stopped) {
+        return turn::STOPPED;
+    }
+    return c.pass_on_interval_only && c.wakes != seen ? turn::ANOTHER_WAIT : turn::PASS;
 }
 
 static mutex batch_mutex;
@@ -103,33 +98,29 @@ static void wait_for_commands() {
 }
 
 void checker_work(checker& c) {
-    for (unsigned seen = c.wakes_at_start;; seen = wakes_so_far(c)) {
-        int interval_s = checker_get_interval(c);
-        if (interval_s == -1 || !wait_interval(c, seen, interval_s)) {
+    for (bool is_first = true;; is_first = false) {
+        turn next = wait_for_turn(c, is_first);
+        if (next == turn::STOPPED) {
             return;
         }
-        if (c.pass_on_interval_only && wakes_so_far(c) != seen) {
-            continue;
+        if (next == turn::PASS) {
+            wait_for_commands();
+            if (checker_stopped(c)) { /* by one of them */
+                return;
+            }
+            c.pass();
         }
-        wait_for_commands();
-        if (checker_stopped(c)) { /* also when the interval was set anew since */
-            return;
-        }
-        c.pass();
     }
 }
 
 int checker_get_interval(checker& c) {
-    lock hold(c.check_interval_mutex);
+    lock hold(c.cond_mutex);
     return c.check_interval;
 }
 
 void checker_set_interval(checker& c, int t_sec) {
-    {
-        lock hold(c.check_interval_mutex);
-        c.check_interval = t_sec;
-    }
     lock hold(c.cond_mutex);
+    c.check_interval = t_sec;
     if (t_sec == -1 && !c.stopped) {
         c.stopped = true;
         if (c.stop_fd >= 0) {
@@ -177,11 +168,23 @@ void checker_add_result(checker& c, const char* rez, int rez_size) {
     c.result_buffer_len += rez_size;
 }
 
-void checker_add_record(checker& c, UDCW* writer) {
-    heap<UDC> record(writer->udc);
+int hand_over_record(UDCW* writer, char** rez, int* rez_size) {
+    if (writer == nullptr) {
+        return 0;
+    }
+    *rez_size = static_cast<int>(writer->udc->size);
+    *rez = reinterpret_cast<char*>(writer->udc);
     udcw_free(&writer);
-    checker_add_result(c, reinterpret_cast<const char*>(record.get()),
-                       static_cast<int>(record->size));
+    return 1;
+}
+
+void checker_add_record(checker& c, UDCW* writer) {
+    char* record = nullptr;
+    int size = 0;
+    if (hand_over_record(writer, &record, &size)) {
+        heap_text owner(record);
+        checker_add_result(c, record, size);
+    }
 }
 
 int checker_get_results(checker& c, char** rez, int* rez_size) {
@@ -193,22 +196,6 @@ int checker_get_results(checker& c, char** rez, int* rez_size) {
     *rez_size = c.result_buffer_len;
     c.result_buffer = nullptr;
     c.result_buffer_len = 0;
-    return 1;
-}
-
-int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 3, 1, 0, 0, 1)) {
-        return 0;
-    }
-    udcw_add(record, UDC_UI32, code);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_UI32, 0);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    udcw_add(record, UDC_STRING, list);
-    *rez_size = static_cast<int>(record->udc->size);
-    *rez = reinterpret_cast<char*>(record->udc);
-    udcw_free(&record);
     return 1;
 }
 
@@ -230,6 +217,10 @@ void checker_stop(checker& c) {
     c.cond = condition{}; /* a late wake-up finds a condition that nobody waits on */
     lock hold(c.cond_mutex);
     unique_fd closed(std::exchange(c.stop_fd, -1));
+}
+
+char* text_or_none(char* text) {
+    return text != nullptr && text[0] != '\0' ? text : nullptr;
 }
 
 char* copy_text(const char* text) {

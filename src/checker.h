@@ -9,9 +9,8 @@
  *
  * Locks, in the order in which they may be taken: mon_mutex, then result_mutex or cond_mutex;
  * poll_cond_mutex, then batch_mutex.
- * check_interval_mutex is never held together with another. mon_mutex is held for a whole pass, so
- * the poll thread waits for a running pass before it changes a test; result_mutex only for an
- * append or the hand-over, so collecting never waits for a pass.
+ * mon_mutex is held for a whole pass, so the poll thread waits for a running pass before it changes
+ * a test; result_mutex only for an append or the hand-over, so collecting never waits for a pass.
  *
  * Everything is usable before checker_start and after checker_stop: setting the interval of a
  * checker that does not run is harmless. */
@@ -28,18 +27,17 @@
 inline constexpr int INITIAL_CHECK_INTERVAL_S = 31536000;
 
 struct checker {
-    mutex mon_mutex{};            /* the test list, its count, every definition in it */
-    mutex result_mutex{};         /* result_buffer and result_buffer_len */
-    mutex check_interval_mutex{}; /* check_interval */
-    mutex cond_mutex{};           /* cond, wakes, stopped, stop_fd */
+    mutex mon_mutex{};    /* the test list and every definition in it */
+    mutex result_mutex{}; /* the result buffer */
+    mutex cond_mutex{};   /* the waits: interval, signals, stop */
     condition cond{};
 
     char* result_buffer GUARDED_BY(result_mutex) = nullptr; /* run of records; null when empty */
     int result_buffer_len GUARDED_BY(result_mutex) = 0;
-    int check_interval GUARDED_BY(check_interval_mutex) = INITIAL_CHECK_INTERVAL_S; /* -1: stop */
-    unsigned wakes GUARDED_BY(cond_mutex) = 0;   /* signals given so far */
+    int check_interval GUARDED_BY(cond_mutex) = INITIAL_CHECK_INTERVAL_S; /* seconds; -1: stop */
+    unsigned wakes GUARDED_BY(cond_mutex) = 0;                            /* signals given so far */
     bool stopped GUARDED_BY(cond_mutex) = false; /* an interval of -1 was set: for good */
-    int stop_fd GUARDED_BY(cond_mutex) = -1;     /* event: so; none before a pass asks for it */
+    int stop_fd GUARDED_BY(cond_mutex) = -1;     /* tells of a stop; -1 until a pass asks for it */
 
     unsigned wakes_at_start = 0; /* signals that the worker need not heed; set before it runs */
     pthread_t worker_thread_handle = 0;
@@ -63,10 +61,10 @@ int checker_start_thread(const checker& c, const char* name, void* (*body)(void*
 int checker_start(checker& c, void* (*worker)(void*));
 
 /* The worker's loop; returns when the checker is stopped. A signal that comes while a pass runs is
- * lost: the next pass comes after a whole interval. One that comes before the first wait, or
- * between the reading of the interval and a wait, is not: it counts as a wake-up, so that neither a
- * first test nor a stop nor a new interval waits out the old one. With pass_on_interval_only a pass
- * comes at the end of a whole interval; what ends a wait sooner begins the next one. */
+ * lost: the next pass comes after a whole interval. One that comes before the first wait is not: it
+ * counts as a wake-up, so that neither a first test nor a stop nor a new interval waits out the old
+ * one. With pass_on_interval_only a pass comes at the end of a whole interval; what ends a wait
+ * sooner begins the next one. */
 void checker_work(checker& c);
 
 /* The interval in seconds. Setting one wakes the worker, which runs a pass at once; -1 ends it for
@@ -107,16 +105,16 @@ private:
 /* Appends `rez_size` bytes to the result buffer; sizes below 1 are ignored. */
 void checker_add_result(checker& c, const char* rez, int rez_size);
 
-/* Appends the finished record of a writer and frees both. */
+/* Appends the finished record of a writer and frees both; null adds nothing. */
 void checker_add_record(checker& c, UDCW* writer);
 
 /* Hands the whole result buffer over: returns 1 and gives the caller the memory (free), or 0 with
  * the outputs untouched when there is nothing. */
 int checker_get_results(checker& c, char** rez, int* rez_size);
 
-/* An inventory record, what there is that can be tested: UI32 code, 0, 0; I64 time; the list as
- * text. Returns 1 and gives the caller the record (free), or 0. */
-int make_inventory(uint32_t code, const char* list, char** rez, int* rez_size);
+/* Frees the writer and gives the caller its record (free), such as an inventory. Returns 1, or 0
+ * for null. */
+int hand_over_record(UDCW* writer, char** rez, int* rez_size);
 
 /* Fresh results are in the buffer, a test's first or those of a scan: ends the poll loop's wait by
  * send_pending_data. That signal is lost while the loop is at work, mostly on somebody else's fresh
@@ -139,8 +137,8 @@ void checker_stop(checker& c);
 /* Destroys a condition that nobody is to wait on any more. */
 void destroy_condition(condition& c);
 
-/* The list of definitions: an array of pointers with exactly `count` slots, in the order of adding.
- * The caller holds mon_mutex. `id` is the member that holds the test id. */
+/* A list of definitions as a plain array of pointers with exactly `count` slots, for what does not
+ * use test_list.h. `id` is the member that holds the test id. */
 
 /* Index of the first definition with this id, or -1. */
 template <typename D, typename Id>
@@ -180,6 +178,9 @@ D* take_test(D**& list, int& count, int index) {
     }
     return test;
 }
+
+/* A text argument; null for an empty one. */
+char* text_or_none(char* text);
 
 /* A private copy of a text argument; null for none and for an empty one. */
 char* copy_text(const char* text);

@@ -2,16 +2,17 @@
 
 #include "checker.h"
 #include "ping.h"
+#include "record_writer.h"
 #include "snmpmon.h"
 #include "snmpmon_lib.h"
-#include "udc.h"
+#include "test_list.h"
+#include "thread_start.h"
 #include "vindral_log.h"
 #include "vindral_text.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 
-static const uint32_t DISCOVERY_RECORD = 40;
 static const int MAX_ADDRESSES = 65536;
 static const int MAX_THREADS = 32, LEAST_SHARE = 5;
 static const int ECHO_TIMEOUT_MS = 1000;
@@ -19,7 +20,14 @@ static const char SYSTEM_DESCRIPTION[] = "1.3.6.1.2.1.1.1.0",
                   SYSTEM_OBJECT_ID[] = "1.3.6.1.2.1.1.2.0", SYSTEM_NAME[] = "1.3.6.1.2.1.1.5.0";
 
 /* The child of a query runs the SNMP library on the stack of its scan thread. */
-static const size_t SCAN_STACK_SIZE = std::max<size_t>(0x36000, WORKER_STACK_SIZE);
+static constexpr thread_kind SCAN = {
+    .stack_size = std::max<size_t>(0x36000, WORKER_STACK_SIZE),
+    .detached = true,
+    .log = leveledadd2log,
+    .attr_message = "ERROR: run_discovery(). pthread_attr_init returns: %d",
+    .detach_message = "ERROR: run_discovery(). pthread_attr_setdetachstate returns: %d",
+    .stack_message = "ERROR: run_discovery(). Can not set pthread stack size.",
+    .create_message = "ERROR: run_discovery(). pthread_create returns: %d"};
 
 static constinit checker discoverer = {
     .thread_name = "ndis",
@@ -28,8 +36,6 @@ static constinit checker discoverer = {
     .stack_message = "NDIS monitoring: can not set thread stack size.",
     .pass_on_interval_only = true};
 static constinit mutex& _gndis_mon_mutex = discoverer.mon_mutex;
-static ndis_args** _gndis_args_list GUARDED_BY(_gndis_mon_mutex);
-static int _gndis_args_list_len GUARDED_BY(_gndis_mon_mutex);
 
 static void clear_test(ndis_args* test) {
     free(test->oids);
@@ -37,6 +43,16 @@ static void clear_test(ndis_args* test) {
     free(test->threadargs_list);
     *test = ndis_args{};
 }
+
+template <>
+struct test_ownership<ndis_args> {
+    static void dispose(ndis_args* test) {
+        clear_test(test);
+        free(test);
+    }
+};
+static constinit test_list<ndis_args, &ndis_args::tid>
+    _gndis_args_list GUARDED_BY(_gndis_mon_mutex);
 
 static void free_share(thread_scan_args* share) {
     free(share->oids);
@@ -171,62 +187,38 @@ static heap_text query(const thread_scan_args& share, const char* host, const ch
     return value;
 }
 
-static void add_value(UDCW* record, const heap_text& value) {
-    udcw_add(record, UDC_STRING, value ? value.get() : "N/A");
-}
-
-static void add_extra_value(UDCW* record, const thread_scan_args& share, const char* host,
-                            const char* oid) {
-    UDCW* nested = nullptr;
-    if (!create_new_udcw(&nested, 0, 0, 0, 0, 0, 2)) {
-        return;
-    }
-    udcw_add(nested, UDC_STRING, oid);
-    add_value(nested, query(share, host, oid));
-    udcw_add(record, UDC_RECORD, nested->udc);
-    free(nested->udc);
-    udcw_free(&nested);
-}
-
-/* A record with all but its texts; null without memory. */
-static UDCW* begin_record(int tid, int lid, uint32_t texts) {
-    UDCW* record = nullptr;
-    if (create_new_udcw(&record, 0, 3, 1, 0, 1, texts)) {
-        udcw_add(record, UDC_UI32, DISCOVERY_RECORD);
-        udcw_add(record, UDC_UI32, tid);
-        udcw_add(record, UDC_UI32, lid);
-        udcw_add(record, UDC_I64, now_in_seconds());
-    }
-    return record;
+static const char* value_or_none(const heap_text& value) {
+    return value ? value.get() : "N/A";
 }
 
 static void report_host(const thread_scan_args& share, const char* host) {
-    UDCW* record = begin_record(share.tid, share.lid, 5);
-    if (record == nullptr) {
-        return;
-    }
-    udcw_add(record, UDC_STRING, host);
-    add_value(record, query(share, host, SYSTEM_NAME));
-    add_value(record, query(share, host, SYSTEM_DESCRIPTION));
+    time_t answered = now_in_seconds();
+    heap_text name = query(share, host, SYSTEM_NAME);
+    heap_text description = query(share, host, SYSTEM_DESCRIPTION);
     heap_text object_id = query(share, host, SYSTEM_OBJECT_ID);
-    add_value(record, object_id ? query(share, host, object_id.get()) : nullptr);
-    add_value(record, object_id);
+    heap_text object = object_id ? query(share, host, object_id.get()) : nullptr;
+    UDCW* record = make_record<protocol::discovery>(
+        named<"test">(share.tid), named<"location">(share.lid), named<"time">(answered),
+        named<"message">(host), named<"name">(value_or_none(name)),
+        named<"description">(value_or_none(description)), named<"object">(value_or_none(object)),
+        named<"object_id">(value_or_none(object_id)));
     char** oids = nullptr;
     size_t count = 0;
     uparser(share.oids, &oids, &count, ';');
-    for (size_t i = 0; i < count; i++) {
-        add_extra_value(record, share, host, oids[i]);
+    for (size_t i = 0; record != nullptr && i < count; i++) {
+        heap_text value = query(share, host, oids[i]);
+        add_part(record, make_part<protocol::rows::objects>(named<"oid">(oids[i]),
+                                                            named<"value">(value_or_none(value))));
     }
     free_uparser_array(&oids, &count);
     checker_add_record(discoverer, record);
 }
 
 void send_finished(int tid, int lid) {
-    UDCW* record = begin_record(tid, lid, 1);
-    if (record != nullptr) {
-        udcw_add(record, UDC_STRING, "finished");
-        checker_add_record(discoverer, record);
-    }
+    checker_add_record(discoverer,
+                       make_record<protocol::discovery_finished>(
+                           named<"test">(tid), named<"location">(lid),
+                           named<"time">(now_in_seconds()), named<"message">("finished")));
     fresh_results();
 }
 
@@ -272,8 +264,7 @@ void* discovery_thread(void* args) {
 
 /* The threads cannot leave before all are started: the list mutex is held. So only a scan none of
  * whose threads could be started ends here. */
-static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
-    REQUIRES(_gndis_mon_mutex) {
+static void start_scan(ndis_args* test, const thread_starter& scans) REQUIRES(_gndis_mon_mutex) {
     test->scan_started = 1;
     if (test->threadargs_list_len == 0) {
         return;
@@ -286,16 +277,12 @@ static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
     *thread_count = test->threadargs_list_len;
     int lost = 0;
     for (int i = 0; i < test->threadargs_list_len; i++) {
-        const thread_scan_args& share = test->threadargs_list[i];
-        thread_scan_args* copy = copy_share(share, thread_count);
-        pthread_t thread;
-        int error =
-            copy == nullptr ? ENOMEM : pthread_create(&thread, attributes, discovery_thread, copy);
-        if (error != 0) {
-            leveledadd2log(0, "ERROR: run_discovery(). pthread_create returns: %d", error);
-            if (copy != nullptr) {
-                free_share(copy);
-            }
+        thread_scan_args* copy = copy_share(test->threadargs_list[i], thread_count);
+        if (copy == nullptr) {
+            leveledadd2log(0, SCAN.create_message, ENOMEM);
+            lost++;
+        } else if (scans.start(discovery_thread, copy) != 0) {
+            free_share(copy);
             lost++;
         }
     }
@@ -304,44 +291,22 @@ static void start_scan(ndis_args* test, const pthread_attr_t* attributes)
     }
 } // NOLINT(clang-analyzer-unix.Malloc): the last thread frees the counter
 
-/* False with the reason logged and nothing to destroy. */
-static bool scan_attributes(pthread_attr_t* attributes) {
-    int error = pthread_attr_init(attributes);
-    if (error != 0) {
-        leveledadd2log(0, "ERROR: run_discovery(). pthread_attr_init returns: %d", error);
-        return false;
-    }
-    error = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
-    if (error != 0) {
-        leveledadd2log(0, "ERROR: run_discovery(). pthread_attr_setdetachstate returns: %d", error);
-    } else if (pthread_attr_setstacksize(attributes, SCAN_STACK_SIZE) != 0) {
-        leveledadd2log(0, "ERROR: run_discovery(). Can not set pthread stack size.");
-    } else {
-        return true;
-    }
-    pthread_attr_destroy(attributes);
-    return false;
-}
-
 void run_discovery() {
-    pthread_attr_t attributes;
-    if (!scan_attributes(&attributes)) {
+    thread_starter scans(SCAN);
+    if (!scans) {
         return;
     }
-    {
-        lock hold(_gndis_mon_mutex);
-        for (int i = 0; i < _gndis_args_list_len; i++) {
-            if (_gndis_args_list[i]->scan_started == 0) {
-                start_scan(_gndis_args_list[i], &attributes);
-            }
+    lock hold(_gndis_mon_mutex);
+    for (ndis_args* test : _gndis_args_list) {
+        if (test->scan_started == 0) {
+            start_scan(test, scans);
         }
     }
-    pthread_attr_destroy(&attributes);
 }
 
 int is_new_ndis(int tID) {
     lock hold(_gndis_mon_mutex);
-    return test_index(_gndis_args_list, _gndis_args_list_len, &ndis_args::tid, tID) < 0;
+    return _gndis_args_list.find(tID) == nullptr;
 }
 
 void add_ndis(int _tid, int _lid, char* ipstart, char* ipend, char* oids) {
@@ -356,12 +321,16 @@ void add_ndis(int _tid, int _lid, char* ipstart, char* ipend, char* oids) {
     if (test == nullptr) {
         return;
     }
-    *test = ndis_args{};
-    test->tid = _tid;
-    test->lid = _lid;
+    *test = {.tid = _tid,
+             .lid = _lid,
+             .oids = nullptr,
+             .addresses_list = nullptr,
+             .addresses_list_len = 0,
+             .threadargs_list = nullptr,
+             .threadargs_list_len = 0,
+             .scan_started = 0};
     lock hold(_gndis_mon_mutex);
-    if (!append_test(_gndis_args_list, _gndis_args_list_len, test)) {
-        free(test);
+    if (!_gndis_args_list.adopt(test)) {
         return;
     }
     if (!plan_scan(test, ipstart, ipend, oids)) {
@@ -383,12 +352,11 @@ void mod_ndis(int _tid, int _lid, char* ipstart, char* ipend, char* oids) {
         5, "INFO: Modified ndis test. Test ID: %d; Location ID: %d; Start IP: %s; End IP: %s", _tid,
         _lid, ipstart, ipend);
     lock hold(_gndis_mon_mutex);
-    int index = test_index(_gndis_args_list, _gndis_args_list_len, &ndis_args::tid, _tid);
-    if (index < 0) {
+    ndis_args* test = _gndis_args_list.find(_tid);
+    if (test == nullptr) {
         leveledadd2log(0, "ERROR: Modify. Unknown test ID: %d", _tid);
         return;
     }
-    ndis_args* test = _gndis_args_list[index];
     clear_test(test);
     test->tid = _tid;
     test->lid = _lid;
@@ -405,15 +373,11 @@ void mod_ndis(int _tid, int _lid, char* ipstart, char* ipend, char* oids) {
 void rem_ndis(int _tid) {
     leveledadd2log(5, "INFO: Remove ndis test. Test ID: %d", _tid);
     lock hold(_gndis_mon_mutex);
-    int index = test_index(_gndis_args_list, _gndis_args_list_len, &ndis_args::tid, _tid);
-    if (index < 0) {
+    if (_gndis_args_list.remove(_tid)) {
+        leveledadd2log(5, "INFO: Removed ndis test. Test ID: %d", _tid);
+    } else {
         leveledadd2log(0, "ERROR: Remove. Unknown test ID: %d", _tid);
-        return;
     }
-    ndis_args* test = take_test(_gndis_args_list, _gndis_args_list_len, index);
-    clear_test(test);
-    free(test);
-    leveledadd2log(5, "INFO: Removed ndis test. Test ID: %d", _tid);
 }
 
 int init_ndis_mon() {

@@ -2,15 +2,17 @@
 
 #include "checker.h"
 #include "procfile.h"
+#include "record_writer.h"
 #include "remote_query.h"
-#include "udc.h"
+#include "test_list.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
 
+#include <array>
 #include <cstdio>
 
-static const uint32_t CPU_RECORD = 44;
-enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, REMOTE_FAILED = 10 };
+using enum protocol::status_code;
+
 enum { USER, SYSTEM, NICE, IDLE, IOWAIT, STATES };
 
 static const char REMOTE_COUNTERS_COMMAND[] =
@@ -27,8 +29,9 @@ static constinit checker cpu = {.thread_name = "cpu",
                                 .attr_message = "Pthread attribute initialization failed.",
                                 .stack_message = "Cannot set ping thread stack size."};
 static constinit mutex& CPU_MON_MUTEX = cpu.mon_mutex;
-static cpu_check_def** cpu_def_list GUARDED_BY(CPU_MON_MUTEX);
-static int cpu_def_size GUARDED_BY(CPU_MON_MUTEX);
+static constinit test_list<cpu_check_def, &cpu_check_def::test_id, &cpu_check_def::host,
+                           &cpu_check_def::system>
+    cpu_def_list GUARDED_BY(CPU_MON_MUTEX);
 
 /* One line of counters: the machine as a whole, then the processors. */
 struct cpu_line {
@@ -155,8 +158,11 @@ int get_remote_cpu_params(const char* host, unsigned int* proccount, unsigned in
     return 1;
 }
 
-/* The shares since the start of the remote host, in percent. */
-static bool query_counters(const char* host, double shares[STATES]) {
+/* In percent. */
+using cpu_shares = std::array<double, STATES>;
+
+/* The shares since the start of the remote host. */
+static bool query_counters(const char* host, cpu_shares& shares) {
     unsigned long long* queried = nullptr;
     if (!get_remote_UCD_cpu_params(host, &queried)) {
         return false;
@@ -175,7 +181,7 @@ static bool query_counters(const char* host, double shares[STATES]) {
     return true;
 }
 
-static bool query_processors(const char* host, double shares[STATES]) {
+static bool query_processors(const char* host, cpu_shares& shares) {
     unsigned count = 0;
     unsigned* queried = nullptr;
     if (!get_remote_cpu_params(host, &count, &queried)) {
@@ -207,8 +213,8 @@ static bool judge(const char* name, double share, int limit, bool reached, const
 
 /* Status of five shares, the message in `*message` (caller frees). Equal to a maximum is reached,
  * equal to the minimum is not. A share that is no number reaches no limit. */
-static uint32_t judge_shares(const cpu_check_def& test, const double shares[STATES],
-                             bool with_iowait, char** message) {
+static protocol::status_code judge_shares(const cpu_check_def& test, const cpu_shares& shares,
+                                          bool with_iowait, char** message) {
     const struct {
         const char* name;
         int state, maximum;
@@ -229,86 +235,76 @@ static uint32_t judge_shares(const cpu_check_def& test, const double shares[STAT
     if (!hit) {
         adv_strcat(message, "CPU usage is within acceptable limits\n");
     }
-    return hit ? LIMIT_REACHED : WITHIN_LIMITS;
+    return hit ? status_limit : status_ok;
 }
 
-static void add_shares(UDCW* record, const char* message, uint32_t status,
-                       const double shares[STATES]) {
-    udcw_add(record, UDC_STRING, message);
-    udcw_add(record, UDC_UI32, status);
-    for (int i = 0; i < STATES; i++) {
-        udcw_add(record, UDC_D64, shares[i]);
-    }
+static UDCW* make_cpu_record(const cpu_check_def& test, time_t now, const cpu_shares& shares,
+                             protocol::status_code status, const char* message) {
+    return make_record<protocol::cpu>(named<"test">(test.test_id), named<"location">(test.loc_id),
+                                      named<"time">(now), named<"user">(shares[USER]),
+                                      named<"system">(shares[SYSTEM]), named<"nice">(shares[NICE]),
+                                      named<"idle">(shares[IDLE]), named<"iowait">(shares[IOWAIT]),
+                                      named<"status">(status), named<"message">(message));
 }
 
-static void add_line(UDCW* record, const cpu_check_def& test, const cpu_line& line) {
-    double shares[STATES];
+static cpu_shares shares_of(const cpu_line& line) {
+    cpu_shares shares;
     for (int i = 0; i < STATES; i++) {
         shares[i] = line.cpu_states[i] / 10.0;
     }
+    return shares;
+}
+
+static UDCW* make_processor(const cpu_check_def& test, const cpu_shares& shares) {
     char* message = nullptr;
-    uint32_t status = judge_shares(test, shares, show_iowait != 0, &message);
-    add_shares(record, message, status, shares);
-    free(message);
+    auto status = judge_shares(test, shares, show_iowait != 0, &message);
+    heap_text owner(message);
+    return make_part<protocol::rows::processors>(
+        named<"user">(shares[USER]), named<"system">(shares[SYSTEM]), named<"nice">(shares[NICE]),
+        named<"idle">(shares[IDLE]), named<"iowait">(shares[IOWAIT]), named<"status">(status),
+        named<"message">(message));
 }
 
-static void add_processor(UDCW* record, const cpu_check_def& test, const cpu_line& line) {
-    UDCW* nested = nullptr;
-    if (!create_new_udcw(&nested, 0, 1, 0, 0, STATES, 1)) {
-        return;
-    }
-    add_line(nested, test, line);
-    udcw_add(record, UDC_RECORD, nested->udc);
-    free(nested->udc);
-    udcw_free(&nested);
-}
-
-/* False when a stop kept it from being measured, which is no failure of the host. */
-static bool add_remote(UDCW* record, const cpu_check_def& test) {
-    double shares[STATES];
-    bool is_linux = test.system != nullptr && strcasecmp(test.system, "linux") == 0;
-    if (!(is_linux ? query_counters(test.host, shares) : query_processors(test.host, shares))) {
-        if (checker_stopped(cpu)) {
-            return false;
-        }
-        const double failed[STATES] = {-1.0, -1.0, -1.0, -1.0, -1.0};
-        add_shares(record, "Remote CPU test failed\n", REMOTE_FAILED, failed);
-        return true;
-    }
+static UDCW* make_judged(const cpu_check_def& test, time_t now, const cpu_shares& shares,
+                         bool with_iowait) {
     char* message = nullptr;
-    uint32_t status = judge_shares(test, shares, true, &message);
-    add_shares(record, message, status, shares);
-    free(message);
-    return true;
+    auto status = judge_shares(test, shares, with_iowait, &message);
+    heap_text owner(message);
+    return make_cpu_record(test, now, shares, status, message);
 }
 
-static void check_cpu_test(const cpu_check_def& test, const cpu_line* now) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 4, 1, 0, STATES, 1)) {
-        return;
-    }
-    udcw_add(record, UDC_UI32, CPU_RECORD);
-    udcw_add(record, UDC_UI32, test.test_id);
-    udcw_add(record, UDC_UI32, test.loc_id);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    if (test.host != nullptr) {
-        if (!add_remote(record, test)) {
-            free(record->udc);
-            udcw_free(&record);
-            return;
-        }
-    } else {
-        add_line(record, test, now[0]);
-        for (long i = 1; i <= cpuCount; i++) {
-            add_processor(record, test, now[i]);
-        }
+static void check_local(const cpu_check_def& test, time_t now, const cpu_line* counted) {
+    UDCW* record = make_judged(test, now, shares_of(counted[0]), show_iowait != 0);
+    for (long i = 1; record != nullptr && i <= cpuCount; i++) {
+        add_part(record, make_processor(test, shares_of(counted[i])));
     }
     checker_add_record(cpu, record);
 }
 
+static void check_remote(const cpu_check_def& test, time_t now) {
+    cpu_shares shares;
+    bool is_linux = test.system != nullptr && strcasecmp(test.system, "linux") == 0;
+    if (is_linux ? query_counters(test.host, shares) : query_processors(test.host, shares)) {
+        checker_add_record(cpu, make_judged(test, now, shares, true));
+    } else if (!checker_stopped(cpu)) { /* else not measured, which is no failure of the host */
+        shares.fill(-1.0);
+        checker_add_record(cpu, make_cpu_record(test, now, shares, status_remote_failed,
+                                                "Remote CPU test failed\n"));
+    }
+}
+
+static void check_cpu_test(const cpu_check_def& test, const cpu_line* counted) {
+    time_t now = now_in_seconds();
+    if (test.host != nullptr) {
+        check_remote(test, now);
+    } else {
+        check_local(test, now, counted);
+    }
+}
+
 static bool has_cpu_tests() {
     lock hold(CPU_MON_MUTEX);
-    return cpu_def_size != 0;
+    return cpu_def_list.size() != 0;
 }
 
 void do_cpu_check(int putValue) {
@@ -319,14 +315,11 @@ void do_cpu_check(int putValue) {
     if (!now || putValue != 1) {
         return;
     }
-    bool first_check = false;
+    bool first_check;
     {
         lock hold(CPU_MON_MUTEX);
-        for (int i = 0; i < cpu_def_size; i++) {
-            first_check |= cpu_def_list[i]->isFirstCheck != 0;
-            cpu_def_list[i]->isFirstCheck = 0;
-            check_cpu_test(*cpu_def_list[i], now.get());
-        }
+        first_check = cpu_def_list.check_each(
+            [&](const cpu_check_def& test) { check_cpu_test(test, now.get()); });
     }
     if (first_check) {
         fresh_results();
@@ -337,30 +330,27 @@ static void pass() {
     do_cpu_check(1);
 }
 
-static bool append_cpu_test(const cpu_check_def& wanted) {
-    lock hold(CPU_MON_MUTEX);
-    if (test_index(cpu_def_list, cpu_def_size, &cpu_check_def::test_id, wanted.test_id) >= 0) {
-        return false;
-    }
-    heap<cpu_check_def> test(static_cast<cpu_check_def*>(malloc(sizeof(cpu_check_def))));
-    if (!test || !append_test(cpu_def_list, cpu_def_size, test.get())) {
-        return false;
-    }
-    *test = wanted;
-    test->host = copy_text(wanted.host);
-    test->system = copy_text(wanted.system);
-    (void)test.release();
-    return true;
-}
-
 void add_cpu(int tid, int loc_id, int user_max, int system_max, int nice_max, int idle_min,
              int iowait_max, char* host, char* system) {
-    if (tid == 0 || !append_cpu_test({tid, loc_id, user_max, system_max, nice_max, idle_min,
-                                      iowait_max, host, system, 1})) {
-        return;
+    const cpu_check_def test = {.test_id = tid,
+                                .loc_id = loc_id,
+                                .user_max = user_max,
+                                .system_max = system_max,
+                                .nice_max = nice_max,
+                                .idle_min = idle_min,
+                                .iowait_max = iowait_max,
+                                .host = text_or_none(host),
+                                .system = text_or_none(system),
+                                .isFirstCheck = 1};
+    bool added;
+    {
+        lock hold(CPU_MON_MUTEX);
+        added = tid != 0 && cpu_def_list.add(test);
     }
-    do_cpu_check(0);
-    checker_wake(cpu);
+    if (added) {
+        do_cpu_check(0);
+        checker_wake(cpu);
+    }
 }
 
 void modify_cpu(int t_id, int loc_id, int user_max, int system_max, int nice_max, int idle_min,
@@ -370,32 +360,23 @@ void modify_cpu(int t_id, int loc_id, int user_max, int system_max, int nice_max
     }
     {
         lock hold(CPU_MON_MUTEX);
-        for (int i = 0; i < cpu_def_size; i++) {
-            cpu_check_def* test = cpu_def_list[i];
-            if (test->test_id == t_id) {
-                free(test->host);
-                free(test->system);
-                *test = {t_id,     loc_id,     user_max,        system_max,        nice_max,
-                         idle_min, iowait_max, copy_text(host), copy_text(system), 1};
-            }
-        }
+        cpu_def_list.replace({.test_id = t_id,
+                              .loc_id = loc_id,
+                              .user_max = user_max,
+                              .system_max = system_max,
+                              .nice_max = nice_max,
+                              .idle_min = idle_min,
+                              .iowait_max = iowait_max,
+                              .host = text_or_none(host),
+                              .system = text_or_none(system),
+                              .isFirstCheck = 1});
     }
     checker_wake(cpu); /* whether or not there is such a test */
 }
 
 void rem_cpu(int t_id) {
-    if (t_id == 0) {
-        return;
-    }
     lock hold(CPU_MON_MUTEX);
-    int index = test_index(cpu_def_list, cpu_def_size, &cpu_check_def::test_id, t_id);
-    if (index < 0) {
-        return;
-    }
-    cpu_check_def* test = take_test(cpu_def_list, cpu_def_size, index);
-    free(test->host);
-    free(test->system);
-    free(test);
+    cpu_def_list.remove(t_id);
 }
 
 /* 0 with the reason logged when the machine's processors cannot be told. */

@@ -2,7 +2,8 @@
 
 #include "checker.h"
 #include "procfile.h"
-#include "udc.h"
+#include "record_writer.h"
+#include "test_list.h"
 #include "vindral_log.h"
 
 #include <climits>
@@ -11,10 +12,9 @@
 #include <sys/statvfs.h>
 #include <utility>
 
-static const uint32_t MOUNTED_RECORD = 45;
-static const uint32_t FREE_SPACE_RECORD = 46;
+using enum protocol::status_code;
+
 static const double GB_PER_KB = 9.5367431640625e-7;
-enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, NOT_FOUND = 3 };
 
 static const char* mtab_path = "/etc/mtab";
 
@@ -24,12 +24,11 @@ static constinit checker disk = {
     .attr_message = "Disk monitoring: thread attribute initialization failed.",
     .stack_message = "Disk monitoring: can not set thread stack size."};
 static constinit mutex& DISK_MON_MUTEX = disk.mon_mutex;
-static disk_data** disk_data_list GUARDED_BY(DISK_MON_MUTEX);
-static int disk_data_list_len GUARDED_BY(DISK_MON_MUTEX);
+static constinit test_list<disk_data, &disk_data::tid, &disk_data::mp>
+    disk_data_list GUARDED_BY(DISK_MON_MUTEX);
 
 static constinit mutex DISK_TEST_RESULTS_MUTEX{};
-static test_result** disk_test_results GUARDED_BY(DISK_TEST_RESULTS_MUTEX);
-static int disk_test_results_count GUARDED_BY(DISK_TEST_RESULTS_MUTEX);
+static constinit pointer_list<test_result> disk_test_results GUARDED_BY(DISK_TEST_RESULTS_MUTEX);
 static bool results_dropped GUARDED_BY(DISK_TEST_RESULTS_MUTEX); /* since they were last taken */
 
 /* The kernel's device counters, read when the first test of a pass asks for them. */
@@ -37,7 +36,6 @@ struct device_statistics {
     heap_text text;
     const char* format = nullptr; /* of one line: major, minor, name, counters; null: not read */
 };
-static device_statistics* pass_statistics GUARDED_BY(DISK_MON_MUTEX);
 
 /* Whether `mp`, or the text before its device, is what statvfs takes. */
 static bool query_file_system(const char* mp, struct statvfs* found) {
@@ -112,18 +110,10 @@ int GetDevStats(char* pdev, unsigned long long* pread, unsigned long long* pwrit
 }
 
 static void check_free_space(const disk_data& test) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 4, 1, 0, 2, 1)) {
-        return;
-    }
-    udcw_add(record, UDC_UI32, FREE_SPACE_RECORD);
-    udcw_add(record, UDC_UI32, test.tid);
-    udcw_add(record, UDC_UI32, test.lid);
-    udcw_add(record, UDC_I64, now_in_seconds());
-
+    time_t now = now_in_seconds();
     struct statvfs found;
     double total = 0.0, available = 0.0;
-    uint32_t status = NOT_FOUND;
+    auto status = status_not_found;
     char* message = nullptr;
     int printed;
     if (!query_file_system(test.mp, &found)) {
@@ -133,21 +123,21 @@ static void check_free_space(const disk_data& test) {
         total = static_cast<double>(found.f_blocks * block_kb) * GB_PER_KB;
         available = static_cast<double>(found.f_bavail * block_kb) * GB_PER_KB;
         if (test.min_free > 0 && test.min_free >= available) {
-            status = LIMIT_REACHED;
+            status = status_limit;
             printed = asprintf(&message, "Drive: %s free space: %.2f / Min value: %.2f.\n", test.mp,
                                available, test.min_free);
         } else {
-            status = WITHIN_LIMITS;
+            status = status_ok;
             printed =
                 asprintf(&message, "Drive: %s free space is within acceptable limits.\n", test.mp);
         }
     }
     heap_text owned(printed < 0 ? nullptr : message);
-    udcw_add(record, UDC_D64, total);
-    udcw_add(record, UDC_D64, available);
-    udcw_add(record, UDC_STRING, owned.get());
-    udcw_add(record, UDC_UI32, status);
-    checker_add_record(disk, record);
+    checker_add_record(
+        disk, make_record<protocol::disk>(named<"test">(test.tid), named<"location">(test.lid),
+                                          named<"time">(now), named<"total">(total),
+                                          named<"available">(available), named<"status">(status),
+                                          named<"message">(owned.get())));
 }
 
 /* "sda1" of "/home(/dev/sda1|ext4)", "tmpfs" of "/run(tmpfs)"; null without an opening parenthesis.
@@ -175,18 +165,16 @@ static double kilobytes_since(unsigned long long now, unsigned long long last) {
     return static_cast<int>((now - last) >> 1);
 }
 
-static void check_io(disk_data* test) REQUIRES(DISK_MON_MUTEX) {
+static void check_io(disk_data* test, device_statistics* statistics) {
     char* text = nullptr;
     heap_text device = device_of(test->mp);
     if (!device) {
-        if (asprintf(&text, "status:%u", NOT_FOUND) >= 0) {
+        if (asprintf(&text, "status:%u", status_not_found) >= 0) {
             add_disk_test_result(test->tid, now_in_seconds(), text);
         }
         return;
     }
     unsigned long long sectors_read = 0, sectors_written = 0;
-    device_statistics own; /* of a check outside a pass */
-    device_statistics* statistics = pass_statistics != nullptr ? pass_statistics : &own;
     if (get_counters(statistics, device.get(), &sectors_read, &sectors_written) != 0) {
         return;
     }
@@ -202,38 +190,35 @@ static void check_io(disk_data* test) REQUIRES(DISK_MON_MUTEX) {
     bool writes_much = test->max_write > 0 && written > test->max_write;
     if (asprintf(&text, "read_count:%.2f;write_count:%.2f%s%s;status:%u", read, written,
                  reads_much ? ";status:2" : "", writes_much ? ";status:2" : "",
-                 reads_much || writes_much ? LIMIT_REACHED : WITHIN_LIMITS) >= 0) {
+                 reads_much || writes_much ? status_limit : status_ok) >= 0) {
         add_disk_test_result(test->tid, now_in_seconds(), text);
     }
     test->last_read = sectors_read;
     test->last_write = sectors_written;
 }
 
-void make_disk_check(int _i_) NO_THREAD_SAFETY_ANALYSIS {
-    disk_data* test = disk_data_list[_i_];
-    if (test->max_read == -1.0 && test->max_write == -1.0) {
-        check_free_space(*test);
+static void check_disk(disk_data& test, device_statistics* statistics) {
+    if (test.max_read == -1.0 && test.max_write == -1.0) {
+        check_free_space(test);
     } else {
-        check_io(test);
+        check_io(&test, statistics);
     }
 }
 
-static bool check_all_disks() {
+void make_disk_check(int _i_) REQUIRES(DISK_MON_MUTEX) {
     device_statistics statistics;
-    bool first_check = false;
-    lock hold(DISK_MON_MUTEX);
-    pass_statistics = &statistics;
-    for (int i = 0; i < disk_data_list_len; i++) {
-        make_disk_check(i);
-        first_check |= disk_data_list[i]->isFirstCheck != 0;
-        disk_data_list[i]->isFirstCheck = 0;
-    }
-    pass_statistics = nullptr;
-    return first_check;
+    check_disk(*disk_data_list[_i_], &statistics);
 }
 
 void do_disk_check() {
-    if (check_all_disks()) {
+    device_statistics statistics;
+    bool first_check;
+    {
+        lock hold(DISK_MON_MUTEX);
+        first_check =
+            disk_data_list.check_each([&](disk_data& test) { check_disk(test, &statistics); });
+    }
+    if (first_check) {
         fresh_results();
     }
 }
@@ -247,10 +232,10 @@ static void free_result(test_result* result) {
 
 /* Makes room for one more. False when there was no need to drop any. */
 static bool drop_oldest() REQUIRES(DISK_TEST_RESULTS_MUTEX) {
-    if (disk_test_results_count < DISK_TEST_RESULTS_MOST) {
+    if (disk_test_results.size() < DISK_TEST_RESULTS_MOST) {
         return false;
     }
-    free_result(take_test(disk_test_results, disk_test_results_count, 0));
+    free_result(disk_test_results.take_at(0));
     bool first = !results_dropped;
     results_dropped = true;
     return first;
@@ -272,7 +257,7 @@ void add_disk_test_result(int test_id, time_t check_time, char* test_data) {
     {
         lock hold(DISK_TEST_RESULTS_MUTEX);
         first_dropped = drop_oldest();
-        if (append_test(disk_test_results, disk_test_results_count, result.get())) {
+        if (disk_test_results.append(result.get())) {
             (void)result.release();
             (void)text.release();
         }
@@ -284,10 +269,7 @@ void add_disk_test_result(int test_id, time_t check_time, char* test_data) {
 
 int get_disk_test_results(test_result*** results, int* res_count) {
     lock hold(DISK_TEST_RESULTS_MUTEX);
-    *results = disk_test_results;
-    *res_count = disk_test_results_count;
-    disk_test_results = nullptr;
-    disk_test_results_count = 0;
+    *results = disk_test_results.hand_over(res_count);
     results_dropped = false;
     return *res_count != 0;
 }
@@ -342,65 +324,65 @@ int get_mounted_list(char** rez, int* rez_size) {
     *rez = nullptr;
     *rez_size = 0;
     heap_text list = list_file_systems();
-    return list ? make_inventory(MOUNTED_RECORD, list.get(), rez, rez_size) : 0;
+    return list &&
+           hand_over_record(make_record<protocol::file_systems>(named<"time">(now_in_seconds()),
+                                                                named<"file_systems">(list.get())),
+                            rez, rez_size);
 }
 
 /* --- tests --- */
 
 int is_new_disk(int tID) {
     lock hold(DISK_MON_MUTEX);
-    return test_index(disk_data_list, disk_data_list_len, &disk_data::tid, tID) < 0;
+    return disk_data_list.find(tID) == nullptr;
+}
+
+static void log_test(const char* what, const disk_data& test) {
+    leveledadd2log(5,
+                   "INFO: %s test. tid:%d, lid:%d, disk:'%s', min_free_space:%f, max_read:%f, "
+                   "max_write:%f",
+                   what, test.tid, test.lid, test.mp, test.min_free, test.max_read, test.max_write);
 }
 
 void add_diskdesc(int _tid, int _lid, char* _mp, double min_free_space, double max_read,
                   double max_write) {
-    if (_tid == 0 || _mp == nullptr || !is_new_disk(_tid)) {
-        return;
-    }
-    heap_text mp(strdup(_mp));
-    heap<disk_data> test(static_cast<disk_data*>(malloc(sizeof(disk_data))));
-    if (!mp || !test) {
-        return;
-    }
-    *test = {mp.get(), _tid, _lid, min_free_space, max_read, max_write, 0, 0, 1};
+    const disk_data test = {.mp = _mp,
+                            .tid = _tid,
+                            .lid = _lid,
+                            .min_free = min_free_space,
+                            .max_read = max_read,
+                            .max_write = max_write,
+                            .last_read = 0,
+                            .last_write = 0,
+                            .isFirstCheck = 1};
+    bool added;
     {
         lock hold(DISK_MON_MUTEX);
-        if (!append_test(disk_data_list, disk_data_list_len, test.get())) {
-            return;
-        }
-        (void)test.release();
-        (void)mp.release();
+        added = _tid != 0 && _mp != nullptr && disk_data_list.add(test);
     }
-    leveledadd2log(5,
-                   "INFO: add_diskdesc. Added test. tid:%d, lid:%d, disk:'%s', min_free_space:%f, "
-                   "max_read:%f, max_write:%f",
-                   _tid, _lid, _mp, min_free_space, max_read, max_write);
-    checker_wake(disk);
-}
-
-static void modify_found(disk_data* test, int _lid, const char* _mp, double min_free_space,
-                         double max_read, double max_write) {
-    char* mp = _mp != nullptr ? strdup(_mp) : nullptr;
-    if (mp != nullptr) {
-        free(test->mp);
-        test->mp = mp;
+    if (added) {
+        log_test("add_diskdesc. Added", test);
+        checker_wake(disk);
     }
-    *test = {test->mp, test->tid, _lid, min_free_space, max_read, max_write, 0, 0, 1};
-    leveledadd2log(5,
-                   "INFO: modify_disk. Modified test. tid:%d, lid:%d, disk:'%s', "
-                   "min_free_space:%f, max_read:%f, max_write:%f",
-                   test->tid, _lid, test->mp, min_free_space, max_read, max_write);
 }
 
 void modify_disk(int _tid, int _lid, char* _mp, double min_free_space, double max_read,
                  double max_write) {
     {
         lock hold(DISK_MON_MUTEX);
-        int index = test_index(disk_data_list, disk_data_list_len, &disk_data::tid, _tid);
-        if (index < 0) {
+        const disk_data* known = disk_data_list.find(_tid);
+        if (known == nullptr) {
             leveledadd2log(0, "ERROR: modify_disk. Non-existing test. tid:%d", _tid);
-        } else {
-            modify_found(disk_data_list[index], _lid, _mp, min_free_space, max_read, max_write);
+        } else if (disk_data_list.replace({.mp = _mp != nullptr ? _mp : known->mp,
+                                           .tid = _tid,
+                                           .lid = _lid,
+                                           .min_free = min_free_space,
+                                           .max_read = max_read,
+                                           .max_write = max_write,
+                                           .last_read = 0,
+                                           .last_write = 0,
+                                           .isFirstCheck = 1})) {
+            log_test("modify_disk. Modified", *disk_data_list.find(_tid));
         }
     }
     checker_wake(disk);
@@ -408,15 +390,11 @@ void modify_disk(int _tid, int _lid, char* _mp, double min_free_space, double ma
 
 void rem_disk(int _tid) {
     lock hold(DISK_MON_MUTEX);
-    int index = test_index(disk_data_list, disk_data_list_len, &disk_data::tid, _tid);
-    if (index < 0) {
+    if (disk_data_list.remove(_tid)) {
+        leveledadd2log(5, "INFO: rem_disk. Removed test. tid:%d", _tid);
+    } else {
         leveledadd2log(0, "ERROR: rem_disk. Non-existing test. tid:%d", _tid);
-        return;
     }
-    disk_data* test = take_test(disk_data_list, disk_data_list_len, index);
-    free(test->mp);
-    free(test);
-    leveledadd2log(5, "INFO: rem_disk. Removed test. tid:%d", _tid);
 }
 
 int init_disk_mon() {

@@ -45,7 +45,7 @@ struct disk_data {
     double max_read;               /* KB a check interval */
     double max_write;              /* KB a check interval */
     unsigned long long last_read;  /* sectors of 512 bytes at the previous check; 0: none yet */
-    unsigned long long last_write; /* so */
+    unsigned long long last_write; /* as last_read */
     int isFirstCheck;              /* 1 after add or modify until the next pass */
 };
 

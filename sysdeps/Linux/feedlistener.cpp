@@ -2,6 +2,8 @@
 
 #include "checker.h"
 #include "feedlistener_frame.h"
+#include "test_list.h"
+#include "thread_start.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
 #include "vindral_text.h"
@@ -29,10 +31,16 @@ enum { DATA = 0, ERROR_TEXT = 1 };
 /* How long a listener waits for a peer before it looks at its state, and before it starts again. */
 static int listener_wait_ms = 10000;
 
-static tcp_server** tcp_list; /* poll thread only */
-static int tcp_list_len;
-static unix_server** unix_list; /* poll thread only */
-static int unix_list_len;
+template <>
+struct test_ownership<tcp_server> {
+    static void dispose(tcp_server* server) { free_tcp_server(server); }
+};
+template <>
+struct test_ownership<unix_server> {
+    static void dispose(unix_server* server) { free_unix_server(server); }
+};
+static constinit test_list<tcp_server, &tcp_server::tid> tcp_list; /* poll thread only */
+static constinit test_list<unix_server, &unix_server::tid> unix_list;
 
 static constinit mutex encoding_mutex{}; /* guards nothing but the memory of the machine */
 static constinit mutex FEED_DATA_MUTEX{};
@@ -438,23 +446,17 @@ void* run_unix_server(void* arg) {
     run_listener(*static_cast<unix_server*>(arg), local);
 }
 
-/* Cannot fail: glibc takes no memory for attributes. */
-static void init_attributes(pthread_attr_t* attributes, int detach_state) {
+/* Of the threads of connections. Cannot fail: glibc takes no memory for attributes. */
+static void init_attributes(pthread_attr_t* attributes) {
     pthread_attr_init(attributes);
     pthread_attr_setstacksize(attributes, WORKER_STACK_SIZE);
-    pthread_attr_setdetachstate(attributes, detach_state);
+    pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
 }
 
 /* 0 or the error. */
 static int start_listener(pthread_t* handle, void* (*body)(void*), void* server, const char* name) {
-    pthread_attr_t attributes;
-    init_attributes(&attributes, PTHREAD_CREATE_JOINABLE);
-    int error = pthread_create(handle, &attributes, body, server);
-    pthread_attr_destroy(&attributes);
-    if (error == 0) {
-        pthread_setname_np(*handle, name);
-    }
-    return error;
+    const thread_kind kind = {.name = name};
+    return thread_start(kind, body, server, handle);
 }
 
 static void stop_listener(pthread_t handle) {
@@ -469,8 +471,11 @@ static void free_ip_list(char** ip_list, int ip_list_len) {
     free_uparser_array(&ip_list, &count);
 }
 
-void free_tcp_server(tcp_server* server) NO_THREAD_SAFETY_ANALYSIS {
-    free_ip_list(server->iplist, server->iplist_len);
+void free_tcp_server(tcp_server* server) {
+    {
+        lock hold(server->u_mutex);
+        free_ip_list(server->iplist, server->iplist_len);
+    }
     pthread_attr_destroy(&server->tattr);
     free(server);
 }
@@ -481,8 +486,8 @@ static bool has_port(tcp_server& server, int port) {
 }
 
 static bool is_port_taken(int port) {
-    for (int i = 0; i < tcp_list_len; i++) {
-        if (has_port(*tcp_list[i], port)) {
+    for (tcp_server* server : tcp_list) {
+        if (has_port(*server, port)) {
             return true;
         }
     }
@@ -490,9 +495,8 @@ static bool is_port_taken(int port) {
 }
 
 void add_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
-    tcp_server* server = static_cast<tcp_server*>(malloc(sizeof(tcp_server)));
-    if (server == nullptr || test_index(tcp_list, tcp_list_len, &tcp_server::tid, tid) >= 0 ||
-        is_port_taken(port) || !append_test(tcp_list, tcp_list_len, server)) {
+    auto* server = static_cast<tcp_server*>(malloc(sizeof(tcp_server)));
+    if (server == nullptr || tcp_list.find(tid) != nullptr || is_port_taken(port)) {
         free_ip_list(ip_list, ip_list_len);
         free(server);
         return;
@@ -504,21 +508,24 @@ void add_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
                .thread_id = 0,
                .tcp_socket_state = 1,
                .tattr = {}};
-    init_attributes(&server->tattr, PTHREAD_CREATE_DETACHED);
+    init_attributes(&server->tattr);
+    if (!tcp_list.adopt(server)) {
+        return;
+    }
     if (int error = start_listener(&server->thread_id, run_tcp_server, server, "feed tcp")) {
         leveledadd2log(0, "A new TCP port ( %d ) listener Service failed on start. %s", port,
                        strerror(error));
-        free_tcp_server(take_test(tcp_list, tcp_list_len, tcp_list_len - 1));
+        tcp_list.remove(tid);
     }
 }
 
 void modify_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
-    int index = test_index(tcp_list, tcp_list_len, &tcp_server::tid, tid);
-    if (tid == 0 || port == 0 || index < 0) {
+    tcp_server* known = tcp_list.find(tid);
+    if (tid == 0 || port == 0 || known == nullptr) {
         free_ip_list(ip_list, ip_list_len);
         return;
     }
-    tcp_server& server = *tcp_list[index];
+    tcp_server& server = *known;
     lock hold(server.u_mutex);
     if (server.port != port) {
         server.port = port;
@@ -529,29 +536,30 @@ void modify_tcp_server(int tid, int port, char** ip_list, int ip_list_len) {
     server.iplist_len = ip_list_len;
 }
 
-static void remove_tcp_server_at(int index) {
-    tcp_server* server = take_test(tcp_list, tcp_list_len, index);
+static void end_tcp_server(tcp_server* server) {
     stop_listener(server->thread_id);
     free_tcp_server(server);
 }
 
 void remove_tcp_server(int tid) {
-    int index = test_index(tcp_list, tcp_list_len, &tcp_server::tid, tid);
-    if (tid != 0 && index >= 0) {
-        remove_tcp_server_at(index);
+    if (tcp_server* server = tid != 0 ? tcp_list.take(tid) : nullptr) {
+        end_tcp_server(server);
     }
 }
 
 void remove_all_tcp_servers() {
-    while (tcp_list_len > 0) {
-        remove_tcp_server_at(tcp_list_len - 1);
+    while (tcp_list.size() > 0) {
+        end_tcp_server(tcp_list.take_at(tcp_list.size() - 1));
     }
 }
 
 /* --- unix listeners --- */
 
-void free_unix_server(unix_server* server) NO_THREAD_SAFETY_ANALYSIS {
-    free(server->unix_path);
+void free_unix_server(unix_server* server) {
+    {
+        lock hold(server->u_mutex);
+        free(server->unix_path);
+    }
     pthread_attr_destroy(&server->tattr);
     free(server);
 }
@@ -562,8 +570,8 @@ static bool has_path(unix_server& server, const char* path) {
 }
 
 static bool is_path_taken(const char* path) {
-    for (int i = 0; i < unix_list_len; i++) {
-        if (has_path(*unix_list[i], path)) {
+    for (unix_server* server : unix_list) {
+        if (has_path(*server, path)) {
             return true;
         }
     }
@@ -572,58 +580,58 @@ static bool is_path_taken(const char* path) {
 
 void add_unix_server(int tid, char* us_path) {
     if (tid == 0 || us_path == nullptr || is_path_taken(us_path) ||
-        test_index(unix_list, unix_list_len, &unix_server::tid, tid) >= 0) {
+        unix_list.find(tid) != nullptr) {
         return;
     }
     heap_text path(strdup(us_path));
-    heap<unix_server> record(static_cast<unix_server*>(malloc(sizeof(unix_server))));
-    if (!path || !record || !append_test(unix_list, unix_list_len, record.get())) {
+    auto* server = static_cast<unix_server*>(malloc(sizeof(unix_server)));
+    if (!path || server == nullptr) {
+        free(server);
         return;
     }
-    unix_server* server = record.release();
     *server = {.tid = tid,
                .unix_path = path.release(),
                .thread_id = 0,
                .unix_socket_state = 1,
                .tattr = {}};
-    init_attributes(&server->tattr, PTHREAD_CREATE_DETACHED);
+    init_attributes(&server->tattr);
+    if (!unix_list.adopt(server)) {
+        return;
+    }
     if (int error = start_listener(&server->thread_id, run_unix_server, server, "feed unix")) {
         leveledadd2log(0, "A new UNIX domain socket listener Service ( %s ) faild on start. %s",
                        us_path, strerror(error));
-        free_unix_server(take_test(unix_list, unix_list_len, unix_list_len - 1));
+        unix_list.remove(tid);
     }
 }
 
 void modify_unix_server(int tid, char* new_upath) {
-    int index = test_index(unix_list, unix_list_len, &unix_server::tid, tid);
+    unix_server* server = unix_list.find(tid);
     heap_text path(new_upath != nullptr ? strdup(new_upath) : nullptr);
-    if (index < 0 || !path) {
+    if (server == nullptr || !path) {
         return;
     }
-    unix_server& server = *unix_list[index];
-    lock hold(server.u_mutex);
-    free(server.unix_path);
-    server.unix_path = path.release();
-    server.unix_socket_state = 1;
+    lock hold(server->u_mutex);
+    free(server->unix_path);
+    server->unix_path = path.release();
+    server->unix_socket_state = 1;
 }
 
-static void remove_unix_server_at(int index) {
-    unix_server* server = take_test(unix_list, unix_list_len, index);
+static void end_unix_server(unix_server* server) {
     stop_listener(server->thread_id);
     unlink(take_path(*server).sun_path);
     free_unix_server(server);
 }
 
 void remove_unix_server(int tid) {
-    int index = test_index(unix_list, unix_list_len, &unix_server::tid, tid);
-    if (index >= 0) {
-        remove_unix_server_at(index);
+    if (unix_server* server = unix_list.take(tid)) {
+        end_unix_server(server);
     }
 }
 
 void remove_all_unix_servers() {
-    while (unix_list_len > 0) {
-        remove_unix_server_at(unix_list_len - 1);
+    while (unix_list.size() > 0) {
+        end_unix_server(unix_list.take_at(unix_list.size() - 1));
     }
 }
 

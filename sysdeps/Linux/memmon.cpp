@@ -2,19 +2,20 @@
 
 #include "checker.h"
 #include "procfile.h"
+#include "record_writer.h"
 #include "remote_query.h"
-#include "udc.h"
+#include "test_list.h"
 #include "vindral_common.h"
 
 #include <cstdio>
 
-static const uint32_t MEM_RECORD = 47;
+using enum protocol::status_code;
+
 static const size_t MEMINFO_MOST = 8191;
 static const unsigned long long NOT_AVAILABLE = ~0ULL;
 static const mem_values NONE_AVAILABLE = {NOT_AVAILABLE, NOT_AVAILABLE, NOT_AVAILABLE,
                                           NOT_AVAILABLE, NOT_AVAILABLE, NOT_AVAILABLE,
                                           NOT_AVAILABLE, NOT_AVAILABLE};
-enum { WITHIN_LIMITS = 0, LIMIT_VIOLATED = 2, REMOTE_FAILED = 10 };
 
 static const char REMOTE_COMMAND[] =
     "snmptable -v 1 -t 1 -Ov -CHf ^ -c \"public\" %s 1.3.6.1.2.1.25.2.3";
@@ -25,8 +26,8 @@ static constinit checker mem = {
     .attr_message = "Memory monitoring: thread attribute initialization failed.",
     .stack_message = "Memory monitoring: can not set thread stack size."};
 static constinit mutex& MEM_MON_MUTEX = mem.mon_mutex;
-static mem_test_def** mem_def_list GUARDED_BY(MEM_MON_MUTEX);
-static int mem_def_size GUARDED_BY(MEM_MON_MUTEX);
+static constinit test_list<mem_test_def, &mem_test_def::test_id, &mem_test_def::host>
+    mem_def_list GUARDED_BY(MEM_MON_MUTEX);
 
 unsigned long long get_scaled(const char* buffer, const char* key) {
     const char* found = strstr(buffer, key);
@@ -138,7 +139,8 @@ int get_remote_mem_params(const char* host, mem_values* values) {
 }
 
 /* Status of one test, its message in `*message` (caller frees). */
-static uint32_t judge_memory(const mem_test_def& test, const mem_values& v, char** message) {
+static protocol::status_code judge_memory(const mem_test_def& test, const mem_values& v,
+                                          char** message) {
     const struct {
         unsigned long long value;
         int limit;
@@ -151,7 +153,7 @@ static uint32_t judge_memory(const mem_test_def& test, const mem_values& v, char
         {v.buffers, test.buffered_max, false, "Buffers memory size: %.2f / Max value: %d\n"},
         {v.cached, test.cached_max, false, "Cached memory size: %.2f / Max value: %d\n"},
     };
-    uint32_t status = WITHIN_LIMITS;
+    auto status = status_ok;
     for (const auto& l : limits) {
         auto limit = static_cast<unsigned long long>(l.limit);
         if (l.limit == -1 || l.value == NOT_AVAILABLE ||
@@ -161,52 +163,46 @@ static uint32_t judge_memory(const mem_test_def& test, const mem_values& v, char
         char line[128];
         snprintf(line, sizeof line, l.format, static_cast<double>(l.value), l.limit);
         adv_strcat(message, line);
-        status = LIMIT_VIOLATED;
+        status = status_limit;
     }
-    if (status == WITHIN_LIMITS) {
+    if (status == status_ok) {
         adv_strcat(message, "Memory usage is within acceptable limits\n");
     }
     return status;
 }
 
 static void add_mem_record(const mem_test_def& test, time_t now, const mem_values& v,
-                           uint32_t status, const char* message) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 4, 1, 0, 8, 1)) {
-        return;
-    }
-    udcw_add(record, UDC_UI32, MEM_RECORD);
-    udcw_add(record, UDC_UI32, test.test_id);
-    udcw_add(record, UDC_UI32, test.loc_id);
-    udcw_add(record, UDC_I64, now);
-    for (unsigned long long value : {v.physical_free, v.physical_total, v.swap_free, v.swap_total,
-                                     v.buffers, v.cached, v.virtual_total, v.virtual_free}) {
-        udcw_add(record, UDC_D64, static_cast<double>(value));
-    }
-    udcw_add(record, UDC_UI32, status);
-    udcw_add(record, UDC_STRING, message);
-    checker_add_record(mem, record);
+                           protocol::status_code status, const char* message) {
+    auto number = [](unsigned long long value) { return static_cast<double>(value); };
+    checker_add_record(
+        mem, make_record<protocol::memory>(
+                 named<"test">(test.test_id), named<"location">(test.loc_id), named<"time">(now),
+                 named<"free">(number(v.physical_free)), named<"total">(number(v.physical_total)),
+                 named<"swap_free">(number(v.swap_free)), named<"swap_total">(number(v.swap_total)),
+                 named<"buffers">(number(v.buffers)), named<"cached">(number(v.cached)),
+                 named<"virtual_total">(number(v.virtual_total)),
+                 named<"virtual_free">(number(v.virtual_free)), named<"status">(status),
+                 named<"message">(message)));
 }
 
 static void check_mem_test(const mem_test_def& test, const mem_values& local) {
     time_t now = now_in_seconds();
     mem_values values = local;
     if (test.host != nullptr && !get_remote_mem_params(test.host, &values)) {
-        if (checker_stopped(mem)) {
-            return; /* not measured, which is no failure of the host */
+        if (!checker_stopped(mem)) { /* else not measured, which is no failure of the host */
+            add_mem_record(test, now, values, status_remote_failed, "Remote memory test failed\n");
         }
-        add_mem_record(test, now, values, REMOTE_FAILED, "Remote memory test failed\n");
         return;
     }
     char* message = nullptr;
-    uint32_t status = judge_memory(test, values, &message);
+    auto status = judge_memory(test, values, &message);
     add_mem_record(test, now, values, status, message);
     free(message);
 }
 
 static bool has_mem_tests() {
     lock hold(MEM_MON_MUTEX);
-    return mem_def_size != 0;
+    return mem_def_list.size() != 0;
 }
 
 void do_mem_check() {
@@ -221,84 +217,70 @@ void do_mem_check() {
     }
     const mem_values local = parse_meminfo(text.get());
 
-    bool first_check = false;
+    bool first_check;
     {
         lock hold(MEM_MON_MUTEX);
-        for (int i = 0; i < mem_def_size; i++) {
-            first_check |= mem_def_list[i]->isFirstCheck != 0;
-            mem_def_list[i]->isFirstCheck = 0;
-            check_mem_test(*mem_def_list[i], local);
-        }
+        first_check =
+            mem_def_list.check_each([&](const mem_test_def& test) { check_mem_test(test, local); });
     }
     if (first_check) {
         fresh_results();
     }
 }
 
+static void log_test(const char* what, const mem_test_def& test) {
+    leveledadd2log(5,
+                   "INFO: %s test. tid:%d, lid:%d, mem_min:%d, swap_min:%d, virt_min:%d, "
+                   "buffered_max:%d, cached_max:%d",
+                   what, test.test_id, test.loc_id, test.mem_min, test.swap_min, test.virt_min,
+                   test.buffered_max, test.cached_max);
+}
+
 void add_mem(int _tid, int loc_id, int mem_min, int swap_min, int virt_min, int buffered_max,
              int cached_max, char* host) {
-    if (_tid == 0) {
-        return;
-    }
+    const mem_test_def test = {.test_id = _tid,
+                               .loc_id = loc_id,
+                               .mem_min = mem_min,
+                               .swap_min = swap_min,
+                               .virt_min = virt_min,
+                               .buffered_max = buffered_max,
+                               .cached_max = cached_max,
+                               .host = text_or_none(host),
+                               .isFirstCheck = 1};
+    bool added;
     {
         lock hold(MEM_MON_MUTEX);
-        if (test_index(mem_def_list, mem_def_size, &mem_test_def::test_id, _tid) >= 0) {
-            return;
-        }
-        heap<mem_test_def> test(static_cast<mem_test_def*>(malloc(sizeof(mem_test_def))));
-        if (!test) {
-            return;
-        }
-        *test = {_tid,         loc_id,     mem_min,         swap_min, virt_min,
-                 buffered_max, cached_max, copy_text(host), 1};
-        if (!append_test(mem_def_list, mem_def_size, test.get())) {
-            free(test->host);
-            return;
-        }
-        (void)test.release();
+        added = _tid != 0 && mem_def_list.add(test);
     }
-    leveledadd2log(5,
-                   "INFO: add_mem. Added test. tid:%d, lid:%d, mem_min:%d, swap_min:%d, "
-                   "virt_min:%d, buffered_max:%d, cached_max:%d",
-                   _tid, loc_id, mem_min, swap_min, virt_min, buffered_max, cached_max);
-    checker_wake(mem);
+    if (added) {
+        log_test("add_mem. Added", test);
+        checker_wake(mem);
+    }
 }
 
 void modify_mem(int _tid, int loc_id, int mem_min, int swap_min, int virt_min, int buffered_max,
                 int cached_max, char* host) {
-    if (_tid == 0) {
-        return;
-    }
+    const mem_test_def test = {.test_id = _tid,
+                               .loc_id = loc_id,
+                               .mem_min = mem_min,
+                               .swap_min = swap_min,
+                               .virt_min = virt_min,
+                               .buffered_max = buffered_max,
+                               .cached_max = cached_max,
+                               .host = text_or_none(host),
+                               .isFirstCheck = 1};
     lock hold(MEM_MON_MUTEX);
-    for (int i = 0; i < mem_def_size; i++) {
-        mem_test_def* test = mem_def_list[i];
-        if (test->test_id != _tid) {
-            continue;
-        }
-        free(test->host);
-        *test = {_tid,         loc_id,     mem_min,         swap_min, virt_min,
-                 buffered_max, cached_max, copy_text(host), 1};
-        leveledadd2log(5,
-                       "INFO: modify_mem. Modified test. tid:%d, lid:%d, mem_min:%d, swap_min:%d, "
-                       "virt_min:%d, buffered_max:%d, cached_max:%d",
-                       _tid, loc_id, mem_min, swap_min, virt_min, buffered_max, cached_max);
+    if (mem_def_list.replace(test)) {
+        log_test("modify_mem. Modified", test);
         checker_wake(mem);
     }
 }
 
 void rem_mem(int t_id) {
-    if (t_id == 0) {
-        return;
-    }
     lock hold(MEM_MON_MUTEX);
-    int index = test_index(mem_def_list, mem_def_size, &mem_test_def::test_id, t_id);
-    if (index < 0) {
-        return;
+    if (mem_def_list.remove(t_id)) {
+        leveledadd2log(5, "INFO: rem_mem. Removed test. tid:%d", t_id);
     }
-    mem_test_def* test = take_test(mem_def_list, mem_def_size, index);
-    free(test->host);
-    free(test);
-    leveledadd2log(5, "INFO: rem_mem. Removed test. tid:%d", t_id);
 }
 
 int init_mem_mon() {

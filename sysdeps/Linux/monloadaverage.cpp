@@ -2,14 +2,14 @@
 
 #include "checker.h"
 #include "procfile.h"
+#include "record_writer.h"
 #include "remote_query.h"
-#include "udc.h"
+#include "test_list.h"
 #include "vindral_common.h"
 
 #include <cstdio>
 
-static const uint32_t LDA_RECORD = 66;
-enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, REMOTE_FAILED = 10 };
+using enum protocol::status_code;
 
 static const char REMOTE_COMMAND[] =
     "snmpget -v 1 -t 1 -c \"public\" %s 1.3.6.1.4.1.2021.10.1.3.1 1.3.6.1.4.1.2021.10.1.3.2 "
@@ -21,8 +21,8 @@ static constinit checker lda = {
     .attr_message = "Load Average Monitoring: thread attribute initialization failed.",
     .stack_message = "Load Average Monitoring: can not set thread stack size."};
 static constinit mutex& LDA_MON_MUTEX = lda.mon_mutex;
-static load_av_def** load_av_list GUARDED_BY(LDA_MON_MUTEX);
-static int load_av_size GUARDED_BY(LDA_MON_MUTEX);
+static constinit test_list<load_av_def, &load_av_def::test_id, &load_av_def::host>
+    load_av_list GUARDED_BY(LDA_MON_MUTEX);
 
 /* The text of /proc/loadavg starts with the three averages. What is missing reads as 0. */
 static void parse_loadavg(const char* text, double la[3]) {
@@ -65,11 +65,12 @@ int get_remote_la_params(const char* host, double** retVal) {
 
 /* Status of one test, its message in `*message` (caller frees). Equal to the maximum is exceeded.
  */
-static uint32_t judge_load(const load_av_def& test, const double la[3], char** message) {
+static protocol::status_code judge_load(const load_av_def& test, const double la[3],
+                                        char** message) {
     const struct {
         int minutes, maximum;
     } limits[3] = {{1, test.max1}, {5, test.max5}, {15, test.max15}};
-    uint32_t status = WITHIN_LIMITS;
+    protocol::status_code status = status_ok;
     for (int i = 0; i < 3; i++) {
         if (limits[i].maximum != -1 && la[i] >= static_cast<double>(limits[i].maximum)) {
             /* Room for the longest double as "%.2f": 309 digits and the fraction. */
@@ -77,61 +78,46 @@ static uint32_t judge_load(const load_av_def& test, const double la[3], char** m
             snprintf(line, sizeof line, "Load Average %d min value: %.2f / Max value: %d\n",
                      limits[i].minutes, la[i], limits[i].maximum);
             adv_strcat(message, line);
-            status = LIMIT_REACHED;
+            status = status_limit;
         }
     }
-    if (status == WITHIN_LIMITS) {
+    if (status == status_ok) {
         adv_strcat(message, "Load Average values are within acceptable limits\n");
     }
     return status;
 }
 
-static void add_lda_record(const load_av_def& test, time_t now, const double la[3], uint32_t status,
-                           const char* message) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 4, 1, 0, 3, 1)) {
-        return;
-    }
-    udcw_add(record, UDC_UI32, LDA_RECORD);
-    udcw_add(record, UDC_UI32, test.test_id);
-    udcw_add(record, UDC_UI32, test.loc_id);
-    udcw_add(record, UDC_I64, now);
-    for (int i = 0; i < 3; i++) {
-        udcw_add(record, UDC_D64, la[i]);
-    }
-    udcw_add(record, UDC_STRING, message);
-    udcw_add(record, UDC_UI32, status);
-    checker_add_record(lda, record);
+static void add_lda_record(const load_av_def& test, time_t now, const double la[3],
+                           protocol::status_code status, const char* message) {
+    checker_add_record(lda, make_record<protocol::load_average>(
+                                named<"test">(test.test_id), named<"location">(test.loc_id),
+                                named<"time">(now), named<"load1">(la[0]), named<"load5">(la[1]),
+                                named<"load15">(la[2]), named<"status">(status),
+                                named<"message">(message)));
 }
 
 static void check_lda_test(const load_av_def& test, const double local_la[3]) {
     time_t now = now_in_seconds();
-    if (test.host == nullptr) {
-        char* message = nullptr;
-        uint32_t status = judge_load(test, local_la, &message);
-        add_lda_record(test, now, local_la, status, message);
-        free(message);
-        return;
-    }
     double* queried = nullptr;
-    if (!get_remote_la_params(test.host, &queried)) {
-        if (checker_stopped(lda)) {
-            return; /* not measured, which is no failure of the host */
+    if (test.host != nullptr && !get_remote_la_params(test.host, &queried)) {
+        if (!checker_stopped(lda)) { /* else not measured, which is no failure of the host */
+            const double failed[3] = {-1.0, -1.0, -1.0};
+            add_lda_record(test, now, failed, status_remote_failed,
+                           "Remote load average test failed\n");
         }
-        const double failed[3] = {-1.0, -1.0, -1.0};
-        add_lda_record(test, now, failed, REMOTE_FAILED, "Remote load average test failed\n");
         return;
     }
     heap<double> remote_la(queried);
+    const double* la = remote_la ? remote_la.get() : local_la;
     char* message = nullptr;
-    uint32_t status = judge_load(test, remote_la.get(), &message);
-    add_lda_record(test, now, remote_la.get(), status, message);
+    protocol::status_code status = judge_load(test, la, &message);
+    add_lda_record(test, now, la, status, message);
     free(message);
 }
 
 static bool has_lda_tests() {
     lock hold(LDA_MON_MUTEX);
-    return load_av_size != 0;
+    return load_av_list.size() != 0;
 }
 
 void do_lda_check() {
@@ -147,77 +133,61 @@ void do_lda_check() {
     double local_la[3];
     parse_loadavg(text.get(), local_la);
 
-    bool first_check = false;
+    bool first_check;
     {
         lock hold(LDA_MON_MUTEX);
-        for (int i = 0; i < load_av_size; i++) {
-            first_check |= load_av_list[i]->isFirstCheck != 0;
-            load_av_list[i]->isFirstCheck = 0;
-            check_lda_test(*load_av_list[i], local_la);
-        }
+        first_check = load_av_list.check_each(
+            [&](const load_av_def& test) { check_lda_test(test, local_la); });
     }
     if (first_check) {
         fresh_results();
     }
 }
 
+static void log_test(const char* what, const load_av_def& test) {
+    leveledadd2log(5, "INFO: %s test. tid:%d, lid:%d, la1:%d, la5:%d, la15:%d", what, test.test_id,
+                   test.loc_id, test.max1, test.max5, test.max15);
+}
+
 void add_lda(int tid, int loc_id, int la1, int la5, int la15, char* host) {
-    if (tid == 0) {
-        return;
-    }
+    const load_av_def test = {.test_id = tid,
+                              .loc_id = loc_id,
+                              .max1 = la1,
+                              .max5 = la5,
+                              .max15 = la15,
+                              .host = text_or_none(host),
+                              .isFirstCheck = 1};
+    bool added;
     {
         lock hold(LDA_MON_MUTEX);
-        if (test_index(load_av_list, load_av_size, &load_av_def::test_id, tid) >= 0) {
-            return;
-        }
-        heap<load_av_def> test(static_cast<load_av_def*>(malloc(sizeof(load_av_def))));
-        if (!test) {
-            return;
-        }
-        *test = {tid, loc_id, la1, la5, la15, copy_text(host), 1};
-        if (!append_test(load_av_list, load_av_size, test.get())) {
-            free(test->host);
-            return;
-        }
-        (void)test.release();
+        added = tid != 0 && load_av_list.add(test);
     }
-    leveledadd2log(5, "INFO: add_lda. Added test. tid:%d, lid:%d, la1:%d, la5:%d, la15:%d", tid,
-                   loc_id, la1, la5, la15);
-    checker_wake(lda);
+    if (added) {
+        log_test("add_lda. Added", test);
+        checker_wake(lda);
+    }
 }
 
 void modify_lda(int t_id, int loc_id, int la1, int la5, int la15, char* host) {
-    if (t_id == 0) {
-        return;
-    }
+    const load_av_def test = {.test_id = t_id,
+                              .loc_id = loc_id,
+                              .max1 = la1,
+                              .max5 = la5,
+                              .max15 = la15,
+                              .host = text_or_none(host),
+                              .isFirstCheck = 1};
     lock hold(LDA_MON_MUTEX);
-    for (int i = 0; i < load_av_size; i++) {
-        load_av_def* test = load_av_list[i];
-        if (test->test_id != t_id) {
-            continue;
-        }
-        free(test->host);
-        *test = {t_id, loc_id, la1, la5, la15, copy_text(host), 1};
-        leveledadd2log(5,
-                       "INFO: modify_lda. Modified test. tid:%d, lid:%d, la1:%d, la5:%d, la15:%d",
-                       t_id, loc_id, la1, la5, la15);
+    if (load_av_list.replace(test)) {
+        log_test("modify_lda. Modified", test);
         checker_wake(lda);
     }
 }
 
 void rem_lda(int t_id) {
-    if (t_id == 0) {
-        return;
-    }
     lock hold(LDA_MON_MUTEX);
-    int index = test_index(load_av_list, load_av_size, &load_av_def::test_id, t_id);
-    if (index < 0) {
-        return;
+    if (load_av_list.remove(t_id)) {
+        leveledadd2log(5, "INFO: rem_lda. Removed test. tid:%d", t_id);
     }
-    load_av_def* test = take_test(load_av_list, load_av_size, index);
-    free(test->host);
-    free(test);
-    leveledadd2log(5, "INFO: rem_lda. Removed test. tid:%d", t_id);
 }
 
 int init_lda_mon() {

@@ -2,7 +2,8 @@
 
 #include "checker.h"
 #include "procfile.h"
-#include "udc.h"
+#include "record_writer.h"
+#include "test_list.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
 
@@ -11,12 +12,11 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-static const uint32_t TRAFFIC_RECORD = 38;
-static const uint32_t ADAPTERS_RECORD = 39;
+using enum protocol::status_code;
+
 static const size_t IFREQS_SIZE = 2560; /* room for 64 interfaces to begin with */
 static const size_t LINE_MOST = 511;
 static const int calc_check_interval = 10; /* seconds from sample to sample */
-enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2 };
 
 static constinit checker net = {.thread_name = "net",
                                 .pass = do_net_check,
@@ -24,12 +24,12 @@ static constinit checker net = {.thread_name = "net",
                                     "Net monitoring: thread attribute initialization failed.",
                                 .stack_message = "Net monitoring: can not set thread stack size."};
 static constinit mutex& net_mon_mutex = net.mon_mutex;
-static net_data** net_data_list GUARDED_BY(net_mon_mutex);
-static int net_data_list_len GUARDED_BY(net_mon_mutex);
+static constinit test_list<net_data, &net_data::tid, &net_data::adapter>
+    net_data_list GUARDED_BY(net_mon_mutex);
 
 static constinit mutex net_interface_list_mutex{};
-static net_interface** net_interface_list GUARDED_BY(net_interface_list_mutex);
-static int net_interface_list_len GUARDED_BY(net_interface_list_mutex);
+static constinit pointer_list<net_interface>
+    net_interface_list GUARDED_BY(net_interface_list_mutex);
 
 static pthread_t net_calc_worker_thread_handle;
 static bool sampler_running; /* there is one to join; main thread only */
@@ -76,8 +76,8 @@ static size_t keep_watched(int socket_fd, ifreq* interfaces, size_t count) {
 }
 
 static bool is_listed(const char* name) REQUIRES(net_interface_list_mutex) {
-    for (int i = 0; i < net_interface_list_len; i++) {
-        if (strcmp(net_interface_list[i]->name, name) == 0) {
+    for (const net_interface* n : net_interface_list) {
+        if (strcmp(n->name, name) == 0) {
             return true;
         }
     }
@@ -102,14 +102,14 @@ static void update_list(const ifreq* kept, size_t count) {
         heap<net_interface> entry(static_cast<net_interface*>(calloc(1, sizeof(net_interface))));
         if (entry) {
             memcpy(entry->name, kept[i].ifr_name, sizeof entry->name);
-            if (append_test(net_interface_list, net_interface_list_len, entry.get())) {
+            if (net_interface_list.append(entry.get())) {
                 (void)entry.release();
             }
         }
     }
-    for (int i = net_interface_list_len - 1; i >= 0; i--) {
+    for (int i = net_interface_list.size() - 1; i >= 0; i--) {
         if (!is_among(net_interface_list[i]->name, kept, count)) {
-            free(take_test(net_interface_list, net_interface_list_len, i));
+            free(net_interface_list.take_at(i));
         }
     }
 }
@@ -151,7 +151,10 @@ int get_adapter_list(char** rez, int* rez_size) {
                           "IFF_RUNNING and !IFF_LOOPBACK .");
         return 0;
     }
-    return rez != nullptr ? make_inventory(ADAPTERS_RECORD, names.get(), rez, rez_size) : 1;
+    return rez == nullptr ||
+           hand_over_record(make_record<protocol::network_interfaces>(
+                                named<"time">(now_in_seconds()), named<"interfaces">(names.get())),
+                            rez, rez_size);
 }
 
 /* --- samples --- */
@@ -231,8 +234,7 @@ static void sample_line(char* line, layout version) REQUIRES(net_interface_list_
     if (counters == nullptr) {
         return;
     }
-    for (int i = 0; i < net_interface_list_len; i++) {
-        net_interface* known = net_interface_list[i];
+    for (net_interface* known : net_interface_list) {
         if (strstr(name, known->name) == nullptr) {
             continue;
         }
@@ -263,7 +265,7 @@ static char* take_line(char** rest, char line[LINE_MOST + 1]) {
 
 static void sample_interfaces() {
     lock hold(net_interface_list_mutex);
-    if (net_interface_list_len == 0) {
+    if (net_interface_list.size() == 0) {
         return;
     }
     heap_text text = read_whole_proc_file("net/dev");
@@ -311,8 +313,7 @@ enum {
 /* Takes the rates away from the first interface whose name is in the text. False without one. */
 static bool take_rates(const char* adapter, unsigned long rates[RATES]) {
     lock hold(net_interface_list_mutex);
-    for (int i = 0; i < net_interface_list_len; i++) {
-        net_interface* n = net_interface_list[i];
+    for (net_interface* n : net_interface_list) {
         if (strstr(adapter, n->name) == nullptr) {
             continue;
         }
@@ -337,8 +338,8 @@ static void append_line(char** message, const char* format, const char* adapter,
 }
 
 /* Status of a test, its message in `*message` (caller frees). */
-static uint32_t judge_rates(const net_data& test, const unsigned long rates[RATES],
-                            char** message) {
+static protocol::status_code judge_rates(const net_data& test, const unsigned long rates[RATES],
+                                         char** message) {
     const struct {
         int limit;
         const char* format;
@@ -350,7 +351,7 @@ static uint32_t judge_rates(const net_data& test, const unsigned long rates[RATE
         {test.max_pkts_sent, "Network adapter: %s packets sent: %u / Max value: %u.\n"},
         {test.max_errors_sent, "Network adapter: %s errors sent: %u / Max value: %u.\n"},
     };
-    uint32_t status = WITHIN_LIMITS;
+    auto status = status_ok;
     bool limited = false;
     for (int i = 0; i < RATES; i++) {
         if (limits[i].limit < 1) {
@@ -360,32 +361,27 @@ static uint32_t judge_rates(const net_data& test, const unsigned long rates[RATE
         if (rates[i] >= static_cast<unsigned long>(limits[i].limit)) {
             append_line(message, limits[i].format, test.adapter, static_cast<unsigned>(rates[i]),
                         limits[i].limit);
-            status = LIMIT_REACHED;
+            status = status_limit;
         }
     }
-    if (limited && status == WITHIN_LIMITS) {
+    if (limited && status == status_ok) {
         append_line(message, "Network adapter: %s Statistics are within acceptable limits.\n",
                     test.adapter, 0, 0);
     }
     return status;
 }
 
-static void add_net_record(const net_data& test, const unsigned long rates[RATES], uint32_t status,
-                           const char* message) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 10, 1, 0, 0, 1)) {
-        return;
-    }
-    udcw_add(record, UDC_UI32, TRAFFIC_RECORD);
-    udcw_add(record, UDC_UI32, test.tid);
-    udcw_add(record, UDC_UI32, test.lid);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    for (int i = 0; i < RATES; i++) {
-        udcw_add(record, UDC_UI32, rates[i]);
-    }
-    udcw_add(record, UDC_UI32, status);
-    udcw_add(record, UDC_STRING, message);
-    checker_add_record(net, record);
+static void add_net_record(const net_data& test, const unsigned long rates[RATES],
+                           protocol::status_code status, const char* message) {
+    checker_add_record(
+        net,
+        make_record<protocol::network>(
+            named<"test">(test.tid), named<"location">(test.lid), named<"time">(now_in_seconds()),
+            named<"received">(rates[BYTES_RECEIVED]),
+            named<"received_packets">(rates[PACKETS_RECEIVED]),
+            named<"received_errors">(rates[ERRORS_RECEIVED]), named<"sent">(rates[BYTES_SENT]),
+            named<"sent_packets">(rates[PACKETS_SENT]), named<"sent_errors">(rates[ERRORS_SENT]),
+            named<"status">(status), named<"message">(message)));
 }
 
 static void check_net_test(const net_data& test) {
@@ -397,7 +393,7 @@ static void check_net_test(const net_data& test) {
         return;
     }
     char* message = nullptr;
-    uint32_t status = judge_rates(test, rates, &message);
+    auto status = judge_rates(test, rates, &message);
     leveledadd2log(5,
                    "INFO: do_net_check. pi_rx_bytes:%lu, pi_rx_packets:%lu, pi_rx_errors:%lu, "
                    "pi_tx_bytes:%lu, pi_tx_packets:%lu, pi_tx_errors:%lu, status_value:%d",
@@ -408,24 +404,37 @@ static void check_net_test(const net_data& test) {
     free(message);
 }
 
-static bool check_all_interfaces() {
-    bool first_check = false;
-    lock hold(net_mon_mutex);
-    for (int i = 0; i < net_data_list_len; i++) {
-        first_check |= net_data_list[i]->isFirstCheck != 0;
-        net_data_list[i]->isFirstCheck = 0;
-        check_net_test(*net_data_list[i]);
-    }
-    return first_check;
-}
-
 void do_net_check() {
-    if (check_all_interfaces()) {
+    bool first_check;
+    {
+        lock hold(net_mon_mutex);
+        first_check = net_data_list.check_each(check_net_test);
+    }
+    if (first_check) {
         fresh_results();
     }
 }
 
 /* --- tests --- */
+
+static void log_test(const char* what, const net_data& test) {
+    leveledadd2log(5,
+                   "INFO: %s test. tid:%d, lid:%d, adapter:'%s', max_pkts_sent:%d, "
+                   "max_pkts_recv:%d, max_bytes_sent:%d, max_bytes_recv:%d, max_errors_sent:%d, "
+                   "max_errors_recv:%d",
+                   what, test.tid, test.lid, test.adapter, test.max_pkts_sent, test.max_pkts_recv,
+                   test.max_bytes_sent, test.max_bytes_recv, test.max_errors_sent,
+                   test.max_errors_recv);
+}
+
+static bool add_test(const net_data& test) {
+    lock hold(net_mon_mutex);
+    if (net_data_list.find(test.tid) != nullptr) {
+        leveledadd2log(0, "ERROR: add_nettest. Existing test. tid:%d", test.tid);
+        return false;
+    }
+    return net_data_list.add(test);
+}
 
 void add_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_pkts_recv,
                  int max_bytes_sent, int max_bytes_recv, int max_errors_sent, int max_errors_recv) {
@@ -433,40 +442,29 @@ void add_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_pkt
         leveledadd2log(0, "ERROR: add_nettest. Invalid test.");
         return;
     }
-    heap_text copy(strdup(adapter));
-    heap<net_data> test(static_cast<net_data*>(malloc(sizeof(net_data))));
-    if (!copy || !test) {
-        return;
+    const net_data test = {.tid = tid,
+                           .lid = lid,
+                           .adapter = adapter,
+                           .max_bytes_recv = max_bytes_recv,
+                           .max_pkts_recv = max_pkts_recv,
+                           .max_errors_recv = max_errors_recv,
+                           .max_bytes_sent = max_bytes_sent,
+                           .max_pkts_sent = max_pkts_sent,
+                           .max_errors_sent = max_errors_sent,
+                           .isFirstCheck = 1};
+    if (add_test(test)) {
+        log_test("add_nettest. Added", test);
+        checker_wake(net);
     }
-    *test = {tid,
-             lid,
-             copy.get(),
-             max_bytes_recv,
-             max_pkts_recv,
-             max_errors_recv,
-             max_bytes_sent,
-             max_pkts_sent,
-             max_errors_sent,
-             1};
-    {
-        lock hold(net_mon_mutex);
-        if (test_index(net_data_list, net_data_list_len, &net_data::tid, tid) >= 0) {
-            leveledadd2log(0, "ERROR: add_nettest. Existing test. tid:%d", tid);
-            return;
-        }
-        if (!append_test(net_data_list, net_data_list_len, test.get())) {
-            return;
-        }
-        (void)copy.release();
-        (void)test.release();
+}
+
+static void replace_test(const net_data& test) {
+    lock hold(net_mon_mutex);
+    if (net_data_list.find(test.tid) == nullptr) {
+        leveledadd2log(0, "ERROR: modify_nettest. Non-existing test. tid:%d", test.tid);
+    } else if (net_data_list.replace(test)) {
+        log_test("modify_nettest. Modified", test);
     }
-    leveledadd2log(5,
-                   "INFO: add_nettest. Added test. tid:%d, lid:%d, adapter:'%s', max_pkts_sent:%d, "
-                   "max_pkts_recv:%d, max_bytes_sent:%d, max_bytes_recv:%d, max_errors_sent:%d, "
-                   "max_errors_recv:%d",
-                   tid, lid, adapter, max_pkts_sent, max_pkts_recv, max_bytes_sent, max_bytes_recv,
-                   max_errors_sent, max_errors_recv);
-    checker_wake(net);
 }
 
 void modify_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_pkts_recv,
@@ -476,47 +474,26 @@ void modify_nettest(int tid, int lid, char* adapter, int max_pkts_sent, int max_
         leveledadd2log(0, "ERROR: modify_nettest. Invalid test.");
         return;
     }
-    heap_text copy(strdup(adapter));
-    {
-        lock hold(net_mon_mutex);
-        int index = test_index(net_data_list, net_data_list_len, &net_data::tid, tid);
-        if (index < 0) {
-            leveledadd2log(0, "ERROR: modify_nettest. Non-existing test. tid:%d", tid);
-        } else if (copy) {
-            net_data* test = net_data_list[index];
-            free(test->adapter);
-            *test = {tid,
-                     lid,
-                     copy.release(),
-                     max_bytes_recv,
-                     max_pkts_recv,
-                     max_errors_recv,
-                     max_bytes_sent,
-                     max_pkts_sent,
-                     max_errors_sent,
-                     1};
-            leveledadd2log(5,
-                           "INFO: modify_nettest. Modified test. tid:%d, lid:%d, adapter:'%s', "
-                           "max_pkts_sent:%d, max_pkts_recv:%d, max_bytes_sent:%d, "
-                           "max_bytes_recv:%d, max_errors_sent:%d, max_errors_recv:%d",
-                           tid, lid, adapter, max_pkts_sent, max_pkts_recv, max_bytes_sent,
-                           max_bytes_recv, max_errors_sent, max_errors_recv);
-        }
-    }
+    replace_test({.tid = tid,
+                  .lid = lid,
+                  .adapter = adapter,
+                  .max_bytes_recv = max_bytes_recv,
+                  .max_pkts_recv = max_pkts_recv,
+                  .max_errors_recv = max_errors_recv,
+                  .max_bytes_sent = max_bytes_sent,
+                  .max_pkts_sent = max_pkts_sent,
+                  .max_errors_sent = max_errors_sent,
+                  .isFirstCheck = 1});
     checker_wake(net);
 }
 
 void rem_nettest(int tid) {
     lock hold(net_mon_mutex);
-    int index = test_index(net_data_list, net_data_list_len, &net_data::tid, tid);
-    if (index < 0) {
+    if (net_data_list.remove(tid)) {
+        leveledadd2log(5, "INFO: rem_nettest. Removed test. tid:%d", tid);
+    } else {
         leveledadd2log(0, "ERROR: rem_nettest. Non-existing test. tid:%d", tid);
-        return;
     }
-    net_data* test = take_test(net_data_list, net_data_list_len, index);
-    free(test->adapter);
-    free(test);
-    leveledadd2log(5, "INFO: rem_nettest. Removed test. tid:%d", tid);
 }
 
 static int start_sampler() {

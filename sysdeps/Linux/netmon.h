@@ -10,7 +10,7 @@
  *   UI32  38, tid, lid
  *   I64   time of the check, seconds since the epoch
  *   UI32  received bytes, packets, errors, each per second, low 32 bits
- *   UI32  sent bytes, packets, errors, so
+ *   UI32  sent bytes, packets, errors, each per second, low 32 bits
  *   UI32  status: 0 within limits, 2 a limit reached
  *   text  the message; none when the test has no limit
  *

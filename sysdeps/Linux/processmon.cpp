@@ -2,7 +2,8 @@
 
 #include "checker.h"
 #include "procfile.h"
-#include "udc.h"
+#include "record_writer.h"
+#include "test_list.h"
 #include "vindral_common.h"
 #include "vindral_log.h"
 
@@ -13,14 +14,13 @@
 #include <sys/stat.h>
 #include <utility>
 
-static const uint32_t NAMES_RECORD = 42;
-static const uint32_t PROCESS_RECORD = 43;
+using enum protocol::status_code;
+
 static const size_t STAT_MOST = 4095;
 static const int TICKS_PER_SECOND = 100;
 static const double NEVER_READ_TICKS = 1e11; /* elapsed when there is no earlier reading */
 static const time_t HISTORY_S = 600;
 static const double MB = 1.0 / (1 << 20);
-enum { WITHIN_LIMITS = 0, LIMIT_REACHED = 2, NOT_RUNNING = 3 };
 enum { ALARM_NOT_RUNNING = 1, ALARM_CPU = 2, ALARM_RSS = 4, ALARM_VSIZE = 8 };
 
 static void pass();
@@ -31,8 +31,8 @@ static constinit checker proc = {
     .attr_message = "Process monitoring: thread attribute initialization failed.",
     .stack_message = "Process monitoring: can not set thread stack size."};
 static constinit mutex& PROC_LIST_MUTEX = proc.mon_mutex;
-static proc_result** proc_name_list GUARDED_BY(PROC_LIST_MUTEX);
-static int proc_name_list_len GUARDED_BY(PROC_LIST_MUTEX);
+static constinit test_list<proc_result, &proc_result::tid, &proc_result::name>
+    proc_name_list GUARDED_BY(PROC_LIST_MUTEX);
 
 /* In the order of the process ids. Worker only. */
 static PCPU* old_proc_cpu;
@@ -466,21 +466,20 @@ struct process_snapshot {
     heap<size_t> begin;
 };
 
-static process_snapshot* pass_snapshot GUARDED_BY(PROC_LIST_MUTEX);
-
 static int compare_names(const void* a, const void* b) {
     return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
 }
 
 static bool collect_names(wanted_names* wanted) REQUIRES(PROC_LIST_MUTEX) {
-    auto room = static_cast<size_t>(proc_name_list_len);
+    auto room = static_cast<size_t>(proc_name_list.size());
     wanted->names.reset(static_cast<const char**>(malloc(room * sizeof(const char*))));
     if (!wanted->names) {
         return false;
     }
     const char** names = wanted->names.get();
-    for (size_t i = 0; i < room; i++) {
-        names[i] = proc_name_list[i]->name;
+    size_t count = 0;
+    for (const proc_result* test : proc_name_list) {
+        names[count++] = test->name;
     }
     qsort(names, room, sizeof names[0], compare_names);
     for (size_t i = 0; i < room; i++) {
@@ -594,45 +593,32 @@ static bool take_snapshot(process_snapshot* s) REQUIRES(PROC_LIST_MUTEX) {
 
 /* --- evaluation --- */
 
-static UDCW* begin_record(const proc_result& test, int pid) {
-    UDCW* record = nullptr;
-    if (create_new_udcw(&record, 0, 5, 1, 0, 3, 1)) {
-        udcw_add(record, UDC_UI32, PROCESS_RECORD);
-        udcw_add(record, UDC_UI32, test.tid);
-        udcw_add(record, UDC_UI32, test.lid);
-        udcw_add(record, UDC_UI32, pid);
-    }
-    return record;
-}
-
-static void finish_record(UDCW* record, uint32_t status, double cpu, double rss, double vsize,
-                          const char* message) {
-    udcw_add(record, UDC_UI32, status);
-    udcw_add(record, UDC_I64, now_in_seconds());
-    udcw_add(record, UDC_D64, cpu);
-    udcw_add(record, UDC_D64, rss);
-    udcw_add(record, UDC_D64, vsize);
-    udcw_add(record, UDC_STRING, message);
-    checker_add_record(proc, record);
+static void add_proc_record(const proc_result& test, int pid, protocol::status_code status,
+                            double cpu, const proc_mem& memory, const char* message) {
+    checker_add_record(proc, make_record<protocol::process>(
+                                 named<"test">(test.tid), named<"location">(test.lid),
+                                 named<"pid">(pid), named<"status">(status),
+                                 named<"time">(now_in_seconds()), named<"cpu">(cpu),
+                                 named<"resident">(static_cast<double>(memory.rss) * MB),
+                                 named<"virtual">(static_cast<double>(memory.vsize) * MB),
+                                 named<"message">(message)));
 }
 
 static void report_not_running(proc_result* test) {
-    if (UDCW* record = begin_record(*test, 0)) {
-        finish_record(record, NOT_RUNNING, 0.0, 0.0, 0.0, "The process is not running");
-    }
+    add_proc_record(*test, 0, status_not_found, 0.0, {}, "The process is not running");
     test->last_status |= ALARM_NOT_RUNNING;
 }
 
 /* Compares with the limits and keeps the alarms; the message goes to `*message` (caller frees). */
-static uint32_t judge_process(proc_result* test, double cpu, const proc_mem& memory,
-                              char** message) {
+static protocol::status_code judge_process(proc_result* test, double cpu, const proc_mem& memory,
+                                           char** message) {
     char line[512];
-    uint32_t status = WITHIN_LIMITS;
+    auto status = status_ok;
     if (test->cpu_critical != -1 && cpu >= test->cpu_critical) {
         snprintf(line, sizeof line, "Current CPU usage: %.2f%% / Max value: %u\n", cpu,
                  static_cast<unsigned>(test->cpu_critical));
         adv_strcat(message, line);
-        status = LIMIT_REACHED;
+        status = status_limit;
         test->last_status |= ALARM_CPU;
     }
     const struct {
@@ -648,7 +634,7 @@ static uint32_t judge_process(proc_result* test, double cpu, const proc_mem& mem
             snprintf(line, sizeof line, s.format, static_cast<double>(s.bytes) * MB,
                      static_cast<unsigned>(s.limit));
             adv_strcat(message, line);
-            status = LIMIT_REACHED;
+            status = status_limit;
             test->last_status |= s.alarm;
         }
     }
@@ -673,18 +659,13 @@ static void tell_all_clear(proc_result* test, char** message) {
 }
 
 static void report_process(proc_result* test, const seen_process& process) {
-    UDCW* record = begin_record(*test, process.pid);
-    if (record == nullptr) {
-        return;
-    }
     double cpu = process.cpu.pcpu * 100;
     char* message = nullptr;
-    uint32_t status = judge_process(test, cpu, process.memory, &message);
-    if (status == WITHIN_LIMITS) {
+    auto status = judge_process(test, cpu, process.memory, &message);
+    if (status == status_ok) {
         tell_all_clear(test, &message);
     }
-    finish_record(record, status, cpu, static_cast<double>(process.memory.rss) * MB,
-                  static_cast<double>(process.memory.vsize) * MB, message);
+    add_proc_record(*test, process.pid, status, cpu, process.memory, message);
     free(message);
 }
 
@@ -701,33 +682,19 @@ static void check_in_snapshot(const process_snapshot& s, proc_result* test) {
     }
 }
 
-void make_check(int _i_) NO_THREAD_SAFETY_ANALYSIS {
-    proc_result* test = proc_name_list[_i_];
-    if (pass_snapshot != nullptr) {
-        check_in_snapshot(*pass_snapshot, test);
-        return;
-    }
-    process_snapshot own; /* of a check outside a pass */
-    if (take_snapshot(&own)) {
-        check_in_snapshot(own, test);
+void make_check(int _i_) REQUIRES(PROC_LIST_MUTEX) {
+    process_snapshot snapshot;
+    if (take_snapshot(&snapshot)) {
+        check_in_snapshot(snapshot, proc_name_list[_i_]);
     }
 }
 
 static bool check_all_processes() {
     lock hold(PROC_LIST_MUTEX);
     process_snapshot snapshot;
-    if (proc_name_list_len == 0 || !take_snapshot(&snapshot)) {
-        return false;
-    }
-    bool first_check = false;
-    pass_snapshot = &snapshot;
-    for (int i = 0; i < proc_name_list_len; i++) {
-        first_check |= proc_name_list[i]->isFirstCheck != 0;
-        proc_name_list[i]->isFirstCheck = 0;
-        make_check(i);
-    }
-    pass_snapshot = nullptr;
-    return first_check;
+    return proc_name_list.size() != 0 && take_snapshot(&snapshot) &&
+           proc_name_list.check_each(
+               [&](proc_result& test) { check_in_snapshot(snapshot, &test); });
 }
 
 void do_proc_check() {
@@ -838,7 +805,10 @@ int get_proc_name_list(char** pData, int* pDataSize) {
             list.add(name, length);
         }
     }
-    return any ? make_inventory(NAMES_RECORD, list.text.get(), pData, pDataSize) : 0;
+    return any &&
+           hand_over_record(make_record<protocol::process_names>(named<"time">(now_in_seconds()),
+                                                                 named<"names">(list.text.get())),
+                            pData, pDataSize);
 }
 
 /* --- tests --- */
@@ -848,54 +818,54 @@ static unsigned long long widened(int megabytes) {
     return static_cast<unsigned long long>(static_cast<long long>(megabytes));
 }
 
-static bool append_proc_test(const char* name, const proc_result& wanted) {
-    heap_text copy(strdup(name));
-    heap<proc_result> test(static_cast<proc_result*>(malloc(sizeof(proc_result))));
+static void log_test(const char* what, const proc_result& test) {
+    leveledadd2log(5,
+                   "INFO: %s test. tid:%d, lid:%d, process:'%s', cpu_critical:%d, "
+                   "rss_critical:%d, vsize_critical:%d",
+                   what, test.tid, test.lid, test.name, test.cpu_critical,
+                   static_cast<int>(test.rss_critical), static_cast<int>(test.vsize_critical));
+}
+
+static bool add_test(const proc_result& test) {
     lock hold(PROC_LIST_MUTEX);
-    if (test_index(proc_name_list, proc_name_list_len, &proc_result::tid, wanted.tid) >= 0) {
-        leveledadd2log(0, "ERROR: add_proc. Existing test. tid:%d", wanted.tid);
+    if (proc_name_list.find(test.tid) != nullptr) {
+        leveledadd2log(0, "ERROR: add_proc. Existing test. tid:%d", test.tid);
         return false;
     }
-    if (!copy || !test || !append_test(proc_name_list, proc_name_list_len, test.get())) {
-        return false;
-    }
-    *test = wanted;
-    test->name = copy.release();
-    (void)test.release();
-    return true;
+    return proc_name_list.add(test);
 }
 
 void add_proc(char* pr_name, int t_id, int loc_id, int cpu_critical, int rss_critical,
               int vsize_critical) {
-    if (pr_name == nullptr || t_id == 0 ||
-        !append_proc_test(pr_name, {nullptr, t_id, loc_id, cpu_critical, widened(rss_critical),
-                                    widened(vsize_critical), 0, 1})) {
-        return;
+    const proc_result test = {.name = pr_name,
+                              .tid = t_id,
+                              .lid = loc_id,
+                              .cpu_critical = cpu_critical,
+                              .rss_critical = widened(rss_critical),
+                              .vsize_critical = widened(vsize_critical),
+                              .last_status = 0,
+                              .isFirstCheck = 1};
+    if (pr_name != nullptr && t_id != 0 && add_test(test)) {
+        log_test("add_proc. Added", test);
+        checker_wake(proc);
     }
-    leveledadd2log(5,
-                   "INFO: add_proc. Added test. tid:%d, lid:%d, process:'%s', cpu_critical:%d, "
-                   "rss_critical:%d, vsize_critical:%d",
-                   t_id, loc_id, pr_name, cpu_critical, rss_critical, vsize_critical);
-    checker_wake(proc);
 }
 
 void mod_proc(char* pr_name, int t_id, int loc_id, int cpu_critical, int rss_critical,
               int vsize_critical) {
-    heap_text copy(pr_name != nullptr ? strdup(pr_name) : nullptr);
+    const proc_result test = {.name = pr_name,
+                              .tid = t_id,
+                              .lid = loc_id,
+                              .cpu_critical = cpu_critical,
+                              .rss_critical = widened(rss_critical),
+                              .vsize_critical = widened(vsize_critical),
+                              .last_status = 0,
+                              .isFirstCheck = 1};
     lock hold(PROC_LIST_MUTEX);
-    int index = test_index(proc_name_list, proc_name_list_len, &proc_result::tid, t_id);
-    if (index < 0 || !copy) {
-        return;
+    if (pr_name != nullptr && proc_name_list.replace(test)) {
+        log_test("mod_proc. Modified", test);
+        checker_wake(proc);
     }
-    proc_result* test = proc_name_list[index];
-    free(test->name);
-    *test = {copy.release(),          t_id, loc_id, cpu_critical, widened(rss_critical),
-             widened(vsize_critical), 0,    1};
-    leveledadd2log(5,
-                   "INFO: mod_proc. Modified test. tid:%d, lid:%d, process:'%s', cpu_critical:%d, "
-                   "rss_critical:%d, vsize_critical:%d",
-                   t_id, loc_id, pr_name, cpu_critical, rss_critical, vsize_critical);
-    checker_wake(proc);
 }
 
 void rem_proc(int t_id) {
@@ -903,15 +873,11 @@ void rem_proc(int t_id) {
         return;
     }
     lock hold(PROC_LIST_MUTEX);
-    int index = test_index(proc_name_list, proc_name_list_len, &proc_result::tid, t_id);
-    if (index < 0) {
+    if (proc_name_list.remove(t_id)) {
+        leveledadd2log(5, "INFO: rem_proc. Removed test. tid:%d", t_id);
+    } else {
         leveledadd2log(0, "ERROR: rem_proc. Non-existing test. tid:%d", t_id);
-        return;
     }
-    proc_result* test = take_test(proc_name_list, proc_name_list_len, index);
-    free(test->name);
-    free(test);
-    leveledadd2log(5, "INFO: rem_proc. Removed test. tid:%d", t_id);
 }
 
 int init_proc_variables() {

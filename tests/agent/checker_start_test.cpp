@@ -1,16 +1,4 @@
 /* What each checker says when its worker cannot be started, and the stack that it asks for. */
-#include "guards.h"
-
-/* Failures of the thread library, on demand. */
-static bool refuse_attributes, refuse_stack;
-static size_t stack_size_asked;
-#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
-#define pthread_attr_setstacksize(a, size)                                                         \
-    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x) ((void)(f), EAGAIN)
-#include "checker.cpp"
-#undef pthread_create
-
 #include "cpumon.h"
 #include "diskmon.h"
 #include "fake_core.h"
@@ -20,6 +8,7 @@ static size_t stack_size_asked;
 #include "netmon.h"
 #include "pingmon.h"
 #include "processmon.h"
+#include "thread_library.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -68,17 +57,18 @@ static_assert(WORKER_STACK_SIZE == 32768);
 TEST(CheckerStart, failures) {
     take_log();
     for (const auto& row : rows) {
-        refuse_attributes = true;
+        thread_library::reset();
+        thread_library::attr_error = ENOMEM;
         EXPECT_EQ(0, row.init());
         EXPECT_EQ(row.no_attributes + "\n", take_errors());
-        refuse_attributes = false;
-        refuse_stack = true;
+        thread_library::reset();
+        thread_library::stack_error = EINVAL;
         EXPECT_EQ(0, row.init());
         EXPECT_EQ(row.no_stack + "\n", take_errors());
-        refuse_stack = false;
-        stack_size_asked = 0;
+        thread_library::reset();
+        thread_library::create_error = EAGAIN;
         EXPECT_EQ(0, row.init()); /* the thread itself: without a message */
         EXPECT_EQ("", take_errors());
-        EXPECT_EQ(WORKER_STACK_SIZE, stack_size_asked);
+        EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_asked);
     }
 }

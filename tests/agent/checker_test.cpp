@@ -1,17 +1,8 @@
 /* The shared lifecycle: waking, intervals, stopping, hand-over, lists. */
-#include "guards.h"
-
-/* Failures of the thread library, on demand. */
-static bool refuse_attributes, refuse_stack, refuse_thread;
-static size_t stack_size_asked;
-#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
-#define pthread_attr_setstacksize(a, size)                                                         \
-    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x) (refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #include "checker.cpp"
-#undef pthread_create
 
 #include "fake_core.h"
+#include "thread_library.h"
 
 #include <atomic>
 #include <chrono>
@@ -119,8 +110,8 @@ TEST_F(CheckerTest, a_short_interval_repeats_the_pass) {
 }
 
 TEST_F(CheckerTest, a_negative_interval_is_no_stop) {
-    unsigned seen = wakes_so_far(c);
-    EXPECT_TRUE(wait_interval(c, seen, -5));
+    checker_set_interval(c, -5);
+    EXPECT_EQ(turn::PASS, wait_for_turn(c, false));
 }
 
 TEST_F(CheckerTest, one_wake_up_is_one_pass) {
@@ -188,25 +179,23 @@ TEST_F(CheckerTest, minus_one_ends_the_worker_for_good) {
     EXPECT_EQ(0, passes);
 }
 
-TEST_F(CheckerTest, a_stop_between_reading_the_interval_and_the_wait_is_not_lost) {
-    /* The hole, by hand: the interval has been read (a year), the wait has not begun. */
-    unsigned seen = wakes_so_far(c);
-    int interval_s = checker_get_interval(c);
+TEST_F(CheckerTest, a_stop_before_a_wait_is_not_lost) {
     checker_set_interval(c, -1);
-    EXPECT_FALSE(wait_interval(c, seen, interval_s));
+    EXPECT_EQ(turn::STOPPED, wait_for_turn(c, true));
+    EXPECT_EQ(turn::STOPPED, wait_for_turn(c, false));
 }
 
-TEST_F(CheckerTest, an_interval_set_in_the_same_hole_is_not_waited_out_either) {
-    unsigned seen = wakes_so_far(c);
-    int interval_s = checker_get_interval(c);
-    checker_set_interval(c, 5);
-    EXPECT_TRUE(wait_interval(c, seen, interval_s));
+TEST_F(CheckerTest, an_interval_set_before_the_first_wait_is_not_waited_out) {
+    checker_set_interval(c, 1000);
+    EXPECT_EQ(turn::PASS, wait_for_turn(c, true));
+    c.pass_on_interval_only = true;
+    EXPECT_EQ(turn::ANOTHER_WAIT, wait_for_turn(c, true));
 }
 
 TEST_F(CheckerTest, a_stop_is_remembered_even_when_the_interval_is_set_again) {
     checker_set_interval(c, -1);
     checker_set_interval(c, 5);
-    EXPECT_FALSE(wait_interval(c, wakes_so_far(c), 5));
+    EXPECT_EQ(turn::STOPPED, wait_for_turn(c, false));
 }
 
 TEST_F(CheckerTest, a_stop_and_a_new_interval_in_one_batch_are_a_stop) {
@@ -398,19 +387,19 @@ TEST_F(CheckerTest, results_beyond_the_length_of_an_int_are_dropped) {
 
 TEST_F(CheckerTest, failures_to_start) {
     take_log();
-    refuse_attributes = true;
+    thread_library::attr_error = ENOMEM;
     EXPECT_EQ(0, checker_start(c, worker));
     EXPECT_EQ("0 no attributes\n", take_log_text());
-    refuse_attributes = false;
-    refuse_stack = true;
+    thread_library::attr_error = 0;
+    thread_library::stack_error = EINVAL;
     EXPECT_EQ(0, checker_start(c, worker));
     EXPECT_EQ("0 no stack\n", take_log_text());
-    refuse_stack = false;
-    refuse_thread = true;
+    thread_library::stack_error = 0;
+    thread_library::create_error = EAGAIN;
     EXPECT_EQ(0, checker_start(c, worker));
     EXPECT_EQ("", take_log_text());
-    refuse_thread = false;
-    EXPECT_EQ(WORKER_STACK_SIZE, stack_size_asked);
+    EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_asked);
+    thread_library::reset();
     checker_set_interval(c, 3); /* CHK reaches it all the same */
     EXPECT_EQ(3, checker_get_interval(c));
     checker_stop(c); /* nothing to join */

@@ -281,7 +281,7 @@ TEST_F(Disk, times_of_text_results) {
     add(2, "no parenthesis", -1, 1, 1);
     time_t before = now_in_seconds();
     do_disk_check();
-    ASSERT_EQ(2, disk_test_results_count);
+    ASSERT_EQ(2, disk_test_results.size());
     for (int i = 0; i < 2; i++) {
         EXPECT_LE(before, disk_test_results[i]->check_time);
     }
@@ -430,11 +430,9 @@ TEST_F(Disk, the_pass_reads_the_statistics_once) {
     add(1, ROOT, -1, 1, 1);
     add(2, ROOT, -1, 1, 1);
     device_statistics seen;
-    pass_statistics = &seen;
-    make_disk_check(0);
+    check_disk(*disk_data_list[0], &seen);
     remove("diskstats");
-    make_disk_check(1);
-    pass_statistics = nullptr;
+    check_disk(*disk_data_list[1], &seen);
     EXPECT_EQ("1:read_count:0.00;write_count:0.00;status:0\n"
               "2:read_count:0.00;write_count:0.00;status:0\n",
               texts());

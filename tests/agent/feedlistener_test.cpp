@@ -2,6 +2,7 @@
 #include "checker_place.h"
 #include "fake_core.h"
 #include "feedlistener_frame.h"
+#include "thread_library.h"
 #include "vindral_common.h"
 
 #include <arpa/inet.h>
@@ -46,8 +47,12 @@ static char* encode_or_fail(const char* s, size_t l) {
 static void* realloc_or_fail(void* p, size_t size) {
     return fails(reallocation) ? nullptr : realloc(p, size);
 }
+static int before_thread(void* (*)(void*), void*) {
+    return fails(thread_creation) ? thread_creation.error.load() : 0;
+}
 static int create_or_fail(pthread_t* t, const pthread_attr_t* a, void* (*body)(void*), void* arg) {
-    return fails(thread_creation) ? thread_creation.error.load() : pthread_create(t, a, body, arg);
+    int error = before_thread(body, arg);
+    return error != 0 ? error : pthread_create(t, a, body, arg);
 }
 static std::atomic<bool> zero_socket; /* the next one shall be descriptor 0 */
 static int socket_or_fail(int family, int type, int protocol) {
@@ -96,6 +101,7 @@ protected:
 
     feed() {
         listener_wait_ms = 20;
+        thread_library::about_to_create = before_thread;
         take_log();
     }
 
@@ -409,7 +415,8 @@ public:
         peer = client(pair[0]);
         connections++;
         pthread_attr_t attributes;
-        init_attributes(&attributes, PTHREAD_CREATE_JOINABLE);
+        init_attributes(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
         EXPECT_EQ(pthread_create(&thread_, &attributes, accepting, new_acc(ip, pair[1], tid)), 0);
         pthread_attr_destroy(&attributes);
     }
@@ -783,7 +790,7 @@ TEST_F(feed, modify_of_nothing) {
     modify_tcp(0, second.number, "127.0.0.2");
     modify_tcp(7, 0, "127.0.0.2");
     modify_tcp(8, second.number, "127.0.0.2");
-    ASSERT_EQ(tcp_list_len, 1);
+    ASSERT_EQ(tcp_list.size(), 1);
     lock hold(tcp_list[0]->u_mutex);
     EXPECT_EQ(tcp_list[0]->port, port.number);
     EXPECT_EQ(tcp_list[0]->iplist_len, 0);
@@ -794,9 +801,9 @@ TEST_F(feed, same_id_or_port) {
     add_tcp(7, port.number);
     add_tcp(7, second.number, "127.0.0.2");
     add_tcp(8, port.number, "127.0.0.2;127.0.0.3");
-    EXPECT_EQ(tcp_list_len, 1);
+    EXPECT_EQ(tcp_list.size(), 1);
     add_tcp(8, second.number);
-    EXPECT_EQ(tcp_list_len, 2);
+    EXPECT_EQ(tcp_list.size(), 2);
     connect_to(port.number).send("1\r\nx");
     expect_fed("TSV\t7\tT\t127.0.0.1\tx\t0\n");
     connect_to(second.number).send("1\r\ny");
@@ -917,14 +924,14 @@ TEST_F(feed, no_thread_for_a_connection) {
 TEST_F(feed, no_thread_for_a_listener) {
     order(thread_creation, EAGAIN);
     add_tcp(7, 1234, "127.0.0.1");
-    EXPECT_EQ(tcp_list_len, 0);
+    EXPECT_EQ(tcp_list.size(), 0);
     EXPECT_EQ(logged(), "0 A new TCP port ( 1234 ) listener Service failed on start. Resource "
                         "temporarily unavailable\n");
     log.clear();
     char path[] = "/tmp/none";
     order(thread_creation, EAGAIN);
     add_unix_server(7, path);
-    EXPECT_EQ(unix_list_len, 0);
+    EXPECT_EQ(unix_list.size(), 0);
     EXPECT_EQ(logged(), "0 A new UNIX domain socket listener Service ( /tmp/none ) faild on start. "
                         "Resource temporarily unavailable\n");
 }
@@ -960,25 +967,25 @@ TEST_F(feed, removal_does_not_wait) {
     EXPECT_TRUE(wait_logged("0 Error running TCP socket listener: 98, "));
     remove_tcp_server(1);
     remove_tcp_server(2);
-    EXPECT_EQ(tcp_list_len, 0);
+    EXPECT_EQ(tcp_list.size(), 0);
 }
 
 TEST_F(feed, removal_of_nothing) {
     reserved_port port, second, third;
     for (const reserved_port* p : {&port, &second, &third}) {
-        add_tcp(tcp_list_len + 1, p->number);
+        add_tcp(tcp_list.size() + 1, p->number);
     }
     remove_tcp_server(0);
     remove_tcp_server(9);
-    EXPECT_EQ(tcp_list_len, 3);
+    EXPECT_EQ(tcp_list.size(), 3);
     remove_tcp_server(2);
-    ASSERT_EQ(tcp_list_len, 2);
+    ASSERT_EQ(tcp_list.size(), 2);
     EXPECT_EQ(tcp_list[0]->tid, 1);
     EXPECT_EQ(tcp_list[1]->tid, 3);
     connect_to(third.number);
     remove_all_tcp_servers();
-    EXPECT_EQ(tcp_list_len, 0);
-    EXPECT_EQ(tcp_list, nullptr);
+    EXPECT_EQ(tcp_list.size(), 0);
+    EXPECT_EQ(tcp_list.begin(), nullptr);
     EXPECT_TRUE(
         eventually([] { return threads_named("feed tcp") == 0; })); /* joined, but still in /proc */
 }
@@ -1035,25 +1042,25 @@ TEST_F(unix_feed, file_in_the_way) {
 TEST_F(unix_feed, ignored) {
     add(0, place + "/s");
     add_unix_server(1, nullptr);
-    EXPECT_EQ(unix_list_len, 0);
+    EXPECT_EQ(unix_list.size(), 0);
     add(1, place + "/s");
     add(1, place + "/t");
     add(2, place + "/s");
-    EXPECT_EQ(unix_list_len, 1);
+    EXPECT_EQ(unix_list.size(), 1);
     add(2, place + "/t");
-    EXPECT_EQ(unix_list_len, 2);
+    EXPECT_EQ(unix_list.size(), 2);
     modify(3, place + "/u");
     modify_unix_server(1, nullptr);
     remove_unix_server(0);
     remove_unix_server(3);
-    EXPECT_EQ(unix_list_len, 2);
+    EXPECT_EQ(unix_list.size(), 2);
     connect_to(place + "/s");
     connect_to(place + "/t");
     remove_unix_server(1);
-    ASSERT_EQ(unix_list_len, 1);
+    ASSERT_EQ(unix_list.size(), 1);
     EXPECT_EQ(unix_list[0]->tid, 2);
     remove_all_unix_servers();
-    EXPECT_EQ(unix_list_len, 0);
+    EXPECT_EQ(unix_list.size(), 0);
     EXPECT_TRUE(std::filesystem::is_empty(place));
 }
 

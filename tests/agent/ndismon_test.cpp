@@ -1,25 +1,10 @@
 /* Network discovery: ranges, shares, what is asked of echo engine and SNMP, records, scans, list
  * operations, the worker. */
-#include <pthread.h>
-
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg);
-static int fake_attr_init(pthread_attr_t* attr);
-static int fake_setdetachstate(pthread_attr_t* attr, int state);
-static int fake_setstacksize(pthread_attr_t* attr, size_t size);
-
-#define pthread_create fake_pthread_create
-#define pthread_attr_init fake_attr_init
-#define pthread_attr_setdetachstate fake_setdetachstate
-#define pthread_attr_setstacksize fake_setstacksize
 #include "ndismon.cpp"
-#undef pthread_create
-#undef pthread_attr_init
-#undef pthread_attr_setdetachstate
-#undef pthread_attr_setstacksize
 
 #include "checker_place.h"
 #include "fake_core.h"
+#include "thread_library.h"
 
 #include <atomic>
 #include <map>
@@ -43,10 +28,8 @@ std::map<std::string, double> alive;       /* round trips by address; 0.0 and no
 bool engine_fails;                         /* ping gives null */
 std::atomic<bool> hold_echo{false};        /* every probe waits */
 std::atomic<bool> count_only{false};       /* no calls are written down */
-std::atomic<int> echoes{0}, threads{0}, running{0};
+std::atomic<int> echoes{0};
 std::set<int> refused_threads; /* indexes within the scans of a test */
-int init_error, detach_error, stack_error;
-std::atomic<size_t> stack_size{0};
 
 std::string text_of(const char* text) {
     return text != nullptr ? text : "-";
@@ -117,43 +100,12 @@ int get_snmp_values(snmp_def* def_snmp, char** buffer, int* buffer_len) {
     return 0;
 }
 
-/* Counts the threads, so that a test can wait for their ends. The worker is none of them. */
-struct counted {
-    void* (*run)(void*);
-    void* arg;
-};
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg) {
-    int state = -1;
-    pthread_attr_getdetachstate(attr, &state);
-    EXPECT_EQ(PTHREAD_CREATE_DETACHED, state);
-    size_t size = 0;
-    pthread_attr_getstacksize(attr, &size);
-    stack_size = size;
-    if (refused_threads.contains(static_cast<thread_scan_args*>(arg)->id)) {
-        return EAGAIN;
+static int before_scan_thread(void* (*body)(void*), void* arg) {
+    if (body == ndis_worker_thread) {
+        return 0;
     }
-    threads++;
-    running++;
-    return pthread_create(
-        id, attr,
-        [](void* both) -> void* {
-            counted c = *static_cast<counted*>(both);
-            delete static_cast<counted*>(both);
-            EXPECT_EQ(nullptr, c.run(c.arg));
-            running--;
-            return nullptr;
-        },
-        new counted{run, arg});
-}
-static int fake_attr_init(pthread_attr_t* attr) {
-    return init_error != 0 ? init_error : pthread_attr_init(attr);
-}
-static int fake_setdetachstate(pthread_attr_t* attr, int state) {
-    return detach_error != 0 ? detach_error : pthread_attr_setdetachstate(attr, state);
-}
-static int fake_setstacksize(pthread_attr_t* attr, size_t size) {
-    return stack_error != 0 ? stack_error : pthread_attr_setstacksize(attr, size);
+    EXPECT_EQ(PTHREAD_CREATE_DETACHED, thread_library::detach_state);
+    return refused_threads.contains(static_cast<thread_scan_args*>(arg)->id) ? EAGAIN : 0;
 }
 
 namespace {
@@ -184,11 +136,11 @@ std::ostream& operator<<(std::ostream& out, const planned::share& s) {
 planned plan_of(int tid) {
     lock hold(_gndis_mon_mutex);
     planned p;
-    int index = test_index(_gndis_args_list, _gndis_args_list_len, &ndis_args::tid, tid);
-    if (index < 0) {
+    const ndis_args* found = _gndis_args_list.find(tid);
+    if (found == nullptr) {
         return p;
     }
-    const ndis_args& test = *_gndis_args_list[index];
+    const ndis_args& test = *found;
     p.lid = test.lid;
     p.started = test.scan_started;
     p.oids = text_of(test.oids);
@@ -251,7 +203,8 @@ protected:
     void SetUp() override {
         snmp_lib_status = 1;
         engine_fails = count_only = hold_echo = false;
-        init_error = detach_error = stack_error = 0;
+        thread_library::reset();
+        thread_library::about_to_create = before_scan_thread;
         refused_threads.clear();
         values.clear();
         alive.clear();
@@ -271,10 +224,10 @@ protected:
         probed.clear();
         echo_calls.clear();
         queries.clear();
-        wake_ups = threads = echoes = 0;
+        wake_ups = thread_library::threads_created = echoes = 0;
     }
     static void wait() {
-        while (running != 0) {
+        while (thread_library::running != 0) {
             std::this_thread::yield();
         }
     }
@@ -302,7 +255,7 @@ protected:
         EXPECT_TRUE(scan().empty());
         EXPECT_EQ(1, plan_of(1).started);
         EXPECT_EQ(1, wake_ups);
-        EXPECT_EQ(0, threads);
+        EXPECT_EQ(0, thread_library::threads_created);
         EXPECT_EQ(0, is_new_ndis(1));
         rem_ndis(1);
     }
@@ -422,7 +375,7 @@ TEST_F(Discovery, thirty_two_shares) {
     auto records = scan();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(finished(2, 9, records[0]), records[0]);
-    EXPECT_EQ(32, threads);
+    EXPECT_EQ(32, thread_library::threads_created);
     EXPECT_EQ(200u, probed.size());
     EXPECT_NE(std::string::npos, echo_calls.find("10.0.0.200 1000 1 0 28\n"));
 }
@@ -436,7 +389,7 @@ TEST_F(Discovery, the_largest_range) {
     EXPECT_EQ(2048, plan_of(1).shares.at(31).count);
     EXPECT_EQ(1u, scan().size());
     EXPECT_EQ(std::multiset<std::string>(addresses.begin(), addresses.end()), probed);
-    EXPECT_EQ(32, threads);
+    EXPECT_EQ(32, thread_library::threads_created);
 }
 
 TEST_F(Discovery, what_is_asked_and_reported) {
@@ -575,19 +528,19 @@ TEST_F(Discovery, silent_hosts) {
 TEST_F(Discovery, a_test_is_scanned_once_and_again_when_modified) {
     add(1, 9, "10.0.0.1", "10.0.0.13");
     EXPECT_EQ(1u, scan().size());
-    EXPECT_EQ(3, threads);
+    EXPECT_EQ(3, thread_library::threads_created);
     EXPECT_EQ(1, plan_of(1).started);
     EXPECT_TRUE(scan().empty());
-    EXPECT_EQ(3, threads);
+    EXPECT_EQ(3, thread_library::threads_created);
     add(2, 9, "10.0.0.1", "10.0.0.3");
     EXPECT_EQ(1u, scan().size()); /* the new one only */
-    EXPECT_EQ(4, threads);
+    EXPECT_EQ(4, thread_library::threads_created);
     modify(1, 7, "10.0.0.1", "10.0.0.3", "1.2");
     EXPECT_EQ(0, plan_of(1).started);
     auto records = scan();
     ASSERT_EQ(1u, records.size());
     EXPECT_EQ(finished(1, 7, records[0]), records[0]);
-    EXPECT_EQ(5, threads);
+    EXPECT_EQ(5, thread_library::threads_created);
     EXPECT_EQ("1.2", plan_of(1).oids);
 }
 
@@ -615,7 +568,7 @@ TEST_F(Discovery, modified_while_it_is_scanned) {
     run_discovery();
     modify(1, 8, "10.9.0.1", "10.9.0.3", "3.4");
     run_discovery(); /* both scans run */
-    EXPECT_EQ(3, threads);
+    EXPECT_EQ(3, thread_library::threads_created);
     hold_echo = false;
     wait();
     auto records = take_records(get_ndis_results);
@@ -704,22 +657,22 @@ TEST_F(Discovery, without_any_thread_the_scan_ends_at_once) {
 TEST_F(Discovery, scans_that_cannot_begin) {
     add(1, 9, "10.0.0.1", "10.0.0.4");
     take_log();
-    init_error = ENOMEM;
+    thread_library::attr_error = ENOMEM;
     EXPECT_TRUE(scan().empty());
     EXPECT_EQ("0 ERROR: run_discovery(). pthread_attr_init returns: 12\n", take_log_text());
-    init_error = 0;
-    detach_error = EINVAL;
+    thread_library::attr_error = 0;
+    thread_library::detach_error = EINVAL;
     EXPECT_TRUE(scan().empty());
     EXPECT_EQ("0 ERROR: run_discovery(). pthread_attr_setdetachstate returns: 22\n",
               take_log_text());
-    detach_error = 0;
-    stack_error = EINVAL;
+    thread_library::detach_error = 0;
+    thread_library::stack_error = EINVAL;
     EXPECT_TRUE(scan().empty());
     EXPECT_EQ("0 ERROR: run_discovery(). Can not set pthread stack size.\n", take_log_text());
-    stack_error = 0;
+    thread_library::stack_error = 0;
     EXPECT_EQ(0, plan_of(1).started);
     EXPECT_EQ(1u, scan().size());
-    EXPECT_EQ(std::max<size_t>(221184, WORKER_STACK_SIZE), stack_size);
+    EXPECT_EQ(std::max<size_t>(221184, WORKER_STACK_SIZE), thread_library::stack_size);
 }
 
 TEST_F(Discovery, arguments_and_unknown_tests) {
@@ -831,7 +784,7 @@ TEST_F(Discovery, worker_and_changes_during_scans) {
     });
     std::thread scans([&] {
         while (!stop) {
-            while (running > 200) {
+            while (thread_library::running > 200) {
                 std::this_thread::yield();
             }
             run_discovery();

@@ -9,27 +9,19 @@
 
 static int fake_ioctl(int fd, unsigned long request, void* argument);
 static timespec fake_deadline_in(int seconds);
-static bool refuse_socket, refuse_attributes, refuse_stack, refuse_thread;
-static size_t stack_size_asked;
+static bool refuse_socket;
 
 #define ioctl(fd, request, argument) fake_ioctl(fd, request, argument)
 #define deadline_in(seconds) fake_deadline_in(seconds)
 #define socket(d, t, p) (refuse_socket ? -1 : socket(d, t, p))
-#define pthread_attr_init(a) (refuse_attributes ? ENOMEM : pthread_attr_init(a))
-#define pthread_attr_setstacksize(a, size)                                                         \
-    (stack_size_asked = (size), refuse_stack ? EINVAL : pthread_attr_setstacksize(a, size))
-#define pthread_create(t, a, f, x) (refuse_thread ? EAGAIN : pthread_create(t, a, f, x))
 #include "netmon.cpp"
 #undef ioctl
 #undef deadline_in
 #undef socket
-#include "checker.cpp" /* it creates the sampler */
-#undef pthread_attr_init
-#undef pthread_attr_setstacksize
-#undef pthread_create
 
 #include "checker_place.h"
 #include "fake_core.h"
+#include "thread_library.h"
 
 #include <atomic>
 #include <map>
@@ -188,19 +180,19 @@ TEST_F(Net, beginnings) {
 }
 
 TEST_F(Net, failures_to_start_the_sampler) {
-    refuse_attributes = true;
+    thread_library::attr_error = ENOMEM;
     EXPECT_EQ(0, start_sampler());
-    refuse_attributes = false;
-    refuse_stack = true;
+    thread_library::attr_error = 0;
+    thread_library::stack_error = EINVAL;
     EXPECT_EQ(0, start_sampler());
-    refuse_stack = false;
+    thread_library::stack_error = 0;
     EXPECT_EQ("0 Net monitoring: thread attribute initialization failed.\n"
               "0 Net monitoring: can not set thread stack size.\n",
               take_log_text());
-    EXPECT_EQ(WORKER_STACK_SIZE, stack_size_asked);
-    refuse_thread = true;
+    EXPECT_EQ(WORKER_STACK_SIZE, thread_library::stack_asked);
+    thread_library::create_error = EAGAIN;
     EXPECT_EQ(0, start_sampler());
-    refuse_thread = false;
+    thread_library::create_error = 0;
     EXPECT_EQ("", take_log_text());
     EXPECT_FALSE(sampler_running);
 }
@@ -212,7 +204,7 @@ TEST_F(Net, lists_what_is_up_and_running_and_no_loopback) {
     EXPECT_EQ("eth0\teth0:1\t", list());
     EXPECT_EQ("5 Net monitoring. get_adapter_list. Interface list: 'eth0\teth0:1\t'\n",
               take_log_text());
-    ASSERT_EQ(2, net_interface_list_len);
+    ASSERT_EQ(2, net_interface_list.size());
     EXPECT_STREQ("eth0", net_interface_list[0]->name);
 }
 
@@ -220,7 +212,7 @@ TEST_F(Net, lists_what_is_up_and_running_and_no_loopback) {
 TEST_F(Net, interfaces_that_are_listed_twice) {
     interfaces = {{"eth0", RUNNING}, {"eth1", RUNNING}, {"eth0", RUNNING}};
     EXPECT_EQ("eth0\teth1\teth0\t", list());
-    ASSERT_EQ(2, net_interface_list_len);
+    ASSERT_EQ(2, net_interface_list.size());
     EXPECT_STREQ("eth0", net_interface_list[0]->name);
     EXPECT_STREQ("eth1", net_interface_list[1]->name);
 }
@@ -233,7 +225,7 @@ TEST_F(Net, more_than64_interfaces) {
         names += interfaces.back().first + "\t";
     }
     EXPECT_EQ(names, list());
-    EXPECT_EQ(300, net_interface_list_len);
+    EXPECT_EQ(300, net_interface_list.size());
 }
 
 TEST_F(Net, interfaces_that_go_are_forgotten_with_their_rates) {
@@ -246,7 +238,7 @@ TEST_F(Net, interfaces_that_go_are_forgotten_with_their_rates) {
     EXPECT_EQ("wlan0\t", list());
     interfaces[1].second = RUNNING;
     EXPECT_EQ("eth0\twlan0\t", list());
-    ASSERT_EQ(2, net_interface_list_len);
+    ASSERT_EQ(2, net_interface_list.size());
     EXPECT_STREQ("eth0", net_interface_list[1]->name);
     EXPECT_EQ(0u, net_interface_list[1]->rx_bytes);
     EXPECT_EQ(0u, net_interface_list[1]->pi_rx_bytes);
@@ -262,7 +254,7 @@ TEST_F(Net, failures_of_the_list) {
     EXPECT_EQ(none, take_log_text());
     EXPECT_EQ("none", list());
     EXPECT_EQ(none, take_log_text());
-    EXPECT_EQ(0, net_interface_list_len);
+    EXPECT_EQ(0, net_interface_list.size());
     interfaces = {{"eth0", RUNNING}};
     EXPECT_EQ("eth0\t", list());
     take_log();
@@ -273,7 +265,7 @@ TEST_F(Net, failures_of_the_list) {
     EXPECT_EQ("none", list());
     refuse_socket = false;
     EXPECT_EQ("0 Net monitoring. get_adapter_list. Socket creation failed.\n", take_log_text());
-    EXPECT_EQ(1, net_interface_list_len); /* what was known stays known */
+    EXPECT_EQ(1, net_interface_list.size()); /* what was known stays known */
 }
 
 TEST_F(Net, layout_with_compressed) {
@@ -332,7 +324,7 @@ TEST_F(Net, lines_go_to_the_first_entry_that_fits) {
     list();
     dev("eth0: 300 1 1 0 0 0 0 0 1 1 1 0 0 0 0 0\n");
     sample_interfaces();
-    ASSERT_EQ(2, net_interface_list_len);
+    ASSERT_EQ(2, net_interface_list.size());
     EXPECT_EQ(300u, net_interface_list[0]->rx_bytes);
     EXPECT_EQ(0u, net_interface_list[1]->rx_bytes);
 }
@@ -565,10 +557,10 @@ TEST(RealNet, interfaces_that_go_up_and_down) {
         bool none = get_adapter_list(nullptr, nullptr) == 0;
         bool made = system("ip link add t0 type veth peer name t1 && ip link set t0 up && "
                            "ip link set t1 up && ip addr add 192.0.2.1/24 dev t0") == 0;
-        bool listed = get_adapter_list(nullptr, nullptr) == 1 && net_interface_list_len == 1 &&
+        bool listed = get_adapter_list(nullptr, nullptr) == 1 && net_interface_list.size() == 1 &&
                       strcmp(net_interface_list[0]->name, "t0") == 0;
         bool down = system("ip link set t0 down") == 0 && get_adapter_list(nullptr, nullptr) == 0 &&
-                    net_interface_list_len == 0;
+                    net_interface_list.size() == 0;
         _exit(none && made && listed && down ? 0 : 1);
     }
     int status = 0;

@@ -102,7 +102,6 @@ void revive(checker& c) {
     c.stopped = false;
     unique_fd closed(c.stop_fd);
     c.stop_fd = -1;
-    lock hold_interval(c.check_interval_mutex);
     c.check_interval = INITIAL_CHECK_INTERVAL_S;
 }
 

@@ -1,95 +1,73 @@
 #include "snmpmon.h"
 
-#include "checker.h"
 #include "fork_gate.h"
 #include "snmpmon_lib.h"
+#include "test_list.h"
+#include "thread_start.h"
 #include "vindral_log.h"
 
 static const char LIBRARY_USER[] = "Vindral_snmp";
 
-static constinit checker snmp = {.thread_name = "snmp",
-                                 .pass = do_snmp_check,
-                                 .attr_message = "Pthread attribute initialization failed.",
-                                 .stack_message = "Can not set ping thread stack size."};
-static constinit mutex& SNMP_MON_MUTEX = snmp.mon_mutex;
-static snmp_def** snmp_def_list GUARDED_BY(SNMP_MON_MUTEX);
-static int snmp_def_list_len GUARDED_BY(SNMP_MON_MUTEX);
-constinit checks_under_way snmp_checks{.kind = "SNMP"};
+template <>
+struct test_ownership<snmp_def> {
+    static void dispose(snmp_def* test) { free_snmp_def(&test); }
+};
+
+static constinit mutex& SNMP_MON_MUTEX = snmp_checker.mon_mutex;
+using snmp_list = test_list<snmp_def, &snmp_def::tid>;
+static constinit snmp_list snmp_def_list GUARDED_BY(SNMP_MON_MUTEX);
 
 /* --- the pass -------------------------------------------------------------------------------- */
-
-void end_snmp_check(snmp_def** p) {
-    if (*p != nullptr) {
-        int tid = (*p)->tid;
-        free_snmp_def(p);
-        check_ends(snmp_checks, tid);
-    }
-}
-
-void free_snmp_round(snmp_round** p) {
-    snmp_round* round = *p;
-    for (int i = 0; i < round->count; i++) {
-        end_snmp_check(&round->tests[i]);
-    }
-    free(round->tests);
-    free(round);
-    *p = nullptr;
-}
 
 /* Copies of the tests that may have one more check; null when there are none, and without memory.
  */
 static snmp_round* make_round() {
-    lock hold(SNMP_MON_MUTEX);
     auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
-    for (int i = 0; round != nullptr && i < snmp_def_list_len; i++) {
-        check_under_way counted(snmp_checks, snmp_def_list[i]->tid);
+    if (round == nullptr) {
+        return nullptr;
+    }
+    pointer_list<snmp_def> copies;
+    lock hold(SNMP_MON_MUTEX);
+    for (snmp_def* test : snmp_def_list) {
+        check_under_way counted(snmp_checks, test->tid);
         if (!counted) {
             continue;
         }
-        snmp_def* copy = snmp_def_dup(snmp_def_list[i]);
-        snmp_def_list[i]->isFirstCheck = 0;
-        if (copy != nullptr && append_test(round->tests, round->count, copy)) {
+        snmp_def* copy = snmp_def_dup(test);
+        test->isFirstCheck = 0;
+        if (copy != nullptr && copies.append(copy)) {
             counted.release();
         } else {
             free_snmp_def(&copy);
         }
     }
-    if (round != nullptr && round->count == 0) {
+    round->tests = copies.hand_over(&round->count);
+    if (round->count == 0) {
         free_snmp_round(&round);
     }
     return round;
 }
 
-static void start_tests(const pthread_attr_t* attributes) {
-    snmp_round* round = make_round();
-    pthread_t thread;
-    if (round != nullptr && pthread_create(&thread, attributes, snmp_round_thread, round) != 0) {
-        free_snmp_round(&round);
-    }
-}
-
 /* The thread has a stack of the default size: the library runs on it, in the children. */
 void do_snmp_check() {
-    pthread_attr_t attributes;
-    int error = pthread_attr_init(&attributes);
-    if (error != 0) {
-        leveledadd2log(0, "ERROR:\tpthread_attr_init returns: %d", error);
-        return;
+    static constexpr thread_kind ROUND = {.stack_size = 0,
+                                          .detached = true,
+                                          .log = leveledadd2log,
+                                          .attr_message = "ERROR:\tpthread_attr_init returns: %d",
+                                          .detach_message =
+                                              "ERROR:\tpthread_attr_setdetachstate returns: %d"};
+    thread_starter starter(ROUND);
+    snmp_round* round = starter ? make_round() : nullptr;
+    if (round != nullptr && starter.start(snmp_round_thread, round) != 0) {
+        free_snmp_round(&round);
     }
-    error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    if (error != 0) {
-        leveledadd2log(0, "ERROR:\tpthread_attr_setdetachstate returns: %d", error);
-    } else {
-        start_tests(&attributes);
-    }
-    pthread_attr_destroy(&attributes);
 }
 
 /* --- the list -------------------------------------------------------------------------------- */
 
 int is_new_snmp(int tID) {
     lock hold(SNMP_MON_MUTEX);
-    return test_index(snmp_def_list, snmp_def_list_len, &snmp_def::tid, tID) < 0;
+    return snmp_def_list.find(tID) == nullptr;
 }
 
 static void log_new_test(const snmp_def& test) {
@@ -125,12 +103,11 @@ void add_snmp(int v_tid, int v_loc_id, int v_type, int v_bulk, char* v_oid_strin
     log_new_test(*test);
     {
         lock hold(SNMP_MON_MUTEX);
-        if (!append_test(snmp_def_list, snmp_def_list_len, test)) {
-            free_snmp_def(&test);
+        if (!snmp_def_list.adopt(test)) {
             return;
         }
     }
-    checker_wake(snmp);
+    checker_wake(snmp_checker);
 }
 
 void mod_snmp(int v_tid, int v_loc_id, int v_type, int v_bulk, char* v_oid_string, char* v_host,
@@ -143,31 +120,17 @@ void mod_snmp(int v_tid, int v_loc_id, int v_type, int v_bulk, char* v_oid_strin
     snmp_def* test = make_snmp_def(0, v_tid, v_loc_id, v_type, v_bulk, v_oid_string, v_host, v_port,
                                    v_version, v_timeout, v_retries, v_community, v_login, v_passwd,
                                    v_privpasswd, v_authproto, v_privproto, v_min_max);
-    if (test == nullptr) {
-        return;
-    }
     lock hold(SNMP_MON_MUTEX);
-    int index = test_index(snmp_def_list, snmp_def_list_len, &snmp_def::tid, v_tid);
-    if (index < 0) {
-        free_snmp_def(&test);
-        return;
+    if (snmp_def_list.replace_by(test)) {
+        checker_wake(snmp_checker);
     }
-    free_snmp_def(&snmp_def_list[index]);
-    snmp_def_list[index] = test;
-    checker_wake(snmp);
 }
 
 void rem_snmp(int t_id) {
-    if (snmp_lib_status != 1) {
-        return;
+    if (snmp_lib_status == 1) {
+        lock hold(SNMP_MON_MUTEX);
+        snmp_def_list.remove(t_id);
     }
-    lock hold(SNMP_MON_MUTEX);
-    int index = test_index(snmp_def_list, snmp_def_list_len, &snmp_def::tid, t_id);
-    if (index < 0) {
-        return;
-    }
-    snmp_def* test = take_test(snmp_def_list, snmp_def_list_len, index);
-    free_snmp_def(&test);
 }
 
 /* --- the lifecycle --------------------------------------------------------------------------- */
@@ -179,37 +142,33 @@ int init_snmp_mon() {
     }
     init_defaults();
     libpo_init_snmp(LIBRARY_USER);
-    return checker_start(snmp, snmp_worker_thread);
+    snmp_checker.pass = do_snmp_check;
+    return checker_start(snmp_checker, snmp_worker_thread);
 }
 void* snmp_worker_thread(void*) {
-    checker_work(snmp);
+    checker_work(snmp_checker);
     return nullptr;
 }
 int get_snmp_check_interval() {
-    return checker_get_interval(snmp);
+    return checker_get_interval(snmp_checker);
 }
 void set_snmp_check_interval(int t_sec) {
-    checker_set_interval(snmp, t_sec);
-}
-void add_snmp_result(char* rez, int rez_size) {
-    if (snmp_lib_status == 1) {
-        checker_add_result(snmp, rez, rez_size);
-    }
+    checker_set_interval(snmp_checker, t_sec);
 }
 int get_snmp_results(char** res, int* len) {
-    return snmp_lib_status == 1 ? checker_get_results(snmp, res, len) : 0;
+    return snmp_lib_status == 1 ? checker_get_results(snmp_checker, res, len) : 0;
 }
 void shutdown_snmp_checker() {
     if (snmp_lib_status != 1) {
         return;
     }
-    checker_stop(snmp);
+    checker_stop(snmp_checker);
     {
         fork_gate no_child_halfway;
         libpo_snmp_shutdown(LIBRARY_USER);
     }
     char* unsent = nullptr;
     int length = 0;
-    checker_get_results(snmp, &unsent, &length);
+    checker_get_results(snmp_checker, &unsent, &length);
     free(unsent);
 }

@@ -1,24 +1,16 @@
 /* SNMP checker: definitions, the list, passes, what a child is and leaves behind, pipes, lifecycle.
  */
-#include <pthread.h>
+#include "thread_library.h"
+
 #include <sys/epoll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg);
-static int fake_attr_init(pthread_attr_t* attr);
-static int fake_setdetachstate(pthread_attr_t* attr, int state);
-static int fake_setstacksize(pthread_attr_t* attr, size_t size);
 static int fake_close_range(unsigned first, unsigned last, int flags);
 static pid_t fake_waitpid(pid_t child, int* status, int options);
 static int fake_epoll_ctl(int watcher, int what, int fd, epoll_event* event);
 static int fake_pipe2(int* ends, int flags);
 
-#define pthread_create fake_pthread_create
-#define pthread_attr_init fake_attr_init
-#define pthread_attr_setdetachstate fake_setdetachstate
-#define pthread_attr_setstacksize fake_setstacksize
 #define close_range fake_close_range
 #define resolve_host fake_resolve_host
 #define gated_fork fake_gated_fork
@@ -27,10 +19,7 @@ static int fake_pipe2(int* ends, int flags);
 #define pipe2 fake_pipe2
 #include "snmpmon.cpp"
 #include "snmpmon_child.cpp"
-#undef pthread_create
-#undef pthread_attr_init
-#undef pthread_attr_setdetachstate
-#undef pthread_attr_setstacksize
+#include "snmpmon_query.cpp"
 #undef close_range
 #undef resolve_host
 #undef gated_fork
@@ -53,6 +42,9 @@ static int fake_pipe2(int* ends, int flags);
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <thread>
+
+using thread_library::attr_error, thread_library::detach_error, thread_library::stack_error;
+using thread_library::create_error, thread_library::detach_state, thread_library::running;
 
 static std::atomic<int> wake_ups{0};
 void send_pending_data() {
@@ -77,11 +69,10 @@ std::string take_notes() {
 }
 
 int library_found = 1;
-std::atomic<int> threads{0}, running{0}, forks{0}, pipes_wanted{0};
+std::atomic<int> threads{0}, forks{0}, pipes_wanted{0};
 std::atomic<bool> fork_fails{false}, no_waiters{false}, no_lookups{false}, no_close_range{false};
-std::atomic<int> create_error{0}, init_error{0}, detach_error{0}, stack_error{0};
 std::atomic<size_t> waiter_stack{0};
-std::atomic<int> detach_state{-1}, last_status{0};
+std::atomic<int> last_status{0};
 std::atomic<bool> signals_held{true};
 std::atomic<int> lingering{0}; /* how often children that have ended look as if they had not */
 std::atomic<int> unwatchable{0};
@@ -181,18 +172,6 @@ int answer_with_length(snmp_def* def, const char* kind, const char* what, char**
     return 1;
 }
 
-struct counted {
-    void* (*run)(void*);
-    void* arg;
-};
-void* run_counted(void* arg) {
-    counted what = *static_cast<counted*>(arg);
-    delete static_cast<counted*>(arg);
-    void* result = what.run(what.arg);
-    running--;
-    return result;
-}
-
 } // namespace
 
 int init_snmp_lib() {
@@ -204,7 +183,7 @@ int init_defaults() {
     return 1;
 }
 decltype(&init_snmp) libpo_init_snmp = [](const char* name) {
-    note(std::string("start ") + name + (snmp.running ? " late" : ""));
+    note(std::string("start ") + name + (snmp_checker.running ? " late" : ""));
 };
 decltype(&snmp_shutdown) libpo_snmp_shutdown = [](const char* name) {
     bool children_come = pthread_rwlock_trywrlock(&gate) == 0;
@@ -230,35 +209,15 @@ char* do_single_full_walk_bulk_check(snmp_def* def) {
     return answer(def, "bulk walk", def->oid_string);
 }
 
-static int fake_pthread_create(pthread_t* id, const pthread_attr_t* attr, void* (*run)(void*),
-                               void* arg) {
-    size_t stack = 0;
-    pthread_attr_getstacksize(attr, &stack);
+static int note_thread(void* (*run)(void*), void*) {
     if (run == forkwait_thread) {
-        waiter_stack = stack;
-        if (no_waiters) {
-            return EAGAIN;
-        }
+        waiter_stack = thread_library::stack_size.load();
     }
-    if (run == lookup_thread && no_lookups) {
+    if ((run == forkwait_thread && no_waiters) || (run == lookup_thread && no_lookups)) {
         return EAGAIN;
     }
-    if (create_error != 0) {
-        return create_error;
-    }
-    threads++;
-    running++;
-    return pthread_create(id, attr, run_counted, new counted{run, arg});
-}
-static int fake_attr_init(pthread_attr_t* attr) {
-    return init_error != 0 ? init_error.load() : pthread_attr_init(attr);
-}
-static int fake_setdetachstate(pthread_attr_t* attr, int state) {
-    detach_state = state;
-    return detach_error != 0 ? detach_error.load() : pthread_attr_setdetachstate(attr, state);
-}
-static int fake_setstacksize(pthread_attr_t* attr, size_t size) {
-    return stack_error != 0 ? stack_error.load() : pthread_attr_setstacksize(attr, size);
+    threads += thread_library::detach_state == PTHREAD_CREATE_DETACHED;
+    return 0;
 }
 static int fake_close_range(unsigned first, unsigned last, int flags) {
     return no_close_range ? (errno = ENOSYS, -1) : close_range(first, last, flags);
@@ -385,8 +344,8 @@ std::string made(const wanted& w) {
 std::string list_text() {
     lock hold(SNMP_MON_MUTEX);
     std::string text;
-    for (int i = 0; i < snmp_def_list_len; i++) {
-        text += show(snmp_def_list[i]) + "\n";
+    for (const snmp_def* test : snmp_def_list) {
+        text += show(test) + "\n";
     }
     return text;
 }
@@ -403,8 +362,8 @@ std::string take_results() {
 }
 
 size_t result_length() {
-    lock hold(snmp.result_mutex);
-    return static_cast<size_t>(snmp.result_buffer_len);
+    lock hold(snmp_checker.result_mutex);
+    return static_cast<size_t>(snmp_checker.result_buffer_len);
 }
 
 bool is_reaped(pid_t child) {
@@ -448,13 +407,14 @@ protected:
 
     void SetUp() override {
         snmp_lib_status = 1;
+        thread_library::about_to_create = note_thread;
         page->children = page->may_go_on = page->hung_child = page->bulk_walks = 0;
         wake_ups = threads = forks = pipes_wanted = 0;
         take_log();
         take_notes();
     }
     void TearDown() override {
-        init_error = detach_error = stack_error = create_error = 0;
+        attr_error = detach_error = stack_error = create_error = 0;
         fork_fails = no_waiters = no_close_range = false;
         lingering = unwatchable = 0;
         let_go_on();
@@ -465,7 +425,7 @@ protected:
             int tid;
             {
                 lock hold(SNMP_MON_MUTEX);
-                if (snmp_def_list_len == 0) {
+                if (snmp_def_list.size() == 0) {
                     break;
                 }
                 tid = snmp_def_list[0]->tid;
@@ -664,7 +624,7 @@ TEST_F(snmpmon, a_copy_is_deep_and_has_mode_0) {
 /* --- the list --------------------------------------------------------------------------------- */
 
 TEST_F(snmpmon, adding_shows_the_whole_test_and_wakes_the_worker) {
-    unsigned wakes = wakes_of(snmp);
+    unsigned wakes = wakes_of(snmp_checker);
     wanted w;
     w.tid = 0;
     w.type = 1;
@@ -678,7 +638,7 @@ TEST_F(snmpmon, adding_shows_the_whole_test_and_wakes_the_worker) {
     w.privproto = "des";
     w.timeout = -5;
     add(w);
-    EXPECT_EQ(wakes_of(snmp), wakes + 1);
+    EXPECT_EQ(wakes_of(snmp_checker), wakes + 1);
     EXPECT_EQ(take_log_text(),
               "5 INFO: NEW SNMP TEST:\nTest ID:       0\nLocation ID:   2\nOID:           1.3.6\n"
               "OID length:    0\nHost:          192.0.2.1\nPort:          161\nVersion:       3\n"
@@ -695,7 +655,7 @@ TEST_F(snmpmon, an_id_that_is_present_and_a_definition_that_is_refused_add_nothi
     add({});
     take_log();
     std::string before = list_text();
-    unsigned wakes = wakes_of(snmp);
+    unsigned wakes = wakes_of(snmp_checker);
     wanted w;
     w.host = "192.0.2.2";
     add(w);
@@ -703,7 +663,7 @@ TEST_F(snmpmon, an_id_that_is_present_and_a_definition_that_is_refused_add_nothi
     w.community = nullptr;
     add(w);
     EXPECT_EQ(list_text(), before);
-    EXPECT_EQ(wakes_of(snmp), wakes);
+    EXPECT_EQ(wakes_of(snmp_checker), wakes);
     EXPECT_EQ(take_log_text(),
               "0 INFO: snmp_lib_status = 1 v_tid = 1\n"
               "0 ERROR: make_snmp_def: v_community = (null) v_login = (null) v_passwd = (null)\n"
@@ -719,14 +679,14 @@ TEST_F(snmpmon, modifying_replaces_the_test_in_its_place) {
     run_pass();
     take_results();
     take_log();
-    unsigned wakes = wakes_of(snmp);
+    unsigned wakes = wakes_of(snmp_checker);
     wanted w;
     w.tid = 2;
     w.type = 3;
     w.oids = "1.9";
     w.host = "192.0.2.2";
     mod(w);
-    EXPECT_EQ(wakes_of(snmp), wakes + 1);
+    EXPECT_EQ(wakes_of(snmp_checker), wakes + 1);
     const std::string rest =
         " 192.0.2.1 public null null null null null null [1.3.6] min 1 max 2\n";
     EXPECT_EQ(list_text(), "mode 0 1 2 161 1 3 4 2 0 0 null" + rest +
@@ -741,7 +701,7 @@ TEST_F(snmpmon, modifying_replaces_the_test_in_its_place) {
     w.host = nullptr;
     mod(w);
     EXPECT_EQ(list_text(), before);
-    EXPECT_EQ(wakes_of(snmp), wakes + 1);
+    EXPECT_EQ(wakes_of(snmp_checker), wakes + 1);
     EXPECT_EQ(take_log_text(), "0 ERROR: make_snmp_def: v_host = (null) v_oid_string = 1.9\n");
 }
 
@@ -752,7 +712,7 @@ TEST_F(snmpmon, removing_closes_the_gap_without_a_word) {
         add(w);
     }
     take_log();
-    unsigned wakes = wakes_of(snmp);
+    unsigned wakes = wakes_of(snmp_checker);
     rem_snmp(9);
     rem_snmp(1);
     EXPECT_EQ(is_new_snmp(1), 1);
@@ -761,7 +721,7 @@ TEST_F(snmpmon, removing_closes_the_gap_without_a_word) {
     rem_snmp(2);
     rem_snmp(2);
     EXPECT_EQ(list_text(), "");
-    EXPECT_EQ(wakes_of(snmp), wakes);
+    EXPECT_EQ(wakes_of(snmp_checker), wakes);
     EXPECT_EQ(take_log_text(), "");
 }
 
@@ -1306,9 +1266,9 @@ TEST_F(snmpmon, a_limit_lowered_meanwhile_loses_nothing) {
 TEST_F(snmpmon, attributes_that_fail_skip_the_pass) {
     add({});
     take_log();
-    init_error = ENOMEM;
+    attr_error = ENOMEM;
     run_pass();
-    init_error = 0;
+    attr_error = 0;
     detach_error = EINVAL;
     run_pass();
     detach_error = 0;
@@ -1424,9 +1384,9 @@ TEST_F(snmpmon, waiting_for_a_child) {
     EXPECT_EQ(threads, 1);
     EXPECT_FALSE(has_children());
 
-    init_error = ENOMEM;
+    attr_error = ENOMEM;
     wait4forked(child);
-    init_error = 0;
+    attr_error = 0;
     detach_error = EINVAL;
     wait4forked(child);
     detach_error = 0;
@@ -1549,12 +1509,12 @@ TEST_F(snmpmon, without_the_library_there_is_no_checker) {
     library_found = 1;
     EXPECT_EQ(snmp_lib_status, 0);
     EXPECT_EQ(take_notes(), "init_snmp_lib\n");
-    EXPECT_FALSE(snmp.running);
+    EXPECT_FALSE(snmp_checker.running);
 }
 
 TEST_F(snmpmon, the_texts_of_a_failed_start_are_those_of_the_ping_checker) {
-    EXPECT_STREQ(snmp.attr_message, "Pthread attribute initialization failed.");
-    EXPECT_STREQ(snmp.stack_message, "Can not set ping thread stack size.");
+    EXPECT_STREQ(snmp_checker.attr_message, "Pthread attribute initialization failed.");
+    EXPECT_STREQ(snmp_checker.stack_message, "Can not set ping thread stack size.");
 }
 
 TEST_F(snmpmon, from_start_to_shutdown) {

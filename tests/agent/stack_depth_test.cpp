@@ -23,6 +23,7 @@
 #include "snmpmon.h"
 #include "snmpmon_lib.h"
 #include "stack_depth_peers.h"
+#include "test_list.h"
 #include "tls_peer.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
@@ -398,14 +399,16 @@ TEST_F(StackDepth, snmp_threads) {
     const char *system = "1.3.6.1.2.1.1.1.0;1.3.6.1.2.1.1.2.0", *table = "1.3.6.1.4.1.99990.1";
     const size_t default_size = 8 * 1024 * 1024;
 
-    auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
+    pointer_list<snmp_def> tests;
     for (snmp_def* test : {snmp_test("127.0.0.1", SNMP_GET_TEST, 0, system),
                            snmp_test("127.0.0.1", SNMP_TABLE_TEST, 0, table),
                            snmp_test("127.0.0.1", SNMP_TABLE_TEST, 10, table),
                            snmp_test("127.0.0.1", SNMP_WALK_TEST, 0, "1.3.6.1.2.1.1"),
                            snmp_test("127.0.0.1", SNMP_WALK_TEST, 10, "1.3.6.1.2.1.1")}) {
-        append_test(round->tests, round->count, test);
+        ASSERT_TRUE(tests.append(test));
     }
+    auto* round = static_cast<snmp_round*>(calloc(1, sizeof(snmp_round)));
+    round->tests = tests.hand_over(&round->count);
     expect_room("snmp round", measure(snmp_round_thread, round), default_size);
     EXPECT_GT(last_child_used, 0u);
     expect_room("snmp test by name",

@@ -1,12 +1,11 @@
 #include "snmpmon_checks.h"
 
-#include <bit>
+#include "record_writer.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
-static const uint32_t GET_RECORD = 57;
-enum { SUCCESS = 0, FAILURE = 3 };
 enum { WITHIN_LIMITS = 0, OUT_OF_LIMITS = 2 };
 enum { WALK_VALUE = 0, WALK_UNKNOWN_OID = 2, WALK_ENDED = 3 };
 
@@ -155,24 +154,6 @@ heap_text escaped(heap_text text) {
     char* raw = text.release();
     escape_data(&raw);
     return heap_text(raw);
-}
-
-bool growing::append(const void* data, size_t length) {
-    if (length > capacity - size) {
-        size_t wanted = std::bit_ceil(size + length);
-        void* grown = realloc(bytes.get(), wanted);
-        if (grown == nullptr) {
-            return false;
-        }
-        (void)bytes.release();
-        bytes.reset(static_cast<char*>(grown));
-        capacity = wanted;
-    }
-    if (length > 0) {
-        memcpy(bytes.get() + size, data, length);
-    }
-    size += length;
-    return true;
 }
 
 /* --- the library's texts and answers ------------------------------------------------------------
@@ -440,35 +421,23 @@ static void add_variable(UDCW* record, const snmp_def& test, size_t i,
         process_vars(variable, &type, &text, test.min_list != nullptr ? test.min_list[i] : nullptr,
                      test.max_list != nullptr ? test.max_list[i] : nullptr);
     heap_text value(text);
-    UDCW* nested = nullptr;
-    if (!create_new_udcw(&nested, 0, 2, 0, 0, 0, 2)) {
-        return;
-    }
-    udcw_add(nested, UDC_UI32, type);
-    udcw_add(nested, UDC_UI32, status);
-    udcw_add(nested, UDC_STRING, value.get());
-    udcw_add(nested, UDC_STRING, describe(test, i, status, value.get()).get());
-    udcw_add(record, UDC_RECORD, nested->udc);
-    free(nested->udc);
-    udcw_free(&nested);
+    heap_text description = describe(test, i, status, value.get());
+    add_part(record, make_part<protocol::rows::snmp_results>(
+                         named<"type">(type), named<"status">(status), named<"value">(value.get()),
+                         named<"message">(description.get())));
 }
 
 static UDCW* get_record(const snmp_def& test, const get_outcome& outcome) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 5, 1, 0, 1, 1)) {
-        return nullptr;
-    }
     const netsnmp_pdu* response = outcome.answer.response.get();
-    udcw_add(record, UDC_UI32, GET_RECORD);
-    udcw_add(record, UDC_UI32, test.tid);
-    udcw_add(record, UDC_UI32, test.loc_id);
-    udcw_add(record, UDC_I64, outcome.time);
-    udcw_add(record, UDC_UI32, response != nullptr ? SUCCESS : FAILURE);
-    udcw_add(record, UDC_UI32, test.oid_len);
-    udcw_add(record, UDC_D64, outcome.milliseconds);
-    udcw_add(record, UDC_STRING,
-             response != nullptr ? "New results are available.\n" : outcome.error.get());
-    netsnmp_variable_list* variable = response != nullptr ? response->variables : nullptr;
+    UDCW* record = make_record<protocol::snmp>(
+        named<"test">(test.tid), named<"location">(test.loc_id),
+        named<"status">(response != nullptr ? protocol::status_ok : protocol::status_not_found),
+        named<"time">(outcome.time), named<"objects">(test.oid_len),
+        named<"time">(outcome.milliseconds),
+        named<"message">(response != nullptr ? "New results are available.\n"
+                                             : outcome.error.get()));
+    netsnmp_variable_list* variable =
+        record != nullptr && response != nullptr ? response->variables : nullptr;
     for (size_t i = 0; variable != nullptr && i < test.oid_len; i++) {
         add_variable(record, test, i, variable);
         variable = variable->next_variable;
@@ -515,7 +484,7 @@ struct subtree_walk {
     size_t root_length = 0;
     oid last[MAX_OID_LEN] = {};
     size_t last_length = 0;
-    growing lines = {};
+    bytes lines{};
 };
 
 static void add_line(subtree_walk& walk, const heap_text& line) {
@@ -557,7 +526,7 @@ static bool take_variable(subtree_walk& walk, const exchange& answer,
                  WALK_ENDED);
         return false;
     }
-    if (walk.lines.size > MAX_SNMP_TEXT) {
+    if (walk.lines.size() > MAX_SNMP_TEXT) {
         end_walk(walk, answer.started, format_text("Result is too large"), WALK_ENDED);
         return false;
     }
@@ -622,7 +591,7 @@ static void run_walk(subtree_walk& walk, snmp_def& test) {
 static char* walk_lines(snmp_def& test, const int* bulk) {
     subtree_walk walk = {.test = test, .bulk = bulk};
     run_walk(walk, test);
-    return walk.lines.append("", 1) ? walk.lines.bytes.release() : nullptr;
+    return walk.lines.append('\0') ? walk.lines.release() : nullptr;
 }
 
 char* do_single_full_walk_check(snmp_def* def_snmp) {

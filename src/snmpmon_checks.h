@@ -37,6 +37,7 @@
 #ifndef VINDRAL_SNMPMON_CHECKS_H
 #define VINDRAL_SNMPMON_CHECKS_H
 
+#include "bytes.h"
 #include "guards.h"
 #include "snmpmon_lib.h"
 #include "udc.h"
@@ -113,16 +114,6 @@ char* get_type_desc(int vType);
 heap_text format_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 heap_text escaped(heap_text text);
-
-/* Bytes that grow at their end. */
-struct growing {
-    heap<char> bytes;
-    size_t size = 0;
-    size_t capacity = 0;
-
-    /* Returns false with nothing changed when memory is short. */
-    bool append(const void* data, size_t length);
-};
 
 /* As the library prints them, not escaped; null when memory runs out. */
 heap_text print_oid(const oid* name, size_t length);

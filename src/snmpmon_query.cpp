@@ -1,6 +1,6 @@
 #include "snmpmon_query.h"
 
-#include "guards.h"
+#include "bytes.h"
 #include "resolve.h"
 #include "snmpmon_results.h"
 #include "thread_start.h"
@@ -23,52 +23,27 @@ static const rlim_t DESCRIPTORS_OF_OTHERS = 64;
 
 /* --- the text of a query --------------------------------------------------------------------- */
 
-namespace {
-
-struct text_buffer {
-    heap_text data;
-    int length = 0;
-    size_t room = 0;
-
-    /* False without memory. */
-    bool make_room() {
-        if (room - static_cast<size_t>(length) >= CHUNK) {
-            return true;
-        }
-        size_t wanted = std::max(2 * room, CHUNK);
-        if (wanted > INT_MAX) {
-            return false;
-        }
-        char* grown = static_cast<char*>(realloc(data.get(), wanted));
-        if (grown == nullptr) {
-            return false;
-        }
-        (void)data.release();
-        data.reset(grown);
-        room = wanted;
-        return true;
-    }
-};
-
-} // namespace
+static bytes query_text() {
+    return bytes(CHUNK, INT_MAX);
+}
 
 enum class read_outcome { more, ended };
 
 /* Reads once. What cannot be kept whole is dropped: half a record would spoil those behind it. */
-static read_outcome read_chunk(int fd, text_buffer& text) {
-    if (!text.make_room()) {
-        text.length = 0;
+static read_outcome read_chunk(int fd, bytes& text) {
+    if (!text.reserve(CHUNK)) {
+        text.cut(0);
         return read_outcome::ended;
     }
-    ssize_t got = read(fd, text.data.get() + text.length, CHUNK);
+    ssize_t got = read(fd, text.end(), CHUNK);
     if (got == 0 || (got < 0 && !try_again(errno))) {
         return read_outcome::ended;
     }
-    text.length += static_cast<int>(std::max<ssize_t>(got, 0));
+    text.added(static_cast<size_t>(std::max<ssize_t>(got, 0)));
     return read_outcome::more;
 }
 
-static void read_all(int fd, text_buffer& text) {
+static void read_all(int fd, bytes& text) {
     int ready;
     do {
         ready = wait_pipe(fd, POLLIN);
@@ -77,16 +52,17 @@ static void read_all(int fd, text_buffer& text) {
 }
 
 int read_from_pipe(int fd, char** buffer, int* buffer_len) {
-    text_buffer text;
+    bytes text = query_text();
     read_all(fd, text);
-    if (text.length == 0) {
+    if (text.is_empty()) {
         return 0;
     }
+    int length = static_cast<int>(text.size());
     if (buffer != nullptr && buffer_len != nullptr) {
-        *buffer = text.data.release();
-        *buffer_len = text.length;
+        *buffer = text.release();
+        *buffer_len = length;
     } else {
-        add_snmp_result(text.data.get(), text.length);
+        add_snmp_result(text.data(), length);
     }
     return 1;
 }
@@ -167,7 +143,7 @@ struct running_query {
     snmp_def** test = nullptr; /* the caller's */
     pid_t child = -1;
     unique_fd pipe; /* its read end; none when the query is over or was never begun */
-    text_buffer text;
+    bytes text = query_text();
 };
 
 } // namespace
@@ -308,8 +284,8 @@ static bool begin_watched(query_round& round, int number) {
 
 static void finish_query(query_round& round, int number) {
     running_query& q = round.queries[number];
-    add_snmp_result(q.text.data.get(), q.text.length);
-    q.text = {};
+    add_snmp_result(q.text.data(), static_cast<int>(q.text.size()));
+    q.text.take();
     stop_watching(round, q);
     round.open--;
     round.ending[round.ending_count++] = number;

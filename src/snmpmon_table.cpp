@@ -1,12 +1,11 @@
 /* The table checks of snmpmon_checks.h. */
 #include "snmpmon_checks.h"
 
+#include "record_writer.h"
+
 #include <algorithm>
 #include <cstring>
 #include <span>
-
-static const uint32_t TABLE_RECORD = 67;
-enum { SUCCESS = 0, FAILURE = 2 };
 
 /* --- columns ------------------------------------------------------------------------------------
  */
@@ -117,9 +116,9 @@ struct table_walk {
     heap<column_walk> walks; /* one per column */
     heap<int> asked;         /* the columns in the current request, */
     size_t asked_count = 0;  /* in its order */
-    growing cells;           /* of table_cell */
-    growing rows;            /* of oid */
-    growing texts;           /* with their NULs */
+    growing<table_cell> cells;
+    growing<oid> rows;
+    bytes texts; /* with their NULs */
 
     table_walk() = default;
     ~table_walk() { free_columns(&columns, fields); }
@@ -128,12 +127,11 @@ struct table_walk {
 };
 
 static std::span<table_cell> cells_of(const table_walk& walk) {
-    return {reinterpret_cast<table_cell*>(walk.cells.bytes.get()),
-            walk.cells.size / sizeof(table_cell)};
+    return {walk.cells.data(), walk.cells.size()};
 }
 
 static std::span<const oid> row_of(const table_walk& walk, const table_cell& cell) {
-    return {reinterpret_cast<const oid*>(walk.rows.bytes.get()) + cell.row_at, cell.row_length};
+    return {walk.rows.data() + cell.row_at, cell.row_length};
 }
 
 /* Finds a place for a row's index. In most tables the cells of a response have the same one, which
@@ -144,12 +142,12 @@ static bool keep_row(table_walk& walk, std::span<const oid> row, uint32_t& row_a
         row_at = cells.back().row_at;
         return true;
     }
-    row_at = static_cast<uint32_t>(walk.rows.size / sizeof(oid));
-    return walk.rows.append(row.data(), row.size_bytes());
+    row_at = static_cast<uint32_t>(walk.rows.size());
+    return walk.rows.append(row.data(), row.size());
 }
 
 static bool is_too_large(const table_walk& walk) {
-    return walk.texts.size + walk.rows.size > MAX_SNMP_TEXT ||
+    return walk.texts.size() + walk.rows.size() * sizeof(oid) > MAX_SNMP_TEXT ||
            cells_of(walk).size() > MAX_SNMP_CELLS;
 }
 
@@ -157,11 +155,10 @@ static bool is_too_large(const table_walk& walk) {
 static bool keep_cell(table_walk& walk, int column, std::span<const oid> row,
                       const netsnmp_variable_list* variable) {
     heap_text text = escaped(print_value(variable));
-    table_cell cell = {0, static_cast<uint32_t>(row.size()), static_cast<uint32_t>(walk.texts.size),
-                       column};
+    table_cell cell = {0, static_cast<uint32_t>(row.size()),
+                       static_cast<uint32_t>(walk.texts.size()), column};
     return text && keep_row(walk, row, cell.row_at) &&
-           walk.texts.append(text.get(), strlen(text.get()) + 1) &&
-           walk.cells.append(&cell, sizeof cell);
+           walk.texts.append(text.get(), strlen(text.get()) + 1) && walk.cells.append(cell);
 }
 
 /* By row, then by column: as the record has them. */
@@ -203,7 +200,7 @@ static heap<UDC> cell_list(const table_walk& walk, size_t rows) {
             const char* text = "";
             if (at < cells.size() && cells[at].column == c &&
                 std::ranges::equal(row_of(walk, cells[at]), row)) {
-                text = walk.texts.bytes.get() + cells[at++].text_at;
+                text = walk.texts.data() + cells[at++].text_at;
             }
             udcw_add(list, UDC_UI32, r);
             udcw_add(list, UDC_UI32, c);
@@ -227,7 +224,7 @@ struct table_outcome {
 };
 
 static table_outcome table_failed(heap_text error, bool with_columns) {
-    return {FAILURE, escaped(std::move(error)), with_columns, nullptr};
+    return {protocol::status_limit, escaped(std::move(error)), with_columns, nullptr};
 }
 
 /* Puts every column at its beginning. Returns false when memory is short. */
@@ -338,7 +335,7 @@ static table_outcome gather(table_walk& walk, netsnmp_session* session, const in
     if (rows * static_cast<size_t>(walk.fields) > MAX_SNMP_CELLS) {
         return table_failed(format_text("Result is too large"), true);
     }
-    return {SUCCESS, nullptr, true, cell_list(walk, rows)};
+    return {protocol::status_ok, nullptr, true, cell_list(walk, rows)};
 }
 
 static table_outcome run_table(snmp_def& test, table_walk& walk, const int* bulk) {
@@ -366,17 +363,14 @@ static table_outcome run_table(snmp_def& test, table_walk& walk, const int* bulk
 
 static UDCW* table_record(const snmp_def& test, time_t check_time, const table_walk& walk,
                           const table_outcome& outcome) {
-    UDCW* record = nullptr;
-    if (!create_new_udcw(&record, 0, 4, 1, 0, 0, 1)) {
+    UDCW* record = make_record<protocol::snmp_table>(
+        named<"test">(test.tid), named<"location">(test.loc_id), named<"status">(outcome.status),
+        named<"time">(check_time),
+        named<"message">(outcome.status == protocol::status_ok ? "New results are available."
+                                                               : outcome.error.get()));
+    if (record == nullptr) {
         return nullptr;
     }
-    udcw_add(record, UDC_UI32, TABLE_RECORD);
-    udcw_add(record, UDC_UI32, test.tid);
-    udcw_add(record, UDC_UI32, test.loc_id);
-    udcw_add(record, UDC_I64, check_time);
-    udcw_add(record, UDC_UI32, outcome.status);
-    udcw_add(record, UDC_STRING,
-             outcome.status == FAILURE ? outcome.error.get() : "New results are available.");
     if (outcome.with_columns) {
         heap<UDC> columns(get_column_list(walk.columns, walk.fields));
         udcw_add(record, UDC_RECORD, columns.get());

@@ -1,5 +1,7 @@
 #include "vindral_common.h"
 
+#include "bytes.h"
+
 #include <bit>
 #include <cctype>
 #include <cstring>
@@ -23,12 +25,11 @@ void bdata_append(bdata** pBData, const char* pData, size_t szData) {
     }
     /* Asking for the size that the block already has costs next to nothing, so there is no capacity
      * to remember and buffers made elsewhere may be appended to. */
-    void* grown =
-        realloc(old_size != 0 ? buffer->data_buffer : nullptr, std::bit_ceil(old_size + szData));
-    if (grown == nullptr) {
+    char* grown = old_size != 0 ? buffer->data_buffer : nullptr;
+    if (!resize_array(grown, std::bit_ceil(old_size + szData))) {
         return;
     }
-    buffer->data_buffer = static_cast<char*>(grown);
+    buffer->data_buffer = grown;
     memcpy(buffer->data_buffer + old_size, pData, szData);
     buffer->data_size = static_cast<uint32_t>(old_size + szData);
     (void)created.release();
@@ -69,12 +70,9 @@ void adv_strcat(char** dst, const char* src) {
     }
     size_t old_length = *dst != nullptr ? strlen(*dst) : 0;
     size_t added = strlen(src);
-    char* grown = static_cast<char*>(realloc(*dst, old_length + added + 1));
-    if (grown == nullptr) {
-        return;
+    if (resize_array(*dst, old_length + added + 1)) {
+        memcpy(*dst + old_length, src, added + 1);
     }
-    memcpy(grown + old_length, src, added + 1);
-    *dst = grown;
 }
 
 char* get_next_token(const char* str, char delim) {

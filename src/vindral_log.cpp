@@ -1,5 +1,6 @@
 #include "vindral_log.h"
 
+#include "bytes.h"
 #include "thread_start.h"
 
 #include <atomic>
@@ -198,13 +199,8 @@ static void queue_line(const char* stamp, const char* text) {
         return;
     }
     /* Room is doubled whenever the count reaches a power of two. */
-    if ((vLoglen & (vLoglen - 1)) == 0) {
-        size_t room = vLoglen != 0 ? 2 * static_cast<size_t>(vLoglen) : 1;
-        void* grown = realloc(vLog, room * sizeof(char*));
-        if (grown == nullptr) {
-            return;
-        }
-        vLog = static_cast<char**>(grown);
+    if ((vLoglen & (vLoglen - 1)) == 0 && !resize_array(vLog, 2 * static_cast<size_t>(vLoglen))) {
+        return;
     }
     vLog[vLoglen++] = line.release();
     if (vLoglen == 1) {

@@ -119,6 +119,17 @@ std::string fit_columns(std::string_view text, size_t columns) {
     return fitting.append(columns - taken, ' ');
 }
 
+std::string shortened(std::string text, size_t most) {
+    if (text.size() > most) {
+        while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0) == 0x80) {
+            most--;
+        }
+        text.resize(most);
+        text += " ...";
+    }
+    return text;
+}
+
 std::string valid_utf8(std::string_view text) {
     std::string valid;
     valid.reserve(text.size());

@@ -17,6 +17,9 @@ size_t display_width(std::string_view text);
 /* The longest beginning of printable text that takes at most `columns`, filled up with spaces. */
 std::string fit_columns(std::string_view text, size_t columns);
 
+/* The text, or what of it fits into `most` bytes as whole characters and " ..." behind them. */
+std::string shortened(std::string text, size_t most);
+
 /* A copy in which every byte that is no UTF-8 has become U+FFFD. */
 std::string valid_utf8(std::string_view text);
 

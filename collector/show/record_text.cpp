@@ -1,5 +1,6 @@
 #include "show/record_text.h"
 
+#include "base/text.h"
 #include "show/record_content.h"
 
 #include <algorithm>
@@ -83,18 +84,6 @@ static std::string table_text(const record& r) {
            " columns";
 }
 
-static std::string cut(std::string text, size_t most) {
-    if (text.size() > most) {
-        /* Between characters, not within one. */
-        while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xc0) == 0x80) {
-            most--;
-        }
-        text.resize(most);
-        text += " ...";
-    }
-    return text;
-}
-
 static std::string items_text(const record& r, size_t most) {
     std::vector<std::string_view> items = items_of(r);
     std::string text = std::to_string(items.size());
@@ -109,18 +98,18 @@ static std::string items_text(const record& r, size_t most) {
 
 std::string values_text(const record& r, const record_summary& summary, size_t most) {
     if (summary.schema == nullptr) {
-        return cut(generic_text(r), most);
+        return shortened(generic_text(r), most);
     }
     if (find_role(summary.schema->values, protocol::value_role::list) != nullptr) {
-        return cut(items_text(r, most), most);
+        return shortened(items_text(r, most), most);
     }
     if (summary.schema->is_table) {
-        return cut(table_text(r), most);
+        return shortened(table_text(r), most);
     }
     std::string text;
     append_values(text, r, summary.schema->values);
     if (summary.schema->parts != nullptr && summary.schema->parts->shown_in_line) {
         append_parts(text, r, *summary.schema, most);
     }
-    return cut(std::move(text), most);
+    return shortened(std::move(text), most);
 }

@@ -21,7 +21,7 @@
 #ifndef VINDRAL_COLLECTOR_TABLE_H
 #define VINDRAL_COLLECTOR_TABLE_H
 
-#include "plan/plan.h"
+#include "plan/planned.h"
 #include "protocol/record.h"
 
 #include <cstddef>
@@ -30,6 +30,10 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace live {
+struct table_state;
+}
 
 struct table_screen {
     size_t rows = 24;
@@ -72,11 +76,7 @@ public:
     size_t bytes() const; /* held */
 
 private:
-    struct state;
-    std::unique_ptr<state> state_;
+    std::unique_ptr<live::table_state> state_;
 };
-
-/* "12s", "5m", "3h", "2d". */
-std::string age_text(int64_t seconds);
 
 #endif

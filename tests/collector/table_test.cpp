@@ -1,6 +1,8 @@
-#include "show/table.cpp"
+#include "show/table.h"
 
+#include "base/text.h"
 #include "collector_test_support.h"
+#include "show/table_words.h"
 
 #include <gtest/gtest.h>
 
@@ -532,10 +534,10 @@ TEST_F(table_test, a_huge_record_costs_a_line) {
 }
 
 TEST(table, ages) {
-    EXPECT_EQ(age_text(-5), "0s");
-    EXPECT_EQ(age_text(99), "99s");
-    EXPECT_EQ(age_text(100), "1m");
-    EXPECT_EQ(age_text(5999), "99m");
-    EXPECT_EQ(age_text(6000), "1h");
-    EXPECT_EQ(age_text(100 * 3600), "4d");
+    EXPECT_EQ(live::age_text(-5), "0s");
+    EXPECT_EQ(live::age_text(99), "99s");
+    EXPECT_EQ(live::age_text(100), "1m");
+    EXPECT_EQ(live::age_text(5999), "99m");
+    EXPECT_EQ(live::age_text(6000), "1h");
+    EXPECT_EQ(live::age_text(100 * 3600), "4d");
 }

@@ -419,39 +419,3 @@ TEST(json, any_bytes_in_texts_become_valid_and_harmless_json) {
               message.npos);
     EXPECT_EQ(message, valid_utf8(all));
 }
-
-TEST(text, printable_has_no_controls) {
-    EXPECT_EQ(printable("plain text"), "plain text");
-    EXPECT_EQ(printable("two\nlines\t\n"), "two lines");
-    EXPECT_EQ(printable("\x1b[31mred\x07"), "?[31mred?");
-    EXPECT_EQ(printable("\xc2\x9b"
-                        "1m \x7f"),
-              "?1m ?");
-    EXPECT_EQ(printable("gr\xc3\xbc\xc3\x9f \xe6\xbc\xa2"), "gr\xc3\xbc\xc3\x9f \xe6\xbc\xa2");
-    EXPECT_EQ(printable("a\xe2\x80\xae"
-                        "b\xe2\x80\x8b"
-                        "c\xef\xbb\xbf"),
-              "a?b?c?"); /* right-to-left override, zero-width space, byte order mark */
-    EXPECT_EQ(printable("\xff\xc3"), "??");
-    EXPECT_EQ(printable(std::string("a\0b", 3)), "a?b");
-}
-
-TEST(text, columns) {
-    EXPECT_EQ(display_width("abc"), 3u);
-    EXPECT_EQ(display_width("\xe6\xbc\xa2\xc3\xbc"), 3u);
-    EXPECT_EQ(fit_columns("abc", 5), "abc  ");
-    EXPECT_EQ(fit_columns("abcdef", 3), "abc");
-    EXPECT_EQ(fit_columns("a\xe6\xbc\xa2", 2), "a "); /* a wide character is not halved */
-}
-
-TEST(text, times) {
-    EXPECT_EQ(utc_time(0), "1970-01-01T00:00:00Z");
-    EXPECT_EQ(utc_time(1777636800), "2026-05-01T12:00:00Z");
-    EXPECT_EQ(utc_time(-1), "-1");
-    EXPECT_EQ(utc_time(std::numeric_limits<int64_t>::max()), "9223372036854775807");
-    EXPECT_EQ(utc_day(1777636800), "20260501");
-    EXPECT_EQ(utc_day(1777593599), "20260430");
-    EXPECT_EQ(utc_day(1777593600), "20260501");
-    EXPECT_EQ(utc_day(std::numeric_limits<int64_t>::min()), "19700101");
-    EXPECT_EQ(utc_day(std::numeric_limits<int64_t>::max()), "99991231");
-}

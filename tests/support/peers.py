@@ -89,18 +89,20 @@ class Peer:
         return read_text(self.log)[-3000:]
 
 
+AUTH = "pass phrase of eight"
+USERS = ('createUser md5user MD5 "%s"' % AUTH, 'createUser shauser SHA "%s"' % AUTH, "rouser md5user auth",
+         "rouser shauser auth")
+
+# Where the tests' own module is, what it describes, and its table.
+MIBS = {"MIBDIRS": os.path.join(HERE, "fixtures", "snmp"), "MIBS": "VINDRAL-TEST-MIB"}
+TEST = "1.3.6.1.4.1.99990."
+TABLE = TEST + "1"
+
+
 class Snmpd(Peer):
     """With these lines in its configuration, on a port of its own, or on `addresses` instead."""
 
     programs = ("snmpd",)
-
-    AUTH = "pass phrase of eight"  # of the USERS
-    USERS = ('createUser md5user MD5 "%s"' % AUTH, 'createUser shauser SHA "%s"' % AUTH, "rouser md5user auth",
-             "rouser shauser auth")
-    # A module of the tests, what it describes, and its table.
-    MIBS = {"MIBDIRS": os.path.join(HERE, "fixtures", "snmp"), "MIBS": "VINDRAL-TEST-MIB"}
-    TEST = "1.3.6.1.4.1.99990."
-    TABLE = TEST + "1"
 
     # The time since the start, by version 1 and community public.
     _REQUEST = bytes.fromhex("302902010004067075626c6963a01c02040000000102010002010030"
@@ -128,6 +130,9 @@ class Snmpd(Peer):
                 return len(probe.recv(1500)) > 0
             except OSError:
                 return False
+
+
+ACCOUNT, PASSWORD = "monitor", "pass;word|of 'hers'"
 
 
 class Mariadb(Peer):
@@ -192,10 +197,14 @@ class Mariadb(Peer):
                                "--batch", "--skip-column-names", "-e", text],
                               stdout=subprocess.PIPE, text=True, check=True).stdout
 
-    def add_user(self, name, password):
-        """Who may come from this machine."""
+    def add_account(self):
+        """ACCOUNT may come from this machine."""
         for host in ("localhost", "127.0.0.1"):
-            self.sql("CREATE USER %s@'%s' IDENTIFIED BY \"%s\"" % (name, host, password))
+            self.sql("CREATE USER %s@'%s' IDENTIFIED BY \"%s\"" % (ACCOUNT, host, PASSWORD))
+
+    def connections(self, user=ACCOUNT):
+        """Numbers of the connections of a user."""
+        return self.sql("SELECT id FROM information_schema.processlist WHERE user = '%s'" % user).split()
 
     def stop(self):
         """Neither answers nor closes anything until it is told to go on."""

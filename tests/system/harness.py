@@ -14,7 +14,6 @@ import concurrent.futures
 import ctypes
 import json
 import os
-import random
 import re
 import select
 import shutil
@@ -28,9 +27,12 @@ import threading
 import time
 import unittest
 
-import records
-
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.append(os.path.join(HERE, "..", "support"))
+
+import peers  # noqa: E402
+import records  # noqa: E402
+
 BUILD = os.environ.get(
     "VINDRAL_BUILD_DIR", os.path.join(HERE, "..", "..", "build", "release"))
 AGENT = os.path.join(BUILD, "vindral")
@@ -155,30 +157,7 @@ def in_parallel(test, cases, at_once=12):
                 raise error
 
 
-_given_ports = set()
-
-
-def program(test, name):
-    """The path of an installed program. Daemons are not in everybody's PATH."""
-    path = shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/sbin")
-    test.assertTrue(path, "%s is not installed" % name)
-    return path
-
-
-def free_port(kind=socket.SOCK_STREAM):
-    """A free port, for programs that cannot tell which one they were given: below those that the kernel
-    gives to connections, and none twice."""
-    while True:
-        port = random.randrange(10000, 32000)
-        if port in _given_ports:
-            continue
-        with socket.socket(socket.AF_INET, kind) as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        _given_ports.add(port)
-        return port
+free_port, read_text, write_text = peers.free_port, peers.read_text, peers.write_text
 
 
 def black_hole(test):
@@ -331,41 +310,27 @@ def sanitizer_findings(directory):
     return text
 
 
-def read_text(path):
-    """The file's text; "" while there is no such file, or no longer such a process."""
-    try:
-        with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
-            return file.read()
-    except (FileNotFoundError, ProcessLookupError):
-        return ""
+def start_peer(test, kind, *arguments, name=None, **options):
+    """One of the programs of peers.py, which is ready when this returns, and ends with the test."""
+    test.assertIsNone(kind.missing(), "is not installed")
+    peer = kind(test.subdir(name or kind.__name__.lower()), *arguments, **options)
+    test.addCleanup(peer.end)
+
+    def ready():
+        test.assertFalse(peer.ended(), peer.errors())
+        return peer.ready()
+    wait_until(ready, lambda: "%s\n%s" % (kind.__name__, peer.errors()))
+    return peer
 
 
-def write_text(path, text):
-    with open(path, "wb") as file:
-        file.write(text if isinstance(text, bytes) else text.encode("utf-8", "surrogateescape"))
+def start_snmpd(test, *lines, **options):
+    return start_peer(test, peers.Snmpd, *peers.USERS, *lines, **options)
 
 
-def start_snmpd(test, further_lines):
-    """A daemon with these lines in its configuration. Returns its address."""
-    directory = test.subdir("snmpd")
-    config = os.path.join(directory, "snmpd.conf")
-    write_text(config, "rocommunity public 127.0.0.1\n" + further_lines)
-    port = free_port(socket.SOCK_DGRAM)
-    daemon = subprocess.Popen(
-        ["snmpd", "-f", "-Lf", directory + "/log", "-C", "-c", config, "udp:127.0.0.1:%d" % port],
-        env=dict(os.environ, SNMP_PERSISTENT_DIR=directory,
-                 PATH=os.environ["PATH"] + ":/usr/sbin:/sbin"), stdin=subprocess.DEVNULL)
-    test.addCleanup(daemon.wait)
-    test.addCleanup(daemon.terminate)
-
-    def answers():
-        test.assertIsNone(daemon.poll(), read_text(directory + "/log"))
-        return subprocess.run(
-            ["snmpget", "-v", "1", "-r", "0", "-t", "1", "-c", "public", "127.0.0.1:%d" % port,
-             "1.3.6.1.2.1.1.3.0"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            check=False).returncode == 0
-    wait_until(answers, lambda: read_text(directory + "/log"))
-    return "127.0.0.1:%d" % port
+def start_mariadb(test, *options):
+    peer = start_peer(test, peers.Mariadb, *options, sock=tempfile.mktemp(prefix="mysql"))
+    peer.add_account()
+    return peer
 
 
 class TestCase(unittest.TestCase):

@@ -16,13 +16,13 @@ import select
 import socket
 import ssl
 import struct
-import subprocess
 import threading
 import time
 import zlib
 
 import records
 from harness import PATIENCE_S, wait_until
+import peers  # where harness has found it
 
 
 class Request:
@@ -277,31 +277,16 @@ _made_lock = threading.Lock()
 
 def make_certificate(test, algorithm="ec", *options):
     """Paths of a self-signed certificate and its key, made once per test and kind."""
-    key_options = {
-        "ec": ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256"],
-        "ec384": ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-384"],
-        "rsa": ["-newkey", "rsa:2048"],
-        "rsa4096": ["-newkey", "rsa:4096"],
-        "ed25519": ["-newkey", "ed25519"],
-    }[algorithm]
     with _made_lock:
         kind = (test.dir, algorithm, options)
         if kind not in _made:
             base = os.path.join(test.dir, "certificate-%d" % len(_made))
-            subject = [] if "-subj" in options else ["-subj", "/CN=collector.example.net"]
-            _openssl("req", "-x509", "-nodes", *key_options, "-keyout", base + ".key",
-                     "-out", base + ".crt", *subject, *options)
-            _made[kind] = (base + ".crt", base + ".key")
+            _made[kind] = peers.make_certificate(base, algorithm, *options)
         return _made[kind]
 
 
 def expired_certificate(test):
     certificate, key = make_certificate(test)
     expired = os.path.join(test.dir, "expired.crt")
-    _openssl("x509", "-in", certificate, "-signkey", key, "-days", "-1", "-out", expired)
+    peers.openssl("x509", "-in", certificate, "-signkey", key, "-days", "-1", "-out", expired)
     return expired, key
-
-
-def _openssl(*arguments):
-    subprocess.run(["openssl", *arguments], check=True, stdin=subprocess.DEVNULL,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

@@ -10,7 +10,6 @@ import harness
 import records
 import steered
 from scripted_server import answer
-from snmpd import Snmpd
 from test_snmp import get
 
 SYS_NAME, LOCATION = "1.3.6.1.2.1.1.5.0", "1.3.6.1.2.1.1.6.0"
@@ -36,8 +35,9 @@ class Discovery(steered.TestCase):
         return (steered.FarSide(self, number, *hosts), lambda host: "10.9.%d.%d" % (number, host))
 
     def agents(self, side, *addresses):
-        Snmpd(self, "sysName core", "sysLocation cellar", "sysDescr a switch", "sysObjectID " + LOCATION,
-              addresses=["udp:%s:161" % address for address in addresses], wrap=side.enter)
+        harness.start_snmpd(self, "sysName core", "sysLocation cellar", "sysDescr a switch",
+                            "sysObjectID " + LOCATION,
+                            addresses=["udp:%s:161" % address for address in addresses], wrap=side.enter)
 
     def found(self, test):
         """The hosts that a test reported, in the order of their addresses."""

@@ -7,9 +7,9 @@ import unittest
 import harness
 import records
 import steered
+from peers import AUTH, MIBS
 from scripted_server import answer
-from snmpd import AUTH, MIBS, Snmpd
-from test_probes import Nginx, page_test
+from test_probes import page_test, start_nginx
 from test_snmp import SYSTEM, get
 
 TESTS, ROUNDS, PAGES = 200, 5, 30
@@ -20,10 +20,10 @@ class ForkSafety(steered.TestCase):
     def test_a_thousand_children_of_a_busy_agent(self):
         """All report, and nothing of them stays. Every fourth one is a user's: it calculates with OpenSSL
         and would find its locks taken."""
-        peer, nginx = Snmpd(self), Nginx(self)
+        peer, nginx = harness.start_snmpd(self), start_nginx(self)
         name = SYSTEM + "3.0"
         user = {"community": "", "version": 3, "auth": "md5", "user": "md5user", "phrase": AUTH}
-        self.start(*(page_test(test, "/page", nginx.rsa, tls=1) for test in range(1, PAGES + 1)),
+        self.start(*(page_test(test, "/page", nginx.ports["rsa"], tls=1) for test in range(1, PAGES + 1)),
                    *(get(test, peer.port, name, **(user if test % 4 == 0 else {}))
                      for test in range(1, TESTS + 1)), env=MIBS)
 

@@ -342,7 +342,7 @@ class Remote(Local):
         self.assertTrue(all(map(math.isnan, shares)), shares)
 
     def test_real_snmpd(self):
-        host = harness.start_snmpd(self, "")
+        host = harness.start_snmpd(self).address
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
             silent.bind(("127.0.0.1", 0))
             nobody = "127.0.0.1:%d" % silent.getsockname()[1]

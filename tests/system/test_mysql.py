@@ -9,11 +9,11 @@ import time
 import harness
 import records
 import steered
-from mariadb import PASSWORD, USER, Mariadb
+from peers import ACCOUNT, PASSWORD
 from scripted_server import answer
 
 
-def mysql(test, port, names, host="127.0.0.1", socket="", user=USER, password=PASSWORD, timeout=10,
+def mysql(test, port, names, host="127.0.0.1", socket="", user=ACCOUNT, password=PASSWORD, timeout=10,
           code="MQA"):
     return "\t".join(str(field) for field in (
         code, test, 7, host, port, socket, user, password, names, timeout))
@@ -86,7 +86,7 @@ class Mysql(steered.TestCase):
 
 class Values(Mysql):
     def test_counters_variables_and_limits(self):
-        peer = Mariadb(self, "--max-connections=77")
+        peer = harness.start_mariadb(self, "--max-connections=77")
         cases = {
             "max_connections|77|77": (0, "max_connections|77|0;", ""),
             "max_connections|76": (2, "max_connections|77|2;", "max_connections - 77: NOK;"),
@@ -113,7 +113,7 @@ class Values(Mysql):
         self.assertLess(self.record(1).ui32[4], 60000)
 
     def test_ways_to_the_server(self):
-        peer = Mariadb(self)
+        peer = harness.start_mariadb(self)
         nowhere = harness.free_port()
         self.start(mysql(1, peer.port, "port"),
                    mysql(2, nowhere, "port", host="localhost", socket=peer.socket),
@@ -134,14 +134,14 @@ class Values(Mysql):
                       (nowhere, peer.socket), self.agent.log())
 
     def test_accounts_and_hosts_that_do_not_exist(self):
-        peer = Mariadb(self)
+        peer = harness.start_mariadb(self)
         unknown = "x" * 64  # too long for the name service to ask for
         self.start(mysql(1, peer.port, "port", password="wrong"),
                    mysql(2, peer.port, "port", password=""),
                    mysql(3, peer.port, "port", user="nobody"),
                    mysql(4, peer.port, "port", host=unknown),
                    mysql(5, peer.port, "port"))
-        for test, user, used in ((1, USER, "YES"), (2, USER, "NO"), (3, "nobody", "YES")):
+        for test, user, used in ((1, ACCOUNT, "YES"), (2, ACCOUNT, "NO"), (3, "nobody", "YES")):
             reason = "Access denied for user '%s'@'127.0.0.1' (using password: %s)" % (user, used)
             self.assertEqual(self.result(test), (3, "Error_Message|%s|3;" % reason, reason))
             self.assertIn("ERROR: make_query: lib_mysql_real_connect failed: test_id %d, host 127.0.0.1, "
@@ -151,7 +151,7 @@ class Values(Mysql):
         self.assertEqual(self.result(5)[0], 0)
 
     def test_changes_and_rounds(self):
-        peer = Mariadb(self)
+        peer = harness.start_mariadb(self)
         self.start(mysql(1, peer.port, "port"), mysql(1, peer.port, "max_connections"),
                    mysql(2, peer.port, "port"))
         self.assertEqual(self.result(1)[1], "port|%d|0;" % peer.port)
@@ -168,7 +168,7 @@ class Values(Mysql):
         self.assertEqual((self.count(2), self.count(3)), (removed, 0))
 
     def test_many_checks_leave_nothing(self):
-        peer = Mariadb(self)
+        peer = harness.start_mariadb(self)
         self.start(*(mysql(test, peer.port, "port;Uptime") for test in range(1, 41)))
         harness.wait_until(lambda: self.count(40) >= 2 and self.count(1) >= 2, "two rounds of all")
         self.server.then(answer("CHK\t0\t3600\n"))
@@ -185,7 +185,7 @@ class Servers(Mysql):
     """What becomes of a check whose server stops, between its query and the answer."""
 
     def start_held(self, *others, timeout=2):
-        self.peer = Mariadb(self)
+        self.peer = harness.start_mariadb(self)
         self.way = HaltingWay(self, self.peer)
         self.start(mysql(1, self.way.port, "max_connections", timeout=timeout), *others)
         harness.wait_until(self.way.halted.is_set, "a query")
@@ -199,7 +199,7 @@ class Servers(Mysql):
         return record.ui32[4], reason
 
     def test_killed_in_the_middle_of_a_query(self):
-        other = Mariadb(self)
+        other = harness.start_mariadb(self)
         self.start_held(mysql(2, other.port, "port"))
         harness.wait_until(lambda: self.count(2) >= 4, "rounds of another test, which is not held up")
         self.peer.end()

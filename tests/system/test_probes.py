@@ -15,6 +15,7 @@ import threading
 import time
 
 import harness
+import peers
 import records
 import steered
 from scripted_server import answer, make_certificate
@@ -198,64 +199,31 @@ class Echo(steered.TestCase):
 
 
 NGINX = """
-daemon off; master_process off; pid %(dir)s/pid; error_log %(dir)s/errors;
-events { worker_connections 512; }
-http {
-    log_format seen '$request|$http_user_agent|$http_connection|$http_host';
-    access_log %(dir)s/seen seen;
-    client_body_temp_path %(dir)s/body; proxy_temp_path %(dir)s/proxy;
-    fastcgi_temp_path %(dir)s/fastcgi; uwsgi_temp_path %(dir)s/uwsgi; scgi_temp_path %(dir)s/scgi;
-    root %(dir)s;
-    server {
-        listen 127.0.0.1:%(plain)d;
-        location = /moved { return 302 /page; }
-        location = /away { return 301 https://127.0.0.1:%(rsa)d/page; }
-        location = /loop { return 302 /loop; }
-        location = /far { return 302 http://127.0.0.1:70000/; }
-        location = /form { return 200 "$request_method $content_type $content_length"; }
-        location = /secret { auth_basic secret; auth_basic_user_file %(dir)s/users; try_files /page =500; }
-    }
-    server {
-        listen 127.0.0.1:%(rsa)d ssl;
-        ssl_certificate %(rsa_certificate)s; ssl_certificate_key %(rsa_key)s;
-    }
-    server {
-        listen 127.0.0.1:%(ec)d ssl;
-        ssl_certificate %(ec_certificate)s; ssl_certificate_key %(ec_key)s;
-    }
+log_format seen '$request|$http_user_agent|$http_connection|$http_host';
+access_log %(dir)s/seen seen;
+server {
+    listen 127.0.0.1:%(plain)d;
+    location = /moved { return 302 /page; }
+    location = /away { return 301 https://127.0.0.1:%(rsa)d/page; }
+    location = /loop { return 302 /loop; }
+    location = /far { return 302 http://127.0.0.1:70000/; }
+    location = /form { return 200 "$request_method $content_type $content_length"; }
+    location = /secret { auth_basic secret; auth_basic_user_file %(dir)s/users; try_files /page =500; }
 }
+server { listen 127.0.0.1:%(rsa)d ssl; ssl_certificate %(rsa_pem)s; ssl_certificate_key %(rsa_key)s; }
+server { listen 127.0.0.1:%(ec)d ssl; ssl_certificate %(ec_pem)s; ssl_certificate_key %(ec_key)s; }
 """
 
 
-class Nginx:
-    def __init__(self, test):
-        self.dir = test.subdir("nginx")
-        ports = {name: harness.free_port() for name in ("plain", "rsa", "ec")}
-        rsa, ec = make_certificate(test, "rsa"), make_certificate(test, "ec")
-        harness.write_text(self.dir + "/conf", NGINX % dict(
-            ports, dir=self.dir, rsa_certificate=rsa[0], rsa_key=rsa[1], ec_certificate=ec[0],
-            ec_key=ec[1]))
-        harness.write_text(self.dir + "/users", "user:{PLAIN}pass\n")
-        harness.write_text(self.dir + "/page", "0123456789abcdef" * 639 + "the needle here\n")
-        harness.write_text(self.dir + "/large", "x" * (5 << 20))
-        os.chmod(test.dir, 0o755)
-        self.plain, self.rsa, self.ec = ports["plain"], ports["rsa"], ports["ec"]
-        server = subprocess.Popen([harness.program(test, "nginx"), "-c", self.dir + "/conf", "-e", self.dir + "/errors"],
-                                  stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        test.addCleanup(server.wait)
-        test.addCleanup(server.terminate)
-
-        def answers():
-            test.assertIsNone(server.poll(), self.errors())
-            with socket.socket() as probe:
-                return probe.connect_ex(("127.0.0.1", self.ec)) == 0
-        harness.wait_until(answers, self.errors)
-
-    def errors(self):
-        return harness.read_text(self.dir + "/errors")
-
-    def seen(self):
-        return harness.read_text(self.dir + "/seen").splitlines()
+def start_nginx(test):
+    """Serves pages; `seen` lists what was asked for."""
+    (rsa_pem, rsa_key), (ec_pem, ec_key) = make_certificate(test, "rsa"), make_certificate(test, "ec")
+    nginx = harness.start_peer(test, peers.Nginx, NGINX, ("plain", "rsa", "ec"), rsa_pem=rsa_pem, rsa_key=rsa_key,
+                               ec_pem=ec_pem, ec_key=ec_key)
+    harness.write_text(nginx.directory + "/users", "user:{PLAIN}pass\n")
+    harness.write_text(nginx.directory + "/page", "0123456789abcdef" * 639 + "the needle here\n")
+    harness.write_text(nginx.directory + "/large", "x" * (5 << 20))
+    return nginx
 
 
 def page_test(number, path, port, match="", form="", user="", password="", limit="20", tls=0, redirect=0,
@@ -267,8 +235,9 @@ def page_test(number, path, port, match="", form="", user="", password="", limit
 class Pages(steered.TestCase):
     @harness.needs_namespaces
     def test_nginx(self):
-        nginx = Nginx(self)
-        plain = "http://127.0.0.1:%d" % nginx.plain
+        nginx = start_nginx(self)
+        plain_port, rsa, ec = nginx.ports.values()
+        plain = "http://127.0.0.1:%d" % plain_port
         nobody = harness.free_port()
         took = r" - \d+\.\d{3} second response time"
         page = 16 * 640
@@ -278,9 +247,9 @@ class Pages(steered.TestCase):
             2: (dict(path="/page", match="no needle"), 2, 200, page, "HTTP CRITICAL - string not found"),
             3: (dict(path="/page", match="the needle", found=0), 2, 200, page,
                 "HTTP CRITICAL - string found"),
-            4: (dict(path="/page", port=nginx.rsa, tls=1, match="the needle"), 0, 200, page,
+            4: (dict(path="/page", port=rsa, tls=1, match="the needle"), 0, 200, page,
                 "HTTP OK HTTP/1.1 200 OK" + took),
-            5: (dict(path="/page", port=nginx.ec, tls=1, full=0), 0, 200, page,
+            5: (dict(path="/page", port=ec, tls=1, full=0), 0, 200, page,
                 "HTTP OK HTTP/1.1 200 OK" + took),
             6: (dict(path="/moved", redirect=1), 0, 200, page, "HTTP OK HTTP/1.1 200 OK" + took),
             7: (dict(path="/moved"), 0, 302, None, "HTTP OK HTTP/1.1 302 Moved Temporarily" + took),
@@ -295,18 +264,18 @@ class Pages(steered.TestCase):
             12: (dict(path="/secret", user="user", password="wrong"), 0, 401, None,
                  "HTTP OK HTTP/1.1 401 Unauthorized" + took),
             13: (dict(path="/nothing"), 2, 404, None, "HTTP CRITICAL HTTP/1.1 404 Not Found" + took),
-            14: (dict(path="/large", port=nginx.rsa, tls=1), 0, 200, 5 << 20,
+            14: (dict(path="/large", port=rsa, tls=1), 0, 200, 5 << 20,
                  "HTTP OK HTTP/1.1 200 OK" + took),
             15: (dict(path="/page", method=2), 0, 200, 0, "HTTP OK HTTP/1.1 200 OK" + took),
             16: (dict(path="/form", method=1, form="a=b&c", match="POST application/x-www-form-urlencoded 5"),
                  0, 200, 40, "HTTP OK HTTP/1.1 200 OK" + took),
             17: (dict(path="/page", port=nobody), 2, 0, 0, "Connection Failed."),
-            18: (dict(path="/page", port=nginx.ec), 2, 400, None, "HTTP CRITICAL HTTP/1.1 400 Bad Request" + took),
+            18: (dict(path="/page", port=ec), 2, 400, None, "HTTP CRITICAL HTTP/1.1 400 Bad Request" + took),
             19: (dict(path="/page", tls=1), 2, 0, 0, r"CRITICAL - Cannot establish SSL connection. error:.*"),
             20: (dict(path="/page", host="no.such.host.invalid"), 2, 0, 0,
                  "Host: no.such.host.invalid Error: .+"),
         }
-        self.start(*[page_test(number, **dict({"port": nginx.plain}, **case[0]))
+        self.start(*[page_test(number, **dict({"port": plain_port}, **case[0]))
                      for number, case in cases.items()])
         for number, (_, status, code, size, text) in cases.items():
             with self.subTest(number=number):
@@ -321,7 +290,7 @@ class Pages(steered.TestCase):
                     self.assertRegex(record.strings[0], "^" + text + "$")
                 self.assertLess(abs(record.i64[0] - time.time()), 3600)
         self.agent.stop()
-        seen = nginx.seen()
+        seen = harness.read_text(nginx.directory + "/seen").splitlines()
         self.assertIn("GET /page HTTP/1.0|(null)|close|127.0.0.1", seen)
         self.assertIn("HEAD /page HTTP/1.0|(null)|close|127.0.0.1", seen)
 

@@ -233,9 +233,9 @@ class Network(Remote):
             self.assertTrue(silent.recv(65536))  # it was asked
 
     def test_real_snmpd(self):
-        real = harness.start_snmpd(self, "")
-        fixed = harness.start_snmpd(self, "".join('override %s%d octet_str "%s"\n' % (OID, row, value)
-                                         for row, value in enumerate(("0.42", "1.50", "2.00"), 1)))
+        real = harness.start_snmpd(self).address
+        fixed = harness.start_snmpd(self, *('override %s%d octet_str "%s"' % (OID, row, value)
+                                            for row, value in enumerate(("0.42", "1.50", "2.00"), 1))).address
         self.start("LAA\t1\t5\t-1\t-1\t-1\t" + fixed, "LAA\t2\t5\t0\t2\t2\tudp:" + fixed,
                    "LAA\t3\t5\t-1\t-1\t-1\t" + real, "LAA\t4\t5\t-1\t-1\t-1")
         loads = self.wait_loads(4)

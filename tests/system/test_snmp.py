@@ -9,8 +9,8 @@ import unittest
 import harness
 import records
 import steered
+from peers import AUTH, MIBS, TABLE, TEST
 from scripted_server import answer
-from snmpd import AUTH, MIBS, TABLE, TEST, Snmpd
 
 SYSTEM = "1.3.6.1.2.1.1."
 
@@ -64,7 +64,7 @@ class Snmp(steered.TestCase):
 
 class Gets(Snmp):
     def test_objects_of_every_type(self):
-        peer = Snmpd(self, *OBJECTS)
+        peer = harness.start_snmpd(self, *OBJECTS)
         names = [TEST + "2.0"] + [TEST + "9.%d.0" % i for i in range(1, 10)]
         self.start(get(1, peer.port, ";".join(names)))
         status, count, message, results = self.get_record(1)
@@ -86,7 +86,7 @@ class Gets(Snmp):
                          ["OID: %s the result is available.\n" % name for name in names])
 
     def test_limits_on_each_side(self):
-        peer = Snmpd(self, *OBJECTS)
+        peer = harness.start_snmpd(self, *OBJECTS)
         name, text = TEST + "2.0", TEST + "9.9.0"
         cases = {1: ("25,25", 0), 2: ("26,30", 2), 3: ("10,24", 2), 4: ("-1,x", 2), 5: ("1,2,3", 0)}
         self.start(*(get(test, peer.port, name, limits) for test, (limits, _) in cases.items()),
@@ -101,7 +101,7 @@ class Gets(Snmp):
                       "equal to: 1 but now is 2\n", self.agent.log())
 
     def test_versions_and_users(self):
-        peer = Snmpd(self)
+        peer = harness.start_snmpd(self)
         name = SYSTEM + "3.0"
         user = {"community": "", "version": 3, "phrase": AUTH}
         self.start(get(1, peer.port, name, version=1), get(2, peer.port, name, version=2),
@@ -131,7 +131,7 @@ class Gets(Snmp):
 
     def test_ipv6(self):
         port = harness.free_port(socket.SOCK_DGRAM)
-        peer = Snmpd(self, "agentaddress udp6:[::1]:%d" % port, "rocommunity6 public", *OBJECTS)
+        peer = harness.start_snmpd(self, "agentaddress udp6:[::1]:%d" % port, "rocommunity6 public", *OBJECTS)
         self.start(get(1, port, TEST + "2.0", host="udp6:[::1]"),
                    get(2, peer.port, TEST + "2.0", host="udp6:[::1]", timeout=1, retries=0),
                    get(3, port, TEST + "2.0", host="::1"))
@@ -142,7 +142,7 @@ class Gets(Snmp):
         self.assertEqual(self.get_record(3), (3, 1, "Unknown host (::1:%d)" % port, []))
 
     def test_objects_that_are_not_there(self):
-        peer = Snmpd(self, *OBJECTS)
+        peer = harness.start_snmpd(self, *OBJECTS)
         there, not_there = TEST + "2.0", TEST + "8.0"
         self.start(get(1, peer.port, "%s;%s" % (there, not_there)),
                    get(2, peer.port, "%s;%s" % (not_there, there), version=1),
@@ -165,7 +165,7 @@ class Gets(Snmp):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
             silent.bind(("127.0.0.1", 0))
             port = silent.getsockname()[1]
-            peer = Snmpd(self)
+            peer = harness.start_snmpd(self)
             self.start(get(1, port, SYSTEM + "3.0", timeout=1, retries=0),
                        get(2, peer.port, SYSTEM + "3.0", host="localhost"),
                        get(3, peer.port, SYSTEM + "3.0", host="no.such.host.invalid"),
@@ -182,7 +182,7 @@ class Gets(Snmp):
                              (2, "Timeout: No Response from 127.0.0.1:%d" % port, 1))
 
     def test_added_changed_and_removed(self):
-        peer = Snmpd(self, *OBJECTS)
+        peer = harness.start_snmpd(self, *OBJECTS)
         self.start(get(1, peer.port, TEST + "2.0"))
         self.assertEqual(self.values(1), [(9, 0, "25")])
         self.server.then(answer(get(1, peer.port, TEST + "9.4.0", code="SPM") + "\n"))
@@ -223,7 +223,7 @@ class Tables(Snmp):
         return [cells.strings[i:i + width] for i in range(0, len(cells.strings), width)]
 
     def test_rows_with_holes_by_every_kind_of_request(self):
-        peer = Snmpd(self, *rows_of_the_table())
+        peer = harness.start_snmpd(self, *rows_of_the_table())
         self.start(*(table(test, peer.port, TABLE, bulk) for test, bulk in enumerate((0, 1, 2, 3, 10, 100), 1)),
                    table(20, peer.port, "vtTable"), table(21, peer.port, TABLE, version=1))
         expected = self.rows(1)
@@ -236,7 +236,7 @@ class Tables(Snmp):
             self.assertEqual(self.rows(test), expected, test)
 
     def test_what_is_no_table(self):
-        peer = Snmpd(self)
+        peer = harness.start_snmpd(self)
         self.start(table(1, peer.port, TABLE), table(2, peer.port, TEST + "2"),
                    table(3, peer.port, "no.such.table"))
         record = self.record(records.SNMP_TABLE, 1)  # without rows
@@ -252,7 +252,7 @@ class Tables(Snmp):
         self.assertIn("Unknown Object Identifier", record.strings[0])
 
     def test_a_walk_sends_nothing(self):
-        peer = Snmpd(self, *OBJECTS)
+        peer = harness.start_snmpd(self, *OBJECTS)
         self.start(table(1, peer.port, "1.3.6.1.2.1.1", code="SWA"),
                    table(2, peer.port, "1.3.6.1.2.1.1", bulk=10, code="SWA"),
                    get(3, peer.port, TEST + "2.0"))
@@ -300,7 +300,7 @@ class Children(Snmp):
     @unittest.skipIf("address" in harness.SANITIZERS,
                      "the sanitizer's own allocator is not brought to rest at a fork: a child may hang")
     def test_many_rounds_leave_nothing_behind(self):
-        peer = Snmpd(self)
+        peer = harness.start_snmpd(self)
         tests = 20
         self.start(*(get(test, peer.port, SYSTEM + "3.0") for test in range(1, tests + 1)))
         harness.wait_until(lambda: len(self.records(records.SNMP)) >= 3 * tests, "three rounds")

@@ -4,9 +4,9 @@ import os
 import re
 import shutil
 import ssl
-import subprocess
 
 import harness
+from peers import openssl
 from raw_client import RawClient
 from scripted_server import ScriptedServer, accept_login, make_certificate, server_context
 
@@ -40,11 +40,6 @@ class Authority:
         """Paths of a new certificate and its key."""
         return self._sign(name, extension, ["-CA", self.pem, "-CAkey", self.key, "-CAcreateserial"],
                           days)
-
-
-def openssl(*arguments):
-    subprocess.run(["openssl", *arguments], check=True, stdin=subprocess.DEVNULL,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
 def joined(path, *files):

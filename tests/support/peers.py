@@ -239,6 +239,32 @@ class Nginx(Peer):
             return probe.connect_ex(("127.0.0.1", list(self.ports.values())[-1])) == 0
 
 
+class FarSide:
+    """A network namespace of its own, connected to this one: 10.9.NUMBER.1 is here, the addresses, numbers of 1 to 254,
+    are there. `enter` goes before a command line that is to run there. Needs root."""
+
+    def __init__(self, number, *hosts):
+        self.here, self.near = "10.9.%d.1" % number, "near%d" % number
+        self.holder = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
+                                       stdout=subprocess.PIPE)
+        self.holder.stdout.readline()
+        self.holder.stdout.close()
+        self.pid = self.holder.pid
+        self.enter = ["nsenter", "--target", str(self.pid), "--net"]
+        commands = [["ip", "link", "add", self.near, "type", "veth", "peer", "name", "far", "netns", str(self.pid)],
+                    ["ip", "link", "set", self.near, "up"], ["ip", "addr", "add", self.here + "/24", "dev", self.near],
+                    self.enter + ["ip", "link", "set", "far", "up"]]
+        commands += [self.enter + ["ip", "addr", "add", "10.9.%d.%d/24" % (number, host), "dev", "far"]
+                     for host in hosts]
+        for command in commands:
+            subprocess.run(command, check=True)
+
+    def end(self):
+        subprocess.run(["ip", "link", "del", self.near], check=True)
+        self.holder.kill()
+        self.holder.wait()
+
+
 def openssl(*arguments):
     subprocess.run(["openssl", *arguments], check=True, stdin=subprocess.DEVNULL,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

@@ -323,6 +323,12 @@ def start_peer(test, kind, *arguments, name=None, **options):
     return peer
 
 
+def far_side(test, number, *hosts):
+    side = peers.FarSide(number, *hosts)
+    test.addCleanup(side.end)
+    return side
+
+
 def start_snmpd(test, *lines, **options):
     return start_peer(test, peers.Snmpd, *peers.USERS, *lines, **options)
 

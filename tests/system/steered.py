@@ -1,7 +1,5 @@
 """An agent that a scripted server tells what to do, and what it reported."""
 
-import subprocess
-
 import harness
 import records
 from scripted_server import ScriptedServer, accept_login, answer
@@ -31,29 +29,3 @@ class TestCase(harness.TestCase):
     def wait_idle(self, count=2):
         """Waits for polls that came after what was changed."""
         self.server.wait_requests(len(self.server.requests) + count)
-
-
-class FarSide:
-    """A network namespace of its own, connected to the tests': 10.9.NUMBER.1 is here, the addresses,
-    numbers of 1 to 254, are there. `enter` goes before a command line that is to run there."""
-
-    def __init__(self, test, number, *hosts):
-        self.here = "10.9.%d.1" % number
-        holder = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo; exec sleep infinity"],
-                                  stdout=subprocess.PIPE)
-        test.addCleanup(holder.wait)
-        test.addCleanup(holder.kill)
-        holder.stdout.readline()
-        holder.stdout.close()
-        self.pid, self.near = holder.pid, "near%d" % number
-        self.enter = ["nsenter", "--target", str(holder.pid), "--net"]
-        commands = [["ip", "link", "add", self.near, "type", "veth", "peer", "name", "far", "netns",
-                     str(holder.pid)],
-                    ["ip", "link", "set", self.near, "up"],
-                    ["ip", "addr", "add", self.here + "/24", "dev", self.near],
-                    self.enter + ["ip", "link", "set", "far", "up"]]
-        commands += [self.enter + ["ip", "addr", "add", "10.9.%d.%d/24" % (number, host), "dev", "far"]
-                     for host in hosts]
-        for command in commands:
-            subprocess.run(command, check=True)
-        test.addCleanup(subprocess.run, ["ip", "link", "del", self.near], check=True)

@@ -32,7 +32,7 @@ class Discovery(steered.TestCase):
 
     def hosts(self, *hosts):
         number = next(self.numbers)
-        return (steered.FarSide(self, number, *hosts), lambda host: "10.9.%d.%d" % (number, host))
+        return (harness.far_side(self, number, *hosts), lambda host: "10.9.%d.%d" % (number, host))
 
     def agents(self, side, *addresses):
         harness.start_snmpd(self, "sysName core", "sysLocation cellar", "sysDescr a switch",

@@ -1,7 +1,6 @@
 """Children of the SNMP checker that are forked while the other threads of a real agent are busy: TLS
 connections of polls and of pages (each in a thread that ends with it), and a log with everything in it."""
 
-import os
 import unittest
 
 import harness

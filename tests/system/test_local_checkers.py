@@ -231,6 +231,8 @@ class Real(Local):
         self.assertGreater(r.d64[2], 1.9 * pages * os.sysconf("SC_PAGESIZE") / 2**20)
         self.wait_record(records.PROCESS, lambda r: r.ui32[3] != 0 and not r.strings)
         burner = self.spawn(name, "burn")
+        if os.geteuid() == 0:  # a loaded machine leaves it half a processor, too
+            os.setpriority(os.PRIO_PROCESS, burner.pid, -20)
         r = self.wait_record(records.PROCESS, lambda r: r.ui32[3:5] == [burner.pid, 2])
         self.assertEqual(r.strings, ["Current CPU usage: %.2f%% / Max value: 50\n" % r.d64[0]])
         self.assertTrue(50 <= r.d64[0] < 150, r.d64)

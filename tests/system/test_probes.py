@@ -49,7 +49,7 @@ class Host:
         self.packets = []
         self.behave = behave
         self.address, self.peer = "10.9.%d.2" % number, "10.9.%d.1" % number
-        side = steered.FarSide(test, number, 2)
+        side = harness.far_side(test, number, 2)
         subprocess.run(side.enter + ["sysctl", "-q", "net.ipv4.icmp_echo_ignore_all=1"], check=True)
         self.stopping, stop = os.pipe()
         self.ready = threading.Event()

@@ -1,15 +1,15 @@
 #include "ingest/undecodable.h"
 
+#include "base/files.h"
 #include "base/text.h"
+#include "ingest/hash.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
-#include <openssl/evp.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -20,68 +20,40 @@ namespace {
 constexpr auto an_hour = std::chrono::hours(1);
 constexpr size_t day_digits = 8, hash_digits = 16;
 
-std::string hex(std::string_view bytes) {
-    std::string text;
-    for (unsigned char byte : bytes.substr(0, hash_digits / 2)) {
-        text += "0123456789abcdef"[byte >> 4];
-        text += "0123456789abcdef"[byte & 15];
-    }
-    return text;
+/* Of a hash, in a file's name. */
+std::string tag(std::string_view hash) {
+    return hex(hash.substr(0, hash_digits / 2));
 }
 
 /* The same for an agent's files on every day; nobody finds a name that gives another agent's. */
 std::string agent_tag(std::string_view account, std::string_view agent) {
     std::string name = std::string(account) + '\0' + std::string(agent);
-    std::string hash(32, '\0');
-    EVP_Digest(name.data(), name.size(), reinterpret_cast<unsigned char*>(hash.data()), nullptr,
-               EVP_sha256(), nullptr);
-    return hex(hash);
-}
-
-bool write_all(int fd, std::string_view data) {
-    while (!data.empty()) {
-        ssize_t written = write(fd, data.data(), data.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return false;
-        }
-        data.remove_prefix(static_cast<size_t>(written));
-    }
-    return true;
+    return tag(view_of(sha256(name)));
 }
 
 /* Gathers what is written in pieces, so that a thousand small ones are not as many calls. */
 class gathered_file {
 public:
     explicit gathered_file(const std::string& path)
-        : fd_(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600)) {}
-    ~gathered_file() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    gathered_file(const gathered_file&) = delete;
-    gathered_file& operator=(const gathered_file&) = delete;
+        : file_(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600)) {}
 
     bool write(std::string_view piece) {
         if (piece.size() >= room) {
-            return flush() && write_all(fd_, piece);
+            return flush() && write_all(file_.get(), piece);
         }
         waiting_ += piece;
         return waiting_.size() < room || flush();
     }
-    bool finish() { return flush() && fsync(fd_) == 0; }
+    bool finish() { return flush() && fsync(file_.get()) == 0; }
 
 private:
     enum { room = 64 << 10 };
     bool flush() {
-        bool good = fd_ >= 0 && write_all(fd_, waiting_);
+        bool good = file_ && write_all(file_.get(), waiting_);
         waiting_.clear();
         return good;
     }
-    int fd_;
+    unique_fd file_;
     std::string waiting_;
 };
 
@@ -98,27 +70,6 @@ bool write_pieces(const std::string& path, std::string_view records, size_t most
         }
     }
     return file.finish();
-}
-
-bool make_directory(const std::string& path) {
-    struct stat status;
-    if (mkdir(path.c_str(), 0700) == 0) {
-        return true;
-    }
-    if (errno != EEXIST || stat(path.c_str(), &status) != 0) {
-        return false;
-    }
-    errno = ENOTDIR;
-    return S_ISDIR(status.st_mode);
-}
-
-bool sync_directory(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    bool good = fd >= 0 && fsync(fd) == 0;
-    if (fd >= 0) {
-        close(fd);
-    }
-    return good;
 }
 
 struct share {
@@ -231,7 +182,7 @@ undecodable_files::outcome undecodable_files::keep(std::string_view account, std
     const std::string owner = agent_tag(account, agent);
     const size_t kept_bytes =
         std::min({bytes, limits_.file, limits_.bytes, limits_.bytes_per_agent});
-    path = directory_ + "/" + utc_day(received) + "-" + owner + "-" + hex(hash) + ".bin";
+    path = directory_ + "/" + utc_day(received) + "-" + owner + "-" + tag(hash) + ".bin";
     struct stat there;
     if (lstat(path.c_str(), &there) == 0 && S_ISREG(there.st_mode) &&
         static_cast<size_t>(there.st_size) == kept_bytes) {
@@ -244,13 +195,14 @@ undecodable_files::outcome undecodable_files::keep(std::string_view account, std
         return outcome::dropped;
     }
     const std::string temporary = path + ".tmp";
-    if (make_directory(directory_) && make_room(owner, kept_bytes) &&
+    bool there_is_one = mkdir(directory_.c_str(), 0700) == 0 || errno == EEXIST;
+    if (there_is_one && make_room(owner, kept_bytes) &&
         write_pieces(temporary, records, kept_bytes) &&
         rename(temporary.c_str(), path.c_str()) == 0 && sync_directory(directory_)) {
         written_.push_back({now, owner});
         return outcome::kept;
     }
-    error = path + ": " + std::generic_category().message(errno);
+    error = system_error(path);
     unlink(temporary.c_str());
     return outcome::failed;
 }
@@ -266,4 +218,14 @@ std::string undecodable_files::report(clock::time_point now) {
     reported_ = now;
     reported_once_ = true;
     return line;
+}
+
+void undecodable_files::keep_days(const std::vector<std::string>& days) {
+    std::error_code failed;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory_, failed)) {
+        std::string day = entry.path().filename().string().substr(0, day_digits);
+        if (std::find(days.begin(), days.end(), day) == days.end()) {
+            fs::remove(entry.path(), failed);
+        }
+    }
 }

@@ -21,6 +21,7 @@
 #include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct undecodable_limits {
     size_t file = 16u << 20; /* bytes of one file; what is longer is cut */
@@ -57,6 +58,9 @@ public:
     outcome keep(std::string_view account, std::string_view agent, int64_t received,
                  std::string_view hash, std::string_view records, size_t bytes,
                  clock::time_point now, std::string& path, std::string& error);
+
+    /* Removes what came on other days (YYYYMMDD). */
+    void keep_days(const std::vector<std::string>& days);
 
     /* A line about what was dropped since the last one; empty when nothing was, or when the last
      * one is less than an hour ago. */

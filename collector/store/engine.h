@@ -112,7 +112,7 @@ enum class drop_outcome {
 };
 
 struct engine_options {
-    std::string directory; /* state directory; created when missing */
+    std::string directory; /* state directory, an absolute path; created when missing */
     int64_t keep_days = 0; /* what a file that is begun while running says of it */
     /* Told what the operator should see: that a file was damaged, removed or replaced. */
     std::function<void(const std::string&)> tell;
@@ -152,7 +152,7 @@ public:
     /* ---- days, outside of transactions ---- */
 
     virtual bool is_open() const = 0;
-    /* Whether a day was begun, or another file opened, since the last call. */
+    /* Whether a day was begun since the last call. */
     virtual bool days_changed() = 0;
     /* Days (YYYYMMDD) that have results, the one written to longest ago first. */
     virtual drop_outcome days(std::vector<std::string>& by_turn) = 0;

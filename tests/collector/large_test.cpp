@@ -1,7 +1,8 @@
 /* Bodies made to cost much: small ones that unpack to a lot, and records of millions of strings.
  * What they cost is counted in allocations, and whether others wait for them told by the order of
  * events. */
-#include "store/store.cpp"
+#include "ingest/ingest.cpp"
+#include "store/sqlite/sqlite_file.cpp"
 
 #include "collector_test_support.h"
 #include "ingest/body.h"

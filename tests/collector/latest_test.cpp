@@ -1,4 +1,4 @@
-#include "store/latest.cpp"
+#include "store/sqlite/latest.cpp"
 
 #include <gtest/gtest.h>
 #include <limits>

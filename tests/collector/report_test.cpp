@@ -2,7 +2,7 @@
 
 #include "collector_test_support.h"
 #include "ingest/ingest.h"
-#include "store/database.h"
+#include "store/sqlite/database.h"
 
 #include <future>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "store/database.h"
+#include "store/sqlite/database.h"
 
 std::string database_path(const std::string& directory) {
     return directory + "/results.db";
@@ -148,4 +148,15 @@ bool database_days(sqlite3* db, std::vector<std::string>& tables) {
         tables.emplace_back(query.bytes(0));
     }
     return result == SQLITE_DONE;
+}
+
+bool database_set_fact(sqlite3* db, const char* name, int64_t value) {
+    statement replace(db, "INSERT OR REPLACE INTO facts VALUES (?, ?)");
+    return replace.bind_text(name).bind(value).run();
+}
+
+std::optional<int64_t> database_fact(sqlite3* db, const char* name) {
+    statement select(db, "SELECT value FROM facts WHERE name = ?");
+    bool found = select.bind_text(name).row();
+    return found ? std::optional(select.integer(0)) : std::nullopt;
 }

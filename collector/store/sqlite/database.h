@@ -1,18 +1,32 @@
 /* The result database: SQLite handles held by scope, and what is in the file.
  *
- *   results_YYYYMMDD  a table per day of arrival (UTC), only ever appended to, dropped whole:
- *                     id, received (seconds since the epoch), agent (agents.id), type, test,
- *                     location, time (of the check), status, record (the bytes as sent). The
- *                     columns from test to status are null for a record of an unknown type.
- *   agents            id, account, name, first_seen, last_seen, last_block (SHA-256 of the agent's
- *                     last stored block, by which the same block is recognised when it comes
- *                     again), address (where that came from), version (of the agent), latest (where
- *                     the last result of each of its tests is: latest.h)
- *   days              day (YYYYMMDD), turn: grows whenever the collector turns to another day's
- *                     table, so that the one with the lowest is the one written to longest ago,
- *                     whatever the clock said
- *   facts             name, value: keep_days (of the last run), dropped and boot (when a day was
- *                     dropped last, in seconds since which start of the machine)
+ *   results_YYYYMMDD  a table per day of arrival (UTC), only ever appended to, dropped whole
+ *     id
+ *     received        seconds since the epoch
+ *     agent           agents.id
+ *     type            of the record, as the agent numbers them
+ *     test, location, time (of the check), status
+ *                     null for a record of an unknown type
+ *     record          the bytes as sent
+ *
+ *   agents
+ *     id, account, name, first_seen, last_seen
+ *     last_block      SHA-256 of the agent's last stored block, by which the same block is
+ *                     recognised when it comes again; behind it, while that block is stored in
+ *                     part, how many bytes of it are
+ *     address         where that came from
+ *     version         of the agent
+ *     latest          where the last result of each of its tests is: latest.h
+ *
+ *   days
+ *     day             YYYYMMDD
+ *     turn            grows whenever the collector turns to another day's table, so that the one
+ *                     with the lowest is the one written to longest ago, whatever the clock said
+ *
+ *   facts             name, value
+ *     keep_days       of the last run
+ *     dropped, boot   when a day was dropped last, in seconds since which start of the machine
+ *
  *   undecodable       id, received, agent, offset, bytes, reason, kept_as (name of the file)
  *
  * user_version is the version of this layout; application_id marks the file as ours. */
@@ -60,6 +74,10 @@ bool database_open_reading(const std::string& directory, database& db, std::stri
 
 /* Names of the day tables, in the order of their days. False when they cannot be read. */
 bool database_days(sqlite3* db, std::vector<std::string>& tables);
+
+/* A number in the table of facts. */
+std::optional<int64_t> database_fact(sqlite3* db, const char* name);
+bool database_set_fact(sqlite3* db, const char* name, int64_t value);
 
 /* An error that says that what is in the file makes no sense. A full disk, a file that cannot be
  * read or written, a lock and want of memory are none. */

@@ -19,12 +19,16 @@
 
 enum { latest_max = 10000 };
 
-/* The tests of one agent. */
+/* The tests of one agent. Memory is kept for the next agent that is unpacked. */
 class latest_results {
 public:
     latest_results() = default;
-    /* Reads what packed() made; what is damaged in it is left out. */
-    explicit latest_results(std::string_view packed);
+    explicit latest_results(std::string_view packed) { unpack(packed); }
+
+    /* Reads what pack() made, in place of what was there; what is damaged in it is left out. */
+    void unpack(std::string_view packed);
+    void pack(std::string& into);
+    std::string packed();
 
     /* The newest result of a test so far. */
     void put(const record_summary& summary, int64_t received, int64_t row);
@@ -34,12 +38,12 @@ public:
 
     /* One for each test, ordered by key. */
     const std::vector<latest_entry>& entries() &;
-    std::string packed();
 
 private:
     void settle();
 
-    std::vector<latest_entry> entries_; /* the first settled_ are in order, the others came later */
+    std::vector<latest_entry> entries_; /* the first settled_ are in order, the others are of tests
+                                           that are not among these */
     size_t settled_ = 0;
 };
 

@@ -1,4 +1,6 @@
-#include "store/store.cpp"
+#include "ingest/expiry.cpp"
+#include "ingest/ingest.cpp"
+#include "store/sqlite/sqlite_file.cpp"
 
 #include "collector_test_support.h"
 
@@ -41,7 +43,7 @@ struct recorder : store_listener {
 /* What the pinned clocks show. */
 static std::atomic<int64_t> wall_now = noon, steady_now = 0, boot_now = 0;
 
-struct store_test : testing::Test {
+struct ingest_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
     recorder told;
@@ -154,7 +156,7 @@ static mode_t mode_of(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-TEST_F(store_test, records_are_rows_of_the_day_they_arrive) {
+TEST_F(ingest_test, records_are_rows_of_the_day_they_arrive) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 111) + load_record(0xffffffff, 112, 2)), store_result::stored);
     EXPECT_EQ(submit(load_record(5, 111), "web2", noon + 86400), store_result::stored);
@@ -169,7 +171,7 @@ TEST_F(store_test, records_are_rows_of_the_day_they_arrive) {
     EXPECT_EQ(told.problems, strings());
 }
 
-TEST_F(store_test, unknown_types_are_stored_without_their_meaning) {
+TEST_F(ingest_test, unknown_types_are_stored_without_their_meaning) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(record_builder{.ui32 = {99, 5}}.bytes()), store_result::stored);
     EXPECT_EQ(
@@ -177,13 +179,13 @@ TEST_F(store_test, unknown_types_are_stored_without_their_meaning) {
         (strings{"99|1|1|1"}));
 }
 
-TEST_F(store_test, an_empty_block_is_stored_at_once) {
+TEST_F(ingest_test, an_empty_block_is_stored_at_once) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(""), store_result::stored);
     EXPECT_EQ(query("SELECT * FROM agents"), strings());
 }
 
-TEST_F(store_test, the_last_block_once_more_is_stored_once) {
+TEST_F(ingest_test, the_last_block_once_more_is_stored_once) {
     ASSERT_EQ(open(), "");
     std::string a = load_record(5, 111), b = load_record(5, 222);
     EXPECT_EQ(submit(a), store_result::stored);
@@ -199,7 +201,7 @@ TEST_F(store_test, the_last_block_once_more_is_stored_once) {
     EXPECT_EQ(told.records.size(), 3u);
 }
 
-TEST_F(store_test, agents_of_different_accounts_are_different) {
+TEST_F(ingest_test, agents_of_different_accounts_are_different) {
     ASSERT_EQ(open(), "");
     std::promise<store_result> done;
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
@@ -209,7 +211,7 @@ TEST_F(store_test, agents_of_different_accounts_are_different) {
     EXPECT_EQ(query("SELECT count(*) FROM agents"), strings{"2"});
 }
 
-TEST_F(store_test, what_does_not_decode_is_kept_aside_and_the_rest_is_stored) {
+TEST_F(ingest_test, what_does_not_decode_is_kept_aside_and_the_rest_is_stored) {
     ASSERT_EQ(open(), "");
     std::string good = load_record(5, 111), bad = with_word(good, 12, 99);
     std::string block = good + bad + good + "text that is no record at all, whatever it may be";
@@ -230,7 +232,7 @@ TEST_F(store_test, what_does_not_decode_is_kept_aside_and_the_rest_is_stored) {
     EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"1"});
 }
 
-TEST_F(store_test, what_cannot_be_kept_aside_is_not_stored_and_does_not_hold_up_others) {
+TEST_F(ingest_test, what_cannot_be_kept_aside_is_not_stored_and_does_not_hold_up_others) {
     ASSERT_EQ(open(), "");
     write_text(state + "/undecodable", "in the way");
     std::string block = load_record(5, 111) + "text";
@@ -247,7 +249,7 @@ TEST_F(store_test, what_cannot_be_kept_aside_is_not_stored_and_does_not_hold_up_
     EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"2"});
 }
 
-TEST_F(store_test, files_are_for_their_owner_alone) {
+TEST_F(ingest_test, files_are_for_their_owner_alone) {
     mode_t before = umask(0);
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1) + "text"), store_result::stored);
@@ -261,14 +263,14 @@ TEST_F(store_test, files_are_for_their_owner_alone) {
     EXPECT_GE(files, 6u); /* lock, database, its two companions, directory, kept file */
 }
 
-TEST_F(store_test, an_existing_directory_keeps_its_mode) {
+TEST_F(ingest_test, an_existing_directory_keeps_its_mode) {
     ASSERT_EQ(mkdir(state.c_str(), 0755), 0);
     ASSERT_EQ(chmod(state.c_str(), 0755), 0);
     ASSERT_EQ(open(), "");
     EXPECT_EQ(mode_of(state), 0755u);
 }
 
-TEST_F(store_test, a_second_collector_is_refused) {
+TEST_F(ingest_test, a_second_collector_is_refused) {
     ASSERT_EQ(open(), "");
     std::string error;
     EXPECT_EQ(ingest::open({.directory = state}, nullptr, error), nullptr);
@@ -277,7 +279,7 @@ TEST_F(store_test, a_second_collector_is_refused) {
     EXPECT_NE(ingest::open({.directory = state}, nullptr, error), nullptr);
 }
 
-TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
+TEST_F(ingest_test, what_is_not_ours_is_refused_and_left_alone) {
     ASSERT_EQ(mkdir(state.c_str(), 0700), 0);
     std::string path = database_path(state);
     write_text(path, "this is not a database, but it is long enough to be looked at as one. " +
@@ -304,7 +306,7 @@ TEST_F(store_test, what_is_not_ours_is_refused_and_left_alone) {
     EXPECT_EQ(open(), path + ": its layout has version 3, this program knows version 2");
 }
 
-TEST_F(store_test, the_agents_are_known_with_address_and_version) {
+TEST_F(ingest_test, the_agents_are_known_with_address_and_version) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(agents(), strings());
     auto send = [&](int64_t n, const char* address, const char* version) {
@@ -328,7 +330,7 @@ static std::string inventory(int64_t time) {
         .bytes();
 }
 
-TEST_F(store_test, the_last_result_of_each_test_is_known_after_a_start) {
+TEST_F(ingest_test, the_last_result_of_each_test_is_known_after_a_start) {
     ASSERT_EQ(open(0), "");
     EXPECT_EQ(latest(), strings());
     EXPECT_EQ(submit(load_record(5, 1) + load_record(6, 2) + load_record(5, 3) + inventory(4)),
@@ -349,7 +351,7 @@ TEST_F(store_test, the_last_result_of_each_test_is_known_after_a_start) {
     EXPECT_EQ(told.problems, strings());
 }
 
-TEST_F(store_test, a_last_result_that_is_gone_is_not_told) {
+TEST_F(ingest_test, a_last_result_that_is_gone_is_not_told) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
     EXPECT_EQ(submit(load_record(6, 2), "web1", noon + 86400), store_result::stored);
@@ -378,7 +380,7 @@ static const char first_layout[] =
     " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL);"
     "PRAGMA application_id = 0x564e4443; PRAGMA user_version = 1";
 
-TEST_F(store_test, a_database_of_the_first_version_is_renewed_in_place) {
+TEST_F(ingest_test, a_database_of_the_first_version_is_renewed_in_place) {
     ASSERT_EQ(mkdir(state.c_str(), 0700), 0);
     {
         sqlite3* handle = nullptr;
@@ -386,7 +388,7 @@ TEST_F(store_test, a_database_of_the_first_version_is_renewed_in_place) {
         database db(handle);
         ASSERT_TRUE(database_exec(handle, first_layout)) << sqlite3_errmsg(handle);
         statement agent(handle, "INSERT INTO agents VALUES (?, 'a@b.c', ?, ?, ?, ?)");
-        std::string hash = sha256(load_record(5, 3));
+        std::string hash(view_of(sha256(load_record(5, 3))));
         for (const char* name : {"web1", "web2"}) {
             agent.bind(int64_t{name[3] - '0'}).bind_text(name).bind(noon - 86400).bind(noon);
             ASSERT_TRUE(agent.bind_blob(hash).run());
@@ -425,7 +427,7 @@ TEST_F(store_test, a_database_of_the_first_version_is_renewed_in_place) {
     EXPECT_EQ(told.problems, strings());
 }
 
-TEST_F(store_test, a_directory_that_cannot_be_made_is_told) {
+TEST_F(ingest_test, a_directory_that_cannot_be_made_is_told) {
     write_text(state, "a file");
     EXPECT_EQ(open(), "state directory " + state + ": Not a directory");
     state = "/proc/no/such/place";
@@ -479,7 +481,7 @@ struct installed {
 };
 } // namespace counted_files
 
-TEST_F(store_test, an_answer_comes_after_the_sync) {
+TEST_F(ingest_test, an_answer_comes_after_the_sync) {
     counted_files::installed counted;
     ASSERT_EQ(open(), "");
     EXPECT_EQ(query("PRAGMA journal_mode"), strings{"wal"});
@@ -491,7 +493,7 @@ TEST_F(store_test, an_answer_comes_after_the_sync) {
     s.reset();
 }
 
-TEST_F(store_test, what_was_not_synced_is_not_acknowledged_and_not_stored_twice) {
+TEST_F(ingest_test, what_was_not_synced_is_not_acknowledged_and_not_stored_twice) {
     counted_files::installed counted;
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
@@ -510,7 +512,7 @@ static const char* const day_tables =
     "SELECT substr(name, 9) FROM sqlite_schema WHERE name GLOB 'results_*' ORDER BY name";
 
 /* A store whose clocks are set by hand. */
-struct expiry_test : store_test {
+struct expiry_test : ingest_test {
     int keep_days = 2;
     int64_t sent = 0;
 
@@ -687,7 +689,7 @@ TEST_F(expiry_test, a_database_of_the_first_version_loses_a_day_an_hour_too) {
     EXPECT_EQ(stored(), (strings{"20260505", "20260506"}));
 }
 
-TEST_F(store_test, keeping_zero_days_keeps_all) {
+TEST_F(ingest_test, keeping_zero_days_keeps_all) {
     ASSERT_EQ(open(0), "");
     EXPECT_EQ(submit(load_record(5, 1), "web1", 0), store_result::stored);
     s.reset();
@@ -706,7 +708,7 @@ struct writer_lock {
     }
 };
 
-TEST_F(store_test, a_locked_database_fails_and_recovers) {
+TEST_F(ingest_test, a_locked_database_fails_and_recovers) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
     s.reset();
@@ -726,7 +728,7 @@ TEST_F(store_test, a_locked_database_fails_and_recovers) {
     EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"1", "2"}));
 }
 
-TEST_F(store_test, the_queue_is_bounded) {
+TEST_F(ingest_test, the_queue_is_bounded) {
     ASSERT_EQ(open(30, 1000), "");
     std::promise<store_result> first;
     {
@@ -746,7 +748,7 @@ TEST_F(store_test, the_queue_is_bounded) {
     }
 }
 
-TEST_F(store_test, closing_finishes_what_waits) {
+TEST_F(ingest_test, closing_finishes_what_waits) {
     ASSERT_EQ(open(), "");
     std::atomic<int> stored = 0;
     for (int i = 0; i < 200; i++) {
@@ -758,7 +760,7 @@ TEST_F(store_test, closing_finishes_what_waits) {
     EXPECT_EQ(query("SELECT count(*) FROM results_20260501"), strings{"200"});
 }
 
-TEST_F(store_test, the_same_block_twice_in_one_batch_is_stored_once) {
+TEST_F(ingest_test, the_same_block_twice_in_one_batch_is_stored_once) {
     ASSERT_EQ(open(), "");
     std::vector<store_result> results;
     {
@@ -775,7 +777,7 @@ TEST_F(store_test, the_same_block_twice_in_one_batch_is_stored_once) {
 }
 
 /* A file size limit stands for the full disk. */
-TEST_F(store_test, a_full_disk_fails_and_recovers) {
+TEST_F(ingest_test, a_full_disk_fails_and_recovers) {
     ASSERT_EQ(open(), "");
     signal(SIGXFSZ, SIG_IGN);
     rlimit before;
@@ -802,7 +804,7 @@ TEST_F(store_test, a_full_disk_fails_and_recovers) {
                  std::distance(fs::directory_iterator(state + "/undecodable"), {}) > 0);
 }
 
-TEST_F(store_test, a_database_that_somebody_removed_is_made_again) {
+TEST_F(ingest_test, a_database_that_somebody_removed_is_made_again) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
     for (const char* end : {"", "-wal", "-shm"}) {
@@ -813,7 +815,7 @@ TEST_F(store_test, a_database_that_somebody_removed_is_made_again) {
 }
 
 /* A file whose pages are spoilt while it is in use or between two runs. */
-struct damage_test : store_test {
+struct damage_test : ingest_test {
     static const size_t page_size = 8192;
 
     /* Enough for trees of several levels, in the file itself. */
@@ -1080,7 +1082,7 @@ TEST_F(damage_test, a_damaged_day_does_not_hide_the_last_results_of_others) {
               strings{"what is stored cannot be read: database disk image is malformed"});
 }
 
-TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
+TEST_F(ingest_test, a_file_that_is_removed_or_replaced_is_told) {
     ASSERT_EQ(open(), "");
     std::string path = database_path(state);
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
@@ -1119,7 +1121,7 @@ TEST_F(store_test, a_file_that_is_removed_or_replaced_is_told) {
     EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"2"})); /* it is whole */
 }
 
-TEST_F(store_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is_back) {
+TEST_F(ingest_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is_back) {
     ASSERT_EQ(open(), "");
     EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
     fs::remove_all(state);
@@ -1138,7 +1140,7 @@ TEST_F(store_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is
     EXPECT_EQ(agents(), strings{"a@b.c web1   0 0"});
 }
 
-TEST_F(store_test, many_threads_may_submit) {
+TEST_F(ingest_test, many_threads_may_submit) {
     ASSERT_EQ(open(), "");
     std::atomic<int> stored = 0;
     std::vector<std::thread> threads;
@@ -1160,7 +1162,7 @@ TEST_F(store_test, many_threads_may_submit) {
 
 /* A collector that is killed at any moment: what it acknowledged is there, and what the agents send
  * again because they got no answer is there once. */
-TEST_F(store_test, kill_at_any_moment_loses_and_doubles_nothing) {
+TEST_F(ingest_test, kill_at_any_moment_loses_and_doubles_nothing) {
     std::mt19937 random(7);
     const int agents = 3;
     std::vector<int64_t> acknowledged(agents, 0); /* blocks of each agent: times 1, 2, ... */

@@ -1,4 +1,4 @@
-#include "store/latest.h"
+#include "store/sqlite/latest.h"
 
 #include <algorithm>
 
@@ -85,11 +85,16 @@ bool unpack(std::string_view& from, latest_entry& e, int64_t before) {
     return true;
 }
 
+bool by_key(const latest_entry& a, const latest_entry& b) {
+    return a.key() < b.key();
+}
+
 } // namespace
 
-latest_results::latest_results(std::string_view packed) {
+void latest_results::unpack(std::string_view packed) {
+    entries_.clear();
     int64_t before = 0;
-    for (latest_entry e; !packed.empty() && unpack(packed, e, before); before = e.received) {
+    for (latest_entry e; !packed.empty() && ::unpack(packed, e, before); before = e.received) {
         entries_.push_back(e);
     }
     auto out_of_order = [](const latest_entry& a, const latest_entry& b) {
@@ -101,7 +106,14 @@ latest_results::latest_results(std::string_view packed) {
 }
 
 void latest_results::put(const record_summary& summary, int64_t received, int64_t row) {
-    entries_.push_back({summary.type, summary.test, received, row, summary.time, summary.status});
+    latest_entry fresh{summary.type, summary.test, received, row, summary.time, summary.status};
+    auto end = entries_.begin() + static_cast<std::ptrdiff_t>(settled_);
+    auto known = std::lower_bound(entries_.begin(), end, fresh, by_key);
+    if (known != end && known->key() == fresh.key()) {
+        *known = fresh;
+        return;
+    }
+    entries_.push_back(fresh);
     if (entries_.size() > settled_ + latest_max) { /* one block may hold millions of records */
         settle();
     }
@@ -111,7 +123,6 @@ void latest_results::settle() {
     if (settled_ == entries_.size()) {
         return;
     }
-    auto by_key = [](const latest_entry& a, const latest_entry& b) { return a.key() < b.key(); };
     auto middle = entries_.begin() + static_cast<std::ptrdiff_t>(settled_);
     std::stable_sort(middle, entries_.end(), by_key);
     std::inplace_merge(entries_.begin(), middle, entries_.end(), by_key);
@@ -146,13 +157,18 @@ const std::vector<latest_entry>& latest_results::entries() & {
     return entries_;
 }
 
-std::string latest_results::packed() {
+void latest_results::pack(std::string& into) {
     settle();
-    std::string text;
+    into.clear();
     int64_t before = 0;
     for (const latest_entry& e : entries_) {
-        pack(text, e, before);
+        ::pack(into, e, before);
         before = e.received;
     }
+}
+
+std::string latest_results::packed() {
+    std::string text;
+    pack(text);
     return text;
 }

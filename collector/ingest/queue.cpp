@@ -1,0 +1,82 @@
+#include "ingest/queue.h"
+
+#include <chrono>
+#include <utility>
+
+static std::string agent_of(const poll_block& b) {
+    std::string owner;
+    owner.reserve(b.account.size() + 1 + b.agent.size());
+    return owner.append(b.account).append(1, '\0').append(b.agent);
+}
+
+/* One that nothing of the same agent or address waits before is let in whatever its size, or the
+ * largest would never be. */
+bool block_queue::waiting::fits(const std::string& owner, size_t more, size_t most) const {
+    auto share = shares.find(owner);
+    return owner.empty() || share == shares.end() || share->second + more <= most;
+}
+
+bool block_queue::put(poll_block& block, std::function<void(store_result)>& done) {
+    const size_t size = block.plain.size();
+    const bool large = size > options_.large;
+    const size_t most = large ? options_.max_large_queued : options_.max_queued;
+    {
+        std::lock_guard hold(mutex_);
+        waiting& queue = large ? large_ : small_;
+        const std::string agent = agent_of(block);
+        if (queue.bytes >= most || !queue.fits(agent, size, large ? 0 : most / 16) ||
+            !queue.fits(block.address, size, large ? most : most / 4)) {
+            return false;
+        }
+        queue.bytes += size;
+        queue.shares[agent] += size;
+        queue.shares[block.address] += size;
+        queued_block& queued = queue.blocks.emplace_back();
+        queued.block = std::move(block);
+        queued.done = std::move(done);
+        queued.large = large;
+    }
+    wake_.notify_one();
+    return true;
+}
+
+bool block_queue::take(std::deque<queued_block>& batch) {
+    std::unique_lock hold(mutex_);
+    wake_.wait_for(hold, std::chrono::minutes(1), [this] {
+        return stopping_ || !small_.blocks.empty() || !large_.blocks.empty();
+    });
+    batch.swap(small_.blocks);
+    if (!large_.blocks.empty()) {
+        batch.push_back(std::move(large_.blocks.front()));
+        large_.blocks.pop_front();
+    }
+    return !batch.empty() || !stopping_;
+}
+
+void block_queue::put_back(queued_block&& block) {
+    std::lock_guard hold(mutex_);
+    large_.blocks.push_back(std::move(block));
+}
+
+void block_queue::leave(queued_block& block) {
+    std::lock_guard hold(mutex_);
+    waiting& queue = block.large ? large_ : small_;
+    const size_t size = block.block.plain.size();
+    queue.bytes -= size;
+    for (const std::string& owner : {agent_of(block.block), block.block.address}) {
+        auto share = queue.shares.find(owner);
+        share->second -= size;
+        if (share->second == 0) {
+            queue.shares.erase(share);
+        }
+    }
+    std::string().swap(block.block.plain);
+}
+
+void block_queue::stop() {
+    {
+        std::lock_guard hold(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_one();
+}

@@ -1,0 +1,79 @@
+/* Blocks that wait for the writer, and how much of them each agent and each address may have there.
+ * Small ones wait together; large ones on their own, one slice of one of them at a time. Any thread
+ * puts a block in, one takes. */
+#ifndef VINDRAL_COLLECTOR_QUEUE_H
+#define VINDRAL_COLLECTOR_QUEUE_H
+
+#include "ingest/hash.h"
+#include "ingest/ingest.h"
+#include "ingest/undecodable.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+/* A block on its way. But for the first three all is the writer's. */
+struct queued_block {
+    poll_block block;
+    std::function<void(store_result)> done;
+    bool large = false;
+
+    store_result result = store_result::failed;
+    bool unfinished = false; /* its next slice is for a later transaction */
+    std::optional<running_hash> hashing;
+    size_t hashed = 0;              /* bytes */
+    std::optional<block_hash> hash; /* once it is known */
+    size_t stored = 0;              /* bytes in slices that are committed */
+    unsigned generation = 0;        /* and which file these are in: engine::generation() */
+    size_t from = 0, to = 0;        /* the slice, in `plain`; all of a block that is not large */
+    size_t first_record = 0, records = 0; /* of the slice, among those of the transaction */
+    undecodable_summary bad;              /* of the slice */
+    std::string kept_as;                  /* empty when it was not kept */
+
+    std::string_view part() const { return std::string_view(block.plain).substr(from, to - from); }
+    bool last_part() const { return to == block.plain.size(); }
+};
+
+class block_queue {
+public:
+    explicit block_queue(const ingest_options& options) : options_(options) {}
+
+    /* False when it does not fit: then nothing is taken from `block` and `done`. */
+    bool put(poll_block& block, std::function<void(store_result)>& done);
+
+    /* Everything that waits, and one large block behind it. Returns after a minute at the latest.
+     * False when the queue is stopped and empty. */
+    bool take(std::deque<queued_block>& batch);
+
+    /* A large block of which slices are left, behind the others of its kind. */
+    void put_back(queued_block&& block);
+
+    /* Makes room for others of its agent, and frees its bytes. What was taken counts until then. */
+    void leave(queued_block& block);
+
+    void stop();
+
+private:
+    /* Blocks of a kind, the batch that is being written included. */
+    struct waiting {
+        std::deque<queued_block> blocks;
+        size_t bytes = 0;
+        std::unordered_map<std::string, size_t> shares;
+
+        bool fits(const std::string& owner, size_t more, size_t most) const;
+    };
+
+    const ingest_options options_;
+    std::mutex mutex_; /* guards the next three */
+    std::condition_variable wake_;
+    waiting small_, large_; /* of large_ the first is in work; one of an agent */
+    bool stopping_ = false;
+};
+
+#endif

@@ -1,0 +1,78 @@
+/* The writer's file, results.db, and what becomes of it: made, opened and its layout renewed, left
+ * when somebody removes or replaces it, set aside when it is damaged. What is known of the agents
+ * goes into the file that follows.
+ *
+ * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
+ * the collector that uses the directory) and results-damaged-*.db, what results.db was before it
+ * was damaged. The files are for their owner alone, and so is the directory when it is made here.
+ *
+ * Damage is not got over by opening the file anew. When it makes no sense although it was opened
+ * anew, it gets another name and a new one is begun. Nothing is deleted, and a file that is damaged
+ * again and again does not fill the disk: there are never more than max_set_aside of them. */
+#ifndef VINDRAL_COLLECTOR_SQLITE_FILE_H
+#define VINDRAL_COLLECTOR_SQLITE_FILE_H
+
+#include "base/files.h"
+#include "store/engine.h"
+#include "store/sqlite/database.h"
+
+#include <cstdint>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/* An agent's row without what hangs on the results, for a new file. */
+struct carried_agent {
+    int64_t id, first_seen, last_seen;
+    std::string account, name, last_block, address, version;
+};
+
+/* One thread. Statements have to be gone before the file is closed, left or set aside. */
+class sqlite_file {
+public:
+    /* The directory's path is absolute. */
+    explicit sqlite_file(const engine_options& options) : options_(options) {}
+
+    /* Makes the directory, and takes it for this process until the end. */
+    bool take_directory(std::string& error);
+
+    bool open(std::string& error);
+    void close() { db_.reset(); }
+    bool is_open() const { return db_ != nullptr; }
+    sqlite3* handle() const { return db_.get(); }
+
+    /* Of the last open() or refuse() that failed; a result code of SQLite. */
+    int failure() const { return failure_; }
+    /* Closes a file that turned out to be of no use after open(); `error` is why. */
+    void refuse(std::string& error);
+
+    /* Whether somebody removed or replaced the file: what goes into the old one could never be
+     * read. leave() closes it then. */
+    bool was_replaced() const;
+    void leave();
+
+    /* Gives the damaged file and what belongs to it other names. False when that cannot be done,
+     * and why is added to `error`; the file then stays in its place. */
+    bool set_aside(std::string& error);
+
+    /* Grows whenever another file takes the place. */
+    unsigned generation() const { return generation_; }
+
+private:
+    bool lock_is_held(std::string& error);
+    bool open_handle(std::string& error);
+    bool make_or_renew(bool empty, database_layout found);
+    bool carry_over();
+    std::string path() const { return database_path(options_.directory); }
+
+    const engine_options options_;
+    unique_fd lock_;
+    database db_;
+    dev_t device_ = 0; /* which file db_ is */
+    ino_t inode_ = 0, wal_inode_ = 0;
+    unsigned generation_ = 0;
+    int failure_ = SQLITE_OK;
+    std::vector<carried_agent> carried_; /* of a file that is gone, for the one that follows */
+};
+
+#endif

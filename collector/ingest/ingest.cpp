@@ -77,7 +77,8 @@ class writer final : public ingest {
 public:
     /* The directory's path is absolute. */
     writer(const ingest_options& options, store_listener* listener)
-        : options_(options), listener_(listener), queue_(options) {}
+        : options_(options), listener_(listener),
+          queue_({options.max_queued, options.large, options.max_large_queued}) {}
 
     ~writer() override {
         if (thread_.joinable()) {

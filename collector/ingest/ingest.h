@@ -7,29 +7,13 @@
 #ifndef VINDRAL_COLLECTOR_INGEST_H
 #define VINDRAL_COLLECTOR_INGEST_H
 
+#include "ingest/poll_block.h"
 #include "store/engine.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
-
-/* One poll's block, verified and unpacked. */
-struct poll_block {
-    std::string account;      /* the agent's e-mail address */
-    std::string agent;        /* its name */
-    std::string plain;        /* run of records */
-    int64_t received = 0;     /* seconds since the epoch */
-    std::string address = {}; /* where it came from, as text; empty: not known */
-    std::string version = {}; /* what the agent calls its version; empty: not known */
-};
-
-enum class store_result {
-    stored,    /* committed and synced */
-    duplicate, /* the agent's last block once more: its answer was lost; nothing was stored again */
-    failed     /* not kept: the agent must send it again */
-};
 
 /* Told of each record once it is committed, and of what could not be decoded. Called on the writer
  * thread, in order, before the block's `done`. The record is a view that ends with the call. */

@@ -18,8 +18,8 @@ bool block_queue::waiting::fits(const std::string& owner, size_t more, size_t mo
 
 bool block_queue::put(poll_block& block, std::function<void(store_result)>& done) {
     const size_t size = block.plain.size();
-    const bool large = size > options_.large;
-    const size_t most = large ? options_.max_large_queued : options_.max_queued;
+    const bool large = size > limits_.large;
+    const size_t most = large ? limits_.max_large_queued : limits_.max_queued;
     {
         std::lock_guard hold(mutex_);
         waiting& queue = large ? large_ : small_;

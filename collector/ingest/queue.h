@@ -5,7 +5,7 @@
 #define VINDRAL_COLLECTOR_QUEUE_H
 
 #include "ingest/hash.h"
-#include "ingest/ingest.h"
+#include "ingest/poll_block.h"
 #include "ingest/undecodable.h"
 
 #include <condition_variable>
@@ -40,9 +40,14 @@ struct queued_block {
     bool last_part() const { return to == block.plain.size(); }
 };
 
+/* In bytes of blocks; ingest_options says what for. */
+struct queue_limits {
+    size_t max_queued, large, max_large_queued;
+};
+
 class block_queue {
 public:
-    explicit block_queue(const ingest_options& options) : options_(options) {}
+    explicit block_queue(const queue_limits& limits) : limits_(limits) {}
 
     /* False when it does not fit: then nothing is taken from `block` and `done`. */
     bool put(poll_block& block, std::function<void(store_result)>& done);
@@ -69,7 +74,7 @@ private:
         bool fits(const std::string& owner, size_t more, size_t most) const;
     };
 
-    const ingest_options options_;
+    const queue_limits limits_;
     std::mutex mutex_; /* guards the next three */
     std::condition_variable wake_;
     waiting small_, large_; /* of large_ the first is in work; one of an agent */

@@ -3,6 +3,7 @@
 #include "store/sqlite/sqlite_file.cpp"
 
 #include "collector_test_support.h"
+#include "counted_memory.h"
 
 #include <atomic>
 #include <csignal>
@@ -1158,6 +1159,66 @@ TEST_F(ingest_test, many_threads_may_submit) {
     s.reset();
     EXPECT_EQ(stored, 200);
     EXPECT_EQ(told.records.size(), 200u);
+}
+
+/* ---- what a block costs in memory that is asked for ---- */
+
+/* A record of each test, of types that are known and one that is not. */
+static std::string mixed_records(uint32_t count, int64_t time) {
+    std::string block;
+    for (uint32_t test = 1; test <= count; test++) {
+        block += test % 3 != 0 ? load_record(test, time, test % 2 * 2)
+                               : record_builder{.ui32 = {type_ping, test, 7, 0, 1},
+                                                .i64 = {time},
+                                                .d64 = {12.5},
+                                                .strings = {"192.0.2.1 answered in 12.5 ms\n"}}
+                                     .bytes();
+    }
+    return block + record_builder{.ui32 = {99}, .i64 = {time}}.bytes();
+}
+
+struct allocation_test : ingest_test {
+    struct silent : store_listener {
+        std::atomic<size_t> records = 0;
+        void on_record(const poll_block& from, const decoded_record& result) override {
+            records += from.received == noon && result.summary.type != 0;
+        }
+        void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
+                            const std::string&) override {}
+    } silent;
+
+    /* From a block's submission to its answer, on all threads. */
+    size_t allocations_of(std::string plain) {
+        poll_block block{"a@b.c", "web1", std::move(plain), noon, "192.0.2.1", "3.0"};
+        std::atomic<bool> answered = false;
+        store_result result = store_result::failed;
+        size_t before = allocations;
+        s->submit(std::move(block), [&](store_result r) {
+            result = r;
+            answered = true;
+            answered.notify_one();
+        });
+        answered.wait(false);
+        size_t asked_for = allocations - before;
+        EXPECT_EQ(result, store_result::stored);
+        return asked_for;
+    }
+};
+
+TEST_F(allocation_test, none_for_a_record_once_it_is_warm) {
+    std::string error;
+    s = ingest::open({.directory = state}, &silent, error);
+    ASSERT_TRUE(s) << error;
+    for (int64_t time = 1; time <= 3; time++) {
+        allocations_of(mixed_records(1000, time));
+    }
+    size_t many = allocations_of(mixed_records(1000, 4));
+    size_t few = allocations_of(mixed_records(10, 5));
+    EXPECT_EQ(silent.records, 4 * 1001u + 11u);
+    EXPECT_EQ(many, few);
+    EXPECT_LE(many, 16u); /* a block's */
+    RecordProperty("allocations_of_a_block", static_cast<int>(many));
+    s.reset();
 }
 
 /* A collector that is killed at any moment: what it acknowledged is there, and what the agents send

@@ -5,53 +5,14 @@
 #include "store/sqlite/sqlite_file.cpp"
 
 #include "collector_test_support.h"
+#include "counted_memory.h"
 #include "ingest/body.h"
 
-#include <atomic>
 #include <csignal>
 #include <future>
 #include <gtest/gtest.h>
-#include <malloc.h>
-#include <new>
 #include <sys/wait.h>
 #include <zlib.h>
-
-/* ---- what is allocated in this process; a sanitizer has its own way of that ---- */
-
-static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-static constexpr bool sanitized = true;
-#else
-static constexpr bool sanitized = false;
-
-static void* count_in(void* p) {
-    if (p == nullptr) {
-        throw std::bad_alloc();
-    }
-    allocations++;
-    size_t now = held += malloc_usable_size(p);
-    for (size_t most = most_held; now > most && !most_held.compare_exchange_weak(most, now);) {
-    }
-    return p;
-}
-static void count_out(void* p) {
-    if (p != nullptr) {
-        held -= malloc_usable_size(p);
-        free(p);
-    }
-}
-
-void* operator new(size_t size) {
-    return count_in(malloc(size));
-}
-void operator delete(void* p) noexcept {
-    count_out(p);
-}
-void operator delete(void* p, size_t) noexcept {
-    count_out(p);
-}
-#endif
 
 namespace {
 

@@ -1,0 +1,48 @@
+/* What operator new gives out in this process, counted. A sanitizer has its own way of that: then
+ * `sanitized` is true and nothing is counted. For one source of a program. */
+#ifndef COUNTED_MEMORY_H
+#define COUNTED_MEMORY_H
+
+#include <atomic>
+#include <cstdlib>
+#include <malloc.h>
+#include <new>
+
+/* Bytes in use and the most that were, and how often memory was asked for. */
+static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+static constexpr bool sanitized = true;
+#else
+static constexpr bool sanitized = false;
+
+[[gnu::noinline]] static void* count_in(void* p) {
+    if (p == nullptr) {
+        throw std::bad_alloc();
+    }
+    allocations++;
+    size_t now = held += malloc_usable_size(p);
+    for (size_t most = most_held; now > most && !most_held.compare_exchange_weak(most, now);) {
+    }
+    return p;
+}
+/* Not inlined: the compiler would see free() meet what came from operator new. */
+[[gnu::noinline]] static void count_out(void* p) {
+    if (p != nullptr) {
+        held -= malloc_usable_size(p);
+        free(p);
+    }
+}
+
+void* operator new(size_t size) {
+    return count_in(malloc(size));
+}
+void operator delete(void* p) noexcept {
+    count_out(p);
+}
+void operator delete(void* p, size_t) noexcept {
+    count_out(p);
+}
+#endif
+
+#endif

@@ -26,15 +26,14 @@ struct lookup {
 };
 
 struct let_go {
-    void operator()(lookup* l) const NO_THREAD_SAFETY_ANALYSIS {
-        pthread_mutex_lock(&l->guard.handle);
-        int left = --l->owners;
-        pthread_mutex_unlock(&l->guard.handle);
-        if (left > 0) {
-            return;
-        }
-        if (l->list != nullptr) {
-            freeaddrinfo(l->list);
+    void operator()(lookup* l) const {
+        host_addresses unclaimed;
+        {
+            lock hold(l->guard);
+            if (--l->owners > 0) {
+                return;
+            }
+            unclaimed.reset(l->list);
         }
         delete l;
     }

@@ -9,7 +9,14 @@
 #ifndef VINDRAL_RESOLVE_H
 #define VINDRAL_RESOLVE_H
 
+#include <memory>
 #include <netdb.h>
+
+/* What a resolution has found. */
+struct free_addresses {
+    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+using host_addresses = std::unique_ptr<addrinfo, free_addresses>;
 
 /* Resolves like getaddrinfo with the same arguments and returns its code, EAI_MEMORY also when
  * there is no memory for the helper's order. On 0 the caller frees *list with freeaddrinfo;

@@ -85,9 +85,9 @@ static char* look_up(const char* name, int family) {
     if (resolve_host(name, nullptr, &hints, &list) != 0) {
         return nullptr;
     }
+    host_addresses found(list);
     char text[NI_MAXHOST] = "";
-    getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
-    freeaddrinfo(list);
+    getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     return strdup(text);
 }
 

@@ -298,17 +298,18 @@ void* write2logfile(void*) {
 }
 
 /* A child is forked with the log at rest, and then forgets the lines that its parent will write. */
-static void before_fork() NO_THREAD_SAFETY_ANALYSIS {
+static void before_fork() ACQUIRE(stream_mutex, LOG_WRITER_MUTEX) NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_lock(&stream_mutex.handle);
     pthread_mutex_lock(&LOG_WRITER_MUTEX.handle);
 }
 
-static void after_fork_in_parent() NO_THREAD_SAFETY_ANALYSIS {
+static void after_fork_in_parent()
+    RELEASE(stream_mutex, LOG_WRITER_MUTEX) NO_THREAD_SAFETY_ANALYSIS {
     pthread_mutex_unlock(&LOG_WRITER_MUTEX.handle);
     pthread_mutex_unlock(&stream_mutex.handle);
 }
 
-static void after_fork_in_child() NO_THREAD_SAFETY_ANALYSIS {
+static void after_fork_in_child() RELEASE(stream_mutex, LOG_WRITER_MUTEX) {
     vLog = nullptr;
     vLoglen = 0;
     after_fork_in_parent();

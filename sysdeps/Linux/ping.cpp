@@ -329,33 +329,22 @@ double wait_for_reply(int sock, u_int time_out, unsigned short icmp_pkt_size, un
 
 /* --- a series of probes --- */
 
-struct address_list {
-    addrinfo* first = nullptr;
-
-    address_list() = default;
-    ~address_list() {
-        if (first != nullptr) {
-            freeaddrinfo(first);
-        }
-    }
-    address_list(const address_list&) = delete;
-    address_list& operator=(const address_list&) = delete;
-};
-
 /* False with the reason logged. */
-static bool resolve_target(const char* host, address_list* addresses) {
+static bool resolve_target(const char* host, host_addresses* addresses) {
     addrinfo hints{};
     hints.ai_flags = AI_CANONNAME;
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_RAW;
     hints.ai_protocol = IPPROTO_ICMP;
-    int code = resolve_host(host, nullptr, &hints, &addresses->first);
+    addrinfo* found = nullptr;
+    int code = resolve_host(host, nullptr, &hints, &found);
+    addresses->reset(found);
     if (code != 0) {
         leveledadd2log(0, "ping: HOST: %s DESC: %s\n", host, gai_strerror(code));
         return false;
     }
     errno = 0;
-    if (addresses->first == nullptr || addresses->first->ai_addr == nullptr) {
+    if (found == nullptr || found->ai_addr == nullptr) {
         leveledadd2log(0, "ping: getaddrinfo: unknown address family\n");
         return false;
     }
@@ -403,12 +392,12 @@ static unsigned short packet_size(int sock, unsigned short data_size) {
 }
 
 /* Makes as many attempts as there are addresses, all of them at the first. */
-static void send_probe(int sock, const address_list& addresses, unsigned short size,
+static void send_probe(int sock, const host_addresses& addresses, unsigned short size,
                        unsigned short id, unsigned short sequence) {
-    for (const addrinfo* at = addresses.first; at != nullptr; at = at->ai_next) {
+    for (const addrinfo* at = addresses.get(); at != nullptr; at = at->ai_next) {
         double elapsed = 0.0;
         Sleep(SEND_PAUSE_MS);
-        int sent = send_ping(sock, addresses.first, size, id, sequence, &elapsed);
+        int sent = send_ping(sock, addresses.get(), size, id, sequence, &elapsed);
         leveledadd2log(5, "ping: socket: %d Elapsed on send: %f\n", sock, elapsed);
         if (sent != -1) {
             leveledadd2log(5, "ping: socket: %d send OK size: %d\n", sock, sent);
@@ -431,11 +420,11 @@ double* ping(const char* pDest, unsigned int nTimeout, int pCount, unsigned shor
         leveledadd2log(0, "ping: specified host address is NULL.\n");
         return nullptr;
     }
-    address_list addresses;
+    host_addresses addresses;
     if (!resolve_target(pDest, &addresses)) {
         return nullptr;
     }
-    unique_fd sock = open_raw_socket(pDest, *addresses.first);
+    unique_fd sock = open_raw_socket(pDest, *addresses);
     if (!sock) {
         return nullptr;
     }

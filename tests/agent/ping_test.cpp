@@ -470,11 +470,10 @@ TEST_F(Ping, attempts_go_to_the_first_address) {
     entries[1].ai_addr = reinterpret_cast<sockaddr*>(&second);
     entries[0].ai_addrlen = entries[1].ai_addrlen = sizeof first;
     entries[0].ai_next = &entries[1];
-    address_list addresses;
-    addresses.first = entries;
+    host_addresses addresses(entries);
     net.short_sends = 9;
     send_probe(9, addresses, 52, 77, 0);
-    addresses.first = nullptr;
+    (void)addresses.release();
     EXPECT_EQ((std::vector<std::string>{"192.0.2.1", "192.0.2.1"}), net.destinations);
     EXPECT_EQ(2u, net.sleeps.size());
 }

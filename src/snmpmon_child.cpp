@@ -1,8 +1,8 @@
 #include "snmpmon_child.h"
 
+#include "budget.h"
 #include "fork_gate.h"
 #include "snmpmon_checks.h"
-#include "sslutiles.h"
 #include "vindral_log.h"
 
 #include <algorithm>

@@ -5,11 +5,8 @@
  * and closes the socket and the session itself. Nothing is kept between calls: exchanges on
  * different sockets may run in different threads.
  *
- * Time. All steps of one exchange draw on one budget in microseconds that the caller owns. Each
- * wait and each transfer is measured with the wall clock and subtracted, so the exchange as a whole
- * never takes longer than the budget it began with; the budget may end negative. A budget that is
- * negative before a wait is a time-out at once. Only the resolution of a name (resolve.h) is
- * outside of it.
+ * Time. All steps of one exchange draw on one budget that the caller owns (budget.h). Only the
+ * resolution of a name (resolve.h) is outside of it.
  *
  * Cancellation. Waits open cancellation (cancel_on) even when the caller has it off; nothing else
  * does. On a thread that is cancelled in a wait all that these functions hold is given back; the
@@ -22,24 +19,10 @@
 #ifndef VINDRAL_SSLUTILES_H
 #define VINDRAL_SSLUTILES_H
 
-#include <cstddef>
+#include "budget.h"
+#include "http_text.h"
+
 #include <openssl/types.h>
-
-/* The parts of a URL: pointers into the text that urlparse was given, null for absent ones. */
-struct url_t {
-    char* protocol;
-    char* username;
-    char* password;
-    char* host;
-    char* port;
-    char* path; /* without its leading '/' */
-};
-
-/* What a response may take in memory at most, in bytes. The peer decides how much it sends. */
-inline constexpr int MAX_RESPONSE_SIZE = 64 * 1024 * 1024;
-
-/* What the text about a failed step takes at most, its NUL included. */
-inline constexpr size_t ADD_INFO_SIZE = 4096;
 
 /* Connects to an IPv4 address of `_host`; `_port` is a service such as "443". Returns the socket,
  * non-blocking and close-on-exec, which the caller closes, or -1.
@@ -69,38 +52,32 @@ int send_request(int sk, const char* sd, size_t sd_len, long* tout, SSL* pSSL);
  * what it announced is read until the peer ends it or the budget does. */
 int receive_response(int sk, long* tout, char** out_buf, int* size_h, int* icnt_len, SSL* pSSL);
 
-/* Cuts [protocol]://[user:password@]host[:port][/path] into its parts, in place. Returns 1, or 0
- * when there is no "://", or an '@' without a user and password in front of it; `tokens` is then
- * partly filled. An '@' or ':' of the path is taken for one of the authority. */
-int urlparse(char* url, url_t* tokens);
+/* --- what the exchanges with the service share ----------------------------------------------- */
 
-/* The value of the first `strName` (with its colon: "Vnd-SessionID:", case matters) that begins and
- * whose line ends ("\r\n") within the first iHSize bytes of the NUL-terminated response. Leading
- * white space is left out. Returns a malloc'd copy, or null when there is none or it is empty. */
-char* get_header_value(char* sResp, int iHSize, const char* strName);
+/* One exchange and what is left of its time. */
+struct service_exchange {
+    const char* name; /* as the log shows it */
+    long budget_us;   /* of the whole */
+    long left_us = budget_us;
+};
 
-/* --- what the exchanges are made of ---------------------------------------------------------- */
+struct service_reply {
+    heap_text text;
+    int header_size = 0;
+    int content_length = 0;
+};
 
-/* Waits until `sk` is ready for `events` (POLLIN or POLLOUT, errors count as ready) or the budget
- * is used up, and charges the time. Returns 1 when ready, 0 on time-out, -1 with errno. Any
- * descriptor number will do. */
-int wait_socket(int sk, short events, long* budget_us);
+/* What they tell at level 5. */
+void log_connected(const service_exchange& e);
+void log_reply(const service_exchange& e, const service_reply& answer);
 
-/* Subtracts the microseconds since `start` from the budget. */
-void charge_budget(long* budget_us, struct timeval* start);
+/* As send_request, and tells at level 5 what came of it. */
+int send_part(service_exchange& e, int sk, const char* data, size_t length, SSL* session);
 
-/* The size of the header block at the start of `doc`: every byte up to and including the empty
- * line, "\n\r\n" or "\n\n"; 0 when it is not complete. A "\n\n" is seen only when one more byte
- * follows. `scanned` is the length of a shorter `doc` that had no end, so that growing data is
- * scanned once. */
-int is_header_loaded(const char* doc, int doc_len);
-int is_header_loaded(const char* doc, int doc_len, int scanned);
+/* As send_part, for text that level 5 shows. */
+int send_text(service_exchange& e, int sk, const char* text, SSL* session);
 
-/* The sum of the Content-Length values of a header block. Only "Content-", the first eight
- * characters of the name, is compared, in any case: the digits that begin a Content-Type value
- * count as well. A name ends at white space as well as at its colon: where white space comes first
- * there is no header. Values that do not fit a long count nothing; the sum wraps. Readable up to a
- * NUL at or behind hdrs[hdrs_len]. */
-long sum_content_lengths(const char* hdrs, size_t hdrs_len);
+/* As receive_response. */
+int receive_reply(service_exchange& e, int sk, service_reply& answer, SSL* session);
 
 #endif

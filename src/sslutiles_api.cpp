@@ -4,12 +4,10 @@
 #include "sslutiles.h"
 #include "vindral_config.h"
 #include "vindral_log.h"
+#include "vindral_text.h"
 
 #include <cstdio>
 #include <cstring>
-
-#define STARS                                                                                      \
-    "*******************************************************************************************"
 
 char* auth_token = nullptr;
 
@@ -24,40 +22,16 @@ struct operation {
     const char* key;   /* of that value, with its quotes */
 };
 
-struct api_connection {
-    unique_fd socket; /* none after the first reply */
-    long budget_us = api_budget_us;
-};
-
-struct reply {
-    heap_text text;
-    int header_size = 0;
-    int content_length = 0;
-};
-
 } // namespace
 
 static const operation GET_AUTH_TOKEN = {"get_auth_token", "auth", "\"authToken\""};
 static const operation SEND_DATA = {"send_data", "status", "\"status\""};
 
-static const char* or_default(const char* configured, const char* otherwise) {
-    return configured != nullptr ? configured : otherwise;
-}
-
 static const char* or_null(const char* key) {
     return or_default(key, "(null)");
 }
 
-static bool is_empty(const char* text) {
-    return text == nullptr || *text == '\0';
-}
-
-static double seconds_spent(long budget_us) {
-    return static_cast<double>(api_budget_us - budget_us) / 1000000;
-}
-
-/* --- the requests; null without memory ---------------------------------------------------------
- */
+/* --- the requests; null without memory -------------------------------------------------------- */
 
 static heap_text encode(const char* text) {
     return heap_text(get_URL_Encode(text, strlen(text)));
@@ -111,53 +85,43 @@ static heap_text result_request(const test_result& result) {
 
 /* --- one exchange; each step logs what failed ------------------------------------------------- */
 
-static int connect_to(const operation& op, api_connection& c, const char* host, const char* port) {
-    c.socket.reset(make_connection(or_default(host, DEFAULT_API_SERVER),
-                                   or_default(port, DEFAULT_API_PORT), &c.budget_us));
-    if (!c.socket) {
-        leveledadd2log(0, "ERROR: %s: make_connection() failed", op.name);
-        return 0;
+static unique_fd connect_to(service_exchange& e, const char* host, const char* port) {
+    unique_fd socket(make_connection(or_default(host, DEFAULT_API_SERVER),
+                                     or_default(port, DEFAULT_API_PORT), &e.left_us));
+    if (!socket) {
+        leveledadd2log(0, "ERROR: %s: make_connection() failed", e.name);
+        return socket;
     }
-    leveledadd2log(5, "INFO: %s: Connected, time spent:\t%.3f time left:\t%d", op.name,
-                   seconds_spent(c.budget_us), static_cast<int>(c.budget_us));
-    return 1;
+    log_connected(e);
+    return socket;
 }
 
-static int send_text(const operation& op, api_connection& c, const char* request) {
+static int send_whole(service_exchange& e, int sk, const char* request) {
     if (request == nullptr) {
-        leveledadd2log(0, "ERROR: %s: no memory for the request", op.name);
+        leveledadd2log(0, "ERROR: %s: no memory for the request", e.name);
         return 0;
     }
-    leveledadd2log(5, "INFO: %s: sending request:\n" STARS "\n%s\n" STARS, op.name, request);
-    int sent = send_request(c.socket.get(), request, strlen(request), &c.budget_us, nullptr);
-    leveledadd2log(5, "INFO: %s: send_request: %d", op.name, sent);
+    int sent = send_text(e, sk, request, nullptr);
     if (!sent) {
-        leveledadd2log(0, "ERROR: %s: send_request() failed. retVal:%d", op.name, sent);
+        leveledadd2log(0, "ERROR: %s: send_request() failed. retVal:%d", e.name, sent);
     }
     return sent;
 }
 
 /* Ends the connection in any case. */
-static int receive_reply(const operation& op, api_connection& c, reply& answer) {
-    char* text = nullptr;
-    int received = receive_response(c.socket.get(), &c.budget_us, &text, &answer.header_size,
-                                    &answer.content_length, nullptr);
-    answer.text.reset(text);
-    c.socket.reset();
+static int receive_last(service_exchange& e, unique_fd& socket, service_reply& answer) {
+    int received = receive_reply(e, socket.get(), answer, nullptr);
+    socket.reset();
     if (!received) {
-        leveledadd2log(0, "ERROR: %s: receive_response() failed. retVal:%d", op.name, received);
+        leveledadd2log(0, "ERROR: %s: receive_response() failed. retVal:%d", e.name, received);
         return 0;
     }
-    leveledadd2log(5,
-                   "INFO: %s: Response received!\ntime spent:\t%.3f; time  left:\t%d\n" STARS
-                   "\n%s\n" STARS "\nContent Length: %d; Header Size: %d\n",
-                   op.name, seconds_spent(c.budget_us), static_cast<int>(c.budget_us),
-                   answer.text.get(), answer.content_length, answer.header_size);
+    log_reply(e, answer);
     return 1;
 }
 
 /* The text in quotes that follows the key in the body; null when there is none. */
-static heap_text extract_value(const operation& op, const reply& answer) {
+static heap_text extract_value(const operation& op, const service_reply& answer) {
     const char* body = strstr(answer.text.get(), "\r\n\r\n");
     if (body == nullptr) {
         leveledadd2log(0, "ERROR: %s: No content received", op.name);
@@ -183,10 +147,12 @@ static heap_text extract_value(const operation& op, const reply& answer) {
     return value;
 }
 
-/* Sends the request and returns the value of the reply; null on failure. */
-static heap_text exchange(const operation& op, api_connection& c, const heap_text& request) {
-    reply answer;
-    if (!send_text(op, c, request.get()) || !receive_reply(op, c, answer)) {
+/* Sends the request and returns the value of the reply; null on failure. The socket is none after
+ * the first reply. */
+static heap_text exchange(const operation& op, service_exchange& e, unique_fd& socket,
+                          const heap_text& request) {
+    service_reply answer;
+    if (!send_whole(e, socket.get(), request.get()) || !receive_last(e, socket, answer)) {
         return nullptr;
     }
     heap_text value = extract_value(op, answer);
@@ -196,16 +162,16 @@ static heap_text exchange(const operation& op, api_connection& c, const heap_tex
     return value;
 }
 
-/* --- the operations ----------------------------------------------------------------------------
- */
+/* --- the operations -------------------------------------------------------------------------- */
 
 int get_auth_token() {
     cancel_off except_in_waits;
-    api_connection c;
-    if (!connect_to(GET_AUTH_TOKEN, c, api_server, api_port)) {
+    service_exchange e = {.name = GET_AUTH_TOKEN.name, .budget_us = api_budget_us};
+    unique_fd socket = connect_to(e, api_server, api_port);
+    if (!socket) {
         return 0;
     }
-    heap_text token = exchange(GET_AUTH_TOKEN, c, token_request());
+    heap_text token = exchange(GET_AUTH_TOKEN, e, socket, token_request());
     if (!token) {
         return 0;
     }
@@ -223,13 +189,14 @@ int send_data(test_result** results, int res_count) {
         leveledadd2log(0, "ERROR: send_data: get_auth_token() failed");
         return 0;
     }
-    api_connection c;
-    if (!connect_to(SEND_DATA, c, data_server, data_port)) {
+    service_exchange e = {.name = SEND_DATA.name, .budget_us = api_budget_us};
+    unique_fd socket = connect_to(e, data_server, data_port);
+    if (!socket) {
         return 0;
     }
     int sent = 0;
     while (sent < res_count && results[sent] != nullptr &&
-           exchange(SEND_DATA, c, result_request(*results[sent]))) {
+           exchange(SEND_DATA, e, socket, result_request(*results[sent]))) {
         sent++;
     }
     return sent;

@@ -14,22 +14,26 @@
 
 #include <cstddef>
 
+/* What came of a poll. */
+enum poll_result {
+    POLL_REFUSED = 0,        /* not authorised: the server said so, or no e-mail address or agent
+                              * name is configured */
+    POLL_OK = 1,             /* success */
+    POLL_NO_CONNECTION = 2,  /* connecting, sending or receiving failed */
+    POLL_LOGIN_AGAIN = 3,    /* the server wants a new login */
+    POLL_INTERNAL_ERROR = 4, /* TLS set-up or handshake, with the verification of the server, a
+                              * first poll without a session id, no memory */
+};
+
 extern char* alt_version; /* nothing in the agent sets it: "3.0" goes out */
 extern char* szSessionID; /* malloc'd; null when not logged in; poll thread only */
 
 /* Posts `sendsize` bytes (null and 0 for a poll without results) and takes the answer, all within
- * 15 seconds, the resolution of a host name apart. Poll thread only. Returns
+ * 15 seconds, the resolution of a host name apart. Poll thread only. Returns a poll_result.
  *
- *   0  not authorised: the server said so, or no e-mail address or agent name is configured
- *   1  success
- *   2  no connection: connecting, sending or receiving failed
- *   3  the server wants a new login
- *   4  internal error: TLS set-up or handshake, with the verification of the server, a first poll
- *      without a session id, no memory
- *
- * On 1 with a body, *strresp is a malloc'd, NUL-terminated copy of it up to its first NUL (caller
- * frees) and *respsize the length that its headers announced, which may be more or less than that
- * text. Otherwise they are null and 0. Failures leave the session as it is.
+ * On POLL_OK with a body, *strresp is a malloc'd, NUL-terminated copy of it up to its first NUL
+ * (caller frees) and *respsize the length that its headers announced, which may be more or less
+ * than that text. Otherwise they are null and 0. Failures leave the session as it is.
  *
  * When logged in the body is compressed and checksummed if zlib is there; should either fail, it
  * goes out as it is.

@@ -2,6 +2,7 @@
 
 #include "vindral_common.h"
 #include "vindral_log.h"
+#include "vindral_text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -23,6 +24,8 @@ char* ca_file = nullptr;
 char *api_server = nullptr, *api_url = nullptr, *api_port = nullptr;
 char *api_key = nullptr, *secret_key = nullptr;
 char *data_server = nullptr, *data_url = nullptr, *data_port = nullptr;
+const char* const DEFAULT_SERVER = VINDRAL_DEFAULT_HOST;
+const char* const DEFAULT_API_SERVER = VINDRAL_DEFAULT_API_HOST;
 const char* const BUILD_DATE = __DATE__ " " __TIME__;
 
 struct text_setting {
@@ -229,10 +232,6 @@ static void make_agent_name() {
         name = nullptr;
     }
     replace(agent_name, name);
-}
-
-static const char* or_default(const char* value, const char* if_unset) {
-    return value != nullptr ? value : if_unset;
 }
 
 static const char* or_na(const char* value) {

@@ -25,10 +25,10 @@ extern char *data_server, *data_url, *data_port; /* data API */
 /* What an unset value means; the server communication uses the same. Hosts are chosen by the build.
  */
 inline constexpr const char* DEFAULT_CONF_FILE = "/etc/vindral.conf";
-inline constexpr const char* DEFAULT_SERVER = VINDRAL_DEFAULT_HOST;
+extern const char* const DEFAULT_SERVER;
 inline constexpr const char* DEFAULT_SERVER_PORT = "443";
 inline constexpr const char* DEFAULT_SERVER_URL = "/fcgi-bin/agentgateway";
-inline constexpr const char* DEFAULT_API_SERVER = VINDRAL_DEFAULT_API_HOST;
+extern const char* const DEFAULT_API_SERVER;
 inline constexpr const char* DEFAULT_API_PORT = "80";
 inline constexpr const char* DEFAULT_API_URL = "/api";
 inline constexpr const char* DEFAULT_DATA_URL =

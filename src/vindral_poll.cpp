@@ -17,14 +17,6 @@ bdata* data_cache_copy = nullptr;
 
 static const int PAUSE_AFTER_LOGIN_S = 1;
 
-enum poll_result {
-    REFUSED = 0,
-    SUCCESS = 1,
-    NO_CONNECTION = 2,
-    LOGIN_AGAIN = 3,
-    INTERNAL_ERROR = 4
-};
-
 /* False without memory, which leaves everything as it was. */
 static bool append_whole(bdata** to, const char* data, size_t length) {
     size_t before = *to != nullptr ? (*to)->data_size : 0;
@@ -105,12 +97,12 @@ static const bdata* block_to_send() {
 /* Acts on the outcome of a poll. Returns the seconds to wait before the next. */
 static int act_on(int result, char* reply, size_t reply_length, int interval_s) {
     switch (result) {
-    case REFUSED:
+    case POLL_REFUSED:
         leveledadd2log(-1, "Authorization failed, Vindral Smart Agent will be terminated.");
         isAuthorized = 0;
         set_poll_interval(-1);
         break;
-    case SUCCESS:
+    case POLL_OK:
         if (reply_length != 0) {
             parse_data(reply);
         }
@@ -121,14 +113,14 @@ static int act_on(int result, char* reply, size_t reply_length, int interval_s) 
         }
         free_cache_copy();
         break;
-    case NO_CONNECTION:
+    case POLL_NO_CONNECTION:
         leveledadd2log(-1, "Unable to establish connection to the server.");
         break;
-    case LOGIN_AGAIN:
+    case POLL_LOGIN_AGAIN:
         leveledadd2log(-1, "Reauthorization is required.");
         isAuthorized = 0;
         return PAUSE_AFTER_LOGIN_S;
-    case INTERNAL_ERROR:
+    case POLL_INTERNAL_ERROR:
         leveledadd2log(
             -1, "There is an internal error occurred, while trying to connect to the server.");
         break;
@@ -163,7 +155,7 @@ void* main_worker_thread(void*) {
                                block != nullptr ? block->data_size : 0, &text, &length);
         heap_text reply(text);
         leveledadd2log(5, "INFO: main_worker_thread::make_poll result: %d", result);
-        bool accepted = isAuthorized && result == SUCCESS;
+        bool accepted = isAuthorized && result == POLL_OK;
         command_batch commands;
         int wait_s = act_on(result, reply.get(), length, interval_s);
         reply.reset();

@@ -1,4 +1,5 @@
-/* Splitting text at a separator: server replies, command fields, address lists. */
+/* Splitting text at a separator: server replies, command fields, address lists; text that may not
+ * be there. */
 #ifndef VINDRAL_TEXT_H
 #define VINDRAL_TEXT_H
 
@@ -28,5 +29,14 @@ struct text_piece {
  * first of a text, and the one behind `field`, which is overwritten. 1, or 0 when there is none. */
 int first_field(const text_piece& text, char dl, text_piece* field);
 int next_field(const text_piece& text, char dl, text_piece* field);
+
+inline bool is_empty(const char* text) {
+    return text == nullptr || *text == '\0';
+}
+
+/* For what may be unset, which is null. */
+inline const char* or_default(const char* text, const char* otherwise) {
+    return text != nullptr ? text : otherwise;
+}
 
 #endif

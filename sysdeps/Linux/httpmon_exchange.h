@@ -17,6 +17,7 @@
 #include "httpmon_text.h"
 
 #include <ctime>
+#include <openssl/types.h>
 
 /* One test. It owns its texts (malloc); host, uri, port and tout are always set. */
 struct aHost {

@@ -95,10 +95,6 @@ char* base64(const char* bin, size_t len) {
 
 /* --- the response ---------------------------------------------------------------------------- */
 
-long get_content_length(const char* hdrs, size_t hdrs_len) {
-    return sum_content_lengths(hdrs, hdrs_len);
-}
-
 int get_status_code(const char* hdr, char* addInfo, char* s) {
     size_t length = strcspn(hdr, "\r\n");
     size_t kept = length < STATUS_LINE_SIZE ? length : STATUS_LINE_SIZE - 1;

@@ -4,13 +4,13 @@
  * No function here does any I/O or keeps state. What is handed out is malloc'd and freed by the
  * caller. Texts come from the peer and may hold anything but a NUL.
  *
- * addInfo, where a function takes it, is a buffer of ADD_INFO_SIZE bytes (sslutiles.h) for the
- * outcome of the check in words; longer texts are cut. is_header_loaded, which finds the end of a
- * header block, is declared in sslutiles.h. */
+ * addInfo, where a function takes it, is a buffer of ADD_INFO_SIZE bytes for the outcome of the
+ * check in words; longer texts are cut. The header block (is_header_loaded, get_content_length) is
+ * read as http_text.h says. */
 #ifndef VINDRAL_HTTPMON_TEXT_H
 #define VINDRAL_HTTPMON_TEXT_H
 
-#include "sslutiles.h"
+#include "http_text.h"
 
 #include <cstddef>
 
@@ -25,10 +25,6 @@ char* make_http_request(const char* host, const char* url, int req_method, const
 
 /* Base64 of `len` bytes (RFC 4648, padded); null when there is no memory. */
 char* base64(const char* bin, size_t len);
-
-/* The announced length of the body: what the headers whose names begin with "Content-" add up to
- * (sum_content_lengths in sslutiles.h). */
-long get_content_length(const char* hdrs, size_t hdrs_len);
 
 /* The status code of a response: the three digits behind the first blank. Copies the status line,
  * which ends at the first CR, LF or NUL, to `s` (STATUS_LINE_SIZE bytes), cut when it is too long.

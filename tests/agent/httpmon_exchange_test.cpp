@@ -1,5 +1,6 @@
 /* One HTTP check from connect to judgement, against scripted servers and against a system and a TLS
  * library that misbehave on order. */
+#include "budget.h"
 #include "fake_core.h"
 #include "guards.h"
 #include "httpmon_exchange.h"
@@ -22,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-/* --- the system as httpmon_exchange.cpp meets it ---------------------------------------------- */
+/* --- the system as a check meets it once it is connected -------------------------------------- */
 
 /* What the next waits return instead of waiting: 1, 0 or a negative errno. */
 static std::deque<int> wait_results;
@@ -102,6 +103,7 @@ static char* test_make_http_request(const char* host, const char* url, int metho
 #define read test_read
 #define send test_send
 #define make_http_request test_make_http_request
+#include "stream.cpp"
 #include "httpmon_exchange.cpp"
 #undef wait_socket
 #undef charge_budget
@@ -783,7 +785,11 @@ TEST_F(http_tls, all_waits_of_a_handshake_share_the_minute) {
     lib_SSL_get_error = [](const SSL*, int) { return SSL_ERROR_WANT_READ; };
     socket_pair pair;
     pair.feed("always readable");
-    EXPECT_EQ(-1, shake_hands(nullptr, pair.ours.get(), SECOND / 20));
+    long patience = SECOND / 20;
+    stream_outcome shaken =
+        stream_shake_hands({pair.ours.get(), nullptr, &patience}, handshake_clock::steady);
+    EXPECT_EQ(stream_end::wait_timed_out, shaken.end);
+    EXPECT_EQ(-1, shaken.count);
     EXPECT_GT(waits, 1);
     EXPECT_LE(longest_patience, SECOND / 20);
 }
@@ -810,7 +816,7 @@ TEST_F(http_tls, a_handshake_is_charged_but_not_bounded) {
                .port = heap_text(strdup(port.c_str())),
                .url = heap_text(strdup("/")),
                .ssl = 1};
-    connection c;
+    stream_connection c;
     long other_budget = 20 * SECOND;
     c.socket.reset(make_connection("127.0.0.1", server.port(), &other_budget, info.get()));
     ASSERT_TRUE(c.socket);

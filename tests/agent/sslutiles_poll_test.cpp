@@ -50,6 +50,9 @@ static int test_getaddrinfo(const char* host, const char* port, const addrinfo* 
 #define ppoll test_ppoll
 #define getaddrinfo test_getaddrinfo
 #include "resolve.cpp"
+#include "budget.cpp"
+#include "stream.cpp"
+#include "stream_connect.cpp"
 #include "sslutiles.cpp"
 #include "sslutiles_poll.cpp"
 #undef ppoll
@@ -612,7 +615,7 @@ TEST_F(poll_exchange, a_handshake_that_waits_to_write) {
 /* Without a message, and without spinning until then. */
 TEST_F(poll_exchange, a_handshake_that_the_budget_ends) {
     tls_peer server(tls_peer::tcp, {{peer::pause()}});
-    tls_connection c;
+    stream_connection c;
     long budget = 10000000;
     c.socket.reset(make_connection("127.0.0.1", server.port(), &budget));
     budget = 200000;

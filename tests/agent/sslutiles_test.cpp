@@ -108,6 +108,9 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
     if (!fake_resolver) {                                                                          \
         freeaddrinfo(list);                                                                        \
     }
+#include "budget.cpp"
+#include "stream.cpp"
+#include "stream_connect.cpp"
 #include "sslutiles.cpp"
 #undef fcntl
 #undef getsockopt

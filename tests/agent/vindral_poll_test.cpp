@@ -302,7 +302,7 @@ TEST_F(PollLoop, a_reply_of_length_zero_runs_no_commands) {
     run();
     EXPECT_EQ("LAA|", commands);
     char text[] = "LAA";
-    act_on(SUCCESS, text, 0, 60);
+    act_on(POLL_OK, text, 0, 60);
     EXPECT_EQ("LAA|", commands);
 }
 
@@ -316,16 +316,16 @@ TEST_F(PollLoop, an_unknown_result_changes_nothing) {
 }
 
 TEST_F(PollLoop, first_wait_after_a_login_is_a_second_later_ones_the_interval) {
-    EXPECT_EQ(1, act_on(SUCCESS, nullptr, 0, 60));
+    EXPECT_EQ(1, act_on(POLL_OK, nullptr, 0, 60));
     EXPECT_EQ(1, isAuthorized);
-    EXPECT_EQ(60, act_on(SUCCESS, nullptr, 0, 60));
-    EXPECT_EQ(60, act_on(NO_CONNECTION, nullptr, 0, 60));
+    EXPECT_EQ(60, act_on(POLL_OK, nullptr, 0, 60));
+    EXPECT_EQ(60, act_on(POLL_NO_CONNECTION, nullptr, 0, 60));
     EXPECT_EQ(1, isAuthorized);
-    EXPECT_EQ(60, act_on(INTERNAL_ERROR, nullptr, 0, 60));
-    EXPECT_EQ(1, act_on(LOGIN_AGAIN, nullptr, 0, 60));
+    EXPECT_EQ(60, act_on(POLL_INTERNAL_ERROR, nullptr, 0, 60));
+    EXPECT_EQ(1, act_on(POLL_LOGIN_AGAIN, nullptr, 0, 60));
     EXPECT_EQ(0, isAuthorized);
     isAuthorized = 1;
-    EXPECT_EQ(60, act_on(REFUSED, nullptr, 0, 60));
+    EXPECT_EQ(60, act_on(POLL_REFUSED, nullptr, 0, 60));
     EXPECT_EQ(0, isAuthorized);
     EXPECT_EQ(60, act_on(99, nullptr, 0, 60));
 }

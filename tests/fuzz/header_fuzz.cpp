@@ -1,13 +1,13 @@
 /* The header scan, the content length, the header values and the URL splitter: everything that
  * looks at a server's bytes before anybody has vouched for them. */
-#include "sslutiles.cpp"
+#include "http_text.cpp"
 
 #include "fuzz.h"
 
 #include <cstdint>
 #include <cstring>
 
-/* An exact copy with a NUL behind it, as receive_response leaves it. */
+/* An exact copy with a NUL behind it, as a receiver leaves it. */
 static heap_text copy_of(const uint8_t* data, size_t size) {
     heap_text text(static_cast<char*>(malloc(size + 1)));
     require(text != nullptr);
@@ -32,8 +32,8 @@ static void check_headers(const uint8_t* data, int size) {
     }
     require(found == header_size);
 
-    get_content_length(text.get(), header_size);
-    get_content_length(text.get(), size);
+    get_content_length(text.get(), static_cast<size_t>(header_size));
+    get_content_length(text.get(), static_cast<size_t>(size));
 
     for (int limit : {header_size, size, size / 2}) {
         for (const char* name : {"Vnd-SessionID:", "a:", ":", "\n"}) {

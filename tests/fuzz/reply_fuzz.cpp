@@ -196,14 +196,14 @@ static void poll_once(unsigned behaviour, const std::string& text) {
     free(szSessionID);
     szSessionID = isAuthorized ? strdup("1") : nullptr;
 
-    tls_connection c;
+    stream_connection c;
     c.socket.reset(open_ended_socket());
     c.session.reset(lib_SSL_new(nullptr));
-    long budget_us = POLL_BUDGET_US;
-    struct reply answer;
+    service_exchange e = {.name = "make_poll", .budget_us = POLL_BUDGET_US};
+    service_reply answer;
     char* body = nullptr;
     size_t length = 0;
-    int code = receive_reply(c, answer, &budget_us) ? POLL_OK : POLL_NO_CONNECTION;
+    int code = receive_reply(e, c.socket.get(), answer, c.session.get()) ? POLL_OK : POLL_NO_CONNECTION;
     require(code == POLL_OK || (behaviour & BREAKS_OFF) != 0);
     require(code != POLL_OK || (behaviour & BREAKS_OFF) == 0 || answer.content_length != 0);
     if (code == POLL_OK && szSessionID == nullptr) {

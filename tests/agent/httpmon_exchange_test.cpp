@@ -103,8 +103,8 @@ static char* test_make_http_request(const char* host, const char* url, int metho
 #define read test_read
 #define send test_send
 #define make_http_request test_make_http_request
-#include "stream.cpp"
 #include "httpmon_exchange.cpp"
+#include "stream.cpp"
 #undef wait_socket
 #undef charge_budget
 #undef read

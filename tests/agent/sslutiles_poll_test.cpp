@@ -49,12 +49,12 @@ static int test_getaddrinfo(const char* host, const char* port, const addrinfo* 
 
 #define ppoll test_ppoll
 #define getaddrinfo test_getaddrinfo
-#include "resolve.cpp"
 #include "budget.cpp"
-#include "stream.cpp"
-#include "stream_connect.cpp"
+#include "resolve.cpp"
 #include "sslutiles.cpp"
 #include "sslutiles_poll.cpp"
+#include "stream.cpp"
+#include "stream_connect.cpp"
 #undef ppoll
 #undef getaddrinfo
 

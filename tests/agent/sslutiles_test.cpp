@@ -109,9 +109,9 @@ static int test_resolve_host(const char* host, const char* port, const addrinfo*
         freeaddrinfo(list);                                                                        \
     }
 #include "budget.cpp"
+#include "sslutiles.cpp"
 #include "stream.cpp"
 #include "stream_connect.cpp"
-#include "sslutiles.cpp"
 #undef fcntl
 #undef getsockopt
 #undef ppoll

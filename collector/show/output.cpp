@@ -1,15 +1,16 @@
 /* DESIGN
  *
- * The store's writer thread calls on_record() for each record: it only copies the record's bytes
- * into a queue. The output's thread takes the whole queue, decodes the records once more and hands
- * them to a `view`, one class for each kind of output. While that thread waits for a slow reader,
- * the queue drops its oldest entries; the table, which writes only when it is drawn, goes on taking
- * them. */
+ * The store's writer thread calls on_record() for each record: it only copies the record's bytes,
+ * and what was read from them, into a queue. The output's thread takes the whole queue and hands
+ * its events to a `view`, one class for each kind of output. While that thread waits for a slow
+ * reader, the queue drops its oldest entries; the table, which writes only when it is drawn, goes
+ * on taking them. */
 #include "show/output.h"
 
 #include "base/record_summary.h"
 #include "base/text.h"
 #include "protocol/record.h"
+#include "show/event_queue.h"
 #include "show/json.h"
 #include "show/record_text.h"
 #include "show/table.h"
@@ -21,7 +22,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <poll.h>
@@ -35,35 +35,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-enum class event_kind {
-    record,  /* `raw` of an agent */
-    heard,   /* an agent sent something else */
-    known,   /* an agent, from before the start */
-    result,  /* `raw` of an agent, from before the start */
-    problem, /* `text` */
-    note,    /* `text` that is no problem */
-    ready,   /* `text` for hosts */
-    planned  /* `plan` */
-};
-
-struct plan_content {
-    std::vector<planned_test> tests;
-    planned_intervals intervals;
-};
-
-struct event {
-    event_kind kind;
-    std::string account, agent;
-    int64_t received = 0; /* or last seen */
-    std::string raw;
-    std::string text;
-    std::shared_ptr<const plan_content> plan = {};
-
-    size_t bytes() const {
-        return sizeof(event) + account.size() + agent.size() + raw.size() + text.size();
-    }
-};
-
 /* Turns events into bytes for the reader. Used by the output's thread alone but for the two that
  * say what it wants. */
 class view {
@@ -72,13 +43,13 @@ public:
     virtual bool shows_records() const { return true; }
     virtual bool keeps_state() const { return false; } /* and writes in refresh() only */
     /* Both append to `out`; a problem that the view does not show goes to `problems` instead. */
-    virtual void show_record(const event& e, const record& r, std::string& out) = 0;
-    virtual void show_problem(const std::string& text, std::string& out, std::string& problems) = 0;
-    virtual void show_note(const std::string& text, std::string& out, std::string& problems) {
+    virtual void show_record(const event& e, std::string& out) = 0;
+    virtual void show_problem(std::string_view text, std::string& out, std::string& problems) = 0;
+    virtual void show_note(std::string_view text, std::string& out, std::string& problems) {
         show_problem(text, out, problems);
     }
-    /* The other kinds; `r` is the record of a result. */
-    virtual void take(const event& e, const record& r) { (void)e, (void)r; }
+    /* The other kinds. */
+    virtual void take(const event& e) { (void)e; }
     /* Called after each batch and at least every half second. */
     virtual void refresh(std::string& out) { (void)out; }
     /* Called once, after everything else. */
@@ -87,22 +58,22 @@ public:
 
 class line_view : public view {
 public:
-    void show_problem(const std::string& text, std::string&, std::string& problems) override {
+    void show_problem(std::string_view text, std::string&, std::string& problems) override {
         problems += "vindral-collector: " + printable(text) + "\n";
     }
 };
 
 class json_view final : public line_view {
 public:
-    void show_record(const event& e, const record& r, std::string& out) override {
-        out += record_json(e.account, e.agent, e.received, r) + "\n";
+    void show_record(const event& e, std::string& out) override {
+        out += record_json(e.account, e.agent, e.received, e.result.content) + "\n";
     }
 };
 
 class quiet_view final : public line_view {
 public:
     bool shows_records() const override { return false; }
-    void show_record(const event&, const record&, std::string&) override {}
+    void show_record(const event&, std::string&) override {}
 };
 
 /* "load average 5", or "type 99" for a record that belongs to no test we know. */
@@ -115,8 +86,8 @@ constexpr size_t max_in_line = 16u << 10; /* bytes of values, and of a message *
 
 class plain_view final : public line_view {
 public:
-    void show_record(const event& e, const record& r, std::string& out) override {
-        record_summary summary = summarize(r);
+    void show_record(const event& e, std::string& out) override {
+        const auto& [r, summary] = e.result;
         out += utc_time(summary.time.value_or(e.received)) + " " + printable(e.agent) + " " +
                test_name(summary) + ": ";
         if (std::optional<int32_t> status = judge(r, summary).status) {
@@ -132,11 +103,11 @@ public:
 /* Plain lines for what changes between good and bad, few enough for a journal. */
 class problem_view final : public line_view {
 public:
-    void show_record(const event& e, const record& r, std::string& out) override {
-        record_summary summary = summarize(r);
+    void show_record(const event& e, std::string& out) override {
+        const auto& [r, summary] = e.result;
         std::optional<int32_t> status = judge(r, summary).status;
         if (summary.test && status && is_news(e, r, summary.type, *summary.test, *status)) {
-            plain_.show_record(e, r, out);
+            plain_.show_record(e, out);
         }
     }
 
@@ -148,7 +119,7 @@ private:
 
     bool is_news(const event& e, const record& r, uint32_t type, int32_t id, int32_t status) {
         uint32_t process = type == protocol::process.code ? r.ui32[3] : 0;
-        key test = {e.account, e.agent, type, id, process};
+        key test = {std::string(e.account), std::string(e.agent), type, id, process};
         bool was_bad = false;
         if (type == protocol::process.code) {
             was_bad = forget_other_processes(test);
@@ -231,12 +202,12 @@ public:
 
     bool keeps_state() const override { return true; }
 
-    void show_record(const event& e, const record& r, std::string&) override {
-        table_.take(e.account, e.agent, now(), r);
+    void show_record(const event& e, std::string&) override {
+        table_.take(e.account, e.agent, now(), e.result.content);
         changed_ = true;
     }
 
-    void show_problem(const std::string& text, std::string&, std::string&) override {
+    void show_problem(std::string_view text, std::string&, std::string&) override {
         /* The table puts a time in front, too. */
         std::string_view shown = text;
         shown.remove_prefix(begins_with_time(shown) ? 21 : 0);
@@ -244,15 +215,15 @@ public:
         changed_ = true;
     }
 
-    void show_note(const std::string&, std::string&, std::string&) override {}
+    void show_note(std::string_view, std::string&, std::string&) override {}
 
-    void take(const event& e, const record& r) override {
+    void take(const event& e) override {
         if (e.kind == event_kind::heard) {
             table_.hear(e.account, e.agent, now());
         } else if (e.kind == event_kind::known) {
             table_.know(e.account, e.agent, e.received);
         } else if (e.kind == event_kind::result) {
-            table_.know(e.account, e.agent, e.received, r);
+            table_.know(e.account, e.agent, e.received, e.result.content);
         } else if (e.kind == event_kind::ready) {
             table_.introduce(e.text);
         } else if (e.kind == event_kind::planned) {
@@ -306,7 +277,7 @@ private:
 class queued_output final : public result_output {
 public:
     queued_output(std::unique_ptr<view> shown, const output_options& options)
-        : options_(options), view_(std::move(shown)) {
+        : options_(options), view_(std::move(shown)), queue_(options.max_queued) {
         thread_ = std::thread([this] { show_all(); });
         pthread_setname_np(thread_.native_handle(), "output");
     }
@@ -321,48 +292,50 @@ public:
     }
 
     void on_record(const poll_block& from, const decoded_record& result) override {
-        const record& r = result.content;
         if (!view_->shows_records()) {
             return;
         }
-        if (r.raw.size() > max_shown) {
-            if (view_->keeps_state()) {
-                add({event_kind::heard, from.account, from.agent, from.received, "", ""});
-            }
-            on_problem("a record of " + std::to_string(r.raw.size()) + " bytes from " + from.agent +
+        const size_t size = result.content.raw.size();
+        if (size > max_shown) {
+            hear(from);
+            on_problem("a record of " + std::to_string(size) + " bytes from " + from.agent +
                        " is stored, but too large to be shown");
             return;
         }
-        add({event_kind::record, from.account, from.agent, from.received, std::string(r.raw), ""});
+        add({.kind = event_kind::record,
+             .account = from.account,
+             .agent = from.agent,
+             .received = from.received,
+             .result = result});
     }
 
     void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                         const std::string& reason, const std::string& kept_as) override {
-        if (view_->keeps_state()) {
-            add({event_kind::heard, from.account, from.agent, from.received, "", ""});
-        }
+        hear(from);
         on_problem("agent " + from.agent + " of " + from.account + " sent " +
                    std::to_string(bytes) + " bytes that are no record, at offset " +
                    std::to_string(offset) + " (" + reason + "): kept in " + kept_as);
     }
 
     void on_problem(const std::string& text) override {
-        add({event_kind::problem, "", "", 0, "", text});
+        add({.kind = event_kind::problem, .text = text});
     }
 
-    void on_note(const std::string& text) override { add({event_kind::note, "", "", 0, "", text}); }
+    void on_note(const std::string& text) override {
+        add({.kind = event_kind::note, .text = text});
+    }
 
     void on_ready(const std::string& text) override {
         if (view_->keeps_state()) {
-            add({event_kind::ready, "", "", 0, "", text});
+            add({.kind = event_kind::ready, .text = text});
         }
     }
 
     void on_plan(const std::vector<plan_line>& lines) override {
         if (view_->keeps_state()) {
             plan_content content{planned_tests(lines), intervals_of(lines)};
-            add({event_kind::planned, "", "", 0, "", "",
-                 std::make_shared<const plan_content>(std::move(content))});
+            add({.kind = event_kind::planned,
+                 .plan = std::make_shared<const plan_content>(std::move(content))});
         }
     }
 
@@ -372,14 +345,22 @@ public:
         }
         auto know_agent = [this](const known_agent& a) {
             wait_for_room();
-            add({event_kind::known, std::string(a.account), std::string(a.agent), a.last_seen, "",
-                 ""});
+            add({.kind = event_kind::known,
+                 .account = a.account,
+                 .agent = a.agent,
+                 .received = a.last_seen});
         };
-        auto know_result = [this](const latest_result& l) {
-            if (l.record.size() <= max_shown) {
+        event last{.kind = event_kind::result};
+        auto know_result = [&](const latest_result& l) {
+            std::string reason;
+            if (l.record.size() <= max_shown &&
+                decode_record(l.record, last.result.content, reason)) {
+                last.account = l.account;
+                last.agent = l.agent;
+                last.received = l.received;
+                last.result.summary = summarize(last.result.content);
                 wait_for_room();
-                add({event_kind::result, std::string(l.account), std::string(l.agent), l.received,
-                     std::string(l.record), ""});
+                add(last);
             }
         };
         std::string error;
@@ -395,23 +376,27 @@ private:
     enum { max_shown = 1 << 20 };
     const std::string unreadable = "what is stored cannot be read: ";
 
-    void add(event e) {
-        std::lock_guard hold(mutex_);
-        queued_bytes_ += e.bytes();
-        queue_.push_back(std::move(e));
-        while (queued_bytes_ > options_.max_queued && queue_.size() > 1) {
-            queued_bytes_ -= queue_.front().bytes();
-            queue_.pop_front();
-            dropped_++;
+    /* Something came that is not shown. */
+    void hear(const poll_block& from) {
+        if (view_->keeps_state()) {
+            add({.kind = event_kind::heard,
+                 .account = from.account,
+                 .agent = from.agent,
+                 .received = from.received});
         }
-        if (queue_.size() == 1) {
+    }
+
+    void add(const event& e) {
+        std::lock_guard hold(mutex_);
+        dropped_ += queue_.add(e);
+        if (queue_.count() == 1) {
             wake_.notify_one();
         }
     }
 
     void wait_for_room() {
         std::unique_lock hold(mutex_);
-        room_.wait(hold, [this] { return queued_bytes_ < options_.max_queued / 2; });
+        room_.wait(hold, [this] { return queue_.bytes() < options_.max_queued / 2; });
     }
 
     /* The output's thread. */
@@ -422,11 +407,10 @@ private:
         sigemptyset(&pipe);
         sigaddset(&pipe, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-        std::deque<event> batch;
+        std::vector<event_chunk> batch;
         size_t dropped;
         while (take(batch, dropped)) {
             show_batch(batch, dropped);
-            batch.clear();
         }
         std::string out;
         view_->finish(out);
@@ -434,7 +418,7 @@ private:
     }
 
     /* False at the end. Returns without events every half second, for the table's sake. */
-    bool take(std::deque<event>& batch, size_t& dropped) {
+    bool take(std::vector<event_chunk>& batch, size_t& dropped) {
         std::unique_lock hold(mutex_);
         wake_.wait_for(hold, std::chrono::milliseconds(500),
                        [this] { return stopping_ || !queue_.empty(); });
@@ -443,26 +427,32 @@ private:
     }
 
     /* With the lock held. */
-    void take_now(std::deque<event>& batch, size_t& dropped) {
-        batch.swap(queue_);
-        queued_bytes_ = 0;
-        dropped = dropped_;
-        dropped_ = 0;
+    void take_now(std::vector<event_chunk>& batch, size_t& dropped) {
+        queue_.take(batch);
+        dropped = std::exchange(dropped_, 0);
         room_.notify_all();
     }
 
-    void show_batch(const std::deque<event>& batch, size_t dropped) {
+    void show_batch(const std::vector<event_chunk>& batch, size_t dropped) {
         std::string out, problems;
         report_dropped(dropped, out, problems);
-        for (const event& e : batch) {
+        for_each(batch, [&](const event& e) {
             show(e, out, problems);
             if (out.size() >= 64 * 1024) {
                 write_out(options_.fd, out);
             }
-        }
+        });
         view_->refresh(out);
         write_out(options_.fd, out);
         write_out(options_.problem_fd, problems);
+    }
+
+    template <typename Do>
+    static void for_each(const std::vector<event_chunk>& batch, Do each) {
+        for (const event_chunk& chunk : batch) {
+            std::for_each(chunk.events.begin() + static_cast<std::ptrdiff_t>(chunk.next),
+                          chunk.events.end(), each);
+        }
     }
 
     void report_dropped(size_t dropped, std::string& out, std::string& problems) {
@@ -474,13 +464,9 @@ private:
     }
 
     void show(const event& e, std::string& out, std::string& problems) {
-        bool has_record = e.kind == event_kind::record || e.kind == event_kind::result;
-        if (has_record && !decode_record(e.raw, record_, reason_)) {
-            return;
-        }
         switch (e.kind) {
         case event_kind::record:
-            view_->show_record(e, record_, out);
+            view_->show_record(e, out);
             break;
         case event_kind::problem:
             view_->show_problem(e.text, out, problems);
@@ -489,13 +475,13 @@ private:
             view_->show_note(e.text, out, problems);
             break;
         default:
-            view_->take(e, record_);
+            view_->take(e);
         }
     }
 
     /* What arrives while the terminal takes nothing changes what is drawn next. */
     void absorb() {
-        std::deque<event> batch;
+        std::vector<event_chunk> batch;
         size_t dropped = 0;
         {
             std::lock_guard hold(mutex_);
@@ -503,9 +489,7 @@ private:
         }
         std::string none;
         report_dropped(dropped, none, none);
-        for (const event& e : batch) {
-            show(e, none, none);
-        }
+        for_each(batch, [&](const event& e) { show(e, none, none); });
     }
 
     bool is_stopping() {
@@ -546,14 +530,11 @@ private:
 
     std::mutex mutex_; /* guards the next four */
     std::condition_variable wake_, room_;
-    std::deque<event> queue_;
-    size_t queued_bytes_ = 0;
+    event_queue queue_;
     size_t dropped_ = 0;
     bool stopping_ = false;
 
-    record record_; /* of the output's thread, as the rest */
-    std::string reason_;
-    bool gone_ = false; /* the reader took nothing while we had to end */
+    bool gone_ = false; /* of the output's thread: the reader took nothing while we had to end */
 
     std::thread thread_;
 };

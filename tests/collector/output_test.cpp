@@ -152,20 +152,21 @@ TEST(output, problems_of_processes_are_those_of_each) {
 /* What has been forgotten is new. */
 TEST(output, problems_that_are_remembered_are_bounded) {
     problem_view shown;
-    std::string bytes = load_record(1, noon, 2), reason, out;
-    record r;
-    ASSERT_TRUE(decode_record(bytes, r, reason)) << reason;
-    event e{event_kind::record, "a@b.c", "", noon, bytes, ""};
+    std::string bytes = load_record(1, noon, 2), reason, out, agent;
+    event e{.kind = event_kind::record, .account = "a@b.c", .received = noon};
+    ASSERT_TRUE(decode_record(bytes, e.result.content, reason)) << reason;
+    e.result.summary = summarize(e.result.content);
     size_t lines = 0;
     for (int i = 0; i < 600; i++) {
-        e.agent = std::to_string(i % 300) + std::string(100000, 'a');
+        agent = std::to_string(i % 300) + std::string(100000, 'a');
+        e.agent = agent;
         out.clear();
-        shown.show_record(e, r, out);
+        shown.show_record(e, out);
         lines += !out.empty();
     }
     EXPECT_GT(lines, 300u);
     out.clear();
-    shown.show_record(e, r, out);
+    shown.show_record(e, out);
     EXPECT_EQ(out, "");
 }
 

@@ -1,0 +1,80 @@
+/* What waits to be shown. Memory is kept and used again, so that nothing is asked for where the
+ * reader keeps up. Beyond the bound the oldest entries are dropped. */
+#ifndef VINDRAL_COLLECTOR_EVENT_QUEUE_H
+#define VINDRAL_COLLECTOR_EVENT_QUEUE_H
+
+#include "plan/plan.h"
+#include "store/engine.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+struct plan_content {
+    std::vector<planned_test> tests;
+    planned_intervals intervals;
+};
+
+enum class event_kind {
+    record,  /* `result` of an agent */
+    heard,   /* an agent sent something else */
+    known,   /* an agent, from before the start */
+    result,  /* `result` of an agent, from before the start */
+    problem, /* `text` */
+    note,    /* `text` that is no problem */
+    ready,   /* `text` for hosts */
+    planned  /* `plan` */
+};
+
+struct event {
+    event_kind kind{};
+    std::string_view account = {}, agent = {};
+    int64_t received = 0; /* or last seen */
+    std::string_view text = {};
+    decoded_record result = {};
+    std::shared_ptr<const plan_content> plan = {};
+};
+
+/* Some events and the bytes that their views are of. */
+class event_chunk {
+public:
+    bool has_room(const event& e) const;
+    void add(const event& e);
+    void clear();
+
+    std::vector<event> events;
+    size_t next = 0; /* of events: those before it are dropped */
+
+private:
+    std::string_view keep(std::string_view text);
+    std::unique_ptr<char[]> bytes_;
+    size_t size_ = 0, used_ = 0;
+};
+
+/* For one thread at a time: its user holds a lock. */
+class event_queue {
+public:
+    explicit event_queue(size_t most) : most_(most) {}
+
+    /* Copies what the event has views of. Returns how many older ones were dropped for it. */
+    size_t add(const event& e);
+
+    bool empty() const { return count_ == 0; }
+    size_t count() const { return count_; }
+    size_t bytes() const { return bytes_; }
+
+    /* All that waits, in exchange for `chunks`, which are used again. */
+    void take(std::vector<event_chunk>& chunks);
+
+private:
+    enum { most_spare = 16 }; /* chunks */
+    void drop_first();
+
+    const size_t most_; /* bytes */
+    size_t bytes_ = 0, count_ = 0;
+    std::vector<event_chunk> chunks_, spare_;
+};
+
+#endif

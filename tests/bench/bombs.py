@@ -13,15 +13,13 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 
-TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-sys.path.insert(0, os.path.join(TOP, "tests", "system"))
-import raw_client  # noqa: E402
-from bombs import ATTACKS, load_record  # noqa: E402
+from whole import TOP, count_on, end, wait_for  # it knows where the next ones are
+import raw_client
+from attacks import ATTACKS, load_record
 
 
 def memory_mb(pid, key):
@@ -64,10 +62,8 @@ def measure(name, args, directory):
             [args.collector, "--port", "0", "--port-file", port_file, "--state-dir",
              os.path.join(directory, "state"), "--json" if args.json else "--quiet"],
             stdout=nowhere, stderr=open(os.path.join(directory, "log"), "wb"))
-    while not os.path.exists(port_file):
-        if collector.poll() is not None:
-            sys.exit("the collector does not start")
-        time.sleep(0.01)
+    count_on(collector, "the collector")
+    wait_for(lambda: os.path.exists(port_file), "the collector")
     with open(port_file, encoding="ascii") as file:
         port = int(file.read())
     client = raw_client.RawClient(port)
@@ -85,7 +81,7 @@ def measure(name, args, directory):
         size = len(good) * 2001
     neighbour = Neighbour(port)
     neighbour.start()
-    time.sleep(0.5)
+    wait_for(lambda: len(neighbour.waits) >= 5, "the neighbour's polls")
     rss, cpu, began = memory_mb(collector.pid, "VmRSS"), cpu_s(collector.pid), time.monotonic()
     answers = [client.exchange(body) for body in bodies]
     took = time.monotonic() - began
@@ -97,8 +93,7 @@ def measure(name, args, directory):
     cpu, peak = cpu_s(collector.pid) - cpu, memory_mb(collector.pid, "VmHWM") - rss
     neighbour.over.set()
     neighbour.join()
-    collector.terminate()
-    collector.wait()
+    end(collector)
     aside = os.path.join(directory, "state", "undecodable")
     files = [os.path.getsize(os.path.join(aside, f)) for f in os.listdir(aside)] if os.path.isdir(aside) else []
     print("%-14s %6d KB -> %4d MB  %-8s %6.1f s  cpu %6.2f s  memory +%5d MB (x%4.1f)  "

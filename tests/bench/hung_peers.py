@@ -49,9 +49,9 @@ def parse_options():
 
 OPTIONS = parse_options()
 os.environ["VINDRAL_BUILD_DIR"] = os.path.abspath(OPTIONS.build)
-sys.path[:0] = [os.path.join(TOP, "tests", "system")]
+import whole  # noqa: E402  it knows where the next ones are
 import harness  # noqa: E402
-import mariadb  # noqa: E402
+import peers  # noqa: E402
 import records  # noqa: E402
 
 
@@ -140,11 +140,11 @@ def database(port, user="monitor", password="secret"):
 
 def groups(test):
     """More kinds of peers that hang belong in here."""
-    peer = mariadb.Mariadb(test)
+    peer = harness.start_mariadb(test)
     half = OPTIONS.mysql // 2
     return [
         Group("page", records.HTTP, True, 1, page(HealthyPage().port, 0)),
-        Group("database", records.MYSQL, True, 1, database(peer.port, mariadb.USER, mariadb.PASSWORD)),
+        Group("database", records.MYSQL, True, 1, database(peer.port, peers.ACCOUNT, peers.PASSWORD)),
         Group("load", records.LOAD_AVERAGE, True, 1, "LAA\t{id}\t1\t9000\t9000\t9000"),
         Group("hung pages", records.HTTP, False, OPTIONS.pages, page(HungServer().port, 1)),
         Group("not greeted", records.MYSQL, False, half, database(HungServer().port)),

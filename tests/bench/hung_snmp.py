@@ -25,7 +25,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent  # noqa: E402
-from snmp import OBJECTS, TABLE, Snmpd, cpu_with_children, states_of_children, write_module  # noqa: E402
+from snmp import OBJECTS, TABLE, cpu_with_children, start_snmpd, states_of_children, write_module  # noqa: E402
 from probes import status  # noqa: E402
 from whole import memory_kb  # noqa: E402
 
@@ -109,7 +109,7 @@ class Bench:
     def __init__(self, home, options):
         self.home, self.options = home, options
         self.silence = Silence(options.tests, options.timeout)
-        self.snmpd = Snmpd(home)
+        self.snmpd = start_snmpd(home)
         own = tempfile.mkdtemp(dir=home)
         write_module(own)
         lines, self.reports = answered_tests(self.snmpd.port)

@@ -24,6 +24,7 @@ import urllib.request
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from whole import (  # noqa: E402
     BUILD, count_on, end, memory_kb, no_more, start_collector, unit_environment, wait_for)
+from peers import free_port  # noqa: E402  where whole has found it
 
 INTERVAL_S = 10
 TESTS = 10  # of each kind
@@ -130,12 +131,6 @@ class Agent:
     def stop(self):
         self.hang_up()
         end(self.collector)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 class Peer:

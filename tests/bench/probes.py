@@ -18,7 +18,6 @@ import os
 import re
 import resource
 import shutil
-import socket
 import sqlite3
 import subprocess
 import sys
@@ -29,45 +28,36 @@ import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
-from whole import PATIENCE_S, TOOL_S, count_on, end, give_up, join, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, count_on, end, give_up, join, peers, started, wait_for  # noqa: E402
 
 PAGE = 10240
 
 
-class Nginx:
-    def __init__(self, home):
-        self.http, self.https, self.log = free_port(), free_port(), home + "/asked"
-        subprocess.run(["openssl", "req", "-x509", "-nodes", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:P-256", "-subj", "/CN=bench", "-keyout", home + "/key",
-                        "-out", home + "/crt"], check=True, stderr=subprocess.DEVNULL)
-        with open(home + "/page", "w", encoding="ascii") as file:
-            file.write("x" * PAGE)
-        with open(home + "/nginx.conf", "w", encoding="utf-8") as file:
-            file.write("""daemon off; worker_processes 1; pid %(home)s/nginx.pid; error_log /dev/null; user root;
-events { worker_connections 8192; }
-http { log_format times $msec; access_log %(home)s/asked times; client_body_temp_path %(home)s/body; proxy_temp_path %(home)s/p;
-fastcgi_temp_path %(home)s/f; uwsgi_temp_path %(home)s/u; scgi_temp_path %(home)s/s; root %(home)s;
+NGINX = """log_format times $msec; access_log %(dir)s/asked times;
 keepalive_timeout 0; open_file_cache max=8; ssl_session_cache off; ssl_session_tickets off;
 server { listen 127.0.0.1:%(http)d backlog=8192; }
-server { listen 127.0.0.1:%(https)d ssl backlog=8192; ssl_certificate %(home)s/crt;
-ssl_certificate_key %(home)s/key; ssl_protocols TLSv1.2 TLSv1.3; } }
-""" % {"home": home, "http": self.http, "https": self.https})
-        self.process = subprocess.Popen(["nginx", "-c", home + "/nginx.conf", "-e", "/dev/null"],
-                                        stderr=subprocess.DEVNULL)
-        count_on(self.process, "nginx")
-        wait_for(self.up, "nginx")
+server { listen 127.0.0.1:%(https)d ssl backlog=8192; ssl_certificate %(dir)s/tls.crt;
+ssl_certificate_key %(dir)s/tls.key; ssl_protocols TLSv1.2 TLSv1.3; }
+"""
+
+
+class Nginx(peers.Nginx):
+    """One worker; a page of 10 KB."""
+
+    def __init__(self, home):
+        directory = tempfile.mkdtemp(dir=home)
+        peers.make_certificate(directory + "/tls", "ec", "-subj", "/CN=bench")
+        peers.write_text(directory + "/page", "x" * PAGE)
+        super().__init__(directory, NGINX, ("http", "https"), worker=True)
+        self.http, self.https = self.ports.values()
+        started(self)
 
     def times(self):
         """When each request was answered."""
-        with open(self.log, encoding="ascii") as file:
-            return [float(line) for line in file.read().split()]
+        return [float(line) for line in peers.read_text(self.directory + "/asked").split()]
 
     def served(self):
         return len(self.times())
-
-    def up(self):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.https)) == 0
 
 
 def status(pid, key):

@@ -23,26 +23,14 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
 from probes import answered, exporter_rate, idle  # noqa: E402
 from snmp import agent_rounds, tool  # noqa: E402
-from whole import PATIENCE_S, TOOL_S, count_on, end, join, memory_kb, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, end, join, memory_kb, peers, started  # noqa: E402
 
 CHUNK = b"16\r\nsome_name=123456"
 CHUNKS = 200000
 
 
-class Mariadb:
-    def __init__(self, home):
-        self.socket, self.port = home + "/mysql.sock", free_port()
-        options = ["--no-defaults", "--datadir=%s/mysql" % home, "--user=root"]
-        os.mkdir(home + "/mysql")
-        subprocess.run(["mariadb-install-db", *options, "--auth-root-authentication-method=normal",
-                        "--skip-test-db"], check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                       timeout=TOOL_S)
-        self.process = subprocess.Popen(
-            ["/usr/sbin/mariadbd", *options, "--skip-log-bin", "--socket=" + self.socket,
-             "--bind-address=127.0.0.1", "--port=%d" % self.port, "--max-connections=1000"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        count_on(self.process, "mariadbd")
-        wait_for(lambda: os.path.exists(self.socket), "mariadbd")
+def start_mariadb(home):
+    return started(peers.Mariadb(tempfile.mkdtemp(dir=home), "--max-connections=1000", light=False))
 
 
 def start_exporter(home, database, address="127.0.0.1"):
@@ -69,7 +57,7 @@ def exporter(home, database, count):
 
 
 def databases(home, tests, rounds):
-    database = Mariadb(home)
+    database = start_mariadb(home)
     plan = ["MQA\t%d\t1\tlocalhost\t0\t%s\troot\t\tUptime;Threads_connected|5000;max_connections|9000|1\t10"
             % (i, database.socket) for i in range(1, tests + 1)]
     for _ in range(2):

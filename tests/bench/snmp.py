@@ -26,7 +26,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
 from probes import answered, children_ms, exporter_rate, idle, status  # noqa: E402
-from whole import PATIENCE_S, TOOL_S, count_on, end, join, wait_for  # noqa: E402
+from whole import TOOL_S, end, join, peers, started, wait_for  # noqa: E402
 
 OBJECTS = ["1.3.6.1.2.1.1.%d.0" % i for i in (1, 3, 4, 5, 6)]
 TABLE, COLUMNS, ROWS = "1.3.6.1.4.1.99991.1", 22, 49
@@ -61,25 +61,11 @@ def write_module(home):
         file.write(text + "END\n")
 
 
-class Snmpd:
-    def __init__(self, home, addresses=(), wrap=()):
-        with open(home + "/snmpd.conf", "w", encoding="ascii") as file:
-            file.write("rocommunity public\n")
-            for row in range(1, ROWS + 1):
-                for column in range(1, COLUMNS + 1):
-                    file.write("override %s.1.%d.%d integer %d\n" % (TABLE, column, row, row * column))
-        self.port = free_port()
-        program = shutil.which("snmpd", path=os.environ["PATH"] + ":/usr/sbin")
-        self.process = subprocess.Popen(
-            [*wrap, program, "-f", "-Lf", "/dev/null", "-C", "-c", home + "/snmpd.conf", "-m", "",
-             "-p", home + "/snmpd.pid", *(addresses or ["udp:127.0.0.1:%d" % self.port])],
-            env={"PATH": os.environ["PATH"], "SNMP_PERSISTENT_DIR": home})
-        count_on(self.process, "snmpd")
-        if not addresses:
-            wait_for(lambda: subprocess.run(
-                ["snmpget", "-v2c", "-c", "public", "-r0", "-t1", "127.0.0.1:%d" % self.port, OBJECTS[0]],
-                check=False, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                timeout=PATIENCE_S).returncode == 0, "snmpd")
+def start_snmpd(home, **options):
+    """With the table."""
+    rows = ["override %s.1.%d.%d integer %d" % (TABLE, column, row, row * column)
+            for row in range(1, ROWS + 1) for column in range(1, COLUMNS + 1)]
+    return started(peers.Snmpd(tempfile.mkdtemp(dir=home), *rows, **options))
 
 
 def states_of_children(pid):
@@ -212,7 +198,7 @@ def exporter(home, port, count):
 
 
 def gets(home, tests, rounds):
-    snmpd = Snmpd(home)
+    snmpd = start_snmpd(home)
     plan = ["SPA\t%d\t1\t127.0.0.1\t%d\t2\t%s\tpublic\t\t\t\t\t\t10\t2\t-;-;-;-;-"
             % (i, snmpd.port, ";".join(OBJECTS)) for i in range(1, tests + 1)]
     for _ in range(2):
@@ -223,7 +209,7 @@ def gets(home, tests, rounds):
 
 
 def tables(home, tests, rounds):
-    snmpd = Snmpd(home)
+    snmpd = start_snmpd(home)
     for repetitions in (0, 10):
         own = tempfile.mkdtemp(dir=home)
         write_module(own)
@@ -238,19 +224,10 @@ def tables(home, tests, rounds):
 
 
 def scan(home):
-    holder = subprocess.Popen(["unshare", "--net", "sleep", "1000"])
-    inside = ["nsenter", "--target", str(holder.pid), "--net"]
-    commands = [["ip", "link", "add", "near", "type", "veth", "peer", "name", "far", "netns", str(holder.pid)],
-                ["ip", "link", "set", "near", "up"], ["ip", "addr", "add", "10.7.0.254/24", "dev", "near"],
-                inside + ["ip", "link", "set", "far", "up"]]
-    answering = ["10.7.0.%d" % (1 + 12 * i) for i in range(20)]
-    commands += [inside + ["ip", "addr", "add", address + "/24", "dev", "far"] for address in answering]
-    time.sleep(0.5)
-    for command in commands:
-        subprocess.run(command, check=True)
-    snmpd = Snmpd(home, ["udp:%s:161" % address for address in answering], inside)
-    time.sleep(1)
-    agent = Agent(home, ["POL\t0\t1", "CHK\t0\t2", "DCA\t1\t1\t10.7.0.1\t10.7.0.254"])
+    hosts = [2 + 12 * i for i in range(20)]
+    far = peers.FarSide(7, *hosts)
+    snmpd = start_snmpd(home, addresses=["udp:10.9.7.%d:161" % host for host in hosts], wrap=far.enter)
+    agent = Agent(home, ["POL\t0\t1", "CHK\t0\t2", "DCA\t1\t1\t10.9.7.1\t10.9.7.254"])
     resting = status(agent.pid, "Threads")
     wait_for(lambda: status(agent.pid, "Threads") > resting + 20, "the scan")
     began, at_start = time.monotonic(), cpu_with_children(agent.pid)
@@ -261,11 +238,10 @@ def scan(home):
     agent.stop()
     if shutil.which("fping"):
         for more in ([], ["-r", "0", "-t", "1000", "-i", "10"]):
-            used, took = children_ms(["fping", "-q", *more, "-g", "10.7.0.1", "10.7.0.253"])
+            used, took = children_ms(["fping", "-q", *more, "-g", "10.9.7.2", "10.9.7.254"])
             print("fping %-8s %.1f s, %.0f ms CPU, echo alone" % (" ".join(more) + ":", took, used))
     end(snmpd.process)
-    end(holder)
-
+    far.end()
 
 
 def main():

@@ -47,14 +47,12 @@ def parse_options():
 
 OPTIONS = parse_options()
 os.environ["VINDRAL_BUILD_DIR"] = os.path.abspath(OPTIONS.build)
-sys.path[:0] = [os.path.join(TOP, "tests", "system"), os.path.join(TOP, "tests", "bench")]
+from whole import unit_environment  # noqa: E402  it knows where the next ones are
 import harness  # noqa: E402
-import mariadb  # noqa: E402
+import peers  # noqa: E402
 import records  # noqa: E402
-import snmpd  # noqa: E402
 from local import root_mount  # noqa: E402
 from probes import Nginx  # noqa: E402
-from whole import unit_environment  # noqa: E402
 
 
 class Kind:
@@ -82,7 +80,7 @@ def kinds(nginx, database):
     def get(port, tail):
         return "1\t%s\t%d\t%s\t-;-" % (here, port, tail % objects)
     # version, objects, community, authentication, user, pass phrase, privacy, its switch, time-out, retries
-    plain, user = "2\t%s\tpublic\t\t\t\t\t\t1\t0", "3\t%%s\t\tmd5\tmd5user\t%s\t\t\t1\t0" % snmpd.AUTH
+    plain, user = "2\t%s\tpublic\t\t\t\t\t\t1\t0", "3\t%%s\t\tmd5\tmd5user\t%s\t\t\t1\t0" % peers.AUTH
     table = "1\t127.0.0.1\t161\t20\t2\t%s\tpublic\t\t\t\t\t\t1\t%d"
     return [
         Kind("load", records.LOAD_AVERAGE, "LA", "1\t90\t90\t90", "1\t0\t0\t0", "LAD\t{id}\t0"),
@@ -107,13 +105,13 @@ def kinds(nginx, database):
         pages("page, no host", "no-such-host.invalid", 80, 1),
         Kind("SNMP get", records.SNMP, "SP", get(161, plain), get(1, plain), "STD\t{id}\t0"),
         Kind("SNMP get, v3", records.SNMP, "SP", get(161, user), get(161, plain), "STD\t{id}\t0"),
-        Kind("SNMP table", records.SNMP_TABLE, "ST", table % (snmpd.TABLE, 1), table % ("1.3.6.1.9", 0),
+        Kind("SNMP table", records.SNMP_TABLE, "ST", table % (peers.TABLE, 1), table % ("1.3.6.1.9", 0),
              "STD\t{id}\t0"),
         Kind("SNMP walk", None, "SW", table % ("1.3.6.1.2.1.1", 1), "", "SWD\t{id}"),
         Kind("discovery", records.DISCOVERY, "DC", "1\t127.0.0.1\t127.0.0.9\t1.3.6.1.2.1.1.6.0",
              "1\t127.0.0.1\t127.0.0.4", "DCR\t{id}"),
-        Kind("MySQL", records.MYSQL, "MQ", login(mariadb.USER, mariadb.PASSWORD, "Uptime;Threads_connected|5000"),
-             login(mariadb.USER, "wrong", "Uptime"), "MQD\t{id}\t0"),
+        Kind("MySQL", records.MYSQL, "MQ", login(peers.ACCOUNT, peers.PASSWORD, "Uptime;Threads_connected|5000"),
+             login(peers.ACCOUNT, "wrong", "Uptime"), "MQD\t{id}\t0"),
         Kind("feed, TCP", None, "TS", "{port}\tall", "{port}\t127.0.0.1", "TSD\t{id}"),
         Kind("feed, TCP, blocked", None, "TS", "{port}\t10.0.0.1", "{port}\t10.0.0.2", "TSD\t{id}"),
         Kind("feed, unix", None, "US", "{path}", "{path}.m", "USD\t{id}"),
@@ -266,16 +264,15 @@ class Soak(harness.TestCase):
         self.setUp()
         self.problems = []
         self.nginx = Nginx(self.subdir("nginx"))
-        self.addCleanup(self.nginx.process.wait, 60)
-        self.addCleanup(self.nginx.process.terminate)
-        self.database = mariadb.Mariadb(self)
+        self.addCleanup(self.nginx.end)
+        self.database = harness.start_mariadb(self)
         port = harness.free_port(socket.SOCK_DGRAM)
-        table = ["override %s.1.%d.%d integer %d" % (snmpd.TABLE, column, line, column * line)
+        table = ["override %s.1.%d.%d integer %d" % (peers.TABLE, column, line, column * line)
                  for column in range(1, 5) for line in range(1, 9)]
-        self.snmpd = snmpd.Snmpd(self, *table, addresses=("udp:161,udp:127.0.0.1:%d" % port,))
+        self.snmpd = harness.start_snmpd(self, *table, addresses=("udp:161,udp:127.0.0.1:%d" % port,))
         self.collector = harness.Collector(self, "POL\t0\t1", options=("--quiet",)).start()
         self.agent = harness.Agent(self, self.collector.port, level=3,
-                                   env=dict(snmpd.MIBS, **unit_environment())).start()
+                                   env=dict(peers.MIBS, **unit_environment())).start()
         self.agent.wait_log("Authorization was successfully completed.")
 
     def run_for(self, seconds):

@@ -16,7 +16,10 @@ import sys
 import tempfile
 import time
 
-TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+sys.path += [os.path.join(TOP, "tests", "support"), os.path.join(TOP, "tests", "system")]
+import peers  # noqa: E402
+
 BUILD = os.environ.get("VINDRAL_BUILD_DIR", os.path.join(TOP, "build", "release"))
 BENCH = os.path.join(BUILD, "tests", "bench")
 PATIENCE_S = 90  # a poll that failed is tried again after 60 s
@@ -69,6 +72,16 @@ def wait_for(condition, what, step_s=0.02, patience_s=PATIENCE_S):
         if time.monotonic() > last or any(map(ending_of, _counted_on)):
             give_up(what)
         time.sleep(step_s)
+
+
+def started(peer):
+    """A peer of peers.py that is ready."""
+    name = type(peer).__name__
+    wait_for(lambda: peer.ready() or peer.ended(), name)
+    if peer.ended():
+        sys.exit("%s did not start: %s" % (name, peer.errors()))
+    count_on(peer.process, name)
+    return peer
 
 
 def join(thread, what, patience_s=PATIENCE_S):
@@ -171,28 +184,19 @@ def poll(home):
     end(collector)
 
 
+NGINX = """access_log off; keepalive_timeout 0;
+server { listen 127.0.0.1:%(port)d ssl backlog=1024; ssl_certificate %(cert)s; ssl_certificate_key %(key)s;
+ssl_protocols TLSv1.2 TLSv1.3; ssl_session_cache off; ssl_session_tickets off;
+location / { return 200 ""; } }
+"""
+
+
 def start_nginx(home, certificate, key):
-    conf = os.path.join(home, "nginx.conf")
-    with open(conf, "w", encoding="utf-8") as file:
-        file.write("""daemon off; worker_processes 1; pid %(home)s/nginx.pid; error_log /dev/null;
-events { worker_connections 1024; }
-http { access_log off; client_body_temp_path %(home)s/body; proxy_temp_path %(home)s/p;
-fastcgi_temp_path %(home)s/f; uwsgi_temp_path %(home)s/u; scgi_temp_path %(home)s/s;
-server { listen 127.0.0.1:18443 ssl backlog=1024; ssl_certificate %(cert)s; ssl_certificate_key %(key)s;
-ssl_protocols TLSv1.2 TLSv1.3; ssl_session_cache off; ssl_session_tickets off; keepalive_timeout 0;
-location / { return 200 ""; } } }
-""" % {"home": home, "cert": certificate, "key": key})
-    process = subprocess.Popen(["taskset", "-c", "0", "nginx", "-c", conf, "-p", home],
-                               stderr=subprocess.DEVNULL)
-    count_on(process, "nginx")
-    children = "/proc/%d/task/%d/children" % (process.pid, process.pid)
-
-    def worker():
-        with open(children, encoding="ascii") as file:
-            return file.read().split()
-
-    wait_for(worker, "nginx")
-    return process, 18443, int(worker()[0])
+    """It and the id of its worker."""
+    nginx = started(peers.Nginx(tempfile.mkdtemp(dir=home), NGINX, ["port"], worker=True,
+                                wrap=["taskset", "-c", "0"], cert=certificate, key=key))
+    with open("/proc/%d/task/%d/children" % (nginx.process.pid, nginx.process.pid), encoding="ascii") as file:
+        return nginx, int(file.read().split()[0])
 
 
 def load(home):
@@ -202,15 +206,15 @@ def load(home):
     pem = sorted(name for name in os.listdir(state) if name.endswith(".pem"))
     certificate = os.path.join(state, next(name for name in pem if "key" not in name))
     key = os.path.join(state, next(name for name in pem if "key" in name))
-    nginx, nginx_port, nginx_worker = start_nginx(home, certificate, key)
+    nginx, nginx_worker = start_nginx(home, certificate, key)
     for _ in range(3):
-        for name, pid, at, more in (("nginx", nginx_worker, nginx_port, ["--plain-answers"]),
+        for name, pid, at, more in (("nginx", nginx_worker, nginx.ports["port"], ["--plain-answers"]),
                                     ("collector", collector.pid, port, [])):
             print(name + ": ", end="", flush=True)
             subprocess.run(["taskset", "-c", "1", os.path.join(BENCH, "poll_load"), "--port", str(at),
                             "--seconds", "5", "--threads", "32", "--pid", str(pid), *more], check=False,
                            timeout=TOOL_S)
-    end(nginx)
+    end(nginx.process)
     end(collector)
 
 

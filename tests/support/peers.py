@@ -115,7 +115,7 @@ class Snmpd(Peer):
         self.elsewhere = bool(addresses)
         conf = os.path.join(directory, "snmpd.conf")
         write_text(conf, "".join(line + "\n" for line in ("rocommunity public", *lines)))
-        self.launch(["snmpd", "-f", "-Lf", self.log, "-C", "-c", conf, "-m", "", "-p", os.path.join(directory, "pid"),
+        self.launch(["snmpd", "-f", "-LF", "w", self.log, "-C", "-c", conf, "-m", "", "-p", os.path.join(directory, "pid"),
                      *(addresses or ("udp:" + self.address,)), *more_addresses],
                     env={"PATH": os.environ["PATH"], "SNMP_PERSISTENT_DIR": directory})
 

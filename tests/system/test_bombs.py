@@ -3,8 +3,8 @@
 import re
 import threading
 
-import bombs
 import harness
+import attacks  # where harness has found it
 from raw_client import RawClient
 
 SIZE = 4 << 20 if harness.SANITIZERS else 48 << 20
@@ -25,13 +25,13 @@ class Bombs(harness.TestCase):
 
     def poll_beside(self):
         self.count += 1
-        answer = self.client.poll(self.neighbour, bombs.load_record(1, self.count))
+        answer = self.client.poll(self.neighbour, attacks.load_record(1, self.count))
         self.assertIsNotNone(answer, self.collector.errors())
         self.assertEqual((answer.status, answer.body), ("HTTP/1.0 200 OK", ""))
 
     def throw(self, name, size=SIZE):
         session = self.client.session(agent=name)
-        plain = bombs.ATTACKS[name](size)
+        plain = attacks.ATTACKS[name](size)
         bomb = self.client.poll_bytes(session, plain)
         size = len(plain)
         del plain

@@ -137,48 +137,6 @@ void checker_stop(checker& c);
 /* Destroys a condition that nobody is to wait on any more. */
 void destroy_condition(condition& c);
 
-/* A list of definitions as a plain array of pointers with exactly `count` slots, for what does not
- * use test_list.h. `id` is the member that holds the test id. */
-
-/* Index of the first definition with this id, or -1. */
-template <typename D, typename Id>
-int test_index(D* const* list, int count, Id D::*id, Id wanted) {
-    for (int i = 0; i < count; i++) {
-        if (list[i]->*id == wanted) {
-            return i;
-        }
-    }
-    return -1;
-}
-
-/* Puts `test` into a new last slot. Returns 1, or 0 when memory ran out and nothing changed. */
-template <typename D>
-int append_test(D**& list, int& count, D* test) {
-    D** grown = static_cast<D**>(realloc(list, (static_cast<size_t>(count) + 1) * sizeof(D*)));
-    if (grown == nullptr) {
-        return 0;
-    }
-    list = grown;
-    list[count++] = test;
-    return 1;
-}
-
-/* Takes the definition out of its slot and closes the gap; the caller frees it. */
-template <typename D>
-D* take_test(D**& list, int& count, int index) {
-    D* test = list[index];
-    count--;
-    memmove(&list[index], &list[index + 1], static_cast<size_t>(count - index) * sizeof(D*));
-    if (count == 0) {
-        free(list);
-        list = nullptr;
-    } else if (D** shrunk =
-                   static_cast<D**>(realloc(list, static_cast<size_t>(count) * sizeof(D*)))) {
-        list = shrunk;
-    }
-    return test;
-}
-
 /* A text argument; null for an empty one. */
 char* text_or_none(char* text);
 

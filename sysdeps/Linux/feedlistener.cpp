@@ -1,5 +1,6 @@
 #include "feedlistener.h"
 
+#include "bytes.h"
 #include "checker.h"
 #include "feedlistener_frame.h"
 #include "test_list.h"
@@ -136,51 +137,30 @@ static void add_error(int error, int tid, const char* peer) {
 
 /* --- connections --- */
 
-struct input {
-    heap_text data;
-    size_t used, room;
-};
-
-/* Makes room for another RECEIVE_MOST bytes. There are never BUFFER_MOST: a frame is taken out as
- * soon as it is whole. False without memory. */
-static bool make_room(input& in) {
-    if (in.room - in.used >= RECEIVE_MOST) {
-        return true;
-    }
-    size_t room = std::min(std::max(2 * in.room, RECEIVE_MOST), BUFFER_MOST);
-    char* grown = static_cast<char*>(realloc(in.data.get(), room));
-    if (grown == nullptr) {
-        leveledadd2log(0, "Can not Realloc more memory");
-        return false;
-    }
-    (void)in.data.release();
-    in.data.reset(grown);
-    in.room = room;
-    return true;
-}
-
 /* Adds the whole chunks and moves what is left to the front. Returns 0, or why the connection
  * cannot go on. */
-static int take_chunks(input& in, int tid, const char* ip) {
+static int take_chunks(bytes& in, int tid, const char* ip) {
     size_t taken = 0;
     feed_frame frame;
     int outcome;
-    while ((outcome = read_frame(in.data.get() + taken, in.used - taken, &frame)) == 0) {
+    while ((outcome = read_frame(in.data() + taken, in.size() - taken, &frame)) == 0) {
         addchunk(frame.payload, static_cast<int>(frame.length), tid, ip, DATA);
         taken += frame.size;
     }
-    in.used -= taken;
-    if (taken > 0) {
-        memmove(in.data.get(), in.data.get() + taken, in.used);
-    }
+    in.drop_front(taken);
     return outcome == EAGAIN ? 0 : outcome;
 }
 
-/* Serves a connection until it ends. Returns the error to report, 0 for none. */
+/* Serves a connection until it ends. Returns the error to report, 0 for none. There are never
+ * BUFFER_MOST bytes: a frame is taken out as soon as it is whole. */
 static int receive_chunks(int peer, int tid, const char* ip) {
-    input in{};
-    while (make_room(in)) {
-        ssize_t received = recv(peer, in.data.get() + in.used, RECEIVE_MOST, 0);
+    bytes in(RECEIVE_MOST, BUFFER_MOST);
+    for (;;) {
+        if (!in.reserve(RECEIVE_MOST)) {
+            leveledadd2log(0, "Can not Realloc more memory");
+            return 0;
+        }
+        ssize_t received = recv(peer, in.end(), RECEIVE_MOST, 0);
         if (received == 0) {
             return 0;
         }
@@ -190,12 +170,11 @@ static int receive_chunks(int peer, int tid, const char* ip) {
             }
             return errno;
         }
-        in.used += static_cast<size_t>(received);
+        in.added(static_cast<size_t>(received));
         if (int error = take_chunks(in, tid, ip)) {
             return error;
         }
     }
-    return 0;
 }
 
 /* The connection and what belongs to it end with this scope. */

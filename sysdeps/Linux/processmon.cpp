@@ -1,5 +1,6 @@
 #include "processmon.h"
 
+#include "bytes.h"
 #include "checker.h"
 #include "procfile.h"
 #include "record_writer.h"
@@ -152,44 +153,31 @@ struct process_walk {
         snprintf(path, sizeof path, "%s/%s", entry->d_name, name);
         return read_file_at(dirfd(directory), path, buffer, room);
     }
+    /* Reads its stat line into a stat_buffer(); where in it the name begins, or null. */
+    const char* name_of(const dirent* entry, char* stat, size_t* length) const {
+        return read_file(entry, "stat", stat, STAT_MOST + 1) ? name_in(stat, length) : nullptr;
+    }
 };
 
 static unsigned int id_of(const dirent* entry) {
     return static_cast<unsigned int>(strtoul(entry->d_name, nullptr, 10));
 }
 
-/* Doubles a full array. False without memory, which leaves it as it was. */
-template <typename T>
-static bool make_room(T** array, size_t count, size_t* room) {
-    if (count < *room) {
-        return true;
-    }
-    size_t more = *room == 0 ? 256 : *room * 2;
-    T* grown = static_cast<T*>(realloc(*array, more * sizeof(T)));
-    if (grown == nullptr) {
-        return false;
-    }
-    *array = grown;
-    *room = more;
-    return true;
-}
-
 int get_proclist(unsigned int** proclist, int* cnt) {
     process_walk walk;
-    unsigned int* ids = nullptr;
-    size_t count = 0, room = 0;
+    growing<unsigned int> ids(256);
     while (const dirent* entry = walk.next()) {
         struct stat found;
         if (fstatat(dirfd(walk.directory), entry->d_name, &found, 0) == 0 &&
-            S_ISDIR(found.st_mode) && make_room(&ids, count, &room)) {
-            ids[count++] = id_of(entry);
+            S_ISDIR(found.st_mode)) {
+            ids.append(id_of(entry));
         }
     }
-    if (count == 0) {
+    if (ids.is_empty()) {
         return 0;
     }
-    *proclist = ids;
-    *cnt = static_cast<int>(count);
+    *cnt = static_cast<int>(ids.size());
+    *proclist = ids.release();
     return 1;
 }
 
@@ -211,22 +199,19 @@ int get_proc_parent_id(int pid) {
 int get_proc_IDS_by_name(char* pr_name, int** m_pIDS, int* pids_count) {
     process_walk walk;
     heap_text stat = stat_buffer();
-    int* ids = nullptr;
-    size_t count = 0, room = 0, length = 0;
+    growing<int> ids(256);
+    size_t length = 0;
     while (const dirent* entry = stat ? walk.next() : nullptr) {
-        const char* name = walk.read_file(entry, "stat", stat.get(), STAT_MOST + 1)
-                               ? name_in(stat.get(), &length)
-                               : nullptr;
-        if (name != nullptr && strlen(pr_name) == length && memcmp(name, pr_name, length) == 0 &&
-            make_room(&ids, count, &room)) {
-            ids[count++] = static_cast<int>(id_of(entry));
+        const char* name = walk.name_of(entry, stat.get(), &length);
+        if (name != nullptr && strlen(pr_name) == length && memcmp(name, pr_name, length) == 0) {
+            ids.append(static_cast<int>(id_of(entry)));
         }
     }
-    if (count == 0) {
+    if (ids.is_empty()) {
         return 0;
     }
-    *m_pIDS = ids;
-    *pids_count = static_cast<int>(count);
+    *pids_count = static_cast<int>(ids.size());
+    *m_pIDS = ids.release();
     return 1;
 }
 
@@ -353,8 +338,12 @@ static PCPU* history_of(int pid) {
     if (low < len_old_proc_cpu && old_proc_cpu[low].pid == pid) {
         return &old_proc_cpu[low];
     }
-    if (!make_room(&old_proc_cpu, len_old_proc_cpu, &old_proc_cpu_room)) {
-        return nullptr;
+    if (len_old_proc_cpu == old_proc_cpu_room) {
+        size_t more = old_proc_cpu_room == 0 ? 256 : old_proc_cpu_room * 2;
+        if (!resize_array(old_proc_cpu, more)) {
+            return nullptr;
+        }
+        old_proc_cpu_room = more;
     }
     memmove(&old_proc_cpu[low + 1], &old_proc_cpu[low], (len_old_proc_cpu - low) * sizeof(PCPU));
     len_old_proc_cpu++;
@@ -461,8 +450,7 @@ struct wanted_names {
  * names. */
 struct process_snapshot {
     wanted_names wanted;
-    heap<seen_process> processes;
-    size_t count = 0;
+    growing<seen_process> processes{256};
     heap<size_t> begin;
 };
 
@@ -547,22 +535,15 @@ static void fold_children(seen_process* run, size_t count) {
 static void walk_processes(process_snapshot* s) {
     process_walk walk;
     heap_text text = stat_buffer();
-    seen_process* found = nullptr;
-    size_t room = 0, length = 0;
+    size_t length = 0;
     while (const dirent* entry = text ? walk.next() : nullptr) {
-        const char* name = walk.read_file(entry, "stat", text.get(), STAT_MOST + 1)
-                               ? name_in(text.get(), &length)
-                               : nullptr;
-        size_t index = name != nullptr ? s->wanted.find(name, length) : s->wanted.count;
-        if (index == s->wanted.count || !make_room(&found, s->count, &room)) {
-            continue;
-        }
-        found[s->count].name = index;
-        if (measure_process(walk, entry, text.get(), &found[s->count])) {
-            s->count++;
+        const char* name = walk.name_of(entry, text.get(), &length);
+        seen_process process;
+        process.name = name != nullptr ? s->wanted.find(name, length) : s->wanted.count;
+        if (process.name != s->wanted.count && measure_process(walk, entry, text.get(), &process)) {
+            s->processes.append(process);
         }
     }
-    s->processes.reset(found);
 }
 
 /* False without memory. */
@@ -575,14 +556,14 @@ static bool take_snapshot(process_snapshot* s) REQUIRES(PROC_LIST_MUTEX) {
         return false;
     }
     walk_processes(s);
-    seen_process* processes = s->processes.get();
-    if (s->count > 0) {
-        qsort(processes, s->count, sizeof(seen_process), compare_processes);
+    seen_process* processes = s->processes.data();
+    if (!s->processes.is_empty()) {
+        qsort(processes, s->processes.size(), sizeof(seen_process), compare_processes);
     }
     size_t at = 0;
     for (size_t name = 0; name < s->wanted.count; name++) {
         s->begin.get()[name] = at;
-        while (at < s->count && processes[at].name == name) {
+        while (at < s->processes.size() && processes[at].name == name) {
             at++;
         }
         fold_children(&processes[s->begin.get()[name]], at - s->begin.get()[name]);
@@ -676,8 +657,8 @@ static void check_in_snapshot(const process_snapshot& s, proc_result* test) {
         report_not_running(test);
     }
     for (size_t i = from; i < to; i++) {
-        if (!s.processes.get()[i].folded) {
-            report_process(test, s.processes.get()[i]);
+        if (!s.processes[i].folded) {
+            report_process(test, s.processes[i]);
         }
     }
 }
@@ -712,8 +693,7 @@ static void pass() {
 
 /* Distinct names, each with a tab behind it, and a hash table of where they begin. */
 struct name_list {
-    heap_text text{};
-    size_t length = 0, text_room = 0;
+    bytes text{4096};       /* with a NUL behind the last one */
     heap<uint32_t> slots{}; /* offset + 1; 0: free */
     size_t slot_count = 0, names = 0;
 
@@ -732,7 +712,7 @@ struct name_list {
             if (*slot == 0) {
                 return slot;
             }
-            const char* at = text.get() + *slot - 1;
+            const char* at = text.data() + *slot - 1;
             if (strncmp(at, name, length_of_name) == 0 && at[length_of_name] == '\t') {
                 return slot;
             }
@@ -751,41 +731,25 @@ struct name_list {
         slot_count = count;
         for (size_t i = 0; i < old_count; i++) {
             if (uint32_t offset = old.get()[i]) {
-                const char* name = text.get() + offset - 1;
+                const char* name = text.data() + offset - 1;
                 *slot_of(name, strcspn(name, "\t")) = offset;
             }
         }
         return true;
     }
 
-    bool grow_text(size_t more) {
-        if (length + more < text_room) {
-            return true;
-        }
-        size_t room = (text_room + more) * 2 + 4096;
-        char* grown = static_cast<char*>(realloc(text.get(), room));
-        if (grown == nullptr) {
-            return false;
-        }
-        (void)text.release();
-        text.reset(grown);
-        text_room = room;
-        return true;
-    }
-
-    void add(const char* name, size_t length_of_name) {
-        if (!grow_text(length_of_name + 2) || (names * 2 >= slot_count && !grow_slots())) {
+    void add(const char* name, size_t length) {
+        if (!text.reserve(length + 2) || (names * 2 >= slot_count && !grow_slots())) {
             return;
         }
-        uint32_t* slot = slot_of(name, length_of_name);
+        uint32_t* slot = slot_of(name, length);
         if (*slot != 0) {
             return;
         }
-        *slot = static_cast<uint32_t>(length) + 1;
-        memcpy(text.get() + length, name, length_of_name);
-        length += length_of_name;
-        memcpy(text.get() + length, "\t", 2);
-        length++;
+        *slot = static_cast<uint32_t>(text.size()) + 1;
+        text.append(name, length);
+        text.append('\t');
+        text.terminate();
         names++;
     }
 };
@@ -798,16 +762,13 @@ int get_proc_name_list(char** pData, int* pDataSize) {
     size_t length = 0;
     while (const dirent* entry = stat ? walk.next() : nullptr) {
         any = true;
-        const char* name = walk.read_file(entry, "stat", stat.get(), STAT_MOST + 1)
-                               ? name_in(stat.get(), &length)
-                               : nullptr;
-        if (name != nullptr) {
+        if (const char* name = walk.name_of(entry, stat.get(), &length)) {
             list.add(name, length);
         }
     }
     return any &&
            hand_over_record(make_record<protocol::process_names>(named<"time">(now_in_seconds()),
-                                                                 named<"names">(list.text.get())),
+                                                                 named<"names">(list.text.data())),
                             pData, pDataSize);
 }
 

@@ -1,5 +1,7 @@
 #include "procfile.h"
 
+#include "bytes.h"
+
 #include <climits>
 #include <cstdio>
 #include <fcntl.h>
@@ -34,23 +36,16 @@ heap_text read_whole_proc_file(const char* name) {
     if (!file) {
         return nullptr;
     }
-    heap_text text;
-    size_t room = 0, used = 0;
+    bytes text(4096);
     for (;;) {
-        if (used + 1 >= room) {
-            room = room == 0 ? 4096 : room * 2;
-            char* grown = static_cast<char*>(realloc(text.get(), room));
-            if (grown == nullptr) {
-                return nullptr;
-            }
-            (void)text.release();
-            text.reset(grown);
+        if (!text.reserve(2)) { /* something, and the NUL */
+            return nullptr;
         }
-        ssize_t length = read(file.get(), text.get() + used, room - used - 1);
+        ssize_t length = read(file.get(), text.end(), text.room() - text.size() - 1);
         if (length < 1) {
-            text.get()[used] = '\0';
-            return text;
+            *text.end() = '\0';
+            return text.take();
         }
-        used += static_cast<size_t>(length);
+        text.added(static_cast<size_t>(length));
     }
 }

@@ -1,5 +1,6 @@
 #include "remote_query.h"
 
+#include "bytes.h"
 #include "shell_command.h"
 
 #include <csignal>
@@ -7,7 +8,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <utility>
 
 static const size_t OUTPUT_LIMIT = 16 * 1024 * 1024;
 static int query_limit_s = 60; /* snmpget's own time-outs and retries stay well below */
@@ -36,59 +36,39 @@ static int time_left_ms(const timespec& end) {
 
 /* What a command has printed so far. */
 struct output {
-    heap_text text;
-    size_t length = 0;
-    size_t room = 0;  /* in `text`, without the place for a NUL */
-    bool cut = false; /* there was more than OUTPUT_LIMIT */
+    bytes text{4096, OUTPUT_LIMIT + 1}; /* with the place for a NUL */
+    bool cut = false;                   /* there was more than OUTPUT_LIMIT */
 };
-
-/* Twice the room each time, so that the work grows no faster than the output. */
-static bool make_room(output* printed) {
-    size_t room = printed->room == 0 ? 4096 : printed->room * 2;
-    room = room < OUTPUT_LIMIT ? room : OUTPUT_LIMIT;
-    char* grown = static_cast<char*>(realloc(printed->text.get(), room + 1));
-    if (grown == nullptr) {
-        errno = ENOMEM;
-        return false;
-    }
-    (void)printed->text.release();
-    printed->text.reset(grown);
-    printed->room = room;
-    return true;
-}
 
 /* As read(2). What is beyond the limit is read and dropped, so that the command does not wait for a
  * reader. */
 static ssize_t read_some(int fd, output* printed) {
-    if (printed->length == OUTPUT_LIMIT) {
+    if (printed->text.size() == OUTPUT_LIMIT) {
         char dropped[4096];
         ssize_t count = read(fd, dropped, sizeof dropped);
         printed->cut |= count > 0;
         return count;
     }
-    if (printed->length == printed->room && !make_room(printed)) {
+    if (!printed->text.reserve(2)) {
+        errno = ENOMEM;
         return -1;
     }
-    ssize_t count =
-        read(fd, printed->text.get() + printed->length, printed->room - printed->length);
-    printed->length += count > 0 ? static_cast<size_t>(count) : 0;
+    ssize_t count = read(fd, printed->text.end(), printed->text.room() - printed->text.size() - 1);
+    printed->text.added(count > 0 ? static_cast<size_t>(count) : 0);
     return count;
 }
 
 /* The text of what was printed. Half a line at the limit could pass for a whole one with another
  * value, so it goes. Null without memory. */
 static heap_text finish(output* printed) {
-    if (printed->room == 0 && !make_room(printed)) {
-        return nullptr;
-    }
-    char* text = printed->text.get();
+    bytes& text = printed->text;
     if (printed->cut) {
-        const void* last = memrchr(text, '\n', printed->length);
-        const char* end = last != nullptr ? static_cast<const char*>(last) + 1 : text;
-        printed->length = static_cast<size_t>(end - text);
+        const void* last = memrchr(text.data(), '\n', text.size());
+        text.cut(last != nullptr
+                     ? static_cast<size_t>(static_cast<const char*>(last) + 1 - text.data())
+                     : 0);
     }
-    text[printed->length] = '\0';
-    return std::move(printed->text);
+    return text.terminate() ? text.take() : nullptr;
 }
 
 /* Reads until the end of the stream, or until the limit of time: `*ended` tells which. Null at a

@@ -405,33 +405,6 @@ TEST_F(CheckerTest, failures_to_start) {
     checker_stop(c); /* nothing to join */
 }
 
-namespace {
-struct sample {
-    int tid;
-};
-} // namespace
-
-TEST(TestList, keeps_order_and_closes_gaps) {
-    sample** list = nullptr;
-    int count = 0;
-    sample tests[4] = {{4}, {2}, {9}, {7}};
-    for (sample& t : tests) {
-        ASSERT_EQ(1, append_test(list, count, &t));
-    }
-    EXPECT_EQ(2, test_index(list, count, &sample::tid, 9));
-    EXPECT_EQ(-1, test_index(list, count, &sample::tid, 5));
-    EXPECT_EQ(&tests[1], take_test(list, count, 1));
-    ASSERT_EQ(3, count);
-    EXPECT_EQ(4, list[0]->tid);
-    EXPECT_EQ(9, list[1]->tid);
-    EXPECT_EQ(7, list[2]->tid);
-    while (count > 0) {
-        take_test(list, count, count - 1);
-    }
-    EXPECT_EQ(nullptr, list);
-    EXPECT_EQ(-1, test_index(list, count, &sample::tid, 4));
-}
-
 TEST(CopyText, none_for_null_and_empty) {
     EXPECT_EQ(nullptr, copy_text(nullptr));
     EXPECT_EQ(nullptr, copy_text(""));

@@ -463,17 +463,15 @@ TEST_F(feed, every_split) {
         "TSV\t7\tT\tp\ta%250D%250A\t0\nTSV\t7\tT\tp\t1\t0\nTSV\t7\tT\tp\t1%250D\t0\n";
     for (size_t a = 0; a <= stream.size(); a++) {
         for (size_t b = a; b <= stream.size(); b++) {
-            input in{};
+            bytes in;
             size_t ends[] = {a, b, stream.size()};
             size_t at = 0;
             for (size_t end : ends) {
-                ASSERT_TRUE(make_room(in));
-                memcpy(in.data.get() + in.used, stream.data() + at, end - at);
-                in.used += end - at;
+                ASSERT_TRUE(in.append(stream.data() + at, end - at));
                 at = end;
                 ASSERT_EQ(take_chunks(in, 7, "p"), 0);
             }
-            ASSERT_EQ(in.used, 0u);
+            ASSERT_EQ(in.size(), 0u);
             heap_text text(get_feed_results());
             ASSERT_TRUE(text);
             ASSERT_EQ(without_times(text.get()), expected) << a << " " << b;

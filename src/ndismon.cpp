@@ -321,14 +321,9 @@ void add_ndis(int _tid, int _lid, char* ipstart, char* ipend, char* oids) {
     if (test == nullptr) {
         return;
     }
-    *test = {.tid = _tid,
-             .lid = _lid,
-             .oids = nullptr,
-             .addresses_list = nullptr,
-             .addresses_list_len = 0,
-             .threadargs_list = nullptr,
-             .threadargs_list_len = 0,
-             .scan_started = 0};
+    *test = ndis_args{};
+    test->tid = _tid;
+    test->lid = _lid;
     lock hold(_gndis_mon_mutex);
     if (!_gndis_args_list.adopt(test)) {
         return;

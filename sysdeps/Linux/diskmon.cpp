@@ -78,12 +78,8 @@ static bool take_counters(const char* line, const char* format, const char* devi
 static void find_device(const device_statistics& s, const char* device, unsigned long long* read,
                         unsigned long long* written) {
     char line[256];
-    for (const char* rest = s.text.get(); *rest != '\0';) {
-        size_t length = strcspn(rest, "\n");
-        length = length < sizeof line - 1 ? length : sizeof line - 1;
-        memcpy(line, rest, length);
-        line[length] = '\0';
-        rest += length + (rest[length] == '\n');
+    const char* rest = s.text.get();
+    while (take_line(&rest, line, sizeof line)) {
         /* Only the line that has the name is worth the reading of its numbers. */
         if (strcasestr(line, device) != nullptr &&
             take_counters(line, s.format, device, read, written)) {

@@ -250,19 +250,6 @@ static void sample_line(char* line, layout version) REQUIRES(net_interface_list_
     }
 }
 
-/* The next line at *rest, or as much as one read takes of it; null at the end. */
-static char* take_line(char** rest, char line[LINE_MOST + 1]) {
-    if (**rest == '\0') {
-        return nullptr;
-    }
-    size_t length = strcspn(*rest, "\n");
-    length = length < LINE_MOST ? length : LINE_MOST;
-    memcpy(line, *rest, length);
-    line[length] = '\0';
-    *rest += length + ((*rest)[length] == '\n');
-    return line;
-}
-
 static void sample_interfaces() {
     lock hold(net_interface_list_mutex);
     if (net_interface_list.size() == 0) {
@@ -270,12 +257,12 @@ static void sample_interfaces() {
     }
     heap_text text = read_whole_proc_file("net/dev");
     char line[LINE_MOST + 1];
-    char* rest = text.get();
-    if (!text || take_line(&rest, line) == nullptr || take_line(&rest, line) == nullptr) {
+    const char* rest = text.get();
+    if (!text || !take_line(&rest, line, sizeof line) || !take_line(&rest, line, sizeof line)) {
         return;
     }
     layout version = layout_of(line);
-    while (take_line(&rest, line) != nullptr) {
+    while (take_line(&rest, line, sizeof line)) {
         sample_line(line, version);
     }
 }

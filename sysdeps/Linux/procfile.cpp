@@ -49,3 +49,15 @@ heap_text read_whole_proc_file(const char* name) {
         text.added(static_cast<size_t>(length));
     }
 }
+
+bool take_line(const char** rest, char* line, size_t room) {
+    if (**rest == '\0') {
+        return false;
+    }
+    size_t length = strcspn(*rest, "\n");
+    length = length < room - 1 ? length : room - 1;
+    memcpy(line, *rest, length);
+    line[length] = '\0';
+    *rest += length + ((*rest)[length] == '\n');
+    return true;
+}

@@ -18,4 +18,9 @@ heap_text read_proc_file(const char* name, size_t limit);
  * Returns NUL-terminated text, or null when the file cannot be opened. */
 heap_text read_whole_proc_file(const char* name);
 
+/* Copies the line that `*rest` begins with to `line`, without its end and NUL-terminated, and moves
+ * on behind it; of a longer one than there is room for, the first part. False at the end of the
+ * text. */
+bool take_line(const char** rest, char* line, size_t room);
+
 #endif

@@ -124,6 +124,17 @@ TEST_F(ProcFile, closes_what_it_opens) {
     EXPECT_EQ(before, open_descriptors());
 }
 
+TEST(TakeLine, comes_in_parts_when_it_is_too_long) {
+    const char* rest = "one\n\nfour four\nlast";
+    char line[5];
+    std::string lines;
+    while (take_line(&rest, line, sizeof line)) {
+        lines += std::string(line) + "|";
+    }
+    EXPECT_EQ("one||four| fou|r|last|", lines);
+    EXPECT_EQ('\0', *rest);
+}
+
 TEST(ProcRoot, is_the_kernels) {
     EXPECT_STREQ("/proc", proc_root);
     EXPECT_NE(nullptr, read_proc_file("loadavg", 4096));

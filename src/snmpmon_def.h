@@ -51,9 +51,4 @@ snmp_def* snmp_def_dup(snmp_def* p);
 /* Frees the definition with all it owns and nulls the pointer; null is fine. */
 void free_snmp_def(snmp_def** p);
 
-/* A text for a message: "(null)" for null. */
-inline const char* shown(const char* text) {
-    return text != nullptr ? text : "(null)";
-}
-
 #endif

@@ -44,6 +44,11 @@ extern time_t (*log_clock)();
  * lost. */
 void leveledadd2log(int loglevel, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
+/* A text as an argument of a line, "(null)" for null, which must not be one. */
+inline const char* shown(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
 /* Logs `str` whatever the level: noWait 0 queues it, anything else writes it at once. Before the
  * writer has started the text goes to standard output as "\nTEXT\n"; while no file is open it is
  * dropped, so a file that cannot be opened again costs lines and not memory. */

@@ -110,10 +110,6 @@ static char* or_default(char* text, const char* otherwise) {
     return text != nullptr && text[0] != '\0' ? text : const_cast<char*>(otherwise);
 }
 
-static const char* or_null(const char* text) {
-    return text != nullptr ? text : "(null)";
-}
-
 static bool is_complete(const aHost& test) {
     return test.id != 0 && test.host != nullptr && test.uri != nullptr && test.port != nullptr;
 }
@@ -127,8 +123,8 @@ static void log_new_test(const aHost& test) {
                    "\tMeth:        %d\n",
                    static_cast<int>(test.id), test.loc_id, test.host, test.uri, test.port,
                    or_default(test.mutch, "N/A"), or_default(test.post, "N/A"),
-                   or_default(test.user, "N/A"), or_default(test.pass, "N/A"), or_null(test.tout),
-                   or_null(test.userAgent), test.isSSL, test.Redirect, test.loadFullPage,
+                   or_default(test.user, "N/A"), or_default(test.pass, "N/A"), shown(test.tout),
+                   shown(test.userAgent), test.isSSL, test.Redirect, test.loadFullPage,
                    test.mustbefound, test.method);
 }
 

@@ -144,19 +144,14 @@ void free_mysql_data(MySQL_Data** p) {
     *p = nullptr;
 }
 
+/* --- the server's values --------------------------------------------------------------------- */
+
 /* Seconds that the server has for what it answers. Most: the libraries count milliseconds in an
  * int. */
 static const unsigned LEAST_ANSWER_TIME = 30, MOST_ANSWER_TIME = INT_MAX / 1000;
 
-/* --- the server's values --------------------------------------------------------------------- */
-
 static char* owned(const char* text) {
     return strdup(text != nullptr ? text : "");
-}
-
-/* Null, which the C library would print like this, too, is no format argument. */
-static const char* or_null(const char* text) {
-    return text != nullptr ? text : "(null)";
 }
 
 static void take_value(const MySQL_Data& test, const char* name, const char* value, char** pTarr) {
@@ -194,14 +189,14 @@ static bool connect_to_server(const MySQL_Data& test, MYSQL* connection) {
     leveledadd2log(0,
                    "ERROR: make_query: lib_mysql_real_connect failed: test_id %d, host %s, port "
                    "%d, unixsock %s, error - %s",
-                   test.tid, or_null(test.host), test.port, or_null(test.unixsock),
-                   or_null(lib_mysql_error(connection)));
+                   test.tid, shown(test.host), test.port, shown(test.unixsock),
+                   shown(lib_mysql_error(connection)));
     return false;
 }
 
 static bool query_failed(const MySQL_Data& test, MYSQL* connection, const char* function) {
     leveledadd2log(0, "ERROR: make_query: %s failed: test_id %d, error - %s", function, test.tid,
-                   or_null(lib_mysql_error(connection)));
+                   shown(lib_mysql_error(connection)));
     return false;
 }
 

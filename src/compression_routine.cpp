@@ -10,12 +10,6 @@
 #include <dlfcn.h>
 #include <iterator>
 
-void* zlib_handle = nullptr;
-decltype(&adler32) lib_adler32 = nullptr;
-decltype(&compress2) lib_compress2 = nullptr;
-decltype(&uncompress) lib_uncompress = nullptr;
-int isZLIBloaded = 0;
-
 static const char* const ZLIB_NAMES[] = {"libz.so", "libz.so.1"};
 
 static const dynlib_symbol ZLIB_SYMBOLS[] = {

@@ -10,11 +10,12 @@
 #include <cstddef>
 #include <zlib.h>
 
-extern void* zlib_handle; /* null while zlib is not loaded; never closed once it is bound */
-extern decltype(&adler32) lib_adler32;
-extern decltype(&compress2) lib_compress2;
-extern decltype(&uncompress) lib_uncompress;
-extern int isZLIBloaded; /* 1 when zlib was bound, set by init_ssl_variables */
+/* Null while zlib is not loaded; never closed once it is bound. */
+inline void* zlib_handle = nullptr;
+inline decltype(&adler32) lib_adler32 = nullptr;
+inline decltype(&compress2) lib_compress2 = nullptr;
+inline decltype(&uncompress) lib_uncompress = nullptr;
+inline int isZLIBloaded = 0; /* 1 when zlib was bound, set by init_ssl_variables */
 
 /* Opens "libz.so" or "libz.so.1" and binds the three functions. Returns 1 when they are bound or
  * already were. Returns 0 with a line at level 0 when neither file opens, and 0 without one when a

@@ -13,46 +13,6 @@
 #include <iterator>
 #include <pthread.h>
 
-void* libssl_handle = nullptr;
-
-void (*lib_SSL_load_error_strings)() = nullptr;
-void (*lib_ERR_load_BIO_strings)() = nullptr;
-int (*lib_SSL_library_init)() = nullptr;
-decltype(&SSL_CTX_new) lib_SSL_CTX_new = nullptr;
-const SSL_METHOD* (*lib_SSLv23_client_method)() = nullptr;
-decltype(&SSL_new) lib_SSL_new = nullptr;
-decltype(&SSL_CTX_free) lib_SSL_CTX_free = nullptr;
-decltype(&BIO_new_ssl_connect) lib_BIO_new_ssl_connect = nullptr;
-decltype(&BIO_ctrl) lib_BIO_ctrl = nullptr;
-decltype(&BIO_free_all) lib_BIO_free_all = nullptr;
-decltype(&SSL_shutdown) lib_SSL_shutdown = nullptr;
-decltype(&BIO_write) lib_BIO_write = nullptr;
-decltype(&SSL_ctrl) lib_SSL_ctrl = nullptr;
-decltype(&BIO_read) lib_BIO_read = nullptr;
-decltype(&SSL_set_fd) lib_SSL_set_fd = nullptr;
-decltype(&SSL_connect) lib_SSL_connect = nullptr;
-decltype(&SSL_get_error) lib_SSL_get_error = nullptr;
-decltype(&SSL_free) lib_SSL_free = nullptr;
-decltype(&SSL_write) lib_SSL_write = nullptr;
-decltype(&SSL_read) lib_SSL_read = nullptr;
-decltype(&ERR_error_string) lib_ERR_error_string = nullptr;
-decltype(&ERR_get_error) lib_ERR_get_error = nullptr;
-void (*lib_OPENSSL_add_all_algorithms_noconf)() = nullptr;
-void (*lib_OPENSSL_add_all_algorithms_conf)() = nullptr;
-
-const char* ssl_missing_to_verify = nullptr;
-decltype(&SSL_CTX_new) lib_SSL_CTX_new_private = nullptr;
-decltype(&SSL_CTX_load_verify_locations) lib_SSL_CTX_load_verify_locations = nullptr;
-decltype(&SSL_CTX_set_verify) lib_SSL_CTX_set_verify = nullptr;
-decltype(&SSL_get0_param) lib_SSL_get0_param = nullptr;
-decltype(&SSL_get_verify_result) lib_SSL_get_verify_result = nullptr;
-decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain = nullptr;
-decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags = nullptr;
-decltype(&X509_VERIFY_PARAM_set_hostflags) lib_X509_VERIFY_PARAM_set_hostflags = nullptr;
-decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host = nullptr;
-decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc = nullptr;
-decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string = nullptr;
-
 /* What a host without any is told that it lacks. */
 static const char CURRENT_NAME[] = "libssl.so.3";
 

@@ -14,47 +14,48 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-extern void* libssl_handle; /* null until a library is opened */
+inline void* libssl_handle = nullptr; /* null until a library is opened */
 
-extern void (*lib_SSL_load_error_strings)();
-extern void (*lib_ERR_load_BIO_strings)();
-extern int (*lib_SSL_library_init)();
-extern decltype(&SSL_CTX_new) lib_SSL_CTX_new;
-extern const SSL_METHOD* (*lib_SSLv23_client_method)();
-extern decltype(&SSL_new) lib_SSL_new;
-extern decltype(&SSL_CTX_free) lib_SSL_CTX_free;
-extern decltype(&BIO_new_ssl_connect) lib_BIO_new_ssl_connect;
-extern decltype(&BIO_ctrl) lib_BIO_ctrl;
-extern decltype(&BIO_free_all) lib_BIO_free_all;
-extern decltype(&SSL_shutdown) lib_SSL_shutdown;
-extern decltype(&BIO_write) lib_BIO_write;
-extern decltype(&SSL_ctrl) lib_SSL_ctrl;
-extern decltype(&BIO_read) lib_BIO_read;
-extern decltype(&SSL_set_fd) lib_SSL_set_fd;
-extern decltype(&SSL_connect) lib_SSL_connect;
-extern decltype(&SSL_get_error) lib_SSL_get_error;
-extern decltype(&SSL_free) lib_SSL_free;
-extern decltype(&SSL_write) lib_SSL_write;
-extern decltype(&SSL_read) lib_SSL_read;
-extern decltype(&ERR_error_string) lib_ERR_error_string;
-extern decltype(&ERR_get_error) lib_ERR_get_error;
-extern void (*lib_OPENSSL_add_all_algorithms_noconf)();
-extern void (*lib_OPENSSL_add_all_algorithms_conf)();
+inline void (*lib_SSL_load_error_strings)() = nullptr;
+inline void (*lib_ERR_load_BIO_strings)() = nullptr;
+inline int (*lib_SSL_library_init)() = nullptr;
+inline decltype(&SSL_CTX_new) lib_SSL_CTX_new = nullptr;
+inline const SSL_METHOD* (*lib_SSLv23_client_method)() = nullptr;
+inline decltype(&SSL_new) lib_SSL_new = nullptr;
+inline decltype(&SSL_CTX_free) lib_SSL_CTX_free = nullptr;
+inline decltype(&BIO_new_ssl_connect) lib_BIO_new_ssl_connect = nullptr;
+inline decltype(&BIO_ctrl) lib_BIO_ctrl = nullptr;
+inline decltype(&BIO_free_all) lib_BIO_free_all = nullptr;
+inline decltype(&SSL_shutdown) lib_SSL_shutdown = nullptr;
+inline decltype(&BIO_write) lib_BIO_write = nullptr;
+inline decltype(&SSL_ctrl) lib_SSL_ctrl = nullptr;
+inline decltype(&BIO_read) lib_BIO_read = nullptr;
+inline decltype(&SSL_set_fd) lib_SSL_set_fd = nullptr;
+inline decltype(&SSL_connect) lib_SSL_connect = nullptr;
+inline decltype(&SSL_get_error) lib_SSL_get_error = nullptr;
+inline decltype(&SSL_free) lib_SSL_free = nullptr;
+inline decltype(&SSL_write) lib_SSL_write = nullptr;
+inline decltype(&SSL_read) lib_SSL_read = nullptr;
+inline decltype(&ERR_error_string) lib_ERR_error_string = nullptr;
+inline decltype(&ERR_get_error) lib_ERR_get_error = nullptr;
+inline void (*lib_OPENSSL_add_all_algorithms_noconf)() = nullptr;
+inline void (*lib_OPENSSL_add_all_algorithms_conf)() = nullptr;
 
 /* What it takes to verify a server, from 1.1.0 on. To be called only when ssl_missing_to_verify is
  * null: otherwise that is the name of the first function that the library lacks. */
-extern const char* ssl_missing_to_verify;
-extern decltype(&SSL_CTX_new) lib_SSL_CTX_new_private; /* a context that nobody else uses */
-extern decltype(&SSL_CTX_load_verify_locations) lib_SSL_CTX_load_verify_locations;
-extern decltype(&SSL_CTX_set_verify) lib_SSL_CTX_set_verify;
-extern decltype(&SSL_get0_param) lib_SSL_get0_param;
-extern decltype(&SSL_get_verify_result) lib_SSL_get_verify_result;
-extern decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain;
-extern decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags;
-extern decltype(&X509_VERIFY_PARAM_set_hostflags) lib_X509_VERIFY_PARAM_set_hostflags;
-extern decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host;
-extern decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc;
-extern decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string;
+inline const char* ssl_missing_to_verify = nullptr;
+/* A context that nobody else uses. */
+inline decltype(&SSL_CTX_new) lib_SSL_CTX_new_private = nullptr;
+inline decltype(&SSL_CTX_load_verify_locations) lib_SSL_CTX_load_verify_locations = nullptr;
+inline decltype(&SSL_CTX_set_verify) lib_SSL_CTX_set_verify = nullptr;
+inline decltype(&SSL_get0_param) lib_SSL_get0_param = nullptr;
+inline decltype(&SSL_get_verify_result) lib_SSL_get_verify_result = nullptr;
+inline decltype(&SSL_get_peer_cert_chain) lib_SSL_get_peer_cert_chain = nullptr;
+inline decltype(&X509_VERIFY_PARAM_set_flags) lib_X509_VERIFY_PARAM_set_flags = nullptr;
+inline decltype(&X509_VERIFY_PARAM_set_hostflags) lib_X509_VERIFY_PARAM_set_hostflags = nullptr;
+inline decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host = nullptr;
+inline decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc = nullptr;
+inline decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string = nullptr;
 
 /* Opens the first candidate that loads and binds every function from it. Returns 1 when all are
  * bound or a library was opened before; 0 with a line at level 0 when no candidate opens, 0 without

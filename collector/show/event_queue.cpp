@@ -5,8 +5,9 @@
 #include <iterator>
 #include <utility>
 
-static const size_t chunk_size = 64 << 10; /* bytes, unless one event has more */
-static const size_t chunk_events = 256;
+/* Of a chunk: bytes, and events. What has more than a quarter of the bytes has memory of its own.
+ */
+static const size_t chunk_size = 16 << 10, chunk_events = 64;
 
 static size_t bytes_of(const event& e) {
     return e.account.size() + e.agent.size() + e.text.size() + e.result.content.raw.size();
@@ -30,31 +31,40 @@ static record moved_to(const record& r, std::string_view copy) {
     return m;
 }
 
-bool event_chunk::has_room(const event& e) const {
-    return used_ + bytes_of(e) <= size_ && events.size() < chunk_events;
+static bool is_large(const event& e) {
+    return bytes_of(e) > chunk_size / 4;
 }
 
-std::string_view event_chunk::keep(std::string_view text) {
-    char* place = bytes_.get() + used_;
-    used_ += text.size();
-    text.copy(place, text.size());
-    return {place, text.size()};
+event_chunk::event_chunk() : bytes_(std::make_unique_for_overwrite<char[]>(chunk_size)) {
+    events.reserve(chunk_events);
+}
+
+bool event_chunk::has_room(const event& e) const {
+    return events.size() < chunk_events && (is_large(e) || used_ + bytes_of(e) <= chunk_size);
+}
+
+static std::string_view append(char*& place, std::string_view text) {
+    std::string_view copy(place, text.copy(place, text.size()));
+    place += text.size();
+    return copy;
 }
 
 void event_chunk::add(const event& e) {
-    if (!has_room(e)) { /* only of an empty one */
-        size_ = std::max(chunk_size, bytes_of(e));
-        bytes_ = std::make_unique_for_overwrite<char[]>(size_);
-        events.reserve(chunk_events);
-    }
     event& kept = events.emplace_back(e);
-    kept.account = keep(e.account);
-    kept.agent = keep(e.agent);
-    kept.text = keep(e.text);
+    char* place = bytes_.get() + used_;
+    if (is_large(e)) {
+        kept.own = std::make_shared_for_overwrite<char[]>(bytes_of(e));
+        place = kept.own.get();
+    } else {
+        used_ += bytes_of(e);
+    }
+    kept.account = append(place, e.account);
+    kept.agent = append(place, e.agent);
+    kept.text = append(place, e.text);
     std::string_view raw = e.result.content.raw;
     if (!raw.empty()) {
         record_summary& summary = kept.result.summary;
-        std::string_view copy = keep(raw);
+        std::string_view copy = append(place, raw);
         kept.result.content = moved_to(e.result.content, copy);
         if (!summary.message.empty()) {
             size_t at = static_cast<size_t>(summary.message.data() - raw.data());
@@ -66,10 +76,6 @@ void event_chunk::add(const event& e) {
 void event_chunk::clear() {
     events.clear();
     next = used_ = 0;
-    if (size_ > chunk_size) {
-        bytes_.reset();
-        size_ = 0;
-    }
 }
 
 size_t event_queue::add(const event& e) {
@@ -95,6 +101,7 @@ void event_queue::drop_first() {
     event_chunk& first = chunks_.front();
     bytes_ -= sizeof(event) + bytes_of(first.events[first.next]);
     count_--;
+    first.events[first.next] = {};
     if (++first.next == first.events.size()) {
         first.clear();
         spare_.push_back(std::move(first));

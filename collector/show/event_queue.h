@@ -35,11 +35,13 @@ struct event {
     std::string_view text = {};
     decoded_record result = {};
     std::shared_ptr<const plan_content> plan = {};
+    std::shared_ptr<char[]> own = {}; /* what the views are of, where that is much */
 };
 
 /* Some events and the bytes that their views are of. */
 class event_chunk {
 public:
+    event_chunk();
     bool has_room(const event& e) const;
     void add(const event& e);
     void clear();
@@ -48,9 +50,8 @@ public:
     size_t next = 0; /* of events: those before it are dropped */
 
 private:
-    std::string_view keep(std::string_view text);
     std::unique_ptr<char[]> bytes_;
-    size_t size_ = 0, used_ = 0;
+    size_t used_ = 0;
 };
 
 /* For one thread at a time: its user holds a lock. */
@@ -69,7 +70,7 @@ public:
     void take(std::vector<event_chunk>& chunks);
 
 private:
-    enum { most_spare = 16 }; /* chunks */
+    enum { most_spare = 64 }; /* chunks */
     void drop_first();
 
     const size_t most_; /* bytes */

@@ -1,22 +1,8 @@
 #include "ingest/body.h"
 
+#include "packing.h"
+
 #include <gtest/gtest.h>
-#include <zlib.h>
-
-static std::string compress_text(const std::string& plain) {
-    uLongf size = compressBound(plain.size());
-    std::string wire(size, '\0');
-    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(wire.data()), &size,
-                       reinterpret_cast<const Bytef*>(plain.data()), plain.size()),
-              Z_OK);
-    wire.resize(size);
-    return wire;
-}
-
-static uint64_t adler(const std::string& wire) {
-    return adler32(adler32(0, nullptr, 0), reinterpret_cast<const Bytef*>(wire.data()),
-                   static_cast<uInt>(wire.size()));
-}
 
 /* The plain bytes, or "!" and the reason. */
 static std::string unpack(const std::string& wire, uint64_t compression, uint64_t checksum,
@@ -38,13 +24,13 @@ TEST(body, raw_without_checksum) {
 }
 
 TEST(body, the_checksum_is_that_of_the_bytes_as_sent) {
-    EXPECT_EQ(adler("Wikipedia"), 0x11e60398u);
+    EXPECT_EQ(sum_of("Wikipedia"), 0x11e60398u);
     EXPECT_EQ(unpack("Wikipedia", 0, 0x11e60398), "Wikipedia");
     EXPECT_EQ(unpack("Wikipedia", 0, 0x11e60399), "!the checksum is wrong");
     EXPECT_EQ(unpack("Wikipedia", 0, 0x111e60398), "!the checksum is wrong");
-    std::string plain(1000, 'x'), wire = compress_text(plain);
-    EXPECT_EQ(unpack(wire, plain.size(), adler(wire)), plain);
-    EXPECT_EQ(unpack(wire, plain.size(), adler(plain)), "!the checksum is wrong");
+    std::string plain(1000, 'x'), wire = pack(plain);
+    EXPECT_EQ(unpack(wire, plain.size(), sum_of(wire)), plain);
+    EXPECT_EQ(unpack(wire, plain.size(), sum_of(plain)), "!the checksum is wrong");
 }
 
 TEST(body, decompresses_what_was_announced) {
@@ -53,7 +39,7 @@ TEST(body, decompresses_what_was_announced) {
         for (size_t i = 0; i < size; i++) {
             plain += static_cast<char>(i * i >> 7);
         }
-        std::string wire = compress_text(plain);
+        std::string wire = pack(plain);
         EXPECT_EQ(unpack(wire, size, 0), plain);
         EXPECT_EQ(unpack(wire, size + 1, 0),
                   "!the body does not have the announced size when decompressed");
@@ -66,7 +52,7 @@ TEST(body, decompresses_what_was_announced) {
 }
 
 TEST(body, what_is_not_compressed_well_is_refused) {
-    std::string plain(1000, 'x'), wire = compress_text(plain);
+    std::string plain(1000, 'x'), wire = pack(plain);
     for (size_t length = 0; length < wire.size(); length++) {
         EXPECT_EQ(unpack(wire.substr(0, length), plain.size(), 0)[0], '!');
     }
@@ -81,10 +67,10 @@ TEST(body, limits_hold_before_and_after_decompression) {
     EXPECT_EQ(unpack(std::string(100, 'x'), 0, 0, limits), std::string(100, 'x'));
     EXPECT_EQ(unpack(std::string(101, 'x'), 0, 0, limits), "!the body is larger than the limit");
     std::string plain(1000, 'x');
-    EXPECT_EQ(unpack(compress_text(plain), 1000, 0, limits), plain);
+    EXPECT_EQ(unpack(pack(plain), 1000, 0, limits), plain);
     const char* too_large = "!the decompressed body would be larger than the limit";
-    EXPECT_EQ(unpack(compress_text(plain), 1001, 0, limits), too_large);
-    EXPECT_EQ(unpack(compress_text(plain), ~uint64_t{0}, 0, limits), too_large);
+    EXPECT_EQ(unpack(pack(plain), 1001, 0, limits), too_large);
+    EXPECT_EQ(unpack(pack(plain), ~uint64_t{0}, 0, limits), too_large);
     limits.max_plain = 50;
     EXPECT_EQ(unpack(std::string(51, 'x'), 0, 0, limits), too_large);
     EXPECT_EQ(unpack("x", ~uint64_t{0}, 0, {.max_wire = ~size_t{0}, .max_plain = ~size_t{0}}),
@@ -93,7 +79,7 @@ TEST(body, limits_hold_before_and_after_decompression) {
 
 /* A small body that would unpack to much more than it announces. */
 TEST(body, more_than_announced_is_not_unpacked) {
-    std::string wire = compress_text(std::string(8u << 20, '\0'));
+    std::string wire = pack(std::string(8u << 20, '\0'));
     EXPECT_EQ(unpack(wire, 10, 0), "!the body does not have the announced size when decompressed");
 }
 

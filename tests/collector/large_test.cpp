@@ -7,6 +7,7 @@
 #include "collector_test_support.h"
 #include "counted_memory.h"
 #include "ingest/body.h"
+#include "packing.h"
 
 #include <csignal>
 #include <future>
@@ -107,15 +108,6 @@ const attack attacks[] = {{"strings", of_strings}, {"empty strings", of_empty_st
                           {"values", of_values},   {"nested", of_nested},
                           {"trials", of_trials},   {"rows", of_rows},
                           {"pieces", of_pieces},   {"zeros", of_zeros}};
-
-std::string pack(const std::string& plain) {
-    uLongf length = compressBound(plain.size());
-    std::string out(length, '\0');
-    compress(reinterpret_cast<Bytef*>(out.data()), &length,
-             reinterpret_cast<const Bytef*>(plain.data()), plain.size());
-    out.resize(length);
-    return out;
-}
 
 constexpr size_t mb = 1 << 20;
 

@@ -1,5 +1,7 @@
 #include "ingest/session.h"
 
+#include "base/files.h"
+
 #include <charconv>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
@@ -30,12 +32,7 @@ static std::string make_id(uint32_t tag) {
     for (size_t i = random; i < sizeof bytes; ++i) {
         bytes[i] = static_cast<unsigned char>(tag >> 8 * (sizeof bytes - 1 - i));
     }
-    std::string id;
-    for (unsigned char byte : bytes) {
-        id += "0123456789abcdef"[byte >> 4];
-        id += "0123456789abcdef"[byte & 15];
-    }
-    return id;
+    return hex({reinterpret_cast<const char*>(bytes), sizeof bytes});
 }
 
 static std::optional<uint32_t> tag_in(std::string_view id) {

@@ -226,8 +226,9 @@ static int send_tls_end(SSL* ssl) {
 }
 
 asio::awaitable<bool> connection::end_cleanly() {
-    boost::system::error_code ignored;
-    socket_.set_option(asio::socket_base::linger(false, 0), ignored);
+    /* Not by Asio, which would turn it off once more when it closes the socket. */
+    const linger none{0, 0};
+    setsockopt(socket_.native_handle(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
     uint64_t tail = 1; /* end of stream */
     if (ssl_) {
         uint64_t before = BIO_number_written(SSL_get_wbio(ssl_.get()));
@@ -237,7 +238,7 @@ asio::awaitable<bool> connection::end_cleanly() {
         }
         tail += BIO_number_written(SSL_get_wbio(ssl_.get())) - before;
     }
-    socket_.shutdown(tcp::socket::shutdown_send, ignored);
+    ::shutdown(socket_.native_handle(), SHUT_WR);
     bool ended = co_await drain();
     if (!ended) {
         co_return false;
@@ -253,6 +254,10 @@ asio::awaitable<bool> connection::end_cleanly() {
 asio::awaitable<bool> connection::drain() {
     static char rubbish[16384];
     size_t left = 1u << 20;
+    bool come = co_await wait(tcp::socket::wait_read); /* hardly ever is it there already */
+    if (!come) {
+        co_return false;
+    }
     for (;;) {
         ssize_t got = recv(socket_.native_handle(), rubbish, sizeof rubbish, 0);
         if (got == 0 || (got < 0 && errno == ECONNRESET)) {

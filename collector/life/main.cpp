@@ -93,6 +93,18 @@ static std::unique_ptr<result_reader> open_stored(const std::string& directory,
     return stored;
 }
 
+/* What the agents had reported when the last run ended. */
+static known_tests read_known_tests(const std::string& directory, result_output& output) {
+    known_tests earlier;
+    std::string error;
+    std::unique_ptr<result_reader> stored = open_stored(directory, output);
+    if (stored && !stored->for_each_latest(
+                      [&](const latest_result& latest) { earlier.add(latest); }, error)) {
+        output.on_problem("what is stored cannot be read: " + error);
+    }
+    return earlier;
+}
+
 static int run_server(const options& o) {
     std::string error;
     /* It holds the key and what agents reported: its owner's business only. */
@@ -133,13 +145,7 @@ static int run_server(const options& o) {
     if (!lines.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
-    known_tests earlier;
-    std::unique_ptr<result_reader> stored = open_stored(o.state_dir, *output);
-    if (stored && !stored->for_each_latest(
-                      [&](const latest_result& latest) { earlier.add(latest); }, error)) {
-        output->on_problem("what is stored cannot be read: " + error);
-    }
-    stored.reset();
+    known_tests earlier = read_known_tests(o.state_dir, *output);
     if (earlier.left_out() > 0) {
         early.push_back(std::to_string(earlier.left_out()) +
                         " tests of earlier runs are left out: taken out of the plan, they go on");

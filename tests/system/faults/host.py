@@ -5,12 +5,10 @@ import resource
 import sqlite3
 import struct
 import subprocess
-import sys
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-
-import harness  # noqa: E402
+import accounts  # noqa: F401  it makes the next ones known
+import harness
 
 DAY_S = 86400
 

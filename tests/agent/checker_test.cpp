@@ -1,6 +1,7 @@
 /* The shared lifecycle: waking, intervals, stopping, hand-over, lists. */
 #include "checker.cpp"
 
+#include "eventually.h"
 #include "fake_core.h"
 #include "thread_library.h"
 
@@ -27,16 +28,6 @@ void counting_pass() {
     while (hold_pass) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-}
-
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 60000; i++) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
 }
 
 checker* current;

@@ -2,6 +2,7 @@
 #include "fork_gate.cpp"
 #include "libsslloader.cpp"
 
+#include "eventually.h"
 #include "guards.h"
 #include "resolve.h"
 #include "vindral_log.h"
@@ -23,18 +24,6 @@
 #include <vector>
 
 namespace {
-
-/* Waits for a condition for a minute at most. */
-template <typename F>
-bool eventually(F condition) {
-    for (int i = 0; i < 60000; i++) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
-}
 
 size_t open_descriptors() {
     size_t count = 0;

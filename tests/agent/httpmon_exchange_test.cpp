@@ -5,6 +5,7 @@
 #include "guards.h"
 #include "httpmon_exchange.h"
 #include "libsslloader.h"
+#include "scripted_tls.h"
 #include "tls_peer.h"
 
 #include <algorithm>
@@ -173,22 +174,6 @@ protected:
 
 private:
     int descriptors_ = 0;
-};
-
-/* A connected pair of local sockets; ours does not block. */
-struct socket_pair {
-    unique_fd ours, theirs;
-    socket_pair() {
-        int both[2];
-        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, both));
-        ours.reset(both[0]);
-        theirs.reset(both[1]);
-        fcntl(both[0], F_SETFL, O_NONBLOCK);
-    }
-    void feed(const std::string& bytes) {
-        EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
-                  write(theirs.get(), bytes.data(), bytes.size()));
-    }
 };
 
 /* The texts logged at level 0, one per line. */
@@ -996,42 +981,8 @@ TEST_F(http_exchange, no_memory_for_the_request) {
 
 /* --- a TLS session that plays a script -------------------------------------------------------- */
 
-static SSL* const fake_session = reinterpret_cast<SSL*>(&lib_SSL_write);
-
-struct tls_step {
-    int result, code;
-};
-static std::vector<tls_step> tls_script; /* the last step repeats */
-static size_t tls_calls;
-static std::string tls_data; /* what reads bring, as many bytes as they say */
-
-static const tls_step& next_tls_step() {
-    return tls_script[std::min(tls_calls++, tls_script.size() - 1)];
-}
-
 class http_fake_tls : public http_tls {
-    void SetUp() override {
-        http_tls::SetUp();
-        tls_calls = 0;
-        lib_SSL_write = [](SSL*, const void*, int) { return next_tls_step().result; };
-        lib_SSL_read = [](SSL*, void* room, int size) {
-            EXPECT_EQ(4095, size);
-            int got = next_tls_step().result;
-            if (got > 0) {
-                memcpy(room, tls_data.data(), static_cast<size_t>(got));
-                tls_data.erase(0, static_cast<size_t>(got));
-            }
-            return got;
-        };
-        lib_SSL_get_error = [](const SSL*, int) {
-            return tls_script[std::min(tls_calls, tls_script.size()) - 1].code;
-        };
-        lib_ERR_get_error = [] { return 42UL; };
-        lib_ERR_error_string = [](unsigned long error, char* text) {
-            snprintf(text, 256, "error text %lu", error);
-            return text;
-        };
-    }
+    scripted_tls played_;
 };
 
 static int send_tls_text(const std::string& text, std::vector<tls_step> script,
@@ -1341,7 +1292,7 @@ static received receive_tls(std::vector<tls_step> script, const std::string& dat
     pair.feed("readable");
     tls_script = std::move(script);
     tls_calls = 0;
-    tls_data = data;
+    tls_read_data = data;
     return receive(pair.ours.get(), full, SECOND, fake_session);
 }
 
@@ -1374,7 +1325,7 @@ TEST_F(http_fake_tls, reads_are_repeated_while_the_session_wants_the_socket) {
 }
 
 TEST_F(http_fake_tls, a_handshake_is_repeated_while_the_session_wants_the_socket) {
-    lib_SSL_connect = [](SSL*) { return next_tls_step().result; };
+    lib_SSL_connect = [](SSL*) { return play_tls(); };
     tls_script = {{-1, SSL_ERROR_WANT_WRITE}, {-1, SSL_ERROR_WANT_READ}, {-1, SSL_ERROR_SSL}};
     wait_results = {1, 1};
     tls_peer server(tls_peer::tcp, {{peer::take_rest()}});

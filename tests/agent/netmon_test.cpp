@@ -98,12 +98,6 @@ protected:
         take_log();
     }
     void dev(const std::string& lines) { write("net/dev", HEADING + lines); }
-    static bool eventually(bool (*condition)()) {
-        for (int i = 0; i < 60000 && !condition(); i++) {
-            usleep(1000);
-        }
-        return condition();
-    }
     /* Two samples of eth0, ten seconds of traffic apart. */
     void eth0(const std::string& earlier, const std::string& later) {
         dev("  eth0: " + earlier + "\n");

@@ -1,3 +1,4 @@
+#include "eventually.h"
 #include "thread_library.h"
 #include "tls_peer.h"
 
@@ -60,13 +61,6 @@ static int fake_getaddrinfo(const char* host, const char* port, const addrinfo* 
 
 /* --------------------------------------------------------------------------------------------- */
 
-static bool await(const std::function<bool()>& condition) {
-    for (int i = 0; i < 30000 && !condition(); i++) {
-        usleep(1000);
-    }
-    return condition();
-}
-
 static std::string address_of(const addrinfo* a) {
     char text[INET_ADDRSTRLEN];
     const auto* in = reinterpret_cast<const sockaddr_in*>(a->ai_addr);
@@ -87,7 +81,7 @@ public:
     /* No resolver stays. */
     void TearDown() override {
         freeaddrinfo_if_any();
-        EXPECT_TRUE(await([] { return count_threads("resolver") == 0; }));
+        EXPECT_TRUE(eventually([] { return count_threads("resolver") == 0; }));
     }
     void freeaddrinfo_if_any() {
         if (list != nullptr) {
@@ -193,7 +187,7 @@ TEST_F(resolve, a_slow_answer_is_waited_for) {
         return resolve_host("name", "443", &self->hints, &self->list) == 0 ? arg : nullptr;
     };
     ASSERT_EQ(0, pthread_create(&caller, nullptr, run, this));
-    ASSERT_TRUE(await([] { return name_calls == 1; }));
+    ASSERT_TRUE(eventually([] { return name_calls == 1; }));
     may_answer.release();
     void* result = nullptr;
     ASSERT_EQ(0, pthread_join(caller, &result));
@@ -216,13 +210,13 @@ TEST_F(resolve, a_cancelled_caller_leaves_the_resolver_behind) {
             return nullptr;
         };
         ASSERT_EQ(0, pthread_create(&caller, nullptr, run, this));
-        ASSERT_TRUE(await([] { return name_calls == 1; }));
+        ASSERT_TRUE(eventually([] { return name_calls == 1; }));
         ASSERT_EQ(0, pthread_cancel(caller));
         void* result = nullptr;
         ASSERT_EQ(0, pthread_join(caller, &result));
         EXPECT_EQ(PTHREAD_CANCELED, result);
         EXPECT_EQ(nullptr, list);
         may_answer.release();
-        EXPECT_TRUE(await([] { return count_threads("resolver") == 0; }));
+        EXPECT_TRUE(eventually([] { return count_threads("resolver") == 0; }));
     }
 }

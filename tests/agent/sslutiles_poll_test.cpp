@@ -1,3 +1,4 @@
+#include "eventually.h"
 #include "fake_core.h"
 #include "tls_peer.h"
 
@@ -69,13 +70,6 @@ class process_set_up : public testing::Environment {
     }
 };
 static testing::Environment* const set_up = testing::AddGlobalTestEnvironment(new process_set_up);
-
-static bool await(const std::function<bool()>& condition) {
-    for (int i = 0; i < 30000 && !condition(); i++) {
-        usleep(1000);
-    }
-    return condition();
-}
 
 struct outcome {
     int code;
@@ -740,7 +734,7 @@ TEST_F(cancelled_poll, while_resolving) {
     log_in_as("s1");
     poll_and_cancel({"slow.name", "443", "results"}, wait_begins);
     may_answer.release();
-    EXPECT_TRUE(await([] { return count_threads("resolver") == 0; }));
+    EXPECT_TRUE(eventually([] { return count_threads("resolver") == 0; }));
 }
 
 TEST_F(cancelled_poll, while_connecting) {
@@ -768,7 +762,7 @@ TEST_F(cancelled_poll, while_sending) {
         return written;
     };
     poll_and_cancel({"127.0.0.1", server.port(), std::string(30000000, 'x')},
-                    [] { return await([] { return blocked_writes > 0; }) && wait_begins(); });
+                    [] { return eventually([] { return blocked_writes > 0; }) && wait_begins(); });
 }
 
 TEST_F(cancelled_poll, while_waiting_for_the_answer) {

@@ -2,6 +2,7 @@
 #include "guards.h"
 #include "libsslloader.h"
 #include "resolve.h"
+#include "scripted_tls.h"
 #include "tls_peer.h"
 #include "vindral_common.h"
 
@@ -178,18 +179,6 @@ private:
     std::atomic<bool> done_ = false;
     pthread_t target_;
     std::thread thread_;
-};
-
-/* A connected pair of local sockets; ours does not block. */
-struct socket_pair {
-    unique_fd ours, theirs;
-    explicit socket_pair(int type = SOCK_STREAM) {
-        int both[2];
-        EXPECT_EQ(0, socketpair(AF_UNIX, type, 0, both));
-        ours.reset(both[0]);
-        theirs.reset(both[1]);
-        fcntl(both[0], F_SETFL, O_NONBLOCK);
-    }
 };
 
 /* --- opening a connection -------------------------------------------------------------------- */
@@ -541,62 +530,8 @@ TEST_F(connection, an_interrupted_wait_does_not_end_a_send) {
 
 /* --- sending over TLS: rare outcomes --------------------------------------------------------- */
 
-static SSL* const fake_session = reinterpret_cast<SSL*>(&lib_SSL_write);
-
-struct tls_step {
-    int result, code;
-};
-static std::vector<tls_step> tls_script; /* the last step repeats */
-static size_t tls_calls;
-static std::string tls_read_data; /* what successful reads bring, as many bytes as they say */
-
-static int play_tls() {
-    size_t i = std::min(tls_calls++, tls_script.size() - 1);
-    return tls_script[i].result;
-}
-
 class fake_tls : public connection {
-protected:
-    void SetUp() override {
-        connection::SetUp();
-        tls_calls = 0;
-        tls_read_data.clear();
-        lib_SSL_write = [](SSL*, const void*, int) { return play_tls(); };
-        lib_SSL_read = [](SSL*, void* room, int size) {
-            int got = play_tls();
-            EXPECT_EQ(4095, size);
-            if (got > 0) {
-                memcpy(room, tls_read_data.data(), static_cast<size_t>(got));
-                tls_read_data.erase(0, static_cast<size_t>(got));
-            }
-            return got;
-        };
-        lib_SSL_get_error = [](const SSL*, int result) {
-            size_t i = std::min(tls_calls - 1, tls_script.size() - 1);
-            EXPECT_EQ(tls_script[i].result, result);
-            return tls_script[i].code;
-        };
-        lib_ERR_get_error = [] { return 42UL; };
-        lib_ERR_error_string = [](unsigned long error, char* text) {
-            snprintf(text, 256, "error text %lu", error);
-            return text;
-        };
-    }
-    void TearDown() override {
-        lib_SSL_write = write_;
-        lib_SSL_read = read_;
-        lib_SSL_get_error = get_error_;
-        lib_ERR_get_error = err_get_error_;
-        lib_ERR_error_string = err_error_string_;
-        connection::TearDown();
-    }
-
-private:
-    decltype(lib_SSL_write) write_ = lib_SSL_write;
-    decltype(lib_SSL_read) read_ = lib_SSL_read;
-    decltype(lib_SSL_get_error) get_error_ = lib_SSL_get_error;
-    decltype(lib_ERR_get_error) err_get_error_ = lib_ERR_get_error;
-    decltype(lib_ERR_error_string) err_error_string_ = lib_ERR_error_string;
+    scripted_tls played_;
 };
 
 TEST_F(fake_tls, send_logs_the_length_and_the_result) {

@@ -2,11 +2,9 @@
 
 #include "procfile.h"
 
-#include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -124,17 +122,6 @@ bool is_free(mutex& m) {
         return false;
     }
     pthread_mutex_unlock(&m.handle);
-    return true;
-}
-
-bool eventually(const std::function<bool()>& condition) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return true;
 }
 

@@ -4,10 +4,10 @@
 #define VINDRAL_CHECKER_PLACE_H
 
 #include "checker.h"
+#include "eventually.h"
 #include "udc_reader.h"
 
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/resource.h>
@@ -62,9 +62,6 @@ unsigned wakes_of(checker& c);
 
 /* Whether nobody holds a mutex, this thread included. */
 bool is_free(mutex& m);
-
-/* Waits for a condition for a minute at most. */
-bool eventually(const std::function<bool()>& condition);
 
 /* Takes what a checker has collected. */
 std::vector<udc_content> take_records(int (*get_results)(char**, int*));

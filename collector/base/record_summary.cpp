@@ -1,12 +1,15 @@
 #include "base/record_summary.h"
 
+#include <algorithm>
+#include <array>
+
 using protocol::value_def;
 using protocol::value_role;
 
 namespace {
 
 /* A record without it is not what its type says. */
-bool is_required(const value_def& row) {
+constexpr bool is_required(const value_def& row) {
     switch (row.role) {
     case value_role::test:
     case value_role::location:
@@ -20,46 +23,63 @@ bool is_required(const value_def& row) {
     }
 }
 
-bool has_all(const record& r, std::span<const value_def> table) {
-    bool all = true;
-    for_each_row(table, [&](const value_def& row, size_t index) {
-        all = all && (!is_required(row) || has_value(r, row.type, index));
-    });
-    return all;
+/* What a table comes to: where things are, and how many values of each type there must be. */
+struct shape {
+    const protocol::record_def* type = nullptr;
+    std::optional<size_t> test, location, status, time, message;
+    std::array<size_t, 6> least = {}; /* by protocol::value_type */
+};
+
+constexpr shape shape_of(std::span<const value_def> table) {
+    shape s = {.test = index_of(table, value_role::test),
+               .location = index_of(table, value_role::location),
+               .status = index_of(table, value_role::status),
+               .time = index_of(table, value_role::time),
+               .message = index_of(table, value_role::message)};
+    for (size_t i = 0; i < table.size(); i++) {
+        size_t& least = s.least[static_cast<size_t>(table[i].type)];
+        least = is_required(table[i]) ? index_of(table, i) + 1 : least;
+    }
+    return s;
 }
 
-void take_value(record_summary& summary, const record& r, const value_def& row, size_t index) {
-    switch (row.role) { /* the agent's ids are signed; the record's slots are not */
-    case value_role::test:
-        summary.test = static_cast<int32_t>(r.ui32[index]);
-        break;
-    case value_role::location:
-        summary.location = static_cast<int32_t>(r.ui32[index]);
-        break;
-    case value_role::status:
-        summary.status = static_cast<int32_t>(r.ui32[index]);
-        break;
-    case value_role::time:
-        summary.time = r.i64[index];
-        break;
-    case value_role::message:
-        summary.message = index < r.strings.size() ? r.strings[index] : "";
-        break;
-    default:
-        break;
+/* Of all types; worked out by the compiler, since each record that comes in is looked at. */
+constexpr auto shapes = [] {
+    std::array<shape, std::size(protocol::record_types)> all = {};
+    for (size_t i = 0; i < all.size(); i++) {
+        all[i] = shape_of(protocol::record_types[i]->values);
+        all[i].type = protocol::record_types[i];
     }
+    return all;
+}();
+static_assert(std::all_of(shapes.begin(), shapes.end(), [](const shape& s) { return s.time; }));
+
+bool has_all(const record& r, const shape& s) {
+    return r.i32.size() >= s.least[0] && r.ui32.size() >= s.least[1] &&
+           r.i64.size() >= s.least[2] && r.ui64.size() >= s.least[3] &&
+           r.d64.size() >= s.least[4] && r.strings.size() >= s.least[5];
 }
 
 } // namespace
 
 record_summary summarize(const record& r) {
     record_summary summary{.type = r.type()};
-    const protocol::record_def* schema = protocol::find_record(summary.type);
-    if (schema != nullptr && has_all(r, schema->values)) {
-        summary.schema = schema;
-        for_each_row(schema->values, [&](const value_def& row, size_t index) {
-            take_value(summary, r, row, index);
-        });
+    auto found = std::find_if(shapes.begin(), shapes.end(),
+                              [&](const shape& s) { return s.type->code == summary.type; });
+    if (found == shapes.end() || !has_all(r, *found)) {
+        return summary;
+    }
+    /* The agent's ids are signed; the record's slots are not. */
+    auto signed_at = [&](std::optional<size_t> index) -> std::optional<int32_t> {
+        return index ? std::optional(static_cast<int32_t>(r.ui32[*index])) : std::nullopt;
+    };
+    summary.schema = found->type;
+    summary.test = signed_at(found->test);
+    summary.location = signed_at(found->location);
+    summary.status = signed_at(found->status);
+    summary.time = r.i64[*found->time];
+    if (found->message && *found->message < r.strings.size()) {
+        summary.message = r.strings[*found->message];
     }
     return summary;
 }
@@ -108,12 +128,6 @@ verdict judge(const record& r, const record_summary& summary) {
     return v;
 }
 
-std::optional<size_t> index_of(std::span<const value_def> table, value_role role) {
-    const value_def* row = find_role(table, role);
-    return row != nullptr ? std::optional(index_of(table, static_cast<size_t>(row - table.data())))
-                          : std::nullopt;
-}
-
 std::optional<int32_t> status_of(const record& part, const protocol::part_def& schema) {
     std::optional<size_t> index = index_of(schema.values, value_role::status);
     return index && *index < part.ui32.size()
@@ -128,5 +142,5 @@ bool is_none(const record& r, const value_def& row, size_t index) {
 }
 
 bool is_as_described(const record& part, const protocol::part_def& schema) {
-    return part.strings.size() == part.declared_strings && has_all(part, schema.values);
+    return part.strings.size() == part.declared_strings && has_all(part, shape_of(schema.values));
 }

@@ -68,28 +68,29 @@ inline bool has_value(const record& r, protocol::value_type type, size_t index) 
                        r, type, [](const auto& values) { return values.size(); });
 }
 
-/* Calls use(definition, index among the values of its type) for each row of a table. */
-template <typename Do>
-void for_each_row(std::span<const protocol::value_def> table, Do use) {
-    size_t next[6] = {}; /* one for each protocol::value_type */
-    for (const protocol::value_def& row : table) {
-        use(row, next[static_cast<size_t>(row.type)]++);
-    }
-}
-
-/* The same for the rows of role `value` that the record has. */
+/* Calls use(row, index among the values of its type) for each row of role `value` that the record
+ * has. */
 template <typename Do>
 void for_each_value(const record& r, std::span<const protocol::value_def> table, Do use) {
-    for_each_row(table, [&](const protocol::value_def& row, size_t index) {
+    size_t next[6] = {}; /* one for each protocol::value_type */
+    for (const protocol::value_def& row : table) {
+        size_t index = next[static_cast<size_t>(row.type)]++;
         if (row.role == protocol::value_role::value && has_value(r, row.type, index)) {
             use(row, index);
         }
-    });
+    }
 }
 
 /* The index, among the values of its type, of the row that has the role. */
-std::optional<size_t> index_of(std::span<const protocol::value_def> table,
-                               protocol::value_role role);
+constexpr std::optional<size_t> index_of(std::span<const protocol::value_def> table,
+                                         protocol::value_role role) {
+    for (size_t i = 0; i < table.size(); i++) {
+        if (table[i].role == role) {
+            return index_of(table, i);
+        }
+    }
+    return std::nullopt;
+}
 
 /* The status of a nested record, if there is one. */
 std::optional<int32_t> status_of(const record& part, const protocol::part_def& schema);

@@ -9,13 +9,17 @@ class TestCase(harness.TestCase):
     def start(self, *lines, before="", **options):
         """An agent whose first poll's answer holds these lines."""
         self.server = ScriptedServer(self)
+        self._decoded, self._seen = [], 0
         self.server.then(accept_login("s", "POL\t0\t1\nCHK\t0\t1\n" + before),
                          answer("".join(line + "\n" for line in lines)))
         self.agent = harness.Agent(self, self.server.port, **options).start()
 
     def blocks(self):
-        return [records.decode(request.plain()) for request in list(self.server.requests)
-                if request.body]
+        for request in self.server.requests[self._seen:]:  # each is decoded once, however often a test looks
+            self._seen += 1
+            if request.body:
+                self._decoded.append(records.decode(request.plain()))
+        return self._decoded
 
     def records(self, kind):
         return [record for block in self.blocks() for record in block if record.ui32[0] == kind]

@@ -32,7 +32,8 @@ class ForkSafety(steered.TestCase):
                 self.assertEqual(record.ui32[3], 0, record)
                 status[record.ui32[1]] += 1
             return status[1:]
-        harness.wait_until(lambda: min(reports()) >= ROUNDS, lambda: "reports: %s" % reports())
+        for count in range(1, ROUNDS + 1):
+            harness.wait_until(lambda: min(reports()) >= count, lambda: "reports: %s" % reports())
         self.assertGreaterEqual(len(self.records(records.HTTP)), PAGES)
         self.assertEqual({record.ui32[3] for record in self.records(records.HTTP)}, {0})
 

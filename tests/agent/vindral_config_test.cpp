@@ -36,7 +36,7 @@ static std::string captured(const std::function<void()>& action) {
     return testing::internal::GetCapturedStdout();
 }
 
-static std::string shown(const char* setting) {
+static std::string text_of(const char* setting) {
     return setting != nullptr ? setting : "(unset)";
 }
 
@@ -101,11 +101,11 @@ TEST_F(settings, short_options) {
     EXPECT_EQ(parse({"-C", "c", "-L", "log", "-llock", "-D", "home", "-U", "mail", "-A", "name"}),
               1);
     EXPECT_EQ(conf_file, arguments.back()[2].data());
-    EXPECT_EQ(shown(log_file), "log");
-    EXPECT_EQ(shown(lock_file), "lock");
-    EXPECT_EQ(shown(agent_home), "home");
-    EXPECT_EQ(shown(user_email), "mail");
-    EXPECT_EQ(shown(agent_name), "name");
+    EXPECT_EQ(text_of(log_file), "log");
+    EXPECT_EQ(text_of(lock_file), "lock");
+    EXPECT_EQ(text_of(agent_home), "home");
+    EXPECT_EQ(text_of(user_email), "mail");
+    EXPECT_EQ(text_of(agent_name), "name");
     EXPECT_EQ(printed + complaints, "");
 }
 
@@ -114,22 +114,22 @@ TEST_F(settings, long_options) {
                      "--user-email", "mail", "--agent-name", "name"}),
               1);
     EXPECT_STREQ(conf_file, "c");
-    EXPECT_EQ(shown(log_file), "log");
-    EXPECT_EQ(shown(lock_file), "lock");
-    EXPECT_EQ(shown(agent_home), "home");
-    EXPECT_EQ(shown(user_email), "mail");
-    EXPECT_EQ(shown(agent_name), "name");
+    EXPECT_EQ(text_of(log_file), "log");
+    EXPECT_EQ(text_of(lock_file), "lock");
+    EXPECT_EQ(text_of(agent_home), "home");
+    EXPECT_EQ(text_of(user_email), "mail");
+    EXPECT_EQ(text_of(agent_name), "name");
 }
 
 TEST_F(settings, a_repeated_option_replaces_the_first) {
     EXPECT_EQ(parse({"-L", "one", "-L", "two", "-C", "c1", "-C", "c2"}), 1);
-    EXPECT_EQ(shown(log_file), "two");
+    EXPECT_EQ(text_of(log_file), "two");
     EXPECT_STREQ(conf_file, "c2");
 }
 
 TEST_F(settings, parsing_stops_at_the_first_argument_that_is_no_option) {
     EXPECT_EQ(parse({"-L", "log", "word", "-h"}), 1);
-    EXPECT_EQ(shown(log_file), "log");
+    EXPECT_EQ(text_of(log_file), "log");
     EXPECT_EQ(printed, "");
 }
 
@@ -194,11 +194,11 @@ static const char COMPLETE[] = "VINDRALHOME /home\nLOGFILE /log\nPIDFILE /pid\n"
 
 TEST_F(settings, a_complete_file) {
     EXPECT_EQ(read(COMPLETE), 1);
-    EXPECT_EQ(shown(agent_home), "/home");
-    EXPECT_EQ(shown(log_file), "/log");
-    EXPECT_EQ(shown(lock_file), "/pid");
-    EXPECT_EQ(shown(user_email), "me@example");
-    EXPECT_EQ(shown(agent_name), "box");
+    EXPECT_EQ(text_of(agent_home), "/home");
+    EXPECT_EQ(text_of(log_file), "/log");
+    EXPECT_EQ(text_of(lock_file), "/pid");
+    EXPECT_EQ(text_of(user_email), "me@example");
+    EXPECT_EQ(text_of(agent_name), "box");
     EXPECT_EQ(printed, "");
 }
 
@@ -207,12 +207,12 @@ TEST_F(settings, every_other_key) {
         read("USEHOST https://srv:8443/gate?x=1\nAPIHOST http://api/a\nDATAHOST http://data:81/d\n"
              "APIKEY key\nSECRETKEY secret\nVERSION 3.1\nLOGLEVEL 1\n"),
         0);
-    EXPECT_EQ(shown(alt_server) + shown(alt_port) + shown(alt_url), "srv8443/gate?x=1");
-    EXPECT_EQ(shown(api_server) + shown(api_port) + shown(api_url), "api80/a");
-    EXPECT_EQ(shown(data_server) + shown(data_port) + shown(data_url), "data81/d");
-    EXPECT_EQ(shown(api_key), "key");
-    EXPECT_EQ(shown(secret_key), "secret");
-    EXPECT_EQ(shown(szVersion), "3.1");
+    EXPECT_EQ(text_of(alt_server) + text_of(alt_port) + text_of(alt_url), "srv8443/gate?x=1");
+    EXPECT_EQ(text_of(api_server) + text_of(api_port) + text_of(api_url), "api80/a");
+    EXPECT_EQ(text_of(data_server) + text_of(data_port) + text_of(data_url), "data81/d");
+    EXPECT_EQ(text_of(api_key), "key");
+    EXPECT_EQ(text_of(secret_key), "secret");
+    EXPECT_EQ(text_of(szVersion), "3.1");
     EXPECT_EQ(log_level, 1);
     EXPECT_EQ(printed, "");
 }
@@ -254,8 +254,8 @@ TEST_F(settings, without_an_address_no_name_is_made) {
 TEST_F(settings, options_win_over_the_file) {
     ASSERT_EQ(parse({"-L", "log", "-l", "lock", "-D", "home", "-U", "mail", "-A", "name"}), 1);
     EXPECT_EQ(read(COMPLETE), 1);
-    EXPECT_EQ(shown(log_file) + shown(lock_file) + shown(agent_home) + shown(user_email) +
-                  shown(agent_name),
+    EXPECT_EQ(text_of(log_file) + text_of(lock_file) + text_of(agent_home) + text_of(user_email) +
+                  text_of(agent_name),
               "loglockhomemailname");
 }
 
@@ -267,18 +267,18 @@ TEST_F(settings, the_first_of_two_lines_wins_except_for_level_version_and_urls) 
              "APIHOST http://one:1/1\nAPIHOST http://two:2/2\n"
              "DATAHOST http://one:1/1\nDATAHOST http://two:2/2\n"),
         0);
-    EXPECT_EQ(shown(log_file) + shown(api_key) + shown(secret_key), "oneoneone");
-    EXPECT_EQ(shown(szVersion), "2");
+    EXPECT_EQ(text_of(log_file) + text_of(api_key) + text_of(secret_key), "oneoneone");
+    EXPECT_EQ(text_of(szVersion), "2");
     EXPECT_EQ(log_level, 5);
-    EXPECT_EQ(shown(alt_server) + shown(alt_url), "two/2");
+    EXPECT_EQ(text_of(alt_server) + text_of(alt_url), "two/2");
     EXPECT_EQ(alt_port, nullptr) << "no port is known for this scheme, so the default holds";
-    EXPECT_EQ(shown(api_server) + shown(api_port) + shown(api_url), "two2/2");
-    EXPECT_EQ(shown(data_server) + shown(data_port) + shown(data_url), "two2/2");
+    EXPECT_EQ(text_of(api_server) + text_of(api_port) + text_of(api_url), "two2/2");
+    EXPECT_EQ(text_of(data_server) + text_of(data_port) + text_of(data_url), "two2/2");
 }
 
 TEST_F(settings, a_url_that_cannot_be_split_changes_nothing) {
     EXPECT_EQ(read("USEHOST http://one:1/1\nUSEHOST http://nopath\nUSEHOST two/2\n"), 0);
-    EXPECT_EQ(shown(alt_server) + shown(alt_port) + shown(alt_url), "one1/1");
+    EXPECT_EQ(text_of(alt_server) + text_of(alt_port) + text_of(alt_url), "one1/1");
 }
 
 TEST_F(settings, comments_blank_lines_and_leading_blanks_are_passed_over) {
@@ -296,9 +296,9 @@ TEST_F(settings, lines_without_key_or_value_are_ignored) {
 
 TEST_F(settings, the_value_keeps_inner_blanks_and_loses_trailing_ones) {
     EXPECT_EQ(read("AGENTNAME \t two words \t\r\nLOGFILE/at/once\nUSEREMAIL=x"), 0);
-    EXPECT_EQ(shown(agent_name), "two words");
-    EXPECT_EQ(shown(log_file), "/at/once");
-    EXPECT_EQ(shown(user_email), "=x");
+    EXPECT_EQ(text_of(agent_name), "two words");
+    EXPECT_EQ(text_of(log_file), "/at/once");
+    EXPECT_EQ(text_of(user_email), "=x");
 }
 
 TEST_F(settings, unknown_keys_are_reported) {
@@ -327,16 +327,16 @@ TEST_F(settings, a_long_line_is_read_in_pieces_of_1023_characters) {
     std::string first = "AGENTNAME " + std::string(1013, 'x');
     ASSERT_EQ(first.size(), 1023U);
     EXPECT_EQ(read(first + "LOGFILE behind\n"), 0);
-    EXPECT_EQ(shown(agent_name), std::string(1013, 'x'));
-    EXPECT_EQ(shown(log_file), "behind");
+    EXPECT_EQ(text_of(agent_name), std::string(1013, 'x'));
+    EXPECT_EQ(text_of(log_file), "behind");
     /* A comment does not reach into the next piece either. */
     EXPECT_EQ(read("#" + std::string(1022, 'x') + "PIDFILE behind\n"), 0);
-    EXPECT_EQ(shown(lock_file), "behind");
+    EXPECT_EQ(text_of(lock_file), "behind");
 }
 
 TEST_F(settings, a_line_of_1023_characters_ends_with_an_empty_one) {
     EXPECT_EQ(read("AGENTNAME " + std::string(1013, 'x') + "\nLOGFILE next\n"), 0);
-    EXPECT_EQ(shown(log_file), "next");
+    EXPECT_EQ(text_of(log_file), "next");
     EXPECT_EQ(printed, "");
 }
 
@@ -344,8 +344,8 @@ TEST_F(settings, text_behind_a_nul_does_not_count) {
     using namespace std::string_literals;
     EXPECT_EQ(read("\0LOGFILE a\nAGENTNAME b\0c\nPIDFILE d"s), 0);
     EXPECT_EQ(log_file, nullptr);
-    EXPECT_EQ(shown(agent_name), "b");
-    EXPECT_EQ(shown(lock_file), "d");
+    EXPECT_EQ(text_of(agent_name), "b");
+    EXPECT_EQ(text_of(lock_file), "d");
 }
 
 TEST_F(settings, a_directory_reads_as_an_empty_file) {
@@ -356,11 +356,11 @@ TEST_F(settings, a_directory_reads_as_an_empty_file) {
 TEST_F(settings, the_environment_gives_the_home_directory_last) {
     setenv("VINDRALHOME", "/from/environment", 1);
     EXPECT_EQ(read("LOGFILE x\n"), 0);
-    EXPECT_EQ(shown(agent_home), "/from/environment");
+    EXPECT_EQ(text_of(agent_home), "/from/environment");
     free(agent_home);
     agent_home = nullptr;
     EXPECT_EQ(read("VINDRALHOME /from/file\n"), 0);
-    EXPECT_EQ(shown(agent_home), "/from/file");
+    EXPECT_EQ(text_of(agent_home), "/from/file");
     free(agent_home);
     agent_home = nullptr;
     setenv("VINDRALHOME", "", 1);
@@ -487,7 +487,7 @@ TEST_F(settings, the_outcome_is_logged_at_level_1_with_values) {
 TEST_F(settings, a_bundle_is_logged_where_there_is_one) {
     EXPECT_EQ(
         read(std::string(COMPLETE) + "LOGLEVEL 2\nCAFILE /etc/a b.pem \r\nCAFILE x\nCAFILE\n"), 1);
-    EXPECT_EQ(shown(ca_file), "/etc/a b.pem") << "the first value, as of any key that is no URL";
+    EXPECT_EQ(text_of(ca_file), "/etc/a b.pem") << "the first value, as of any key that is no URL";
     std::string line = "\t     CA File:\t/etc/a b.pem\n\n";
     EXPECT_EQ(printed.substr(printed.size() - line.size()), line);
     EXPECT_EQ(printed.find("CA File"), printed.rfind("CA File"));

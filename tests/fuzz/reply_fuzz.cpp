@@ -203,7 +203,8 @@ static void poll_once(unsigned behaviour, const std::string& text) {
     service_reply answer;
     char* body = nullptr;
     size_t length = 0;
-    int code = receive_reply(e, c.socket.get(), answer, c.session.get()) ? POLL_OK : POLL_NO_CONNECTION;
+    int code =
+        receive_reply(e, c.socket.get(), answer, c.session.get()) ? POLL_OK : POLL_NO_CONNECTION;
     require(code == POLL_OK || (behaviour & BREAKS_OFF) != 0);
     require(code != POLL_OK || (behaviour & BREAKS_OFF) == 0 || answer.content_length != 0);
     if (code == POLL_OK && szSessionID == nullptr) {

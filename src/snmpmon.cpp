@@ -142,10 +142,10 @@ int init_snmp_mon() {
     }
     init_defaults();
     libpo_init_snmp(LIBRARY_USER);
-    snmp_checker.pass = do_snmp_check;
     return checker_start(snmp_checker, snmp_worker_thread);
 }
 void* snmp_worker_thread(void*) {
+    snmp_checker.pass = do_snmp_check;
     checker_work(snmp_checker);
     return nullptr;
 }

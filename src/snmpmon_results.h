@@ -8,7 +8,7 @@
 #include "checks_under_way.h"
 #include "snmpmon_def.h"
 
-/* Its pass is set when the checker starts. */
+/* Its pass is set by its worker. */
 extern checker snmp_checker;
 
 /* The checks of tests, not those that get_snmp_values makes. */

@@ -1143,6 +1143,26 @@ TEST_F(ingest_test, a_directory_that_is_removed_is_told_and_used_again_when_it_i
     EXPECT_EQ(agents(), strings{"a@b.c web1   0 0"});
 }
 
+TEST_F(ingest_test, a_foreign_database_put_in_its_place_is_told_and_left_alone) {
+    ASSERT_EQ(open(), "");
+    std::string path = database_path(state);
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    fs::rename(path, path + ".ours");
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open((path + ".new").c_str(), &other), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(other, "CREATE TABLE theirs (a)", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(other);
+    fs::rename(path + ".new", path);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::failed);
+    EXPECT_EQ(told.problems.back(), "results cannot be stored, the agents keep them: " + path +
+                                        ": it is a database of another program");
+    EXPECT_EQ(query("SELECT name FROM sqlite_schema"), strings{"theirs"});
+    fs::rename(path + ".ours", path);
+    EXPECT_EQ(submit(load_record(5, 2)), store_result::stored);
+    EXPECT_EQ(told.problems.back(), "results are stored again");
+    EXPECT_EQ(query("SELECT time FROM results_20260501"), (strings{"1", "2"}));
+}
+
 TEST_F(ingest_test, many_threads_may_submit) {
     ASSERT_EQ(open(), "");
     std::atomic<int> stored = 0;

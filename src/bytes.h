@@ -83,6 +83,16 @@ public:
         return true;
     }
 
+    /* Makes the room as large as this, whatever the limit; no less than what is there. False
+     * without memory. */
+    bool set_room(size_t room) {
+        if (!resize_array(data_, room)) {
+            return false;
+        }
+        room_ = room;
+        return true;
+    }
+
     /* Counts elements that were written at end(), within the room. */
     void added(size_t count) { size_ += count; }
 

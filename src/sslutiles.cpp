@@ -149,7 +149,7 @@ int receive_response(int sk, long* tout, char** out_buf, int* size_h, int* icnt_
     *out_buf = nullptr;
     *size_h = 0;
     stream from = {sk, pSSL, tout, RETRY_PAUSE_US};
-    http_response r = {receive_buffer()};
+    http_response r;
     stream_outcome last;
     do {
         last = stream_receive(from, r);

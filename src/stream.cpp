@@ -2,17 +2,14 @@
 
 #include "budget.h"
 
+#include <algorithm>
 #include <climits>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
-static const int CHUNK = 4095;               /* most bytes that one read asks for */
-static const int BUFFER_STEP = CHUNK + 4096; /* least size of the receive buffer */
-
-bytes receive_buffer() {
-    return bytes(BUFFER_STEP, MAX_RESPONSE_SIZE + CHUNK + 1);
-}
+static const int CHUNK = 4095;                  /* most bytes that one read asks for */
+static const size_t BUFFER_STEP = CHUNK + 4096; /* the least by which the buffer grows */
 
 /* --- TLS ------------------------------------------------------------------------------------- */
 
@@ -165,8 +162,12 @@ static stream_outcome reserve_chunk(bytes& data) {
     if (data.size() > MAX_RESPONSE_SIZE) {
         return {stream_end::too_much};
     }
-    if (!data.reserve(CHUNK + 1)) {
-        return {stream_end::no_memory, static_cast<int>(data.size()) + CHUNK + 1};
+    if (data.room() - data.size() > CHUNK) {
+        return {stream_end::done};
+    }
+    size_t room = data.room() + std::max(BUFFER_STEP, data.room() / 2);
+    if (!data.set_room(room)) {
+        return {stream_end::no_memory, static_cast<int>(room)};
     }
     return {stream_end::done};
 }

@@ -117,7 +117,4 @@ stream_outcome stream_send(const stream& s, const char* data, size_t length);
  * reports as a protocol error, has not. */
 stream_outcome stream_receive(stream& s, http_response& r);
 
-/* An empty buffer for what is received. */
-bytes receive_buffer();
-
 #endif

@@ -77,7 +77,7 @@ record_summary summarize(const record& r) {
     summary.test = signed_at(found->test);
     summary.location = signed_at(found->location);
     summary.status = signed_at(found->status);
-    summary.time = r.i64[*found->time];
+    summary.time = r.i64[found->time.value_or(0)]; /* there is always one: see above */
     if (found->message && *found->message < r.strings.size()) {
         summary.message = r.strings[*found->message];
     }

@@ -92,7 +92,7 @@ public:
         if (!engine_) {
             return false;
         }
-        expiry_.emplace(*engine_, aside_, options_.keep_days, tell_);
+        expiry_ = std::make_unique<expiry>(*engine_, aside_, options_.keep_days, tell_);
         expiry_->begin();
         expiry_->run();
         thread_ = std::thread([this] { write_batches(); });
@@ -136,7 +136,7 @@ private:
     /* Of the writer thread, once it runs. */
     undecodable_files aside_{options_.directory + "/undecodable"};
     std::unique_ptr<engine> engine_;
-    std::optional<expiry> expiry_;
+    std::unique_ptr<expiry> expiry_;
     std::vector<decoded_record> decoded_; /* of the transaction; the memory is kept */
     running_hash hash_;                   /* of blocks that are hashed in one go */
     trouble trouble_{tell_, "results are stored again"};
@@ -254,13 +254,13 @@ bool writer::store_block(queued_block& b) {
     if (!engine_->find_agent(block.account, block.agent, block.received, agent)) {
         return false;
     }
-    if (agent.last_block == view_of(*b.hash)) {
+    if (agent.last_block == view_of(b.hash)) {
         b.result = store_result::duplicate;
         return true;
     }
     b.from = b.stored > 0 && b.generation == engine_->generation()
                  ? b.stored
-                 : block_mark::stored_before(agent.last_block, *b.hash, block.plain.size());
+                 : block_mark::stored_before(agent.last_block, b.hash, block.plain.size());
     decode_slice(b);
     if (b.bad.bytes > 0) {
         if (!keep_aside(b)) {
@@ -279,19 +279,20 @@ bool writer::store_block(queued_block& b) {
     }
     b.result = store_result::stored;
     b.unfinished = !b.last_part();
-    block_mark mark(*b.hash, b.unfinished ? std::optional<uint64_t>(b.to) : std::nullopt);
+    block_mark mark(b.hash, b.unfinished ? std::optional<uint64_t>(b.to) : std::nullopt);
     return engine_->end_block({block.received, block.address, block.version}, mark.text());
 }
 
 /* True when the whole hash is there. */
 bool writer::hash_block(queued_block& b) {
-    if (b.hash) {
+    if (b.hash_is_known) {
         return true;
     }
     std::string_view rest = std::string_view(b.block.plain).substr(b.hashed);
     if (!b.large) {
         hash_.add(rest);
         b.hash = hash_.finish();
+        b.hash_is_known = true;
         return true;
     }
     if (!b.hashing) {
@@ -304,6 +305,7 @@ bool writer::hash_block(queued_block& b) {
         return false;
     }
     b.hash = b.hashing->finish();
+    b.hash_is_known = true;
     b.hashing.reset();
     return true;
 }
@@ -334,7 +336,7 @@ void writer::decode_slice(queued_block& b) {
 /* False when the pieces that are no records cannot be written: then the block must come again. What
  * is dropped because too much comes is no failure. */
 bool writer::keep_aside(queued_block& b) {
-    block_hash name = b.from == 0 ? *b.hash : sha256(block_mark(*b.hash, b.from).text());
+    block_hash name = b.from == 0 ? b.hash : sha256(block_mark(b.hash, b.from).text());
     std::string path, error;
     auto outcome = aside_.keep(b.block.account, b.block.agent, b.block.received, view_of(name),
                                b.part(), b.bad.bytes, undecodable_files::clock::now(), path, error);

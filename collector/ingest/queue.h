@@ -27,11 +27,12 @@ struct queued_block {
     store_result result = store_result::failed;
     bool unfinished = false; /* its next slice is for a later transaction */
     std::optional<running_hash> hashing;
-    size_t hashed = 0;              /* bytes */
-    std::optional<block_hash> hash; /* once it is known */
-    size_t stored = 0;              /* bytes in slices that are committed */
-    unsigned generation = 0;        /* and which file these are in: engine::generation() */
-    size_t from = 0, to = 0;        /* the slice, in `plain`; all of a block that is not large */
+    size_t hashed = 0;    /* bytes */
+    block_hash hash = {}; /* once it is known */
+    bool hash_is_known = false;
+    size_t stored = 0;       /* bytes in slices that are committed */
+    unsigned generation = 0; /* and which file these are in: engine::generation() */
+    size_t from = 0, to = 0; /* the slice, in `plain`; all of a block that is not large */
     size_t first_record = 0, records = 0; /* of the slice, among those of the transaction */
     undecodable_summary bad;              /* of the slice */
     std::string kept_as;                  /* empty when it was not kept */

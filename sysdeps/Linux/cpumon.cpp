@@ -192,7 +192,8 @@ static bool query_processors(const char* host, cpu_shares& shares) {
     for (unsigned i = 0; i < count; i++) {
         sum += queried[i];
     }
-    unsigned mean = sum / count; /* without a fraction, as the shares it is made of */
+    /* Without a fraction, as the shares it is made of. */
+    unsigned mean = count != 0 ? sum / count : 0;
     shares[USER] = mean;
     shares[IDLE] = 100 - shares[USER];
     shares[SYSTEM] = shares[NICE] = shares[IOWAIT] = 0.0;

@@ -142,7 +142,7 @@ int receive_response(int sk, long, long* tout, char* addInfo, int loadFullPage, 
                      int* size_h, SSL* pSSL) {
     addInfo[0] = '\0';
     stream from = {sk, pSSL, tout};
-    http_response page = {receive_buffer()};
+    http_response page;
     stream_outcome last;
     do {
         last = stream_receive(from, page);

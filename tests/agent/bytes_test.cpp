@@ -241,3 +241,16 @@ TEST_F(arrays, a_held_array_is_resized) {
     ASSERT_TRUE(resize_array(text, 4000));
     EXPECT_STREQ("abc", text.get());
 }
+
+TEST_F(arrays, room_of_a_chosen_size) {
+    bytes b;
+    ASSERT_TRUE(b.set_room(10));
+    EXPECT_EQ(10u, b.room());
+    ASSERT_TRUE(b.append("abc", 3));
+    ASSERT_TRUE(b.set_room(15));
+    EXPECT_EQ(15u, last_size);
+    refuse_memory = true;
+    EXPECT_FALSE(b.set_room(20));
+    EXPECT_EQ(15u, b.room());
+    EXPECT_EQ("abc", text_of(b));
+}

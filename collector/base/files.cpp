@@ -43,15 +43,23 @@ bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
 
 bool make_private_directory(const std::string& path) {
     std::error_code failed;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
-    if (mkdir(path.c_str(), 0700) == 0) {
+    std::filesystem::path last = std::filesystem::path(path).lexically_normal();
+    if (!last.has_filename()) { /* "DIR/" would be made with what leads to it, for everyone */
+        last = last.parent_path();
+    }
+    std::filesystem::create_directories(last.parent_path(), failed);
+    if (mkdir(last.c_str(), 0700) == 0) {
         return true;
     }
     if (errno == ENOENT && failed) {
         errno = failed.value(); /* why there is nothing to put it into */
     }
     struct stat status;
-    if (errno != EEXIST || stat(path.c_str(), &status) != 0) {
+    if (errno != EEXIST) {
+        return false;
+    }
+    if (stat(path.c_str(), &status) != 0) {
+        errno = EEXIST; /* a link to nowhere */
         return false;
     }
     errno = ENOTDIR;

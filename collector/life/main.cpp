@@ -111,18 +111,20 @@ static int run_server(const options& o) {
     if (!make_private_directory(o.state_dir) || access(o.state_dir.c_str(), W_OK | X_OK) != 0) {
         return fail(system_error("cannot use the state directory " + o.state_dir));
     }
-    std::unique_ptr<result_output> output =
-        make_output(o.quiet      ? output_kind::quiet
-                    : o.problems ? output_kind::problems
-                                 : choose_output(STDOUT_FILENO, o.json));
+    const output_kind shown = o.quiet      ? output_kind::quiet
+                              : o.problems ? output_kind::problems
+                                           : choose_output(STDOUT_FILENO, o.json);
+    std::unique_ptr<result_output> output = make_output(shown);
     ingest_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     std::unique_ptr<ingest> results = ingest::open(keeping, output.get(), error);
     if (!results) {
         return fail(error);
     }
-    if (std::unique_ptr<result_reader> stored = open_stored(o.state_dir, *output)) {
-        output->begin(*stored);
+    if (shown == output_kind::table) { /* the one kind that begins with what is stored */
+        if (std::unique_ptr<result_reader> stored = open_stored(o.state_dir, *output)) {
+            output->begin(*stored);
+        }
     }
     identity_report identity;
     tls_context tls =

@@ -7,6 +7,7 @@
 #include <getopt.h>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -58,15 +59,16 @@ options_result set_instead(const row&, const char*, options& out, std::string&) 
 template <auto member>
 options_result set_number(const row& of, const char* value, options& out, std::string& text) {
     std::string_view digits = value;
-    uint64_t number = 0;
+    std::remove_reference_t<decltype(out.*member)> number = 0;
     auto [end, failed] = std::from_chars(digits.begin(), digits.end(), number);
-    if (failed != std::errc() || end != digits.end() || number < of.low || number > of.high) {
+    if (failed != std::errc() || end != digits.end() || std::cmp_less(number, of.low) ||
+        std::cmp_greater(number, of.high)) {
         return complain(of,
                         "a number from " + std::to_string(of.low) + " to " +
                             std::to_string(of.high) + not_this(value),
                         text);
     }
-    out.*member = static_cast<std::remove_reference_t<decltype(out.*member)>>(number);
+    out.*member = number;
     return options_result::run;
 }
 

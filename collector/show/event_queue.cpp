@@ -9,6 +9,10 @@
  */
 static const size_t chunk_size = 16 << 10, chunk_events = 64;
 
+/* What an event counts for beside its bytes. Less than it takes: how many wait for a slow reader
+ * must not depend on how they are kept. */
+static const size_t event_charge = 160;
+
 static size_t bytes_of(const event& e) {
     return e.account.size() + e.agent.size() + e.text.size() + e.result.content.raw.size();
 }
@@ -50,14 +54,15 @@ static std::string_view append(char*& place, std::string_view text) {
 }
 
 void event_chunk::add(const event& e) {
-    event& kept = events.emplace_back(e);
-    char* place = bytes_.get() + used_;
+    /* Memory may be short here, and nowhere below: then nothing has been added. */
+    std::shared_ptr<char[]> own;
     if (is_large(e)) {
-        kept.own = std::make_shared_for_overwrite<char[]>(bytes_of(e));
-        place = kept.own.get();
-    } else {
-        used_ += bytes_of(e);
+        own = std::make_shared_for_overwrite<char[]>(bytes_of(e));
     }
+    event& kept = events.emplace_back(e); /* there is room for it: see event_chunk() */
+    char* place = own ? own.get() : bytes_.get() + used_;
+    used_ += own ? 0 : bytes_of(e);
+    kept.own = std::move(own);
     kept.account = append(place, e.account);
     kept.agent = append(place, e.agent);
     kept.text = append(place, e.text);
@@ -88,7 +93,7 @@ size_t event_queue::add(const event& e) {
         }
     }
     chunks_.back().add(e);
-    bytes_ += sizeof(event) + bytes_of(e);
+    bytes_ += event_charge + bytes_of(e);
     count_++;
     size_t dropped = 0;
     for (; bytes_ > most_ && count_ > 1; dropped++) {
@@ -99,12 +104,14 @@ size_t event_queue::add(const event& e) {
 
 void event_queue::drop_first() {
     event_chunk& first = chunks_.front();
-    bytes_ -= sizeof(event) + bytes_of(first.events[first.next]);
+    bytes_ -= event_charge + bytes_of(first.events[first.next]);
     count_--;
     first.events[first.next] = {};
     if (++first.next == first.events.size()) {
-        first.clear();
-        spare_.push_back(std::move(first));
+        if (spare_.size() < most_spare) {
+            first.clear();
+            spare_.push_back(std::move(first));
+        }
         chunks_.erase(chunks_.begin());
     }
 }

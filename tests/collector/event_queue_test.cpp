@@ -120,3 +120,48 @@ TEST(event_queue, asks_for_no_memory_once_it_is_warm) {
     EXPECT_EQ(allocations, before);
     EXPECT_EQ(all(chunks).size(), 1000u);
 }
+
+TEST(event_queue, a_slow_reader_misses_as_many_however_entries_are_kept) {
+    const std::string bytes = load_record(1, noon);
+    event_queue queue(1 << 20);
+    size_t dropped = 0;
+    for (int i = 0; i < 10000; i++) {
+        dropped += queue.add(of(bytes, "web1"));
+    }
+    EXPECT_EQ(queue.count(), (1u << 20) / (160 + bytes.size() + strlen("a@b.cweb1")));
+    EXPECT_EQ(queue.count() + dropped, 10000u);
+}
+
+TEST(event_queue, memory_of_what_is_dropped_is_given_back) {
+    if (sanitized) {
+        GTEST_SKIP() << "memory is not counted here";
+    }
+    const std::string text(4000000, 'x');
+    size_t before = held;
+    event_queue queue(4 << 20);
+    for (int i = 0; i < 20000; i++) {
+        queue.add({.kind = event_kind::problem, .text = "small"});
+    }
+    queue.add({.kind = event_kind::problem, .text = text});
+    std::vector<event_chunk> chunks;
+    queue.take(chunks);
+    chunks.clear();
+    EXPECT_LT(held - before, 4u << 20);
+}
+
+TEST(event_queue, what_there_is_no_memory_for_is_not_added) {
+    if (sanitized) {
+        GTEST_SKIP() << "memory does not run out here";
+    }
+    const std::string text(100000, 'x');
+    event_queue queue(8 << 20);
+    queue.add({.kind = event_kind::problem, .text = "first"});
+    refused_above = 50000;
+    EXPECT_THROW(queue.add({.kind = event_kind::problem, .text = text}), std::bad_alloc);
+    refused_above = SIZE_MAX;
+    EXPECT_EQ(queue.count(), 1u);
+    std::vector<event_chunk> chunks;
+    queue.take(chunks);
+    ASSERT_EQ(all(chunks).size(), 1u);
+    EXPECT_EQ(all(chunks)[0].text, "first");
+}

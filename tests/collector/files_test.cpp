@@ -73,6 +73,13 @@ TEST(files, a_directory_that_is_made_is_its_owner_s_alone) {
     EXPECT_EQ(errno, ENOTDIR);
     EXPECT_FALSE(make_private_directory(home / "file/state"));
     EXPECT_EQ(errno, ENOTDIR);
+    for (const char* name : {"slash/", "slashes//", "dot/.", "far/away/"}) {
+        EXPECT_TRUE(make_private_directory(home / name)) << name;
+        EXPECT_EQ(mode_of(home / name), 0700u) << name;
+    }
+    std::filesystem::create_symlink(home / "nowhere", home / "link");
+    EXPECT_FALSE(make_private_directory(home / "link"));
+    EXPECT_EQ(errno, EEXIST);
     EXPECT_TRUE(make_private_directory(home / "new/state"));
     EXPECT_EQ(mode_of(home / "new/state"), 0700u);
     EXPECT_FALSE(sync_directory(home / "nowhere"));

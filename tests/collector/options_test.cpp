@@ -126,6 +126,11 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--older-than", "1h"}, "--older-than needs --missing");
 }
 
+TEST(collector_options, days_to_keep_may_be_minus_nothing) {
+    EXPECT_EQ(parse({"--keep-days", "-0"}).o.keep_days, 0);
+    expect_wrong({"--port", "-0"}, "--port takes a number from 0 to 65535, not \"-0\"");
+}
+
 TEST(collector_options, durations_have_a_unit) {
     auto seconds = [](const char* text) {
         return parse({"--missing", "--plan", "p", "--older-than", text}).o.older_than;

@@ -4,12 +4,16 @@
 #define COUNTED_MEMORY_H
 
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <malloc.h>
 #include <new>
 
 /* Bytes in use and the most that were, and how often memory was asked for. */
 static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
+
+/* No larger block is there to be had. */
+[[maybe_unused]] static std::atomic<size_t> refused_above = SIZE_MAX;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 static constexpr bool sanitized = true;
@@ -35,7 +39,7 @@ static constexpr bool sanitized = false;
 }
 
 void* operator new(size_t size) {
-    return count_in(malloc(size));
+    return count_in(size <= refused_above ? malloc(size) : nullptr);
 }
 void operator delete(void* p) noexcept {
     count_out(p);

@@ -80,7 +80,7 @@ bool sqlite_engine::open() {
     bool ok = file_.open(reason_);
     if (ok && !prepare()) {
         reason_.clear();
-        file_.refuse(reason_);
+        file_.refuse(reason_); /* while what failed can still be asked for its reason */
         release();
         ok = false;
     }

@@ -131,15 +131,15 @@ UDCW* make_by_table(uint32_t code, std::index_sequence<Numbers...>, const Named&
 /* The record of a test, or an inventory; nested records may follow. The caller frees the writer and
  * the record, as checker_add_record() does. Null when memory is short. */
 template <const protocol::record_def& Type, typename... Named>
-    requires values_of_table<Type, Named...>
 UDCW* make_record(const Named&... given) {
+    static_assert(values_of_table<Type, Named...>, "not the values of the table, in its order");
     return make_by_table<Type>(Type.code, std::index_sequence_for<Named...>(), given...);
 }
 
 /* A nested record. Null when memory is short. */
 template <const protocol::part_def& Part, typename... Named>
-    requires values_of_table<Part, Named...>
 UDCW* make_part(const Named&... given) {
+    static_assert(values_of_table<Part, Named...>, "not the values of the table, in its order");
     return make_by_table<Part>(0, std::index_sequence_for<Named...>(), given...);
 }
 

@@ -108,22 +108,31 @@ void add_named(UDCW* writer, const Named& given) {
     }
 }
 
-template <const auto& Table, size_t... Numbers, typename... Named>
-UDCW* make_by_table(uint32_t code, std::index_sequence<Numbers...>, const Named&... given) {
+/* What is not named: the code, and what is always 0. */
+template <const auto& Table, size_t Position>
+void add_fixed(UDCW* writer, uint32_t code) {
+    constexpr const protocol::value_def& value = Table.values[Position];
+    if constexpr (value.role == protocol::value_role::code) {
+        udcw_add(writer, UDC_UI32, code);
+    } else if constexpr (value.role == protocol::value_role::unused) {
+        udcw_add(writer, udc_type_of(value.type), 0);
+    }
+}
+
+/* All of the table is looked up while compiling: a pass makes hundreds of records. */
+template <const auto& Table, size_t... Positions, size_t... Numbers, typename... Named>
+UDCW* make_by_table(uint32_t code, std::index_sequence<Positions...>,
+                    std::index_sequence<Numbers...>, const Named&... given) {
     using enum protocol::value_type;
+    constexpr uint32_t counts[] = {count_of(Table.values, i32), count_of(Table.values, ui32),
+                                   count_of(Table.values, i64), count_of(Table.values, ui64),
+                                   count_of(Table.values, d64), count_of(Table.values, string)};
     UDCW* writer = nullptr;
-    if (!create_new_udcw(&writer, count_of(Table.values, i32), count_of(Table.values, ui32),
-                         count_of(Table.values, i64), count_of(Table.values, ui64),
-                         count_of(Table.values, d64), count_of(Table.values, string))) {
+    if (!create_new_udcw(&writer, counts[0], counts[1], counts[2], counts[3], counts[4],
+                         counts[5])) {
         return nullptr;
     }
-    for (const protocol::value_def& value : Table.values) {
-        if (value.role == protocol::value_role::code) {
-            udcw_add(writer, UDC_UI32, code);
-        } else if (value.role == protocol::value_role::unused) {
-            udcw_add(writer, udc_type_of(value.type), 0);
-        }
-    }
+    (add_fixed<Table, Positions>(writer, code), ...);
     (add_named<Table, Numbers>(writer, given), ...);
     return writer;
 }
@@ -133,14 +142,16 @@ UDCW* make_by_table(uint32_t code, std::index_sequence<Numbers...>, const Named&
 template <const protocol::record_def& Type, typename... Named>
 UDCW* make_record(const Named&... given) {
     static_assert(values_of_table<Type, Named...>, "not the values of the table, in its order");
-    return make_by_table<Type>(Type.code, std::index_sequence_for<Named...>(), given...);
+    return make_by_table<Type>(Type.code, std::make_index_sequence<Type.values.size()>(),
+                               std::index_sequence_for<Named...>(), given...);
 }
 
 /* A nested record. Null when memory is short. */
 template <const protocol::part_def& Part, typename... Named>
 UDCW* make_part(const Named&... given) {
     static_assert(values_of_table<Part, Named...>, "not the values of the table, in its order");
-    return make_by_table<Part>(0, std::index_sequence_for<Named...>(), given...);
+    return make_by_table<Part>(0, std::make_index_sequence<Part.values.size()>(),
+                               std::index_sequence_for<Named...>(), given...);
 }
 
 /* Appends the nested record to the other and frees it with its writer; null appends nothing. */

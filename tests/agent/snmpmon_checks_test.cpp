@@ -1,3 +1,4 @@
+#include "guards.h"
 #include "slow_library.h"
 #include "snmp_agent.h"
 #include "snmpmon_checks.h"
@@ -162,8 +163,8 @@ protected:
     udc_content get(definition& d) {
         char* data = nullptr;
         int size = 0;
-        before_ = time(nullptr);
         clock_ahead_ms = 0;
+        before_ = now_in_seconds();
         EXPECT_EQ(do_single_full_check(&d.def, &data, &size), 1);
         auto record = read_udc(data, static_cast<size_t>(size));
         free(data);
@@ -627,7 +628,7 @@ class snmp_walk : public snmp_check {
 protected:
     /* The lines with "T" for times. */
     std::string walk(definition& d) {
-        time_t start = ::time(nullptr);
+        time_t start = now_in_seconds();
         heap_text lines(d.def.bulk != 0 ? do_single_full_walk_bulk_check(&d.def)
                                         : do_single_full_walk_check(&d.def));
         std::string result;
@@ -639,7 +640,7 @@ protected:
             int rest = 0;
             EXPECT_EQ(sscanf(line.c_str(), "SWV\t77\t%ld\t%lf%n", &time, &ms, &rest), 2) << line;
             EXPECT_GE(time, start);
-            EXPECT_LE(time, ::time(nullptr));
+            EXPECT_LE(time, now_in_seconds());
             std::string head = line.substr(0, static_cast<size_t>(rest));
             bool is_zero = head.ends_with("\t0");
             EXPECT_TRUE(is_zero || head.size() - head.rfind('.') == 4) << line;

@@ -57,7 +57,7 @@ private:
 /* For one thread at a time: its user holds a lock. */
 class event_queue {
 public:
-    explicit event_queue(size_t most) : most_(most) {}
+    explicit event_queue(size_t most) : most_(most) { spare_.reserve(most_spare); }
 
     /* Copies what the event has views of. Returns how many older ones were dropped for it. */
     size_t add(const event& e);
@@ -66,7 +66,7 @@ public:
     size_t count() const { return count_; }
     size_t bytes() const { return bytes_; }
 
-    /* All that waits, in exchange for `chunks`, which are used again. */
+    /* All that waits, in exchange for `chunks`, which are used again. Asks for no memory. */
     void take(std::vector<event_chunk>& chunks);
 
 private:

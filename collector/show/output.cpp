@@ -413,8 +413,21 @@ private:
             show_batch(batch, dropped);
         }
         std::string out;
-        view_->finish(out);
+        try_to([&] { view_->finish(out); }, out, out);
         write_out(options_.fd, out);
+    }
+
+    /* What there is no memory for is not shown, and counted. No half line is left of it. */
+    template <typename Do>
+    void try_to(Do show, std::string& out, std::string& problems) {
+        const size_t before = out.size(), problems_before = problems.size();
+        try {
+            show();
+        } catch (const std::bad_alloc&) {
+            lost_++;
+            out.resize(std::min(out.size(), before));
+            problems.resize(std::min(problems.size(), problems_before));
+        }
     }
 
     /* False at the end. Returns without events every half second, for the table's sake. */
@@ -437,12 +450,12 @@ private:
         std::string out, problems;
         report_dropped(dropped, out, problems);
         for_each(batch, [&](const event& e) {
-            show(e, out, problems);
+            try_to([&] { show(e, out, problems); }, out, problems);
             if (out.size() >= 64 * 1024) {
                 write_out(options_.fd, out);
             }
         });
-        view_->refresh(out);
+        try_to([&] { view_->refresh(out); }, out, problems);
         write_out(options_.fd, out);
         write_out(options_.problem_fd, problems);
     }
@@ -456,10 +469,16 @@ private:
     }
 
     void report_dropped(size_t dropped, std::string& out, std::string& problems) {
-        if (dropped > 0) {
-            view_->show_problem(std::to_string(dropped) +
-                                    " entries are not shown: the reader is too slow",
-                                out, problems);
+        report_count(dropped, " entries are not shown: the reader is too slow", out, problems);
+        const size_t lost = std::exchange(lost_, 0);
+        report_count(lost, " entries are not shown: there was no memory for them", out, problems);
+        lost_ += lost_ > 0 ? lost : 0; /* no memory for that either */
+    }
+
+    void report_count(size_t count, const char* what, std::string& out, std::string& problems) {
+        if (count > 0) {
+            try_to([&] { view_->show_problem(std::to_string(count) + what, out, problems); }, out,
+                   problems);
         }
     }
 
@@ -489,7 +508,7 @@ private:
         }
         std::string none;
         report_dropped(dropped, none, none);
-        for_each(batch, [&](const event& e) { show(e, none, none); });
+        for_each(batch, [&](const event& e) { try_to([&] { show(e, none, none); }, none, none); });
     }
 
     bool is_stopping() {
@@ -534,6 +553,7 @@ private:
     size_t dropped_ = 0;
     bool stopping_ = false;
 
+    size_t lost_ = 0;   /* of the output's thread: entries for which there was no memory */
     bool gone_ = false; /* of the output's thread: the reader took nothing while we had to end */
 
     std::thread thread_;

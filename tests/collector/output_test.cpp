@@ -1,6 +1,7 @@
 #include "show/output.cpp"
 
 #include "collector_test_support.h"
+#include "counted_memory.h"
 
 #include <boost/json.hpp>
 #include <fcntl.h>
@@ -253,6 +254,41 @@ TEST(output, a_huge_record_is_only_mentioned) {
     EXPECT_EQ(problems.read_all(),
               "vindral-collector: a record of 1200032 bytes from web1 is stored, "
               "but too large to be shown\n");
+}
+
+TEST(output, what_there_is_no_memory_for_is_left_out_and_counted) {
+    if (sanitized) {
+        GTEST_SKIP() << "memory does not run out here";
+    }
+    pipe_pair out, problems;
+    const std::string small = load_record(5, noon, 2, "high");
+    const std::string large = load_record(4, noon, 2, std::string(100000, 'x'));
+    {
+        auto o =
+            make_output(output_kind::json, {.fd = out.writer(), .problem_fd = problems.writer()});
+        for (int i = 0; i < 3; i++) { /* what keeps entries is made once */
+            show(*o, small);
+            out.read_until("\n");
+        }
+        refused_above = 150000; /* enough to keep the record, and not for its line */
+        std::string line;
+        try {
+            show(*o, large);
+            show(*o, small);
+            line = out.read_until("\n");
+        } catch (const std::bad_alloc&) {
+        }
+        refused_above = SIZE_MAX;
+        EXPECT_EQ(boost::json::parse(line).at("test"), 5);
+        o->on_problem("else");
+    }
+    EXPECT_EQ(out.read_all(), "");
+    std::string text = problems.read_all();
+    EXPECT_NE(text.find("vindral-collector: 1 entries are not shown: there was no memory for "
+                        "them\n"),
+              text.npos)
+        << text;
+    EXPECT_NE(text.find("vindral-collector: else\n"), text.npos) << text;
 }
 
 TEST(output, many_threads_may_report) {

@@ -3,6 +3,7 @@
 import os
 import re
 import resource
+import signal
 import subprocess
 import tempfile
 import time
@@ -65,24 +66,36 @@ class Memory(host.TestCase):
         """Expected: what the checkers had is lost at no step on its way to the server: with memory again,
         all that was collected is stored, once. (Log lines are small enough to get their memory.)"""
         shim = host.Shim(self)
-        self.start_collector(*("LAA\t%d\t1\t-1\t-1\t-1" % test for test in range(2, 40))).start()
+        collector = self.start_collector(*("LAA\t%d\t1\t-1\t-1\t-1" % test for test in range(2, 40))).start()
         agent = self.start_agent(env=shim.env)
         self.wait_more()
         shim.fail_from_bytes = 1000
 
         def strike(every):
-            """Two polls and the log of them."""
-            before = agent.log()
+            """Two polls."""
+            before = agent.log().count("make_poll result: ")
             shim.fail_every = every
-            agent.wait_log("make_poll result: ", before.count("make_poll result: ") + 2)
+            agent.wait_log("make_poll result: ", before + 2)
             shim.fail_every = 0
-            struck = agent.log()[len(before):]
             self.wait_more()
-            return struck
+
+        def strike_under_way():
+            """The same while the results of a whole pass wait for their answer; false if there were less."""
+            os.kill(collector.process.pid, signal.SIGSTOP)
+            try:
+                harness.wait_until(lambda: re.search(r"get_lda_results data size: \d{4}",
+                                                     agent.log().rpartition("make_poll result: ")[2]), "a pass", 5)
+                shim.fail_every = 1
+            except AssertionError:
+                return False
+            finally:
+                os.kill(collector.process.pid, signal.SIGCONT)
+            strike(1)
+            return True
 
         strike(3)
-        # Until the results of a whole pass were under way when there was no memory at all.
-        harness.wait_until(lambda: re.search(r"get_lda_results data size: \d{4}", strike(1)), "the moment")
+        strike(1)
+        harness.wait_until(strike_under_way, "the moment")
         self.check_account()
 
     @harness.needs_namespaces

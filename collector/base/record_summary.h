@@ -24,6 +24,13 @@ struct record_summary {
 };
 record_summary summarize(const record& r);
 
+/* A record and what was read from it when it was decoded, which is done once. Views of the block.
+ */
+struct decoded_record {
+    record content;
+    record_summary summary;
+};
+
 /* "load average", or "type 99" for one that has no row. */
 std::string type_name(uint32_t type);
 

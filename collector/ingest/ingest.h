@@ -7,13 +7,19 @@
 #ifndef VINDRAL_COLLECTOR_INGEST_H
 #define VINDRAL_COLLECTOR_INGEST_H
 
+#include "base/record_summary.h"
 #include "ingest/poll_block.h"
+#include "state/expected.h"
+#include "state/take.h"
 #include "store/engine.h"
 
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 /* Told of each record once it is committed, and of what could not be decoded. Called on the writer
  * thread, in order, before the block's `done`. The record is a view that ends with the call. */
@@ -22,16 +28,34 @@ struct store_listener {
     virtual void on_record(const poll_block& from, const decoded_record& result) = 0;
     virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                                 const std::string& reason, const std::string& kept_as) = 0;
+    /* How an agent stands after the records of a block, and what changed with it; or after nothing
+     * came for too long, or it came back. Both are views that end with the call. */
+    virtual void on_agent(std::string_view account, std::string_view agent, const agent_state& now,
+                          std::span<const change> changes) {
+        (void)account, (void)agent, (void)now, (void)changes;
+    }
     /* Something the operator should see: storing fails, storing works again. The collector's other
      * parts may report here too, from any thread. */
     virtual void on_problem(const std::string& text) { (void)text; }
+};
+
+/* test_definition with its own texts. */
+struct owned_definition {
+    uint32_t type = 0;
+    int32_t number = 0, location = 0;
+    std::string name = {}, text = {};
 };
 
 struct ingest_options {
     std::string directory; /* state directory; created when missing */
     /* Of the days on which results arrived, those before the newest that are kept; 0 keeps all. At
      * most one is dropped an hour, unless fewer are to be kept than in the last run. */
-    int keep_days = 30;
+    int keep_days = 14;
+    /* Days of roll-ups, events and ledger that are kept; 0 keeps all. */
+    int keep_5min_days = 90;
+    int keep_hour_days = 730;
+    int keep_event_days = 0;
+    int keep_ledger_days = 730;
     /* Bytes of blocks waiting for the writer; beyond it: failed. Of one agent a sixteenth of it
      * may wait, or a single block. */
     size_t max_queued = 64u << 20;
@@ -55,6 +79,15 @@ public:
      * full disk) is opened again with the next block; until then every block fails. One that is
      * damaged, or was removed, is followed by a new one, and the listener is told. */
     virtual void submit(poll_block block, std::function<void(store_result)> done) = 0;
+
+    /* An agent was heard, whether or not its block can be stored. Its row says so later. */
+    virtual void heard(std::string_view account, std::string_view agent, int64_t received,
+                       std::string_view address, std::string_view version) = 0;
+
+    /* What is to come, and what the tests are; known from then on. Without a call every test that
+     * came is expected again, at intervals of a minute. Definitions are kept when they differ from
+     * the last one of their test; `since` is set. */
+    virtual void follow(plan_summary plan, std::vector<owned_definition> definitions) = 0;
 };
 
 #endif

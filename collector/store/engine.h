@@ -1,16 +1,23 @@
-/* What keeps the results, seen from above. Narrow, so that more than one database can do it: blocks
- * are appended in transactions, one day after the other, and a day is dropped whole. What a block
- * is, when it is a repetition and when a day is too old is decided above (ingest.h); how it is laid
- * down, and what is done when a file fails, below (sqlite/).
+/* What keeps the results, seen from above. Narrow, so that more than one database can do it. What a
+ * block is, when it is a repetition, what a result says about a test, when something is packed and
+ * when it is dropped is decided above; how all of it is laid down, and what is done when a file
+ * fails, below (sqlite/).
+ *
+ * WHAT IS KEPT  The records of a poll go into a block, as they were sent. Blocks that lie open are
+ * packed after a while, by test: a chunk is the records of one test from some of its agent's
+ * blocks (pack.h), kept for as long as raw results are. A roll-up is what became of a test in a day
+ * of check times at one resolution, one packed row. Beside these stand events, the ledger,
+ * inventories, and what the tests were defined as. What is known of an agent at the moment, its
+ * state, is one packed text in its row, of which nothing is understood here.
  *
  * There are two ways in: an `engine` for one thread that writes, and a `result_reader` for
- * everybody who reads, each with a connection of its own. */
+ * everybody who reads, each with a connection of its own.
+ *
+ * All times are seconds since the epoch. */
 #ifndef VINDRAL_COLLECTOR_ENGINE_H
 #define VINDRAL_COLLECTOR_ENGINE_H
 
-#include "base/record_summary.h"
-#include "protocol/record.h"
-
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,44 +28,88 @@
 #include <utility>
 #include <vector>
 
-/* A record and what was read from it when it was decoded, which is done once. Views of the block.
- */
-struct decoded_record {
-    record content;
-    record_summary summary;
-};
+/* ---- what is stored; all views end with the call ---- */
 
-/* An agent, as it is known. The views end with the call. */
+/* An agent, as it is known. */
 struct known_agent {
+    int64_t id = 0;
     std::string_view account, agent, address, version; /* the last two empty: not known */
-    int64_t first_seen = 0, last_seen = 0;             /* seconds since the epoch */
+    int64_t first_seen = 0, last_seen = 0;
+    std::string_view state; /* as end_block() left it */
 };
 
-/* The last result of one test of an agent, or its last inventory of a kind. The views end with the
- * call. */
-struct latest_result {
-    std::string_view account, agent;
-    int64_t received = 0;    /* seconds since the epoch */
-    std::string_view record; /* bytes as sent */
+/* A test that ever had a result. Ids are never given twice, and rise. */
+struct known_test_row {
+    int64_t id = 0, agent = 0;
+    uint32_t type = 0;             /* of its records */
+    std::optional<int32_t> number; /* none: of a type that is not known */
 };
 
-/* The same without its bytes. */
-struct latest_entry {
+/* The records of one poll, or of a slice of a large one, behind each other as they were sent, but
+ * for inventories. */
+struct open_block {
+    int64_t row = 0; /* rises with time */
+    int64_t received = 0;
+    int64_t before = 0; /* row of the agent's block before this one; 0: none that is open */
+    std::string_view records;
+};
+
+/* Records of one test, packed. */
+struct packed_chunk {
+    int64_t received_first = 0, received_last = 0;
+    int64_t first = 0, last = 0; /* lowest and highest check time, as reckoned */
+    uint32_t results = 0;        /* records */
+    std::string_view data;       /* pack.h */
+};
+
+enum class resolution : uint8_t { five_minutes, hour };
+
+/* A change of state of a test, or of an agent where `test` is 0. */
+struct stored_event {
+    int64_t id = 0; /* given by the engine; rises */
+    int64_t time = 0;
+    int64_t agent = 0, test = 0;
+    uint8_t from = 0, to = 0; /* state/agent_state.h */
+    std::string_view message;
+};
+
+/* What came of an agent in an hour of check times. */
+struct ledger_row {
+    int64_t agent = 0, hour = 0; /* seconds at which the hour begins */
+    uint64_t received = 0, repeated = 0, missing = 0;
+};
+
+struct stored_inventory {
+    int64_t row = 0, agent = 0;
     uint32_t type = 0;
-    std::optional<int32_t> test; /* none: an inventory, or a type that is not known */
-    int64_t received = 0;        /* seconds since the epoch; its day tells the table */
-    int64_t row = 0;             /* where the engine has it, on that day */
-    std::optional<int64_t> time; /* of the check */
-    std::optional<int32_t> status;
+    int64_t received = 0, time = 0;
+    std::string_view record; /* as sent */
+};
 
-    auto key() const { return std::pair(type, test); }
+/* What a test was told to be, from `since` until the next of its kind and number. */
+struct test_definition {
+    uint32_t type = 0;
+    int32_t number = 0, location = 0;
+    int64_t since = 0;
+    std::string_view name; /* for people: what it looks at */
+    std::string_view
+        text; /* the command's fields behind the code, tabs between, secrets left out */
 };
 
 /* ---- reading ---- */
 
+/* Which events: newest first. */
+struct event_filter {
+    int64_t agent = 0, test = 0;              /* 0: all; a test's own only with `test` */
+    int64_t from = INT64_MIN, to = INT64_MAX; /* from <= time < to */
+    int64_t below = INT64_MAX;                /* id */
+};
+
 /* Reads one state of what is stored, also while a collector writes; for a later one make another.
  * Not to be kept for long: the file's log grows meanwhile. Any thread, one at a time. The calls
- * return false with the reason in `error` when not all could be read. */
+ * return false with the reason in `error` when not all could be read; what is damaged is passed
+ * over where the rest can be read, and is an error in the end. Those that take a function with a
+ * bool end early, and return true, when that returns false. */
 class result_reader {
 public:
     virtual ~result_reader() = default;
@@ -66,20 +117,47 @@ public:
     /* Where it reads, for messages. */
     virtual std::string place() const = 0;
 
-    /* In the order in which they came first. */
+    /* By account and name. Looks at the agents' rows alone, whatever the number of results. */
     virtual bool for_each_agent(const std::function<void(const known_agent&)>& each,
                                 std::string& error) = 0;
+    /* One of them; `each` is not called when there is none. */
+    virtual bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
+                            std::string& error) = 0;
+    virtual bool read_agent(std::string_view account, std::string_view agent,
+                            const std::function<void(const known_agent&)>& each,
+                            std::string& error) = 0;
+    virtual std::optional<known_test_row> find_test(int64_t id) = 0;
 
-    /* In no order. A result that is gone with its day is left out, and one that is damaged passed
-     * over, which is an error in the end. */
-    virtual bool for_each_latest(const std::function<void(const latest_result&)>& each,
-                                 std::string& error) = 0;
-
-    /* Every agent by account and name, each with the entries of all its tests in the order of their
-     * keys. It looks at the agents alone, whatever the number of results. */
-    virtual bool for_each_tested(
-        const std::function<void(const known_agent&, std::span<const latest_entry>)>& each,
-        std::string& error) = 0;
+    /* A block that is open, and those of its agent before it, newest first. Ends where a block has
+     * been packed already. */
+    virtual bool for_each_block(int64_t row, const std::function<bool(const open_block&)>& each,
+                                std::string& error) = 0;
+    /* Chunks of a test of which something was received from `from` on, newest first. `data` is
+     * read only when `wanted` says so of the rest. */
+    virtual bool for_each_chunk(int64_t test, int64_t from,
+                                const std::function<bool(const packed_chunk&)>& wanted,
+                                const std::function<bool(const packed_chunk&)>& each,
+                                std::string& error) = 0;
+    /* Roll-ups of a test, of the days from <= day < to (days since the epoch), oldest first. */
+    virtual bool for_each_roll_up(resolution r, int64_t test, int64_t from, int64_t to,
+                                  const std::function<void(int64_t day, std::string_view)>& each,
+                                  std::string& error) = 0;
+    virtual bool for_each_event(const event_filter& which,
+                                const std::function<bool(const stored_event&)>& each,
+                                std::string& error) = 0;
+    /* from <= hour < to; of all agents with `agent` 0. By hour, then agent. */
+    virtual bool for_each_ledger_row(int64_t agent, int64_t from, int64_t to,
+                                     const std::function<bool(const ledger_row&)>& each,
+                                     std::string& error) = 0;
+    /* The agent's inventory of that type as it was at `time`. */
+    virtual bool read_inventory(int64_t agent, uint32_t type, int64_t time,
+                                const std::function<void(const stored_inventory&)>& each,
+                                std::string& error) = 0;
+    /* All that a test was, oldest first; of every test with `number` 0. */
+    virtual bool for_each_definition(uint32_t type, int32_t number,
+                                     const std::function<void(const test_definition&)>& each,
+                                     std::string& error) = 0;
+    virtual std::optional<int64_t> read_fact(const char* name) = 0;
 };
 
 /* Null with the reason in `error` when there is nothing in the state directory that can be read. */
@@ -90,12 +168,12 @@ std::unique_ptr<result_reader> open_reader(const std::string& directory, std::st
 /* The row of an agent. */
 struct stored_agent {
     int64_t id = 0;
-    std::string_view last_block; /* as end_block() left it; until the next call */
+    std::string_view last_block, state; /* as end_block() left them; until the next call */
 };
 
 /* What comes with each block of an agent. */
 struct agent_news {
-    int64_t received = 0;              /* seconds since the epoch */
+    int64_t received = 0;
     std::string_view address, version; /* empty: as before */
 };
 
@@ -107,8 +185,29 @@ struct undecodable_piece {
 
 enum class drop_outcome {
     done,
+    more,   /* something was dropped, and there is more: call again */
     failed, /* tried later */
     damaged /* it stays */
+};
+
+/* A record that an earlier version stored. */
+struct earlier_record {
+    int64_t position = 0; /* rises in the order of arrival; above 0 */
+    int64_t agent = 0, received = 0;
+    std::string_view record;
+};
+
+/* The file of an earlier version, which stays as it is. */
+class earlier_results {
+public:
+    virtual ~earlier_results() = default;
+    virtual std::string place() const = 0;
+    virtual int64_t count() = 0; /* of records, about */
+    /* Those behind `position`, until `each` returns false. Days that are damaged are read as far as
+     * they can be; then the return value is false, with the reason. */
+    virtual bool for_each_record(int64_t position,
+                                 const std::function<bool(const earlier_record&)>& each,
+                                 std::string& error) = 0;
 };
 
 struct engine_options {
@@ -132,13 +231,46 @@ public:
     virtual bool begin() = 0;
     virtual bool commit() = 0;
 
-    /* For each block: the agent, which is made when there is none. What follows is its. */
+    /* The agent, which is made when there is none. */
     virtual bool find_agent(std::string_view account, std::string_view agent, int64_t received,
                             stored_agent& found) = 0;
-    virtual bool append(int64_t received, std::span<const decoded_record> results) = 0;
-    virtual bool append_undecodable(int64_t received, const undecodable_piece& piece) = 0;
-    /* `last_block` stays in the agent's row. */
-    virtual bool end_block(const agent_news& news, std::string_view last_block) = 0;
+    /* One that there is; false without a reason when there is not. */
+    virtual bool find_agent(int64_t id, stored_agent& found) = 0;
+    /* The id of a test of an agent, made when there is none. */
+    virtual bool find_test(int64_t agent, uint32_t type, std::optional<int32_t> number,
+                           int64_t& id) = 0;
+
+    /* Pieces of a poll's block that follow each other as one open block; `row` is its new one. */
+    virtual bool append_block(int64_t agent, int64_t received, int64_t before,
+                              std::span<const std::string_view> pieces, int64_t& row) = 0;
+    virtual bool append_inventory(const stored_inventory& inventory, int64_t& row) = 0;
+    virtual bool append_undecodable(int64_t agent, int64_t received,
+                                    const undecodable_piece& piece) = 0;
+    virtual bool append_event(const stored_event& event, int64_t& id) = 0;
+    /* Adds the counts to what is there. */
+    virtual bool add_to_ledger(const ledger_row& counts) = 0;
+    /* What the agent's row says from now on. */
+    virtual bool end_block(int64_t agent, const agent_news& news, std::string_view last_block,
+                           std::string_view state) = 0;
+    virtual bool set_state(int64_t agent, std::string_view state) = 0;
+    virtual bool append_definition(const test_definition& definition) = 0;
+
+    /* ---- upkeep, in transactions too ---- */
+
+    /* Goes to the day of `received_last`. */
+    virtual bool append_chunk(int64_t test, const packed_chunk& chunk) = 0;
+    /* The block and the agent's blocks before it. */
+    virtual bool drop_blocks(int64_t row) = 0;
+    /* Takes the place of the one that is there. */
+    virtual bool put_roll_up(resolution r, int64_t test, int64_t day, std::string_view data) = 0;
+    virtual bool drop_roll_up(resolution r, int64_t test, int64_t day) = 0;
+    virtual bool set_fact(const char* name, int64_t value) = 0;
+    /* Ids of tests above `after`, at most `most` of them, rising. */
+    virtual bool tests_after(int64_t after, size_t most, std::vector<known_test_row>& found) = 0;
+
+    /* Reads what this connection sees, a transaction that is under way included. Valid until the
+     * next call that fails or that may open another file. */
+    virtual result_reader& reader() = 0;
 
     /* Ends a transaction that did not come to its end. */
     virtual void give_up() = 0;
@@ -148,25 +280,58 @@ public:
     virtual const std::string& reason() const = 0;
     /* Grows whenever what was written so far is no longer where it writes. */
     virtual unsigned generation() const = 0;
-
-    /* ---- days, outside of transactions ---- */
-
     virtual bool is_open() const = 0;
+
+    /* ---- dropping, outside of transactions: each call a small transaction of its own ---- */
+
     /* Whether a day was begun since the last call. */
     virtual bool days_changed() = 0;
-    /* Days (YYYYMMDD) that have results, the one written to longest ago first. */
+    /* Days (YYYYMMDD) that have chunks, the one written to longest ago first. */
     virtual drop_outcome days(std::vector<std::string>& by_turn) = 0;
-    /* Drops a day, and sets the facts in the same transaction. */
     using fact = std::pair<const char*, int64_t>;
+    /* Drops some chunks of a day, and in the end the day; sets the facts in that transaction. */
     virtual drop_outcome drop_day(const std::string& day, std::span<const fact> facts) = 0;
+    /* Drops some roll-ups of days before `day`, of tests that nothing came of any more. */
+    virtual drop_outcome drop_roll_ups(resolution r, int64_t day) = 0;
+    /* Drops some events, ledger rows and inventories that were followed by another before `time`.
+     */
+    virtual drop_outcome drop_events(int64_t time) = 0;
+    virtual drop_outcome drop_ledger(int64_t time) = 0;
+    virtual drop_outcome drop_inventories(int64_t time) = 0;
 
-    /* Numbers that outlive the process. */
     virtual std::optional<int64_t> read_fact(const char* name) = 0;
-    virtual bool set_fact(const char* name, int64_t value) = 0;
+
+    /* ---- what an earlier version left ---- */
+
+    /* Null when there is nothing (any more) that has to be taken over. The agents' rows are here
+     * already, but for their states. Outside of transactions. */
+    virtual std::unique_ptr<earlier_results> earlier() = 0;
+    /* All of it is taken over and on disk: the old file is removed. */
+    virtual bool forget_earlier() = 0;
 };
 
 /* Null with the reason in `error` when the directory cannot be used, another collector uses it, or
  * the database cannot be opened, is not ours or comes from a newer program. */
 std::unique_ptr<engine> open_engine(const engine_options& options, std::string& error);
+
+/* ---- the whole store ---- */
+
+/* Copies all that is stored into a new file, one state of it, also while a collector writes. A file
+ * that exists is refused. False with the reason in `error`; then there is no such file. `progress`
+ * is told per cent now and then. */
+bool back_up(const std::string& directory, const std::string& file,
+             const std::function<void(int)>& progress, std::string& error);
+
+/* Puts a copy that back_up() made into the state directory, which no collector may use and which
+ * may have nothing stored unless `replace`; what is replaced is kept beside it, its name in
+ * `kept_as`. The copy is checked first. */
+bool restore_from(const std::string& directory, const std::string& file, bool replace,
+                  std::string& kept_as, std::string& error);
+
+/* Looks at all that is stored: whether every page, row and packed piece can be read and fits
+ * together. Calls `found` for what is not so. False with the reason in `error` when it cannot be
+ * opened. Reads only, also while a collector writes. */
+bool check_store(const std::string& directory, const std::function<void(const std::string&)>& found,
+                 std::string& error);
 
 #endif

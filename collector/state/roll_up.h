@@ -1,0 +1,29 @@
+/* What became of a test in a day, from its results. Pure.
+ *
+ * A result counts in the bucket of its time. Its state holds from then until the next result, but
+ * not longer than a test takes to become stale; what no result covers is unknown. */
+#ifndef VINDRAL_COLLECTOR_ROLL_UP_H
+#define VINDRAL_COLLECTOR_ROLL_UP_H
+
+#include "state/result.h"
+#include "store/pack.h"
+
+#include <cstdint>
+#include <vector>
+
+/* Results of a test by time (order_by_time()), those of the day and those around it that reach into
+ * it. `day` in days since the epoch; `width` of a bucket in seconds: 300 or 3600. */
+std::vector<bucket> roll_up(const std::vector<result>& results, int64_t day, uint32_t width,
+                            int64_t stale_after);
+
+/* By time, results of one time together, and repetitions of a pass as one: what came last holds. */
+void order_by_time(std::vector<result>& results);
+
+/* Buckets of a day into those that are wider by a whole number of times. */
+std::vector<bucket> widen(const std::vector<bucket>& narrow, uint32_t width);
+
+/* Late results into a day of which the others are gone: counts and values are added, states cover
+ * what was unknown. */
+void add_to(std::vector<bucket>& day, const std::vector<bucket>& late, uint32_t width);
+
+#endif

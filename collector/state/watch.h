@@ -1,0 +1,64 @@
+/* Who is overdue. Counts in seconds of a clock that never jumps, and from the start of the process:
+ * what happened while nobody listened is held against no one. Not stored; pure; one thread.
+ *
+ * An agent is silent when it was not heard for expected::silent_after(), a test stale when its
+ * agent is not silent and nothing came of it for expected::stale_after(). All of this counts from
+ * the last time at which the collector could not do its work (pause()), and for the tests of an
+ * agent that was silent from its return. Being heard is not being stored: a poll that arrives
+ * counts, whatever the disk does. */
+#ifndef VINDRAL_COLLECTOR_WATCH_H
+#define VINDRAL_COLLECTOR_WATCH_H
+
+#include "state/expected.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+class watch {
+public:
+    using test_key = std::pair<uint32_t, int32_t>;
+
+    explicit watch(int64_t now) : since_(now) {}
+
+    /* An agent and a test of it, from the store at the start. */
+    void know(int64_t agent, bool silent, int64_t now);
+    void know(int64_t agent, const test_key& test, bool stale, int64_t now);
+
+    /* True when it was silent: take_heard() is due. */
+    bool heard(int64_t agent, int64_t now);
+    void came(int64_t agent, const test_key& test, int64_t now);
+    void forget(int64_t agent);
+
+    /* The collector did not listen, or could not store, until `now`. */
+    void pause(int64_t now) { since_ = now; }
+
+    struct overdue {
+        int64_t agent = 0;
+        bool silent = false; /* otherwise: these tests are stale */
+        std::vector<test_key> tests = {};
+    };
+    /* Each thing once: they are taken for silent and stale from then on. `most` agents at a time.
+     */
+    void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
+
+private:
+    struct test {
+        test_key key;
+        int64_t came;
+        bool stale;
+    };
+    struct agent {
+        int64_t heard, back;
+        bool silent;
+        std::vector<test> tests; /* by key */
+    };
+    int64_t since_;
+    std::unordered_map<int64_t, agent> agents_;
+};
+
+#endif

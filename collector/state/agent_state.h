@@ -37,6 +37,7 @@ struct test_status {
     std::optional<int32_t> location = {}, status = {}; /* of the last record */
     /* Records of the last pass so far, of them those that are problems, and of the pass before. */
     uint32_t parts = 0, bad_parts = 0, parts_before = 0;
+    uint32_t pid = 0; /* of process tests: in the last record; 0: no process */
 
     auto key() const { return std::pair(type, number); }
 };
@@ -67,21 +68,23 @@ struct agent_state {
     /* Of the hour that is being counted; the ledger gets it when another one begins. */
     hour_counts counts;
 
-    /* Reads what pack() made, in place of what was there. False when it is damaged: then it is
-     * empty. Memory is kept for the next agent. */
+    /* Reads what pack() made, in place of what was there; nothing is the state of an agent that is
+     * not known yet. False when it is damaged: then it is empty. Memory is kept for the next agent.
+     */
     bool unpack(std::string_view packed);
     void pack(std::string& into) const;
 
     test_status* find(uint32_t type, std::optional<int32_t> number);
     const test_status* find(uint32_t type, std::optional<int32_t> number) const;
 
-    /* The worst of the tests, or silent: problem, stale, unknown, ok; unknown without tests. */
+    /* The worst of the tests, or silent: problem, stale, unknown, ok; unknown without tests. Those
+     * without a number are none. */
     state worst() const;
 };
 
-/* What a test looks like from outside: while its agent is silent nothing is known of it. */
+/* What a test looks like from outside: unknown while its agent is silent. */
 state shown_state(const agent_state& agent, const test_status& test);
-/* Since when. */
+/* Since when: of a test that was ok or a problem since its agent is silent. */
 int64_t shown_since(const agent_state& agent, const test_status& test);
 
 #endif

@@ -33,6 +33,7 @@ struct test_status {
     int64_t received = 0; /* its last record */
     int64_t time = 0;     /* of the last pass, as reckoned */
     int64_t claimed = 0;  /* the same as the agent had it */
+    int64_t reached = 0;  /* the latest `time` since its clock was set back */
     int64_t block = 0;    /* row of the block that has the last record; it may be packed */
     std::optional<int32_t> location = {}, status = {}; /* of the last record */
     /* Records of the last pass so far, of them those that are problems, and of the pass before. */

@@ -1,12 +1,13 @@
 /* When results are to come: the intervals that agents are told, and the tests that they are to
  * have. Changes act late at the agents, so that the longer of an interval and the one before it
- * counts until the longer one has passed three times. Pure; times of a clock that never jumps, in
- * seconds. */
+ * counts from the change on until the longest of the four has passed three times; a change while
+ * that lasts goes on from what counts then. Following the same intervals again changes nothing,
+ * and before the first plan there is none. Pure; times of a clock that never jumps, in seconds. */
 #ifndef VINDRAL_COLLECTOR_EXPECTED_H
 #define VINDRAL_COLLECTOR_EXPECTED_H
 
 #include <cstdint>
-#include <set>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -36,14 +37,27 @@ public:
     int64_t silent_after(int64_t now) const;
     int64_t stale_after(int64_t now) const;
 
-    /* Whether results of the test are to come again and again. */
-    bool repeats(uint32_t type, int32_t number) const;
+    /* Whether results of the test are to come again and again, and since when: nothing before is
+     * held against it. Those of discovery never are, none are while `check` is 0, and with a plan
+     * only those in it. INT64_MIN: from the start. */
+    std::optional<int64_t> repeats_since(uint32_t type, int32_t number) const;
+    bool repeats(uint32_t type, int32_t number) const {
+        return repeats_since(type, number).has_value();
+    }
 
 private:
+    struct planned {
+        std::pair<uint32_t, int32_t> test;
+        int64_t since;
+    };
+    const planned* find(const std::pair<uint32_t, int32_t>& test) const;
+
     intervals now_, longer_;
     int64_t longer_until_ = INT64_MIN;
-    bool is_planned_ = false;
-    std::set<std::pair<uint32_t, int32_t>> tests_;
+    bool is_followed_ = false, is_planned_ = false;
+    int64_t repeating_since_ = INT64_MIN; /* tests at all */
+    int64_t unplanned_since_ = INT64_MIN; /* tests that are in no plan */
+    std::vector<planned> tests_, before_; /* by test; of the plan before, for its memory */
 };
 
 #endif

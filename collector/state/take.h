@@ -2,27 +2,51 @@
  * events and the ledger. Pure functions; whoever calls them stores what they say in the transaction
  * that stores the results.
  *
- * ORDER  Results count in the order in which they arrive from the agent. Records of one test with
- * the same check time are one pass; a pass may go on in the next block. A test's state is the worst
- * of its pass: what judge() makes of each record. A process test that was a problem is ok again
- * only when as many records have come as in the pass before, or the next block shows that there are
- * no more: the others may be on their way.
+ * PASSES  Results count in the order in which they arrive from the agent. Records of one test with
+ * the same check time and location id are one pass; so are records of a process test whose check
+ * time is up to pass_s later than the first one's, as long as the ids of the processes rise and are
+ * not 0. One of a process test with the check time and the location id of the last pass whose id
+ * does not rise repeats a part of it: nothing becomes of it, here or in the ledger. Each record of
+ * MySQL, whose times are coarse, and each without a number is a pass of its own. A pass may go on
+ * in the next block.
  *
- * TIME  The time of a pass is its check time; the arrival where that lies more than skew_s after
- * the arrival, and always for MySQL, whose times are coarse. (`claimed` keeps what the agent said.)
+ * STATES  The state of a pass is the worst of its records as judge() sees them: problem where there
+ * is a status that is not 0, else ok; what came of it in one block is judged together. A record
+ * without a number (of a type that is not known) has no state: there are no events of it, and its
+ * test stays unknown. A process test that is a problem stays one while a pass without problems has
+ * fewer records than the pass before: the others may be on their way. That there are no more is
+ * known when the next pass of the test begins, or the next block (or slice of it) brings nothing of
+ * the pass; then the pass makes the event that it would have made, without a message.
  *
- * EVENTS  A pass whose state differs from the test's makes an event at the time of the pass. A pass
- * is late when its time lies more than the time after which a test is stale before the newest check
- * time in its block (before the arrival, where that is earlier). One that is late and lies before
- * the last pass or before the present state began is overtaken: it is stored and counted, and
- * changes nothing. One that lies before these without being late comes from a clock that was set
- * back: it counts, and its event is at the arrival. A pass that comes again changes nothing.
+ * TIME  The time of a pass is its first record's check time; the arrival where that lies more than
+ * skew_s after the arrival, always for MySQL, and where there is none. (`claimed` keeps what the
+ * agent said.) `reached` is the latest time that a test's passes came to.
  *
- * LEDGER  A pass counts in the hour of its time. Passes of a test that follow each other at more
- * than 1.5 intervals have round(distance / interval) - 1 missing between them, each counted in the
- * hour in which it should have been; nothing is missing before a pass whose location id differs
- * from that of the one before, of tests that run once, of records without a test, and behind a
- * clock that was set back. More than max_gap_s is no gap but another life: nothing is missing. */
+ * EVENTS  A pass whose state differs from the test's makes an event at the time of the pass. The
+ * first pass of a test always counts. A later one is late when its time lies more than the time
+ * after which a test is stale before the newest check time in its block, those of MySQL left out;
+ * before the arrival, where that is earlier or there is no such check time. One that is late and
+ * lies before `reached` or before the present state began is overtaken: it is stored and counted in
+ * the ledger, and changes nothing. One that lies before these without being late counts, and is no
+ * longer overtaken: where it lies before the present state began, its event is at the arrival.
+ * Where it lies more than the time after which a test is stale before `reached`, the agent's clock
+ * was set back, and `reached` goes back to it; less than that, a check took longer than the one
+ * that was begun after it.
+ *
+ * An event at the arrival, or at the time of a call below, that lies before the present state began
+ * by skew_s or less is at that beginning: an agent's clock may be that much ahead. So the times of
+ * a test's events only go back where the collector's own clock was set back.
+ *
+ * LEDGER  A pass counts as received in the hour of its time, once. The distance of a pass from the
+ * test's pass before it is what lies between their check times as the agent had them, for MySQL
+ * coarse_s less; or what lies between its time and `reached`, where that is shorter. At more than
+ * 1.5 intervals, round(distance / interval) - 1 passes are missing: one interval before the pass,
+ * two before it, and so on, each counted in the hour in which it should have been. Nothing is
+ * missing before a pass that is overtaken or does not lie after `reached`, before one whose
+ * location id differs from that of the one before, and of tests that run once (all of them with
+ * interval 0, and discovery) or have no number. At more than max_gap_s there is no gap but another
+ * life, and what lies more than max_gap_s before its arrival is too old to tell: nothing is missing
+ * before it. */
 #ifndef VINDRAL_COLLECTOR_TAKE_H
 #define VINDRAL_COLLECTOR_TAKE_H
 
@@ -37,6 +61,8 @@
 
 constexpr int64_t skew_s = 300;
 constexpr int64_t max_gap_s = 31 * 86400;
+constexpr int64_t pass_s = 2;
+constexpr int64_t coarse_s = 128; /* between two times that a MySQL record can hold */
 
 /* How long things take now (expected.h). */
 struct patience {
@@ -68,22 +94,40 @@ struct outcome {
 /* The time of a record as reckoned. */
 int64_t reckoned_time(const record_summary& what, int64_t arrival);
 
+/* By what the records of a pass are known: of the first record, but the process id of the last. */
+struct pass_mark {
+    int64_t claimed = 0; /* check time as the agent had it; the arrival where there is none */
+    std::optional<int32_t> location = {};
+    uint32_t pid = 0;
+};
+pass_mark mark_of(const decoded_record& r, int64_t arrival);
+
+/* What a record of a test is to the pass before it. */
+enum class continuation : uint8_t { another_pass, same_pass, repetition };
+continuation continues(const record_summary& what, const pass_mark& pass, const pass_mark& next);
+
 /* Whether it is an inventory, which has no state. */
 bool is_inventory(const record_summary& what);
 
 /* Records of a block (or a slice of it), which arrived then. New tests come into `agent` with id 0;
  * the caller gives them ids, and sets `block`. Inventories are passed over. The test of each record
- * is at `places[i]` in agent.tests afterwards (SIZE_MAX for an inventory). */
+ * is at `places[i]` in agent.tests afterwards; SIZE_MAX for an inventory, and for a test that is
+ * forgotten again because its block has more than agent_state::max_tests. The hour that is counted
+ * in agent_state::counts is then that of the block's latest pass. */
 void take_results(agent_state& agent, std::span<const decoded_record> records, int64_t arrival,
                   const patience& now, outcome& out, std::vector<size_t>& places);
 
-/* The same block once more: nothing but counts in the ledger. */
+/* The same block once more: its passes, those in it taken alone, count as repeated in the hours of
+ * their times; nothing else. */
 void take_repetition(agent_state& agent, std::span<const decoded_record> records, int64_t arrival,
                      outcome& out);
 
-/* The agent was heard at `time`. */
+/* The agent was heard at `time`: the end of a silence is an event of the agent, from silent to the
+ * worst of its tests. */
 void take_heard(agent_state& agent, int64_t time, outcome& out);
-/* Nothing was heard of it for too long; nothing came of these tests for too long. */
+/* Nothing was heard of it for too long: an event of the agent, from the worst of its tests, which
+ * stay as they are, to silent. Nothing came of these tests for too long: each becomes stale. What
+ * is so already, and what is not known, is passed over. */
 void take_silence(agent_state& agent, int64_t time, outcome& out);
 void take_stale(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
                 int64_t time, outcome& out);

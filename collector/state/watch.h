@@ -1,11 +1,13 @@
 /* Who is overdue. Counts in seconds of a clock that never jumps, and from the start of the process:
  * what happened while nobody listened is held against no one. Not stored; pure; one thread.
  *
- * An agent is silent when it was not heard for expected::silent_after(), a test stale when its
- * agent is not silent and nothing came of it for expected::stale_after(). All of this counts from
- * the last time at which the collector could not do its work (pause()), and for the tests of an
- * agent that was silent from its return. Being heard is not being stored: a poll that arrives
- * counts, whatever the disk does. */
+ * An agent is silent when it was not heard for more than expected::silent_after(), a test stale
+ * when its agent is not silent, its results are to come again, and nothing came of it for more than
+ * expected::stale_after(). All of this counts from the last time at which the collector could not
+ * do its work (pause()), for the tests of an agent that was silent from its return, and for a test
+ * from when its results were to come (expected::repeats_since()). Being heard is not being stored:
+ * a poll that arrives counts, whatever the disk does. What comes is not being heard: it may have
+ * arrived long ago. */
 #ifndef VINDRAL_COLLECTOR_WATCH_H
 #define VINDRAL_COLLECTOR_WATCH_H
 
@@ -25,12 +27,15 @@ public:
 
     explicit watch(int64_t now) : since_(now) {}
 
-    /* An agent and a test of it, from the store at the start. */
+    /* An agent and a test of it, from the store at the start. They have come just now, but for
+     * what is silent or stale already. */
     void know(int64_t agent, bool silent, int64_t now);
     void know(int64_t agent, const test_key& test, bool stale, int64_t now);
 
-    /* True when it was silent: take_heard() is due. */
+    /* True when it was silent: take_heard() is due. One that is not known is known then. */
     bool heard(int64_t agent, int64_t now);
+    /* Of an agent that has more than agent_state::max_tests, those that came longest ago are
+     * forgotten. */
     void came(int64_t agent, const test_key& test, int64_t now);
     void forget(int64_t agent);
 
@@ -42,8 +47,8 @@ public:
         bool silent = false; /* otherwise: these tests are stale */
         std::vector<test_key> tests = {};
     };
-    /* Each thing once: they are taken for silent and stale from then on. `most` agents at a time.
-     */
+    /* Each thing once: they are taken for silent and stale until they are heard or come again.
+     * `most` agents at a time, in no order. */
     void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
 
 private:
@@ -54,9 +59,12 @@ private:
     };
     struct agent {
         int64_t heard, back;
+        int64_t oldest; /* no test came before, but for those that are stale */
         bool silent;
         std::vector<test> tests; /* by key */
     };
+    static void put(agent& of, const test& fresh);
+
     int64_t since_;
     std::unordered_map<int64_t, agent> agents_;
 };

@@ -16,7 +16,8 @@
 std::vector<bucket> roll_up(const std::vector<result>& results, int64_t day, uint32_t width,
                             int64_t stale_after);
 
-/* By time, results of one time together, and repetitions of a pass as one: what came last holds. */
+/* By time, those of one time in the order of arrival, in which they come here. A pass that came
+ * again (its time, claimed time and location are the same) is one result, as it came last. */
 void order_by_time(std::vector<result>& results);
 
 /* Buckets of a day into those that are wider by a whole number of times. */

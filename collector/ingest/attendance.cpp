@@ -1,0 +1,309 @@
+#include "ingest/attendance.h"
+
+#include "ingest/clock.h"
+#include "ingest/in_transaction.h"
+
+#include <algorithm>
+
+static constexpr std::chrono::milliseconds most{10}; /* of work in a transaction */
+static constexpr size_t most_agents = 64;            /* in one */
+static constexpr size_t most_heard = 100000; /* between two looks; more are strangers' inventions */
+static constexpr int64_t between_looks = 2;  /* seconds */
+static constexpr int64_t asleep = 10;        /* that long without a look: nobody listened */
+static constexpr int64_t between_rows = 180; /* a row is written that seldom for its last_seen */
+
+int64_t attendance::clock() {
+    return steady_clock();
+}
+
+/* ---- any thread ---- */
+
+void attendance::heard(std::string_view account, std::string_view agent, int64_t received,
+                       std::string_view address, std::string_view version) {
+    std::string key;
+    key.reserve(account.size() + 1 + agent.size());
+    key.append(account).append(1, '\0').append(agent);
+    std::lock_guard hold(mutex_);
+    if (heard_.size() >= most_heard && !heard_.contains(key)) {
+        return;
+    }
+    heard_agent& known = heard_[key];
+    known.account = account;
+    known.name = agent;
+    known.received = received;
+    known.at = clock();
+    if (!address.empty()) {
+        known.address = address;
+    }
+    if (!version.empty()) {
+        known.version = version;
+    }
+}
+
+void attendance::follow(plan_summary plan, std::vector<owned_definition> definitions) {
+    std::lock_guard hold(mutex_);
+    plan_ = std::move(plan);
+    told_ = std::move(definitions);
+}
+
+/* ---- the store's thread ---- */
+
+patience attendance::now() const {
+    const int64_t now = clock();
+    return {.interval = expected_.at(now).check, .stale_after = expected_.stale_after(now)};
+}
+
+int64_t attendance::stale_after() const {
+    return expected_.stale_after(clock());
+}
+
+void attendance::know(const known_agent& row, const agent_state& state, int64_t now) {
+    roster_agent& agent = agents_.add(row.id, row.account, row.agent);
+    note_open(agent, state);
+    agent.last_seen = row.last_seen;
+    agent.row_written = now;
+    watch_.know(row.id, state.silent, now);
+    for (const test_status& test : state.tests) {
+        newest_ = std::max(newest_, test.time);
+        if (test.number) {
+            watch_.know(row.id, {test.type, *test.number}, test.now == state::stale, now);
+        }
+    }
+}
+
+bool attendance::begin() {
+    const int64_t now = clock();
+    agents_.clear();
+    watch_ = watch(now);
+    looked_ = now;
+    newest_ = INT64_MIN;
+    stale_after_.reset();
+    overdue_.clear();
+    back_.clear();
+    definitions_.begin();
+    agent_state state;
+    std::string error;
+    return engine_.reader().for_each_agent(
+        [&](const known_agent& row) {
+            state.unpack(row.state);
+            know(row, state, now);
+        },
+        error);
+}
+
+void attendance::stored(const agent_work& agent, std::string_view account, std::string_view name,
+                        int64_t received) {
+    const int64_t now = clock();
+    roster_agent& known = agents_.add(agent.id, account, name);
+    note_open(known, agent.state);
+    known.last_seen = std::max(known.last_seen, received);
+    known.row_written = now;
+    watch_.heard(agent.id, now);
+    size_t last = SIZE_MAX;
+    for (size_t place : agent.places) {
+        if (place == last || place >= agent.state.tests.size()) {
+            continue;
+        }
+        last = place;
+        const test_status& test = agent.state.tests[place];
+        newest_ = std::max(newest_, test.time);
+        if (test.number) {
+            watch_.came(agent.id, {test.type, *test.number}, now);
+        }
+    }
+}
+
+/* What was told since the last time. */
+void attendance::take_in() {
+    inbox heard;
+    std::optional<plan_summary> plan;
+    std::optional<std::vector<owned_definition>> told;
+    {
+        std::lock_guard hold(mutex_);
+        heard.swap(heard_);
+        plan.swap(plan_);
+        told.swap(told_);
+    }
+    if (plan) {
+        expected_.follow(*plan, clock());
+    }
+    if (told) {
+        definitions_.follow(std::move(*told));
+    }
+    for (auto& [key, what] : heard) {
+        roster_agent* agent = agents_.find(what.account, what.name);
+        if (agent != nullptr && watch_.heard(agent->id, what.at)) {
+            back_[agent->id] = what.received;
+        }
+        if (unwritten_.size() < most_heard &&
+            (agent == nullptr || what.received > agent->last_seen)) {
+            auto [known, fresh] = unwritten_.try_emplace(key);
+            what.first = fresh ? what.at : known->second.first;
+            known->second = std::move(what);
+        }
+    }
+}
+
+bool attendance::run() {
+    const int64_t now = clock();
+    bool awake = now - looked_ < asleep;
+    if (!awake) {
+        watch_.pause(now);
+    }
+    if (now - looked_ >= between_looks) {
+        take_in();
+        looked_ = now;
+        if (overdue_.empty()) {
+            watch_.find_overdue(expected_, now, most_agents, overdue_);
+        }
+    }
+    bool ok = true;
+    if (!back_.empty() || !overdue_.empty()) {
+        ok = write_states();
+    }
+    if (ok && definitions_.is_due()) {
+        ok = definitions_.run(arrival_clock());
+    }
+    if (ok && stale_after_ != stale_after()) {
+        const int64_t wanted = stale_after();
+        ok = in_transaction(engine_, [&] { return engine_.set_fact("stale_after", wanted); });
+        stale_after_ = ok ? std::optional(wanted) : std::nullopt;
+    }
+    ok = ok && write_rows(now - between_rows);
+    if (!ok) {
+        put_back(now);
+    }
+    return ok && (!back_.empty() || !overdue_.empty() || definitions_.is_due());
+}
+
+/* What is not written did not happen; and who is overdue is asked again when all works. */
+void attendance::put_back(int64_t now) {
+    watch_.pause(now);
+    for (const watch::overdue& what : overdue_) {
+        if (what.silent) {
+            watch_.know(what.agent, false, now);
+        }
+        for (const watch::test_key& test : what.tests) {
+            watch_.know(what.agent, test, false, now);
+        }
+    }
+    overdue_.clear();
+}
+
+/* True when the row is right: also when there is nothing to write. */
+bool attendance::write_state(const watch::overdue& what, agent_work& work) {
+    stored_agent row;
+    if (!engine_.find_agent(what.agent, row)) {
+        return engine_.reason().empty(); /* there is no such agent any more */
+    }
+    work.begin(row);
+    const int64_t now = arrival_clock();
+    auto back = back_.find(what.agent);
+    if (back != back_.end()) {
+        take_heard(work.state, back->second, work.out);
+    } else if (what.silent) {
+        take_silence(work.state, now, work.out);
+    } else {
+        take_stale(work.state, what.tests, now, work.out);
+    }
+    return work.out.changes.empty() ||
+           (storing_.changes(work) && engine_.set_state(work.id, storing_.packed(work)));
+}
+
+/* Those that are back, and then some of those that are overdue. */
+bool attendance::write_states() {
+    std::vector<watch::overdue> due;
+    for (auto agent = back_.begin(); agent != back_.end() && due.size() < most_agents; ++agent) {
+        due.push_back({.agent = agent->first});
+    }
+    const size_t returned = due.size();
+    const size_t taken = std::min(overdue_.size(), most_agents - returned);
+    due.insert(due.end(), overdue_.begin(), overdue_.begin() + static_cast<ptrdiff_t>(taken));
+    works_.resize(std::max(works_.size(), due.size()));
+    size_t done = 0;
+    bool ok = in_transaction(engine_, [&] {
+        bite time(most);
+        for (done = 0; done < due.size() && (done == 0 || !time.is_over()); done++) {
+            works_[done].out.clear();
+            if (!write_state(due[done], works_[done])) {
+                return false;
+            }
+        }
+        return true;
+    });
+    for (size_t i = 0; ok && i < done; i++) {
+        if (i < returned) {
+            back_.erase(due[i].agent);
+        }
+        const roster_agent* agent = agents_.find(due[i].agent);
+        if (agent != nullptr && !works_[i].out.changes.empty()) {
+            tell_(*agent, works_[i]);
+        }
+    }
+    if (ok && done > returned) {
+        overdue_.erase(overdue_.begin(),
+                       overdue_.begin() + static_cast<ptrdiff_t>(done - returned));
+    }
+    return ok;
+}
+
+bool attendance::write_row(const heard_agent& what, agent_work& work) {
+    stored_agent row;
+    if (!engine_.find_agent(what.account, what.name, what.received, row)) {
+        return false;
+    }
+    work.id = row.id;
+    const std::string last_block(row.last_block), state(row.state);
+    return engine_.end_block(
+        row.id, {.received = what.received, .address = what.address, .version = what.version},
+        last_block, state);
+}
+
+/* Those that were written before `due`, by steady_clock, or heard of then for the first time. */
+bool attendance::write_rows(int64_t due) {
+    std::vector<inbox::iterator> some;
+    for (auto one = unwritten_.begin(); one != unwritten_.end() && some.size() < most_agents;) {
+        const roster_agent* agent = agents_.find(one->second.account, one->second.name);
+        if (agent != nullptr && agent->last_seen >= one->second.received) {
+            one = unwritten_.erase(one); /* with a block */
+            continue;
+        }
+        if ((agent != nullptr ? agent->row_written : one->second.first) <= due) {
+            some.push_back(one);
+        }
+        ++one;
+    }
+    if (some.empty()) {
+        return true;
+    }
+    works_.resize(std::max(works_.size(), some.size()));
+    bool ok = in_transaction(engine_, [&] {
+        size_t written = 0;
+        while (written < some.size() && write_row(some[written]->second, works_[written])) {
+            written++;
+        }
+        return written == some.size();
+    });
+    for (size_t i = 0; ok && i < some.size(); i++) {
+        const heard_agent& what = some[i]->second;
+        bool fresh = agents_.find(works_[i].id) == nullptr;
+        roster_agent& agent = agents_.add(works_[i].id, what.account, what.name);
+        agent.last_seen = what.received;
+        agent.row_written = clock();
+        if (fresh) {
+            watch_.know(agent.id, false, what.at);
+        }
+        unwritten_.erase(some[i]);
+    }
+    return ok;
+}
+
+void attendance::finish() {
+    take_in();
+    for (size_t before = SIZE_MAX; !unwritten_.empty() && unwritten_.size() < before;) {
+        before = unwritten_.size();
+        if (!write_rows(INT64_MAX)) {
+            return;
+        }
+    }
+}

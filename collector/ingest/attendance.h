@@ -1,0 +1,106 @@
+/* Who was heard, and who was not: agents that fall silent and come back, tests of which nothing
+ * comes any more. What is heard counts from the moment it arrives, on any thread; what follows from
+ * it is written by the store's thread, a little at a time. Where that cannot be, because the
+ * collector was asleep or the store fails, nothing is held against anybody. */
+#ifndef VINDRAL_COLLECTOR_ATTENDANCE_H
+#define VINDRAL_COLLECTOR_ATTENDANCE_H
+
+#include "ingest/definitions.h"
+#include "ingest/ingest.h"
+#include "ingest/roster.h"
+#include "ingest/storing.h"
+#include "state/expected.h"
+#include "state/watch.h"
+#include "store/engine.h"
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+class attendance {
+public:
+    using tell_state = std::function<void(const roster_agent&, const agent_work&)>;
+
+    attendance(engine& store, roster& agents, tell_state tell)
+        : engine_(store), agents_(agents), tell_(std::move(tell)) {}
+
+    /* ---- any thread ---- */
+
+    void heard(std::string_view account, std::string_view agent, int64_t received,
+               std::string_view address, std::string_view version);
+    void follow(plan_summary plan, std::vector<owned_definition> definitions);
+
+    /* ---- the store's thread ---- */
+
+    /* Learns the agents from their rows; after the start, and in another file. False when they
+     * cannot all be read. */
+    bool begin();
+
+    /* How long things take now. */
+    patience now() const;
+    int64_t stale_after() const;
+
+    /* What is committed: records of an agent that arrived at `received`. */
+    void stored(const agent_work& agent, std::string_view account, std::string_view name,
+                int64_t received);
+    /* Newest time of a result so far. */
+    int64_t newest() const { return newest_; }
+
+    /* It could not be stored. */
+    void failed() { watch_.pause(clock()); }
+
+    /* Takes in what was told, and writes what is due; every few seconds, more often does no harm.
+     * True when more is due at once. What fails is tried again later. */
+    bool run();
+    /* At the end: all rows say when their agents were heard last. */
+    void finish();
+
+private:
+    struct heard_agent {
+        std::string account = {}, name = {}, address = {}, version = {};
+        int64_t received = 0;
+        int64_t at = 0,
+                first = 0; /* by steady_clock: the last time, and since its row was written */
+    };
+    using inbox = std::unordered_map<std::string, heard_agent>; /* by account, NUL, name */
+
+    static int64_t clock();
+    void know(const known_agent& row, const agent_state& state, int64_t now);
+    void take_in();
+    void look_for_overdue(int64_t now);
+    bool write_states();
+    bool write_state(const watch::overdue& what, agent_work& work);
+    bool write_rows(int64_t due);
+    bool write_row(const heard_agent& what, agent_work& work);
+    void put_back(int64_t now);
+
+    engine& engine_;
+    roster& agents_;
+    const tell_state tell_;
+    storing storing_{engine_};
+    definitions definitions_{engine_};
+
+    std::mutex mutex_; /* guards the next three */
+    inbox heard_;
+    std::optional<plan_summary> plan_;
+    std::optional<std::vector<owned_definition>> told_;
+
+    expected expected_;
+    watch watch_{clock()};
+    int64_t looked_ = clock(); /* when somebody was overdue, the last time */
+    int64_t newest_ = INT64_MIN;
+    std::optional<int64_t> stale_after_; /* as the store has it */
+
+    inbox unwritten_;                           /* heard, and their rows do not say so */
+    std::unordered_map<int64_t, int64_t> back_; /* agents that were silent, and when heard */
+    std::vector<watch::overdue> overdue_;       /* and what became of it is not written */
+    std::vector<agent_work> works_;             /* of a transaction */
+};
+
+#endif

@@ -1,0 +1,29 @@
+/* A test's roll-ups of a day, as they are stored: 5 minutes and an hour. In a transaction, on the
+ * store's thread. The calls return false when the engine failed; what is stored and cannot be read
+ * is passed over, with the reason in `unreadable`. */
+#ifndef VINDRAL_COLLECTOR_ROLL_UP_DAY_H
+#define VINDRAL_COLLECTOR_ROLL_UP_DAY_H
+
+#include "store/engine.h"
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+/* The first days that are kept, of each resolution: nothing is made of days before them. */
+struct kept_from {
+    int64_t five_minutes = INT64_MIN, hour = INT64_MIN;
+};
+
+/* Made of all that is packed of the test. Nothing is written where that is nothing. */
+bool roll_up_day(engine& store, int64_t test, int64_t day, int64_t stale_after,
+                 const kept_from& kept, std::string& unreadable);
+
+/* Added to what is there, for a day of which the rest is not stored any more; `late` are chunks
+ * with all that came too late for the day, and more. */
+bool add_to_day(engine& store, int64_t test, int64_t day, int64_t stale_after,
+                const kept_from& kept, std::span<const std::string_view> late,
+                std::string& unreadable);
+
+#endif

@@ -258,7 +258,7 @@ class History:
             self.changes("agent %d %s since %d" % (number, state_model.WORDS[state.worst()], state.since))
             for key in sorted(state.tests, key=state_model.order_of):
                 test = state.tests[key]
-                shown = (state_model.UNKNOWN, state.since) if state.silent else (test.now, test.since)
+                shown = state.shown(test)
                 self.changes("test %d %s %s since %d time %d received %d location %d shown %s since %d" % (
                     number, key_text(key), state_model.WORDS[test.now], test.since, test.time, test.received,
                     -1 if test.location is None else test.location, state_model.WORDS[shown[0]], shown[1]))

@@ -159,8 +159,14 @@ class Agent:
     def worst(self):
         if self.silent:
             return SILENT
-        states = {test.now for test in self.tests.values()}
+        states = {test.now for key, test in self.tests.items() if key[1] is not None}
         return next((s for s in (PROBLEM, STALE, UNKNOWN, OK) if s in states), UNKNOWN)
+
+    def shown(self, test):
+        """State and since when, from outside."""
+        if not self.silent:
+            return test.now, test.since
+        return UNKNOWN, self.since if test.now in (OK, PROBLEM) else test.since
 
     def take_heard(self, time):
         if not self.silent:

@@ -38,7 +38,8 @@ enum class field_kind : uint8_t {
 
 struct field_def {
     field_kind kind;
-    const char* name; /* of `useless`: what to use instead */
+    const char* name;    /* of `useless`: what to use instead */
+    bool secret = false; /* nobody's business but the agent's */
 };
 
 /* As long as a month; no interval should be longer. */
@@ -70,6 +71,7 @@ inline constexpr field_def host = {field_kind::text, "host"};
 inline constexpr field_def name = {field_kind::text, "name"};
 inline constexpr field_def address = {field_kind::text, "address"};
 inline constexpr field_def text = {field_kind::text, "text"};
+inline constexpr field_def secret = {field_kind::text, "text", true};
 inline constexpr field_def minimum = {field_kind::number, "minimum"};
 inline constexpr field_def maximum = {field_kind::number, "maximum"};
 inline constexpr field_def flag = {field_kind::number, "switch"};
@@ -112,9 +114,9 @@ inline constexpr field_def ping_fields[] = {test_id,
 /* host, path, port, match text, form data, user, password, seconds; TLS, redirects, whole page,
  * must be found, method */
 inline constexpr field_def page_fields[] = {
-    test_id, location_id, host, text, text,
-    text,    text,        text, text, text,
-    flag,    flag,        flag, flag, {field_kind::number, "method"}};
+    test_id, location_id, host, text,   text,
+    text,    secret,      text, secret, text,
+    flag,    flag,        flag, flag,   {field_kind::number, "method"}};
 inline constexpr field_def load_fields[] = {test_id,
                                             location_id,
                                             {field_kind::number, "1 min maximum"},
@@ -125,14 +127,14 @@ inline constexpr field_def load_fields[] = {test_id,
  * its pass phrase, seconds, retries. With port 0 the agent asks port 0, of another location. */
 inline constexpr field_def walk_fields[] = {
     test_id, location_id, host,   {field_kind::wanted, "port"},
-    flag,    version,     text,   text,
-    text,    text,        text,   text,
-    text,    timeout,     retries};
+    flag,    version,     text,   secret,
+    text,    text,        secret, text,
+    secret,  timeout,     retries};
 /* host, port, version, objects, community, authentication, user, pass phrase, privacy, whether its
  * pass phrase is used, seconds, retries, limits */
 inline constexpr field_def get_fields[] = {test_id, location_id, host,    port,    version,
-                                           text,    text,        text,    text,    text,
-                                           text,    text,        timeout, retries, text};
+                                           text,    secret,      text,    text,    secret,
+                                           text,    secret,      timeout, retries, text};
 /* An agent only heeds it with an id of 0, which no test can have. */
 inline constexpr field_def remove_get_fields[] = {
     {field_kind::useless, "SPD removes no test: use STD"}};
@@ -140,7 +142,7 @@ inline constexpr field_def remove_get_fields[] = {
 inline constexpr field_def range_fields[] = {test_id, location_id, address, address, text};
 /* host, port, socket, user, password, names and limits, seconds */
 inline constexpr field_def mysql_fields[] = {test_id, location_id, host, port,   text,
-                                             text,    text,        text, timeout};
+                                             text,    secret,      text, timeout};
 inline constexpr field_def unix_fields[] = {test_id, {field_kind::text, "path"}};
 inline constexpr field_def tcp_fields[] = {
     test_id, {field_kind::nonzero, "port"}, {field_kind::text, "list of addresses"}};

@@ -1,8 +1,5 @@
 #include "plan/known.h"
 
-#include "base/record_summary.h"
-#include "protocol/record.h"
-
 #include <algorithm>
 
 static constexpr int64_t recent_s = 86400;
@@ -12,23 +9,23 @@ static std::string key_of(std::string_view account, std::string_view agent) {
     return std::string(account).append(1, '\0').append(agent);
 }
 
-void known_tests::add(const latest_result& latest) {
-    record r;
-    std::string reason;
-    if (!decode_record(latest.record, r, reason)) {
-        return;
+void known_tests::add(std::string_view account, std::string_view agent, const agent_state& known) {
+    std::vector<entry>* entries = nullptr;
+    for (const test_status& test : known.tests) {
+        int32_t id = test.number.value_or(0);
+        if (id == 0) {
+            continue;
+        }
+        if (size_ >= most_) {
+            ++left_out_;
+            continue;
+        }
+        if (entries == nullptr) {
+            entries = &agents_[key_of(account, agent)];
+        }
+        entries->push_back({test.received, test.type, id});
+        ++size_;
     }
-    record_summary what = summarize(r);
-    if (!what.test || *what.test == 0) {
-        return;
-    }
-    if (size_ >= most_) {
-        ++left_out_;
-        return;
-    }
-    agents_[key_of(latest.account, latest.agent)].push_back(
-        {latest.received, what.type, *what.test});
-    ++size_;
 }
 
 std::vector<known_test> known_tests::of(const std::string& account,

@@ -7,11 +7,12 @@
 #define VINDRAL_COLLECTOR_KNOWN_H
 
 #include "plan/plan.h"
-#include "store/engine.h"
+#include "state/agent_state.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -20,8 +21,8 @@ public:
     /* `most`: tests of all agents, some 16 bytes each; further ones are left out. */
     explicit known_tests(size_t most = 4u << 20) : most_(most) {}
 
-    /* From result_reader::for_each_latest(). What is no test's result is passed over. */
-    void add(const latest_result& latest);
+    /* What the agent's row says. Tests without a number are passed over. */
+    void add(std::string_view account, std::string_view agent, const agent_state& known);
 
     std::vector<known_test> of(const std::string& account, const std::string& agent) const;
     void forget(const std::string& account, const std::string& agent);

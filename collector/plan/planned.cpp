@@ -16,11 +16,12 @@ std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines) {
         test_place place = line.test();
         command_effect does = line.command != nullptr ? line.command->does : command_effect::none;
         if (does == command_effect::adds) {
-            added[place] = {i, {line.results(), place.id}};
+            added[place] = {i, {line.results(), place.id, i}};
         } else if (does == command_effect::removes) {
             added.erase(place);
         } else if (does == command_effect::modifies && added.contains(place)) {
             added[place].test.type = line.results();
+            added[place].test.line = i;
         }
     }
     std::vector<added_test> ordered;

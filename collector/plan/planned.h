@@ -4,6 +4,7 @@
 
 #include "plan/line.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -12,6 +13,7 @@
 struct planned_test {
     uint32_t type; /* of the records that its results are */
     int32_t id;
+    size_t line = 0; /* place of the line that says last what it is */
 };
 std::vector<planned_test> planned_tests(const std::vector<plan_line>& lines);
 

@@ -98,11 +98,12 @@ struct test_definition {
 
 /* ---- reading ---- */
 
-/* Which events: newest first. */
+/* Which events: newest first, by time and then by id. Those behind an event are had with its time
+ * + 1 as `to` and its id as `below`. */
 struct event_filter {
     int64_t agent = 0, test = 0;              /* 0: all; a test's own only with `test` */
     int64_t from = INT64_MIN, to = INT64_MAX; /* from <= time < to */
-    int64_t below = INT64_MAX;                /* id */
+    int64_t below = INT64_MAX;                /* id, of those in the last second before `to` */
 };
 
 /* Reads one state of what is stored, also while a collector writes; for a later one make another.
@@ -149,11 +150,12 @@ public:
     virtual bool for_each_ledger_row(int64_t agent, int64_t from, int64_t to,
                                      const std::function<bool(const ledger_row&)>& each,
                                      std::string& error) = 0;
-    /* The agent's inventory of that type as it was at `time`. */
+    /* The agent's inventory of that type as it was at `time`: the last one not later. */
     virtual bool read_inventory(int64_t agent, uint32_t type, int64_t time,
                                 const std::function<void(const stored_inventory&)>& each,
                                 std::string& error) = 0;
-    /* All that a test was, oldest first; of every test with `number` 0. */
+    /* All that a test was, oldest first; of every test of the type with `number` 0, and of every
+     * type with `type` 0 too. */
     virtual bool for_each_definition(uint32_t type, int32_t number,
                                      const std::function<void(const test_definition&)>& each,
                                      std::string& error) = 0;
@@ -261,7 +263,7 @@ public:
     virtual bool append_chunk(int64_t test, const packed_chunk& chunk) = 0;
     /* The block and the agent's blocks before it. */
     virtual bool drop_blocks(int64_t row) = 0;
-    /* Takes the place of the one that is there. */
+    /* Takes the place of the one that is there. Days before 1970 are not kept. */
     virtual bool put_roll_up(resolution r, int64_t test, int64_t day, std::string_view data) = 0;
     virtual bool drop_roll_up(resolution r, int64_t test, int64_t day) = 0;
     virtual bool set_fact(const char* name, int64_t value) = 0;
@@ -291,7 +293,8 @@ public:
     using fact = std::pair<const char*, int64_t>;
     /* Drops some chunks of a day, and in the end the day; sets the facts in that transaction. */
     virtual drop_outcome drop_day(const std::string& day, std::span<const fact> facts) = 0;
-    /* Drops some roll-ups of days before `day`, of tests that nothing came of any more. */
+    /* Drops some roll-ups of months that were over before `day`, of tests that nothing came of any
+     * more. */
     virtual drop_outcome drop_roll_ups(resolution r, int64_t day) = 0;
     /* Drops some events, ledger rows and inventories that were followed by another before `time`.
      */

@@ -62,6 +62,7 @@
 constexpr int64_t skew_s = 300;
 constexpr int64_t max_gap_s = 31 * 86400;
 constexpr int64_t pass_s = 2;
+constexpr size_t max_message = 1000;
 constexpr int64_t coarse_s = 128; /* between two times that a MySQL record can hold */
 
 /* How long things take now (expected.h). */
@@ -77,7 +78,7 @@ struct change {
     bool of_agent = false; /* of the agent itself: no test */
     int64_t time = 0;
     state from = state::unknown, to = state::unknown;
-    std::string message = {}; /* of the result that made it */
+    std::string message = {}; /* of the record that made it, max_message bytes at most */
 };
 
 /* What came of a call; the memory is kept. */

@@ -21,7 +21,8 @@ enum test_flags : uint64_t {
     has_claimed = 1 << 7,    /* another time than the one reckoned */
     has_parts = 1 << 8,      /* other parts than usual_parts() */
     has_pid = 1 << 9,
-    all_flags = (1 << 10) - 1
+    has_reached = 1 << 10, /* another time than that of the last pass */
+    all_flags = (1 << 11) - 1
 };
 
 uint64_t bits(int64_t value) {
@@ -121,6 +122,7 @@ uint64_t flags_of(const test_status& t, const test_status& before) {
     set(has_claimed, t.claimed != t.time);
     set(has_parts, !usual_parts(t));
     set(has_pid, t.pid != 0);
+    set(has_reached, t.reached != t.time);
     return flags;
 }
 
@@ -154,6 +156,9 @@ void pack_test(packer& to, const test_status& t, const test_status& before) {
     }
     if ((flags & has_pid) != 0) {
         to.put(t.pid);
+    }
+    if ((flags & has_reached) != 0) {
+        to.put_signed(difference(t.reached, t.time));
     }
 }
 
@@ -207,6 +212,7 @@ void unpack_test(unpacker& from, test_status& t, const test_status& before) {
         t.bad_parts = t.now == state::problem ? 1 : 0;
     }
     t.pid = (flags & has_pid) != 0 ? from.get_as<uint32_t>() : 0;
+    t.reached = (flags & has_reached) != 0 ? time_behind(t.time) : t.time;
 }
 
 /* What the first test is packed as a difference to. */

@@ -50,14 +50,13 @@ private:
         std::pair<uint32_t, int32_t> test;
         int64_t since;
     };
-    const planned* find(const std::pair<uint32_t, int32_t>& test) const;
 
     intervals now_, longer_;
     int64_t longer_until_ = INT64_MIN;
     bool is_followed_ = false, is_planned_ = false;
     int64_t repeating_since_ = INT64_MIN; /* tests at all */
     int64_t unplanned_since_ = INT64_MIN; /* tests that are in no plan */
-    std::vector<planned> tests_, before_; /* by test; of the plan before, for its memory */
+    std::vector<planned> tests_;          /* by test */
 };
 
 #endif

@@ -50,6 +50,8 @@ public:
     /* Each thing once: they are taken for silent and stale until they are heard or come again.
      * `most` agents at a time, in no order. */
     void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
+    /* What was found could not be stored: it is found again. */
+    void take_back(const overdue& what);
 
 private:
     struct test {
@@ -63,7 +65,9 @@ private:
         bool silent;
         std::vector<test> tests; /* by key */
     };
+    agent& known(int64_t id, int64_t now);
     static void put(agent& of, const test& fresh);
+    static void forget_half(agent& of);
 
     int64_t since_;
     std::unordered_map<int64_t, agent> agents_;

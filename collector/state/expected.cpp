@@ -1,0 +1,77 @@
+#include "state/expected.h"
+
+#include "protocol/record_types.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr int64_t least_patience = 60;
+
+} // namespace
+
+void expected::follow(const plan_summary& plan, int64_t now) {
+    bool is_first = !is_followed_;
+    is_followed_ = true;
+    if (is_first) {
+        now_ = plan.every;
+    } else if (plan.every != now_) {
+        intervals old = at(now);
+        longer_ = {std::max(old.poll, plan.every.poll), std::max(old.check, plan.every.check)};
+        longer_until_ = now + 3 * int64_t{std::max(longer_.poll, longer_.check)};
+        if (now_.check <= 0 && plan.every.check > 0) {
+            repeating_since_ = now;
+        }
+        now_ = plan.every;
+    }
+    if (!plan.is_planned && is_planned_) {
+        unplanned_since_ = now;
+    }
+
+    std::vector<planned> before = std::exchange(tests_, {});
+    for (const auto& test : plan.tests) {
+        tests_.push_back({test, INT64_MIN});
+    }
+    auto by_test = [](const planned& a, const planned& b) { return a.test < b.test; };
+    std::sort(tests_.begin(), tests_.end(), by_test);
+    auto known = before.begin();
+    for (planned& p : tests_) {
+        known = std::lower_bound(known, before.end(), p, by_test);
+        bool is_known = known != before.end() && known->test == p.test;
+        if (is_planned_) { /* without a plan every test was to come */
+            p.since = is_known ? known->since : now;
+        }
+    }
+    is_planned_ = plan.is_planned;
+}
+
+intervals expected::at(int64_t now) const {
+    return now < longer_until_ ? longer_ : now_;
+}
+
+int64_t expected::silent_after(int64_t now) const {
+    return std::max(3 * int64_t{at(now).poll}, least_patience);
+}
+
+int64_t expected::stale_after(int64_t now) const {
+    intervals every = at(now);
+    return std::max(3 * int64_t{std::max(every.poll, every.check)}, least_patience);
+}
+
+std::optional<int64_t> expected::repeats_since(uint32_t type, int32_t number) const {
+    if (type == protocol::discovery.code || now_.check <= 0) {
+        return std::nullopt;
+    }
+    if (!is_planned_) {
+        return std::max(repeating_since_, unplanned_since_);
+    }
+    std::pair test(type, number);
+    auto found =
+        std::lower_bound(tests_.begin(), tests_.end(), test,
+                         [](const planned& p, const auto& wanted) { return p.test < wanted; });
+    if (found == tests_.end() || found->test != test) {
+        return std::nullopt;
+    }
+    return std::max(repeating_since_, found->since);
+}

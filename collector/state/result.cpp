@@ -13,8 +13,6 @@ using protocol::value_type;
 
 namespace {
 
-constexpr uint64_t process_pass_s = 2; /* in which a pass over the processes is through */
-
 constexpr size_t position_of(std::span<const value_def> table, std::string_view name) {
     for (size_t i = 0; i < table.size(); i++) {
         if (table[i].name == name) {
@@ -234,7 +232,7 @@ bool result_builder::goes_on(const decoded_record& what) const {
         return true;
     }
     bool soon = time > began &&
-                static_cast<uint64_t>(time) - static_cast<uint64_t>(began) <= process_pass_s;
+                static_cast<uint64_t>(time) - static_cast<uint64_t>(began) <= uint64_t{pass_s};
     return soon && last_process_ != 0 &&
            (process_of(what) > last_process_ || others_.contains(std::string(what.content.raw)));
 }

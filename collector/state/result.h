@@ -33,7 +33,7 @@ enum : uint32_t {
     value_processes = 100,
     value_rows = 102,
     value_listed = 1000, /* the first of a list */
-    max_listed = 1000
+    max_listed = 256
 };
 
 struct result_value {
@@ -67,6 +67,7 @@ public:
     /* Bytes of a record that does not decode are passed over. */
     void add(std::string_view bytes, int64_t received);
     void add(const decoded_record& what, int64_t received);
+    size_t size() const { return done_.size(); }
     /* All that are there, in the order of arrival. The next record begins another pass. */
     std::vector<result> take_all();
 

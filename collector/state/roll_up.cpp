@@ -130,7 +130,7 @@ std::vector<const result*> find_repeated(const result* begin, const result* end)
 
 } // namespace
 
-std::vector<bucket> roll_up(const std::vector<result>& results, int64_t day, uint32_t width,
+std::vector<bucket> roll_up(std::span<const result> results, int64_t day, uint32_t width,
                             int64_t stale_after) {
     filling buckets(width);
     const int64_t begin = begin_of(day), end = later(begin, day_s);
@@ -182,6 +182,15 @@ void order_by_time(std::vector<result>& results) {
     results.erase(last, results.end());
 }
 
+void add_up(bucket& into, const bucket& more) {
+    into.count = added(into.count, more.count);
+    into.ok = added(into.ok, more.ok);
+    into.problem = added(into.problem, more.problem);
+    for (const value_summary& value : more.values) {
+        add_value(into.values, value);
+    }
+}
+
 std::vector<bucket> widen(const std::vector<bucket>& narrow, uint32_t width) {
     std::vector<bucket> wide;
     for (const bucket& b : narrow) {
@@ -191,13 +200,7 @@ std::vector<bucket> widen(const std::vector<bucket>& narrow, uint32_t width) {
             next.start = start;
             wide.push_back(std::move(next));
         }
-        bucket& into = wide.back();
-        into.count = added(into.count, b.count);
-        into.ok = added(into.ok, b.ok);
-        into.problem = added(into.problem, b.problem);
-        for (const value_summary& value : b.values) {
-            add_value(into.values, value);
-        }
+        add_up(wide.back(), b);
     }
     return wide;
 }

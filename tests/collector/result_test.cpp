@@ -194,7 +194,7 @@ TEST(result, names) {
     EXPECT_EQ(value_name(46, 100), "value 100");
     EXPECT_EQ(value_name(67, 102), "rows");
     EXPECT_EQ(value_name(57, 1001), "object 2");
-    EXPECT_EQ(value_name(57, 2000), "value 2000");
+    EXPECT_EQ(value_name(57, 1256), "value 1256");
     EXPECT_EQ(value_name(74, 1000), "result");
     EXPECT_EQ(value_name(74, 6), "value 6") << "a text is no value";
     EXPECT_EQ(value_name(99, 4294967295u), "value 4294967295");

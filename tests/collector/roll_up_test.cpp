@@ -47,7 +47,7 @@ TEST(roll_up, values_and_states) {
     EXPECT_EQ(text_of(roll_up(results, today, 300, 0)),
               "0: 3 ok 0 problem 0 [4: 3 1 2 3] [5: 1 10 10 10]; "
               "300: 2 ok 0 problem 0 [4: 1 7 7 7]");
-    EXPECT_TRUE(roll_up({}, today, 300, 180).empty());
+    EXPECT_TRUE(roll_up(std::vector<result>(), today, 300, 180).empty());
 }
 
 TEST(roll_up, a_state_reaches_over_midnight) {

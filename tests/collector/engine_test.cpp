@@ -8,70 +8,149 @@
 using strings = std::vector<std::string>;
 
 static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+static const int64_t day_of_noon = noon / 86400;
 
 struct engine_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
     strings told;
     std::unique_ptr<engine> e;
+    std::string error;
 
     void SetUp() override { open(); }
     void open() {
-        std::string error;
         e.reset();
         e = open_engine({state, 30, [this](const std::string& text) { told.push_back(text); }},
                         error);
         ASSERT_TRUE(e) << error;
     }
-
-    static decoded_record decoded(const std::string& bytes) {
-        decoded_record d;
-        std::string reason;
-        EXPECT_TRUE(decode_record(bytes, d.content, reason)) << reason;
-        d.summary = summarize(d.content);
-        return d;
+    std::unique_ptr<result_reader> reader() {
+        std::unique_ptr<result_reader> opened = open_reader(state, error);
+        EXPECT_TRUE(opened) << error;
+        return opened;
+    }
+    template <typename Do>
+    void within(Do actions) {
+        ASSERT_TRUE(e->begin()) << e->reason();
+        actions();
+        ASSERT_TRUE(e->commit()) << e->reason();
+    }
+    int64_t agent(const std::string& name, int64_t received = noon) {
+        stored_agent found;
+        EXPECT_TRUE(e->find_agent("a@b.c", name, received, found)) << e->reason();
+        return found.id;
+    }
+    int64_t test(int64_t agent, std::optional<int32_t> number, uint32_t type = 66) {
+        int64_t id = 0;
+        EXPECT_TRUE(e->find_test(agent, type, number, id)) << e->reason();
+        return id;
+    }
+    int64_t block(int64_t agent, const std::string& records, int64_t before = 0,
+                  int64_t received = noon) {
+        int64_t row = 0;
+        std::string_view piece = records;
+        EXPECT_TRUE(e->append_block(agent, received, before, {&piece, 1}, row)) << e->reason();
+        return row;
+    }
+    void chunk(int64_t test, int64_t first, int64_t last, const std::string& data) {
+        EXPECT_TRUE(e->append_chunk(test, {first, last, first - 1, last + 1, 7, data}))
+            << e->reason();
     }
 
     /* A block of one record, up to where the transaction would be committed. */
-    void append(const std::string& agent, uint32_t test, const std::string& mark,
-                int64_t received = noon) {
-        std::string bytes = load_record(test, received);
-        decoded_record record = decoded(bytes);
-        stored_agent found;
-        ASSERT_TRUE(e->find_agent("a@b.c", agent, received, found));
-        ASSERT_TRUE(e->append(received, {&record, 1}));
-        ASSERT_TRUE(e->end_block({received, "192.0.2.1", "3.0"}, mark));
+    void append(const std::string& name, const std::string& mark, int64_t received = noon) {
+        int64_t id = agent(name, received);
+        block(id, "records of " + mark, 0, received);
+        ASSERT_TRUE(e->end_block(id, {received, "192.0.2.1", "3.0"}, mark, "state of " + mark));
     }
-    void store(const std::string& agent, uint32_t test, const std::string& mark,
-               int64_t received = noon) {
-        ASSERT_TRUE(e->begin());
-        append(agent, test, mark, received);
-        ASSERT_TRUE(e->commit());
+    void store(const std::string& name, const std::string& mark, int64_t received = noon) {
+        within([&] { append(name, mark, received); });
     }
-    std::string mark_of(const std::string& agent) {
+    std::string mark_of(const std::string& name) {
         stored_agent found;
         EXPECT_TRUE(e->begin());
-        EXPECT_TRUE(e->find_agent("a@b.c", agent, noon, found));
+        EXPECT_TRUE(e->find_agent("a@b.c", name, noon, found));
         std::string mark(found.last_block);
+        EXPECT_EQ(found.state, mark.empty() ? "" : "state of " + mark);
         e->give_up();
         return mark;
     }
 
-    /* AGENT TEST for each last result, by name and key, and its record. */
-    strings tested() {
+    strings agents(result_reader& from) {
         strings found;
-        std::string error;
-        std::unique_ptr<result_reader> reader = open_reader(state, error);
-        EXPECT_TRUE(reader) << error;
-        auto note = [&](const known_agent& agent, std::span<const latest_entry> tests) {
-            for (const latest_entry& entry : tests) {
-                found.push_back(std::string(agent.agent) + " " + std::to_string(*entry.test));
-            }
+        auto note = [&](const known_agent& a) {
+            found.push_back(std::string(a.agent) + " " + std::string(a.address) + " " +
+                            std::string(a.version) + " " + std::to_string(a.first_seen - noon) +
+                            " " + std::to_string(a.last_seen - noon) + " " + std::string(a.state));
         };
-        EXPECT_TRUE(reader->for_each_tested(note, error)) << error;
-        size_t records = 0;
-        EXPECT_TRUE(reader->for_each_latest([&](const latest_result&) { records++; }, error));
-        EXPECT_EQ(records, found.size());
+        EXPECT_TRUE(from.for_each_agent(note, error)) << error;
+        return found;
+    }
+    strings blocks(result_reader& from, int64_t row) {
+        strings found;
+        auto note = [&](const open_block& b) {
+            found.emplace_back(b.records);
+            return true;
+        };
+        EXPECT_TRUE(from.for_each_block(row, note, error)) << error;
+        return found;
+    }
+    strings chunks(result_reader& from, int64_t test, int64_t since = INT64_MIN) {
+        strings found;
+        auto note = [&](const packed_chunk& c) {
+            EXPECT_EQ(c.first, c.received_first - 1);
+            EXPECT_EQ(c.last, c.received_last + 1);
+            EXPECT_EQ(c.results, 7u);
+            found.push_back(std::to_string(c.received_first - noon) + " " +
+                            std::to_string(c.received_last - noon) + " " + std::string(c.data));
+            return true;
+        };
+        auto all = [](const packed_chunk& c) {
+            EXPECT_EQ(c.data, "");
+            return true;
+        };
+        EXPECT_TRUE(from.for_each_chunk(test, since, all, note, error)) << error;
+        return found;
+    }
+    strings roll_ups(resolution r, int64_t test, int64_t from = INT64_MIN, int64_t to = INT64_MAX) {
+        strings found;
+        auto note = [&](int64_t day, std::string_view data) {
+            found.push_back(std::to_string(day - day_of_noon) + " " + std::string(data));
+        };
+        EXPECT_TRUE(reader()->for_each_roll_up(r, test, from, to, note, error)) << error;
+        return found;
+    }
+    strings events(const event_filter& which) {
+        strings found;
+        auto note = [&](const stored_event& v) {
+            found.push_back(std::to_string(v.time - noon) + " " + std::to_string(v.test) + " " +
+                            std::to_string(v.from) + ">" + std::to_string(v.to) + " " +
+                            std::string(v.message));
+            return true;
+        };
+        EXPECT_TRUE(reader()->for_each_event(which, note, error)) << error;
+        return found;
+    }
+    strings ledger(int64_t agent, int64_t from = INT64_MIN, int64_t to = INT64_MAX) {
+        strings found;
+        auto note = [&](const ledger_row& r) {
+            found.push_back(std::to_string(r.agent) + " " + std::to_string(r.hour - noon) + " " +
+                            std::to_string(r.received) + " " + std::to_string(r.repeated) + " " +
+                            std::to_string(r.missing));
+            return true;
+        };
+        EXPECT_TRUE(reader()->for_each_ledger_row(agent, from, to, note, error)) << error;
+        return found;
+    }
+    std::string inventory(int64_t agent, uint32_t type, int64_t time) {
+        std::string found;
+        auto note = [&](const stored_inventory& i) {
+            EXPECT_EQ(i.agent, agent);
+            EXPECT_EQ(i.type, type);
+            found = std::to_string(i.received - noon) + " " + std::to_string(i.time - noon) + " " +
+                    std::string(i.record);
+        };
+        EXPECT_TRUE(reader()->read_inventory(agent, type, time, note, error)) << error;
         return found;
     }
     strings days() {
@@ -79,73 +158,242 @@ struct engine_test : testing::Test {
         EXPECT_EQ(e->days(by_turn), drop_outcome::done);
         return by_turn;
     }
+    template <typename Do>
+    void until_done(Do drop) {
+        drop_outcome outcome;
+        while ((outcome = drop()) == drop_outcome::more) {
+        }
+        EXPECT_EQ(outcome, drop_outcome::done) << e->reason();
+    }
 };
 
 TEST_F(engine_test, what_is_committed_is_read_and_what_is_given_up_is_not) {
-    store("web2", 6, "first");
+    store("web2", "first", noon - 60);
+    auto before = reader();
     ASSERT_TRUE(e->begin());
-    append("web1", 5, "second");
-    append("web2", 4, "third");
-    EXPECT_EQ(tested(), strings{"web2 6"});
+    append("web1", "second");
+    append("web2", "third");
+    EXPECT_EQ(agents(e->reader()).size(), 2u);
+    const strings one = {"web2 192.0.2.1 3.0 -60 -60 state of first"};
+    EXPECT_EQ(agents(*reader()), one);
     ASSERT_TRUE(e->commit());
+    EXPECT_EQ(agents(*before), one);
+    before.reset(); /* opening the file anew would wait for it */
     ASSERT_TRUE(e->begin());
-    append("web3", 7, "fourth");
-    append("web2", 9, "fourth");
+    append("web3", "fourth");
+    append("web2", "fourth");
     e->give_up();
-    EXPECT_EQ(tested(), (strings{"web1 5", "web2 4", "web2 6"}));
+    const strings both = {"web1 192.0.2.1 3.0 0 0 state of second",
+                          "web2 192.0.2.1 3.0 -60 0 state of third"};
+    EXPECT_EQ(agents(*reader()), both);
     EXPECT_EQ(mark_of("web2"), "third");
     EXPECT_EQ(mark_of("web1"), "second");
     EXPECT_EQ(mark_of("web3"), "");
     open();
+    EXPECT_EQ(agents(e->reader()), both);
     EXPECT_EQ(mark_of("web2"), "third");
 }
 
-TEST_F(engine_test, days_are_in_the_order_in_which_they_were_written_to) {
-    EXPECT_EQ(days(), strings());
-    EXPECT_FALSE(e->days_changed());
-    store("web1", 5, "a");
-    EXPECT_TRUE(e->days_changed());
-    EXPECT_FALSE(e->days_changed());
-    store("web1", 5, "b");
-    EXPECT_FALSE(e->days_changed());
-    store("web1", 6, "c", noon - 86400);
-    EXPECT_EQ(days(), (strings{"20260501", "20260430"}));
-    store("web1", 6, "d", noon);
-    EXPECT_EQ(days(), (strings{"20260430", "20260501"}));
+TEST_F(engine_test, an_agent_is_found_by_name_and_by_id) {
+    store("web1", "first");
+    stored_agent found;
+    ASSERT_TRUE(e->begin());
+    int64_t id = agent("web1");
+    EXPECT_FALSE(e->find_agent(id + 1, found));
+    EXPECT_EQ(e->reason(), ""); /* and the transaction goes on */
+    ASSERT_TRUE(e->find_agent(id, found));
+    EXPECT_EQ(found.id, id);
+    EXPECT_EQ(found.last_block, "first");
+    EXPECT_EQ(found.state, "state of first");
+    /* What is not known stays as it was. */
+    ASSERT_TRUE(e->end_block(id, {noon + 60, "", ""}, "second", "other"));
+    ASSERT_TRUE(e->set_state(id, "third"));
+    ASSERT_TRUE(e->commit());
+    auto from = reader();
+    strings names;
+    auto note = [&](const known_agent& a) {
+        EXPECT_EQ(a.id, id);
+        EXPECT_EQ(a.account, "a@b.c");
+        names.push_back(std::string(a.agent) + " " + std::string(a.address) + " " +
+                        std::string(a.state) + " " + std::to_string(a.last_seen - noon));
+    };
+    EXPECT_TRUE(from->read_agent(id, note, error));
+    EXPECT_TRUE(from->read_agent("a@b.c", "web1", note, error));
+    EXPECT_TRUE(from->read_agent(id + 1, note, error));
+    EXPECT_TRUE(from->read_agent("a@b.c", "web2", note, error));
+    EXPECT_EQ(names, strings(2, "web1 192.0.2.1 third 60"));
 }
 
-TEST_F(engine_test, a_day_goes_with_all_that_points_to_it_and_the_facts_that_come_with_it) {
-    store("web1", 5, "a");
-    store("web1", 6, "b", noon + 86400);
-    const engine::fact facts[] = {{"dropped", 7}, {"boot", 8}};
-    EXPECT_EQ(e->drop_day("20260501", facts), drop_outcome::done);
-    EXPECT_EQ(days(), strings{"20260502"});
-    EXPECT_EQ(tested(), strings{"web1 6"});
-    EXPECT_EQ(e->read_fact("dropped"), 7);
-    EXPECT_EQ(e->read_fact("boot"), 8);
-    EXPECT_EQ(mark_of("web1"), "b");
+TEST_F(engine_test, a_test_keeps_its_id) {
+    int64_t one = 0, five = 0, none = 0, other_type = 0, other = 0;
+    within([&] {
+        one = agent("web1");
+        five = test(one, 5);
+        none = test(one, std::nullopt);
+        other_type = test(one, 5, 44);
+        other = test(agent("web2"), -7);
+    });
+    EXPECT_LT(five, none);
+    EXPECT_LT(none, other_type);
+    EXPECT_LT(other_type, other);
+    open();
+    within([&] {
+        EXPECT_EQ(test(one, 5), five);
+        EXPECT_EQ(test(one, std::nullopt), none);
+        EXPECT_EQ(test(one, 5, 44), other_type);
+        EXPECT_EQ(test(agent("web2"), -7), other);
+        std::vector<known_test_row> found;
+        EXPECT_TRUE(e->tests_after(five, 2, found));
+        ASSERT_EQ(found.size(), 2u);
+        EXPECT_EQ(found[0].id, none);
+        EXPECT_EQ(found[0].number, std::nullopt);
+        EXPECT_EQ(found[1].type, 44u);
+        EXPECT_TRUE(e->tests_after(other, 2, found));
+        EXPECT_TRUE(found.empty());
+    });
+    std::optional<known_test_row> found = reader()->find_test(other);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->number, -7);
+    EXPECT_EQ(found->type, 66u);
+    EXPECT_FALSE(reader()->find_test(other + 1));
 }
 
-TEST_F(engine_test, a_day_that_is_not_there_changes_nothing) {
-    store("web1", 5, "a");
-    const engine::fact facts[] = {{"dropped", 7}};
-    EXPECT_EQ(e->drop_day("20260430", facts), drop_outcome::failed);
-    EXPECT_NE(e->reason(), "");
-    EXPECT_EQ(e->read_fact("dropped"), std::nullopt);
-    EXPECT_EQ(days(), strings{"20260501"});
-    store("web1", 5, "b"); /* it goes on */
+TEST_F(engine_test, blocks_are_a_chain_until_they_are_dropped) {
+    int64_t one = 0, first = 0, second = 0, third = 0, others = 0;
+    within([&] {
+        one = agent("web1");
+        first = block(one, "a");
+        others = block(agent("web2"), "of another");
+        const std::string_view pieces[] = {"b", "", "cc"};
+        EXPECT_TRUE(e->append_block(one, noon, first, pieces, second));
+    });
+    auto before = reader();
+    EXPECT_EQ(blocks(*before, second), (strings{"bcc", "a"}));
+    within([&] {
+        EXPECT_TRUE(e->drop_blocks(second));
+        EXPECT_EQ(blocks(e->reader(), second), strings());
+        third = block(one, "d", second); /* as if that had not been known */
+    });
+    EXPECT_GT(third, second);
+    EXPECT_EQ(blocks(*before, second), (strings{"bcc", "a"}));
+    EXPECT_EQ(blocks(*reader(), third), strings{"d"});
+    EXPECT_EQ(blocks(*reader(), second), strings());
+    EXPECT_EQ(blocks(*reader(), others), strings{"of another"});
+    EXPECT_EQ(blocks(*reader(), 0), strings());
+    within([&] {
+        EXPECT_TRUE(e->drop_blocks(third));
+        EXPECT_TRUE(e->drop_blocks(third));
+        EXPECT_GT(block(one, "e"), third); /* its row is not given again */
+    });
+}
+
+TEST_F(engine_test, large_blocks_and_inventories_come_back) {
+    std::string large, joined;
+    for (int i = 0; i < 3 << 20; i++) {
+        large += static_cast<char>(i * 7 + i / 1000);
+    }
+    for (int i = 0; i < 100000; i++) {
+        joined += static_cast<char>(i / 3);
+    }
+    std::vector<std::string_view> pieces;
+    for (size_t at = 0; at < joined.size(); at += 1000) {
+        pieces.push_back(std::string_view(joined).substr(at, 1000));
+    }
+    int64_t one = 0, row = 0, pieced = 0, inventory_row = 0;
+    within([&] {
+        one = agent("web1");
+        row = block(one, large);
+        EXPECT_TRUE(e->append_block(one, noon, row, pieces, pieced));
+        EXPECT_TRUE(e->append_inventory(
+            {.agent = one, .type = 42, .received = noon, .time = noon, .record = large},
+            inventory_row));
+    });
+    strings found = blocks(*reader(), pieced);
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_TRUE(found[0] == joined);
+    EXPECT_TRUE(found[1] == large);
+    EXPECT_TRUE(inventory(one, 42, noon) == "0 0 " + large);
+}
+
+TEST_F(engine_test, events_are_read_newest_first) {
+    int64_t one = 0, two = 0, id = 0, before = 0;
+    auto add = [&](int64_t time, int64_t of, int64_t test, const char* message) {
+        before = id;
+        EXPECT_TRUE(e->append_event({.time = noon + time,
+                                     .agent = of,
+                                     .test = test,
+                                     .from = 1,
+                                     .to = 2,
+                                     .message = message},
+                                    id));
+        EXPECT_GT(id, before);
+    };
+    within([&] {
+        one = agent("web1");
+        two = agent("web2");
+        add(0, one, 5, "a");
+        add(10, two, 6, "b");
+        add(-10, one, 5, "late");
+        add(10, one, 0, "c");
+        add(20, one, 7, "");
+    });
+    EXPECT_EQ(events({}),
+              (strings{"20 7 1>2 ", "10 0 1>2 c", "10 6 1>2 b", "0 5 1>2 a", "-10 5 1>2 late"}));
+    EXPECT_EQ(events({.agent = one}),
+              (strings{"20 7 1>2 ", "10 0 1>2 c", "0 5 1>2 a", "-10 5 1>2 late"}));
+    EXPECT_EQ(events({.agent = one, .test = 5}), (strings{"0 5 1>2 a", "-10 5 1>2 late"}));
+    EXPECT_EQ(events({.from = noon, .to = noon + 20}),
+              (strings{"10 0 1>2 c", "10 6 1>2 b", "0 5 1>2 a"}));
+    EXPECT_EQ(events({.from = noon, .to = noon}), strings());
+    EXPECT_EQ(events({.to = INT64_MIN}), strings());
+    /* Behind the one that came before the last. */
+    EXPECT_EQ(events({.to = noon + 11, .below = before}),
+              (strings{"10 6 1>2 b", "0 5 1>2 a", "-10 5 1>2 late"}));
+    size_t seen = 0;
+    EXPECT_TRUE(reader()->for_each_event(
+        {}, [&](const stored_event&) { return ++seen < 2; }, error));
+    EXPECT_EQ(seen, 2u);
+    until_done([&] { return e->drop_events(noon + 10); });
+    EXPECT_EQ(events({}), (strings{"20 7 1>2 ", "10 0 1>2 c", "10 6 1>2 b"}));
+    until_done([&] { return e->drop_events(noon + 100); });
+    within([&] { add(30, one, 5, "new"); }); /* no id is given again */
+    EXPECT_EQ(events({}), strings{"30 5 1>2 new"});
+}
+
+TEST_F(engine_test, the_ledger_adds_up) {
+    within([&] {
+        EXPECT_TRUE(e->add_to_ledger({2, noon, 5, 1, 0}));
+        EXPECT_TRUE(e->add_to_ledger({1, noon, 7, 0, 2}));
+        EXPECT_TRUE(e->add_to_ledger({1, noon + 3600, 1, 0, 0}));
+        EXPECT_TRUE(e->add_to_ledger({1, noon - 3600, 3, 0, 0}));
+    });
+    within([&] { EXPECT_TRUE(e->add_to_ledger({1, noon, 1, 2, 3})); });
+    EXPECT_EQ(ledger(0), (strings{"1 -3600 3 0 0", "1 0 8 2 5", "2 0 5 1 0", "1 3600 1 0 0"}));
+    EXPECT_EQ(ledger(1, noon, noon + 3600), strings{"1 0 8 2 5"});
+    EXPECT_EQ(ledger(2), strings{"2 0 5 1 0"});
+    EXPECT_EQ(ledger(3), strings());
+    until_done([&] { return e->drop_ledger(noon); });
+    EXPECT_EQ(ledger(0), (strings{"1 0 8 2 5", "2 0 5 1 0", "1 3600 1 0 0"}));
 }
 
 TEST_F(engine_test, facts_outlive_it) {
     EXPECT_EQ(e->read_fact("keep_days"), 30); /* what a new file says */
     EXPECT_EQ(e->read_fact("boot"), std::nullopt);
     EXPECT_TRUE(e->set_fact("keep_days", 4));
+    ASSERT_TRUE(e->begin());
+    EXPECT_TRUE(e->set_fact("closing_test", 5));
+    EXPECT_EQ(e->reader().read_fact("closing_test"), 5);
+    e->give_up();
     open();
     EXPECT_EQ(e->read_fact("keep_days"), 4);
+    EXPECT_EQ(e->read_fact("closing_test"), std::nullopt);
+    EXPECT_EQ(reader()->read_fact("keep_days"), 4);
 }
 
 TEST_F(engine_test, a_place_that_is_gone_is_left_and_another_one_begun) {
-    store("web1", 5, "a");
+    store("web1", "a");
+    int64_t five = 0;
+    within([&] { five = test(agent("web1"), 5); });
     unsigned before = e->generation();
     e->look_after();
     EXPECT_EQ(e->generation(), before);
@@ -155,10 +403,12 @@ TEST_F(engine_test, a_place_that_is_gone_is_left_and_another_one_begun) {
     e->look_after();
     EXPECT_FALSE(e->is_open());
     EXPECT_EQ(told.size(), 1u);
+    EXPECT_FALSE(e->reader().for_each_agent([](const known_agent&) {}, error));
     EXPECT_EQ(mark_of("web1"), ""); /* what was not answered had better come again */
     EXPECT_NE(e->generation(), before);
-    store("web1", 6, "b");
-    EXPECT_EQ(tested(), strings{"web1 6"});
+    store("web1", "b");
+    within([&] { EXPECT_EQ(test(agent("web1"), 5), five); });
+    EXPECT_EQ(agents(*reader()), strings{"web1 192.0.2.1 3.0 0 0 state of b"});
 }
 
 TEST_F(engine_test, a_failure_that_is_no_damage_is_not_recovered_from_at_once) {
@@ -168,5 +418,5 @@ TEST_F(engine_test, a_failure_that_is_no_damage_is_not_recovered_from_at_once) {
     EXPECT_EQ(e->reason(), state + "/lock: No such file or directory");
     EXPECT_FALSE(e->recover());
     std::filesystem::create_directory(state);
-    store("web1", 5, "a");
+    store("web1", "a");
 }

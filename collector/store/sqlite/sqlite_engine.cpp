@@ -1,117 +1,65 @@
-/* The engine over SQLite: one connection that writes. Any error ends the transaction and closes the
- * file; the next one opens it anew. A full disk, a read-only file system or a lock that somebody
- * holds is thus got over without help; damage is recover()'s. */
+#include "store/sqlite/sqlite_engine.h"
+
 #include "base/text.h"
-#include "store/engine.h"
-#include "store/sqlite/database.h"
-#include "store/sqlite/latest.h"
-#include "store/sqlite/sqlite_file.h"
+#include "store/sqlite/earlier.h"
+#include "store/sqlite/layout.h"
 
 #include <algorithm>
-#include <map>
+#include <cstring>
 
 namespace {
 
-constexpr size_t large_record = 1 << 20; /* bytes: is not copied for the database */
+/* Bytes of a block: pieces of more are not copied to be one, and one piece of more is not copied
+ * for the database. */
+constexpr size_t most_joined = 64 << 10, most_bound = 1 << 20;
 
-class sqlite_engine final : public engine {
-public:
-    explicit sqlite_engine(const engine_options& options) : options_(options), file_(options) {}
-
-    bool start(std::string& error) {
-        bool ok = file_.take_directory(reason_) && open();
-        error = ok ? "" : reason_;
-        return ok;
+size_t total_size(std::span<const std::string_view> pieces) {
+    size_t bytes = 0;
+    for (std::string_view piece : pieces) {
+        bytes += piece.size();
     }
+    return bytes;
+}
 
-    void look_after() override;
-    bool begin() override { return (is_open() || open()) && go_on(execute("BEGIN IMMEDIATE")); }
-    bool commit() override;
-    bool find_agent(std::string_view account, std::string_view agent, int64_t received,
-                    stored_agent& found) override;
-    bool append(int64_t received, std::span<const decoded_record> results) override;
-    bool append_undecodable(int64_t received, const undecodable_piece& piece) override;
-    bool end_block(const agent_news& news, std::string_view last_block) override;
-    void give_up() override;
-    bool recover() override;
-    const std::string& reason() const override { return reason_; }
-    unsigned generation() const override { return file_.generation(); }
+} // namespace
 
-    bool is_open() const override { return file_.is_open(); }
-    bool days_changed() override { return std::exchange(days_changed_, false); }
-    drop_outcome days(std::vector<std::string>& by_turn) override;
-    drop_outcome drop_day(const std::string& day, std::span<const fact> facts) override;
-    std::optional<int64_t> read_fact(const char* name) override {
-        return database_fact(file_.handle(), name);
-    }
-    bool set_fact(const char* name, int64_t value) override {
-        return database_set_fact(file_.handle(), name, value);
-    }
+/* ---- the file and its transactions ---- */
 
-private:
-    bool open();
-    void release();
-    bool execute(const char* sql) { return database_exec(file_.handle(), sql); }
-    bool go_on(bool ok);
-    bool prepare();
-    bool use_day(int64_t received);
-    bool append(int64_t received, const decoded_record& result);
-    int read_days(std::vector<std::string>& by_turn);
-    bool forget_all_but(const std::vector<std::string>& days);
-    drop_outcome outcome_of(int result);
-
-    const engine_options options_;
-    sqlite_file file_;
-    int failure_ = SQLITE_OK; /* a result code, and the reason for it in words */
-    std::string reason_;
-    int damaged_ = 0; /* transactions in turn that met damage */
-
-    statement select_agent_, insert_agent_, update_agent_, insert_undecodable_, insert_result_;
-    std::string day_; /* insert_result_ is for this one */
-    bool days_changed_ = false;
-
-    /* The agent found last. */
-    int64_t agent_ = 0;
-    std::string last_block_, packed_;
-    latest_results latest_;
-};
+bool sqlite_engine::start(std::string& error) {
+    bool ok = file_.take_directory(reason_) && open();
+    error = ok ? "" : reason_;
+    return ok;
+}
 
 bool sqlite_engine::open() {
     bool ok = file_.open(reason_);
-    if (ok && !prepare()) {
-        reason_.clear();
-        file_.refuse(reason_); /* while what failed can still be asked for its reason */
-        release();
-        ok = false;
+    if (ok) {
+        reader_.use(file_.handle(), file_.path());
+        std::vector<std::string> tables;
+        for (resolution r : {resolution::five_minutes, resolution::hour}) {
+            ok = ok && database_tables(file_.handle(), roll_up_prefix(r), 6, tables);
+            roll_ups_.insert(tables.begin(), tables.end());
+        }
+        /* A file that lacks one of its tables is of no use. */
+        ok = ok && execute("SELECT 1 FROM agents, tests, blocks, events, ledger, inventories, "
+                           "definitions, days, facts, undecodable LIMIT 0");
+        if (!ok) {
+            reason_.clear();
+            file_.refuse(reason_); /* while what failed can still be asked for its reason */
+            release();
+        }
     }
     failure_ = ok ? SQLITE_OK : file_.failure();
     return ok;
 }
 
+/* What hangs on the connection, before it is closed. */
 void sqlite_engine::release() {
-    for (statement* s :
-         {&select_agent_, &insert_agent_, &update_agent_, &insert_undecodable_, &insert_result_}) {
-        *s = statement();
-    }
-    day_.clear();
-}
-
-bool sqlite_engine::prepare() {
-    sqlite3* db = file_.handle();
-    select_agent_ =
-        statement(db, "SELECT id, last_block, latest FROM agents WHERE account = ? AND name = ?");
-    insert_agent_ =
-        statement(db, "INSERT INTO agents (account, name, first_seen, last_seen, last_block) "
-                      "VALUES (?, ?, ?, 0, x'')");
-    /* An address or a version that is not known leaves the last one. */
-    update_agent_ = statement(db, "UPDATE agents SET last_seen = ?, last_block = ?, latest = ?, "
-                                  "address = coalesce(nullif(?, ''), address), "
-                                  "version = coalesce(nullif(?, ''), version) WHERE id = ?");
-    insert_undecodable_ =
-        statement(db, "INSERT INTO undecodable (received, agent, offset, bytes, reason, kept_as) "
-                      "VALUES (?, ?, ?, ?, ?, ?)");
-    return select_agent_.ok() && insert_agent_.ok() && update_agent_.ok() &&
-           insert_undecodable_.ok();
+    statements_.clear();
+    reader_.use(nullptr, file_.path());
+    packed_.clear();
+    roll_ups_.clear();
+    inventories_ = {};
 }
 
 void sqlite_engine::look_after() {
@@ -122,15 +70,33 @@ void sqlite_engine::look_after() {
     }
 }
 
+bool sqlite_engine::begin() {
+    return (is_open() || open()) && go_on(execute("BEGIN IMMEDIATE"));
+}
+
+bool sqlite_engine::commit() {
+    bool ok = go_on(execute("COMMIT"));
+    damaged_ = ok ? 0 : damaged_;
+    return ok;
+}
+
 /* Ends the transaction unless all is well. */
 bool sqlite_engine::go_on(bool ok) {
     if (!ok) {
         int result = sqlite3_errcode(file_.handle());
         failure_ = result != SQLITE_OK ? result : SQLITE_ERROR;
-        reason_ = sqlite3_errmsg(file_.handle());
+        reason_ = is_open() ? sqlite3_errmsg(file_.handle()) : "the database is not open";
         give_up();
     }
     return ok;
+}
+
+/* The same for reasons of our own. */
+bool sqlite_engine::fail(const char* why) {
+    failure_ = SQLITE_ERROR;
+    reason_ = why;
+    give_up();
+    return false;
 }
 
 void sqlite_engine::give_up() {
@@ -141,12 +107,6 @@ void sqlite_engine::give_up() {
     }
 }
 
-bool sqlite_engine::commit() {
-    bool ok = go_on(execute("COMMIT"));
-    damaged_ = ok ? 0 : damaged_;
-    return ok;
-}
-
 /* Damage may be in what was read before only: it has to show in a file opened anew. */
 bool sqlite_engine::recover() {
     if (!database_is_damaged(failure_) || ++damaged_ > 2) {
@@ -155,165 +115,390 @@ bool sqlite_engine::recover() {
     return damaged_ == 1 || file_.set_aside(reason_);
 }
 
+/* ---- agents and tests ---- */
+
+/* What the row says, when there is one. */
+bool sqlite_engine::found_agent(statement& row, int result, stored_agent& found) {
+    last_block_.clear();
+    state_.clear();
+    found = {};
+    if (result == SQLITE_ROW) {
+        last_block_ = row.bytes(1);
+        state_ = row.bytes(2);
+        found = {.id = row.integer(0), .last_block = last_block_, .state = state_};
+    }
+    return result == SQLITE_ROW;
+}
+
 bool sqlite_engine::find_agent(std::string_view account, std::string_view agent, int64_t received,
                                stored_agent& found) {
-    latest_.unpack({});
-    last_block_.clear();
-    select_agent_.bind_text(account).bind_text(agent);
-    int result = select_agent_.step();
-    if (result == SQLITE_ROW) {
-        agent_ = select_agent_.integer(0);
-        last_block_ = select_agent_.bytes(1);
-        latest_.unpack(select_agent_.bytes(2));
+    int result;
+    {
+        auto select =
+            take("SELECT id, last_block, state FROM agents WHERE account = ? AND name = ?");
+        result = select->bind_text(account).bind_text(agent).step();
+        if (found_agent(*select, result, found)) {
+            return true;
+        }
     }
-    select_agent_.reset();
-    bool ok = result == SQLITE_ROW;
-    if (result == SQLITE_DONE) {
-        insert_agent_.bind_text(account).bind_text(agent).bind(received);
-        ok = insert_agent_.run();
-        agent_ = sqlite3_last_insert_rowid(file_.handle());
+    bool ok = result == SQLITE_DONE;
+    if (ok) {
+        auto insert = take("INSERT INTO agents (account, name, first_seen, last_seen, last_block) "
+                           "VALUES (?, ?, ?, 0, x'')");
+        ok = insert->bind_text(account).bind_text(agent).bind(received).run();
+        found.id = sqlite3_last_insert_rowid(file_.handle());
     }
-    found = {agent_, last_block_};
     return go_on(ok);
 }
 
-bool sqlite_engine::use_day(int64_t received) {
-    std::string day = utc_day(received);
-    if (day == day_) {
+bool sqlite_engine::find_agent(int64_t id, stored_agent& found) {
+    int result;
+    {
+        auto select = take("SELECT id, last_block, state FROM agents WHERE id = ?");
+        result = select->bind(id).step();
+        if (found_agent(*select, result, found)) {
+            return true;
+        }
+    }
+    reason_.clear();
+    go_on(result == SQLITE_DONE);
+    return false;
+}
+
+bool sqlite_engine::find_test(int64_t agent, uint32_t type, std::optional<int32_t> number,
+                              int64_t& id) {
+    std::optional<int64_t> wide = number;
+    int result;
+    {
+        auto select = take("SELECT id FROM tests WHERE agent = ? AND type = ? AND number IS ?");
+        result = select->bind(agent).bind(int64_t{type}).bind(wide).step();
+        if (result == SQLITE_ROW) {
+            id = select->integer(0);
+            return true;
+        }
+    }
+    bool ok = result == SQLITE_DONE;
+    if (ok) {
+        auto insert = take("INSERT INTO tests (agent, type, number) VALUES (?, ?, ?)");
+        ok = insert->bind(agent).bind(int64_t{type}).bind(wide).run();
+        id = sqlite3_last_insert_rowid(file_.handle());
+    }
+    return ok && id > max_test ? fail("there are no more ids for tests") : go_on(ok);
+}
+
+bool sqlite_engine::tests_after(int64_t after, size_t most, std::vector<known_test_row>& found) {
+    found.clear();
+    int result;
+    {
+        auto rows =
+            take("SELECT id, agent, type, number FROM tests WHERE id > ? ORDER BY id LIMIT ?");
+        rows->bind(after).bind(static_cast<int64_t>(most));
+        while ((result = rows->step()) == SQLITE_ROW) {
+            found.push_back({.id = rows->integer(0),
+                             .agent = rows->integer(1),
+                             .type = static_cast<uint32_t>(rows->integer(2)),
+                             .number = {}});
+            if (!rows->is_null(3)) {
+                found.back().number = static_cast<int32_t>(rows->integer(3));
+            }
+        }
+    }
+    return go_on(result == SQLITE_DONE);
+}
+
+/* An address or a version that is not known leaves the last one. */
+bool sqlite_engine::end_block(int64_t agent, const agent_news& news, std::string_view last_block,
+                              std::string_view state) {
+    bool ok;
+    {
+        auto update = take("UPDATE agents SET last_seen = ?, last_block = ?, state = ?, "
+                           "address = coalesce(nullif(?, ''), address), "
+                           "version = coalesce(nullif(?, ''), version) WHERE id = ?");
+        update->bind(news.received).bind_blob(last_block).bind_blob(state);
+        ok = update->bind_text(news.address).bind_text(news.version).bind(agent).run();
+    }
+    return go_on(ok);
+}
+
+bool sqlite_engine::set_state(int64_t agent, std::string_view state) {
+    bool ok = take("UPDATE agents SET state = ? WHERE id = ?")->bind_blob(state).bind(agent).run();
+    return go_on(ok);
+}
+
+/* ---- what comes with a block ---- */
+
+bool sqlite_engine::append_block(int64_t agent, int64_t received, int64_t before,
+                                 std::span<const std::string_view> pieces, int64_t& row) {
+    const size_t bytes = total_size(pieces);
+    const bool filled = bytes > (pieces.size() > 1 ? most_joined : most_bound);
+    bool ok;
+    {
+        auto insert =
+            take("INSERT INTO blocks (agent, received, before, records) VALUES (?, ?, ?, ?)");
+        insert->bind(agent).bind(received).bind(before);
+        if (filled) {
+            insert->bind_unfilled_blob(bytes);
+        } else if (pieces.size() == 1) {
+            insert->bind_blob(pieces.front());
+        } else {
+            joined_.clear();
+            for (std::string_view piece : pieces) {
+                joined_ += piece;
+            }
+            insert->bind_blob(joined_);
+        }
+        ok = insert->run();
+        row = sqlite3_last_insert_rowid(file_.handle());
+    }
+    return go_on(ok &&
+                 (!filled || database_fill_blob(file_.handle(), "blocks", "records", pieces)));
+}
+
+bool sqlite_engine::append_inventory(const stored_inventory& inventory, int64_t& row) {
+    const bool filled = inventory.record.size() > most_bound;
+    bool ok;
+    {
+        auto insert = take("INSERT INTO inventories (agent, type, received, time, record) "
+                           "VALUES (?, ?, ?, ?, ?)");
+        insert->bind(inventory.agent).bind(int64_t{inventory.type}).bind(inventory.received);
+        insert->bind(inventory.time);
+        if (filled) {
+            insert->bind_unfilled_blob(inventory.record.size());
+        } else {
+            insert->bind_blob(inventory.record);
+        }
+        ok = insert->run();
+        row = sqlite3_last_insert_rowid(file_.handle());
+    }
+    return go_on(ok && (!filled || database_fill_blob(file_.handle(), "inventories", "record",
+                                                      {&inventory.record, 1})));
+}
+
+bool sqlite_engine::append_undecodable(int64_t agent, int64_t received,
+                                       const undecodable_piece& piece) {
+    bool ok;
+    {
+        auto insert = take("INSERT INTO undecodable (received, agent, offset, bytes, reason, "
+                           "kept_as) VALUES (?, ?, ?, ?, ?, ?)");
+        insert->bind(received).bind(agent);
+        insert->bind(static_cast<int64_t>(piece.offset)).bind(static_cast<int64_t>(piece.bytes));
+        ok = insert->bind_text(piece.reason).bind_text(piece.kept_as).run();
+    }
+    return go_on(ok);
+}
+
+bool sqlite_engine::append_event(const stored_event& event, int64_t& id) {
+    bool ok;
+    {
+        auto insert = take("INSERT INTO events (time, agent, test, from_state, to_state, message) "
+                           "VALUES (?, ?, ?, ?, ?, ?)");
+        insert->bind(event.time).bind(event.agent).bind(event.test);
+        insert->bind(int64_t{event.from}).bind(int64_t{event.to});
+        ok = insert->bind_text(event.message).run();
+        id = sqlite3_last_insert_rowid(file_.handle());
+    }
+    return go_on(ok);
+}
+
+bool sqlite_engine::add_to_ledger(const ledger_row& counts) {
+    bool ok;
+    {
+        auto add = take("INSERT INTO ledger (agent, hour, received, repeated, missing) "
+                        "VALUES (?, ?, ?, ?, ?) ON CONFLICT (hour, agent) DO UPDATE SET "
+                        "received = received + excluded.received, "
+                        "repeated = repeated + excluded.repeated, "
+                        "missing = missing + excluded.missing");
+        add->bind(counts.agent).bind(counts.hour).bind(static_cast<int64_t>(counts.received));
+        add->bind(static_cast<int64_t>(counts.repeated));
+        ok = add->bind(static_cast<int64_t>(counts.missing)).run();
+    }
+    return go_on(ok);
+}
+
+bool sqlite_engine::append_definition(const test_definition& definition) {
+    bool ok;
+    {
+        auto insert = take("INSERT INTO definitions (type, number, location, since, name, text) "
+                           "VALUES (?, ?, ?, ?, ?, ?)");
+        insert->bind(int64_t{definition.type}).bind(int64_t{definition.number});
+        insert->bind(int64_t{definition.location}).bind(definition.since);
+        ok = insert->bind_text(definition.name).bind_text(definition.text).run();
+    }
+    return go_on(ok);
+}
+
+/* ---- upkeep ---- */
+
+bool sqlite_engine::use_day(const std::string& table) {
+    if (table == packed_) {
         return true;
     }
-    std::string table = "results_" + day;
     statement turn(file_.handle(), "INSERT OR REPLACE INTO days "
                                    "SELECT ?, 1 + coalesce(max(turn), 0) FROM days");
-    if (!database_exec(
-            file_.handle(),
-            "CREATE TABLE IF NOT EXISTS " + table +
-                " (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
-                " agent INTEGER NOT NULL, type INTEGER NOT NULL, test INTEGER,"
-                " location INTEGER, time INTEGER, status INTEGER, record BLOB NOT NULL)") ||
-        !turn.bind_text(day).run()) {
+    bool ok = make_packed_table(file_.handle(), table) &&
+              turn.bind_text(std::string_view(table).substr(strlen(packed_prefix))).run();
+    packed_ = ok ? table : "";
+    days_changed_ = days_changed_ || ok;
+    return ok;
+}
+
+/* The first key from `key` on that is free. */
+bool sqlite_engine::free_key(const std::string& table, int64_t& key) {
+    auto select = take("SELECT 1 FROM " + table + " WHERE id = ?");
+    for (;; key++) {
+        int result = select->bind(key).step();
+        select->reset();
+        if (result != SQLITE_ROW) {
+            return result == SQLITE_DONE;
+        }
+    }
+}
+
+bool sqlite_engine::append_chunk(int64_t test, const packed_chunk& chunk) {
+    if (test < 0 || test > max_test) {
+        return fail("a chunk of no test");
+    }
+    const std::string table = packed_table(chunk.received_last);
+    int64_t key = chunk_key(test, key_time(chunk.received_first));
+    if (!go_on(use_day(table) && free_key(table, key))) {
         return false;
     }
-    days_changed_ = true;
-    insert_result_ =
-        statement(file_.handle(), "INSERT INTO " + table +
-                                      " (received, agent, type, test, location, time, status,"
-                                      " record) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
-    day_ = insert_result_.ok() ? day : "";
-    return insert_result_.ok();
+    bool told = key == chunk_key(test, 0) + chunk.received_first;
+    bool ok;
+    {
+        auto insert = take("INSERT INTO " + table +
+                           " (id, received_first, received_last, first, last, results, data) "
+                           "VALUES (?, ?, ?, ?, ?, ?, ?)");
+        insert->bind(key).bind(told ? std::nullopt : std::optional(chunk.received_first));
+        insert->bind(chunk.received_last).bind(chunk.first).bind(chunk.last);
+        ok = insert->bind(int64_t{chunk.results}).bind_blob(chunk.data).run();
+    }
+    return go_on(ok);
 }
 
-bool sqlite_engine::append(int64_t received, const decoded_record& result) {
-    const record_summary& summary = result.summary;
-    insert_result_.bind(received).bind(agent_).bind(int64_t{summary.type});
-    insert_result_.bind(summary.test).bind(summary.location).bind(summary.time);
-    insert_result_.bind(summary.status);
-    std::string_view raw = result.content.raw;
-    bool large = raw.size() > large_record;
-    if (large) {
-        insert_result_.bind_unfilled_blob(raw.size());
-    } else {
-        insert_result_.bind_blob(raw);
+bool sqlite_engine::drop_blocks(int64_t row) {
+    int result = SQLITE_ROW;
+    {
+        auto drop = take("DELETE FROM blocks WHERE id = ? RETURNING before");
+        while (row > 0 && (result = drop->bind(row).step()) == SQLITE_ROW) {
+            int64_t before = drop->integer(0);
+            result = drop->step();
+            drop->reset();
+            if (result != SQLITE_DONE || before >= row) {
+                break;
+            }
+            row = before;
+        }
     }
-    if (!insert_result_.run() ||
-        (large && !database_fill_blob(file_.handle(), "results_" + day_, "record", raw))) {
+    return go_on(result == SQLITE_DONE || result == SQLITE_ROW);
+}
+
+bool sqlite_engine::use_roll_ups(const std::string& table) {
+    bool ok = roll_ups_.contains(table) || make_roll_up_table(file_.handle(), table);
+    if (ok) {
+        roll_ups_.insert(table);
+    }
+    return ok;
+}
+
+bool sqlite_engine::put_roll_up(resolution r, int64_t test, int64_t day, std::string_view data) {
+    if (test < 0 || test > max_test) {
+        return fail("a roll-up of no test");
+    }
+    if (day < 0 || day >= days_end) {
+        return true;
+    }
+    const std::string table = roll_up_table(r, day);
+    if (!go_on(use_roll_ups(table))) {
         return false;
     }
-    latest_.put(summary, received, sqlite3_last_insert_rowid(file_.handle()));
-    return true;
+    bool ok = take("INSERT OR REPLACE INTO " + table + " VALUES (?, ?)")
+                  ->bind(roll_up_key(test, day))
+                  .bind_blob(data)
+                  .run();
+    return go_on(ok);
 }
 
-bool sqlite_engine::append(int64_t received, std::span<const decoded_record> results) {
-    return go_on(use_day(received) &&
-                 std::all_of(results.begin(), results.end(), [&](const decoded_record& result) {
-                     return append(received, result);
-                 }));
-}
-
-bool sqlite_engine::append_undecodable(int64_t received, const undecodable_piece& piece) {
-    insert_undecodable_.bind(received).bind(agent_);
-    insert_undecodable_.bind(int64_t(piece.offset)).bind(int64_t(piece.bytes));
-    return go_on(insert_undecodable_.bind_text(piece.reason).bind_text(piece.kept_as).run());
-}
-
-bool sqlite_engine::end_block(const agent_news& news, std::string_view last_block) {
-    latest_.pack(packed_);
-    update_agent_.bind(news.received).bind_blob(last_block).bind_blob(packed_);
-    return go_on(update_agent_.bind_text(news.address).bind_text(news.version).bind(agent_).run());
-}
-
-/* ---- days ---- */
-
-drop_outcome sqlite_engine::outcome_of(int result) {
-    if (result == SQLITE_OK) {
-        return drop_outcome::done;
+bool sqlite_engine::drop_roll_up(resolution r, int64_t test, int64_t day) {
+    const std::string table = roll_up_table(r, std::clamp<int64_t>(day, 0, days_end - 1));
+    if (day < 0 || day >= days_end || !roll_ups_.contains(table)) {
+        return true;
     }
-    reason_ = sqlite3_errstr(result);
-    return database_is_damaged(result) ? drop_outcome::damaged : drop_outcome::failed;
+    bool ok = take("DELETE FROM " + table + " WHERE id = ?")->bind(roll_up_key(test, day)).run();
+    return go_on(ok);
+}
+
+bool sqlite_engine::set_fact(const char* name, int64_t value) {
+    return go_on(database_set_fact(file_.handle(), name, value));
+}
+
+/* ---- dropping ---- */
+
+drop_outcome sqlite_engine::outcome_of(const bite& taken) {
+    if (taken.result == SQLITE_OK) {
+        return taken.more ? drop_outcome::more : drop_outcome::done;
+    }
+    reason_ = sqlite3_errstr(taken.result);
+    return database_is_damaged(taken.result) ? drop_outcome::damaged : drop_outcome::failed;
 }
 
 drop_outcome sqlite_engine::days(std::vector<std::string>& by_turn) {
-    return outcome_of(read_days(by_turn));
-}
-
-/* SQLITE_OK, or why they cannot be read. */
-int sqlite_engine::read_days(std::vector<std::string>& by_turn) {
-    statement query(file_.handle(), "SELECT day FROM days JOIN sqlite_schema "
-                                    "ON name = 'results_' || day AND type = 'table' ORDER BY turn");
-    int result = SQLITE_ERROR;
-    while (query.ok() && (result = query.step()) == SQLITE_ROW) {
-        by_turn.emplace_back(query.bytes(0));
-    }
-    return result == SQLITE_DONE ? SQLITE_OK : result;
+    return outcome_of(read_days(file_.handle(), by_turn));
 }
 
 drop_outcome sqlite_engine::drop_day(const std::string& day, std::span<const fact> facts) {
-    sqlite3* db = file_.handle();
-    std::vector<std::string> kept;
-    bool ok = database_exec(db, "BEGIN IMMEDIATE; DROP TABLE results_" + day) &&
-              statement(db, "DELETE FROM days WHERE day = ?").bind_text(day).run() &&
-              read_days(kept) == SQLITE_OK && forget_all_but(kept) &&
-              std::all_of(facts.begin(), facts.end(),
-                          [&](const fact& f) { return set_fact(f.first, f.second); }) &&
-              database_exec(db, "COMMIT");
-    int result = ok ? SQLITE_OK : sqlite3_errcode(db);
-    if (!ok) {
-        database_exec(db, "ROLLBACK");
-        result = result != SQLITE_OK ? result : SQLITE_ERROR;
-    }
-    return outcome_of(result);
+    packed_.clear(); /* it may be this one */
+    return outcome_of(drop_some_of_day(file_.handle(), day, facts));
 }
 
-/* What points to days that are gone. */
-bool sqlite_engine::forget_all_but(const std::vector<std::string>& days) {
-    sqlite3* db = file_.handle();
-    auto kept = [&days, known = std::map<int64_t, bool>()](int64_t received) mutable {
-        auto [day, fresh] = known.try_emplace(received / 86400);
-        if (fresh) {
-            day->second = std::find(days.begin(), days.end(), utc_day(received)) != days.end();
-        }
-        return day->second;
-    };
-    std::vector<std::pair<int64_t, std::string>> changed;
-    statement select(db, "SELECT id, latest FROM agents");
-    int result = SQLITE_ERROR;
-    latest_results latest;
-    while (select.ok() && (result = select.step()) == SQLITE_ROW) {
-        latest.unpack(select.bytes(1));
-        if (latest.forget_unless(std::ref(kept))) {
-            changed.emplace_back(select.integer(0), latest.packed());
-        }
-    }
-    statement update(db, "UPDATE agents SET latest = ? WHERE id = ?");
-    bool ok = result == SQLITE_DONE;
-    for (auto c = changed.begin(); ok && c != changed.end(); ++c) {
-        ok = update.bind_blob(c->second).bind(c->first).run();
-    }
-    return ok && database_exec(db, "DELETE FROM undecodable WHERE NOT EXISTS (SELECT 1 FROM days "
-                                   "WHERE day = strftime('%Y%m%d', received, 'unixepoch'))");
+drop_outcome sqlite_engine::drop_roll_ups(resolution r, int64_t day) {
+    bite taken = drop_some_roll_ups(file_.handle(), r, day);
+    const std::string kept = roll_up_table(r, std::clamp<int64_t>(day, 0, days_end - 1));
+    roll_ups_.erase(roll_ups_.lower_bound(roll_up_prefix(r)), roll_ups_.lower_bound(kept));
+    return outcome_of(taken);
 }
 
-} // namespace
+drop_outcome sqlite_engine::drop_events(int64_t time) {
+    return outcome_of(drop_some_events(file_.handle(), time));
+}
+
+drop_outcome sqlite_engine::drop_ledger(int64_t time) {
+    return outcome_of(drop_some_ledger_rows(file_.handle(), time));
+}
+
+drop_outcome sqlite_engine::drop_inventories(int64_t time) {
+    return outcome_of(drop_some_inventories(file_.handle(), time, inventories_));
+}
+
+/* ---- what an earlier version left ---- */
+
+std::unique_ptr<earlier_results> sqlite_engine::earlier() {
+    if (!is_open() || read_fact("earlier") != 1) {
+        return nullptr;
+    }
+    if (!earlier_is_there(options_.directory)) {
+        options_.tell(earlier_path(options_.directory) +
+                      " is gone: what was not taken over from it is lost");
+        forget_earlier();
+        return nullptr;
+    }
+    std::string error;
+    auto damaged = [this](const std::string& why) { file_.keep_damaged_earlier(why); };
+    std::unique_ptr<earlier_results> found = read_earlier(options_.directory, damaged, error);
+    if (!found) {
+        options_.tell("results of an earlier version cannot be taken over: " + error);
+    }
+    return found;
+}
+
+bool sqlite_engine::forget_earlier() {
+    if (!is_open() || !execute("BEGIN IMMEDIATE") || !set_fact("earlier", 0) ||
+        !execute("DELETE FROM facts WHERE name = 'earlier_position'; COMMIT")) {
+        return go_on(false);
+    }
+    bool ok = remove_earlier(options_.directory);
+    return go_on(!ok || execute("DELETE FROM facts WHERE name = 'earlier'")) && ok;
+}
 
 std::unique_ptr<engine> open_engine(const engine_options& options, std::string& error) {
     if (options.directory.empty()) {

@@ -1,13 +1,13 @@
 #include "store/sqlite/sqlite_file.h"
 
 #include "base/text.h"
-#include "store/sqlite/latest.h"
+#include "store/sqlite/earlier.h"
+#include "store/sqlite/layout.h"
 
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <map>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,6 +23,8 @@ int64_t (*wall_clock)() = system_seconds; /* a test pins it */
 
 const size_t max_set_aside = 5; /* damaged files in the directory */
 int lock_wait_ms = 2000;        /* for the database's lock, when somebody else holds it */
+
+const char damaged_stem[] = "/results-damaged-";
 
 constexpr size_t hash_bytes = 32; /* what agents.last_block holds of a block that is whole */
 
@@ -48,19 +50,6 @@ unique_fd lock_directory(const std::string& directory, std::string& error) {
     return lock;
 }
 
-/* As many as can be read. */
-std::vector<carried_agent> read_agents(sqlite3* db) {
-    std::vector<carried_agent> agents;
-    statement rows(db, "SELECT id, first_seen, last_seen, account, name, last_block, address, "
-                       "version FROM agents");
-    while (rows.ok() && rows.row()) {
-        auto text = [&](int column) { return std::string(rows.bytes(column)); };
-        agents.push_back({rows.integer(0), rows.integer(1), rows.integer(2), text(3), text(4),
-                          text(5), text(6), text(7)});
-    }
-    return agents;
-}
-
 /* Debian's SQLite overwrites what is deleted unless told not to: days are dropped, not shredded. */
 const char settings[] = "PRAGMA secure_delete = OFF;"
                         "PRAGMA synchronous = FULL;"
@@ -69,82 +58,25 @@ const char settings[] = "PRAGMA secure_delete = OFF;"
                         "PRAGMA wal_autocheckpoint = 4000;"
                         "PRAGMA journal_size_limit = 67108864";
 
-const char layout[] =
-    "BEGIN IMMEDIATE;"
-    "CREATE TABLE agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL, name TEXT NOT NULL,"
-    " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
-    " address TEXT NOT NULL DEFAULT '', version TEXT NOT NULL DEFAULT '',"
-    " latest BLOB NOT NULL DEFAULT x'', UNIQUE (account, name));"
-    "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
-    "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
-    "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
-    " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL, reason TEXT NOT "
-    "NULL,"
-    " kept_as TEXT NOT NULL);";
-
-/* Version 1 knew nothing of where the last results are: all days are read once, in the order in
- * which they arrived. Whatever ends the process meanwhile leaves the file as it was. */
-const char renewal[] = "BEGIN IMMEDIATE;"
-                       "ALTER TABLE agents ADD COLUMN address TEXT NOT NULL DEFAULT '';"
-                       "ALTER TABLE agents ADD COLUMN version TEXT NOT NULL DEFAULT '';"
-                       "ALTER TABLE agents ADD COLUMN latest BLOB NOT NULL DEFAULT x'';"
-                       "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
-                       "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);";
-
-bool fill_new_columns(sqlite3* db, std::map<int64_t, latest_results>& latest) {
-    std::vector<std::string> days;
-    if (!database_days(db, days)) {
-        return false;
+/* "-damaged-TIME.db" that no file in the directory has yet. */
+std::string name_for_damaged(const std::string& directory) {
+    std::string stamp = utc_time(wall_clock());
+    std::erase_if(stamp, [](char c) { return c == '-' || c == ':'; });
+    std::string stem = directory + damaged_stem + stamp, name = stem + ".db";
+    for (int more = 2; inode_of(name) != 0; more++) {
+        name = stem + "-" + std::to_string(more) + ".db";
     }
-    int64_t turn = 0;
-    statement insert(db, "INSERT INTO days VALUES (?, ?)");
-    for (const std::string& day : days) {
-        if (!insert.bind_text(std::string_view(day).substr(8)).bind(++turn).run()) {
-            return false;
-        }
-        statement rows(db, "SELECT id, received, agent, type, test, time, status FROM " + day +
-                               " ORDER BY id");
-        int result = SQLITE_ERROR;
-        while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
-            record_summary summary;
-            summary.type = static_cast<uint32_t>(rows.integer(3));
-            if (!rows.is_null(4)) {
-                summary.test = static_cast<int32_t>(rows.integer(4));
-            }
-            if (!rows.is_null(5)) {
-                summary.time = rows.integer(5);
-            }
-            if (!rows.is_null(6)) {
-                summary.status = static_cast<int32_t>(rows.integer(6));
-            }
-            latest[rows.integer(2)].put(summary, rows.integer(1), rows.integer(0));
-        }
-        /* Of a damaged day what can be read counts: it was no obstacle before either. */
-        if (result != SQLITE_DONE && !database_is_damaged(result)) {
-            return false;
-        }
-    }
-    return true;
+    return name;
 }
 
-bool renew_layout(sqlite3* db) {
-    std::map<int64_t, latest_results> latest;
-    bool ok = database_exec(db, renewal) && fill_new_columns(db, latest);
-    statement update(db, "UPDATE agents SET latest = ? WHERE id = ?");
-    std::string packed;
-    for (auto agent = latest.begin(); ok && agent != latest.end(); ++agent) {
-        agent->second.pack(packed);
-        ok = update.bind_blob(packed).bind(agent->first).run();
+size_t count_damaged(const std::string& directory) {
+    std::error_code failure;
+    size_t there = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(directory, failure)) {
+        std::string other = entry.path().string();
+        there += other.starts_with(directory + damaged_stem) && other.ends_with(".db");
     }
-    return ok && database_exec(db, "PRAGMA user_version = " + std::to_string(database_version) +
-                                       "; COMMIT");
-}
-
-bool make_layout(sqlite3* db) {
-    return database_exec(db, layout) &&
-           database_exec(db, "PRAGMA application_id = " + std::to_string(database_application_id) +
-                                 "; PRAGMA user_version = " + std::to_string(database_version) +
-                                 "; COMMIT");
+    return there;
 }
 
 } // namespace
@@ -201,44 +133,100 @@ bool sqlite_file::open_handle(std::string& error) {
 
 bool sqlite_file::open(std::string& error) {
     failure_ = SQLITE_CANTOPEN;
+    error.clear();
     if (!lock_is_held(error) || !open_handle(error)) {
         close();
         return false;
     }
-    database_layout found{};
-    error.clear();
-    bool ok = database_check(db_.get(), found, error);
-    bool empty = ok && found == database_layout::none;
-    if (empty) {
-        generation_++;
-        database_exec(db_.get(), "PRAGMA page_size = 8192");
-    }
-    ok = ok && database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
-         database_exec(db_.get(), settings) && make_or_renew(empty, found);
-    wal_inode_ = inode_of(path() + "-wal");
-    if (!ok) {
-        refuse(error);
-    }
-    return ok;
-}
-
-bool sqlite_file::make_or_renew(bool empty, database_layout found) {
-    if (empty && !(make_layout(db_.get()) && sync_directory(options_.directory))) {
-        return false;
-    }
-    if (found == database_layout::old && !renew_layout(db_.get())) {
+    bool empty = false;
+    if (!open_layout(empty, error)) {
+        if (db_) {
+            refuse(error);
+        }
         return false;
     }
     /* A commit whose sync failed may be read back from the log all the same, and its block would
      * count as a duplicate: what is in the log has to reach the disk before anything is answered.
      */
-    return database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)") && (!empty || carry_over());
+    bool ok = (!empty || database_exec(db_.get(), "PRAGMA page_size = 8192")) &&
+              database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
+              database_exec(db_.get(), settings) && (!empty || make(error)) &&
+              database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
+    wal_inode_ = inode_of(path() + "-wal");
+    if (!ok) {
+        refuse(error);
+        return false;
+    }
+    forget_earlier_that_is_done();
+    return true;
+}
+
+/* Whether what is there can be used. Without a file behind it, that is closed already. */
+bool sqlite_file::open_layout(bool& empty, std::string& error) {
+    database_layout found{};
+    if (!database_check(db_.get(), found, error)) {
+        return false;
+    }
+    if (found == database_layout::earlier) {
+        if (!database_exec(db_.get(), settings)) {
+            return false;
+        }
+        std::string reason;
+        if (!rename_to_earlier(options_.directory, db_, reason)) {
+            close();
+            error = reason;
+            return false;
+        }
+        generation_++;
+        if (!open_handle(error)) {
+            close();
+            return false;
+        }
+        found = database_layout::none;
+    }
+    empty = found == database_layout::none;
+    return true;
+}
+
+/* In one transaction: a file with tables and without the agents would not know their last blocks,
+ * and one without the fact would leave what an earlier version stored behind. */
+bool sqlite_file::make(std::string& error) {
+    generation_++;
+    bool from_earlier = earlier_is_there(options_.directory);
+    if (from_earlier && carried_.agents.empty()) {
+        database earlier;
+        if (!open_earlier(options_.directory, earlier, error)) {
+            return false; /* ids would be given twice */
+        }
+        carried_.read(earlier.get());
+        carried_.read_pieces_and_facts(earlier.get());
+    }
+    bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE") && database_make_tables(db_.get()) &&
+              carried_.write(db_.get()) &&
+              (from_earlier ? database_set_fact(db_.get(), "earlier", 1)
+                            : database_set_fact(db_.get(), "keep_days", options_.keep_days)) &&
+              database_exec(db_.get(), "COMMIT") && sync_directory(options_.directory);
+    if (ok) {
+        carried_ = {};
+    }
+    return ok;
+}
+
+/* Its end was not waited for. */
+void sqlite_file::forget_earlier_that_is_done() {
+    if (database_fact(db_.get(), "earlier") == 0 && remove_earlier(options_.directory)) {
+        database_exec(db_.get(), "DELETE FROM facts WHERE name = 'earlier'");
+    }
 }
 
 void sqlite_file::refuse(std::string& error) {
     failure_ = sqlite3_errcode(db_.get());
     error = path() + ": " + (error.empty() ? sqlite3_errmsg(db_.get()) : error);
     close();
+}
+
+std::string sqlite_file::path() const {
+    return database_path(options_.directory);
 }
 
 bool sqlite_file::was_replaced() const {
@@ -252,8 +240,9 @@ bool sqlite_file::was_replaced() const {
 void sqlite_file::leave() {
     bool removed = inode_of(path()) == 0;
     if (removed) {
-        carried_ = read_agents(db_.get());
-        for (carried_agent& agent : carried_) {
+        carried_ = {};
+        carried_.read(db_.get());
+        for (carried_rows::agent& agent : carried_.agents) {
             agent.last_block.clear();
         }
     }
@@ -276,14 +265,7 @@ void sqlite_file::leave() {
 
 /* The log goes first: beside another database it would do harm. */
 bool sqlite_file::set_aside(std::string& error) {
-    std::string stem = options_.directory + "/results-damaged-";
-    std::error_code failure;
-    size_t there = 0;
-    for (const fs::directory_entry& entry : fs::directory_iterator(options_.directory, failure)) {
-        std::string other = entry.path().string();
-        there += other.starts_with(stem) && other.ends_with(".db");
-    }
-    if (there >= max_set_aside) {
+    if (size_t there = count_damaged(options_.directory); there >= max_set_aside) {
         error += "; " + std::to_string(there) + " damaged files were set aside in " +
                  options_.directory + " already, there may be a fault of the disk: move them away";
         return false;
@@ -292,22 +274,18 @@ bool sqlite_file::set_aside(std::string& error) {
         database damaged;
         std::string reason;
         database_open_reading(options_.directory, damaged, reason);
-        std::vector<carried_agent> found = read_agents(damaged.get());
-        if (!found.empty()) {
+        carried_rows found;
+        found.read(damaged.get());
+        if (!found.agents.empty()) {
             carried_ = std::move(found);
         }
-        for (carried_agent& agent : carried_) {
+        for (carried_rows::agent& agent : carried_.agents) {
             if (agent.last_block.size() > hash_bytes) { /* the rest alone is of no use there */
                 agent.last_block.clear();
             }
         }
     }
-    std::string stamp = utc_time(wall_clock());
-    std::erase_if(stamp, [](char c) { return c == '-' || c == ':'; });
-    std::string name = stem + stamp + ".db";
-    for (int more = 2; inode_of(name) != 0; more++) {
-        name = stem + stamp + "-" + std::to_string(more) + ".db";
-    }
+    std::string name = name_for_damaged(options_.directory);
     for (const char* end : {"-wal", "-shm", ""}) {
         if (rename((path() + end).c_str(), (name + end).c_str()) != 0 && errno != ENOENT) {
             error += "; " + system_error("it cannot be set aside as " + name + end);
@@ -316,26 +294,19 @@ bool sqlite_file::set_aside(std::string& error) {
     }
     sync_directory(options_.directory);
     options_.tell(path() + " is damaged (" + error + "): it is kept as " + name +
-                  ", and a new one is begun; " + std::to_string(carried_.size()) +
+                  ", and a new one is begun; " + std::to_string(carried_.agents.size()) +
                   " agents could be read from it");
     return true;
 }
 
-/* Into a new file, what is known of the agents from the one before. */
-bool sqlite_file::carry_over() {
-    statement insert(db_.get(),
-                     "INSERT OR IGNORE INTO agents (id, first_seen, last_seen, account, name, "
-                     "last_block, address, version) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
-    bool ok = database_exec(db_.get(), "BEGIN IMMEDIATE") && insert.ok();
-    for (auto a = carried_.begin(); ok && a != carried_.end(); ++a) {
-        insert.bind(a->id).bind(a->first_seen).bind(a->last_seen).bind_text(a->account);
-        insert.bind_text(a->name).bind_blob(a->last_block).bind_text(a->address);
-        ok = insert.bind_text(a->version).run();
+void sqlite_file::keep_damaged_earlier(const std::string& reason) {
+    std::string path = earlier_path(options_.directory);
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0 || status.st_nlink > 1) {
+        return; /* it has its second name already */
     }
-    ok = ok && database_set_fact(db_.get(), "keep_days", options_.keep_days) &&
-         database_exec(db_.get(), "COMMIT");
-    if (ok) {
-        carried_ = {};
-    }
-    return ok;
+    std::string name = name_for_damaged(options_.directory);
+    bool kept = link(path.c_str(), name.c_str()) == 0 && sync_directory(options_.directory);
+    options_.tell(path + " is damaged (" + reason + "): what can be read is taken over, and " +
+                  (kept ? "it is kept as " + name : "it cannot be kept: " + system_error(name)));
 }

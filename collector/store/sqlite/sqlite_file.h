@@ -1,6 +1,6 @@
-/* The writer's file, results.db, and what becomes of it: made, opened and its layout renewed, left
- * when somebody removes or replaces it, set aside when it is damaged. What is known of the agents
- * goes into the file that follows.
+/* The writer's file, results.db, and what becomes of it: made and opened, renamed when an earlier
+ * version made it (earlier.h), left when somebody removes or replaces it, set aside when it is
+ * damaged. What is known of the agents goes into the file that follows.
  *
  * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
  * the collector that uses the directory) and results-damaged-*.db, what results.db was before it
@@ -14,18 +14,11 @@
 
 #include "base/files.h"
 #include "store/engine.h"
+#include "store/sqlite/carried.h"
 #include "store/sqlite/database.h"
 
-#include <cstdint>
 #include <string>
 #include <sys/types.h>
-#include <vector>
-
-/* An agent's row without what hangs on the results, for a new file. */
-struct carried_agent {
-    int64_t id, first_seen, last_seen;
-    std::string account, name, last_block, address, version;
-};
 
 /* One thread. Statements have to be gone before the file is closed, left or set aside. */
 class sqlite_file {
@@ -40,6 +33,7 @@ public:
     void close() { db_.reset(); }
     bool is_open() const { return db_ != nullptr; }
     sqlite3* handle() const { return db_.get(); }
+    std::string path() const;
 
     /* Of the last open() or refuse() that failed; a result code of SQLite. */
     int failure() const { return failure_; }
@@ -55,15 +49,19 @@ public:
      * and why is added to `error`; the file then stays in its place. */
     bool set_aside(std::string& error);
 
+    /* The second name of an earlier version's file, which turned out to be damaged: it stays when
+     * the first is removed. */
+    void keep_damaged_earlier(const std::string& reason);
+
     /* Grows whenever another file takes the place. */
     unsigned generation() const { return generation_; }
 
 private:
     bool lock_is_held(std::string& error);
     bool open_handle(std::string& error);
-    bool make_or_renew(bool empty, database_layout found);
-    bool carry_over();
-    std::string path() const { return database_path(options_.directory); }
+    bool open_layout(bool& empty, std::string& error);
+    bool make(std::string& error);
+    void forget_earlier_that_is_done();
 
     const engine_options options_;
     unique_fd lock_;
@@ -72,7 +70,7 @@ private:
     ino_t inode_ = 0, wal_inode_ = 0;
     unsigned generation_ = 0;
     int failure_ = SQLITE_OK;
-    std::vector<carried_agent> carried_; /* of a file that is gone, for the one that follows */
+    carried_rows carried_; /* of a file that is gone, for the one that follows */
 };
 
 #endif

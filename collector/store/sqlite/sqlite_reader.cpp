@@ -1,160 +1,321 @@
-/* Reading for everybody but the writer: a connection of its own, and a transaction that shows one
- * state of the file. */
-#include "base/text.h"
-#include "store/engine.h"
-#include "store/sqlite/database.h"
-#include "store/sqlite/latest.h"
+#include "store/sqlite/sqlite_reader.h"
+
+#include "store/sqlite/layout.h"
 
 #include <algorithm>
-#include <tuple>
+#include <limits>
 
 namespace {
 
-constexpr size_t looked_up_at_once = 100000; /* results, or one agent's */
+const char agent_columns[] =
+    "SELECT id, account, name, address, version, first_seen, last_seen, state FROM agents";
 
-/* A result to look up: the day of its table, its id there, and whose it is. */
-struct wanted_row {
-    std::string day;
-    int64_t row;
-    size_t agent;
-};
+known_agent agent_of(const statement& row) {
+    return {.id = row.integer(0),
+            .account = row.bytes(1),
+            .agent = row.bytes(2),
+            .address = row.bytes(3),
+            .version = row.bytes(4),
+            .first_seen = row.integer(5),
+            .last_seen = row.integer(6),
+            .state = row.bytes(7)};
+}
 
-struct agent_name {
-    int64_t id;
-    std::string account, name;
-};
+} // namespace
 
-class sqlite_reader final : public result_reader {
-public:
-    bool open(const std::string& directory, std::string& error) {
-        place_ = database_path(directory);
-        return database_open_reading(directory, db_, error);
-    }
-    std::string place() const override { return place_; }
+bool sqlite_reader::open(const std::string& directory, std::string& error) {
+    place_ = database_path(directory);
+    bool ok = database_open_reading(directory, own_, error);
+    db_ = own_.get();
+    return ok;
+}
 
-    bool for_each_agent(const std::function<void(const known_agent&)>& each,
-                        std::string& error) override {
-        statement rows(db_.get(), "SELECT account, name, address, version, first_seen, last_seen "
-                                  "FROM agents ORDER BY id");
-        return for_each(
-            rows, [&] { each(agent_of(rows)); }, error);
-    }
+void sqlite_reader::use(sqlite3* db, const std::string& place) {
+    statements_.clear();
+    db_ = db;
+    place_ = place;
+}
 
-    bool for_each_latest(const std::function<void(const latest_result&)>& each,
-                         std::string& error) override;
-
-    bool for_each_tested(
-        const std::function<void(const known_agent&, std::span<const latest_entry>)>& each,
-        std::string& error) override {
-        statement rows(db_.get(), "SELECT account, name, address, version, first_seen, last_seen, "
-                                  "latest FROM agents ORDER BY account, name");
-        latest_results latest;
-        auto each_row = [&] {
-            latest.unpack(rows.bytes(6));
-            each(agent_of(rows), latest.entries());
-        };
-        return for_each(rows, each_row, error);
-    }
-
-private:
-    static known_agent agent_of(const statement& row) {
-        return {.account = row.bytes(0),
-                .agent = row.bytes(1),
-                .address = row.bytes(2),
-                .version = row.bytes(3),
-                .first_seen = row.integer(4),
-                .last_seen = row.integer(5)};
-    }
-
-    template <typename Do>
-    bool for_each(statement& rows, Do each, std::string& error) {
-        int result = SQLITE_ERROR;
-        while (rows.ok() && (result = rows.step()) == SQLITE_ROW) {
-            each();
-        }
-        error = result == SQLITE_DONE ? "" : sqlite3_errmsg(db_.get());
-        return result == SQLITE_DONE;
-    }
-
-    bool look_up(const std::vector<agent_name>& agents, std::vector<wanted_row>& wanted,
-                 const std::vector<std::string>& days,
-                 const std::function<void(const latest_result&)>& each, std::string& error);
-
-    std::string place_;
-    database db_;
-};
-
-/* The last results of some agents, in the order in which the tables have them. A row that is gone
- * with its day is passed over, and so is one that is damaged, which is an error in the end: then
- * `error` says so, and true is returned all the same. */
-bool sqlite_reader::look_up(const std::vector<agent_name>& agents, std::vector<wanted_row>& wanted,
-                            const std::vector<std::string>& days,
-                            const std::function<void(const latest_result&)>& each,
-                            std::string& error) {
-    std::sort(wanted.begin(), wanted.end(), [](const wanted_row& a, const wanted_row& b) {
-        return std::tie(a.day, a.row) < std::tie(b.day, b.row);
-    });
-    statement select;
-    bool ok = true;
-    for (size_t i = 0; ok && i < wanted.size(); i++) {
-        const wanted_row& w = wanted[i];
-        std::string table = "results_" + w.day;
-        if (!std::binary_search(days.begin(), days.end(), table)) {
-            continue;
-        }
-        if (i == 0 || wanted[i - 1].day != w.day) {
-            select = statement(db_.get(), "SELECT received, record FROM " + table +
-                                              " WHERE id = ? AND agent = ?");
-        }
-        select.bind(w.row).bind(agents[w.agent].id);
-        int result = select.step();
-        if (result == SQLITE_ROW) {
-            each({.account = agents[w.agent].account,
-                  .agent = agents[w.agent].name,
-                  .received = select.integer(0),
-                  .record = select.bytes(1)});
-        }
-        if (database_is_damaged(result)) {
-            error = sqlite3_errmsg(db_.get());
-        }
-        select.reset();
-        ok = result == SQLITE_ROW || result == SQLITE_DONE || database_is_damaged(result);
+bool sqlite_reader::note(int result, std::string& error) {
+    bool ok = result == SQLITE_ROW || result == SQLITE_DONE;
+    if (!ok && error.empty()) {
+        error = db_ != nullptr ? sqlite3_errmsg(db_) : "it is not open";
     }
     return ok;
 }
 
-/* Some agents at a time: all of a large fleet's would take much memory. */
-bool sqlite_reader::for_each_latest(const std::function<void(const latest_result&)>& each,
-                                    std::string& error) {
-    error.clear();
-    std::vector<agent_name> agents;
-    std::vector<wanted_row> wanted;
-    std::vector<std::string> days;
-    latest_results latest;
-    bool ok = database_days(db_.get(), days);
-    statement query(db_.get(), "SELECT id, account, name, latest FROM agents ORDER BY id");
-    int result = SQLITE_ERROR;
-    while (ok && query.ok() && (result = query.step()) == SQLITE_ROW) {
-        latest.unpack(query.bytes(3));
-        for (const latest_entry& e : latest.entries()) {
-            wanted.push_back({utc_day(e.received), e.row, agents.size()});
-        }
-        agents.push_back(
-            {query.integer(0), std::string(query.bytes(1)), std::string(query.bytes(2))});
-        if (wanted.size() >= looked_up_at_once) {
-            ok = look_up(agents, wanted, days, each, error);
-            agents.clear();
-            wanted.clear();
+/* Calls `each` for every row until it returns false. Returns whether more may be read. */
+template <typename Do>
+bool sqlite_reader::each_row(statement& rows, Do each, std::string& error) {
+    int result;
+    while ((result = rows.step()) == SQLITE_ROW) {
+        if (!each()) {
+            return false;
         }
     }
-    ok = ok && result == SQLITE_DONE && look_up(agents, wanted, days, each, error);
-    if (!ok) {
-        error = sqlite3_errmsg(db_.get());
+    return note(result, error) || database_is_damaged(result);
+}
+
+/* ---- agents and tests ---- */
+
+/* The index tells the order and the ids; so a row that is damaged hides no other. */
+bool sqlite_reader::for_each_agent(const std::function<void(const known_agent&)>& each,
+                                   std::string& error) {
+    error.clear();
+    auto ids = take("SELECT id FROM agents ORDER BY account, name");
+    auto agent = take(std::string(agent_columns) + " WHERE id = ?");
+    auto each_id = [&] {
+        agent->reset();
+        int result = agent->bind(ids->integer(0)).step();
+        if (result == SQLITE_ROW) {
+            each(agent_of(*agent));
+        }
+        return note(result, error) || database_is_damaged(result);
+    };
+    each_row(*ids, each_id, error);
+    return error.empty();
+}
+
+bool sqlite_reader::read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
+                               std::string& error) {
+    error.clear();
+    auto row = take(std::string(agent_columns) + " WHERE id = ?");
+    row->bind(id);
+    each_row(
+        *row, [&] { return each(agent_of(*row)), true; }, error);
+    return error.empty();
+}
+
+bool sqlite_reader::read_agent(std::string_view account, std::string_view agent,
+                               const std::function<void(const known_agent&)>& each,
+                               std::string& error) {
+    error.clear();
+    auto row = take(std::string(agent_columns) + " WHERE account = ? AND name = ?");
+    row->bind_text(account).bind_text(agent);
+    each_row(
+        *row, [&] { return each(agent_of(*row)), true; }, error);
+    return error.empty();
+}
+
+std::optional<known_test_row> sqlite_reader::find_test(int64_t id) {
+    auto row = take("SELECT agent, type, number FROM tests WHERE id = ?");
+    if (!row->bind(id).row()) {
+        return std::nullopt;
+    }
+    known_test_row found{.id = id,
+                         .agent = row->integer(0),
+                         .type = static_cast<uint32_t>(row->integer(1)),
+                         .number = {}};
+    if (!row->is_null(2)) {
+        found.number = static_cast<int32_t>(row->integer(2));
+    }
+    return found;
+}
+
+/* ---- results ---- */
+
+bool sqlite_reader::for_each_block(int64_t row, const std::function<bool(const open_block&)>& each,
+                                   std::string& error) {
+    error.clear();
+    auto block = take("SELECT received, before, records FROM blocks WHERE id = ?");
+    while (row > 0) {
+        block->reset();
+        int result = block->bind(row).step();
+        if (result != SQLITE_ROW) {
+            note(result, error);
+            break;
+        }
+        open_block found{.row = row,
+                         .received = block->integer(0),
+                         .before = block->integer(1),
+                         .records = block->bytes(2)};
+        if (found.before >= row) {
+            error = "a block that follows itself";
+            break;
+        }
+        row = found.before;
+        if (!each(found)) {
+            break;
+        }
     }
     return error.empty();
 }
 
-} // namespace
+/* Of one day; `more` is whether any other is wanted. False when nothing else can be read. */
+bool sqlite_reader::chunks_of(const std::string& table, int64_t test, int64_t from,
+                              const std::function<bool(const packed_chunk&)>& wanted,
+                              const std::function<bool(const packed_chunk&)>& each, bool& more,
+                              std::string& error) {
+    auto rows = take("SELECT id, received_first, received_last, first, last, results FROM " +
+                     table + " WHERE id >= ? AND id < ? ORDER BY id DESC");
+    auto data = take("SELECT data FROM " + table + " WHERE id = ?");
+    rows->bind(chunk_key(test, 0)).bind(chunk_key(test + 1, 0));
+    auto each_chunk = [&] {
+        int64_t id = rows->integer(0);
+        packed_chunk chunk{.received_first =
+                               rows->is_null(1) ? id - chunk_key(test, 0) : rows->integer(1),
+                           .received_last = rows->integer(2),
+                           .first = rows->integer(3),
+                           .last = rows->integer(4),
+                           .results = static_cast<uint32_t>(rows->integer(5)),
+                           .data = {}};
+        if (chunk.received_last < from || !wanted(chunk)) {
+            return true;
+        }
+        data->reset();
+        int result = data->bind(id).step();
+        if (result == SQLITE_ROW) {
+            chunk.data = data->bytes(0);
+            more = each(chunk);
+            return more;
+        }
+        return note(result, error) || database_is_damaged(result);
+    };
+    return each_row(*rows, each_chunk, error);
+}
+
+bool sqlite_reader::for_each_chunk(int64_t test, int64_t from,
+                                   const std::function<bool(const packed_chunk&)>& wanted,
+                                   const std::function<bool(const packed_chunk&)>& each,
+                                   std::string& error) {
+    error.clear();
+    std::vector<std::string> tables;
+    if (!database_tables(db_, packed_prefix, 8, tables)) {
+        note(SQLITE_ERROR, error);
+        return false;
+    }
+    const std::string first = packed_table(from);
+    bool more = test >= 0 && test <= max_test;
+    for (auto table = tables.rbegin(); more && table != tables.rend() && *table >= first; ++table) {
+        more = chunks_of(*table, test, from, wanted, each, more, error) && more;
+    }
+    return error.empty();
+}
+
+bool sqlite_reader::for_each_roll_up(resolution r, int64_t test, int64_t from, int64_t to,
+                                     const std::function<void(int64_t, std::string_view)>& each,
+                                     std::string& error) {
+    error.clear();
+    from = std::clamp<int64_t>(from, 0, days_end);
+    to = std::clamp<int64_t>(to, 0, days_end);
+    if (from >= to || test < 0 || test > max_test) {
+        return true;
+    }
+    std::vector<std::string> tables;
+    if (!database_tables(db_, roll_up_prefix(r), 6, tables)) {
+        note(SQLITE_ERROR, error);
+        return false;
+    }
+    auto table = std::lower_bound(tables.begin(), tables.end(), roll_up_table(r, from));
+    const std::string last = roll_up_table(r, to - 1);
+    for (bool more = true; more && table != tables.end() && *table <= last; ++table) {
+        auto rows =
+            take("SELECT id, data FROM " + *table + " WHERE id >= ? AND id < ? ORDER BY id");
+        rows->bind(roll_up_key(test, from)).bind(roll_up_key(test, to - 1) + 1);
+        more = each_row(
+            *rows, [&] { return each(rows->integer(0) & (days_end - 1), rows->bytes(1)), true; },
+            error);
+    }
+    return error.empty();
+}
+
+/* ---- what else there is ---- */
+
+bool sqlite_reader::for_each_event(const event_filter& which,
+                                   const std::function<bool(const stored_event&)>& each,
+                                   std::string& error) {
+    error.clear();
+    if (which.from >= which.to) {
+        return true;
+    }
+    std::string sql = "SELECT id, time, agent, test, from_state, to_state, message FROM events "
+                      "WHERE ";
+    sql += which.test != 0    ? "test = ?1 AND "
+           : which.agent != 0 ? "agent = ?1 AND "
+                              : "?1 = 0 AND ";
+    sql += "time >= ?2 AND time < ?3 AND (time < ?4 OR id < ?5) ORDER BY time DESC, id DESC";
+    auto rows = take(sql);
+    rows->bind(which.test != 0 ? which.test : which.agent);
+    rows->bind(which.from).bind(which.to).bind(which.to - 1).bind(which.below);
+    auto each_event = [&] {
+        stored_event event{.id = rows->integer(0),
+                           .time = rows->integer(1),
+                           .agent = rows->integer(2),
+                           .test = rows->integer(3),
+                           .from = static_cast<uint8_t>(rows->integer(4)),
+                           .to = static_cast<uint8_t>(rows->integer(5)),
+                           .message = rows->bytes(6)};
+        return each(event);
+    };
+    each_row(*rows, each_event, error);
+    return error.empty();
+}
+
+bool sqlite_reader::for_each_ledger_row(int64_t agent, int64_t from, int64_t to,
+                                        const std::function<bool(const ledger_row&)>& each,
+                                        std::string& error) {
+    error.clear();
+    auto rows = take(
+        agent != 0
+            ? "SELECT agent, hour, received, repeated, missing FROM ledger WHERE agent = ?3 AND "
+              "hour >= ?1 AND hour < ?2 ORDER BY hour"
+            : "SELECT agent, hour, received, repeated, missing FROM ledger WHERE hour >= ?1 AND "
+              "hour < ?2 AND ?3 = 0 ORDER BY hour, agent");
+    rows->bind(from).bind(to).bind(agent);
+    auto each_hour = [&] {
+        ledger_row row{.agent = rows->integer(0),
+                       .hour = rows->integer(1),
+                       .received = static_cast<uint64_t>(rows->integer(2)),
+                       .repeated = static_cast<uint64_t>(rows->integer(3)),
+                       .missing = static_cast<uint64_t>(rows->integer(4))};
+        return each(row);
+    };
+    each_row(*rows, each_hour, error);
+    return error.empty();
+}
+
+bool sqlite_reader::read_inventory(int64_t agent, uint32_t type, int64_t time,
+                                   const std::function<void(const stored_inventory&)>& each,
+                                   std::string& error) {
+    error.clear();
+    auto row = take("SELECT id, received, time, record FROM inventories WHERE agent = ? AND "
+                    "type = ? AND time <= ? ORDER BY time DESC, id DESC LIMIT 1");
+    row->bind(agent).bind(int64_t{type}).bind(time);
+    auto found = [&] {
+        each({.row = row->integer(0),
+              .agent = agent,
+              .type = type,
+              .received = row->integer(1),
+              .time = row->integer(2),
+              .record = row->bytes(3)});
+        return true;
+    };
+    each_row(*row, found, error);
+    return error.empty();
+}
+
+bool sqlite_reader::for_each_definition(uint32_t type, int32_t number,
+                                        const std::function<void(const test_definition&)>& each,
+                                        std::string& error) {
+    error.clear();
+    std::string sql = "SELECT type, number, location, since, name, text FROM definitions ";
+    sql += number != 0 ? "WHERE type = ?1 AND number = ?2 ORDER BY id"
+           : type != 0 ? "WHERE type = ?1 AND ?2 = 0 ORDER BY number, id"
+                       : "WHERE ?1 = ?2 ORDER BY type, number, id";
+    auto rows = take(sql);
+    rows->bind(int64_t{type}).bind(int64_t{number});
+    auto each_definition = [&] {
+        each({.type = static_cast<uint32_t>(rows->integer(0)),
+              .number = static_cast<int32_t>(rows->integer(1)),
+              .location = static_cast<int32_t>(rows->integer(2)),
+              .since = rows->integer(3),
+              .name = rows->bytes(4),
+              .text = rows->bytes(5)});
+        return true;
+    };
+    each_row(*rows, each_definition, error);
+    return error.empty();
+}
 
 std::unique_ptr<result_reader> open_reader(const std::string& directory, std::string& error) {
     auto reader = std::make_unique<sqlite_reader>();

@@ -1,0 +1,169 @@
+#include "store/sqlite/earlier.h"
+
+#include "base/files.h"
+#include "store/sqlite/layout.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/* A position is the number of the day, from 1, and the row's id. */
+constexpr int id_bits = 40;
+
+class earlier_file final : public earlier_results {
+public:
+    explicit earlier_file(const std::function<void(const std::string&)>& damaged)
+        : damaged_(damaged) {}
+
+    bool open(const std::string& directory, std::string& error) {
+        place_ = earlier_path(directory);
+        return open_earlier(directory, db_, error) && read_days(error);
+    }
+    std::string place() const override { return place_; }
+    int64_t count() override;
+    bool for_each_record(int64_t position, const std::function<bool(const earlier_record&)>& each,
+                         std::string& error) override;
+
+private:
+    bool read_days(std::string& error);
+    void note_damage(std::string& error);
+
+    std::string place_;
+    database db_;
+    std::vector<std::string> tables_; /* in the order of arrival */
+    std::function<void(const std::string&)> damaged_;
+};
+
+/* Days that the first version made have no turn. */
+bool earlier_file::read_days(std::string& error) {
+    bool ok = database_tables(db_.get(), results_prefix, 8, tables_);
+    std::vector<std::string> by_turn;
+    statement rows(db_.get(), "SELECT 'results_' || day FROM days ORDER BY turn");
+    while (rows.row()) {
+        std::string table(rows.bytes(0));
+        if (auto found = std::find(tables_.begin(), tables_.end(), table); found != tables_.end()) {
+            tables_.erase(found);
+            by_turn.push_back(table);
+        }
+    }
+    tables_.insert(tables_.end(), by_turn.begin(), by_turn.end());
+    error = ok ? "" : place_ + ": " + sqlite3_errmsg(db_.get());
+    return ok;
+}
+
+/* Rows of a day are numbered from 1 without gaps. */
+int64_t earlier_file::count() {
+    int64_t all = 0;
+    for (const std::string& table : tables_) {
+        statement last(db_.get(), "SELECT max(id) FROM " + table);
+        all += last.row() ? last.integer(0) : 0;
+    }
+    return all;
+}
+
+bool earlier_file::for_each_record(int64_t position,
+                                   const std::function<bool(const earlier_record&)>& each,
+                                   std::string& error) {
+    error.clear();
+    bool go_on = true;
+    auto number = std::max<int64_t>(position >> id_bits, 1);
+    int64_t after = position & ((int64_t{1} << id_bits) - 1);
+    for (; go_on && number <= static_cast<int64_t>(tables_.size()); number++, after = 0) {
+        statement rows(db_.get(), "SELECT id, agent, received, record FROM " +
+                                      tables_[static_cast<size_t>(number - 1)] +
+                                      " WHERE id > ? ORDER BY id");
+        rows.bind(after);
+        int result = SQLITE_ROW;
+        while (go_on && (result = rows.step()) == SQLITE_ROW) {
+            go_on = each({.position = number << id_bits | rows.integer(0),
+                          .agent = rows.integer(1),
+                          .received = rows.integer(2),
+                          .record = rows.bytes(3)});
+        }
+        if (go_on && result != SQLITE_DONE) {
+            note_damage(error);
+            go_on = database_is_damaged(result); /* a disk that cannot be read may be tried again */
+        }
+    }
+    return error.empty();
+}
+
+void earlier_file::note_damage(std::string& error) {
+    std::string reason = sqlite3_errmsg(db_.get());
+    error = place_ + ": " + reason;
+    if (database_is_damaged(sqlite3_errcode(db_.get())) && damaged_) {
+        std::exchange(damaged_, nullptr)(reason);
+    }
+}
+
+} // namespace
+
+std::string earlier_path(const std::string& directory) {
+    return directory + "/results-earlier.db";
+}
+
+bool earlier_is_there(const std::string& directory) {
+    struct stat status;
+    return stat(earlier_path(directory).c_str(), &status) == 0;
+}
+
+/* Out of WAL mode the file is whole without others beside it. That needs the file for itself. */
+bool rename_to_earlier(const std::string& directory, database& db, std::string& error) {
+    std::string from = database_path(directory), to = earlier_path(directory);
+    if (earlier_is_there(directory)) {
+        error = from + " was written by an earlier version, and so was " + to +
+                ", which is not taken over yet: move one of them away";
+        return false;
+    }
+    {
+        statement leave_wal(db.get(), "PRAGMA journal_mode = DELETE");
+        if (!leave_wal.row() || leave_wal.bytes(0) != "delete") {
+            error = from + ": " + sqlite3_errmsg(db.get());
+            return false;
+        }
+    }
+    db.reset();
+    if (rename(from.c_str(), to.c_str()) != 0 || !sync_directory(directory)) {
+        error = system_error(from + " cannot be renamed to " + to);
+        return false;
+    }
+    return true;
+}
+
+bool open_earlier(const std::string& directory, database& db, std::string& error) {
+    std::string path = earlier_path(directory);
+    sqlite3* handle = nullptr;
+    int result =
+        sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    db.reset(handle);
+    database_layout layout{};
+    if (result != SQLITE_OK) {
+        error = sqlite3_errstr(result);
+    } else if (database_check(handle, layout, error) && layout != database_layout::earlier) {
+        error = "its layout is not that of an earlier version";
+    }
+    if (error.empty()) {
+        sqlite3_extended_result_codes(handle, 1);
+        sqlite3_busy_timeout(handle, 2000);
+        return true;
+    }
+    error = path + ": " + error;
+    return false;
+}
+
+std::unique_ptr<earlier_results>
+read_earlier(const std::string& directory,
+             const std::function<void(const std::string& reason)>& damaged, std::string& error) {
+    error.clear();
+    auto file = std::make_unique<earlier_file>(damaged);
+    return file->open(directory, error) ? std::move(file) : nullptr;
+}
+
+bool remove_earlier(const std::string& directory) {
+    return (unlink(earlier_path(directory).c_str()) == 0 || errno == ENOENT) &&
+           sync_directory(directory);
+}

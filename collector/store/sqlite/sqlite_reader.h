@@ -1,0 +1,69 @@
+/* Reading from a connection: one of its own for everybody but the writer, with a transaction that
+ * shows one state of the file; or the writer's. */
+#ifndef VINDRAL_COLLECTOR_SQLITE_READER_H
+#define VINDRAL_COLLECTOR_SQLITE_READER_H
+
+#include "store/engine.h"
+#include "store/sqlite/database.h"
+
+#include <string>
+#include <string_view>
+
+class sqlite_reader final : public result_reader {
+public:
+    sqlite_reader() = default;
+    /* A connection of its own. */
+    bool open(const std::string& directory, std::string& error);
+    /* Somebody else's; null before that is closed. */
+    void use(sqlite3* db, const std::string& place);
+
+    std::string place() const override { return place_; }
+    bool for_each_agent(const std::function<void(const known_agent&)>& each,
+                        std::string& error) override;
+    bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
+                    std::string& error) override;
+    bool read_agent(std::string_view account, std::string_view agent,
+                    const std::function<void(const known_agent&)>& each,
+                    std::string& error) override;
+    std::optional<known_test_row> find_test(int64_t id) override;
+    bool for_each_block(int64_t row, const std::function<bool(const open_block&)>& each,
+                        std::string& error) override;
+    bool for_each_chunk(int64_t test, int64_t from,
+                        const std::function<bool(const packed_chunk&)>& wanted,
+                        const std::function<bool(const packed_chunk&)>& each,
+                        std::string& error) override;
+    bool for_each_roll_up(resolution r, int64_t test, int64_t from, int64_t to,
+                          const std::function<void(int64_t day, std::string_view)>& each,
+                          std::string& error) override;
+    bool for_each_event(const event_filter& which,
+                        const std::function<bool(const stored_event&)>& each,
+                        std::string& error) override;
+    bool for_each_ledger_row(int64_t agent, int64_t from, int64_t to,
+                             const std::function<bool(const ledger_row&)>& each,
+                             std::string& error) override;
+    bool read_inventory(int64_t agent, uint32_t type, int64_t time,
+                        const std::function<void(const stored_inventory&)>& each,
+                        std::string& error) override;
+    bool for_each_definition(uint32_t type, int32_t number,
+                             const std::function<void(const test_definition&)>& each,
+                             std::string& error) override;
+    std::optional<int64_t> read_fact(const char* name) override { return database_fact(db_, name); }
+
+private:
+    statement_cache::taken take(std::string_view sql) { return statements_.take(db_, sql); }
+    /* Notes what a step said; false when it is an error. */
+    bool note(int result, std::string& error);
+    template <typename Do>
+    bool each_row(statement& rows, Do each, std::string& error);
+    bool chunks_of(const std::string& table, int64_t test, int64_t from,
+                   const std::function<bool(const packed_chunk&)>& wanted,
+                   const std::function<bool(const packed_chunk&)>& each, bool& more,
+                   std::string& error);
+
+    std::string place_;
+    database own_;
+    sqlite3* db_ = nullptr;
+    statement_cache statements_; /* gone before own_ is closed */
+};
+
+#endif

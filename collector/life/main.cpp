@@ -6,7 +6,9 @@
 #include "life/announce.h"
 #include "life/options.h"
 #include "life/signals.h"
+#include "life/store_commands.h"
 #include "plan/commands_for_agents.h"
+#include "plan/definitions.h"
 #include "show/output.h"
 #include "show/report.h"
 
@@ -98,8 +100,13 @@ static known_tests read_known_tests(const std::string& directory, result_output&
     known_tests earlier;
     std::string error;
     std::unique_ptr<result_reader> stored = open_stored(directory, output);
-    if (stored && !stored->for_each_latest(
-                      [&](const latest_result& latest) { earlier.add(latest); }, error)) {
+    agent_state state;
+    auto add = [&](const known_agent& a) {
+        if (state.unpack(a.state)) {
+            earlier.add(a.account, a.agent, state);
+        }
+    };
+    if (stored && !stored->for_each_agent(add, error)) {
         output.on_problem("what is stored cannot be read: " + error);
     }
     return earlier;
@@ -115,7 +122,13 @@ static int run_server(const options& o) {
                               : o.problems ? output_kind::problems
                                            : choose_output(STDOUT_FILENO, o.json);
     std::unique_ptr<result_output> output = make_output(shown);
-    ingest_options keeping{.directory = o.state_dir, .keep_days = o.keep_days};
+    ingest_options keeping;
+    keeping.directory = o.state_dir;
+    keeping.keep_days = o.keep_days;
+    keeping.keep_5min_days = o.keep_5min_days;
+    keeping.keep_hour_days = o.keep_hour_days;
+    keeping.keep_event_days = o.keep_event_days;
+    keeping.keep_ledger_days = o.keep_ledger_days;
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     std::unique_ptr<ingest> results = ingest::open(keeping, output.get(), error);
     if (!results) {
@@ -143,7 +156,11 @@ static int run_server(const options& o) {
         [&](const plan_problem& problem) {
             listening ? log(describe(problem)) : early.push_back(describe(problem));
         },
-        [&](const std::vector<plan_line>& taken) { output->on_plan(taken); });
+        [&](const std::vector<plan_line>& taken) {
+            plan_summary summary = summary_of(taken);
+            output->on_plan(summary);
+            results->follow(std::move(summary), definitions_of(taken));
+        });
     if (!lines.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
@@ -187,5 +204,15 @@ int main(int argc, char** argv) {
         break;
     }
     ignore_broken_pipes();
+    switch (o.does) {
+    case task::back_up:
+        return run_backup(o);
+    case task::restore:
+        return run_restore(o);
+    case task::check:
+        return run_check(o);
+    case task::collect:
+        break;
+    }
     return o.missing ? run_missing(o) : run_server(o);
 }

@@ -13,6 +13,28 @@ namespace {
 
 struct row;
 
+/* The commands, and which of their words a command line has. */
+struct command_row {
+    task does;
+    const char* name;
+    bool has_file;
+    const char* usage;
+    const char* help;
+};
+
+const command_row commands[] = {
+    {task::back_up, "backup", true, "backup FILE",
+     "copy all that is stored into FILE, which must not\n"
+     "exist; the collector may run"},
+    {task::restore, "restore", true, "restore FILE [--replace]",
+     "put such a copy into the state directory, while no\n"
+     "collector runs; with --replace also where something\n"
+     "is stored, which is kept beside it"},
+    {task::check, "check", false, "check",
+     "look at all that is stored, and name what is damaged;\n"
+     "status 1 when anything is"},
+};
+
 /* Takes the value of an option, or says in `text` what is wrong with it. */
 using setter = options_result (*)(const row& of, const char* value, options& out,
                                   std::string& text);
@@ -24,7 +46,14 @@ struct row {
     const char* help; /* "{}" stands for the default; null: the row before speaks for both */
     const char* standard = nullptr; /* the default, as it would be given */
     uint64_t low = 0, high = 0;     /* of a number */
+    unsigned with = 1;              /* what it goes with: bits by task */
 };
+
+constexpr unsigned bit_of(task t) {
+    return 1u << static_cast<unsigned>(t);
+}
+static_assert(bit_of(task::collect) == 1);
+constexpr unsigned with_all = ~0u;
 
 options_result complain(const row& of, const std::string& wants, std::string& text) {
     text = std::string("--") + of.name + " takes " + wants;
@@ -114,6 +143,7 @@ options_result show_version(const row&, const char*, options&, std::string& text
 options_result show_help(const row&, const char*, options&, std::string& text);
 
 constexpr uint64_t most_connections = 1000000;
+constexpr uint64_t most_days = 36500;
 
 const row rows[] = {
     {"listen", "ADDRESS", set_text<&options::listen>, "IPv4 or IPv6 address to listen on ({})",
@@ -122,7 +152,7 @@ const row rows[] = {
      0, 65535},
     {"port-file", "FILE", set_text<&options::port_file>, "write the port to FILE once it is open"},
     {"state-dir", "DIR", set_text<&options::state_dir>, "database, certificate and key\n({})",
-     "/var/lib/vindral-collector"},
+     "/var/lib/vindral-collector", 0, 0, with_all},
     {"plan", "FILE", set_text<&options::plan>, "commands for the agents, one a line"},
     {"cert", "FILE", set_text<&options::cert>,
      "certificate chain and private key, PEM; without them\n"
@@ -142,8 +172,18 @@ const row rows[] = {
      "on standard output only results that are not ok: when\n"
      "that begins, becomes another and ends"},
     {"quiet", nullptr, set_flag<&options::quiet>, "no results on standard output"},
-    {"keep-days", "N", set_number<&options::keep_days>, "days of results to keep ({}); 0 keeps all",
-     "30", 0, 36500},
+    {"keep-days", "N", set_number<&options::keep_days>,
+     "days of results to keep ({}), each as it came;\n0 keeps all, here and below", "14", 0,
+     most_days},
+    {"keep-5min-days", "N", set_number<&options::keep_5min_days>,
+     "days of lowest, mean and highest values of each five\nminutes to keep ({})", "90", 0,
+     most_days},
+    {"keep-hour-days", "N", set_number<&options::keep_hour_days>, "of each hour ({})", "730", 0,
+     most_days},
+    {"keep-event-days", "N", set_number<&options::keep_event_days>, "days of events to keep ({})",
+     "0", 0, most_days},
+    {"keep-ledger-days", "N", set_number<&options::keep_ledger_days>,
+     "days of the ledger of received and missing results to\nkeep ({})", "730", 0, most_days},
     {"max-connections", "N", set_number<&options::max_connections>,
      "connections at a time (from the descriptor limit)", nullptr, 1, most_connections},
     {"max-per-address", "N", set_number<&options::max_per_address>,
@@ -159,12 +199,24 @@ const row rows[] = {
      "with --missing: results received longer ago do not\n"
      "count, and agents of which nothing came since are\n"
      "listed as silent; 90s, 15m, 2h, 1d"},
-    {"version", nullptr, show_version, "print the version and exit"},
-    {"help", nullptr, show_help, "print this text and exit"},
+    {"replace", nullptr, set_flag<&options::replace>, "with restore, see below", nullptr, 0, 0,
+     bit_of(task::restore)},
+    {"version", nullptr, show_version, "print the version and exit", nullptr, 0, 0, with_all},
+    {"help", nullptr, show_help, "print this text and exit", nullptr, 0, 0, with_all},
 };
 
+constexpr size_t help_column = 26;
+
+void append_help(std::string& text, std::string line, std::string_view help) {
+    line.resize(std::max(help_column, line.size() + 1), ' ');
+    for (char c : help) {
+        line += c;
+        line.append(c == '\n' ? help_column : 0, ' ');
+    }
+    text += line + "\n";
+}
+
 options_result show_help(const row&, const char*, options&, std::string& text) {
-    constexpr size_t column = 26;
     text = "Usage: vindral-collector [OPTION]...\n"
            "Collection server for vindral agents: takes their results, keeps them in a\n"
            "database in the state directory and sends the agents the tests of a plan.\n\n";
@@ -177,12 +229,11 @@ options_result show_help(const row&, const char*, options&, std::string& text) {
             line += std::string(" --") + r->name + (r->value ? std::string(" ") + r->value : "");
             ++r;
         } while (r != std::end(rows) && !r->help);
-        line.resize(column, ' ');
-        for (char c : help) {
-            line += c;
-            line.append(c == '\n' ? column : 0, ' ');
-        }
-        text += line + "\n";
+        append_help(text, std::move(line), help);
+    }
+    text += "\nCommands that end by themselves; besides them only --state-dir counts:\n\n";
+    for (const command_row& c : commands) {
+        append_help(text, std::string("  ") + c.usage, c.help);
     }
     text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan\n"
             "again (it is also read whenever it has changed).\n";
@@ -209,6 +260,40 @@ std::string find_conflict(const options& o) {
     return "";
 }
 
+/* The words that are no options. What is wrong with them, empty when all is well. */
+std::string take_words(const std::vector<std::string>& words, options& out) {
+    if (words.empty()) {
+        return "";
+    }
+    const auto* found = std::find_if(std::begin(commands), std::end(commands),
+                                     [&](const command_row& c) { return c.name == words[0]; });
+    size_t wanted = 1;
+    if (found != std::end(commands)) {
+        out.does = found->does;
+        wanted += found->has_file;
+        if (words.size() < wanted || (found->has_file && words[1].empty())) {
+            return words[0] + " needs a file";
+        }
+        out.file = found->has_file ? words[1] : "";
+    }
+    size_t extra = found != std::end(commands) ? wanted : 0;
+    return words.size() > extra ? "unexpected argument \"" + words[extra] + "\"" : "";
+}
+
+/* The first of the options that does not go with the command. Empty when all do. */
+std::string find_stranger(const std::vector<const row*>& given, task does) {
+    auto stranger = std::find_if(given.begin(), given.end(),
+                                 [&](const row* r) { return (r->with & bit_of(does)) == 0; });
+    if (stranger == given.end()) {
+        return "";
+    }
+    const auto* command = std::find_if(std::begin(commands), std::end(commands),
+                                       [&](const command_row& c) { return c.does == does; });
+    std::string option = std::string("--") + (*stranger)->name;
+    return command == std::end(commands) ? option + " needs restore"
+                                         : option + " does not go with " + command->name;
+}
+
 options_result usage_error(std::string& text) {
     text = "vindral-collector: " + text + "\nTry 'vindral-collector --help'.\n";
     return options_result::wrong;
@@ -228,11 +313,18 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
     }
     optind = 0; /* start afresh: a test calls this many times */
     opterr = 0;
+    std::vector<const row*> given;
+    std::vector<std::string> words;
     for (;;) {
         int at = optind == 0 ? 1 : optind;
         int opt = getopt_long(argc, argv, "+:", all, nullptr);
-        if (opt == -1) {
+        if (opt == -1 && (optind > at || optind == argc)) { /* behind "--" there are words only */
+            words.insert(words.end(), argv + optind, argv + argc);
             break;
+        }
+        if (opt == -1) {
+            words.emplace_back(argv[optind++]);
+            continue;
         }
         if (opt < first) {
             text = opt == ':' ? std::string(argv[at]) + " needs a value"
@@ -244,9 +336,15 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
         if (result != options_result::run) {
             return result == options_result::wrong ? usage_error(text) : result;
         }
+        given.push_back(&r);
     }
-    text = optind < argc ? std::string("unexpected argument \"") + argv[optind] + "\""
-                         : find_conflict(out);
+    text = take_words(words, out);
+    if (text.empty()) {
+        text = find_stranger(given, out.does);
+    }
+    if (text.empty()) {
+        text = find_conflict(out);
+    }
     return text.empty() ? options_result::run : usage_error(text);
 }
 

@@ -7,8 +7,14 @@
 #include <string>
 #include <vector>
 
+/* What the program is to do. */
+enum class task { collect, back_up, restore, check };
+
 /* What they mean and which values they have when not given is in the table of options.cpp. */
 struct options {
+    task does = task::collect;
+    std::string file;     /* of a backup */
+    bool replace = false; /* what is stored, by a restore */
     std::string listen;
     uint16_t port = 0; /* 0: the kernel picks one */
     std::string port_file;
@@ -19,9 +25,11 @@ struct options {
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
     bool end_refused = false;
     bool json = false;
-    bool problems = false;      /* not together with json */
-    bool quiet = false;         /* more than both */
-    int keep_days = 0;          /* 0: for ever */
+    bool problems = false; /* not together with json */
+    bool quiet = false;    /* more than both */
+    /* 0: for ever */
+    int keep_days = 0, keep_5min_days = 0, keep_hour_days = 0;
+    int keep_event_days = 0, keep_ledger_days = 0;
     size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */
     size_t max_per_address = 0; /* 0: an eighth of max_connections */
     size_t max_body_mb = 0;

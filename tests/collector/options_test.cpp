@@ -32,7 +32,12 @@ TEST(collector_options, defaults) {
     EXPECT_EQ(p.o.listen, "127.0.0.1");
     EXPECT_EQ(p.o.port, 8443);
     EXPECT_EQ(p.o.state_dir, "/var/lib/vindral-collector");
-    EXPECT_EQ(p.o.keep_days, 30);
+    EXPECT_EQ(p.o.does, task::collect);
+    EXPECT_EQ(p.o.keep_days, 14);
+    EXPECT_EQ(p.o.keep_5min_days, 90);
+    EXPECT_EQ(p.o.keep_hour_days, 730);
+    EXPECT_EQ(p.o.keep_event_days, 0);
+    EXPECT_EQ(p.o.keep_ledger_days, 730);
     EXPECT_EQ(p.o.max_body_mb, 16u);
     EXPECT_TRUE(p.o.plan.empty() && p.o.cert.empty() && p.o.key.empty() && p.o.allow.empty());
     EXPECT_FALSE(p.o.end_refused);
@@ -62,6 +67,14 @@ TEST(collector_options, all_of_them) {
                       "--quiet",
                       "--keep-days",
                       "0",
+                      "--keep-5min-days",
+                      "1",
+                      "--keep-hour-days",
+                      "2",
+                      "--keep-event-days",
+                      "3",
+                      "--keep-ledger-days",
+                      "4",
                       "--max-connections",
                       "7",
                       "--max-per-address",
@@ -84,6 +97,10 @@ TEST(collector_options, all_of_them) {
     EXPECT_TRUE(p.o.end_refused);
     EXPECT_TRUE(p.o.json && p.o.quiet && p.o.missing);
     EXPECT_EQ(p.o.keep_days, 0);
+    EXPECT_EQ(p.o.keep_5min_days, 1);
+    EXPECT_EQ(p.o.keep_hour_days, 2);
+    EXPECT_EQ(p.o.keep_event_days, 3);
+    EXPECT_EQ(p.o.keep_ledger_days, 4);
     EXPECT_EQ(p.o.max_connections, 7u);
     EXPECT_EQ(p.o.max_per_address, 3u);
     EXPECT_EQ(p.o.max_body_mb, 2u);
@@ -152,6 +169,35 @@ TEST(collector_options, the_limit_of_connections_follows_the_descriptors) {
     EXPECT_EQ(default_connections(1024), 960u);
     EXPECT_EQ(default_connections(1048576), 10000u);
     EXPECT_EQ(default_connections(20), 16u);
+}
+
+TEST(collector_options, commands) {
+    parsed p = parse({"backup", "file", "--state-dir", "sd"});
+    EXPECT_EQ(p.result, options_result::run) << p.text;
+    EXPECT_EQ(p.o.does, task::back_up);
+    EXPECT_EQ(p.o.file, "file");
+    EXPECT_EQ(p.o.state_dir, "sd");
+    p = parse({"--state-dir", "sd", "restore", "--replace", "file"});
+    EXPECT_EQ(p.o.does, task::restore);
+    EXPECT_EQ(p.o.file, "file");
+    EXPECT_TRUE(p.o.replace);
+    EXPECT_FALSE(parse({"restore", "file"}).o.replace);
+    p = parse({"check"});
+    EXPECT_EQ(p.o.does, task::check);
+    EXPECT_EQ(p.o.state_dir, "/var/lib/vindral-collector");
+    EXPECT_EQ(parse({"backup", "--", "--file"}).o.file, "--file");
+    EXPECT_EQ(parse({"backup", "--help"}).result, options_result::done);
+}
+
+TEST(collector_options, mistakes_with_commands_are_named) {
+    expect_wrong({"backup"}, "backup needs a file");
+    expect_wrong({"restore", ""}, "restore needs a file");
+    expect_wrong({"backup", "a", "b"}, "unexpected argument \"b\"");
+    expect_wrong({"check", "a"}, "unexpected argument \"a\"");
+    expect_wrong({"backups", "a"}, "unexpected argument \"backups\"");
+    expect_wrong({"backup", "a", "--replace"}, "--replace does not go with backup");
+    expect_wrong({"check", "--plan", "p"}, "--plan does not go with check");
+    expect_wrong({"--replace"}, "--replace needs restore");
 }
 
 TEST(collector_options, names) {

@@ -3,8 +3,8 @@
 #ifndef VINDRAL_COLLECTOR_EVENT_QUEUE_H
 #define VINDRAL_COLLECTOR_EVENT_QUEUE_H
 
-#include "plan/plan.h"
-#include "store/engine.h"
+#include "base/record_summary.h"
+#include "state/expected.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,15 +12,11 @@
 #include <string_view>
 #include <vector>
 
-struct plan_content {
-    std::vector<planned_test> tests;
-    planned_intervals intervals;
-};
-
 enum class event_kind {
     record,  /* `result` of an agent */
     heard,   /* an agent sent something else */
-    known,   /* an agent, from before the start */
+    agent,   /* `text` is its state, packed: after records, or because nothing came */
+    known,   /* the same from before the start */
     result,  /* `result` of an agent, from before the start */
     problem, /* `text` */
     note,    /* `text` that is no problem */
@@ -34,7 +30,7 @@ struct event {
     int64_t received = 0; /* or last seen */
     std::string_view text = {};
     decoded_record result = {};
-    std::shared_ptr<const plan_content> plan = {};
+    std::shared_ptr<const plan_summary> plan = {};
     std::shared_ptr<char[]> own = {}; /* what the views are of, where that is much */
 };
 

@@ -14,6 +14,7 @@
 #include "show/json.h"
 #include "show/record_text.h"
 #include "show/table.h"
+#include "state/history.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -218,16 +219,27 @@ public:
     void show_note(std::string_view, std::string&, std::string&) override {}
 
     void take(const event& e) override {
-        if (e.kind == event_kind::heard) {
+        switch (e.kind) {
+        case event_kind::heard:
             table_.hear(e.account, e.agent, now());
-        } else if (e.kind == event_kind::known) {
-            table_.know(e.account, e.agent, e.received);
-        } else if (e.kind == event_kind::result) {
+            break;
+        case event_kind::agent:
+            if (state_.unpack(e.text)) {
+                table_.take(e.account, e.agent, now(), state_);
+            }
+            break;
+        case event_kind::known:
+            state_.unpack(e.text); /* nothing is known of its tests when that is damaged */
+            table_.know(e.account, e.agent, e.received, state_);
+            break;
+        case event_kind::result:
             table_.know(e.account, e.agent, e.received, e.result.content);
-        } else if (e.kind == event_kind::ready) {
+            break;
+        case event_kind::ready:
             table_.introduce(e.text);
-        } else if (e.kind == event_kind::planned) {
-            table_.follow(e.plan->tests, e.plan->intervals, now());
+            break;
+        default:
+            table_.follow(*e.plan, now());
         }
         changed_ = true;
     }
@@ -268,6 +280,7 @@ private:
     const int64_t begun_at_ = time(nullptr);
     const steady_clock::time_point begun_ = steady_clock::now();
     live_table table_{begun_at_};
+    agent_state state_; /* its memory is used again */
     steady_clock::time_point drawn_{};
     steady_clock::duration cost_{};
     bool changed_ = true;
@@ -331,50 +344,88 @@ public:
         }
     }
 
-    void on_plan(const std::vector<plan_line>& lines) override {
+    void on_plan(const plan_summary& plan) override {
         if (view_->keeps_state()) {
-            plan_content content{planned_tests(lines), intervals_of(lines)};
-            add({.kind = event_kind::planned,
-                 .plan = std::make_shared<const plan_content>(std::move(content))});
+            add({.kind = event_kind::planned, .plan = std::make_shared<const plan_summary>(plan)});
         }
+    }
+
+    void on_agent(std::string_view account, std::string_view agent, const agent_state& now,
+                  std::span<const change>) override {
+        if (!view_->keeps_state()) {
+            return;
+        }
+        std::string packed;
+        now.pack(packed);
+        add({.kind = event_kind::agent, .account = account, .agent = agent, .text = packed});
     }
 
     void begin(result_reader& stored) override {
         if (!view_->keeps_state()) {
             return;
         }
-        auto know_agent = [this](const known_agent& a) {
-            wait_for_room();
-            add({.kind = event_kind::known,
-                 .account = a.account,
-                 .agent = a.agent,
-                 .received = a.last_seen});
-        };
-        event last{.kind = event_kind::result};
-        auto know_result = [&](const latest_result& l) {
-            std::string reason;
-            if (l.record.size() <= max_shown &&
-                decode_record(l.record, last.result.content, reason)) {
-                last.account = l.account;
-                last.agent = l.agent;
-                last.received = l.received;
-                last.result.summary = summarize(last.result.content);
-                wait_for_room();
-                add(last);
+        steady_clock::time_point begun = steady_clock::now();
+        auto know_agents = [&](bool problems) {
+            agent_state state;
+            auto know_agent = [&](const known_agent& a) {
+                if (problems) { /* the first time */
+                    wait_for_room();
+                    add({.kind = event_kind::known,
+                         .account = a.account,
+                         .agent = a.agent,
+                         .received = a.last_seen,
+                         .text = a.state});
+                }
+                if (steady_clock::now() - begun < longest_beginning && state.unpack(a.state)) {
+                    know_results(stored, a, state, problems);
+                }
+            };
+            std::string error;
+            if (!stored.for_each_agent(know_agent, error)) {
+                on_problem(unreadable + error);
+                return false;
             }
+            return true;
         };
-        std::string error;
-        if (!stored.for_each_agent(know_agent, error)) {
-            on_problem(unreadable + error);
-        }
-        if (!stored.for_each_latest(know_result, error)) {
-            on_problem(unreadable + error);
-        }
+        /* The states of all, and the results of as many as can be read in a moment, what is wrong
+         * first: agents bring new ones soon. */
+        know_agents(true) && know_agents(false);
     }
 
 private:
     enum { max_shown = 1 << 20 };
+    static constexpr std::chrono::seconds longest_beginning{1};
     const std::string unreadable = "what is stored cannot be read: ";
+
+    /* The last results of an agent's tests that are problems, or of the others. */
+    void know_results(result_reader& stored, const known_agent& agent, const agent_state& state,
+                      bool problems) {
+        for (const test_status& test : state.tests) {
+            std::string error;
+            if ((test.now == state::problem) == problems &&
+                !read_newest(
+                    stored, agent, test.id,
+                    [&](int64_t received, std::string_view bytes) {
+                        know_result(agent, received, bytes);
+                    },
+                    error)) {
+                on_problem(unreadable + error);
+            }
+        }
+    }
+
+    void know_result(const known_agent& agent, int64_t received, std::string_view bytes) {
+        event last{.kind = event_kind::result,
+                   .account = agent.account,
+                   .agent = agent.agent,
+                   .received = received};
+        std::string reason;
+        if (bytes.size() <= max_shown && decode_record(bytes, last.result.content, reason)) {
+            last.result.summary = summarize(last.result.content);
+            wait_for_room();
+            add(last);
+        }
+    }
 
     /* Something came that is not shown. */
     void hear(const poll_block& from) {

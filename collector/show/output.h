@@ -10,12 +10,10 @@
 #define VINDRAL_COLLECTOR_OUTPUT_H
 
 #include "ingest/ingest.h"
-#include "plan/plan.h"
 
 #include <cstddef>
 #include <memory>
 #include <string>
-#include <vector>
 
 enum class output_kind {
     table,    /* the state of all hosts and tests, redrawn in place; for a terminal */
@@ -44,7 +42,7 @@ public:
     virtual void on_ready(const std::string& text) = 0;
 
     /* The plan that is now in force. */
-    virtual void on_plan(const std::vector<plan_line>& lines) = 0;
+    virtual void on_plan(const plan_summary& plan) = 0;
 
     /* A line for the log that is no problem: a log-in. The table does without. */
     virtual void on_note(const std::string& text) = 0;

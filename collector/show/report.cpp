@@ -3,10 +3,8 @@
 #include "base/record_summary.h"
 #include "base/text.h"
 #include "plan/plan.h"
+#include "state/agent_state.h"
 #include "store/engine.h"
-
-#include <algorithm>
-
 namespace {
 
 bool too_old(const missing_age& age, int64_t received) {
@@ -14,33 +12,26 @@ bool too_old(const missing_age& age, int64_t received) {
            (received < age.now - *age.older_than || received > age.now + *age.older_than);
 }
 
-/* The last result of the test, or null. */
-const latest_entry* find_result(std::span<const latest_entry> results, const planned_test& test) {
-    auto key = std::pair(test.type, std::optional<int32_t>(test.id));
-    auto found = std::lower_bound(results.begin(), results.end(), key,
-                                  [](const latest_entry& e, const auto& k) { return e.key() < k; });
-    return found != results.end() && found->key() == key ? &*found : nullptr;
-}
-
 void print_test(std::ostream& out, const known_agent& agent, const planned_test& test,
-                const latest_entry* last, bool old, missing_count& count) {
-    bool stored = last != nullptr && !old;
-    ++(stored ? count.stored : count.missing);
-    out << (stored ? "stored" : "missing") << '\t' << printable(agent.account) << '\t'
+                const test_status* last, bool comes, missing_count& count) {
+    ++(comes ? count.stored : count.missing);
+    out << (comes ? "stored" : "missing") << '\t' << printable(agent.account) << '\t'
         << printable(agent.agent) << '\t' << type_name(test.type) << '\t' << test.id;
     if (last != nullptr) {
-        out << '\t' << utc_time(last->time.value_or(0)) << '\t'
+        out << '\t' << utc_time(last->claimed) << '\t'
             << status_word(test.type, last->status.value_or(0));
     }
     out << '\n';
 }
 
-void print_agent(std::ostream& out, const known_agent& agent, std::span<const latest_entry> results,
+void print_agent(std::ostream& out, const known_agent& agent, const agent_state& state,
                  const std::vector<planned_test>& tests, const missing_age& age,
                  missing_count& count) {
     for (const planned_test& test : tests) {
-        const latest_entry* last = find_result(results, test);
-        print_test(out, agent, test, last, last != nullptr && too_old(age, last->received), count);
+        const test_status* last = state.find(test.type, test.id);
+        bool comes = last != nullptr && !state.silent && last->now != state::stale &&
+                     !too_old(age, last->received);
+        print_test(out, agent, test, last, comes, count);
     }
 }
 
@@ -68,22 +59,33 @@ bool print_missing(const std::string& directory, const std::string& plan_path,
         return false;
     }
     std::vector<planned_test> tests = planned_tests(planned.lines());
-    bool any = false;
-    auto print = [&](const known_agent& agent, std::span<const latest_entry> results) {
+    bool any = false, damaged = false;
+    agent_state state;
+    auto print = [&](const known_agent& agent) {
         any = true;
-        if (too_old(age, agent.last_seen)) {
+        if (!state.unpack(agent.state)) {
+            damaged = true;
+            return;
+        }
+        if (state.silent || too_old(age, agent.last_seen)) {
             ++count.silent;
             out << "silent\t" << printable(agent.account) << '\t' << printable(agent.agent) << '\t'
                 << utc_time(agent.last_seen) << '\n';
         }
-        print_agent(out, agent, results, tests, age, count);
+        print_agent(out, agent, state, tests, age, count);
     };
-    if (!stored->for_each_tested(print, error)) {
+    bool read = stored->for_each_agent(print, error);
+    if (read && damaged) {
+        error = "what is known of an agent is damaged";
+    }
+    if (!read || damaged) {
         error = stored->place() + ": " + error;
         return false;
     }
     if (!any) {
-        print_agent(out, {"-", "-", {}, {}}, {}, tests, age, count);
+        known_agent nobody;
+        nobody.account = nobody.agent = "-";
+        print_agent(out, nobody, {}, tests, age, count);
     }
     return true;
 }

@@ -10,8 +10,8 @@
 
 struct missing_count {
     size_t stored = 0;  /* planned tests with a result, each agent counted for itself */
-    size_t missing = 0; /* planned tests without, or whose last one is too old */
-    size_t silent = 0;  /* agents of which nothing was stored for too long */
+    size_t missing = 0; /* planned tests without, or of which nothing comes any more */
+    size_t silent = 0;  /* agents of which nothing comes any more */
     size_t refused = 0; /* lines of the plan that are left out, and with them the tests they add */
 };
 
@@ -30,11 +30,13 @@ struct missing_age {
  *   missing   ACCOUNT  AGENT  load average  7  2026-04-01T12:00:00Z  ok
  *   silent    ACCOUNT  AGENT  2026-04-01T12:00:00Z
  *
- * Time and status are those of the last result; a missing test has them when that one is too old,
- * and none when there is none on the days that are kept. A silent agent, of which everything is too
- * old, has a line with the time when something of it was stored last, before those of its tests.
- * While no agent has sent anything, ACCOUNT and AGENT are "-" and every test is missing. Problems
- * in the plan go to `out` too, each as a line "problem<tab>line N: reason".
+ * Time and status are those of the last result. A missing test has them, too, when there was one:
+ * it is stale, or its agent silent, or that result is too old. An agent that is silent, or of which
+ * everything is too old, has a line with the time when it was heard last, before those of its
+ * tests. Stale and silent are what the collector found when it ran last (state/watch.h); it judges
+ * nothing while it does not run, which is what ages are for. While no agent has sent anything,
+ * ACCOUNT and AGENT are "-" and every test is missing. Problems in the plan go to `out` too, each
+ * as a line "problem<tab>line N: reason".
  *
  * It looks at the agents' rows alone, whatever the number of results. Reads the database only, also
  * while a collector writes to it. False with the reason in `error` when the plan or the database

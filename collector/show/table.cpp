@@ -63,7 +63,7 @@ std::string remarks(const table_state& s, const block& b, int64_t now) {
         text += ", last heard " + age_text(now - h.last_seen) + " ago";
     }
     if (h.unplanned >= 0 && h.unplanned > s.plan_since + 2 * s.test_interval(now) &&
-        now - h.unplanned <= s.stale_after(now)) {
+        now - h.unplanned <= s.awaited.stale_after(now)) {
         text += ", and tests that are not in the plan";
     }
     return text;
@@ -107,20 +107,18 @@ std::vector<span> test_line(const shown_test& test, const char* mark, const char
             {nullptr, "  " + fit_columns(age, 7) + "  " + text}};
 }
 
-void paint_tests(painter& screen, const table_state& s, const block& b, size_t width, int64_t now) {
+void paint_tests(painter& screen, const block& b, size_t width, int64_t now) {
     for (size_t i = 0; i < b.problem_lines; i++) {
         const row& r = *b.problems[i].held;
-        std::string late = s.is_stale(*b.shown, r, now)
-                               ? "(no result for " + age_text(now - r.received) + ") "
-                               : "";
         screen.line(test_line(b.problems[i], "!", red, width, "for " + age_text(now - r.since),
-                              late + parts_text(r)));
+                              parts_text(r)));
     }
     for (size_t i = 0; i < b.unclear_lines; i++) {
         const row* r = b.unclear[i].held;
-        std::string text = r == nullptr                        ? "unknown: no result yet"
-                           : r->state == result_state::strange ? "unknown type: " + r->text
-                                                               : "stale, was ok: " + parts_text(*r);
+        std::string text = r == nullptr   ? "unknown: no result yet"
+                           : r->strange   ? "unknown type: " + r->shown.text
+                           : r->shown.bad ? "stale, was a problem: " + parts_text(*r)
+                                          : "stale, was ok: " + parts_text(*r);
         screen.line(test_line(b.unclear[i], "?", yellow, width,
                               r == nullptr ? "" : age_text(now - r->received) + " ago", text));
     }
@@ -181,18 +179,16 @@ live_table::live_table(live_table&&) noexcept = default;
 live_table& live_table::operator=(live_table&&) noexcept = default;
 live_table::~live_table() = default;
 
-void live_table::know(std::string_view account, std::string_view agent, int64_t last_seen) {
+void live_table::know(std::string_view account, std::string_view agent, int64_t last_seen,
+                      const agent_state& stored) {
     host& h = state_->host_of(account, agent, 0);
     h.last_seen = std::max(h.last_seen, std::min(last_seen, state_->start));
-    state_->make_room(state_->start);
+    state_->know(h, stored);
 }
 
 void live_table::know(std::string_view account, std::string_view agent, int64_t received,
                       const record& r) {
-    received = std::min(received, state_->start);
-    host& h = state_->host_of(account, agent, 0);
-    h.last_seen = std::max(h.last_seen, received);
-    state_->apply(h, received, r);
+    state_->know(state_->host_of(account, agent, 0), received, r);
 }
 
 void live_table::take(std::string_view account, std::string_view agent, int64_t now,
@@ -202,14 +198,18 @@ void live_table::take(std::string_view account, std::string_view agent, int64_t 
     state_->apply(h, now, r);
 }
 
+void live_table::take(std::string_view account, std::string_view agent, int64_t now,
+                      const agent_state& found) {
+    state_->apply(state_->host_of(account, agent, now), now, found);
+}
+
 void live_table::hear(std::string_view account, std::string_view agent, int64_t now) {
     state_->hear(state_->host_of(account, agent, now), now);
     state_->make_room(now);
 }
 
-void live_table::follow(const std::vector<planned_test>& tests, const planned_intervals& intervals,
-                        int64_t now) {
-    state_->follow(tests, intervals, now);
+void live_table::follow(const plan_summary& plan, int64_t now) {
+    state_->follow(plan, now);
 }
 
 void live_table::say(std::string_view text, int64_t now) {
@@ -245,7 +245,7 @@ std::string live_table::draw(const table_screen& screen, int64_t now) {
     for (const block& b : blocks) {
         if (b.given) {
             paint.line(host_line(s, b, wide.name, now));
-            paint_tests(paint, s, b, wide.test, now);
+            paint_tests(paint, b, wide.test, now);
         }
     }
     std::string hidden = hidden_text(blocks, s.not_kept.get(), paint.columns());

@@ -2,34 +2,35 @@
  * No clock, no thread, no terminal in here: the time comes with each call, a screen goes out as
  * text.
  *
- * STATES  A test is ok; a problem, when its last result says so (a part of it is enough: one of
- * several processes, an object of an SNMP get); stale, when it was ok and nothing has come for
- * three intervals; unknown, when it is in the plan and no result has come for five. A host is
- * silent when nothing has come from it for three poll intervals. The interval of a test is the
- * longer of poll and check interval, that of the plan; a shorter one that the plan has now counts
- * from when the longer one has passed three times. Nothing is judged before a minute. What happened
- * while we were not there to see it is held against nobody: all of this counts from our start, and
- * for the tests of a host that was silent from its return. Discovery runs once and is never stale.
+ * STATES  What a test and a host are is decided where results are stored (state/take.h, watch.h),
+ * and told here: an agent's state comes behind the results that made it, or by itself when nothing
+ * came for too long. Between a result and the state that it makes the old one is shown, and the
+ * result's text waits, so that what a line says is of the pass that its state is of. What is added
+ * here: a test that is in the plan, of which a host has no result, is unknown when the host has
+ * been heard and the plan has been in force for as long as it takes tests to become stale
+ * (expected.h); not without an interval, and never for discovery, which runs once. Stale says what
+ * the test was before. How long a host has been silent counts from the last that came from it,
+ * although it is called so only three intervals later.
  *
  * ORDER  Problems and hosts that are silent, the newest first; hosts silent for a day; what is
  * stale or unknown; hosts that are ok; tests that are ok. Each host with problems has a line before
  * any has two. What does not fit is counted in the last line.
  *
  * MEMORY  Bounded in bytes. Tests that are ok and new are not kept when it is nearly used up, only
- * counted; then what is ok makes room, of the hosts with the most tests first; then hosts of which
- * nothing else is held, the newest first; problems come last. */
+ * counted; then what is ok or stale makes room, of the hosts with the most tests first; then hosts
+ * of which nothing else is held, the newest first; problems come last. */
 #ifndef VINDRAL_COLLECTOR_TABLE_H
 #define VINDRAL_COLLECTOR_TABLE_H
 
-#include "plan/planned.h"
 #include "protocol/record.h"
+#include "state/agent_state.h"
+#include "state/expected.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace live {
 struct table_state;
@@ -49,18 +50,22 @@ public:
     live_table& operator=(live_table&&) noexcept;
     ~live_table();
 
-    /* An agent and its last results, from before the start. */
-    void know(std::string_view account, std::string_view agent, int64_t last_seen);
+    /* An agent from before the start, and then results of it: the last one of a test. */
+    void know(std::string_view account, std::string_view agent, int64_t last_seen,
+              const agent_state& stored);
     void know(std::string_view account, std::string_view agent, int64_t received, const record& r);
 
     /* Something has come from an agent: a record, or bytes that are none. */
     void take(std::string_view account, std::string_view agent, int64_t now, const record& r);
     void hear(std::string_view account, std::string_view agent, int64_t now);
 
-    /* The plan's tests and intervals. Tests that are not in it vanish, and results of such are not
-     * shown; a host that still sends them says so. Without a call every test is shown. */
-    void follow(const std::vector<planned_test>& tests, const planned_intervals& intervals,
-                int64_t now);
+    /* How the agent stands after that, or because nothing came. */
+    void take(std::string_view account, std::string_view agent, int64_t now,
+              const agent_state& found);
+
+    /* What is to come. Tests that are not in the plan vanish, and results of such are not shown; a
+     * host that still sends them says so. Without a call every test is shown. */
+    void follow(const plan_summary& plan, int64_t now);
 
     /* A line of the collector's own, shown at the bottom for an hour. The same text again is
      * counted. */

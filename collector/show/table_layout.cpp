@@ -28,18 +28,18 @@ void keep_first(std::vector<shown_test>& tests, size_t most) {
 }
 
 /* Sorts the host's tests into the block. Returns how many of them the plan has to repeat. */
-size_t sort_rows(block& b, const table_state& s, size_t rows, int64_t now) {
+size_t sort_rows(block& b, size_t rows) {
     size_t of_plan = 0;
     for (const auto& [key, r] : b.shown->rows) {
-        of_plan += r.state != result_state::strange && key.first != protocol::discovery.code;
-        if (r.state == result_state::problem) {
+        of_plan += !r.strange && key.first != protocol::discovery.code;
+        if (r.strange) {
+            b.tests.strange++;
+            b.unclear.push_back({key, &r});
+        } else if (r.now == state::problem) {
             b.tests.problems++;
             b.newest = std::max(b.newest, r.since);
             b.problems.push_back({key, &r});
-        } else if (r.state == result_state::strange) {
-            b.tests.strange++;
-            b.unclear.push_back({key, &r});
-        } else if (!b.silent && s.is_stale(*b.shown, r, now)) {
+        } else if (r.now == state::stale) {
             b.tests.stale++;
             b.unclear.push_back({key, &r});
         } else {
@@ -70,11 +70,12 @@ void add_missing(block& b, const std::set<test_key>& plan, size_t most) {
 block look_at(const table_state& s, const host& h, size_t rows, int64_t now) {
     block b;
     b.shown = &h;
-    b.silent = s.is_silent(h, now);
-    size_t of_plan = sort_rows(b, s, rows, now);
+    b.silent = h.silent;
+    size_t of_plan = sort_rows(b, rows);
     /* What was not kept for want of room is not unknown. */
     if (s.planned && of_plan < s.plan_repeats && !b.silent && h.heard && s.not_kept.get() == 0 &&
-        s.check_interval(now) > 0 && now - std::max(h.back, s.plan_since) > s.unknown_after(now)) {
+        s.awaited.at(now).check > 0 &&
+        now - std::max(h.back, s.plan_since) > s.awaited.stale_after(now)) {
         b.tests.unknown = s.plan_repeats - of_plan;
         add_missing(b, s.plan, rows);
     }

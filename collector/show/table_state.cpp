@@ -3,6 +3,7 @@
 #include "base/record_summary.h"
 #include "base/text.h"
 #include "show/record_text.h"
+#include "state/take.h"
 
 namespace live {
 
@@ -14,7 +15,8 @@ constexpr int64_t message_life = 3600;
 constexpr size_t node_bytes = 48; /* what a map adds to a value, and the allocator to both */
 
 size_t bytes_of(const row& r) {
-    return sizeof(test_key) + sizeof(row) + node_bytes + r.text.capacity() + 16;
+    size_t next = r.next ? r.next->text.capacity() + 16 : 0;
+    return sizeof(test_key) + sizeof(row) + node_bytes + r.shown.text.capacity() + 16 + next;
 }
 
 size_t bytes_of(const host_key& key, const host& h) {
@@ -60,11 +62,72 @@ std::string text_of(const record& r, const record_summary& summary, const verdic
     return cut(joined(reason, values));
 }
 
-/* A record of the same pass, of another process: they come in the order of their ids, within a
- * second or two. */
-bool continues(const row& old, const row& next) {
-    return old.parts > 0 && next.parts > 0 && next.last_pid > old.last_pid &&
-           next.checked >= old.checked && next.checked <= old.checked + 2;
+/* Records of a process test come one for each process. */
+bool has_parts(uint32_t type) {
+    return type == protocol::process.code;
+}
+
+/* What a record says of its test. */
+pass_text read_pass(const record& r, const record_summary& summary) {
+    verdict found = judge(r, summary);
+    return {.text = text_of(r, summary, found),
+            .checked = summary.time,
+            .pid = has_parts(summary.type) && summary.schema != nullptr ? r.ui32[3] : 0,
+            .bad = found.status.value_or(0) != 0};
+}
+
+/* Whether one that was checked then is of the pass that began at `first`. */
+bool is_of_pass(const std::optional<int64_t>& checked, int64_t first, uint32_t type) {
+    return checked && *checked >= first && *checked <= first + (has_parts(type) ? pass_s : 0);
+}
+
+/* Adds what another record says to what is there, which may be of an earlier pass. */
+void add_record(std::optional<pass_text>& text, pass_text more, uint32_t type) {
+    bool same_pass = has_parts(type) && text && text->checked && more.pid > text->pid &&
+                     text->pid != 0 && is_of_pass(more.checked, *text->checked, type);
+    if (!same_pass) {
+        text = std::move(more);
+        return;
+    }
+    text->pid = more.pid;
+    if (more.bad && !text->bad) {
+        text->text = std::move(more.text);
+        text->bad = true;
+    }
+}
+
+test_key key_of(const record_summary& summary) {
+    return {summary.type, summary.test.value_or(0)};
+}
+
+/* The text that the row has from now on, when it looks as `found` says. */
+void settle_text(row& r, const test_status& found) {
+    if (!r.next) {
+        return;
+    }
+    pass_text& next = *r.next;
+    if (next.checked && !is_of_pass(next.checked, found.claimed, found.type)) {
+        r.next.reset(); /* overtaken by what the state is of */
+        return;
+    }
+    if (found.now == state::problem && !next.bad && r.shown.bad) {
+        return; /* that it is well is not sure yet: others of the pass may be on their way */
+    }
+    bool same_pass = has_parts(found.type) && r.shown.checked == found.claimed;
+    if (!same_pass || next.bad != r.shown.bad) {
+        r.shown = std::move(next);
+        r.shown.checked = found.claimed;
+    }
+    r.next.reset();
+}
+
+/* All but the text. */
+void settle_state(row& r, const test_status& found, int64_t now) {
+    r.now = found.now;
+    r.since = std::min(found.since, now);
+    r.received = std::min(found.received, now);
+    r.parts = has_parts(found.type) ? found.parts : 0;
+    r.bad_parts = has_parts(found.type) ? found.bad_parts : 0;
 }
 
 } // namespace
@@ -84,11 +147,44 @@ host& table_state::host_of(std::string_view account, std::string_view agent, int
 }
 
 void table_state::hear(host& h, int64_t now) {
-    if (!h.heard || is_silent(h, now)) {
+    if (!h.heard || h.silent) {
         h.back = now;
     }
     h.heard = true;
+    h.silent = false;
     h.last_seen = now;
+}
+
+bool table_state::is_kept(const test_key& key) const {
+    return !planned || plan.contains(key);
+}
+
+void table_state::know(host& h, const agent_state& stored) {
+    h.silent = stored.silent;
+    for (const test_status& test : stored.tests) {
+        test_key key{test.type, test.number.value_or(0)};
+        bool strange = !test.number;
+        if (strange || is_kept(key)) {
+            row first;
+            first.strange = strange;
+            settle_state(first, test, start);
+            put(h, key, std::move(first));
+        }
+    }
+    make_room(start);
+}
+
+void table_state::know(host& h, int64_t received, const record& r) {
+    record_summary summary = summarize(r);
+    auto at = h.rows.find(key_of(summary));
+    if (at != h.rows.end()) {
+        row& known = at->second;
+        held -= bytes_of(known);
+        known.received = std::min(received, start);
+        known.shown = read_pass(r, summary);
+        held += bytes_of(known);
+        make_room(start);
+    }
 }
 
 void table_state::apply(host& h, int64_t now, const record& r) {
@@ -96,83 +192,70 @@ void table_state::apply(host& h, int64_t now, const record& r) {
     if (summary.schema != nullptr && !summary.test) {
         return; /* an inventory */
     }
-    test_key key{summary.type, summary.test.value_or(0)};
-    if (planned && summary.test && !plan.contains(key)) {
+    test_key key = key_of(summary);
+    if (summary.test && !is_kept(key)) {
         h.unplanned = now;
         return;
     }
-    verdict found = judge(r, summary);
-    row pass;
-    pass.state = summary.schema == nullptr       ? result_state::strange
-                 : found.status.value_or(0) != 0 ? result_state::problem
-                                                 : result_state::ok;
-    pass.judged = found.status.has_value();
-    pass.received = pass.since = now;
-    pass.checked = summary.time.value_or(0);
-    pass.parts = summary.type == protocol::process.code && summary.schema != nullptr;
-    pass.bad_parts = pass.parts && pass.state == result_state::problem;
-    pass.last_pid = pass.parts ? r.ui32[3] : 0;
-    pass.text = text_of(r, summary, found);
-    put(h, key, pass);
+    pass_text text = read_pass(r, summary);
+    auto at = h.rows.find(key);
+    if (at == h.rows.end()) {
+        row first;
+        first.strange = summary.schema == nullptr;
+        first.now = text.bad ? state::problem : state::ok;
+        first.received = first.since = now;
+        first.shown = std::move(text);
+        put(h, key, std::move(first));
+    } else {
+        row& known = at->second;
+        held -= bytes_of(known);
+        known.received = now;
+        add_record(known.next, std::move(text), summary.type);
+        held += bytes_of(known);
+    }
     make_room(now);
 }
 
-void table_state::put(host& h, const test_key& key, const row& pass) {
-    auto at = h.rows.find(key);
-    if (at == h.rows.end()) {
-        if (pass.state == result_state::ok && held + bytes_of(pass) > max_bytes / 10 * 9) {
-            not_kept.now++;
-            return;
-        }
-        row& first = h.rows[key];
-        first = pass;
-        first.before = pass.state;
-        first.since_before = pass.since;
-        held += bytes_of(first);
-        return;
+void table_state::apply(host& h, int64_t now, const agent_state& found) {
+    if (h.silent && !found.silent) {
+        hear(h, now);
     }
-    row& old = at->second;
-    held -= bytes_of(old);
-    if (continues(old, pass)) {
-        old.received = pass.received;
-        old.last_pid = pass.last_pid;
-        old.parts++;
-        old.bad_parts += pass.bad_parts;
-        if (pass.state > old.state) {
-            old.state = pass.state;
-            old.text = pass.text;
+    h.silent = found.silent;
+    for (const test_status& test : found.tests) {
+        auto at = h.rows.find({test.type, test.number.value_or(0)});
+        if (at != h.rows.end()) {
+            row& known = at->second;
+            held -= bytes_of(known);
+            settle_text(known, test);
+            settle_state(known, test, now);
+            held += bytes_of(known);
         }
-    } else {
-        row next = pass;
-        next.before = old.state;
-        next.since_before = old.since;
-        old = std::move(next);
     }
-    old.since = old.state == old.before ? old.since_before : pass.since;
-    held += bytes_of(old);
+    make_room(now);
 }
 
-void table_state::follow(const std::vector<planned_test>& tests, const planned_intervals& wanted,
-                         int64_t now) {
-    if (planned) {
-        longer = {static_cast<int32_t>(poll_interval(now)),
-                  static_cast<int32_t>(check_interval(now))};
-        longer_until = now + 3 * std::max<int64_t>({longer.poll, longer.check, 20});
+/* Takes in a row that there is not yet. */
+void table_state::put(host& h, const test_key& key, row first) {
+    if (first.kind() == row_kind::fine && held + bytes_of(first) > max_bytes / 10 * 9) {
+        not_kept.now++;
+        return;
     }
-    intervals = wanted;
-    planned = true;
+    auto [at, added] = h.rows.try_emplace(key, std::move(first));
+    held += added ? bytes_of(at->second) : 0;
+}
+
+void table_state::follow(const plan_summary& wanted, int64_t now) {
+    awaited.follow(wanted, now);
+    planned = wanted.is_planned;
     plan_since = now;
-    plan.clear();
-    for (const planned_test& test : tests) {
-        plan.insert({test.type, test.id});
-    }
+    plan = {wanted.tests.begin(), wanted.tests.end()};
     plan_repeats =
         static_cast<size_t>(std::count_if(plan.begin(), plan.end(), [](const test_key& key) {
             return key.first != protocol::discovery.code;
         }));
     for (auto& [name, h] : hosts) {
         for (auto r = h.rows.begin(); r != h.rows.end();) {
-            bool gone = r->second.state != result_state::strange && !plan.contains(r->first);
+            bool gone = !r->second.strange && !is_kept(r->first);
             held -= gone ? bytes_of(r->second) : 0;
             r = gone ? h.rows.erase(r) : std::next(r);
         }
@@ -209,15 +292,15 @@ void table_state::make_room(int64_t now) {
     }
     /* More than is needed, so that this is rare. */
     size_t target = max_bytes / 20 * 19;
-    drop_rows(result_state::ok, target, not_kept);
-    drop_rows(result_state::strange, target, not_kept);
+    drop_rows(row_kind::fine, target, not_kept);
+    drop_rows(row_kind::strange, target, not_kept);
     drop_hosts(target);
-    drop_rows(result_state::problem, target, problems_lost);
+    drop_rows(row_kind::problem, target, problems_lost);
     drop_hosts(target);
 }
 
 /* Of the hosts that have the most of them, first. */
-void table_state::drop_rows(result_state which, size_t target, recent_count& counted) {
+void table_state::drop_rows(row_kind which, size_t target, recent_count& counted) {
     struct victim {
         size_t number; /* of its kind on its host */
         host* on;
@@ -227,7 +310,7 @@ void table_state::drop_rows(result_state which, size_t target, recent_count& cou
     for (auto& [name, h] : hosts) {
         size_t number = 0;
         for (const auto& [key, r] : h.rows) {
-            if (held > target && r.state == which) {
+            if (held > target && r.kind() == which) {
                 victims.push_back({number++, &h, key});
             }
         }

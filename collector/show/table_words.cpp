@@ -96,10 +96,10 @@ std::string test_label(const test_key& key, size_t columns) {
 
 std::string parts_text(const row& r) {
     if (r.parts < 2) {
-        return r.text;
+        return r.shown.text;
     }
     std::string number = std::to_string(r.parts) + " processes: ";
-    return (r.bad_parts > 0 ? std::to_string(r.bad_parts) + " of " : "") + number + r.text;
+    return (r.bad_parts > 0 ? std::to_string(r.bad_parts) + " of " : "") + number + r.shown.text;
 }
 
 std::string text_of(const count& tests) {

@@ -377,7 +377,7 @@ TEST(output, log_ins_are_lines_where_there_is_no_table) {
             make_output(output_kind::quiet, {.fd = out.writer(), .problem_fd = problems.writer()});
         o->on_note("login: web1");
         o->on_ready("not here");
-        o->on_plan({{1, 1, "POL\t0\t5"}});
+        o->on_plan({});
     }
     EXPECT_EQ(problems.read_all(), "vindral-collector: login: web1\n");
 }
@@ -406,31 +406,91 @@ struct terminal {
     }
 };
 
-struct store_with_a_past : result_reader {
-    std::string place() const override { return ""; }
-    bool for_each_agent(const std::function<void(const known_agent&)>& each,
-                        std::string&) override {
+/* A store that has nothing but agents and open blocks. */
+struct bare_store : result_reader {
+    using text = std::string;
+    text place() const override { return ""; }
+    bool read_agent(int64_t, const std::function<void(const known_agent&)>&, text&) override {
+        return true;
+    }
+    bool read_agent(std::string_view, std::string_view,
+                    const std::function<void(const known_agent&)>&, text&) override {
+        return true;
+    }
+    std::optional<known_test_row> find_test(int64_t) override { return std::nullopt; }
+    bool for_each_block(int64_t, const std::function<bool(const open_block&)>&, text&) override {
+        return true;
+    }
+    bool for_each_chunk(int64_t, int64_t, const std::function<bool(const packed_chunk&)>&,
+                        const std::function<bool(const packed_chunk&)>&, text&) override {
+        return true;
+    }
+    bool for_each_roll_up(resolution, int64_t, int64_t, int64_t,
+                          const std::function<void(int64_t, std::string_view)>&, text&) override {
+        return true;
+    }
+    bool for_each_event(const event_filter&, const std::function<bool(const stored_event&)>&,
+                        text&) override {
+        return true;
+    }
+    bool for_each_ledger_row(int64_t, int64_t, int64_t,
+                             const std::function<bool(const ledger_row&)>&, text&) override {
+        return true;
+    }
+    bool read_inventory(int64_t, uint32_t, int64_t,
+                        const std::function<void(const stored_inventory&)>&, text&) override {
+        return true;
+    }
+    bool for_each_definition(uint32_t, int32_t, const std::function<void(const test_definition&)>&,
+                             text&) override {
+        return true;
+    }
+    std::optional<int64_t> read_fact(const char*) override { return std::nullopt; }
+};
+
+static known_agent known_as(int64_t id, std::string_view name, int64_t last_seen,
+                            std::string_view state) {
+    known_agent a;
+    a.id = id;
+    a.account = "a@b.c";
+    a.agent = name;
+    a.last_seen = last_seen;
+    a.state = state;
+    return a;
+}
+
+struct store_with_a_past : bare_store {
+    bool for_each_agent(const std::function<void(const known_agent&)>& each, text&) override {
         int64_t now = time(nullptr);
         for (int i = 0; i < 500; i++) {
-            std::string name = "host" + std::to_string(i);
-            each({"a@b.c", name, "192.0.2.1", "1", now - 100000, now - 30});
+            std::string name = "host" + std::to_string(i), packed;
+            agent_state agent;
+            agent.last_block = i + 1;
+            for (int number : {5, 6}) {
+                bool bad = i == 7 && number == 6;
+                agent.tests.push_back({.id = 2 * i + number,
+                                       .type = type_load_average,
+                                       .number = number,
+                                       .now = bad ? state::problem : state::ok,
+                                       .since = now - 40,
+                                       .received = now - 40,
+                                       .time = noon,
+                                       .claimed = noon,
+                                       .block = i + 1});
+            }
+            agent.pack(packed);
+            if (i == 8) {
+                packed = "damaged";
+            }
+            each(known_as(i + 1, name, now - 30, packed));
         }
         return true;
     }
-    bool for_each_latest(const std::function<void(const latest_result&)>& each,
-                         std::string&) override {
-        std::string fine = load_record(5, noon), bad = load_record(6, noon, 2, "too high\n");
-        for (int i = 0; i < 500; i++) {
-            std::string name = "host" + std::to_string(i);
-            each({"a@b.c", name, time(nullptr) - 30, fine});
-            each({"a@b.c", name, time(nullptr) - 40, i == 7 ? bad : fine});
-            each({"a@b.c", name, time(nullptr) - 40, "no record"});
-        }
-        return true;
-    }
-    bool
-    for_each_tested(const std::function<void(const known_agent&, std::span<const latest_entry>)>&,
-                    std::string&) override {
+    bool for_each_block(int64_t row, const std::function<bool(const open_block&)>& each,
+                        text&) override {
+        std::string records =
+            load_record(5, noon) + load_record(6, noon, row == 8 ? 2 : 0, "too high\n");
+        each({.row = row, .received = time(nullptr) - 40, .records = records});
         return true;
     }
 };
@@ -442,7 +502,9 @@ TEST(table, begins_with_what_the_store_knows) {
     auto o = make_output(output_kind::table, {.fd = screen.slave, .max_queued = 20000});
     store_with_a_past stored;
     o->begin(stored);
-    screen.read_until("1 problem, 500 ok - 501 tests on 500 hosts");
+    screen.read_until("1 problem, 997 ok - 998 tests on 500 hosts");
+    screen.read_until("load average 6  for ");
+    screen.read_until("too high");
 }
 
 TEST(table, shows_the_lines_for_hosts_until_an_agent_is_known_but_no_log_ins) {
@@ -471,20 +533,31 @@ TEST(table, tests_that_leave_the_plan_leave_the_screen) {
     show(*o, load_record(5, noon));
     show(*o, load_record(6, noon));
     screen.read_until("2 tests on 1 host");
-    o->on_plan({{1, 1, "LAA\t5\t1\t-1\t-1\t-1"}});
+    o->on_plan({.every = {}, .is_planned = true, .tests = {{type_load_average, 5}}});
     screen.read_until("1 test on 1 host");
 }
 
-struct store_with_an_agent : store_with_a_past {
-    bool for_each_agent(const std::function<void(const known_agent&)>& each,
-                        std::string&) override {
-        each({"a@b.c", "web1", "", "", noon, noon});
-        return true;
-    }
-    bool for_each_latest(const std::function<void(const latest_result&)>&, std::string&) override {
+struct store_with_an_agent : bare_store {
+    bool for_each_agent(const std::function<void(const known_agent&)>& each, text&) override {
+        each(known_as(1, "web1", noon, ""));
         return true;
     }
 };
+
+TEST(table, shows_what_becomes_of_an_agent) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    show(*o, load_record(5, noon));
+    screen.read_until("all ok - 1 test on 1 host");
+    agent_state agent;
+    agent.tests.push_back({.type = type_load_average, .number = 5, .now = state::stale});
+    o->on_agent("a@b.c", "web1", agent, {});
+    screen.read_until(" 1 stale - 1 test on 1 host");
+    agent.silent = true;
+    o->on_agent("a@b.c", "web1", agent, {});
+    screen.read_until(" 1 host silent");
+}
 
 TEST(table, a_terminal_that_takes_nothing_costs_no_state) {
     terminal screen(24, 80);

@@ -2,9 +2,13 @@
 
 #include "base/text.h"
 #include "collector_test_support.h"
+#include "plan/definitions.h"
 #include "show/table_words.h"
+#include "state/take.h"
+#include "state/watch.h"
 
 #include <gtest/gtest.h>
+#include <map>
 
 static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
 
@@ -54,36 +58,124 @@ static std::string text_of(const std::vector<std::string>& lines) {
     return text;
 }
 
+/* A table that is told what the store tells it: each result, and behind it what becomes of the
+ * agent; and, whenever a screen is drawn, of whom nothing came for too long. */
 struct table_test : testing::Test {
     live_table table{noon};
     int64_t now = noon;
+    using agent_name = std::pair<std::string, std::string>; /* account, agent */
+    std::map<agent_name, agent_state> agents;
+    std::map<int64_t, agent_name> names; /* by id */
+    std::map<agent_name, int64_t> ids;
+    expected awaited;
+    watch overdue{noon};
 
+    int64_t id_of(const agent_name& name) {
+        auto [at, added] = ids.try_emplace(name, static_cast<int64_t>(ids.size()) + 1);
+        names[at->second] = name;
+        return at->second;
+    }
+    void tell(const agent_name& name) { table.take(name.first, name.second, now, agents[name]); }
     void add_bytes(const std::string& agent, const std::string& bytes,
                    const std::string& account = "a@b.c") {
-        table.take(account, agent, now, decode(bytes));
+        add_block(agent, {bytes}, account);
     }
+    void add_block(const std::string& agent, const std::vector<std::string>& block,
+                   const std::string& account = "a@b.c") {
+        std::vector<decoded_record> records;
+        for (const std::string& bytes : block) {
+            record r = decode(bytes);
+            records.push_back({r, summarize(r)});
+            table.take(account, agent, now, r);
+        }
+        agent_name name{account, agent};
+        agent_state& state = agents[name];
+        outcome out;
+        if (overdue.heard(id_of(name), now)) {
+            take_heard(state, now, out);
+        }
+        std::vector<size_t> places;
+        patience how_long{.interval = awaited.at(now).check,
+                          .stale_after = awaited.stale_after(now)};
+        take_results(state, records, now, how_long, out, places);
+        for (size_t place : places) {
+            if (place != SIZE_MAX && state.tests[place].number) {
+                const test_status& test = state.tests[place];
+                overdue.came(id_of(name), {test.type, *test.number}, now);
+            }
+        }
+        tell(name);
+    }
+    /* A poll without results. */
+    void hear(const std::string& agent) {
+        agent_name name{"a@b.c", agent};
+        table.hear(name.first, name.second, now);
+        outcome out;
+        if (overdue.heard(id_of(name), now)) {
+            take_heard(agents[name], now, out);
+            tell(name);
+        }
+    }
+    /* From before the start. */
+    void know(const std::string& agent, int64_t received, const std::vector<std::string>& block) {
+        agent_name name{"a@b.c", agent};
+        agent_state& state = agents[name];
+        outcome out;
+        std::vector<size_t> places;
+        std::vector<decoded_record> records;
+        for (const std::string& bytes : block) {
+            record r = decode(bytes);
+            records.push_back({r, summarize(r)});
+        }
+        take_results(state, records, received, {}, out, places);
+        overdue.know(id_of(name), state.silent, noon);
+        for (const test_status& test : state.tests) {
+            overdue.know(id_of(name), {test.type, test.number.value_or(0)}, false, noon);
+        }
+        table.know(name.first, name.second, received, state);
+        for (const decoded_record& r : records) {
+            table.know(name.first, name.second, received, r.content);
+        }
+    }
+    void look_for_overdue() {
+        std::vector<watch::overdue> found;
+        overdue.find_overdue(awaited, now, SIZE_MAX, found);
+        for (const watch::overdue& each : found) {
+            const agent_name& name = names[each.agent];
+            outcome out;
+            if (each.silent) {
+                take_silence(agents[name], now, out);
+            } else {
+                take_stale(agents[name], each.tests, now, out);
+            }
+            tell(name);
+        }
+    }
+
     void add(const std::string& agent, uint32_t test, uint32_t status = 0,
              const std::string& message = "fine\n") {
         add_bytes(agent, load_record(test, now, status, message));
     }
-    void add_process(uint32_t test, uint32_t pid, uint32_t status, int64_t checked,
-                     const std::string& message = "") {
+    static std::string process(uint32_t test, uint32_t pid, uint32_t status, int64_t checked,
+                               const std::string& message = "") {
         record_builder b{.ui32 = {43, test, 7, pid, status}, .i64 = {checked}, .d64 = {1, 2, 3}};
         if (message.empty()) {
             b.missing_strings = 1;
         } else {
             b.strings = {message};
         }
-        add_bytes("web1", b.bytes());
+        return b.bytes();
     }
     void plan(const std::vector<std::string>& lines) {
         std::vector<plan_line> list;
         for (const std::string& line : lines) {
             list.push_back({list.size() + 1, static_cast<int>(list.size()) + 1, line});
         }
-        table.follow(planned_tests(list), intervals_of(list), now);
+        awaited.follow(summary_of(list), now);
+        table.follow(summary_of(list), now);
     }
     std::vector<std::string> screen(size_t rows = 24, size_t columns = 100) {
+        look_for_overdue();
         table_screen s{rows, columns, true};
         return screen_of(table.draw(s, now), s);
     }
@@ -114,8 +206,10 @@ TEST_F(table_test, one_host_has_a_line_and_its_tests_below) {
               "  ! load average 6  for 7s   no answer  load1 0.5 load5 0.25 load15 0.125\n"
               "    load average 5  7s ago   load1 0.5 load5 0.25 load15 0.125  fine\n");
     now += 1000;
+    add("web1", 5);
     add("web1", 6, 10, "no answer\n"); /* still */
     EXPECT_NE(text().find("  ! load average 6  for 16m  no answer"), std::string::npos) << text();
+    now++;
     add("web1", 6, 0);
     EXPECT_EQ(screen()[0].substr(0, 25), " all ok - 2 tests on 1 ho");
     EXPECT_EQ(screen()[1], "web1  2 ok");
@@ -157,7 +251,7 @@ TEST_F(table_test, an_object_of_a_get_that_is_out_of_its_limits_is_a_problem) {
     record_builder bad{.ui32 = {9, 2}, .strings = {"25", "OID:  1.3\nValue:  25\n"}};
     record_builder bare{.ui32 = {9, 2}, .missing_strings = 2};
     record_builder get{.ui32 = {57, 5, 7, 0, 2},
-                       .i64 = {9},
+                       .i64 = {now},
                        .d64 = {1.5},
                        .strings = {"New results are available.\n"},
                        .nested = {good.bytes(), bad.bytes()}};
@@ -167,38 +261,69 @@ TEST_F(table_test, an_object_of_a_get_that_is_out_of_its_limits_is_a_problem) {
               std::string::npos)
         << text();
     get.nested.push_back(bare.bytes());
+    get.i64 = {++now};
     add_bytes("web1", get.bytes());
     EXPECT_NE(text().find("OID: 1.3 Value: 25 (and 1 more)  objects"), std::string::npos) << text();
+    get.i64 = {++now};
     get.nested = {bare.bytes(), good.bytes()}; /* one whose strings are empty */
     add_bytes("web1", get.bytes());
-    EXPECT_NE(text().find("! snmp 5  for 0s   limit reached  objects"), std::string::npos)
+    EXPECT_NE(text().find("! snmp 5  for 2s   limit reached  objects"), std::string::npos)
         << text();
+    get.i64 = {++now};
     get.nested = {good.bytes()};
     add_bytes("web1", get.bytes());
     EXPECT_EQ(screen()[1], "web1  1 ok");
 }
 
 TEST_F(table_test, a_process_among_several_is_a_problem_until_all_are_well) {
-    add_process(3, 10, 0, noon);
-    add_process(3, 11, 2, noon, "Current CPU usage: 91%");
-    add_process(3, 12, 0, noon + 1);
+    add_block("web1", {process(3, 10, 0, noon), process(3, 11, 2, noon, "Current CPU usage: 91%"),
+                       process(3, 12, 0, noon + 1)});
     EXPECT_NE(text().find("! process 3  for 0s   1 of 3 processes: Current CPU usage: 91%  pid 11"),
               std::string::npos)
         << text();
     now += 60; /* the next pass: the state has not changed in between */
-    add_process(3, 10, 0, noon + 60);
-    add_process(3, 11, 2, noon + 60, "Current CPU usage: 92%");
+    add_block("web1", {process(3, 10, 0, noon + 60),
+                       process(3, 11, 2, noon + 60, "Current CPU usage: 92%")});
     EXPECT_NE(text().find("! process 3  for 60s  1 of 2 processes: Current CPU usage: 92%  pid 11"),
               std::string::npos)
         << text();
     now += 60;
-    add_process(3, 10, 0, noon + 120);
-    add_process(3, 11, 0, noon + 120);
+    add_block("web1", {process(3, 10, 0, noon + 120), process(3, 11, 0, noon + 120)});
     EXPECT_NE(text().find("    process 3  0s ago   2 processes: pid 10"), std::string::npos)
         << text();
     now += 1; /* passes a second apart are told apart by the ids */
-    add_process(3, 10, 3, noon + 121, "gone");
+    add_block("web1", {process(3, 10, 3, noon + 121, "gone")});
     EXPECT_EQ(text().find("processes"), std::string::npos) << text();
+}
+
+TEST_F(table_test, a_pass_that_is_well_so_far_shows_what_was_wrong_until_it_is_whole) {
+    add_block("web1", {process(3, 10, 0, noon), process(3, 11, 2, noon, "Current CPU usage: 91%")});
+    now += 60;
+    add_block("web1", {process(3, 10, 0, noon + 60)});
+    EXPECT_NE(text().find("! process 3  for 60s  Current CPU usage: 91%  pid 11"),
+              std::string::npos)
+        << text();
+    add_block("web1", {process(3, 11, 0, noon + 60)});
+    EXPECT_NE(text().find("    process 3  0s ago   2 processes: pid 1"), std::string::npos)
+        << text();
+}
+
+/* What was late does not change what is shown of what came before it. */
+TEST_F(table_test, what_is_overtaken_changes_no_line) {
+    plan({"CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    now += 3600;
+    add_bytes("web1", load_record(1, now, 2, "high\n"));
+    add_block("web1", {load_record(1, now - 3000, 0, "low\n"), load_record(2, now)});
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok");
+    EXPECT_NE(text().find("! load average 1  for 0s   high"), std::string::npos) << text();
+}
+
+TEST_F(table_test, between_a_result_and_its_state_the_old_line_is_shown) {
+    add("web1", 1);
+    record bad = decode(load_record(1, now + 60, 2, "high\n"));
+    table.take("a@b.c", "web1", now + 60, bad);
+    EXPECT_NE(text().find("    load average 1  0s ago   load1 0.5"), std::string::npos) << text();
+    EXPECT_EQ(text().find("high"), std::string::npos);
 }
 
 TEST_F(table_test, records_that_nobody_knows_are_shown_as_unclear) {
@@ -228,18 +353,17 @@ TEST_F(table_test, a_host_that_says_nothing_for_three_polls_is_silent) {
     std::string frame = table.draw({}, now);
     EXPECT_NE(frame.find("\033[31mweb1  silent for 91s"), frame.npos);
     now += 60;
-    table.hear("a@b.c", "web2", now);
+    hear("web2");
     now += 60;
-    table.hear("a@b.c", "web1", now); /* its results come with the next poll */
+    hear("web1"); /* its results come with the next poll */
     EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok");
     EXPECT_EQ(screen()[4], "web2  2 stale");
 }
 
 TEST_F(table_test, silence_counts_from_our_own_start) {
     plan({"POL\t0\t60", "CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
-    table.know("a@b.c", "web1", noon - 7200);
-    table.know("a@b.c", "web1", noon - 7200, decode(load_record(1, 1)));
-    table.know("a@b.c", "web1", noon - 7300, decode(load_record(2, 1, 2, "high\n")));
+    know("web1", noon - 7200,
+         {load_record(1, noon - 7200), load_record(2, noon - 7200, 2, "high\n")});
     EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok, last heard 2h ago");
     EXPECT_NE(text().find("! load average 2  for 2h   high"), std::string::npos) << text();
     now += 180;
@@ -253,8 +377,7 @@ TEST_F(table_test, silence_counts_from_our_own_start) {
 }
 
 TEST_F(table_test, what_the_store_has_from_the_future_is_of_now) {
-    table.know("a@b.c", "web1", noon + 1000000);
-    table.know("a@b.c", "web1", noon + 1000000, decode(load_record(1, 1, 2, "high\n")));
+    know("web1", noon + 1000000, {load_record(1, noon + 1000000, 2, "high\n")});
     now += 200;
     EXPECT_EQ(screen()[1], "web1  silent for 3m, before that 1 problem");
 }
@@ -269,20 +392,26 @@ TEST_F(table_test, a_test_without_a_result_for_three_intervals_is_stale) {
                   .bytes());
     for (int i = 0; i < 3; i++) {
         now += 60;
-        table.hear("a@b.c", "web1", now);
+        hear("web1");
     }
     EXPECT_EQ(screen()[1], "web1  1 problem, 2 ok");
     now += 1;
-    /* One that was a problem stays one. */
-    EXPECT_EQ(screen()[1], "web1  1 problem, 1 stale, 1 ok");
-    EXPECT_NE(text().find("! load average 2  for 3m   (no result for 3m) high"), std::string::npos)
+    EXPECT_EQ(screen()[1], "web1  2 stale, 1 ok");
+    EXPECT_NE(text().find("? load average 2  3m ago   stale, was a problem: high"),
+              std::string::npos)
         << text();
     EXPECT_NE(text().find("? load average 1  3m ago   stale, was ok: load1"), std::string::npos)
         << text();
+    add("web1", 2, 2, "high\n");
+    EXPECT_EQ(screen()[1], "web1  1 problem, 1 stale, 1 ok");
+}
+
+TEST_F(table_test, without_an_interval_nothing_is_stale_or_unknown) {
     plan({"POL\t0\t30", "LAA\t1" + load_test, "LAA\t2" + load_test});
+    add("web1", 1);
     now += 1000;
-    table.hear("a@b.c", "web1", now);
-    EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok"); /* no interval, no staleness */
+    hear("web1");
+    EXPECT_EQ(screen()[1], "web1  1 ok");
 }
 
 TEST_F(table_test, a_shorter_interval_makes_nothing_stale_before_agents_have_it) {
@@ -299,10 +428,12 @@ TEST_F(table_test, a_planned_test_without_any_result_is_unknown_after_a_while) {
     plan({"CHK\t0\t60", "LAA\t1" + load_test, "LAA\t2" + load_test});
     add("web1", 1);
     EXPECT_EQ(screen()[1], "web1  1 ok");
-    now += 150;
+    now += 90;
     add("web1", 1);
-    now += 151;
+    now += 90;
     add("web1", 1);
+    EXPECT_EQ(screen()[1], "web1  1 ok");
+    now += 1;
     EXPECT_EQ(screen()[1], "web1  1 unknown, 1 ok");
     EXPECT_EQ(screen()[2], "  ? load average 2           unknown: no result yet");
     EXPECT_NE(screen()[0].find(" 1 unknown, 1 ok - 2 tests on 1 host"), std::string::npos);
@@ -489,7 +620,7 @@ TEST_F(table_test, invented_tests_cost_bounded_memory_and_hide_no_problem) {
 TEST_F(table_test, invented_hosts_cost_bounded_memory_and_drive_out_no_other) {
     const size_t bound = 200000;
     table = live_table(noon, bound);
-    table.know("a@b.c", "old", noon - 50000);
+    table.know("a@b.c", "old", noon - 50000, agent_state{});
     add("honest", 1, 2, "this is wrong\n");
     now++;
     for (uint32_t i = 0; i < 5000; i++) {

@@ -260,11 +260,11 @@ void show() {
         printf("agent %" PRId64 " %s since %" PRId64 "\n", id,
                std::string(state_word(under_way.worst())).c_str(), under_way.since);
         for (const test_status& test : under_way.tests) {
-            printf("test %" PRId64 " %s %s since %" PRId64 " time %" PRId64 " received %" PRId64
-                   " location %d shown %s since %" PRId64 "\n",
+            printf("test %" PRId64 " %s %s since %" PRId64 " time %" PRId64 " reached %" PRId64
+                   " received %" PRId64 " location %d shown %s since %" PRId64 "\n",
                    id, key_text(test.type, test.number).c_str(),
-                   std::string(state_word(test.now)).c_str(), test.since, test.time, test.received,
-                   test.location.value_or(-1),
+                   std::string(state_word(test.now)).c_str(), test.since, test.time, test.reached,
+                   test.received, test.location.value_or(-1),
                    std::string(state_word(shown_state(under_way, test))).c_str(),
                    shown_since(under_way, test));
         }

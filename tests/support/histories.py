@@ -52,14 +52,14 @@ def process(number, location, status, dice):
     count = dice.choice((1, 1, 2, 3, 3, 3, 4))
     if status and dice.random() < 0.3:
         text = "The process is not running"
-        return [halves((43, number, location, 0, 3), (0, 0, 0), (text,), said=(43, number, location, 3, text))]
+        return [halves((43, number, location, 0, 3), (0, 0, 0), (text,), said=(43, number, location, 3, text, 0))]
     found = []
     bad = dice.randrange(count) if status else None
     for n in range(count):
         text = "Current CPU usage: 91.25%% / Max value: %d" % n if n == bad else ""
         one = 2 if n == bad else 0
         found.append(halves((43, number, location, 100 + n, one), (1.5, 20, 30), (text,),
-                            said=(43, number, location, one, text)))
+                            said=(43, number, location, one, text, 100 + n)))
     return found
 
 
@@ -116,7 +116,7 @@ def one_pass(kind, number, location, bad, dice):
 def dated(halves_of, claimed):
     """Bytes and Said of a pass at a time."""
     stamp = struct.pack("<q", claimed)
-    return [(before + stamp + behind, Said(said[0], said[1], said[2], claimed, said[3], said[4]))
+    return [(before + stamp + behind, Said(said[0], said[1], said[2], claimed, *said[3:]))
             for before, behind, said in halves_of]
 
 
@@ -149,7 +149,11 @@ class Test:
             self.bad = not self.bad
         if self.kind == state_model.MYSQL:
             claimed = (claimed + 64) // 128 * 128
-        return dated(one_pass(self.kind, self.number, self.location, self.bad, dice), claimed)
+        found = one_pass(self.kind, self.number, self.location, self.bad, dice)
+        if self.kind == state_model.PROCESS and len(found) > 1 and dice.random() < 0.1:  # it takes its time
+            turn = dice.randrange(1, len(found))
+            return dated(found[:turn], claimed) + dated(found[turn:], claimed + dice.choice((1, 1, 2)))
+        return dated(found, claimed)
 
 
 class Agent:
@@ -259,9 +263,10 @@ class History:
             for key in sorted(state.tests, key=state_model.order_of):
                 test = state.tests[key]
                 shown = state.shown(test)
-                self.changes("test %d %s %s since %d time %d received %d location %d shown %s since %d" % (
-                    number, key_text(key), state_model.WORDS[test.now], test.since, test.time, test.received,
-                    -1 if test.location is None else test.location, state_model.WORDS[shown[0]], shown[1]))
+                self.changes("test %d %s %s since %d time %d reached %d received %d location %d shown %s since %d" % (
+                    number, key_text(key), state_model.WORDS[test.now], test.since, test.last.time, test.reached,
+                    test.received, -1 if test.location is None else test.location, state_model.WORDS[shown[0]],
+                    shown[1]))
             for hour in sorted(state.ledger):
                 self.changes("hour %d %d %d %d %d" % (number, hour, *state.ledger[hour]))
 
@@ -277,6 +282,8 @@ class History:
         self.at(now + (self.check_every or self.interval), self.check, agent, life)
         dice = self.dice
         claimed = EPOCH + now + agent.clock
+        agent.cache += agent.rest
+        agent.rest = []
         for test in agent.tests:
             if test.hangs_until > now:
                 if test.withheld is not None:

@@ -11,14 +11,17 @@ UNKNOWN, OK, PROBLEM, STALE, SILENT = range(5)
 WORDS = ("unknown", "ok", "problem", "stale", "silent")
 
 SKEW_S = 300
+PASS_S = 2
+COARSE_S = 128
 MAX_GAP_S = 31 * 86400
+OVERTAKEN_REACH = False
 
 DISCOVERY, PROCESS, MYSQL = 40, 43, 74
 INVENTORIES = (39, 42, 45)
 
 # What a record says. `status` as it is judged, parts included; None where nothing is. Records of a type that is not
 # known have neither number nor claimed time nor location.
-Said = collections.namedtuple("Said", "type number location claimed status message")
+Said = collections.namedtuple("Said", "type number location claimed status message pid", defaults=(0,))
 
 # `test` None: of the agent itself.
 Change = collections.namedtuple("Change", "test time before after message")
@@ -30,11 +33,35 @@ class Test:
         self.since = 0
         self.received = 0
         self.location = None
-        self.time = None  # of the last pass, as reckoned; None: there was none
-        self.claimed = None
-        self.parts = self.bad = self.before = 0  # records of the last pass, problems of them, records of the one before
-        self.overtaken = None  # claimed time of the pass that was overtaken in this call
-        self.held = None  # number of the call that brought the pass that may be ok again
+        self.last = None  # Pass: of those that count
+        self.reached = 0
+        self.parts_before = 0
+        self.arriving = None  # Pass: the last one of all, also one that was overtaken
+        self.held = False  # the last pass may be ok
+
+
+class Pass:
+    def __init__(self, said, arrival):
+        self.first = said
+        self.claimed = arrival if said.claimed is None else said.claimed
+        self.pid = said.pid
+        self.time = reckoned(said, arrival)
+        self.parts = self.bad = 0
+        self.message = ""  # of what came of it in this call
+        self.bad_here = 0
+        self.is_overtaken = False
+        self.call = None  # the last one that brought something of it
+
+    def relation(self, said):
+        """Of the next record of the test: "part", "repetition" or "another"."""
+        if said.type == MYSQL or said.number is None or said.location != self.first.location:
+            return "another"
+        if said.type != PROCESS:
+            return "part" if said.claimed == self.claimed else "another"
+        if said.claimed == self.claimed:
+            return "part" if said.pid > self.pid else "repetition"
+        is_part = self.claimed < said.claimed <= self.claimed + PASS_S and said.pid > self.pid > 0
+        return "part" if is_part else "another"
 
 
 def order_of(key):
@@ -52,94 +79,119 @@ class Agent:
         self.since = 0
         self.ledger = {}  # hour -> [received, repeated, missing]
         self.calls = 0
+        self.arrival = 0
 
     # ---- ledger ----
 
     def count(self, time, column):
         self.ledger.setdefault(time - time % 3600, [0, 0, 0])[column] += 1
 
-    def count_gap(self, test, said, time, interval):
-        if (test.time is None or said.number is None or said.type == DISCOVERY or not interval
-                or said.location != test.location):
+    def count_missing(self, test, new, interval):
+        if (new.first.number is None or new.first.type == DISCOVERY or not interval or new.time <= test.reached
+                or new.first.location != test.last.first.location):
             return
-        distance = time - test.time
-        if 2 * distance <= 3 * interval or distance > MAX_GAP_S:
+        distance = new.claimed - test.last.claimed
+        if new.first.type == MYSQL:
+            distance -= COARSE_S
+        distance = min(distance, new.time - test.reached)
+        if 2 * distance <= 3 * interval or distance > MAX_GAP_S or self.arrival - new.time > MAX_GAP_S:
             return
         for place in range(1, round_half_up(distance, interval)):
-            self.count(test.time + place * interval, 2)
+            self.count(new.time - place * interval, 2)
 
     # ---- results ----
 
     def take_results(self, records, arrival, interval, stale_after):
-        """Returns the changes."""
+        """Returns the changes; those of a test are in order."""
         self.calls += 1
+        self.arrival = arrival
         changes = []
         records = [said for said in records if said.type not in INVENTORIES]
         newest = [said.claimed for said in records if said.claimed is not None and said.type != MYSQL]
         late_before = min(max(newest, default=arrival), arrival) - stale_after
-        for test in self.tests.values():
-            test.overtaken = None
+        brought = {}
         for said in records:
             key = (said.type, said.number)
             test = self.tests.setdefault(key, Test())
             test.received = arrival
-            claimed = arrival if said.claimed is None else said.claimed
-            if said.type != MYSQL and test.overtaken == claimed:
+            relation = test.arriving.relation(said) if test.arriving else "another"
+            if relation == "another" and test.arriving is not test.last and test.last.relation(said) != "another":
+                relation, test.arriving = test.last.relation(said), test.last
+            if relation == "repetition":
                 continue
-            if said.type == MYSQL or test.claimed != claimed or test.time is None:
-                time = reckoned(said, arrival)
-                self.settle(key, test, arrival, "", changes)
-                if not self.begin_pass(test, said, time, claimed, late_before, interval):
-                    continue
-                test.back = test.time < test.since or test.back
-            test.parts += 1
-            test.bad += said.status not in (None, 0)
-            self.judge(key, test, arrival, said.message, changes)
-        for key in sorted((key for key, test in self.tests.items() if test.held is not None), key=order_of):
-            if self.tests[key].held < self.calls:
-                self.settle(key, self.tests[key], arrival, "", changes)
+            if relation == "another":
+                self.judge(key, test, changes)  # what came of the pass before in this call
+                self.settle(key, test, changes)
+                self.begin_pass(test, Pass(said, arrival), late_before, stale_after, interval)
+            current = test.arriving
+            if relation == "part" and current.time < late_before and current.time < max(test.reached, test.since):
+                current.pid = said.pid  # overtaken as far as it comes now
+                continue
+            self.add_part(test, said)
+            brought[key] = test
+        for key, test in brought.items():
+            self.judge(key, test, changes)
+        for key in sorted((key for key, test in self.tests.items() if test.held), key=order_of):
+            if self.tests[key].last.call != self.calls:
+                self.settle(key, self.tests[key], changes)
         return changes
 
-    def begin_pass(self, test, said, time, claimed, late_before, interval):
-        """False when it is overtaken."""
-        self.count(time, 0)
-        before_last = test.time is not None and time < test.time
-        before_state = time < test.since
-        if time < late_before and (before_last or before_state):
-            test.overtaken = claimed
-            if not before_last:
-                self.count_gap(test, said, time, interval)
-                test.time = time
-                test.location = said.location
-            return False
-        if not before_last:
-            self.count_gap(test, said, time, interval)
-        test.back = before_last
-        test.time, test.claimed, test.location = time, claimed, said.location
-        test.before, test.parts, test.bad = test.parts, 0, 0
-        return True
+    def begin_pass(self, test, new, late_before, stale_after, interval):
+        test.arriving = new
+        self.count(new.time, 0)
+        if test.last is not None:
+            if new.time < late_before and (new.time < test.reached or new.time < test.since):
+                new.is_overtaken = True
+                if OVERTAKEN_REACH:
+                    test.reached = max(test.reached, new.time)
+                return
+            self.count_missing(test, new, interval)
+            test.parts_before = test.last.parts
+        if test.last is None or new.time > test.reached or test.reached - new.time > stale_after:
+            test.reached = new.time
+        if new.first.number is None and test.last is None:
+            test.since = new.time
+        test.last = new
+        test.location = new.first.location
 
-    def judge(self, key, test, arrival, message, changes):
-        if test.bad:
-            test.held = None
-            self.change(key, test, PROBLEM, arrival, message, changes)
-        elif test.now == PROBLEM and key[0] == PROCESS and test.parts < test.before:
-            test.held = self.calls if test.held is None else test.held
+    def add_part(self, test, said):
+        current = test.arriving
+        is_bad = said.status not in (None, 0)
+        if current.call != self.calls or is_bad and not current.bad_here:  # the first of the worst
+            current.message = said.message
+        if current.call != self.calls:
+            current.call, current.bad_here = self.calls, 0
+        current.bad_here += is_bad
+        current.bad += is_bad
+        current.parts += 1
+        current.pid = said.pid
+
+    def judge(self, key, test, changes):
+        """By what came in this call of the test's last pass."""
+        current = test.arriving
+        if current is None or current.call != self.calls or current.is_overtaken or key[1] is None:
+            return
+        if current.bad:
+            test.held = False
+            self.change(key, test, PROBLEM, current.message, changes)
+        elif test.now == PROBLEM and key[0] == PROCESS and current.parts < test.parts_before:
+            test.held = True
         else:
-            test.held = None
-            self.change(key, test, OK, arrival, message, changes)
+            test.held = False
+            self.change(key, test, OK, current.message, changes)
 
-    def settle(self, key, test, arrival, message, changes):
+    def settle(self, key, test, changes):
         """There are no more records of the pass."""
-        if test.held is not None:
-            test.held = None
-            self.change(key, test, OK, arrival, message, changes)
+        if test.held:
+            test.held = False
+            self.change(key, test, OK, "", changes)
 
-    @staticmethod
-    def change(key, test, after, arrival, message, changes):
+    def change(self, key, test, after, message, changes):
         if test.now == after:
             return
-        time = arrival if test.back or test.time < test.since else test.time
+        time = test.last.time
+        if time < test.since:
+            time = not_before(test.since, self.arrival)
         changes.append(Change(key, time, test.now, after, message))
         test.now, test.since = after, time
 
@@ -149,10 +201,12 @@ class Agent:
             if said.type in INVENTORIES:
                 continue
             key = (said.type, said.number)
-            claimed = arrival if said.claimed is None else said.claimed
-            if said.type == MYSQL or last.get(key) != claimed:
-                self.count(reckoned(said, arrival), 1)
-            last[key] = claimed
+            relation = last[key].relation(said) if key in last else "another"
+            if relation == "another":
+                last[key] = Pass(said, arrival)
+                self.count(last[key].time, 1)
+            elif relation == "part":
+                last[key].pid = said.pid
 
     # ---- being heard, and not ----
 
@@ -171,24 +225,30 @@ class Agent:
     def take_heard(self, time):
         if not self.silent:
             return []
-        self.silent, self.since = False, time
-        return [Change(None, time, SILENT, self.worst(), "")]
+        self.silent, self.since = False, not_before(self.since, time)
+        return [Change(None, self.since, SILENT, self.worst(), "")]
 
     def take_silence(self, time):
         if self.silent:
             return []
-        before, self.silent, self.since = self.worst(), True, time
-        return [Change(None, time, before, SILENT, "")]
+        before, self.silent, self.since = self.worst(), True, not_before(self.since, time)
+        return [Change(None, self.since, before, SILENT, "")]
 
     def take_stale(self, keys, time):
         changes = []
         for key in keys:
             test = self.tests.get(key)
             if test is not None and test.now != STALE:
-                test.held = None
-                changes.append(Change(key, time, test.now, STALE, ""))
-                test.now, test.since = STALE, time
+                test.held = False
+                test.since = not_before(test.since, time)
+                changes.append(Change(key, test.since, test.now, STALE, ""))
+                test.now = STALE
         return changes
+
+
+def not_before(since, time):
+    """A clock may be that much ahead."""
+    return since if 0 < since - time <= SKEW_S else time
 
 
 def reckoned(said, arrival):
@@ -203,17 +263,19 @@ class Expected:
     def __init__(self):
         self.poll = self.check = 60
         self.longer, self.until = None, None
-        self.planned = None
+        self.plans = []  # (since when, whether tests repeat, set of (type, number) or None), the newest last
 
     def follow(self, poll, check, planned, now):
         """`planned`: a set of (type, number), or None."""
-        self.planned = planned
+        is_first = not self.plans
+        before = self.at(now)
+        self.plans.append((now, check != 0, planned))
         if (poll, check) == (self.poll, self.check):
             return
-        before = self.at(now)
         self.poll, self.check = poll, check
-        self.longer = (max(before[0], poll), max(before[1], check))
-        self.until = now + 3 * max(self.longer)
+        if not is_first:
+            self.longer = (max(before[0], poll), max(before[1], check))
+            self.until = now + 3 * max(self.longer)
 
     def at(self, now):
         return self.longer if self.until is not None and now < self.until else (self.poll, self.check)
@@ -224,9 +286,16 @@ class Expected:
     def stale_after(self, now):
         return max(60, 3 * max(self.at(now)))
 
-    def repeats(self, key):
-        return (self.check != 0 and key[1] is not None and key[0] not in INVENTORIES + (DISCOVERY,)
-                and (self.planned is None or key in self.planned))
+    def repeats_since(self, key):
+        """None: it does not."""
+        if key[1] is None or key[0] == DISCOVERY:
+            return None
+        since = -1 << 63
+        for begun, repeat, planned in reversed(self.plans):
+            if not repeat or planned is not None and key not in planned:
+                return since if since > -1 << 63 else None
+            since = begun
+        return -1 << 63
 
 
 class Watch:
@@ -270,8 +339,8 @@ class Watch:
                 silent.append(agent)
                 continue
             keys = [key for key, test in self.tests[agent].items()
-                    if not test[1] and plan.repeats(key)
-                    and now - max(test[0], known[1], self.since) > plan.stale_after(now)]
+                    if not test[1] and plan.repeats_since(key) is not None
+                    and now - max(test[0], known[1], self.since, plan.repeats_since(key)) > plan.stale_after(now)]
             for key in keys:
                 self.tests[agent][key][1] = True
             if keys:

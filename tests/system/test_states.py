@@ -77,7 +77,14 @@ def run(test, seed, agents, days, interval):
     return history, status
 
 
+def in_order(lines):
+    """Changes of one line of the history are in order of tests, those of a test as they were."""
+    return sorted(lines, key=lambda line: (int(line.split(" ")[0]), line.split(" ")[1:3]) if line[0].isdigit()
+                  else (1 << 60, []))
+
+
 def compare(test, where, found, wanted):
+    found, wanted = in_order(found), in_order(wanted)
     for place, (one, other) in enumerate(zip(found + [None] * len(wanted), wanted + [None] * len(found))):
         if one != other:
             test.fail("%s, line %d of what was said: %r, not %r; before it\n%s" % (

@@ -47,6 +47,11 @@ bool closing::run(int64_t now, int64_t newest, int64_t stale_after, const kept_f
     return true;
 }
 
+/* The one of the day that is kept no longer. What that leaves behind goes otherwise. */
+bool closing::drop(resolution r, int64_t test, int64_t from) {
+    return from == INT64_MIN || engine_.drop_roll_up(r, test, from - 1);
+}
+
 /* `test` is the last one so far; tests_ is empty when there were no more. */
 bool closing::close_tests(int64_t day, int64_t stale_after, const kept_from& kept,
                           std::string& unreadable, int64_t& test) {
@@ -58,8 +63,8 @@ bool closing::close_tests(int64_t day, int64_t stale_after, const kept_from& kep
     for (size_t i = 0; i < tests_.size() && (i == 0 || !time.is_over()); i++) {
         const int64_t id = tests_[i].id;
         if (!roll_up_day(engine_, id, day, stale_after, kept, unreadable) ||
-            !engine_.drop_roll_up(resolution::five_minutes, id, kept.five_minutes - 1) ||
-            !engine_.drop_roll_up(resolution::hour, id, kept.hour - 1)) {
+            !drop(resolution::five_minutes, id, kept.five_minutes) ||
+            !drop(resolution::hour, id, kept.hour)) {
             return false;
         }
         test = id;

@@ -40,6 +40,8 @@ private:
     bool close_tests(int64_t day, int64_t stale_after, const kept_from& kept,
                      std::string& unreadable, int64_t& test);
 
+    bool drop(resolution r, int64_t test, int64_t from);
+
     engine& engine_;
     int64_t through_ = 0, test_ = 0; /* as stored */
     std::vector<known_test_row> tests_;

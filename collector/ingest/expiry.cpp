@@ -1,43 +1,38 @@
 #include "ingest/expiry.h"
 
-#include "base/files.h"
+#include "base/text.h"
+#include "ingest/clock.h"
 
 #include <algorithm>
-#include <ctime>
-#include <fcntl.h>
-#include <unistd.h>
+#include <chrono>
+#include <cstdio>
 #include <vector>
 
 namespace {
 
 const int64_t between_drops = 3600; /* seconds */
+constexpr size_t kinds = 5;         /* of what goes by age */
 
-/* Never jumps. */
-int64_t boot_seconds() {
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    return now.tv_sec;
+/* Of YYYYMMDD: days since the epoch. */
+int64_t number_of(const std::string& day) {
+    int year = 0;
+    unsigned month = 0, of_month = 0;
+    if (sscanf(day.c_str(), "%4d%2u%2u", &year, &month, &of_month) != 3) {
+        return INT64_MIN;
+    }
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
+                                           std::chrono::day(of_month)};
+    return std::chrono::sys_days(date).time_since_epoch().count();
 }
-int64_t (*steady_clock)() = boot_seconds; /* a test pins it */
-
-/* A number of this start of the machine, from which on steady_clock counts. */
-int64_t read_boot_number() {
-    unique_fd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
-    char text[64];
-    ssize_t got = file ? read(file.get(), text, sizeof(text)) : 0;
-    return static_cast<int64_t>(
-        std::hash<std::string_view>()({text, static_cast<size_t>(std::max<ssize_t>(got, 0))}) >> 1);
-}
-int64_t (*boot_number)() = read_boot_number;
 
 } // namespace
 
 void expiry::begin() {
     std::optional<int64_t> last_run = engine_.read_fact("keep_days"); /* none in a renewed file */
-    int64_t before = last_run.value_or(keep_days_);
-    drop_at_once_ = keep_days_ > 0 && (before == 0 || keep_days_ < before);
-    if (!drop_at_once_ && last_run != keep_days_) {
-        engine_.set_fact("keep_days", keep_days_); /* otherwise with the drop */
+    int64_t before = last_run.value_or(keep_.raw);
+    drop_at_once_ = keep_.raw > 0 && (before == 0 || keep_.raw < before);
+    if (!drop_at_once_ && last_run != keep_.raw) {
+        engine_.set_fact("keep_days", keep_.raw); /* otherwise with the drop */
     }
     next_drop_ = steady_clock();
     std::optional<int64_t> dropped = engine_.read_fact("dropped");
@@ -47,55 +42,178 @@ void expiry::begin() {
             engine_.read_fact("boot") == boot_number() ? *dropped + between_drops : INT64_MAX;
         next_drop_ = std::clamp(due, next_drop_, next_drop_ + between_drops);
     }
+    to_drop_.clear();
+    days_changed_ = true;
+    known_today_ = engine_.read_fact("today");
+    if (!known_today_) {
+        known_today_ = day_of(arrival_clock());
+        engine_.set_fact("today", *known_today_);
+    }
+    next_by_age_ = steady_clock() + between_drops;
+    step_ = kinds;
 }
+
+bool expiry::run() {
+    if (!engine_.is_open()) {
+        return false;
+    }
+    if (!to_drop_.empty() || (is_due() && list_days())) {
+        return drop_some();
+    }
+    return drop_by_age();
+}
+
+/* ---- days of raw results ---- */
 
 bool expiry::is_due() {
     days_changed_ = engine_.days_changed() || days_changed_;
-    return keep_days_ > 0 && days_changed_ && engine_.is_open() && steady_clock() >= next_drop_;
+    return keep_.raw > 0 && days_changed_ && steady_clock() >= next_drop_;
 }
 
-void expiry::run() {
-    if (!is_due()) {
-        return;
-    }
-    std::string failure;
-    auto note = [&](drop_outcome outcome) {
-        failure = outcome == drop_outcome::done ? failure : engine_.reason();
-        return outcome;
-    };
+/* False when there is nothing to drop. */
+bool expiry::list_days() {
     std::vector<std::string> days;
-    note(engine_.days(days));
-    size_t kept = static_cast<size_t>(keep_days_) + 1;
-    size_t over = days.size() > kept ? days.size() - kept : 0;
-    size_t dropped = 0, damaged = 0;
-    for (size_t i = 0; i < over && (dropped == 0 || drop_at_once_); i++) {
-        drop_outcome outcome = note(drop(days[i]));
-        dropped += outcome == drop_outcome::done;
-        damaged += outcome == drop_outcome::damaged; /* does not keep the next from going */
-        if (outcome == drop_outcome::failed) {
-            break;
-        }
+    dropped_ = damaged_ = 0;
+    failure_ = engine_.days(days) == drop_outcome::done ? "" : engine_.reason();
+    size_t kept = static_cast<size_t>(keep_.raw) + 1;
+    over_ = days.size() > kept ? days.size() - kept : 0;
+    to_drop_.assign(days.begin(), days.begin() + static_cast<ptrdiff_t>(over_));
+    if (to_drop_.empty()) {
+        end_days();
     }
-    bool ok = failure.empty() || damaged > 0;
-    ok = ok && (!drop_at_once_ || engine_.set_fact("keep_days", keep_days_));
-    trouble_.report(failure.empty() ? "" : "an old day cannot be dropped: " + failure);
-    if (dropped > 0 || !ok) {
+    return !to_drop_.empty();
+}
+
+bool expiry::drop_some() {
+    switch (drop(to_drop_.front())) {
+    case drop_outcome::more:
+        return true;
+    case drop_outcome::done:
+        dropped_++;
+        to_drop_.pop_front();
+        if (!drop_at_once_) {
+            to_drop_.clear();
+        }
+        break;
+    case drop_outcome::damaged: /* does not keep the next from going */
+        failure_ = engine_.reason();
+        damaged_++;
+        to_drop_.pop_front();
+        break;
+    case drop_outcome::failed:
+        failure_ = engine_.reason();
+        to_drop_.clear();
+        break;
+    }
+    if (to_drop_.empty()) {
+        end_days();
+    }
+    return !to_drop_.empty();
+}
+
+void expiry::end_days() {
+    bool ok = failure_.empty() || damaged_ > 0;
+    ok = ok && (!drop_at_once_ || engine_.set_fact("keep_days", keep_.raw));
+    trouble_.report(failure_.empty() ? "" : "an old day cannot be dropped: " + failure_);
+    if (dropped_ > 0 || !ok) {
         next_drop_ = steady_clock() + between_drops;
     }
     drop_at_once_ = drop_at_once_ && !ok;
-    days_changed_ = !ok || over > dropped + damaged;
+    days_changed_ = !ok || over_ > dropped_ + damaged_;
 }
 
 drop_outcome expiry::drop(const std::string& day) {
-    const engine::fact facts[] = {{"dropped", steady_clock()}, {"boot", boot_number()}};
+    /* What came on days up to that one is no longer all there. One that a wrong clock made up, and
+     * that lies ahead, says nothing of that. */
+    int64_t through = engine_.read_fact("dropped_through").value_or(INT64_MIN);
+    const int64_t number = number_of(day);
+    if (number <= day_of(arrival_clock())) {
+        through = std::max(through, number);
+    }
+    const engine::fact facts[] = {
+        {"dropped", steady_clock()}, {"boot", boot_number()}, {"dropped_through", through}};
     drop_outcome outcome = engine_.drop_day(day, facts);
     if (outcome == drop_outcome::done) {
         tell_("the results of day " + day + " are dropped: --keep-days " +
-              std::to_string(keep_days_));
+              std::to_string(keep_.raw));
         std::vector<std::string> kept;
         if (engine_.days(kept) == drop_outcome::done) {
+            for (int64_t of : {arrival_clock(), arrival_clock() - day_seconds}) {
+                kept.push_back(utc_day(of)); /* of these all may lie open yet */
+            }
             aside_.keep_days(kept);
         }
     }
     return outcome;
+}
+
+/* ---- by age ---- */
+
+int64_t expiry::today() const {
+    const int64_t day = day_of(arrival_clock());
+    return std::min(day, known_today_.value_or(day));
+}
+
+kept_from expiry::roll_ups() const {
+    kept_from all;
+    if (keep_.five_minutes > 0) {
+        all.five_minutes = today() - keep_.five_minutes;
+    }
+    if (keep_.hour > 0) {
+        all.hour = today() - keep_.hour;
+    }
+    return all;
+}
+
+void expiry::follow_clock() {
+    const int64_t day = day_of(arrival_clock());
+    if (known_today_ && *known_today_ < day && engine_.set_fact("today", *known_today_ + 1)) {
+        ++*known_today_;
+    }
+}
+
+/* Some of one kind; false when all is done for an hour. */
+bool expiry::drop_by_age() {
+    if (step_ >= kinds) {
+        if (steady_clock() < next_by_age_) {
+            return false;
+        }
+        next_by_age_ = steady_clock() + between_drops;
+        step_ = 0;
+        follow_clock();
+    }
+    auto older = [&](int days, auto drop) { /* than so many days */
+                                            return days > 0 ? drop(today() - days)
+                                                            : drop_outcome::done;
+    };
+    drop_outcome outcome = drop_outcome::done;
+    switch (step_) {
+    case 0:
+        outcome = older(keep_.five_minutes, [&](int64_t day) {
+            return engine_.drop_roll_ups(resolution::five_minutes, day);
+        });
+        break;
+    case 1:
+        outcome = older(keep_.hour,
+                        [&](int64_t day) { return engine_.drop_roll_ups(resolution::hour, day); });
+        break;
+    case 2:
+        outcome =
+            older(keep_.events, [&](int64_t day) { return engine_.drop_events(start_of(day)); });
+        break;
+    case 3:
+        outcome =
+            older(keep_.ledger, [&](int64_t day) { return engine_.drop_ledger(start_of(day)); });
+        break;
+    default:
+        outcome =
+            older(keep_.raw, [&](int64_t day) { return engine_.drop_inventories(start_of(day)); });
+    }
+    if (outcome == drop_outcome::more) {
+        return true;
+    }
+    bool ok = outcome == drop_outcome::done;
+    age_trouble_.report(ok ? "" : "what is too old cannot be dropped: " + engine_.reason());
+    step_ = outcome == drop_outcome::failed ? kinds : step_ + 1;
+    return step_ < kinds;
 }

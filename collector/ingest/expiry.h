@@ -1,43 +1,76 @@
-/* When a day is dropped. Which one is told by the order in which days were written to, not by the
+/* When something is dropped.
+ *
+ * Which day of raw results goes is told by the order in which days were written to, not by the
  * clock, which may jump: of the days on which results arrived the last ones are kept. Days that a
  * wrong clock made up thus take their turn like any other, cost at most as many right ones, and
- * those go one an hour. */
+ * those go one an hour.
+ *
+ * All else goes by its age. What counts as today for that follows the clock by a day an hour at
+ * most, and back at once; so a clock that was far ahead for an hour costs a day of what is oldest.
+ */
 #ifndef VINDRAL_COLLECTOR_EXPIRY_H
 #define VINDRAL_COLLECTOR_EXPIRY_H
 
+#include "ingest/roll_up_day.h"
 #include "ingest/trouble.h"
 #include "ingest/undecodable.h"
 #include "store/engine.h"
 
 #include <cstdint>
+#include <deque>
+#include <optional>
 #include <string>
+
+/* Days that are kept; 0 keeps all. */
+struct kept_days {
+    int raw = 0, five_minutes = 0, hour = 0, events = 0, ledger = 0;
+};
 
 /* One thread. */
 class expiry {
 public:
-    expiry(engine& results, undecodable_files& aside, int keep_days, tell_function tell)
-        : engine_(results), aside_(aside), keep_days_(keep_days), tell_(std::move(tell)) {}
+    expiry(engine& results, undecodable_files& aside, const kept_days& keep, tell_function tell)
+        : engine_(results), aside_(aside), keep_(keep), tell_(std::move(tell)) {}
 
     /* A start is no reason to drop a day sooner after the last one; that fewer days are to be kept
      * is one to drop them all at once. */
     void begin();
 
-    /* Drops what is due. The days that were written to last stay: today's and keep_days before it.
-     * What fails is tried again later. */
-    void run();
+    /* Drops some of what is due, in one small transaction. The days that were written to last stay:
+     * the last one and keep_.raw before it. What fails is tried again later. False when nothing (or
+     * nothing more) is due. */
+    bool run();
+
+    /* Of which days roll-ups are kept. */
+    kept_from roll_ups() const;
 
 private:
     bool is_due();
+    bool list_days();
+    bool drop_some();
     drop_outcome drop(const std::string& day);
+    void end_days();
+    void follow_clock();
+    bool drop_by_age();
+    int64_t today() const;
 
     engine& engine_;
     undecodable_files& aside_;
-    const int64_t keep_days_; /* 0 keeps all */
+    const kept_days keep_;
     const tell_function tell_;
+
     trouble trouble_{tell_, "old days are dropped again"};
-    bool days_changed_ = true;  /* there is something to look at */
-    bool drop_at_once_ = false; /* fewer days are to be kept than in the last run */
-    int64_t next_drop_ = 0;     /* not before, by steady_clock */
+    bool days_changed_ = true;        /* there is something to look at */
+    bool drop_at_once_ = false;       /* fewer days are to be kept than in the last run */
+    int64_t next_drop_ = 0;           /* not before, by steady_clock */
+    std::deque<std::string> to_drop_; /* the first of them may be dropped in part */
+    size_t dropped_ = 0, damaged_ = 0, over_ = 0; /* days of this time */
+    std::string failure_;
+
+    trouble age_trouble_{tell_, "what is too old is dropped again"};
+    std::optional<int64_t> known_today_; /* never ahead of it: see above */
+    int64_t next_by_age_ = 0;            /* by steady_clock */
+    size_t step_ = 0;                    /* which kind is at it; behind the last: none */
 };
 
 #endif

@@ -6,8 +6,12 @@
  * again.
  *
  * A record is decoded once, before it is written. What was read from it is kept until the commit,
- * for the listener; so that this takes no memory to speak of, a transaction ends where that is
- * most_decoded records.
+ * for the listener, and so are the states of the agents; so that this takes no memory to speak of,
+ * a transaction ends where that is most_decoded records, or most_tests of as many agents.
+ *
+ * What a transaction makes of an agent begins with the agent's row. One that is tried again after a
+ * failure therefore counts nothing twice; and what is remembered besides, of who was heard and how
+ * much lies open, follows the commit.
  *
  * A large block is written in slices, one in each transaction and the blocks of other agents
  * between them, so that nobody waits for the whole of it. How far it got is in the agent's row,
@@ -20,10 +24,16 @@
  * stores the records; it survives whatever the records survive. */
 #include "ingest/ingest.h"
 
-#include "ingest/expiry.h"
+#include "ingest/attendance.h"
+#include "ingest/clock.h"
+#include "ingest/in_transaction.h"
 #include "ingest/queue.h"
+#include "ingest/roster.h"
+#include "ingest/storing.h"
+#include "ingest/takeover.h"
 #include "ingest/trouble.h"
 #include "ingest/undecodable.h"
+#include "ingest/upkeep.h"
 
 #include <chrono>
 #include <cstring>
@@ -34,17 +44,22 @@
 
 namespace {
 
-/* What is done of a large block in one go, some 50 ms of work: the rest waits for the others. The
+/* What is done of a large block in one go, some 20 ms of work: the rest waits for the others. The
  * last record of a slice may be one of record_max_size. */
 struct slice_limits {
-    size_t hashed = 16u << 20;
-    size_t bytes = 4u << 20;
-    size_t records = 8192;
-    std::chrono::milliseconds decoding{20};
+    size_t hashed = 8u << 20;
+    size_t bytes = 1u << 20;
+    size_t records = 4096;
+    std::chrono::milliseconds decoding{10};
 };
 slice_limits slice; /* a test makes it small */
 
-constexpr size_t most_decoded = 16384; /* records, before the last block of a transaction */
+/* Before the last block of a transaction: records, agents, and tests of these. */
+constexpr size_t most_decoded = 16384, most_agents = 1024, most_tests = 65536;
+/* Of an agent in a transaction whose memory is kept for the next one. */
+constexpr size_t usual_tests = 1024;
+
+constexpr std::chrono::milliseconds between_looks{2000}, before_retry{10000};
 
 /* What stands in an agent's row for its last block: the hash, and behind it, while the block is
  * stored in part, how much of it is. */
@@ -92,9 +107,12 @@ public:
         if (!engine_) {
             return false;
         }
-        expiry_ = std::make_unique<expiry>(*engine_, aside_, options_.keep_days, tell_);
-        expiry_->begin();
-        expiry_->run();
+        parts_ = std::make_unique<parts>(*this);
+        begin();
+        if (!parts_->earlier.begin()) {
+            parts_->care.run(view());
+            is_taken_over_ = true;
+        }
         thread_ = std::thread([this] { write_batches(); });
         pthread_setname_np(thread_.native_handle(), "store");
         return true;
@@ -108,21 +126,65 @@ public:
         }
     }
 
+    void heard(std::string_view account, std::string_view agent, int64_t received,
+               std::string_view address, std::string_view version) override {
+        parts_->present.heard(account, agent, received, address, version);
+    }
+    void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
+        parts_->present.follow(std::move(plan), std::move(definitions));
+    }
+
 private:
+    /* What works on the engine, of the writer thread but for what others are told they may call. */
+    struct parts {
+        explicit parts(writer& of)
+            : store(*of.engine_), present(*of.engine_, of.agents_,
+                                          [&of](const roster_agent& agent, const agent_work& now) {
+                                              of.tell_of(agent.account, agent.name, now);
+                                          }),
+              care(*of.engine_, of.agents_, of.aside_,
+                   {.raw = of.options_.keep_days,
+                    .five_minutes = of.options_.keep_5min_days,
+                    .hour = of.options_.keep_hour_days,
+                    .events = of.options_.keep_event_days,
+                    .ledger = of.options_.keep_ledger_days},
+                   of.tell_),
+              earlier(*of.engine_, of.tell_, [&of](const agent_work& agent, int64_t received) {
+                  of.note_stored(agent, received);
+              }) {}
+        storing store;
+        attendance present;
+        upkeep care;
+        takeover earlier;
+    };
+
     /* Of a batch, what one transaction takes. */
     using batch = std::deque<queued_block>;
     using position = batch::iterator;
 
+    void begin();
+    upkeep_view view() const {
+        return {arrival_clock(), parts_->present.newest(), parts_->present.stale_after()};
+    }
     void write_batches();
+    void take_over();
+    void refuse_all();
     position write_run(position from, position end);
     bool store_all(position from, position& to, std::string& error);
     bool store_run(position from, position& to);
     bool store_block(queued_block& b);
+    bool store_repetition(queued_block& b, agent_work& work);
+    bool store_slice(queued_block& b, agent_work& work);
+    agent_work& next_work(queued_block& b);
+    void note_stored(const agent_work& work, int64_t received);
+    void note_stored(const queued_block& b);
+    void trim_works();
     bool hash_block(queued_block& b);
     void decode_slice(queued_block& b);
     bool keep_aside(queued_block& b);
     void tell_of(const queued_block& b);
-    void look_after();
+    void tell_of(std::string_view account, std::string_view agent, const agent_work& work);
+    bool look_after();
 
     const ingest_options options_;
     store_listener* const listener_;
@@ -136,18 +198,37 @@ private:
     /* Of the writer thread, once it runs. */
     undecodable_files aside_{options_.directory + "/undecodable"};
     std::unique_ptr<engine> engine_;
-    std::unique_ptr<expiry> expiry_;
+    unsigned generation_ = 0; /* of the file that the next two know */
+    roster agents_;
+    std::unique_ptr<parts> parts_;
+    bool is_taken_over_ = false;          /* what an earlier version left */
     std::vector<decoded_record> decoded_; /* of the transaction; the memory is kept */
-    running_hash hash_;                   /* of blocks that are hashed in one go */
+    std::deque<agent_work> works_;        /* likewise; those in use come first */
+    size_t works_used_ = 0, tests_used_ = 0;
+    running_hash hash_; /* of blocks that are hashed in one go */
     trouble trouble_{tell_, "results are stored again"};
     trouble aside_trouble_{tell_, "what does not decode is kept aside again"};
 
     std::thread thread_;
 };
 
+/* Learns what there is: at the start, and in another file. */
+void writer::begin() {
+    generation_ = engine_->generation();
+    if (!parts_->present.begin()) {
+        tell_("some of what is stored cannot be read: the agents are not all known");
+    }
+    parts_->care.begin();
+}
+
 void writer::write_batches() {
+    if (!is_taken_over_) {
+        take_over();
+    }
     batch blocks;
-    while (queue_.take(blocks)) {
+    bool more = false;
+    while (queue_.take(blocks, more ? std::chrono::milliseconds(0) : between_looks,
+                       !parts_->care.is_behind())) {
         for (position at = blocks.begin(); at != blocks.end();) {
             at = write_run(at, blocks.end());
         }
@@ -155,21 +236,84 @@ void writer::write_batches() {
             queue_.put_back(std::move(blocks.back()));
         }
         blocks.clear();
-        look_after();
+        more = look_after();
+    }
+    try {
+        parts_->present.finish();
+    } catch (const std::exception&) { /* no memory: somebody was heard later than it says */
+        engine_->give_up();
     }
 }
 
-/* What is to be done now and then, also when nothing comes. */
-void writer::look_after() {
+/* What is to be done now and then, also when nothing comes. True when more is due at once. */
+bool writer::look_after() {
     try {
         std::string dropped = aside_.report(undecodable_files::clock::now());
         if (!dropped.empty()) {
             tell_(dropped);
         }
         engine_->look_after();
-        expiry_->run();
+        if (engine_->generation() != generation_) {
+            begin();
+        }
+        bool more = parts_->present.run();
+        return parts_->care.run(view()) || more;
     } catch (const std::exception&) { /* no memory: at the next batch */
+        engine_->give_up();
+        return false;
     }
+}
+
+/* Before anything else is stored, so that all stays in the order in which it came. Days are closed
+ * by the time of what comes, as they would have been then. */
+void writer::take_over() {
+    takeover::progress made = takeover::progress::more;
+    while (made != takeover::progress::done && !queue_.is_stopped()) {
+        try {
+            engine_->look_after();
+            if (engine_->generation() != generation_) {
+                begin();
+            }
+            made = parts_->earlier.step(parts_->present.stale_after());
+            upkeep_view then = view();
+            then.now = parts_->earlier.now();
+            while (made == takeover::progress::more && !queue_.is_stopped() &&
+                   parts_->care.run_without_expiry(then)) {
+            }
+        } catch (const std::exception&) { /* no memory */
+            engine_->give_up();
+            made = takeover::progress::failed;
+        }
+        if (made == takeover::progress::failed) {
+            queue_.wait_for_stop(before_retry);
+        }
+    }
+    if (made != takeover::progress::done) {
+        refuse_all();
+        return;
+    }
+    try {
+        begin(); /* from then on agents are waited for */
+    } catch (const std::exception&) {
+        parts_->present.failed();
+    }
+    is_taken_over_ = true;
+}
+
+/* Stopped before it could store anything. */
+void writer::refuse_all() {
+    batch blocks;
+    do {
+        blocks.clear();
+        bool left = queue_.take(blocks, std::chrono::milliseconds(0), true);
+        for (queued_block& b : blocks) {
+            queue_.leave(b);
+            b.done(store_result::failed);
+        }
+        if (!left) {
+            return;
+        }
+    } while (true);
 }
 
 /* Stores blocks in one transaction, and answers; returns behind the last one. Where that fails, all
@@ -185,6 +329,7 @@ writer::position writer::write_run(position from, position end) {
         engine_->give_up();
     }
     if (!ok) {
+        parts_->present.failed();
         to = end;
         for (position b = from; b != to; ++b) {
             b->result = store_result::failed;
@@ -197,6 +342,7 @@ writer::position writer::write_run(position from, position end) {
     }
     for (position b = from; b != to; ++b) {
         try {
+            note_stored(*b);
             tell_of(*b);
         } catch (const std::exception&) { /* stored all the same */
         }
@@ -207,7 +353,35 @@ writer::position writer::write_run(position from, position end) {
             b->done(b->result);
         }
     }
+    trim_works();
     return to;
+}
+
+void writer::note_stored(const agent_work& work, int64_t received) {
+    if (const roster_agent* known = agents_.find(work.id)) {
+        parts_->present.stored(work, known->account, known->name, received);
+    }
+}
+
+void writer::note_stored(const queued_block& b) {
+    if (b.result == store_result::failed || b.work >= works_used_) {
+        return;
+    }
+    const agent_work& work = works_[b.work];
+    parts_->present.stored(work, b.block.account, b.block.agent, b.block.received);
+    if (const roster_agent* known = agents_.find(work.id)) {
+        parts_->care.grown(*known);
+    }
+}
+
+/* An agent with very many tests is no reason to keep memory for them in each place. */
+void writer::trim_works() {
+    for (size_t i = 0; i < works_used_; i++) {
+        if (works_[i].state.tests.capacity() > usual_tests) {
+            works_[i] = {};
+        }
+    }
+    works_used_ = 0;
 }
 
 bool writer::store_all(position from, position& to, std::string& error) {
@@ -226,16 +400,27 @@ bool writer::store_all(position from, position& to, std::string& error) {
 /* False when the engine failed; then nothing of it is stored. `to` is where it ends. */
 bool writer::store_run(position from, position& to) {
     decoded_.clear();
+    works_used_ = tests_used_ = 0;
     if (!engine_->begin()) {
         return false;
     }
     const position end = to;
-    for (to = from; to != end && decoded_.size() < most_decoded; ++to) {
+    for (to = from; to != end && decoded_.size() < most_decoded && works_used_ < most_agents &&
+                    tests_used_ < most_tests;
+         ++to) {
         if (!store_block(*to)) {
             return false;
         }
     }
     return engine_->commit();
+}
+
+agent_work& writer::next_work(queued_block& b) {
+    b.work = works_used_++;
+    if (b.work >= works_.size()) {
+        works_.emplace_back();
+    }
+    return works_[b.work];
 }
 
 /* False when the engine failed. A block that cannot be kept for reasons of its own just stays
@@ -246,6 +431,7 @@ bool writer::store_block(queued_block& b) {
     b.bad = {};
     b.kept_as.clear();
     b.records = 0;
+    b.work = SIZE_MAX;
     b.unfinished = !hash_block(b);
     if (b.unfinished) {
         return true;
@@ -254,13 +440,31 @@ bool writer::store_block(queued_block& b) {
     if (!engine_->find_agent(block.account, block.agent, block.received, agent)) {
         return false;
     }
-    if (agent.last_block == view_of(b.hash)) {
-        b.result = store_result::duplicate;
-        return true;
-    }
-    b.from = b.stored > 0 && b.generation == engine_->generation()
-                 ? b.stored
+    bool goes_on = b.stored > 0 && b.generation == engine_->generation();
+    b.repeated = agent.last_block == view_of(b.hash) || (goes_on && b.repeated);
+    b.from = goes_on || b.repeated
+                 ? (goes_on ? b.stored : 0)
                  : block_mark::stored_before(agent.last_block, b.hash, block.plain.size());
+    agent_work& work = next_work(b);
+    work.begin(agent);
+    bool ok = b.repeated ? store_repetition(b, work) : store_slice(b, work);
+    tests_used_ += work.state.tests.size();
+    return ok;
+}
+
+/* Nothing of it is stored again but that it came. */
+bool writer::store_repetition(queued_block& b, agent_work& work) {
+    decode_slice(b);
+    b.bad = {};
+    b.result = store_result::duplicate;
+    b.unfinished = !b.last_part();
+    auto results = std::span<const decoded_record>(decoded_).subspan(b.first_record, b.records);
+    return parts_->store.repetition(work, results, b.block.received) &&
+           engine_->set_state(work.id, parts_->store.packed(work));
+}
+
+bool writer::store_slice(queued_block& b, agent_work& work) {
+    const poll_block& block = b.block;
     decode_slice(b);
     if (b.bad.bytes > 0) {
         if (!keep_aside(b)) {
@@ -268,19 +472,20 @@ bool writer::store_block(queued_block& b) {
         }
         std::string reason = b.bad.text(), name = std::filesystem::path(b.kept_as).filename();
         if (!name.empty() &&
-            !engine_->append_undecodable(block.received,
+            !engine_->append_undecodable(work.id, block.received,
                                          {b.from + b.bad.offset, b.bad.bytes, reason, name})) {
             return false;
         }
     }
     auto results = std::span<const decoded_record>(decoded_).subspan(b.first_record, b.records);
-    if (!engine_->append(block.received, results)) {
+    if (!parts_->store.records(work, results, block.received, parts_->present.now())) {
         return false;
     }
     b.result = store_result::stored;
     b.unfinished = !b.last_part();
     block_mark mark(b.hash, b.unfinished ? std::optional<uint64_t>(b.to) : std::nullopt);
-    return engine_->end_block({block.received, block.address, block.version}, mark.text());
+    return engine_->end_block(work.id, {block.received, block.address, block.version}, mark.text(),
+                              parts_->store.packed(work));
 }
 
 /* True when the whole hash is there. */
@@ -350,7 +555,14 @@ bool writer::keep_aside(queued_block& b) {
 }
 
 void writer::tell_of(const queued_block& b) {
-    if (listener_ == nullptr || b.result != store_result::stored) {
+    if (listener_ == nullptr || b.result == store_result::failed || b.work >= works_used_) {
+        return;
+    }
+    const agent_work& work = works_[b.work];
+    if (b.result == store_result::duplicate) {
+        if (!work.out.changes.empty()) { /* it was silent */
+            tell_of(b.block.account, b.block.agent, work);
+        }
         return;
     }
     for (size_t i = 0; i < b.records; i++) {
@@ -359,6 +571,13 @@ void writer::tell_of(const queued_block& b) {
     if (!b.kept_as.empty()) {
         listener_->on_undecodable(b.block, b.from + b.bad.offset, b.bad.bytes, b.bad.text(),
                                   b.kept_as);
+    }
+    tell_of(b.block.account, b.block.agent, work);
+}
+
+void writer::tell_of(std::string_view account, std::string_view agent, const agent_work& work) {
+    if (listener_ != nullptr) {
+        listener_->on_agent(account, agent, work.state, work.out.changes);
     }
 }
 

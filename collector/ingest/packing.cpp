@@ -102,6 +102,7 @@ bool packing::gather(roster_agent& agent, std::string& error) {
         ok = engine_.reader().for_each_block(
             large,
             [&](const open_block& b) {
+                work.received = b.received;
                 sort(work, b.received, b.records);
                 while (!work.tests.empty()) {
                     pack_some(work);
@@ -116,6 +117,7 @@ bool packing::gather(roster_agent& agent, std::string& error) {
     }
     for (const block& b : work.blocks) {
         work.top = b.row;
+        work.received = b.received;
         sort(work, b.received, b.records);
     }
     if (work.top != 0) {
@@ -136,7 +138,8 @@ void packing::pack_some(job& work) {
     made.about = {.received_first = all[0].record.received,
                   .received_last = all[0].record.received,
                   .first = all[0].time,
-                  .last = all[0].time};
+                  .last = all[0].time,
+                  .data = {}};
     size_t bytes = 0;
     for (const gathered_record& one : all) {
         if (!records.empty() &&
@@ -221,7 +224,7 @@ bool packing::store(job& work, int64_t stale_after, const kept_from& kept,
     state.last_block = all ? 0 : state.last_block;
     state.open_bytes = all ? 0 : state.open_bytes - std::min(state.open_bytes, work.bytes);
     state.open_bytes = all ? 0 : std::max<uint64_t>(state.open_bytes, 1);
-    state.open_since = all ? 0 : work.newer != 0 ? work.newer : state.open_since;
+    state.open_since = all ? 0 : work.newer != 0 ? work.newer : work.received;
     for (const auto& [key, id] : ids) {
         if (!store_late(work, key, id, stale_after, kept, unreadable)) {
             return false;

@@ -62,8 +62,8 @@ private:
     };
     struct job {
         int64_t agent = 0;
-        int64_t top = 0;   /* row of the newest block of it */
-        int64_t newer = 0; /* when the one behind that arrived; 0: it was the last */
+        int64_t top = 0, received = 0; /* row of the newest block of it, and when that arrived */
+        int64_t newer = 0;             /* when the one behind that arrived; 0: it was the last */
         uint64_t bytes = 0;
         std::deque<block> blocks = {}; /* oldest first; one large one is not copied */
         std::map<test_key, std::vector<gathered_record>> tests = {};

@@ -40,17 +40,27 @@ bool block_queue::put(poll_block& block, std::function<void(store_result)>& done
     return true;
 }
 
-bool block_queue::take(std::deque<queued_block>& batch) {
+bool block_queue::take(std::deque<queued_block>& batch, std::chrono::milliseconds most,
+                       bool with_large) {
     std::unique_lock hold(mutex_);
-    wake_.wait_for(hold, std::chrono::minutes(1), [this] {
-        return stopping_ || !small_.blocks.empty() || !large_.blocks.empty();
-    });
+    auto has_large = [&] { return !large_.blocks.empty() && (with_large || stopping_); };
+    wake_.wait_for(hold, most, [&] { return stopping_ || !small_.blocks.empty() || has_large(); });
     batch.swap(small_.blocks);
-    if (!large_.blocks.empty()) {
+    if (has_large()) {
         batch.push_back(std::move(large_.blocks.front()));
         large_.blocks.pop_front();
     }
     return !batch.empty() || !stopping_;
+}
+
+bool block_queue::is_stopped() {
+    std::lock_guard hold(mutex_);
+    return stopping_;
+}
+
+void block_queue::wait_for_stop(std::chrono::milliseconds most) {
+    std::unique_lock hold(mutex_);
+    wake_.wait_for(hold, most, [this] { return stopping_; });
 }
 
 void block_queue::put_back(queued_block&& block) {

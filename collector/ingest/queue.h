@@ -8,8 +8,10 @@
 #include "ingest/poll_block.h"
 #include "ingest/undecodable.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -25,6 +27,7 @@ struct queued_block {
     bool large = false;
 
     store_result result = store_result::failed;
+    bool repeated = false;   /* it was stored before, as far as is known */
     bool unfinished = false; /* its next slice is for a later transaction */
     std::optional<running_hash> hashing;
     size_t hashed = 0;    /* bytes */
@@ -34,6 +37,7 @@ struct queued_block {
     unsigned generation = 0; /* and which file these are in: engine::generation() */
     size_t from = 0, to = 0; /* the slice, in `plain`; all of a block that is not large */
     size_t first_record = 0, records = 0; /* of the slice, among those of the transaction */
+    size_t work = SIZE_MAX;               /* its agent, among those of the transaction */
     undecodable_summary bad;              /* of the slice */
     std::string kept_as;                  /* empty when it was not kept */
 
@@ -53,9 +57,13 @@ public:
     /* False when it does not fit: then nothing is taken from `block` and `done`. */
     bool put(poll_block& block, std::function<void(store_result)>& done);
 
-    /* Everything that waits, and one large block behind it. Returns after a minute at the latest.
-     * False when the queue is stopped and empty. */
-    bool take(std::deque<queued_block>& batch);
+    /* Everything that waits, and, unless they have to wait longer, one large block behind it.
+     * Returns with nothing after `most`. False when the queue is stopped and nothing is left. */
+    bool take(std::deque<queued_block>& batch, std::chrono::milliseconds most, bool with_large);
+
+    bool is_stopped();
+    /* Until it is stopped, or `most` has passed. */
+    void wait_for_stop(std::chrono::milliseconds most);
 
     /* A large block of which slices are left, behind the others of its kind. */
     void put_back(queued_block&& block);

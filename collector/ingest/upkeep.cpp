@@ -1,0 +1,186 @@
+#include "ingest/upkeep.h"
+
+#include "ingest/clock.h"
+
+#include <algorithm>
+
+std::chrono::milliseconds upkeep_bite{20};
+
+namespace {
+
+constexpr std::chrono::milliseconds gathering{5}, packing_time{10};
+constexpr int64_t open_for = 3600, spread = 1800; /* seconds that blocks lie open: at least that,
+                                                     and up to so much longer by agent */
+constexpr uint64_t open_most = 1 << 20;           /* bytes of an agent that lie open */
+constexpr int64_t between_looks = 2;              /* seconds */
+constexpr int64_t after_failure = 60, agent_after_failure = 3600;
+
+} // namespace
+
+void upkeep::begin() {
+    has_begun_ = false;
+    packing_.give_up();
+    due_.clear();
+    not_before_ = looked_ = looked_for_ = INT64_MIN;
+    one_by_one_ = false;
+    expiry_.begin();
+}
+
+bool upkeep::run(const upkeep_view& view) {
+    return run(view, true);
+}
+
+bool upkeep::run_without_expiry(const upkeep_view& view) {
+    return run(view, false);
+}
+
+bool upkeep::run(const upkeep_view& view, bool with_expiry) {
+    if (steady_clock() < not_before_) {
+        return false;
+    }
+    bite time(upkeep_bite);
+    progress made = progress::some;
+    while (made == progress::some && !time.is_over()) {
+        has_begun_ = has_begun_ || closing_.begin(view.now);
+        made = has_begun_ ? step(view, with_expiry) : progress::failed;
+    }
+    if (made == progress::failed) {
+        failed();
+    }
+    return made == progress::some;
+}
+
+upkeep::progress upkeep::step(const upkeep_view& view, bool with_expiry) {
+    progress made = pack(view);
+    if (made != progress::none) {
+        return made;
+    }
+    made = closing_.is_due(view.now) ? close(view) : progress::none;
+    if (made != progress::none) {
+        return made;
+    }
+    return with_expiry && expiry_.run() ? progress::some : progress::none;
+}
+
+void upkeep::failed() {
+    trouble_.report("what is stored cannot be packed: " + engine_.reason());
+    const int64_t now = steady_clock();
+    not_before_ = now + after_failure;
+    std::vector<int64_t> at_work = packing_.agents();
+    packing_.give_up();
+    if (at_work.size() == 1) {
+        if (roster_agent* agent = agents_.find(at_work[0])) {
+            agent->pack_not_before = now + agent_after_failure;
+        }
+    }
+    one_by_one_ = at_work.size() > 1;
+    due_.clear();
+}
+
+void upkeep::note_unreadable(const std::string& unreadable) {
+    if (!unreadable.empty() && unreadable != unreadable_) {
+        tell_("some of what is stored cannot be read: " + unreadable);
+        unreadable_ = unreadable;
+    }
+}
+
+/* ---- packing ---- */
+
+bool upkeep::is_due(const roster_agent& agent, const upkeep_view& view) const {
+    if (agent.open_bytes == 0 || steady_clock() < agent.pack_not_before) {
+        return false;
+    }
+    const int64_t age = view.now - agent.open_since; /* below 0: the clock was set back */
+    return agent.open_bytes > open_most || age < -open_for ||
+           age > open_for + agent.id * 7919 % spread || agent.open_since < looked_for_;
+}
+
+void upkeep::look_for_due(const upkeep_view& view) {
+    const int64_t now = steady_clock();
+    const int64_t wanted = closing_.is_due(view.now) ? closing_.until() : INT64_MIN;
+    if (now - between_looks < looked_ && wanted == looked_for_) {
+        return;
+    }
+    looked_ = now;
+    looked_for_ = wanted;
+    due_.clear();
+    for (const auto& [id, agent] : agents_) {
+        if (is_due(agent, view)) {
+            due_.push_back(id);
+        }
+    }
+}
+
+bool upkeep::is_much(int64_t agent) const {
+    const roster_agent* known = agents_.find(agent);
+    return known != nullptr && known->open_bytes > open_most &&
+           steady_clock() >= known->pack_not_before;
+}
+
+void upkeep::grown(const roster_agent& agent) {
+    if (is_much(agent.id) && (due_.empty() || due_.front() != agent.id)) {
+        due_.push_front(agent.id);
+    }
+}
+
+bool upkeep::is_behind() const {
+    std::vector<int64_t> at_work = packing_.agents();
+    return steady_clock() >= not_before_ &&
+           ((!due_.empty() && is_much(due_.front())) ||
+            std::any_of(at_work.begin(), at_work.end(), [&](int64_t id) { return is_much(id); }));
+}
+
+/* True when something is at work. */
+bool upkeep::gather() {
+    bite time(gathering);
+    while (!due_.empty() && !packing_.is_full() && !time.is_over() &&
+           !(one_by_one_ && !packing_.is_idle())) {
+        roster_agent* agent = agents_.find(due_.front());
+        due_.pop_front();
+        std::string error;
+        if (agent != nullptr && !packing_.gather(*agent, error)) {
+            agent->pack_not_before = steady_clock() + agent_after_failure;
+            note_unreadable(error);
+        }
+    }
+    return !packing_.is_idle();
+}
+
+upkeep::progress upkeep::pack(const upkeep_view& view) {
+    if (packing_.is_idle()) {
+        look_for_due(view);
+        if (due_.empty()) {
+            one_by_one_ = false;
+            return progress::none;
+        }
+        return gather() || !due_.empty() ? progress::some : progress::none;
+    }
+    if (!packing_.pack(bite(packing_time))) {
+        return progress::some;
+    }
+    const std::vector<int64_t> at_work = packing_.agents();
+    std::string unreadable;
+    if (!packing_.store(view.stale_after, expiry_.roll_ups(), unreadable)) {
+        return progress::failed;
+    }
+    for (int64_t id : at_work) {
+        if (const roster_agent* agent = agents_.find(id)) {
+            grown(*agent); /* that was the oldest of it */
+        }
+    }
+    trouble_.report("");
+    note_unreadable(unreadable);
+    return progress::some;
+}
+
+/* ---- closing ---- */
+
+upkeep::progress upkeep::close(const upkeep_view& view) {
+    std::string unreadable;
+    if (!closing_.run(view.now, view.newest, view.stale_after, expiry_.roll_ups(), unreadable)) {
+        return progress::failed;
+    }
+    trouble_.report("");
+    note_unreadable(unreadable);
+    return progress::some;
+}

@@ -315,6 +315,255 @@ TEST_F(engine_test, large_blocks_and_inventories_come_back) {
     EXPECT_TRUE(inventory(one, 42, noon) == "0 0 " + large);
 }
 
+TEST_F(engine_test, chunks_of_a_test_are_read_newest_first) {
+    const int64_t day = 86400;
+    within([&] {
+        chunk(5, noon - day, noon - day + 3600, "a");
+        chunk(5, noon, noon + 100, "b");
+        chunk(5, noon - 43300, noon - 43100, "c"); /* over midnight: of the day of its end */
+        chunk(6, noon, noon, "of another");
+        chunk(4, noon, noon, "of another");
+        EXPECT_EQ(chunks(e->reader(), 5).size(), 3u);
+    });
+    auto from = reader();
+    const strings all = {"0 100 b", "-43300 -43100 c", "-86400 -82800 a"};
+    EXPECT_EQ(chunks(*from, 5), all);
+    EXPECT_EQ(chunks(*from, 5, noon - day), all);
+    EXPECT_EQ(chunks(*from, 5, noon - day + 3601), (strings{all[0], all[1]}));
+    EXPECT_EQ(chunks(*from, 5, noon + 100), strings{all[0]});
+    EXPECT_EQ(chunks(*from, 5, noon + 101), strings());
+    EXPECT_EQ(chunks(*from, 7), strings());
+    EXPECT_EQ(chunks(*from, -1), strings());
+    EXPECT_EQ(chunks(*from, INT64_MAX), strings());
+    /* Data is read of what is wanted alone, until enough was had. */
+    strings data;
+    auto wanted = [](const packed_chunk& c) { return c.received_first != noon - 43300; };
+    auto note = [&](const packed_chunk& c) {
+        data.emplace_back(c.data);
+        return data.size() < 2;
+    };
+    EXPECT_TRUE(from->for_each_chunk(5, INT64_MIN, wanted, note, error));
+    EXPECT_EQ(data, (strings{"b", "a"}));
+    auto none = [](const packed_chunk&) { return false; };
+    EXPECT_TRUE(from->for_each_chunk(5, INT64_MIN, none, note, error));
+    EXPECT_EQ(data.size(), 2u);
+    EXPECT_TRUE(from->for_each_chunk(5, INT64_MIN, wanted, note, error));
+    EXPECT_EQ(data.size(), 3u); /* the first one was enough */
+}
+
+TEST_F(engine_test, chunks_of_the_same_second_and_of_impossible_times_are_all_kept) {
+    within([&] {
+        for (const char* data : {"1", "2", "3"}) {
+            chunk(5, noon, noon + 1, data);
+        }
+        chunk(5, noon + 1, noon + 1, "4");
+        chunk(6, -20, -10, "before 1970");
+        chunk(6, -30, -5, "before it");
+        chunk(6, int64_t{1} << 40, int64_t{1} << 41, "far");
+        chunk(6, int64_t{1} << 40, int64_t{1} << 42, "farther");
+        chunk(7, 0, 0, "of another");
+    });
+    EXPECT_EQ(chunks(*reader(), 5), (strings{"1 1 4", "0 1 3", "0 1 2", "0 1 1"}));
+    strings found = chunks(*reader(), 6);
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(found[0], std::to_string((int64_t{1} << 40) - noon) + " " +
+                            std::to_string((int64_t{1} << 42) - noon) + " farther");
+    EXPECT_EQ(found[2],
+              std::to_string(-30 - noon) + " " + std::to_string(-5 - noon) + " before it");
+    EXPECT_EQ(chunks(*reader(), 7).size(), 1u);
+}
+
+TEST_F(engine_test, an_id_that_no_test_can_have_is_refused) {
+    for (int64_t id : {int64_t{-1}, int64_t{1} << 29}) {
+        ASSERT_TRUE(e->begin());
+        EXPECT_FALSE(
+            e->append_chunk(id, {.received_first = noon, .received_last = noon, .data = "x"}));
+        EXPECT_EQ(e->reason(), "a chunk of no test");
+        EXPECT_FALSE(e->recover());
+        ASSERT_TRUE(e->begin());
+        EXPECT_FALSE(e->put_roll_up(resolution::hour, id, 5, "x"));
+        EXPECT_FALSE(e->recover());
+    }
+    store("web1", "a");
+}
+
+TEST_F(engine_test, roll_ups_are_replaced_and_read_in_order) {
+    const auto five = resolution::five_minutes, hour = resolution::hour;
+    const int64_t today = day_of_noon;
+    within([&] {
+        EXPECT_TRUE(e->put_roll_up(five, 5, today + 1, "d"));
+        EXPECT_TRUE(e->put_roll_up(five, 5, today, "c"));
+        EXPECT_TRUE(e->put_roll_up(five, 5, today - 1, "b")); /* of the month before */
+        EXPECT_TRUE(e->put_roll_up(five, 5, today - 200, "a"));
+        EXPECT_TRUE(e->put_roll_up(five, 6, today, "other"));
+        EXPECT_TRUE(e->put_roll_up(hour, 5, today, "hour"));
+        EXPECT_TRUE(e->put_roll_up(five, 5, -1, "never"));
+        EXPECT_TRUE(e->put_roll_up(five, 5, INT64_MAX, "never"));
+    });
+    EXPECT_EQ(roll_ups(five, 5), (strings{"-200 a", "-1 b", "0 c", "1 d"}));
+    EXPECT_EQ(roll_ups(five, 5, today - 1, today + 1), (strings{"-1 b", "0 c"}));
+    EXPECT_EQ(roll_ups(five, 5, today, today), strings());
+    EXPECT_EQ(roll_ups(hour, 5), strings{"0 hour"});
+    EXPECT_EQ(roll_ups(hour, 6), strings());
+    EXPECT_EQ(roll_ups(hour, -1), strings());
+    open(); /* and again with tables that are there */
+    within([&] {
+        EXPECT_TRUE(e->put_roll_up(five, 5, today, "new"));
+        EXPECT_TRUE(e->drop_roll_up(five, 5, today - 1));
+        EXPECT_TRUE(e->drop_roll_up(five, 7, today - 1));
+        EXPECT_TRUE(e->drop_roll_up(five, 5, today - 1000));
+        EXPECT_TRUE(e->drop_roll_up(five, 5, -1));
+    });
+    EXPECT_EQ(roll_ups(five, 5), (strings{"-200 a", "0 new", "1 d"}));
+    until_done([&] { return e->drop_roll_ups(five, today); });
+    EXPECT_EQ(roll_ups(five, 5), (strings{"0 new", "1 d"}));
+    within([&] { EXPECT_TRUE(e->put_roll_up(five, 5, today - 200, "again")); });
+    until_done([&] { return e->drop_roll_ups(five, today + 31); });
+    EXPECT_EQ(roll_ups(five, 5), strings());
+    EXPECT_EQ(roll_ups(hour, 5), strings{"0 hour"});
+    until_done([&] { return e->drop_roll_ups(hour, 0); });
+    EXPECT_EQ(roll_ups(hour, 5), strings{"0 hour"});
+}
+
+TEST_F(engine_test, what_was_put_in_a_transaction_that_is_given_up_is_not_there) {
+    ASSERT_TRUE(e->begin());
+    chunk(5, noon, noon, "a");
+    EXPECT_TRUE(e->put_roll_up(resolution::hour, 5, 7, "x"));
+    e->give_up();
+    EXPECT_EQ(chunks(*reader(), 5), strings());
+    within([&] { /* the tables are made again */
+                 chunk(5, noon, noon, "b");
+                 EXPECT_TRUE(e->put_roll_up(resolution::hour, 5, 7, "y"));
+    });
+    EXPECT_EQ(chunks(*reader(), 5), strings{"0 0 b"});
+    EXPECT_EQ(roll_ups(resolution::hour, 5).size(), 1u);
+}
+
+TEST_F(engine_test, the_inventory_of_a_time_is_found) {
+    auto add = [&](int64_t agent, uint32_t type, int64_t time, const char* record) {
+        int64_t row = 0;
+        EXPECT_TRUE(e->append_inventory({.agent = agent,
+                                         .type = type,
+                                         .received = noon + time + 1,
+                                         .time = noon + time,
+                                         .record = record},
+                                        row));
+        return row;
+    };
+    within([&] {
+        int64_t first = add(1, 42, 0, "a");
+        EXPECT_LT(first, add(1, 42, 100, "b"));
+        add(1, 42, 100, "c");
+        add(1, 42, 200, "d");
+        add(1, 45, 50, "disks");
+        add(2, 42, 50, "of another");
+    });
+    EXPECT_EQ(inventory(1, 42, noon - 1), "");
+    EXPECT_EQ(inventory(1, 42, noon), "1 0 a");
+    EXPECT_EQ(inventory(1, 42, noon + 99), "1 0 a");
+    EXPECT_EQ(inventory(1, 42, noon + 100), "101 100 c");
+    EXPECT_EQ(inventory(1, 42, INT64_MAX), "201 200 d");
+    EXPECT_EQ(inventory(2, 42, INT64_MAX), "51 50 of another");
+    EXPECT_EQ(inventory(2, 45, INT64_MAX), "");
+    /* The last one before the time stays: it holds until the next. */
+    until_done([&] { return e->drop_inventories(noon + 150); });
+    EXPECT_EQ(inventory(1, 42, noon + 99), "");
+    EXPECT_EQ(inventory(1, 42, noon + 150), "101 100 c");
+    EXPECT_EQ(inventory(1, 45, noon + 150), "51 50 disks");
+    EXPECT_EQ(inventory(2, 42, noon + 150), "51 50 of another");
+    until_done([&] { return e->drop_inventories(noon + 1000); });
+    EXPECT_EQ(inventory(1, 42, noon + 199), "");
+    EXPECT_EQ(inventory(1, 42, noon + 200), "201 200 d");
+    EXPECT_EQ(inventory(1, 45, noon + 200), "51 50 disks");
+}
+
+TEST_F(engine_test, what_a_test_was_is_kept) {
+    auto add = [&](uint32_t type, int32_t number, int64_t since, const char* name) {
+        EXPECT_TRUE(e->append_definition({.type = type,
+                                          .number = number,
+                                          .location = -7,
+                                          .since = since,
+                                          .name = name,
+                                          .text = "a\tb"}));
+    };
+    within([&] {
+        add(66, 5, noon, "load");
+        add(46, 5, noon, "disk");
+        add(66, 4, noon, "other");
+        add(66, 5, noon + 100, "load again");
+    });
+    auto read = [&](uint32_t type, int32_t number) {
+        strings found;
+        auto note = [&](const test_definition& d) {
+            EXPECT_EQ(d.location, -7);
+            EXPECT_EQ(d.text, "a\tb");
+            found.push_back(std::to_string(d.type) + "/" + std::to_string(d.number) + " " +
+                            std::to_string(d.since - noon) + " " + std::string(d.name));
+        };
+        EXPECT_TRUE(reader()->for_each_definition(type, number, note, error)) << error;
+        return found;
+    };
+    EXPECT_EQ(read(66, 5), (strings{"66/5 0 load", "66/5 100 load again"}));
+    EXPECT_EQ(read(66, 0), (strings{"66/4 0 other", "66/5 0 load", "66/5 100 load again"}));
+    EXPECT_EQ(read(0, 0),
+              (strings{"46/5 0 disk", "66/4 0 other", "66/5 0 load", "66/5 100 load again"}));
+    EXPECT_EQ(read(66, 6), strings());
+}
+
+TEST_F(engine_test, days_are_in_the_order_in_which_they_were_written_to) {
+    EXPECT_EQ(days(), strings());
+    EXPECT_FALSE(e->days_changed());
+    within([&] { chunk(5, noon, noon, "a"); });
+    EXPECT_TRUE(e->days_changed());
+    EXPECT_FALSE(e->days_changed());
+    within([&] { chunk(5, noon, noon, "b"); });
+    EXPECT_FALSE(e->days_changed());
+    within([&] { chunk(5, noon - 86400, noon - 86400, "c"); });
+    EXPECT_EQ(days(), (strings{"20260501", "20260430"}));
+    within([&] { chunk(5, noon, noon, "d"); });
+    EXPECT_EQ(days(), (strings{"20260430", "20260501"}));
+}
+
+TEST_F(engine_test, a_day_goes_in_bites_and_with_the_last_the_facts_come) {
+    const int count = 3000;
+    const std::string large(20000, 'x');
+    within([&] {
+        for (int i = 0; i < count; i++) {
+            chunk(i, noon, noon, i % 10 == 0 ? large : "small");
+        }
+        chunk(5, noon + 86400, noon + 86400, "kept");
+        EXPECT_TRUE(e->append_undecodable(1, noon - 86400, {0, 1, "of a day before", ""}));
+        EXPECT_TRUE(e->append_undecodable(1, noon, {0, 1, "of the day", ""}));
+        EXPECT_TRUE(e->append_undecodable(1, noon + 86400, {0, 1, "of the next", ""}));
+    });
+    e->days_changed();
+    const engine::fact facts[] = {{"dropped", 7}, {"boot", 8}};
+    until_done([&] {
+        EXPECT_EQ(e->read_fact("dropped"), std::nullopt);
+        EXPECT_EQ(days(), (strings{"20260501", "20260502"}));
+        store("web1", "between"); /* nothing else has to wait for the end */
+        return e->drop_day("20260501", facts);
+    });
+    EXPECT_EQ(days(), strings{"20260502"});
+    EXPECT_EQ(chunks(*reader(), 5), strings{"86400 86400 kept"});
+    EXPECT_EQ(e->read_fact("dropped"), 7);
+    EXPECT_EQ(e->read_fact("boot"), 8);
+    EXPECT_EQ(mark_of("web1"), "between");
+    within([&] { chunk(5, noon, noon, "late"); }); /* the day begins anew */
+    EXPECT_TRUE(e->days_changed());
+    EXPECT_EQ(chunks(*reader(), 5), (strings{"86400 86400 kept", "0 0 late"}));
+}
+
+TEST_F(engine_test, a_day_that_is_not_there_changes_nothing) {
+    within([&] { chunk(5, noon, noon, "a"); });
+    const engine::fact facts[] = {{"dropped", 7}};
+    EXPECT_EQ(e->drop_day("20260430", facts), drop_outcome::failed);
+    EXPECT_NE(e->reason(), "");
+    EXPECT_EQ(e->read_fact("dropped"), std::nullopt);
+    EXPECT_EQ(days(), strings{"20260501"});
+    within([&] { chunk(5, noon, noon, "b"); }); /* it goes on */
+}
+
 TEST_F(engine_test, events_are_read_newest_first) {
     int64_t one = 0, two = 0, id = 0, before = 0;
     auto add = [&](int64_t time, int64_t of, int64_t test, const char* message) {

@@ -2,7 +2,8 @@
 
 #include "collector_test_support.h"
 #include "ingest/ingest.h"
-#include "store/sqlite/database.h"
+#include "state/agent_state.h"
+#include "store/sqlite/layout.h"
 
 #include <future>
 #include <gtest/gtest.h>
@@ -106,10 +107,64 @@ TEST_F(report_test, it_reads_the_agents_alone) {
     sqlite3* handle = nullptr;
     sqlite3_open(database_path(state).c_str(), &handle);
     database db(handle);
-    ASSERT_TRUE(database_exec(handle, "DROP TABLE results_20260501"));
+    ASSERT_TRUE(database_exec(handle, "DROP TABLE blocks"));
     report();
     EXPECT_EQ(count.stored, 1u);
     EXPECT_EQ(count.missing, 1u);
+}
+
+/* What the collector found when it ran last, as it stands in the agents' rows. */
+static void store_state(const std::string& directory, const char* agent, const agent_state& state) {
+    std::string error, packed;
+    state.pack(packed);
+    std::unique_ptr<engine> e = open_engine({directory, 0, {}}, error);
+    ASSERT_NE(e, nullptr) << error;
+    stored_agent found;
+    ASSERT_TRUE(
+        e->begin() && e->find_agent("a@b.c", agent, noon, found) &&
+        e->end_block(found.id, {.received = noon, .address = "", .version = ""}, "", packed) &&
+        e->commit())
+        << e->reason();
+}
+
+static agent_state state_with(state five, state six) {
+    agent_state agent;
+    int32_t number = 5;
+    for (state now : {five, six}) {
+        agent.tests.push_back({.type = type_load_average,
+                               .number = number++,
+                               .now = now,
+                               .since = noon,
+                               .received = noon,
+                               .time = noon,
+                               .claimed = noon - 1,
+                               .status = 0});
+    }
+    return agent;
+}
+
+TEST_F(report_test, a_test_that_is_stale_is_missing) {
+    write_text(plan_path, plan_text);
+    store_state(state, "web1", state_with(state::problem, state::stale));
+    EXPECT_EQ(report(), "stored\ta@b.c\tweb1\tload average\t5\t2026-05-01T11:59:59Z\tok\n"
+                        "missing\ta@b.c\tweb1\tload average\t6\t2026-05-01T11:59:59Z\tok\n");
+    EXPECT_EQ(count.silent, 0u);
+    EXPECT_EQ(count.missing, 1u);
+}
+
+TEST_F(report_test, of_an_agent_that_is_silent_all_is_missing) {
+    write_text(plan_path, plan_text);
+    agent_state silent = state_with(state::ok, state::stale);
+    silent.silent = true;
+    store_state(state, "web1", silent);
+    store_state(state, "web2", state_with(state::ok, state::ok));
+    EXPECT_EQ(report(), "silent\ta@b.c\tweb1\t2026-05-01T12:00:00Z\n"
+                        "missing\ta@b.c\tweb1\tload average\t5\t2026-05-01T11:59:59Z\tok\n"
+                        "missing\ta@b.c\tweb1\tload average\t6\t2026-05-01T11:59:59Z\tok\n"
+                        "stored\ta@b.c\tweb2\tload average\t5\t2026-05-01T11:59:59Z\tok\n"
+                        "stored\ta@b.c\tweb2\tload average\t6\t2026-05-01T11:59:59Z\tok\n");
+    EXPECT_EQ(count.silent, 1u);
+    EXPECT_EQ(count.missing, 2u);
 }
 
 TEST_F(report_test, each_agent_counts_for_itself) {

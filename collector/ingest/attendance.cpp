@@ -92,13 +92,13 @@ bool attendance::begin() {
 }
 
 void attendance::stored(const agent_work& agent, std::string_view account, std::string_view name,
-                        int64_t received) {
+                        int64_t received, int64_t at) {
     const int64_t now = clock();
     roster_agent& known = agents_.add(agent.id, account, name);
     note_open(known, agent.state);
     known.last_seen = std::max(known.last_seen, received);
     known.row_written = now;
-    watch_.heard(agent.id, now);
+    watch_.heard(agent.id, at);
     size_t last = SIZE_MAX;
     for (size_t place : agent.places) {
         if (place == last || place >= agent.state.tests.size()) {
@@ -180,12 +180,7 @@ bool attendance::run() {
 void attendance::put_back(int64_t now) {
     watch_.pause(now);
     for (const watch::overdue& what : overdue_) {
-        if (what.silent) {
-            watch_.know(what.agent, false, now);
-        }
-        for (const watch::test_key& test : what.tests) {
-            watch_.know(what.agent, test, false, now);
-        }
+        watch_.take_back(what);
     }
     overdue_.clear();
 }

@@ -46,9 +46,9 @@ public:
     patience now() const;
     int64_t stale_after() const;
 
-    /* What is committed: records of an agent that arrived at `received`. */
+    /* What is committed: records of an agent that arrived at `received`; `at` by steady_clock. */
     void stored(const agent_work& agent, std::string_view account, std::string_view name,
-                int64_t received);
+                int64_t received, int64_t at);
     /* Newest time of a result so far. */
     int64_t newest() const { return newest_; }
 

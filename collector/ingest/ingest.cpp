@@ -359,7 +359,7 @@ writer::position writer::write_run(position from, position end) {
 
 void writer::note_stored(const agent_work& work, int64_t received) {
     if (const roster_agent* known = agents_.find(work.id)) {
-        parts_->present.stored(work, known->account, known->name, received);
+        parts_->present.stored(work, known->account, known->name, received, steady_clock());
     }
 }
 
@@ -368,7 +368,7 @@ void writer::note_stored(const queued_block& b) {
         return;
     }
     const agent_work& work = works_[b.work];
-    parts_->present.stored(work, b.block.account, b.block.agent, b.block.received);
+    parts_->present.stored(work, b.block.account, b.block.agent, b.block.received, b.submitted);
     if (const roster_agent* known = agents_.find(work.id)) {
         parts_->care.grown(*known);
     }

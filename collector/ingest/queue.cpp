@@ -1,5 +1,7 @@
 #include "ingest/queue.h"
 
+#include "ingest/clock.h"
+
 #include <chrono>
 #include <utility>
 
@@ -35,6 +37,7 @@ bool block_queue::put(poll_block& block, std::function<void(store_result)>& done
         queued.block = std::move(block);
         queued.done = std::move(done);
         queued.large = large;
+        queued.submitted = steady_clock();
     }
     wake_.notify_one();
     return true;

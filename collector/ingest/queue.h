@@ -20,11 +20,12 @@
 #include <string_view>
 #include <unordered_map>
 
-/* A block on its way. But for the first three all is the writer's. */
+/* A block on its way. But for the first four all is the writer's. */
 struct queued_block {
     poll_block block;
     std::function<void(store_result)> done;
     bool large = false;
+    int64_t submitted = 0; /* by steady_clock */
 
     store_result result = store_result::failed;
     bool repeated = false;   /* it was stored before, as far as is known */

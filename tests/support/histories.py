@@ -101,12 +101,16 @@ def discovery(number, location, status, dice):
 
 
 MAKERS = {66: load, 46: disk, 44: cpu, 43: process, 48: ping, 57: snmp, 74: mysql, 40: discovery}
-WHOLE_PASSES = {}  # made once
+
+
+class Dice(random.Random):
+    def __init__(self, seed):
+        super().__init__(seed)
+        self.passes = {}  # that were made, some of each kind: making one takes its time
 
 
 def one_pass(kind, number, location, bad, dice):
-    key = kind, number, location, bad
-    choices = WHOLE_PASSES.setdefault(key, [])
+    choices = dice.passes.setdefault((kind, number, location, bad), [])
     if len(choices) < 6:
         choices.append(MAKERS[kind](number, location, 2 if bad else 0, dice))
         return choices[-1]
@@ -180,7 +184,7 @@ class History:
     come of it."""
 
     def __init__(self, seed, agents, days, interval, lines, changes):
-        self.dice = random.Random(seed)
+        self.dice = Dice(seed)
         self.lines, self.changes = lines, changes
         self.line_number = 0
         self.interval = interval

@@ -3,7 +3,6 @@ database as the version before left it."""
 
 import hashlib
 import os
-import random
 import sqlite3
 import struct
 import time
@@ -59,7 +58,7 @@ class History:
     """`lines` is the history; `blocks`, by number of their lines, what they are: (agent, arrival, what is said)."""
 
     def __init__(self, seed, agents=3, days=6, keep=(4, 5, 6, 5, 6), first_hour=0):
-        dice = random.Random(seed)
+        dice = histories.Dice(seed)
         self.blocks = {}
         self.steps = []
         self.step("keep %d %d %d %d %d" % keep)
@@ -112,7 +111,7 @@ class History:
 def make_earlier(directory, seed, agents=3, hours=60):
     """A database of the version before, of the hours before FIRST_DAY. Returns the number of results, inventories
     not counted."""
-    dice = random.Random(seed)
+    dice = histories.Dice(seed)
     os.makedirs(directory, mode=0o700, exist_ok=True)
     db = sqlite3.connect(os.path.join(directory, "results.db"))
     db.executescript(LAYOUT_2)

@@ -1,4 +1,5 @@
 #include "store/sqlite/database.cpp"
+#include "store/sqlite/layout.cpp"
 
 #include "collector_test_support.h"
 
@@ -37,6 +38,11 @@ TEST_F(database_test, values_come_back_as_they_were_bound) {
     run("CREATE TABLE t (a, b, c, d, e)");
     const std::string blob("a\0b", 3);
     statement insert(db.get(), "INSERT INTO t VALUES (?, ?, ?, ?, ?)");
+    insert.bind(0).bind(0).bind_text("").bind_blob("");
+    EXPECT_TRUE(insert.bind_text(std::string_view()).run()); /* empty, not null */
+    statement empty(db.get(), "DELETE FROM t WHERE e IS NOT NULL");
+    EXPECT_TRUE(empty.run());
+    EXPECT_EQ(sqlite3_changes(db.get()), 1);
     for (std::optional<int64_t> number : {std::optional<int64_t>(), std::optional(INT64_MIN)}) {
         insert.bind(number).bind(INT64_MAX).bind_text("text").bind_blob(blob).bind_text("");
         EXPECT_TRUE(insert.run()); /* and is ready for the next */
@@ -56,6 +62,8 @@ TEST_F(database_test, values_come_back_as_they_were_bound) {
 TEST_F(database_test, a_statement_that_is_wrong_fails_and_does_no_harm) {
     statement none, wrong(db.get(), "SELECT nothing FROM nowhere"), one(db.get(), "SELECT ?");
     EXPECT_FALSE(none.ok());
+    EXPECT_EQ(none.step(), SQLITE_MISUSE);
+    EXPECT_EQ(wrong.step(), SQLITE_ERROR);
     EXPECT_FALSE(wrong.ok());
     EXPECT_FALSE(wrong.bind(1).row());
     EXPECT_FALSE(wrong.run());
@@ -66,15 +74,20 @@ TEST_F(database_test, a_statement_that_is_wrong_fails_and_does_no_harm) {
 
 TEST_F(database_test, a_blob_is_filled_in_its_place) {
     run("CREATE TABLE t (id INTEGER PRIMARY KEY, record BLOB)");
-    const std::string bytes(3 << 20, 'x');
+    std::string bytes(3 << 20, 'x');
+    bytes.front() = 'a';
+    bytes.back() = 'z';
     statement insert(db.get(), "INSERT INTO t (record) VALUES (?)");
     EXPECT_TRUE(insert.bind_unfilled_blob(bytes.size()).run());
-    EXPECT_TRUE(database_fill_blob(db.get(), "t", "record", bytes));
+    const std::string_view all = bytes;
+    const std::string_view pieces[] = {all.substr(0, 1), {}, all.substr(1)};
+    EXPECT_TRUE(database_fill_blob(db.get(), "t", "record", pieces));
     statement select(db.get(), "SELECT record FROM t");
     ASSERT_TRUE(select.row());
     EXPECT_TRUE(select.bytes(0) == bytes);
-    EXPECT_FALSE(database_fill_blob(db.get(), "t", "record", bytes + "x"));
-    EXPECT_FALSE(database_fill_blob(db.get(), "t", "nothing", bytes));
+    const std::string_view more[] = {all, "x"};
+    EXPECT_FALSE(database_fill_blob(db.get(), "t", "record", more));
+    EXPECT_FALSE(database_fill_blob(db.get(), "t", "nothing", pieces));
 }
 
 TEST_F(database_test, ours_is_told_from_others_and_old_from_new) {
@@ -84,8 +97,10 @@ TEST_F(database_test, ours_is_told_from_others_and_old_from_new) {
     EXPECT_EQ(error, "it is a database of another program");
     mark(database_version);
     EXPECT_EQ(check(), database_layout::current);
-    mark(1);
-    EXPECT_EQ(check(), database_layout::old);
+    for (int version : {1, 2}) {
+        mark(version);
+        EXPECT_EQ(check(), database_layout::earlier);
+    }
     for (int version : {0, database_version + 1}) {
         mark(version);
         check();
@@ -94,16 +109,100 @@ TEST_F(database_test, ours_is_told_from_others_and_old_from_new) {
     }
 }
 
-TEST_F(database_test, days_are_in_order_and_nothing_else_is_one) {
-    std::vector<std::string> days;
-    EXPECT_TRUE(database_days(db.get(), days));
-    EXPECT_TRUE(days.empty());
-    for (const char* name : {"results_20260502", "results_20260501", "results_2026050",
-                             "results_2026050a", "results_202605010", "agents"}) {
+TEST_F(database_test, a_statement_is_prepared_once_and_again_while_it_is_taken) {
+    run("CREATE TABLE t (a INTEGER PRIMARY KEY); INSERT INTO t VALUES (1), (2)");
+    statement_cache cache;
+    auto count = [&] { /* of statements that are prepared */
+                       int prepared = 0;
+                       for (sqlite3_stmt* s = nullptr;
+                            (s = sqlite3_next_stmt(db.get(), s)) != nullptr;) {
+                           EXPECT_FALSE(sqlite3_stmt_busy(s));
+                           prepared++;
+                       }
+                       return prepared;
+    };
+    const char sql[] = "SELECT a FROM t WHERE a >= ?";
+    {
+        auto outer = cache.take(db.get(), sql);
+        outer->bind(1);
+        int64_t seen = 0;
+        while (outer->row()) {
+            auto inner = cache.take(db.get(), sql);
+            EXPECT_TRUE(inner->bind(2).row());
+            EXPECT_EQ(inner->integer(0), 2);
+            EXPECT_EQ(outer->integer(0), ++seen);
+        }
+        EXPECT_EQ(seen, 2);
+    }
+    EXPECT_EQ(count(), 1); /* of the two one is kept, and none holds the file */
+    EXPECT_TRUE(cache.take(db.get(), sql)->bind(1).row());
+    EXPECT_EQ(count(), 1);
+    EXPECT_FALSE(cache.take(db.get(), "SELECT nothing FROM nowhere")->row());
+    for (int i = 0; i < 3 * statement_cache::most; i++) {
+        EXPECT_TRUE(cache.take(db.get(), "SELECT " + std::to_string(i))->row());
+    }
+    EXPECT_LE(count(), statement_cache::most);
+    {
+        auto late = cache.take(db.get(), sql);
+        cache.clear();
+    }
+    EXPECT_EQ(count(), 0);
+}
+
+TEST_F(database_test, tables_are_in_order_and_nothing_else_is_one) {
+    std::vector<std::string> names = {"before"};
+    EXPECT_TRUE(database_tables(db.get(), packed_prefix, 8, names));
+    EXPECT_TRUE(names.empty());
+    for (const char* name : {"packed_20260502", "packed_20260501", "packed_2026050",
+                             "packed_2026050a", "packed_202605010", "agents", "rollups5_202605",
+                             "rollups60_202605", "rollups60_202604", "results_20260501"}) {
         run(std::string("CREATE TABLE ") + name + " (x)");
     }
-    EXPECT_TRUE(database_days(db.get(), days));
-    EXPECT_EQ(days, (std::vector<std::string>{"results_20260501", "results_20260502"}));
+    auto tables = [&](const char* prefix, int digits) {
+        EXPECT_TRUE(database_tables(db.get(), prefix, digits, names));
+        return names;
+    };
+    using strings = std::vector<std::string>;
+    EXPECT_EQ(tables(packed_prefix, 8), (strings{"packed_20260501", "packed_20260502"}));
+    EXPECT_EQ(tables(roll_up_prefix(resolution::five_minutes), 6), strings{"rollups5_202605"});
+    EXPECT_EQ(tables(roll_up_prefix(resolution::hour), 6),
+              (strings{"rollups60_202604", "rollups60_202605"}));
+    EXPECT_EQ(tables(results_prefix, 8), strings{"results_20260501"});
+    EXPECT_EQ(packed_table(1777636800), "packed_20260501");
+    EXPECT_EQ(packed_table(INT64_MIN), "packed_19700101");
+    EXPECT_EQ(roll_up_table(resolution::five_minutes, 20573), "rollups5_202604");
+    EXPECT_EQ(roll_up_table(resolution::hour, 20574), "rollups60_202605");
+}
+
+TEST_F(database_test, keys_hold_the_time_and_rise_with_test_and_time) {
+    EXPECT_EQ(key_time(INT64_MIN), 0);
+    EXPECT_EQ(key_time(INT64_MAX), max_received);
+    EXPECT_GT(chunk_key(max_test, max_received), chunk_key(max_test, 0));
+    EXPECT_EQ(chunk_key(5, 17) >> received_bits, 5);
+    EXPECT_LT(chunk_key(5, max_received) + 100000, chunk_key(6, 0));
+    EXPECT_EQ(roll_up_key(5, days_end - 1) + 1, roll_up_key(6, 0));
+}
+
+/* Every query that reading makes finds its rows by a key. */
+TEST_F(database_test, nothing_is_searched_row_by_row) {
+    ASSERT_TRUE(database_make_tables(db.get()));
+    for (const char* sql :
+         {"SELECT id FROM tests WHERE agent = 1 AND type = 2 AND number IS ?",
+          "SELECT time FROM events WHERE test = 1 AND time >= 2 ORDER BY time DESC, id DESC",
+          "SELECT time FROM events WHERE agent = 1 AND time >= 2 ORDER BY time DESC, id DESC",
+          "SELECT time FROM events WHERE time >= 2 AND time < 3 ORDER BY time DESC, id DESC",
+          "SELECT hour FROM ledger WHERE agent = 1 AND hour >= 2 ORDER BY hour",
+          "SELECT hour FROM ledger WHERE hour >= 2 AND hour < 3 ORDER BY hour, agent",
+          "SELECT id FROM inventories WHERE agent = 1 AND type = 2 AND time <= 3 "
+          "ORDER BY time DESC, id DESC",
+          "SELECT id FROM definitions WHERE type = 1 AND number = 2 ORDER BY id"}) {
+        statement plan(db.get(), std::string("EXPLAIN QUERY PLAN ") + sql);
+        int steps = 0;
+        for (; plan.row(); steps++) {
+            EXPECT_TRUE(plan.bytes(3).starts_with("SEARCH")) << sql << ": " << plan.bytes(3);
+        }
+        EXPECT_EQ(steps, 1) << sql;
+    }
 }
 
 TEST_F(database_test, a_fact_is_replaced) {
@@ -140,7 +239,7 @@ TEST_F(database_test, what_cannot_be_read_says_why) {
     EXPECT_EQ(reason(), path + ": there is nothing in it");
     run("CREATE TABLE t (x)");
     EXPECT_EQ(reason(), path + ": it is a database of another program");
-    mark(1);
+    mark(2);
     EXPECT_EQ(reason(), path + ": its layout is that of an earlier version; a start of the "
                                "collector renews it");
     db.reset();

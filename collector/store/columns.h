@@ -67,7 +67,8 @@ private:
 /* Reads what a column_writer wrote. Once something was damaged every call returns false. */
 class column_reader {
 public:
-    /* False when it is not a whole piece of that kind, or has a text of more than `most` bytes. */
+    /* False when it is not a whole piece of that kind, or has a text of more than `most` bytes. The
+     * bytes have to stay: what is read are views of them, or of what this keeps. */
     bool open(std::string_view packed, uint8_t kind, size_t most);
 
     bool number(uint64_t& value, uint64_t most = UINT64_MAX);

@@ -504,7 +504,7 @@ static int64_t step_of_mean(double mean, double min, double max) {
 static double mean_of_step(int64_t step, double min, double max) {
     double part = static_cast<double>(step) / mean_steps;
     double mean = min * (1 - part) + max * part;
-    return mean > max ? max : mean < min ? min : mean;
+    return !(mean <= max) ? max : !(mean >= min) ? min : mean; /* no number between infinities */
 }
 
 /* Of one value over the day. */

@@ -3,7 +3,6 @@
 #include "base/record_summary.h"
 #include "base/text.h"
 #include "show/record_text.h"
-#include "state/take.h"
 
 namespace live {
 
@@ -68,31 +67,29 @@ bool has_parts(uint32_t type) {
 }
 
 /* What a record says of its test. */
-pass_text read_pass(const record& r, const record_summary& summary) {
+pass_text read_pass(const record& r, const record_summary& summary, int64_t now) {
     verdict found = judge(r, summary);
     return {.text = text_of(r, summary, found),
-            .checked = summary.time,
-            .pid = has_parts(summary.type) && summary.schema != nullptr ? r.ui32[3] : 0,
+            .mark = mark_of({r, summary}, now),
+            .has_time = summary.time.has_value(),
             .bad = found.status.value_or(0) != 0};
 }
 
-/* Whether one that was checked then is of the pass that began at `first`. */
-bool is_of_pass(const std::optional<int64_t>& checked, int64_t first, uint32_t type) {
-    return checked && *checked >= first && *checked <= first + (has_parts(type) ? pass_s : 0);
-}
-
 /* Adds what another record says to what is there, which may be of an earlier pass. */
-void add_record(std::optional<pass_text>& text, pass_text more, uint32_t type) {
-    bool same_pass = has_parts(type) && text && text->checked && more.pid > text->pid &&
-                     text->pid != 0 && is_of_pass(more.checked, *text->checked, type);
-    if (!same_pass) {
+void add_record(std::optional<pass_text>& text, pass_text more, const record_summary& summary) {
+    switch (text ? continues(summary, text->mark, more.mark) : continuation::another_pass) {
+    case continuation::another_pass:
         text = std::move(more);
-        return;
-    }
-    text->pid = more.pid;
-    if (more.bad && !text->bad) {
-        text->text = std::move(more.text);
-        text->bad = true;
+        break;
+    case continuation::same_pass:
+        text->mark.pid = more.mark.pid;
+        if (more.bad && !text->bad) {
+            text->text = std::move(more.text);
+            text->bad = true;
+        }
+        break;
+    case continuation::repetition:
+        break;
     }
 }
 
@@ -106,17 +103,19 @@ void settle_text(row& r, const test_status& found) {
         return;
     }
     pass_text& next = *r.next;
-    if (next.checked && !is_of_pass(next.checked, found.claimed, found.type)) {
+    uint64_t ahead =
+        static_cast<uint64_t>(next.mark.claimed) - static_cast<uint64_t>(found.claimed);
+    if (next.has_time && ahead > (has_parts(found.type) ? pass_s : 0)) {
         r.next.reset(); /* overtaken by what the state is of */
         return;
     }
     if (found.now == state::problem && !next.bad && r.shown.bad) {
         return; /* that it is well is not sure yet: others of the pass may be on their way */
     }
-    bool same_pass = has_parts(found.type) && r.shown.checked == found.claimed;
+    bool same_pass = has_parts(found.type) && r.shown.mark.claimed == found.claimed;
     if (!same_pass || next.bad != r.shown.bad) {
         r.shown = std::move(next);
-        r.shown.checked = found.claimed;
+        r.shown.mark.claimed = found.claimed;
     }
     r.next.reset();
 }
@@ -124,8 +123,8 @@ void settle_text(row& r, const test_status& found) {
 /* All but the text. */
 void settle_state(row& r, const test_status& found, int64_t now) {
     r.now = found.now;
-    r.since = std::min(found.since, now);
-    r.received = std::min(found.received, now);
+    r.since = std::clamp<int64_t>(found.since, 0, now); /* agents may claim any time */
+    r.received = std::clamp<int64_t>(found.received, 0, now);
     r.parts = has_parts(found.type) ? found.parts : 0;
     r.bad_parts = has_parts(found.type) ? found.bad_parts : 0;
 }
@@ -181,7 +180,7 @@ void table_state::know(host& h, int64_t received, const record& r) {
         row& known = at->second;
         held -= bytes_of(known);
         known.received = std::min(received, start);
-        known.shown = read_pass(r, summary);
+        known.shown = read_pass(r, summary, received);
         held += bytes_of(known);
         make_room(start);
     }
@@ -197,7 +196,7 @@ void table_state::apply(host& h, int64_t now, const record& r) {
         h.unplanned = now;
         return;
     }
-    pass_text text = read_pass(r, summary);
+    pass_text text = read_pass(r, summary, now);
     auto at = h.rows.find(key);
     if (at == h.rows.end()) {
         row first;
@@ -210,7 +209,7 @@ void table_state::apply(host& h, int64_t now, const record& r) {
         row& known = at->second;
         held -= bytes_of(known);
         known.received = now;
-        add_record(known.next, std::move(text), summary.type);
+        add_record(known.next, std::move(text), summary);
         held += bytes_of(known);
     }
     make_room(now);

@@ -10,6 +10,7 @@
 #include "protocol/record.h"
 #include "state/agent_state.h"
 #include "state/expected.h"
+#include "state/take.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -36,8 +37,8 @@ enum class row_kind { fine, strange, problem };
 /* What the records of a pass say, in one line: the first of those that are bad, or of all. */
 struct pass_text {
     std::string text = {};
-    std::optional<int64_t> checked = {}; /* its first check time, as the agent has it */
-    uint32_t pid = 0;                    /* of the last process */
+    pass_mark mark = {};
+    bool has_time = false;
     bool bad = false;
 };
 

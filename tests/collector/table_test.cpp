@@ -318,6 +318,15 @@ TEST_F(table_test, what_is_overtaken_changes_no_line) {
     EXPECT_NE(text().find("! load average 1  for 0s   high"), std::string::npos) << text();
 }
 
+TEST_F(table_test, any_check_time_may_be_claimed) {
+    for (int64_t checked : {INT64_MIN, INT64_MAX, int64_t{-1}, INT64_MIN, INT64_MAX}) {
+        add_bytes("web1", load_record(1, checked, 2, "high\n"));
+        add_block("web1", {process(3, 10, 0, checked), process(3, 11, 0, checked)});
+        EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok");
+        EXPECT_NE(text().find("high"), std::string::npos) << text();
+    }
+}
+
 TEST_F(table_test, between_a_result_and_its_state_the_old_line_is_shown) {
     add("web1", 1);
     record bad = decode(load_record(1, now + 60, 2, "high\n"));

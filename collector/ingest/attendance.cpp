@@ -217,7 +217,7 @@ bool attendance::write_states() {
     works_.resize(std::max(works_.size(), due.size()));
     size_t done = 0;
     bool ok = in_transaction(engine_, [&] {
-        bite time(most);
+        spell time(most);
         for (done = 0; done < due.size() && (done == 0 || !time.is_over()); done++) {
             works_[done].out.clear();
             if (!write_state(due[done], works_[done])) {

@@ -10,11 +10,15 @@ static constexpr size_t most_tests = 512; /* in a transaction */
 static constexpr std::chrono::milliseconds most{15};
 
 bool closing::begin(int64_t now) {
+    if (!engine_.begin()) {
+        return false;
+    }
     std::optional<int64_t> through = engine_.read_fact("closed_through");
     through_ = through.value_or(day_of(now) - 1);
     test_ = engine_.read_fact("closing_test").value_or(0);
-    return through || (engine_.begin() && engine_.set_fact("closed_through", through_) &&
-                       engine_.set_fact("closing_test", 0) && engine_.commit());
+    return (through || (engine_.set_fact("closed_through", through_) &&
+                        engine_.set_fact("closing_test", 0))) &&
+           engine_.commit();
 }
 
 int64_t closing::until() const {
@@ -55,7 +59,7 @@ bool closing::drop(resolution r, int64_t test, int64_t from) {
 /* `test` is the last one so far; tests_ is empty when there were no more. */
 bool closing::close_tests(int64_t day, int64_t stale_after, const kept_from& kept,
                           std::string& unreadable, int64_t& test) {
-    bite time(most);
+    spell time(most);
     tests_.clear();
     if (!engine_.tests_after(test, most_tests, tests_)) {
         return false;

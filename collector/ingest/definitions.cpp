@@ -34,7 +34,7 @@ bool definitions::run(int64_t now) {
         if (!is_known_ && !look_up()) {
             return false;
         }
-        bite time(most);
+        spell time(most);
         for (end = next_; end < wanted_.size() && !time.is_over(); end++) {
             const owned_definition& d = wanted_[end];
             if (differs(d) && !engine_.append_definition({.type = d.type,

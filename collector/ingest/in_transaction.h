@@ -20,10 +20,10 @@ bool in_transaction(engine& store, Do all) {
 }
 
 /* The work of one transaction, its commit not included. */
-class bite {
+class spell {
 public:
     using clock = std::chrono::steady_clock;
-    explicit bite(std::chrono::microseconds most) : until_(clock::now() + most) {}
+    explicit spell(std::chrono::microseconds most) : until_(clock::now() + most) {}
     bool is_over() const { return clock::now() >= until_; }
 
 private:

@@ -163,6 +163,7 @@ private:
     using position = batch::iterator;
 
     void begin();
+    bool is_known();
     upkeep_view view() const {
         return {arrival_clock(), parts_->present.newest(), parts_->present.stale_after()};
     }
@@ -221,6 +222,15 @@ void writer::begin() {
     parts_->care.begin();
 }
 
+/* Whether what is remembered is of the file that is written to, which is another one when somebody
+ * removed, replaced or damaged the one before. */
+bool writer::is_known() {
+    if (generation_ != engine_->generation() && engine_->begin() && engine_->commit()) {
+        begin();
+    }
+    return generation_ == engine_->generation();
+}
+
 void writer::write_batches() {
     if (!is_taken_over_) {
         take_over();
@@ -253,8 +263,8 @@ bool writer::look_after() {
             tell_(dropped);
         }
         engine_->look_after();
-        if (engine_->generation() != generation_) {
-            begin();
+        if (!is_known()) {
+            return false;
         }
         bool more = parts_->present.run();
         return parts_->care.run(view()) || more;
@@ -271,10 +281,8 @@ void writer::take_over() {
     while (made != takeover::progress::done && !queue_.is_stopped()) {
         try {
             engine_->look_after();
-            if (engine_->generation() != generation_) {
-                begin();
-            }
-            made = parts_->earlier.step(parts_->present.stale_after());
+            made = is_known() ? parts_->earlier.step(parts_->present.stale_after())
+                              : takeover::progress::failed;
             upkeep_view then = view();
             then.now = parts_->earlier.now();
             while (made == takeover::progress::more && !queue_.is_stopped() &&
@@ -342,7 +350,9 @@ writer::position writer::write_run(position from, position end) {
     }
     for (position b = from; b != to; ++b) {
         try {
-            note_stored(*b);
+            if (is_known()) {
+                note_stored(*b);
+            }
             tell_of(*b);
         } catch (const std::exception&) { /* stored all the same */
         }

@@ -164,7 +164,7 @@ void packing::pack_some(job& work) {
     }
 }
 
-bool packing::pack(const bite& time) {
+bool packing::pack(const spell& time) {
     for (job& work : jobs_) {
         while (!work.tests.empty()) {
             if (time.is_over()) {

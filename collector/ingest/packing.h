@@ -35,7 +35,7 @@ public:
     bool is_full() const;
 
     /* Packs for a while. True when all is packed. */
-    bool pack(const bite& time);
+    bool pack(const spell& time);
     /* Puts it into the store; then it is idle. False when the engine failed: then it was nothing.
      */
     bool store(int64_t stale_after, const kept_from& kept, std::string& unreadable);

@@ -38,7 +38,7 @@ bool upkeep::run(const upkeep_view& view, bool with_expiry) {
     if (steady_clock() < not_before_) {
         return false;
     }
-    bite time(upkeep_bite);
+    spell time(upkeep_bite);
     progress made = progress::some;
     while (made == progress::some && !time.is_over()) {
         has_begun_ = has_begun_ || closing_.begin(view.now);
@@ -132,7 +132,7 @@ bool upkeep::is_behind() const {
 
 /* True when something is at work. */
 bool upkeep::gather() {
-    bite time(gathering);
+    spell time(gathering);
     while (!due_.empty() && !packing_.is_full() && !time.is_over() &&
            !(one_by_one_ && !packing_.is_idle())) {
         roster_agent* agent = agents_.find(due_.front());
@@ -155,7 +155,7 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
         }
         return gather() || !due_.empty() ? progress::some : progress::none;
     }
-    if (!packing_.pack(bite(packing_time))) {
+    if (!packing_.pack(spell(packing_time))) {
         return progress::some;
     }
     const std::vector<int64_t> at_work = packing_.agents();

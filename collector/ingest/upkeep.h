@@ -41,7 +41,7 @@ public:
     /* Whether so much of an agent lies open that its next large block had better wait. */
     bool is_behind() const;
 
-    /* For a bite. True when more is due. */
+    /* For a spell. True when more is due. */
     bool run(const upkeep_view& view);
     /* The same without dropping anything. */
     bool run_without_expiry(const upkeep_view& view);

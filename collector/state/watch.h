@@ -44,8 +44,8 @@ public:
 
     struct overdue {
         int64_t agent = 0;
-        bool silent = false; /* otherwise: these tests are stale */
-        std::vector<test_key> tests = {};
+        bool silent = false;              /* otherwise: these tests are stale */
+        std::vector<test_key> tests = {}; /* rising */
     };
     /* Each thing once: they are taken for silent and stale until they are heard or come again.
      * `most` agents at a time, in no order. */

@@ -39,7 +39,8 @@ void expected::follow(const plan_summary& plan, int64_t now) {
     for (planned& p : tests_) {
         known = std::lower_bound(known, before.end(), p, by_test);
         bool is_known = known != before.end() && known->test == p.test;
-        if (is_planned_) { /* without a plan every test was to come */
+        p.since = unplanned_since_; /* without a plan every test was to come */
+        if (is_planned_) {
             p.since = is_known ? known->since : now;
         }
     }

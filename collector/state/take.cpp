@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int64_t hour_s = 3600;
+constexpr std::string_view cut_mark = " ..."; /* what shortened() puts behind */
 constexpr int64_t least = std::numeric_limits<int64_t>::min();
 constexpr int64_t most = std::numeric_limits<int64_t>::max();
 
@@ -417,7 +418,8 @@ private:
         state fresh = t.bad_parts > 0 ? state::problem : state::ok;
         if (fresh != t.now) {
             put_change(t, fresh, event_time(t),
-                       shortened(judge(r.content, r.summary).reason, max_message), out_);
+                       shortened(judge(r.content, r.summary).reason, max_message - cut_mark.size()),
+                       out_);
         }
     }
 

@@ -123,7 +123,7 @@ void watch::take_back(const overdue& what) {
     agent& a = found->second;
     a.silent = a.silent && !what.silent;
     for (test& t : a.tests) {
-        if (t.stale && std::find(what.tests.begin(), what.tests.end(), t.key) != what.tests.end()) {
+        if (t.stale && std::binary_search(what.tests.begin(), what.tests.end(), t.key)) {
             t.stale = false;
             a.oldest = std::min(a.oldest, t.came);
         }

@@ -1,0 +1,214 @@
+#include "state/watch.cpp"
+
+#include "state/expected.h"
+
+#include <gtest/gtest.h>
+#include <string>
+
+namespace {
+
+using tests = std::vector<watch::test_key>;
+
+std::string overdue_at(watch& w, const expected& plan, int64_t now, size_t most = SIZE_MAX) {
+    std::vector<watch::overdue> found(3);
+    w.find_overdue(plan, now, most, found);
+    std::sort(found.begin(), found.end(),
+              [](const auto& a, const auto& b) { return a.agent < b.agent; });
+    std::string all;
+    for (const watch::overdue& o : found) {
+        all += std::to_string(o.agent) + (o.silent ? " silent" : " stale");
+        for (const auto& [type, number] : o.tests) {
+            all += " " + std::to_string(type) + "/" + std::to_string(number);
+        }
+        all += "; ";
+    }
+    return all;
+}
+
+plan_summary plan_of(int32_t poll, int32_t check, tests of) {
+    return {.every = {.poll = poll, .check = check}, .is_planned = true, .tests = std::move(of)};
+}
+
+} // namespace
+
+TEST(watch, an_agent_that_is_not_heard_is_silent_once) {
+    expected plan;
+    watch w(0);
+    EXPECT_FALSE(w.heard(1, 100));
+    EXPECT_FALSE(w.heard(2, 101));
+    EXPECT_EQ(overdue_at(w, plan, 280), "") << "for more than three intervals";
+    EXPECT_EQ(overdue_at(w, plan, 281), "1 silent; ");
+    EXPECT_EQ(overdue_at(w, plan, 282), "2 silent; ");
+    EXPECT_EQ(overdue_at(w, plan, 1000), "");
+    EXPECT_TRUE(w.heard(1, 1000));
+    EXPECT_FALSE(w.heard(1, 1001));
+    EXPECT_EQ(overdue_at(w, plan, 1182), "1 silent; ");
+}
+
+TEST(watch, a_test_of_which_nothing_comes_is_stale_once) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.came(1, {66, 2}, 10);
+    w.came(1, {66, 1}, 10);
+    w.came(1, {48, 1}, 50);
+    w.heard(1, 190);
+    EXPECT_EQ(overdue_at(w, plan, 190), "");
+    EXPECT_EQ(overdue_at(w, plan, 191), "1 stale 66/1 66/2; ");
+    EXPECT_EQ(overdue_at(w, plan, 230), "");
+    EXPECT_EQ(overdue_at(w, plan, 231), "1 stale 48/1; ");
+    w.came(1, {66, 2}, 240);
+    w.heard(1, 421);
+    EXPECT_EQ(overdue_at(w, plan, 420), "");
+    EXPECT_EQ(overdue_at(w, plan, 421), "1 stale 66/2; ");
+}
+
+TEST(watch, while_an_agent_is_silent_its_tests_are_not_stale) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.came(1, {66, 1}, 0);
+    EXPECT_EQ(overdue_at(w, plan, 500), "1 silent; ");
+    EXPECT_EQ(overdue_at(w, plan, 501), "");
+    EXPECT_TRUE(w.heard(1, 1000));
+    for (int64_t now : {1060, 1120, 1180}) {
+        EXPECT_EQ(overdue_at(w, plan, now), "") << "they have time from its return on";
+        w.heard(1, now);
+    }
+    EXPECT_EQ(overdue_at(w, plan, 1181), "1 stale 66/1; ");
+}
+
+TEST(watch, what_comes_is_not_being_heard) {
+    expected plan;
+    watch w(0);
+    w.came(1, {66, 1}, 0);
+    w.came(1, {66, 1}, 100);
+    EXPECT_EQ(overdue_at(w, plan, 181), "1 silent; ");
+}
+
+TEST(watch, what_the_store_knows_has_time_from_the_start) {
+    expected plan;
+    watch w(1000);
+    w.know(1, false, 1000);
+    w.know(1, {66, 1}, false, 1000);
+    w.know(1, {66, 2}, true, 1000);
+    w.know(2, true, 1000);
+    w.know(2, {66, 1}, false, 1000);
+    EXPECT_EQ(overdue_at(w, plan, 1180), "");
+    w.heard(1, 1180);
+    EXPECT_EQ(overdue_at(w, plan, 1181), "1 stale 66/1; ") << "66/2 is stale, 2 silent already";
+    EXPECT_TRUE(w.heard(2, 1200));
+    EXPECT_EQ(overdue_at(w, plan, 1361), "1 silent; ");
+    EXPECT_EQ(overdue_at(w, plan, 1381), "2 silent; ");
+}
+
+TEST(watch, nothing_is_overdue_after_a_pause) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.heard(2, 0);
+    w.came(2, {66, 1}, 0);
+    w.pause(5000);
+    EXPECT_EQ(overdue_at(w, plan, 5180), "");
+    w.heard(2, 5170);
+    EXPECT_EQ(overdue_at(w, plan, 5181), "1 silent; 2 stale 66/1; ");
+}
+
+TEST(watch, one_shot_and_unplanned_tests_are_never_stale) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.came(1, {40, 1}, 0);
+    w.came(1, {66, 1}, 0);
+    w.came(1, {66, 2}, 0);
+    plan.follow(plan_of(60, 60, {{40, 1}, {66, 2}}), 0);
+    w.heard(1, 1000);
+    EXPECT_EQ(overdue_at(w, plan, 1000), "1 stale 66/2; ");
+    EXPECT_EQ(overdue_at(w, plan, 1001), "");
+
+    plan.follow(plan_of(60, 60, {{66, 1}, {66, 2}}), 1010);
+    w.heard(1, 1190);
+    EXPECT_EQ(overdue_at(w, plan, 1190), "") << "it is to come since 1010";
+    EXPECT_EQ(overdue_at(w, plan, 1191), "1 stale 66/1; ");
+
+    expected once;
+    once.follow(plan_of(60, 0, {{66, 3}}), 0);
+    w.came(1, {66, 3}, 1200);
+    w.heard(1, 5000);
+    EXPECT_EQ(overdue_at(w, once, 5000), "");
+}
+
+TEST(watch, longer_intervals_give_more_time) {
+    expected plan;
+    plan.follow(plan_of(60, 600, {{66, 1}}), 0);
+    watch w(0);
+    w.heard(1, 0);
+    w.came(1, {66, 1}, 0);
+    for (int64_t now = 60; now <= 1800; now += 60) {
+        w.heard(1, now);
+        EXPECT_EQ(overdue_at(w, plan, now), "");
+    }
+    EXPECT_EQ(overdue_at(w, plan, 1801), "1 stale 66/1; ");
+    EXPECT_EQ(overdue_at(w, plan, 1981), "1 silent; ");
+}
+
+TEST(watch, no_more_agents_at_a_time_than_asked_for) {
+    expected plan;
+    watch w(0);
+    for (int64_t agent = 1; agent <= 25; agent++) {
+        w.heard(agent, 0);
+    }
+    std::string all;
+    std::vector<watch::overdue> found;
+    for (size_t expected : {10u, 10u, 5u, 0u}) {
+        w.find_overdue(plan, 1000, 10, found);
+        EXPECT_EQ(found.size(), expected);
+    }
+}
+
+TEST(watch, what_could_not_be_stored_is_found_again) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.heard(2, 0);
+    w.came(2, {66, 1}, 0);
+    w.came(2, {66, 2}, 0);
+    w.came(2, {66, 3}, 150);
+    w.heard(2, 181);
+    std::vector<watch::overdue> found;
+    w.find_overdue(plan, 181, 10, found);
+    ASSERT_EQ(found.size(), 2u);
+    for (const watch::overdue& o : found) {
+        w.take_back(o);
+    }
+    w.take_back({.agent = 77, .silent = true, .tests = {}});
+    EXPECT_EQ(overdue_at(w, plan, 182), "1 silent; 2 stale 66/1 66/2; ");
+    EXPECT_EQ(overdue_at(w, plan, 183), "");
+}
+
+TEST(watch, an_agent_that_is_forgotten_is_never_overdue) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    w.forget(1);
+    w.forget(1);
+    EXPECT_EQ(overdue_at(w, plan, 1000), "");
+    EXPECT_FALSE(w.heard(1, 1000)) << "it is new";
+}
+
+TEST(watch, invented_tests_do_not_grow_for_ever) {
+    expected plan;
+    watch w(0);
+    w.heard(1, 0);
+    for (int32_t i = 0; i < 3 * agent_state::max_tests; i++) {
+        w.came(1, {66, (i * 7919) % 1000003}, i);
+        w.came(1, {48, 1}, i);
+    }
+    w.heard(1, 100000);
+    std::vector<watch::overdue> found;
+    w.find_overdue(plan, 100000, 10, found);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_LE(found[0].tests.size(), size_t{agent_state::max_tests});
+    EXPECT_EQ(found[0].tests[0], watch::test_key(48, 1)) << "what came last is known";
+    EXPECT_TRUE(std::is_sorted(found[0].tests.begin(), found[0].tests.end()));
+}

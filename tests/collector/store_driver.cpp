@@ -353,8 +353,10 @@ void show_agent(result_reader& reader, shown_agent& agent, FILE* to, bool with_o
         if (!reader.for_each_event(
                 {.test = t.id},
                 [&](const stored_event& e) {
+                    std::string message(e.message);
+                    std::replace(message.begin(), message.end(), '\n', '|');
                     events.push_back(std::to_string(e.time) + " " + std::to_string(e.from) + " " +
-                                     std::to_string(e.to) + " " + std::string(e.message));
+                                     std::to_string(e.to) + " " + message);
                     return true;
                 },
                 error)) {

@@ -57,7 +57,7 @@ class Agent:
 class History:
     """`lines` is the history; `blocks`, by number of their lines, what they are: (agent, arrival, what is said)."""
 
-    def __init__(self, seed, agents=3, days=6, keep=(4, 5, 6, 5, 6), first_hour=0):
+    def __init__(self, seed, agents=3, days=6, keep=(4, 5, 6, 6, 8), first_hour=0):
         dice = histories.Dice(seed)
         self.blocks = {}
         self.steps = []
@@ -80,13 +80,14 @@ class History:
                 host.cache = []
             if hour % 24 == 0 and hour > first_hour:
                 self.step("settle %d" % (now // DAY_S - 1))
+        # What is old goes by and by, a day an hour at most; this agent has the store look at its clock.
         end = start + days * DAY_S
-        for hours in range(48):  # a day is dropped an hour at most
-            self.step("clock %d" % (end + hours * HOUR_S))
-            if hours % 24 == 0:
-                self.step("settle %d" % ((end + hours * HOUR_S) // DAY_S - 1))
-            elif hours < 8 or hours == 47:
-                self.step("quiet 2")
+        for now in range(end, end + 60 * HOUR_S, HOUR_S):
+            self.step("clock %d" % now)
+            plain = histories.inventory(45, now)[0]
+            self.step("block 9 %d" % len(plain), plain)
+        self.step("settle %d" % (now // DAY_S - 1))
+        self.step("quiet 3")
 
     def step(self, text, more=b""):
         self.steps.append(text.encode() + b"\n" + more)
@@ -102,7 +103,8 @@ class History:
             agent = agents.setdefault(number, state_model.Agent())
             for change in agent.take_results(said, now, CHECK_S, STALE_S):
                 events.append("event agent%d %s %d %d %d %s" % (
-                    number, histories.key_text(change.test), change.time, change.before, change.after, change.message))
+                    number, histories.key_text(change.test), change.time, change.before, change.after,
+                    change.message.replace("\n", "|")))
         ledger = ["ledger agent%d %d %d %d" % (number, hour, counts[0], counts[2])
                   for number, agent in agents.items() for hour, counts in agent.ledger.items()]
         return sorted(events), sorted(ledger)

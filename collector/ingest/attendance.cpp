@@ -71,7 +71,7 @@ void attendance::know(const known_agent& row, const agent_state& state, int64_t 
     }
 }
 
-bool attendance::begin() {
+void attendance::begin() {
     const int64_t now = clock();
     agents_.clear();
     watch_ = watch(now);
@@ -83,7 +83,7 @@ bool attendance::begin() {
     definitions_.begin();
     agent_state state;
     std::string error;
-    return engine_.reader().for_each_agent(
+    engine_.reader().for_each_agent(
         [&](const known_agent& row) {
             state.unpack(row.state);
             know(row, state, now);

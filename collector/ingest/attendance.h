@@ -38,9 +38,9 @@ public:
 
     /* ---- the store's thread ---- */
 
-    /* Learns the agents from their rows; after the start, and in another file. False when they
-     * cannot all be read. */
-    bool begin();
+    /* Learns the agents from their rows, those that can be read; after the start, and in another
+     * file. */
+    void begin();
 
     /* How long things take now. */
     patience now() const;

@@ -216,9 +216,7 @@ private:
 /* Learns what there is: at the start, and in another file. */
 void writer::begin() {
     generation_ = engine_->generation();
-    if (!parts_->present.begin()) {
-        tell_("some of what is stored cannot be read: the agents are not all known");
-    }
+    parts_->present.begin(); /* damage is met, and told of, by the next block */
     parts_->care.begin();
 }
 

@@ -4,18 +4,10 @@
 
 #include <algorithm>
 
-std::chrono::milliseconds upkeep_bite{20};
+upkeep_pace pace;
 
-namespace {
-
-constexpr std::chrono::milliseconds gathering{5}, packing_time{10};
-constexpr int64_t open_for = 3600, spread = 1800; /* seconds that blocks lie open: at least that,
-                                                     and up to so much longer by agent */
-constexpr uint64_t open_most = 1 << 20;           /* bytes of an agent that lie open */
-constexpr int64_t between_looks = 2;              /* seconds */
-constexpr int64_t after_failure = 60, agent_after_failure = 3600;
-
-} // namespace
+/* Of a bite. */
+static constexpr std::chrono::milliseconds gathering{5}, packing_time{10};
 
 void upkeep::begin() {
     has_begun_ = false;
@@ -38,7 +30,7 @@ bool upkeep::run(const upkeep_view& view, bool with_expiry) {
     if (steady_clock() < not_before_) {
         return false;
     }
-    spell time(upkeep_bite);
+    spell time(pace.bite);
     progress made = progress::some;
     while (made == progress::some && !time.is_over()) {
         has_begun_ = has_begun_ || closing_.begin(view.now);
@@ -65,12 +57,12 @@ upkeep::progress upkeep::step(const upkeep_view& view, bool with_expiry) {
 void upkeep::failed() {
     trouble_.report("what is stored cannot be packed: " + engine_.reason());
     const int64_t now = steady_clock();
-    not_before_ = now + after_failure;
+    not_before_ = now + pace.after_failure;
     std::vector<int64_t> at_work = packing_.agents();
     packing_.give_up();
     if (at_work.size() == 1) {
         if (roster_agent* agent = agents_.find(at_work[0])) {
-            agent->pack_not_before = now + agent_after_failure;
+            agent->pack_not_before = now + pace.of_an_agent;
         }
     }
     one_by_one_ = at_work.size() > 1;
@@ -91,14 +83,14 @@ bool upkeep::is_due(const roster_agent& agent, const upkeep_view& view) const {
         return false;
     }
     const int64_t age = view.now - agent.open_since; /* below 0: the clock was set back */
-    return agent.open_bytes > open_most || age < -open_for ||
-           age > open_for + agent.id * 7919 % spread || agent.open_since < looked_for_;
+    return agent.open_bytes > pace.open_most || age < -std::max<int64_t>(pace.open_for, 0) ||
+           age > pace.open_for + agent.id * 7919 % pace.spread || agent.open_since < looked_for_;
 }
 
 void upkeep::look_for_due(const upkeep_view& view) {
     const int64_t now = steady_clock();
     const int64_t wanted = closing_.is_due(view.now) ? closing_.until() : INT64_MIN;
-    if (now - between_looks < looked_ && wanted == looked_for_) {
+    if (now - pace.between_looks < looked_ && wanted == looked_for_) {
         return;
     }
     looked_ = now;
@@ -113,7 +105,7 @@ void upkeep::look_for_due(const upkeep_view& view) {
 
 bool upkeep::is_much(int64_t agent) const {
     const roster_agent* known = agents_.find(agent);
-    return known != nullptr && known->open_bytes > open_most &&
+    return known != nullptr && known->open_bytes > pace.open_most &&
            steady_clock() >= known->pack_not_before;
 }
 
@@ -139,7 +131,7 @@ bool upkeep::gather() {
         due_.pop_front();
         std::string error;
         if (agent != nullptr && !packing_.gather(*agent, error)) {
-            agent->pack_not_before = steady_clock() + agent_after_failure;
+            agent->pack_not_before = steady_clock() + pace.of_an_agent;
             note_unreadable(error);
         }
     }

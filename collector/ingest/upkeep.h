@@ -24,8 +24,16 @@ struct upkeep_view {
     int64_t stale_after = 0; /* seconds, for tests */
 };
 
-/* How long it may keep others waiting; a test makes it long. */
-extern std::chrono::milliseconds upkeep_bite;
+/* A test makes it quicker. */
+struct upkeep_pace {
+    std::chrono::milliseconds bite{20}; /* how long it may keep others waiting */
+    /* Seconds that blocks lie open: at least that, and up to so much longer by agent. */
+    int64_t open_for = 3600, spread = 1800;
+    uint64_t open_most = 1 << 20;                   /* bytes of an agent that do */
+    int64_t between_looks = 2;                      /* seconds, for what is due */
+    int64_t after_failure = 60, of_an_agent = 3600; /* seconds until what failed is tried again */
+};
+extern upkeep_pace pace;
 
 class upkeep {
 public:

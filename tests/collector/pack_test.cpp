@@ -777,3 +777,53 @@ TEST(pack_roll_up, leaves_out_the_highest_ids_beyond_the_limit) {
     EXPECT_EQ(found[5].values.size(), roll_up_max_values / 1440);
     EXPECT_EQ(found[5].values.back().id, roll_up_max_values / 1440 - 1);
 }
+
+/* ---- what is stored already ---- */
+
+static std::string from_hex(std::string_view text) {
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+    }
+    return bytes;
+}
+
+/* Pieces lie in databases for years: whoever changes how they are packed reads these all the same,
+ * also on another machine. */
+TEST(unpack, reads_what_was_packed_before) {
+    kept_records records, found;
+    for (int i = 0; i < 8; i++) {
+        records.push_back(
+            {1780000000 + 60 * i,
+             cpu_record(1780000000 + 60 * i - 1, {0.1 * i * 5, 100.0 / (i + 1)}, i == 3 ? 2 : 0)});
+    }
+    records.push_back({1780000900, std::string("\5\0\0\0x", 5)});
+    EXPECT_TRUE(unpack_kept(
+        from_hex(
+            "11e3019d01e364646061646062646460646264800246c686294717f2b2325440c001a83833430490e403"
+            "6236b03210c10466fd9b0c54cf0853cf00372800641850e103018e1f2c3c2cf60c0cf570498648875051"
+            "86d5ab1956f7a932ac5ac5b0eab12798b29804a6fa54500505382b79596458411a9d034215ca12734a53"
+            "8b15128b5215ca334b3232f314129393530b4a1293725215723273334b8ab91840aa2b003ba9672e"),
+        found));
+    EXPECT_TRUE(found == records);
+
+    std::vector<bucket> buckets =
+                            {{.start = 0,
+                              .count = 5,
+                              .ok = 300,
+                              .problem = 0,
+                              .values = {{.id = 4, .count = 5, .min = 0.5, .mean = 1, .max = 1.5}}},
+                             {.start = 600,
+                              .count = 4,
+                              .ok = 0,
+                              .problem = 240,
+                              .values = {{.id = 4, .count = 3, .min = 1, .mean = 1, .max = 1},
+                                         {.id = 1000, .count = 1, .min = 7, .mean = 7, .max = 7}}}},
+                        unpacked;
+    EXPECT_TRUE(unpack_roll_up(
+        from_hex(
+            "21493763626060656088606062e06064606400f174c034107f60626104331881d25c409a950ba89685a1"
+            "81e1053b0354820d483032f031300000650f5007"),
+        unpacked));
+    expect_as_packed(unpacked, buckets, 0);
+}

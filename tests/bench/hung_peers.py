@@ -22,7 +22,6 @@ import resource
 import selectors
 import shutil
 import socket
-import sqlite3
 import struct
 import subprocess
 import sys
@@ -184,19 +183,12 @@ class HungPeers(harness.TestCase):
     def reported(self):
         """For each group how many reports came since the last time, and how many of them were as they
         should not be."""
-        path = os.path.join(self.collector.state, "results.db")
-        with sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=60) as store:
-            days = [day for (day,) in store.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' "
-                                                    "AND type = 'table' ORDER BY name")]
-            counts = {}
-            for group in self.groups:
-                where = "WHERE type = ? AND test BETWEEN ? AND ?"
-                found = [record for day in days for record in store.execute(
-                    "SELECT status FROM %s %s ORDER BY id" % (day, where),
-                    (group.record, group.ids.start, group.ids.stop - 1))][self.seen[group]:]
-                self.seen[group] += len(found)
-                counts[group] = len(found), sum((status == 0) != group.healthy for (status,) in found)
-        store.close()
+        rows, counts = self.collector.rows(), {}
+        for group in self.groups:
+            found = [row.status for row in rows
+                     if row.type == group.record and row.test in group.ids][self.seen[group]:]
+            self.seen[group] += len(found)
+            counts[group] = len(found), sum((status == 0) != group.healthy for status in found)
         return counts
 
     def judge_reports(self, minutes):

@@ -17,7 +17,6 @@ import re
 import resource
 import shutil
 import socket
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -27,7 +26,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent  # noqa: E402
 from snmp import OBJECTS, TABLE, cpu_with_children, start_snmpd, states_of_children, write_module  # noqa: E402
 from probes import status  # noqa: E402
-from whole import memory_kb  # noqa: E402
+from whole import memory_kb, stored  # noqa: E402
 
 POLL_S = 3
 SAMPLE_S = 5
@@ -167,20 +166,17 @@ class Bench:
 
     def check_reports(self):
         problems, longest = [], 0
-        with sqlite3.connect("file:%s?mode=ro" % self.state, uri=True, timeout=60) as store:
-            days = [day for (day,) in store.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' AND "
-                                                    "type = 'table' ORDER BY name")]
-            for kind, test in self.reports:
-                rows = [line for day in days for line in store.execute(
-                    "SELECT time, status FROM %s WHERE type = ? AND test = ? ORDER BY time" % day, (kind, test))]
-                bad = sum(state != 0 for _, state in rows)
-                times = [at for at, _ in rows]
-                gap = max((later - at for at, later in zip(times, times[1:])), default=0)
-                longest = max(longest, gap)
-                expected = self.options.minutes * 60 / self.options.check - 2
-                if bad or len(rows) < expected or gap > 2 * self.options.check:
-                    problems.append("test %d: %d records, %d of them bad, up to %d s apart" % (
-                        test, len(rows), bad, gap))
+        kept = stored.rows(self.state)
+        for kind, test in self.reports:
+            rows = sorted((row.time, row.status) for row in kept if (row.type, row.test) == (kind, test))
+            bad = sum(state != 0 for _, state in rows)
+            times = [at for at, _ in rows]
+            gap = max((later - at for at, later in zip(times, times[1:])), default=0)
+            longest = max(longest, gap)
+            expected = self.options.minutes * 60 / self.options.check - 2
+            if bad or len(rows) < expected or gap > 2 * self.options.check:
+                problems.append("test %d: %d records, %d of them bad, up to %d s apart" % (
+                    test, len(rows), bad, gap))
         print("%d answered tests, their checks at most %d s apart" % (len(self.reports), longest))
         return problems
 

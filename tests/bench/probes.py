@@ -18,7 +18,6 @@ import os
 import re
 import resource
 import shutil
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -28,7 +27,7 @@ import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
-from whole import PATIENCE_S, TOOL_S, count_on, end, give_up, join, peers, started, wait_for  # noqa: E402
+from whole import PATIENCE_S, TOOL_S, count_on, end, give_up, join, peers, started, stored, wait_for  # noqa: E402
 
 PAGE = 10240
 
@@ -232,16 +231,10 @@ def agent_echoes(home, tests, rounds, log_level):
     peak.stop()
     memory = status(agent.pid, "VmHWM")
     agent.stop()
-    connection = sqlite3.connect(os.path.join(home, "state", "results.db"))
-    lost = total = 0
-    for (day,) in connection.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' AND "
-                                     "type = 'table'").fetchall():
-        for state, count in connection.execute("SELECT status, count(*) FROM %s WHERE type = 48 GROUP BY "
-                                               "status" % day):
-            total += count
-            lost += count if state else 0
+    states = [row.status for row in stored.rows(os.path.join(home, "state", "results.db")) if row.type == 48]
     print("agent, %4d tests, log level %d: %.3f ms CPU an echo, peak %d KB, %d threads; %d of %d lost" % (
-        tests, log_level, used * 1000 / tests / rounds, memory, peak.threads, lost, total), flush=True)
+        tests, log_level, used * 1000 / tests / rounds, memory, peak.threads, sum(state != 0 for state in states),
+        len(states)), flush=True)
 
 
 def echoes(home, tests, rounds):

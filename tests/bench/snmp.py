@@ -16,7 +16,6 @@ root and Debian's snmpd and snmp; fping and prometheus-snmp-exporter are left ou
 import argparse
 import os
 import shutil
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -26,7 +25,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from local import Agent, cpu_seconds, free_port  # noqa: E402
 from probes import answered, children_ms, exporter_rate, idle, status  # noqa: E402
-from whole import TOOL_S, end, join, peers, started, wait_for  # noqa: E402
+from whole import TOOL_S, end, join, peers, started, stored, wait_for  # noqa: E402
 
 OBJECTS = ["1.3.6.1.2.1.1.%d.0" % i for i in (1, 3, 4, 5, 6)]
 TABLE, COLUMNS, ROWS = "1.3.6.1.4.1.99991.1", 22, 49
@@ -118,11 +117,7 @@ class Rounds:
 
 
 def records_of(home, kind):
-    with sqlite3.connect("file:%s/state/results.db?mode=ro" % home, uri=True, timeout=30) as connection:
-        days = connection.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' AND "
-                                  "type = 'table'").fetchall()
-        return sum(connection.execute("SELECT count(*) FROM %s WHERE type = ?" % day, (kind,)).fetchone()[0]
-                   for (day,) in days)
+    return sum(row.type == kind for row in stored.rows(os.path.join(home, "state", "results.db")))
 
 
 def first_pass(agent, home, plan, kind, tests):

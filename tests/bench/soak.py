@@ -20,7 +20,6 @@ import os
 import re
 import shutil
 import socket
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -333,29 +332,14 @@ class Soak(harness.TestCase):
             self.problems.append("resident memory grows by %.1f KB an hour" % slope)
 
     def check_records(self):
-        """The blocks that the agent says it sent are what the collector stored, in this order; the last may
-        still have been on its way."""
-        blocks = [int(size) for size in re.findall(r"INFO: data cache size: (\d+)", self.agent.log())]
-        path = os.path.join(self.collector.state, "results.db")
-        with sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=60) as store:
-            days = [day for (day,) in store.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' "
-                                                    "AND type = 'table' ORDER BY name")]
-            stored = [size for day in days
-                      for (size,) in store.execute("SELECT length(record) FROM %s ORDER BY id" % day)]
-            reported = {pair for day in days for pair in store.execute("SELECT DISTINCT type, test FROM " + day)}
-        at = 0
-        for number, block in enumerate(blocks):
-            size, first = 0, at
-            while size < block and at < len(stored):
-                size += stored[at]
-                at += 1
-            if size != block and not (number == len(blocks) - 1 and first == len(stored)):
-                self.problems.append("block %d of %d has %d bytes, but %d were stored" % (
-                    number + 1, len(blocks), block, size))
-                break
-        else:
-            if at < len(stored):
-                self.problems.append("%d records too many were stored" % (len(stored) - at))
+        """The results that the agent says it sent are what the collector stored; the last may still have been on
+        their way."""
+        blocks = [size for size in self.agent.collected(inventories=False) if size]
+        stored = self.collector.rows()
+        reported = {(row.type, row.test) for row in stored}
+        size = sum(len(row.record) for row in stored)
+        if sum(blocks) - size not in (0, *blocks[-1:]):
+            self.problems.append("%d bytes of results were collected, but %d were stored" % (sum(blocks), size))
         if os.path.isdir(os.path.join(self.collector.state, "undecodable")):
             self.problems.append("blocks did not decode")
         never_end = (records.SNMP, records.SNMP_TABLE, records.DISCOVERY) if harness.SANITIZERS else ()

@@ -19,6 +19,7 @@ import time
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 sys.path += [os.path.join(TOP, "tests", "support"), os.path.join(TOP, "tests", "system")]
 import peers  # noqa: E402
+import stored  # noqa: E402
 
 BUILD = os.environ.get("VINDRAL_BUILD_DIR", os.path.join(TOP, "build", "release"))
 BENCH = os.path.join(BUILD, "tests", "bench")

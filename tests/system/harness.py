@@ -9,7 +9,6 @@ Without root the tests run in place, and those that need a namespace are skipped
 Environment: VINDRAL_BUILD_DIR, the build directory with the programs (CTest sets it).
 """
 
-import collections
 import concurrent.futures
 import ctypes
 import json
@@ -19,7 +18,6 @@ import select
 import shutil
 import signal
 import socket
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -31,7 +29,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.append(os.path.join(HERE, "..", "support"))
 
 import peers  # noqa: E402
-import records  # noqa: E402
+import stored  # noqa: E402
 
 BUILD = os.environ.get(
     "VINDRAL_BUILD_DIR", os.path.join(HERE, "..", "..", "build", "release"))
@@ -362,6 +360,11 @@ class TestCase(unittest.TestCase):
         return path
 
 
+# What an agent's log says of a collection, and who reports inventories in it.
+COLLECTED = re.compile(r"INFO: collect_result::(\w+) data size: (\d+)")
+INVENTORY_SOURCES = ("get_proc_name_list", "get_mounted_list", "get_adapter_list")
+
+
 class Agent:
     """One agent with a directory of its own: configuration, log, PID file and home.
 
@@ -443,9 +446,11 @@ class Agent:
         return wait_until(lambda: (lambda log: log.count(text) >= count and log)(self.log()),
                           lambda: "%r in the log:\n%s" % (text, self.log()[-6000:]), timeout_s)
 
-    def collected(self):
-        """The bytes of each collection, by the log."""
-        return [sum(map(int, re.findall(r"INFO: collect_result::\w+ data size: (\d+)", collection)))
+    def collected(self, inventories=True):
+        """The bytes of each collection, by the log; with inventories, which the collector keeps apart and only when
+        they change, or without."""
+        return [sum(int(size) for source, size in COLLECTED.findall(collection)
+                    if inventories or source not in INVENTORY_SOURCES)
                 for collection in self.log().split("INFO: Collecting results...")[1:]]
 
     def messages(self):
@@ -486,9 +491,6 @@ _NEXT_ENTRY = re.compile(r"\n(?=\[\d\d/\d\d/\d{4}:\d\d:\d\d:\d\d\]\t)")
 def log_entries(log):
     """Splits a log into entries "[time]\\ttext"; a text may have several lines."""
     return _NEXT_ENTRY.split(log[:-1]) if log else []
-
-
-Row = collections.namedtuple("Row", "account agent type test location time status record")
 
 
 class Collector:
@@ -570,21 +572,9 @@ class Collector:
         return wait_until(found, lambda: "%d results of test %d; have %s\n%s" % (
             count, test, self.results()[-3:], self.errors()))
 
-    def rows(self, inventories=False):
-        """What the database holds, in the order of storing; inventories only when wanted."""
-        path = os.path.join(self.state, "results.db")
-        connection = sqlite3.connect("file:%s?mode=ro" % path, uri=True, timeout=PATIENCE_S)
-        try:
-            days = connection.execute("SELECT name FROM sqlite_schema WHERE name GLOB 'results_*' "
-                                      "AND type = 'table' ORDER BY name").fetchall()
-            rows = []
-            for (day,) in days:
-                rows += connection.execute(
-                    "SELECT account, name, type, test, location, time, status, record FROM %s "
-                    "JOIN agents ON agents.id = agent ORDER BY %s.id" % (day, day)).fetchall()
-            return [Row(*row) for row in rows if inventories or row[2] not in records.INVENTORIES]
-        finally:
-            connection.close()
+    def rows(self):
+        """The results in the database, in the order of storing; inventories are none."""
+        return stored.rows(os.path.join(self.state, "results.db"))
 
     def missing(self):
         """Exit status and output of the report of planned tests without results."""

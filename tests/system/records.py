@@ -73,6 +73,11 @@ def results(block):
     return [record for record in decode(block) if record.ui32[0] not in INVENTORIES]
 
 
+def without_inventories(block):
+    """The same block as the collector keeps it: inventories have a place of their own."""
+    return b"".join(record.raw for record in results(block))
+
+
 def load_averages(block):
     """The load-average records of a block, which must hold no other results."""
     return [as_load(record) for record in results(block)]

@@ -148,7 +148,7 @@ class World:
         self.collector.stop()
         accounts.check_store(self.test, self.collector)
         rows = collections.defaultdict(list)
-        for row in self.collector.rows(inventories=True):
+        for row in self.collector.rows():
             rows[row.agent].append(row)
         self.rows = sum(map(len, rows.values()))
         accounts.check_agent(self.test, self.witness, rows[self.name + "-witness"])

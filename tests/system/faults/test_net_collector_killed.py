@@ -157,7 +157,7 @@ class Killed(harness.TestCase):
         agent.stop()
         proxy.stop()
         collector.stop()
-        rows = collector.rows(inventories=True)
+        rows = collector.rows()
         proxy.check(self, [row.record for row in rows])
         accounts.check_agent(self, agent, rows)
         accounts.check_store(self, collector)
@@ -185,7 +185,7 @@ class Killed(harness.TestCase):
         agent.stop()
         relay.stop()
         collector.stop()
-        accounts.check_agent(self, agent, collector.rows(inventories=True))
+        accounts.check_agent(self, agent, collector.rows())
         accounts.check_store(self, collector)
 
     def test_at_random_moments(self):
@@ -214,7 +214,7 @@ class Killed(harness.TestCase):
         for agent in agents:
             agent.check_end()
         collector.stop()
-        rows = collector.rows(inventories=True)
+        rows = collector.rows()
         for agent, name in zip(agents, names):
             accounts.check_agent(self, agent, [row for row in rows if row.agent == name])
         accounts.check_store(self, collector)

@@ -111,7 +111,7 @@ class Weather(harness.TestCase):
     def check_account(self):
         self.agent.stop()
         self.collector.stop()
-        accounts.check_agent(self, self.agent, self.collector.rows(inventories=True))
+        accounts.check_agent(self, self.agent, self.collector.rows())
         accounts.check_store(self, self.collector)
 
     def test_loss(self):

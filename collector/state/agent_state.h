@@ -30,12 +30,12 @@ struct test_status {
     std::optional<int32_t> number = {}; /* none: of a type that is not known */
     state now = state::unknown;
     int64_t since = 0;    /* of the state */
-    int64_t received = 0; /* its last record */
+    int64_t received = 0; /* its last record, whatever became of it */
     int64_t time = 0;     /* of the last pass, as reckoned */
     int64_t claimed = 0;  /* the same as the agent had it */
     int64_t reached = 0;  /* the latest `time` since its clock was set back */
     int64_t block = 0;    /* row of the block that has the last record; it may be packed */
-    std::optional<int32_t> location = {}, status = {}; /* of the last record */
+    std::optional<int32_t> location = {}, status = {}; /* of the last pass: its last record */
     /* Records of the last pass so far, of them those that are problems, and of the pass before. */
     uint32_t parts = 0, bad_parts = 0, parts_before = 0;
     uint32_t pid = 0; /* of process tests: in the last record; 0: no process */

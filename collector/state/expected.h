@@ -50,13 +50,14 @@ private:
         std::pair<uint32_t, int32_t> test;
         int64_t since;
     };
+    void follow_tests(const plan_summary& plan, int64_t now);
 
     intervals now_, longer_;
     int64_t longer_until_ = INT64_MIN;
     bool is_followed_ = false, is_planned_ = false;
     int64_t repeating_since_ = INT64_MIN; /* tests at all */
     int64_t unplanned_since_ = INT64_MIN; /* tests that are in no plan */
-    std::vector<planned> tests_;          /* by test */
+    std::vector<planned> tests_;          /* by test; of the last plan, when there is none now */
 };
 
 #endif

@@ -12,39 +12,38 @@ constexpr int64_t least_patience = 60;
 } // namespace
 
 void expected::follow(const plan_summary& plan, int64_t now) {
-    bool is_first = !is_followed_;
-    is_followed_ = true;
-    if (is_first) {
-        now_ = plan.every;
-    } else if (plan.every != now_) {
+    if (is_followed_ && plan.every != now_) {
         intervals old = at(now);
         longer_ = {std::max(old.poll, plan.every.poll), std::max(old.check, plan.every.check)};
         longer_until_ = now + 3 * int64_t{std::max(longer_.poll, longer_.check)};
         if (now_.check <= 0 && plan.every.check > 0) {
             repeating_since_ = now;
         }
-        now_ = plan.every;
     }
-    if (!plan.is_planned && is_planned_) {
-        unplanned_since_ = now;
+    now_ = plan.every;
+    is_followed_ = true;
+    if (plan.is_planned) {
+        follow_tests(plan, now);
+    } else if (is_planned_) {
+        unplanned_since_ = now; /* those of the plan that is over since before */
     }
+    is_planned_ = plan.is_planned;
+}
 
+void expected::follow_tests(const plan_summary& plan, int64_t now) {
     std::vector<planned> before = std::exchange(tests_, {});
     for (const auto& test : plan.tests) {
-        tests_.push_back({test, INT64_MIN});
+        tests_.push_back({test, is_planned_ ? now : unplanned_since_});
     }
     auto by_test = [](const planned& a, const planned& b) { return a.test < b.test; };
     std::sort(tests_.begin(), tests_.end(), by_test);
     auto known = before.begin();
     for (planned& p : tests_) {
         known = std::lower_bound(known, before.end(), p, by_test);
-        bool is_known = known != before.end() && known->test == p.test;
-        p.since = unplanned_since_; /* without a plan every test was to come */
-        if (is_planned_) {
-            p.since = is_known ? known->since : now;
+        if (known != before.end() && known->test == p.test) {
+            p.since = known->since;
         }
     }
-    is_planned_ = plan.is_planned;
 }
 
 intervals expected::at(int64_t now) const {
@@ -64,15 +63,13 @@ std::optional<int64_t> expected::repeats_since(uint32_t type, int32_t number) co
     if (type == protocol::discovery.code || now_.check <= 0) {
         return std::nullopt;
     }
-    if (!is_planned_) {
-        return std::max(repeating_since_, unplanned_since_);
-    }
     std::pair test(type, number);
     auto found =
         std::lower_bound(tests_.begin(), tests_.end(), test,
                          [](const planned& p, const auto& wanted) { return p.test < wanted; });
-    if (found == tests_.end() || found->test != test) {
+    bool is_known = found != tests_.end() && found->test == test;
+    if (is_planned_ && !is_known) {
         return std::nullopt;
     }
-    return std::max(repeating_since_, found->since);
+    return std::max(repeating_since_, is_known ? found->since : unplanned_since_);
 }

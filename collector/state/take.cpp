@@ -241,7 +241,7 @@ public:
            const patience& now, outcome& out)
         : agent_(agent), records_(records), arrival_(arrival), now_(now), out_(out),
           late_(minus(std::min(newest_time(), arrival), now.stale_after)), table_(agent.tests),
-          hours_(out.hours) {}
+          hours_(out.hours), speaks_(agent.tests.size()) {}
 
     void run(std::vector<size_t>& places) {
         note_awaited();
@@ -251,7 +251,7 @@ public:
                 places[i] = take(i);
             }
         }
-        end_group();
+        end_parts();
         end_awaited();
         table_.settle();
         for (size_t i = 0; table_.was_changed() && i < records_.size(); i++) {
@@ -261,10 +261,10 @@ public:
     }
 
 private:
-    /* The records of a pass that follow each other. */
-    struct group {
-        size_t place = SIZE_MAX;  /* of the test; SIZE_MAX: there is none */
-        size_t speaks = SIZE_MAX; /* the first one that is a problem, or the first one */
+    /* The record of a pass in this block that is a problem, the first one of these, or the first
+     * one of all. */
+    struct spokesman {
+        size_t record = SIZE_MAX;
         bool is_problem = false;
     };
     struct awaited_pass {
@@ -326,38 +326,40 @@ private:
         bool is_new = place == test_table::none;
         if (is_new) {
             if (table_.is_full()) {
-                end_group();
+                end_parts();
                 overtaken_place_ = SIZE_MAX;
                 table_.settle();
             }
             place = table_.add(key);
+            speaks_.resize(agent_.tests.size());
         }
         test_status& t = agent_.tests[place];
         pass_mark mark = mark_of(r, arrival_);
-        int64_t time = reckoned_time(r.summary, arrival_);
         continuation what =
             is_new ? continuation::another_pass : continues(r.summary, mark_of(t), mark);
+        t.received = arrival_;
         if (what == continuation::repetition) {
             return place;
         }
-        if (what == continuation::another_pass || place != group_.place) {
-            end_group();
-        }
         if (what == continuation::another_pass) {
-            bool is_overtaken = !is_new && time < late_ && (time < t.reached || time < t.since);
-            if (is_overtaken) {
+            int64_t time = reckoned_time(r.summary, arrival_);
+            if (!is_new && is_overtaken(t, time)) {
                 count_overtaken(r.summary, place, mark, time);
                 return place;
             }
-            if (!is_new) {
-                end_pass(t);
-            }
+            end_part(place);
+            end_pass(t);
             begin_pass(t, r.summary, mark, time, is_new);
-        } else if (time < late_ && time < t.since) {
+        } else if (is_overtaken(t, t.time)) {
+            t.pid = mark.pid;
             return place;
         }
         add_part(t, i, place, mark);
         return place;
+    }
+
+    bool is_overtaken(const test_status& t, int64_t time) const {
+        return time < late_ && (time < t.reached || time < t.since);
     }
 
     void count_overtaken(const record_summary& what, size_t place, const pass_mark& mark,
@@ -392,26 +394,22 @@ private:
         bool is_problem = state_of(records_[i]) == state::problem;
         t.parts++;
         t.bad_parts += is_problem ? 1 : 0;
-        t.received = arrival_;
         t.location = what.location;
         t.status = what.status;
         t.pid = mark.pid;
-        if (group_.place != place) {
-            group_ = {.place = place, .speaks = i, .is_problem = is_problem};
-        } else if (is_problem && !group_.is_problem) {
-            group_.speaks = i;
-            group_.is_problem = true;
+        spokesman& speaks = speaks_[place];
+        if (speaks.record == SIZE_MAX || (is_problem && !speaks.is_problem)) {
+            speaks = {i, is_problem};
         }
     }
 
     /* What came of a pass is judged together. */
-    void end_group() {
-        if (group_.place == SIZE_MAX) {
+    void end_part(size_t place) {
+        if (speaks_[place].record == SIZE_MAX) {
             return;
         }
-        test_status& t = agent_.tests[group_.place];
-        const decoded_record& r = records_[group_.speaks];
-        group_ = {};
+        const decoded_record& r = records_[std::exchange(speaks_[place], {}).record];
+        test_status& t = agent_.tests[place];
         if (!t.number || (is_awaited(t) && t.parts < t.parts_before)) {
             return;
         }
@@ -420,6 +418,12 @@ private:
             put_change(t, fresh, event_time(t),
                        shortened(judge(r.content, r.summary).reason, max_message - cut_mark.size()),
                        out_);
+        }
+    }
+
+    void end_parts() {
+        for (size_t place = 0; place < speaks_.size(); place++) {
+            end_part(place);
         }
     }
 
@@ -483,7 +487,7 @@ private:
     const int64_t late_;
     test_table table_;
     hour_sums hours_;
-    group group_;
+    std::vector<spokesman> speaks_; /* of each test */
     std::vector<awaited_pass> awaited_;
     pass_mark overtaken_;
     size_t overtaken_place_ = SIZE_MAX;

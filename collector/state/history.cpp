@@ -640,10 +640,9 @@ private:
         for (int64_t at = std::min(last, end), step = 1; at > first + 1 && packed_count_ <= points_;
              step *= 2) {
             int64_t begin = std::max(first + 1, at - step);
-            history_.for_each_day(resolution::hour, begin, at,
-                                  [&](int64_t day, const std::vector<bucket>& buckets) {
-                                      count(day, buckets, hour_s);
-                                  });
+            for_each_hour(begin, at, [&](int64_t day, const std::vector<bucket>& buckets) {
+                count(day, buckets, hour_s);
+            });
             at = begin;
         }
         results_may_do_ = packed_count_ <= points_;
@@ -757,21 +756,21 @@ private:
     void take_hours(series& found) {
         pointing points(from_, to_, hours_ * hour_s);
         for_each_bucket(
-            hour_s, [&](const auto& each) { for_each_hour(each); },
+            hour_s, [&](const auto& each) { for_each_hour(first_day(), end_of_closed(), each); },
             [&](int64_t day, const std::vector<bucket>& buckets) { points.add(day, buckets); });
         points.take(found);
     }
 
-    /* Hours may be kept for a shorter time than 5 minutes. */
+    /* Those of first <= day < end. Hours may be kept for a shorter time than 5 minutes. */
     template <typename Do>
-    void for_each_hour(Do each) {
-        int64_t kept = history_.first_day(resolution::hour, first_day(), end_of_closed());
-        history_.for_each_day(resolution::five_minutes, first_day(), kept,
+    void for_each_hour(int64_t first, int64_t end, Do each) {
+        int64_t kept = history_.first_day(resolution::hour, first, end);
+        history_.for_each_day(resolution::five_minutes, first, kept,
                               [&](int64_t day, const std::vector<bucket>& narrow) {
                                   std::vector<bucket> wide = widen(narrow, hour_s);
                                   each(day, wide);
                               });
-        history_.for_each_day(resolution::hour, kept, end_of_closed(), each);
+        history_.for_each_day(resolution::hour, kept, end, each);
     }
 
     test_history& history_;

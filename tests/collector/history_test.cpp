@@ -506,6 +506,113 @@ static std::vector<result> plain_results(const std::vector<fake_store::arrived>&
     return results;
 }
 
+/* ---- the same out of a database ---- */
+
+static bool copy(const stored& from, const std::string& directory, std::string& error) {
+    std::unique_ptr<engine> to = open_engine({.directory = directory, .tell = {}}, error);
+    if (to == nullptr) {
+        return false;
+    }
+    stored_agent agent;
+    bool good = to->begin() && to->find_agent("a@b.c", "web1", midnight, agent);
+    std::map<int64_t, int64_t> ids;
+    for (const auto& [id, test] : from.tests) {
+        good = good && to->find_test(agent.id, test.type, test.number, ids[id]);
+    }
+    int64_t before = 0;
+    for (const auto& [row, block] : from.blocks) {
+        std::string_view piece = block.records;
+        good = good && to->append_block(agent.id, block.received, before, {&piece, 1}, before);
+    }
+    for (const auto& [test, chunks] : from.chunks) {
+        for (const fake_store::chunk& c : chunks) {
+            good = good && to->append_chunk(ids[test], {c.received_first, c.received_last, c.first,
+                                                        c.last, c.results, c.data});
+        }
+    }
+    for (const auto& [r, roll_ups] : {std::pair(resolution::five_minutes, &from.five_minutes),
+                                      std::pair(resolution::hour, &from.hours)}) {
+        for (const auto& [key, data] : *roll_ups) {
+            good = good && to->put_roll_up(r, ids[key.first], key.second, data);
+        }
+    }
+    for (const auto& [name, value] : from.facts) {
+        good = good && to->set_fact(name.c_str(), value);
+    }
+    agent_state state = from.agent;
+    state.last_block = before;
+    for (test_status& test : state.tests) {
+        test.id = ids[test.id];
+        test.block = 0;
+    }
+    std::string packed;
+    state.pack(packed);
+    good = good && to->end_block(agent.id, {}, "block", packed) && to->commit();
+    error = to->reason();
+    return good;
+}
+
+TEST(history, of_a_database_is_the_same) {
+    stored store;
+    for (int day = 0; day < 4; day++) {
+        for (int i = 0; i < 288; i++) {
+            int64_t time = midnight + day * day_s + i * 300;
+            store.append_block(time + 5, load_of(time, i, i % 7 == 0 ? 2 : 0) +
+                                             process_of(time, 10, i) + process_of(time, 11, day) +
+                                             mysql_of(time, i));
+            if (i % 100 == 99) {
+                store.pack();
+            }
+        }
+        if (day < 2) {
+            store.close(today + day);
+        }
+    }
+    store.append_block(midnight + 4 * day_s, load_of(midnight + 10, 77)); /* late */
+    scratch_directory place;
+    std::string error;
+    ASSERT_TRUE(copy(store, place.path(), error)) << error;
+    std::unique_ptr<result_reader> reader = open_reader(place.path(), error);
+    ASSERT_NE(reader, nullptr) << error;
+    for (int64_t test : {load, processes, mysql}) { /* have the same ids there */
+        for (int64_t from : {INT64_MIN, midnight, midnight + 100000}) {
+            for (int64_t to : {midnight + 86400, midnight + 200000, INT64_MAX}) {
+                std::vector<result> wanted = store.results(test, from, to, 500), found;
+                EXPECT_TRUE(read_results(*reader, test, from, to, 500, found, error)) << error;
+                ASSERT_EQ(found.size(), wanted.size());
+                for (size_t i = 0; i < found.size(); i++) {
+                    ASSERT_EQ(found[i].records, wanted[i].records);
+                    ASSERT_EQ(found[i].received, wanted[i].received);
+                }
+                for (size_t points : {10, 1000, 10000}) {
+                    series s;
+                    EXPECT_TRUE(read_series(*reader, test, from, to, points, s, error)) << error;
+                    EXPECT_EQ(text_of(s), text_of(store.read(test, from, to, points)));
+                }
+            }
+        }
+        int64_t received = 0;
+        std::string newest;
+        auto take = [&](int64_t arrived, std::string_view record) {
+            received = arrived;
+            newest = record;
+        };
+        bool good = false;
+        EXPECT_TRUE(reader->for_each_agent(
+            [&](const known_agent& agent) {
+                good = read_newest(*reader, agent, test, take, error);
+            },
+            error));
+        EXPECT_TRUE(good) << error;
+        std::string state = store.packed_agent();
+        int64_t wanted = received;
+        std::string wanted_record = newest;
+        EXPECT_TRUE(read_newest(store, fake_store::known(state), test, take, error));
+        EXPECT_EQ(received, wanted);
+        EXPECT_EQ(newest, wanted_record);
+    }
+}
+
 class random_store : public ::testing::TestWithParam<unsigned> {};
 
 TEST_P(random_store, reads_like_the_plain_way) {

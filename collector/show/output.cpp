@@ -365,8 +365,10 @@ public:
             return;
         }
         steady_clock::time_point begun = steady_clock::now();
+        std::string error, first_error;
+        auto note_error = [&] { first_error = first_error.empty() ? error : first_error; };
+        agent_state state;
         auto know_agents = [&](bool problems) {
-            agent_state state;
             auto know_agent = [&](const known_agent& a) {
                 if (problems) { /* the first time */
                     wait_for_room();
@@ -376,42 +378,40 @@ public:
                          .received = a.last_seen,
                          .text = a.state});
                 }
-                if (steady_clock::now() - begun < longest_beginning && state.unpack(a.state)) {
-                    know_results(stored, a, state, problems);
+                if (steady_clock::now() - begun < longest_beginning && state.unpack(a.state) &&
+                    !know_results(stored, a, state, problems, error)) {
+                    note_error();
                 }
             };
-            std::string error;
             if (!stored.for_each_agent(know_agent, error)) {
-                on_problem(unreadable + error);
-                return false;
+                note_error();
             }
-            return true;
         };
         /* The states of all, and the results of as many as can be read in a moment, what is wrong
          * first: agents bring new ones soon. */
-        know_agents(true) && know_agents(false);
+        know_agents(true);
+        know_agents(false);
+        if (!first_error.empty()) {
+            on_problem("what is stored cannot be read: " + first_error);
+        }
     }
 
 private:
     enum { max_shown = 1 << 20 };
     static constexpr std::chrono::seconds longest_beginning{1};
-    const std::string unreadable = "what is stored cannot be read: ";
 
     /* The last results of an agent's tests that are problems, or of the others. */
-    void know_results(result_reader& stored, const known_agent& agent, const agent_state& state,
-                      bool problems) {
+    bool know_results(result_reader& stored, const known_agent& agent, const agent_state& state,
+                      bool problems, std::string& error) {
+        bool all = true;
         for (const test_status& test : state.tests) {
-            std::string error;
-            if ((test.now == state::problem) == problems &&
-                !read_newest(
-                    stored, agent, test.id,
-                    [&](int64_t received, std::string_view bytes) {
-                        know_result(agent, received, bytes);
-                    },
-                    error)) {
-                on_problem(unreadable + error);
-            }
+            auto know = [&](int64_t received, std::string_view bytes) {
+                know_result(agent, received, bytes);
+            };
+            all &= (test.now == state::problem) != problems ||
+                   read_newest(stored, agent, test.id, know, error);
         }
+        return all;
     }
 
     void know_result(const known_agent& agent, int64_t received, std::string_view bytes) {

@@ -486,6 +486,12 @@ struct store_with_a_past : bare_store {
         }
         return true;
     }
+    std::optional<known_test_row> find_test(int64_t id) override {
+        return known_test_row{.id = id,
+                              .agent = (id - 5) / 2 + 1,
+                              .type = type_load_average,
+                              .number = id % 2 == 1 ? 5 : 6};
+    }
     bool for_each_block(int64_t row, const std::function<bool(const open_block&)>& each,
                         text&) override {
         std::string records =
@@ -503,7 +509,6 @@ TEST(table, begins_with_what_the_store_knows) {
     store_with_a_past stored;
     o->begin(stored);
     screen.read_until("1 problem, 997 ok - 998 tests on 500 hosts");
-    screen.read_until("load average 6  for ");
     screen.read_until("too high");
 }
 

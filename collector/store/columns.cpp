@@ -49,13 +49,26 @@ static std::string deflated(const std::string& text) {
                      Z_DEFAULT_STRATEGY) != Z_OK) {
         return {};
     }
-    std::string out(text.size(), '\0');
+    /* The largest are records of 32 MB, most of them much shorter then. */
+    constexpr size_t usual = 128 << 10;
+    std::string out(std::min(text.size(), usual), '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
     stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    bool shorter = deflate(&stream, Z_FINISH) == Z_STREAM_END && stream.avail_out > 0;
-    out.resize(shorter ? out.size() - stream.avail_out : 0);
+    int result = Z_OK;
+    while (result == Z_OK) {
+        size_t filled = stream.total_out;
+        if (filled == out.size()) {
+            out.resize(std::min(text.size(), 2 * filled));
+        }
+        stream.next_out = reinterpret_cast<Bytef*>(out.data() + filled);
+        stream.avail_out = static_cast<uInt>(out.size() - filled);
+        result = deflate(&stream, Z_FINISH);
+        if (result == Z_OK && out.size() == text.size()) {
+            break;
+        }
+    }
+    bool shorter = result == Z_STREAM_END && stream.total_out < text.size();
+    out.resize(shorter ? stream.total_out : 0);
     deflateEnd(&stream);
     return out;
 }
@@ -266,7 +279,8 @@ void column_writer::seal(uint8_t kind, std::string& packed) const {
     head.number(text_.size());
     head.number(shorter.size());
     packed.clear();
-    packed.reserve(1 + head.text_.size() + text_.size() + noise_.size() + crc_size);
+    packed.reserve(1 + head.text_.size() + (shorter.empty() ? text_ : shorter).size() +
+                   noise_.size() + crc_size);
     packed.push_back(static_cast<char>(kind));
     packed += head.text_;
     packed += shorter.empty() ? text_ : shorter;

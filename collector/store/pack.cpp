@@ -220,6 +220,9 @@ static void write_strings(column_writer& out, const shape_group& group) {
 static std::vector<shape_group> find_shapes(const std::vector<arrived_record>& records) {
     std::vector<shape_group> groups;
     std::unordered_map<std::string, size_t> known; /* by the nodes' bytes */
+    if (records.size() < shape_min_records) {
+        return groups; /* a record alone may be of 32 MB: it is not taken apart for nothing */
+    }
     record_parts parts;
     std::string key;
     for (size_t i = 0; i < records.size(); i++) {

@@ -77,7 +77,7 @@ void attendance::begin() {
     watch_ = watch(now);
     looked_ = now;
     newest_ = INT64_MIN;
-    stale_after_.reset();
+    stale_after_ = engine_.read_fact("stale_after");
     overdue_.clear();
     back_.clear();
     definitions_.begin();

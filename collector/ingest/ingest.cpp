@@ -110,8 +110,8 @@ public:
         parts_ = std::make_unique<parts>(*this);
         begin();
         if (!parts_->earlier.begin()) {
-            parts_->care.run(view());
             is_taken_over_ = true;
+            look_after();
         }
         thread_ = std::thread([this] { write_batches(); });
         pthread_setname_np(thread_.native_handle(), "store");

@@ -14,7 +14,7 @@ namespace {
 constexpr uint32_t narrow = 300, wide = 3600; /* seconds */
 
 /* Of a test in a day; no test that means well comes near. */
-constexpr size_t most_bytes = 16 << 20, most_records = 250000;
+constexpr size_t most_bytes = 16 << 20, most_records = 150000;
 
 /* Results of a test from chunks in the order of arrival: those of the day, and those before it that
  * reach into it. Empty when none is of the day. */

@@ -943,7 +943,7 @@ TEST_F(damage_test, a_damaged_tree_is_set_aside_and_a_new_file_begun) {
             strings names = aside();
             ASSERT_FALSE(names.empty());
             EXPECT_EQ(names[0], "results-damaged-20260501T120000Z.db");
-            EXPECT_EQ(read_text(state + "/" + names[0]), damaged);
+            EXPECT_TRUE(read_text(state + "/" + names[0]) == damaged);
             ASSERT_EQ(told.problems.size(), 1u);
             EXPECT_EQ(told.problems[0].substr(0, told.problems[0].find("begun;") + 6),
                       database_path(state) +

@@ -23,6 +23,13 @@ enum class state : uint8_t { unknown = 0, ok = 1, problem = 2, stale = 3, silent
 
 std::string_view state_word(state s);
 
+/* By what the records of a pass are known: of the first record, but the process id of the last. */
+struct pass_mark {
+    int64_t claimed = 0; /* check time as the agent had it; the arrival where there is none */
+    std::optional<int32_t> location = {};
+    uint32_t pid = 0;
+};
+
 /* What is known of a test. */
 struct test_status {
     int64_t id = 0; /* in the store */
@@ -39,6 +46,8 @@ struct test_status {
     /* Records of the last pass so far, of them those that are problems, and of the pass before. */
     uint32_t parts = 0, bad_parts = 0, parts_before = 0;
     uint32_t pid = 0; /* of process tests: in the last record; 0: no process */
+    /* The pass that came last, where that is one that changed nothing but the ledger. */
+    std::optional<pass_mark> overtaken = {};
 
     auto key() const { return std::pair(type, number); }
 };

@@ -95,12 +95,6 @@ struct outcome {
 /* The time of a record as reckoned. */
 int64_t reckoned_time(const record_summary& what, int64_t arrival);
 
-/* By what the records of a pass are known: of the first record, but the process id of the last. */
-struct pass_mark {
-    int64_t claimed = 0; /* check time as the agent had it; the arrival where there is none */
-    std::optional<int32_t> location = {};
-    uint32_t pid = 0;
-};
 pass_mark mark_of(const decoded_record& r, int64_t arrival);
 
 /* What a record of a test is to the pass before it. */

@@ -22,7 +22,8 @@ enum test_flags : uint64_t {
     has_parts = 1 << 8,      /* other parts than usual_parts() */
     has_pid = 1 << 9,
     has_reached = 1 << 10, /* another time than that of the last pass */
-    all_flags = (1 << 11) - 1
+    has_overtaken = 1 << 11,
+    all_flags = (1 << 12) - 1
 };
 
 uint64_t bits(int64_t value) {
@@ -123,6 +124,7 @@ uint64_t flags_of(const test_status& t, const test_status& before) {
     set(has_parts, !usual_parts(t));
     set(has_pid, t.pid != 0);
     set(has_reached, t.reached != t.time);
+    set(has_overtaken, t.overtaken.has_value());
     return flags;
 }
 
@@ -159,6 +161,12 @@ void pack_test(packer& to, const test_status& t, const test_status& before) {
     }
     if ((flags & has_reached) != 0) {
         to.put_signed(difference(t.reached, t.time));
+    }
+    if (t.overtaken) {
+        to.put_signed(difference(t.overtaken->claimed, t.time));
+        to.put(t.overtaken->location ? 1 : 0);
+        to.put_signed(bits(t.overtaken->location.value_or(0)));
+        to.put(t.overtaken->pid);
     }
 }
 
@@ -213,6 +221,14 @@ void unpack_test(unpacker& from, test_status& t, const test_status& before) {
     }
     t.pid = (flags & has_pid) != 0 ? from.get_as<uint32_t>() : 0;
     t.reached = (flags & has_reached) != 0 ? time_behind(t.time) : t.time;
+    if ((flags & has_overtaken) != 0) {
+        pass_mark& o = t.overtaken.emplace();
+        o.claimed = time_behind(t.time);
+        bool has = from.get_as<bool>();
+        int32_t location = number_at(from, {});
+        o.location = has ? std::optional(location) : std::nullopt;
+        o.pid = from.get_as<uint32_t>();
+    }
 }
 
 /* What the first test is packed as a difference to. */

@@ -327,7 +327,6 @@ private:
         if (is_new) {
             if (table_.is_full()) {
                 end_parts();
-                overtaken_place_ = SIZE_MAX;
                 table_.settle();
             }
             place = table_.add(key);
@@ -335,16 +334,21 @@ private:
         }
         test_status& t = agent_.tests[place];
         pass_mark mark = mark_of(r, arrival_);
+        t.received = arrival_;
+        if (t.overtaken && continues(r.summary, *t.overtaken, mark) != continuation::another_pass) {
+            t.overtaken->pid = std::max(t.overtaken->pid, mark.pid);
+            return place;
+        }
         continuation what =
             is_new ? continuation::another_pass : continues(r.summary, mark_of(t), mark);
-        t.received = arrival_;
         if (what == continuation::repetition) {
             return place;
         }
         if (what == continuation::another_pass) {
             int64_t time = reckoned_time(r.summary, arrival_);
             if (!is_new && is_overtaken(t, time)) {
-                count_overtaken(r.summary, place, mark, time);
+                count_received(time);
+                t.overtaken = mark;
                 return place;
             }
             end_part(place);
@@ -362,17 +366,6 @@ private:
         return time < late_ && (time < t.reached || time < t.since);
     }
 
-    void count_overtaken(const record_summary& what, size_t place, const pass_mark& mark,
-                         int64_t time) {
-        if (place != overtaken_place_ ||
-            continues(what, overtaken_, mark) == continuation::another_pass) {
-            count_received(time);
-            overtaken_ = mark;
-            overtaken_place_ = place;
-        }
-        overtaken_.pid = mark.pid;
-    }
-
     void begin_pass(test_status& t, const record_summary& what, const pass_mark& mark, int64_t time,
                     bool is_new) {
         count_received(time);
@@ -385,6 +378,7 @@ private:
         t.reached = was_set_back ? time : std::max(t.reached, time);
         t.time = time;
         t.claimed = mark.claimed;
+        t.overtaken.reset();
         t.parts_before = t.parts;
         t.parts = t.bad_parts = 0;
     }
@@ -489,8 +483,6 @@ private:
     hour_sums hours_;
     std::vector<spokesman> speaks_; /* of each test */
     std::vector<awaited_pass> awaited_;
-    pass_mark overtaken_;
-    size_t overtaken_place_ = SIZE_MAX;
     int64_t latest_pass_ = 0;
     bool has_pass_ = false;
 };

@@ -100,8 +100,8 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
                 continue;
             }
             if (now - since > stale_after) {
-                std::optional<int64_t> repeats = plan.repeats_since(t.key.first, t.key.second);
-                t.stale = repeats && now - std::max(since, *repeats) > stale_after;
+                int64_t wanted = plan.repeats_since(t.key.first, t.key.second).value_or(INT64_MAX);
+                t.stale = wanted <= now && now - std::max(since, wanted) > stale_after;
                 if (t.stale) {
                     late.tests.push_back(t.key);
                     continue;

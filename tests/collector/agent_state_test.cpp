@@ -41,6 +41,12 @@ static std::string text(const agent_state& a) {
         for (uint32_t n : {t.parts, t.bad_parts, t.parts_before, t.pid}) {
             put(n);
         }
+        if (t.overtaken) {
+            all += "overtaken ";
+            put(t.overtaken->claimed);
+            put_optional(t.overtaken->location);
+            put(t.overtaken->pid);
+        }
     }
     return all;
 }
@@ -109,7 +115,8 @@ static test_status extreme_test(uint32_t type, std::optional<int32_t> number, in
             .parts = count,
             .bad_parts = count,
             .parts_before = count,
-            .pid = count};
+            .pid = count,
+            .overtaken = pass_mark{a, other, count}};
 }
 
 TEST(agent_state, what_is_packed_comes_back) {

@@ -509,6 +509,11 @@ TEST(take, an_overtaken_pass_of_processes_counts_once) {
                             process(1, 5, noon + 60) + load(1, noon + 660));
     EXPECT_EQ(h.hours(), "0: 4 0 0; ");
     EXPECT_EQ(h.agent.find(43, 1)->time, noon + 600);
+    h.block(noon + 720, process(1, 6, noon + 60) + process(1, 5, noon + 60) +
+                            process(1, 8, noon + 61) + load(1, noon + 720));
+    EXPECT_EQ(h.total().received, 5u) << "in two blocks too";
+    h.block(noon + 721, process(1, 5, noon + 660) + process(1, 5, noon + 60) + load(1, noon + 721));
+    EXPECT_EQ(h.total().received, 8u) << "but what came before the last pass is not known";
 }
 
 TEST(take, a_first_result_is_never_late) {

@@ -65,6 +65,7 @@ awaitable<void> polls::answer_login(exchange& x) {
         co_return;
     }
     room_.log(event::login, "login: " + name);
+    results_.heard(x.head.account, x.head.agent, time(nullptr), x.address, x.head.version);
     commands_.refresh();
     fresh->version = x.head.version;
     fresh->delivered = fresh->answered_from = commands_.newest(); /* all of it, in this answer */
@@ -79,7 +80,8 @@ awaitable<void> polls::answer_poll(exchange& x) {
         sessions_.find(x.head.session, exchange::clock::now(), x.address, &conflict);
     tell(conflict);
     fate end = fate::again;
-    if (s) {
+    if (s) { /* also one whose block will not be stored */
+        results_.heard(s->account, s->agent, time(nullptr), x.address, x.head.version);
         if (s->polls == 1) {
             commands_.login_arrived(*s);
         }

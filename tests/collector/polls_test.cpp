@@ -103,6 +103,22 @@ TEST_F(collector_server, a_name_that_no_agent_may_have_is_refused) {
 
 /* ---- polls ---- */
 
+TEST_F(collector_server, who_logs_in_or_polls_is_heard_whatever_becomes_of_the_block) {
+    options_.allow = {"me@example.org"};
+    start();
+    ask(login_text("stranger@example.org", "agent"));
+    EXPECT_EQ(store_->heard_so_far(), std::vector<std::string>());
+    std::string session = log_in();
+    ASSERT_EQ(store_->heard_so_far().size(), 1u);
+    EXPECT_TRUE(store_->heard_so_far()[0].starts_with("me@example.org agent 127.0.0.1 "));
+    ask(poll_text(session, ""));
+    store_->will_answer(store_result::failed);
+    ask(poll_text(session, "block"));
+    EXPECT_EQ(store_->heard_so_far().size(), 3u);
+    ask(poll_text(std::string(32, 'f'), "block")); /* of no session */
+    EXPECT_EQ(store_->heard_so_far(), std::vector<std::string>(3, store_->heard_so_far()[0]));
+}
+
 TEST_F(collector_server, a_poll_is_stored_and_answered_with_nothing) {
     start();
     std::string body = "block of records";

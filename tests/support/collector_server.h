@@ -49,6 +49,19 @@ public:
         changed_.notify_all();
     }
 
+    void heard(std::string_view account, std::string_view agent, int64_t, std::string_view address,
+               std::string_view version) override {
+        std::lock_guard hold(mutex_);
+        heard_.push_back(std::string(account) + " " + std::string(agent) + " " +
+                         std::string(address) + " " + std::string(version));
+    }
+    void follow(plan_summary, std::vector<owned_definition>) override {}
+
+    std::vector<std::string> heard_so_far() {
+        std::lock_guard hold(mutex_);
+        return heard_;
+    }
+
     std::function<void()> on_submit; /* on the network thread */
 
     /* What the next blocks are answered; `stored` when nothing was said. */
@@ -101,6 +114,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<poll_block> blocks_;
+    std::vector<std::string> heard_;
     std::deque<std::function<void(store_result)>> waiting_;
     std::deque<store_result> answers_;
     bool held_ = false, ending_ = false;

@@ -7,6 +7,12 @@
 namespace {
 
 constexpr size_t max_tests = agent_state::max_tests;
+constexpr int64_t never = INT64_MAX;
+
+/* Since when something is to come of it. */
+int64_t wanted_since(const expected& plan, const watch::test_key& test) {
+    return plan.repeats_since(test.first, test.second).value_or(never);
+}
 
 } // namespace
 
@@ -100,8 +106,8 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
                 continue;
             }
             if (now - since > stale_after) {
-                int64_t wanted = plan.repeats_since(t.key.first, t.key.second).value_or(INT64_MAX);
-                t.stale = wanted <= now && now - std::max(since, wanted) > stale_after;
+                int64_t wanted = wanted_since(plan, t.key);
+                t.stale = wanted != never && now - std::max(since, wanted) > stale_after;
                 if (t.stale) {
                     late.tests.push_back(t.key);
                     continue;

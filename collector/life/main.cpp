@@ -8,7 +8,7 @@
 #include "life/signals.h"
 #include "life/store_commands.h"
 #include "plan/commands_for_agents.h"
-#include "plan/definitions.h"
+#include "plan/summary.h"
 #include "show/output.h"
 #include "show/report.h"
 

@@ -2,7 +2,7 @@
 
 #include "base/text.h"
 #include "collector_test_support.h"
-#include "plan/definitions.h"
+#include "plan/summary.h"
 #include "show/table_words.h"
 #include "state/take.h"
 #include "state/watch.h"

@@ -1,4 +1,4 @@
-#include "plan/definitions.h"
+#include "plan/summary.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ static owned_definition definition_of(const std::string& line) {
     return all.empty() ? owned_definition{} : all[0];
 }
 
-TEST(definitions, a_summary_has_the_intervals_and_the_tests_that_remain) {
+TEST(plan_summary, a_summary_has_the_intervals_and_the_tests_that_remain) {
     plan_summary summary =
         summary_of(plan_of({"POL\t0\t30", "LAA\t5\t1\t1\t2\t3", "PRA\t7\t1\t-1\t-1\t-1\tinit",
                             "LAA\t6\t1\t1\t2\t3", "LAD\t5\t0", "CHK\t0\t20"}));
@@ -28,14 +28,14 @@ TEST(definitions, a_summary_has_the_intervals_and_the_tests_that_remain) {
     EXPECT_EQ(summary.tests, tests);
 }
 
-TEST(definitions, without_lines_tests_run_once) {
+TEST(plan_summary, without_lines_tests_run_once) {
     plan_summary summary = summary_of({});
     EXPECT_TRUE(summary.is_planned && summary.tests.empty());
     EXPECT_EQ(summary.every.poll, 60);
     EXPECT_EQ(summary.every.check, 0);
 }
 
-TEST(definitions, what_changed_a_test_last_is_what_it_is) {
+TEST(plan_summary, what_changed_a_test_last_is_what_it_is) {
     std::vector<owned_definition> all = definitions_of(
         plan_of({"LAA\t5\t1\t1\t2\t3", "LAA\t6\t1\t4\t5\t6", "LAM\t5\t9\t7\t8\t9\tdb1",
                  "SPA\t7\t1\tsw\t161\t2\t1.3\tpublic\t\t\t\t\t\t2\t1\t-",
@@ -53,7 +53,7 @@ TEST(definitions, what_changed_a_test_last_is_what_it_is) {
     EXPECT_EQ(all[2].text, "7\t2\tsw\t161\t20\t2\t1.4\t\t\t\t\t\t\t2\t1");
 }
 
-TEST(definitions, names_say_what_a_test_looks_at) {
+TEST(plan_summary, names_say_what_a_test_looks_at) {
     EXPECT_EQ(definition_of("DKA\t4\t1\t/home(/dev/sda3|ext4)\t2.5").name, "/home");
     EXPECT_EQ(definition_of("PRA\t5\t1\t80\t512\t-1\tnginx").name, "nginx");
     EXPECT_EQ(definition_of("NTA\t6\t1\teth0\t0\t0\t1\t1\t1\t1").name, "eth0");
@@ -66,7 +66,7 @@ TEST(definitions, names_say_what_a_test_looks_at) {
               "192.0.2.1 to 192.0.2.9");
 }
 
-TEST(definitions, what_is_secret_is_left_out) {
+TEST(plan_summary, what_is_secret_is_left_out) {
     owned_definition page =
         definition_of("HPA\t80\t1\twww.example.org\t/status?token=secret\t443\tall "
                       "well\tpass=secret\tmonitor\tsecret\t5\t1\t1\t1\t1\t0");
@@ -87,12 +87,12 @@ TEST(definitions, what_is_secret_is_left_out) {
         "100\t1\tlocalhost\t0\t/run/m.sock\tmonitor\t\tUptime||60\t5");
 }
 
-TEST(definitions, fields_that_agents_do_not_heed_are_left_out) {
+TEST(plan_summary, fields_that_agents_do_not_heed_are_left_out) {
     EXPECT_EQ(definition_of("NTA\t6\t1\teth0\t0\t0\t1\t1\t1\t1\tmore\tsecret").text,
               "6\t1\teth0\t0\t0\t1\t1\t1\t1");
 }
 
-TEST(definitions, tests_whose_results_are_no_records_have_none) {
+TEST(plan_summary, tests_whose_results_are_no_records_have_none) {
     EXPECT_TRUE(
         definitions_of(plan_of({"SWA\t1\t1\tsw\t161\t20\t2\t1.3\tpublic\t\t\t\t\t\t2\t1",
                                 "TSA\t2\t7000\tall", "DKA\t3\t1\t/\t100\t-1", "POL\t0\t30"}))

@@ -1,7 +1,7 @@
 /* What the lines of a plan come to, for those who keep results: which results are to come, and what
  * each test was told to be. */
-#ifndef VINDRAL_COLLECTOR_DEFINITIONS_H
-#define VINDRAL_COLLECTOR_DEFINITIONS_H
+#ifndef VINDRAL_COLLECTOR_PLAN_SUMMARY_H
+#define VINDRAL_COLLECTOR_PLAN_SUMMARY_H
 
 #include "ingest/ingest.h"
 #include "plan/line.h"

@@ -1,4 +1,4 @@
-#include "plan/definitions.h"
+#include "plan/summary.h"
 
 #include "plan/planned.h"
 

@@ -332,9 +332,11 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
                   std::string& kept_as, std::string& error);
 
 /* Looks at all that is stored: whether every page, row and packed piece can be read and fits
- * together. Calls `found` for what is not so. False with the reason in `error` when it cannot be
- * opened. Reads only, also while a collector writes. */
+ * together, and what `state_is_whole` says of the agents' states. Calls `found` for what is not so.
+ * False with the reason in `error` when it cannot be opened. Reads only, also while a collector
+ * writes. */
 bool check_store(const std::string& directory, const std::function<void(const std::string&)>& found,
-                 std::string& error);
+                 std::string& error,
+                 const std::function<bool(std::string_view state)>& state_is_whole = {});
 
 #endif

@@ -95,7 +95,11 @@ bool database_make_tables(sqlite3* db) {
 }
 
 bool database_open_reading(const std::string& directory, database& db, std::string& error) {
-    std::string path = database_path(directory), reason;
+    return database_open_file(database_path(directory), db, error);
+}
+
+bool database_open_file(const std::string& path, database& db, std::string& error) {
+    std::string reason;
     sqlite3* handle = nullptr;
     int result =
         sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);

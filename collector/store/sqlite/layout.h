@@ -84,6 +84,8 @@ bool database_make_tables(sqlite3* db);
 /* Opens the database of a state directory for reading only, and begins a transaction: one state of
  * it for all that is read, also while a collector writes. */
 bool database_open_reading(const std::string& directory, database& db, std::string& error);
+/* The same for a file anywhere. */
+bool database_open_file(const std::string& path, database& db, std::string& error);
 
 /* ---- tables that come and go ---- */
 

@@ -109,12 +109,11 @@ class Agent:
         records = [said for said in records if said.type not in INVENTORIES]
         newest = [said.claimed for said in records if said.claimed is not None and said.type != MYSQL]
         late_before = min(max(newest, default=arrival), arrival) - stale_after
-        for test in self.tests.values():
-            test.arriving = test.last  # what was overtaken is not remembered
         brought = {}
         for said in records:
             key = (said.type, said.number)
             test = self.tests.setdefault(key, Test())
+            test.received = arrival
             relation = test.arriving.relation(said) if test.arriving else "another"
             if relation == "another" and test.arriving is not test.last and test.last.relation(said) != "another":
                 relation, test.arriving = test.last.relation(said), test.last
@@ -165,7 +164,6 @@ class Agent:
         current.bad_here += is_bad
         current.bad += is_bad
         current.parts += 1
-        test.received = self.arrival
         current.pid = said.pid
 
     def judge(self, key, test, changes):
@@ -293,11 +291,10 @@ class Expected:
         if key[1] is None or key[0] == DISCOVERY:
             return None
         since = None
-        newer = self.plans[-1][2]
         for begun, repeat, planned in reversed(self.plans):
-            if not repeat or planned is not None and (key not in planned or newer is None):
+            if not repeat or planned is not None and key not in planned:
                 return since
-            since, newer = begun, planned
+            since = begun
         return -1 << 63
 
 

@@ -1,0 +1,138 @@
+"""What the collector keeps besides results, and what an operator does with all of it: events, definitions of
+tests, backup, restore, check."""
+
+import os
+import sqlite3
+import subprocess
+
+import harness
+import records
+from raw_client import RawClient
+
+LOAD = "LAA\t1\t1\t8\t6\t4"
+PAGE = "HPA\t2\t1\twww.example.org\t/status?token=geheim\t443\twell\t\tmonitor\tgeheim\t5\t1\t1\t1\t1\t0"
+START = 1700000000
+
+
+def load(seconds, status, message):
+    return records.encode_load(records.Load(1, 1, START + seconds, (9.0, 1.0, 1.5), message, status))
+
+
+class Kept(harness.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.collector = harness.Collector(self, "POL\t0\t1", "CHK\t0\t1", LOAD, PAGE).start()
+        self.client = RawClient(self.collector.port)
+        self.session = self.client.session(agent="web1")
+
+    def post(self, *blocks):
+        for block in blocks:
+            self.assertEqual(self.client.poll(self.session, block).status, "HTTP/1.0 200 OK")
+
+    def query(self, text, state=None):
+        path = os.path.join(state or self.collector.state, "results.db")
+        database = sqlite3.connect("file:%s?mode=ro" % path, uri=True)
+        try:
+            return database.execute(text).fetchall()
+        finally:
+            database.close()
+
+    def events(self, state=None):
+        return self.query("SELECT e.time, a.name, t.type, t.number, e.from_state, e.to_state, e.message FROM events e"
+                          " JOIN agents a ON a.id = e.agent LEFT JOIN tests t ON t.id = e.test ORDER BY e.id", state)
+
+    def run_command(self, *words, status=0):
+        """What it printed on standard output and on standard error."""
+        done = subprocess.run([harness.COLLECTOR, *words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, check=False, timeout=harness.PATIENCE_S,
+                              env=self.collector.env)
+        self.assertEqual(done.returncode, status, done)
+        return done.stdout, done.stderr
+
+    def test_each_change_of_a_test_is_an_event(self):
+        self.post(load(0, 0, "fine\n"), load(1, 0, "fine\n"), load(2, 2, "high\n"), load(2, 2, "high\n"),
+                  load(3, 2, "high\n"), load(4, 0, "fine\n"))
+        self.assertEqual(self.events(), [(START, "web1", 66, 1, 0, 1, "fine\n"), (START + 2, "web1", 66, 1, 1, 2, "high\n"),
+                                         (START + 4, "web1", 66, 1, 2, 1, "fine\n")])
+        self.assertEqual(self.collector.missing()[1].count("stored\t"), 1)
+
+    def test_what_a_test_was_is_kept_without_its_secrets(self):
+        def definitions():
+            return self.query("SELECT type, number, location, name, text FROM definitions ORDER BY id")
+        page = (49, 2, 1, "www.example.org/status", "2\t1\twww.example.org\t/status\t443\twell\t\tmonitor\t\t5\t1\t1\t1\t1\t0")
+        self.assertTrue(harness.wait_until(lambda: len(definitions()) == 2, lambda: repr(definitions())))
+        self.assertEqual(definitions(), [(66, 1, 1, "", "1\t1\t8\t6\t4"), page])
+        self.collector.add_to_plan("LAM\t1\t5\t9\t6\t4")
+        self.client.poll(self.session)
+        harness.wait_until(lambda: len(definitions()) == 3, lambda: repr(definitions()))
+        self.assertEqual(definitions()[2], (66, 1, 5, "", "1\t5\t9\t6\t4"))
+        # The same plan, after a restart, is no other definition.
+        self.collector.stop()
+        self.collector.start()
+        self.client.poll(self.client.session(agent="web1"), load(9, 0, "fine\n"))
+        self.collector.stop()
+        self.assertEqual(len(definitions()), 3)
+        for name in os.listdir(self.collector.state):
+            if name.startswith("results"):
+                with open(os.path.join(self.collector.state, name), "rb") as stored:
+                    self.assertNotIn(b"geheim", stored.read(), name)
+
+    def test_backup_and_restore(self):
+        state, copy = self.collector.state, os.path.join(self.dir, "copy.db")
+        self.post(load(0, 0, "fine\n"), load(1, 2, "high\n"))
+        before = self.events()
+        # While it runs; never over a file that is there.
+        self.assertIn(copy, self.run_command("backup", copy, "--state-dir", state)[0])
+        self.assertEqual(os.stat(copy).st_mode & 0o777, 0o600)
+        self.assertIn(copy, self.run_command("backup", copy, "--state-dir", state, status=1)[1])
+        self.post(load(2, 0, "fine\n"))
+        # Not under a collector that runs, and not over results unless told to.
+        self.assertIn("nothing was restored", self.run_command("restore", copy, "--replace", "--state-dir", state, status=1)[1])
+        self.collector.stop()
+        self.assertIn("--replace", self.run_command("restore", copy, "--state-dir", state, status=1)[1])
+        self.assertEqual(len(self.events()), 3)
+        printed = self.run_command("restore", copy, "--replace", "--state-dir", state)[0]
+        self.assertEqual(self.events(), before)
+        kept = [name for name in os.listdir(state) if name in printed and name.startswith("results")]
+        self.assertNotEqual(set(kept) - {"results.db"}, set(), printed)
+        # The collector goes on from there: the agent is known, and so is its test.
+        self.collector.start()
+        self.post_after_restart(load(3, 0, "fine\n"))
+        self.assertEqual(self.events()[2:], [(START + 3, "web1", 66, 1, 2, 1, "fine\n")])
+        # Into a directory that there is not yet.
+        other = os.path.join(self.dir, "other")
+        self.run_command("restore", copy, "--state-dir", other)
+        self.assertEqual(self.events(other), before)
+        self.assertEqual(os.stat(other).st_mode & 0o777, 0o700)
+
+    def post_after_restart(self, block):
+        self.session = self.client.session(agent="web1")
+        self.post(block)
+
+    def test_check(self):
+        state = self.collector.state
+        self.post(*(load(i, 0, "m" * 500 + "%d\n" % i) for i in range(200)))
+        self.assertIn(state, self.run_command("check", "--state-dir", state)[0])
+        self.collector.stop()
+        self.run_command("check", "--state-dir", state)
+        path = os.path.join(state, "results.db")
+        with open(path, "r+b") as database:  # in the middle of what was stored, behind the schema
+            database.seek(os.path.getsize(path) // 2 // 8192 * 8192)
+            database.write(os.urandom(8192))
+        printed = self.run_command("check", "--state-dir", state, status=1)[0]
+        self.assertGreater(printed.count("\n"), 1, printed)
+        self.assertEqual(self.run_command("check", "--state-dir", self.subdir("empty"), status=2)[0], "")
+
+    def test_what_is_no_copy_is_not_restored(self):
+        text = os.path.join(self.dir, "text")
+        harness.write_text(text, "no database at all\n" * 1000)
+        other = os.path.join(self.dir, "other")
+        for source in (text, self.dir, os.path.join(self.dir, "nowhere")):
+            printed, said = self.run_command("restore", source, "--state-dir", other, status=1)
+            self.assertEqual(printed, "")
+            self.assertIn("nothing was restored: ", said)
+        self.assertFalse(os.path.exists(os.path.join(other, "results.db")))
+
+
+if __name__ == "__main__":
+    harness.main()

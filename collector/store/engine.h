@@ -206,7 +206,8 @@ public:
     virtual std::string place() const = 0;
     virtual int64_t count() = 0; /* of records, about */
     /* Those behind `position`, until `each` returns false. Days that are damaged are read as far as
-     * they can be; then the return value is false, with the reason. */
+     * they can be; the operator is told, and the file is kept. False with the reason in `error`
+     * when it cannot be read now: to be tried again, from the last position that was had. */
     virtual bool for_each_record(int64_t position,
                                  const std::function<bool(const earlier_record&)>& each,
                                  std::string& error) = 0;

@@ -123,8 +123,7 @@ struct earlier_test : testing::Test {
                             " " + std::string(r.record));
             return found.size() < most;
         };
-        bool all = from && from->for_each_record(after, note, error);
-        EXPECT_EQ(all, error.empty());
+        EXPECT_TRUE(from && from->for_each_record(after, note, error)) << error;
         if (position != nullptr) {
             *position = last;
         }
@@ -400,7 +399,6 @@ TEST_F(earlier_test, a_damaged_day_is_read_as_far_as_it_goes_and_the_file_kept) 
     wall_clock = [] { return noon; };
     ASSERT_TRUE(open());
     strings found = records();
-    EXPECT_EQ(error, earlier + ": database disk image is malformed");
     ASSERT_GT(found.size(), 100u);
     EXPECT_EQ(found.front(), "3 -86400 c");
     EXPECT_EQ(found.back(), "7 1 b"); /* of the day behind it */

@@ -10,7 +10,7 @@ namespace {
 
 /* How long rows are dropped before the transaction ends, and how many between two looks at the
  * clock. */
-std::chrono::milliseconds bite_time{15};
+std::chrono::milliseconds bite_time{10};
 constexpr int64_t at_once = 32;
 
 /* A transaction, rolled back unless commit() was reached. */

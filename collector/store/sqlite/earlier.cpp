@@ -30,7 +30,7 @@ public:
 
 private:
     bool read_days(std::string& error);
-    void note_damage(std::string& error);
+    void note_damage();
 
     std::string place_;
     database db_;
@@ -84,19 +84,20 @@ bool earlier_file::for_each_record(int64_t position,
                           .received = rows.integer(2),
                           .record = rows.bytes(3)});
         }
-        if (go_on && result != SQLITE_DONE) {
-            note_damage(error);
-            go_on = database_is_damaged(result); /* a disk that cannot be read may be tried again */
+        if (go_on && database_is_damaged(result)) {
+            note_damage();
+        } else if (go_on && result != SQLITE_DONE) {
+            error = place_ + ": " + sqlite3_errmsg(db_.get());
+            return false;
         }
     }
-    return error.empty();
+    return true;
 }
 
-void earlier_file::note_damage(std::string& error) {
-    std::string reason = sqlite3_errmsg(db_.get());
-    error = place_ + ": " + reason;
-    if (database_is_damaged(sqlite3_errcode(db_.get())) && damaged_) {
-        std::exchange(damaged_, nullptr)(reason);
+/* Once. */
+void earlier_file::note_damage() {
+    if (damaged_) {
+        std::exchange(damaged_, nullptr)(sqlite3_errmsg(db_.get()));
     }
 }
 

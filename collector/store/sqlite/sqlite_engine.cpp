@@ -496,7 +496,7 @@ bool sqlite_engine::forget_earlier() {
         !execute("DELETE FROM facts WHERE name = 'earlier_position'; COMMIT")) {
         return go_on(false);
     }
-    bool ok = remove_earlier(options_.directory);
+    bool ok = file_.drop_earlier();
     return go_on(!ok || execute("DELETE FROM facts WHERE name = 'earlier'")) && ok;
 }
 

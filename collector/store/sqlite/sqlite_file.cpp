@@ -306,7 +306,18 @@ void sqlite_file::keep_damaged_earlier(const std::string& reason) {
         return; /* it has its second name already */
     }
     std::string name = name_for_damaged(options_.directory);
-    bool kept = link(path.c_str(), name.c_str()) == 0 && sync_directory(options_.directory);
-    options_.tell(path + " is damaged (" + reason + "): what can be read is taken over, and " +
-                  (kept ? "it is kept as " + name : "it cannot be kept: " + system_error(name)));
+    if (link(path.c_str(), name.c_str()) != 0 || !sync_directory(options_.directory)) {
+        damaged_earlier_ = name;
+    }
+    options_.tell(path + " is damaged (" + reason +
+                  "): what can be read is taken over, and it is kept as " + name);
+}
+
+bool sqlite_file::drop_earlier() {
+    std::string path = earlier_path(options_.directory);
+    if (!damaged_earlier_.empty()) {
+        return rename(path.c_str(), damaged_earlier_.c_str()) == 0 &&
+               sync_directory(options_.directory);
+    }
+    return remove_earlier(options_.directory);
 }

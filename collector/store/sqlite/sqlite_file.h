@@ -49,9 +49,10 @@ public:
      * and why is added to `error`; the file then stays in its place. */
     bool set_aside(std::string& error);
 
-    /* The second name of an earlier version's file, which turned out to be damaged: it stays when
-     * the first is removed. */
+    /* An earlier version's file turned out to be damaged: it gets a second name, and is still there
+     * by that when the first is dropped. */
     void keep_damaged_earlier(const std::string& reason);
+    bool drop_earlier();
 
     /* Grows whenever another file takes the place. */
     unsigned generation() const { return generation_; }
@@ -70,7 +71,8 @@ private:
     ino_t inode_ = 0, wal_inode_ = 0;
     unsigned generation_ = 0;
     int failure_ = SQLITE_OK;
-    carried_rows carried_; /* of a file that is gone, for the one that follows */
+    std::string damaged_earlier_; /* the name that it gets when it could have no second one */
+    carried_rows carried_;        /* of a file that is gone, for the one that follows */
 };
 
 #endif

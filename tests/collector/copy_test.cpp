@@ -43,8 +43,7 @@ struct copy_test : testing::Test {
         ASSERT_TRUE(e->begin() && e->find_agent("a@b.c", name, noon, agent) &&
                     e->append_block(agent.id, noon + number, last_[name], {&piece, 1}, row) &&
                     e->add_to_ledger({.agent = agent.id, .hour = noon, .received = 1}) &&
-                    e->end_block(agent.id, {.received = noon + number}, "hash", "state") &&
-                    e->commit())
+                    e->end_block(agent.id, {noon + number, "", ""}, "hash", "state") && e->commit())
             << e->reason();
         last_[name] = row;
     }

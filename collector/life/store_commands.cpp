@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/text.h"
+#include "state/agent_state.h"
 #include "store/engine.h"
 
 #include <filesystem>
@@ -43,6 +44,13 @@ private:
     const bool shown_ = isatty(STDERR_FILENO) == 1;
 };
 
+/* What somebody may want who restores where something is stored. */
+std::string replace_hint(const options& o) {
+    std::string error;
+    bool is_there = !o.replace && open_reader(o.state_dir, error) != nullptr;
+    return is_there ? " (what is stored there stays without --replace)" : "";
+}
+
 } // namespace
 
 int run_backup(const options& o) {
@@ -69,7 +77,7 @@ int run_restore(const options& o) {
         return 1;
     }
     if (!restore_from(o.state_dir, o.file, o.replace, kept_as, error)) {
-        complain("nothing was restored: " + error);
+        complain("nothing was restored: " + error + replace_hint(o));
         return 1;
     }
     std::cout << o.state_dir + ": now has what is in " + o.file + "\n";
@@ -86,7 +94,9 @@ int run_check(const options& o) {
         ++found;
         std::cout << printable(what) + "\n";
     };
-    if (!check_store(o.state_dir, tell, error)) {
+    agent_state state;
+    auto is_whole = [&](std::string_view packed) { return state.unpack(packed); };
+    if (!check_store(o.state_dir, tell, error, is_whole)) {
         complain("what is stored cannot be checked: " + error);
         return 2;
     }

@@ -78,6 +78,14 @@ void attendance::begin() {
     looked_ = now;
     newest_ = INT64_MIN;
     stale_after_ = engine_.read_fact("stale_after");
+    every_.reset();
+    /* Until somebody tells what is to come, it is what was to come in the last run. */
+    std::optional<int64_t> poll = engine_.read_fact("poll"), check = engine_.read_fact("check");
+    if (!is_told_ && poll && check) {
+        plan_summary last;
+        last.every = {.poll = static_cast<int32_t>(*poll), .check = static_cast<int32_t>(*check)};
+        expected_.follow(last, now);
+    }
     overdue_.clear();
     back_.clear();
     definitions_.begin();
@@ -113,22 +121,31 @@ void attendance::stored(const agent_work& agent, std::string_view account, std::
     }
 }
 
-/* What was told since the last time. */
-void attendance::take_in() {
-    inbox heard;
+bool attendance::take_plan() {
     std::optional<plan_summary> plan;
     std::optional<std::vector<owned_definition>> told;
     {
         std::lock_guard hold(mutex_);
-        heard.swap(heard_);
         plan.swap(plan_);
         told.swap(told_);
     }
     if (plan) {
         expected_.follow(*plan, clock());
+        is_told_ = true;
     }
     if (told) {
         definitions_.follow(std::move(*told));
+    }
+    return is_told_;
+}
+
+/* What was told since the last time. */
+void attendance::take_in() {
+    take_plan();
+    inbox heard;
+    {
+        std::lock_guard hold(mutex_);
+        heard.swap(heard_);
     }
     for (auto& [key, what] : heard) {
         roster_agent* agent = agents_.find(what.account, what.name);
@@ -164,16 +181,28 @@ bool attendance::run() {
     if (ok && definitions_.is_due()) {
         ok = definitions_.run(arrival_clock());
     }
-    if (ok && stale_after_ != stale_after()) {
-        const int64_t wanted = stale_after();
-        ok = in_transaction(engine_, [&] { return engine_.set_fact("stale_after", wanted); });
-        stale_after_ = ok ? std::optional(wanted) : std::nullopt;
-    }
+    ok = ok && write_patience();
     ok = ok && write_rows(now - between_rows);
     if (!ok) {
         put_back(now);
     }
     return ok && (!back_.empty() || !overdue_.empty() || definitions_.is_due());
+}
+
+/* For those who read, and for the next run. */
+bool attendance::write_patience() {
+    const int64_t wanted = stale_after();
+    const intervals every = expected_.at(clock());
+    if (stale_after_ == wanted && every_ == every) {
+        return true;
+    }
+    bool ok = in_transaction(engine_, [&] {
+        return engine_.set_fact("stale_after", wanted) && engine_.set_fact("poll", every.poll) &&
+               engine_.set_fact("check", every.check);
+    });
+    stale_after_ = ok ? std::optional(wanted) : std::nullopt;
+    every_ = ok ? std::optional(every) : std::nullopt;
+    return ok;
 }
 
 /* What is not written did not happen; and who is overdue is asked again when all works. */

@@ -42,6 +42,9 @@ public:
      * file. */
     void begin();
 
+    /* Takes in the plan that was told last. False when none was told yet: then that of the last run
+     * holds, as far as the intervals go. */
+    bool take_plan();
     /* How long things take now. */
     patience now() const;
     int64_t stale_after() const;
@@ -73,6 +76,7 @@ private:
     static int64_t clock();
     void know(const known_agent& row, const agent_state& state, int64_t now);
     void take_in();
+    bool write_patience();
     void look_for_overdue(int64_t now);
     bool write_states();
     bool write_state(const watch::overdue& what, agent_work& work);
@@ -95,7 +99,9 @@ private:
     watch watch_{clock()};
     int64_t looked_ = clock(); /* when somebody was overdue, the last time */
     int64_t newest_ = INT64_MIN;
-    std::optional<int64_t> stale_after_; /* as the store has it */
+    std::optional<int64_t> stale_after_; /* as the store has it, */
+    std::optional<intervals> every_;     /* and these */
+    bool is_told_ = false;               /* a plan */
 
     inbox unwritten_;                           /* heard, and their rows do not say so */
     std::unordered_map<int64_t, int64_t> back_; /* agents that were silent, and when heard */

@@ -59,7 +59,7 @@ constexpr size_t most_decoded = 16384, most_agents = 1024, most_tests = 65536;
 /* Of an agent in a transaction whose memory is kept for the next one. */
 constexpr size_t usual_tests = 1024;
 
-constexpr std::chrono::milliseconds between_looks{2000}, before_retry{10000};
+constexpr std::chrono::milliseconds between_looks{2000}, before_retry{10000}, before_plan{20};
 
 /* What stands in an agent's row for its last block: the hash, and behind it, while the block is
  * stored in part, how much of it is. */
@@ -237,6 +237,7 @@ void writer::write_batches() {
     bool more = false;
     while (queue_.take(blocks, more ? std::chrono::milliseconds(0) : between_looks,
                        !parts_->care.is_behind())) {
+        parts_->present.take_plan(); /* it holds for what comes after it */
         for (position at = blocks.begin(); at != blocks.end();) {
             at = write_run(at, blocks.end());
         }
@@ -275,6 +276,10 @@ bool writer::look_after() {
 /* Before anything else is stored, so that all stays in the order in which it came. Days are closed
  * by the time of what comes, as they would have been then. */
 void writer::take_over() {
+    /* What was to come is told right after the start, if at all. */
+    for (int i = 0; i < 10 && !parts_->present.take_plan(); i++) {
+        queue_.wait_for_stop(before_plan);
+    }
     takeover::progress made = takeover::progress::more;
     while (made != takeover::progress::done && !queue_.is_stopped()) {
         try {

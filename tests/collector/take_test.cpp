@@ -312,6 +312,17 @@ TEST(take, a_process_that_ended_is_known_by_the_next_pass) {
               "43/1 problem>ok 60; 43/1 ok>problem 180 pid 10; ");
 }
 
+TEST(take, each_pass_that_is_waited_for_has_its_own_block) {
+    host h;
+    h.block(noon, process(1, 10, noon) + process(1, 11, noon, 2));
+    EXPECT_EQ(h.block(noon + 60, process(1, 10, noon + 60)), "");
+    EXPECT_EQ(h.block(noon + 180, process(1, 10, noon + 120) + process(1, 11, noon + 120, 2) +
+                                      process(1, 10, noon + 180)),
+              "43/1 problem>ok 60; 43/1 ok>problem 120 pid 11; ");
+    EXPECT_EQ(h.block(noon + 240, load(1, noon + 240)),
+              "66/1 unknown>ok 240 fine; 43/1 problem>ok 180; ");
+}
+
 TEST(take, a_process_that_is_started_again_is_ok) {
     host h;
     EXPECT_EQ(h.block(noon, process(1, 0, noon, 3)), "43/1 unknown>problem 0 pid 0; ");
@@ -376,6 +387,15 @@ TEST(take, an_event_does_not_lie_before_the_state_that_it_ends) {
     EXPECT_EQ(h.block(noon + 60, load(1, noon + 60, 2)), "66/1 ok>problem 250 high; ")
         << "... and is put right";
     EXPECT_EQ(h.stale(noon + 245, {{66, 1}}), "66/1 problem>stale 250; ");
+}
+
+TEST(take, a_collector_whose_clock_is_set_back_goes_back) {
+    host h;
+    h.block(noon + 7200, load(1, noon + 7200));
+    EXPECT_EQ(h.stale(noon, {{66, 1}}), "66/1 ok>stale 0; ");
+    EXPECT_EQ(h.silence(noon + 7200), "agent stale>silent 7200; ");
+    EXPECT_EQ(h.heard(noon + 6900), "agent silent>stale 7200; ");
+    EXPECT_EQ(h.silence(noon + 6899), "agent stale>silent 6899; ");
 }
 
 TEST(take, mysql_counts_by_arrival) {
@@ -488,6 +508,23 @@ TEST(take, what_is_overtaken_changes_nothing) {
     EXPECT_EQ(h.of(66, 1), state::problem);
 }
 
+TEST(take, late_is_what_lies_more_than_stale_after_before_the_newest) {
+    auto second = [](int64_t time, int64_t newest, int64_t arrival) {
+        host h;
+        h.block(noon, load(1, noon));
+        h.block(noon + 900, load(1, noon + 900));
+        return h.block(noon + arrival, load(1, noon + time, 2) + load(2, noon + newest));
+    };
+    const std::string other = "66/2 unknown>ok ";
+    EXPECT_EQ(second(720, 900, 960), "66/1 ok>problem 720 high; " + other + "900 fine; ");
+    EXPECT_EQ(second(719, 900, 960), other + "900 fine; ")
+        << "before the latest pass, though not before the state began";
+    EXPECT_EQ(second(780, 1260, 960), "66/1 ok>problem 780 high; " + other + "1260 fine; ")
+        << "before the arrival, where that is earlier";
+    EXPECT_EQ(second(779, 1260, 960), other + "1260 fine; ");
+    EXPECT_EQ(second(960, 1260, 960), "66/1 ok>problem 960 high; " + other + "1260 fine; ");
+}
+
 TEST(take, the_rest_of_a_pass_may_be_overtaken) {
     host h;
     h.block(noon, process(1, 10, noon));
@@ -520,6 +557,7 @@ TEST(take, a_first_result_is_never_late) {
     host h;
     EXPECT_EQ(h.block(noon + 86400, load(1, noon) + load(2, noon + 86400)),
               "66/1 unknown>ok 0 fine; 66/2 unknown>ok 86400 fine; ");
+    EXPECT_EQ(h.block(noon, load(3, -noon) + load(2, noon)), "66/3 unknown>ok -3555273600 fine; ");
 }
 
 /* ---- the ledger ---- */
@@ -710,15 +748,15 @@ TEST(take, tests_that_are_too_many_are_forgotten) {
 /* The work is in proportion to the block, whatever it says: this would take minutes otherwise. */
 TEST(take, invented_tests_and_times_take_no_longer_than_others) {
     std::string block;
-    for (uint32_t i = 0; i < 200000; i++) {
+    for (uint32_t i = 0; i < 60000; i++) {
         block += load(static_cast<int32_t>(i * 2654435761u >> 1), noon - i * int64_t{86400});
     }
-    for (uint32_t i = 0; i < 100000; i++) { /* each a month behind the one before */
-        block += load(5, (int64_t{i} - 100000) * max_gap_s);
+    for (uint32_t i = 0; i < 30000; i++) { /* each a month behind the one before */
+        block += load(5, (int64_t{i} - 30000) * max_gap_s);
     }
     host h;
     h.block(noon, block);
-    EXPECT_EQ(h.total().received, 300000u);
+    EXPECT_EQ(h.total().received, 90000u);
     EXPECT_EQ(h.total().missing, 0u);
 }
 
@@ -875,7 +913,7 @@ private:
 } // namespace
 
 TEST(take, whatever_happens_the_events_are_a_chain) {
-    for (uint32_t seed = 1; seed <= 40; seed++) {
+    for (uint32_t seed = 1; seed <= 25; seed++) {
         random_history(seed).run();
         ASSERT_FALSE(HasFailure()) << seed;
     }

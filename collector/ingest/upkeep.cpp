@@ -32,10 +32,10 @@ bool upkeep::run(const upkeep_view& view, bool with_expiry) {
     }
     spell time(pace.bite);
     progress made = progress::some;
-    while (made == progress::some && !time.is_over()) {
+    do {
         has_begun_ = has_begun_ || closing_.begin(view.now);
         made = has_begun_ ? step(view, with_expiry) : progress::failed;
-    }
+    } while (made == progress::some && !time.is_over());
     if (made == progress::failed) {
         failed();
     }
@@ -122,8 +122,7 @@ bool upkeep::is_behind() const {
             std::any_of(at_work.begin(), at_work.end(), [&](int64_t id) { return is_much(id); }));
 }
 
-/* True when something is at work. */
-bool upkeep::gather() {
+upkeep::progress upkeep::gather() {
     spell time(gathering);
     while (!due_.empty() && !packing_.is_full() && !time.is_over() &&
            !(one_by_one_ && !packing_.is_idle())) {
@@ -131,11 +130,14 @@ bool upkeep::gather() {
         due_.pop_front();
         std::string error;
         if (agent != nullptr && !packing_.gather(*agent, error)) {
+            if (!engine_.is_open()) {
+                return progress::failed; /* it is not that agent's blocks */
+            }
             agent->pack_not_before = steady_clock() + pace.of_an_agent;
             note_unreadable(error);
         }
     }
-    return !packing_.is_idle();
+    return packing_.is_idle() && due_.empty() ? progress::none : progress::some;
 }
 
 upkeep::progress upkeep::pack(const upkeep_view& view) {
@@ -145,7 +147,7 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
             one_by_one_ = false;
             return progress::none;
         }
-        return gather() || !due_.empty() ? progress::some : progress::none;
+        return gather();
     }
     if (!packing_.pack(spell(packing_time))) {
         return progress::some;
@@ -156,8 +158,9 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
         return progress::failed;
     }
     for (int64_t id : at_work) {
-        if (const roster_agent* agent = agents_.find(id)) {
-            grown(*agent); /* that was the oldest of it */
+        const roster_agent* agent = agents_.find(id);
+        if (agent != nullptr && is_due(*agent, view)) {
+            due_.push_front(id); /* that was only the oldest of it */
         }
     }
     trouble_.report("");

@@ -63,7 +63,7 @@ private:
     void look_for_due(const upkeep_view& view);
     bool is_due(const roster_agent& agent, const upkeep_view& view) const;
     bool is_much(int64_t agent) const;
-    bool gather();
+    progress gather();
     void failed();
     void note_unreadable(const std::string& unreadable);
 

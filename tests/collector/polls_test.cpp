@@ -378,13 +378,12 @@ TEST_F(collector_server, lines_added_are_sent_once_at_the_next_poll) {
 /* What is known from before is removed once, from an agent that ran already. */
 TEST_F(collector_server, an_agent_that_ran_before_the_start_is_put_right) {
     known_tests earlier;
+    agent_state results; /* the store's */
+    for (int32_t test : {6, 7}) {
+        results.tests.push_back({.type = type_load_average, .number = test, .received = 1000});
+    }
     for (const char* agent : {"one", "two", "three"}) {
-        for (uint32_t test : {6, 7}) {
-            earlier.add({.account = "me@example.org",
-                         .agent = agent,
-                         .received = 1000,
-                         .record = load_record(test, 999)});
-        }
+        earlier.add("me@example.org", agent, results);
     }
     start("LAA\t6\t1\t5\t5\t5\n");
     std::string old_one = log_in("one"), old_two = log_in("two");

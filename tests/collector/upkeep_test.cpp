@@ -1,0 +1,468 @@
+/* Packing, closing of days and expiry, driven by hand: an engine, blocks as the store's thread puts
+ * them there, and upkeep without a thread. What is read back is what was sent, whatever was packed
+ * in between and whenever it ended. */
+#include "ingest/upkeep.h"
+
+#include "collector_test_support.h"
+#include "ingest/clock.h"
+#include "ingest/storing.h"
+#include "state/history.h"
+#include "state/roll_up.h"
+#include "stored_records.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+
+namespace {
+
+using strings = std::vector<std::string>;
+const int64_t midnight = 1777593600; /* 2026-05-01 */
+const int64_t first_day = midnight / 86400;
+int64_t wall = 0, steady = 0;
+
+struct upkeep_test : testing::Test {
+    scratch_directory directory;
+    std::string state = directory / "state";
+    strings told;
+    kept_days keep = {.raw = 14, .five_minutes = 90, .hour = 730, .events = 0, .ledger = 730};
+    std::unique_ptr<engine> store;
+    std::unique_ptr<undecodable_files> aside;
+    roster agents;
+    std::unique_ptr<upkeep> care;
+    int64_t newest = INT64_MIN;
+
+    void SetUp() override {
+        wall = midnight + 3600;
+        steady = 1000;
+        arrival_clock = [] { return wall; };
+        steady_clock = [] { return steady; };
+        boot_number = [] { return int64_t{1}; };
+        pace.bite = std::chrono::hours(1);
+    }
+    void TearDown() override {
+        close();
+        pace = {};
+        arrival_clock = epoch_seconds;
+        steady_clock = boot_seconds;
+        boot_number = read_boot_number;
+    }
+
+    void open() {
+        std::string error;
+        store = open_engine({state, keep.raw, [this](const std::string& t) { told.push_back(t); }},
+                            error);
+        ASSERT_TRUE(store) << error;
+        aside = std::make_unique<undecodable_files>(state + "/undecodable");
+        care = std::make_unique<upkeep>(*store, agents, *aside, keep,
+                                        [this](const std::string& t) { told.push_back(t); });
+        agents.clear();
+        for (const stored_agent_row& row : rows()) {
+            note_open(agents.add(row.id, row.account, row.name), row.state);
+            for (const test_status& test : row.state.tests) {
+                newest = std::max(newest, test.time);
+            }
+        }
+        care->begin();
+    }
+    void close() {
+        care.reset();
+        store.reset();
+    }
+
+    /* As a poll that arrives now. */
+    void send(const std::string& plain, const std::string& name = "web1") {
+        std::vector<decoded_record> decoded;
+        for (block_reader reader(plain); reader.next();) {
+            decoded.push_back({reader.current, summarize(reader.current)});
+        }
+        storing writing(*store);
+        agent_work work;
+        stored_agent row;
+        ASSERT_TRUE(store->begin());
+        ASSERT_TRUE(store->find_agent("a@b.c", name, wall, row));
+        work.begin(row);
+        ASSERT_TRUE(writing.records(work, decoded, wall, {}));
+        ASSERT_TRUE(store->end_block(work.id, {.received = wall, .address = "", .version = ""},
+                                     "hash", writing.packed(work)));
+        ASSERT_TRUE(store->commit());
+        note_open(agents.add(work.id, "a@b.c", name), work.state);
+        for (const test_status& test : work.state.tests) {
+            newest = std::max(newest, test.time);
+        }
+    }
+    void pass(int64_t seconds) {
+        wall += seconds;
+        steady += seconds;
+    }
+    void run() {
+        while (care->run({wall, newest, 180})) {
+        }
+    }
+    /* A record of each of some tests every minute, polls with it. */
+    void live(int64_t seconds, uint32_t tests = 2, bool with_upkeep = true) {
+        for (int64_t end = wall + seconds; wall < end; pass(60)) {
+            std::string block;
+            for (uint32_t test = 1; test <= tests; test++) {
+                block += load_record(test, wall - 1);
+                sent.push_back(block.substr(block.size() - load_record(test, wall - 1).size()));
+            }
+            send(block);
+            if (with_upkeep) {
+                run();
+            }
+        }
+    }
+    strings sent;
+
+    std::vector<stored_agent_row> rows() {
+        std::string error;
+        auto all = stored_agents(store->reader(), error);
+        EXPECT_EQ(error, "");
+        return all;
+    }
+    std::vector<stored_record> records() {
+        std::string error;
+        auto all = stored_records(store->reader(), error);
+        EXPECT_EQ(error, "");
+        return all;
+    }
+    size_t packed() {
+        auto all = records();
+        return std::count_if(all.begin(), all.end(),
+                             [](const stored_record& r) { return r.is_packed; });
+    }
+    /* Each record that was sent is there once. */
+    void expect_all() {
+        strings found;
+        for (const stored_record& r : records()) {
+            found.push_back(r.raw);
+        }
+        strings wanted = sent;
+        std::sort(found.begin(), found.end());
+        std::sort(wanted.begin(), wanted.end());
+        EXPECT_TRUE(found == wanted) << found.size() << " of " << wanted.size();
+    }
+    int64_t id_of(int32_t test) { return rows().at(0).state.find(type_load_average, test)->id; }
+    std::vector<bucket> roll_up_of(int64_t test, int64_t day,
+                                   resolution r = resolution::five_minutes) {
+        std::vector<bucket> all;
+        std::string error;
+        EXPECT_TRUE(store->reader().for_each_roll_up(
+            r, test, day, day + 1,
+            [&](int64_t, std::string_view data) { EXPECT_TRUE(unpack_roll_up(data, all)); }, error))
+            << error;
+        return all;
+    }
+    uint32_t count_of(int64_t test, int64_t day, resolution r = resolution::five_minutes) {
+        uint32_t count = 0;
+        for (const bucket& b : roll_up_of(test, day, r)) {
+            count += b.count;
+        }
+        return count;
+    }
+    /* Made of all that is stored raw, in another way. */
+    void expect_rolled_up(int64_t test, int64_t day) {
+        result_builder builder(false);
+        for (const stored_record& r : records()) {
+            record_summary what = r.summary();
+            if (rows().at(0).state.find(what.type, what.test)->id == test) {
+                builder.add(r.raw, r.received);
+            }
+        }
+        auto all = builder.take_all();
+        order_by_time(all);
+        auto wanted = roll_up(all, day, 300, 180);
+        auto found = roll_up_of(test, day);
+        ASSERT_EQ(found.size(), wanted.size());
+        for (size_t i = 0; i < found.size(); i++) {
+            EXPECT_EQ(found[i].start, wanted[i].start);
+            EXPECT_EQ(found[i].count, wanted[i].count);
+            EXPECT_EQ(found[i].ok, wanted[i].ok) << found[i].start;
+        }
+    }
+    std::optional<int64_t> fact(const char* name) { return store->read_fact(name); }
+};
+
+/* ---- packing ---- */
+
+TEST_F(upkeep_test, what_lies_open_for_an_hour_is_packed_and_what_comes_behind_it_stays) {
+    open();
+    live(3600 + 60);
+    EXPECT_EQ(packed(), 0u);
+    live(1860);
+    size_t then = packed();
+    EXPECT_GE(then, 2u * 60);
+    EXPECT_LT(rows()[0].state.open_bytes, 40u * 1024);
+    expect_all();
+    live(1200);
+    EXPECT_EQ(packed(), then);
+    expect_all();
+    EXPECT_EQ(told, strings());
+}
+
+TEST_F(upkeep_test, a_megabyte_is_packed_at_once) {
+    open();
+    pace.open_most = 20000;
+    live(60 * 60, 10);
+    EXPECT_GT(packed(), 50u);
+    EXPECT_LE(rows()[0].state.open_bytes, 20000u);
+    expect_all();
+}
+
+TEST_F(upkeep_test, the_oldest_go_first_and_large_blocks_alone) {
+    open();
+    pace.open_for = 1 << 30;
+    std::string large;
+    for (int i = 0; i < 9000; i++) { /* some 700 KB */
+        large += load_record(9, i);
+        sent.push_back(load_record(9, i));
+    }
+    live(300, 2, false);
+    send(large);
+    live(300, 2, false);
+    send(with_word(load_record(8, 77), 40, 7));
+    sent.push_back(with_word(load_record(8, 77), 40, 7));
+    for (int i = 0; i < 4; i++) {
+        run();
+        expect_all();
+        pass(3);
+    }
+    EXPECT_LT(rows()[0].state.open_bytes, 1u << 20);
+    pace.open_for = -1;
+    pace.spread = 1;
+    pass(3);
+    run();
+    EXPECT_EQ(packed(), sent.size());
+    EXPECT_EQ(rows()[0].state.last_block, 0);
+    EXPECT_EQ(rows()[0].state.open_bytes, 0u);
+    expect_all();
+    /* By test, what was received first comes first. */
+    std::string error;
+    int64_t last = 0;
+    for (const stored_record& r : packed_records(store->reader(), rows()[0], id_of(1), error)) {
+        EXPECT_GE(r.received, last);
+        last = r.received;
+    }
+}
+
+TEST_F(upkeep_test, chunks_do_not_cross_midnight) {
+    open();
+    wall = midnight + 86400 - 1800;
+    live(2 * 3600);
+    wall += 3600;
+    steady += 3600;
+    run();
+    for (const stored_agent_row& row : rows()) {
+        for (const test_status& test : row.state.tests) {
+            std::string error;
+            store->reader().for_each_chunk(
+                test.id, INT64_MIN, [](const packed_chunk&) { return true; },
+                [&](const packed_chunk& chunk) {
+                    EXPECT_EQ(day_of(chunk.received_first), day_of(chunk.received_last));
+                    return true;
+                },
+                error);
+        }
+    }
+    std::vector<std::string> days;
+    EXPECT_EQ(store->days(days), drop_outcome::done);
+    EXPECT_EQ(days, (strings{"20260501", "20260502"}));
+    expect_all();
+}
+
+TEST_F(upkeep_test, it_is_done_a_little_at_a_time) {
+    open();
+    live(1800, 40, false);
+    pass(2 * 3600);
+    pace.bite = std::chrono::milliseconds(0);
+    int bites = 0;
+    while (care->run({wall, newest, 180})) {
+        bites++;
+        live(60, 40, false); /* polls go on meanwhile */
+        expect_all();
+        ASSERT_LT(bites, 100);
+    }
+    EXPECT_GT(packed(), 1000u);
+    expect_all();
+}
+
+/* ---- closing ---- */
+
+TEST_F(upkeep_test, a_day_is_rolled_up_when_it_is_over) {
+    open();
+    live(86400 - 3600 + 300);
+    EXPECT_EQ(roll_up_of(id_of(1), first_day).size(), 0u);
+    live(900);
+    EXPECT_EQ(fact("closed_through"), first_day);
+    EXPECT_EQ(count_of(id_of(1), first_day), 23u * 60 + 1);
+    EXPECT_EQ(count_of(id_of(2), first_day), 23u * 60 + 1);
+    EXPECT_EQ(count_of(id_of(1), first_day, resolution::hour), 23u * 60 + 1);
+    EXPECT_EQ(roll_up_of(id_of(1), first_day, resolution::hour).size(), 24u);
+    expect_rolled_up(id_of(2), first_day);
+    EXPECT_EQ(roll_up_of(id_of(1), first_day + 1).size(), 0u);
+    expect_all();
+}
+
+TEST_F(upkeep_test, late_results_make_it_anew) {
+    open();
+    live(86400);
+    ASSERT_EQ(fact("closed_through"), first_day);
+    const uint32_t before = count_of(id_of(1), first_day);
+    std::string late; /* it could not be sent then */
+    for (int i = 0; i < 30; i++) {
+        late += load_record(1, midnight + 60 * i);
+        sent.push_back(load_record(1, midnight + 60 * i));
+    }
+    send(late);
+    live(2 * 3600);
+    EXPECT_EQ(count_of(id_of(1), first_day), before + 30);
+    EXPECT_EQ(count_of(id_of(1), first_day, resolution::hour), before + 30);
+    expect_rolled_up(id_of(1), first_day);
+    expect_all();
+}
+
+TEST_F(upkeep_test, late_results_are_added_where_the_others_are_gone) {
+    keep.raw = 1;
+    open();
+    live(86400);
+    const uint32_t before = count_of(id_of(1), first_day);
+    ASSERT_GT(before, 0u);
+    live(3 * 86400);
+    std::vector<std::string> days;
+    store->days(days);
+    ASSERT_GE(fact("dropped_through").value_or(0), first_day);
+    std::string late;
+    for (int i = 0; i < 30; i++) {
+        late += load_record(1, midnight + 60 * i);
+    }
+    send(late);
+    live(2 * 3600);
+    EXPECT_EQ(count_of(id_of(1), first_day), before + 30);
+    EXPECT_EQ(count_of(id_of(1), first_day, resolution::hour), before + 30);
+    EXPECT_EQ(roll_up_of(id_of(1), first_day, resolution::hour).size(), 24u);
+}
+
+TEST_F(upkeep_test, days_follow_each_other_after_the_server_was_off) {
+    open();
+    live(3 * 3600);
+    close();
+    pass(5 * 86400);
+    open();
+    std::string kept; /* what the agent has of that time */
+    for (int64_t time = midnight + 86400; time < midnight + 5 * 86400; time += 3600) {
+        kept += load_record(1, time);
+    }
+    send(kept);
+    pass(2 * 3600);
+    run();
+    EXPECT_EQ(fact("closed_through"), first_day + 4);
+    EXPECT_EQ(count_of(id_of(1), first_day), 3u * 60);
+    for (int day = 1; day < 5; day++) {
+        EXPECT_EQ(count_of(id_of(1), first_day + day), 24u) << day;
+    }
+}
+
+TEST_F(upkeep_test, a_clock_that_jumps_ahead_closes_early_and_that_is_put_right) {
+    open();
+    live(3600);
+    wall += 30 * 365 * 86400LL;
+    run();
+    EXPECT_GT(fact("closed_through").value_or(0), first_day + 10000);
+    wall -= 30 * 365 * 86400LL;
+    live(3 * 3600);
+    pace.open_for = -1;
+    pace.spread = 1;
+    pass(3);
+    run();
+    EXPECT_EQ(count_of(id_of(1), first_day), 4u * 60);
+    expect_rolled_up(id_of(1), first_day);
+    expect_all();
+}
+
+TEST_F(upkeep_test, roll_ups_go_by_their_age) {
+    keep = {.raw = 2, .five_minutes = 3, .hour = 5, .events = 0, .ledger = 0};
+    open();
+    for (int day = 0; day < 9; day++) {
+        live(1800, 1);
+        for (int hour = 0; hour < 24; hour++) {
+            pass(3600 - (hour == 0 ? 1800 : 0));
+            run();
+        }
+    }
+    const int64_t id = id_of(1), today = day_of(wall);
+    strings five, hours;
+    for (int64_t day = first_day; day < today; day++) {
+        (roll_up_of(id, day).empty() ? five : hours).push_back("");
+        EXPECT_EQ(roll_up_of(id, day).empty(), day < today - 3) << today - day;
+        EXPECT_EQ(roll_up_of(id, day, resolution::hour).empty(), day < today - 5) << today - day;
+    }
+    std::vector<std::string> days;
+    store->days(days);
+    EXPECT_EQ(days.size(), 3u);
+}
+
+/* ---- what fails ---- */
+
+/* Whatever ends the process between two transactions: all is there once, and days are rolled up as
+ * if nothing had happened. */
+TEST_F(upkeep_test, a_kill_at_any_moment_leaves_a_whole) {
+    open();
+    live(86400 - 3600 + 120, 3, false);
+    close();
+    pass(3 * 3600);
+    for (int steps = 0; steps < 40; steps++) {
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            open();
+            pace.bite = std::chrono::milliseconds(0);
+            for (int i = 0; i < steps; i++) {
+                care->run({wall, newest, 180});
+            }
+            kill(getpid(), SIGKILL);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        open();
+        expect_all();
+        close();
+    }
+    open();
+    run();
+    expect_all();
+    EXPECT_EQ(packed(), sent.size());
+    for (int32_t test : {1, 2, 3}) {
+        expect_rolled_up(id_of(test), first_day);
+        EXPECT_EQ(count_of(id_of(test), first_day), 23u * 60 + 1);
+    }
+}
+
+TEST_F(upkeep_test, what_fails_is_told_once_and_tried_later) {
+    open();
+    live(1800);
+    pass(2 * 3600);
+    {
+        /* Somebody holds the database. */
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open((state + "/results.db").c_str(), &handle), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+        run();
+        EXPECT_EQ(told.size(), 1u);
+        run(); /* not yet again */
+        EXPECT_EQ(told.size(), 1u);
+        sqlite3_close(handle);
+    }
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_NE(told[0].find("database is locked"), std::string::npos) << told[0];
+    pass(61);
+    run();
+    EXPECT_EQ(packed(), sent.size());
+    EXPECT_EQ(told.back(), "what is stored is packed again");
+    EXPECT_EQ(told.size(), 2u);
+    expect_all();
+}
+
+} // namespace

@@ -1,0 +1,371 @@
+/* States through the store's thread: who falls silent and comes back, what becomes stale, and that
+ * nothing is held against anybody when the collector could not listen or store. The clocks are
+ * pinned; a look is taken after each block, and that is what the tests send. */
+#include "ingest/clock.h"
+#include "ingest/ingest.h"
+#include "ingest/upkeep.h"
+#include "store/sqlite/sqlite_file.cpp"
+
+#include "collector_test_support.h"
+#include "stored_records.h"
+
+#include <atomic>
+#include <future>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+namespace {
+
+using strings = std::vector<std::string>;
+const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
+std::atomic<int64_t> wall = noon, steady = 1000;
+
+std::string inventory(const std::string& items, int64_t time) {
+    return record_builder{.ui32 = {type_process_names}, .i64 = {time}, .strings = {items}}.bytes();
+}
+
+struct attendance_test : testing::Test {
+    struct listener : store_listener {
+        std::mutex m;
+        strings told, problems;
+        void on_record(const poll_block&, const decoded_record&) override {}
+        void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
+                            const std::string&) override {}
+        void on_agent(std::string_view, std::string_view agent, const agent_state& now,
+                      std::span<const change> changes) override {
+            std::lock_guard hold(m);
+            for (const change& c : changes) {
+                told.push_back(std::string(agent) + " " + std::string(state_word(c.to)) +
+                               (now.silent ? " (silent)" : ""));
+            }
+        }
+        void on_problem(const std::string& text) override {
+            std::lock_guard hold(m);
+            problems.push_back(text);
+        }
+    } told;
+
+    scratch_directory directory;
+    std::string state = directory / "state";
+    std::unique_ptr<ingest> s;
+
+    void SetUp() override {
+        wall = noon;
+        steady = 1000;
+        arrival_clock = [] { return wall.load(); };
+        steady_clock = [] { return steady.load(); };
+        boot_number = [] { return int64_t{1}; };
+    }
+    void TearDown() override {
+        s.reset();
+        arrival_clock = epoch_seconds;
+        steady_clock = boot_seconds;
+        boot_number = read_boot_number;
+        lock_wait_ms = usual_lock_wait;
+    }
+    const int usual_lock_wait = lock_wait_ms;
+    void open() {
+        std::string error;
+        lock_wait_ms = 50;
+        s = ingest::open({.directory = state}, &told, error);
+        ASSERT_TRUE(s) << error;
+    }
+    void restart(int64_t off) {
+        s.reset();
+        wall += off;
+        steady += off;
+        open();
+    }
+    store_result submit(const std::string& plain, const std::string& agent = "web1") {
+        std::promise<store_result> result;
+        s->submit({"a@b.c", agent, plain, wall}, [&](store_result r) { result.set_value(r); });
+        return result.get_future().get();
+    }
+    void heard(const std::string& agent, const std::string& version = "") {
+        s->heard("a@b.c", agent, wall, "192.0.2.1", version);
+    }
+    /* The thread has looked once more, and what it had to say is said. */
+    void look() {
+        submit(load_record(1, 1), "clock");
+        submit(load_record(1, 1), "clock");
+    }
+    /* Time goes by in which that agent is heard. */
+    void pass(int64_t seconds, const std::string& agent = "") {
+        for (int64_t end = steady + seconds; steady < end;) {
+            wall += 5;
+            steady += 5;
+            if (!agent.empty()) {
+                heard(agent);
+            }
+            look();
+        }
+    }
+    /* Of all but the clock: TIME AGENT FROM>TO MESSAGE, TIME after noon. */
+    strings events() {
+        look();
+        std::string error;
+        auto reader = open_reader(state, error);
+        strings all;
+        std::vector<stored_agent_row> rows = stored_agents(*reader, error);
+        reader->for_each_event(
+            {},
+            [&](const stored_event& e) {
+                auto agent = std::find_if(rows.begin(), rows.end(),
+                                          [&](const auto& row) { return row.id == e.agent; });
+                if (agent->name != "clock") {
+                    std::string message(e.message.substr(0, e.message.find('\n')));
+                    all.insert(all.begin(), std::to_string(e.time - noon) + " " + agent->name +
+                                                (e.test == 0 ? "" : " test") + " " +
+                                                std::string(state_word(::state(e.from))) + ">" +
+                                                std::string(state_word(::state(e.to))) + " " +
+                                                message);
+                }
+                return true;
+            },
+            error);
+        EXPECT_EQ(error, "");
+        return all;
+    }
+    strings query(const std::string& sql) {
+        sqlite3* db = nullptr;
+        EXPECT_EQ(sqlite3_open((state + "/results.db").c_str(), &db), SQLITE_OK);
+        strings rows;
+        auto note = [](void* to, int columns, char** values, char**) {
+            std::string row;
+            for (int i = 0; i < columns; i++) {
+                row += (i > 0 ? "|" : "") + std::string(values[i] != nullptr ? values[i] : "");
+            }
+            static_cast<strings*>(to)->push_back(row);
+            return 0;
+        };
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), note, &rows, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+        return rows;
+    }
+};
+
+TEST_F(attendance_test, an_agent_falls_silent_and_comes_back) {
+    open();
+    submit(load_record(5, noon - 1));
+    pass(175);
+    EXPECT_EQ(events(), (strings{"-1 web1 test unknown>ok fine"}));
+    pass(15);
+    strings all = events();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_TRUE(all[1].ends_with(" web1 unknown>silent ") || all[1].ends_with(" web1 ok>silent "))
+        << all[1];
+    pass(600);
+    EXPECT_EQ(events().size(), 2u); /* told once */
+    heard("web1");
+    pass(5);
+    EXPECT_EQ(events().size(), 3u);
+    EXPECT_NE(events()[2].find("web1 silent>"), std::string::npos) << events()[2];
+    look();
+    std::lock_guard hold(told.m);
+    EXPECT_EQ(std::count(told.told.begin(), told.told.end(), "web1 silent (silent)"), 1);
+}
+
+TEST_F(attendance_test, a_block_of_a_silent_agent_brings_it_back_in_its_transaction) {
+    open();
+    submit(load_record(5, noon - 1));
+    pass(200);
+    ASSERT_EQ(events().size(), 2u);
+    submit(load_record(5, wall, 2, "too much\n"));
+    strings all = events();
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_NE(all[2].find("web1 silent>"), std::string::npos) << all[2];
+    EXPECT_NE(all[3].find("web1 test ok>problem too much"), std::string::npos) << all[3];
+    pass(30, "web1");
+    EXPECT_EQ(events().size(), 4u);
+}
+
+TEST_F(attendance_test, being_heard_is_enough_for_the_agent_and_not_for_its_tests) {
+    open();
+    submit(load_record(5, noon - 1));
+    pass(400, "web1");
+    strings all = events();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_NE(all[1].find("web1 test ok>stale"), std::string::npos) << all[1];
+    submit(load_record(5, wall - 1));
+    all = events();
+    ASSERT_EQ(all.size(), 3u);
+    EXPECT_NE(all[2].find("web1 test stale>ok"), std::string::npos) << all[2];
+}
+
+TEST_F(attendance_test, a_test_that_the_plan_does_not_have_is_not_waited_for) {
+    open();
+    s->follow({.every = {}, .is_planned = true, .tests = {{type_load_average, 6}}}, {});
+    submit(load_record(5, noon - 1) + load_record(6, noon - 1));
+    pass(400, "web1");
+    EXPECT_EQ(events().size(), 3u);
+}
+
+TEST_F(attendance_test, intervals_of_the_plan_count) {
+    open();
+    s->follow({.every = {.poll = 600, .check = 60}, .is_planned = false, .tests = {}}, {});
+    submit(load_record(5, noon - 1));
+    pass(1750);
+    EXPECT_EQ(events().size(), 1u);
+    pass(60);
+    EXPECT_EQ(events().size(), 2u);
+    EXPECT_EQ(query("SELECT value FROM facts WHERE name = 'stale_after'"), strings{"1800"});
+}
+
+TEST_F(attendance_test, after_a_start_everybody_has_time_to_come_back) {
+    open();
+    submit(load_record(5, noon - 1));
+    look();
+    restart(100000);
+    pass(175);
+    EXPECT_EQ(events().size(), 1u);
+    heard("web1");
+    submit(load_record(5, wall - 1));
+    pass(100, "web1");
+    EXPECT_EQ(events().size(), 1u);
+    restart(100000);
+    pass(200);
+    EXPECT_EQ(events().size(), 2u);
+    restart(100000);
+    pass(200);
+    EXPECT_EQ(events().size(), 2u); /* it still is */
+}
+
+TEST_F(attendance_test, a_machine_that_slept_holds_it_against_nobody) {
+    open();
+    submit(load_record(5, noon - 1));
+    look();
+    wall += 100000;
+    steady += 100000;
+    look();
+    pass(170);
+    EXPECT_EQ(events().size(), 1u);
+    pass(30);
+    EXPECT_EQ(events().size(), 2u);
+}
+
+TEST_F(attendance_test, clocks_that_jump_silence_nobody) {
+    open();
+    submit(load_record(5, noon - 1));
+    wall += 1000000;
+    pass(100, "web1");
+    wall -= 2000000;
+    pass(60, "web1");
+    EXPECT_EQ(events().size(), 1u);
+}
+
+/* Holds the database's write lock until it goes. */
+struct writer_lock {
+    sqlite3* db = nullptr;
+    explicit writer_lock(const std::string& state) {
+        sqlite3_open((state + "/results.db").c_str(), &db);
+        EXPECT_EQ(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~writer_lock() { sqlite3_close(db); }
+};
+
+TEST_F(attendance_test, an_outage_of_storing_makes_no_event_and_counts_nothing_twice) {
+    open();
+    submit(load_record(5, noon - 1));
+    look();
+    std::string block = load_record(5, noon + 59, 2, "too much\n");
+    {
+        writer_lock other(state);
+        for (int i = 0; i < 3; i++) {
+            wall += 100;
+            steady += 100;
+            EXPECT_EQ(submit(block), store_result::failed);
+        }
+    }
+    EXPECT_EQ(submit(block), store_result::stored);
+    pass(100, "web1");
+    EXPECT_EQ(events(),
+              (strings{"-1 web1 test unknown>ok fine", "59 web1 test ok>problem too much"}));
+    EXPECT_EQ(submit(block), store_result::duplicate);
+    std::string error;
+    auto reader = open_reader(state, error);
+    for (const stored_agent_row& row : stored_agents(*reader, error)) {
+        uint64_t received = row.state.counts.received, repeated = row.state.counts.repeated;
+        reader->for_each_ledger_row(
+            row.id, INT64_MIN, INT64_MAX,
+            [&](const ledger_row& r) {
+                received += r.received;
+                repeated += r.repeated;
+                return true;
+            },
+            error);
+        if (row.name == "web1") {
+            EXPECT_EQ(received, 2u);
+            EXPECT_EQ(repeated, 1u);
+        }
+    }
+}
+
+TEST_F(attendance_test, rows_say_seldom_when_somebody_was_heard_and_at_the_end) {
+    open();
+    submit(load_record(5, noon - 1));
+    pass(60, "web1");
+    const char* seen = "SELECT last_seen - 1777636800, version FROM agents WHERE name = 'web1'";
+    EXPECT_EQ(query(seen), strings{"0|"});
+    pass(200, "web1");
+    EXPECT_NE(query(seen), strings{"0|"});
+    heard("web1", "3.0");
+    heard("idle", "3.1"); /* has nothing to send */
+    int64_t now = wall - noon;
+    s.reset();
+    EXPECT_EQ(query(seen), strings{std::to_string(now) + "|3.0"});
+    EXPECT_EQ(query("SELECT name, address, version, last_seen - 1777636800 FROM agents "
+                    "WHERE name = 'idle'"),
+              strings{"idle|192.0.2.1|3.1|" + std::to_string(now)});
+}
+
+TEST_F(attendance_test, an_agent_without_results_falls_silent_too) {
+    open();
+    pass(400, "idle");
+    EXPECT_EQ(query("SELECT count(*) FROM agents WHERE name = 'idle'"), strings{"1"});
+    EXPECT_EQ(events().size(), 0u);
+    pass(200);
+    EXPECT_EQ(events().size(), 1u);
+}
+
+TEST_F(attendance_test, inventories_are_stored_when_their_items_change) {
+    open();
+    submit(inventory("init\tsshd\t", noon));
+    submit(inventory("init\tsshd\t", noon + 60) + load_record(5, noon + 60));
+    submit(inventory("init\tcron\t", noon + 120));
+    restart(10);
+    submit(inventory("init\tcron\t", noon + 180));
+    submit(inventory("init\tsshd\t", noon + 240));
+    EXPECT_EQ(query("SELECT time - 1777636800 FROM inventories ORDER BY id"),
+              (strings{"0", "120", "240"}));
+    std::string error;
+    auto reader = open_reader(state, error);
+    for (const stored_agent_row& row : stored_agents(*reader, error)) {
+        if (row.name == "web1") {
+            ASSERT_EQ(row.state.inventories.size(), 1u);
+            EXPECT_EQ(row.state.inventories[0].time, noon + 240);
+            EXPECT_EQ(records_of(*reader, row, error).size(), 1u); /* none lies open */
+        }
+    }
+}
+
+TEST_F(attendance_test, definitions_are_kept_when_they_differ) {
+    open();
+    owned_definition first{.type = 66, .number = 5, .location = 1, .name = "load", .text = "5\t5"};
+    owned_definition other{.type = 46, .number = 6, .location = 1, .name = "/", .text = "/\t10"};
+    auto follow = [&](std::vector<owned_definition> all) {
+        s->follow({}, std::move(all));
+        pass(5);
+        look();
+    };
+    follow({first, other});
+    follow({first, other});
+    first.text = "6\t6";
+    restart(10);
+    follow({other, first});
+    follow({first});
+    EXPECT_EQ(query("SELECT type, number, location, since - 1777636800, name, text FROM "
+                    "definitions ORDER BY id"),
+              (strings{"66|5|1|5|load|5\t5", "46|6|1|5|/|/\t10", "66|5|1|25|load|6\t6"}));
+}
+
+} // namespace

@@ -312,6 +312,17 @@ TEST(take, a_process_that_ended_is_known_by_the_next_pass) {
               "43/1 problem>ok 60; 43/1 ok>problem 180 pid 10; ");
 }
 
+TEST(take, a_pass_may_come_in_three_blocks) {
+    host h;
+    h.block(noon, process(1, 10, noon) + process(1, 11, noon, 2) + process(1, 12, noon, 2) +
+                      process(1, 13, noon));
+    EXPECT_EQ(h.changes.at(0).message, "pid 11") << "the first one that is a problem";
+    EXPECT_EQ(h.block(noon + 60, process(1, 10, noon + 60)), "");
+    EXPECT_EQ(h.block(noon + 61, process(1, 11, noon + 60)), "") << "so there may be more";
+    EXPECT_EQ(h.block(noon + 62, load(1, noon + 62)),
+              "66/1 unknown>ok 62 fine; 43/1 problem>ok 60; ");
+}
+
 TEST(take, each_pass_that_is_waited_for_has_its_own_block) {
     host h;
     h.block(noon, process(1, 10, noon) + process(1, 11, noon, 2));

@@ -253,8 +253,10 @@ TEST_F(engine_test, a_test_keeps_its_id) {
     });
     std::optional<known_test_row> found = reader()->find_test(other);
     ASSERT_TRUE(found);
-    EXPECT_EQ(found->number, -7);
-    EXPECT_EQ(found->type, 66u);
+    if (found) {
+        EXPECT_EQ(found->number, -7);
+        EXPECT_EQ(found->type, 66u);
+    }
     EXPECT_FALSE(reader()->find_test(other + 1));
 }
 

@@ -211,7 +211,7 @@ static void write_strings(column_writer& out, const shape_group& group) {
         out.whole(which);
         for (std::string_view text : texts) {
             out.text(text);
-            out.text(std::string_view("", 1));
+            out.text(std::string_view("\0", 1));
         }
     }
 }

@@ -461,7 +461,7 @@ TEST(unpack_chunk, refuses_claims_beyond_the_limits) {
                                         out.whole(std::vector<int64_t>(65536, 1));
                                         out.whole(std::vector<int64_t>(65536, 0));
                                         out.text(std::string(1 << 20, 'x'));
-                                        out.text(std::string_view("", 1));
+                                        out.text(std::string_view("\0", 1));
                                     }),
                               [&bytes](const arrived_record& one) {
                                   bytes += one.record.size();

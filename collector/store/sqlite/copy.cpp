@@ -210,8 +210,9 @@ bool keep_old(const std::string& directory, bool keep, std::string& kept_as, std
     }
     kept_as = kept_as.empty() ? name_for_replaced(directory) : kept_as;
     for (const char* end : {"-wal", "-shm", ""}) {
-        if (rename((path + end).c_str(), (kept_as + end).c_str()) != 0 && errno != ENOENT) {
-            error = system_error(path + end + " cannot be kept as " + kept_as + end);
+        std::string from = path + end, to = kept_as + end;
+        if (rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) {
+            error = system_error(from);
             return false;
         }
     }

@@ -81,9 +81,13 @@ void attendance::begin() {
     every_.reset();
     /* Until somebody tells what is to come, it is what was to come in the last run. */
     std::optional<int64_t> poll = engine_.read_fact("poll"), check = engine_.read_fact("check");
-    if (!is_told_ && poll && check) {
+    if (poll && check) {
+        every_ =
+            intervals{.poll = static_cast<int32_t>(*poll), .check = static_cast<int32_t>(*check)};
+    }
+    if (!is_told_ && every_) {
         plan_summary last;
-        last.every = {.poll = static_cast<int32_t>(*poll), .check = static_cast<int32_t>(*check)};
+        last.every = *every_;
         expected_.follow(last, now);
     }
     overdue_.clear();

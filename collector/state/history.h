@@ -6,8 +6,9 @@
  *
  * ONCE  The roll-ups of the days up to the fact "closed_through" have exactly what is packed of
  * these days. A result of such a day that lies open has come late: it is added to them, each time
- * they are read, until it is packed and they are made anew. For days after that nothing but the
- * results themselves is read, even where there is a roll-up already.
+ * they are read, until it is packed and they are made anew; its state covers what was unknown. For
+ * days after that nothing but the results themselves is read, even where there is a roll-up
+ * already.
  *
  * WORK  Of the packed results those chunks are unpacked that have something of the time asked for,
  * of the open blocks those of the test's agent, of which there is little. */

@@ -116,7 +116,7 @@ TEST(read_results, open_and_packed_newest_first) {
     EXPECT_EQ(store.times(load, midnight + 541, midnight), "");
     EXPECT_EQ(store.times(processes, INT64_MIN, INT64_MAX), "");
     EXPECT_EQ(store.times(mysql, midnight, midnight + 126), "125 65 5 ") << "by the arrival";
-    result newest = store.results(load, midnight, INT64_MAX)[0];
+    result newest = store.results(load, midnight, INT64_MAX).at(0);
     EXPECT_EQ(newest.records, std::vector<std::string>{load_of(midnight + 540, 9)});
     EXPECT_EQ(newest.message, "m" + std::to_string(midnight + 540));
     EXPECT_EQ(newest.received, midnight + 545);
@@ -162,6 +162,22 @@ TEST(read_results, what_came_late_stands_where_it_belongs) {
     EXPECT_EQ(store.times(load, midnight + 61, midnight + day_s), "120 ");
 }
 
+TEST(read_results, the_newest_may_have_come_first) {
+    stored store;
+    store.append_block(midnight + 5, load_of(midnight + 1000, 1));
+    store.append_block(midnight + 1000, load_of(midnight + 940, 2) + load_of(midnight + 1000, 3));
+    store.pack();
+    std::string late;
+    for (int i = 0; i < 20; i++) {
+        late += load_of(midnight + 30 * i, 4);
+    }
+    store.append_block(midnight + 1060, late);
+    store.pack();
+    bool more = false;
+    EXPECT_EQ(store.times(load, midnight, INT64_MAX, 3, &more), "1000 940 570 ");
+    EXPECT_TRUE(more);
+}
+
 TEST(read_results, a_clock_that_is_ahead) {
     stored store;
     store.append_block(midnight, load_of(midnight + 299, 1)); /* is believed */
@@ -170,7 +186,7 @@ TEST(read_results, a_clock_that_is_ahead) {
     EXPECT_EQ(store.times(load, midnight + 299, midnight + 300), "299 ");
     EXPECT_EQ(store.times(load, midnight + 60, midnight + 61), "60 ");
     EXPECT_EQ(store.times(load, midnight + 3600, INT64_MAX), "");
-    EXPECT_EQ(store.results(load, midnight + 60, midnight + 61)[0].claimed, midnight + 3600);
+    EXPECT_EQ(store.results(load, midnight + 60, midnight + 61).at(0).claimed, midnight + 3600);
 }
 
 TEST(read_results, a_pass_over_several_blocks_and_chunks) {
@@ -189,7 +205,7 @@ TEST(read_results, a_pass_over_several_blocks_and_chunks) {
     EXPECT_EQ(found[1].values[0].value, 31);
     EXPECT_EQ(found[1].received, midnight + 5);
     /* It belongs to the second in which it began. */
-    EXPECT_EQ(store.results(processes, midnight, midnight + 1)[0].values[0].value, 31);
+    EXPECT_EQ(store.results(processes, midnight, midnight + 1).at(0).values[0].value, 31);
     EXPECT_TRUE(store.results(processes, midnight + 1, midnight + 60).empty());
 }
 
@@ -463,6 +479,18 @@ TEST(read_series, late_results_of_closed_days) {
                  "300: 2 ok 190 problem 0 unknown 110");
     hours.replace(hours.find("660 problem 180 unknown 2760"), 28, "490 problem 180 unknown 2930");
     compare();
+}
+
+TEST(read_series, a_late_result_beside_one_of_today) {
+    stored store;
+    store.append_block(midnight, load_of(midnight, 1));
+    store.close(today);
+    store.append_block(midnight + day_s + 60, load_of(midnight + day_s, 2));
+    store.pack();
+    store.append_block(midnight + day_s + 120, load_of(midnight + 60, 3));
+    EXPECT_EQ(text_of(store.read(load, midnight, midnight + 2 * day_s, 2)),
+              "0: 2 ok 360 problem 0 unknown 86040 [1 2 3]; "
+              "86400: 1 ok 180 problem 0 unknown 86220 [2 2 2]");
 }
 
 TEST(read_series, bounds) {

@@ -6,7 +6,7 @@
 #define VINDRAL_COLLECTOR_ATTENDANCE_H
 
 #include "ingest/definitions.h"
-#include "ingest/ingest.h"
+#include "ingest/owned_definition.h"
 #include "ingest/roster.h"
 #include "ingest/storing.h"
 #include "state/expected.h"

@@ -3,7 +3,7 @@
 #ifndef VINDRAL_COLLECTOR_DEFINITIONS_H
 #define VINDRAL_COLLECTOR_DEFINITIONS_H
 
-#include "ingest/ingest.h"
+#include "ingest/owned_definition.h"
 #include "store/engine.h"
 
 #include <cstdint>

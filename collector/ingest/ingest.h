@@ -8,6 +8,7 @@
 #define VINDRAL_COLLECTOR_INGEST_H
 
 #include "base/record_summary.h"
+#include "ingest/owned_definition.h"
 #include "ingest/poll_block.h"
 #include "state/expected.h"
 #include "state/take.h"
@@ -37,13 +38,6 @@ struct store_listener {
     /* Something the operator should see: storing fails, storing works again. The collector's other
      * parts may report here too, from any thread. */
     virtual void on_problem(const std::string& text) { (void)text; }
-};
-
-/* test_definition with its own texts. */
-struct owned_definition {
-    uint32_t type = 0;
-    int32_t number = 0, location = 0;
-    std::string name = {}, text = {};
 };
 
 struct ingest_options {

@@ -4,7 +4,6 @@ what an earlier version left. It is started again, and goes on.
 Expected: in the end all results, states, events, roll-ups, inventories and the ledger are what they are when nothing
 happened; nothing is lost, nothing counted twice. What was repeated is counted as that."""
 
-import collections
 import difflib
 import os
 import random
@@ -36,7 +35,7 @@ class Store(harness.TestCase):
         env = dict(os.environ)
         if kill == "change":
             env["LD_PRELOAD"] = self.library
-            env["KILL_AT"] = str(dice.choice((dice.randrange(1, 40), dice.randrange(1, 400), dice.randrange(1, 3000))))
+            env["KILL_AT"] = str(dice.randrange(1, dice.choice((40, 200, 1000))))
             if dice.random() < 0.5:
                 env["KILL_HALF"] = "1"
         process = subprocess.Popen([DRIVER, "play", os.path.join(directory, "state"), history,
@@ -48,7 +47,6 @@ class Store(harness.TestCase):
             _, told = process.communicate()
             self.assertEqual(kill, "moment", "it does not end: " + told)
         self.assertIn(process.returncode, (0, -signal.SIGKILL), told)
-        self.told[re.sub("[0-9]+", "N", told)] += 1
         return process.returncode == 0
 
     def shown(self, directory):
@@ -58,7 +56,6 @@ class Store(harness.TestCase):
 
     def torture(self, name, make_state, seed, kills):
         """Lives of the store until so many of them were cut short, against one that was not."""
-        self.told = collections.Counter()
         dice = random.Random(seed)
         home = self.subdir(name)
         path = os.path.join(home, "history")
@@ -86,8 +83,7 @@ class Store(harness.TestCase):
             found = self.shown(directory)
             repeated += sum(int(line.split()[4]) for line in found if line.startswith("ledger"))
             self.assert_same(without_repeated(found), without_repeated(wanted), "%s, %d kills" % (name, killed))
-        print("%s: %d kills in %d runs, %d lines, %d repeated; told: %s" % (
-            name, killed, runs, len(wanted), repeated, dict(self.told)), flush=True)
+        print("%s: %d kills in %d runs, %d lines, %d repeated" % (name, killed, runs, len(wanted), repeated), flush=True)
         return history, wanted
 
     def check_whole(self, shown):

@@ -1,0 +1,218 @@
+/* A fleet on a collection server: each agent logs in once and then polls once an interval, all of
+ * them spread over it; each poll is a TCP connect, a full TLS handshake, a POST and the close.
+ *
+ *   fleet_load --port N [--agents N] [--interval S] [--seconds S] [--first N] [--pid P]
+ *
+ * Prints how long polls took, and what the server's process P took of the processor for them. */
+#include "fleet.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <getopt.h>
+#include <mutex>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/ssl.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+#include <zlib.h>
+
+namespace {
+
+int port = 8443, seconds = 120, interval = 60, target = 0;
+uint32_t agents = 1000, first = 0;
+std::atomic<uint32_t> next_agent{0};
+std::atomic<long> failed{0};
+std::mutex mutex;
+std::vector<double> took;
+double sent_bytes = 0;
+
+struct client {
+    uint32_t number = 0;
+    fleet_agent values{0};
+    std::string session = {};
+};
+
+double now() {
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+std::string exchange(SSL_CTX* context, const std::string& request) {
+    int sk = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int on = 1;
+    setsockopt(sk, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string answer;
+    SSL* session = nullptr;
+    if (connect(sk, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) {
+        session = SSL_new(context);
+        SSL_set_fd(session, sk);
+        if (SSL_connect(session) == 1 &&
+            SSL_write(session, request.data(), static_cast<int>(request.size())) > 0) {
+            char buffer[4096];
+            int got;
+            while ((got = SSL_read(session, buffer, sizeof buffer)) > 0) {
+                answer.append(buffer, static_cast<size_t>(got));
+            }
+            SSL_shutdown(session);
+        }
+    }
+    SSL_free(session);
+    close(sk);
+    return answer;
+}
+
+std::string header(const std::string& answer, const std::string& name) {
+    size_t at = answer.find(name);
+    if (at == std::string::npos) {
+        return "";
+    }
+    at = answer.find_first_not_of(' ', at + name.size());
+    return answer.substr(at, answer.find("\r\n", at) - at);
+}
+
+const char* const head =
+    "POST /fcgi-bin/agentgateway HTTP/1.0\r\nContent-Type: application/octet-stream\r\n"
+    "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n";
+
+bool log_in(SSL_CTX* context, client& c) {
+    char name[32];
+    snprintf(name, sizeof name, "host%04u", c.number);
+    c.session = header(exchange(context, std::string(head) +
+                                             "Content-Length: 0\r\nVnd-EMail: fleet@example.org\r\n"
+                                             "Vnd-AName: " +
+                                             name + "\r\n\r\n"),
+                       "Vnd-SessionID:");
+    return !c.session.empty();
+}
+
+bool poll(SSL_CTX* context, client& c) {
+    std::string body;
+    c.values.add_pass(time(nullptr), body);
+    fleet_agent::add_inventories(time(nullptr), body);
+    unsigned long sum = adler32(adler32(0, nullptr, 0), reinterpret_cast<const Bytef*>(body.data()),
+                                static_cast<uInt>(body.size()));
+    const double began = now();
+    std::string answer =
+        exchange(context, std::string(head) + "Content-Length: " + std::to_string(body.size()) +
+                              "\r\nVnd-SessionID: " + c.session + "\r\nVnd-Compression: 0\r\n" +
+                              "Vnd-CheckSum: " + std::to_string(sum) + "\r\n\r\n" + body);
+    double ms = 1000 * (now() - began);
+    size_t end = answer.find("\r\n\r\n");
+    std::lock_guard lock(mutex);
+    took.push_back(ms);
+    sent_bytes += static_cast<double>(body.size());
+    return end != std::string::npos && answer.compare(end + 4, std::string::npos, "111111") != 0;
+}
+
+/* Polls are handed out in turn, each at its time. */
+void work(SSL_CTX* context, std::vector<client>& fleet, double began) {
+    for (;;) {
+        uint32_t turn = next_agent++;
+        double at = began + static_cast<double>(turn) * interval / agents;
+        double wait = at - now();
+        if (at > began + seconds) {
+            return;
+        }
+        if (wait > 0) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+        }
+        client& c = fleet[turn % agents];
+        if (!poll(context, c)) {
+            failed++;
+        }
+    }
+}
+
+double process_ms(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), {});
+    size_t at = text.rfind(')');
+    unsigned long user = 0, system = 0;
+    if (at == std::string::npos ||
+        sscanf(text.c_str() + at, ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+               &system) != 2) {
+        return 0;
+    }
+    return static_cast<double>(user + system) * 1000.0 / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    static const option options[] = {{"port", 1, nullptr, 'p'},     {"agents", 1, nullptr, 'a'},
+                                     {"interval", 1, nullptr, 'i'}, {"seconds", 1, nullptr, 's'},
+                                     {"first", 1, nullptr, 'f'},    {"pid", 1, nullptr, 'P'},
+                                     {nullptr, 0, nullptr, 0}};
+    for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
+        switch (c) {
+        case 'p':
+            port = atoi(optarg);
+            break;
+        case 'a':
+            agents = static_cast<uint32_t>(atoi(optarg));
+            break;
+        case 'i':
+            interval = atoi(optarg);
+            break;
+        case 's':
+            seconds = atoi(optarg);
+            break;
+        case 'f':
+            first = static_cast<uint32_t>(atoi(optarg));
+            break;
+        case 'P':
+            target = atoi(optarg);
+            break;
+        default:
+            return 2;
+        }
+    }
+    signal(SIGPIPE, SIG_IGN);
+    SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    std::vector<client> fleet;
+    for (uint32_t i = 0; i < agents; i++) {
+        fleet.push_back({.number = first + i, .values = fleet_agent(first + i)});
+        if (!log_in(context, fleet.back())) {
+            fprintf(stderr, "agent %u: no session\n", i);
+            return 1;
+        }
+    }
+    double target_before = target != 0 ? process_ms(target) : 0;
+    const double began = now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++) {
+        threads.emplace_back([&] { work(context, fleet, began); });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    double spent = now() - began;
+    std::sort(took.begin(), took.end());
+    printf("%zu polls in %.0f s, %.0f bytes each, %ld failed; p50 %.1f ms, p99 %.1f ms, most %.1f "
+           "ms\n",
+           took.size(), spent, sent_bytes / static_cast<double>(took.size()), failed.load(),
+           took[took.size() / 2], took[took.size() * 99 / 100], took.back());
+    if (target != 0) {
+        double used = process_ms(target) - target_before;
+        printf("server: %.2f %% of a core, %.3f ms a poll\n", used / spent / 10,
+               used / static_cast<double>(took.size()));
+    }
+    SSL_CTX_free(context);
+    return failed != 0;
+}

@@ -1,0 +1,276 @@
+/* A store with a history, and how long it takes to read it.
+ *
+ *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S   the last so many days of a fleet, until now
+ *   fleet_store query STATE_DIR QUERIES [--cold]        how long reading takes
+ *   fleet_store samples AGENTS DAYS INTERVAL_S          the same values in OpenMetrics' text form
+ *
+ * `query` reads series of 30 days and of a day, the newest results of a test, the states of all
+ * agents, and the events of a day; with --cold it has the file put out of the page cache before
+ * each. */
+#include "fleet.h"
+#include "ingest/clock.h"
+#include "ingest/ingest.h"
+#include "protocol/record.h"
+#include "state/history.h"
+#include "store/engine.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cinttypes>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <mutex>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int64_t day_s = 86400;
+
+std::atomic<int64_t> now = 0;
+int64_t simulated_clock() {
+    return now;
+}
+
+double seconds_now() {
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+std::string name_of(uint32_t agent) {
+    char text[32];
+    snprintf(text, sizeof text, "host%04u", agent);
+    return text;
+}
+
+double megabytes_of(const std::string& directory) {
+    double sum = 0;
+    for (const char* name : {"/results.db", "/results.db-wal"}) {
+        struct stat status;
+        sum += stat((directory + name).c_str(), &status) == 0
+                   ? static_cast<double>(status.st_size) / 1e6
+                   : 0;
+    }
+    return sum;
+}
+
+int fill(const std::string& directory, uint32_t agents, int64_t days, int32_t interval) {
+    arrival_clock = simulated_clock;
+    steady_clock = simulated_clock;
+    const int64_t end = time(nullptr) / interval * interval;
+    now = end - days * day_s;
+    ingest_options options;
+    options.directory = directory;
+    std::string error;
+    std::unique_ptr<ingest> store = ingest::open(options, nullptr, error);
+    if (!store) {
+        fprintf(stderr, "%s\n", error.c_str());
+        return 1;
+    }
+    plan_summary plan;
+    plan.every = {.poll = interval, .check = interval};
+    store->follow(plan, {});
+    std::vector<fleet_agent> fleet;
+    for (uint32_t i = 0; i < agents; i++) {
+        fleet.emplace_back(i);
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    size_t waiting = 0;
+    bool failed = false;
+    const double began = seconds_now();
+    int64_t passes = 0;
+    for (; now + interval <= end; now = now + interval, passes++) {
+        for (uint32_t i = 0; i < agents; i++) {
+            std::string block;
+            fleet[i].add_pass(now, block);
+            fleet_agent::add_inventories(now, block);
+            {
+                std::lock_guard lock(mutex);
+                waiting++;
+            }
+            store->submit({.account = "fleet@example.org",
+                           .agent = name_of(i),
+                           .plain = std::move(block),
+                           .received = now,
+                           .address = "192.0.2.1",
+                           .version = "3.0"},
+                          [&](store_result result) {
+                              std::lock_guard lock(mutex);
+                              failed = failed || result != store_result::stored;
+                              waiting--;
+                              changed.notify_one();
+                          });
+        }
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return waiting == 0; });
+    }
+    double took = seconds_now() - began;
+    double count = static_cast<double>(passes) * agents * fleet_agent::tests;
+    store.reset();
+    double size = megabytes_of(directory);
+    printf("%.0f results of %u agents in %.0f s, %.0f a second; %.0f MB, %.1f bytes a result%s\n",
+           count, agents, took, count / took, size, size * 1e6 / count,
+           failed ? "; SOME WERE NOT STORED" : "");
+    return failed ? 1 : 0;
+}
+
+void put_out(const std::string& directory) {
+    for (const char* name : {"/results.db", "/results.db-wal"}) {
+        int file = open((directory + name).c_str(), O_RDONLY | O_CLOEXEC);
+        if (file >= 0) {
+            fdatasync(file);
+            posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED);
+            close(file);
+        }
+    }
+}
+
+struct known {
+    int64_t agent, test;
+};
+
+int query(const std::string& directory, size_t queries, bool is_cold) {
+    std::string error;
+    const int64_t end = time(nullptr);
+    std::vector<known> tests;
+    agent_state state;
+    auto each_agent = [&](result_reader& reader, const std::function<void(const known_agent&)>& f) {
+        return reader.for_each_agent(
+            [&](const known_agent& row) {
+                state.unpack(row.state);
+                f(row);
+            },
+            error);
+    };
+    if (std::unique_ptr<result_reader> reader = open_reader(directory, error); reader) {
+        each_agent(*reader, [&](const known_agent& row) {
+            for (const test_status& t : state.tests) {
+                tests.push_back({row.id, t.id});
+            }
+        });
+    }
+    if (tests.empty()) {
+        fprintf(stderr, "nothing is stored: %s\n", error.c_str());
+        return 1;
+    }
+    size_t found = 0;
+    bool ok = true;
+    auto measure = [&](const char* what, size_t times, auto&& read) {
+        std::vector<double> took;
+        found = 0;
+        for (size_t i = 0; i < times; i++) {
+            if (is_cold) {
+                put_out(directory);
+            }
+            const double began = seconds_now();
+            std::unique_ptr<result_reader> reader = open_reader(directory, error);
+            ok = reader && read(*reader, tests[(i * 7919 + 13) % tests.size()]) && ok;
+            took.push_back(1000 * (seconds_now() - began));
+        }
+        std::sort(took.begin(), took.end());
+        printf("%-32s p50 %7.2f ms, p99 %7.2f ms, most %7.2f ms; %zu found\n", what,
+               took[times / 2], took[times * 99 / 100], took.back(), found);
+    };
+    auto read_days = [&](int64_t days) {
+        return [&, days](result_reader& reader, const known& which) {
+            series all;
+            bool read = read_series(reader, which.test, end - days * day_s, end, 800, all, error);
+            found += all.time.size();
+            return read;
+        };
+    };
+    measure("series of 30 days", queries, read_days(30));
+    measure("series of a day", queries, read_days(1));
+    measure("newest 100 results of a test", queries, [&](result_reader& reader, const known& w) {
+        std::vector<result> results;
+        bool read = read_results(reader, w.test, end - day_s, end + day_s, 100, results, error);
+        found += results.size();
+        return read;
+    });
+    measure("states of all agents", std::max<size_t>(queries / 10, 1),
+            [&](result_reader& reader, const known&) {
+                return each_agent(reader, [&](const known_agent&) {
+                    found += state.worst() == state::ok ? 1 : 0;
+                });
+            });
+    measure("events of a day", std::max<size_t>(queries / 10, 1),
+            [&](result_reader& reader, const known&) {
+                return reader.for_each_event(
+                    {.from = end - day_s, .to = end},
+                    [&](const stored_event&) {
+                        found++;
+                        return true;
+                    },
+                    error);
+            });
+    if (!ok) {
+        fprintf(stderr, "not all could be read: %s\n", error.c_str());
+    }
+    return ok ? 0 : 1;
+}
+
+/* Each value of each record a sample, all of a series together, as the format wants it. */
+int samples(uint32_t agents, int64_t days, int32_t interval) {
+    const int64_t end = time(nullptr) / interval * interval;
+    std::string reason, block;
+    for (uint32_t i = 0; i < agents; i++) {
+        std::vector<std::string> lines(size_t{fleet_agent::tests} * 16);
+        fleet_agent agent(i);
+        for (int64_t at = end - days * day_s; at + interval <= end; at += interval) {
+            block.clear();
+            agent.add_pass(at, block);
+            for (block_reader reader(block); reader.next();) {
+                const record& r = reader.current;
+                size_t test = r.ui32[1] - 1, column = 0;
+                auto put = [&](double value) {
+                    char text[160];
+                    snprintf(text, sizeof text,
+                             "vindral{host=\"%s\",test=\"%zu\",value=\"%zu\"} %.17g %" PRId64 "\n",
+                             name_of(i).c_str(), test + 1, column, value, at);
+                    lines[test * 16 + column++] += text;
+                };
+                for (size_t v = 0; v < r.d64.size(); v++) {
+                    put(r.d64[v]);
+                }
+                for (size_t v = 3; v < r.ui32.size(); v++) { /* the status too */
+                    put(r.ui32[v]);
+                }
+            }
+        }
+        for (const std::string& line : lines) {
+            fwrite(line.data(), 1, line.size(), stdout);
+        }
+    }
+    puts("# EOF");
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string word = argc > 1 ? argv[1] : "";
+    auto at = [&](int i) { return atoi(argv[i]); };
+    if (word == "fill" && argc == 6) {
+        return fill(argv[2], static_cast<uint32_t>(at(3)), at(4), at(5));
+    }
+    if (word == "query" && (argc == 4 || argc == 5)) {
+        return query(argv[2], static_cast<size_t>(at(3)), argc == 5);
+    }
+    if (word == "samples" && argc == 5) {
+        return samples(static_cast<uint32_t>(at(2)), at(3), at(4));
+    }
+    fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S\n"
+                    "       fleet_store query STATE_DIR QUERIES [--cold]\n"
+                    "       fleet_store samples AGENTS DAYS INTERVAL_S\n");
+    return 2;
+}

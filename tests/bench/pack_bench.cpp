@@ -8,9 +8,9 @@
 #include "store/pack.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <random>
 
@@ -57,13 +57,12 @@ static std::vector<double> steady() {
 }
 
 static double milliseconds_of(const std::function<void()>& work) {
-    auto start = std::chrono::steady_clock::now();
+    std::clock_t start = std::clock();
     int runs = 0;
     double ms = 0;
     for (; ms < 200; runs++) {
         work();
-        ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
-                 .count();
+        ms = 1000.0 * static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
     }
     return ms / runs;
 }

@@ -64,9 +64,19 @@ public:
     }
     /* What of that name is there already is kept or replaced. */
     bool name_it(bool replace) {
-        bool named = replace ? rename(now_.c_str(), path_.c_str()) == 0 : name_if_free();
-        made_ = !named;
-        return named && sync_directory(directory_of(path_));
+        if (replace ? rename(now_.c_str(), path_.c_str()) != 0 : !name_if_free()) {
+            return false;
+        }
+        made_ = false;
+        if (sync_directory(directory_of(path_))) {
+            return true;
+        }
+        int why = errno;
+        if (!replace) {
+            unlink(path_.c_str());
+        }
+        errno = why;
+        return false;
     }
 
 private:
@@ -294,6 +304,9 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
     }
     if (!copy.name_it(true)) {
         error = system_error(database_path(directory));
+        if (!kept_as.empty() && is_there(database_path(directory))) {
+            unlink(kept_as.c_str()); /* a second name of what stays */
+        }
         return false;
     }
     return true;

@@ -14,7 +14,6 @@ SKEW_S = 300
 PASS_S = 2
 COARSE_S = 128
 MAX_GAP_S = 31 * 86400
-OVERTAKEN_REACH = False
 
 DISCOVERY, PROCESS, MYSQL = 40, 43, 74
 INVENTORIES = (39, 42, 45)
@@ -121,8 +120,11 @@ class Agent:
                 continue
             if relation == "another":
                 self.judge(key, test, changes)  # what came of the pass before in this call
-                self.settle(key, test, changes)
-                self.begin_pass(test, Pass(said, arrival), late_before, stale_after, interval)
+                new = Pass(said, arrival)
+                new.is_overtaken = test.last is not None and new.time < min(late_before, max(test.reached, test.since))
+                if not new.is_overtaken:
+                    self.settle(key, test, changes)
+                self.begin_pass(test, new, stale_after, interval)
             current = test.arriving
             if relation == "part" and current.time < late_before and current.time < max(test.reached, test.since):
                 current.pid = said.pid  # overtaken as far as it comes now
@@ -136,15 +138,12 @@ class Agent:
                 self.settle(key, self.tests[key], changes)
         return changes
 
-    def begin_pass(self, test, new, late_before, stale_after, interval):
+    def begin_pass(self, test, new, stale_after, interval):
         test.arriving = new
         self.count(new.time, 0)
+        if new.is_overtaken:
+            return
         if test.last is not None:
-            if new.time < late_before and (new.time < test.reached or new.time < test.since):
-                new.is_overtaken = True
-                if OVERTAKEN_REACH:
-                    test.reached = max(test.reached, new.time)
-                return
             self.count_missing(test, new, interval)
             test.parts_before = test.last.parts
         if test.last is None or new.time > test.reached or test.reached - new.time > stale_after:

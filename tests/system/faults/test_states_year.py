@@ -14,7 +14,7 @@ import test_states  # noqa: E402
 
 AGENTS, AT_ONCE = 200, 20
 DAYS = 20 if harness.SANITIZERS else 365
-PASSES_S = 7200  # minutes would take days; a week of them is below
+PASSES_S = 10800  # minutes would take hours; a week of them is below
 
 
 def run(seed, agents, days, interval):

@@ -60,8 +60,7 @@ int64_t attendance::stale_after() const {
 void attendance::know(const known_agent& row, const agent_state& state, int64_t now) {
     roster_agent& agent = agents_.add(row.id, row.account, row.agent);
     note_open(agent, state);
-    agent.last_seen = row.last_seen;
-    agent.row_written = now;
+    agent.row_written = now - 1; /* who is heard now comes after it */
     watch_.know(row.id, state.silent, now);
     for (const test_status& test : state.tests) {
         newest_ = std::max(newest_, test.time);
@@ -104,12 +103,11 @@ void attendance::begin() {
 }
 
 void attendance::stored(const agent_work& agent, std::string_view account, std::string_view name,
-                        int64_t received, int64_t at) {
+                        int64_t at, bool in_row) {
     const int64_t now = clock();
     roster_agent& known = agents_.add(agent.id, account, name);
     note_open(known, agent.state);
-    known.last_seen = std::max(known.last_seen, received);
-    known.row_written = now;
+    known.row_written = in_row ? now : known.row_written;
     watch_.heard(agent.id, at);
     size_t last = SIZE_MAX;
     for (size_t place : agent.places) {
@@ -156,8 +154,7 @@ void attendance::take_in() {
         if (agent != nullptr && watch_.heard(agent->id, what.at)) {
             back_[agent->id] = what.received;
         }
-        if (unwritten_.size() < most_heard &&
-            (agent == nullptr || what.received > agent->last_seen)) {
+        if (unwritten_.size() < most_heard && (agent == nullptr || what.at > agent->row_written)) {
             auto [known, fresh] = unwritten_.try_emplace(key);
             what.first = fresh ? what.at : known->second.first;
             known->second = std::move(what);
@@ -292,7 +289,7 @@ bool attendance::write_rows(int64_t due) {
     std::vector<inbox::iterator> some;
     for (auto one = unwritten_.begin(); one != unwritten_.end() && some.size() < most_agents;) {
         const roster_agent* agent = agents_.find(one->second.account, one->second.name);
-        if (agent != nullptr && agent->last_seen >= one->second.received) {
+        if (agent != nullptr && agent->row_written >= one->second.at) {
             one = unwritten_.erase(one); /* with a block */
             continue;
         }
@@ -316,7 +313,6 @@ bool attendance::write_rows(int64_t due) {
         const heard_agent& what = some[i]->second;
         bool fresh = agents_.find(works_[i].id) == nullptr;
         roster_agent& agent = agents_.add(works_[i].id, what.account, what.name);
-        agent.last_seen = what.received;
         agent.row_written = clock();
         if (fresh) {
             watch_.know(agent.id, false, what.at);

@@ -49,9 +49,10 @@ public:
     patience now() const;
     int64_t stale_after() const;
 
-    /* What is committed: records of an agent that arrived at `received`; `at` by steady_clock. */
+    /* What is committed: records of an agent that arrived at `at`, by steady_clock; and whether its
+     * row says that it was heard then. */
     void stored(const agent_work& agent, std::string_view account, std::string_view name,
-                int64_t received, int64_t at);
+                int64_t at, bool in_row);
     /* Newest time of a result so far. */
     int64_t newest() const { return newest_; }
 

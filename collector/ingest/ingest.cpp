@@ -149,9 +149,8 @@ private:
                     .events = of.options_.keep_event_days,
                     .ledger = of.options_.keep_ledger_days},
                    of.tell_),
-              earlier(*of.engine_, of.tell_, [&of](const agent_work& agent, int64_t received) {
-                  of.note_stored(agent, received);
-              }) {}
+              earlier(*of.engine_, of.tell_,
+                      [&of](const agent_work& agent) { of.note_stored(agent); }) {}
         storing store;
         attendance present;
         upkeep care;
@@ -177,7 +176,7 @@ private:
     bool store_repetition(queued_block& b, agent_work& work);
     bool store_slice(queued_block& b, agent_work& work);
     agent_work& next_work(queued_block& b);
-    void note_stored(const agent_work& work, int64_t received);
+    void note_stored(const agent_work& work);
     void note_stored(const queued_block& b);
     void trim_works();
     bool hash_block(queued_block& b);
@@ -370,9 +369,10 @@ writer::position writer::write_run(position from, position end) {
     return to;
 }
 
-void writer::note_stored(const agent_work& work, int64_t received) {
+/* Of what an earlier version left. */
+void writer::note_stored(const agent_work& work) {
     if (const roster_agent* known = agents_.find(work.id)) {
-        parts_->present.stored(work, known->account, known->name, received, steady_clock());
+        parts_->present.stored(work, known->account, known->name, steady_clock(), false);
     }
 }
 
@@ -381,7 +381,8 @@ void writer::note_stored(const queued_block& b) {
         return;
     }
     const agent_work& work = works_[b.work];
-    parts_->present.stored(work, b.block.account, b.block.agent, b.block.received, b.submitted);
+    parts_->present.stored(work, b.block.account, b.block.agent, b.submitted,
+                           b.result == store_result::stored);
     if (const roster_agent* known = agents_.find(work.id)) {
         parts_->care.grown(*known);
     }

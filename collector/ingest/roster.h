@@ -16,8 +16,7 @@ struct roster_agent {
     std::string account = {}, name = {};
     int64_t open_since = 0; /* agent_state */
     uint64_t open_bytes = 0;
-    int64_t last_seen = 0;       /* what its row says */
-    int64_t row_written = 0;     /* when that was, by steady_clock */
+    int64_t row_written = 0;     /* when it said last that the agent was heard, by steady_clock */
     int64_t pack_not_before = 0; /* by steady_clock: it failed */
 };
 

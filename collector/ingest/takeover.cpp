@@ -111,7 +111,7 @@ takeover::progress takeover::step(int64_t stale_after) {
     taken_ += records_;
     for (size_t i = 0; i < polls_.size(); i++) {
         if (works_[i].id != 0) {
-            stored_(works_[i], polls_[i].received);
+            stored_(works_[i]);
         }
     }
     return progress::more;

@@ -18,7 +18,7 @@
 class takeover {
 public:
     /* `stored` is told of each poll that is committed. */
-    using stored_function = std::function<void(const agent_work&, int64_t received)>;
+    using stored_function = std::function<void(const agent_work&)>;
     takeover(engine& store, tell_function tell, stored_function stored)
         : engine_(store), tell_(std::move(tell)), stored_(std::move(stored)) {}
 

@@ -41,8 +41,8 @@ private:
     bool begun_;
 };
 
-/* Runs the statement, whose last parameter says how many rows it may drop, until it finds none or
- * time is up; `all` is whether it found none. */
+/* Runs the statement, whose last parameter says how many rows it may drop, until it finds fewer or
+ * time is up; `all` is whether there are no more. */
 template <typename Bind>
 bool drop_rows(sqlite3* db, const std::string& sql, Bind bind, bool& all) {
     using clock = std::chrono::steady_clock;
@@ -54,7 +54,7 @@ bool drop_rows(sqlite3* db, const std::string& sql, Bind bind, bool& all) {
         if (!drop.bind(at_once).run()) {
             return false;
         }
-        all = sqlite3_changes(db) == 0;
+        all = sqlite3_changes(db) < at_once;
     } while (!all && clock::now() < until);
     return true;
 }

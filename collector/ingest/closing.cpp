@@ -51,7 +51,7 @@ bool closing::run(int64_t now, int64_t newest, int64_t stale_after, const kept_f
     return true;
 }
 
-/* The one of the day that is kept no longer. What that leaves behind goes otherwise. */
+/* What is kept no longer; what that leaves behind in earlier months goes with these. */
 bool closing::drop(resolution r, int64_t test, int64_t from) {
     return from == INT64_MIN || engine_.drop_roll_up(r, test, from - 1);
 }

@@ -266,6 +266,7 @@ public:
     virtual bool drop_blocks(int64_t row) = 0;
     /* Takes the place of the one that is there. Days before 1970 are not kept. */
     virtual bool put_roll_up(resolution r, int64_t test, int64_t day, std::string_view data) = 0;
+    /* That of the day, and those before it in its month. */
     virtual bool drop_roll_up(resolution r, int64_t test, int64_t day) = 0;
     virtual bool set_fact(const char* name, int64_t value) = 0;
     /* Ids of tests above `after`, at most `most` of them, rising. */

@@ -411,12 +411,15 @@ TEST_F(engine_test, roll_ups_are_replaced_and_read_in_order) {
     open(); /* and again with tables that are there */
     within([&] {
         EXPECT_TRUE(e->put_roll_up(five, 5, today, "new"));
+        EXPECT_TRUE(e->put_roll_up(five, 4, today - 1, "another test's"));
+        EXPECT_TRUE(e->put_roll_up(five, 5, today - 2, "before"));
         EXPECT_TRUE(e->drop_roll_up(five, 5, today - 1));
         EXPECT_TRUE(e->drop_roll_up(five, 7, today - 1));
         EXPECT_TRUE(e->drop_roll_up(five, 5, today - 1000));
         EXPECT_TRUE(e->drop_roll_up(five, 5, -1));
     });
     EXPECT_EQ(roll_ups(five, 5), (strings{"-200 a", "0 new", "1 d"}));
+    EXPECT_EQ(roll_ups(five, 4), strings{"-1 another test's"});
     until_done([&] { return e->drop_roll_ups(five, today); });
     EXPECT_EQ(roll_ups(five, 5), (strings{"0 new", "1 d"}));
     within([&] { EXPECT_TRUE(e->put_roll_up(five, 5, today - 200, "again")); });

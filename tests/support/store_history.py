@@ -88,6 +88,12 @@ class History:
             self.step("block 9 %d" % len(plain), plain)
         self.step("settle %d" % (now // DAY_S - 1))
         self.step("quiet 3")
+        self.kept_from = {"five": now // DAY_S - keep[1], "hour": now // DAY_S - keep[2]}
+
+    def is_kept(self, line):
+        """Whether a line that store_driver shows must be there: roll-ups that are older may be gone or not."""
+        words = line.split(" ")
+        return words[0] not in self.kept_from or int(words[3]) >= self.kept_from[words[0]]
 
     def step(self, text, more=b""):
         self.steps.append(text.encode() + b"\n" + more)

@@ -424,8 +424,8 @@ bool sqlite_engine::drop_roll_up(resolution r, int64_t test, int64_t day) {
     if (day < 0 || day >= days_end || !roll_ups_.contains(table)) {
         return true;
     }
-    bool ok = take("DELETE FROM " + table + " WHERE id = ?")->bind(roll_up_key(test, day)).run();
-    return go_on(ok);
+    auto drop = take("DELETE FROM " + table + " WHERE id BETWEEN ? AND ?");
+    return go_on(drop->bind(roll_up_key(test, 0)).bind(roll_up_key(test, day)).run());
 }
 
 bool sqlite_engine::set_fact(const char* name, int64_t value) {

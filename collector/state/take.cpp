@@ -348,6 +348,7 @@ private:
             int64_t time = reckoned_time(r.summary, arrival_);
             if (!is_new && is_overtaken(t, time)) {
                 count_received(time);
+                t.reached = std::max(t.reached, time);
                 t.overtaken = mark;
                 return place;
             }

@@ -27,8 +27,10 @@
  * after which a test is stale before the newest check time in its block, those of MySQL left out;
  * before the arrival, where that is earlier or there is no such check time. One that is late and
  * lies before `reached` or before the present state began is overtaken: it is stored and counted in
- * the ledger, and changes nothing. One that lies before these without being late counts, and is no
- * longer overtaken: where it lies before the present state began, its event is at the arrival.
+ * the ledger, and changes nothing but `reached`, where that lies before it: it is not missing. What
+ * of a pass comes in a block in which it would be overtaken changes nothing. A pass that is
+ * overtaken does not end the one before it. One that lies before these without being late counts:
+ * where it lies before the present state began, its event is at the arrival.
  * Where it lies more than the time after which a test is stale before `reached`, the agent's clock
  * was set back, and `reached` goes back to it; less than that, a check took longer than the one
  * that was begun after it.

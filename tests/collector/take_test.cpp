@@ -519,6 +519,21 @@ TEST(take, what_is_overtaken_changes_nothing) {
     EXPECT_EQ(h.of(66, 1), state::problem);
 }
 
+TEST(take, what_is_overtaken_is_not_missing) {
+    host h;
+    h.block(noon + 5, load(1, noon));
+    h.stale(noon + 300, {{66, 1}});
+    std::string late;
+    for (int64_t time = 60; time <= 600; time += 60) {
+        late += time == 240 ? "" : load(1, noon + time);
+    }
+    EXPECT_EQ(h.block(noon + 610, late), "66/1 stale>ok 300 fine; ");
+    EXPECT_EQ(h.total().received, 10u);
+    EXPECT_EQ(h.total().missing, 1u) << "the one of 240";
+    EXPECT_EQ(h.block(noon + 1000, load(1, noon + 780)), "");
+    EXPECT_EQ(h.total().missing, 3u);
+}
+
 TEST(take, late_is_what_lies_more_than_stale_after_before_the_newest) {
     auto second = [](int64_t time, int64_t newest, int64_t arrival) {
         host h;

@@ -142,6 +142,7 @@ class Agent:
         test.arriving = new
         self.count(new.time, 0)
         if new.is_overtaken:
+            test.reached = max(test.reached, new.time)
             return
         if test.last is not None:
             self.count_missing(test, new, interval)

@@ -32,7 +32,7 @@ bool closing::is_due(int64_t now) const {
 bool closing::run(int64_t now, int64_t newest, int64_t stale_after, const kept_from& kept,
                   std::string& unreadable) {
     int64_t day = through_ + 1, test = test_;
-    bool is_empty = test_ == 0 && newest < start_of(day);
+    bool is_empty = test_ == 0 && newest < start_of(day) - stale_after;
     if (!engine_.begin()) {
         return false;
     }

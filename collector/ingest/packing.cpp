@@ -234,12 +234,25 @@ bool packing::store(job& work, int64_t stale_after, const kept_from& kept,
     return engine_.set_state(work.agent, storing_.packed(work_));
 }
 
+/* The days into which a state may go on that began in one of these. */
+void packing::add_reached(std::vector<int64_t>& days, int64_t stale_after) {
+    const std::vector<int64_t> begun = days;
+    for (int64_t day : begun) {
+        for (int64_t more = 1; more <= 1 + stale_after / day_seconds; more++) {
+            if (std::find(days.begin(), days.end(), day + more) == days.end()) {
+                days.push_back(day + more);
+            }
+        }
+    }
+}
+
 /* What came for days that are closed: they are made anew where all that came on them is still
  * there, or else what is late is added. Results arrive on the day of their time, behind it, or
  * skew_s before it. */
 bool packing::store_late(job& work, const test_key& key, int64_t test, int64_t stale_after,
                          const kept_from& kept, std::string& unreadable) {
-    const std::vector<int64_t>& days = work.days[key];
+    std::vector<int64_t>& days = work.days[key];
+    add_reached(days, stale_after);
     std::vector<std::string_view> chunks;
     for (int64_t day : days) {
         if (!closing_.is_closed(test, day)) {

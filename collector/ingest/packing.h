@@ -75,6 +75,7 @@ private:
     void sort(job& work, int64_t received, std::string_view records);
     void pack_some(job& work);
     bool store(job& work, int64_t stale_after, const kept_from& kept, std::string& unreadable);
+    static void add_reached(std::vector<int64_t>& days, int64_t stale_after);
     bool store_late(job& work, const test_key& key, int64_t test, int64_t stale_after,
                     const kept_from& kept, std::string& unreadable);
 

@@ -17,7 +17,7 @@ constexpr uint32_t narrow = 300, wide = 3600; /* seconds */
 constexpr size_t most_bytes = 16 << 20, most_records = 150000;
 
 /* Results of a test from chunks in the order of arrival: those of the day, and those before it that
- * reach into it. Empty when none is of the day. */
+ * reach into it. */
 std::vector<result> results_of(std::span<const std::string_view> chunks, int64_t day,
                                int64_t stale_after, std::string& unreadable) {
     const int64_t begin = start_of(day), end = start_of(day + 1);
@@ -34,9 +34,6 @@ std::vector<result> results_of(std::span<const std::string_view> chunks, int64_t
     std::vector<result> all = builder.take_all();
     std::erase_if(all,
                   [&](const result& r) { return r.time < begin - stale_after || r.time >= end; });
-    if (std::none_of(all.begin(), all.end(), [&](const result& r) { return r.time >= begin; })) {
-        all.clear();
-    }
     order_by_time(all);
     return all;
 }
@@ -84,7 +81,9 @@ bool roll_up_day(engine& store, int64_t test, int64_t day, int64_t stale_after,
     size_t bytes = 0, records = 0;
     store.reader().for_each_chunk(
         test, begin - skew_s,
-        [&](const packed_chunk& chunk) { return chunk.first < end && chunk.last >= begin; },
+        [&](const packed_chunk& chunk) {
+            return chunk.first < end + pass_s && chunk.last >= begin;
+        },
         [&](const packed_chunk& chunk) {
             bytes += chunk.data.size();
             records += chunk.results;

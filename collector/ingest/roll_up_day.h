@@ -16,7 +16,8 @@ struct kept_from {
     int64_t five_minutes = INT64_MIN, hour = INT64_MIN;
 };
 
-/* Made of all that is packed of the test. Nothing is written where that is nothing. */
+/* Made of all that is packed of the test: its results of the day, and how long the last state
+ * before it went on. Nothing is written where that is nothing. */
 bool roll_up_day(engine& store, int64_t test, int64_t day, int64_t stale_after,
                  const kept_from& kept, std::string& unreadable);
 

@@ -323,6 +323,64 @@ TEST_F(upkeep_test, late_results_make_it_anew) {
     expect_all();
 }
 
+/* Seconds of `ok` in the first bucket of the day. */
+static uint32_t ok_at_first(const std::vector<bucket>& day) {
+    return day.size() == 1 && day[0].start == 0 ? day[0].ok : UINT32_MAX;
+}
+
+TEST_F(upkeep_test, a_state_goes_on_into_the_next_day) {
+    open();
+    run();
+    pass(86400 - 3600 - 60); /* a minute before midnight */
+    send(load_record(1, wall));
+    pass(2 * 86400 + 1000);
+    run();
+    EXPECT_GE(fact("closed_through"), first_day + 1);
+    EXPECT_EQ(count_of(id_of(1), first_day), 1u);
+    EXPECT_EQ(ok_at_first(roll_up_of(id_of(1), first_day + 1)), 120u);
+    EXPECT_EQ(ok_at_first(roll_up_of(id_of(1), first_day + 1, resolution::hour)), 120u);
+}
+
+TEST_F(upkeep_test, the_state_of_a_late_result_goes_on_into_the_next_day) {
+    open();
+    live(60, 1);
+    pass(3 * 86400);
+    run();
+    EXPECT_GE(fact("closed_through"), first_day + 1);
+    EXPECT_TRUE(roll_up_of(id_of(1), first_day + 1).empty());
+    send(load_record(1, midnight + 86400 - 60));
+    pass(3 * 3600);
+    run();
+    EXPECT_EQ(ok_at_first(roll_up_of(id_of(1), first_day + 1)), 120u);
+    expect_rolled_up(id_of(1), first_day);
+}
+
+TEST_F(upkeep_test, a_pass_over_midnight_is_one_over_two_chunks_too) {
+    auto process = [](uint32_t pid, int64_t time) {
+        return record_builder{.ui32 = {43, 5, 1, pid, 0}, .i64 = {time}, .d64 = {1, 2, 3}}.bytes();
+    };
+    open();
+    run();
+    pass(86400 - 3600 - 1);
+    send(process(10, wall));
+    pass(1);
+    send(process(11, wall));
+    pass(86400);
+    run();
+    const int64_t test = rows().at(0).state.find(43, 5)->id;
+    EXPECT_EQ(packed(), 2u);
+    std::vector<bucket> day = roll_up_of(test, first_day);
+    ASSERT_EQ(day.size(), 1u);
+    EXPECT_EQ(day[0].count, 1u);
+    ASSERT_FALSE(day[0].values.empty());
+    EXPECT_EQ(day[0].values[0].mean, 2) << "processor time of both";
+    EXPECT_EQ(ok_at_first(roll_up_of(test, first_day + 1)), UINT32_MAX);
+    pass(86400);
+    run();
+    EXPECT_EQ(ok_at_first(roll_up_of(test, first_day + 1)), 179u);
+    EXPECT_EQ(count_of(test, first_day + 1), 0u);
+}
+
 TEST_F(upkeep_test, late_results_are_added_where_the_others_are_gone) {
     keep.raw = 1;
     open();

@@ -26,7 +26,7 @@ void watch::know(int64_t agent, const test_key& test, bool stale, int64_t now) {
 
 bool watch::heard(int64_t agent, int64_t now) {
     watch::agent& a = known(agent, now);
-    a.heard = now;
+    a.heard = std::max(a.heard, now);
     if (!a.silent) {
         return false;
     }

@@ -32,7 +32,8 @@ public:
     void know(int64_t agent, bool silent, int64_t now);
     void know(int64_t agent, const test_key& test, bool stale, int64_t now);
 
-    /* True when it was silent: take_heard() is due. One that is not known is known then. */
+    /* True when it was silent: take_heard() is due. One that is not known is known then. What was
+     * heard before that is told later changes nothing. */
     bool heard(int64_t agent, int64_t now);
     /* Of an agent that has more than agent_state::max_tests, those that came longest ago are
      * forgotten. */

@@ -45,6 +45,20 @@ TEST(watch, an_agent_that_is_not_heard_is_silent_once) {
     EXPECT_EQ(overdue_at(w, plan, 1182), "1 silent; ");
 }
 
+/* A large block is stored in slices, long after it came, and its agent polls meanwhile. */
+TEST(watch, what_was_heard_earlier_and_is_told_later_takes_nothing_back) {
+    expected plan;
+    watch w(1000);
+    std::vector<watch::overdue> found;
+    w.heard(1, 1000);
+    w.heard(1, 1170);
+    w.heard(1, 1000);
+    w.find_overdue(plan, 1200, 10, found);
+    EXPECT_TRUE(found.empty());
+    w.find_overdue(plan, 1351, 10, found);
+    EXPECT_EQ(found.size(), 1u);
+}
+
 TEST(watch, a_test_of_which_nothing_comes_is_stale_once) {
     expected plan;
     watch w(0);

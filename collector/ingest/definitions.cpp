@@ -46,13 +46,8 @@ bool definitions::run(int64_t now) {
         return true;
     });
     for (; ok && next_ < end; next_++) {
-        owned_definition& d = wanted_[next_];
-        std::pair key(d.type, d.number);
-        stored_[key] = std::move(d);
-    }
-    if (ok && !is_due()) {
-        wanted_.clear();
-        next_ = 0;
+        const owned_definition& d = wanted_[next_];
+        stored_[{d.type, d.number}] = d;
     }
     return ok;
 }

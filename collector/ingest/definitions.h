@@ -16,8 +16,11 @@ class definitions {
 public:
     explicit definitions(engine& store) : engine_(store) {}
 
-    /* Another file: what is stored has to be looked up again. */
-    void begin() { is_known_ = false; }
+    /* Another file: what is stored has to be looked up again, and may lack all of it. */
+    void begin() {
+        is_known_ = false;
+        next_ = 0;
+    }
 
     /* From then on it is these. */
     void follow(std::vector<owned_definition> all) {
@@ -35,7 +38,7 @@ private:
 
     engine& engine_;
     std::vector<owned_definition> wanted_;
-    size_t next_ = 0; /* of wanted_; those before it are stored */
+    size_t next_ = 0; /* of wanted_, which stays; those before it are stored */
     bool is_known_ = false;
     std::map<std::pair<uint32_t, int32_t>, owned_definition> stored_; /* by type and number */
 };

@@ -368,4 +368,16 @@ TEST_F(attendance_test, definitions_are_kept_when_they_differ) {
               (strings{"66|5|1|5|load|5\t5", "46|6|1|5|/|/\t10", "66|5|1|25|load|6\t6"}));
 }
 
+/* A file that takes the place of another has them too. */
+TEST_F(attendance_test, definitions_are_stored_in_another_file_again) {
+    open();
+    s->follow({}, {{.type = 66, .number = 5, .location = 1, .name = "load", .text = "5\t5"}});
+    pass(10);
+    const char* all = "SELECT number, location, name, text FROM definitions";
+    ASSERT_EQ(query(all), strings{"5|1|load|5\t5"});
+    std::filesystem::remove(state + "/results.db");
+    pass(10);
+    EXPECT_EQ(query(all), strings{"5|1|load|5\t5"});
+}
+
 } // namespace

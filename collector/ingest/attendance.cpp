@@ -171,9 +171,11 @@ bool attendance::run() {
     if (now - looked_ >= between_looks) {
         take_in();
         looked_ = now;
-        if (overdue_.empty()) {
-            watch_.find_overdue(expected_, now, most_agents, overdue_);
-        }
+        found_all_ = false;
+    }
+    if (!found_all_ && overdue_.empty()) {
+        watch_.find_overdue(expected_, now, most_agents, overdue_);
+        found_all_ = overdue_.size() < most_agents;
     }
     bool ok = true;
     if (!back_.empty() || !overdue_.empty()) {
@@ -187,7 +189,7 @@ bool attendance::run() {
     if (!ok) {
         put_back(now);
     }
-    return ok && (!back_.empty() || !overdue_.empty() || definitions_.is_due());
+    return ok && (!back_.empty() || !overdue_.empty() || !found_all_ || definitions_.is_due());
 }
 
 /* For those who read, and for the next run. */
@@ -213,10 +215,12 @@ void attendance::put_back(int64_t now) {
         watch_.take_back(what);
     }
     overdue_.clear();
+    found_all_ = true; /* until the next look */
 }
 
-/* True when the row is right: also when there is nothing to write. */
-bool attendance::write_state(const watch::overdue& what, agent_work& work) {
+/* True when the row is right: also when there is nothing to write, because a poll of the agent came
+ * between. */
+bool attendance::write_state(watch::overdue& what, agent_work& work) {
     stored_agent row;
     if (!engine_.find_agent(what.agent, row)) {
         return engine_.reason().empty(); /* there is no such agent any more */
@@ -226,6 +230,8 @@ bool attendance::write_state(const watch::overdue& what, agent_work& work) {
     auto back = back_.find(what.agent);
     if (back != back_.end()) {
         take_heard(work.state, back->second, work.out);
+    } else if (!watch_.still_holds(what)) {
+        return true;
     } else if (what.silent) {
         take_silence(work.state, now, work.out);
     } else {

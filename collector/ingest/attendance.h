@@ -80,7 +80,7 @@ private:
     bool write_patience();
     void look_for_overdue(int64_t now);
     bool write_states();
-    bool write_state(const watch::overdue& what, agent_work& work);
+    bool write_state(watch::overdue& what, agent_work& work);
     bool write_rows(int64_t due);
     bool write_row(const heard_agent& what, agent_work& work);
     void put_back(int64_t now);
@@ -107,6 +107,7 @@ private:
     inbox unwritten_;                           /* heard, and their rows do not say so */
     std::unordered_map<int64_t, int64_t> back_; /* agents that were silent, and when heard */
     std::vector<watch::overdue> overdue_;       /* and what became of it is not written */
+    bool found_all_ = true;                     /* no more are overdue, at the last look */
     std::vector<agent_work> works_;             /* of a transaction */
 };
 

@@ -121,6 +121,20 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
     }
 }
 
+bool watch::still_holds(overdue& what) const {
+    auto found = agents_.find(what.agent);
+    if (found == agents_.end() || found->second.silent != what.silent) {
+        return false;
+    }
+    const std::vector<test>& tests = found->second.tests;
+    std::erase_if(what.tests, [&](const test_key& key) {
+        auto is_before = [](const test& t, const test_key& wanted) { return t.key < wanted; };
+        auto at = std::lower_bound(tests.begin(), tests.end(), key, is_before);
+        return at == tests.end() || at->key != key || !at->stale;
+    });
+    return what.silent || !what.tests.empty();
+}
+
 void watch::take_back(const overdue& what) {
     auto found = agents_.find(what.agent);
     if (found == agents_.end()) {

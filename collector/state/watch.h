@@ -51,6 +51,9 @@ public:
     /* Each thing once: they are taken for silent and stale until they are heard or come again.
      * `most` agents at a time, in no order. */
     void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
+    /* Leaves of what was found what holds, because nothing was heard or came since. False when that
+     * is nothing. */
+    bool still_holds(overdue& what) const;
     /* What was found could not be stored: it is found again. */
     void take_back(const overdue& what);
 

@@ -1,6 +1,7 @@
 /* States through the store's thread: who falls silent and comes back, what becomes stale, and that
  * nothing is held against anybody when the collector could not listen or store. The clocks are
  * pinned; a look is taken after each block, and that is what the tests send. */
+#include "ingest/attendance.h"
 #include "ingest/clock.h"
 #include "ingest/ingest.h"
 #include "ingest/upkeep.h"
@@ -378,6 +379,98 @@ TEST_F(attendance_test, definitions_are_stored_in_another_file_again) {
     std::filesystem::remove(state + "/results.db");
     pass(10);
     EXPECT_EQ(query(all), strings{"5|1|load|5\t5"});
+}
+
+/* ---- by hand, without a thread ---- */
+
+struct bites_test : attendance_test {
+    std::unique_ptr<engine> store;
+    roster agents;
+    std::unique_ptr<attendance> present;
+    strings changes; /* AGENT FROM>TO */
+
+    void SetUp() override {
+        attendance_test::SetUp();
+        std::string error;
+        store = open_engine({state, 14, [](const std::string&) {}}, error);
+        ASSERT_TRUE(store) << error;
+        present = std::make_unique<attendance>(
+            *store, agents, [this](const roster_agent& agent, const agent_work& work) {
+                for (const change& c : work.out.changes) {
+                    changes.push_back(agent.name + " " + std::string(state_word(c.from)) + ">" +
+                                      std::string(state_word(c.to)));
+                }
+            });
+        present->begin();
+    }
+    void TearDown() override {
+        present.reset();
+        store.reset();
+        attendance_test::TearDown();
+    }
+    /* A poll that arrived at `at` is stored. */
+    void send(const std::string& name, int64_t at = steady) {
+        const std::string plain = load_record(5, wall - 1);
+        block_reader reader(plain);
+        ASSERT_TRUE(reader.next());
+        const decoded_record one{reader.current, summarize(reader.current)};
+        storing writing(*store);
+        agent_work work;
+        stored_agent row;
+        ASSERT_TRUE(store->begin() && store->find_agent("a@b.c", name, wall, row));
+        work.begin(row);
+        ASSERT_TRUE(writing.records(work, {&one, 1}, wall, present->now()));
+        ASSERT_TRUE(store->end_block(work.id, {wall, "", ""}, "hash", writing.packed(work)));
+        ASSERT_TRUE(store->commit());
+        present->stored(work, "a@b.c", name, at, true);
+    }
+    void hear(const std::string& name) { present->heard("a@b.c", name, wall, "", ""); }
+    void wait(int64_t seconds) {
+        for (int64_t i = 0; i < seconds; i++) {
+            wall++;
+            steady++;
+            present->run();
+        }
+    }
+    void run_all() {
+        while (present->run()) {
+        }
+    }
+};
+
+TEST_F(bites_test, all_who_are_overdue_are_told_of_at_once) {
+    for (int i = 0; i < 300; i++) {
+        send("web" + std::to_string(i));
+    }
+    wait(180);
+    EXPECT_EQ(changes.size(), 0u);
+    wall += 3;
+    steady += 3;
+    run_all();
+    EXPECT_EQ(changes.size(), 300u);
+}
+
+/* What becomes of those who are overdue is written a few at a time. */
+TEST_F(bites_test, what_comes_before_it_is_written_is_not_overdue) {
+    for (int i = 0; i < 300; i++) {
+        send("web" + std::to_string(i));
+    }
+    wait(183);
+    run_all();
+    ASSERT_EQ(changes.size(), 300u);
+    changes.clear();
+    send("late");
+    wait(179);
+    for (int i = 0; i < 300; i++) {
+        hear("web" + std::to_string(i));
+    }
+    wall += 3;
+    steady += 3;
+    EXPECT_TRUE(present->run()); /* some of those that are back */
+    send("late");
+    run_all();
+    EXPECT_EQ(changes.size(), 300u);
+    EXPECT_EQ(std::count(changes.begin(), changes.end(), "late ok>silent"), 0);
 }
 
 } // namespace

@@ -40,6 +40,13 @@ void attendance::heard(std::string_view account, std::string_view agent, int64_t
     }
 }
 
+void attendance::held_up(std::string_view account, std::string_view agent) {
+    std::lock_guard hold(mutex_);
+    if (held_up_.size() < most_heard) {
+        held_up_.emplace(account, agent);
+    }
+}
+
 void attendance::follow(plan_summary plan, std::vector<owned_definition> definitions) {
     std::lock_guard hold(mutex_);
     plan_ = std::move(plan);
@@ -145,9 +152,16 @@ bool attendance::take_plan() {
 void attendance::take_in() {
     take_plan();
     inbox heard;
+    std::set<std::pair<std::string, std::string>> held_up;
     {
         std::lock_guard hold(mutex_);
         heard.swap(heard_);
+        held_up.swap(held_up_);
+    }
+    for (const auto& [account, name] : held_up) {
+        if (const roster_agent* agent = agents_.find(account, name)) {
+            watch_.held_up(agent->id, clock());
+        }
     }
     for (auto& [key, what] : heard) {
         roster_agent* agent = agents_.find(what.account, what.name);

@@ -17,10 +17,12 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 class attendance {
@@ -34,6 +36,8 @@ public:
 
     void heard(std::string_view account, std::string_view agent, int64_t received,
                std::string_view address, std::string_view version);
+    /* It brought a block that was turned away. */
+    void held_up(std::string_view account, std::string_view agent);
     void follow(plan_summary plan, std::vector<owned_definition> definitions);
 
     /* ---- the store's thread ---- */
@@ -91,8 +95,9 @@ private:
     storing storing_{engine_};
     definitions definitions_{engine_};
 
-    std::mutex mutex_; /* guards the next three */
+    std::mutex mutex_; /* guards the next four */
     inbox heard_;
+    std::set<std::pair<std::string, std::string>> held_up_; /* account and name */
     std::optional<plan_summary> plan_;
     std::optional<std::vector<owned_definition>> told_;
 

@@ -122,6 +122,7 @@ public:
         if (block.plain.empty()) {
             done(store_result::stored);
         } else if (!queue_.put(block, done)) {
+            held_up(block.account, block.agent);
             done(store_result::failed);
         }
     }
@@ -129,6 +130,9 @@ public:
     void heard(std::string_view account, std::string_view agent, int64_t received,
                std::string_view address, std::string_view version) override {
         parts_->present.heard(account, agent, received, address, version);
+    }
+    void held_up(std::string_view account, std::string_view agent) override {
+        parts_->present.held_up(account, agent);
     }
     void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
         parts_->present.follow(std::move(plan), std::move(definitions));

@@ -78,6 +78,10 @@ public:
     virtual void heard(std::string_view account, std::string_view agent, int64_t received,
                        std::string_view address, std::string_view version) = 0;
 
+    /* It brought a block that could not be taken, and will bring it again: as long as that lasts
+     * its tests are not called stale. Blocks that submit() refuses are seen to. */
+    virtual void held_up(std::string_view account, std::string_view agent) = 0;
+
     /* What is to come, and what the tests are; known from then on. Without a call every test that
      * came is expected again, at intervals of a minute. Definitions are kept when they differ from
      * the last one of their test; `since` is set. */

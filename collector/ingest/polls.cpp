@@ -128,9 +128,11 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
         turns& all = size > limits.huge ? huge_ : large_;
         bool come = co_await wait_for_turn(x, all, turn, from, size);
         if (!come) {
+            results_.held_up(from.account, from.agent);
             co_return fate::broken;
         }
     } else if (!unpacked.add(size)) {
+        results_.held_up(from.account, from.agent);
         room_.log(event::memory, "no memory left to unpack: reset " + describe(from, x));
         co_return fate::broken;
     }

@@ -39,6 +39,11 @@ void watch::came(int64_t agent, const test_key& test, int64_t now) {
     put(known(agent, now), {test, now, false});
 }
 
+void watch::held_up(int64_t agent, int64_t now) {
+    watch::agent& a = known(agent, now);
+    a.back = std::max(a.back, now);
+}
+
 void watch::forget(int64_t agent) {
     agents_.erase(agent);
 }

@@ -4,10 +4,10 @@
  * An agent is silent when it was not heard for more than expected::silent_after(), a test stale
  * when its agent is not silent, its results are to come again, and nothing came of it for more than
  * expected::stale_after(). All of this counts from the last time at which the collector could not
- * do its work (pause()), for the tests of an agent that was silent from its return, and for a test
- * from when its results were to come (expected::repeats_since()). Being heard is not being stored:
- * a poll that arrives counts, whatever the disk does. What comes is not being heard: it may have
- * arrived long ago. */
+ * do its work (pause()), for the tests of an agent that was silent from its return and of one that
+ * was sent away with its results from then on (held_up()), and for a test from when its results
+ * were to come (expected::repeats_since()). Being heard is not being stored: a poll that arrives
+ * counts, whatever the disk does. What comes is not being heard: it may have arrived long ago. */
 #ifndef VINDRAL_COLLECTOR_WATCH_H
 #define VINDRAL_COLLECTOR_WATCH_H
 
@@ -39,6 +39,10 @@ public:
      * forgotten. */
     void came(int64_t agent, const test_key& test, int64_t now);
     void forget(int64_t agent);
+
+    /* It brought what the collector had no room for and will have to bring again: its tests have
+     * time from then on. */
+    void held_up(int64_t agent, int64_t now);
 
     /* The collector did not listen, or could not store, until `now`. */
     void pause(int64_t now) { since_ = now; }

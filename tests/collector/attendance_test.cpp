@@ -29,7 +29,12 @@ struct attendance_test : testing::Test {
     struct listener : store_listener {
         std::mutex m;
         strings told, problems;
-        void on_record(const poll_block&, const decoded_record&) override {}
+        std::function<void()> on_each; /* record */
+        void on_record(const poll_block&, const decoded_record&) override {
+            if (on_each) {
+                on_each();
+            }
+        }
         void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
                             const std::string&) override {}
         void on_agent(std::string_view, std::string_view agent, const agent_state& now,
@@ -381,6 +386,51 @@ TEST_F(attendance_test, definitions_are_stored_in_another_file_again) {
     EXPECT_EQ(query(all), strings{"5|1|load|5\t5"});
 }
 
+TEST_F(attendance_test, what_does_not_fit_into_the_queue_makes_no_test_stale) {
+    auto look_when_there_is_room = [&] {
+        for (int i = 0; i < 2; i++) {
+            while (submit(load_record(1, 1), "clock") == store_result::failed) {
+                std::this_thread::yield();
+            }
+        }
+    };
+    std::string error;
+    s = ingest::open({.directory = state, .max_queued = 1}, &told, error); /* one waits */
+    ASSERT_TRUE(s) << error;
+    submit(load_record(5, noon - 1), "web1");
+    submit(load_record(5, noon - 1), "web2");
+    wall += 5;
+    steady += 5;
+    for (int i = 0; i < 35; i++) {
+        wall += 5;
+        steady += 5;
+        heard("web1");
+        heard("web2");
+        look_when_there_is_room();
+    }
+    std::promise<void> begun, refused;
+    told.on_each = [&, once = false]() mutable {
+        if (!std::exchange(once, true)) {
+            begun.set_value();
+            refused.get_future().wait();
+        }
+    };
+    s->submit({"a@b.c", "clock", load_record(1, 2), wall}, [](store_result) {});
+    begun.get_future().wait();
+    EXPECT_EQ(submit(load_record(5, wall - 1), "web2"), store_result::failed);
+    refused.set_value();
+    for (int i = 0; i < 4; i++) {
+        wall += 3;
+        steady += 3;
+        heard("web1");
+        heard("web2");
+        look_when_there_is_room();
+    }
+    EXPECT_EQ(query("SELECT name FROM events e JOIN agents a ON a.id = e.agent WHERE "
+                    "to_state = 3 AND name <> 'clock'"),
+              strings{"web1"});
+}
+
 /* ---- by hand, without a thread ---- */
 
 struct bites_test : attendance_test {
@@ -471,6 +521,25 @@ TEST_F(bites_test, what_comes_before_it_is_written_is_not_overdue) {
     run_all();
     EXPECT_EQ(changes.size(), 300u);
     EXPECT_EQ(std::count(changes.begin(), changes.end(), "late ok>silent"), 0);
+}
+
+/* A block for which there is no room comes again, for as long as that takes. */
+TEST_F(bites_test, what_could_not_be_taken_makes_no_test_stale) {
+    send("web1");
+    send("web2");
+    for (int i = 0; i < 10; i++) {
+        wait(60);
+        hear("web1");
+        hear("web2");
+        present->held_up("a@b.c", "web1");
+    }
+    EXPECT_EQ(changes, strings{"web2 ok>stale"});
+    wait(120);
+    EXPECT_EQ(changes.size(), 1u);
+    hear("web1");
+    hear("web2");
+    wait(120);
+    EXPECT_EQ(changes, (strings{"web2 ok>stale", "web1 ok>stale"}));
 }
 
 } // namespace

@@ -234,6 +234,10 @@ TEST_F(collector_server, a_large_body_that_waits_too_long_is_reset) {
     ASSERT_EQ(store_->blocks().size(), 1u);
     EXPECT_EQ(send(second)->wait_for_end(), ending::reset);
     EXPECT_EQ(store_->blocks().size(), 1u);
+    for (int i = 0; i < 2000 && store_->held_up_so_far().empty(); i++) {
+        std::this_thread::sleep_for(10ms); /* told once it has noticed */
+    }
+    EXPECT_TRUE(std::ranges::count(store_->held_up_so_far(), "me@example.org second") > 0);
     store_->hold_back(false);
     /* There is room again when the first is stored, whatever became of its connection. */
     reply r;

@@ -55,7 +55,16 @@ public:
         heard_.push_back(std::string(account) + " " + std::string(agent) + " " +
                          std::string(address) + " " + std::string(version));
     }
+    void held_up(std::string_view account, std::string_view agent) override {
+        std::lock_guard hold(mutex_);
+        held_up_.push_back(std::string(account) + " " + std::string(agent));
+    }
     void follow(plan_summary, std::vector<owned_definition>) override {}
+
+    std::vector<std::string> held_up_so_far() {
+        std::lock_guard hold(mutex_);
+        return held_up_;
+    }
 
     std::vector<std::string> heard_so_far() {
         std::lock_guard hold(mutex_);
@@ -114,7 +123,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<poll_block> blocks_;
-    std::vector<std::string> heard_;
+    std::vector<std::string> heard_, held_up_;
     std::deque<std::function<void(store_result)>> waiting_;
     std::deque<store_result> answers_;
     bool held_ = false, ending_ = false;

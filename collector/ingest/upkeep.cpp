@@ -9,6 +9,20 @@ upkeep_pace pace;
 /* Of a bite. */
 static constexpr std::chrono::milliseconds gathering{5}, packing_time{10};
 
+/* What is damaged is tried once more in the file opened anew. When that is of no use either, the
+ * file is set aside; in the one that takes its place there is nothing to do yet. */
+template <typename Do>
+bool upkeep::surely(Do all) {
+    bool ok = all();
+    if (!ok && engine_.recover()) {
+        ok = all();
+        if (!ok) {
+            engine_.recover();
+        }
+    }
+    return ok;
+}
+
 void upkeep::begin() {
     has_begun_ = false;
     packing_.give_up();
@@ -33,7 +47,7 @@ bool upkeep::run(const upkeep_view& view, bool with_expiry) {
     spell time(pace.bite);
     progress made = progress::some;
     do {
-        has_begun_ = has_begun_ || closing_.begin(view.now);
+        has_begun_ = has_begun_ || surely([&] { return closing_.begin(view.now); });
         made = has_begun_ ? step(view, with_expiry) : progress::failed;
     } while (made == progress::some && !time.is_over());
     if (made == progress::failed) {
@@ -154,7 +168,7 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
     }
     const std::vector<int64_t> at_work = packing_.agents();
     std::string unreadable;
-    if (!packing_.store(view.stale_after, expiry_.roll_ups(), unreadable)) {
+    if (!surely([&] { return packing_.store(view.stale_after, expiry_.roll_ups(), unreadable); })) {
         return progress::failed;
     }
     for (int64_t id : at_work) {
@@ -172,7 +186,10 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
 
 upkeep::progress upkeep::close(const upkeep_view& view) {
     std::string unreadable;
-    if (!closing_.run(view.now, view.newest, view.stale_after, expiry_.roll_ups(), unreadable)) {
+    if (!surely([&] {
+            return closing_.run(view.now, view.newest, view.stale_after, expiry_.roll_ups(),
+                                unreadable);
+        })) {
         return progress::failed;
     }
     trouble_.report("");

@@ -1,7 +1,7 @@
 /* What is done to the store between the blocks, a little at a time: what lies open for an hour is
  * packed, days that are over are rolled up, and what is old is dropped. Each piece is a transaction
- * that leaves a whole. What fails is told once and tried later; polls do not wait for it. One
- * thread. */
+ * that leaves a whole. What fails is told once and tried later; polls do not wait for it. A file
+ * that turns out to be damaged is set aside as when storing meets that. One thread. */
 #ifndef VINDRAL_COLLECTOR_UPKEEP_H
 #define VINDRAL_COLLECTOR_UPKEEP_H
 
@@ -58,6 +58,8 @@ private:
     enum class progress { none, some, failed };
     progress step(const upkeep_view& view, bool with_expiry);
     bool run(const upkeep_view& view, bool with_expiry);
+    template <typename Do>
+    bool surely(Do all);
     progress pack(const upkeep_view& view);
     progress close(const upkeep_view& view);
     void look_for_due(const upkeep_view& view);

@@ -111,8 +111,12 @@ bool packing::gather(roster_agent& agent, std::string& error) {
             },
             error);
     }
-    if (!engine_.commit() || !ok) {
-        error = error.empty() ? engine_.reason() : error;
+    if (!ok) {
+        probe(work_.state.last_block);
+        return false;
+    }
+    if (!engine_.commit()) {
+        error = engine_.reason();
         return false;
     }
     for (const block& b : work.blocks) {
@@ -126,6 +130,17 @@ bool packing::gather(roster_agent& agent, std::string& error) {
         agent.open_bytes = 0;
     }
     return true;
+}
+
+/* Blocks that could not be read: would they go? Where they are damaged that fails, and the engine
+ * knows what is to be done about it; otherwise they stay as they are. */
+void packing::probe(int64_t row) {
+    if (engine_.drop_blocks(row)) {
+        engine_.give_up();
+        if (engine_.begin()) {
+            engine_.commit();
+        }
+    }
 }
 
 /* A chunk of the first of the tests. Results of two days of arrival are never in one, because those

@@ -72,6 +72,7 @@ private:
     };
 
     bool find_oldest(job& work, int64_t row, int64_t& large, std::string& error);
+    void probe(int64_t row);
     void sort(job& work, int64_t received, std::string_view records);
     void pack_some(job& work);
     bool store(job& work, int64_t stale_after, const kept_from& kept, std::string& unreadable);

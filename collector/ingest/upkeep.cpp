@@ -143,7 +143,7 @@ upkeep::progress upkeep::gather() {
         roster_agent* agent = agents_.find(due_.front());
         due_.pop_front();
         std::string error;
-        if (agent != nullptr && !packing_.gather(*agent, error)) {
+        if (agent != nullptr && !surely([&] { return packing_.gather(*agent, error); })) {
             if (!engine_.is_open()) {
                 return progress::failed; /* it is not that agent's blocks */
             }

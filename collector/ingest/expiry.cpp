@@ -123,15 +123,15 @@ void expiry::end_days() {
 }
 
 drop_outcome expiry::drop(const std::string& day) {
-    /* What came on days up to that one is no longer all there. One that a wrong clock made up, and
-     * that lies ahead, says nothing of that. */
-    int64_t through = engine_.read_fact("dropped_through").value_or(INT64_MIN);
+    /* From the first bite on, what came on days up to that one is no longer all there. One that a
+     * wrong clock made up, and that lies ahead, says nothing of that. */
     const int64_t number = number_of(day);
-    if (number <= day_of(arrival_clock())) {
-        through = std::max(through, number);
+    if (number <= day_of(arrival_clock()) &&
+        engine_.read_fact("dropped_through").value_or(INT64_MIN) < number &&
+        !engine_.set_fact("dropped_through", number)) {
+        return drop_outcome::failed;
     }
-    const engine::fact facts[] = {
-        {"dropped", steady_clock()}, {"boot", boot_number()}, {"dropped_through", through}};
+    const engine::fact facts[] = {{"dropped", steady_clock()}, {"boot", boot_number()}};
     drop_outcome outcome = engine_.drop_day(day, facts);
     if (outcome == drop_outcome::done) {
         tell_("the results of day " + day + " are dropped: --keep-days " +

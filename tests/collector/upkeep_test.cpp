@@ -2,6 +2,7 @@
  * them there, and upkeep without a thread. What is read back is what was sent, whatever was packed
  * in between and whenever it ended. */
 #include "ingest/upkeep.h"
+#include "store/sqlite/dropping.cpp"
 
 #include "collector_test_support.h"
 #include "ingest/clock.h"
@@ -42,8 +43,10 @@ struct upkeep_test : testing::Test {
         boot_number = [] { return int64_t{1}; };
         pace.bite = std::chrono::hours(1);
     }
+    const std::chrono::milliseconds usual_bite = bite_time;
     void TearDown() override {
         close();
+        bite_time = usual_bite;
         pace = {};
         arrival_clock = epoch_seconds;
         steady_clock = boot_seconds;
@@ -181,6 +184,19 @@ struct upkeep_test : testing::Test {
             EXPECT_EQ(found[i].count, wanted[i].count);
             EXPECT_EQ(found[i].ok, wanted[i].ok) << found[i].start;
         }
+    }
+    /* 0 where there is no such table. */
+    size_t rows_of(const std::string& sql) {
+        sqlite3* db = nullptr;
+        size_t count = 0;
+        auto note = [](void* to, int, char** values, char**) {
+            *static_cast<size_t*>(to) = std::stoul(values[0]);
+            return 0;
+        };
+        EXPECT_EQ(sqlite3_open((state + "/results.db").c_str(), &db), SQLITE_OK);
+        sqlite3_exec(db, sql.c_str(), note, &count, nullptr);
+        sqlite3_close(db);
+        return count;
     }
     std::optional<int64_t> fact(const char* name) { return store->read_fact(name); }
 };
@@ -459,6 +475,36 @@ TEST_F(upkeep_test, roll_ups_go_by_their_age) {
     std::vector<std::string> days;
     store->days(days);
     EXPECT_EQ(days.size(), 3u);
+}
+
+/* A day is dropped a little at a time, and what comes late may be packed between. */
+TEST_F(upkeep_test, late_results_are_added_to_a_day_that_is_being_dropped) {
+    keep.raw = 1;
+    bite_time = std::chrono::milliseconds(0);
+    open();
+    live(22 * 3600, 3);
+    const int64_t id = id_of(1);
+    pass(86400);
+    live(600, 3);
+    pass(7200);
+    run();
+    EXPECT_EQ(count_of(id, first_day), 22u * 60);
+    pass(86400);
+    live(600, 3, false);
+    pass(7200);
+    pace.bite = std::chrono::milliseconds(0);
+    const std::string rows_left = "SELECT count(*) FROM packed_20260501";
+    const size_t all = rows_of(rows_left);
+    while (rows_of(rows_left) == all) {
+        ASSERT_TRUE(care->run({wall, newest, 180}));
+    }
+    send(load_record(1, midnight + 7230));
+    ASSERT_GT(rows_of(rows_left), 0u);
+    pass(7200);
+    pace.bite = std::chrono::hours(1);
+    run();
+    EXPECT_EQ(rows_of(rows_left), 0u);
+    EXPECT_EQ(count_of(id, first_day), 22u * 60 + 1);
 }
 
 /* ---- what fails ---- */

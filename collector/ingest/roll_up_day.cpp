@@ -97,6 +97,9 @@ bool roll_up_day(engine& store, int64_t test, int64_t day, int64_t stale_after,
     if (!store.is_open()) {
         return false;
     }
+    if (bytes > most_bytes || records > most_records) {
+        unreadable = "the results of a test are too many in a day: the first ones are left out";
+    }
     std::vector<std::string_view> in_order(chunks.rbegin(), chunks.rend());
     std::vector<result> results = results_of(in_order, day, stale_after, unreadable);
     if (results.empty()) {

@@ -477,6 +477,21 @@ TEST_F(upkeep_test, roll_ups_go_by_their_age) {
     EXPECT_EQ(days.size(), 3u);
 }
 
+TEST_F(upkeep_test, results_of_a_day_that_are_too_many_are_told_of) {
+    open();
+    live(3600, 1);
+    const int64_t id = id_of(1), time = midnight + 100;
+    std::string data, unreadable;
+    const std::string one = load_record(1, time);
+    const arrived_record record{time, one};
+    ASSERT_TRUE(pack_chunk({record}, data));
+    ASSERT_TRUE(store->begin());
+    EXPECT_TRUE(store->append_chunk(id, {time, time, time, time, 1000000, data}));
+    EXPECT_TRUE(roll_up_day(*store, id, first_day, 180, {}, unreadable));
+    EXPECT_TRUE(store->commit());
+    EXPECT_NE(unreadable.find("too many"), std::string::npos) << unreadable;
+}
+
 /* A day is dropped a little at a time, and what comes late may be packed between. */
 TEST_F(upkeep_test, late_results_are_added_to_a_day_that_is_being_dropped) {
     keep.raw = 1;

@@ -192,12 +192,14 @@ bool packing::pack(const spell& time) {
     return true;
 }
 
-bool packing::store(int64_t stale_after, const kept_from& kept, std::string& unreadable) {
+bool packing::store(const spell& time, int64_t stale_after, const kept_from& kept,
+                    std::string& unreadable) {
     stored_.clear();
     bool ok = engine_.begin();
-    for (auto work = jobs_.begin(); ok && work != jobs_.end(); ++work) {
-        ok = store(*work, stale_after, kept, unreadable);
-    }
+    auto work = jobs_.begin();
+    do {
+        ok = ok && store(*work, stale_after, kept, unreadable);
+    } while (ok && ++work != jobs_.end() && !time.is_over());
     ok = ok && engine_.commit();
     for (auto one = stored_.begin(); ok && one != stored_.end(); ++one) {
         if (roster_agent* agent = agents_.find(one->first)) {
@@ -206,7 +208,7 @@ bool packing::store(int64_t stale_after, const kept_from& kept, std::string& unr
     }
     stored_.clear();
     if (ok) {
-        jobs_.clear();
+        jobs_.erase(jobs_.begin(), work);
     }
     return ok;
 }

@@ -36,9 +36,10 @@ public:
 
     /* Packs for a while. True when all is packed. */
     bool pack(const spell& time);
-    /* Puts it into the store; then it is idle. False when the engine failed: then it was nothing.
-     */
-    bool store(int64_t stale_after, const kept_from& kept, std::string& unreadable);
+    /* Puts it into the store, in one transaction as much as there is time for, and the blocks of
+     * one agent at least. False when the engine failed: then it was nothing. */
+    bool store(const spell& time, int64_t stale_after, const kept_from& kept,
+               std::string& unreadable);
 
     /* Whose blocks are at work. */
     std::vector<int64_t> agents() const;

@@ -168,12 +168,17 @@ upkeep::progress upkeep::pack(const upkeep_view& view) {
     }
     const std::vector<int64_t> at_work = packing_.agents();
     std::string unreadable;
-    if (!surely([&] { return packing_.store(view.stale_after, expiry_.roll_ups(), unreadable); })) {
+    if (!surely([&] {
+            return packing_.store(spell(pace.storing), view.stale_after, expiry_.roll_ups(),
+                                  unreadable);
+        })) {
         return progress::failed;
     }
+    const std::vector<int64_t> left = packing_.agents();
     for (int64_t id : at_work) {
         const roster_agent* agent = agents_.find(id);
-        if (agent != nullptr && is_due(*agent, view)) {
+        if (agent != nullptr && std::find(left.begin(), left.end(), id) == left.end() &&
+            is_due(*agent, view)) {
             due_.push_front(id); /* that was only the oldest of it */
         }
     }

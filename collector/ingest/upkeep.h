@@ -26,7 +26,8 @@ struct upkeep_view {
 
 /* A test makes it quicker. */
 struct upkeep_pace {
-    std::chrono::milliseconds bite{20}; /* how long it may keep others waiting */
+    std::chrono::milliseconds bite{20};    /* how long it may keep others waiting */
+    std::chrono::milliseconds storing{20}; /* of that, in a transaction with what was packed */
     /* Seconds that blocks lie open: at least that, and up to so much longer by agent. */
     int64_t open_for = 3600, spread = 1800;
     uint64_t open_most = 1 << 20;                   /* bytes of an agent that do */

@@ -288,6 +288,29 @@ TEST_F(upkeep_test, chunks_do_not_cross_midnight) {
     expect_all();
 }
 
+/* Late results may mean that whole days are made anew. */
+TEST_F(upkeep_test, what_takes_long_to_store_is_stored_agent_by_agent) {
+    open();
+    for (int i = 0; i < 5; i++) {
+        send(load_record(1, wall - 1), "web" + std::to_string(i));
+    }
+    pass(2 * 3600);
+    pace.bite = pace.storing = std::chrono::milliseconds(0);
+    size_t open_before = 5, steps = 0;
+    for (bool more = true; more;) {
+        more = care->run({wall, newest, 180});
+        auto all = rows();
+        size_t open_now = std::count_if(all.begin(), all.end(), [](const stored_agent_row& row) {
+            return row.state.open_bytes > 0;
+        });
+        EXPECT_GE(open_now + 1, open_before);
+        steps += open_now < open_before ? 1 : 0;
+        open_before = open_now;
+    }
+    EXPECT_EQ(steps, 5u);
+    EXPECT_EQ(packed(), 5u);
+}
+
 TEST_F(upkeep_test, it_is_done_a_little_at_a_time) {
     open();
     live(1800, 40, false);

@@ -77,7 +77,11 @@ pass_text read_pass(const record& r, const record_summary& summary, int64_t now)
 
 /* Adds what another record says to what is there, which may be of an earlier pass. */
 void add_record(std::optional<pass_text>& text, pass_text more, const record_summary& summary) {
-    switch (text ? continues(summary, text->mark, more.mark) : continuation::another_pass) {
+    if (!text) {
+        text = std::move(more);
+        return;
+    }
+    switch (continues(summary, text->mark, more.mark)) {
     case continuation::another_pass:
         text = std::move(more);
         break;

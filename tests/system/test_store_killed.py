@@ -22,7 +22,7 @@ PATIENCE_S = 300
 
 
 class Store(harness.TestCase):
-    kills = 40
+    kills = 8 if harness.SANITIZERS else 40
 
     def setUp(self):
         super().setUp()
@@ -42,7 +42,7 @@ class Store(harness.TestCase):
         process = subprocess.Popen([DRIVER, "play", os.path.join(directory, "state"), history,
                                     os.path.join(directory, "done")], env=env, stderr=subprocess.PIPE, text=True)
         try:
-            _, told = process.communicate(timeout=dice.uniform(0, 0.3) if kill == "moment" else PATIENCE_S)
+            _, told = process.communicate(timeout=dice.uniform(0, 3 if harness.SANITIZERS else 0.3) if kill == "moment" else PATIENCE_S)
         except subprocess.TimeoutExpired:
             process.kill()
             _, told = process.communicate()

@@ -1,4 +1,11 @@
 /* The whole store: backup, restore and check. */
+#include <sqlite3.h>
+
+static int (*backup_step)(sqlite3_backup*, int) = sqlite3_backup_step;
+#define sqlite3_backup_step backup_step
+#include "store/sqlite/copy.cpp"
+#undef sqlite3_backup_step
+
 #include "store/engine.h"
 #include "store/pack.h"
 #include "store/sqlite/database.h"
@@ -226,6 +233,25 @@ TEST_F(copy_test, nothing_is_left_of_a_copy_that_fails) {
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
     EXPECT_NE(error, "");
     EXPECT_EQ(files_in(directory.path()), strings{"state"});
+}
+
+/* SQLite does not count it as an error that somebody else is at a file. */
+TEST_F(copy_test, a_copy_that_ends_early_gets_no_name) {
+    fill();
+    struct restore_step {
+        ~restore_step() { backup_step = sqlite3_backup_step; }
+    } restore;
+    for (int result : {SQLITE_BUSY, SQLITE_LOCKED, SQLITE_IOERR_READ}) {
+        static int ends_with, left;
+        ends_with = result;
+        left = 1;
+        backup_step = [](sqlite3_backup* copy, int) {
+            return left-- > 0 ? sqlite3_backup_step(copy, 1) : ends_with;
+        };
+        EXPECT_FALSE(backed_up(file));
+        EXPECT_TRUE(error.ends_with(std::string(": ") + sqlite3_errstr(result))) << error;
+        EXPECT_EQ(files_in(directory.path()), strings{"state"});
+    }
 }
 
 TEST_F(copy_test, what_is_being_taken_over_is_not_copied) {

@@ -110,13 +110,17 @@ bool leave_log(sqlite3* db) {
     return leave.row() && leave.bytes(0) == "delete";
 }
 
-bool copy_pages(sqlite3* from, sqlite3* to, const std::function<void(int)>& progress) {
+/* False with the reason. That somebody else is at one of the files ends it too, which SQLite does
+ * not count as an error. */
+bool copy_pages(sqlite3* from, sqlite3* to, const std::function<void(int)>& progress,
+                std::string& reason) {
     sqlite3_backup* copy = sqlite3_backup_init(to, "main", from, "main");
     if (copy == nullptr) {
+        reason = sqlite3_errmsg(to);
         return false;
     }
-    int told = -1;
-    while (sqlite3_backup_step(copy, pages_a_step) == SQLITE_OK) {
+    int told = -1, result = SQLITE_OK;
+    while ((result = sqlite3_backup_step(copy, pages_a_step)) == SQLITE_OK) {
         int all = std::max(sqlite3_backup_pagecount(copy), 1);
         int done = static_cast<int>(int64_t{100} * (all - sqlite3_backup_remaining(copy)) / all);
         if (done > told && progress) {
@@ -124,7 +128,10 @@ bool copy_pages(sqlite3* from, sqlite3* to, const std::function<void(int)>& prog
             told = done;
         }
     }
-    return sqlite3_backup_finish(copy) == SQLITE_OK;
+    const int ended = sqlite3_backup_finish(copy);
+    result = result == SQLITE_DONE && ended != SQLITE_OK ? ended : result;
+    reason = result == SQLITE_DONE ? "" : sqlite3_errstr(result);
+    return result == SQLITE_DONE;
 }
 
 /* Into a new file, on disk. `from` is in a transaction. */
@@ -137,13 +144,14 @@ bool copy_into(sqlite3* from, const unnamed_copy& to, const std::function<void(i
     for (bool copied : {false, true}) {
         database db;
         /* Nobody else sees it before all of it is synced. */
+        std::string reason;
         bool ok = open_to_write(to.path(), db) &&
                   database_exec(db.get(), "PRAGMA synchronous = OFF") &&
                   (copied ? leave_log(db.get())
                           : database_exec(db.get(), "PRAGMA journal_mode = OFF") &&
-                                copy_pages(from, db.get(), progress));
+                                copy_pages(from, db.get(), progress, reason));
         if (!ok) {
-            error = to.path() + ": " + sqlite3_errmsg(db.get());
+            error = to.path() + ": " + (reason.empty() ? sqlite3_errmsg(db.get()) : reason);
             return false;
         }
     }

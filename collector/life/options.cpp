@@ -193,13 +193,13 @@ const row rows[] = {
     {"max-body-mb", "N", set_number<&options::max_body_mb>,
      "largest body of a poll in MiB, as sent ({})", "16", 1, 64},
     {"missing", nullptr, set_flag<&options::missing>,
-     "list which tests of --plan have reported and which\n"
-     "have not, then exit; status 1 when any has not"},
+     "list which tests of --plan report and which do not,\n"
+     "then exit; status 1 when any does not"},
     {"older-than", "DURATION", set_duration<&options::older_than>,
      "with --missing: results received longer ago do not\n"
-     "count, and agents of which nothing came since are\n"
-     "listed as silent; 90s, 15m, 2h, 1d"},
-    {"replace", nullptr, set_flag<&options::replace>, "with restore, see below", nullptr, 0, 0,
+     "count, and agents that were not heard since are\n"
+     "silent; 90s, 15m, 2h, 1d"},
+    {"replace", nullptr, set_flag<&options::replace>, "with restore, below", nullptr, 0, 0,
      bit_of(task::restore)},
     {"version", nullptr, show_version, "print the version and exit", nullptr, 0, 0, with_all},
     {"help", nullptr, show_help, "print this text and exit", nullptr, 0, 0, with_all},
@@ -218,8 +218,12 @@ void append_help(std::string& text, std::string line, std::string_view help) {
 
 options_result show_help(const row&, const char*, options&, std::string& text) {
     text = "Usage: vindral-collector [OPTION]...\n"
-           "Collection server for vindral agents: takes their results, keeps them in a\n"
-           "database in the state directory and sends the agents the tests of a plan.\n\n";
+           "       vindral-collector --missing --plan FILE [--older-than DURATION]\n";
+    for (const command_row& c : commands) {
+        text += std::string("       vindral-collector ") + c.usage + "\n";
+    }
+    text += "Collection server for vindral agents: takes their results, keeps them in a\n"
+            "database in the state directory and sends the agents the tests of a plan.\n\n";
     for (const row* r = rows; r != std::end(rows);) {
         std::string help = r->help, line = " ";
         if (r->standard) {
@@ -231,9 +235,9 @@ options_result show_help(const row&, const char*, options&, std::string& text) {
         } while (r != std::end(rows) && !r->help);
         append_help(text, std::move(line), help);
     }
-    text += "\nCommands that end by themselves; besides them only --state-dir counts:\n\n";
+    text += "\nCommands, which end by themselves; with them only --state-dir counts:\n\n";
     for (const command_row& c : commands) {
-        append_help(text, std::string("  ") + c.usage, c.help);
+        append_help(text, std::string("  ") + c.name + (c.has_file ? " FILE" : ""), c.help);
     }
     text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan\n"
             "again (it is also read whenever it has changed).\n";
@@ -260,6 +264,15 @@ std::string find_conflict(const options& o) {
     return "";
 }
 
+/* Of the first word of a command line, when it is none. */
+std::string no_command(const std::string& word) {
+    std::string names;
+    for (const command_row& c : commands) {
+        names += std::string(names.empty() ? "" : ", ") + c.name;
+    }
+    return "unexpected argument \"" + word + "\"; the commands are " + names;
+}
+
 /* The words that are no options. What is wrong with them, empty when all is well. */
 std::string take_words(const std::vector<std::string>& words, options& out) {
     if (words.empty()) {
@@ -267,17 +280,16 @@ std::string take_words(const std::vector<std::string>& words, options& out) {
     }
     const auto* found = std::find_if(std::begin(commands), std::end(commands),
                                      [&](const command_row& c) { return c.name == words[0]; });
-    size_t wanted = 1;
-    if (found != std::end(commands)) {
-        out.does = found->does;
-        wanted += found->has_file;
-        if (words.size() < wanted || (found->has_file && words[1].empty())) {
-            return words[0] + " needs a file";
-        }
-        out.file = found->has_file ? words[1] : "";
+    if (found == std::end(commands)) {
+        return no_command(words[0]);
     }
-    size_t extra = found != std::end(commands) ? wanted : 0;
-    return words.size() > extra ? "unexpected argument \"" + words[extra] + "\"" : "";
+    out.does = found->does;
+    size_t wanted = found->has_file ? 2 : 1;
+    if (words.size() < wanted || (found->has_file && words[1].empty())) {
+        return words[0] + " needs a file";
+    }
+    out.file = found->has_file ? words[1] : "";
+    return words.size() > wanted ? "unexpected argument \"" + words[wanted] + "\"" : "";
 }
 
 /* The first of the options that does not go with the command. Empty when all do. */

@@ -44,13 +44,6 @@ private:
     const bool shown_ = isatty(STDERR_FILENO) == 1;
 };
 
-/* What somebody may want who restores where something is stored. */
-std::string replace_hint(const options& o) {
-    std::string error;
-    bool is_there = !o.replace && open_reader(o.state_dir, error) != nullptr;
-    return is_there ? " (what is stored there stays without --replace)" : "";
-}
-
 } // namespace
 
 int run_backup(const options& o) {
@@ -77,7 +70,7 @@ int run_restore(const options& o) {
         return 1;
     }
     if (!restore_from(o.state_dir, o.file, o.replace, kept_as, error)) {
-        complain("nothing was restored: " + error + replace_hint(o));
+        complain("nothing was restored: " + error);
         return 1;
     }
     std::cout << o.state_dir + ": now has what is in " + o.file + "\n";

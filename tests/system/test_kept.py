@@ -87,7 +87,10 @@ class Kept(harness.TestCase):
         self.assertIn(copy, self.run_command("backup", copy, "--state-dir", state, status=1)[1])
         self.post(load(2, 0, "fine\n"))
         # Not under a collector that runs, and not over results unless told to.
-        self.assertIn("nothing was restored", self.run_command("restore", copy, "--replace", "--state-dir", state, status=1)[1])
+        for replace in ["--replace"], []:
+            said = self.run_command("restore", copy, *replace, "--state-dir", state, status=1)[1]
+            self.assertIn("nothing was restored: another collector uses", said)
+            self.assertNotIn("--replace", said)
         self.collector.stop()
         self.assertIn("--replace", self.run_command("restore", copy, "--state-dir", state, status=1)[1])
         self.assertEqual(len(self.events()), 3)

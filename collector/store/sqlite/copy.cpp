@@ -296,7 +296,8 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
     }
     bool something = has_something(directory);
     if (something && !replace) {
-        error = database_path(directory) + " has results already: they are not replaced unasked";
+        error = database_path(directory) + " has results already: they are not replaced unasked; "
+                                           "--replace does it and keeps them beside the copy";
         return false;
     }
     unnamed_copy copy(database_path(directory));

@@ -95,6 +95,7 @@ awaitable<bool> exchange::read_body(packed_body* into, admission::stage stage) {
         piece = piece.substr(0, left);
         left -= piece.size();
         if (into && !into->append(piece, head.content_length)) {
+            no_memory_ = true;
             room_.log(event::memory, "no memory left for bodies: reset " + address);
             co_return false;
         }

@@ -68,6 +68,8 @@ public:
      * ignored: one exchange a connection. False when the connection broke or is not worth going on
      * with. */
     boost::asio::awaitable<bool> read_body(packed_body* into, admission::stage stage);
+    /* It broke for want of room here, for the body or for the connection. */
+    bool had_no_room() const { return no_memory_ || in() == admission::stage::out; }
 
     /* Writes the whole answer and ends the connection. True when the agent has it. A session that
      * is not empty is what the agent takes for its id. The texts need not outlive the call. */
@@ -79,8 +81,9 @@ private:
     boost::asio::awaitable<bool> send();
 
     exchange_room& room_;
-    std::string input_;  /* read but not used yet: the head, then the beginning of the body */
-    std::string output_; /* the answer */
+    std::string input_;      /* read but not used yet: the head, then the beginning of the body */
+    std::string output_;     /* the answer */
+    bool no_memory_ = false; /* for the body */
 };
 
 #endif

@@ -85,7 +85,12 @@ awaitable<void> polls::answer_poll(exchange& x) {
         if (s->polls == 1) {
             commands_.login_arrived(*s);
         }
-        end = co_await take_block(x, *s);
+        try {
+            end = co_await take_block(x, *s);
+        } catch (const std::exception&) { /* memory is short */
+            results_.held_up(s->account, s->agent);
+            throw;
+        }
     } else {
         bool whole = co_await x.read_body(nullptr, stage::unheard);
         end = whole ? fate::again : fate::broken;
@@ -118,6 +123,9 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
     packed_body body(x);
     bool whole = co_await x.read_body(&body, visit.one_of_few() ? stage::heard : stage::unheard);
     if (!whole) {
+        if (x.had_no_room()) {
+            results_.held_up(from.account, from.agent);
+        }
         co_return fate::broken;
     }
     const size_t size = std::max<size_t>(body.wire().size(), x.head.compression);

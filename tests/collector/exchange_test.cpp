@@ -88,6 +88,59 @@ TEST_F(collector_server, bodies_beyond_the_memory_for_them_are_reset) {
     EXPECT_EQ(r.text, empty_text);
 }
 
+/* They did come: the tests of their agents are not to become stale meanwhile. */
+TEST_F(collector_server, who_is_cut_off_for_want_of_memory_is_held_up) {
+    options_.body_memory = 300000;
+    start();
+    std::string mine = log_in("mine"), other = log_in("other");
+    std::string half = poll_text(mine, std::string(200000, 'x'));
+    auto held_up = [&](const std::string& agent) {
+        return std::ranges::count(store_->held_up_so_far(), "me@example.org " + agent);
+    };
+    client first(port_);
+    ASSERT_TRUE(first.handshake());
+    ASSERT_TRUE(first.send(half.substr(0, half.size() - 1)));
+    for (int i = 0; i < 1000 && held_up("other") == 0; ++i) { /* until the first one is there */
+        client second(port_);
+        ASSERT_TRUE(second.handshake());
+        second.send(poll_text(other, std::string(200000, 'y')));
+        ending ignored;
+        second.read_all(ignored);
+    }
+    EXPECT_GT(held_up("other"), 0);
+    EXPECT_EQ(held_up("mine"), 0);
+    first.vanish(); /* which is its own affair */
+    reply r;
+    for (int i = 0; i < 1000 && r.text.empty(); ++i) {
+        client again(port_);
+        ASSERT_TRUE(again.handshake());
+        again.send(poll_text(other, std::string(100000, 'y')));
+        r = split(again.read_all(r.end), ending::error);
+    }
+    EXPECT_EQ(held_up("mine"), 0);
+}
+
+TEST_F(collector_server, who_has_to_make_room_is_held_up) {
+    options_.body_memory = 1000000;
+    start();
+    std::string most = poll_text(log_in("large"), std::string(600000, 'x'));
+    client first(port_, "127.0.1.1");
+    ASSERT_TRUE(first.handshake());
+    ASSERT_TRUE(first.send(most.substr(0, most.size() - 1)));
+    std::deque<client> others; /* small ones, which go first */
+    for (int i = 0; i < 20; ++i) {
+        const std::string number = std::to_string(i);
+        client& c = others.emplace_back(port_, ("127.0.2." + number).c_str());
+        ASSERT_TRUE(c.handshake());
+        std::string text = poll_text(log_in("small " + number), std::string(60000, 'y'));
+        c.send(text.substr(0, text.size() - 1));
+    }
+    for (int i = 0; i < 2000 && store_->held_up_so_far().empty(); ++i) {
+        std::this_thread::sleep_for(10ms); /* told once it has noticed */
+    }
+    EXPECT_TRUE(std::ranges::count(store_->held_up_so_far(), "me@example.org large") > 0);
+}
+
 TEST_F(collector_server, a_client_that_does_not_read_is_reset_at_the_deadline) {
     options_.deadlines.answer = 50ms;
     start(long_plan(8000000)); /* more than the kernel takes off the server's hands */

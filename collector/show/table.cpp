@@ -129,12 +129,60 @@ void paint_tests(painter& screen, const block& b, size_t width, int64_t now) {
     }
 }
 
-void paint_messages(painter& screen, const std::deque<message>& messages, size_t lines) {
-    for (size_t i = messages.size() - lines; i < messages.size(); i++) {
-        const message& m = messages[i];
-        std::string times = m.times > 1 ? " (" + std::to_string(m.times) + " times)" : "";
-        screen.line({{yellow, "* " + utc_time(m.when).substr(11, 8) + times + " " + m.text}});
+/* A message in lines of that width, broken between words where there are any. */
+std::vector<std::string> lines_of(const message& m, size_t columns) {
+    std::string times = m.times > 1 ? " (" + std::to_string(m.times) + " times)" : "";
+    std::string rest = "* " + utc_time(m.when).substr(11, 8) + times + " " + m.text;
+    const std::string indent(2, ' ');
+    std::vector<std::string> lines;
+    while (display_width(rest) > columns && columns > 2 * indent.size()) {
+        std::string whole = fit_columns(rest, columns);
+        size_t end = whole.find_last_not_of(' ') + 1; /* wide characters may leave a column */
+        size_t blank = rest[end] == ' ' ? end : rest.rfind(' ', end);
+        end = blank != rest.npos && blank > columns / 2 ? blank : end;
+        lines.push_back(rest.substr(0, end));
+        rest = indent + rest.substr(std::min(rest.find_first_not_of(' ', end), rest.size()));
     }
+    lines.push_back(std::move(rest));
+    return lines;
+}
+
+/* The newest messages, at most `most` and in so many lines: the newest one as a whole if they are
+ * enough, then a line of each other. What is left, and `more` lines, are for the rest of them. */
+std::vector<std::string> message_lines(const std::deque<message>& messages, size_t columns,
+                                       size_t most, size_t more) {
+    std::vector<std::vector<std::string>> all; /* the newest first */
+    for (auto m = messages.rbegin(); m != messages.rend() && all.size() < most; ++m) {
+        all.push_back(lines_of(*m, columns));
+    }
+    std::vector<size_t> given(all.size());
+    size_t left = most;
+    auto give = [&](size_t i, size_t lines) {
+        size_t added = std::min(left, std::min(all[i].size(), lines) - given[i]);
+        given[i] += added;
+        left -= added;
+    };
+    for (size_t i = 0; i < all.size(); i++) {
+        give(i, i == 0 ? most : 1);
+    }
+    left += more;
+    for (size_t i = 0; i < all.size(); i++) {
+        give(i, all[i].size());
+    }
+    std::vector<std::string> lines;
+    for (size_t i = all.size(); i-- > 0;) {
+        for (size_t n = 0; n < given[i]; n++) {
+            lines.push_back(all[i][n]);
+        }
+        for (size_t n = given[i]; given[i] > 0 && n < all[i].size(); n++) {
+            lines.back() += all[i][n].substr(1); /* cut at the edge, as everything is */
+        }
+    }
+    return lines;
+}
+
+size_t lines_in(std::string_view text) {
+    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
 void paint_introduction(painter& screen, std::string_view text, size_t lines) {
@@ -231,13 +279,15 @@ std::string live_table::draw(const table_screen& screen, int64_t now) {
     std::vector<block> blocks = look_at_all(s, screen.rows, now);
     /* The title, a line at least for what is wrong, and what does not fit. */
     size_t spare = screen.rows - std::min<size_t>(screen.rows, 3);
-    size_t message_lines =
-        std::min({s.messages.size(), spare, std::max<size_t>(screen.rows / 5, 1)});
-    size_t room = screen.rows - std::min(screen.rows, 1 + message_lines);
-    bool all_fits = lines_wanted(blocks) <= room;
+    size_t most = std::min(spare, std::max<size_t>(screen.rows / 5, 1));
+    size_t wanted = blocks.empty() ? lines_in(s.introduction) : lines_wanted(blocks);
+    size_t unused = screen.rows - std::min(screen.rows, 1 + most + wanted);
+    painter paint(screen);
+    std::vector<std::string> messages = message_lines(s.messages, paint.columns(), most, unused);
+    size_t room = screen.rows - std::min(screen.rows, 1 + messages.size());
+    bool all_fits = wanted <= room;
     share_out(blocks, all_fits || room < 2 ? room : room - 1);
 
-    painter paint(screen);
     bool wrong = false;
     std::string title = title_text(s, blocks, paint.columns(), wrong, now);
     paint.line({{wrong ? inverse_red : inverse, title}});
@@ -255,6 +305,8 @@ std::string live_table::draw(const table_screen& screen, int64_t now) {
     if (blocks.empty()) {
         paint_introduction(paint, s.introduction, room);
     }
-    paint_messages(paint, s.messages, message_lines);
+    for (const std::string& line : messages) {
+        paint.line({{yellow, line}});
+    }
     return paint.take();
 }

@@ -567,6 +567,33 @@ TEST_F(table_test, what_the_collector_says_is_at_the_bottom) {
     EXPECT_EQ(text().find("line 99"), std::string::npos);
 }
 
+TEST_F(table_test, what_the_collector_says_is_broken_into_lines) {
+    add("web1", 5);
+    table.say("an older one that is long enough not to fit", now);
+    table.say("plan line 4: agents that run have it already and keep it just as it was before", now);
+    std::vector<std::string> lines = screen(24, 40);
+    ASSERT_EQ(lines.size(), 8u) << text(24, 40);
+    EXPECT_EQ(lines[3], "* 12:00:00 an older one that is long");
+    EXPECT_EQ(lines[4], "  enough not to fit");
+    EXPECT_EQ(lines[5], "* 12:00:00 plan line 4: agents that run");
+    EXPECT_EQ(lines[6], "  have it already and keep it just as");
+    EXPECT_EQ(lines[7], "  it was before");
+    /* Where there is no room for all of it, the newest one has it. */
+    for (int i = 0; i < 40; i++) {
+        add("web1", 100 + i);
+    }
+    lines = screen(20, 40);
+    ASSERT_EQ(lines.size(), 20u);
+    EXPECT_EQ(lines[16], "* 12:00:00 an older one that is long en");
+    EXPECT_EQ(lines[17], "* 12:00:00 plan line 4: agents that run");
+    EXPECT_EQ(lines[19], "  it was before");
+    lines = screen(10, 40);
+    EXPECT_EQ(lines[8], "* 12:00:00 plan line 4: agents that run");
+    EXPECT_EQ(lines[9], "  have it already and keep it just as i");
+    lines = screen(5, 40);
+    EXPECT_EQ(lines[4], "* 12:00:00 plan line 4: agents that run");
+}
+
 TEST_F(table_test, fits_any_screen) {
     plan({"CHK\t0\t30", "POL\t0\t30"});
     table = live_table(noon);

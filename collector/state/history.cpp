@@ -304,6 +304,17 @@ public:
             reason_));
     }
 
+    /* What the test was, by each result's own word or by the time. */
+    void find_definitions(std::vector<result>& of) {
+        definition_reader all(store_);
+        for (result& r : of) {
+            r.judged_by = all.of(test_.type, test_.number, r.location, r.time, error_);
+        }
+    }
+    void find_definitions(series& of) {
+        note(read_definitions(store_, test_, of.from, of.to, of.definitions, reason_));
+    }
+
     /* The record that arrived last. */
     bool find_newest(int64_t& received, std::string& record) {
         test_records records(test_);
@@ -804,6 +815,7 @@ bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, 
         has_more = has_more || newest.gave_up();
         order_by_time(found);
         std::reverse(found.begin(), found.end());
+        history.find_definitions(found);
     }
     if (more != nullptr) {
         *more = has_more;
@@ -820,6 +832,7 @@ bool read_series(result_reader& store, int64_t test, int64_t from, int64_t to, s
     test_history history(store, error);
     if (history.find(test) && from < to) {
         series_reading(history, from, to, std::clamp<size_t>(points, 1, max_points)).read(found);
+        history.find_definitions(found);
     }
     return error.empty();
 }

@@ -15,6 +15,7 @@
 #ifndef VINDRAL_COLLECTOR_HISTORY_H
 #define VINDRAL_COLLECTOR_HISTORY_H
 
+#include "state/definition.h"
 #include "state/result.h"
 #include "store/engine.h"
 
@@ -25,9 +26,10 @@
 
 /* Results of a test with from <= time < to, newest first, `most` of them at the most; fewer where
  * these have more than max_result_bytes in their records, but one at least. `more`: there may be
- * others before them. To go on, ask for `to` = the last one's time + 1, because of those that have
- * the same time. False with the reason in `error` when not all could be read; `found` has the
- * others. */
+ * others before them. Each has the
+ * definition that it was judged by, where one is known. To go on, ask for `to` = the last one's
+ * time + 1, because of those that have the same time. False with the reason in `error` when not all
+ * could be read; `found` has the others. */
 bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, size_t most,
                   std::vector<result>& found, std::string& error, bool* more = nullptr);
 
@@ -47,8 +49,9 @@ struct series {
         uint32_t id = 0;                    /* value_name() */
         std::vector<double> min, mean, max; /* NaN where there is none */
     };
-    std::vector<column> values;                 /* by id */
-    std::vector<uint32_t> ok, problem, unknown; /* seconds */
+    std::vector<column> values;                  /* by id */
+    std::vector<uint32_t> ok, problem, unknown;  /* seconds */
+    std::vector<definition_pointer> definitions; /* what the test was: read_definitions() */
 };
 
 /* About `points` of them, or fewer (max_points at the most): every result where these are not more,

@@ -23,11 +23,14 @@
 #include "state/agent_state.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
+
+struct definition;
 
 enum : uint32_t {
     value_processes = 100,
@@ -56,6 +59,7 @@ struct result {
     std::string message = {};                          /* of the worst record: judge() */
     std::vector<result_value> values = {};             /* by id */
     std::vector<std::string> records = {}; /* as sent: the parts are read from them when shown */
+    std::shared_ptr<const definition> judged_by = {}; /* definition.h; by who reads it back */
 };
 
 /* Puts records of one test, in the order of arrival, together to results. A record that repeats one

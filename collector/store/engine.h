@@ -159,6 +159,13 @@ public:
     virtual bool for_each_definition(uint32_t type, int32_t number,
                                      const std::function<void(const test_definition&)>& each,
                                      std::string& error) = 0;
+    /* What a test was at `time`: of those with that location id, or with any, the one stored last
+     * of which `since` is not later; the one stored first when there is none. At `until` another
+     * takes its place; INT64_MAX: none does. */
+    virtual bool
+    read_definition(uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
+                    const std::function<void(const test_definition&, int64_t until)>& each,
+                    std::string& error) = 0;
     virtual std::optional<int64_t> read_fact(const char* name) = 0;
 };
 

@@ -195,7 +195,13 @@ TEST_F(database_test, nothing_is_searched_row_by_row) {
           "SELECT hour FROM ledger WHERE hour >= 2 AND hour < 3 ORDER BY hour, agent",
           "SELECT id FROM inventories WHERE agent = 1 AND type = 2 AND time <= 3 "
           "ORDER BY time DESC, id DESC",
-          "SELECT id FROM definitions WHERE type = 1 AND number = 2 ORDER BY id"}) {
+          "SELECT id FROM definitions WHERE type = 1 AND number = 2 ORDER BY id",
+          "SELECT id FROM definitions WHERE type = 1 AND number = 2 AND location = 3 AND "
+          "since <= 4 ORDER BY id DESC",
+          "SELECT id FROM definitions WHERE type = 1 AND number = 2 AND since <= 4 "
+          "ORDER BY id DESC",
+          "SELECT min(since) FROM definitions WHERE type = 1 AND number = 2 AND location = 3 AND "
+          "id > 4"}) {
         statement plan(db.get(), std::string("EXPLAIN QUERY PLAN ") + sql);
         int steps = 0;
         for (; plan.row(); steps++) {

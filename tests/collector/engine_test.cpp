@@ -515,6 +515,51 @@ TEST_F(engine_test, what_a_test_was_is_kept) {
     EXPECT_EQ(read(66, 6), strings());
 }
 
+TEST_F(engine_test, what_a_test_was_at_a_time) {
+    auto add = [&](int32_t location, int64_t since, const char* name, int32_t number = 5) {
+        EXPECT_TRUE(e->append_definition({.type = 66,
+                                          .number = number,
+                                          .location = location,
+                                          .since = noon + since,
+                                          .name = name,
+                                          .text = "a\tb"}));
+    };
+    auto read = [&](std::optional<int32_t> location, int64_t time, int32_t number = 5) {
+        std::string found;
+        auto note = [&](const test_definition& d, int64_t until) {
+            EXPECT_EQ(d.type, 66u);
+            EXPECT_EQ(d.number, number);
+            EXPECT_EQ(d.location, location.value_or(d.location));
+            EXPECT_EQ(d.text, "a\tb");
+            found += std::to_string(d.since - noon) + " " + std::string(d.name) + " until " +
+                     (until == INT64_MAX ? "the end" : std::to_string(until - noon));
+        };
+        EXPECT_TRUE(reader()->read_definition(66, number, location, time, note, error)) << error;
+        return found;
+    };
+    EXPECT_EQ(read(1, noon), "");
+    within([&] {
+        add(1, 0, "load");
+        add(1, 0, "other", 4);
+        add(-2, 50, "load, revised");
+        add(1, 100, "load again");
+        add(1, 80, "set back");
+    });
+    EXPECT_EQ(read(1, noon + 500), "80 set back until the end");
+    EXPECT_EQ(read(1, noon + 80), "80 set back until the end");
+    EXPECT_EQ(read(1, noon + 79), "0 load until 80");
+    EXPECT_EQ(read(1, noon - 1), "0 load until 80");
+    EXPECT_EQ(read(1, INT64_MIN), "0 load until 80");
+    EXPECT_EQ(read(1, INT64_MAX), "80 set back until the end");
+    EXPECT_EQ(read(-2, noon), "50 load, revised until the end");
+    EXPECT_EQ(read(3, noon), "");
+    EXPECT_EQ(read(1, noon, 4), "0 other until the end");
+    EXPECT_EQ(read(1, noon, 6), "");
+    EXPECT_EQ(read(std::nullopt, noon + 60), "50 load, revised until 80");
+    EXPECT_EQ(read(std::nullopt, noon + 40), "0 load until 50");
+    EXPECT_EQ(read(std::nullopt, noon - 40), "0 load until 50");
+}
+
 TEST_F(engine_test, days_are_in_the_order_in_which_they_were_written_to) {
     EXPECT_EQ(days(), strings());
     EXPECT_FALSE(e->days_changed());

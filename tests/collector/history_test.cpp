@@ -122,6 +122,65 @@ TEST(read_results, open_and_packed_newest_first) {
     EXPECT_EQ(newest.received, midnight + 545);
 }
 
+TEST(read_results, each_has_the_name_that_it_had) {
+    stored store;
+    auto define = [&](int64_t since, const char* name, int32_t location = 7) {
+        store.definitions.push_back({.type = type_load_average,
+                                     .number = 5,
+                                     .location = location,
+                                     .since = midnight + since,
+                                     .name = name});
+    };
+    define(0, "load");
+    define(70, "load of the week");
+    define(150, "load of nobody", 8);
+    define(170, "load of the month");
+    auto append = [&](int i) {
+        store.append_block(midnight + 60 * i + 5, load_of(midnight + 60 * i, i));
+    };
+    auto names = [&](int64_t from = INT64_MIN, int64_t to = INT64_MAX) {
+        std::string text;
+        for (const result& r : store.results(load, from, to)) {
+            text += std::to_string(r.time - midnight) + " " +
+                    (r.judged_by ? r.judged_by->name : "none") + "; ";
+        }
+        return text;
+    };
+    append(-1);
+    append(0);
+    append(1);
+    store.pack();
+    append(2);
+    append(3);
+    EXPECT_EQ(names(), "180 load of the month; 120 load of the week; 60 load; 0 load; -60 load; ");
+    store.append_block(midnight + 245, record_builder{.ui32 = {type_load_average, 5, 6, 0},
+                                                      .i64 = {midnight + 240},
+                                                      .d64 = {1, 1, 1},
+                                                      .strings = {"m"}}
+                                           .bytes());
+    EXPECT_EQ(names(midnight + 150), "240 none; 180 load of the month; ") << "another location";
+    store.append_block(midnight + 250, process_of(midnight + 240, 1, 1));
+    EXPECT_EQ(store.results(processes, midnight, INT64_MAX).at(0).judged_by, nullptr);
+
+    auto text_of_series = [&](int64_t from, int64_t to) {
+        std::string text;
+        for (const definition_pointer& d : store.read(load, from, to, 10).definitions) {
+            text += d->name + "; ";
+        }
+        return text;
+    };
+    EXPECT_EQ(text_of_series(midnight, midnight + 160), "load; load of the week; load of nobody; ");
+    EXPECT_EQ(text_of_series(midnight + 200, midnight + 260), "load of the month; ");
+    store.expire(midnight + day_s); /* what is rolled up has its name for longer */
+    EXPECT_EQ(text_of_series(midnight - 100, midnight + 60), "load; ");
+
+    std::vector<result> found;
+    std::string error;
+    store.failure = "gone";
+    EXPECT_FALSE(read_results(store, load, midnight, INT64_MAX, 10, found, error));
+    EXPECT_EQ(error, "gone");
+}
+
 TEST(read_results, the_newest_alone_cost_little) {
     stored store;
     for (int i = 0; i < 1000; i++) {

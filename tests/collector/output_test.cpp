@@ -445,6 +445,11 @@ struct bare_store : result_reader {
                              text&) override {
         return true;
     }
+    bool read_definition(uint32_t, int32_t, std::optional<int32_t>, int64_t,
+                         const std::function<void(const test_definition&, int64_t)>&,
+                         text&) override {
+        return true;
+    }
     std::optional<int64_t> read_fact(const char*) override { return std::nullopt; }
 };
 

@@ -3,6 +3,7 @@
  *
  *   store_driver play STATE_DIR HISTORY DONE
  *   store_driver show STATE_DIR
+ *   store_driver names STATE_DIR
  *
  * `play` does what the lines of HISTORY say. Those that it did are in DONE, which it extends, a
  * line with number and outcome for each, and are not done again. A block that is not in there is
@@ -14,7 +15,9 @@
  * epoch) is closed quiet N                  until what is kept stayed the same for N looks at it
  *   keep RAW FIVE HOUR EVENTS LEDGER   the days that are kept; the first line
  *
- * `show` prints all that is stored, so that two of it are the same where the same is stored. */
+ * `show` prints all that is stored, so that two of it are the same where the same is stored.
+ * `names` prints of each result, newest first, agent, test, location id, time, and the name and the
+ * fields that the test had, with tabs between. */
 #include "ingest/clock.h"
 #include "ingest/ingest.h"
 #include "state/history.h"
@@ -441,6 +444,37 @@ void show(const std::string& directory, FILE* to, bool with_open) {
     fprintf(to, "closed through %" PRId64 "\n", reader->read_fact("closed_through").value_or(-1));
 }
 
+int show_names(const std::string& directory) {
+    std::string error;
+    std::unique_ptr<result_reader> reader = open_reader(directory, error);
+    std::vector<std::pair<std::string, test_status>> tests;
+    agent_state state;
+    auto note = [&](const known_agent& row) {
+        state.unpack(row.state);
+        for (const test_status& t : state.tests) {
+            tests.emplace_back(row.agent, t);
+        }
+    };
+    if (!reader || !reader->for_each_agent(note, error)) {
+        fail(error);
+    }
+    for (const auto& [agent, test] : tests) {
+        std::vector<result> found;
+        if (!read_results(*reader, test.id, INT64_MIN, INT64_MAX, SIZE_MAX, found, error)) {
+            fail(error);
+        }
+        for (const result& r : found) {
+            printf("%s\t%d\t%d\t%" PRId64, agent.c_str(), test.number.value_or(0),
+                   r.location.value_or(0), r.time);
+            if (r.judged_by) {
+                printf("\t%s\t%s", r.judged_by->name.c_str(), r.judged_by->text.c_str());
+            }
+            printf("\n");
+        }
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -449,9 +483,13 @@ int main(int argc, char** argv) {
         show(argv[2], stdout, false);
         return 0;
     }
+    if (word == "names" && argc == 3) {
+        return show_names(argv[2]);
+    }
     if (word == "play" && argc == 5) {
         return play(argv[2], argv[3], argv[4]);
     }
-    fprintf(stderr, "usage: store_driver play STATE_DIR HISTORY DONE | show STATE_DIR\n");
+    fprintf(stderr, "usage: store_driver play STATE_DIR HISTORY DONE | show STATE_DIR |\n"
+                    "                    names STATE_DIR\n");
     return 2;
 }

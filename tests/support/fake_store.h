@@ -6,6 +6,7 @@
 
 #include "base/record_summary.h"
 #include "state/agent_state.h"
+#include "state/definition.h"
 #include "state/roll_up.h"
 #include "state/take.h"
 #include "store/engine.h"
@@ -37,9 +38,11 @@ public:
     std::map<int64_t, std::vector<arrived>> packed; /* what is in them */
     std::map<std::pair<int64_t, int64_t>, std::string> five_minutes, hours; /* test, day */
     std::map<std::string, int64_t> facts;
+    std::vector<definition> definitions; /* in the order of storing */
     int64_t stale_after = 180;
 
     size_t blocks_read = 0, chunks_seen = 0, chunks_read = 0, roll_ups_read = 0;
+    size_t definitions_read = 0; /* one by one */
 
     /* ---- writing ---- */
 
@@ -221,9 +224,39 @@ public:
                         std::string&) override {
         return true;
     }
-    bool for_each_definition(uint32_t, int32_t, const std::function<void(const test_definition&)>&,
-                             std::string&) override {
-        return true;
+    bool for_each_definition(uint32_t type, int32_t number,
+                             const std::function<void(const test_definition&)>& each,
+                             std::string& error) override {
+        for (const definition& d : definitions) {
+            if ((type == 0 || d.type == type) && (number == 0 || d.number == number)) {
+                each(view_of(d));
+            }
+        }
+        return is_good(error);
+    }
+    bool read_definition(uint32_t type, int32_t number, std::optional<int32_t> location,
+                         int64_t time,
+                         const std::function<void(const test_definition&, int64_t)>& each,
+                         std::string& error) override {
+        definitions_read++;
+        auto is_one = [&](const definition& d) {
+            return d.type == type && d.number == number &&
+                   d.location == location.value_or(d.location);
+        };
+        const definition* found = nullptr;
+        int64_t until = INT64_MAX;
+        for (const definition& d : definitions) {
+            if (is_one(d) && (found == nullptr || d.since <= time)) {
+                found = &d;
+                until = INT64_MAX;
+            } else if (is_one(d)) {
+                until = std::min(until, d.since);
+            }
+        }
+        if (found != nullptr) {
+            each(view_of(*found), until);
+        }
+        return is_good(error);
     }
     std::optional<int64_t> read_fact(const char* name) override {
         auto found = facts.find(name);
@@ -234,6 +267,10 @@ public:
     bool damaged_state = false; /* of the agent */
 
 private:
+    static test_definition view_of(const definition& d) {
+        return {d.type, d.number, d.location, d.since, d.name, d.text};
+    }
+
     bool is_good(std::string& error) const {
         error = failure;
         return failure.empty();

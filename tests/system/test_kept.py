@@ -4,6 +4,7 @@ tests, backup, restore, check."""
 import os
 import sqlite3
 import subprocess
+import time
 
 import harness
 import records
@@ -76,6 +77,37 @@ class Kept(harness.TestCase):
             if name.startswith("results"):
                 with open(os.path.join(self.collector.state, name), "rb") as stored:
                     self.assertNotIn(b"geheim", stored.read(), name)
+
+    def test_each_result_has_the_name_that_its_test_had(self):
+        def sinces():
+            return [since for (since,) in self.query("SELECT since FROM definitions WHERE number = 7 ORDER BY id")]
+
+        def plan(host):
+            with open(self.collector.plan, "w", encoding="utf-8") as file:
+                file.write("POL\t0\t1\nCHK\t0\t1\nLAA\t7\t1\t8\t6\t4\t%s\n" % host)
+
+        def post(seconds, location=1):
+            times.append(seconds)
+            self.post(records.encode_load(records.Load(7, location, seconds, (9.0, 1.0, 1.5), "fine\n", 0)))
+        times = []
+        for revision, host in enumerate(("db1.example.org", "db2.example.org"), 1):
+            self.collector.stop()
+            harness.wait_until(lambda: time.time() >= max(sinces(), default=0) + 1, "the next second")
+            plan(host)
+            self.collector.start()
+            self.session = self.client.session(agent="web1")
+            harness.wait_until(lambda count=revision: len(sinces()) == count, lambda: repr(sinces()))
+            if revision == 1:
+                post(sinces()[0] - 3600)
+            post(sinces()[-1])
+        post(sinces()[-1] + 1, location=2)
+        self.collector.stop()
+        names = subprocess.run([os.path.join(harness.BUILD, "tests", "collector", "store_driver"), "names",
+                                self.collector.state], stdout=subprocess.PIPE, text=True, check=True,
+                               timeout=harness.PATIENCE_S).stdout.splitlines()
+        first, second = ("db%d.example.org\t7\t1\t8\t6\t4\tdb%d.example.org" % (n, n) for n in (1, 2))
+        self.assertEqual(names, ["web1\t7\t%d\t%d%s" % row for row in (
+            (2, times[3], ""), (1, times[2], "\t" + second), (1, times[1], "\t" + first), (1, times[0], "\t" + first))])
 
     def test_backup_and_restore(self):
         state, copy = self.collector.state, os.path.join(self.dir, "copy.db")

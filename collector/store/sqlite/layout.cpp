@@ -41,6 +41,7 @@ const char tables[] =
     " number INTEGER NOT NULL, location INTEGER NOT NULL, since INTEGER NOT NULL,"
     " name TEXT NOT NULL, text TEXT NOT NULL);"
     "CREATE INDEX definitions_of_test ON definitions (type, number);"
+    "CREATE INDEX definitions_of_location ON definitions (type, number, location);"
 
     "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
     "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"

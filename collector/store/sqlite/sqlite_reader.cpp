@@ -294,6 +294,42 @@ bool sqlite_reader::read_inventory(int64_t agent, uint32_t type, int64_t time,
     return error.empty();
 }
 
+bool sqlite_reader::read_definition(
+    uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
+    const std::function<void(const test_definition&, int64_t until)>& each, std::string& error) {
+    error.clear();
+    const std::string which = std::string("WHERE type = ?1 AND number = ?2 AND ") +
+                              (location ? "location = ?3 " : "?3 = 0 ");
+    const std::string sql =
+        "SELECT location, since, name, text, (SELECT min(since) FROM definitions " + which +
+        "AND id > d.id) FROM definitions d " + which;
+    bool found = false;
+    auto read = [&](statement& row) {
+        auto take_it = [&] {
+            found = true;
+            each({.type = type,
+                  .number = number,
+                  .location = static_cast<int32_t>(row.integer(0)),
+                  .since = row.integer(1),
+                  .name = row.bytes(2),
+                  .text = row.bytes(3)},
+                 row.is_null(4) ? std::numeric_limits<int64_t>::max() : row.integer(4));
+            return true;
+        };
+        row.bind(int64_t{type})
+            .bind(int64_t{number})
+            .bind(int64_t{location.value_or(0)})
+            .bind(time);
+        return each_row(row, take_it, error);
+    };
+    auto last = take(sql + "AND since <= ?4 ORDER BY id DESC LIMIT 1");
+    if (read(*last) && !found) {
+        auto first = take(sql + "AND ?4 = ?4 ORDER BY id LIMIT 1");
+        read(*first);
+    }
+    return error.empty();
+}
+
 bool sqlite_reader::for_each_definition(uint32_t type, int32_t number,
                                         const std::function<void(const test_definition&)>& each,
                                         std::string& error) {

@@ -47,6 +47,10 @@ public:
     bool for_each_definition(uint32_t type, int32_t number,
                              const std::function<void(const test_definition&)>& each,
                              std::string& error) override;
+    bool read_definition(uint32_t type, int32_t number, std::optional<int32_t> location,
+                         int64_t time,
+                         const std::function<void(const test_definition&, int64_t until)>& each,
+                         std::string& error) override;
     std::optional<int64_t> read_fact(const char* name) override { return database_fact(db_, name); }
 
 private:

@@ -53,6 +53,9 @@ public:
     patience now() const;
     int64_t stale_after() const;
 
+    /* Whether a block that arrived at `at`, by steady_clock, ends its agent's silence: one that
+     * came before that was found, and is stored only now, does not. */
+    bool brings_back(int64_t agent, int64_t at) const { return watch_.is_news(agent, at); }
     /* What is committed: records of an agent that arrived at `at`, by steady_clock; and whether its
      * row says that it was heard then. */
     void stored(const agent_work& agent, std::string_view account, std::string_view name,

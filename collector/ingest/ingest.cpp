@@ -477,7 +477,8 @@ bool writer::store_repetition(queued_block& b, agent_work& work) {
     b.result = store_result::duplicate;
     b.unfinished = !b.last_part();
     auto results = std::span<const decoded_record>(decoded_).subspan(b.first_record, b.records);
-    return parts_->store.repetition(work, results, b.block.received) &&
+    return parts_->store.repetition(work, results, b.block.received,
+                                    parts_->present.brings_back(work.id, b.submitted)) &&
            engine_->set_state(work.id, parts_->store.packed(work));
 }
 
@@ -496,7 +497,8 @@ bool writer::store_slice(queued_block& b, agent_work& work) {
         }
     }
     auto results = std::span<const decoded_record>(decoded_).subspan(b.first_record, b.records);
-    if (!parts_->store.records(work, results, block.received, parts_->present.now())) {
+    if (!parts_->store.records(work, results, block.received, parts_->present.now(),
+                               parts_->present.brings_back(work.id, b.submitted))) {
         return false;
     }
     b.result = store_result::stored;

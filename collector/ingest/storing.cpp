@@ -15,8 +15,8 @@ static std::string_view items_of(const decoded_record& result) {
 }
 
 bool storing::records(agent_work& agent, std::span<const decoded_record> results, int64_t received,
-                      const patience& now) {
-    if (agent.state.silent) {
+                      const patience& now, bool brings_back) {
+    if (agent.state.silent && brings_back) {
         take_heard(agent.state, received, agent.out);
     }
     take_results(agent.state, results, received, now, agent.out, agent.places);
@@ -95,8 +95,8 @@ bool storing::inventory(agent_work& agent, const decoded_record& result, int64_t
 }
 
 bool storing::repetition(agent_work& agent, std::span<const decoded_record> results,
-                         int64_t received) {
-    if (agent.state.silent) {
+                         int64_t received, bool brings_back) {
+    if (agent.state.silent && brings_back) {
         take_heard(agent.state, received, agent.out);
     }
     take_repetition(agent.state, results, received, agent.out);

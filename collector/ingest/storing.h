@@ -37,11 +37,12 @@ public:
     explicit storing(engine& store) : engine_(store) {}
 
     /* Records of a block, or of a slice of it, in the order in which they stand there; views of its
-     * bytes. */
+     * bytes. `brings_back`: an agent that is silent is heard by it. */
     bool records(agent_work& agent, std::span<const decoded_record> results, int64_t received,
-                 const patience& now);
+                 const patience& now, bool brings_back = true);
     /* The same block once more. */
-    bool repetition(agent_work& agent, std::span<const decoded_record> results, int64_t received);
+    bool repetition(agent_work& agent, std::span<const decoded_record> results, int64_t received,
+                    bool brings_back = true);
     /* The events and the counts of `agent.out`. The two above do it by themselves. */
     bool changes(agent_work& agent);
 

@@ -17,7 +17,8 @@ int64_t wanted_since(const expected& plan, const watch::test_key& test) {
 } // namespace
 
 void watch::know(int64_t agent, bool silent, int64_t now) {
-    agents_[agent] = {.heard = now, .back = now, .oldest = now, .silent = silent, .tests = {}};
+    agents_[agent] = {
+        .heard = now, .back = now, .found = now, .oldest = now, .silent = silent, .tests = {}};
 }
 
 void watch::know(int64_t agent, const test_key& test, bool stale, int64_t now) {
@@ -27,12 +28,18 @@ void watch::know(int64_t agent, const test_key& test, bool stale, int64_t now) {
 bool watch::heard(int64_t agent, int64_t now) {
     watch::agent& a = known(agent, now);
     a.heard = std::max(a.heard, now);
-    if (!a.silent) {
+    if (!a.silent || now < a.found) {
         return false;
     }
     a.silent = false;
     a.back = now;
     return true;
+}
+
+bool watch::is_news(int64_t agent, int64_t heard) const {
+    auto known = agents_.find(agent);
+    return known == agents_.end() ||
+           heard >= (known->second.silent ? known->second.found : known->second.back);
 }
 
 void watch::came(int64_t agent, const test_key& test, int64_t now) {
@@ -51,7 +58,8 @@ void watch::forget(int64_t agent) {
 watch::agent& watch::known(int64_t id, int64_t now) {
     auto [found, added] = agents_.try_emplace(id);
     if (added) {
-        found->second = {.heard = now, .back = now, .oldest = now, .silent = false, .tests = {}};
+        found->second = {
+            .heard = now, .back = now, .found = now, .oldest = now, .silent = false, .tests = {}};
     }
     return found->second;
 }
@@ -96,6 +104,7 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
         }
         if (now - std::max(a.heard, since_) > silent_after) {
             a.silent = true;
+            a.found = now;
             found.push_back({.agent = id, .silent = true, .tests = {}});
             continue;
         }

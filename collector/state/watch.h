@@ -33,8 +33,11 @@ public:
     void know(int64_t agent, const test_key& test, bool stale, int64_t now);
 
     /* True when it was silent: take_heard() is due. One that is not known is known then. What was
-     * heard before that is told later changes nothing. */
+     * heard before that is told later changes nothing, nor does what was heard before it was found
+     * to be silent. */
     bool heard(int64_t agent, int64_t now);
+    /* Whether what was heard then ends the agent's silence, or was the end of it or later. */
+    bool is_news(int64_t agent, int64_t heard) const;
     /* Of an agent that has more than agent_state::max_tests, those that came longest ago are
      * forgotten. */
     void came(int64_t agent, const test_key& test, int64_t now);
@@ -69,6 +72,7 @@ private:
     };
     struct agent {
         int64_t heard, back;
+        int64_t found;  /* when it was found to be silent, the last time */
         int64_t oldest; /* no test came before, but for those that are stale */
         bool silent;
         std::vector<test> tests; /* by key */

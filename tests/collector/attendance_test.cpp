@@ -460,18 +460,26 @@ struct bites_test : attendance_test {
     }
     /* A poll that arrived at `at` is stored. */
     void send(const std::string& name, int64_t at = steady) {
-        const std::string plain = load_record(5, wall - 1);
+        const int64_t received = wall - (steady - at);
+        const std::string plain = load_record(5, received - 1);
         block_reader reader(plain);
         ASSERT_TRUE(reader.next());
         const decoded_record one{reader.current, summarize(reader.current)};
         storing writing(*store);
         agent_work work;
         stored_agent row;
-        ASSERT_TRUE(store->begin() && store->find_agent("a@b.c", name, wall, row));
+        ASSERT_TRUE(store->begin() && store->find_agent("a@b.c", name, received, row));
         work.begin(row);
-        ASSERT_TRUE(writing.records(work, {&one, 1}, wall, present->now()));
-        ASSERT_TRUE(store->end_block(work.id, {wall, "", ""}, "hash", writing.packed(work)));
+        ASSERT_TRUE(writing.records(work, {&one, 1}, received, present->now(),
+                                    present->brings_back(work.id, at)));
+        ASSERT_TRUE(store->end_block(work.id, {received, "", ""}, "hash", writing.packed(work)));
         ASSERT_TRUE(store->commit());
+        for (const change& c : work.out.changes) {
+            if (c.of_agent) {
+                changes.push_back(name + " " + std::string(state_word(c.from)) + ">" +
+                                  std::string(state_word(c.to)));
+            }
+        }
         present->stored(work, "a@b.c", name, at, true);
     }
     void hear(const std::string& name) { present->heard("a@b.c", name, wall, "", ""); }
@@ -521,6 +529,45 @@ TEST_F(bites_test, what_comes_before_it_is_written_is_not_overdue) {
     run_all();
     EXPECT_EQ(changes.size(), 300u);
     EXPECT_EQ(std::count(changes.begin(), changes.end(), "late ok>silent"), 0);
+}
+
+/* Storage may be slow: what came before a silence, and is stored in its middle, does not end it,
+ * and so there is not one more after each slice. */
+TEST_F(bites_test, what_arrived_before_a_silence_does_not_end_it) {
+    send("web1");
+    const int64_t before = steady;
+    wait(190);
+    ASSERT_EQ(changes, strings{"web1 ok>silent"});
+    for (int slice = 0; slice < 5; slice++) {
+        send("web1", before);
+        wait(200);
+    }
+    EXPECT_EQ(changes, strings{"web1 ok>silent"});
+    EXPECT_EQ(stored_agents(store->reader(), told.problems.emplace_back()).at(0).state.silent,
+              true);
+    hear("web1");
+    wait(5);
+    EXPECT_EQ(changes, (strings{"web1 ok>silent", "web1 silent>ok"}));
+    send("web1", before);
+    wait(100);
+    EXPECT_EQ(changes.size(), 2u);
+}
+
+/* Whichever is first of what it brings and of what it is heard by. */
+TEST_F(bites_test, what_arrives_in_a_silence_ends_it_once) {
+    send("web1");
+    send("web2");
+    const int64_t before = steady;
+    wait(190);
+    ASSERT_EQ(changes.size(), 2u);
+    changes.clear();
+    hear("web1");
+    hear("web2");
+    send("web1");
+    send("web2", before);
+    EXPECT_EQ(changes, strings{"web1 silent>ok"});
+    wait(5);
+    EXPECT_EQ(changes, (strings{"web1 silent>ok", "web2 silent>ok"}));
 }
 
 /* A block for which there is no room comes again, for as long as that takes. */

@@ -59,6 +59,25 @@ TEST(watch, what_was_heard_earlier_and_is_told_later_takes_nothing_back) {
     EXPECT_EQ(found.size(), 1u);
 }
 
+/* That may be stored long after it came. */
+TEST(watch, what_was_heard_before_a_silence_was_found_does_not_end_it) {
+    expected plan;
+    watch w(1000);
+    w.heard(1, 1000);
+    w.know(2, true, 1000);
+    EXPECT_TRUE(w.is_news(1, 1000));
+    EXPECT_TRUE(w.is_news(2, 1000)) << "in the second of the start";
+    EXPECT_TRUE(w.is_news(3, 1000));
+    ASSERT_EQ(overdue_at(w, plan, 1190), "1 silent; ");
+    EXPECT_FALSE(w.is_news(1, 1189));
+    EXPECT_FALSE(w.heard(1, 1189));
+    EXPECT_EQ(overdue_at(w, plan, 1500), "");
+    EXPECT_TRUE(w.is_news(1, 1500));
+    EXPECT_TRUE(w.heard(1, 1500));
+    EXPECT_FALSE(w.is_news(1, 1499)) << "its end is on its way";
+    EXPECT_TRUE(w.is_news(1, 1500));
+}
+
 TEST(watch, a_test_of_which_nothing_comes_is_stale_once) {
     expected plan;
     watch w(0);

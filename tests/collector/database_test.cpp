@@ -252,5 +252,5 @@ TEST_F(database_test, what_cannot_be_read_says_why) {
     write_text(path, std::string(5000, 'x'));
     EXPECT_EQ(reason(), path + ": file is not a database");
     std::filesystem::remove(path);
-    EXPECT_EQ(reason(), path + ": unable to open database file");
+    EXPECT_EQ(reason(), path + ": unable to open database file: No such file or directory");
 }

@@ -218,7 +218,8 @@ TEST_F(report_test, problems_of_the_plan_are_printed) {
 TEST_F(report_test, what_cannot_be_read_is_an_error) {
     EXPECT_EQ(report(), "!" + plan_path + ": No such file or directory");
     write_text(plan_path, plan_text);
-    EXPECT_EQ(report(), "!" + database_path(state) + ": unable to open database file");
+    EXPECT_EQ(report(), "!" + database_path(state) +
+                            ": unable to open database file: No such file or directory");
     std::filesystem::create_directory(state);
     write_text(database_path(state), "");
     EXPECT_EQ(report(), "!" + database_path(state) + ": there is nothing in it");

@@ -3,6 +3,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <system_error>
 
 namespace {
 
@@ -106,7 +107,11 @@ bool database_open_file(const std::string& path, database& db, std::string& erro
         sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
     db.reset(handle);
     if (result != SQLITE_OK) {
-        error = path + ": " + sqlite3_errstr(result);
+        int why = handle != nullptr ? sqlite3_system_errno(handle) : 0;
+        error = path + ": " + sqlite3_errstr(result) +
+                (result == SQLITE_CANTOPEN && why != 0
+                     ? std::string(": ") + std::generic_category().message(why)
+                     : "");
         return false;
     }
     sqlite3_busy_timeout(handle, 2000);

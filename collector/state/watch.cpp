@@ -102,10 +102,14 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
         if (a.silent) {
             continue;
         }
-        if (now - std::max(a.heard, since_) > silent_after) {
+        const int64_t unheard = now - std::max(a.heard, since_);
+        if (unheard > silent_after) {
             a.silent = true;
             a.found = now;
             found.push_back({.agent = id, .silent = true, .tests = {}});
+            continue;
+        }
+        if (unheard > silent_after / 2) {
             continue;
         }
         int64_t counted_from = std::max(a.back, since_);

@@ -3,11 +3,13 @@
  *
  * An agent is silent when it was not heard for more than expected::silent_after(), a test stale
  * when its agent is not silent, its results are to come again, and nothing came of it for more than
- * expected::stale_after(). All of this counts from the last time at which the collector could not
- * do its work (pause()), for the tests of an agent that was silent from its return and of one that
- * was sent away with its results from then on (held_up()), and for a test from when its results
- * were to come (expected::repeats_since()). Being heard is not being stored: a poll that arrives
- * counts, whatever the disk does. What comes is not being heard: it may have arrived long ago. */
+ * expected::stale_after(). Of an agent that is on its way to silence, not heard for half of that
+ * time, no test becomes stale: what it lacks is the agent. All of this counts from the last time at
+ * which the collector could not do its work (pause()), for the tests of an agent that was silent
+ * from its return and of one that was sent away with its results from then on (held_up()), and for
+ * a test from when its results were to come (expected::repeats_since()). Being heard is not being
+ * stored: a poll that arrives counts, whatever the disk does. What comes is not being heard: it may
+ * have arrived long ago. */
 #ifndef VINDRAL_COLLECTOR_WATCH_H
 #define VINDRAL_COLLECTOR_WATCH_H
 

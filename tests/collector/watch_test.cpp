@@ -45,6 +45,29 @@ TEST(watch, an_agent_that_is_not_heard_is_silent_once) {
     EXPECT_EQ(overdue_at(w, plan, 1182), "1 silent; ");
 }
 
+/* Its last polls did not bring a result of each test: that is no news of the tests. */
+TEST(watch, a_host_that_dies_is_silent_and_its_tests_are_not_stale_before) {
+    expected plan;
+    plan.follow(plan_of(60, 60, {{66, 1}, {66, 2}, {66, 3}}), 0);
+    watch w(0);
+    w.heard(1, 700);
+    w.came(1, {66, 3}, 880);
+    w.heard(1, 940);
+    w.came(1, {66, 2}, 940);
+    w.heard(1, 1000);
+    w.came(1, {66, 1}, 1000);
+    EXPECT_EQ(overdue_at(w, plan, 1061), "1 stale 66/3; ") << "its next poll may be under way";
+    for (int64_t now = 1062; now <= 1180; now++) {
+        EXPECT_EQ(overdue_at(w, plan, now), "") << now;
+    }
+    EXPECT_EQ(overdue_at(w, plan, 1181), "1 silent; ");
+    /* A poll under way is no reason to wait. */
+    w.heard(1, 2000);
+    w.came(1, {66, 1}, 2000);
+    w.heard(1, 2120);
+    EXPECT_EQ(overdue_at(w, plan, 2181), "1 stale 66/1 66/2; ");
+}
+
 /* A large block is stored in slices, long after it came, and its agent polls meanwhile. */
 TEST(watch, what_was_heard_earlier_and_is_told_later_takes_nothing_back) {
     expected plan;

@@ -338,6 +338,8 @@ class Watch:
                 known[2] = True
                 silent.append(agent)
                 continue
+            if now - max(known[0], self.since) > plan.silent_after(now) // 2:
+                continue  # it is about to be silent: nothing is held against its tests
             keys = [key for key, test in self.tests[agent].items()
                     if not test[1] and plan.repeats_since(key) is not None
                     and now - max(test[0], known[1], self.since, plan.repeats_since(key)) > plan.stale_after(now)]

@@ -55,16 +55,16 @@ private:
 std::string remarks(const table_state& s, const block& b, int64_t now) {
     const host& h = *b.shown;
     std::string text;
-    size_t hidden = b.tests.problems - b.problem_lines;
-    if (hidden > 0) {
-        text += " (" + counted(hidden, "more problem") + " not shown)";
-    }
     if (!h.heard) {
         text += ", last heard " + age_text(now - h.last_seen) + " ago";
     }
     if (h.unplanned >= 0 && h.unplanned > s.plan_since + 2 * s.test_interval(now) &&
         now - h.unplanned <= s.awaited.stale_after(now)) {
-        text += ", and tests that are not in the plan";
+        text += ", and tests not in the plan";
+    }
+    size_t hidden = b.tests.problems - b.problem_lines;
+    if (hidden > 0) {
+        text += " (" + counted(hidden, "more problem") + " not shown)";
     }
     return text;
 }

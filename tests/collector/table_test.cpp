@@ -365,6 +365,7 @@ TEST_F(table_test, a_host_that_says_nothing_for_three_polls_is_silent) {
     hear("web2");
     now += 60;
     hear("web1"); /* its results come with the next poll */
+    hear("web2");
     EXPECT_EQ(screen()[1], "web1  1 problem, 1 ok");
     EXPECT_EQ(screen()[4], "web2  2 stale");
 }
@@ -476,7 +477,7 @@ TEST_F(table_test, tests_that_leave_the_plan_vanish_whatever_agents_still_send) 
     now += 150;
     add("web1", 1);
     add("web1", 2, 2, "high\n"); /* is not */
-    EXPECT_EQ(screen()[1], "web1  1 ok, and tests that are not in the plan");
+    EXPECT_EQ(screen()[1], "web1  1 ok, and tests not in the plan");
     now += 150;
     add("web1", 1);
     now += 31;
@@ -504,6 +505,20 @@ TEST_F(table_test, what_does_not_fit_is_counted) {
     lines = screen(2, 80);
     EXPECT_EQ(lines[1], "web   load average 25: high  load1 0.5 load5 0.25 load15 0.125");
     EXPECT_EQ(screen(3, 24)[2], "... more: 29 ok");
+}
+
+TEST_F(table_test, what_a_host_does_beside_the_plan_is_told_before_what_is_counted_below) {
+    std::vector<std::string> lines = {"CHK\t0\t60"};
+    for (int i = 1; i <= 20; i++) {
+        lines.push_back("LAA\t" + std::to_string(i) + load_test);
+    }
+    plan(lines);
+    now += 150;
+    for (int i = 1; i <= 21; i++) {
+        add("web1", i, 2, "high\n");
+    }
+    EXPECT_EQ(screen(10, 80)[1],
+              "web1  20 problems, and tests not in the plan (13 more problems not shown)");
 }
 
 TEST_F(table_test, each_host_with_problems_has_a_line_before_any_has_many) {
@@ -570,7 +585,8 @@ TEST_F(table_test, what_the_collector_says_is_at_the_bottom) {
 TEST_F(table_test, what_the_collector_says_is_broken_into_lines) {
     add("web1", 5);
     table.say("an older one that is long enough not to fit", now);
-    table.say("plan line 4: agents that run have it already and keep it just as it was before", now);
+    table.say("plan line 4: agents that run have it already and keep it just as it was before",
+              now);
     std::vector<std::string> lines = screen(24, 40);
     ASSERT_EQ(lines.size(), 8u) << text(24, 40);
     EXPECT_EQ(lines[3], "* 12:00:00 an older one that is long");

@@ -12,6 +12,12 @@ static constexpr int64_t between_looks = 2;  /* seconds */
 static constexpr int64_t asleep = 10;        /* that long without a look: nobody listened */
 static constexpr int64_t between_rows = 180; /* a row is written that seldom for its last_seen */
 
+static watch::standing standing_of(const test_status& test) {
+    return test.now == state::stale     ? watch::standing::stale
+           : test.now == state::unknown ? watch::standing::gone
+                                        : watch::standing::awaited;
+}
+
 int64_t attendance::clock() {
     return steady_clock();
 }
@@ -72,7 +78,7 @@ void attendance::know(const known_agent& row, const agent_state& state, int64_t 
     for (const test_status& test : state.tests) {
         newest_ = std::max(newest_, test.time);
         if (test.number) {
-            watch_.know(row.id, {test.type, *test.number}, test.now == state::stale, now);
+            watch_.know(row.id, {test.type, *test.number}, standing_of(test), now);
         }
     }
 }
@@ -250,6 +256,7 @@ bool attendance::write_state(watch::overdue& what, agent_work& work) {
         take_silence(work.state, now, work.out);
     } else {
         take_stale(work.state, what.tests, now, work.out);
+        take_gone(work.state, what.gone, now, work.out);
     }
     return work.out.changes.empty() ||
            (storing_.changes(work) && engine_.set_state(work.id, storing_.packed(work)));

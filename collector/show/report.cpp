@@ -30,6 +30,7 @@ void print_agent(std::ostream& out, const known_agent& agent, const agent_state&
     for (const planned_test& test : tests) {
         const test_status* last = state.find(test.type, test.id);
         bool comes = last != nullptr && !state.silent && last->now != state::stale &&
+                     last->now != state::unknown && /* it had gone from the plan, and is back */
                      !too_old(age, last->received);
         print_test(out, agent, test, last, comes, count);
     }

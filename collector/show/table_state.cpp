@@ -167,7 +167,7 @@ void table_state::know(host& h, const agent_state& stored) {
     for (const test_status& test : stored.tests) {
         test_key key{test.type, test.number.value_or(0)};
         bool strange = !test.number;
-        if (strange || is_kept(key)) {
+        if (strange || (is_kept(key) && test.now != state::unknown)) {
             row first;
             first.strange = strange;
             settle_state(first, test, start);

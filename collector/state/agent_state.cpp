@@ -240,12 +240,12 @@ bool is_before(const test_status& a, uint32_t type, std::optional<int32_t> numbe
     return a.type != type ? a.type < type : a.number < number;
 }
 
-/* Better to worse. */
+/* Better to worse; what is unknown counts for nothing. */
 int badness(state s) {
     switch (s) {
-    case state::ok:
-        return 0;
     case state::unknown:
+        return 0;
+    case state::ok:
         return 1;
     case state::stale:
         return 2;
@@ -369,13 +369,13 @@ state agent_state::worst() const {
     if (silent) {
         return state::silent;
     }
-    std::optional<state> worst;
+    state worst = state::unknown;
     for (const test_status& t : tests) {
-        if (t.number && (!worst || badness(t.now) > badness(*worst))) {
+        if (t.number && badness(t.now) > badness(worst)) {
             worst = t.now;
         }
     }
-    return worst.value_or(state::unknown);
+    return worst;
 }
 
 state shown_state(const agent_state& agent, const test_status& test) {

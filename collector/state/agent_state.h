@@ -17,8 +17,9 @@
 #include <utility>
 #include <vector>
 
-/* The numbers are stored. Of a test `unknown` (nothing has come yet) to `stale` (it was known, and
- * nothing has come for too long), of an agent as well `silent`. */
+/* The numbers are stored. Of a test `unknown` (nothing has come yet, or it is gone: the plan does
+ * not have it, and nothing comes any more) to `stale` (it was known, and nothing has come for too
+ * long), of an agent as well `silent`. */
 enum class state : uint8_t { unknown = 0, ok = 1, problem = 2, stale = 3, silent = 4 };
 
 std::string_view state_word(state s);
@@ -87,8 +88,8 @@ struct agent_state {
     test_status* find(uint32_t type, std::optional<int32_t> number);
     const test_status* find(uint32_t type, std::optional<int32_t> number) const;
 
-    /* The worst of the tests, or silent: problem, stale, unknown, ok; unknown without tests. Those
-     * without a number are none. */
+    /* The worst of the tests, or silent: problem, stale, ok; unknown where none of them is known.
+     * Those without a number are none. */
     state worst() const;
 };
 

@@ -21,6 +21,7 @@ void expected::follow(const plan_summary& plan, int64_t now) {
         }
     }
     now_ = plan.every;
+    changes_++;
     is_followed_ = true;
     if (plan.is_planned) {
         follow_tests(plan, now);
@@ -59,17 +60,25 @@ int64_t expected::stale_after(int64_t now) const {
     return std::max(3 * int64_t{std::max(every.poll, every.check)}, least_patience);
 }
 
-std::optional<int64_t> expected::repeats_since(uint32_t type, int32_t number) const {
-    if (type == protocol::discovery.code || now_.check <= 0) {
-        return std::nullopt;
-    }
+const expected::planned* expected::find(uint32_t type, int32_t number) const {
     std::pair test(type, number);
     auto found =
         std::lower_bound(tests_.begin(), tests_.end(), test,
                          [](const planned& p, const auto& wanted) { return p.test < wanted; });
-    bool is_known = found != tests_.end() && found->test == test;
-    if (is_planned_ && !is_known) {
+    return found != tests_.end() && found->test == test ? &*found : nullptr;
+}
+
+std::optional<int64_t> expected::repeats_since(uint32_t type, int32_t number) const {
+    if (type == protocol::discovery.code || now_.check <= 0) {
         return std::nullopt;
     }
-    return std::max(repeating_since_, is_known ? found->since : unplanned_since_);
+    const planned* known = find(type, number);
+    if (is_planned_ && known == nullptr) {
+        return std::nullopt;
+    }
+    return std::max(repeating_since_, known != nullptr ? known->since : unplanned_since_);
+}
+
+bool expected::has_ended(uint32_t type, int32_t number) const {
+    return is_planned_ && type != protocol::discovery.code && find(type, number) == nullptr;
 }

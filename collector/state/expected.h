@@ -41,6 +41,12 @@ public:
      * held against it. Those of discovery never are, none are while `check` is 0, and with a plan
      * only those in it. INT64_MIN: from the start. */
     std::optional<int64_t> repeats_since(uint32_t type, int32_t number) const;
+    /* Whether there is a plan, and the test is not in it: nothing is to come of it any more. False
+     * of discovery, of which nothing is awaited in any case. */
+    bool has_ended(uint32_t type, int32_t number) const;
+    bool has_plan() const { return is_planned_; }
+    /* Grows when another plan is followed. */
+    unsigned changes() const { return changes_; }
     bool repeats(uint32_t type, int32_t number) const {
         return repeats_since(type, number).has_value();
     }
@@ -51,9 +57,11 @@ private:
         int64_t since;
     };
     void follow_tests(const plan_summary& plan, int64_t now);
+    const planned* find(uint32_t type, int32_t number) const;
 
     intervals now_, longer_;
     int64_t longer_until_ = INT64_MIN;
+    unsigned changes_ = 0;
     bool is_followed_ = false, is_planned_ = false;
     int64_t repeating_since_ = INT64_MIN; /* tests at all */
     int64_t unplanned_since_ = INT64_MIN; /* tests that are in no plan */

@@ -431,7 +431,8 @@ private:
     void count_missing(const test_status& t, const record_summary& what, const pass_mark& mark,
                        int64_t time) {
         int64_t interval = now_.interval;
-        if (interval <= 0 || !t.number || is_type(what, protocol::discovery) || time <= t.reached ||
+        if (interval <= 0 || !t.number || t.now == state::unknown ||
+            is_type(what, protocol::discovery) || time <= t.reached ||
             time < minus(arrival_, max_gap_s) || mark.location != t.location) {
             return;
         }
@@ -558,12 +559,22 @@ void take_silence(agent_state& agent, int64_t time, outcome& out) {
     }
 }
 
-void take_stale(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
-                int64_t time, outcome& out) {
+static void take_all(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
+                     state to, const char* message, int64_t time, outcome& out) {
     for (const auto& [type, number] : tests) {
         test_status* t = agent.find(type, number);
-        if (t != nullptr && t->now != state::stale) {
-            put_change(*t, state::stale, not_before(t->since, time), {}, out);
+        if (t != nullptr && t->now != to) {
+            put_change(*t, to, not_before(t->since, time), message, out);
         }
     }
+}
+
+void take_stale(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
+                int64_t time, outcome& out) {
+    take_all(agent, tests, state::stale, "", time, out);
+}
+
+void take_gone(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
+               int64_t time, outcome& out) {
+    take_all(agent, tests, state::unknown, gone_message, time, out);
 }

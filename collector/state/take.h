@@ -16,7 +16,8 @@
  * test stays unknown. A process test that is a problem stays one while a pass without problems has
  * fewer records than the pass before: the others may be on their way. That there are no more is
  * known when the next pass of the test begins, or the next block (or slice of it) brings nothing of
- * the pass; then the pass makes the event that it would have made, without a message.
+ * the pass; then the pass makes the event that it would have made, without a message. A test that
+ * is gone (watch.h) is unknown until something comes of it.
  *
  * TIME  The time of a pass is its first record's check time; the arrival where that lies more than
  * skew_s after the arrival, always for MySQL, and where there is none. (`claimed` keeps what the
@@ -45,7 +46,8 @@
  * 1.5 intervals, round(distance / interval) - 1 passes are missing: one interval before the pass,
  * two before it, and so on, each counted in the hour in which it should have been. Nothing is
  * missing before a pass that is overtaken or does not lie after `reached`, before one whose
- * location id differs from that of the one before, and of tests that run once (all of them with
+ * location id differs from that of the one before, before the first one of a test that was gone,
+ * and of tests that run once (all of them with
  * interval 0, and discovery) or have no number. At more than max_gap_s there is no gap but another
  * life, and what lies more than max_gap_s before its arrival is too old to tell: nothing is missing
  * before it. */
@@ -65,6 +67,7 @@ constexpr int64_t skew_s = 300;
 constexpr int64_t max_gap_s = 31 * 86400;
 constexpr int64_t pass_s = 2;
 constexpr size_t max_message = 1000;
+constexpr const char* gone_message = "no longer in the plan";
 constexpr int64_t coarse_s = 128; /* between two times that a MySQL record can hold */
 
 /* How long things take now (expected.h). */
@@ -123,10 +126,13 @@ void take_repetition(agent_state& agent, std::span<const decoded_record> records
  * worst of its tests. */
 void take_heard(agent_state& agent, int64_t time, outcome& out);
 /* Nothing was heard of it for too long: an event of the agent, from the worst of its tests, which
- * stay as they are, to silent. Nothing came of these tests for too long: each becomes stale. What
- * is so already, and what is not known, is passed over. */
+ * stay as they are, to silent. Nothing came of these tests for too long: each becomes stale; or it
+ * is gone, and becomes unknown, with gone_message. What is so already, and what is not known, is
+ * passed over. */
 void take_silence(agent_state& agent, int64_t time, outcome& out);
 void take_stale(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
                 int64_t time, outcome& out);
+void take_gone(agent_state& agent, std::span<const std::pair<uint32_t, int32_t>> tests,
+               int64_t time, outcome& out);
 
 #endif

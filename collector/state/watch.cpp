@@ -7,22 +7,39 @@
 namespace {
 
 constexpr size_t max_tests = agent_state::max_tests;
-constexpr int64_t never = INT64_MAX;
 
-/* Since when something is to come of it. */
-int64_t wanted_since(const expected& plan, const watch::test_key& test) {
-    return plan.repeats_since(test.first, test.second).value_or(never);
+/* From when on it counts that nothing comes of a test: of one that has ended, of others. Nothing:
+ * it stays what it is. */
+std::optional<int64_t> counts_from(const expected& plan, const watch::test_key& test,
+                                   watch::standing is, bool has_ended) {
+    using enum watch::standing;
+    if (has_ended) {
+        return is == gone ? std::nullopt : std::optional(INT64_MIN);
+    }
+    if (is == stale || (is == gone && !plan.has_plan())) {
+        return std::nullopt;
+    }
+    return plan.repeats_since(test.first, test.second);
 }
 
 } // namespace
 
-void watch::know(int64_t agent, bool silent, int64_t now) {
-    agents_[agent] = {
-        .heard = now, .back = now, .found = now, .oldest = now, .silent = silent, .tests = {}};
+watch::agent watch::fresh(int64_t now, bool silent) {
+    return {.heard = now,
+            .back = now,
+            .found = now,
+            .oldest = now,
+            .plan = 0,
+            .silent = silent,
+            .tests = {}};
 }
 
-void watch::know(int64_t agent, const test_key& test, bool stale, int64_t now) {
-    put(known(agent, now), {test, now, stale});
+void watch::know(int64_t agent, bool silent, int64_t now) {
+    agents_[agent] = fresh(now, silent);
+}
+
+void watch::know(int64_t agent, const test_key& test, standing as, int64_t now) {
+    put(known(agent, now), {test, now, as});
 }
 
 bool watch::heard(int64_t agent, int64_t now) {
@@ -43,7 +60,7 @@ bool watch::is_news(int64_t agent, int64_t heard) const {
 }
 
 void watch::came(int64_t agent, const test_key& test, int64_t now) {
-    put(known(agent, now), {test, now, false});
+    put(known(agent, now), {test, now, standing::awaited});
 }
 
 void watch::held_up(int64_t agent, int64_t now) {
@@ -58,8 +75,7 @@ void watch::forget(int64_t agent) {
 watch::agent& watch::known(int64_t id, int64_t now) {
     auto [found, added] = agents_.try_emplace(id);
     if (added) {
-        found->second = {
-            .heard = now, .back = now, .found = now, .oldest = now, .silent = false, .tests = {}};
+        found->second = fresh(now, false);
     }
     return found->second;
 }
@@ -112,29 +128,34 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
         if (unheard > silent_after / 2) {
             continue;
         }
-        int64_t counted_from = std::max(a.back, since_);
-        if (now - std::max(a.oldest, counted_from) <= stale_after) {
+        if (a.plan == plan.changes() && now - std::max({a.oldest, a.back, since_}) <= stale_after) {
             continue;
         }
-        overdue late{.agent = id, .silent = false, .tests = {}};
-        a.oldest = now;
-        for (test& t : a.tests) {
-            int64_t since = std::max(t.came, counted_from);
-            if (t.stale) {
-                continue;
-            }
-            if (now - since > stale_after) {
-                int64_t wanted = wanted_since(plan, t.key);
-                t.stale = wanted != never && now - std::max(since, wanted) > stale_after;
-                if (t.stale) {
-                    late.tests.push_back(t.key);
-                    continue;
-                }
-            }
-            a.oldest = std::min(a.oldest, t.came);
-        }
-        if (!late.tests.empty()) {
+        overdue late{.agent = id, .silent = false, .tests = {}, .gone = {}};
+        look_at_tests(a, plan, now, late);
+        if (!late.tests.empty() || !late.gone.empty()) {
             found.push_back(std::move(late));
+        }
+    }
+}
+
+void watch::look_at_tests(agent& a, const expected& plan, int64_t now, overdue& late) const {
+    const int64_t counted_from = std::max(a.back, since_), stale_after = plan.stale_after(now);
+    a.oldest = now;
+    a.plan = plan.changes();
+    for (test& t : a.tests) {
+        const int64_t since = std::max(t.came, counted_from);
+        if (t.is == standing::awaited && now - since <= stale_after) {
+            a.oldest = std::min(a.oldest, t.came);
+            continue;
+        }
+        const bool has_ended = plan.has_ended(t.key.first, t.key.second);
+        const std::optional<int64_t> from = counts_from(plan, t.key, t.is, has_ended);
+        if (from && now - std::max(since, *from) <= stale_after) {
+            a.oldest = std::min(a.oldest, t.came);
+        } else if (from) {
+            t.is = has_ended ? standing::gone : standing::stale;
+            (has_ended ? late.gone : late.tests).push_back(t.key);
         }
     }
 }
@@ -145,12 +166,16 @@ bool watch::still_holds(overdue& what) const {
         return false;
     }
     const std::vector<test>& tests = found->second.tests;
-    std::erase_if(what.tests, [&](const test_key& key) {
-        auto is_before = [](const test& t, const test_key& wanted) { return t.key < wanted; };
-        auto at = std::lower_bound(tests.begin(), tests.end(), key, is_before);
-        return at == tests.end() || at->key != key || !at->stale;
-    });
-    return what.silent || !what.tests.empty();
+    auto leave = [&](std::vector<test_key>& keys, standing as) {
+        std::erase_if(keys, [&](const test_key& key) {
+            auto is_before = [](const test& t, const test_key& wanted) { return t.key < wanted; };
+            auto at = std::lower_bound(tests.begin(), tests.end(), key, is_before);
+            return at == tests.end() || at->key != key || at->is != as;
+        });
+    };
+    leave(what.tests, standing::stale);
+    leave(what.gone, standing::gone);
+    return what.silent || !what.tests.empty() || !what.gone.empty();
 }
 
 void watch::take_back(const overdue& what) {
@@ -160,9 +185,13 @@ void watch::take_back(const overdue& what) {
     }
     agent& a = found->second;
     a.silent = a.silent && !what.silent;
+    auto has = [](const std::vector<test_key>& keys, const test& t) {
+        return std::binary_search(keys.begin(), keys.end(), t.key);
+    };
     for (test& t : a.tests) {
-        if (t.stale && std::binary_search(what.tests.begin(), what.tests.end(), t.key)) {
-            t.stale = false;
+        if ((t.is == standing::stale && has(what.tests, t)) ||
+            (t.is == standing::gone && has(what.gone, t))) {
+            t.is = standing::awaited;
             a.oldest = std::min(a.oldest, t.came);
         }
     }

@@ -4,12 +4,15 @@
  * An agent is silent when it was not heard for more than expected::silent_after(), a test stale
  * when its agent is not silent, its results are to come again, and nothing came of it for more than
  * expected::stale_after(). Of an agent that is on its way to silence, not heard for half of that
- * time, no test becomes stale: what it lacks is the agent. All of this counts from the last time at
- * which the collector could not do its work (pause()), for the tests of an agent that was silent
- * from its return and of one that was sent away with its results from then on (held_up()), and for
- * a test from when its results were to come (expected::repeats_since()). Being heard is not being
- * stored: a poll that arrives counts, whatever the disk does. What comes is not being heard: it may
- * have arrived long ago. */
+ * time, no test becomes stale: what it lacks is the agent. Where results are not to come again
+ * because the plan does not have the test (expected::has_ended()), it is gone then, also when it
+ * was stale. One that is gone is awaited again when something comes of it or a plan has it; that
+ * there is no plan any more changes nothing. All of this counts from the last time at which the
+ * collector could not do its work (pause()), for the tests of an agent that was silent from its
+ * return and of one that was sent away with its results from then on (held_up()), and for a test
+ * from when its results were to come (expected::repeats_since()). Being heard is not being stored:
+ * a poll that arrives counts, whatever the disk does. What comes is not being heard: it may have
+ * arrived long ago. */
 #ifndef VINDRAL_COLLECTOR_WATCH_H
 #define VINDRAL_COLLECTOR_WATCH_H
 
@@ -27,12 +30,14 @@ class watch {
 public:
     using test_key = std::pair<uint32_t, int32_t>;
 
+    enum class standing : uint8_t { awaited, stale, gone };
+
     explicit watch(int64_t now) : since_(now) {}
 
     /* An agent and a test of it, from the store at the start. They have come just now, but for
-     * what is silent or stale already. */
+     * what is silent, stale or gone already. */
     void know(int64_t agent, bool silent, int64_t now);
-    void know(int64_t agent, const test_key& test, bool stale, int64_t now);
+    void know(int64_t agent, const test_key& test, standing as, int64_t now);
 
     /* True when it was silent: take_heard() is due. One that is not known is known then. What was
      * heard before that is told later changes nothing, nor does what was heard before it was found
@@ -54,10 +59,12 @@ public:
 
     struct overdue {
         int64_t agent = 0;
-        bool silent = false;              /* otherwise: these tests are stale */
+        bool silent = false;              /* otherwise: these tests are stale, */
         std::vector<test_key> tests = {}; /* rising */
+        std::vector<test_key> gone = {};  /* and these are gone; likewise */
     };
-    /* Each thing once: they are taken for silent and stale until they are heard or come again.
+    /* Each thing once: they are taken for what they were found to be until they are heard or come
+     * again. `plan` is one and the same for all calls.
      * `most` agents at a time, in no order. */
     void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
     /* Leaves of what was found what holds, because nothing was heard or came since. False when that
@@ -70,16 +77,19 @@ private:
     struct test {
         test_key key;
         int64_t came;
-        bool stale;
+        standing is;
     };
     struct agent {
         int64_t heard, back;
         int64_t found;  /* when it was found to be silent, the last time */
-        int64_t oldest; /* no test came before, but for those that are stale */
+        int64_t oldest; /* none came before of which something can become by this plan: */
+        unsigned plan;  /* expected::changes() */
         bool silent;
         std::vector<test> tests; /* by key */
     };
     agent& known(int64_t id, int64_t now);
+    static agent fresh(int64_t now, bool silent);
+    void look_at_tests(agent& a, const expected& plan, int64_t now, overdue& late) const;
     static void put(agent& of, const test& fresh);
     static void forget_half(agent& of);
 

@@ -237,7 +237,9 @@ TEST(agent_state, an_agent_is_what_the_worst_of_its_tests_is) {
     EXPECT_EQ(a.worst(), state::unknown) << "what has no number is no test";
     a.tests.push_back(test_with(100, 1, state::ok));
     EXPECT_EQ(a.worst(), state::ok);
-    for (state worse : {state::unknown, state::stale, state::problem}) {
+    a.tests.push_back(test_with(100, 2, state::unknown));
+    EXPECT_EQ(a.worst(), state::ok) << "one that is gone counts for nothing";
+    for (state worse : {state::stale, state::problem}) {
         a.tests.push_back(test_with(101 + static_cast<uint32_t>(a.tests.size()), 1, worse));
         EXPECT_EQ(a.worst(), worse);
         a.tests.push_back(test_with(101 + static_cast<uint32_t>(a.tests.size()), 1, state::ok));

@@ -202,8 +202,63 @@ TEST_F(attendance_test, a_test_that_the_plan_does_not_have_is_not_waited_for) {
     open();
     s->follow({.every = {}, .is_planned = true, .tests = {{type_load_average, 6}}}, {});
     submit(load_record(5, noon - 1) + load_record(6, noon - 1));
-    pass(400, "web1");
-    EXPECT_EQ(events().size(), 3u);
+    pass(170, "web1");
+    EXPECT_EQ(events().size(), 2u);
+    pass(230, "web1");
+    strings all = events();
+    ASSERT_EQ(all.size(), 4u);
+    std::sort(all.begin() + 2, all.end(), [](const std::string& a, const std::string& b) {
+        return a.substr(a.find(' ')) < b.substr(b.find(' '));
+    });
+    EXPECT_TRUE(all[2].ends_with(" web1 test ok>stale ")) << all[2];
+    EXPECT_TRUE(all[3].ends_with(" web1 test ok>unknown no longer in the plan")) << all[3];
+}
+
+/* Nobody could mend it. */
+TEST_F(attendance_test, a_problem_that_left_the_plan_is_none_of_its_agents) {
+    auto plan = [&](std::vector<std::pair<uint32_t, int32_t>> tests) {
+        s->follow({.every = {}, .is_planned = true, .tests = std::move(tests)}, {});
+    };
+    auto worst = [&] {
+        look();
+        std::string error;
+        auto reader = open_reader(state, error);
+        for (const stored_agent_row& row : stored_agents(*reader, error)) {
+            if (row.name == "web1") {
+                return std::string(state_word(row.state.worst()));
+            }
+        }
+        return error;
+    };
+    auto live =
+        [&](int64_t seconds,
+            bool both) { /* a poll a minute */
+                         for (int64_t end = steady + seconds; steady < end;) {
+                             submit(load_record(6, wall - 1) +
+                                    (both ? load_record(5, wall - 1, 2, "too much\n") : ""));
+                             pass(60, "web1");
+                         }
+        };
+    open();
+    plan({{type_load_average, 5}, {type_load_average, 6}});
+    live(300, true);
+    EXPECT_EQ(worst(), "problem");
+    plan({{type_load_average, 6}});
+    live(60, true); /* plans act late */
+    live(120, false);
+    EXPECT_EQ(worst(), "problem");
+    live(120, false);
+    EXPECT_EQ(worst(), "ok");
+    restart(60);
+    plan({{type_load_average, 6}});
+    live(600, false);
+    strings all = events();
+    ASSERT_EQ(all.size(), 3u);
+    EXPECT_TRUE(all[2].ends_with(" web1 test problem>unknown no longer in the plan")) << all[2];
+    plan({{type_load_average, 5}, {type_load_average, 6}});
+    live(120, true);
+    EXPECT_EQ(worst(), "problem");
+    EXPECT_EQ(events().size(), 4u);
 }
 
 TEST_F(attendance_test, intervals_of_the_plan_count) {

@@ -86,6 +86,24 @@ TEST(expected, with_a_plan_only_its_tests_come_again) {
     EXPECT_EQ(e.repeats_since(66, 1), INT64_MIN);
 }
 
+TEST(expected, what_a_plan_does_not_have_has_ended) {
+    expected e;
+    EXPECT_FALSE(e.has_ended(66, 1));
+    EXPECT_FALSE(e.has_plan());
+    const unsigned none = e.changes();
+    e.follow({.every = {}, .is_planned = true, .tests = {{66, 1}}}, 0);
+    EXPECT_NE(e.changes(), none);
+    EXPECT_TRUE(e.has_plan());
+    EXPECT_FALSE(e.has_ended(66, 1));
+    EXPECT_TRUE(e.has_ended(66, 2));
+    EXPECT_FALSE(e.has_ended(40, 2)) << "discovery";
+    e.follow({.every = {.poll = 60, .check = 0}, .is_planned = true, .tests = {{66, 1}}}, 0);
+    EXPECT_FALSE(e.has_ended(66, 1));
+    EXPECT_TRUE(e.has_ended(66, 2));
+    e.follow({}, 0);
+    EXPECT_FALSE(e.has_ended(66, 2));
+}
+
 TEST(expected, tests_that_run_once_do_not_come_again) {
     expected e;
     e.follow(plan(60, 0, {{66, 1}}), 0);

@@ -222,6 +222,7 @@ void look(const char* at) {
         }
         std::sort(each.tests.begin(), each.tests.end());
         take_stale(under_way, each.tests, time, out);
+        take_gone(under_way, each.gone, time, out);
         close_agent(each.agent, agent);
     }
 }
@@ -234,7 +235,11 @@ void start(const char* at) {
         on_watch.know(id, under_way.silent, now);
         for (const test_status& test : under_way.tests) {
             if (test.number) {
-                on_watch.know(id, {test.type, *test.number}, test.now == state::stale, now);
+                on_watch.know(id, {test.type, *test.number},
+                              test.now == state::stale     ? watch::standing::stale
+                              : test.now == state::unknown ? watch::standing::gone
+                                                           : watch::standing::awaited,
+                              now);
             }
         }
     }

@@ -130,7 +130,8 @@ struct table_test : testing::Test {
         take_results(state, records, received, {}, out, places);
         overdue.know(id_of(name), state.silent, noon);
         for (const test_status& test : state.tests) {
-            overdue.know(id_of(name), {test.type, test.number.value_or(0)}, false, noon);
+            overdue.know(id_of(name), {test.type, test.number.value_or(0)},
+                         watch::standing::awaited, noon);
         }
         table.know(name.first, name.second, received, state);
         for (const decoded_record& r : records) {

@@ -112,6 +112,12 @@ struct host {
         return note();
     }
 
+    std::string gone(int64_t time, const std::vector<std::pair<uint32_t, int32_t>>& tests) {
+        out.clear();
+        take_gone(agent, tests, time, out);
+        return note();
+    }
+
     /* As it is between two blocks. */
     void keep() {
         std::string packed, again;
@@ -738,6 +744,29 @@ TEST(take, tests_become_stale_once) {
     EXPECT_EQ(h.stale(noon + 182, {{66, 1}}), "");
     EXPECT_EQ(h.agent.worst(), state::stale);
     EXPECT_EQ(h.block(noon + 300, load(1, noon + 300)), "66/1 stale>ok 300 fine; ");
+}
+
+TEST(take, a_test_that_is_gone_is_unknown_until_something_comes_of_it) {
+    host h;
+    h.block(noon, load(1, noon) + load(2, noon, 2) + load(3, noon));
+    h.stale(noon + 181, {{66, 3}});
+    EXPECT_EQ(h.gone(noon + 182, {{66, 2}, {66, 3}, {66, 9}, {48, 1}}),
+              "66/2 problem>unknown 182 no longer in the plan; "
+              "66/3 stale>unknown 182 no longer in the plan; ");
+    EXPECT_EQ(h.gone(noon + 183, {{66, 2}}), "");
+    h.keep();
+    EXPECT_EQ(h.agent.worst(), state::ok) << "of the one that is left";
+    EXPECT_EQ(h.gone(noon + 184, {{66, 1}}), "66/1 ok>unknown 184 no longer in the plan; ");
+    EXPECT_EQ(h.agent.worst(), state::unknown);
+    /* Back in the plan, after a day in which none was to come. */
+    EXPECT_EQ(h.block(noon + 86400, load(2, noon + 86340) + load(2, noon + 86400, 2)),
+              "66/2 unknown>ok 86340 fine; 66/2 ok>problem 86400 high; ");
+    EXPECT_EQ(h.total().missing, 0u);
+    EXPECT_EQ(h.block(noon + 86640, load(2, noon + 86640, 2)), "");
+    EXPECT_EQ(h.total().missing, 3u);
+    /* And once more nothing is heard of it. */
+    EXPECT_EQ(h.gone(noon + 90000, {{66, 3}}), "");
+    EXPECT_EQ(h.stale(noon + 90000, {{66, 3}}), "66/3 unknown>stale 90000; ");
 }
 
 /* ---- many of them ---- */

@@ -8,6 +8,7 @@
 namespace {
 
 using tests = std::vector<watch::test_key>;
+using standing = watch::standing;
 
 std::string overdue_at(watch& w, const expected& plan, int64_t now, size_t most = SIZE_MAX) {
     std::vector<watch::overdue> found(3);
@@ -16,11 +17,19 @@ std::string overdue_at(watch& w, const expected& plan, int64_t now, size_t most 
               [](const auto& a, const auto& b) { return a.agent < b.agent; });
     std::string all;
     for (const watch::overdue& o : found) {
-        all += std::to_string(o.agent) + (o.silent ? " silent" : " stale");
-        for (const auto& [type, number] : o.tests) {
-            all += " " + std::to_string(type) + "/" + std::to_string(number);
+        auto add = [&](const char* what, const tests& which) {
+            all += std::to_string(o.agent) + what;
+            for (const auto& [type, number] : which) {
+                all += " " + std::to_string(type) + "/" + std::to_string(number);
+            }
+            all += "; ";
+        };
+        if (o.silent || !o.tests.empty()) {
+            add(o.silent ? " silent" : " stale", o.tests);
         }
-        all += "; ";
+        if (!o.gone.empty()) {
+            add(" gone", o.gone);
+        }
     }
     return all;
 }
@@ -146,10 +155,10 @@ TEST(watch, what_the_store_knows_has_time_from_the_start) {
     expected plan;
     watch w(1000);
     w.know(1, false, 1000);
-    w.know(1, {66, 1}, false, 1000);
-    w.know(1, {66, 2}, true, 1000);
+    w.know(1, {66, 1}, standing::awaited, 1000);
+    w.know(1, {66, 2}, standing::stale, 1000);
     w.know(2, true, 1000);
-    w.know(2, {66, 1}, false, 1000);
+    w.know(2, {66, 1}, standing::awaited, 1000);
     EXPECT_EQ(overdue_at(w, plan, 1180), "");
     w.heard(1, 1180);
     EXPECT_EQ(overdue_at(w, plan, 1181), "1 stale 66/1; ") << "66/2 is stale, 2 silent already";
@@ -179,7 +188,7 @@ TEST(watch, one_shot_and_unplanned_tests_are_never_stale) {
     w.came(1, {66, 2}, 0);
     plan.follow(plan_of(60, 60, {{40, 1}, {66, 2}}), 0);
     w.heard(1, 1000);
-    EXPECT_EQ(overdue_at(w, plan, 1000), "1 stale 66/2; ");
+    EXPECT_EQ(overdue_at(w, plan, 1000), "1 stale 66/2; 1 gone 66/1; ");
     EXPECT_EQ(overdue_at(w, plan, 1001), "");
 
     plan.follow(plan_of(60, 60, {{66, 1}, {66, 2}}), 1010);
@@ -188,10 +197,84 @@ TEST(watch, one_shot_and_unplanned_tests_are_never_stale) {
     EXPECT_EQ(overdue_at(w, plan, 1191), "1 stale 66/1; ");
 
     expected once;
-    once.follow(plan_of(60, 0, {{66, 3}}), 0);
+    once.follow(plan_of(60, 0, {{66, 1}, {66, 2}, {66, 3}}), 0);
     w.came(1, {66, 3}, 1200);
     w.heard(1, 5000);
     EXPECT_EQ(overdue_at(w, once, 5000), "");
+}
+
+TEST(watch, a_test_that_left_the_plan_is_gone_when_nothing_came_of_it_for_as_long) {
+    expected plan;
+    watch w(0);
+    plan.follow(plan_of(60, 60, {{66, 1}, {66, 2}, {66, 3}}), 0);
+    w.heard(1, 0);
+    for (int number : {1, 2, 3}) {
+        w.came(1, {66, number}, 0);
+    }
+    w.came(1, {40, 7}, 0);
+    w.heard(1, 100);
+    w.came(1, {66, 1}, 100);
+    w.came(1, {66, 2}, 100);
+    ASSERT_EQ(overdue_at(w, plan, 181), "1 stale 66/3; ");
+    plan.follow(plan_of(60, 60, {{66, 1}}), 182);
+    w.came(1, {66, 1}, 182);
+    EXPECT_EQ(overdue_at(w, plan, 183), "1 gone 66/3; ") << "what was stale";
+    w.heard(1, 280);
+    w.came(1, {66, 2}, 250); /* a last one, on its way when the plan changed */
+    EXPECT_EQ(overdue_at(w, plan, 281), "");
+    w.came(1, {66, 1}, 281);
+    EXPECT_EQ(overdue_at(w, plan, 430), "");
+    EXPECT_EQ(overdue_at(w, plan, 431), "1 gone 66/2; ");
+    w.heard(1, 440);
+    w.came(1, {66, 1}, 440);
+    EXPECT_EQ(overdue_at(w, plan, 441), "") << "once";
+    w.came(1, {66, 2}, 441);
+    EXPECT_EQ(overdue_at(w, plan, 600), "");
+    w.heard(1, 600);
+    w.came(1, {66, 1}, 600);
+    EXPECT_EQ(overdue_at(w, plan, 622), "1 gone 66/2; ") << "something came in between";
+}
+
+TEST(watch, a_test_that_is_gone_is_awaited_when_a_plan_has_it) {
+    expected plan;
+    watch w(0);
+    plan.follow(plan_of(60, 60, {{66, 1}}), 0);
+    w.know(1, false, 1000);
+    w.know(1, {66, 1}, standing::awaited, 1000);
+    w.know(1, {66, 2}, standing::gone, 1000);
+    w.know(1, {66, 3}, standing::stale, 1000);
+    w.came(1, {66, 1}, 1170);
+    w.heard(1, 1170);
+    EXPECT_EQ(overdue_at(w, plan, 1180), "") << "a start gives it time";
+    EXPECT_EQ(overdue_at(w, plan, 1181), "1 gone 66/3; ");
+    w.heard(1, 1500);
+    w.came(1, {66, 1}, 1500);
+    plan.follow(plan_of(60, 60, {{66, 1}, {66, 2}}), 1502);
+    EXPECT_EQ(overdue_at(w, plan, 1503), "");
+    w.heard(1, 1680);
+    w.came(1, {66, 1}, 1680);
+    EXPECT_EQ(overdue_at(w, plan, 1682), "");
+    EXPECT_EQ(overdue_at(w, plan, 1683), "1 stale 66/2; ");
+    plan.follow({}, 1700); /* no plan at all */
+    w.heard(1, 3000);
+    w.came(1, {66, 1}, 3000);
+    EXPECT_EQ(overdue_at(w, plan, 3001), "") << "nor is 66/3";
+}
+
+TEST(watch, that_a_test_is_gone_is_found_again_when_it_was_not_stored) {
+    expected plan;
+    watch w(0);
+    plan.follow(plan_of(60, 60, {}), 0);
+    w.heard(1, 0);
+    w.came(1, {66, 1}, 0);
+    std::vector<watch::overdue> found;
+    w.heard(1, 181);
+    w.find_overdue(plan, 181, 10, found);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_TRUE(w.still_holds(found[0]));
+    w.take_back(found[0]);
+    EXPECT_FALSE(w.still_holds(found[0]));
+    EXPECT_EQ(overdue_at(w, plan, 182), "1 gone 66/1; ");
 }
 
 TEST(watch, longer_intervals_give_more_time) {

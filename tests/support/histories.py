@@ -246,7 +246,7 @@ class History:
             self.watch.know(number, state.silent, now)
             for key, test in state.tests.items():
                 if key[1] is not None:
-                    self.watch.know_test(number, key, test.now == state_model.STALE, now)
+                    self.watch.know_test(number, key, test.now, now)
         self.line("start %d" % now)
 
     def look(self, now):
@@ -255,10 +255,13 @@ class History:
             return
         self.line("look %d %d %d" % (now, self.clock_of_server + now, self.dice.choice((1, 3, 1000))))
         time = self.clock_of_server + now
-        silent, stale = self.watch.overdue(self.plan, now)
-        for number, keys in sorted([(number, None) for number in silent] + stale, key=lambda each: each[0]):
-            state = self.states[number]
-            self.expect(number, state.take_silence(time) if keys is None else state.take_stale(sorted(keys), time))
+        silent, stale, gone = self.watch.overdue(self.plan, now)
+        for number in silent:
+            self.expect(number, self.states[number].take_silence(time))
+        for number, keys in stale:
+            self.expect(number, self.states[number].take_stale(sorted(keys), time))
+        for number, keys in gone:
+            self.expect(number, self.states[number].take_gone(sorted(keys), time))
 
     def show(self):
         self.line("show")

@@ -86,7 +86,8 @@ class Agent:
         self.ledger.setdefault(time - time % 3600, [0, 0, 0])[column] += 1
 
     def count_missing(self, test, new, interval):
-        if (new.first.number is None or new.first.type == DISCOVERY or not interval or new.time <= test.reached
+        if (new.first.number is None or test.now == UNKNOWN or new.first.type == DISCOVERY or not interval
+                or new.time <= test.reached
                 or new.first.location != test.last.first.location):
             return
         distance = new.claimed - test.last.claimed
@@ -214,7 +215,7 @@ class Agent:
         if self.silent:
             return SILENT
         states = {test.now for key, test in self.tests.items() if key[1] is not None}
-        return next((s for s in (PROBLEM, STALE, UNKNOWN, OK) if s in states), UNKNOWN)
+        return next((s for s in (PROBLEM, STALE, OK) if s in states), UNKNOWN)
 
     def shown(self, test):
         """State and since when, from outside."""
@@ -235,14 +236,20 @@ class Agent:
         return [Change(None, self.since, before, SILENT, "")]
 
     def take_stale(self, keys, time):
+        return self.take_all(keys, STALE, "", time)
+
+    def take_gone(self, keys, time):
+        return self.take_all(keys, UNKNOWN, "no longer in the plan", time)
+
+    def take_all(self, keys, after, message, time):
         changes = []
         for key in keys:
             test = self.tests.get(key)
-            if test is not None and test.now != STALE:
+            if test is not None and test.now != after:
                 test.held = False
                 test.since = not_before(test.since, time)
-                changes.append(Change(key, test.since, test.now, STALE, ""))
-                test.now = STALE
+                changes.append(Change(key, test.since, test.now, after, message))
+                test.now = after
         return changes
 
 
@@ -298,18 +305,28 @@ class Expected:
         return -1 << 63
 
 
+    def has_plan(self):
+        return bool(self.plans) and self.plans[-1][2] is not None
+
+    def has_ended(self, key):
+        return self.has_plan() and key[0] != DISCOVERY and key not in self.plans[-1][2]
+
+
+AWAITED, IS_STALE, GONE = range(3)
+
+
 class Watch:
     def __init__(self, now):
         self.since = now
         self.agents = {}  # id -> [heard, back, silent]
-        self.tests = {}  # id -> {key: [came, stale]}
+        self.tests = {}  # id -> {key: [came, AWAITED or what it is]}
 
     def know(self, agent, silent, now):
         self.agents[agent] = [now, now, silent]
         self.tests[agent] = {}
 
-    def know_test(self, agent, key, stale, now):
-        self.tests[agent][key] = [now, stale]
+    def know_test(self, agent, key, state, now):
+        self.tests[agent][key] = [now, {STALE: IS_STALE, UNKNOWN: GONE}.get(state, AWAITED)]
 
     def heard(self, agent, now):
         if agent not in self.agents:
@@ -323,14 +340,14 @@ class Watch:
         return was_silent
 
     def came(self, agent, key, now):
-        self.tests[agent][key] = [now, False]
+        self.tests[agent][key] = [now, AWAITED]
 
     def pause(self, now):
         self.since = now
 
     def overdue(self, plan, now):
-        """Ids of agents that fell silent, and [(agent, keys)] of tests that became stale."""
-        silent, stale = [], []
+        """Ids of agents that fell silent, [(agent, keys)] of tests that became stale, and of those that are gone."""
+        silent, stale, gone = [], [], []
         for agent, known in self.agents.items():
             if known[2]:
                 continue
@@ -340,11 +357,26 @@ class Watch:
                 continue
             if now - max(known[0], self.since) > plan.silent_after(now) // 2:
                 continue  # it is about to be silent: nothing is held against its tests
-            keys = [key for key, test in self.tests[agent].items()
-                    if not test[1] and plan.repeats_since(key) is not None
-                    and now - max(test[0], known[1], self.since, plan.repeats_since(key)) > plan.stale_after(now)]
-            for key in keys:
-                self.tests[agent][key][1] = True
-            if keys:
-                stale.append((agent, keys))
-        return silent, stale
+            for becomes, found in ((IS_STALE, stale), (GONE, gone)):
+                keys = [key for key, test in self.tests[agent].items()
+                        if self.may_become(plan, key, test[1]) == becomes
+                        and now - max(test[0], known[1], self.since, self.counts_from(plan, key, becomes))
+                        > plan.stale_after(now)]
+                for key in keys:
+                    self.tests[agent][key][1] = becomes
+                if keys:
+                    found.append((agent, keys))
+        return silent, stale, gone
+
+    @staticmethod
+    def may_become(plan, key, now):
+        """When nothing comes of a test for long enough; None: it stays what it is."""
+        if plan.has_ended(key):
+            return GONE if now != GONE else None
+        if plan.repeats_since(key) is None or now == IS_STALE or (now == GONE and not plan.has_plan()):
+            return None
+        return IS_STALE
+
+    @staticmethod
+    def counts_from(plan, key, becomes):
+        return plan.repeats_since(key) if becomes == IS_STALE else -1 << 63

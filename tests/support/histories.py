@@ -233,8 +233,12 @@ class History:
     def follow(self, now):
         self.did["plan"] += 1
         planned = None
-        if self.dice.random() < 0.3:
+        if self.dice.random() < 0.5:
             planned = {(kind, number) for kind in MAKERS for number in range(1, 30) if self.dice.random() < 0.8}
+            for test in [test for agent in self.agents for test in agent.tests]:
+                if (test.kind, test.number) not in planned and self.dice.random() < 0.7:
+                    self.did["taken out"] += 1
+                    test.hangs_until = now + 3 * self.for_a_while()  # its agent does as it is told
         self.plan.follow(self.poll_every, self.check_every, planned, now)
         self.line("follow %d %d %d %d%s" % (now, self.poll_every, self.check_every, planned is not None, "".join(
             " %d/%d" % test for test in sorted(planned or ()))))
@@ -412,7 +416,7 @@ class History:
     def server_mishap(self, now):
         dice = self.dice
         self.at(now + int(dice.expovariate(1 / (150.0 * self.interval))) + 1, self.server_mishap)
-        what = dice.choice(("outage", "outage", "quick restart", "disk full", "pause", "server clock", "plan"))
+        what = dice.choice(("outage", "outage", "quick restart", "disk full", "pause", "server clock", "plan", "plan"))
         if now < self.down_until:
             return
         self.did[what] += 1

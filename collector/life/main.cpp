@@ -99,6 +99,14 @@ static std::unique_ptr<result_reader> open_stored(const std::string& directory,
 static known_tests read_known_tests(const std::string& directory, result_output& output) {
     known_tests earlier;
     std::string error;
+    /* Ahead of the rows: what is not in these yet is there still. */
+    if (!for_each_earlier_agent(
+            directory,
+            [&](std::string_view account, std::string_view agent,
+                std::span<const left_test> tests) { earlier.add_left(account, agent, tests); },
+            error)) {
+        output.on_problem("what is stored cannot be read: " + error);
+    }
     std::unique_ptr<result_reader> stored = open_stored(directory, output);
     agent_state state;
     auto add = [&](const known_agent& a) {

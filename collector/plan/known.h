@@ -8,9 +8,11 @@
 
 #include "plan/plan.h"
 #include "state/agent_state.h"
+#include "store/engine.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -23,6 +25,9 @@ public:
 
     /* What the agent's row says. Tests without a number are passed over. */
     void add(std::string_view account, std::string_view agent, const agent_state& known);
+    /* What an earlier version left, which may not be in its row yet. */
+    void add_left(std::string_view account, std::string_view agent,
+                  std::span<const left_test> left);
 
     std::vector<known_test> of(const std::string& account, const std::string& agent) const;
     void forget(const std::string& account, const std::string& agent);
@@ -36,6 +41,9 @@ private:
         uint32_t type;
         int32_t id;
     };
+
+    template <typename Tests>
+    void add_all(std::string_view account, std::string_view agent, const Tests& tests);
 
     size_t most_;
     size_t size_ = 0, left_out_ = 0;

@@ -326,6 +326,22 @@ public:
  * the database cannot be opened, is not ours or comes from a newer program. */
 std::unique_ptr<engine> open_engine(const engine_options& options, std::string& error);
 
+/* A test of which an earlier version had results; `received`: the last of them. */
+struct left_test {
+    uint32_t type = 0;
+    int32_t number = 0;
+    int64_t received = 0;
+};
+
+/* Calls `each` for every agent of a file that has to be taken over, as long as it is there: its
+ * results come into the agents' states by and by. The very first version noted no tests. False with
+ * the reason in `error`; what is damaged is left out. */
+bool for_each_earlier_agent(
+    const std::string& directory,
+    const std::function<void(std::string_view account, std::string_view agent,
+                             std::span<const left_test> tests)>& each,
+    std::string& error);
+
 /* ---- the whole store ---- */
 
 /* Copies all that is stored into a new file, one state of it, also while a collector writes. A file

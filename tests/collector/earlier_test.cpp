@@ -200,6 +200,50 @@ TEST_F(earlier_test, a_file_of_the_second_version_is_read_by_turn_and_from_any_p
     EXPECT_EQ(e->earlier(), nullptr);
 }
 
+TEST_F(earlier_test, which_tests_there_were_is_known_before_they_are_taken_over) {
+    auto read = [&] {
+        strings found;
+        auto note = [&](std::string_view account, std::string_view agent,
+                        std::span<const left_test> tests) {
+            for (const left_test& t : tests) {
+                found.push_back(std::string(account) + " " + std::string(agent) + " " +
+                                std::to_string(t.type) + "/" + std::to_string(t.number) + " " +
+                                std::to_string(t.received));
+            }
+        };
+        EXPECT_TRUE(for_each_earlier_agent(state, note, error)) << error;
+        return found;
+    };
+    EXPECT_EQ(read(), strings()) << "no such file";
+    {
+        database db = open_file(path);
+        run(db, second_layout);
+        /* 66/-7 with time and status, a type without numbers; 46/401; the same and half of one. */
+        run(db, "INSERT INTO agents (id, account, name, first_seen, last_seen, last_block, latest) "
+                "VALUES (3, 'a@b.c', 'web1', 1, 2, x'', x'0742D00F0F0D0304"
+                "00631306'), (4, 'a@b.c', 'web2', 1, 2, x'', x'012ED00F01A206'), "
+                "(5, 'a@b.c', 'web3', 1, 2, x'', x'012ED00F01A206012ED0')");
+    }
+    ASSERT_TRUE(open());
+    EXPECT_EQ(read(), (strings{"a@b.c web1 66/-7 1000", "a@b.c web1 99/0 990",
+                               "a@b.c web2 46/401 1000", "a@b.c web3 46/401 1000"}));
+    EXPECT_TRUE(e->forget_earlier());
+    EXPECT_EQ(read(), strings());
+}
+
+TEST_F(earlier_test, the_first_version_noted_no_tests) {
+    {
+        database db = open_file(path);
+        run(db, first_layout);
+        fill(db);
+    }
+    ASSERT_TRUE(open());
+    auto none = [](std::string_view, std::string_view, std::span<const left_test>) {
+        ADD_FAILURE();
+    };
+    EXPECT_TRUE(for_each_earlier_agent(state, none, error)) << error;
+}
+
 TEST_F(earlier_test, whatever_ends_it_it_goes_on_from_there) {
     make_second();
     expect_taken_over("at rest");

@@ -42,6 +42,20 @@ TEST(known_tests, recent_is_measured_by_the_agents_last_result) {
     EXPECT_EQ(known_text(known, "one"), "66/5 66/6 old 66/7 old 66/8 ");
 }
 
+TEST(known_tests, what_an_earlier_version_left_and_what_is_in_the_row_already) {
+    known_tests known;
+    const left_test left[] = {
+        {load_average, 5, 1000}, {load_average, 6, 200000}, {load_average, 0, 9}};
+    known.add_left("a@b.c", "one", left);
+    known.add_left("a@b.c", "two", left);
+    EXPECT_EQ(known_text(known, "one"), "66/5 old 66/6 ");
+    known.add("a@b.c", "one", state_of({{4, 200000}, {5, 200000}, {6, 100}}));
+    EXPECT_EQ(known_text(known, "one"), "66/4 66/5 66/6 ") << "each once";
+    EXPECT_EQ(known_text(known, "two"), "66/5 old 66/6 ");
+    known.forget("a@b.c", "one");
+    EXPECT_EQ(known.size(), 2u);
+}
+
 TEST(known_tests, what_has_no_number_is_passed_over) {
     known_tests known;
     agent_state state = state_of({{0, 1000}});

@@ -8,6 +8,7 @@ import time
 
 import harness
 import records
+import store_history
 from raw_client import RawClient
 
 LOAD = "LAA\t1\t1\t8\t6\t4"
@@ -17,6 +18,14 @@ START = 1700000000
 
 def load(seconds, status, message):
     return records.encode_load(records.Load(1, 1, START + seconds, (9.0, 1.0, 1.5), message, status))
+
+
+def varint(value):
+    text = b""
+    while value >= 128:
+        text += bytes([value & 127 | 128])
+        value >>= 7
+    return text + bytes([value])
 
 
 class Kept(harness.TestCase):
@@ -108,6 +117,35 @@ class Kept(harness.TestCase):
         first, second = ("db%d.example.org\t7\t1\t8\t6\t4\tdb%d.example.org" % (n, n) for n in (1, 2))
         self.assertEqual(names, ["web1\t7\t%d\t%d%s" % row for row in (
             (2, times[3], ""), (1, times[2], "\t" + second), (1, times[1], "\t" + first), (1, times[0], "\t" + first))])
+
+    def test_an_upgrade_forgets_no_test(self):
+        """An agent that runs is to remove a test that the plan has no more, though only what the version before
+        left tells that it has it; and that takes a while to take over."""
+        self.collector.stop()
+        for name in os.listdir(self.collector.state):
+            if name.startswith("results"):
+                os.unlink(os.path.join(self.collector.state, name))
+        with open(self.collector.plan, encoding="utf-8") as file:
+            self.assertNotIn("\t9\t", file.read())
+        db = sqlite3.connect(os.path.join(self.collector.state, "results.db"))
+        db.executescript(store_history.LAYOUT_2)
+        # Test 9 of type 66 with the last result at START, as its row has it.
+        db.execute("INSERT INTO agents (id, account, name, first_seen, last_seen, last_block, latest)"
+                   " VALUES (1, 'user@example.net', 'web1', 1, ?, x'', ?)",
+                   (START, b"\1\x42" + varint(2 * START) + b"\1" + varint(18)))
+        day = time.strftime("%Y%m%d", time.gmtime(START))
+        db.execute("CREATE TABLE results_%s (id INTEGER PRIMARY KEY, received INTEGER NOT NULL, agent INTEGER NOT NULL,"
+                   " type INTEGER NOT NULL, test INTEGER, location INTEGER, time INTEGER, status INTEGER,"
+                   " record BLOB NOT NULL)" % day)
+        db.execute("INSERT INTO days VALUES (?, 1)", (day,))
+        db.executemany("INSERT INTO results_%s (received, agent, type, test, location, time, status, record)"
+                       " VALUES (?, 1, 66, 9, 1, ?, 0, ?)" % day, ((START, START + i, records.encode_load(
+                           records.Load(9, 1, START + i, (1.0, 1.0, 1.5), "fine\n", 0))) for i in range(-20000, 1)))
+        db.commit()
+        db.close()
+        self.collector.start()
+        self.assertEqual(self.client.poll(self.session).body, "111111")
+        self.assertIn("LAD\t9\t", self.client.login(agent="web1").body)
 
     def test_backup_and_restore(self):
         state, copy = self.collector.state, os.path.join(self.dir, "copy.db")

@@ -101,7 +101,76 @@ void earlier_file::note_damage() {
     }
 }
 
+/* ---- what stands in column latest of an agent, in layout 2 ---- */
+
+/* Seven bits a byte, the lowest first. */
+bool unpack(std::string_view& from, uint64_t& value) {
+    value = 0;
+    for (unsigned shift = 0; shift < 64 && !from.empty(); shift += 7) {
+        auto byte = static_cast<unsigned char>(from.front());
+        from.remove_prefix(1);
+        value |= uint64_t{byte & 0x7fu} << shift;
+        if (byte < 0x80) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/* Small numbers of either sign are short. */
+bool unpack_signed(std::string_view& from, uint64_t& value) {
+    bool whole = unpack(from, value);
+    value = value >> 1 ^ ((value & 1) != 0 ? ~uint64_t{0} : 0);
+    return whole;
+}
+
+/* For each test: what it has of number (1), time (2) and status (4); type; arrival, as the
+ * difference to the test before; row; and what it has. */
+void unpack_latest(std::string_view packed, std::vector<left_test>& tests) {
+    tests.clear();
+    uint64_t received = 0;
+    while (!packed.empty()) {
+        uint64_t has, type, difference, row, number = 0, other;
+        if (!unpack(packed, has) || !unpack(packed, type) || !unpack_signed(packed, difference) ||
+            !unpack(packed, row) || ((has & 1) != 0 && !unpack_signed(packed, number)) ||
+            ((has & 2) != 0 && !unpack_signed(packed, other)) ||
+            ((has & 4) != 0 && !unpack_signed(packed, other))) {
+            return;
+        }
+        received += difference;
+        tests.push_back({static_cast<uint32_t>(type), static_cast<int32_t>(number),
+                         static_cast<int64_t>(received)});
+    }
+}
+
 } // namespace
+
+bool for_each_earlier_agent(
+    const std::string& directory,
+    const std::function<void(std::string_view account, std::string_view agent,
+                             std::span<const left_test> tests)>& each,
+    std::string& error) {
+    error.clear();
+    database db;
+    if (!earlier_is_there(directory) || !open_earlier(directory, db, error)) {
+        if (!earlier_is_there(directory)) { /* not any more */
+            error.clear();
+        }
+        return error.empty();
+    }
+    statement agents(db.get(), "SELECT account, name, latest FROM agents");
+    std::vector<left_test> tests;
+    int result =
+        agents.ok() ? SQLITE_ROW : SQLITE_DONE; /* the first version's have no such column */
+    while (agents.ok() && (result = agents.step()) == SQLITE_ROW) {
+        unpack_latest(agents.bytes(2), tests);
+        each(agents.bytes(0), agents.bytes(1), tests);
+    }
+    if (result != SQLITE_DONE && !database_is_damaged(result)) {
+        error = earlier_path(directory) + ": " + sqlite3_errmsg(db.get());
+    }
+    return error.empty();
+}
 
 std::string earlier_path(const std::string& directory) {
     return directory + "/results-earlier.db";

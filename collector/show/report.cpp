@@ -59,6 +59,10 @@ bool print_missing(const std::string& directory, const std::string& plan_path,
     if (!stored) {
         return false;
     }
+    if (stored->read_fact("earlier") == 1) {
+        error = stored->place() + ": the results of an earlier version are not all taken over yet";
+        return false;
+    }
     std::vector<planned_test> tests = planned_tests(planned.lines());
     bool any = false, damaged = false;
     agent_state state;

@@ -215,6 +215,24 @@ TEST_F(report_test, problems_of_the_plan_are_printed) {
     EXPECT_EQ(report().substr(0, 36), "problem\tline 1: unknown code \"XYZ\"\nm");
 }
 
+TEST_F(report_test, what_is_being_taken_over_is_not_called_missing) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon);
+    s.reset();
+    auto set_fact = [&](int value) {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(database_path(state).c_str(), &handle), SQLITE_OK);
+        database db(handle);
+        EXPECT_TRUE(database_set_fact(db.get(), "earlier", value));
+    };
+    set_fact(1);
+    EXPECT_EQ(report(), "!" + database_path(state) +
+                            ": the results of an earlier version are not all taken over yet");
+    set_fact(0);
+    EXPECT_EQ(report().substr(0, 7), "stored\t");
+}
+
 TEST_F(report_test, what_cannot_be_read_is_an_error) {
     EXPECT_EQ(report(), "!" + plan_path + ": No such file or directory");
     write_text(plan_path, plan_text);

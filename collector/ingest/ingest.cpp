@@ -188,6 +188,7 @@ private:
     bool keep_aside(queued_block& b);
     void tell_of(const queued_block& b);
     void tell_of(std::string_view account, std::string_view agent, const agent_work& work);
+    void tell_of_all();
     bool look_after();
 
     const ingest_options options_;
@@ -308,6 +309,7 @@ void writer::take_over() {
     }
     try {
         begin(); /* from then on agents are waited for */
+        tell_of_all();
     } catch (const std::exception&) {
         parts_->present.failed();
     }
@@ -599,6 +601,18 @@ void writer::tell_of(std::string_view account, std::string_view agent, const age
     if (listener_ != nullptr) {
         listener_->on_agent(account, agent, work.state, work.out.changes);
     }
+}
+
+/* How they stand after what an earlier version left. */
+void writer::tell_of_all() {
+    agent_state state;
+    std::string error;
+    auto tell = [&](const known_agent& agent) {
+        if (listener_ != nullptr && state.unpack(agent.state)) {
+            listener_->on_agent(agent.account, agent.agent, state, {});
+        }
+    };
+    engine_->reader().for_each_agent(tell, error); /* what is damaged is told of otherwise */
 }
 
 } // namespace

@@ -23,7 +23,16 @@ const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
 struct takeover_test : testing::Test {
     struct quiet : store_listener {
         std::mutex m;
-        strings problems;
+        strings problems, agents;
+        void on_agent(std::string_view, std::string_view agent, const agent_state& now,
+                      std::span<const change>) override {
+            std::string text(agent);
+            for (const test_status& t : now.tests) {
+                text += " " + std::to_string(t.type) + "/" + std::to_string(t.number.value_or(0)) +
+                        " " + std::string(state_word(t.now));
+            }
+            agents.push_back(text);
+        }
         void on_record(const poll_block&, const decoded_record&) override {}
         void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
                             const std::string&) override {}
@@ -173,6 +182,9 @@ TEST_F(takeover_test, all_is_there_before_the_first_block_is_answered) {
     EXPECT_EQ(submit(*s, load_record(9, noon)), store_result::stored);
     expect_all();
     s.reset();
+    /* Who shows states is told of those that send nothing now, too. */
+    EXPECT_GE(std::count(told.agents.begin(), told.agents.end(), "web1 66/5 problem 66/6 ok"), 1);
+    EXPECT_GE(std::count(told.agents.begin(), told.agents.end(), "web2 66/5 problem 66/6 ok"), 1);
     EXPECT_EQ(count("SELECT count(*) FROM inventories"), 2 * 6); /* what changed */
     EXPECT_GT(count("SELECT count(*) FROM packed_20260501"), 0);
     EXPECT_GT(count("SELECT count(*) FROM rollups5_202605"), 0);

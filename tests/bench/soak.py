@@ -270,7 +270,7 @@ class Soak(harness.TestCase):
                  for column in range(1, 5) for line in range(1, 9)]
         self.snmpd = harness.start_snmpd(self, *table, addresses=("udp:161,udp:127.0.0.1:%d" % port,))
         self.collector = harness.Collector(self, "POL\t0\t1", options=("--quiet",)).start()
-        self.agent = harness.Agent(self, self.collector.port, level=3,
+        self.agent = harness.Agent(self, self.collector.port, level=4,
                                    env=dict(peers.MIBS, **unit_environment())).start()
         self.agent.wait_log("Authorization was successfully completed.")
 

@@ -2,6 +2,7 @@
 tests, backup, restore, check."""
 
 import os
+import re
 import sqlite3
 import subprocess
 import time
@@ -146,6 +147,20 @@ class Kept(harness.TestCase):
         self.collector.start()
         self.assertEqual(self.client.poll(self.session).body, "111111")
         self.assertIn("LAD\t9\t", self.client.login(agent="web1").body)
+
+    def test_queries_of_the_documents(self):
+        for hours, minutes in ((3, 0), (3, 1), (3, 2), (3, 20), (2, 0), (2, 1), (1, 0)):
+            seconds = int(time.time()) // 3600 * 3600 - hours * 3600 + 60 * minutes
+            self.post(records.encode_load(records.Load(1, 1, seconds, (9.0, 1.0, 1.5), "high\n", 2 * (minutes == 20))))
+        found = []
+        for name in ("states.md", "operations.md"):
+            with open(os.path.join(harness.HERE, "..", "..", "docs", name), encoding="utf-8") as file:
+                found += re.findall(r'sqlite3 -readonly results\.db "([^"]+)"', file.read())
+        self.assertEqual(len(found), 3)
+        self.collector.stop()
+        answers = [self.query(query) for query in found]
+        self.assertEqual([len(answer) for answer in answers], [3, 2, 3], answers)
+        self.assertEqual([row[1:] for row in answers[1]], [("web1", 4, 0, 3596), ("web1", 2, 0, 3598)])
 
     def test_backup_and_restore(self):
         state, copy = self.collector.state, os.path.join(self.dir, "copy.db")

@@ -1,8 +1,10 @@
 /* A store with a history, and how long it takes to read it.
  *
- *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S   the last so many days of a fleet, until now
- *   fleet_store query STATE_DIR QUERIES [--cold]        how long reading takes
- *   fleet_store samples AGENTS DAYS INTERVAL_S          the same values in OpenMetrics' text form
+ *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S [BEFORE_DAYS BEFORE_INTERVAL_S]
+ *                                                       the last so many days of a fleet, until
+ * now, behind some with fewer results fleet_store query STATE_DIR QUERIES [--cold]        how long
+ * reading takes fleet_store samples AGENTS DAYS INTERVAL_S          the same values in OpenMetrics'
+ * text form
  *
  * `query` reads series of 30 days and of a day, the newest results of a test, the states of all
  * agents, and the events of a day; with --cold it has the file put out of the page cache before
@@ -63,11 +65,19 @@ double megabytes_of(const std::string& directory) {
     return sum;
 }
 
-int fill(const std::string& directory, uint32_t agents, int64_t days, int32_t interval) {
+struct stretch {
+    int64_t days;
+    int32_t interval; /* seconds */
+};
+
+int fill(const std::string& directory, uint32_t agents, std::vector<stretch> stretches) {
     arrival_clock = simulated_clock;
     steady_clock = simulated_clock;
-    const int64_t end = time(nullptr) / interval * interval;
-    now = end - days * day_s;
+    const int64_t end = time(nullptr) / 60 * 60;
+    now = end;
+    for (const stretch& each : stretches) {
+        now = now - each.days * day_s;
+    }
     ingest_options options;
     options.directory = directory;
     std::string error;
@@ -76,9 +86,6 @@ int fill(const std::string& directory, uint32_t agents, int64_t days, int32_t in
         fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
-    plan_summary plan;
-    plan.every = {.poll = interval, .check = interval};
-    store->follow(plan, {});
     std::vector<fleet_agent> fleet;
     for (uint32_t i = 0; i < agents; i++) {
         fleet.emplace_back(i);
@@ -89,30 +96,36 @@ int fill(const std::string& directory, uint32_t agents, int64_t days, int32_t in
     bool failed = false;
     const double began = seconds_now();
     int64_t passes = 0;
-    for (; now + interval <= end; now = now + interval, passes++) {
-        for (uint32_t i = 0; i < agents; i++) {
-            std::string block;
-            fleet[i].add_pass(now, block);
-            fleet_agent::add_inventories(now, block);
-            {
-                std::lock_guard lock(mutex);
-                waiting++;
+    for (const stretch& each : stretches) {
+        plan_summary plan;
+        plan.every = {.poll = each.interval, .check = each.interval};
+        store->follow(plan, {});
+        for (int64_t last = now + each.days * day_s; now < last; now = now + each.interval) {
+            passes++;
+            for (uint32_t i = 0; i < agents; i++) {
+                std::string block;
+                fleet[i].add_pass(now, block);
+                fleet_agent::add_inventories(now, block);
+                {
+                    std::lock_guard lock(mutex);
+                    waiting++;
+                }
+                store->submit({.account = "fleet@example.org",
+                               .agent = name_of(i),
+                               .plain = std::move(block),
+                               .received = now,
+                               .address = "192.0.2.1",
+                               .version = "3.0"},
+                              [&](store_result result) {
+                                  std::lock_guard lock(mutex);
+                                  failed = failed || result != store_result::stored;
+                                  waiting--;
+                                  changed.notify_one();
+                              });
             }
-            store->submit({.account = "fleet@example.org",
-                           .agent = name_of(i),
-                           .plain = std::move(block),
-                           .received = now,
-                           .address = "192.0.2.1",
-                           .version = "3.0"},
-                          [&](store_result result) {
-                              std::lock_guard lock(mutex);
-                              failed = failed || result != store_result::stored;
-                              waiting--;
-                              changed.notify_one();
-                          });
+            std::unique_lock lock(mutex);
+            changed.wait(lock, [&] { return waiting == 0; });
         }
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return waiting == 0; });
     }
     double took = seconds_now() - began;
     double count = static_cast<double>(passes) * agents * fleet_agent::tests;
@@ -260,8 +273,13 @@ int samples(uint32_t agents, int64_t days, int32_t interval) {
 int main(int argc, char** argv) {
     std::string word = argc > 1 ? argv[1] : "";
     auto at = [&](int i) { return atoi(argv[i]); };
-    if (word == "fill" && argc == 6) {
-        return fill(argv[2], static_cast<uint32_t>(at(3)), at(4), at(5));
+    if (word == "fill" && (argc == 6 || argc == 8)) {
+        std::vector<stretch> stretches;
+        if (argc == 8) {
+            stretches.push_back({at(6), at(7)});
+        }
+        stretches.push_back({at(4), at(5)});
+        return fill(argv[2], static_cast<uint32_t>(at(3)), stretches);
     }
     if (word == "query" && (argc == 4 || argc == 5)) {
         return query(argv[2], static_cast<size_t>(at(3)), argc == 5);
@@ -269,7 +287,8 @@ int main(int argc, char** argv) {
     if (word == "samples" && argc == 5) {
         return samples(static_cast<uint32_t>(at(2)), at(3), at(4));
     }
-    fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S\n"
+    fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S "
+                    "[BEFORE_DAYS BEFORE_INTERVAL_S]\n"
                     "       fleet_store query STATE_DIR QUERIES [--cold]\n"
                     "       fleet_store samples AGENTS DAYS INTERVAL_S\n");
     return 2;

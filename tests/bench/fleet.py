@@ -3,10 +3,14 @@
 core, what a poll waits, what a result takes on disk, and how long reading takes, with a history and while results
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
-    tests/bench/fleet.py [load] [history] [test] [peers] [--agents 1000] [--days 3] [--seconds 300] [--directory /var/tmp]
+    tests/bench/fleet.py [load] [history] [drop] [test] [peers] [--agents 1000] [--days 4] [--before 26]
+        [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY]
 
-`history` makes the last --days of the fleet by simulated clocks before it is read: some 1.2 million results an agent
-in a month. `test` is one agent over two years. Debian's prometheus (with promtool) and victoria-metrics for the peers."""
+`load`: polls to an empty collector, at the same time to that of another version with --beside.
+`history` makes the last --days of the fleet by simulated clocks, behind --before days with a result in ten minutes;
+then a collector starts with that, and it is read, at rest and while polls come. --store: made there and left, or
+found there. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
+two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
 import argparse
 import json
@@ -21,7 +25,7 @@ import urllib.request
 
 import whole
 
-PEER_AGENTS, PEER_DAYS = 20, 3
+PEER_AGENTS, PEER_DAYS = 5, 30
 
 
 def megabytes(directory):
@@ -33,58 +37,131 @@ def tool(name, *arguments):
     return subprocess.run([os.path.join(whole.BENCH, name), *map(str, arguments)], check=False)
 
 
-def start(home):
-    return whole.start_collector(home, options=["--keep-days", "0", "--keep-5min-days", "0", "--keep-hour-days", "0"])
+KEEP_ALL = ["--keep-days", "0", "--keep-5min-days", "0", "--keep-hour-days", "0"]
+
+
+def fill(state, *what):
+    """Without waiting for the disk each time, where that is to be had."""
+    faster = [shutil.which("eatmydata")] if shutil.which("eatmydata") else []
+    subprocess.run([*faster, os.path.join(whole.BENCH, "fleet_store"), "fill", state, *map(str, what)], check=True)
+
+
+def fill_fleet(options, home):
+    state = os.path.join(options.store or home, "state")
+    if not os.path.exists(state):
+        fill(state, options.agents, options.days, 60, options.before, 600)
+    return os.path.dirname(state)
+
+
+def out_of_cache(state):
+    """All that nobody needs, where that is allowed; else what this user may."""
+    os.sync()
+    try:
+        whole.peers.write_text("/proc/sys/vm/drop_caches", "1\n")
+    except OSError:
+        for name in os.listdir(state):
+            file = os.open(os.path.join(state, name), os.O_RDONLY)
+            os.posix_fadvise(file, 0, 0, os.POSIX_FADV_DONTNEED)
+            os.close(file)
+
+
+def polls(pid, port, options, seconds):
+    return subprocess.Popen([os.path.join(whole.BENCH, "fleet_load"), "--port", str(port), "--agents",
+                             str(options.agents), "--seconds", str(seconds), "--pid", str(pid)],
+                            stdout=subprocess.PIPE, encoding="ascii")
 
 
 def load(options, home):
-    process, port = start(home)
-    tool("fleet_load", "--port", port, "--agents", options.agents, "--seconds", options.seconds, "--pid", process.pid)
-    whole.end(process)
-    print("state directory: %.1f MB" % megabytes(os.path.join(home, "state")), flush=True)
+    begun = []
+    for program in [None, *options.beside]:
+        place = tempfile.mkdtemp(dir=home)
+        process, port = whole.start_collector(place, options=["--keep-days", "0"], program=program)
+        begun.append((program or "this one", place, process, polls(process.pid, port, options, options.seconds)))
+    for program, place, process, fleet in begun:
+        print("%s: %s" % (program, fleet.communicate()[0]), end="", flush=True)
+        whole.end(process)
+        print("state directory: %.1f MB" % megabytes(os.path.join(place, "state")), flush=True)
 
 
 def history(options, home):
+    home = fill_fleet(options, home)
     state = os.path.join(home, "state")
-    tool("fleet_store", "fill", state, options.agents, options.days, 60)
-    whole_start = time.monotonic()
-    process, port = start(home)
-    print("start with that: %.2f s" % (time.monotonic() - whole_start), flush=True)
+    for cold in ("warm", "cold", "cold", "cold", "warm", "warm"):
+        if cold == "cold":
+            out_of_cache(state)
+        began = time.monotonic()
+        process, port = whole.start_collector(home, options=KEEP_ALL, step_s=0.002)
+        first = time.monotonic() - began
+        tool("fleet_load", "--port", port, "--agents", 1, "--seconds", 0)
+        print("start with that, %s: port open after %.2f s, login and a poll answered %.2f s; processor %.2f s" % (
+            cold, first, time.monotonic() - began, processor(process.pid)), flush=True)
+        whole.end(process)
+    process, port = whole.start_collector(home, options=KEEP_ALL)
     for cold in ([], ["--cold"]):
         print("at rest, %s:" % ("cold" if cold else "warm"), flush=True)
         tool("fleet_store", "query", state, 200, *cold)
-    polls = subprocess.Popen([os.path.join(whole.BENCH, "fleet_load"), "--port", str(port), "--agents",
-                              str(options.agents), "--seconds", "120", "--pid", str(process.pid)])
+    fleet = polls(process.pid, port, options, options.seconds)
     time.sleep(10)
     for cold in ([], ["--cold"]):
         print("while results come, %s:" % ("cold" if cold else "warm"), flush=True)
         tool("fleet_store", "query", state, 200, *cold)
-    polls.wait()
+    print(fleet.communicate()[0], end="", flush=True)
     whole.end(process)
+
+
+def processor(pid):
+    with open("/proc/%d/stat" % pid, encoding="latin-1") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def drop(options, home):
+    """The day before the last one goes at once, because fewer are to be kept than before."""
+    home = fill_fleet(options, home)
+    process, port = whole.start_collector(home, options=["--keep-days", str(options.days)])
+    time.sleep(5)
+    whole.end(process)
+    before = megabytes(home)
+    process, port = whole.start_collector(home, options=["--keep-days", "1"])
+    print(polls(process.pid, port, options, options.seconds).communicate()[0], end="", flush=True)
+    whole.end(process)
+    print("%.0f MB before, %.0f MB after" % (before, megabytes(home)), flush=True)
 
 
 def one_test(_, home):
     """Two years of one agent: what is kept of them by default."""
     state = os.path.join(home, "state")
-    tool("fleet_store", "fill", state, 1, 730, 60)
+    fill(state, 1, 730, 60)
     print("%.2f MB a test" % (megabytes(state) / 20), flush=True)
 
 
-def asked(url, what, times):
-    took = []
-    for i in range(times):
-        query = 'vindral{host="host%04d",test="%d"}' % (i * 7 % PEER_AGENTS, 1 + i * 3 % 20)
-        end = int(time.time())
-        parameters = {"query": query, "start": end - PEER_DAYS * 86400, "end": end, "step": PEER_DAYS * 86400 // 800}
-        began = time.monotonic()
-        with urllib.request.urlopen(url + "/api/v1/query_range?" + urllib.parse.urlencode(parameters)) as answer:
-            found = json.load(answer)["data"]["result"]
-        took.append(1000 * (time.monotonic() - began))
-        if not found:
-            sys.exit("%s has nothing of %s" % (what, query))
-    took.sort()
-    print("%s: series of %d days p50 %.1f ms, p99 %.1f ms, by HTTP" % (
-        what, PEER_DAYS, took[len(took) // 2], took[len(took) * 99 // 100]), flush=True)
+def asked(url, what, state):
+    """By HTTP, as they are asked: an hour a point, of all values of a test."""
+    for cold in (False, True):
+        for form in ("%s", "avg_over_time(%s[1h])"):
+            took = []
+            for i in range(20 if cold else 200):
+                query = form % ('vindral{host="host%04d",test="%d"}' % (i * 7 % PEER_AGENTS, 1 + i * 3 % 20))
+                end = int(time.time()) // 3600 * 3600
+                parameters = {"query": query, "start": end - PEER_DAYS * 86400, "end": end, "step": 3600, "nocache": 1}
+                if cold:
+                    out_of_cache(state)
+                began = time.monotonic()
+                with urllib.request.urlopen(url + "/api/v1/query_range?" +
+                                            urllib.parse.urlencode(parameters)) as answer:
+                    found = json.load(answer)["data"]["result"]
+                took.append(1000 * (time.monotonic() - began))
+                if not found:
+                    sys.exit("%s has nothing of %s" % (what, query))
+            took.sort()
+            print("%s, %s, %s: %d days p50 %.1f ms, p99 %.1f ms" % (
+                what, form % "SERIES", "cold" if cold else "warm", PEER_DAYS, took[len(took) // 2],
+                took[len(took) * 99 // 100]), flush=True)
+
+
+def per_sample(directory, results, lines):
+    size = 1e6 * megabytes(directory)
+    return "%.2f bytes a sample, %.1f a result" % (size / lines, size / results)
 
 
 def answers(url):
@@ -104,13 +181,15 @@ def peers(_, home):
     with open(samples, "rb") as file:
         lines = sum(1 for _ in file) - 1
     print("%d results are %d samples" % (results, lines), flush=True)
-    tool("fleet_store", "fill", os.path.join(home, "ours"), PEER_AGENTS, PEER_DAYS, 60)
-    tool("fleet_store", "query", os.path.join(home, "ours"), 200)
+    fill(os.path.join(home, "ours"), PEER_AGENTS, PEER_DAYS, 60)
+    print("ours: %s" % per_sample(os.path.join(home, "ours"), results, lines), flush=True)
+    for cold in ([], ["--cold"]):
+        tool("fleet_store", "query", os.path.join(home, "ours"), 200, *cold)
     if shutil.which("prometheus") and shutil.which("promtool"):
         data = os.path.join(home, "prometheus")
-        subprocess.run(["promtool", "tsdb", "create-blocks-from", "openmetrics", samples, data], check=True,
+        subprocess.run(["promtool", "tsdb", "create-blocks-from", "openmetrics", "--max-block-duration=24h", samples, data], check=True,
                        stdout=subprocess.DEVNULL)
-        print("prometheus: %.1f bytes a result" % (1e6 * megabytes(data) / results), flush=True)
+        print("prometheus: %s" % per_sample(data, results, lines), flush=True)
         config = os.path.join(home, "prometheus.yml")
         whole.peers.write_text(config, "global: {}\n")
         port = whole.peers.free_port()
@@ -120,8 +199,9 @@ def peers(_, home):
         whole.count_on(process, "prometheus")
         url = "http://127.0.0.1:%d" % port
         whole.wait_for(lambda: answers(url + "/-/ready"), "prometheus")
-        asked(url, "prometheus", 200)
+        asked(url, "prometheus", data)
         whole.end(process)
+        print("prometheus, after that: %s" % per_sample(data, results, lines), flush=True)
     else:
         print("prometheus is not installed")
     name = shutil.which("victoria-metrics")
@@ -138,21 +218,24 @@ def peers(_, home):
                        shell=True, check=True)
         with urllib.request.urlopen(url + "/internal/force_flush") as answer:
             answer.read()
-        asked(url, "victoria-metrics", 200)
+        asked(url, "victoria-metrics", data)
         whole.end(process)
-        print("victoria-metrics: %.1f bytes a result" % (1e6 * megabytes(data) / results), flush=True)
+        print("victoria-metrics: %s" % per_sample(data, results, lines), flush=True)
     else:
         print("victoria-metrics is not installed")
 
 
-PARTS = {"load": load, "history": history, "test": one_test, "peers": peers}
+PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "peers": peers}
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("parts", nargs="*", choices=[*PARTS, []])
     parser.add_argument("--agents", type=int, default=1000)
-    parser.add_argument("--days", type=int, default=3)
+    parser.add_argument("--days", type=int, default=4)
+    parser.add_argument("--before", type=int, default=26)
+    parser.add_argument("--beside", action="append", default=[])
+    parser.add_argument("--store")
     parser.add_argument("--seconds", type=int, default=300)
     parser.add_argument("--directory", default="/var/tmp")
     options = parser.parse_args()

@@ -42,9 +42,9 @@ int64_t simulated_clock() {
     return now;
 }
 
-double seconds_now() {
+double seconds_now(clockid_t clock = CLOCK_MONOTONIC) {
     timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
+    clock_gettime(clock, &t);
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
@@ -179,20 +179,25 @@ int query(const std::string& directory, size_t queries, bool is_cold) {
     size_t found = 0;
     bool ok = true;
     auto measure = [&](const char* what, size_t times, auto&& read) {
-        std::vector<double> took;
+        std::vector<double> took, used;
         found = 0;
         for (size_t i = 0; i < times; i++) {
             if (is_cold) {
                 put_out(directory);
             }
             const double began = seconds_now();
+            const double used_before = seconds_now(CLOCK_PROCESS_CPUTIME_ID);
             std::unique_ptr<result_reader> reader = open_reader(directory, error);
             ok = reader && read(*reader, tests[(i * 7919 + 13) % tests.size()]) && ok;
             took.push_back(1000 * (seconds_now() - began));
+            used.push_back(1000 * (seconds_now(CLOCK_PROCESS_CPUTIME_ID) - used_before));
         }
         std::sort(took.begin(), took.end());
-        printf("%-32s p50 %7.2f ms, p99 %7.2f ms, most %7.2f ms; %zu found\n", what,
-               took[times / 2], took[times * 99 / 100], took.back(), found);
+        std::sort(used.begin(), used.end());
+        printf("%-32s p50 %7.2f ms, p99 %7.2f ms, most %7.2f ms; of the processor p50 %.2f ms, p99 "
+               "%.2f ms; %zu found\n",
+               what, took[times / 2], took[times * 99 / 100], took.back(), used[times / 2],
+               used[times * 99 / 100], found);
     };
     auto read_days = [&](int64_t days) {
         return [&, days](result_reader& reader, const known& which) {

@@ -100,16 +100,16 @@ for _number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
     signal.signal(_number, _end_by_signal)
 
 
-def start_collector(home, *before, options=(), env=None):
+def start_collector(home, *before, options=(), env=None, program=None, step_s=0.02):
     port_file = os.path.join(home, "port")
     if os.path.exists(port_file):
         os.unlink(port_file)
     process = subprocess.Popen(
-        [*before, os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
+        [*before, program or os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
          port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000", *options],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
     count_on(process, "the collector")
-    wait_for(lambda: os.path.exists(port_file), "the collector")
+    wait_for(lambda: os.path.exists(port_file), "the collector", step_s)
     with open(port_file, encoding="ascii") as file:
         return process, int(file.read())
 

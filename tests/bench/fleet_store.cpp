@@ -27,6 +27,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>
+#include <sqlite3.h>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -63,6 +64,30 @@ double megabytes_of(const std::string& directory) {
                    : 0;
     }
     return sum;
+}
+
+/* When the oldest of what lies open arrived. */
+int64_t oldest_open(const std::string& directory) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* look = nullptr;
+    int64_t oldest = INT64_MAX;
+    if (sqlite3_open_v2((directory + "/results.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_prepare_v2(db, "SELECT received FROM blocks ORDER BY id LIMIT 1", -1, &look,
+                           nullptr) == SQLITE_OK &&
+        sqlite3_step(look) == SQLITE_ROW) {
+        oldest = sqlite3_column_int64(look, 0);
+    }
+    sqlite3_finalize(look);
+    sqlite3_close(db);
+    return oldest;
+}
+
+/* Years in minutes leave no time for packing, which goes on between the blocks. */
+void wait_for_packing(const std::string& directory) {
+    for (int i = 0; i < 3000 && oldest_open(directory) < now - 3 * 3600; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 struct stretch {
@@ -125,6 +150,10 @@ int fill(const std::string& directory, uint32_t agents, std::vector<stretch> str
             }
             std::unique_lock lock(mutex);
             changed.wait(lock, [&] { return waiting == 0; });
+            lock.unlock();
+            if (now % 3600 < each.interval) {
+                wait_for_packing(directory);
+            }
         }
     }
     double took = seconds_now() - began;

@@ -3,7 +3,8 @@
  *
  *   fleet_load --port N [--agents N] [--interval S] [--seconds S] [--first N] [--pid P]
  *
- * Prints how long polls took, and what the server's process P took of the processor for them. */
+ * Prints how long polls took, and what the server's process P took of the processor for them. An
+ * interval before these seconds does not count: who has logged in and not polled yet costs more. */
 #include "fleet.h"
 
 #include <algorithm>
@@ -33,7 +34,7 @@ std::atomic<uint32_t> next_agent{0};
 std::atomic<long> failed{0};
 std::mutex mutex;
 std::vector<double> took;
-double sent_bytes = 0;
+double sent_bytes = 0, counts_from = 0;
 
 struct client {
     uint32_t number = 0;
@@ -112,9 +113,11 @@ bool poll(SSL_CTX* context, client& c) {
                               "Vnd-CheckSum: " + std::to_string(sum) + "\r\n\r\n" + body);
     double ms = 1000 * (now() - began);
     size_t end = answer.find("\r\n\r\n");
-    std::lock_guard lock(mutex);
-    took.push_back(ms);
-    sent_bytes += static_cast<double>(body.size());
+    if (began >= counts_from) {
+        std::lock_guard lock(mutex);
+        took.push_back(ms);
+        sent_bytes += static_cast<double>(body.size());
+    }
     return end != std::string::npos && answer.compare(end + 4, std::string::npos, "111111") != 0;
 }
 
@@ -124,7 +127,7 @@ void work(SSL_CTX* context, std::vector<client>& fleet, double began) {
         uint32_t turn = next_agent++;
         double at = began + static_cast<double>(turn) * interval / agents;
         double wait = at - now();
-        if (at > began + seconds) {
+        if (at > counts_from + seconds) {
             return;
         }
         if (wait > 0) {
@@ -189,16 +192,22 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    double target_before = target != 0 ? process_ms(target) : 0;
     const double began = now();
+    counts_from = seconds > 0 ? began + interval : began;
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; i++) {
         threads.emplace_back([&] { work(context, fleet, began); });
     }
+    std::this_thread::sleep_for(std::chrono::duration<double>(counts_from - now()));
+    const double counted_from = now();
+    double target_before = target != 0 ? process_ms(target) : 0;
     for (std::thread& t : threads) {
         t.join();
     }
-    double spent = now() - began;
+    double spent = now() - counted_from;
+    if (took.empty()) {
+        took.push_back(0);
+    }
     std::sort(took.begin(), took.end());
     printf("%zu polls in %.0f s, %.0f bytes each, %ld failed; p50 %.1f ms, p99 %.1f ms, most %.1f "
            "ms\n",

@@ -123,18 +123,22 @@ void column_writer::column(const std::vector<uint64_t>& words) {
     size_t kinds_at = text_.size();
     text_.append(2, '\0');
     unsigned kinds = 0;
-    std::string plane(words.size(), '\0');
+    uint64_t used = 0;
+    for (uint64_t each : words) {
+        used |= each;
+    }
+    std::string plane;
     for (size_t i = 0; i < planes; i++) {
-        bool zero = true;
+        if ((used >> (8 * i) & 0xff) == 0) { /* most of them */
+            continue;
+        }
+        plane.resize(words.size());
         for (size_t at = 0; at < words.size(); at++) {
             plane[at] = static_cast<char>(words[at] >> (8 * i));
-            zero = zero && plane[at] == 0;
         }
-        if (!zero) {
-            bool random = looks_random(plane);
-            (random ? noise_ : text_) += plane;
-            kinds |= (random ? plane_noise : plane_text) << (2 * i);
-        }
+        bool random = looks_random(plane);
+        (random ? noise_ : text_) += plane;
+        kinds |= (random ? plane_noise : plane_text) << (2 * i);
     }
     text_[kinds_at] = static_cast<char>(kinds);
     text_[kinds_at + 1] = static_cast<char>(kinds >> 8);
@@ -233,8 +237,9 @@ static double decimal(int64_t n, int64_t e) {
 
 /* Six digits of a finite number. */
 static void find_digits(double value, int64_t& n, int64_t& e) {
-    char text[32]; /* -d.dddddE+ddd */
-    snprintf(text, sizeof(text), "%.5e", value);
+    char text[32]; /* -d.ddddde+ddd */
+    *std::to_chars(text, text + sizeof(text) - 1, value, std::chars_format::scientific, 5).ptr =
+        '\0';
     char* end = text;
     n = 0;
     for (; *end != '\0' && *end != 'e'; end++) {

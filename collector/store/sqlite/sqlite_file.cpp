@@ -55,7 +55,7 @@ const char settings[] = "PRAGMA secure_delete = OFF;"
                         "PRAGMA synchronous = FULL;"
                         "PRAGMA temp_store = MEMORY;"
                         "PRAGMA cache_size = -16384;"
-                        "PRAGMA wal_autocheckpoint = 4000;"
+                        "PRAGMA wal_autocheckpoint = 1000;"
                         "PRAGMA journal_size_limit = 67108864";
 
 /* "-damaged-TIME.db" that no file in the directory has yet. */

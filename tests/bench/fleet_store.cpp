@@ -1,10 +1,20 @@
 /* A store with a history, and how long it takes to read it.
  *
  *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S [BEFORE_DAYS BEFORE_INTERVAL_S]
- *                                                       the last so many days of a fleet, until
- * now, behind some with fewer results fleet_store query STATE_DIR QUERIES [--cold]        how long
- * reading takes fleet_store samples AGENTS DAYS INTERVAL_S          the same values in OpenMetrics'
- * text form
+ *     the last so many days of a fleet, until now, behind some with fewer results
+ *
+ *   fleet_store query STATE_DIR QUERIES [--cold]
+ *     how long reading takes
+ *
+ *   fleet_store drop STATE_DIR KEEP_DAYS SECONDS
+ *     what polls wait while days are dropped
+ *
+ *   fleet_store samples AGENTS DAYS INTERVAL_S
+ *     the same values in OpenMetrics' text form
+ *
+ * `fill` also tells what of the processor a poll took to store, pack and roll up. `drop` sends 100
+ * blocks a second, each when the one before is stored, so that they are transactions of their own;
+ * it changes what is stored, like any run of a collector that keeps fewer days.
  *
  * `query` reads series of 30 days and of a day, the newest results of a test, the states of all
  * agents, and the events of a day; with --cold it has the file put out of the page cache before
@@ -29,6 +39,7 @@
 #include <mutex>
 #include <sqlite3.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -47,6 +58,15 @@ double seconds_now(clockid_t clock = CLOCK_MONOTONIC) {
     timespec t;
     clock_gettime(clock, &t);
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+double processor_seconds(int who) {
+    rusage used;
+    getrusage(who, &used);
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
+    return seconds(used.ru_utime) + seconds(used.ru_stime);
 }
 
 std::string name_of(uint32_t agent) {
@@ -163,6 +183,72 @@ int fill(const std::string& directory, uint32_t agents, std::vector<stretch> str
     printf("%.0f results of %u agents in %.0f s, %.0f a second; %.0f MB, %.1f bytes a result%s\n",
            count, agents, took, count / took, size, size * 1e6 / count,
            failed ? "; SOME WERE NOT STORED" : "");
+    printf("%.1f us of the processor a poll\n",
+           1e6 * (processor_seconds(RUSAGE_SELF) - processor_seconds(RUSAGE_THREAD)) /
+               (static_cast<double>(passes) * agents));
+    return failed ? 1 : 0;
+}
+
+struct drop_listener final : store_listener {
+    void on_record(const poll_block&, const decoded_record&) override {}
+    void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
+                        const std::string&) override {}
+    void on_problem(const std::string& text) override {
+        printf("after %.1f s: %s\n", seconds_now() - began, text.c_str());
+    }
+    const double began = seconds_now();
+};
+
+int drop(const std::string& directory, int keep, int seconds) {
+    ingest_options options;
+    options.directory = directory;
+    options.keep_days = keep;
+    std::string error;
+    drop_listener listener;
+    std::unique_ptr<ingest> store = ingest::open(options, &listener, error);
+    if (!store) {
+        fprintf(stderr, "%s\n", error.c_str());
+        return 1;
+    }
+    constexpr uint32_t agents = 100;
+    std::vector<fleet_agent> fleet;
+    for (uint32_t i = 0; i < agents; i++) {
+        fleet.emplace_back(i);
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<double> took;
+    bool failed = false;
+    for (uint32_t turn = 0; seconds_now() < listener.began + seconds; turn++) {
+        poll_block block = {.account = "fleet@example.org",
+                            .agent = name_of(turn % agents),
+                            .plain = {},
+                            .received = time(nullptr),
+                            .address = "192.0.2.1",
+                            .version = "3.0"};
+        fleet[turn % agents].add_pass(block.received, block.plain);
+        bool done = false;
+        const double began = seconds_now();
+        store->submit(std::move(block), [&](store_result result) {
+            std::lock_guard lock(mutex);
+            failed = failed || result != store_result::stored;
+            done = true;
+            changed.notify_one();
+        });
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return done; });
+        took.push_back(1000 * (seconds_now() - began));
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::sort(took.begin(), took.end());
+    const size_t polls = took.size();
+    auto later =
+        static_cast<size_t>(took.end() - std::upper_bound(took.begin(), took.end(), 200.0));
+    printf("%zu polls waited p50 %.1f ms, p99 %.1f ms, p99.9 %.1f ms, most %.1f ms, %zu of them "
+           "above 200 ms%s\n",
+           polls, took[polls / 2], took[polls * 99 / 100], took[polls * 999 / 1000], took.back(),
+           later, failed ? "; SOME WERE NOT STORED" : "");
     return failed ? 1 : 0;
 }
 
@@ -318,12 +404,16 @@ int main(int argc, char** argv) {
     if (word == "query" && (argc == 4 || argc == 5)) {
         return query(argv[2], static_cast<size_t>(at(3)), argc == 5);
     }
+    if (word == "drop" && argc == 5) {
+        return drop(argv[2], at(3), at(4));
+    }
     if (word == "samples" && argc == 5) {
         return samples(static_cast<uint32_t>(at(2)), at(3), at(4));
     }
     fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S "
                     "[BEFORE_DAYS BEFORE_INTERVAL_S]\n"
                     "       fleet_store query STATE_DIR QUERIES [--cold]\n"
+                    "       fleet_store drop STATE_DIR KEEP_DAYS SECONDS\n"
                     "       fleet_store samples AGENTS DAYS INTERVAL_S\n");
     return 2;
 }

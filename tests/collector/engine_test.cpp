@@ -289,6 +289,43 @@ TEST_F(engine_test, blocks_are_a_chain_until_they_are_dropped) {
     });
 }
 
+TEST_F(engine_test, an_id_of_a_block_is_never_given_again) {
+    int64_t one = 0, last = 0;
+    auto add = [&] {
+        int64_t row = block(one, "some");
+        EXPECT_GT(row, last);
+        last = row;
+    };
+    within([&] {
+        one = agent("one");
+        for (int i = 0; i < 2500; i++) { /* more than are set aside at once */
+            add();
+        }
+    });
+    const int64_t stored = last;
+    ASSERT_TRUE(e->begin());
+    for (int i = 0; i < 1500; i++) {
+        add();
+    }
+    e->give_up(); /* those were not given: they may come again */
+    last = stored;
+    within(add);
+    for (bool anew : {false, true}) {
+        within([&] { e->drop_blocks(last); });
+        if (anew) {
+            open();
+        }
+        within(add);
+    }
+    within([&] {
+        for (int64_t row = last; row > 0; row--) { /* not one is left */
+            ASSERT_TRUE(e->drop_blocks(row));
+        }
+    });
+    open();
+    within(add);
+}
+
 TEST_F(engine_test, large_blocks_and_inventories_come_back) {
     std::string large, joined;
     for (int i = 0; i < 3 << 20; i++) {

@@ -18,7 +18,7 @@ const char tables[] =
     " type INTEGER NOT NULL, number INTEGER);"
     "CREATE INDEX tests_of_agent ON tests (agent, type, number);"
 
-    "CREATE TABLE blocks (id INTEGER PRIMARY KEY AUTOINCREMENT, agent INTEGER NOT NULL,"
+    "CREATE TABLE blocks (id INTEGER PRIMARY KEY, agent INTEGER NOT NULL,"
     " received INTEGER NOT NULL, before INTEGER NOT NULL, records BLOB NOT NULL);"
 
     "CREATE TABLE events (id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL,"

@@ -15,7 +15,7 @@
  *
  *   blocks            what came in the last hour or so, a row for each poll, or each slice of a
  *                     large one
- *     id              rises
+ *     id              rises, and is never given twice: see facts
  *     agent, received
  *     before          id of the agent's block before this one; 0 when that is packed
  *     records         as sent, one behind the other, but for inventories
@@ -49,6 +49,7 @@
  *   facts             name, value
  *     keep_days       of the last run
  *     dropped, boot   when a day was dropped last, in seconds since which start of the machine
+ *     blocks          the highest id that blocks may have got
  *     earlier         1 while an earlier version's file has to be taken over, 0 when that can go
  *                     (earlier.h)
  *     and those of upkeep

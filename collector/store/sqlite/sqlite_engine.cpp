@@ -59,6 +59,7 @@ void sqlite_engine::release() {
     reader_.use(nullptr, file_.path());
     packed_.clear();
     roll_ups_.clear();
+    last_block_row_ = last_reserved_ = 0;
     inventories_ = {};
 }
 
@@ -227,15 +228,38 @@ bool sqlite_engine::set_state(int64_t agent, std::string_view state) {
 
 /* ---- what comes with a block ---- */
 
+/* The ids are set aside by the thousand: what AUTOINCREMENT notes with each row is a page more that
+ * each poll would write. */
+bool sqlite_engine::next_block(int64_t& row) {
+    constexpr int64_t at_once = 1000;
+    if (last_reserved_ == 0) {
+        statement highest(file_.handle(), "SELECT coalesce(max(id), 0) FROM blocks");
+        if (!highest.row()) {
+            return false;
+        }
+        last_reserved_ = std::clamp<int64_t>(
+            std::max(read_fact("blocks").value_or(0), highest.integer(0)), 0, INT64_MAX / 2);
+        last_block_row_ = last_reserved_;
+    }
+    if (last_block_row_ == last_reserved_) {
+        if (!database_set_fact(file_.handle(), "blocks", last_reserved_ + at_once)) {
+            return false;
+        }
+        last_reserved_ += at_once;
+    }
+    row = ++last_block_row_;
+    return true;
+}
+
 bool sqlite_engine::append_block(int64_t agent, int64_t received, int64_t before,
                                  std::span<const std::string_view> pieces, int64_t& row) {
     const size_t bytes = total_size(pieces);
     const bool filled = bytes > (pieces.size() > 1 ? most_joined : most_bound);
-    bool ok;
-    {
-        auto insert =
-            take("INSERT INTO blocks (agent, received, before, records) VALUES (?, ?, ?, ?)");
-        insert->bind(agent).bind(received).bind(before);
+    bool ok = next_block(row);
+    if (ok) {
+        auto insert = take(
+            "INSERT INTO blocks (id, agent, received, before, records) VALUES (?, ?, ?, ?, ?)");
+        insert->bind(row).bind(agent).bind(received).bind(before);
         if (filled) {
             insert->bind_unfilled_blob(bytes);
         } else if (pieces.size() == 1) {
@@ -248,7 +272,6 @@ bool sqlite_engine::append_block(int64_t agent, int64_t received, int64_t before
             insert->bind_blob(joined_);
         }
         ok = insert->run();
-        row = sqlite3_last_insert_rowid(file_.handle());
     }
     return go_on(ok &&
                  (!filled || database_fill_blob(file_.handle(), "blocks", "records", pieces)));

@@ -82,6 +82,7 @@ private:
     bool use_day(const std::string& table);
     bool use_roll_ups(const std::string& table);
     bool free_key(const std::string& table, int64_t& key);
+    bool next_block(int64_t& row);
     drop_outcome outcome_of(const bite& taken);
 
     const engine_options options_;
@@ -92,8 +93,9 @@ private:
 
     statement_cache statements_;
     sqlite_reader reader_;
-    std::string packed_;             /* the table that chunks go to */
-    std::set<std::string> roll_ups_; /* tables that are there */
+    std::string packed_;                             /* the table that chunks go to */
+    std::set<std::string> roll_ups_;                 /* tables that are there */
+    int64_t last_block_row_ = 0, last_reserved_ = 0; /* 0: not known yet */
     bool days_changed_ = false;
     inventory_cursor inventories_;
 

@@ -14,6 +14,8 @@ constexpr size_t most_copied = 2 << 20, large_block = 512 << 10;
 constexpr size_t most_records = 4096, most_bytes = 1 << 20;
 /* Of a transaction. */
 constexpr size_t most_jobs = 32, most_in_all = 1 << 20;
+/* Of a job, but for its last block: days of tests, each of which may have to be made anew. */
+constexpr size_t most_test_days = 500;
 
 } // namespace
 
@@ -76,11 +78,7 @@ void packing::sort(job& work, int64_t received, std::string_view records) {
         const int64_t time = reckoned_time(what, received);
         test_key key(what.type, what.test);
         work.tests[key].push_back({{received, reader.current.raw}, time});
-        std::vector<int64_t>& days = work.days[key];
-        const int64_t day = day_of(time);
-        if (std::find(days.rbegin(), days.rend(), day) == days.rend()) {
-            days.push_back(day);
-        }
+        work.test_days += work.days[key].insert(day_of(time)).second ? 1 : 0;
     }
 }
 
@@ -120,6 +118,10 @@ bool packing::gather(roster_agent& agent, std::string& error) {
         return false;
     }
     for (const block& b : work.blocks) {
+        if (work.top != 0 && work.test_days >= most_test_days) {
+            work.newer = b.received;
+            break;
+        }
         work.top = b.row;
         work.received = b.received;
         sort(work, b.received, b.records);
@@ -242,8 +244,9 @@ bool packing::store(job& work, int64_t stale_after, const kept_from& kept,
     state.open_bytes = all ? 0 : state.open_bytes - std::min(state.open_bytes, work.bytes);
     state.open_bytes = all ? 0 : std::max<uint64_t>(state.open_bytes, 1);
     state.open_since = all ? 0 : work.newer != 0 ? work.newer : work.received;
+    unpacking may;
     for (const auto& [key, id] : ids) {
-        if (!store_late(work, key, id, stale_after, kept, unreadable)) {
+        if (!store_late(work, key, id, stale_after, kept, may, unreadable)) {
             return false;
         }
     }
@@ -251,43 +254,41 @@ bool packing::store(job& work, int64_t stale_after, const kept_from& kept,
     return engine_.set_state(work.agent, storing_.packed(work_));
 }
 
-/* The days into which a state may go on that began in one of these. */
-void packing::add_reached(std::vector<int64_t>& days, int64_t stale_after) {
-    const std::vector<int64_t> begun = days;
-    for (int64_t day : begun) {
-        for (int64_t more = 1; more <= 1 + stale_after / day_seconds; more++) {
-            if (std::find(days.begin(), days.end(), day + more) == days.end()) {
-                days.push_back(day + more);
-            }
+/* Of the days on which there was a result, and those into which its state may go on, the ones that
+ * are closed and kept. */
+std::vector<int64_t> packing::closed_days(const std::set<int64_t>& of, int64_t test,
+                                          int64_t stale_after, const kept_from& kept) const {
+    std::vector<int64_t> closed;
+    const int64_t reach = 1 + stale_after / day_seconds;
+    int64_t next = std::max<int64_t>(0, std::min(kept.five_minutes, kept.hour));
+    for (int64_t day : of) {
+        for (next = std::max(next, day); next <= day + reach && closing_.is_closed(test, next);
+             next++) {
+            closed.push_back(next);
         }
     }
+    return closed;
 }
 
 /* What came for days that are closed: they are made anew where all that came on them is still
  * there, or else what is late is added. Results arrive on the day of their time, behind it, or
  * skew_s before it. */
 bool packing::store_late(job& work, const test_key& key, int64_t test, int64_t stale_after,
-                         const kept_from& kept, std::string& unreadable) {
-    std::vector<int64_t>& days = work.days[key];
-    add_reached(days, stale_after);
+                         const kept_from& kept, unpacking& may, std::string& unreadable) {
+    const std::vector<int64_t> closed = closed_days(work.days[key], test, stale_after, kept);
+    if (closed.empty()) {
+        return true;
+    }
+    const int64_t dropped = engine_.read_fact("dropped_through").value_or(INT64_MIN);
+    const auto whole =
+        std::find_if(closed.begin(), closed.end(), [&](int64_t day) { return dropped < day - 1; });
+    const std::span<const int64_t> made_anew(whole, closed.end()), added(closed.begin(), whole);
     std::vector<std::string_view> chunks;
-    for (int64_t day : days) {
-        if (!closing_.is_closed(test, day)) {
-            continue;
-        }
-        if (chunks.empty()) {
-            for (const made_chunk& made : work.chunks) {
-                if (made.test == key) {
-                    chunks.push_back(made.data);
-                }
-            }
-        }
-        bool is_whole = engine_.read_fact("dropped_through").value_or(INT64_MIN) < day - 1;
-        bool ok = is_whole ? roll_up_day(engine_, test, day, stale_after, kept, unreadable)
-                           : add_to_day(engine_, test, day, stale_after, kept, chunks, unreadable);
-        if (!ok) {
-            return false;
+    for (const made_chunk& made : work.chunks) {
+        if (made.test == key) {
+            chunks.push_back(made.data);
         }
     }
-    return true;
+    return roll_up_days(engine_, test, made_anew, stale_after, kept, may, unreadable) &&
+           add_to_days(engine_, test, added, stale_after, kept, chunks, may, unreadable);
 }

@@ -16,6 +16,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -68,7 +69,8 @@ private:
         uint64_t bytes = 0;
         std::deque<block> blocks = {}; /* oldest first; one large one is not copied */
         std::map<test_key, std::vector<gathered_record>> tests = {};
-        std::map<test_key, std::vector<int64_t>> days = {}; /* of check times */
+        std::map<test_key, std::set<int64_t>> days = {}; /* of check times */
+        size_t test_days = 0;                            /* of all tests */
         std::vector<made_chunk> chunks = {};
     };
 
@@ -77,9 +79,10 @@ private:
     void sort(job& work, int64_t received, std::string_view records);
     void pack_some(job& work);
     bool store(job& work, int64_t stale_after, const kept_from& kept, std::string& unreadable);
-    static void add_reached(std::vector<int64_t>& days, int64_t stale_after);
+    std::vector<int64_t> closed_days(const std::set<int64_t>& of, int64_t test, int64_t stale_after,
+                                     const kept_from& kept) const;
     bool store_late(job& work, const test_key& key, int64_t test, int64_t stale_after,
-                    const kept_from& kept, std::string& unreadable);
+                    const kept_from& kept, unpacking& may, std::string& unreadable);
 
     engine& engine_;
     roster& agents_;

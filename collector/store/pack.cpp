@@ -456,6 +456,17 @@ static bool read_chunk(column_reader& in, unpacked_chunk& chunk) {
     });
 }
 
+size_t inflated_size(std::string_view packed) {
+    size_t size = 0;
+    for (unsigned at = 1, shift = 0; at < packed.size() && shift < 63; at++, shift += 7) {
+        size |= size_t{static_cast<uint8_t>(packed[at]) & 0x7fu} << shift;
+        if (static_cast<uint8_t>(packed[at]) < 0x80) {
+            break;
+        }
+    }
+    return std::min<size_t>(size, max_text);
+}
+
 bool unpack_chunk(std::string_view packed, const std::function<bool(const arrived_record&)>& each) {
     column_reader in;
     unpacked_chunk chunk;

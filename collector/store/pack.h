@@ -71,6 +71,8 @@ bool pack_chunk(const std::vector<arrived_record>& records, std::string& packed)
 /* Calls `each` for every record in order, until it returns false. The views end with the call.
  * False when the chunk is damaged; what came before was right. */
 bool unpack_chunk(std::string_view packed, const std::function<bool(const arrived_record&)>& each);
+/* How much unpack_chunk() inflates, as the chunk says. */
+size_t inflated_size(std::string_view packed);
 
 /* ---- roll-ups ---- */
 

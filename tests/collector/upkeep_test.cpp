@@ -516,6 +516,56 @@ TEST_F(upkeep_test, results_of_a_day_that_are_too_many_are_told_of) {
 }
 
 /* A day is dropped a little at a time, and what comes late may be packed between. */
+/* An agent gives its results what times it likes. */
+TEST_F(upkeep_test, late_results_of_many_days_are_read_once_and_packed_some_at_a_time) {
+    keep.five_minutes = 730;
+    open();
+    const int days = 400;
+    for (int half = 0; half < 2; half++) {
+        std::string block;
+        for (int i = 0; i < days; i++) {
+            for (int32_t test = 1; test <= 2; test++) {
+                sent.push_back(load_record(test, midnight - 86400 * (i + 2) + 60 * half));
+                block += sent.back();
+            }
+        }
+        send(block);
+    }
+    pass(2 * 3600);
+    run();
+    EXPECT_EQ(rows_of("SELECT count(*) FROM packed_20260501"), 4u); /* one block a time */
+    for (int32_t test = 1; test <= 2; test++) {
+        for (int i : {0, 1, 17, days - 1}) {
+            EXPECT_EQ(count_of(id_of(test), first_day - i - 2), 2u) << i;
+            expect_rolled_up(id_of(test), first_day - i - 2);
+        }
+    }
+    EXPECT_EQ(told, strings());
+    expect_all();
+}
+
+TEST_F(upkeep_test, what_is_late_does_not_unpack_without_end) {
+    open();
+    live(2 * 3600, 1);
+    pass(3 * 86400);
+    run();
+    const std::vector<int64_t> late = {first_day, first_day + 1};
+    const int64_t test = id_of(1);
+    kept_from all;
+    unpacking none{.left = 0}, some;
+    std::string unreadable;
+    ASSERT_TRUE(in_transaction(
+        *store, [&] { return roll_up_days(*store, test, late, 180, all, none, unreadable); }));
+    EXPECT_EQ(unreadable,
+              "results came late for too many days at once: the rows of some days lack them");
+    unreadable.clear();
+    ASSERT_TRUE(in_transaction(
+        *store, [&] { return roll_up_days(*store, test, late, 180, all, some, unreadable); }));
+    EXPECT_EQ(unreadable, "");
+    EXPECT_LT(some.left, unpacking().left);
+    expect_rolled_up(test, first_day);
+}
+
 TEST_F(upkeep_test, late_results_are_added_to_a_day_that_is_being_dropped) {
     keep.raw = 1;
     bite_time = std::chrono::milliseconds(0);

@@ -217,6 +217,37 @@ TEST_F(copy_test, a_file_that_is_there_is_left_alone) {
     EXPECT_EQ(files_in(directory.path()), (strings{"copy.db", "state"}));
 }
 
+/* As its log, or as what an earlier version left, the store would take a copy for its own. */
+TEST_F(copy_test, a_copy_has_no_name_of_the_stores) {
+    fill();
+    e.reset();
+    const strings before = files_in(state);
+    for (const char* name :
+         {"results.db-wal", "results.db-journal", "results-earlier.db", "results-damaged-1.db"}) {
+        if (!fs::exists(state + "/" + name)) {
+            EXPECT_FALSE(backed_up(state + "/../state/" + name)) << name;
+            EXPECT_NE(error.find("the store's own"), error.npos) << error;
+        }
+    }
+    EXPECT_EQ(files_in(state), before);
+    EXPECT_TRUE(backed_up(state + "/backup.db")) << error;
+    EXPECT_TRUE(backed_up(directory / "results.db")) << error;
+}
+
+/* Opening a pipe would wait for ever. */
+TEST_F(copy_test, what_is_no_file_is_not_read) {
+    fill();
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_FALSE(restored(directory / "other"));
+    EXPECT_EQ(error, file + ": it is no file");
+    EXPECT_FALSE(restored(state, true));
+    fs::remove(file);
+    fs::create_directory(file);
+    EXPECT_FALSE(restored(directory / "other"));
+    EXPECT_EQ(error, file + ": it is no file");
+    EXPECT_FALSE(fs::exists(directory / "other"));
+}
+
 TEST_F(copy_test, nothing_is_left_of_a_copy_that_fails) {
     EXPECT_FALSE(backed_up(file)); /* there is nothing to copy */
     EXPECT_NE(error.find("results.db"), error.npos) << error;

@@ -38,6 +38,13 @@ std::string directory_of(const std::string& path) {
     return parent.empty() ? "." : parent;
 }
 
+/* As a log or an earlier file of the store a copy would be taken for part of it, and be lost. */
+bool is_name_of_store(const std::string& directory, const std::string& file) {
+    std::error_code failed;
+    return fs::path(file).filename().string().starts_with("results") &&
+           fs::equivalent(directory_of(file), directory, failed);
+}
+
 /* A new file beside `path`, its owner's alone, that goes with the object unless it got a name. */
 class unnamed_copy {
 public:
@@ -243,6 +250,10 @@ bool back_up(const std::string& directory, const std::string& file,
              const std::function<void(int)>& progress, std::string& error) {
     if (is_there(file)) {
         error = file + " is there already";
+        return false;
+    }
+    if (is_name_of_store(directory, file)) {
+        error = file + ": names that begin so are the store's own, take another";
         return false;
     }
     database from;

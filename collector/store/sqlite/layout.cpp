@@ -3,6 +3,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace {
@@ -102,6 +103,11 @@ bool database_open_reading(const std::string& directory, database& db, std::stri
 
 bool database_open_file(const std::string& path, database& db, std::string& error) {
     std::string reason;
+    struct stat status;
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        error = path + ": it is no file"; /* and opening a pipe would wait for a writer */
+        return false;
+    }
     sqlite3* handle = nullptr;
     int result =
         sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);

@@ -1,7 +1,8 @@
 /* A store with a history, and how long it takes to read it.
  *
  *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S [BEFORE_DAYS BEFORE_INTERVAL_S]
- *     the last so many days of a fleet, until now, behind some with fewer results
+ *     the last so many days of a fleet, until now, behind some with fewer results; with --noisy at
+ *     the end, of values that pack worst
  *
  *   fleet_store query STATE_DIR QUERIES [--cold]
  *     how long reading takes
@@ -115,7 +116,8 @@ struct stretch {
     int32_t interval; /* seconds */
 };
 
-int fill(const std::string& directory, uint32_t agents, std::vector<stretch> stretches) {
+int fill(const std::string& directory, uint32_t agents, std::vector<stretch> stretches,
+         bool is_noisy) {
     arrival_clock = simulated_clock;
     steady_clock = simulated_clock;
     const int64_t end = time(nullptr) / 60 * 60;
@@ -149,7 +151,7 @@ int fill(const std::string& directory, uint32_t agents, std::vector<stretch> str
             passes++;
             for (uint32_t i = 0; i < agents; i++) {
                 std::string block;
-                fleet[i].add_pass(now, block);
+                is_noisy ? fleet[i].add_noisy_pass(now, block) : fleet[i].add_pass(now, block);
                 fleet_agent::add_inventories(now, block);
                 {
                     std::lock_guard lock(mutex);
@@ -393,13 +395,15 @@ int samples(uint32_t agents, int64_t days, int32_t interval) {
 int main(int argc, char** argv) {
     std::string word = argc > 1 ? argv[1] : "";
     auto at = [&](int i) { return atoi(argv[i]); };
+    const bool is_noisy = argc > 1 && std::string(argv[argc - 1]) == "--noisy";
+    argc -= is_noisy ? 1 : 0;
     if (word == "fill" && (argc == 6 || argc == 8)) {
         std::vector<stretch> stretches;
         if (argc == 8) {
             stretches.push_back({at(6), at(7)});
         }
         stretches.push_back({at(4), at(5)});
-        return fill(argv[2], static_cast<uint32_t>(at(3)), stretches);
+        return fill(argv[2], static_cast<uint32_t>(at(3)), stretches, is_noisy);
     }
     if (word == "query" && (argc == 4 || argc == 5)) {
         return query(argv[2], static_cast<size_t>(at(3)), argc == 5);
@@ -411,7 +415,7 @@ int main(int argc, char** argv) {
         return samples(static_cast<uint32_t>(at(2)), at(3), at(4));
     }
     fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S "
-                    "[BEFORE_DAYS BEFORE_INTERVAL_S]\n"
+                    "[BEFORE_DAYS BEFORE_INTERVAL_S] [--noisy]\n"
                     "       fleet_store query STATE_DIR QUERIES [--cold]\n"
                     "       fleet_store drop STATE_DIR KEEP_DAYS SECONDS\n"
                     "       fleet_store samples AGENTS DAYS INTERVAL_S\n");

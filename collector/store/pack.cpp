@@ -47,6 +47,10 @@ struct shape {
     size_t value_bytes = 0; /* of all nodes */
     size_t strings = 0;
 
+    void clear() { /* keeps the memory */
+        nodes.clear();
+        columns = value_bytes = strings = 0;
+    }
     void add(const shape_node& node) {
         nodes.push_back(node);
         columns += 1 + node.held;
@@ -225,21 +229,25 @@ static std::vector<shape_group> find_shapes(const std::vector<arrived_record>& r
     }
     record_parts parts;
     std::string key;
+    size_t last = 0; /* group: most are of the same as the one before */
     for (size_t i = 0; i < records.size(); i++) {
-        parts.of = {};
+        parts.of.clear();
         parts.values.clear();
         parts.strings.clear();
         if (!take_apart(records[i].record, parts)) {
             continue;
         }
-        static_assert(std::has_unique_object_representations_v<shape_node>);
-        key.assign(reinterpret_cast<const char*>(parts.of.nodes.data()),
-                   parts.of.nodes.size() * sizeof(shape_node));
-        auto [at, added] = known.try_emplace(key, groups.size());
-        if (added) {
-            groups.push_back({.of = parts.of});
+        if (groups.empty() || groups[last].of.nodes != parts.of.nodes) {
+            static_assert(std::has_unique_object_representations_v<shape_node>);
+            key.assign(reinterpret_cast<const char*>(parts.of.nodes.data()),
+                       parts.of.nodes.size() * sizeof(shape_node));
+            auto [at, added] = known.try_emplace(key, groups.size());
+            if (added) {
+                groups.push_back({.of = parts.of});
+            }
+            last = at->second;
         }
-        shape_group& group = groups[at->second];
+        shape_group& group = groups[last];
         group.places.push_back(i);
         group.values += parts.values;
         group.strings.insert(group.strings.end(), parts.strings.begin(), parts.strings.end());

@@ -2,6 +2,7 @@
 
 #include "ingest/clock.h"
 #include "ingest/in_transaction.h"
+#include "protocol/record_types.h"
 
 #include <algorithm>
 
@@ -123,6 +124,8 @@ void attendance::stored(const agent_work& agent, std::string_view account, std::
     known.row_written = in_row ? now : known.row_written;
     watch_.heard(agent.id, at);
     size_t last = SIZE_MAX;
+    std::optional<int64_t> claimed; /* newest, of those that have times of their own */
+    int64_t arrival = 0;
     for (size_t place : agent.places) {
         if (place == last || place >= agent.state.tests.size()) {
             continue;
@@ -133,6 +136,13 @@ void attendance::stored(const agent_work& agent, std::string_view account, std::
         if (test.number) {
             watch_.came(agent.id, {test.type, *test.number}, now);
         }
+        if (test.number && test.type != protocol::mysql.code) {
+            claimed = std::max(claimed.value_or(test.claimed), test.claimed);
+            arrival = test.received;
+        }
+    }
+    if (in_row && claimed) {
+        witness_.note(*claimed, arrival, now);
     }
 }
 

@@ -9,6 +9,7 @@
 #include "ingest/owned_definition.h"
 #include "ingest/roster.h"
 #include "ingest/storing.h"
+#include "ingest/witness.h"
 #include "state/expected.h"
 #include "state/watch.h"
 #include "store/engine.h"
@@ -60,6 +61,8 @@ public:
      * row says that it was heard then. */
     void stored(const agent_work& agent, std::string_view account, std::string_view name,
                 int64_t at, bool in_row);
+    /* What agents' clocks say of the one by which polls arrive. */
+    witness::verdict on_clock() { return witness_.says(clock()); }
     /* Newest time of a result so far. */
     int64_t newest() const { return newest_; }
 
@@ -106,6 +109,7 @@ private:
 
     expected expected_;
     watch watch_{clock()};
+    witness witness_;
     int64_t looked_ = clock(); /* when somebody was overdue, the last time */
     int64_t newest_ = INT64_MIN;
     std::optional<int64_t> stale_after_; /* as the store has it, */

@@ -25,4 +25,7 @@ constexpr int64_t start_of(int64_t day) {
     return day * day_seconds;
 }
 
+/* 2026-01-01. A clock that says less is wrong: there was no collector yet. */
+constexpr int64_t earliest_day = 20454;
+
 #endif

@@ -14,11 +14,27 @@ bool closing::begin(int64_t now) {
         return false;
     }
     std::optional<int64_t> through = engine_.read_fact("closed_through");
-    through_ = through.value_or(day_of(now) - 1);
+    through_ = through.value_or(std::max(day_of(now), earliest_day) - 1);
     test_ = engine_.read_fact("closing_test").value_or(0);
     return (through || (engine_.set_fact("closed_through", through_) &&
                         engine_.set_fact("closing_test", 0))) &&
            engine_.commit();
+}
+
+/* Of days up to the one behind the last that was dropped not all is there. */
+bool closing::go_back(int64_t now) {
+    const int64_t dropped = engine_.read_fact("dropped_through").value_or(INT64_MIN / 2);
+    const int64_t to = std::max(day_of(now) - 1, dropped + 1);
+    if (through_ <= to) {
+        return true;
+    }
+    if (!engine_.begin() || !engine_.set_fact("closed_through", to) ||
+        !engine_.set_fact("closing_test", 0) || !engine_.commit()) {
+        return false;
+    }
+    through_ = to;
+    test_ = 0;
+    return true;
 }
 
 int64_t closing::until() const {

@@ -2,10 +2,13 @@
  * clock, and again by whoever packs results that come later. Days follow each other without a gap,
  * the tests of a day by their ids; how far that got is stored in the transaction that does it.
  * A clock that jumps ahead closes days early, and what comes then is late: that is right all the
- * same. One thread. */
+ * same, but each hour's results make their day anew. When the clock is back, and agents' clocks
+ * bear it out, these days are open again; in the end they are made of all that is packed, in place
+ * of what there is. Never those of which raw results may have been dropped. One thread. */
 #ifndef VINDRAL_COLLECTOR_CLOSING_H
 #define VINDRAL_COLLECTOR_CLOSING_H
 
+#include "ingest/clock.h"
 #include "ingest/roll_up_day.h"
 #include "store/engine.h"
 
@@ -25,6 +28,11 @@ public:
     bool is_closed(int64_t test, int64_t day) const {
         return day <= through_ || (day == through_ + 1 && test <= test_);
     }
+
+    /* Whether a day is closed that is not over. */
+    bool is_ahead(int64_t now) const { return through_ >= day_of(now); }
+    /* Opens it again, and those behind it: the clock is right. False when the engine failed. */
+    bool go_back(int64_t now);
 
     /* Whether a day is over and not closed. What was received before until() has to be packed
      * first. */

@@ -12,6 +12,8 @@ namespace {
 
 const int64_t between_drops = 3600; /* seconds */
 constexpr size_t kinds = 5;         /* of what goes by age */
+/* Seconds: that a clock is set right by, and for which a machine is off for a start. */
+constexpr int64_t most_adjusted = 600, most_off = 3 * day_seconds;
 
 /* Of YYYYMMDD: days since the epoch. */
 int64_t number_of(const std::string& day) {
@@ -45,22 +47,25 @@ void expiry::begin() {
     to_drop_.clear();
     days_changed_ = true;
     known_today_ = engine_.read_fact("today");
-    if (!known_today_) {
-        known_today_ = day_of(arrival_clock());
+    if (!known_today_ || *known_today_ < earliest_day) {
+        known_today_ = std::max(known_today_.value_or(day_of(arrival_clock())), earliest_day);
         engine_.set_fact("today", *known_today_);
     }
+    sure_ = engine_.read_fact("clock_hours").value_or(0);
+    seen_ = engine_.read_fact("clock_seen");
+    seen_steady_.reset();
     next_by_age_ = steady_clock() + between_drops;
     step_ = kinds;
 }
 
-bool expiry::run() {
+bool expiry::run(witness::verdict clock) {
     if (!engine_.is_open()) {
         return false;
     }
     if (!to_drop_.empty() || (is_due() && list_days())) {
         return drop_some();
     }
-    return drop_by_age();
+    return drop_by_age(clock);
 }
 
 /* ---- days of raw results ---- */
@@ -165,22 +170,58 @@ kept_from expiry::roll_ups() const {
     return all;
 }
 
-void expiry::follow_clock() {
+/* Whether the clock has not jumped since the last look. */
+bool expiry::runs_on() {
+    const int64_t now = arrival_clock(), steady = steady_clock();
+    bool ok = true;
+    if (seen_ && seen_steady_) {
+        const int64_t jump = (now - *seen_) - (steady - *seen_steady_);
+        ok = -most_adjusted <= jump && jump <= most_adjusted;
+    } else if (seen_) {
+        ok = *seen_ <= now && now - *seen_ <= most_off;
+    }
+    seen_ = now;
+    seen_steady_ = steady;
+    return ok;
+}
+
+/* What cannot be stored is counted anew in the next run. */
+void expiry::count_sure(int64_t hours) {
+    if (hours != 0 || sure_ != 0) {
+        engine_.set_fact("clock_hours", hours);
+        engine_.set_fact("clock_seen", seen_.value_or(0));
+    }
+    sure_ = hours;
+}
+
+void expiry::follow_clock(witness::verdict clock) {
     const int64_t day = day_of(arrival_clock());
-    if (known_today_ && *known_today_ < day && engine_.set_fact("today", *known_today_ + 1)) {
-        ++*known_today_;
+    const bool runs = runs_on() && clock != witness::verdict::differs;
+    const int64_t known = known_today_.value_or(day);
+    int64_t next = known;
+    if (known < day) {
+        count_sure(runs ? sure_ + (clock == witness::verdict::agrees ? 1 : 0) : 0);
+        next = sure_ >= sure_hours ? day : known + 1;
+    } else if (clock == witness::verdict::agrees) {
+        next = std::max(day, earliest_day);
+    }
+    if (next != known && engine_.set_fact("today", next)) {
+        known_today_ = next;
+    }
+    if (next >= day) {
+        count_sure(0);
     }
 }
 
 /* Some of one kind; false when all is done for an hour. */
-bool expiry::drop_by_age() {
+bool expiry::drop_by_age(witness::verdict clock) {
     if (step_ >= kinds) {
         if (steady_clock() < next_by_age_) {
             return false;
         }
         next_by_age_ = steady_clock() + between_drops;
         step_ = 0;
-        follow_clock();
+        follow_clock(clock);
     }
     auto older = [&](int days, auto drop) { /* than so many days */
                                             return days > 0 ? drop(today() - days)

@@ -168,7 +168,8 @@ private:
     void begin();
     bool is_known();
     upkeep_view view() const {
-        return {arrival_clock(), parts_->present.newest(), parts_->present.stale_after()};
+        return {arrival_clock(), parts_->present.newest(), parts_->present.stale_after(),
+                parts_->present.on_clock()};
     }
     void write_batches();
     void take_over();
@@ -292,6 +293,7 @@ void writer::take_over() {
                               : takeover::progress::failed;
             upkeep_view then = view();
             then.now = parts_->earlier.now();
+            then.clock = witness::verdict::none;
             while (made == takeover::progress::more && !queue_.is_stopped() &&
                    parts_->care.run_without_expiry(then)) {
             }

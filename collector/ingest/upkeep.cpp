@@ -57,6 +57,10 @@ bool upkeep::run(const upkeep_view& view, bool with_expiry) {
 }
 
 upkeep::progress upkeep::step(const upkeep_view& view, bool with_expiry) {
+    if (view.clock == witness::verdict::agrees && closing_.is_ahead(view.now) &&
+        !surely([&] { return closing_.go_back(view.now); })) {
+        return progress::failed;
+    }
     progress made = pack(view);
     if (made != progress::none) {
         return made;
@@ -65,7 +69,7 @@ upkeep::progress upkeep::step(const upkeep_view& view, bool with_expiry) {
     if (made != progress::none) {
         return made;
     }
-    return with_expiry && expiry_.run() ? progress::some : progress::none;
+    return with_expiry && expiry_.run(view.clock) ? progress::some : progress::none;
 }
 
 void upkeep::failed() {

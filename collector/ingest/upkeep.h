@@ -10,6 +10,7 @@
 #include "ingest/packing.h"
 #include "ingest/roster.h"
 #include "ingest/trouble.h"
+#include "ingest/witness.h"
 #include "store/engine.h"
 
 #include <chrono>
@@ -19,9 +20,10 @@
 
 /* How things stand. */
 struct upkeep_view {
-    int64_t now = 0;         /* by the clock by which polls arrive */
-    int64_t newest = 0;      /* no result has a later time */
-    int64_t stale_after = 0; /* seconds, for tests */
+    int64_t now = 0;                                 /* by the clock by which polls arrive */
+    int64_t newest = 0;                              /* no result has a later time */
+    int64_t stale_after = 0;                         /* seconds, for tests */
+    witness::verdict clock = witness::verdict::none; /* what agents' clocks say of it */
 };
 
 /* A test makes it quicker. */

@@ -34,6 +34,7 @@ struct upkeep_test : testing::Test {
     roster agents;
     std::unique_ptr<upkeep> care;
     int64_t newest = INT64_MIN;
+    witness::verdict clocks = witness::verdict::none; /* of agents, what they say of ours */
 
     void SetUp() override {
         wall = midnight + 3600;
@@ -100,7 +101,7 @@ struct upkeep_test : testing::Test {
         steady += seconds;
     }
     void run() {
-        while (care->run({wall, newest, 180})) {
+        while (care->run({wall, newest, 180, clocks})) {
         }
     }
     /* A record of each of some tests every minute, polls with it. */
@@ -476,6 +477,159 @@ TEST_F(upkeep_test, a_clock_that_jumps_ahead_closes_early_and_that_is_put_right)
     EXPECT_EQ(count_of(id_of(1), first_day), 4u * 60);
     expect_rolled_up(id_of(1), first_day);
     expect_all();
+}
+
+TEST_F(upkeep_test, days_closed_early_are_open_again_when_the_clock_is_back) {
+    open();
+    live(3600);
+    wall += 30 * 365 * 86400LL;
+    clocks = witness::verdict::differs;
+    run();
+    const int64_t ahead = fact("closed_through").value_or(0);
+    ASSERT_GT(ahead, first_day + 10000);
+    wall -= 30 * 365 * 86400LL;
+    live(600);
+    EXPECT_EQ(fact("closed_through"), ahead) << "it may be now that the clock is wrong";
+    clocks = witness::verdict::agrees;
+    live(3 * 3600 - 600);
+    EXPECT_EQ(fact("closed_through"), first_day - 1);
+    pace.open_for = -1;
+    pace.spread = 1;
+    live(3 * 3600);
+    EXPECT_EQ(rows().at(0).state.open_bytes, 0u);
+    EXPECT_EQ(count_of(id_of(1), first_day), 60u) << "of before; the others when it is over";
+    live(86400 - 7 * 3600); /* from one o'clock on */
+    live(700);
+    EXPECT_EQ(fact("closed_through"), first_day);
+    EXPECT_EQ(count_of(id_of(1), first_day), 23u * 60 + 1); /* up to a second before midnight */
+    expect_rolled_up(id_of(1), first_day);
+    expect_all();
+}
+
+/* Nor is any of them made of less than there was. */
+TEST_F(upkeep_test, days_of_which_results_were_dropped_stay_closed) {
+    keep.raw = 1;
+    open();
+    pace.open_for = -1;
+    pace.spread = 1;
+    clocks = witness::verdict::agrees;
+    for (int day = 0; day < 4; day++) {
+        live(1800, 1);
+        pass(86400 - 1800);
+        run();
+    }
+    pass(7200);
+    run();
+    const int64_t id = id_of(1), dropped = fact("dropped_through").value_or(0);
+    ASSERT_EQ(fact("closed_through"), first_day + 3);
+    ASSERT_EQ(dropped, first_day + 1);
+    wall -= 30 * 86400; /* and agents' clocks as well */
+    run();
+    EXPECT_EQ(fact("closed_through"), dropped + 1) << "nothing that was not whole is made anew";
+    wall += 30 * 86400;
+    run();
+    for (int day = 0; day < 4; day++) {
+        EXPECT_EQ(count_of(id, first_day + day), 30u) << day;
+    }
+}
+
+/* That is not known of days that a clock made up: then it stays as it is, which is right, too. */
+TEST_F(upkeep_test, after_weeks_of_a_clock_ahead_days_stay_closed_and_right) {
+    keep.raw = 1;
+    open();
+    pace.open_for = -1;
+    pace.spread = 1;
+    live(1800, 1);
+    wall += 1000 * 86400;
+    for (int day = 0; day < 4; day++) {
+        live(1800, 1);
+        pass(86400 - 1800);
+        run();
+    }
+    ASSERT_GT(fact("dropped_through").value_or(0), first_day + 999);
+    wall -= 1003 * 86400;
+    clocks = witness::verdict::agrees;
+    for (int day = 0; day < 3; day++) {
+        live(1800, 1);
+        EXPECT_EQ(count_of(id_of(1), day_of(wall)), 30u);
+        pass(86400 - 1800);
+        run();
+        EXPECT_EQ(count_of(id_of(1), day_of(wall) - 1), 30u);
+    }
+}
+
+TEST_F(upkeep_test, a_clock_at_1970_at_the_first_start_does_not_keep_all_for_years) {
+    wall = 60;
+    open();
+    run();
+    EXPECT_EQ(fact("today"), earliest_day);
+    wall = midnight;
+    for (int64_t hour = 0; hour <= first_day - earliest_day; hour++) {
+        EXPECT_EQ(fact("today"), std::min(earliest_day + hour, day_of(wall)));
+        pass(3600);
+        run();
+        wall -= 3600; /* it is still that day */
+    }
+    EXPECT_EQ(fact("today"), first_day);
+    EXPECT_GE(fact("closed_through").value_or(0), first_day - 1);
+}
+
+/* Where the clock said a day ten years ago when it was last seen. */
+TEST_F(upkeep_test, a_clock_that_ran_on_for_two_weeks_is_believed) {
+    open();
+    clocks = witness::verdict::agrees;
+    auto hours = [&](int64_t count) {
+        for (int64_t hour = 0; hour < count; hour++) {
+            pass(3600);
+            run();
+        }
+    };
+    hours(2);
+    ASSERT_EQ(fact("today"), first_day);
+    wall += 3650 * 86400LL;
+    hours(expiry::sure_hours); /* the first one shows the jump */
+    EXPECT_EQ(fact("today"), first_day + expiry::sure_hours) << "a day an hour";
+    clocks = witness::verdict::differs;
+    hours(1);
+    clocks = witness::verdict::agrees;
+    hours(expiry::sure_hours - 1);
+    EXPECT_EQ(fact("today"), first_day + 2 * expiry::sure_hours) << "counted anew";
+    wall += 1000;
+    hours(1);
+    EXPECT_EQ(fact("today"), first_day + 2 * expiry::sure_hours + 1) << "after a jump, too";
+    hours(100);
+    close();
+    pass(7200);
+    open(); /* starts do not end it */
+    clocks = witness::verdict::none;
+    hours(50); /* nor hours without results, which do not count */
+    clocks = witness::verdict::agrees;
+    hours(expiry::sure_hours - 101);
+    EXPECT_LT(fact("today").value_or(0), day_of(wall) - 1000);
+    hours(1);
+    EXPECT_EQ(fact("today"), day_of(wall));
+    /* Back again: what it had come to is not there for another jump. */
+    wall -= 3650 * 86400LL;
+    hours(2);
+    EXPECT_EQ(fact("today"), day_of(wall));
+    clocks = witness::verdict::differs;
+    wall += 3650 * 86400LL;
+    hours(1);
+    EXPECT_EQ(fact("today"), day_of(wall) - 3650 + 1);
+}
+
+TEST_F(upkeep_test, a_clock_that_is_set_back_and_is_wrong_takes_nothing_back) {
+    open();
+    clocks = witness::verdict::agrees;
+    pass(7200);
+    run();
+    wall -= 1000 * 86400LL;
+    clocks = witness::verdict::differs;
+    for (int hour = 0; hour < 5; hour++) {
+        pass(3600);
+        run();
+    }
+    EXPECT_EQ(fact("today"), first_day);
 }
 
 TEST_F(upkeep_test, roll_ups_go_by_their_age) {

@@ -159,10 +159,12 @@ bool for_each_earlier_agent(
         return error.empty();
     }
     statement agents(db.get(), "SELECT account, name, latest FROM agents");
+    if (!agents.ok()) { /* the first version's have no such column */
+        return true;
+    }
     std::vector<left_test> tests;
-    int result =
-        agents.ok() ? SQLITE_ROW : SQLITE_DONE; /* the first version's have no such column */
-    while (agents.ok() && (result = agents.step()) == SQLITE_ROW) {
+    int result = SQLITE_ROW;
+    while ((result = agents.step()) == SQLITE_ROW) {
         unpack_latest(agents.bytes(2), tests);
         each(agents.bytes(0), agents.bytes(1), tests);
     }

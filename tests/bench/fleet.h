@@ -73,8 +73,8 @@ public:
         }
     }
 
-    /* The same number of results of four values each that use all their digits, shares of a sum
-     * that itself varies: what packs worst. */
+    /* The same number of results of five values, four of which use all their digits: shares of
+     * a sum that itself varies. */
     void add_noisy_pass(int64_t time, std::string& block) {
         for (uint32_t test = 1; test <= tests; test++) {
             double sum = 5985 + std::floor(30 * random());

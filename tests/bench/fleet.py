@@ -3,12 +3,12 @@
 core, what a poll waits, what a result takes on disk, and how long reading takes, with a history and while results
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
-    tests/bench/fleet.py [load] [history] [drop] [test] [peers] [--agents 1000] [--days 4] [--before 26]
+    tests/bench/fleet.py [load] [history] [drop] [test] [peers] [--agents 1000] [--days 2] [--before 30]
         [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY]
 
 `load`: polls to an empty collector, at the same time to that of another version with --beside.
-`history` makes the last --days of the fleet by simulated clocks, behind --before days with a result in ten minutes;
-then a collector starts with that, and it is read, at rest and while polls come. --store: made there and left, or
+`history` makes the last --days of the fleet by simulated clocks, and copies their last whole day to the --before
+days in front of them; then a collector starts with that, and it is read, at rest and while polls come. --store: made there and left, or
 found there. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
 two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
@@ -25,7 +25,7 @@ import urllib.request
 
 import whole
 
-PEER_AGENTS, PEER_DAYS = 5, 30
+PEER_AGENTS, PEER_DAYS = 2, 30
 
 
 def megabytes(directory):
@@ -40,16 +40,17 @@ def tool(name, *arguments):
 KEEP_ALL = ["--keep-days", "0", "--keep-5min-days", "0", "--keep-hour-days", "0"]
 
 
-def fill(state, *what):
+def fill(state, *what, word="fill-all"):
     """Without waiting for the disk each time, where that is to be had."""
     faster = [shutil.which("eatmydata")] if shutil.which("eatmydata") else []
-    subprocess.run([*faster, os.path.join(whole.BENCH, "fleet_store"), "fill", state, *map(str, what)], check=True)
+    subprocess.run([*faster, os.path.join(whole.BENCH, "fleet_store"), word, state, *map(str, what)], check=True)
 
 
 def fill_fleet(options, home):
     state = os.path.join(options.store or home, "state")
     if not os.path.exists(state):
-        fill(state, options.agents, options.days, 60, options.before, 600)
+        fill(state, options.agents, options.days, 60)
+        tool("fleet_store", "repeat", state, options.before)
     return os.path.dirname(state)
 
 
@@ -131,7 +132,7 @@ def drop(options, home):
 def one_test(_, home):
     """Two years of one agent: what is kept of them by default."""
     state = os.path.join(home, "state")
-    fill(state, 1, 730, 60)
+    fill(state, 1, 730, 60, word="fill")
     print("%.2f MB a test" % (megabytes(state) / 20), flush=True)
 
 
@@ -187,7 +188,7 @@ def peers(_, home):
         tool("fleet_store", "query", os.path.join(home, "ours"), 200, *cold)
     if shutil.which("prometheus") and shutil.which("promtool"):
         data = os.path.join(home, "prometheus")
-        subprocess.run(["promtool", "tsdb", "create-blocks-from", "openmetrics", "--max-block-duration=24h", samples, data], check=True,
+        subprocess.run(["promtool", "tsdb", "create-blocks-from", "openmetrics", "--max-block-duration=240h", samples, data], check=True,
                        stdout=subprocess.DEVNULL)
         print("prometheus: %s" % per_sample(data, results, lines), flush=True)
         config = os.path.join(home, "prometheus.yml")
@@ -232,8 +233,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("parts", nargs="*", choices=[*PARTS, []])
     parser.add_argument("--agents", type=int, default=1000)
-    parser.add_argument("--days", type=int, default=4)
-    parser.add_argument("--before", type=int, default=26)
+    parser.add_argument("--days", type=int, default=2)
+    parser.add_argument("--before", type=int, default=30)
     parser.add_argument("--beside", action="append", default=[])
     parser.add_argument("--store")
     parser.add_argument("--seconds", type=int, default=300)

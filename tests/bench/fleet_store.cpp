@@ -1,8 +1,13 @@
 /* A store with a history, and how long it takes to read it.
  *
- *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S [BEFORE_DAYS BEFORE_INTERVAL_S]
- *     the last so many days of a fleet, until now, behind some with fewer results; with --noisy at
- *     the end, of values that pack worst
+ *   fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S [--noisy]
+ *     the last so many days of a fleet, until now; with --noisy of values that pack worst
+ *
+ *   fleet_store fill-all ...
+ *     the same, and all is kept, whatever its age
+ *
+ *   fleet_store repeat STATE_DIR DAYS
+ *     the last whole day copied to those before
  *
  *   fleet_store query STATE_DIR QUERIES [--cold]
  *     how long reading takes
@@ -13,6 +18,7 @@
  *   fleet_store samples AGENTS DAYS INTERVAL_S
  *     the same values in OpenMetrics' text form
  *
+ * `repeat` is quick, and good for everything but reading single results of the days it makes.
  * `fill` also tells what of the processor a poll took to store, pack and roll up. `drop` sends 100
  * blocks a second, each when the one before is stored, so that they are transactions of their own;
  * it changes what is stored, like any run of a collector that keeps fewer days.
@@ -111,28 +117,26 @@ void wait_for_packing(const std::string& directory) {
     }
 }
 
-struct stretch {
-    int64_t days;
-    int32_t interval; /* seconds */
-};
-
-int fill(const std::string& directory, uint32_t agents, std::vector<stretch> stretches,
-         bool is_noisy) {
+int fill(const std::string& directory, uint32_t agents, double days, int32_t interval,
+         bool keep_all, bool is_noisy) {
     arrival_clock = simulated_clock;
     steady_clock = simulated_clock;
-    const int64_t end = time(nullptr) / 60 * 60;
-    now = end;
-    for (const stretch& each : stretches) {
-        now = now - each.days * day_s;
-    }
+    const int64_t end = time(nullptr) / interval * interval;
+    now = end - static_cast<int64_t>(days * day_s) / interval * interval;
     ingest_options options;
     options.directory = directory;
+    if (keep_all) {
+        options.keep_days = options.keep_5min_days = options.keep_hour_days = 0;
+    }
     std::string error;
     std::unique_ptr<ingest> store = ingest::open(options, nullptr, error);
     if (!store) {
         fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
+    plan_summary plan;
+    plan.every = {.poll = interval, .check = interval};
+    store->follow(plan, {});
     std::vector<fleet_agent> fleet;
     for (uint32_t i = 0; i < agents; i++) {
         fleet.emplace_back(i);
@@ -143,39 +147,33 @@ int fill(const std::string& directory, uint32_t agents, std::vector<stretch> str
     bool failed = false;
     const double began = seconds_now();
     int64_t passes = 0;
-    for (const stretch& each : stretches) {
-        plan_summary plan;
-        plan.every = {.poll = each.interval, .check = each.interval};
-        store->follow(plan, {});
-        for (int64_t last = now + each.days * day_s; now < last; now = now + each.interval) {
-            passes++;
-            for (uint32_t i = 0; i < agents; i++) {
-                std::string block;
-                is_noisy ? fleet[i].add_noisy_pass(now, block) : fleet[i].add_pass(now, block);
-                fleet_agent::add_inventories(now, block);
-                {
-                    std::lock_guard lock(mutex);
-                    waiting++;
-                }
-                store->submit({.account = "fleet@example.org",
-                               .agent = name_of(i),
-                               .plain = std::move(block),
-                               .received = now,
-                               .address = "192.0.2.1",
-                               .version = "3.0"},
-                              [&](store_result result) {
-                                  std::lock_guard lock(mutex);
-                                  failed = failed || result != store_result::stored;
-                                  waiting--;
-                                  changed.notify_one();
-                              });
+    for (; now + interval <= end; now = now + interval, passes++) {
+        for (uint32_t i = 0; i < agents; i++) {
+            std::string block;
+            is_noisy ? fleet[i].add_noisy_pass(now, block) : fleet[i].add_pass(now, block);
+            fleet_agent::add_inventories(now, block);
+            {
+                std::lock_guard lock(mutex);
+                waiting++;
             }
-            std::unique_lock lock(mutex);
-            changed.wait(lock, [&] { return waiting == 0; });
-            lock.unlock();
-            if (now % 3600 < each.interval) {
-                wait_for_packing(directory);
-            }
+            store->submit({.account = "fleet@example.org",
+                           .agent = name_of(i),
+                           .plain = std::move(block),
+                           .received = now,
+                           .address = "192.0.2.1",
+                           .version = "3.0"},
+                          [&](store_result result) {
+                              std::lock_guard lock(mutex);
+                              failed = failed || result != store_result::stored;
+                              waiting--;
+                              changed.notify_one();
+                          });
+        }
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return waiting == 0; });
+        lock.unlock();
+        if (now % 3600 < interval) {
+            wait_for_packing(directory);
         }
     }
     double took = seconds_now() - began;
@@ -252,6 +250,52 @@ int drop(const std::string& directory, int keep, int seconds) {
            polls, took[polls / 2], took[polls * 99 / 100], took[polls * 999 / 1000], took.back(),
            later, failed ? "; SOME WERE NOT STORED" : "");
     return failed ? 1 : 0;
+}
+
+/* Copies rows, with the keys of the layout that store/sqlite/layout.h describes. */
+int repeat(const std::string& directory, int64_t days) {
+    sqlite3* db = nullptr;
+    bool ok = sqlite3_open((directory + "/results.db").c_str(), &db) == SQLITE_OK;
+    auto execute = [&](const std::string& text) {
+        ok = ok && sqlite3_exec(db, text.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+    };
+    auto name_of_day = [](int64_t day, size_t digits) {
+        const time_t at = day * day_s;
+        tm parts;
+        char text[16];
+        gmtime_r(&at, &parts);
+        strftime(text, sizeof text, "%Y%m%d", &parts);
+        return std::string(text, digits);
+    };
+    const int64_t last = time(nullptr) / day_s - 1;
+    execute("PRAGMA synchronous = OFF");
+    for (int64_t back = 1; back <= days; back++) {
+        const std::string shift = std::to_string(back * day_s), day = name_of_day(last - back, 8);
+        execute("BEGIN");
+        execute("DROP TABLE IF EXISTS packed_" + day);
+        execute("CREATE TABLE packed_" + day +
+                " (id INTEGER PRIMARY KEY, received_first INTEGER, received_last INTEGER NOT NULL,"
+                " first INTEGER NOT NULL, last INTEGER NOT NULL, results INTEGER NOT NULL,"
+                " data BLOB NOT NULL)");
+        execute("INSERT INTO packed_" + day + " SELECT id - " + shift + ", received_first - " +
+                shift + ", received_last - " + shift + ", first - " + shift + ", last - " + shift +
+                ", results, data FROM packed_" + name_of_day(last, 8));
+        execute("INSERT OR REPLACE INTO days SELECT '" + day + "', min(turn) - 1 FROM days");
+        for (const char* prefix : {"rollups5_", "rollups60_"}) {
+            const std::string table = prefix + name_of_day(last - back, 6);
+            execute("CREATE TABLE IF NOT EXISTS " + table +
+                    " (id INTEGER PRIMARY KEY, data BLOB NOT NULL)");
+            execute("INSERT OR REPLACE INTO " + table + " SELECT id - " + std::to_string(back) +
+                    ", data FROM " + prefix + name_of_day(last, 6) +
+                    " WHERE id % 1048576 = " + std::to_string(last));
+        }
+        execute("COMMIT");
+    }
+    if (!ok) {
+        fprintf(stderr, "%s\n", sqlite3_errmsg(db));
+    }
+    sqlite3_close(db);
+    return ok ? 0 : 1;
 }
 
 void put_out(const std::string& directory) {
@@ -397,13 +441,12 @@ int main(int argc, char** argv) {
     auto at = [&](int i) { return atoi(argv[i]); };
     const bool is_noisy = argc > 1 && std::string(argv[argc - 1]) == "--noisy";
     argc -= is_noisy ? 1 : 0;
-    if (word == "fill" && (argc == 6 || argc == 8)) {
-        std::vector<stretch> stretches;
-        if (argc == 8) {
-            stretches.push_back({at(6), at(7)});
-        }
-        stretches.push_back({at(4), at(5)});
-        return fill(argv[2], static_cast<uint32_t>(at(3)), stretches, is_noisy);
+    if ((word == "fill" || word == "fill-all") && argc == 6) {
+        return fill(argv[2], static_cast<uint32_t>(at(3)), atof(argv[4]), at(5), word == "fill-all",
+                    is_noisy);
+    }
+    if (word == "repeat" && argc == 4) {
+        return repeat(argv[2], at(3));
     }
     if (word == "query" && (argc == 4 || argc == 5)) {
         return query(argv[2], static_cast<size_t>(at(3)), argc == 5);
@@ -414,8 +457,8 @@ int main(int argc, char** argv) {
     if (word == "samples" && argc == 5) {
         return samples(static_cast<uint32_t>(at(2)), at(3), at(4));
     }
-    fprintf(stderr, "usage: fleet_store fill STATE_DIR AGENTS DAYS INTERVAL_S "
-                    "[BEFORE_DAYS BEFORE_INTERVAL_S] [--noisy]\n"
+    fprintf(stderr, "usage: fleet_store fill|fill-all STATE_DIR AGENTS DAYS INTERVAL_S [--noisy]\n"
+                    "       fleet_store repeat STATE_DIR DAYS\n"
                     "       fleet_store query STATE_DIR QUERIES [--cold]\n"
                     "       fleet_store drop STATE_DIR KEEP_DAYS SECONDS\n"
                     "       fleet_store samples AGENTS DAYS INTERVAL_S\n");

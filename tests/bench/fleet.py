@@ -4,18 +4,20 @@ core, what a poll waits, what a result takes on disk, and how long reading takes
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
     tests/bench/fleet.py [load] [history] [drop] [test] [peers] [--agents 1000] [--days 2] [--before 30]
-        [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY]
+        [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY] [--ahead]
 
 `load`: polls to an empty collector, at the same time to that of another version with --beside.
 `history` makes the last --days of the fleet by simulated clocks, and copies their last whole day to the --before
 days in front of them; then a collector starts with that, and it is read, at rest and while polls come. --store: made there and left, or
-found there. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
+found there. --ahead: what reads (and the peers) goes before everything else on a machine that others use, too
+(chrt, as root). `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
 two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
 import argparse
 import json
 import os
 import shutil
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -33,8 +35,12 @@ def megabytes(directory):
                for name in names) / 1e6
 
 
-def tool(name, *arguments):
-    return subprocess.run([os.path.join(whole.BENCH, name), *map(str, arguments)], check=False)
+def tool(name, *arguments, first=()):
+    return subprocess.run([*first, os.path.join(whole.BENCH, name), *map(str, arguments)], check=False)
+
+
+def ahead(options):
+    return ["chrt", "--fifo", "1"] if options.ahead else []
 
 
 KEEP_ALL = ["--keep-days", "0", "--keep-5min-days", "0", "--keep-hour-days", "0"]
@@ -46,10 +52,27 @@ def fill(state, *what, word="fill-all"):
     subprocess.run([*faster, os.path.join(whole.BENCH, "fleet_store"), word, state, *map(str, what)], check=True)
 
 
+def close_days(home):
+    """Until the days that are over are rolled up."""
+    process, _ = whole.start_collector(home, options=KEEP_ALL)
+    db = sqlite3.connect("file:%s/state/results.db?mode=ro" % home, uri=True)
+    began = time.monotonic()
+
+    def closed():
+        return db.execute("SELECT value FROM facts WHERE name = 'closed_through'").fetchone()[0]
+
+    whole.wait_for(lambda: closed() == int(time.time()) // 86400 - 1, "the days' ends", patience_s=1800)
+    print("days rolled up: %.0f s, %.1f s of the processor" % (time.monotonic() - began, processor(process.pid)),
+          flush=True)
+    db.close()
+    whole.end(process)
+
+
 def fill_fleet(options, home):
     state = os.path.join(options.store or home, "state")
     if not os.path.exists(state):
         fill(state, options.agents, options.days, 60)
+        close_days(os.path.dirname(state))
         tool("fleet_store", "repeat", state, options.before)
     return os.path.dirname(state)
 
@@ -100,12 +123,12 @@ def history(options, home):
     process, port = whole.start_collector(home, options=KEEP_ALL)
     for cold in ([], ["--cold"]):
         print("at rest, %s:" % ("cold" if cold else "warm"), flush=True)
-        tool("fleet_store", "query", state, 200, *cold)
+        tool("fleet_store", "query", state, 200, *cold, first=ahead(options))
     fleet = polls(process.pid, port, options, options.seconds)
     time.sleep(10)
     for cold in ([], ["--cold"]):
         print("while results come, %s:" % ("cold" if cold else "warm"), flush=True)
-        tool("fleet_store", "query", state, 200, *cold)
+        tool("fleet_store", "query", state, 200, *cold, first=ahead(options))
     print(fleet.communicate()[0], end="", flush=True)
     whole.end(process)
 
@@ -173,7 +196,9 @@ def answers(url):
         return False
 
 
-def peers(_, home):
+def peers(options, home):
+    if options.ahead:
+        os.sched_setscheduler(0, os.SCHED_FIFO | os.SCHED_RESET_ON_FORK, os.sched_param(1))
     samples = os.path.join(home, "samples")
     with open(samples, "wb") as file:
         subprocess.run([os.path.join(whole.BENCH, "fleet_store"), "samples", str(PEER_AGENTS), str(PEER_DAYS), "60"],
@@ -185,7 +210,7 @@ def peers(_, home):
     fill(os.path.join(home, "ours"), PEER_AGENTS, PEER_DAYS, 60)
     print("ours: %s" % per_sample(os.path.join(home, "ours"), results, lines), flush=True)
     for cold in ([], ["--cold"]):
-        tool("fleet_store", "query", os.path.join(home, "ours"), 200, *cold)
+        tool("fleet_store", "query", os.path.join(home, "ours"), 200, *cold, first=ahead(options))
     if shutil.which("prometheus") and shutil.which("promtool"):
         data = os.path.join(home, "prometheus")
         subprocess.run(["promtool", "tsdb", "create-blocks-from", "openmetrics", "--max-block-duration=240h", samples, data], check=True,
@@ -194,7 +219,7 @@ def peers(_, home):
         config = os.path.join(home, "prometheus.yml")
         whole.peers.write_text(config, "global: {}\n")
         port = whole.peers.free_port()
-        process = subprocess.Popen(["prometheus", "--config.file", config, "--storage.tsdb.path", data,
+        process = subprocess.Popen([*ahead(options), "prometheus", "--config.file", config, "--storage.tsdb.path", data,
                                     "--storage.tsdb.retention.time", "10y",
                                     "--web.listen-address", "127.0.0.1:%d" % port], stderr=subprocess.DEVNULL)
         whole.count_on(process, "prometheus")
@@ -209,7 +234,7 @@ def peers(_, home):
     if name:
         data = os.path.join(home, "victoria")
         port = whole.peers.free_port()
-        process = subprocess.Popen([name, "-storageDataPath", data, "-retentionPeriod", "10y",
+        process = subprocess.Popen([*ahead(options), name, "-storageDataPath", data, "-retentionPeriod", "10y",
                                     "-httpListenAddr", "127.0.0.1:%d" % port], stderr=subprocess.DEVNULL)
         whole.count_on(process, "victoria-metrics")
         url = "http://127.0.0.1:%d" % port
@@ -237,6 +262,7 @@ def main():
     parser.add_argument("--before", type=int, default=30)
     parser.add_argument("--beside", action="append", default=[])
     parser.add_argument("--store")
+    parser.add_argument("--ahead", action="store_true")
     parser.add_argument("--seconds", type=int, default=300)
     parser.add_argument("--directory", default="/var/tmp")
     options = parser.parse_args()

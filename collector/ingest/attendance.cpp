@@ -202,6 +202,7 @@ bool attendance::run() {
         take_in();
         looked_ = now;
         found_all_ = false;
+        written_all_ = false;
     }
     if (!found_all_ && overdue_.empty()) {
         watch_.find_overdue(expected_, now, most_agents, overdue_);
@@ -215,11 +216,12 @@ bool attendance::run() {
         ok = definitions_.run(arrival_clock());
     }
     ok = ok && write_patience();
-    ok = ok && write_rows(now - between_rows);
+    ok = ok && (written_all_ || write_rows(now - between_rows));
     if (!ok) {
         put_back(now);
     }
-    return ok && (!back_.empty() || !overdue_.empty() || !found_all_ || definitions_.is_due());
+    return ok && (!back_.empty() || !overdue_.empty() || !found_all_ || !written_all_ ||
+                  definitions_.is_due());
 }
 
 /* For those who read, and for the next run. */
@@ -335,6 +337,7 @@ bool attendance::write_rows(int64_t due) {
         }
         ++one;
     }
+    written_all_ = some.size() < most_agents;
     if (some.empty()) {
         return true;
     }

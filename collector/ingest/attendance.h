@@ -120,6 +120,7 @@ private:
     std::unordered_map<int64_t, int64_t> back_; /* agents that were silent, and when heard */
     std::vector<watch::overdue> overdue_;       /* and what became of it is not written */
     bool found_all_ = true;                     /* no more are overdue, at the last look */
+    bool written_all_ = true;                   /* of what was to be written at the last look */
     std::vector<agent_work> works_;             /* of a transaction */
 };
 

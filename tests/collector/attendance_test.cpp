@@ -379,6 +379,20 @@ TEST_F(attendance_test, rows_say_seldom_when_somebody_was_heard_and_at_the_end) 
               strings{"idle|192.0.2.1|3.1|" + std::to_string(now)});
 }
 
+/* In bites, and all of them in the end. */
+TEST_F(attendance_test, rows_of_many_that_bring_nothing_are_written_in_one_look) {
+    open();
+    for (int i = 0; i < 300; i++) {
+        heard("idle" + std::to_string(i));
+    }
+    pass(185);
+    const char* rows = "SELECT count(*) FROM agents WHERE name LIKE 'idle%'";
+    for (int i = 0; i < 1000 && query(rows) != strings{"300"}; i++) {
+        submit(load_record(1, 1), "clock"); /* without another look: the clock stands */
+    }
+    EXPECT_EQ(query(rows), strings{"300"});
+}
+
 TEST_F(attendance_test, an_agent_without_results_falls_silent_too) {
     open();
     pass(400, "idle");

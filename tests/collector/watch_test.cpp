@@ -223,6 +223,7 @@ TEST(watch, a_test_that_left_the_plan_is_gone_when_nothing_came_of_it_for_as_lon
     w.came(1, {66, 2}, 250); /* a last one, on its way when the plan changed */
     EXPECT_EQ(overdue_at(w, plan, 281), "");
     w.came(1, {66, 1}, 281);
+    w.heard(1, 400);
     EXPECT_EQ(overdue_at(w, plan, 430), "");
     EXPECT_EQ(overdue_at(w, plan, 431), "1 gone 66/2; ");
     w.heard(1, 440);

@@ -155,7 +155,8 @@ class Kept(harness.TestCase):
         found = []
         for name in ("states.md", "operations.md"):
             with open(os.path.join(harness.HERE, "..", "..", "docs", name), encoding="utf-8") as file:
-                found += re.findall(r'sqlite3 -readonly results\.db "([^"]+)"', file.read())
+                found += [text.replace('\\"', '"') for text in  # as a shell reads it
+                          re.findall(r'sqlite3 -readonly results\.db "((?:[^"\\]|\\.)+)"', file.read())]
         self.assertEqual(len(found), 3)
         self.collector.stop()
         answers = [self.query(query) for query in found]

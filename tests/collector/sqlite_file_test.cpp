@@ -96,6 +96,15 @@ struct sqlite_file_test : testing::Test {
         return found;
     }
 
+    /* Blocks that are there for the next start. */
+    int64_t count_after_a_kill() {
+        const scratch_directory killed;
+        for (const char* end : {"", "-wal"}) { /* as they lie there now */
+            fs::copy_file(path + end, database_path(killed.path()) + end);
+        }
+        return std::stoll(query(database_path(killed.path()), "SELECT count(*) FROM blocks").at(0));
+    }
+
     static const size_t page_size = 8192;
     size_t root_of(const std::string& name) {
         return std::stoul(
@@ -537,6 +546,88 @@ TEST_F(sqlite_file_test, a_file_that_is_removed_or_replaced_is_told) {
     EXPECT_EQ(told.back(), path + " was replaced while it was in use: the new one is used");
     EXPECT_EQ(query(directory / "moved.db", "SELECT received - 1777636800 FROM blocks"),
               strings{"2"}); /* it is whole */
+}
+
+TEST_F(sqlite_file_test, a_log_that_is_removed_is_told_and_nothing_is_lost) {
+    ASSERT_TRUE(open());
+    EXPECT_TRUE(store("web1", 1));
+    unsigned generation = e->generation();
+    const std::string log = path + "-wal";
+    int64_t stored = 1;
+    for (bool replaced : {false, true}) {
+        told.clear();
+        fs::remove(log);
+        if (replaced) {
+            write_text(log, "something else");
+        }
+        EXPECT_TRUE(store("web1", ++stored)) << e->reason();
+        EXPECT_EQ(told,
+                  strings{log + " was removed while it was in use: what it held is in " + path});
+        EXPECT_TRUE(store("web1", ++stored)) << e->reason();
+        EXPECT_EQ(told.size(), 1u);
+        EXPECT_EQ(e->generation(), generation);
+        EXPECT_EQ(count_after_a_kill(), stored);
+    }
+}
+
+/* What somebody reads cannot be taken out of the log: that is waited for. */
+TEST_F(sqlite_file_test, a_log_that_is_removed_under_a_reader_is_left_when_that_is_done) {
+    ASSERT_TRUE(open());
+    EXPECT_TRUE(store("web1", 1));
+    {
+        auto reader = open_reader(state, error);
+        ASSERT_TRUE(reader) << error;
+        fs::remove(path + "-wal");
+        EXPECT_TRUE(store("web1", 2)) << e->reason();
+        EXPECT_EQ(told, strings());
+    }
+    EXPECT_TRUE(store("web1", 3)) << e->reason();
+    EXPECT_EQ(told.size(), 1u);
+    EXPECT_EQ(count_after_a_kill(), 3);
+}
+
+TEST_F(sqlite_file_test, a_log_that_comes_and_goes_by_itself_is_no_reason) {
+    ASSERT_TRUE(open());
+    for (int i = 0; i < 40; i++) {
+        EXPECT_TRUE(store("web1", i));
+        if (i % 5 == 0) {
+            query("PRAGMA wal_checkpoint(TRUNCATE)");
+        }
+        e->look_after();
+        if (i % 7 == 0) {
+            ASSERT_TRUE(open());
+            e->look_after();
+        }
+        EXPECT_EQ(agents(), strings{"web1 known"});
+    }
+    EXPECT_EQ(told, strings());
+    EXPECT_EQ(count_after_a_kill(), 40);
+}
+
+/* SQLite would take the log of an empty file for one that is left over. */
+TEST_F(sqlite_file_test, a_file_that_is_emptied_is_told) {
+    ASSERT_TRUE(open());
+    EXPECT_TRUE(store("web1", 1));
+    unsigned generation = e->generation();
+    fs::resize_file(path, 0);
+    EXPECT_TRUE(store("web2", 2)) << e->reason();
+    EXPECT_GT(e->generation(), generation);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_TRUE(told[0].starts_with(path +
+                                    " is damaged (it was emptied while it was in use): it "
+                                    "is kept as " +
+                                    state + "/results-damaged-20260501T120000Z.db, "))
+        << told[0];
+    EXPECT_EQ(count_after_a_kill(), 1);
+    EXPECT_EQ(query("PRAGMA integrity_check"), strings{"ok"});
+
+    ASSERT_TRUE(open()); /* nothing is in the log */
+    told.clear();
+    fs::resize_file(path, 0);
+    EXPECT_TRUE(store("web2", 3)) << e->reason();
+    EXPECT_EQ(told, strings{path + " was emptied while it was in use: what it held is gone, a new "
+                                   "one is begun"});
+    EXPECT_EQ(count_after_a_kill(), 1);
 }
 
 TEST_F(sqlite_file_test, a_directory_that_is_removed_is_told_and_used_again_when_it_is_back) {

@@ -65,7 +65,7 @@ void sqlite_engine::release() {
 
 void sqlite_engine::look_after() {
     damaged_ = 0;
-    if (is_open() && file_.was_replaced()) {
+    if (is_open() && file_.was_replaced() && file_.can_be_left()) {
         release();
         file_.leave();
     }

@@ -229,17 +229,38 @@ std::string sqlite_file::path() const {
     return database_path(options_.directory);
 }
 
-bool sqlite_file::was_replaced() const {
+/* The log is there as long as the file is open: whoever else closes it finds it in use, and it is
+ * emptied, never made anew. A file that is empty makes SQLite delete its log. */
+sqlite_file::found sqlite_file::look() const {
     struct stat status;
-    return stat(path().c_str(), &status) != 0 || status.st_dev != device_ ||
-           status.st_ino != inode_;
+    if (stat(path().c_str(), &status) != 0) {
+        return found::removed;
+    }
+    if (status.st_dev != device_ || status.st_ino != inode_) {
+        return found::replaced;
+    }
+    if (status.st_size == 0) {
+        return found::emptied;
+    }
+    bool own_log = wal_inode_ == 0 || inode_of(path() + "-wal") == wal_inode_;
+    return own_log ? found::in_place : found::without_log;
+}
+
+/* Also for a process that goes on reading: what is left in a log without a name, and what would
+ * be appended to another one in its place, is gone with a kill. */
+bool sqlite_file::empty_log() {
+    sqlite3_busy_timeout(db_.get(), 0); /* it is tried again soon */
+    statement checkpoint(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
+    bool emptied = checkpoint.row() && checkpoint.integer(0) == 0;
+    sqlite3_busy_timeout(db_.get(), lock_wait_ms);
+    return emptied;
 }
 
 /* The agents of a file that is gone are known to the next one, but for the hash of their last
  * block: what of it was not answered yet had better come again. */
 void sqlite_file::leave() {
-    bool removed = inode_of(path()) == 0;
-    if (removed) {
+    const found how = look();
+    if (how == found::removed || how == found::emptied) {
         carried_ = {};
         carried_.read(db_.get());
         for (carried_rows::agent& agent : carried_.agents) {
@@ -251,16 +272,32 @@ void sqlite_file::leave() {
     bool own_log = inode_of(path() + "-wal") == wal_inode_;
     database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
     close();
+    if (how == found::without_log) {
+        options_.tell(path() + "-wal was removed while it was in use: what it held is in " +
+                      path());
+        return;
+    }
     generation_++;
+    struct stat rest;
+    std::string reason = "it was emptied while it was in use";
+    if (how == found::emptied && stat(path().c_str(), &rest) == 0 && rest.st_size > 0) {
+        if (!set_aside(reason)) { /* met again, and refused, when it is opened */
+            options_.tell(path() + ": " + reason);
+        }
+        return;
+    }
     for (const char* end : {"-wal", "-shm"}) {
         if (own_log) {
             unlink((path() + end).c_str());
         }
     }
-    options_.tell(path() +
-                  (removed ? " was removed while it was in use: what it held is gone, a new one is "
-                             "begun as soon as there is a place for it"
-                           : " was replaced while it was in use: the new one is used"));
+    options_.tell(
+        path() + (how == found::removed
+                      ? " was removed while it was in use: what it held is gone, a new one is "
+                        "begun as soon as there is a place for it"
+                  : how == found::emptied
+                      ? " was emptied while it was in use: what it held is gone, a new one is begun"
+                      : " was replaced while it was in use: the new one is used"));
 }
 
 /* The log goes first: beside another database it would do harm. */

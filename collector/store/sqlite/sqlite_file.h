@@ -40,9 +40,11 @@ public:
     /* Closes a file that turned out to be of no use after open(); `error` is why. */
     void refuse(std::string& error);
 
-    /* Whether somebody removed or replaced the file: what goes into the old one could never be
-     * read. leave() closes it then. */
-    bool was_replaced() const;
+    /* Whether somebody removed, replaced or emptied the file, or took its log away: what goes
+     * there could never be read. leave() closes it then. A log that was taken away has to go into
+     * the file first, which fails while somebody reads it. */
+    bool was_replaced() const { return look() != found::in_place; }
+    bool can_be_left() { return look() != found::without_log || empty_log(); }
     void leave();
 
     /* Gives the damaged file and what belongs to it other names. False when that cannot be done,
@@ -58,6 +60,9 @@ public:
     unsigned generation() const { return generation_; }
 
 private:
+    enum class found { in_place, removed, replaced, emptied, without_log };
+    found look() const;
+    bool empty_log();
     bool lock_is_held(std::string& error);
     bool open_handle(std::string& error);
     bool open_layout(bool& empty, std::string& error);

@@ -456,6 +456,28 @@ TEST_F(copy_test, a_copy_that_is_damaged_is_refused) {
     }
 }
 
+/* What a kill left of a change is undone by whoever comes next, also one that only reads. */
+TEST_F(copy_test, a_change_that_was_cut_short_is_undone) {
+    fill();
+    ASSERT_TRUE(backed_up(file)) << error; /* a copy has no log */
+    const strings before = content(file);
+    const std::string killed = directory / "killed";
+    fs::create_directory(killed);
+    {
+        sqlite3* handle = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &handle), SQLITE_OK);
+        database db(handle);
+        ASSERT_TRUE(database_exec(handle, "PRAGMA cache_size = 1; BEGIN IMMEDIATE") &&
+                    database_exec(handle, "UPDATE blocks SET records = zeroblob(20000)"));
+        for (const char* end : {"", "-journal"}) { /* as they lie there in the middle of it */
+            fs::copy_file(file + end, database_path(killed) + end);
+        }
+    }
+    EXPECT_EQ(content(database_path(killed)), before);
+    EXPECT_EQ(findings(killed), strings{});
+    EXPECT_FALSE(fs::exists(database_path(killed) + "-journal"));
+}
+
 /* Killed at any moment the place has what it had, or what it was to have. */
 TEST_F(copy_test, a_kill_leaves_no_half_store) {
     fill();

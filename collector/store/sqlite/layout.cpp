@@ -51,6 +51,16 @@ const char tables[] =
     " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL,"
     " reason TEXT NOT NULL, kept_as TEXT NOT NULL);";
 
+/* A change of the file itself, not of its log, was cut short: a reader may not undo it. */
+bool undo_cut_short(const std::string& path) {
+    sqlite3* handle = nullptr;
+    int result = sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                                 nullptr);
+    database db(handle);
+    sqlite3_busy_timeout(handle, 2000);
+    return result == SQLITE_OK && database_exec(handle, "SELECT 1 FROM sqlite_schema LIMIT 1");
+}
+
 bool read_number(sqlite3* db, const char* sql, int64_t& number, std::string& error) {
     statement query(db, sql);
     if (query.row()) {
@@ -122,7 +132,12 @@ bool database_open_file(const std::string& path, database& db, std::string& erro
     }
     sqlite3_busy_timeout(handle, 2000);
     database_layout layout{};
-    if (!database_exec(handle, "BEGIN") || !database_check(handle, layout, reason)) {
+    auto look = [&] {
+        reason.clear();
+        return database_exec(handle, "BEGIN") && database_check(handle, layout, reason);
+    };
+    if (!look() && !(sqlite3_extended_errcode(handle) == SQLITE_READONLY_ROLLBACK &&
+                     undo_cut_short(path) && database_exec(handle, "ROLLBACK") && look())) {
         reason = reason.empty() ? sqlite3_errmsg(handle) : reason;
     } else if (layout == database_layout::none) {
         reason = "there is nothing in it";

@@ -6,8 +6,8 @@
 
 namespace {
 
-/* Of a transaction; a poll that is larger is cut. */
-constexpr size_t most_bytes = 512 << 10, most_of_a_poll = 4 << 20;
+/* Of a transaction. A poll that is larger is cut: a block is packed in one transaction too. */
+constexpr size_t most_bytes = 512 << 10, most_of_a_poll = 512 << 10;
 constexpr size_t most_records = 4096, most_polls = 256;
 
 } // namespace
@@ -37,7 +37,8 @@ bool takeover::read() {
                         polls_.back().received == r.received;
             bool full = plain_.size() >= most_bytes || records_ >= int64_t{most_records} ||
                         polls_.size() >= most_polls;
-            if ((full && !same) || plain_.size() >= most_of_a_poll) {
+            bool large = same && plain_.size() - polls_.back().from >= most_of_a_poll;
+            if (same ? large : full) {
                 return false;
             }
             if (!same) {
@@ -124,6 +125,6 @@ takeover::progress takeover::finish() {
         from_ = engine_.earlier();
         return from_ ? progress::failed : progress::done;
     }
-    tell_("the results of an earlier version are taken over: " + std::to_string(taken_));
+    tell_(std::to_string(taken_) + " results of an earlier version were taken over");
     return progress::done;
 }

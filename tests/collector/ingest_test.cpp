@@ -457,7 +457,7 @@ TEST_F(ingest_test, a_database_of_the_first_version_is_taken_over) {
     EXPECT_EQ(told.problems,
               (strings{"the results of an earlier version are taken over from " + state +
                            "/results-earlier.db (5); agents keep theirs until that is done",
-                       "the results of an earlier version are taken over: 5"}));
+                       "5 results of an earlier version were taken over"}));
 }
 
 TEST_F(ingest_test, a_directory_that_cannot_be_made_is_told) {

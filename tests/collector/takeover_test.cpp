@@ -53,12 +53,11 @@ struct takeover_test : testing::Test {
             << (error != nullptr ? error : "");
     }
 
-    /* Three days of polls of two agents, as version 1 stored them: a test that is a problem each
-     * afternoon, another one, and an inventory with each poll that seldom changes. */
-    void make_earlier(int64_t step = 600) {
-        ASSERT_EQ(mkdir(state.c_str(), 0700), 0);
+    /* A file as version 1 made it, with two agents, in a transaction. */
+    sqlite3* begin_earlier() {
+        EXPECT_EQ(mkdir(state.c_str(), 0700), 0);
         sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open((state + "/results.db").c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_open((state + "/results.db").c_str(), &db), SQLITE_OK);
         run(db,
             "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL;"
             "CREATE TABLE agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL, name TEXT NOT "
@@ -70,18 +69,40 @@ struct takeover_test : testing::Test {
             "INSERT INTO agents VALUES (3, 'a@b.c', 'web1', 0, 0, x'01'), (7, 'a@b.c', 'web2', "
             "0, 0, x'02');"
             "PRAGMA application_id = 0x564e4443; PRAGMA user_version = 1; BEGIN");
+        return db;
+    }
+    /* A day's table, and what puts results into it. */
+    static sqlite3_stmt* make_day(sqlite3* db, const std::string& table) {
+        run(db, "CREATE TABLE " + table +
+                    " (id INTEGER PRIMARY KEY, received INTEGER NOT NULL, agent INTEGER NOT "
+                    "NULL, type INTEGER NOT NULL, test INTEGER, location INTEGER, time "
+                    "INTEGER, status INTEGER, record BLOB NOT NULL)");
+        sqlite3_stmt* insert = nullptr;
+        sqlite3_prepare_v2(
+            db,
+            ("INSERT INTO " + table + " (received, agent, type, record) VALUES (?, ?, 66, ?)")
+                .c_str(),
+            -1, &insert, nullptr);
+        return insert;
+    }
+    static void add(sqlite3_stmt* insert, int64_t at, int64_t agent, const std::string& r) {
+        sqlite3_bind_int64(insert, 1, at);
+        sqlite3_bind_int64(insert, 2, agent);
+        sqlite3_bind_blob(insert, 3, r.data(), static_cast<int>(r.size()), SQLITE_TRANSIENT);
+        EXPECT_EQ(sqlite3_step(insert), SQLITE_DONE);
+        sqlite3_reset(insert);
+    }
+    static void end_earlier(sqlite3* db) {
+        run(db, "COMMIT");
+        sqlite3_close(db);
+    }
+
+    /* Three days of polls of two agents: a test that is a problem each afternoon, another one, and
+     * an inventory with each poll that seldom changes. */
+    void make_earlier(int64_t step = 600) {
+        sqlite3* db = begin_earlier();
         for (int day = 0; day < 3; day++) {
-            const std::string table = "results_2026050" + std::to_string(day + 1);
-            run(db, "CREATE TABLE " + table +
-                        " (id INTEGER PRIMARY KEY, received INTEGER NOT NULL, agent INTEGER NOT "
-                        "NULL, type INTEGER NOT NULL, test INTEGER, location INTEGER, time "
-                        "INTEGER, status INTEGER, record BLOB NOT NULL)");
-            sqlite3_stmt* insert = nullptr;
-            sqlite3_prepare_v2(
-                db,
-                ("INSERT INTO " + table + " (received, agent, type, record) VALUES (?, ?, ?, ?)")
-                    .c_str(),
-                -1, &insert, nullptr);
+            sqlite3_stmt* insert = make_day(db, "results_2026050" + std::to_string(day + 1));
             for (int64_t at = start_of(day_of(noon)) + day * 86400 + 60;
                  at < start_of(day_of(noon)) + (day + 1) * 86400; at += step) {
                 for (int64_t agent : {3, 7}) {
@@ -92,13 +113,7 @@ struct takeover_test : testing::Test {
                           .i64 = {at},
                           .strings = {bad ? "init\tcron\t" : "init\t"}}
                               .bytes()}) {
-                        sqlite3_bind_int64(insert, 1, at);
-                        sqlite3_bind_int64(insert, 2, agent);
-                        sqlite3_bind_int64(insert, 3, 66);
-                        sqlite3_bind_blob(insert, 4, r.data(), static_cast<int>(r.size()),
-                                          SQLITE_TRANSIENT);
-                        EXPECT_EQ(sqlite3_step(insert), SQLITE_DONE);
-                        sqlite3_reset(insert);
+                        add(insert, at, agent, r);
                     }
                     sent.push_back(load_record(5, at - 1, bad ? 2 : 0));
                     sent.push_back(load_record(6, at - 1));
@@ -106,8 +121,7 @@ struct takeover_test : testing::Test {
             }
             sqlite3_finalize(insert);
         }
-        run(db, "COMMIT");
-        sqlite3_close(db);
+        end_earlier(db);
     }
 
     std::unique_ptr<ingest> open() {
@@ -216,6 +230,42 @@ TEST_F(takeover_test, a_kill_at_any_moment_goes_on_from_there) {
     s.reset();
     expect_all();
     EXPECT_FALSE(std::filesystem::exists(state + "/results-earlier.db"));
+}
+
+/* Packing it would keep those that wait for long. */
+TEST_F(takeover_test, a_poll_that_is_large_is_cut) {
+    sqlite3* db = begin_earlier();
+    sqlite3_stmt* insert = make_day(db, "results_20260501");
+    size_t bytes = 0;
+    int64_t results = 0;
+    for (; bytes < 3000000; results++) {
+        std::string r = load_record(static_cast<uint32_t>(results % 500), noon + results / 500);
+        add(insert, noon, 3, r);
+        bytes += r.size();
+    }
+    add(insert, noon, 7, load_record(1, noon));
+    sqlite3_finalize(insert);
+    end_earlier(db);
+
+    std::string error;
+    strings said;
+    auto tell = [&](const std::string& text) { said.push_back(text); };
+    auto store = open_engine({state, 0, tell}, error);
+    ASSERT_TRUE(store) << error;
+    int64_t committed = 0;
+    takeover taken(*store, tell, [&](const agent_work&) { committed++; });
+    ASSERT_TRUE(taken.begin());
+    takeover::progress made;
+    while ((made = taken.step(3600)) == takeover::progress::more) {
+    }
+    EXPECT_EQ(made, takeover::progress::done);
+    EXPECT_EQ(said.back(),
+              std::to_string(results + 1) + " results of an earlier version were taken over");
+    EXPECT_EQ(count("SELECT sum(length(records)) FROM blocks WHERE agent = 3"),
+              static_cast<int64_t>(bytes));
+    EXPECT_LT(count("SELECT max(length(records)) FROM blocks"), 600 << 10);
+    EXPECT_EQ(count("SELECT count(*) FROM blocks"), 7);
+    EXPECT_EQ(committed, 7);
 }
 
 /* It is asked to stop before it is through. */

@@ -6,6 +6,7 @@
 #include "collector_test_support.h"
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <random>
@@ -451,6 +452,59 @@ TEST_F(sqlite_file_test, a_full_disk_fails_and_recovers) {
     EXPECT_EQ(query("SELECT length(records) FROM blocks WHERE id > 1"), strings{"614400"});
     EXPECT_EQ(aside(), strings());
     EXPECT_EQ(told, strings());
+}
+
+/* Writes to results.db itself fail, as with no room on the disk. */
+struct no_room {
+    static ssize_t write(int fd, const void* data, size_t size, off64_t at) {
+        char name[PATH_MAX];
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        ssize_t length = readlink(link.c_str(), name, sizeof name);
+        if (length > 0 && std::string_view(name, static_cast<size_t>(length)).ends_with(".db")) {
+            errno = ENOSPC;
+            return -1;
+        }
+        return pwrite64(fd, data, size, at);
+    }
+    no_room() { set(reinterpret_cast<sqlite3_syscall_ptr>(write)); }
+    ~no_room() { set(nullptr); }
+    no_room(const no_room&) = delete;
+    no_room& operator=(const no_room&) = delete;
+
+private:
+    static void set(sqlite3_syscall_ptr call) {
+        sqlite3_vfs* vfs = sqlite3_vfs_find(nullptr);
+        for (const char* name : {"pwrite", "pwrite64"}) {
+            vfs->xSetSystemCall(vfs, name, call);
+        }
+    }
+};
+
+/* What a kill left in the log cannot go into the file: it can be read, and nothing is answered. */
+TEST_F(sqlite_file_test, a_full_disk_is_no_reason_not_to_start) {
+    ASSERT_TRUE(open());
+    EXPECT_TRUE(store("web1", 1));
+    const std::string killed = directory / "killed";
+    fs::create_directory(killed);
+    for (const char* end : {"", "-wal"}) {
+        fs::copy_file(path + end, database_path(killed) + end);
+    }
+    e.reset();
+    state = killed;
+    path = database_path(killed);
+    {
+        const no_room full;
+        ASSERT_TRUE(open()) << error;
+        EXPECT_EQ(agents(), strings{"web1 known"});
+        for (int i = 0; i < 2; i++) {
+            EXPECT_FALSE(store("web1", 2));
+            EXPECT_EQ(e->reason(), "database or disk is full");
+        }
+    }
+    EXPECT_TRUE(store("web1", 2)) << e->reason();
+    EXPECT_EQ(query("SELECT received - 1777636800 FROM blocks"), (strings{"1", "2"}));
+    EXPECT_EQ(told, strings());
+    EXPECT_EQ(aside(), strings());
 }
 
 TEST_F(sqlite_file_test, a_locked_database_fails_and_recovers) {

@@ -72,7 +72,7 @@ void sqlite_engine::look_after() {
 }
 
 bool sqlite_engine::begin() {
-    return (is_open() || open()) && go_on(execute("BEGIN IMMEDIATE"));
+    return (is_open() || open()) && go_on(file_.settle()) && go_on(execute("BEGIN IMMEDIATE"));
 }
 
 bool sqlite_engine::commit() {

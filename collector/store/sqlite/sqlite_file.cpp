@@ -145,20 +145,27 @@ bool sqlite_file::open(std::string& error) {
         }
         return false;
     }
-    /* A commit whose sync failed may be read back from the log all the same, and its block would
-     * count as a duplicate: what is in the log has to reach the disk before anything is answered.
-     */
+    is_settled_ = false;
     bool ok = (!empty || database_exec(db_.get(), "PRAGMA page_size = 8192")) &&
               database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
               database_exec(db_.get(), settings) && (!empty || make(error)) &&
-              database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)");
+              (settle() || sqlite3_errcode(db_.get()) == SQLITE_FULL);
     wal_inode_ = inode_of(path() + "-wal");
     if (!ok) {
         refuse(error);
         return false;
     }
-    forget_earlier_that_is_done();
     return true;
+}
+
+/* A commit whose sync failed may be read back from the log all the same, and its block would count
+ * as a duplicate: what is in the log has to reach the disk before anything is answered. */
+bool sqlite_file::settle() {
+    if (!is_settled_ && database_exec(db_.get(), "PRAGMA wal_checkpoint(TRUNCATE)")) {
+        is_settled_ = true;
+        forget_earlier_that_is_done();
+    }
+    return is_settled_;
 }
 
 /* Whether what is there can be used. Without a file behind it, that is closed already. */

@@ -29,7 +29,10 @@ public:
     /* Makes the directory, and takes it for this process until the end. */
     bool take_directory(std::string& error);
 
+    /* On a full disk it may be that it can only be read: until settle() did what is to be done
+     * before anything is written, and answered. Its failure is that of the handle. */
     bool open(std::string& error);
+    bool settle();
     void close() { db_.reset(); }
     bool is_open() const { return db_ != nullptr; }
     sqlite3* handle() const { return db_.get(); }
@@ -75,6 +78,7 @@ private:
     dev_t device_ = 0; /* which file db_ is */
     ino_t inode_ = 0, wal_inode_ = 0;
     unsigned generation_ = 0;
+    bool is_settled_ = false;
     int failure_ = SQLITE_OK;
     std::string damaged_earlier_; /* the name that it gets when it could have no second one */
     carried_rows carried_;        /* of a file that is gone, for the one that follows */

@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 static int fail(const std::string& error) {
-    std::cerr << "vindral-collector: " + error + "\n";
+    std::cerr << "vindral-collector: " + printable(error) + "\n";
     return 1;
 }
 

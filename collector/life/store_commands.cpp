@@ -1,6 +1,5 @@
 #include "life/store_commands.h"
 
-#include "base/files.h"
 #include "base/text.h"
 #include "state/agent_state.h"
 #include "store/engine.h"
@@ -12,7 +11,7 @@
 namespace {
 
 void complain(const std::string& error) {
-    std::cerr << "vindral-collector: " + error + "\n";
+    std::cerr << "vindral-collector: " + printable(error) + "\n";
 }
 
 /* "4.1 MB"; of a file that cannot be looked at nothing. */
@@ -65,11 +64,14 @@ int run_backup(const options& o) {
 
 int run_restore(const options& o) {
     std::string error, kept_as;
-    if (!make_private_directory(o.state_dir)) {
-        complain(system_error("cannot use the state directory " + o.state_dir));
-        return 1;
+    bool done = false;
+    {
+        progress_line line;
+        done = restore_from(
+            o.state_dir, o.file, o.replace, [&](int per_cent) { line.show(per_cent); }, kept_as,
+            error);
     }
-    if (!restore_from(o.state_dir, o.file, o.replace, kept_as, error)) {
+    if (!done) {
         complain("nothing was restored: " + error);
         return 1;
     }

@@ -352,9 +352,10 @@ bool back_up(const std::string& directory, const std::string& file,
 
 /* Puts a copy that back_up() made into the state directory, which no collector may use and which
  * may have nothing stored unless `replace`; what is replaced is kept beside it, its name in
- * `kept_as`. The copy is checked first. */
+ * `kept_as`. The copy is checked first. False with the reason in `error`; then all is as it was. */
 bool restore_from(const std::string& directory, const std::string& file, bool replace,
-                  std::string& kept_as, std::string& error);
+                  const std::function<void(int)>& progress, std::string& kept_as,
+                  std::string& error);
 
 /* Looks at all that is stored: whether every page, row and packed piece can be read and fits
  * together, and what `state_is_whole` says of the agents' states. Calls `found` for what is not so.

@@ -552,6 +552,14 @@ TEST_F(sqlite_file_test, what_is_not_ours_is_refused_and_left_alone) {
     EXPECT_TRUE(fs::exists(path));
 }
 
+TEST_F(sqlite_file_test, a_link_to_a_file_elsewhere_is_refused) {
+    fs::create_directory(state);
+    fs::create_symlink("elsewhere.db", path);
+    EXPECT_FALSE(open());
+    EXPECT_EQ(error, path + ": it is a symbolic link");
+    EXPECT_FALSE(fs::exists(state + "/elsewhere.db"));
+}
+
 TEST_F(sqlite_file_test, a_second_collector_is_refused) {
     ASSERT_TRUE(open());
     EXPECT_EQ(open_engine({.directory = state, .keep_days = 0, .tell = {}}, error), nullptr);

@@ -220,7 +220,22 @@ class Kept(harness.TestCase):
             printed, said = self.run_command("restore", source, "--state-dir", other, status=1)
             self.assertEqual(printed, "")
             self.assertIn("nothing was restored: ", said)
-        self.assertFalse(os.path.exists(os.path.join(other, "results.db")))
+        self.assertFalse(os.path.exists(other))
+
+    def test_what_a_damaged_schema_says_is_safe_to_print(self):
+        state = self.collector.state
+        self.post(load(0, 0, "fine\n"))
+        self.collector.stop()
+        connection = sqlite3.connect(os.path.join(state, "results.db"))
+        connection.executescript("PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = 'CREATE nonsense', "
+                                 "name = 'bad' || char(27) || '[31m' WHERE name = 'ledger'")
+        connection.close()
+        for status, words in (2, ["check"]), (1, ["backup", os.path.join(self.dir, "copy.db")]):
+            said = self.run_command(*words, "--state-dir", state, status=status)[1]
+            self.assertIn("malformed database schema (bad?[31m)", said)
+        self.collector.launch().process.wait(harness.PATIENCE_S)
+        self.collector.wait_errors("malformed database schema (bad?[31m)")
+        self.assertNotIn("\33", self.collector.errors())
 
 
 if __name__ == "__main__":

@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -64,6 +65,8 @@ public:
 
     bool is_made() const { return made_; }
     const std::string& path() const { return now_; }
+    /* What it is for, as a reason for what failed names it. */
+    const std::string& name() const { return path_; }
 
     bool sync() const {
         unique_fd file(open(now_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -100,6 +103,35 @@ private:
     const std::string path_;
     std::string now_;
     bool made_ = false;
+};
+
+/* What is not there of a directory and of those above it. What was made of it, and the lock in it
+ * that was taken, goes with the object unless it is of use. */
+class new_directories {
+public:
+    explicit new_directories(const std::string& path) : lock_(path + "/lock") {
+        for (fs::path p = path; !p.empty() && !is_there(p); p = p.parent_path()) {
+            made_.push_back(p);
+        }
+    }
+    ~new_directories() {
+        if (is_taken_ && !made_.empty()) {
+            unlink(lock_.c_str());
+        }
+        for (const std::string& path : made_) { /* unless there is something else in it */
+            rmdir(path.c_str());
+        }
+    }
+    new_directories(const new_directories&) = delete;
+    new_directories& operator=(const new_directories&) = delete;
+
+    void are_taken() { is_taken_ = true; }
+    void keep() { made_.clear(); }
+
+private:
+    const std::string lock_;
+    std::vector<std::string> made_;
+    bool is_taken_ = false;
 };
 
 bool open_to_write(const std::string& path, database& db) {
@@ -145,7 +177,7 @@ bool copy_pages(sqlite3* from, sqlite3* to, const std::function<void(int)>& prog
 bool copy_into(sqlite3* from, const unnamed_copy& to, const std::function<void(int)>& progress,
                std::string& error) {
     if (!to.is_made()) {
-        error = system_error(to.path());
+        error = system_error(to.name());
         return false;
     }
     for (bool copied : {false, true}) {
@@ -158,12 +190,12 @@ bool copy_into(sqlite3* from, const unnamed_copy& to, const std::function<void(i
                           : database_exec(db.get(), "PRAGMA journal_mode = OFF") &&
                                 copy_pages(from, db.get(), progress, reason));
         if (!ok) {
-            error = to.path() + ": " + (reason.empty() ? sqlite3_errmsg(db.get()) : reason);
+            error = to.name() + ": " + (reason.empty() ? sqlite3_errmsg(db.get()) : reason);
             return false;
         }
     }
     if (!to.sync()) {
-        error = system_error(to.path());
+        error = system_error(to.name());
         return false;
     }
     return true;
@@ -277,7 +309,8 @@ bool back_up(const std::string& directory, const std::string& file,
 }
 
 bool restore_from(const std::string& directory, const std::string& file, bool replace,
-                  std::string& kept_as, std::string& error) {
+                  const std::function<void(int)>& progress, std::string& kept_as,
+                  std::string& error) {
     kept_as.clear();
     database from;
     if (!database_open_file(file, from, error)) {
@@ -297,9 +330,11 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
     }
     const engine_options options = {.directory = directory, .keep_days = 0, .tell = {}};
     sqlite_file place(options);
+    new_directories fresh(directory); /* gone before the lock is given up */
     if (!place.take_directory(error)) {
         return false;
     }
+    fresh.are_taken();
     if (earlier_is_there(directory)) {
         error = earlier_path(directory) +
                 " has not been taken over: start the collector once, or move it away";
@@ -312,7 +347,7 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
         return false;
     }
     unnamed_copy copy(database_path(directory));
-    if (!copy_into(from.get(), copy, {}, error)) {
+    if (!copy_into(from.get(), copy, progress, error)) {
         return false;
     }
     if (!give_to_owner(directory, copy.path()) || !give_to_owner(directory, directory + "/lock")) {
@@ -329,5 +364,6 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
         }
         return false;
     }
+    fresh.keep();
     return true;
 }

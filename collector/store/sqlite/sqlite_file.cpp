@@ -34,12 +34,17 @@ ino_t inode_of(const std::string& path) {
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
+/* Of a file that was opened without following a link to elsewhere. */
+std::string open_error(const std::string& path) {
+    return errno == ELOOP ? path + ": it is a symbolic link" : system_error(path);
+}
+
 /* Held by the process that uses the directory. */
 unique_fd lock_directory(const std::string& directory, std::string& error) {
     std::string path = directory + "/lock";
     unique_fd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!lock) {
-        error = system_error(path);
+        error = open_error(path);
         return lock;
     }
     if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -112,7 +117,7 @@ bool sqlite_file::open_handle(std::string& error) {
          */
         unique_fd file(::open(path().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (!file || fstat(file.get(), &status) != 0) {
-            error = system_error(path());
+            error = open_error(path());
             return false;
         }
     }

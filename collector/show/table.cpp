@@ -141,7 +141,7 @@ std::vector<std::string> lines_of(const message& m, size_t columns) {
         size_t blank = rest[end] == ' ' ? end : rest.rfind(' ', end);
         end = blank != rest.npos && blank > columns / 2 ? blank : end;
         lines.push_back(rest.substr(0, end));
-        rest = indent + rest.substr(std::min(rest.find_first_not_of(' ', end), rest.size()));
+        rest.replace(0, std::min(rest.find_first_not_of(' ', end), rest.size()), indent);
     }
     lines.push_back(std::move(rest));
     return lines;

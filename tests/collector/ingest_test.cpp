@@ -1038,10 +1038,12 @@ TEST_F(damage_test, no_damage_refuses_blocks_for_good) {
             continue;
         }
         agents();
-        read_stored([](result_reader& stored, std::string& why) {
-            stored_records(stored, why);
-            return true;
-        });
+        if (round % 5 == 0) { /* all tests one by one, which takes a while */
+            read_stored([](result_reader& stored, std::string& why) {
+                stored_records(stored, why);
+                return true;
+            });
+        }
         for (int i = 0; i < 5; i++) {
             EXPECT_EQ(submit(load_record(5, 10000 + i), "agent" + std::to_string(50 * i)),
                       store_result::stored)

@@ -4,7 +4,7 @@
 #include "base/text.h"
 #include "show/record_content.h"
 
-#include <boost/json/src.hpp>
+#include <boost/json.hpp>
 #include <cmath>
 #include <cstdio>
 

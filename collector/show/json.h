@@ -1,4 +1,4 @@
-/* Records as JSON. The only file that knows how JSON is made. */
+/* Records as JSON, a line each. */
 #ifndef VINDRAL_COLLECTOR_JSON_H
 #define VINDRAL_COLLECTOR_JSON_H
 

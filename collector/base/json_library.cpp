@@ -1,0 +1,2 @@
+/* Boost.JSON, which is all in headers, is compiled here and nowhere else. */
+#include <boost/json/src.hpp>

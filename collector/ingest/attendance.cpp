@@ -75,6 +75,9 @@ void attendance::know(const known_agent& row, const agent_state& state, int64_t 
     roster_agent& agent = agents_.add(row.id, row.account, row.agent);
     note_open(agent, state);
     agent.row_written = now - 1; /* who is heard now comes after it */
+    if (row.retired != 0) {
+        return;
+    }
     watch_.know(row.id, state.silent, now);
     for (const test_status& test : state.tests) {
         newest_ = std::max(newest_, test.time);
@@ -143,6 +146,17 @@ void attendance::stored(const agent_work& agent, std::string_view account, std::
     }
     if (in_row && claimed) {
         witness_.note(*claimed, arrival, now);
+    }
+}
+
+void attendance::forget(int64_t agent) {
+    take_in();
+    watch_.forget(agent);
+    back_.erase(agent);
+    std::erase_if(overdue_, [&](const watch::overdue& what) { return what.agent == agent; });
+    if (roster_agent* known = agents_.find(agent)) {
+        unwritten_.erase(known->account + '\0' + known->name);
+        known->row_written = clock();
     }
 }
 

@@ -66,6 +66,9 @@ public:
     /* Newest time of a result so far. */
     int64_t newest() const { return newest_; }
 
+    /* The agent is retired: not watched any more, until it is heard again. */
+    void forget(int64_t agent);
+
     /* It could not be stored. */
     void failed() { watch_.pause(clock()); }
 

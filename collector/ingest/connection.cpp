@@ -70,6 +70,11 @@ std::optional<tcp::socket::wait_type> connection::wanted(int result) {
     }
 }
 
+void connection::interrupt() {
+    boost::system::error_code ignored;
+    socket_.cancel(ignored);
+}
+
 std::string connection::problem() const {
     if (given_up()) {
         return given_up_ == reason::made_room ? "had to make room" : "time is up";
@@ -219,6 +224,15 @@ asio::awaitable<bool> connection::write(std::string_view data) {
     co_return true;
 }
 
+void connection::flush() {
+    int no = 0;
+    setsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_CORK, &no, sizeof no);
+}
+
+void connection::bound_unsent(int bytes) {
+    setsockopt(socket_.native_handle(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
+
 /* 0 from SSL_shutdown: our end is out, the peer's has not come. */
 static int send_tls_end(SSL* ssl) {
     int result = SSL_shutdown(ssl);
@@ -252,7 +266,7 @@ asio::awaitable<bool> connection::end_cleanly() {
  * an end as well, since an agent that has read its answer may close before our end of TLS reaches
  * it. */
 asio::awaitable<bool> connection::drain() {
-    static char rubbish[16384];
+    static thread_local char rubbish[16384];
     size_t left = 1u << 20;
     bool come = co_await wait(tcp::socket::wait_read); /* hardly ever is it there already */
     if (!come) {

@@ -46,6 +46,10 @@ public:
     void give_up(reason why = reason::time_is_up);
     bool given_up() const { return given_up_ != reason::none; }
 
+    /* Ends the wait under way, if there is one, which then fails; what is tried next may go well.
+     * Nothing is lost by it in a read; a write that it ends is of no use any more. */
+    void interrupt();
+
     /* Why the last call failed, for the log. */
     std::string problem() const;
 
@@ -66,8 +70,11 @@ public:
     boost::asio::awaitable<bool> handshake(SSL_CTX* context);
     boost::asio::awaitable<size_t> read_some(char* data, size_t size);
 
-    /* The whole answer. Its last bytes leave with end_cleanly() only. */
+    /* The whole answer. Its last bytes leave with end_cleanly() only, or with flush(). */
     boost::asio::awaitable<bool> write(std::string_view data);
+    void flush();
+    /* The most that the system keeps of what the peer has not taken, about. */
+    void bound_unsent(int bytes);
 
     /* After the answer: end of TLS, end of stream, then read on until the peer has ended too
      * or the deadline comes, because closing with something unread would reset the connection and

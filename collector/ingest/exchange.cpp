@@ -82,9 +82,10 @@ awaitable<bool> exchange::read_body(packed_body* into, admission::stage stage) {
     const server_options& limits = room_.options;
     size_t left = head.content_length;
     if (left > limits.body.max_wire || head.compression > limits.body.max_plain) {
-        room_.log(event::body, "body from " + address + " is too large (" + std::to_string(left) +
-                                   " bytes, " + std::to_string(head.compression) +
-                                   " unpacked): connection reset");
+        room_.refuse(refusal::body, event::body,
+                     "body from " + address + " is too large (" + std::to_string(left) +
+                         " bytes, " + std::to_string(head.compression) +
+                         " unpacked): connection reset");
         co_return false;
     }
     begin_phase(limits.deadlines.body + std::chrono::seconds(left / limits.deadlines.body_rate),
@@ -96,7 +97,8 @@ awaitable<bool> exchange::read_body(packed_body* into, admission::stage stage) {
         left -= piece.size();
         if (into && !into->append(piece, head.content_length)) {
             no_memory_ = true;
-            room_.log(event::memory, "no memory left for bodies: reset " + address);
+            room_.refuse(refusal::memory, event::memory,
+                         "no memory left for bodies: reset " + address);
             co_return false;
         }
         if (left == 0) {
@@ -104,7 +106,8 @@ awaitable<bool> exchange::read_body(packed_body* into, admission::stage stage) {
         }
         size_t got = co_await link.read_some(scratch.data(), std::min(scratch.size(), left));
         if (got == 0) {
-            room_.log(event::request, "no whole body from " + address + ": " + link.problem());
+            room_.refuse(refusal::request, event::request,
+                         "no whole body from " + address + ": " + link.problem());
             co_return false;
         }
         piece = {scratch.data(), got};
@@ -129,7 +132,8 @@ awaitable<bool> exchange::send() {
     const server_deadlines& limits = room_.options.deadlines;
     admission::memory_share share(*this);
     if (!share.add(output_.size())) {
-        room_.log(event::memory, "no memory left for answers: reset " + address);
+        room_.refuse(refusal::memory, event::memory,
+                     "no memory left for answers: reset " + address);
         co_return false;
     }
     if (link.given_up()) {

@@ -5,6 +5,7 @@
 
 #include "ingest/admission.h"
 #include "ingest/connection.h"
+#include "ingest/counters.h"
 #include "ingest/event_log.h"
 #include "ingest/request.h"
 #include "ingest/server_options.h"
@@ -17,7 +18,13 @@
 struct exchange_room {
     server_options options;
     event_log log;
+    counters& counted;
     std::array<char, 16384> scratch; /* from a read to its use, never across a wait */
+
+    void refuse(refusal why, event kind, const std::string& line) {
+        counted.refused(why);
+        log(kind, line);
+    }
 };
 
 /* A body as it comes in. Grows without copying, as far as the system can: it moves the pages. */
@@ -44,6 +51,8 @@ private:
 class exchange : public admission::place {
 public:
     using clock = connection::clock;
+
+    static uint64_t key_of(const boost::asio::ip::address& address);
 
     exchange(exchange_room& room, boost::asio::ip::tcp::socket socket,
              const boost::asio::ip::address& peer, clock::time_point now)
@@ -77,7 +86,6 @@ public:
                                         std::string_view body);
 
 private:
-    static uint64_t key_of(const boost::asio::ip::address& address);
     boost::asio::awaitable<bool> send();
 
     exchange_room& room_;

@@ -38,6 +38,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <pthread.h>
 #include <thread>
 #include <vector>
@@ -124,6 +125,8 @@ public:
         } else if (!queue_.put(block, done)) {
             held_up(block.account, block.agent);
             done(store_result::failed);
+        } else {
+            count_queue();
         }
     }
 
@@ -136,6 +139,12 @@ public:
     }
     void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
         parts_->present.follow(std::move(plan), std::move(definitions));
+    }
+    void update(std::function<bool(engine&)> what, change_done done) override {
+        want({.what = std::move(what), .done = std::move(done)});
+    }
+    void retire(int64_t agent, change_done done) override {
+        want({.retires = agent, .done = std::move(done)});
     }
 
 private:
@@ -160,6 +169,18 @@ private:
         upkeep care;
         takeover earlier;
     };
+
+    /* What others want changed. */
+    struct wanted {
+        std::function<bool(engine&)> what = {};
+        int64_t retires = 0; /* or this agent */
+        change_done done;
+    };
+    void want(wanted more);
+    void make_changes();
+    void make_change(wanted& one);
+    bool retire_agent(int64_t agent);
+    void refuse_changes();
 
     /* Of a batch, what one transaction takes. */
     using batch = std::deque<queued_block>;
@@ -187,6 +208,8 @@ private:
     bool hash_block(queued_block& b);
     void decode_slice(queued_block& b);
     bool keep_aside(queued_block& b);
+    void count(const queued_block& b);
+    void count_queue();
     void tell_of(const queued_block& b);
     void tell_of(std::string_view account, std::string_view agent, const agent_work& work);
     void tell_of_all();
@@ -200,6 +223,9 @@ private:
         }
     };
     block_queue queue_;
+    std::mutex wanted_mutex_;
+    std::vector<wanted> wanted_;
+    bool takes_changes_ = true;
 
     /* Of the writer thread, once it runs. */
     undecodable_files aside_{options_.directory + "/undecodable"};
@@ -246,12 +272,17 @@ void writer::write_batches() {
         for (position at = blocks.begin(); at != blocks.end();) {
             at = write_run(at, blocks.end());
         }
+        make_changes();
         if (!blocks.empty() && blocks.back().unfinished) {
             queue_.put_back(std::move(blocks.back()));
         }
         blocks.clear();
         more = look_after();
+        if (listener_ != nullptr) {
+            listener_->on_batch_end();
+        }
     }
+    refuse_changes();
     try {
         parts_->present.finish();
     } catch (const std::exception&) { /* no memory: somebody was heard later than it says */
@@ -289,6 +320,7 @@ void writer::take_over() {
     while (made != takeover::progress::done && !queue_.is_stopped()) {
         try {
             engine_->look_after();
+            make_changes();
             made = is_known() ? parts_->earlier.step(parts_->present.stale_after())
                               : takeover::progress::failed;
             upkeep_view then = view();
@@ -340,6 +372,7 @@ writer::position writer::write_run(position from, position end) {
     position to = end;
     std::string error;
     bool ok = false;
+    const auto begun = std::chrono::steady_clock::now();
     try {
         ok = store_all(from, to, error);
     } catch (const std::exception& e) { /* no memory, most likely */
@@ -358,7 +391,12 @@ writer::position writer::write_run(position from, position end) {
         trouble_.report(ok ? "" : "results cannot be stored, the agents keep them: " + error);
     } catch (const std::exception&) { /* the next batch says it */
     }
+    if (options_.counted != nullptr) {
+        options_.counted->commits.add(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    }
     for (position b = from; b != to; ++b) {
+        count(*b);
         try {
             if (is_known()) {
                 note_stored(*b);
@@ -370,11 +408,115 @@ writer::position writer::write_run(position from, position end) {
         b->generation = engine_->generation();
         if (!b->unfinished) {
             queue_.leave(*b); /* before the answer: the agent may send its next block at once */
+            count_queue();
             b->done(b->result);
         }
     }
     trim_works();
     return to;
+}
+
+void writer::count(const queued_block& b) {
+    counters* all = options_.counted;
+    if (all == nullptr) {
+        return;
+    }
+    if (b.result == store_result::failed) {
+        ++all->store_failures;
+    } else if (b.result == store_result::stored) {
+        all->results += b.records;
+        all->undecodable += b.bad.pieces;
+        all->stored_bytes += b.to - b.from;
+    }
+}
+
+void writer::count_queue() {
+    if (options_.counted != nullptr) {
+        block_queue::load now = queue_.waiting_now();
+        options_.counted->queued_blocks.set(now.blocks);
+        options_.counted->queued_bytes.set(now.bytes);
+    }
+}
+
+/* ---- what others want changed ---- */
+
+void writer::want(wanted more) {
+    {
+        std::lock_guard hold(wanted_mutex_);
+        if (takes_changes_) {
+            wanted_.push_back(std::move(more));
+            more.done = nullptr;
+        }
+    }
+    if (more.done) {
+        more.done(false, "the collector is stopping");
+    } else {
+        queue_.nudge();
+    }
+}
+
+void writer::make_changes() {
+    std::vector<wanted> some;
+    {
+        std::lock_guard hold(wanted_mutex_);
+        some.swap(wanted_);
+    }
+    for (wanted& one : some) {
+        make_change(one);
+    }
+}
+
+void writer::make_change(wanted& one) {
+    std::string reason;
+    bool ok = false;
+    try {
+        bool again = false;
+        do {
+            ok = engine_->begin() && (one.what ? one.what(*engine_) : retire_agent(one.retires)) &&
+                 engine_->commit();
+            again = !ok && !engine_->is_open() && engine_->recover();
+        } while (again);
+        if (!ok && !engine_->is_open()) {
+            reason = engine_->reason();
+        }
+    } catch (const std::exception& e) { /* no memory, most likely */
+        ok = false;
+        reason = e.what();
+    }
+    if (!ok) {
+        engine_->give_up();
+    } else if (one.retires != 0) {
+        parts_->present.forget(one.retires);
+    }
+    one.done(ok, reason);
+}
+
+/* What lies open is packed as ever. */
+bool writer::retire_agent(int64_t agent) {
+    stored_agent row;
+    if (!engine_->find_agent(agent, row)) {
+        return false;
+    }
+    agent_work work;
+    work.begin(row);
+    work.state.tests.clear();
+    work.state.inventories.clear();
+    work.state.silent = false;
+    work.state.since = 0;
+    return engine_->retire_agent(agent, arrival_clock()) &&
+           engine_->set_state(agent, parts_->store.packed(work));
+}
+
+void writer::refuse_changes() {
+    std::vector<wanted> some;
+    {
+        std::lock_guard hold(wanted_mutex_);
+        takes_changes_ = false;
+        some.swap(wanted_);
+    }
+    for (wanted& one : some) {
+        one.done(false, "the collector is stopping");
+    }
 }
 
 /* Of what an earlier version left. */
@@ -579,7 +721,7 @@ bool writer::keep_aside(queued_block& b) {
 }
 
 void writer::tell_of(const queued_block& b) {
-    if (listener_ == nullptr || b.result == store_result::failed || b.work >= works_used_) {
+    if (b.result == store_result::failed || b.work >= works_used_) {
         return;
     }
     const agent_work& work = works_[b.work];
@@ -589,10 +731,10 @@ void writer::tell_of(const queued_block& b) {
         }
         return;
     }
-    for (size_t i = 0; i < b.records; i++) {
+    for (size_t i = 0; listener_ != nullptr && i < b.records; i++) {
         listener_->on_record(b.block, decoded_[b.first_record + i]);
     }
-    if (!b.kept_as.empty()) {
+    if (listener_ != nullptr && !b.kept_as.empty()) {
         listener_->on_undecodable(b.block, b.from + b.bad.offset, b.bad.bytes, b.bad.text(),
                                   b.kept_as);
     }
@@ -600,9 +742,22 @@ void writer::tell_of(const queued_block& b) {
 }
 
 void writer::tell_of(std::string_view account, std::string_view agent, const agent_work& work) {
-    if (listener_ != nullptr) {
-        listener_->on_agent(account, agent, work.state, work.out.changes);
+    if (options_.counted != nullptr) {
+        options_.counted->events += work.out.changes.size();
     }
+    if (listener_ == nullptr) {
+        return;
+    }
+    for (const change& c : work.out.changes) {
+        listener_->on_event({.id = c.event,
+                             .time = c.time,
+                             .agent = work.id,
+                             .test = c.test,
+                             .from = static_cast<uint8_t>(c.from),
+                             .to = static_cast<uint8_t>(c.to),
+                             .message = c.message});
+    }
+    listener_->on_agent(work.id, account, agent, work.state, work.out.changes);
 }
 
 /* How they stand after what an earlier version left. */
@@ -611,7 +766,7 @@ void writer::tell_of_all() {
     std::string error;
     auto tell = [&](const known_agent& agent) {
         if (listener_ != nullptr && state.unpack(agent.state)) {
-            listener_->on_agent(agent.account, agent.agent, state, {});
+            listener_->on_agent(agent.id, agent.account, agent.agent, state, {});
         }
     };
     engine_->reader().for_each_agent(tell, error); /* what is damaged is told of otherwise */

@@ -8,6 +8,7 @@
 #define VINDRAL_COLLECTOR_INGEST_H
 
 #include "base/record_summary.h"
+#include "ingest/counters.h"
 #include "ingest/owned_definition.h"
 #include "ingest/poll_block.h"
 #include "state/expected.h"
@@ -30,11 +31,16 @@ struct store_listener {
     virtual void on_undecodable(const poll_block& from, size_t offset, size_t bytes,
                                 const std::string& reason, const std::string& kept_as) = 0;
     /* How an agent stands after the records of a block, and what changed with it; or after nothing
-     * came for too long, or it came back. Both are views that end with the call. */
-    virtual void on_agent(std::string_view account, std::string_view agent, const agent_state& now,
-                          std::span<const change> changes) {
-        (void)account, (void)agent, (void)now, (void)changes;
+     * came for too long, or it came back; `id` is that of its row. The others are views that end
+     * with the call. */
+    virtual void on_agent(int64_t id, std::string_view account, std::string_view agent,
+                          const agent_state& now, std::span<const change> changes) {
+        (void)id, (void)account, (void)agent, (void)now, (void)changes;
     }
+    /* An event, as it is stored: once it is committed, ahead of on_agent() for its block. */
+    virtual void on_event(const stored_event& event) { (void)event; }
+    /* A batch is told of as a whole. */
+    virtual void on_batch_end() {}
     /* Something the operator should see: storing fails, storing works again. The collector's other
      * parts may report here too, from any thread. */
     virtual void on_problem(const std::string& text) { (void)text; }
@@ -57,10 +63,13 @@ struct ingest_options {
      * is below this when the next one comes. */
     size_t large = 256u << 10;
     size_t max_large_queued = 512u << 20;
+    counters* counted = nullptr; /* outlives it; may be null */
 };
 
 class ingest {
 public:
+    using change_done = std::function<void(bool ok, const std::string& reason)>;
+
     /* Null with the reason in `error` when the engine cannot be opened (open_engine). `listener`
      * may be null; it has to outlive this. */
     static std::unique_ptr<ingest> open(const ingest_options& options, store_listener* listener,
@@ -86,6 +95,16 @@ public:
      * came is expected again, at intervals of a minute. Definitions are kept when they differ from
      * the last one of their test; `since` is set. */
     virtual void follow(plan_summary plan, std::vector<owned_definition> definitions) = 0;
+
+    /* Runs `what` on the writer thread in a transaction of its own, behind what waits already, and
+     * then `done` there: whether it was committed, and why not. `what` returns false to have
+     * nothing of it kept. Any thread. */
+    virtual void update(std::function<bool(engine&)> what, change_done done) = 0;
+
+    /* The agent is not watched any more, and its row says that it is retired: no events of it from
+     * now on. When it polls again it is another beginning. `done` as above; false with an empty
+     * reason when there is no such agent. */
+    virtual void retire(int64_t agent, change_done done) = 0;
 };
 
 #endif

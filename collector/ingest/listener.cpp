@@ -71,6 +71,7 @@ awaitable<void> listener::accept_all() {
 
 void listener::begin(tcp::socket socket, const tcp::endpoint& from) {
     auto ended = [this](std::exception_ptr thrown) {
+        room_.counted.open_connections.set(slots_.connections());
         if (stopping_ && slots_.connections() == 0) {
             sweep_timer_.cancel();
         }
@@ -94,14 +95,17 @@ awaitable<void> listener::serve_one(tcp::socket socket, tcp::endpoint from) {
 
 /* False when there is no place for it: it has to be reset. */
 bool listener::admit(exchange& x) {
+    ++room_.counted.connections;
     auto verdict = slots_.admit(x, x.address_key, x.accepted);
+    room_.counted.open_connections.set(slots_.connections());
     if (verdict == admission::verdict::admitted) {
         begin_sweep();
         return true;
     }
     bool crowded = verdict == admission::verdict::too_many_of_address;
-    room_.log(event::refused, "too many connections" + (crowded ? " from " + x.address : "") +
-                                  ": a new one was reset");
+    room_.refuse(crowded ? refusal::address : refusal::connections, event::refused,
+                 "too many connections" + (crowded ? " from " + x.address : "") +
+                     ": a new one was reset");
     return false;
 }
 
@@ -109,11 +113,11 @@ void end_for_others(exchange_room& room, admission::place& gone, admission::need
     exchange& x = static_cast<exchange&>(gone);
     x.link.give_up(connection::reason::made_room);
     if (what == admission::need::connection) {
-        room.log(event::refused,
-                 "too many connections: one from " + x.address + " had to make room");
+        room.refuse(refusal::connections, event::refused,
+                    "too many connections: one from " + x.address + " had to make room");
     } else {
-        room.log(event::memory,
-                 "no memory left: a connection from " + x.address + " had to make room");
+        room.refuse(refusal::memory, event::memory,
+                    "no memory left: a connection from " + x.address + " had to make room");
     }
 }
 

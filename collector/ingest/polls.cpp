@@ -33,7 +33,7 @@ void polls::tell(const name_conflict& c) {
 }
 
 awaitable<void> polls::answer_nonsense(exchange& x, const std::string& error) {
-    room_.log(event::request, "bad request from " + x.address + ": " + error);
+    room_.refuse(refusal::request, event::request, "bad request from " + x.address + ": " + error);
     co_await x.answer("400 " + error, "", answer_log_in_again);
 }
 
@@ -44,7 +44,8 @@ awaitable<void> polls::answer_login(exchange& x) {
     }
     const std::string name = describe(x.head.account, x.head.agent) + " at " + x.address;
     if (!allowed_.empty() && !allowed_.contains(x.head.account)) {
-        room_.log(event::session, "login refused, account not allowed: " + name);
+        room_.refuse(refusal::account, event::session,
+                     "login refused, account not allowed: " + name);
         if (room_.options.end_refused) {
             co_await x.answer("200 OK", answer_not_authorised, answer_not_authorised);
         } else {
@@ -57,6 +58,7 @@ awaitable<void> polls::answer_login(exchange& x) {
                                   &conflict);
     if (conflict.found) {
         tell(conflict);
+        room_.counted.refused(refusal::name);
         co_await x.answer("403 Forbidden", "", "Another host is using this name.\n");
         co_return;
     }
@@ -65,6 +67,8 @@ awaitable<void> polls::answer_login(exchange& x) {
         co_return;
     }
     room_.log(event::login, "login: " + name);
+    ++room_.counted.logins;
+    room_.counted.sessions.set(sessions_.size());
     results_.heard(x.head.account, x.head.agent, time(nullptr), x.address, x.head.version);
     commands_.refresh();
     fresh->version = x.head.version;
@@ -94,7 +98,8 @@ awaitable<void> polls::answer_poll(exchange& x) {
     } else {
         bool whole = co_await x.read_body(nullptr, stage::unheard);
         end = whole ? fate::again : fate::broken;
-        room_.log(event::session, "unknown session, must log in again: " + x.address);
+        room_.refuse(refusal::session, event::session,
+                     "unknown session, must log in again: " + x.address);
     }
     if (end == fate::broken) {
         co_return;
@@ -104,6 +109,7 @@ awaitable<void> polls::answer_poll(exchange& x) {
         co_await x.answer("200 OK", "", answer_log_in_again);
         co_return;
     }
+    ++(end == fate::duplicate ? room_.counted.repeated_polls : room_.counted.polls);
     commands_.refresh();
     uint64_t from = end == fate::duplicate ? s->answered_from : s->delivered;
     uint64_t newest = commands_.newest();
@@ -128,6 +134,7 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
         }
         co_return fate::broken;
     }
+    room_.counted.body_bytes += body.wire().size();
     const size_t size = std::max<size_t>(body.wire().size(), x.head.compression);
     x.begin_phase(limits.deadlines.whole, x.in());
     admission::memory_share unpacked(x);
@@ -141,7 +148,8 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
         }
     } else if (!unpacked.add(size)) {
         results_.held_up(from.account, from.agent);
-        room_.log(event::memory, "no memory left to unpack: reset " + describe(from, x));
+        room_.refuse(refusal::memory, event::memory,
+                     "no memory left to unpack: reset " + describe(from, x));
         co_return fate::broken;
     }
     x.begin_phase(limits.deadlines.whole, stage::busy);
@@ -154,14 +162,17 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
     std::string error;
     bool good = co_await bodies_.unpack(x.head, body.wire(), block.plain, error);
     if (!good) {
-        room_.log(event::body, "bad body, must come again: " + describe(from, x) + ": " + error);
+        room_.refuse(refusal::body, event::body,
+                     "bad body, must come again: " + describe(from, x) + ": " + error);
         co_return fate::again;
     }
     body.drop();
     if (block.plain.empty()) {
         co_return fate::stored;
     }
+    const exchange::clock::time_point begun = exchange::clock::now();
     store_result result = co_await keep(std::move(block));
+    room_.counted.waited.add(std::chrono::duration<double>(exchange::clock::now() - begun).count());
     switch (result) {
     case store_result::stored:
         co_return fate::stored;
@@ -170,7 +181,8 @@ awaitable<polls::fate> polls::take_block(exchange& x, const session& from) {
     case store_result::failed:
         break;
     }
-    room_.log(event::storing, "not stored, must come again: " + describe(from, x));
+    room_.refuse(refusal::storing, event::storing,
+                 "not stored, must come again: " + describe(from, x));
     co_return fate::broken;
 }
 
@@ -182,7 +194,8 @@ awaitable<bool> polls::wait_for_turn(exchange& x, turns& all, std::optional<turn
     place.emplace(all, x.address_key, from.account + '\0' + from.agent, bytes,
                   [&come] { come.cancel(); });
     if (place->refused()) {
-        room_.log(event::memory, "another large body is under way: reset " + describe(from, x));
+        room_.refuse(refusal::memory, event::memory,
+                     "another large body is under way: reset " + describe(from, x));
         co_return false;
     }
     while (!place->begun() && !x.link.given_up()) {

@@ -31,6 +31,7 @@ bool block_queue::put(poll_block& block, std::function<void(store_result)>& done
             return false;
         }
         queue.bytes += size;
+        queue.count++;
         queue.shares[agent] += size;
         queue.shares[block.address] += size;
         queued_block& queued = queue.blocks.emplace_back();
@@ -47,7 +48,9 @@ bool block_queue::take(std::deque<queued_block>& batch, std::chrono::millisecond
                        bool with_large) {
     std::unique_lock hold(mutex_);
     auto has_large = [&] { return !large_.blocks.empty() && (with_large || stopping_); };
-    wake_.wait_for(hold, most, [&] { return stopping_ || !small_.blocks.empty() || has_large(); });
+    wake_.wait_for(hold, most,
+                   [&] { return stopping_ || nudged_ || !small_.blocks.empty() || has_large(); });
+    nudged_ = false;
     batch.swap(small_.blocks);
     if (has_large()) {
         batch.push_back(std::move(large_.blocks.front()));
@@ -76,6 +79,7 @@ void block_queue::leave(queued_block& block) {
     waiting& queue = block.large ? large_ : small_;
     const size_t size = block.block.plain.size();
     queue.bytes -= size;
+    queue.count--;
     for (const std::string& owner : {agent_of(block.block), block.block.address}) {
         auto share = queue.shares.find(owner);
         share->second -= size;
@@ -84,6 +88,19 @@ void block_queue::leave(queued_block& block) {
         }
     }
     std::string().swap(block.block.plain);
+}
+
+void block_queue::nudge() {
+    {
+        std::lock_guard hold(mutex_);
+        nudged_ = true;
+    }
+    wake_.notify_one();
+}
+
+block_queue::load block_queue::waiting_now() {
+    std::lock_guard hold(mutex_);
+    return {small_.count + large_.count, small_.bytes + large_.bytes};
 }
 
 void block_queue::stop() {

@@ -63,6 +63,15 @@ public:
     bool take(std::deque<queued_block>& batch, std::chrono::milliseconds most, bool with_large);
 
     bool is_stopped();
+    /* The next take() returns at once. Any thread. */
+    void nudge();
+
+    /* What waits, the batch that is being written included. Any thread. */
+    struct load {
+        size_t blocks, bytes;
+    };
+    load waiting_now();
+
     /* Until it is stopped, or `most` has passed. */
     void wait_for_stop(std::chrono::milliseconds most);
 
@@ -78,17 +87,17 @@ private:
     /* Blocks of a kind, the batch that is being written included. */
     struct waiting {
         std::deque<queued_block> blocks;
-        size_t bytes = 0;
+        size_t bytes = 0, count = 0;
         std::unordered_map<std::string, size_t> shares;
 
         bool fits(const std::string& owner, size_t more, size_t most) const;
     };
 
     const queue_limits limits_;
-    std::mutex mutex_; /* guards the next three */
+    std::mutex mutex_; /* guards what follows */
     std::condition_variable wake_;
     waiting small_, large_; /* of large_ the first is in work; one of an agent */
-    bool stopping_ = false;
+    bool stopping_ = false, nudged_ = false;
 };
 
 #endif

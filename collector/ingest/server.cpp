@@ -11,8 +11,8 @@ using asio::awaitable;
  * before it, and what refers to them from other threads behind it. */
 struct server::state {
     state(server_options options, SSL_CTX* t, ingest& results, instructions& commands,
-          log_function log)
-        : room{std::move(options), event_log(std::move(log)), {}}, tls(t),
+          counters& counted, log_function log)
+        : room{std::move(options), event_log(std::move(log)), counted, {}}, tls(t),
           agents(context, room, bodies, results, commands) {}
 
     exchange_room room;
@@ -50,19 +50,20 @@ awaitable<void> server::state::converse_plainly(exchange& x) {
     if (whole && x.parse(error) && x.head.what == request::kind::page) {
         co_await answer_page(x);
     } else {
-        room.log(event::tls, "no TLS with " + x.address + ": plain text");
+        room.refuse(refusal::tls, event::tls, "no TLS with " + x.address + ": plain text");
     }
 }
 
 awaitable<void> server::state::converse(exchange& x) {
     bool secure = co_await x.link.handshake(tls);
     if (!secure) {
-        room.log(event::tls, "no TLS with " + x.address + ": " + x.link.problem());
+        room.refuse(refusal::tls, event::tls, "no TLS with " + x.address + ": " + x.link.problem());
         co_return;
     }
     bool whole = co_await x.read_head();
     if (!whole) {
-        room.log(event::request, "no request from " + x.address + ": " + x.link.problem());
+        room.refuse(refusal::request, event::request,
+                    "no request from " + x.address + ": " + x.link.problem());
         co_return;
     }
     std::string error;
@@ -84,8 +85,9 @@ awaitable<void> server::state::converse(exchange& x) {
 }
 
 server::server(server_options options, SSL_CTX* tls, ingest& results, instructions& commands,
-               log_function log)
-    : state_(std::make_unique<state>(std::move(options), tls, results, commands, std::move(log))) {}
+               counters& counted, log_function log)
+    : state_(std::make_unique<state>(std::move(options), tls, results, commands, counted,
+                                     std::move(log))) {}
 
 server::~server() = default;
 

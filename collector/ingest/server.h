@@ -18,6 +18,7 @@
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
+#include "ingest/counters.h"
 #include "ingest/ingest.h"
 #include "ingest/instructions.h"
 #include "ingest/server_options.h"
@@ -33,11 +34,12 @@ class server {
 public:
     using log_function = std::function<void(const std::string&)>;
 
-    /* `tls` and `commands` must outlive the server. `results` must outlive run() but be destroyed
-     * before the server is: its thread may still be on its way out of a call to here. `log` gets
-     * lines without a line end, few of them whatever strangers do, on the network thread only. */
+    /* `tls`, `commands` and `counted` must outlive the server. `results` must outlive run() but be
+     * destroyed before the server is: its thread may still be on its way out of a call to here.
+     * `log` gets lines without a line end, few of them whatever strangers do, on the network thread
+     * only. */
     server(server_options options, SSL_CTX* tls, ingest& results, instructions& commands,
-           log_function log);
+           counters& counted, log_function log);
     ~server();
 
     /* Opens the port. False with one line in `error`. */

@@ -121,16 +121,16 @@ bool storing::find_test(int64_t agent, agent_state& state, uint32_t type,
 }
 
 bool storing::changes(agent_work& agent) {
-    for (const change& c : agent.out.changes) {
-        int64_t test = 0, id = 0;
-        if ((!c.of_agent && !find_test(agent.id, agent.state, c.type, c.number, test)) ||
+    for (change& c : agent.out.changes) {
+        c.test = 0;
+        if ((!c.of_agent && !find_test(agent.id, agent.state, c.type, c.number, c.test)) ||
             !engine_.append_event({.time = c.time,
                                    .agent = agent.id,
-                                   .test = test,
+                                   .test = c.test,
                                    .from = static_cast<uint8_t>(c.from),
                                    .to = static_cast<uint8_t>(c.to),
                                    .message = c.message},
-                                  id)) {
+                                  c.event)) {
             return false;
         }
     }

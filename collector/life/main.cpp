@@ -181,7 +181,8 @@ static int run_server(const options& o) {
                         " tests of earlier runs are left out: taken out of the plan, they go on");
     }
     commands_for_agents commands(lines, std::move(earlier));
-    server collector(server_options_from(o), tls.get(), *results, commands, log);
+    counters counted;
+    server collector(server_options_from(o), tls.get(), *results, commands, counted, log);
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
     if (!collector.listen(error) || !announce(o, collector, identity, *output, error)) {
         return fail(error);

@@ -350,7 +350,7 @@ public:
         }
     }
 
-    void on_agent(std::string_view account, std::string_view agent, const agent_state& now,
+    void on_agent(int64_t, std::string_view account, std::string_view agent, const agent_state& now,
                   std::span<const change>) override {
         if (!view_->keeps_state()) {
             return;

@@ -83,7 +83,8 @@ struct change {
     bool of_agent = false; /* of the agent itself: no test */
     int64_t time = 0;
     state from = state::unknown, to = state::unknown;
-    std::string message = {}; /* of the record that made it, max_message bytes at most */
+    std::string message = {};    /* of the record that made it, max_message bytes at most */
+    int64_t event = 0, test = 0; /* ids in the store, once it is there */
 };
 
 /* What came of a call; the memory is kept. */

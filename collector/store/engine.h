@@ -36,6 +36,7 @@ struct known_agent {
     std::string_view account, agent, address, version; /* the last two empty: not known */
     int64_t first_seen = 0, last_seen = 0;
     std::string_view state; /* as end_block() left it */
+    int64_t retired = 0;    /* when it was; 0: it is not. What it reported stays until it expires */
 };
 
 /* A test that ever had a result. Ids are never given twice, and rise. */
@@ -128,6 +129,12 @@ public:
                             const std::function<void(const known_agent&)>& each,
                             std::string& error) = 0;
     virtual std::optional<known_test_row> find_test(int64_t id) = 0;
+    /* Ends the state that is read, and reads the present one from now on: cheaper than another
+     * reader. False with the reason in `error`: this one is of no use any more. */
+    virtual bool renew(std::string& error) = 0;
+    /* Ends the state that is read; renew() comes before anything else. A reader that is kept for
+     * later holds nothing up then. */
+    virtual void rest() = 0;
 
     /* A block that is open, and those of its agent before it, newest first. Ends where a block has
      * been packed already. */
@@ -263,6 +270,8 @@ public:
     virtual bool end_block(int64_t agent, const agent_news& news, std::string_view last_block,
                            std::string_view state) = 0;
     virtual bool set_state(int64_t agent, std::string_view state) = 0;
+    /* Until find_agent() by its name. */
+    virtual bool retire_agent(int64_t id, int64_t time) = 0;
     virtual bool append_definition(const test_definition& definition) = 0;
 
     /* ---- upkeep, in transactions too ---- */

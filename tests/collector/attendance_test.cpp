@@ -37,7 +37,7 @@ struct attendance_test : testing::Test {
         }
         void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
                             const std::string&) override {}
-        void on_agent(std::string_view, std::string_view agent, const agent_state& now,
+        void on_agent(int64_t, std::string_view, std::string_view agent, const agent_state& now,
                       std::span<const change> changes) override {
             std::lock_guard hold(m);
             for (const change& c : changes) {

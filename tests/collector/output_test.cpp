@@ -450,6 +450,8 @@ struct bare_store : result_reader {
                          text&) override {
         return true;
     }
+    bool renew(text&) override { return true; }
+    void rest() override {}
     std::optional<int64_t> read_fact(const char*) override { return std::nullopt; }
 };
 
@@ -562,10 +564,10 @@ TEST(table, shows_what_becomes_of_an_agent) {
     screen.read_until("all ok - 1 test on 1 host");
     agent_state agent;
     agent.tests.push_back({.type = type_load_average, .number = 5, .now = state::stale});
-    o->on_agent("a@b.c", "web1", agent, {});
+    o->on_agent(1, "a@b.c", "web1", agent, {});
     screen.read_until(" 1 stale - 1 test on 1 host");
     agent.silent = true;
-    o->on_agent("a@b.c", "web1", agent, {});
+    o->on_agent(1, "a@b.c", "web1", agent, {});
     screen.read_until(" 1 host silent");
 }
 

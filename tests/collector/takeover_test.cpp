@@ -24,7 +24,7 @@ struct takeover_test : testing::Test {
     struct quiet : store_listener {
         std::mutex m;
         strings problems, agents;
-        void on_agent(std::string_view, std::string_view agent, const agent_state& now,
+        void on_agent(int64_t, std::string_view, std::string_view agent, const agent_state& now,
                       std::span<const change>) override {
             std::string text(agent);
             for (const test_status& t : now.tests) {

@@ -49,6 +49,8 @@ public:
         changed_.notify_all();
     }
 
+    void update(std::function<bool(engine&)>, change_done done) override { done(false, ""); }
+    void retire(int64_t, change_done done) override { done(false, ""); }
     void heard(std::string_view account, std::string_view agent, int64_t, std::string_view address,
                std::string_view version) override {
         std::lock_guard hold(mutex_);
@@ -339,7 +341,7 @@ protected:
                                        [](const plan_problem&) {});
         commands_ = std::make_unique<commands_for_agents>(*plan_, earlier);
         store_ = std::make_unique<fake_store>();
-        server_ = std::make_unique<server>(options_, tls_, *store_, *commands_,
+        server_ = std::make_unique<server>(options_, tls_, *store_, *commands_, counted_,
                                            [this](const std::string& line) {
                                                std::lock_guard hold(log_mutex_);
                                                log_.push_back(line);
@@ -388,6 +390,7 @@ protected:
     server_options options_;
     std::unique_ptr<plan> plan_;
     std::unique_ptr<commands_for_agents> commands_;
+    counters counted_;
     std::unique_ptr<server> server_;
     std::unique_ptr<fake_store> store_;
     std::thread thread_;

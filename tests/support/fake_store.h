@@ -258,6 +258,8 @@ public:
         }
         return is_good(error);
     }
+    bool renew(std::string&) override { return true; }
+    void rest() override {}
     std::optional<int64_t> read_fact(const char* name) override {
         auto found = facts.find(name);
         return found != facts.end() ? std::optional(found->second) : std::nullopt;

@@ -59,15 +59,15 @@ bool set_last(sqlite3* db, const char* table, int64_t last) {
 } // namespace
 
 void carried_rows::read(sqlite3* db) {
-    const char* query = has_column(db, "agents", "address")
-                            ? "SELECT id, first_seen, last_seen, account, name, last_block, "
-                              "address, version FROM agents"
-                            : "SELECT id, first_seen, last_seen, account, name, last_block, '', '' "
-                              "FROM agents"; /* of the first version */
-    bool all = each_row(db, query, [&](const statement& row) {
+    std::string query = "SELECT id, first_seen, last_seen, account, name, last_block";
+    /* What earlier versions did not have. */
+    query += has_column(db, "agents", "address") ? ", address, version" : ", '', ''";
+    query += has_column(db, "agents", "retired") ? ", retired FROM agents" : ", 0 FROM agents";
+    bool all = each_row(db, query.c_str(), [&](const statement& row) {
         if (was_given(row.integer(0), last_agent)) {
             agents.push_back({row.integer(0), row.integer(1), row.integer(2), text(row, 3),
-                              text(row, 4), text(row, 5), text(row, 6), text(row, 7)});
+                              text(row, 4), text(row, 5), text(row, 6), text(row, 7),
+                              row.integer(8)});
         }
     });
     settle_last(db, "agents", all, last_agent);
@@ -97,11 +97,12 @@ void carried_rows::read_pieces_and_facts(sqlite3* db) {
 
 bool carried_rows::write(sqlite3* db) const {
     statement agent_row(db, "INSERT OR IGNORE INTO agents (id, first_seen, last_seen, account, "
-                            "name, last_block, address, version) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
+                            "name, last_block, address, version, retired) "
+                            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
     bool ok = std::all_of(agents.begin(), agents.end(), [&](const agent& a) {
         agent_row.bind(a.id).bind(a.first_seen).bind(a.last_seen).bind_text(a.account);
         agent_row.bind_text(a.name).bind_blob(a.last_block).bind_text(a.address);
-        return agent_row.bind_text(a.version).run();
+        return agent_row.bind_text(a.version).bind(a.retired).run();
     });
     statement test_row(db, "INSERT OR IGNORE INTO tests VALUES (?, ?, ?, ?)");
     ok = ok && std::all_of(tests.begin(), tests.end(), [&](const test& t) {

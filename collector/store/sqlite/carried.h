@@ -15,6 +15,7 @@ struct carried_rows {
     struct agent {
         int64_t id, first_seen, last_seen;
         std::string account, name, last_block, address, version;
+        int64_t retired;
     };
     struct test {
         int64_t id, agent, type;

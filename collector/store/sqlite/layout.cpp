@@ -13,7 +13,7 @@ const char tables[] =
     "NOT NULL,"
     " first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_block BLOB NOT NULL,"
     " address TEXT NOT NULL DEFAULT '', version TEXT NOT NULL DEFAULT '',"
-    " state BLOB NOT NULL DEFAULT x'', UNIQUE (account, name));"
+    " state BLOB NOT NULL DEFAULT x'', retired INTEGER NOT NULL DEFAULT 0, UNIQUE (account, name));"
 
     "CREATE TABLE tests (id INTEGER PRIMARY KEY AUTOINCREMENT, agent INTEGER NOT NULL,"
     " type INTEGER NOT NULL, number INTEGER);"

@@ -135,12 +135,15 @@ bool sqlite_engine::find_agent(std::string_view account, std::string_view agent,
                                stored_agent& found) {
     int result;
     {
-        auto select =
-            take("SELECT id, last_block, state FROM agents WHERE account = ? AND name = ?");
+        auto select = take(
+            "SELECT id, last_block, state, retired FROM agents WHERE account = ? AND name = ?");
         result = select->bind_text(account).bind_text(agent).step();
-        if (found_agent(*select, result, found)) {
+        if (found_agent(*select, result, found) && select->integer(3) == 0) {
             return true;
         }
+    }
+    if (result == SQLITE_ROW) { /* it is back */
+        return go_on(take("UPDATE agents SET retired = 0 WHERE id = ?")->bind(found.id).run());
     }
     bool ok = result == SQLITE_DONE;
     if (ok) {
@@ -218,6 +221,11 @@ bool sqlite_engine::end_block(int64_t agent, const agent_news& news, std::string
         update->bind(news.received).bind_blob(last_block).bind_blob(state);
         ok = update->bind_text(news.address).bind_text(news.version).bind(agent).run();
     }
+    return go_on(ok);
+}
+
+bool sqlite_engine::retire_agent(int64_t id, int64_t time) {
+    bool ok = take("UPDATE agents SET retired = ? WHERE id = ?")->bind(time).bind(id).run();
     return go_on(ok);
 }
 

@@ -38,6 +38,7 @@ public:
     bool add_to_ledger(const ledger_row& counts) override;
     bool end_block(int64_t agent, const agent_news& news, std::string_view last_block,
                    std::string_view state) override;
+    bool retire_agent(int64_t id, int64_t time) override;
     bool set_state(int64_t agent, std::string_view state) override;
     bool append_definition(const test_definition& definition) override;
 

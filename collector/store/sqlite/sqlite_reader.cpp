@@ -8,7 +8,8 @@
 namespace {
 
 const char agent_columns[] =
-    "SELECT id, account, name, address, version, first_seen, last_seen, state FROM agents";
+    "SELECT id, account, name, address, version, first_seen, last_seen, state, "
+    "retired FROM agents";
 
 known_agent agent_of(const statement& row) {
     return {.id = row.integer(0),
@@ -18,7 +19,8 @@ known_agent agent_of(const statement& row) {
             .version = row.bytes(4),
             .first_seen = row.integer(5),
             .last_seen = row.integer(6),
-            .state = row.bytes(7)};
+            .state = row.bytes(7),
+            .retired = row.integer(8)};
 }
 
 } // namespace
@@ -28,6 +30,34 @@ bool sqlite_reader::open(const std::string& directory, std::string& error) {
     bool ok = database_open_reading(directory, own_, error);
     db_ = own_.get();
     return ok;
+}
+
+void sqlite_reader::rest() {
+    if (own_ && sqlite3_get_autocommit(own_.get()) == 0) {
+        database_exec(own_.get(), "COMMIT");
+    }
+}
+
+/* The writer begins another file where one is damaged. Its own connection sees all. */
+bool sqlite_reader::renew(std::string& error) {
+    error.clear();
+    if (!own_) {
+        return true;
+    }
+    rest();
+    int moved = 0;
+    if (sqlite3_file_control(own_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK ||
+        moved != 0) {
+        error = place_ + ": it was replaced";
+        return false;
+    }
+    /* A transaction begins with the first that is read. */
+    if (database_exec(own_.get(), "BEGIN") &&
+        statement(own_.get(), "SELECT 1 FROM facts LIMIT 1").step() != SQLITE_ERROR) {
+        return true;
+    }
+    error = place_ + ": " + sqlite3_errmsg(own_.get());
+    return false;
 }
 
 void sqlite_reader::use(sqlite3* db, const std::string& place) {

@@ -18,6 +18,8 @@ public:
     void use(sqlite3* db, const std::string& place);
 
     std::string place() const override { return place_; }
+    bool renew(std::string& error) override;
+    void rest() override;
     bool for_each_agent(const std::function<void(const known_agent&)>& each,
                         std::string& error) override;
     bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,

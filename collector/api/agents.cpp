@@ -1,0 +1,213 @@
+/* Agents: all of them, one, retiring it, having it do its tests now. */
+#include "api/answer.h"
+#include "api/encoding.h"
+#include "api/find.h"
+#include "api/parameters.h"
+#include "api/resources.h"
+#include "api/shapes.h"
+#include "base/record_summary.h"
+#include "base/text.h"
+#include "show/record_content.h"
+
+#include <limits>
+
+namespace json = boost::json;
+
+namespace {
+
+const parameter_def list_parameters[] = {
+    {.name = "state",
+     .kind = parameter_kind::choice,
+     .text = "Only agents in these states; stale ones are unknown, too.",
+     .choices = "ok|problem|unknown|stale|silent",
+     .many = true},
+    {.name = "q",
+     .kind = parameter_kind::text,
+     .text = "Only agents with this text in their name or account, whatever the case."},
+    limit_parameter,
+    next_parameter};
+
+json::object agent_object(const known_agent& row, const agent_state& now) {
+    state worst = now.worst();
+    json::object object = agent_reference(row.id, row.account, row.agent);
+    object.emplace("state", shown_word(worst));
+    if (worst == state::stale) {
+        object.emplace("stale", true);
+    }
+    object.emplace("since", json_time(worst_since(now)));
+    object.emplace("last_poll", json_time(row.last_seen));
+    object.emplace("first_poll", json_time(row.first_seen));
+    object.emplace("address", json_or_null(row.address));
+    object.emplace("version", json_or_null(row.version));
+    object.emplace("groups", json::array());
+    object.emplace("tests", json_counts(now));
+    if (row.retired != 0) {
+        object.emplace("retired", json_time(row.retired));
+    }
+    return object;
+}
+
+/* By account and name, from behind `next`. */
+api_answer list_agents(const api_request& asked, api_services& with) {
+    reader_pool::lent store = with.stored.lend();
+    std::optional<std::vector<std::string>> behind = place_of(asked, 2);
+    const chosen states(asked, "state");
+    const std::string q = text_of(asked, "q");
+    const size_t limit = limit_of(asked);
+    json::array items;
+    agent_state now;
+    std::string last_account, last_name, next, error, damaged;
+    auto take = [&](const known_agent& row) {
+        if (row.retired != 0 || !next.empty() ||
+            (behind &&
+             std::pair<std::string_view, std::string_view>(row.account, row.agent) <=
+                 std::pair<std::string_view, std::string_view>((*behind)[0], (*behind)[1])) ||
+            !(has_text(row.account, q) || has_text(row.agent, q))) {
+            return;
+        }
+        if (!now.unpack(row.state) && damaged.empty()) {
+            damaged = "the state of " + std::string(row.account) + "/" + std::string(row.agent) +
+                      " is damaged";
+        }
+        if (states.is_given() && !has_state(states, now.worst())) {
+            return;
+        }
+        if (items.size() == limit) {
+            next = next_text({last_account, last_name});
+            return;
+        }
+        items.push_back(agent_object(row, now));
+        last_account = row.account;
+        last_name = row.agent;
+    };
+    bool ok = store->for_each_agent(take, error);
+    return answer_with(list_of(std::move(items), next, ok ? damaged : error));
+}
+
+/* What the agent has found on its host, as it was last. */
+json::object inventories_of(result_reader& store, int64_t agent) {
+    json::object all;
+    for (const protocol::record_def* type : protocol::record_types) {
+        if (find_role(type->values, protocol::value_role::list) == nullptr) {
+            continue;
+        }
+        std::string ignored;
+        store.read_inventory(
+            agent, type->code, std::numeric_limits<int64_t>::max(),
+            [&](const stored_inventory& found) {
+                record r;
+                std::string reason;
+                json::array items;
+                if (decode_record(found.record, r, reason)) {
+                    for (std::string_view item : items_of(r)) {
+                        items.push_back(json::value(item));
+                    }
+                }
+                all.emplace(type->name, json::object{{"time", utc_time(found.time)},
+                                                     {"items", std::move(items)}});
+            },
+            ignored);
+    }
+    return all;
+}
+
+api_answer one_agent(const api_request& asked, api_services& with) {
+    reader_pool::lent store = with.stored.lend();
+    const int64_t id = find_agent(*store, asked.in_path[0]).id;
+    json::object object;
+    agent_state now;
+    std::string error;
+    auto take = [&](const known_agent& row) {
+        now.unpack(row.state);
+        object = agent_object(row, now);
+    };
+    if (!store->read_agent(id, take, error)) {
+        throw_unavailable("The agent cannot be read: " + error + ".");
+    }
+    object.emplace("inventories", inventories_of(*store, id));
+    return answer_with(object);
+}
+
+std::string called(const found_agent& agent) {
+    return agent.account + "/" + agent.name;
+}
+
+found_agent find_present(const api_request& asked, api_services& with) {
+    found_agent agent = find_agent(*with.stored.lend(), asked.in_path[0]);
+    if (agent.retired != 0) {
+        throw problem{409, "Conflict",
+                      called(agent) + " was retired at " + utc_time(agent.retired) +
+                          ". When it polls again it begins anew."};
+    }
+    return agent;
+}
+
+api_answer retire_agent(const api_request& asked, api_services& with) {
+    found_agent agent = find_present(asked, with);
+    retire_stored(with, agent.id);
+    with.send_away(agent.account, agent.name);
+    api_answer answer;
+    answer.status = 204;
+    answer.audit = "retired agent " + called(agent);
+    return answer;
+}
+
+api_answer check_agent(const api_request& asked, api_services& with) {
+    found_agent agent = find_present(asked, with);
+    if (!with.check_now(agent.account, agent.name)) {
+        throw problem{409, "Conflict",
+                      called(agent) + " cannot be told: it has not polled since the collector "
+                                      "started, or does not any more. Try again when it has."};
+    }
+    api_answer answer =
+        answer_with(json::object{{"agent", agent_reference(agent.id, agent.account, agent.name)},
+                                 {"accepted", true}},
+                    202);
+    answer.audit = "had agent " + called(agent) + " check now";
+    return answer;
+}
+
+const route rows[] = {
+    {.method = "GET",
+     .pattern = "/api/v1/agents",
+     .least = role::viewer,
+     .summary = "All agents, by account and name. Retired ones are not among them.",
+     .parameters = list_parameters,
+     .takes = "",
+     .answers = "agents",
+     .status = 200,
+     .handler = list_agents},
+    {.method = "GET",
+     .pattern = "/api/v1/agents/{agent}",
+     .least = role::viewer,
+     .summary = "An agent, also a retired one, and what it found on its host.",
+     .parameters = {},
+     .takes = "",
+     .answers = "agent",
+     .status = 200,
+     .handler = one_agent},
+    {.method = "DELETE",
+     .pattern = "/api/v1/agents/{agent}",
+     .least = role::operates,
+     .summary = "Retires an agent: it is in no list and silent to nobody any more. What it "
+                "reported stays until it expires; when it polls again it begins anew.",
+     .parameters = {},
+     .takes = "",
+     .answers = "",
+     .status = 204,
+     .handler = retire_agent},
+    {.method = "POST",
+     .pattern = "/api/v1/agents/{agent}/check",
+     .least = role::operates,
+     .summary = "Has the agent do all its tests now: it is told with its next poll.",
+     .parameters = {},
+     .takes = "",
+     .answers = "accepted",
+     .status = 202,
+     .handler = check_agent}};
+
+} // namespace
+
+std::span<const route> agent_routes() {
+    return rows;
+}

@@ -1,0 +1,168 @@
+#include "api/encoding.h"
+
+#include "base/text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+
+namespace {
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+constexpr std::string_view digits =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+char lower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+/* Takes a number of so many digits from the beginning. */
+bool take_number(std::string_view& text, size_t count, int& value) {
+    value = 0;
+    if (text.size() < count) {
+        return false;
+    }
+    for (char c : text.substr(0, count)) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        value = 10 * value + (c - '0');
+    }
+    text.remove_prefix(count);
+    return true;
+}
+
+bool take(std::string_view& text, std::string_view any_of) {
+    if (text.empty() || any_of.find(text[0]) == std::string_view::npos) {
+        return false;
+    }
+    text.remove_prefix(1);
+    return true;
+}
+
+} // namespace
+
+std::optional<std::string> percent_decoded(std::string_view text, bool plus_is_space) {
+    std::string plain;
+    plain.reserve(text.size());
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] == '+' && plus_is_space) {
+            plain += ' ';
+        } else if (text[i] != '%') {
+            plain += text[i];
+        } else {
+            int high = i + 2 < text.size() ? hex_digit(text[i + 1]) : -1;
+            int low = high >= 0 ? hex_digit(text[i + 2]) : -1;
+            if (low < 0) {
+                return std::nullopt;
+            }
+            plain += static_cast<char>(16 * high + low);
+            i += 2;
+        }
+    }
+    return plain;
+}
+
+std::string base64url(std::string_view bytes) {
+    std::string text;
+    uint32_t held = 0;
+    int bits = 0;
+    for (char c : bytes) {
+        held = held << 8 | static_cast<unsigned char>(c);
+        for (bits += 8; bits >= 6; bits -= 6) {
+            text += digits[held >> (bits - 6) & 63];
+        }
+    }
+    if (bits > 0) {
+        text += digits[held << (6 - bits) & 63];
+    }
+    return text;
+}
+
+std::optional<std::string> from_base64url(std::string_view text) {
+    std::string bytes;
+    uint32_t held = 0;
+    int bits = 0;
+    for (char c : text) {
+        size_t digit = digits.find(c);
+        if (digit == std::string_view::npos) {
+            return std::nullopt;
+        }
+        held = held << 6 | static_cast<uint32_t>(digit);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            bytes += static_cast<char>(held >> bits & 255);
+        }
+    }
+    return bits < 6 && (held & ((1u << bits) - 1)) == 0 ? std::optional(bytes) : std::nullopt;
+}
+
+std::optional<int64_t> read_time(std::string_view text) {
+    int year, month, day, hour, minute, second;
+    if (!take_number(text, 4, year) || !take(text, "-") || !take_number(text, 2, month) ||
+        !take(text, "-") || !take_number(text, 2, day) || !take(text, "Tt ") ||
+        !take_number(text, 2, hour) || !take(text, ":") || !take_number(text, 2, minute) ||
+        !take(text, ":") || !take_number(text, 2, second)) {
+        return std::nullopt;
+    }
+    if (take(text, ".")) {
+        size_t count = std::min(text.find_first_not_of("0123456789"), text.size());
+        if (count == 0) {
+            return std::nullopt;
+        }
+        text.remove_prefix(count);
+    }
+    int ahead = 0;
+    if (!take(text, "Zz")) {
+        bool is_behind = !text.empty() && text[0] == '-';
+        int hours, minutes;
+        if (!take(text, "+- ") || !take_number(text, 2, hours) || !take(text, ":") ||
+            !take_number(text, 2, minutes) || hours > 23 || minutes > 59) {
+            return std::nullopt;
+        }
+        ahead = (60 * hours + minutes) * (is_behind ? -60 : 60);
+    }
+    std::chrono::year_month_day date{std::chrono::year(year),
+                                     std::chrono::month(static_cast<unsigned>(month)),
+                                     std::chrono::day(static_cast<unsigned>(day))};
+    if (!text.empty() || year < 1 || !date.ok() || hour > 23 || minute > 59 || second > 60) {
+        return std::nullopt;
+    }
+    int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
+    return days * 86400 + hour * 3600 + minute * 60 + second - ahead;
+}
+
+std::optional<int64_t> read_integer(std::string_view text) {
+    int64_t value = 0;
+    auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    bool whole = failure == std::errc() && end == text.data() + text.size();
+    return whole ? std::optional(value) : std::nullopt;
+}
+
+bool has_text(std::string_view text, std::string_view part) {
+    return part.empty() ||
+           std::search(text.begin(), text.end(), part.begin(), part.end(),
+                       [](char a, char b) { return lower(a) == lower(b); }) != text.end();
+}
+
+bool is_plain_text(std::string_view text) {
+    for (size_t i = 0; i < text.size(); i++) {
+        auto c = static_cast<unsigned char>(text[i]);
+        bool is_c1 =
+            c == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0;
+        if (c < 0x20 || c == 0x7f || is_c1) {
+            return false;
+        }
+    }
+    return valid_utf8(text) == text;
+}

@@ -1,0 +1,93 @@
+#include "api/hub.h"
+
+#include "api/encoding.h"
+
+#include <algorithm>
+#include <chrono>
+#include <unistd.h>
+
+std::string event_hub::name_of_run() {
+    auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::to_string(getpid()) + "." +
+           std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+}
+
+bool event_hub::is_heard() const {
+    std::lock_guard hold(mutex_);
+    return !wake_.empty();
+}
+
+void event_hub::publish(hub_kind kind, int64_t agent, int64_t test, std::string json) {
+    auto text = std::make_shared<const std::string>(std::move(json));
+    std::lock_guard hold(mutex_);
+    bytes_ += text->size();
+    ring_.push_back({newest_ + 1, kind, agent, test, std::move(text)});
+    newest_++;
+    flushed_ = false;
+    while (!ring_.empty() && (bytes_ > most_bytes_ || ring_.size() > most_messages_)) {
+        bytes_ -= ring_.front().json->size();
+        ring_.pop_front();
+    }
+}
+
+void event_hub::flush() {
+    std::lock_guard hold(mutex_);
+    if (flushed_) {
+        return;
+    }
+    flushed_ = true;
+    for (const auto& [subscriber, wake] : wake_) {
+        wake();
+    }
+}
+
+uint64_t event_hub::newest() const {
+    std::lock_guard hold(mutex_);
+    return newest_;
+}
+
+std::optional<uint64_t> event_hub::position_of(std::string_view id) const {
+    if (!id.starts_with(run_) || id.substr(run_.size(), 1) != "-") {
+        return std::nullopt;
+    }
+    std::optional<int64_t> position = read_integer(id.substr(run_.size() + 1));
+    if (!position || *position < 0 || static_cast<uint64_t>(*position) > newest()) {
+        return std::nullopt;
+    }
+    return static_cast<uint64_t>(*position);
+}
+
+void event_hub::read(uint64_t& position, const hub_filter& which, size_t most_bytes,
+                     std::vector<hub_message>& found, bool& lost) const {
+    found.clear();
+    lost = false;
+    std::lock_guard hold(mutex_);
+    position = std::min(position, newest_);
+    const uint64_t before_ring = newest_ - ring_.size();
+    if (position < before_ring) {
+        lost = true;
+        position = before_ring;
+    }
+    size_t bytes = 0;
+    while (position < newest_ && bytes < most_bytes) {
+        const hub_message& next = ring_[static_cast<size_t>(position - before_ring)];
+        position++;
+        if ((static_cast<uint8_t>(next.kind) & which.kinds) != 0 &&
+            (which.agent == 0 || which.agent == next.agent) &&
+            (which.test == 0 || which.test == next.test)) {
+            bytes += next.json->size();
+            found.push_back(next);
+        }
+    }
+}
+
+uint64_t event_hub::subscribe(std::function<void()> wake) {
+    std::lock_guard hold(mutex_);
+    wake_.emplace_back(next_subscriber_, std::move(wake));
+    return next_subscriber_++;
+}
+
+void event_hub::unsubscribe(uint64_t subscriber) {
+    std::lock_guard hold(mutex_);
+    std::erase_if(wake_, [&](const auto& each) { return each.first == subscriber; });
+}

@@ -1,0 +1,40 @@
+/* What is stored, told to those who listen: each result, each event, and how each agent stands.
+ * Nothing is made of it as long as nobody listens. */
+#ifndef VINDRAL_COLLECTOR_LIVE_H
+#define VINDRAL_COLLECTOR_LIVE_H
+
+#include "api/hub.h"
+#include "api/request.h"
+#include "api/services.h"
+#include "ingest/ingest.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+/* On the store's thread. What results, events and agents look like is in schemas.cpp
+ * ("live_result", "event", "live_agent"). Names are looked up in the store, each at most twice a
+ * minute, by a reader of its own. */
+class live_messages final : public store_listener {
+public:
+    live_messages(event_hub& hub, std::string directory);
+    ~live_messages() override;
+
+    void on_record(const poll_block& from, const decoded_record& result) override;
+    void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
+                        const std::string&) override {}
+    void on_agent(int64_t id, std::string_view account, std::string_view agent,
+                  const agent_state& now, std::span<const change> changes) override;
+    void on_event(const stored_event& event) override;
+    void on_batch_end() override;
+
+private:
+    struct state;
+    std::unique_ptr<state> state_;
+};
+
+/* What the parameters of GET /api/v1/stream let through. `target` is as it came, with parameters.
+ * Throws problem: who asks may not, or a parameter is wrong. */
+hub_filter stream_filter(std::string_view target, api_request& asked, api_services& with);
+
+#endif

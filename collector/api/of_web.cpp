@@ -1,0 +1,54 @@
+/* What the web server answers itself: sockets and cookies are nothing of this room. The stream
+ * comes first. */
+#include "api/parameters.h"
+#include "api/resources.h"
+
+namespace {
+
+const parameter_def stream_parameters[] = {
+    agent_parameter,
+    {.name = "test", .kind = parameter_kind::id, .text = "Only of this test."},
+    {.name = "kind",
+     .kind = parameter_kind::choice,
+     .text = "Only messages of these kinds.",
+     .choices = "result|event|agent",
+     .many = true}};
+
+const route rows[] = {
+    {.method = "GET",
+     .pattern = "/api/v1/stream",
+     .least = role::viewer,
+     .summary = "What is stored from now on, as server-sent events: `event` is result, event or "
+                "agent, `data` a line of JSON (live_result, event, live_agent). Who comes back "
+                "with Last-Event-ID gets what was missed, or the event \"lost\".",
+     .parameters = stream_parameters,
+     .takes = "",
+     .answers = "stream",
+     .status = 200,
+     .handler = nullptr,
+     .is_stream = true,
+     .type = "text/event-stream"},
+    {.method = "POST",
+     .pattern = "/sign-in",
+     .least = role::none,
+     .summary = "Begins a session with a token or a one-time link; the answer has its cookie.",
+     .parameters = {},
+     .takes = "sign_in",
+     .answers = "",
+     .status = 204,
+     .handler = nullptr},
+    {.method = "POST",
+     .pattern = "/sign-out",
+     .least = role::none,
+     .summary = "Ends the session whose cookie is sent.",
+     .parameters = {},
+     .takes = "",
+     .answers = "",
+     .status = 204,
+     .handler = nullptr}};
+
+} // namespace
+
+std::span<const route> web_routes() {
+    return rows;
+}

@@ -1,0 +1,244 @@
+/* Tests: all of them, and one, each with its state and its last result. */
+#include "api/answer.h"
+#include "api/encoding.h"
+#include "api/find.h"
+#include "api/parameters.h"
+#include "api/resources.h"
+#include "api/shapes.h"
+#include "base/record_summary.h"
+#include "state/history.h"
+
+#include <tuple>
+
+namespace json = boost::json;
+
+namespace {
+
+const parameter_def list_parameters[] = {
+    agent_parameter,
+    group_parameter,
+    type_parameter,
+    {.name = "state",
+     .kind = parameter_kind::choice,
+     .text = "Only tests in these states; stale ones are unknown, too.",
+     .choices = "ok|problem|unknown|stale",
+     .many = true},
+    {.name = "q",
+     .kind = parameter_kind::text,
+     .text = "Only tests with this text in their name, or their agent's, whatever the case."},
+    limit_parameter,
+    next_parameter};
+
+/* The last result of a test; one without records when there is none any more. */
+result last_result(result_reader& store, const test_status& test, std::string& error) {
+    std::vector<result> found;
+    std::string reason;
+    if (test.now != state::unknown &&
+        !read_results(store, test.id, test.time, test.time + 1, 1, found, reason) &&
+        error.empty()) {
+        error = reason;
+    }
+    return !found.empty() ? std::move(found[0]) : result{.type = test.type};
+}
+
+/* `now` is the state of the test's agent. */
+json::object test_object(result_reader& store, json::object agent, const agent_state& now,
+                         const test_status& test, const definition* what, std::string& error) {
+    state shown = shown_state(now, test);
+    int64_t since = shown_since(now, test);
+    result last = last_result(store, test, error);
+    json::object object{{"id", test.id},     {"agent", std::move(agent)},
+                        {"group", nullptr},  {"type", type_name(test.type)},
+                        {"number", nullptr}, {"name", test_name(test.type, test.number, what)},
+                        {"target", nullptr}, {"state", shown_word(shown)}};
+    if (test.number) {
+        object["number"] = *test.number;
+    }
+    if (what != nullptr && !what->name.empty()) {
+        object["target"] = what->name;
+    }
+    if (shown == state::stale) {
+        object.emplace("stale", true);
+    }
+    object.emplace("since", json_time(since));
+    object.emplace("time", json_time(test.time));
+    object.emplace("status", json_status(last.type, last.status));
+    object.emplace("message", json_or_null(last.message));
+    object.emplace("values", json_values(last.type, last.values));
+    object.emplace("definition", json_definition(what));
+    return object;
+}
+
+/* By the agent's account and name, then type and number. */
+class test_list {
+public:
+    test_list(result_reader& store, const api_request& asked)
+        : store_(store), asked_(asked), types_(asked, "type"), states_(asked, "state"),
+          q_(text_of(asked, "q")), limit_(limit_of(asked)), agent_(agent_asked_for(store, asked)),
+          behind_(place_of(asked, 4)), definitions_(store) {
+        if (behind_) {
+            type_ = number_in((*behind_)[2]);
+            number_ = number_in((*behind_)[3]);
+        }
+    }
+
+    json::object read() {
+        std::string error;
+        auto take = [&](const known_agent& row) { take_agent(row); };
+        bool ok = true;
+        if (asked_.parameter("group") != nullptr) {
+            ok = true; /* there are none */
+        } else if (agent_ != 0) {
+            ok = store_.read_agent(agent_, take, error);
+        } else {
+            ok = store_.for_each_agent(take, error);
+        }
+        json::array items;
+        for (size_t i = 0; i < page_.size(); i++) {
+            check_deadline(asked_);
+            const row& each = page_[i];
+            agent_state& now = agents_[each.agent].state;
+            definition_pointer what = definitions_.of(each.test, error_);
+            const found& of = agents_[each.agent];
+            items.push_back(test_object(store_, agent_reference(of.id, of.account, of.name), now,
+                                        each.test, what.get(), error_));
+        }
+        return list_of(std::move(items), next_, ok ? error_ : error);
+    }
+
+private:
+    struct found {
+        int64_t id;
+        std::string account, name;
+        agent_state state; /* without its tests */
+    };
+    struct row {
+        size_t agent;
+        test_status test;
+    };
+
+    void take_agent(const known_agent& row) {
+        if (row.retired != 0 || !next_.empty()) {
+            return;
+        }
+        int order = behind_ ? compare(row) : 1;
+        if (order < 0) {
+            return;
+        }
+        if (!now_.unpack(row.state) && error_.empty()) {
+            error_ = "the state of " + std::string(row.account) + "/" + std::string(row.agent) +
+                     " is damaged";
+        }
+        is_named_ = has_text(row.agent, q_) || has_text(row.account, q_);
+        bool is_there = false;
+        for (const test_status& test : now_.tests) {
+            if ((order == 0 && !is_behind(test)) || !is_wanted(test)) {
+                continue;
+            }
+            if (page_.size() == limit_) {
+                const test_status& last = page_.back().test;
+                const found& of = agents_.back();
+                next_ = next_text({of.account, of.name, std::to_string(last.type),
+                                   std::to_string(last.number.value_or(0))});
+                return;
+            }
+            if (!is_there) {
+                is_there = true;
+                agents_.push_back({row.id, std::string(row.account), std::string(row.agent), {}});
+                agents_.back().state.silent = now_.silent;
+                agents_.back().state.since = now_.since;
+            }
+            page_.push_back({agents_.size() - 1, test});
+        }
+    }
+
+    /* To the agent of the last page's last test. */
+    int compare(const known_agent& row) const {
+        int order = row.account.compare((*behind_)[0]);
+        return order != 0 ? order : row.agent.compare((*behind_)[1]);
+    }
+    bool is_behind(const test_status& test) const {
+        return std::pair<int64_t, int64_t>(test.type, test.number.value_or(0)) >
+               std::pair(type_, number_);
+    }
+
+    bool is_wanted(const test_status& test) {
+        if (!test.number || (types_.is_given() && !types_.has(type_name(test.type))) ||
+            (states_.is_given() && !has_state(states_, shown_state(now_, test)))) {
+            return false;
+        }
+        if (q_.empty() || is_named_) {
+            return true;
+        }
+        definition_pointer what = definitions_.of(test, error_);
+        return has_text(test_name(test.type, test.number, what.get()), q_);
+    }
+
+    result_reader& store_;
+    const api_request& asked_;
+    const chosen types_, states_;
+    const std::string q_;
+    const size_t limit_;
+    const int64_t agent_;
+    const std::optional<std::vector<std::string>> behind_;
+    int64_t type_ = 0, number_ = 0;
+    definition_reader definitions_;
+    agent_state now_; /* of the agent that is looked at */
+    bool is_named_ = false;
+    std::vector<found> agents_;
+    std::vector<row> page_;
+    std::string next_, error_;
+};
+
+api_answer list_tests(const api_request& asked, api_services& with) {
+    reader_pool::lent store = with.stored.lend();
+    return answer_with(test_list(*store, asked).read());
+}
+
+api_answer one_test(const api_request& asked, api_services& with) {
+    reader_pool::lent store = with.stored.lend();
+    known_test_row row = find_test(*store, id_in_path(asked, "test"));
+    found_agent agent = find_agent(*store, std::to_string(row.agent));
+    test_status test{.id = row.id, .type = row.type, .number = row.number};
+    if (const test_status* known = agent.state.find(row.type, row.number)) {
+        if (known->id == row.id) {
+            test = *known;
+        }
+    }
+    std::string error;
+    definition_pointer what = definition_reader(*store).of(
+        test.type, test.number, test.location, test.time != 0 ? test.time : with.now(), error);
+    json::object object = test_object(*store, agent_reference(agent.id, agent.account, agent.name),
+                                      agent.state, test, what.get(), error);
+    if (!error.empty()) {
+        object.emplace("incomplete", error);
+    }
+    return answer_with(object);
+}
+
+const route rows[] = {
+    {.method = "GET",
+     .pattern = "/api/v1/tests",
+     .least = role::viewer,
+     .summary = "Tests of the agents that are not retired, by agent, type and number, each with "
+                "its state and last result.",
+     .parameters = list_parameters,
+     .takes = "",
+     .answers = "tests",
+     .status = 200,
+     .handler = list_tests},
+    {.method = "GET",
+     .pattern = "/api/v1/tests/{test}",
+     .least = role::viewer,
+     .summary = "A test, with its state and last result.",
+     .parameters = {},
+     .takes = "",
+     .answers = "test",
+     .status = 200,
+     .handler = one_test}};
+
+} // namespace
+
+std::span<const route> test_routes() {
+    return rows;
+}

@@ -1,0 +1,538 @@
+#include "web/visit.h"
+
+#include "ingest/short_of_memory.h"
+
+#include <algorithm>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <utility>
+
+/* g++ 12 makes wrong code for a co_await behind && or ||, and for temporaries that live across one.
+ * Here a co_await therefore stands alone, and what it uses has a name. */
+namespace asio = boost::asio;
+using asio::awaitable;
+using namespace std::chrono_literals;
+
+static constexpr auto ending_time = 2s;
+static constexpr size_t rate = 64u
+                               << 10;  /* bytes a second that a reader of an answer has to take */
+static constexpr size_t little = 1024; /* bytes, that each connection may have */
+static constexpr size_t most_said = 64u << 10; /* bytes, by who listens to a stream */
+
+/* ---- what all share ---- */
+
+/* Rung on the publishing thread, until it is taken down. */
+struct visit_room::bell {
+    std::mutex mutex;
+    visit_room* room = nullptr;
+    bool rung = false;
+};
+
+visit_room::visit_room(const web_options& o, SSL_CTX* t, desk& d, known_callers& c, api_services& w)
+    : options(o), tls(t), at(d), callers(c), with(w), requests(o.limits.requests_a_minute),
+      answers(o.limits.answers), source(w.hub, o.limits.stream_buffer, answers),
+      places({o.limits.connections, o.limits.connections_of_one, 2s, o.limits.bodies},
+             [](admission::place& p, admission::need) {
+                 static_cast<visit&>(p).give_up(connection::reason::made_room);
+             }),
+      readers_(2, o.limits.waiting, o.limits.waiting_of_one, [this] { callers.refresh(); }) {}
+
+bool visit_room::enter(visit& v) {
+    if (streams_.size() >= options.limits.streams) {
+        return false;
+    }
+    streams_.push_back(&v);
+    if (!bell_) {
+        bell_ = std::make_shared<bell>();
+        bell_->room = this;
+        subscriber_ = with.hub.subscribe([b = bell_] {
+            std::lock_guard<std::mutex> guard(b->mutex);
+            if (b->room && !b->rung) {
+                b->rung = true;
+                post_surely(b->room->context, [b] {
+                    {
+                        std::lock_guard<std::mutex> again(b->mutex);
+                        b->rung = false;
+                    }
+                    if (b->room) { /* taken down on this thread */
+                        b->room->on_bell();
+                    }
+                });
+            }
+        });
+    }
+    return true;
+}
+
+void visit_room::leave(visit& v) {
+    streams_.remove(&v);
+    if (streams_.empty() && bell_) {
+        with.hub.unsubscribe(subscriber_);
+        std::lock_guard<std::mutex> guard(bell_->mutex);
+        bell_->room = nullptr;
+        bell_.reset();
+    }
+}
+
+/* Many listeners are woken less often: what came meanwhile goes in one piece. */
+void visit_room::wave() {
+    next_wave_ = visit::clock::now() + 20ms + 50us * streams_.size();
+    for (visit* v : streams_) {
+        v->wake();
+    }
+}
+
+void visit_room::on_bell() {
+    if (pausing_ || stopping) {
+        return;
+    }
+    if (visit::clock::now() >= next_wave_) {
+        wave();
+        return;
+    }
+    pausing_ = true;
+    pause_.expires_at(next_wave_);
+    pause_.async_wait([this](const boost::system::error_code& failed) {
+        pausing_ = false;
+        if (!failed) {
+            wave();
+        }
+    });
+}
+
+void visit_room::stop() {
+    stopping = true;
+    pause_.cancel();
+}
+
+/* ---- one ---- */
+
+struct visit::task {
+    explicit task(asio::io_context& context) : until(context, clock::time_point::max()) {}
+    std::string body;
+    desk_answer decided;
+    wire_answer wire;
+    memory_budget::share share;
+    asio::steady_timer until;
+    bool keep = false, done = false;
+};
+
+visit::visit(visit_room& room, asio::ip::tcp::socket socket, web_peer from)
+    : room_(room), link_(std::move(socket), clock::now() + room.options.limits.head_time),
+      from_(std::move(from)) {}
+
+visit::~visit() {
+    if (hears_) {
+        room_.leave(*this);
+    }
+}
+
+void visit::begin(phase what, clock::duration at_most) {
+    auto now = clock::now();
+    phase_ = what;
+    timed_out_ = false;
+    link_.set_deadline(at_most == clock::duration::max() ? clock::time_point::max()
+                                                         : now + at_most);
+    bool ours =
+        what == phase::busy || what == phase::listening || (what == phase::answering && hears_);
+    set_stage(ours     ? admission::stage::busy
+              : known_ ? admission::stage::heard
+                       : admission::stage::unheard,
+              now);
+}
+
+/* A wake-up that came between a look at the stream and the wait is made up for here. */
+void visit::look(clock::time_point now, clock::time_point stop_by) {
+    if (link_.given_up()) {
+        return;
+    }
+    if (now >= stop_by) {
+        link_.give_up();
+    } else if (now >= link_.deadline()) {
+        on_time();
+    } else if (woken_ && waits_) {
+        link_.interrupt();
+    }
+}
+
+/* What is late while it sends is answered, or told that nothing happens. */
+void visit::on_time() {
+    switch (phase_) {
+    case phase::idle:
+    case phase::head:
+    case phase::body:
+    case phase::listening:
+        timed_out_ = true;
+        link_.interrupt();
+        break;
+    case phase::busy:
+        break;
+    case phase::opening:
+    case phase::answering:
+    case phase::ending:
+        link_.give_up();
+    }
+}
+
+void visit::on_stop() {
+    if (phase_ == phase::opening || phase_ == phase::idle || phase_ == phase::head ||
+        phase_ == phase::listening || hears_) {
+        link_.give_up();
+    }
+}
+
+void visit::wake() {
+    woken_ = true;
+    if (waits_) {
+        link_.interrupt();
+    }
+}
+
+awaitable<void> visit::serve() {
+    bool good = co_await open();
+    if (!good) {
+        co_return;
+    }
+    next what = next::request;
+    while (what == next::request) {
+        what = co_await serve_one();
+        asked_.reset();
+        if (what == next::request && room_.stopping) {
+            what = next::end;
+        }
+    }
+    if (what == next::stream) {
+        good = co_await follow();
+        what = good ? next::end : next::reset;
+    }
+    if (what == next::end && !link_.given_up()) {
+        begin(phase::ending, ending_time);
+        co_await link_.end_cleanly();
+    }
+}
+
+/* Where there is TLS, who speaks without it is told so, but nothing else. */
+awaitable<bool> visit::open() {
+    bool good = co_await link_.first_byte();
+    if (!good || !room_.tls) {
+        co_return good;
+    }
+    if (!link_.plain()) {
+        good = co_await link_.handshake(room_.tls);
+        co_return good;
+    }
+    api_answer told = answer_of(web_problem(400, "This port speaks HTTPS only."));
+    next what = co_await refuse(std::move(told), false);
+    if (what == next::end) {
+        begin(phase::ending, ending_time);
+        co_await link_.end_cleanly();
+    }
+    co_return false;
+}
+
+/* Half a head of so many connections would be a lot. */
+bool visit::has_room() {
+    const size_t held = share_ ? share_->held() : 0, needed = input_.size();
+    if (needed <= little || needed <= held) {
+        return true;
+    }
+    if (!share_) {
+        share_.emplace(*this);
+    }
+    return share_->add(needed - held);
+}
+
+awaitable<visit::next> visit::read_whole_head() {
+    const web_limits& limits = room_.options.limits;
+    input_.erase(0, leading_blank(input_));
+    if (input_.empty()) {
+        std::string().swap(input_); /* many are idle */
+        share_.reset();
+    }
+    begin(input_.empty() ? phase::idle : phase::head,
+          input_.empty() ? limits.idle : limits.head_time);
+    size_t seen = 0;
+    while (head_end(input_, seen) == 0 && input_.size() <= limits.head) {
+        seen = input_.size();
+        size_t got = co_await link_.read_some(room_.scratch.data(), room_.scratch.size());
+        if (got > 0) {
+            input_.append(room_.scratch.data(), got);
+            if (seen == 0) {
+                input_.erase(0, leading_blank(input_));
+            }
+            if (!has_room()) {
+                std::string().swap(input_);
+                share_.reset();
+                api_answer full = answer_of(web_problem(503, "There is no memory for this now."));
+                next what = co_await refuse(std::move(full), false);
+                co_return what;
+            }
+            if (phase_ == phase::idle && !input_.empty()) {
+                begin(phase::head, limits.head_time);
+            }
+        }
+        if (got == 0 || timed_out_) {
+            if (!timed_out_ || link_.given_up()) {
+                co_return next::reset; /* its end; there is nothing under way */
+            }
+            if (input_.empty()) {
+                co_return next::end;
+            }
+            api_answer late = answer_of(web_problem(408, "The request did not come in time."));
+            next what = co_await refuse(std::move(late), false);
+            co_return what;
+        }
+    }
+    co_return next::request;
+}
+
+awaitable<visit::next> visit::read_body(task& of) {
+    const web_limits& limits = room_.options.limits;
+    const size_t length = asked_->content_length;
+    if (length == 0) {
+        co_return next::request;
+    }
+    admission::memory_share share(*this);
+    begin(phase::body, limits.body_time);
+    if (asked_->expects_continue && input_.empty()) {
+        bool written = co_await link_.write("HTTP/1.1 100 Continue\r\n\r\n");
+        if (!written) {
+            co_return next::reset;
+        }
+        link_.flush();
+    }
+    of.body.swap(input_);
+    if (of.body.size() > length) {
+        input_ = of.body.substr(length);
+        of.body.resize(length);
+    }
+    bool fits = share.add(length);
+    if (!fits) {
+        api_answer full = answer_of(web_problem(503, "There is no memory for the body now."));
+        full.headers.emplace_back("Retry-After", "1");
+        next what = co_await refuse(std::move(full), false);
+        co_return what;
+    }
+    while (of.body.size() < length) {
+        size_t got = co_await link_.read_some(room_.scratch.data(), room_.scratch.size());
+        size_t mine = std::min(got, length - of.body.size());
+        of.body.append(room_.scratch.data(), mine);
+        input_.append(room_.scratch.data() + mine, got - mine);
+        if (timed_out_ && !link_.given_up() && of.body.size() < length) {
+            api_answer late = answer_of(web_problem(408, "The body did not come in time."));
+            next what = co_await refuse(std::move(late), false);
+            co_return what;
+        }
+        if (got == 0) {
+            co_return next::reset;
+        }
+    }
+    co_return next::request;
+}
+
+awaitable<visit::next> visit::send(const wire_answer& what, bool keep) {
+    size_t size = what.head.size() + what.body.size();
+    begin(phase::answering, room_.options.limits.answer_time + std::chrono::seconds(size / rate));
+    bool written = co_await link_.write(what.head);
+    if (written && !what.body.empty()) {
+        written = co_await link_.write(what.body);
+    }
+    if (!written) {
+        co_return next::reset;
+    }
+    if (!keep) {
+        co_return next::end; /* the last bytes leave with the end */
+    }
+    link_.flush();
+    co_return next::request;
+}
+
+awaitable<visit::next> visit::refuse(api_answer what, bool keep) {
+    static const request_head nobody;
+    wire_answer wire = to_wire(std::move(what), asked_ ? *asked_ : nobody, keep, room_.with.now());
+    next then = co_await send(wire, keep);
+    co_return then;
+}
+
+/* On a reading thread. */
+awaitable<void> visit::decide(task& of, const caller_key& who) {
+    const auto by = clock::now() + room_.options.limits.request_time;
+    begin(phase::busy, clock::duration::max());
+    auto work = [this, &of, by] {
+        of.decided = room_.at.answer(*asked_, of.body, from_, by);
+        std::string().swap(of.body);
+        if (!of.decided.is_stream) {
+            const int64_t now = room_.with.now();
+            of.wire = to_wire(std::move(of.decided.answer), *asked_, of.keep, now);
+            of.share = room_.answers.take(of.wire.head.size() + of.wire.body.size());
+            if (!of.share) {
+                api_answer full = answer_of(
+                    web_problem(503, "Too many answers are waiting to be read; try again."));
+                full.headers.emplace_back("Retry-After", "1");
+                of.wire = to_wire(std::move(full), *asked_, of.keep, now);
+            }
+        }
+        post_surely(room_.context, [&of] {
+            of.done = true;
+            of.until.cancel();
+        });
+    };
+    readers::verdict taken = room_.readers_.put(who, work);
+    if (taken != readers::verdict::taken) {
+        api_answer full = answer_of(web_problem(
+            503, taken == readers::verdict::full
+                     ? "Too many requests are waiting; try again in a moment."
+                     : "Too many of your requests are waiting; ask for less at a time."));
+        full.headers.emplace_back("Retry-After", "1");
+        of.wire = to_wire(std::move(full), *asked_, of.keep, room_.with.now());
+        co_return;
+    }
+    while (!of.done) {
+        co_await of.until.async_wait(asio::as_tuple(asio::use_awaitable));
+    }
+}
+
+/* What is said without looking any further; nothing when the request is to be dealt with. */
+std::optional<api_answer> visit::take_head(caller_key& who, bool& keep) {
+    const web_limits& limits = room_.options.limits;
+    asked_ = std::make_unique<request_head>();
+    keep = false;
+    size_t end = head_end(input_, 0);
+    std::optional<problem> bad =
+        end == 0 ? too_long_a_head(input_, limits)
+                 : read_head(std::string_view(input_).substr(0, end), limits, room_.tls, *asked_);
+    input_.erase(0, end);
+    if (!bad) {
+        bad = room_.at.refuse(*asked_, from_);
+    }
+    if (bad) {
+        return answer_of(*bad);
+    }
+    const int64_t token = room_.callers.remembered(asked_->secret(), room_.with.now()).token;
+    known_ = token != 0;
+    who = {known_, known_ ? uint64_t(token) : from_.address_key};
+    keep = asked_->keep_alive && !room_.stopping;
+    if (int seconds = room_.requests.take(who, clock::now())) {
+        keep = keep && asked_->content_length == 0;
+        return too_often("More than " + std::to_string(limits.requests_a_minute) +
+                             " requests a minute.",
+                         seconds);
+    }
+    return {};
+}
+
+bool visit::begin_to_listen(const desk_answer& to) {
+    if (room_.stopping || !room_.enter(*this)) {
+        return false;
+    }
+    hears_.reset(new listening{to.which, to.position, to.lost, asked_->secret()});
+    return true;
+}
+
+awaitable<visit::next> visit::serve_one() {
+    next what = co_await read_whole_head();
+    if (what != next::request) {
+        co_return what;
+    }
+    task mine(room_.context);
+    caller_key who;
+    std::optional<api_answer> refusal = take_head(who, mine.keep);
+    if (!refusal) {
+        what = co_await read_body(mine);
+        if (what != next::request) {
+            co_return what;
+        }
+        co_await decide(mine, who);
+        if (link_.given_up()) {
+            co_return next::reset;
+        }
+        if (!mine.decided.is_stream) {
+            what = co_await send(mine.wire, mine.keep);
+            co_return what;
+        }
+        if (begin_to_listen(mine.decided)) {
+            co_return next::stream;
+        }
+        mine.keep = false;
+        refusal = answer_of(web_problem(503, "Too many streams are open."));
+    }
+    what = co_await refuse(std::move(*refusal), mine.keep);
+    co_return what;
+}
+
+/* ---- a stream ---- */
+
+awaitable<bool> visit::write(std::string_view text) {
+    begin(phase::answering, room_.options.limits.answer_time);
+    bool written = co_await link_.write(text);
+    link_.flush();
+    co_return written;
+}
+
+/* Until there may be something to say. False: it has ended. */
+awaitable<bool> visit::listen() {
+    begin(phase::listening, room_.options.limits.beat);
+    waits_ = true;
+    size_t got = co_await link_.read_some(room_.scratch.data(), room_.scratch.size());
+    waits_ = false;
+    said_ += got;
+    co_return ((got > 0 && said_ <= most_said) || woken_ || timed_out_) && !link_.given_up();
+}
+
+awaitable<bool> visit::follow() {
+    std::string().swap(input_);
+    share_.reset();
+    const std::string begin_with =
+        stream_head(room_.with.now()) + room_.source.greeting(hears_->position, hears_->lost);
+    /* The system counts twice that, and what it holds for thousands who do not read is taken from
+     * all. */
+    link_.bound_unsent(int(room_.options.limits.stream_buffer / 4));
+    bool good = co_await write(begin_with);
+    if (good) {
+        good = co_await follow_on(room_.source);
+    }
+    co_return good;
+}
+
+/* False: nobody is there any more. */
+awaitable<bool> visit::follow_on(stream_source& source) {
+    auto last_word = clock::now(), checked = last_word;
+    const auto beat = room_.options.limits.beat;
+    for (bool good = true; !room_.stopping;) {
+        woken_ = false;
+        bool short_of_memory = false;
+        auto piece = source.next(hears_->position, hears_->which, short_of_memory);
+        if (short_of_memory) {
+            co_return false; /* it comes back, from where it was */
+        }
+        if (piece) {
+            hears_->position = piece->position;
+        }
+        if (piece && !piece->text.empty()) {
+            good = co_await write(piece->text);
+            last_word = clock::now();
+        } else if (!piece) {
+            good = co_await listen();
+        }
+        if (!good) {
+            co_return false;
+        }
+        const auto now = clock::now();
+        if (now - checked >= beat) {
+            checked = now;
+            caller who = room_.callers.remembered(hears_->secret, room_.with.now());
+            if (who.may == role::none) {
+                co_return true; /* the token was removed, or the session ended */
+            }
+        }
+        if (now - last_word >= beat) {
+            good = co_await write(stream_beat);
+            last_word = clock::now();
+            if (!good) {
+                co_return false;
+            }
+        }
+    }
+    co_return true;
+}

@@ -3,10 +3,13 @@
 #include "base/text.h"
 #include "ingest/ingest.h"
 #include "ingest/server.h"
+#include "ingest/store_listeners.h"
 #include "life/announce.h"
+#include "life/api_side.h"
 #include "life/options.h"
 #include "life/signals.h"
 #include "life/store_commands.h"
+#include "life/token_commands.h"
 #include "plan/commands_for_agents.h"
 #include "plan/summary.h"
 #include "show/output.h"
@@ -48,13 +51,17 @@ static size_t raise_descriptor_limit() {
     return limit.rlim_cur;
 }
 
-static server_options server_options_from(const options& o) {
+/* Of the descriptors, so that connections to the API leave no agent without one. */
+static size_t web_connections(size_t descriptors) {
+    return std::min(web_limits().connections, descriptors / 4);
+}
+
+static server_options server_options_from(const options& o, size_t descriptors) {
     server_options s;
     s.address = o.listen;
     s.port = o.port;
     s.allow = o.allow;
     s.end_refused = o.end_refused;
-    size_t descriptors = raise_descriptor_limit();
     s.max_connections = o.max_connections ? o.max_connections : default_connections(descriptors);
     s.max_per_address = o.max_per_address ? o.max_per_address : (s.max_connections + 7) / 8;
     s.body.max_wire = o.max_body_mb << 20;
@@ -72,8 +79,8 @@ static std::string describe(const plan_problem& problem) {
 /* Says where it listens, on standard error and in the port file, and what hosts need. A script that
  * waits for the file never sees half of it. */
 static bool announce(const options& o, const server& collector, const identity_report& identity,
-                     result_output& output, std::string& error) {
-    std::string text = announcement(o, identity, collector.where(), collector.port());
+                     const std::string& more, result_output& output, std::string& error) {
+    std::string text = announcement(o, identity, collector.where(), collector.port()) + more;
     std::cerr << text;
     output.on_ready(text);
     if (o.port_file.empty() ||
@@ -137,8 +144,13 @@ static int run_server(const options& o) {
     keeping.keep_hour_days = o.keep_hour_days;
     keeping.keep_event_days = o.keep_event_days;
     keeping.keep_ledger_days = o.keep_ledger_days;
+    counters counted;
+    keeping.counted = &counted;
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
-    std::unique_ptr<ingest> results = ingest::open(keeping, output.get(), error);
+    event_hub hub;
+    live_messages live(hub, o.state_dir);
+    store_listeners told({output.get(), &live});
+    std::unique_ptr<ingest> results = ingest::open(keeping, &told, error);
     if (!results) {
         return fail(error);
     }
@@ -181,10 +193,24 @@ static int run_server(const options& o) {
                         " tests of earlier runs are left out: taken out of the plan, they go on");
     }
     commands_for_agents commands(lines, std::move(earlier));
-    counters counted;
-    server collector(server_options_from(o), tls.get(), *results, commands, counted, log);
+    size_t descriptors = raise_descriptor_limit();
+    size_t for_web = o.web_address.empty() ? 0 : web_connections(descriptors);
+    server collector(server_options_from(o, descriptors - for_web), tls.get(), *results, commands,
+                     counted, log);
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
-    if (!collector.listen(error) || !announce(o, collector, identity, *output, error)) {
+    if (!collector.listen(error)) {
+        return fail(error);
+    }
+    api_side api(
+        o, for_web, identity, tls.get(), *results, hub, counted,
+        [&](const std::string& line) { output->on_problem(utc_time(time(nullptr)) + " " + line); });
+    if (!o.web_address.empty() && !api.start(error)) {
+        if (o.web_given) {
+            return fail(error);
+        }
+        early.push_back("no API: " + error); /* agents can do without */
+    }
+    if (!announce(o, collector, identity, api.announcement(), *output, error)) {
         return fail(error);
     }
     listening = true;
@@ -195,6 +221,7 @@ static int run_server(const options& o) {
     };
     heed_signals(signals, end, read_again);
     collector.run();
+    api.stop();
     results.reset(); /* before the server that its thread may still be calling */
     if (!o.port_file.empty()) {
         unlink(o.port_file.c_str());
@@ -223,6 +250,14 @@ int main(int argc, char** argv) {
         return run_restore(o);
     case task::check:
         return run_check(o);
+    case task::add_token:
+        return run_add_token(o);
+    case task::list_tokens:
+        return run_list_tokens(o);
+    case task::remove_token:
+        return run_remove_token(o);
+    case task::make_link:
+        return run_make_link(o);
     case task::collect:
         break;
     }

@@ -1,5 +1,6 @@
 #include "life/options.h"
 
+#include "api/request.h"
 #include "base/certificate.h"
 
 #include <algorithm>
@@ -17,22 +18,33 @@ struct row;
 struct command_row {
     task does;
     const char* name;
-    bool has_file;
+    const char* action;          /* the second word; null: it has none */
+    std::string options::*takes; /* the word behind these; null: none */
     const char* usage;
     const char* help;
 };
 
 const command_row commands[] = {
-    {task::back_up, "backup", true, "backup FILE",
+    {task::back_up, "backup", nullptr, &options::file, "backup FILE",
      "copy all that is stored into FILE, which must not\n"
      "exist; the collector may run"},
-    {task::restore, "restore", true, "restore FILE [--replace]",
+    {task::restore, "restore", nullptr, &options::file, "restore FILE [--replace]",
      "put such a copy into the state directory, while no\n"
      "collector runs; with --replace also where something\n"
      "is stored, which is kept beside it"},
-    {task::check, "check", false, "check",
+    {task::check, "check", nullptr, nullptr, "check",
      "look at all that is stored, and name what is damaged;\n"
      "status 1 when anything is"},
+    {task::add_token, "token", "add", &options::token, "token add NAME --role ROLE",
+     "make a token with which the API is asked, and print\n"
+     "it; ROLE is viewer, operator or admin; here and\n"
+     "below the collector may run"},
+    {task::list_tokens, "token", "list", nullptr, "token list", "list them by name"},
+    {task::remove_token, "token", "remove", &options::token, "token remove NAME",
+     "remove one, and end what was begun with it"},
+    {task::make_link, "link", nullptr, nullptr, "link [--role ROLE]",
+     "print an address that signs in once, within 15\n"
+     "minutes (as admin)"},
 };
 
 /* Takes the value of an option, or says in `text` what is wrong with it. */
@@ -68,6 +80,12 @@ template <auto member>
 options_result set_text(const row&, const char* value, options& out, std::string&) {
     out.*member = value;
     return options_result::run;
+}
+
+options_result set_role(const row& of, const char* value, options& out, std::string& text) {
+    out.role = value;
+    return role_of(value) ? options_result::run
+                          : complain(of, "viewer, operator or admin" + not_this(value), text);
 }
 
 template <auto member>
@@ -123,6 +141,33 @@ options_result set_duration(const row& of, const char* value, options& out, std:
     return complain(of, "a number and a unit, as 90s, 15m, 2h or 1d" + not_this(value), text);
 }
 
+/* "192.0.2.1:8080", "[::1]:8080" or "off". */
+options_result set_web(const row& of, const char* value, options& out, std::string& text) {
+    std::string_view given = value;
+    out.web_given = value != of.standard;
+    out.web_address.clear();
+    if (given == "off") {
+        return options_result::run;
+    }
+    size_t colon = given.rfind(':');
+    std::string_view address = given.substr(0, colon);
+    std::string_view port = colon == given.npos ? "" : given.substr(colon + 1);
+    bool bracketed = address.starts_with('[') && address.ends_with(']');
+    if (bracketed) {
+        address = address.substr(1, address.size() - 2);
+    }
+    auto [end, failed] = std::from_chars(port.begin(), port.end(), out.web_port);
+    bool is_v6 = address.find(':') != address.npos;
+    if (address.empty() || bracketed != is_v6 || failed != std::errc() || end != port.end() ||
+        !is_server_name(std::string(address))) {
+        return complain(
+            of, "an address and a port, as 127.0.0.1:8080 or [::1]:8080, or off" + not_this(value),
+            text);
+    }
+    out.web_address = address;
+    return options_result::run;
+}
+
 options_result add_name(const row& of, const char* value, options& out, std::string& text) {
     out.names.emplace_back(value);
     return is_server_name(value)
@@ -151,6 +196,12 @@ const row rows[] = {
     {"port", "N", set_number<&options::port>, "port to listen on ({}); 0 picks a free one", "8443",
      0, 65535},
     {"port-file", "FILE", set_text<&options::port_file>, "write the port to FILE once it is open"},
+    {"web", "ADDRESS:PORT", set_web,
+     "where the API is ({}); with port 0 a\n"
+     "free one; over TLS unless it is loopback; off: nowhere",
+     "127.0.0.1:8080", 0, 0, bit_of(task::collect) | bit_of(task::make_link)},
+    {"web-port-file", "FILE", set_text<&options::web_port_file>,
+     "write its port to FILE once it is open"},
     {"state-dir", "DIR", set_text<&options::state_dir>, "database, certificate and key\n({})",
      "/var/lib/vindral-collector", 0, 0, with_all},
     {"plan", "FILE", set_text<&options::plan>, "commands for the agents, one a line"},
@@ -201,6 +252,8 @@ const row rows[] = {
      "silent; 90s, 15m, 2h, 1d"},
     {"replace", nullptr, set_flag<&options::replace>, "with restore, below", nullptr, 0, 0,
      bit_of(task::restore)},
+    {"role", "ROLE", set_role, "with token add and link, see below", nullptr, 0, 0,
+     bit_of(task::add_token) | bit_of(task::make_link)},
     {"version", nullptr, show_version, "print the version and exit", nullptr, 0, 0, with_all},
     {"help", nullptr, show_help, "print this text and exit", nullptr, 0, 0, with_all},
 };
@@ -235,9 +288,9 @@ options_result show_help(const row&, const char*, options&, std::string& text) {
         } while (r != std::end(rows) && !r->help);
         append_help(text, std::move(line), help);
     }
-    text += "\nCommands, which end by themselves; with them only --state-dir counts:\n\n";
+    text += "\nCommands that end by themselves; they work on what is in --state-dir:\n\n";
     for (const command_row& c : commands) {
-        append_help(text, std::string("  ") + c.name + (c.has_file ? " FILE" : ""), c.help);
+        append_help(text, std::string("  ") + c.usage, c.help);
     }
     text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan\n"
             "again (it is also read whenever it has changed).\n";
@@ -255,6 +308,9 @@ std::string find_conflict(const options& o) {
     if (o.end_refused && o.allow.empty()) {
         return "--end-refused needs --allow";
     }
+    if (o.does == task::add_token && o.role.empty()) {
+        return "token add needs --role viewer, operator or admin";
+    }
     if (o.missing && o.plan.empty()) {
         return "--missing needs --plan";
     }
@@ -266,11 +322,23 @@ std::string find_conflict(const options& o) {
 
 /* Of the first word of a command line, when it is none. */
 std::string no_command(const std::string& word) {
-    std::string names;
+    std::string names, last;
     for (const command_row& c : commands) {
-        names += std::string(names.empty() ? "" : ", ") + c.name;
+        if (c.name != last) {
+            names += (names.empty() ? "" : ", ") + std::string(c.name);
+        }
+        last = c.name;
     }
     return "unexpected argument \"" + word + "\"; the commands are " + names;
+}
+
+/* What may stand behind the first word: "add, list or remove". */
+std::string actions_of(const std::string& name) {
+    std::string all;
+    for (const command_row& c : commands) {
+        all += c.name == name ? (all.empty() ? "" : ", ") + std::string(c.action) : "";
+    }
+    return all.replace(all.rfind(','), 1, " or");
 }
 
 /* The words that are no options. What is wrong with them, empty when all is well. */
@@ -278,18 +346,33 @@ std::string take_words(const std::vector<std::string>& words, options& out) {
     if (words.empty()) {
         return "";
     }
-    const auto* found = std::find_if(std::begin(commands), std::end(commands),
-                                     [&](const command_row& c) { return c.name == words[0]; });
-    if (found == std::end(commands)) {
+    const command_row* found = nullptr;
+    bool is_command = false;
+    for (const command_row& c : commands) {
+        if (c.name == words[0]) {
+            is_command = true;
+            found = !c.action || (words.size() > 1 && c.action == words[1]) ? &c : found;
+        }
+    }
+    if (!is_command) {
         return no_command(words[0]);
     }
-    out.does = found->does;
-    size_t wanted = found->has_file ? 2 : 1;
-    if (words.size() < wanted || (found->has_file && words[1].empty())) {
-        return words[0] + " needs a file";
+    if (!found) {
+        return words[0] + " needs " + actions_of(words[0]);
     }
-    out.file = found->has_file ? words[1] : "";
+    out.does = found->does;
+    size_t wanted = found->action ? 2 : 1;
+    if (found->takes) {
+        if (words.size() <= wanted || words[wanted].empty()) {
+            return words[0] + (found->action ? " " + words[1] + " needs a name" : " needs a file");
+        }
+        out.*found->takes = words[wanted++];
+    }
     return words.size() > wanted ? "unexpected argument \"" + words[wanted] + "\"" : "";
+}
+
+std::string full_name(const command_row& c) {
+    return c.name + (c.action ? std::string(" ") + c.action : "");
 }
 
 /* The first of the options that does not go with the command. Empty when all do. */
@@ -299,11 +382,17 @@ std::string find_stranger(const std::vector<const row*>& given, task does) {
     if (stranger == given.end()) {
         return "";
     }
-    const auto* command = std::find_if(std::begin(commands), std::end(commands),
-                                       [&](const command_row& c) { return c.does == does; });
-    std::string option = std::string("--") + (*stranger)->name;
-    return command == std::end(commands) ? option + " needs restore"
-                                         : option + " does not go with " + command->name;
+    const std::string option = std::string("--") + (*stranger)->name;
+    std::string needed;
+    for (const command_row& c : commands) {
+        if (c.does == does) {
+            return option + " does not go with " + full_name(c);
+        }
+        if ((*stranger)->with & bit_of(c.does)) {
+            needed += (needed.empty() ? " needs " : " or ") + full_name(c);
+        }
+    }
+    return option + needed;
 }
 
 options_result usage_error(std::string& text) {
@@ -358,6 +447,10 @@ options_result parse_options(int argc, char** argv, options& out, std::string& t
         text = find_conflict(out);
     }
     return text.empty() ? options_result::run : usage_error(text);
+}
+
+std::string collector_version() {
+    return VINDRAL_VERSION;
 }
 
 size_t default_connections(size_t descriptors) {

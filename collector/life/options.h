@@ -8,16 +8,31 @@
 #include <vector>
 
 /* What the program is to do. */
-enum class task { collect, back_up, restore, check };
+enum class task {
+    collect,
+    back_up,
+    restore,
+    check,
+    add_token,
+    list_tokens,
+    remove_token,
+    make_link
+};
 
 /* What they mean and which values they have when not given is in the table of options.cpp. */
 struct options {
     task does = task::collect;
     std::string file;     /* of a backup */
+    std::string token;    /* its name */
+    std::string role;     /* of a token or a link; empty: not given */
     bool replace = false; /* what is stored, by a restore */
     std::string listen;
     uint16_t port = 0; /* 0: the kernel picks one */
     std::string port_file;
+    std::string web_address; /* of the API; empty: none */
+    uint16_t web_port = 0;   /* 0: the kernel picks one */
+    bool web_given = false;
+    std::string web_port_file;
     std::string state_dir;
     std::string plan;               /* empty: no plan */
     std::string cert, key;          /* both or none; none: made in the state directory */
@@ -46,6 +61,9 @@ enum class options_result {
 /* Reads the command line into `out`, which is as it was made. `text` ends in a line end. Not
  * reentrant (getopt_long). */
 options_result parse_options(int argc, char** argv, options& out, std::string& text);
+
+/* "3.0" */
+std::string collector_version();
 
 /* The limit of connections when none is given, out of `descriptors` that the process may open. */
 size_t default_connections(size_t descriptors);

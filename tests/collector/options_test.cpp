@@ -195,6 +195,58 @@ TEST(collector_options, commands) {
     EXPECT_EQ(parse({"backup", "--help"}).result, options_result::done);
 }
 
+TEST(collector_options, where_the_api_is) {
+    parsed p = parse({});
+    EXPECT_EQ(p.o.web_address, "127.0.0.1");
+    EXPECT_EQ(p.o.web_port, 8080);
+    EXPECT_FALSE(p.o.web_given);
+    p = parse({"--web", "[::1]:0", "--web-port-file", "wf"});
+    EXPECT_EQ(p.o.web_address, "::1");
+    EXPECT_EQ(p.o.web_port, 0);
+    EXPECT_TRUE(p.o.web_given);
+    EXPECT_EQ(p.o.web_port_file, "wf");
+    EXPECT_EQ(parse({"--web", "0.0.0.0:443"}).o.web_port, 443);
+    p = parse({"--web=off"});
+    EXPECT_EQ(p.o.web_address, "");
+    EXPECT_TRUE(p.o.web_given);
+    for (const char* wrong :
+         {"", "on", ":8080", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:x",
+          "127.0.0.1:80 ", "::1:8080", "[::1]", "[127.0.0.1]:80", "[::1:80", "a b:80"}) {
+        expect_wrong({"--web", wrong},
+                     "--web takes an address and a port, as 127.0.0.1:8080 or [::1]:8080, or off, "
+                     "not \"" +
+                         std::string(wrong) + "\"");
+    }
+}
+
+TEST(collector_options, tokens_and_links) {
+    parsed p = parse({"token", "add", "my script", "--role", "viewer", "--state-dir", "sd"});
+    EXPECT_EQ(p.result, options_result::run) << p.text;
+    EXPECT_EQ(p.o.does, task::add_token);
+    EXPECT_EQ(p.o.token, "my script");
+    EXPECT_EQ(p.o.role, "viewer");
+    EXPECT_EQ(parse({"token", "list"}).o.does, task::list_tokens);
+    p = parse({"token", "remove", "a"});
+    EXPECT_EQ(p.o.does, task::remove_token);
+    EXPECT_EQ(p.o.token, "a");
+    p = parse({"link", "--web", "127.0.0.1:99"});
+    EXPECT_EQ(p.o.does, task::make_link);
+    EXPECT_EQ(p.o.role, "");
+    EXPECT_EQ(p.o.web_port, 99);
+    expect_wrong({"token"}, "token needs add, list or remove");
+    expect_wrong({"token", "make", "x"}, "token needs add, list or remove");
+    expect_wrong({"token", "add"}, "token add needs a name");
+    expect_wrong({"token", "remove", ""}, "token remove needs a name");
+    expect_wrong({"token", "list", "x"}, "unexpected argument \"x\"");
+    expect_wrong({"token", "add", "x", "y"}, "unexpected argument \"y\"");
+    expect_wrong({"token", "add", "x"}, "token add needs --role viewer, operator or admin");
+    expect_wrong({"token", "add", "x", "--role", "root"},
+                 "--role takes viewer, operator or admin, not \"root\"");
+    expect_wrong({"token", "list", "--role", "admin"}, "--role does not go with token list");
+    expect_wrong({"token", "list", "--web", "off"}, "--web does not go with token list");
+    expect_wrong({"--role", "admin"}, "--role needs token add or link");
+}
+
 TEST(collector_options, mistakes_with_commands_are_named) {
     expect_wrong({"backup"}, "backup needs a file");
     expect_wrong({"restore", ""}, "restore needs a file");

@@ -520,7 +520,7 @@ class Collector:
         with open(os.path.join(self.dir, "output"), "ab") as output, \
                 open(os.path.join(self.dir, "errors"), "ab") as errors:
             self.process = subprocess.Popen(
-                [*self.wrap, COLLECTOR, "--json", "--port", str(self.port), "--port-file", self.port_file,
+                [*self.wrap, COLLECTOR, "--json", "--web", "off", "--port", str(self.port), "--port-file", self.port_file,
                  "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=self.env)
         return self

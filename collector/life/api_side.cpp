@@ -1,0 +1,109 @@
+#include "life/api_side.h"
+
+#include "api/route.h"
+#include "base/files.h"
+#include "life/token_commands.h"
+
+#include <ctime>
+#include <unistd.h>
+
+static web_options web_options_from(const options& o, size_t connections,
+                                    const identity_report& identity) {
+    web_options w;
+    w.address = o.web_address;
+    w.port = o.web_port;
+    w.names = identity.names;
+    w.names.insert(w.names.end(), o.names.begin(), o.names.end());
+    w.limits.connections = connections;
+    w.answer = answer_request;
+    w.stream = stream_filter;
+    return w;
+}
+
+/* 127.0.0.0/8 and ::1: there it needs no TLS. */
+static bool is_loopback(const std::string& address) {
+    return address == "::1" || address.starts_with("127.");
+}
+
+api_side::api_side(const options& o, size_t connections, const identity_report& identity,
+                   SSL_CTX* tls, ingest& results, event_hub& hub, const counters& counted,
+                   std::function<void(const std::string&)> log)
+    : options_(o), web_(web_options_from(o, connections, identity)),
+      tls_(is_loopback(o.web_address) ? nullptr : tls), log_(std::move(log)),
+      stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results), hub_(hub),
+      counted_(counted) {}
+
+api_side::~api_side() {
+    stop();
+}
+
+bool api_side::start(std::string& error) {
+    std::string note;
+    kept_ = settings::open(options_.state_dir, note, error);
+    if (!note.empty()) {
+        log_(note);
+    }
+    if (!kept_) {
+        return false;
+    }
+    services_ = std::make_unique<api_services>(
+        api_services{.stored = *stored_,
+                     .results = results_,
+                     .hub = hub_,
+                     .kept = *kept_,
+                     .counted = counted_,
+                     .now = [] { return int64_t{time(nullptr)}; },
+                     .check_now = [](std::string_view, std::string_view) { return false; },
+                     .send_away = [](std::string_view, std::string_view) {},
+                     .readiness =
+                         [this](bool& ready) {
+                             std::vector<std::string> notes;
+                             std::string reason;
+                             ready = open_reader(options_.state_dir, reason) != nullptr;
+                             if (!ready) {
+                                 notes.push_back("what is stored cannot be read: " + reason);
+                             }
+                             return notes;
+                         },
+                     .version = collector_version()});
+    auto server = std::make_unique<web_server>(web_, tls_, *kept_, *services_, log_);
+    if (!server->listen(error)) {
+        return false;
+    }
+    const std::string& port_file = options_.web_port_file;
+    if (!port_file.empty() &&
+        !replace_file(port_file, std::to_string(server->port()) + "\n", 0666)) {
+        error = system_error("cannot write " + port_file);
+        return false;
+    }
+    if (!replace_file(url_file(options_.state_dir), server->url() + "\n", 0644)) {
+        log_(system_error("cannot write " + url_file(options_.state_dir)));
+    }
+    server_ = std::move(server);
+    return true;
+}
+
+std::string api_side::announcement() const {
+    if (!server_) {
+        return "";
+    }
+    std::string text = "The API is at " + server_->url() + "\n", error;
+    if (has_no_token(*kept_)) {
+        std::string link = make_link(*kept_, server_->url(), "", error);
+        text += link.empty() ? "vindral-collector: no link can be made: " + error + "\n"
+                             : "Within 15 minutes this signs in, once:\n  " + link + "\n";
+    }
+    return text;
+}
+
+void api_side::stop() {
+    if (server_) {
+        server_->stop();
+        server_.reset();
+        stored_.reset(); /* a file that is read cannot be closed tidily */
+        unlink(url_file(options_.state_dir).c_str());
+        if (!options_.web_port_file.empty()) {
+            unlink(options_.web_port_file.c_str());
+        }
+    }
+}

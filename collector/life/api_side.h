@@ -1,0 +1,48 @@
+/* The API of a running collector, put together: its web server and what that stands on. */
+#ifndef VINDRAL_COLLECTOR_API_SIDE_H
+#define VINDRAL_COLLECTOR_API_SIDE_H
+
+#include "api/live.h"
+#include "api/services.h"
+#include "base/identity.h"
+#include "base/tls.h"
+#include "life/options.h"
+#include "web/server.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+class api_side {
+public:
+    api_side(const options& o, size_t connections, const identity_report& identity, SSL_CTX* tls,
+             ingest& results, event_hub& hub, const counters& counted,
+             std::function<void(const std::string&)> log);
+    ~api_side(); /* stop() */
+
+    /* Opens the settings and the port, writes the port file, and leaves in the state directory
+     * where the API is. False with one line in `error`, and nothing is open then. */
+    bool start(std::string& error);
+    bool is_open() const { return server_ != nullptr; }
+
+    /* For the operator: where it is, and as long as nobody has a token a link that signs in. Lines
+     * with their ends; empty when it is not open. */
+    std::string announcement() const;
+
+    void stop();
+
+private:
+    const options& options_;
+    const web_options web_;
+    SSL_CTX* const tls_;
+    const std::function<void(const std::string&)> log_;
+    std::unique_ptr<settings> kept_;
+    std::unique_ptr<reader_pool> stored_;
+    ingest& results_;
+    event_hub& hub_;
+    const counters& counted_;
+    std::unique_ptr<api_services> services_;
+    std::unique_ptr<web_server> server_;
+};
+
+#endif

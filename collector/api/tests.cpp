@@ -2,11 +2,11 @@
 #include "api/answer.h"
 #include "api/encoding.h"
 #include "api/find.h"
+#include "api/last_results.h"
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
 #include "base/record_summary.h"
-#include "state/history.h"
 
 #include <tuple>
 
@@ -29,24 +29,11 @@ const parameter_def list_parameters[] = {
     limit_parameter,
     next_parameter};
 
-/* The last result of a test; one without records when there is none any more. */
-result last_result(result_reader& store, const test_status& test, std::string& error) {
-    std::vector<result> found;
-    std::string reason;
-    if (test.now != state::unknown &&
-        !read_results(store, test.id, test.time, test.time + 1, 1, found, reason) &&
-        error.empty()) {
-        error = reason;
-    }
-    return !found.empty() ? std::move(found[0]) : result{.type = test.type};
-}
-
-/* `now` is the state of the test's agent. */
-json::object test_object(result_reader& store, json::object agent, const agent_state& now,
-                         const test_status& test, const definition* what, std::string& error) {
+/* `now` is the state of the test's agent, `last` the test's last result. */
+json::object test_object(json::object agent, const agent_state& now, const test_status& test,
+                         const definition* what, const result& last) {
     state shown = shown_state(now, test);
     int64_t since = shown_since(now, test);
-    result last = last_result(store, test, error);
     json::object object{{"id", test.id},     {"agent", std::move(agent)},
                         {"group", nullptr},  {"type", type_name(test.type)},
                         {"number", nullptr}, {"name", test_name(test.type, test.number, what)},
@@ -94,14 +81,13 @@ public:
             ok = store_.for_each_agent(take, error);
         }
         json::array items;
-        for (size_t i = 0; i < page_.size(); i++) {
+        last_results last(store_);
+        for (const row& each : page_) {
             check_deadline(asked_);
-            const row& each = page_[i];
-            agent_state& now = agents_[each.agent].state;
-            definition_pointer what = definitions_.of(each.test, error_);
             const found& of = agents_[each.agent];
-            items.push_back(test_object(store_, agent_reference(of.id, of.account, of.name), now,
-                                        each.test, what.get(), error_));
+            definition_pointer what = definitions_.of(each.test, error_);
+            items.push_back(test_object(agent_reference(of.id, of.account, of.name), of.state,
+                                        each.test, what.get(), last.of(each.test, error_)));
         }
         return list_of(std::move(items), next_, ok ? error_ : error);
     }
@@ -208,8 +194,9 @@ api_answer one_test(const api_request& asked, api_services& with) {
     std::string error;
     definition_pointer what = definition_reader(*store).of(
         test.type, test.number, test.location, test.time != 0 ? test.time : with.now(), error);
-    json::object object = test_object(*store, agent_reference(agent.id, agent.account, agent.name),
-                                      agent.state, test, what.get(), error);
+    json::object object =
+        test_object(agent_reference(agent.id, agent.account, agent.name), agent.state, test,
+                    what.get(), last_results(*store).of(test, error));
     if (!error.empty()) {
         object.emplace("incomplete", error);
     }

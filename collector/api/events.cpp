@@ -35,7 +35,7 @@ const parameter_def list_parameters[] = {
     next_parameter};
 
 /* That are looked at for one answer; it may have fewer than asked for then, and a `next`. */
-constexpr size_t most_looked_at = 20000;
+constexpr size_t most_looked_at = 10000;
 
 class event_list {
 public:

@@ -35,10 +35,12 @@ public:
         if (is_new || now > place->second.until) {
             std::string ignored;
             result_reader* store = read();
-            place->second = {store != nullptr ? definition_reader(*store).of(type, number, location,
-                                                                             time, ignored)
-                                              : nullptr,
-                             now + names_last};
+            definition_pointer what;
+            if (store != nullptr) {
+                what = definition_reader(*store).of(type, number, location, time, ignored);
+            }
+            has_nameless_ = has_nameless_ || !what;
+            place->second = {std::move(what), now + names_last};
         }
         return place->second.what;
     }
@@ -62,6 +64,10 @@ public:
             reader_->rest();
         }
         is_reading_ = false;
+        if (has_nameless_) { /* it may come with the next batch */
+            std::erase_if(known_, [](const auto& each) { return !each.second.what; });
+            has_nameless_ = false;
+        }
     }
 
 private:
@@ -86,7 +92,7 @@ private:
     };
     const std::string directory_;
     std::unique_ptr<result_reader> reader_;
-    bool is_reading_ = false;
+    bool is_reading_ = false, has_nameless_ = false;
     std::map<std::tuple<uint32_t, int32_t, std::optional<int32_t>>, known> known_;
 };
 

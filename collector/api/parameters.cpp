@@ -98,6 +98,9 @@ int64_t number_in(const std::string& field) {
 }
 
 json::object list_of(json::array items, const std::string& next, const std::string& error) {
+    if (!error.empty() && items.empty()) {
+        throw_unavailable("What is stored cannot be read: " + error + ".");
+    }
     json::object list{{"items", std::move(items)}, {"next", json_or_null(next)}};
     if (!error.empty()) {
         list.emplace("incomplete", error);

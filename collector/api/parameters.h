@@ -73,7 +73,8 @@ std::optional<std::vector<std::string>> place_of(const api_request& asked, size_
 /* A field of a place; throws likewise. */
 int64_t number_in(const std::string& field);
 
-/* A list as it is answered. `error`: why not all of it could be read; "" when it could. */
+/* A list as it is answered. `error`: why not all of it could be read; "" when it could. Throws 503
+ * when there is nothing but that. */
 boost::json::object list_of(boost::json::array items, const std::string& next,
                             const std::string& error);
 

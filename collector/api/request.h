@@ -49,7 +49,8 @@ struct api_answer {
     std::string body = {};
     std::vector<std::pair<std::string, std::string>> headers =
         {};                 /* besides those of every answer */
-    std::string audit = {}; /* who changed what is logged with this: "retired agent a@b/web-1" */
+    std::string audit = {}; /* who changed what is logged with this, which is printable: "retired
+                               agent a@b/web-1" */
 };
 
 /* Thrown by resources; becomes application/problem+json (RFC 9457). `detail` is a sentence that a

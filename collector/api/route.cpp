@@ -3,6 +3,7 @@
 #include "api/encoding.h"
 #include "api/json.h"
 #include "base/files.h"
+#include "base/text.h"
 #include "ingest/hash.h"
 
 #include <algorithm>
@@ -235,6 +236,7 @@ api_answer answer_checked(std::string_view method, std::string_view target, api_
         throw problem{501, "Not here", "This is answered by the web server itself."};
     }
     api_answer answer = found->handler(asked, with);
+    answer.audit = printable(answer.audit);
     if (found->method == "GET" && answer.status == 200) {
         add_tag(asked, answer);
     }

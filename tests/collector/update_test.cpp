@@ -286,3 +286,32 @@ TEST_F(update_test, a_reader_that_is_renewed_sees_what_came_since) {
     EXPECT_FALSE(reader->renew(error));
     EXPECT_NE(error.find("replaced"), std::string::npos);
 }
+
+TEST_F(update_test, a_reader_that_rests_holds_nothing_up) {
+    ASSERT_EQ(submit(load_record(1, noon)), store_result::stored);
+    std::string error;
+    auto reader = open_reader(state_dir, error);
+    auto agents = [&] {
+        size_t count = 0;
+        EXPECT_TRUE(reader->for_each_agent([&](const known_agent&) { count++; }, error)) << error;
+        return count;
+    };
+    /* What was written cannot all go into the file. */
+    auto log_is_held = [&] {
+        sqlite3* handle = nullptr;
+        sqlite3_open(database_path(state_dir).c_str(), &handle);
+        database db(handle);
+        EXPECT_TRUE(database_exec(handle, "SELECT 1 FROM facts"));
+        int all = 0, done = 0;
+        sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_PASSIVE, &all, &done);
+        return done < all;
+    };
+    EXPECT_EQ(agents(), 1u);
+    ASSERT_EQ(submit(load_record(1, noon), "web2"), store_result::stored);
+    EXPECT_TRUE(log_is_held());
+    reader->rest();
+    reader->rest();
+    EXPECT_FALSE(log_is_held());
+    EXPECT_TRUE(reader->renew(error)) << error;
+    EXPECT_EQ(agents(), 2u);
+}

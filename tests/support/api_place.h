@@ -1,5 +1,4 @@
-/* A store with a collector's writer, and the API on it: for tests of the resources. What changes
- * agents is noted instead of done. */
+/* A store with a collector's writer, and the API on it: for tests of the resources. */
 #ifndef API_PLACE_H
 #define API_PLACE_H
 
@@ -21,7 +20,7 @@
 #include <string>
 #include <vector>
 
-/* Passes on what is stored. */
+/* Passes on what is asked of it, and notes what changes the store. */
 class noting_ingest final : public ingest {
 public:
     explicit noting_ingest(ingest& to) : to_(to) {}
@@ -38,16 +37,23 @@ public:
     void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
         to_.follow(std::move(plan), std::move(definitions));
     }
-    void update(std::function<bool(engine&)>, change_done done) override {
+    void update(std::function<bool(engine&)> what, change_done done) override {
         changes++;
-        if (answers) {
-            done(failure.empty() && !is_missing, failure);
+        if (!answers) {
+            return;
+        }
+        if (failure.empty()) {
+            to_.update(std::move(what), std::move(done));
+        } else {
+            done(false, failure);
         }
     }
     void retire(int64_t agent, change_done done) override {
         retired.push_back(agent);
-        if (answers) {
-            done(failure.empty() && !is_missing, failure);
+        if (failure.empty() && !is_missing) {
+            to_.retire(agent, std::move(done));
+        } else {
+            done(false, failure);
         }
     }
 

@@ -1,0 +1,382 @@
+#include "api/services.cpp"
+
+#include "api/live.h"
+#include "api_place.h"
+
+#include <thread>
+
+namespace json = boost::json;
+
+/* ---- the ring ---- */
+
+class event_hub_test : public testing::Test {
+protected:
+    void publish(event_hub& to, int count, hub_kind kind = hub_kind::result, int64_t agent = 1,
+                 int64_t test = 1) {
+        for (int i = 0; i < count; i++) {
+            to.publish(kind, agent, test, "message " + std::to_string(to.newest() + 1));
+        }
+    }
+    std::string read(const event_hub& from, uint64_t& position, const hub_filter& which = {},
+                     size_t most = SIZE_MAX) {
+        std::vector<hub_message> found;
+        bool lost = false;
+        from.read(position, which, most, found, lost);
+        std::string all = lost ? "lost " : "";
+        for (const hub_message& each : found) {
+            EXPECT_EQ(*each.json, "message " + std::to_string(each.position));
+            all += std::to_string(each.position) + " ";
+        }
+        return all;
+    }
+    event_hub hub;
+};
+
+TEST_F(event_hub_test, each_message_once_in_order) {
+    uint64_t a = 0, b = 0;
+    EXPECT_EQ(read(hub, a), "");
+    publish(hub, 3);
+    EXPECT_EQ(read(hub, a), "1 2 3 ");
+    EXPECT_EQ(a, 3u);
+    EXPECT_EQ(read(hub, a), "");
+    publish(hub, 2);
+    EXPECT_EQ(read(hub, b, {}, 1), "1 ") << "one at least";
+    EXPECT_EQ(read(hub, b, {}, 18), "2 3 ");
+    EXPECT_EQ(read(hub, b), "4 5 ");
+    EXPECT_EQ(read(hub, a), "4 5 ");
+    uint64_t ahead = 99;
+    EXPECT_EQ(read(hub, ahead), "");
+    EXPECT_EQ(ahead, 5u);
+}
+
+TEST_F(event_hub_test, filters) {
+    publish(hub, 1, hub_kind::result, 1, 10);
+    publish(hub, 1, hub_kind::event, 1, 10);
+    publish(hub, 1, hub_kind::agent, 2, 0);
+    publish(hub, 1, hub_kind::event, 2, 20);
+    auto read_all = [&](const hub_filter& which) {
+        uint64_t position = 0;
+        std::string all = read(hub, position, which);
+        EXPECT_EQ(position, 4u) << "all were looked at";
+        return all;
+    };
+    EXPECT_EQ(read_all({}), "1 2 3 4 ");
+    EXPECT_EQ(read_all({.kinds = static_cast<uint8_t>(hub_kind::event)}), "2 4 ");
+    EXPECT_EQ(read_all({.agent = 2}), "3 4 ");
+    EXPECT_EQ(read_all({.test = 10}), "1 2 ");
+    EXPECT_EQ(read_all({.kinds = 2, .agent = 1, .test = 10}), "2 ");
+    EXPECT_EQ(read_all({.agent = 3}), "");
+}
+
+TEST_F(event_hub_test, a_ring_of_bounded_size) {
+    event_hub few(1u << 20, 4);
+    publish(few, 3);
+    uint64_t position = 1;
+    publish(few, 5);
+    EXPECT_EQ(read(few, position), "lost 5 6 7 8 ");
+    position = 4;
+    EXPECT_EQ(read(few, position), "5 6 7 8 ") << "nothing lies between";
+    event_hub small(30);
+    publish(small, 10);
+    position = 0;
+    EXPECT_EQ(read(small, position), "lost 8 9 10 ");
+    small.publish(hub_kind::event, 1, 1, std::string(31, 'x'));
+    position = 10;
+    EXPECT_EQ(read(small, position), "lost ") << "larger than the ring";
+    EXPECT_EQ(position, 11u);
+    publish(small, 1);
+    EXPECT_EQ(read(small, position), "12 ");
+}
+
+TEST_F(event_hub_test, positions_of_this_run_only) {
+    publish(hub, 3);
+    EXPECT_EQ(hub.position_of(hub.run() + "-2"), 2u);
+    EXPECT_EQ(hub.position_of(hub.run() + "-3"), 3u);
+    EXPECT_EQ(hub.position_of(hub.run() + "-0"), 0u);
+    for (const std::string& wrong :
+         {hub.run() + "-4", hub.run() + "--1", hub.run() + "-", hub.run(), std::string(""),
+          hub.run() + "-1x", hub.run() + "-99999999999999999999", "1" + hub.run() + "-1"}) {
+        EXPECT_EQ(hub.position_of(wrong), std::nullopt) << wrong;
+    }
+}
+
+TEST_F(event_hub_test, wakes_once_for_each_batch) {
+    EXPECT_FALSE(hub.is_heard());
+    int woken = 0, other = 0;
+    uint64_t id = hub.subscribe([&] { woken++; });
+    uint64_t second = hub.subscribe([&] { other++; });
+    EXPECT_NE(id, second);
+    EXPECT_TRUE(hub.is_heard());
+    hub.flush();
+    EXPECT_EQ(woken, 0) << "nothing new";
+    publish(hub, 5);
+    EXPECT_EQ(woken, 0);
+    hub.flush();
+    hub.flush();
+    EXPECT_EQ(woken, 1);
+    hub.unsubscribe(id);
+    hub.unsubscribe(id);
+    publish(hub, 1);
+    hub.flush();
+    EXPECT_EQ(woken, 1);
+    EXPECT_EQ(other, 2);
+    hub.unsubscribe(second);
+    EXPECT_FALSE(hub.is_heard());
+}
+
+TEST_F(event_hub_test, many_readers_while_it_is_written) {
+    event_hub busy(1u << 20, 1000);
+    std::atomic<bool> done = false;
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 4; i++) {
+        readers.emplace_back([&] {
+            uint64_t position = 0, before = 0;
+            while (!done || position < busy.newest()) {
+                std::vector<hub_message> found;
+                bool lost = false;
+                busy.read(position, {}, 4096, found, lost);
+                for (const hub_message& each : found) {
+                    EXPECT_GT(each.position, before);
+                    before = each.position;
+                }
+                uint64_t id = busy.subscribe([] {});
+                busy.unsubscribe(id);
+            }
+            EXPECT_EQ(before, 20000u);
+        });
+    }
+    for (int i = 0; i < 200; i++) {
+        publish(busy, 100);
+        busy.flush();
+    }
+    done = true;
+    for (std::thread& each : readers) {
+        each.join();
+    }
+}
+
+/* ---- what is published ---- */
+
+class live_test : public api_place {
+protected:
+    void SetUp() override {
+        listener = &live;
+        api_place::SetUp();
+        id = hub.subscribe([this] {
+            std::lock_guard hold(mutex);
+            woken.notify_all();
+        });
+    }
+    void TearDown() override {
+        hub.unsubscribe(id);
+        api_place::TearDown();
+    }
+    /* What came of the block; waits for the end of its batch. */
+    std::vector<std::pair<hub_kind, json::value>> publish(const std::string& records,
+                                                          const std::string& agent = "web-1") {
+        uint64_t before = position;
+        submit(records, agent);
+        std::unique_lock hold(mutex);
+        woken.wait_for(hold, std::chrono::minutes(2), [&] { return hub.newest() > before; });
+        hold.unlock();
+        std::vector<hub_message> found;
+        std::vector<std::pair<hub_kind, json::value>> all;
+        bool lost = false;
+        hub.read(position, {}, SIZE_MAX, found, lost);
+        for (const hub_message& each : found) {
+            EXPECT_EQ(each.json->find('\n'), std::string::npos);
+            all.emplace_back(each.kind, json::parse(*each.json));
+            EXPECT_EQ(misfit(all.back().second, each.kind == hub_kind::result  ? "live_result"
+                                                : each.kind == hub_kind::event ? "event"
+                                                                               : "live_agent"),
+                      "")
+                << *each.json;
+            EXPECT_EQ(each.agent,
+                      (each.kind == hub_kind::agent ? all.back().second.at("id")
+                                                    : all.back().second.at("agent").at("id"))
+                          .as_int64());
+        }
+        return all;
+    }
+    static std::string kinds(const std::vector<std::pair<hub_kind, json::value>>& all) {
+        std::string text;
+        for (const auto& [kind, value] : all) {
+            text += kind == hub_kind::result  ? "result "
+                    : kind == hub_kind::event ? "event "
+                                              : "agent ";
+        }
+        return text;
+    }
+
+    live_messages live{hub, state};
+    uint64_t id = 0, position = 0;
+    std::mutex mutex;
+    std::condition_variable woken;
+};
+
+TEST_F(live_test, results_events_and_the_agent) {
+    follow({{.type = type_load_average,
+             .number = 5,
+             .location = 7,
+             .name = "the load",
+             .text = "5\t7"}});
+    submit(load_record(5, api_noon), "db-1"); /* the definitions are kept behind it */
+    publish(load_record(5, api_noon), "db-2");
+    auto all = publish(load_record(5, api_noon));
+    ASSERT_EQ(kinds(all), "result event agent ");
+    const json::value& result = all[0].second;
+    EXPECT_EQ(json_text(result.at("agent")), "{\"id\":3,\"account\":\"a@b.c\",\"name\":\"web-1\"}");
+    EXPECT_EQ(json_text(result.at("test")),
+              "{\"id\":3,\"type\":\"load average\",\"number\":5,\"name\":\"the load\"}");
+    EXPECT_EQ(result.at("state"), "ok");
+    EXPECT_EQ(json_text(result.at("values").at("load1")), "{\"value\":0.5,\"unit\":\"\"}");
+    EXPECT_EQ(all[1].second.at("to"), "ok");
+    EXPECT_EQ(all[1].second.at("agent"), result.at("agent"));
+    EXPECT_EQ(all[1].second.at("test"), result.at("test"));
+    EXPECT_EQ(all[2].second.at("state"), "ok");
+    EXPECT_EQ(json_text(all[2].second.at("tests")), "{\"ok\":1,\"problem\":0,\"unknown\":0}");
+
+    now += 60;
+    EXPECT_EQ(kinds(publish(load_record(5, api_noon + 60))), "result agent ");
+    now += 60;
+    all = publish(load_record(5, api_noon + 120, 2, "bad\xff\n") + load_record(6, api_noon + 120));
+    ASSERT_EQ(kinds(all), "result result event event agent ");
+    EXPECT_EQ(all[0].second.at("message"), "bad\xef\xbf\xbd\n");
+    EXPECT_EQ(all[2].second.at("message"), "bad\xef\xbf\xbd\n");
+}
+
+TEST_F(live_test, nothing_while_nobody_listens) {
+    publish(load_record(5, api_noon));
+    hub.unsubscribe(id);
+    uint64_t before = hub.newest();
+    now += 60;
+    submit(load_record(5, api_noon + 60));
+    submit(load_record(5, api_noon + 60), "web-2"); /* the batch before it has ended */
+    EXPECT_EQ(hub.newest(), before);
+    id = hub.subscribe([this] {
+        std::lock_guard hold(mutex);
+        woken.notify_all();
+    });
+    now += 60;
+    EXPECT_EQ(kinds(publish(load_record(5, api_noon + 120))), "result agent ");
+}
+
+TEST_F(live_test, the_streams_filter) {
+    submit(load_record(5, api_noon));
+    auto filter = [&](const std::string& target, role may = role::viewer) {
+        api_request asked;
+        asked.who.may = may;
+        hub_filter which = stream_filter(target, asked, *with);
+        return std::to_string(which.kinds) + " " + std::to_string(which.agent) + " " +
+               std::to_string(which.test);
+    };
+    const std::string path = "/api/v1/stream";
+    EXPECT_EQ(filter(path), "15 0 0");
+    EXPECT_EQ(filter(path + "?kind=event,agent"), "6 0 0");
+    EXPECT_EQ(filter(path + "?agent=a@b.c%2Fweb-1&kind=result"), "1 1 0");
+    EXPECT_EQ(filter(path + "?test=1&agent=1"), "15 1 1");
+    auto status = [&](const std::string& target, role may = role::viewer) {
+        try {
+            filter(target, may);
+        } catch (const problem& what) {
+            return what.status;
+        }
+        return 200;
+    };
+    EXPECT_EQ(status(path, role::none), 401);
+    EXPECT_EQ(status(path + "?kind=x"), 400);
+    EXPECT_EQ(status(path + "?x"), 400);
+    EXPECT_EQ(status(path + "?agent=7"), 404);
+    EXPECT_EQ(status(path + "?test=7"), 404);
+}
+
+/* ---- readers that are lent, changes that are waited for ---- */
+
+class services_test : public api_place {
+protected:
+    void TearDown() override {
+        longest_wait_for_reader = std::chrono::seconds(5);
+        longest_wait_for_store = std::chrono::seconds(10);
+        api_place::TearDown();
+    }
+};
+
+TEST_F(services_test, a_reader_sees_what_was_there_when_it_was_lent) {
+    submit(load_record(5, api_noon));
+    auto agents = [&](result_reader& store) {
+        size_t count = 0;
+        std::string error;
+        EXPECT_TRUE(store.for_each_agent([&](const known_agent&) { count++; }, error)) << error;
+        return count;
+    };
+    result_reader* first = nullptr;
+    {
+        reader_pool::lent a = stored.lend();
+        first = a.operator->();
+        EXPECT_EQ(agents(*a), 1u);
+    }
+    submit(load_record(5, api_noon), "web-2");
+    reader_pool::lent a = stored.lend();
+    EXPECT_EQ(a.operator->(), first) << "it is lent again";
+    EXPECT_EQ(agents(*a), 2u);
+    reader_pool::lent b = stored.lend();
+    EXPECT_NE(b.operator->(), first);
+    EXPECT_EQ(agents(*b), 2u);
+}
+
+TEST_F(services_test, who_comes_when_all_are_lent_waits) {
+    reader_pool two(state, 2);
+    auto a = std::make_unique<reader_pool::lent>(two.lend());
+    auto b = std::make_unique<reader_pool::lent>(two.lend());
+    std::thread other([&] { a.reset(); });
+    auto c = std::make_unique<reader_pool::lent>(two.lend());
+    other.join();
+    longest_wait_for_reader = std::chrono::milliseconds(20);
+    try {
+        two.lend();
+        FAIL();
+    } catch (const problem& what) {
+        EXPECT_EQ(what.status, 503);
+    }
+    b.reset();
+    c.reset();
+    two.lend();
+}
+
+TEST_F(services_test, another_file_is_opened_anew) {
+    submit(load_record(5, api_noon));
+    { stored.lend(); }
+    with.reset();
+    noting.reset();
+    store.reset();
+    std::filesystem::rename(state, directory / "old");
+    begin();
+    submit(load_record(5, api_noon), "db-1");
+    EXPECT_EQ(column(get("/api/v1/agents"), "name"), "db-1");
+}
+
+TEST_F(services_test, changes_are_waited_for) {
+    submit(load_record(5, api_noon));
+    auto definition = [](engine& e) {
+        return e.append_definition(
+            {.type = 66, .number = 5, .location = 7, .since = 1, .name = "x", .text = ""});
+    };
+    change_store(*with, definition);
+    EXPECT_EQ(get("/api/v1/tests/1").at("name"), "x");
+    auto failure = [&](std::function<bool(engine&)> what) {
+        try {
+            change_store(*with, std::move(what));
+        } catch (const problem& wrong) {
+            EXPECT_EQ(wrong.status, 503);
+            return wrong.detail;
+        }
+        return std::string();
+    };
+    EXPECT_NE(failure([](engine&) { return false; }), "");
+    noting->failure = "disk full";
+    EXPECT_EQ(failure(definition), "The change could not be stored: disk full.");
+    noting->failure = "";
+    noting->answers = false;
+    longest_wait_for_store = std::chrono::milliseconds(20);
+    EXPECT_NE(failure(definition).find("The store is busy"), std::string::npos);
+}

@@ -1,0 +1,171 @@
+/* Whatever is asked of the API, by anybody: paths, parameters, bodies, tags. Input: one byte for
+ * the method and the role, then lines: the target, If-None-Match, and the rest is the body. Asked
+ * of a store that has an agent with two tests; what changes it is only noted. */
+#include "api/json.h"
+#include "api/live.h"
+#include "api/route.h"
+#include "api/services.h"
+#include "base/text.h"
+#include "fuzz.h"
+#include "ingest/ingest.h"
+
+#include <boost/json.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+class no_settings final : public settings {
+    bool add_token(const stored_token& what, int64_t& id, std::string&) override {
+        id = 7;
+        return what.name != "taken";
+    }
+    bool drop_token(int64_t, std::string&) override { return true; }
+    bool for_each_token(const std::function<void(const stored_token&)>& each,
+                        std::string&) override {
+        for (int64_t id : {1, 2, 3}) {
+            stored_token token;
+            token.id = id;
+            token.role = 1;
+            token.name = "a\nname";
+            each(token);
+        }
+        return true;
+    }
+    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
+                    std::string&) override {
+        return true;
+    }
+    bool has_changed() override { return false; }
+};
+
+class no_ingest final : public ingest {
+    void submit(poll_block, std::function<void(store_result)>) override {}
+    void heard(std::string_view, std::string_view, int64_t, std::string_view,
+               std::string_view) override {}
+    void held_up(std::string_view, std::string_view) override {}
+    void follow(plan_summary, std::vector<owned_definition>) override {}
+    void update(std::function<bool(engine&)>, change_done done) override { done(true, ""); }
+    void retire(int64_t, change_done done) override { done(true, ""); }
+};
+
+constexpr int64_t noon = 1777636800;
+
+void put(std::string& into, const void* bytes, size_t size) {
+    into.append(static_cast<const char*>(bytes), size);
+}
+
+/* A load average. */
+std::string record_of(uint32_t test, int64_t time, uint32_t status) {
+    const std::string message = "a \"message\"\n";
+    const double loads[] = {0.5, 0.25, 0.125};
+    const uint32_t numbers[] = {66, test, 7, status};
+    const auto size = static_cast<uint32_t>(32 + sizeof numbers + sizeof time + sizeof loads +
+                                            message.size() + 1);
+    const uint32_t head[] = {size, 0, 4, 1, 0, 3, 1, 0};
+    std::string record;
+    put(record, head, sizeof head);
+    put(record, numbers, sizeof numbers);
+    put(record, &time, sizeof time);
+    put(record, loads, sizeof loads);
+    put(record, message.c_str(), message.size() + 1);
+    return record;
+}
+
+class place {
+public:
+    place() {
+        std::string name = (std::filesystem::temp_directory_path() / "api-fuzz-XXXXXX").string();
+        directory_ = mkdtemp(name.data());
+        std::string error;
+        std::unique_ptr<ingest> store = ingest::open({.directory = directory_}, nullptr, error);
+        require(store != nullptr);
+        for (int64_t time : {noon, noon + 60}) {
+            std::promise<store_result> done;
+            store->submit({"a@b.c", "web-1",
+                           record_of(5, time, time == noon ? 0 : 2) + record_of(6, time, 0), time},
+                          [&](store_result result) { done.set_value(result); });
+            require(done.get_future().get() == store_result::stored);
+        }
+        pool_ = std::make_unique<reader_pool>(directory_);
+        with_.reset(new api_services{*pool_, none_, hub_, kept_, counted_,
+                                     [] { return noon + 120; },
+                                     [](std::string_view, std::string_view) { return true; },
+                                     [](std::string_view, std::string_view) {},
+                                     [](bool& ready) {
+                                         ready = true;
+                                         return std::vector<std::string>();
+                                     },
+                                     "3.0"});
+    }
+    ~place() {
+        with_.reset();
+        pool_.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    place(const place&) = delete;
+    place& operator=(const place&) = delete;
+    api_services& services() { return *with_; }
+
+private:
+    std::string directory_;
+    std::unique_ptr<reader_pool> pool_;
+    no_ingest none_;
+    event_hub hub_;
+    no_settings kept_;
+    counters counted_;
+    std::unique_ptr<api_services> with_;
+};
+
+std::string_view take_line(std::string_view& text) {
+    std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    return line;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static place here;
+    if (size == 0) {
+        return 0;
+    }
+    static const char* const methods[] = {"GET", "POST", "DELETE", "HEAD", "PUT", "get", "", "GET"};
+    std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
+    std::string_view rest = text;
+    const std::string_view target = take_line(rest);
+    api_request asked;
+    asked.if_none_match = take_line(rest);
+    asked.body = rest;
+    asked.who = {static_cast<role>(data[0] >> 3 & 3), 1, "somebody", "192.0.2.1"};
+    api_answer answer = answer_request(methods[data[0] & 7], target, asked, here.services());
+
+    require(answer.status >= 200 && answer.status <= 503);
+    require(answer.status != 500);
+    require(answer.body.find('\0') == std::string::npos && valid_utf8(answer.body) == answer.body);
+    if (!answer.body.empty()) {
+        boost::json::error_code error;
+        boost::json::value value = boost::json::parse(answer.body, error);
+        require(!error && value.is_object());
+        require((answer.status >= 400) == (answer.type == "application/problem+json"));
+        if (answer.status >= 400) {
+            require(value.at("status").as_int64() == answer.status);
+            require(!value.at("detail").as_string().empty());
+        }
+    }
+    require(answer.audit.empty() || printable(answer.audit) == answer.audit);
+    for (const auto& [name, content] : answer.headers) {
+        require(printable(content) == content); /* no line of somebody's own */
+    }
+    try {
+        stream_filter(target, asked, here.services());
+    } catch (const problem& what) {
+        require(what.status >= 400 && what.status < 500);
+    }
+    return 0;
+}

@@ -34,7 +34,7 @@ const last_results::block& last_results::read(block& into, int64_t row) {
 /* In the block that has the test's last record, and the one before it, in which the pass may have
  * begun. */
 std::optional<result> last_results::find_open(const test_status& test) {
-    const key wanted(test.type, *test.number);
+    const key wanted(test.type, test.number.value_or(0));
     const block& last = read(last_, test.block);
     auto found = last.records.find(wanted);
     if (found == last.records.end()) {

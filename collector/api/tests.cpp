@@ -62,10 +62,13 @@ public:
     test_list(result_reader& store, const api_request& asked)
         : store_(store), asked_(asked), types_(asked, "type"), states_(asked, "state"),
           q_(text_of(asked, "q")), limit_(limit_of(asked)), agent_(agent_asked_for(store, asked)),
-          behind_(place_of(asked, 4)), definitions_(store) {
-        if (behind_) {
-            type_ = number_in((*behind_)[2]);
-            number_ = number_in((*behind_)[3]);
+          definitions_(store) {
+        if (auto behind = place_of(asked, 4)) {
+            goes_on_ = true;
+            account_ = (*behind)[0];
+            name_ = (*behind)[1];
+            type_ = number_in((*behind)[2]);
+            number_ = number_in((*behind)[3]);
         }
     }
 
@@ -107,7 +110,7 @@ private:
         if (row.retired != 0 || !next_.empty()) {
             return;
         }
-        int order = behind_ ? compare(row) : 1;
+        int order = goes_on_ ? compare(row) : 1;
         if (order < 0) {
             return;
         }
@@ -140,8 +143,8 @@ private:
 
     /* To the agent of the last page's last test. */
     int compare(const known_agent& row) const {
-        int order = row.account.compare((*behind_)[0]);
-        return order != 0 ? order : row.agent.compare((*behind_)[1]);
+        int order = row.account.compare(account_);
+        return order != 0 ? order : row.agent.compare(name_);
     }
     bool is_behind(const test_status& test) const {
         return std::pair<int64_t, int64_t>(test.type, test.number.value_or(0)) >
@@ -166,7 +169,8 @@ private:
     const std::string q_;
     const size_t limit_;
     const int64_t agent_;
-    const std::optional<std::vector<std::string>> behind_;
+    bool goes_on_ = false; /* behind this test: */
+    std::string account_, name_;
     int64_t type_ = 0, number_ = 0;
     definition_reader definitions_;
     agent_state now_; /* of the agent that is looked at */

@@ -69,9 +69,9 @@ void visit_room::leave(visit& v) {
     streams_.remove(&v);
     if (streams_.empty() && bell_) {
         with.hub.unsubscribe(subscriber_);
-        std::lock_guard<std::mutex> guard(bell_->mutex);
-        bell_->room = nullptr;
-        bell_.reset();
+        std::shared_ptr<bell> down = std::move(bell_); /* outlives the lock */
+        std::lock_guard<std::mutex> guard(down->mutex);
+        down->room = nullptr;
     }
 }
 

@@ -1,6 +1,8 @@
 #include "web/readers.h"
 
 #include <algorithm>
+#include <exception>
+#include <iterator>
 #include <utility>
 
 using std::chrono::steady_clock;
@@ -29,17 +31,23 @@ readers::verdict readers::put(const caller_key& who, std::function<void()> work)
         if (of.waiting.size() >= most_of_one_) {
             return verdict::full_of_one;
         }
-        if (of.waiting.empty()) {
-            turns_.push_back(who);
-        }
         of.waiting.push_back(std::move(work));
+        if (of.waiting.size() == 1) {
+            try {
+                turns_.push_back(who);
+            } catch (...) { /* no memory: nothing is changed */
+                of.waiting.pop_back();
+                throw;
+            }
+        }
         ++waiting_;
     }
     more_.notify_one();
     return verdict::taken;
 }
 
-/* Null when nobody may have a turn now. */
+/* Null when nobody may have a turn now. Takes no memory: a thread that fails here takes all with
+ * it. */
 std::function<void()> readers::next(caller_key& who) {
     auto turn = std::find_if(turns_.begin(), turns_.end(), [this](const caller_key& key) {
         return lines_[key].under_way < most_under_way_of_one_;
@@ -48,14 +56,14 @@ std::function<void()> readers::next(caller_key& who) {
         return nullptr;
     }
     who = *turn;
-    turns_.erase(turn);
     line& of = lines_[who];
     std::function<void()> work = std::move(of.waiting.front());
     of.waiting.pop_front();
     --waiting_;
     ++of.under_way;
-    if (!of.waiting.empty()) {
-        turns_.push_back(who);
+    std::rotate(turn, std::next(turn), turns_.end());
+    if (of.waiting.empty()) {
+        turns_.pop_back();
     }
     return work;
 }
@@ -83,7 +91,10 @@ void readers::run() {
         if (at_times_ && !stopping_ && now >= next_time_) {
             next_time_ = now + std::chrono::seconds(1);
             lock.unlock();
-            at_times_();
+            try {
+                at_times_();
+            } catch (const std::exception&) { /* no memory: the next time */
+            }
             lock.lock();
             continue;
         }

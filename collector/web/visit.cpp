@@ -38,15 +38,17 @@ visit_room::visit_room(const web_options& o, SSL_CTX* t, desk& d, known_callers&
              }),
       readers_(2, o.limits.waiting, o.limits.waiting_of_one, [this] { callers.refresh(); }) {}
 
+/* All of it, or, when memory is short, nothing: a visit that is not in the list would be there when
+ * it has gone. */
 bool visit_room::enter(visit& v) {
     if (streams_.size() >= options.limits.streams) {
         return false;
     }
-    streams_.push_back(&v);
+    std::list<visit*> place(1, &v);
     if (!bell_) {
-        bell_ = std::make_shared<bell>();
-        bell_->room = this;
-        subscriber_ = with.hub.subscribe([b = bell_] {
+        auto fresh = std::make_shared<bell>();
+        fresh->room = this;
+        subscriber_ = with.hub.subscribe([b = fresh] {
             std::lock_guard<std::mutex> guard(b->mutex);
             if (b->room && !b->rung) {
                 b->rung = true;
@@ -61,7 +63,9 @@ bool visit_room::enter(visit& v) {
                 });
             }
         });
+        bell_ = std::move(fresh);
     }
+    streams_.splice(streams_.end(), place);
     return true;
 }
 
@@ -111,11 +115,13 @@ void visit_room::stop() {
 struct visit::task {
     explicit task(asio::io_context& context) : until(context, clock::time_point::max()) {}
     std::string body;
+    std::optional<admission::memory_share> held; /* for the body, until it is dealt with */
     desk_answer decided;
     wire_answer wire;
     memory_budget::share share;
     asio::steady_timer until;
     bool keep = false, done = false;
+    bool failed = false; /* there was no memory even for a problem answer */
 };
 
 visit::visit(visit_room& room, asio::ip::tcp::socket socket, web_peer from)
@@ -293,7 +299,7 @@ awaitable<visit::next> visit::read_body(task& of) {
     if (length == 0) {
         co_return next::request;
     }
-    admission::memory_share share(*this);
+    of.held.emplace(*this);
     begin(phase::body, limits.body_time);
     if (asked_->expects_continue && input_.empty()) {
         bool written = co_await link_.write("HTTP/1.1 100 Continue\r\n\r\n");
@@ -307,7 +313,7 @@ awaitable<visit::next> visit::read_body(task& of) {
         input_ = of.body.substr(length);
         of.body.resize(length);
     }
-    bool fits = share.add(length);
+    bool fits = of.held->add(length);
     if (!fits) {
         api_answer full = answer_of(web_problem(503, "There is no memory for the body now."));
         full.headers.emplace_back("Retry-After", "1");
@@ -356,22 +362,32 @@ awaitable<visit::next> visit::refuse(api_answer what, bool keep) {
 }
 
 /* On a reading thread. */
+void visit::work_out(task& of, clock::time_point by) {
+    of.decided = room_.at.answer(*asked_, of.body, from_, by);
+    std::string().swap(of.body);
+    if (of.decided.is_stream) {
+        return;
+    }
+    const int64_t now = room_.with.now();
+    of.wire = to_wire(std::move(of.decided.answer), *asked_, of.keep, now);
+    of.share = room_.answers.take(of.wire.head.size() + of.wire.body.size());
+    if (!of.share) {
+        api_answer full =
+            answer_of(web_problem(503, "Too many answers are waiting to be read; try again."));
+        full.headers.emplace_back("Retry-After", "1");
+        of.wire = to_wire(std::move(full), *asked_, of.keep, now);
+    }
+}
+
+/* Whatever happens it waits for the reading thread, which has references to all of this. */
 awaitable<void> visit::decide(task& of, const caller_key& who) {
     const auto by = clock::now() + room_.options.limits.request_time;
     begin(phase::busy, clock::duration::max());
     auto work = [this, &of, by] {
-        of.decided = room_.at.answer(*asked_, of.body, from_, by);
-        std::string().swap(of.body);
-        if (!of.decided.is_stream) {
-            const int64_t now = room_.with.now();
-            of.wire = to_wire(std::move(of.decided.answer), *asked_, of.keep, now);
-            of.share = room_.answers.take(of.wire.head.size() + of.wire.body.size());
-            if (!of.share) {
-                api_answer full = answer_of(
-                    web_problem(503, "Too many answers are waiting to be read; try again."));
-                full.headers.emplace_back("Retry-After", "1");
-                of.wire = to_wire(std::move(full), *asked_, of.keep, now);
-            }
+        try {
+            work_out(of, by);
+        } catch (const std::exception&) { /* no memory */
+            of.failed = true;
         }
         post_surely(room_.context, [&of] {
             of.done = true;
@@ -389,8 +405,13 @@ awaitable<void> visit::decide(task& of, const caller_key& who) {
         co_return;
     }
     while (!of.done) {
-        co_await of.until.async_wait(asio::as_tuple(asio::use_awaitable));
+        try {
+            co_await of.until.async_wait(asio::as_tuple(asio::use_awaitable));
+        } catch (const std::exception&) {
+            wait_for_memory();
+        }
     }
+    of.held.reset();
 }
 
 /* What is said without looking any further; nothing when the request is to be dealt with. */
@@ -423,10 +444,12 @@ std::optional<api_answer> visit::take_head(caller_key& who, bool& keep) {
 }
 
 bool visit::begin_to_listen(const desk_answer& to) {
+    std::unique_ptr<listening> hears(
+        new listening{to.which, to.position, to.lost, asked_->secret()});
     if (room_.stopping || !room_.enter(*this)) {
         return false;
     }
-    hears_.reset(new listening{to.which, to.position, to.lost, asked_->secret()});
+    hears_ = std::move(hears);
     return true;
 }
 
@@ -444,7 +467,7 @@ awaitable<visit::next> visit::serve_one() {
             co_return what;
         }
         co_await decide(mine, who);
-        if (link_.given_up()) {
+        if (link_.given_up() || mine.failed) {
             co_return next::reset;
         }
         if (!mine.decided.is_stream) {

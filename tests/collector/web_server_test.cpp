@@ -305,6 +305,26 @@ TEST_F(web_server_test, memory_for_bodies_and_answers_has_an_end) {
 }
 
 /* Many that never end cost no more than bodies may, and those who say little are served. */
+/* Also while they wait for a thread, and no longer. */
+TEST_F(web_server_test, bodies_count_until_they_are_dealt_with) {
+    options.limits.bodies = 1u << 20;
+    start();
+    web_client a(port()), b(port());
+    EXPECT_EQ(a.get("/echo", bearer()).status, 200); /* who asks is known from then on */
+    const std::string body(300u << 10, 'b');
+    a.send(web_client::text("POST", "/wait", bearer(), body));
+    b.send(web_client::text("POST", "/wait", bearer(), body));
+    auto status = [&] {
+        web_client stranger(port());
+        return stranger.ask("POST", "/echo", "", body).status;
+    };
+    EXPECT_TRUE(eventually([&] { return status() == 503; }));
+    held.open();
+    EXPECT_EQ(a.reply().status, 200);
+    EXPECT_EQ(b.reply().status, 200);
+    EXPECT_TRUE(eventually([&] { return status() == 401; }));
+}
+
 TEST_F(web_server_test, half_heads_have_an_end) {
     options.limits.bodies = 100000;
     start();

@@ -179,6 +179,7 @@ private:
     void want(wanted more);
     void make_changes();
     void make_change(wanted& one);
+    static void answer(const wanted& one, bool ok, const std::string& reason);
     bool retire_agent(int64_t agent);
     void refuse_changes();
 
@@ -278,8 +279,11 @@ void writer::write_batches() {
         }
         blocks.clear();
         more = look_after();
-        if (listener_ != nullptr) {
-            listener_->on_batch_end();
+        try {
+            if (listener_ != nullptr) {
+                listener_->on_batch_end();
+            }
+        } catch (const std::exception&) { /* no memory: stored all the same */
         }
     }
     refuse_changes();
@@ -485,10 +489,22 @@ void writer::make_change(wanted& one) {
     }
     if (!ok) {
         engine_->give_up();
-    } else if (one.retires != 0) {
-        parts_->present.forget(one.retires);
     }
-    one.done(ok, reason);
+    try {
+        if (ok && one.retires != 0) {
+            parts_->present.forget(one.retires);
+        }
+    } catch (const std::exception&) { /* no memory: it may be missed once more */
+    }
+    answer(one, ok, reason);
+}
+
+/* Whoever cannot be told has to give up waiting. */
+void writer::answer(const wanted& one, bool ok, const std::string& reason) {
+    try {
+        one.done(ok, reason);
+    } catch (const std::exception&) { /* no memory */
+    }
 }
 
 /* What lies open is packed as ever. */
@@ -514,8 +530,8 @@ void writer::refuse_changes() {
         takes_changes_ = false;
         some.swap(wanted_);
     }
-    for (wanted& one : some) {
-        one.done(false, "the collector is stopping");
+    for (const wanted& one : some) {
+        answer(one, false, "the collector is stopping");
     }
 }
 

@@ -23,6 +23,7 @@ struct update_test : testing::Test {
     struct listener : store_listener {
         std::mutex m;
         strings told;
+        std::atomic<bool> throws = false;
         void on_record(const poll_block&, const decoded_record&) override {}
         void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
                             const std::string&) override {}
@@ -42,6 +43,9 @@ struct update_test : testing::Test {
             }
         }
         void on_batch_end() override {
+            if (throws) {
+                throw std::bad_alloc();
+            }
             std::lock_guard hold(m);
             if (!told.empty() && told.back() != "end") {
                 told.emplace_back("end");
@@ -151,6 +155,18 @@ TEST_F(update_test, nothing_is_kept_of_a_change_that_thinks_better_of_it) {
     EXPECT_EQ(update([](engine&) -> bool { throw std::bad_alloc(); }),
               answer(false, "std::bad_alloc"));
     EXPECT_EQ(submit(load_record(1, noon + 1)), store_result::stored);
+}
+
+TEST_F(update_test, who_cannot_be_told_ends_nothing) {
+    told.throws = true;
+    s->update([](engine& e) { return e.set_fact("x", 5); },
+              [](bool, const std::string&) { throw std::bad_alloc(); });
+    EXPECT_EQ(submit(load_record(1, noon)), store_result::stored);
+    EXPECT_EQ(update([](engine& e) { return e.set_fact("y", 6); }), answer(true, ""));
+    EXPECT_EQ(fact("x"), 5);
+    s->update([](engine& e) { return e.set_fact("x", 7); },
+              [](bool, const std::string&) { throw std::bad_alloc(); });
+    s.reset();
 }
 
 TEST_F(update_test, a_change_that_cannot_be_stored_says_why) {

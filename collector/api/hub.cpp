@@ -20,14 +20,23 @@ bool event_hub::is_heard() const {
 void event_hub::publish(hub_kind kind, int64_t agent, int64_t test, std::string json) {
     auto text = std::make_shared<const std::string>(std::move(json));
     std::lock_guard hold(mutex_);
-    bytes_ += text->size();
+    const size_t bytes = text->size();
     ring_.push_back({newest_ + 1, kind, agent, test, std::move(text)});
+    bytes_ += bytes;
     newest_++;
     flushed_ = false;
     while (!ring_.empty() && (bytes_ > most_bytes_ || ring_.size() > most_messages_)) {
         bytes_ -= ring_.front().json->size();
         ring_.pop_front();
     }
+}
+
+void event_hub::skip() {
+    std::lock_guard hold(mutex_);
+    newest_++;
+    flushed_ = false;
+    ring_.clear();
+    bytes_ = 0;
 }
 
 void event_hub::flush() {

@@ -40,6 +40,9 @@ public:
     bool is_heard() const;
 
     void publish(hub_kind kind, int64_t agent, int64_t test, std::string json);
+    /* Something happened of which there are no messages, because nobody listened or for want of
+     * memory: whoever is at a place before it has lost some. */
+    void skip();
     /* Wakes the listeners; once for each batch. */
     void flush();
 

@@ -104,6 +104,7 @@ struct live_messages::state {
     event_hub& hub;
     names_in_store names;
     bool is_begun = false, is_heard = false;
+    bool is_cut = false; /* some of the batch is not told of */
     std::map<std::pair<uint32_t, int32_t>, result_builder> results; /* of the block */
     std::vector<std::pair<stored_event, std::string>> events;       /* with its message */
 
@@ -112,6 +113,7 @@ struct live_messages::state {
         if (!is_begun) {
             is_begun = true;
             is_heard = hub.is_heard();
+            is_cut = !is_heard;
         }
         return is_heard;
     }
@@ -172,10 +174,15 @@ void live_messages::on_record(const poll_block& from, const decoded_record& resu
 }
 
 void live_messages::on_event(const stored_event& event) {
-    if (state_->begin() && state_->events.size() < most_events) {
-        state_->events.emplace_back(event, event.message);
-        state_->events.back().first.message = {};
+    if (!state_->begin()) {
+        return;
     }
+    if (state_->events.size() >= most_events) {
+        state_->is_cut = true;
+        return;
+    }
+    state_->events.emplace_back(event, event.message);
+    state_->events.back().first.message = {};
 }
 
 void live_messages::on_agent(int64_t id, std::string_view account, std::string_view agent,
@@ -197,14 +204,23 @@ void live_messages::on_agent(int64_t id, std::string_view account, std::string_v
     state_->hub.publish(hub_kind::agent, id, 0, json_text(object));
 }
 
+/* To the end also when memory is short: what the reader sees must not be held for long. */
 void live_messages::on_batch_end() {
-    while (!state_->events.empty()) { /* of agents that nothing else was said of */
-        int64_t agent = state_->events.front().first.agent;
-        state_->publish_events(agent, state_->names.agent(agent));
+    try {
+        while (!state_->events.empty()) { /* of agents that nothing else was said of */
+            int64_t agent = state_->events.front().first.agent;
+            state_->publish_events(agent, state_->names.agent(agent));
+        }
+    } catch (const std::exception&) {
+        state_->events.clear();
+        state_->is_cut = true;
     }
     state_->results.clear();
     state_->names.end_batch();
-    state_->is_begun = false;
+    if (state_->is_cut) {
+        state_->hub.skip();
+    }
+    state_->is_begun = state_->is_cut = false;
     state_->hub.flush();
 }
 

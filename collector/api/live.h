@@ -1,5 +1,5 @@
 /* What is stored, told to those who listen: each result, each event, and how each agent stands.
- * Nothing is made of it as long as nobody listens. */
+ * Nothing is made of it as long as nobody listens, but that whoever comes back is told so. */
 #ifndef VINDRAL_COLLECTOR_LIVE_H
 #define VINDRAL_COLLECTOR_LIVE_H
 

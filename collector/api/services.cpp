@@ -8,6 +8,35 @@ namespace {
 
 /* A test makes them short. */
 std::chrono::milliseconds longest_wait_for_reader{5000}, longest_wait_for_store{10000};
+std::chrono::milliseconds longest_wait_for_turn{1000};
+
+/* Of those who change something one at a time waits for the store, the others for their turn, and
+ * not for long: a store that is blocked would have all reading threads, and nothing could be read.
+ * False when it did not come. */
+class turn_to_change {
+public:
+    turn_to_change() {
+        std::unique_lock hold(mutex);
+        is_mine_ = given_back.wait_for(hold, longest_wait_for_turn, [] { return !is_taken; });
+        is_taken = true;
+    }
+    ~turn_to_change() {
+        if (is_mine_) {
+            std::lock_guard hold(mutex);
+            is_taken = false;
+            given_back.notify_one();
+        }
+    }
+    turn_to_change(const turn_to_change&) = delete;
+    turn_to_change& operator=(const turn_to_change&) = delete;
+    explicit operator bool() const { return is_mine_; }
+
+private:
+    inline static std::mutex mutex;
+    inline static std::condition_variable given_back;
+    inline static bool is_taken = false;
+    bool is_mine_;
+};
 
 /* What the store's thread said, for a caller that may have gone. */
 class outcome_of_change {
@@ -39,6 +68,11 @@ private:
 /* `begin` is given what is to be called in the end. False, with no word, when it says so itself. */
 template <typename Begin>
 bool wait_for_store(Begin begin) {
+    turn_to_change mine;
+    if (!mine) {
+        throw_unavailable("The store is busy with another change: nothing was changed. Try again "
+                          "in a few seconds.");
+    }
     auto outcome = std::make_shared<outcome_of_change>();
     begin([outcome](bool ok, const std::string& reason) { outcome->set(ok, reason); });
     std::string reason;
@@ -56,7 +90,9 @@ bool wait_for_store(Begin begin) {
 } // namespace
 
 reader_pool::reader_pool(std::string directory, size_t most)
-    : directory_(std::move(directory)), most_(most) {}
+    : directory_(std::move(directory)), most_(most) {
+    idle_.reserve(most); /* giving one back must not fail */
+}
 
 /* One that waits to be used, if there is one; its place is taken in any case. */
 std::unique_ptr<result_reader> reader_pool::take_idle() {
@@ -75,16 +111,20 @@ std::unique_ptr<result_reader> reader_pool::take_idle() {
 
 reader_pool::lent reader_pool::lend() {
     std::unique_ptr<result_reader> reader = take_idle();
-    std::string error;
-    if (reader && !reader->renew(error)) {
-        reader = nullptr; /* of a file that has been replaced, for one */
-    }
-    if (!reader) {
-        reader = open_reader(directory_, error);
-    }
-    if (!reader) {
+    try {
+        std::string error;
+        if (reader && !reader->renew(error)) {
+            reader = nullptr; /* of a file that has been replaced, for one */
+        }
+        if (!reader) {
+            reader = open_reader(directory_, error);
+        }
+        if (!reader) {
+            throw_unavailable("What is stored cannot be read: " + error + ".");
+        }
+    } catch (...) { /* its place must not stay taken */
         give_back(nullptr);
-        throw_unavailable("What is stored cannot be read: " + error + ".");
+        throw;
     }
     return {*this, std::move(reader)};
 }

@@ -81,7 +81,7 @@ struct api_services {
 
 /* Runs `what` on the store's thread in a transaction of its own and waits for its end; throws
  * problem 503 when it cannot be stored (ten seconds at the most; it may run later then, so it must
- * not refer to anything of the caller's). */
+ * not refer to anything of the caller's), or when another one has been waiting for a second. */
 void change_store(api_services& with, std::function<bool(engine&)> what);
 
 /* Retires an agent; waits and throws likewise, 404 when there is none. */

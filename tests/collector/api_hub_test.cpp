@@ -2,6 +2,7 @@
 
 #include "api/live.h"
 #include "api_place.h"
+#include "eventually.h"
 
 #include <thread>
 
@@ -86,6 +87,26 @@ TEST_F(event_hub_test, a_ring_of_bounded_size) {
     EXPECT_EQ(position, 11u);
     publish(small, 1);
     EXPECT_EQ(read(small, position), "12 ");
+}
+
+TEST_F(event_hub_test, what_there_are_no_messages_of_is_lost) {
+    publish(hub, 3);
+    uint64_t old = 1, last = hub.newest();
+    hub.flush();
+    int woken = 0;
+    uint64_t id = hub.subscribe([&] { woken++; });
+    hub.skip();
+    hub.flush();
+    hub.unsubscribe(id);
+    EXPECT_EQ(woken, 1);
+    uint64_t fresh = hub.newest();
+    EXPECT_EQ(read(hub, old), "lost ");
+    EXPECT_EQ(read(hub, last), "lost ");
+    EXPECT_EQ(read(hub, last), "") << "told once";
+    EXPECT_EQ(read(hub, fresh), "");
+    publish(hub, 1);
+    EXPECT_EQ(read(hub, fresh), "5 ");
+    EXPECT_EQ(read(hub, last), "5 ");
 }
 
 TEST_F(event_hub_test, positions_of_this_run_only) {
@@ -251,8 +272,15 @@ TEST_F(live_test, nothing_while_nobody_listens) {
     uint64_t before = hub.newest();
     now += 60;
     submit(load_record(5, api_noon + 60));
-    submit(load_record(5, api_noon + 60), "web-2"); /* the batch before it has ended */
-    EXPECT_EQ(hub.newest(), before);
+    submit(load_record(5, api_noon + 60), "web-2");
+    /* For each of the two batches only this: that there was something. */
+    ASSERT_TRUE(eventually([&] { return hub.newest() >= before + 2; }));
+    std::vector<hub_message> found;
+    bool lost = false;
+    hub.read(before, {}, SIZE_MAX, found, lost);
+    EXPECT_TRUE(found.empty());
+    EXPECT_TRUE(lost);
+    position = before;
     id = hub.subscribe([this] {
         std::lock_guard hold(mutex);
         woken.notify_all();
@@ -297,6 +325,7 @@ protected:
     void TearDown() override {
         longest_wait_for_reader = std::chrono::seconds(5);
         longest_wait_for_store = std::chrono::seconds(10);
+        longest_wait_for_turn = std::chrono::seconds(1);
         api_place::TearDown();
     }
 };
@@ -353,6 +382,24 @@ TEST_F(services_test, another_file_is_opened_anew) {
     begin();
     submit(load_record(5, api_noon), "db-1");
     EXPECT_EQ(column(get("/api/v1/agents"), "name"), "db-1");
+}
+
+/* Somebody has to be able to read meanwhile. */
+TEST_F(services_test, one_at_a_time_waits_for_a_store_that_is_blocked) {
+    noting->answers = false;
+    longest_wait_for_turn = std::chrono::milliseconds(20);
+    std::thread first([&] { change_store(*with, [](engine&) { return true; }); });
+    ASSERT_TRUE(eventually([&] { return noting->changes == 1; }));
+    try {
+        change_store(*with, [](engine&) { return true; });
+        ADD_FAILURE();
+    } catch (const problem& what) {
+        EXPECT_EQ(what.status, 503);
+        EXPECT_NE(what.detail.find("another change"), std::string::npos) << what.detail;
+    }
+    EXPECT_EQ(noting->changes, 1) << "it was not begun";
+    noting->unanswered[0](true, "");
+    first.join();
 }
 
 TEST_F(services_test, changes_are_waited_for) {

@@ -38,10 +38,12 @@ public:
         to_.follow(std::move(plan), std::move(definitions));
     }
     void update(std::function<bool(engine&)> what, change_done done) override {
-        changes++;
         if (!answers) {
+            unanswered.push_back(std::move(done));
+            changes++;
             return;
         }
+        changes++;
         if (failure.empty()) {
             to_.update(std::move(what), std::move(done));
         } else {
@@ -57,8 +59,9 @@ public:
         }
     }
 
-    int changes = 0;
+    std::atomic<int> changes = 0;
     std::vector<int64_t> retired;
+    std::vector<change_done> unanswered;
     std::string failure;
     bool is_missing = false, answers = true;
 

@@ -4,6 +4,7 @@
 #include "base/text.h"
 #include "web/trust.h"
 
+#include <algorithm>
 #include <exception>
 
 namespace {
@@ -137,12 +138,10 @@ api_answer desk::answer_itself(const request_head& head, std::string_view body,
     return answer;
 }
 
-/* Whatever is wrong, the answer is the same: it says nothing of what there is. */
+/* Whatever is wrong, the answer is the same: it says nothing of what there is. Nobody guesses 256
+ * random bits, so those who are right are let in however many were wrong before them: behind a
+ * proxy, and on loopback, all have one address. */
 api_answer desk::sign_in(const request_head& head, std::string_view body, const web_peer& from) {
-    const caller_key who{false, from.address_key};
-    if (int seconds = failed_sign_ins_.wait(who, clock::now())) {
-        return too_often("Too many attempts to sign in failed.", seconds);
-    }
     if (head.target.find('?') != std::string::npos) {
         throw web_problem(400, "This takes no parameters.");
     }
@@ -158,35 +157,54 @@ api_answer desk::sign_in(const request_head& head, std::string_view body, const 
         throw web_problem(503, "The tokens cannot be read now: " + error);
     }
     if (!found || found->kind != given->kind) {
-        failed_sign_ins_.take(who, clock::now());
-        if (told_of_.take({}, clock::now()) == 0) {
-            log_("web: somebody at " + from.address + " could not sign in");
-        }
-        throw web_problem(401,
-                          "This does not sign in, or no longer: links do once and for 15 minutes; "
-                          "'vindral-collector link' makes another.");
+        return not_signed_in(from);
     }
-    caller who_is{.may = static_cast<role>(found->role),
-                  .token = found->id,
-                  .name = found->name,
-                  .address = from.address};
-    std::string session = add_secret(kept_, token_kind::session, who_is.may, found->name, now,
-                                     found->kind == token_kind::token ? found->id : 0, error);
-    if (session.empty()) {
+    const bool with_token = found->kind == token_kind::token;
+    stored_token session{.kind = token_kind::session,
+                         .role = found->role,
+                         .name = found->name,
+                         .made = now,
+                         .ends = now + session_lasts_s,
+                         .parent = with_token ? found->id : 0};
+    if (with_token && found->ends != 0) { /* it does not outlast its token */
+        session.ends = std::min(session.ends, found->ends);
+    }
+    bool is_gone = false; /* the token, meanwhile */
+    std::string secret = keep_secret(kept_, session, is_gone, error);
+    if (is_gone) {
+        return not_signed_in(from);
+    }
+    if (secret.empty()) {
         throw web_problem(503, "The session cannot be stored now: " + error);
     }
-    audit(who_is, found->kind == token_kind::token ? "signed in" : "signed in with a link");
+    audit({.may = static_cast<role>(found->role), .name = found->name, .address = from.address},
+          with_token ? "signed in" : "signed in with a link");
     api_answer answer;
     answer.status = 204;
-    answer.headers.emplace_back("Set-Cookie", cookie(tls_, session, session_lasts_s));
+    answer.headers.emplace_back("Set-Cookie", cookie(tls_, secret, session.ends - now));
     return answer;
+}
+
+api_answer desk::not_signed_in(const web_peer& from) {
+    if (int seconds = failed_sign_ins_.take({false, from.address_key}, clock::now())) {
+        return too_often("Too many attempts to sign in failed.", seconds);
+    }
+    if (told_of_.take({}, clock::now()) == 0) {
+        log_("web: somebody at " + from.address + " could not sign in");
+    }
+    return answer_of(
+        web_problem(401, "This does not sign in, or no longer: links do once and for 15 minutes; "
+                         "'vindral-collector link' makes another."));
 }
 
 api_answer desk::sign_out(const request_head& head, const web_peer& from) {
     if (head.has_authorization) {
         throw web_problem(400, "Only sessions are signed out; tokens are removed.");
     }
-    caller who = callers_.find(head.cookie, with_.now());
+    caller who; /* nobody when it is a token: that stays */
+    if (is_secret(token_kind::session, head.cookie)) {
+        who = callers_.find(head.cookie, with_.now());
+    }
     std::string error;
     if (who.token != 0 && !kept_.drop_token(who.token, error) && !error.empty()) {
         throw web_problem(503, "The session cannot be ended now: " + error);

@@ -53,6 +53,7 @@ private:
     desk_answer open_stream(const request_head& head, api_request& asked);
     api_answer answer_itself(const request_head& head, std::string_view body, const web_peer& from);
     api_answer sign_in(const request_head& head, std::string_view body, const web_peer& from);
+    api_answer not_signed_in(const web_peer& from);
     api_answer sign_out(const request_head& head, const web_peer& from);
     void audit(const caller& who, const std::string& what);
 

@@ -50,16 +50,6 @@ int rate_limit::take(const caller_key& who, time now) {
     return seconds;
 }
 
-int rate_limit::wait(const caller_key& who, time now) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto found = all_.find(who);
-    if (found == all_.end()) {
-        return all_.size() < most_keys_ || !others_used_ ? 0 : seconds_until_one(find(who, now));
-    }
-    refill(found->second, now);
-    return seconds_until_one(found->second);
-}
-
 size_t rate_limit::remembered() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return all_.size();

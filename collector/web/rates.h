@@ -37,8 +37,6 @@ public:
 
     /* 0, and counted; or the seconds until it is allowed again, and not counted. */
     int take(const caller_key& who, time now);
-    /* The same without counting. */
-    int wait(const caller_key& who, time now);
 
     size_t remembered() const;
 

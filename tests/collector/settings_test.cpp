@@ -144,6 +144,20 @@ TEST_F(settings_test, sessions_are_bounded) {
     EXPECT_EQ(left.front(), "10");
 }
 
+/* Nobody ends the sessions of others by beginning many. */
+TEST_F(settings_test, sessions_are_bounded_for_each_token) {
+    int64_t a = add(token("a", 2000)), b = add(token("b", 2001));
+    add(token("of a", 2002, token_kind::session, 9000, a));
+    add(token("by link", 2003, token_kind::session, 9000));
+    for (int i = 0; i < 1010; i++) {
+        add(token(std::to_string(i), i, token_kind::session, 9000, b));
+    }
+    strings left = names();
+    ASSERT_EQ(left.size(), 1004u);
+    left.resize(5);
+    EXPECT_EQ(left, (strings{"a", "b", "of a", "by link", "10"}));
+}
+
 TEST_F(settings_test, a_link_is_found_once) {
     add(token("link", 1, token_kind::link, 5000));
     std::optional<stored_token> found;

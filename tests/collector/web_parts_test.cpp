@@ -226,10 +226,8 @@ TEST(web_rates, so_many_a_minute) {
         EXPECT_EQ(limit.take(one, now), 0);
     }
     EXPECT_EQ(limit.take(one, now), 1);
-    EXPECT_EQ(limit.wait(one, now), 1);
     EXPECT_EQ(limit.take(other, now), 0);
     EXPECT_EQ(limit.take(one, now + 500ms), 1);
-    EXPECT_EQ(limit.wait(one, now + 1001ms), 0);
     EXPECT_EQ(limit.take(one, now + 1001ms), 0);
     EXPECT_EQ(limit.take(one, now + 1002ms), 1);
     for (int i = 0; i < 60; i++) { /* a pause does not save up more */
@@ -248,7 +246,7 @@ TEST(web_rates, remembers_so_many) {
     EXPECT_EQ(limit.take({false, 100}, now), 0);
     EXPECT_EQ(limit.take({false, 101}, now), 0);
     EXPECT_NE(limit.take({false, 102}, now), 0);
-    EXPECT_NE(limit.wait({false, 103}, now), 0);
+    EXPECT_NE(limit.take({false, 103}, now), 0);
     EXPECT_EQ(limit.remembered(), 10u);
     EXPECT_EQ(limit.take({false, 1}, now), 0);
     EXPECT_EQ(limit.take({false, 104}, now + 2min), 0); /* those who paused are forgotten */

@@ -19,8 +19,8 @@ namespace {
 
 constexpr int64_t application = 0x76736574; /* "vset" */
 constexpr int64_t layout = 1;
-constexpr int lock_wait_ms = 5000; /* for another process's change */
-constexpr int most_sessions = 1000;
+constexpr int lock_wait_ms = 5000;  /* for another process's change */
+constexpr int most_sessions = 1000; /* of a token, or by links */
 
 const char tables[] = "CREATE TABLE tokens("
                       "  id INTEGER PRIMARY KEY AUTOINCREMENT," /* never twice */
@@ -294,8 +294,9 @@ bool sqlite_settings::add_token(const stored_token& what, int64_t& id, std::stri
         } else {
             statement oldest(db_.get(),
                              "DELETE FROM tokens WHERE id IN (SELECT id FROM tokens WHERE kind = ?"
-                             "  ORDER BY id DESC LIMIT -1 OFFSET ?)");
-            if (!oldest.bind(int64_t(what.kind)).bind(int64_t{most_sessions - 1}).run()) {
+                             "  AND parent = ? ORDER BY id DESC LIMIT -1 OFFSET ?)");
+            oldest.bind(int64_t(what.kind)).bind(what.parent);
+            if (!oldest.bind(int64_t{most_sessions - 1}).run()) {
                 return false;
             }
         }

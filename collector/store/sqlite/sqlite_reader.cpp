@@ -52,12 +52,15 @@ bool sqlite_reader::renew(std::string& error) {
         return false;
     }
     /* A transaction begins with the first that is read. */
-    if (database_exec(own_.get(), "BEGIN") &&
-        statement(own_.get(), "SELECT 1 FROM facts LIMIT 1").step() != SQLITE_ERROR) {
-        return true;
+    bool ok = database_exec(own_.get(), "BEGIN");
+    if (ok) {
+        int result = statement(own_.get(), "SELECT 1 FROM facts LIMIT 1").step();
+        ok = result == SQLITE_ROW || result == SQLITE_DONE;
     }
-    error = place_ + ": " + sqlite3_errmsg(own_.get());
-    return false;
+    if (!ok) {
+        error = place_ + ": " + sqlite3_errmsg(own_.get());
+    }
+    return ok;
 }
 
 void sqlite_reader::use(sqlite3* db, const std::string& place) {

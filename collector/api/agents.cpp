@@ -58,6 +58,7 @@ api_answer list_agents(const api_request& asked, api_services& with) {
     agent_state now;
     std::string last_account, last_name, next, error, damaged;
     auto take = [&](const known_agent& row) {
+        check_deadline(asked);
         if (row.retired != 0 || !next.empty() ||
             (behind &&
              std::pair<std::string_view, std::string_view>(row.account, row.agent) <=

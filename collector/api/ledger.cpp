@@ -28,11 +28,13 @@ const parameter_def list_parameters[] = {
 using hour_key = std::pair<int64_t, int64_t>; /* hour, agent */
 
 /* The hour of each agent that is still being counted: in no table yet. */
-std::map<hour_key, hour_counts> read_counted(result_reader& store, int64_t agent, int64_t from,
-                                             int64_t to, std::string& error) {
+std::map<hour_key, hour_counts> read_counted(result_reader& store, const api_request& asked,
+                                             int64_t agent, int64_t from, int64_t to,
+                                             std::string& error) {
     std::map<hour_key, hour_counts> counted;
     agent_state now;
     auto take = [&](const known_agent& row) {
+        check_deadline(asked);
         if (now.unpack(row.state) && now.counts.hour >= from && now.counts.hour < to &&
             now.counts.received + now.counts.repeated + now.counts.missing > 0) {
             counted.emplace(hour_key(now.counts.hour, row.id), now.counts);
@@ -65,7 +67,7 @@ public:
 
     json::object read() {
         std::string error, reason;
-        counted_ = read_counted(store_, agent_, from_, to_, error);
+        counted_ = read_counted(store_, asked_, agent_, from_, to_, error);
         auto take = [&](const ledger_row& row) {
             hour_key key(row.hour, row.agent);
             if (++looked_at_ % 256 == 0) {

@@ -33,6 +33,11 @@ std::string mark_of(const result& r) {
     return hex(view_of(hash.finish()).substr(0, 8)) + "." + std::to_string(r.received);
 }
 
+/* How many of the place's time came before it; the number is anybody's. */
+int64_t same_before(const std::vector<std::string>& place) {
+    return std::clamp<int64_t>(number_in(place[2]), 0, 100000);
+}
+
 struct results_page {
     std::vector<result> found;
     bool more = false;
@@ -63,8 +68,7 @@ results_page read_page(result_reader& store, int64_t test, int64_t from, int64_t
     if (time >= to || time < from) {
         throw_bad_request("`next` goes on outside of the time asked for: ask for the same one.");
     }
-    size_t most =
-        limit + 1 + static_cast<size_t>(std::clamp<int64_t>(number_in((*behind)[2]), 0, 100000));
+    size_t most = limit + 1 + static_cast<size_t>(same_before(*behind));
     read_results(store, test, from, time + 1, most, page.found, error, &page.more);
     if (!skip_to(page.found, time, (*behind)[1])) {
         read_results(store, test, from, time, limit + 1, page.found, error, &page.more);
@@ -104,7 +108,7 @@ api_answer list_results(const api_request& asked, api_services& with) {
             same += each.time == last->time ? 1 : 0;
         }
         if (behind && number_in((*behind)[0]) == last->time) {
-            same += number_in((*behind)[2]);
+            same += same_before(*behind);
         }
         next = next_text({std::to_string(last->time), mark_of(*last), std::to_string(same)});
     }

@@ -107,6 +107,7 @@ private:
     };
 
     void take_agent(const known_agent& row) {
+        check_deadline(asked_);
         if (row.retired != 0 || !next_.empty()) {
             return;
         }

@@ -1,5 +1,7 @@
 #include "api_place.h"
 
+#include "api/encoding.h"
+
 #include <algorithm>
 
 namespace json = boost::json;
@@ -355,6 +357,17 @@ TEST_F(api_resources_test, results_of_one_second_are_paged_once_each) {
     for (int limit : {1, 2, 3, 4, 7}) {
         EXPECT_EQ(pages(path, "values.load1.value", limit), all);
     }
+    /* How many came before is a number that anybody can write. */
+    const std::string place =
+        from_base64url(std::string(get(path + "?limit=2").at("next").as_string())).value_or("");
+    const std::string until_number = place.substr(0, place.find('\n', place.find('\n') + 1) + 1);
+    auto page = [&](const std::string& number) {
+        std::string next = base64url(until_number + number + "\n");
+        return column(get(path + "?limit=2&next=" + next), "values.load1.value");
+    };
+    EXPECT_EQ(page("6"), "3 2");
+    EXPECT_EQ(page("9223372036854775807"), "3 2");
+    EXPECT_EQ(page("-9223372036854775808"), "3");
 }
 
 TEST_F(api_resources_test, parts_of_results) {
@@ -698,8 +711,10 @@ TEST_F(api_resources_test, without_a_store) {
 TEST_F(api_resources_test, a_deadline_ends_what_takes_long) {
     submit(load(101, noon));
     deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
-    refused("/api/v1/tests", 503);
-    refused("/api/v1/tests/1/results", 503);
+    for (const char* path : {"/api/v1/agents", "/api/v1/tests", "/api/v1/tests?q=nothing",
+                             "/api/v1/tests/1/results", "/api/v1/ledger"}) {
+        EXPECT_NE(refused(path, 503).find("took too long"), std::string::npos) << path;
+    }
 }
 
 TEST_F(api_resources_test, what_is_unchanged_is_not_sent_again) {

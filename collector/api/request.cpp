@@ -61,14 +61,12 @@ api_answer answer_of(const problem& what) {
                         {"title", what.title.empty() ? title_of(what.status) : what.title},
                         {"status", what.status},
                         {"detail", what.detail}};
-    if (!what.errors.empty()) {
-        json::array errors;
-        for (const problem::line& each : what.errors) {
-            errors.push_back(
-                json::object{{"line", each.line}, {"column", each.column}, {"text", each.text}});
-        }
-        object.emplace("errors", std::move(errors));
+    json::array errors; /* there also when there are none, as every member of an answer is */
+    for (const problem::line& each : what.errors) {
+        errors.push_back(
+            json::object{{"line", each.line}, {"column", each.column}, {"text", each.text}});
     }
+    object.emplace("errors", std::move(errors));
     api_answer answer;
     answer.status = what.status;
     answer.type = "application/problem+json";

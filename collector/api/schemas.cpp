@@ -111,7 +111,7 @@ const schema_def schemas[] = {
 "status":{"type":["string","null"]},"message":{"type":["string","null"]},
 "values":{"$ref":"#/components/schemas/values"}},"additionalProperties":false})json"},
     {"problem", R"json(
-{"type":"object","required":["type","title","status","detail"],
+{"type":"object","required":["type","title","status","detail","errors"],
 "properties":{"type":{"type":"string"},"title":{"type":"string"},
 "status":{"type":"integer"},"detail":{"type":"string"},"errors":{"type":"array",
 "items":{"type":"object","required":["line","column","text"],

@@ -132,6 +132,9 @@ TEST(problems, in_words) {
     EXPECT_EQ(answer.body, "{\"type\":\"about:blank\",\"title\":\"Conflict\",\"status\":409,"
                            "\"detail\":\"Why.\",\"errors\":[{\"line\":2,\"column\":3,\"text\":"
                            "\"here\"}]}");
+    EXPECT_EQ(answer_of({404, "", "No.", {}}).body,
+              "{\"type\":\"about:blank\",\"title\":\"Not found\",\"status\":404,"
+              "\"detail\":\"No.\",\"errors\":[]}");
 }
 
 /* ---- finding rows ---- */

@@ -6,7 +6,6 @@
 #include "api/resources.h"
 #include "api/shapes.h"
 #include "base/record_summary.h"
-#include "base/text.h"
 #include "show/record_content.h"
 
 #include <limits>
@@ -104,7 +103,7 @@ json::object inventories_of(result_reader& store, int64_t agent) {
                         items.push_back(json::value(item));
                     }
                 }
-                all.emplace(type->name, json::object{{"time", utc_time(found.time)},
+                all.emplace(type->name, json::object{{"time", time_text(found.time)},
                                                      {"items", std::move(items)}});
             },
             ignored);
@@ -137,7 +136,7 @@ found_agent find_present(const api_request& asked, api_services& with) {
     found_agent agent = find_agent(*with.stored.lend(), asked.in_path[0]);
     if (agent.retired != 0) {
         throw problem{409, "Conflict",
-                      called(agent) + " was retired at " + utc_time(agent.retired) +
+                      called(agent) + " was retired at " + time_text(agent.retired) +
                           ". When it polls again it begins anew."};
     }
     return agent;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cstdio>
 
 namespace {
 
@@ -140,6 +141,24 @@ std::optional<int64_t> read_time(std::string_view text) {
     }
     int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
     return days * 86400 + hour * 3600 + minute * 60 + second - ahead;
+}
+
+std::string time_text(int64_t seconds) {
+    constexpr int64_t first = -62135596800, last = 253402300799;
+    seconds = std::clamp(seconds, first, last);
+    if (seconds >= 0) {
+        return utc_time(seconds);
+    }
+    const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
+    const auto midnight = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date(midnight);
+    const std::chrono::hh_mm_ss clock(time - midnight);
+    char text[64];
+    snprintf(text, sizeof(text), "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
+             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+             static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+             static_cast<int>(clock.seconds().count()));
+    return text;
 }
 
 std::optional<int64_t> read_integer(std::string_view text) {

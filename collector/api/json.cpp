@@ -1,5 +1,6 @@
 #include "api/json.h"
 
+#include "api/encoding.h"
 #include "base/text.h"
 
 #include <algorithm>
@@ -118,7 +119,7 @@ std::string json_text(const json::value& what) {
 }
 
 json::value json_time(int64_t seconds) {
-    return seconds != 0 ? json::value(utc_time(seconds)) : json::value(nullptr);
+    return seconds != 0 ? json::value(time_text(seconds)) : json::value(nullptr);
 }
 
 json::value json_or_null(std::string_view text) {

@@ -1,10 +1,10 @@
 /* What came of each agent's tests, hour by hour. */
 #include "api/answer.h"
+#include "api/encoding.h"
 #include "api/find.h"
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
-#include "base/text.h"
 
 #include <map>
 
@@ -56,8 +56,8 @@ public:
         to_ = time_of(asked, "to").value_or(now + 1);
         from_ = time_of(asked, "from").value_or(to_ - usual_span_s);
         if (from_ >= to_) {
-            throw_bad_request("`from` (" + utc_time(from_) + ") does not lie before `to` (" +
-                              utc_time(to_) + ").");
+            throw_bad_request("`from` (" + time_text(from_) + ") does not lie before `to` (" +
+                              time_text(to_) + ").");
         }
         if (auto behind = place_of(asked, 2)) {
             behind_ = {number_in((*behind)[0]), number_in((*behind)[1])};
@@ -118,7 +118,7 @@ private:
         last_ = key;
         const agent_names::name& name = names_.of(agent);
         items_.push_back(json::object{{"agent", agent_reference(agent, name.account, name.agent)},
-                                      {"hour", utc_time(counts.hour)},
+                                      {"hour", time_text(counts.hour)},
                                       {"expected", counts.received + counts.missing},
                                       {"received", counts.received},
                                       {"repeated", counts.repeated},

@@ -1,10 +1,10 @@
 /* Curves of a test's values. */
 #include "api/answer.h"
+#include "api/encoding.h"
 #include "api/find.h"
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
-#include "base/text.h"
 #include "state/history.h"
 
 #include <algorithm>
@@ -121,8 +121,8 @@ api_answer one_series(const api_request& asked, api_services& with) {
     const int64_t to = std::min(time_of(asked, "to").value_or(now + 1), now + 1);
     const int64_t from = time_of(asked, "from").value_or(to - usual_span_s);
     if (from >= to) {
-        throw_bad_request("`from` (" + utc_time(from) + ") does not lie before `to` (" +
-                          utc_time(to) + ").");
+        throw_bad_request("`from` (" + time_text(from) + ") does not lie before `to` (" +
+                          time_text(to) + ").");
     }
     reader_pool::lent store = with.stored.lend();
     const known_test_row test = find_test(*store, id_in_path(asked, "test"));
@@ -135,11 +135,11 @@ api_answer one_series(const api_request& asked, api_services& with) {
     json::array time;
     time.reserve(all.time.size());
     for (int64_t each : all.time) {
-        time.emplace_back(utc_time(each));
+        time.emplace_back(time_text(each));
     }
     json::object object{{"test", test.id},
-                        {"from", utc_time(all.from)},
-                        {"to", utc_time(all.to)},
+                        {"from", time_text(all.from)},
+                        {"to", time_text(all.to)},
                         {"resolution", all.resolution},
                         {"time", std::move(time)},
                         {"count", column_of(all.count)},

@@ -1,9 +1,9 @@
 #include "api/shapes.h"
 
+#include "api/encoding.h"
 #include "api/json.h"
 #include "api/parameters.h"
 #include "base/record_summary.h"
-#include "base/text.h"
 #include "protocol/commands.h"
 #include "show/record_content.h"
 
@@ -259,7 +259,7 @@ json::value json_definition(const definition* what) {
         return nullptr;
     }
     return json::object{{"name", what->name},
-                        {"since", utc_time(what->since)},
+                        {"since", time_text(what->since)},
                         {"location", what->location},
                         {"fields", fields_as_object(*what)}};
 }
@@ -290,8 +290,8 @@ json::array json_parts(const result& what) {
 }
 
 json::object json_result(const result& what) {
-    json::object object{{"time", utc_time(what.time)},
-                        {"received", utc_time(what.received)},
+    json::object object{{"time", time_text(what.time)},
+                        {"received", time_text(what.received)},
                         {"state", shown_word(what.judged)},
                         {"status", json_status(what.type, what.status)},
                         {"message", what.message},
@@ -306,7 +306,7 @@ json::object json_result(const result& what) {
 json::object json_event(const stored_event& event, json::object agent, json::value test) {
     auto to = static_cast<state>(event.to);
     json::object object{{"id", event.id},
-                        {"time", utc_time(event.time)},
+                        {"time", time_text(event.time)},
                         {"agent", std::move(agent)},
                         {"test", std::move(test)},
                         {"from", shown_word(static_cast<state>(event.from))},

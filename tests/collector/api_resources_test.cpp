@@ -462,6 +462,7 @@ TEST_F(api_resources_test, a_series_of_results) {
     EXPECT_EQ(json_text(get(path + "?points=2").at("resolution")), "43200");
     refused(path + "?from=2026-05-01T12:01:00Z&to=2026-05-01T12:01:00Z", 400);
     refused(path + "?from=2030-01-01T00:00:00Z", 400);
+    EXPECT_EQ(get(path + "?from=1900-01-01T00:00:00Z").at("from"), "1900-01-01T00:00:00Z");
     refused("/api/v1/tests/99/series", 404);
 }
 

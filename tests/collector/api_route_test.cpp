@@ -43,6 +43,13 @@ TEST(encoding, times) {
     EXPECT_EQ(read_time("2024-02-29T00:00:00Z"), 1709164800);
     EXPECT_EQ(read_time("2016-12-31T23:59:60Z"), 1483228800);
     EXPECT_EQ(read_time("9999-12-31T23:59:59Z"), 253402300799);
+    for (const char* text :
+         {"0001-01-01T00:00:00Z", "1900-02-28T23:00:01Z", "1969-12-31T23:59:59Z",
+          "1970-01-01T00:00:00Z", "2026-05-01T12:00:00Z", "9999-12-31T23:59:59Z"}) {
+        EXPECT_EQ(time_text(read_time(text).value_or(0)), text);
+    }
+    EXPECT_EQ(time_text(INT64_MIN), "0001-01-01T00:00:00Z");
+    EXPECT_EQ(time_text(INT64_MAX), "9999-12-31T23:59:59Z");
     for (const char* wrong :
          {"", "now", "2026-05-01", "2026-05-01T12:00:00", "2026-05-01T12:00Z",
           "2026-5-01T12:00:00Z", "2026-02-29T12:00:00Z", "2026-13-01T12:00:00Z",

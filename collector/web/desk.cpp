@@ -55,6 +55,17 @@ std::optional<problem> desk::refuse(const request_head& head, const web_peer& fr
     return {};
 }
 
+std::optional<api_answer> desk::answer_at_once(const request_head& head, const web_peer& from) {
+    if (head.path() != "/healthz" || !head.only_reads() || head.content_length > 0) {
+        return {};
+    }
+    api_request asked;
+    asked.if_none_match = head.if_none_match;
+    asked.who = callers_.remembered(head.secret(), with_.now());
+    asked.who.address = from.address;
+    return options_.answer(head.method, head.target, asked, with_);
+}
+
 void desk::audit(const caller& who, const std::string& what) {
     log_("audit: " + printable(who.name) + " (" + std::string(role_word(who.may)) + ") from " +
          who.address + ": " + printable(what));

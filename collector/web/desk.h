@@ -45,7 +45,11 @@ public:
      * page, too large. Waits for nothing. */
     std::optional<problem> refuse(const request_head& head, const web_peer& from) const;
 
-    /* Reads the settings, and what the API reads. Never throws. */
+    /* The answer where it waits for nothing: whether the collector is there. Whoever asks that and
+     * is not answered starts it anew, and would do so whenever the store is slow. */
+    std::optional<api_answer> answer_at_once(const request_head& head, const web_peer& from);
+
+    /* Reads the settings, and what the API reads. Never throws, unless memory is short. */
     desk_answer answer(const request_head& head, std::string_view body, const web_peer& from,
                        clock::time_point deadline);
 

@@ -440,7 +440,7 @@ std::optional<api_answer> visit::take_head(caller_key& who, bool& keep) {
                              " requests a minute.",
                          seconds);
     }
-    return {};
+    return room_.at.answer_at_once(*asked_, from_);
 }
 
 bool visit::begin_to_listen(const desk_answer& to) {

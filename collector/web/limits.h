@@ -13,7 +13,8 @@ struct web_limits {
     size_t body = 1u << 20;
     size_t bodies = 16u << 20; /* of all connections */
     size_t answer = 32u << 20;
-    size_t answers = 128u << 20; /* that wait for their readers, of all connections */
+    size_t answers = 128u << 20;       /* that wait for their readers, of all connections */
+    size_t answers_of_one = 64u << 20; /* more than one is */
     size_t stream_buffer = 32u << 10;
     size_t streams = 10000;
     size_t waiting = 256, waiting_of_one = 32; /* requests, for a reading thread */

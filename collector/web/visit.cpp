@@ -31,7 +31,8 @@ struct visit_room::bell {
 
 visit_room::visit_room(const web_options& o, SSL_CTX* t, desk& d, known_callers& c, api_services& w)
     : options(o), tls(t), at(d), callers(c), with(w), requests(o.limits.requests_a_minute),
-      answers(o.limits.answers), source(w.hub, o.limits.stream_buffer, answers),
+      answers(o.limits.answers), answers_of_callers(answers, o.limits.answers_of_one),
+      source(w.hub, o.limits.stream_buffer, answers),
       places({o.limits.connections, o.limits.connections_of_one, 2s, o.limits.bodies},
              [](admission::place& p, admission::need) {
                  static_cast<visit&>(p).give_up(connection::reason::made_room);
@@ -118,7 +119,7 @@ struct visit::task {
     std::optional<admission::memory_share> held; /* for the body, until it is dealt with */
     desk_answer decided;
     wire_answer wire;
-    memory_budget::share share;
+    caller_budget::share share;
     asio::steady_timer until;
     bool keep = false, done = false;
     bool failed = false; /* there was no memory even for a problem answer */
@@ -362,7 +363,7 @@ awaitable<visit::next> visit::refuse(api_answer what, bool keep) {
 }
 
 /* On a reading thread. */
-void visit::work_out(task& of, clock::time_point by) {
+void visit::work_out(task& of, const caller_key& who, clock::time_point by) {
     of.decided = room_.at.answer(*asked_, of.body, from_, by);
     std::string().swap(of.body);
     if (of.decided.is_stream) {
@@ -370,7 +371,7 @@ void visit::work_out(task& of, clock::time_point by) {
     }
     const int64_t now = room_.with.now();
     of.wire = to_wire(std::move(of.decided.answer), *asked_, of.keep, now);
-    of.share = room_.answers.take(of.wire.head.size() + of.wire.body.size());
+    of.share = room_.answers_of_callers.take(who, of.wire.head.size() + of.wire.body.size());
     if (!of.share) {
         api_answer full =
             answer_of(web_problem(503, "Too many answers are waiting to be read; try again."));
@@ -383,9 +384,9 @@ void visit::work_out(task& of, clock::time_point by) {
 awaitable<void> visit::decide(task& of, const caller_key& who) {
     const auto by = clock::now() + room_.options.limits.request_time;
     begin(phase::busy, clock::duration::max());
-    auto work = [this, &of, by] {
+    auto work = [this, &of, who, by] {
         try {
-            work_out(of, by);
+            work_out(of, who, by);
         } catch (const std::exception&) { /* no memory */
             of.failed = true;
         }

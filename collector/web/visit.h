@@ -75,7 +75,7 @@ private:
     bool has_room();
     boost::asio::awaitable<next> read_whole_head();
     boost::asio::awaitable<next> read_body(task& of);
-    void work_out(task& of, clock::time_point by);
+    void work_out(task& of, const caller_key& who, clock::time_point by);
     boost::asio::awaitable<void> decide(task& of, const caller_key& who);
     boost::asio::awaitable<next> send(const wire_answer& what, bool keep);
     boost::asio::awaitable<next> refuse(api_answer what, bool keep);
@@ -115,6 +115,7 @@ public:
     bool stopping = false;
     rate_limit requests;
     memory_budget answers;
+    caller_budget answers_of_callers;
     stream_source source;
     admission places;
     std::array<char, 16384> scratch; /* for one read at a time */

@@ -269,6 +269,32 @@ TEST(web_budget, is_given_back) {
     EXPECT_EQ(budget.used(), 0u);
 }
 
+TEST(web_budget, is_nobodys_alone) {
+    memory_budget budget(100);
+    caller_budget of_callers(budget, 60);
+    const caller_key one{true, 1}, other{false, 1};
+    {
+        caller_budget::share a = of_callers.take(one, 50);
+        EXPECT_TRUE(a);
+        EXPECT_FALSE(of_callers.take(one, 11));
+        EXPECT_FALSE(of_callers.take(other, 61));
+        caller_budget::share b = of_callers.take(one, 10);
+        caller_budget::share c = of_callers.take(other, 40);
+        EXPECT_TRUE(b && c);
+        EXPECT_FALSE(of_callers.take(other, 1)) << "there is no more";
+        EXPECT_EQ(budget.used(), 100u);
+        caller_budget::share d = std::move(a);
+        a = caller_budget::share();
+        EXPECT_EQ(budget.used(), 100u);
+        d = caller_budget::share();
+        EXPECT_EQ(budget.used(), 50u);
+        EXPECT_TRUE(of_callers.take(one, 50));
+    }
+    EXPECT_EQ(budget.used(), 0u);
+    EXPECT_TRUE(of_callers.take(one, 60));
+    EXPECT_FALSE(of_callers.take(one, SIZE_MAX));
+}
+
 /* ---- readers ---- */
 
 TEST(web_readers, a_caller_waits_for_one_request_of_another_at_most) {

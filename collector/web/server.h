@@ -40,7 +40,8 @@ public:
     uint16_t port() const;
     std::string url() const; /* "http://127.0.0.1:8080", "https://[::1]:8080" */
 
-    /* Closes the port and, after what is under way (two seconds at the most), all connections. */
+    /* Closes the port and, after what is under way, all connections: two seconds at the most, but
+     * for what a resource is doing at the moment. */
     void stop();
 
 private:

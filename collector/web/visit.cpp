@@ -364,7 +364,11 @@ awaitable<visit::next> visit::refuse(api_answer what, bool keep) {
 
 /* On a reading thread. */
 void visit::work_out(task& of, const caller_key& who, clock::time_point by) {
-    of.decided = room_.at.answer(*asked_, of.body, from_, by);
+    if (room_.stopping) { /* those in line are not waited for one after the other */
+        of.decided.answer = answer_of(web_problem(503, "The collector is stopping."));
+    } else {
+        of.decided = room_.at.answer(*asked_, of.body, from_, by);
+    }
     std::string().swap(of.body);
     if (of.decided.is_stream) {
         return;

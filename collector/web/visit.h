@@ -14,6 +14,7 @@
 #include "web/web_options.h"
 
 #include <array>
+#include <atomic>
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -112,7 +113,7 @@ public:
     api_services& with;
 
     boost::asio::io_context context{1};
-    bool stopping = false;
+    std::atomic<bool> stopping = false;
     rate_limit requests;
     memory_budget answers;
     caller_budget answers_of_callers;

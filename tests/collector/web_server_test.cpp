@@ -535,6 +535,25 @@ TEST_F(web_server_test, stops_while_nobody_reads_and_many_wait) {
     server.reset();
 }
 
+TEST_F(web_server_test, who_waits_in_line_at_the_end_is_told) {
+    start();
+    std::vector<std::unique_ptr<web_client>> all;
+    for (int i = 0; i < 3; i++) { /* of one address: one is under way, the others wait */
+        all.push_back(std::make_unique<web_client>(port()));
+        all.back()->send(web_client::text("GET", "/wait"));
+        ASSERT_TRUE(held.wait_for(1));
+    }
+    std::thread stopping([&] { server->stop(); });
+    EXPECT_TRUE(eventually([&] { return !web_client(port()).connected(); }));
+    held.open();
+    stopping.join();
+    int answered = 0;
+    for (const auto& c : all) {
+        answered += c->reply().status == 200;
+    }
+    EXPECT_LE(answered, 1);
+}
+
 TEST_F(web_server_test, is_made_and_never_begun) {
     web_server never(options, nullptr, *kept, *services, [](const std::string&) {});
     never.stop();

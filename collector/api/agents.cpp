@@ -144,8 +144,18 @@ found_agent find_present(const api_request& asked, api_services& with) {
 
 api_answer retire_agent(const api_request& asked, api_services& with) {
     found_agent agent = find_present(asked, with);
-    retire_stored(with, agent.id);
-    with.send_away(agent.account, agent.name);
+    try {
+        retire_stored(with, agent.id);
+    } catch (problem& what) {
+        if (what.status == 503) { /* it may be retired yet, when the store gets to it */
+            what.audit = "asked to retire agent " + called(agent);
+        }
+        throw;
+    }
+    try {
+        with.send_away(agent.account, agent.name);
+    } catch (const std::exception&) { /* no memory: retired all the same */
+    }
     api_answer answer;
     answer.status = 204;
     answer.audit = "retired agent " + called(agent);

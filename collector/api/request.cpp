@@ -71,6 +71,7 @@ api_answer answer_of(const problem& what) {
     answer.status = what.status;
     answer.type = "application/problem+json";
     answer.body = json_text(object);
+    answer.audit = what.audit;
     return answer;
 }
 

@@ -63,6 +63,7 @@ struct problem {
     int status = 400;
     std::string title, detail;
     std::vector<line> errors = {};
+    std::string audit = {}; /* of what may have been changed all the same: see api_answer */
 };
 
 api_answer answer_of(const problem& what);

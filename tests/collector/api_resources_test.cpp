@@ -177,6 +177,9 @@ TEST_F(api_resources_test, retiring_an_agent) {
     EXPECT_EQ(get("/api/v1/tests/1").at("state"), "unknown");
     refused("/api/v1/agents/1", 409, "DELETE");
     refused("/api/v1/agents/1/check", 409, "POST");
+    noting->failure = "disk full";
+    EXPECT_EQ(ask("/api/v1/agents/2", "DELETE").audit, "asked to retire agent a@b.c/web-2");
+    noting->failure = "";
     now += 60;
     submit(load(101, noon + 120));
     EXPECT_EQ(column(get("/api/v1/agents"), "name"), "web-1 web-2") << "it begins anew";

@@ -169,6 +169,28 @@ std::shared_ptr<session> session_table::find(std::string_view id, time now,
     return s;
 }
 
+std::shared_ptr<session> session_table::polling(const std::string& account,
+                                                const std::string& agent, time now) const {
+    auto named = by_name_.find(name_key(account, agent));
+    if (named == by_name_.end()) {
+        return nullptr;
+    }
+    const entry& latest = *named->second.polling();
+    return !silent(*latest.held, latest.used, now) ? latest.held : nullptr;
+}
+
+bool session_table::end_all(const std::string& account, const std::string& agent) {
+    auto named = by_name_.find(name_key(account, agent));
+    if (named == by_name_.end()) {
+        return false;
+    }
+    if (std::optional<place> younger = named->second.younger) {
+        end(*younger);
+    }
+    end(named->second.older); /* and the name */
+    return true;
+}
+
 void session_table::sent_away(std::string_view id, time now) {
     std::optional<uint32_t> tag = tag_in(id);
     if (!tag) {

@@ -46,6 +46,10 @@ struct session {
     uint64_t delivered = 0;
     uint64_t answered_from = 0;
 
+    /* It is to do all its tests now: its next answer says so. And whether the last one did, which
+     * is given again when it turns out lost. */
+    bool check_now = false, told_to_check = false;
+
     /* The agent has been sent this interval: at the login for now, later from the second wait on.
      */
     void told(std::chrono::seconds interval) {
@@ -89,6 +93,14 @@ public:
      * after its end. `conflict` is found when this is what proves that there are two. */
     std::shared_ptr<session> find(std::string_view id, time now, std::string_view address = "",
                                   name_conflict* conflict = nullptr);
+
+    /* The session with which an agent of that name polls. Null when there is none, or when it has
+     * been silent: then nobody knows whether it comes back. Does not count as a use. */
+    std::shared_ptr<session> polling(const std::string& account, const std::string& agent,
+                                     time now) const;
+
+    /* Ends all sessions of that name, as if there had been none. False when there was none. */
+    bool end_all(const std::string& account, const std::string& agent);
 
     /* An agent that used this session, of whatever earlier run, has been told to log in again. When
      * it does, it is `running`, until a login's answer has arrived. */

@@ -237,6 +237,45 @@ TEST(collector_session, an_agent_that_was_sent_away_is_known_to_run) {
     EXPECT_FALSE(table.log_in("a@b.c", "agent", noon + 63s)->running); /* that is a restart */
 }
 
+TEST(collector_session, the_one_that_polls_is_known_by_its_name) {
+    session_table table;
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon), nullptr);
+    auto first = table.log_in("a@b.c", "agent", noon);
+    table.log_in("a@b.c", "agent2", noon);
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon), first);
+    EXPECT_EQ(table.polling("a@b", ".cagent", noon), nullptr);
+    auto second = table.log_in("a@b.c", "agent", noon + 10s);
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon + 10s), second);
+    table.find(first->id, noon + 20s); /* that one polls */
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon + 20s), first);
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon + 20s + 195s), first);
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon + 20s + 196s), nullptr); /* silent */
+    EXPECT_EQ(table.find(first->id, noon + 300s), first);                   /* it is there again */
+    EXPECT_EQ(table.polling("a@b.c", "agent", noon + 300s), first);
+}
+
+TEST(collector_session, all_of_a_name_are_ended) {
+    session_table table;
+    EXPECT_FALSE(table.end_all("a@b.c", "agent"));
+    auto first = table.log_in("a@b.c", "agent", noon), other = table.log_in("a@b.c", "b", noon);
+    auto second = table.log_in("a@b.c", "agent", noon);
+    table.find(first->id, noon);
+    table.find(first->id, noon); /* contested: the second has gone */
+    auto third = table.log_in("a@b.c", "agent", noon, "192.0.2.1");
+    EXPECT_EQ(third, nullptr);
+    EXPECT_TRUE(table.end_all("a@b.c", "agent"));
+    EXPECT_EQ(table.size(), 1u);
+    EXPECT_FALSE(table.end_all("a@b.c", "agent"));
+    EXPECT_EQ(table.find(first->id, noon), nullptr);
+    EXPECT_EQ(table.find(second->id, noon), nullptr);
+    EXPECT_EQ(table.find(other->id, noon), other);
+    auto a = table.log_in("a@b.c", "agent", noon), b = table.log_in("a@b.c", "agent", noon);
+    EXPECT_TRUE(table.end_all("a@b.c", "agent")); /* two at once */
+    EXPECT_EQ(table.find(a->id, noon), nullptr);
+    EXPECT_EQ(table.find(b->id, noon), nullptr);
+    EXPECT_EQ(table.size(), 1u);
+}
+
 TEST(collector_session, who_was_sent_away_is_forgotten_after_a_day_or_when_there_are_too_many) {
     session_table earlier;
     std::vector<std::string> ids;

@@ -23,6 +23,9 @@ public:
     virtual std::string text_for_login(const session& of) const = 0;
     virtual std::string text_after(uint64_t serial) const = 0;
 
+    /* Has an agent that is up to date do all its tests at once. */
+    virtual std::string text_for_check() = 0;
+
     /* The agent has the answer to its login. */
     virtual void login_arrived(const session& of) = 0;
 

@@ -20,6 +20,7 @@ public:
                           : lines_.text_for_new();
     }
     std::string text_after(uint64_t serial) const override { return lines_.text_after(serial); }
+    std::string text_for_check() override { return lines_.text_for_check(); }
     void login_arrived(const session& of) override { earlier_.forget(of.account, of.agent); }
     std::chrono::seconds poll_interval() const override { return lines_.poll_interval(); }
 

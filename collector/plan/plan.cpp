@@ -150,6 +150,7 @@ void plan::take(std::string_view text) {
         lines_.push_back({serial, held.number, std::string(held.text)});
     }
     intervals_ = intervals_of(lines_);
+    for_check_.reset();
     logins_.prepare(lines, at_agents_, std::move(meant), sure);
     problems_ = std::move(found);
     if (taken_) {
@@ -168,4 +169,20 @@ std::string plan::text_after(uint64_t after) const {
         }
     }
     return text;
+}
+
+/* A modify command sets what the test is and wakes its checker, whatever the interval. */
+const std::string& plan::text_for_check() {
+    if (!for_check_) {
+        std::string text;
+        for (const planned_test& test : planned_tests(lines_)) {
+            if (test.type != protocol::discovery.code) { /* a scan would begin anew */
+                size_t at = text.size();
+                text.append(lines_[test.line].text).append("\n");
+                text[at + 2] = 'M'; /* the same fields */
+            }
+        }
+        for_check_ = std::move(text);
+    }
+    return *for_check_;
 }

@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,11 @@ public:
         return logins_.text_for_running(lines_, known);
     }
 
+    /* Has an agent that has everything do its tests at once: of each test of which results come,
+     * but for network scans, the line that says last what it is, as a modify command. It changes
+     * nothing else. */
+    const std::string& text_for_check();
+
     /* How long an agent with this plan waits between two polls. */
     std::chrono::seconds poll_interval() const { return std::chrono::seconds(intervals_.poll); }
 
@@ -98,6 +104,7 @@ private:
     uint64_t newest_ = 0;
     planned_intervals intervals_;
     login_plan logins_;
+    std::optional<std::string> for_check_; /* made when it is asked for */
 };
 
 #endif

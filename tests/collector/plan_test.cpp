@@ -648,6 +648,28 @@ TEST_F(plan_test, snmp_tests_are_removed_and_added_and_scans_go_on) {
               all);
 }
 
+/* Of each test that is planned in the end and brings results, what it was told to be last. */
+TEST_F(plan_test, an_agent_checks_now_by_being_told_what_its_tests_are) {
+    const std::string scan = "DCA\t12\t1\t10.0.0.1\t10.0.0.9\t1.3\n";
+    start("POL\t0\t30\nCHK\t0\t60\nUPD\ta\tb\tc\n" + laa5 + laa6 + "LAM\t5\t1\t9\t9\t9\n" +
+          "LAD\t6\t0\n" + laa6 + walk9 + table10 + get11 + scan +
+          "LAA\t7\t1\t1\t2\t3\nLAD\t7\t0\nDKA\t1\t1\t/\t1\nDKA\t2\t1\t/\t1\t2\n"
+          "TSA\t1\t8080\tall\nUSA\t1\t/run/feed\n");
+    EXPECT_EQ(take_problems(), strings());
+    std::string table = table10, get = get11, six = laa6;
+    table[2] = get[2] = six[2] = 'M';
+    EXPECT_EQ(p->text_for_check(),
+              "LAM\t5\t1\t9\t9\t9\n" + six + table + get + "DKM\t1\t1\t/\t1\n");
+    EXPECT_EQ(p->text_for_check(), p->text_for_check());
+    write_text(path, laa5);
+    settle();
+    settle();
+    std::string five = laa5;
+    five[2] = 'M';
+    EXPECT_EQ(p->text_for_check(), five);
+    EXPECT_EQ(plan("", nullptr).text_for_check(), "");
+}
+
 TEST_F(plan_test, what_an_agent_has_reported_is_removed_before_the_plan_comes) {
     start("POL\t0\t30\n" + laa5 + laa6);
     EXPECT_EQ(p->text_for_running({{type_load_average, 6},

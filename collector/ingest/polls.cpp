@@ -113,13 +113,34 @@ awaitable<void> polls::answer_poll(exchange& x) {
     commands_.refresh();
     uint64_t from = end == fate::duplicate ? s->answered_from : s->delivered;
     uint64_t newest = commands_.newest();
-    auto sent = x.answer("200 OK", "", commands_.text_after(from));
+    const bool check = s->check_now || (end == fate::duplicate && s->told_to_check);
+    std::string text = commands_.text_after(from);
+    if (check) {
+        text += commands_.text_for_check();
+    }
+    auto sent = x.answer("200 OK", "", text);
     bool arrived = co_await std::move(sent);
     if (arrived) {
         s->told(commands_.poll_interval());
         s->answered_from = from;
         s->delivered = std::max(s->delivered, newest);
+        s->told_to_check = check;
+        s->check_now = s->check_now && !check;
     }
+}
+
+bool polls::check_now(const std::string& account, const std::string& agent) {
+    std::shared_ptr<session> s = sessions_.polling(account, agent, exchange::clock::now());
+    if (s) {
+        s->check_now = true;
+    }
+    return s != nullptr;
+}
+
+bool polls::send_away(const std::string& account, const std::string& agent) {
+    bool there = sessions_.end_all(account, agent);
+    room_.counted.sessions.set(sessions_.size());
+    return there;
 }
 
 /* Reads, unpacks and stores the block of a poll. */

@@ -40,6 +40,10 @@ public:
     boost::asio::awaitable<void> answer_poll(exchange& x);
     boost::asio::awaitable<void> answer_nonsense(exchange& x, const std::string& error);
 
+    /* Of an agent by its name; false when it has no session: server.h. */
+    bool check_now(const std::string& account, const std::string& agent);
+    bool send_away(const std::string& account, const std::string& agent);
+
 private:
     /* What becomes of a block. */
     enum class fate {

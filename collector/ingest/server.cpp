@@ -113,6 +113,14 @@ void server::stop() {
     asio::post(state_->context, [this] { state_->door.stop(); });
 }
 
+bool server::check_now(const std::string& account, const std::string& agent) {
+    return state_->agents.check_now(account, agent);
+}
+
+bool server::send_away(const std::string& account, const std::string& agent) {
+    return state_->agents.send_away(account, agent);
+}
+
 asio::io_context& server::context() {
     return state_->context;
 }

@@ -54,6 +54,15 @@ public:
      * server_deadlines::stop at the latest. From any thread. */
     void stop();
 
+    /* Has the agent do all its planned tests, whatever their interval: the answer to its next poll
+     * says so, once. False when it has no session, or has been silent for three intervals. On the
+     * network thread: post it to context(). */
+    bool check_now(const std::string& account, const std::string& agent);
+
+    /* Ends the agent's session: with its next poll it is told to log in again. False when it has
+     * none. On the network thread. */
+    bool send_away(const std::string& account, const std::string& agent);
+
     /* For what else runs on the network thread: signals, timers. run() also waits for it. */
     boost::asio::io_context& context();
 

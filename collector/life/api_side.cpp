@@ -4,8 +4,14 @@
 #include "base/files.h"
 #include "life/token_commands.h"
 
+#include <boost/asio/post.hpp>
+#include <chrono>
 #include <ctime>
+#include <exception>
+#include <future>
 #include <unistd.h>
+
+static constexpr std::chrono::seconds longest_wait_for_agents{1};
 
 static web_options web_options_from(const options& o, size_t connections,
                                     const identity_report& identity) {
@@ -26,12 +32,43 @@ static bool is_loopback(const std::string& address) {
 }
 
 api_side::api_side(const options& o, size_t connections, const identity_report& identity,
-                   SSL_CTX* tls, ingest& results, event_hub& hub, const counters& counted,
-                   std::function<void(const std::string&)> log)
+                   SSL_CTX* tls, ingest& results, server& agents, event_hub& hub,
+                   const counters& counted, std::function<void(const std::string&)> log)
     : options_(o), web_(web_options_from(o, connections, identity)),
       tls_(is_loopback(o.web_address) ? nullptr : tls), log_(std::move(log)),
-      stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results), hub_(hub),
-      counted_(counted) {}
+      stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results), agents_(agents),
+      hub_(hub), counted_(counted) {}
+
+/* Has the network thread do it, and says what came of it; none when that takes longer than a
+ * second: it is done later then. So it refers to nothing of this call's. */
+std::optional<bool> api_side::ask_agents(bool (server::*what)(const std::string&,
+                                                              const std::string&),
+                                         std::string_view account, std::string_view agent) const {
+    auto answer = std::make_shared<std::promise<bool>>();
+    std::future<bool> done = answer->get_future();
+    boost::asio::post(agents_.context(),
+                      [&agents = agents_, what, answer, account = std::string(account),
+                       agent = std::string(agent)] {
+                          try {
+                              answer->set_value((agents.*what)(account, agent));
+                          } catch (const std::exception&) { /* nobody else would catch it */
+                              answer->set_exception(std::current_exception());
+                          }
+                      });
+    if (done.wait_for(longest_wait_for_agents) != std::future_status::ready) {
+        return std::nullopt;
+    }
+    return done.get();
+}
+
+bool api_side::check_now(std::string_view account, std::string_view agent) const {
+    std::optional<bool> told = ask_agents(&server::check_now, account, agent);
+    if (!told) {
+        throw_unavailable("The collector is busy with its agents: within a second it could not "
+                          "tell this one. It may still do so.");
+    }
+    return *told;
+}
 
 api_side::~api_side() {
     stop();
@@ -46,26 +83,30 @@ bool api_side::start(std::string& error) {
     if (!kept_) {
         return false;
     }
-    services_ = std::make_unique<api_services>(
-        api_services{.stored = *stored_,
-                     .results = results_,
-                     .hub = hub_,
-                     .kept = *kept_,
-                     .counted = counted_,
-                     .now = [] { return int64_t{time(nullptr)}; },
-                     .check_now = [](std::string_view, std::string_view) { return false; },
-                     .send_away = [](std::string_view, std::string_view) {},
-                     .readiness =
-                         [this](bool& ready) {
-                             std::vector<std::string> notes;
-                             std::string reason;
-                             ready = open_reader(options_.state_dir, reason) != nullptr;
-                             if (!ready) {
-                                 notes.push_back("what is stored cannot be read: " + reason);
-                             }
-                             return notes;
-                         },
-                     .version = collector_version()});
+    services_ = std::make_unique<api_services>(api_services{
+        .stored = *stored_,
+        .results = results_,
+        .hub = hub_,
+        .kept = *kept_,
+        .counted = counted_,
+        .now = [] { return int64_t{time(nullptr)}; },
+        .check_now = [this](std::string_view account,
+                            std::string_view agent) { return check_now(account, agent); },
+        .send_away =
+            [this](std::string_view account, std::string_view agent) {
+                ask_agents(&server::send_away, account, agent);
+            },
+        .readiness =
+            [this](bool& ready) {
+                std::vector<std::string> notes;
+                std::string reason;
+                ready = open_reader(options_.state_dir, reason) != nullptr;
+                if (!ready) {
+                    notes.push_back("what is stored cannot be read: " + reason);
+                }
+                return notes;
+            },
+        .version = collector_version()});
     auto server = std::make_unique<web_server>(web_, tls_, *kept_, *services_, log_);
     if (!server->listen(error)) {
         return false;

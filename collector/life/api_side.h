@@ -6,17 +6,21 @@
 #include "api/services.h"
 #include "base/identity.h"
 #include "base/tls.h"
+#include "ingest/server.h"
 #include "life/options.h"
 #include "web/server.h"
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 class api_side {
 public:
+    /* All must outlive this. */
     api_side(const options& o, size_t connections, const identity_report& identity, SSL_CTX* tls,
-             ingest& results, event_hub& hub, const counters& counted,
+             ingest& results, server& agents, event_hub& hub, const counters& counted,
              std::function<void(const std::string&)> log);
     ~api_side(); /* stop() */
 
@@ -32,6 +36,11 @@ public:
     void stop();
 
 private:
+    std::optional<bool> ask_agents(bool (server::*what)(const std::string& account,
+                                                        const std::string& agent),
+                                   std::string_view account, std::string_view agent) const;
+    bool check_now(std::string_view account, std::string_view agent) const;
+
     const options& options_;
     const web_options web_;
     SSL_CTX* const tls_;
@@ -39,6 +48,7 @@ private:
     std::unique_ptr<settings> kept_;
     std::unique_ptr<reader_pool> stored_;
     ingest& results_;
+    server& agents_;
     event_hub& hub_;
     const counters& counted_;
     std::unique_ptr<api_services> services_;

@@ -202,7 +202,7 @@ static int run_server(const options& o) {
         return fail(error);
     }
     api_side api(
-        o, for_web, identity, tls.get(), *results, hub, counted,
+        o, for_web, identity, tls.get(), *results, collector, hub, counted,
         [&](const std::string& line) { output->on_problem(utc_time(time(nullptr)) + " " + line); });
     if (!o.web_address.empty() && !api.start(error)) {
         if (o.web_given) {

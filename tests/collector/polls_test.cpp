@@ -379,6 +379,57 @@ TEST_F(collector_server, lines_added_are_sent_once_at_the_next_poll) {
     EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
 }
 
+TEST_F(collector_server, who_is_to_check_now_is_told_once) {
+    start("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\n");
+    const std::string check = "LAM\t7\t1\t5\t5\t5\n";
+    EXPECT_FALSE(on_network([&] { return server_->check_now("me@example.org", "agent"); }));
+    std::string session = log_in(), other = log_in("other");
+    EXPECT_FALSE(on_network([&] { return server_->check_now("me@example.org", "none"); }));
+    auto tell = [&] {
+        return on_network([&] { return server_->check_now("me@example.org", "agent"); });
+    };
+    EXPECT_TRUE(tell());
+    EXPECT_TRUE(tell());
+    EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+    EXPECT_EQ(ask(poll_text(session, "x")).body, check);
+    EXPECT_EQ(ask(poll_text(session, "y")).text, empty_text);
+    /* its answer was lost: it is given again with the block */
+    EXPECT_TRUE(tell());
+    EXPECT_EQ(ask(poll_text(session, "z")).body, check);
+    store_->will_answer(store_result::duplicate);
+    EXPECT_EQ(ask(poll_text(session, "z")).body, check);
+    EXPECT_EQ(ask(poll_text(session, "w")).text, empty_text);
+    store_->will_answer(store_result::duplicate);
+    EXPECT_EQ(ask(poll_text(session, "w")).text, empty_text);
+    /* not stored, so not answered: it stands */
+    EXPECT_TRUE(tell());
+    store_->will_answer(store_result::failed);
+    EXPECT_EQ(ask(poll_text(session, "v")).end, ending::reset);
+    /* behind what is new */
+    write_plan("POL\t0\t30\nLAA\t7\t1\t5\t5\t5\nLAA\t8\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "v")).body,
+              "LAA\t8\t1\t5\t5\t5\n" + check + "LAM\t8\t1\t5\t5\t5\n");
+    EXPECT_EQ(ask(poll_text(session, "u")).text, empty_text);
+}
+
+TEST_F(collector_server, who_is_sent_away_logs_in_again_and_is_known_to_run) {
+    start("LAA\t7\t1\t5\t5\t5\n");
+    auto send_away = [&] {
+        return on_network([&] { return server_->send_away("me@example.org", "agent"); });
+    };
+    EXPECT_FALSE(send_away());
+    std::string session = log_in(), other = log_in("other");
+    EXPECT_EQ(ask(poll_text(session, "x")).text, empty_text);
+    EXPECT_TRUE(send_away());
+    EXPECT_FALSE(send_away());
+    EXPECT_EQ(counted_.sessions.get(), 1u);
+    EXPECT_EQ(ask(poll_text(session, "y")).text, refused_text);
+    EXPECT_EQ(ask(poll_text(other, "")).text, empty_text);
+    EXPECT_EQ(store_->blocks().size(), 1u); /* the agent has the other one yet */
+    EXPECT_EQ(ask(login_text("me@example.org", "agent")).body,
+              "LAA\t7\t1\t5\t5\t5\nLAM\t7\t1\t5\t5\t5\n");
+}
+
 /* What is known from before is removed once, from an agent that ran already. */
 TEST_F(collector_server, an_agent_that_ran_before_the_start_is_put_right) {
     known_tests earlier;

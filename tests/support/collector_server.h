@@ -9,9 +9,12 @@
 #include "plan/commands_for_agents.h"
 
 #include <arpa/inet.h>
+#include <boost/asio/post.hpp>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
+#include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <netinet/tcp.h>
@@ -373,6 +376,13 @@ protected:
     reply ask_from(const char* address, const std::string& text) {
         client c(port_, address);
         return c.handshake() && c.send(text) ? c.read_reply() : reply();
+    }
+
+    /* What `what` returns on the network thread. */
+    bool on_network(const std::function<bool()>& what) {
+        std::promise<bool> result;
+        boost::asio::post(server_->context(), [&] { result.set_value(what()); });
+        return result.get_future().get();
     }
 
     std::string log_in(const std::string& agent = "agent") {

@@ -35,6 +35,7 @@ struct api_request {
                                                                          route's table, each once */
     std::string_view body = {};
     std::string if_none_match = {};
+    std::string accept = {}; /* types of answers, for resources that have several; empty: any */
     caller who = {};
     /* Reading ends with a problem 503 "took too long" when this has passed: see api_store. */
     std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();

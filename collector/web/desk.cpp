@@ -85,6 +85,7 @@ desk_answer desk::answer(const request_head& head, std::string_view body, const 
         api_request asked;
         asked.body = body;
         asked.if_none_match = head.if_none_match;
+        asked.accept = head.accept;
         asked.deadline = deadline;
         asked.who = callers_.find(head.secret(), with_.now());
         asked.who.address = from.address;

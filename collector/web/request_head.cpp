@@ -152,6 +152,10 @@ std::optional<problem> read_fields(const http::fields& fields, bool tls, request
     if (there && !out.expects_continue) {
         return web_problem(417, "Expect can only be 100-continue.");
     }
+    auto [first, last] = fields.equal_range(http::field::accept);
+    for (; first != last; ++first) {
+        out.accept.append(out.accept.empty() ? "" : ", ").append(view(first->value()));
+    }
     out.cookie = find_cookie(fields, cookie_name(tls));
     out.takes_gzip = takes_gzip(fields);
     return {};

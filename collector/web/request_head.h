@@ -20,6 +20,7 @@ struct request_head {
     std::string origin;
     std::string bearer, cookie; /* secrets; empty: none */
     std::string if_none_match, last_event_id;
+    std::string accept; /* of several headers: with commas between */
     size_t content_length = 0;
     bool has_origin = false;
     bool has_authorization = false; /* of whatever kind: the cookie does not count then */

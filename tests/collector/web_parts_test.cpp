@@ -61,6 +61,9 @@ TEST(web_head, what_is_asked) {
     EXPECT_EQ(r.head.if_none_match, "\"1\"");
     EXPECT_EQ(r.head.last_event_id, "1-2");
     EXPECT_EQ(r.head.content_length, 17u);
+    EXPECT_EQ(r.head.accept, "");
+    EXPECT_EQ(with("Accept: a/b;q=0.5\r\nX: y\r\nAccept: c/d, */*\r\n").head.accept,
+              "a/b;q=0.5, c/d, */*");
 }
 
 TEST(web_head, keep_alive) {

@@ -118,7 +118,11 @@ std::string operation_id(const route& row) {
 json::object operation_of(const route& row) {
     json::object answer{{"description", words_for(row.status)}};
     if (*row.answers != '\0') {
-        answer.emplace("content", body_of(row.answers, row.type));
+        json::object content = body_of(row.answers, row.type);
+        if (*row.other_type != '\0') {
+            content.emplace(row.other_type, json::object{{"schema", reference_to(row.answers)}});
+        }
+        answer.emplace("content", std::move(content));
     }
     json::object operation{{"operationId", operation_id(row)}, {"summary", row.summary}};
     json::array parameters = parameters_of(row);

@@ -50,6 +50,7 @@ struct route {
                                                                             answers it itself */
     bool is_stream = false;                                              /* of server-sent events */
     const char* type = "application/json";                               /* of the answer */
+    const char* other_type = ""; /* that it has instead where Accept wants that; "": none */
 };
 
 /* All rows, by pattern. */

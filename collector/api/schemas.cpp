@@ -98,6 +98,8 @@ const schema_def schemas[] = {
 "values":{"$ref":"#/components/schemas/values"},"location":{"type":["integer","null"]},
 "agent":{"$ref":"#/components/schemas/agent_reference"},
 "test":{"$ref":"#/components/schemas/test_reference"}},"additionalProperties":false})json"},
+    {"metrics", R"json(
+{"type":"string","description":"OpenMetrics 1.0, or Prometheus' text format 0.0.4."})json"},
     {"new_token", R"json(
 {"type":"object","required":["name","role"],"properties":{"name":{"type":"string",
 "minLength":1,"maxLength":100},"role":{"enum":["viewer","operator","admin"]},

@@ -1,13 +1,15 @@
 /* Whatever is asked of the API, by anybody: paths, parameters, bodies, tags. Input: one byte for
- * the method and the role, then lines: the target, If-None-Match, and the rest is the body. Asked
- * of a store that has an agent with two tests; what changes it is only noted. */
+ * the method and the role, then lines: the target, If-None-Match (and Accept), and the rest is the
+ * body. Asked of a store that has an agent with two tests; what changes it is only noted. */
 #include "api/json.h"
 #include "api/live.h"
+#include "api/metric_text.h"
 #include "api/route.h"
 #include "api/services.h"
 #include "base/text.h"
 #include "fuzz.h"
 #include "ingest/ingest.h"
+#include "tests/support/open_metrics.h"
 
 #include <boost/json.hpp>
 #include <cstdlib>
@@ -140,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view rest = text;
     const std::string_view target = take_line(rest);
     api_request asked;
-    asked.if_none_match = take_line(rest);
+    asked.if_none_match = asked.accept = take_line(rest);
     asked.body = rest;
     asked.who = {static_cast<role>(data[0] >> 3 & 3), 1, "somebody", "192.0.2.1"};
     api_answer answer = answer_request(methods[data[0] & 7], target, asked, here.services());
@@ -148,7 +150,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(answer.status >= 200 && answer.status <= 503);
     require(answer.status != 500);
     require(answer.body.find('\0') == std::string::npos && valid_utf8(answer.body) == answer.body);
-    if (!answer.body.empty()) {
+    if (answer.type == open_metrics_type) {
+        require(answer.status == 304 || open_metrics().read(answer.body).empty());
+    } else if (!answer.body.empty() && answer.type != metric_text_type) {
         boost::json::error_code error;
         boost::json::value value = boost::json::parse(answer.body, error);
         require(!error && value.is_object());

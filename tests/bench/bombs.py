@@ -59,7 +59,7 @@ def measure(name, args, directory):
     port_file = os.path.join(directory, "port")
     with open(os.devnull, "w", encoding="ascii") as nowhere:
         collector = subprocess.Popen(
-            [args.collector, "--port", "0", "--port-file", port_file, "--state-dir",
+            [args.collector, "--web", "off", "--port", "0", "--port-file", port_file, "--state-dir",
              os.path.join(directory, "state"), "--json" if args.json else "--quiet"],
             stdout=nowhere, stderr=open(os.path.join(directory, "log"), "wb"))
     count_on(collector, "the collector")

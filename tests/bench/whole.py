@@ -104,8 +104,9 @@ def start_collector(home, *before, options=(), env=None, program=None, step_s=0.
     port_file = os.path.join(home, "port")
     if os.path.exists(port_file):
         os.unlink(port_file)
+    web = [] if program else ["--web", "off"]  # another program may be an earlier one, without that option
     process = subprocess.Popen(
-        [*before, program or os.path.join(BUILD, "vindral-collector"), "--quiet", "--port", "0", "--port-file",
+        [*before, program or os.path.join(BUILD, "vindral-collector"), "--quiet", *web, "--port", "0", "--port-file",
          port_file, "--state-dir", os.path.join(home, "state"), "--max-per-address", "1000", *options],
         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)
     count_on(process, "the collector")

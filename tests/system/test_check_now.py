@@ -6,6 +6,7 @@ import json
 import asking
 import harness
 
+AGENT = "/api/v1/agents/user%40example.net%2Fweb1"
 PLAN = ["POL\t0\t1", "CHK\t0\t86400", "LAA\t1\t1\t-1\t-1\t-1", "LAM\t1\t2\t-1\t-1\t-1", "MMA\t2\t1\t-1\t-1\t-1\t-1\t-1"]
 
 
@@ -23,16 +24,15 @@ class CheckNow(harness.TestCase):
     def wait_polls(self, count):
         """Until the agent has been heard of in so many more seconds."""
         for _ in range(count):
-            before = self.collector.get("/api/v1/agents/user%40example.net%2Fweb1")["last_poll"]
-            harness.wait_until(lambda: self.collector.get("/api/v1/agents/user%40example.net%2Fweb1")["last_poll"] != before,
-                               "another poll")
+            before = self.collector.get(AGENT)["last_poll"]
+            harness.wait_until(lambda: self.collector.get(AGENT)["last_poll"] != before, "another poll")
 
     def test_an_agent_reports_its_tests_at_once(self):
         self.wait_polls(3)
         before = {test: self.count(test) for test in (1, 2)}
         self.wait_polls(2)
         self.assertEqual({test: self.count(test) for test in (1, 2)}, before, "a check interval is a day")
-        status, _, text = self.collector.ask("/api/v1/agents/user%40example.net%2Fweb1/check", "POST")
+        status, _, text = self.collector.ask(AGENT + "/check", "POST")
         self.assertEqual((status, json.loads(text)["accepted"]), (202, True), text)
         for test in (1, 2):
             results = self.collector.wait_test(test, before[test] + 1)
@@ -40,19 +40,20 @@ class CheckNow(harness.TestCase):
         self.wait_polls(3)  # once
         self.assertEqual({test: self.count(test) for test in (1, 2)},
                          {test: count + 1 for test, count in before.items()})
-        self.collector.wait_errors("audit: system test (admin) from 127.0.0.1: had agent user@example.net/web1 check now")
+        self.collector.wait_errors(
+            "audit: system test (admin) from 127.0.0.1: had agent user@example.net/web1 check now")
 
     def test_one_that_is_not_there_cannot_be_told(self):
         self.agent.stop()
         self.collector.stop()
         self.collector.start()  # nobody has a session
-        status, _, text = self.collector.ask("/api/v1/agents/user%40example.net%2Fweb1/check", "POST")
+        status, _, text = self.collector.ask(AGENT + "/check", "POST")
         self.assertEqual(status, 409, text)
 
     def test_a_retired_agent_logs_in_anew(self):
         login = "Authorization was successfully completed."
         self.agent.wait_log(login)
-        status, _, text = self.collector.ask("/api/v1/agents/user%40example.net%2Fweb1", "DELETE")
+        status, _, text = self.collector.ask(AGENT, "DELETE")
         self.assertEqual(status, 204, text)
         self.agent.wait_log(login, 2)
 

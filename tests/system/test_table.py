@@ -30,7 +30,7 @@ class OnTerminal(harness.Collector):
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, self.size)
         with open(os.path.join(self.dir, "errors"), "ab") as errors:
             self.process = subprocess.Popen(
-                [harness.COLLECTOR, "--port", str(self.port), "--port-file", self.port_file,
+                [harness.COLLECTOR, "--web", "off", "--port", str(self.port), "--port-file", self.port_file,
                  "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
                 stdin=subprocess.DEVNULL, stdout=theirs, stderr=errors,
                 env=dict(self.env, TERM="xterm"))

@@ -1,5 +1,6 @@
 /* What Prometheus is told. */
-#include "api/metric_text.h"
+#include "api/metrics.cpp"
+
 #include "api_place.h"
 #include "open_metrics.h"
 
@@ -241,6 +242,18 @@ TEST_F(api_metrics_test, the_last_value_of_each_test) {
     EXPECT_EQ(read("/metrics?fleet=1&type=disk,ping").count("vindral_test_state"), 1u);
     EXPECT_EQ(read("/metrics?fleet=0").count("vindral_test_state"), 0u);
     EXPECT_EQ(ask("/metrics?fleet&agent=nobody").status, 404);
+}
+
+TEST_F(api_metrics_test, what_has_no_room_is_counted) {
+    submit(load(101, now) + disk(401, now));
+    submit(load(101, now), "web-2");
+    const size_t usual = std::exchange(most_fleet_bytes, 100);
+    open_metrics found = read("/metrics?fleet");
+    EXPECT_EQ(found.value("vindral_tests_left_out"), 2);
+    EXPECT_EQ(found.count("vindral_test_state"), 1u);
+    EXPECT_EQ(found.value("vindral_tests{state=\"ok\"}"), 3) << "counted all the same";
+    EXPECT_EQ(read("/metrics?fleet&agent=a@b.c/web-2").value("vindral_tests_left_out"), 0);
+    most_fleet_bytes = usual;
 }
 
 /* What is not known now has no value: a curve ends there. */

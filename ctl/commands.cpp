@@ -1,0 +1,245 @@
+#include "ctl/commands.h"
+
+#include "ctl/handlers.h"
+
+namespace {
+
+/* ---- options ---- */
+
+const option_def url = {.name = "--url",
+                        .value = "URL",
+                        .help = "where the API is; VINDRAL_URL, else http://127.0.0.1:8080",
+                        .text = &given::url};
+const option_def token = {.name = "--token",
+                          .value = "TOKEN",
+                          .help = "who asks; others on this machine may see it: better "
+                                  "--token-file, or VINDRAL_TOKEN",
+                          .text = &given::token};
+const option_def token_file = {.name = "--token-file",
+                               .value = "FILE",
+                               .help = "the token is the first line of FILE",
+                               .text = &given::token_file};
+const option_def ca = {.name = "--ca",
+                       .value = "FILE",
+                       .help = "trust the authorities in FILE (PEM) instead of this system's",
+                       .text = &given::ca};
+const option_def as_json = {.name = "--json",
+                            .value = nullptr,
+                            .help = "JSON as the API answered; lists: an item a line",
+                            .flag = &given::json};
+const option_def ascii = {.name = "--ascii",
+                          .value = nullptr,
+                          .help = "nothing but ASCII, also where the locale has more",
+                          .flag = &given::ascii};
+const option_def no_color = {.name = "--no-color",
+                             .value = nullptr,
+                             .help = "no colours, also on a terminal; as NO_COLOR",
+                             .flag = &given::no_color};
+
+const option_def agent = {.name = "--agent",
+                          .value = "AGENT",
+                          .help = "only of this agent: its id, account/name or name",
+                          .text = &given::agent};
+const option_def test = {.name = "--test",
+                         .value = "TEST",
+                         .help = "only of this test: its id or AGENT:NAME",
+                         .text = &given::test};
+const option_def type = {.name = "--type",
+                         .value = "TYPE",
+                         .help = "only tests of these types, with commas between",
+                         .text = &given::type,
+                         .choices = "network|discovery|process|cpu|disk|memory|ping|http|snmp|"
+                                    "load average|snmp table|mysql"};
+const option_def agent_state = {.name = "--state",
+                                .value = "STATE",
+                                .help = "only in these states, with commas between",
+                                .text = &given::state,
+                                .choices = "ok|problem|unknown|stale|silent"};
+const option_def test_state = {.name = "--state",
+                               .value = "STATE",
+                               .help = "only in these states, with commas between",
+                               .text = &given::state,
+                               .choices = "ok|problem|unknown|stale"};
+const option_def q = {.name = "--q",
+                      .value = "TEXT",
+                      .help = "only with this text in their names, whatever the case",
+                      .text = &given::q};
+const option_def event_q = {.name = "--q",
+                            .value = "TEXT",
+                            .help = "only with this text in message or names, whatever the case",
+                            .text = &given::q};
+const option_def from = {
+    .name = "--from", .value = "TIME", .help = "from this time on", .text = &given::from};
+const option_def to = {
+    .name = "--to", .value = "TIME", .help = "before this time", .text = &given::to};
+constexpr int64_t most_limit = 1000000000;
+const option_def limit_all = {.name = "--limit",
+                              .value = "N",
+                              .help = "N of them at the most; all by default",
+                              .number = &given::limit,
+                              .least = 0,
+                              .most = most_limit};
+const option_def limit_20 = {.name = "--limit",
+                             .value = "N",
+                             .help = "N of them at the most, 0 for all; 20 by default",
+                             .number = &given::limit,
+                             .least = 0,
+                             .most = most_limit};
+const option_def limit_100 = {.name = "--limit",
+                              .value = "N",
+                              .help = "N of them at the most, 0 for all; 100 by default",
+                              .number = &given::limit,
+                              .least = 0,
+                              .most = most_limit};
+const option_def limit_watch = {.name = "--limit",
+                                .value = "N",
+                                .help = "end after N messages",
+                                .number = &given::limit,
+                                .least = 0,
+                                .most = most_limit};
+const option_def fail = {.name = "--fail",
+                         .value = nullptr,
+                         .help = "status 1 when one of those listed is a problem or silent; with "
+                                 "--state when any is listed",
+                         .flag = &given::fail};
+const option_def fail_missing = {.name = "--fail",
+                                 .value = nullptr,
+                                 .help = "status 1 when any result is missing",
+                                 .flag = &given::fail};
+const option_def points = {.name = "--points",
+                           .value = "N",
+                           .help = "about N points, or fewer; by the width by default",
+                           .number = &given::points,
+                           .least = 1,
+                           .most = most_limit};
+const option_def rate = {.name = "--rate",
+                         .value = nullptr,
+                         .help = "counters: how much a second",
+                         .flag = &given::rate};
+const option_def value = {.name = "--value",
+                          .value = "NAME",
+                          .help = "plot this value; may be repeated; all by default",
+                          .texts = &given::values};
+const option_def height = {.name = "--height",
+                           .value = "ROWS",
+                           .help = "rows of each plot; 12 by default, 6 of several",
+                           .number = &given::height,
+                           .least = 2,
+                           .most = 100};
+const option_def kind = {.name = "--kind",
+                         .value = "KIND",
+                         .help = "only messages of these kinds, with commas between",
+                         .text = &given::kind,
+                         .choices = "result|event|agent"};
+const option_def role = {.name = "--role",
+                         .value = "ROLE",
+                         .help = "what it may: viewer, operator or admin",
+                         .text = &given::role,
+                         .choices = "viewer|operator|admin"};
+const option_def ends = {.name = "--ends",
+                         .value = "TIME",
+                         .help = "when it ends; never by default",
+                         .text = &given::ends};
+
+const option_def* const of_all[] = {&url, &token, &token_file, &ca, &as_json, &ascii, &no_color};
+
+const option_def* const of_agents[] = {&agent_state, &q, &limit_all, &fail};
+const option_def* const of_tests[] = {&agent, &test_state, &type, &q, &limit_all, &fail};
+const option_def* const of_results[] = {&from, &to, &limit_20};
+const option_def* const of_series[] = {&from, &to, &points, &rate, &value, &height};
+const option_def* const of_events[] = {&agent,   &test, &type, &agent_state,
+                                       &event_q, &from, &to,   &limit_100};
+const option_def* const of_ledger[] = {&agent, &from, &to, &limit_all, &fail_missing};
+const option_def* const of_watch[] = {&kind, &agent, &test, &limit_watch};
+const option_def* const of_tokens[] = {&limit_all};
+const option_def* const of_new_token[] = {&role, &ends};
+
+/* ---- commands ---- */
+
+const command_def commands[] = {
+    {.name = "agents",
+     .word = nullptr,
+     .help = "list the agents",
+     .options = of_agents,
+     .run = run_agents},
+    {.name = "agents show",
+     .word = "AGENT",
+     .help = "show one, and what it found on its host",
+     .options = {},
+     .run = run_show_agent},
+    {.name = "agents retire",
+     .word = "AGENT",
+     .help = "retire one: it is in no list, and silent to nobody, until it polls again",
+     .options = {},
+     .run = run_retire_agent},
+    {.name = "tests",
+     .word = nullptr,
+     .help = "list the tests, each with its last result",
+     .options = of_tests,
+     .run = run_tests},
+    {.name = "results",
+     .word = "TEST",
+     .help = "list the results of a test, newest first",
+     .options = of_results,
+     .run = run_results},
+    {.name = "series",
+     .word = "TEST",
+     .help = "plot the values of a test, of a day by default",
+     .options = of_series,
+     .run = run_series},
+    {.name = "events",
+     .word = nullptr,
+     .help = "list the changes of state, newest first",
+     .options = of_events,
+     .run = run_events},
+    {.name = "ledger",
+     .word = nullptr,
+     .help = "list what came in hour by hour, and what is missing; of a day by default",
+     .options = of_ledger,
+     .run = run_ledger},
+    {.name = "watch",
+     .word = nullptr,
+     .help = "print what happens as it happens",
+     .options = of_watch,
+     .run = run_watch},
+    {.name = "check",
+     .word = "AGENT",
+     .help = "have an agent do all its tests now",
+     .options = {},
+     .run = run_check},
+    {.name = "tokens",
+     .word = nullptr,
+     .help = "who may ask; for admins",
+     .options = {},
+     .run = nullptr},
+    {.name = "tokens list",
+     .word = nullptr,
+     .help = "list the tokens and the sessions of browsers",
+     .options = of_tokens,
+     .run = run_list_tokens},
+    {.name = "tokens add",
+     .word = "NAME",
+     .help = "make one, and print it: this once",
+     .options = of_new_token,
+     .run = run_add_token},
+    {.name = "tokens remove",
+     .word = "NAME",
+     .help = "remove one, by its name or id, and end the sessions begun with it",
+     .options = {},
+     .run = run_remove_token},
+    {.name = "version",
+     .word = nullptr,
+     .help = "print the versions of this program and of the collector",
+     .options = {},
+     .run = run_version},
+};
+
+} // namespace
+
+std::span<const command_def> all_commands() {
+    return commands;
+}
+
+std::span<const option_def* const> global_options() {
+    return of_all;
+}

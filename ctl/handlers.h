@@ -1,0 +1,22 @@
+/* What the commands do, a function each; which is which stands in commands.cpp. */
+#ifndef VINDRAL_CTL_HANDLERS_H
+#define VINDRAL_CTL_HANDLERS_H
+
+#include "ctl/place.h"
+
+int run_agents(const place& here);
+int run_show_agent(const place& here);
+int run_retire_agent(const place& here);
+int run_check(const place& here);
+int run_tests(const place& here);
+int run_results(const place& here);
+int run_series(const place& here);
+int run_events(const place& here);
+int run_ledger(const place& here);
+int run_watch(const place& here);
+int run_list_tokens(const place& here);
+int run_add_token(const place& here);
+int run_remove_token(const place& here);
+int run_version(const place& here);
+
+#endif

@@ -1,0 +1,2 @@
+/* Boost.JSON is compiled here, once, instead of being linked. */
+#include <boost/json/src.hpp>

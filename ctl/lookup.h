@@ -1,0 +1,27 @@
+/* Agents and tests by what people call them. */
+#ifndef VINDRAL_CTL_LOOKUP_H
+#define VINDRAL_CTL_LOOKUP_H
+
+#include "ctl/api.h"
+
+#include <cstdint>
+#include <string>
+
+/* As people read it. */
+struct found_thing {
+    int64_t id = 0;
+    std::string called; /* "account/name", "account/name:test"; printable */
+};
+
+/* An id, "account/name", or the name where only one agent has it. Throws failure: absent, with
+ * names that have the text in them, or usage when several fit, which are listed. */
+found_thing find_agent(api& with, const std::string& called);
+
+/* An id, "AGENT:NAME" with an agent as above, or the name where only one test has it; when no name
+ * is just that, one that has the text in it will do if it is the only one. Throws likewise. */
+found_thing find_test(api& with, const std::string& called);
+
+/* What `called` is when it is all digits, and fits. */
+bool is_id(const std::string& called);
+
+#endif

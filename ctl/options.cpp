@@ -1,0 +1,196 @@
+#include "ctl/options.h"
+
+#include "ctl/failure.h"
+#include "ctl/text.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+
+namespace {
+
+const char footer[] =
+    "AGENT is an id, account/name, or a name that one agent has; TEST an id, AGENT:NAME, or a "
+    "name.\n"
+    "TIME is -2h or +30d (s, m, h, d, w), now, today, yesterday, 12:30, 2026-05-01,\n"
+    "\"2026-05-01 12:30\" or 2026-05-01T12:30:00Z.\n\n"
+    "Exit status: 0 well, 1 something is wrong that was asked for, 2 usage, 3 the collector "
+    "cannot\n"
+    "be reached, 4 not allowed, 5 not found. More in vindralctl(1).";
+
+/* A token is printable ASCII: nothing of it can end a header. */
+bool is_token(const std::string& text) {
+    return !text.empty() && text.size() <= 4096 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f; });
+}
+
+std::string read_token_file(const std::string& name) {
+    std::ifstream file(name);
+    std::string line;
+    if (!file || !std::getline(file, line)) {
+        throw failure{status_usage, printable(name) + ": no token can be read from it"};
+    }
+    line.erase(line.find_last_not_of(" \t\r") + 1);
+    return line;
+}
+
+std::string from_environment(const char* name) {
+    const char* text = getenv(name);
+    return text != nullptr ? text : "";
+}
+
+void add_option(CLI::App& to, const option_def& row, given& said) {
+    CLI::Option* made = nullptr;
+    if (row.text != nullptr) {
+        made = to.add_option(row.name, said.*row.text, row.help);
+    } else if (row.texts != nullptr) {
+        made = to.add_option(row.name, said.*row.texts, row.help)
+                   ->expected(1)
+                   ->allow_extra_args(false)
+                   ->take_all();
+    } else if (row.number != nullptr) {
+        made = to.add_option(row.name, said.*row.number, row.help)
+                   ->check(CLI::Range(row.least, row.most));
+    } else {
+        to.add_flag(row.name, said.*row.flag, row.help);
+    }
+    if (made != nullptr) {
+        made->option_text(row.value);
+    }
+}
+
+/* "show" of "agents show". */
+std::string last_word(const char* name) {
+    const char* space = strrchr(name, ' ');
+    return space != nullptr ? space + 1 : name;
+}
+
+class parser {
+public:
+    explicit parser(given& said) : said_(said), app_("Ask a Vindral collector", "vindralctl") {
+        app_.set_help_flag("-h,--help", "print this, or the help of a command");
+        app_.set_version_flag("--version", "vindralctl " VINDRAL_VERSION);
+        app_.fallthrough();
+        app_.require_subcommand(1);
+        app_.footer(footer);
+        app_.get_formatter()->column_width(30);
+        for (const option_def* row : global_options()) {
+            add_option(app_, *row, said_);
+        }
+        for (const command_def& row : all_commands()) {
+            add_command(row);
+        }
+    }
+
+    const command_def* read(int argc, const char* const* argv) {
+        app_.parse(argc, argv);
+        const CLI::App* chosen = &app_;
+        while (!chosen->get_subcommands().empty()) {
+            chosen = chosen->get_subcommands()[0];
+        }
+        return rows_.at(chosen);
+    }
+    std::string help() const { return app_.help(); }
+
+private:
+    void add_command(const command_def& row) {
+        std::string name = row.name;
+        CLI::App* above = &app_;
+        if (size_t space = name.find(' '); space != std::string::npos) {
+            above = by_name_.at(name.substr(0, space));
+            /* A parent that does nothing itself needs one. */
+            above->require_subcommand(rows_.at(above)->run != nullptr ? 0 : 1, 1);
+        }
+        CLI::App* made = above->add_subcommand(last_word(row.name), row.help);
+        made->footer("The options of vindralctl can stand here, too: see vindralctl --help.");
+        if (row.word != nullptr) {
+            made->add_option(row.word, said_.word)->required();
+        }
+        for (const option_def* option : row.options) {
+            add_option(*made, *option, said_);
+        }
+        by_name_[name] = made;
+        rows_[made] = &row;
+    }
+
+    given& said_;
+    CLI::App app_;
+    std::map<std::string, CLI::App*> by_name_;
+    std::map<const CLI::App*, const command_def*> rows_;
+};
+
+} // namespace
+
+command_line read_command_line(int argc, const char* const* argv) {
+    command_line line;
+    try {
+        parser reader(line.said);
+        try {
+            line.command = reader.read(argc, argv);
+            line.outcome = reading::run;
+        } catch (const CLI::CallForVersion& version) {
+            line.outcome = reading::show;
+            line.text = std::string(version.what()) + "\n";
+        } catch (const CLI::CallForHelp&) {
+            line.outcome = reading::show;
+            line.text = reader.help();
+        }
+    } catch (const CLI::Error& error) {
+        line.outcome = reading::wrong;
+        line.text = without_secrets(printable(error.what()));
+    }
+    return line;
+}
+
+http_access access_of(const given& said) {
+    http_access access;
+    std::string url = said.url.empty() ? from_environment("VINDRAL_URL") : said.url;
+    access.where = read_url(url.empty() ? "http://127.0.0.1:8080" : url);
+    access.ca_file = said.ca;
+    if (!said.token.empty() && !said.token_file.empty()) {
+        throw failure{status_usage, "there is one token: --token or --token-file"};
+    }
+    access.token = !said.token.empty()        ? said.token
+                   : !said.token_file.empty() ? read_token_file(said.token_file)
+                                              : from_environment("VINDRAL_TOKEN");
+    if ((!access.token.empty() || !said.token_file.empty()) && !is_token(access.token)) {
+        throw failure{status_usage, "the token is none: it has blanks or other characters in it "
+                                    "that no token has"};
+    }
+    if (!access.where.tls && !access.where.is_loopback() && !access.token.empty()) {
+        throw failure{status_usage, "the token would go to " + access.where.host +
+                                        " in the clear: off this machine the API speaks https://"};
+    }
+    return access;
+}
+
+std::string without_secrets(std::string text) {
+    for (const char* begin : {"vt_", "vl_", "vs_"}) {
+        for (size_t at = 0; (at = text.find(begin, at)) != std::string::npos;) {
+            at += 3;
+            size_t end = text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw"
+                                                "xyz0123456789-_",
+                                                at);
+            text.replace(at, std::min(end, text.size()) - at, "...");
+        }
+    }
+    return text;
+}
+
+void hide_token(int argc, char** argv) {
+    const char name[] = "--token";
+    for (int i = 1; i < argc; i++) {
+        char* secret = nullptr;
+        if (strcmp(argv[i], name) == 0 && i + 1 < argc) {
+            secret = argv[i + 1];
+        } else if (strncmp(argv[i], "--token=", sizeof name) == 0) {
+            secret = argv[i] + sizeof name;
+        }
+        if (secret != nullptr) {
+            memset(secret, '*', strlen(secret));
+        }
+    }
+}

@@ -1,0 +1,79 @@
+#include "ctl/table.h"
+
+#include "ctl/text.h"
+
+#include <algorithm>
+
+static constexpr size_t between = 2; /* blanks */
+
+void table::add(std::vector<table_cell> row) {
+    row.resize(columns_.size());
+    rows_.push_back(std::move(row));
+}
+
+/* 0: the column is left out. */
+std::vector<size_t> table::widths(size_t most) const {
+    std::vector<size_t> wide(columns_.size(), 0);
+    for (const std::vector<table_cell>& row : rows_) {
+        for (size_t i = 0; i < row.size(); i++) {
+            wide[i] = std::max(wide[i], display_width(row[i].text));
+        }
+    }
+    size_t sum = 0;
+    for (size_t i = 0; i < wide.size(); i++) {
+        if (wide[i] > 0) {
+            wide[i] = std::max(wide[i], display_width(columns_[i].head));
+            sum += wide[i] + (sum > 0 ? between : 0);
+        }
+    }
+    while (most != 0 && sum > most) {
+        size_t widest = columns_.size();
+        for (size_t i = 0; i < wide.size(); i++) {
+            if (columns_[i].least > 0 && wide[i] > columns_[i].least &&
+                (widest == columns_.size() || wide[i] >= wide[widest])) {
+                widest = i;
+            }
+        }
+        if (widest == columns_.size()) {
+            break;
+        }
+        wide[widest]--;
+        sum--;
+    }
+    return wide;
+}
+
+std::string table::text(const screen& on) const {
+    const std::vector<size_t> wide = widths(on.width);
+    std::string all;
+    auto add_line = [&](auto cell_of) {
+        std::string line;
+        size_t owed = 0; /* blanks, put down ahead of the next text */
+        bool is_first = true;
+        for (size_t i = 0; i < wide.size(); i++) {
+            if (wide[i] == 0) {
+                continue;
+            }
+            owed += is_first ? 0 : between;
+            is_first = false;
+            table_cell cell = cell_of(i);
+            std::string fitting = shortened(cell.text, wide[i], on.cut_mark());
+            size_t blanks = wide[i] - std::min(wide[i], display_width(fitting));
+            owed += columns_[i].is_right ? blanks : 0;
+            if (!fitting.empty()) {
+                line.append(owed, ' ').append(tinted(fitting, cell.color, on));
+                owed = 0;
+            }
+            owed += columns_[i].is_right ? 0 : blanks;
+        }
+        all += line + "\n";
+    };
+    if (rows_.empty()) {
+        return all;
+    }
+    add_line([&](size_t i) { return table_cell{columns_[i].head, tint::strong}; });
+    for (const std::vector<table_cell>& row : rows_) {
+        add_line([&](size_t i) { return row[i]; });
+    }
+    return all;
+}

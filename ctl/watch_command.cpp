@@ -1,0 +1,86 @@
+/* watch: what happens, a line each, as it happens. */
+#include "ctl/failure.h"
+#include "ctl/handlers.h"
+#include "ctl/json.h"
+#include "ctl/lookup.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+#include "ctl/times.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace json = boost::json;
+
+namespace {
+
+constexpr size_t event_width = 8, state_width = 9, name_width = 24;
+
+std::string padded(std::string text, size_t width) {
+    text.append(width - std::min(width, display_width(text)), ' ');
+    return text;
+}
+
+/* "2026-05-01 14:00:00  result  ok       a@b/web-1  root disk  free 12 GB  message" */
+std::string line_of(const place& here, const std::string& event, const json::object& what) {
+    const bool is_agent = event == "agent", is_event = event == "event";
+    std::string time = is_agent ? local_time(here.now) : time_cell(what, "time");
+    table_cell state = state_cell(what, is_event ? "to" : "state");
+    std::string agent = is_agent
+                            ? text_cell(here, what, "account") + "/" + text_cell(here, what, "name")
+                            : agent_cell(here, what);
+    std::string test = text_cell(here, object_in(what, "test"), "name");
+    std::string rest;
+    if (is_agent) {
+        const json::object& tests = object_in(what, "tests");
+        rest = number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +
+               number_cell(tests, "unknown") + " unknown";
+    } else {
+        rest = is_event ? "was " + text_cell(here, what, "from") : values_cell(here, what);
+        std::string message = text_cell(here, what, "message");
+        rest += (rest.empty() || message.empty() ? "" : "; ") + message;
+    }
+    std::string line = padded(time, 19) + "  " + padded(printable(event, true), event_width);
+    std::string head = line + tinted(padded(state.text, state_width), state.color, here.on) + " ";
+    std::string tail = padded(agent, name_width) + "  ";
+    tail += is_agent ? "" : padded(test, name_width) + "  ";
+    tail += rest;
+    if (here.on.width != 0) {
+        size_t taken = display_width(line) + std::max(state_width, display_width(state.text)) + 1;
+        tail = shortened(tail, here.on.width - std::min(here.on.width, taken), here.on.cut_mark());
+    }
+    tail.erase(tail.find_last_not_of(' ') + 1);
+    return head + tail + "\n";
+}
+
+} // namespace
+
+int run_watch(const place& here) {
+    int64_t left = here.said.limit == not_given ? 0 : here.said.limit; /* 0: until it is ended */
+    auto take = [&](const sse_message& message) {
+        if (message.event == "lost") {
+            tell("some messages were lost: they came faster than they could be read, or the "
+                 "collector was started anew");
+            return true;
+        }
+        boost::system::error_code error;
+        json::value what = json::parse(message.data, error);
+        if (error || !what.is_object()) {
+            throw failure{status_unreached, "a message of the stream is no JSON object"};
+        }
+        if (here.said.json) {
+            put(json_text(json::object{
+                    {"event", message.event}, {"id", message.id}, {"data", std::move(what)}}) +
+                "\n");
+        } else {
+            const place now{here.said, here.with, here.on, time(nullptr)};
+            put(line_of(now, message.event, what.get_object()));
+        }
+        return left == 0 || --left > 0;
+    };
+    here.with.listen({{"kind", here.said.kind},
+                      {"agent", agent_parameter(here)},
+                      {"test", test_parameter(here)}},
+                     take, [](const std::string& note) { tell(note); });
+    return status_well;
+}

@@ -1,0 +1,94 @@
+# Completion of vindralctl for bash. A test holds it to the program's table of commands.
+
+_vindralctl() {
+    local cur prev words cword
+    _init_completion -n := || return
+
+    local global="--url --token --token-file --ca --json --ascii --no-color --help --version"
+    local commands="agents tests results series events ledger watch check tokens version"
+
+    # The command and its sub-command: the first words that are no options and no values of any.
+    local command="" sub="" i word
+    for ((i = 1; i < cword; i++)); do
+        word=${words[i]}
+        case $word in
+        --json | --ascii | --no-color | --help | --version | --fail | --rate | -h | --*=*) ;;
+        --*) ((i++)) ;;
+        *)
+            if [[ -z $command ]]; then
+                command=$word
+            elif [[ -z $sub ]]; then
+                sub=$word
+            fi
+            ;;
+        esac
+    done
+
+    case $prev in
+    --token-file | --ca)
+        _filedir
+        return
+        ;;
+    --state)
+        if [[ $command == tests ]]; then
+            COMPREPLY=($(compgen -W "ok problem unknown stale" -- "$cur"))
+        else
+            COMPREPLY=($(compgen -W "ok problem unknown stale silent" -- "$cur"))
+        fi
+        return
+        ;;
+    --type)
+        local type types=(network discovery process cpu disk memory ping http snmp mysql
+            "load average" "snmp table")
+        COMPREPLY=()
+        for type in "${types[@]}"; do
+            [[ $type != "$cur"* ]] || COMPREPLY+=("$(printf '%q' "$type")")
+        done
+        return
+        ;;
+    --kind)
+        COMPREPLY=($(compgen -W "result event agent" -- "$cur"))
+        return
+        ;;
+    --role)
+        COMPREPLY=($(compgen -W "viewer operator admin" -- "$cur"))
+        return
+        ;;
+    --from | --to)
+        COMPREPLY=($(compgen -W "-1h -2h -1d -1w now today yesterday" -- "$cur"))
+        return
+        ;;
+    --url | --token | --agent | --test | --q | --limit | --points | --value | --height | --ends)
+        return
+        ;;
+    esac
+
+    local options
+    case $command in
+    "") options="$commands" ;;
+    agents)
+        case $sub in
+        show | retire) options="" ;;
+        *) options="show retire --state --q --limit --fail" ;;
+        esac
+        ;;
+    tests) options="--agent --state --type --q --limit --fail" ;;
+    results) options="--from --to --limit" ;;
+    series) options="--from --to --points --rate --value --height" ;;
+    events) options="--agent --test --type --state --q --from --to --limit" ;;
+    ledger) options="--agent --from --to --limit --fail" ;;
+    watch) options="--kind --agent --test --limit" ;;
+    check) options="" ;;
+    tokens)
+        case $sub in
+        list) options="--limit" ;;
+        add) options="--role --ends" ;;
+        remove) options="" ;;
+        *) options="list add remove" ;;
+        esac
+        ;;
+    version) options="" ;;
+    esac
+    COMPREPLY=($(compgen -W "$options $global" -- "$cur"))
+} &&
+    complete -F _vindralctl vindralctl

@@ -1,0 +1,419 @@
+#!/usr/bin/env python3
+"""vindralctl against a real collector with a real agent, and against servers that are none."""
+
+import contextlib
+import fcntl
+import http.server
+import json
+import os
+import pty
+import re
+import struct
+import subprocess
+import termios
+import threading
+
+import harness
+
+CTL = os.path.join(harness.BUILD, "vindralctl")
+ESCAPE = re.compile(r"\x1b\[[0-9;]*m")
+
+
+class CtlTest(harness.TestCase):
+    url = token = None
+
+    def setUp(self):
+        super().setUp()
+        self.ctl_dir = self.subdir("ctl")
+        self.addCleanup(lambda: self.assertEqual(harness.sanitizer_findings(self.ctl_dir), ""))
+
+    def environment(self, **more):
+        env = harness.sanitizer_environment(self.ctl_dir)
+        for name in ("VINDRAL_URL", "VINDRAL_TOKEN", "NO_COLOR", "COLUMNS", "SSL_CERT_FILE", "SSL_CERT_DIR"):
+            env.pop(name, None)
+        env.update(LC_ALL="C.UTF-8", TZ="UTC", TERM="xterm")
+        if self.url:
+            env["VINDRAL_URL"] = self.url
+        if self.token:
+            env["VINDRAL_TOKEN"] = self.token
+        env.update(more)
+        return {name: value for name, value in env.items() if value is not None}
+
+    def ctl(self, *words, status=0, **more):
+        """Standard output, and standard error as `self.told`."""
+        done = subprocess.run([CTL, *words], env=self.environment(**more), stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False,
+                              timeout=harness.PATIENCE_S)
+        self.told = done.stderr
+        self.assertEqual(done.returncode, status, "%s\n%s\n%s" % (words, done.stdout, done.stderr))
+        if self.token:
+            self.assertNotIn(self.token, done.stdout + done.stderr)
+        return done.stdout
+
+    def rows(self, *words, status=0):
+        return [json.loads(line) for line in self.ctl(*words, "--json", status=status).splitlines()]
+
+
+class Collected(CtlTest):
+    """With a collector, and an agent with a test that is well and one that never is."""
+
+    def start(self, address="127.0.0.1", port=0, agent=True):
+        self.collector = harness.Collector(self, "POL\t0\t1", "CHK\t0\t1", "LAA\t1\t1\t-1\t-1\t-1",
+                                           "LAA\t2\t1\t0\t-1\t-1")
+        self.port_file = os.path.join(self.collector.dir, "web port")
+        self.web = ("--web", "%s:%d" % (address, port), "--web-port-file", self.port_file)
+        self.collector.start(*self.web)
+        self.web_port = int(harness.read_text(self.port_file))
+        self.url = "http://127.0.0.1:%d" % self.web_port
+        self.tokens = {role: self.make_token(role) for role in ("viewer", "operator", "admin")}
+        self.token = self.tokens["viewer"]
+        if agent:
+            self.agent = harness.Agent(self, self.collector.port, name="web-1").start()
+            harness.wait_until(lambda: self.states() == ["ok", "problem"], lambda: "both tests: %s" % self.states())
+
+    def states(self):
+        return [test["state"] for test in self.rows("tests")]
+
+    def make_token(self, role):
+        done = subprocess.run([harness.COLLECTOR, "token", "add", "of " + role, "--role", role, "--state-dir",
+                               self.collector.state], stdout=subprocess.PIPE, text=True, check=True,
+                              timeout=harness.PATIENCE_S)
+        return done.stdout.strip()
+
+
+class Asked(Collected):
+    def test_lists(self):
+        self.start()
+        agents = self.ctl("agents").splitlines()
+        self.assertEqual(agents[0].split()[:8],
+                         ["STATE", "SINCE", "AGENT", "ID", "OK", "PROBLEM", "UNKNOWN", "POLLED"])
+        self.assertEqual(len(agents), 2)
+        self.assertEqual((agents[1].split()[0], agents[1].split()[2]), ("problem", "user@example.net/web-1"))
+        agent, = self.rows("agents")
+        self.assertEqual((agent["name"], agent["tests"]), ("web-1", {"ok": 1, "problem": 1, "unknown": 0}))
+        self.ctl("agents", "--fail", status=1)
+        self.ctl("agents", "--state", "ok,silent", "--fail")
+        self.assertIn("no such agents", self.told)
+
+        tests = self.rows("tests")
+        self.assertEqual([test["name"] for test in tests], ["load average 1", "load average 2"])
+        table = self.ctl("tests")
+        self.assertIn("load1 ", table)
+        self.assertIn("Max value: 0", table)
+        self.assertNotIn("\x1b", table)
+        self.ctl("tests", "--fail", status=1)
+        self.ctl("tests", "--state", "ok", "--fail", status=1)
+        self.ctl("tests", "--state", "unknown", "--fail")
+        self.assertEqual(len(self.rows("tests", "--agent", "web-1", "--type", "load average", "--limit", "1")), 1)
+        self.assertEqual(self.rows("tests", "--q", "nothing like it"), [])
+        self.ctl("tests", "--agent", "web-2", status=5)
+        self.assertIn("there is no agent", self.told)
+        self.ctl("tests", "--state", "bad", status=2)
+        self.assertIn("state", self.told)
+
+        shown = self.ctl("agents", "show", "web-1")
+        self.assertRegex(shown, r"(?m)^agent +user@example\.net/web-1$")
+        self.assertRegex(shown, r"(?m)^tests +1 ok, 1 problem, 0 unknown$")
+        self.assertEqual(self.rows("agents", "show", "user@example.net/web-1")[0]["id"], agent["id"])
+        self.assertEqual(self.rows("agents", "show", str(agent["id"]))[0]["id"], agent["id"])
+
+    def test_results_and_series(self):
+        self.start()
+        ids = [str(test["id"]) for test in self.rows("tests")]
+        harness.wait_until(lambda: len(self.rows("results", ids[0])) >= 4, "results")
+        lines = self.ctl("results", "web-1:load average 1", "--limit", "3").splitlines()
+        self.assertEqual((len(lines), lines[0].split()[:2]), (4, ["TIME", "STATE"]))
+        newest, second = self.rows("results", "user@example.net/web-1:load average 1", "--limit", "2")
+        self.assertGreaterEqual(newest["time"], second["time"])
+        self.assertEqual(self.rows("results", ids[0], "--to", "-1d"), [])
+        self.ctl("results", "load average", status=5)  # both have it in their names
+        self.assertIn("load average 2", self.told)
+        self.assertEqual(len(self.rows("results", "average 2", "--limit", "1")), 1)  # the only one
+        self.ctl("results", "web-1:nothing", status=5)
+        self.ctl("results", "123456", status=5)
+        self.ctl("results", ids[0], "--from", "soon", status=2)
+        self.assertIn("yesterday", self.told)
+
+        plot = self.ctl("series", ids[1], "--from", "-10m")
+        for text in ("user@example.net/web-1:load average 2", "load1: lowest", "load15: lowest", "\u2524", "state"):
+            self.assertIn(text, plot)
+        self.assertTrue(any("!" in line for line in plot.splitlines() if line.strip().startswith("state")), plot)
+        self.assertLessEqual(max(map(len, plot.splitlines()[1:])), 80)
+        for how in ({"LC_ALL": "C"}, {}):
+            plot = self.ctl("series", ids[1], "--from", "-10m", "--value", "load1", "--height", "5",
+                            *([] if how else ["--ascii"]), COLUMNS="60", **how)
+            self.assertTrue(plot.isascii(), plot)
+            self.assertIn("*", plot)
+            self.assertNotIn("load5", plot)
+            self.assertLessEqual(max(map(len, plot.splitlines()[1:])), 60)
+        series, = self.rows("series", ids[0], "--points", "5")
+        self.assertEqual((series["test"], sorted(series["values"])), (int(ids[0]), ["load1", "load15", "load5"]))
+        self.ctl("series", ids[0], "--value", "load2", status=5)
+        self.assertIn("load15", self.told)
+        self.ctl("series", ids[0], "--from", "-1h", "--to", "-2h", status=2)
+
+    def test_events_ledger_and_version(self):
+        self.start()
+        events = self.rows("events", "--test", "web-1:load average 2")
+        self.assertEqual({event["to"] for event in events}, {"problem"})
+        self.assertEqual(self.rows("events", "--to", "yesterday"), [])
+        self.assertIn("load average 2", self.ctl("events", "--agent", "web-1", "--state", "problem", "--from", "-1h"))
+        hours = self.rows("ledger", "--agent", "web-1", "--from", "-2h")
+        self.assertGreaterEqual(sum(hour["received"] for hour in hours), 2)
+        self.assertEqual(self.ctl("ledger").splitlines()[0].split(),
+                         ["HOUR", "AGENT", "EXPECTED", "RECEIVED", "REPEATED", "MISSING"])
+        self.assertRegex(self.ctl("version"), r"\Avindralctl \S+\nvindral-collector \S+\n\Z")
+        self.assertEqual(set(self.rows("version")[0]), {"vindralctl", "collector"})
+        self.assertRegex(self.ctl("--version"), r"\Avindralctl \S+\n\Z")
+
+    def test_on_a_terminal(self):
+        self.start()
+        for width, env, colored in ((60, {}, True), (60, {"NO_COLOR": "1"}, False), (100, {"TERM": "dumb"}, False)):
+            master, slave = pty.openpty()
+            fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, width, 0, 0))
+            done = subprocess.run([CTL, "tests"], env=self.environment(**env), stdin=subprocess.DEVNULL, stdout=slave,
+                                  stderr=subprocess.PIPE, check=False, timeout=harness.PATIENCE_S)
+            os.close(slave)
+            shown = b""
+            with contextlib.suppress(OSError):  # at its end
+                while piece := os.read(master, 65536):
+                    shown += piece
+            os.close(master)
+            self.assertEqual((done.returncode, done.stderr), (0, b""))
+            shown = shown.decode()
+            self.assertEqual("\x1b[" in shown, colored, shown)
+            lines = ESCAPE.sub("", shown).splitlines()
+            self.assertEqual(len(lines), 3)
+            self.assertLessEqual(max(map(len, lines)), width)
+            self.assertIn("problem", lines[2])
+
+    def test_standard_output_that_is_full(self):
+        self.start(agent=False)
+        with open("/dev/full", "wb") as full:
+            done = subprocess.run([CTL, "--version"], env=self.environment(), stdout=full, stderr=subprocess.PIPE,
+                                  text=True, check=False, timeout=harness.PATIENCE_S)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("takes no more", done.stderr)
+
+
+class Changed(Collected):
+    def test_check_and_retire(self):
+        self.start()
+        for words in (("check", "web-1"), ("agents", "retire", "web-1")):
+            self.ctl(*words, status=4)
+            self.assertIn("operator", self.told)
+        self.token = self.tokens["operator"]
+        self.ctl("check", "web-1")
+        self.assertIn("user@example.net/web-1", self.told)
+        self.ctl("check", "web-2", status=5)
+        self.agent.stop()
+        self.ctl("agents", "retire", "web-1")
+        self.assertEqual(self.rows("agents"), [])
+        self.ctl("agents", "show", "web-1", status=5)
+        self.assertRegex(self.ctl("agents", "show", "user@example.net/web-1"), r"(?m)^retired +20")
+        self.ctl("check", "user@example.net/web-1", status=1)
+        self.assertIn("retired", self.told)
+
+    def test_tokens(self):
+        self.start(agent=False)
+        self.ctl("tokens", "list", status=4)
+        self.token = self.tokens["admin"]
+        self.ctl("tokens", "add", "mine", status=2)
+        self.ctl("tokens", "add", "mine", "--role", "king", status=2)
+        self.ctl("tokens", "add", "mine", "--role", "viewer", "--ends", "-1d", status=2)
+        made = self.ctl("tokens", "add", "mine", "--role", "viewer", "--ends", "+1d").strip()
+        self.assertRegex(made, r"\Avt_\S+\Z")
+        self.assertIn("shown this once", self.told)
+        self.assertNotIn(made, self.told)
+        self.ctl("tokens", "add", "mine", "--role", "viewer", status=1)
+        self.assertNotIn(made, self.ctl("tokens", "list"))
+        token = next(token for token in self.rows("tokens", "list") if token["name"] == "mine")
+        self.assertEqual((token["role"], token["ends"] > token["made"]), ("viewer", True))
+
+        name = os.path.join(self.dir, "token")
+        harness.write_text(name, made + "\n")
+        self.ctl("--token-file", name, "agents", VINDRAL_TOKEN=None)
+        self.ctl("--token", made, "agents", VINDRAL_TOKEN=None)
+        self.ctl("agents", "--token", made, "--token-file", name, status=2)
+        self.ctl("tokens", "remove", "yours", status=5)
+        self.ctl("tokens", "remove", "mine")
+        self.ctl("--token-file", name, "agents", status=4)
+        self.assertNotIn(made, self.told)
+        other = self.rows("tokens", "add", "other", "--role", "operator")[0]
+        self.ctl("tokens", "remove", str(other["id"]))
+        self.assertNotIn("other", self.ctl("tokens", "list"))
+
+    def test_watch_goes_on_when_the_collector_is_back(self):
+        self.start(port=harness.free_port())
+        done = self.rows("watch", "--limit", "3")
+        self.assertEqual(len(done), 3)
+        for message in done:
+            self.assertEqual(set(message), {"event", "id", "data"})
+            self.assertIn(message["event"], ("result", "event", "agent"))
+        line = self.ctl("watch", "--test", "web-1:load average 2", "--kind", "result", "--limit", "1")
+        self.assertRegex(line, r"result +problem +user@example.net/web-1 +load average 2 .*load1 ")
+
+        words = [CTL, "watch", "--json", "--kind", "result", "--agent", "web-1"]
+        with subprocess.Popen(words, env=self.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True) as watch:
+            try:
+                first = json.loads(watch.stdout.readline())
+                self.collector.stop()
+                while "trying again" not in (line := watch.stderr.readline()):
+                    self.assertNotEqual(line, "")
+                self.collector.start(*self.web)
+                run = first["id"].partition("-")[0]
+                while json.loads(line := watch.stdout.readline())["id"].startswith(run + "-"):
+                    self.assertNotEqual(line, "")
+            finally:
+                watch.terminate()
+        self.ctl("watch", "--kind", "nonsense", status=2)
+        self.ctl("watch", "--test", "123456", status=5)
+        self.ctl("watch", status=4, VINDRAL_TOKEN=None)
+
+
+class Reached(Collected):
+    def test_who_may_not_and_what_is_not_there(self):
+        self.start(agent=False)
+        self.ctl("agents", VINDRAL_TOKEN=None, status=4)
+        self.assertIn("VINDRAL_TOKEN", self.told)
+        self.ctl("agents", VINDRAL_TOKEN="vt_wrong", status=4)
+        self.assertNotIn("vt_wrong", self.told)
+        self.ctl("version", VINDRAL_TOKEN=None)
+        self.ctl("agents", "--url", "http://127.0.0.1:%d" % harness.free_port(), status=3)
+        self.ctl("agents", "--url", self.url + "/elsewhere", status=5)
+        self.ctl("agents", "--url", "http://collector.example.org", status=2)
+        self.assertIn("in the clear", self.told)
+        self.ctl("agents", "--url", "https://127.0.0.1:%d" % self.web_port, status=3)  # which is not encrypted
+        for words in ((), ("nonsense",), ("tests", "--limit", "x"), ("agents", "show")):
+            self.ctl(*words, status=2)
+            self.assertIn("--help", self.told)
+        self.assertIn("Exit status", self.ctl("--help"))
+
+    def test_tls_is_verified(self):
+        self.start(address="0.0.0.0", agent=False)
+        ca = os.path.join(self.collector.state, "ca.pem")
+        self.url = "https://127.0.0.1:%d" % self.web_port
+        self.ctl("agents", "--ca", ca)
+        self.ctl("agents", "--ca", ca, "--url", "https://localhost:%d" % self.web_port)
+        self.ctl("agents", status=3)
+        self.assertIn("--ca", self.told)
+        self.ctl("agents", "--ca", ca, "--url", "https://127.0.0.2:%d" % self.web_port, status=3)
+        self.assertIn("127.0.0.2 is not in it", self.told)
+        self.ctl("agents", "--ca", "/dev/null", status=2)
+        self.ctl("agents", "--url", "http://127.0.0.1:%d" % self.web_port, status=2)
+        self.assertIn("HTTPS only", self.told)
+
+
+class Scripted(http.server.BaseHTTPRequestHandler):
+    """Answers with what the test put into `answers`, in turn."""
+
+    protocol_version = "HTTP/1.1"
+
+    def do_GET(self):
+        self.server.asked.append((self.path, dict(self.headers)))
+        answer = self.server.answers.pop(0)
+        self.close_connection = True
+        if isinstance(answer, bytes):
+            self.wfile.write(answer)
+            return
+        status, kind, body = answer
+        self.send_response(status)
+        self.send_header("Content-Type", kind)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body.encode())
+
+    do_POST = do_DELETE = do_GET
+
+    def log_message(self, *_):
+        pass
+
+
+def page(*names, next_page=None, **more):
+    items = [{"id": place + 1, "account": "a", "name": name, "state": "ok"} for place, name in enumerate(names)]
+    return 200, "application/json", json.dumps({"items": items, "next": next_page, **more})
+
+
+def head(*lines):
+    return "\r\n".join(("HTTP/1.1 200 OK", "Connection: close", *lines, "", "")).encode()
+
+
+class Odd(CtlTest):
+    token = "vt_secret"
+
+    def serve(self, *answers):
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Scripted)
+        server.answers, server.asked = list(answers), []
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        self.addCleanup(thread.join)
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        self.url = "http://127.0.0.1:%d/proxy" % server.server_address[1]
+        return server
+
+    def test_lists_are_followed_until_the_limit(self):
+        server = self.serve(page("a", "b", next_page="x&y"), page("c", next_page="z"), page("d", "e"))
+        self.assertEqual([row["name"] for row in self.rows("agents", "--limit", "4")], list("abcd"))
+        self.assertEqual([path for path, _ in server.asked],
+                         ["/proxy/api/v1/agents?limit=4", "/proxy/api/v1/agents?limit=2&next=x%26y",
+                          "/proxy/api/v1/agents?limit=1&next=z"])
+        for _, headers in server.asked:
+            self.assertEqual(headers["Authorization"], "Bearer vt_secret")
+        self.serve(page("a", next_page="x"), page("b"))
+        self.assertEqual(len(self.rows("agents")), 2)
+        self.serve(page("a", next_page="x"), page("b", next_page="x"))
+        self.ctl("agents", status=3)
+        self.serve(page("a", incomplete="a day is damaged\x1b"))
+        self.assertEqual(self.ctl("agents", "--json", status=1).count("\n"), 1)
+        self.assertIn("a day is damaged?", self.told)
+
+    def test_texts_steer_no_terminal(self):
+        self.serve(page("\x1b[2J\u202ename"))
+        self.assertIn("a/?[2J?name", self.ctl("agents"))
+        self.serve(page("\x1b[2J\u202ename"))
+        self.assertIn("\\u001b[2J\\u202ename", self.ctl("agents", "--json"))
+        problem = json.dumps({"type": "about:blank", "title": "Bad Request", "status": 400, "detail": "\x07no\x1b[m",
+                              "errors": [{"line": 1, "column": 2, "text": "x\ny"}]})
+        self.serve((400, "application/problem+json", problem))
+        self.ctl("agents", status=2)
+        self.assertIn("?no?[m (status 400)", self.told.replace("\n  line 1, column 2: x y", ""))
+
+    def test_what_is_no_api(self):
+        for answer, status in (
+                ((200, "text/html", "<html>"), 3), ((200, "application/json", "[1]"), 3),
+                ((200, "application/json", '{"items": [1, {}], "next": 7}'), 0),
+                ((302, "text/html", "elsewhere"), 3), ((404, "text/html", "nothing"), 3), ((500, "text/plain", ""), 3),
+                ((503, "application/problem+json", '{"detail": "Later."}'), 3),
+                ((429, "application/problem+json", '{"detail": "Slower."}'), 3),
+                ((409, "application/problem+json", '{"detail": "Not now."}'), 1),
+                ((400, "application/problem+json", "{"), 3),
+                (b"", 3), (b"SSH-2.0-OpenSSH\r\n\r\n", 3), (head("Content-Length: 50") + b"{}", 3),
+                (head("Content-Length: 99999999999") + b"{}", 3), (head("X: " + "x" * 100000) + b"{}", 3)):
+            with self.subTest(answer):
+                self.serve(answer)
+                self.ctl("agents", status=status)
+                self.assertNotIn("vt_", self.told)
+
+    def test_a_stream_that_breaks_is_taken_up_again(self):
+        begin = head("Content-Type: text/event-stream") + b"retry: 1\n"
+        one = (b'id: r-1\nevent: agent\ndata: {"account":"a","name":"b","state":"ok"}\n\n'
+               b'id: r-2\nevent: agent\ndata: {"acc')
+        two = b'event: lost\ndata: {}\n\nid: r-3\nevent: event\ndata: {"from":"ok","to":"problem","message":"x"}\n\n'
+        server = self.serve(begin + one, (503, "application/problem+json", '{"detail": "Too many."}'), begin + two)
+        lines = self.ctl("watch", "--limit", "2").splitlines()
+        self.assertEqual(len(lines), 2)
+        self.assertRegex(lines[0], r"agent +ok +a/b")
+        self.assertRegex(lines[1], r"event +problem .*was ok; x$")
+        self.assertEqual([headers.get("Last-Event-ID") for _, headers in server.asked], [None, "r-1", "r-1"])
+        self.assertEqual(self.told.count("trying again"), 2)
+        self.assertIn("messages were lost", self.told)
+        self.serve(begin + b"data: no json\n\n")
+        self.ctl("watch", status=3)
+        self.serve((403, "application/problem+json", '{"detail": "No."}'))
+        self.ctl("watch", status=4)
+
+
+if __name__ == "__main__":
+    harness.main()

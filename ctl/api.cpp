@@ -134,7 +134,7 @@ void api::listen(const parameters& with, const std::function<bool(const sse_mess
                  const std::function<void(const std::string&)>& note) {
     sse_parser messages;
     const std::string target = target_of("/api/v1/stream", with);
-    bool was_open = false, is_over = false;
+    bool was_open = false, is_over = false, is_final = false;
     std::chrono::milliseconds wait{0};
     while (true) {
         std::string end;
@@ -142,8 +142,10 @@ void api::listen(const parameters& with, const std::function<bool(const sse_mess
         auto take_bytes = [&](std::string_view bytes) {
             was_open = true;
             wait = std::chrono::milliseconds(0);
+            is_final = true; /* what `take` throws ends it all */
             bool goes_on = messages.feed(bytes, take);
-            is_over = !goes_on && !messages.is_too_long();
+            is_final = messages.is_too_long();
+            is_over = !goes_on && !is_final;
             return goes_on;
         };
         try {
@@ -160,7 +162,7 @@ void api::listen(const parameters& with, const std::function<bool(const sse_mess
             }
             was_open = true;
         } catch (const failure& f) {
-            if (!was_open || f.status != status_unreached) {
+            if (!was_open || is_final || f.status != status_unreached) {
                 throw;
             }
             end = f.text;

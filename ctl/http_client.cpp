@@ -99,7 +99,7 @@ asio::awaitable<void> talk(Stream& stream, exchange& of) {
     beast::flat_buffer buffer;
     http::response_parser<http::empty_body> head;
     head.header_limit(most_head);
-    head.body_limit(boost::none); /* which comes later */
+    head.body_limit(most_body); /* that it announces */
     co_await http::async_read_header(stream, buffer, head, use_awaitable);
     of.answer.status = static_cast<int>(head.get().result_int());
     of.answer.type = std::string(head.get()[http::field::content_type]);

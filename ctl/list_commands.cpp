@@ -28,7 +28,7 @@ int run_agents(const place& here) {
                            "agents",
                            {{"STATE"},
                             {.head = "SINCE", .is_right = true},
-                            {.head = "AGENT", .least = 12},
+                            {.head = "AGENT", .least = 10, .keeps_end = true},
                             {.head = "ID", .is_right = true},
                             {.head = "OK", .is_right = true},
                             {.head = "PROBLEM", .is_right = true},
@@ -63,12 +63,12 @@ int run_tests(const place& here) {
                            "tests",
                            {{"STATE"},
                             {.head = "SINCE", .is_right = true},
-                            {.head = "AGENT", .least = 12},
+                            {.head = "AGENT", .least = 10, .keeps_end = true},
                             {.head = "ID", .is_right = true},
-                            {"TYPE"},
-                            {.head = "NAME", .least = 12},
-                            {.head = "VALUES", .least = 12},
-                            {.head = "MESSAGE", .least = 12}},
+                            {.head = "TYPE", .least = 7},
+                            {.head = "NAME", .least = 10},
+                            {.head = "VALUES", .least = 8},
+                            {.head = "MESSAGE", .least = 8}},
                            0};
     size_t failing = 0;
     auto row_of = [&](const json::object& test) -> std::vector<table_cell> {
@@ -97,7 +97,7 @@ int run_results(const place& here) {
                             {"STATUS"},
                             {.head = "PARTS", .is_right = true},
                             {.head = "VALUES", .least = 20},
-                            {.head = "MESSAGE", .least = 12}},
+                            {.head = "MESSAGE", .least = 8}},
                            20};
     auto row_of = [&](const json::object& result) -> std::vector<table_cell> {
         const size_t parts = list_in(result, "parts").size();
@@ -117,9 +117,9 @@ int run_events(const place& here) {
                            {{"TIME"},
                             {"FROM"},
                             {"TO"},
-                            {.head = "AGENT", .least = 12},
+                            {.head = "AGENT", .least = 10, .keeps_end = true},
                             {.head = "TEST", .least = 12},
-                            {.head = "MESSAGE", .least = 12}},
+                            {.head = "MESSAGE", .least = 8}},
                            100};
     auto row_of = [&](const json::object& event) -> std::vector<table_cell> {
         const std::string from = text_cell(here, event, "from");
@@ -145,7 +145,7 @@ int run_ledger(const place& here) {
     const list_def list = {"/api/v1/ledger",
                            "hours",
                            {{"HOUR"},
-                            {.head = "AGENT", .least = 12},
+                            {.head = "AGENT", .least = 10, .keeps_end = true},
                             {.head = "EXPECTED", .is_right = true},
                             {.head = "RECEIVED", .is_right = true},
                             {.head = "REPEATED", .is_right = true},

@@ -40,6 +40,10 @@ std::vector<size_t> table::widths(size_t most) const {
         wide[widest]--;
         sum--;
     }
+    for (size_t i = wide.size(); i-- > 1 && most != 0 && sum > most;) {
+        sum -= wide[i] > 0 ? wide[i] + between : 0;
+        wide[i] = 0;
+    }
     return wide;
 }
 
@@ -57,7 +61,9 @@ std::string table::text(const screen& on) const {
             owed += is_first ? 0 : between;
             is_first = false;
             table_cell cell = cell_of(i);
-            std::string fitting = shortened(cell.text, wide[i], on.cut_mark());
+            std::string fitting = columns_[i].keeps_end
+                                      ? shortened_left(cell.text, wide[i], on.cut_mark())
+                                      : shortened(cell.text, wide[i], on.cut_mark());
             size_t blanks = wide[i] - std::min(wide[i], display_width(fitting));
             owed += columns_[i].is_right ? blanks : 0;
             if (!fitting.empty()) {

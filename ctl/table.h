@@ -10,8 +10,9 @@
 
 struct table_column {
     std::string head;
-    bool is_right = false; /* numbers */
-    size_t least = 0;      /* columns that it may be cut down to; 0: it is never cut */
+    bool is_right = false;  /* numbers */
+    size_t least = 0;       /* columns that it may be cut down to; 0: it is never cut */
+    bool keeps_end = false; /* what is cut off is its beginning */
 };
 
 /* Text is printable. */
@@ -30,7 +31,7 @@ public:
 
     /* Heads and rows, a line each; without blanks at their ends. Columns in which nothing stands
      * are left out. On a screen that is too narrow the columns that may be cut are, the widest
-     * first; when that is not enough, lines are too long. */
+     * first; when that is not enough, the last columns are left out. */
     std::string text(const screen& on) const;
 
 private:

@@ -116,6 +116,22 @@ std::string shortened(std::string_view text, size_t columns, std::string_view ma
     return std::string(text.substr(0, measure(text, columns - 1, taken))).append(mark);
 }
 
+std::string shortened_left(std::string_view text, size_t columns, std::string_view mark) {
+    size_t wide = display_width(text);
+    if (wide <= columns) {
+        return std::string(text);
+    }
+    if (columns == 0) {
+        return "";
+    }
+    while (wide > columns - 1) {
+        code_point c = decode_utf8(text);
+        wide -= c.bytes > 0 ? columns_of(c.value) : 1;
+        text.remove_prefix(std::max<size_t>(c.bytes, 1));
+    }
+    return std::string(mark).append(text);
+}
+
 std::vector<std::string> wrapped(std::string_view text, size_t columns) {
     std::vector<std::string> lines;
     columns = std::max<size_t>(columns, 2); /* the widest character fits */

@@ -31,6 +31,9 @@ size_t display_width(std::string_view text);
  * column. */
 std::string shortened(std::string_view text, size_t columns, std::string_view mark);
 
+/* The same, with its end behind the mark. */
+std::string shortened_left(std::string_view text, size_t columns, std::string_view mark);
+
 /* Lines that take at most `columns`, broken at blanks where there are any; one at least. */
 std::vector<std::string> wrapped(std::string_view text, size_t columns);
 

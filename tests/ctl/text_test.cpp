@@ -23,6 +23,10 @@ TEST(text, is_cut_by_columns) {
     EXPECT_EQ(shortened("abcd", 3, "~"), "ab~");
     EXPECT_EQ(shortened("\xe6\xbc\xa2\xe5\xad\x97", 3, "~"), "\xe6\xbc\xa2~");
     EXPECT_EQ(shortened("abc", 0, "~"), "");
+    EXPECT_EQ(shortened_left("abcd", 4, "~"), "abcd");
+    EXPECT_EQ(shortened_left("abcd", 3, "~"), "~cd");
+    EXPECT_EQ(shortened_left("\xe6\xbc\xa2\xe5\xad\x97", 2, "~"), "~");
+    EXPECT_EQ(shortened_left("abcd", 0, "~"), "");
 }
 
 TEST(text, is_broken_at_blanks) {

@@ -13,7 +13,7 @@ namespace json = boost::json;
 namespace {
 
 constexpr size_t most_a_page = 1000;
-constexpr std::chrono::milliseconds longest_wait{60000};
+constexpr std::chrono::milliseconds shortest_wait{100}, longest_wait{60000};
 
 json::object object_of(const http_answer& answer) {
     boost::system::error_code error;
@@ -167,7 +167,8 @@ void api::listen(const parameters& with, const std::function<bool(const sse_mess
             }
             end = f.text;
         }
-        wait = wait.count() == 0 ? std::chrono::milliseconds(messages.retry_ms())
+        const std::chrono::milliseconds asked_for(messages.retry_ms());
+        wait = wait.count() == 0 ? std::max(asked_for, shortest_wait)
                                  : std::min(wait * 2, longest_wait);
         note("the stream has ended: " + end + "; trying again");
         std::this_thread::sleep_for(wait);

@@ -11,40 +11,51 @@ void table::add(std::vector<table_cell> row) {
     rows_.push_back(std::move(row));
 }
 
-/* 0: the column is left out. */
-std::vector<size_t> table::widths(size_t most) const {
+/* Of each of the first `count` columns; 0: nothing stands in it. */
+std::vector<size_t> table::natural_widths(size_t count) const {
     std::vector<size_t> wide(columns_.size(), 0);
     for (const std::vector<table_cell>& row : rows_) {
-        for (size_t i = 0; i < row.size(); i++) {
+        for (size_t i = 0; i < count; i++) {
             wide[i] = std::max(wide[i], display_width(row[i].text));
         }
     }
-    size_t sum = 0;
-    for (size_t i = 0; i < wide.size(); i++) {
-        if (wide[i] > 0) {
-            wide[i] = std::max(wide[i], display_width(columns_[i].head));
-            sum += wide[i] + (sum > 0 ? between : 0);
-        }
+    for (size_t i = 0; i < count; i++) {
+        wide[i] = wide[i] > 0 ? std::max(wide[i], display_width(columns_[i].head)) : 0;
     }
-    while (most != 0 && sum > most) {
-        size_t widest = columns_.size();
+    return wide;
+}
+
+/* Takes from the widest of those that may be cut until all fit; false when they never do. */
+bool table::fit(std::vector<size_t>& wide, size_t most) const {
+    size_t sum = 0;
+    for (size_t each : wide) {
+        sum += each > 0 ? each + (sum > 0 ? between : 0) : 0;
+    }
+    while (sum > most) {
+        size_t widest = wide.size();
         for (size_t i = 0; i < wide.size(); i++) {
             if (columns_[i].least > 0 && wide[i] > columns_[i].least &&
-                (widest == columns_.size() || wide[i] >= wide[widest])) {
+                (widest == wide.size() || wide[i] >= wide[widest])) {
                 widest = i;
             }
         }
-        if (widest == columns_.size()) {
-            break;
+        if (widest == wide.size()) {
+            return false;
         }
         wide[widest]--;
         sum--;
     }
-    for (size_t i = wide.size(); i-- > 1 && most != 0 && sum > most;) {
-        sum -= wide[i] > 0 ? wide[i] + between : 0;
-        wide[i] = 0;
+    return true;
+}
+
+/* 0: the column is left out. */
+std::vector<size_t> table::widths(size_t most) const {
+    for (size_t count = columns_.size();; count--) {
+        std::vector<size_t> wide = natural_widths(count);
+        if (most == 0 || fit(wide, most) || count <= 1) {
+            return wide;
+        }
     }
-    return wide;
 }
 
 std::string table::text(const screen& on) const {

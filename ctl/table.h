@@ -35,6 +35,8 @@ public:
     std::string text(const screen& on) const;
 
 private:
+    std::vector<size_t> natural_widths(size_t count) const;
+    bool fit(std::vector<size_t>& wide, size_t most) const;
     std::vector<size_t> widths(size_t most) const;
 
     const std::vector<table_column> columns_;

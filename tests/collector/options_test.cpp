@@ -121,7 +121,11 @@ TEST(collector_options, help_and_version_end_at_once) {
               "       vindral-collector --missing --plan FILE [--older-than DURATION]\n"
               "       vindral-collector backup FILE\n"
               "       vindral-collector restore FILE [--replace]\n"
-              "       vindral-collector check\n");
+              "       vindral-collector check\n"
+              "       vindral-collector token add NAME --role ROLE\n"
+              "       vindral-collector token list\n"
+              "       vindral-collector token remove NAME\n"
+              "       vindral-collector link [--role ROLE]\n");
     p = parse({"--version"});
     EXPECT_EQ(p.result, options_result::done);
     EXPECT_EQ(p.text.substr(0, 18), "vindral-collector ");
@@ -139,8 +143,9 @@ TEST(collector_options, mistakes_are_named) {
                  "--max-connections takes a number from 1 to 1000000, not \"0\"");
     expect_wrong({"--json", "--colour"}, "unknown option --colour");
     expect_wrong({"--json", "-x"}, "unknown option -x");
-    expect_wrong({"--json", "here"},
-                 "unexpected argument \"here\"; the commands are backup, restore, check");
+    expect_wrong(
+        {"--json", "here"},
+        "unexpected argument \"here\"; the commands are backup, restore, check, token, link");
     expect_wrong({"--allow", ""}, "--allow takes an e-mail address");
     expect_wrong({"--end-refused"}, "--end-refused needs --allow");
     expect_wrong({"--cert", "c"}, "--cert and --key belong together");
@@ -252,8 +257,9 @@ TEST(collector_options, mistakes_with_commands_are_named) {
     expect_wrong({"restore", ""}, "restore needs a file");
     expect_wrong({"backup", "a", "b"}, "unexpected argument \"b\"");
     expect_wrong({"check", "a"}, "unexpected argument \"a\"");
-    expect_wrong({"backups", "a"},
-                 "unexpected argument \"backups\"; the commands are backup, restore, check");
+    expect_wrong(
+        {"backups", "a"},
+        "unexpected argument \"backups\"; the commands are backup, restore, check, token, link");
     expect_wrong({"backup", "a", "--replace"}, "--replace does not go with backup");
     expect_wrong({"check", "--plan", "p"}, "--plan does not go with check");
     expect_wrong({"--replace"}, "--replace needs restore");

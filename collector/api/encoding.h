@@ -20,8 +20,8 @@ std::optional<std::string> from_base64url(std::string_view text);
  * in an address. Years 0001 to 9999. */
 std::optional<int64_t> read_time(std::string_view text);
 
-/* The way back, in UTC: "2026-05-01T12:00:00Z". Agents say what they like: what lies outside of those
- * years is the nearest that does not. */
+/* The way back, in UTC: "2026-05-01T12:00:00Z". Agents say what they like: what lies outside of
+ * those years is the nearest that does not. */
 std::string time_text(int64_t seconds);
 
 /* A whole number, and nothing else. */

@@ -15,6 +15,40 @@ constexpr double none = std::numeric_limits<double>::quiet_NaN();
 constexpr double rounding = 1e-9; /* what is exact in time may not be in columns */
 constexpr size_t label_room = 12; /* columns for each time, with what is between */
 
+/* ---- what can be drawn ---- */
+
+constexpr double highest_drawn = 1e300; /* beyond, differences have no number */
+
+/* The curve with a lowest and a highest value round each mean, as long as the times. */
+plot_curve drawable(const plot_curve& curve, size_t count) {
+    plot_curve found = curve;
+    for (std::vector<double>* each : {&found.min, &found.mean, &found.max}) {
+        each->resize(count, none);
+        for (double& value : *each) {
+            value = std::abs(value) <= highest_drawn ? value : none;
+        }
+    }
+    for (size_t i = 0; i < count; i++) {
+        const double mean = found.mean[i];
+        found.min[i] = found.min[i] <= mean ? found.min[i] : mean;
+        found.max[i] = found.max[i] >= mean ? found.max[i] : mean;
+    }
+    return found;
+}
+
+/* No point and no state lasts longer than the whole. */
+plot_series drawable(const plot_series& all) {
+    plot_series found = all;
+    found.curves.clear();
+    found.resolution = std::clamp<int64_t>(all.resolution, 0, all.to - all.from);
+    for (std::vector<int64_t>* each : {&found.ok, &found.problem, &found.unknown}) {
+        for (int64_t& lasts : *each) {
+            lasts = std::clamp<int64_t>(lasts, 0, all.to - all.from);
+        }
+    }
+    return found;
+}
+
 /* ---- the scale of the values ---- */
 
 struct scale {
@@ -207,10 +241,11 @@ private:
         to_.line(x_of(a), y_of(curve_.mean[a]), x_of(b), y_of(curve_.mean[b]));
         has_band_ = has_band_ || curve_.max[b] > curve_.min[b];
         const double begin = column_of(a), end = column_of(b);
-        widen(end, curve_.min[b], curve_.max[b]);
-        for (double column = std::floor(begin) + 1; column < end; column++) {
-            double share = (column + 0.5 - begin) / (end - begin);
-            share = std::clamp(share, 0.0, 1.0);
+        widen(std::floor(end), curve_.min[b], curve_.max[b]);
+        const auto last = static_cast<int64_t>(std::ceil(end));
+        for (int64_t i = static_cast<int64_t>(std::floor(begin)) + 1; i < last; i++) {
+            const auto column = static_cast<double>(i);
+            const double share = std::clamp((column + 0.5 - begin) / (end - begin), 0.0, 1.0);
             widen(column, curve_.min[a] + (curve_.min[b] - curve_.min[a]) * share,
                   curve_.max[a] + (curve_.max[b] - curve_.max[a]) * share);
         }
@@ -306,11 +341,13 @@ bool plot_curve::has_values() const {
     return std::any_of(mean.begin(), mean.end(), [](double each) { return std::isfinite(each); });
 }
 
-std::string plot_text(const plot_series& all, const plot_curve& curve, size_t rows,
+std::string plot_text(const plot_series& series, const plot_curve& values, size_t rows,
                       const screen& on) {
-    if (!curve.has_values() || all.from >= all.to) {
+    const plot_curve curve = drawable(values, series.time.size());
+    if (!curve.has_values() || series.from >= series.to) {
         return printable(curve.name) + ": no values\n";
     }
+    const plot_series all = drawable(series);
     rows = std::clamp<size_t>(rows, 2, 100);
     const scale by = scale_of(curve, rows);
     const double top = std::max(std::abs(by.low), std::abs(by.high));

@@ -2,6 +2,7 @@
 #include "ctl/text.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -178,4 +179,27 @@ TEST_F(plot_test, colours_change_no_character) {
         }
     }
     EXPECT_EQ(bare, plain);
+}
+
+/* Whatever it is told, it ends soon and stays within its frame. */
+TEST_F(plot_test, numbers_that_make_no_sense) {
+    const double nothing = std::nan(""), most = 1.7e308;
+    plot_series all = points({1, 2, 3, 4});
+    all.curves[0].min.assign(4, nothing);
+    all.curves[0].max.assign(4, nothing);
+    EXPECT_EQ(lines(all, 5, ascii)[0], "load: lowest 1, mean 2.5, highest 4");
+    all.curves[0].min.assign(4, 50);
+    all.curves[0].max.assign(4, -50);
+    EXPECT_EQ(lines(all, 5, ascii)[0], "load: lowest 1, mean 2.5, highest 4");
+    all = points({1, most, -most, 4});
+    EXPECT_EQ(lines(all, 5, ascii)[0], "load: lowest 1, mean 2.5, highest 4");
+    all = points({1, 2, 3, 4});
+    all.resolution = INT64_MAX;
+    all.ok.assign(4, INT64_MAX);
+    all.problem.assign(4, INT64_MIN);
+    all.unknown.assign(4, INT64_MAX);
+    all.time[3] = 253402300799;
+    EXPECT_EQ(lines(all, 5, braille).size(), 9u);
+    all.time.push_back(253402300799); /* and one that the columns do not have */
+    EXPECT_EQ(lines(all, 5, braille).size(), 9u);
 }

@@ -42,15 +42,21 @@ std::string from_environment(const char* name) {
     return text != nullptr ? text : "";
 }
 
+/* What is empty was mostly a variable that is not set, and not meant as "any". */
+std::string refuse_empty(const std::string& text) {
+    return text.empty() ? "the value is empty" : "";
+}
+
 void add_option(CLI::App& to, const option_def& row, given& said) {
     CLI::Option* made = nullptr;
     if (row.text != nullptr) {
-        made = to.add_option(row.name, said.*row.text, row.help);
+        made = to.add_option(row.name, said.*row.text, row.help)->check(refuse_empty);
     } else if (row.texts != nullptr) {
         made = to.add_option(row.name, said.*row.texts, row.help)
                    ->expected(1)
                    ->allow_extra_args(false)
-                   ->take_all();
+                   ->take_all()
+                   ->check(refuse_empty);
     } else if (row.number != nullptr) {
         made = to.add_option(row.name, said.*row.number, row.help)
                    ->check(CLI::Range(row.least, row.most));
@@ -107,7 +113,7 @@ private:
         CLI::App* made = above->add_subcommand(last_word(row.name), row.help);
         made->footer("The options of vindralctl can stand here, too: see vindralctl --help.");
         if (row.word != nullptr) {
-            made->add_option(row.word, said_.word)->required();
+            made->add_option(row.word, said_.word)->required()->check(refuse_empty);
         }
         for (const option_def* option : row.options) {
             add_option(*made, *option, said_);
@@ -184,10 +190,14 @@ void hide_token(int argc, char** argv) {
     const char name[] = "--token";
     for (int i = 1; i < argc; i++) {
         char* secret = nullptr;
-        if (strcmp(argv[i], name) == 0 && i + 1 < argc) {
-            secret = argv[i + 1];
-        } else if (strncmp(argv[i], "--token=", sizeof name) == 0) {
-            secret = argv[i] + sizeof name;
+        char* word = argv[i];
+        if (word == nullptr) {
+            return;
+        }
+        if (strcmp(word, name) == 0) {
+            secret = argv[i + 1]; /* the last one is null */
+        } else if (strncmp(word, "--token=", sizeof name) == 0) {
+            secret = word + sizeof name;
         }
         if (secret != nullptr) {
             memset(secret, '*', strlen(secret));

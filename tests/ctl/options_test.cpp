@@ -145,6 +145,23 @@ TEST(options, what_is_wrong_is_said) {
     EXPECT_EQ(line.text.find('\x1b'), std::string::npos);
 }
 
+/* Of a variable that was not set, mostly: with all agents in place of one, --fail would lie. */
+TEST(options, a_value_is_not_empty) {
+    for (std::vector<const char*> words : {std::vector<const char*>{"tests", "--agent", ""},
+                                           {"watch", "--test", ""},
+                                           {"agents", "--state", ""},
+                                           {"series", "1", "--value", ""},
+                                           {"agents", "--url", ""},
+                                           {"--token", "", "agents"},
+                                           {"agents", "--token-file", ""},
+                                           {"check", ""}}) {
+        command_line line = read(words);
+        EXPECT_EQ(line.outcome, reading::wrong) << testing::PrintToString(words);
+        EXPECT_NE(line.text.find("empty"), std::string::npos) << line.text;
+    }
+    EXPECT_EQ(read({"tests", "--agent="}).outcome, reading::wrong);
+}
+
 TEST(options, help_and_version) {
     command_line line = read({"--help"});
     EXPECT_EQ(line.outcome, reading::show);
@@ -204,10 +221,13 @@ TEST(secrets, are_taken_out) {
     EXPECT_EQ(without_secrets("x vt_ab-C_1 y vl_z"), "x vt_... y vl_...");
     EXPECT_EQ(without_secrets("vt_"), "vt_...");
     char program[] = "vindralctl", name[] = "--token", secret[] = "abc", last[] = "--token=abc";
-    char* words[] = {program, name, secret, last};
+    char* words[] = {program, name, secret, last, nullptr};
     hide_token(4, words);
     EXPECT_STREQ(secret, "***");
     EXPECT_STREQ(last, "--token=***");
+    char* without[] = {program, name, nullptr};
+    hide_token(2, without); /* its value is missing */
+    EXPECT_STREQ(name, "--token");
 }
 
 /* The completion and the manual page know every command and every option, and no others. */

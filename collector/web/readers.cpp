@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <pthread.h>
 #include <utility>
 
 using std::chrono::steady_clock;
@@ -14,6 +15,7 @@ readers::readers(size_t threads, size_t waiting, size_t waiting_of_one,
       next_time_(steady_clock::now()) {
     for (size_t i = 0; i < threads; i++) {
         threads_.emplace_back([this] { run(); });
+        pthread_setname_np(threads_.back().native_handle(), "reader");
     }
 }
 

@@ -12,6 +12,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <pthread.h>
 #include <thread>
 
 namespace asio = boost::asio;
@@ -200,6 +201,7 @@ bool web_server::listen(std::string& error) {
     error.clear();
     asio::co_spawn(s.room.context, s.accept_all(), asio::detached);
     s.network = std::thread([&s] { s.run(); });
+    pthread_setname_np(s.network.native_handle(), "web");
     return true;
 }
 

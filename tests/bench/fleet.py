@@ -3,14 +3,17 @@
 core, what a poll waits, what a result takes on disk, and how long reading takes, with a history and while results
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
-    tests/bench/fleet.py [load] [history] [drop] [test] [peers] [--agents 1000] [--days 2] [--before 30]
+    tests/bench/fleet.py [load] [history] [drop] [test] [api] [peers] [--agents 1000] [--days 2] [--before 30]
         [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY] [--ahead]
 
 `load`: polls to an empty collector, at the same time to that of another version with --beside.
 `history` makes the last --days of the fleet by simulated clocks, and copies their last whole day to the --before
 days in front of them; then a collector starts with that, and it is read, at rest and while polls come. --store: made there and left, or
 found there. --ahead: what reads (and the peers) goes before everything else on a machine that others use, too
-(chrt, as root). `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
+(chrt, as root). `api`: what who asks waits, and what polls cost meanwhile: a table by thread, in turns of --phase
+seconds, with nobody asking, lists and series asked, --readers streams read, both, and --stalled streams that nobody
+reads; with --beside also those of another version that nobody asks. --store as with `history`; without, there is
+nothing but what comes, and series are short. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
 two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
 import argparse
@@ -251,7 +254,133 @@ def peers(options, home):
         print("victoria-metrics is not installed")
 
 
-PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "peers": peers}
+class Threads:
+    """Of a process, by name: seconds on a processor, and waiting for one; and how often it has waited."""
+
+    def __init__(self, pid):
+        self.at = time.monotonic()
+        self.ran, self.waited, self.woken, self.count = {}, {}, 0, 0
+        for task in os.listdir("/proc/%d/task" % pid):
+            place = "/proc/%d/task/%s/" % (pid, task)
+            try:
+                with open(place + "comm", encoding="latin-1") as file:
+                    name = file.read().strip()
+                with open(place + "schedstat", encoding="ascii") as file:
+                    ran, waited, _ = map(int, file.read().split())
+                with open(place + "status", encoding="latin-1") as file:
+                    woken = [int(line.split()[1]) for line in file if line.startswith("voluntary_ctxt")]
+            except (FileNotFoundError, ProcessLookupError):
+                continue
+            name = "network" if int(task) == pid else name
+            self.ran[name] = self.ran.get(name, 0) + ran / 1e9
+            self.waited[name] = self.waited.get(name, 0) + waited / 1e9
+            self.woken += sum(woken)
+            self.count += 1
+
+
+def resident(pid):
+    with open("/proc/%d/status" % pid, encoding="latin-1") as file:
+        sizes = {line.split(":")[0]: int(line.split()[1]) for line in file if line.endswith(" kB\n")}
+    return "%.1f MB resident, %.1f anonymous" % (sizes["VmRSS"] / 1024, sizes["RssAnon"] / 1024)
+
+
+class Polled:
+    """A collector with the fleet, and what its polls took."""
+
+    def __init__(self, name, home, options, web=(), program=None):
+        self.name, self.options = name, options
+        self.process, self.port = whole.start_collector(home, options=[*KEEP_ALL, *web], program=program)
+        self.fleet = None
+        self.each = os.path.join(home, "each")
+
+    def begin(self):
+        seconds = 3600 * 24
+        self.fleet = subprocess.Popen(
+            [os.path.join(whole.BENCH, "fleet_load"), "--port", str(self.port), "--agents", str(self.options.agents),
+             "--interval", str(self.options.interval), "--seconds", str(seconds), "--each", self.each],
+            stdout=subprocess.DEVNULL)
+        whole.count_on(self.fleet, "fleet_load")
+
+    def wait(self):
+        whole.wait_for(lambda: os.path.exists(self.each) and os.path.getsize(self.each) > 0, "polls", step_s=1,
+                       patience_s=600)
+
+    def look(self):
+        return Threads(self.process.pid)
+
+    def tell(self, phase, before, after):
+        with open(self.each, encoding="ascii") as file:
+            lines = [line.split() for line in file if line.endswith("\n")]
+        took = sorted(float(ms) for at, ms in lines if before.at <= float(at) < after.at)
+        failed = sum(ms < 0 for ms in took)
+        by_thread = ["%s %.0f (+%.0f)" % (thread, 1e6 * (after.ran[thread] - before.ran.get(thread, 0)) / len(took),
+                                          1e6 * (after.waited[thread] - before.waited.get(thread, 0)) / len(took))
+                     for thread in sorted(after.ran)]
+        print("  %-14s %-12s %5d polls, %d failed; p50 %.1f, p99 %.1f, most %.1f ms; us a poll: %s; %s" % (
+            self.name, phase, len(took), failed, took[len(took) // 2], took[len(took) * 99 // 100], took[-1],
+            ", ".join(by_thread), resident(self.process.pid)), flush=True)
+
+    def end(self):
+        whole.no_more(self.fleet)
+        whole.end(self.fleet)
+        whole.end(self.process)
+
+
+def make_token(home, name):
+    return subprocess.run([os.path.join(whole.BUILD, "vindral-collector"), "token", "add", name, "--role", "viewer",
+                           "--state-dir", os.path.join(home, "state")], check=True, stdout=subprocess.PIPE,
+                          encoding="ascii").stdout.split()[-1]
+
+
+def api(options, home):
+    beside = tempfile.mkdtemp(dir=home)
+    if options.store:
+        home = fill_fleet(options, home)
+    port_file = os.path.join(beside, "web-port")
+    asked_one = Polled("this one", home, options, ["--web", "127.0.0.1:0", "--web-port-file", port_file],
+                       os.path.join(whole.BUILD, "vindral-collector"))
+    all_of_them = [asked_one, *(Polled(program, tempfile.mkdtemp(dir=beside), options, program=program)
+                                for program in options.beside)]
+    tokens = [make_token(home, "bench%d-%d" % (i, os.getpid())) for i in range(16)]
+    with open(port_file, encoding="ascii") as file:
+        port = file.read().strip()
+    before = [each.look() for each in all_of_them]
+    time.sleep(20)
+    for each, then in zip(all_of_them, before):
+        now = each.look()
+        print("  %s, nothing comes: %d threads, %.2f wake-ups a second, %.1f ms of the processor a second, %s" % (
+            each.name, now.count, (now.woken - then.woken) / (now.at - then.at),
+            1e3 * (sum(now.ran.values()) - sum(then.ran.values())) / (now.at - then.at),
+            resident(each.process.pid)), flush=True)
+    for each in all_of_them:
+        each.begin()
+    for each in all_of_them:
+        each.wait()
+    tool_name = os.path.join(whole.BENCH, "api_load")
+    asking = [tool_name, "ask", "--rate", "5", *("--token=" + token for token in tokens[:4])]
+    listening = [tool_name, "listen", "--readers", str(options.readers), "--token", tokens[4]]
+    stalling = [tool_name, "stall", "--readers", str(options.stalled), *("--token=" + token for token in tokens[5:])]
+    phases = {"nobody": [], "asked": [asking], "streams": [listening], "both": [asking, listening],
+              "stalled": [stalling]}
+    for phase in options.phases.split(",") * options.rounds:
+        clients = []
+        for command in reversed(phases[phase]):
+            clients.append(subprocess.Popen([*command, "--port", port, "--seconds", str(options.phase + 2)],
+                                            stdout=subprocess.PIPE, encoding="ascii"))
+            clients[-1].stdout.readline()
+        before = [each.look() for each in all_of_them]
+        time.sleep(options.phase)
+        after = [each.look() for each in all_of_them]
+        for each, first, last in zip(all_of_them, before, after):
+            each.tell(phase, first, last)
+        for client in clients:
+            print("".join("    " + line + "\n" for line in client.communicate()[0].splitlines()), end="", flush=True)
+        time.sleep(5)
+    for each in all_of_them:
+        each.end()
+
+
+PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "peers": peers}
 
 
 def main():
@@ -265,6 +394,12 @@ def main():
     parser.add_argument("--ahead", action="store_true")
     parser.add_argument("--seconds", type=int, default=300)
     parser.add_argument("--directory", default="/var/tmp")
+    parser.add_argument("--interval", type=int, default=60)
+    parser.add_argument("--readers", type=int, default=1000)
+    parser.add_argument("--stalled", type=int, default=10000)
+    parser.add_argument("--phase", type=int, default=60)
+    parser.add_argument("--phases", default="nobody,asked,nobody,streams,both,stalled")
+    parser.add_argument("--rounds", type=int, default=2)
     options = parser.parse_args()
     for part in options.parts or PARTS:
         home = tempfile.mkdtemp(prefix="vindral-bench-", dir=options.directory)

@@ -1,10 +1,13 @@
 /* A fleet on a collection server: each agent logs in once and then polls once an interval, all of
  * them spread over it; each poll is a TCP connect, a full TLS handshake, a POST and the close.
  *
- *   fleet_load --port N [--agents N] [--interval S] [--seconds S] [--first N] [--pid P]
+ *   fleet_load --port N [--agents N] [--interval S] [--seconds S] [--first N] [--pid P] [--each
+ * FILE]
  *
  * Prints how long polls took, and what the server's process P took of the processor for them. An
- * interval before these seconds does not count: who has logged in and not polled yet costs more. */
+ * interval before these seconds does not count: who has logged in and not polled yet costs more.
+ * FILE gets a line of each poll: when it began (CLOCK_MONOTONIC, seconds) and its milliseconds,
+ * which are negative when it failed. */
 #include "fleet.h"
 
 #include <algorithm>
@@ -35,6 +38,7 @@ std::atomic<long> failed{0};
 std::mutex mutex;
 std::vector<double> took;
 double sent_bytes = 0, counts_from = 0;
+FILE* each = nullptr;
 
 struct client {
     uint32_t number = 0;
@@ -113,12 +117,17 @@ bool poll(SSL_CTX* context, client& c) {
                               "Vnd-CheckSum: " + std::to_string(sum) + "\r\n\r\n" + body);
     double ms = 1000 * (now() - began);
     size_t end = answer.find("\r\n\r\n");
+    const bool good =
+        end != std::string::npos && answer.compare(end + 4, std::string::npos, "111111") != 0;
     if (began >= counts_from) {
         std::lock_guard lock(mutex);
         took.push_back(ms);
         sent_bytes += static_cast<double>(body.size());
+        if (each) {
+            fprintf(each, "%.6f %.3f\n", began, good ? ms : -ms);
+        }
     }
-    return end != std::string::npos && answer.compare(end + 4, std::string::npos, "111111") != 0;
+    return good;
 }
 
 /* Polls are handed out in turn, each at its time. */
@@ -156,7 +165,7 @@ int main(int argc, char** argv) {
     static const option options[] = {{"port", 1, nullptr, 'p'},     {"agents", 1, nullptr, 'a'},
                                      {"interval", 1, nullptr, 'i'}, {"seconds", 1, nullptr, 's'},
                                      {"first", 1, nullptr, 'f'},    {"pid", 1, nullptr, 'P'},
-                                     {nullptr, 0, nullptr, 0}};
+                                     {"each", 1, nullptr, 'e'},     {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
         switch (c) {
         case 'p':
@@ -176,6 +185,14 @@ int main(int argc, char** argv) {
             break;
         case 'P':
             target = atoi(optarg);
+            break;
+        case 'e':
+            each = fopen(optarg, "we");
+            if (!each) {
+                perror(optarg);
+                return 1;
+            }
+            setvbuf(each, nullptr, _IOLBF, 0);
             break;
         default:
             return 2;
@@ -217,6 +234,9 @@ int main(int argc, char** argv) {
         double used = process_ms(target) - target_before;
         printf("server: %.2f %% of a core, %.3f ms a poll\n", used / spent / 10,
                used / static_cast<double>(took.size()));
+    }
+    if (each) {
+        fclose(each);
     }
     SSL_CTX_free(context);
     return failed != 0;

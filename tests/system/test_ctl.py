@@ -8,12 +8,18 @@ import json
 import os
 import pty
 import re
+import shutil
+import signal
+import socket
 import struct
 import subprocess
 import termios
 import threading
+import unittest
 
 import harness
+from scripted_server import server_context
+from test_trust import Authority
 
 CTL = os.path.join(harness.BUILD, "vindralctl")
 ESCAPE = re.compile(r"\x1b\[[0-9;]*m")
@@ -342,15 +348,19 @@ def head(*lines):
 class Odd(CtlTest):
     token = "vt_secret"
 
-    def serve(self, *answers):
+    def serve(self, *answers, tls=None):
+        """`tls` is a certificate and its key."""
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Scripted)
         server.answers, server.asked = list(answers), []
+        server.handle_error = lambda *_: None  # who does not trust it goes away in the middle
+        if tls:
+            server.socket = server_context(*tls).wrap_socket(server.socket, server_side=True)
         thread = threading.Thread(target=server.serve_forever)
         thread.start()
         self.addCleanup(thread.join)
         self.addCleanup(server.server_close)
         self.addCleanup(server.shutdown)
-        self.url = "http://127.0.0.1:%d/proxy" % server.server_address[1]
+        self.url = "%s://127.0.0.1:%d/proxy" % ("https" if tls else "http", server.server_address[1])
         return server
 
     def test_lists_are_followed_until_the_limit(self):
@@ -413,6 +423,93 @@ class Odd(CtlTest):
         self.ctl("watch", status=3)
         self.serve((403, "application/problem+json", '{"detail": "No."}'))
         self.ctl("watch", status=4)
+
+    def test_whom_it_trusts(self):
+        """Only a certificate of the authority that is named, in force, for that name."""
+        ours, others = Authority(self, "ours"), Authority(self, "others")
+        both = "subjectAltName=DNS:localhost,IP:127.0.0.1"
+        for certificate, host, why in (
+                (ours.issue("well", both), "127.0.0.1", None),
+                (ours.issue("well", both), "localhost", None),
+                (ours.issue("named", "subjectAltName=DNS:localhost"), "127.0.0.1", "127.0.0.1 is not in it"),
+                (ours.issue("address", "subjectAltName=IP:127.0.0.1"), "localhost", "localhost is not in it"),
+                (ours.issue("another", "subjectAltName=DNS:a.example"), "localhost", "localhost is not in it"),
+                (ours.issue("client", "extendedKeyUsage=clientAuth\n" + both), "localhost", "purpose"),
+                (ours.issue("over", both, days=-1), "localhost", "expired"),
+                (others.issue("well", both), "localhost", "issuer"),
+                ((others.pem, others.key), "localhost", "self-signed")):
+            with self.subTest(certificate=certificate[0], host=host):
+                server = self.serve(page("a"), tls=certificate)
+                url = self.url.replace("127.0.0.1", host)
+                self.ctl("agents", "--url", url, "--ca", ours.pem, status=3 if why else 0)
+                if why:
+                    self.assertIn("is not trusted", self.told)
+                    self.assertIn(why, self.told)
+                    self.assertEqual(server.asked, [], "not before it is trusted")
+        self.serve(page("a"), tls=ours.issue("well", both))
+        self.ctl("agents", SSL_CERT_FILE=ours.pem)
+
+    def test_it_goes_nowhere_else(self):
+        """Neither where an answer nor where the environment sends it: the token would go there."""
+        elsewhere = self.serve()
+        url = self.url
+        self.serve(b"HTTP/1.1 307 X\r\nConnection: close\r\nContent-Length: 0\r\nLocation: " + url.encode() + b"\r\n\r\n",
+                   page("a"))
+        self.ctl("agents", status=3)
+        proxies = {name: url for name in ("http_proxy", "HTTP_PROXY", "https_proxy", "ALL_PROXY", "all_proxy")}
+        self.ctl("agents", **proxies)
+        self.assertEqual(elsewhere.asked, [])
+
+    def test_an_answer_that_does_not_come(self):
+        """Ctrl-C ends the waiting; and nobody reads the token off the list of processes."""
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            words = [CTL, "--url", "http://127.0.0.1:%d" % silent.getsockname()[1], "agents", "--token", "vt_listed"]
+            with subprocess.Popen(words, env=self.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, text=True) as asking:
+                try:
+                    peer, _ = silent.accept()
+                    with peer, open("/proc/%d/cmdline" % asking.pid, "rb") as listed:
+                        asked = peer.recv(4096)
+                        while b"\r\n\r\n" not in asked:
+                            asked += peer.recv(4096)
+                        self.assertIn(b"Authorization: Bearer vt_listed\r\n", asked)
+                        listed = listed.read()
+                        self.assertIn(b"agents\0--token\0*********\0", listed)
+                        asking.send_signal(signal.SIGINT)
+                        self.assertEqual(asking.communicate(timeout=harness.PATIENCE_S), ("", ""))
+                finally:
+                    asking.kill()
+            self.assertEqual(asking.returncode, -signal.SIGINT)
+
+    def test_who_reads_no_more(self):
+        """As head(1) does: the end of watch without a word, where SIGPIPE ends programs; else its status says so."""
+        message = b'event: agent\ndata: {"account":"a","name":"%d","state":"ok"}\n\n'
+        many = head("Content-Type: text/event-stream") + b"".join(message % i for i in range(5000))
+        for ignored, status, told in ((False, -signal.SIGPIPE, ""), (True, 1, "takes no more")):
+            self.serve(many)
+            with subprocess.Popen([CTL, "watch"], env=self.environment(), stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, restore_signals=not ignored) as watch:
+                self.assertIn(b"a/0", watch.stdout.readline())
+                watch.stdout.close()
+                errors = watch.stderr.read().decode()
+                self.assertEqual(watch.wait(harness.PATIENCE_S), status)
+            self.assertIn(told, errors)
+            self.assertTrue(errors if ignored else not errors, errors)
+
+    @unittest.skipIf(not shutil.which("localedef"), "localedef missing: install Debian's package locales")
+    def test_numbers_are_written_alike_everywhere(self):
+        """A locale has its characters' width to say, and no comma."""
+        place = self.subdir("locales")
+        subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", os.path.join(place, "de_DE.UTF-8")], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=harness.PATIENCE_S)
+        tests = json.dumps({"items": [{"id": 1, "name": "n\u00e4me", "state": "ok", "agent": {"account": "a", "name": "b"},
+                                       "values": {"load": {"value": 12.5, "unit": "\u00b0C"}}}], "next": None})
+        for locale, name in (("de_DE.UTF-8", "n\u00e4me"), ("C", "n?me"), ("xx_YY.UTF-8", "n?me")):
+            self.serve((200, "application/json", tests), (200, "application/json", tests))
+            table = self.ctl("tests", LC_ALL=locale, LOCPATH=place)
+            self.assertIn(name, table)
+            self.assertIn("load 12.5 ", table)
+            self.assertIn('"value":12.5', self.ctl("tests", "--json", LC_ALL=locale, LOCPATH=place))
 
 
 if __name__ == "__main__":

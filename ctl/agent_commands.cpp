@@ -6,34 +6,33 @@
 #include "ctl/output.h"
 #include "ctl/text.h"
 
-#include <algorithm>
-
 namespace json = boost::json;
 
 namespace {
 
-constexpr size_t label_width = 16;
+/* Inventories can be long: on a screen this many lines of each; --json has all. */
+constexpr size_t inventory_lines = 3;
 
-/* "label           text", broken where the screen ends. */
-void put_fact(const place& here, std::string_view label, const std::string& text,
-              tint color = tint::none) {
-    if (text.empty()) {
-        return;
+/* What is wrong with it, the newest first; nothing of one that is well. */
+void put_failing(const place& here, int64_t id) {
+    table rows({{"PROBLEM"},
+                {.head = "SINCE", .is_right = true},
+                {.head = "ID", .is_right = true},
+                {.head = "TYPE", .least = 7},
+                {.head = "NAME", .least = 8},
+                {.head = "RESULT", .least = 8, .share = 3}});
+    here.with.list("/api/v1/tests", {{"agent", std::to_string(id)}, {"state", "problem"}}, 0,
+                   [&](const json::object& test) {
+                       rows.add({{text_cell(here, test, "status"), tint::bad},
+                                 {age_cell(here, test, "since")},
+                                 {number_cell(test, "id")},
+                                 {text_cell(here, test, "type")},
+                                 {text_cell(here, test, "name")},
+                                 {finding_cell(here, test)}});
+                   });
+    if (!rows.is_empty()) {
+        put("\n" + rows.text(here.on) + "\n");
     }
-    const size_t room = here.on.width > label_width + 20 ? here.on.width - label_width : 4096;
-    std::string head = shortened(label, label_width - 1, here.on.cut_mark());
-    for (const std::string& line : wrapped(text, room)) {
-        size_t blanks = label_width - std::min(label_width, display_width(head));
-        put(tinted(head, tint::faint, here.on) + std::string(blanks, ' ') +
-            tinted(line, color, here.on) + "\n");
-        head.clear();
-    }
-}
-
-/* "2026-05-01 14:00:00 (5m ago)" */
-std::string time_and_age(const place& here, const json::object& of, std::string_view name) {
-    std::string time = time_cell(of, name);
-    return time.empty() ? "" : time + " (" + age_cell(here, of, name) + " ago)";
 }
 
 } // namespace
@@ -50,16 +49,23 @@ int run_show_agent(const place& here) {
     put_fact(here, "agent",
              text_cell(here, agent, "account") + "/" + text_cell(here, agent, "name"));
     put_fact(here, "id", number_cell(agent, "id"));
-    put_fact(here, "state", state.text, state.color);
-    put_fact(here, "since", time_and_age(here, agent, "since"));
-    put_fact(here, "retired", time_and_age(here, agent, "retired"));
+    if (agent.contains("retired")) {
+        put_fact(here, "state", "retired", tint::faint);
+        put_fact(here, "retired", time_and_age(here, agent, "retired"));
+    } else {
+        put_fact(here, "state", state.text, state.color);
+        put_fact(here, "since", time_and_age(here, agent, "since"));
+    }
     put_fact(here, "last poll", time_and_age(here, agent, "last_poll"));
     put_fact(here, "first poll", time_and_age(here, agent, "first_poll"));
     put_fact(here, "address", text_cell(here, agent, "address"));
     put_fact(here, "version", text_cell(here, agent, "version"));
-    put_fact(here, "tests",
-             number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +
-                 number_cell(tests, "unknown") + " unknown");
+    if (!agent.contains("retired")) {
+        put_fact(here, "tests",
+                 number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +
+                     number_cell(tests, "unknown") + " unknown");
+        put_failing(here, id);
+    }
     for (const json::key_value_pair& each : object_in(agent, "inventories")) {
         if (!each.value().is_object()) {
             continue;
@@ -70,7 +76,8 @@ int run_show_agent(const place& here) {
                 items += (items.empty() ? "" : ", ") + std::string(item.get_string());
             }
         }
-        put_fact(here, printable(each.key(), true), printable(items, here.on.ascii));
+        put_fact(here, printable(each.key(), true), printable(items, here.on.ascii), tint::none,
+                 inventory_lines);
     }
     return status_well;
 }

@@ -9,6 +9,7 @@ int run_show_agent(const place& here);
 int run_retire_agent(const place& here);
 int run_check(const place& here);
 int run_tests(const place& here);
+int run_show_test(const place& here);
 int run_results(const place& here);
 int run_series(const place& here);
 int run_events(const place& here);

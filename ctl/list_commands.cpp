@@ -28,7 +28,7 @@ int run_agents(const place& here) {
                            "agents",
                            {{"STATE"},
                             {.head = "SINCE", .is_right = true},
-                            {.head = "AGENT", .least = 10, .keeps_end = true},
+                            {.head = "AGENT", .least = 10, .keeps_end = true, .is_agent = true},
                             {.head = "ID", .is_right = true},
                             {.head = "OK", .is_right = true},
                             {.head = "PROBLEM", .is_right = true},
@@ -36,7 +36,8 @@ int run_agents(const place& here) {
                             {.head = "POLLED", .is_right = true},
                             {.head = "ADDRESS", .least = 8},
                             {.head = "VERSION", .least = 4}},
-                           0};
+                           0,
+                           true};
     size_t failing = 0;
     auto row_of = [&](const json::object& agent) -> std::vector<table_cell> {
         const json::object& tests = object_in(agent, "tests");
@@ -63,19 +64,19 @@ int run_tests(const place& here) {
                            "tests",
                            {{"STATE"},
                             {.head = "SINCE", .is_right = true},
-                            {.head = "AGENT", .least = 10, .keeps_end = true},
+                            {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
                             {.head = "ID", .is_right = true},
                             {.head = "TYPE", .least = 7},
-                            {.head = "NAME", .least = 10},
-                            {.head = "VALUES", .least = 8},
-                            {.head = "MESSAGE", .least = 8}},
-                           0};
+                            {.head = "NAME", .least = 8},
+                            {.head = "RESULT", .least = 8, .share = 3}},
+                           0,
+                           true};
     size_t failing = 0;
     auto row_of = [&](const json::object& test) -> std::vector<table_cell> {
         return {state_cell(test, "state"),       {age_cell(here, test, "since")},
                 {agent_cell(here, test)},        {number_cell(test, "id")},
                 {text_cell(here, test, "type")}, {text_cell(here, test, "name")},
-                {values_cell(here, test)},       {text_cell(here, test, "message")}};
+                {finding_cell(here, test)}};
     };
     auto look = [&](const json::object& test) { failing += is_failing(here, test) ? 1 : 0; };
     int status = put_list(here, list,
@@ -96,14 +97,15 @@ int run_results(const place& here) {
                             {"STATE"},
                             {"STATUS"},
                             {.head = "PARTS", .is_right = true},
-                            {.head = "VALUES", .least = 20},
-                            {.head = "MESSAGE", .least = 8}},
+                            {.head = "RESULT", .least = 8, .share = 3}},
                            20};
     auto row_of = [&](const json::object& result) -> std::vector<table_cell> {
         const size_t parts = list_in(result, "parts").size();
-        return {{time_cell(result, "time")},         state_cell(result, "state"),
-                {text_cell(here, result, "status")}, {parts > 0 ? std::to_string(parts) : ""},
-                {values_cell(here, result)},         {text_cell(here, result, "message")}};
+        return {{short_time_cell(here, result, "time")},
+                state_cell(result, "state"),
+                {text_cell(here, result, "status")},
+                {parts > 0 ? std::to_string(parts) : ""},
+                {finding_cell(here, result)}};
     };
     return put_list(here, list,
                     {{"from", time_parameter(here, here.said.from, "--from")},
@@ -115,17 +117,17 @@ int run_events(const place& here) {
     const list_def list = {"/api/v1/events",
                            "events",
                            {{"TIME"},
-                            {"FROM"},
-                            {"TO"},
-                            {.head = "AGENT", .least = 10, .keeps_end = true},
-                            {.head = "TEST", .least = 12},
-                            {.head = "MESSAGE", .least = 8}},
+                            {"STATE"},
+                            {"BEFORE"},
+                            {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
+                            {.head = "TEST", .least = 8},
+                            {.head = "MESSAGE", .least = 8, .share = 2}},
                            100};
     auto row_of = [&](const json::object& event) -> std::vector<table_cell> {
         const std::string from = text_cell(here, event, "from");
-        return {{time_cell(event, "time")},
-                {from, tint_of_state(from)},
+        return {{short_time_cell(here, event, "time")},
                 state_cell(event, "to"),
+                {from, tint_of_state(from)},
                 {agent_cell(here, event)},
                 {text_cell(here, object_in(event, "test"), "name")},
                 {text_cell(here, event, "message")}};
@@ -145,7 +147,7 @@ int run_ledger(const place& here) {
     const list_def list = {"/api/v1/ledger",
                            "hours",
                            {{"HOUR"},
-                            {.head = "AGENT", .least = 10, .keeps_end = true},
+                            {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
                             {.head = "EXPECTED", .is_right = true},
                             {.head = "RECEIVED", .is_right = true},
                             {.head = "REPEATED", .is_right = true},
@@ -154,7 +156,7 @@ int run_ledger(const place& here) {
     size_t failing = 0;
     auto row_of = [&](const json::object& hour) -> std::vector<table_cell> {
         const bool is_whole = number_in(hour, "missing") == 0;
-        return {{time_cell(hour, "hour")},
+        return {{short_time_cell(here, hour, "hour")},
                 {agent_cell(here, hour)},
                 {number_cell(hour, "expected")},
                 {number_cell(hour, "received")},

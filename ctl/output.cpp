@@ -7,6 +7,7 @@
 #include "ctl/text.h"
 #include "ctl/times.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,14 +26,34 @@ void tell(std::string_view text) {
     (void)fwrite(line.data(), 1, line.size(), stderr);
 }
 
+namespace {
+
+/* What is wrong comes first. */
+int urgency(const json::object& item) {
+    const std::string state = text_in(item, "state");
+    return state == "problem" || state == "silent" ? 0 : state == "ok" ? 2 : 1;
+}
+
+bool is_worse(const json::object& one, const json::object& other) {
+    const int urgent = urgency(one), other_urgent = urgency(other);
+    if (urgent != other_urgent || urgent == 2) {
+        return urgent < other_urgent;
+    }
+    /* As the API writes them times sort as texts. */
+    return text_in(one, "since") > text_in(other, "since");
+}
+
+} // namespace
+
 int put_list(const place& here, const list_def& what, const parameters& with,
              const std::function<std::vector<table_cell>(const json::object&)>& row_of,
              const std::function<void(const json::object&)>& look) {
     table rows(what.columns);
-    size_t limit =
+    const size_t limit =
         here.said.limit == not_given ? what.usual_limit : static_cast<size_t>(here.said.limit);
+    const bool is_sorted = what.worst_first && !here.said.json;
     bool is_empty = true;
-    auto take = [&](const json::object& item) {
+    auto show = [&](const json::object& item) {
         is_empty = false;
         if (look) {
             look(item);
@@ -43,12 +64,29 @@ int put_list(const place& here, const list_def& what, const parameters& with,
             rows.add(row_of(item));
         }
     };
-    std::string incomplete = here.with.list(what.path, with, limit, take);
+    std::vector<json::object> all; /* to be sorted */
+    const std::string incomplete =
+        here.with.list(what.path, with, is_sorted ? 0 : limit, [&](const json::object& item) {
+            if (is_sorted) {
+                all.push_back(item);
+            } else {
+                show(item);
+            }
+        });
+    std::stable_sort(all.begin(), all.end(), is_worse);
+    for (size_t i = 0; i < all.size() && (limit == 0 || i < limit); i++) {
+        show(all[i]);
+    }
     if (!here.said.json) {
         put(rows.text(here.on));
     }
     if (is_empty && !here.said.json) {
-        tell(std::string("there are no such ") + what.things);
+        bool is_any = true; /* nothing was chosen among them */
+        for (const auto& [name, value] : with) {
+            is_any = is_any && value.empty();
+        }
+        tell(std::string(is_any ? "there are no " : "there are no such ") + what.things +
+             (is_any ? " yet" : ""));
     }
     if (!incomplete.empty()) {
         tell("this is not everything: " + incomplete);
@@ -111,19 +149,67 @@ std::string age_cell(const place& here, const json::object& of, std::string_view
     return time ? span_text(here.now - *time) : "";
 }
 
+std::string short_time_cell(const place& here, const json::object& of, std::string_view name) {
+    constexpr size_t day = 10, day_and_minutes = 16; /* "2026-05-01 14:00" */
+    const std::string time = time_cell(of, name);
+    if (here.on.width == 0 || time.size() <= day_and_minutes) {
+        return time;
+    }
+    return time.compare(0, day, local_time(here.now), 0, day) == 0
+               ? time.substr(day + 1)
+               : time.substr(0, day_and_minutes);
+}
+
+std::string value_text(const json::object& value) {
+    const json::value* number = value.if_contains("value");
+    return number == nullptr || number->is_null() ? "-"
+           : number->is_string()                  ? std::string(number->get_string())
+                                 : quantity(real_of(*number), text_in(value, "unit"));
+}
+
 std::string values_cell(const place& here, const json::object& of) {
     std::string text;
     for (const json::key_value_pair& each : object_in(of, "values")) {
-        if (!each.value().is_object()) {
-            continue;
+        if (each.value().is_object()) {
+            text += text.empty() ? "" : ", ";
+            text += std::string(each.key()) + " " + value_text(each.value().get_object());
         }
-        const json::object& value = each.value().get_object();
-        const json::value* number = value.if_contains("value");
-        std::string shown = number == nullptr || number->is_null() ? "-"
-                            : number->is_string()
-                                ? std::string(number->get_string())
-                                : quantity(real_of(*number), text_in(value, "unit"));
-        text += (text.empty() ? "" : ", ") + std::string(each.key()) + " " + shown;
     }
     return printable(text, here.on.ascii);
+}
+
+std::string finding_cell(const place& here, const json::object& of) {
+    std::string values = values_cell(here, of), message = text_cell(here, of, "message");
+    if (text_in(of, "state") == "ok" && !values.empty()) {
+        return values;
+    }
+    return message + (message.empty() || values.empty() ? "" : "; ") + values;
+}
+
+void put_fact(const place& here, std::string_view label, const std::string& text, tint color,
+              size_t most_lines) {
+    constexpr size_t label_width = 20, least_room = 20;
+    if (text.empty()) {
+        return;
+    }
+    const size_t room =
+        here.on.width > label_width + least_room ? here.on.width - label_width : 4096;
+    std::string head = shortened(label, label_width - 1, here.on.cut_mark());
+    std::vector<std::string> lines = wrapped(text, room);
+    if (most_lines > 0 && here.on.width != 0 && lines.size() > most_lines) {
+        lines.resize(most_lines);
+        lines.back() = shortened(lines.back(), room - 2, here.on.cut_mark()) + " " +
+                       std::string(here.on.cut_mark());
+    }
+    for (const std::string& line : lines) {
+        const size_t blanks = label_width - std::min(label_width, display_width(head));
+        put(tinted(head, tint::faint, here.on) + std::string(blanks, ' ') +
+            tinted(line, color, here.on) + "\n");
+        head.clear();
+    }
+}
+
+std::string time_and_age(const place& here, const json::object& of, std::string_view name) {
+    const std::string time = time_cell(of, name);
+    return time.empty() ? "" : time + " (" + age_cell(here, of, name) + " ago)";
 }

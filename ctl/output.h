@@ -26,11 +26,14 @@ struct list_def {
     const char* things; /* "tests": there are none of them */
     std::vector<table_column> columns;
     size_t usual_limit; /* 0: all */
+    /* Tables have what is wrong first, the newest first, then what is unknown, then the rest as the
+     * API has it: so a limit is one of the worst, and all are read. JSON is as the API has it. */
+    bool worst_first = false;
 };
 
 /* Reads a list and puts it down: a table, or with --json each item in a line of its own. `look`
- * sees each item as well. Returns the exit status: wrong when not everything could be read, which
- * is told.
+ * sees each item that is put down as well. Returns the exit status: wrong when not everything could
+ * be read, which is told.
  */
 int put_list(const place& here, const list_def& what, const parameters& with,
              const std::function<std::vector<table_cell>(const boost::json::object&)>& row_of,
@@ -55,8 +58,24 @@ std::string agent_cell(const place& here, const boost::json::object& of);
 table_cell state_cell(const boost::json::object& of, std::string_view name);
 /* Of a time of the API: local, or how long ago it was; "" for null. */
 std::string time_cell(const boost::json::object& of, std::string_view name);
+/* On a screen a time of today without the day, any other without the seconds. */
+std::string short_time_cell(const place& here, const boost::json::object& of,
+                            std::string_view name);
 std::string age_cell(const place& here, const boost::json::object& of, std::string_view name);
 /* "load1 0.25, load5 0.3": numbers with their units. */
 std::string values_cell(const place& here, const boost::json::object& of);
+/* Of one value: "70.2 GB"; "-" where there is none. */
+std::string value_text(const boost::json::object& value);
+/* What a test found, the telling part first: of one that is ok its values, of any other its message
+ * and then the values; the message of one that has no values. */
+std::string finding_cell(const place& here, const boost::json::object& of);
+
+/* ---- one thing, a fact a line ---- */
+
+/* "label               text", broken where the screen ends; nothing for an empty text. */
+void put_fact(const place& here, std::string_view label, const std::string& text,
+              tint color = tint::none, size_t most_lines = 0);
+/* "2026-05-01 14:00:00 (5m ago)" */
+std::string time_and_age(const place& here, const boost::json::object& of, std::string_view name);
 
 #endif

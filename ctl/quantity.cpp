@@ -27,9 +27,12 @@ std::string plain(double value) {
         return fixed(value, 0);
     }
     char text[32];
-    snprintf(text, sizeof text, "%.4g", value);
+    snprintf(text, sizeof text, "%.3g", value);
     return text;
 }
+
+/* The agent's MB have 1024 KB, and its GB as many MB. */
+constexpr double mb_of_gb = 1024;
 
 } // namespace
 
@@ -49,6 +52,9 @@ double round_step(double least) {
 std::string quantity(double value, std::string_view unit, double step, double top) {
     if (!std::isfinite(value)) {
         return "-";
+    }
+    if (unit == "MB" && step == 0 && std::abs(value) >= first_prefixed) {
+        return plain(value / mb_of_gb) + " GB";
     }
     const bool is_bytes = unit == "bytes" || unit == "B" || unit == "B/s" || unit == "bytes/s";
     double divisor = 1;

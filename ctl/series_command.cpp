@@ -93,20 +93,42 @@ std::string points_text(const plot_series& all) {
            (all.resolution == 0 ? " results" : " points of " + span_text(all.resolution));
 }
 
+json::object ask_series(const place& here, int64_t test, const std::string& from) {
+    /* As many as there are dots across. */
+    const auto usual_points = static_cast<int64_t>(2 * here.on.picture_width());
+    return here.with.get("/api/v1/tests/" + std::to_string(test) + "/series",
+                         {{"from", from},
+                          {"to", time_parameter(here, here.said.to, "--to")},
+                          {"points", here.said.points != not_given || here.said.json
+                                         ? number_parameter(here.said.points)
+                                         : std::to_string(usual_points)},
+                          {"rate", here.said.rate ? "1" : ""}});
+}
+
+/* When the first result is so late that half of the picture would be empty; 0 when it is not. */
+int64_t late_begin(const json::object& answer) {
+    const plot_series all = series_of(answer);
+    const std::vector<int64_t> count = numbers_in(answer, "count", all.time.size());
+    const auto first = std::find_if(count.begin(), count.end(), [](int64_t n) { return n > 0; });
+    if (first == count.end()) {
+        return 0;
+    }
+    const int64_t begin = all.time[static_cast<size_t>(first - count.begin())];
+    return begin - all.from > (all.to - all.from) / 2 ? begin : 0;
+}
+
 } // namespace
 
 int run_series(const place& here) {
     const found_thing test = find_test(here.with, here.said.word);
-    /* As many as there are dots across. */
-    const auto usual_points = static_cast<int64_t>(2 * here.on.picture_width());
-    const json::object answer =
-        here.with.get("/api/v1/tests/" + std::to_string(test.id) + "/series",
-                      {{"from", time_parameter(here, here.said.from, "--from")},
-                       {"to", time_parameter(here, here.said.to, "--to")},
-                       {"points", here.said.points != not_given || here.said.json
-                                      ? number_parameter(here.said.points)
-                                      : std::to_string(usual_points)},
-                       {"rate", here.said.rate ? "1" : ""}});
+    json::object answer = ask_series(here, test.id, time_parameter(here, here.said.from, "--from"));
+    if (!here.said.json && here.said.from.empty()) { /* the last day; a new test has less */
+        /* Each time the points are finer. */
+        for (int64_t begin = late_begin(answer), i = 0; begin != 0 && i < 3; i++) {
+            answer = ask_series(here, test.id, rfc3339(begin));
+            begin = late_begin(answer);
+        }
+    }
     const std::string incomplete = printable(text_in(answer, "incomplete"));
     if (here.said.json) {
         put(json_text(answer) + "\n");

@@ -25,7 +25,8 @@ std::vector<size_t> table::natural_widths(size_t count) const {
     return wide;
 }
 
-/* Takes from the widest of those that may be cut until all fit; false when they never do. */
+/* Takes from the widest of those that may be cut, by their shares, until all fit; false when they
+ * never do. */
 bool table::fit(std::vector<size_t>& wide, size_t most) const {
     size_t sum = 0;
     for (size_t each : wide) {
@@ -35,7 +36,8 @@ bool table::fit(std::vector<size_t>& wide, size_t most) const {
         size_t widest = wide.size();
         for (size_t i = 0; i < wide.size(); i++) {
             if (columns_[i].least > 0 && wide[i] > columns_[i].least &&
-                (widest == wide.size() || wide[i] >= wide[widest])) {
+                (widest == wide.size() ||
+                 wide[i] * columns_[widest].share >= wide[widest] * columns_[i].share)) {
                 widest = i;
             }
         }
@@ -58,7 +60,35 @@ std::vector<size_t> table::widths(size_t most) const {
     }
 }
 
+/* Of the columns of agents, when it is the same in all rows. */
+void table::leave_out_account() {
+    for (size_t i = 0; i < columns_.size(); i++) {
+        if (!columns_[i].is_agent || rows_.empty()) {
+            continue;
+        }
+        const std::string& first = rows_[0][i].text;
+        const std::string account = first.substr(0, first.find('/') + 1);
+        auto has_it = [&](const std::vector<table_cell>& row) {
+            return row[i].text.starts_with(account);
+        };
+        if (std::all_of(rows_.begin(), rows_.end(), has_it)) {
+            for (std::vector<table_cell>& row : rows_) {
+                row[i].text.erase(0, account.size());
+            }
+        }
+    }
+}
+
 std::string table::text(const screen& on) const {
+    if (on.width != 0) {
+        table short_names = *this;
+        short_names.leave_out_account();
+        return short_names.lines(on);
+    }
+    return lines(on);
+}
+
+std::string table::lines(const screen& on) const {
     const std::vector<size_t> wide = widths(on.width);
     std::string all;
     auto add_line = [&](auto cell_of) {

@@ -8,27 +8,39 @@
 #include "ctl/times.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 
 namespace json = boost::json;
 
 namespace {
 
-constexpr size_t event_width = 8, state_width = 9, name_width = 24;
+constexpr size_t event_width = 8, state_width = 9, name_width = 24, short_name_width = 12;
 
 std::string padded(std::string text, size_t width) {
     text.append(width - std::min(width, display_width(text)), ' ');
     return text;
 }
 
-/* "2026-05-01 14:00:00  result  ok       a@b/web-1  root disk  free 12 GB  message" */
-std::string line_of(const place& here, const std::string& event, const json::object& what) {
+/* As a list has it; on a screen the name alone of those with the account that came first. */
+std::string agent_text(const place& here, const json::object& agent, std::string& account) {
+    const std::string own = text_cell(here, agent, "account");
+    if (account.empty()) {
+        account = own;
+    }
+    return (here.on.width != 0 && own == account ? "" : own + "/") + text_cell(here, agent, "name");
+}
+
+/* "2026-05-01 14:00:00  result  ok       a@b/web-1  root disk  free 12 GB", on a screen without the
+ * day. `account`: see agent_text(). */
+std::string line_of(const place& here, const std::string& event, const json::object& what,
+                    std::string& account) {
     const bool is_agent = event == "agent", is_event = event == "event";
-    std::string time = is_agent ? local_time(here.now) : time_cell(what, "time");
+    std::string time =
+        is_agent ? local_time(here.now).substr(here.on.width != 0 ? strlen("2026-05-01 ") : 0)
+                 : short_time_cell(here, what, "time");
     table_cell state = state_cell(what, is_event ? "to" : "state");
-    std::string agent = is_agent
-                            ? text_cell(here, what, "account") + "/" + text_cell(here, what, "name")
-                            : agent_cell(here, what);
+    std::string agent = agent_text(here, is_agent ? what : object_in(what, "agent"), account);
     std::string test = text_cell(here, object_in(what, "test"), "name");
     std::string rest;
     if (is_agent) {
@@ -36,14 +48,15 @@ std::string line_of(const place& here, const std::string& event, const json::obj
         rest = number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +
                number_cell(tests, "unknown") + " unknown";
     } else {
-        rest = is_event ? "was " + text_cell(here, what, "from") : values_cell(here, what);
-        std::string message = text_cell(here, what, "message");
-        rest += (rest.empty() || message.empty() ? "" : "; ") + message;
+        rest = is_event ? "was " + text_cell(here, what, "from") : finding_cell(here, what);
+        std::string message = is_event ? text_cell(here, what, "message") : "";
+        rest += (message.empty() ? "" : "; ") + message;
     }
-    std::string line = padded(time, 19) + "  " + padded(printable(event, true), event_width);
+    std::string line = time + "  " + padded(printable(event, true), event_width);
     std::string head = line + tinted(padded(state.text, state_width), state.color, here.on) + " ";
-    std::string tail = padded(agent, name_width) + "  ";
-    tail += is_agent ? "" : padded(test, name_width) + "  ";
+    const size_t names = here.on.width != 0 ? short_name_width : name_width;
+    std::string tail = padded(agent, names) + "  ";
+    tail += is_agent || test.empty() ? "" : padded(test, names) + "  ";
     tail += rest;
     if (here.on.width != 0) {
         size_t taken = display_width(line) + std::max(state_width, display_width(state.text)) + 1;
@@ -56,6 +69,7 @@ std::string line_of(const place& here, const std::string& event, const json::obj
 } // namespace
 
 int run_watch(const place& here) {
+    std::string account;                                               /* of the first message */
     int64_t left = here.said.limit == not_given ? 0 : here.said.limit; /* 0: until it is ended */
     auto take = [&](const sse_message& message) {
         if (message.event == "lost") {
@@ -74,7 +88,7 @@ int run_watch(const place& here) {
                 "\n");
         } else {
             const place now{here.said, here.with, here.on, time(nullptr)};
-            put(line_of(now, message.event, what.get_object()));
+            put(line_of(now, message.event, what.get_object(), account));
         }
         return left == 0 || --left > 0;
     };

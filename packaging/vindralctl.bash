@@ -72,7 +72,12 @@ _vindralctl() {
         *) options="show retire --state --q --limit --fail" ;;
         esac
         ;;
-    tests) options="--agent --state --type --q --limit --fail" ;;
+    tests)
+        case $sub in
+        show) options="" ;;
+        *) options="show --agent --state --type --q --limit --fail" ;;
+        esac
+        ;;
     results) options="--from --to --limit" ;;
     series) options="--from --to --points --rate --value --height" ;;
     events) options="--agent --test --type --state --q --from --to --limit" ;;
@@ -84,7 +89,7 @@ _vindralctl() {
         list) options="--limit" ;;
         add) options="--role --ends" ;;
         remove) options="" ;;
-        *) options="list add remove" ;;
+        *) options="list add remove --limit" ;;
         esac
         ;;
     version) options="" ;;

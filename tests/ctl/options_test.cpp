@@ -132,7 +132,6 @@ TEST(options, what_is_wrong_is_said) {
                                            {"tests", "--limit", "x"},
                                            {"tests", "--limit"},
                                            {"series", "1", "--points", "0"},
-                                           {"tokens"},
                                            {"agents", "tests"},
                                            {"series", "1", "--height", "1"}}) {
         command_line line = read(words);

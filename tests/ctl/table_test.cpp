@@ -78,3 +78,23 @@ TEST(table, without_rows_is_nothing) {
     t.add({});
     EXPECT_FALSE(t.is_empty());
 }
+
+TEST(table, on_a_screen_the_account_that_all_have_is_left_out) {
+    const screen wide{.width = 80, .ascii = true, .color = false};
+    table t({{.head = "AGENT", .least = 6, .is_agent = true}, {"ID"}});
+    t.add({{"ops@example.org/web-1"}, {"1"}});
+    t.add({{"ops@example.org/db/2"}, {"2"}});
+    EXPECT_EQ(t.text(wide), "AGENT  ID\nweb-1  1\ndb/2   2\n");
+    /* What programs may read has it. */
+    EXPECT_EQ(t.text({.width = 0, .ascii = true, .color = false}),
+              "AGENT                  ID\nops@example.org/web-1  1\nops@example.org/db/2   2\n");
+    t.add({{"dev@example.org/web-1"}, {"3"}});
+    EXPECT_NE(t.text(wide).find("ops@example.org/web-1  1\n"), std::string::npos);
+}
+
+TEST(table, of_columns_that_are_cut_one_may_get_more) {
+    table t({{.head = "NAME", .least = 2}, {.head = "RESULT", .least = 2, .share = 3}});
+    t.add({{"abcdefghijklmnop"}, {"abcdefghijklmnopqrstuvwxyz"}});
+    EXPECT_EQ(t.text({.width = 22, .ascii = true, .color = false}),
+              "NAME   RESULT\nabcd~  abcdefghijklmn~\n");
+}

@@ -41,14 +41,16 @@ TEST(text, is_broken_at_blanks) {
 TEST(quantity, has_as_many_digits_as_help) {
     EXPECT_EQ(quantity(0, ""), "0");
     EXPECT_EQ(quantity(0.25, ""), "0.25");
-    EXPECT_EQ(quantity(12.34567, "%"), "12.35 %");
+    EXPECT_EQ(quantity(12.34567, "%"), "12.3 %");
     EXPECT_EQ(quantity(9999, ""), "9999");
     EXPECT_EQ(quantity(12345, ""), "12.3k");
     EXPECT_EQ(quantity(123456789, "/s"), "123M/s");
     EXPECT_EQ(quantity(123, "bytes"), "123 bytes");
     EXPECT_EQ(quantity(12345678, "bytes"), "12.3 MB");
     EXPECT_EQ(quantity(12345678, "B/s"), "12.3 MB/s");
-    EXPECT_EQ(quantity(16000, "MB"), "16000 MB");
+    EXPECT_EQ(quantity(9999, "MB"), "9999 MB");
+    EXPECT_EQ(quantity(24105, "MB"), "23.5 GB");
+    EXPECT_EQ(quantity(0.5003, "%"), "0.5 %");
     EXPECT_EQ(quantity(-12345, ""), "-12.3k");
     EXPECT_EQ(quantity(NAN, "MB"), "-");
     EXPECT_EQ(quantity(INFINITY, ""), "-");

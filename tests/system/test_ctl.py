@@ -107,6 +107,10 @@ class Asked(Collected):
         self.assertIn("load1 ", table)
         self.assertIn("Max value: 0", table)
         self.assertNotIn("\x1b", table)
+        self.assertEqual([line.split()[0] for line in table.splitlines()], ["STATE", "problem", "ok"])
+        worst = self.ctl("tests", "--limit", "1").splitlines()
+        self.assertEqual([line.split()[0] for line in worst], ["STATE", "problem"])
+        self.assertEqual(self.rows("tests", "--limit", "1")[0]["state"], "ok")  # as the API has it
         self.ctl("tests", "--fail", status=1)
         self.ctl("tests", "--state", "ok", "--fail", status=1)
         self.ctl("tests", "--state", "unknown", "--fail")
@@ -120,6 +124,14 @@ class Asked(Collected):
         shown = self.ctl("agents", "show", "web-1")
         self.assertRegex(shown, r"(?m)^agent +user@example\.net/web-1$")
         self.assertRegex(shown, r"(?m)^tests +1 ok, 1 problem, 0 unknown$")
+        self.assertRegex(shown, r"(?m)^limit reached .* load average +load average 2 .*Max value: 0")
+        shown = self.ctl("tests", "show", "web-1:load average 2")
+        for fact in (r"test +load average 2", r"agent +user@example\.net/web-1", r"type +load average 2",
+                     r"state +problem", r"status +limit reached", r"message +.*Max value: 0", r"values +load1 [\d.]+",
+                     r" +load15 [\d.]+", r"told to be +.*: -1"):
+            self.assertRegex(shown, "(?m)^%s" % fact)
+        self.assertEqual(self.rows("tests", "show", "web-1:load average 2")[0]["id"], tests[1]["id"])
+        self.ctl("tests", "show", "nothing", status=5)
         self.assertEqual(self.rows("agents", "show", "user@example.net/web-1")[0]["id"], agent["id"])
         self.assertEqual(self.rows("agents", "show", str(agent["id"]))[0]["id"], agent["id"])
 
@@ -191,7 +203,9 @@ class Asked(Collected):
             lines = ESCAPE.sub("", shown).splitlines()
             self.assertEqual(len(lines), 3)
             self.assertLessEqual(max(map(len, lines)), width)
-            self.assertIn("problem", lines[2])
+            self.assertIn("problem", lines[1])  # what is wrong comes first
+            self.assertNotIn("example.net", lines[1])  # all have this account
+            self.assertIn("web-1", lines[1])
 
     def test_standard_output_that_is_full(self):
         self.start(agent=False)
@@ -223,6 +237,7 @@ class Changed(Collected):
     def test_tokens(self):
         self.start(agent=False)
         self.ctl("tokens", "list", status=4)
+        self.ctl("tokens", status=4)
         self.token = self.tokens["admin"]
         self.ctl("tokens", "add", "mine", status=2)
         self.ctl("tokens", "add", "mine", "--role", "king", status=2)
@@ -233,6 +248,7 @@ class Changed(Collected):
         self.assertNotIn(made, self.told)
         self.ctl("tokens", "add", "mine", "--role", "viewer", status=1)
         self.assertNotIn(made, self.ctl("tokens", "list"))
+        self.assertEqual(self.ctl("tokens"), self.ctl("tokens", "list"))
         token = next(token for token in self.rows("tokens", "list") if token["name"] == "mine")
         self.assertEqual((token["role"], token["ends"] > token["made"]), ("viewer", True))
 

@@ -78,7 +78,8 @@ class parser {
 public:
     explicit parser(given& said) : said_(said), app_("Ask a Vindral collector", "vindralctl") {
         app_.set_help_flag("-h,--help", "print this, or the help of a command");
-        app_.set_version_flag("--version", "vindralctl " VINDRAL_VERSION);
+        app_.set_version_flag("--version", "vindralctl " VINDRAL_VERSION,
+                              "print the version of this program");
         app_.fallthrough();
         app_.require_subcommand(1);
         app_.footer(footer);

@@ -294,6 +294,56 @@ class Changed(Collected):
         self.ctl("watch", status=4, VINDRAL_TOKEN=None)
 
 
+class Completed(CtlTest):
+    """By bash: exactly what the program's help has, at every place."""
+
+    COMPLETION = os.path.join(harness.HERE, "..", "..", "packaging", "vindralctl.bash")
+    SHELL = """
+        _init_completion() {
+            words=("${COMP_WORDS[@]}") cword=$COMP_CWORD cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
+        }
+        _filedir() { COMPREPLY=(a-file); }
+        . "$1"
+        shift
+        COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+        _vindralctl
+        printf '%s\\n' "${COMPREPLY[@]}"
+    """
+
+    def completed(self, *words):
+        done = subprocess.run(["bash", "-c", self.SHELL, "bash", self.COMPLETION, "vindralctl", *words],
+                              stdout=subprocess.PIPE, text=True, check=True, timeout=harness.PATIENCE_S)
+        return set(done.stdout.split("\n")) - {""}
+
+    def listed(self, *command):
+        """Options and sub-commands of the help."""
+        text = self.ctl(*command, "--help")
+        options = set(re.findall(r"(?m)^ +(?:-h,)?(--[a-z-]+)", text))
+        return options, set(re.findall(r"(?m)^  ([a-z]+) ", text.partition("Subcommands:")[2]))
+
+    def test_every_command_with_its_options(self):
+        everywhere, commands = self.listed()
+        self.assertEqual(self.completed(""), everywhere | commands)
+        self.assertEqual(self.completed("--json", "--url", "agents", ""), everywhere | commands)
+        self.assertGreater(len(commands), 9)
+        for command in sorted(commands):
+            options, below = self.listed(command)
+            self.assertEqual(self.completed(command, ""), everywhere | options | below, command)
+            self.assertEqual(self.completed("--ca", "f", command, "--json", ""), everywhere | options | below, command)
+            self.assertEqual(self.completed(command, "--"), everywhere | options, command)
+            for word in sorted(below):
+                self.assertEqual(self.completed(command, word, ""), everywhere | self.listed(command, word)[0],
+                                 (command, word))
+
+    def test_values(self):
+        self.assertEqual(self.completed("tests", "--type", "snmp"), {"snmp", "snmp\\ table"})
+        self.assertEqual(self.completed("tests", "--state", "s"), {"stale"})
+        self.assertEqual(self.completed("agents", "--state", "s"), {"stale", "silent"})
+        self.assertEqual(self.completed("tokens", "add", "x", "--role", "o"), {"operator"})
+        self.assertEqual(self.completed("agents", "--token-file", ""), {"a-file"})
+        self.assertEqual(self.completed("agents", "--token", ""), set())
+
+
 class Reached(Collected):
     def test_who_may_not_and_what_is_not_there(self):
         self.start(agent=False)

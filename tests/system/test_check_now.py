@@ -57,6 +57,25 @@ class CheckNow(harness.TestCase):
         self.assertEqual(status, 204, text)
         self.agent.wait_log(login, 2)
 
+    def test_a_retired_agent_that_is_back_is_as_it_was(self):
+        """In the lists and counts again, with its ids, its tests and what it reported before."""
+        def tests():
+            return {test["number"]: (test["id"], test["state"]) for test in self.collector.get("/api/v1/tests")["items"]}
+        harness.wait_until(lambda: sorted(tests()) == [1, 2], tests)
+        before, agent = tests(), self.collector.get(AGENT)
+        self.assertEqual(self.collector.ask(AGENT, "DELETE")[0], 204)
+        harness.wait_until(lambda: tests() == before, lambda: "%s as %s" % (tests(), before))
+        again, = self.collector.get("/api/v1/agents")["items"]
+        self.assertEqual((again["id"], again["tests"], again.get("retired")),
+                         (agent["id"], {"ok": 2, "problem": 0, "unknown": 0}, None))
+        results = "/api/v1/tests/%d/results" % before[1][0]
+        harness.wait_until(lambda: len(self.collector.get(results)["items"]) > 1, "what came before is there still")
+        status, _, text = self.collector.ask("/metrics")
+        self.assertEqual(status, 200)
+        self.assertIn('vindral_agents{state="ok"} 1\n', text)
+        self.collector.wait_errors(
+            "audit: system test (admin) from 127.0.0.1: retired agent user@example.net/web1")
+
 
 if __name__ == "__main__":
     harness.main()

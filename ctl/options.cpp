@@ -1,6 +1,7 @@
 #include "ctl/options.h"
 
 #include "ctl/failure.h"
+#include "ctl/output.h"
 #include "ctl/text.h"
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <sys/stat.h>
 
 namespace {
 
@@ -21,19 +23,29 @@ const char footer[] =
     "cannot\n"
     "be reached, 4 not allowed, 5 not found. More in vindralctl(1).";
 
+constexpr size_t longest_token = 4096;
+
 /* A token is printable ASCII: nothing of it can end a header. */
 bool is_token(const std::string& text) {
-    return !text.empty() && text.size() <= 4096 &&
+    return !text.empty() && text.size() <= longest_token &&
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f; });
 }
 
+/* The first line. Of a longer one no more than shows that it is no token. */
 std::string read_token_file(const std::string& name) {
     std::ifstream file(name);
-    std::string line;
-    if (!file || !std::getline(file, line)) {
+    std::string line(longest_token + 2, 0);
+    if (!file.read(line.data(), static_cast<std::streamsize>(line.size())) && file.gcount() == 0) {
         throw failure{status_usage, printable(name) + ": no token can be read from it"};
     }
+    line.resize(static_cast<size_t>(file.gcount()));
+    line.erase(std::min(line.find('\n'), line.size()));
     line.erase(line.find_last_not_of(" \t\r") + 1);
+    struct stat found {};
+    if (stat(name.c_str(), &found) == 0 && S_ISREG(found.st_mode) &&
+        (found.st_mode & S_IROTH) != 0) {
+        tell("everybody on this machine can read " + printable(name) + ": chmod 600 helps");
+    }
     return line;
 }
 

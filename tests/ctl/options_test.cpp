@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -194,6 +195,20 @@ TEST_F(access_test, a_token_out_of_a_file) {
     std::ofstream(name) << "\n";
     EXPECT_EQ(status_of(said), status_usage);
     std::ofstream(name) << "vt_secret X: 1\n";
+    EXPECT_EQ(status_of(said), status_usage);
+    std::ofstream(name) << "vt_secret"; /* no line end */
+    EXPECT_EQ(access_of(said).token, "vt_secret");
+    for (auto [mode, is_told] : {std::pair{0600, false}, {0640, false}, {0644, true}}) {
+        chmod(name.c_str(), static_cast<mode_t>(mode));
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(access_of(said).token, "vt_secret");
+        const std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(told.find(name + ": chmod 600") != std::string::npos, is_told) << told;
+        EXPECT_EQ(told.find("vt_secret"), std::string::npos);
+    }
+    said.token_file = "/dev/zero"; /* which has no end */
+    EXPECT_EQ(status_of(said), status_usage);
+    said.token_file = testing::TempDir();
     EXPECT_EQ(status_of(said), status_usage);
     said.token = "vt_secret";
     EXPECT_EQ(status_of(said), status_usage); /* both */

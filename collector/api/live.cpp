@@ -7,9 +7,18 @@
 #include "api/shapes.h"
 #include "state/definition.h"
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <iterator>
 #include <map>
+#include <mutex>
+#include <pthread.h>
+#include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace json = boost::json;
@@ -99,14 +108,60 @@ private:
 } // namespace
 
 struct live_messages::state {
-    state(event_hub& to, std::string directory) : hub(to), names(std::move(directory)) {}
+    state(event_hub& to, std::string directory, size_t most)
+        : hub(to), most_waiting(most), names(std::move(directory)) {}
+
+    struct kept_record {
+        size_t bytes; /* of those of the block, in order */
+        uint32_t type;
+        int32_t test;
+        int64_t id = 0; /* of its test; 0: of none that is known */
+        std::optional<int32_t> number = {};
+    };
+    struct kept_event {
+        stored_event what;
+        std::string message;
+    };
+    /* What came of one agent in a batch, or the end of a batch. */
+    struct task {
+        bool is_end = false, is_cut = false; /* some of the batch is not told of */
+        bool is_heard_of = false;            /* how it stands is known, and its name */
+        int64_t agent = 0, received = 0;
+        std::string account = {}, name = {};
+        std::string bytes = {};
+        std::vector<kept_record> records = {};
+        std::vector<kept_event> events = {};
+        ::state worst = ::state::unknown;
+        int64_t since = 0;
+        json::object tests = {};
+
+        size_t size() const {
+            return sizeof(task) + account.size() + name.size() + bytes.size() +
+                   records.size() * sizeof(kept_record) + events.size() * sizeof(kept_event);
+        }
+    };
 
     event_hub& hub;
-    names_in_store names;
+    const size_t most_waiting;
+
+    /* The store's thread. */
     bool is_begun = false, is_heard = false;
-    bool is_cut = false; /* some of the batch is not told of */
-    std::map<std::pair<uint32_t, int32_t>, result_builder> results; /* of the block */
-    std::vector<std::pair<stored_event, std::string>> events;       /* with its message */
+    bool is_cut = false, has_put = false; /* anything of the batch */
+    std::string bytes;                    /* of records, of a block */
+    std::vector<kept_record> records;
+    int64_t received = 0;
+    std::vector<kept_event> events; /* of a batch */
+
+    /* Between the two. */
+    std::mutex mutex;
+    std::condition_variable more;
+    std::deque<task> waiting;
+    size_t waiting_bytes = 0; /* with those under way */
+    bool is_working = false, stopping = false;
+    std::thread thread;
+
+    /* The thread that makes the messages. */
+    names_in_store names;
 
     /* Whether anybody listens to this batch. */
     bool begin() {
@@ -118,23 +173,144 @@ struct live_messages::state {
         return is_heard;
     }
 
-    void publish_results(int64_t agent, const json::object& reference, const agent_state& now) {
-        for (auto& [key, builder] : results) {
-            const test_status* test = now.find(key.first, key.second);
-            if (test == nullptr) {
-                continue;
+    void start() {
+        if (!thread.joinable()) {
+            thread = std::thread([this] { run(); });
+            pthread_setname_np(thread.native_handle(), "live");
+        }
+    }
+
+    /* It is made into messages when the batch has ended, or when there is time. */
+    void put(task what) {
+        const size_t size = what.size();
+        std::lock_guard<std::mutex> hold(mutex);
+        if (waiting_bytes > 0 && waiting_bytes + size > most_waiting) {
+            is_cut = true;
+            return;
+        }
+        has_put = true;
+        waiting.push_back(std::move(what));
+        waiting_bytes += size;
+    }
+
+    /* As long as nobody has listened there is nothing to wait for, and no thread. */
+    void end(bool cut) {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            if (has_put || !waiting.empty() || is_working) {
+                start();
+                waiting.push_back({.is_end = true, .is_cut = cut});
+                waiting_bytes += waiting.back().size();
+                has_put = false;
+                more.notify_one();
+                return;
             }
-            for (const result& each : builder.take_all()) {
-                definition_pointer what =
-                    names.of_test(each.type, test->number, each.location, each.time);
+        }
+        if (cut) {
+            hub.skip();
+        }
+        hub.flush();
+    }
+
+    void stop() {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            stopping = true;
+        }
+        more.notify_one();
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+
+    void run() {
+        bool is_short = false; /* of memory, in this batch */
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            more.wait(lock, [&] { return stopping || !waiting.empty(); });
+            if (stopping) {
+                return;
+            }
+            is_working = true;
+            task next = std::move(waiting.front());
+            waiting.pop_front();
+            lock.unlock();
+            const size_t size = next.size();
+            try {
+                if (next.is_end) {
+                    end_batch(next.is_cut || is_short);
+                    is_short = false;
+                } else {
+                    tell(next);
+                }
+            } catch (const std::exception&) {
+                is_short = true;
+            }
+            lock.lock();
+            waiting_bytes -= size;
+            is_working = false;
+        }
+    }
+
+    void end_batch(bool cut) {
+        names.end_batch();
+        if (cut) {
+            hub.skip();
+        }
+        hub.flush();
+    }
+
+    void tell(task& what) {
+        json::object reference = what.is_heard_of
+                                     ? agent_reference(what.agent, what.account, what.name)
+                                     : names.agent(what.agent);
+        publish_results(what, reference);
+        for (kept_event& event : what.events) {
+            event.what.message = event.message;
+            publish_event(event.what, reference);
+        }
+        if (!what.is_heard_of) {
+            return;
+        }
+        reference.emplace("state", shown_word(what.worst));
+        if (what.worst == ::state::stale) {
+            reference.emplace("stale", true);
+        }
+        reference.emplace("since", json_time(what.since));
+        reference.emplace("tests", std::move(what.tests));
+        hub.publish(hub_kind::agent, what.agent, 0, json_text(reference));
+    }
+
+    void publish_results(const task& what, const json::object& reference) {
+        struct of_test {
+            const kept_record* test;
+            result_builder results{false};
+        };
+        std::map<std::pair<uint32_t, int32_t>, of_test> all;
+        std::string_view rest = what.bytes;
+        decoded_record decoded;
+        std::string reason;
+        for (const kept_record& each : what.records) {
+            std::string_view raw = rest.substr(0, each.bytes);
+            rest.remove_prefix(each.bytes);
+            if (each.id != 0 && decode_record(raw, decoded.content, reason)) {
+                decoded.summary = summarize(decoded.content);
+                all.try_emplace({each.type, each.test}, of_test{&each})
+                    .first->second.results.add(decoded, what.received);
+            }
+        }
+        for (auto& [key, of] : all) {
+            const kept_record& test = *of.test;
+            for (const result& each : of.results.take_all()) {
+                definition_pointer definition =
+                    names.of_test(each.type, test.number, each.location, each.time);
                 json::object object = json_result(each);
                 object.emplace("agent", reference);
                 object.emplace("test",
-                               test_reference(test->id, test->type, test->number, what.get()));
-                hub.publish(hub_kind::result, agent, test->id, json_text(object));
+                               test_reference(test.id, test.type, test.number, definition.get()));
+                hub.publish(hub_kind::result, what.agent, test.id, json_text(object));
             }
         }
-        results.clear();
     }
 
     void publish_event(const stored_event& event, json::object agent) {
@@ -149,79 +325,90 @@ struct live_messages::state {
     }
 
     /* Those of an agent. */
-    void publish_events(int64_t agent, const json::object& reference) {
-        for (auto& [event, message] : events) {
-            if (event.agent == agent) {
-                event.message = message;
-                publish_event(event, reference);
-            }
-        }
-        std::erase_if(events, [&](const auto& each) { return each.first.agent == agent; });
+    std::vector<kept_event> take_events(int64_t agent) {
+        std::vector<kept_event> taken;
+        auto others =
+            std::stable_partition(events.begin(), events.end(),
+                                  [&](const kept_event& each) { return each.what.agent != agent; });
+        taken.assign(std::move_iterator(others), std::move_iterator(events.end()));
+        events.erase(others, events.end());
+        return taken;
     }
 };
 
-live_messages::live_messages(event_hub& hub, std::string directory)
-    : state_(std::make_unique<state>(hub, std::move(directory))) {}
+live_messages::live_messages(event_hub& hub, std::string directory, size_t most_waiting)
+    : state_(std::make_unique<state>(hub, std::move(directory), most_waiting)) {}
 
-live_messages::~live_messages() = default;
+live_messages::~live_messages() {
+    state_->stop();
+}
 
 void live_messages::on_record(const poll_block& from, const decoded_record& result) {
-    if (state_->begin() && result.summary.schema != nullptr && result.summary.test &&
-        !is_inventory(result.summary)) {
-        state_->results.try_emplace({result.summary.type, *result.summary.test}, false)
-            .first->second.add(result, from.received);
+    state& s = *state_;
+    const record_summary& what = result.summary;
+    if (s.begin() && what.schema != nullptr && what.test && !is_inventory(what)) {
+        s.received = from.received;
+        s.records.push_back(
+            {.bytes = result.content.raw.size(), .type = what.type, .test = *what.test});
+        s.bytes += result.content.raw;
     }
 }
 
 void live_messages::on_event(const stored_event& event) {
-    if (!state_->begin()) {
+    state& s = *state_;
+    if (!s.begin()) {
         return;
     }
-    if (state_->events.size() >= most_events) {
-        state_->is_cut = true;
+    if (s.events.size() >= most_events) {
+        s.is_cut = true;
         return;
     }
-    state_->events.emplace_back(event, event.message);
-    state_->events.back().first.message = {};
+    s.events.push_back({event, std::string(event.message)});
+    s.events.back().what.message = {};
 }
 
 void live_messages::on_agent(int64_t id, std::string_view account, std::string_view agent,
                              const agent_state& now, std::span<const change>) {
-    if (!state_->begin()) {
+    state& s = *state_;
+    if (!s.begin()) {
         return;
     }
-    const json::object reference = agent_reference(id, account, agent);
-    state_->publish_results(id, reference, now);
-    state_->publish_events(id, reference);
-    json::object object = reference;
-    ::state worst = now.worst();
-    object.emplace("state", shown_word(worst));
-    if (worst == ::state::stale) {
-        object.emplace("stale", true);
+    state::task told{.is_heard_of = true,
+                     .agent = id,
+                     .received = s.received,
+                     .account = std::string(account),
+                     .name = std::string(agent),
+                     .bytes = std::exchange(s.bytes, {}),
+                     .records = std::exchange(s.records, {}),
+                     .events = s.take_events(id),
+                     .worst = now.worst(),
+                     .since = worst_since(now),
+                     .tests = json_counts(now)};
+    for (state::kept_record& each : told.records) {
+        if (const test_status* test = now.find(each.type, each.test)) {
+            each.id = test->id;
+            each.number = test->number;
+        }
     }
-    object.emplace("since", json_time(worst_since(now)));
-    object.emplace("tests", json_counts(now));
-    state_->hub.publish(hub_kind::agent, id, 0, json_text(object));
+    s.put(std::move(told));
 }
 
 /* To the end also when memory is short: what the reader sees must not be held for long. */
 void live_messages::on_batch_end() {
+    state& s = *state_;
     try {
-        while (!state_->events.empty()) { /* of agents that nothing else was said of */
-            int64_t agent = state_->events.front().first.agent;
-            state_->publish_events(agent, state_->names.agent(agent));
+        while (!s.events.empty()) { /* of agents that nothing else was said of */
+            const int64_t agent = s.events.front().what.agent;
+            s.put({.agent = agent, .events = s.take_events(agent)});
         }
     } catch (const std::exception&) {
-        state_->events.clear();
-        state_->is_cut = true;
+        s.events.clear();
+        s.is_cut = true;
     }
-    state_->results.clear();
-    state_->names.end_batch();
-    if (state_->is_cut) {
-        state_->hub.skip();
-    }
-    state_->is_begun = state_->is_cut = false;
-    state_->hub.flush();
+    s.records.clear();
+    s.bytes.clear();
+    s.is_begun = false;
+    s.end(std::exchange(s.is_cut, false));
 }
 
 hub_filter stream_filter(std::string_view target, api_request& asked, api_services& with) {

@@ -158,13 +158,25 @@ protected:
             "3.0"});
     }
 
-    /* Stored when it returns. */
+    /* The store's thread has looked after agents and tests since the last block: that comes behind
+     * the changes, so the second of two has it behind it. */
+    void settle() {
+        for (int i = 0; i < 2; i++) {
+            std::promise<bool> done;
+            store->update([](engine&) { return true; },
+                          [&](bool ok, const std::string&) { done.set_value(ok); });
+            ASSERT_TRUE(done.get_future().get());
+        }
+    }
+
+    /* Stored when it returns, and what follows from it is. */
     void submit(const std::string& records, const std::string& agent = "web-1",
                 const std::string& account = "a@b.c") {
         std::promise<store_result> result;
         store->submit({account, agent, records, now, "192.0.2.1", "3.0"},
                       [&](store_result r) { result.set_value(r); });
         ASSERT_NE(result.get_future().get(), store_result::failed);
+        settle();
     }
 
     void follow(std::vector<owned_definition> definitions) {

@@ -18,8 +18,8 @@ void put_failing(const place& here, int64_t id) {
     table rows({{"PROBLEM"},
                 {.head = "SINCE", .is_right = true},
                 {.head = "ID", .is_right = true},
-                {.head = "TYPE", .least = 7},
-                {.head = "NAME", .least = 8},
+                {.head = "TYPE", .least = 7, .share = 2},
+                {.head = "NAME", .least = 8, .share = 2},
                 {.head = "RESULT", .least = 8, .share = 3}});
     here.with.list("/api/v1/tests", {{"agent", std::to_string(id)}, {"state", "problem"}}, 0,
                    [&](const json::object& test) {

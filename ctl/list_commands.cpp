@@ -60,17 +60,18 @@ int run_agents(const place& here) {
 }
 
 int run_tests(const place& here) {
-    const list_def list = {"/api/v1/tests",
-                           "tests",
-                           {{"STATE"},
-                            {.head = "SINCE", .is_right = true},
-                            {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
-                            {.head = "ID", .is_right = true},
-                            {.head = "TYPE", .least = 7},
-                            {.head = "NAME", .least = 8},
-                            {.head = "RESULT", .least = 8, .share = 3}},
-                           0,
-                           true};
+    const list_def list = {
+        "/api/v1/tests",
+        "tests",
+        {{"STATE"},
+         {.head = "SINCE", .is_right = true},
+         {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true, .share = 2},
+         {.head = "ID", .is_right = true},
+         {.head = "TYPE", .least = 7, .share = 2},
+         {.head = "NAME", .least = 8, .share = 2},
+         {.head = "RESULT", .least = 8, .share = 3}},
+        0,
+        true};
     size_t failing = 0;
     auto row_of = [&](const json::object& test) -> std::vector<table_cell> {
         return {state_cell(test, "state"),       {age_cell(here, test, "since")},

@@ -180,10 +180,13 @@ std::string values_cell(const place& here, const json::object& of) {
 
 std::string finding_cell(const place& here, const json::object& of) {
     std::string values = values_cell(here, of), message = text_cell(here, of, "message");
-    if (text_in(of, "state") == "ok" && !values.empty()) {
-        return values;
+    const std::string state = text_in(of, "state"), status = text_cell(here, of, "status");
+    const bool is_old = state == "unknown" && !status.empty();
+    const std::string begin = is_old ? "last " + status + ": " : "";
+    if ((is_old ? status : state) == "ok" && !values.empty()) {
+        return begin + values;
     }
-    return message + (message.empty() || values.empty() ? "" : "; ") + values;
+    return begin + message + (message.empty() || values.empty() ? "" : "; ") + values;
 }
 
 void put_fact(const place& here, std::string_view label, const std::string& text, tint color,

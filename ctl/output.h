@@ -67,7 +67,8 @@ std::string values_cell(const place& here, const boost::json::object& of);
 /* Of one value: "70.2 GB"; "-" where there is none. */
 std::string value_text(const boost::json::object& value);
 /* What a test found, the telling part first: of one that is ok its values, of any other its message
- * and then the values; the message of one that has no values. */
+ * and then the values; the message of one that has no values. Of one that is unknown by now that
+ * this was the last: "last ok: ...". */
 std::string finding_cell(const place& here, const boost::json::object& of);
 
 /* ---- one thing, a fact a line ---- */

@@ -201,8 +201,9 @@ void put_fact(const place& here, std::string_view label, const std::string& text
     std::vector<std::string> lines = wrapped(text, room);
     if (most_lines > 0 && here.on.width != 0 && lines.size() > most_lines) {
         lines.resize(most_lines);
-        lines.back() = shortened(lines.back(), room - 2, here.on.cut_mark()) + " " +
-                       std::string(here.on.cut_mark());
+        lines.back() = display_width(lines.back()) + 2 <= room
+                           ? lines.back().append(" ").append(here.on.cut_mark())
+                           : shortened(lines.back() + "  ", room, here.on.cut_mark());
     }
     for (const std::string& line : lines) {
         const size_t blanks = label_width - std::min(label_width, display_width(head));

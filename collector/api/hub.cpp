@@ -40,13 +40,22 @@ void event_hub::skip() {
 }
 
 void event_hub::flush() {
-    std::lock_guard hold(mutex_);
+    std::unique_lock hold(mutex_);
     if (flushed_) {
         return;
     }
     flushed_ = true;
-    for (const auto& [subscriber, wake] : wake_) {
-        wake();
+    for (uint64_t next = 0;;) {
+        auto at = std::find_if(wake_.begin(), wake_.end(),
+                               [&](const auto& each) { return each.first >= next; });
+        if (at == wake_.end()) {
+            return;
+        }
+        next = at->first + 1;
+        const std::shared_ptr<const std::function<void()>> wake = at->second;
+        hold.unlock(); /* what others do is not waited for */
+        (*wake)();
+        hold.lock();
     }
 }
 
@@ -92,7 +101,8 @@ void event_hub::read(uint64_t& position, const hub_filter& which, size_t most_by
 
 uint64_t event_hub::subscribe(std::function<void()> wake) {
     std::lock_guard hold(mutex_);
-    wake_.emplace_back(next_subscriber_, std::move(wake));
+    wake_.emplace_back(next_subscriber_,
+                       std::make_shared<const std::function<void()>>(std::move(wake)));
     return next_subscriber_++;
 }
 

@@ -60,8 +60,9 @@ public:
     void read(uint64_t& position, const hub_filter& which, size_t most_bytes,
               std::vector<hub_message>& found, bool& lost) const;
 
-    /* `wake` is called, on the publishing thread, when there is something new. It must not call
-     * back. Returns what unsubscribe() takes. */
+    /* `wake` is called, on the publishing thread, when there is something new: without a lock, so
+     * that it may call back, and may come once more when unsubscribe() has just been called. It
+     * must not wait for anything. Returns what unsubscribe() takes. */
     uint64_t subscribe(std::function<void()> wake);
     void unsubscribe(uint64_t subscriber);
 
@@ -75,7 +76,7 @@ private:
     size_t bytes_ = 0;
     uint64_t newest_ = 0, next_subscriber_ = 1;
     bool flushed_ = true;
-    std::vector<std::pair<uint64_t, std::function<void()>>> wake_;
+    std::vector<std::pair<uint64_t, std::shared_ptr<const std::function<void()>>>> wake_;
 };
 
 #endif

@@ -50,6 +50,26 @@ TEST_F(event_hub_test, each_message_once_in_order) {
     EXPECT_EQ(ahead, 5u);
 }
 
+/* Somebody may read, or come and go, while others are woken. */
+TEST_F(event_hub_test, wakes_without_a_lock) {
+    int woken = 0;
+    std::atomic<uint64_t> read = 0;
+    uint64_t first = 0, second = 0;
+    first = hub.subscribe([&] {
+        woken++;
+        std::thread reader([&] { read = hub.newest(); });
+        EXPECT_TRUE(eventually([&] { return read > 0; }));
+        reader.join();
+        hub.unsubscribe(second);
+    });
+    second = hub.subscribe([&] { woken += 10; });
+    hub.subscribe([&] { woken += 100; });
+    publish(hub, 1);
+    hub.flush();
+    EXPECT_EQ(woken, 101);
+    hub.unsubscribe(first);
+}
+
 TEST_F(event_hub_test, filters) {
     publish(hub, 1, hub_kind::result, 1, 10);
     publish(hub, 1, hub_kind::event, 1, 10);

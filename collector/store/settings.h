@@ -40,12 +40,17 @@ struct stored_token {
 /* One connection, any thread. The calls return false with one line in `error`. */
 class settings {
 public:
+    using tell_function = std::function<void(const std::string&)>;
+
     virtual ~settings() = default;
 
     /* Null with one line in `error`. Made when it is missing. A file that is damaged is set aside
-     * (settings.db.damaged-...), and a new one begun; `note` says so. */
+     * (settings.db.damaged-...), and a new one begun; `note` says so. What turns out to be damaged
+     * later is set aside by the next call, and `tell` told, on that call's thread, without a lock.
+     * Root may open what is somebody else's, who may have put anything there: what is no file, or
+     * has a second name, is refused and left as it is. */
     static std::unique_ptr<settings> open(const std::string& directory, std::string& note,
-                                          std::string& error);
+                                          std::string& error, tell_function tell = nullptr);
 
     /* False as well, with `error` empty, when there is a token of that name. Those that ended are
      * dropped on the way. */

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -20,11 +22,15 @@ struct settings_test : testing::Test {
     const std::string state = directory / "state", path = state + "/settings.db";
     std::string note, error;
     std::unique_ptr<settings> kept;
+    std::vector<std::string> told;
 
     bool open() {
         kept.reset();
         note.clear();
-        kept = settings::open(state, note, error);
+        kept = settings::open(state, note, error, [this](const std::string& line) {
+            told.push_back(line);
+            EXPECT_FALSE(kept->has_changed() && kept->has_changed()); /* there is no lock */
+        });
         return kept != nullptr;
     }
     void SetUp() override { ASSERT_TRUE(open()) << error; }
@@ -336,6 +342,28 @@ TEST_F(settings_test, a_damaged_file_is_kept_and_a_new_one_begun) {
     }
 }
 
+/* Tokens and sessions are gone with it: nobody is to wonder why. */
+TEST_F(settings_test, damage_while_it_is_open_is_told) {
+    for (int i = 0; i < 200; i++) {
+        add(token("a name " + std::to_string(i) + std::string(80, 'x'), i));
+    }
+    {
+        std::ofstream spoilt(path, std::ios::in | std::ios::out | std::ios::binary);
+        spoilt.seekp(18); /* as another process that writes would: seen by the next call */
+        spoilt << std::string(8192, '\xff');
+    }
+    EXPECT_TRUE(told.empty());
+    kept->for_each_token([](const stored_token&) {}, error); /* this one fails */
+    EXPECT_TRUE(names().empty());
+    EXPECT_EQ(set_aside(state).size(), 1u);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_TRUE(told[0].starts_with(path + " is damaged (")) << told[0];
+    EXPECT_NE(told[0].find("tokens have to be made anew"), std::string::npos) << told[0];
+    add(token("new", 1));
+    EXPECT_EQ(names(), strings{"new"});
+    EXPECT_EQ(told.size(), 1u);
+}
+
 TEST_F(settings_test, one_that_was_never_written_is_begun_anew) {
     kept.reset();
     write_text(path, "");
@@ -425,9 +453,49 @@ TEST_F(settings_test, what_is_no_file_is_left_alone) {
     fs::remove(path);
     fs::create_directory(path);
     EXPECT_FALSE(open());
-    EXPECT_EQ(error, path + ": Is a directory");
+    EXPECT_EQ(error, path + ": not a file");
     fs::remove(path);
-    fs::create_symlink("/etc/passwd", path);
-    EXPECT_FALSE(open());
-    EXPECT_EQ(error, path + ": Too many levels of symbolic links");
+    const std::string other = directory / "other";
+    write_text(other, "somebody's");
+    fs::permissions(other, fs::perms::owner_all | fs::perms::others_read);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(state.c_str(), 65534, 65534), 0); /* root makes a token for the collector */
+    }
+    auto is_refused = [&](const std::string& why) {
+        EXPECT_FALSE(open());
+        EXPECT_EQ(error, why);
+        struct stat status {};
+        ASSERT_EQ(stat(other.c_str(), &status), 0);
+        EXPECT_EQ(status.st_uid, geteuid());
+        EXPECT_EQ(status.st_mode & 07777, 0704u);
+        EXPECT_EQ(read_text(other), "somebody's");
+    };
+    for (const std::string& name : {path, path + "-journal", path + "-wal", path + "-shm"}) {
+        fs::create_symlink(other, name);
+        is_refused(name + ": not a file");
+        fs::remove(name);
+        fs::create_hard_link(other, name);
+        is_refused(name + ": has another name too");
+        fs::remove(name);
+        ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+        is_refused(name + ": not a file");
+        fs::remove(name);
+        if (mknod(name.c_str(), S_IFCHR | 0600, makedev(1, 5)) == 0) { /* root, if at all */
+            is_refused(name + ": not a file");
+            fs::remove(name);
+        }
+    }
+    ASSERT_TRUE(open()) << error;
+}
+
+/* What takes its place while it is open is not followed either. */
+TEST_F(settings_test, a_link_in_its_place_is_not_followed) {
+    add(token("a", 1));
+    const std::string other = directory / "other";
+    fs::copy_file(path, other);
+    fs::remove(path);
+    fs::create_symlink(other, path);
+    int64_t id = 0;
+    EXPECT_FALSE(kept->add_token(token("b", 2), id, error));
+    EXPECT_EQ(error, path + ": not a file");
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <exception>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/file.h>
@@ -55,8 +56,8 @@ bool read_row(const statement& row, stored_token& out) {
 
 class sqlite_settings : public settings {
 public:
-    explicit sqlite_settings(const std::string& directory)
-        : directory_(directory), path_(directory + "/settings.db") {}
+    sqlite_settings(const std::string& directory, tell_function tell)
+        : directory_(directory), path_(directory + "/settings.db"), tell_(std::move(tell)) {}
 
     bool open(std::string& note, std::string& error);
 
@@ -78,6 +79,29 @@ private:
         }
     };
 
+    /* The turn of one call: what it has to tell is told behind it. */
+    class turn {
+    public:
+        explicit turn(sqlite_settings& of) : of_(of), lock_(of.mutex_) {}
+        ~turn() {
+            std::string note = std::exchange(of_.untold_, "");
+            lock_.unlock();
+            try {
+                if (!note.empty() && of_.tell_) {
+                    of_.tell_(note);
+                }
+            } catch (const std::exception&) { /* no memory to say so */
+            }
+        }
+        turn(const turn&) = delete;
+        turn& operator=(const turn&) = delete;
+
+    private:
+        sqlite_settings& of_;
+        std::unique_lock<std::mutex> lock_;
+    };
+
+    bool make_file(std::string& error);
     state open_file(std::string& error);
     state look_at(std::string& error);
     bool set_aside(std::string& note, std::string& error);
@@ -90,7 +114,9 @@ private:
     file_id on_disk() const;
 
     const std::string directory_, path_;
+    const tell_function tell_;
     std::mutex mutex_;
+    std::string untold_; /* a line for `tell` */
     database db_;
     file_id file_;
     int64_t version_ = -1; /* of the data, as SQLite counts the changes of others */
@@ -99,7 +125,7 @@ private:
 
 sqlite_settings::file_id sqlite_settings::on_disk() const {
     struct stat status;
-    return stat(path_.c_str(), &status) == 0 ? file_id{status.st_dev, status.st_ino} : file_id{};
+    return lstat(path_.c_str(), &status) == 0 ? file_id{status.st_dev, status.st_ino} : file_id{};
 }
 
 std::optional<int64_t> sqlite_settings::number(const char* sql) {
@@ -159,30 +185,50 @@ sqlite_settings::state sqlite_settings::look_at(std::string& error) {
     return result == SQLITE_ROW || database_is_damaged(result) ? state::damaged : state::unusable;
 }
 
+/* Makes it, for the mode, and gives it to whom the directory belongs: root may make a token for a
+ * collector that is somebody else. That somebody may have put a link to another's file there, or
+ * what hangs or does something when it is opened. Closed before SQLite opens it: closing a
+ * descriptor gives up the process's locks on its file. */
+bool sqlite_settings::make_file(std::string& error) {
+    struct stat status;
+    for (const char* beside : {"", "-journal", "-wal", "-shm"}) {
+        const std::string name = path_ + beside;
+        if (lstat(name.c_str(), &status) != 0) {
+            if (errno != ENOENT) {
+                error = system_error(name);
+                return false;
+            }
+        } else if (!S_ISREG(status.st_mode) || status.st_nlink > 1) {
+            error = name + (S_ISREG(status.st_mode) ? ": has another name too" : ": not a file");
+            return false;
+        }
+    }
+    unique_fd file(::open(path_.c_str(),
+                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+    if (!file || fstat(file.get(), &status) != 0) {
+        error = system_error(path_);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) { /* it took the place meanwhile */
+        error = path_ + ": not a file of its own";
+        return false;
+    }
+    struct stat home;
+    const bool is_anothers = geteuid() == 0 && stat(directory_.c_str(), &home) == 0 &&
+                             (home.st_uid != status.st_uid || home.st_gid != status.st_gid);
+    if (fchmod(file.get(), 0600) != 0 ||
+        (is_anothers && fchown(file.get(), home.st_uid, home.st_gid) != 0)) {
+        error = system_error(path_);
+        return false;
+    }
+    file_ = {status.st_dev, status.st_ino};
+    return true;
+}
+
 sqlite_settings::state sqlite_settings::open_file(std::string& error) {
     db_.reset();
-    {
-        /* Made here for the mode, and closed before SQLite opens it: closing a descriptor gives up
-         * the process's locks on its file. */
-        unique_fd file(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-        struct stat status;
-        if (!file || fstat(file.get(), &status) != 0 || fchmod(file.get(), 0600) != 0) {
-            error = system_error(path_);
-            return state::unusable;
-        }
-        if (!S_ISREG(status.st_mode)) {
-            error = path_ + ": not a file";
-            return state::unusable;
-        }
-        /* Root may make a token for a collector that is somebody else. */
-        struct stat home;
-        if (geteuid() == 0 && stat(directory_.c_str(), &home) == 0 &&
-            (home.st_uid != status.st_uid || home.st_gid != status.st_gid) &&
-            fchown(file.get(), home.st_uid, home.st_gid) != 0) {
-            error = system_error(path_);
-            return state::unusable;
-        }
-        file_ = {status.st_dev, status.st_ino};
+    if (!make_file(error)) {
+        return state::unusable;
     }
     sqlite3* handle = nullptr;
     int result = sqlite3_open_v2(path_.c_str(), &handle,
@@ -190,6 +236,11 @@ sqlite_settings::state sqlite_settings::open_file(std::string& error) {
     db_.reset(handle);
     if (result != SQLITE_OK) {
         error = path_ + ": " + sqlite3_errstr(result);
+        db_.reset();
+        return state::unusable;
+    }
+    if (!(on_disk() == file_)) { /* SQLite follows links */
+        error = path_ + ": replaced while it was opened";
         db_.reset();
         return state::unusable;
     }
@@ -249,8 +300,7 @@ bool sqlite_settings::ready(std::string& error) {
     if (db_ && on_disk() == file_) {
         return true;
     }
-    std::string note;
-    return open(note, error);
+    return open(untold_, error);
 }
 
 template <typename Work>
@@ -274,7 +324,7 @@ bool sqlite_settings::change(const Work& work, std::string& error) {
 }
 
 bool sqlite_settings::add_token(const stored_token& what, int64_t& id, std::string& error) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const turn mine(*this);
     if (!ready(error)) {
         return false;
     }
@@ -327,7 +377,7 @@ bool sqlite_settings::add_token(const stored_token& what, int64_t& id, std::stri
 }
 
 bool sqlite_settings::drop_token(int64_t id, std::string& error) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const turn mine(*this);
     if (!ready(error)) {
         return false;
     }
@@ -347,7 +397,7 @@ bool sqlite_settings::for_each_token(const std::function<void(const stored_token
                                      std::string& error) {
     std::vector<stored_token> all; /* so that `each` may ask for more */
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        const turn mine(*this);
         if (!ready(error)) {
             return false;
         }
@@ -370,7 +420,7 @@ bool sqlite_settings::for_each_token(const std::function<void(const stored_token
 
 bool sqlite_settings::find_token(const token_hash& hash, int64_t now,
                                  std::optional<stored_token>& found, std::string& error) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const turn mine(*this);
     found.reset();
     if (!ready(error)) {
         return false;
@@ -407,7 +457,7 @@ bool sqlite_settings::find_token(const token_hash& hash, int64_t now,
 }
 
 bool sqlite_settings::has_changed() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    const turn mine(*this);
     std::string error;
     if (!ready(error)) {
         return true;
@@ -422,12 +472,12 @@ bool sqlite_settings::has_changed() {
 } // namespace
 
 std::unique_ptr<settings> settings::open(const std::string& directory, std::string& note,
-                                         std::string& error) {
+                                         std::string& error, tell_function tell) {
     if (!make_private_directory(directory)) {
         error = system_error("cannot use the state directory " + directory);
         return nullptr;
     }
-    auto made = std::make_unique<sqlite_settings>(directory);
+    auto made = std::make_unique<sqlite_settings>(directory, std::move(tell));
     if (!made->open(note, error)) {
         return nullptr;
     }

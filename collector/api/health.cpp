@@ -15,13 +15,14 @@ api_answer health(const api_request& asked, api_services& with) {
     return answer_with(object);
 }
 
+/* Answered on the network's thread, as the one above: nothing here waits. */
 api_answer readiness(const api_request&, api_services& with) {
     bool ready = true;
     std::vector<std::string> notes = with.readiness(ready);
     if (!ready) {
         std::string all;
         for (const std::string& each : notes) {
-            all.append(all.empty() ? "" : "; ").append(each);
+            all.append(all.empty() ? "" : " ").append(each);
         }
         throw_unavailable(all.empty() ? "The collector is not ready." : all);
     }

@@ -3,6 +3,8 @@
 #ifndef VINDRAL_COLLECTOR_COUNTERS_H
 #define VINDRAL_COLLECTOR_COUNTERS_H
 
+#include "ingest/pulse.h"
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -65,6 +67,7 @@ struct counters {
     duration_counter waited;             /* a block, from its arrival to its commit: the lag */
     counter events;
     counter sessions; /* gauge */
+    store_pulse pulse;
 };
 
 #endif

@@ -40,6 +40,7 @@
 #include <filesystem>
 #include <mutex>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -61,6 +62,9 @@ constexpr size_t most_decoded = 16384, most_agents = 1024, most_tests = 65536;
 constexpr size_t usual_tests = 1024;
 
 constexpr std::chrono::milliseconds between_looks{2000}, before_retry{10000}, before_plan{20};
+/* After a failure: agents come again within their intervals, and if none does it is tried without.
+ */
+std::chrono::milliseconds before_trial{60000}; /* a test makes it short */
 
 /* What stands in an agent's row for its last block: the hash, and behind it, while the block is
  * stored in part, how much of it is. */
@@ -114,7 +118,14 @@ public:
             is_taken_over_ = true;
             look_after();
         }
-        thread_ = std::thread([this] { write_batches(); });
+        beat();
+        pulse_.set(is_taken_over_ ? storing_state::works : storing_state::takes_over);
+        try {
+            thread_ = std::thread([this] { write_batches(); });
+        } catch (const std::system_error& e) {
+            error = "cannot start a thread: " + e.code().message();
+            return false;
+        }
         pthread_setname_np(thread_.native_handle(), "store");
         return true;
     }
@@ -215,8 +226,14 @@ private:
     void tell_of(std::string_view account, std::string_view agent, const agent_work& work);
     void tell_of_all();
     bool look_after();
+    void beat() { pulse_.beat(store_pulse::clock::now()); }
+    void note_outcome(bool ok, const std::string& error);
+    void try_storing();
 
     const ingest_options options_;
+    store_pulse nobodys_;
+    store_pulse& pulse_ = options_.counted != nullptr ? options_.counted->pulse : nobodys_;
+    store_pulse::clock::time_point tried_; /* of the last transaction with blocks */
     store_listener* const listener_;
     const tell_function tell_ = [this](const std::string& text) {
         if (listener_ != nullptr) {
@@ -269,6 +286,7 @@ void writer::write_batches() {
     bool more = false;
     while (queue_.take(blocks, more ? std::chrono::milliseconds(0) : between_looks,
                        !parts_->care.is_behind())) {
+        beat();
         parts_->present.take_plan(); /* it holds for what comes after it */
         for (position at = blocks.begin(); at != blocks.end();) {
             at = write_run(at, blocks.end());
@@ -279,6 +297,7 @@ void writer::write_batches() {
         }
         blocks.clear();
         more = look_after();
+        try_storing();
         try {
             if (listener_ != nullptr) {
                 listener_->on_batch_end();
@@ -322,6 +341,7 @@ void writer::take_over() {
     }
     takeover::progress made = takeover::progress::more;
     while (made != takeover::progress::done && !queue_.is_stopped()) {
+        beat();
         try {
             engine_->look_after();
             make_changes();
@@ -332,6 +352,7 @@ void writer::take_over() {
             then.clock = witness::verdict::none;
             while (made == takeover::progress::more && !queue_.is_stopped() &&
                    parts_->care.run_without_expiry(then)) {
+                beat();
             }
         } catch (const std::exception&) { /* no memory */
             engine_->give_up();
@@ -352,6 +373,8 @@ void writer::take_over() {
         parts_->present.failed();
     }
     is_taken_over_ = true;
+    beat();
+    pulse_.set(storing_state::works);
 }
 
 /* Stopped before it could store anything. */
@@ -391,6 +414,7 @@ writer::position writer::write_run(position from, position end) {
             b->unfinished = false;
         }
     }
+    note_outcome(ok, error);
     try {
         trouble_.report(ok ? "" : "results cannot be stored, the agents keep them: " + error);
     } catch (const std::exception&) { /* the next batch says it */
@@ -418,6 +442,36 @@ writer::position writer::write_run(position from, position end) {
     }
     trim_works();
     return to;
+}
+
+/* For whoever asks whether results are stored. */
+void writer::note_outcome(bool ok, const std::string& error) {
+    beat();
+    tried_ = store_pulse::clock::now();
+    if (ok) {
+        pulse_.set(storing_state::works);
+    } else {
+        pulse_.set_failed(error);
+    }
+}
+
+/* What failed may have been mended since, and no block come that would show it. */
+void writer::try_storing() {
+    const storing_state now = pulse_.state();
+    if ((now != storing_state::fails && now != storing_state::disk_full) ||
+        store_pulse::clock::now() - tried_ < before_trial) {
+        return;
+    }
+    std::string error;
+    bool ok = false;
+    try {
+        ok = in_transaction(*engine_, [&] { return engine_->set_fact("tried", arrival_clock()); });
+        error = engine_->reason();
+    } catch (const std::exception& e) { /* no memory, most likely */
+        engine_->give_up();
+        error = e.what();
+    }
+    note_outcome(ok, error);
 }
 
 void writer::count(const queued_block& b) {
@@ -466,6 +520,7 @@ void writer::make_changes() {
         some.swap(wanted_);
     }
     for (wanted& one : some) {
+        beat();
         make_change(one);
     }
 }

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <exception>
 #include <future>
+#include <system_error>
 #include <unistd.h>
 
 static constexpr std::chrono::seconds longest_wait_for_agents{1};
@@ -76,7 +77,7 @@ api_side::~api_side() {
 
 bool api_side::start(std::string& error) {
     std::string note;
-    kept_ = settings::open(options_.state_dir, note, error);
+    kept_ = settings::open(options_.state_dir, note, error, log_);
     if (!note.empty()) {
         log_(note);
     }
@@ -98,16 +99,18 @@ bool api_side::start(std::string& error) {
             },
         .readiness =
             [this](bool& ready) {
-                std::vector<std::string> notes;
-                std::string reason;
-                ready = open_reader(options_.state_dir, reason) != nullptr;
-                if (!ready) {
-                    notes.push_back("what is stored cannot be read: " + reason);
-                }
-                return notes;
+                std::string trouble = counted_.pulse.trouble(store_pulse::clock::now());
+                ready = trouble.empty();
+                return ready ? std::vector<std::string>() : std::vector{trouble};
             },
         .version = collector_version()});
-    auto server = std::make_unique<web_server>(web_, tls_, *kept_, *services_, log_);
+    std::unique_ptr<web_server> server;
+    try {
+        server = std::make_unique<web_server>(web_, tls_, *kept_, *services_, log_);
+    } catch (const std::system_error& e) {
+        error = "cannot start a thread: " + e.code().message();
+        return false;
+    }
     if (!server->listen(error)) {
         return false;
     }

@@ -136,7 +136,12 @@ static int run_server(const options& o) {
     const output_kind shown = o.quiet      ? output_kind::quiet
                               : o.problems ? output_kind::problems
                                            : choose_output(STDOUT_FILENO, o.json);
-    std::unique_ptr<result_output> output = make_output(shown);
+    std::unique_ptr<result_output> output;
+    try {
+        output = make_output(shown);
+    } catch (const std::system_error& e) {
+        return fail("cannot start a thread: " + e.code().message());
+    }
     ingest_options keeping;
     keeping.directory = o.state_dir;
     keeping.keep_days = o.keep_days;

@@ -685,7 +685,7 @@ TEST_F(api_resources_test, health_and_readiness_need_no_token) {
     EXPECT_EQ(json_text(get("/readyz", 200, "GET", "", role::none).at("notes")), "[\"two\"]");
     is_ready = false;
     notes = {"results cannot be stored", "x"};
-    EXPECT_EQ(refused("/readyz", 503, "GET", "", role::none), "results cannot be stored; x");
+    EXPECT_EQ(refused("/readyz", 503, "GET", "", role::none), "results cannot be stored x");
 }
 
 /* ---- what is damaged, missing, or takes too long ---- */

@@ -37,6 +37,32 @@ TEST(counters, a_duration_counts_up_to_each_bound) {
     EXPECT_NEAR(d.sum(), 7.3021, 0.00001);
 }
 
+TEST(pulse, says_why_results_are_not_stored) {
+    using std::chrono::seconds;
+    const store_pulse::clock::time_point noon = store_pulse::clock::now();
+    store_pulse pulse;
+    EXPECT_EQ(pulse.trouble(noon), "The collector is starting.");
+    pulse.beat(noon);
+    pulse.set(storing_state::takes_over);
+    EXPECT_EQ(pulse.trouble(noon), "Results are not stored yet: what an earlier version stored is "
+                                   "being taken over.");
+    pulse.set(storing_state::works);
+    EXPECT_EQ(pulse.trouble(noon + seconds(30)), "");
+    EXPECT_EQ(pulse.trouble(noon + seconds(31)),
+              "Results are not stored: storing has been stuck for more than 30 seconds.");
+    pulse.beat(noon + seconds(31));
+    EXPECT_EQ(pulse.trouble(noon + seconds(31)), "");
+    for (const char* full : {"/var/lib/x/results.db: database or disk is full",
+                             "write: No space left on device", "x: Disk quota exceeded"}) {
+        pulse.set_failed(full);
+        EXPECT_EQ(pulse.trouble(noon), "Results cannot be stored: the disk is full.");
+    }
+    for (const char* other : {"", "/var/lib/x/results.db: disk I/O error"}) {
+        pulse.set_failed(other);
+        EXPECT_EQ(pulse.trouble(noon), "Results cannot be stored; the collector's log says why.");
+    }
+}
+
 TEST_F(collector_server, what_becomes_of_connections_and_polls_is_counted) {
     options_.allow = {"me@example.org"};
     options_.body.max_wire = 1000;

@@ -3,6 +3,8 @@
 
 #include "collector_test_support.h"
 #include "counted_memory.h"
+#include "eventually.h"
+#include "refuse_syscall.h"
 #include "stored_records.h"
 
 #include <atomic>
@@ -48,6 +50,7 @@ struct ingest_test : testing::Test {
     scratch_directory directory;
     std::string state = directory / "state";
     recorder told;
+    counters counted;
     std::unique_ptr<ingest> s;
 
     void SetUp() override {
@@ -71,7 +74,10 @@ struct ingest_test : testing::Test {
 
     std::string open(int keep_days = 30, size_t max_queued = 64u << 20) {
         std::string error;
-        s = ingest::open({.directory = state, .keep_days = keep_days, .max_queued = max_queued},
+        s = ingest::open({.directory = state,
+                          .keep_days = keep_days,
+                          .max_queued = max_queued,
+                          .counted = &counted},
                          &told, error);
         EXPECT_EQ(s == nullptr, !error.empty());
         return error;
@@ -854,6 +860,51 @@ TEST_F(ingest_test, a_full_disk_fails_and_recovers) {
     EXPECT_EQ(times().size(), 5001u);
     EXPECT_FALSE(fs::exists(state + "/undecodable") &&
                  std::distance(fs::directory_iterator(state + "/undecodable"), {}) > 0);
+}
+
+TEST_F(ingest_test, a_thread_that_cannot_be_had_is_said) {
+    pid_t child = fork();
+    if (child == 0) {
+        bool refused = refuse_syscall(SYS_clone3, EAGAIN) && refuse_syscall(SYS_clone, EAGAIN);
+        std::string error;
+        auto none = ingest::open({.directory = state}, &told, error);
+        _exit(!refused                                                             ? 3
+              : none                                                               ? 1
+              : error == "cannot start a thread: Resource temporarily unavailable" ? 0
+                                                                                   : 2);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+/* Whoever asks is told whether results are stored, also when no block comes any more. */
+TEST_F(ingest_test, what_it_knows_of_storing) {
+    EXPECT_EQ(counted.pulse.state(), storing_state::starts);
+    ASSERT_EQ(open(), "");
+    auto trouble = [&] { return counted.pulse.trouble(store_pulse::clock::now()); };
+    EXPECT_EQ(trouble(), "");
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit full = {.rlim_cur = 100, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::failed);
+    std::string during = trouble();
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, SIG_DFL);
+    EXPECT_TRUE(during.starts_with("Results cannot be stored")) << during;
+    EXPECT_EQ(submit(load_record(5, 1)), store_result::stored);
+    EXPECT_EQ(trouble(), "");
+}
+
+TEST_F(ingest_test, storing_is_tried_when_no_block_comes) {
+    const auto usual = std::exchange(before_trial, std::chrono::milliseconds(0));
+    ASSERT_EQ(open(), "");
+    counted.pulse.set_failed("the disk is full");
+    EXPECT_TRUE(eventually([&] { return counted.pulse.state() == storing_state::works; }));
+    s.reset();
+    before_trial = usual;
 }
 
 TEST_F(ingest_test, a_database_that_somebody_removed_is_made_again) {

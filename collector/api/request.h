@@ -26,6 +26,7 @@ struct caller {
     int64_t token = 0;     /* id of the token or session; 0: nobody signed in */
     std::string name = {}; /* of the token, for the audit line */
     std::string address = {};
+    int64_t holder = 0; /* of the token that the session was begun with, else as `token` */
 };
 
 struct api_request {
@@ -39,6 +40,8 @@ struct api_request {
     caller who = {};
     /* Reading ends with a problem 503 "took too long" when this has passed: see api_store. */
     std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+
+    std::string session_cookie = {}; /* name of the cookie that a browser sends here */
 
     /* Null when it was not given. */
     const std::string* parameter(std::string_view name) const;

@@ -12,8 +12,8 @@ namespace {
 constexpr int64_t most_failures_told = 10; /* a minute */
 
 /* Gone with max_age 0. */
-std::string cookie(bool tls, const std::string& value, int64_t max_age) {
-    return std::string(cookie_name(tls)) + "=" + value +
+std::string cookie(bool tls, const std::string& host, const std::string& value, int64_t max_age) {
+    return cookie_name(tls, host) + "=" + value +
            "; Path=/; HttpOnly; SameSite=Strict; Max-Age=" + std::to_string(max_age) +
            (tls ? "; Secure" : "");
 }
@@ -56,7 +56,8 @@ std::optional<problem> desk::refuse(const request_head& head, const web_peer& fr
 }
 
 std::optional<api_answer> desk::answer_at_once(const request_head& head, const web_peer& from) {
-    if (head.path() != "/healthz" || !head.only_reads() || head.content_length > 0) {
+    if ((head.path() != "/healthz" && head.path() != "/readyz") || !head.only_reads() ||
+        head.content_length > 0) {
         return {};
     }
     api_request asked;
@@ -86,6 +87,7 @@ desk_answer desk::answer(const request_head& head, std::string_view body, const 
         asked.body = body;
         asked.if_none_match = head.if_none_match;
         asked.accept = head.accept;
+        asked.session_cookie = cookie_name(tls_, head.host);
         asked.deadline = deadline;
         asked.who = callers_.find(head.secret(), with_.now());
         asked.who.address = from.address;
@@ -115,6 +117,7 @@ desk_answer desk::open_stream(const request_head& head, api_request& asked) {
     desk_answer out;
     out.which = options_.stream(head.target, asked, with_);
     out.is_stream = true;
+    out.holder = asked.who.holder;
     out.position = with_.hub.newest();
     if (!head.last_event_id.empty()) {
         std::optional<uint64_t> heard = with_.hub.position_of(head.last_event_id);
@@ -193,7 +196,7 @@ api_answer desk::sign_in(const request_head& head, std::string_view body, const 
           with_token ? "signed in" : "signed in with a link");
     api_answer answer;
     answer.status = 204;
-    answer.headers.emplace_back("Set-Cookie", cookie(tls_, secret, session.ends - now));
+    answer.headers.emplace_back("Set-Cookie", cookie(tls_, head.host, secret, session.ends - now));
     return answer;
 }
 
@@ -227,6 +230,6 @@ api_answer desk::sign_out(const request_head& head, const web_peer& from) {
     }
     api_answer answer;
     answer.status = 204;
-    answer.headers.emplace_back("Set-Cookie", cookie(tls_, "", 0));
+    answer.headers.emplace_back("Set-Cookie", cookie(tls_, head.host, "", 0));
     return answer;
 }

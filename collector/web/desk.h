@@ -29,6 +29,7 @@ struct desk_answer {
     api_answer answer = {};
     bool is_stream = false; /* what follows counts, and not the answer */
     hub_filter which = {};
+    int64_t holder = 0;    /* caller::holder */
     uint64_t position = 0; /* of the message that was heard last */
     bool lost = false;     /* some have gone since that */
 };
@@ -45,8 +46,9 @@ public:
      * page, too large. Waits for nothing. */
     std::optional<problem> refuse(const request_head& head, const web_peer& from) const;
 
-    /* The answer where it waits for nothing: whether the collector is there. Whoever asks that and
-     * is not answered starts it anew, and would do so whenever the store is slow. */
+    /* The answer where it waits for nothing: whether the collector is there, and stores.
+     * Whoever asks that and is not answered starts it anew, and would do so whenever the store is
+     * slow. */
     std::optional<api_answer> answer_at_once(const request_head& head, const web_peer& from);
 
     /* Reads the settings, and what the API reads. Never throws, unless memory is short. */

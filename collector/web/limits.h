@@ -16,8 +16,8 @@ struct web_limits {
     size_t answers = 128u << 20;       /* that wait for their readers, of all connections */
     size_t answers_of_one = 64u << 20; /* more than one is */
     size_t stream_buffer = 32u << 10;
-    size_t streams = 10000;
-    size_t waiting = 256, waiting_of_one = 32; /* requests, for a reading thread */
+    size_t streams = 10000, streams_of_one = 1000; /* of a token, with its sessions */
+    size_t waiting = 256, waiting_of_one = 32;     /* requests, for a reading thread */
     int requests_a_minute = 1200; /* of a token or, without, an address; bursts of as many */
     int sign_ins_a_minute = 20;   /* that fail, of an address */
     std::chrono::milliseconds head_time{10000}, body_time{20000}, idle{60000}, answer_time{30000};

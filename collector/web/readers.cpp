@@ -13,9 +13,14 @@ readers::readers(size_t threads, size_t waiting, size_t waiting_of_one,
     : most_waiting_(waiting), most_of_one_(waiting_of_one),
       most_under_way_of_one_(std::max<size_t>(threads, 2) - 1), at_times_(std::move(at_times)),
       next_time_(steady_clock::now()) {
-    for (size_t i = 0; i < threads; i++) {
-        threads_.emplace_back([this] { run(); });
-        pthread_setname_np(threads_.back().native_handle(), "reader");
+    try {
+        for (size_t i = 0; i < threads; i++) {
+            threads_.emplace_back([this] { run(); });
+            pthread_setname_np(threads_.back().native_handle(), "reader");
+        }
+    } catch (...) { /* a thread that cannot be had leaves none behind */
+        stop();
+        throw;
     }
 }
 

@@ -19,7 +19,8 @@
 
 class readers {
 public:
-    /* `at_times` runs about once a second on one of the threads, when one is free. */
+    /* Throws std::system_error when a thread cannot be had. `at_times` runs about once a second on
+     * one of the threads, when one is free. */
     readers(size_t threads, size_t waiting, size_t waiting_of_one,
             std::function<void()> at_times = nullptr);
     ~readers(); /* stop() */

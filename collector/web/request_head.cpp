@@ -156,7 +156,7 @@ std::optional<problem> read_fields(const http::fields& fields, bool tls, request
     for (; first != last; ++first) {
         out.accept.append(out.accept.empty() ? "" : ", ").append(view(first->value()));
     }
-    out.cookie = find_cookie(fields, cookie_name(tls));
+    out.cookie = find_cookie(fields, cookie_name(tls, out.host));
     out.takes_gzip = takes_gzip(fields);
     return {};
 }
@@ -175,8 +175,21 @@ problem web_problem(int status, std::string detail) {
             .errors = {}};
 }
 
-std::string_view cookie_name(bool tls) {
-    return tls ? "__Host-vindral" : "vindral";
+std::string cookie_name(bool tls, std::string_view host) {
+    constexpr size_t longest_port = 5;
+    size_t digits = 0;
+    while (digits < host.size() && host[host.size() - 1 - digits] >= '0' &&
+           host[host.size() - 1 - digits] <= '9') {
+        digits++;
+    }
+    std::string_view port = host.substr(host.size() - digits);
+    const bool has_port = digits > 0 && digits <= longest_port && digits < host.size() &&
+                          host[host.size() - digits - 1] == ':' &&
+                          (host[0] != '[' || host[host.size() - digits - 2] == ']');
+    if (!has_port) {
+        port = tls ? "443" : "80";
+    }
+    return (tls ? "__Host-vindral-" : "vindral-") + std::string(port);
 }
 
 size_t leading_blank(std::string_view text) {

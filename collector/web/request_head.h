@@ -10,9 +10,10 @@
 #include <string>
 #include <string_view>
 
-/* Of the session's cookie: over TLS with the prefix that keeps other hosts of the domain from
- * setting it. */
-std::string_view cookie_name(bool tls);
+/* Of the session's cookie, for the request's Host header. It has the port in it, as the browser
+ * knows it: browsers keep cookies by host only, and two collectors on one host would overwrite each
+ * other's. Over TLS with the prefix that keeps other hosts of the domain from setting it. */
+std::string cookie_name(bool tls, std::string_view host);
 
 struct request_head {
     std::string method, target; /* target without scheme and authority */

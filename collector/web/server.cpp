@@ -13,6 +13,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 
 namespace asio = boost::asio;
@@ -134,6 +135,10 @@ awaitable<void> web_server::state::look() {
         } catch (const std::exception&) {
             wait_for_memory();
         }
+        try {
+            room.look_at_bell();
+        } catch (const std::exception&) { /* at the next bell */
+        }
         auto now = visit::clock::now();
         room.places.for_each(
             [&](admission::place& p) { static_cast<visit&>(p).look(now, stop_by); });
@@ -200,8 +205,14 @@ bool web_server::listen(std::string& error) {
     }
     error.clear();
     asio::co_spawn(s.room.context, s.accept_all(), asio::detached);
-    s.network = std::thread([&s] { s.run(); });
-    pthread_setname_np(s.network.native_handle(), "web");
+    try {
+        s.network = std::thread([&s] { s.run(); });
+        pthread_setname_np(s.network.native_handle(), "web");
+    } catch (const std::system_error& e) {
+        s.acceptor.close(failed);
+        error = "cannot start a thread: " + e.code().message();
+        return false;
+    }
     return true;
 }
 

@@ -29,8 +29,9 @@
 
 class web_server {
 public:
-    /* `tls` null: plain; listen() refuses that for an address that is not loopback. All must
-     * outlive this. `log` gets whole lines, on any thread. */
+    /* Throws std::system_error when its threads cannot be had. `tls` null: plain; listen() refuses
+     * that for an address that is not loopback. All must outlive this. `log` gets whole lines, on
+     * any thread. */
     web_server(web_options options, SSL_CTX* tls, settings& kept, api_services& with,
                std::function<void(const std::string&)> log);
     ~web_server(); /* stop() */

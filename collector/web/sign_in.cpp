@@ -87,6 +87,7 @@ struct known_callers::state {
             at->second.role <= static_cast<uint8_t>(role::admin)) {
             found.may = static_cast<role>(at->second.role);
             found.token = at->second.id;
+            found.holder = at->second.parent != 0 ? at->second.parent : at->second.id;
             found.name = at->second.name;
         }
         return found;

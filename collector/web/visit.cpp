@@ -18,6 +18,7 @@ static constexpr auto ending_time = 2s;
 static constexpr size_t rate = 64u
                                << 10;  /* bytes a second that a reader of an answer has to take */
 static constexpr size_t little = 1024; /* bytes, that each connection may have */
+static constexpr int full_stream_pause_s = 5;
 static constexpr size_t most_said = 64u << 10; /* bytes, by who listens to a stream */
 
 /* ---- what all share ---- */
@@ -27,6 +28,11 @@ struct visit_room::bell {
     std::mutex mutex;
     visit_room* room = nullptr;
     bool rung = false;
+
+    bool was_rung() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return std::exchange(rung, false);
+    }
 };
 
 visit_room::visit_room(const web_options& o, SSL_CTX* t, desk& d, known_callers& c, api_services& w)
@@ -41,9 +47,13 @@ visit_room::visit_room(const web_options& o, SSL_CTX* t, desk& d, known_callers&
 
 /* All of it, or, when memory is short, nothing: a visit that is not in the list would be there when
  * it has gone. */
-bool visit_room::enter(visit& v) {
+visit_room::entry visit_room::enter(visit& v, int64_t holder) {
     if (streams_.size() >= options.limits.streams) {
-        return false;
+        return entry::full;
+    }
+    auto of_one = streams_of_.try_emplace(holder, 0).first;
+    if (of_one->second >= options.limits.streams_of_one) {
+        return entry::full_of_one;
     }
     std::list<visit*> place(1, &v);
     if (!bell_) {
@@ -51,27 +61,32 @@ bool visit_room::enter(visit& v) {
         fresh->room = this;
         subscriber_ = with.hub.subscribe([b = fresh] {
             std::lock_guard<std::mutex> guard(b->mutex);
-            if (b->room && !b->rung) {
-                b->rung = true;
-                post_surely(b->room->context, [b] {
-                    {
-                        std::lock_guard<std::mutex> again(b->mutex);
-                        b->rung = false;
-                    }
-                    if (b->room) { /* taken down on this thread */
+            if (!b->room || b->rung) {
+                return;
+            }
+            b->rung = true;
+            try {
+                asio::post(b->room->context, [b] {
+                    if (b->was_rung() && b->room) { /* taken down on this thread */
                         b->room->on_bell();
                     }
                 });
+            } catch (const std::exception&) { /* no memory: the publisher does not wait for it */
             }
         });
         bell_ = std::move(fresh);
     }
+    ++of_one->second;
     streams_.splice(streams_.end(), place);
-    return true;
+    return entry::entered;
 }
 
-void visit_room::leave(visit& v) {
+void visit_room::leave(visit& v, int64_t holder) {
     streams_.remove(&v);
+    auto of_one = streams_of_.find(holder);
+    if (--of_one->second == 0) {
+        streams_of_.erase(of_one);
+    }
     if (streams_.empty() && bell_) {
         with.hub.unsubscribe(subscriber_);
         std::shared_ptr<bell> down = std::move(bell_); /* outlives the lock */
@@ -106,6 +121,12 @@ void visit_room::on_bell() {
     });
 }
 
+void visit_room::look_at_bell() {
+    if (bell_ && bell_->was_rung()) {
+        on_bell();
+    }
+}
+
 void visit_room::stop() {
     stopping = true;
     pause_.cancel();
@@ -131,7 +152,7 @@ visit::visit(visit_room& room, asio::ip::tcp::socket socket, web_peer from)
 
 visit::~visit() {
     if (hears_) {
-        room_.leave(*this);
+        room_.leave(*this, hears_->holder);
     }
 }
 
@@ -435,27 +456,44 @@ std::optional<api_answer> visit::take_head(caller_key& who, bool& keep) {
     if (bad) {
         return answer_of(*bad);
     }
-    const int64_t token = room_.callers.remembered(asked_->secret(), room_.with.now()).token;
-    known_ = token != 0;
-    who = {known_, known_ ? uint64_t(token) : from_.address_key};
     keep = asked_->keep_alive && !room_.stopping;
+    /* Counted for nobody: whoever starts what does not answer anew must not be told to wait because
+     * others at its address ask for much. */
+    if (auto at_once = room_.at.answer_at_once(*asked_, from_)) {
+        return at_once;
+    }
+    /* Somebody who signs in ten times is one still. */
+    const int64_t holder = room_.callers.remembered(asked_->secret(), room_.with.now()).holder;
+    known_ = holder != 0;
+    who = {known_, known_ ? uint64_t(holder) : from_.address_key};
     if (int seconds = room_.requests.take(who, clock::now())) {
         keep = keep && asked_->content_length == 0;
         return too_often("More than " + std::to_string(limits.requests_a_minute) +
                              " requests a minute.",
                          seconds);
     }
-    return room_.at.answer_at_once(*asked_, from_);
+    return {};
 }
 
-bool visit::begin_to_listen(const desk_answer& to) {
+/* The refusal, if it cannot. */
+std::optional<api_answer> visit::begin_to_listen(const desk_answer& to) {
     std::unique_ptr<listening> hears(
-        new listening{to.which, to.position, to.lost, asked_->secret()});
-    if (room_.stopping || !room_.enter(*this)) {
-        return false;
+        new listening{to.which, to.position, to.lost, asked_->secret(), to.holder});
+    if (room_.stopping) {
+        return answer_of(web_problem(503, "The collector is stopping."));
+    }
+    switch (room_.enter(*this, to.holder)) {
+    case visit_room::entry::full:
+        return answer_of(web_problem(503, "Too many streams are open."));
+    case visit_room::entry::full_of_one:
+        return too_often("This token has " + std::to_string(room_.options.limits.streams_of_one) +
+                             " streams open, its sessions included: end one of them first.",
+                         full_stream_pause_s);
+    case visit_room::entry::entered:
+        break;
     }
     hears_ = std::move(hears);
-    return true;
+    return {};
 }
 
 awaitable<visit::next> visit::serve_one() {
@@ -479,11 +517,11 @@ awaitable<visit::next> visit::serve_one() {
             what = co_await send(mine.wire, mine.keep);
             co_return what;
         }
-        if (begin_to_listen(mine.decided)) {
+        refusal = begin_to_listen(mine.decided);
+        if (!refusal) {
             co_return next::stream;
         }
         mine.keep = false;
-        refusal = answer_of(web_problem(503, "Too many streams are open."));
     }
     what = co_await refuse(std::move(*refusal), mine.keep);
     co_return what;

@@ -25,6 +25,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 class visit_room;
 
@@ -64,6 +65,7 @@ private:
         uint64_t position;
         bool lost;
         std::string secret;
+        int64_t holder;
     };
     struct task;
 
@@ -72,7 +74,7 @@ private:
     boost::asio::awaitable<bool> open();
     boost::asio::awaitable<next> serve_one();
     std::optional<api_answer> take_head(caller_key& who, bool& keep);
-    bool begin_to_listen(const desk_answer& to);
+    std::optional<api_answer> begin_to_listen(const desk_answer& to);
     bool has_room();
     boost::asio::awaitable<next> read_whole_head();
     boost::asio::awaitable<next> read_body(task& of);
@@ -122,9 +124,12 @@ public:
     std::array<char, 16384> scratch; /* for one read at a time */
     readers readers_;                /* last: they end first */
 
-    /* Streams. False: there are too many. */
-    bool enter(visit& v);
-    void leave(visit& v);
+    /* Streams, each of a caller::holder. */
+    enum class entry { entered, full, full_of_one };
+    entry enter(visit& v, int64_t holder);
+    void leave(visit& v, int64_t holder);
+    /* There was no memory to ring a bell: now and then it is looked at without. */
+    void look_at_bell();
     size_t streams() const { return streams_.size(); }
 
 private:
@@ -133,6 +138,7 @@ private:
     void wave();
 
     std::list<visit*> streams_;
+    std::unordered_map<int64_t, size_t> streams_of_; /* by holder */
     std::shared_ptr<bell> bell_;
     uint64_t subscriber_ = 0;
     bool pausing_ = false;

@@ -74,19 +74,39 @@ TEST(web_head, keep_alive) {
 }
 
 TEST(web_head, cookies) {
-    EXPECT_EQ(with("Cookie: a=b; vindral=vs_1; vindral=vs_2\r\n").head.cookie, "vs_1");
-    EXPECT_EQ(with("Cookie: a=b\r\nCookie: vindral=vs_1\r\n").head.cookie, "vs_1");
-    for (const char* other :
-         {"xvindral=vs_1", "vindral", "__Host-vindral=vs_1", "Vindral=vs_1", ";;=;"}) {
+    EXPECT_EQ(with("Cookie: a=b; vindral-80=vs_1; vindral-80=vs_2\r\n").head.cookie, "vs_1");
+    EXPECT_EQ(with("Cookie: a=b\r\nCookie: vindral-80=vs_1\r\n").head.cookie, "vs_1");
+    for (const char* other : {"xvindral-80=vs_1", "vindral-80", "__Host-vindral-80=vs_1",
+                              "Vindral-80=vs_1", ";;=;", "vindral=vs_1", "vindral-8080=vs_1"}) {
         EXPECT_EQ(with("Cookie: " + std::string(other) + "\r\n").head.cookie, "") << other;
     }
     const std::string head =
-        "GET / HTTP/1.1\r\nHost: h\r\nCookie: vindral=1; __Host-vindral=2\r\n\r\n";
+        "GET / HTTP/1.1\r\nHost: h\r\nCookie: vindral-80=1; __Host-vindral-443=2\r\n\r\n";
     EXPECT_EQ(take(head).head.cookie, "1");
     EXPECT_EQ(take(head, {}, true).head.cookie, "2");
     /* a token that is wrong is not made good by a cookie */
-    heard r = with("Cookie: vindral=vs_1\r\nAuthorization: Basic dTpw\r\n");
+    heard r = with("Cookie: vindral-80=vs_1\r\nAuthorization: Basic dTpw\r\n");
     EXPECT_EQ(r.head.secret(), "");
+}
+
+/* Browsers send a host's cookies to all of its ports. */
+TEST(web_head, a_cookie_of_each_port) {
+    const std::string both = "\r\nCookie: vindral-8080=1; vindral-8081=2; vindral-80=3\r\n\r\n";
+    for (auto [host, cookie] : {std::pair("h:8080", "1"),
+                                {"h:8081", "2"},
+                                {"h", "3"},
+                                {"h:80", "3"},
+                                {"h:8082", ""},
+                                {"[::1]:8080", "1"}}) {
+        EXPECT_EQ(take("GET / HTTP/1.1\r\nHost: " + std::string(host) + both).head.cookie, cookie)
+            << host;
+    }
+    EXPECT_EQ(cookie_name(true, "h"), "__Host-vindral-443");
+    EXPECT_EQ(cookie_name(true, "h:8443"), "__Host-vindral-8443");
+    for (const char* none :
+         {"", ":", "h:", "8080", "[::1]", "[::8080", "h:123456", "h:80x", "h80"}) {
+        EXPECT_EQ(cookie_name(false, none), "vindral-80") << none;
+    }
 }
 
 TEST(web_head, gzip) {

@@ -1,8 +1,12 @@
 /* The web server over sockets: requests, limits, who is let in, the end. */
 #include "web_client.h"
 
+#include "refuse_syscall.h"
+
 #include <algorithm>
 #include <fstream>
+#include <sys/wait.h>
+#include <system_error>
 
 using namespace std::chrono_literals;
 
@@ -130,7 +134,7 @@ TEST_F(web_server_test, a_session) {
     web_reply r = c.ask("POST", "/sign-in", "", "{\"token\":\"" + token + "\"}");
     EXPECT_EQ(r.status, 204);
     std::string cookie = r.value("Set-Cookie");
-    EXPECT_TRUE(cookie.starts_with("vindral=vs_")) << cookie;
+    EXPECT_TRUE(cookie.starts_with("vindral-80=vs_")) << cookie;
     EXPECT_TRUE(cookie.ends_with("; Path=/; HttpOnly; SameSite=Strict; Max-Age=2592000")) << cookie;
     cookie = "Cookie: " + cookie.substr(0, cookie.find(';')) + "\r\n";
     const std::string own = "Origin: http://localhost\r\n";
@@ -144,6 +148,39 @@ TEST_F(web_server_test, a_session) {
                                         "audit: tester (operator) from 127.0.0.1: signed out"}));
     EXPECT_EQ(c.ask("POST", "/sign-out", cookie + own).status, 204); /* no harm */
     EXPECT_EQ(c.ask("POST", "/sign-out", bearer()).status, 400);
+}
+
+/* In one browser, whose cookies know no ports. */
+TEST_F(web_server_test, two_collectors_on_one_host) {
+    start();
+    const uint16_t first = port();
+    std::unique_ptr<web_server> other = std::move(server);
+    start();
+    std::string cookies;
+    for (uint16_t each : {first, port()}) {
+        const std::string host = "localhost:" + std::to_string(each);
+        web_client c(each);
+        const std::string body = "{\"token\":\"" + token + "\"}";
+        c.send("POST /sign-in HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
+               "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+        std::string cookie = c.reply().value("Set-Cookie");
+        EXPECT_TRUE(cookie.starts_with("vindral-" + std::to_string(each) + "=vs_")) << cookie;
+        cookies += (cookies.empty() ? "" : "; ") + cookie.substr(0, cookie.find(';'));
+    }
+    for (uint16_t each : {first, port()}) {
+        const std::string host = "localhost:" + std::to_string(each);
+        web_client c(each);
+        auto ask = [&](const std::string& method, const std::string& target) {
+            c.send(method + " " + target + " HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" +
+                   host + "\r\nCookie: " + cookies + "\r\n\r\n");
+            return c.reply();
+        };
+        EXPECT_EQ(ask("GET", "/echo").status, 200);
+        EXPECT_TRUE(ask("POST", "/sign-out")
+                        .value("Set-Cookie")
+                        .starts_with("vindral-" + std::to_string(each) + "=;"));
+        EXPECT_EQ(ask("GET", "/echo").status, 401);
+    }
 }
 
 TEST_F(web_server_test, sessions_end_with_their_token) {
@@ -183,7 +220,7 @@ TEST_F(web_server_test, a_session_does_not_outlast_its_token) {
 TEST_F(web_server_test, signing_out_ends_no_token) {
     start();
     web_client c(port());
-    const std::string lines = "Cookie: vindral=" + token + "\r\nOrigin: http://localhost\r\n";
+    const std::string lines = "Cookie: vindral-80=" + token + "\r\nOrigin: http://localhost\r\n";
     EXPECT_EQ(c.ask("POST", "/sign-out", lines).status, 204);
     EXPECT_EQ(c.get("/echo", bearer()).status, 200);
 }
@@ -240,8 +277,8 @@ TEST_F(web_server_test, names_of_others_and_pages_of_others) {
                                           "Origin: " + std::string(origin) + "\r\n", "{}")),
                   403);
     }
-    EXPECT_EQ(status(web_client::text("POST", "/echo", "Cookie: vindral=vs_x\r\n", "x")), 403);
-    EXPECT_EQ(status(web_client::text("DELETE", "/echo", "Cookie: vindral=vs_x\r\n")), 403);
+    EXPECT_EQ(status(web_client::text("POST", "/echo", "Cookie: vindral-80=vs_x\r\n", "x")), 403);
+    EXPECT_EQ(status(web_client::text("DELETE", "/echo", "Cookie: vindral-80=vs_x\r\n")), 403);
     EXPECT_TRUE(log().empty());
 }
 
@@ -263,7 +300,7 @@ TEST_F(web_server_test, tls) {
     EXPECT_EQ(r.body, std::string(3000000, 'x'));
     r = c.ask("POST", "/sign-in", "Origin: https://localhost\r\n", "{\"token\":\"" + token + "\"}");
     EXPECT_EQ(r.status, 204);
-    EXPECT_TRUE(r.value("Set-Cookie").starts_with("__Host-vindral=vs_"));
+    EXPECT_TRUE(r.value("Set-Cookie").starts_with("__Host-vindral-443=vs_"));
     EXPECT_TRUE(r.value("Set-Cookie").ends_with("; Secure"));
     EXPECT_TRUE(server->url().starts_with("https://127.0.0.1:"));
     web_client plain(port());
@@ -419,16 +456,19 @@ TEST_F(web_server_test, too_many_requests) {
     start();
     web_client c(port());
     for (int i = 0; i < 10; i++) {
-        EXPECT_EQ(c.get("/healthz").status, 200);
+        EXPECT_EQ(c.get("/etag").status, 200);
     }
-    web_reply r = c.get("/healthz");
+    web_reply r = c.get("/etag");
     EXPECT_EQ(r.status, 429);
     EXPECT_EQ(r.value("Retry-After"), "6");
     EXPECT_FALSE(r.has("Connection: close"));
     r = c.get("/echo", bearer()); /* not known until the settings have been looked at */
     EXPECT_TRUE(r.status == 429 || r.status == 200) << r.status;
     EXPECT_TRUE(eventually([&] { return c.get("/echo", bearer()).status == 200; }));
-    EXPECT_EQ(c.get("/healthz").status, 429);
+    EXPECT_EQ(c.get("/etag").status, 429);
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(c.get("/healthz").status, 200) << "it is there, whoever asks for much";
+    }
 }
 
 TEST_F(web_server_test, a_request_that_takes_long_holds_up_nobody_else) {
@@ -451,6 +491,7 @@ TEST_F(web_server_test, a_request_that_takes_long_holds_up_nobody_else) {
     EXPECT_EQ(r.status, 503);
     EXPECT_EQ(r.value("Retry-After"), "1");
     EXPECT_EQ(one_more.get("/healthz").status, 200) << "it is there";
+    EXPECT_EQ(one_more.get("/readyz").status, 200);
     held.open();
     for (const auto& c : slow) {
         EXPECT_EQ(c->reply().status, 200);
@@ -552,6 +593,25 @@ TEST_F(web_server_test, who_waits_in_line_at_the_end_is_told) {
         answered += c->reply().status == 200;
     }
     EXPECT_LE(answered, 1);
+}
+
+TEST_F(web_server_test, a_thread_that_cannot_be_had_is_said) {
+    pid_t child = fork();
+    if (child == 0) {
+        int status = 3;
+        if (refuse_syscall(SYS_clone3, EAGAIN) && refuse_syscall(SYS_clone, EAGAIN)) {
+            try {
+                web_server none(options, nullptr, *kept, *services, [](const std::string&) {});
+                status = 1;
+            } catch (const std::system_error& e) {
+                status = e.code() == std::errc::resource_unavailable_try_again ? 0 : 2;
+            }
+        }
+        _exit(status);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(web_server_test, is_made_and_never_begun) {

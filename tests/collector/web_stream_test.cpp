@@ -142,6 +142,46 @@ TEST_F(web_streams, so_many_and_no_more) {
     EXPECT_EQ(c.reply().status, 503);
 }
 
+/* A token may have many sessions: these share its streams. */
+TEST_F(web_streams, so_many_of_one_and_no_more) {
+    options.limits.streams_of_one = 2;
+    start();
+    const std::string other =
+        add_secret(*kept, token_kind::token, role::viewer, "other", now, 0, error);
+    stored_token session;
+    session.kind = token_kind::session;
+    session.role = static_cast<uint8_t>(role::viewer);
+    session.name = "tester";
+    session.made = now;
+    session.ends = now + 1000;
+    session.parent = 1;
+    bool is_taken = false;
+    std::string of_tester = keep_secret(*kept, session, is_taken, error);
+    ASSERT_NE(of_tester, "") << error;
+    auto status = [&](web_client& c, const std::string& secret) {
+        c.send(web_client::text("GET", "/api/v1/stream", bearer(secret)));
+        return c.reply(false);
+    };
+    web_client b(port()), third(port()), of_session(port()), of_other(port());
+    {
+        web_client a(port());
+        EXPECT_EQ(status(a, token).status, 200);
+        EXPECT_EQ(status(b, of_tester).status, 200);
+        web_reply r = status(third, token);
+        EXPECT_EQ(r.status, 429);
+        EXPECT_EQ(r.value("Retry-After"), "5");
+        EXPECT_NE(third.until("}").find("This token has 2 streams open, its sessions included: end "
+                                        "one of them first."),
+                  std::string::npos);
+        EXPECT_EQ(status(of_session, of_tester).status, 429);
+        EXPECT_EQ(status(of_other, other).status, 200);
+    }
+    EXPECT_TRUE(eventually([&] { /* what has ended counts no longer */
+                                 web_client again(port());
+                                 return status(again, token).status == 200;
+    }));
+}
+
 TEST_F(web_streams, who_says_too_much_is_ended) {
     start();
     web_client c(port());

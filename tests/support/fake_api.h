@@ -63,7 +63,7 @@ inline api_answer fake_answer(std::string_view method, std::string_view target, 
                       "\",\"name\":\"" + asked.who.name + "\",\"from\":\"" + asked.who.address +
                       "\"}";
         answer.audit = method == "POST" ? "echoed" : "";
-    } else if (path == "/healthz") {
+    } else if (path == "/healthz" || path == "/readyz") {
         answer.type = "text/plain";
         answer.body = "ok\n";
     } else if (path == "/large") {

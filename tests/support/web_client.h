@@ -206,6 +206,9 @@ struct web_server_test : testing::Test {
         ASSERT_TRUE(server->listen(error)) << error;
     }
     uint16_t port() const { return server->port(); }
+    std::string bearer(const std::string& secret) const {
+        return "Authorization: Bearer " + secret + "\r\n";
+    }
     std::string bearer() const { return "Authorization: Bearer " + token + "\r\n"; }
     std::vector<std::string> log() {
         std::lock_guard<std::mutex> guard(mutex);

@@ -16,6 +16,16 @@ const parameter_def stream_parameters[] = {
 
 const route rows[] = {
     {.method = "GET",
+     .pattern = "/",
+     .least = role::none,
+     .summary = "A line for people that says what this is.",
+     .parameters = {},
+     .takes = "",
+     .answers = "text",
+     .status = 200,
+     .handler = nullptr,
+     .type = "text/plain"},
+    {.method = "GET",
      .pattern = "/api/v1/stream",
      .least = role::viewer,
      .summary = "What is stored from now on, as server-sent events: `event` is result, event or "
@@ -31,21 +41,26 @@ const route rows[] = {
     {.method = "POST",
      .pattern = "/sign-in",
      .least = role::none,
-     .summary = "Begins a session with a token or a one-time link; the answer has its cookie.",
+     .summary = "Begins a session with a token or the secret of a one-time link, one of them; the "
+                "answer has its cookie. 401 for what does not sign in, whatever is wrong with it; "
+                "429 after 20 of these a minute from an address.",
      .parameters = {},
      .takes = "sign_in",
      .answers = "",
      .status = 204,
-     .handler = nullptr},
+     .handler = nullptr,
+     .session = session_change::begins},
     {.method = "POST",
      .pattern = "/sign-out",
      .least = role::none,
-     .summary = "Ends the session whose cookie is sent.",
+     .summary = "Ends the session whose cookie is sent, if any; 400 with a token, which does not "
+                "end.",
      .parameters = {},
      .takes = "",
      .answers = "",
      .status = 204,
-     .handler = nullptr}};
+     .handler = nullptr,
+     .session = session_change::ends}};
 
 } // namespace
 

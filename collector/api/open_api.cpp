@@ -115,6 +115,10 @@ std::string operation_id(const route& row) {
     return id;
 }
 
+json::object security_of(const char* scheme) {
+    return {{scheme, json::array()}};
+}
+
 json::object operation_of(const route& row) {
     json::object answer{{"description", words_for(row.status)}};
     if (*row.answers != '\0') {
@@ -123,6 +127,18 @@ json::object operation_of(const route& row) {
             content.emplace(row.other_type, json::object{{"schema", reference_to(row.answers)}});
         }
         answer.emplace("content", std::move(content));
+    }
+    if (row.session != session_change::none) {
+        answer.emplace(
+            "headers",
+            json::object{
+                {"Set-Cookie",
+                 json::object{{"description",
+                               row.session == session_change::begins
+                                   ? "The session, which lasts 30 days, and no longer than the "
+                                     "token: HttpOnly, SameSite=Strict, Path=/, Secure over TLS."
+                                   : "Has the browser forget the session."},
+                              {"schema", json::object{{"type", "string"}}}}}});
     }
     json::object operation{{"operationId", operation_id(row)}, {"summary", row.summary}};
     json::array parameters = parameters_of(row);
@@ -140,7 +156,9 @@ json::object operation_of(const route& row) {
                      {"default",
                       json::object{{"description", "What is wrong, in words."},
                                    {"content", body_of("problem", "application/problem+json")}}}});
-    if (row.least == role::none) {
+    if (row.session == session_change::ends) { /* without one as well */
+        operation.emplace("security", json::array{security_of("cookie"), json::object()});
+    } else if (row.least == role::none) {
         operation.emplace("security", json::array());
     } else {
         operation.emplace("description",
@@ -151,7 +169,7 @@ json::object operation_of(const route& row) {
 
 } // namespace
 
-std::string describe(std::span<const route> rows) {
+std::string describe(std::span<const route> rows, std::string_view cookie) {
     json::object paths;
     for (const route& row : rows) {
         std::string method;
@@ -168,8 +186,16 @@ std::string describe(std::span<const route> rows) {
     for (const schema_def& each : all_schemas()) {
         schemas.emplace(each.name, json::parse(each.text));
     }
-    json::object token{{"type", "http"}, {"scheme", "bearer"}};
-    json::object of_token{{"token", json::array()}};
+    json::object token{{"type", "http"},
+                       {"scheme", "bearer"},
+                       {"description", "A token of `vindral-collector token add`, \"vt_...\"."}};
+    json::object session{
+        {"type", "apiKey"},
+        {"in", "cookie"},
+        {"name", cookie},
+        {"description",
+         "A session that POST /sign-in began. The name has the port of this address in it. What "
+         "changes something needs, with the cookie, the Origin header that browsers send."}};
     return json_text(json::object{
         {"openapi", "3.1.0"},
         {"info", json::object{{"title", "Vindral collector"},
@@ -179,9 +205,10 @@ std::string describe(std::span<const route> rows) {
                                "are RFC 3339. Lists are had page by page: ask again with "
                                "`next`. What is wrong is told as application/problem+json."}}},
         {"servers", json::array{json::object{{"url", "/"}}}},
-        {"security", json::array{std::move(of_token)}},
+        {"security", json::array{security_of("token"), security_of("cookie")}},
         {"paths", std::move(paths)},
         {"components",
          json::object{{"schemas", std::move(schemas)},
-                      {"securitySchemes", json::object{{"token", std::move(token)}}}}}});
+                      {"securitySchemes", json::object{{"token", std::move(token)},
+                                                       {"cookie", std::move(session)}}}}}});
 }

@@ -6,7 +6,9 @@
 
 #include <span>
 #include <string>
+#include <string_view>
 
-std::string describe(std::span<const route> rows);
+/* `cookie`: the name of the session's. */
+std::string describe(std::span<const route> rows, std::string_view cookie);
 
 #endif

@@ -35,6 +35,9 @@ struct parameter_def {
     bool required = false;
 };
 
+/* What becomes of the session's cookie, for the description. */
+enum class session_change : uint8_t { none, begins, ends };
+
 /* Names of schemas in schemas.h; "" : none. */
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order in which a row is read
 struct route {
@@ -51,6 +54,7 @@ struct route {
     bool is_stream = false;                                              /* of server-sent events */
     const char* type = "application/json";                               /* of the answer */
     const char* other_type = ""; /* that it has instead where Accept wants that; "": none */
+    session_change session = session_change::none;
 };
 
 /* All rows, by pattern. */
@@ -75,7 +79,8 @@ void check_role(const route& of, const caller& who);
 api_answer answer_request(std::string_view method, std::string_view target, api_request& asked,
                           api_services& with);
 
-/* The description of all rows, OpenAPI 3.1. */
-std::string open_api();
+/* The description of all rows, OpenAPI 3.1; with the name of the session's cookie, which depends on
+ * the address at which the collector is asked. */
+std::string open_api(std::string_view cookie = "vindral-8080");
 
 #endif

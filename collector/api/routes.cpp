@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <vector>
 
-static api_answer description(const api_request&, api_services&) {
+static api_answer description(const api_request& asked, api_services&) {
     api_answer answer;
-    answer.body = open_api();
+    answer.body = asked.session_cookie.empty() ? open_api() : open_api(asked.session_cookie);
     return answer;
 }
 
@@ -39,7 +39,6 @@ std::span<const route> all_routes() {
     return rows;
 }
 
-std::string open_api() {
-    static const std::string text = describe(all_routes());
-    return text;
+std::string open_api(std::string_view cookie) {
+    return describe(all_routes(), cookie);
 }

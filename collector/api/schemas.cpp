@@ -184,6 +184,8 @@ const schema_def schemas[] = {
 "items":{"$ref":"#/components/schemas/test"}},"next":{"type":["string","null"],
 "description":"Where to go on; null at the end."},"incomplete":{"type":"string",
 "description":"Why not everything could be read."}},"additionalProperties":false})json"},
+    {"text", R"json(
+{"type":"string"})json"},
     {"token", R"json(
 {"type":"object","required":["id","name","role","kind","made","ends"],
 "properties":{"id":{"type":"integer","minimum":1},"name":{"type":"string"},

@@ -223,6 +223,36 @@ TEST_F(api_route_test, a_next_that_no_answer_said) {
     }
 }
 
+/* How one signs in, as the web server does it. */
+TEST_F(api_route_test, sessions_are_described) {
+    api_request asked;
+    asked.who.may = role::viewer;
+    asked.session_cookie = "__Host-vindral-8443";
+    const json::value description =
+        json::parse(answer_request("GET", "/openapi.json", asked, *with).body);
+    EXPECT_EQ(json_text(description.at("security")), "[{\"token\":[]},{\"cookie\":[]}]");
+    const json::value& cookie = description.at("components").at("securitySchemes").at("cookie");
+    EXPECT_EQ(cookie.at("type"), "apiKey");
+    EXPECT_EQ(cookie.at("in"), "cookie");
+    EXPECT_EQ(cookie.at("name"), "__Host-vindral-8443");
+    const json::value& paths = description.at("paths");
+    for (auto [path, security] :
+         {std::pair("/sign-in", "[]"), {"/sign-out", "[{\"cookie\":[]},{}]"}}) {
+        const json::value& post = paths.at(path).at("post");
+        EXPECT_EQ(json_text(post.at("security")), security);
+        EXPECT_TRUE(
+            post.at("responses").at("204").at("headers").as_object().contains("Set-Cookie"));
+    }
+    EXPECT_EQ(json_text(paths.at("/").at("get").at("security")), "[]");
+    EXPECT_TRUE(paths.at("/")
+                    .at("get")
+                    .at("responses")
+                    .at("200")
+                    .at("content")
+                    .as_object()
+                    .contains("text/plain"));
+}
+
 /* Every row of the table: a value that does not fit for each of its parameters, and one that does.
  */
 TEST_F(api_route_test, every_parameter_wrong_once) {

@@ -44,10 +44,17 @@ int status_of(int http_status) {
 
 } // namespace
 
-failure failure_of(const http_answer& answer) {
+failure failure_of(const http_answer& answer, bool with_token) {
     failure what{status_of(answer.status), ""};
     if (answer.type.starts_with("application/problem+json")) {
         json::object problem = object_of(answer);
+        if (answer.status == 401) { /* in our words: the API's are about headers */
+            what.text = with_token
+                            ? "the token is not known, or has ended"
+                            : "a token is needed: --token-file or VINDRAL_TOKEN gives it, and "
+                              "\"vindral-collector token add NAME --role ROLE\" makes one";
+            return what;
+        }
         what.text = printable(text_in(problem, "detail"));
         if (what.text.empty()) {
             what.text = printable(text_in(problem, "title"));
@@ -66,17 +73,12 @@ failure failure_of(const http_answer& answer) {
         what.text = "what answers is not the API";
     }
     what.text += " (status " + std::to_string(answer.status) + ")";
-    if (answer.status == 401) {
-        what.text +=
-            "\nA token is given with --token-file or in VINDRAL_TOKEN; \"vindral-collector "
-            "token add NAME --role ROLE\" makes one.";
-    }
     return what;
 }
 
-static json::object well_answered(const http_answer& answer) {
+json::object api::well_answered(const http_answer& answer) const {
     if (answer.status < 200 || answer.status > 299) {
-        throw failure_of(answer);
+        throw failure_of(answer, with_token_);
     }
     return answer.body.empty() ? json::object() : object_of(answer);
 }
@@ -158,7 +160,10 @@ void api::listen(const parameters& with, const std::function<bool(const sse_mess
                 throw failure{status_unreached, "a message of the stream is too long"};
             }
             if (answer.status != 200) {
-                throw failure_of(answer);
+                throw failure_of(answer, with_token_);
+            }
+            if (end.empty()) { /* no stream's */
+                throw failure{status_unreached, "what answers is not the API: it sends no stream"};
             }
             was_open = true;
         } catch (const failure& f) {

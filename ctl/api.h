@@ -17,7 +17,8 @@
 class api {
 public:
     /* Throws failure, as http_client does. */
-    explicit api(http_access access) : client_(std::move(access)) {}
+    explicit api(http_access access)
+        : with_token_(!access.token.empty()), client_(std::move(access)) {}
 
     /* An object. All throw failure: usage for 400 and the like, refused for 401 and 403, absent for
      * 404, wrong for 409, unreached for 5xx, 429 and what is no answer of the API. */
@@ -40,10 +41,13 @@ public:
                 const std::function<void(const std::string&)>& note);
 
 private:
+    boost::json::object well_answered(const http_answer& answer) const;
+
+    const bool with_token_;
     http_client client_;
 };
 
 /* What the API said against it. */
-failure failure_of(const http_answer& answer);
+failure failure_of(const http_answer& answer, bool with_token);
 
 #endif

@@ -47,6 +47,10 @@ bool is_end(const beast::error_code& error) {
            error == asio::ssl::error::stream_truncated;
 }
 
+bool is_stream(std::string_view type) {
+    return beast::iequals(type.substr(0, type.find_first_of("; ")), "text/event-stream");
+}
+
 struct exchange {
     const http_request& what;
     http::request<http::string_body> request;
@@ -103,7 +107,7 @@ asio::awaitable<void> talk(Stream& stream, exchange& of) {
     co_await http::async_read_header(stream, buffer, head, use_awaitable);
     of.answer.status = static_cast<int>(head.get().result_int());
     of.answer.type = std::string(head.get()[http::field::content_type]);
-    if (of.take != nullptr && of.answer.status == 200) {
+    if (of.take != nullptr && of.answer.status == 200 && is_stream(of.answer.type)) {
         co_await read_stream(stream, of, buffer, head);
     } else {
         co_await read_answer(stream, of, buffer, head);
@@ -224,6 +228,9 @@ struct http_client::state {
                      ? "what answers does not speak HTTP"
                  : is_end(e.code()) || e.code() == http::error::partial_message
                      ? "the connection was closed before the answer was whole"
+                 : e.code() == asio::error::connection_refused
+                     ? "connection refused; is the collector running there? --url or VINDRAL_URL "
+                       "says where"
                      : e.code().message());
         }
     }

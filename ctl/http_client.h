@@ -40,9 +40,10 @@ public:
      * when there is no connection, no trust in it, or no whole answer within 30 seconds. */
     http_answer ask(const http_request& what);
 
-    /* A stream: `take` gets the bytes of an answer with status 200 as they come, until it returns
-     * false, the stream ends, or nothing comes for 45 seconds. Returns the answer as ask() does,
-     * without the body of a 200; `end` then says why it ended, "" when `take` wanted that. */
+    /* A stream: `take` gets the bytes of an answer with status 200 and the type of a stream as they
+     * come, until it returns false, the stream ends, or nothing comes for 45 seconds. Returns the
+     * answer as ask() does, without the body of a stream; `end` then says why it ended, "" when
+     * `take` wanted that. */
     http_answer follow(const http_request& what, const std::function<bool(std::string_view)>& take,
                        std::string& end);
 

@@ -351,8 +351,10 @@ class Reached(Collected):
         self.assertIn("VINDRAL_TOKEN", self.told)
         self.ctl("agents", VINDRAL_TOKEN="vt_wrong", status=4)
         self.assertNotIn("vt_wrong", self.told)
+        self.assertIn("not known", self.told)
         self.ctl("version", VINDRAL_TOKEN=None)
         self.ctl("agents", "--url", "http://127.0.0.1:%d" % harness.free_port(), status=3)
+        self.assertIn("is the collector running there?", self.told)
         self.ctl("agents", "--url", self.url + "/elsewhere", status=5)
         self.ctl("agents", "--url", "http://collector.example.org", status=2)
         self.assertIn("in the clear", self.told)
@@ -489,6 +491,12 @@ class Odd(CtlTest):
         self.ctl("watch", status=3)
         self.serve((403, "application/problem+json", '{"detail": "No."}'))
         self.ctl("watch", status=4)
+        for kind in ("text/html", "text/event-streams", ""):  # of a proxy that says what it likes
+            self.serve((200, kind, "data: {}\n\n"))
+            self.ctl("watch", status=3)
+            self.assertIn("is not the API", self.told)
+        self.serve(head("Content-Type: Text/Event-Stream; charset=utf-8") + b"event: event\ndata: {}\n\n")
+        self.ctl("watch", "--limit", "1")
 
     def test_whom_it_trusts(self):
         """Only a certificate of the authority that is named, in force, for that name."""

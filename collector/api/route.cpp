@@ -210,8 +210,10 @@ void add_tag(const api_request& asked, api_answer& answer) {
 [[noreturn]] void throw_no_route(std::string_view method, std::string_view path,
                                  const std::string& allowed) {
     if (allowed.empty()) {
+        const bool is_agent = path.starts_with("/api/v1/agents/"); /* account/name, as it seems */
         throw_not_found("There is nothing at " + shown(path) +
-                        "; /openapi.json says what there is.");
+                        (is_agent ? "; the slash between account and name is %2F in a path."
+                                  : "; /openapi.json says what there is."));
     }
     throw problem{405, "Method not allowed",
                   shown(path) + " does not take " + shown(method) + ", but " + allowed + "."};
@@ -297,8 +299,8 @@ void check_role(const route& of, const caller& who) {
     }
     if (who.may == role::none) {
         throw problem{401, "Not signed in",
-                      "This needs a token: send \"Authorization: Bearer vt_...\". "
-                      "`vindral-collector token add NAME` makes one."};
+                      "This needs a token that has not ended: send \"Authorization: Bearer "
+                      "vt_...\". `vindral-collector token add NAME --role viewer` makes one."};
     }
     throw problem{403, "Not allowed",
                   "This needs the role " + std::string(role_word(of.least)) + ", and \"" +

@@ -170,6 +170,10 @@ TEST_F(api_route_test, rows_by_path) {
 TEST_F(api_route_test, refusals) {
     EXPECT_EQ(refused("/api/v1/agent", 404),
               "There is nothing at \"/api/v1/agent\"; /openapi.json says what there is.");
+    EXPECT_EQ(
+        refused("/api/v1/agents/a@b/web-1", 404),
+        "There is nothing at \"/api/v1/agents/a@b/web-1\"; the slash between account and name "
+        "is %2F in a path.");
     EXPECT_EQ(refused("/api/v1/agents", 405, "DELETE"),
               "\"/api/v1/agents\" does not take \"DELETE\", but GET, HEAD.");
     api_answer answer = ask("/api/v1/tokens", "PATCH");

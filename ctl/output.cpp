@@ -28,19 +28,25 @@ void tell(std::string_view text) {
 
 namespace {
 
-/* What is wrong comes first. */
+/* A row that has to find its place: the lower its urgency is, the earlier. */
+struct sorted_row {
+    int urgency;
+    std::string since; /* as the API writes them times sort as texts */
+    std::vector<table_cell> cells;
+};
+
+constexpr int wrong = 0, unsure = 1, well = 2;
+
 int urgency(const json::object& item) {
     const std::string state = text_in(item, "state");
-    return state == "problem" || state == "silent" ? 0 : state == "ok" ? 2 : 1;
+    return state == "problem" || state == "silent" ? wrong : state == "ok" ? well : unsure;
 }
 
-bool is_worse(const json::object& one, const json::object& other) {
-    const int urgent = urgency(one), other_urgent = urgency(other);
-    if (urgent != other_urgent || urgent == 2) {
-        return urgent < other_urgent;
+bool is_before(const sorted_row& one, const sorted_row& other) {
+    if (one.urgency != other.urgency || one.urgency == well) {
+        return one.urgency < other.urgency;
     }
-    /* As the API writes them times sort as texts. */
-    return text_in(one, "since") > text_in(other, "since");
+    return one.since > other.since;
 }
 
 } // namespace
@@ -53,29 +59,24 @@ int put_list(const place& here, const list_def& what, const parameters& with,
         here.said.limit == not_given ? what.usual_limit : static_cast<size_t>(here.said.limit);
     const bool is_sorted = what.worst_first && !here.said.json;
     bool is_empty = true;
-    auto show = [&](const json::object& item) {
+    std::vector<sorted_row> all;
+    auto take = [&](const json::object& item) {
         is_empty = false;
         if (look) {
             look(item);
         }
         if (here.said.json) {
             put(json_text(item) + "\n");
+        } else if (is_sorted) {
+            all.push_back({urgency(item), text_in(item, "since"), row_of(item)});
         } else {
             rows.add(row_of(item));
         }
     };
-    std::vector<json::object> all; /* to be sorted */
-    const std::string incomplete =
-        here.with.list(what.path, with, is_sorted ? 0 : limit, [&](const json::object& item) {
-            if (is_sorted) {
-                all.push_back(item);
-            } else {
-                show(item);
-            }
-        });
-    std::stable_sort(all.begin(), all.end(), is_worse);
+    const std::string incomplete = here.with.list(what.path, with, is_sorted ? 0 : limit, take);
+    std::stable_sort(all.begin(), all.end(), is_before);
     for (size_t i = 0; i < all.size() && (limit == 0 || i < limit); i++) {
-        show(all[i]);
+        rows.add(std::move(all[i].cells));
     }
     if (!here.said.json) {
         put(rows.text(here.on));

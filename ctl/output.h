@@ -32,7 +32,7 @@ struct list_def {
 };
 
 /* Reads a list and puts it down: a table, or with --json each item in a line of its own. `look`
- * sees each item that is put down as well. Returns the exit status: wrong when not everything could
+ * sees each item that was read as well. Returns the exit status: wrong when not everything could
  * be read, which is told.
  */
 int put_list(const place& here, const list_def& what, const parameters& with,

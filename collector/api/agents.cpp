@@ -164,7 +164,16 @@ api_answer retire_agent(const api_request& asked, api_services& with) {
 
 api_answer check_agent(const api_request& asked, api_services& with) {
     found_agent agent = find_present(asked, with);
-    if (!with.check_now(agent.account, agent.name)) {
+    bool told = false;
+    try {
+        told = with.check_now(agent.account, agent.name);
+    } catch (problem& what) {
+        if (what.status == 503) { /* it may be told yet */
+            what.audit = "asked to have agent " + called(agent) + " check now";
+        }
+        throw;
+    }
+    if (!told) {
         throw problem{409, "Conflict",
                       called(agent) + " cannot be told: it has not polled since the collector "
                                       "started, or does not any more. Try again when it has."};

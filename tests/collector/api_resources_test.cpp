@@ -198,6 +198,12 @@ TEST_F(api_resources_test, checking_now) {
     EXPECT_EQ(ask("/api/v1/agents/1/check", "POST").audit, "");
     refused("/api/v1/agents/7/check", 404, "POST");
     refused("/api/v1/agents/1/check", 400, "POST", "{}");
+    with->check_now = [](std::string_view, std::string_view) -> bool {
+        throw_unavailable("The collector is busy.");
+    };
+    api_answer late = ask("/api/v1/agents/1/check", "POST");
+    EXPECT_EQ(late.status, 503);
+    EXPECT_EQ(late.audit, "asked to have agent a@b.c/web-1 check now") << "it may be told yet";
 }
 
 /* ---- tests ---- */

@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
             put(line.text);
             return status_well;
         case reading::wrong:
-            tell(line.text + "\n\"vindralctl --help\" says what there is");
+            tell(line.text + "\n\"" + line.help + "\" says what there is");
             return status_usage;
         }
     } catch (const failure& f) {

@@ -10,11 +10,16 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <sys/stat.h>
 
 namespace {
 
 const char footer[] =
+    "For example:\n"
+    "  vindralctl tests --state problem\n"
+    "  vindralctl series web-1:load --from -2h\n"
+    "  vindralctl agents --fail >/dev/null || echo something is wrong\n\n"
     "AGENT is an id, account/name, or a name that one agent has; TEST an id, AGENT:NAME, or a "
     "name.\n"
     "TIME is -2h or +30d (s, m, h, d, w), now, today, yesterday, 12:30, 2026-05-01,\n"
@@ -80,6 +85,41 @@ void add_option(CLI::App& to, const option_def& row, given& said) {
     }
 }
 
+const char* help_of_word(const std::string& word) {
+    return word == "AGENT"  ? "its id, account/name, or name where one only has it"
+           : word == "TEST" ? "its id, AGENT:NAME, or name where one only has it"
+                            : "";
+}
+
+/* How many letters have to be changed, left out or put in to make one of the other. */
+size_t distance(std::string_view a, std::string_view b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); i++) {
+        size_t above_left = row[0];
+        row[0] = i + 1;
+        for (size_t j = 0; j < b.size(); j++) {
+            const size_t changed = above_left + (a[i] == b[j] ? 0 : 1);
+            above_left = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, above_left + 1});
+        }
+    }
+    return row[b.size()];
+}
+
+/* "; tests?", or nothing when none is like it. */
+std::string guess(const std::string& word, const std::vector<std::string>& all) {
+    std::string best;
+    size_t least = 1 + word.size() / 3;
+    for (const std::string& each : all) {
+        if (size_t apart = word.size() < 40 ? distance(word, each) : least; apart < least) {
+            least = apart;
+            best = "; " + each + "?";
+        }
+    }
+    return best;
+}
+
 /* "show" of "agents show". */
 std::string last_word(const char* name) {
     const char* space = strrchr(name, ' ');
@@ -96,6 +136,11 @@ public:
         app_.require_subcommand(1);
         app_.footer(footer);
         app_.get_formatter()->column_width(30);
+        app_.get_formatter()->label("TEXT", ""); /* the name of a value says it */
+        app_.get_formatter()->label("REQUIRED", "");
+        app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
+        app_.get_formatter()->label("SUBCOMMANDS", "COMMANDS");
+        app_.get_formatter()->label("Positionals", "Words");
         for (const option_def* row : global_options()) {
             add_option(app_, *row, said_);
         }
@@ -106,15 +151,53 @@ public:
 
     const command_def* read(int argc, const char* const* argv) {
         app_.parse(argc, argv);
-        const CLI::App* chosen = &app_;
-        while (!chosen->get_subcommands().empty()) {
-            chosen = chosen->get_subcommands()[0];
-        }
-        return rows_.at(chosen);
+        return rows_.at(chosen());
     }
     std::string help() const { return app_.help(); }
 
+    /* The command that was found so far: "vindralctl agents". */
+    std::string found() const { return words_of(chosen()); }
+
+    /* What is wrong with a word that nothing takes; "" when there is none. */
+    std::string unexpected() const {
+        const std::vector<std::string> rest = app_.remaining(true);
+        if (rest.empty()) {
+            return "";
+        }
+        auto option = std::find_if(rest.begin(), rest.end(),
+                                   [](const std::string& each) { return each.starts_with('-'); });
+        const std::string word = option != rest.end() ? *option : rest[0];
+        const std::string name = option != rest.end() ? word.substr(0, word.find('=')) : word;
+        std::vector<std::string> all;
+        for (const CLI::App* of : {chosen(), &app_}) {
+            for (const CLI::Option* each : of->get_options()) {
+                all.push_back(each->get_name());
+            }
+        }
+        if (option != rest.end()) {
+            return found() + " has no option " + name + guess(name, all);
+        }
+        all.clear();
+        for (const CLI::App* each : chosen()->get_subcommands(nullptr)) {
+            all.push_back(each->get_name());
+        }
+        return all.empty() ? found() + " takes no \"" + name + "\""
+                           : found() + " has no command \"" + name + "\"" + guess(name, all);
+    }
+
 private:
+    const CLI::App* chosen() const {
+        const CLI::App* found = &app_;
+        while (!found->get_subcommands().empty()) {
+            found = found->get_subcommands()[0];
+        }
+        return found;
+    }
+    std::string words_of(const CLI::App* command) const {
+        auto row = rows_.find(command);
+        return row != rows_.end() ? std::string("vindralctl ") + row->second->name : "vindralctl";
+    }
+
     void add_command(const command_def& row) {
         std::string name = row.name;
         CLI::App* above = &app_;
@@ -123,10 +206,12 @@ private:
             /* A parent that does nothing itself needs one. */
             above->require_subcommand(rows_.at(above)->run != nullptr ? 0 : 1, 1);
         }
-        CLI::App* made = above->add_subcommand(last_word(row.name), row.help);
+        CLI::App* made = above->add_subcommand(last_word(row.name), row.help)->group("Commands");
         made->footer("The options of vindralctl can stand here, too: see vindralctl --help.");
         if (row.word != nullptr) {
-            made->add_option(row.word, said_.word)->required()->check(refuse_empty);
+            made->add_option(row.word, said_.word, help_of_word(row.word))
+                ->required()
+                ->check(refuse_empty);
         }
         for (const option_def* option : row.options) {
             add_option(*made, *option, said_);
@@ -156,6 +241,11 @@ command_line read_command_line(int argc, const char* const* argv) {
         } catch (const CLI::CallForHelp&) {
             line.outcome = reading::show;
             line.text = reader.help();
+        } catch (const CLI::Error& error) {
+            const std::string unexpected = reader.unexpected();
+            line.outcome = reading::wrong;
+            line.help = reader.found() + " --help";
+            line.text = without_secrets(printable(unexpected.empty() ? error.what() : unexpected));
         }
     } catch (const CLI::Error& error) {
         line.outcome = reading::wrong;

@@ -19,6 +19,7 @@ struct command_line {
     const command_def* command = nullptr;
     given said;
     std::string text;
+    std::string help = "vindralctl --help"; /* what to type for what there is, where it was wrong */
 };
 
 command_line read_command_line(int argc, const char* const* argv);

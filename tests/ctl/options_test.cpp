@@ -145,6 +145,45 @@ TEST(options, what_is_wrong_is_said) {
     EXPECT_EQ(line.text.find('\x1b'), std::string::npos);
 }
 
+TEST(options, what_is_close_is_said) {
+    struct {
+        std::vector<const char*> words;
+        const char *text, *help;
+    } cases[] = {
+        {{"agent"}, "vindralctl has no command \"agent\"; agents?", "vindralctl --help"},
+        {{"nonsense"}, "vindralctl has no command \"nonsense\"", "vindralctl --help"},
+        {{"agents", "--stat", "ok"},
+         "vindralctl agents has no option --stat; --state?",
+         "vindralctl agents --help"},
+        {{"agents", "--jsn=x"},
+         "vindralctl agents has no option --jsn; --json?",
+         "vindralctl agents --help"},
+        {{"agents", "sho", "x"},
+         "vindralctl agents has no command \"sho\"; show?",
+         "vindralctl agents --help"},
+        {{"version", "x"}, "vindralctl version takes no \"x\"", "vindralctl version --help"},
+        {{"--xyz", "vt_secret", "agents"},
+         "vindralctl agents has no option --xyz",
+         "vindralctl agents --help"},
+    };
+    for (const auto& each : cases) {
+        command_line line = read(each.words);
+        EXPECT_EQ(line.outcome, reading::wrong);
+        EXPECT_EQ(line.text, each.text);
+        EXPECT_EQ(line.help, each.help);
+    }
+}
+
+TEST(options, lines_of_help_have_no_blanks_at_their_ends) {
+    for (std::vector<const char*> words : {std::vector<const char*>{"--help"},
+                                           {"agents", "show", "--help"},
+                                           {"series", "--help"},
+                                           {"tokens", "--help"}}) {
+        const std::string text = read(words).text;
+        EXPECT_EQ(text.find(" \n"), std::string::npos) << text;
+    }
+}
+
 /* Of a variable that was not set, mostly: with all agents in place of one, --fail would lie. */
 TEST(options, a_value_is_not_empty) {
     for (std::vector<const char*> words : {std::vector<const char*>{"tests", "--agent", ""},

@@ -319,7 +319,7 @@ class Completed(CtlTest):
         """Options and sub-commands of the help."""
         text = self.ctl(*command, "--help")
         options = set(re.findall(r"(?m)^ +(?:-h,)?(--[a-z-]+)", text))
-        return options, set(re.findall(r"(?m)^  ([a-z]+) ", text.partition("Subcommands:")[2]))
+        return options, set(re.findall(r"(?m)^  ([a-z]+) ", text.partition("Commands:")[2]))
 
     def test_every_command_with_its_options(self):
         everywhere, commands = self.listed()

@@ -11,6 +11,8 @@ api_answer health(const api_request& asked, api_services& with) {
     json::object object{{"status", "ok"}};
     if (asked.who.may != role::none) {
         object.emplace("version", with.version);
+        object.emplace("name", asked.who.name);
+        object.emplace("role", role_word(asked.who.may));
     }
     return answer_with(object);
 }

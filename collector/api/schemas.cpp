@@ -63,7 +63,8 @@ const schema_def schemas[] = {
 "description":"Why not everything could be read."}},"additionalProperties":false})json"},
     {"health", R"json(
 {"type":"object","required":["status"],"properties":{"status":{"const":"ok"},
-"version":{"type":"string"}},"additionalProperties":false})json"},
+"version":{"type":"string"},"name":{"type":"string"},
+"role":{"enum":["viewer","operator","admin"]}},"additionalProperties":false})json"},
     {"inventories", R"json(
 {"type":"object","additionalProperties":{"type":"object","required":["time","items"],
 "properties":{"time":{"type":"string","format":"date-time"},"items":{"type":"array",

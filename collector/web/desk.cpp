@@ -2,6 +2,7 @@
 
 #include "api/secret_body.h"
 #include "base/text.h"
+#include "web/front_page.h"
 #include "web/trust.h"
 
 #include <algorithm>
@@ -148,8 +149,9 @@ api_answer desk::answer_itself(const request_head& head, std::string_view body,
         return answer;
     }
     answer.status = 200;
-    answer.type = "text/plain; charset=utf-8";
-    answer.body = "This is a vindral collection server. /openapi.json describes its API.\n";
+    answer.type = "text/html; charset=utf-8";
+    answer.body = the_front_page().html;
+    answer.headers.emplace_back("Content-Security-Policy", the_front_page().policy);
     return answer;
 }
 

@@ -687,6 +687,8 @@ TEST_F(api_resources_test, bodies_that_make_no_token) {
 TEST_F(api_resources_test, health_and_readiness_need_no_token) {
     EXPECT_EQ(get("/healthz", 200, "GET", "", role::none).as_object().size(), 1u);
     EXPECT_EQ(get("/healthz").at("version"), "3.0");
+    EXPECT_EQ(get("/healthz").at("name"), "ann");
+    EXPECT_EQ(get("/healthz").at("role"), "admin");
     notes = {"two"};
     EXPECT_EQ(json_text(get("/readyz", 200, "GET", "", role::none).at("notes")), "[\"two\"]");
     is_ready = false;

@@ -254,7 +254,7 @@ TEST_F(api_route_test, sessions_are_described) {
                     .at("200")
                     .at("content")
                     .as_object()
-                    .contains("text/plain"));
+                    .contains("text/html"));
 }
 
 /* Every row of the table: a value that does not fit for each of its parameters, and one that does.

@@ -1,6 +1,7 @@
 /* The web server over sockets: requests, limits, who is let in, the end. */
 #include "web_client.h"
 
+#include "api/route.h"
 #include "refuse_syscall.h"
 
 #include <algorithm>
@@ -94,9 +95,45 @@ TEST_F(web_server_test, heads_and_what_has_not_changed) {
 TEST_F(web_server_test, the_front_page) {
     start();
     web_client c(port());
-    EXPECT_EQ(c.get("/").body,
-              "This is a vindral collection server. /openapi.json describes its API.\n");
-    web_reply r = c.ask("OPTIONS", "/");
+    web_reply r = c.get("/");
+    EXPECT_EQ(r.value("Content-Type"), "text/html; charset=utf-8");
+    /* Its own script and style run, nothing else, and nobody else is asked. */
+    auto hash_of_what = [&](const std::string& element) {
+        const std::string begin = "<" + element + ">";
+        size_t at = r.body.find(begin) + begin.size();
+        std::string text = r.body.substr(at, r.body.find("</" + element + ">") - at);
+        EXPECT_EQ(r.body.find("<" + element, at), std::string::npos) << "one of these";
+        unsigned char hash[32], encoded[64];
+        EVP_Digest(text.data(), text.size(), hash, nullptr, EVP_sha256(), nullptr);
+        int length = EVP_EncodeBlock(encoded, hash, sizeof hash);
+        return "'sha256-" + std::string(encoded, encoded + length) + "'";
+    };
+    EXPECT_EQ(r.value("Content-Security-Policy"),
+              "default-src 'none'; script-src " + hash_of_what("script") + "; style-src " +
+                  hash_of_what("style") +
+                  "; connect-src 'self'; base-uri 'none'; form-action 'none'; "
+                  "frame-ancestors 'none'");
+    for (const char* no : {"://", " src=", "url(", "@import", " style=", " onclick", "innerHTML"}) {
+        EXPECT_EQ(r.body.find(no), std::string::npos) << no;
+    }
+    /* What it asks and where it leads is there. */
+    size_t count = 0;
+    for (const std::string& before : {std::string("fetch(\""), std::string(" href=\"")}) {
+        for (size_t at = 0; (at = r.body.find(before, at)) != std::string::npos; count++) {
+            at += before.size();
+            const std::string target = r.body.substr(at, r.body.find('"', at) - at);
+            const std::string path = target.substr(0, target.find('?'));
+            std::vector<std::string> in_path;
+            std::string allowed;
+            const bool posts = path.starts_with("/sign-");
+            const route* row = find_route(posts ? "POST" : "GET", path, in_path, allowed);
+            ASSERT_NE(row, nullptr) << target;
+            api_request asked;
+            read_parameters(*row, target.substr(std::min(path.size() + 1, target.size())), asked);
+        }
+    }
+    EXPECT_EQ(count, 7u);
+    r = c.ask("OPTIONS", "/");
     EXPECT_EQ(r.status, 405);
     EXPECT_EQ(r.value("Allow"), "GET, HEAD");
     EXPECT_EQ(r.value("Access-Control-Allow-Origin"), "");

@@ -2,6 +2,7 @@
 
 #include "api/request.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace {
@@ -95,9 +96,11 @@ reader_pool::reader_pool(std::string directory, size_t most)
 }
 
 /* One that waits to be used, if there is one; its place is taken in any case. */
-std::unique_ptr<result_reader> reader_pool::take_idle() {
+std::unique_ptr<result_reader>
+reader_pool::take_idle(std::chrono::steady_clock::time_point deadline) {
     std::unique_lock hold(mutex_);
-    if (!given_back_.wait_for(hold, longest_wait_for_reader, [this] { return out_ < most_; })) {
+    auto until = std::min(deadline, std::chrono::steady_clock::now() + longest_wait_for_reader);
+    if (!given_back_.wait_until(hold, until, [this] { return out_ < most_; })) {
         throw_unavailable("Too much is being asked at the moment: try again in a few seconds.");
     }
     out_++;
@@ -109,8 +112,8 @@ std::unique_ptr<result_reader> reader_pool::take_idle() {
     return reader;
 }
 
-reader_pool::lent reader_pool::lend() {
-    std::unique_ptr<result_reader> reader = take_idle();
+reader_pool::lent reader_pool::lend(std::chrono::steady_clock::time_point deadline) {
+    std::unique_ptr<result_reader> reader = take_idle(deadline);
     try {
         std::string error;
         if (reader && !reader->renew(error)) {
@@ -122,6 +125,7 @@ reader_pool::lent reader_pool::lend() {
         if (!reader) {
             throw_unavailable("What is stored cannot be read: " + error + ".");
         }
+        reader->give_up_at(deadline);
     } catch (...) { /* its place must not stay taken */
         give_back(nullptr);
         throw;

@@ -8,6 +8,7 @@
 #include "store/engine.h"
 #include "store/settings.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -25,12 +26,13 @@ public:
 
     class lent; /* gives it back when it goes; get() is never null */
     /* Throws problem 503 when the store cannot be read, with the reason, or when all are lent for
-     * five seconds. */
-    lent lend();
+     * five seconds, or until `deadline`. Past that the reader ends with an error. */
+    lent lend(std::chrono::steady_clock::time_point deadline =
+                  std::chrono::steady_clock::time_point::max());
     void give_back(std::unique_ptr<result_reader> reader);
 
 private:
-    std::unique_ptr<result_reader> take_idle();
+    std::unique_ptr<result_reader> take_idle(std::chrono::steady_clock::time_point deadline);
 
     const std::string directory_;
     const size_t most_;

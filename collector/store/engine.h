@@ -17,6 +17,7 @@
 #ifndef VINDRAL_COLLECTOR_ENGINE_H
 #define VINDRAL_COLLECTOR_ENGINE_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -119,9 +120,18 @@ public:
     /* Where it reads, for messages. */
     virtual std::string place() const = 0;
 
+    /* Once that has passed reading ends with an error, also amid rows of which nobody is told;
+     * until rest(). One that cannot be interrupted reads on. */
+    virtual void give_up_at(std::chrono::steady_clock::time_point when) { (void)when; }
+
     /* By account and name. Looks at the agents' rows alone, whatever the number of results. */
     virtual bool for_each_agent(const std::function<void(const known_agent&)>& each,
                                 std::string& error) = 0;
+    /* Likewise, from that account and name on, whether or not there is such an agent: what stands
+     * before them costs nothing. */
+    virtual bool for_each_agent_from(std::string_view account, std::string_view agent,
+                                     const std::function<bool(const known_agent&)>& each,
+                                     std::string& error) = 0;
     /* One of them; `each` is not called when there is none. */
     virtual bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
                             std::string& error) = 0;

@@ -747,6 +747,50 @@ TEST_F(engine_test, a_place_that_is_gone_is_left_and_another_one_begun) {
     EXPECT_EQ(agents(*reader()), strings{"web1 192.0.2.1 3.0 0 0 state of b"});
 }
 
+TEST_F(engine_test, agents_from_a_place_on_until_it_is_enough) {
+    for (const char* name : {"web3", "web1", "db", "web2"}) {
+        store(name, name);
+    }
+    auto from = [&](std::string_view account, std::string_view agent, size_t most) {
+        strings found;
+        auto note = [&](const known_agent& a) {
+            found.emplace_back(a.agent);
+            return found.size() < most;
+        };
+        EXPECT_TRUE(reader()->for_each_agent_from(account, agent, note, error)) << error;
+        return found;
+    };
+    EXPECT_EQ(from("", "", 9), (strings{"db", "web1", "web2", "web3"}));
+    EXPECT_EQ(from({}, {}, 2), (strings{"db", "web1"}));
+    EXPECT_EQ(from("a@b.c", "web1", 9), (strings{"web1", "web2", "web3"}));
+    EXPECT_EQ(from("a@b.c", "web10", 1), (strings{"web2"}));
+    EXPECT_EQ(from("a@b.c", "x", 9), strings{});
+    EXPECT_EQ(from("b", "", 9), strings{});
+    EXPECT_EQ(from("a", "zzz", 9).size(), 4u);
+}
+
+TEST_F(engine_test, a_reader_gives_up_in_time) {
+    store("web1", "a");
+    std::string why;
+    std::unique_ptr<result_reader> reads = open_reader(state, why);
+    ASSERT_TRUE(reads) << why;
+    auto count = [&] {
+        int found = 0;
+        bool ok = reads->for_each_agent([&](const known_agent&) { found++; }, why);
+        return ok ? found : -1;
+    };
+    EXPECT_EQ(count(), 1);
+    reads->give_up_at(std::chrono::steady_clock::now() - std::chrono::seconds(1));
+    EXPECT_EQ(count(), -1);
+    EXPECT_EQ(why, "there was not time enough");
+    reads->give_up_at(std::chrono::steady_clock::now() + std::chrono::hours(1));
+    EXPECT_EQ(count(), 1);
+    reads->give_up_at(std::chrono::steady_clock::now() - std::chrono::seconds(1));
+    reads->rest();
+    ASSERT_TRUE(reads->renew(why)) << why;
+    EXPECT_EQ(count(), 1) << "for the next one it is lent to";
+}
+
 TEST_F(engine_test, a_failure_that_is_no_damage_is_not_recovered_from_at_once) {
     std::filesystem::remove_all(state);
     e->look_after();

@@ -146,6 +146,12 @@ public:
                         std::string& error) override {
         return read_agent(1, each, error);
     }
+    bool for_each_agent_from(std::string_view, std::string_view,
+                             const std::function<bool(const known_agent&)>& each,
+                             std::string& error) override {
+        return read_agent(
+            1, [&](const known_agent& agent) { each(agent); }, error);
+    }
     bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
                     std::string&) override {
         std::string state = damaged_state ? "damaged" : packed_agent();

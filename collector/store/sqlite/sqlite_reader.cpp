@@ -7,6 +7,8 @@
 
 namespace {
 
+const char too_late[] = "there was not time enough";
+
 const char agent_columns[] =
     "SELECT id, account, name, address, version, first_seen, last_seen, state, "
     "retired FROM agents";
@@ -32,7 +34,23 @@ bool sqlite_reader::open(const std::string& directory, std::string& error) {
     return ok;
 }
 
+bool sqlite_reader::is_too_late() const {
+    return give_up_at_ != never && std::chrono::steady_clock::now() > give_up_at_;
+}
+
+void sqlite_reader::give_up_at(std::chrono::steady_clock::time_point when) {
+    constexpr int often = 20000; /* steps of SQLite's: a millisecond or so */
+    give_up_at_ = when;
+    if (own_) {
+        sqlite3_progress_handler(
+            own_.get(), when != never ? often : 0,
+            [](void* self) { return static_cast<sqlite_reader*>(self)->is_too_late() ? 1 : 0; },
+            this);
+    }
+}
+
 void sqlite_reader::rest() {
+    give_up_at(never);
     if (own_ && sqlite3_get_autocommit(own_.get()) == 0) {
         database_exec(own_.get(), "COMMIT");
     }
@@ -72,7 +90,9 @@ void sqlite_reader::use(sqlite3* db, const std::string& place) {
 bool sqlite_reader::note(int result, std::string& error) {
     bool ok = result == SQLITE_ROW || result == SQLITE_DONE;
     if (!ok && error.empty()) {
-        error = db_ != nullptr ? sqlite3_errmsg(db_) : "it is not open";
+        error = result == SQLITE_INTERRUPT ? too_late
+                : db_ != nullptr           ? sqlite3_errmsg(db_)
+                                           : "it is not open";
     }
     return ok;
 }
@@ -82,6 +102,10 @@ template <typename Do>
 bool sqlite_reader::each_row(statement& rows, Do each, std::string& error) {
     int result;
     while ((result = rows.step()) == SQLITE_ROW) {
+        if (is_too_late()) {
+            error = error.empty() ? too_late : error;
+            return false;
+        }
         if (!each()) {
             return false;
         }
@@ -91,17 +115,25 @@ bool sqlite_reader::each_row(statement& rows, Do each, std::string& error) {
 
 /* ---- agents and tests ---- */
 
-/* The index tells the order and the ids; so a row that is damaged hides no other. */
 bool sqlite_reader::for_each_agent(const std::function<void(const known_agent&)>& each,
                                    std::string& error) {
+    return for_each_agent_from(
+        "", "", [&](const known_agent& agent) { return each(agent), true; }, error);
+}
+
+/* The index tells the order and the ids; so a row that is damaged hides no other. */
+bool sqlite_reader::for_each_agent_from(std::string_view account, std::string_view agent,
+                                        const std::function<bool(const known_agent&)>& each,
+                                        std::string& error) {
     error.clear();
-    auto ids = take("SELECT id FROM agents ORDER BY account, name");
-    auto agent = take(std::string(agent_columns) + " WHERE id = ?");
+    auto ids = take("SELECT id FROM agents WHERE (account, name) >= (?, ?) ORDER BY account, name");
+    auto row = take(std::string(agent_columns) + " WHERE id = ?");
+    ids->bind_text(account).bind_text(agent);
     auto each_id = [&] {
-        agent->reset();
-        int result = agent->bind(ids->integer(0)).step();
-        if (result == SQLITE_ROW) {
-            each(agent_of(*agent));
+        row->reset();
+        int result = row->bind(ids->integer(0)).step();
+        if (result == SQLITE_ROW && !each(agent_of(*row))) {
+            return false;
         }
         return note(result, error) || database_is_damaged(result);
     };
@@ -152,6 +184,10 @@ bool sqlite_reader::for_each_block(int64_t row, const std::function<bool(const o
     error.clear();
     auto block = take("SELECT received, before, records FROM blocks WHERE id = ?");
     while (row > 0) {
+        if (is_too_late()) {
+            error = too_late;
+            break;
+        }
         block->reset();
         int result = block->bind(row).step();
         if (result != SQLITE_ROW) {

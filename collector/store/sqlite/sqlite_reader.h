@@ -6,6 +6,7 @@
 #include "store/engine.h"
 #include "store/sqlite/database.h"
 
+#include <chrono>
 #include <string>
 #include <string_view>
 
@@ -18,10 +19,14 @@ public:
     void use(sqlite3* db, const std::string& place);
 
     std::string place() const override { return place_; }
+    void give_up_at(std::chrono::steady_clock::time_point when) override;
     bool renew(std::string& error) override;
     void rest() override;
     bool for_each_agent(const std::function<void(const known_agent&)>& each,
                         std::string& error) override;
+    bool for_each_agent_from(std::string_view account, std::string_view agent,
+                             const std::function<bool(const known_agent&)>& each,
+                             std::string& error) override;
     bool read_agent(int64_t id, const std::function<void(const known_agent&)>& each,
                     std::string& error) override;
     bool read_agent(std::string_view account, std::string_view agent,
@@ -56,7 +61,10 @@ public:
     std::optional<int64_t> read_fact(const char* name) override { return database_fact(db_, name); }
 
 private:
+    static constexpr auto never = std::chrono::steady_clock::time_point::max();
+
     statement_cache::taken take(std::string_view sql) { return statements_.take(db_, sql); }
+    bool is_too_late() const;
     /* Notes what a step said; false when it is an error. */
     bool note(int result, std::string& error);
     template <typename Do>
@@ -69,6 +77,7 @@ private:
     std::string place_;
     database own_;
     sqlite3* db_ = nullptr;
+    std::chrono::steady_clock::time_point give_up_at_ = never;
     statement_cache statements_; /* gone before own_ is closed */
 };
 

@@ -92,11 +92,11 @@ void add_agents_side(metric_text& to, const counters& all) {
               all.body_bytes);
 }
 
-void add_storing(metric_text& to, const counters& all) {
+void add_storing(metric_text& to, const counters& all, queue_load waiting) {
     add_gauge(to, "vindral_queue_bytes", "bytes", "Results that wait to be stored.",
-              all.queued_bytes);
+              static_cast<double>(waiting.bytes));
     add_gauge(to, "vindral_queue_blocks", "", "Polls whose results wait to be stored.",
-              all.queued_blocks);
+              static_cast<double>(waiting.blocks));
     to.begin("vindral_commit_duration_seconds", metric_type::histogram, "seconds",
              "How long storing what waited took, from the begin to the commit.");
     to.add(all.commits);
@@ -276,13 +276,14 @@ bool read_agents(result_reader& store, const api_request& asked, fleet_counts& c
 }
 
 /* What the store has. A collector that cannot read it has to say so all the same; but who wants the
- * fleet is told by a problem, rather than by values that end. */
+ * fleet is told by a problem, rather than by values that end, and so is who has waited too long:
+ * that is no word about the store. */
 void add_stored(metric_text& to, const api_request& asked, api_services& with) {
     const bool with_fleet = is_set(asked, "fleet");
     fleet_counts counts;
     bool is_whole = false;
     try {
-        reader_pool::lent store = with.stored.lend();
+        reader_pool::lent store = with.stored.lend(asked.deadline);
         add_place(to, store->place());
         std::optional<fleet_lines> fleet;
         if (with_fleet) {
@@ -290,6 +291,9 @@ void add_stored(metric_text& to, const api_request& asked, api_services& with) {
         }
         std::string error;
         is_whole = read_agents(*store, asked, counts, fleet ? &*fleet : nullptr, error);
+        if (!is_whole) {
+            check_deadline(asked);
+        }
         add_states(to, "vindral_agents", "Agents by state, retired ones left out.", counts.agents,
                    state::silent);
         add_states(to, "vindral_tests", "Tests by state; those of silent agents are unknown.",
@@ -298,6 +302,7 @@ void add_stored(metric_text& to, const api_request& asked, api_services& with) {
             fleet->write(to);
         }
     } catch (const problem&) {
+        check_deadline(asked);
         if (with_fleet) {
             throw;
         }
@@ -312,7 +317,7 @@ api_answer metrics(const api_request& asked, api_services& with) {
     metric_text text(format);
     add_process(text, with.version);
     add_agents_side(text, with.counted);
-    add_storing(text, with.counted);
+    add_storing(text, with.counted, with.results.waiting());
     add_stored(text, asked, with);
     api_answer answer;
     answer.type = format == metric_format::open_metrics ? open_metrics_type : metric_text_type;

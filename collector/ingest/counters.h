@@ -58,13 +58,12 @@ struct counters {
     counter logins, polls, repeated_polls; /* answered as such */
     std::array<counter, static_cast<size_t>(refusal::count)> refusals;
     void refused(refusal why) { ++refusals[static_cast<size_t>(why)]; }
-    counter body_bytes;                  /* as sent */
-    counter results, undecodable;        /* records */
-    counter queued_bytes, queued_blocks; /* gauges */
-    duration_counter commits;            /* a batch, begun to committed */
-    counter stored_bytes;                /* of records */
-    counter store_failures;              /* blocks that could not be stored when they came */
-    duration_counter waited;             /* a block, from its arrival to its commit: the lag */
+    counter body_bytes;           /* as sent */
+    counter results, undecodable; /* records */
+    duration_counter commits;     /* a batch, begun to committed */
+    counter stored_bytes;         /* of records */
+    counter store_failures;       /* blocks that could not be stored when they came */
+    duration_counter waited;      /* a block, from its arrival to its commit: the lag */
     counter events;
     counter sessions; /* gauge */
     store_pulse pulse;

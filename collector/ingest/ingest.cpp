@@ -137,7 +137,6 @@ public:
             held_up(block.account, block.agent);
             done(store_result::failed);
         } else {
-            count_queue();
         }
     }
 
@@ -157,6 +156,7 @@ public:
     void retire(int64_t agent, change_done done) override {
         want({.retires = agent, .done = std::move(done)});
     }
+    queue_load waiting() override { return queue_.waiting_now(); }
 
 private:
     /* What works on the engine, of the writer thread but for what others are told they may call. */
@@ -192,6 +192,7 @@ private:
     void make_change(wanted& one);
     static void answer(const wanted& one, bool ok, const std::string& reason);
     bool retire_agent(int64_t agent);
+    void tell_of_retired(int64_t agent);
     void refuse_changes();
 
     /* Of a batch, what one transaction takes. */
@@ -221,7 +222,6 @@ private:
     void decode_slice(queued_block& b);
     bool keep_aside(queued_block& b);
     void count(const queued_block& b);
-    void count_queue();
     void tell_of(const queued_block& b);
     void tell_of(std::string_view account, std::string_view agent, const agent_work& work);
     void tell_of_all();
@@ -436,7 +436,6 @@ writer::position writer::write_run(position from, position end) {
         b->generation = engine_->generation();
         if (!b->unfinished) {
             queue_.leave(*b); /* before the answer: the agent may send its next block at once */
-            count_queue();
             b->done(b->result);
         }
     }
@@ -485,14 +484,6 @@ void writer::count(const queued_block& b) {
         all->results += b.records;
         all->undecodable += b.bad.pieces;
         all->stored_bytes += b.to - b.from;
-    }
-}
-
-void writer::count_queue() {
-    if (options_.counted != nullptr) {
-        block_queue::load now = queue_.waiting_now();
-        options_.counted->queued_blocks.set(now.blocks);
-        options_.counted->queued_bytes.set(now.bytes);
     }
 }
 
@@ -548,10 +539,25 @@ void writer::make_change(wanted& one) {
     try {
         if (ok && one.retires != 0) {
             parts_->present.forget(one.retires);
+            tell_of_retired(one.retires);
         }
     } catch (const std::exception&) { /* no memory: it may be missed once more */
     }
     answer(one, ok, reason);
+}
+
+void writer::tell_of_retired(int64_t agent) {
+    if (listener_ == nullptr) {
+        return;
+    }
+    std::string error;
+    engine_->reader().read_agent(
+        agent,
+        [&](const known_agent& row) {
+            listener_->on_retired(row.id, row.account, row.agent, row.retired);
+        },
+        error);
+    listener_->on_batch_end();
 }
 
 /* Whoever cannot be told has to give up waiting. */
@@ -836,7 +842,7 @@ void writer::tell_of_all() {
     agent_state state;
     std::string error;
     auto tell = [&](const known_agent& agent) {
-        if (listener_ != nullptr && state.unpack(agent.state)) {
+        if (listener_ != nullptr && agent.retired == 0 && state.unpack(agent.state)) {
             listener_->on_agent(agent.id, agent.account, agent.agent, state, {});
         }
     };

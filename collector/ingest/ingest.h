@@ -39,6 +39,11 @@ struct store_listener {
     }
     /* An event, as it is stored: once it is committed, ahead of on_agent() for its block. */
     virtual void on_event(const stored_event& event) { (void)event; }
+    /* An agent was retired; what is told of it after that is of its new beginning. */
+    virtual void on_retired(int64_t id, std::string_view account, std::string_view agent,
+                            int64_t time) {
+        (void)id, (void)account, (void)agent, (void)time;
+    }
     /* A batch is told of as a whole. */
     virtual void on_batch_end() {}
     /* Something the operator should see: storing fails, storing works again. The collector's other
@@ -105,6 +110,9 @@ public:
      * now on. When it polls again it is another beginning. `done` as above; false with an empty
      * reason when there is no such agent. */
     virtual void retire(int64_t agent, change_done done) = 0;
+
+    /* At this moment. Any thread. */
+    virtual queue_load waiting() = 0;
 };
 
 #endif

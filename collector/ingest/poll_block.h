@@ -2,6 +2,7 @@
 #ifndef VINDRAL_COLLECTOR_POLL_BLOCK_H
 #define VINDRAL_COLLECTOR_POLL_BLOCK_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -19,6 +20,11 @@ enum class store_result {
     stored,    /* committed and synced */
     duplicate, /* the agent's last block once more: its answer was lost; nothing was stored again */
     failed     /* not kept: the agent must send it again */
+};
+
+/* What waits to be stored, the batch that is being written included. */
+struct queue_load {
+    size_t blocks = 0, bytes = 0;
 };
 
 #endif

@@ -98,7 +98,7 @@ void block_queue::nudge() {
     wake_.notify_one();
 }
 
-block_queue::load block_queue::waiting_now() {
+queue_load block_queue::waiting_now() {
     std::lock_guard hold(mutex_);
     return {small_.count + large_.count, small_.bytes + large_.bytes};
 }

@@ -66,11 +66,7 @@ public:
     /* The next take() returns at once. Any thread. */
     void nudge();
 
-    /* What waits, the batch that is being written included. Any thread. */
-    struct load {
-        size_t blocks, bytes;
-    };
-    load waiting_now();
+    queue_load waiting_now();
 
     /* Until it is stopped, or `most` has passed. */
     void wait_for_stop(std::chrono::milliseconds most);

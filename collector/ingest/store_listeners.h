@@ -34,6 +34,12 @@ public:
             each->on_event(event);
         }
     }
+    void on_retired(int64_t id, std::string_view account, std::string_view agent,
+                    int64_t time) override {
+        for (store_listener* each : all_) {
+            each->on_retired(id, account, agent, time);
+        }
+    }
     void on_batch_end() override {
         for (store_listener* each : all_) {
             each->on_batch_end();

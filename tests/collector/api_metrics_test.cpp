@@ -164,8 +164,7 @@ TEST_F(api_metrics_test, the_collector_itself) {
     ++counted.logins;
     counted.refused(refusal::session);
     counted.refused(refusal::session);
-    counted.queued_bytes.set(17);
-    counted.queued_blocks.set(2);
+    noting->queued = {.blocks = 2, .bytes = 17};
     counted.body_bytes += 1000;
     counted.commits.add(0.003);
     counted.waited.add(0.02);
@@ -317,5 +316,25 @@ TEST_F(api_metrics_test, a_deadline_ends_what_takes_long) {
     submit(load(101, now));
     deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
     EXPECT_EQ(ask("/metrics?fleet").status, 503);
-    EXPECT_EQ(read().value("vindral_store_readable"), 0);
+    api_answer answer = ask("/metrics");
+    EXPECT_EQ(answer.status, 503) << "rather than that the store cannot be read, or nothing at all";
+    EXPECT_EQ(answer.body.find("# EOF"), std::string::npos);
+}
+
+/* Every scrape asks: a writer that does not get on tells nobody. */
+TEST_F(api_metrics_test, the_queue_as_it_is_now) {
+    EXPECT_EQ(read().value("vindral_queue_bytes"), 0);
+    std::promise<void> go_on;
+    auto held = go_on.get_future().share();
+    store->update([held](engine&) { return held.wait(), true; }, [](bool, const std::string&) {});
+    std::promise<store_result> stored_now;
+    const std::string records = load(101, now);
+    store->submit({"a@b.c", "web-1", records, now},
+                  [&](store_result r) { stored_now.set_value(r); });
+    open_metrics found = read();
+    EXPECT_EQ(found.value("vindral_queue_bytes"), static_cast<double>(records.size()));
+    EXPECT_EQ(found.value("vindral_queue_blocks"), 1);
+    go_on.set_value();
+    EXPECT_EQ(stored_now.get_future().get(), store_result::stored);
+    EXPECT_EQ(read().value("vindral_queue_blocks"), 0);
 }

@@ -42,6 +42,12 @@ struct update_test : testing::Test {
                 told.push_back("agent " + std::string(agent));
             }
         }
+        void on_retired(int64_t id, std::string_view account, std::string_view agent,
+                        int64_t time) override {
+            std::lock_guard hold(m);
+            told.push_back("retired " + std::to_string(id) + " " + std::string(account) + "/" +
+                           std::string(agent) + " " + std::to_string(time - noon));
+        }
         void on_batch_end() override {
             if (throws) {
                 throw std::bad_alloc();
@@ -219,8 +225,8 @@ TEST_F(update_test, what_is_stored_is_counted) {
     EXPECT_EQ(counted.stored_bytes.get(), two.size() + 8);
     EXPECT_EQ(counted.undecodable.get(), 1u);
     EXPECT_EQ(counted.commits.all(), 3u);
-    EXPECT_EQ(counted.queued_blocks.get(), 0u);
-    EXPECT_EQ(counted.queued_bytes.get(), 0u);
+    EXPECT_EQ(s->waiting().blocks, 0u);
+    EXPECT_EQ(s->waiting().bytes, 0u);
     EXPECT_EQ(counted.store_failures.get(), 0u);
 }
 
@@ -232,6 +238,12 @@ TEST_F(update_test, a_retired_agent_makes_no_events_and_what_it_had_is_packed) {
     EXPECT_EQ(row_of("web1").tests, 0u);
     EXPECT_TRUE(row_of("web1").open);
     EXPECT_EQ(row_of("web2").retired, 0);
+    {
+        std::lock_guard hold(told.m);
+        ASSERT_GE(told.told.size(), 2u);
+        EXPECT_EQ(told.told[told.told.size() - 2], "retired 1 a@b.c/web1 0");
+        EXPECT_EQ(told.told.back(), "end");
+    }
     pass(600);
     EXPECT_EQ(events_of(1), 1u);
     EXPECT_GT(events_of(2), 1u); /* it fell silent */

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,9 @@ public:
         }
     }
 
+    queue_load waiting() override { return queued ? *queued : to_.waiting(); }
+
+    std::optional<queue_load> queued;
     std::atomic<int> changes = 0;
     std::vector<int64_t> retired;
     std::vector<change_done> unanswered;

@@ -117,7 +117,7 @@ static known_tests read_known_tests(const std::string& directory, result_output&
     std::unique_ptr<result_reader> stored = open_stored(directory, output);
     agent_state state;
     auto add = [&](const known_agent& a) {
-        if (state.unpack(a.state)) {
+        if (a.retired == 0 && state.unpack(a.state)) {
             earlier.add(a.account, a.agent, state);
         }
     };

@@ -18,6 +18,7 @@ enum class event_kind {
     agent,   /* `text` is its state, packed: after records, or because nothing came */
     known,   /* the same from before the start */
     result,  /* `result` of an agent, from before the start */
+    retired, /* an agent: nothing of it is shown any more */
     problem, /* `text` */
     note,    /* `text` that is no problem */
     ready,   /* `text` for hosts */

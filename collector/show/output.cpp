@@ -104,6 +104,19 @@ public:
 /* Plain lines for what changes between good and bad, few enough for a journal. */
 class problem_view final : public line_view {
 public:
+    /* What was bad with an agent that is retired is news when it comes back. */
+    void take(const event& e) override {
+        if (e.kind == event_kind::retired) {
+            key first{std::string(e.account), std::string(e.agent), 0, INT32_MIN, 0};
+            auto is_its = [&](const key& test) {
+                return std::get<0>(test) == e.account && std::get<1>(test) == e.agent;
+            };
+            for (auto it = bad_.lower_bound(first); it != bad_.end() && is_its(it->first);) {
+                it = forget(it);
+            }
+        }
+    }
+
     void show_record(const event& e, std::string& out) override {
         const auto& [r, summary] = e.result;
         std::optional<int32_t> status = judge(r, summary).status;
@@ -235,6 +248,9 @@ public:
         case event_kind::result:
             table_.know(e.account, e.agent, e.received, e.result.content);
             break;
+        case event_kind::retired:
+            table_.forget(e.account, e.agent);
+            break;
         case event_kind::ready:
             table_.introduce(e.text);
             break;
@@ -360,6 +376,10 @@ public:
         add({.kind = event_kind::agent, .account = account, .agent = agent, .text = packed});
     }
 
+    void on_retired(int64_t, std::string_view account, std::string_view agent, int64_t) override {
+        add({.kind = event_kind::retired, .account = account, .agent = agent});
+    }
+
     void begin(result_reader& stored) override {
         if (!view_->keeps_state()) {
             return;
@@ -370,6 +390,9 @@ public:
         agent_state state;
         auto know_agents = [&](bool problems) {
             auto know_agent = [&](const known_agent& a) {
+                if (a.retired != 0) {
+                    return;
+                }
                 if (problems) { /* the first time */
                     wait_for_room();
                     add({.kind = event_kind::known,

@@ -67,6 +67,9 @@ bool print_missing(const std::string& directory, const std::string& plan_path,
     bool any = false, damaged = false;
     agent_state state;
     auto print = [&](const known_agent& agent) {
+        if (agent.retired != 0) {
+            return;
+        }
         any = true;
         if (!state.unpack(agent.state)) {
             damaged = true;

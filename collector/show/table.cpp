@@ -256,6 +256,10 @@ void live_table::hear(std::string_view account, std::string_view agent, int64_t 
     state_->make_room(now);
 }
 
+void live_table::forget(std::string_view account, std::string_view agent) {
+    state_->forget(account, agent);
+}
+
 void live_table::follow(const plan_summary& plan, int64_t now) {
     state_->follow(plan, now);
 }

@@ -63,6 +63,9 @@ public:
     void take(std::string_view account, std::string_view agent, int64_t now,
               const agent_state& found);
 
+    /* It is retired. */
+    void forget(std::string_view account, std::string_view agent);
+
     /* What is to come. Tests that are not in the plan vanish, and results of such are not shown; a
      * host that still sends them says so. Without a call every test is shown. */
     void follow(const plan_summary& plan, int64_t now);

@@ -237,6 +237,16 @@ void table_state::apply(host& h, int64_t now, const agent_state& found) {
     make_room(now);
 }
 
+void table_state::forget(std::string_view account, std::string_view agent) {
+    auto found = hosts.find({std::string(account), std::string(agent)});
+    if (found != hosts.end()) {
+        for (const auto& [key, r] : found->second.rows) {
+            held -= bytes_of(r);
+        }
+        erase_host(found);
+    }
+}
+
 /* Takes in a row that there is not yet. */
 void table_state::put(host& h, const test_key& key, row first) {
     if (first.kind() == row_kind::fine && held + bytes_of(first) > max_bytes / 10 * 9) {

@@ -123,6 +123,7 @@ struct table_state {
     void know(host& h, int64_t received, const record& r);
     void apply(host& h, int64_t now, const record& r);
     void apply(host& h, int64_t now, const agent_state& found);
+    void forget(std::string_view account, std::string_view agent);
     void follow(const plan_summary& wanted, int64_t now);
     void say(std::string_view text, int64_t now);
     void forget_old_messages(int64_t now);

@@ -425,6 +425,10 @@ struct bare_store : result_reader {
                         const std::function<bool(const packed_chunk&)>&, text&) override {
         return true;
     }
+    bool for_each_agent_from(std::string_view, std::string_view,
+                             const std::function<bool(const known_agent&)>&, text&) override {
+        return true;
+    }
     bool for_each_roll_up(resolution, int64_t, int64_t, int64_t,
                           const std::function<void(int64_t, std::string_view)>&, text&) override {
         return true;
@@ -547,6 +551,33 @@ TEST(table, tests_that_leave_the_plan_leave_the_screen) {
     screen.read_until("2 tests on 1 host");
     o->on_plan({.every = {}, .is_planned = true, .tests = {{type_load_average, 5}}});
     screen.read_until("1 test on 1 host");
+}
+
+struct store_with_a_retired_agent : bare_store {
+    bool for_each_agent(const std::function<void(const known_agent&)>& each, text&) override {
+        known_agent retired = known_as(1, "gone", noon, "");
+        retired.retired = noon;
+        each(retired);
+        each(known_as(2, "web1", noon, ""));
+        return true;
+    }
+};
+
+TEST(table, has_no_retired_agents) {
+    terminal screen(24, 80);
+    setenv("TERM", "xterm", 1);
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    store_with_a_retired_agent stored;
+    o->begin(stored);
+    show(*o, load_record(5, noon));
+    screen.read_until("1 test on 1 host");
+    EXPECT_EQ(screen.text.find("gone"), std::string::npos);
+    show(*o, load_record(6, noon), "web2");
+    screen.read_until("2 tests on 2 hosts");
+    o->on_retired(3, "a@b.c", "web2", noon);
+    screen.read_until("1 test on 1 host");
+    show(*o, load_record(6, noon), "web2"); /* it begins anew */
+    screen.read_until("2 tests on 2 hosts");
 }
 
 struct store_with_an_agent : bare_store {

@@ -75,6 +75,22 @@ TEST_F(report_test, older_results_do_not_count_and_say_when_they_came) {
     EXPECT_EQ(count.missing, 2u);
 }
 
+TEST_F(report_test, a_retired_agent_misses_nothing_until_it_is_back) {
+    write_text(plan_path, plan_text);
+    open();
+    submit(load_record(5, noon), noon);
+    submit(load_record(5, noon), noon, "web2");
+    std::promise<bool> retired;
+    s->retire(2, [&](bool ok, const std::string&) { retired.set_value(ok); });
+    ASSERT_TRUE(retired.get_future().get());
+    EXPECT_EQ(report({.now = noon + 1000, .older_than = 100}).find("web2"), std::string::npos);
+    EXPECT_EQ(count.silent, 1u);
+    EXPECT_EQ(count.missing, 2u);
+    submit(load_record(5, noon + 990), noon + 1000, "web2");
+    EXPECT_NE(report({.now = noon + 1000, .older_than = 100}).find("stored\ta@b.c\tweb2"),
+              std::string::npos);
+}
+
 TEST_F(report_test, a_time_far_in_the_future_is_no_age) {
     write_text(plan_path, plan_text);
     open();

@@ -20,8 +20,11 @@ constexpr size_t max_token_name = 100;
 std::string make_secret(token_kind kind, token_hash& hash);
 token_hash hash_of(std::string_view secret);
 
-/* 1 to max_token_name bytes of UTF-8 without control characters. */
+/* 1 to max_token_name bytes of UTF-8, of which people can see what they are: no control characters,
+ * none that turn the direction of a text around or cannot be seen, no blanks at the ends. */
 bool is_token_name(std::string_view name);
+/* That, behind "has to be" or the like. */
+std::string token_name_rule();
 
 /* Makes and keeps one of `what`, whose id and hash are set. The secret, or empty with one line in
  * `error`; `is_taken` when that is because there is a token of the name. */

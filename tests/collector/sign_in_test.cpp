@@ -77,12 +77,20 @@ TEST_F(sign_in_test, links_and_sessions_end_tokens_do_not) {
 TEST_F(sign_in_test, names_are_for_people) {
     for (const std::string& name :
          {std::string(), std::string(101, 'x'), std::string("a\nb"), std::string("a\x1b[0m"),
-          std::string("\xff"), std::string(1, '\0')}) {
+          std::string("\xff"), std::string(1, '\0'), std::string(" "), std::string(" a"),
+          std::string("a "), std::string("a\u00a0"), std::string("\u3000a"),
+          std::string("a\u202eb"), std::string("\u200fa"), std::string("a\u2066b\u2069"),
+          std::string("a\u061c"), std::string("a\u200bb"), std::string("\ufeffa"),
+          std::string("a\u2028b")}) {
         EXPECT_EQ(add_secret(*kept, token_kind::token, role::viewer, name, now, 0, error), "");
-        EXPECT_NE(error, "");
+        EXPECT_EQ(error,
+                  "a token's name has to be a text of 1 to 100 bytes of UTF-8, without control "
+                  "characters, without characters that cannot be seen or change the direction of "
+                  "text, and without blanks at its ends");
     }
     for (const std::string& name :
-         {std::string(100, 'x'), std::string("Grüße 日本"), std::string("-")}) {
+         {std::string(100, 'x'), std::string("Grüße 日本"), std::string("-"), std::string("سلام"),
+          std::string("a \U0001f4bb b"), std::string("می\u200cخواهم")}) {
         add(token_kind::token, role::viewer, name);
     }
     EXPECT_EQ(add_secret(*kept, token_kind::token, role::viewer, "-", now, 0, error), "");

@@ -353,6 +353,21 @@ bool agent_state::unpack(std::string_view packed) {
     return true;
 }
 
+std::optional<hour_counts> packed_counts(std::string_view packed) {
+    if (packed.empty() || packed.front() != version) {
+        return std::nullopt;
+    }
+    unpacker from(packed.substr(1));
+    from.get(); /* whether it is silent */
+    hour_counts counts;
+    counts.hour = static_cast<int64_t>(bits(0) + from.get_signed());
+    counts.received = from.get();
+    counts.repeated = from.get();
+    counts.missing = from.get();
+    bool any = counts.received + counts.repeated + counts.missing > 0;
+    return from.is_good() && any ? std::optional(counts) : std::nullopt;
+}
+
 const test_status* agent_state::find(uint32_t type, std::optional<int32_t> number) const {
     auto found = std::lower_bound(
         tests.begin(), tests.end(), number,

@@ -93,6 +93,10 @@ struct agent_state {
     state worst() const;
 };
 
+/* The `counts` of a packed state, without the rest; none where nothing was counted, or it is
+ * damaged. */
+std::optional<hour_counts> packed_counts(std::string_view packed);
+
 /* What a test looks like from outside: unknown while its agent is silent. */
 state shown_state(const agent_state& agent, const test_status& test);
 /* Since when: of a test that was ok or a problem since its agent is silent. */

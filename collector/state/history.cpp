@@ -16,6 +16,8 @@ namespace {
 constexpr int64_t day_s = 86400, hour_s = 3600, five_minutes_s = 300;
 constexpr int64_t latest = int64_t{1} << 40, earliest = -latest; /* that are looked at */
 constexpr size_t max_results = 1000000;                          /* that are held at a time */
+/* Values of these; a test makes it less. */
+size_t max_numbers = 8u << 20;
 constexpr int64_t usual_stale_after = 180;
 
 int64_t floor_to(int64_t time, int64_t step) {
@@ -129,8 +131,9 @@ class gathering {
 public:
     /* Results with from <= time < to. Beyond `most` the oldest are given up; records are for
      * showing and cost memory. */
-    gathering(int64_t from, int64_t to, size_t most, bool with_records)
-        : from_(from), to_(to), with_records_(with_records), most_(most) {}
+    gathering(int64_t from, int64_t to, size_t most, bool with_records,
+              size_t most_bytes = max_result_bytes)
+        : from_(from), to_(to), with_records_(with_records), most_bytes_(most_bytes), most_(most) {}
 
     /* `from`: only what has at least this time. */
     void add(const decoded_record& what, int64_t received, int64_t from) {
@@ -166,7 +169,7 @@ public:
     /* Nothing before this can be among the newest any more. */
     int64_t floor() const { return floor_; }
     bool gave_up() const { return gave_up_; }
-    bool is_full() const { return done_.size() >= max_results; }
+    bool is_full() const { return done_.size() >= max_results || numbers_ >= max_numbers; }
 
     /* In the order of arrival, but for what lies far apart in time. */
     std::vector<gathered> take_all() {
@@ -174,7 +177,7 @@ public:
             keep(std::move(head_));
             has_head_ = false;
         }
-        if (done_.size() > most_ || bytes_ > max_result_bytes) {
+        if (done_.size() > most_ || bytes_ > most_bytes_) {
             cut();
         }
         std::reverse(done_.begin(), done_.end());
@@ -190,12 +193,13 @@ private:
             for (const std::string& record : next.what.records) {
                 bytes_ += record.size();
             }
-            if (bytes_ > max_result_bytes) {
+            if (bytes_ > most_bytes_) {
                 next_look_ = 0;
             }
         } else {
             next.what.records = {};
             next.what.message = {};
+            numbers_ += next.what.values.size();
         }
         done_.push_back(std::move(next));
     }
@@ -211,14 +215,14 @@ private:
         order_by_time(all);
         bytes_ = 0;
         size_t kept = 0;
-        while (kept < all.size() && kept < most_ && bytes_ <= max_result_bytes) {
+        while (kept < all.size() && kept < most_ && bytes_ <= most_bytes_) {
             result& next = all[all.size() - ++kept];
             for (const std::string& record : next.records) {
                 bytes_ += record.size();
             }
             done_.push_back({std::move(next)});
         }
-        if (bytes_ > max_result_bytes && kept > 1) {
+        if (bytes_ > most_bytes_ && kept > 1) {
             for (const std::string& record : done_.back().what.records) {
                 bytes_ -= record.size();
             }
@@ -237,12 +241,13 @@ private:
 
     const int64_t from_, to_;
     const bool with_records_;
+    const size_t most_bytes_;
     size_t most_, next_look_ = most_;
     result_builder builder_{true};
     gathered head_;
     bool has_head_ = false, gave_up_ = false;
     std::vector<gathered> done_; /* in the order of arrival, from the end */
-    size_t bytes_ = 0;
+    size_t bytes_ = 0, numbers_ = 0;
     int64_t floor_ = std::numeric_limits<int64_t>::min();
 };
 
@@ -798,7 +803,7 @@ private:
 } // namespace
 
 bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, size_t most,
-                  std::vector<result>& found, std::string& error, bool* more) {
+                  std::vector<result>& found, std::string& error, bool* more, size_t most_bytes) {
     found.clear();
     error.clear();
     from = in_bounds(from);
@@ -806,7 +811,7 @@ bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, 
     test_history history(store, error);
     bool has_more = false;
     if (history.find(test) && from < to && most > 0) {
-        gathering newest(from, to, most, true);
+        gathering newest(from, to, most, true, most_bytes);
         history.gather_open(from, newest);
         history.gather_packed(from, newest, has_more);
         for (gathered& next : newest.take_all()) {

@@ -25,14 +25,15 @@
 #include <vector>
 
 /* Results of a test with from <= time < to, newest first, `most` of them at the most; fewer where
- * these have more than max_result_bytes in their records, but one at least. Each has the definition
+ * these have more than `most_bytes` in their records, but one at least. Each has the definition
  * that it was judged by, where one is known. `more`: there may be others before them. To go on, ask
  * for `to` = the last one's time + 1, because of those that have the same time. False with the
  * reason in `error` when not all could be read; `found` has the others. */
-bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, size_t most,
-                  std::vector<result>& found, std::string& error, bool* more = nullptr);
-
 constexpr size_t max_result_bytes = 64u << 20;
+
+bool read_results(result_reader& store, int64_t test, int64_t from, int64_t to, size_t most,
+                  std::vector<result>& found, std::string& error, bool* more = nullptr,
+                  size_t most_bytes = max_result_bytes);
 
 /* Columns: `time[i]` is where a point begins, each column as long as `time`. Points of 5 minutes
  * and more begin at multiples of that since the epoch and follow each other without gaps; those at

@@ -56,6 +56,11 @@ bool is_number_type(uint32_t type) {
     return (type >= 1 && type <= 6) || type == 9 || (type >= 12 && type <= 15);
 }
 
+/* Counter64, its like in an Opaque, Counter32. */
+bool is_counter_type(uint32_t type) {
+    return type == 3 || type == 4 || type == 14;
+}
+
 void add_objects(const record& r, std::vector<result_value>& values) {
     uint32_t place = 0;
     for_each_nested_while(r, [&](const record& object) {
@@ -181,6 +186,23 @@ uint32_t process_of(const decoded_record& what) {
 }
 
 } // namespace
+
+std::vector<uint32_t> counters_in(std::string_view bytes) {
+    std::vector<uint32_t> ids;
+    record r;
+    std::string reason;
+    if (!decode_record(bytes, r, reason) || summarize(r).type != protocol::snmp.code) {
+        return ids;
+    }
+    uint32_t place = 0;
+    for_each_nested_while(r, [&](const record& object) {
+        if (object.ui32.size() > object_type && is_counter_type(object.ui32[object_type])) {
+            ids.push_back(value_listed + place);
+        }
+        return ++place < max_listed;
+    });
+    return ids;
+}
 
 std::string value_name(uint32_t type, uint32_t id) {
     const protocol::record_def* schema = protocol::find_record(type);

@@ -49,6 +49,10 @@ struct result_value {
 std::string value_name(uint32_t type, uint32_t id);
 std::string_view value_unit(uint32_t type, uint32_t id);
 
+/* Ids of the values in a record that count up and begin anew now and then, as it says itself:
+ * objects of an SNMP get. Of a record that does not decode, or of another type, there are none. */
+std::vector<uint32_t> counters_in(std::string_view record);
+
 struct result {
     uint32_t type = 0;    /* of its records */
     int64_t time = 0;     /* as reckoned */

@@ -297,6 +297,23 @@ TEST(read_results, large_records_end_it_early) {
     EXPECT_EQ(store.times(load, midnight, midnight + 780, 2, &more), "720 660 ");
 }
 
+TEST(read_results, no_more_than_so_many_bytes) {
+    stored store;
+    for (int i = 0; i < 10; i++) {
+        store.append_block(midnight + 60 * i, load_of(midnight + 60 * i, i));
+    }
+    const size_t one = load_of(midnight, 0).size();
+    for (size_t most : {size_t{1}, one, 3 * one, 3 * one + one / 2, 10 * one}) {
+        std::vector<result> found;
+        std::string error;
+        bool more = false;
+        EXPECT_TRUE(read_results(store, load, midnight, INT64_MAX, 100, found, error, &more, most));
+        EXPECT_EQ(found.size(), std::max<size_t>(most / one, 1)) << most;
+        EXPECT_EQ(found.at(0).time, midnight + 540) << "the newest";
+        EXPECT_EQ(more, most < 10 * one) << most;
+    }
+}
+
 TEST(read_results, what_is_damaged) {
     stored store;
     for (int i = 0; i < 3; i++) {

@@ -7,6 +7,7 @@
 #include "api/resources.h"
 #include "api/shapes.h"
 #include "base/record_summary.h"
+#include "base/text.h"
 
 #include <tuple>
 
@@ -56,6 +57,10 @@ json::object test_object(json::object agent, const agent_state& now, const test_
     return object;
 }
 
+/* Of the results on a page: one of long messages has fewer tests, and no test makes it so large
+ * that nobody gets it. */
+constexpr size_t most_bytes = 4u << 20, bytes_of_value = 48, most_of_message = 64u << 10;
+
 /* By the agent's account and name, then type and number. */
 class test_list {
 public:
@@ -85,12 +90,21 @@ public:
         }
         json::array items;
         last_results last(store_);
-        for (const row& each : page_) {
+        size_t bytes = 0;
+        for (size_t i = 0; i < page_.size(); i++) {
             check_deadline(asked_);
-            const found& of = agents_[each.agent];
-            definition_pointer what = definitions_.of(each.test, error_);
-            items.push_back(test_object(agent_reference(of.id, of.account, of.name), of.state,
-                                        each.test, what.get(), last.of(each.test, error_)));
+            const test_status& test = page_[i].test;
+            const found& of = agents_[page_[i].agent];
+            definition_pointer what = definitions_.of(test, error_);
+            result latest = last.of(test, error_);
+            latest.message = shortened(std::move(latest.message), most_of_message);
+            bytes += latest.message.size() + latest.values.size() * bytes_of_value;
+            items.push_back(test_object(agent_reference(of.id, of.account, of.name), of.state, test,
+                                        what.get(), latest));
+            if (bytes > most_bytes && i + 1 < page_.size()) {
+                next_ = place_behind(page_[i]);
+                break;
+            }
         }
         return list_of(std::move(items), next_, ok ? error_ : error);
     }
@@ -126,10 +140,7 @@ private:
                 continue;
             }
             if (page_.size() == limit_) {
-                const test_status& last = page_.back().test;
-                const found& of = agents_.back();
-                next_ = next_text({of.account, of.name, std::to_string(last.type),
-                                   std::to_string(last.number.value_or(0))});
+                next_ = place_behind(page_.back());
                 return;
             }
             if (!is_there) {
@@ -140,6 +151,12 @@ private:
             }
             page_.push_back({agents_.size() - 1, test});
         }
+    }
+
+    std::string place_behind(const row& last) const {
+        const found& of = agents_[last.agent];
+        return next_text({of.account, of.name, std::to_string(last.test.type),
+                          std::to_string(last.test.number.value_or(0))});
     }
 
     /* To the agent of the last page's last test. */

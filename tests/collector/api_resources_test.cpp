@@ -281,6 +281,23 @@ TEST_F(api_resources_test, tests_by_agent_type_state_name_and_page) {
     }
 }
 
+TEST_F(api_resources_test, long_messages_make_short_pages_and_keep_nobody_out) {
+    std::string all;
+    for (int i = 101; i <= 180; i++) {
+        submit(load(i, noon, 1, 0, std::string(i == 101 ? 8u << 20 : 70000, '\x01')));
+        all += (i > 101 ? " " : "") + std::to_string(i);
+    }
+    const std::string first = ask("/api/v1/tests?limit=1000").body;
+    EXPECT_LT(first.size(), 32u << 20) << "what an answer may have";
+    json::value page = get("/api/v1/tests?limit=1000");
+    EXPECT_LT(page.at("items").as_array().size(), 80u);
+    EXPECT_GT(page.at("items").as_array().size(), 1u);
+    EXPECT_EQ(page.at("items").at(0).at("message").as_string(),
+              std::string(64u << 10, '\x01') + " ...");
+    EXPECT_EQ(pages("/api/v1/tests", "number", 1000), all);
+    EXPECT_EQ(get("/api/v1/tests/1").at("message").as_string().size(), 8u << 20);
+}
+
 TEST_F(api_resources_test, stale_tests_are_unknown) {
     follow({load_101, disk_401});
     submit(load(101, noon) + disk(401, noon));

@@ -24,6 +24,43 @@ api_answer answer_with(const json::value& what, int status) {
     return answer;
 }
 
+/* Each has a colon, and no other colon is outside of texts. */
+static size_t count_members(std::string_view text) {
+    size_t count = 0;
+    bool is_quoted = false, is_escaped = false;
+    for (char c : text) {
+        if (is_escaped) {
+            is_escaped = false;
+        } else if (c == '"') {
+            is_quoted = !is_quoted;
+        } else if (is_quoted) {
+            is_escaped = c == '\\';
+        } else if (c == ':') {
+            count++;
+        }
+    }
+    return count;
+}
+
+static size_t count_members(const json::value& of) {
+    size_t count = 0;
+    if (const json::object* object = of.if_object()) {
+        count = object->size();
+        for (const auto& member : *object) {
+            count += count_members(member.value());
+        }
+    } else if (const json::array* array = of.if_array()) {
+        for (const json::value& each : *array) {
+            count += count_members(each);
+        }
+    }
+    return count;
+}
+
+bool has_member_twice(std::string_view text, const json::value& read) {
+    return count_members(text) != count_members(read);
+}
+
 json::object read_object(std::string_view body) {
     if (body.empty()) {
         throw_no_json(body, 0, "it is empty");
@@ -44,6 +81,9 @@ json::object read_object(std::string_view body) {
     json::value value = parser.release();
     if (!value.is_object()) {
         throw_no_json(body, 0, "it is something else");
+    }
+    if (has_member_twice(body, value)) {
+        throw_no_json(body, 0, "a member is there twice");
     }
     return std::move(value.get_object());
 }

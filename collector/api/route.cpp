@@ -234,8 +234,9 @@ api_answer answer_checked(std::string_view method, std::string_view target, api_
         throw_bad_request("There is a body, and " + std::string(method) + " " + std::string(path) +
                           " takes none.");
     }
+    /* The web server answers these itself, but where their path is written in another way. */
     if (found->handler == nullptr) {
-        throw problem{501, "Not here", "This is answered by the web server itself."};
+        throw_no_route(method, path, "");
     }
     api_answer answer = found->handler(asked, with);
     answer.audit = printable(answer.audit);
@@ -267,12 +268,13 @@ const route* find_route(std::string_view method, std::string_view path,
         if (!fits(each.pattern, decoded, names)) {
             continue;
         }
-        if (each.method == method || (each.method == "GET" && method == "HEAD")) {
+        const bool has_head = each.method == "GET" && !each.is_stream;
+        if (each.method == method || (has_head && method == "HEAD")) {
             in_path = std::move(names);
             return &each;
         }
         allowed.append(allowed.empty() ? "" : ", ").append(each.method);
-        allowed.append(each.method == "GET" ? ", HEAD" : "");
+        allowed.append(has_head ? ", HEAD" : "");
     }
     return nullptr;
 }

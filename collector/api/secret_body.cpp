@@ -1,5 +1,7 @@
 #include "api/secret_body.h"
 
+#include "api/answer.h"
+
 #include <boost/json/parse.hpp>
 #include <new>
 
@@ -13,7 +15,7 @@ std::optional<secret_body> read_secret_body(std::string_view json) {
     boost::system::error_code failed;
     boost::json::value read = boost::json::parse({json.data(), json.size()}, failed, {}, strict);
     const boost::json::object* object = failed ? nullptr : read.if_object();
-    if (!object || object->size() != 1) {
+    if (!object || object->size() != 1 || has_member_twice(json, read)) {
         return {};
     }
     const auto& [name, value] = *object->begin();

@@ -158,6 +158,8 @@ TEST_F(api_route_test, rows_by_path) {
     EXPECT_EQ(find_route("HEAD", "/api/v1/agents/x", in_path, allowed), row);
     EXPECT_EQ(find_route("PUT", "/api/v1/agents/x", in_path, allowed), nullptr);
     EXPECT_EQ(allowed, "DELETE, GET, HEAD");
+    EXPECT_EQ(find_route("HEAD", "/api/v1/stream", in_path, allowed), nullptr);
+    EXPECT_EQ(allowed, "GET") << "a stream has no end to leave out";
     for (const char* path :
          {"", "/", "api/v1/agents", "/api/v1/agents/", "/api/v1//agents", "/api/v1/agents/x/y",
           "/api/v1/tests/1/results/", "/api/v1/agents/%", "/API/v1/agents", "/healthz/", "*"}) {
@@ -203,6 +205,21 @@ TEST_F(api_route_test, refusals) {
         "problem, unknown, stale, silent.");
     EXPECT_EQ(refused("/api/v1/agents", 400, "GET", "x"),
               "There is a body, and GET /api/v1/agents takes none.");
+    for (const char* path : {"/sign%2Din", "/sign%2dout"}) {
+        EXPECT_EQ(ask(path, "POST").status, 404) << path;
+    }
+    EXPECT_EQ(ask("/api/v1/%73tream").status, 404);
+    EXPECT_EQ(refused("/api/v1/tokens", 400, "POST",
+                      R"({"name":"a","role":"viewer","role":"admin"})", role::admin),
+              "The body is no JSON object: a member is there twice.");
+    for (const char* body : {R"({"name":"a","nam\u0065":"b","role":"viewer"})",
+                             R"({"name":"a","x":[{"y":1,"y":2}]})"}) {
+        EXPECT_EQ(refused("/api/v1/tokens", 400, "POST", body, role::admin),
+                  "The body is no JSON object: a member is there twice.");
+    }
+    EXPECT_EQ(
+        ask("/api/v1/tokens", "POST", R"({"name":"a:\"b\\","role":"viewer"})", role::admin).status,
+        201);
     EXPECT_EQ(ask("/api/v1/agents?&&limit=2&").status, 200);
     EXPECT_EQ(ask("/api/v1/agents?state=ok%2Cproblem").status, 200);
     EXPECT_EQ(ask("/api/v1/agents", "HEAD").status, 200);

@@ -10,7 +10,8 @@
 #include <mutex>
 #include <unordered_map>
 
-/* Who: a token or session by its id, or an address by a key as admission.h has it. */
+/* Who: a token by its id, with the sessions begun with it, or an address by a key as admission.h
+ * has it. */
 struct caller_key {
     bool is_token = false;
     uint64_t number = 0;

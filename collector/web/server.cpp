@@ -63,8 +63,10 @@ bool web_server::state::is_loopback(const std::string& address) {
     return !failed && read.is_loopback();
 }
 
-/* On loopback all have one address. */
+/* On loopback all have one address. Streams make room for nobody, so some places are not theirs. */
 const web_options& web_server::state::with_limits(web_options& options, bool on_loopback) {
+    const size_t places = options.limits.connections;
+    options.limits.streams = std::min(options.limits.streams, places - (places + 7) / 8);
     if (on_loopback) {
         options.limits.connections_of_one = options.limits.connections;
     }

@@ -281,7 +281,8 @@ TEST_F(web_server_test, guessing_is_slow_and_bodies_have_a_form) {
     start();
     web_client c(port());
     for (const char* body : {"{}", "[]", "", "{\"token\":1}", "{\"token\":\"a\",\"link\":\"b\"}",
-                             "{\"other\":\"a\"}", "{\"token\":\"a\"", "[[[[[[[["}) {
+                             "{\"token\":\"a\",\"token\":\"b\"}", "{\"other\":\"a\"}",
+                             "{\"token\":\"a\"", "[[[[[[[["}) {
         EXPECT_EQ(c.ask("POST", "/sign-in", "", body).status, 400) << body;
     }
     for (int i = 0; i < 5; i++) {
@@ -505,6 +506,33 @@ TEST_F(web_server_test, too_many_requests) {
     EXPECT_EQ(c.get("/etag").status, 429);
     for (int i = 0; i < 20; i++) {
         EXPECT_EQ(c.get("/healthz").status, 200) << "it is there, whoever asks for much";
+    }
+}
+
+TEST_F(web_server_test, a_session_takes_from_its_token) {
+    start();
+    web_client c(port());
+    std::vector<std::string> cookies;
+    for (int i = 0; i < 2; i++) {
+        web_reply r = c.ask("POST", "/sign-in", "", "{\"token\":\"" + token + "\"}");
+        const std::string cookie = r.value("Set-Cookie");
+        cookies.push_back("Cookie: " + cookie.substr(0, cookie.find(';')) + "\r\n");
+    }
+    known_callers callers(*kept);
+    const int64_t holder = callers.find(token, now).holder;
+    EXPECT_NE(holder, 0);
+    for (const std::string& each : cookies) {
+        const std::string secret = each.substr(19, each.size() - 21);
+        EXPECT_EQ(callers.find(secret, now).holder, holder);
+        EXPECT_NE(callers.find(secret, now).token, holder);
+    }
+    options.limits.requests_a_minute = 1;
+    server = nullptr;
+    start();
+    web_client again(port());
+    EXPECT_TRUE(eventually([&] { return again.get("/echo", bearer()).status == 429; }));
+    for (const std::string& each : cookies) {
+        EXPECT_EQ(again.get("/echo", each).status, 429);
     }
 }
 

@@ -182,6 +182,21 @@ TEST_F(web_streams, so_many_of_one_and_no_more) {
     }));
 }
 
+/* They make room for nobody: with all places theirs nobody could ask anything. */
+TEST_F(web_streams, leave_places_to_others) {
+    options.limits.connections = 16;
+    start();
+    std::vector<std::unique_ptr<web_client>> all;
+    for (int i = 0; i < 14; i++) {
+        all.push_back(std::make_unique<web_client>(port()));
+        EXPECT_EQ(open(*all.back()).status, 200);
+    }
+    web_client more(port()), other(port());
+    more.send(web_client::text("GET", "/api/v1/stream", bearer()));
+    EXPECT_EQ(more.reply().status, 503);
+    EXPECT_EQ(other.get("/echo", bearer()).status, 200);
+}
+
 TEST_F(web_streams, who_says_too_much_is_ended) {
     start();
     web_client c(port());

@@ -19,6 +19,7 @@ static constexpr size_t rate = 64u
                                << 10;  /* bytes a second that a reader of an answer has to take */
 static constexpr size_t little = 1024; /* bytes, that each connection may have */
 static constexpr int full_stream_pause_s = 5;
+static constexpr size_t woken_at_once = 64;
 static constexpr size_t most_said = 64u << 10; /* bytes, by who listens to a stream */
 
 /* ---- what all share ---- */
@@ -97,9 +98,26 @@ void visit_room::leave(visit& v, int64_t holder) {
 
 /* Many listeners are woken less often: what came meanwhile goes in one piece. */
 void visit_room::wave() {
-    next_wave_ = visit::clock::now() + 20ms + 50us * streams_.size();
-    for (visit* v : streams_) {
-        v->wake();
+    next_wave_ = visit::clock::now() + 20ms + 200us * streams_.size();
+    const bool is_rolling = to_wake_ > 0;
+    to_wake_ = streams_.size();
+    if (!is_rolling) {
+        roll_on();
+    }
+}
+
+/* Some of them: whoever asks something comes in between. Those who were woken go to the end; when
+ * some have left meanwhile others are woken twice, which does no harm. */
+void visit_room::roll_on() {
+    for (size_t i = 0; i < woken_at_once && to_wake_ > 0 && !streams_.empty(); i++) {
+        visit* first = streams_.front();
+        streams_.splice(streams_.end(), streams_, streams_.begin());
+        to_wake_--;
+        first->wake();
+    }
+    to_wake_ = stopping || streams_.empty() ? 0 : to_wake_;
+    if (to_wake_ > 0) {
+        post_surely(context, [this] { roll_on(); });
     }
 }
 

@@ -136,9 +136,11 @@ private:
     struct bell;
     void on_bell();
     void wave();
+    void roll_on();
 
     std::list<visit*> streams_;
     std::unordered_map<int64_t, size_t> streams_of_; /* by holder */
+    size_t to_wake_ = 0;                             /* in the wave that rolls */
     std::shared_ptr<bell> bell_;
     uint64_t subscriber_ = 0;
     bool pausing_ = false;

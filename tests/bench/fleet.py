@@ -329,7 +329,7 @@ class Polled:
 def make_token(home, name):
     return subprocess.run([os.path.join(whole.BUILD, "vindral-collector"), "token", "add", name, "--role", "viewer",
                            "--state-dir", os.path.join(home, "state")], check=True, stdout=subprocess.PIPE,
-                          encoding="ascii").stdout.split()[-1]
+                          stderr=subprocess.DEVNULL, encoding="ascii").stdout.split()[-1]
 
 
 def api(options, home):

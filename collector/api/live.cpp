@@ -393,6 +393,20 @@ void live_messages::on_agent(int64_t id, std::string_view account, std::string_v
     s.put(std::move(told));
 }
 
+/* As it is read by its id from now on. */
+void live_messages::on_retired(int64_t id, std::string_view account, std::string_view agent,
+                               int64_t time) {
+    if (!state_->begin()) {
+        return;
+    }
+    json::object object = agent_reference(id, account, agent);
+    object.emplace("state", shown_word(::state::unknown));
+    object.emplace("since", nullptr);
+    object.emplace("tests", json_counts({}));
+    object.emplace("retired", json_time(time));
+    state_->hub.publish(hub_kind::agent, id, 0, json_text(object));
+}
+
 /* To the end also when memory is short: what the reader sees must not be held for long. */
 void live_messages::on_batch_end() {
     state& s = *state_;
@@ -429,7 +443,7 @@ hub_filter stream_filter(std::string_view target, api_request& asked, api_servic
     }
     which.test = number_or(asked, "test", 0);
     if (asked.parameter("agent") != nullptr || which.test != 0) {
-        reader_pool::lent store = with.stored.lend();
+        reader_pool::lent store = with.stored.lend(asked.deadline);
         which.agent = agent_asked_for(*store, asked);
         if (which.test != 0) {
             find_test(*store, which.test);

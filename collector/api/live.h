@@ -35,6 +35,8 @@ public:
     void on_agent(int64_t id, std::string_view account, std::string_view agent,
                   const agent_state& now, std::span<const change> changes) override;
     void on_event(const stored_event& event) override;
+    void on_retired(int64_t id, std::string_view account, std::string_view agent,
+                    int64_t time) override;
     void on_batch_end() override;
 
 private:

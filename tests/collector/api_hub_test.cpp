@@ -284,6 +284,30 @@ TEST_F(live_test, results_events_and_the_agent) {
     EXPECT_EQ(all[2].second.at("message"), "bad\xef\xbf\xbd\n");
 }
 
+TEST_F(live_test, an_agent_is_retired) {
+    publish(load_record(5, api_noon));
+    uint64_t before = hub.newest();
+    retire_stored(*with, 1);
+    ASSERT_TRUE(eventually([&] { return hub.newest() > before; }));
+    std::vector<hub_message> found;
+    bool lost = false;
+    hub.read(before, {.kinds = static_cast<uint8_t>(hub_kind::agent), .agent = 1}, SIZE_MAX, found,
+             lost);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_FALSE(lost);
+    boost::json::value told = boost::json::parse(*found[0].json);
+    EXPECT_EQ(misfit(told, "live_agent"), "");
+    EXPECT_EQ(json_text(told), "{\"id\":1,\"account\":\"a@b.c\",\"name\":\"web-1\",\"state\":"
+                               "\"unknown\",\"since\":null,\"tests\":{\"ok\":0,\"problem\":0,"
+                               "\"unknown\":0},\"retired\":\"2026-05-01T12:00:00Z\"}");
+    /* Who watches only this agent is not told of what others do. */
+    position = before = hub.newest();
+    publish(load_record(5, api_noon), "web-2");
+    hub.read(before, {.agent = 1}, SIZE_MAX, found, lost);
+    EXPECT_TRUE(found.empty());
+    EXPECT_EQ(before, hub.newest()) << "nothing is left to look at";
+}
+
 TEST_F(live_test, nothing_while_nobody_listens) {
     publish(load_record(5, api_noon));
     hub.unsubscribe(id);

@@ -48,7 +48,7 @@ json::object agent_object(const known_agent& row, const agent_state& now) {
 
 /* By account and name, from behind `next`. */
 api_answer list_agents(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     std::optional<std::vector<std::string>> behind = place_of(asked, 2);
     const chosen states(asked, "state");
     const std::string q = text_of(asked, "q");
@@ -58,31 +58,34 @@ api_answer list_agents(const api_request& asked, api_services& with) {
     std::string last_account, last_name, next, error, damaged;
     auto take = [&](const known_agent& row) {
         check_deadline(asked);
-        if (row.retired != 0 || !next.empty() ||
-            (behind &&
-             std::pair<std::string_view, std::string_view>(row.account, row.agent) <=
-                 std::pair<std::string_view, std::string_view>((*behind)[0], (*behind)[1])) ||
+        if (row.retired != 0 ||
+            (behind && row.account == (*behind)[0] && row.agent == (*behind)[1]) ||
             !(has_text(row.account, q) || has_text(row.agent, q))) {
-            return;
+            return true;
         }
         if (!now.unpack(row.state) && damaged.empty()) {
             damaged = "the state of " + std::string(row.account) + "/" + std::string(row.agent) +
                       " is damaged";
         }
         if (states.is_given() && !has_state(states, now.worst())) {
-            return;
+            return true;
         }
         if (items.size() == limit) {
             next = next_text({last_account, last_name});
-            return;
+            return false;
         }
         items.push_back(agent_object(row, now));
         last_account = row.account;
         last_name = row.agent;
+        return true;
     };
-    bool ok = store->for_each_agent(take, error);
-    return answer_with(list_of(std::move(items), next, ok ? damaged : error));
+    bool ok = store->for_each_agent_from(behind ? (*behind)[0] : "", behind ? (*behind)[1] : "",
+                                         take, error);
+    return answer_with(list_of(asked, std::move(items), next, ok ? damaged : error));
 }
+
+/* Of an inventory in an answer; an agent may send millions of items. */
+constexpr size_t most_inventory = 1u << 20, most_item = 4096;
 
 /* What the agent has found on its host, as it was last. */
 json::object inventories_of(result_reader& store, int64_t agent) {
@@ -97,14 +100,25 @@ json::object inventories_of(result_reader& store, int64_t agent) {
             [&](const stored_inventory& found) {
                 record r;
                 std::string reason;
+                json::object one{{"time", time_text(found.time)}};
                 json::array items;
+                size_t bytes = 0, left_out = 0;
                 if (decode_record(found.record, r, reason)) {
                     for (std::string_view item : items_of(r)) {
-                        items.push_back(json::value(item));
+                        json::value text(item.substr(0, most_item));
+                        bytes += weight_of(text);
+                        if (bytes <= most_inventory) {
+                            items.push_back(std::move(text));
+                        } else {
+                            left_out++;
+                        }
                     }
                 }
-                all.emplace(type->name, json::object{{"time", time_text(found.time)},
-                                                     {"items", std::move(items)}});
+                one.emplace("items", std::move(items));
+                if (left_out > 0) {
+                    one.emplace("left_out", left_out);
+                }
+                all.emplace(type->name, std::move(one));
             },
             ignored);
     }
@@ -112,7 +126,7 @@ json::object inventories_of(result_reader& store, int64_t agent) {
 }
 
 api_answer one_agent(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     const int64_t id = find_agent(*store, asked.in_path[0]).id;
     json::object object;
     agent_state now;
@@ -133,7 +147,7 @@ std::string called(const found_agent& agent) {
 }
 
 found_agent find_present(const api_request& asked, api_services& with) {
-    found_agent agent = find_agent(*with.stored.lend(), asked.in_path[0]);
+    found_agent agent = find_agent(*with.stored.lend(asked.deadline), asked.in_path[0]);
     if (agent.retired != 0) {
         throw problem{409, "Conflict",
                       called(agent) + " was retired at " + time_text(agent.retired) +

@@ -83,7 +83,7 @@ public:
             return true;
         };
         bool ok = is_empty_ || store_.for_each_event(which_, take, error);
-        return list_of(std::move(items), next, ok ? error_ : error);
+        return list_of(asked_, std::move(items), next, ok ? error_ : error);
     }
 
 private:
@@ -147,7 +147,7 @@ private:
 };
 
 api_answer list_events(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     return answer_with(event_list(*store, asked).read());
 }
 

@@ -110,7 +110,35 @@ void append(std::string& to, const json::value& what) {
     }
 }
 
+size_t weight_of_string(std::string_view text) {
+    size_t weight = text.size() + 2;
+    bool is_ascii = true;
+    for (char each : text) {
+        auto c = static_cast<unsigned char>(each);
+        weight += c < 0x20 || c == 0x7f || c == 0xc2 ? 5 : c == '"' || c == '\\' ? 1 : 0;
+        is_ascii = is_ascii && c < 0x80;
+    }
+    return is_ascii || valid_utf8(text) == text ? weight : weight + 2 * text.size();
+}
+
 } // namespace
+
+size_t weight_of(const json::value& what) {
+    constexpr size_t usual = 8; /* numbers and the like, and what stands between */
+    size_t weight = usual;
+    if (const json::string* text = what.if_string()) {
+        weight += weight_of_string(*text);
+    } else if (const json::array* items = what.if_array()) {
+        for (const json::value& each : *items) {
+            weight += weight_of(each);
+        }
+    } else if (const json::object* members = what.if_object()) {
+        for (const json::key_value_pair& each : *members) {
+            weight += weight_of_string(each.key()) + weight_of(each.value());
+        }
+    }
+    return weight;
+}
 
 std::string json_text(const json::value& what) {
     std::string text;

@@ -13,6 +13,9 @@
  * that JSON would let pass and a terminal obey. */
 std::string json_text(const boost::json::value& what);
 
+/* About how many bytes that text has, and never far fewer: for what an answer has room for. */
+size_t weight_of(const boost::json::value& what);
+
 /* Null for 0. */
 boost::json::value json_time(int64_t seconds);
 /* Null for an empty one. */

@@ -32,12 +32,11 @@ std::map<hour_key, hour_counts> read_counted(result_reader& store, const api_req
                                              int64_t agent, int64_t from, int64_t to,
                                              std::string& error) {
     std::map<hour_key, hour_counts> counted;
-    agent_state now;
     auto take = [&](const known_agent& row) {
         check_deadline(asked);
-        if (now.unpack(row.state) && now.counts.hour >= from && now.counts.hour < to &&
-            now.counts.received + now.counts.repeated + now.counts.missing > 0) {
-            counted.emplace(hour_key(now.counts.hour, row.id), now.counts);
+        std::optional<hour_counts> counts = packed_counts(row.state);
+        if (counts && counts->hour >= from && counts->hour < to) {
+            counted.emplace(hour_key(counts->hour, row.id), *counts);
         }
     };
     if (agent != 0) {
@@ -90,7 +89,7 @@ public:
         if (next_.empty()) {
             add_counted_before({INT64_MAX, INT64_MAX});
         }
-        return list_of(std::move(items_), next_, error.empty() ? reason : error);
+        return list_of(asked_, std::move(items_), next_, error.empty() ? reason : error);
     }
 
 private:
@@ -140,7 +139,7 @@ private:
 };
 
 api_answer list_ledger(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     return answer_with(ledger_list(*store, asked, with.now()).read());
 }
 

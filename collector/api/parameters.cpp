@@ -97,7 +97,11 @@ int64_t number_in(const std::string& field) {
     return *number;
 }
 
-json::object list_of(json::array items, const std::string& next, const std::string& error) {
+json::object list_of(const api_request& asked, json::array items, const std::string& next,
+                     const std::string& error) {
+    if (!error.empty()) {
+        check_deadline(asked);
+    }
     if (!error.empty() && items.empty()) {
         throw_unavailable("What is stored cannot be read: " + error + ".");
     }

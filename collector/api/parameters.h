@@ -17,6 +17,8 @@
 /* ---- of lists ---- */
 
 constexpr int64_t usual_limit = 100, max_limit = 1000;
+/* An answer ends before the item that would make it larger, unless that is the first. */
+constexpr size_t most_list_bytes = 4u << 20;
 inline constexpr parameter_def limit_parameter = {
     .name = "limit",
     .kind = parameter_kind::number,
@@ -74,9 +76,9 @@ std::optional<std::vector<std::string>> place_of(const api_request& asked, size_
 int64_t number_in(const std::string& field);
 
 /* A list as it is answered. `error`: why not all of it could be read; "" when it could. Throws 503
- * when there is nothing but that. */
-boost::json::object list_of(boost::json::array items, const std::string& next,
-                            const std::string& error);
+ * when there is nothing but that, or when the time was up. */
+boost::json::object list_of(const api_request& asked, boost::json::array items,
+                            const std::string& next, const std::string& error);
 
 /* Throws 503 when the request has taken too long. */
 void check_deadline(const api_request& asked);

@@ -21,9 +21,6 @@ const parameter_def list_parameters[] = {
     limit_parameter,
     next_parameter};
 
-/* Records in an answer; beyond it there are fewer results than asked for, but one at least. */
-constexpr size_t most_bytes = 4u << 20;
-
 /* By what a result is known among those of its time. */
 std::string mark_of(const result& r) {
     running_hash hash;
@@ -33,10 +30,22 @@ std::string mark_of(const result& r) {
     return hex(view_of(hash.finish()).substr(0, 8)) + "." + std::to_string(r.received);
 }
 
-/* How many of the place's time came before it; the number is anybody's. */
-int64_t same_before(const std::vector<std::string>& place) {
-    return std::clamp<int64_t>(number_in(place[2]), 0, 100000);
-}
+/* How many of the place's time came before it, and what is in their records; the numbers are
+ * anybody's. */
+struct passed_already {
+    int64_t results = 0, bytes = 0;
+
+    passed_already() = default;
+    explicit passed_already(const std::vector<std::string>& place)
+        : results(std::clamp<int64_t>(number_in(place[2]), 0, 100000)),
+          bytes(std::clamp<int64_t>(number_in(place[3]), 0, max_result_bytes)) {}
+    void add(const result& r) {
+        results++;
+        for (const std::string& record : r.records) {
+            bytes += static_cast<int64_t>(record.size());
+        }
+    }
+};
 
 struct results_page {
     std::vector<result> found;
@@ -61,26 +70,38 @@ results_page read_page(result_reader& store, int64_t test, int64_t from, int64_t
                        const std::optional<std::vector<std::string>>& behind, std::string& error) {
     results_page page;
     if (!behind) {
-        read_results(store, test, from, to, limit + 1, page.found, error, &page.more);
+        read_results(store, test, from, to, limit + 1, page.found, error, &page.more,
+                     most_list_bytes);
         return page;
     }
     int64_t time = number_in((*behind)[0]);
     if (time >= to || time < from) {
         throw_bad_request("`next` goes on outside of the time asked for: ask for the same one.");
     }
-    size_t most = limit + 1 + static_cast<size_t>(same_before(*behind));
-    read_results(store, test, from, time + 1, most, page.found, error, &page.more);
-    if (!skip_to(page.found, time, (*behind)[1])) {
-        read_results(store, test, from, time, limit + 1, page.found, error, &page.more);
+    const passed_already passed(*behind);
+    const size_t most = limit + 1 + static_cast<size_t>(passed.results);
+    /* With room for one that is large, when the first behind the place is. */
+    for (size_t bytes :
+         {most_list_bytes + static_cast<size_t>(passed.bytes), 2 * max_result_bytes}) {
+        read_results(store, test, from, time + 1, most, page.found, error, &page.more, bytes);
+        bool is_there = skip_to(page.found, time, (*behind)[1]);
+        if (is_there && (!page.found.empty() || !page.more)) {
+            return page;
+        }
+        if (!page.more) {
+            break;
+        }
     }
+    read_results(store, test, from, time, limit + 1, page.found, error, &page.more,
+                 most_list_bytes);
     return page;
 }
 
 api_answer list_results(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     const int64_t test = find_test(*store, id_in_path(asked, "test")).id;
     const size_t limit = limit_of(asked);
-    const auto behind = place_of(asked, 3);
+    const auto behind = place_of(asked, 4);
     std::string error, next;
     results_page page = read_page(
         *store, test, time_of(asked, "from").value_or(std::numeric_limits<int64_t>::min()),
@@ -91,28 +112,33 @@ api_answer list_results(const api_request& asked, api_services& with) {
     const result* last = nullptr;
     for (const result& each : page.found) {
         check_deadline(asked);
-        for (const std::string& record : each.records) {
-            bytes += record.size();
-        }
-        if (items.size() == limit || (bytes > most_bytes && last != nullptr)) {
+        if (items.size() == limit) {
             is_all = false;
             break;
         }
-        items.push_back(json_result(each));
+        json::object item = json_result(each);
+        bytes += weight_of(item);
+        if (bytes > most_list_bytes && last != nullptr) {
+            is_all = false;
+            break;
+        }
+        items.push_back(std::move(item));
         last = &each;
     }
     if (last != nullptr && (!is_all || page.more)) {
-        /* How many of its time were in this answer and those before it. */
-        int64_t same = 0;
-        for (const result& each : page.found) {
-            same += each.time == last->time ? 1 : 0;
-        }
+        passed_already passed;
         if (behind && number_in((*behind)[0]) == last->time) {
-            same += same_before(*behind);
+            passed = passed_already(*behind);
         }
-        next = next_text({std::to_string(last->time), mark_of(*last), std::to_string(same)});
+        for (const result* each = page.found.data(); each <= last; each++) {
+            if (each->time == last->time) {
+                passed.add(*each);
+            }
+        }
+        next = next_text({std::to_string(last->time), mark_of(*last),
+                          std::to_string(passed.results), std::to_string(passed.bytes)});
     }
-    return answer_with(list_of(std::move(items), next, error));
+    return answer_with(list_of(asked, std::move(items), next, error));
 }
 
 const route rows[] = {

@@ -68,7 +68,9 @@ const schema_def schemas[] = {
     {"inventories", R"json(
 {"type":"object","additionalProperties":{"type":"object","required":["time","items"],
 "properties":{"time":{"type":"string","format":"date-time"},"items":{"type":"array",
-"items":{"type":"string"}}},"additionalProperties":false}})json"},
+"items":{"type":"string"}},"left_out":{"type":"integer","minimum":1,
+"description":"How many more there were than an answer has room for."}},
+"additionalProperties":false}})json"},
     {"ledger", R"json(
 {"type":"object","required":["items","next"],"properties":{"items":{"type":"array",
 "items":{"$ref":"#/components/schemas/ledger_hour"}},"next":{"type":["string","null"],
@@ -88,7 +90,8 @@ const schema_def schemas[] = {
 "name":{"type":"string"},"state":{"enum":["ok","problem","unknown","silent"],
 "description":"The worst of its tests, or silent."},"since":{"type":["string","null"],
 "format":"date-time"},"tests":{"$ref":"#/components/schemas/counts"},"stale":{"const":true,
-"description":"Unknown because nothing has come for too long."}},
+"description":"Unknown because nothing has come for too long."},"retired":{"type":"string",
+"format":"date-time","description":"It was retired, at that time."}},
 "additionalProperties":false})json"},
     {"live_result", R"json(
 {"type":"object","description":"A result as the stream has it: without its parts.",
@@ -129,7 +132,8 @@ const schema_def schemas[] = {
 "received":{"type":"string","format":"date-time"},"state":{"enum":["ok","problem",
 "unknown"]},"status":{"type":["string","null"]},"message":{"type":"string"},
 "values":{"$ref":"#/components/schemas/values"},"location":{"type":["integer","null"]},
-"parts":{"type":"array","items":{"$ref":"#/components/schemas/part"}}},
+"parts":{"type":"array","items":{"$ref":"#/components/schemas/part"}},
+"parts_left_out":{"const":true,"description":"There were more than an answer has room for."}},
 "additionalProperties":false})json"},
     {"results", R"json(
 {"type":"object","required":["items","next"],"properties":{"items":{"type":"array",

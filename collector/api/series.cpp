@@ -10,12 +10,15 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
+#include <set>
 
 namespace json = boost::json;
 
 namespace {
 
 constexpr int64_t usual_span_s = 86400, usual_points = 400;
+constexpr size_t most_cells = 500000; /* points times values */
 
 const parameter_def series_parameters[] = {
     {.name = "from",
@@ -33,8 +36,9 @@ const parameter_def series_parameters[] = {
      .most = max_points},
     {.name = "rate",
      .kind = parameter_kind::flag,
-     .text = "Of values that count up, such as an SNMP counter: how much a second, null where they "
-             "fell."}};
+     .text = "Of counters how much they rose a second, null where they fell: of SNMP objects of a "
+             "counter's type, and of all values of MySQL tests, which do not say what they are. "
+             "Others are left as they are."}};
 
 template <typename T>
 json::array column_of(const std::vector<T>& values) {
@@ -65,12 +69,44 @@ std::vector<double> rates_of(const series& all, const series::column& column) {
     return rates;
 }
 
-json::object values_of(const series& all, uint32_t type, bool as_rates) {
+/* Which values count up. An SNMP query that failed says nothing of its objects: so several of the
+ * newest results are asked, whatever the time of the series. */
+class counting_values {
+public:
+    counting_values(result_reader& store, const known_test_row& test) : type_(test.type) {
+        if (type_ != protocol::snmp.code) {
+            return;
+        }
+        constexpr size_t most = 20, most_bytes = 1u << 20;
+        std::vector<result> newest;
+        std::string ignored;
+        read_results(store, test.id, std::numeric_limits<int64_t>::min(),
+                     std::numeric_limits<int64_t>::max(), most, newest, ignored, nullptr,
+                     most_bytes);
+        for (const result& each : newest) {
+            for (const std::string& record : each.records) {
+                std::vector<uint32_t> some = counters_in(record);
+                ids_.insert(some.begin(), some.end());
+            }
+        }
+    }
+
+    bool has(uint32_t id) const {
+        return ids_.contains(id) || (type_ == protocol::mysql.code && id >= value_listed);
+    }
+
+private:
+    const uint32_t type_;
+    std::set<uint32_t> ids_;
+};
+
+/* `rates_for`: null where none are asked for. */
+json::object values_of(const series& all, uint32_t type, const counting_values* rates_for) {
     json::object values;
     for (const series::column& column : all.values) {
         std::string unit(value_unit(type, column.id));
         json::object& one = values[value_name(type, column.id)].emplace_object();
-        if (as_rates) {
+        if (rates_for != nullptr && rates_for->has(column.id)) {
             json::array rates = column_of(rates_of(all, column));
             one = {{"unit", unit + "/s"}, {"min", rates}, {"mean", rates}, {"max", rates}};
         } else {
@@ -107,6 +143,21 @@ void cut_off(series& all, int64_t now) {
     }
 }
 
+/* A test may have hundreds of values: then there are fewer points, so that an answer stays below
+ * what one may have. */
+bool read_fitting(result_reader& store, const known_test_row& test, int64_t from, int64_t to,
+                  size_t points, series& all, std::string& error) {
+    constexpr size_t most_values = max_listed + 16, few = most_cells / most_values;
+    const bool has_list = test.type == protocol::snmp.code || test.type == protocol::mysql.code;
+    const size_t first = has_list ? std::min(points, few) : points;
+    bool ok = read_series(store, test.id, from, to, first, all, error);
+    const size_t fitting = std::min(points, most_cells / std::max<size_t>(all.values.size(), 1));
+    if (ok && fitting > first) {
+        ok = read_series(store, test.id, from, to, fitting, all, error);
+    }
+    return ok;
+}
+
 json::array definitions_of(const series& all) {
     json::array definitions;
     for (const definition_pointer& each : all.definitions) {
@@ -124,14 +175,21 @@ api_answer one_series(const api_request& asked, api_services& with) {
         throw_bad_request("`from` (" + time_text(from) + ") does not lie before `to` (" +
                           time_text(to) + ").");
     }
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     const known_test_row test = find_test(*store, id_in_path(asked, "test"));
     series all;
     std::string error;
     bool ok =
-        read_series(*store, test.id, from, to,
-                    static_cast<size_t>(number_or(asked, "points", usual_points)), all, error);
+        read_fitting(*store, test, from, to,
+                     static_cast<size_t>(number_or(asked, "points", usual_points)), all, error);
+    if (!ok) {
+        check_deadline(asked);
+    }
     cut_off(all, now);
+    std::optional<counting_values> rates_for;
+    if (is_set(asked, "rate")) {
+        rates_for.emplace(*store, test);
+    }
     json::array time;
     time.reserve(all.time.size());
     for (int64_t each : all.time) {
@@ -143,7 +201,7 @@ api_answer one_series(const api_request& asked, api_services& with) {
                         {"resolution", all.resolution},
                         {"time", std::move(time)},
                         {"count", column_of(all.count)},
-                        {"values", values_of(all, test.type, is_set(asked, "rate"))},
+                        {"values", values_of(all, test.type, rates_for ? &*rates_for : nullptr)},
                         {"state", json::object{{"ok", column_of(all.ok)},
                                                {"problem", column_of(all.problem)},
                                                {"unknown", column_of(all.unknown)}}},

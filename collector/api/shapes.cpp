@@ -15,6 +15,10 @@ using protocol::value_def;
 
 namespace {
 
+/* An agent may send what becomes very much in words: the labels of a table's columns stand in each
+ * of its rows. So parts of a result and the texts in them have bounds. */
+constexpr size_t most_part_bytes = 4u << 20, most_text = 64u << 10, most_message = 1u << 20;
+
 /* ---- definitions ---- */
 
 std::span<const protocol::field_def> fields_of(uint32_t type) {
@@ -78,6 +82,25 @@ json::object fields_as_object(const definition& what) {
 
 /* ---- parts ---- */
 
+class part_list {
+public:
+    bool has_room() {
+        is_cut_ = is_cut_ || bytes_ > most_part_bytes;
+        return !is_cut_;
+    }
+    void add(json::object part) {
+        bytes_ += weight_of(part);
+        all.push_back(std::move(part));
+    }
+    bool is_cut() const { return is_cut_; }
+
+    json::array all;
+
+private:
+    size_t bytes_ = 0;
+    bool is_cut_ = false;
+};
+
 json::object value_object(json::value value, std::string_view unit) {
     unit.remove_prefix(std::min(unit.find_first_not_of(' '), unit.size()));
     return {{"value", std::move(value)}, {"unit", unit}};
@@ -87,7 +110,7 @@ json::value json_number(double number) {
     return number;
 }
 json::value json_number(std::string_view text) {
-    return json::value(text);
+    return json::value(text.substr(0, most_text));
 }
 template <typename T>
 json::value json_number(T number) {
@@ -111,9 +134,10 @@ json::object values_of(const record& r, std::span<const value_def> table, std::s
 
 json::object part_of(std::string name, json::object values, json::value status = nullptr,
                      std::string_view message = "") {
+    name.resize(std::min(name.size(), most_text));
     return {{"name", std::move(name)},
             {"status", std::move(status)},
-            {"message", json_or_null(message)},
+            {"message", json_or_null(message.substr(0, most_text))},
             {"values", std::move(values)}};
 }
 
@@ -133,35 +157,39 @@ json::object generic_part(const record& r, size_t place) {
     return part_of("record " + std::to_string(place), std::move(values));
 }
 
-void add_nested(json::array& parts, const record& r, const protocol::record_def& schema) {
+void add_nested(part_list& parts, const record& r, const protocol::record_def& schema) {
     const protocol::part_def& known = *schema.parts;
     const bool is_cpu = schema.code == protocol::cpu.code;
     const std::string one = is_cpu ? "processor " : "object ";
     std::optional<size_t> message = index_of(known.values, protocol::value_role::message);
     size_t place = 0;
-    for_each_nested(r, [&](const record& part) {
+    for_each_nested_while(r, [&](const record& part) {
+        if (!parts.has_room()) {
+            return false;
+        }
         place++;
         if (!is_as_described(part, known)) {
-            parts.push_back(generic_part(part, place));
-            return;
+            parts.add(generic_part(part, place));
+            return true;
         }
         std::optional<int32_t> status = status_of(part, known);
         json::object values = values_of(part, known.values, "");
         if (is_cpu) { /* a record has these two crossed */
             swap(values["system"], values["nice"]);
         }
-        parts.push_back(part_of(
-            one + std::to_string(place), std::move(values), json_status(schema.code, status),
-            message && *message < part.strings.size() ? part.strings[*message] : ""));
+        parts.add(part_of(one + std::to_string(place), std::move(values),
+                          json_status(schema.code, status),
+                          message && *message < part.strings.size() ? part.strings[*message] : ""));
+        return true;
     });
 }
 
-void add_table(json::array& parts, const record& r) {
+void add_table(part_list& parts, const record& r) {
     table_content table = table_of(r);
     if (!table.readable) {
         return;
     }
-    for (size_t i = 0; i < table.rows.size(); i++) {
+    for (size_t i = 0; i < table.rows.size() && parts.has_room(); i++) {
         json::object values;
         for (size_t column = 0; column < table.rows[i].size(); column++) {
             std::string label = column < table.columns.size() && !table.columns[column].empty()
@@ -170,15 +198,16 @@ void add_table(json::array& parts, const record& r) {
             if (values.contains(label)) {
                 label += " (column " + std::to_string(column + 1) + ")";
             }
-            values.emplace(label, value_object(json::value(table.rows[i][column]), ""));
+            values.emplace(std::string_view(label).substr(0, most_text),
+                           value_object(json_number(std::string_view(table.rows[i][column])), ""));
         }
-        parts.push_back(part_of("row " + std::to_string(i + 1), std::move(values)));
+        parts.add(part_of("row " + std::to_string(i + 1), std::move(values)));
     }
 }
 
 /* "name|value|status;" of each. */
-void add_listed(json::array& parts, std::string_view list) {
-    while (!list.empty()) {
+void add_listed(part_list& parts, std::string_view list) {
+    while (!list.empty() && parts.has_room()) {
         std::string_view entry = list.substr(0, list.find(';'));
         list.remove_prefix(std::min(entry.size() + 1, list.size()));
         size_t begin = entry.find('|'), end = entry.rfind('|');
@@ -190,31 +219,30 @@ void add_listed(json::array& parts, std::string_view list) {
         values.emplace(
             "value",
             value_object(number_in_text<double>(entry.substr(begin + 1, end - begin - 1)), ""));
-        parts.push_back(part_of(
-            std::string(entry.substr(0, begin)), std::move(values),
-            status.is_int64()
-                ? json_status(protocol::mysql.code, static_cast<int32_t>(status.get_int64()))
-                : json::value(nullptr)));
+        parts.add(part_of(std::string(entry.substr(0, begin)), std::move(values),
+                          status.is_int64() ? json_status(protocol::mysql.code,
+                                                          static_cast<int32_t>(status.get_int64()))
+                                            : json::value(nullptr)));
     }
 }
 
-void add_parts(json::array& parts, const record& r, size_t place) {
+void add_parts(part_list& parts, const record& r, size_t place) {
     record_summary what = summarize(r);
     if (what.schema == nullptr) {
-        parts.push_back(generic_part(r, place));
+        parts.add(generic_part(r, place));
     } else if (what.schema->is_table) {
         add_table(parts, r);
     } else if (what.type == protocol::process.code) {
         constexpr size_t pid = protocol::index_of(protocol::rows::process, 3);
         if (r.ui32[pid] != 0) {
-            parts.push_back(part_of(std::to_string(r.ui32[pid]),
-                                    values_of(r, protocol::rows::process, "pid"),
-                                    json_status(what.type, what.status), what.message));
+            parts.add(part_of(std::to_string(r.ui32[pid]),
+                              values_of(r, protocol::rows::process, "pid"),
+                              json_status(what.type, what.status), what.message));
         }
     } else if (what.type == protocol::mysql.code) {
         add_listed(parts, r.strings.empty() ? std::string_view() : r.strings[0]);
     } else if (what.type == protocol::discovery.code) {
-        parts.push_back(part_of(std::string(what.message), values_of(r, what.schema->values, "")));
+        parts.add(part_of(std::string(what.message), values_of(r, what.schema->values, "")));
         add_nested(parts, r, *what.schema);
     } else if (what.schema->parts != nullptr) {
         add_nested(parts, r, *what.schema);
@@ -277,16 +305,21 @@ json::value json_status(uint32_t type, std::optional<int32_t> status) {
     return status ? json::value(status_word(type, *status)) : json::value(nullptr);
 }
 
-json::array json_parts(const result& what) {
-    json::array parts;
+std::string_view shown_message(std::string_view message) {
+    return message.substr(0, most_message);
+}
+
+json::array json_parts(const result& what, bool& is_cut) {
+    part_list parts;
     record r;
     std::string reason;
-    for (size_t i = 0; i < what.records.size(); i++) {
+    for (size_t i = 0; i < what.records.size() && parts.has_room(); i++) {
         if (decode_record(what.records[i], r, reason)) {
             add_parts(parts, r, i + 1);
         }
     }
-    return parts;
+    is_cut = parts.is_cut();
+    return std::move(parts.all);
 }
 
 json::object json_result(const result& what) {
@@ -294,11 +327,15 @@ json::object json_result(const result& what) {
                         {"received", time_text(what.received)},
                         {"state", shown_word(what.judged)},
                         {"status", json_status(what.type, what.status)},
-                        {"message", what.message},
+                        {"message", shown_message(what.message)},
                         {"values", json_values(what.type, what.values)},
                         {"location", json_optional(what.location)}};
     if (!what.records.empty()) {
-        object.emplace("parts", json_parts(what));
+        bool is_cut = false;
+        object.emplace("parts", json_parts(what, is_cut));
+        if (is_cut) {
+            object.emplace("parts_left_out", true);
+        }
     }
     return object;
 }

@@ -36,12 +36,16 @@ boost::json::value json_definition(const definition* what);
 boost::json::object json_values(uint32_t type, std::span<const result_value> values);
 
 /* "limit reached"; null where nothing is judged. */
+/* Of a message of megabytes the beginning. */
+std::string_view shown_message(std::string_view message);
+
 boost::json::value json_status(uint32_t type, std::optional<int32_t> status);
 
 /* Processes, processors, SNMP objects, rows of tables, MySQL values, hosts that were discovered:
- * each with its name, values, and status and message where it has them. */
-boost::json::array json_parts(const result& what);
-/* Without parts where it has no records. */
+ * each with its name, values, and status and message where it has them. Of what would be
+ * megabytes the beginning; `is_cut`: there were more. */
+boost::json::array json_parts(const result& what, bool& is_cut);
+/* Without parts where it has no records; with "parts_left_out" where not all of them are there. */
 boost::json::object json_result(const result& what);
 
 /* The event, its agent and test as they are in there. */

@@ -51,15 +51,14 @@ json::object test_object(json::object agent, const agent_state& now, const test_
     object.emplace("since", json_time(since));
     object.emplace("time", json_time(test.time));
     object.emplace("status", json_status(last.type, last.status));
-    object.emplace("message", json_or_null(last.message));
+    object.emplace("message", json_or_null(shown_message(last.message)));
     object.emplace("values", json_values(last.type, last.values));
     object.emplace("definition", json_definition(what));
     return object;
 }
 
-/* Of the results on a page: one of long messages has fewer tests, and no test makes it so large
- * that nobody gets it. */
-constexpr size_t most_bytes = 4u << 20, bytes_of_value = 48, most_of_message = 64u << 10;
+/* Of a message: no test makes a page so large that nobody gets it. */
+constexpr size_t most_of_message = 64u << 10;
 
 /* By the agent's account and name, then type and number. */
 class test_list {
@@ -79,34 +78,37 @@ public:
 
     json::object read() {
         std::string error;
-        auto take = [&](const known_agent& row) { take_agent(row); };
+        auto take = [&](const known_agent& row) {
+            take_agent(row);
+            return next_.empty();
+        };
         bool ok = true;
         if (asked_.parameter("group") != nullptr) {
             ok = true; /* there are none */
         } else if (agent_ != 0) {
             ok = store_.read_agent(agent_, take, error);
         } else {
-            ok = store_.for_each_agent(take, error);
+            ok = store_.for_each_agent_from(account_, name_, take, error);
         }
         json::array items;
         last_results last(store_);
         size_t bytes = 0;
-        for (size_t i = 0; i < page_.size(); i++) {
+        for (const row& each : page_) {
             check_deadline(asked_);
-            const test_status& test = page_[i].test;
-            const found& of = agents_[page_[i].agent];
-            definition_pointer what = definitions_.of(test, error_);
-            result latest = last.of(test, error_);
+            const found& of = agents_[each.agent];
+            definition_pointer what = definitions_.of(each.test, error_);
+            result latest = last.of(each.test, error_);
             latest.message = shortened(std::move(latest.message), most_of_message);
-            bytes += latest.message.size() + latest.values.size() * bytes_of_value;
-            items.push_back(test_object(agent_reference(of.id, of.account, of.name), of.state, test,
-                                        what.get(), latest));
-            if (bytes > most_bytes && i + 1 < page_.size()) {
-                next_ = place_behind(page_[i]);
+            json::object item = test_object(agent_reference(of.id, of.account, of.name), of.state,
+                                            each.test, what.get(), latest);
+            bytes += weight_of(item);
+            if (bytes > most_list_bytes && !items.empty()) {
+                next_ = next_behind(page_[items.size() - 1]);
                 break;
             }
+            items.push_back(std::move(item));
         }
-        return list_of(std::move(items), next_, ok ? error_ : error);
+        return list_of(asked_, std::move(items), next_, ok ? error_ : error);
     }
 
 private:
@@ -120,9 +122,15 @@ private:
         test_status test;
     };
 
+    std::string next_behind(const row& last) const {
+        const found& of = agents_[last.agent];
+        return next_text({of.account, of.name, std::to_string(last.test.type),
+                          std::to_string(last.test.number.value_or(0))});
+    }
+
     void take_agent(const known_agent& row) {
         check_deadline(asked_);
-        if (row.retired != 0 || !next_.empty()) {
+        if (row.retired != 0) {
             return;
         }
         int order = goes_on_ ? compare(row) : 1;
@@ -135,12 +143,16 @@ private:
         }
         is_named_ = has_text(row.agent, q_) || has_text(row.account, q_);
         bool is_there = false;
+        size_t looked_at = 0;
         for (const test_status& test : now_.tests) {
+            if (++looked_at % 64 == 0) {
+                check_deadline(asked_);
+            }
             if ((order == 0 && !is_behind(test)) || !is_wanted(test)) {
                 continue;
             }
             if (page_.size() == limit_) {
-                next_ = place_behind(page_.back());
+                next_ = next_behind(page_.back());
                 return;
             }
             if (!is_there) {
@@ -151,12 +163,6 @@ private:
             }
             page_.push_back({agents_.size() - 1, test});
         }
-    }
-
-    std::string place_behind(const row& last) const {
-        const found& of = agents_[last.agent];
-        return next_text({of.account, of.name, std::to_string(last.test.type),
-                          std::to_string(last.test.number.value_or(0))});
     }
 
     /* To the agent of the last page's last test. */
@@ -199,12 +205,12 @@ private:
 };
 
 api_answer list_tests(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     return answer_with(test_list(*store, asked).read());
 }
 
 api_answer one_test(const api_request& asked, api_services& with) {
-    reader_pool::lent store = with.stored.lend();
+    reader_pool::lent store = with.stored.lend(asked.deadline);
     known_test_row row = find_test(*store, id_in_path(asked, "test"));
     found_agent agent = find_agent(*store, std::to_string(row.agent));
     test_status test{.id = row.id, .type = row.type, .number = row.number};
@@ -220,6 +226,7 @@ api_answer one_test(const api_request& asked, api_services& with) {
         test_object(agent_reference(agent.id, agent.account, agent.name), agent.state, test,
                     what.get(), last_results(*store).of(test, error));
     if (!error.empty()) {
+        check_deadline(asked);
         object.emplace("incomplete", error);
     }
     return answer_with(object);

@@ -63,7 +63,7 @@ api_answer list_tokens(const api_request& asked, api_services& with) {
         items.push_back(token_object(token));
         last = token.id;
     }
-    return answer_with(list_of(std::move(items), next, ""));
+    return answer_with(list_of(asked, std::move(items), next, ""));
 }
 
 /* The text of a member; throws when it is something else. */
@@ -90,8 +90,7 @@ stored_token read_new_token(const api_request& asked, int64_t now) {
     std::optional<std::string> name = text_in(body, "name"), may = text_in(body, "role"),
                                ends = text_in(body, "ends");
     if (!name || !is_token_name(*name)) {
-        throw_bad_request("`name` has to be a text of 1 to " + std::to_string(max_token_name) +
-                          " bytes of UTF-8 without control characters.");
+        throw_bad_request("`name` has to be " + token_name_rule() + ".");
     }
     std::optional<role> r = role_of(may.value_or(""));
     if (!r) {

@@ -99,6 +99,51 @@ TEST_F(api_resources_test, an_agent_with_all_that_is_known_of_it) {
     refused("/api/v1/agents/99999999999999999999", 404);
 }
 
+/* Whatever becomes of the agents behind a page, it is nothing to that page. */
+TEST_F(api_resources_test, a_page_looks_at_no_agents_behind_it) {
+    for (const char* name : {"a", "b", "c", "d"}) {
+        submit(load(101, noon), name);
+    }
+    change_store(*with, [](engine& e) { return e.set_state(4, "damaged"); });
+    for (const std::string list : {"agents", "tests"}) {
+        const std::string path = "/api/v1/" + list + "?limit=2";
+        json::value first = get(path);
+        EXPECT_FALSE(first.as_object().contains("incomplete")) << list;
+        json::value second = get(path + "&next=" + std::string(first.at("next").as_string()));
+        EXPECT_EQ(second.at("items").as_array().size(), list == "agents" ? 2u : 1u);
+        EXPECT_TRUE(second.as_object().contains("incomplete")) << list;
+        EXPECT_TRUE(get(path + "&q=c").as_object().contains("items"));
+    }
+}
+
+/* Also what is read in one call, as a series is: the reader itself gives up. */
+TEST_F(api_resources_test, what_takes_too_long_is_no_answer) {
+    submit(load(101, noon));
+    const std::string test = "/api/v1/tests/" + id_of("load");
+    deadline = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+    for (const std::string& target : {std::string("/api/v1/agents"), std::string("/api/v1/tests"),
+                                      std::string("/api/v1/events"), std::string("/api/v1/ledger"),
+                                      test + "/results", test + "/series"}) {
+        EXPECT_NE(refused(target, 503).find("took too long"), std::string::npos) << target;
+    }
+    deadline = std::chrono::steady_clock::time_point::max();
+    EXPECT_EQ(get(test + "/series").at("count").as_array().size(), 1u) << "the reader is good yet";
+}
+
+TEST_F(api_resources_test, an_inventory_of_millions_is_cut) {
+    std::string items;
+    for (int i = 0; i < 300000; i++) {
+        items += std::to_string(i) + "\t";
+    }
+    submit(load(101, noon) +
+           record_builder{.ui32 = {type_file_systems, 0, 0}, .i64 = {noon}, .strings = {items}}
+               .bytes());
+    json::value found = get("/api/v1/agents/a@b.c%2Fweb-1").at("inventories").at("file systems");
+    const size_t shown = found.at("items").as_array().size();
+    EXPECT_GT(shown, 10000u);
+    EXPECT_EQ(shown + found.at("left_out").to_number<size_t>(), 300000u);
+}
+
 TEST_F(api_resources_test, inventories_are_with_their_agent) {
     std::string names = record_builder{.ui32 = {type_file_systems, 0, 0},
                                        .i64 = {noon},
@@ -388,12 +433,67 @@ TEST_F(api_resources_test, results_of_one_second_are_paged_once_each) {
         from_base64url(std::string(get(path + "?limit=2").at("next").as_string())).value_or("");
     const std::string until_number = place.substr(0, place.find('\n', place.find('\n') + 1) + 1);
     auto page = [&](const std::string& number) {
-        std::string next = base64url(until_number + number + "\n");
+        std::string next = base64url(until_number + number + "\n0\n");
         return column(get(path + "?limit=2&next=" + next), "values.load1.value");
     };
     EXPECT_EQ(page("6"), "3 2");
     EXPECT_EQ(page("9223372036854775807"), "3 2");
     EXPECT_EQ(page("-9223372036854775808"), "3");
+}
+
+/* In JSON a control character is six. */
+TEST_F(api_resources_test, a_page_is_bounded_by_what_it_has_to_say) {
+    const std::string large(700000, '\x01');
+    for (uint32_t i = 0; i < 3; i++) {
+        now = noon + 60 * i;
+        submit(load(101, now, i, 0, large) + load(102 + i, now, i, 0, large));
+    }
+    const std::string path = "/api/v1/tests/" + id_of("101") + "/results";
+    EXPECT_EQ(get(path + "?limit=10").at("items").as_array().size(), 1u);
+    EXPECT_LT(ask(path + "?limit=10").body.size(), 5u << 20);
+    EXPECT_EQ(pages(path, "values.load1.value", 10), "2 1 0");
+    EXPECT_LT(ask("/api/v1/tests?limit=10").body.size(), 5u << 20);
+    EXPECT_EQ(pages("/api/v1/tests", "number", 10), "101 102 103 104");
+}
+
+/* Each with more than a page may have, and all of one second. */
+TEST_F(api_resources_test, large_results_of_one_second_are_paged_once_each) {
+    for (uint32_t i = 0; i < 4; i++) {
+        submit(record_builder{.ui32 = {type_load_average, 101, i, 0},
+                              .i64 = {noon},
+                              .d64 = {static_cast<double>(i), 0, 0},
+                              .strings = {std::string(i < 2 ? 5000000 : 1500000, 'm')}}
+                   .bytes());
+    }
+    submit(load(101, noon - 1, 9));
+    const std::string path = "/api/v1/tests/" + id_of("101") + "/results";
+    for (int limit : {1, 2, 5}) {
+        EXPECT_EQ(pages(path, "values.load1.value", limit), "3 2 1 0 9") << limit;
+    }
+    EXPECT_EQ(get(path).at("items").at(0).at("message").as_string().size(), 1u << 20)
+        << "the beginning of it";
+}
+
+/* Its labels stand in each of its rows. */
+TEST_F(api_resources_test, a_table_that_would_become_gigabytes_is_cut) {
+    record_builder cells;
+    for (uint32_t row = 0; row < 20000; row++) {
+        cells.ui32.push_back(row);
+        cells.ui32.push_back(0);
+        cells.strings.emplace_back("x");
+    }
+    std::string columns =
+        record_builder{.ui32 = {2}, .strings = {std::string(500000, 'l')}}.bytes();
+    submit(record_builder{.ui32 = {type_snmp_table, 1, 7, 0},
+                          .i64 = {noon},
+                          .strings = {"m"},
+                          .nested = {columns, cells.bytes()}}
+               .bytes());
+    const std::string path = "/api/v1/tests/" + id_of("snmp") + "/results";
+    json::value all = get(path).at("items").at(0);
+    EXPECT_EQ(all.at("parts_left_out"), true);
+    EXPECT_GT(all.at("parts").as_array().size(), 10u);
+    EXPECT_LT(ask(path).body.size(), 8u << 20);
 }
 
 TEST_F(api_resources_test, parts_of_results) {
@@ -477,9 +577,7 @@ TEST_F(api_resources_test, a_series_of_results) {
     EXPECT_EQ(json_text(all.at("values").at("load1")),
               "{\"unit\":\"\",\"min\":[0,1,4,9],\"mean\":[0,1,4,9],\"max\":[0,1,4,9]}");
     EXPECT_EQ(json_text(all.at("state").at("problem")), "[0,60,0,0]");
-    EXPECT_EQ(json_text(get(path + "?rate=1").at("values").at("load1").at("mean")),
-              "[null,0.016666666666666666,0.05,0.08333333333333333]");
-    EXPECT_EQ(json_text(get(path + "?rate").at("values").at("load1").at("unit")), "\"/s\"");
+    EXPECT_EQ(json_text(get(path + "?rate=1")), json_text(all)) << "nothing of it counts up";
     EXPECT_EQ(json_text(get(path + "?rate=0")), json_text(all));
     EXPECT_EQ(
         json_text(
@@ -512,16 +610,65 @@ TEST_F(api_resources_test, points_end_with_the_present) {
 }
 
 TEST_F(api_resources_test, rates_of_a_counter_that_begins_anew) {
-    const double counts[] = {100, 160, 280, 10, 70};
-    for (int i = 0; i < 5; i++) {
-        now = noon + 60 * i;
-        submit(load(101, now, counts[i]));
+    auto object = [](uint32_t type, const std::string& value) {
+        return record_builder{.ui32 = {type, 0}, .strings = {value, "fine"}}.bytes();
+    };
+    auto query = [&](const std::vector<std::string>& objects) {
+        return record_builder{.ui32 = {type_snmp, 501, 7, 0, static_cast<uint32_t>(objects.size())},
+                              .i64 = {now},
+                              .d64 = {2},
+                              .strings = {"m"},
+                              .nested = objects}
+            .bytes();
+    };
+    for (const char* count : {"100", "160", "280", "10", "70"}) {
+        submit(query({object(14, count), object(13, count), object(3, count)}));
+        now += 60;
     }
-    EXPECT_EQ(json_text(get("/api/v1/tests/" + id_of("load") + "/series?rate=1")
-                            .at("values")
-                            .at("load1")
-                            .at("max")),
-              "[null,1,2,null,1]");
+    submit(query({})); /* a query that failed says nothing of its objects */
+    json::value values =
+        get("/api/v1/tests/" + id_of("snmp") + "/series?rate=1&to=2026-05-01T12:05:00Z")
+            .at("values");
+    ASSERT_TRUE(values.as_object().contains("object 1")) << json_text(values);
+    EXPECT_EQ(json_text(values.at("object 1").at("max")), "[null,1,2,null,1]");
+    EXPECT_EQ(values.at("object 1").at("unit"), "/s");
+    EXPECT_EQ(json_text(values.at("object 2").at("max")), "[100,160,280,10,70]") << "a gauge";
+    EXPECT_EQ(values.at("object 2").at("unit"), "");
+    EXPECT_EQ(values.at("object 3").at("mean"), values.at("object 1").at("mean"));
+    EXPECT_EQ(json_text(values.at("time").at("max")), "[2,2,2,2,2]");
+}
+
+/* A MySQL value does not say what it is. */
+TEST_F(api_resources_test, rates_of_a_mysql_test) {
+    for (const char* count : {"100", "340"}) {
+        submit(record_builder{.ui32 = {type_mysql, 1, 7, 0, 15},
+                              .i64 = {now / 128 * 128},
+                              .strings = {"Questions|" + std::string(count) + "|0;", "m"}}
+                   .bytes());
+        now += 128;
+    }
+    json::value all = get("/api/v1/tests/" + id_of("mysql") + "/series?rate=1");
+    EXPECT_EQ(all.at("values").at("result").at("unit"), "/s");
+    EXPECT_EQ(all.at("values").at("time").at("unit"), "ms");
+    EXPECT_EQ(json_text(all.at("values").at("time").at("max")), "[15,15]");
+}
+
+TEST_F(api_resources_test, a_test_with_hundreds_of_values_has_fewer_points) {
+    std::string list;
+    for (int i = 0; i < 250; i++) {
+        list += "v|" + std::to_string(i) + "|0;";
+    }
+    submit(record_builder{
+               .ui32 = {type_mysql, 1, 7, 0, 15}, .i64 = {noon / 128 * 128}, .strings = {list, "m"}}
+               .bytes() +
+           load(101, noon));
+    now = noon + 3600;
+    const std::string range = "/series?points=10000&from=2026-03-28T00:00:00Z";
+    json::value many = get("/api/v1/tests/" + id_of("mysql") + range);
+    EXPECT_EQ(many.at("values").as_object().size(), 251u);
+    EXPECT_LE(251 * many.at("time").as_array().size(), 500000u);
+    EXPECT_EQ(many.at("resolution"), get("/api/v1/tests/" + id_of("load") + range).at("resolution"))
+        << "results, as there are few";
 }
 
 /* ---- events ---- */

@@ -25,7 +25,7 @@ std::string test_text(const json::object& test) {
 std::string named(const std::vector<found_thing>& all) {
     std::string text;
     for (size_t i = 0; i < all.size() && i < most_named; i++) {
-        text += "\n  " + std::to_string(all[i].id) + "  " + all[i].called;
+        text += "\n  " + std::to_string(all[i].id) + "  " + all[i].called + all[i].more;
     }
     if (all.size() > most_named) {
         text += "\n  and " + std::to_string(all.size() - most_named) + " more";
@@ -44,8 +44,12 @@ found_thing only_one(const char* what, const std::string& called,
         throw failure{status_usage, quoted + " fits several " + what +
                                         "s; give the number of one:" + named(exact)};
     }
-    throw failure{status_absent, std::string("there is no ") + what + " " + quoted +
-                                     (close.empty() ? "" : "; there are:" + named(close))};
+    throw failure{status_absent,
+                  std::string("there is no ") + what + " " + quoted +
+                      (close.empty() ? "" : "; there are:" + named(close)) +
+                      (what == std::string_view("agent")
+                           ? "\nOne that is retired is found by its id or account/name."
+                           : "")};
 }
 
 std::vector<found_thing> agents_called(api& with, const std::string& name,
@@ -73,7 +77,9 @@ void tests_called(api& with, int64_t agent, const std::string& name, found_tests
         which.emplace_back("agent", std::to_string(agent));
     }
     with.list("/api/v1/tests", which, 0, [&](const json::object& test) {
-        found_thing one{number_in(test, "id"), test_text(test)};
+        found_thing one{number_in(test, "id"), test_text(test),
+                        " (" + printable(text_in(test, "type")) + " " +
+                            std::to_string(number_in(test, "number")) + ")"};
         const std::string own = text_in(test, "name");
         if (own == name) {
             found.exact.push_back(std::move(one));
@@ -108,6 +114,7 @@ found_thing find_test(api& with, const std::string& called) {
         }
     }
     found_tests found;
+    std::vector<found_thing> meant; /* agents */
     /* Either part may have a ':', too. */
     for (size_t at = called.find(':'); at != std::string::npos; at = called.find(':', at + 1)) {
         const std::string agent = called.substr(0, at), name = called.substr(at + 1);
@@ -123,12 +130,22 @@ found_thing find_test(api& with, const std::string& called) {
         for (const found_thing& each : agents) {
             tests_called(with, each.id, name, found);
         }
+        meant.insert(meant.end(), agents.begin(), agents.end());
     }
     if (found.exact.empty() && found.close.empty()) {
         tests_called(with, 0, called, found);
     }
     if (found.exact.empty() && found.close.size() == 1) {
         return found.close[0];
+    }
+    if (found.exact.empty() && found.close.empty()) { /* those there are at its agent */
+        std::vector<found_thing> ignored;
+        if (meant.empty()) {
+            meant = agents_called(with, called, ignored);
+        }
+        for (const found_thing& each : meant) {
+            tests_called(with, each.id, "", found);
+        }
     }
     return only_one("test", called, found.exact, found.close);
 }

@@ -10,7 +10,8 @@
 /* As people read it. */
 struct found_thing {
     int64_t id = 0;
-    std::string called; /* "account/name", "account/name:test"; printable */
+    std::string called;    /* "account/name", "account/name:test"; printable */
+    std::string more = {}; /* " (disk 401)" where several are listed: names may be the same */
 };
 
 /* An id, "account/name", or the name where only one agent has it. Throws failure: absent, with
@@ -18,7 +19,8 @@ struct found_thing {
 found_thing find_agent(api& with, const std::string& called);
 
 /* An id, "AGENT:NAME" with an agent as above, or the name where only one test has it; when no name
- * is just that, one that has the text in it will do if it is the only one. Throws likewise. */
+ * is just that, one that has the text in it will do if it is the only one. Throws likewise, with
+ * the tests of the agent when it has none like it. */
 found_thing find_test(api& with, const std::string& called);
 
 /* What `called` is when it is all digits, and fits. */

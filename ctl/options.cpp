@@ -20,13 +20,11 @@ const char footer[] =
     "  vindralctl tests --state problem\n"
     "  vindralctl series web-1:load --from -2h\n"
     "  vindralctl agents --fail >/dev/null || echo something is wrong\n\n"
-    "AGENT is an id, account/name, or a name that one agent has; TEST an id, AGENT:NAME, or a "
-    "name.\n"
-    "TIME is -2h or +30d (s, m, h, d, w), now, today, yesterday, 12:30, 2026-05-01,\n"
-    "\"2026-05-01 12:30\" or 2026-05-01T12:30:00Z.\n\n"
-    "Exit status: 0 well, 1 something is wrong that was asked for, 2 usage, 3 the collector "
-    "cannot\n"
-    "be reached, 4 not allowed, 5 not found. More in vindralctl(1).";
+    "AGENT is an id, account/name, or a name that one agent has; TEST an id,\n"
+    "AGENT:NAME, or a name. TIME is -2h or +30d (s, m, h, d, w), now, today,\n"
+    "yesterday, 12:30, 2026-05-01, \"2026-05-01 12:30\" or 2026-05-01T12:30:00Z.\n\n"
+    "Exit status: 0 well, 1 something is wrong that was asked for, 2 usage, 3 the\n"
+    "collector cannot be reached, 4 not allowed, 5 not found. More in vindralctl(1).";
 
 constexpr size_t longest_token = 4096;
 
@@ -155,8 +153,11 @@ public:
     }
     std::string help() const { return app_.help(); }
 
-    /* The command that was found so far: "vindralctl agents". */
-    std::string found() const { return words_of(chosen()); }
+    /* What to type for help with the command that was found so far. */
+    std::string help_command() const { return words_of(chosen()) + " --help"; }
+    bool lacks_command() const {
+        return chosen()->get_require_subcommand_min() > 0 && chosen()->get_subcommands().empty();
+    }
 
     /* What is wrong with a word that nothing takes; "" when there is none. */
     std::string unexpected() const {
@@ -175,14 +176,15 @@ public:
             }
         }
         if (option != rest.end()) {
-            return found() + " has no option " + name + guess(name, all);
+            return of_command() + "there is no option " + name + guess(name, all);
         }
         all.clear();
         for (const CLI::App* each : chosen()->get_subcommands(nullptr)) {
             all.push_back(each->get_name());
         }
-        return all.empty() ? found() + " takes no \"" + name + "\""
-                           : found() + " has no command \"" + name + "\"" + guess(name, all);
+        return all.empty()
+                   ? of_command() + "\"" + name + "\" is one word too many"
+                   : of_command() + "there is no command \"" + name + "\"" + guess(name, all);
     }
 
 private:
@@ -196,6 +198,11 @@ private:
     std::string words_of(const CLI::App* command) const {
         auto row = rows_.find(command);
         return row != rows_.end() ? std::string("vindralctl ") + row->second->name : "vindralctl";
+    }
+    /* "agents: " */
+    std::string of_command() const {
+        auto row = rows_.find(chosen());
+        return row != rows_.end() ? std::string(row->second->name) + ": " : "";
     }
 
     void add_command(const command_def& row) {
@@ -244,8 +251,10 @@ command_line read_command_line(int argc, const char* const* argv) {
         } catch (const CLI::Error& error) {
             const std::string unexpected = reader.unexpected();
             line.outcome = reading::wrong;
-            line.help = reader.found() + " --help";
-            line.text = without_secrets(printable(unexpected.empty() ? error.what() : unexpected));
+            line.help = reader.help_command();
+            line.text = without_secrets(printable(!unexpected.empty()      ? unexpected
+                                                  : reader.lacks_command() ? "a command is missing"
+                                                                           : error.what()));
         }
     } catch (const CLI::Error& error) {
         line.outcome = reading::wrong;

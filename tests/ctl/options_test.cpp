@@ -150,20 +150,21 @@ TEST(options, what_is_close_is_said) {
         std::vector<const char*> words;
         const char *text, *help;
     } cases[] = {
-        {{"agent"}, "vindralctl has no command \"agent\"; agents?", "vindralctl --help"},
-        {{"nonsense"}, "vindralctl has no command \"nonsense\"", "vindralctl --help"},
+        {{"agent"}, "there is no command \"agent\"; agents?", "vindralctl --help"},
+        {{"nonsense"}, "there is no command \"nonsense\"", "vindralctl --help"},
         {{"agents", "--stat", "ok"},
-         "vindralctl agents has no option --stat; --state?",
+         "agents: there is no option --stat; --state?",
          "vindralctl agents --help"},
         {{"agents", "--jsn=x"},
-         "vindralctl agents has no option --jsn; --json?",
+         "agents: there is no option --jsn; --json?",
          "vindralctl agents --help"},
         {{"agents", "sho", "x"},
-         "vindralctl agents has no command \"sho\"; show?",
+         "agents: there is no command \"sho\"; show?",
          "vindralctl agents --help"},
-        {{"version", "x"}, "vindralctl version takes no \"x\"", "vindralctl version --help"},
+        {{"version", "x"}, "version: \"x\" is one word too many", "vindralctl version --help"},
+        {{}, "a command is missing", "vindralctl --help"},
         {{"--xyz", "vt_secret", "agents"},
-         "vindralctl agents has no option --xyz",
+         "agents: there is no option --xyz",
          "vindralctl agents --help"},
     };
     for (const auto& each : cases) {

@@ -118,6 +118,7 @@ class Asked(Collected):
         self.assertEqual(self.rows("tests", "--q", "nothing like it"), [])
         self.ctl("tests", "--agent", "web-2", status=5)
         self.assertIn("there is no agent", self.told)
+        self.assertIn("retired is found by its id", self.told)
         self.ctl("tests", "--state", "bad", status=2)
         self.assertIn("state", self.told)
 
@@ -147,7 +148,10 @@ class Asked(Collected):
         self.ctl("results", "load average", status=5)  # both have it in their names
         self.assertIn("load average 2", self.told)
         self.assertEqual(len(self.rows("results", "average 2", "--limit", "1")), 1)  # the only one
-        self.ctl("results", "web-1:nothing", status=5)
+        for words in ("web-1:nothing", "web-1", ids[0] + "9:x:load", "user@example.net/web-1:lode"):
+            self.ctl("results", words, status=5)
+            shows = "web-1:load average 2 (load average 2)\n" in self.told
+            self.assertEqual(shows, not words[0].isdigit(), self.told)
         self.ctl("results", "123456", status=5)
         self.ctl("results", ids[0], "--from", "soon", status=2)
         self.assertIn("yesterday", self.told)
@@ -319,7 +323,7 @@ class Completed(CtlTest):
         """Options and sub-commands of the help."""
         text = self.ctl(*command, "--help")
         options = set(re.findall(r"(?m)^ +(?:-h,)?(--[a-z-]+)", text))
-        return options, set(re.findall(r"(?m)^  ([a-z]+) ", text.partition("Commands:")[2]))
+        return options, set(re.findall(r"(?m)^  ([a-z]+) ", text.partition("Commands:")[2].partition("\n\n")[0]))
 
     def test_every_command_with_its_options(self):
         everywhere, commands = self.listed()
@@ -385,7 +389,7 @@ class Scripted(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
     def do_GET(self):
-        self.server.asked.append((self.path, dict(self.headers)))
+        self.server.asked.append((self.path, dict(self.headers, method=self.command)))
         answer = self.server.answers.pop(0)
         self.close_connection = True
         if isinstance(answer, bytes):
@@ -446,6 +450,64 @@ class Odd(CtlTest):
         self.serve(page("a", incomplete="a day is damaged\x1b"))
         self.assertEqual(self.ctl("agents", "--json", status=1).count("\n"), 1)
         self.assertIn("a day is damaged?", self.told)
+
+    def asked(self, words, *answers, status=0):
+        """The requests that a command makes, with these answers: "GET /api/v1/..."."""
+        server = self.serve(*((200, "application/json", json.dumps(answer)) for answer in answers))
+        self.shown = self.ctl(*words, "--json", status=status)
+        for _, headers in server.asked:
+            self.assertEqual(headers.get("Content-Length"), "0" if headers["method"] == "POST" else None)
+        return [headers["method"] + path.removeprefix("/proxy") for path, headers in server.asked]
+
+    def test_what_is_asked(self):
+        one = {"id": 3, "account": "a", "name": "b", "number": 1, "agent": {"account": "a", "name": "b"}}
+        none, api = {"items": [], "next": None}, "GET/api/v1/"
+        self.assertEqual(self.asked(["agents", "--state", "ok,stale", "--q", "b c", "--limit", "0"], none),
+                         [api + "agents?state=ok%2Cstale&q=b%20c&limit=1000"])
+        self.assertEqual(
+            self.asked(["events", "--agent", "3", "--test", "7", "--type", "disk", "--state", "ok", "--q", "x", "--from",
+                        "2026-05-01T00:00:00Z", "--to", "2026-05-02T02:00:00+02:00"], one, one, none),
+            [api + "agents/3", api + "tests/7", api + "events?agent=3&test=3&type=disk&state=ok&q=x&"
+             "from=2026-05-01T00%3A00%3A00Z&to=2026-05-02T00%3A00%3A00Z&limit=100"])
+        self.assertEqual(self.asked(["series", "7", "--rate", "--points", "5"], one, {}),
+                         [api + "tests/7", api + "tests/3/series?points=5&rate=1"])
+        self.assertEqual(self.asked(["check", "3"], one, {}), [api + "agents/3", "POST/api/v1/agents/3/check"])
+        self.assertEqual(self.asked(["agents", "retire", "a/b"], one, {}),
+                         [api + "agents/a%2Fb", "DELETE/api/v1/agents/3"])
+        stream = head("Content-Type: text/event-stream") + b"event: event\ndata: {}\n\n"
+        server = self.serve((200, "application/json", json.dumps(one)), (200, "application/json", json.dumps(one)), stream)
+        self.ctl("watch", "--agent", "3", "--test", "7", "--kind", "event,agent", "--limit", "1")
+        self.assertEqual(server.asked[-1][0], "/proxy/api/v1/stream?kind=event%2Cagent&agent=3&test=3")
+
+    def test_what_a_name_means(self):
+        """Nothing is done to any when it fits several; a name goes before an id."""
+        agents = {"items": [{"id": 1, "account": "a", "name": "b"}, {"id": 2, "account": "c", "name": "b"},
+                            {"id": 3, "account": "c", "name": "bb"}], "next": None}
+        self.assertEqual(self.asked(["check", "b"], agents, status=2), ["GET/api/v1/agents?q=b&limit=1000"])
+        self.assertIn("\n  1  a/b\n  2  c/b\n", self.told)
+        test = {"id": 9, "name": "x", "type": "disk", "number": 4, "agent": agents["items"][0]}
+        tests = {"items": [test, dict(test, id=8, number=5)], "next": None}
+        self.asked(["results", "x"], tests, status=2)
+        self.assertIn("  9  a/b:x (disk 4)\n  8  a/b:x (disk 5)\n", self.told)
+        one, none = {"items": [test], "next": None}, {"items": [], "next": None}
+        self.assertEqual(self.asked(["results", "1:x"], none, agents["items"][0], one, none)[2:],
+                         ["GET/api/v1/tests?q=x&agent=1&limit=1000", "GET/api/v1/tests/9/results?limit=20"])
+        tokens = {"items": [{"id": 5, "kind": "session", "name": "7"}, {"id": 6, "kind": "token", "name": "5"},
+                            {"id": 7, "kind": "token", "name": "seven"}], "next": None}
+        for called, removed in (("5", 6), ("7", 7), ("seven", 7), ("6", 6)):
+            self.assertEqual(self.asked(["tokens", "remove", called], tokens, {})[1], "DELETE/api/v1/tokens/%d" % removed)
+
+    def test_what_fails(self):
+        hours = {"items": [{"hour": "2026-05-01T00:00:00Z", "missing": 0}, {"missing": 1}], "next": None}
+        self.asked(["ledger"], hours)
+        self.asked(["ledger", "--fail"], hours, status=1)
+        self.asked(["ledger", "--fail"], dict(hours, items=hours["items"][:1]))
+        for state, status in (("silent", 1), ("problem", 1), ("unknown", 0), ("ok", 0)):
+            self.asked(["agents", "--fail"], {"items": [{"state": state}], "next": None}, status=status)
+            self.asked(["agents"], {"items": [{"state": state}], "next": None})
+        self.asked(["agents", "--fail", "--state", "unknown"], {"items": [{"state": "unknown"}], "next": None}, status=1)
+        self.asked(["series", "7"], {"id": 7}, {"incomplete": "a day is damaged"}, status=1)
+        self.assertIn("a day is damaged", self.told)
 
     def test_texts_steer_no_terminal(self):
         self.serve(page("\x1b[2J\u202ename"))

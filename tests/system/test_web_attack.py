@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Who means harm to the API of a running collector: each gets an answer or an end, the others what they ask for, and no
-agent's result is lost meanwhile."""
+"""Who means harm to the API of a running collector: each gets an answer or an end, the others what they ask for, and
+no agent's result is lost meanwhile."""
 
 import json
 import os
@@ -123,14 +123,16 @@ class Attack(harness.TestCase):
         sender.join(harness.PATIENCE_S)
         self.assertEqual(set(re.findall(rb"HTTP/1\.1 (\d+)", text)), {b"404", b"429"})
         for _ in range(20):
-            self.assertEqual(self.said(b"GET /healthz HTTP/1.1\r\n" + HOST + b"Connection: close\r\n\r\n")[9:12], b"200")
+            answer = self.said(b"GET /healthz HTTP/1.1\r\n" + HOST + b"Connection: close\r\n\r\n")
+            self.assertEqual(answer[9:12], b"200", answer)
         self.assertEqual(self.collector.ask("/api/v1/agents")[0], 200)
         self.beside.check(self)
 
     def test_those_who_go_in_the_middle_leave_nothing_behind(self):
+        attacker = self.collector.add_token("attacker", "viewer")
         self.assertEqual(self.collector.ask("/api/v1/agents")[0], 200)
         before = self.descriptors()
-        token = b"Authorization: Bearer " + self.collector.token.encode() + b"\r\n"
+        token = b"Authorization: Bearer " + attacker.encode() + b"\r\n"
         pieces = (b"", b"GET /api/v1/agents HT", b"GET /openapi.json HTTP/1.1\r\n" + HOST + token + b"\r\n",
                   b"POST /sign-in HTTP/1.1\r\n" + HOST + b"Content-Length: 1000000\r\n\r\n{",
                   b"GET /api/v1/stream HTTP/1.1\r\n" + HOST + token + b"\r\n", os.urandom(3000))

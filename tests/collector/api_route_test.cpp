@@ -161,7 +161,7 @@ TEST_F(api_route_test, rows_by_path) {
     EXPECT_EQ(find_route("HEAD", "/api/v1/stream", in_path, allowed), nullptr);
     EXPECT_EQ(allowed, "GET") << "a stream has no end to leave out";
     for (const char* path :
-         {"", "/", "api/v1/agents", "/api/v1/agents/", "/api/v1//agents", "/api/v1/agents/x/y",
+         {"", "//", "api/v1/agents", "/api/v1/agents/", "/api/v1//agents", "/api/v1/agents/x/y",
           "/api/v1/tests/1/results/", "/api/v1/agents/%", "/API/v1/agents", "/healthz/", "*"}) {
         EXPECT_EQ(find_route("GET", path, in_path, allowed), nullptr) << path;
         EXPECT_EQ(allowed, "") << path;

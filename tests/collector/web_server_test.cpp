@@ -190,21 +190,26 @@ TEST_F(web_server_test, a_session) {
 /* In one browser, whose cookies know no ports. */
 TEST_F(web_server_test, two_collectors_on_one_host) {
     start();
-    const uint16_t first = port();
-    std::unique_ptr<web_server> other = std::move(server);
-    start();
+    std::unique_ptr<settings> others = settings::open(directory / "other", note, error);
+    ASSERT_TRUE(others) << error;
+    web_server other(options, nullptr, *others, *services, [](const std::string&) {});
+    ASSERT_TRUE(other.listen(error)) << error;
+    const std::pair<uint16_t, std::string> both[] = {
+        {port(), token},
+        {other.port(),
+         add_secret(*others, token_kind::token, role::viewer, "tester", now, 0, error)}};
     std::string cookies;
-    for (uint16_t each : {first, port()}) {
+    for (const auto& [each, secret] : both) {
         const std::string host = "localhost:" + std::to_string(each);
         web_client c(each);
-        const std::string body = "{\"token\":\"" + token + "\"}";
+        const std::string body = "{\"token\":\"" + secret + "\"}";
         c.send("POST /sign-in HTTP/1.1\r\nHost: " + host + "\r\nOrigin: http://" + host +
                "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
         std::string cookie = c.reply().value("Set-Cookie");
         EXPECT_TRUE(cookie.starts_with("vindral-" + std::to_string(each) + "=vs_")) << cookie;
         cookies += (cookies.empty() ? "" : "; ") + cookie.substr(0, cookie.find(';'));
     }
-    for (uint16_t each : {first, port()}) {
+    for (const auto& [each, secret] : both) {
         const std::string host = "localhost:" + std::to_string(each);
         web_client c(each);
         auto ask = [&](const std::string& method, const std::string& target) {

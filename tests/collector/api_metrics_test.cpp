@@ -4,6 +4,7 @@
 #include "api_place.h"
 #include "open_metrics.h"
 
+#include <future>
 #include <limits>
 
 /* ---- the format ---- */
@@ -264,6 +265,8 @@ TEST_F(api_metrics_test, silent_agents_have_no_values) {
     }
     open_metrics found = read("/metrics?fleet");
     EXPECT_EQ(found.value("vindral_agents{state=\"silent\"}"), 1);
+    EXPECT_EQ(found.value("vindral_tests{state=\"unknown\"}"), 1);
+    EXPECT_EQ(found.value("vindral_tests{state=\"ok\"}"), 1);
     EXPECT_EQ(found.count("vindral_test_state"), 2u);
     EXPECT_EQ(found.count("vindral_test_last_result_timestamp_seconds"), 2u);
     for (const auto& [series, value] : found.samples) {
@@ -279,6 +282,45 @@ TEST_F(api_metrics_test, names_that_would_break_a_line) {
     submit(load(102, now), "two");
     open_metrics found = read("/metrics?fleet");
     EXPECT_EQ(found.count("vindral_test_state"), 2u);
+}
+
+TEST_F(api_metrics_test, inventories_are_no_tests) {
+    submit(record_builder{.ui32 = {type_file_systems, 0, 0},
+                          .i64 = {now},
+                          .strings = {"/(/dev/sda1|ext4)\t/b\t"}}
+               .bytes() +
+           load(101, now));
+    open_metrics found = read("/metrics?fleet");
+    EXPECT_EQ(found.value("vindral_tests{state=\"ok\"}"), 1);
+    EXPECT_EQ(found.value("vindral_tests{state=\"unknown\"}"), 0);
+    EXPECT_EQ(found.count("vindral_test_state"), 1u);
+}
+
+TEST_F(api_metrics_test, long_names_are_cut) {
+    std::string name(3000, 'x');
+    follow({{.type = type_disk, .number = 401, .location = 7, .name = name, .text = ""}});
+    submit(disk(401, now));
+    open_metrics found = read("/metrics?fleet");
+    ASSERT_EQ(found.count("vindral_value"), 2u);
+    for (const auto& [series, value] : found.samples) {
+        EXPECT_LT(series.size(), 500u) << series;
+    }
+}
+
+/* What is damaged is told, and the others are there. */
+TEST_F(api_metrics_test, a_state_that_is_damaged) {
+    submit(load(101, now));
+    submit(load(101, now), "web-2");
+    std::promise<bool> done;
+    store->update([](engine& e) { return e.set_state(1, "\xff"); },
+                  [&](bool ok, const std::string&) { done.set_value(ok); });
+    ASSERT_TRUE(done.get_future().get());
+    for (const char* path : {"/metrics", "/metrics?fleet"}) {
+        open_metrics found = read(path);
+        EXPECT_EQ(found.value("vindral_store_readable"), 0) << path;
+        EXPECT_EQ(found.value("vindral_tests{state=\"ok\"}"), 1) << path;
+        EXPECT_EQ(found.value("vindral_agents{state=\"ok\"}"), 1) << path;
+    }
 }
 
 TEST_F(api_metrics_test, the_older_format_where_it_is_wanted) {

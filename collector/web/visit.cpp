@@ -20,7 +20,8 @@ static constexpr size_t rate = 64u
 static constexpr size_t little = 1024; /* bytes, that each connection may have */
 static constexpr int full_stream_pause_s = 5;
 static constexpr size_t woken_at_once = 64;
-static constexpr size_t most_said = 64u << 10; /* bytes, by who listens to a stream */
+static constexpr auto look_at_token_every = 1s; /* before a stream goes on */
+static constexpr size_t most_said = 64u << 10;  /* bytes, by who listens to a stream */
 
 /* ---- what all share ---- */
 
@@ -585,6 +586,14 @@ awaitable<bool> visit::follow_on(stream_source& source) {
     const auto beat = room_.options.limits.beat;
     for (bool good = true; !room_.stopping;) {
         woken_ = false;
+        const auto now = clock::now();
+        if (now - checked >= std::min<clock::duration>(beat, look_at_token_every)) {
+            checked = now;
+            caller who = room_.callers.remembered(hears_->secret, room_.with.now());
+            if (who.may == role::none) {
+                co_return true; /* the token was removed, or the session ended */
+            }
+        }
         bool short_of_memory = false;
         auto piece = source.next(hears_->position, hears_->which, short_of_memory);
         if (short_of_memory) {
@@ -602,15 +611,7 @@ awaitable<bool> visit::follow_on(stream_source& source) {
         if (!good) {
             co_return false;
         }
-        const auto now = clock::now();
-        if (now - checked >= beat) {
-            checked = now;
-            caller who = room_.callers.remembered(hears_->secret, room_.with.now());
-            if (who.may == role::none) {
-                co_return true; /* the token was removed, or the session ended */
-            }
-        }
-        if (now - last_word >= beat) {
+        if (clock::now() - last_word >= beat) {
             good = co_await write(stream_beat);
             last_word = clock::now();
             if (!good) {

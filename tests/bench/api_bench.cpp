@@ -45,6 +45,7 @@ class no_ingest final : public ingest {
     void follow(plan_summary, std::vector<owned_definition>) override {}
     void update(std::function<bool(engine&)>, change_done) override {}
     void retire(int64_t, change_done) override {}
+    queue_load waiting() override { return {}; }
 };
 
 } // namespace

@@ -53,6 +53,7 @@ class no_ingest final : public ingest {
     void follow(plan_summary, std::vector<owned_definition>) override {}
     void update(std::function<bool(engine&)>, change_done done) override { done(true, ""); }
     void retire(int64_t, change_done done) override { done(true, ""); }
+    queue_load waiting() override { return {}; }
 };
 
 constexpr int64_t noon = 1777636800;

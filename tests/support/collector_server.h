@@ -54,6 +54,7 @@ public:
 
     void update(std::function<bool(engine&)>, change_done done) override { done(false, ""); }
     void retire(int64_t, change_done done) override { done(false, ""); }
+    queue_load waiting() override { return {}; }
     void heard(std::string_view account, std::string_view agent, int64_t, std::string_view address,
                std::string_view version) override {
         std::lock_guard hold(mutex_);

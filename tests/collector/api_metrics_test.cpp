@@ -198,6 +198,7 @@ TEST_F(api_metrics_test, the_collector_itself) {
     EXPECT_EQ(found.value("vindral_agents{state=\"problem\"}"), 1);
     EXPECT_EQ(found.value("vindral_agents{state=\"ok\"}"), 1);
     EXPECT_EQ(found.value("vindral_agents{state=\"silent\"}"), 0);
+    EXPECT_EQ(found.value("vindral_agents{state=\"unknown\"}"), 0) << "the one retired";
     EXPECT_EQ(found.count("vindral_agents"), 5u);
     EXPECT_EQ(found.value("vindral_tests{state=\"ok\"}"), 2);
     EXPECT_EQ(found.value("vindral_tests{state=\"problem\"}"), 1);

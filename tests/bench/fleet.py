@@ -289,9 +289,11 @@ class Polled:
 
     def __init__(self, name, home, options, web=(), program=None):
         self.name, self.options = name, options
+        self.each = os.path.join(home, "each")
+        if os.path.exists(self.each):
+            os.unlink(self.each)
         self.process, self.port = whole.start_collector(home, options=[*KEEP_ALL, *web], program=program)
         self.fleet = None
-        self.each = os.path.join(home, "each")
 
     def begin(self):
         seconds = 3600 * 24
@@ -312,6 +314,8 @@ class Polled:
         with open(self.each, encoding="ascii") as file:
             lines = [line.split() for line in file if line.endswith("\n")]
         took = sorted(float(ms) for at, ms in lines if before.at <= float(at) < after.at)
+        if not took:
+            whole.give_up("polls")
         failed = sum(ms < 0 for ms in took)
         by_thread = ["%s %.0f (+%.0f)" % (thread, 1e6 * (after.ran[thread] - before.ran.get(thread, 0)) / len(took),
                                           1e6 * (after.waited[thread] - before.waited.get(thread, 0)) / len(took))
@@ -321,8 +325,8 @@ class Polled:
             ", ".join(by_thread), resident(self.process.pid)), flush=True)
 
     def end(self):
-        whole.no_more(self.fleet)
-        whole.end(self.fleet)
+        if self.fleet:
+            whole.end(self.fleet)
         whole.end(self.process)
 
 
@@ -341,6 +345,14 @@ def api(options, home):
                        os.path.join(whole.BUILD, "vindral-collector"))
     all_of_them = [asked_one, *(Polled(program, tempfile.mkdtemp(dir=beside), options, program=program)
                                 for program in options.beside)]
+    try:
+        api_beside(options, home, all_of_them, port_file)
+    finally:
+        for each in all_of_them:
+            each.end()
+
+
+def api_beside(options, home, all_of_them, port_file):
     tokens = [make_token(home, "bench%d-%d" % (i, os.getpid())) for i in range(16)]
     with open(port_file, encoding="ascii") as file:
         port = file.read().strip()
@@ -376,8 +388,6 @@ def api(options, home):
         for client in clients:
             print("".join("    " + line + "\n" for line in client.communicate()[0].splitlines()), end="", flush=True)
         time.sleep(5)
-    for each in all_of_them:
-        each.end()
 
 
 PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "peers": peers}

@@ -152,7 +152,7 @@ std::string age_cell(const place& here, const json::object& of, std::string_view
 
 std::string short_time_cell(const place& here, const json::object& of, std::string_view name) {
     constexpr size_t day = 10, day_and_minutes = 16; /* "2026-05-01 14:00" */
-    const std::string time = time_cell(of, name);
+    std::string time = time_cell(of, name);
     if (here.on.width == 0 || time.size() <= day_and_minutes) {
         return time;
     }

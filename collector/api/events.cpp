@@ -51,6 +51,7 @@ public:
         is_empty_ = is_empty_ || asked.parameter("group") != nullptr; /* there are none */
         which_.from = time_of(asked, "from").value_or(which_.from);
         which_.to = time_of(asked, "to").value_or(which_.to);
+        check_span(which_.from, which_.to);
         if (auto behind = place_of(asked, 2)) {
             int64_t time = number_in((*behind)[0]);
             which_.below = number_in((*behind)[1]);

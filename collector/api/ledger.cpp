@@ -54,10 +54,7 @@ public:
           agent_(agent_asked_for(store, asked)) {
         to_ = time_of(asked, "to").value_or(now + 1);
         from_ = time_of(asked, "from").value_or(to_ - usual_span_s);
-        if (from_ >= to_) {
-            throw_bad_request("`from` (" + time_text(from_) + ") does not lie before `to` (" +
-                              time_text(to_) + ").");
-        }
+        check_span(from_, to_);
         if (auto behind = place_of(asked, 2)) {
             behind_ = {number_in((*behind)[0]), number_in((*behind)[1])};
             from_ = std::max(from_, behind_.first);

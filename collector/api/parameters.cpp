@@ -19,6 +19,13 @@ std::optional<int64_t> time_of(const api_request& asked, std::string_view name) 
     return text != nullptr ? read_time(*text) : std::nullopt;
 }
 
+void check_span(int64_t from, int64_t to) {
+    if (from >= to) {
+        throw_bad_request("`from` (" + time_text(from) + ") does not lie before `to` (" +
+                          time_text(to) + ").");
+    }
+}
+
 bool is_set(const api_request& asked, std::string_view flag) {
     const std::string* text = asked.parameter(flag);
     return text != nullptr && (*text == "1" || *text == "true");

@@ -47,6 +47,8 @@ inline constexpr parameter_def type_parameter = {
 
 int64_t number_or(const api_request& asked, std::string_view name, int64_t otherwise);
 std::optional<int64_t> time_of(const api_request& asked, std::string_view name);
+/* Throws problem where nothing lies between the two. */
+void check_span(int64_t from, int64_t to);
 bool is_set(const api_request& asked, std::string_view flag);
 std::string text_of(const api_request& asked, std::string_view name);
 

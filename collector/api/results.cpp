@@ -103,9 +103,10 @@ api_answer list_results(const api_request& asked, api_services& with) {
     const size_t limit = limit_of(asked);
     const auto behind = place_of(asked, 4);
     std::string error, next;
-    results_page page = read_page(
-        *store, test, time_of(asked, "from").value_or(std::numeric_limits<int64_t>::min()),
-        time_of(asked, "to").value_or(std::numeric_limits<int64_t>::max()), limit, behind, error);
+    const int64_t from = time_of(asked, "from").value_or(std::numeric_limits<int64_t>::min());
+    const int64_t to = time_of(asked, "to").value_or(std::numeric_limits<int64_t>::max());
+    check_span(from, to);
+    results_page page = read_page(*store, test, from, to, limit, behind, error);
     json::array items;
     size_t bytes = 0;
     bool is_all = true;

@@ -172,10 +172,7 @@ api_answer one_series(const api_request& asked, api_services& with) {
     /* Results of this second belong to it. */
     const int64_t to = std::min(time_of(asked, "to").value_or(now + 1), now + 1);
     const int64_t from = time_of(asked, "from").value_or(to - usual_span_s);
-    if (from >= to) {
-        throw_bad_request("`from` (" + time_text(from) + ") does not lie before `to` (" +
-                          time_text(to) + ").");
-    }
+    check_span(from, to);
     reader_pool::lent store = with.stored.lend(asked.deadline);
     const known_test_row test = find_test(*store, id_in_path(asked, "test"));
     series all;

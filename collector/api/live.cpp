@@ -132,7 +132,7 @@ struct live_messages::state {
         std::vector<kept_record> records = {};
         std::vector<kept_event> events = {};
         ::state worst = ::state::unknown;
-        int64_t since = 0;
+        int64_t since = 0, retired = 0; /* 0: it is not */
         json::object tests = {};
 
         size_t size() const {
@@ -276,8 +276,11 @@ struct live_messages::state {
         if (what.worst == ::state::stale) {
             reference.emplace("stale", true);
         }
-        reference.emplace("since", json_time(what.since));
+        reference.emplace("since", what.retired != 0 ? json::value() : json_time(what.since));
         reference.emplace("tests", std::move(what.tests));
+        if (what.retired != 0) { /* as it is read by its id from now on */
+            reference.emplace("retired", json_time(what.retired));
+        }
         hub.publish(hub_kind::agent, what.agent, 0, json_text(reference));
     }
 
@@ -393,18 +396,16 @@ void live_messages::on_agent(int64_t id, std::string_view account, std::string_v
     s.put(std::move(told));
 }
 
-/* As it is read by its id from now on. */
 void live_messages::on_retired(int64_t id, std::string_view account, std::string_view agent,
                                int64_t time) {
-    if (!state_->begin()) {
-        return;
+    if (state_->begin()) {
+        state_->put({.is_heard_of = true,
+                     .agent = id,
+                     .account = std::string(account),
+                     .name = std::string(agent),
+                     .retired = time,
+                     .tests = json_counts({})});
     }
-    json::object object = agent_reference(id, account, agent);
-    object.emplace("state", shown_word(::state::unknown));
-    object.emplace("since", nullptr);
-    object.emplace("tests", json_counts({}));
-    object.emplace("retired", json_time(time));
-    state_->hub.publish(hub_kind::agent, id, 0, json_text(object));
 }
 
 /* To the end also when memory is short: what the reader sees must not be held for long. */

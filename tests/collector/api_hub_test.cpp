@@ -4,6 +4,10 @@
 #include "api_place.h"
 #include "eventually.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <pthread.h>
 #include <thread>
 
 namespace json = boost::json;
@@ -306,6 +310,41 @@ TEST_F(live_test, an_agent_is_retired) {
     hub.read(before, {.agent = 1}, SIZE_MAX, found, lost);
     EXPECT_TRUE(found.empty());
     EXPECT_EQ(before, hub.newest()) << "nothing is left to look at";
+}
+
+/* Also when the thread that makes messages has not come to them yet. */
+TEST_F(live_test, a_retirement_comes_behind_what_came_before) {
+    std::atomic<bool> is_held = false, go = false;
+    const uint64_t holder = hub.subscribe([&] {
+        char name[16] = "";
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        is_held = is_held || strcmp(name, "live") == 0;
+        while (strcmp(name, "live") == 0 && !go) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    submit(load_record(5, api_noon));
+    EXPECT_TRUE(eventually([&] { return is_held.load(); }));
+    now += 60;
+    submit(load_record(5, api_noon + 60));
+    retire_stored(*with, 1);
+    go = true;
+    std::vector<hub_message> found;
+    auto is_told = [&] {
+        bool lost = false;
+        uint64_t from = position;
+        hub.read(from, {}, SIZE_MAX, found, lost);
+        return std::any_of(found.begin(), found.end(), [](const hub_message& each) {
+            return each.json->find("\"retired\"") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(eventually(is_told));
+    hub.unsubscribe(holder);
+    ASSERT_FALSE(found.empty());
+    EXPECT_NE(found.back().json->find("\"retired\""), std::string::npos) << *found.back().json;
+    EXPECT_EQ(std::count_if(found.begin(), found.end(),
+                            [](const hub_message& each) { return each.kind == hub_kind::result; }),
+              2);
 }
 
 TEST_F(live_test, nothing_while_nobody_listens) {

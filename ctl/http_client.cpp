@@ -11,21 +11,22 @@
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <chrono>
 #include <exception>
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 #include <optional>
+#include <sstream>
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
 using asio::use_awaitable;
 using std::chrono::seconds;
-using tls_stream = beast::ssl_stream<beast::tcp_stream>;
+using tls_stream = asio::ssl::stream<beast::tcp_stream>;
 
 namespace {
 
@@ -99,7 +100,10 @@ asio::awaitable<void> read_stream(Stream& stream, exchange& of, beast::flat_buff
 template <typename Stream>
 asio::awaitable<void> talk(Stream& stream, exchange& of) {
     lowest(stream).expires_after(answer_time);
-    co_await http::async_write(stream, of.request, use_awaitable);
+    std::ostringstream request; /* small, and so in one piece */
+    request << of.request;
+    const std::string bytes = std::move(request).str();
+    co_await asio::async_write(stream, asio::buffer(bytes), use_awaitable);
     beast::flat_buffer buffer;
     http::response_parser<http::empty_body> head;
     head.header_limit(most_head);

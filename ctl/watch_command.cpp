@@ -43,7 +43,9 @@ std::string line_of(const place& here, const std::string& event, const json::obj
     std::string agent = agent_text(here, is_agent ? what : object_in(what, "agent"), account);
     std::string test = text_cell(here, object_in(what, "test"), "name");
     std::string rest;
-    if (is_agent) {
+    if (is_agent && what.contains("retired")) {
+        rest = "retired";
+    } else if (is_agent) {
         const json::object& tests = object_in(what, "tests");
         rest = number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +
                number_cell(tests, "unknown") + " unknown";

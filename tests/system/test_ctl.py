@@ -549,6 +549,9 @@ class Odd(CtlTest):
         self.assertEqual([headers.get("Last-Event-ID") for _, headers in server.asked], [None, "r-1", "r-1"])
         self.assertEqual(self.told.count("trying again"), 2)
         self.assertIn("messages were lost", self.told)
+        self.serve(begin + b'event: agent\ndata: {"account":"a","name":"b","state":"unknown","retired":"2026-05-01T12:00:00Z"}'
+                   b"\n\n")
+        self.assertRegex(self.ctl("watch", "--limit", "1"), r"agent +unknown +a/b +retired$")
         self.serve(begin + b"data: no json\n\n")
         self.ctl("watch", status=3)
         self.serve((403, "application/problem+json", '{"detail": "No."}'))

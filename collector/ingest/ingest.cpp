@@ -490,17 +490,16 @@ void writer::count(const queued_block& b) {
 /* ---- what others want changed ---- */
 
 void writer::want(wanted more) {
-    {
-        std::lock_guard hold(wanted_mutex_);
-        if (takes_changes_) {
-            wanted_.push_back(std::move(more));
-            more.done = nullptr;
-        }
-    }
-    if (more.done) {
-        more.done(false, "the collector is stopping");
-    } else {
+    std::unique_lock hold(wanted_mutex_);
+    if (takes_changes_) {
+        wanted_.push_back(std::move(more));
+        hold.unlock();
         queue_.nudge();
+    } else {
+        hold.unlock();
+        if (more.done) {
+            more.done(false, "the collector is stopping");
+        }
     }
 }
 

@@ -19,7 +19,7 @@ static constexpr size_t rate = 64u
                                << 10;  /* bytes a second that a reader of an answer has to take */
 static constexpr size_t little = 1024; /* bytes, that each connection may have */
 static constexpr int full_stream_pause_s = 5;
-static constexpr size_t woken_at_once = 64;
+static constexpr size_t woken_at_once = 16;
 static constexpr auto look_at_token_every = 1s; /* before a stream goes on */
 static constexpr size_t most_said = 64u << 10;  /* bytes, by who listens to a stream */
 

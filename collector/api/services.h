@@ -5,6 +5,8 @@
 #include "api/hub.h"
 #include "ingest/counters.h"
 #include "ingest/ingest.h"
+#include "ingest/known_agents.h"
+#include "plan/known_secrets.h"
 #include "store/engine.h"
 #include "store/settings.h"
 
@@ -14,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,11 +66,21 @@ private:
     std::unique_ptr<result_reader> reader_;
 };
 
+struct enrolment_place {
+    std::string url;
+    std::optional<protocol::sha256> authority; /* none: it cannot be told */
+};
+
 struct api_services {
     reader_pool& stored;
     ingest& results; /* changes what is stored: ingest::update() */
     event_hub& hub;
-    settings& kept; /* tokens */
+    settings& kept;       /* tokens */
+    known_agents& agents; /* who is let in */
+    /* What a host is told to enrol with: where agents poll ("https://collector.example.org:8443"),
+     * and the SHA-256 of the authority that it verifies the server with. */
+    std::function<enrolment_place()> where_agents_poll;
+    known_secrets& secrets; /* that tests use */
     const counters& counted;
     std::function<int64_t()> now; /* seconds since the epoch */
     /* Has the agent do all its planned tests now, with its next poll; false when it has no session

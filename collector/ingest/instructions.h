@@ -19,12 +19,14 @@ public:
     /* Highest serial of a line so far: an agent that has everything is up to here. */
     virtual uint64_t newest() const = 0;
 
-    /* The body of the answer to a login, and to a poll of an agent that is up to `serial`. */
+    /* The body of the answer to a login, and to a poll of an agent that is up to `serial`. Lines
+     * with secrets in them are for agents that are `proven` alone; others are told nothing of them.
+     */
     virtual std::string text_for_login(const session& of) const = 0;
-    virtual std::string text_after(uint64_t serial) const = 0;
+    virtual std::string text_after(const session& of, uint64_t serial) const = 0;
 
     /* Has an agent that is up to date do all its tests at once. */
-    virtual std::string text_for_check() = 0;
+    virtual std::string text_for_check(const session& of) = 0;
 
     /* The agent has the answer to its login. */
     virtual void login_arrived(const session& of) = 0;

@@ -36,6 +36,10 @@ struct session {
     std::string address; /* where it was used last, as text; empty: not known */
     std::string version; /* what the agent calls its version; empty: not known */
 
+    /* It began with a certificate of its name: so does each poll of it. Such an agent may be told
+     * secrets. */
+    bool proven = false;
+
     /* The agent had a session before: it ran already when it logged in, and may have tests. */
     bool running = false;
     uint64_t polls = 0; /* with the first one, the answer to the login has arrived */

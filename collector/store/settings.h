@@ -1,7 +1,8 @@
-/* What people decided, beside what agents reported: at the moment the tokens with which the API is
- * asked. In a small file of its own, settings.db, so that it outlives a damaged results.db, and is
- * written also while results cannot be. Several processes may have it open: the collector, and
- * `vindral-collector token` beside it; each change is one transaction, and waits for another's.
+/* What people decided, beside what agents reported: the tokens with which the API is asked, which
+ * agents are let in, the secrets that tests use. In a small file of its own, settings.db, so that
+ * it outlives a damaged results.db, and is written also while results cannot be. Several processes
+ * may have it open: the collector, and `vindral-collector token` beside it; each change is one
+ * transaction, and waits for another's.
  *
  * Nothing in it is a secret in clear: of tokens the SHA-256 is kept, of 256 random bits each, which
  * nobody can guess back. The file is readable by its owner only all the same.
@@ -37,6 +38,37 @@ struct stored_token {
     int64_t parent = 0;         /* the token that a session was begun with; 0: by a link */
 };
 
+/* An agent's name, and what it takes to go by it. */
+struct stored_identity {
+    std::string account, agent;
+    int64_t admitted = 0;   /* since; 0: it is not */
+    std::string by = {};    /* the token of who admitted, invited or revoked it last */
+    uint32_t highest = 0;   /* generation of certificates that was given out; 0: none ever */
+    uint32_t good_from = 0; /* older generations are refused; 0: it has never proven itself */
+    int64_t revoked = 0;    /* since; 0: it is not */
+    /* Of the certificate that was given out last; ends 0: none. */
+    token_hash key = {}, authority = {};
+    int64_t issued = 0, ends = 0;
+    token_hash knows = {}; /* SHA-256 of what GET /authority answered it last, with proof */
+};
+
+/* What one enrolment token opens. */
+struct stored_enrolment {
+    token_hash hash = {}; /* SHA-256 of the secret in it */
+    std::string account, agent;
+    std::string by;
+    int64_t made = 0, ends = 0;
+    std::optional<token_hash> key = {}; /* that it was used with */
+    uint32_t generation = 0;            /* of the certificate that it opened; 0: not used yet */
+};
+
+/* A secret of tests, sealed (base/sealing.h). */
+struct stored_secret {
+    std::string name, sealed, by;
+    int64_t made = 0;    /* when this value was set */
+    uint64_t serial = 0; /* given by put_secret(); rises with each value of any, never twice */
+};
+
 /* One connection, any thread. The calls return false with one line in `error`. */
 class settings {
 public:
@@ -63,6 +95,45 @@ public:
      * transaction, so that it opens once. */
     virtual bool find_token(const token_hash& hash, int64_t now, std::optional<stored_token>& found,
                             std::string& error) = 0;
+    /* The identities, each name once. put_ replaces what is kept of the name. */
+    virtual bool for_each_identity(const std::function<void(const stored_identity&)>& each,
+                                   std::string& error) = 0;
+    virtual bool put_identity(const stored_identity& what, std::string& error) = 0;
+    virtual bool drop_identity(std::string_view account, std::string_view agent,
+                               std::string& error) = 0;
+    /* What was kept is changed by `change`, in one transaction with the reading (a new one of that
+     * name when there is none); nothing is when it returns false. */
+    virtual bool change_identity(std::string_view account, std::string_view agent,
+                                 const std::function<bool(stored_identity&)>& change,
+                                 std::string& error) = 0;
+
+    /* Those that ended a day ago are dropped on the way. */
+    virtual bool add_enrolment(const stored_enrolment& what, std::string& error) = 0;
+    /* Opens it for that key: in one transaction the token is used, and its name admitted, no longer
+     * revoked, with one more generation in `highest`. The second time with the same key, within its
+     * time, it gives the same. */
+    enum class opened : uint8_t {
+        yes,
+        no_token, /* none of that hash */
+        late,
+        used,      /* with another key */
+        other_name /* `account` or `agent` is not empty and not the token's; nothing is used */
+    };
+    virtual bool open_enrolment(const token_hash& hash, const token_hash& key,
+                                std::string_view account, std::string_view agent, int64_t now,
+                                opened& what, stored_enrolment& found, std::string& error) = 0;
+    /* All tokens of the name that are not used yet: it is revoked, or refused. */
+    virtual bool drop_enrolments(std::string_view account, std::string_view agent,
+                                 std::string& error) = 0;
+    virtual bool for_each_enrolment(const std::function<void(const stored_enrolment&)>& each,
+                                    std::string& error) = 0;
+
+    virtual bool put_secret(const stored_secret& what, std::string& error) = 0;
+    /* False, `error` empty, when there is none. */
+    virtual bool drop_secret(std::string_view name, std::string& error) = 0;
+    virtual bool for_each_secret(const std::function<void(const stored_secret&)>& each,
+                                 std::string& error) = 0;
+
     /* Whether somebody, this process too, has changed something since the last call. Cheap. */
     virtual bool has_changed() = 0;
 };

@@ -1,0 +1,65 @@
+/* The authority that signs agents' certificates, and nothing else; not the one that signs the
+ * server's. Of the state directory: agents-ca.pem and agents-ca-key.pem, made at the first start
+ * (20 years, ECDSA P-256), and, while authorities are exchanged, agents-ca-old.pem, the one before,
+ * whose certificates are good as well until the exchange is finished.
+ *
+ * A certificate is an agent's when one of these signed it, it is valid now, is meant for clients
+ * and has the one name of protocol/enrolment.h. Its serial number says which generation of that
+ * name's certificates it is of (4 bytes, from 1 on) in front of 12 random ones. */
+#ifndef VINDRAL_COLLECTOR_AGENT_AUTHORITY_H
+#define VINDRAL_COLLECTOR_AGENT_AUTHORITY_H
+
+#include "base/certificate.h"
+#include "protocol/enrolment.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+constexpr int agent_certificate_days = 90; /* vindral-enrol renews when a third is left */
+
+/* What a certificate of an agent says. */
+struct agent_proof {
+    protocol::agent_identity who;
+    uint32_t generation = 0;
+    protocol::sha256 key{};       /* SHA-256 of its public key (SubjectPublicKeyInfo, DER) */
+    protocol::sha256 authority{}; /* of the certificate that signed it (DER) */
+    int64_t begins = 0, ends = 0; /* seconds since the epoch */
+};
+
+class agent_authority {
+public:
+    /* Made when it is missing. False with one line in `error`. */
+    bool open(const std::string& directory, std::string& error);
+
+    /* Whose certificates are good: the one that signs first. */
+    const std::vector<x509_ptr>& accepted() const { return accepted_; }
+    const protocol::sha256& signing() const { return signing_; } /* SHA-256 of the one that signs */
+
+    /* What the certificate says; nothing is verified. None when it is no agent's. */
+    std::optional<agent_proof> read(X509* certificate) const;
+
+    /* Whether it is a good one now: signed by one of these, within its time, for clients. The
+     * reason (X509_V_OK or another X509_V_ERR_) is that of OpenSSL. */
+    int verify(X509* certificate) const;
+
+    /* The certificate for the key of a request (PEM), of `days` days, begun a day ago; "" with one
+     * line in `error` for a request that is malformed, not signed with its own key, or whose key is
+     * none of ECDSA P-256 or P-384, Ed25519, RSA of 2048 to 4096 bits. `says` is what it says. */
+    std::string sign(std::string_view request, const protocol::agent_identity& who,
+                     uint32_t generation, int days, agent_proof& says, std::string& error) const;
+
+private:
+    key_ptr key_;
+    std::vector<x509_ptr> accepted_;
+    protocol::sha256 signing_{};
+};
+
+/* The hash of the key that a request (PEM) is for; none for what is malformed or not signed with
+ * it. */
+std::optional<protocol::sha256> key_of_request(std::string_view request, std::string& error);
+protocol::sha256 hash_of_certificate(X509* certificate); /* SHA-256 of its DER */
+std::string fingerprint(const protocol::sha256& hash);   /* "SHA256:" and base64, as ssh has them */
+
+#endif

@@ -13,6 +13,7 @@
 #include "protocol/enrolment.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>

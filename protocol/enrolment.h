@@ -12,9 +12,13 @@
  *     by a certificate    of the handshake, without Vnd-Token: the same names once more, renewed.
  *     with neither        Vnd-EMail and Vnd-AName say who it wants to be: it waits until it is
  *                         admitted, and asks again.
- *   answers   200  PEM: the agent's certificate. The same key and token get one again: an answer
- * may be lost. 202  waits to be admitted: ask again in some seconds 400  no sense in it         403
- * refused, for good; the body says why, in a line 503  not now: ask again in some seconds
+ *
+ * What is answered to it:
+ *   200  PEM: the agent's certificate. The same key and token get one again: an answer may be lost
+ *   202  waits to be admitted: ask again in some seconds
+ *   400  no sense in it
+ *   403  refused, for good; the body says why, in a line
+ *   503  not now: ask again in some seconds
  *
  * A token opens once, for one key, within its time. In it stand its secret, and the SHA-256 of the
  * certificate (DER) of the authority that the server is verified with: a host that has nothing but
@@ -54,7 +58,7 @@ struct agent_identity {
     std::string account, agent;
     bool operator==(const agent_identity&) const = default;
 };
-std::string identity_uri(const agent_identity& of);
+std::string identity_uri(const agent_identity& of); /* "" for what are no names */
 std::optional<agent_identity> read_identity_uri(std::string_view uri);
 
 } // namespace protocol

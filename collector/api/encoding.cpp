@@ -19,9 +19,6 @@ int hex_digit(char c) {
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-constexpr std::string_view digits =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-
 char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -71,41 +68,6 @@ std::optional<std::string> percent_decoded(std::string_view text, bool plus_is_s
         }
     }
     return plain;
-}
-
-std::string base64url(std::string_view bytes) {
-    std::string text;
-    uint32_t held = 0;
-    int bits = 0;
-    for (char c : bytes) {
-        held = held << 8 | static_cast<unsigned char>(c);
-        for (bits += 8; bits >= 6; bits -= 6) {
-            text += digits[held >> (bits - 6) & 63];
-        }
-    }
-    if (bits > 0) {
-        text += digits[held << (6 - bits) & 63];
-    }
-    return text;
-}
-
-std::optional<std::string> from_base64url(std::string_view text) {
-    std::string bytes;
-    uint32_t held = 0;
-    int bits = 0;
-    for (char c : text) {
-        size_t digit = digits.find(c);
-        if (digit == std::string_view::npos) {
-            return std::nullopt;
-        }
-        held = held << 6 | static_cast<uint32_t>(digit);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            bytes += static_cast<char>(held >> bits & 255);
-        }
-    }
-    return bits < 6 && (held & ((1u << bits) - 1)) == 0 ? std::optional(bytes) : std::nullopt;
 }
 
 std::optional<int64_t> read_time(std::string_view text) {

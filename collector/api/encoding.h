@@ -2,6 +2,8 @@
 #ifndef VINDRAL_COLLECTOR_ENCODING_H
 #define VINDRAL_COLLECTOR_ENCODING_H
 
+#include "protocol/base64url.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,9 +13,8 @@
  * '%' without two digits behind it. */
 std::optional<std::string> percent_decoded(std::string_view text, bool plus_is_space);
 
-/* Without padding. What is no such text is none. */
-std::string base64url(std::string_view bytes);
-std::optional<std::string> from_base64url(std::string_view text);
+using protocol::base64url;
+using protocol::from_base64url;
 
 /* RFC 3339: "2026-05-01T12:00:00Z", "2026-05-01t14:00:00.5+02:00"; fractions are cut off, a leap
  * second is the one after it. In place of the '+' there may be a space, which is what becomes of it

@@ -3,7 +3,7 @@
 core, what a poll waits, what a result takes on disk, and how long reading takes, with a history and while results
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
-    tests/bench/fleet.py [load] [history] [drop] [test] [api] [peers] [--agents 1000] [--days 2] [--before 30]
+    tests/bench/fleet.py [load] [history] [drop] [test] [api] [proven] [peers] [--agents 1000] [--days 2] [--before 30]
         [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY] [--ahead]
 
 `load`: polls to an empty collector, at the same time to that of another version with --beside.
@@ -13,7 +13,8 @@ found there. --ahead: what reads (and the peers) goes before everything else on 
 (chrt, as root). `api`: what who asks waits, and what polls cost meanwhile: a table by thread, in turns of --phase
 seconds, with nobody asking, lists and series asked, --readers streams read, both, and --stalled streams that nobody
 reads; with --beside also those of another version that nobody asks. --store as with `history`; without, there is
-nothing but what comes, and series are short. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
+nothing but what comes, and series are short. `proven`: what polls cost a collector of agents that prove themselves by a certificate,
+beside two of agents that do not, in both orders. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
 two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
 import argparse
@@ -287,8 +288,9 @@ def resident(pid):
 class Polled:
     """A collector with the fleet, and what its polls took."""
 
-    def __init__(self, name, home, options, web=(), program=None):
+    def __init__(self, name, home, options, web=(), program=None, certificates=None):
         self.name, self.options = name, options
+        self.certificates = ["--certificates", certificates] if certificates else []
         self.each = os.path.join(home, "each")
         if os.path.exists(self.each):
             os.unlink(self.each)
@@ -299,7 +301,8 @@ class Polled:
         seconds = 3600 * 24
         self.fleet = subprocess.Popen(
             [os.path.join(whole.BENCH, "fleet_load"), "--port", str(self.port), "--agents", str(self.options.agents),
-             "--interval", str(self.options.interval), "--seconds", str(seconds), "--each", self.each],
+             "--interval", str(self.options.interval), "--seconds", str(seconds), "--each", self.each,
+             *self.certificates],
             stdout=subprocess.DEVNULL)
         whole.count_on(self.fleet, "fleet_load")
 
@@ -311,6 +314,7 @@ class Polled:
         return Threads(self.process.pid)
 
     def tell(self, phase, before, after):
+        """And the us of the processor that a poll took."""
         with open(self.each, encoding="ascii") as file:
             lines = [line.split() for line in file if line.endswith("\n")]
         took = sorted(float(ms) for at, ms in lines if before.at <= float(at) < after.at)
@@ -323,6 +327,7 @@ class Polled:
         print("  %-14s %-12s %5d polls, %d failed; p50 %.1f, p99 %.1f, most %.1f ms; us a poll: %s; %s" % (
             self.name, phase, len(took), failed, took[len(took) // 2], took[len(took) * 99 // 100], took[-1],
             ", ".join(by_thread), resident(self.process.pid)), flush=True)
+        return 1e6 * (sum(after.ran.values()) - sum(before.ran.values())) / len(took)
 
     def end(self):
         if self.fleet:
@@ -390,7 +395,45 @@ def api_beside(options, home, all_of_them, port_file):
         time.sleep(5)
 
 
-PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "peers": peers}
+def proven(options, home):
+    """Each order of starting in turn: who is started first is better off. The second collector without proof shows how
+    far two of the same are apart; the one that does not ask for proof has the certificates looked at, too."""
+    kinds = (("unproven", "any", False), ("proven", "proven", True), ("shown to any", "any", True),
+             ("unproven again", "any", False))
+    took = {name: [] for name, _, _ in kinds}
+    for order in (kinds, kinds[::-1]) * options.rounds:
+        place = tempfile.mkdtemp(dir=home)
+        fleets = []
+        try:
+            for name, mode, shows in order:
+                own = os.path.join(place, name)
+                os.mkdir(own)
+                certificates = os.path.join(own, "certificates") if shows else None
+                if shows and tool("fleet_identities", os.path.join(own, "state"), certificates, "fleet@example.org",
+                                  "host", options.agents).returncode != 0:
+                    sys.exit("no certificates")
+                fleets.append(Polled(name, own, options, ["--agents", mode], certificates=certificates))
+            for fleet in fleets:
+                fleet.begin()
+            for fleet in fleets:
+                fleet.wait()
+            time.sleep(options.interval)  # who has not polled yet costs more
+            before = [fleet.look() for fleet in fleets]
+            time.sleep(options.phase)
+            after = [fleet.look() for fleet in fleets]
+            for fleet, first, last in zip(fleets, before, after):
+                took[fleet.name].append(fleet.tell("", first, last))
+        finally:
+            for fleet in fleets:
+                fleet.end()
+    base = took["unproven"]
+    for name, each in took.items():
+        print("  %-14s us a poll: %s; %s times the unproven one" % (
+            name, ", ".join("%.0f" % us for us in each), ", ".join("%.2f" % (us / of) for us, of in zip(each, base))),
+            flush=True)
+
+
+PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "proven": proven, "peers": peers}
 
 
 def main():

@@ -2,13 +2,15 @@
  * them spread over it; each poll is a TCP connect, a full TLS handshake, a POST and the close.
  *
  *   fleet_load --port N [--agents N] [--interval S] [--seconds S] [--first N] [--pid P] [--each
- * FILE]
+ * FILE] [--certificates DIRECTORY]
  *
  * Prints how long polls took, and what the server's process P took of the processor for them. An
  * interval before these seconds does not count: who has logged in and not polled yet costs more.
  * FILE gets a line of each poll: when it began (CLOCK_MONOTONIC, seconds) and its milliseconds,
- * which are negative when it failed. */
+ * which are negative when it failed. With a DIRECTORY of fleet_identities (of
+ * fleet@example.org, "host") each agent shows its certificate. */
 #include "fleet.h"
+#include "shown.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -39,11 +41,19 @@ std::mutex mutex;
 std::vector<double> took;
 double sent_bytes = 0, counts_from = 0;
 FILE* each = nullptr;
+const char* certificates = nullptr;
 
 struct client {
     uint32_t number = 0;
     fleet_agent values{0};
     std::string session = {};
+    shown proof = {};
+
+    std::string name() const {
+        char text[32];
+        snprintf(text, sizeof text, "host%04u", number);
+        return text;
+    }
 };
 
 double now() {
@@ -52,7 +62,7 @@ double now() {
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
-std::string exchange(SSL_CTX* context, const std::string& request) {
+std::string exchange(SSL_CTX* context, const shown& proof, const std::string& request) {
     int sk = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int on = 1;
     setsockopt(sk, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -64,6 +74,7 @@ std::string exchange(SSL_CTX* context, const std::string& request) {
     SSL* session = nullptr;
     if (connect(sk, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) {
         session = SSL_new(context);
+        proof.give(session);
         SSL_set_fd(session, sk);
         if (SSL_connect(session) == 1 &&
             SSL_write(session, request.data(), static_cast<int>(request.size())) > 0) {
@@ -94,13 +105,11 @@ const char* const head =
     "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n";
 
 bool log_in(SSL_CTX* context, client& c) {
-    char name[32];
-    snprintf(name, sizeof name, "host%04u", c.number);
-    c.session = header(exchange(context, std::string(head) +
-                                             "Content-Length: 0\r\nVnd-EMail: fleet@example.org\r\n"
-                                             "Vnd-AName: " +
-                                             name + "\r\n\r\n"),
-                       "Vnd-SessionID:");
+    std::string request = head;
+    request += "Content-Length: 0\r\nVnd-EMail: fleet@example.org\r\nVnd-AName: ";
+    request += c.name();
+    request += "\r\n\r\n";
+    c.session = header(exchange(context, c.proof, request), "Vnd-SessionID:");
     return !c.session.empty();
 }
 
@@ -112,9 +121,10 @@ bool poll(SSL_CTX* context, client& c) {
                                 static_cast<uInt>(body.size()));
     const double began = now();
     std::string answer =
-        exchange(context, std::string(head) + "Content-Length: " + std::to_string(body.size()) +
-                              "\r\nVnd-SessionID: " + c.session + "\r\nVnd-Compression: 0\r\n" +
-                              "Vnd-CheckSum: " + std::to_string(sum) + "\r\n\r\n" + body);
+        exchange(context, c.proof,
+                 std::string(head) + "Content-Length: " + std::to_string(body.size()) +
+                     "\r\nVnd-SessionID: " + c.session + "\r\nVnd-Compression: 0\r\n" +
+                     "Vnd-CheckSum: " + std::to_string(sum) + "\r\n\r\n" + body);
     double ms = 1000 * (now() - began);
     size_t end = answer.find("\r\n\r\n");
     const bool good =
@@ -162,10 +172,12 @@ double process_ms(int pid) {
 } // namespace
 
 int main(int argc, char** argv) {
-    static const option options[] = {{"port", 1, nullptr, 'p'},     {"agents", 1, nullptr, 'a'},
-                                     {"interval", 1, nullptr, 'i'}, {"seconds", 1, nullptr, 's'},
-                                     {"first", 1, nullptr, 'f'},    {"pid", 1, nullptr, 'P'},
-                                     {"each", 1, nullptr, 'e'},     {nullptr, 0, nullptr, 0}};
+    static const option options[] = {
+        {"port", 1, nullptr, 'p'},     {"agents", 1, nullptr, 'a'},
+        {"interval", 1, nullptr, 'i'}, {"seconds", 1, nullptr, 's'},
+        {"first", 1, nullptr, 'f'},    {"pid", 1, nullptr, 'P'},
+        {"each", 1, nullptr, 'e'},     {"certificates", 1, nullptr, 'c'},
+        {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
         switch (c) {
         case 'p':
@@ -194,6 +206,9 @@ int main(int argc, char** argv) {
             }
             setvbuf(each, nullptr, _IOLBF, 0);
             break;
+        case 'c':
+            certificates = optarg;
+            break;
         default:
             return 2;
         }
@@ -204,6 +219,9 @@ int main(int argc, char** argv) {
     std::vector<client> fleet;
     for (uint32_t i = 0; i < agents; i++) {
         fleet.push_back({.number = first + i, .values = fleet_agent(first + i)});
+        if (certificates && !fleet.back().proof.read(certificates, fleet.back().name())) {
+            return 1;
+        }
         if (!log_in(context, fleet.back())) {
             fprintf(stderr, "agent %u: no session\n", i);
             return 1;

@@ -2,11 +2,14 @@
  * POST, the answer up to the end of the session, and the close, as an agent's poll is.
  *
  *   poll_load --port N [--seconds S] [--threads T] [--body BYTES] [--pid P] [--plain-answers]
+ *             [--certificates DIRECTORY]
  *
  * Each thread is an agent of its own: it logs in and then posts blocks of load-average records that
  * differ from poll to poll. With --plain-answers nothing is logged in and any answer counts (for a
- * web server beside it). With --pid the processor time of that process is read before and after.
+ * web server beside it). With a DIRECTORY of fleet_identities (of load@example.org, "load") each
+ * shows its certificate. With --pid the processor time of that process is read before and after.
  * Prints connections a second, and the processor time per connection of both sides. */
+#include "shown.h"
 #include "udc.h"
 
 #include <arpa/inet.h>
@@ -31,6 +34,7 @@
 
 static int port = 8443, seconds = 5, thread_count = 8, body_size = 2048, target_pid = 0;
 static bool plain_answers = false;
+static const char* certificates = nullptr;
 static std::atomic<bool> over{false};
 static std::atomic<long> done{0}, failed{0};
 
@@ -56,7 +60,8 @@ static std::string make_block(int agent, int poll) {
 }
 
 /* One exchange; the answer, or nothing when it failed. */
-static std::string exchange(SSL_CTX* context, const std::string& head, const std::string& body) {
+static std::string exchange(SSL_CTX* context, const shown& proof, const std::string& head,
+                            const std::string& body) {
     int sk = socket(AF_INET, SOCK_STREAM, 0);
     int on = 1;
     setsockopt(sk, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -68,6 +73,7 @@ static std::string exchange(SSL_CTX* context, const std::string& head, const std
     SSL* session = nullptr;
     if (connect(sk, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0) {
         session = SSL_new(context);
+        proof.give(session);
         SSL_set_fd(session, sk);
         if (SSL_connect(session) == 1 &&
             SSL_write(session, head.data(), static_cast<int>(head.size())) > 0 &&
@@ -100,10 +106,17 @@ static void run_agent(SSL_CTX* context, int agent) {
         "POST /fcgi-bin/agentgateway HTTP/1.0\r\nContent-Type: application/octet-stream\r\n";
     const std::string last = "Vnd-Platform: linux64\r\nVnd-Version: 3.0\r\n\r\n";
     std::string session = "none";
+    char name[32];
+    snprintf(name, sizeof name, "load%04d", agent);
+    shown proof;
+    if (certificates && !proof.read(certificates, name)) {
+        failed++;
+        return;
+    }
     if (!plain_answers) {
-        session = header(exchange(context,
+        session = header(exchange(context, proof,
                                   first + "Content-Length: 0\r\nVnd-EMail: load@example.org\r\n" +
-                                      "Vnd-AName: load" + std::to_string(agent) + "\r\n" + last,
+                                      "Vnd-AName: " + name + "\r\n" + last,
                                   ""),
                          "Vnd-SessionID:");
         if (session.empty()) {
@@ -117,7 +130,7 @@ static void run_agent(SSL_CTX* context, int agent) {
         unsigned long sum = adler32(adler32(0, nullptr, 0), reinterpret_cast<Bytef*>(body.data()),
                                     static_cast<uInt>(body.size()));
         std::string answer = exchange(
-            context,
+            context, proof,
             first + "Content-Length: " + std::to_string(body.size()) +
                 "\r\nVnd-SessionID: " + session +
                 "\r\nVnd-Compression: 0\r\nVnd-CheckSum: " + std::to_string(sum) + "\r\n" + last,
@@ -152,9 +165,10 @@ static double own_ms() {
 
 int main(int argc, char** argv) {
     static const option options[] = {
-        {"port", 1, nullptr, 'p'}, {"seconds", 1, nullptr, 's'}, {"threads", 1, nullptr, 't'},
-        {"body", 1, nullptr, 'b'}, {"pid", 1, nullptr, 'P'},     {"plain-answers", 0, nullptr, 'a'},
-        {nullptr, 0, nullptr, 0}};
+        {"port", 1, nullptr, 'p'},         {"seconds", 1, nullptr, 's'},
+        {"threads", 1, nullptr, 't'},      {"body", 1, nullptr, 'b'},
+        {"pid", 1, nullptr, 'P'},          {"plain-answers", 0, nullptr, 'a'},
+        {"certificates", 1, nullptr, 'c'}, {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
         switch (c) {
         case 'p':
@@ -174,6 +188,9 @@ int main(int argc, char** argv) {
             break;
         case 'a':
             plain_answers = true;
+            break;
+        case 'c':
+            certificates = optarg;
             break;
         default:
             return 2;

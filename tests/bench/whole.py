@@ -203,7 +203,12 @@ def start_nginx(home, certificate, key):
 
 def load(home):
     """Load on one core, the server on the other, in turns."""
+    proven_home, certificates = os.path.join(home, "proven"), os.path.join(home, "certificates")
+    os.mkdir(proven_home)
+    subprocess.run([os.path.join(BENCH, "fleet_identities"), os.path.join(proven_home, "state"), certificates,
+                    "load@example.org", "load", "32"], check=True, stdout=subprocess.DEVNULL, timeout=TOOL_S)
     collector, port = start_collector(home, "taskset", "-c", "0")
+    proven, proven_port = start_collector(proven_home, "taskset", "-c", "0", options=["--agents", "proven"])
     state = os.path.join(home, "state")
     pem = sorted(name for name in os.listdir(state) if name.endswith(".pem"))
     certificate = os.path.join(state, next(name for name in pem if "key" not in name))
@@ -211,12 +216,15 @@ def load(home):
     nginx, nginx_worker = start_nginx(home, certificate, key)
     for _ in range(3):
         for name, pid, at, more in (("nginx", nginx_worker, nginx.ports["port"], ["--plain-answers"]),
-                                    ("collector", collector.pid, port, [])):
+                                    ("collector", collector.pid, port, []),
+                                    ("collector, proven agents", proven.pid, proven_port,
+                                     ["--certificates", certificates])):
             print(name + ": ", end="", flush=True)
             subprocess.run(["taskset", "-c", "1", os.path.join(BENCH, "poll_load"), "--port", str(at),
                             "--seconds", "5", "--threads", "32", "--pid", str(pid), *more], check=False,
                            timeout=TOOL_S)
     end(nginx.process)
+    end(proven)
     end(collector)
 
 

@@ -92,6 +92,7 @@ struct api_services {
     std::function<std::vector<std::string>(bool& ready)>
         readiness; /* what is not as it should be */
     std::string version;
+    std::vector<std::string> allowed_accounts = {}; /* that may log in; empty: all */
 };
 
 /* Runs `what` on the store's thread in a transaction of its own and waits for its end; throws

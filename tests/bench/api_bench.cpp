@@ -6,6 +6,7 @@
 #include "api/route.h"
 #include "api/services.h"
 #include "ingest/ingest.h"
+#include "tests/support/decisions_in_memory.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,7 +25,7 @@ double now_ms() {
 }
 
 /* Nothing is changed here. */
-class no_settings final : public settings {
+class no_settings final : public decisions_in_memory {
     bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
     bool drop_token(int64_t, std::string&) override { return false; }
     bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
@@ -61,8 +62,22 @@ int main(int argc, char** argv) {
     event_hub hub;
     no_settings kept;
     counters counted;
-    api_services with{stored, results, hub, kept, counted, [] { return int64_t{time(nullptr)}; },
-                      {},     {},      {},  ""};
+    auto clock = [] { return int64_t{time(nullptr)}; };
+    known_agents agents(kept, agents_mode::any, clock);
+    known_secrets secrets(kept, argv[1]);
+    api_services with{.stored = stored,
+                      .results = results,
+                      .hub = hub,
+                      .kept = kept,
+                      .agents = agents,
+                      .where_agents_poll = {},
+                      .secrets = secrets,
+                      .counted = counted,
+                      .now = clock,
+                      .check_now = {},
+                      .send_away = {},
+                      .readiness = {},
+                      .version = ""};
     auto ask = [&](const std::string& target) {
         api_request asked;
         asked.who.may = role::viewer;

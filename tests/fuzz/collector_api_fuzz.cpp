@@ -9,6 +9,7 @@
 #include "base/text.h"
 #include "fuzz.h"
 #include "ingest/ingest.h"
+#include "tests/support/decisions_in_memory.h"
 #include "tests/support/open_metrics.h"
 
 #include <boost/json.hpp>
@@ -21,7 +22,7 @@
 
 namespace {
 
-class no_settings final : public settings {
+class no_settings final : public decisions_in_memory {
     bool add_token(const stored_token& what, int64_t& id, std::string&) override {
         id = 7;
         return what.name != "taken";
@@ -95,15 +96,27 @@ public:
             require(done.get_future().get() == store_result::stored);
         }
         pool_ = std::make_unique<reader_pool>(directory_);
-        with_.reset(new api_services{*pool_, none_, hub_, kept_, counted_,
-                                     [] { return noon + 120; },
-                                     [](std::string_view, std::string_view) { return true; },
-                                     [](std::string_view, std::string_view) {},
-                                     [](bool& ready) {
-                                         ready = true;
-                                         return std::vector<std::string>();
-                                     },
-                                     "3.0"});
+        with_.reset(new api_services{
+            .stored = *pool_,
+            .results = none_,
+            .hub = hub_,
+            .kept = kept_,
+            .agents = agents_,
+            .where_agents_poll =
+                [] {
+                    return enrolment_place{"https://a.example:8443", protocol::sha256{}};
+                },
+            .secrets = secrets_,
+            .counted = counted_,
+            .now = [] { return noon + 120; },
+            .check_now = [](std::string_view, std::string_view) { return true; },
+            .send_away = [](std::string_view, std::string_view) {},
+            .readiness =
+                [](bool& ready) {
+                    ready = true;
+                    return std::vector<std::string>();
+                },
+            .version = "3.0"});
     }
     ~place() {
         with_.reset();
@@ -121,6 +134,8 @@ private:
     no_ingest none_;
     event_hub hub_;
     no_settings kept_;
+    known_agents agents_{kept_, agents_mode::proven, [] { return noon + 120; }};
+    known_secrets secrets_{kept_, directory_};
     counters counted_;
     std::unique_ptr<api_services> with_;
 };

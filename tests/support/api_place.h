@@ -10,6 +10,7 @@
 #include "ingest/ingest.h"
 
 #include "collector_test_support.h"
+#include "decisions_in_memory.h"
 #include "json_schema.h"
 
 #include <atomic>
@@ -73,7 +74,7 @@ private:
     ingest& to_;
 };
 
-class settings_in_memory final : public settings {
+class settings_in_memory final : public decisions_in_memory {
 public:
     bool add_token(const stored_token& what, int64_t& id, std::string& error) override {
         error = failure;
@@ -147,19 +148,30 @@ protected:
         ASSERT_TRUE(store) << error;
         noting = std::make_unique<noting_ingest>(*store);
         with.reset(new api_services{
-            stored, *noting, hub, kept, counted, [] { return now.load(); },
-            [this](std::string_view account, std::string_view agent) {
-                told.push_back("check " + std::string(account) + "/" + std::string(agent));
-                return has_session;
-            },
-            [this](std::string_view account, std::string_view agent) {
-                told.push_back("away " + std::string(account) + "/" + std::string(agent));
-            },
-            [this](bool& ready) {
-                ready = is_ready;
-                return notes;
-            },
-            "3.0"});
+            .stored = stored,
+            .results = *noting,
+            .hub = hub,
+            .kept = kept,
+            .agents = agents,
+            .where_agents_poll = [this] { return where; },
+            .secrets = secrets,
+            .counted = counted,
+            .now = [] { return now.load(); },
+            .check_now =
+                [this](std::string_view account, std::string_view agent) {
+                    told.push_back("check " + std::string(account) + "/" + std::string(agent));
+                    return has_session;
+                },
+            .send_away =
+                [this](std::string_view account, std::string_view agent) {
+                    told.push_back("away " + std::string(account) + "/" + std::string(agent));
+                },
+            .readiness =
+                [this](bool& ready) {
+                    ready = is_ready;
+                    return notes;
+                },
+            .version = "3.0"});
     }
 
     /* The store's thread has looked after agents and tests since the last block: that comes behind
@@ -278,6 +290,9 @@ protected:
     reader_pool stored{state};
     event_hub hub;
     settings_in_memory kept;
+    known_agents agents{kept, agents_mode::proven, [] { return now.load(); }};
+    known_secrets secrets{kept, state};
+    enrolment_place where{"https://collector.example.org:8443", protocol::sha256{1, 2, 3}};
     counters counted;
     std::unique_ptr<ingest> store;
     std::unique_ptr<noting_ingest> noting;

@@ -2,7 +2,7 @@
 #ifndef VINDRAL_COLLECTOR_WEB_BUDGET_H
 #define VINDRAL_COLLECTOR_WEB_BUDGET_H
 
-#include "web/rates.h"
+#include "base/rates.h"
 
 #include <algorithm>
 #include <atomic>

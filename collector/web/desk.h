@@ -7,7 +7,7 @@
 #include "api/request.h"
 #include "api/services.h"
 #include "store/settings.h"
-#include "web/rates.h"
+#include "base/rates.h"
 #include "web/request_head.h"
 #include "web/sign_in.h"
 #include "web/web_options.h"

@@ -5,7 +5,7 @@
 #ifndef VINDRAL_COLLECTOR_WEB_READERS_H
 #define VINDRAL_COLLECTOR_WEB_READERS_H
 
-#include "web/rates.h"
+#include "base/rates.h"
 
 #include <chrono>
 #include <condition_variable>

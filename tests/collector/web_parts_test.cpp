@@ -2,7 +2,7 @@
  * pieces of a stream. */
 #include "web/answer.h"
 #include "web/budget.h"
-#include "web/rates.h"
+#include "base/rates.h"
 #include "web/readers.h"
 #include "web/request_head.h"
 #include "web/stream.h"

@@ -1,7 +1,7 @@
 /* How often somebody may do something: so many times a minute, and after a pause as many at once.
  * No sockets, no clock. Any thread. */
-#ifndef VINDRAL_COLLECTOR_WEB_RATES_H
-#define VINDRAL_COLLECTOR_WEB_RATES_H
+#ifndef VINDRAL_COLLECTOR_RATES_H
+#define VINDRAL_COLLECTOR_RATES_H
 
 #include <chrono>
 #include <cstddef>

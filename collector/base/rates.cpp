@@ -1,4 +1,4 @@
-#include "web/rates.h"
+#include "base/rates.h"
 
 #include <algorithm>
 #include <cmath>

@@ -5,6 +5,7 @@
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
+#include "api/standings.h"
 #include "base/record_summary.h"
 #include "show/record_content.h"
 
@@ -26,7 +27,8 @@ const parameter_def list_parameters[] = {
     limit_parameter,
     next_parameter};
 
-json::object agent_object(const known_agent& row, const agent_state& now) {
+json::object agent_object(const known_agent& row, const agent_state& now,
+                          const known_agents& identities) {
     state worst = now.worst();
     json::object object = agent_reference(row.id, row.account, row.agent);
     object.emplace("state", shown_word(worst));
@@ -40,6 +42,9 @@ json::object agent_object(const known_agent& row, const agent_state& now) {
     object.emplace("version", json_or_null(row.version));
     object.emplace("groups", json::array());
     object.emplace("tests", json_counts(now));
+    object.emplace("identity",
+                   identity_word(state_of(
+                       identities.find(row.account, row.agent).value_or(agent_standing{}))));
     if (row.retired != 0) {
         object.emplace("retired", json_time(row.retired));
     }
@@ -74,7 +79,7 @@ api_answer list_agents(const api_request& asked, api_services& with) {
             next = next_text({last_account, last_name});
             return false;
         }
-        items.push_back(agent_object(row, now));
+        items.push_back(agent_object(row, now, with.agents));
         last_account = row.account;
         last_name = row.agent;
         return true;
@@ -133,7 +138,7 @@ api_answer one_agent(const api_request& asked, api_services& with) {
     std::string error;
     auto take = [&](const known_agent& row) {
         now.unpack(row.state);
-        object = agent_object(row, now);
+        object = agent_object(row, now, with.agents);
     };
     if (!store->read_agent(id, take, error)) {
         throw_unavailable("The agent cannot be read: " + error + ".");

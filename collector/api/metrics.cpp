@@ -5,6 +5,7 @@
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
+#include "api/standings.h"
 #include "base/process.h"
 #include "base/record_summary.h"
 #include "base/text.h"
@@ -111,6 +112,28 @@ void add_storing(metric_text& to, const counters& all, queue_load waiting) {
               "Polls whose results could not be stored when they came; the agents keep them.",
               all.store_failures);
     add_count(to, "vindral_events", "", "Changes of state that were stored.", all.events);
+}
+
+/* Names, not agents in the store: one that waits may never have polled. */
+void add_identities(metric_text& to, const known_agents& agents, int64_t now) {
+    std::array<uint64_t, identity_states> counts{};
+    uint64_t ending = 0;
+    for (const agent_standing& each : agents.all()) {
+        counts[static_cast<size_t>(state_of(each))]++;
+        const int64_t ends = each.kept.ends;
+        ending += each.kept.revoked == 0 && ends > now && ends <= now + ends_soon_s ? 1 : 0;
+    }
+    to.begin("vindral_identities", metric_type::gauge, "",
+             "Names of agents by how far they are let in.");
+    for (identity_state s :
+         {identity_state::waiting, identity_state::invited, identity_state::known,
+          identity_state::proven, identity_state::revoked}) {
+        to.add(static_cast<double>(counts[static_cast<size_t>(s)]),
+               label_text({{"state", identity_word(s)}}));
+    }
+    add_gauge(to, "vindral_certificates_ending", "",
+              "Certificates of agents that end within 30 days and have not been renewed.",
+              static_cast<double>(ending));
 }
 
 void add_place(metric_text& to, const std::string& file) {
@@ -318,6 +341,7 @@ api_answer metrics(const api_request& asked, api_services& with) {
     add_process(text, with.version);
     add_agents_side(text, with.counted);
     add_storing(text, with.counted, with.results.waiting());
+    add_identities(text, with.agents, with.now());
     add_stored(text, asked, with);
     api_answer answer;
     answer.type = format == metric_format::open_metrics ? open_metrics_type : metric_text_type;

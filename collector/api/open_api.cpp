@@ -146,9 +146,9 @@ json::object operation_of(const route& row) {
         operation.emplace("parameters", std::move(parameters));
     }
     if (*row.takes != '\0') {
-        operation.emplace(
-            "requestBody",
-            json::object{{"required", true}, {"content", body_of(row.takes, "application/json")}});
+        operation.emplace("requestBody",
+                          json::object{{"required", !row.may_lack_body},
+                                       {"content", body_of(row.takes, "application/json")}});
     }
     operation.emplace(
         "responses",

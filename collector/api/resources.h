@@ -10,6 +10,7 @@ std::span<const route> agent_routes();
 std::span<const route> test_routes();
 std::span<const route> result_routes();
 std::span<const route> series_routes();
+std::span<const route> enrolment_routes(); /* who may be an agent */
 std::span<const route> event_routes();
 std::span<const route> ledger_routes();
 std::span<const route> metric_routes();

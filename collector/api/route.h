@@ -55,6 +55,7 @@ struct route {
     const char* type = "application/json";                               /* of the answer */
     const char* other_type = ""; /* that it has instead where Accept wants that; "": none */
     session_change session = session_change::none;
+    bool may_lack_body = false; /* where it takes one */
 };
 
 /* All rows, by pattern. */

@@ -65,7 +65,7 @@ public:
 
     known_agents(settings& kept, agents_mode mode, std::function<int64_t()> now);
 
-    /* Reads what is kept; again whenever settings::has_changed() says so, and by refresh(). */
+    /* Reads what is kept; again whenever settings::version() is another, and by refresh(). */
     bool refresh(std::string& error);
     agents_mode mode() const { return mode_; }
 

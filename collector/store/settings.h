@@ -19,6 +19,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 enum class token_kind : uint8_t {
     token = 1,   /* of a script or a person, until it is removed */
@@ -38,7 +40,8 @@ struct stored_token {
     int64_t parent = 0;         /* the token that a session was begun with; 0: by a link */
 };
 
-/* An agent's name, and what it takes to go by it. */
+/* An agent's name, and what it takes to go by it. Names have 1 to 254 bytes, no control characters,
+ * and need not be UTF-8. */
 struct stored_identity {
     std::string account, agent;
     int64_t admitted = 0;   /* since; 0: it is not */
@@ -58,8 +61,9 @@ struct stored_enrolment {
     std::string account, agent;
     std::string by;
     int64_t made = 0, ends = 0;
-    std::optional<token_hash> key = {}; /* that it was used with */
-    uint32_t generation = 0;            /* of the certificate that it opened; 0: not used yet */
+    /* That it was used with, or, when the generation is 0, the only one that it opens for. */
+    std::optional<token_hash> key = {};
+    uint32_t generation = 0; /* of the certificate that it opened; 0: not used yet */
 };
 
 /* A secret of tests, sealed (base/sealing.h). */
@@ -95,47 +99,67 @@ public:
      * transaction, so that it opens once. */
     virtual bool find_token(const token_hash& hash, int64_t now, std::optional<stored_token>& found,
                             std::string& error) = 0;
-    /* The identities, each name once. put_ replaces what is kept of the name. */
+
+    /* ---- identities, each name once; what nobody of ours wrote is passed over ---- */
+
     virtual bool for_each_identity(const std::function<void(const stored_identity&)>& each,
                                    std::string& error) = 0;
+    /* In the place of what is kept of the name. */
     virtual bool put_identity(const stored_identity& what, std::string& error) = 0;
+    /* False, `error` empty, when there is none. */
     virtual bool drop_identity(std::string_view account, std::string_view agent,
                                std::string& error) = 0;
-    /* What was kept is changed by `change`, in one transaction with the reading (a new one of that
-     * name when there is none); nothing is when it returns false. */
+    /* `change` gets what is kept of the name, or a new one, and it is written in the same
+     * transaction. When `change` returns false nothing is, and neither is this true: `error` is
+     * empty then. `change` must not call back. */
     virtual bool change_identity(std::string_view account, std::string_view agent,
                                  const std::function<bool(stored_identity&)>& change,
                                  std::string& error) = 0;
+    /* The first call in the life of the file admits these, as far as nothing is kept of them, in
+     * one transaction; every later one does nothing. A file that is begun in the place of a damaged
+     * one had its first call: who was revoked is forgotten. */
+    virtual bool admit_at_first(const std::vector<std::pair<std::string, std::string>>& names,
+                                int64_t now, size_t& admitted, std::string& error) = 0;
+
+    /* ---- enrolments ---- */
 
     /* Those that ended a day ago are dropped on the way. */
     virtual bool add_enrolment(const stored_enrolment& what, std::string& error) = 0;
     /* Opens it for that key: in one transaction the token is used, and its name admitted, no longer
      * revoked, with one more generation in `highest`. The second time with the same key, within its
-     * time, it gives the same. */
+     * time, it gives the same, and changes nothing. */
     enum class opened : uint8_t {
         yes,
         no_token, /* none of that hash */
         late,
-        used,      /* with another key */
+        used,      /* with another key, or it is for another one */
         other_name /* `account` or `agent` is not empty and not the token's; nothing is used */
     };
     virtual bool open_enrolment(const token_hash& hash, const token_hash& key,
                                 std::string_view account, std::string_view agent, int64_t now,
                                 opened& what, stored_enrolment& found, std::string& error) = 0;
-    /* All tokens of the name that are not used yet: it is revoked, or refused. */
+    /* All of the name that are not used yet. */
     virtual bool drop_enrolments(std::string_view account, std::string_view agent,
                                  std::string& error) = 0;
     virtual bool for_each_enrolment(const std::function<void(const stored_enrolment&)>& each,
                                     std::string& error) = 0;
 
+    /* ---- secrets ---- */
+
+    /* In the place of that of the name; it gets the next serial. */
     virtual bool put_secret(const stored_secret& what, std::string& error) = 0;
     /* False, `error` empty, when there is none. */
     virtual bool drop_secret(std::string_view name, std::string& error) = 0;
     virtual bool for_each_secret(const std::function<void(const stored_secret&)>& each,
                                  std::string& error) = 0;
 
-    /* Whether somebody, this process too, has changed something since the last call. Cheap. */
-    virtual bool has_changed() = 0;
+    /* Another number, never 0, after each change of anybody, this process too: whoever keeps what
+     * it read asks before it reads, and keeps the number when the reading went well. Cheap. */
+    virtual uint64_t version() = 0;
+    bool has_changed(uint64_t& seen) { /* since the last call with the same `seen`, 0 at first */
+        const uint64_t now = version();
+        return std::exchange(seen, now) != now;
+    }
 };
 
 #endif

@@ -49,17 +49,17 @@ struct known_callers::state {
     std::mutex reading; /* one reads the settings, others wait for it; before `mutex` */
     std::mutex mutex;   /* of what follows */
     std::unordered_map<token_hash, stored_token, hash_of_hash> all = {};
-    bool stale = true;
+    uint64_t seen = 0; /* version of the settings */
 
     explicit state(settings& k) : kept(k) {}
 
     /* What cannot be read now stays as it was. */
     void refresh() {
         std::lock_guard<std::mutex> one(reading);
-        if (!kept.has_changed() && !stale) {
+        const uint64_t now = kept.version();
+        if (now == seen) {
             return;
         }
-        stale = true;
         std::unordered_map<token_hash, stored_token, hash_of_hash> fresh;
         std::string error;
         auto add = [&](const stored_token& t) {
@@ -70,7 +70,7 @@ struct known_callers::state {
         if (!kept.for_each_token(add, error)) {
             return;
         }
-        stale = false;
+        seen = now;
         std::lock_guard<std::mutex> guard(mutex);
         all.swap(fresh);
     }

@@ -4,6 +4,7 @@
 #include "ctl/json.h"
 #include "ctl/lookup.h"
 #include "ctl/output.h"
+#include "ctl/standing.h"
 #include "ctl/text.h"
 
 namespace json = boost::json;
@@ -37,8 +38,34 @@ void put_failing(const place& here, int64_t id) {
 
 } // namespace
 
+/* One that has never polled: only whether it is let in is known of it. False when that is not,
+ * either. */
+static bool show_name(const place& here) {
+    const std::string path = "/api/v1/agents/" + percent_encoded(here.said.word) + "/enrolment";
+    const std::optional<json::object> standing = here.with.find(path);
+    if (!standing) {
+        return false;
+    }
+    if (here.said.json) {
+        put(json_text(*standing) + "\n");
+        return true;
+    }
+    put_fact(here, "agent",
+             text_cell(here, *standing, "account") + "/" + text_cell(here, *standing, "name"));
+    put_standing(here, *standing);
+    return true;
+}
+
 int run_show_agent(const place& here) {
-    const int64_t id = find_agent(here.with, here.said.word).id;
+    int64_t id = 0;
+    try {
+        id = find_agent(here.with, here.said.word).id;
+    } catch (const failure& f) {
+        if (f.status != status_absent || !show_name(here)) {
+            throw;
+        }
+        return status_well;
+    }
     const json::object agent = here.with.get("/api/v1/agents/" + std::to_string(id));
     if (here.said.json) {
         put(json_text(agent) + "\n");
@@ -60,6 +87,9 @@ int run_show_agent(const place& here) {
     put_fact(here, "first poll", time_and_age(here, agent, "first_poll"));
     put_fact(here, "address", text_cell(here, agent, "address"));
     put_fact(here, "version", text_cell(here, agent, "version"));
+    if (auto standing = here.with.find("/api/v1/agents/" + std::to_string(id) + "/enrolment")) {
+        put_standing(here, *standing);
+    }
     if (!agent.contains("retired")) {
         put_fact(here, "tests",
                  number_cell(tests, "ok") + " ok, " + number_cell(tests, "problem") + " problem, " +

@@ -139,6 +139,17 @@ const option_def ends = {.name = "--ends",
                          .help = "when it ends; never by default",
                          .text = &given::ends};
 
+const option_def account = {.name = "--account",
+                            .value = "EMAIL",
+                            .help = "under which it logs in; left out where there is one",
+                            .text = &given::account};
+const option_def quiet = {
+    .name = "--quiet", .value = nullptr, .help = "nothing but the command", .flag = &given::quiet};
+const option_def key = {.name = "--key",
+                        .value = "SHA256:...",
+                        .help = "only the host with this key, as it says itself",
+                        .text = &given::key};
+
 const option_def* const of_all[] = {&url, &token, &token_file, &ca, &as_json, &ascii, &no_color};
 
 const option_def* const of_agents[] = {&agent_state, &q, &limit_all, &fail};
@@ -149,6 +160,9 @@ const option_def* const of_events[] = {&agent,   &test, &type, &agent_state,
                                        &event_q, &from, &to,   &limit_100};
 const option_def* const of_ledger[] = {&agent, &from, &to, &limit_all, &fail_missing};
 const option_def* const of_watch[] = {&kind, &agent, &test, &limit_watch};
+const option_def* const of_waiting[] = {&limit_all};
+const option_def* const of_admission[] = {&key};
+const option_def* const of_enrolment[] = {&account, &quiet};
 const option_def* const of_tokens[] = {&limit_all};
 const option_def* const of_new_token[] = {&role, &ends};
 
@@ -170,6 +184,21 @@ const command_def commands[] = {
      .help = "retire one: it is in no list, until it polls again",
      .options = {},
      .run = run_retire_agent},
+    {.name = "agents waiting",
+     .word = nullptr,
+     .help = "list the names that wait to be admitted",
+     .options = of_waiting,
+     .run = run_list_waiting},
+    {.name = "agents admit",
+     .word = "AGENT",
+     .help = "admit a name that waits, or polls already",
+     .options = of_admission,
+     .run = run_admit},
+    {.name = "agents refuse",
+     .word = "AGENT",
+     .help = "refuse a name that waits",
+     .options = {},
+     .run = run_refuse},
     {.name = "tests",
      .word = nullptr,
      .help = "list the tests, what is wrong first",
@@ -210,6 +239,16 @@ const command_def commands[] = {
      .help = "have an agent do all its tests now",
      .options = {},
      .run = run_check},
+    {.name = "enrol",
+     .word = "NAME",
+     .help = "print what makes a host an agent, typed there",
+     .options = of_enrolment,
+     .run = run_enrol},
+    {.name = "revoke",
+     .word = "AGENT",
+     .help = "let a name in no more: its certificates are void",
+     .options = {},
+     .run = run_revoke},
     {.name = "tokens",
      .word = nullptr,
      .help = "list the tokens, and who is signed in; for admins",

@@ -15,10 +15,10 @@ struct given {
 
     /* Of some. */
     std::string word; /* the one behind the command: AGENT, TEST or NAME */
-    std::string agent, test, type, state, q, from, to, kind, role, ends;
+    std::string agent, test, type, state, q, from, to, kind, role, ends, account, key;
     std::vector<std::string> values;
     int64_t limit = not_given, points = not_given, height = not_given; /* limit 0: all */
-    bool rate = false, fail = false;
+    bool rate = false, fail = false, quiet = false;
 };
 
 #endif

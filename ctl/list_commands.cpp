@@ -4,6 +4,7 @@
 #include "ctl/json.h"
 #include "ctl/lookup.h"
 #include "ctl/output.h"
+#include "ctl/standing.h"
 
 namespace json = boost::json;
 
@@ -34,6 +35,7 @@ int run_agents(const place& here) {
                             {.head = "PROBLEM", .is_right = true},
                             {.head = "UNKNOWN", .is_right = true},
                             {.head = "POLLED", .is_right = true},
+                            {"IDENTITY"},
                             {.head = "ADDRESS", .least = 8},
                             {.head = "VERSION", .least = 4}},
                            0,
@@ -50,12 +52,19 @@ int run_agents(const place& here) {
                 {number_cell(tests, "problem"), has_problems ? tint::bad : tint::none},
                 {number_cell(tests, "unknown")},
                 {age_cell(here, agent, "last_poll")},
+                identity_cell(agent, "identity"),
                 {text_cell(here, agent, "address")},
                 {text_cell(here, agent, "version")}};
     };
     auto look = [&](const json::object& agent) { failing += is_failing(here, agent) ? 1 : 0; };
     int status =
         put_list(here, list, {{"state", here.said.state}, {"q", here.said.q}}, row_of, look);
+    if (here.on.width != 0 && !here.said.json) {
+        if (const size_t count = count_waiting(here); count > 0) {
+            tell(std::to_string(count) + (count == 1 ? " name waits" : " names wait") +
+                 " to be admitted: vindralctl agents waiting");
+        }
+    }
     return judged(here, status, failing);
 }
 

@@ -286,12 +286,19 @@ http_access access_of(const given& said) {
 }
 
 std::string without_secrets(std::string text) {
-    for (const char* begin : {"vt_", "vl_", "vs_"}) {
+    constexpr const char of_tokens[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw"
+                                       "xyz0123456789-_";
+    for (const char* begin : {"vt_", "vl_", "vs_", "ve_"}) {
         for (size_t at = 0; (at = text.find(begin, at)) != std::string::npos;) {
+            /* "receive_buffer" has none. */
+            const bool is_word =
+                begin[1] == 'e' && at > 0 &&
+                std::string_view(of_tokens).find(text[at - 1]) != std::string_view::npos;
             at += 3;
-            size_t end = text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvw"
-                                                "xyz0123456789-_",
-                                                at);
+            if (is_word) {
+                continue;
+            }
+            size_t end = text.find_first_not_of(of_tokens, at);
             text.replace(at, std::min(end, text.size()) - at, "...");
         }
     }

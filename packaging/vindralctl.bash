@@ -5,14 +5,14 @@ _vindralctl() {
     _init_completion -n := || return
 
     local global="--url --token --token-file --ca --json --ascii --no-color --help --version"
-    local commands="agents tests results series events ledger watch check tokens version"
+    local commands="agents tests results series events ledger watch check enrol revoke tokens version"
 
     # The command and its sub-command: the first words that are no options and no values of any.
     local command="" sub="" i word
     for ((i = 1; i < cword; i++)); do
         word=${words[i]}
         case $word in
-        --json | --ascii | --no-color | --help | --version | --fail | --rate | -h | --*=*) ;;
+        --json | --ascii | --no-color | --help | --version | --fail | --rate | --quiet | -h | --*=*) ;;
         --*) ((i++)) ;;
         *)
             if [[ -z $command ]]; then
@@ -58,7 +58,7 @@ _vindralctl() {
         COMPREPLY=($(compgen -W "-1h -2h -1d -1w now today yesterday" -- "$cur"))
         return
         ;;
-    --url | --token | --agent | --test | --q | --limit | --points | --value | --height | --ends)
+    --url | --token | --agent | --test | --q | --limit | --points | --value | --height | --ends | --account | --key)
         return
         ;;
     esac
@@ -68,8 +68,10 @@ _vindralctl() {
     "") options="$commands" ;;
     agents)
         case $sub in
-        show | retire) options="" ;;
-        *) options="show retire --state --q --limit --fail" ;;
+        show | retire | refuse) options="" ;;
+        waiting) options="--limit" ;;
+        admit) options="--key" ;;
+        *) options="show retire waiting admit refuse --state --q --limit --fail" ;;
         esac
         ;;
     tests)
@@ -83,7 +85,8 @@ _vindralctl() {
     events) options="--agent --test --type --state --q --from --to --limit" ;;
     ledger) options="--agent --from --to --limit --fail" ;;
     watch) options="--kind --agent --test --limit" ;;
-    check) options="" ;;
+    check | revoke) options="" ;;
+    enrol) options="--account --quiet" ;;
     tokens)
         case $sub in
         list) options="--limit" ;;

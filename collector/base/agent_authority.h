@@ -9,6 +9,7 @@
 #ifndef VINDRAL_COLLECTOR_AGENT_AUTHORITY_H
 #define VINDRAL_COLLECTOR_AGENT_AUTHORITY_H
 
+#include "base/agent_proof.h"
 #include "base/certificate.h"
 #include "protocol/enrolment.h"
 
@@ -19,15 +20,6 @@
 #include <vector>
 
 constexpr int agent_certificate_days = 90; /* vindral-enrol renews when a third is left */
-
-/* What a certificate of an agent says. */
-struct agent_proof {
-    protocol::agent_identity who;
-    uint32_t generation = 0;
-    protocol::sha256 key{};       /* SHA-256 of its public key (SubjectPublicKeyInfo, DER) */
-    protocol::sha256 authority{}; /* of the certificate that signed it (DER) */
-    int64_t begins = 0, ends = 0; /* seconds since the epoch */
-};
 
 class agent_authority {
 public:
@@ -61,6 +53,5 @@ private:
  * it. */
 std::optional<protocol::sha256> key_of_request(std::string_view request, std::string& error);
 protocol::sha256 hash_of_certificate(X509* certificate); /* SHA-256 of its DER */
-std::string fingerprint(const protocol::sha256& hash);   /* "SHA256:" and base64, as ssh has them */
 
 #endif

@@ -20,7 +20,7 @@
 #ifndef VINDRAL_COLLECTOR_KNOWN_AGENTS_H
 #define VINDRAL_COLLECTOR_KNOWN_AGENTS_H
 
-#include "base/agent_authority.h"
+#include "base/agent_proof.h"
 #include "store/settings.h"
 
 #include <functional>

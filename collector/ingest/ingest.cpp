@@ -766,8 +766,14 @@ void writer::decode_slice(queued_block& b) {
     size_t end = 0;
     for (size_t pieces = 0; reader.next(); pieces++) {
         if (reader.good) {
+            if (options_.hidden != nullptr) { /* the hash is of what came, and known by now */
+                options_.hidden->cover(reader.current);
+            }
             decoded_.push_back({reader.current, summarize(reader.current)});
         } else {
+            if (options_.hidden != nullptr) {
+                options_.hidden->cover(b.block.plain.data() + b.from + reader.offset, reader.bytes);
+            }
             b.bad.add(reader);
         }
         end = reader.offset + reader.bytes;

@@ -9,6 +9,7 @@
 
 #include "base/record_summary.h"
 #include "ingest/counters.h"
+#include "ingest/hidden_texts.h"
 #include "ingest/owned_definition.h"
 #include "ingest/poll_block.h"
 #include "state/expected.h"
@@ -69,6 +70,8 @@ struct ingest_options {
     size_t large = 256u << 10;
     size_t max_large_queued = 512u << 20;
     counters* counted = nullptr; /* outlives it; may be null */
+    /* Made unreadable in what agents send, before it is kept or shown; likewise. */
+    const hidden_texts* hidden = nullptr;
 };
 
 class ingest {

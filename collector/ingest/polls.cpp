@@ -114,9 +114,9 @@ awaitable<void> polls::answer_poll(exchange& x) {
     uint64_t from = end == fate::duplicate ? s->answered_from : s->delivered;
     uint64_t newest = commands_.newest();
     const bool check = s->check_now || (end == fate::duplicate && s->told_to_check);
-    std::string text = commands_.text_after(from);
+    std::string text = commands_.text_after(*s, from);
     if (check) {
-        text += commands_.text_for_check();
+        text += commands_.text_for_check(*s);
     }
     auto sent = x.answer("200 OK", "", text);
     bool arrived = co_await std::move(sent);

@@ -3,30 +3,36 @@
 #ifndef VINDRAL_COLLECTOR_COMMANDS_FOR_AGENTS_H
 #define VINDRAL_COLLECTOR_COMMANDS_FOR_AGENTS_H
 
+#include "ingest/event_log.h"
 #include "ingest/instructions.h"
 #include "plan/known.h"
 #include "plan/plan.h"
 
+#include <functional>
+
 class commands_for_agents : public instructions {
 public:
-    /* `lines` must outlive this. */
-    commands_for_agents(plan& lines, known_tests earlier)
-        : lines_(lines), earlier_(std::move(earlier)) {}
+    using log_function = std::function<void(const std::string&)>;
+
+    /* `lines` must outlive this. `log` is told, with bounds, who gets no tests with secrets. */
+    commands_for_agents(plan& lines, known_tests earlier, log_function log = nullptr);
 
     void refresh() override { lines_.refresh(); }
     uint64_t newest() const override { return lines_.newest(); }
-    std::string text_for_login(const session& of) const override {
-        return of.running ? lines_.text_for_running(earlier_.of(of.account, of.agent))
-                          : lines_.text_for_new();
+    std::string text_for_login(const session& of) const override;
+    std::string text_after(const session& of, uint64_t serial) const override;
+    std::string text_for_check(const session& of) override {
+        return lines_.text_for_check(of.proven);
     }
-    std::string text_after(uint64_t serial) const override { return lines_.text_after(serial); }
-    std::string text_for_check() override { return lines_.text_for_check(); }
     void login_arrived(const session& of) override { earlier_.forget(of.account, of.agent); }
     std::chrono::seconds poll_interval() const override { return lines_.poll_interval(); }
 
 private:
+    void tell_kept_back(const session& of) const;
+
     plan& lines_;
     known_tests earlier_; /* of agents that have not been put right yet */
+    mutable event_log log_;
 };
 
 #endif

@@ -2,6 +2,7 @@
 
 #include "base/record_summary.h"
 #include "base/text.h"
+#include "plan/placeholder.h"
 
 #include <charconv>
 #include <cmath>
@@ -14,12 +15,10 @@ using protocol::field_kind;
 
 namespace {
 
-const size_t longest_line = 64u << 10;
-
 std::string why_unreadable(std::string_view line) {
-    return line.size() > longest_line     ? "the line is longer than 64 KiB"
-           : line.find('\0') != line.npos ? "there is a NUL byte in the line"
-                                          : "";
+    return line.size() > longest_plan_line ? "the line is longer than 64 KiB"
+           : line.find('\0') != line.npos  ? "there is a NUL byte in the line"
+                                           : "";
 }
 
 /* As the agent splits: a tab that ends the line begins no field. */
@@ -71,6 +70,28 @@ std::string why_no_interval(const std::string& subject, int32_t number) {
     std::string range = ": 1 to " + std::to_string(longest);
     return subject + std::to_string(number) +
            (number == -1 ? ", which ends agents for good" + range : range + " (31 days)");
+}
+
+/* Of a field that a secret may not stand in, or that has none where one is begun. What was written
+ * instead of a name is not said again: it may be the secret. */
+std::string why_no_secret(const field_def* f, std::string_view field) {
+    placeholder at;
+    if (f != nullptr && f->kind == field_kind::useless) {
+        return "";
+    }
+    for (size_t from = 0; find_placeholder(field, from, at); from = at.end) {
+        if (f == nullptr || f->kind == field_kind::ignored) {
+            return "a secret stands in a field that means nothing";
+        }
+        if (f->kind != field_kind::text) {
+            return "the " + std::string(f->name) + " is a number, which no secret can be";
+        }
+        if (at.name.empty()) {
+            return "\"${secret:\" is begun, and no name and \"}\" follow: a name is 1 to " +
+                   std::to_string(longest_secret_name) + " letters, digits, \"-\", \"_\" and \".\"";
+        }
+    }
+    return "";
 }
 
 std::string why_wrong(const field_def& f, std::string_view field) {
@@ -153,8 +174,12 @@ std::string why_refused(std::string_view text, const command_line& line) {
         return why_wrong_count(c, line.fields.size(), text.ends_with('\t'));
     }
     std::string why;
-    for (size_t i = 1; i < line.fields.size() && i <= c.fields.size() && why.empty(); i++) {
-        why = why_wrong(c.fields[i - 1], line.fields[i]);
+    for (size_t i = 1; i < line.fields.size() && why.empty(); i++) {
+        const field_def* f = i <= c.fields.size() ? &c.fields[i - 1] : nullptr;
+        why = why_no_secret(f, line.fields[i]);
+        if (why.empty() && f != nullptr) {
+            why = why_wrong(*f, line.fields[i]);
+        }
     }
     return why;
 }

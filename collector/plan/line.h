@@ -6,10 +6,13 @@
 #include "protocol/commands.h"
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
+
+constexpr size_t longest_plan_line = 64u << 10; /* bytes, with the secrets in it, too */
 
 struct plan_line {
     uint64_t serial; /* grows with each line first seen, across re-readings; never reused */

@@ -29,14 +29,6 @@ bool must_be_there(uint32_t list) {
            list == protocol::network.code || list == protocol::discovery.code;
 }
 
-void append_removal(std::string& text, const test_place& test) {
-    const command_def* c = find_command_if([&](const command_def& each) {
-        return each.does == command_effect::removes && each.list == test.list;
-    });
-    text.append(c->code).append("\t").append(std::to_string(test.id));
-    text.append(c->least > 2 ? "\t0\n" : "\n");
-}
-
 size_t bytes_of(const std::vector<plan_line>& lines) {
     size_t bytes = 0;
     for (const plan_line& line : lines) {
@@ -84,12 +76,13 @@ void login_plan::prepare(const std::vector<checked_line>& lines,
     }
 }
 
-std::string login_plan::text_for_new(const std::vector<plan_line>& lines) const {
+std::string login_plan::text_for_new(const std::vector<plan_line>& lines,
+                                     const secret_tests& secrets, bool proven) const {
     std::string text;
     text.reserve(bytes_of(lines));
     for (size_t i = 0; i < lines.size(); ++i) {
-        if (uses_[i].sent) {
-            text.append(lines[i].text).append("\n");
+        if (uses_[i].sent && secrets.is_told(i, proven)) {
+            secrets.append(text, lines[i]);
         }
     }
     return text;
@@ -105,29 +98,30 @@ bool login_plan::is_to_go(const test_place& test, const known_test& known) const
 }
 
 std::string login_plan::text_for_running(const std::vector<plan_line>& lines,
-                                         const std::vector<known_test>& known) const {
+                                         const std::vector<known_test>& known,
+                                         const secret_tests& secrets, bool proven) const {
     std::string text;
     text.reserve(2 * bytes_of(lines));
     for (const test_place& test : gone_) {
-        append_removal(text, test);
+        if (!secrets.is_kept_back(test, proven)) { /* it would not come again */
+            append_removal(text, test);
+        }
     }
     std::set<test_place> removed; /* besides these */
     for (const known_test& reported : known) {
         test_place test{list_of(reported.type), reported.id};
-        if (is_to_go(test, reported) && removed.insert(test).second) {
+        if (is_to_go(test, reported) && !secrets.is_kept_back(test, proven) &&
+            removed.insert(test).second) {
             append_removal(text, test);
         }
     }
     for (size_t i = 0; i < lines.size(); ++i) {
-        const std::string& line = lines[i].text;
-        if (!uses_[i].sent) {
+        if (!uses_[i].sent || !secrets.is_told(i, proven)) {
             continue;
         }
-        text.append(line).append("\n");
+        secrets.append(text, lines[i]);
         if (uses_[i].twice && !removed.contains(uses_[i].test)) {
-            size_t at = text.size();
-            text.append(line).append("\n");
-            text[at + 2] = 'M'; /* the same fields */
+            secrets.append(text, lines[i], 'M');
         }
     }
     return text;

@@ -4,6 +4,7 @@
 #define VINDRAL_COLLECTOR_PLAN_LOGINS_H
 
 #include "plan/check.h"
+#include "plan/secret_tests.h"
 
 #include <cstdint>
 #include <map>
@@ -27,10 +28,12 @@ public:
                  const std::map<test_place, bool>& at_agents, std::set<test_place> meant,
                  bool sure);
 
-    /* `lines` are those of the last prepare(). */
-    std::string text_for_new(const std::vector<plan_line>& lines) const;
+    /* `lines` are those of the last prepare(), and of `secrets`. */
+    std::string text_for_new(const std::vector<plan_line>& lines, const secret_tests& secrets,
+                             bool proven) const;
     std::string text_for_running(const std::vector<plan_line>& lines,
-                                 const std::vector<known_test>& known) const;
+                                 const std::vector<known_test>& known, const secret_tests& secrets,
+                                 bool proven) const;
 
 private:
     bool is_to_go(const test_place& test, const known_test& known) const;

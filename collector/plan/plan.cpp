@@ -66,11 +66,36 @@ void renew_lost_tests(const presence& tests, std::map<test_place, bool>& at_agen
     }
 }
 
+/* Agents that have not proven who they are were told nothing of a test as long as it had secrets in
+ * it. Now that it has none, its lines count as new. */
+void renew_opened_tests(std::set<test_place> were_secret, std::vector<checked_line>& lines) {
+    placeholder at;
+    for (const checked_line& line : lines) {
+        if (find_placeholder(line.text, 0, at)) {
+            were_secret.erase(line.test);
+        }
+    }
+    for (checked_line& line : lines) {
+        if (line.does != command_effect::none && were_secret.contains(line.test)) {
+            line.serial = 0;
+        }
+    }
+}
+
 } // namespace
 
 plan::plan(std::string path, std::function<void(const plan_problem&)> report,
-           std::function<void(const line_list&)> taken)
-    : report_(std::move(report)), taken_(std::move(taken)), file_(std::move(path)) {}
+           std::function<void(const line_list&)> taken, known_secrets* secrets)
+    : report_(std::move(report)), taken_(std::move(taken)), file_(std::move(path)),
+      secrets_(secrets) {}
+
+secret_tests::report_function plan::report_line() const {
+    return [this](int number, const std::string& reason) {
+        if (report_) {
+            report_({number, reason});
+        }
+    };
+}
 
 bool plan::fail(const std::string& why) {
     if (why != trouble_ && report_) {
@@ -82,6 +107,12 @@ bool plan::fail(const std::string& why) {
 }
 
 bool plan::refresh() {
+    const bool result = read();
+    secrets_.refresh(lines_, newest_, report_line());
+    return result;
+}
+
+bool plan::read() {
     if (file_.path().empty()) {
         return true;
     }
@@ -143,6 +174,7 @@ void plan::take(std::string_view text) {
     keep_serials(lines_, lines);
     note_new_lines(lines, at_agents_, problem);
     renew_lost_tests(tests, at_agents_, lines);
+    renew_opened_tests(secrets_.places(), lines);
 
     lines_.clear();
     for (const checked_line& held : lines) {
@@ -153,36 +185,44 @@ void plan::take(std::string_view text) {
     for_check_.reset();
     logins_.prepare(lines, at_agents_, std::move(meant), sure);
     problems_ = std::move(found);
+    secrets_.take(lines_, newest_, report_line());
     if (taken_) {
         taken_(lines_);
     }
 }
 
-std::string plan::text_after(uint64_t after) const {
+std::string plan::text_after(uint64_t after, bool proven) const {
     std::string text;
     if (after >= newest_) {
         return text;
     }
-    for (const plan_line& line : lines_) {
-        if (line.serial > after) {
-            text.append(line.text).append("\n");
+    for (size_t i = 0; i < lines_.size(); i++) {
+        if (lines_[i].serial > after && secrets_.is_told(i, proven) &&
+            !secrets_.is_renewed(i, after)) {
+            secrets_.append(text, lines_[i]);
         }
+    }
+    if (proven) {
+        secrets_.append_renewed(text, lines_, after);
     }
     return text;
 }
 
 /* A modify command sets what the test is and wakes its checker, whatever the interval. */
-const std::string& plan::text_for_check() {
+std::string plan::text_for_check(bool proven) {
     if (!for_check_) {
-        std::string text;
+        for_check_.emplace();
         for (const planned_test& test : planned_tests(lines_)) {
             if (test.type != protocol::discovery.code) { /* a scan would begin anew */
-                size_t at = text.size();
-                text.append(lines_[test.line].text).append("\n");
-                text[at + 2] = 'M'; /* the same fields */
+                for_check_->push_back(test.line);
             }
         }
-        for_check_ = std::move(text);
     }
-    return *for_check_;
+    std::string text;
+    for (size_t line : *for_check_) {
+        if (secrets_.is_told(line, proven)) {
+            secrets_.append(text, lines_[line], 'M');
+        }
+    }
+    return text;
 }

@@ -22,6 +22,9 @@
  * scans are not begun again. A test is not removed when a line that is refused may be meant to add
  * it; so nothing is when there is such a line without a code or an id, or no plan at all.
  *
+ * "${secret:NAME}" stands for a secret in fields that are texts (known_secrets.h, secret_tests.h).
+ * The lines of the plan keep it so; the value is put in where a text for agents is made.
+ *
  * Nothing in here may be called by two threads at once. */
 #ifndef VINDRAL_COLLECTOR_PLAN_H
 #define VINDRAL_COLLECTOR_PLAN_H
@@ -30,8 +33,10 @@
 #include "plan/file.h"
 #include "plan/logins.h"
 #include "plan/planned.h"
+#include "plan/secret_tests.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -54,11 +59,11 @@ public:
     /* An empty path is an empty plan. `report` gets each problem once per reading in which it is
      * new; `taken`, if there is one, the lines whenever a reading has made them. */
     plan(std::string path, std::function<void(const plan_problem&)> report,
-         std::function<void(const line_list&)> taken = {});
+         std::function<void(const line_list&)> taken = {}, known_secrets* secrets = nullptr);
 
     /* Reads the file when it has changed since the last reading (one stat otherwise). False, with
      * the old lines kept, when it cannot be read. Lines that were there before keep their serial;
-     * lines new to the file get new ones. */
+     * lines new to the file get new ones. Takes in which secrets have changed, too. */
     bool refresh();
 
     /* The lines in force, in file order. */
@@ -67,28 +72,39 @@ public:
     /* Highest serial given out so far: a session that has everything remembers this. */
     uint64_t newest() const { return newest_; }
 
-    /* The lines with a serial above `after`, as the body of a reply: each with its line end. */
-    std::string text_after(uint64_t after) const;
+    /* The lines with a serial above `after`, as the body of a reply: each with its line end. Here
+     * and below: tests with secrets in their lines are for agents that have `proven` who they are.
+     */
+    std::string text_after(uint64_t after, bool proven = false) const;
+
+    /* How many tests there are that only those agents are told of; and whether there is something
+     * new of them, too. */
+    size_t secret_tests_count() const { return secrets_.count(); }
+    bool has_secrets_after(uint64_t after) const { return secrets_.any_after(lines_, after); }
 
     /* The body of the answer to a login: for an agent that has just started, and for one that ran
      * already. The latter takes every test that was in the plan since the start for one that the
      * agent may have, and those in `known`. Of kinds for which an agent complains when it is to
      * remove what it does not have, only the recent ones. */
-    std::string text_for_new() const { return logins_.text_for_new(lines_); }
-    std::string text_for_running(const std::vector<known_test>& known) const {
-        return logins_.text_for_running(lines_, known);
+    std::string text_for_new(bool proven = false) const {
+        return logins_.text_for_new(lines_, secrets_, proven);
+    }
+    std::string text_for_running(const std::vector<known_test>& known, bool proven = false) const {
+        return logins_.text_for_running(lines_, known, secrets_, proven);
     }
 
     /* Has an agent that has everything do its tests at once: of each test of which results come,
      * but for network scans, the line that says last what it is, as a modify command. It changes
      * nothing else. */
-    const std::string& text_for_check();
+    std::string text_for_check(bool proven = false);
 
     /* How long an agent with this plan waits between two polls. */
     std::chrono::seconds poll_interval() const { return std::chrono::seconds(intervals_.poll); }
 
 private:
+    bool read();
     bool fail(const std::string& why);
+    secret_tests::report_function report_line() const;
     void take(std::string_view text);
 
     std::function<void(const plan_problem&)> report_;
@@ -104,7 +120,8 @@ private:
     uint64_t newest_ = 0;
     planned_intervals intervals_;
     login_plan logins_;
-    std::optional<std::string> for_check_; /* made when it is asked for */
+    std::optional<std::vector<size_t>> for_check_; /* lines; made when it is asked for */
+    secret_tests secrets_;
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "plan/summary.h"
 
+#include "plan/placeholder.h"
 #include "plan/planned.h"
 
 #include <algorithm>
@@ -57,7 +58,7 @@ std::string text_of(uint32_t type, const command_line& line) {
     for (size_t i = 0; i < table.size() && i + 1 < line.fields.size(); i++) {
         std::string_view field = line.fields[i + 1];
         if (table[i].secret) {
-            field = {};
+            field = is_only_placeholders(field) ? field : std::string_view();
         } else if (type == protocol::http.code && i == page_path) {
             field = before(field, path_end);
         }

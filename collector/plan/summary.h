@@ -13,7 +13,8 @@ plan_summary summary_of(const std::vector<plan_line>& lines);
 
 /* One for each planned test, in the order of planned_tests(). The text has the fields behind the
  * code that the agent heeds. Of passwords, pass phrases, communities, form data and what follows
- * the question mark of a page's path the places are empty: these are in no file but the plan. */
+ * the question mark of a page's path the places are empty: these are in no file but the plan. But
+ * where nothing but "${secret:NAME}" stands for a password, that is said. */
 std::vector<owned_definition> definitions_of(const std::vector<plan_line>& lines);
 
 #endif

@@ -43,7 +43,6 @@ class no_settings final : public decisions_in_memory {
                     std::string&) override {
         return true;
     }
-    bool has_changed() override { return false; }
 };
 
 class no_ingest final : public ingest {

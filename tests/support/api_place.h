@@ -87,11 +87,13 @@ public:
             id = ++last_;
             tokens[id] = what;
             tokens[id].id = id;
+            changed();
         }
         return failure.empty();
     }
     bool drop_token(int64_t id, std::string& error) override {
         error = failure;
+        changed();
         return failure.empty() && tokens.erase(id) > 0;
     }
     bool for_each_token(const std::function<void(const stored_token&)>& each,
@@ -113,7 +115,6 @@ public:
         }
         return failure.empty();
     }
-    bool has_changed() override { return false; }
 
     std::map<int64_t, stored_token> tokens;
     std::string failure;

@@ -5,6 +5,7 @@
 
 #include "store/settings.h"
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <utility>
@@ -26,12 +27,14 @@ public:
         error = decisions_failure;
         if (error.empty()) {
             identities[{what.account, what.agent}] = what;
+            changed();
         }
         return error.empty();
     }
     bool drop_identity(std::string_view account, std::string_view agent,
                        std::string& error) override {
         error = decisions_failure;
+        changed();
         return error.empty() && identities.erase({std::string(account), std::string(agent)}) > 0;
     }
     bool change_identity(std::string_view account, std::string_view agent,
@@ -49,12 +52,31 @@ public:
             return false;
         }
         identities[called] = what;
+        changed();
+        return true;
+    }
+    bool admit_at_first(const std::vector<name>& names, int64_t now, size_t& admitted,
+                        std::string& error) override {
+        error = decisions_failure;
+        admitted = 0;
+        if (!error.empty() || std::exchange(was_asked_, true)) {
+            return error.empty();
+        }
+        for (const name& each : names) {
+            stored_identity what;
+            what.account = each.first;
+            what.agent = each.second;
+            what.admitted = now;
+            admitted += identities.try_emplace(each, what).second ? 1 : 0;
+        }
+        changed();
         return true;
     }
     bool add_enrolment(const stored_enrolment& what, std::string& error) override {
         error = decisions_failure;
         if (error.empty()) {
             enrolments.push_back(what);
+            changed();
         }
         return error.empty();
     }
@@ -74,7 +96,8 @@ public:
                        ? opened::other_name
                    : each.key && *each.key != key ? opened::used
                                                   : opened::yes;
-            if (what == opened::yes && !each.key && error.empty()) {
+            if (what == opened::yes && each.generation == 0 && error.empty()) {
+                changed();
                 stored_identity& who = identities[{each.account, each.agent}];
                 who.account = each.account;
                 who.agent = each.agent;
@@ -91,8 +114,9 @@ public:
                          std::string& error) override {
         error = decisions_failure;
         if (error.empty()) {
+            changed();
             std::erase_if(enrolments, [&](const stored_enrolment& each) {
-                return each.account == account && each.agent == agent && !each.key;
+                return each.account == account && each.agent == agent && each.generation == 0;
             });
         }
         return error.empty();
@@ -110,11 +134,13 @@ public:
         if (error.empty()) {
             secrets[what.name] = what;
             secrets[what.name].serial = ++last_serial_;
+            changed();
         }
         return error.empty();
     }
     bool drop_secret(std::string_view called, std::string& error) override {
         error = decisions_failure;
+        changed();
         return error.empty() && secrets.erase(std::string(called)) > 0;
     }
     bool for_each_secret(const std::function<void(const stored_secret&)>& each,
@@ -126,12 +152,17 @@ public:
         return error.empty();
     }
 
+    uint64_t version() override { return version_; }
+    void changed() { version_++; } /* also by who writes into these */
+
     std::map<name, stored_identity> identities;
     std::vector<stored_enrolment> enrolments;
     std::map<std::string, stored_secret> secrets;
     std::string decisions_failure; /* with which every call fails */
 
 private:
+    std::atomic<uint64_t> version_ = 1;
+    bool was_asked_ = false;
     uint64_t last_serial_ = 0;
 };
 

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <cctype>
 #include <cstdio>
+#include <ctime>
 #include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -56,9 +57,23 @@ x509_ptr read_certificate(const std::string& path) {
     return certificate;
 }
 
+std::vector<x509_ptr> read_certificates(const std::string& path) {
+    std::vector<x509_ptr> found;
+    file_ptr file(fopen(path.c_str(), "re"));
+    while (file) {
+        x509_ptr next(PEM_read_X509(file.get(), nullptr, no_passphrase, nullptr));
+        if (!next) {
+            break;
+        }
+        found.push_back(std::move(next));
+    }
+    ERR_clear_error();
+    return found;
+}
+
 static bool write_file(const std::string& path, std::string_view text, mode_t mode,
                        std::string& error) {
-    bool written = replace_file(path, text, mode);
+    bool written = replace_file(path, text, mode, file_owner::directory);
     if (!written) {
         error = system_error("cannot write " + path);
     }
@@ -175,6 +190,15 @@ static bool set_random_serial(X509* certificate) {
            BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate));
 }
 
+static bool set_serial(X509* certificate, uint32_t generation) {
+    bignum_ptr serial(BN_new()), random(BN_new());
+    return serial && random && BN_set_word(serial.get(), generation) &&
+           BN_lshift(serial.get(), serial.get(), 8 * serial_random) &&
+           BN_rand(random.get(), 8 * serial_random, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
+           BN_add(serial.get(), serial.get(), random.get()) &&
+           BN_to_ASN1_INTEGER(serial.get(), X509_get_serialNumber(certificate));
+}
+
 /* A certificate of `key` under that name, from yesterday on, since a client's clock may be behind.
  */
 static x509_ptr begin_certificate(EVP_PKEY* key, const char* common_name, long validity_s) {
@@ -189,8 +213,16 @@ static x509_ptr begin_certificate(EVP_PKEY* key, const char* common_name, long v
     return begun ? std::move(certificate) : nullptr;
 }
 
-x509_ptr make_authority_certificate(EVP_PKEY* key) {
-    x509_ptr certificate = begin_certificate(key, "vindral-collector CA", authority_validity_s);
+/* What is signed by one, and ends with it. */
+static bool end_certificate(X509* c, const authority& by) {
+    const ASN1_TIME* end = X509_get0_notAfter(by.certificate.get());
+    bool outlives = ASN1_TIME_compare(X509_get0_notAfter(c), end) > 0;
+    return (!outlives || X509_set1_notAfter(c, end) == 1) &&
+           X509_sign(c, by.key.get(), EVP_sha256()) != 0;
+}
+
+x509_ptr make_authority_certificate(EVP_PKEY* key, const char* name) {
+    x509_ptr certificate = begin_certificate(key, name, authority_validity_s);
     X509* c = certificate.get();
     bool complete = c && X509_set_issuer_name(c, X509_get_subject_name(c)) &&
                     add_extension(c, c, NID_basic_constraints, "critical,CA:TRUE,pathlen:0") &&
@@ -212,21 +244,54 @@ x509_ptr make_server_certificate(EVP_PKEY* key, const authority& by,
         add_extension(c, issuer, NID_ext_key_usage, "serverAuth") &&
         add_extension(c, issuer, NID_subject_key_identifier, "hash") &&
         add_extension(c, issuer, NID_authority_key_identifier, "keyid:always") &&
-        add_extension(c, issuer, NID_subject_alt_name, alternative_names(names).c_str());
-    if (complete && ASN1_TIME_compare(X509_get0_notAfter(c), X509_get0_notAfter(issuer)) > 0) {
-        complete = X509_set1_notAfter(c, X509_get0_notAfter(issuer)) == 1;
-    }
-    complete = complete && X509_sign(c, by.key.get(), EVP_sha256());
+        add_extension(c, issuer, NID_subject_alt_name, alternative_names(names).c_str()) &&
+        end_certificate(c, by);
     return complete ? std::move(certificate) : nullptr;
 }
 
-bool write_certificate(const std::string& path, X509* certificate, std::string& error) {
+x509_ptr make_agent_certificate(EVP_PKEY* key, const authority& by, const std::string& uri,
+                                uint32_t generation, int days) {
+    X509* issuer = by.certificate.get();
+    x509_ptr certificate = begin_certificate(key, "vindral agent", days * day_s);
+    X509* c = certificate.get();
+    bool complete = c && set_serial(c, generation) &&
+                    X509_set_issuer_name(c, X509_get_subject_name(issuer)) &&
+                    add_extension(c, issuer, NID_basic_constraints, "critical,CA:FALSE") &&
+                    add_extension(c, issuer, NID_key_usage, "critical,digitalSignature") &&
+                    add_extension(c, issuer, NID_ext_key_usage, "clientAuth") &&
+                    add_extension(c, issuer, NID_subject_key_identifier, "hash") &&
+                    add_extension(c, issuer, NID_authority_key_identifier, "keyid:always") &&
+                    add_extension(c, issuer, NID_subject_alt_name, ("URI:" + uri).c_str()) &&
+                    end_certificate(c, by);
+    return complete ? std::move(certificate) : nullptr;
+}
+
+std::string pem_of(X509* certificate) {
     bio_ptr pem(BIO_new(BIO_s_mem()));
-    if (!certificate || !pem || !PEM_write_bio_X509(pem.get(), certificate)) {
+    bool written = certificate && pem && PEM_write_bio_X509(pem.get(), certificate);
+    return written ? std::string(contents(pem.get())) : "";
+}
+
+bool write_certificate(const std::string& path, X509* certificate, std::string& error) {
+    std::string pem = pem_of(certificate);
+    if (pem.empty()) {
         error = "cannot make a certificate: " + take_tls_error();
         return false;
     }
-    return write_file(path, contents(pem.get()), 0644, error);
+    return write_file(path, pem, 0644, error);
+}
+
+protocol::sha256 hash_of_certificate(X509* certificate) {
+    protocol::sha256 hash{};
+    X509_digest(certificate, EVP_sha256(), hash.data(), nullptr);
+    return hash;
+}
+
+std::string fingerprint(const protocol::sha256& hash) {
+    unsigned char text[4 * ((sizeof(hash) + 2) / 3) + 1];
+    EVP_EncodeBlock(text, hash.data(), int(hash.size()));
+    std::string base64(reinterpret_cast<const char*>(text));
+    return "SHA256:" + base64.substr(0, base64.find('='));
 }
 
 bool is_issued_by(X509* certificate, X509* issuer) {
@@ -241,6 +306,11 @@ bool ends_soon(X509* certificate) {
     int days = 0, seconds = 0;
     ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
     return days < renewal_days;
+}
+
+int64_t seconds_of(const ASN1_TIME* time) {
+    tm parts{};
+    return time && ASN1_TIME_to_tm(time, &parts) == 1 ? timegm(&parts) : 0;
 }
 
 std::string end_of(X509* certificate) {

@@ -6,6 +6,9 @@
 #ifndef VINDRAL_COLLECTOR_CERTIFICATE_H
 #define VINDRAL_COLLECTOR_CERTIFICATE_H
 
+#include "protocol/enrolment.h"
+
+#include <cstdint>
 #include <memory>
 #include <openssl/evp.h>
 #include <openssl/x509v3.h>
@@ -29,21 +32,32 @@ std::string take_tls_error();
 key_ptr read_key(const std::string& path, std::string& error);
 key_ptr make_key(const std::string& path, std::string& error);
 
-/* The first certificate of a file; null without a word when there is none. */
+/* The first certificate of a file; null without a word when there is none. And all, in order. */
 x509_ptr read_certificate(const std::string& path);
+std::vector<x509_ptr> read_certificates(const std::string& path);
 
 /* Null, for a certificate that could not be made, is an error as well. */
 bool write_certificate(const std::string& path, X509* certificate, std::string& error);
 
-/* An authority of 20 years, for signing server certificates only, and what it signs: for a server
- * of these names, 10 years, but none outlives the authority. */
+/* An authority of 20 years, for signing certificates only, and what it signs: for a server of these
+ * names, 10 years; for an agent, days. None outlives the authority. */
 struct authority {
     key_ptr key;
     x509_ptr certificate;
 };
-x509_ptr make_authority_certificate(EVP_PKEY* key);
+x509_ptr make_authority_certificate(EVP_PKEY* key, const char* name);
 x509_ptr make_server_certificate(EVP_PKEY* key, const authority& by,
                                  const std::vector<std::string>& names);
+/* `uri`: of protocol/enrolment.h. The serial number is the generation, from 1 on, and behind it
+ * serial_random random bytes. */
+constexpr size_t serial_random = 12;
+x509_ptr make_agent_certificate(EVP_PKEY* key, const authority& by, const std::string& uri,
+                                uint32_t generation, int days);
+
+/* PEM; "" for null. SHA-256 of its DER. And "SHA256:" and base64, as ssh has them. */
+std::string pem_of(X509* certificate);
+protocol::sha256 hash_of_certificate(X509* certificate);
+std::string fingerprint(const protocol::sha256& hash);
 
 /* By name and signature, whatever the issuer was made for: a self-signed one need be no authority.
  */
@@ -52,6 +66,7 @@ bool is_issued_by(X509* certificate, X509* issuer);
 /* Within two years; and when, as text. */
 bool ends_soon(X509* certificate);
 std::string end_of(X509* certificate);
+int64_t seconds_of(const ASN1_TIME* time); /* since the epoch; 0 for what is no time */
 
 /* The host names and addresses in a certificate. */
 std::vector<std::string> names_in(X509* certificate);

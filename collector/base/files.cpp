@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -33,12 +34,30 @@ bool write_all(int fd, std::string_view data) {
     return true;
 }
 
-bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
+static bool give_to_owner(int file, const std::string& directory) {
+    struct stat home;
+    return geteuid() != 0 || (stat(directory.c_str(), &home) == 0 &&
+                              (home.st_uid == 0 || fchown(file, home.st_uid, home.st_gid) == 0));
+}
+
+static std::string directory_of(const std::string& path) {
+    std::string directory = std::filesystem::path(path).parent_path().string();
+    return directory.empty() ? "." : directory;
+}
+
+bool replace_file(const std::string& path, std::string_view text, mode_t mode, file_owner owner) {
     const std::string fresh = path + ".new";
     unlink(fresh.c_str()); /* left over from a start that was cut short */
     unique_fd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-    return file && write_all(file.get(), text) && fsync(file.get()) == 0 &&
+    return file && (owner == file_owner::writer || give_to_owner(file.get(), directory_of(path))) &&
+           write_all(file.get(), text) && fsync(file.get()) == 0 &&
            rename(fresh.c_str(), path.c_str()) == 0;
+}
+
+directory_lock::directory_lock(const std::string& path)
+    : directory_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    while (directory_ && flock(directory_.get(), LOCK_EX) != 0 && errno == EINTR) {
+    }
 }
 
 bool make_private_directory(const std::string& path) {

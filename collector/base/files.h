@@ -29,13 +29,28 @@ std::string system_error(const std::string& what);
 
 bool write_all(int fd, std::string_view data);
 
+/* Whose a file that root makes is: root's, or the owner's of the directory that it is in. */
+enum class file_owner { writer, directory };
+
 /* Puts a new file of `mode` in the place of whatever is there, whole and on disk: it is written as
  * `path`.new first, and nobody ever sees half of it. */
-bool replace_file(const std::string& path, std::string_view text, mode_t mode);
+bool replace_file(const std::string& path, std::string_view text, mode_t mode,
+                  file_owner owner = file_owner::writer);
 
 /* Its owner's alone when it is made here, with the directories above it; one that exists keeps its
  * mode. */
 bool make_private_directory(const std::string& path);
+
+/* As long as it is held, no other process and no other thread holds one of the directory: for what
+ * takes more than one file. Where there is no such lock (a directory that cannot be read, a file
+ * system without any) it does nothing. */
+class directory_lock {
+public:
+    explicit directory_lock(const std::string& path);
+
+private:
+    unique_fd directory_;
+};
 
 /* What was made, renamed and removed in it survives a power cut. */
 bool sync_directory(const std::string& path);

@@ -1,67 +1,18 @@
 #include "base/identity.h"
 
+#include "base/authority_files.h"
 #include "base/certificate.h"
+#include "base/files.h"
 
 #include <algorithm>
 #include <openssl/err.h>
 #include <unistd.h>
-
-static bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 static std::vector<std::string> wanted_names(const std::vector<std::string>& names) {
     std::vector<std::string> wanted = {"localhost", "127.0.0.1", "::1"};
     add_names(wanted, {own_host_name()});
     add_names(wanted, names);
     return wanted;
-}
-
-static std::string authority_file(const std::string& directory) {
-    return directory + "/ca.pem";
-}
-
-static std::string authority_key_file(const std::string& directory) {
-    return directory + "/ca-key.pem";
-}
-
-static bool read_authority(const std::string& directory, authority& out, std::string& error) {
-    std::string file = authority_file(directory), key_file = authority_key_file(directory);
-    out.key = read_key(key_file, error);
-    if (!out.key) {
-        return false;
-    }
-    out.certificate = read_certificate(file);
-    if (!out.certificate || X509_check_private_key(out.certificate.get(), out.key.get()) != 1) {
-        ERR_clear_error();
-        error = file + " is no certificate of the key " + key_file;
-        return false;
-    }
-    return true;
-}
-
-static bool make_authority(const std::string& directory, authority& out, std::string& error) {
-    std::string key_file = authority_key_file(directory);
-    out.key = exists(key_file) ? read_key(key_file, error) : make_key(key_file, error);
-    if (!out.key) {
-        return false;
-    }
-    out.certificate = make_authority_certificate(out.key.get());
-    return write_certificate(authority_file(directory), out.certificate.get(), error);
-}
-
-static bool ensure_authority(const std::string& directory, authority& out, std::string& error) {
-    std::string file = authority_file(directory), key_file = authority_key_file(directory);
-    if (!exists(file)) {
-        return make_authority(directory, out, error);
-    }
-    if (!exists(key_file)) {
-        error = file + " is there but " + key_file +
-                " is not: put the key back, or remove the certificate to get a new pair, whose "
-                "certificate all hosts then need";
-        return false;
-    }
-    return read_authority(directory, out, error);
 }
 
 /* Puts a new certificate in the place of the old one; failing that, the old one goes on. */
@@ -71,7 +22,8 @@ static void renew(const std::string& directory, const identity_files& files,
     std::string error;
     key_ptr key;
     x509_ptr fresh;
-    if (read_authority(directory, by, error) && (key = read_key(files.key, error))) {
+    if (read_authority(server_authority_place(directory).now, by, error) &&
+        (key = read_key(files.key, error))) {
         fresh = make_server_certificate(key.get(), by, names);
         if (write_certificate(files.certificate, fresh.get(), error)) {
             report.names = std::move(names);
@@ -113,13 +65,13 @@ identity_report report_identity(const identity_files& files) {
 static void keep_identity(const std::string& directory, const std::vector<std::string>& wanted,
                           const identity_files& files, identity_report& report) {
     x509_ptr certificate = read_certificate(files.certificate);
-    x509_ptr ours = read_certificate(authority_file(directory));
+    x509_ptr ours = read_certificate(server_authority_place(directory).now.certificate);
     if (!certificate || !ours || !is_issued_by(certificate.get(), ours.get())) {
         report = report_identity(files);
         note_missing(files, wanted, report);
         return;
     }
-    report.authority = authority_file(directory);
+    report.authority = server_authority_place(directory).now.certificate;
     report.names = names_in(certificate.get());
     if (ends_soon(ours.get())) {
         report.notes.push_back("the authority " + report.authority + " ends on " +
@@ -139,10 +91,10 @@ static bool make_identity(const std::string& directory, const std::vector<std::s
                           const identity_files& files, identity_report& report,
                           std::string& error) {
     authority by;
-    if (!ensure_authority(directory, by, error)) {
+    if (!ensure_authority(server_authority_place(directory).now, by, error)) {
         return false;
     }
-    key_ptr key = exists(files.key) ? read_key(files.key, error) : make_key(files.key, error);
+    key_ptr key = file_exists(files.key) ? read_key(files.key, error) : make_key(files.key, error);
     if (!key) {
         return false;
     }
@@ -150,7 +102,7 @@ static bool make_identity(const std::string& directory, const std::vector<std::s
     if (!write_certificate(files.certificate, certificate.get(), error)) {
         return false;
     }
-    report.authority = authority_file(directory);
+    report.authority = server_authority_place(directory).now.certificate;
     report.names = names;
     return true;
 }
@@ -160,10 +112,10 @@ bool ensure_identity(const std::string& directory, const std::vector<std::string
     out = {directory + "/certificate.pem", directory + "/key.pem"};
     report = {};
     std::vector<std::string> wanted = wanted_names(names);
-    if (!exists(out.certificate)) {
+    if (!file_exists(out.certificate)) {
         return make_identity(directory, wanted, out, report, error);
     }
-    if (!exists(out.key)) {
+    if (!file_exists(out.key)) {
         error = out.certificate + " is there but " + out.key +
                 " is not: put the key back, or remove the certificate to get a new pair";
         return false;

@@ -2,10 +2,14 @@
 
 #include "collector_test_support.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <thread>
+#include <vector>
 
 static mode_t mode_of(const std::string& path) {
     struct stat status {};
@@ -88,4 +92,45 @@ TEST(files, a_directory_that_is_made_is_its_owner_s_alone) {
 TEST(files, bytes_as_digits) {
     EXPECT_EQ(hex(std::string_view("\x00\x7f\xab\xff", 4)), "007fabff");
     EXPECT_EQ(hex(""), "");
+}
+
+TEST(files, roots_file_may_belong_to_the_owner_of_the_directory) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    scratch_directory home;
+    ASSERT_EQ(chown((home / ".").c_str(), 65534, 65534), 0);
+    struct stat status;
+    ASSERT_TRUE(replace_file(home / "key", "text", 0600, file_owner::directory));
+    ASSERT_EQ(stat((home / "key").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 65534u);
+    EXPECT_EQ(status.st_gid, 65534u);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    ASSERT_TRUE(replace_file(home / "key", "text", 0600));
+    ASSERT_EQ(stat((home / "key").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 0u);
+}
+
+TEST(files, one_holds_a_directory_at_a_time) {
+    scratch_directory home;
+    std::atomic<int> inside = 0, most = 0, done = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 100; n++) {
+                directory_lock lock(home / ".");
+                const int now = ++inside;
+                most = std::max(most.load(), now);
+                std::this_thread::yield();
+                --inside;
+                ++done;
+            }
+        });
+    }
+    for (std::thread& each : threads) {
+        each.join();
+    }
+    EXPECT_EQ(most, 1);
+    EXPECT_EQ(done, 400);
+    directory_lock none(home / "nowhere");
 }

@@ -66,7 +66,7 @@ int run_revoke(const place& here) {
 
 int run_list_waiting(const place& here) {
     const list_def list = {"/api/v1/enrolments",
-                           "agents that wait",
+                           "names that wait",
                            {{.head = "WAITS", .is_right = true},
                             {.head = "AGENT", .least = 10, .keeps_end = true, .is_agent = true},
                             {.head = "ADDRESS", .least = 8},

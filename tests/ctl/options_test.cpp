@@ -83,6 +83,33 @@ TEST(options, an_agent_may_be_called_like_a_command) {
     }
 }
 
+TEST(options, hosts_that_are_to_be_agents) {
+    command_line line =
+        read({"enrol", "web-1", "--account", "me@example.org", "--quiet", "--json"});
+    ASSERT_EQ(line.outcome, reading::run) << line.text;
+    EXPECT_STREQ(line.command->name, "enrol");
+    EXPECT_EQ(line.said.word, "web-1");
+    EXPECT_EQ(line.said.account, "me@example.org");
+    EXPECT_TRUE(line.said.quiet && line.said.json);
+    line = read({"agents", "admit", "web-1", "--key", "SHA256:x"});
+    ASSERT_EQ(line.outcome, reading::run) << line.text;
+    EXPECT_STREQ(line.command->name, "agents admit");
+    EXPECT_EQ(line.said.key, "SHA256:x");
+    for (std::vector<const char*> words : {std::vector<const char*>{"enrol"},
+                                           {"enrol", ""},
+                                           {"enrol", "web-1", "--account", ""},
+                                           {"enrol", "web-1", "--ends", "+1d"},
+                                           {"enrol", "https://a.example:8443", "ve_secret"},
+                                           {"agents", "admit", "web-1", "--key", ""},
+                                           {"agents", "waiting", "web-1"},
+                                           {"agents", "refuse", "web-1", "--key", "SHA256:x"},
+                                           {"revoke"}}) {
+        line = read(words);
+        EXPECT_EQ(line.outcome, reading::wrong) << testing::PrintToString(words);
+        EXPECT_EQ(line.text.find("secret"), std::string::npos) << line.text;
+    }
+}
+
 TEST(options, times_may_begin_with_a_minus_and_values_repeat) {
     command_line line = read({"series", "web-1:load", "--from", "-2h", "--to", "-1h", "--value",
                               "load1", "--value", "[x]", "--rate"});
@@ -274,6 +301,8 @@ TEST_F(access_test, a_token_never_goes_out_in_the_clear) {
 TEST(secrets, are_taken_out) {
     EXPECT_EQ(without_secrets("x vt_ab-C_1 y vl_z"), "x vt_... y vl_...");
     EXPECT_EQ(without_secrets("vt_"), "vt_...");
+    EXPECT_EQ(without_secrets("ve_a-b c=ve_d \"ve_e\""), "ve_... c=ve_... \"ve_...\"");
+    EXPECT_EQ(without_secrets("receive_buffer Ve_x"), "receive_buffer Ve_x");
     char program[] = "vindralctl", name[] = "--token", secret[] = "abc", last[] = "--token=abc";
     char* words[] = {program, name, secret, last, nullptr};
     hide_token(4, words);

@@ -389,7 +389,8 @@ class Scripted(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
     def do_GET(self):
-        self.server.asked.append((self.path, dict(self.headers, method=self.command)))
+        body = self.rfile.read(int(self.headers.get("Content-Length", 0))).decode()
+        self.server.asked.append((self.path, dict(self.headers, method=self.command, body=body)))
         answer = self.server.answers.pop(0)
         self.close_connection = True
         if isinstance(answer, bytes):
@@ -478,6 +479,87 @@ class Odd(CtlTest):
         server = self.serve((200, "application/json", json.dumps(one)), (200, "application/json", json.dumps(one)), stream)
         self.ctl("watch", "--agent", "3", "--test", "7", "--kind", "event,agent", "--limit", "1")
         self.assertEqual(server.asked[-1][0], "/proxy/api/v1/stream?kind=event%2Cagent&agent=3&test=3")
+
+    def test_hosts_that_are_to_be_agents(self):
+        path, made = "/proxy/api/v1/agents/a%40b.c%2Fweb%2F1/enrolment", {
+            "account": "a@b.c", "name": "web/1", "state": "unknown", "ends": "2026-05-01T13:00:00Z",
+            "url": "https://c.example:8443", "authority": "SHA256:x", "token": "ve_mine",
+            "command": "vindral-enrol https://c.example:8443 ve_mine" + "x" * 200}
+        answer = (201, "application/json", json.dumps(made))
+        words = ("enrol", "web/1", "--account", "a@b.c")
+        for more, env in (((), {}), (("--quiet",), {}), ((), {"COLUMNS": "40"})):
+            server = self.serve(answer)
+            self.assertEqual(self.ctl(*words, *more, **env), made["command"] + "\n")
+            self.assertEqual([(headers["method"], where) for where, headers in server.asked], [("POST", path)])
+            self.assertNotIn("mine", self.told)
+            self.assertEqual("on the host that is to be a@b.c/web/1, as root, until 2026-05-01 13:00:00" in self.told,
+                             not more, self.told)
+            self.assertTrue(self.told or more)
+        self.serve(answer)
+        self.assertEqual(json.loads(self.ctl(*words, "--json")), made)
+        self.assertEqual(self.told, "")
+        for state, text in (("proven", "goes by that name already"), ("revoked", "let in again"),
+                            ("waiting", "waits under that name")):
+            self.serve((201, "application/json", json.dumps(dict(made, state=state, command="x\x1b[2J\n"))))
+            self.assertEqual(self.ctl(*words), "x?[2J\n")
+            self.assertIn(text, self.told)
+        self.assertEqual(self.asked(["enrol", "web-1"], made), ["POST/api/v1/agents/web-1/enrolment"])
+        self.assertEqual(self.asked(["revoke", "a/b"], {}), ["DELETE/api/v1/agents/a%2Fb/enrolment"])
+        self.assertEqual(self.asked(["agents", "refuse", "a/b"], {}), ["POST/api/v1/agents/a%2Fb/refuse"])
+        self.assertEqual(self.asked(["agents", "admit", "7"], {}), ["POST/api/v1/agents/7/admit"])
+        server = self.serve((200, "application/json", json.dumps({"account": "a", "name": "b\x1b"})))
+        self.ctl("agents", "admit", "b", "--key", "SHA256:x/+")
+        self.assertIn("a/b? is admitted", self.told)
+        self.assertEqual(json.loads(server.asked[0][1]["body"]), {"key": "SHA256:x/+"})
+
+    def test_who_waits(self):
+        waiting = {"since": "2026-05-01T12:00:00Z", "last": "2026-05-01T12:30:00Z", "address": "192.0.2.7",
+                   "key": "SHA256:abc"}
+        standing = {"account": "a", "name": "new", "state": "waiting", "waiting": waiting, "certificate": None}
+        other = dict(standing, name="old", waiting=dict(waiting, key=None))
+        server = self.serve((200, "application/json", json.dumps({"items": [standing, other], "next": None})))
+        table = self.ctl("agents", "waiting").splitlines()
+        self.assertEqual(server.asked[0][0], "/proxy/api/v1/enrolments?state=waiting&limit=1000")
+        self.assertEqual(table[0].split(), ["WAITS", "AGENT", "ADDRESS", "ASKED", "KEY"])
+        self.assertIn("a/new", table[1])
+        self.assertTrue(table[1].endswith("SHA256:abc"), table)
+        self.assertTrue(table[2].endswith("vindral-enrol there"), table)
+        self.serve(page())
+        self.assertEqual(self.ctl("agents", "waiting"), "")
+        self.assertIn("no such names that wait", self.told)
+
+        agents = json.dumps({"items": [{"id": 1, "account": "a", "name": "b", "state": "ok", "identity": "proven"},
+                                       {"id": 2, "account": "a", "name": "c", "state": "ok", "identity": "unknown"}],
+                             "next": None})
+        both = (200, "application/json", json.dumps({"items": [standing, other], "next": None}))
+        self.serve((200, "application/json", agents), both)
+        table = self.ctl("agents", COLUMNS="100").splitlines()
+        self.assertEqual([line.split()[-1] for line in table], ["IDENTITY", "proven", "2"])
+        self.assertIn("2 names wait to be admitted: vindralctl agents waiting", self.told)
+        absent = (404, "application/problem+json", json.dumps({"status": 404, "detail": "nothing"}))
+        self.serve(page("a"), absent)  # of before there was any of this
+        self.assertNotIn("IDENTITY", self.ctl("agents", COLUMNS="100"))
+        self.assertEqual(self.told, "")
+        self.serve(page("a"))
+        self.ctl("agents")  # for a program it does not ask
+
+        one = (200, "application/json", json.dumps({"id": 1, "account": "a", "name": "b", "state": "ok"}))
+        for ends, soon, text in (("2126-05-01T12:00:00Z", False, r"(?m)^certificate +until 2126-05-01 12:00:00 \("),
+                                 ("2016-05-01T12:00:00Z", True, r"(?m)^certificate +ended at 2016-05-01 12:00:00 \(")):
+            proven = dict(standing, state="proven", waiting=None, admitted="2026-05-01T12:00:00Z", by="ann\x1b",
+                          certificate={"ends": ends, "key": "SHA256:def", "ends_soon": soon})
+            self.serve(one, (200, "application/json", json.dumps(proven)), page())
+            text_shown = self.ctl("agents", "show", "1")
+            self.assertRegex(text_shown, text)
+            self.assertRegex(text_shown, r"(?m)^identity +proven$")
+            self.assertRegex(text_shown, r"(?m)^admitted +2026-05-01 12:00:00 .*, by ann\?$")
+        self.serve(one, absent, page())
+        self.assertNotIn("identity", self.ctl("agents", "show", "1"))
+        self.serve(page(), (200, "application/json", json.dumps(standing)))
+        self.assertRegex(self.ctl("agents", "show", "new"), r"(?m)^waits with key +SHA256:abc$")
+        self.serve(page(), absent)
+        self.ctl("agents", "show", "new", status=5)
+        self.assertIn("there is no agent", self.told)
 
     def test_what_a_name_means(self):
         """Nothing is done to any when it fits several; a name goes before an id."""

@@ -548,12 +548,12 @@ class Odd(CtlTest):
                                  ("2016-05-01T12:00:00Z", True, r"(?m)^certificate +ended at 2016-05-01 12:00:00 \(")):
             proven = dict(standing, state="proven", waiting=None, admitted="2026-05-01T12:00:00Z", by="ann\x1b",
                           certificate={"ends": ends, "key": "SHA256:def", "ends_soon": soon})
-            self.serve(one, (200, "application/json", json.dumps(proven)), page())
+            self.serve(one, one, (200, "application/json", json.dumps(proven)), page())
             text_shown = self.ctl("agents", "show", "1")
             self.assertRegex(text_shown, text)
             self.assertRegex(text_shown, r"(?m)^identity +proven$")
             self.assertRegex(text_shown, r"(?m)^admitted +2026-05-01 12:00:00 .*, by ann\?$")
-        self.serve(one, absent, page())
+        self.serve(one, one, absent, page())
         self.assertNotIn("identity", self.ctl("agents", "show", "1"))
         self.serve(page(), (200, "application/json", json.dumps(standing)))
         self.assertRegex(self.ctl("agents", "show", "new"), r"(?m)^waits with key +SHA256:abc$")

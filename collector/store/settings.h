@@ -40,8 +40,11 @@ struct stored_token {
     int64_t parent = 0;         /* the token that a session was begun with; 0: by a link */
 };
 
-/* An agent's name, and what it takes to go by it. Names have 1 to 254 bytes, no control characters,
- * and need not be UTF-8. */
+/* The names of accounts and agents: 1 to 254 bytes, no control characters; they need not be UTF-8.
+ */
+bool is_agent_name(std::string_view text);
+
+/* An agent's name, and what it takes to go by it. */
 struct stored_identity {
     std::string account, agent;
     int64_t admitted = 0;   /* since; 0: it is not */

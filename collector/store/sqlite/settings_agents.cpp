@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr size_t longest_name = 254;
+constexpr size_t longest_name = 254; /* bytes */
 constexpr int64_t kept_after_end_s = 24 * 60 * 60;
 constexpr int64_t last_generation = std::numeric_limits<uint32_t>::max();
 
@@ -15,14 +15,8 @@ const char identity_columns[] =
 const char enrolment_columns[] =
     "SELECT hash, account, agent, who, made, ends, key_hash, generation FROM enrolments ";
 
-bool is_name(std::string_view text) {
-    auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
-    return !text.empty() && text.size() <= longest_name &&
-           std::none_of(text.begin(), text.end(), is_control);
-}
-
 bool are_names(std::string_view account, std::string_view agent, std::string& error) {
-    if (!is_name(account) || !is_name(agent)) {
+    if (!is_agent_name(account) || !is_agent_name(agent)) {
         error = "an account or agent has 1 to 254 bytes and no control characters";
         return false;
     }
@@ -42,7 +36,7 @@ bool read_identity(const statement& row, stored_identity& out) {
     out.revoked = row.integer(6);
     out.issued = row.integer(9);
     out.ends = row.integer(10);
-    return is_name(out.account) && is_name(out.agent) &&
+    return is_agent_name(out.account) && is_agent_name(out.agent) &&
            read_generation(row.integer(4), out.highest) &&
            read_generation(row.integer(5), out.good_from) && read_hash(row.bytes(7), out.key) &&
            read_hash(row.bytes(8), out.authority) && read_hash(row.bytes(11), out.knows);
@@ -59,11 +53,17 @@ bool read_enrolment(const statement& row, stored_enrolment& out) {
             return false;
         }
     }
-    return is_name(out.account) && is_name(out.agent) && read_hash(row.bytes(0), out.hash) &&
-           read_generation(row.integer(7), out.generation);
+    return is_agent_name(out.account) && is_agent_name(out.agent) &&
+           read_hash(row.bytes(0), out.hash) && read_generation(row.integer(7), out.generation);
 }
 
 } // namespace
+
+bool is_agent_name(std::string_view text) {
+    auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+    return !text.empty() && text.size() <= longest_name &&
+           std::none_of(text.begin(), text.end(), is_control);
+}
 
 /* What is kept of the name; all else stays as it is when there is nothing. */
 bool sqlite_settings::find_identity(stored_identity& what) {
@@ -162,7 +162,7 @@ bool sqlite_settings::admit_at_first(const std::vector<std::pair<std::string, st
                                " (?, ?, ?, '', 0, 0, 0, zeroblob(32), zeroblob(32), 0, 0,"
                                "  zeroblob(32)) ON CONFLICT DO NOTHING");
         for (const auto& [account, agent] : names) {
-            if (is_name(account) && is_name(agent)) {
+            if (is_agent_name(account) && is_agent_name(agent)) {
                 if (!insert.bind_text(account).bind_text(agent).bind(now).run()) {
                     return false;
                 }

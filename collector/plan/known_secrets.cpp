@@ -134,8 +134,22 @@ bool known_secrets::set(std::string_view name, std::string_view value, const std
         error = "the value of a secret has to be " + secret_value_rule();
         return false;
     }
+    /* A key that is only away for now is not replaced: then nothing would open any more. */
+    std::vector<std::string> others;
+    auto note = [&](const stored_secret& one) {
+        if (one.name != name) {
+            others.push_back(one.name);
+        }
+    };
     sealer with;
-    if (!with.open(directory_, true, error)) {
+    if (!kept_.for_each_secret(note, error)) {
+        return false;
+    }
+    if (!with.open(directory_, others.empty(), error)) {
+        error += others.empty() ? ""
+                                : " (put the key back, or remove the secrets that were sealed with "
+                                  "it: " +
+                                      listed(others) + ")";
         return false;
     }
     stored_secret kept{

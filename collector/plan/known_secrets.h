@@ -41,7 +41,8 @@ public:
      * if it were not there; `error` names it. What cannot be read at all leaves all as it was. */
     bool refresh(std::string& error);
 
-    /* The first one makes the key where there is none. */
+    /* The first one makes the key where there is none; with others kept, a missing key is an error.
+     */
     bool set(std::string_view name, std::string_view value, const std::string& by, int64_t now,
              std::string& error);
     /* False with an empty error when there is none. */

@@ -196,19 +196,33 @@ TEST_F(known_secrets_test, without_the_key_they_are_as_if_not_there) {
     EXPECT_GT(all->newest(), before);
     EXPECT_EQ(expanded("${secret:db}"), "value-of-db");
 
-    /* It does not: each is set anew. */
+    /* It does not: those sealed with it go, and then there is another. */
     fs::remove(state + "/secrets.key");
     open();
     EXPECT_FALSE(all->refresh(error));
+    EXPECT_FALSE(set("db", "new"));
+    EXPECT_TRUE(
+        error.ends_with(" (put the key back, or remove the secrets that were sealed with it: web)"))
+        << error;
+    EXPECT_FALSE(fs::exists(state + "/secrets.key"));
+    ASSERT_TRUE(all->remove("web", error)) << error;
     ASSERT_TRUE(set("db", "new")) << error;
     EXPECT_EQ(expanded("${secret:db}"), "new");
-    EXPECT_EQ(expanded("${secret:web}"), "none");
-    EXPECT_FALSE(all->refresh(error));
-    EXPECT_TRUE(
-        error.starts_with("secrets that cannot be opened, so tests with them are not sent: web: "))
-        << error;
-    ASSERT_TRUE(all->remove("web", error)) << error;
     EXPECT_TRUE(all->refresh(error)) << error;
+}
+
+TEST_F(known_secrets_test, those_of_another_key_can_be_set_anew) {
+    ASSERT_TRUE(set("db", "value-of-db")) << error;
+    fs::remove(state + "/secrets.key");
+    ASSERT_TRUE(set("db", "new") && set("web", "other")) << error;
+    write_text(state + "/secrets.key", std::string(64, 'b') + "\n");
+    fs::permissions(state + "/secrets.key", fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_FALSE(all->refresh(error));
+    EXPECT_EQ(error, "secrets that cannot be opened, so tests with them are not sent: db, web: "
+                     "they were sealed with another key, or are damaged");
+    ASSERT_TRUE(set("db", "newer")) << error;
+    EXPECT_EQ(expanded("${secret:db}"), "newer");
+    EXPECT_EQ(expanded("${secret:web}"), "none");
 }
 
 TEST_F(known_secrets_test, one_that_belongs_to_another_name_does_not_open) {

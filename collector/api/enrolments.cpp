@@ -208,7 +208,11 @@ std::optional<protocol::sha256> key_in(const api_request& asked) {
     const agent_standing now =
         with.agents.find(agent.account, agent.name).value_or(agent_standing{});
     std::string text;
-    if (now.waiting && now.waiting->key && key) {
+    if (now.waiting && now.waiting->contested && !key) {
+        text = "Two hosts ask under the name " + called_text(agent) +
+               ", each with a key of its own: say with `key` which one is admitted. vindral-enrol "
+               "shows it on the host.";
+    } else if (now.waiting && now.waiting->key && key) {
         text = "The key that waits for " + called_text(agent) + " is " +
                fingerprint(*now.waiting->key) +
                ", not the one that was given: somebody else asks under this name, or the host "
@@ -238,6 +242,9 @@ api_answer admit(const api_request& asked, api_services& with) {
      * Who was revoked has to ask anew. */
     const bool even_unseen =
         agent.is_seen && !key && agent.now.kept.revoked == 0 && agent.now.kept.admitted == 0;
+    if (agent.now.waiting && agent.now.waiting->contested && !key) {
+        throw_none_waits(agent, with, key);
+    }
     std::string error;
     if (!with.agents.admit(agent.account, agent.name, key, even_unseen, asked.who.name, error)) {
         if (!error.empty()) {
@@ -351,8 +358,9 @@ const route rows[] = {
     {.method = "POST",
      .pattern = "/api/v1/agents/{agent}/refuse",
      .least = role::admin,
-     .summary = "Takes a name off the list of those that wait, and the tokens for it that are not "
-                "used yet. When it asks again, it waits again.",
+     .summary =
+         "Takes a name off the list of those that wait. The host that has its key is refused "
+         "for an hour, then it may ask again.",
      .parameters = {},
      .takes = "",
      .answers = "",

@@ -203,11 +203,13 @@ const schema_def schemas[] = {
 "description":"In less than 30 days, or it has ended: it should have been renewed."}},
 "additionalProperties":false})json"},
     {"standing_waiting", R"json(
-{"type":"object","required":["since","last","address","key"],"properties":{"since":{
+{"type":"object","required":["since","last","address","key","contested"],"properties":{"since":{
 "type":["string","null"],"format":"date-time"},"last":{"type":["string","null"],
 "format":"date-time"},"address":{"type":["string","null"],
 "description":"Where it asked from last."},"key":{"type":["string","null"],
-"description":"Fingerprint of the key that it wants certified; null when it only polls."}},
+"description":"Fingerprint of the key that it wants certified; null when it only polls."},
+"contested":{"type":"boolean",
+"description":"Within ten minutes another key has asked under this name, too: say which one is admitted."}},
 "additionalProperties":false})json"},
     {"standings", R"json(
 {"type":"object","required":["items","next"],"properties":{"items":{"type":"array",

@@ -185,11 +185,11 @@ json::object json_standing(const agent_standing& of, int64_t id, int64_t now) {
     }
     if (of.waiting) {
         const std::optional<protocol::sha256>& key = of.waiting->key;
-        waiting =
-            json::object{{"since", json_time(of.waiting->since)},
-                         {"last", json_time(of.waiting->last)},
-                         {"address", json_or_null(of.waiting->address)},
-                         {"key", key ? json::value(fingerprint(*key)) : json::value(nullptr)}};
+        waiting = json::object{{"since", json_time(of.waiting->since)},
+                               {"last", json_time(of.waiting->last)},
+                               {"address", json_or_null(of.waiting->address)},
+                               {"key", key ? json::value(fingerprint(*key)) : json::value(nullptr)},
+                               {"contested", of.waiting->contested}};
     }
     return {{"account", kept.account},
             {"name", kept.agent},

@@ -235,7 +235,7 @@ TEST_F(api_route_test, a_next_that_no_answer_said) {
                                       base64url("1a\nb\nc\nd\ne\n"),
                                       base64url("1a\nb\nx\ny\n")};
     for (const char* path : {"/api/v1/tests", "/api/v1/events", "/api/v1/ledger", "/api/v1/agents",
-                             "/api/v1/tokens"}) {
+                             "/api/v1/tokens", "/api/v1/enrolments"}) {
         for (const std::string& next : wrong) {
             if (std::string_view(path) != "/api/v1/agents" || next.size() != 7) {
                 EXPECT_EQ(ask(std::string(path) + "?next=" + next).status, 400) << path << next;
@@ -393,7 +393,25 @@ TEST_F(api_route_test, every_row_is_described_and_answers_as_it_says) {
         if (row.method == "DELETE" && row.pattern == "/api/v1/agents/{agent}") {
             target = "/api/v1/agents/2";
         }
-        std::string body = *row.takes != '\0' ? "{\"name\":\"x\",\"role\":\"viewer\"}" : "";
+        bool promoted = false;
+        if (row.pattern.ends_with("/refuse")) {
+            agents.may_go_by("x", "waits", nullptr, "192.0.2.1", promoted);
+            target = "/api/v1/agents/x%2Fwaits/refuse";
+        }
+        if (row.method == "DELETE" && row.pattern.ends_with("/enrolment")) {
+            std::string error;
+            agents.admit("x", "known", std::nullopt, true, "ann", error);
+            target = "/api/v1/agents/x%2Fknown/enrolment";
+        }
+        const std::string takes = row.takes;
+        std::string body = takes == "new_token"   ? "{\"name\":\"x\",\"role\":\"viewer\"}"
+                           : takes == "admission" ? "{\"key\":null}"
+                                                  : "";
+        EXPECT_EQ(body.empty(), takes.empty()) << "say what " << takes << " is like";
+        if (!body.empty()) {
+            EXPECT_EQ(misfit(json::parse(body), takes), "");
+            EXPECT_EQ(operation.at("requestBody").at("required"), !row.may_lack_body);
+        }
         if (std::string_view(row.type) == "application/json") {
             get(target, row.status, std::string(row.method), body); /* which checks the schema */
         } else {

@@ -2,7 +2,6 @@
 
 #include "base/files.h"
 #include "base/text.h"
-#include "store/sqlite/sqlite_settings.h"
 
 #include <cerrno>
 #include <ctime>

@@ -13,6 +13,9 @@
 #include <string>
 #include <sys/types.h>
 
+/* A fact: 1 when the first call of settings::admit_at_first() is over. */
+inline constexpr char admitted_at_first[] = "admitted_at_first";
+
 class settings_file {
 public:
     settings_file(const std::string& directory, settings::tell_function tell);

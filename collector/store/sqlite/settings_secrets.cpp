@@ -2,6 +2,8 @@
 
 namespace {
 
+constexpr char last_secret[] = "last_secret"; /* a fact: the serial that was given last */
+
 bool read_secret(const statement& row, stored_secret& out) {
     out.name = row.bytes(0);
     out.sealed = row.bytes(1);

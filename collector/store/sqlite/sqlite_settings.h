@@ -14,10 +14,6 @@
 #include <utility>
 #include <vector>
 
-/* Facts: 1 when the first call of admit_at_first() is over; the serial that was given last. */
-inline constexpr char admitted_at_first[] = "admitted_at_first";
-inline constexpr char last_secret[] = "last_secret";
-
 class sqlite_settings : public settings, private settings_file {
 public:
     using settings_file::open;

@@ -8,10 +8,9 @@
 
 namespace {
 
-[[noreturn]] void refuse(std::string_view text, const char* why) {
-    throw failure{status_usage, "\"" + printable(text) + "\" " + why +
-                                    "; an address is such as http://127.0.0.1:8080 or "
-                                    "https://collector.example.org:8080"};
+[[noreturn]] void refuse(std::string_view text, const char* why, std::string_view example) {
+    throw failure{status_usage, "\"" + printable(text) + "\" " + why + "; an address is such as " +
+                                    std::string(example)};
 }
 
 bool is_v6(const std::string& host) {
@@ -58,7 +57,7 @@ std::string base_url::text() const {
     return (tls ? "https://" : "http://") + authority() + prefix;
 }
 
-base_url read_url(std::string_view text) {
+base_url read_url(std::string_view text, std::string_view example) {
     base_url url;
     std::string_view rest = text;
     if (rest.starts_with("https://")) {
@@ -67,12 +66,13 @@ base_url read_url(std::string_view text) {
     } else if (rest.starts_with("http://")) {
         rest.remove_prefix(7);
     } else {
-        refuse(text, "does not begin with http:// or https://");
+        refuse(text, "does not begin with http:// or https://", example);
     }
     if (rest.find_first_of("?#@") != rest.npos) {
         /* Nothing of it is shown: it may hold a secret. */
         throw failure{status_usage, "the address has more than an address may have: ?, # or @; "
-                                    "one is such as http://127.0.0.1:8080"};
+                                    "one is such as " +
+                                        std::string(example)};
     }
     std::string_view authority = rest.substr(0, rest.find('/'));
     std::string_view path = rest.substr(authority.size());
@@ -81,28 +81,28 @@ base_url read_url(std::string_view text) {
         size_t end = authority.find(']');
         url.host = authority.substr(1, end == authority.npos ? 0 : end - 1);
         if (!is_v6(url.host)) {
-            refuse(text, "has no IPv6 address in its brackets");
+            refuse(text, "has no IPv6 address in its brackets", example);
         }
         port = authority.substr(end + 1);
     } else {
         url.host = authority.substr(0, authority.find(':'));
         port = authority.substr(url.host.size());
         if (!is_host_name(url.host)) {
-            refuse(text, "has no name of a host");
+            refuse(text, "has no name of a host", example);
         }
     }
     std::transform(url.host.begin(), url.host.end(), url.host.begin(), [](char c) {
         return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
     });
     if (!port.empty() && (port[0] != ':' || !is_port(port.substr(1)))) {
-        refuse(text, "has a port that is none");
+        refuse(text, "has a port that is none", example);
     }
     url.port = port.empty() ? (url.tls ? "443" : "80") : port.substr(1);
     while (path.ends_with('/')) {
         path.remove_suffix(1);
     }
     if (std::any_of(path.begin(), path.end(), [](char c) { return c <= ' ' || c >= 0x7f; })) {
-        refuse(text, "has a path with characters that have to be percent-encoded");
+        refuse(text, "has a path with characters that have to be percent-encoded", example);
     }
     url.prefix = path;
     return url;

@@ -22,8 +22,11 @@ struct base_url {
     std::string text() const; /* "https://name:8443/vindral" */
 };
 
-/* "http://127.0.0.1:8080", "https://[2001:db8::1]/vindral/". Throws failure (usage). */
-base_url read_url(std::string_view text);
+/* "http://127.0.0.1:8080", "https://[2001:db8::1]/vindral/". Throws failure (usage), which shows
+ * `example`: what an address is like. */
+base_url read_url(std::string_view text,
+                  std::string_view example = "http://127.0.0.1:8080 or "
+                                             "https://collector.example.org:8080");
 
 using parameters = std::vector<std::pair<std::string, std::string>>;
 

@@ -15,6 +15,7 @@ std::span<const route> event_routes();
 std::span<const route> ledger_routes();
 std::span<const route> metric_routes();
 std::span<const route> token_routes();
+std::span<const route> secret_value_routes();
 std::span<const route> health_routes();
 std::span<const route> web_routes(); /* what the web server answers itself */
 

@@ -158,6 +158,23 @@ const schema_def schemas[] = {
 "items":{"$ref":"#/components/schemas/result"}},"next":{"type":["string","null"],
 "description":"Where to go on; null at the end."},"incomplete":{"type":"string",
 "description":"Why not everything could be read."}},"additionalProperties":false})json"},
+    {"secret", R"json(
+{"type":"object","required":["name","made","by","readable","used"],
+"properties":{"name":{"type":"string"},"made":{"type":["string","null"],"format":"date-time",
+"description":"When this value was set."},"by":{"type":"string",
+"description":"The token of who set it."},"readable":{"type":"boolean",
+"description":"False: the key that is there does not open it; tests with it are not sent."},
+"used":{"type":"integer","minimum":0,"description":"Lines of the plan that use it."}},
+"additionalProperties":false})json"},
+    {"secret_value", R"json(
+{"type":"object","required":["value"],"properties":{"value":{"type":"string","minLength":1,
+"maxLength":4096,"description":"UTF-8 without control characters."}},
+"additionalProperties":false})json"},
+    {"secrets", R"json(
+{"type":"object","required":["items","next"],"properties":{"items":{"type":"array",
+"items":{"$ref":"#/components/schemas/secret"}},"next":{"type":["string","null"],
+"description":"Where to go on; null at the end."},"incomplete":{"type":"string",
+"description":"Why not everything could be read."}},"additionalProperties":false})json"},
     {"series", R"json(
 {"type":"object","required":["test","from","to","resolution","time","count","values",
 "state","definitions"],"properties":{"test":{"type":"integer","minimum":1},

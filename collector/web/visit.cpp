@@ -1,5 +1,6 @@
 #include "web/visit.h"
 
+#include "base/wipe.h"
 #include "ingest/short_of_memory.h"
 
 #include <algorithm>
@@ -409,6 +410,7 @@ void visit::work_out(task& of, const caller_key& who, clock::time_point by) {
     } else {
         of.decided = room_.at.answer(*asked_, of.body, from_, by);
     }
+    wipe(of.body); /* it may have been a token or a secret */
     std::string().swap(of.body);
     if (of.decided.is_stream) {
         return;

@@ -860,6 +860,98 @@ TEST_F(api_resources_test, bodies_that_make_no_token) {
 
 /* ---- health ---- */
 
+/* ---- secrets of tests ---- */
+
+TEST_F(api_resources_test, secrets_are_set_listed_and_removed_and_never_said) {
+    for (role may : {role::none, role::viewer, role::operates}) {
+        const int status = may == role::none ? 401 : 403;
+        refused("/api/v1/secrets", status, "GET", "", may);
+        refused("/api/v1/secrets/db", status, "PUT", "{\"value\":\"s3cret\"}", may);
+        refused("/api/v1/secrets/db", status, "DELETE", "", may);
+    }
+    EXPECT_TRUE(kept.secrets.empty());
+    EXPECT_EQ(ask("/api/v1/secrets").body, R"({"items":[],"next":null})");
+
+    api_answer set = ask("/api/v1/secrets/db", "PUT", "{\"value\":\"s3cret\"}");
+    EXPECT_EQ(set.status, 200);
+    EXPECT_EQ(set.body, R"({"name":"db","made":"2026-05-01T12:00:00Z","by":"ann",)"
+                        R"("readable":true,"used":0})");
+    EXPECT_EQ(set.audit, "set secret db");
+    EXPECT_EQ(set.headers.size(), 0u);
+    std::string missing;
+    EXPECT_EQ(secrets.expand("${secret:db}", missing), "s3cret");
+    EXPECT_EQ(kept.secrets.at("db").by, "ann");
+    EXPECT_EQ(kept.secrets.at("db").sealed.find("s3cret"), std::string::npos);
+
+    api_answer before = ask("/api/v1/secrets");
+    get("/api/v1/secrets/a.b", 200, "PUT", "{\"value\":\"\\u00e4\\\\ \"}");
+    EXPECT_EQ(secrets.expand("${secret:a.b}", missing), "\xc3\xa4\\ ");
+    get("/api/v1/secrets/a%2eb", 200, "PUT", "{\"value\":\"other\"}");
+    EXPECT_EQ(secrets.expand("${secret:a.b}", missing), "other");
+    EXPECT_EQ(pages("/api/v1/secrets", "name", 1), "a.b db");
+    secrets.note_uses({{"db", 3}}, {});
+    EXPECT_EQ(column(get("/api/v1/secrets"), "used"), "0 3");
+
+    /* Another value is another time, and nothing else. */
+    api_answer list = ask("/api/v1/secrets");
+    get("/api/v1/secrets/db", 200, "PUT", "{\"value\":\"an0ther\"}");
+    EXPECT_EQ(ask("/api/v1/secrets").body, list.body);
+
+    api_answer dropped = ask("/api/v1/secrets/db", "DELETE");
+    EXPECT_EQ(dropped.status, 204);
+    EXPECT_EQ(dropped.audit, "removed secret db");
+    EXPECT_EQ(refused("/api/v1/secrets/db", 404, "DELETE"), "There is no secret db.");
+    EXPECT_EQ(column(get("/api/v1/secrets"), "name"), "a.b");
+}
+
+TEST_F(api_resources_test, bodies_that_set_no_secret_are_not_said_again) {
+    const std::string long_value(4097, 'x');
+    for (const std::string& body :
+         {std::string(), std::string("{}"), std::string("hunter2"), std::string("\"hunter2\""),
+          std::string("{\"value\":\"hunter2\""), std::string("{\"hunter2\":1}"),
+          std::string("{\"value\":null}"), std::string("{\"value\":7}"),
+          std::string("{\"value\":[\"hunter2\"]}"), std::string("{\"value\":\"\"}"),
+          std::string("{\"value\":\"hunter2\",\"more\":1}"),
+          std::string("{\"value\":\"hunter2\",\"value\":\"x\"}"),
+          std::string("{\"value\":\"hunter2\\n\"}"), std::string("{\"value\":\"hun\\tter2\"}"),
+          std::string("{\"value\":\"hunter2\\u0000\"}"), std::string("{\"value\":\"hunter2\xff\"}"),
+          "{\"value\":\"" + long_value + "\"}"}) {
+        api_answer answer = ask("/api/v1/secrets/db", "PUT", body);
+        EXPECT_EQ(answer.status, 400) << body;
+        for (const char* part : {"hun", "ter2", "xxxx"}) {
+            EXPECT_EQ(answer.body.find(part), std::string::npos) << answer.body;
+        }
+        EXPECT_EQ(answer.audit, "");
+    }
+    for (const char* name : {"a%20b", "a%2Fb", "%24%7Bsecret%3Aa%7D", "%00", "%ff"}) {
+        const std::string path = std::string("/api/v1/secrets/") + name;
+        EXPECT_EQ(refused(path, 400, "PUT", "{\"value\":\"x\"}"),
+                  "The name of a secret has to be 1 to 64 letters, digits, '-', '_' and '.'.");
+        refused(path, 400, "DELETE");
+    }
+    EXPECT_TRUE(kept.secrets.empty());
+}
+
+TEST_F(api_resources_test, secrets_that_cannot_be_kept_are_told_without_them) {
+    kept.decisions_failure = "disk full";
+    EXPECT_EQ(refused("/api/v1/secrets/db", 503, "PUT", "{\"value\":\"s3cret\"}"),
+              "The secret cannot be kept: disk full.");
+    EXPECT_EQ(refused("/api/v1/secrets/db", 503, "DELETE"),
+              "The secret cannot be removed: disk full.");
+    kept.decisions_failure = "";
+    get("/api/v1/secrets/db", 200, "PUT", "{\"value\":\"s3cret\"}");
+    std::filesystem::remove(state + "/secrets.key");
+    std::string error;
+    EXPECT_FALSE(secrets.refresh(error));
+    EXPECT_EQ(column(get("/api/v1/secrets"), "readable"), "false");
+    const std::string detail =
+        refused("/api/v1/secrets/web", 503, "PUT", "{\"value\":\"hunter2\"}");
+    EXPECT_TRUE(detail.ends_with("(put the key back, or remove the secrets that were sealed with "
+                                 "it: db)."))
+        << detail;
+    EXPECT_EQ(detail.find("hunter2"), std::string::npos);
+}
+
 TEST_F(api_resources_test, health_and_readiness_need_no_token) {
     EXPECT_EQ(get("/healthz", 200, "GET", "", role::none).as_object().size(), 1u);
     EXPECT_EQ(get("/healthz").at("version"), "3.0");

@@ -10,14 +10,6 @@ namespace json = boost::json;
 
 static constexpr char enrolments[] = "/api/v1/enrolments";
 
-static std::string load_record(uint32_t test, int64_t time) {
-    return record_builder{.ui32 = {type_load_average, test, 7, 0},
-                          .i64 = {time},
-                          .d64 = {0.5, 0.25, 0.125},
-                          .strings = {"fine\n"}}
-        .bytes();
-}
-
 /* Of an account and a name, as one segment of a path. */
 static std::string path_of(const std::string& called, const std::string& what = "enrolment") {
     constexpr char digits[] = "0123456789ABCDEF";
@@ -125,8 +117,8 @@ TEST_F(api_enrolments_test, a_certificate_is_shown_with_its_end) {
     const json::value& certificate = shown.at("certificate");
     EXPECT_EQ(certificate.at("issued"), "2026-05-01T11:59:10Z");
     EXPECT_EQ(certificate.at("ends"), "2026-05-31T12:00:01Z");
-    EXPECT_EQ(certificate.at("key"), fingerprint(key_a));
-    EXPECT_EQ(certificate.at("authority"), fingerprint(key_b));
+    EXPECT_EQ(certificate.at("key"), json::value(fingerprint(key_a)));
+    EXPECT_EQ(certificate.at("authority"), json::value(fingerprint(key_b)));
     EXPECT_EQ(certificate.at("ends_soon"), false);
     EXPECT_EQ(get("/api/v1/agents/1").at("identity"), "proven");
 
@@ -172,7 +164,7 @@ TEST_F(api_enrolments_test, every_state_is_listed_counted_and_asked_for) {
     EXPECT_EQ(column(get(enrolments), "invited"), "false true false true false true false");
     for (const char* state : {"known", "proven", "revoked", "waiting"}) {
         EXPECT_EQ(names("?state=" + std::string(state)), state);
-        EXPECT_EQ(get(path_of(state)).at("state"), state);
+        EXPECT_EQ(get(path_of(state)).at("state"), json::value(state));
     }
     EXPECT_EQ(names("?state=invited,known"), "invited known revoked and invited");
     EXPECT_EQ(names("?state=unknown"), "forgotten");
@@ -262,7 +254,7 @@ TEST_F(api_enrolments_test, a_new_name_of_the_only_account) {
         poll("x", "a" + std::to_string(10 + i) + "@b.c", "192.0.2." + std::to_string(i));
     }
     const std::string many = refused(path_of("web-5"), 400, "POST");
-    EXPECT_TRUE(many.ends_with(" a15@b.c, a16@b.c, a17@b.c, a18@b.c and 13 more.")) << many;
+    EXPECT_TRUE(many.ends_with(" a18@b.c, a19@b.c and 13 more.")) << many;
 }
 
 TEST_F(api_enrolments_test, a_new_name_with_slashes) {
@@ -304,8 +296,8 @@ TEST_F(api_enrolments_test, odd_names) {
           std::string("+"), std::string(".."), std::string("?")}) {
         for (const std::string& of : {std::string("a@b.c"), account}) {
             json::value made = get(path_of(of + "/" + name), 201, "POST");
-            EXPECT_EQ(made.at("account"), of);
-            EXPECT_EQ(made.at("name"), name);
+            EXPECT_EQ(made.at("account"), json::value(of));
+            EXPECT_EQ(made.at("name"), json::value(name));
             EXPECT_EQ(state_of_name(of + "/" + name), "invited");
             EXPECT_EQ(done("DELETE", path_of(of + "/" + name), 204).find("revoked agent "), 0u);
         }
@@ -341,10 +333,11 @@ TEST_F(api_enrolments_test, a_token_opens_once) {
     EXPECT_EQ(misfit(made, "invitation"), "");
     const std::string text(made.at("token").as_string());
     EXPECT_EQ(made.at("ends"), "2026-05-01T13:00:00Z");
-    EXPECT_EQ(made.at("url"), where.url);
+    EXPECT_EQ(made.at("url"), json::value(where.url));
     EXPECT_EQ(made.at("state"), "unknown");
-    EXPECT_EQ(made.at("authority"), fingerprint(*where.authority));
-    EXPECT_EQ(made.at("command"), "vindral-enrol https://collector.example.org:8443 " + text);
+    EXPECT_EQ(made.at("authority"), json::value(fingerprint(*where.authority)));
+    EXPECT_EQ(made.at("command"),
+              json::value("vindral-enrol https://collector.example.org:8443 " + text));
     EXPECT_EQ(answer.audit, "invited agent a@b.c/web-1");
 
     auto token = protocol::read_enrolment_token(text);
@@ -358,7 +351,8 @@ TEST_F(api_enrolments_test, a_token_opens_once) {
     EXPECT_EQ(kept.enrolments[0].ends, now + 3600);
     const std::string shown = json_text(get(path_of("web-1"))) + ask(enrolments).body;
     EXPECT_EQ(shown.find(text.substr(3, 20)), std::string::npos);
-    EXPECT_NE(json_text(get(path_of("a@b.c/web-1"), 201, "POST").at("token")), text);
+    EXPECT_NE(json_text(get(path_of("a@b.c/web-1"), 201, "POST").at("token")),
+              json_text(json::value(text)));
 
     protocol::agent_identity who;
     uint32_t generation = 0;
@@ -425,7 +419,7 @@ TEST_F(api_enrolments_test, a_name_that_polls_waits_until_it_is_admitted) {
 
 TEST_F(api_enrolments_test, a_key_that_waits) {
     EXPECT_EQ(request("web-1", key_a), known_agents::answer::waits);
-    EXPECT_EQ(get(path_of("web-1")).at("waiting").at("key"), fingerprint(key_a));
+    EXPECT_EQ(get(path_of("web-1")).at("waiting").at("key"), json::value(fingerprint(key_a)));
     for (const char* body :
          {R"({"key":"x"})", R"({"key":7})", R"({"key":"SHA256:"})", R"({"key":"SHA256:AAAA"})",
           R"({"name":"x"})", R"({"key":null,"key":null})", "[]", "x", R"({"key":)",

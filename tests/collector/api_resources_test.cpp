@@ -976,8 +976,19 @@ TEST_F(api_resources_test, without_a_store) {
     scratch_directory other;
     auto writer = ingest::open({.directory = other / "s"}, nullptr, error);
     noting_ingest noted(*writer);
-    api_services without{none, noted, hub, kept, counted, [] { return now.load(); },
-                         {},   {},    {},  ""};
+    api_services without{.stored = none,
+                         .results = noted,
+                         .hub = hub,
+                         .kept = kept,
+                         .agents = agents,
+                         .where_agents_poll = {},
+                         .secrets = secrets,
+                         .counted = counted,
+                         .now = [] { return now.load(); },
+                         .check_now = {},
+                         .send_away = {},
+                         .readiness = {},
+                         .version = ""};
     for (const char* path : {"/api/v1/agents", "/api/v1/tests", "/api/v1/events", "/api/v1/ledger",
                              "/api/v1/tests/1", "/api/v1/agents/1"}) {
         api_request asked;

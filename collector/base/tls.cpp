@@ -60,3 +60,32 @@ tls_context make_tls_context(const identity_files& files, std::string& error) {
     }
     return context;
 }
+
+/* A certificate of an agent has some 700 bytes, 2 KiB with the longest names and keys; this one has
+ * room for the authority's beside it. */
+static constexpr long most_of_certificates = 8192; /* bytes */
+
+static int look_at_client(X509_STORE_CTX* checked, void*) {
+    auto* ssl = static_cast<SSL*>(
+        X509_STORE_CTX_get_ex_data(checked, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    X509* certificate = X509_STORE_CTX_get0_cert(checked);
+    auto* who = ssl ? static_cast<client_look*>(SSL_get_app_data(ssl)) : nullptr;
+    int reason = who && certificate ? who->look(certificate) : X509_V_ERR_APPLICATION_VERIFICATION;
+    ERR_clear_error(); /* what the look left: the handshake's own reason has to be the first */
+    X509_STORE_CTX_set_error(checked, reason);
+    return reason == X509_V_OK ? 1 : 0;
+}
+
+void ask_for_certificate(SSL_CTX* context, const std::vector<x509_ptr>& authorities) {
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_cert_verify_callback(context, look_at_client, nullptr);
+    SSL_CTX_set_max_cert_list(context, most_of_certificates);
+    /* Browsers that look at the page are not to offer what they have. */
+    for (const x509_ptr& by : authorities) {
+        SSL_CTX_add_client_CA(context, by.get());
+    }
+}
+
+void set_client_look(SSL* ssl, client_look* who) {
+    SSL_set_app_data(ssl, who);
+}

@@ -146,17 +146,23 @@ asio::awaitable<size_t> connection::perform_plainly(Call call, tcp::socket::wait
     }
 }
 
-asio::awaitable<bool> connection::handshake(SSL_CTX* context) {
+asio::awaitable<bool> connection::handshake(SSL_CTX* context, client_look* look) {
     ssl_.reset(SSL_new(context));
     if (!ssl_ || !SSL_set_fd(ssl_.get(), socket_.native_handle())) {
         co_return false;
     }
     BIO_set_callback_ex(SSL_get_rbio(ssl_.get()), count_read);
     BIO_set_callback_arg(SSL_get_rbio(ssl_.get()), reinterpret_cast<char*>(this));
+    set_client_look(ssl_.get(), look);
     bool done = co_await perform(SSL_accept);
+    set_client_look(ssl_.get(), nullptr);
     SSL_set_msg_callback(ssl_.get(), count_message);
     SSL_set_msg_callback_arg(ssl_.get(), this);
     co_return done;
+}
+
+asio::awaitable<void> connection::let_read_alert() {
+    co_await drain();
 }
 
 /* Key updates and the like carry no data, so a peer that sends nothing else keeps OpenSSL reading

@@ -19,6 +19,8 @@
 #ifndef VINDRAL_COLLECTOR_CONNECTION_H
 #define VINDRAL_COLLECTOR_CONNECTION_H
 
+#include "base/tls.h"
+
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
@@ -67,7 +69,11 @@ public:
     /* The first byte is a letter, as of a plain HTTP request; TLS begins with another. Without
      * handshake() the calls below work on the plain stream. */
     bool plain() const;
-    boost::asio::awaitable<bool> handshake(SSL_CTX* context);
+    /* `look`, when it is not null, is asked about the certificate that the peer shows. */
+    boost::asio::awaitable<bool> handshake(SSL_CTX* context, client_look* look = nullptr);
+    /* After a handshake that failed: until the peer has read the alert and ended, or the deadline.
+     * A reset at once may reach it ahead of the alert. */
+    boost::asio::awaitable<void> let_read_alert();
     boost::asio::awaitable<size_t> read_some(char* data, size_t size);
 
     /* The whole answer. Its last bytes leave with end_cleanly() only, or with flush(). */

@@ -14,6 +14,14 @@ const char* refusal_word(refusal r) {
         return "request";
     case refusal::account:
         return "account";
+    case refusal::unknown:
+        return "unknown";
+    case refusal::unproven:
+        return "unproven";
+    case refusal::identity:
+        return "identity";
+    case refusal::enrolment:
+        return "enrolment";
     case refusal::name:
         return "name";
     case refusal::session:

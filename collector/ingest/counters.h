@@ -29,6 +29,10 @@ enum class refusal : uint8_t {
     tls,         /* no handshake, or none in time */
     request,     /* no sense in it, or not whole in time */
     account,     /* may not log in */
+    unknown,     /* has to be admitted before it may log in */
+    unproven,    /* has shown no certificate where it has to */
+    identity,    /* its certificate is no good, or of another name */
+    enrolment,   /* gets no certificate, or not now */
     name,        /* another host has the name */
     session,     /* to log in again */
     body,        /* too large, or cannot be unpacked */

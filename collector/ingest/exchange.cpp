@@ -116,13 +116,20 @@ awaitable<bool> exchange::read_body(packed_body* into, admission::stage stage) {
 
 awaitable<bool> exchange::answer(std::string_view status, std::string_view session,
                                  std::string_view body) {
+    return answer_with(status, "Vnd-SessionID", session, body);
+}
+
+awaitable<bool> exchange::answer_with(std::string_view status, std::string_view header,
+                                      std::string_view value, std::string_view body) {
     const std::string length = std::to_string(body.size());
-    const std::string_view none = session.empty() ? "" : "\r\nVnd-SessionID: ";
+    const std::string_view line = "\r\n", colon = ": ";
+    const bool more = !value.empty();
     output_.clear();
-    output_.reserve(64 + status.size() + none.size() + session.size() + body.size());
+    output_.reserve(64 + status.size() + header.size() + value.size() + body.size());
     for (std::string_view part :
          {std::string_view("HTTP/1.0 "), status, std::string_view("\r\nContent-Length: "),
-          std::string_view(length), none, session, std::string_view("\r\n\r\n"), body}) {
+          std::string_view(length), more ? line : "", more ? header : "", more ? colon : "", value,
+          std::string_view("\r\n\r\n"), body}) {
         output_ += part;
     }
     return send();

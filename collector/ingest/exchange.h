@@ -3,6 +3,7 @@
 #ifndef VINDRAL_COLLECTOR_EXCHANGE_H
 #define VINDRAL_COLLECTOR_EXCHANGE_H
 
+#include "base/agent_proof.h"
 #include "ingest/admission.h"
 #include "ingest/connection.h"
 #include "ingest/counters.h"
@@ -11,6 +12,7 @@
 #include "ingest/server_options.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -64,6 +66,7 @@ public:
     const uint64_t address_key; /* what counts as one: an IPv4 address, or the /64 of an IPv6 one */
     const clock::time_point accepted;
     request head;
+    std::optional<agent_proof> proof; /* what the certificate says that it has shown, if any */
 
     /* The connection has so long from now on, but never longer than the whole exchange may take. */
     void begin_phase(server_deadlines::duration length, admission::stage stage);
@@ -84,6 +87,9 @@ public:
      * is not empty is what the agent takes for its id. The texts need not outlive the call. */
     boost::asio::awaitable<bool> answer(std::string_view status, std::string_view session,
                                         std::string_view body);
+    /* The same with another header, unless its value is empty. */
+    boost::asio::awaitable<bool> answer_with(std::string_view status, std::string_view header,
+                                             std::string_view value, std::string_view body);
 
 private:
     boost::asio::awaitable<bool> send();

@@ -37,6 +37,82 @@ awaitable<void> polls::answer_nonsense(exchange& x, const std::string& error) {
     co_await x.answer("400 " + error, "", answer_log_in_again);
 }
 
+standing polls::may_go_by(const exchange& x, const std::string& account, const std::string& agent) {
+    if (!known_) {
+        return standing::good;
+    }
+    bool promoted = false;
+    const agent_proof* shown = x.proof ? &*x.proof : nullptr;
+    standing is = known_->may_go_by(account, agent, shown, x.address, promoted);
+    if (promoted && kept_ && shown) {
+        kept_->keep_promotion(*shown);
+    }
+    return is;
+}
+
+/* The session's polls: a proven one's have to be proven, each. */
+standing polls::may_use(const exchange& x, const session& s) {
+    standing is = may_go_by(x, s.account, s.agent);
+    return is == standing::good && s.proven && !x.proof ? standing::unproven : is;
+}
+
+static refusal counted_as(standing why) {
+    return why == standing::waits      ? refusal::unknown
+           : why == standing::unproven ? refusal::unproven
+                                       : refusal::identity;
+}
+
+/* What the log says of it, and what the one that logs in is told. */
+struct standing_words {
+    const char* log;
+    const char* body;
+};
+static standing_words words_of(standing why) {
+    switch (why) {
+    case standing::waits:
+        return {"not admitted", "This agent is not admitted yet.\n"};
+    case standing::unproven:
+        return {"it has to show its certificate", "This agent has to show its certificate.\n"};
+    case standing::other_name:
+        return {"its certificate is of another name", "The certificate is of another name.\n"};
+    case standing::revoked:
+        return {"it is revoked", "This agent is revoked.\n"};
+    case standing::good:
+        break;
+    }
+    return {"", ""};
+}
+
+/* Of whose certificate it is, for the log. */
+static std::string shown_by(const exchange& x, standing why) {
+    return why == standing::other_name && x.proof
+               ? ", of " + describe(x.proof->who.account, x.proof->who.agent)
+               : "";
+}
+
+awaitable<void> polls::refuse_login(exchange& x, standing why) {
+    /* Who waits asks again with each interval; the list of those who wait has it. */
+    bool told = false;
+    if (why == standing::waits) {
+        auto kept = known_->find(x.head.account, x.head.agent);
+        told = kept && kept->waiting && kept->waiting->since < kept->waiting->last;
+    }
+    room_.counted.refused(counted_as(why));
+    const standing_words words = words_of(why);
+    if (!told) {
+        room_.log(event::identity, std::string("login refused, ") + words.log + ": " +
+                                       describe(x.head.account, x.head.agent) + " at " + x.address +
+                                       shown_by(x, why));
+    }
+    co_await x.answer("403 Forbidden", "", words.body);
+}
+
+void polls::refuse_poll(const exchange& x, const session& s, standing why) {
+    room_.refuse(counted_as(why), event::identity,
+                 std::string("poll refused, ") + words_of(why).log + ": " + describe(s, x) +
+                     shown_by(x, why));
+}
+
 awaitable<void> polls::answer_login(exchange& x) {
     bool whole = co_await x.read_body(nullptr, stage::unheard); /* an agent sends none */
     if (!whole) {
@@ -52,6 +128,17 @@ awaitable<void> polls::answer_login(exchange& x) {
             co_await x.answer("403 Forbidden", "", "This account is not allowed here.\n");
         }
         co_return;
+    }
+    const standing is = may_go_by(x, x.head.account, x.head.agent);
+    if (is != standing::good) {
+        co_await refuse_login(x, is);
+        co_return;
+    }
+    if (x.proof) {
+        auto other = sessions_.polling(x.head.account, x.head.agent, exchange::clock::now());
+        if (other && !other->proven) { /* whoever that is: this one is who it says */
+            sessions_.end_all(x.head.account, x.head.agent);
+        }
     }
     name_conflict conflict;
     auto fresh = sessions_.log_in(x.head.account, x.head.agent, exchange::clock::now(), x.address,
@@ -72,6 +159,7 @@ awaitable<void> polls::answer_login(exchange& x) {
     results_.heard(x.head.account, x.head.agent, time(nullptr), x.address, x.head.version);
     commands_.refresh();
     fresh->version = x.head.version;
+    fresh->proven = x.proof.has_value();
     fresh->delivered = fresh->answered_from = commands_.newest(); /* all of it, in this answer */
     fresh->told(commands_.poll_interval());
     auto sent = x.answer("200 OK", fresh->id, commands_.text_for_login(*fresh));
@@ -84,7 +172,12 @@ awaitable<void> polls::answer_poll(exchange& x) {
         sessions_.find(x.head.session, exchange::clock::now(), x.address, &conflict);
     tell(conflict);
     fate end = fate::again;
-    if (s) { /* also one whose block will not be stored */
+    const standing is = s ? may_use(x, *s) : standing::good;
+    if (is != standing::good) {
+        bool whole = co_await x.read_body(nullptr, stage::unheard);
+        end = whole ? fate::again : fate::broken;
+        refuse_poll(x, *s, is);
+    } else if (s) { /* also one whose block will not be stored */
         results_.heard(s->account, s->agent, time(nullptr), x.address, x.head.version);
         if (s->polls == 1) {
             commands_.login_arrived(*s);

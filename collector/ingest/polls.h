@@ -10,15 +10,19 @@
  * would have every agent log in and send it again each second. A login that is refused gets no
  * session, whereupon the agent keeps what it has and tries again after its interval; "666666" would
  * end it with all its results, for a slip in the list of accounts. So is one of a second host under
- * a name that is in use (see session.h). The agent adds up every header that begins with
+ * a name that is in use (see session.h), and one that is not let in under its name
+ * (known_agents.h); a poll that has shown another proof than its session began with is to log in
+ * again, and told there. The agent adds up every header that begins with
  * "Content-", so Content-Length is the only one sent, and waits for the end of the connection when
  * it is 0. */
 #ifndef VINDRAL_COLLECTOR_POLLS_H
 #define VINDRAL_COLLECTOR_POLLS_H
 
+#include "ingest/enrolment.h"
 #include "ingest/exchange.h"
 #include "ingest/ingest.h"
 #include "ingest/instructions.h"
+#include "ingest/known_agents.h"
 #include "ingest/turns.h"
 #include "ingest/unpacker.h"
 
@@ -29,10 +33,12 @@
 
 class polls {
 public:
-    /* This must outlive `context`, which destroys the exchanges that are under way. */
+    /* This must outlive `context`, which destroys the exchanges that are under way. `known` is who
+     * may go by which name, and `kept` keeps what follows from that; null: nobody is asked. */
     polls(boost::asio::io_context& context, exchange_room& room, unpacker& bodies, ingest& results,
-          instructions& commands)
+          instructions& commands, known_agents* known, enrolment* kept)
         : context_(context), room_(room), bodies_(bodies), results_(results), commands_(commands),
+          known_(known), kept_(kept),
           allowed_(room.options.allow.begin(), room.options.allow.end()) {}
 
     /* The exchange's head has been read. */
@@ -58,12 +64,18 @@ private:
                                                const session& from, size_t bytes);
     boost::asio::awaitable<store_result> keep(poll_block block);
     void tell(const name_conflict& conflict);
+    standing may_go_by(const exchange& x, const std::string& account, const std::string& agent);
+    standing may_use(const exchange& x, const session& s);
+    boost::asio::awaitable<void> refuse_login(exchange& x, standing why);
+    void refuse_poll(const exchange& x, const session& s, standing why);
 
     boost::asio::io_context& context_;
     exchange_room& room_;
     unpacker& bodies_;
     ingest& results_;
     instructions& commands_;
+    known_agents* const known_;
+    enrolment* const kept_;
     const std::unordered_set<std::string> allowed_;
     session_table sessions_{room_.options.sessions};
     turns large_{room_.options.large_memory}, huge_{room_.options.body.max_plain};

@@ -1,6 +1,7 @@
 #include "ingest/request.h"
 
 #include "base/text.h"
+#include "protocol/enrolment.h"
 
 #include <algorithm>
 #include <boost/beast/http/empty_body.hpp>
@@ -61,6 +62,21 @@ static std::string read_version(const http::fields& fields, std::string& error) 
     return std::string(fine ? value : "");
 }
 
+static boost::beast::string_view target_of(std::string_view path) {
+    return {path.data(), path.size()};
+}
+
+static void read_enrolment(const http::fields& fields, request& out, std::string& error) {
+    const std::string token_header(protocol::token_header);
+    out.token = single(fields, token_header.c_str(), error).value_or("");
+    if (fields.count("Vnd-EMail")) {
+        out.account = read_name(fields, "Vnd-EMail", error);
+    }
+    if (fields.count("Vnd-AName")) {
+        out.agent = read_name(fields, "Vnd-AName", error);
+    }
+}
+
 bool parse_head(std::string_view head, request& out, std::string& error) {
     http::request_parser<http::empty_body> parser;
     parser.header_limit(max_head);
@@ -81,6 +97,9 @@ bool parse_head(std::string_view head, request& out, std::string& error) {
     if (message.method() != http::verb::post) {
         if (message.method() == http::verb::get && message.target() == "/") {
             out.what = request::kind::page;
+        } else if (message.method() == http::verb::get &&
+                   message.target() == target_of(protocol::authority_path)) {
+            out.what = request::kind::authority;
         }
         return error.empty();
     }
@@ -89,6 +108,9 @@ bool parse_head(std::string_view head, request& out, std::string& error) {
         out.session = *id;
         out.compression = read_number(message, "Vnd-Compression", error);
         out.checksum = read_number(message, "Vnd-CheckSum", error);
+    } else if (message.target() == target_of(protocol::enrol_path)) {
+        out.what = request::kind::enrol;
+        read_enrolment(message, out, error);
     } else if (message.count("Vnd-EMail") || message.count("Vnd-AName")) {
         out.what = request::kind::login;
         out.account = read_name(message, "Vnd-EMail", error);

@@ -13,14 +13,19 @@ inline constexpr size_t max_version = 32;
 
 struct request {
     enum class kind {
-        login, /* POST with Vnd-EMail and Vnd-AName */
-        poll,  /* POST with Vnd-SessionID */
-        page,  /* GET of "/": somebody looks whether a collector is here */
-        other  /* well-formed, but nothing that an agent sends */
+        login,     /* POST with Vnd-EMail and Vnd-AName */
+        poll,      /* POST with Vnd-SessionID */
+        page,      /* GET of "/": somebody looks whether a collector is here */
+        authority, /* GET of protocol::authority_path */
+        enrol,     /* POST of protocol::enrol_path without Vnd-SessionID */
+        other      /* well-formed, but nothing that an agent sends */
     } what = kind::other;
-    std::string session;        /* poll */
-    std::string account, agent; /* login; printable as far as ASCII goes, 1 to max_name bytes */
-    std::string version;        /* printable ASCII, at most max_version bytes; "": not known */
+    std::string session; /* poll */
+    std::string account,
+        agent;           /* login; printable as far as ASCII goes, 1 to max_name bytes. enrol:
+                            "" for what is missing */
+    std::string token;   /* enrol, whatever it is; "": none */
+    std::string version; /* printable ASCII, at most max_version bytes; "": not known */
     uint64_t content_length = 0;
     uint64_t compression = 0; /* size of the body unpacked; 0: it is not packed */
     uint64_t checksum = 0;    /* Adler-32 of the body as sent; 0: none */

@@ -1,11 +1,12 @@
 /* The collector's end of the poll exchange: HTTP/1.0 over TLS, one exchange a connection. GET of
  * "/" gives a page that says what this is, over TLS and, on the same port, without: something for a
  * page test or a browser to find. Nothing else is done without TLS. This joins who is let in
- * (listener.h), what agents are answered (polls.h) and the page (page.h).
+ * (listener.h), whose certificate is good (certificate_check.h), what agents are answered
+ * (polls.h), how hosts get certificates (enrolment.h) and the page (page.h).
  *
  * THREADS  One thread runs everything of the network: run(). Large bodies are unpacked on a second
- * one, huge ones on a third, so that they do not hold up the others; storing has the store's
- * thread.
+ * one, huge ones on a third, and certificates made on a fourth, so that they do not hold up the
+ * others; storing has the store's thread.
  *
  * LIMITS  Connections in all and per address: beyond, one that has waited for its peer makes room
  * for the new one, or the new one is reset at once. Bytes of bodies and answers held, in all and
@@ -18,28 +19,30 @@
 #ifndef VINDRAL_COLLECTOR_SERVER_H
 #define VINDRAL_COLLECTOR_SERVER_H
 
+#include "ingest/agents_tls.h"
 #include "ingest/counters.h"
 #include "ingest/ingest.h"
 #include "ingest/instructions.h"
+#include "ingest/known_agents.h"
 #include "ingest/server_options.h"
 
 #include <boost/asio/io_context.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <openssl/ssl.h>
 #include <string>
 
 class server {
 public:
     using log_function = std::function<void(const std::string&)>;
 
-    /* `tls`, `commands` and `counted` must outlive the server. `results` must outlive run() but be
+    /* `known` null: agents are asked for no certificate, and hosts cannot enrol. It, `commands` and
+     * `counted` must outlive the server. `results` must outlive run() but be
      * destroyed before the server is: its thread may still be on its way out of a call to here.
      * `log` gets lines without a line end, few of them whatever strangers do, on the network thread
      * only. */
-    server(server_options options, SSL_CTX* tls, ingest& results, instructions& commands,
-           counters& counted, log_function log);
+    server(server_options options, std::shared_ptr<agents_tls> tls, known_agents* known,
+           ingest& results, instructions& commands, counters& counted, log_function log);
     ~server();
 
     /* Opens the port. False with one line in `error`. */
@@ -62,6 +65,13 @@ public:
     /* Ends the agent's session: with its next poll it is told to log in again. False when it has
      * none. On the network thread. */
     bool send_away(const std::string& account, const std::string& agent);
+
+    /* Connections from now on are made with this; those under way keep theirs. On the network
+     * thread. */
+    void exchange_tls(std::shared_ptr<agents_tls> next);
+
+    /* Has what is known of agents read again, soon. On the network thread. */
+    void refresh_known();
 
     /* For what else runs on the network thread: signals, timers. run() also waits for it. */
     boost::asio::io_context& context();

@@ -10,13 +10,13 @@ TEST_F(collector_server, a_port_in_use_is_one_clear_line) {
     start();
     server_options same = options_;
     same.port = port_;
-    server second(same, tls_, *store_, *commands_, counted_, [](const std::string&) {});
+    server second(same, shown_, nullptr, *store_, *commands_, counted_, [](const std::string&) {});
     std::string error;
     EXPECT_FALSE(second.listen(error));
     EXPECT_EQ(error, "cannot listen on 127.0.0.1 port " + std::to_string(port_) +
                          ": Address already in use");
     same.address = "localhost";
-    server third(same, tls_, *store_, *commands_, counted_, [](const std::string&) {});
+    server third(same, shown_, nullptr, *store_, *commands_, counted_, [](const std::string&) {});
     EXPECT_FALSE(third.listen(error));
     EXPECT_EQ(error,
               "cannot listen on localhost port " + std::to_string(port_) + ": not an IP address");

@@ -345,8 +345,12 @@ protected:
                                        [](const plan_problem&) {});
         commands_ = std::make_unique<commands_for_agents>(*plan_, earlier);
         store_ = std::make_unique<fake_store>();
-        server_ = std::make_unique<server>(options_, tls_, *store_, *commands_, counted_,
-                                           [this](const std::string& line) {
+        if (!shown_) {
+            SSL_CTX_up_ref(tls_);
+            shown_ = std::make_shared<agents_tls>(tls_context(tls_));
+        }
+        server_ = std::make_unique<server>(options_, shown_, known_.get(), *store_, *commands_,
+                                           counted_, [this](const std::string& line) {
                                                std::lock_guard hold(log_mutex_);
                                                log_.push_back(line);
                                            });
@@ -399,6 +403,8 @@ protected:
     static inline SSL_CTX* tls_ = nullptr;
 
     server_options options_;
+    std::unique_ptr<known_agents> known_; /* null: nobody is asked for a certificate */
+    std::shared_ptr<agents_tls> shown_;   /* null: of tls_ */
     std::unique_ptr<plan> plan_;
     std::unique_ptr<commands_for_agents> commands_;
     counters counted_;

@@ -176,6 +176,17 @@ web_server::~web_server() {
     stop();
 }
 
+void web_server::exchange_tls(tls_context next) {
+    if (!next || !state_->room.tls) {
+        return;
+    }
+    std::shared_ptr<SSL_CTX> kept(std::move(next));
+    asio::post(state_->room.context, [&room = state_->room, kept] {
+        room.tls = kept.get();
+        room.own_tls = kept;
+    });
+}
+
 bool web_server::listen(std::string& error) {
     state& s = *state_;
     const web_options& o = s.options;

@@ -18,6 +18,7 @@
 #define VINDRAL_COLLECTOR_WEB_SERVER_H
 
 #include "api/services.h"
+#include "base/tls.h"
 #include "store/settings.h"
 #include "web/web_options.h"
 
@@ -40,6 +41,10 @@ public:
     bool listen(std::string& error);
     uint16_t port() const;
     std::string url() const; /* "http://127.0.0.1:8080", "https://[::1]:8080" */
+
+    /* Connections from now on are made with this, soon; null changes nothing, as does any where
+     * there is no TLS. Any thread. */
+    void exchange_tls(tls_context next);
 
     /* Closes the port and, after what is under way, all connections: two seconds at the most, but
      * for what a resource is doing at the moment. */

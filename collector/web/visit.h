@@ -109,7 +109,8 @@ public:
     void stop();
 
     const web_options& options;
-    SSL_CTX* const tls;
+    SSL_CTX* tls;                     /* null: plain */
+    std::shared_ptr<SSL_CTX> own_tls; /* that one, since it was exchanged */
     desk& at;
     known_callers& callers;
     api_services& with;

@@ -11,22 +11,21 @@ static std::vector<std::string> listening_name(const options& o) {
     return any ? std::vector<std::string>() : std::vector<std::string>{o.listen};
 }
 
-tls_context prepare_tls(const options& o, identity_report& report, std::string& error) {
-    identity_files identity{o.cert, o.key};
+bool prepare_identity(const options& o, identity_files& files, identity_report& report,
+                      std::string& error) {
+    files = {o.cert, o.key};
     std::vector<std::string> names = o.names;
     for (const std::string& name : listening_name(o)) {
         names.push_back(name);
     }
     if (!o.cert.empty()) {
-        report = report_identity(identity);
-    } else if (!ensure_identity(o.state_dir, names, identity, report, error)) {
-        return nullptr;
+        report = report_identity(files);
+        return true;
     }
-    return make_tls_context(identity, error);
+    return ensure_identity(o.state_dir, names, files, report, error);
 }
 
-/* What agents may call this server: no IPv6 address, which they cannot use. */
-static std::string name_for_agents(const options& o, const identity_report& report) {
+std::string name_for_agents(const options& o, const identity_report& report) {
     std::vector<std::string> candidates = o.names;
     if (!o.cert.empty()) {
         candidates = report.names;
@@ -68,5 +67,16 @@ std::string announcement(const options& o, const identity_report& report, const 
     for (const std::string& note : report.notes) {
         text += "vindral-collector: " + note + "\n";
     }
-    return text + "Listening on " + where + "\n" + lines_for_hosts(o, report, port);
+    text += "Listening on " + where + "\n";
+    switch (o.agents) {
+    case agents_mode::any:
+        return text + lines_for_hosts(o, report, port);
+    case agents_mode::known:
+        return text + lines_for_hosts(o, report, port) +
+               "Then it waits until it is admitted, with\n  vindralctl agents admit NAME\n";
+    case agents_mode::proven:
+        break;
+    }
+    return text + "Agents prove who they are. What makes a host report here, one command, is "
+                  "printed by\n  vindralctl enrol NAME\n";
 }

@@ -4,18 +4,20 @@
 #define VINDRAL_COLLECTOR_ANNOUNCE_H
 
 #include "base/identity.h"
-#include "base/tls.h"
 #include "life/options.h"
 
 #include <cstdint>
 #include <string>
 
-/* The key pair of the state directory unless one is given, and the context made from that. Null
- * with one line in `error`. */
-tls_context prepare_tls(const options& o, identity_report& report, std::string& error);
+/* The key pair of the state directory unless one is given. False with one line in `error`. */
+bool prepare_identity(const options& o, identity_files& files, identity_report& report,
+                      std::string& error);
 
-/* For the operator: the report's notes, where this one listens, and what goes into a host's
- * vindral.conf. Lines with their ends. */
+/* What agents may call this server: no IPv6 address, which they cannot use. */
+std::string name_for_agents(const options& o, const identity_report& report);
+
+/* For the operator: the report's notes, where this one listens, and how a host comes in: what goes
+ * into its vindral.conf, or what makes it enrol. Lines with their ends. */
 std::string announcement(const options& o, const identity_report& report, const std::string& where,
                          uint16_t port);
 

@@ -32,13 +32,13 @@ static bool is_loopback(const std::string& address) {
     return address == "::1" || address.starts_with("127.");
 }
 
-api_side::api_side(const options& o, size_t connections, const identity_report& identity,
-                   SSL_CTX* tls, ingest& results, server& agents, event_hub& hub,
-                   const counters& counted, std::function<void(const std::string&)> log)
-    : options_(o), web_(web_options_from(o, connections, identity)),
-      tls_(is_loopback(o.web_address) ? nullptr : tls), log_(std::move(log)),
-      stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results), agents_(agents),
-      hub_(hub), counted_(counted) {}
+api_side::api_side(const options& o, size_t connections, const agents_side& identities,
+                   ingest& results, server& agents, event_hub& hub, const counters& counted,
+                   std::function<void(const std::string&)> log)
+    : options_(o), web_(web_options_from(o, connections, identities.report())),
+      identities_(identities), tls_(is_loopback(o.web_address) ? nullptr : identities.for_api()),
+      log_(std::move(log)), stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results),
+      agents_(agents), hub_(hub), counted_(counted) {}
 
 /* Has the network thread do it, and says what came of it; none when that takes longer than a
  * second: it is done later then. So it refers to nothing of this call's. */
@@ -76,19 +76,19 @@ api_side::~api_side() {
 }
 
 bool api_side::start(std::string& error) {
-    std::string note;
-    kept_ = settings::open(options_.state_dir, note, error, log_);
-    if (!note.empty()) {
-        log_(note);
-    }
-    if (!kept_) {
+    settings* const kept = identities_.kept();
+    if (!kept) {
+        error = identities_.settings_error();
         return false;
     }
     services_ = std::make_unique<api_services>(api_services{
         .stored = *stored_,
         .results = results_,
         .hub = hub_,
-        .kept = *kept_,
+        .kept = *kept,
+        .agents = *identities_.known(),
+        .where_agents_poll = [this] { return identities_.where_agents_poll(); },
+        .secrets = *identities_.secrets(),
         .counted = counted_,
         .now = [] { return int64_t{time(nullptr)}; },
         .check_now = [this](std::string_view account,
@@ -103,10 +103,11 @@ bool api_side::start(std::string& error) {
                 ready = trouble.empty();
                 return ready ? std::vector<std::string>() : std::vector{trouble};
             },
-        .version = collector_version()});
+        .version = collector_version(),
+        .allowed_accounts = options_.allow});
     std::unique_ptr<web_server> server;
     try {
-        server = std::make_unique<web_server>(web_, tls_, *kept_, *services_, log_);
+        server = std::make_unique<web_server>(web_, tls_.get(), *kept, *services_, log_);
     } catch (const std::system_error& e) {
         error = "cannot start a thread: " + e.code().message();
         return false;
@@ -132,12 +133,19 @@ std::string api_side::announcement() const {
         return "";
     }
     std::string text = "The API is at " + server_->url() + "\n", error;
-    if (has_no_token(*kept_)) {
-        std::string link = make_link(*kept_, server_->url(), "", error);
+    settings& kept = *identities_.kept();
+    if (has_no_token(kept)) {
+        std::string link = make_link(kept, server_->url(), "", error);
         text += link.empty() ? "vindral-collector: no link can be made: " + error + "\n"
                              : "Within 15 minutes this signs in, once:\n  " + link + "\n";
     }
     return text;
+}
+
+void api_side::exchange_tls() {
+    if (server_ && tls_) {
+        server_->exchange_tls(identities_.for_api());
+    }
 }
 
 void api_side::stop() {

@@ -4,9 +4,9 @@
 
 #include "api/live.h"
 #include "api/services.h"
-#include "base/identity.h"
 #include "base/tls.h"
 #include "ingest/server.h"
+#include "life/agents_side.h"
 #include "life/options.h"
 #include "web/server.h"
 
@@ -19,12 +19,12 @@
 class api_side {
 public:
     /* All must outlive this. */
-    api_side(const options& o, size_t connections, const identity_report& identity, SSL_CTX* tls,
-             ingest& results, server& agents, event_hub& hub, const counters& counted,
+    api_side(const options& o, size_t connections, const agents_side& identities, ingest& results,
+             server& agents, event_hub& hub, const counters& counted,
              std::function<void(const std::string&)> log);
     ~api_side(); /* stop() */
 
-    /* Opens the settings and the port, writes the port file, and leaves in the state directory
+    /* Opens the port, writes the port file, and leaves in the state directory
      * where the API is. False with one line in `error`, and nothing is open then. */
     bool start(std::string& error);
     bool is_open() const { return server_ != nullptr; }
@@ -32,6 +32,9 @@ public:
     /* For the operator: where it is, and as long as nobody has a token a link that signs in. Lines
      * with their ends; empty when it is not open. */
     std::string announcement() const;
+
+    /* Connections from now on are made with the certificate that is there now. */
+    void exchange_tls();
 
     void stop();
 
@@ -43,9 +46,9 @@ private:
 
     const options& options_;
     const web_options web_;
-    SSL_CTX* const tls_;
+    const agents_side& identities_;
+    const tls_context tls_; /* null: plain */
     const std::function<void(const std::string&)> log_;
-    std::unique_ptr<settings> kept_;
     std::unique_ptr<reader_pool> stored_;
     ingest& results_;
     server& agents_;

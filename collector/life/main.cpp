@@ -4,6 +4,7 @@
 #include "ingest/ingest.h"
 #include "ingest/server.h"
 #include "ingest/store_listeners.h"
+#include "life/agents_side.h"
 #include "life/announce.h"
 #include "life/api_side.h"
 #include "life/options.h"
@@ -16,6 +17,8 @@
 #include "show/report.h"
 
 #include <algorithm>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <ctime>
 #include <iostream>
 #include <sys/resource.h>
@@ -127,6 +130,17 @@ static known_tests read_known_tests(const std::string& directory, result_output&
     return earlier;
 }
 
+/* As long as `what` returns true, and until the timer is cancelled. */
+static void repeat(boost::asio::steady_timer& timer, std::chrono::seconds every,
+                   const std::function<bool()>& what) {
+    timer.expires_after(every);
+    timer.async_wait([&timer, every, &what](boost::system::error_code failed) {
+        if (!failed && what()) {
+            repeat(timer, every, what);
+        }
+    });
+}
+
 static int run_server(const options& o) {
     std::string error;
     /* It holds the key and what agents reported: its owner's business only. */
@@ -142,7 +156,16 @@ static int run_server(const options& o) {
     } catch (const std::system_error& e) {
         return fail("cannot start a thread: " + e.code().message());
     }
+    std::vector<std::string> early; /* before the line "Listening on" */
+    const auto report = [&](const std::string& line) {
+        output->on_problem(utc_time(time(nullptr)) + " " + line);
+    };
+    agents_side identities(o, report);
+    if (!identities.open_settings(early, error)) {
+        return fail(error);
+    }
     ingest_options keeping;
+    keeping.hidden = identities.secrets() ? &identities.secrets()->hidden() : nullptr;
     keeping.directory = o.state_dir;
     keeping.keep_days = o.keep_days;
     keeping.keep_5min_days = o.keep_5min_days;
@@ -164,17 +187,14 @@ static int run_server(const options& o) {
             output->begin(*stored);
         }
     }
-    identity_report identity;
-    tls_context tls =
-        prepare_tls(o, identity, error); /* after the store, which is one process' only */
-    if (!tls) {
+    if (!identities.open(early, error)) { /* after the store, which is one process' only */
         return fail(error);
     }
-    std::vector<std::string> early; /* before the line "Listening on" */
     bool listening = false;
     server::log_function log = [&](const std::string& line) {
         std::string text = utc_time(time(nullptr)) + " " + line;
-        line.starts_with("login: ") ? output->on_note(text) : output->on_problem(text);
+        line.starts_with("login: ") || line.starts_with("certificate: ") ? output->on_note(text)
+                                                                         : output->on_problem(text);
     };
     plan lines(
         o.plan,
@@ -185,7 +205,8 @@ static int run_server(const options& o) {
             plan_summary summary = summary_of(taken);
             output->on_plan(summary);
             results->follow(std::move(summary), definitions_of(taken));
-        });
+        },
+        identities.secrets());
     if (!lines.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
@@ -197,34 +218,54 @@ static int run_server(const options& o) {
         early.push_back(std::to_string(earlier.left_out()) +
                         " tests of earlier runs are left out: taken out of the plan, they go on");
     }
-    commands_for_agents commands(lines, std::move(earlier));
+    commands_for_agents commands(lines, std::move(earlier), log);
     size_t descriptors = raise_descriptor_limit();
     size_t for_web = o.web_address.empty() ? 0 : web_connections(descriptors);
-    server collector(server_options_from(o, descriptors - for_web), tls.get(), *results, commands,
-                     counted, log);
+    server collector(server_options_from(o, descriptors - for_web), identities.shown(),
+                     identities.known(), *results, commands, counted, log);
     boost::asio::signal_set signals(collector.context(), SIGINT, SIGTERM, SIGHUP);
     if (!collector.listen(error)) {
         return fail(error);
     }
-    api_side api(
-        o, for_web, identity, tls.get(), *results, collector, hub, counted,
-        [&](const std::string& line) { output->on_problem(utc_time(time(nullptr)) + " " + line); });
+    identities.listens_on(collector.port());
+    api_side api(o, for_web, identities, *results, collector, hub, counted, report);
     if (!o.web_address.empty() && !api.start(error)) {
         if (o.web_given) {
             return fail(error);
         }
         early.push_back("no API: " + error); /* agents can do without */
     }
-    if (!announce(o, collector, identity, api.announcement(), *output, error)) {
+    if (!announce(o, collector, identities.report(), api.announcement(), *output, error)) {
         return fail(error);
     }
     listening = true;
     std::for_each(early.begin(), early.end(), log);
-    const std::function<void()> end = [&] { collector.stop(); };
+    boost::asio::steady_timer look_timer(collector.context());
+    bool ending = false;
+    const std::function<void()> end = [&] {
+        ending = true;
+        look_timer.cancel();
+        collector.stop();
+    };
+    const auto look_at_certificates = [&](bool in_any_case) {
+        if (identities.read_again(in_any_case)) {
+            collector.exchange_tls(identities.shown());
+            api.exchange_tls();
+        }
+        collector.refresh_known();
+    };
     const std::function<void()> read_again = [&] {
+        look_at_certificates(true);
         log(lines.refresh() ? "plan read again" : "the plan cannot be read; the old one stays");
     };
     heed_signals(signals, end, read_again);
+    const std::function<bool()> look = [&] {
+        if (!ending) {
+            look_at_certificates(false);
+        }
+        return !ending; /* run() would wait for the timer */
+    };
+    repeat(look_timer, std::chrono::seconds(20), look);
     collector.run();
     api.stop();
     results.reset(); /* before the server that its thread may still be calling */

@@ -338,8 +338,19 @@ TEST_F(api_metrics_test, the_older_format_where_it_is_wanted) {
 /* A collector that cannot read its store says so; values that end would tell something else. */
 TEST_F(api_metrics_test, without_a_store) {
     reader_pool none(directory / "nowhere");
-    api_services without{none, *noting, hub, kept, counted, [] { return now.load(); },
-                         {},   {},      {},  "3.0"};
+    api_services without{.stored = none,
+                         .results = *noting,
+                         .hub = hub,
+                         .kept = kept,
+                         .agents = agents,
+                         .where_agents_poll = {},
+                         .secrets = secrets,
+                         .counted = counted,
+                         .now = [] { return now.load(); },
+                         .check_now = {},
+                         .send_away = {},
+                         .readiness = {},
+                         .version = "3.0"};
     for (bool fleet : {false, true}) {
         api_request asked;
         asked.who.may = role::viewer;

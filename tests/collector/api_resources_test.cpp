@@ -989,8 +989,9 @@ TEST_F(api_resources_test, without_a_store) {
                          .send_away = {},
                          .readiness = {},
                          .version = ""};
-    for (const char* path : {"/api/v1/agents", "/api/v1/tests", "/api/v1/events", "/api/v1/ledger",
-                             "/api/v1/tests/1", "/api/v1/agents/1"}) {
+    for (const char* path :
+         {"/api/v1/agents", "/api/v1/enrolments", "/api/v1/tests", "/api/v1/events",
+          "/api/v1/ledger", "/api/v1/tests/1", "/api/v1/agents/1"}) {
         api_request asked;
         asked.who.may = role::viewer;
         api_answer answer = answer_request("GET", path, asked, without);

@@ -1,6 +1,7 @@
 /* Whatever is asked of the API, by anybody: paths, parameters, bodies, tags. Input: one byte for
  * the method and the role, then lines: the target, If-None-Match (and Accept), and the rest is the
- * body. Asked of a store that has an agent with two tests; what changes it is only noted. */
+ * body. Asked of a store that has an agent with two tests, and names that wait, are admitted, are
+ * revoked; what changes anything is only noted. */
 #include "api/json.h"
 #include "api/live.h"
 #include "api/metric_text.h"
@@ -42,6 +43,28 @@ class no_settings final : public decisions_in_memory {
     bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
                     std::string&) override {
         return true;
+    }
+    /* What is decided goes well, and is forgotten with the next reading. */
+    bool change_identity(std::string_view account, std::string_view agent,
+                         const std::function<bool(stored_identity&)>& change,
+                         std::string&) override {
+        auto known = identities.find({std::string(account), std::string(agent)});
+        stored_identity what = known != identities.end() ? known->second : stored_identity();
+        what.account = account;
+        what.agent = agent;
+        forget();
+        return change(what);
+    }
+    bool add_enrolment(const stored_enrolment&, std::string&) override {
+        forget();
+        return true;
+    }
+    bool put_secret(const stored_secret&, std::string&) override { return true; }
+    bool drop_secret(std::string_view, std::string&) override { return true; }
+
+    void forget() {
+        changed(); /* twice: another process did it */
+        changed();
     }
 };
 
@@ -95,6 +118,16 @@ public:
             require(done.get_future().get() == store_result::stored);
         }
         pool_ = std::make_unique<reader_pool>(directory_);
+        for (const char* name : {"web-1", "revoked"}) {
+            stored_identity& who = kept_.identities[{"a@b.c", name}];
+            who.account = "a@b.c";
+            who.agent = name;
+            who.by = "a\nname";
+            (*name == 'r' ? who.revoked : who.admitted) = noon;
+            who.highest = who.good_from = 1;
+            who.issued = noon;
+            who.ends = noon + 86400;
+        }
         with_.reset(new api_services{
             .stored = *pool_,
             .results = none_,
@@ -126,6 +159,16 @@ public:
     place(const place&) = delete;
     place& operator=(const place&) = delete;
     api_services& services() { return *with_; }
+    /* Whatever was done to them before. */
+    void wait() {
+        bool promoted = false;
+        std::string why;
+        protocol::agent_identity who;
+        uint32_t generation = 0;
+        agents_.may_go_by("a@b.c", "polls", nullptr, "192.0.2.1", promoted);
+        agents_.may_go_by("\xff", "web-1", nullptr, "192.0.2.1", promoted);
+        agents_.enrol_by_name("a@b.c", "asks", {1}, "192.0.2.1", who, generation, why);
+    }
 
 private:
     std::string directory_;
@@ -160,6 +203,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     asked.if_none_match = asked.accept = take_line(rest);
     asked.body = rest;
     asked.who = {static_cast<role>(data[0] >> 3 & 3), 1, "somebody", "192.0.2.1"};
+    here.wait();
     api_answer answer = answer_request(methods[data[0] & 7], target, asked, here.services());
 
     require(answer.status >= 200 && answer.status <= 503);

@@ -24,8 +24,7 @@ public:
     sealer& operator=(const sealer&) = delete;
 
     /* False with one line in `error`, which says nothing of the key; what was open stays so.
-     * `make`:
-     * when there is none. Not where something is sealed already: a new key opens none of it. */
+     * `make`: when there is none. Not where something is sealed already, which no new key opens. */
     bool open(const std::string& directory, bool make, std::string& error);
 
     /* Nonce, what is sealed, tag; 28 bytes more than the value. "" when nothing is open, or the

@@ -51,6 +51,7 @@ struct ingest_test : testing::Test {
     std::string state = directory / "state";
     recorder told;
     counters counted;
+    hidden_texts hidden;
     std::unique_ptr<ingest> s;
 
     void SetUp() override {
@@ -77,7 +78,8 @@ struct ingest_test : testing::Test {
         s = ingest::open({.directory = state,
                           .keep_days = keep_days,
                           .max_queued = max_queued,
-                          .counted = &counted},
+                          .counted = &counted,
+                          .hidden = &hidden},
                          &told, error);
         EXPECT_EQ(s == nullptr, !error.empty());
         return error;
@@ -273,6 +275,35 @@ TEST_F(ingest_test, what_does_not_decode_is_kept_aside_and_the_rest_is_stored) {
                        fs::path(told.kept[0]).filename().string()}));
     EXPECT_EQ(submit(block), store_result::duplicate);
     EXPECT_EQ(query("SELECT count(*) FROM undecodable"), strings{"1"});
+}
+
+/* Before the hash it is as the agent sends it: a repetition is known whatever is hidden by then. */
+TEST_F(ingest_test, what_is_to_be_hidden_is_neither_stored_nor_shown) {
+    auto page = [](uint32_t test, const std::string& message) {
+        return record_builder{
+            .ui32 = {type_http, test, 1, 2, 10, 302, 5}, .i64 = {1000}, .strings = {message}}
+            .bytes();
+    };
+    ASSERT_EQ(open(), "");
+    hidden.hide({{{type_http, 7}, {"s3cret"}}});
+    const std::string block = page(7, "loop at /?s3cret") + page(8, "s3cret") +
+                              with_word(page(7, "/?s3cret"), 12, 99) + "what is s3cret no record";
+    EXPECT_EQ(submit(block), store_result::stored);
+    ASSERT_EQ(records().size(), 2u);
+    EXPECT_EQ(records()[0].raw, page(7, "loop at /?******"));
+    EXPECT_EQ(records()[1].raw, page(8, "s3cret")) << "another test knows nothing of it";
+    ASSERT_EQ(told.kept.size(), 1u);
+    std::ifstream file(told.kept[0]);
+    std::string aside((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_NE(aside.find("what is ****** no record"), std::string::npos);
+    EXPECT_EQ(aside.find("s3cret"), std::string::npos);
+    EXPECT_EQ(query("SELECT message FROM events WHERE test = 1"), strings{"loop at /?******"});
+    EXPECT_EQ(submit(block), store_result::duplicate);
+    hidden.hide({{{type_http, 7}, {"an0ther"}}});
+    EXPECT_EQ(submit(block), store_result::duplicate);
+    hidden.hide({});
+    EXPECT_EQ(submit(block), store_result::duplicate);
+    EXPECT_EQ(records().size(), 2u);
 }
 
 TEST_F(ingest_test, what_cannot_be_kept_aside_is_not_stored_and_does_not_hold_up_others) {

@@ -7,6 +7,7 @@
 #include "life/agents_side.h"
 #include "life/announce.h"
 #include "life/api_side.h"
+#include "life/authority_commands.h"
 #include "life/options.h"
 #include "life/signals.h"
 #include "life/store_commands.h"
@@ -304,6 +305,12 @@ int main(int argc, char** argv) {
         return run_remove_token(o);
     case task::make_link:
         return run_make_link(o);
+    case task::show_authorities:
+        return run_show_authorities(o);
+    case task::renew_authority:
+        return run_renew_authority(o);
+    case task::finish_authority:
+        return run_finish_authority(o);
     case task::collect:
         break;
     }

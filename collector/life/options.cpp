@@ -20,31 +20,45 @@ struct command_row {
     const char* name;
     const char* action;          /* the second word; null: it has none */
     std::string options::*takes; /* the word behind these; null: none */
+    const char* wants;           /* what that word is */
     const char* usage;
     const char* help;
 };
 
 const command_row commands[] = {
-    {task::back_up, "backup", nullptr, &options::file, "backup FILE",
+    {task::back_up, "backup", nullptr, &options::file, "a file", "backup FILE",
      "copy all that is stored into FILE, which must not\n"
      "exist; the collector may run"},
-    {task::restore, "restore", nullptr, &options::file, "restore FILE [--replace]",
+    {task::restore, "restore", nullptr, &options::file, "a file", "restore FILE [--replace]",
      "put such a copy into the state directory, while no\n"
      "collector runs; with --replace also where something\n"
      "is stored, which is kept beside it"},
-    {task::check, "check", nullptr, nullptr, "check",
+    {task::check, "check", nullptr, nullptr, nullptr, "check",
      "look at all that is stored, and name what is damaged;\n"
      "status 1 when anything is"},
-    {task::add_token, "token", "add", &options::token, "token add NAME --role ROLE",
+    {task::add_token, "token", "add", &options::token, "a name", "token add NAME --role ROLE",
      "make a token with which the API is asked, and print\n"
      "it; ROLE is viewer, operator or admin; here and\n"
      "below the collector may run"},
-    {task::list_tokens, "token", "list", nullptr, "token list", "list them by name"},
-    {task::remove_token, "token", "remove", &options::token, "token remove NAME",
+    {task::list_tokens, "token", "list", nullptr, nullptr, "token list", "list them by name"},
+    {task::remove_token, "token", "remove", &options::token, "a name", "token remove NAME",
      "remove one, and end what was begun with it"},
-    {task::make_link, "link", nullptr, nullptr, "link [--role ROLE]",
+    {task::make_link, "link", nullptr, nullptr, nullptr, "link [--role ROLE]",
      "print an address that signs in once, within 15\n"
      "minutes (as admin)"},
+    /* Ahead of the rows with a second word. */
+    {task::show_authorities, "authority", nullptr, nullptr, nullptr, "authority",
+     "print what hosts verify this collector with and what\n"
+     "signs the certificates of agents, and how many agents\n"
+     "depend on each"},
+    {task::renew_authority, "authority", "renew", &options::whose, "agents or server",
+     "authority renew agents|server",
+     "begin to exchange the one or the other, while agents\n"
+     "go on"},
+    {task::finish_authority, "authority", "finish", &options::whose, "agents or server",
+     "authority finish agents|server [--force]",
+     "end that, when no agent needs the old one any more;\n"
+     "with --force whoever does"},
 };
 
 /* Takes the value of an option, or says in `text` what is wrong with it. */
@@ -86,6 +100,18 @@ options_result set_role(const row& of, const char* value, options& out, std::str
     out.role = value;
     return role_of(value) ? options_result::run
                           : complain(of, "viewer, operator or admin" + not_this(value), text);
+}
+
+options_result set_agents(const row& of, const char* value, options& out, std::string& text) {
+    static const std::pair<std::string_view, agents_mode> modes[] = {
+        {"any", agents_mode::any}, {"known", agents_mode::known}, {"proven", agents_mode::proven}};
+    for (const auto& [name, mode] : modes) {
+        if (name == value) {
+            out.agents = mode;
+            return options_result::run;
+        }
+    }
+    return complain(of, "any, known or proven" + not_this(value), text);
 }
 
 template <auto member>
@@ -214,6 +240,11 @@ const row rows[] = {
      "host name or address by which agents reach this one,\n"
      "for that certificate; repeat for more"},
     {"allow", "EMAIL", add_account, "account that may log in; repeat for more (all)"},
+    {"agents", "MODE", set_agents,
+     "who may go by a name: any, whoever says so; known,\n"
+     "names that were admitted or enrolled; proven, who\n"
+     "shows a certificate of the name ({})",
+     "any"},
     {"end-refused", nullptr, set_flag<&options::end_refused>,
      "end the agents of other accounts, for good and with\n"
      "what they have not sent; otherwise they try again"},
@@ -252,6 +283,8 @@ const row rows[] = {
      "silent; 90s, 15m, 2h, 1d"},
     {"replace", nullptr, set_flag<&options::replace>, "with restore, below", nullptr, 0, 0,
      bit_of(task::restore)},
+    {"force", nullptr, set_flag<&options::force>, "with authority finish, below", nullptr, 0, 0,
+     bit_of(task::finish_authority)},
     {"role", "ROLE", set_role, "with token add and link, see below", nullptr, 0, 0,
      bit_of(task::add_token) | bit_of(task::make_link)},
     {"version", nullptr, show_version, "print the version and exit", nullptr, 0, 0, with_all},
@@ -311,6 +344,10 @@ std::string find_conflict(const options& o) {
     if (o.does == task::add_token && o.role.empty()) {
         return "token add needs --role viewer, operator or admin";
     }
+    bool exchanges = o.does == task::renew_authority || o.does == task::finish_authority;
+    if (exchanges && o.whose != "agents" && o.whose != "server") {
+        return "authority takes agents or server" + not_this(o.whose.c_str());
+    }
     if (o.missing && o.plan.empty()) {
         return "--missing needs --plan";
     }
@@ -318,6 +355,10 @@ std::string find_conflict(const options& o) {
         return "--older-than needs --missing";
     }
     return "";
+}
+
+std::string full_name(const command_row& c) {
+    return c.name + (c.action ? std::string(" ") + c.action : "");
 }
 
 /* Of the first word of a command line, when it is none. */
@@ -364,15 +405,11 @@ std::string take_words(const std::vector<std::string>& words, options& out) {
     size_t wanted = found->action ? 2 : 1;
     if (found->takes) {
         if (words.size() <= wanted || words[wanted].empty()) {
-            return words[0] + (found->action ? " " + words[1] + " needs a name" : " needs a file");
+            return full_name(*found) + " needs " + found->wants;
         }
         out.*found->takes = words[wanted++];
     }
     return words.size() > wanted ? "unexpected argument \"" + words[wanted] + "\"" : "";
-}
-
-std::string full_name(const command_row& c) {
-    return c.name + (c.action ? std::string(" ") + c.action : "");
 }
 
 /* The first of the options that does not go with the command. Empty when all do. */

@@ -2,6 +2,8 @@
 #ifndef VINDRAL_COLLECTOR_OPTIONS_H
 #define VINDRAL_COLLECTOR_OPTIONS_H
 
+#include "ingest/known_agents.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -16,7 +18,10 @@ enum class task {
     add_token,
     list_tokens,
     remove_token,
-    make_link
+    make_link,
+    show_authorities,
+    renew_authority,
+    finish_authority
 };
 
 /* What they mean and which values they have when not given is in the table of options.cpp. */
@@ -26,6 +31,8 @@ struct options {
     std::string token;    /* its name */
     std::string role;     /* of a token or a link; empty: not given */
     bool replace = false; /* what is stored, by a restore */
+    std::string whose;    /* authority: "agents" or "server" */
+    bool force = false;   /* whoever is left behind */
     std::string listen;
     uint16_t port = 0; /* 0: the kernel picks one */
     std::string port_file;
@@ -38,6 +45,7 @@ struct options {
     std::string cert, key;          /* both or none; none: made in the state directory */
     std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
+    agents_mode agents = agents_mode::any;
     bool end_refused = false;
     bool json = false;
     bool problems = false; /* not together with json */

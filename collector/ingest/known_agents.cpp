@@ -19,6 +19,7 @@ constexpr int64_t promote_again_s = 60;
 constexpr size_t names_at_once = 256; /* that are copied while the network thread may wait */
 constexpr uint32_t last_generation = std::numeric_limits<uint32_t>::max();
 
+constexpr char later_in_use[] = "a later certificate is in use";
 constexpr char no_name[] = "an account or agent has 1 to 254 bytes and no control characters";
 
 protocol::sha256 hash_of(const protocol::sha256& secret) {
@@ -353,18 +354,22 @@ known_agents::answer known_agents::enrol_by_proof(const agent_proof& shown,
     {
         std::lock_guard<std::mutex> guard(s.mutex);
         auto at = s.known.find(who);
-        if (at != s.known.end() && at->second.kept.revoked == 0 && at->second.renewed_to != 0 &&
-            at->second.renewed_to == at->second.kept.highest &&
-            at->second.renewed_with == shown.generation && at->second.renewed_key == key &&
-            shown.generation >= at->second.kept.good_from) {
-            generation = at->second.renewed_to;
+        const state::entry* of = at != s.known.end() ? &at->second : nullptr;
+        if (of != nullptr && shown.generation < of->kept.good_from && of->kept.revoked == 0) {
+            why = later_in_use; /* though the file may not know yet */
+            return answer::refused;
+        }
+        if (of != nullptr && of->kept.revoked == 0 && of->renewed_to != 0 &&
+            of->renewed_to == of->kept.highest && of->renewed_with == shown.generation &&
+            of->renewed_key == key) {
+            generation = of->renewed_to;
             return answer::sign;
         }
     }
     std::string refused, error;
     auto renew = [&](stored_identity& kept) {
         refused = kept.revoked != 0                   ? "this agent is revoked"
-                  : shown.generation < kept.good_from ? "a later certificate is in use"
+                  : shown.generation < kept.good_from ? later_in_use
                   : !is_known(kept, shown.generation) ? "this certificate is not known here"
                   : kept.highest == last_generation   ? "no more certificates can be made"
                                                       : "";

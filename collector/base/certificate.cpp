@@ -287,13 +287,6 @@ protocol::sha256 hash_of_certificate(X509* certificate) {
     return hash;
 }
 
-std::string fingerprint(const protocol::sha256& hash) {
-    unsigned char text[4 * ((sizeof(hash) + 2) / 3) + 1];
-    EVP_EncodeBlock(text, hash.data(), int(hash.size()));
-    std::string base64(reinterpret_cast<const char*>(text));
-    return "SHA256:" + base64.substr(0, base64.find('='));
-}
-
 bool is_issued_by(X509* certificate, X509* issuer) {
     bool issued =
         X509_NAME_cmp(X509_get_issuer_name(certificate), X509_get_subject_name(issuer)) == 0 &&

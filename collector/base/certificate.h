@@ -54,10 +54,9 @@ constexpr size_t serial_random = 12;
 x509_ptr make_agent_certificate(EVP_PKEY* key, const authority& by, const std::string& uri,
                                 uint32_t generation, int days);
 
-/* PEM; "" for null. SHA-256 of its DER. And "SHA256:" and base64, as ssh has them. */
+/* PEM; "" for null. SHA-256 of its DER. */
 std::string pem_of(X509* certificate);
 protocol::sha256 hash_of_certificate(X509* certificate);
-std::string fingerprint(const protocol::sha256& hash);
 
 /* By name and signature, whatever the issuer was made for: a self-signed one need be no authority.
  */

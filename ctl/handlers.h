@@ -23,6 +23,9 @@ int run_watch(const place& here);
 int run_list_tokens(const place& here);
 int run_add_token(const place& here);
 int run_remove_token(const place& here);
+int run_list_secrets(const place& here);
+int run_set_secret(const place& here);
+int run_remove_secret(const place& here);
 int run_version(const place& here);
 
 #endif

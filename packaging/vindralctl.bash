@@ -5,7 +5,7 @@ _vindralctl() {
     _init_completion -n := || return
 
     local global="--url --token --token-file --ca --json --ascii --no-color --help --version"
-    local commands="agents tests results series events ledger watch check enrol revoke tokens version"
+    local commands="agents tests results series events ledger watch check enrol revoke tokens secret version"
 
     # The command and its sub-command: the first words that are no options and no values of any.
     local command="" sub="" i word
@@ -93,6 +93,13 @@ _vindralctl() {
         add) options="--role --ends" ;;
         remove) options="" ;;
         *) options="list add remove --limit" ;;
+        esac
+        ;;
+    secret)
+        case $sub in
+        list) options="--limit" ;;
+        set | remove) options="" ;;
+        *) options="list set remove --limit" ;;
         esac
         ;;
     version) options="" ;;

@@ -403,10 +403,15 @@ TEST_F(api_route_test, every_row_is_described_and_answers_as_it_says) {
             agents.admit("x", "known", std::nullopt, true, "ann", error);
             target = "/api/v1/agents/x%2Fknown/enrolment";
         }
+        if (row.pattern == "/api/v1/secrets/{name}") {
+            std::string error;
+            EXPECT_TRUE(secrets.set("1", "x", "ann", now, error)) << error;
+        }
         const std::string takes = row.takes;
-        std::string body = takes == "new_token"   ? "{\"name\":\"x\",\"role\":\"viewer\"}"
-                           : takes == "admission" ? "{\"key\":null}"
-                                                  : "";
+        std::string body = takes == "new_token"      ? "{\"name\":\"x\",\"role\":\"viewer\"}"
+                           : takes == "admission"    ? "{\"key\":null}"
+                           : takes == "secret_value" ? "{\"value\":\"x\"}"
+                                                     : "";
         EXPECT_EQ(body.empty(), takes.empty()) << "say what " << takes << " is like";
         if (!body.empty()) {
             EXPECT_EQ(misfit(json::parse(body), takes), "");

@@ -106,6 +106,47 @@ TEST(collector_options, all_of_them) {
     EXPECT_EQ(p.o.max_body_mb, 2u);
 }
 
+TEST(collector_options, agents_are_let_in_by_one_of_three_modes) {
+    EXPECT_EQ(parse({}).o.agents, agents_mode::any);
+    EXPECT_EQ(parse({"--agents", "any"}).o.agents, agents_mode::any);
+    EXPECT_EQ(parse({"--agents", "known"}).o.agents, agents_mode::known);
+    EXPECT_EQ(parse({"--agents=proven"}).o.agents, agents_mode::proven);
+    for (const char* wrong : {"", "all", "Proven", "proven "}) {
+        expect_wrong({"--agents", wrong},
+                     "--agents takes any, known or proven, not \"" + std::string(wrong) + "\"");
+    }
+    expect_wrong({"authority", "--agents", "known"}, "--agents does not go with authority");
+}
+
+TEST(collector_options, the_exchange_of_authorities) {
+    parsed p = parse({"authority", "--state-dir", "sd"});
+    EXPECT_EQ(p.result, options_result::run) << p.text;
+    EXPECT_EQ(p.o.does, task::show_authorities);
+    EXPECT_EQ(p.o.state_dir, "sd");
+    for (const char* whose : {"agents", "server"}) {
+        p = parse({"authority", "renew", whose});
+        EXPECT_EQ(p.result, options_result::run) << p.text;
+        EXPECT_EQ(p.o.does, task::renew_authority);
+        EXPECT_EQ(p.o.whose, whose);
+        p = parse({"authority", "finish", whose});
+        EXPECT_EQ(p.o.does, task::finish_authority);
+        EXPECT_EQ(p.o.whose, whose);
+        EXPECT_FALSE(p.o.force);
+        p = parse({"authority", "--force", "finish", whose});
+        EXPECT_EQ(p.result, options_result::run) << p.text;
+        EXPECT_TRUE(p.o.force);
+    }
+    expect_wrong({"authority", "renew"}, "authority renew needs agents or server");
+    expect_wrong({"authority", "finish", ""}, "authority finish needs agents or server");
+    expect_wrong({"authority", "finish", "all"}, "authority takes agents or server, not \"all\"");
+    expect_wrong({"authority", "agents"}, "unexpected argument \"agents\"");
+    expect_wrong({"authority", "renew", "agents", "server"}, "unexpected argument \"server\"");
+    expect_wrong({"authority", "renew", "agents", "--force"},
+                 "--force does not go with authority renew");
+    expect_wrong({"authority", "--force"}, "--force does not go with authority");
+    expect_wrong({"--force"}, "--force needs authority finish");
+}
+
 TEST(collector_options, of_json_and_problems_the_later_one_counts) {
     parsed p = parse({"--problems", "--json"});
     EXPECT_TRUE(p.o.json && !p.o.problems);
@@ -125,7 +166,10 @@ TEST(collector_options, help_and_version_end_at_once) {
               "       vindral-collector token add NAME --role ROLE\n"
               "       vindral-collector token list\n"
               "       vindral-collector token remove NAME\n"
-              "       vindral-collector link [--role ROLE]\n");
+              "       vindral-collector link [--role ROLE]\n"
+              "       vindral-collector authority\n"
+              "       vindral-collector authority renew agents|server\n"
+              "       vindral-collector authority finish agents|server [--force]\n");
     p = parse({"--version"});
     EXPECT_EQ(p.result, options_result::done);
     EXPECT_EQ(p.text.substr(0, 18), "vindral-collector ");
@@ -145,7 +189,8 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--json", "-x"}, "unknown option -x");
     expect_wrong(
         {"--json", "here"},
-        "unexpected argument \"here\"; the commands are backup, restore, check, token, link");
+        "unexpected argument \"here\"; the commands are backup, restore, check, token, link, "
+        "authority");
     expect_wrong({"--allow", ""}, "--allow takes an e-mail address");
     expect_wrong({"--end-refused"}, "--end-refused needs --allow");
     expect_wrong({"--cert", "c"}, "--cert and --key belong together");
@@ -257,9 +302,9 @@ TEST(collector_options, mistakes_with_commands_are_named) {
     expect_wrong({"restore", ""}, "restore needs a file");
     expect_wrong({"backup", "a", "b"}, "unexpected argument \"b\"");
     expect_wrong({"check", "a"}, "unexpected argument \"a\"");
-    expect_wrong(
-        {"backups", "a"},
-        "unexpected argument \"backups\"; the commands are backup, restore, check, token, link");
+    expect_wrong({"backups", "a"},
+                 "unexpected argument \"backups\"; the commands are backup, restore, check, token, "
+                 "link, authority");
     expect_wrong({"backup", "a", "--replace"}, "--replace does not go with backup");
     expect_wrong({"check", "--plan", "p"}, "--plan does not go with check");
     expect_wrong({"--replace"}, "--replace needs restore");

@@ -20,6 +20,7 @@ constexpr size_t names_at_once = 256; /* that are copied while the network threa
 constexpr uint32_t last_generation = std::numeric_limits<uint32_t>::max();
 
 constexpr char later_in_use[] = "a later certificate is in use";
+constexpr char gone_meanwhile[] = "revoked meanwhile, or a later certificate is in use";
 constexpr char no_name[] = "an account or agent has 1 to 254 bytes and no control characters";
 
 protocol::sha256 hash_of(const protocol::sha256& secret) {
@@ -314,7 +315,7 @@ known_agents::answer known_agents::state::opened(const protocol::sha256& hash,
         return answer::unavailable;
     }
     if (!good) {
-        why = "revoked meanwhile";
+        why = gone_meanwhile;
         return answer::refused;
     }
     std::lock_guard<std::mutex> guard(mutex);
@@ -444,7 +445,7 @@ bool known_agents::note_issued(const agent_proof& what, std::string& error) {
     };
     bool noted = state_->change(what.who, note, error);
     if (!noted && error.empty()) {
-        error = "revoked meanwhile, or a later certificate is in use";
+        error = gone_meanwhile;
     }
     return noted;
 }
@@ -520,7 +521,7 @@ bool known_agents::admit(std::string_view account, std::string_view agent,
     if (!s.change(who, let_in, error)) {
         return false;
     }
-    if (chosen && !shown) {
+    if (chosen) {
         const state::own_change mine(s);
         const stored_enrolment opens{.hash = *chosen,
                                      .account = who.account,
@@ -534,7 +535,7 @@ bool known_agents::admit(std::string_view account, std::string_view agent,
         }
     }
     std::lock_guard<std::mutex> guard(s.mutex);
-    if (chosen && !shown) {
+    if (chosen) {
         s.admitted_keys.insert(*chosen);
     }
     s.waiting.forget(who);

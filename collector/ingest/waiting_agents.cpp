@@ -131,10 +131,12 @@ void waiting_agents::note(const name_view& name, const protocol::sha256* key,
         }
         of.other_last = of.key_last;
     }
+    if (!has_key || *of.shown.key != *key) {
+        of.certificate.reset();
+    }
     of.shown.key = *key;
     of.shown.address = address;
     of.key_last = now;
-    of.certificate.reset();
     if (certificate != nullptr) {
         of.certificate = *certificate;
     }

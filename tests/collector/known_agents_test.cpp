@@ -471,10 +471,25 @@ TEST_F(known_agents_test, a_certificate_that_is_not_known_waits) {
     EXPECT_EQ(look().kept.ends, 9000000);
     EXPECT_EQ(poll(4), "revoked");
     EXPECT_EQ(poll(5), "good");
-    EXPECT_EQ(by_proof(5, 6), "sign6");
+    EXPECT_EQ(by_request(1005), "sign6"); /* its host may also ask for another */
+    EXPECT_EQ(by_proof(5, 6), "sign7");
     start(agents_mode::proven);
     EXPECT_EQ(poll(5), "good");
-    EXPECT_EQ(poll(6), "good*");
+    EXPECT_EQ(poll(7), "good*");
+}
+
+TEST_F(known_agents_test, a_certificate_that_waits_is_not_let_in_with_another_key) {
+    EXPECT_EQ(poll(5), "waits");
+    EXPECT_TRUE(admit("web", 7, true)) << error;
+    EXPECT_EQ(poll(5), "waits");
+    EXPECT_EQ(by_request(7), "sign1");
+    EXPECT_EQ(poll(5), "waits");
+    EXPECT_EQ(look().kept.highest, 1u);
+    now += 60;
+    EXPECT_EQ(by_request(8), "waits"); /* in its place */
+    EXPECT_TRUE(admit("web", 8)) << error;
+    EXPECT_EQ(poll(5), "waits");
+    EXPECT_EQ(by_request(8), "sign2");
 }
 
 /* Settings that were lost count anew, and what was revoked before is out there yet. */
@@ -543,8 +558,15 @@ TEST_F(known_agents_test, a_token_of_a_name_that_has_a_certificate) {
     EXPECT_EQ(by_token(secret, 7), "sign2");
     EXPECT_EQ(look().kept.highest, 2u);
     EXPECT_EQ(poll(1), "good");
+    EXPECT_EQ(by_token(secret, 7), "sign2");
     EXPECT_EQ(poll(2), "good*");
     EXPECT_EQ(poll(1), "revoked");
+    EXPECT_TRUE(agents->keep_promotion(proof(2), error)) << error;
+    EXPECT_EQ(by_token(secret, 7), "sign2");
+    EXPECT_EQ(by_proof(2, 8), "sign3");
+    EXPECT_EQ(poll(3), "good*");
+    EXPECT_TRUE(agents->keep_promotion(proof(3), error)) << error;
+    EXPECT_EQ(by_token(secret, 7), "refused"); /* what it opened has ended */
 }
 
 TEST_F(known_agents_test, a_certificate_renews_itself) {
@@ -555,7 +577,7 @@ TEST_F(known_agents_test, a_certificate_renews_itself) {
     EXPECT_EQ(by_proof(1, 8), "sign3");
     EXPECT_EQ(by_proof(1, 7), "sign4"); /* not that of somebody else */
     EXPECT_EQ(poll(1), "good");
-    EXPECT_EQ(by_proof(4, 9), "sign5"); /* with it, it is used */
+    EXPECT_EQ(by_proof(4, 7), "sign5"); /* with it, it is used; a key may come again */
     EXPECT_EQ(poll(1), "revoked");
     EXPECT_EQ(poll(4), "good");
     EXPECT_EQ(by_proof(3, 9), "refused");
@@ -576,6 +598,9 @@ TEST_F(known_agents_test, nobody_unknown_renews) {
     EXPECT_EQ(by_proof(1, 7), "refused");
     EXPECT_EQ(why, "this certificate is not known here");
     EXPECT_TRUE(agents->all().empty());
+    put({.account = "a@x", .agent = "web", .highest = 3}); /* nobody has admitted it */
+    EXPECT_EQ(by_proof(1, 7), "refused");
+    EXPECT_FALSE(agents->note_issued(proof(1), error));
     put({.account = "a@x", .agent = "web", .admitted = 5, .highest = 4294967295u});
     EXPECT_EQ(by_proof(4294967295u, 7), "refused");
     EXPECT_EQ(why, "no more certificates can be made");
@@ -672,6 +697,16 @@ TEST_F(known_agents_test, of_two_keys_one_has_to_be_named) {
     EXPECT_EQ(by_request(8), "sign2");
 }
 
+TEST_F(known_agents_test, a_key_in_the_place_of_another_is_told_apart) {
+    EXPECT_EQ(by_request(7), "waits");
+    now += 60;
+    EXPECT_EQ(by_request(8), "waits");
+    EXPECT_EQ(waiting().key, key(8));
+    EXPECT_TRUE(waiting().contested);
+    now += 540;
+    EXPECT_FALSE(waiting().contested);
+}
+
 TEST_F(known_agents_test, a_key_is_forgotten_that_has_not_asked_for_an_hour) {
     EXPECT_EQ(by_request(7), "waits");
     for (int i = 0; i < 60; i++) {
@@ -726,7 +761,7 @@ TEST_F(known_agents_test, revoking_ends_everything) {
         EXPECT_EQ(by_token(first, 11), "refused");
         EXPECT_EQ(why, "this token is not known");
         EXPECT_EQ(by_token(second, 9), "refused"); /* its answer asked for again */
-        EXPECT_EQ(why, "revoked meanwhile");
+        EXPECT_EQ(why, "revoked meanwhile, or a later certificate is in use");
         EXPECT_EQ(by_request(7), "refused");
         EXPECT_EQ(why, "this agent is revoked");
         EXPECT_EQ(by_request(8), "refused");

@@ -63,11 +63,11 @@ class CtlTest(harness.TestCase):
 class Collected(CtlTest):
     """With a collector, and an agent with a test that is well and one that never is."""
 
-    def start(self, address="127.0.0.1", port=0, agent=True):
+    def start(self, address="127.0.0.1", port=0, agent=True, options=()):
         self.collector = harness.Collector(self, "POL\t0\t1", "CHK\t0\t1", "LAA\t1\t1\t-1\t-1\t-1",
                                            "LAA\t2\t1\t0\t-1\t-1")
         self.port_file = os.path.join(self.collector.dir, "web port")
-        self.web = ("--web", "%s:%d" % (address, port), "--web-port-file", self.port_file)
+        self.web = ("--web", "%s:%d" % (address, port), "--web-port-file", self.port_file, *options)
         self.collector.start(*self.web)
         self.web_port = int(harness.read_text(self.port_file))
         self.url = "http://127.0.0.1:%d" % self.web_port
@@ -296,6 +296,93 @@ class Changed(Collected):
         self.ctl("watch", "--kind", "nonsense", status=2)
         self.ctl("watch", "--test", "123456", status=5)
         self.ctl("watch", status=4, VINDRAL_TOKEN=None)
+
+
+class LetIn(Collected):
+    """Agents are asked who they are, those without a certificate as well."""
+
+    def waiting(self):
+        return [row["name"] for row in self.rows("agents", "waiting")]
+
+    def test_a_name_that_comes_by_itself(self):
+        self.start(agent=False, options=("--agents", "known"))
+        agent = harness.Agent(self, self.collector.port, name="web-1").start()
+        harness.wait_until(lambda: self.waiting() == ["web-1"], "the name that waits")
+        self.assertRegex(self.ctl("agents", "waiting"), r"user@example.net/web-1 +127.0.0.1 .*run vindral-enrol there")
+        self.assertEqual(self.rows("agents"), [])
+        self.assertRegex(self.ctl("agents", "show", "web-1"), r"(?m)^identity +waiting$")
+        for words in (("agents", "admit", "web-1"), ("agents", "refuse", "web-1"), ("revoke", "web-1"),
+                      ("enrol", "web-1")):
+            for role in ("viewer", "operator"):
+                self.token = self.tokens[role]
+                self.ctl(*words, status=4)
+                self.assertIn("admin", self.told)
+        self.token = self.tokens["admin"]
+        self.ctl("agents", "admit", "web-1", "--key", "SHA256:x", status=2)
+        self.ctl("agents", "admit", "web-1", "--key", "SHA256:" + "A" * 43, status=1)
+        self.assertIn("without a key", self.told)
+        self.ctl("agents", "admit", "web-2", status=5)
+        self.ctl("agents", "admit", "web-1")
+        self.assertIn("user@example.net/web-1 is admitted", self.told)
+        self.ctl("agents", "admit", "web-1", status=1)
+        self.assertEqual(self.waiting(), [])
+        agent.stop()
+        agent.start()
+        harness.wait_until(lambda: [row["identity"] for row in self.rows("agents")] == ["known"], "the agent")
+        self.assertRegex(self.ctl("agents"), r"(?m)^\S+ .*user@example.net/web-1 .* known ")
+        self.assertRegex(self.ctl("agents", "show", "web-1"), r"(?m)^admitted +2\S+ \S+ \(.* ago\), by of admin$")
+
+        self.ctl("revoke", "web-1")
+        self.assertIn("revoked", self.told)
+        self.assertRegex(self.ctl("agents", "show", "web-1"), r"(?m)^revoked +2.*by of admin$")
+        agent.stop()
+        agent.start()
+        agent.wait_log("403")
+        self.assertEqual(self.waiting(), [])
+        self.ctl("agents", "admit", "web-1", status=1)
+        self.assertIn("vindralctl enrol", self.told)
+        agent.stop()
+        for text in ("admitted agent user@example.net/web-1", "revoked agent user@example.net/web-1"):
+            self.assertEqual(self.collector.errors().count(text), 1, self.collector.errors())
+
+    def test_a_name_that_is_refused(self):
+        self.start(agent=False, options=("--agents", "proven"))
+        agent = harness.Agent(self, self.collector.port, name="web-1").start()
+        harness.wait_until(lambda: self.waiting() == ["web-1"], "the name that waits")
+        self.token = self.tokens["admin"]
+        self.ctl("agents", "refuse", "web-1")
+        self.assertEqual(self.waiting(), [])
+        self.ctl("agents", "refuse", "web-1", status=5)
+        self.assertIn("refused agent user@example.net/web-1", self.collector.errors())
+        agent.stop()
+
+    def test_a_host_that_is_invited(self):
+        self.start(agent=False)
+        self.token = self.tokens["admin"]
+        self.ctl("enrol", "web-1", status=2)  # of no account that is known
+        self.assertIn("me@example.org/web-1", self.told)
+        command = self.ctl("enrol", "web/1", "--account", "user@example.net")
+        self.assertRegex(command, r"\Avindral-enrol https://[^ ]*:%d ve_[\w-]{86}\n\Z" % self.collector.port)
+        self.assertIn("on the host that is to be user@example.net/web/1, as root", self.told)
+        token = command.split()[-1]
+        self.assertNotIn(token[3:], self.told)
+        self.assertEqual(self.ctl("enrol", "web-2", "--quiet").count("\n"), 1)  # of the only account
+        self.assertEqual(self.told, "")
+        made, = self.rows("enrol", "web-3")
+        self.assertEqual((made["account"], made["name"], made["state"]), ("user@example.net", "web-3", "unknown"))
+        self.assertIn(made["token"], made["command"])
+        self.assertEqual(self.rows("agents", "show", "web-3")[0]["state"], "invited")
+        self.ctl("revoke", "web-3")
+        self.ctl("agents", "show", "web-3", status=5)
+        self.ctl("revoke", "web-3", status=5)
+        self.collector.stop()
+        self.assertIn("invited agent user@example.net/web/1", self.collector.errors())
+        for where, _, files in os.walk(self.dir):
+            for name in files:
+                with open(os.path.join(where, name), "rb") as file:
+                    found = file.read()
+                for secret in (token, made["token"]):
+                    self.assertNotIn(secret[3:].encode(), found, name)
 
 
 class Completed(CtlTest):

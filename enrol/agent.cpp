@@ -149,17 +149,21 @@ struct launch {
     int output = -1;
 };
 
+bool become_user(const launch& l) {
+    if (prctl(PR_SET_KEEPCAPS, 1) != 0 || setgroups(l.groups.size(), l.groups.data()) != 0 ||
+        setresgid(l.as.group, l.as.group, l.as.group) != 0 ||
+        setresuid(l.as.user, l.as.user, l.as.user) != 0) {
+        return false;
+    }
+    keep_raw_sockets();
+    return true;
+}
+
 /* In the child. */
 [[noreturn]] void become_agent(const launch& l) {
     const int nothing = open("/dev/null", O_RDONLY);
     if (nothing >= 0 && dup2(nothing, STDIN_FILENO) >= 0 && dup2(l.output, STDOUT_FILENO) >= 0 &&
-        dup2(l.output, STDERR_FILENO) >= 0 && prctl(PR_SET_KEEPCAPS, 1) == 0 &&
-        setgroups(l.groups.size(), l.groups.data()) == 0 &&
-        setresgid(l.as.group, l.as.group, l.as.group) == 0 &&
-        setresuid(l.as.user, l.as.user, l.as.user) == 0) {
-        if (l.as.user != 0) {
-            keep_raw_sockets();
-        }
+        dup2(l.output, STDERR_FILENO) >= 0 && (geteuid() != 0 || become_user(l))) {
         umask(022);
         restore_signals();
         execve(l.words[0], l.words.data(), l.environment.data());
@@ -308,9 +312,14 @@ bool is_running(const agent_place& at, const settings& with) {
 
 } // namespace
 
-account find_account() {
-    errno = 0;
+account find_account(bool start) {
+    if (geteuid() != 0) {
+        return {geteuid(), getegid()};
+    }
     const passwd* found = getpwnam(agent_user);
+    if (found == nullptr && !start) {
+        return {};
+    }
     if (found == nullptr) {
         fail("there is no user vindral, as which the agent runs: the package vindral makes it");
     }

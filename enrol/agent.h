@@ -12,12 +12,14 @@
 inline constexpr const char* agent_user = "vindral";
 inline constexpr const char* standard_conf = "/etc/vindral.conf";
 
-/* The user that the agent runs as. */
+/* The user that the agent runs as: vindral for root, and oneself for everybody else, who has a
+ * configuration of his own. Where there is no such user, who is to `start` an agent is told so; who
+ * is not gets root. */
 struct account {
     uid_t user = 0;
     gid_t group = 0;
 };
-account find_account();
+account find_account(bool start);
 
 struct agent_place {
     std::string conf;

@@ -153,6 +153,9 @@ void replace(std::string& text, const line& l, const std::string& key, const std
 void set(std::string& text, const std::string& key, const std::string& value) {
     const std::vector<line> lines = lines_of(text);
     const line* there = line_of(lines, key);
+    if (there != nullptr && there->value == value) {
+        return;
+    }
     if (there == nullptr) {
         there = idle_line_of(lines, key);
     }

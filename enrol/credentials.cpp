@@ -20,6 +20,7 @@ using request_ptr = std::unique_ptr<X509_REQ, released_by<X509_REQ_free>>;
 using names_ptr = std::unique_ptr<GENERAL_NAMES, released_by<GENERAL_NAMES_free>>;
 
 constexpr std::string_view authority_line = "Agents' authority: SHA-256 ";
+constexpr std::string_view command_line = "Enrolled by the command of SHA-256 ";
 
 [[noreturn]] void fail(const char* what) {
     throw failure{status_wrong, std::string(what) + ": " + take_tls_reason("no memory")};
@@ -297,6 +298,9 @@ std::string text_of(const identity& of) {
     if (of.authority) {
         text.append(authority_line).append(hex(*of.authority)).append("\n");
     }
+    if (of.command) {
+        text.append(command_line).append(hex(*of.command)).append("\n");
+    }
     return text + text_of(of.certificate.get()) + text_of(of.key.get());
 }
 
@@ -313,9 +317,12 @@ std::optional<identity> read_identity(std::string_view text) {
     if (!match) {
         return std::nullopt;
     }
-    if (const size_t at = text.find(authority_line); at != text.npos) {
-        found.authority = read_hex(text.substr(at + authority_line.size(), 64));
-    }
+    auto hash_behind = [&](std::string_view line) {
+        const size_t at = text.find(line);
+        return at == text.npos ? std::nullopt : read_hex(text.substr(at + line.size(), 64));
+    };
+    found.authority = hash_behind(authority_line);
+    found.command = hash_behind(command_line);
     return found;
 }
 

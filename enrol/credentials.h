@@ -52,12 +52,13 @@ int64_t end_of(X509* certificate);
 std::string subject_of(X509* certificate); /* printable */
 std::string time_text(int64_t seconds);    /* "2026-05-01T12:00:00Z" */
 
-/* What an identity file holds: key and certificate, and which authority signs agents' certificates
- * as far as was known when it was written. In one file, so that both are exchanged at once. */
+/* What an identity file holds: key and certificate; which authority signs agents' certificates, as
+ * far as was known when it was written; and which command enrolled the host, until the first
+ * renewal. In one file, so that all is exchanged at once. */
 struct identity {
     key_ptr key;
     x509_ptr certificate;
-    std::optional<protocol::sha256> authority;
+    std::optional<protocol::sha256> authority, command;
 };
 std::string text_of(const identity& of);
 /* None for a text that holds no key and certificate that belong together. */

@@ -30,12 +30,13 @@ constexpr const char* renewal_by_hand =
 struct enrolment {
     const options& said;
     base_url where;
-    std::string goal; /* tells one command from another; of a token the hash */
-    std::string conf; /* the file itself, wherever the name leads */
+    protocol::sha256 goal{}; /* tells one command from another */
+    std::string conf;        /* the file itself, wherever the name leads */
     std::string key_file;
     account as;
     agent_place agent;
 
+    ownership private_to_us{geteuid(), getegid(), 0600};
     ownership ours{}; /* root's, and the agent's to read */
     ownership conf_owner{};
     std::string conf_text; /* as it was */
@@ -196,21 +197,22 @@ protocol::agent_identity wanted_name(const enrolment& e) {
 }
 
 void prepare(enrolment& e) {
-    if (geteuid() != 0) {
-        fail("this has to be done by root: it writes " + e.said.conf + " and " + e.said.directory);
-    }
     e.where = read_collector_url(e.said.url);
     if (!e.said.token.empty()) {
         (void)token_of(e.said);
     }
-    e.as = find_account();
-    e.ours = {0, e.as.group, 0640};
+    const bool is_standard = e.said.conf == standard_conf || e.said.directory == "/etc/vindral";
+    if (geteuid() != 0 && is_standard) {
+        fail("this has to be done by root: it writes " + e.said.conf + " and " + e.said.directory);
+    }
+    e.as = find_account(e.said.start);
+    e.ours = {geteuid(), e.as.group, 0640};
     e.conf = real_path(e.said.conf);
     e.agent = find_agent(e.conf, e.as);
-    use_directory(e.said.directory, {0, e.as.group, 0750}, e.made_directory);
+    use_directory(e.said.directory, {geteuid(), e.as.group, 0750}, e.made_directory);
     e.key_file = in_directory(e, "agent-key.new");
-    e.goal = hex(hash_of(e.where.text() + " " + e.said.token + " " + e.said.authority + " " +
-                         e.said.ca + " " + e.said.account + " " + e.said.name));
+    e.goal = hash_of(e.where.text() + " " + e.said.token + " " + e.said.authority + " " +
+                     e.said.ca + " " + e.said.account + " " + e.said.name);
 }
 
 void read_conf(enrolment& e) {
@@ -293,7 +295,7 @@ void find_key(enrolment& e) {
     }
     e.key = make_key();
     e.made_key = true;
-    write_file(e.key_file, text_of(e.key.get()), {0, 0, 0600});
+    write_file(e.key_file, text_of(e.key.get()), e.private_to_us);
     say("Made a key, " + fingerprint(hash_of(e.key.get())) + "; it stays on this host.");
 }
 
@@ -507,6 +509,21 @@ bool take_up(enrolment& e) {
     return false;
 }
 
+/* A token opens once: a call that had come to its end before it was killed is not repeated. */
+bool is_done_already(enrolment& e) {
+    const std::optional<identity> now = identity_in_force(e.conf_text);
+    if (e.said.token.empty() || !now || now->command != e.goal) {
+        return false;
+    }
+    say("This host is enrolled by this token already, as " +
+        text_of(agent_of(now->certificate.get())) + ", until " +
+        time_text(end_of(now->certificate.get())) + ".");
+    if (e.said.start && !look_at_agent(e.agent).runs) {
+        bring_up_agent(e);
+    }
+    return true;
+}
+
 int go(enrolment& e) {
     e.lock = lock_directory(e.said.directory, milliseconds(0));
     if (take_up(e)) {
@@ -516,6 +533,9 @@ int go(enrolment& e) {
         return finish(e);
     }
     read_conf(e);
+    if (is_done_already(e)) {
+        return status_well;
+    }
     if (e.said.token.empty()) {
         refuse_other_name(e, wanted_name(e));
     }
@@ -525,6 +545,7 @@ int go(enrolment& e) {
     find_key(e);
     identity self = get_certificate(e, trust);
     self.authority = now.signing;
+    self.command = e.goal;
     put_in_force(e, self, now.pem);
     if (e.said.start) {
         bring_up_agent(e);

@@ -193,7 +193,7 @@ void use_directory(const std::string& path, const ownership& of, bool& made) {
             fail(path, "cannot be used");
         }
         sync_parent(path);
-    } else if (status.st_uid != 0 || (status.st_mode & 022) != 0) {
+    } else if ((status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & 022) != 0) {
         throw failure{status_wrong, printable(path) +
                                         " is not root's alone to write in: chown root "
                                         "and chmod go-w make it so"};

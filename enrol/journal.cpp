@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string_view>
+#include <unistd.h>
 
 static std::string path_of(const std::string& directory) {
     return directory + "/enrolling";
@@ -21,7 +22,7 @@ void write_journal(const std::string& directory, const journal& what) {
     auto add = [&](const char* key, const std::string& value) {
         text.append(key).append(" ").append(value).append("\n");
     };
-    add("goal", what.goal);
+    add("goal", hex(what.goal));
     add("conf", what.conf);
     add("written", hex(what.written));
     add("identity", what.identity);
@@ -30,7 +31,7 @@ void write_journal(const std::string& directory, const journal& what) {
     add("enabled", what.enabled ? "yes" : "no");
     add("start", what.start ? "yes" : "no");
     add("undoing", what.undoing ? "yes" : "no");
-    write_file(path_of(directory), text, {0, 0, 0600});
+    write_file(path_of(directory), text, {geteuid(), getegid(), 0600});
 }
 
 std::optional<journal> read_journal(const std::string& directory) {
@@ -48,7 +49,6 @@ std::optional<journal> read_journal(const std::string& directory) {
         }
     }
     journal found;
-    found.goal = values["goal"];
     found.conf = values["conf"];
     found.identity = values["identity"];
     found.authorities = values["authorities"];
@@ -56,14 +56,16 @@ std::optional<journal> read_journal(const std::string& directory) {
     found.enabled = values["enabled"] == "yes";
     found.start = values["start"] != "no";
     found.undoing = values["undoing"] == "yes";
-    const std::optional<protocol::sha256> written = read_fingerprint(values["written"]);
-    if (!written || found.identity.empty() || found.authorities.empty()) {
+    const std::optional<protocol::sha256> goal = read_fingerprint(values["goal"]),
+                                          written = read_fingerprint(values["written"]);
+    if (!goal || !written || found.identity.empty() || found.authorities.empty()) {
         throw failure{status_wrong, path_of(directory) +
                                         " is damaged. It is of an enrolment that was "
                                         "interrupted, from before which " +
                                         backup_of("vindral.conf") +
                                         " is: put that back if need be, and remove both"};
     }
+    found.goal = *goal;
     found.written = *written;
     return found;
 }

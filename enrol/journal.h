@@ -9,7 +9,7 @@
 #include <string>
 
 struct journal {
-    std::string goal;                  /* which command it is */
+    protocol::sha256 goal{};           /* which command it is */
     std::string conf;                  /* the file that is changed */
     protocol::sha256 written{};        /* SHA-256 of what it becomes */
     std::string identity, authorities; /* the new files */

@@ -4,12 +4,12 @@
 #include "vindral_config.h"
 #include "vindral_log.h"
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 
 using std::string_literals::operator""s;
@@ -20,9 +20,7 @@ namespace {
 class agent_reader {
 public:
     agent_reader() {
-        std::array<char, 32> name{"/tmp/vindral-conf-XXXXXX"};
-        close(mkstemp(name.data()));
-        path_ = name.data();
+        path_ = "/proc/self/fd/" + std::to_string(file_);
         unsetenv("VINDRALHOME");
         testing::internal::CaptureStdout(); /* it speaks of each line that it does not know */
     }
@@ -32,16 +30,15 @@ public:
             puts(said.c_str());
         }
         forget();
-        unlink(path_.c_str());
+        close(file_);
     }
     agent_reader(const agent_reader&) = delete;
     agent_reader& operator=(const agent_reader&) = delete;
 
     void read(const std::string& text) {
         forget();
-        FILE* file = fopen(path_.c_str(), "we");
-        fwrite(text.data(), 1, text.size(), file);
-        fclose(file);
+        ASSERT_EQ(ftruncate(file_, 0), 0);
+        ASSERT_EQ(pwrite(file_, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
         conf_file = path_.data();
         readConfig();
     }
@@ -55,6 +52,7 @@ private:
         }
         log_level = 0;
     }
+    int file_ = memfd_create("conf", MFD_CLOEXEC);
     std::string path_;
 };
 

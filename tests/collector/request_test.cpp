@@ -57,6 +57,28 @@ TEST(collector_request, what_no_agent_sends_is_something_else) {
     EXPECT_EQ(good("POST / HTTP/1.0\r\n\r\n").what, request::kind::other);
 }
 
+TEST(collector_request, what_hosts_ask_for_has_paths_and_methods_of_its_own) {
+    EXPECT_EQ(good("GET /authority HTTP/1.0\r\n\r\n").what, request::kind::authority);
+    EXPECT_EQ(good("POST /authority HTTP/1.0\r\n\r\n").what, request::kind::other);
+    EXPECT_EQ(good("GET /authority?x HTTP/1.0\r\n\r\n").what, request::kind::other);
+    EXPECT_EQ(good("GET /enrol HTTP/1.0\r\n\r\n").what, request::kind::other);
+    request r = good("POST /enrol HTTP/1.0\r\nContent-Length: 9\r\nVnd-Token: ve_x\r\n\r\n");
+    EXPECT_EQ(r.what, request::kind::enrol);
+    EXPECT_EQ(r.token, "ve_x");
+    EXPECT_EQ(r.account + r.agent, "");
+    EXPECT_EQ(r.content_length, 9u);
+    r = good("POST /enrol HTTP/1.0\r\nVnd-EMail: me@example.org\r\nVnd-AName: web-1\r\n\r\n");
+    EXPECT_EQ(r.what, request::kind::enrol);
+    EXPECT_EQ(r.account + " " + r.agent, "me@example.org web-1");
+    EXPECT_EQ(refused("POST /enrol HTTP/1.0\r\nVnd-Token: a\r\nVnd-Token: a\r\n\r\n"),
+              "Vnd-Token is there twice");
+    refused("POST /enrol HTTP/1.0\r\nVnd-AName: a\tb\r\n\r\n");
+    /* Agents may have any path. */
+    EXPECT_EQ(good("POST /enrol HTTP/1.0\r\nVnd-SessionID: x\r\n\r\n").what, request::kind::poll);
+    EXPECT_EQ(good("POST /enrol/ HTTP/1.0\r\nVnd-EMail: x\r\nVnd-AName: y\r\n\r\n").what,
+              request::kind::login);
+}
+
 TEST(collector_request, numbers_are_plain_decimal_and_stand_once) {
     const std::string poll = "POST / HTTP/1.0\r\nVnd-SessionID: x\r\n";
     EXPECT_EQ(good(poll + "Content-Length: 18446744073709551615\r\n\r\n").content_length,

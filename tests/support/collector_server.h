@@ -196,6 +196,13 @@ public:
     client(const client&) = delete;
     client& operator=(const client&) = delete;
 
+    /* In the handshake. Both must be there until then. */
+    void show(X509* certificate, EVP_PKEY* key, STACK_OF(X509) * chain = nullptr) {
+        certificate_ = certificate;
+        key_ = key;
+        chain_ = chain;
+    }
+
     bool handshake(int max_version = 0, const char* groups = nullptr) {
         static SSL_CTX* context = SSL_CTX_new(TLS_client_method());
         ssl_ = SSL_new(context);
@@ -204,6 +211,13 @@ public:
             SSL_set_security_level(ssl_, 0);
             SSL_set_min_proto_version(ssl_, TLS1_VERSION);
             SSL_set_max_proto_version(ssl_, max_version);
+        }
+        if (certificate_) {
+            EXPECT_EQ(SSL_use_certificate(ssl_, certificate_), 1);
+            EXPECT_EQ(SSL_use_PrivateKey(ssl_, key_), 1);
+        }
+        if (chain_) {
+            SSL_set1_chain(ssl_, chain_);
         }
         if (groups) {
             EXPECT_EQ(SSL_set1_groups_list(ssl_, groups), 1) << groups;
@@ -283,6 +297,9 @@ private:
     int fd_ = -1;
     bool connected_ = false;
     SSL* ssl_ = nullptr;
+    X509* certificate_ = nullptr;
+    EVP_PKEY* key_ = nullptr;
+    STACK_OF(X509) * chain_ = nullptr;
 };
 
 inline std::string login_text(const std::string& account, const std::string& agent) {

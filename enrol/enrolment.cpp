@@ -244,14 +244,14 @@ void refuse_other_name(const enrolment& e, const protocol::agent_identity& to_be
     }
     if (const std::optional<identity> now = identity_in_force(e.conf_text)) {
         if (const auto is = holder_of(now->certificate.get()); is && !(*is == to_be)) {
-            fail("this host is enrolled as " + text_of(*is) + ", not " + text_of(to_be) +
+            fail("this host is enrolled as " + shown(*is) + ", not " + shown(to_be) +
                  "; --replace makes it the other one");
         }
     }
     const std::string account = conf_value(e.conf_text, "USEREMAIL").value_or(to_be.account);
     const std::string name = conf_value(e.conf_text, "AGENTNAME").value_or(to_be.agent);
     if (account != to_be.account || name != to_be.agent) {
-        fail(e.conf + " names this host " + text_of({account, name}) + ", not " + text_of(to_be) +
+        fail(e.conf + " names this host " + shown({account, name}) + ", not " + shown(to_be) +
              "; --replace makes it the other one");
     }
 }
@@ -327,7 +327,7 @@ std::string with_hint(const enrolment& e, std::string text) {
     const std::optional<identity> now = identity_in_force(e.conf_text);
     const auto is = now ? holder_of(now->certificate.get()) : std::nullopt;
     if (is && end_of(now->certificate.get()) > time(nullptr)) {
-        return text + ". This host is enrolled as " + text_of(*is) + " already, until " +
+        return text + ". This host is enrolled as " + shown(*is) + " already, until " +
                time_text(end_of(now->certificate.get()));
     }
     if (!e.said.token.empty() && !e.said.replace) {
@@ -363,7 +363,7 @@ identity get_certificate(enrolment& e, const std::vector<x509_ptr>& trusted) {
     }
     got.key = key_in(text_of(e.key.get()));
     const protocol::agent_identity who = agent_of(got.certificate.get());
-    say("Got a certificate: " + text_of(who) + ", until " +
+    say("Got a certificate: " + shown(who) + ", until " +
         time_text(end_of(got.certificate.get())) + ".");
     if (e.said.token.empty() && !(who == wanted_name(e))) {
         fail("the certificate is of another name than the one asked for");
@@ -516,7 +516,7 @@ bool is_done_already(enrolment& e) {
         return false;
     }
     say("This host is enrolled by this token already, as " +
-        text_of(agent_of(now->certificate.get())) + ", until " +
+        shown(agent_of(now->certificate.get())) + ", until " +
         time_text(end_of(now->certificate.get())) + ".");
     if (e.said.start && !look_at_agent(e.agent).runs) {
         bring_up_agent(e);

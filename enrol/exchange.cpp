@@ -249,7 +249,7 @@ bool tls_step(talk& t, const char* while_at, Step step) {
 
 /* --- HTTP ------------------------------------------------------------------------------------ */
 
-std::string text_of(const collector_place& at, const question& what) {
+std::string request_text(const collector_place& at, const question& what) {
     std::string text =
         what.method + " " + what.path + " HTTP/1.0\r\nHost: " + at.where.authority() + "\r\n";
     for (const auto& [name, value] : what.headers) {
@@ -374,7 +374,7 @@ http_answer ask(const collector_place& at, const question& what, bool* sent) {
     if (at.authorities != nullptr && answer.server.empty()) {
         t.fail("is not trusted: it sent no certificate");
     }
-    const std::string request = text_of(at, what);
+    const std::string request = request_text(at, what);
     if (sent != nullptr) {
         *sent = true;
     }

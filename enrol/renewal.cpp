@@ -151,7 +151,7 @@ int renew(const options& said) {
     const enrolled e = read_enrolled(said);
     const int64_t end = end_of(e.self.certificate.get());
     if (time(nullptr) >= end) {
-        fail("the certificate of " + text_of(agent_of(e.self.certificate.get())) + " ended at " +
+        fail("the certificate of " + shown(agent_of(e.self.certificate.get())) + " ended at " +
              time_text(end) + ": " + anew);
     }
     authorities now;

@@ -172,6 +172,6 @@ x509_ptr ask_certificate(const wish& what) {
     }
 }
 
-std::string text_of(const protocol::agent_identity& who) {
+std::string shown(const protocol::agent_identity& who) {
     return printable(who.agent) + " of " + printable(who.account);
 }

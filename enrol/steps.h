@@ -47,6 +47,6 @@ struct wish {
 x509_ptr ask_certificate(const wish& what);
 
 /* "web-01 of operator@example.org", printable. */
-std::string text_of(const protocol::agent_identity& who);
+std::string shown(const protocol::agent_identity& who);
 
 #endif

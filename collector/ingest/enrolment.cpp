@@ -171,7 +171,7 @@ void enrolment::do_elsewhere(std::function<std::string()> work, std::function<vo
         }
         if (!error.empty()) {
             post_surely(context_, [this, error, failed] {
-                room_.log(event::failure, "identities: " + error);
+                room_.log(event::failure, error);
                 failed();
             });
         }
@@ -188,7 +188,7 @@ void enrolment::keep_promotion(agent_proof shown) {
         [this, shown] { not_kept_.push_back(shown); });
 }
 
-void enrolment::refresh() {
+void enrolment::refresh(std::function<std::string()> more) {
     for (const agent_proof& shown : std::exchange(not_kept_, {})) {
         keep_promotion(shown);
     }
@@ -199,6 +199,9 @@ void enrolment::refresh() {
             return error;
         },
         [] {});
+    if (more) {
+        do_elsewhere(std::move(more), [] {});
+    }
 }
 
 awaitable<void> enrolment::answer_authority(exchange& x, std::shared_ptr<agents_tls> by) {

@@ -44,8 +44,9 @@ public:
     /* Keeps that an agent has shown a later generation: soon, and in the end. */
     void keep_promotion(agent_proof shown);
 
-    /* Has what others changed read, soon, and what could not be kept tried again. */
-    void refresh();
+    /* Has what others changed read, soon, and what could not be kept tried again; and `more` done
+     * on that thread, whose answer, unless it is empty, is logged. */
+    void refresh(std::function<std::string()> more = nullptr);
 
 private:
     struct asked;

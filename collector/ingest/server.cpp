@@ -195,9 +195,9 @@ void server::exchange_tls(std::shared_ptr<agents_tls> next) {
     state_->tls = std::move(next);
 }
 
-void server::refresh_known() {
+void server::refresh_known(std::function<std::string()> more) {
     if (state_->hosts) {
-        state_->hosts->refresh();
+        state_->hosts->refresh(std::move(more));
     }
 }
 

@@ -70,8 +70,9 @@ public:
      * thread. */
     void exchange_tls(std::shared_ptr<agents_tls> next);
 
-    /* Has what is known of agents read again, soon. On the network thread. */
-    void refresh_known();
+    /* Has what is known of agents read again, soon, on a thread that may wait, and `more` done
+     * there; what it returns is logged unless it is empty. On the network thread. */
+    void refresh_known(std::function<std::string()> more);
 
     /* For what else runs on the network thread: signals, timers. run() also waits for it. */
     boost::asio::io_context& context();

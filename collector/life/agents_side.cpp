@@ -45,8 +45,8 @@ bool agents_side::read_settings(std::vector<std::string>& early, std::string& er
     }
     known_ = std::make_unique<known_agents>(*kept_, options_.agents, epoch_now);
     secrets_ = std::make_unique<known_secrets>(*kept_, options_.state_dir);
-    std::string unreadable;
-    if (!secrets_->refresh(unreadable)) {
+    const std::string unreadable = read_secrets();
+    if (!unreadable.empty()) {
         early.push_back(unreadable);
     }
     return known_->refresh(error);
@@ -128,6 +128,16 @@ bool agents_side::read_again(bool in_any_case) {
     }
     stamp_ = std::move(stamp);
     return true;
+}
+
+std::string agents_side::read_secrets() {
+    std::string error;
+    if (secrets_->refresh(error)) {
+        error.clear();
+    }
+    const bool same = error == trouble_of_secrets_;
+    trouble_of_secrets_ = error;
+    return same ? "" : error;
 }
 
 void agents_side::listens_on(uint16_t port) {

@@ -46,6 +46,10 @@ public:
      * shown() is another. What cannot be read is told, and the old ones stay. */
     bool read_again(bool in_any_case);
 
+    /* Has the secrets read again when somebody has changed them; what is to be said of it, once. Not
+     * on the network thread. */
+    std::string read_secrets();
+
     /* With what a host enrols, once it is known where the server listens. Any thread. */
     void listens_on(uint16_t port);
     enrolment_place where_agents_poll() const;
@@ -67,7 +71,7 @@ private:
     identity_report report_;
     std::string stamp_; /* of the files */
     std::shared_ptr<agents_tls> shown_;
-    std::string trouble_; /* told already */
+    std::string trouble_, trouble_of_secrets_; /* told already */
 
     mutable std::mutex mutex_;
     enrolment_place place_;

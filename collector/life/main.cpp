@@ -253,7 +253,7 @@ static int run_server(const options& o) {
             collector.exchange_tls(identities.shown());
             api.exchange_tls();
         }
-        collector.refresh_known();
+        collector.refresh_known([&] { return identities.read_secrets(); });
     };
     const std::function<void()> read_again = [&] {
         look_at_certificates(true);

@@ -1,7 +1,6 @@
 #include "ingest/known_agents.h"
 
 #include <algorithm>
-#include <exception>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -76,21 +75,16 @@ struct known_agents::state {
     state(settings& k, agents_mode m, std::function<int64_t()> n)
         : kept(k), mode(m), now(std::move(n)) {}
 
-    /* One change by this process: what it changes is put into memory, and need not be read. */
+    /* One change by this process: what it changes is put into memory, and need not be read, unless
+     * somebody else changed something as well. */
     class own_change {
     public:
         explicit own_change(state& of) : of_(of), before_(of.kept.version()) {}
-        ~own_change() {
-            try {
-                const uint64_t after = of_.kept.version();
-                if (of_.seen == before_ && after <= before_ + 1) {
-                    of_.seen = after;
-                }
-            } catch (const std::exception&) { /* no memory: all is read again */
+        void is_made() {
+            if (of_.seen == before_ && of_.kept.version() == before_ + 1) {
+                of_.seen = before_ + 1;
             }
         }
-        own_change(const own_change&) = delete;
-        own_change& operator=(const own_change&) = delete;
 
     private:
         state& of_;
@@ -169,7 +163,7 @@ void known_agents::state::remember(const stored_identity& what) {
 bool known_agents::state::change(const identity& who,
                                  const std::function<bool(stored_identity&)>& change,
                                  std::string& error) {
-    const own_change mine(*this);
+    own_change mine(*this);
     stored_identity what;
     auto keep = [&](stored_identity& found) {
         what = found;
@@ -182,6 +176,9 @@ bool known_agents::state::change(const identity& who,
     bool changed = kept.change_identity(who.account, who.agent, keep, error);
     if (changed || (error.empty() && !is_new(what))) {
         remember(what);
+    }
+    if (changed) {
+        mine.is_made();
     }
     return changed;
 }
@@ -295,11 +292,8 @@ known_agents::answer known_agents::state::opened(const protocol::sha256& hash,
                                                  settings::opened& how, identity& who,
                                                  uint32_t& generation, std::string& why) {
     stored_enrolment found;
-    {
-        const own_change mine(*this);
-        if (!kept.open_enrolment(hash, key, account, agent, now(), how, found, why)) {
-            return answer::unavailable;
-        }
+    if (!kept.open_enrolment(hash, key, account, agent, now(), how, found, why)) {
+        return answer::unavailable;
     }
     if (how != settings::opened::yes) {
         return answer::refused;
@@ -337,10 +331,6 @@ known_agents::answer known_agents::enrol_by_token(const protocol::sha256& secret
               : how == settings::opened::used ? "this token was used already, with another key"
               : how == settings::opened::other_name ? "this token is for another name"
                                                     : "this token is not known";
-    }
-    /* It is no longer open, or never was as far as memory goes: read with the next refresh. */
-    if (given == answer::sign) {
-        state_->seen = 0;
     }
     return given;
 }
@@ -522,7 +512,7 @@ bool known_agents::admit(std::string_view account, std::string_view agent,
         return false;
     }
     if (chosen) {
-        const state::own_change mine(s);
+        state::own_change mine(s);
         const stored_enrolment opens{.hash = *chosen,
                                      .account = who.account,
                                      .agent = who.agent,
@@ -533,6 +523,7 @@ bool known_agents::admit(std::string_view account, std::string_view agent,
         if (!s.kept.add_enrolment(opens, error)) {
             return false;
         }
+        mine.is_made();
     }
     std::lock_guard<std::mutex> guard(s.mutex);
     if (chosen) {
@@ -570,10 +561,11 @@ std::optional<protocol::sha256> known_agents::invite(std::string_view account,
                                  .by = by,
                                  .made = now,
                                  .ends = now + lasts_s};
-    const state::own_change mine(s);
+    state::own_change mine(s);
     if (!s.kept.add_enrolment(token, error)) {
         return std::nullopt;
     }
+    mine.is_made();
     std::lock_guard<std::mutex> guard(s.mutex);
     int64_t& ends = s.invited[{token.account, token.agent}];
     ends = std::max(ends, token.ends);
@@ -595,12 +587,8 @@ bool known_agents::revoke(std::string_view account, std::string_view agent, cons
     auto look = [&](const stored_enrolment& what) {
         is_known |= what.account == account && what.agent == agent && what.generation == 0;
     };
-    {
-        const state::own_change mine(s);
-        if (!s.kept.for_each_enrolment(look, error) ||
-            !s.kept.drop_enrolments(account, agent, error)) {
-            return false;
-        }
+    if (!s.kept.for_each_enrolment(look, error) || !s.kept.drop_enrolments(account, agent, error)) {
+        return false;
     }
     auto end = [&](stored_identity& kept) {
         if (is_new(kept)) {

@@ -3,6 +3,7 @@
 #include "ingest/known_agents.h"
 
 #include "collector_test_support.h"
+#include "decisions_in_memory.h"
 
 #include <atomic>
 #include <csignal>
@@ -867,6 +868,40 @@ TEST_F(known_agents_test, what_it_changes_itself_it_need_not_read) {
         EXPECT_EQ(before[i].kept.by, after[i].kept.by);
         EXPECT_EQ(before[i].invited, after[i].invited);
     }
+}
+
+/* Somebody else writes right ahead of each change. */
+struct settings_of_many : decisions_in_memory {
+    int others = 0;
+    bool change_identity(std::string_view account, std::string_view agent,
+                         const std::function<bool(stored_identity&)>& change,
+                         std::string& error) override {
+        const std::string theirs = "other" + std::to_string(others++);
+        identities[{"a@x", theirs}] = {.account = "a@x", .agent = theirs, .admitted = 5};
+        changed();
+        return decisions_in_memory::change_identity(account, agent, change, error);
+    }
+    bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
+    bool drop_token(int64_t, std::string&) override { return false; }
+    bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
+        return false;
+    }
+    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
+                    std::string&) override {
+        return false;
+    }
+};
+
+TEST_F(known_agents_test, what_others_change_meanwhile_is_read) {
+    settings_of_many shared;
+    known_agents mine(shared, agents_mode::known, [this] { return now.load(); });
+    EXPECT_TRUE(mine.refresh(error)) << error;
+    EXPECT_TRUE(mine.admit("a@x", "web", {}, true, "ann", error)) << error;
+    EXPECT_TRUE(mine.refresh(error)) << error;
+    EXPECT_EQ(mine.all().size(), 2u);
+    EXPECT_FALSE(mine.note_issued(proof(1, "nobody"), error)); /* nothing of its own changes */
+    EXPECT_TRUE(mine.refresh(error)) << error;
+    EXPECT_EQ(mine.all().size(), 3u);
 }
 
 TEST_F(known_agents_test, what_cannot_be_written_is_not_done) {

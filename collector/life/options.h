@@ -31,10 +31,11 @@ struct options {
     std::string token;    /* its name */
     std::string role;     /* of a token or a link; empty: not given */
     bool replace = false; /* what is stored, by a restore */
+    bool force = false;   /* whoever an exchange leaves behind */
     std::string whose;    /* authority: "agents" or "server" */
-    bool force = false;   /* whoever is left behind */
     std::string listen;
     uint16_t port = 0; /* 0: the kernel picks one */
+    agents_mode agents = agents_mode::any;
     std::string port_file;
     std::string web_address; /* of the API; empty: none */
     uint16_t web_port = 0;   /* 0: the kernel picks one */
@@ -45,7 +46,6 @@ struct options {
     std::string cert, key;          /* both or none; none: made in the state directory */
     std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */
-    agents_mode agents = agents_mode::any;
     bool end_refused = false;
     bool json = false;
     bool problems = false; /* not together with json */

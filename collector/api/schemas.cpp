@@ -50,7 +50,7 @@ const schema_def schemas[] = {
 {"type":"object","required":["name","since","location","fields"],
 "properties":{"name":{"type":"string"},"since":{"type":"string","format":"date-time"},
 "location":{"type":"integer"},"fields":{"type":"object",
-"description":"By the names that the protocol has for them; secrets are left out.",
+"description":"By the names that the protocol has for them. Passwords are left out, but for ${secret:NAME}.",
 "additionalProperties":{"type":["string","number"]}}},"additionalProperties":false})json"},
     {"event", R"json(
 {"type":"object","required":["id","time","agent","test","from","to","message"],

@@ -4,6 +4,7 @@
 #include "api/json.h"
 #include "api/parameters.h"
 #include "base/record_summary.h"
+#include "plan/placeholder.h"
 #include "protocol/commands.h"
 #include "show/record_content.h"
 
@@ -72,7 +73,8 @@ json::object fields_as_object(const definition& what) {
         rest.remove_prefix(std::min(text.size() + 1, rest.size()));
         bool is_id = fields[i].name == protocol::rows::test_id.name ||
                      fields[i].name == protocol::rows::location_id.name;
-        if (!text.empty() && !is_id && !fields[i].secret &&
+        const bool may_be_shown = !fields[i].secret || is_only_placeholders(text);
+        if (!text.empty() && !is_id && may_be_shown &&
             fields[i].kind != protocol::field_kind::ignored) {
             object.emplace(field_name(fields, i), field_value(fields[i].kind, text));
         }

@@ -860,6 +860,31 @@ TEST_F(api_resources_test, bodies_that_make_no_token) {
 
 /* ---- health ---- */
 
+/* The store has none of these; a text in such a place is not shown all the same. */
+TEST_F(api_resources_test, of_passwords_the_names_of_secrets_are_shown) {
+    follow({{.type = type_mysql,
+             .number = 9,
+             .location = 1,
+             .name = "db1",
+             .text = "9\t1\tdb1\t0\t\tu\t${secret:db}\tUptime\t5"},
+            {.type = type_mysql,
+             .number = 10,
+             .location = 1,
+             .name = "db2",
+             .text = "10\t1\tdb2\t0\t\tu\thunter2${secret:db}\tUptime\t5"}});
+    settle();
+    for (uint32_t number : {9u, 10u}) {
+        submit(record_builder{.ui32 = {type_mysql, number, 1, 0, 5}, .i64 = {now}, .strings = {"x"}}
+                   .bytes());
+    }
+    json::value first = get("/api/v1/tests/1"), second = get("/api/v1/tests/2");
+    EXPECT_EQ(json_text(first.at("definition").at("fields")),
+              R"({"host":"db1","port":0,"text 2":"u","text 3":"${secret:db}",)"
+              R"("text 4":"Uptime","time limit":5})");
+    EXPECT_EQ(json_text(second.at("definition").at("fields")),
+              R"({"host":"db2","port":0,"text 2":"u","text 4":"Uptime","time limit":5})");
+}
+
 /* ---- secrets of tests ---- */
 
 TEST_F(api_resources_test, secrets_are_set_listed_and_removed_and_never_said) {

@@ -60,20 +60,23 @@ api_answer list_standings(const api_request& asked, api_services& with) {
     const chosen states(asked, "state");
     const std::string q = text_of(asked, "q");
     const size_t limit = limit_of(asked);
-    std::optional<called_agent> only;
+    std::vector<agent_standing> all;
     if (const std::string* called = asked.parameter("agent")) {
-        only = find_called(asked, with, *called);
+        const called_agent only = find_called(asked, with, *called);
+        if (std::optional<agent_standing> found = with.agents.find(only.account, only.name)) {
+            all.push_back(std::move(*found));
+        }
+    } else {
+        all = with.agents.all();
     }
     reader_pool::lent store = with.stored.lend(asked.deadline);
     json::array items;
-    std::string next, error;
+    std::string next, error, unread;
     const stored_identity* last = nullptr;
-    const std::vector<agent_standing> all = with.agents.all();
     for (const agent_standing& each : all) {
         check_deadline(asked);
         const stored_identity& who = each.kept;
-        if ((only && (who.account != only->account || who.agent != only->name)) ||
-            (behind && std::tie(who.account, who.agent) <= std::tie((*behind)[0], (*behind)[1])) ||
+        if ((behind && std::tie(who.account, who.agent) <= std::tie((*behind)[0], (*behind)[1])) ||
             !(has_text(who.account, q) || has_text(who.agent, q)) ||
             !states.has(identity_word(state_of(each)))) {
             continue;
@@ -85,10 +88,11 @@ api_answer list_standings(const api_request& asked, api_services& with) {
         int64_t id = 0;
         store->read_agent(
             who.account, who.agent, [&](const known_agent& row) { id = row.id; }, error);
+        unread = unread.empty() ? error : unread;
         items.push_back(json_standing(each, id, with.now()));
         last = &who;
     }
-    return answer_with(list_of(asked, std::move(items), next, error));
+    return answer_with(list_of(asked, std::move(items), next, unread));
 }
 
 api_answer one_standing(const api_request& asked, api_services& with) {

@@ -378,9 +378,11 @@ TEST_F(api_metrics_test, a_deadline_ends_what_takes_long) {
 /* Every scrape asks: a writer that does not get on tells nobody. */
 TEST_F(api_metrics_test, the_queue_as_it_is_now) {
     EXPECT_EQ(read().value("vindral_queue_bytes"), 0);
-    std::promise<void> go_on;
+    std::promise<void> go_on, is_held;
     auto held = go_on.get_future().share();
-    store->update([held](engine&) { return held.wait(), true; }, [](bool, const std::string&) {});
+    store->update([held, &is_held](engine&) { return is_held.set_value(), held.wait(), true; },
+                  [](bool, const std::string&) {});
+    is_held.get_future().wait(); /* else it might take the block with it */
     std::promise<store_result> stored_now;
     const std::string records = load(101, now);
     store->submit({"a@b.c", "web-1", records, now},

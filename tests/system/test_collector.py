@@ -273,7 +273,7 @@ class Operation(harness.TestCase):
         collector = harness.Collector(self, *PLAN).start()
         RawClient(collector.port).poll(RawClient(collector.port).session(), block(1))
         self.assertEqual(os.stat(collector.state).st_mode & 0o777, 0o700)
-        for name in set(os.listdir(collector.state)) - {"certificate.pem", "ca.pem"}:
+        for name in set(os.listdir(collector.state)) - {"certificate.pem", "ca.pem", "agents-ca.pem"}:
             self.assertEqual(os.stat(os.path.join(collector.state, name)).st_mode & 0o077, 0, name)
 
 

@@ -3,7 +3,9 @@
 import os
 import re
 import shutil
+import signal
 import ssl
+import subprocess
 
 import harness
 from peers import openssl
@@ -301,9 +303,9 @@ class CollectorsAuthority(harness.TestCase):
         """An agent with the lines that the collector printed."""
         authority, host, port, place = self.lines(collector)
         self.assertEqual((int(port), place), (collector.port, "/etc/vindral-ca.pem"))
-        copy = os.path.join(self.subdir("host"), "vindral-ca.pem")
-        shutil.copy(authority, copy)
-        agent = harness.Agent(self, CAFILE=copy,
+        self.copy = os.path.join(self.subdir("host"), "vindral-ca.pem")
+        shutil.copy(authority, self.copy)
+        agent = harness.Agent(self, CAFILE=self.copy,
                               USEHOST="https://%s:%s/fcgi-bin/agentgateway" % (host, port)).start()
         agent.wait_log(LOGGED_IN)
         return agent
@@ -324,6 +326,39 @@ class CollectorsAuthority(harness.TestCase):
         self.assertEqual(self.lines(collector)[1], "localhost")
         polls = agent.log().count("make_poll result: 1")
         agent.wait_log("make_poll result: 1", count=polls + 2)
+        self.start_as_told(collector)
+
+    def exchange(self, collector, step):
+        """A step of the exchange of its authority, of which the running collector is told at once."""
+        done = subprocess.run([harness.COLLECTOR, "authority", step, "server", "--state-dir", collector.state],
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              text=True, check=False, timeout=harness.PATIENCE_S)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        collector.process.send_signal(signal.SIGHUP)
+
+    def test_exchange_of_its_authority(self):
+        """The collector goes on, and so does an agent whose file is exchanged meanwhile; no restart."""
+        collector = harness.Collector(self, "POL\t0\t1").start()
+        agent = self.start_as_told(collector)
+        copy = self.copy
+        old = harness.read_text(copy)
+
+        self.exchange(collector, "renew")
+        collector.wait_errors("certificates read again", count=1)
+        joined(copy, collector.state + "/ca.pem", collector.state + "/ca-next.pem")
+        agent.wait_log("was read", count=2)
+
+        self.exchange(collector, "finish")
+        collector.wait_errors("certificates read again", count=2)
+        self.assertNotEqual(harness.read_text(collector.state + "/ca.pem"), old)
+        polls = agent.log().count("make_poll result: 1")
+        agent.wait_log("make_poll result: 1", count=polls + 2)
+
+        joined(copy, collector.state + "/ca.pem")
+        agent.wait_log("was read", count=3)
+        polls = agent.log().count("make_poll result: 1")
+        agent.wait_log("make_poll result: 1", count=polls + 2)
+        self.assertNotIn(INTERNAL_ERROR, agent.log())
         self.start_as_told(collector)
 
     def test_relative_state_directory(self):
@@ -356,7 +391,8 @@ class CollectorsAuthority(harness.TestCase):
         collector = harness.Collector(self, options=["--cert", certificate, "--key", key]).start()
         self.assertEqual(self.lines(collector)[:2],
                          ("the certificate of the authority that signed " + certificate, "localhost"))
-        self.assertEqual([name for name in os.listdir(collector.state) if name.endswith(".pem")], [])
+        self.assertEqual(sorted(name for name in os.listdir(collector.state) if name.endswith(".pem")),
+                         ["agents-ca-key.pem", "agents-ca.pem"])
         client = RawClient(collector.port)
         client.session()
 

@@ -29,6 +29,10 @@ bool agents_side::open(std::vector<std::string>& early, std::string& error) {
     if (!prepare_identity(options_, files_, report_, error)) {
         return false;
     }
+    /* What is missing is made ahead of the look by which a change is seen later. */
+    if (known_ && !agent_authority().open(options_.state_dir, error)) {
+        return false;
+    }
     stamp_ = identity_stamp(options_.state_dir, files_);
     shown_ = make_shown(early, error);
     return shown_ != nullptr;

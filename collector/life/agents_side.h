@@ -46,8 +46,8 @@ public:
      * shown() is another. What cannot be read is told, and the old ones stay. */
     bool read_again(bool in_any_case);
 
-    /* Has the secrets read again when somebody has changed them; what is to be said of it, once. Not
-     * on the network thread. */
+    /* Has the secrets read again when somebody has changed them; what is to be said of it, once.
+     * Not on the network thread. */
     std::string read_secrets();
 
     /* With what a host enrols, once it is known where the server listens. Any thread. */

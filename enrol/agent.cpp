@@ -34,6 +34,7 @@ constexpr const char* service = "vindral.service";
 constexpr const char* timer = "vindral-enrol.timer";
 
 constexpr std::string_view logged_in = "Authorization was successfully completed.";
+constexpr std::string_view refused = "Authorization failed, "; /* it ends within its interval */
 constexpr std::string_view log_in_again = "Reauthorization is required.";
 
 [[noreturn]] void fail(const std::string& text) {
@@ -387,6 +388,9 @@ bool wait_for_login(const agent_place& at, const log_mark& since) {
         if (const std::string complaint = last_complaint(log); complaint != said) {
             said = complaint;
             complained = now;
+        }
+        if (log.find(refused) != log.npos) {
+            fail("the collector has refused the agent, for good");
         }
         if (now - looked >= seconds(1)) {
             looked = now;

@@ -116,7 +116,7 @@ class Enrolment(harness.TestCase):
         collector.server.default = only_enrol
         said = host.enrol(collector.url, collector.make_token(), status=1)
         self.assertTrue(polls)
-        self.assertIn("the agent has ended; it says: Authorization failed", said)
+        self.assertIn("the collector has refused the agent, for good", said)
         self.assertIn("the agent runs again with its old settings", said)
         self.assertIn("What stays: the key in", said)
         host.check_untouched(running=True, files=["agent-key.new"])

@@ -182,6 +182,10 @@ public:
         for (const CLI::App* each : chosen()->get_subcommands(nullptr)) {
             all.push_back(each->get_name());
         }
+        if (chosen()->get_name() == "set") { /* it may be the secret: not said again */
+            return of_command() + "there is one word too many: a value is read from standard "
+                                  "input alone";
+        }
         return all.empty()
                    ? of_command() + "\"" + name + "\" is one word too many"
                    : of_command() + "there is no command \"" + name + "\"" + guess(name, all);

@@ -317,6 +317,53 @@ class Secrets(harness.TestCase):
         self.assertEqual(client.poll(session.headers["Vnd-SessionID"]).body, "")
         self.check_nowhere(collector, PASSWORD, KEY)
 
+    def test_agents_that_are_only_known_get_nothing_of_them(self):
+        shop = start_shop(self)
+        collector = SecretCollector(self, *self.plan(shop), options=["--agents", "known"]).start()
+        collector.set("shop", PASSWORD)
+        client = RawClient(collector.port)
+        self.assertIn("403", client.login(EMAIL, "plain").status)
+        status, _, text = collector.ask("/api/v1/agents/%s/admit" % urllib.parse.quote(EMAIL + "/plain", safe=""), "POST")
+        self.assertEqual(status, 200, text)
+        body = client.login(EMAIL, "plain").body
+        self.assertIn(LOAD, body)
+        self.assertNotRegex(body, "HP|secret")
+        proven = self.proven_client(collector, "proven")
+        self.assertIn(page(2, shop.server_port, password=PASSWORD), proven.login(EMAIL, "proven").body)
+
+    def test_the_command_line_takes_values_from_standard_input_alone(self):
+        shop = start_shop(self)
+        collector = SecretCollector(self, *self.plan(shop)).start()
+        environment = dict(collector.env, VINDRAL_URL="http://127.0.0.1:%d" % collector.web_port,
+                           VINDRAL_TOKEN=collector.token)
+
+        def run(*words, given="", status=0):
+            done = subprocess.run([os.path.join(harness.BUILD, "vindralctl"), "secret", *words], input=given,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=False,
+                                  env=environment, timeout=harness.PATIENCE_S)
+            self.assertEqual(done.returncode, status, done)
+            collector.answers.append((done.stdout + done.stderr).encode())
+            return done.stdout + done.stderr
+        self.assertIn("there are no secrets", run("list"))
+        self.assertEqual(run("set", "shop", given=PASSWORD + "\n"),
+                         'vindralctl: the secret "shop" is set; 1 line of the plan uses it\n')
+        client = self.proven_client(collector, "proven")
+        self.assertIn(page(2, shop.server_port, password=PASSWORD), client.login(EMAIL, "proven").body)
+        run("set", "other", given="x")
+        listed = run("list")
+        self.assertRegex(listed, r"(?m)^other .* system test +0$")
+        self.assertRegex(listed, r"(?m)^shop .* system test +1$")
+        self.assertEqual([json.loads(line)["name"] for line in run("list", "--json").splitlines()], ["other", "shop"])
+        self.assertIn("as one line", run("set", "shop", status=2))
+        self.assertIn("more than one line", run("set", "shop", given="a\nb\n", status=2))
+        self.assertIn("without control characters", run("set", "shop", given=PASSWORD + "\t\n", status=2))
+        self.assertIn("letters, digits", run("set", "a b", given=PASSWORD, status=2))
+        self.assertIn("from standard input alone", run("set", "shop", PASSWORD, given="x", status=2))
+        self.assertIn("there is no secret", run("remove", "none", status=5))
+        self.assertIn("1 line of the plan uses it", run("remove", "shop"))
+        self.assertNotIn("HPA", client.login(EMAIL, "proven").body)
+        self.check_nowhere(collector, PASSWORD)
+
 
 if __name__ == "__main__":
     harness.main()

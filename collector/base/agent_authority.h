@@ -39,10 +39,10 @@ public:
      * OpenSSL. */
     int verify(X509* certificate) const;
 
-    /* Any thread, as are the above.
-     * The certificate for the key of a request (PEM), of `days` days, begun a day ago; "" with one
+    /* The certificate for the key of a request (PEM), of `days` days, begun a day ago; "" with one
      * line in `error` for a request that is malformed, not signed with its own key, or whose key is
-     * none of ECDSA P-256 or P-384, Ed25519, RSA of 2048 to 4096 bits. `says` is what it says. */
+     * none of ECDSA P-256 or P-384, Ed25519, RSA of 2048 to 4096 bits. `says` is what it says. Any
+     * thread, as are the above but open(). */
     std::string sign(std::string_view request, const protocol::agent_identity& who,
                      uint32_t generation, int days, agent_proof& says, std::string& error) const;
 
@@ -67,4 +67,5 @@ bool finish_agent_authority(const std::string& directory, std::string& error);
 /* The hash of the key that a request (PEM) is for; none for what is malformed or not signed with
  * it. */
 std::optional<protocol::sha256> key_of_request(std::string_view request, std::string& error);
+
 #endif

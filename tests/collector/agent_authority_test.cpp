@@ -142,22 +142,12 @@ protected:
     static x509_ptr certificate_by(const agent_authority& by, int days = 90) {
         return certificate_of(signed_by(by, ec_key().get(), days));
     }
-    static std::string refused_request(const std::string& request) {
-        static const std::string directory = [] {
-            char name[] = "/tmp/agent_authority_test.XXXXXX";
-            std::string made = mkdtemp(name);
-            return made;
-        }();
-        agent_authority by = opened(directory);
-        fs::remove_all(directory);
-        fs::create_directory(directory);
+    std::string refused_request(const std::string& request) const {
         agent_proof says;
         std::string error, other;
-        EXPECT_EQ(by.sign(request, web1, 1, 90, says, error), "");
+        EXPECT_EQ(opened().sign(request, web1, 1, 90, says, error), "");
         EXPECT_EQ(key_of_request(request, other), std::nullopt);
         EXPECT_EQ(other, error);
-        fs::remove_all(directory);
-        fs::create_directory(directory);
         return error;
     }
 

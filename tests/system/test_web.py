@@ -78,7 +78,7 @@ class Web(harness.TestCase):
             self.assertEqual(self.ask("GET", "/api/v1/agents", Cookie=cookie)[0], 200)
             self.assertEqual(self.ask("GET", "/api/v1/tokens", Cookie=cookie)[0], 200 if role == "admin" else 403)
             self.assertEqual(self.ask("POST", "/sign-in", json.dumps({"link": link}))[0], 401)
-            self.assertIn(f"audit: link ({role}) from 127.0.0.1: signed in with a link", self.collector.errors())
+            self.collector.wait_errors(f"audit: link ({role}) from 127.0.0.1: signed in with a link")
             self.assertEqual(self.ask("POST", "/sign-out", Cookie=cookie)[0], 403)
             self.assertEqual(self.ask("POST", "/sign-out", Cookie=cookie, Origin=url, Host=url[7:])[0], 204)
             self.assertEqual(self.ask("GET", "/api/v1/agents", Cookie=cookie)[0], 401)

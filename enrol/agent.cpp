@@ -124,7 +124,7 @@ std::string agent_program() {
     std::array<char, 4096> path{};
     const ssize_t length = readlink("/proc/self/exe", path.data(), path.size() - 1);
     const std::string own(path.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
-    const std::string program = own.substr(0, own.rfind('/') + 1) + "vindral";
+    std::string program = own.substr(0, own.rfind('/') + 1) + "vindral";
     if (access(program.c_str(), X_OK) != 0) {
         fail("there is no agent: " + printable(program) + " is no program");
     }

@@ -46,7 +46,8 @@ struct enrolment {
     bool made_directory = false;
     bool made_key = false;
     bool sent = false, refused = false; /* the request for its certificate */
-    std::optional<journal> noted;
+    bool is_noted = false;              /* and so is on disk, or is about to be */
+    journal noted;
     bool touched_agent = false;
 
     explicit enrolment(const options& o) : said(o) {}
@@ -82,7 +83,7 @@ bool try_to(const char* what, Step step) {
 /* True when the configuration is not what was written: put back, or never changed, or changed by
  * somebody else since, who is left alone. */
 bool put_back_conf(enrolment& e) {
-    journal& j = *e.noted;
+    journal& j = e.noted;
     return try_to("put the configuration back", [&] {
         const std::optional<std::string> now = read_file(e.conf);
         if (!now || hash_of(*now) != j.written) {
@@ -98,7 +99,7 @@ bool put_back_conf(enrolment& e) {
 }
 
 void put_back_agent(const enrolment& e) {
-    const agent_state before{e.noted->ran, e.noted->enabled};
+    const agent_state before{e.noted.ran, e.noted.enabled};
     if (try_to("bring the agent back to what it was", [&] { restore_agent(e.agent, before); })) {
         complain(before.runs ? "Undone: the agent runs again with its old settings."
                              : "Undone: the agent is stopped, as it was.");
@@ -107,7 +108,7 @@ void put_back_agent(const enrolment& e) {
 
 void remove_new_files(const enrolment& e) {
     const std::string conf = read_file(e.conf).value_or("");
-    for (const std::string& file : {e.noted->identity, e.noted->authorities}) {
+    for (const std::string& file : {e.noted.identity, e.noted.authorities}) {
         if (exists(file) && !is_in_force(conf, file) &&
             try_to("remove a new file", [&] { remove_file(file); })) {
             complain("Undone: " + file + " is removed.");
@@ -127,7 +128,7 @@ void undo_noted(enrolment& e) {
             forget_journal(e.said.directory, e.conf);
         });
     }
-    e.noted.reset();
+    e.is_noted = false;
 }
 
 void undo_key(const enrolment& e) {
@@ -146,7 +147,7 @@ void undo_key(const enrolment& e) {
 
 void undo(enrolment& e) {
     ignore_stops();
-    if (e.noted) {
+    if (e.is_noted) {
         undo_noted(e);
     }
     undo_key(e);
@@ -324,11 +325,12 @@ parameters names_to_send(const enrolment& e) {
 
 /* Why a refusal may have come, beyond what the collector says. */
 std::string with_hint(const enrolment& e, std::string text) {
-    const std::optional<identity> now = identity_in_force(e.conf_text);
-    const auto is = now ? holder_of(now->certificate.get()) : std::nullopt;
-    if (is && end_of(now->certificate.get()) > time(nullptr)) {
-        return text + ". This host is enrolled as " + shown(*is) + " already, until " +
-               time_text(end_of(now->certificate.get()));
+    if (const std::optional<identity> now = identity_in_force(e.conf_text)) {
+        const std::optional<protocol::agent_identity> is = holder_of(now->certificate.get());
+        if (is && end_of(now->certificate.get()) > time(nullptr)) {
+            return text + ". This host is enrolled as " + shown(*is) + " already, until " +
+                   time_text(end_of(now->certificate.get()));
+        }
     }
     if (!e.said.token.empty() && !e.said.replace) {
         const std::string name = conf_value(e.conf_text, "AGENTNAME").value_or("");
@@ -363,8 +365,8 @@ identity get_certificate(enrolment& e, const std::vector<x509_ptr>& trusted) {
     }
     got.key = key_in(text_of(e.key.get()));
     const protocol::agent_identity who = agent_of(got.certificate.get());
-    say("Got a certificate: " + shown(who) + ", until " +
-        time_text(end_of(got.certificate.get())) + ".");
+    say("Got a certificate: " + shown(who) + ", until " + time_text(end_of(got.certificate.get())) +
+        ".");
     if (e.said.token.empty() && !(who == wanted_name(e))) {
         fail("the certificate is of another name than the one asked for");
     }
@@ -404,6 +406,7 @@ void put_in_force(enrolment& e, const identity& self, const std::string& authori
     j.enabled = before.enabled;
     j.start = e.said.start;
     e.noted = j;
+    e.is_noted = true;
     write_file(backup_of(e.conf), e.conf_text, e.conf_owner);
     write_journal(e.said.directory, j);
     write_file(j.identity, text_of(self), e.ours);
@@ -451,9 +454,9 @@ void remove_old_files(const enrolment& e) {
 
 /* From here on all is in force and the agent has shown that it works: nothing is undone. */
 int finish(enrolment& e) {
-    const bool started = e.noted->start;
+    const bool started = e.noted.start;
     ignore_stops();
-    e.noted.reset();
+    e.is_noted = false;
     bool well = true;
     if (started) {
         /* A running agent that was left alone goes on with its old files. */
@@ -497,7 +500,8 @@ bool take_up(enrolment& e) {
     }
     const std::optional<std::string> now = read_file(e.conf);
     const bool in_force = now && hash_of(*now) == left->written;
-    e.noted = left;
+    e.noted = *left;
+    e.is_noted = true;
     if (in_force && !left->undoing && left->goal == e.goal) {
         say("Goes on where an earlier call was interrupted.");
         e.sent = true;
@@ -527,7 +531,7 @@ bool is_done_already(enrolment& e) {
 int go(enrolment& e) {
     e.lock = lock_directory(e.said.directory, milliseconds(0));
     if (take_up(e)) {
-        if (e.noted->start) {
+        if (e.noted.start) {
             bring_up_agent(e);
         }
         return finish(e);

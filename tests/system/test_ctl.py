@@ -385,6 +385,25 @@ class LetIn(Collected):
                     self.assertNotIn(secret[3:].encode(), found, name)
 
 
+    def test_what_is_printed_gives_a_host_its_certificate(self):
+        self.start(agent=False, options=("--agents", "proven"))
+        self.token = self.tokens["admin"]
+        agent = harness.Agent(self, self.collector.port, name="web-1")  # which is not started
+        agent.write_config()
+        command = self.ctl("enrol", "web-1", "--account", "user@example.net", "--quiet").split()
+        done = subprocess.run([os.path.join(harness.BUILD, command[0]), *command[1:], "--no-start", "--conf", agent.conf,
+                               "--dir", self.subdir("keys")], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False, env=self.environment(),
+                              timeout=harness.PATIENCE_S)
+        self.assertEqual(done.returncode, 0, done.stdout)
+        standing, = self.rows("agents", "show", "web-1")
+        self.assertEqual((standing["state"], standing["invited"]), ("known", False))
+        shown = self.ctl("agents", "show", "web-1")
+        self.assertRegex(shown, r"(?m)^certificate +until 2\d{3}-\S+ \S+ \((89|90)d")
+        self.assertRegex(shown, r"(?m)^key +SHA256:\S{43}$")
+        self.assertRegex(shown, r"(?m)^admitted +2.*, by of admin$")
+
+
 class Completed(CtlTest):
     """By bash: exactly what the program's help has, at every place."""
 

@@ -53,7 +53,8 @@ void systemctl_or_fail(const std::vector<std::string>& words) {
         for (const std::string& word : words) {
             what.append(" ").append(word);
         }
-        fail(what + " failed: " + end.said);
+        fail(what +
+             " failed: " + (end.said.empty() ? "status " + std::to_string(end.status) : end.said));
     }
 }
 

@@ -14,13 +14,14 @@ bool has_placeholder(std::string_view text) {
     return find_placeholder(text, 0, at);
 }
 
-/* As many fields as before, so nothing in a value is taken for a field or a command. */
+/* No character of a value parts fields or commands: of those that might, there are as many as
+ * before. And it is not too long. */
 bool is_still_a_line(std::string_view before, std::string_view expanded) {
-    auto is_control = [](char c) { return (c >= 0 && c < ' ' && c != '\t') || c == 0x7f; };
-    return expanded.size() <= longest_plan_line &&
-           std::count(before.begin(), before.end(), '\t') ==
-               std::count(expanded.begin(), expanded.end(), '\t') &&
-           std::none_of(expanded.begin(), expanded.end(), is_control);
+    auto controls = [](std::string_view text) {
+        return std::count_if(text.begin(), text.end(),
+                             [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; });
+    };
+    return expanded.size() <= longest_plan_line && controls(before) == controls(expanded);
 }
 
 } // namespace

@@ -243,6 +243,14 @@ TEST_F(plan_secrets_test, a_line_that_a_value_makes_too_long_is_told_without_it)
     EXPECT_LE(sent(at).size(), 2 * longest_plan_line);
 }
 
+/* What the line itself has in it is sent, as in lines without secrets. */
+TEST_F(plan_secrets_test, what_else_a_line_has_in_it_stays) {
+    set("a", "1234");
+    start(page("HPA", 7, "a\rb", "${secret:a}"));
+    EXPECT_EQ(take_problems(), strings());
+    EXPECT_EQ(sent(0), page("HPA", 7, "a\rb", "1234"));
+}
+
 /* No modify command makes anything of a walk; all kinds of SNMP tests share their ids; and a scan
  * goes on. */
 TEST_F(plan_secrets_test, kinds_that_are_not_just_modified) {

@@ -6,8 +6,8 @@
 
 #include "api/request.h"
 #include "api/services.h"
-#include "store/settings.h"
 #include "base/rates.h"
+#include "store/settings.h"
 #include "web/request_head.h"
 #include "web/sign_in.h"
 #include "web/web_options.h"

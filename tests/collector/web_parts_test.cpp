@@ -1,8 +1,8 @@
 /* The web server without sockets: heads, hosts, rates, the line for the reading threads, answers,
  * pieces of a stream. */
+#include "base/rates.h"
 #include "web/answer.h"
 #include "web/budget.h"
-#include "base/rates.h"
 #include "web/readers.h"
 #include "web/request_head.h"
 #include "web/stream.h"

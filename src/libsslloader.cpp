@@ -12,6 +12,7 @@
 #include <dlfcn.h>
 #include <iterator>
 #include <pthread.h>
+#include <span>
 
 /* What a host without any is told that it lacks. */
 static const char CURRENT_NAME[] = "libssl.so.3";
@@ -128,6 +129,20 @@ static const dynlib_symbol VERIFY_SYMBOLS[] = {
     BIND(X509_verify_cert_error_string, nullptr),
     dynlib_entry("OpenSSL_version_num", &version_number),
 };
+
+/* As well: without, all works but the agent's own certificate. */
+static const dynlib_symbol CERTIFICATE_SYMBOLS[] = {
+    dynlib_entry("SSL_CTX_new", &lib_SSL_CTX_new_private),
+    BIND(SSL_CTX_use_certificate_chain_file, nullptr),
+    BIND(SSL_CTX_use_PrivateKey_file, nullptr),
+    BIND(SSL_CTX_check_private_key, nullptr),
+    BIND(SSL_CTX_set_default_passwd_cb, nullptr),
+    BIND(SSL_CTX_set_info_callback, nullptr),
+    BIND(SSL_CTX_get0_certificate, nullptr),
+    BIND(X509_get0_notBefore, nullptr),
+    BIND(X509_get0_notAfter, nullptr),
+    BIND(X509_cmp_current_time, nullptr),
+};
 #undef BIND
 
 /* Before 1.1.0 the library has no locks of its own: checks in parallel threads would corrupt it
@@ -211,14 +226,14 @@ int init_ssl_lib() {
     return dynlib_bind(libssl_handle, LIBSSL_SYMBOLS, std::size(LIBSSL_SYMBOLS));
 }
 
-static void bind_verification() {
-    ssl_missing_to_verify = nullptr;
-    for (const dynlib_symbol& symbol : VERIFY_SYMBOLS) {
+/* Returns the name of the first that the library lacks, or null. */
+static const char* bind_where_present(std::span<const dynlib_symbol> symbols) {
+    for (const dynlib_symbol& symbol : symbols) {
         if (!dynlib_bind(libssl_handle, &symbol, 1)) {
-            ssl_missing_to_verify = symbol.name;
-            return;
+            return symbol.name;
         }
     }
+    return nullptr;
 }
 
 /* What a thread leaves behind in the library is freed when the thread ends, and locks are taken for
@@ -288,6 +303,9 @@ static void put_in_gates() {
     gated<&lib_SSL_ctrl>::put_in();
     gated<&lib_SSL_CTX_new_private>::put_in();
     gated<&lib_SSL_CTX_load_verify_locations>::put_in();
+    gated<&lib_SSL_CTX_use_certificate_chain_file>::put_in();
+    gated<&lib_SSL_CTX_use_PrivateKey_file>::put_in();
+    gated<&lib_SSL_CTX_check_private_key>::put_in();
     gated<&lib_X509_VERIFY_PARAM_set1_host>::put_in();
     gated<&lib_X509_VERIFY_PARAM_set1_ip_asc>::put_in();
 }
@@ -329,7 +347,8 @@ int init_ssl_variables() {
     lib_ERR_load_BIO_strings();
     lib_OPENSSL_add_all_algorithms_noconf();
     lib_SSL_library_init();
-    bind_verification();
+    ssl_missing_to_verify = bind_where_present(VERIFY_SYMBOLS);
+    ssl_missing_to_show_certificate = bind_where_present(CERTIFICATE_SYMBOLS);
     share_context();
     bind_end_of_thread();
     put_in_gates();

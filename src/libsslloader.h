@@ -41,11 +41,12 @@ inline decltype(&ERR_get_error) lib_ERR_get_error = nullptr;
 inline void (*lib_OPENSSL_add_all_algorithms_noconf)() = nullptr;
 inline void (*lib_OPENSSL_add_all_algorithms_conf)() = nullptr;
 
+/* A context that nobody else uses. */
+inline decltype(&SSL_CTX_new) lib_SSL_CTX_new_private = nullptr;
+
 /* What it takes to verify a server, from 1.1.0 on. To be called only when ssl_missing_to_verify is
  * null: otherwise that is the name of the first function that the library lacks. */
 inline const char* ssl_missing_to_verify = nullptr;
-/* A context that nobody else uses. */
-inline decltype(&SSL_CTX_new) lib_SSL_CTX_new_private = nullptr;
 inline decltype(&SSL_CTX_load_verify_locations) lib_SSL_CTX_load_verify_locations = nullptr;
 inline decltype(&SSL_CTX_set_verify) lib_SSL_CTX_set_verify = nullptr;
 inline decltype(&SSL_get0_param) lib_SSL_get0_param = nullptr;
@@ -57,6 +58,19 @@ inline decltype(&X509_VERIFY_PARAM_set1_host) lib_X509_VERIFY_PARAM_set1_host = 
 inline decltype(&X509_VERIFY_PARAM_set1_ip_asc) lib_X509_VERIFY_PARAM_set1_ip_asc = nullptr;
 inline decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_string = nullptr;
 
+/* What it takes besides to show a certificate, from 1.1.0 on, in the same way. */
+inline const char* ssl_missing_to_show_certificate = nullptr;
+inline decltype(&SSL_CTX_use_certificate_chain_file) lib_SSL_CTX_use_certificate_chain_file =
+    nullptr;
+inline decltype(&SSL_CTX_use_PrivateKey_file) lib_SSL_CTX_use_PrivateKey_file = nullptr;
+inline decltype(&SSL_CTX_check_private_key) lib_SSL_CTX_check_private_key = nullptr;
+inline decltype(&SSL_CTX_set_default_passwd_cb) lib_SSL_CTX_set_default_passwd_cb = nullptr;
+inline decltype(&SSL_CTX_set_info_callback) lib_SSL_CTX_set_info_callback = nullptr;
+inline decltype(&SSL_CTX_get0_certificate) lib_SSL_CTX_get0_certificate = nullptr;
+inline decltype(&X509_get0_notBefore) lib_X509_get0_notBefore = nullptr;
+inline decltype(&X509_get0_notAfter) lib_X509_get0_notAfter = nullptr;
+inline decltype(&X509_cmp_current_time) lib_X509_cmp_current_time = nullptr;
+
 /* Opens the first candidate that loads and binds every function from it. Returns 1 when all are
  * bound or a library was opened before; 0 with a line at level 0 when no candidate opens, 0 without
  * one when the library lacks a function. In that case it stays open and a second call returns 1, so
@@ -64,10 +78,11 @@ inline decltype(&X509_verify_cert_error_string) lib_X509_verify_cert_error_strin
  * when none is, about the name that current releases have. */
 int init_ssl_lib();
 
-/* Binds and initialises the TLS library, with what verification takes where the library has it,
- * puts the fork gate (fork_gate.h) round the functions that connections call, lets them share one
- * context where the library can, then binds zlib (isZLIBloaded). To be called once at start-up,
- * before any thread is created. Returns 1 when TLS is ready, whatever became of zlib, else 0. */
+/* Binds and initialises the TLS library, with what verification and certificates take where
+ * the library has it, puts the fork gate (fork_gate.h) round the functions that connections call,
+ * lets them share one context where the library can, then binds zlib (isZLIBloaded). To be called
+ * once at start-up, before any thread is created. Returns 1 when TLS is ready, whatever became of
+ * zlib, else 0. */
 int init_ssl_variables();
 
 #endif

@@ -2,6 +2,7 @@
 
 #include "compression_routine.h"
 #include "sslutiles.h"
+#include "sslutiles_context.h"
 #include "sslutiles_verify.h"
 #include "stream.h"
 #include "vindral_config.h"
@@ -57,8 +58,9 @@ static int shake_hands(const stream_connection& c, long* budget_us) {
 /* Builds the TLS session on the connected socket. Returns a result code. */
 static int start_tls(stream_connection& c, long* budget_us) {
     forget_tls_errors();
-    SSL_CTX* context = ca_file != nullptr ? verifying_context(ca_file) : nullptr;
-    if (ca_file != nullptr && context == nullptr) {
+    const bool with_files = ca_file != nullptr || cert_file != nullptr || key_file != nullptr;
+    SSL_CTX* context = with_files ? poll_context({ca_file, cert_file, key_file}) : nullptr;
+    if (with_files && context == nullptr) {
         return POLL_INTERNAL_ERROR;
     }
     switch (make_session(c, context)) {
@@ -164,6 +166,9 @@ static int exchange(request& r, service_reply& answer) {
         return POLL_INTERNAL_ERROR;
     }
     if (!send_poll(e, c, r)) {
+        if (cert_file != nullptr) {
+            read_refusal(c.session.get());
+        }
         return POLL_NO_CONNECTION;
     }
     int received = receive_reply(e, c.socket.get(), answer, c.session.get());
@@ -188,10 +193,27 @@ static int judge_answer(const char* text) {
     return strcmp(text, ANSWER_LOGIN_AGAIN) == 0 ? POLL_LOGIN_AGAIN : POLL_OK;
 }
 
+/* A server that knows agents by their certificates says in the first line of its body why it does
+ * not let this one in. The rest of the world's answers are not for the log: so not more than a line
+ * of text. */
+static void log_why_not(const service_reply& answer) {
+    char line[101] = "";
+    const char* body = answer.content_length > 0 ? answer.text.get() + answer.header_size : line;
+    size_t length = 0;
+    for (; length < sizeof line - 1 && body[length] >= ' ' && body[length] <= '~'; length++) {
+        line[length] = body[length];
+    }
+    line[length] = '\0';
+    leveledadd2log(0, "ERROR: make_poll: The server began no session: \"%s\"", line);
+}
+
 /* Takes the session id of a first poll's reply. Returns a result code. */
 static int log_in(const service_reply& answer) {
     heap_text id(get_header_value(answer.text.get(), answer.header_size, "Vnd-SessionID:"));
     if (!id) {
+        if (cert_file != nullptr) {
+            log_why_not(answer);
+        }
         return POLL_INTERNAL_ERROR;
     }
     int code = judge_answer(id.get());
@@ -233,6 +255,9 @@ int make_poll(const char* bdatasend, unsigned long sendsize, char** strresp, siz
     r.length = bdatasend != nullptr ? sendsize : 0;
     service_reply answer;
     int code = exchange(r, answer);
+    if (code != POLL_OK && cert_file != nullptr) {
+        log_refusal(cert_file);
+    }
     if (code == POLL_OK && szSessionID == nullptr) {
         code = log_in(answer);
     }

@@ -8,7 +8,8 @@
  *
  * Without CAFILE the server is neither authenticated (no certificate is verified) nor named in the
  * handshake: TLS keeps passive listeners out, not somebody who can take the server's place on the
- * way. With it both is done (sslutiles_verify.h), and nothing is sent to a server that fails. */
+ * way. With it both is done (sslutiles_verify.h), and nothing is sent to a server that fails. With
+ * CERTFILE and KEYFILE the agent shows a certificate of its own (sslutiles_context.h). */
 #ifndef VINDRAL_SSLUTILES_POLL_H
 #define VINDRAL_SSLUTILES_POLL_H
 
@@ -21,8 +22,8 @@ enum poll_result {
     POLL_OK = 1,             /* success */
     POLL_NO_CONNECTION = 2,  /* connecting, sending or receiving failed */
     POLL_LOGIN_AGAIN = 3,    /* the server wants a new login */
-    POLL_INTERNAL_ERROR = 4, /* TLS set-up or handshake, with the verification of the server, a
-                              * first poll without a session id, no memory */
+    POLL_INTERNAL_ERROR = 4, /* TLS set-up with its files, handshake, with the verification of the
+                              * server, a first poll without a session id, no memory */
 };
 
 extern char* alt_version; /* nothing in the agent sets it: "3.0" goes out */

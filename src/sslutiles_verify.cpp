@@ -5,107 +5,11 @@
 #include "vindral_log.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
-#include <sys/stat.h>
 
-#define CANNOT_USE "ERROR: make_poll: Cannot use CAFILE \"%s\": "
 #define CANNOT_VERIFY "ERROR: make_poll: Cannot verify the server \"%s\" with CAFILE \"%s\": "
-
-namespace {
-
-/* What tells one state of a file from another. */
-struct file_state {
-    dev_t device;
-    ino_t number;
-    off_t size;
-    timespec written, changed;
-};
-
-} // namespace
-
-static SSL_CTX* context = nullptr; /* made from the file in this state */
-static file_state loaded;
-
-static bool same_time(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-static bool operator==(const file_state& a, const file_state& b) {
-    return a.device == b.device && a.number == b.number && a.size == b.size &&
-           same_time(a.written, b.written) && same_time(a.changed, b.changed);
-}
-
-/* Opens the file, which is the way to learn whether that is allowed. Returns 1, or 0 with errno. */
-static int look_at(const char* ca_file, file_state* state) {
-    unique_fd file(open(ca_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat found;
-    if (!file || fstat(file.get(), &found) != 0) {
-        return 0;
-    }
-    if (!S_ISREG(found.st_mode)) {
-        errno = S_ISDIR(found.st_mode) ? EISDIR : EINVAL;
-        return 0;
-    }
-    *state = {found.st_dev, found.st_ino, found.st_size, found.st_mtim, found.st_ctim};
-    return 1;
-}
-
-static void forget() {
-    if (context != nullptr) {
-        lib_SSL_CTX_free(context);
-        context = nullptr;
-    }
-}
-
-/* Logs the library's first reason, or `otherwise` when it has none to give. */
-static void log_reason(const char* ca_file, const char* otherwise) {
-    char text[256];
-    unsigned long error = lib_ERR_get_error();
-    leveledadd2log(0, CANNOT_USE "%s", ca_file,
-                   error != 0 ? lib_ERR_error_string(error, text) : otherwise);
-}
-
-static int load(const char* ca_file) {
-    context = lib_SSL_CTX_new_private(lib_SSLv23_client_method());
-    if (context == nullptr) {
-        log_reason(ca_file, "no memory");
-        return 0;
-    }
-    if (lib_SSL_CTX_load_verify_locations(context, ca_file, nullptr) != 1) {
-        log_reason(ca_file, "no certificate in it");
-        forget();
-        return 0;
-    }
-    lib_SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    leveledadd2log(0, "INFO: make_poll: CAFILE \"%s\" was read: the server is verified.", ca_file);
-    return 1;
-}
-
-SSL_CTX* verifying_context(const char* ca_file) {
-    if (ssl_missing_to_verify != nullptr) {
-        leveledadd2log(0, CANNOT_USE "the TLS library has no %s", ca_file, ssl_missing_to_verify);
-        return nullptr;
-    }
-    file_state now;
-    if (!look_at(ca_file, &now)) {
-        leveledadd2log(0, CANNOT_USE "%s", ca_file, strerror(errno));
-        forget();
-        return nullptr;
-    }
-    if (context != nullptr && now == loaded) {
-        return context;
-    }
-    forget();
-    if (!load(ca_file)) {
-        return nullptr;
-    }
-    loaded = now; /* older than what was read, at worst: then the next poll reads again */
-    return context;
-}
 
 static bool is_address(const char* host) {
     in6_addr address; /* room for either */

@@ -3,6 +3,7 @@
 
 #include "fork_gate.h"
 #include "libsslloader.h"
+#include "sslutiles_context.h"
 #include "thread_start.h"
 
 #include <csignal>
@@ -98,6 +99,7 @@ int main(int argc, char** argv) {
         leveledadd2log(-1, "SSL connection initialization failed.");
         return 0;
     }
+    check_certificate(cert_file, key_file);
     if (!start_checkers() || !start_worker(shutdown_signals)) {
         return 0;
     }

@@ -21,6 +21,7 @@ char* agent_name = nullptr;
 char* szVersion = nullptr;
 char *alt_server = nullptr, *alt_url = nullptr, *alt_port = nullptr;
 char* ca_file = nullptr;
+char *cert_file = nullptr, *key_file = nullptr;
 char *api_server = nullptr, *api_url = nullptr, *api_port = nullptr;
 char *api_key = nullptr, *secret_key = nullptr;
 char *data_server = nullptr, *data_url = nullptr, *data_port = nullptr;
@@ -39,7 +40,8 @@ static const text_setting text_settings[] = {
     {"PIDFILE", &lock_file, false},      {"USEREMAIL", &user_email, false},
     {"AGENTNAME", &agent_name, false},   {"APIKEY", &api_key, false},
     {"SECRETKEY", &secret_key, false},   {"VERSION", &szVersion, true},
-    {"CAFILE", &ca_file, false},
+    {"CAFILE", &ca_file, false},         {"CERTFILE", &cert_file, false},
+    {"KEYFILE", &key_file, false},
 };
 
 struct url_setting {
@@ -179,10 +181,13 @@ static bool is_key_character(char c) {
     return isalnum(static_cast<unsigned char>(c)) != 0;
 }
 
-/* Whoever writes the key wants the server verified: a file that got lost on the way to the line,
- * such as an empty variable of a template, must stop the polls and not let any server in. */
+/* Whoever writes one of these keys wants the server verified, or the agent known by its
+ * certificate: a file that got lost on the way to the line, such as an empty variable of a
+ * template, must stop the polls and not let any server in, nor anybody's agent pass for this one.
+ */
 static bool counts_without_value(const char* key) {
-    return strcmp(key, "CAFILE") == 0;
+    return strcmp(key, "CAFILE") == 0 || strcmp(key, "CERTFILE") == 0 ||
+           strcmp(key, "KEYFILE") == 0;
 }
 
 /* Acts on one line, and writes into it. Text behind a NUL does not count. */
@@ -258,6 +263,10 @@ static void log_settings() {
                    or_na(lock_file), or_na(agent_home), or_na(api_key), or_na(secret_key));
     if (ca_file != nullptr) {
         leveledadd2log(1, "\t     CA File:\t%s\n", ca_file);
+    }
+    if (cert_file != nullptr || key_file != nullptr) {
+        leveledadd2log(1, "\t   Cert File:\t%s\n\t    Key File:\t%s\n", or_na(cert_file),
+                       or_na(key_file));
     }
 }
 

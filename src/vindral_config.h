@@ -18,6 +18,8 @@ extern char* szVersion;                       /* only shown; the server is told 
 extern char *alt_server, *alt_url, *alt_port; /* collection server; alt_url is a path */
 extern char* ca_file; /* PEM bundle that the server is verified with; null: it is not verified;
                        * empty, from a key without a value: no poll works */
+extern char *cert_file, *key_file; /* PEM, the agent's own certificate and its key; null: it shows
+                                    * none; empty, or only one of them: no poll works */
 extern char *api_server, *api_url, *api_port; /* custom-monitor API */
 extern char *api_key, *secret_key;
 extern char *data_server, *data_url, *data_port; /* data API */

@@ -26,6 +26,8 @@
 
 const char* const BUILD_DATE = "Oct 19 2011 23:04:05";
 pthread_t main_worker_thread_handle = 0;
+static char certificate_path[] = "own.pem", key_path[] = "key.pem";
+char *cert_file = certificate_path, *key_file = key_path;
 
 static std::mutex calls_mutex;
 static std::string calls;      /* one a line, and "LEVEL text" for what is logged */
@@ -82,6 +84,9 @@ void raise_descriptor_limit() {
 int init_ssl_variables() {
     return record("init_ssl_variables");
 }
+void check_certificate(const char* certificate, const char* key) {
+    record(std::string("check_certificate ") + certificate + " " + key);
+}
 int start_checkers() {
     return record("start_checkers");
 }
@@ -124,7 +129,8 @@ namespace {
 const std::string TO_CHECKERS =
     "prepare_signals\nprocess_arguments 2 -x\nreadConfig\nset_agent_env /sbin/agent\n"
     "daemon_init\ninit_log_file\ninstall_signal_handlers\n"
-    "raise_descriptor_limit\ninit_ssl_variables\nstart_checkers\n";
+    "raise_descriptor_limit\ninit_ssl_variables\ncheck_certificate own.pem "
+    "key.pem\nstart_checkers\n";
 
 std::string banner() {
     const std::string stars = "\n\n\t\t\t\t" + std::string(51, '*');

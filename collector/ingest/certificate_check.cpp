@@ -67,7 +67,7 @@ int certificate_check::look(X509* certificate, agent_proof& says, std::string& r
             reason = X509_V_ERR_CERT_REVOKED;
         }
     } else if (reason == X509_V_ERR_CERT_HAS_EXPIRED || reason == X509_V_ERR_CERT_NOT_YET_VALID) {
-        /* Signed by us or not, it is for the operator to know which host has to enrol anew. */
+        /* The signature is good: for the operator to know which host has to enrol anew. */
         auto read = by_.read(certificate);
         says = read ? *read : agent_proof();
         proof = read ? &says : nullptr;

@@ -7,9 +7,11 @@ import os
 import shutil
 import signal
 import subprocess
+import time
 import urllib.parse
 
 import harness
+import records
 import stored
 from asking import Asked
 from peers import openssl
@@ -299,6 +301,27 @@ class Decisions(IdentityTest):
         self.wait_more()
         self.assertEqual(self.collector.errors().count("login refused"), 1)
         self.check_nothing_lost(agent)
+
+    def test_asked_for_the_first_time(self):
+        """Who reported while nobody was asked goes on; the announcement says what a new one needs."""
+        self.start_collector("any")
+        session = self.client().session(ACCOUNT, "earlier")
+        result = records.encode_load(records.Load(1, 1, int(time.time()), (9.0, 1.0, 1.5), "fine\n", 0))
+        self.assertEqual(self.client().poll(session, result).status, "HTTP/1.0 200 OK")
+        self.assertNotIn("vindralctl", self.collector.errors())
+        self.collector.stop()
+        self.collector.options[1] = "known"
+        self.collector.start()
+        self.collector.wait_errors("1 agents that the store knew are admitted")
+        self.assertIn("Then it waits until it is admitted, with\n  vindralctl agents admit NAME\n", self.collector.errors())
+        self.assertIn("Vnd-SessionID", self.client().login(ACCOUNT, "earlier").headers)
+        self.assertNotIn("Vnd-SessionID", self.client().login(ACCOUNT, "later").headers)
+        self.collector.stop()
+        self.collector.options[1] = "proven"
+        self.collector.start()
+        self.assertIn("printed by\n  vindralctl enrol NAME\n", self.collector.errors())
+        self.assertEqual(self.collector.errors().count("that the store knew"), 1)
+        self.assertEqual(self.client().login(ACCOUNT, "earlier").body, "This agent has to show its certificate.\n")
 
     def test_asks_for_a_certificate_and_is_admitted(self):
         self.start_collector()

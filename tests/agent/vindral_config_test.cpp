@@ -22,9 +22,9 @@
 namespace fs = std::filesystem;
 
 static char** const owned_settings[] = {
-    &log_file,   &lock_file,  &agent_home,  &user_email, &agent_name, &szVersion,
-    &alt_server, &alt_url,    &alt_port,    &api_server, &api_url,    &api_port,
-    &api_key,    &secret_key, &data_server, &data_url,   &data_port,  &ca_file};
+    &log_file,    &lock_file, &agent_home, &user_email, &agent_name, &szVersion, &alt_server,
+    &alt_url,     &alt_port,  &api_server, &api_url,    &api_port,   &api_key,   &secret_key,
+    &data_server, &data_url,  &data_port,  &ca_file,    &cert_file,  &key_file};
 
 static const char USAGE[] =
     "\nUsage: vindral  [-C configuration file] [-L log file] [ -l lock file] "
@@ -499,6 +499,35 @@ TEST_F(settings, a_bundle_without_a_name_is_a_bundle_that_cannot_be_read) {
         ca_file = nullptr;
         EXPECT_EQ(read(COMPLETE + std::string(line)), 1);
         EXPECT_STREQ(ca_file, "") << line;
+    }
+}
+
+TEST_F(settings, a_certificate_and_its_key_are_logged_where_there_is_one) {
+    EXPECT_EQ(read(std::string(COMPLETE) + "LOGLEVEL 2\nCERTFILE /etc/a b.pem \r\nKEYFILE\t/k\n"
+                                           "CERTFILE x\nKEYFILE\n"),
+              1);
+    EXPECT_EQ(text_of(cert_file), "/etc/a b.pem");
+    EXPECT_EQ(text_of(key_file), "/k");
+    EXPECT_EQ(ca_file, nullptr);
+    std::string lines = "\t   Cert File:\t/etc/a b.pem\n\t    Key File:\t/k\n\n";
+    EXPECT_EQ(printed.substr(printed.size() - lines.size()), lines);
+    free(key_file);
+    key_file = nullptr;
+    EXPECT_EQ(read(""), 1);
+    lines = "\t   Cert File:\t/etc/a b.pem\n\t    Key File:\tN/A\n\n";
+    EXPECT_EQ(printed.substr(printed.size() - lines.size()), lines);
+}
+
+TEST_F(settings, a_certificate_or_key_without_a_name_is_one_that_cannot_be_read) {
+    for (const char* end : {"", " \n", "\t\r\n"}) {
+        free(cert_file);
+        free(key_file);
+        cert_file = key_file = nullptr;
+        EXPECT_EQ(read(COMPLETE + std::string("CERTFILE") + end), 1);
+        EXPECT_STREQ(cert_file, "");
+        EXPECT_EQ(key_file, nullptr);
+        EXPECT_EQ(read(std::string("KEYFILE") + end), 1);
+        EXPECT_STREQ(key_file, "");
     }
 }
 

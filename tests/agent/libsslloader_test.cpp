@@ -288,6 +288,27 @@ TEST_F(libsslloader, does_not_verify_with_a_release_before_1_1_0) {
     EXPECT_STREQ(ssl_missing_to_verify, "OpenSSL_version_num");
 }
 
+TEST_F(libsslloader, is_ready_without_what_a_certificate_takes_and_names_it) {
+    struct {
+        const char *stubs, *missing;
+    } cases[] = {{"ssl_old", "SSL_CTX_use_certificate_chain_file"},
+                 {"ssl_no_info_callback", "SSL_CTX_set_info_callback"},
+                 {"ssl_no_dates", "X509_get0_notBefore"},
+                 {"ssl_shows", nullptr}};
+    for (const auto& c : cases) {
+        SetUp();
+        look_into(c.stubs);
+        EXPECT_EQ(init_ssl_variables(), 1) << c.stubs;
+        EXPECT_STREQ(ssl_missing_to_show_certificate, c.missing) << c.stubs;
+        EXPECT_EQ(take_log_text(), "0 ZLIB: failed on loading libz.so, " + library_directory +
+                                       "/libz.so.1: cannot open shared object file: No such file "
+                                       "or directory\n")
+            << "nothing is said of it";
+    }
+    EXPECT_STREQ(ssl_missing_to_verify, "SSL_CTX_load_verify_locations")
+        << "one does without the other";
+}
+
 TEST_F(libsslloader, is_not_ready_without_tls_and_does_not_try_zlib) {
     look_into("zlib_second");
     EXPECT_EQ(init_ssl_variables(), 0);
@@ -353,6 +374,7 @@ TEST_F(libsslloader, makes_the_hosts_library_ready_for_use) {
     EXPECT_EQ(take_log_text(), "");
     EXPECT_EQ(isZLIBloaded, 1);
     EXPECT_EQ(ssl_missing_to_verify, nullptr);
+    EXPECT_EQ(ssl_missing_to_show_certificate, nullptr);
     for (void* pointer : bound_pointers()) {
         EXPECT_NE(pointer, nullptr);
     }

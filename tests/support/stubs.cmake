@@ -23,6 +23,10 @@ vindral_stub(ssl_no_method libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_CLIENT
 vindral_stub(ssl_no_init_crypto libssl.so ssl_stub.cpp CURRENT_RELEASE WITHOUT_INIT_CRYPTO)
 vindral_stub(ssl_no_set1_host libssl.so.3 ssl_stub.cpp CURRENT_RELEASE VERIFIES WITHOUT_SET1_HOST)
 vindral_stub(ssl_1_0_2 libssl.so.1.0.0 ssl_stub.cpp OLD_RELEASE VERIFIES)
+vindral_stub(ssl_no_info_callback libssl.so.3 ssl_stub.cpp CURRENT_RELEASE VERIFIES SHOWS
+  WITHOUT_INFO_CALLBACK)
+vindral_stub(ssl_no_dates libssl.so.1.0.0 ssl_stub.cpp OLD_RELEASE VERIFIES SHOWS WITHOUT_DATES)
+vindral_stub(ssl_shows libssl.so.3 ssl_stub.cpp CURRENT_RELEASE SHOWS)
 vindral_stub(ssl_needs_another libssl.so.3 ssl_stub.cpp CURRENT_RELEASE)
 vindral_stub(zlib_second libz.so.1 zlib_stub.cpp)
 vindral_stub(zlib_incomplete libz.so zlib_stub.cpp WITHOUT_UNCOMPRESS)

@@ -116,3 +116,20 @@ EXPORTED(X509_VERIFY_PARAM_set1_host)
 EXPORTED(X509_VERIFY_PARAM_set1_ip_asc)
 EXPORTED(X509_verify_cert_error_string)
 #endif
+
+/* From 1.1.0 on. */
+#ifdef SHOWS
+EXPORTED(SSL_CTX_use_certificate_chain_file)
+EXPORTED(SSL_CTX_use_PrivateKey_file)
+EXPORTED(SSL_CTX_check_private_key)
+EXPORTED(SSL_CTX_set_default_passwd_cb)
+#ifndef WITHOUT_INFO_CALLBACK
+EXPORTED(SSL_CTX_set_info_callback)
+#endif
+EXPORTED(SSL_CTX_get0_certificate)
+#ifndef WITHOUT_DATES
+EXPORTED(X509_get0_notBefore)
+EXPORTED(X509_get0_notAfter)
+#endif
+EXPORTED(X509_cmp_current_time)
+#endif

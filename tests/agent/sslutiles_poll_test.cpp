@@ -1,3 +1,4 @@
+#include "certificates.h"
 #include "eventually.h"
 #include "fake_core.h"
 #include "tls_peer.h"
@@ -6,6 +7,8 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -95,7 +98,7 @@ protected:
     void TearDown() override {
         log_out();
         user_email = agent_name = alt_server = alt_port = alt_url = alt_version = nullptr;
-        ca_file = nullptr;
+        ca_file = cert_file = key_file = nullptr;
         isZLIBloaded = 1;
         lib_compress2 = compress2_;
         lib_adler32 = adler32_;
@@ -538,6 +541,341 @@ TEST_F(poll_exchange, the_log_of_a_poll) {
         EXPECT_EQ(expected[i].level, log[i].level);
         EXPECT_EQ(expected[i].text, log[i].text);
     }
+}
+
+/* --- a certificate of the agent's own -------------------------------------------------------- */
+
+namespace {
+
+/* Asks clients for a certificate, and takes any of which `error` says X509_V_OK. */
+struct asking_server {
+    explicit asking_server(int version,
+                           int mode = SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT) {
+        SSL_CTX_use_certificate(context, certificate.get());
+        SSL_CTX_use_PrivateKey(context, key.get());
+        SSL_CTX_set_max_proto_version(context, version);
+        SSL_CTX_set_verify(context, mode, nullptr);
+        SSL_CTX_set_cert_verify_callback(context, judge, this);
+    }
+    ~asking_server() { SSL_CTX_free(context); }
+    asking_server(const asking_server&) = delete;
+    asking_server& operator=(const asking_server&) = delete;
+
+    /* On the server's thread. */
+    static int judge(X509_STORE_CTX* chain, void* arg) {
+        auto* self = static_cast<asking_server*>(arg);
+        char name[100] = "";
+        X509_NAME_get_text_by_NID(X509_get_subject_name(X509_STORE_CTX_get0_cert(chain)),
+                                  NID_commonName, name, sizeof name);
+        self->shown += name + " "s;
+        X509_STORE_CTX_set_error(chain, self->error);
+        return self->error == X509_V_OK;
+    }
+
+    key_handle key = new_key();
+    certificate_handle certificate = certify(key.get(), {"server", "IP:127.0.0.1"});
+    SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+    int error = X509_V_OK;
+    std::string shown; /* names of the certificates, a space behind each; read when all is played */
+};
+
+} // namespace
+
+static const int VERSIONS[] = {TLS1_2_VERSION, TLS1_3_VERSION};
+
+static tls_peer::conversation answer_with(const std::string& response) {
+    return {peer::take_request(), peer::send(response), peer::take_rest()};
+}
+
+class poll_with_certificate : public poll_exchange {
+protected:
+    void SetUp() override {
+        poll_exchange::SetUp();
+        char pattern[] = "/tmp/sslutiles_poll_test.XXXXXX";
+        directory = mkdtemp(pattern);
+        own = directory + "/agent.pem";
+        put(make_pair({"agent"}));
+        cert_file = key_file = own.data();
+    }
+    void TearDown() override {
+        std::filesystem::remove_all(directory);
+        poll_exchange::TearDown();
+    }
+
+    static void put(const std::string& file, const std::string& text) {
+        std::ofstream(file + ".new") << text;
+        std::filesystem::rename(file + ".new", file);
+    }
+    void put(const pem_pair& pair) const { put(own, pair.key + pair.certificate); }
+
+    std::string was_read() const {
+        return "0 INFO: make_poll: CERTFILE \"" + own +
+               "\" was read: a server that asks is shown this certificate.\n";
+    }
+    std::string refused(const std::string& reason) const {
+        return "0 ERROR: make_poll: The server refused the certificate in CERTFILE \"" + own +
+               "\": " + reason + ".\n";
+    }
+
+    /* Polls that server within a session, which stays whatever comes of it; the log is returned. */
+    static std::string poll_within_session(asking_server& asking, int code,
+                                           const std::string& data = "results") {
+        tls_peer server(tls_peer::tls, {answer_with(with_body("ok"))}, asking.context);
+        log_in_as("s1");
+        take_log();
+        EXPECT_EQ(poll_server(server.port(), data).code, code);
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(session(), "s1");
+        return take_log_text();
+    }
+
+    std::string directory, own;
+};
+
+static const char REFUSED[] = "The server refused";
+
+static bool has_errors(const std::string& log) {
+    return ("\n" + log).find("\n0 ") != std::string::npos;
+}
+
+TEST_F(poll_with_certificate, it_is_shown_in_each_handshake_to_a_server_that_asks) {
+    for (int version : VERSIONS) {
+        asking_server asking(version);
+        tls_peer server(tls_peer::tls,
+                        {answer_with(first_answer("s1", "a")), answer_with(with_body("b"))},
+                        asking.context);
+        put(make_pair({"agent"}));
+        log_out();
+        take_log();
+        EXPECT_OUTCOME(1, "a", 1, poll_server(server.port()));
+        std::string log = take_log_text();
+        EXPECT_NE(log.find(was_read()), std::string::npos) << log;
+        EXPECT_OUTCOME(1, "b", 1, poll_server(server.port(), "results"));
+        EXPECT_FALSE(has_errors(take_log_text()));
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(asking.shown, "agent agent ");
+        EXPECT_EQ(server.naming_clients(), 0);
+        EXPECT_EQ(server.clean_client_ends(), 2);
+        EXPECT_NE(server.request(0).find("\r\nVnd-AName: the agent\r\n"), std::string::npos);
+        EXPECT_NE(server.request(1).find("\r\nVnd-SessionID: s1\r\n"), std::string::npos);
+    }
+}
+
+TEST_F(poll_with_certificate, a_server_that_does_not_ask_sees_what_it_always_saw) {
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
+    const std::string with = request_;
+    log_out();
+    cert_file = key_file = nullptr;
+    EXPECT_OUTCOME(1, "b", 1, answered(first_answer("s1", "b")));
+    EXPECT_EQ(with, request_);
+}
+
+TEST_F(poll_with_certificate, a_renewal_counts_from_the_next_poll_on) {
+    asking_server asking(TLS1_3_VERSION);
+    poll_within_session(asking, 1);
+    put(make_pair({"renewed"}));
+    std::string log = poll_within_session(asking, 1);
+    EXPECT_NE(log.find(was_read()), std::string::npos) << log;
+    EXPECT_EQ(asking.shown, "agent renewed ");
+}
+
+TEST_F(poll_with_certificate, files_that_will_not_do_keep_session_and_block) {
+    char missing[] = "/nonexistent/agent.pem", no_name[] = "";
+    put(directory + "/other.pem", make_pair({"other"}).key);
+    std::string other = directory + "/other.pem";
+    struct {
+        char *certificate, *key;
+        std::string logged;
+    } cases[] = {
+        {missing, own.data(),
+         "Cannot use CERTFILE \"/nonexistent/agent.pem\": No such file or directory\n"},
+        {own.data(), missing,
+         "Cannot use KEYFILE \"/nonexistent/agent.pem\": No such file or directory\n"},
+        {no_name, own.data(), "Cannot use CERTFILE \"\": No such file or directory\n"},
+        {own.data(), nullptr, "Cannot use CERTFILE \"" + own + "\": there is no KEYFILE with it\n"},
+        {nullptr, own.data(), "Cannot use KEYFILE \"" + own + "\": there is no CERTFILE with it\n"},
+        {own.data(), other.data(),
+         "Cannot use KEYFILE \"" + other +
+             "\": it is not the key of the certificate in CERTFILE \"" + own + "\"\n"},
+    };
+    asking_server asking(TLS1_3_VERSION, SSL_VERIFY_PEER);
+    for (const auto& c : cases) {
+        tls_peer server(tls_peer::tls, {answer_with(with_body("ok")), answer_with(with_body("ok"))},
+                        asking.context);
+        log_in_as("s1");
+        isZLIBloaded = 0;
+        cert_file = c.certificate;
+        key_file = c.key;
+        asking.shown.clear();
+        take_log();
+        EXPECT_OUTCOME(4, "-", 0, poll_server(server.port(), "results"));
+        std::string log = take_log_text();
+        EXPECT_TRUE(log.ends_with("\n0 ERROR: make_poll: " + c.logged)) << log;
+        EXPECT_EQ(session(), "s1");
+        cert_file = key_file = own.data();
+        EXPECT_OUTCOME(1, "ok", 2, poll_server(server.port(), "results"));
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(server.request(0), "") << "nothing goes out without the certificate";
+        EXPECT_EQ(server.request(1), later_head("s1", 7, 0, 0) + "results");
+        EXPECT_EQ(asking.shown, "agent ");
+    }
+}
+
+TEST_F(poll_with_certificate, a_server_s_alert_is_told_and_the_block_kept) {
+    struct {
+        int error;
+        const char* reason;
+    } cases[] = {
+        {X509_V_ERR_CERT_HAS_EXPIRED, "it has expired (alert certificate_expired)"},
+        {X509_V_ERR_CERT_REVOKED, "it has been revoked (alert certificate_revoked)"},
+        {X509_V_ERR_CERT_NOT_YET_VALID, "it is not valid yet, or damaged (alert bad_certificate)"},
+        {X509_V_ERR_INVALID_PURPOSE, "it is not one for clients (alert unsupported_certificate)"},
+        {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY,
+         "it does not accept the authority that signed it (alert unknown_ca)"},
+        {X509_V_ERR_CERT_SIGNATURE_FAILURE,
+         "a signature is wrong: another authority of the same name may have signed it (alert "
+         "decrypt_error)"},
+        {X509_V_ERR_NO_EXPLICIT_POLICY,
+         "for a reason that it does not tell (alert certificate_unknown)"},
+    };
+    for (int version : VERSIONS) {
+        for (const auto& c : cases) {
+            asking_server asking(version);
+            asking.error = c.error;
+            std::string log = poll_within_session(asking, version == TLS1_2_VERSION ? 4 : 2);
+            EXPECT_TRUE(log.ends_with(refused(c.reason))) << c.error << "\n" << log;
+            EXPECT_EQ(log.find(REFUSED), log.rfind(REFUSED));
+            EXPECT_EQ(asking.shown, "agent ");
+        }
+    }
+}
+
+TEST_F(poll_with_certificate, a_server_may_want_another_kind) {
+    asking_server asking(TLS1_3_VERSION);
+    SSL_CTX_set1_client_sigalgs_list(asking.context, "RSA-PSS+SHA256");
+    std::string log = poll_within_session(asking, 2);
+    EXPECT_TRUE(log.ends_with(refused("it wants one of another kind (alert certificate_required)")))
+        << log;
+    EXPECT_EQ(asking.shown, "");
+}
+
+/* The server's word comes while much is on its way to it. */
+TEST_F(poll_with_certificate, a_refusal_is_told_also_when_sending_fails) {
+    asking_server asking(TLS1_3_VERSION);
+    asking.error = X509_V_ERR_CERT_REVOKED;
+    isZLIBloaded = 0;
+    std::string log = poll_within_session(asking, 2, std::string(30000000, 'x'));
+    EXPECT_NE(log.find("\n5 INFO: make_poll: send_request: 0\n"), std::string::npos) << log;
+    EXPECT_TRUE(log.ends_with(refused("it has been revoked (alert certificate_revoked)"))) << log;
+}
+
+TEST_F(poll_with_certificate, other_failures_are_not_taken_for_a_refusal) {
+    for (int version : VERSIONS) {
+        asking_server asking(version);
+        asking.error = X509_V_ERR_APPLICATION_VERIFICATION; /* alert handshake_failure */
+        std::string log = poll_within_session(asking, version == TLS1_2_VERSION ? 4 : 2);
+        if (version == TLS1_2_VERSION) {
+            EXPECT_NE(log.find("alert handshake failure"), std::string::npos) << log;
+        }
+        EXPECT_EQ(log.find(REFUSED), std::string::npos) << log;
+
+        asking.error = X509_V_ERR_CERT_REVOKED;
+        log = poll_within_session(asking, version == TLS1_2_VERSION ? 4 : 2);
+        EXPECT_NE(log.find(REFUSED), std::string::npos) << log;
+        EXPECT_EQ(2, poll_server(closed_port().c_str()).code);
+        tls_peer no_tls(tls_peer::tcp, {{peer::end_dirty()}});
+        EXPECT_EQ(4, poll_server(no_tls.port()).code);
+        EXPECT_EQ(take_log_text().find(REFUSED), std::string::npos) << "that was another poll's";
+    }
+}
+
+TEST_F(poll_with_certificate, only_a_server_that_was_verified_is_shown_it) {
+    std::string bundle = directory + "/ca.pem";
+    for (int version : VERSIONS) {
+        asking_server asking(version);
+        put(bundle, make_pair({"another"}).certificate);
+        ca_file = bundle.data();
+        std::string log = poll_within_session(asking, 4);
+        EXPECT_TRUE(log.find("Cannot verify the server \"127.0.0.1\"") != std::string::npos) << log;
+        EXPECT_EQ(log.find(REFUSED), std::string::npos) << log;
+        EXPECT_EQ(asking.shown, "");
+
+        put(bundle, pem_of(asking.certificate.get()));
+        log = poll_within_session(asking, 1);
+        EXPECT_NE(log.find("0 INFO: make_poll: CAFILE \"" + bundle +
+                           "\" was read: the server is verified.\n" + was_read()),
+                  std::string::npos)
+            << log;
+        EXPECT_EQ(asking.shown, "agent ");
+        ca_file = nullptr;
+    }
+}
+
+TEST_F(poll_with_certificate, why_no_session_was_begun_is_told_in_a_line) {
+    auto told = [&](const std::string& response) {
+        log_out();
+        take_log();
+        EXPECT_OUTCOME(4, "-", 0, answered_and_ended(response));
+        EXPECT_EQ(session(), "-");
+        std::string log = take_log_text();
+        const std::string line = "0 ERROR: make_poll: The server began no session: \"";
+        size_t at = log.find(line);
+        EXPECT_TRUE(at != std::string::npos && log.ends_with("\"\n")) << log;
+        EXPECT_EQ(at, log.rfind(line));
+        return at != std::string::npos ? log.substr(at + line.size()) : log;
+    };
+    EXPECT_EQ(told("HTTP/1.0 403 Forbidden\r\nContent-Length: 32\r\n\r\n"
+                   "This agent is not admitted yet.\n"),
+              "This agent is not admitted yet.\"\n");
+    EXPECT_EQ(told(with_body("not allowed")), "not allowed\"\n");
+    EXPECT_EQ(told(with_body("one\nanother")), "one\"\n");
+    EXPECT_EQ(told(with_body("a\x1b[31mb")), "a\"\n");
+    EXPECT_EQ(told(with_body("a\xff")), "a\"\n");
+    EXPECT_EQ(told(with_body("a\0b"s)), "a\"\n");
+    EXPECT_EQ(told(with_body("%s%n")), "%s%n\"\n");
+    EXPECT_EQ(told(with_body(std::string(100, 'x'))), std::string(100, 'x') + "\"\n");
+    EXPECT_EQ(told(with_body(std::string(5000, 'x'))), std::string(100, 'x') + "\"\n");
+    EXPECT_EQ(told(with_body("\r\n")), "\"\n");
+    EXPECT_EQ(told(with_body("")), "\"\n");
+    EXPECT_EQ(told("HTTP/1.0 403 Forbidden\r\nContent-Length: 9\r\n\r\n"), "\"\n");
+    EXPECT_EQ(told("no HTTP at all"), "\"\n");
+    EXPECT_EQ(told("HTTP/1.0 403 Forbidden\r\n\r\ntext"), "\"\n") << "of no known length";
+}
+
+TEST_F(poll_with_certificate, later_polls_and_logins_that_are_answered_tell_nothing) {
+    EXPECT_OUTCOME(0, "-", 0, answered(first_answer("666666", "body")));
+    EXPECT_OUTCOME(3, "-", 0, answered(first_answer("111111", "body")));
+    log_in_as("s1");
+    EXPECT_OUTCOME(1, "body", 4, answered(with_body("body")));
+    EXPECT_OUTCOME(3, "-", 0, answered(with_body("111111")));
+    EXPECT_EQ(take_log_text().find("began no session"), std::string::npos);
+}
+
+TEST_F(poll_with_certificate, without_one_nothing_of_it_is_called_or_logged) {
+    cert_file = key_file = nullptr;
+    auto new_private = std::exchange(lib_SSL_CTX_new_private, nullptr);
+    auto use_certificate = std::exchange(lib_SSL_CTX_use_certificate_chain_file, nullptr);
+    auto use_key = std::exchange(lib_SSL_CTX_use_PrivateKey_file, nullptr);
+    auto get_certificate = std::exchange(lib_SSL_CTX_get0_certificate, nullptr);
+    auto set_callback = std::exchange(lib_SSL_CTX_set_info_callback, nullptr);
+    ssl_missing_to_show_certificate = "SSL_CTX_check_private_key";
+    for (int version : VERSIONS) {
+        asking_server asking(version, SSL_VERIFY_PEER);
+        EXPECT_FALSE(has_errors(poll_within_session(asking, 1)));
+        EXPECT_EQ(asking.shown, "");
+        asking_server demanding(version);
+        std::string log = poll_within_session(demanding, version == TLS1_2_VERSION ? 4 : 2);
+        EXPECT_EQ(log.find("CERTFILE"), std::string::npos) << log;
+    }
+    log_out();
+    EXPECT_OUTCOME(4, "-", 0, answered(with_body("This agent has to show its certificate.\n")));
+    EXPECT_EQ(take_log_text().find("began no session"), std::string::npos);
+    ssl_missing_to_show_certificate = nullptr;
+    lib_SSL_CTX_new_private = new_private;
+    lib_SSL_CTX_use_certificate_chain_file = use_certificate;
+    lib_SSL_CTX_use_PrivateKey_file = use_key;
+    lib_SSL_CTX_get0_certificate = get_certificate;
+    lib_SSL_CTX_set_info_callback = set_callback;
 }
 
 /* --- failures -------------------------------------------------------------------------------- */

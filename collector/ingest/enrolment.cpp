@@ -1,5 +1,6 @@
 #include "ingest/enrolment.h"
 
+#include "base/files.h"
 #include "base/text.h"
 #include "ingest/short_of_memory.h"
 
@@ -143,8 +144,8 @@ enrolment::outcome enrolment::decide(known_agents& known, const asked& what) {
 awaitable<enrolment::outcome> enrolment::elsewhere(std::shared_ptr<const asked> what) {
     auto work = [this, what](auto handler) {
         auto held = std::make_shared<decltype(handler)>(std::move(handler));
-        asio::post(worker_, [this, what, held, guard = asio::make_work_guard(context_)] {
-            auto is = std::make_shared<outcome>();
+        auto is = std::make_shared<outcome>(); /* that thread has nobody to tell that it cannot */
+        asio::post(worker_, [this, what, held, is, guard = asio::make_work_guard(context_)] {
             std::exception_ptr thrown;
             try {
                 *is = decide(known_, *what);
@@ -185,11 +186,11 @@ void enrolment::keep_promotion(agent_proof shown) {
             known_.keep_promotion(shown, error);
             return error;
         },
-        [this, shown] { not_kept_.push_back(shown); });
+        [this, shown] { not_kept_.insert_or_assign(shown.who, shown); });
 }
 
 void enrolment::refresh(std::function<std::string()> more) {
-    for (const agent_proof& shown : std::exchange(not_kept_, {})) {
+    for (const auto& [who, shown] : std::exchange(not_kept_, {})) {
         keep_promotion(shown);
     }
     do_elsewhere(
@@ -210,12 +211,8 @@ awaitable<void> enrolment::answer_authority(exchange& x, std::shared_ptr<agents_
         co_await x.answer("404 Not Found", "", "This server does not know its authority.\n");
         co_return;
     }
-    std::string signing;
-    for (unsigned char byte : by->authority().signing()) {
-        constexpr char digits[] = "0123456789abcdef";
-        signing += digits[byte >> 4];
-        signing += digits[byte & 15];
-    }
+    const protocol::sha256& hash = by->authority().signing();
+    const std::string signing = hex({reinterpret_cast<const char*>(hash.data()), hash.size()});
     bool arrived = co_await x.answer_with("200 OK", protocol::authority_header, signing, text);
     if (arrived && x.proof) {
         do_elsewhere(

@@ -20,10 +20,10 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 class enrolment {
 public:
@@ -69,8 +69,8 @@ private:
     known_agents& known_;
     rate_limit asked_{strangers_a_minute}, wrong_tokens_{wrong_tokens_a_minute};
     size_t waiting_ = 0, strangers_ = 0;
-    std::unordered_map<uint64_t, size_t> strangers_of_; /* by address */
-    std::vector<agent_proof> not_kept_;                 /* promotions */
+    std::unordered_map<uint64_t, size_t> strangers_of_;                 /* by address */
+    std::map<protocol::agent_identity, agent_proof, by_name> not_kept_; /* the last promotions */
 };
 
 #endif

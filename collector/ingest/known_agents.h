@@ -70,7 +70,7 @@ public:
     known_agents& operator=(const known_agents&) = delete;
 
     /* Reads what is kept when somebody else has changed it, and at first: to be called at the start
-     * and every second or so. What cannot be read stays as it was. */
+     * and every few seconds. What cannot be read stays as it was. */
     bool refresh(std::string& error);
     agents_mode mode() const;
 

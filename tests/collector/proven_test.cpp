@@ -1,4 +1,5 @@
 /* Agents that prove who they are: in the handshake, at the login, in each poll. */
+#include "decisions_in_memory.h"
 #include "proving.h"
 
 using namespace std::chrono_literals;
@@ -289,6 +290,66 @@ TEST_F(proving_server, a_later_generation_ends_the_earlier_when_it_is_used) {
     std::string error;
     kept_->for_each_identity([&](const stored_identity& i) { good_from = i.good_from; }, error);
     EXPECT_EQ(good_from, 2u);
+}
+
+namespace {
+/* A settings.db that nothing can be written into any more. */
+struct unwritable_settings : decisions_in_memory {
+    std::atomic<int> asked = 0;
+    std::atomic<bool> is_full = false;
+
+    bool change_identity(std::string_view account, std::string_view agent,
+                         const std::function<bool(stored_identity&)>& change,
+                         std::string& error) override {
+        ++asked;
+        if (is_full) {
+            error = "the disk is full";
+            return false;
+        }
+        return decisions_in_memory::change_identity(account, agent, change, error);
+    }
+    bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
+    bool drop_token(int64_t, std::string&) override { return false; }
+    bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
+        return false;
+    }
+    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
+                    std::string&) override {
+        return false;
+    }
+};
+} // namespace
+
+/* However often it has been tried: an agent's first polls with a new certificate may go on for days
+ * while the disk is full. */
+TEST_F(proving_server, what_cannot_be_kept_is_tried_again_once_a_name) {
+    auto owned = std::make_unique<unwritable_settings>();
+    unwritable_settings& full = *owned;
+    kept_ = std::move(owned);
+    start_with(agents_mode::proven);
+    shown_key web = enrolled("web-1");
+    full.is_full = true;
+    full.asked = 0;
+    std::string session = log_in_as(web, "web-1");
+    for (int tried = 1; tried <= 5; ++tried) {
+        ASSERT_TRUE(eventually([&] { return full.asked == tried; }));
+        now_ += 61;
+        EXPECT_EQ(ask_as(web, poll_text(session, "x")).text, empty_text);
+    }
+    ASSERT_TRUE(eventually([&] { return full.asked == 6; }));
+    full.asked = 0;
+    std::atomic<bool> done = false;
+    auto is_over = [&] {
+        done = true;
+        return std::string();
+    };
+    ASSERT_TRUE(on_network([&] {
+        server_->refresh_known(is_over);
+        return true;
+    }));
+    ASSERT_TRUE(eventually([&] { return done.load(); }));
+    EXPECT_EQ(full.asked, 1);
+    finish();
 }
 
 /* ---- polls ---- */

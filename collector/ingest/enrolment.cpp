@@ -231,7 +231,9 @@ bool enrolment::may_ask(const exchange& x) {
         return false;
     }
     if (x.proof) {
-        return true;
+        const protocol::agent_identity& who = x.proof->who;
+        const size_t number = std::hash<std::string>()(who.account + '\0' + who.agent);
+        return renewals_.take({false, number}, exchange::clock::now()) == 0;
     }
     auto here = strangers_of_.find(x.address_key);
     return strangers_ < most_strangers &&

@@ -5,7 +5,8 @@
  * So many may wait for it (most_waiting); beyond, and beyond their part for those who have proven
  * nothing yet, the answer is 503, upon which hosts ask again. Two hundred renewals at once wait for
  * each other. Whoever has proven nothing has a rate, by address, for asking, and a smaller one for
- * tokens that open nothing.
+ * tokens that open nothing; who has proven himself has one by his name, so that one host with a
+ * certificate fills neither the line nor the log.
  *
  * Network thread only. */
 #ifndef VINDRAL_COLLECTOR_INGEST_ENROLMENT_H
@@ -30,6 +31,8 @@ public:
     static constexpr size_t most_waiting = 1024;
     static constexpr size_t most_strangers = 256, most_strangers_of_address = 32;
     static constexpr int strangers_a_minute = 600, wrong_tokens_a_minute = 10;
+    static constexpr int renewals_a_minute = 10; /* of one agent */
+    static constexpr size_t most_renewing = 65536;
 
     /* This must outlive `context`, which destroys the exchanges that are under way, and what is
      * done on `worker`, one thread, has to be over before both go. */
@@ -68,6 +71,7 @@ private:
     exchange_room& room_;
     known_agents& known_;
     rate_limit asked_{strangers_a_minute}, wrong_tokens_{wrong_tokens_a_minute};
+    rate_limit renewals_{renewals_a_minute, most_renewing};
     size_t waiting_ = 0, strangers_ = 0;
     std::unordered_map<uint64_t, size_t> strangers_of_;                 /* by address */
     std::map<protocol::agent_identity, agent_proof, by_name> not_kept_; /* the last promotions */

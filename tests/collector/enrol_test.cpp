@@ -246,6 +246,41 @@ TEST_F(enrolling, two_hundred_renewals_at_once_all_get_one) {
     }
 }
 
+/* Nor is what others got pushed out of the log, which has a few such lines a minute. */
+TEST_F(enrolling, an_agent_that_renews_without_end_leaves_the_line_to_others) {
+    start_with(agents_mode::proven);
+    shown_key greedy = enrolled("greedy"), other = enrolled("other");
+    constexpr int count = 100;
+    std::deque<client> clients;
+    for (int i = 0; i < count; ++i) {
+        client& c = clients.emplace_back(port_);
+        c.show(greedy.certificate.get(), greedy.key.get());
+        ASSERT_TRUE(c.handshake());
+    }
+    for (client& c : clients) {
+        ASSERT_TRUE(c.send(enrol_text(request_)));
+    }
+    int renewed = 0, later = 0;
+    for (client& c : clients) {
+        int status = status_of(c.read_reply());
+        EXPECT_TRUE(status == 200 || status == 503) << status;
+        (status == 200 ? renewed : later)++;
+    }
+    EXPECT_GE(renewed, enrolment::renewals_a_minute);
+    EXPECT_GT(later, 0);
+    /* Its token does not help it. */
+    EXPECT_EQ(status_of(ask_as(greedy, enrol_text(request_, token_for("greedy")))), 503);
+    EXPECT_EQ(status_of(ask_as(other, enrol_text(request_))), 200);
+    EXPECT_EQ(status_of(ask(enrol_text(request_, token_for("new")))), 200);
+    finish();
+    std::vector<std::string> lines = log();
+    for (const char* name : {"other", "new"}) {
+        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.starts_with(std::string("certificate: ") + name + " of ");
+        }));
+    }
+}
+
 /* ---- by name ---- */
 
 TEST_F(enrolling, a_name_waits_until_its_key_is_admitted) {

@@ -142,6 +142,9 @@ static const dynlib_symbol CERTIFICATE_SYMBOLS[] = {
     BIND(X509_get0_notBefore, nullptr),
     BIND(X509_get0_notAfter, nullptr),
     BIND(X509_cmp_current_time, nullptr),
+    BIND(SSL_set_session, nullptr),
+    BIND(SSL_get1_session, nullptr),
+    BIND(SSL_SESSION_free, nullptr),
 };
 #undef BIND
 

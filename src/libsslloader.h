@@ -70,6 +70,9 @@ inline decltype(&SSL_CTX_get0_certificate) lib_SSL_CTX_get0_certificate = nullpt
 inline decltype(&X509_get0_notBefore) lib_X509_get0_notBefore = nullptr;
 inline decltype(&X509_get0_notAfter) lib_X509_get0_notAfter = nullptr;
 inline decltype(&X509_cmp_current_time) lib_X509_cmp_current_time = nullptr;
+inline decltype(&SSL_set_session) lib_SSL_set_session = nullptr;
+inline decltype(&SSL_get1_session) lib_SSL_get1_session = nullptr;
+inline decltype(&SSL_SESSION_free) lib_SSL_SESSION_free = nullptr;
 
 /* Opens the first candidate that loads and binds every function from it. Returns 1 when all are
  * bound or a library was opened before; 0 with a line at level 0 when no candidate opens, 0 without

@@ -206,7 +206,27 @@ static SSL_CTX* context = nullptr; /* made from the files in these states */
 static file_states loaded;
 static bool warned; /* of its certificate's dates */
 
+static SSL_SESSION* resumable = nullptr; /* of a handshake with that context */
+
+void forget_session() {
+    if (resumable != nullptr) {
+        lib_SSL_SESSION_free(std::exchange(resumable, nullptr));
+    }
+}
+
+void resume_session(SSL* session) {
+    if (resumable != nullptr) {
+        lib_SSL_set_session(session, resumable);
+    }
+}
+
+void keep_session(SSL* session) {
+    forget_session();
+    resumable = lib_SSL_get1_session(session);
+}
+
 static void forget() {
+    forget_session();
     if (context != nullptr) {
         lib_SSL_CTX_free(context);
         context = nullptr;

@@ -39,6 +39,13 @@ SSL_CTX* poll_context(const poll_files& files);
 /* Logs at the start what poll_context would say against certificate and key, and keeps nothing. */
 void check_certificate(const char* certificate, const char* key);
 
+/* A server that takes the certificate may let the next handshakes resume this one, which saves both
+ * ends signatures and certificates. What that takes is kept here, with the context, from a poll
+ * that was answered, and forgotten after one that was not. */
+void resume_session(SSL* session);
+void keep_session(SSL* session);
+void forget_session();
+
 /* After a poll with a certificate that failed: says so if it was the certificate that the server
  * did not like. */
 void log_refusal(const char* certificate);

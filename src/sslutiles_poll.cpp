@@ -74,6 +74,9 @@ static int start_tls(stream_connection& c, long* budget_us) {
     if (ca_file != nullptr && !expect_server(c.session.get(), server_host())) {
         return POLL_INTERNAL_ERROR;
     }
+    if (cert_file != nullptr) {
+        resume_session(c.session.get());
+    }
     return shake_hands(c, budget_us);
 }
 
@@ -172,6 +175,9 @@ static int exchange(request& r, service_reply& answer) {
         return POLL_NO_CONNECTION;
     }
     int received = receive_reply(e, c.socket.get(), answer, c.session.get());
+    if (received && cert_file != nullptr) {
+        keep_session(c.session.get());
+    }
     say_goodbye(c);
     if (!received) {
         return POLL_NO_CONNECTION;
@@ -256,6 +262,7 @@ int make_poll(const char* bdatasend, unsigned long sendsize, char** strresp, siz
     service_reply answer;
     int code = exchange(r, answer);
     if (code != POLL_OK && cert_file != nullptr) {
+        forget_session();
         log_refusal(cert_file);
     }
     if (code == POLL_OK && szSessionID == nullptr) {

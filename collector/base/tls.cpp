@@ -73,13 +73,40 @@ static int look_at_client(X509_STORE_CTX* checked, void*) {
     int reason = who && certificate ? who->look(certificate) : X509_V_ERR_APPLICATION_VERIFICATION;
     ERR_clear_error(); /* what the look left: the handshake's own reason has to be the first */
     X509_STORE_CTX_set_error(checked, reason);
+    if (reason == X509_V_OK) {
+        SSL_set_num_tickets(ssl, 1);
+    }
     return reason == X509_V_OK ? 1 : 0;
+}
+
+static void forget_session(SSL* ssl) {
+    SSL_CTX_remove_session(SSL_get_SSL_CTX(ssl), SSL_get_session(ssl));
+}
+
+bool look_at_resumed(SSL* ssl, client_look* who) {
+    if (SSL_version(ssl) < TLS1_3_VERSION) { /* kept by OpenSSL whoever it is */
+        forget_session(ssl);
+    }
+    if (!SSL_session_reused(ssl)) {
+        return true;
+    }
+    X509* certificate = SSL_get0_peer_certificate(ssl);
+    if (who && certificate && who->look(certificate) == X509_V_OK) {
+        return true;
+    }
+    forget_session(ssl);
+    return false;
 }
 
 void ask_for_certificate(SSL_CTX* context, const std::vector<x509_ptr>& authorities) {
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, look_at_client, nullptr);
     SSL_CTX_set_max_cert_list(context, most_of_certificates);
+    static const unsigned char place[] = "agents";
+    SSL_CTX_set_session_id_context(context, place, sizeof place);
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_SERVER);
+    SSL_CTX_sess_set_cache_size(context, most_resumptions);
+    SSL_CTX_set_timeout(context, resumption_lasts_s);
     /* Browsers that look at the page are not to offer what they have. */
     for (const x509_ptr& by : authorities) {
         SSL_CTX_add_client_CA(context, by.get());

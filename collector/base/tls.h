@@ -11,9 +11,9 @@
 
 using tls_context = std::unique_ptr<SSL_CTX, released_by<SSL_CTX_free>>;
 
-/* A server's context: TLS 1.2 or newer, no resumption of any kind (agents never resume), no
- * renegotiation, buffers given back while a connection is idle. Null with one line in `error` when
- * a file is unreadable or the key does not belong to the certificate. */
+/* A server's context: TLS 1.2 or newer, no resumption of any kind, no renegotiation, buffers given
+ * back while a connection is idle. Null with one line in `error` when a file is unreadable or the
+ * key does not belong to the certificate. */
 tls_context make_tls_context(const identity_files& files, std::string& error);
 
 /* Looks at the certificate that a client shows in its handshake, ahead of the proof that it has the
@@ -29,9 +29,20 @@ public:
 /* Has the handshakes of this context ask for a certificate of one of these authorities. A client
  * may do without. One that is shown is looked at by the connection's own look, and refused where it
  * has none; what comes with it, certificates of whoever may have signed it, counts for nothing, and
- * is refused before it is read when it is more than a few KiB. */
+ * is refused before it is read when it is more than a few KiB.
+ *
+ * Who has shown one may resume, by TLS 1.3, for as long as resumption_lasts_s: that saves both ends
+ * the certificates and their signatures, which are the dearest part of a poll. What is resumed is
+ * kept here, not in a ticket, up to most_resumptions, and ends with the context. Others are given
+ * nothing to resume. */
+constexpr long resumption_lasts_s = 3600;
+constexpr long most_resumptions = 65536;
 void ask_for_certificate(SSL_CTX* context, const std::vector<x509_ptr>& authorities);
 /* Must outlive the handshake; null behind it. */
 void set_client_look(SSL* ssl, client_look* who);
+/* To be called behind a handshake that went well. One that resumed has looked at nothing yet: so
+ * this does, and ends what was resumed when that fails. False then; there is no alert for it, and
+ * the next handshake of that peer is a whole one. */
+bool look_at_resumed(SSL* ssl, client_look* who);
 
 #endif

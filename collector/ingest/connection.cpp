@@ -155,6 +155,7 @@ asio::awaitable<bool> connection::handshake(SSL_CTX* context, client_look* look)
     BIO_set_callback_arg(SSL_get_rbio(ssl_.get()), reinterpret_cast<char*>(this));
     set_client_look(ssl_.get(), look);
     bool done = co_await perform(SSL_accept);
+    done = done && look_at_resumed(ssl_.get(), look);
     set_client_look(ssl_.get(), nullptr);
     SSL_set_msg_callback(ssl_.get(), count_message);
     SSL_set_msg_callback_arg(ssl_.get(), this);

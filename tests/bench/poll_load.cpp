@@ -83,6 +83,7 @@ static std::string exchange(SSL_CTX* context, const shown& proof, const std::str
             while ((got = SSL_read(session, buffer, sizeof buffer)) > 0) {
                 answer.append(buffer, static_cast<size_t>(got));
             }
+            proof.keep(session);
             SSL_shutdown(session);
         }
     }

@@ -11,6 +11,7 @@
 struct shown {
     X509* certificate = nullptr; /* null: it shows none */
     EVP_PKEY* key = nullptr;
+    mutable SSL_SESSION* resumable = nullptr; /* of the last handshake, as an agent keeps it */
 
     /* They live until the program ends. False with a line on standard error. */
     bool read(const std::string& directory, const std::string& name) {
@@ -32,6 +33,17 @@ struct shown {
         if (certificate) {
             SSL_use_certificate(session, certificate);
             SSL_use_PrivateKey(session, key);
+            if (resumable) {
+                SSL_set_session(session, resumable);
+            }
+        }
+    }
+
+    /* Behind an answer. */
+    void keep(SSL* session) const {
+        if (certificate) {
+            SSL_SESSION_free(resumable);
+            resumable = SSL_get1_session(session);
         }
     }
 };

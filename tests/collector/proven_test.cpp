@@ -385,6 +385,125 @@ TEST_F(proving_server, an_unproven_session_makes_way_for_the_proven_agent) {
     EXPECT_EQ(ask_as(web, poll_text(session, "c")).text, empty_text);
 }
 
+/* ---- resumption ---- */
+
+namespace {
+struct free_session {
+    void operator()(SSL_SESSION* session) const { SSL_SESSION_free(session); }
+};
+using session_ptr = std::unique_ptr<SSL_SESSION, free_session>;
+
+/* One exchange, and what the next one may resume. */
+struct resuming {
+    bool answered = false, resumed = false, offered = false;
+    reply answer = {};
+    session_ptr next = {};
+};
+
+resuming ask_resuming(uint16_t port, const shown_key* who, const std::string& text,
+                      SSL_SESSION* from, int version = 0) {
+    resuming r;
+    client c(port);
+    if (who) {
+        c.show(who->certificate.get(), who->key.get());
+    }
+    c.resume(from);
+    if (!c.handshake(version) || !c.send(text)) {
+        return r;
+    }
+    r.answer = c.read_reply();
+    r.answered = !r.answer.text.empty();
+    r.resumed = SSL_session_reused(c.ssl()) == 1;
+    r.next.reset(SSL_get1_session(c.ssl()));
+    r.offered = SSL_SESSION_is_resumable(r.next.get()) == 1;
+    SSL_shutdown(c.ssl());
+    return r;
+}
+} // namespace
+
+TEST_F(proving_server, who_has_proven_himself_resumes_and_is_known) {
+    start_with(agents_mode::proven);
+    shown_key web = enrolled("web-1"), other = enrolled("web-2");
+    resuming first = ask_resuming(port_, &web, login_text("me@example.org", "web-1"), nullptr);
+    ASSERT_EQ(first.answer.session.size(), 32u);
+    EXPECT_FALSE(first.resumed);
+    ASSERT_TRUE(first.offered);
+    const std::string session = first.answer.session;
+    session_ptr kept = std::move(first.next);
+    for (const char* block : {"a", "b", "c"}) { /* the same over and over */
+        resuming poll = ask_resuming(port_, &web, poll_text(session, block), kept.get());
+        EXPECT_TRUE(poll.resumed);
+        EXPECT_EQ(poll.answer.text, empty_text);
+        kept = std::move(poll.next);
+    }
+    EXPECT_EQ(store_->blocks().size(), 3u);
+    /* It is whom he proved to be, whoever he says he is and whatever he would show now. */
+    resuming as_other =
+        ask_resuming(port_, &other, login_text("me@example.org", "web-2"), kept.get());
+    EXPECT_EQ(as_other.answer.head.substr(0, 12), "HTTP/1.0 403");
+    EXPECT_TRUE(are_refused(refusal::identity, 1));
+}
+
+TEST_F(proving_server, who_is_revoked_or_has_expired_resumes_nothing) {
+    start_with(agents_mode::proven);
+    shown_key web = enrolled("web-1"), old = enrolled("old");
+    resuming first = ask_resuming(port_, &web, login_text("me@example.org", "web-1"), nullptr);
+    resuming aged = ask_resuming(port_, &old, login_text("me@example.org", "old"), nullptr);
+    ASSERT_TRUE(first.offered && aged.offered);
+    std::string error;
+    ASSERT_TRUE(known_->revoke("me@example.org", "web-1", "test", error)) << error;
+    const std::string poll = poll_text(first.answer.session, "x");
+    EXPECT_FALSE(ask_resuming(port_, &web, poll, first.next.get()).answered);
+    EXPECT_TRUE(are_refused(refusal::identity, 1));
+    EXPECT_EQ(alert_of(port_, web), SSL_AD_CERTIFICATE_REVOKED);
+    now_ += 91 * day_s;
+    const std::string late = poll_text(aged.answer.session, "x");
+    EXPECT_FALSE(ask_resuming(port_, &old, late, aged.next.get()).answered);
+    EXPECT_EQ(alert_of(port_, old), SSL_AD_CERTIFICATE_EXPIRED);
+    EXPECT_TRUE(store_->blocks().empty());
+    finish();
+    EXPECT_TRUE(
+        logged("certificate refused from 127.0.0.1: it is revoked: web-1 of me@example.org"));
+}
+
+TEST_F(proving_server, who_shows_nothing_has_nothing_to_resume) {
+    start_with(agents_mode::any);
+    shown_key web = enrolled("web-1");
+    for (int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        resuming r =
+            ask_resuming(port_, nullptr, login_text("me@example.org", "host"), nullptr, version);
+        EXPECT_EQ(r.answer.session.size(), 32u);
+        EXPECT_FALSE(version == TLS1_3_VERSION && r.offered);
+        resuming again =
+            ask_resuming(port_, nullptr, poll_text(r.answer.session, "x"), r.next.get(), version);
+        EXPECT_EQ(again.answer.text, empty_text);
+        EXPECT_FALSE(again.resumed);
+    }
+    resuming old =
+        ask_resuming(port_, &web, login_text("me@example.org", "web-1"), nullptr, TLS1_2_VERSION);
+    EXPECT_FALSE(ask_resuming(port_, &web, poll_text(old.answer.session, "x"), old.next.get(),
+                              TLS1_2_VERSION)
+                     .resumed);
+    EXPECT_EQ(SSL_CTX_sess_number(shown_->context()), 0);
+}
+
+TEST_F(proving_server, what_is_resumed_ends_with_what_it_was_begun_with) {
+    start_with(agents_mode::proven);
+    shown_key web = enrolled("web-1");
+    resuming first = ask_resuming(port_, &web, login_text("me@example.org", "web-1"), nullptr);
+    ASSERT_TRUE(first.offered);
+    EXPECT_EQ(SSL_CTX_sess_number(shown_->context()), 1);
+    std::shared_ptr<agents_tls> next = make_tls();
+    EXPECT_TRUE(on_network([&] {
+        server_->exchange_tls(next);
+        return true;
+    }));
+    resuming poll =
+        ask_resuming(port_, &web, poll_text(first.answer.session, "x"), first.next.get());
+    EXPECT_FALSE(poll.resumed);
+    EXPECT_EQ(poll.answer.text, empty_text);
+}
+
 /* ---- exchange ---- */
 
 TEST_F(proving_server, the_authority_is_exchanged_while_connections_are_under_way) {

@@ -203,6 +203,9 @@ public:
         chain_ = chain;
     }
 
+    /* Of an earlier one's handshake; it must be there until this one's. */
+    void resume(SSL_SESSION* session) { resumed_ = session; }
+
     bool handshake(int max_version = 0, const char* groups = nullptr) {
         static SSL_CTX* context = SSL_CTX_new(TLS_client_method());
         ssl_ = SSL_new(context);
@@ -218,6 +221,9 @@ public:
         }
         if (chain_) {
             SSL_set1_chain(ssl_, chain_);
+        }
+        if (resumed_) {
+            EXPECT_EQ(SSL_set_session(ssl_, resumed_), 1);
         }
         if (groups) {
             EXPECT_EQ(SSL_set1_groups_list(ssl_, groups), 1) << groups;
@@ -300,6 +306,7 @@ private:
     X509* certificate_ = nullptr;
     EVP_PKEY* key_ = nullptr;
     STACK_OF(X509) * chain_ = nullptr;
+    SSL_SESSION* resumed_ = nullptr;
 };
 
 inline std::string login_text(const std::string& account, const std::string& agent) {

@@ -129,6 +129,9 @@ bool find_left(const options& o, std::vector<std::string>& left, std::string& er
         if (of_agents && each.authority == old_hash) {
             left.push_back(name + ": its certificate is of the old authority, until " +
                            utc_time(each.ends));
+        } else if (of_agents && each.good_from != 0 && each.good_from < each.highest) {
+            left.push_back(name + ": it has not used the certificate of the new authority, and "
+                                  "may not have it");
         } else if (!of_agents && each.knows != published.hash) {
             left.push_back(name + ": it has not fetched the next authority");
         }

@@ -170,6 +170,27 @@ TEST_F(authority_commands, agents_that_would_be_left_behind_are_named) {
     EXPECT_EQ(finish("agents"), 1);
 }
 
+/* Its answer may be lost: then it goes on with the one before. */
+TEST_F(authority_commands, a_certificate_that_nobody_has_used_is_not_counted_on) {
+    start();
+    EXPECT_EQ(renew("agents"), 0);
+    stored_identity renewed = agent("web1"), enrolled = agent("web2");
+    renewed.highest = 2;
+    enrolled.good_from = 0; /* there is none before */
+    keep(renewed);
+    keep(enrolled);
+    EXPECT_EQ(finish("agents"), 1);
+    EXPECT_EQ(err_, "vindral-collector: ops@example.org/web1: it has not used the certificate of "
+                    "the new authority, and may not have it\n"
+                    "vindral-collector: nothing was changed: 1 agent would be shut out. They renew "
+                    "within a day while they run; with --force those that did not have to be "
+                    "enrolled again\n");
+    EXPECT_TRUE(fs::exists(state("agents-ca-old.pem")));
+    renewed.good_from = 2;
+    keep(renewed);
+    EXPECT_EQ(finish("agents"), 0);
+}
+
 TEST_F(authority_commands, with_force_agents_are_left_behind) {
     start();
     keep(agent("web1"));

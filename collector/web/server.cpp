@@ -177,13 +177,15 @@ web_server::~web_server() {
 }
 
 void web_server::exchange_tls(tls_context next) {
-    if (!next || !state_->room.tls) {
+    if (!next) {
         return;
     }
     std::shared_ptr<SSL_CTX> kept(std::move(next));
     asio::post(state_->room.context, [&room = state_->room, kept] {
-        room.tls = kept.get();
-        room.own_tls = kept;
+        if (room.tls) { /* its thread's, which may be exchanging it right now */
+            room.tls = kept.get();
+            room.own_tls = kept;
+        }
     });
 }
 

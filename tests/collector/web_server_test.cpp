@@ -352,6 +352,22 @@ TEST_F(web_server_test, tls) {
     EXPECT_TRUE(plain.ends());
 }
 
+TEST_F(web_server_test, its_certificate_is_exchanged_while_it_serves) {
+    start(true);
+    const identity_files files = own_identity(directory / "state");
+    web_client before(port(), true);
+    EXPECT_EQ(before.get("/echo", bearer()).status, 200);
+    for (int i = 0; i < 50; ++i) {
+        server->exchange_tls(make_tls_context(files, error));
+        server->exchange_tls(nullptr); /* that one stays */
+    }
+    web_client after(port(), true);
+    EXPECT_EQ(after.get("/echo", bearer()).status, 200);
+    EXPECT_EQ(before.get("/echo", bearer()).status, 200);
+    web_client plain(port());
+    EXPECT_EQ(plain.get("/healthz").status, 400);
+}
+
 TEST_F(web_server_test, nothing_is_plain_off_loopback) {
     for (const char* address : {"0.0.0.0", "::", "192.0.2.1"}) {
         options.address = address;

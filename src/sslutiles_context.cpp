@@ -207,26 +207,35 @@ static file_states loaded;
 static bool warned; /* of its certificate's dates */
 
 static SSL_SESSION* resumable = nullptr; /* of a handshake with that context */
+static bool resumes, resuming;           /* with that context; in this poll */
 
-void forget_session() {
+static void free_resumable() {
     if (resumable != nullptr) {
         lib_SSL_SESSION_free(std::exchange(resumable, nullptr));
     }
 }
 
 void resume_session(SSL* session) {
-    if (resumable != nullptr) {
+    resuming = resumable != nullptr;
+    if (resuming) {
         lib_SSL_set_session(session, resumable);
     }
 }
 
 void keep_session(SSL* session) {
-    forget_session();
-    resumable = lib_SSL_get1_session(session);
+    free_resumable();
+    resumable = resumes ? lib_SSL_get1_session(session) : nullptr;
+    resuming = false;
+}
+
+void drop_session(bool handshake_failed) {
+    free_resumable();
+    resumes = resumes && !(resuming && handshake_failed);
+    resuming = false;
 }
 
 static void forget() {
-    forget_session();
+    free_resumable();
     if (context != nullptr) {
         lib_SSL_CTX_free(context);
         context = nullptr;
@@ -264,6 +273,7 @@ SSL_CTX* poll_context(const poll_files& files) {
         }
         loaded = now; /* older than what was read, at worst: then the next poll reads again */
         warned = false;
+        resumes = true;
         if (files.authorities != nullptr) {
             leveledadd2log(0, "INFO: make_poll: CAFILE \"%s\" was read: the server is verified.",
                            files.authorities);

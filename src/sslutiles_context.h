@@ -39,12 +39,13 @@ SSL_CTX* poll_context(const poll_files& files);
 /* Logs at the start what poll_context would say against certificate and key, and keeps nothing. */
 void check_certificate(const char* certificate, const char* key);
 
-/* A server that takes the certificate may let the next handshakes resume this one, which saves both
- * ends signatures and certificates. What that takes is kept here, with the context, from a poll
- * that was answered, and forgotten after one that was not. */
+/* A server that takes the certificate may let later handshakes resume this one, which saves both
+ * ends certificates and signatures. What that takes is kept here, with the context, from each poll
+ * that was answered, and dropped by one that was not. There are servers that offer it and cannot:
+ * so none is resumed any more after such a handshake has failed, until one of the files changes. */
 void resume_session(SSL* session);
 void keep_session(SSL* session);
-void forget_session();
+void drop_session(bool handshake_failed);
 
 /* After a poll with a certificate that failed: says so if it was the certificate that the server
  * did not like. */

@@ -262,7 +262,7 @@ int make_poll(const char* bdatasend, unsigned long sendsize, char** strresp, siz
     service_reply answer;
     int code = exchange(r, answer);
     if (code != POLL_OK && cert_file != nullptr) {
-        forget_session();
+        drop_session(code == POLL_INTERNAL_ERROR);
         log_refusal(cert_file);
     }
     if (code == POLL_OK && szSessionID == nullptr) {

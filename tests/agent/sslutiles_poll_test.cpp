@@ -556,6 +556,19 @@ struct asking_server {
         SSL_CTX_set_max_proto_version(context, version);
         SSL_CTX_set_verify(context, mode, nullptr);
         SSL_CTX_set_cert_verify_callback(context, judge, this);
+        SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
+        SSL_CTX_set_num_tickets(context, 0);
+        SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    }
+    /* Who has shown a certificate may resume; without a `place` it is offered and refused. */
+    void let_resume(bool place) {
+        SSL_CTX_set_num_tickets(context, 1);
+        SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_SERVER);
+        if (place) {
+            SSL_CTX_set_session_id_context(context, reinterpret_cast<const unsigned char*>("x"), 1);
+        } else {
+            SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
+        }
     }
     ~asking_server() { SSL_CTX_free(context); }
     asking_server(const asking_server&) = delete;
@@ -634,8 +647,58 @@ protected:
 
 static const char REFUSED[] = "The server refused";
 
+/* As it should end: then it may be resumed. */
+static tls_peer::conversation answer_and_end(const std::string& response) {
+    return {peer::take_request(), peer::send(response), peer::end_clean()};
+}
+static tls_peer::conversation hang_up() {
+    return {peer::take_request(), peer::reset()};
+}
+
 static bool has_errors(const std::string& log) {
     return ("\n" + log).find("\n0 ") != std::string::npos;
+}
+
+TEST_F(poll_with_certificate, a_handshake_is_resumed_where_the_server_lets) {
+    for (int version : VERSIONS) {
+        asking_server asking(version);
+        asking.let_resume(true);
+        tls_peer server(tls_peer::tls,
+                        {answer_and_end(first_answer("s1", "a")), answer_and_end(with_body("b")),
+                         answer_and_end(with_body("c")), answer_and_end(with_body("d")), hang_up(),
+                         answer_and_end(with_body("e"))},
+                        asking.context);
+        put(make_pair({"agent"}));
+        log_out();
+        take_log();
+        EXPECT_OUTCOME(1, "a", 1, poll_server(server.port()));
+        EXPECT_OUTCOME(1, "b", 1, poll_server(server.port(), "results"));
+        EXPECT_OUTCOME(1, "c", 1, poll_server(server.port(), "results"));
+        put(make_pair({"renewed"})); /* from now on it is that one */
+        EXPECT_OUTCOME(1, "d", 1, poll_server(server.port(), "results"));
+        EXPECT_EQ(poll_server(server.port(), "results").code, 2);
+        EXPECT_OUTCOME(1, "e", 1, poll_server(server.port(), "results")); /* a whole one again */
+        EXPECT_TRUE(server.await_end());
+        EXPECT_EQ(asking.shown, "agent renewed renewed ");
+    }
+}
+
+TEST_F(poll_with_certificate, a_server_that_offers_resumption_and_cannot_costs_one_poll) {
+    asking_server asking(TLS1_3_VERSION);
+    asking.let_resume(false);
+    tls_peer server(tls_peer::tls,
+                    {answer_and_end(first_answer("s1", "a")),
+                     {peer::take_rest()},
+                     answer_and_end(with_body("b")),
+                     answer_and_end(with_body("c"))},
+                    asking.context);
+    EXPECT_OUTCOME(1, "a", 1, poll_server(server.port()));
+    EXPECT_EQ(poll_server(server.port(), "results").code, 4);
+    EXPECT_OUTCOME(1, "b", 1, poll_server(server.port(), "results"));
+    EXPECT_OUTCOME(1, "c", 1, poll_server(server.port(), "results"));
+    EXPECT_TRUE(server.await_end());
+    EXPECT_EQ(asking.shown, "agent agent agent ");
+    EXPECT_EQ(session(), "s1");
 }
 
 TEST_F(poll_with_certificate, it_is_shown_in_each_handshake_to_a_server_that_asks) {

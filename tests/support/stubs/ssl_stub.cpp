@@ -132,4 +132,7 @@ EXPORTED(X509_get0_notBefore)
 EXPORTED(X509_get0_notAfter)
 #endif
 EXPORTED(X509_cmp_current_time)
+EXPORTED(SSL_set_session)
+EXPORTED(SSL_get1_session)
+EXPORTED(SSL_SESSION_free)
 #endif

@@ -120,7 +120,8 @@ public:
                                  std::string& error) = 0;
     /* The first call in the life of the file admits these, as far as nothing is kept of them, in
      * one transaction; every later one does nothing. A file that is begun in the place of a damaged
-     * one had its first call: who was revoked is forgotten. */
+     * one, or of one that is gone while agents-ca.pem or its key are there, had its first call: who
+     * was revoked is forgotten. */
     virtual bool admit_at_first(const std::vector<std::pair<std::string, std::string>>& names,
                                 int64_t now, size_t& admitted, std::string& error) = 0;
 

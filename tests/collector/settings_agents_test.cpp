@@ -332,6 +332,36 @@ TEST_F(settings_agents_test, behind_a_damaged_file_nobody_is_admitted) {
     }
 }
 
+/* Removed, put aside, or not in the copy that was put back: a collector that had an authority for
+ * agents had decided about them, too. */
+TEST_F(settings_agents_test, behind_a_lost_file_nobody_is_admitted) {
+    size_t admitted = 1;
+    for (const char* left : {"agents-ca.pem", "agents-ca-key.pem"}) {
+        kept.reset();
+        fs::remove(path);
+        const std::string beside = (fs::path(path).parent_path() / left).string();
+        write_text(beside, "");
+        ASSERT_TRUE(open()) << error;
+        EXPECT_EQ(note,
+                  path + " is gone, and who was admitted and revoked is forgotten (agents-ca.pem "
+                         "is still there): a new one is begun, and nobody is admitted; tokens "
+                         "have to be made anew, agents admitted and revoked again, secrets set "
+                         "again");
+        fs::remove(beside); /* decided once and for all */
+        ASSERT_TRUE(open()) << error;
+        EXPECT_EQ(note, "");
+        EXPECT_TRUE(kept->admit_at_first({{"a@x", "thief"}}, 78, admitted, error)) << error;
+        EXPECT_EQ(admitted, 0u);
+        EXPECT_TRUE(identities().empty());
+    }
+    kept.reset();
+    fs::remove(path);
+    ASSERT_TRUE(open()) << error; /* one without a past */
+    EXPECT_EQ(note, "");
+    EXPECT_TRUE(kept->admit_at_first({{"a@x", "web"}}, 78, admitted, error)) << error;
+    EXPECT_EQ(admitted, 1u);
+}
+
 TEST_F(settings_agents_test, ten_thousand_identities_are_kept) {
     enum { many = 10000 };
     std::vector<std::pair<std::string, std::string>> names;

@@ -323,6 +323,22 @@ class Decisions(IdentityTest):
         self.assertEqual(self.collector.errors().count("that the store knew"), 1)
         self.assertEqual(self.client().login(ACCOUNT, "earlier").body, "This agent has to show its certificate.\n")
 
+    def test_what_was_decided_is_removed(self):
+        """Who was revoked is not let in by that; all wait."""
+        self.start_collector("any")
+        for name in ("earlier", "thief"):
+            self.assertEqual(self.client().poll(self.client().session(ACCOUNT, name), b"").status, "HTTP/1.0 200 OK")
+        status, _, text = self.collector.ask(self.agent_path("thief"), "DELETE")
+        self.assertLess(status, 300, text)
+        self.collector.stop()
+        os.unlink(self.in_state("settings.db"))
+        self.collector.options[1] = "known"
+        self.collector.start()
+        self.collector.wait_errors("settings.db is gone, and who was admitted and revoked is forgotten")
+        self.assertNotIn("that the store knew", self.collector.errors())
+        for name in ("earlier", "thief"):
+            self.assertNotIn("Vnd-SessionID", self.client().login(ACCOUNT, name).headers)
+
     def test_asks_for_a_certificate_and_is_admitted(self):
         self.start_collector()
         host = Host(self, "new").make_key()

@@ -44,6 +44,9 @@ const char tables_since_2[] =
     "  name TEXT PRIMARY KEY, sealed BLOB NOT NULL, who TEXT NOT NULL, made INTEGER NOT NULL,"
     "  serial INTEGER NOT NULL) STRICT, WITHOUT ROWID;";
 
+const char what_to_do[] =
+    "tokens have to be made anew, agents admitted and revoked again, secrets set again";
+
 } // namespace
 
 settings_file::settings_file(const std::string& directory, settings::tell_function tell)
@@ -86,7 +89,8 @@ bool settings_file::make_tables() {
     return run("BEGIN IMMEDIATE") &&
            (number("SELECT count(*) FROM sqlite_schema").value_or(0) > 0 ||
             (run(tables) && run(tables_since_2) &&
-             (!is_beside_damaged() || database_set_fact(db(), admitted_at_first, 1)) &&
+             (!(is_beside_damaged() || is_beside_authority()) ||
+              database_set_fact(db(), admitted_at_first, 1)) &&
              run("PRAGMA application_id = " + std::to_string(application)) &&
              run("PRAGMA user_version = " + std::to_string(layout)))) &&
            run("COMMIT");
@@ -112,6 +116,13 @@ bool settings_file::is_beside_damaged() const {
     return false;
 }
 
+/* Then there was one: the authority that signs agents' certificates is made behind this file. */
+bool settings_file::is_beside_authority() const {
+    struct stat status;
+    return lstat((directory_ + "/agents-ca.pem").c_str(), &status) == 0 ||
+           lstat((directory_ + "/agents-ca-key.pem").c_str(), &status) == 0;
+}
+
 settings_file::state settings_file::look_at(std::string& error) {
     run("PRAGMA synchronous = FULL; PRAGMA secure_delete = ON; PRAGMA trusted_schema = OFF");
     std::optional<int64_t> made_by = number("PRAGMA application_id"),
@@ -126,6 +137,7 @@ settings_file::state settings_file::look_at(std::string& error) {
             return fail(error), db_ ? state::unusable : state::damaged;
         }
         sync_directory(directory_);
+        is_begun_ = true;
         return state::good;
     }
     if (*made_by != application) {
@@ -237,10 +249,8 @@ bool settings_file::set_aside(std::string& note, std::string& error) {
         }
     }
     sync_directory(directory_);
-    note =
-        path_ + " is damaged (" + error + "): it is kept as " + name +
-        ", and a new one is begun; tokens have to be made anew, agents admitted and revoked again, "
-        "secrets set again";
+    note = path_ + " is damaged (" + error + "): it is kept as " + name +
+           ", and a new one is begun; " + what_to_do;
     return true;
 }
 
@@ -251,9 +261,15 @@ bool settings_file::open(std::string& note, std::string& error) {
         error = system_error(directory_);
         return false;
     }
+    is_begun_ = false;
     state found = open_file(error);
     if (found == state::damaged && set_aside(note, error)) {
         found = open_file(error);
+    } else if (is_begun_ && is_beside_authority()) {
+        note = path_ +
+               " is gone, and who was admitted and revoked is forgotten (agents-ca.pem is still "
+               "there): a new one is begun, and nobody is admitted; " +
+               what_to_do;
     }
     if (found == state::good) {
         error.clear();

@@ -68,6 +68,7 @@ private:
     bool make_tables();
     bool take_over();
     bool is_beside_damaged() const;
+    bool is_beside_authority() const;
     bool set_aside(std::string& note, std::string& error);
     std::optional<int64_t> number(const char* sql);
     file_id on_disk() const;
@@ -77,6 +78,7 @@ private:
     std::mutex mutex_;
     std::string untold_; /* a line for `tell` */
     database db_;
+    bool is_begun_ = false; /* by the last open() */
     file_id file_;
     int64_t data_version_ = -1; /* as SQLite counts the changes of others */
     uint64_t changes_ = 0;      /* of anybody, and files that took the place */

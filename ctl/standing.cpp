@@ -45,7 +45,7 @@ table_cell identity_cell(const json::object& of, std::string_view name) {
 std::string waiting_key(const place& here, const json::object& waiting) {
     const std::string key = text_cell(here, waiting, "key");
     return key.empty()                     ? "none yet: run vindral-enrol there"
-           : is_true(waiting, "contested") ? key + ", and another one asks, too"
+           : is_true(waiting, "contested") ? key + ", and there is another one"
                                            : key;
 }
 

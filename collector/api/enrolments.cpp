@@ -212,7 +212,13 @@ std::optional<protocol::sha256> key_in(const api_request& asked) {
     const agent_standing now =
         with.agents.find(agent.account, agent.name).value_or(agent_standing{});
     std::string text;
-    if (now.waiting && now.waiting->contested && !key) {
+    if (now.waiting && now.waiting->contested && !key && now.kept.good_from != 0) {
+        text =
+            "A host has proven that it is " + called_text(agent) +
+            ", and another one asks under its name, with another key: when that is admitted, "
+            "the certificate of the first ends. Say with `key` that this is meant; vindral-enrol "
+            "shows it on the host.";
+    } else if (now.waiting && now.waiting->contested && !key) {
         text = "Two hosts ask under the name " + called_text(agent) +
                ", each with a key of its own: say with `key` which one is admitted. vindral-enrol "
                "shows it on the host.";

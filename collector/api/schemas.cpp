@@ -226,7 +226,7 @@ const schema_def schemas[] = {
 "description":"Where it asked from last."},"key":{"type":["string","null"],
 "description":"Fingerprint of the key that it wants certified; null when it only polls."},
 "contested":{"type":"boolean",
-"description":"Within ten minutes another key has asked under this name, too: say which one is admitted."}},
+"description":"Within ten minutes another key has asked under this name, too, or another one has proven to be its: say which one is admitted."}},
 "additionalProperties":false})json"},
     {"standings", R"json(
 {"type":"object","required":["items","next"],"properties":{"items":{"type":"array",

@@ -42,6 +42,12 @@ bool is_known(const stored_identity& kept, uint32_t generation) {
     return kept.admitted != 0 && generation != 0 && generation <= kept.highest;
 }
 
+/* Somebody works under this name, and it is not the one who asks, who may be anybody: whoever is
+ * admitted gets the later certificate, which ends the other's. */
+bool is_taken(const stored_identity& kept, const waiting_agent& asks) {
+    return kept.good_from != 0 && kept.revoked == 0 && asks.key && *asks.key != kept.key;
+}
+
 } // namespace
 
 struct known_agents::state {
@@ -480,6 +486,10 @@ bool known_agents::admit(std::string_view account, std::string_view agent,
     {
         std::lock_guard<std::mutex> guard(s.mutex);
         waits = s.waiting.find(who, s.now(), &shown);
+        auto at = s.known.find(who);
+        if (waits && at != s.known.end()) {
+            waits->contested |= is_taken(at->second.kept, *waits);
+        }
     }
     const std::optional<protocol::sha256> asked = waits ? waits->key : std::nullopt;
     if (!even_unseen && (!waits || (key && asked != key))) {
@@ -640,7 +650,11 @@ std::vector<agent_standing> known_agents::all() const {
         std::lock_guard<std::mutex> guard(s.mutex);
         auto at = last ? s.known.upper_bound(*last) : s.known.begin();
         for (size_t i = 0; i < names_at_once && at != s.known.end(); i++, ++at) {
-            found[at->first].kept = at->second.kept;
+            agent_standing& each = found[at->first];
+            each.kept = at->second.kept;
+            if (each.waiting) {
+                each.waiting->contested |= is_taken(each.kept, *each.waiting);
+            }
             last = at->first;
         }
         more = at != s.known.end();
@@ -671,6 +685,9 @@ std::optional<agent_standing> known_agents::find(std::string_view account,
     }
     if (at != s.known.end()) {
         found.kept = at->second.kept;
+        if (found.waiting) {
+            found.waiting->contested |= is_taken(found.kept, *found.waiting);
+        }
     }
     found.kept.account = account;
     found.kept.agent = agent;

@@ -19,7 +19,8 @@
  * keep their results. The list is bounded (most_waiting, most_waiting_of_address, where the /64 of
  * an IPv6 address is one): beyond that names wait as well, unlisted. Of two keys that ask under one
  * name the first is listed for as long as it goes on asking, and `contested`: whoever admits has to
- * say which. What is refused stays off the list for an hour: the key, or the polls.
+ * say which. So is one that asks under a name that somebody else has proven to be his. What is
+ * refused stays off the list for an hour: the key, or the polls.
  *
  * AN ADMITTED KEY  gets its certificate with its next request, for a week. A name that was admitted
  * without a key gives none to anybody who merely asks: he could be anyone.

@@ -22,7 +22,8 @@ struct waiting_agent {
     int64_t since = 0, last = 0; /* seconds since the epoch */
     /* Of its request, or of the certificate that is not known; none: it only polls. */
     std::optional<protocol::sha256> key;
-    bool contested = false; /* within ten minutes another key has asked under this name */
+    /* Within ten minutes another key has asked under this name; or one is at work under it. */
+    bool contested = false;
 };
 
 /* A name as it comes, and the order of names: by account, then by agent. */

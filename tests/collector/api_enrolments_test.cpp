@@ -460,6 +460,21 @@ TEST_F(api_enrolments_test, two_keys_ask_under_one_name) {
     EXPECT_EQ(state_of_name("web-1"), "known");
 }
 
+TEST_F(api_enrolments_test, a_key_asks_under_the_name_of_an_agent_that_works) {
+    stored_identity proven{.account = "a@b.c", .agent = "web-1"};
+    proven.admitted = now - 100;
+    proven.highest = proven.good_from = 1;
+    proven.key = key_a;
+    keep(proven);
+    EXPECT_EQ(request("web-1", key_b), known_agents::answer::waits);
+    EXPECT_EQ(get(path_of("web-1")).at("waiting").at("contested"), true);
+    EXPECT_EQ(refused(path_of("web-1", "admit"), 409, "POST"),
+              "A host has proven that it is a@b.c/web-1, and another one asks under its name, with "
+              "another key: when that is admitted, the certificate of the first ends. Say with "
+              "`key` that this is meant; vindral-enrol shows it on the host.");
+    done("POST", path_of("web-1", "admit"), 200, "{\"key\":\"" + fingerprint(key_b) + "\"}");
+}
+
 /* Who polled when nothing was asked of agents need not wait first. */
 TEST_F(api_enrolments_test, one_that_polls_already_is_admitted) {
     submit(load_record(5, now));

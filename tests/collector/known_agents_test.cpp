@@ -698,6 +698,26 @@ TEST_F(known_agents_test, of_two_keys_one_has_to_be_named) {
     EXPECT_EQ(by_request(8), "sign2");
 }
 
+/* Anybody may ask under the name of an agent that works; admitting him ends its certificate. */
+TEST_F(known_agents_test, who_asks_under_a_proven_name_has_to_be_named) {
+    protocol::sha256 secret;
+    invite(secret);
+    EXPECT_EQ(by_token(secret, 7), "sign1");
+    agent_proof issued = proof(1);
+    issued.key = key(7);
+    EXPECT_TRUE(agents->note_issued(issued, error)) << error;
+    EXPECT_EQ(poll(1), "good*");
+    EXPECT_EQ(by_request(8, "web", "198.51.100.1"), "waits");
+    EXPECT_TRUE(waiting().contested);
+    EXPECT_TRUE(agents->all().at(0).waiting.value_or(waiting_agent()).contested);
+    EXPECT_FALSE(admit());
+    EXPECT_EQ(error, "another host asks under this name, with another key: say which one to admit");
+    EXPECT_EQ(by_request(8), "waits");
+    EXPECT_EQ(poll(1), "good");
+    EXPECT_TRUE(admit("web", 8)) << error; /* the host was set up anew, say */
+    EXPECT_EQ(by_request(8), "sign2");
+}
+
 TEST_F(known_agents_test, a_key_in_the_place_of_another_is_told_apart) {
     EXPECT_EQ(by_request(7), "waits");
     now += 60;

@@ -294,12 +294,12 @@ api_answer revoke(const api_request& asked, api_services& with) {
     refresh(with);
     const called_agent agent = find_called(asked, with, asked.in_path[0]);
     std::string error;
-    if (!with.agents.revoke(agent.account, agent.name, asked.who.name, error)) {
+    if (!with.agents.revoke(agent.account, agent.name, agent.id != 0, asked.who.name, error)) {
         if (!error.empty()) {
             throw_undecided(error);
         }
         throw problem{409, "Conflict",
-                      called_text(agent) + " has never been admitted or invited: there is nothing "
+                      called_text(agent) + " has never been let in or invited: there is nothing "
                                            "to revoke. What only waits is refused."};
     }
     try {

@@ -145,7 +145,7 @@ std::string only_account(const std::string& name, const std::set<std::string>& a
         throw_bad_request("Of which account is " + quoted(name) +
                           " to be? None is known yet: give account and name with a slash between, "
                           "such as " +
-                          example + ".");
+                          example + ", or vindralctl's --account.");
     }
     if (accounts.size() > 1) {
         throw_bad_request("Of which account is " + quoted(name) +

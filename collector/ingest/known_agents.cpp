@@ -584,8 +584,8 @@ std::optional<protocol::sha256> known_agents::invite(std::string_view account,
 
 /* The tokens first: one that is used in between is revoked with all else, but one that is used
  * behind the revocation would undo it. */
-bool known_agents::revoke(std::string_view account, std::string_view agent, const std::string& by,
-                          std::string& error) {
+bool known_agents::revoke(std::string_view account, std::string_view agent, bool even_undecided,
+                          const std::string& by, std::string& error) {
     state& s = *state_;
     std::lock_guard<std::mutex> one(s.writing);
     error.clear();
@@ -593,7 +593,7 @@ bool known_agents::revoke(std::string_view account, std::string_view agent, cons
         return false;
     }
     const identity who{std::string(account), std::string(agent)};
-    bool is_known = false;
+    bool is_known = even_undecided;
     auto look = [&](const stored_enrolment& what) {
         is_known |= what.account == account && what.agent == agent && what.generation == 0;
     };
@@ -601,11 +601,8 @@ bool known_agents::revoke(std::string_view account, std::string_view agent, cons
         return false;
     }
     auto end = [&](stored_identity& kept) {
-        if (is_new(kept)) {
-            return false;
-        }
-        is_known = true;
-        if (kept.revoked != 0) {
+        is_known |= !is_new(kept);
+        if (!is_known || kept.revoked != 0) {
             return false;
         }
         kept.revoked = s.now();

@@ -80,7 +80,7 @@ public:
      * a certificate; for `proven`, where that lets nobody in, they are listed as names that have
      * none yet. To be called at each start in one of these two modes: the first call in the life of
      * settings.db decides, also when `names` is empty, and later ones do nothing. Where settings.db
-     * was damaged and begun anew nobody is admitted: who was revoked is forgotten. */
+     * was damaged or lost and begun anew nobody is admitted: who was revoked is forgotten. */
     bool admit_all(const std::vector<protocol::agent_identity>& names, size_t& admitted,
                    std::string& error);
 
@@ -131,10 +131,12 @@ public:
     std::optional<protocol::sha256> invite(std::string_view account, std::string_view agent,
                                            int64_t lasts_s, const std::string& by,
                                            std::string& error);
-    /* All its certificates and its admission, and tokens that are not used. False with an empty
-     * error when the name is not known. */
-    bool revoke(std::string_view account, std::string_view agent, const std::string& by,
-                std::string& error);
+    /* All its certificates and its admission, and tokens that are not used; from then on the name
+     * is refused. False with an empty error when nothing was decided about it, nor is it invited,
+     * and it is not to be revoked `even_undecided`: as one that reported before settings.db was
+     * lost. */
+    bool revoke(std::string_view account, std::string_view agent, bool even_undecided,
+                const std::string& by, std::string& error);
 
     /* By account and agent. */
     std::vector<agent_standing> all() const;

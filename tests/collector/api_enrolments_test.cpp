@@ -94,9 +94,6 @@ TEST_F(api_enrolments_test, an_agent_of_which_nothing_is_decided) {
     EXPECT_EQ(refused(path_of("web-1", "refuse"), 409, "POST"),
               "Nothing waits under the name a@b.c/web-1: it may have stopped to ask. Make a token "
               "for it: vindralctl enrol.");
-    EXPECT_EQ(refused(path_of("web-1"), 409, "DELETE"),
-              "a@b.c/web-1 has never been admitted or invited: there is nothing to revoke. What "
-              "only waits is refused.");
 }
 
 TEST_F(api_enrolments_test, a_certificate_is_shown_with_its_end) {
@@ -235,7 +232,7 @@ TEST_F(api_enrolments_test, a_name_alone_when_one_account_has_it) {
 TEST_F(api_enrolments_test, a_new_name_of_the_only_account) {
     EXPECT_EQ(refused(path_of("web-1"), 400, "POST"),
               "Of which account is \"web-1\" to be? None is known yet: give account and name with "
-              "a slash between, such as me@example.org/web-1.");
+              "a slash between, such as me@example.org/web-1, or vindralctl's --account.");
     submit(load_record(5, now));
     json::value made = get(path_of("web-2"), 201, "POST");
     EXPECT_EQ(made.at("account"), "a@b.c");
@@ -519,9 +516,24 @@ TEST_F(api_enrolments_test, what_is_revoked_is_sent_away) {
 
     get(path_of("a@b.c/web-2"), 201, "POST"); /* whom nobody has seen */
     done("DELETE", path_of("web-2"), 204);
-    EXPECT_EQ(ask(path_of("web-2")).status, 404);
+    EXPECT_EQ(state_of_name("web-2"), "revoked");
+    EXPECT_EQ(poll("web-2"), standing::revoked);
     EXPECT_TRUE(std::none_of(kept.enrolments.begin(), kept.enrolments.end(),
                              [](const auto& each) { return each.generation == 0; }));
+}
+
+/* Who polls, or did, need not be admitted first. */
+TEST_F(api_enrolments_test, one_of_which_nothing_is_decided_is_revoked) {
+    poll("web-1");
+    EXPECT_EQ(refused(path_of("web-1"), 409, "DELETE"),
+              "a@b.c/web-1 has never been let in or invited: there is nothing to revoke. What only "
+              "waits is refused.");
+    EXPECT_EQ(state_of_name("web-1"), "waiting");
+    submit(load_record(5, now));
+    EXPECT_EQ(done("DELETE", path_of("web-1"), 204), "revoked agent a@b.c/web-1");
+    EXPECT_EQ(told, std::vector<std::string>{"away a@b.c/web-1"});
+    EXPECT_EQ(state_of_name("web-1"), "revoked");
+    EXPECT_EQ(poll("web-1"), standing::revoked);
 }
 
 /* ---- who may, and what fails ---- */

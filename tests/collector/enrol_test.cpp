@@ -208,7 +208,7 @@ TEST_F(enrolling, what_is_no_good_renews_nothing) {
     shown_key ended = enrolled("ended"), revoked = enrolled("revoked"), fake{new_key(), nullptr};
     redate(ended.certificate.get(), authority_key().get(), -9 * day_s, -60);
     std::string error;
-    ASSERT_TRUE(known_->revoke("me@example.org", "revoked", "test", error)) << error;
+    ASSERT_TRUE(known_->revoke("me@example.org", "revoked", false, "test", error)) << error;
     scratch_directory elsewhere;
     agent_authority other;
     ASSERT_TRUE(other.open(elsewhere.path(), error)) << error;

@@ -132,7 +132,7 @@ struct known_agents_test : testing::Test {
                              even_unseen, "ann", error);
     }
     void revoke(const std::string& agent = "web") {
-        EXPECT_TRUE(agents->revoke("a@x", agent, "bob", error)) << error;
+        EXPECT_TRUE(agents->revoke("a@x", agent, false, "bob", error)) << error;
     }
     void put(const stored_identity& what) {
         EXPECT_TRUE(kept->put_identity(what, error)) << error;
@@ -431,7 +431,7 @@ TEST_F(known_agents_test, odd_names) {
         EXPECT_NE(error, "");
         EXPECT_FALSE(agents->invite("a@x", bad, 3600, "ann", error).has_value());
         EXPECT_NE(error, "");
-        EXPECT_FALSE(agents->revoke("a@x", bad, "ann", error));
+        EXPECT_FALSE(agents->revoke("a@x", bad, true, "ann", error));
         EXPECT_FALSE(agents->refuse("a@x", bad, error));
         EXPECT_FALSE(agents->find("a@x", bad).has_value());
     }
@@ -794,23 +794,52 @@ TEST_F(known_agents_test, revoking_ends_everything) {
         EXPECT_EQ(listed(), 0u);
     }
     now += 5;
-    EXPECT_TRUE(agents->revoke("a@x", "web", "eve", error)) << error; /* it is already */
+    EXPECT_TRUE(agents->revoke("a@x", "web", false, "eve", error)) << error; /* it is already */
     EXPECT_EQ(look().kept.by, "bob");
     EXPECT_EQ(look().kept.revoked, 1000005);
 }
 
 TEST_F(known_agents_test, who_is_not_known_cannot_be_revoked) {
     error = "old";
-    EXPECT_FALSE(agents->revoke("a@x", "web", "bob", error));
+    EXPECT_FALSE(agents->revoke("a@x", "web", false, "bob", error));
     EXPECT_EQ(error, "");
     EXPECT_EQ(poll(), "waits");
-    EXPECT_FALSE(agents->revoke("a@x", "web", "bob", error)); /* that is to be refused */
+    EXPECT_FALSE(agents->revoke("a@x", "web", false, "bob", error)); /* that is to be refused */
     EXPECT_EQ(listed(), 1u);
-    protocol::sha256 secret;
-    invite(secret);
-    EXPECT_TRUE(agents->revoke("a@x", "web", "bob", error)) << error;
-    EXPECT_FALSE(agents->find("a@x", "web").has_value());
-    EXPECT_EQ(by_token(secret, 7), "refused");
+}
+
+/* Whoever revokes a name wants it to stay out, in `any` as well. */
+TEST_F(known_agents_test, a_name_that_was_only_invited_is_revoked) {
+    for (agents_mode mode : modes) {
+        const std::string name = "web" + std::to_string(static_cast<int>(mode));
+        start(mode);
+        protocol::sha256 secret;
+        invite(secret, name);
+        EXPECT_TRUE(agents->revoke("a@x", name, false, "bob", error)) << error;
+        EXPECT_EQ(by_token(secret, 7), "refused");
+        start(mode);
+        EXPECT_EQ(look(name).kept.revoked, 1000000);
+        EXPECT_EQ(look(name).kept.by, "bob");
+        EXPECT_EQ(poll(nullptr, name), "revoked");
+        invite(secret, name);
+        EXPECT_EQ(by_token(secret, 7), "sign1");
+        EXPECT_EQ(poll(nullptr, name), mode == agents_mode::any ? "good" : "unproven");
+    }
+}
+
+/* As behind a lost settings.db, when who was revoked is to be so again. */
+TEST_F(known_agents_test, a_name_of_which_nothing_was_decided_is_revoked_when_it_is_wanted) {
+    for (agents_mode mode : modes) {
+        const std::string name = "web" + std::to_string(static_cast<int>(mode));
+        start(mode);
+        EXPECT_EQ(poll(nullptr, name), mode == agents_mode::any ? "good" : "waits");
+        EXPECT_TRUE(agents->revoke("a@x", name, true, "bob", error)) << error;
+        EXPECT_EQ(listed(), 0u);
+        start(mode);
+        EXPECT_EQ(poll(nullptr, name), "revoked");
+        const agent_proof shown = proof(3, name);
+        EXPECT_EQ(poll(&shown, name), "revoked");
+    }
 }
 
 TEST_F(known_agents_test, what_was_revoked_may_be_let_in_again) {
@@ -841,7 +870,7 @@ TEST_F(known_agents_test, what_another_process_decides_is_seen_with_the_next_ref
         std::string n, e;
         auto own = settings::open(directory / "state", n, e);
         known_agents theirs(*own, agents_mode::proven, [] { return int64_t{1000000}; });
-        bool done = theirs.refresh(e) && theirs.revoke("a@x", "web", "bob", e) &&
+        bool done = theirs.refresh(e) && theirs.revoke("a@x", "web", false, "bob", e) &&
                     theirs.admit("a@x", "db", key(7), true, "bob", e) &&
                     theirs.invite("a@x", "ns", 3600, "bob", e).has_value();
         _exit(done ? 0 : 1);
@@ -937,7 +966,7 @@ TEST_F(known_agents_test, what_cannot_be_written_is_not_done) {
         EXPECT_NE(why, "");
         EXPECT_FALSE(admit("ns"));
         EXPECT_NE(error, "");
-        EXPECT_FALSE(agents->revoke("a@x", "web", "bob", error));
+        EXPECT_FALSE(agents->revoke("a@x", "web", false, "bob", error));
         EXPECT_NE(error, "");
         EXPECT_FALSE(agents->invite("a@x", "x", 3600, "ann", error).has_value());
         EXPECT_NE(error, "");
@@ -1030,7 +1059,7 @@ TEST_F(known_agents_test, polls_go_on_while_others_decide) {
             std::string e;
             agents->admit("a@x", name, std::nullopt, i % 2 == 0, "ann", e);
             bad += !agents->invite("a@x", name, 3600, "ann", e).has_value();
-            agents->revoke("a@x", name, "ann", e);
+            agents->revoke("a@x", name, false, "ann", e);
             agents->refuse("a@x", "w" + std::to_string(i + 20), e);
         }
     });

@@ -266,7 +266,7 @@ TEST_F(proving_server, a_revoked_name_is_refused_from_the_next_handshake) {
     shown_key web = enrolled("web-1");
     std::string session = log_in_as(web, "web-1"), error;
     EXPECT_EQ(ask_as(web, poll_text(session, "first")).text, empty_text);
-    ASSERT_TRUE(known_->revoke("me@example.org", "web-1", "test", error)) << error;
+    ASSERT_TRUE(known_->revoke("me@example.org", "web-1", false, "test", error)) << error;
     EXPECT_EQ(alert_of(port_, web), SSL_AD_CERTIFICATE_REVOKED);
     EXPECT_EQ(ask(poll_text(session, "second")).text, poll_refused);
     reply r = ask(login_text("me@example.org", "web-1"));
@@ -451,7 +451,7 @@ TEST_F(proving_server, who_is_revoked_or_has_expired_resumes_nothing) {
     resuming aged = ask_resuming(port_, &old, login_text("me@example.org", "old"), nullptr);
     ASSERT_TRUE(first.offered && aged.offered);
     std::string error;
-    ASSERT_TRUE(known_->revoke("me@example.org", "web-1", "test", error)) << error;
+    ASSERT_TRUE(known_->revoke("me@example.org", "web-1", false, "test", error)) << error;
     const std::string poll = poll_text(first.answer.session, "x");
     EXPECT_FALSE(ask_resuming(port_, &web, poll, first.next.get()).answered);
     EXPECT_TRUE(are_refused(refusal::identity, 1));

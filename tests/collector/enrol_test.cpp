@@ -1,7 +1,10 @@
 /* How hosts get the certificates of their agents, over the port that agents poll. */
+#include "decisions_in_memory.h"
 #include "ingest/enrolment.h"
 #include "proving.h"
 
+#include <future>
+#include <map>
 #include <sys/socket.h>
 
 using namespace std::chrono_literals;
@@ -359,6 +362,66 @@ TEST_F(enrolling, half_a_request_is_given_up_at_the_deadline) {
     ASSERT_TRUE(c.send(text.substr(0, text.size() - 1)));
     EXPECT_EQ(c.wait_for_end(), ending::reset);
     EXPECT_TRUE(known_->all().empty());
+}
+
+namespace {
+/* Tokens are looked up as long as it takes. */
+struct held_settings : decisions_alone {
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future();
+
+    bool open_enrolment(const token_hash& hash, const token_hash& key, std::string_view account,
+                        std::string_view agent, int64_t now, opened& what, stored_enrolment& found,
+                        std::string& error) override {
+        if (hash != key) { /* an admitted key is its own */
+            released.wait();
+        }
+        return decisions_in_memory::open_enrolment(hash, key, account, agent, now, what, found,
+                                                   error);
+    }
+};
+} // namespace
+
+TEST_F(enrolling, as_many_strangers_wait_as_there_are_places) {
+    auto owned = std::make_unique<held_settings>();
+    held_settings& held = *owned;
+    kept_ = std::move(owned);
+    options_.deadlines.whole = 5min;
+    start_with(agents_mode::proven);
+    shown_key web = enrolled("web-1");
+    const std::string token = token_for("web-2");
+
+    constexpr size_t of_address = enrolment::most_strangers_of_address, too_many = 5;
+    constexpr size_t all = enrolment::most_strangers;
+    std::deque<client> clients;
+    auto ask_from = [&](const std::string& address, size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            client& c = clients.emplace_back(port_, address.c_str());
+            EXPECT_TRUE(c.handshake());
+            EXPECT_TRUE(c.send(enrol_text(request_, token)));
+        }
+    };
+    ask_from("127.0.1.1", of_address + too_many);
+    EXPECT_TRUE(are_refused(refusal::enrolment, too_many));
+    for (size_t i = 1; i < all / of_address; ++i) {
+        ask_from("127.0.2." + std::to_string(i), of_address);
+    }
+    ask_from("127.0.3.1", too_many);
+    EXPECT_TRUE(are_refused(refusal::enrolment, 2 * too_many));
+    /* Who has proven himself has a place all the same. */
+    client proven(port_);
+    proven.show(web.certificate.get(), web.key.get());
+    EXPECT_TRUE(proven.handshake());
+    EXPECT_TRUE(proven.send(enrol_text(request_)));
+
+    held.release.set_value();
+    EXPECT_EQ(status_of(proven.read_reply()), 200);
+    std::map<int, size_t> answered;
+    for (client& c : clients) {
+        answered[status_of(c.read_reply())]++;
+    }
+    EXPECT_EQ(answered, (std::map<int, size_t>{{200, all}, {503, 2 * too_many}}));
+    EXPECT_EQ(status_of(ask(enrol_text(request_, token), "127.0.1.1")), 200);
 }
 
 TEST_F(enrolling, who_leaves_while_his_certificate_is_made_holds_up_nobody) {

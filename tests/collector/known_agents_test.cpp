@@ -920,7 +920,7 @@ TEST_F(known_agents_test, what_it_changes_itself_it_need_not_read) {
 }
 
 /* Somebody else writes right ahead of each change. */
-struct settings_of_many : decisions_in_memory {
+struct settings_of_many : decisions_alone {
     int others = 0;
     bool change_identity(std::string_view account, std::string_view agent,
                          const std::function<bool(stored_identity&)>& change,
@@ -929,15 +929,6 @@ struct settings_of_many : decisions_in_memory {
         identities[{"a@x", theirs}] = {.account = "a@x", .agent = theirs, .admitted = 5};
         changed();
         return decisions_in_memory::change_identity(account, agent, change, error);
-    }
-    bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
-    bool drop_token(int64_t, std::string&) override { return false; }
-    bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
-        return false;
-    }
-    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
-                    std::string&) override {
-        return false;
     }
 };
 

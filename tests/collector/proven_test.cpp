@@ -294,7 +294,7 @@ TEST_F(proving_server, a_later_generation_ends_the_earlier_when_it_is_used) {
 
 namespace {
 /* A settings.db that nothing can be written into any more. */
-struct unwritable_settings : decisions_in_memory {
+struct unwritable_settings : decisions_alone {
     std::atomic<int> asked = 0;
     std::atomic<bool> is_full = false;
 
@@ -307,15 +307,6 @@ struct unwritable_settings : decisions_in_memory {
             return false;
         }
         return decisions_in_memory::change_identity(account, agent, change, error);
-    }
-    bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
-    bool drop_token(int64_t, std::string&) override { return false; }
-    bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
-        return false;
-    }
-    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
-                    std::string&) override {
-        return false;
     }
 };
 } // namespace

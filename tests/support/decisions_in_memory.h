@@ -166,4 +166,18 @@ private:
     uint64_t last_serial_ = 0;
 };
 
+/* With tokens that nobody asks for. */
+class decisions_alone : public decisions_in_memory {
+public:
+    bool add_token(const stored_token&, int64_t&, std::string&) override { return false; }
+    bool drop_token(int64_t, std::string&) override { return false; }
+    bool for_each_token(const std::function<void(const stored_token&)>&, std::string&) override {
+        return false;
+    }
+    bool find_token(const token_hash&, int64_t, std::optional<stored_token>&,
+                    std::string&) override {
+        return false;
+    }
+};
+
 #endif

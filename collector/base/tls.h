@@ -33,10 +33,10 @@ public:
  *
  * Who has shown one may resume, by TLS 1.3, for as long as resumption_lasts_s: that saves both ends
  * the certificates and their signatures, which are the dearest part of a poll. What is resumed is
- * kept here, not in a ticket, up to most_resumptions, and ends with the context. Others are given
- * nothing to resume. */
+ * kept here, not in a ticket, some 6 KB each, up to most_resumptions, and ends with the context.
+ * Others are given nothing to resume. */
 constexpr long resumption_lasts_s = 3600;
-constexpr long most_resumptions = 65536;
+constexpr long most_resumptions = 32768;
 void ask_for_certificate(SSL_CTX* context, const std::vector<x509_ptr>& authorities);
 /* Must outlive the handshake; null behind it. */
 void set_client_look(SSL* ssl, client_look* who);

@@ -36,7 +36,7 @@ public:
  * kept here, not in a ticket, some 6 KB each, up to most_resumptions, and ends with the context.
  * Others are given nothing to resume. */
 constexpr long resumption_lasts_s = 3600;
-constexpr long most_resumptions = 32768;
+constexpr long most_resumptions = 16384;
 void ask_for_certificate(SSL_CTX* context, const std::vector<x509_ptr>& authorities);
 /* Must outlive the handshake; null behind it. */
 void set_client_look(SSL* ssl, client_look* who);

@@ -326,8 +326,9 @@ class Decisions(IdentityTest):
     def test_what_was_decided_is_removed(self):
         """Who was revoked is not let in by that; all wait."""
         self.start_collector("any")
+        result = records.encode_load(records.Load(1, 1, int(time.time()), (9.0, 1.0, 1.5), "fine\n", 0))
         for name in ("earlier", "thief"):
-            self.assertEqual(self.client().poll(self.client().session(ACCOUNT, name), b"").status, "HTTP/1.0 200 OK")
+            self.assertEqual(self.client().poll(self.client().session(ACCOUNT, name), result).status, "HTTP/1.0 200 OK")
         status, _, text = self.collector.ask(self.agent_path("thief"), "DELETE")
         self.assertLess(status, 300, text)
         self.collector.stop()

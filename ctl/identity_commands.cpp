@@ -36,6 +36,12 @@ std::string consequence(const std::string& state) {
                : "";
 }
 
+/* A collector that listens nowhere else, as it does without --listen. */
+bool is_loopback(std::string_view url) {
+    return url.starts_with("https://127.") || url.starts_with("https://localhost:") ||
+           url.starts_with("https://[::1]");
+}
+
 } // namespace
 
 int run_enrol(const place& here) {
@@ -52,6 +58,10 @@ int run_enrol(const place& here) {
     const std::string more = consequence(text_in(made, "state"));
     if (!here.said.quiet && !more.empty()) {
         tell(more);
+    }
+    if (!here.said.quiet && is_loopback(text_in(made, "url"))) {
+        tell("no other host reaches that address: start the collector with --listen, then make "
+             "another token");
     }
     return status_well;
 }
@@ -72,7 +82,9 @@ int run_list_waiting(const place& here) {
                             {.head = "ADDRESS", .least = 8},
                             {.head = "ASKED", .is_right = true},
                             {"KEY"}},
-                           0};
+                           0,
+                           false,
+                           "no names wait"};
     auto row_of = [&](const json::object& item) -> std::vector<table_cell> {
         const json::object& waiting = object_in(item, "waiting");
         return {{age_cell(here, waiting, "since")},
@@ -93,7 +105,11 @@ int run_admit(const place& here) {
     if (here.said.json) {
         put(json_text(standing) + "\n");
     } else {
-        tell(agent_text(here, standing) + " is admitted");
+        tell(agent_text(here, standing) + " is admitted" +
+             (standing.contains("needs_certificate")
+                  ? "; it polls once it has its certificate: run vindral-enrol there, or with a "
+                    "token of \"vindralctl enrol\""
+                  : ""));
     }
     return status_well;
 }

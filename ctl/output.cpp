@@ -86,8 +86,9 @@ int put_list(const place& here, const list_def& what, const parameters& with,
         for (const auto& [name, value] : with) {
             is_any = is_any && value.empty();
         }
-        tell(std::string(is_any ? "there are no " : "there are no such ") + what.things +
-             (is_any ? " yet" : ""));
+        tell(what.none != nullptr ? what.none
+                                  : std::string(is_any ? "there are no " : "there are no such ") +
+                                        what.things + (is_any ? " yet" : ""));
     }
     if (!incomplete.empty()) {
         tell("this is not everything: " + incomplete);

@@ -29,6 +29,7 @@ struct list_def {
     /* Tables have what is wrong first, the newest first, then what is unknown, then the rest as the
      * API has it: so a limit is one of the worst, and all are read. JSON is as the API has it. */
     bool worst_first = false;
+    const char* none = nullptr; /* what is said of an empty one; null: that there are no `things` */
 };
 
 /* Reads a list and puts it down: a table, or with --json each item in a line of its own. `look`

@@ -49,7 +49,7 @@ json::object standing_now(const called_agent& agent, api_services& with) {
     agent_standing now = with.agents.find(agent.account, agent.name).value_or(agent_standing{});
     now.kept.account = agent.account;
     now.kept.agent = agent.name;
-    return json_standing(now, agent.id, with.now());
+    return json_standing(now, agent.id, with);
 }
 
 /* ---- reading ---- */
@@ -89,7 +89,7 @@ api_answer list_standings(const api_request& asked, api_services& with) {
         store->read_agent(
             who.account, who.agent, [&](const known_agent& row) { id = row.id; }, error);
         unread = unread.empty() ? error : unread;
-        items.push_back(json_standing(each, id, with.now()));
+        items.push_back(json_standing(each, id, with));
         last = &who;
     }
     return answer_with(list_of(asked, std::move(items), next, unread));
@@ -98,7 +98,7 @@ api_answer list_standings(const api_request& asked, api_services& with) {
 api_answer one_standing(const api_request& asked, api_services& with) {
     refresh(with);
     called_agent agent = find_called(asked, with, asked.in_path[0]);
-    return answer_with(json_standing(agent.now, agent.id, with.now()));
+    return answer_with(json_standing(agent.now, agent.id, with));
 }
 
 /* ---- inviting ---- */

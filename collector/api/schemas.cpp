@@ -209,7 +209,9 @@ const schema_def schemas[] = {
 "revoked":{"type":["string","null"],"format":"date-time","description":"Since when it is."},
 "certificate":{"anyOf":[{"$ref":"#/components/schemas/standing_certificate"},{"type":"null"}]},
 "waiting":{"anyOf":[{"$ref":"#/components/schemas/standing_waiting"},{"type":"null"}]},
-"invited":{"type":"boolean","description":"There is a token for it that has not been used."}},
+"invited":{"type":"boolean","description":"There is a token for it that has not been used."},
+"needs_certificate":{"const":true,
+"description":"It is admitted, and has to show a certificate before it is let in."}},
 "additionalProperties":false})json"},
     {"standing_certificate", R"json(
 {"type":"object","required":["issued","ends","key","authority","ends_soon"],

@@ -173,7 +173,8 @@ std::string_view identity_word(identity_state s) {
     return words[static_cast<size_t>(s)];
 }
 
-json::object json_standing(const agent_standing& of, int64_t id, int64_t now) {
+json::object json_standing(const agent_standing& of, int64_t id, const api_services& with) {
+    const int64_t now = with.now();
     const stored_identity& kept = of.kept;
     json::value certificate, waiting;
     if (kept.ends != 0) {
@@ -191,16 +192,20 @@ json::object json_standing(const agent_standing& of, int64_t id, int64_t now) {
                                {"key", key ? json::value(fingerprint(*key)) : json::value(nullptr)},
                                {"contested", of.waiting->contested}};
     }
-    return {{"account", kept.account},
-            {"name", kept.agent},
-            {"agent", id != 0 ? json::value(id) : json::value(nullptr)},
-            {"state", identity_word(state_of(of))},
-            {"admitted", json_time(kept.admitted)},
-            {"by", json_or_null(kept.by)},
-            {"revoked", json_time(kept.revoked)},
-            {"certificate", std::move(certificate)},
-            {"waiting", std::move(waiting)},
-            {"invited", of.invited}};
+    json::object shown{{"account", kept.account},
+                       {"name", kept.agent},
+                       {"agent", id != 0 ? json::value(id) : json::value(nullptr)},
+                       {"state", identity_word(state_of(of))},
+                       {"admitted", json_time(kept.admitted)},
+                       {"by", json_or_null(kept.by)},
+                       {"revoked", json_time(kept.revoked)},
+                       {"certificate", std::move(certificate)},
+                       {"waiting", std::move(waiting)},
+                       {"invited", of.invited}};
+    if (with.agents.mode() == agents_mode::proven && kept.admitted != 0 && kept.good_from == 0) {
+        shown["needs_certificate"] = true;
+    }
+    return shown;
 }
 
 called_agent find_called(const api_request& asked, api_services& with, const std::string& called,

@@ -29,7 +29,7 @@ identity_state state_of(const agent_standing& of);
 std::string_view identity_word(identity_state s);
 
 /* As "standing" of schemas.cpp. `id`: of the agent in the store; 0: of none. */
-boost::json::object json_standing(const agent_standing& of, int64_t id, int64_t now);
+boost::json::object json_standing(const agent_standing& of, int64_t id, const api_services& with);
 
 /* An account and a name. */
 struct called_agent {

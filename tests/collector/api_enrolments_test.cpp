@@ -414,6 +414,20 @@ TEST_F(api_enrolments_test, a_name_that_polls_waits_until_it_is_admitted) {
     }
 }
 
+/* Where nobody is let in without one. */
+TEST_F(api_enrolments_test, an_admitted_name_that_needs_a_certificate) {
+    poll("web-1");
+    EXPECT_EQ(get(path_of("web-1")).as_object().count("needs_certificate"), 0u);
+    const json::value admitted = get(path_of("web-1", "admit"), 200, "POST");
+    EXPECT_EQ(misfit(admitted, "standing"), "");
+    EXPECT_EQ(admitted.at("needs_certificate"), true);
+    stored_identity shown{.account = "a@b.c", .agent = "web-1"};
+    shown.admitted = shown.highest = shown.good_from = 1;
+    std::string error;
+    ASSERT_TRUE(kept.put_identity(shown, error)) << error;
+    EXPECT_EQ(get(path_of("web-1")).as_object().count("needs_certificate"), 0u);
+}
+
 TEST_F(api_enrolments_test, a_key_that_waits) {
     EXPECT_EQ(request("web-1", key_a), known_agents::answer::waits);
     EXPECT_EQ(get(path_of("web-1")).at("waiting").at("key"), json::value(fingerprint(key_a)));

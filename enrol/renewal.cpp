@@ -158,7 +158,9 @@ int renew(const options& said) {
     try {
         now = ask_authorities({e.where, &e.trusted, &e.self});
     } catch (failure& f) {
-        if (f.text.find("refuses this host's certificate") != f.text.npos) {
+        const bool is_over = f.text.find("refuses this host's certificate") != f.text.npos ||
+                             f.text.find("is not trusted: ") != f.text.npos;
+        if (is_over && f.text.find(" (its certificate does not name ") == f.text.npos) {
             f.text.append("; ").append(anew);
         }
         throw;

@@ -222,6 +222,19 @@ class Whole(harness.TestCase):
         collector.wait_test(1, count + 2)
         self.assertEqual(host.enrol("--renew"), "")
 
+    def test_left_behind_by_an_exchange_of_the_servers_authority(self):
+        collector = Collector(self)
+        host = Host(self)
+        host.enrol(collector.url, collector.invite("web-01"))
+        collector.authority("renew", "server")
+        collector.authority("finish", "server", "--force")
+        collector.reads_again()
+        collector.wait_errors("certificates read again")
+        said = host.enrol("--renew", status=1)
+        self.assertRegex(said, "is not trusted: .*; ask for a token .vindralctl enrol. and type vindral-enrol URL TOKEN here")
+        host.enrol(collector.url, collector.invite("web-01"))
+        host.check_enrolled(ACCOUNT, "web-01", "agent-2.pem", "ca-2.pem")
+
     def test_two_hundred_renew_at_once(self):
         hosts = 20 if harness.SANITIZERS else 200
         collector = Collector(self)

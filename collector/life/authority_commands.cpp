@@ -170,6 +170,10 @@ bool may_finish(const options& o) {
     return left.empty();
 }
 
+void tell_when() {
+    tell("a collector that runs takes this up within a minute, or at once with a SIGHUP");
+}
+
 } // namespace
 
 int run_show_authorities(const options& o) {
@@ -196,6 +200,7 @@ int run_renew_authority(const options& o) {
                      "are good as well, and agents renew them within a day"
                    : "the next authority is ca-next.pem; agents that prove themselves fetch it "
                      "within a day, and other hosts need a copy behind that of ca.pem");
+    tell_when();
     tell("then \"vindral-collector authority finish " + o.whose + "\" ends the old one");
     return 0;
 }
@@ -213,5 +218,6 @@ int run_finish_authority(const options& o) {
     }
     tell(of_agents ? "certificates of the old authority of agents are good no longer"
                    : "the certificate is signed by the new authority, which is ca.pem now");
+    tell_when();
     return 0;
 }

@@ -151,6 +151,8 @@ TEST_F(authority_commands, agents_that_would_be_left_behind_are_named) {
     EXPECT_EQ(renew("agents"), 0);
     EXPECT_EQ(err_, "vindral-collector: a new authority signs agents' certificates from now on; "
                     "those of the old one are good as well, and agents renew them within a day\n"
+                    "vindral-collector: a collector that runs takes this up within a minute, or at "
+                    "once with a SIGHUP\n"
                     "vindral-collector: then \"vindral-collector authority finish agents\" ends "
                     "the old one\n");
     keep(agent("web5"));
@@ -165,7 +167,9 @@ TEST_F(authority_commands, agents_that_would_be_left_behind_are_named) {
     keep(agent("web1")); /* it has renewed */
     EXPECT_EQ(finish("agents"), 0);
     EXPECT_EQ(err_, "vindral-collector: certificates of the old authority of agents are good no "
-                    "longer\n");
+                    "longer\n"
+                    "vindral-collector: a collector that runs takes this up within a minute, or at "
+                    "once with a SIGHUP\n");
     EXPECT_FALSE(fs::exists(state("agents-ca-old.pem")));
     EXPECT_EQ(finish("agents"), 1);
 }
@@ -215,6 +219,8 @@ TEST_F(authority_commands, the_server_waits_for_who_proves_itself) {
     EXPECT_EQ(err_, "vindral-collector: the next authority is ca-next.pem; agents that prove "
                     "themselves fetch it within a day, and other hosts need a copy behind that of "
                     "ca.pem\n"
+                    "vindral-collector: a collector that runs takes this up within a minute, or at "
+                    "once with a SIGHUP\n"
                     "vindral-collector: then \"vindral-collector authority finish server\" ends "
                     "the old one\n");
     EXPECT_EQ(finish("server"), 1);
@@ -227,7 +233,9 @@ TEST_F(authority_commands, the_server_waits_for_who_proves_itself) {
     const std::string fresh = print_of("ca-next.pem");
     EXPECT_EQ(finish("server"), 0);
     EXPECT_EQ(err_, "vindral-collector: the certificate is signed by the new authority, which is "
-                    "ca.pem now\n");
+                    "ca.pem now\n"
+                    "vindral-collector: a collector that runs takes this up within a minute, or at "
+                    "once with a SIGHUP\n");
     EXPECT_EQ(print_of("ca.pem"), fresh);
     EXPECT_NE(fresh, next);
 }

@@ -213,7 +213,7 @@ void waiting_agents::forget(const name_view& name) {
 
 void waiting_agents::settle(const name_view& name, const protocol::sha256& key) {
     auto at = entries_.find(name);
-    if (at != entries_.end() && (!at->second.shown.key || *at->second.shown.key == key)) {
+    if (at != entries_.end() && at->second.shown.key.value_or(key) == key) {
         drop(at);
     }
 }

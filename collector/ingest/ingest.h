@@ -104,6 +104,15 @@ public:
      * the last one of their test; `since` is set. */
     virtual void follow(plan_summary plan, std::vector<owned_definition> definitions) = 0;
 
+    /* The same of these agents alone, which are not asked by follow() from then on. An agent need
+     * not be there yet: it counts from when it is. */
+    struct agent_plan {
+        std::string account, agent;
+        plan_summary plan;
+        std::vector<owned_definition> definitions;
+    };
+    virtual void follow_agents(std::vector<agent_plan> plans) { (void)plans; }
+
     /* Runs `what` on the writer thread in a transaction of its own, behind what waits already, and
      * then `done` there: whether it was committed, and why not. `what` returns false to have
      * nothing of it kept. Any thread. */

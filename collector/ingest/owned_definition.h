@@ -9,6 +9,7 @@ struct owned_definition {
     uint32_t type = 0;
     int32_t number = 0, location = 0;
     std::string name = {}, text = {};
+    std::string title = {}, group = {}; /* of a fleet's test */
 };
 
 #endif

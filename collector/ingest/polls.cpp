@@ -157,13 +157,33 @@ awaitable<void> polls::answer_login(exchange& x) {
     ++room_.counted.logins;
     room_.counted.sessions.set(sessions_.size());
     results_.heard(x.head.account, x.head.agent, time(nullptr), x.address, x.head.version);
-    commands_.refresh();
     fresh->version = x.head.version;
     fresh->proven = x.proof.has_value();
-    fresh->delivered = fresh->answered_from = commands_.newest(); /* all of it, in this answer */
-    fresh->told(commands_.poll_interval());
-    auto sent = x.answer("200 OK", fresh->id, commands_.text_for_login(*fresh));
-    co_await std::move(sent);
+    co_await prepare_commands(*fresh);
+    commands_.refresh();
+    const told_commands told = commands_.for_login(*fresh);
+    fresh->delivered = fresh->answered_from = told.upto; /* all of it, in this answer */
+    fresh->told(commands_.poll_interval(*fresh));
+    auto sent = x.answer("200 OK", fresh->id, told.text);
+    const bool arrived = co_await std::move(sent);
+    if (arrived) {
+        commands_.answer_arrived(*fresh);
+    }
+}
+
+/* Until it is known what the agent is to be told. */
+awaitable<void> polls::prepare_commands(const session& of) {
+    auto wait = [this, &of](auto handler) {
+        auto held =
+            std::make_shared<decltype(handler)>(std::move(handler)); /* std::function copies */
+        auto ready = [this, held, guard = asio::make_work_guard(context_)] {
+            post_surely(context_, [held] { std::move (*held)(); });
+        };
+        if (commands_.prepare(of, ready)) {
+            ready();
+        }
+    };
+    return asio::async_initiate<const asio::use_awaitable_t<>, void()>(wait, asio::use_awaitable);
 }
 
 awaitable<void> polls::answer_poll(exchange& x) {
@@ -203,20 +223,21 @@ awaitable<void> polls::answer_poll(exchange& x) {
         co_return;
     }
     ++(end == fate::duplicate ? room_.counted.repeated_polls : room_.counted.polls);
+    co_await prepare_commands(*s);
     commands_.refresh();
     uint64_t from = end == fate::duplicate ? s->answered_from : s->delivered;
-    uint64_t newest = commands_.newest();
     const bool check = s->check_now || (end == fate::duplicate && s->told_to_check);
-    std::string text = commands_.text_after(*s, from);
+    told_commands told = commands_.after(*s, from);
     if (check) {
-        text += commands_.text_for_check(*s);
+        told.text += commands_.text_for_check(*s);
     }
-    auto sent = x.answer("200 OK", "", text);
+    auto sent = x.answer("200 OK", "", told.text);
     bool arrived = co_await std::move(sent);
     if (arrived) {
-        s->told(commands_.poll_interval());
+        s->told(commands_.poll_interval(*s));
         s->answered_from = from;
-        s->delivered = std::max(s->delivered, newest);
+        s->delivered = std::max(s->delivered, told.upto);
+        commands_.answer_arrived(*s);
         s->told_to_check = check;
         s->check_now = s->check_now && !check;
     }

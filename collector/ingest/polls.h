@@ -62,6 +62,7 @@ private:
     boost::asio::awaitable<bool> wait_for_turn(exchange& x, turns& all,
                                                std::optional<turns::place>& place,
                                                const session& from, size_t bytes);
+    boost::asio::awaitable<void> prepare_commands(const session& of);
     boost::asio::awaitable<store_result> keep(poll_block block);
     void tell(const name_conflict& conflict);
     standing may_go_by(const exchange& x, const std::string& account, const std::string& agent);

@@ -13,17 +13,18 @@ void commands_for_agents::tell_kept_back(const session& of) const {
                              "): it has not proven who it is");
 }
 
-std::string commands_for_agents::text_for_login(const session& of) const {
+told_commands commands_for_agents::for_login(const session& of) {
     if (!of.proven && lines_.secret_tests_count() > 0) {
         tell_kept_back(of);
     }
-    return of.running ? lines_.text_for_running(earlier_.of(of.account, of.agent), of.proven)
-                      : lines_.text_for_new(of.proven);
+    return {.text = of.running ? lines_.text_for_running(earlier_.of(of.account, of.agent), of.proven)
+                               : lines_.text_for_new(of.proven),
+            .upto = lines_.newest()};
 }
 
-std::string commands_for_agents::text_after(const session& of, uint64_t serial) const {
+told_commands commands_for_agents::after(const session& of, uint64_t serial) {
     if (!of.proven && serial < lines_.newest() && lines_.has_secrets_after(serial)) {
         tell_kept_back(of);
     }
-    return lines_.text_after(serial, of.proven);
+    return {.text = lines_.text_after(serial, of.proven), .upto = lines_.newest()};
 }

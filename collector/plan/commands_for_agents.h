@@ -18,14 +18,15 @@ public:
     commands_for_agents(plan& lines, known_tests earlier, log_function log = nullptr);
 
     void refresh() override { lines_.refresh(); }
-    uint64_t newest() const override { return lines_.newest(); }
-    std::string text_for_login(const session& of) const override;
-    std::string text_after(const session& of, uint64_t serial) const override;
+    told_commands for_login(const session& of) override;
+    told_commands after(const session& of, uint64_t serial) override;
     std::string text_for_check(const session& of) override {
         return lines_.text_for_check(of.proven);
     }
     void login_arrived(const session& of) override { earlier_.forget(of.account, of.agent); }
-    std::chrono::seconds poll_interval() const override { return lines_.poll_interval(); }
+    std::chrono::seconds poll_interval(const session&) const override {
+        return lines_.poll_interval();
+    }
 
 private:
     void tell_kept_back(const session& of) const;

@@ -88,14 +88,63 @@ struct stored_inventory {
     std::string_view record; /* as sent */
 };
 
-/* What a test was told to be, from `since` until the next of its kind and number. */
+/* What a test was told to be, from `since` until the next of its agent, kind and number. */
 struct test_definition {
+    int64_t agent = 0; /* of which it is the test; 0: of all that have no definition of their own */
     uint32_t type = 0;
     int32_t number = 0, location = 0;
     int64_t since = 0;
     std::string_view name; /* for people: what it looks at */
     std::string_view
         text; /* the command's fields behind the code, tabs between, secrets left out */
+    std::string_view title = {}, group = {}; /* the operator's name for it, and the group that has
+                                                it; empty: none was given */
+};
+
+/* ---- what agents are to do ---- */
+
+/* A fleet file that was applied, or that the collector went on from by itself. */
+struct fleet_revision {
+    int32_t revision = 0; /* never given twice; rises */
+    int64_t time = 0;
+    std::string_view author; /* name of a token, "file", or "collector" */
+    std::string_view about;  /* a sentence: why, or what came of it */
+    std::string_view text;   /* as it was written; empty where it is that of the one before */
+    bool has_text = false;   /* it was applied: an empty text may be one, too */
+};
+
+/* What an agent was given: understood above (fleet/assigned.h). */
+struct fleet_agent {
+    std::string_view account, agent;
+    std::string_view assigned; /* packed */
+};
+
+enum class change_outcome : uint8_t { sent = 1, confirmed = 2, unanswered = 3, impossible = 4 };
+
+/* A change of one test of an agent, and what became of it. */
+struct stored_change {
+    int64_t id = 0; /* given by who makes it; rises */
+    int32_t revision = 0;
+    int64_t time = 0;
+    std::string_view account, agent;
+    std::string_view test, was; /* names; `test` empty: of the agent's intervals */
+    uint8_t action = 0;         /* fleet/assigned.h */
+    uint32_t type = 0;          /* of the test's records */
+    int32_t number = 0;
+    int64_t sent = 0;    /* 0: not yet */
+    int64_t settled = 0; /* when the outcome came to be what it is */
+    change_outcome outcome = change_outcome::unanswered;
+    std::string_view reason;
+};
+
+/* Which changes: newest first, by id. */
+struct change_filter {
+    int64_t below = INT64_MAX;                /* id */
+    int32_t revision = 0;                     /* 0: all */
+    std::string_view account, agent;          /* both empty: of all */
+    std::string_view test;                    /* name; empty: all */
+    uint8_t outcomes = 0;                     /* bits 1 << change_outcome; 0: all */
+    int64_t from = INT64_MIN, to = INT64_MAX; /* from <= time < to */
 };
 
 /* ---- reading ---- */
@@ -183,6 +232,43 @@ public:
     read_definition(uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
                     const std::function<void(const test_definition&, int64_t until)>& each,
                     std::string& error) = 0;
+    /* Of the agent if it has any of the kind and number, else of all agents (definition of agent
+     * 0). */
+    virtual bool
+    read_definition_of(int64_t agent, uint32_t type, int32_t number,
+                       std::optional<int32_t> location, int64_t time,
+                       const std::function<void(const test_definition&, int64_t until)>& each,
+                       std::string& error) {
+        (void)agent;
+        return read_definition(type, number, location, time, each, error);
+    }
+
+    /* Newest first. Texts are read only with `texts`. */
+    virtual bool for_each_fleet_revision(bool texts,
+                                         const std::function<bool(const fleet_revision&)>& each,
+                                         std::string& error) {
+        (void)texts, (void)each, (void)error;
+        return true;
+    }
+    /* The text that was in force with that revision: its own or the last one before it. `each` is
+     * not called when there is none. */
+    virtual bool read_fleet(int32_t revision,
+                            const std::function<void(const fleet_revision&)>& each,
+                            std::string& error) {
+        (void)revision, (void)each, (void)error;
+        return true;
+    }
+    virtual bool for_each_fleet_agent(const std::function<void(const fleet_agent&)>& each,
+                                      std::string& error) {
+        (void)each, (void)error;
+        return true;
+    }
+    virtual bool for_each_change(const change_filter& which,
+                                 const std::function<bool(const stored_change&)>& each,
+                                 std::string& error) {
+        (void)which, (void)each, (void)error;
+        return true;
+    }
     virtual std::optional<int64_t> read_fact(const char* name) = 0;
 };
 
@@ -284,6 +370,23 @@ public:
     virtual bool retire_agent(int64_t id, int64_t time) = 0;
     virtual bool append_definition(const test_definition& definition) = 0;
 
+    /* ---- what agents are to do, in transactions too ---- */
+
+    virtual bool append_fleet_revision(const fleet_revision& what) {
+        (void)what;
+        return false;
+    }
+    /* In the place of what is kept of the agent. */
+    virtual bool put_fleet_agent(const fleet_agent& what) {
+        (void)what;
+        return false;
+    }
+    /* In the place of the one of that id. */
+    virtual bool put_change(const stored_change& what) {
+        (void)what;
+        return false;
+    }
+
     /* ---- upkeep, in transactions too ---- */
 
     /* Goes to the day of `received_last`. */
@@ -328,6 +431,10 @@ public:
      */
     virtual drop_outcome drop_events(int64_t time) = 0;
     virtual drop_outcome drop_ledger(int64_t time) = 0;
+    virtual drop_outcome drop_changes(int64_t time) {
+        (void)time;
+        return {};
+    }
     virtual drop_outcome drop_inventories(int64_t time) = 0;
 
     virtual std::optional<int64_t> read_fact(const char* name) = 0;

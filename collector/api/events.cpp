@@ -97,7 +97,7 @@ private:
     }
 
     definition_pointer definition_of(const known_test_row& test, int64_t time) {
-        return definitions_.of(test.type, test.number, std::nullopt, time, error_);
+        return definitions_.of(test.agent, test.type, test.number, std::nullopt, time, error_);
     }
 
     bool is_wanted(const stored_event& event) {

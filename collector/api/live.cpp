@@ -34,19 +34,19 @@ public:
     explicit names_in_store(std::string directory) : directory_(std::move(directory)) {}
 
     /* Null when there is none. */
-    definition_pointer of_test(uint32_t type, std::optional<int32_t> number,
+    definition_pointer of_test(int64_t agent, uint32_t type, std::optional<int32_t> number,
                                std::optional<int32_t> location, int64_t time) {
         auto now = std::chrono::steady_clock::now();
         if (known_.size() > most_names) {
             known_.clear();
         }
-        auto [place, is_new] = known_.try_emplace({type, number.value_or(0), location});
+        auto [place, is_new] = known_.try_emplace({agent, type, number.value_or(0), location});
         if (is_new || now > place->second.until) {
             std::string ignored;
             result_reader* store = read();
             definition_pointer what;
             if (store != nullptr) {
-                what = definition_reader(*store).of(type, number, location, time, ignored);
+                what = definition_reader(*store).of(agent, type, number, location, time, ignored);
             }
             has_nameless_ = has_nameless_ || !what;
             place->second = {std::move(what), now + names_last};
@@ -102,7 +102,7 @@ private:
     const std::string directory_;
     std::unique_ptr<result_reader> reader_;
     bool is_reading_ = false, has_nameless_ = false;
-    std::map<std::tuple<uint32_t, int32_t, std::optional<int32_t>>, known> known_;
+    std::map<std::tuple<int64_t, uint32_t, int32_t, std::optional<int32_t>>, known> known_;
 };
 
 } // namespace
@@ -306,7 +306,7 @@ struct live_messages::state {
             const kept_record& test = *of.test;
             for (const result& each : of.results.take_all()) {
                 definition_pointer definition =
-                    names.of_test(each.type, test.number, each.location, each.time);
+                    names.of_test(what.agent, each.type, test.number, each.location, each.time);
                 json::object object = json_result(each);
                 object.emplace("agent", reference);
                 object.emplace("test",
@@ -320,7 +320,7 @@ struct live_messages::state {
         json::value test;
         if (std::optional<known_test_row> row = names.test(event.test)) {
             definition_pointer what =
-                names.of_test(row->type, row->number, std::nullopt, event.time);
+                names.of_test(event.agent, row->type, row->number, std::nullopt, event.time);
             test = test_reference(row->id, row->type, row->number, what.get());
         }
         hub.publish(hub_kind::event, event.agent, event.test,

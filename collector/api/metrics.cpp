@@ -228,7 +228,7 @@ public:
 private:
     void add_test(const known_agent& row, const agent_state& now, const test_status& test) {
         const state shown = shown_state(now, test);
-        const definition_pointer what = definitions_.of(test, error_);
+        const definition_pointer what = definitions_.of(row.id, test, error_);
         const std::string labels = label_text(
             {{"account", row.account},
              {"agent", row.agent},

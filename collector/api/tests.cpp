@@ -96,7 +96,7 @@ public:
         for (const row& each : page_) {
             check_deadline(asked_);
             const found& of = agents_[each.agent];
-            definition_pointer what = definitions_.of(each.test, error_);
+            definition_pointer what = definitions_.of(of.id, each.test, error_);
             result latest = last.of(each.test, error_);
             latest.message = shortened(std::move(latest.message), most_of_message);
             json::object item = test_object(agent_reference(of.id, of.account, of.name), of.state,
@@ -141,6 +141,7 @@ private:
             error_ = "the state of " + std::string(row.account) + "/" + std::string(row.agent) +
                      " is damaged";
         }
+        looked_at_ = row.id;
         is_named_ = has_text(row.agent, q_) || has_text(row.account, q_);
         bool is_there = false;
         size_t looked_at = 0;
@@ -183,7 +184,7 @@ private:
         if (q_.empty() || is_named_) {
             return true;
         }
-        definition_pointer what = definitions_.of(test, error_);
+        definition_pointer what = definitions_.of(looked_at_, test, error_);
         return has_text(test_name(test.type, test.number, what.get()), q_);
     }
 
@@ -197,7 +198,8 @@ private:
     std::string account_, name_;
     int64_t type_ = 0, number_ = 0;
     definition_reader definitions_;
-    agent_state now_; /* of the agent that is looked at */
+    int64_t looked_at_ = 0; /* the agent that is */
+    agent_state now_;       /* of that */
     bool is_named_ = false;
     std::vector<found> agents_;
     std::vector<row> page_;
@@ -220,8 +222,9 @@ api_answer one_test(const api_request& asked, api_services& with) {
         }
     }
     std::string error;
-    definition_pointer what = definition_reader(*store).of(
-        test.type, test.number, test.location, test.time != 0 ? test.time : with.now(), error);
+    definition_pointer what =
+        definition_reader(*store).of(agent.id, test.type, test.number, test.location,
+                                     test.time != 0 ? test.time : with.now(), error);
     json::object object =
         test_object(agent_reference(agent.id, agent.account, agent.name), agent.state, test,
                     what.get(), last_results(*store).of(test, error));

@@ -15,7 +15,7 @@ bool definitions::look_up() {
                                        .text = std::string(d.text)};
     };
     std::string error;
-    engine_.reader().for_each_definition(0, 0, note, error);
+    engine_.reader().for_each_definition(0, 0, 0, note, error);
     is_known_ = engine_.is_open();
     return is_known_;
 }

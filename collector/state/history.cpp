@@ -313,7 +313,7 @@ public:
     void find_definitions(std::vector<result>& of) {
         definition_reader all(store_);
         for (result& r : of) {
-            r.judged_by = all.of(test_.type, test_.number, r.location, r.time, error_);
+            r.judged_by = all.of(test_.agent, test_.type, test_.number, r.location, r.time, error_);
         }
     }
     void find_definitions(series& of) {

@@ -113,6 +113,14 @@ struct fleet_revision {
     bool has_text = false;   /* it was applied: an empty text may be one, too */
 };
 
+constexpr size_t most_fleet_texts = 1000;
+
+/* A fact: how often restore_from() put a copy in the place of what is stored. It grows with each,
+ * also when the same copy comes back twice. Since the copy was made agents may have been told
+ * revisions and numbers that it knows nothing of: whoever gives these notes in the store which
+ * value it has seen, and goes on far above what it finds once for each that it has not. */
+inline constexpr char restored_fact[] = "restored";
+
 /* What an agent was given: understood above (fleet/assigned.h). */
 struct fleet_agent {
     std::string_view account, agent;
@@ -220,55 +228,42 @@ public:
     virtual bool read_inventory(int64_t agent, uint32_t type, int64_t time,
                                 const std::function<void(const stored_inventory&)>& each,
                                 std::string& error) = 0;
+    /* ---- definitions: an agent's own, or with agent 0 those of all that have none ---- */
+
+    /* Whether the agent has any of its own. */
+    virtual bool has_definitions(int64_t agent) = 0;
     /* All that a test was, oldest first; of every test of the type with `number` 0, and of every
-     * type with `type` 0 too. */
-    virtual bool for_each_definition(uint32_t type, int32_t number,
+     * type with `type` 0 too. Looks at those of the agent alone. */
+    virtual bool for_each_definition(int64_t agent, uint32_t type, int32_t number,
                                      const std::function<void(const test_definition&)>& each,
                                      std::string& error) = 0;
     /* What a test was at `time`: of those with that location id, or with any, the one stored last
      * of which `since` is not later; the one stored first when there is none. At `until` another
      * takes its place; INT64_MAX: none does. */
     virtual bool
-    read_definition(uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
+    read_definition(int64_t agent, uint32_t type, int32_t number, std::optional<int32_t> location,
+                    int64_t time,
                     const std::function<void(const test_definition&, int64_t until)>& each,
                     std::string& error) = 0;
-    /* Of the agent if it has any of the kind and number, else of all agents (definition of agent
-     * 0). */
-    virtual bool
-    read_definition_of(int64_t agent, uint32_t type, int32_t number,
-                       std::optional<int32_t> location, int64_t time,
-                       const std::function<void(const test_definition&, int64_t until)>& each,
-                       std::string& error) {
-        (void)agent;
-        return read_definition(type, number, location, time, each, error);
-    }
+
+    /* ---- what agents are to do ---- */
 
     /* Newest first. Texts are read only with `texts`. */
     virtual bool for_each_fleet_revision(bool texts,
                                          const std::function<bool(const fleet_revision&)>& each,
-                                         std::string& error) {
-        (void)texts, (void)each, (void)error;
-        return true;
-    }
+                                         std::string& error) = 0;
     /* The text that was in force with that revision: its own or the last one before it. `each` is
-     * not called when there is none. */
+     * not called when there is none, or none is kept any more. */
     virtual bool read_fleet(int32_t revision,
                             const std::function<void(const fleet_revision&)>& each,
-                            std::string& error) {
-        (void)revision, (void)each, (void)error;
-        return true;
-    }
+                            std::string& error) = 0;
+    /* By account and name. */
     virtual bool for_each_fleet_agent(const std::function<void(const fleet_agent&)>& each,
-                                      std::string& error) {
-        (void)each, (void)error;
-        return true;
-    }
+                                      std::string& error) = 0;
     virtual bool for_each_change(const change_filter& which,
                                  const std::function<bool(const stored_change&)>& each,
-                                 std::string& error) {
-        (void)which, (void)each, (void)error;
-        return true;
-    }
+                                 std::string& error) = 0;
+
     virtual std::optional<int64_t> read_fact(const char* name) = 0;
 };
 
@@ -372,20 +367,13 @@ public:
 
     /* ---- what agents are to do, in transactions too ---- */
 
-    virtual bool append_fleet_revision(const fleet_revision& what) {
-        (void)what;
-        return false;
-    }
-    /* In the place of what is kept of the agent. */
-    virtual bool put_fleet_agent(const fleet_agent& what) {
-        (void)what;
-        return false;
-    }
+    /* Above every one that is there: else nothing is done, and the transaction ends. Of those with
+     * texts the newest most_fleet_texts are kept; what is older than these goes. */
+    virtual bool append_fleet_revision(const fleet_revision& what) = 0;
+    /* In the place of what is kept of the agent. With nothing in `assigned` nothing is kept. */
+    virtual bool put_fleet_agent(const fleet_agent& what) = 0;
     /* In the place of the one of that id. */
-    virtual bool put_change(const stored_change& what) {
-        (void)what;
-        return false;
-    }
+    virtual bool put_change(const stored_change& what) = 0;
 
     /* ---- upkeep, in transactions too ---- */
 
@@ -427,14 +415,12 @@ public:
     /* Drops some roll-ups of months that were over before `day`, of tests that nothing came of any
      * more. */
     virtual drop_outcome drop_roll_ups(resolution r, int64_t day) = 0;
-    /* Drops some events, ledger rows and inventories that were followed by another before `time`.
-     */
+    /* Drops some of what was before `time`: events, ledger rows, and inventories that were followed
+     * by another. */
     virtual drop_outcome drop_events(int64_t time) = 0;
     virtual drop_outcome drop_ledger(int64_t time) = 0;
-    virtual drop_outcome drop_changes(int64_t time) {
-        (void)time;
-        return {};
-    }
+    /* Some changes, and revisions without a text but for the newest one. */
+    virtual drop_outcome drop_changes(int64_t time) = 0;
     virtual drop_outcome drop_inventories(int64_t time) = 0;
 
     virtual std::optional<int64_t> read_fact(const char* name) = 0;

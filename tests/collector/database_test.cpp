@@ -195,13 +195,24 @@ TEST_F(database_test, nothing_is_searched_row_by_row) {
           "SELECT hour FROM ledger WHERE hour >= 2 AND hour < 3 ORDER BY hour, agent",
           "SELECT id FROM inventories WHERE agent = 1 AND type = 2 AND time <= 3 "
           "ORDER BY time DESC, id DESC",
-          "SELECT id FROM definitions WHERE type = 1 AND number = 2 ORDER BY id",
-          "SELECT id FROM definitions WHERE type = 1 AND number = 2 AND location = 3 AND "
-          "since <= 4 ORDER BY id DESC",
-          "SELECT id FROM definitions WHERE type = 1 AND number = 2 AND since <= 4 "
+          "SELECT 1 FROM definitions WHERE agent = 1 LIMIT 1",
+          "SELECT id FROM definitions WHERE agent = 1 AND type = 1 AND number = 2 ORDER BY id",
+          "SELECT id FROM definitions WHERE agent = 1 AND type = 1 AND number = 2 AND location = 3 "
+          "AND since <= 4 ORDER BY id DESC",
+          "SELECT id FROM definitions WHERE agent = 1 AND type = 1 AND number = 2 AND since <= 4 "
           "ORDER BY id DESC",
-          "SELECT min(since) FROM definitions WHERE type = 1 AND number = 2 AND location = 3 AND "
-          "id > 4"}) {
+          "SELECT min(since) FROM definitions WHERE agent = 1 AND type = 1 AND number = 2 AND "
+          "location = 3 AND id > 4",
+          "SELECT text FROM fleet_revisions WHERE revision <= 1 AND text IS NOT NULL ORDER BY "
+          "revision DESC LIMIT 1",
+          "SELECT reason FROM fleet_changes WHERE id < 1 AND account = 'a' AND agent = 'b' AND "
+          "+revision = 1 AND test = 'c' AND (1 >> outcome) & 1 = 1 AND +time >= 1 AND +time < 2 "
+          "ORDER BY id DESC",
+          "SELECT reason FROM fleet_changes WHERE id < 1 AND '' = '' AND revision = 1 AND test = "
+          "'c' AND +time >= 1 AND +time < 2 ORDER BY id DESC",
+          "SELECT reason FROM fleet_changes WHERE id < 1 AND +time >= 1 AND +time < 2 ORDER BY id "
+          "DESC",
+          "SELECT id FROM fleet_changes WHERE time < 1 ORDER BY time LIMIT 32"}) {
         statement plan(db.get(), std::string("EXPLAIN QUERY PLAN ") + sql);
         int steps = 0;
         for (; plan.row(); steps++) {

@@ -23,7 +23,7 @@ protected:
                         std::optional<int32_t> number = 401, uint32_t type = disk) {
         auto name = [&](definition_reader& from) {
             std::string error;
-            definition_pointer found = from.of(type, number, location, time, error);
+            definition_pointer found = from.of(1, type, number, location, time, error);
             EXPECT_EQ(error, "");
             return found ? found->name : "none";
         };
@@ -115,9 +115,9 @@ TEST_F(definition_test, looked_up_once_for_all_that_it_judged) {
     add(200, "second");
     std::string error;
     for (int64_t time = 400; time > 0; time--) {
-        definition_pointer found = reader.of(disk, 401, 1, time, error);
+        definition_pointer found = reader.of(1, disk, 401, 1, time, error);
         EXPECT_EQ(found ? found->name : "", time >= 200 ? "second" : "first");
-        EXPECT_EQ(reader.of(disk, 402, 1, time, error), nullptr);
+        EXPECT_EQ(reader.of(1, disk, 402, 1, time, error), nullptr);
     }
     EXPECT_EQ(store.definitions_read, 4u) << "second, first, what is older than it, none";
 }
@@ -127,11 +127,11 @@ TEST_F(definition_test, that_of_a_tests_last_result) {
     add(200, "second");
     std::string error;
     test_status test{.type = disk, .number = 401, .time = 150, .location = 1};
-    definition_pointer found = reader.of(test, error);
+    definition_pointer found = reader.of(1, test, error);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->name, "first");
     test.time = 250;
-    EXPECT_EQ(reader.of(test, error)->name, "second");
+    EXPECT_EQ(reader.of(1, test, error)->name, "second");
 }
 
 TEST_F(definition_test, what_a_test_was_in_some_time) {
@@ -151,10 +151,10 @@ TEST_F(definition_test, what_a_test_was_in_some_time) {
 TEST_F(definition_test, why_it_cannot_be_read) {
     store.failure = "gone";
     std::string error;
-    EXPECT_EQ(reader.of(disk, 401, 1, 5, error), nullptr);
+    EXPECT_EQ(reader.of(1, disk, 401, 1, 5, error), nullptr);
     EXPECT_EQ(error, "gone");
     error = "worse";
-    EXPECT_EQ(reader.of(disk, 401, 1, 5, error), nullptr);
+    EXPECT_EQ(reader.of(1, disk, 401, 1, 5, error), nullptr);
     EXPECT_EQ(error, "worse");
     store.failure = "";
     add(1, "disk");

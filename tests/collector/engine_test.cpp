@@ -542,7 +542,7 @@ TEST_F(engine_test, what_a_test_was_is_kept) {
             found.push_back(std::to_string(d.type) + "/" + std::to_string(d.number) + " " +
                             std::to_string(d.since - noon) + " " + std::string(d.name));
         };
-        EXPECT_TRUE(reader()->for_each_definition(type, number, note, error)) << error;
+        EXPECT_TRUE(reader()->for_each_definition(0, type, number, note, error)) << error;
         return found;
     };
     EXPECT_EQ(read(66, 5), (strings{"66/5 0 load", "66/5 100 load again"}));
@@ -571,7 +571,7 @@ TEST_F(engine_test, what_a_test_was_at_a_time) {
             found += std::to_string(d.since - noon) + " " + std::string(d.name) + " until " +
                      (until == INT64_MAX ? "the end" : std::to_string(until - noon));
         };
-        EXPECT_TRUE(reader()->read_definition(66, number, location, time, note, error)) << error;
+        EXPECT_TRUE(reader()->read_definition(0, 66, number, location, time, note, error)) << error;
         return found;
     };
     EXPECT_EQ(read(1, noon), "");

@@ -445,12 +445,27 @@ struct bare_store : result_reader {
                         const std::function<void(const stored_inventory&)>&, text&) override {
         return true;
     }
-    bool for_each_definition(uint32_t, int32_t, const std::function<void(const test_definition&)>&,
-                             text&) override {
+    bool has_definitions(int64_t) override { return false; }
+    bool for_each_definition(int64_t, uint32_t, int32_t,
+                             const std::function<void(const test_definition&)>&, text&) override {
         return true;
     }
-    bool read_definition(uint32_t, int32_t, std::optional<int32_t>, int64_t,
+    bool read_definition(int64_t, uint32_t, int32_t, std::optional<int32_t>, int64_t,
                          const std::function<void(const test_definition&, int64_t)>&,
+                         text&) override {
+        return true;
+    }
+    bool for_each_fleet_revision(bool, const std::function<bool(const fleet_revision&)>&,
+                                 text&) override {
+        return true;
+    }
+    bool read_fleet(int32_t, const std::function<void(const fleet_revision&)>&, text&) override {
+        return true;
+    }
+    bool for_each_fleet_agent(const std::function<void(const fleet_agent&)>&, text&) override {
+        return true;
+    }
+    bool for_each_change(const change_filter&, const std::function<bool(const stored_change&)>&,
                          text&) override {
         return true;
     }

@@ -230,23 +230,28 @@ public:
                         std::string&) override {
         return true;
     }
-    bool for_each_definition(uint32_t type, int32_t number,
+    bool has_definitions(int64_t agent) override {
+        return std::any_of(definitions.begin(), definitions.end(),
+                           [agent](const definition& d) { return d.agent == agent; });
+    }
+    bool for_each_definition(int64_t agent, uint32_t type, int32_t number,
                              const std::function<void(const test_definition&)>& each,
                              std::string& error) override {
         for (const definition& d : definitions) {
-            if ((type == 0 || d.type == type) && (number == 0 || d.number == number)) {
+            if (d.agent == agent && (type == 0 || d.type == type) &&
+                (number == 0 || d.number == number)) {
                 each(view_of(d));
             }
         }
         return is_good(error);
     }
-    bool read_definition(uint32_t type, int32_t number, std::optional<int32_t> location,
-                         int64_t time,
+    bool read_definition(int64_t agent, uint32_t type, int32_t number,
+                         std::optional<int32_t> location, int64_t time,
                          const std::function<void(const test_definition&, int64_t)>& each,
                          std::string& error) override {
         definitions_read++;
         auto is_one = [&](const definition& d) {
-            return d.type == type && d.number == number &&
+            return d.agent == agent && d.type == type && d.number == number &&
                    d.location == location.value_or(d.location);
         };
         const definition* found = nullptr;
@@ -264,6 +269,22 @@ public:
         }
         return is_good(error);
     }
+    bool for_each_fleet_revision(bool, const std::function<bool(const fleet_revision&)>&,
+                                 std::string& error) override {
+        return is_good(error);
+    }
+    bool read_fleet(int32_t, const std::function<void(const fleet_revision&)>&,
+                    std::string& error) override {
+        return is_good(error);
+    }
+    bool for_each_fleet_agent(const std::function<void(const fleet_agent&)>&,
+                              std::string& error) override {
+        return is_good(error);
+    }
+    bool for_each_change(const change_filter&, const std::function<bool(const stored_change&)>&,
+                         std::string& error) override {
+        return is_good(error);
+    }
     bool renew(std::string&) override { return true; }
     void rest() override {}
     std::optional<int64_t> read_fact(const char* name) override {
@@ -276,7 +297,15 @@ public:
 
 private:
     static test_definition view_of(const definition& d) {
-        return {d.type, d.number, d.location, d.since, d.name, d.text};
+        return {.agent = d.agent,
+                .type = d.type,
+                .number = d.number,
+                .location = d.location,
+                .since = d.since,
+                .name = d.name,
+                .text = d.text,
+                .title = d.title,
+                .group = d.group};
     }
 
     bool is_good(std::string& error) const {

@@ -153,6 +153,22 @@ bite drop_some_ledger_rows(sqlite3* db, int64_t time) {
                        time);
 }
 
+bite drop_some_changes(sqlite3* db, int64_t time) {
+    bite of_changes =
+        drop_before(db,
+                    "DELETE FROM fleet_changes WHERE id IN (SELECT id FROM fleet_changes WHERE "
+                    "time < ? ORDER BY time LIMIT ?)",
+                    time);
+    if (of_changes.result != SQLITE_OK || of_changes.more) {
+        return of_changes;
+    }
+    return drop_before(db,
+                       "DELETE FROM fleet_revisions WHERE revision IN (SELECT revision FROM "
+                       "fleet_revisions WHERE text IS NULL AND time < ? AND revision < (SELECT "
+                       "max(revision) FROM fleet_revisions) ORDER BY time LIMIT ?)",
+                       time);
+}
+
 /* For each agent and type the last one before that time stays. */
 bite drop_some_inventories(sqlite3* db, int64_t time, inventory_cursor& from) {
     using clock = std::chrono::steady_clock;

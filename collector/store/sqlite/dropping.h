@@ -28,6 +28,8 @@ bite drop_some_roll_ups(sqlite3* db, resolution r, int64_t day);
 
 bite drop_some_events(sqlite3* db, int64_t time);
 bite drop_some_ledger_rows(sqlite3* db, int64_t time);
+/* Of the fleet; and revisions without texts, but for the newest of all. */
+bite drop_some_changes(sqlite3* db, int64_t time);
 
 /* Where the last bite ended. */
 struct inventory_cursor {

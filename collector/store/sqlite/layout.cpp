@@ -41,15 +41,46 @@ const char tables[] =
 
     "CREATE TABLE definitions (id INTEGER PRIMARY KEY, type INTEGER NOT NULL,"
     " number INTEGER NOT NULL, location INTEGER NOT NULL, since INTEGER NOT NULL,"
-    " name TEXT NOT NULL, text TEXT NOT NULL);"
-    "CREATE INDEX definitions_of_test ON definitions (type, number);"
-    "CREATE INDEX definitions_of_location ON definitions (type, number, location);"
+    " name TEXT NOT NULL, text TEXT NOT NULL, agent INTEGER NOT NULL DEFAULT 0,"
+    " title TEXT NOT NULL DEFAULT '', team TEXT NOT NULL DEFAULT '');"
 
     "CREATE TABLE days (day TEXT PRIMARY KEY, turn INTEGER NOT NULL);"
     "CREATE TABLE facts (name TEXT PRIMARY KEY, value INTEGER NOT NULL);"
     "CREATE TABLE undecodable (id INTEGER PRIMARY KEY, received INTEGER NOT NULL,"
     " agent INTEGER NOT NULL, offset INTEGER NOT NULL, bytes INTEGER NOT NULL,"
     " reason TEXT NOT NULL, kept_as TEXT NOT NULL);";
+
+/* What layout 3 has not; the indices of definitions are others there. */
+const char tables_since_4[] =
+    "CREATE INDEX definitions_of_test ON definitions (agent, type, number);"
+    "CREATE INDEX definitions_of_location ON definitions (agent, type, number, location);"
+
+    "CREATE TABLE fleet_revisions (revision INTEGER PRIMARY KEY, time INTEGER NOT NULL,"
+    " author TEXT NOT NULL, about TEXT NOT NULL, text TEXT);"
+    "CREATE INDEX fleet_texts ON fleet_revisions (revision) WHERE text IS NOT NULL;"
+    "CREATE INDEX fleet_revisions_by_time ON fleet_revisions (time) WHERE text IS NULL;"
+
+    "CREATE TABLE fleet_agents (id INTEGER PRIMARY KEY, account TEXT NOT NULL,"
+    " agent TEXT NOT NULL, assigned BLOB NOT NULL, UNIQUE (account, agent));"
+
+    "CREATE TABLE fleet_changes (id INTEGER PRIMARY KEY, revision INTEGER NOT NULL,"
+    " time INTEGER NOT NULL, account TEXT NOT NULL, agent TEXT NOT NULL, test TEXT NOT NULL,"
+    " was TEXT NOT NULL, action INTEGER NOT NULL, type INTEGER NOT NULL, number INTEGER NOT NULL,"
+    " sent INTEGER NOT NULL, settled INTEGER NOT NULL, outcome INTEGER NOT NULL,"
+    " reason TEXT NOT NULL);"
+    "CREATE INDEX fleet_changes_of_revision ON fleet_changes (revision);"
+    "CREATE INDEX fleet_changes_of_agent ON fleet_changes (account, agent);"
+    "CREATE INDEX fleet_changes_by_time ON fleet_changes (time);";
+
+const char from_3_to_4[] = "ALTER TABLE definitions ADD COLUMN agent INTEGER NOT NULL DEFAULT 0;"
+                           "ALTER TABLE definitions ADD COLUMN title TEXT NOT NULL DEFAULT '';"
+                           "ALTER TABLE definitions ADD COLUMN team TEXT NOT NULL DEFAULT '';"
+                           "DROP INDEX definitions_of_test;"
+                           "DROP INDEX definitions_of_location;";
+
+bool set_version(sqlite3* db) {
+    return database_exec(db, "PRAGMA user_version = " + std::to_string(database_version));
+}
 
 /* A change of the file itself, not of its log, was cut short: a reader may not undo it. */
 bool undo_cut_short(const std::string& path) {
@@ -97,21 +128,30 @@ bool database_check(sqlite3* db, database_layout& layout, std::string& error) {
                 ", this program knows version " + std::to_string(database_version);
         return false;
     }
-    layout = version == database_version ? database_layout::current : database_layout::earlier;
+    layout = version == database_version           ? database_layout::current
+             : version == database_version_renewed ? database_layout::renewed
+                                                   : database_layout::earlier;
     return true;
 }
 
 bool database_make_tables(sqlite3* db) {
-    return database_exec(db, tables) &&
-           database_exec(db, "PRAGMA application_id = " + std::to_string(database_application_id) +
-                                 "; PRAGMA user_version = " + std::to_string(database_version));
+    return database_exec(db, tables) && database_exec(db, tables_since_4) &&
+           database_exec(db,
+                         "PRAGMA application_id = " + std::to_string(database_application_id)) &&
+           set_version(db);
 }
 
-bool database_open_reading(const std::string& directory, database& db, std::string& error) {
-    return database_open_file(database_path(directory), db, error);
+bool database_renew(sqlite3* db) {
+    return database_exec(db, from_3_to_4) && database_exec(db, tables_since_4) && set_version(db);
 }
 
-bool database_open_file(const std::string& path, database& db, std::string& error) {
+bool database_open_reading(const std::string& directory, database& db, std::string& error,
+                           database_layout* layout) {
+    return database_open_file(database_path(directory), db, error, layout);
+}
+
+bool database_open_file(const std::string& path, database& db, std::string& error,
+                        database_layout* layout) {
     std::string reason;
     struct stat status;
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
@@ -131,18 +171,22 @@ bool database_open_file(const std::string& path, database& db, std::string& erro
         return false;
     }
     sqlite3_busy_timeout(handle, 2000);
-    database_layout layout{};
+    database_layout found{};
     auto look = [&] {
         reason.clear();
-        return database_exec(handle, "BEGIN") && database_check(handle, layout, reason);
+        return database_exec(handle, "BEGIN") && database_check(handle, found, reason);
     };
     if (!look() && !(sqlite3_extended_errcode(handle) == SQLITE_READONLY_ROLLBACK &&
                      undo_cut_short(path) && database_exec(handle, "ROLLBACK") && look())) {
         reason = reason.empty() ? sqlite3_errmsg(handle) : reason;
-    } else if (layout == database_layout::none) {
+    } else if (found == database_layout::none) {
         reason = "there is nothing in it";
-    } else if (layout == database_layout::earlier) {
+    } else if (found == database_layout::earlier ||
+               (found == database_layout::renewed && layout == nullptr)) {
         reason = "its layout is that of an earlier version; a start of the collector renews it";
+    }
+    if (layout != nullptr) {
+        *layout = found;
     }
     error = reason.empty() ? "" : path + ": " + reason;
     return reason.empty();

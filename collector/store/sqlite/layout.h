@@ -39,7 +39,14 @@
  *                     message
  *   ledger            agent, hour (when it begins), received, repeated, missing
  *   inventories       id, agent, type, received, time, record: a row when it changed
- *   definitions       id, type, number, location, since, name, text: what tests were defined as
+ *   definitions       id, type, number, location, since, name, text, agent (0: of all that have
+ * none of their own), title, team (the group): what tests were defined as
+ *
+ *   fleet_revisions   revision (rises), time, author, about, text (null: that of the one before)
+ *   fleet_agents      id, account, agent, assigned (fleet/assigned.h)
+ *   fleet_changes     id (rises), revision, time, account, agent, test, was, action, type, number,
+ *                     sent, settled, outcome, reason
+ *
  *   undecodable       id, received, agent, offset, bytes, reason, kept_as (name of the file)
  *
  *   days
@@ -65,7 +72,11 @@
 #include <string>
 #include <vector>
 
-enum { database_version = 3, database_application_id = 0x564e4443 };
+enum {
+    database_version = 4,
+    database_version_renewed = 3, /* it becomes the present one where it is */
+    database_application_id = 0x564e4443
+};
 
 /* The database's file in a state directory. */
 std::string database_path(const std::string& directory);
@@ -73,6 +84,7 @@ std::string database_path(const std::string& directory);
 enum class database_layout {
     none,    /* a file without any content: the tables are still to be made */
     earlier, /* of an earlier version: earlier.h */
+    renewed, /* database_version_renewed: it lacks columns of definitions, and all of the fleet */
     current, /* database_version */
 };
 
@@ -82,11 +94,18 @@ bool database_check(sqlite3* db, database_layout& layout, std::string& error);
 /* Makes the tables that are always there, in the transaction that is under way. */
 bool database_make_tables(sqlite3* db);
 
+/* Makes a file of layout `renewed` one of the present layout, in the transaction that is under way.
+ * Takes no longer for many results than for few. */
+bool database_renew(sqlite3* db);
+
 /* Opens the database of a state directory for reading only, and begins a transaction: one state of
- * it for all that is read, also while a collector writes. */
-bool database_open_reading(const std::string& directory, database& db, std::string& error);
+ * it for all that is read, also while a collector writes. `layout`: null, or what it may also be
+ * but current: renewed. */
+bool database_open_reading(const std::string& directory, database& db, std::string& error,
+                           database_layout* layout = nullptr);
 /* The same for a file anywhere. */
-bool database_open_file(const std::string& path, database& db, std::string& error);
+bool database_open_file(const std::string& path, database& db, std::string& error,
+                        database_layout* layout = nullptr);
 
 /* ---- tables that come and go ---- */
 

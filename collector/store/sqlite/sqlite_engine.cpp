@@ -42,7 +42,8 @@ bool sqlite_engine::open() {
         }
         /* A file that lacks one of its tables is of no use. */
         ok = ok && execute("SELECT 1 FROM agents, tests, blocks, events, ledger, inventories, "
-                           "definitions, days, facts, undecodable LIMIT 0");
+                           "definitions, days, facts, undecodable, fleet_revisions, "
+                           "fleet_agents, fleet_changes LIMIT 0");
         if (!ok) {
             reason_.clear();
             file_.refuse(reason_); /* while what failed can still be asked for its reason */
@@ -349,11 +350,12 @@ bool sqlite_engine::add_to_ledger(const ledger_row& counts) {
 bool sqlite_engine::append_definition(const test_definition& definition) {
     bool ok;
     {
-        auto insert = take("INSERT INTO definitions (type, number, location, since, name, text) "
-                           "VALUES (?, ?, ?, ?, ?, ?)");
+        auto insert = take("INSERT INTO definitions (type, number, location, since, name, text, "
+                           "agent, title, team) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
         insert->bind(int64_t{definition.type}).bind(int64_t{definition.number});
         insert->bind(int64_t{definition.location}).bind(definition.since);
-        ok = insert->bind_text(definition.name).bind_text(definition.text).run();
+        insert->bind_text(definition.name).bind_text(definition.text).bind(definition.agent);
+        ok = insert->bind_text(definition.title).bind_text(definition.group).run();
     }
     return go_on(ok);
 }
@@ -495,6 +497,10 @@ drop_outcome sqlite_engine::drop_events(int64_t time) {
 
 drop_outcome sqlite_engine::drop_ledger(int64_t time) {
     return outcome_of(drop_some_ledger_rows(file_.handle(), time));
+}
+
+drop_outcome sqlite_engine::drop_changes(int64_t time) {
+    return outcome_of(drop_some_changes(file_.handle(), time));
 }
 
 drop_outcome sqlite_engine::drop_inventories(int64_t time) {

@@ -42,6 +42,11 @@ public:
     bool set_state(int64_t agent, std::string_view state) override;
     bool append_definition(const test_definition& definition) override;
 
+    /* fleet_rows.cpp */
+    bool append_fleet_revision(const fleet_revision& what) override;
+    bool put_fleet_agent(const fleet_agent& what) override;
+    bool put_change(const stored_change& what) override;
+
     bool append_chunk(int64_t test, const packed_chunk& chunk) override;
     bool drop_blocks(int64_t row) override;
     bool put_roll_up(resolution r, int64_t test, int64_t day, std::string_view data) override;
@@ -62,6 +67,7 @@ public:
     drop_outcome drop_roll_ups(resolution r, int64_t day) override;
     drop_outcome drop_events(int64_t time) override;
     drop_outcome drop_ledger(int64_t time) override;
+    drop_outcome drop_changes(int64_t time) override;
     drop_outcome drop_inventories(int64_t time) override;
     std::optional<int64_t> read_fact(const char* name) override {
         return database_fact(file_.handle(), name);

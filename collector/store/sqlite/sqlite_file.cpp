@@ -143,17 +143,19 @@ bool sqlite_file::open(std::string& error) {
         close();
         return false;
     }
-    bool empty = false;
-    if (!open_layout(empty, error)) {
+    database_layout layout{};
+    if (!open_layout(layout, error)) {
         if (db_) {
             refuse(error);
         }
         return false;
     }
+    const bool empty = layout == database_layout::none;
     is_settled_ = false;
     bool ok = (!empty || database_exec(db_.get(), "PRAGMA page_size = 8192")) &&
               database_exec(db_.get(), "PRAGMA journal_mode = WAL") &&
               database_exec(db_.get(), settings) && (!empty || make(error)) &&
+              (layout != database_layout::renewed || renew()) &&
               (settle() || sqlite3_errcode(db_.get()) == SQLITE_FULL);
     wal_inode_ = inode_of(path() + "-wal");
     if (!ok) {
@@ -174,8 +176,7 @@ bool sqlite_file::settle() {
 }
 
 /* Whether what is there can be used. Without a file behind it, that is closed already. */
-bool sqlite_file::open_layout(bool& empty, std::string& error) {
-    database_layout found{};
+bool sqlite_file::open_layout(database_layout& found, std::string& error) {
     if (!database_check(db_.get(), found, error)) {
         return false;
     }
@@ -196,7 +197,6 @@ bool sqlite_file::open_layout(bool& empty, std::string& error) {
         }
         found = database_layout::none;
     }
-    empty = found == database_layout::none;
     return true;
 }
 
@@ -222,6 +222,12 @@ bool sqlite_file::make(std::string& error) {
         carried_ = {};
     }
     return ok;
+}
+
+/* A kill leaves it as it was, and the next start does it. */
+bool sqlite_file::renew() {
+    return database_exec(db_.get(), "BEGIN IMMEDIATE") && database_renew(db_.get()) &&
+           database_exec(db_.get(), "COMMIT");
 }
 
 /* Its end was not waited for. */

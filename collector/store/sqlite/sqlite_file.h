@@ -1,6 +1,7 @@
-/* The writer's file, results.db, and what becomes of it: made and opened, renamed when an earlier
- * version made it (earlier.h), left when somebody removes or replaces it, set aside when it is
- * damaged. What is known of the agents goes into the file that follows.
+/* The writer's file, results.db, and what becomes of it: made and opened, renewed in its place when
+ * the version before made it, renamed when an earlier one did (earlier.h), left when somebody
+ * removes or replaces it, set aside when it is damaged. What is known of the agents goes into the
+ * file that follows.
  *
  * In the state directory: results.db (with -wal and -shm beside it while it is open), lock (held by
  * the collector that uses the directory) and results-damaged-*.db, what results.db was before it
@@ -16,6 +17,7 @@
 #include "store/engine.h"
 #include "store/sqlite/carried.h"
 #include "store/sqlite/database.h"
+#include "store/sqlite/layout.h"
 
 #include <string>
 #include <sys/types.h>
@@ -68,8 +70,9 @@ private:
     bool empty_log();
     bool lock_is_held(std::string& error);
     bool open_handle(std::string& error);
-    bool open_layout(bool& empty, std::string& error);
+    bool open_layout(database_layout& found, std::string& error);
     bool make(std::string& error);
+    bool renew();
     void forget_earlier_that_is_done();
 
     const engine_options options_;

@@ -7,8 +7,6 @@
 
 namespace {
 
-const char too_late[] = "there was not time enough";
-
 const char agent_columns[] =
     "SELECT id, account, name, address, version, first_seen, last_seen, state, "
     "retired FROM agents";
@@ -95,22 +93,6 @@ bool sqlite_reader::note(int result, std::string& error) {
                                            : "it is not open";
     }
     return ok;
-}
-
-/* Calls `each` for every row until it returns false. Returns whether more may be read. */
-template <typename Do>
-bool sqlite_reader::each_row(statement& rows, Do each, std::string& error) {
-    int result;
-    while ((result = rows.step()) == SQLITE_ROW) {
-        if (is_too_late()) {
-            error = error.empty() ? too_late : error;
-            return false;
-        }
-        if (!each()) {
-            return false;
-        }
-    }
-    return note(result, error) || database_is_damaged(result);
 }
 
 /* ---- agents and tests ---- */
@@ -363,59 +345,65 @@ bool sqlite_reader::read_inventory(int64_t agent, uint32_t type, int64_t time,
     return error.empty();
 }
 
+bool sqlite_reader::has_definitions(int64_t agent) {
+    return take("SELECT 1 FROM definitions WHERE agent = ? LIMIT 1")->bind(agent).row();
+}
+
+/* A row of type, number, location, since, name, text, title and team. */
+static test_definition definition_of(const statement& row, int64_t agent) {
+    return {.agent = agent,
+            .type = static_cast<uint32_t>(row.integer(0)),
+            .number = static_cast<int32_t>(row.integer(1)),
+            .location = static_cast<int32_t>(row.integer(2)),
+            .since = row.integer(3),
+            .name = row.bytes(4),
+            .text = row.bytes(5),
+            .title = row.bytes(6),
+            .group = row.bytes(7)};
+}
+
 bool sqlite_reader::read_definition(
-    uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
+    int64_t agent, uint32_t type, int32_t number, std::optional<int32_t> location, int64_t time,
     const std::function<void(const test_definition&, int64_t until)>& each, std::string& error) {
     error.clear();
-    const std::string which = std::string("WHERE type = ?1 AND number = ?2 AND ") +
-                              (location ? "location = ?3 " : "?3 = 0 ");
-    const std::string sql =
-        "SELECT location, since, name, text, (SELECT min(since) FROM definitions " + which +
-        "AND id > d.id) FROM definitions d " + which;
+    const std::string which = std::string("WHERE agent = ?1 AND type = ?2 AND number = ?3 AND ") +
+                              (location ? "location = ?4 " : "?4 = 0 ");
+    const std::string sql = "SELECT type, number, location, since, name, text, title, team, "
+                            "(SELECT min(since) FROM definitions " +
+                            which + "AND id > d.id) FROM definitions d " + which;
     bool found = false;
     auto read = [&](statement& row) {
         auto take_it = [&] {
             found = true;
-            each({.type = type,
-                  .number = number,
-                  .location = static_cast<int32_t>(row.integer(0)),
-                  .since = row.integer(1),
-                  .name = row.bytes(2),
-                  .text = row.bytes(3)},
-                 row.is_null(4) ? std::numeric_limits<int64_t>::max() : row.integer(4));
+            each(definition_of(row, agent),
+                 row.is_null(8) ? std::numeric_limits<int64_t>::max() : row.integer(8));
             return true;
         };
-        row.bind(int64_t{type})
-            .bind(int64_t{number})
-            .bind(int64_t{location.value_or(0)})
-            .bind(time);
+        row.bind(agent).bind(int64_t{type}).bind(int64_t{number});
+        row.bind(int64_t{location.value_or(0)}).bind(time);
         return each_row(row, take_it, error);
     };
-    auto last = take(sql + "AND since <= ?4 ORDER BY id DESC LIMIT 1");
+    auto last = take(sql + "AND since <= ?5 ORDER BY id DESC LIMIT 1");
     if (read(*last) && !found) {
-        auto first = take(sql + "AND ?4 = ?4 ORDER BY id LIMIT 1");
+        auto first = take(sql + "AND ?5 = ?5 ORDER BY id LIMIT 1");
         read(*first);
     }
     return error.empty();
 }
 
-bool sqlite_reader::for_each_definition(uint32_t type, int32_t number,
+bool sqlite_reader::for_each_definition(int64_t agent, uint32_t type, int32_t number,
                                         const std::function<void(const test_definition&)>& each,
                                         std::string& error) {
     error.clear();
-    std::string sql = "SELECT type, number, location, since, name, text FROM definitions ";
-    sql += number != 0 ? "WHERE type = ?1 AND number = ?2 ORDER BY id"
-           : type != 0 ? "WHERE type = ?1 AND ?2 = 0 ORDER BY number, id"
-                       : "WHERE ?1 = ?2 ORDER BY type, number, id";
+    std::string sql = "SELECT type, number, location, since, name, text, title, team FROM "
+                      "definitions WHERE agent = ?1 ";
+    sql += number != 0 ? "AND type = ?2 AND number = ?3 ORDER BY id"
+           : type != 0 ? "AND type = ?2 AND ?3 = 0 ORDER BY number, id"
+                       : "AND ?2 = ?3 ORDER BY type, number, id";
     auto rows = take(sql);
-    rows->bind(int64_t{type}).bind(int64_t{number});
+    rows->bind(agent).bind(int64_t{type}).bind(int64_t{number});
     auto each_definition = [&] {
-        each({.type = static_cast<uint32_t>(rows->integer(0)),
-              .number = static_cast<int32_t>(rows->integer(1)),
-              .location = static_cast<int32_t>(rows->integer(2)),
-              .since = rows->integer(3),
-              .name = rows->bytes(4),
-              .text = rows->bytes(5)});
+        each(definition_of(*rows, agent));
         return true;
     };
     each_row(*rows, each_definition, error);

@@ -51,24 +51,51 @@ public:
     bool read_inventory(int64_t agent, uint32_t type, int64_t time,
                         const std::function<void(const stored_inventory&)>& each,
                         std::string& error) override;
-    bool for_each_definition(uint32_t type, int32_t number,
+    bool has_definitions(int64_t agent) override;
+    bool for_each_definition(int64_t agent, uint32_t type, int32_t number,
                              const std::function<void(const test_definition&)>& each,
                              std::string& error) override;
-    bool read_definition(uint32_t type, int32_t number, std::optional<int32_t> location,
-                         int64_t time,
+    bool read_definition(int64_t agent, uint32_t type, int32_t number,
+                         std::optional<int32_t> location, int64_t time,
                          const std::function<void(const test_definition&, int64_t until)>& each,
                          std::string& error) override;
+
+    /* fleet_rows.cpp */
+    bool for_each_fleet_revision(bool texts, const std::function<bool(const fleet_revision&)>& each,
+                                 std::string& error) override;
+    bool read_fleet(int32_t revision, const std::function<void(const fleet_revision&)>& each,
+                    std::string& error) override;
+    bool for_each_fleet_agent(const std::function<void(const fleet_agent&)>& each,
+                              std::string& error) override;
+    bool for_each_change(const change_filter& which,
+                         const std::function<bool(const stored_change&)>& each,
+                         std::string& error) override;
+
     std::optional<int64_t> read_fact(const char* name) override { return database_fact(db_, name); }
 
 private:
     static constexpr auto never = std::chrono::steady_clock::time_point::max();
+    static constexpr char too_late[] = "there was not time enough";
 
     statement_cache::taken take(std::string_view sql) { return statements_.take(db_, sql); }
     bool is_too_late() const;
     /* Notes what a step said; false when it is an error. */
     bool note(int result, std::string& error);
+    /* Calls `each` for every row until it returns false. Returns whether more may be read. */
     template <typename Do>
-    bool each_row(statement& rows, Do each, std::string& error);
+    bool each_row(statement& rows, Do each, std::string& error) {
+        int result;
+        while ((result = rows.step()) == SQLITE_ROW) {
+            if (is_too_late()) {
+                error = error.empty() ? too_late : error;
+                return false;
+            }
+            if (!each()) {
+                return false;
+            }
+        }
+        return note(result, error) || database_is_damaged(result);
+    }
     bool chunks_of(const std::string& table, int64_t test, int64_t from,
                    const std::function<bool(const packed_chunk&)>& wanted,
                    const std::function<bool(const packed_chunk&)>& each, bool& more,

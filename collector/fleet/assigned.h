@@ -11,9 +11,12 @@
 
 #include "fleet/wanted.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,12 +32,21 @@ struct assigned_test {
     int32_t revision = 0;  /* with which it last changed: its location id; `added` or above */
     int32_t confirmed = 0; /* highest that a result of it had; 0: none had */
     test_digest digest = {};
-    std::string found = {};      /* see wanted_test */
-    double whole_gb = 0;         /* see found_before */
-    std::string impossible = {}; /* why it is not sent; empty: it is. `number` may be 0 then */
+    int32_t returned = 0;   /* with which it was sent again after it could not be: an agent
+                               that was started anew meanwhile does not have it; 0: never */
+    std::string was = {};   /* the "was" that has been heeded */
+    std::string found = {}; /* see wanted_test */
+    double whole_gb = 0;    /* see found_before, note_whole() */
+    /* Why it is not sent; empty: it is. With a number other than 0 the agent keeps what it was sent
+     * before: `revision` and `digest` are of that. */
+    std::string impossible = {};
 
     std::shared_ptr<const fleet_test> what = {}; /* null: not known since the restart, */
-    std::vector<std::string> fields = {};        /* and these are not packed, either */
+    std::vector<std::string> fields = {};        /* and these are not packed, either; empty: those
+                                                    of `what` */
+    const std::vector<std::string>& its_fields() const {
+        return fields.empty() && what ? what->fields : fields;
+    }
 };
 
 /* Something that the agent may have and is not to have. */
@@ -48,8 +60,9 @@ struct removed_test {
 
 struct assigned_agent {
     int32_t next_number = 1;
-    int32_t poll = 0, check = 0;           /* seconds, as told; 0: never told */
-    int32_t intervals_revision = 0;        /* with which they changed */
+    int32_t poll = 0, check = 0;                   /* seconds, as told; 0: never told */
+    int32_t poll_revision = 0, check_revision = 0; /* with which each changed */
+    int32_t intervals_revision() const { return std::max(poll_revision, check_revision); }
     std::vector<assigned_test> tests = {}; /* by name */
     std::vector<removed_test> removed = {};
     int32_t newest = 0; /* highest revision of all of these */
@@ -59,7 +72,14 @@ struct assigned_agent {
 
     assigned_test* find(uint32_t type, int32_t number);
     assigned_test* find(std::string_view name);
+
+    /* What wanted_of() is to know of what was found before. */
+    std::map<std::string, found_before, std::less<>> found() const;
 };
+
+/* A result of a disk says how large the disk is. True when that is news: another whole, by more
+ * than half a percent; then what is wanted may be another. */
+bool note_whole(assigned_test& test, double whole_gb);
 
 enum class change_action : uint8_t { add = 1, change = 2, rename = 3, remove = 4, intervals = 5 };
 std::string_view action_word(change_action a); /* "add", "change", ... */
@@ -71,7 +91,8 @@ struct fleet_change {
     change_action action = change_action::add;
     uint32_t type = 0;
     int32_t number = 0;
-    std::string impossible = {}; /* why nothing is sent; empty: it is */
+    std::string impossible = {}; /* why it is not sent; empty: it is. A rename, and the removal of
+                                    number 0, need nothing to be sent */
     std::string reason = {};     /* what else is to be said: "10 % of 50 GB", about_intervals */
     /* For people: what of the test is another now, from and to, without secrets. */
     struct field {
@@ -82,9 +103,20 @@ struct fleet_change {
 
 /* Makes `now` what is wanted, as of `revision`; returns what changed, by test name, nothing where
  * nothing did. What was impossible and is so still for the same reason is no change. `serial_of`
- * says which value of a secret is there (0: none; then the test is impossible). `before` are the
- * wanted tests that were in force, for `fields` of the changes: may be null. With no number left
- * (2^31 - 1) a test is impossible. A removed test of which nothing was ever sent leaves nothing. */
+ * says which value of a secret is there (0: none; then the test is impossible). With no number left
+ * (2^31 - 1) a test is impossible. A removed test of which nothing was ever sent leaves nothing.
+ *
+ * BECOMES IMPOSSIBLE  What lacks a secret, or waits for an inventory, stays at the agent as it is.
+ * What looks for something that is not there is removed, and is another test, with another number,
+ * once it is there.
+ *
+ * WAS  is heeded once: as long as it stands there unchanged it means nothing more. Names may be
+ * exchanged, and passed on in chains. A test that is there under the new name goes when none of the
+ * others takes it over, unless the old name goes on, too: then there is nothing to rename. Of two
+ * that claim one name the first has it. Another kind never is the same test.
+ *
+ * A rename that also changes is two changes, and so are another kind of the name and a test that is
+ * taken from the agent because it cannot have it any more: a removal and an addition. */
 std::vector<fleet_change> assign(assigned_agent& now, const wanted_agent& wanted, int32_t revision,
                                  const std::function<uint64_t(std::string_view secret)>& serial_of);
 
@@ -94,16 +126,17 @@ std::vector<fleet_change> assign(assigned_agent& now, const wanted_agent& wanted
  * (64 KiB) or would become more than a line: a control character in what is put in. */
 using expand_function = std::function<std::optional<std::string>(std::string_view line)>;
 
-/* For an agent that is up to `from`: the fewest commands that bring it here. Removals go first,
- * then the intervals, then what is added and changed. With `proven` false tests with secrets are
- * left out. */
+/* For an agent that is up to `from`, and may have got answers after that: the fewest commands that
+ * bring it here. Removals go first, then the intervals, then what is added and changed. With
+ * `proven` false tests with secrets are left out. */
 std::string commands_after(const assigned_agent& now, int32_t from, bool proven,
                            const expand_function& expand);
 
 /* For one that logs in. `has_run`: it may have tests from before; then those that are removed go,
  * each test comes as an add command (which an agent that has it ignores), and those of which it is
- * not known that the agent has the present revision (`confirmed`) as a modify command, too. A scan
- * is not begun again. */
+ * not known that the agent has the present revision (`confirmed`) as a modify command, too. Where
+ * the add command of a test that is there would be logged as an error, one that had results is
+ * removed before. A scan that has begun is not begun again. */
 std::string commands_for_login(const assigned_agent& now, bool has_run, bool proven,
                                const expand_function& expand);
 
@@ -111,7 +144,7 @@ std::string commands_for_login(const assigned_agent& now, bool has_run, bool pro
 std::string commands_for_check(const assigned_agent& now, bool proven,
                                const expand_function& expand);
 
-/* Those of one test, to put it right: add, then modify. */
+/* Those of one test, to put it right: add, then modify (a scan only if it was ever changed). */
 std::string commands_for_test(const assigned_agent& now, const assigned_test& test, bool proven,
                               const expand_function& expand);
 

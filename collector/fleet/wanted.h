@@ -30,6 +30,7 @@ struct wanted_test {
     std::shared_ptr<const fleet_test> what;
     std::vector<std::string> fields = {}; /* as of fleet_test, with what was found; empty: those */
     std::string found = {};               /* the protocol's name of the disk or interface */
+    double whole_gb = 0;                  /* of that disk; 0: not known */
     /* Why the agent cannot have it ("there is no disk /data; there are /, /home"); empty: it can.
      * What is only not known yet says so: `waits`. */
     std::string impossible = {};

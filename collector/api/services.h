@@ -3,6 +3,7 @@
 #define VINDRAL_COLLECTOR_API_SERVICES_H
 
 #include "api/hub.h"
+#include "fleet/service.h"
 #include "ingest/counters.h"
 #include "ingest/ingest.h"
 #include "ingest/known_agents.h"
@@ -93,6 +94,7 @@ struct api_services {
         readiness; /* what is not as it should be */
     std::string version;
     std::vector<std::string> allowed_accounts = {}; /* that may log in; empty: all */
+    fleet_service* fleet = nullptr; /* null: there is none, a plan of raw commands rules */
 };
 
 /* Runs `what` on the store's thread in a transaction of its own and waits for its end; throws

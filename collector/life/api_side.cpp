@@ -34,11 +34,11 @@ static bool is_loopback(const std::string& address) {
 
 api_side::api_side(const options& o, size_t connections, const agents_side& identities,
                    ingest& results, server& agents, event_hub& hub, const counters& counted,
-                   std::function<void(const std::string&)> log)
+                   fleet_service* fleet, std::function<void(const std::string&)> log)
     : options_(o), web_(web_options_from(o, connections, identities.report())),
       identities_(identities), tls_(is_loopback(o.web_address) ? nullptr : identities.for_api()),
       log_(std::move(log)), stored_(std::make_unique<reader_pool>(o.state_dir)), results_(results),
-      agents_(agents), hub_(hub), counted_(counted) {}
+      agents_(agents), hub_(hub), counted_(counted), fleet_(fleet) {}
 
 /* Has the network thread do it, and says what came of it; none when that takes longer than a
  * second: it is done later then. So it refers to nothing of this call's. */
@@ -104,7 +104,8 @@ bool api_side::start(std::string& error) {
                 return ready ? std::vector<std::string>() : std::vector{trouble};
             },
         .version = collector_version(),
-        .allowed_accounts = options_.allow});
+        .allowed_accounts = options_.allow,
+        .fleet = fleet_});
     std::unique_ptr<web_server> server;
     try {
         server = std::make_unique<web_server>(web_, tls_.get(), *kept, *services_, log_);

@@ -18,9 +18,9 @@
 
 class api_side {
 public:
-    /* All must outlive this. */
+    /* All must outlive this. `fleet` may be null: a plan of raw commands rules. */
     api_side(const options& o, size_t connections, const agents_side& identities, ingest& results,
-             server& agents, event_hub& hub, const counters& counted,
+             server& agents, event_hub& hub, const counters& counted, fleet_service* fleet,
              std::function<void(const std::string&)> log);
     ~api_side(); /* stop() */
 
@@ -54,6 +54,7 @@ private:
     server& agents_;
     event_hub& hub_;
     const counters& counted_;
+    fleet_service* const fleet_;
     std::unique_ptr<api_services> services_;
     std::unique_ptr<web_server> server_;
 };

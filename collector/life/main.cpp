@@ -229,7 +229,7 @@ static int run_server(const options& o) {
         return fail(error);
     }
     identities.listens_on(collector.port());
-    api_side api(o, for_web, identities, *results, collector, hub, counted, report);
+    api_side api(o, for_web, identities, *results, collector, hub, counted, nullptr, report);
     if (!o.web_address.empty() && !api.start(error)) {
         if (o.web_given) {
             return fail(error);

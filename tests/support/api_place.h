@@ -11,6 +11,7 @@
 
 #include "collector_test_support.h"
 #include "decisions_in_memory.h"
+#include "fake_fleet.h"
 #include "json_schema.h"
 
 #include <atomic>
@@ -172,7 +173,8 @@ protected:
                     ready = is_ready;
                     return notes;
                 },
-            .version = "3.0"});
+            .version = "3.0",
+            .fleet = &fleet});
     }
 
     /* The store's thread has looked after agents and tests since the last block: that comes behind
@@ -212,6 +214,7 @@ protected:
         asked.who = {may, 1, "ann", "192.0.2.9"};
         asked.deadline = deadline;
         asked.if_none_match = if_none_match;
+        asked.accept = accept;
         return answer_request(method, target, asked, *with);
     }
 
@@ -295,12 +298,13 @@ protected:
     known_secrets secrets{kept, state};
     enrolment_place where{"https://collector.example.org:8443", protocol::sha256{1, 2, 3}};
     counters counted;
+    fake_fleet fleet;
     std::unique_ptr<ingest> store;
     std::unique_ptr<noting_ingest> noting;
     std::unique_ptr<api_services> with;
     std::vector<std::string> told, notes;
     bool has_session = true, is_ready = true;
-    std::string if_none_match;
+    std::string if_none_match, accept;
     std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 

@@ -34,6 +34,43 @@ bool write_all(int fd, std::string_view data) {
     return true;
 }
 
+/* "8 MiB", or "1000000 bytes". */
+static std::string size_text(size_t bytes) {
+    const size_t mebibytes = bytes >> 20;
+    return mebibytes << 20 == bytes ? std::to_string(mebibytes) + " MiB"
+                                    : std::to_string(bytes) + " bytes";
+}
+
+bool read_whole_file(const std::string& path, size_t most, std::string& content,
+                     std::string& trouble) {
+    content.clear();
+    unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0) {
+        trouble = system_error(path);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        trouble = path + ": is not a file";
+        return false;
+    }
+    std::string piece(64 * size_t{1024}, '\0');
+    ssize_t got = 0;
+    while (content.size() <= most && (got = read(file.get(), piece.data(), piece.size())) != 0) {
+        if (got > 0) {
+            content.append(piece, 0, static_cast<size_t>(got));
+        } else if (errno != EINTR) {
+            trouble = system_error(path);
+            return false;
+        }
+    }
+    if (content.size() > most) {
+        trouble = path + ": is larger than " + size_text(most);
+        return false;
+    }
+    return true;
+}
+
 static bool give_to_owner(int file, const std::string& directory) {
     struct stat home;
     return geteuid() != 0 || (stat(directory.c_str(), &home) == 0 &&

@@ -2,6 +2,7 @@
 #ifndef VINDRAL_COLLECTOR_FILES_H
 #define VINDRAL_COLLECTOR_FILES_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -31,6 +32,11 @@ bool write_all(int fd, std::string_view data);
 
 /* Whose a file that root makes is: root's, or the owner's of the directory that it is in. */
 enum class file_owner { writer, directory };
+
+/* The text of a file, in the place of what is in `content`. Never waits: a pipe or a device is
+ * refused before it is read. False with the path and the reason in `trouble`. */
+bool read_whole_file(const std::string& path, size_t most, std::string& content,
+                     std::string& trouble);
 
 /* Puts a new file of `mode` in the place of whatever is there, whole and on disk: it is written as
  * `path`.new first, and nobody ever sees half of it. */

@@ -3,11 +3,8 @@
 #include "base/files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -24,36 +21,6 @@ int64_t clock_ns(clockid_t clock) {
     return nanoseconds(now);
 }
 int64_t (*read_clock_ns)(clockid_t) = clock_ns; /* a test pins it */
-
-/* Never waits: a pipe or a device is refused before it is read. */
-bool read_file(const std::string& path, std::string& content, std::string& trouble) {
-    unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    struct stat status;
-    if (!file || fstat(file.get(), &status) != 0) {
-        trouble = system_error(path);
-        return false;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        trouble = path + ": is not a file";
-        return false;
-    }
-    std::string piece(64 * 1024, '\0');
-    ssize_t got;
-    while (content.size() <= max_file &&
-           (got = ::read(file.get(), piece.data(), piece.size())) != 0) {
-        if (got > 0) {
-            content.append(piece, 0, static_cast<size_t>(got));
-        } else if (errno != EINTR) {
-            trouble = system_error(path);
-            return false;
-        }
-    }
-    if (content.size() > max_file) {
-        trouble = path + ": is larger than 8 MiB";
-        return false;
-    }
-    return true;
-}
 
 } // namespace
 
@@ -91,8 +58,7 @@ plan_file::state plan_file::read(const std::vector<plan_line>& in_force, std::st
                  nanoseconds(status.st_ctim)})) {
         return state::same;
     }
-    text.clear();
-    if (!read_file(path_, text, trouble)) {
+    if (!read_whole_file(path_, max_file, text, trouble)) {
         return state::failed;
     }
     if (text.empty() && !in_force.empty()) {

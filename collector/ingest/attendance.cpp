@@ -60,20 +60,44 @@ void attendance::follow(plan_summary plan, std::vector<owned_definition> definit
     told_ = std::move(definitions);
 }
 
-/* ---- the store's thread ---- */
-
-patience attendance::now() const {
-    const int64_t now = clock();
-    return {.interval = expected_.at(now).check, .stale_after = expected_.stale_after(now)};
+void attendance::follow_agents(std::vector<ingest::agent_plan> plans) {
+    std::lock_guard hold(mutex_);
+    agent_plans_.insert(agent_plans_.end(), std::make_move_iterator(plans.begin()),
+                        std::make_move_iterator(plans.end()));
 }
 
-int64_t attendance::stale_after() const {
-    return expected_.stale_after(clock());
+/* ---- the store's thread ---- */
+
+patience attendance::now(agent_work& agent, std::string_view account, std::string_view name) const {
+    const int64_t now = clock();
+    const expectations::shared own = expected_.find(account, name);
+    const expected& plan = own ? *own : expected_.others();
+    const intervals every = plan.at(now);
+    agent.state.every = own ? std::optional(every) : std::nullopt;
+    return {.interval = every.check, .stale_after = plan.stale_after(now)};
+}
+
+int64_t attendance::longest_stale_after() const {
+    return expected_.longest_stale_after(clock());
+}
+
+/* Every agent that has an id gets into the roster here. */
+roster_agent& attendance::add_to_roster(int64_t id, std::string_view account,
+                                        std::string_view name) {
+    if (expected_.has_own() && !own_.contains(id)) {
+        if (expectations::shared own = expected_.find(account, name)) {
+            own_[id] = std::move(own);
+        }
+    }
+    return agents_.add(id, account, name);
 }
 
 void attendance::know(const known_agent& row, const agent_state& state, int64_t now) {
-    roster_agent& agent = agents_.add(row.id, row.account, row.agent);
+    roster_agent& agent = add_to_roster(row.id, row.account, row.agent);
     note_open(agent, state);
+    if (state.every && !own_.contains(row.id)) {
+        before_[row.id] = *state.every;
+    }
     agent.row_written = now - 1; /* who is heard now comes after it */
     if (row.retired != 0) {
         return;
@@ -90,6 +114,8 @@ void attendance::know(const known_agent& row, const agent_state& state, int64_t 
 void attendance::begin() {
     const int64_t now = clock();
     agents_.clear();
+    own_.clear();
+    before_.clear();
     watch_ = watch(now);
     looked_ = now;
     newest_ = INT64_MIN;
@@ -122,7 +148,7 @@ void attendance::begin() {
 void attendance::stored(const agent_work& agent, std::string_view account, std::string_view name,
                         int64_t at, bool in_row) {
     const int64_t now = clock();
-    roster_agent& known = agents_.add(agent.id, account, name);
+    roster_agent& known = add_to_roster(agent.id, account, name);
     note_open(known, agent.state);
     known.row_written = in_row ? now : known.row_written;
     watch_.heard(agent.id, at);
@@ -175,7 +201,41 @@ bool attendance::take_plan() {
     if (told) {
         definitions_.follow(std::move(*told));
     }
+    take_agent_plans();
     return is_told_;
+}
+
+void attendance::take_agent_plans() {
+    std::vector<ingest::agent_plan> plans;
+    {
+        std::lock_guard hold(mutex_);
+        plans.swap(agent_plans_);
+    }
+    if (plans.empty()) {
+        return;
+    }
+    std::vector<expectations::own> own;
+    own.reserve(plans.size());
+    for (const ingest::agent_plan& told : plans) {
+        const roster_agent* known = agents_.find(told.account, told.agent);
+        auto before = known != nullptr ? before_.find(known->id) : before_.end();
+        own.push_back(
+            {.account = told.account,
+             .agent = told.agent,
+             .plan = &told.plan,
+             .before = before != before_.end() ? std::optional(before->second) : std::nullopt});
+    }
+    expected_.follow(own, clock());
+    for (ingest::agent_plan& told : plans) {
+        if (const roster_agent* known = agents_.find(told.account, told.agent)) {
+            own_[known->id] = expected_.find(told.account, told.agent);
+            before_.erase(known->id);
+        }
+        told.plan = {};
+        if (!told.definitions.empty()) {
+            undefined_.push_back(std::move(told));
+        }
+    }
 }
 
 /* What was told since the last time. */
@@ -219,7 +279,11 @@ bool attendance::run() {
         written_all_ = false;
     }
     if (!found_all_ && overdue_.empty()) {
-        watch_.find_overdue(expected_, now, most_agents, overdue_);
+        auto plan_of = [&](int64_t agent) -> const expected& {
+            auto own = own_.find(agent);
+            return own != own_.end() ? *own->second : expected_.others();
+        };
+        watch_.find_overdue(plan_of, now, most_agents, overdue_);
         found_all_ = overdue_.size() < most_agents;
     }
     bool ok = true;
@@ -238,10 +302,11 @@ bool attendance::run() {
                   definitions_.is_due());
 }
 
-/* For those who read, and for the next run. */
+/* For those who read, and for the next run: the longest, so that nobody is found to be silent who
+ * is not. */
 bool attendance::write_patience() {
-    const int64_t wanted = stale_after();
-    const intervals every = expected_.at(clock());
+    const int64_t wanted = longest_stale_after();
+    const intervals every = expected_.longest(clock());
     if (stale_after_ == wanted && every_ == every) {
         return true;
     }
@@ -366,7 +431,7 @@ bool attendance::write_rows(int64_t due) {
     for (size_t i = 0; ok && i < some.size(); i++) {
         const heard_agent& what = some[i]->second;
         bool fresh = agents_.find(works_[i].id) == nullptr;
-        roster_agent& agent = agents_.add(works_[i].id, what.account, what.name);
+        roster_agent& agent = add_to_roster(works_[i].id, what.account, what.name);
         agent.row_written = clock();
         if (fresh) {
             watch_.know(agent.id, false, what.at);

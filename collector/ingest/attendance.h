@@ -6,11 +6,11 @@
 #define VINDRAL_COLLECTOR_ATTENDANCE_H
 
 #include "ingest/definitions.h"
-#include "ingest/owned_definition.h"
+#include "ingest/ingest.h"
 #include "ingest/roster.h"
 #include "ingest/storing.h"
 #include "ingest/witness.h"
-#include "state/expected.h"
+#include "state/expectations.h"
 #include "state/watch.h"
 #include "store/engine.h"
 
@@ -40,6 +40,7 @@ public:
     /* It brought a block that was turned away. */
     void held_up(std::string_view account, std::string_view agent);
     void follow(plan_summary plan, std::vector<owned_definition> definitions);
+    void follow_agents(std::vector<ingest::agent_plan> plans);
 
     /* ---- the store's thread ---- */
 
@@ -50,9 +51,11 @@ public:
     /* Takes in the plan that was told last. False when none was told yet: then that of the last run
      * holds, as far as the intervals go. */
     bool take_plan();
-    /* How long things take now. */
-    patience now() const;
-    int64_t stale_after() const;
+    /* How long things take now with an agent whose block is being stored; its row is to say so,
+     * too. */
+    patience now(agent_work& agent, std::string_view account, std::string_view name) const;
+    /* Of all agents: no test is stale before. */
+    int64_t longest_stale_after() const;
 
     /* Whether a block that arrived at `at`, by steady_clock, ends its agent's silence: one that
      * came before that was found, and is stored only now, does not. */
@@ -89,6 +92,8 @@ private:
 
     static int64_t clock();
     void know(const known_agent& row, const agent_state& state, int64_t now);
+    roster_agent& add_to_roster(int64_t id, std::string_view account, std::string_view name);
+    void take_agent_plans();
     void take_in();
     bool write_patience();
     void look_for_overdue(int64_t now);
@@ -104,13 +109,17 @@ private:
     storing storing_{engine_};
     definitions definitions_{engine_};
 
-    std::mutex mutex_; /* guards the next four */
+    std::mutex mutex_; /* guards the next five */
     inbox heard_;
     std::set<std::pair<std::string, std::string>> held_up_; /* account and name */
     std::optional<plan_summary> plan_;
     std::optional<std::vector<owned_definition>> told_;
+    std::vector<ingest::agent_plan> agent_plans_;
 
-    expected expected_;
+    expectations expected_;
+    std::unordered_map<int64_t, expectations::shared> own_; /* of those that have an id, by that */
+    std::unordered_map<int64_t, intervals> before_;         /* what the last run told them */
+    std::vector<ingest::agent_plan> undefined_;             /* whose definitions are not stored */
     watch watch_{clock()};
     witness witness_;
     int64_t looked_ = clock(); /* when somebody was overdue, the last time */

@@ -150,6 +150,9 @@ public:
     void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
         parts_->present.follow(std::move(plan), std::move(definitions));
     }
+    void follow_agents(std::vector<agent_plan> plans) override {
+        parts_->present.follow_agents(std::move(plans));
+    }
     void update(std::function<bool(engine&)> what, change_done done) override {
         want({.what = std::move(what), .done = std::move(done)});
     }
@@ -202,7 +205,7 @@ private:
     void begin();
     bool is_known();
     upkeep_view view() const {
-        return {arrival_clock(), parts_->present.newest(), parts_->present.stale_after(),
+        return {arrival_clock(), parts_->present.newest(), parts_->present.longest_stale_after(),
                 parts_->present.on_clock()};
     }
     void write_batches();
@@ -345,7 +348,7 @@ void writer::take_over() {
         try {
             engine_->look_after();
             make_changes();
-            made = is_known() ? parts_->earlier.step(parts_->present.stale_after())
+            made = is_known() ? parts_->earlier.step(parts_->present.longest_stale_after())
                               : takeover::progress::failed;
             upkeep_view then = view();
             then.now = parts_->earlier.now();
@@ -579,6 +582,7 @@ bool writer::retire_agent(int64_t agent) {
     work.state.inventories.clear();
     work.state.silent = false;
     work.state.since = 0;
+    work.state.every.reset();
     return engine_->retire_agent(agent, arrival_clock()) &&
            engine_->set_state(agent, parts_->store.packed(work));
 }
@@ -719,7 +723,8 @@ bool writer::store_slice(queued_block& b, agent_work& work) {
         }
     }
     auto results = std::span<const decoded_record>(decoded_).subspan(b.first_record, b.records);
-    if (!parts_->store.records(work, results, block.received, parts_->present.now(),
+    const patience now = parts_->present.now(work, block.account, block.agent);
+    if (!parts_->store.records(work, results, block.received, now,
                                parts_->present.brings_back(work.id, b.submitted))) {
         return false;
     }

@@ -105,13 +105,15 @@ public:
     virtual void follow(plan_summary plan, std::vector<owned_definition> definitions) = 0;
 
     /* The same of these agents alone, which are not asked by follow() from then on. An agent need
-     * not be there yet: it counts from when it is. */
+     * not be there yet: it counts from when it is. The first plan of an agent since the start is
+     * held against the intervals that it had when its last results came; where that is not known,
+     * against the longest that anybody had. */
     struct agent_plan {
         std::string account, agent;
         plan_summary plan;
         std::vector<owned_definition> definitions;
     };
-    virtual void follow_agents(std::vector<agent_plan> plans) { (void)plans; }
+    virtual void follow_agents(std::vector<agent_plan> plans) = 0;
 
     /* Runs `what` on the writer thread in a transaction of its own, behind what waits already, and
      * then `done` there: whether it was committed, and why not. `what` returns false to have

@@ -8,6 +8,9 @@ namespace {
 
 constexpr char version = 1;
 
+/* What stands first. */
+constexpr uint64_t is_silent = 1, has_intervals = 2;
+
 /* More kinds of inventories than there will ever be; one beyond it is damage. */
 constexpr uint64_t max_inventories = 64;
 
@@ -179,6 +182,14 @@ int32_t number_at(unpacker& from, std::optional<int32_t> before) {
     return static_cast<int32_t>(value);
 }
 
+std::optional<intervals> unpack_intervals(unpacker& from, uint64_t flags) {
+    if ((flags & has_intervals) == 0) {
+        return std::nullopt;
+    }
+    const int32_t poll = number_at(from, {});
+    return intervals{.poll = poll, .check = number_at(from, {})};
+}
+
 void unpack_test(unpacker& from, test_status& t, const test_status& before) {
     auto time_at = [&](int64_t other) {
         return static_cast<int64_t>(bits(other) - from.get_signed());
@@ -279,7 +290,11 @@ void agent_state::pack(std::string& into) const {
     into.clear();
     into += version;
     packer to(into);
-    to.put(silent ? 1 : 0);
+    to.put((silent ? is_silent : 0) | (every ? has_intervals : 0));
+    if (every) {
+        to.put_signed(bits(every->poll));
+        to.put_signed(bits(every->check));
+    }
     to.put_signed(bits(counts.hour));
     to.put(counts.received);
     to.put(counts.repeated);
@@ -308,6 +323,7 @@ bool agent_state::unpack(std::string_view packed) {
     tests.clear();
     inventories.clear();
     silent = false;
+    every.reset();
     since = last_block = open_since = 0;
     open_bytes = 0;
     counts = {};
@@ -318,8 +334,9 @@ bool agent_state::unpack(std::string_view packed) {
     auto get_behind = [&](int64_t other) {
         return static_cast<int64_t>(bits(other) + from.get_signed());
     };
-    uint64_t is_silent = from.get();
-    silent = is_silent == 1;
+    const uint64_t flags = from.get();
+    silent = (flags & is_silent) != 0;
+    every = unpack_intervals(from, flags);
     counts.hour = get_behind(0);
     counts.received = from.get();
     counts.repeated = from.get();
@@ -329,7 +346,8 @@ bool agent_state::unpack(std::string_view packed) {
     open_since = get_behind(counts.hour);
     open_bytes = from.get();
     uint64_t count = from.get();
-    bool good = packed.front() == version && is_silent <= 1 && count <= max_inventories;
+    bool good = packed.front() == version && flags <= (is_silent | has_intervals) &&
+                count <= max_inventories;
     for (; good && from.is_good() && count > 0; count--) {
         inventory_status& i = inventories.emplace_back();
         i.type = from.get_as<uint32_t>();
@@ -358,7 +376,7 @@ std::optional<hour_counts> packed_counts(std::string_view packed) {
         return std::nullopt;
     }
     unpacker from(packed.substr(1));
-    from.get(); /* whether it is silent */
+    unpack_intervals(from, from.get());
     hour_counts counts;
     counts.hour = static_cast<int64_t>(bits(0) + from.get_signed());
     counts.received = from.get();

@@ -8,6 +8,8 @@
 #ifndef VINDRAL_COLLECTOR_AGENT_STATE_H
 #define VINDRAL_COLLECTOR_AGENT_STATE_H
 
+#include "state/expected.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -71,6 +73,8 @@ struct agent_state {
     std::vector<inventory_status> inventories;
     bool silent = false;
     int64_t since = 0; /* when it fell silent, or was heard again */
+    /* The intervals that counted when its last results came, of an agent with a plan of its own. */
+    std::optional<intervals> every = {};
 
     /* Blocks that are not packed: the newest, and since when and how much there is. */
     int64_t last_block = 0, open_since = 0;

@@ -31,8 +31,16 @@ void expected::follow(const plan_summary& plan, int64_t now) {
     is_planned_ = plan.is_planned;
 }
 
+void expected::resume(const intervals& every) {
+    now_ = every;
+    longer_until_ = INT64_MIN;
+    is_followed_ = true;
+    changes_++;
+}
+
 void expected::follow_tests(const plan_summary& plan, int64_t now) {
     std::vector<planned> before = std::exchange(tests_, {});
+    tests_.reserve(plan.tests.size());
     for (const auto& test : plan.tests) {
         tests_.push_back({test, is_planned_ ? now : unplanned_since_});
     }

@@ -28,9 +28,13 @@ struct plan_summary {
 class expected {
 public:
     void follow(const plan_summary& plan, int64_t now);
+    /* These intervals were told long ago: nothing acts late, whatever was followed before. */
+    void resume(const intervals& every);
 
     /* What counts now. */
     intervals at(int64_t now) const;
+    /* Until when it does, unless something else is followed; INT64_MAX: for ever. */
+    int64_t until(int64_t now) const { return now < longer_until_ ? longer_until_ : INT64_MAX; }
 
     /* Seconds without a poll, or without a result, after which an agent is silent, a test stale:
      * three intervals, a test's being the longer of poll and check, and a minute at least. */
@@ -45,7 +49,7 @@ public:
      * of discovery, of which nothing is awaited in any case. */
     bool has_ended(uint32_t type, int32_t number) const;
     bool has_plan() const { return is_planned_; }
-    /* Grows when another plan is followed. */
+    /* Grows when another plan is followed; a copy goes on from there. */
     unsigned changes() const { return changes_; }
     bool repeats(uint32_t type, int32_t number) const {
         return repeats_since(type, number).has_value();

@@ -67,7 +67,7 @@ constexpr int64_t skew_s = 300;
 constexpr int64_t max_gap_s = 31 * 86400;
 constexpr int64_t pass_s = 2;
 constexpr size_t max_message = 1000;
-constexpr const char* gone_message = "no longer in the plan";
+constexpr const char* gone_message = "no longer planned";
 constexpr int64_t coarse_s = 128; /* between two times that a MySQL record can hold */
 
 /* How long things take now (expected.h). */

@@ -107,10 +107,8 @@ void watch::forget_half(agent& of) {
               [](const test& a, const test& b) { return a.key < b.key; });
 }
 
-void watch::find_overdue(const expected& plan, int64_t now, size_t most,
-                         std::vector<overdue>& found) {
+void watch::find_overdue(const plan_of& of, int64_t now, size_t most, std::vector<overdue>& found) {
     found.clear();
-    const int64_t silent_after = plan.silent_after(now), stale_after = plan.stale_after(now);
     for (auto& [id, a] : agents_) {
         if (found.size() >= most) {
             return;
@@ -118,6 +116,8 @@ void watch::find_overdue(const expected& plan, int64_t now, size_t most,
         if (a.silent) {
             continue;
         }
+        const expected& plan = of(id);
+        const int64_t silent_after = plan.silent_after(now), stale_after = plan.stale_after(now);
         const int64_t unheard = now - std::max(a.heard, since_);
         if (unheard > silent_after) {
             a.silent = true;

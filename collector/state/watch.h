@@ -19,6 +19,7 @@
 #include "state/expected.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -64,9 +65,14 @@ public:
         std::vector<test_key> gone = {};  /* and these are gone; likewise */
     };
     /* Each thing once: they are taken for what they were found to be until they are heard or come
-     * again. `plan` is one and the same for all calls.
-     * `most` agents at a time, in no order. */
-    void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found);
+     * again. `plan` is that of an agent: one and the same for all calls, or one that went on from
+     * that. `most` agents at a time, in no order. */
+    using plan_of = std::function<const expected&(int64_t agent)>;
+    void find_overdue(const plan_of& plan, int64_t now, size_t most, std::vector<overdue>& found);
+    /* The same plan for all. */
+    void find_overdue(const expected& plan, int64_t now, size_t most, std::vector<overdue>& found) {
+        find_overdue([&plan](int64_t) -> const expected& { return plan; }, now, most, found);
+    }
     /* Leaves of what was found what holds, because nothing was heard or came since. False when that
      * is nothing. */
     bool still_holds(overdue& what) const;

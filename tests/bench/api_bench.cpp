@@ -43,6 +43,7 @@ class no_ingest final : public ingest {
                std::string_view) override {}
     void held_up(std::string_view, std::string_view) override {}
     void follow(plan_summary, std::vector<owned_definition>) override {}
+    void follow_agents(std::vector<agent_plan>) override {}
     void update(std::function<bool(engine&)>, change_done) override {}
     void retire(int64_t, change_done) override {}
     queue_load waiting() override { return {}; }

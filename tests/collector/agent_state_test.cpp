@@ -11,6 +11,8 @@ static std::string text(const agent_state& a) {
     auto put = [&](auto value) { all += std::to_string(value) + " "; };
     auto put_optional = [&](auto value) { all += value ? std::to_string(*value) + " " : "- "; };
     put(a.silent);
+    put(a.every ? a.every->poll : -7);
+    put(a.every ? a.every->check : -7);
     put(a.since);
     put(a.last_block);
     put(a.open_since);
@@ -132,6 +134,25 @@ TEST(agent_state, what_is_packed_comes_back) {
     EXPECT_EQ(text(a), text(nothing));
 }
 
+/* Where nobody told it anything of its own there is nothing of it, as before there was such. */
+TEST(agent_state, the_intervals_of_an_agent_come_back) {
+    agent_state a = usual_agent(), b;
+    const std::string without = packed(a);
+    a.every = intervals{.poll = 30, .check = 0};
+    for (bool silent : {false, true}) {
+        a.silent = silent;
+        ASSERT_TRUE(b.unpack(packed(a)));
+        EXPECT_EQ(text(b), text(a));
+        EXPECT_EQ(packed_counts(packed(a))->received, 260u);
+        EXPECT_EQ(packed(a).size(), without.size() + 2);
+    }
+    a.every = intervals{.poll = INT32_MAX, .check = INT32_MIN};
+    ASSERT_TRUE(b.unpack(packed(a)));
+    EXPECT_EQ(text(b), text(a));
+    ASSERT_TRUE(b.unpack(without));
+    EXPECT_FALSE(b.every);
+}
+
 TEST(agent_state, extreme_numbers_come_back) {
     int32_t low = std::numeric_limits<int32_t>::min(), high = std::numeric_limits<int32_t>::max();
     agent_state a;
@@ -165,8 +186,9 @@ TEST(agent_state, what_is_damaged_is_empty) {
     EXPECT_FALSE(a.unpack("\x7f" + whole.substr(1))) << "another version";
     EXPECT_EQ(text(a), nothing);
     for (const std::string& other :
-         {std::string(1, '\x01'), std::string("\x01\x02"), whole + '\x80', whole + '\xff',
-          whole + std::string("\x00\x00", 2), "\x01" + std::string(20, '\xff')}) {
+         {std::string(1, '\x01'), std::string("\x01\x02"), "\x01\x04" + whole.substr(2),
+          whole + '\x80', whole + '\xff', whole + std::string("\x00\x00", 2),
+          "\x01" + std::string(20, '\xff')}) {
         a = usual_agent();
         EXPECT_FALSE(a.unpack(other));
         EXPECT_EQ(text(a), nothing);

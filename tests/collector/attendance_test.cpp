@@ -132,6 +132,36 @@ struct attendance_test : testing::Test {
         EXPECT_EQ(error, "");
         return all;
     }
+    /* Of those: AGENT FROM>TO MESSAGE, rising, of what happened at `from` after noon or later. */
+    strings events_from(int64_t from) {
+        strings found;
+        for (const std::string& e : events()) {
+            if (std::stoll(e) >= from) {
+                found.push_back(e.substr(e.find(' ') + 1));
+            }
+        }
+        std::erase_if(found, [](const std::string& e) {
+            return e.find(" test unknown>ok") != e.npos; /* its first result */
+        });
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+    void follow(plan_summary plan, std::vector<owned_definition> definitions) {
+        s->follow(std::move(plan), std::move(definitions));
+    }
+    void follow_agents(std::vector<ingest::agent_plan> plans) {
+        s->follow_agents(std::move(plans));
+        look();
+    }
+    static ingest::agent_plan agent_plan(const std::string& agent, int32_t poll, int32_t check,
+                                         std::vector<std::pair<uint32_t, int32_t>> tests) {
+        return {.account = "a@b.c",
+                .agent = agent,
+                .plan = {.every = {.poll = poll, .check = check},
+                         .is_planned = true,
+                         .tests = std::move(tests)},
+                .definitions = {}};
+    }
     strings query(const std::string& sql) {
         sqlite3* db = nullptr;
         EXPECT_EQ(sqlite3_open((state + "/results.db").c_str(), &db), SQLITE_OK);
@@ -211,7 +241,7 @@ TEST_F(attendance_test, a_test_that_the_plan_does_not_have_is_not_waited_for) {
         return a.substr(a.find(' ')) < b.substr(b.find(' '));
     });
     EXPECT_TRUE(all[2].ends_with(" web1 test ok>stale ")) << all[2];
-    EXPECT_TRUE(all[3].ends_with(" web1 test ok>unknown no longer in the plan")) << all[3];
+    EXPECT_TRUE(all[3].ends_with(" web1 test ok>unknown no longer planned")) << all[3];
 }
 
 /* Nobody could mend it. */
@@ -254,7 +284,7 @@ TEST_F(attendance_test, a_problem_that_left_the_plan_is_none_of_its_agents) {
     live(600, false);
     strings all = events();
     ASSERT_EQ(all.size(), 3u);
-    EXPECT_TRUE(all[2].ends_with(" web1 test problem>unknown no longer in the plan")) << all[2];
+    EXPECT_TRUE(all[2].ends_with(" web1 test problem>unknown no longer planned")) << all[2];
     plan({{type_load_average, 5}, {type_load_average, 6}});
     live(120, true);
     EXPECT_EQ(worst(), "problem");
@@ -270,6 +300,192 @@ TEST_F(attendance_test, intervals_of_the_plan_count) {
     pass(60);
     EXPECT_EQ(events().size(), 2u);
     EXPECT_EQ(query("SELECT value FROM facts WHERE name = 'stale_after'"), strings{"1800"});
+}
+
+TEST_F(attendance_test, agents_have_plans_of_their_own) {
+    open();
+    follow({}, {});
+    follow_agents({agent_plan("web1", 600, 60, {{type_load_average, 5}}),
+                   agent_plan("web2", 20, 20, {{type_load_average, 6}})});
+    pass(200, "clock"); /* plans act late */
+    for (const char* agent : {"web1", "web2", "web3"}) {
+        submit(load_record(5, wall - 1) + load_record(6, wall - 1), agent);
+    }
+    const int64_t begun = wall - noon;
+    pass(55);
+    EXPECT_EQ(events_from(begun), strings{});
+    pass(10);
+    EXPECT_EQ(events_from(begun), strings{"web2 ok>silent "});
+    pass(110);
+    EXPECT_EQ(events_from(begun).size(), 1u);
+    pass(10);
+    EXPECT_EQ(events_from(begun), (strings{"web2 ok>silent ", "web3 ok>silent "}));
+    for (int i = 0; i < 400; i++) {
+        heard("web1");
+        pass(5, "web2");
+    }
+    EXPECT_EQ(events_from(begun),
+              (strings{"web1 test ok>stale ", "web1 test ok>unknown no longer planned",
+                       "web2 ok>silent ", "web2 silent>ok ", "web2 test ok>stale ",
+                       "web2 test ok>unknown no longer planned", "web3 ok>silent "}));
+    pass(1820);
+    EXPECT_EQ(events_from(begun).size(), 9u) << "web1 and web2 are silent";
+}
+
+TEST_F(attendance_test, an_agent_with_a_plan_need_not_be_there_yet) {
+    open();
+    follow({}, {});
+    follow_agents({agent_plan("web1", 10, 10, {{type_load_average, 5}})});
+    pass(400);
+    EXPECT_EQ(events(), strings{});
+    submit(load_record(5, wall - 1));
+    heard("late"); /* without results, and without a plan so far */
+    const int64_t begun = wall - noon;
+    pass(10);
+    follow_agents({agent_plan("late", 10, 10, {})});
+    pass(45);
+    EXPECT_EQ(events_from(begun), strings{});
+    pass(20);
+    EXPECT_EQ(events_from(begun), strings{"web1 ok>silent "});
+    pass(130);
+    EXPECT_EQ(events_from(begun), (strings{"late unknown>silent ", "web1 ok>silent "}));
+}
+
+/* The longer of the old interval and the new one counts, for the agent whose it is. */
+TEST_F(attendance_test, a_changed_interval_of_one_agent_acts_late_there) {
+    open();
+    follow({}, {});
+    follow_agents({agent_plan("web1", 300, 60, {{type_load_average, 5}}),
+                   agent_plan("web2", 10, 10, {{type_load_average, 5}})});
+    submit(load_record(5, wall), "web1");
+    submit(load_record(5, wall), "web2");
+    pass(600, "web1");
+    heard("web2");
+    pass(5);
+    follow_agents({agent_plan("web1", 10, 60, {{type_load_average, 5}})});
+    const int64_t begun = wall - noon;
+    pass(70);
+    EXPECT_EQ(events_from(begun), strings{"web2 ok>silent "});
+    for (int i = 0; i < 8; i++) {
+        pass(100);
+        heard("web1");
+    }
+    EXPECT_EQ(events_from(begun).size(), 2u);
+    pass(75);
+    EXPECT_EQ(events_from(begun),
+              (strings{"web1 stale>silent ", "web1 test ok>stale ", "web2 ok>silent "}));
+}
+
+/* How often results come that are missing is told by the agent's own interval. */
+TEST_F(attendance_test, the_ledger_counts_by_the_interval_of_the_agent) {
+    open();
+    follow({}, {});
+    follow_agents({agent_plan("web1", 600, 600, {{type_load_average, 5}}),
+                   agent_plan("web2", 10, 10, {{type_load_average, 5}})});
+    pass(1800, "clock");
+    for (int64_t checked : {wall.load() - 1000, wall.load() - 400}) {
+        for (const char* agent : {"web1", "web2", "web3"}) {
+            submit(load_record(5, checked), agent);
+        }
+    }
+    std::string error;
+    auto reader = open_reader(state, error);
+    std::map<std::string, uint64_t> missing;
+    for (const stored_agent_row& row : stored_agents(*reader, error)) {
+        missing[row.name] = row.state.counts.missing;
+        reader->for_each_ledger_row(
+            row.id, INT64_MIN, INT64_MAX,
+            [&](const ledger_row& l) {
+                missing[row.name] += l.missing;
+                return true;
+            },
+            error);
+    }
+    EXPECT_EQ(missing["web1"], 0u);
+    EXPECT_EQ(missing["web2"], 59u);
+    EXPECT_EQ(missing["web3"], 9u);
+}
+
+/* What a run had told them counts in the next one, the longest of it for whom it is not known. */
+TEST_F(attendance_test, after_a_start_the_longest_counts_until_an_agent_is_told_again) {
+    const std::vector<ingest::agent_plan> plans = {agent_plan("slow", 400, 60, {}),
+                                                   agent_plan("web1", 10, 10, {})};
+    open();
+    follow({}, {});
+    follow_agents(plans);
+    submit(load_record(5, wall), "slow");
+    submit(load_record(5, wall), "web1");
+    submit(load_record(5, wall), "other");
+    look();
+    EXPECT_EQ(query("SELECT value FROM facts WHERE name = 'poll'"), strings{"400"});
+    EXPECT_EQ(query("SELECT value FROM facts WHERE name = 'stale_after'"), strings{"1200"});
+    submit(load_record(5, wall), "web1");
+    pass(1300, "slow");
+    submit(load_record(5, wall), "web1"); /* its row says that its interval is 10 by now */
+    submit(load_record(5, wall), "other");
+    restart(10);
+    int64_t begun = wall - noon;
+    follow({}, {}); /* as without any plan */
+    pass(300);
+    EXPECT_EQ(events_from(begun), strings{}) << "the plans of its agents are not told yet";
+    follow_agents(plans);
+    pass(10);
+    EXPECT_EQ(events_from(begun), strings{"web1 ok>silent "});
+    pass(700);
+    EXPECT_EQ(events_from(begun).size(), 1u);
+    pass(400);
+    EXPECT_EQ(events_from(begun).size(), 3u);
+
+    /* Told something else while the collector was away: it may not have heard of it. */
+    submit(load_record(5, wall), "slow");
+    submit(load_record(5, wall), "web1");
+    restart(10);
+    begun = wall - noon;
+    follow({}, {});
+    follow_agents({agent_plan("slow", 10, 10, {}), agent_plan("web1", 10, 10, {})});
+    pass(1100);
+    EXPECT_EQ(events_from(begun), strings{"web1 ok>silent "});
+    pass(200);
+    EXPECT_EQ(events_from(begun).size(), 2u);
+}
+
+/* In a file that takes the place of another they have other rows. */
+TEST_F(attendance_test, plans_of_agents_hold_in_another_file) {
+    open();
+    follow({}, {});
+    follow_agents({agent_plan("web1", 10, 10, {{type_load_average, 5}})});
+    submit(load_record(5, wall), "web2");
+    submit(load_record(5, wall), "web1");
+    pass(200, "web2");
+    std::filesystem::remove(state + "/results.db");
+    pass(10);
+    submit(load_record(5, wall), "web1");
+    submit(load_record(5, wall), "web2");
+    const int64_t begun = wall - noon;
+    pass(65);
+    EXPECT_EQ(events_from(begun), strings{"web1 ok>silent "});
+}
+
+TEST_F(attendance_test, many_agents_are_told_at_once) {
+    open();
+    for (int i = 0; i < 1000; i++) {
+        heard("host" + std::to_string(i));
+    }
+    pass(280);
+    std::vector<std::pair<uint32_t, int32_t>> tests;
+    for (int i = 1; i <= 20; i++) {
+        tests.emplace_back(type_load_average, i);
+    }
+    std::vector<ingest::agent_plan> plans;
+    for (int i = 0; i < 1000; i++) {
+        tests.back().second = 20 + i; /* no two alike */
+        plans.push_back(agent_plan("host" + std::to_string(i), 20, 20, tests));
+    }
+    const auto begun = std::chrono::steady_clock::now();
+    s->follow_agents(std::move(plans));
+    submit(load_record(1, wall), "host999"); /* stored behind the plans */
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    EXPECT_EQ(query("SELECT count(*) FROM agents"), strings{"1001"});
 }
 
 TEST_F(attendance_test, after_a_start_everybody_has_time_to_come_back) {
@@ -539,7 +755,7 @@ struct bites_test : attendance_test {
         stored_agent row;
         ASSERT_TRUE(store->begin() && store->find_agent("a@b.c", name, received, row));
         work.begin(row);
-        ASSERT_TRUE(writing.records(work, {&one, 1}, received, present->now(),
+        ASSERT_TRUE(writing.records(work, {&one, 1}, received, present->now(work, "a@b.c", name),
                                     present->brings_back(work.id, at)));
         ASSERT_TRUE(store->end_block(work.id, {received, "", ""}, "hash", writing.packed(work)));
         ASSERT_TRUE(store->commit());

@@ -751,12 +751,12 @@ TEST(take, a_test_that_is_gone_is_unknown_until_something_comes_of_it) {
     h.block(noon, load(1, noon) + load(2, noon, 2) + load(3, noon));
     h.stale(noon + 181, {{66, 3}});
     EXPECT_EQ(h.gone(noon + 182, {{66, 2}, {66, 3}, {66, 9}, {48, 1}}),
-              "66/2 problem>unknown 182 no longer in the plan; "
-              "66/3 stale>unknown 182 no longer in the plan; ");
+              "66/2 problem>unknown 182 no longer planned; "
+              "66/3 stale>unknown 182 no longer planned; ");
     EXPECT_EQ(h.gone(noon + 183, {{66, 2}}), "");
     h.keep();
     EXPECT_EQ(h.agent.worst(), state::ok) << "of the one that is left";
-    EXPECT_EQ(h.gone(noon + 184, {{66, 1}}), "66/1 ok>unknown 184 no longer in the plan; ");
+    EXPECT_EQ(h.gone(noon + 184, {{66, 1}}), "66/1 ok>unknown 184 no longer planned; ");
     EXPECT_EQ(h.agent.worst(), state::unknown);
     /* Back in the plan, after a day in which none was to come. */
     EXPECT_EQ(h.block(noon + 86400, load(2, noon + 86340) + load(2, noon + 86400, 2)),

@@ -352,3 +352,55 @@ TEST(watch, invented_tests_do_not_grow_for_ever) {
     EXPECT_EQ(found[0].tests[0], watch::test_key(48, 1)) << "what came last is known";
     EXPECT_TRUE(std::is_sorted(found[0].tests.begin(), found[0].tests.end()));
 }
+
+TEST(watch, each_agent_by_a_plan_of_its_own) {
+    expected slow, quick;
+    slow.follow(plan_of(600, 600, {{66, 1}}), 0);
+    quick.follow(plan_of(30, 30, {{66, 1}, {66, 2}}), 0);
+    auto plan = [&](int64_t agent) -> const expected& { return agent == 1 ? slow : quick; };
+    watch w(0);
+    std::vector<watch::overdue> found;
+    auto overdue_now = [&](int64_t now) {
+        std::vector<std::string> all;
+        do {
+            w.find_overdue(plan, now, 1, found);
+            for (const watch::overdue& o : found) {
+                all.push_back(std::to_string(o.agent) + (o.silent ? " silent" : "") + " stale " +
+                              std::to_string(o.tests.size()) + " gone " +
+                              std::to_string(o.gone.size()));
+            }
+        } while (!found.empty());
+        std::sort(all.begin(), all.end());
+        return all;
+    };
+    using strings = std::vector<std::string>;
+    for (int64_t agent : {1, 2, 3}) {
+        w.heard(agent, 100);
+        w.came(agent, {66, 1}, 100);
+        w.came(agent, {66, 2}, 100);
+    }
+    w.heard(2, 185);
+    EXPECT_EQ(overdue_now(190), strings{});
+    EXPECT_EQ(overdue_now(191), (strings{"2 stale 2 gone 0", "3 silent stale 0 gone 0"}));
+    w.heard(1, 1800);
+    EXPECT_EQ(overdue_now(1900), strings{"2 silent stale 0 gone 0"});
+    EXPECT_EQ(overdue_now(1901), strings{"1 stale 1 gone 1"});
+}
+
+/* Only what was another plan is looked at again; the agent's own goes on from the one of all. */
+TEST(watch, a_plan_of_its_own_takes_the_place_of_that_of_all) {
+    expected all;
+    all.follow(plan_of(60, 60, {{66, 1}}), 0);
+    watch w(0);
+    w.heard(1, 100);
+    w.came(1, {66, 1}, 100);
+    std::vector<watch::overdue> found;
+    w.find_overdue(all, 200, 10, found);
+    EXPECT_TRUE(found.empty());
+    expected own = all;
+    own.follow(plan_of(60, 60, {{66, 7}}), 250);
+    w.heard(1, 270);
+    w.find_overdue([&](int64_t) -> const expected& { return own; }, 281, 10, found);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].gone, tests({{66, 1}}));
+}

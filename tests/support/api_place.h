@@ -40,6 +40,9 @@ public:
     void follow(plan_summary plan, std::vector<owned_definition> definitions) override {
         to_.follow(std::move(plan), std::move(definitions));
     }
+    void follow_agents(std::vector<agent_plan> plans) override {
+        to_.follow_agents(std::move(plans));
+    }
     void update(std::function<bool(engine&)> what, change_done done) override {
         if (!answers) {
             unanswered.push_back(std::move(done));

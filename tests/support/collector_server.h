@@ -66,6 +66,7 @@ public:
         held_up_.push_back(std::string(account) + " " + std::string(agent));
     }
     void follow(plan_summary, std::vector<owned_definition>) override {}
+    void follow_agents(std::vector<agent_plan>) override {}
 
     std::vector<std::string> held_up_so_far() {
         std::lock_guard hold(mutex_);

@@ -239,7 +239,7 @@ class Agent:
         return self.take_all(keys, STALE, "", time)
 
     def take_gone(self, keys, time):
-        return self.take_all(keys, UNKNOWN, "no longer in the plan", time)
+        return self.take_all(keys, UNKNOWN, "no longer planned", time)
 
     def take_all(self, keys, after, message, time):
         changes = []

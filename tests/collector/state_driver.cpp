@@ -6,6 +6,7 @@
  * that does, AGENT a number:
  *
  *   follow NOW POLL CHECK PLANNED [TYPE/NUMBER...]   what is to come
+ *   own AGENT NOW POLL CHECK PLANNED [TYPE/NUMBER...]   what is to come of that agent
  *   block NOW TIME AGENT BYTES IS_FIRST   a block, or a slice of one; the bytes follow the line
  *   again NOW TIME AGENT BYTES            the same block as before
  *   heard NOW TIME AGENT                  a poll whose block could not be stored
@@ -18,7 +19,7 @@
  * Printed are changes of state, each with the number of the line that made it. Between the lines
  * of a history every agent's state is kept packed, as the store keeps it. */
 #include "state/agent_state.h"
-#include "state/expected.h"
+#include "state/expectations.h"
 #include "state/take.h"
 #include "state/watch.h"
 
@@ -39,7 +40,7 @@ struct stored {
 };
 
 unsigned long line_number = 0;
-expected plan;
+expectations plans;
 watch on_watch(0);
 std::map<int64_t, stored> agents;
 std::map<std::tuple<int64_t, uint32_t, std::optional<int32_t>>, int64_t> ids;
@@ -101,7 +102,12 @@ void close_agent(int64_t id, stored& into) {
     }
 }
 
-patience patience_at(int64_t now) {
+const expected& plan_of(int64_t agent) {
+    return plans.of("", std::to_string(agent));
+}
+
+patience patience_at(int64_t agent, int64_t now) {
+    const expected& plan = plan_of(agent);
     return {.interval = plan.at(now).check, .stale_after = plan.stale_after(now)};
 }
 
@@ -141,7 +147,7 @@ void take_block(const char* at) {
         hear(id, now, time);
     }
     std::vector<size_t> places;
-    take_results(under_way, records, time, patience_at(now), out, places);
+    take_results(under_way, records, time, patience_at(id, now), out, places);
     if (places.size() != records.size()) {
         fail("not a place for each record");
     }
@@ -206,7 +212,7 @@ void look(const char* at) {
     std::vector<watch::overdue> all, some;
     do {
         some.clear();
-        on_watch.find_overdue(plan, now, most, some);
+        on_watch.find_overdue(plan_of, now, most, some);
         if (some.size() > most) {
             fail("more agents than asked for");
         }
@@ -245,8 +251,7 @@ void start(const char* at) {
     }
 }
 
-void follow(const char* at) {
-    int64_t now = number(at);
+plan_summary plan_from(const char* at) {
     plan_summary summary;
     summary.every.poll = static_cast<int32_t>(number(at));
     summary.every.check = static_cast<int32_t>(number(at));
@@ -256,7 +261,20 @@ void follow(const char* at) {
         at++;
         summary.tests.emplace_back(type, static_cast<int32_t>(number(at)));
     }
-    plan.follow(summary, now);
+    return summary;
+}
+
+void follow(const char* at) {
+    int64_t now = number(at);
+    plans.follow(plan_from(at), now);
+}
+
+void follow_own(const char* at) {
+    const std::string agent = std::to_string(number(at));
+    int64_t now = number(at);
+    const plan_summary summary = plan_from(at);
+    const expectations::own one{.account = "", .agent = agent, .plan = &summary};
+    plans.follow({&one, 1}, now);
 }
 
 void show() {
@@ -291,8 +309,8 @@ int main() {
     static char output[1 << 16];
     setvbuf(stdout, output, _IOFBF, sizeof output);
     static const std::pair<const char*, void (*)(const char*)> steps[] = {
-        {"block", take_block}, {"again", take_again}, {"heard", only_hear},
-        {"look", look},        {"follow", follow},    {"start", start},
+        {"block", take_block}, {"again", take_again}, {"heard", only_hear}, {"look", look},
+        {"follow", follow},    {"start", start},      {"own", follow_own},
     };
     while (fgets(line, sizeof line, stdin) != nullptr) {
         line_number++;

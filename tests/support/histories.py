@@ -170,6 +170,7 @@ class Agent:
         self.block, self.was_sent = None, False  # one that was not accepted, and whether it was stored all the same
         self.off_until = self.unreachable_until = 0
         self.lives = 0
+        self.poll_every = self.check_every = None  # as all others, until it has a plan of its own
         for _ in range(dice.randrange(2, 7)):
             self.add_test(dice)
 
@@ -192,13 +193,14 @@ class History:
         self.end = 1000 + days * 86400
         self.clock_of_server = EPOCH
         self.down_until = self.full_until = 0
-        self.plan, self.watch = state_model.Expected(), state_model.Watch(0)
+        self.plans, self.watch = state_model.Expectations(), state_model.Watch(0)
         self.states = {}
         self.agents = [Agent(n, self.dice) for n in range(1, agents + 1)]
         self.did = collections.Counter()
         self.queue, self.order = [], 0
         self.at(0, self.start)
         self.at(1, self.follow)
+        self.at(self.dice.randrange(2, 86400), self.follow_some_own)
         for agent in self.agents:
             self.at(1000 + self.dice.randrange(interval), self.check, agent, 0)
             self.at(1000 + self.dice.randrange(interval), self.poll, agent, 0)
@@ -239,9 +241,34 @@ class History:
                 if (test.kind, test.number) not in planned and self.dice.random() < 0.7:
                     self.did["taken out"] += 1
                     test.hangs_until = now + 3 * self.for_a_while()  # its agent does as it is told
-        self.plan.follow(self.poll_every, self.check_every, planned, now)
-        self.line("follow %d %d %d %d%s" % (now, self.poll_every, self.check_every, planned is not None, "".join(
-            " %d/%d" % test for test in sorted(planned or ()))))
+        self.plans.others.follow(self.poll_every, self.check_every, planned, now)
+        self.line("follow " + plan_text(now, self.poll_every, self.check_every, planned))
+
+    def follow_some_own(self, now):
+        for agent in self.dice.sample(self.agents, self.dice.randrange(1, len(self.agents) // 2)):
+            self.follow_own(now, agent)
+
+    def follow_own(self, now, agent):
+        self.did["own plan"] += 1
+        dice = self.dice
+        if agent.poll_every is None or dice.random() < 0.5:
+            agent.poll_every, agent.check_every = self.other_intervals()
+        planned = None
+        if dice.random() < 0.9:
+            planned = {(test.kind, test.number) for test in agent.tests if dice.random() < 0.9}
+            planned |= {(66, number) for number in range(1, 4) if dice.random() < 0.3}
+            for test in agent.tests:
+                if (test.kind, test.number) not in planned and dice.random() < 0.7:
+                    self.did["taken out"] += 1
+                    test.hangs_until = now + 3 * self.for_a_while()
+        self.plans.follow_own(agent.number, agent.poll_every, agent.check_every, planned, now)
+        self.line("own %d " % agent.number + plan_text(now, agent.poll_every, agent.check_every, planned))
+
+    def other_intervals(self):
+        dice = self.dice
+        poll = self.interval * dice.choice((1, 1, 2)) // dice.choice((1, 1, 3))
+        check = self.interval * dice.choice((1, 1, 1, 3)) // dice.choice((1, 1, 2))
+        return poll, check if dice.random() > 0.1 else 0
 
     def start(self, now):
         self.did["start"] += 1
@@ -259,7 +286,7 @@ class History:
             return
         self.line("look %d %d %d" % (now, self.clock_of_server + now, self.dice.choice((1, 3, 1000))))
         time = self.clock_of_server + now
-        silent, stale, gone = self.watch.overdue(self.plan, now)
+        silent, stale, gone = self.watch.overdue(self.plans.of, now)
         for number in silent:
             self.expect(number, self.states[number].take_silence(time))
         for number, keys in stale:
@@ -290,7 +317,8 @@ class History:
     def check(self, now, agent, life):
         if life != agent.lives:
             return
-        self.at(now + (self.check_every or self.interval), self.check, agent, life)
+        every = self.check_every if agent.check_every is None else agent.check_every
+        self.at(now + (every or self.interval), self.check, agent, life)
         dice = self.dice
         claimed = EPOCH + now + agent.clock
         agent.cache += agent.rest
@@ -324,7 +352,7 @@ class History:
         if agent.block is None and agent.cache:
             agent.block, agent.was_sent = agent.cache, False
             agent.cache, agent.rest = agent.rest, []
-        next_poll = now + self.poll_every
+        next_poll = now + (agent.poll_every or self.poll_every)
         if now >= max(agent.unreachable_until, self.down_until) and dice.random() > 0.002:
             was_late = self.deliver(now, agent)
             if was_late:
@@ -352,6 +380,7 @@ class History:
             state.take_repetition(said, time)
         else:
             places = [0, len(said)]
+            plan = self.plans.of(agent.number)
             if len(said) > 1 and dice.random() < 0.02:
                 self.did["slices"] += 1
                 places.insert(1, dice.randrange(1, len(said)))
@@ -361,7 +390,7 @@ class History:
                 if begin == 0:
                     self.hear(now, time, agent.number)
                 self.expect(agent.number, state.take_results(
-                    said[begin:end], time, self.plan.at(now)[1], self.plan.stale_after(now)))
+                    said[begin:end], time, plan.at(now)[1], plan.stale_after(now)))
                 for each in said[begin:end]:
                     if each.number is not None and each.type not in state_model.INVENTORIES:
                         self.watch.came(agent.number, (each.type, each.number), now)
@@ -416,7 +445,8 @@ class History:
     def server_mishap(self, now):
         dice = self.dice
         self.at(now + int(dice.expovariate(1 / (150.0 * self.interval))) + 1, self.server_mishap)
-        what = dice.choice(("outage", "outage", "quick restart", "disk full", "pause", "server clock", "plan", "plan"))
+        what = dice.choice(("outage", "outage", "quick restart", "disk full", "pause", "server clock", "plan", "plan",
+                            "own plans", "own plans"))
         if now < self.down_until:
             return
         self.did[what] += 1
@@ -431,11 +461,10 @@ class History:
         elif what == "server clock":
             self.clock_of_server = EPOCH + dice.choice((0, 0, 2, 400, -400, 5000, -5000))
         elif what == "plan":
-            self.poll_every = self.interval * dice.choice((1, 1, 2)) // dice.choice((1, 1, 3))
-            self.check_every = self.interval * dice.choice((1, 1, 1, 3)) // dice.choice((1, 1, 2))
-            if dice.random() < 0.1:
-                self.check_every = 0
+            self.poll_every, self.check_every = self.other_intervals()
             self.follow(now)
+        elif what == "own plans":
+            self.follow_some_own(now)
 
     def full(self, now):
         """While nothing can be stored, each attempt says so."""
@@ -449,6 +478,11 @@ class History:
         if now >= self.down_until:
             self.watch.pause(now)
             self.line("pause %d" % now)
+
+
+def plan_text(now, poll, check, planned):
+    return "%d %d %d %d%s" % (now, poll, check, planned is not None,
+                              "".join(" %d/%d" % test for test in sorted(planned or ())))
 
 
 def key_text(key):

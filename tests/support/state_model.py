@@ -6,6 +6,7 @@ apart from it: a difference is settled by the words.
 Everything here is as plain as can be: no bytes, no clock, no limits."""
 
 import collections
+import copy
 
 UNKNOWN, OK, PROBLEM, STALE, SILENT = range(5)
 WORDS = ("unknown", "ok", "problem", "stale", "silent")
@@ -312,6 +313,22 @@ class Expected:
         return self.has_plan() and key[0] != DISCOVERY and key not in self.plans[-1][2]
 
 
+class Expectations:
+    """Where agents have plans of their own: the first one changes what all others are told."""
+
+    def __init__(self):
+        self.others = Expected()
+        self.own = {}
+
+    def of(self, agent):
+        return self.own.get(agent, self.others)
+
+    def follow_own(self, agent, poll, check, planned, now):
+        if agent not in self.own:
+            self.own[agent] = copy.deepcopy(self.others)
+        self.own[agent].follow(poll, check, planned, now)
+
+
 AWAITED, IS_STALE, GONE = range(3)
 
 
@@ -345,12 +362,13 @@ class Watch:
     def pause(self, now):
         self.since = now
 
-    def overdue(self, plan, now):
-        """Ids of agents that fell silent, [(agent, keys)] of tests that became stale, and of those that are gone."""
+    def overdue(self, plan_of, now):
+        """`plan_of` an agent: its Expected. Ids of agents that fell silent, [(agent, keys)] of tests that became stale, and of those that are gone."""
         silent, stale, gone = [], [], []
         for agent, known in self.agents.items():
             if known[2]:
                 continue
+            plan = plan_of(agent)
             if now - max(known[0], self.since) > plan.silent_after(now):
                 known[2] = True
                 silent.append(agent)

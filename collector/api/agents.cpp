@@ -9,6 +9,7 @@
 #include "base/record_summary.h"
 #include "show/record_content.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace json = boost::json;
@@ -24,11 +25,17 @@ const parameter_def list_parameters[] = {
     {.name = "q",
      .kind = parameter_kind::text,
      .text = "Only agents with this text in their name or account, whatever the case."},
+    {.name = "group", .kind = parameter_kind::text, .text = "Only agents that are in this group."},
     limit_parameter,
     next_parameter};
 
+std::vector<std::string> groups_of(const known_agent& row, const api_services& with) {
+    return with.fleet != nullptr ? with.fleet->groups_of(row.account, row.agent)
+                                 : std::vector<std::string>();
+}
+
 json::object agent_object(const known_agent& row, const agent_state& now,
-                          const known_agents& identities) {
+                          const std::vector<std::string>& groups, const api_services& with) {
     state worst = now.worst();
     json::object object = agent_reference(row.id, row.account, row.agent);
     object.emplace("state", shown_word(worst));
@@ -40,11 +47,11 @@ json::object agent_object(const known_agent& row, const agent_state& now,
     object.emplace("first_poll", json_time(row.first_seen));
     object.emplace("address", json_or_null(row.address));
     object.emplace("version", json_or_null(row.version));
-    object.emplace("groups", json::array());
+    object.emplace("groups", json::array(groups.begin(), groups.end()));
     object.emplace("tests", json_counts(now));
     object.emplace("identity",
                    identity_word(state_of(
-                       identities.find(row.account, row.agent).value_or(agent_standing{}))));
+                       with.agents.find(row.account, row.agent).value_or(agent_standing{}))));
     if (row.retired != 0) {
         object.emplace("retired", json_time(row.retired));
     }
@@ -56,7 +63,7 @@ api_answer list_agents(const api_request& asked, api_services& with) {
     reader_pool::lent store = with.stored.lend(asked.deadline);
     std::optional<std::vector<std::string>> behind = place_of(asked, 2);
     const chosen states(asked, "state");
-    const std::string q = text_of(asked, "q");
+    const std::string q = text_of(asked, "q"), group = text_of(asked, "group");
     const size_t limit = limit_of(asked);
     json::array items;
     agent_state now;
@@ -75,11 +82,15 @@ api_answer list_agents(const api_request& asked, api_services& with) {
         if (states.is_given() && !has_state(states, now.worst())) {
             return true;
         }
+        const std::vector<std::string> groups = groups_of(row, with);
+        if (!group.empty() && std::find(groups.begin(), groups.end(), group) == groups.end()) {
+            return true;
+        }
         if (items.size() == limit) {
             next = next_text({last_account, last_name});
             return false;
         }
-        items.push_back(agent_object(row, now, with.agents));
+        items.push_back(agent_object(row, now, groups, with));
         last_account = row.account;
         last_name = row.agent;
         return true;
@@ -138,7 +149,7 @@ api_answer one_agent(const api_request& asked, api_services& with) {
     std::string error;
     auto take = [&](const known_agent& row) {
         now.unpack(row.state);
-        object = agent_object(row, now, with.agents);
+        object = agent_object(row, now, groups_of(row, with), with);
     };
     if (!store->read_agent(id, take, error)) {
         throw_unavailable("The agent cannot be read: " + error + ".");

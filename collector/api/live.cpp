@@ -441,6 +441,7 @@ hub_filter stream_filter(std::string_view target, api_request& asked, api_servic
         add("result", hub_kind::result);
         add("event", hub_kind::event);
         add("agent", hub_kind::agent);
+        add("change", hub_kind::change);
     }
     which.test = number_or(asked, "test", 0);
     if (asked.parameter("agent") != nullptr || which.test != 0) {

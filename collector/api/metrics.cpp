@@ -136,6 +136,33 @@ void add_identities(metric_text& to, const known_agents& agents, int64_t now) {
               static_cast<double>(ending));
 }
 
+/* What agents are to do, and whether they do it. */
+void add_fleet(metric_text& to, const fleet_service* fleet) {
+    if (fleet == nullptr) {
+        return;
+    }
+    const fleet_standing now = fleet->standing();
+    if (now.is_planned) {
+        return;
+    }
+    add_gauge(to, "vindral_fleet_revision", "", "Newest revision of the fleet.", now.revision);
+    add_gauge(to, "vindral_fleet_agents", "", "Agents that are to have tests.",
+              static_cast<double>(now.agents));
+    add_gauge(to, "vindral_fleet_tests", "", "Tests that all agents together are to have.",
+              static_cast<double>(now.tests));
+    add_gauge(to, "vindral_fleet_file_wrong", "",
+              "1 when the file that rules has mistakes now, otherwise 0.",
+              now.file_trouble.empty() ? 0 : 1);
+    to.begin("vindral_fleet_changes", metric_type::gauge, "",
+             "The newest change of each test by what became of it.");
+    for (const auto& [count, word] :
+         {std::pair(now.waiting, "waiting"), std::pair(now.sent, "sent"),
+          std::pair(now.confirmed, "confirmed"), std::pair(now.unanswered, "unanswered"),
+          std::pair(now.impossible, "impossible")}) {
+        to.add(static_cast<double>(count), label_text({{"outcome", word}}));
+    }
+}
+
 void add_place(metric_text& to, const std::string& file) {
     struct stat found {};
     if (stat(file.c_str(), &found) == 0) {
@@ -342,6 +369,7 @@ api_answer metrics(const api_request& asked, api_services& with) {
     add_agents_side(text, with.counted);
     add_storing(text, with.counted, with.results.waiting());
     add_identities(text, with.agents, with.now());
+    add_fleet(text, with.fleet);
     add_stored(text, asked, with);
     api_answer answer;
     answer.type = format == metric_format::open_metrics ? open_metrics_type : metric_text_type;

@@ -11,15 +11,16 @@ const parameter_def stream_parameters[] = {
     {.name = "kind",
      .kind = parameter_kind::choice,
      .text = "Only messages of these kinds.",
-     .choices = "result|event|agent",
+     .choices = "result|event|agent|change",
      .many = true}};
 
 const route rows[] = {
     {.method = "GET",
      .pattern = "/api/v1/stream",
      .least = role::viewer,
-     .summary = "What is stored from now on, as server-sent events: `event` is result, event or "
-                "agent, `data` a line of JSON (live_result, event, live_agent). Who comes back "
+     .summary = "What is stored from now on, as server-sent events: `event` is result, event, "
+                "agent or change, `data` a line of JSON (live_result, event, live_agent, change). "
+                "Who comes back "
                 "with Last-Event-ID gets what was missed, or the event \"lost\".",
      .parameters = stream_parameters,
      .takes = "",

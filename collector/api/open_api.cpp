@@ -124,7 +124,10 @@ json::object operation_of(const route& row) {
     if (*row.answers != '\0') {
         json::object content = body_of(row.answers, row.type);
         if (*row.other_type != '\0') {
-            content.emplace(row.other_type, json::object{{"schema", reference_to(row.answers)}});
+            content.emplace(
+                row.other_type,
+                json::object{{"schema", reference_to(*row.other_answers != '\0' ? row.other_answers
+                                                                                : row.answers)}});
         }
         answer.emplace("content", std::move(content));
     }
@@ -148,7 +151,7 @@ json::object operation_of(const route& row) {
     if (*row.takes != '\0') {
         operation.emplace("requestBody",
                           json::object{{"required", !row.may_lack_body},
-                                       {"content", body_of(row.takes, "application/json")}});
+                                       {"content", body_of(row.takes, row.takes_type)}});
     }
     operation.emplace(
         "responses",

@@ -20,6 +20,8 @@ static const char* title_of(int status) {
         return "Method not allowed";
     case 409:
         return "Conflict";
+    case 422:
+        return "Unprocessable content";
     case 503:
         return "Not available";
     default:

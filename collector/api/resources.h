@@ -12,6 +12,8 @@ std::span<const route> result_routes();
 std::span<const route> series_routes();
 std::span<const route> enrolment_routes(); /* who may be an agent */
 std::span<const route> event_routes();
+std::span<const route> fleet_routes();
+std::span<const route> change_routes();
 std::span<const route> ledger_routes();
 std::span<const route> metric_routes();
 std::span<const route> token_routes();

@@ -55,7 +55,9 @@ struct route {
     const char* type = "application/json";                               /* of the answer */
     const char* other_type = ""; /* that it has instead where Accept wants that; "": none */
     session_change session = session_change::none;
-    bool may_lack_body = false; /* where it takes one */
+    bool may_lack_body = false;     /* where it takes one */
+    const char* other_answers = ""; /* schema of the answer of other_type; "": as answers */
+    const char* takes_type = "application/json"; /* of the body */
 };
 
 /* All rows, by pattern. */

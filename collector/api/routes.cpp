@@ -24,9 +24,9 @@ static const route description_row = {.method = "GET",
 static std::vector<route> sorted_rows() {
     std::vector<route> rows = {description_row};
     for (std::span<const route> more :
-         {agent_routes(), enrolment_routes(), event_routes(), health_routes(), ledger_routes(),
-          metric_routes(), result_routes(), series_routes(), secret_value_routes(), test_routes(),
-          token_routes(), web_routes()}) {
+         {agent_routes(), change_routes(), enrolment_routes(), event_routes(), fleet_routes(),
+          health_routes(), ledger_routes(), metric_routes(), result_routes(), series_routes(),
+          secret_value_routes(), test_routes(), token_routes(), web_routes()}) {
         rows.insert(rows.end(), more.begin(), more.end());
     }
     std::sort(rows.begin(), rows.end(), [](const route& a, const route& b) {

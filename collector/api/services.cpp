@@ -1,6 +1,7 @@
 #include "api/services.h"
 
 #include "api/request.h"
+#include "api/turn.h"
 
 #include <algorithm>
 #include <chrono>
@@ -11,33 +12,7 @@ namespace {
 std::chrono::milliseconds longest_wait_for_reader{5000}, longest_wait_for_store{10000};
 std::chrono::milliseconds longest_wait_for_turn{1000};
 
-/* Of those who change something one at a time waits for the store, the others for their turn, and
- * not for long: a store that is blocked would have all reading threads, and nothing could be read.
- * False when it did not come. */
-class turn_to_change {
-public:
-    turn_to_change() {
-        std::unique_lock hold(mutex);
-        is_mine_ = given_back.wait_for(hold, longest_wait_for_turn, [] { return !is_taken; });
-        is_taken = true;
-    }
-    ~turn_to_change() {
-        if (is_mine_) {
-            std::lock_guard hold(mutex);
-            is_taken = false;
-            given_back.notify_one();
-        }
-    }
-    turn_to_change(const turn_to_change&) = delete;
-    turn_to_change& operator=(const turn_to_change&) = delete;
-    explicit operator bool() const { return is_mine_; }
-
-private:
-    inline static std::mutex mutex;
-    inline static std::condition_variable given_back;
-    inline static bool is_taken = false;
-    bool is_mine_;
-};
+turnstile to_the_store; /* a store that is blocked would have all reading threads */
 
 /* What the store's thread said, for a caller that may have gone. */
 class outcome_of_change {
@@ -69,7 +44,7 @@ private:
 /* `begin` is given what is to be called in the end. False, with no word, when it says so itself. */
 template <typename Begin>
 bool wait_for_store(Begin begin) {
-    turn_to_change mine;
+    const turn mine(to_the_store, longest_wait_for_turn);
     if (!mine) {
         throw_unavailable("The store is busy with another change: nothing was changed. Try again "
                           "in a few seconds.");

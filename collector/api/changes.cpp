@@ -1,0 +1,137 @@
+/* What became of each change of a test, newest first. */
+#include "api/answer.h"
+#include "api/difference.h"
+#include "api/find.h"
+#include "api/parameters.h"
+#include "api/resources.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace json = boost::json;
+
+namespace {
+
+const parameter_def list_parameters[] = {
+    agent_parameter,
+    {.name = "group",
+     .kind = parameter_kind::text,
+     .text = "Only of agents that are in this group now."},
+    {.name = "test", .kind = parameter_kind::text, .text = "Only of the test of this name."},
+    {.name = "outcome",
+     .kind = parameter_kind::choice,
+     .text = "Only those of which that became.",
+     .choices = "sent|confirmed|unanswered|impossible",
+     .many = true},
+    {.name = "revision",
+     .kind = parameter_kind::number,
+     .text = "Only those of this revision.",
+     .least = 1,
+     .most = std::numeric_limits<int32_t>::max()},
+    {.name = "from", .kind = parameter_kind::time, .text = "Only changes from this time on."},
+    {.name = "to", .kind = parameter_kind::time, .text = "Only changes before this time."},
+    limit_parameter,
+    next_parameter};
+
+/* That are looked at for one answer; it may have fewer than asked for then, and a `next`. */
+constexpr size_t most_looked_at = 10000;
+
+uint8_t outcomes_asked_for(const api_request& asked) {
+    const chosen words(asked, "outcome");
+    unsigned bits = 0;
+    for (change_outcome each : {change_outcome::sent, change_outcome::confirmed,
+                                change_outcome::unanswered, change_outcome::impossible}) {
+        bits |= words.is_given() && words.has(outcome_word(each))
+                    ? 1u << static_cast<unsigned>(each)
+                    : 0u;
+    }
+    return static_cast<uint8_t>(bits);
+}
+
+/* Whether agents are in the group, each asked once. */
+class group_filter {
+public:
+    group_filter(const api_request& asked, const api_services& with)
+        : group_(text_of(asked, "group")), fleet_(with.fleet) {}
+
+    bool has(std::string_view account, std::string_view agent) {
+        if (group_.empty()) {
+            return true;
+        }
+        auto [place, is_new] =
+            known_.try_emplace({std::string(account), std::string(agent)}, false);
+        if (is_new && fleet_ != nullptr) {
+            const std::vector<std::string> groups = fleet_->groups_of(account, agent);
+            place->second = std::find(groups.begin(), groups.end(), group_) != groups.end();
+        }
+        return place->second;
+    }
+
+private:
+    const std::string group_;
+    const fleet_service* const fleet_;
+    std::map<std::pair<std::string, std::string>, bool> known_;
+};
+
+api_answer list_changes(const api_request& asked, api_services& with) {
+    reader_pool::lent store = with.stored.lend(asked.deadline);
+    const size_t limit = limit_of(asked);
+    const std::string test = text_of(asked, "test");
+    change_filter which;
+    std::optional<found_agent> agent;
+    if (const std::string* called = asked.parameter("agent")) {
+        agent.emplace(find_agent(*store, *called));
+        which.account = agent->account;
+        which.agent = agent->name;
+    }
+    which.test = test;
+    which.outcomes = outcomes_asked_for(asked);
+    which.revision = static_cast<int32_t>(number_or(asked, "revision", 0));
+    which.from = time_of(asked, "from").value_or(which.from);
+    which.to = time_of(asked, "to").value_or(which.to);
+    check_span(which.from, which.to);
+    if (auto behind = place_of(asked, 1)) {
+        which.below = number_in((*behind)[0]);
+    }
+    group_filter group(asked, with);
+    agent_ids ids(&*store);
+    json::array items;
+    std::string next, error;
+    size_t looked_at = 0;
+    int64_t last = 0;
+    auto take = [&](const stored_change& change) {
+        if (items.size() == limit || looked_at == most_looked_at) {
+            next = next_text({std::to_string(last)});
+            return false;
+        }
+        if (++looked_at % 256 == 0) {
+            check_deadline(asked);
+        }
+        last = change.id;
+        if (group.has(change.account, change.agent)) {
+            items.push_back(json_change(change, ids.of(change.account, change.agent)));
+        }
+        return true;
+    };
+    bool ok = store->for_each_change(which, take, error);
+    return answer_with(list_of(asked, std::move(items), next, ok ? "" : error));
+}
+
+const route rows[] = {
+    {.method = "GET",
+     .pattern = "/api/v1/changes",
+     .least = role::viewer,
+     .summary = "Each change of a test of an agent and what became of it, newest first. Where a "
+                "filter lets little through, an answer may have fewer than asked for and go on "
+                "all the same: only a `next` of null is the end.",
+     .parameters = list_parameters,
+     .takes = "",
+     .answers = "changes",
+     .status = 200,
+     .handler = list_changes}};
+
+} // namespace
+
+std::span<const route> change_routes() {
+    return rows;
+}

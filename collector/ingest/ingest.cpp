@@ -160,6 +160,7 @@ public:
         want({.retires = agent, .done = std::move(done)});
     }
     queue_load waiting() override { return queue_.waiting_now(); }
+    queue_delay behind() override { return queue_.delay(); }
 
 private:
     /* What works on the engine, of the writer thread but for what others are told they may call. */

@@ -127,6 +127,8 @@ public:
 
     /* At this moment. Any thread. */
     virtual queue_load waiting() = 0;
+    /* Likewise, and cheap. A new block waits for those ahead of it. */
+    virtual queue_delay behind() { return {}; }
 };
 
 #endif

@@ -2,6 +2,7 @@
 #ifndef VINDRAL_COLLECTOR_POLL_BLOCK_H
 #define VINDRAL_COLLECTOR_POLL_BLOCK_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -25,6 +26,13 @@ enum class store_result {
 /* What waits to be stored, the batch that is being written included. */
 struct queue_load {
     size_t blocks = 0, bytes = 0;
+};
+
+/* How far the writer is behind: how long the oldest block has waited that is not answered; and of
+ * those larger than `large_from`, which take turns, the one whose last turn is longest ago. */
+struct queue_delay {
+    std::chrono::milliseconds small{}, large{};
+    size_t large_from = SIZE_MAX; /* bytes */
 };
 
 #endif

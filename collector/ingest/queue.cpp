@@ -39,6 +39,7 @@ bool block_queue::put(poll_block& block, std::function<void(store_result)>& done
         queued.done = std::move(done);
         queued.large = large;
         queued.submitted = steady_clock();
+        queued.waits_since = std::chrono::steady_clock::now();
     }
     wake_.notify_one();
     return true;
@@ -52,6 +53,9 @@ bool block_queue::take(std::deque<queued_block>& batch, std::chrono::millisecond
                    [&] { return stopping_ || nudged_ || !small_.blocks.empty() || has_large(); });
     nudged_ = false;
     batch.swap(small_.blocks);
+    if (!batch.empty()) {
+        small_.since = batch.front().waits_since;
+    }
     if (has_large()) {
         batch.push_back(std::move(large_.blocks.front()));
         large_.blocks.pop_front();
@@ -71,6 +75,7 @@ void block_queue::wait_for_stop(std::chrono::milliseconds most) {
 
 void block_queue::put_back(queued_block&& block) {
     std::lock_guard hold(mutex_);
+    block.waits_since = std::chrono::steady_clock::now();
     large_.blocks.push_back(std::move(block));
 }
 
@@ -80,6 +85,7 @@ void block_queue::leave(queued_block& block) {
     const size_t size = block.block.plain.size();
     queue.bytes -= size;
     queue.count--;
+    queue.since = block.waits_since; /* the next one came soon after it */
     for (const std::string& owner : {agent_of(block.block), block.block.address}) {
         auto share = queue.shares.find(owner);
         share->second -= size;
@@ -101,6 +107,24 @@ void block_queue::nudge() {
 queue_load block_queue::waiting_now() {
     std::lock_guard hold(mutex_);
     return {small_.count + large_.count, small_.bytes + large_.bytes};
+}
+
+queue_delay block_queue::delay() {
+    const auto now = std::chrono::steady_clock::now();
+    auto passed = [&](std::chrono::steady_clock::time_point since) {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(now - since);
+    };
+    queue_delay found{.large_from = limits_.large};
+    std::lock_guard hold(mutex_);
+    if (small_.count > small_.blocks.size()) {
+        found.small = passed(small_.since);
+    } else if (!small_.blocks.empty()) {
+        found.small = passed(small_.blocks.front().waits_since);
+    }
+    if (!large_.blocks.empty()) {
+        found.large = passed(large_.blocks.front().waits_since);
+    }
+    return found;
 }
 
 void block_queue::stop() {

@@ -20,12 +20,13 @@
 #include <string_view>
 #include <unordered_map>
 
-/* A block on its way. But for the first four all is the writer's. */
+/* A block on its way. But for the first five all is the writer's. */
 struct queued_block {
     poll_block block;
     std::function<void(store_result)> done;
     bool large = false;
-    int64_t submitted = 0; /* by steady_clock */
+    int64_t submitted = 0;                                  /* by steady_clock */
+    std::chrono::steady_clock::time_point waits_since = {}; /* for its next turn */
 
     store_result result = store_result::failed;
     bool repeated = false;   /* it was stored before, as far as is known */
@@ -67,6 +68,7 @@ public:
     void nudge();
 
     queue_load waiting_now();
+    queue_delay delay();
 
     /* Until it is stopped, or `most` has passed. */
     void wait_for_stop(std::chrono::milliseconds most);
@@ -74,7 +76,8 @@ public:
     /* A large block of which slices are left, behind the others of its kind. */
     void put_back(queued_block&& block);
 
-    /* Makes room for others of its agent, and frees its bytes. What was taken counts until then. */
+    /* Makes room for others of its agent, and frees its bytes. What was taken counts until then.
+     * Small ones leave in the order in which they came. */
     void leave(queued_block& block);
 
     void stop();
@@ -85,6 +88,8 @@ private:
         std::deque<queued_block> blocks;
         size_t bytes = 0, count = 0;
         std::unordered_map<std::string, size_t> shares;
+        std::chrono::steady_clock::time_point since = {}; /* of small ones, about, the oldest that
+                                                             was taken and has not left */
 
         bool fits(const std::string& owner, size_t more, size_t most) const;
     };

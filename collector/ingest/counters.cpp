@@ -30,6 +30,10 @@ const char* refusal_word(refusal r) {
         return "body";
     case refusal::storing:
         return "storing";
+    case refusal::behind:
+        return "behind";
+    case refusal::logins:
+        return "logins";
     case refusal::count:
         break;
     }

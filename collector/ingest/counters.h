@@ -37,6 +37,8 @@ enum class refusal : uint8_t {
     session,     /* to log in again */
     body,        /* too large, or cannot be unpacked */
     storing,     /* cannot be stored now */
+    behind,      /* others wait too long to be stored already */
+    logins,      /* too many log in at a time */
     count
 };
 const char* refusal_word(refusal r);

@@ -23,6 +23,8 @@ enum class event {
     body,
     memory,
     storing,
+    behind,
+    logins,
     failure,
     count
 };

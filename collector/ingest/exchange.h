@@ -66,6 +66,7 @@ public:
     const uint64_t address_key; /* what counts as one: an IPv4 address, or the /64 of an IPv6 one */
     const clock::time_point accepted;
     request head;
+    bool idle = false; /* nothing is done for it now but wait: where the server ends, so may it */
     std::optional<agent_proof> proof; /* what the certificate says that it has shown, if any */
 
     /* The connection has so long from now on, but never longer than the whole exchange may take. */

@@ -168,9 +168,9 @@ void listener::stop() {
     error_code ignored;
     acceptor_.close(ignored);
     slots_.for_each([](admission::place& p) {
-        connection& link = static_cast<exchange&>(p).link;
-        if (link.silent()) {
-            link.give_up();
+        exchange& x = static_cast<exchange&>(p);
+        if (x.link.silent() || x.idle) {
+            x.link.give_up();
         }
     });
     sweep_timer_.cancel(); /* one sweep now; it ends with the last connection */

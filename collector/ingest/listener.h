@@ -22,8 +22,8 @@ public:
     bool listen(std::string& error);
     boost::asio::ip::tcp::endpoint endpoint() const { return acceptor_.local_endpoint(); }
 
-    /* Closes the port, resets connections that have not said anything, and those under way after
-     * server_deadlines::stop at the latest. */
+    /* Closes the port, resets connections that have not said anything or are idle, and those under
+     * way after server_deadlines::stop at the latest. */
     void stop();
 
 private:

@@ -134,6 +134,11 @@ awaitable<void> polls::answer_login(exchange& x) {
         co_await refuse_login(x, is);
         co_return;
     }
+    const bool come = co_await catching_up_.may_log_in(x);
+    if (!come) {
+        note_turned_away(x.head.account, x.head.agent, x);
+        co_return;
+    }
     if (x.proof) {
         auto other = sessions_.polling(x.head.account, x.head.agent, exchange::clock::now());
         if (other && !other->proven) { /* whoever that is: this one is who it says */
@@ -171,6 +176,45 @@ awaitable<void> polls::answer_login(exchange& x) {
     }
 }
 
+/* It was here, and has kept its results for reasons of ours. */
+void polls::note_turned_away(const std::string& account, const std::string& agent,
+                             const exchange& x) {
+    results_.heard(account, agent, time(nullptr), x.address, x.head.version);
+    results_.held_up(account, agent);
+}
+
+/* Of one that has no session, as far as can be said. */
+standing polls::may_log_in(const exchange& x) {
+    if (x.proof) {
+        return may_go_by(x, x.proof->who.account, x.proof->who.agent);
+    }
+    return known_ && known_->mode() == agents_mode::proven ? standing::unproven : standing::good;
+}
+
+/* Whoever would not be let in then does not wait for it. */
+awaitable<void> polls::answer_unknown(exchange& x) {
+    const bool may = may_log_in(x) == standing::good;
+    if (may) {
+        const bool come = co_await catching_up_.may_be_sent_away(x);
+        if (!come) {
+            if (x.proof) {
+                note_turned_away(x.proof->who.account, x.proof->who.agent, x);
+            }
+            co_return;
+        }
+    }
+    const bool whole = co_await x.read_body(nullptr, stage::unheard);
+    room_.refuse(refusal::session, event::session,
+                 "unknown session, must log in again: " + x.address);
+    if (whole) {
+        sessions_.sent_away(x.head.session, exchange::clock::now());
+        const bool told = co_await x.answer("200 OK", "", answer_log_in_again);
+        if (told && may) {
+            catching_up_.sent_away();
+        }
+    }
+}
+
 /* Until it is known what the agent is to be told. */
 awaitable<void> polls::prepare_commands(const session& of) {
     auto wait = [this, &of](auto handler) {
@@ -191,28 +235,33 @@ awaitable<void> polls::answer_poll(exchange& x) {
     std::shared_ptr<session> s =
         sessions_.find(x.head.session, exchange::clock::now(), x.address, &conflict);
     tell(conflict);
+    if (!s) {
+        co_await answer_unknown(x);
+        co_return;
+    }
     fate end = fate::again;
-    const standing is = s ? may_use(x, *s) : standing::good;
+    const standing is = may_use(x, *s);
     if (is != standing::good) {
         bool whole = co_await x.read_body(nullptr, stage::unheard);
         end = whole ? fate::again : fate::broken;
         refuse_poll(x, *s, is);
-    } else if (s) { /* also one whose block will not be stored */
+    } else { /* also one whose block will not be stored */
         results_.heard(s->account, s->agent, time(nullptr), x.address, x.head.version);
         if (s->polls == 1) {
             commands_.login_arrived(*s);
         }
         try {
-            end = co_await take_block(x, *s);
+            const bool come = co_await catching_up_.may_bring_results(x);
+            end = fate::broken;
+            if (come) {
+                end = co_await take_block(x, *s);
+            } else {
+                results_.held_up(s->account, s->agent);
+            }
         } catch (const std::exception&) { /* memory is short */
             results_.held_up(s->account, s->agent);
             throw;
         }
-    } else {
-        bool whole = co_await x.read_body(nullptr, stage::unheard);
-        end = whole ? fate::again : fate::broken;
-        room_.refuse(refusal::session, event::session,
-                     "unknown session, must log in again: " + x.address);
     }
     if (end == fate::broken) {
         co_return;

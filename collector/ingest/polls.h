@@ -14,10 +14,17 @@
  * (known_agents.h); a poll that has shown another proof than its session began with is to log in
  * again, and told there. The agent adds up every header that begins with
  * "Content-", so Content-Length is the only one sent, and waits for the end of the connection when
- * it is 0. */
+ * it is 0.
+ *
+ * CATCHING UP  While blocks wait too long for the store, polls that bring results are reset behind
+ * their heads, and so are logins, each of which is followed by all that its agent has kept. Polls
+ * without results are answered. Logins keep a rate at all times; an agent whose session is not
+ * known is told to log in when it is its turn, and reset if that is too far off: then it comes
+ * again after its interval, rather than twice within a second. */
 #ifndef VINDRAL_COLLECTOR_POLLS_H
 #define VINDRAL_COLLECTOR_POLLS_H
 
+#include "ingest/catching_up.h"
 #include "ingest/enrolment.h"
 #include "ingest/exchange.h"
 #include "ingest/ingest.h"
@@ -38,7 +45,7 @@ public:
     polls(boost::asio::io_context& context, exchange_room& room, unpacker& bodies, ingest& results,
           instructions& commands, known_agents* known, enrolment* kept)
         : context_(context), room_(room), bodies_(bodies), results_(results), commands_(commands),
-          known_(known), kept_(kept),
+          known_(known), kept_(kept), catching_up_(context, room, results),
           allowed_(room.options.allow.begin(), room.options.allow.end()) {}
 
     /* The exchange's head has been read. */
@@ -69,6 +76,9 @@ private:
     standing may_use(const exchange& x, const session& s);
     boost::asio::awaitable<void> refuse_login(exchange& x, standing why);
     void refuse_poll(const exchange& x, const session& s, standing why);
+    boost::asio::awaitable<void> answer_unknown(exchange& x);
+    standing may_log_in(const exchange& x);
+    void note_turned_away(const std::string& account, const std::string& agent, const exchange& x);
 
     boost::asio::io_context& context_;
     exchange_room& room_;
@@ -77,6 +87,7 @@ private:
     instructions& commands_;
     known_agents* const known_;
     enrolment* const kept_;
+    catching_up catching_up_;
     const std::unordered_set<std::string> allowed_;
     session_table sessions_{room_.options.sessions};
     turns large_{room_.options.large_memory}, huge_{room_.options.body.max_plain};

@@ -3,6 +3,7 @@
 #define VINDRAL_COLLECTOR_SERVER_OPTIONS_H
 
 #include "ingest/body.h"
+#include "ingest/pacing.h"
 #include "ingest/session.h"
 
 #include <chrono>
@@ -40,6 +41,14 @@ struct server_options {
     size_t unpack_here = 32u << 10;
     size_t huge = 32u << 20;
     size_t large_memory = 128u << 20;
+    /* Polls with results are reset before their bodies, and nobody may log in, while blocks have
+     * waited for the store longer than that. */
+    std::chrono::milliseconds max_behind{5000};
+    login_limits logins;
+    /* What is reset for that is so after a time by chance, up to this, unless so many connections
+     * wait for it already. */
+    std::chrono::milliseconds spread{5000};
+    size_t max_spread = 1000;
     session_limits sessions;
     server_deadlines deadlines;
 };

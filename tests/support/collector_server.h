@@ -9,6 +9,7 @@
 #include "plan/commands_for_agents.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <condition_variable>
 #include <csignal>
@@ -55,6 +56,12 @@ public:
     void update(std::function<bool(engine&)>, change_done done) override { done(false, ""); }
     void retire(int64_t, change_done done) override { done(false, ""); }
     queue_load waiting() override { return {}; }
+    queue_delay behind() override {
+        return {.small = std::chrono::milliseconds(behind_ms.load()),
+                .large = std::chrono::milliseconds(large_behind_ms.load()),
+                .large_from = 100000};
+    }
+    std::atomic<int> behind_ms{0}, large_behind_ms{0};
     void heard(std::string_view account, std::string_view agent, int64_t, std::string_view address,
                std::string_view version) override {
         std::lock_guard hold(mutex_);

@@ -31,6 +31,7 @@ enum class value_form : uint8_t {
     choice,       /* one of `choices`, "md5|sha" */
     list,         /* of texts */
     limits,       /* names, each with limits: {NAME: {at least: 1, at most: 5}} */
+    whole_limits, /* likewise, whole numbers */
 };
 
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order in which a row is read
@@ -41,6 +42,7 @@ struct key_def {
     double least = 0, most = 2147483647;
     const char* choices = "";
     bool required = false;
+    bool beside = false; /* stands beside the word where the other keys stand within its value */
 };
 
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order in which a row is read
@@ -52,7 +54,7 @@ struct test_kind {
     /* What stands behind the word: a value of that form, or a map with `keys` (value_form::limits:
      * there is no value of its own). The other keys stand beside the word. */
     key_def value;
-    bool keys_inside; /* load: {1m: 8}; elsewhere they stand beside the word */
+    bool keys_inside; /* load: {1m: 8}, but for those `beside`; elsewhere all stand beside it */
     std::span<const key_def> keys;
     bool runs_once = false; /* its results do not come again and again */
 };

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <set>
 
 namespace {
 
@@ -83,10 +84,10 @@ bool is_entry_of(std::string_view entry, std::string_view directory) {
 
 names directories_of(const names& entries) {
     names found;
+    std::set<std::string_view> seen;
     for (std::string_view entry : entries) {
-        std::string directory(directory_of(entry));
-        if (std::find(found.begin(), found.end(), directory) == found.end()) {
-            found.push_back(std::move(directory));
+        if (std::string_view directory = directory_of(entry); seen.insert(directory).second) {
+            found.emplace_back(directory);
         }
     }
     return found;
@@ -201,7 +202,9 @@ void look_for_interface(wanted_test& test, const agent_inventory& has, const bef
     if (was_found) {
         test.found = name;
     } else {
-        test.impossible = why_not_there("interface", name, *has.interfaces);
+        names others = *has.interfaces;
+        std::erase(others, "");
+        test.impossible = why_not_there("interface", name, others);
     }
 }
 

@@ -72,6 +72,8 @@ static server_options server_options_from(const options& o, size_t descriptors) 
     s.body.max_plain = s.body.max_wire * 16;
     s.body_memory = 8 * s.body.max_wire;
     s.large_memory = 8 * s.body.max_wire;
+    s.max_behind = std::chrono::seconds(o.max_behind);
+    s.logins.rate = o.max_logins;
     return s;
 }
 

@@ -274,6 +274,15 @@ const row rows[] = {
      nullptr, 1, most_connections},
     {"max-body-mb", "N", set_number<&options::max_body_mb>,
      "largest body of a poll in MiB, as sent ({})", "16", 1, 64},
+    {"max-behind", "N", set_number<&options::max_behind>,
+     "seconds that results may wait to be stored; beyond it\n"
+     "agents that bring some come again after their\n"
+     "intervals ({})",
+     "5", 1, 15},
+    {"max-logins", "N", set_number<&options::max_logins>,
+     "log-ins a second; beyond it agents come again\n"
+     "likewise ({})",
+     "200", 1, 100000},
     {"missing", nullptr, set_flag<&options::missing>,
      "list which tests of --plan report and which do not,\n"
      "then exit; status 1 when any does not"},

@@ -56,6 +56,8 @@ struct options {
     size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */
     size_t max_per_address = 0; /* 0: an eighth of max_connections */
     size_t max_body_mb = 0;
+    int max_behind = 0; /* seconds */
+    size_t max_logins = 0;
     bool missing = false;
     int64_t older_than = 0; /* seconds; 0: not given */
 };

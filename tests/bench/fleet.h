@@ -14,11 +14,11 @@
 #include <string>
 #include <string_view>
 
-class fleet_agent {
+class simulated_agent {
 public:
     static constexpr uint32_t tests = 20;
 
-    explicit fleet_agent(uint32_t number) : state_(0x9e3779b97f4a7c15u * (number + 1)) {
+    explicit simulated_agent(uint32_t number) : state_(0x9e3779b97f4a7c15u * (number + 1)) {
         for (double& level : levels_) {
             level = 20 + 60 * random();
         }

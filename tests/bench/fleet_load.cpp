@@ -45,7 +45,7 @@ const char* certificates = nullptr;
 
 struct client {
     uint32_t number = 0;
-    fleet_agent values{0};
+    simulated_agent values{0};
     std::string session = {};
     shown proof = {};
 
@@ -117,7 +117,7 @@ bool log_in(SSL_CTX* context, client& c) {
 bool poll(SSL_CTX* context, client& c) {
     std::string body;
     c.values.add_pass(time(nullptr), body);
-    fleet_agent::add_inventories(time(nullptr), body);
+    simulated_agent::add_inventories(time(nullptr), body);
     unsigned long sum = adler32(adler32(0, nullptr, 0), reinterpret_cast<const Bytef*>(body.data()),
                                 static_cast<uInt>(body.size()));
     const double began = now();
@@ -219,7 +219,7 @@ int main(int argc, char** argv) {
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     std::vector<client> fleet;
     for (uint32_t i = 0; i < agents; i++) {
-        fleet.push_back({.number = first + i, .values = fleet_agent(first + i)});
+        fleet.push_back({.number = first + i, .values = simulated_agent(first + i)});
         if (certificates && !fleet.back().proof.read(certificates, fleet.back().name())) {
             return 1;
         }

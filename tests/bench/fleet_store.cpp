@@ -137,7 +137,7 @@ int fill(const std::string& directory, uint32_t agents, double days, int32_t int
     plan_summary plan;
     plan.every = {.poll = interval, .check = interval};
     store->follow(plan, {});
-    std::vector<fleet_agent> fleet;
+    std::vector<simulated_agent> fleet;
     for (uint32_t i = 0; i < agents; i++) {
         fleet.emplace_back(i);
     }
@@ -151,7 +151,7 @@ int fill(const std::string& directory, uint32_t agents, double days, int32_t int
         for (uint32_t i = 0; i < agents; i++) {
             std::string block;
             is_noisy ? fleet[i].add_noisy_pass(now, block) : fleet[i].add_pass(now, block);
-            fleet_agent::add_inventories(now, block);
+            simulated_agent::add_inventories(now, block);
             {
                 std::lock_guard lock(mutex);
                 waiting++;
@@ -177,7 +177,7 @@ int fill(const std::string& directory, uint32_t agents, double days, int32_t int
         }
     }
     double took = seconds_now() - began;
-    double count = static_cast<double>(passes) * agents * fleet_agent::tests;
+    double count = static_cast<double>(passes) * agents * simulated_agent::tests;
     store.reset();
     double size = megabytes_of(directory);
     printf("%.0f results of %u agents in %.0f s, %.0f a second; %.0f MB, %.1f bytes a result%s\n",
@@ -211,7 +211,7 @@ int drop(const std::string& directory, int keep, int seconds) {
         return 1;
     }
     constexpr uint32_t agents = 100;
-    std::vector<fleet_agent> fleet;
+    std::vector<simulated_agent> fleet;
     for (uint32_t i = 0; i < agents; i++) {
         fleet.emplace_back(i);
     }
@@ -403,8 +403,8 @@ int samples(uint32_t agents, int64_t days, int32_t interval) {
     const int64_t end = time(nullptr) / interval * interval;
     std::string reason, block;
     for (uint32_t i = 0; i < agents; i++) {
-        std::vector<std::string> lines(size_t{fleet_agent::tests} * 16);
-        fleet_agent agent(i);
+        std::vector<std::string> lines(size_t{simulated_agent::tests} * 16);
+        simulated_agent agent(i);
         for (int64_t at = end - days * day_s; at + interval <= end; at += interval) {
             block.clear();
             agent.add_pass(at, block);

@@ -495,14 +495,16 @@ def log_entries(log):
 
 class Collector:
     """A collector with a state directory and a plan of its own. `start` may be called again after
-    the process has ended. `wrap` goes before the command line and must exec it."""
+    the process has ended. `wrap` goes before the command line and must exec it. `rules` are words in
+    place of the plan's: none, and the API applies a fleet, or `--fleet` and a file."""
 
-    def __init__(self, test, *plan, name="collector", options=(), wrap=(), env=None):
+    def __init__(self, test, *plan, name="collector", options=(), wrap=(), env=None, rules=None):
         self.test = test
         self.dir = test.subdir(name)
         self.state = os.path.join(self.dir, "state")
         self.plan = os.path.join(self.dir, "plan")
         self.port_file = os.path.join(self.dir, "port")
+        self.rules = ["--plan", self.plan] if rules is None else list(rules)
         self.options = list(options)
         self.wrap = list(wrap)
         self.env = dict(sanitizer_environment(self.dir), **(env or {}))
@@ -521,7 +523,7 @@ class Collector:
                 open(os.path.join(self.dir, "errors"), "ab") as errors:
             self.process = subprocess.Popen(
                 [*self.wrap, COLLECTOR, "--json", "--web", "off", "--port", str(self.port), "--port-file", self.port_file,
-                 "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
+                 "--state-dir", self.state, *self.rules, *self.options, *options],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=errors, env=self.env)
         return self
 

@@ -66,7 +66,7 @@ class Company:
     def __init__(self, test, lost=0.0, seed=0, options=(), collector=Asked):
         self.test = test
         subprocess.run(["ip", "addr", "replace", SERVICES + "/32", "dev", "lo"], check=True)
-        self.collector = collector(test, options=options)
+        self.collector = collector(test, options=options, rules=())
         self.collector.start()
         self.recorder = Recorder(test, lambda: self.collector.port, lost, seed)
         self.members = {}

@@ -9,11 +9,14 @@ revision it is booked on can have found (judging.py).
 VINDRAL_SEED repeats a course of events, as far as two processors allow."""
 
 import collections
+import http.client
 import os
 import random
+import socket
 import subprocess
 import threading
 import time
+import zlib
 
 import fleet_model as model
 import harness
@@ -170,7 +173,7 @@ class Fleet(harness.TestCase):
             self.mariadb.sql("CREATE USER %s@'%%' IDENTIFIED BY \"%s\"" % (peers.ACCOUNT, "pass-word"))
 
         def snmpd():
-            self.snmp_port = harness.free_port(peers.socket.SOCK_DGRAM)
+            self.snmp_port = harness.free_port(socket.SOCK_DGRAM)
             table = ["override %s.1.%d.%d integer %d" % (peers.TABLE, column, row, column * row)
                      for column in range(1, 5) for row in range(1, 4)]
             harness.start_snmpd(self, "override %s2.0 integer %d" % (peers.TEST, SENSOR), *table,
@@ -229,7 +232,7 @@ class Fleet(harness.TestCase):
             def attempt():
                 try:
                     self.company.put(text)
-                except (OSError, ValueError, peers_http_errors()):
+                except (OSError, ValueError, http.client.HTTPException):
                     pass
             thread = threading.Thread(target=attempt)
             thread.start()
@@ -263,7 +266,9 @@ class Fleet(harness.TestCase):
     def given(self):
         """What the collector says of the tests of each agent, by all changes: {agent: {name: (type, number, revision)}}."""
         given = {name: {} for name in NAMES}
-        for change in sorted(self.company.all_of("/api/v1/changes"), key=lambda change: change["id"]):
+        order = {"remove": 0, "rename": 1}  # of one revision
+        for change in sorted(self.company.all_of("/api/v1/changes"),
+                             key=lambda change: (change["revision"], order.get(change["action"], 2), change["id"])):
             tests = given[change["agent"]["name"]]
             name, was, action = change["test"], change["was"], change["action"]
             if action == "intervals":
@@ -466,7 +471,7 @@ class Fleet(harness.TestCase):
         """What the recorder has of an agent's last life is what the agent says it sent, by the sums of the blocks."""
         for member in self.company.members.values():
             life = member.log.read()
-            mine = [peers_adler(block.body) for block in member.recorded.blocks]
+            mine = [zlib.adler32(block.body) for block in member.recorded.blocks]
             missing = [checksum for checksum in life.accepted if checksum not in mine]
             self.assertEqual(missing, [], member.name)
             self.assertGreater(len(life.accepted), 0, member.name)
@@ -497,16 +502,6 @@ class Fleet(harness.TestCase):
                 wrong.append("%s: type %d, test %d, location %d: %s: %s" % (row.agent, row.type, row.test, row.location, fields, misfit))
         self.assertEqual(wrong[:10], [], "%d of %d" % (len(wrong), len(rows)))
         self.assertEqual({kind for _, kind, _ in model.KINDS.values()}, {kind for kind, _ in statuses})
-
-
-def peers_adler(body):
-    import zlib
-    return zlib.adler32(body)
-
-
-def peers_http_errors():
-    import http.client
-    return http.client.HTTPException
 
 
 if __name__ == "__main__":

@@ -371,12 +371,12 @@ class Fleet(harness.TestCase):
         self.step("applied")
 
         self.step("limits are edited",
-                  ("1m: 1000", "1m: 0"), ("contains: Welcome", 'contains: "Good bye"'), ("resident: 2 MB", "resident: 3 MB"),
+                  ("1m: 1000", "1m: 1"), ("contains: Welcome", 'contains: "Good bye"'), ("resident: 2 MB", "resident: 3 MB"),
                   ("at least: 1, at most: 5", "at least: 20, at most: 30"), ("free: 10 %", "free: 20 %"),
                   ("packets: 2, lost: 0", "packets: 3, lost: 1"), ("Uptime: {at least: 0}", "Uptime: {at most: 0}"))
         self.step("tests are renamed, one of them with another limit",
                   ("      front page:    {http:", "      start page:    {was: front page, http:"),
-                  ("      load:          {load: {1m: 0,", "      load average:  {was: load, load: {1m: 0,"),
+                  ("      load:          {load: {1m: 1,", "      load average:  {was: load, load: {1m: 1,"),
                   ("      worker:        {process: vindral, resident: 1 MB", "      agent:         {was: worker, process: vindral, resident: 2 MB"),
                   ("      sensor:        {snmp:", "      temperature:   {was: sensor, snmp:"))
         self.step("tests are removed",
@@ -395,8 +395,8 @@ class Fleet(harness.TestCase):
                   ("      network:       {network: far", "      cpu:           {cpu: {idle: 100}}\n      network:       {network: far"),
                   ("gateway:       {ping: %s, packets: 1" % SERVICES, "nginx:         {process: nginx, virtual: 2 MB}\n      gateway:       {ping: %s, packets: 1, size: 100" % SERVICES))
         self.secret_steps()
-        self.step("and again, before all have heard of it", ("15m: 1002", "15m: 0"), ("free: 5 GB", "free: 6 GB"), settle=False, strikes=0)
-        self.step("at once", ("15m: 0", "15m: 1003"), ("free: 6 GB", "free: 1 MB"), ("{1m: 500}", "{1m: 501}"), strikes=2)
+        self.step("and again, before all have heard of it", ("15m: 1002", "15m: 1"), ("free: 5 GB", "free: 6 GB"), settle=False, strikes=0)
+        self.step("at once", ("15m: 1", "15m: 1003"), ("free: 6 GB", "free: 1 MB"), ("{1m: 500}", "{1m: 501}"), strikes=2)
         self.roll_back()
         self.finish()
 
@@ -433,12 +433,14 @@ class Fleet(harness.TestCase):
         self.check_outcomes()
         self.check_names()
         at_once(Member.stop, list(self.company.members.values()))
+        self.check_shown_results()
         self.company.collector.stop()
         rows = self.company.collector.rows()
         self.check_agents_own_records()
         wrong = compare([member.recorded for member in self.company.members.values()], rows)
         self.assertEqual(wrong[:10], [], "%d" % len(wrong))
         self.check_judged(rows)
+        self.check_the_checks(rows)
         recorder = self.company.recorder
         print("%d results; %d answers lost, %d exchanges cut short; %s" % (
             len(rows), recorder.lost_answers, recorder.cut_exchanges, dict(self.chaos.counts)), flush=True)
@@ -466,6 +468,20 @@ class Fleet(harness.TestCase):
                 test = shown[member.name].get((name, number))
                 self.assertIsNotNone(test, "%s: %s %d of %s" % (member.name, name, number, sorted(shown[member.name])))
                 self.assertEqual(test["group"], want.tests[name].group)
+
+    def check_shown_results(self):
+        """The API shows each result with the test that it is of, also of tests that are gone or had other names."""
+        kinds = {"load average": records.LOAD_AVERAGE, "disk": records.DISK, "http": records.HTTP, "memory": records.MEMORY}
+        tests = [test for test in self.company.all_of("/api/v1/tests") if test["type"] in kinds]
+        self.assertGreater(len(tests), len(NAMES))
+        for test in self.dice.sample(tests, 20):
+            member = self.company.members[test["agent"]["name"]]
+            shown = collections.Counter(result["time"] for result in self.company.all_of("/api/v1/tests/%d/results" % test["id"]))
+            sent = collections.Counter()
+            for block in member.recorded.blocks:
+                sent.update(time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(record.i64[0])) for record in block.records
+                            if block.is_stored and record.ui32[:2] == [kinds[test["type"]], test["number"]])
+            self.assertEqual(shown, sent, test)
 
     def check_agents_own_records(self):
         """What the recorder has of an agent's last life is what the agent says it sent, by the sums of the blocks."""
@@ -502,6 +518,23 @@ class Fleet(harness.TestCase):
                 wrong.append("%s: type %d, test %d, location %d: %s: %s" % (row.agent, row.type, row.test, row.location, fields, misfit))
         self.assertEqual(wrong[:10], [], "%d of %d" % (len(wrong), len(rows)))
         self.assertEqual({kind for _, kind, _ in model.KINDS.values()}, {kind for kind, _ in statuses})
+        self.definitions, self.codes = definitions, codes
+
+    def check_the_checks(self, rows):
+        """What would be wrong is found: a result that is missing, one that is there twice, one on another revision."""
+        recorded = [member.recorded for member in self.company.members.values()]
+        row = self.dice.choice(rows)
+        self.assertEqual(len(compare(recorded, [other for other in rows if other is not row])), 1)
+        self.assertEqual(len(compare(recorded, rows + [row])), 1)
+        by_test = collections.defaultdict(set)
+        for agent, code, number, location in self.definitions:
+            by_test[agent, code, number].add(location)
+        found = 0
+        for row in rows:
+            for location in by_test[row.agent, self.codes[row.type], row.test] - {row.location}:
+                record, = records.decode(row.record)
+                found += judging.misfit(row.type, self.definitions[row.agent, self.codes[row.type], row.test, location], record) != ""
+        self.assertGreater(found, 100)
 
 
 if __name__ == "__main__":

@@ -76,9 +76,6 @@ class Outcomes(harness.TestCase):
     def add(self, name, **options):
         return harness.Agent(self, self.collector.port, name=name, AGENTNAME=name, **options).start()
 
-    def wait_in(self, name):
-        harness.wait_until(lambda: "login: %s" % name in self.collector.errors() or name in self.collector.errors(), name)
-
     def test_confirmed(self):
         self.start("web-1")
         first = self.collector.apply(fleet(LOAD, "two: {cpu: {user: 100}}"))
@@ -131,7 +128,7 @@ class Outcomes(harness.TestCase):
     def test_no_library(self):
         """An agent that says nothing of tests of a kind whose library is missing."""
         directory = self.subdir("libraries")
-        for name in ("libnetsnmp.so.40", "libnetsnmp.so.30", "libnetsnmp.so"):
+        for name in ("libsnmp.so", "libsnmp.so.40", "libsnmp.so.35"):
             harness.write_text(os.path.join(directory, name), "this is no library\n")
         self.start("net-1", env={"LD_LIBRARY_PATH": directory})
         self.collector.apply(fleet(LOAD, "sensor: {snmp: 127.0.0.1, objects: [1.3.6.1.2.1.1.3.0]}"))
@@ -285,7 +282,7 @@ class FileThatRules(harness.TestCase):
         collector.wait_errors("%s:7:28: " % self.path)
         trouble = harness.wait_until(lambda: collector.get("/api/v1/fleet")["trouble"], collector.errors)
         self.assertIn("7:28", trouble)
-        self.assertIn("no fleet of the file is sent" if False else "2m", trouble + collector.errors())
+        self.assertIn("2m", collector.errors())
         text = fleet("load: {load: {1m: 7}}")
         self.write(text)
         self.wait_in_force(collector, text)

@@ -1,6 +1,7 @@
 #include "life/store_commands.h"
 
 #include "base/text.h"
+#include "fleet/assigned.h"
 #include "state/agent_state.h"
 #include "store/engine.h"
 
@@ -90,7 +91,10 @@ int run_check(const options& o) {
         std::cout << printable(what) + "\n";
     };
     agent_state state;
-    auto is_whole = [&](std::string_view packed) { return state.unpack(packed); };
+    assigned_agent assigned;
+    const whole_texts is_whole = {
+        .state = [&](std::string_view packed) { return state.unpack(packed); },
+        .assigned = [&](std::string_view packed) { return assigned.unpack(packed); }};
     if (!check_store(o.state_dir, tell, error, is_whole)) {
         complain("what is stored cannot be checked: " + error);
         return 2;

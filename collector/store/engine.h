@@ -107,10 +107,10 @@ struct test_definition {
 struct fleet_revision {
     int32_t revision = 0; /* never given twice; rises */
     int64_t time = 0;
-    std::string_view author; /* name of a token, "file", or "collector" */
-    std::string_view about;  /* a sentence: why, or what came of it */
-    std::string_view text;   /* as it was written; empty where it is that of the one before */
-    bool has_text = false;   /* it was applied: an empty text may be one, too */
+    std::string_view author = {}; /* name of a token, "file", or "collector" */
+    std::string_view about = {};  /* a sentence: why, or what came of it */
+    std::string_view text = {};   /* as it was written; empty where it is that of the one before */
+    bool has_text = false;        /* it was applied: an empty text may be one, too */
 };
 
 constexpr size_t most_fleet_texts = 1000;
@@ -123,8 +123,8 @@ inline constexpr char restored_fact[] = "restored";
 
 /* What an agent was given: understood above (fleet/assigned.h). */
 struct fleet_agent {
-    std::string_view account, agent;
-    std::string_view assigned; /* packed */
+    std::string_view account = {}, agent = {};
+    std::string_view assigned = {}; /* packed */
 };
 
 enum class change_outcome : uint8_t { sent = 1, confirmed = 2, unanswered = 3, impossible = 4 };
@@ -134,25 +134,25 @@ struct stored_change {
     int64_t id = 0; /* given by who makes it; rises */
     int32_t revision = 0;
     int64_t time = 0;
-    std::string_view account, agent;
-    std::string_view test, was; /* names; `test` empty: of the agent's intervals */
-    uint8_t action = 0;         /* fleet/assigned.h */
-    uint32_t type = 0;          /* of the test's records */
+    std::string_view account = {}, agent = {};
+    std::string_view test = {}, was = {}; /* names; `test` empty: of the agent's intervals */
+    uint8_t action = 0;                   /* fleet/assigned.h */
+    uint32_t type = 0;                    /* of the test's records */
     int32_t number = 0;
     int64_t sent = 0;    /* 0: not yet */
     int64_t settled = 0; /* when the outcome came to be what it is */
     change_outcome outcome = change_outcome::unanswered;
-    std::string_view reason;
+    std::string_view reason = {};
 };
 
 /* Which changes: newest first, by id. */
 struct change_filter {
-    int64_t below = INT64_MAX;                /* id */
-    int32_t revision = 0;                     /* 0: all */
-    std::string_view account, agent;          /* both empty: of all */
-    std::string_view test;                    /* name; empty: all */
-    uint8_t outcomes = 0;                     /* bits 1 << change_outcome; 0: all */
-    int64_t from = INT64_MIN, to = INT64_MAX; /* from <= time < to */
+    int64_t below = INT64_MAX;                 /* id */
+    int32_t revision = 0;                      /* 0: all */
+    std::string_view account = {}, agent = {}; /* both empty: of all */
+    std::string_view test = {};                /* name; empty: all */
+    uint8_t outcomes = 0;                      /* bits 1 << change_outcome; 0: all */
+    int64_t from = INT64_MIN, to = INT64_MAX;  /* from <= time < to */
 };
 
 /* ---- reading ---- */
@@ -464,17 +464,23 @@ bool back_up(const std::string& directory, const std::string& file,
 
 /* Puts a copy that back_up() made into the state directory, which no collector may use and which
  * may have nothing stored unless `replace`; what is replaced is kept beside it, its name in
- * `kept_as`. The copy is checked first. False with the reason in `error`; then all is as it was. */
+ * `kept_as`. The copy is checked first. restored_fact says so. False with the reason in `error`;
+ * then all is as it was. */
 bool restore_from(const std::string& directory, const std::string& file, bool replace,
                   const std::function<void(int)>& progress, std::string& kept_as,
                   std::string& error);
 
+/* What is packed above: whether it can be unpacked. Empty: it is not looked at. */
+struct whole_texts {
+    std::function<bool(std::string_view state)> state = {};       /* of an agent */
+    std::function<bool(std::string_view assigned)> assigned = {}; /* fleet_agent */
+};
+
 /* Looks at all that is stored: whether every page, row and packed piece can be read and fits
- * together, and what `state_is_whole` says of the agents' states. Calls `found` for what is not so.
- * False with the reason in `error` when it cannot be opened. Reads only, also while a collector
- * writes. */
+ * together, and what `is_whole` says of the agents' texts. Calls `found` for what is not so. False
+ * with the reason in `error` when it cannot be opened. Reads only, also while a collector writes.
+ */
 bool check_store(const std::string& directory, const std::function<void(const std::string&)>& found,
-                 std::string& error,
-                 const std::function<bool(std::string_view state)>& state_is_whole = {});
+                 std::string& error, const whole_texts& is_whole = {});
 
 #endif

@@ -88,12 +88,32 @@ struct copy_test : testing::Test {
             e->append_inventory(
                 {.agent = agent.id, .type = 39, .received = noon, .time = noon, .record = "items"},
                 row) &&
-            e->append_definition({.type = 66, .number = 7, .name = "load", .text = "x"}) &&
+            e->append_definition({.agent = agent.id,
+                                  .type = 66,
+                                  .number = 7,
+                                  .name = "load",
+                                  .text = "x",
+                                  .title = "load of web-1",
+                                  .group = "web servers"}) &&
+            e->append_fleet_revision({.revision = 3,
+                                      .time = noon,
+                                      .author = "anna",
+                                      .about = "applied",
+                                      .text = "version: 1\n",
+                                      .has_text = true}) &&
+            e->put_fleet_agent({.account = "a@b.c", .agent = "one", .assigned = "assigned"}) &&
+            e->put_change({.id = 1,
+                           .revision = 3,
+                           .time = noon,
+                           .account = "a@b.c",
+                           .agent = "one",
+                           .test = "load",
+                           .action = 1}) &&
             e->commit())
             << e->reason();
     }
 
-    /* All that is in a file, table by table. */
+    /* All that is in a file, table by table, but for how often it was restored. */
     strings content(const std::string& path) {
         database db;
         EXPECT_TRUE(database_open_file(path, db, error)) << error;
@@ -108,10 +128,12 @@ struct copy_test : testing::Test {
             statement rows(db.get(), "SELECT * FROM " + table);
             while (rows.row()) {
                 std::string row = table;
-                for (int i = 0; i < 9; i++) {
+                for (int i = 0; i < 14; i++) {
                     row += "|" + std::string(rows.bytes(i));
                 }
-                all.push_back(row);
+                if (!row.starts_with("facts|restored|")) {
+                    all.push_back(row);
+                }
             }
         }
         return all;
@@ -130,7 +152,9 @@ struct copy_test : testing::Test {
     }
     strings findings(const std::string& where) {
         strings found;
-        auto whole = [](std::string_view text) { return text == "state"; };
+        const whole_texts whole = {
+            .state = [](std::string_view text) { return text == "state"; },
+            .assigned = [](std::string_view text) { return text == "assigned"; }};
         EXPECT_TRUE(check_store(
             where, [&](const std::string& what) { found.push_back(what); }, error, whole))
             << error;
@@ -404,6 +428,44 @@ TEST_F(copy_test, what_is_stored_is_replaced_only_when_asked_and_kept) {
     EXPECT_EQ(content(first), before);
 }
 
+TEST_F(copy_test, a_copy_that_comes_back_says_so_each_time) {
+    auto times = [&](const std::string& where) {
+        std::unique_ptr<result_reader> reader = open_reader(where, error);
+        EXPECT_TRUE(reader) << error;
+        return reader ? reader->read_fact(restored_fact) : std::nullopt;
+    };
+    fill();
+    ASSERT_TRUE(backed_up(file)) << error;
+    EXPECT_EQ(times(state), std::nullopt);
+    e.reset();
+    for (int64_t time = 1; time <= 3; time++) { /* of the same copy, too */
+        ASSERT_TRUE(restored(state, true)) << error;
+        EXPECT_EQ(times(state), time);
+    }
+    std::string other = directory / "other", later = directory / "later.db";
+    ASSERT_TRUE(back_up(state, later, {}, error)) << error;
+    ASSERT_TRUE(restore_from(other, later, false, {}, kept_as, error)) << error;
+    EXPECT_EQ(times(other), 4) << "what the copy knows counts where nothing was";
+    ASSERT_TRUE(restored(other, true)) << error;
+    EXPECT_EQ(times(other), 5) << "and what is replaced";
+    write_text(database_path(other), "no database at all");
+    ASSERT_TRUE(restored(other, true)) << error;
+    EXPECT_EQ(times(other), 1) << "nobody knows";
+}
+
+TEST_F(copy_test, a_fleet_alone_is_not_replaced_unasked) {
+    fill();
+    ASSERT_TRUE(backed_up(file)) << error;
+    std::string other = directory / "other";
+    open(other);
+    ASSERT_TRUE(e->begin() &&
+                e->append_fleet_revision({.revision = 1, .text = "x", .has_text = true}) &&
+                e->commit());
+    e.reset();
+    EXPECT_FALSE(restored(other));
+    EXPECT_NE(error.find("not replaced unasked"), error.npos) << error;
+}
+
 /* Also what a collector that was killed left in its log is kept. */
 TEST_F(copy_test, the_log_of_what_is_replaced_goes_with_it) {
     fill();
@@ -582,6 +644,11 @@ TEST_F(copy_test, what_is_damaged_is_found) {
         {"UPDATE blocks SET before = 2 WHERE id = 5",
          "block 5 of agent 1 follows block 2 of agent 2"},
         {"UPDATE blocks SET before = 0 WHERE id = 5", "blocks of agent 1: 2 are followed by none"},
+        {"UPDATE definitions SET agent = 9", "definitions: 1 of agent 9, which there is not"},
+        {"UPDATE fleet_agents SET assigned = x'00'",
+         "what a@b.c/one was given of the fleet is damaged"},
+        {"UPDATE fleet_revisions SET revision = -1", "revision -1 of the fleet is none"},
+        {"UPDATE fleet_changes SET outcome = 5", "change 1 has outcome 5, which there is not"},
     };
     for (auto [sql, expected] : damages) {
         fs::remove_all(state);

@@ -101,6 +101,8 @@ TEST_F(database_test, ours_is_told_from_others_and_old_from_new) {
         mark(version);
         EXPECT_EQ(check(), database_layout::earlier);
     }
+    mark(database_version_renewed);
+    EXPECT_EQ(check(), database_layout::renewed);
     for (int version : {0, database_version + 1}) {
         mark(version);
         check();

@@ -376,8 +376,8 @@ TEST_F(ingest_test, what_is_not_ours_is_refused_and_left_alone) {
     fs::remove(path);
     ASSERT_EQ(open(), "");
     s.reset();
-    EXPECT_EQ(query("PRAGMA user_version = 4"), strings());
-    EXPECT_EQ(open(), path + ": its layout has version 4, this program knows version 3");
+    EXPECT_EQ(query("PRAGMA user_version = 5"), strings());
+    EXPECT_EQ(open(), path + ": its layout has version 5, this program knows version 4");
 }
 
 TEST_F(ingest_test, the_agents_are_known_with_address_and_version) {
@@ -474,7 +474,7 @@ TEST_F(ingest_test, a_database_of_the_first_version_is_taken_over) {
                         .run());
     }
     ASSERT_EQ(open(), "");
-    EXPECT_EQ(query("PRAGMA user_version"), strings{"3"});
+    EXPECT_EQ(query("PRAGMA user_version"), strings{"4"});
     EXPECT_EQ(submit(load_record(5, 3)), store_result::duplicate); /* it waits for that */
     strings all = {"a@b.c/web1 5 3 0", "a@b.c/web1 6 2 -86400", "a@b.c/web2 - 8 0",
                    "a@b.c/web2 5 4 0"};

@@ -1,5 +1,6 @@
 #include "store/sqlite/carried.h"
 
+#include "store/engine.h"
 #include "store/sqlite/layout.h"
 
 #include <algorithm>
@@ -71,6 +72,9 @@ void carried_rows::read(sqlite3* db) {
         }
     });
     settle_last(db, "agents", all, last_agent);
+    if (std::optional<int64_t> restored = database_fact(db, restored_fact)) {
+        facts.push_back({restored_fact, *restored});
+    }
     if (!has_column(db, "tests", "number")) {
         return;
     }

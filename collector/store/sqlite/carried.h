@@ -1,4 +1,5 @@
-/* What a new file takes from the one before it: who the agents are and which ids their tests have;
+/* What a new file takes from the one before it: who the agents are and which ids their tests have,
+ * and how often a copy was restored (what agents are to do is kept in settings.db besides);
  * from a file of an earlier version also what could not be decoded. */
 #ifndef VINDRAL_COLLECTOR_CARRIED_H
 #define VINDRAL_COLLECTOR_CARRIED_H

@@ -3,7 +3,6 @@
 #include "base/text.h"
 #include "protocol/record.h"
 #include "store/pack.h"
-#include "store/sqlite/layout.h"
 
 #include <algorithm>
 #include <limits>
@@ -13,8 +12,8 @@ namespace {
 class checker {
 public:
     checker(sqlite3* db, const std::function<void(const std::string&)>& found,
-            const std::function<bool(std::string_view)>& state_is_whole)
-        : db_(db), found_(found), state_is_whole_(state_is_whole) {}
+            const whole_texts& is_whole)
+        : db_(db), found_(found), is_whole_(is_whole) {}
 
     void pages();
     void agents();
@@ -23,6 +22,7 @@ public:
     void chains();
     void chunks();
     void roll_ups(resolution r);
+    void fleet();
 
 private:
     /* Calls each(row), and says so when not all rows can be read. */
@@ -33,7 +33,7 @@ private:
 
     sqlite3* const db_;
     const std::function<void(const std::string&)>& found_;
-    const std::function<bool(std::string_view)>& state_is_whole_;
+    const whole_texts& is_whole_;
 };
 
 template <typename Do>
@@ -61,11 +61,11 @@ void checker::pages() {
 }
 
 void checker::agents() {
-    if (!state_is_whole_) {
+    if (!is_whole_.state) {
         return;
     }
     for_each_row("agents", "SELECT id, state FROM agents", [this](const statement& row) {
-        if (!row.bytes(1).empty() && !state_is_whole_(row.bytes(1))) {
+        if (!row.bytes(1).empty() && !is_whole_.state(row.bytes(1))) {
             found_("the state of agent " + number(row.integer(0)) + " is damaged");
         }
     });
@@ -206,11 +206,41 @@ void checker::roll_ups(resolution r) {
     }
 }
 
+void checker::fleet() {
+    for_each_row("definitions",
+                 "SELECT agent, count(*) FROM definitions WHERE agent <> 0 AND agent NOT IN "
+                 "(SELECT id FROM agents) GROUP BY agent",
+                 [this](const statement& row) {
+                     found_("definitions: " + number(row.integer(1)) + " of agent " +
+                            number(row.integer(0)) + ", which there is not");
+                 });
+    for_each_row("fleet_revisions",
+                 "SELECT revision FROM fleet_revisions WHERE revision NOT BETWEEN 1 AND 2147483647 "
+                 "OR typeof(text) NOT IN ('text', 'null')",
+                 [this](const statement& row) {
+                     found_("revision " + number(row.integer(0)) + " of the fleet is none");
+                 });
+    for_each_row("fleet_agents", "SELECT id, account, agent, assigned FROM fleet_agents",
+                 [this](const statement& row) {
+                     if (is_whole_.assigned && !is_whole_.assigned(row.bytes(3))) {
+                         found_("what " + printable(row.bytes(1)) + "/" + printable(row.bytes(2)) +
+                                " was given of the fleet is damaged");
+                     }
+                 });
+    for_each_row("fleet_changes",
+                 "SELECT id, outcome FROM fleet_changes WHERE outcome NOT BETWEEN 1 AND 4",
+                 [this](const statement& row) {
+                     found_("change " + number(row.integer(0)) + " has outcome " +
+                            number(row.integer(1)) + ", which there is not");
+                 });
+}
+
 } // namespace
 
-void check_database(sqlite3* db, const std::function<void(const std::string&)>& found,
-                    const std::function<bool(std::string_view state)>& state_is_whole) {
-    checker look(db, found, state_is_whole);
+void check_database(sqlite3* db, database_layout layout,
+                    const std::function<void(const std::string&)>& found,
+                    const whole_texts& is_whole) {
+    checker look(db, found, is_whole);
     look.pages();
     look.agents();
     look.owners();
@@ -219,15 +249,18 @@ void check_database(sqlite3* db, const std::function<void(const std::string&)>& 
     look.chunks();
     look.roll_ups(resolution::five_minutes);
     look.roll_ups(resolution::hour);
+    if (layout == database_layout::current) {
+        look.fleet();
+    }
 }
 
 bool check_store(const std::string& directory, const std::function<void(const std::string&)>& found,
-                 std::string& error,
-                 const std::function<bool(std::string_view state)>& state_is_whole) {
+                 std::string& error, const whole_texts& is_whole) {
     database db;
-    if (!database_open_reading(directory, db, error)) {
+    database_layout layout{};
+    if (!database_open_reading(directory, db, error, &layout)) {
         return false;
     }
-    check_database(db.get(), found, state_is_whole);
+    check_database(db.get(), layout, found, is_whole);
     return true;
 }

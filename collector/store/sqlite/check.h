@@ -5,14 +5,15 @@
 
 #include "store/engine.h"
 #include "store/sqlite/database.h"
+#include "store/sqlite/layout.h"
 
 #include <functional>
 #include <string>
-#include <string_view>
 
-/* In the transaction that is under way. What cannot be read is found too, and the rest is looked at
- * all the same. */
-void check_database(sqlite3* db, const std::function<void(const std::string&)>& found,
-                    const std::function<bool(std::string_view state)>& state_is_whole);
+/* In the transaction that is under way, of a file of that layout. What cannot be read is found too,
+ * and the rest is looked at all the same. */
+void check_database(sqlite3* db, database_layout layout,
+                    const std::function<void(const std::string&)>& found,
+                    const whole_texts& is_whole);
 
 #endif

@@ -214,12 +214,42 @@ bool has_something(const std::string& directory) {
         return false;
     }
     database db;
+    database_layout layout{};
     std::string ignored;
-    if (!database_open_reading(directory, db, ignored)) {
+    if (!database_open_reading(directory, db, ignored, &layout)) {
         return true;
     }
     statement agents(db.get(), "SELECT 1 FROM agents LIMIT 1");
-    return agents.step() != SQLITE_DONE;
+    statement fleet(db.get(), "SELECT 1 FROM fleet_revisions LIMIT 1");
+    return agents.step() != SQLITE_DONE ||
+           (layout == database_layout::current && fleet.step() != SQLITE_DONE);
+}
+
+/* Of what is there, as far as it can be read. */
+int64_t times_restored(const std::string& directory) {
+    database db;
+    database_layout layout{};
+    std::string ignored;
+    return is_there(database_path(directory)) &&
+                   database_open_reading(directory, db, ignored, &layout)
+               ? database_fact(db.get(), restored_fact).value_or(0)
+               : 0;
+}
+
+/* Says in the copy that it was restored once more than that, and has it on disk. */
+bool note_restored(const unnamed_copy& copy, int64_t before, std::string& error) {
+    database db;
+    if (!open_to_write(copy.path(), db) || !database_exec(db.get(), "PRAGMA synchronous = OFF") ||
+        !database_set_fact(db.get(), restored_fact, before + 1)) {
+        error = copy.name() + ": " + sqlite3_errmsg(db.get());
+        return false;
+    }
+    db.reset();
+    if (!copy.sync()) {
+        error = system_error(copy.name());
+        return false;
+    }
+    return true;
 }
 
 /* That of the directory, where somebody who may makes files for the collector's user. */
@@ -289,7 +319,8 @@ bool back_up(const std::string& directory, const std::string& file,
         return false;
     }
     database from;
-    if (!database_open_reading(directory, from, error)) {
+    database_layout layout{};
+    if (!database_open_reading(directory, from, error, &layout)) {
         return false;
     }
     if (is_being_taken_over(from.get())) {
@@ -313,7 +344,8 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
                   std::string& error) {
     kept_as.clear();
     database from;
-    if (!database_open_file(file, from, error)) {
+    database_layout layout{};
+    if (!database_open_file(file, from, error, &layout)) {
         return false;
     }
     if (is_being_taken_over(from.get())) {
@@ -322,7 +354,7 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
     }
     size_t damages = 0;
     check_database(
-        from.get(),
+        from.get(), layout,
         [&](const std::string& what) { error = damages++ == 0 ? file + ": " + what : error; }, {});
     if (damages > 0) {
         error += damages > 1 ? ", and " + std::to_string(damages - 1) + " more" : "";
@@ -347,7 +379,9 @@ bool restore_from(const std::string& directory, const std::string& file, bool re
         return false;
     }
     unnamed_copy copy(database_path(directory));
-    if (!copy_into(from.get(), copy, progress, error)) {
+    const int64_t before =
+        std::max(times_restored(directory), database_fact(from.get(), restored_fact).value_or(0));
+    if (!copy_into(from.get(), copy, progress, error) || !note_restored(copy, before, error)) {
         return false;
     }
     if (!give_to_owner(directory, copy.path()) || !give_to_owner(directory, directory + "/lock")) {

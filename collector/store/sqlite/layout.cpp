@@ -75,8 +75,8 @@ const char tables_since_4[] =
 const char from_3_to_4[] = "ALTER TABLE definitions ADD COLUMN agent INTEGER NOT NULL DEFAULT 0;"
                            "ALTER TABLE definitions ADD COLUMN title TEXT NOT NULL DEFAULT '';"
                            "ALTER TABLE definitions ADD COLUMN team TEXT NOT NULL DEFAULT '';"
-                           "DROP INDEX definitions_of_test;"
-                           "DROP INDEX definitions_of_location;";
+                           "DROP INDEX IF EXISTS definitions_of_test;"
+                           "DROP INDEX IF EXISTS definitions_of_location;";
 
 bool set_version(sqlite3* db) {
     return database_exec(db, "PRAGMA user_version = " + std::to_string(database_version));

@@ -59,6 +59,7 @@
  *     blocks          the highest id that blocks may have got
  *     earlier         1 while an earlier version's file has to be taken over, 0 when that can go
  *                     (earlier.h)
+ *     restored        how often a copy was put in its place (engine.h)
  *     and those of upkeep
  *
  * user_version is the version of this layout; application_id marks the file as ours. */

@@ -20,7 +20,7 @@ constexpr int64_t highest_revision = std::numeric_limits<int32_t>::max();
 constexpr const char yaml_type[] = "application/yaml";
 constexpr std::chrono::milliseconds longest_wait_for_turn{1000};
 
-const parameter_def read_parameters[] = {
+const parameter_def get_parameters[] = {
     {.name = "revision",
      .kind = parameter_kind::number,
      .text = "An older one: the text that was in force with that revision.",
@@ -310,7 +310,7 @@ const route rows[] = {
      .least = role::viewer,
      .summary = "The fleet: its revision, what became of its changes, and, for operators, the file "
                 "in force, as text and as JSON; as it was written where Accept wants YAML.",
-     .parameters = read_parameters,
+     .parameters = get_parameters,
      .takes = "",
      .answers = "fleet",
      .status = 200,

@@ -23,6 +23,10 @@ const parameter_def list_parameters[] = {
      .text = "Only those of which that became.",
      .choices = "sent|confirmed|unanswered|impossible",
      .many = true},
+    {.name = "open",
+     .kind = parameter_kind::flag,
+     .text = "Only those that are not confirmed and that nothing has taken the place of: what is "
+             "still to be, or cannot be."},
     {.name = "revision",
      .kind = parameter_kind::number,
      .text = "Only those of this revision.",
@@ -38,6 +42,9 @@ constexpr size_t most_looked_at = 10000;
 
 uint8_t outcomes_asked_for(const api_request& asked) {
     const chosen words(asked, "outcome");
+    if (!words.is_given() && is_set(asked, "open")) {
+        return 0xff & ~(1u << static_cast<unsigned>(change_outcome::confirmed));
+    }
     unsigned bits = 0;
     for (change_outcome each : {change_outcome::sent, change_outcome::confirmed,
                                 change_outcome::unanswered, change_outcome::impossible}) {
@@ -73,6 +80,57 @@ private:
     std::map<std::pair<std::string, std::string>, bool> known_;
 };
 
+/* Whether changes are what the fleet wants still. */
+class open_filter {
+public:
+    open_filter(const api_request& asked, const api_services& with)
+        : is_on_(is_set(asked, "open")), fleet_(with.fleet) {}
+
+    bool has(const stored_change& change) {
+        if (!is_on_) {
+            return true;
+        }
+        if (fleet_ == nullptr || change.outcome == change_outcome::confirmed) {
+            return false;
+        }
+        switch (static_cast<change_action>(change.action)) {
+        case change_action::intervals:
+            return change.reason.find("took its place") == change.reason.npos;
+        case change_action::remove:
+            return find(change) == nullptr;
+        default:
+            break;
+        }
+        const fleet_test_standing* test = find(change);
+        return test != nullptr &&
+               (change.outcome == change_outcome::impossible ? !test->impossible.empty()
+                                                             : test->revision == change.revision);
+    }
+
+private:
+    /* What the agent has by that number, or by that name when the change has none. Changes of an
+     * agent come together mostly. */
+    const fleet_test_standing* find(const stored_change& change) {
+        if (change.account != account_ || change.agent != agent_) {
+            account_ = change.account;
+            agent_ = change.agent;
+            tests_ = fleet_->tests_of(account_, agent_);
+        }
+        auto found =
+            std::find_if(tests_.begin(), tests_.end(), [&change](const fleet_test_standing& each) {
+                return change.number == 0 ? each.name == change.test
+                                          : each.number == change.number && each.kind != nullptr &&
+                                                each.kind->record->code == change.type;
+            });
+        return found != tests_.end() ? &*found : nullptr;
+    }
+
+    const bool is_on_;
+    const fleet_service* const fleet_;
+    std::string account_, agent_;
+    std::vector<fleet_test_standing> tests_;
+};
+
 api_answer list_changes(const api_request& asked, api_services& with) {
     reader_pool::lent store = with.stored.lend(asked.deadline);
     const size_t limit = limit_of(asked);
@@ -94,6 +152,7 @@ api_answer list_changes(const api_request& asked, api_services& with) {
         which.below = number_in((*behind)[0]);
     }
     group_filter group(asked, with);
+    open_filter open(asked, with);
     agent_ids ids(&*store);
     json::array items;
     std::string next, error;
@@ -108,7 +167,7 @@ api_answer list_changes(const api_request& asked, api_services& with) {
             check_deadline(asked);
         }
         last = change.id;
-        if (group.has(change.account, change.agent)) {
+        if (group.has(change.account, change.agent) && open.has(change)) {
             items.push_back(json_change(change, ids.of(change.account, change.agent)));
         }
         return true;

@@ -529,6 +529,46 @@ TEST_F(api_fleet_test, changes_that_are_asked_for) {
     refused("/api/v1/changes?next=MTEKMgo", 400);
 }
 
+/* What nothing came of yet, or never will, of what the agent is to have now. */
+TEST_F(api_fleet_test, changes_that_are_open) {
+    submit(load(5));
+    auto standing = [](const char* name, int32_t number, int32_t revision, const char* why) {
+        fleet_test_standing test;
+        test.name = name;
+        test.kind = find_kind("load");
+        test.number = number;
+        test.revision = revision;
+        test.impossible = why;
+        return test;
+    };
+    fleet.tests["a@b.c/web-1"] = {standing("load", 5, 4, ""), standing("data", 0, 0, "no disk"),
+                                  standing("late", 7, 9, "")};
+    auto of = [&](int64_t id, change_outcome outcome, const char* test, int32_t number,
+                  change_action action = change_action::change, const char* reason = "") {
+        stored_change one = change(id, outcome, "web-1", test);
+        one.number = number;
+        one.action = static_cast<uint8_t>(action);
+        one.reason = reason;
+        put(one);
+    };
+    of(3, change_outcome::unanswered, "load", 5, change_action::change,
+       "revision 4 took its place");
+    of(4, change_outcome::sent, "load", 5);
+    of(5, change_outcome::impossible, "data", 0, change_action::add);
+    of(6, change_outcome::impossible, "found since", 0, change_action::add);
+    of(7, change_outcome::sent, "gone", 6, change_action::remove);
+    of(8, change_outcome::sent, "", 0, change_action::intervals);
+    of(9, change_outcome::confirmed, "late", 7);
+    of(10, change_outcome::unanswered, "", 0, change_action::intervals,
+       "revision 11 took its place before it was sent");
+    of(11, change_outcome::unanswered, "nobody's", 99);
+    EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 2), "8 7 5 4");
+    EXPECT_EQ(pages("/api/v1/changes?open=1&outcome=impossible,confirmed", "id", 2), "5");
+    EXPECT_EQ(pages("/api/v1/changes?open=0", "id", 2), "11 10 9 8 7 6 5 4 3");
+    with->fleet = nullptr;
+    EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 2), "");
+}
+
 /* ---- the stream ---- */
 
 class api_live_changes_test : public api_fleet_test {

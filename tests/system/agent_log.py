@@ -72,7 +72,7 @@ class Life:
                 self.sums.append(self._sum)
             self._is_login = "Vnd-SessionID:" not in text
         elif found := _ANSWER.match(text):
-            self._answer = found.group(1).replace("\r", "").partition("\n\n")[2]
+            self._answer = found.group(1).partition("\n\n")[2]
         elif ANSWERED in text:
             if ACCEPTED in text and self._answer is not None:
                 for line in self._answer.split("\n"):
@@ -131,7 +131,7 @@ class AgentLog:
                 file.seek(self.at)
                 new = file.read()
             self.at += len(new)
-            text = self.rest + new.decode("utf-8", "surrogateescape")
+            text = self.rest + new.decode("utf-8", "surrogateescape").replace("\r", "")
             # The last entry may not be whole: it is when another one begins behind it.
             entries = harness.log_entries(text + "\n") if text else []
             self.rest = entries.pop() if entries else ""

@@ -132,11 +132,11 @@ class Pages:
 
 
 def _http(fields, record):
-    path, text, user, password, must = fields[1], fields[3], fields[5], fields[6], fields[12] == "1"
+    path, text, user, password, must = fields[1], fields[3], fields[5], fields[6], fields[11] == "1"
     message = "".join(record.strings[:1])
     if not message.startswith(PERFORMED) and "200 OK" not in message and "401" not in message:
         return None  # it was not reached in time
-    whole = fields[11] == "1"
+    whole = fields[10] == "1"
     if not text or not whole:
         return status_of(record), message
     found = Pages.has(path, text, user, password)

@@ -5,6 +5,7 @@ plain or in double quotes, comments. `wanted()` is docs/fleet.md once more, for 
 
 import collections
 import fnmatch
+import ipaddress
 import re
 
 # ---- YAML ----
@@ -241,11 +242,21 @@ def _mysql(test, _):
             test.get("password", ""), ";".join(values), "%d" % seconds(test.get("within", "10s")))
 
 
+def _discovery(test, _):
+    first, _, last = test["discovery"].replace(" ", "").partition("-")
+    if "/" in first:
+        network = ipaddress.ip_network(first)
+        first, last = network.network_address + 1, network.broadcast_address - 1
+    end = ipaddress.ip_address(last or first) + 1
+    objects = test.get("objects", [])
+    return ("DC", str(first), str(end), *([";".join(objects)] if objects else []))
+
+
 KINDS = {  # the list of tests that it is in (agent_log.py), the type of its records, its command
     "load": ("load", 66, _load), "cpu": ("cpu", 44, _cpu), "memory": ("memory", 47, _memory), "disk": ("disk", 46, _disk),
     "process": ("process", 43, _process), "network": ("network", 38, _network), "ping": ("ping", 48, _ping),
     "http": ("http", 49, _http), "snmp": ("snmp", 57, _snmp), "snmp table": ("snmp", 67, _snmp_table),
-    "mysql": ("mysql", 74, _mysql),
+    "mysql": ("mysql", 74, _mysql), "discovery": ("discovery", 40, _discovery),
 }
 
 

@@ -46,6 +46,7 @@ class Recorded:
     def __init__(self, name, source, identity):
         self.name, self.source = name, source
         self.exchanges, self.blocks = [], []
+        self.inventories = {}  # the last of each type, with a tab behind each item
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
         self.context.check_hostname, self.context.verify_mode = False, ssl.CERT_NONE
         if identity:
@@ -61,6 +62,8 @@ class Recorded:
             if block is None or block.is_over or block.body != exchange.body:
                 block = Block(exchange.body, plain)
                 self.blocks.append(block)
+                self.inventories.update((record.ui32[0], "".join(record.strings)) for record in records.decode(plain)
+                                        if record.ui32[0] in records.INVENTORIES)
             block.sendings += 1
             if exchange.answer is not None and exchange.answer not in (LOG_IN_AGAIN, NOT_AUTHORISED):
                 block.is_stored = True
@@ -156,7 +159,7 @@ class Recorder:
         agent.note(Exchange(time.monotonic(), agent.name, "vnd-sessionid" not in headers, body,
                             None if answer is None else answer[2], delivered, headers), plain)
         if delivered:
-            near.unwrap()
+            _say_goodbye(near)
         else:  # a reset
             near.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
@@ -168,9 +171,19 @@ class Recorder:
                 sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
                 with agent.context.wrap_socket(sock) as far:
                     far.sendall(head + body)
-                    return _read_message(far)
+                    answer = _read_message(far)
+                    if answer is not None:
+                        _say_goodbye(far)  # as agents do: by that the collector knows that they have it
+                    return answer
         except OSError:
             return None
+
+
+def _say_goodbye(sock):
+    try:
+        sock.unwrap()
+    except (OSError, ValueError):
+        pass  # it was faster
 
 
 def _read_message(sock):

@@ -25,14 +25,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 struct keeper_options {
     std::string directory;            /* the state directory: what was stored is read from there */
-    std::string file;                 /* --fleet; empty: the API applies */
+    std::string file = {};            /* --fleet; empty: the API applies */
     known_secrets* secrets = nullptr; /* null: there are none; outlives it */
-    std::function<void(const std::string&)> log; /* a line; any thread */
+    std::function<void(const std::string&)> log = {}; /* a line; any thread */
     /* A change as the API shows it has another outcome, or is new: for the stream. Any thread. */
-    std::function<void(const stored_change&)> on_change;
+    std::function<void(const stored_change&)> on_change = {};
 };
 
 class fleet_keeper : public instructions,
@@ -40,15 +41,19 @@ class fleet_keeper : public instructions,
                      public fleet_service,
                      public test_names {
 public:
-    /* Null with one line in `error`. Reads what is stored. `early`: what is to be said, line by
-     * line: with a file that is wrong and a fleet that was in force before, that one goes on, and
-     * the file's errors are in here; with none before, it is an error. */
+    /* Null with one line in `error`. Reads what is stored: the store has been opened before, so
+     * that it has the layout of this version. `early`: what is to be said, line by line: with a
+     * file that is wrong and a fleet that was in force before, that one goes on, and the file's
+     * errors are in here; with none before, it is an error. */
     static std::unique_ptr<fleet_keeper> open(keeper_options options,
                                               std::vector<std::string>& early, std::string& error);
 
-    /* The store is open, too: from now on things are written and agents told. Before that nothing
-     * but listening is called. `results` outlives stop(). */
-    virtual void start(ingest& results) = 0;
+    /* From now on things are written and agents told. Before that nothing but listening is called.
+     * `results` outlives stop(), and this outlives `results`, whose thread tells it things. False
+     * with one line in `error` when there can be no thread. */
+    virtual bool start(ingest& results, std::string& error) = 0;
+    /* Looks at --fleet's file now, and reads it whatever its time says. Any thread. */
+    virtual void read_file() = 0;
     /* Writes what is due and ends the thread. */
     virtual void stop() = 0;
 };

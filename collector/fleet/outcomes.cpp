@@ -225,6 +225,17 @@ void agent_changes::follow(const given_agent& agent) {
         now.push_back(known != leaving_.end() && known->revision == one.revision ? *known : one);
     }
     leaving_.swap(now);
+    note_open();
+}
+
+void agent_changes::give_up(moment now) {
+    for (kept_change& one : open_) {
+        if (!one.is_over) {
+            end(one, change_outcome::unanswered, "the agent was retired", now);
+        }
+    }
+    leaving_.clear();
+    note_open();
 }
 
 void agent_changes::tell(kept_change& one, const given_agent& agent, moment now) {

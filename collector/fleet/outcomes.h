@@ -79,6 +79,9 @@ public:
     /* What the agent is to have has changed: of what it is not to have is known who goes. */
     void follow(const given_agent& agent);
 
+    /* The agent is not watched any more. */
+    void give_up(moment now);
+
     /* An answer was written; the agent has all up to `upto` now, but for tests with secrets when it
      * is not `proven`. `login`: the answer to one, which has everything. */
     void answered(const given_agent& agent, int32_t upto, bool proven, bool login, moment now);

@@ -1,0 +1,639 @@
+/* Start, thread and end. */
+#include "fleet/keeper_body.h"
+
+#include "base/text.h"
+
+#include <algorithm>
+#include <future>
+#include <pthread.h>
+#include <system_error>
+
+static constexpr std::chrono::seconds between_ticks{1};
+static constexpr std::chrono::seconds longest_storing{10};
+static constexpr size_t most_agents = 2000; /* in one piece of work, but when a file is applied */
+static constexpr size_t most_saved = 2000;  /* changes, likewise */
+static constexpr size_t most_looked_at = 1000; /* agents, at a time with the mutex */
+static constexpr size_t most_kept = 250'000;   /* agents: more are strangers' inventions */
+static constexpr size_t most_remarks = 20;     /* in the log */
+
+/* What the store has forgotten, since a copy was put in its place. */
+static constexpr int32_t revisions_lost = 1'000'000, numbers_lost = 1000;
+
+/* A NUL cannot stand in a request's header, so it parts the two names. */
+static std::string name_key(std::string_view account, std::string_view agent) {
+    return std::string(account).append(1, '\0').append(agent);
+}
+
+static std::string where(const std::string& path, const remark& what) {
+    return path + ":" + std::to_string(what.at.line) + ":" + std::to_string(what.at.column) + ": " +
+           what.text;
+}
+
+std::unique_ptr<fleet_keeper>
+fleet_keeper::open(keeper_options options, std::vector<std::string>& early, std::string& error) {
+    auto body = std::make_unique<keeper_body>(std::move(options));
+    return body->open(early, error) ? std::move(body) : nullptr;
+}
+
+keeper_body::keeper_body(keeper_options options)
+    : options_(std::move(options)), kept_back_([this](const std::string& line) { log(line); }) {}
+
+keeper_body::~keeper_body() {
+    stop();
+}
+
+void keeper_body::log(const std::string& line) const {
+    if (options_.log) {
+        options_.log(line);
+    }
+}
+
+/* ---- what is stored ---- */
+
+bool keeper_body::open(std::vector<std::string>& early, std::string& error) {
+    stored_fleet stored;
+    std::unique_ptr<result_reader> store = open_reader(options_.directory, error);
+    if (!store || !read_stored_fleet(*store, stored, error)) {
+        error = "what agents were told cannot be read: " + error;
+        return false;
+    }
+    store.reset();
+    return take_stored(stored, early, error) && take_file(early, error);
+}
+
+bool keeper_body::take_stored(stored_fleet& stored, std::vector<std::string>& early,
+                              std::string& error) {
+    const int64_t restored = std::max<int64_t>(stored.restored - stored.restored_seen, 0);
+    newest_ = stored.newest;
+    in_force_ = std::move(stored.in_force);
+    highest_revision_ = stored.highest;
+    newest_change_ = stored.newest_change;
+    first_number_ =
+        static_cast<int32_t>(1 + numbers_lost * std::min<int64_t>(stored.restored, 1e6));
+    if (restored > 0) {
+        restored_seen_ = stored.restored;
+        highest_revision_ +=
+            static_cast<int32_t>(revisions_lost * std::min<int64_t>(restored, 500));
+    }
+    if (in_force_.has_text) {
+        auto file = std::make_shared<fleet>();
+        std::vector<remark> wrong;
+        if (read_fleet(in_force_.text, *file, wrong)) {
+            file_ = std::move(file);
+        } else {
+            early.push_back("the fleet that was in force cannot be read by this version, and "
+                            "agents are told nothing: " +
+                            where("line", wrong.front()));
+        }
+    }
+    for (stored_fleet::agent& one : stored.agents) {
+        if (one.is_damaged) {
+            early.push_back("what " + printable(one.name) + " of " + printable(one.account) +
+                            " was told is damaged in the store; it is told everything anew");
+        }
+        if (restored > 0) {
+            one.given.next_number +=
+                static_cast<int32_t>(numbers_lost * std::min<int64_t>(restored, 1e6));
+            for (assigned_test& test : one.given.tests) {
+                test.confirmed = 0; /* it may have had another since the copy was made */
+            }
+            one.confirmed.clear();
+        }
+        take_agent(one);
+    }
+    error.clear();
+    return true;
+}
+
+void keeper_body::take_agent(stored_fleet::agent& one) {
+    kept_agent* of = find_or_make(one.account, one.name);
+    if (of == nullptr) {
+        return;
+    }
+    for (const auto& [type, number] : one.confirmed) {
+        if (assigned_test* test = one.given.find(type, number)) {
+            test->confirmed = test->revision;
+        }
+    }
+    of->is_unsaved = !one.confirmed.empty() || restored_seen_;
+    of->is_there = one.is_there;
+    of->is_given = one.is_given;
+    of->given = std::make_shared<given_agent>(std::move(one.given));
+    of->has = std::move(one.has);
+    of->strays = std::move(one.strays);
+    of->highest = one.highest;
+    of->presence.is_silent = one.is_silent;
+    of->presence.silent_since = one.since;
+    const moment at = now();
+    for (kept_change& change : one.open) {
+        of->changes.restore(std::move(change));
+    }
+    of->changes.follow(*of->given);
+    for (const test_key& test : one.confirmed) {
+        of->changes.came(test, of->given->find(test)->revision, at);
+    }
+    if (of->is_there) {
+        make_due(*of);
+    }
+    note(*of);
+}
+
+/* Of --fleet. */
+bool keeper_body::take_file(std::vector<std::string>& early, std::string& error) {
+    if (options_.file.empty()) {
+        return true;
+    }
+    watched_ = std::make_unique<file_watch>(options_.file);
+    std::string text;
+    std::vector<std::string> wrong;
+    if (watched_->look(true, text, error) == file_watch::state::failed) {
+        wrong.push_back(error);
+    } else if (in_force_.has_text && text == in_force_.text && file_) {
+        error.clear();
+        return true;
+    } else {
+        fleet file;
+        std::vector<remark> remarks;
+        if (read_fleet(text, file, remarks)) {
+            pending_text_ = std::move(text);
+            error.clear();
+            return true;
+        }
+        for (const remark& each : remarks) {
+            wrong.push_back(where(options_.file, each));
+        }
+    }
+    if (file_) {
+        file_trouble_ = wrong.front();
+        early.insert(early.end(), wrong.begin(), wrong.end());
+        early.push_back("the fleet of revision " + std::to_string(in_force_.revision) +
+                        " stays in force");
+        error.clear();
+        return true;
+    }
+    error = std::move(wrong.back());
+    wrong.pop_back();
+    early.insert(early.end(), wrong.begin(), wrong.end());
+    return false;
+}
+
+/* ---- start and end ---- */
+
+bool keeper_body::start(ingest& results, std::string& error) {
+    results_ = &results;
+    results.follow({}, {}); /* not what the last run had */
+    {
+        std::lock_guard hold(mutex_);
+        if (file_) {
+            tell_stored_expectations();
+        }
+    }
+    if (restored_seen_ && !store_restored(error)) {
+        return false;
+    }
+    is_started_ = true;
+    apply_file();
+    try {
+        thread_ = std::thread([this] { run(); });
+    } catch (const std::system_error& e) {
+        error = "cannot start a thread: " + e.code().message();
+        return false;
+    }
+    pthread_setname_np(thread_.native_handle(), "fleet");
+    return true;
+}
+
+/* With a turn: waits for the end of the work, as long as the store's thread may take. */
+bool keeper_body::store_now(const work_pointer& work) {
+    auto ended = std::make_shared<std::promise<bool>>();
+    std::future<bool> end = ended->get_future();
+    work->done = [ended](const fleet_work& done) { ended->set_value(done.ok); };
+    submit(work);
+    return end.wait_for(longest_storing) == std::future_status::ready && end.get();
+}
+
+/* Ahead of everything else: what is given from now on is above all that was given since the copy
+ * was made. */
+bool keeper_body::store_restored(std::string& error) {
+    auto work = std::make_shared<fleet_work>();
+    work->now = now();
+    {
+        std::lock_guard hold(mutex_);
+        is_busy_ = true;
+        work->restored_seen = restored_seen_;
+        for (const auto& [key, agent] : agents_) {
+            if (agent->is_given) {
+                work->agents.push_back(
+                    {.of = agent.get(), .base = agent->given, .is_changed = true});
+            }
+        }
+    }
+    work->revision = {.revision = next_revision(),
+                      .time = work->now.wall,
+                      .author = "collector",
+                      .about = "a copy of the store was put in its place: numbers and revisions "
+                               "that may have been given since are left out"};
+    if (!store_now(work)) {
+        error = "cannot store that a copy was put in the place of the store: " + work->reason;
+        return false;
+    }
+    return true;
+}
+
+void keeper_body::stop() {
+    {
+        std::lock_guard hold(mutex_);
+        is_stopping_ = true;
+    }
+    changed_.notify_all();
+    if (!thread_.joinable()) {
+        return;
+    }
+    thread_.join();
+    answer_waiting();
+    for (bool more = true; more;) {
+        work_pointer work;
+        {
+            std::unique_lock hold(mutex_);
+            if (!changed_.wait_for(hold, longest_storing, [&] { return !is_busy_; })) {
+                return;
+            }
+            work = collect_unsaved();
+            is_busy_ = work != nullptr;
+        }
+        more = work && store_now(work);
+    }
+}
+
+void keeper_body::read_file() {
+    {
+        std::lock_guard hold(mutex_);
+        is_read_again_ = is_woken_ = true;
+    }
+    changed_.notify_all();
+}
+
+/* ---- the keeper's thread ---- */
+
+void keeper_body::run() {
+    steady::time_point tick_at = steady::now();
+    std::unique_lock hold(mutex_);
+    while (!is_stopping_) {
+        changed_.wait_until(hold, next_look(tick_at), [&] { return is_woken_ || is_stopping_; });
+        is_woken_ = false;
+        const bool at_once = std::exchange(is_read_again_, false);
+        hold.unlock();
+        try {
+            tell_finished();
+            if (steady::now() >= tick_at) {
+                tick_at = steady::now() + between_ticks;
+                look_at_secrets();
+                look_at_changes();
+                look_at_file(false);
+                is_saving_ = true;
+            }
+            if (at_once) {
+                look_at_file(true);
+            }
+            apply_file();
+            begin_work();
+        } catch (const std::exception& e) { /* no memory, most likely */
+            log(std::string("fleet: ") + e.what());
+        }
+        answer_waiting();
+        hold.lock();
+    }
+}
+
+/* With the mutex. */
+keeper_body::steady::time_point keeper_body::next_look(steady::time_point tick) const {
+    for (const waiting& each : waiting_) {
+        tick = std::min(tick, each.until);
+    }
+    return tick;
+}
+
+/* Those whose answers can be made, and those that have waited long enough. */
+void keeper_body::answer_waiting() {
+    std::vector<std::function<void()>> ready;
+    {
+        std::lock_guard hold(mutex_);
+        const steady::time_point time = steady::now();
+        std::erase_if(waiting_, [&](waiting& each) {
+            const bool is_over =
+                is_stopping_ || time >= each.until || (!each.of->is_due && !each.of->is_awaited);
+            if (is_over) {
+                ready.push_back(std::move(each.ready));
+            }
+            return is_over;
+        });
+    }
+    for (const std::function<void()>& each : ready) {
+        each();
+    }
+}
+
+void keeper_body::look_at_secrets() {
+    if (options_.secrets == nullptr || options_.secrets->newest() == secrets_seen_) {
+        return;
+    }
+    secrets_seen_ = options_.secrets->newest();
+    std::lock_guard hold(mutex_);
+    for (const auto& [key, agent] : agents_) {
+        if (agent->is_there && agent->given->has_secrets()) {
+            make_due(*agent);
+        }
+    }
+}
+
+/* What of the changes is late, a part of the agents at a time. */
+void keeper_body::look_at_changes() {
+    std::vector<kept_agent*> some;
+    {
+        std::lock_guard hold(mutex_);
+        some.assign(open_.begin(), open_.end());
+    }
+    for (size_t from = 0; from < some.size(); from += most_looked_at) {
+        const moment at = now();
+        std::lock_guard hold(mutex_);
+        for (size_t i = from; i < std::min(from + most_looked_at, some.size()); i++) {
+            kept_agent& of = *some[i];
+            if (of.changes.next_look() > at.steady) {
+                continue;
+            }
+            std::vector<test_key> again;
+            of.changes.look(*of.given, of.presence, at, again);
+            for (const test_key& test : again) {
+                if (std::find(of.again.begin(), of.again.end(), test) == of.again.end()) {
+                    of.again.push_back(test);
+                }
+            }
+            note(of);
+        }
+    }
+}
+
+void keeper_body::look_at_file(bool at_once) {
+    if (!watched_) {
+        return;
+    }
+    std::string text, trouble;
+    const file_watch::state found = watched_->look(at_once, text, trouble);
+    if (found == file_watch::state::text) {
+        pending_text_ = std::move(text);
+    } else if (found == file_watch::state::failed) {
+        pending_text_.reset();
+        log("fleet: " + trouble + "; the fleet in force goes on");
+        std::lock_guard hold(mutex_);
+        file_trouble_ = trouble;
+    }
+}
+
+/* What the file says now, if it is news and nothing else is under way. */
+void keeper_body::apply_file() {
+    if (!pending_text_) {
+        return;
+    }
+    {
+        std::lock_guard hold(mutex_);
+        if (is_busy_ || steady::now() < retry_) {
+            return;
+        }
+        if (in_force_.has_text && *pending_text_ == in_force_.text && file_) {
+            file_trouble_.clear();
+            pending_text_.reset();
+            return;
+        }
+        is_busy_ = true;
+    }
+    auto file = std::make_shared<fleet>();
+    std::vector<remark> wrong;
+    if (read_fleet(*pending_text_, *file, wrong)) {
+        for (const remark& each : file->notes) {
+            log("fleet: " + where(options_.file, each));
+        }
+        submit(make_application(*pending_text_, std::move(file), "file"));
+        return; /* whether it worked is seen when it is the text in force */
+    }
+    pending_text_.reset();
+    for (size_t i = 0; i < std::min(wrong.size(), most_remarks); i++) {
+        log("fleet: " + where(options_.file, wrong[i]));
+    }
+    const size_t more = wrong.size() - std::min(wrong.size(), most_remarks);
+    log("fleet: " + (more > 0 ? std::to_string(more) + " more; " : std::string()) +
+        "the fleet in force goes on");
+    std::lock_guard hold(mutex_);
+    file_trouble_ = where(options_.file, wrong.front());
+    is_busy_ = false;
+}
+
+/* The next piece of work, if there is any and none is under way. */
+void keeper_body::begin_work() {
+    auto work = std::make_shared<fleet_work>();
+    std::vector<agent_basis> due;
+    {
+        std::lock_guard hold(mutex_);
+        if (is_busy_ || steady::now() < retry_) {
+            return;
+        }
+        take_due(due);
+        if (due.empty()) {
+            work = is_saving_ ? collect_unsaved() : nullptr;
+            is_saving_ = work != nullptr;
+        }
+        is_busy_ = work != nullptr;
+    }
+    if (!work) {
+        return;
+    }
+    if (!due.empty()) {
+        work->now = now();
+        make_due(*work, due);
+    }
+    submit(work);
+}
+
+/* Those first that somebody waits for. With the mutex. */
+void keeper_body::take_due(std::vector<agent_basis>& due) {
+    auto take = [&](kept_agent* of) {
+        if (of->is_due && of->is_there && file_) {
+            due.push_back(basis_of(*of));
+            of->is_awaited = true;
+        }
+        of->is_due = false;
+    };
+    for (const waiting& each : waiting_) {
+        if (due.size() < most_agents) {
+            take(each.of);
+        }
+    }
+    while (!due_.empty() && due.size() < most_agents) {
+        take(due_.back());
+        due_.pop_back();
+    }
+}
+
+/* With the mutex; null: there is nothing. */
+keeper_body::work_pointer keeper_body::collect_unsaved() {
+    auto work = std::make_shared<fleet_work>();
+    work->now = now();
+    size_t changes = 0;
+    while (!noted_.empty() && changes < most_saved) {
+        kept_agent& of = *noted_.back();
+        noted_.pop_back();
+        of.is_noted = false;
+        fleet_work::agent saved = {.of = &of, .base = of.given, .is_changed = of.is_unsaved};
+        of.changes.unsaved(saved.outcomes);
+        if (saved.is_changed || !saved.outcomes.empty()) {
+            changes += 1 + saved.outcomes.size();
+            work->agents.push_back(std::move(saved));
+        }
+    }
+    return work->agents.empty() ? nullptr : work;
+}
+
+/* ---- what follows from work that is done ---- */
+
+void keeper_body::tell_finished() {
+    std::vector<work_pointer> done;
+    {
+        std::lock_guard hold(mutex_);
+        done.swap(finished_);
+    }
+    for (const work_pointer& work : done) {
+        if (!work->ok) {
+            const std::string trouble = "fleet: what agents are to do cannot be stored: ";
+            if (trouble_ != work->reason) {
+                log(trouble + work->reason);
+            }
+            trouble_ = work->reason;
+            continue;
+        }
+        if (!trouble_.empty()) {
+            log("fleet: what agents are to do is stored again");
+            trouble_.clear();
+        }
+        if (work->revision.revision != 0) {
+            log("fleet: revision " + std::to_string(work->revision.revision) + " by " +
+                printable(work->revision.author) + ": " + work->revision.about);
+        }
+        tell_expectations(*work);
+        for (const fleet_work::agent& made : work->agents) {
+            for (const auto* all : {&made.changes, &made.outcomes}) {
+                for (const kept_change& one : *all) {
+                    if (options_.on_change) {
+                        options_.on_change(view_of(one, made.of->account, made.of->name));
+                    }
+                }
+            }
+        }
+    }
+}
+
+/* With what is stored, before anything is made of the file. With the mutex. */
+void keeper_body::tell_stored_expectations() {
+    std::vector<ingest::agent_plan> plans;
+    for (const auto& [key, agent] : agents_) {
+        if (agent->is_given && agent->is_there) {
+            plans.push_back({.account = agent->account,
+                             .agent = agent->name,
+                             .plan = plan_of(*agent->given),
+                             .definitions = {}});
+        }
+    }
+    if (!plans.empty()) {
+        results_->follow_agents(std::move(plans));
+    }
+}
+
+void keeper_body::tell_expectations(const fleet_work& done) {
+    std::vector<ingest::agent_plan> plans;
+    for (const fleet_work::agent& made : done.agents) {
+        if (made.now) {
+            plans.push_back({.account = made.of->account,
+                             .agent = made.of->name,
+                             .plan = plan_of(*made.now),
+                             .definitions = definitions_of(*made.now)});
+        }
+    }
+    if (!plans.empty()) {
+        results_->follow_agents(std::move(plans));
+    }
+}
+
+/* ---- agents, with the mutex ---- */
+
+kept_agent* keeper_body::find(std::string_view account, std::string_view agent) const {
+    auto found = agents_.find(name_key(account, agent));
+    return found != agents_.end() ? found->second.get() : nullptr;
+}
+
+kept_agent* keeper_body::find_or_make(std::string_view account, std::string_view agent) {
+    std::string key = name_key(account, agent);
+    auto found = agents_.find(key);
+    if (found == agents_.end() && agents_.size() < most_kept) {
+        found = agents_.emplace(std::move(key), std::make_unique<kept_agent>(account, agent)).first;
+    }
+    return found != agents_.end() ? found->second.get() : nullptr;
+}
+
+void keeper_body::make_due(kept_agent& of) {
+    if (file_ && !of.is_due) {
+        of.is_due = true;
+        due_.push_back(&of);
+    }
+}
+
+void keeper_body::note(kept_agent& of) {
+    count(of);
+    if (of.changes.next_look() != INT64_MAX) {
+        open_.insert(&of);
+    } else {
+        open_.erase(&of);
+    }
+    if (!of.is_noted && (of.is_unsaved || of.changes.has_unsaved())) {
+        of.is_noted = true;
+        noted_.push_back(&of);
+    }
+}
+
+void keeper_body::count(kept_agent& of) {
+    kept_agent::tally now;
+    for (const assigned_test& test : of.given->all().tests) {
+        if (!of.is_there) {
+            break;
+        }
+        now.tests++;
+        const kept_change* open = nullptr;
+        if (!test.impossible.empty()) {
+            now.impossible++;
+        } else if (test.confirmed >= test.revision) {
+            now.confirmed++;
+        } else if ((open = of.changes.newest_of(key_of(test))) != nullptr &&
+                   open->outcome == change_outcome::sent) {
+            now.sent++;
+        } else {
+            now.unanswered++;
+        }
+    }
+    for (const kept_change& one : of.changes.open()) {
+        now.waiting += !one.is_over && one.sent == 0;
+    }
+    auto exchange = [&](size_t kept_agent::tally::*member) {
+        counted_.*member += now.*member - of.counted.*member;
+    };
+    with_tests_ += size_t{now.tests > 0} - size_t{of.counted.tests > 0};
+    using tally = kept_agent::tally;
+    for (auto member : {&tally::tests, &tally::sent, &tally::confirmed, &tally::unanswered,
+                        &tally::impossible, &tally::waiting}) {
+        exchange(member);
+    }
+    of.counted = now;
+}
+
+bool keeper_body::take_turn(std::unique_lock<std::mutex>& hold, std::chrono::milliseconds most) {
+    const bool is_free =
+        changed_.wait_for(hold, most, [&] { return !is_busy_ || is_stopping_; }) && !is_stopping_;
+    is_busy_ = is_busy_ || is_free;
+    return is_free;
+}

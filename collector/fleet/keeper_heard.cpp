@@ -1,0 +1,210 @@
+/* What comes of the agents. The store's thread: what a block says is noted while its records are
+ * told of, without the mutex, and taken behind the last one. In most blocks nothing is noted. */
+#include "fleet/keeper_body.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+static constexpr size_t most_strays = 1000; /* of an agent that are removed at a time */
+
+void keeper_body::begin_block(const poll_block& from) {
+    block_ = {};
+    block_.from = &from;
+    std::lock_guard hold(mutex_);
+    block_.of = find_or_make(from.account, from.agent);
+    if (block_.of != nullptr) {
+        block_.given = block_.of->given;
+        block_.highest = block_.of->highest;
+    }
+}
+
+void keeper_body::on_record(const poll_block& from, const decoded_record& result) {
+    if (block_.from != &from) {
+        begin_block(from);
+    }
+    if (block_.of == nullptr) {
+        return;
+    }
+    const record_summary& summary = result.summary;
+    if (is_searched(summary.type)) {
+        std::string_view items = items_of(result);
+        /* It is another thread's to read, this one's alone to change. */
+        if (known_inventory::with(block_.of->has, summary.type, items)) {
+            block_.inventories.emplace_back(summary.type, items);
+        }
+    } else if (summary.test.value_or(0) > 0) {
+        block_.highest = std::max(block_.highest, *summary.test);
+        note_result(result, {summary.type, *summary.test});
+    }
+}
+
+/* The size of a disk in GB; 0 where there is none to be had. */
+static double whole_of(const decoded_record& result) {
+    const auto& values = result.content.d64;
+    if (result.summary.type != protocol::disk.code || values.size() == 0) {
+        return 0;
+    }
+    const double whole = values[0];
+    return std::isfinite(whole) && whole > 0 ? whole : 0;
+}
+
+void keeper_body::note_result(const decoded_record& result, test_key test) {
+    const assigned_test* known = block_.given->find(test);
+    seen_test seen = {.test = test,
+                      .location = result.summary.location.value_or(0),
+                      .is_given = known != nullptr};
+    bool is_news = known == nullptr;
+    if (known != nullptr) {
+        const double whole = whole_of(result);
+        seen.whole_gb =
+            whole > 0 && std::abs(whole - known->whole_gb) > 0.005 * known->whole_gb ? whole : 0;
+        is_news = seen.whole_gb > 0 ||
+                  (seen.location == known->revision && known->confirmed < known->revision);
+    }
+    const bool is_same = !block_.tests.empty() && block_.tests.back().test == test &&
+                         block_.tests.back().location == seen.location;
+    if (is_news && !is_same) {
+        block_.tests.push_back(seen);
+    }
+}
+
+void keeper_body::on_agent(int64_t, std::string_view account, std::string_view agent,
+                           const agent_state& now_is, std::span<const change>) {
+    const bool is_block = block_.from != nullptr;
+    bool is_woken = false;
+    {
+        std::lock_guard hold(mutex_);
+        kept_agent* of = is_block ? block_.of : find(account, agent);
+        if (of != nullptr) {
+            if (of->presence.is_silent != now_is.silent) {
+                of->presence.is_silent = now_is.silent;
+                of->presence.silent_since = now_is.since;
+                of->changes.look_soon();
+            }
+            if (is_block) {
+                end_block(*of);
+            }
+            is_woken = is_woken_ = is_woken_ || of->is_due;
+        }
+    }
+    block_ = {};
+    if (is_woken) {
+        changed_.notify_all();
+    }
+}
+
+/* With the mutex. */
+void keeper_body::end_block(kept_agent& of) {
+    const moment at = now();
+    if (!of.is_there) {
+        of.is_there = true;
+        make_due(of);
+    }
+    of.highest = block_.highest;
+    of.presence.polled = at.steady;
+    for (const auto& [type, items] : block_.inventories) {
+        if (auto now_has = known_inventory::with(of.has, type, items)) {
+            of.has = std::move(now_has);
+            make_due(of);
+        }
+    }
+    if (file_ && of.is_ready) {
+        take_seen(of, at);
+    }
+}
+
+/* With the mutex, of an agent that is given its tests. */
+void keeper_body::take_seen(kept_agent& of, moment at) {
+    std::optional<assigned_agent> next;
+    auto changing = [&]() -> assigned_agent& {
+        return next ? *next : next.emplace(of.given->all());
+    };
+    std::vector<test_key> gone;
+    for (const seen_test& seen : block_.tests) {
+        const assigned_test* known = of.given->find(seen.test);
+        const auto& [type, number] = seen.test;
+        if (known != nullptr) {
+            if (seen.location == known->revision && known->confirmed < known->revision) {
+                changing().find(type, number)->confirmed = known->revision;
+                of.changes.came(seen.test, seen.location, at);
+            }
+            if (seen.whole_gb > 0) {
+                assigned_test* test = changing().find(type, number);
+                if (note_whole(*test, seen.whole_gb) && test->what && test->what->free_share) {
+                    make_due(of);
+                }
+            }
+        } else if (kind_of_record(type) != nullptr) {
+            take_stray(of, seen.test, changing);
+        }
+    }
+    of.changes.polled(*of.given, at, gone);
+    for (const auto& [type, number] : gone) {
+        for (removed_test& test : changing().removed) {
+            test.is_over = test.is_over || (test.type == type && test.number == number);
+        }
+    }
+    if (next) {
+        of.given = std::make_shared<given_agent>(std::move(*next));
+        of.changes.follow(*of.given);
+        of.is_unsaved = true;
+    }
+    if (next || of.changes.has_unsaved()) {
+        note(of);
+    }
+}
+
+/* A result of a test that it is not to have. */
+void keeper_body::take_stray(kept_agent& of, test_key test,
+                             const std::function<assigned_agent&()>& changing) {
+    const removed_test* known = of.given->find_removed(test);
+    of.changes.came_still(test, now());
+    if (known != nullptr && !known->is_over) {
+        return;
+    }
+    const size_t leaving = static_cast<size_t>(
+        std::count_if(of.given->all().removed.begin(), of.given->all().removed.end(),
+                      [](const removed_test& each) { return !each.is_over; }));
+    if (leaving + of.again.size() >= most_strays ||
+        std::find(of.again.begin(), of.again.end(), test) != of.again.end()) {
+        return;
+    }
+    std::vector<removed_test>& removed = changing().removed;
+    auto again = std::find_if(removed.begin(), removed.end(), [&](const removed_test& each) {
+        return test_key(each.type, each.number) == test;
+    });
+    if (again != removed.end()) {
+        again->is_over = false;
+    } else {
+        removed.push_back(
+            {.type = test.first, .number = test.second, .revision = of.given->all().newest});
+    }
+    of.again.push_back(test);
+}
+
+void keeper_body::on_retired(int64_t, std::string_view account, std::string_view agent, int64_t) {
+    std::lock_guard hold(mutex_);
+    kept_agent* of = find(account, agent);
+    if (of == nullptr) {
+        return;
+    }
+    assigned_agent next = of->given->all();
+    for (const assigned_test& test : next.tests) {
+        if (test.number != 0 && test.kind != nullptr) {
+            next.removed.push_back({.name = test.name,
+                                    .type = test.kind->record->code,
+                                    .number = test.number,
+                                    .revision = next.newest});
+        }
+    }
+    next.tests.clear();
+    of->given = std::make_shared<given_agent>(std::move(next));
+    of->is_there = of->is_ready = false;
+    of->is_unsaved = of->is_given;
+    of->has = nullptr;
+    of->again.clear();
+    of->presence = {};
+    of->changes.give_up(now());
+    note(*of);
+}

@@ -1,0 +1,158 @@
+/* What agents are told. Network thread. */
+#include "fleet/keeper_body.h"
+
+#include "base/text.h"
+#include "ingest/clock.h"
+
+#include <algorithm>
+
+static constexpr std::chrono::seconds longest_wait{2};
+
+std::optional<std::string> keeper_body::expand(std::string_view line) const {
+    std::string missing;
+    return options_.secrets != nullptr ? options_.secrets->expand(line, missing) : std::nullopt;
+}
+
+bool keeper_body::prepare(const session& of, std::function<void()> ready) {
+    {
+        std::lock_guard hold(mutex_);
+        if (is_stopping_) {
+            return true;
+        }
+        kept_agent* agent = find_or_make(of.account, of.agent);
+        if (agent == nullptr) {
+            return true;
+        }
+        agent->presence.is_here = true;
+        agent->presence.is_proven = of.proven;
+        if (!agent->is_there || !agent->is_ready) {
+            agent->is_there = true;
+            if (!agent->is_awaited) {
+                make_due(*agent);
+            }
+        }
+        if (!agent->is_due && !agent->is_awaited) {
+            return true;
+        }
+        waiting_.push_back(
+            {.of = agent, .ready = std::move(ready), .until = steady::now() + longest_wait});
+        is_woken_ = true;
+    }
+    changed_.notify_all();
+    return false;
+}
+
+void keeper_body::tell_kept_back(const session& of, const given_agent& given) {
+    if (!of.proven && given.has_secrets()) {
+        kept_back_(event::session, printable(of.agent) + " of " + printable(of.account) +
+                                       " is not told of tests with secrets: it has not proven who "
+                                       "it is");
+    }
+}
+
+told_commands keeper_body::for_login(const session& of) {
+    std::shared_ptr<const given_agent> given;
+    {
+        std::lock_guard hold(mutex_);
+        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        if (agent == nullptr || !agent->is_ready) {
+            return {}; /* it comes with a later answer */
+        }
+        agent->again_given.clear(); /* all is put right */
+        agent->again.clear();
+        given = agent->given;
+    }
+    tell_kept_back(of, *given);
+    return {.text = commands_for_login(given->all(), of.running, of.proven,
+                                       [this](std::string_view line) { return expand(line); }),
+            .upto = static_cast<uint64_t>(given->all().newest)};
+}
+
+/* What is to be put right once more. */
+static std::string commands_again(const given_agent& given, const std::vector<test_key>& tests,
+                                  bool proven, const expand_function& expand) {
+    std::string text;
+    for (const test_key& key : tests) {
+        if (const assigned_test* test = given.find(key)) {
+            text += commands_for_test(given.all(), *test, proven, expand);
+        } else if (const removed_test* gone = given.find_removed(key)) {
+            assigned_agent only;
+            only.removed = {*gone};
+            only.removed.front().revision = only.newest = 1;
+            text += commands_after(only, 0, proven, expand);
+        }
+    }
+    return text;
+}
+
+told_commands keeper_body::after(const session& of, uint64_t serial) {
+    std::shared_ptr<const given_agent> given;
+    std::vector<test_key> again;
+    {
+        std::lock_guard hold(mutex_);
+        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        if (agent == nullptr || !agent->is_ready) {
+            return {.text = "", .upto = serial};
+        }
+        if (agent->changes.has_intervals()) {
+            agent->changes.arrived(static_cast<int32_t>(serial), now());
+            note(*agent);
+        }
+        given = agent->given;
+        again = agent->again;
+        agent->again_given = again;
+    }
+    const expand_function with = [this](std::string_view line) { return expand(line); };
+    const auto upto = std::max(serial, static_cast<uint64_t>(given->all().newest));
+    if (serial == 0) { /* it was told nothing at its login, and has run since */
+        return {.text = commands_for_login(given->all(), true, of.proven, with), .upto = upto};
+    }
+    return {.text = commands_after(given->all(), static_cast<int32_t>(serial), of.proven, with) +
+                    commands_again(*given, again, of.proven, with),
+            .upto = upto};
+}
+
+std::string keeper_body::text_for_check(const session& of) {
+    std::shared_ptr<const given_agent> given;
+    {
+        std::lock_guard hold(mutex_);
+        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        if (agent == nullptr || !agent->is_ready) {
+            return "";
+        }
+        given = agent->given;
+    }
+    return commands_for_check(given->all(), of.proven,
+                              [this](std::string_view line) { return expand(line); });
+}
+
+void keeper_body::answer_arrived(const session& of) {
+    std::lock_guard hold(mutex_);
+    kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+    if (agent == nullptr || !agent->is_ready ||
+        (agent->changes.next_look() == INT64_MAX && agent->again_given.empty())) {
+        return;
+    }
+    const moment at = now();
+    const bool login = of.polls == 0 || of.answered_from == 0;
+    if (of.delivered > 0) {
+        agent->changes.answered(*agent->given, static_cast<int32_t>(of.delivered), of.proven, login,
+                                at);
+    }
+    if (!agent->again_given.empty()) {
+        agent->changes.repeated(*agent->given, agent->again_given, at);
+        std::erase_if(agent->again, [&](const test_key& test) {
+            const std::vector<test_key>& given = agent->again_given;
+            return std::find(given.begin(), given.end(), test) != given.end();
+        });
+        agent->again_given.clear();
+    }
+    note(*agent);
+}
+
+std::chrono::seconds keeper_body::poll_interval(const session& of) const {
+    std::lock_guard hold(mutex_);
+    const kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+    const int32_t poll = agent != nullptr ? agent->given->all().poll : 0;
+    return std::chrono::seconds(poll > 0 ? poll : default_interval_s);
+}

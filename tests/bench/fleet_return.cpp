@@ -374,20 +374,23 @@ int main(int argc, char** argv) {
     std::vector<agent> fleet;
     fleet.reserve(agents);
     const int64_t now = time(nullptr);
-    const steady::time_point begun = steady::now();
     std::uniform_int_distribution<int> any(0, 1000 * (within > 0 ? within : interval) - 1);
-    for (uint32_t i = 0; i < agents; i++) {
-        const int phase = any(chance);
+    std::vector<int> phases;
+    for (uint32_t i = 0; i < agents; i++) { /* what was kept is packed before anything counts */
+        phases.push_back(any(chance));
         char session[40];
         snprintf(session, sizeof session, "%032x", i + 1);
         fleet.push_back({.number = i,
                          .values = simulated_agent(i),
-                         .first = now - int64_t{60} * kept + phase / 1000 - interval,
+                         .first = now - int64_t{60} * kept + phases[i] / 1000 - interval,
                          .session = session});
-        alive++;
-        asio::co_spawn(context,
-                       live(context, tls, fleet.back(), std::chrono::milliseconds(phase), begun),
-                       asio::detached);
+        collect(fleet.back());
+    }
+    alive = agents;
+    const steady::time_point begun = steady::now();
+    for (agent& a : fleet) {
+        const std::chrono::milliseconds phase(phases[a.number]);
+        asio::co_spawn(context, live(context, tls, a, phase, begun), asio::detached);
     }
     asio::co_spawn(context, tell(context, begun), asio::detached);
     context.run();

@@ -51,14 +51,13 @@ bool catching_up::is_behind(kind& of, milliseconds oldest) {
     return is;
 }
 
-bool catching_up::is_behind(bool large) {
+/* Null when it may go on. */
+catching_up::kind* catching_up::behind_with(brings what) {
     const queue_delay now = results_.behind();
-    return large ? is_behind(large_, now.large) : is_behind(small_, now.small);
-}
-
-void catching_up::refuse(bool large) {
-    ++(large ? large_ : small_).reset;
-    room_.counted.refused(refusal::behind);
+    if (what != brings::large && is_behind(small_, now.small)) {
+        return &small_;
+    }
+    return what != brings::small && is_behind(large_, now.large) ? &large_ : nullptr;
 }
 
 /* False when it was given up meanwhile. */
@@ -93,25 +92,27 @@ awaitable<bool> catching_up::wait_by_chance(exchange& x) {
 }
 
 /* The wait is not in vain where the store catches up meanwhile. */
-awaitable<bool> catching_up::come_through(exchange& x, bool large) {
-    if (!is_behind(large)) {
+awaitable<bool> catching_up::come_through(exchange& x, brings what) {
+    if (!behind_with(what)) {
         co_return true;
     }
     const bool there = co_await wait_by_chance(x);
-    if (there && !is_behind(large)) {
-        co_return true;
+    kind* behind = behind_with(what);
+    if (behind) {
+        ++behind->reset;
+        room_.counted.refused(refusal::behind);
     }
-    refuse(large);
-    co_return false;
+    co_return there && !behind;
 }
 
 awaitable<bool> catching_up::may_bring_results(exchange& x) {
     if (x.head.content_length == 0) {
         co_return true;
     }
-    const bool large =
-        std::max(x.head.content_length, x.head.compression) > results_.behind().large_from;
-    co_return co_await come_through(x, large);
+    const size_t size = std::max(x.head.content_length, x.head.compression);
+    const bool large = size > results_.behind().large_from;
+    const bool come = co_await come_through(x, large ? brings::large : brings::small);
+    co_return come;
 }
 
 awaitable<bool> catching_up::take_turn(exchange& x, bool logs_in) {
@@ -129,7 +130,7 @@ awaitable<bool> catching_up::take_turn(exchange& x, bool logs_in) {
 }
 
 awaitable<bool> catching_up::may_log_in(exchange& x) {
-    bool come = co_await come_through(x, false);
+    bool come = co_await come_through(x, brings::login);
     if (come) {
         come = co_await take_turn(x, true);
     }
@@ -137,7 +138,7 @@ awaitable<bool> catching_up::may_log_in(exchange& x) {
 }
 
 awaitable<bool> catching_up::may_be_sent_away(exchange& x) {
-    bool come = co_await come_through(x, false);
+    bool come = co_await come_through(x, brings::login);
     if (come) {
         come = co_await take_turn(x, false);
     }

@@ -32,11 +32,12 @@ private:
         backlog_gate gate;
         uint64_t reset = 0; /* since it closed */
     };
+    /* For what somebody comes; a login brings who knows what. */
+    enum class brings : uint8_t { small, large, login };
+    kind* behind_with(brings what);
     bool is_behind(kind& of, std::chrono::milliseconds oldest);
-    bool is_behind(bool large);
-    boost::asio::awaitable<bool> come_through(exchange& x, bool large);
+    boost::asio::awaitable<bool> come_through(exchange& x, brings what);
     boost::asio::awaitable<bool> take_turn(exchange& x, bool logs_in);
-    void refuse(bool large);
     boost::asio::awaitable<bool> wait(exchange& x, std::chrono::milliseconds length);
     boost::asio::awaitable<bool> wait_by_chance(exchange& x);
 

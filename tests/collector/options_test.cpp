@@ -81,6 +81,10 @@ TEST(collector_options, all_of_them) {
                       "3",
                       "--max-body-mb",
                       "2",
+                      "--max-behind",
+                      "3",
+                      "--max-logins",
+                      "50",
                       "--missing",
                       "--older-than",
                       "15m"});
@@ -104,6 +108,8 @@ TEST(collector_options, all_of_them) {
     EXPECT_EQ(p.o.max_connections, 7u);
     EXPECT_EQ(p.o.max_per_address, 3u);
     EXPECT_EQ(p.o.max_body_mb, 2u);
+    EXPECT_EQ(p.o.max_behind, 3);
+    EXPECT_EQ(p.o.max_logins, 50u);
 }
 
 TEST(collector_options, agents_are_let_in_by_one_of_three_modes) {
@@ -185,6 +191,8 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--keep-days", "-1"}, "--keep-days takes a number from 0 to 36500, not \"-1\"");
     expect_wrong({"--max-connections", "0"},
                  "--max-connections takes a number from 1 to 1000000, not \"0\"");
+    expect_wrong({"--max-behind", "16"}, "--max-behind takes a number from 1 to 15, not \"16\"");
+    expect_wrong({"--max-logins", "0"}, "--max-logins takes a number from 1 to 100000, not \"0\"");
     expect_wrong({"--json", "--colour"}, "unknown option --colour");
     expect_wrong({"--json", "-x"}, "unknown option -x");
     expect_wrong(

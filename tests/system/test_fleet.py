@@ -87,6 +87,7 @@ groups:
     tests:
       way out:       {ping: %(host)s, packets: 2, lost: 0, within: 5s}
       page:          {http: "http://%(host)s:%(http)d/", contains: "nothing like this", within: 20s}
+      hosts:         {discovery: %(host)s - 10.9.0.3}
       cpu:           off
 """
 
@@ -373,7 +374,7 @@ class Fleet(harness.TestCase):
         self.step("limits are edited",
                   ("1m: 1000", "1m: 1"), ("contains: Welcome", 'contains: "Good bye"'), ("resident: 2 MB", "resident: 3 MB"),
                   ("at least: 1, at most: 5", "at least: 20, at most: 30"), ("free: 10 %", "free: 20 %"),
-                  ("packets: 2, lost: 0", "packets: 3, lost: 1"), ("Uptime: {at least: 0}", "Uptime: {at most: 0}"))
+                  ("packets: 2, lost: 0", "packets: 3, lost: 1"), ("Uptime: {at least: 0}", "Uptime: {at most: 0}"), ("10.9.0.3", "10.9.0.2"))
         self.step("tests are renamed, one of them with another limit",
                   ("      front page:    {http:", "      start page:    {was: front page, http:"),
                   ("      load:          {load: {1m: 1,", "      load average:  {was: load, load: {1m: 1,"),
@@ -506,7 +507,7 @@ class Fleet(harness.TestCase):
         for agent, kind, number, location, fields in self.told:
             self.assertEqual(tuple(definitions[agent, fields[0], number, location]), tuple(fields[1:]))
         codes.update({kind_type: {"load": "LA", "cpu": "CU", "memory": "MM", "disk": "DK", "process": "PR", "network": "NT",
-                                  "ping": "PG", "http": "HP", "mysql": "MQ"}[name]
+                                  "ping": "PG", "http": "HP", "mysql": "MQ", "discovery": "DC"}[name]
                       for name, (_, kind_type, _) in model.KINDS.items() if not name.startswith("snmp")})
         wrong, statuses = [], collections.Counter()
         for row in rows:

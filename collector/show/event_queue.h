@@ -4,7 +4,7 @@
 #define VINDRAL_COLLECTOR_EVENT_QUEUE_H
 
 #include "base/record_summary.h"
-#include "state/expected.h"
+#include "state/expectations.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -13,16 +13,17 @@
 #include <vector>
 
 enum class event_kind {
-    record,  /* `result` of an agent */
-    heard,   /* an agent sent something else */
-    agent,   /* `text` is its state, packed: after records, or because nothing came */
-    known,   /* the same from before the start */
-    result,  /* `result` of an agent, from before the start */
-    retired, /* an agent: nothing of it is shown any more */
-    problem, /* `text` */
-    note,    /* `text` that is no problem */
-    ready,   /* `text` for hosts */
-    planned  /* `plan` */
+    record,           /* `result` of an agent */
+    heard,            /* an agent sent something else */
+    agent,            /* `text` is its state, packed: after records, or because nothing came */
+    known,            /* the same from before the start */
+    result,           /* `result` of an agent, from before the start */
+    retired,          /* an agent: nothing of it is shown any more */
+    problem,          /* `text` */
+    note,             /* `text` that is no problem */
+    ready,            /* `text` for hosts */
+    planned,          /* `plan` */
+    planned_of_agents /* `plans` */
 };
 
 struct event {
@@ -32,6 +33,7 @@ struct event {
     std::string_view text = {};
     decoded_record result = {};
     std::shared_ptr<const plan_summary> plan = {};
+    std::shared_ptr<const std::vector<agent_summary>> plans = {};
     std::shared_ptr<char[]> own = {}; /* what the views are of, where that is much */
 };
 

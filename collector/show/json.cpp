@@ -145,14 +145,19 @@ static std::string escape_controls(const std::string& text) {
 }
 
 std::string record_json(std::string_view account, std::string_view agent, int64_t received,
-                        const record& r) {
+                        const record& r, const std::optional<called_test>& called) {
     record_summary summary = summarize(r);
     json::object object;
     object.emplace("agent", valid_utf8(agent));
     object.emplace("account", valid_utf8(account));
     object.emplace("received", received);
     object.emplace("type", summary.type);
-    object.emplace("name", type_name(summary.type));
+    if (called) {
+        object.emplace("name", json_of(called->name));
+        object.emplace("target", json_of(called->target));
+    } else {
+        object.emplace("name", type_name(summary.type));
+    }
     object.emplace("test", json_optional(summary.test));
     object.emplace("location", json_optional(summary.location));
     object.emplace("time", json_optional(summary.time));

@@ -11,9 +11,8 @@
 #include "base/text.h"
 #include "protocol/record.h"
 #include "show/event_queue.h"
-#include "show/json.h"
-#include "show/record_text.h"
-#include "show/table.h"
+#include "show/late_names.h"
+#include "show/view.h"
 #include "state/history.h"
 
 #include <algorithm>
@@ -22,291 +21,23 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
-#include <map>
 #include <mutex>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/ioctl.h>
 #include <thread>
-#include <tuple>
 #include <unistd.h>
 
 namespace {
 
 using std::chrono::steady_clock;
 
-/* Turns events into bytes for the reader. Used by the output's thread alone but for the two that
- * say what it wants. */
-class view {
-public:
-    virtual ~view() = default;
-    virtual bool shows_records() const { return true; }
-    virtual bool keeps_state() const { return false; } /* and writes in refresh() only */
-    /* Both append to `out`; a problem that the view does not show goes to `problems` instead. */
-    virtual void show_record(const event& e, std::string& out) = 0;
-    virtual void show_problem(std::string_view text, std::string& out, std::string& problems) = 0;
-    virtual void show_note(std::string_view text, std::string& out, std::string& problems) {
-        show_problem(text, out, problems);
-    }
-    /* The other kinds. */
-    virtual void take(const event& e) { (void)e; }
-    /* Called after each batch and at least every half second. */
-    virtual void refresh(std::string& out) { (void)out; }
-    /* Called once, after everything else. */
-    virtual void finish(std::string& out) { (void)out; }
-};
-
-class line_view : public view {
-public:
-    void show_problem(std::string_view text, std::string&, std::string& problems) override {
-        problems += "vindral-collector: " + printable(text) + "\n";
-    }
-};
-
-class json_view final : public line_view {
-public:
-    void show_record(const event& e, std::string& out) override {
-        out += record_json(e.account, e.agent, e.received, e.result.content) + "\n";
-    }
-};
-
-class quiet_view final : public line_view {
-public:
-    bool shows_records() const override { return false; }
-    void show_record(const event&, std::string&) override {}
-};
-
-/* "load average 5", or "type 99" for a record that belongs to no test we know. */
-std::string test_name(const record_summary& summary) {
-    std::string name = type_name(summary.type);
-    return summary.test ? name + " " + std::to_string(*summary.test) : name;
-}
-
-constexpr size_t max_in_line = 16u << 10; /* bytes of values, and of a message */
-
-class plain_view final : public line_view {
-public:
-    void show_record(const event& e, std::string& out) override {
-        const auto& [r, summary] = e.result;
-        out += utc_time(summary.time.value_or(e.received)) + " " + printable(e.agent) + " " +
-               test_name(summary) + ": ";
-        if (std::optional<int32_t> status = judge(r, summary).status) {
-            out += status_word(summary.type, *status) + ", ";
-        }
-        out += printable(values_text(r, summary, max_in_line));
-        bool whole = summary.message.size() <= max_in_line;
-        std::string message = printable(summary.message.substr(0, max_in_line));
-        out += (message.empty() ? "" : ", " + message) + (whole ? "\n" : " ...\n");
-    }
-};
-
-/* Plain lines for what changes between good and bad, few enough for a journal. */
-class problem_view final : public line_view {
-public:
-    /* What was bad with an agent that is retired is news when it comes back. */
-    void take(const event& e) override {
-        if (e.kind == event_kind::retired) {
-            key first{std::string(e.account), std::string(e.agent), 0, INT32_MIN, 0};
-            auto is_its = [&](const key& test) {
-                return std::get<0>(test) == e.account && std::get<1>(test) == e.agent;
-            };
-            for (auto it = bad_.lower_bound(first); it != bad_.end() && is_its(it->first);) {
-                it = forget(it);
-            }
-        }
-    }
-
-    void show_record(const event& e, std::string& out) override {
-        const auto& [r, summary] = e.result;
-        std::optional<int32_t> status = judge(r, summary).status;
-        if (summary.test && status && is_news(e, r, summary.type, *summary.test, *status)) {
-            plain_.show_record(e, out);
-        }
-    }
-
-private:
-    /* Account, agent, record type, test id, and for a process its id: a test of processes has a
-     * record for each, with id 0 when there is none. */
-    using key = std::tuple<std::string, std::string, uint32_t, int32_t, uint32_t>;
-    enum { max_known_bytes = 16 << 20 };
-
-    bool is_news(const event& e, const record& r, uint32_t type, int32_t id, int32_t status) {
-        uint32_t process = type == protocol::process.code ? r.ui32[3] : 0;
-        key test = {std::string(e.account), std::string(e.agent), type, id, process};
-        bool was_bad = false;
-        if (type == protocol::process.code) {
-            was_bad = forget_other_processes(test);
-        }
-        auto known = bad_.find(test);
-        if (known != bad_.end() && known->second == status) {
-            return false;
-        }
-        if (status != 0) {
-            remember(test, status);
-            return true;
-        }
-        if (known != bad_.end()) {
-            forget(known);
-            was_bad = true;
-        }
-        return was_bad;
-    }
-
-    /* Where one runs, that none did is over; where none does, what the others were. True when
-     * something bad ended by that. */
-    bool forget_other_processes(const key& test) {
-        key first = test, last = test;
-        std::get<4>(first) = std::get<4>(test) == 0 ? 1 : 0;
-        std::get<4>(last) = std::get<4>(test) == 0 ? UINT32_MAX : 0;
-        bool any = false;
-        for (auto it = bad_.lower_bound(first); it != bad_.end() && it->first <= last; any = true) {
-            it = forget(it);
-        }
-        return any;
-    }
-
-    static size_t bytes_of(const key& test) {
-        return sizeof(key) + 64 + std::get<0>(test).size() + std::get<1>(test).size();
-    }
-
-    std::map<key, int32_t>::iterator forget(std::map<key, int32_t>::iterator it) {
-        known_bytes_ -= bytes_of(it->first);
-        return bad_.erase(it);
-    }
-
-    void remember(const key& test, int32_t status) {
-        if (known_bytes_ > max_known_bytes) {
-            /* What is still bad is shown once more. */
-            bad_.clear();
-            known_bytes_ = 0;
-        }
-        if (bad_.insert_or_assign(test, status).second) {
-            known_bytes_ += bytes_of(test);
-        }
-    }
-
-    plain_view plain_;
-    std::map<key, int32_t> bad_; /* the status of each test that is not ok */
-    size_t known_bytes_ = 0;
-};
-
-table_screen read_screen(int fd) {
-    table_screen screen;
-    winsize size{};
-    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_row != 0 && size.ws_col != 0) {
-        screen.rows = size.ws_row;
-        screen.columns = size.ws_col;
-    }
-    const char* none = getenv("NO_COLOR");
-    screen.colours = none == nullptr || *none == 0;
-    return screen;
-}
-
-/* "2026-05-01T12:00:00Z ", with which lines of a log begin. */
-bool begins_with_time(std::string_view text) {
-    return text.size() > 20 && text[10] == 'T' && text[19] == 'Z' && text[20] == ' ';
-}
-
-/* Drawn from the top left corner over what was drawn before, so that nothing flickers and nothing
- * has to be put back when the program ends. */
-class table_view final : public view {
-public:
-    explicit table_view(int fd) : fd_(fd) {}
-
-    bool keeps_state() const override { return true; }
-
-    void show_record(const event& e, std::string&) override {
-        table_.take(e.account, e.agent, now(), e.result.content);
-        changed_ = true;
-    }
-
-    void show_problem(std::string_view text, std::string&, std::string&) override {
-        /* The table puts a time in front, too. */
-        std::string_view shown = text;
-        shown.remove_prefix(begins_with_time(shown) ? 21 : 0);
-        table_.say(shown, now());
-        changed_ = true;
-    }
-
-    void show_note(std::string_view, std::string&, std::string&) override {}
-
-    void take(const event& e) override {
-        switch (e.kind) {
-        case event_kind::heard:
-            table_.hear(e.account, e.agent, now());
-            break;
-        case event_kind::agent:
-            if (state_.unpack(e.text)) {
-                table_.take(e.account, e.agent, now(), state_);
-            }
-            break;
-        case event_kind::known:
-            state_.unpack(e.text); /* nothing is known of its tests when that is damaged */
-            table_.know(e.account, e.agent, e.received, state_);
-            break;
-        case event_kind::result:
-            table_.know(e.account, e.agent, e.received, e.result.content);
-            break;
-        case event_kind::retired:
-            table_.forget(e.account, e.agent);
-            break;
-        case event_kind::ready:
-            table_.introduce(e.text);
-            break;
-        default:
-            table_.follow(*e.plan, now());
-        }
-        changed_ = true;
-    }
-
-    void refresh(std::string& out) override {
-        steady_clock::time_point begun = steady_clock::now();
-        /* Ages go on even when nothing arrives. Drawing takes a twentieth of the time at most. */
-        if (begun - drawn_ < std::max<steady_clock::duration>(
-                                 std::chrono::milliseconds(changed_ ? 450 : 1000), 19 * cost_)) {
-            return;
-        }
-        draw(out);
-        drawn_ = steady_clock::now();
-        cost_ = drawn_ - begun;
-        changed_ = false;
-    }
-
-    void finish(std::string& out) override {
-        draw(out);
-        out += "\r\n";
-    }
-
-private:
-    /* Does not jump when somebody sets the clock. */
-    int64_t now() const {
-        return begun_at_ +
-               std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - begun_)
-                   .count();
-    }
-
-    void draw(std::string& out) {
-        out += first_ ? "\033[2J\033[H" : "\033[H";
-        first_ = false;
-        out += table_.draw(read_screen(fd_), now());
-    }
-
-    const int fd_;
-    const int64_t begun_at_ = time(nullptr);
-    const steady_clock::time_point begun_ = steady_clock::now();
-    live_table table_{begun_at_};
-    agent_state state_; /* its memory is used again */
-    steady_clock::time_point drawn_{};
-    steady_clock::duration cost_{};
-    bool changed_ = true;
-    bool first_ = true;
-};
-
 class queued_output final : public result_output {
 public:
-    queued_output(std::unique_ptr<view> shown, const output_options& options)
-        : options_(options), view_(std::move(shown)), queue_(options.max_queued) {
+    queued_output(output_kind kind, const output_options& options)
+        : options_(options), view_(kind == output_kind::table ? make_table_view(options.fd, names_)
+                                                              : make_line_view(kind, names_)),
+          queue_(options.max_queued) {
+        names_.ask(options.names);
         thread_ = std::thread([this] { show_all(); });
         pthread_setname_np(thread_.native_handle(), "output");
     }
@@ -365,6 +96,15 @@ public:
             add({.kind = event_kind::planned, .plan = std::make_shared<const plan_summary>(plan)});
         }
     }
+
+    void on_agent_plans(std::vector<agent_summary> plans) override {
+        if (view_->keeps_state()) {
+            add({.kind = event_kind::planned_of_agents,
+                 .plans = std::make_shared<const std::vector<agent_summary>>(std::move(plans))});
+        }
+    }
+
+    void name_tests(const test_names* names) override { names_.ask(names); }
 
     void on_agent(int64_t, std::string_view account, std::string_view agent, const agent_state& now,
                   std::span<const change>) override {
@@ -619,6 +359,7 @@ private:
     }
 
     const output_options options_;
+    late_names names_; /* of the view */
     const std::unique_ptr<view> view_;
 
     std::mutex mutex_; /* guards the next four */
@@ -636,25 +377,7 @@ private:
 } // namespace
 
 std::unique_ptr<result_output> make_output(output_kind kind, const output_options& options) {
-    std::unique_ptr<view> shown;
-    switch (kind) {
-    case output_kind::table:
-        shown = std::make_unique<table_view>(options.fd);
-        break;
-    case output_kind::plain:
-        shown = std::make_unique<plain_view>();
-        break;
-    case output_kind::json:
-        shown = std::make_unique<json_view>();
-        break;
-    case output_kind::problems:
-        shown = std::make_unique<problem_view>();
-        break;
-    case output_kind::quiet:
-        shown = std::make_unique<quiet_view>();
-        break;
-    }
-    return std::make_unique<queued_output>(std::move(shown), options);
+    return std::make_unique<queued_output>(kind, options);
 }
 
 output_kind choose_output(int fd, bool json) {

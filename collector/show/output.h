@@ -10,10 +10,13 @@
 #define VINDRAL_COLLECTOR_OUTPUT_H
 
 #include "ingest/ingest.h"
+#include "ingest/test_names.h"
+#include "state/expectations.h"
 
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 enum class output_kind {
     table,    /* the state of all hosts and tests, redrawn in place; for a terminal */
@@ -26,7 +29,8 @@ enum class output_kind {
 struct output_options {
     int fd = 1;         /* results; stays open, its flags stay as they are */
     int problem_fd = 2; /* problems as lines; the table shows them at its bottom instead */
-    size_t max_queued = 8u << 20; /* bytes that wait for the reader */
+    size_t max_queued = 8u << 20;      /* bytes that wait for the reader */
+    const test_names* names = nullptr; /* as name_tests() */
 };
 
 /* Its calls may come from any thread and never wait for the reader; begin() waits for the output's
@@ -43,6 +47,12 @@ public:
 
     /* The plan that is now in force. */
     virtual void on_plan(const plan_summary& plan) = 0;
+    /* The same of these agents alone, which are not asked by on_plan() from then on. */
+    virtual void on_agent_plans(std::vector<agent_summary> plans) = 0;
+
+    /* What tests are called: shown with what they look at in place of their numbers. Asked by the
+     * output's thread, and not any more when another is set, or null: nobody gives names. */
+    virtual void name_tests(const test_names* names) = 0;
 
     /* A line for the log that is no problem: a log-in. The table does without. */
     virtual void on_note(const std::string& text) = 0;

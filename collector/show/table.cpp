@@ -58,15 +58,23 @@ std::string remarks(const table_state& s, const block& b, int64_t now) {
     if (!h.heard) {
         text += ", last heard " + age_text(now - h.last_seen) + " ago";
     }
-    if (h.unplanned >= 0 && h.unplanned > s.plan_since + 2 * s.test_interval(now) &&
-        now - h.unplanned <= s.awaited.stale_after(now)) {
-        text += ", and tests not in the plan";
+    const expected& plan = s.plan_of(h);
+    if (h.unplanned >= 0 &&
+        h.unplanned > plan.followed() + 2 * table_state::test_interval(plan.at(now)) &&
+        now - h.unplanned <= plan.stale_after(now)) {
+        text += h.own ? ", and tests that are not planned" : ", and tests not in the plan";
     }
     size_t hidden = b.tests.problems - b.problem_lines;
     if (hidden > 0) {
         text += " (" + counted(hidden, "more problem") + " not shown)";
     }
     return text;
+}
+
+/* What a test is called in lines, and what it looks at. */
+called_test label_of(const table_state& s, const host& h, const test_key& key) {
+    std::optional<called_test> called = s.name_of(h, key);
+    return called ? std::move(*called) : called_test{.name = test_label(key), .target = {}};
 }
 
 std::vector<span> host_line(const table_state& s, const block& b, size_t name_width, int64_t now) {
@@ -82,7 +90,7 @@ std::vector<span> host_line(const table_state& s, const block& b, size_t name_wi
     if (is_single(b)) { /* what is wrong is worth more than how much is not */
         const shown_test& first = b.problems[0];
         size_t others = b.tests.problems - 1;
-        spans.push_back({red, test_label(first.key)});
+        spans.push_back({red, label_of(s, h, first.key).name});
         spans.push_back(
             {nullptr,
              ": " + (others > 0 ? "(" + counted(others, "more problem") + ") " : std::string()) +
@@ -101,17 +109,40 @@ std::vector<span> host_line(const table_state& s, const block& b, size_t name_wi
     return spans;
 }
 
-std::vector<span> test_line(const shown_test& test, const char* mark, const char* colour,
-                            size_t width, const std::string& age, const std::string& text) {
-    return {{colour, std::string("  ") + mark + " " + test_label(test.key, width)},
-            {nullptr, "  " + fit_columns(age, 7) + "  " + text}};
-}
+struct widths {
+    size_t name = 4, test = 4, target = 0;
+};
 
-void paint_tests(painter& screen, const block& b, size_t width, int64_t now) {
+/* The lines of the tests of a host. */
+class test_painter {
+public:
+    test_painter(painter& screen, const table_state& s, const block& b, const widths& wide)
+        : screen_(screen), state_(s), block_(b), wide_(wide) {}
+
+    void line(const shown_test& test, const char* mark, const char* colour, const std::string& age,
+              const std::string& text) {
+        const std::optional<called_test> called = state_.name_of(*block_.shown, test.key);
+        std::string label =
+            called ? fit_columns(called->name, wide_.test) : test_label(test.key, wide_.test);
+        std::string target;
+        if (wide_.target > 0) {
+            target = "  " + fit_columns(called ? called->target : std::string(), wide_.target);
+        }
+        screen_.line({{colour, std::string("  ") + mark + " " + label},
+                      {nullptr, target + "  " + fit_columns(age, 7) + "  " + text}});
+    }
+
+private:
+    painter& screen_;
+    const table_state& state_;
+    const block& block_;
+    const widths& wide_;
+};
+
+void paint_tests(test_painter lines, const block& b, int64_t now) {
     for (size_t i = 0; i < b.problem_lines; i++) {
         const row& r = *b.problems[i].held;
-        screen.line(test_line(b.problems[i], "!", red, width, "for " + age_text(now - r.since),
-                              parts_text(r)));
+        lines.line(b.problems[i], "!", red, "for " + age_text(now - r.since), parts_text(r));
     }
     for (size_t i = 0; i < b.unclear_lines; i++) {
         const row* r = b.unclear[i].held;
@@ -119,13 +150,12 @@ void paint_tests(painter& screen, const block& b, size_t width, int64_t now) {
                            : r->strange   ? "unknown type: " + r->shown.text
                            : r->shown.bad ? "stale, was a problem: " + parts_text(*r)
                                           : "stale, was ok: " + parts_text(*r);
-        screen.line(test_line(b.unclear[i], "?", yellow, width,
-                              r == nullptr ? "" : age_text(now - r->received) + " ago", text));
+        lines.line(b.unclear[i], "?", yellow,
+                   r == nullptr ? "" : age_text(now - r->received) + " ago", text);
     }
     for (size_t i = 0; i < b.fine_lines; i++) {
         const row& r = *b.fine[i].held;
-        screen.line(test_line(b.fine[i], " ", nullptr, width, age_text(now - r.received) + " ago",
-                              parts_text(r)));
+        lines.line(b.fine[i], " ", nullptr, age_text(now - r.received) + " ago", parts_text(r));
     }
 }
 
@@ -194,11 +224,8 @@ void paint_introduction(painter& screen, std::string_view text, size_t lines) {
     }
 }
 
-struct widths {
-    size_t name = 4, test = 4;
-};
-
-/* As wide as what is shown needs, a third of the screen each at most. */
+/* As wide as what is shown needs, a third of the screen each at most; what tests look at has what
+ * is left when the text has a third, and enough to be read. */
 widths widths_of(const table_state& s, const std::vector<block>& blocks, size_t columns) {
     widths wide;
     for (const block& b : blocks) {
@@ -211,12 +238,19 @@ widths widths_of(const table_state& s, const std::vector<block>& blocks, size_t 
              {std::pair(&b.problems, b.problem_lines), std::pair(&b.unclear, b.unclear_lines),
               std::pair(&b.fine, b.fine_lines)}) {
             for (size_t i = 0; i < lines; i++) {
-                wide.test = std::max(wide.test, test_label((*tests)[i].key).size());
+                const called_test label = label_of(s, *b.shown, (*tests)[i].key);
+                wide.test = std::max(wide.test, display_width(label.name));
+                wide.target = std::max(wide.target, display_width(label.target));
             }
         }
     }
     size_t most = std::max<size_t>(columns / 3, 4);
-    return {std::min(wide.name, most), std::min(wide.test, most)};
+    wide = {std::min(wide.name, most), std::min(wide.test, most), wide.target};
+    constexpr size_t mark_and_age = 15, least_text = 30, least_target = 8;
+    size_t taken = mark_and_age + wide.test + std::max(columns / 3, least_text);
+    wide.target = std::min(wide.target, columns - std::min(columns, taken));
+    wide.target = columns < taken + least_target ? 0 : wide.target;
+    return wide;
 }
 
 } // namespace
@@ -264,6 +298,14 @@ void live_table::follow(const plan_summary& plan, int64_t now) {
     state_->follow(plan, now);
 }
 
+void live_table::follow(const std::vector<agent_summary>& plans, int64_t now) {
+    state_->follow(plans, now);
+}
+
+void live_table::name_tests(const test_names* names) {
+    state_->names = names;
+}
+
 void live_table::say(std::string_view text, int64_t now) {
     state_->say(text, now);
 }
@@ -299,7 +341,7 @@ std::string live_table::draw(const table_screen& screen, int64_t now) {
     for (const block& b : blocks) {
         if (b.given) {
             paint.line(host_line(s, b, wide.name, now));
-            paint_tests(paint, b, wide.test, now);
+            paint_tests({paint, s, b, wide}, b, now);
         }
     }
     std::string hidden = hidden_text(blocks, s.not_kept.get(), paint.columns());

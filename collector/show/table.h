@@ -16,21 +16,23 @@
  * stale or unknown; hosts that are ok; tests that are ok. Each host with problems has a line before
  * any has two. What does not fit is counted in the last line.
  *
- * MEMORY  Bounded in bytes. Tests that are ok and new are not kept when it is nearly used up, only
- * counted; then what is ok or stale makes room, of the hosts with the most tests first; then hosts
- * of which nothing else is held, the newest first; problems come last. */
+ * MEMORY  Bounded in bytes, but for the plans. Tests that are ok and new are not kept when it is
+ * nearly used up, only counted; then what is ok or stale makes room, of the hosts with the most
+ * tests first; then hosts of which nothing else is held, the newest first; problems come last. */
 #ifndef VINDRAL_COLLECTOR_TABLE_H
 #define VINDRAL_COLLECTOR_TABLE_H
 
+#include "ingest/test_names.h"
 #include "protocol/record.h"
 #include "state/agent_state.h"
-#include "state/expected.h"
+#include "state/expectations.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace live {
 struct table_state;
@@ -69,6 +71,13 @@ public:
     /* What is to come. Tests that are not in the plan vanish, and results of such are not shown; a
      * host that still sends them says so. Without a call every test is shown. */
     void follow(const plan_summary& plan, int64_t now);
+    /* The same of these agents alone. */
+    void follow(const std::vector<agent_summary>& plans, int64_t now);
+
+    /* What tests are called, in place of their types and numbers; what they look at stands beside
+     * that where there is room. Outlives this; null: nobody gives names. What comes of it has to be
+     * printable. */
+    void name_tests(const test_names* names);
 
     /* A line of the collector's own, shown at the bottom for an hour. The same text again is
      * counted. */

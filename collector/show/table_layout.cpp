@@ -53,15 +53,19 @@ size_t sort_rows(block& b, size_t rows) {
 }
 
 /* Adds tests that the plan has and the host does not, so many at most. */
-void add_missing(block& b, const std::set<test_key>& plan, size_t most) {
+void add_missing(block& b, const expected& plan, size_t most) {
     auto r = b.shown->rows.begin();
-    for (auto key = plan.begin(); key != plan.end() && most > 0; ++key) {
-        while (r != b.shown->rows.end() && r->first < *key) {
+    for (const expected::planned& wanted : plan.tests()) {
+        const test_key& key = wanted.test;
+        if (most == 0) {
+            return;
+        }
+        while (r != b.shown->rows.end() && r->first < key) {
             ++r;
         }
-        bool missing = r == b.shown->rows.end() || r->first != *key;
-        if (missing && key->first != protocol::discovery.code) {
-            b.unclear.push_back({*key, nullptr});
+        bool missing = r == b.shown->rows.end() || r->first != key;
+        if (missing && key.first != protocol::discovery.code) {
+            b.unclear.push_back({key, nullptr});
             most--;
         }
     }
@@ -73,11 +77,12 @@ block look_at(const table_state& s, const host& h, size_t rows, int64_t now) {
     b.silent = h.silent;
     size_t of_plan = sort_rows(b, rows);
     /* What was not kept for want of room is not unknown. */
-    if (s.planned && of_plan < s.plan_repeats && !b.silent && h.heard && s.not_kept.get() == 0 &&
-        s.awaited.at(now).check > 0 &&
-        now - std::max(h.back, s.plan_since) > s.awaited.stale_after(now)) {
-        b.tests.unknown = s.plan_repeats - of_plan;
-        add_missing(b, s.plan, rows);
+    const expected& plan = s.plan_of(h);
+    if (plan.has_plan() && of_plan < plan.repeating() && !b.silent && h.heard &&
+        s.not_kept.get() == 0 && plan.at(now).check > 0 &&
+        now - std::max(h.back, plan.followed()) > plan.stale_after(now)) {
+        b.tests.unknown = plan.repeating() - of_plan;
+        add_missing(b, plan, rows);
     }
     keep_first(b.problems, rows);
     keep_first(b.unclear, rows);

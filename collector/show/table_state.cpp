@@ -140,6 +140,8 @@ host& table_state::host_of(std::string_view account, std::string_view agent, int
     auto [found, added] = hosts.try_emplace(std::move(key));
     host& h = found->second;
     if (added) {
+        h.name = &found->first;
+        h.own = awaited.find(account, agent);
         h.label = line_text(agent);
         h.account = line_text(account);
         h.first_known = now;
@@ -158,8 +160,9 @@ void table_state::hear(host& h, int64_t now) {
     h.last_seen = now;
 }
 
-bool table_state::is_kept(const test_key& key) const {
-    return !planned || plan.contains(key);
+bool table_state::is_kept(const host& h, const test_key& key) const {
+    const expected& plan = plan_of(h);
+    return !plan.has_plan() || plan.has_test(key.first, key.second);
 }
 
 void table_state::know(host& h, const agent_state& stored) {
@@ -167,7 +170,7 @@ void table_state::know(host& h, const agent_state& stored) {
     for (const test_status& test : stored.tests) {
         test_key key{test.type, test.number.value_or(0)};
         bool strange = !test.number;
-        if (strange || (is_kept(key) && test.now != state::unknown)) {
+        if (strange || (is_kept(h, key) && test.now != state::unknown)) {
             row first;
             first.strange = strange;
             settle_state(first, test, start);
@@ -196,7 +199,7 @@ void table_state::apply(host& h, int64_t now, const record& r) {
         return; /* an inventory */
     }
     test_key key = key_of(summary);
-    if (summary.test && !is_kept(key)) {
+    if (summary.test && !is_kept(h, key)) {
         h.unplanned = now;
         return;
     }
@@ -259,19 +262,34 @@ void table_state::put(host& h, const test_key& key, row first) {
 
 void table_state::follow(const plan_summary& wanted, int64_t now) {
     awaited.follow(wanted, now);
-    planned = wanted.is_planned;
-    plan_since = now;
-    plan = {wanted.tests.begin(), wanted.tests.end()};
-    plan_repeats =
-        static_cast<size_t>(std::count_if(plan.begin(), plan.end(), [](const test_key& key) {
-            return key.first != protocol::discovery.code;
-        }));
     for (auto& [name, h] : hosts) {
-        for (auto r = h.rows.begin(); r != h.rows.end();) {
-            bool gone = !r->second.strange && !is_kept(r->first);
-            held -= gone ? bytes_of(r->second) : 0;
-            r = gone ? h.rows.erase(r) : std::next(r);
+        if (!h.own) {
+            drop_unplanned(h);
         }
+    }
+}
+
+void table_state::follow(const std::vector<agent_summary>& wanted, int64_t now) {
+    std::vector<expectations::own> own;
+    own.reserve(wanted.size());
+    for (const agent_summary& one : wanted) {
+        own.push_back({.account = one.account, .agent = one.agent, .plan = &one.plan});
+    }
+    awaited.follow(own, now);
+    for (const agent_summary& one : wanted) {
+        auto found = hosts.find({one.account, one.agent});
+        if (found != hosts.end()) {
+            found->second.own = awaited.find(one.account, one.agent);
+            drop_unplanned(found->second);
+        }
+    }
+}
+
+void table_state::drop_unplanned(host& h) {
+    for (auto r = h.rows.begin(); r != h.rows.end();) {
+        bool gone = !r->second.strange && !is_kept(h, r->first);
+        held -= gone ? bytes_of(r->second) : 0;
+        r = gone ? h.rows.erase(r) : std::next(r);
     }
 }
 
@@ -296,7 +314,7 @@ void table_state::forget_old_messages(int64_t now) {
 }
 
 void table_state::make_room(int64_t now) {
-    int64_t span = test_interval(now);
+    int64_t span = test_interval(awaited.longest(now));
     for (recent_count* c : {&not_kept, &problems_lost, &hosts_lost}) {
         c->turn(now, span);
     }

@@ -7,9 +7,10 @@
 #ifndef VINDRAL_COLLECTOR_TABLE_STATE_H
 #define VINDRAL_COLLECTOR_TABLE_STATE_H
 
+#include "ingest/test_names.h"
 #include "protocol/record.h"
 #include "state/agent_state.h"
-#include "state/expected.h"
+#include "state/expectations.h"
 #include "state/take.h"
 
 #include <algorithm>
@@ -18,7 +19,6 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -58,8 +58,12 @@ struct row {
     }
 };
 
+using host_key = std::pair<std::string, std::string>; /* account, agent */
+
 struct host {
+    const host_key* name = nullptr;
     std::string label, account; /* printable */
+    expectations::shared own;   /* plan; null: it has that of all */
     std::map<test_key, row> rows;
     int64_t first_known = 0;
     int64_t last_seen = 0;
@@ -90,8 +94,6 @@ struct message {
     size_t times = 1;
 };
 
-using host_key = std::pair<std::string, std::string>; /* account, agent */
-
 struct table_state {
     table_state(int64_t begin, size_t most) : start(begin), max_bytes(most) {}
 
@@ -102,18 +104,20 @@ struct table_state {
     std::map<std::string, size_t> accounts; /* of the hosts, and how many each has */
     recent_count not_kept, problems_lost, hosts_lost;
 
-    bool planned = false;
-    std::set<test_key> plan;
-    size_t plan_repeats = 0; /* how many of them run more than once: all but discovery */
-    int64_t plan_since = 0;
-    expected awaited;
+    expectations awaited;
+    const test_names* names = nullptr;
 
     std::deque<message> messages;
     std::string introduction;
 
-    int64_t test_interval(int64_t now) const {
-        intervals every = awaited.at(now);
+    const expected& plan_of(const host& h) const { return h.own ? *h.own : awaited.others(); }
+    static int64_t test_interval(const intervals& every) {
         return std::max(every.poll, every.check);
+    }
+    std::optional<called_test> name_of(const host& h, const test_key& test) const {
+        return names != nullptr
+                   ? names->name_of(h.name->first, h.name->second, test.first, test.second)
+                   : std::nullopt;
     }
 
     /* Added if there is none. */
@@ -125,12 +129,14 @@ struct table_state {
     void apply(host& h, int64_t now, const agent_state& found);
     void forget(std::string_view account, std::string_view agent);
     void follow(const plan_summary& wanted, int64_t now);
+    void follow(const std::vector<agent_summary>& wanted, int64_t now);
     void say(std::string_view text, int64_t now);
     void forget_old_messages(int64_t now);
     void make_room(int64_t now);
 
 private:
-    bool is_kept(const test_key& key) const;
+    bool is_kept(const host& h, const test_key& key) const;
+    void drop_unplanned(host& h);
     void put(host& h, const test_key& key, row first);
     void drop_rows(row_kind which, size_t target, recent_count& counted);
     void drop_hosts(size_t target);

@@ -23,6 +23,7 @@ void expected::follow(const plan_summary& plan, int64_t now) {
     now_ = plan.every;
     changes_++;
     is_followed_ = true;
+    followed_ = now;
     if (plan.is_planned) {
         follow_tests(plan, now);
     } else if (is_planned_) {
@@ -46,6 +47,10 @@ void expected::follow_tests(const plan_summary& plan, int64_t now) {
     }
     auto by_test = [](const planned& a, const planned& b) { return a.test < b.test; };
     std::sort(tests_.begin(), tests_.end(), by_test);
+    auto same = [](const planned& a, const planned& b) { return a.test == b.test; };
+    tests_.erase(std::unique(tests_.begin(), tests_.end(), same), tests_.end());
+    auto repeats = [](const planned& p) { return p.test.first != protocol::discovery.code; };
+    repeating_ = static_cast<size_t>(std::count_if(tests_.begin(), tests_.end(), repeats));
     auto known = before.begin();
     for (planned& p : tests_) {
         known = std::lower_bound(known, before.end(), p, by_test);

@@ -6,8 +6,10 @@
 #ifndef VINDRAL_COLLECTOR_EXPECTED_H
 #define VINDRAL_COLLECTOR_EXPECTED_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -55,11 +57,19 @@ public:
         return repeats_since(type, number).has_value();
     }
 
-private:
+    /* The tests of the plan; of the last one, when there is none now. */
     struct planned {
         std::pair<uint32_t, int32_t> test;
         int64_t since;
     };
+    std::span<const planned> tests() const { return tests_; } /* rising, each once */
+    bool has_test(uint32_t type, int32_t number) const { return find(type, number) != nullptr; }
+    /* How many of them come again and again, when anything does. */
+    size_t repeating() const { return repeating_; }
+    /* When the plan came. */
+    int64_t followed() const { return followed_; }
+
+private:
     void follow_tests(const plan_summary& plan, int64_t now);
     const planned* find(uint32_t type, int32_t number) const;
 
@@ -69,7 +79,9 @@ private:
     bool is_followed_ = false, is_planned_ = false;
     int64_t repeating_since_ = INT64_MIN; /* tests at all */
     int64_t unplanned_since_ = INT64_MIN; /* tests that are in no plan */
-    std::vector<planned> tests_;          /* by test; of the last plan, when there is none now */
+    int64_t followed_ = 0;
+    size_t repeating_ = 0;
+    std::vector<planned> tests_;
 };
 
 #endif

@@ -1,12 +1,16 @@
+#include "show/line_views.cpp"
 #include "show/output.cpp"
+#include "show/table_view.cpp"
 
 #include "collector_test_support.h"
 #include "counted_memory.h"
+#include "given_names.h"
 
 #include <boost/json.hpp>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sstream>
 
 static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
 
@@ -95,6 +99,95 @@ TEST(output, plain_lines) {
         "2026-05-01T12:00:00Z web1 type 99: i32 -1 ui32 99 \"te?xt\"\n");
 }
 
+static given_names names_of_web1() {
+    given_names names;
+    names.all[{"a@b.c", "web1", type_load_average, 5}] = {"front page", "https://example.org/"};
+    names.all[{"a@b.c", "web1", type_load_average, 6}] = {"load", ""};
+    names.all[{"a@b.c", "web1", type_load_average, 7}] = {"\x1b[31mr\"ed", "\x1b]0;title\x07"};
+    return names;
+}
+
+TEST(output, plain_lines_have_the_names_of_tests) {
+    pipe_pair out, problems;
+    const given_names names = names_of_web1();
+    {
+        auto o =
+            make_output(output_kind::plain,
+                        {.fd = out.writer(), .problem_fd = problems.writer(), .names = &names});
+        for (int32_t test : {5, 6, 7, 8}) {
+            show(*o, load_record(test, noon));
+        }
+        show(*o, load_record(5, noon), "web2");
+        show(*o, record_builder{.ui32 = {99}}.bytes());
+    }
+    const std::string time = "2026-05-01T12:00:00Z ",
+                      values = ": ok, load1 0.5 load5 0.25 load15 0.125, fine\n";
+    EXPECT_EQ(out.read_all(), time + "front page on web1 (https://example.org/)" + values + time +
+                                  "load on web1" + values + time +
+                                  "?[31mr\"ed on web1 (?]0;title?)" + values + time +
+                                  "web1 load average 8" + values + time + "web2 load average 5" +
+                                  values + time + "web1 type 99: ui32 99\n");
+}
+
+TEST(output, json_has_the_names_of_tests) {
+    pipe_pair out, problems;
+    const given_names names = names_of_web1();
+    {
+        auto o =
+            make_output(output_kind::json,
+                        {.fd = out.writer(), .problem_fd = problems.writer(), .names = &names});
+        for (int32_t test : {5, 6, 7, 8}) {
+            show(*o, load_record(test, noon));
+        }
+    }
+    std::istringstream lines(out.read_all());
+    std::vector<boost::json::object> all;
+    for (std::string line; std::getline(lines, line);) {
+        all.push_back(boost::json::parse(line).as_object());
+    }
+    ASSERT_EQ(all.size(), 4u);
+    EXPECT_EQ(all[0].at("name"), "front page");
+    EXPECT_EQ(all[0].at("target"), "https://example.org/");
+    EXPECT_EQ(all[0].at("type"), type_load_average);
+    EXPECT_EQ(all[0].at("test"), 5);
+    EXPECT_EQ(all[1].at("name"), "load");
+    EXPECT_EQ(all[1].at("target"), "");
+    EXPECT_EQ(all[2].at("name"), "?[31mr\"ed");
+    EXPECT_EQ(all[3].at("name"), "load average");
+    EXPECT_FALSE(all[3].contains("target"));
+}
+
+TEST(output, problems_have_the_names_of_tests) {
+    pipe_pair out, problems;
+    const given_names names = names_of_web1();
+    {
+        auto o =
+            make_output(output_kind::problems,
+                        {.fd = out.writer(), .problem_fd = problems.writer(), .names = &names});
+        show(*o, load_record(5, noon, 2, "high"));
+        show(*o, load_record(5, noon, 2, "high"));
+    }
+    EXPECT_EQ(out.read_all(), "2026-05-01T12:00:00Z front page on web1 (https://example.org/): "
+                              "limit reached, load1 0.5 load5 0.25 load15 0.125, high\n");
+}
+
+/* Whoever gives them comes after the output, and goes before it. */
+TEST(output, names_come_late_and_may_go) {
+    pipe_pair out, problems;
+    auto o = make_output(output_kind::plain, {.fd = out.writer(), .problem_fd = problems.writer()});
+    show(*o, load_record(5, noon));
+    EXPECT_NE(out.read_until("\n").find("web1 load average 5"), std::string::npos);
+    auto names = std::make_unique<given_names>();
+    names->all = names_of_web1().all;
+    o->name_tests(names.get());
+    show(*o, load_record(5, noon));
+    EXPECT_NE(out.read_until("\n").find("front page on web1"), std::string::npos);
+    o->name_tests(nullptr);
+    names.reset();
+    show(*o, load_record(5, noon));
+    EXPECT_NE(out.read_until("\n").find("web1 load average 5"), std::string::npos);
+}
+
 static std::string process_record(int32_t test, uint32_t pid, uint32_t status) {
     return record_builder{.ui32 = {type_process, static_cast<uint32_t>(test), 1, pid, status},
                           .i64 = {noon},
@@ -152,7 +245,8 @@ TEST(output, problems_of_processes_are_those_of_each) {
 
 /* What has been forgotten is new. */
 TEST(output, problems_that_are_remembered_are_bounded) {
-    problem_view shown;
+    const given_names nobody;
+    problem_view shown(nobody);
     std::string bytes = load_record(1, noon, 2), reason, out, agent;
     event e{.kind = event_kind::record, .account = "a@b.c", .received = noon};
     ASSERT_TRUE(decode_record(bytes, e.result.content, reason)) << reason;
@@ -653,6 +747,25 @@ TEST(table, draws_on_a_terminal_of_its_size) {
     screen.read_until("all ok - 20 tests on 1 host");
     screen.read_until("... 18 more tests that are ok");
     screen.read_until("a problem");
+}
+
+TEST(table, shows_names_and_the_plans_of_agents) {
+    terminal screen(24, 100);
+    const given_names names = names_of_web1();
+    auto o = make_output(output_kind::table, {.fd = screen.slave});
+    o->name_tests(&names);
+    o->on_agent_plans({{.account = "a@b.c",
+                        .agent = "web1",
+                        .plan = {.every = {},
+                                 .is_planned = true,
+                                 .tests = {{type_load_average, 5}, {type_load_average, 9}}}}});
+    show(*o, load_record(5, noon));
+    show(*o, load_record(6, noon));
+    show(*o, load_record(6, noon), "web2");
+    screen.read_until("all ok - 2 tests on 2 hosts");
+    screen.read_until("front page");
+    screen.read_until("https://example.org/");
+    screen.read_until("load average 6");
 }
 
 TEST(table, has_no_colours_where_none_are_wanted) {

@@ -2,6 +2,7 @@
 
 #include "base/text.h"
 #include "collector_test_support.h"
+#include "given_names.h"
 #include "plan/summary.h"
 #include "show/table_words.h"
 #include "state/take.h"
@@ -61,6 +62,7 @@ static std::string text_of(const std::vector<std::string>& lines) {
 /* A table that is told what the store tells it: each result, and behind it what becomes of the
  * agent; and, whenever a screen is drawn, of whom nothing came for too long. */
 struct table_test : testing::Test {
+    given_names called;
     live_table table{noon};
     int64_t now = noon;
     using agent_name = std::pair<std::string, std::string>; /* account, agent */
@@ -237,6 +239,91 @@ TEST_F(table_test, problems_are_on_top_the_newest_first) {
     EXPECT_EQ(lines[4], "a     1 problem");
     EXPECT_EQ(lines[6].substr(0, 4), "b   ");
     EXPECT_NE(lines[0].find(" 3 problems, 2 ok - 5 tests on 4 hosts"), std::string::npos);
+}
+
+TEST_F(table_test, tests_that_have_names_are_called_by_these) {
+    add("web1", 5);
+    add("web1", 6, 2, "too much\n");
+    add("web1", 7);
+    const std::string without = text();
+    table.name_tests(&called);
+    EXPECT_EQ(text(), without) << "nobody gave any";
+    called.all[{"a@b.c", "web1", type_load_average, 5}] = {"front page", "https://example.org/"};
+    called.all[{"a@b.c", "web1", type_load_average, 6}] = {"load", ""};
+    called.all[{"other@b.c", "web1", type_load_average, 7}] = {"of another account", ""};
+    EXPECT_EQ(
+        text(),
+        " 1 problem, 2 ok - 3 tests on 1 host" + std::string(53, ' ') +
+            "12:00:00Z\n"
+            "web1  1 problem, 2 ok\n"
+            "  ! load                                  for 0s   too much  load1 0.5 load5 0.25 "
+            "load15 0.125\n"
+            "    front page      https://example.org/  0s ago   load1 0.5 load5 0.25 load15 0.125  "
+            "fine\n"
+            "    load average 7                        0s ago   load1 0.5 load5 0.25 load15 0.125  "
+            "fine\n");
+    EXPECT_EQ(screen(3).at(1), "web1  load: too much  load1 0.5 load5 0.25 load15 0.125");
+    table.name_tests(nullptr);
+    EXPECT_EQ(text(), without);
+}
+
+/* The name comes first, then what the result says, then what is looked at. */
+TEST_F(table_test, what_a_test_looks_at_has_the_room_that_is_left) {
+    table.name_tests(&called);
+    add("web1", 5, 2, "too much\n");
+    called.all[{"a@b.c", "web1", type_load_average, 5}] = {
+        "front page", "https://shop.example.org/with/a/path/that/is/long?and=a&query=too"};
+    EXPECT_EQ(screen(24, 120).at(2).substr(0, 70),
+              "  ! front page  https://shop.example.org/with/a/path/that/is/long?and=");
+    EXPECT_EQ(screen(24, 80).at(2),
+              "  ! front page  https://shop.example.org/  for 0s   too much  load1 0.5 load5 0");
+    EXPECT_EQ(screen(24, 64).at(2),
+              "  ! front page  https://s  for 0s   too much  load1 0.5 load5 0");
+    EXPECT_EQ(screen(24, 60).at(2), "  ! front page  for 0s   too much  load1 0.5 load5 0.25 loa");
+    EXPECT_EQ(screen(24, 30).at(2), "  ! front page  for 0s   too");
+    EXPECT_EQ(screen(24, 18).at(2), "  ! front   for 0");
+    called.all[{"a@b.c", "web1", type_load_average, 5}] = {
+        "\xe4\xb8\xad\xe6\x96\x87\xe4\xb8\xad\xe6\x96\x87 " + std::string(70, 'n'), "/"};
+    for (size_t columns = 1; columns < 130; columns++) {
+        screen(24, columns); /* nothing leaves it */
+    }
+}
+
+TEST_F(table_test, agents_have_plans_of_their_own) {
+    plan({"LAA\t5" + load_test});
+    add("web1", 5);
+    add("web2", 5);
+    add("web2", 6);
+    EXPECT_EQ(screen()[0].substr(0, 30), " all ok - 2 tests on 2 hosts  ");
+    const plan_summary own{.every = {.poll = 20, .check = 20},
+                           .is_planned = true,
+                           .tests = {{type_load_average, 6}, {type_load_average, 7}, {40, 8}}};
+    table.follow({{"a@b.c", "web2", own}, {"a@b.c", "not there yet", own}}, now);
+    EXPECT_EQ(screen()[0].substr(0, 30), " all ok - 1 test on 2 hosts   ");
+    add("web2", 5);
+    add("web2", 6);
+    add("web1", 6);
+    EXPECT_EQ(screen()[0].substr(0, 30), " all ok - 2 tests on 2 hosts  ");
+    for (int i = 0; i < 19; i++) { /* the longer interval acts on */
+        now += 9;
+        add("web2", 6);
+        add("web1", 5);
+        EXPECT_EQ(text().find("unknown"), std::string::npos);
+    }
+    now += 61;
+    add("web2", 5);
+    add("web2", 6);
+    add("web1", 5);
+    table.name_tests(&called);
+    called.all[{"a@b.c", "web2", type_load_average, 7}] = {"seven", ""};
+    EXPECT_NE(text().find("  ? seven"), std::string::npos) << text();
+    EXPECT_NE(text().find("1 unknown, 2 ok - 3 tests on 2 hosts"), std::string::npos) << text();
+    EXPECT_NE(text().find("1 unknown, 1 ok, and tests that are not planned"), std::string::npos)
+        << text();
+    add("not there yet", 7);
+    EXPECT_NE(text().find("seven"), std::string::npos);
+    plan({"LAA\t9" + load_test});
+    EXPECT_EQ(screen()[0].substr(0, 42), " 1 unknown, 2 ok - 3 tests on 3 hosts     ");
 }
 
 TEST_F(table_test, inventories_are_no_rows_but_a_sign_of_life) {

@@ -1,8 +1,8 @@
 /* What people decided, beside what agents reported: the tokens with which the API is asked, which
- * agents are let in, the secrets that tests use. In a small file of its own, settings.db, so that
- * it outlives a damaged results.db, and is written also while results cannot be. Several processes
- * may have it open: the collector, and `vindral-collector token` beside it; each change is one
- * transaction, and waits for another's.
+ * agents are let in, the secrets that tests use, and a copy of the fleet in force. In a small file
+ * of its own, settings.db, so that it outlives a damaged results.db, and is written also while
+ * results cannot be. Several processes may have it open: the collector, and `vindral-collector
+ * token` beside it; each change is one transaction, and waits for another's.
  *
  * Nothing in it is a secret in clear: of tokens the SHA-256 is kept, of 256 random bits each, which
  * nobody can guess back. The file is readable by its owner only all the same.
@@ -74,6 +74,15 @@ struct stored_secret {
     std::string name, sealed, by;
     int64_t made = 0;    /* when this value was set */
     uint64_t serial = 0; /* given by put_secret(); rises with each value of any, never twice */
+};
+
+/* What of the fleet outlives a damaged results.db: the text in force, and how far revisions were
+ * given. */
+struct fleet_copy {
+    int32_t newest = 0; /* no revision above it was ever given */
+    int32_t revision = 0;
+    int64_t time = 0;
+    std::string author = {}, text = {}; /* with that revision */
 };
 
 /* One connection, any thread. The calls return false with one line in `error`. */
@@ -156,6 +165,14 @@ public:
     virtual bool drop_secret(std::string_view name, std::string& error) = 0;
     virtual bool for_each_secret(const std::function<void(const stored_secret&)>& each,
                                  std::string& error) = 0;
+
+    /* ---- the fleet ---- */
+
+    /* In the place of what is kept; `newest` never falls. For this connection version() stays: only
+     * who keeps it reads it. */
+    virtual bool keep_fleet(const fleet_copy& what, std::string& error) = 0;
+    /* None when none was ever kept in this file. */
+    virtual bool read_fleet_copy(std::optional<fleet_copy>& found, std::string& error) = 0;
 
     /* Another number, never 0, after each change of anybody, this process too: whoever keeps what
      * it read asks before it reads, and keeps the number when the reading went well. Cheap. */

@@ -640,6 +640,49 @@ TEST_F(settings_agents_test, a_file_of_the_version_before_is_taken_over) {
     EXPECT_EQ(identities().size(), 2u);
 }
 
+/* As the version before this one made it, behind layout 1. */
+static const char layout_2[] =
+    "CREATE TABLE facts(name TEXT PRIMARY KEY, value INTEGER NOT NULL) STRICT, WITHOUT ROWID;"
+    "CREATE TABLE identities("
+    "  account TEXT NOT NULL, agent TEXT NOT NULL, admitted INTEGER NOT NULL, who TEXT NOT NULL,"
+    "  highest INTEGER NOT NULL, good_from INTEGER NOT NULL, revoked INTEGER NOT NULL,"
+    "  key_hash BLOB NOT NULL, authority BLOB NOT NULL, issued INTEGER NOT NULL,"
+    "  ends INTEGER NOT NULL, knows BLOB NOT NULL,"
+    "  PRIMARY KEY(account, agent)) STRICT, WITHOUT ROWID;"
+    "CREATE TABLE enrolments("
+    "  hash BLOB PRIMARY KEY, account TEXT NOT NULL, agent TEXT NOT NULL, who TEXT NOT NULL,"
+    "  made INTEGER NOT NULL, ends INTEGER NOT NULL, key_hash BLOB, generation INTEGER NOT NULL)"
+    "  STRICT, WITHOUT ROWID;"
+    "CREATE TABLE secrets("
+    "  name TEXT PRIMARY KEY, sealed BLOB NOT NULL, who TEXT NOT NULL, made INTEGER NOT NULL,"
+    "  serial INTEGER NOT NULL) STRICT, WITHOUT ROWID;"
+    "INSERT INTO facts VALUES('admitted_at_first', 1), ('last_secret', 5);"
+    "INSERT INTO secrets VALUES('mail', x'01', 'anna', 7, 5);"
+    "PRAGMA user_version = 2;";
+
+TEST_F(settings_agents_test, what_was_decided_stays_when_a_file_is_taken_over) {
+    kept.reset();
+    fs::remove(path);
+    std::string made = layout_1;
+    sql(made.substr(0, made.find("INSERT")) + layout_2);
+    ASSERT_TRUE(open()) << error;
+    EXPECT_EQ(note, "");
+    std::vector<stored_secret> secrets;
+    EXPECT_TRUE(kept->for_each_secret([&](const stored_secret& s) { secrets.push_back(s); }, error))
+        << error;
+    ASSERT_EQ(secrets.size(), 1u);
+    EXPECT_EQ(secrets[0].serial, 5u);
+    size_t admitted = 0;
+    EXPECT_TRUE(kept->admit_at_first({{"a@x", "db"}}, 7, admitted, error)) << error;
+    EXPECT_EQ(admitted, 0u) << "that was in its life before";
+    EXPECT_TRUE(kept->keep_fleet({.newest = 3, .text = "x"}, error)) << error;
+    std::optional<fleet_copy> found;
+    ASSERT_TRUE(open()) << error;
+    EXPECT_TRUE(kept->read_fleet_copy(found, error)) << error;
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->newest, 3);
+}
+
 TEST_F(settings_agents_test, a_file_is_taken_over_by_one_of_several) {
     for (int round = 0; round < 5; round++) {
         kept.reset();

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -502,4 +503,60 @@ TEST_F(settings_test, a_link_in_its_place_is_not_followed) {
     int64_t id = 0;
     EXPECT_FALSE(kept->add_token(token("b", 2), id, error));
     EXPECT_EQ(error, path + ": not a file");
+}
+
+/* ---- the copy of the fleet ---- */
+
+TEST_F(settings_test, the_fleet_is_kept_and_no_one_else_reads_anew) {
+    std::optional<fleet_copy> found;
+    ASSERT_TRUE(kept->read_fleet_copy(found, error)) << error;
+    EXPECT_FALSE(found);
+    EXPECT_TRUE(changed());
+    const std::string text = std::string("version: 1\n# \0\n", 15) + std::string(1 << 20, 'x');
+    ASSERT_TRUE(kept->keep_fleet(
+        {.newest = 7, .revision = 5, .time = 99, .author = "anna", .text = text}, error))
+        << error;
+    EXPECT_FALSE(changed());
+    ASSERT_TRUE(open()) << error;
+    ASSERT_TRUE(kept->read_fleet_copy(found, error)) << error;
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->newest, 7);
+    EXPECT_EQ(found->revision, 5);
+    EXPECT_EQ(found->time, 99);
+    EXPECT_EQ(found->author, "anna");
+    EXPECT_EQ(found->text, text);
+    ASSERT_TRUE(kept->keep_fleet(
+        {.newest = 6, .revision = 6, .time = 100, .author = "", .text = ""}, error));
+    ASSERT_TRUE(kept->read_fleet_copy(found, error));
+    EXPECT_EQ(found->newest, 7) << "what was given stays given";
+    EXPECT_EQ(found->revision, 6);
+    EXPECT_EQ(found->text, "");
+    /* With others' changes it is as ever. */
+    EXPECT_TRUE(changed());
+    EXPECT_EQ(elsewhere([](settings& own) {
+                  std::string e;
+                  std::optional<fleet_copy> copy;
+                  return own.read_fleet_copy(copy, e) && copy && copy->newest == 7 &&
+                                 own.keep_fleet({.newest = INT32_MAX}, e)
+                             ? 0
+                             : 1;
+              }),
+              0);
+    ASSERT_TRUE(kept->read_fleet_copy(found, error));
+    EXPECT_EQ(found->newest, INT32_MAX);
+    add(token("one", 1));
+    EXPECT_TRUE(changed());
+}
+
+/* Nobody of ours wrote that. */
+TEST_F(settings_test, a_fleet_that_makes_no_sense_is_none) {
+    ASSERT_TRUE(kept->keep_fleet({.newest = 7, .text = "x"}, error));
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, "UPDATE fleet SET newest = 1 << 40", nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    std::optional<fleet_copy> found;
+    EXPECT_TRUE(kept->read_fleet_copy(found, error)) << error;
+    EXPECT_FALSE(found);
 }

@@ -5,14 +5,32 @@
 
 #include "store/settings.h"
 
+#include <algorithm>
 #include <atomic>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 class decisions_in_memory : public settings {
 public:
+    bool keep_fleet(const fleet_copy& what, std::string& error) override {
+        error = decisions_failure;
+        if (error.empty()) {
+            const int32_t newest = fleet ? fleet->newest : 0;
+            fleet = what;
+            fleet->newest = std::max(newest, what.newest);
+        }
+        return error.empty();
+    }
+    bool read_fleet_copy(std::optional<fleet_copy>& found, std::string& error) override {
+        error = decisions_failure;
+        found = fleet;
+        return error.empty();
+    }
+    std::optional<fleet_copy> fleet;
+
     using name = std::pair<std::string, std::string>;
 
     bool for_each_identity(const std::function<void(const stored_identity&)>& each,

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr int64_t application = 0x76736574; /* "vset" */
-constexpr int64_t layout = 2, earlier_layout = 1;
+constexpr int64_t layout = 3, first_layout = 1;
 constexpr int lock_wait_ms = 5000; /* for another process's change */
 
 /* Layout 1 has these alone. */
@@ -43,6 +43,12 @@ const char tables_since_2[] =
     "CREATE TABLE secrets("
     "  name TEXT PRIMARY KEY, sealed BLOB NOT NULL, who TEXT NOT NULL, made INTEGER NOT NULL,"
     "  serial INTEGER NOT NULL) STRICT, WITHOUT ROWID;";
+
+/* One row, 1. */
+const char tables_since_3[] =
+    "CREATE TABLE fleet("
+    "  id INTEGER PRIMARY KEY, newest INTEGER NOT NULL, revision INTEGER NOT NULL,"
+    "  time INTEGER NOT NULL, author TEXT NOT NULL, text TEXT NOT NULL) STRICT;";
 
 const char what_to_do[] =
     "tokens have to be made anew, agents admitted and revoked again, secrets set again";
@@ -88,7 +94,7 @@ bool settings_file::fail(std::string& error) {
 bool settings_file::make_tables() {
     return run("BEGIN IMMEDIATE") &&
            (number("SELECT count(*) FROM sqlite_schema").value_or(0) > 0 ||
-            (run(tables) && run(tables_since_2) &&
+            (run(tables) && run(tables_since_2) && run(tables_since_3) &&
              (!(is_beside_damaged() || is_beside_authority()) ||
               database_set_fact(db(), admitted_at_first, 1)) &&
              run("PRAGMA application_id = " + std::to_string(application)) &&
@@ -97,9 +103,13 @@ bool settings_file::make_tables() {
 }
 
 bool settings_file::take_over() {
-    return run("BEGIN IMMEDIATE") &&
-           (number("PRAGMA user_version") == layout ||
-            (run(tables_since_2) && run("PRAGMA user_version = " + std::to_string(layout)))) &&
+    if (!run("BEGIN IMMEDIATE")) {
+        return false;
+    }
+    const std::optional<int64_t> from = number("PRAGMA user_version");
+    return from &&
+           (from == layout || ((*from >= 2 || run(tables_since_2)) && run(tables_since_3) &&
+                               run("PRAGMA user_version = " + std::to_string(layout)))) &&
            run("COMMIT");
 }
 
@@ -144,7 +154,7 @@ settings_file::state settings_file::look_at(std::string& error) {
         error = path_ + ": not a file of this program";
         return state::damaged;
     }
-    if (*version != layout && *version != earlier_layout) {
+    if (*version < first_layout || *version > layout) {
         error = path_ + ": made by another version of this program (layout " +
                 std::to_string(*version) + ")";
         return state::unusable;
@@ -286,7 +296,8 @@ bool settings_file::ready(std::string& error) {
     return open(untold_, error);
 }
 
-bool settings_file::change(const std::function<bool(bool& wanted)>& work, std::string& error) {
+bool settings_file::change(const std::function<bool(bool& wanted)>& work, std::string& error,
+                           bool quietly) {
     if (!run("BEGIN IMMEDIATE")) {
         return fail(error);
     }
@@ -308,7 +319,7 @@ bool settings_file::change(const std::function<bool(bool& wanted)>& work, std::s
     if (!run("COMMIT")) {
         return fail(error);
     }
-    changes_++;
+    changes_ += quietly ? 0 : 1;
     return true;
 }
 

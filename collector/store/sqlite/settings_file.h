@@ -47,8 +47,9 @@ protected:
     /* False; `error` says what went wrong last. No statement that has a row may be alive. */
     bool fail(std::string& error);
     /* `work` in one transaction. False as well when it left `wanted` as it was, with nothing
-     * changed; `error` is what it made of it then. */
-    bool change(const std::function<bool(bool& wanted)>& work, std::string& error);
+     * changed; `error` is what it made of it then. With `quietly` version() stays. */
+    bool change(const std::function<bool(bool& wanted)>& work, std::string& error,
+                bool quietly = false);
     bool run(const std::string& sql) { return database_exec(db_.get(), sql); }
     sqlite3* db() const { return db_.get(); }
 

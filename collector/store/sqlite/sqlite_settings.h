@@ -1,4 +1,5 @@
-/* What is in settings.db: tokens, facts, identities, enrolments, secrets. A source each. */
+/* What is in settings.db: tokens, facts, identities, enrolments, secrets, the fleet. A source each.
+ */
 #ifndef VINDRAL_COLLECTOR_SQLITE_SETTINGS_H
 #define VINDRAL_COLLECTOR_SQLITE_SETTINGS_H
 
@@ -54,6 +55,10 @@ public:
     bool drop_secret(std::string_view name, std::string& error) override;
     bool for_each_secret(const std::function<void(const stored_secret&)>& each,
                          std::string& error) override;
+
+    /* settings_fleet.cpp */
+    bool keep_fleet(const fleet_copy& what, std::string& error) override;
+    bool read_fleet_copy(std::optional<fleet_copy>& found, std::string& error) override;
 
 private:
     /* The rows of a query, all read before `each` gets the first: it may ask for more. `read` is

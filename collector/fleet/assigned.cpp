@@ -202,8 +202,10 @@ std::string about_change(const assigned_test& before, const wanted_test& now,
         }
         return names.empty() ? "" : "another value of the secret " + names;
     }
-    return !now.found.empty() && before.found != now.found ? "it is " + now.found + " now"
-                                                           : about(now);
+    if (!now.found.empty() && before.found != now.found) {
+        return "it is " + now.found + " now";
+    }
+    return now.what->free_share ? about(now) : "what is not shown of it is another";
 }
 
 /* ---- assigning ---- */
@@ -349,10 +351,12 @@ private:
             }
             test.number = now_.next_number++;
             test.added = revision_;
-            note(test, change_action::add).reason = about(wanted);
+            fleet_change& change = note(test, change_action::add);
+            change.reason = about(wanted);
+            change.fields = differences({}, wanted.what->shown);
         } else if (!test.impossible.empty() || digest != test.digest) {
             fleet_change& change = note(test, change_action::change);
-            if (test.what) {
+            if (test.what) { /* otherwise what it was is not known */
                 change.fields = differences(test.what->shown, wanted.what->shown);
                 change.reason =
                     change.fields.empty() ? about_change(test, wanted, secrets) : about(wanted);
@@ -379,7 +383,13 @@ private:
             is_new = true;
         }
         if (is_new || test.impossible != why) {
-            note(test, is_there ? change_action::change : change_action::add).impossible = why;
+            fleet_change& change =
+                note(test, is_there ? change_action::change : change_action::add);
+            change.impossible = why;
+            if (!is_there || test.what) {
+                change.fields =
+                    differences(is_there ? test.what->shown : shown_list(), wanted.what->shown);
+            }
         }
         test.impossible = why;
     }

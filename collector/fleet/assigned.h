@@ -94,7 +94,8 @@ struct fleet_change {
     std::string impossible = {}; /* why it is not sent; empty: it is. A rename, and the removal of
                                     number 0, need nothing to be sent */
     std::string reason = {};     /* what else is to be said: "10 % of 50 GB", about_intervals */
-    /* For people: what of the test is another now, from and to, without secrets. */
+    /* For people, without secrets: what of the test is another now, from and to; of one that is
+     * added all that the file says of it, from nothing. */
     struct field {
         std::string name, from, to;
     };

@@ -3,7 +3,7 @@
 #ifndef VINDRAL_COLLECTOR_FLEET_WANTED_H
 #define VINDRAL_COLLECTOR_FLEET_WANTED_H
 
-#include "fleet/file.h"
+#include "fleet/fleet.h"
 
 #include <cstdint>
 #include <map>

@@ -101,6 +101,32 @@ TEST_F(fleet_assigned, another_limit_is_a_change_of_that_test) {
     EXPECT_EQ(changes[0].fields[0].to, "");
 }
 
+TEST_F(fleet_assigned, what_is_added_is_told_in_full) {
+    std::vector<fleet_change> changes = apply(of({load("a").shown("1m", "8").shown("5m", "6")}));
+    ASSERT_EQ(changes.back().fields.size(), 2u);
+    EXPECT_EQ(changes.back().fields[0].name, "1m");
+    EXPECT_EQ(changes.back().fields[0].from, "");
+    EXPECT_EQ(changes.back().fields[0].to, "8");
+    changes = apply(of({page("a").shown("http", "https://shop.example.org/")}));
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_TRUE(changes[0].fields.empty()) << "of what is removed nothing is told";
+    ASSERT_EQ(changes[1].fields.size(), 1u) << "another kind";
+    EXPECT_EQ(changes[1].fields[0].name, "http");
+    changes = apply(of({test_maker("d", "disk").at("/x").shown("disk", "/x"), page("a")}));
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0].impossible, "there is no disk /x; there is /");
+    EXPECT_EQ(changes[0].fields.size(), 1u);
+}
+
+TEST_F(fleet_assigned, what_is_not_shown_is_said_to_be_another) {
+    begin({page("a").field(6, "one").shown("password", "***")});
+    std::vector<fleet_change> changes =
+        apply(of({page("a").field(6, "two").shown("password", "***")}));
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_TRUE(changes[0].fields.empty());
+    EXPECT_EQ(changes[0].reason, "what is not shown of it is another");
+}
+
 TEST_F(fleet_assigned, fields_that_run_together_are_another_test) {
     begin({load("a").field(0, "1").field(1, "23")});
     EXPECT_EQ(said({load("a").field(0, "12").field(1, "3")}), strings{"change a 1"});

@@ -169,22 +169,22 @@ std::string about(const wanted_test& test) {
 
 using shown_list = std::vector<std::pair<std::string, std::string>>;
 
-std::string_view value_in(const shown_list& list, std::string_view key) {
+const std::string* value_in(const shown_list& list, std::string_view key) {
     auto found =
         std::find_if(list.begin(), list.end(), [=](const auto& each) { return each.first == key; });
-    return found != list.end() ? std::string_view(found->second) : std::string_view();
+    return found != list.end() ? &found->second : nullptr;
 }
 
 std::vector<fleet_change::field> differences(const shown_list& from, const shown_list& to) {
     std::vector<fleet_change::field> found;
     for (const auto& [key, value] : to) {
-        if (std::string_view before = value_in(from, key); before != value) {
-            found.push_back({key, std::string(before), value});
+        const std::string* before = value_in(from, key);
+        if (before == nullptr || *before != value) {
+            found.push_back({key, before != nullptr ? *before : "", value});
         }
     }
     for (const auto& [key, value] : from) {
-        if (!value.empty() && std::none_of(to.begin(), to.end(),
-                                           [&](const auto& each) { return each.first == key; })) {
+        if (value_in(to, key) == nullptr) {
             found.push_back({key, value, ""});
         }
     }

@@ -8,6 +8,7 @@
 #include "life/announce.h"
 #include "life/api_side.h"
 #include "life/authority_commands.h"
+#include "life/fleet_side.h"
 #include "life/options.h"
 #include "life/signals.h"
 #include "life/store_commands.h"
@@ -180,7 +181,8 @@ static int run_server(const options& o) {
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     event_hub hub;
     live_messages live(hub, o.state_dir);
-    store_listeners told({output.get(), &live});
+    fleet_side fleet(o, hub, report); /* outlives the store's thread */
+    store_listeners told({output.get(), &live, &fleet.listener()});
     std::unique_ptr<ingest> results = ingest::open(keeping, &told, error);
     if (!results) {
         return fail(error);
@@ -199,6 +201,9 @@ static int run_server(const options& o) {
         line.starts_with("login: ") || line.starts_with("certificate: ") ? output->on_note(text)
                                                                          : output->on_problem(text);
     };
+    const bool is_planned = !o.plan.empty();
+    const std::unique_ptr<fleet_side, void (*)(fleet_side*)> stopped(
+        &fleet, [](fleet_side* what) { what->stop(); }); /* ahead of the store, at every return */
     plan lines(
         o.plan,
         [&](const plan_problem& problem) {
@@ -209,19 +214,27 @@ static int run_server(const options& o) {
             output->on_plan(summary);
             results->follow(std::move(summary), definitions_of(taken));
         },
-        identities.secrets());
+        is_planned ? identities.secrets() : nullptr);
     if (!lines.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
     }
-    if (o.plan.empty()) {
-        results->follow({}, {}); /* not what the last run had */
+    known_tests earlier;
+    if (is_planned) {
+        earlier = read_known_tests(o.state_dir, *output);
+        if (earlier.left_out() > 0) {
+            early.push_back(
+                std::to_string(earlier.left_out()) +
+                " tests of earlier runs are left out: taken out of the plan, they go on");
+        }
+    } else if (!fleet.open(identities.secrets(), early, error) ||
+               !fleet.keeper()->start(*results, error)) {
+        for (const std::string& line : early) {
+            fail(line);
+        }
+        return fail(error);
     }
-    known_tests earlier = read_known_tests(o.state_dir, *output);
-    if (earlier.left_out() > 0) {
-        early.push_back(std::to_string(earlier.left_out()) +
-                        " tests of earlier runs are left out: taken out of the plan, they go on");
-    }
-    commands_for_agents commands(lines, std::move(earlier), log);
+    commands_for_agents planned(lines, std::move(earlier), log);
+    instructions& commands = is_planned ? static_cast<instructions&>(planned) : *fleet.keeper();
     size_t descriptors = raise_descriptor_limit();
     size_t for_web = o.web_address.empty() ? 0 : web_connections(descriptors);
     server collector(server_options_from(o, descriptors - for_web), identities.shown(),
@@ -231,7 +244,7 @@ static int run_server(const options& o) {
         return fail(error);
     }
     identities.listens_on(collector.port());
-    api_side api(o, for_web, identities, *results, collector, hub, counted, nullptr, report);
+    api_side api(o, for_web, identities, *results, collector, hub, counted, fleet.keeper(), report);
     if (!o.web_address.empty() && !api.start(error)) {
         if (o.web_given) {
             return fail(error);
@@ -259,6 +272,10 @@ static int run_server(const options& o) {
     };
     const std::function<void()> read_again = [&] {
         look_at_certificates(true);
+        if (!is_planned) {
+            fleet.keeper()->read_file();
+            return;
+        }
         log(lines.refresh() ? "plan read again" : "the plan cannot be read; the old one stays");
     };
     heed_signals(signals, end, read_again);
@@ -271,6 +288,7 @@ static int run_server(const options& o) {
     repeat(look_timer, std::chrono::seconds(20), look);
     collector.run();
     api.stop();
+    fleet.stop();
     results.reset(); /* before the server that its thread may still be calling */
     if (!o.port_file.empty()) {
         unlink(o.port_file.c_str());

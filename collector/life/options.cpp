@@ -230,7 +230,13 @@ const row rows[] = {
      "write its port to FILE once it is open"},
     {"state-dir", "DIR", set_text<&options::state_dir>, "database, certificate and key\n({})",
      "/var/lib/vindral-collector", 0, 0, with_all},
-    {"plan", "FILE", set_text<&options::plan>, "commands for the agents, one a line"},
+    {"fleet", "FILE", set_text<&options::fleet>,
+     "which agents have which tests, as YAML; read again\n"
+     "when it changes. Without it, or --plan, the API is\n"
+     "told (vindralctl fleet apply)"},
+    {"plan", "FILE", set_text<&options::plan>,
+     "in the place of a fleet: raw commands, one a line,\n"
+     "for every agent; for work on the protocol"},
     {"cert", "FILE", set_text<&options::cert>,
      "certificate chain and private key, PEM; without them\n"
      "a pair is made in the state directory, signed by an\n"
@@ -318,7 +324,7 @@ options_result show_help(const row&, const char*, options&, std::string& text) {
         text += std::string("       vindral-collector ") + c.usage + "\n";
     }
     text += "Collection server for vindral agents: takes their results, keeps them in a\n"
-            "database in the state directory and sends the agents the tests of a plan.\n\n";
+            "database in the state directory and sends the agents the tests of a fleet.\n\n";
     for (const row* r = rows; r != std::end(rows);) {
         std::string help = r->help, line = " ";
         if (r->standard) {
@@ -334,8 +340,8 @@ options_result show_help(const row&, const char*, options&, std::string& text) {
     for (const command_row& c : commands) {
         append_help(text, std::string("  ") + c.usage, c.help);
     }
-    text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the plan\n"
-            "again (it is also read whenever it has changed).\n";
+    text += "\nSIGINT and SIGTERM end it after the polls under way; SIGHUP reads the fleet or\n"
+            "the plan again (which are also read whenever they have changed).\n";
     return options_result::done;
 }
 
@@ -346,6 +352,9 @@ std::string find_conflict(const options& o) {
     }
     if (!o.cert.empty() && !o.names.empty()) {
         return "--name is for a certificate that is made, not for --cert";
+    }
+    if (!o.plan.empty() && !o.fleet.empty()) {
+        return "--plan takes the place of a fleet, so it does not go with --fleet";
     }
     if (o.end_refused && o.allow.empty()) {
         return "--end-refused needs --allow";

@@ -43,6 +43,7 @@ struct options {
     std::string web_port_file;
     std::string state_dir;
     std::string plan;               /* empty: no plan */
+    std::string fleet;              /* a file that rules; empty: the API applies */
     std::string cert, key;          /* both or none; none: made in the state directory */
     std::vector<std::string> names; /* more for the certificate that is made */
     std::vector<std::string> allow; /* accounts that may log in; empty: all */

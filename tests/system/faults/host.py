@@ -20,7 +20,7 @@ class Shim:
     """Faults inside one program, made by shim.c; `env` is what the program is started with. Its fields,
     see there, are attributes here."""
 
-    FIELDS = ("clock_offset_s", "fail_every", "fail_from_bytes", "failed", "no_threads")
+    FIELDS = ("clock_offset_s", "fail_every", "fail_from_bytes", "failed", "no_threads", "sync_ms")
 
     def __init__(self, test):
         directory = test.subdir("shim")

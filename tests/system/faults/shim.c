@@ -1,5 +1,5 @@
-/* Loaded before libc (LD_PRELOAD): makes the clock jump and memory, or threads, fail while the
- * program runs, without touching the machine. A test steers it through the file that FAULT_CONTROL
+/* Loaded before libc (LD_PRELOAD): makes the clock jump, memory or threads fail, and the disk slow,
+ * while the program runs, without touching the machine. A test steers it through the file that FAULT_CONTROL
  * names, mapped by both. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -21,6 +21,7 @@ struct control {
     _Atomic int64_t fail_from_bytes; /* smaller ones never do */
     _Atomic int64_t failed;          /* how many did */
     _Atomic int64_t no_threads;      /* pthread_create fails */
+    _Atomic int64_t sync_ms;         /* that much longer until a file is on disk */
 };
 static struct control none;
 static struct control* control = &none;
@@ -145,4 +146,23 @@ int pthread_create(pthread_t* restrict thread, const pthread_attr_t* restrict at
         real = (create*)dlsym(RTLD_NEXT, "pthread_create");
     }
     return real(thread, attributes, body, argument);
+}
+
+/* ---- the disk ---- */
+
+static void wait_for_the_disk(void) {
+    for (int64_t waited = 0; waited < control->sync_ms; waited += 10) { /* as it is set meanwhile */
+        struct timespec some = {0, 10000000};
+        nanosleep(&some, NULL);
+    }
+}
+
+int fsync(int file) {
+    wait_for_the_disk();
+    return (int)syscall(SYS_fsync, file);
+}
+
+int fdatasync(int file) {
+    wait_for_the_disk();
+    return (int)syscall(SYS_fdatasync, file);
 }

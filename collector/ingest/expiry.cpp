@@ -11,7 +11,7 @@
 namespace {
 
 const int64_t between_drops = 3600; /* seconds */
-constexpr size_t kinds = 5;         /* of what goes by age */
+constexpr size_t kinds = 6;         /* of what goes by age */
 /* Seconds: that a clock is set right by, and for which a machine is off for a start. */
 constexpr int64_t most_adjusted = 600, most_off = 3 * day_seconds;
 
@@ -245,6 +245,10 @@ bool expiry::drop_by_age(witness::verdict clock) {
     case 3:
         outcome =
             older(keep_.ledger, [&](int64_t day) { return engine_.drop_ledger(start_of(day)); });
+        break;
+    case 4:
+        outcome =
+            older(keep_.changes, [&](int64_t day) { return engine_.drop_changes(start_of(day)); });
         break;
     default:
         outcome =

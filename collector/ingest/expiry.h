@@ -36,6 +36,7 @@
 /* Days that are kept; 0 keeps all. */
 struct kept_days {
     int raw = 0, five_minutes = 0, hour = 0, events = 0, ledger = 0;
+    int changes = 0; /* of what agents are to do */
 };
 
 /* One thread. */

@@ -175,7 +175,8 @@ private:
                     .five_minutes = of.options_.keep_5min_days,
                     .hour = of.options_.keep_hour_days,
                     .events = of.options_.keep_event_days,
-                    .ledger = of.options_.keep_ledger_days},
+                    .ledger = of.options_.keep_ledger_days,
+                    .changes = of.options_.keep_change_days},
                    of.tell_),
               earlier(*of.engine_, of.tell_,
                       [&of](const agent_work& agent) { of.note_stored(agent); }) {}

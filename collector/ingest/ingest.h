@@ -62,6 +62,7 @@ struct ingest_options {
     int keep_hour_days = 730;
     int keep_event_days = 0;
     int keep_ledger_days = 730;
+    int keep_change_days = 90;
     /* Bytes of blocks waiting for the writer; beyond it: failed. Of one agent a sixteenth of it
      * may wait, or a single block. */
     size_t max_queued = 64u << 20;

@@ -176,6 +176,7 @@ static int run_server(const options& o) {
     keeping.keep_hour_days = o.keep_hour_days;
     keeping.keep_event_days = o.keep_event_days;
     keeping.keep_ledger_days = o.keep_ledger_days;
+    keeping.keep_change_days = o.keep_change_days;
     counters counted;
     keeping.counted = &counted;
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */

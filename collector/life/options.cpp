@@ -272,6 +272,8 @@ const row rows[] = {
      "0", 0, most_days},
     {"keep-ledger-days", "N", set_number<&options::keep_ledger_days>,
      "days of the ledger of received and missing results to\nkeep ({})", "730", 0, most_days},
+    {"keep-change-days", "N", set_number<&options::keep_change_days>,
+     "days of changes of the fleet's tests to keep ({})", "90", 0, most_days},
     {"max-connections", "N", set_number<&options::max_connections>,
      "connections at a time (from the descriptor limit)", nullptr, 1, most_connections},
     {"max-per-address", "N", set_number<&options::max_per_address>,

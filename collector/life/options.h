@@ -53,7 +53,7 @@ struct options {
     bool quiet = false;    /* more than both */
     /* 0: for ever */
     int keep_days = 0, keep_5min_days = 0, keep_hour_days = 0;
-    int keep_event_days = 0, keep_ledger_days = 0;
+    int keep_event_days = 0, keep_ledger_days = 0, keep_change_days = 0;
     size_t max_connections = 0; /* 0: as many as descriptors allow, see default_connections */
     size_t max_per_address = 0; /* 0: an eighth of max_connections */
     size_t max_body_mb = 0;

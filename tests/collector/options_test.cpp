@@ -38,6 +38,7 @@ TEST(collector_options, defaults) {
     EXPECT_EQ(p.o.keep_hour_days, 730);
     EXPECT_EQ(p.o.keep_event_days, 0);
     EXPECT_EQ(p.o.keep_ledger_days, 730);
+    EXPECT_EQ(p.o.keep_change_days, 90);
     EXPECT_EQ(p.o.max_body_mb, 16u);
     EXPECT_TRUE(p.o.plan.empty() && p.o.cert.empty() && p.o.key.empty() && p.o.allow.empty());
     EXPECT_FALSE(p.o.end_refused);
@@ -75,6 +76,8 @@ TEST(collector_options, all_of_them) {
                       "3",
                       "--keep-ledger-days",
                       "4",
+                      "--keep-change-days",
+                      "5",
                       "--max-connections",
                       "7",
                       "--max-per-address",
@@ -105,6 +108,7 @@ TEST(collector_options, all_of_them) {
     EXPECT_EQ(p.o.keep_hour_days, 2);
     EXPECT_EQ(p.o.keep_event_days, 3);
     EXPECT_EQ(p.o.keep_ledger_days, 4);
+    EXPECT_EQ(p.o.keep_change_days, 5);
     EXPECT_EQ(p.o.max_connections, 7u);
     EXPECT_EQ(p.o.max_per_address, 3u);
     EXPECT_EQ(p.o.max_body_mb, 2u);

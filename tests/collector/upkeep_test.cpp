@@ -654,6 +654,26 @@ TEST_F(upkeep_test, roll_ups_go_by_their_age) {
     EXPECT_EQ(days.size(), 3u);
 }
 
+TEST_F(upkeep_test, changes_of_the_fleet_go_by_their_age) {
+    auto kept = [&] { return rows_of("SELECT count(*) FROM fleet_changes"); };
+    for (int days : {0, 3}) {
+        keep.changes = days;
+        open();
+        ASSERT_TRUE(store->begin());
+        for (int64_t id = 1; id <= 10; id++) {
+            EXPECT_TRUE(store->put_change({.id = id, .revision = 1, .time = wall - id * 86400}));
+        }
+        ASSERT_TRUE(store->commit());
+        for (int hour = 0; hour < 24; hour++) {
+            pass(3600);
+            run();
+        }
+        EXPECT_EQ(kept(), days == 0 ? 10u : 2u) << "a day later";
+        close();
+    }
+    EXPECT_EQ(told, strings());
+}
+
 TEST_F(upkeep_test, results_of_a_day_that_are_too_many_are_told_of) {
     open();
     live(3600, 1);

@@ -3,6 +3,7 @@
 #include "api/answer.h"
 #include "api/difference.h"
 #include "api/encoding.h"
+#include "api/fleet_schema.h"
 #include "api/json.h"
 #include "api/parameters.h"
 #include "api/resources.h"

@@ -1,22 +1,16 @@
 /* The fleet file: which agents have which tests. A text becomes a `fleet` or a list of what is
- * wrong with it; nothing in between. Pure. docs/fleet.md explains the spelling. */
+ * wrong with it; nothing in between. Pure. docs/fleet.md explains the spelling; api/fleet_schema.h
+ * has its JSON Schema. */
 #ifndef VINDRAL_COLLECTOR_FLEET_FILE_H
 #define VINDRAL_COLLECTOR_FLEET_FILE_H
 
 #include "fleet/fleet.h"
 
-#include <string>
 #include <string_view>
 #include <vector>
 
 /* False with all that is wrong in `wrong`, by line: the first error where the text is no sound
  * YAML, everything else at once, a hundred at the most. An empty text is an empty fleet. */
 bool read_fleet(std::string_view text, fleet& found, std::vector<remark>& wrong);
-
-/* The JSON Schema (2020-12) of the file, for editors; made of the table of kinds. */
-std::string fleet_schema();
-
-/* The same as JSON, for programs: the tree of the file. Of a text that read_fleet() took. */
-std::string fleet_as_json(std::string_view text);
 
 #endif

@@ -187,12 +187,18 @@ private:
             return take_key(above, std::move(made));
         }
         above.has_key = false;
+        if (made.is == node::kind::nothing && made.at.line != above.key.at.line) {
+            made.at = above.key.at; /* an empty place: the parser names what comes behind it */
+        }
         return above.of->members.emplace_back(std::move(above.key), std::move(made)).second;
     }
 
     static node& take_key(level& above, node key) {
         if (key.is != node::kind::text) {
-            throw found_wrong{{key.at, "a key is a text: \"key: value\""}};
+            /* That is how the parser reports a "{" before the end of the text. */
+            const bool is_again = key.is == node::kind::map && key.at == above.of->at;
+            throw found_wrong{{key.at, is_again ? "the \"{\" that begins here has no \"}\""
+                                                : "a key is a text: \"key: value\""}};
         }
         if (!above.keys.insert(key.text).second) {
             throw found_wrong{{key.at, in_ticks(key.text) + ": this key is there already"}};
@@ -251,6 +257,7 @@ std::string in_our_words(const std::string& said, std::string_view line) {
          "a \"[\" before here has no \"]\", or a comma is missing"},
         {"illegal block entry", "a list that begins with \"-\" cannot begin here"},
         {"unknown escape character", "no such escape in quotes: a backslash is written \"\\\\\""},
+        {"illegal EOF in scalar", "quotes before here have no end"},
         {"invalid unicode", "this \\u is no character"},
     };
     size_t first = line.find_first_not_of(" \t\r");

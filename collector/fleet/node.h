@@ -1,8 +1,8 @@
 /* YAML as the fleet file has it: a tree in which every node knows where it stands. Read by
  * yaml-cpp's events, so that nothing is made of a text before it is known to be sound. Anchors,
  * aliases, tags, keys that are no texts, keys given twice, more than one document, more than 1 MB,
- * more than 20 levels, what is no UTF-8 and control characters other than line feed, carriage
- * return and tab are errors. The first error ends it. Pure. */
+ * more than 20 levels, what is no UTF-8 and control characters other than tab and line feed, with
+ * or without a carriage return before it, are errors. The first error ends it. Pure. */
 #ifndef VINDRAL_COLLECTOR_FLEET_NODE_H
 #define VINDRAL_COLLECTOR_FLEET_NODE_H
 
@@ -18,6 +18,7 @@ constexpr int deepest_fleet_text = 20;
 /* Where something stands; lines and columns from 1, columns in characters. */
 struct text_place {
     int line = 0, column = 0;
+    bool operator==(const text_place&) const = default;
 };
 
 /* What is wrong with a text, or worth knowing: what was found, what was expected, what is close. */

@@ -5,6 +5,7 @@
 #define JSON_SCHEMA_H
 
 #include <boost/json.hpp>
+#include <regex.h>
 #include <set>
 #include <string>
 #include <string_view>
@@ -22,10 +23,13 @@ public:
         const object& s = schema.as_object();
         for (const auto& member : s) {
             static const std::set<std::string> known = {
-                "$ref",          "type",         "format",    "enum",        "const",
-                "required",      "items",        "anyOf",     "properties",  "minimum",
-                "maximum",       "minLength",    "maxLength", "description", "additionalProperties",
-                "minProperties", "maxProperties"};
+                "$ref",          "type",          "format",
+                "enum",          "const",         "required",
+                "items",         "anyOf",         "properties",
+                "minimum",       "maximum",       "minLength",
+                "maxLength",     "description",   "additionalProperties",
+                "minProperties", "maxProperties", "pattern",
+                "title",         "$schema",       "$defs"};
             if (!known.contains(std::string(member.key()))) {
                 return at + ": the schema says " + std::string(member.key());
             }
@@ -75,6 +79,17 @@ private:
         return fits;
     }
 
+    /* One that means the same to POSIX as to ECMAScript. */
+    static bool fits_pattern(const char* text, const char* pattern) {
+        regex_t compiled;
+        if (regcomp(&compiled, pattern, REG_EXTENDED | REG_NOSUB) != 0) {
+            return false;
+        }
+        const bool fits = regexec(&compiled, text, 0, nullptr, 0) == 0;
+        regfree(&compiled);
+        return fits;
+    }
+
     static std::string check_value(const value& what, const object& s, const std::string& at) {
         const std::string text = boost::json::serialize(what).substr(0, 80);
         if (const value* type = s.if_contains("type")) {
@@ -105,6 +120,26 @@ private:
         if (const value* least = s.if_contains("minimum");
             least != nullptr && what.is_number() &&
             what.to_number<double>() < least->to_number<double>()) {
+            return at + " is " + text;
+        }
+        if (const value* pattern = s.if_contains("pattern");
+            pattern != nullptr && what.is_string() &&
+            !fits_pattern(what.get_string().c_str(), pattern->as_string().c_str())) {
+            return at + " is " + text + ", not " + boost::json::serialize(*pattern);
+        }
+        if (const value* least = s.if_contains("minLength");
+            least != nullptr && what.is_string() &&
+            what.get_string().size() < least->to_number<size_t>()) {
+            return at + " is " + text;
+        }
+        if (const value* least = s.if_contains("minProperties");
+            least != nullptr && what.is_object() &&
+            what.get_object().size() < least->to_number<size_t>()) {
+            return at + " is " + text;
+        }
+        if (const value* most = s.if_contains("maximum");
+            most != nullptr && what.is_number() &&
+            what.to_number<double>() > most->to_number<double>()) {
             return at + " is " + text;
         }
         if (s.contains("format") && what.is_string() && !is_time(what.get_string())) {

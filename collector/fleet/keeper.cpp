@@ -126,7 +126,7 @@ void keeper_body::take_agent(stored_fleet::agent& one) {
     of->presence.silent_since = one.since;
     const moment at = now();
     for (kept_change& change : one.open) {
-        of->changes.restore(std::move(change));
+        of->changes.restore(std::move(change), at);
     }
     of->changes.follow(*of->given);
     for (const test_key& test : one.confirmed) {
@@ -408,12 +408,18 @@ void keeper_body::apply_file() {
     }
     auto file = std::make_shared<fleet>();
     std::vector<remark> wrong;
-    if (read_fleet(*pending_text_, *file, wrong)) {
+    bool is_read = false;
+    with_turn([&] {
+        is_read = read_fleet(*pending_text_, *file, wrong);
+        if (is_read) {
+            submit(make_application(*pending_text_, file, "file"));
+        }
+    });
+    if (is_read) { /* whether it worked is seen when it is the text in force */
         for (const remark& each : file->notes) {
             log("fleet: " + where(options_.file, each));
         }
-        submit(make_application(*pending_text_, std::move(file), "file"));
-        return; /* whether it worked is seen when it is the text in force */
+        return;
     }
     pending_text_.reset();
     for (size_t i = 0; i < std::min(wrong.size(), most_remarks); i++) {
@@ -424,7 +430,7 @@ void keeper_body::apply_file() {
         "the fleet in force goes on");
     std::lock_guard hold(mutex_);
     file_trouble_ = where(options_.file, wrong.front());
-    is_busy_ = false;
+    give_turn_back();
 }
 
 /* The next piece of work, if there is any and none is under way. */
@@ -446,11 +452,31 @@ void keeper_body::begin_work() {
     if (!work) {
         return;
     }
-    if (!due.empty()) {
-        work->now = now();
-        make_due(*work, due);
+    with_turn([&] {
+        if (!due.empty()) {
+            work->now = now();
+            make_due(*work, due);
+        }
+        submit(work);
+    });
+}
+
+/* Without memory nobody else would ever have a turn. */
+void keeper_body::with_turn(const std::function<void()>& what) {
+    try {
+        what();
+    } catch (...) {
+        std::lock_guard hold(mutex_);
+        retry_ = steady::now() + std::chrono::seconds(1);
+        for (const auto& [key, agent] : agents_) {
+            if (std::exchange(agent->is_awaited, false)) {
+                make_due(*agent);
+            }
+            note(*agent);
+        }
+        give_turn_back();
+        throw;
     }
-    submit(work);
 }
 
 /* Those first that somebody waits for. With the mutex. */

@@ -169,18 +169,14 @@ fleet_outcome keeper_body::apply(std::string_view text, const std::string& autho
     };
     auto ended = std::make_shared<std::promise<answer>>();
     std::future<answer> end = ended->get_future();
-    work_pointer work;
-    try {
-        work = make_application(text, file, author);
+    int32_t revision = 0;
+    with_turn([&] {
+        work_pointer work = make_application(text, file, author);
         outcome.difference = difference_of(*work, *file);
-    } catch (...) { /* no memory: nobody else would ever have a turn */
-        std::lock_guard hold(mutex_);
-        give_turn_back();
-        throw;
-    }
-    const int32_t revision = work->revision.revision;
-    work->done = [ended](const fleet_work& done) { ended->set_value({done.ok, done.reason}); };
-    submit(work);
+        revision = work->revision.revision;
+        work->done = [ended](const fleet_work& done) { ended->set_value({done.ok, done.reason}); };
+        submit(work);
+    });
     if (end.wait_for(longest_storing) != std::future_status::ready) {
         outcome.error = "The store took longer than ten seconds: whether the fleet was applied is "
                         "known when it has answered.";

@@ -157,6 +157,7 @@ private:
     void look_at_file(bool at_once);
     void apply_file();
     void begin_work();
+    void with_turn(const std::function<void()>& what);
     void tell_finished();
     void tell_expectations(const fleet_work& done);
 
@@ -213,6 +214,7 @@ private:
         std::vector<std::pair<uint32_t, std::string>> inventories; /* that are others */
         std::vector<seen_test> tests;                              /* of which something follows */
         int32_t highest = 0;
+        bool has_disks = false, has_interfaces = false; /* inventories of them */
     };
     void begin_block(const poll_block& from);
     void note_result(const decoded_record& result, test_key test);

@@ -29,6 +29,8 @@ void keeper_body::on_record(const poll_block& from, const decoded_record& result
     const record_summary& summary = result.summary;
     if (is_searched(summary.type)) {
         std::string_view items = items_of(result);
+        (summary.type == protocol::file_systems.code ? block_.has_disks : block_.has_interfaces) =
+            true;
         /* It is another thread's to read, this one's alone to change. */
         if (known_inventory::with(block_.of->has, summary.type, items)) {
             block_.inventories.emplace_back(summary.type, items);
@@ -108,6 +110,11 @@ void keeper_body::end_block(kept_agent& of) {
             of.has = std::move(now_has);
             make_due(of);
         }
+    }
+    /* It has none that is up, so it says nothing of them. */
+    if (block_.has_disks && !block_.has_interfaces && !of.has->has().interfaces) {
+        of.has = known_inventory::with(of.has, protocol::network_interfaces.code, "");
+        make_due(of);
     }
     if (file_ && of.is_ready) {
         take_seen(of, at);

@@ -127,13 +127,14 @@ int32_t keeper_body::next_revision() {
 /* Agents of which something else has changed than the file: a new one has the revision that is in
  * force, others get one of their own. */
 void keeper_body::make_due(fleet_work& work, const std::vector<agent_basis>& due) {
-    int32_t present = 0;
+    int32_t present = 0, present_highest = 0;
     {
         std::lock_guard hold(mutex_);
         work.file = file_;
         present = newest_.revision;
+        present_highest = std::max(highest_revision_, present);
     }
-    const int32_t fresh = next_revision();
+    const int32_t fresh = present_highest + 1;
     bool is_used = false;
     work.agents.resize(due.size());
     for (size_t i = 0; i < due.size(); i++) {

@@ -39,7 +39,7 @@ bool needs_proof(const kept_change& one, const given_agent& agent) {
 }
 
 std::string why_not_sent(const kept_change& one, const given_agent& agent,
-                         const agent_presence& here) {
+                         const agent_presence& here, moment now) {
     if (!here.kept_away.empty()) {
         return here.kept_away;
     }
@@ -47,7 +47,10 @@ std::string why_not_sent(const kept_change& one, const given_agent& agent,
         return "the agent is silent since " + utc_time(here.silent_since);
     }
     if (!here.is_here) {
-        return "the agent has not polled yet";
+        return "the agent has not polled since the collector was started";
+    }
+    if (here.polled <= one.since && now.steady - one.since >= patience_for(agent.slowest())) {
+        return "the agent has not polled since";
     }
     if (!here.is_proven && needs_proof(one, agent)) {
         return "the test has secrets, and the agent has not proven who it is";
@@ -139,7 +142,8 @@ kept_change make_change(const fleet_change& what, int64_t id, int32_t revision, 
                        .action = what.action,
                        .type = what.type,
                        .number = what.number,
-                       .settled = now};
+                       .settled = now,
+                       .about = what.reason};
     const bool needs_nothing = what.action == change_action::rename ||
                                (what.action == change_action::remove && what.number == 0);
     if (!what.impossible.empty()) {
@@ -148,6 +152,7 @@ kept_change make_change(const fleet_change& what, int64_t id, int32_t revision, 
         one.is_over = true;
     } else if (needs_nothing) {
         one.outcome = change_outcome::confirmed;
+        one.reason = one.about;
         one.is_over = true;
     } else {
         one.reason = "it goes out with the agent's next poll";
@@ -177,7 +182,9 @@ void agent_changes::note_open() {
     look_soon();
 }
 
-void agent_changes::restore(kept_change one) {
+void agent_changes::restore(kept_change one, moment now) {
+    one.since = now.steady;
+    one.about = one.outcome == change_outcome::sent ? one.reason : "";
     auto behind = std::find_if(open_.begin(), open_.end(),
                                [&](const kept_change& each) { return each.id > one.id; });
     open_.insert(behind, std::move(one));
@@ -205,6 +212,7 @@ void agent_changes::take(std::vector<kept_change> fresh, moment now) {
     const size_t before = open_.size();
     for (kept_change& one : fresh) {
         overtake(one, before, now);
+        one.since = now.steady;
         if (!one.is_over) {
             open_.push_back(std::move(one));
         }
@@ -245,7 +253,7 @@ void agent_changes::tell(kept_change& one, const given_agent& agent, moment now)
     }
     one.told = now.steady;
     one.due = now.steady + patience_for(agent.slowest());
-    settle(one, change_outcome::sent, "", now);
+    settle(one, change_outcome::sent, one.about, now);
 }
 
 void agent_changes::answered(const given_agent& agent, int32_t upto, bool proven, bool login,
@@ -289,7 +297,7 @@ void agent_changes::arrived(int32_t upto, moment now) {
     for (kept_change& one : open_) {
         if (one.action == change_action::intervals && !one.is_over && one.told != INT64_MIN &&
             one.revision <= upto) {
-            end(one, change_outcome::confirmed, "", now);
+            end(one, change_outcome::confirmed, one.about, now);
         }
     }
     note_open();
@@ -299,7 +307,7 @@ void agent_changes::came(test_key test, int32_t revision, moment now) {
     for (kept_change& one : open_) {
         if (is_about_test(one) && !one.is_over && one.key() == test && one.revision == revision) {
             one.sent = one.sent == 0 ? now.wall : one.sent; /* a run that ended amid it sent it */
-            end(one, change_outcome::confirmed, "", now);
+            end(one, change_outcome::confirmed, one.about, now);
         }
     }
 }
@@ -328,7 +336,7 @@ void agent_changes::polled(const given_agent& agent, moment now, std::vector<tes
         std::erase_if(leaving_, [&](const leaving& one) { return one.test == test; });
         for (kept_change& one : open_) {
             if (one.action == change_action::remove && !one.is_over && one.key() == test) {
-                end(one, change_outcome::confirmed, "", now);
+                end(one, change_outcome::confirmed, one.about, now);
             }
         }
     }
@@ -342,7 +350,7 @@ void agent_changes::look(const given_agent& agent, const agent_presence& here, m
             continue;
         }
         if (one.sent == 0) {
-            settle(one, change_outcome::unanswered, why_not_sent(one, agent, here), now);
+            settle(one, change_outcome::unanswered, why_not_sent(one, agent, here, now), now);
             continue;
         }
         if (one.due == INT64_MAX && one.outcome == change_outcome::sent) {

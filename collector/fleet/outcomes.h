@@ -40,12 +40,15 @@ struct kept_change {
     change_outcome outcome = change_outcome::unanswered;
     std::string reason = {};
 
-    bool is_over = false;     /* nothing becomes of it any more */
-    unsigned version = 0;     /* grows with each change of what is to be stored, */
-    unsigned saved = 0;       /* and this is the one that is */
-    int64_t told = INT64_MIN; /* steady; when it was sent last, since the start */
-    int64_t due = INT64_MAX;  /* likewise; when a result of it is late */
-    bool is_repeated = false; /* it was put right once more */
+    std::string about = {}; /* what is to be said of it besides: "10 % of 50 GB" */
+
+    bool is_over = false;      /* nothing becomes of it any more */
+    unsigned version = 0;      /* grows with each change of what is to be stored, */
+    unsigned saved = 0;        /* and this is the one that is */
+    int64_t since = INT64_MIN; /* steady; known to be open, since the start */
+    int64_t told = INT64_MIN;  /* steady; when it was sent last, since the start */
+    int64_t due = INT64_MAX;   /* likewise; when a result of it is late */
+    bool is_repeated = false;  /* it was put right once more */
 
     bool is_unsaved() const { return version != saved; }
     test_key key() const { return {type, number}; }
@@ -72,7 +75,7 @@ struct agent_presence {
 class agent_changes {
 public:
     /* At the start: one that was stored, and is still in force. */
-    void restore(kept_change one);
+    void restore(kept_change one, moment now);
     /* New ones of the agent, which overtake what is open of the same tests. */
     void take(std::vector<kept_change> fresh, moment now);
 

@@ -83,6 +83,13 @@ int run_show_agent(const place& here) {
         put_fact(here, "state", state.text, state.color);
         put_fact(here, "since", time_and_age(here, agent, "since"));
     }
+    std::string groups;
+    for (const json::value& each : list_in(agent, "groups")) {
+        if (each.is_string()) {
+            groups += (groups.empty() ? "" : ", ") + std::string(each.get_string());
+        }
+    }
+    put_fact(here, "groups", printable(groups, here.on.ascii));
     put_fact(here, "last poll", time_and_age(here, agent, "last_poll"));
     put_fact(here, "first poll", time_and_age(here, agent, "first_poll"));
     put_fact(here, "address", text_cell(here, agent, "address"));

@@ -103,6 +103,28 @@ json::object api::ask(const char* method, std::string_view path, const json::obj
     return well_answered(client_.ask(what));
 }
 
+std::string api::get_text(std::string_view path, const parameters& with, const std::string& type) {
+    http_answer answer = client_.ask({.target = target_of(path, with), .accept = type});
+    if (answer.status < 200 || answer.status > 299) {
+        throw failure_of(answer, with_token_);
+    }
+    if (!answer.type.starts_with(type)) {
+        throw failure{status_unreached, "what answers is not the API: its answer is no " + type};
+    }
+    return std::move(answer.body);
+}
+
+json::object api::put_text(std::string_view path, const parameters& with, std::string text,
+                           const std::string& type, json::object& wrong) {
+    http_answer answer = client_.ask(
+        {.method = "PUT", .target = target_of(path, with), .body = std::move(text), .type = type});
+    if (answer.status == 422 && answer.type.starts_with("application/problem+json")) {
+        wrong = object_of(answer);
+        return {};
+    }
+    return well_answered(answer);
+}
+
 std::string api::list(std::string_view path, const parameters& with, size_t limit,
                       const std::function<void(const json::object&)>& take) {
     std::string next, incomplete;

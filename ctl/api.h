@@ -29,6 +29,13 @@ public:
     boost::json::object ask(const char* method, std::string_view path,
                             const boost::json::object& body = {});
 
+    /* A text as it is. */
+    std::string get_text(std::string_view path, const parameters& with, const std::string& type);
+    /* PUT of a text that is no JSON. What is wrong in it (422) is the problem in `wrong`, and what
+     * is returned is empty then. */
+    boost::json::object put_text(std::string_view path, const parameters& with, std::string text,
+                                 const std::string& type, boost::json::object& wrong);
+
     /* Hands over the items of a list, page by page, `limit` at most; 0: all of them. Returns why
      * not everything could be read, "" when it could: printable. */
     std::string list(std::string_view path, const parameters& with, size_t limit,

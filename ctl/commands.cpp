@@ -128,7 +128,7 @@ const option_def kind = {.name = "--kind",
                          .value = "KIND",
                          .help = "only messages of these kinds, with commas between",
                          .text = &given::kind,
-                         .choices = "result|event|agent"};
+                         .choices = "result|event|agent|change"};
 const option_def role = {.name = "--role",
                          .value = "ROLE",
                          .help = "what it may: viewer, operator or admin",
@@ -150,14 +150,67 @@ const option_def key = {.name = "--key",
                         .help = "only the host with this key, as it says itself",
                         .text = &given::key};
 
+const option_def in_group = {.name = "--group",
+                             .value = "GROUP",
+                             .help = "only of agents that are in this group now",
+                             .text = &given::group};
+const option_def group = {.name = "--group",
+                          .value = "GROUP",
+                          .help = "only those that are in this group",
+                          .text = &given::group};
+const option_def name_of_test = {.name = "--test",
+                                 .value = "NAME",
+                                 .help = "only of the tests of this name",
+                                 .text = &given::test};
+const option_def outcome = {.name = "--outcome",
+                            .value = "OUTCOME",
+                            .help = "only of these outcomes, with commas between",
+                            .text = &given::outcome,
+                            .choices = "sent|confirmed|unanswered|impossible"};
+constexpr int64_t most_revision = 2147483647;
+const option_def of_revision = {.name = "--revision",
+                                .value = "N",
+                                .help = "only of this revision",
+                                .number = &given::revision,
+                                .least = 1,
+                                .most = most_revision};
+const option_def revision = {.name = "--revision",
+                             .value = "N",
+                             .help = "the text that was in force with this revision",
+                             .number = &given::revision,
+                             .least = 1,
+                             .most = most_revision};
+const option_def open_only = {.name = "--open",
+                              .value = nullptr,
+                              .help = "only what is still to be, or cannot be",
+                              .flag = &given::open};
+const option_def yes = {.name = "--yes",
+                        .value = nullptr,
+                        .help = "do not ask, also on a terminal",
+                        .flag = &given::yes};
+const option_def wait_for = {.name = "--wait",
+                             .value = "SECONDS",
+                             .help = "wait so long for the agents' confirmation",
+                             .number = &given::wait,
+                             .least = 0,
+                             .most = 86400};
+const option_def all = {.name = "--all",
+                        .value = nullptr,
+                        .help = "also what the collector did by itself",
+                        .flag = &given::all};
+const option_def fail_open = {.name = "--fail",
+                              .value = nullptr,
+                              .help = "status 1 if a change is not confirmed",
+                              .flag = &given::fail};
+
 const option_def* const of_all[] = {&url, &token, &token_file, &ca, &as_json, &ascii, &no_color};
 
-const option_def* const of_agents[] = {&agent_state, &q, &limit_all, &fail};
-const option_def* const of_tests[] = {&agent, &test_state, &type, &q, &limit_all, &fail};
+const option_def* const of_agents[] = {&agent_state, &group, &q, &limit_all, &fail};
+const option_def* const of_tests[] = {&agent, &in_group, &test_state, &type, &q, &limit_all, &fail};
 const option_def* const of_results[] = {&from, &to, &limit_20};
 const option_def* const of_series[] = {&from, &to, &points, &rate, &value, &height};
-const option_def* const of_events[] = {&agent,   &test, &type, &agent_state,
-                                       &event_q, &from, &to,   &limit_100};
+const option_def* const of_events[] = {&agent,   &test, &in_group, &type,     &agent_state,
+                                       &event_q, &from, &to,       &limit_100};
 const option_def* const of_ledger[] = {&agent, &from, &to, &limit_all, &fail_missing};
 const option_def* const of_watch[] = {&kind, &agent, &test, &limit_watch};
 const option_def* const of_waiting[] = {&limit_all};
@@ -166,6 +219,12 @@ const option_def* const of_enrolment[] = {&account, &quiet};
 const option_def* const of_secrets[] = {&limit_all};
 const option_def* const of_tokens[] = {&limit_all};
 const option_def* const of_new_token[] = {&role, &ends};
+const option_def* const of_applying[] = {&yes, &wait_for};
+const option_def* const of_export[] = {&revision};
+const option_def* const of_fleet_status[] = {&limit_100, &fail_open};
+const option_def* const of_fleet_log[] = {&all, &limit_20};
+const option_def* const of_changes[] = {
+    &agent, &in_group, &name_of_test, &outcome, &of_revision, &open_only, &from, &to, &limit_100};
 
 /* ---- commands ---- */
 
@@ -290,6 +349,56 @@ const command_def commands[] = {
      .help = "remove one by its name",
      .options = {},
      .run = run_remove_secret},
+    {.name = "fleet",
+     .word = nullptr,
+     .help = "what agents are to do: the fleet file",
+     .options = {},
+     .run = nullptr},
+    {.name = "fleet check",
+     .word = "FILE",
+     .help = "read a file and list its mistakes",
+     .options = {},
+     .run = run_check_fleet},
+    {.name = "fleet diff",
+     .word = "FILE",
+     .help = "show what a file would change, and change nothing",
+     .options = {},
+     .run = run_diff_fleet},
+    {.name = "fleet apply",
+     .word = "FILE",
+     .help = "show what a file changes, and apply it",
+     .options = of_applying,
+     .run = run_apply_fleet},
+    {.name = "fleet rollback",
+     .word = "[REVISION]",
+     .help = "apply an older text again",
+     .options = of_applying,
+     .run = run_roll_back_fleet},
+    {.name = "fleet export",
+     .word = nullptr,
+     .help = "print the text in force, as it was written",
+     .options = of_export,
+     .run = run_export_fleet},
+    {.name = "fleet status",
+     .word = nullptr,
+     .help = "show what is in force and what is not confirmed",
+     .options = of_fleet_status,
+     .run = run_fleet_status},
+    {.name = "fleet log",
+     .word = nullptr,
+     .help = "list what was applied, newest first",
+     .options = of_fleet_log,
+     .run = run_fleet_log},
+    {.name = "fleet schema",
+     .word = nullptr,
+     .help = "print the JSON Schema of fleet files, for editors",
+     .options = {},
+     .run = run_fleet_schema},
+    {.name = "changes",
+     .word = nullptr,
+     .help = "list the changes of tests and what became of them",
+     .options = of_changes,
+     .run = run_changes},
     {.name = "version",
      .word = nullptr,
      .help = "print this program's version and the collector's",

@@ -28,7 +28,7 @@ struct option_def {
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order in which a row is read
 struct command_def {
     const char* name; /* "agents", "agents show" */
-    const char* word; /* "AGENT"; null: none */
+    const char* word; /* "AGENT"; "[REVISION]": it may be left out; null: none */
     const char* help;
     std::span<const option_def* const> options;
     /* Returns the exit status; throws failure. Null: only its sub-commands do something. */

@@ -14,11 +14,13 @@ struct given {
     bool json = false, ascii = false, no_color = false;
 
     /* Of some. */
-    std::string word; /* the one behind the command: AGENT, TEST or NAME */
-    std::string agent, test, type, state, q, from, to, kind, role, ends, account, key;
+    std::string word; /* the one behind the command: AGENT, TEST, NAME, FILE or REVISION */
+    std::string agent, test, type, state, q, from, to, kind, role, ends, account, key, group,
+        outcome;
     std::vector<std::string> values;
     int64_t limit = not_given, points = not_given, height = not_given; /* limit 0: all */
-    bool rate = false, fail = false, quiet = false;
+    int64_t revision = not_given, wait = not_given;                    /* seconds */
+    bool rate = false, fail = false, quiet = false, yes = false, all = false, open = false;
 };
 
 #endif

@@ -26,6 +26,15 @@ int run_remove_token(const place& here);
 int run_list_secrets(const place& here);
 int run_set_secret(const place& here);
 int run_remove_secret(const place& here);
+int run_check_fleet(const place& here);
+int run_diff_fleet(const place& here);
+int run_apply_fleet(const place& here);
+int run_export_fleet(const place& here);
+int run_fleet_status(const place& here);
+int run_roll_back_fleet(const place& here);
+int run_fleet_schema(const place& here);
+int run_fleet_log(const place& here);
+int run_changes(const place& here);
 int run_version(const place& here);
 
 #endif

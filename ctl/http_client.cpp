@@ -162,8 +162,11 @@ struct http_client::state {
         if (!what.last_event_id.empty()) {
             request.set("Last-Event-ID", what.last_event_id);
         }
+        if (!what.accept.empty()) {
+            request.set(http::field::accept, what.accept);
+        }
         if (!what.body.empty()) {
-            request.set(http::field::content_type, "application/json");
+            request.set(http::field::content_type, what.type);
             request.body() = what.body;
         }
         if (!what.body.empty() || what.method == "POST") {

@@ -13,8 +13,10 @@
 struct http_request {
     std::string method = "GET";
     std::string target;    /* below the prefix of the address */
-    std::string body = {}; /* JSON; empty: none */
+    std::string body = {}; /* empty: none */
     std::string last_event_id = {};
+    std::string type = "application/json"; /* of the body */
+    std::string accept = {};               /* empty: any */
 };
 
 struct http_answer {

@@ -57,8 +57,9 @@ int run_agents(const place& here) {
                 {text_cell(here, agent, "version")}};
     };
     auto look = [&](const json::object& agent) { failing += is_failing(here, agent) ? 1 : 0; };
-    int status =
-        put_list(here, list, {{"state", here.said.state}, {"q", here.said.q}}, row_of, look);
+    int status = put_list(
+        here, list, {{"state", here.said.state}, {"group", here.said.group}, {"q", here.said.q}},
+        row_of, look);
     if (here.on.width != 0 && !here.said.json) {
         if (const size_t count = count_waiting(here); count > 0) {
             tell(std::to_string(count) + (count == 1 ? " name waits" : " names wait") +
@@ -91,6 +92,7 @@ int run_tests(const place& here) {
     auto look = [&](const json::object& test) { failing += is_failing(here, test) ? 1 : 0; };
     int status = put_list(here, list,
                           {{"agent", agent_parameter(here)},
+                           {"group", here.said.group},
                            {"type", here.said.type},
                            {"state", here.said.state},
                            {"q", here.said.q}},
@@ -145,6 +147,7 @@ int run_events(const place& here) {
     return put_list(here, list,
                     {{"agent", agent_parameter(here)},
                      {"test", test_parameter(here)},
+                     {"group", here.said.group},
                      {"type", here.said.type},
                      {"state", here.said.state},
                      {"q", here.said.q},

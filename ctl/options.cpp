@@ -84,9 +84,11 @@ void add_option(CLI::App& to, const option_def& row, given& said) {
 }
 
 const char* help_of_word(const std::string& word) {
-    return word == "AGENT"  ? "its id, account/name, or name where one only has it"
-           : word == "TEST" ? "its id, AGENT:NAME, or name where one only has it"
-                            : "";
+    return word == "AGENT"      ? "its id, account/name, or name where one only has it"
+           : word == "TEST"     ? "its id, AGENT:NAME, or name where one only has it"
+           : word == "FILE"     ? "the fleet file; - is standard input"
+           : word == "REVISION" ? "whose text; without it that of the one before"
+                                : "";
 }
 
 /* How many letters have to be changed, left out or put in to make one of the other. */
@@ -220,8 +222,13 @@ private:
         CLI::App* made = above->add_subcommand(last_word(row.name), row.help)->group("Commands");
         made->footer("The options of vindralctl can stand here, too: see vindralctl --help.");
         if (row.word != nullptr) {
-            made->add_option(row.word, said_.word, help_of_word(row.word))
-                ->required()
+            std::string name_of_word = row.word;
+            const bool is_optional = name_of_word.starts_with('[');
+            if (is_optional) {
+                name_of_word = name_of_word.substr(1, name_of_word.size() - 2);
+            }
+            made->add_option(name_of_word, said_.word, help_of_word(name_of_word))
+                ->required(!is_optional)
                 ->check(refuse_empty);
         }
         for (const option_def* option : row.options) {

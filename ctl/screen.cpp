@@ -79,3 +79,10 @@ tint tint_of_state(std::string_view state) {
            : state == "silent"  ? tint::away
                                 : tint::none;
 }
+
+tint tint_of_outcome(std::string_view outcome) {
+    return outcome == "confirmed"                               ? tint::good
+           : outcome == "sent"                                  ? tint::faint
+           : outcome == "impossible" || outcome == "unanswered" ? tint::bad
+                                                                : tint::none;
+}

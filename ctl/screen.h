@@ -29,5 +29,7 @@ std::string tinted(std::string_view text, tint color, const screen& on);
 
 /* Of "ok", "problem", "unknown" and "silent". */
 tint tint_of_state(std::string_view state);
+/* Of "sent", "confirmed", "unanswered" and "impossible". */
+tint tint_of_outcome(std::string_view outcome);
 
 #endif

@@ -31,10 +31,41 @@ std::string agent_text(const place& here, const json::object& agent, std::string
     return (here.on.width != 0 && own == account ? "" : own + "/") + text_cell(here, agent, "name");
 }
 
+/* Time and kind, state, then the rest: on a screen as much as there is room for. */
+std::string fitted(const place& here, const std::string& begin, const table_cell& state,
+                   std::string rest) {
+    const std::string head =
+        begin + tinted(padded(state.text, state_width), state.color, here.on) + " ";
+    if (here.on.width != 0) {
+        size_t taken = display_width(begin) + std::max(state_width, display_width(state.text)) + 1;
+        rest = shortened(rest, here.on.width - std::min(here.on.width, taken), here.on.cut_mark());
+    }
+    rest.erase(rest.find_last_not_of(' ') + 1);
+    return head + rest + "\n";
+}
+
+/* "2026-05-01 14:00:00  change  confirmed  a@b/web-1  root disk  change, revision 7" */
+std::string line_of_change(const place& here, const json::object& what, std::string& account) {
+    const std::string outcome = text_cell(here, what, "outcome");
+    const std::string test = text_cell(here, what, "test");
+    const std::string reason = text_cell(here, what, "reason");
+    const size_t names = here.on.width != 0 ? short_name_width : name_width;
+    std::string rest = padded(agent_text(here, object_in(what, "agent"), account), names) + "  " +
+                       (test.empty() ? "" : padded(test, names) + "  ") +
+                       text_cell(here, what, "action") + ", revision " +
+                       number_cell(what, "revision") + (reason.empty() ? "" : "; ") + reason;
+    return fitted(here,
+                  short_time_cell(here, what, "settled") + "  " + padded("change", event_width),
+                  {outcome, tint_of_outcome(outcome)}, std::move(rest));
+}
+
 /* "2026-05-01 14:00:00  result  ok       a@b/web-1  root disk  free 12 GB", on a screen without the
  * day. `account`: see agent_text(). */
 std::string line_of(const place& here, const std::string& event, const json::object& what,
                     std::string& account) {
+    if (event == "change") {
+        return line_of_change(here, what, account);
+    }
     const bool is_agent = event == "agent", is_event = event == "event";
     std::string time =
         is_agent ? local_time(here.now).substr(here.on.width != 0 ? strlen("2026-05-01 ") : 0)
@@ -54,18 +85,12 @@ std::string line_of(const place& here, const std::string& event, const json::obj
         std::string message = is_event ? text_cell(here, what, "message") : "";
         rest += (message.empty() ? "" : "; ") + message;
     }
-    std::string line = time + "  " + padded(printable(event, true), event_width);
-    std::string head = line + tinted(padded(state.text, state_width), state.color, here.on) + " ";
     const size_t names = here.on.width != 0 ? short_name_width : name_width;
     std::string tail = padded(agent, names) + "  ";
     tail += is_agent || test.empty() ? "" : padded(test, names) + "  ";
     tail += rest;
-    if (here.on.width != 0) {
-        size_t taken = display_width(line) + std::max(state_width, display_width(state.text)) + 1;
-        tail = shortened(tail, here.on.width - std::min(here.on.width, taken), here.on.cut_mark());
-    }
-    tail.erase(tail.find_last_not_of(' ') + 1);
-    return head + tail + "\n";
+    return fitted(here, time + "  " + padded(printable(event, true), event_width), state,
+                  std::move(tail));
 }
 
 } // namespace

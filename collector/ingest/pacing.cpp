@@ -10,10 +10,19 @@ login_pace::login_pace(const login_limits& limits)
       each_(std::chrono::nanoseconds(std::chrono::seconds(1)) / std::max<size_t>(limits.rate, 1)),
       most_of_address_(std::max<size_t>(limits.wait / each_ / 4, 1)) {}
 
-bool login_pace::is_expected(time now) {
+void login_pace::forget_late(time now) {
     while (!expected_.empty() && now - expected_.front() > until_login) {
         expected_.pop_front();
     }
+}
+
+void login_pace::sent_away(time now) {
+    forget_late(now);
+    expected_.push_back(now);
+}
+
+bool login_pace::is_expected(time now) {
+    forget_late(now);
     if (expected_.empty()) {
         return false;
     }

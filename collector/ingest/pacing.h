@@ -68,9 +68,10 @@ public:
     };
 
     /* Somebody whose turn it was has been told to log in, and will within seconds. */
-    void sent_away(time now) { expected_.push_back(now); }
+    void sent_away(time now);
 
 private:
+    void forget_late(time now);
     bool is_expected(time now);
 
     const login_limits limits_;

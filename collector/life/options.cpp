@@ -292,8 +292,9 @@ const row rows[] = {
      "likewise ({})",
      "200", 1, 100000},
     {"missing", nullptr, set_flag<&options::missing>,
-     "list which tests of --plan report and which do not,\n"
-     "then exit; status 1 when any does not"},
+     "list which tests of --plan, or of the fleet that was\n"
+     "applied last, report and which do not, then exit;\n"
+     "status 1 when any does not"},
     {"older-than", "DURATION", set_duration<&options::older_than>,
      "with --missing: results received longer ago do not\n"
      "count, and agents that were not heard since are\n"
@@ -321,7 +322,7 @@ void append_help(std::string& text, std::string line, std::string_view help) {
 
 options_result show_help(const row&, const char*, options&, std::string& text) {
     text = "Usage: vindral-collector [OPTION]...\n"
-           "       vindral-collector --missing --plan FILE [--older-than DURATION]\n";
+           "       vindral-collector --missing [--plan FILE] [--older-than DURATION]\n";
     for (const command_row& c : commands) {
         text += std::string("       vindral-collector ") + c.usage + "\n";
     }
@@ -367,9 +368,6 @@ std::string find_conflict(const options& o) {
     bool exchanges = o.does == task::renew_authority || o.does == task::finish_authority;
     if (exchanges && o.whose != "agents" && o.whose != "server") {
         return "authority takes agents or server" + not_this(o.whose.c_str());
-    }
-    if (o.missing && o.plan.empty()) {
-        return "--missing needs --plan";
     }
     if (o.older_than > 0 && !o.missing) {
         return "--older-than needs --missing";

@@ -169,7 +169,7 @@ TEST(collector_options, help_and_version_end_at_once) {
     EXPECT_EQ(p.result, options_result::done);
     EXPECT_EQ(p.text.substr(0, p.text.find("Collection")),
               "Usage: vindral-collector [OPTION]...\n"
-              "       vindral-collector --missing --plan FILE [--older-than DURATION]\n"
+              "       vindral-collector --missing [--plan FILE] [--older-than DURATION]\n"
               "       vindral-collector backup FILE\n"
               "       vindral-collector restore FILE [--replace]\n"
               "       vindral-collector check\n"
@@ -207,7 +207,7 @@ TEST(collector_options, mistakes_are_named) {
     expect_wrong({"--end-refused"}, "--end-refused needs --allow");
     expect_wrong({"--cert", "c"}, "--cert and --key belong together");
     expect_wrong({"--key", "k"}, "--cert and --key belong together");
-    expect_wrong({"--missing"}, "--missing needs --plan");
+    EXPECT_TRUE(parse({"--missing"}).o.missing);
     expect_wrong({"--older-than", "1h"}, "--older-than needs --missing");
 }
 

@@ -1,6 +1,7 @@
 #include "show/report.h"
 
 #include "collector_test_support.h"
+#include "fleet/assigned.h"
 #include "ingest/ingest.h"
 #include "state/agent_state.h"
 #include "store/sqlite/layout.h"
@@ -259,4 +260,116 @@ TEST_F(report_test, what_cannot_be_read_is_an_error) {
     EXPECT_EQ(report(), "!" + database_path(state) + ": there is nothing in it");
     write_text(database_path(state), std::string(5000, 'x'));
     EXPECT_EQ(report(), "!" + database_path(state) + ": file is not a database");
+}
+
+/* ---- the fleet that is stored ---- */
+
+struct fleet_report_test : report_test {
+    void SetUp() override {
+        plan_path.clear();
+        open();
+    }
+    void change(const std::function<bool(engine&)>& what) {
+        std::promise<std::string> done;
+        s->update(what, [&](bool ok, const std::string& reason) {
+            done.set_value(ok ? "" : "failed: " + reason);
+        });
+        ASSERT_EQ(done.get_future().get(), "");
+    }
+    void apply() {
+        change([](engine& e) {
+            return e.append_fleet_revision({.revision = 7,
+                                            .time = noon,
+                                            .author = "file",
+                                            .about = "",
+                                            .text = "version: 1",
+                                            .has_text = true});
+        });
+    }
+    static assigned_test given(const char* kind, const std::string& name, int32_t number,
+                               const std::string& impossible = "") {
+        assigned_test test;
+        test.name = name;
+        test.kind = find_kind(kind);
+        test.number = number;
+        test.revision = test.added = 7;
+        test.impossible = impossible;
+        return test;
+    }
+    void give(const std::string& agent, std::vector<assigned_test> tests) {
+        assigned_agent has;
+        has.tests = std::move(tests);
+        has.removed.push_back({.name = "gone", .type = type_load_average, .number = 99});
+        has.next_number = 100;
+        has.newest = 7;
+        std::string packed;
+        has.pack(packed);
+        give_packed(agent, packed);
+    }
+    void give_packed(const std::string& agent, const std::string& packed) {
+        change([&](engine& e) {
+            return e.put_fleet_agent({.account = "a@b.c", .agent = agent, .assigned = packed});
+        });
+    }
+};
+
+TEST_F(fleet_report_test, tests_of_each_agent_have_their_names) {
+    apply();
+    submit(load_record(5, noon - 5) + load_record(7, noon - 5), noon);
+    submit(load_record(5, noon + 55, 2), noon + 60, "web2");
+    submit(load_record(5, noon), noon, "in no group");
+    give("web1", {given("load", "front \tpage", 5), given("load", "load", 6)});
+    give("web2", {given("load", "a load", 5)});
+    EXPECT_EQ(report(),
+              "stored\ta@b.c\tweb1\tload average\t5\t2026-05-01T11:59:55Z\tok\tfront  page\n"
+              "missing\ta@b.c\tweb1\tload average\t6\tload\n"
+              "stored\ta@b.c\tweb2\tload average\t5\t2026-05-01T12:00:55Z\tlimit reached\t"
+              "a load\n");
+    EXPECT_EQ(count.stored, 2u);
+    EXPECT_EQ(count.missing, 1u);
+    EXPECT_EQ(count.silent, 0u);
+    EXPECT_EQ(count.refused, 0u);
+    EXPECT_EQ(report({.now = noon + 60, .older_than = 30}).substr(0, 40),
+              "silent\ta@b.c\tin no group\t2026-05-01T12:0");
+    EXPECT_EQ(count.silent, 2u);
+    EXPECT_EQ(count.missing, 2u);
+}
+
+/* What it was sent before goes on; what it never had has no number. */
+TEST_F(fleet_report_test, what_an_agent_cannot_have_is_said) {
+    apply();
+    submit(load_record(5, noon), noon);
+    give("web1", {given("disk", "data", 0, "there is no disk /data; there are /, /home"),
+                  given("load", "load", 5, "waits for the secret x")});
+    EXPECT_EQ(report(),
+              "impossible\ta@b.c\tweb1\tdisk\t-\tthere is no disk /data; there are /, /home\tdata\n"
+              "impossible\ta@b.c\tweb1\tload average\t5\twaits for the secret x\tload\n"
+              "stored\ta@b.c\tweb1\tload average\t5\t2026-05-01T12:00:00Z\tok\tload\n");
+    EXPECT_EQ(count.refused, 2u);
+    EXPECT_EQ(count.missing, 0u);
+    EXPECT_EQ(count.stored, 1u);
+}
+
+TEST_F(fleet_report_test, agents_that_are_not_there_miss_all_they_were_given) {
+    apply();
+    EXPECT_EQ(report(), "missing\t-\t-\n");
+    EXPECT_EQ(count.missing, 1u);
+    give("web9", {given("load", "load", 5)});
+    EXPECT_EQ(report(), "missing\ta@b.c\tweb9\tload average\t5\tload\n");
+    submit(load_record(5, noon), noon, "web9");
+    std::promise<bool> retired;
+    s->retire(1, [&](bool ok, const std::string&) { retired.set_value(ok); });
+    ASSERT_TRUE(retired.get_future().get());
+    submit(load_record(5, noon), noon, "web1");
+    EXPECT_EQ(report(), "");
+    EXPECT_EQ(count.missing + count.silent + count.refused, 0u);
+}
+
+TEST_F(fleet_report_test, without_a_fleet_there_is_nothing_to_say) {
+    submit(load_record(5, noon), noon);
+    EXPECT_EQ(report(), "!no fleet was ever applied here; a plan is named with --plan");
+    apply();
+    EXPECT_EQ(report(), "");
+    give_packed("web1", "what is this?");
+    EXPECT_EQ(report(), "!" + database_path(state) + ": what an agent was given is damaged");
 }

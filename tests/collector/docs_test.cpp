@@ -1,5 +1,6 @@
-/* docs/commands.md and docs/records.md against the protocol's tables: what the documents promise is
- * what both programs go by. */
+/* docs/commands.md, docs/records.md and docs/fleet.md against the tables: what the documents
+ * promise is what both programs go by. */
+#include "fleet/file.h"
 #include "protocol/commands.h"
 #include "protocol/record_types.h"
 
@@ -354,5 +355,182 @@ TEST(docs, statuses_mean_what_the_types_say) {
         };
         EXPECT_EQ(failed("2"), std::string(type->failed) == "failed") << type->name;
         EXPECT_EQ(failed("3"), std::string(type->not_found) == "failed") << type->name;
+    }
+}
+
+/* ---- the fleet file ---- */
+
+namespace {
+
+/* What stands in the table for a form. */
+std::string words_for(const key_def& key) {
+    switch (key.form) {
+    case value_form::text:
+    case value_form::name:
+        return "text";
+    case value_form::secret_text:
+        return "text, kept from others";
+    case value_form::host:
+        return "host";
+    case value_form::url:
+        return "address";
+    case value_form::addresses:
+        return "range";
+    case value_form::percent:
+        return "percent";
+    case value_form::megabytes:
+        return "size";
+    case value_form::gigabytes:
+        return "size or percent";
+    case value_form::seconds:
+        return "seconds";
+    case value_form::milliseconds:
+        return "time";
+    case value_form::rate:
+        return "rate";
+    case value_form::flag:
+        return "true, false";
+    case value_form::choice:
+        return std::regex_replace(key.choices, std::regex("\\|"), ", ");
+    case value_form::list:
+        return "list";
+    case value_form::limits:
+    case value_form::whole_limits:
+        return "names with limits";
+    default:
+        return "number";
+    }
+}
+
+strings row_for(const key_def& key, bool is_word) {
+    return {"`" + std::string(key.name) + "`", words_for(key),
+            key.help + std::string(key.required && !is_word ? " (required)" : "")};
+}
+
+/* Rows of the section of each kind, and its examples as lines. */
+struct kind_section {
+    std::vector<strings> rows;
+    std::string examples;
+};
+
+std::map<std::string, kind_section> documented_kinds(strings& order) {
+    std::map<std::string, kind_section> sections;
+    std::string section, kind;
+    bool is_example = false;
+    for (const std::string& line : lines_of("fleet.md")) {
+        if (line.starts_with("## ")) {
+            section = line.substr(3);
+        } else if (section == "Kinds of tests" && line.starts_with("### ")) {
+            kind = line.substr(4);
+            order.push_back(kind);
+        } else if (section == "Kinds of tests" && !kind.empty()) {
+            strings cells = cells_of(line);
+            if (cells.size() == 3 && cells[0] != "key") {
+                sections[kind].rows.push_back(cells);
+            }
+            if (line.starts_with("```")) {
+                is_example = line != "```";
+            } else if (is_example) {
+                sections[kind].examples += "    " + line + "\n";
+            }
+        }
+    }
+    return sections;
+}
+
+} // namespace
+
+TEST(docs, each_kind_of_a_fleets_tests_has_its_keys) {
+    strings order;
+    const std::map<std::string, kind_section> sections = documented_kinds(order);
+    ASSERT_EQ(order.size(), test_kinds().size());
+    for (size_t i = 0; i < order.size(); i++) {
+        const test_kind& kind = test_kinds()[i];
+        SCOPED_TRACE(kind.word);
+        ASSERT_EQ(order[i], kind.word);
+        std::vector<strings> rows;
+        if (!kind.keys_inside) {
+            rows.push_back(row_for(kind.value, true));
+        }
+        for (const key_def& key : kind.keys) {
+            rows.push_back(row_for(key, false));
+        }
+        EXPECT_EQ(sections.at(kind.word).rows, rows);
+    }
+}
+
+TEST(docs, the_examples_of_each_kind_are_sound_and_of_that_kind) {
+    strings order;
+    for (const auto& [word, section] : documented_kinds(order)) {
+        fleet found;
+        std::vector<remark> wrong;
+        ASSERT_TRUE(read_fleet("version: 1\ngroups:\n- name: g\n  agents: \"*\"\n  tests:\n" +
+                                   section.examples,
+                               found, wrong))
+            << word << ": " << wrong.at(0).text << "\n"
+            << section.examples;
+        EXPECT_FALSE(found.groups[0].tests.empty()) << word;
+        for (const auto& test : found.groups[0].tests) {
+            EXPECT_EQ(test->kind, find_kind(word)) << test->name;
+        }
+    }
+}
+
+/* Those above the kinds: each is a file of its own, or what stands below "tests:" or beside
+ * "groups:" in one. */
+TEST(docs, the_examples_of_the_fleet_file_are_sound) {
+    std::string example;
+    size_t count = 0;
+    bool is_example = false;
+    for (const std::string& line : lines_of("fleet.md")) {
+        if (line == "```yaml") {
+            is_example = true;
+            example.clear();
+        } else if (line == "```" && is_example) {
+            is_example = false;
+            const bool is_file = example.starts_with("version: 1\n");
+            const bool is_part = example.starts_with("groups:\n") || example.starts_with("smtp: ");
+            std::string text =
+                is_file   ? example
+                : is_part ? "version: 1\n" + example
+                          : "version: 1\ngroups:\n- name: web servers\n  agents: []\n  "
+                            "tests:\n" +
+                                std::regex_replace(example, std::regex("(^|\n)(?=.)"), "$1    ");
+            if (example.starts_with("smtp: ")) {
+                text += "groups: [{name: web servers, agents: []}]\n";
+            }
+            fleet found;
+            std::vector<remark> wrong;
+            const bool is_two = example.starts_with("web site:\n"); /* one test, spelled twice */
+            if (!example.starts_with("#") && !is_two) {
+                EXPECT_TRUE(read_fleet(text, found, wrong)) << wrong.at(0).text << "\n" << text;
+                count++;
+            }
+        } else if (is_example) {
+            example += line + "\n";
+        }
+    }
+    EXPECT_GE(count, 16u);
+}
+
+/* "`htttp`: no such test; `http`?" and the like: said as they are shown. */
+TEST(docs, mistakes_of_the_fleet_file_are_said_as_shown) {
+    fleet found;
+    std::vector<remark> wrong;
+    EXPECT_FALSE(read_fleet("version: 1\ngroups:\n  - name: everything\n    agents: [\"*\"]\n"
+                            "    tests:\n      # a mistake in each\n"
+                            "      web site:     {htttp: \"https://shop.example.org/\"}\n"
+                            "      root disk:    {disk: /, free: 5}\n"
+                            "      load:         {load: {1m: 1.5}}\n",
+                            found, wrong));
+    std::string page;
+    for (const std::string& line : lines_of("fleet.md")) {
+        page += line + "\n";
+    }
+    ASSERT_EQ(wrong.size(), 3u);
+    for (const remark& each : wrong) {
+        const std::string said = "my-fleet.yaml:" + std::to_string(each.at.line) + ":" +
+                                 std::to_string(each.at.column) + ": " + each.text + "\n";
+        EXPECT_TRUE(has(page, said)) << said;
     }
 }

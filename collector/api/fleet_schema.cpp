@@ -27,7 +27,6 @@ constexpr const char time_pattern[] =
     "^[0-9]+([.][0-9]+)?( *[A-Za-z]+ *([0-9]+([.][0-9]+)? *[A-Za-z]+ *)*)?$";
 constexpr const char page_pattern[] = "^https?://[^ #]+$";
 constexpr const char range_pattern[] = "^[0-9.]+( *- *[0-9.]+|/[0-9]+)?$";
-constexpr const char directory_pattern[] = "^/";
 
 json::object typed(json::array types, const char* pattern = nullptr) {
     json::object schema{{"type", std::move(types)}};
@@ -301,5 +300,5 @@ std::string fleet_as_json(std::string_view text) {
     node root;
     remark wrong;
     read_nodes(text, root, wrong);
-    return json_text(tree(root));
+    return json_text(root.is == node::kind::nothing ? json::value{{"version", 1}} : tree(root));
 }

@@ -11,7 +11,8 @@
 std::string fleet_schema();
 
 /* The tree of a file, for programs, of a text that read_fleet() took. Texts that are whole numbers
- * or true or false, and are not in quotes, become such. As a fleet file it says the same. */
+ * or true or false, and are not in quotes, become such. As a fleet file it says the same; of an
+ * empty one it is {"version": 1}. */
 std::string fleet_as_json(std::string_view text);
 
 #endif

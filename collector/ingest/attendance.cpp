@@ -87,6 +87,7 @@ roster_agent& attendance::add_to_roster(int64_t id, std::string_view account,
     if (expected_.has_own() && !own_.contains(id)) {
         if (expectations::shared own = expected_.find(account, name)) {
             own_[id] = std::move(own);
+            definitions_.has_id(account, name, id);
         }
     }
     return agents_.add(id, account, name);
@@ -227,14 +228,13 @@ void attendance::take_agent_plans() {
     }
     expected_.follow(own, clock());
     for (ingest::agent_plan& told : plans) {
-        if (const roster_agent* known = agents_.find(told.account, told.agent)) {
+        const roster_agent* known = agents_.find(told.account, told.agent);
+        if (known != nullptr) {
             own_[known->id] = expected_.find(told.account, told.agent);
             before_.erase(known->id);
         }
-        told.plan = {};
-        if (!told.definitions.empty()) {
-            undefined_.push_back(std::move(told));
-        }
+        definitions_.follow(told.account, told.agent, known != nullptr ? known->id : 0,
+                            std::move(told.definitions));
     }
 }
 

@@ -119,7 +119,6 @@ private:
     expectations expected_;
     std::unordered_map<int64_t, expectations::shared> own_; /* of those that have an id, by that */
     std::unordered_map<int64_t, intervals> before_;         /* what the last run told them */
-    std::vector<ingest::agent_plan> undefined_;             /* whose definitions are not stored */
     watch watch_{clock()};
     witness witness_;
     int64_t looked_ = clock(); /* when somebody was overdue, the last time */

@@ -1,53 +1,147 @@
 #include "ingest/definitions.h"
 
-#include "ingest/in_transaction.h"
+#include <algorithm>
 
 static constexpr std::chrono::milliseconds most{10};
 
+static std::string key_of(std::string_view account, std::string_view agent) {
+    std::string key(account);
+    return key.append(1, '\0').append(agent);
+}
+
+void definitions::make_due(told& of) {
+    if (!of.is_due && of.next < of.wanted.size()) {
+        of.is_due = true;
+        due_.push_back(&of);
+    }
+}
+
+void definitions::begin() {
+    due_.clear();
+    auto forget = [](told& of) {
+        of.agent = 0;
+        of.next = 0;
+        of.is_due = of.is_known = false;
+        of.stored.clear();
+    };
+    forget(of_all_);
+    make_due(of_all_);
+    for (auto& [key, of] : own_) {
+        forget(of);
+    }
+}
+
+void definitions::want(told& of, std::vector<owned_definition> all) {
+    of.wanted = std::move(all);
+    of.next = 0;
+}
+
+void definitions::follow(std::vector<owned_definition> all) {
+    want(of_all_, std::move(all));
+    make_due(of_all_);
+}
+
+void definitions::follow(std::string_view account, std::string_view agent, int64_t id,
+                         std::vector<owned_definition> all) {
+    std::string key = key_of(account, agent);
+    if (all.empty()) {
+        if (auto known = own_.find(key); known != own_.end()) {
+            std::erase(due_, &known->second);
+            own_.erase(known);
+        }
+        return;
+    }
+    told& of = own_[std::move(key)];
+    want(of, std::move(all));
+    of.agent = id != 0 ? id : of.agent;
+    if (of.agent != 0) {
+        make_due(of);
+    }
+}
+
+void definitions::has_id(std::string_view account, std::string_view agent, int64_t id) {
+    auto known = own_.find(key_of(account, agent));
+    if (known != own_.end() && known->second.agent != id) {
+        known->second.agent = id;
+        make_due(known->second);
+    }
+}
+
 /* What was read of a damaged file is used: the worst that follows is a definition told twice. */
-bool definitions::look_up() {
-    stored_.clear();
+bool definitions::look_up(told& of) {
+    of.stored.clear();
     auto note = [&](const test_definition& d) {
-        stored_[{d.type, d.number}] = {.type = d.type,
-                                       .number = d.number,
-                                       .location = d.location,
-                                       .name = std::string(d.name),
-                                       .text = std::string(d.text)};
+        of.stored[{d.type, d.number}] = {.type = d.type,
+                                         .number = d.number,
+                                         .location = d.location,
+                                         .name = std::string(d.name),
+                                         .text = std::string(d.text),
+                                         .title = std::string(d.title),
+                                         .group = std::string(d.group)};
     };
     std::string error;
-    engine_.reader().for_each_definition(0, 0, 0, note, error);
-    is_known_ = engine_.is_open();
-    return is_known_;
+    engine_.reader().for_each_definition(of.agent, 0, 0, note, error);
+    of.is_known = engine_.is_open();
+    return of.is_known;
+}
+
+/* From of.next on; `next` is the first that is not. */
+bool definitions::store_some(told& of, const spell& time, int64_t now, size_t& next) {
+    auto differs = [&](const owned_definition& d) {
+        auto last = of.stored.find({d.type, d.number});
+        return last == of.stored.end() || last->second.location != d.location ||
+               last->second.name != d.name || last->second.text != d.text ||
+               last->second.title != d.title || last->second.group != d.group;
+    };
+    next = of.next;
+    if (!of.is_known && !look_up(of)) {
+        return false;
+    }
+    for (; next < of.wanted.size() && !time.is_over(); next++) {
+        const owned_definition& d = of.wanted[next];
+        if (differs(d) && !engine_.append_definition({.agent = of.agent,
+                                                      .type = d.type,
+                                                      .number = d.number,
+                                                      .location = d.location,
+                                                      .since = now,
+                                                      .name = d.name,
+                                                      .text = d.text,
+                                                      .title = d.title,
+                                                      .group = d.group})) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool definitions::run(int64_t now) {
-    size_t end = next_;
-    auto differs = [&](const owned_definition& d) {
-        auto last = stored_.find({d.type, d.number});
-        return last == stored_.end() || last->second.location != d.location ||
-               last->second.name != d.name || last->second.text != d.text;
-    };
+    std::vector<size_t> reached; /* of the first ones that are due */
     bool ok = in_transaction(engine_, [&] {
-        if (!is_known_ && !look_up()) {
-            return false;
-        }
-        spell time(most);
-        for (end = next_; end < wanted_.size() && !time.is_over(); end++) {
-            const owned_definition& d = wanted_[end];
-            if (differs(d) && !engine_.append_definition({.type = d.type,
-                                                          .number = d.number,
-                                                          .location = d.location,
-                                                          .since = now,
-                                                          .name = d.name,
-                                                          .text = d.text})) {
+        reached.clear();
+        const spell time(most);
+        for (size_t i = 0; i < due_.size() && (i == 0 || !time.is_over()); i++) {
+            reached.emplace_back();
+            if (!store_some(*due_[i], time, now, reached.back())) {
                 return false;
             }
         }
         return true;
     });
-    for (; ok && next_ < end; next_++) {
-        const owned_definition& d = wanted_[next_];
-        stored_[{d.type, d.number}] = d;
+    for (size_t i = 0; ok && i < reached.size(); i++) {
+        told& of = *due_.front();
+        for (; of.next < reached[i]; of.next++) {
+            const owned_definition& d = of.wanted[of.next];
+            of.stored[{d.type, d.number}] = d;
+        }
+        if (of.next < of.wanted.size()) {
+            break; /* it is the last one that was come to */
+        }
+        of.is_due = false;
+        if (&of != &of_all_) { /* looked up anew when there is something new */
+            of.stored.clear();
+            of.is_known = false;
+        }
+        due_.pop_front();
     }
     return ok;
 }

@@ -671,6 +671,40 @@ TEST_F(attendance_test, definitions_are_stored_in_another_file_again) {
     EXPECT_EQ(query(all), strings{"5|1|load|5\t5"});
 }
 
+/* One that comes later has them from then on, also in a file that takes the place of another. */
+TEST_F(attendance_test, agents_have_definitions_of_their_own) {
+    open();
+    submit(load_record(5, noon - 1), "web1");
+    std::vector<ingest::agent_plan> plans = {agent_plan("web1", 60, 60, {{66, 5}}),
+                                             agent_plan("web2", 60, 60, {{66, 5}})};
+    for (ingest::agent_plan& plan : plans) {
+        plan.definitions = {{.type = 66,
+                             .number = 5,
+                             .location = 7,
+                             .name = "of " + plan.agent,
+                             .text = "x",
+                             .title = "load",
+                             .group = "all"}};
+    }
+    const char* all = "SELECT a.name, number, location, d.name, text, title, team FROM definitions "
+                      "d JOIN agents a ON a.id = d.agent ORDER BY a.name, d.id";
+    s->follow({}, {});
+    follow_agents(plans);
+    pass(10);
+    EXPECT_EQ(query(all), strings{"web1|5|7|of web1|x|load|all"});
+    submit(load_record(5, noon - 1), "web2");
+    pass(10);
+    const strings both = {"web1|5|7|of web1|x|load|all", "web2|5|7|of web2|x|load|all"};
+    EXPECT_EQ(query(all), both);
+    std::filesystem::remove(state + "/results.db");
+    pass(10);
+    EXPECT_EQ(query(all), both);
+    plans[1].definitions[0].title = "load average";
+    follow_agents(plans);
+    pass(10);
+    EXPECT_EQ(query(all), (strings{both[0], both[1], "web2|5|7|of web2|x|load average|all"}));
+}
+
 TEST_F(attendance_test, what_does_not_fit_into_the_queue_makes_no_test_stale) {
     auto look_when_there_is_room = [&] {
         for (int i = 0; i < 2; i++) {

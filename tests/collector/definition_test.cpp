@@ -148,6 +148,80 @@ TEST_F(definition_test, what_a_test_was_in_some_time) {
     EXPECT_EQ(names(400, 1000), "third ");
 }
 
+/* Agent 1 has some of its own. */
+TEST_F(definition_test, an_agents_own_come_before_those_of_all) {
+    auto own = [&](int64_t since, const char* name, int32_t location, int32_t number = 401) {
+        add(since, name, location, number);
+        store.definitions.back().agent = 1;
+    };
+    auto of = [&](int64_t agent, std::optional<int32_t> location, int64_t time,
+                  int32_t number = 401) {
+        std::string error;
+        definition_reader fresh(store);
+        definition_pointer found = fresh.of(agent, disk, number, location, time, error);
+        definition_pointer again = reader.of(agent, disk, number, location, time, error);
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(found ? found->name : "none", again ? again->name : "none");
+        return found ? found->name : "none";
+    };
+    add(100, "of all", 1);
+    add(100, "of all, 402", 1, 402);
+    add(150, "of all, 8", 8);
+    own(200, "own", 7);
+    own(300, "own, changed", 9);
+    own(400, "own, renamed", 9);
+    /* By the location, whatever the time. */
+    EXPECT_EQ(of(1, 7, 1000), "own");
+    EXPECT_EQ(of(1, 7, 0), "own");
+    EXPECT_EQ(of(1, 9, 0), "own, changed");
+    EXPECT_EQ(of(1, 9, 399), "own, changed");
+    EXPECT_EQ(of(1, 9, 400), "own, renamed");
+    EXPECT_EQ(of(1, 1, 1000), "of all") << "a result of the time before";
+    EXPECT_EQ(of(1, 8, 1000), "of all, 8");
+    /* By the time, where nobody knows the location. */
+    EXPECT_EQ(of(1, 5, 250), "own");
+    EXPECT_EQ(of(1, 5, 350), "own, changed");
+    EXPECT_EQ(of(1, std::nullopt, 350), "own, changed");
+    EXPECT_EQ(of(1, std::nullopt, 0), "own");
+    /* What it has none for, and who has none. */
+    EXPECT_EQ(of(1, 1, 0, 402), "of all, 402");
+    EXPECT_EQ(of(1, std::nullopt, 0, 402), "of all, 402");
+    EXPECT_EQ(of(1, 5, 0, 402), "none");
+    EXPECT_EQ(of(2, 7, 1000), "none");
+    EXPECT_EQ(of(2, 1, 1000), "of all");
+    EXPECT_EQ(of(2, std::nullopt, 1000), "of all, 8");
+    EXPECT_EQ(names(0, 1000), "own own, changed own, renamed ");
+    std::vector<definition_pointer> found;
+    std::string error;
+    EXPECT_TRUE(read_definitions(store, {1, 2, disk, 401}, 0, 1000, found, error));
+    EXPECT_EQ(found.size(), 2u);
+}
+
+TEST_F(definition_test, those_of_all_are_looked_up_once_for_all_agents) {
+    add(100, "of all");
+    std::string error;
+    for (int64_t agent = 1; agent <= 1000; agent++) {
+        ASSERT_TRUE(reader.of(agent, disk, 401, 1, 500, error));
+    }
+    EXPECT_EQ(store.definitions_read, 1u);
+}
+
+TEST_F(definition_test, a_title_and_a_group_come_with_it) {
+    store.definitions.push_back({.type = disk,
+                                 .number = 401,
+                                 .location = 1,
+                                 .name = "/",
+                                 .title = "root disk",
+                                 .group = "all",
+                                 .agent = 3});
+    std::string error;
+    definition_pointer found = reader.of(3, disk, 401, 1, 5, error);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->title, "root disk");
+    EXPECT_EQ(found->group, "all");
+    EXPECT_EQ(found->agent, 3);
+}
+
 TEST_F(definition_test, why_it_cannot_be_read) {
     store.failure = "gone";
     std::string error;

@@ -13,21 +13,8 @@ static constexpr std::chrono::seconds longest_storing{10};
 static constexpr size_t most_agents = 2000; /* in one piece of work, but when a file is applied */
 static constexpr size_t most_saved = 2000;  /* changes, likewise */
 static constexpr size_t most_looked_at = 1000; /* agents, at a time with the mutex */
-static constexpr size_t most_kept = 250'000;   /* agents: more are strangers' inventions */
 static constexpr size_t most_remarks = 20;     /* in the log */
-
-/* What the store has forgotten, since a copy was put in its place. */
-static constexpr int32_t revisions_lost = 1'000'000, numbers_lost = 1000;
-
-/* A NUL cannot stand in a request's header, so it parts the two names. */
-static std::string name_key(std::string_view account, std::string_view agent) {
-    return std::string(account).append(1, '\0').append(agent);
-}
-
-static std::string where(const std::string& path, const remark& what) {
-    return path + ":" + std::to_string(what.at.line) + ":" + std::to_string(what.at.column) + ": " +
-           what.text;
-}
+static constexpr unsigned ticks_between_probes = 30;
 
 std::unique_ptr<fleet_keeper>
 fleet_keeper::open(keeper_options options, std::vector<std::string>& early, std::string& error) {
@@ -48,133 +35,9 @@ void keeper_body::log(const std::string& line) const {
     }
 }
 
-/* ---- what is stored ---- */
-
-bool keeper_body::open(std::vector<std::string>& early, std::string& error) {
-    stored_fleet stored;
-    std::unique_ptr<result_reader> store = open_reader(options_.directory, error);
-    if (!store || !read_stored_fleet(*store, stored, error)) {
-        error = "what agents were told cannot be read: " + error;
-        return false;
-    }
-    store.reset();
-    return take_stored(stored, early, error) && take_file(early, error);
-}
-
-bool keeper_body::take_stored(stored_fleet& stored, std::vector<std::string>& early,
-                              std::string& error) {
-    const int64_t restored = std::max<int64_t>(stored.restored - stored.restored_seen, 0);
-    newest_ = stored.newest;
-    in_force_ = std::move(stored.in_force);
-    highest_revision_ = stored.highest;
-    newest_change_ = stored.newest_change;
-    first_number_ =
-        static_cast<int32_t>(1 + numbers_lost * std::min<int64_t>(stored.restored, 1e6));
-    if (restored > 0) {
-        restored_seen_ = stored.restored;
-        highest_revision_ +=
-            static_cast<int32_t>(revisions_lost * std::min<int64_t>(restored, 500));
-    }
-    if (in_force_.has_text) {
-        auto file = std::make_shared<fleet>();
-        std::vector<remark> wrong;
-        if (read_fleet(in_force_.text, *file, wrong)) {
-            file_ = std::move(file);
-        } else {
-            early.push_back("the fleet that was in force cannot be read by this version, and "
-                            "agents are told nothing: " +
-                            where("line", wrong.front()));
-        }
-    }
-    for (stored_fleet::agent& one : stored.agents) {
-        if (one.is_damaged) {
-            early.push_back("what " + printable(one.name) + " of " + printable(one.account) +
-                            " was told is damaged in the store; it is told everything anew");
-        }
-        if (restored > 0) {
-            one.given.next_number +=
-                static_cast<int32_t>(numbers_lost * std::min<int64_t>(restored, 1e6));
-            for (assigned_test& test : one.given.tests) {
-                test.confirmed = 0; /* it may have had another since the copy was made */
-            }
-            one.confirmed.clear();
-        }
-        take_agent(one);
-    }
-    error.clear();
-    return true;
-}
-
-void keeper_body::take_agent(stored_fleet::agent& one) {
-    kept_agent* of = find_or_make(one.account, one.name);
-    if (of == nullptr) {
-        return;
-    }
-    for (const auto& [type, number] : one.confirmed) {
-        if (assigned_test* test = one.given.find(type, number)) {
-            test->confirmed = test->revision;
-        }
-    }
-    of->is_unsaved = !one.confirmed.empty() || restored_seen_;
-    of->is_there = one.is_there;
-    of->is_given = one.is_given;
-    of->given = std::make_shared<given_agent>(std::move(one.given));
-    of->has = std::move(one.has);
-    of->strays = std::move(one.strays);
-    of->highest = one.highest;
-    of->presence.is_silent = one.is_silent;
-    of->presence.silent_since = one.since;
-    const moment at = now();
-    for (kept_change& change : one.open) {
-        of->changes.restore(std::move(change), at);
-    }
-    of->changes.follow(*of->given);
-    for (const test_key& test : one.confirmed) {
-        of->changes.came(test, of->given->find(test)->revision, at);
-    }
-    if (of->is_there) {
-        make_due(*of);
-    }
-    note(*of);
-}
-
-/* Of --fleet. */
-bool keeper_body::take_file(std::vector<std::string>& early, std::string& error) {
-    if (options_.file.empty()) {
-        return true;
-    }
-    watched_ = std::make_unique<file_watch>(options_.file);
-    std::string text;
-    std::vector<std::string> wrong;
-    if (watched_->look(true, text, error) == file_watch::state::failed) {
-        wrong.push_back(error);
-    } else if (in_force_.has_text && text == in_force_.text && file_) {
-        error.clear();
-        return true;
-    } else {
-        fleet file;
-        std::vector<remark> remarks;
-        if (read_fleet(text, file, remarks)) {
-            pending_text_ = std::move(text);
-            error.clear();
-            return true;
-        }
-        for (const remark& each : remarks) {
-            wrong.push_back(where(options_.file, each));
-        }
-    }
-    if (file_) {
-        file_trouble_ = wrong.front();
-        early.insert(early.end(), wrong.begin(), wrong.end());
-        early.push_back("the fleet of revision " + std::to_string(in_force_.revision) +
-                        " stays in force");
-        error.clear();
-        return true;
-    }
-    error = std::move(wrong.back());
-    wrong.pop_back();
-    early.insert(early.end(), wrong.begin(), wrong.end());
-    return false;
+std::string keeper_body::where(const std::string& path, const remark& what) {
+    return path + ":" + std::to_string(what.at.line) + ":" + std::to_string(what.at.column) + ": " +
+           what.text;
 }
 
 /* ---- start and end ---- */
@@ -188,7 +51,7 @@ bool keeper_body::start(ingest& results, std::string& error) {
             tell_stored_expectations();
         }
     }
-    if (restored_seen_ && !store_restored(error)) {
+    if (!store_ground(error)) {
         return false;
     }
     is_started_ = true;
@@ -210,34 +73,6 @@ bool keeper_body::store_now(const work_pointer& work) {
     work->done = [ended](const fleet_work& done) { ended->set_value(done.ok); };
     submit(work);
     return end.wait_for(longest_storing) == std::future_status::ready && end.get();
-}
-
-/* Ahead of everything else: what is given from now on is above all that was given since the copy
- * was made. */
-bool keeper_body::store_restored(std::string& error) {
-    auto work = std::make_shared<fleet_work>();
-    work->now = now();
-    {
-        std::lock_guard hold(mutex_);
-        is_busy_ = true;
-        work->restored_seen = restored_seen_;
-        for (const auto& [key, agent] : agents_) {
-            if (agent->is_given) {
-                work->agents.push_back(
-                    {.of = agent.get(), .base = agent->given, .is_changed = true});
-            }
-        }
-    }
-    work->revision = {.revision = next_revision(),
-                      .time = work->now.wall,
-                      .author = "collector",
-                      .about = "a copy of the store was put in its place: numbers and revisions "
-                               "that may have been given since are left out"};
-    if (!store_now(work)) {
-        error = "cannot store that a copy was put in the place of the store: " + work->reason;
-        return false;
-    }
-    return true;
 }
 
 void keeper_body::stop() {
@@ -290,6 +125,7 @@ void keeper_body::run() {
                 look_at_secrets();
                 look_at_changes();
                 look_at_file(false);
+                look_at_store();
                 is_saving_ = true;
             }
             if (at_once) {
@@ -373,6 +209,18 @@ void keeper_body::look_at_changes() {
     }
 }
 
+/* Whether it is still the one that has what was written. */
+void keeper_body::look_at_store() {
+    if (++ticks_ % ticks_between_probes == 0) {
+        results_->update(
+            [this](engine& store) {
+                note_store(store);
+                return true;
+            },
+            [](bool, const std::string&) {});
+    }
+}
+
 void keeper_body::look_at_file(bool at_once) {
     if (!watched_) {
         return;
@@ -442,8 +290,13 @@ void keeper_body::begin_work() {
         if (is_busy_ || steady::now() < retry_) {
             return;
         }
-        take_due(due);
-        if (due.empty()) {
+        if (is_lost_) {
+            work =
+                make_ground("the store was begun anew, and has lost what agents are to do", true);
+        } else {
+            take_due(due);
+        }
+        if (!is_lost_ && due.empty()) {
             work = is_saving_ ? collect_unsaved() : nullptr;
             is_saving_ = work != nullptr;
         }
@@ -453,9 +306,13 @@ void keeper_body::begin_work() {
         return;
     }
     with_turn([&] {
+        work->now = now();
         if (!due.empty()) {
-            work->now = now();
             make_due(*work, due);
+        }
+        if (work->is_ground) {
+            work->revision.revision = next_revision();
+            work->revision.time = work->now.wall;
         }
         submit(work);
     });
@@ -544,6 +401,9 @@ void keeper_body::tell_finished() {
                 printable(work->revision.author) + ": " + work->revision.about);
         }
         tell_expectations(*work);
+        if (work->revision.has_text) {
+            keep_copy();
+        }
         for (const fleet_work::agent& made : work->agents) {
             for (const auto* all : {&made.changes, &made.outcomes}) {
                 for (const kept_change& one : *all) {
@@ -585,81 +445,4 @@ void keeper_body::tell_expectations(const fleet_work& done) {
     if (!plans.empty()) {
         results_->follow_agents(std::move(plans));
     }
-}
-
-/* ---- agents, with the mutex ---- */
-
-kept_agent* keeper_body::find(std::string_view account, std::string_view agent) const {
-    auto found = agents_.find(name_key(account, agent));
-    return found != agents_.end() ? found->second.get() : nullptr;
-}
-
-kept_agent* keeper_body::find_or_make(std::string_view account, std::string_view agent) {
-    std::string key = name_key(account, agent);
-    auto found = agents_.find(key);
-    if (found == agents_.end() && agents_.size() < most_kept) {
-        found = agents_.emplace(std::move(key), std::make_unique<kept_agent>(account, agent)).first;
-    }
-    return found != agents_.end() ? found->second.get() : nullptr;
-}
-
-void keeper_body::make_due(kept_agent& of) {
-    if (file_ && !of.is_due) {
-        of.is_due = true;
-        due_.push_back(&of);
-    }
-}
-
-void keeper_body::note(kept_agent& of) {
-    count(of);
-    if (of.changes.next_look() != INT64_MAX) {
-        open_.insert(&of);
-    } else {
-        open_.erase(&of);
-    }
-    if (!of.is_noted && (of.is_unsaved || of.changes.has_unsaved())) {
-        of.is_noted = true;
-        noted_.push_back(&of);
-    }
-}
-
-void keeper_body::count(kept_agent& of) {
-    kept_agent::tally now;
-    for (const assigned_test& test : of.given->all().tests) {
-        if (!of.is_there) {
-            break;
-        }
-        now.tests++;
-        const kept_change* open = nullptr;
-        if (!test.impossible.empty()) {
-            now.impossible++;
-        } else if (test.confirmed >= test.revision) {
-            now.confirmed++;
-        } else if ((open = of.changes.newest_of(key_of(test))) != nullptr &&
-                   open->outcome == change_outcome::sent) {
-            now.sent++;
-        } else {
-            now.unanswered++;
-        }
-    }
-    for (const kept_change& one : of.changes.open()) {
-        now.waiting += !one.is_over && one.sent == 0;
-    }
-    auto exchange = [&](size_t kept_agent::tally::*member) {
-        counted_.*member += now.*member - of.counted.*member;
-    };
-    with_tests_ += size_t{now.tests > 0} - size_t{of.counted.tests > 0};
-    using tally = kept_agent::tally;
-    for (auto member : {&tally::tests, &tally::sent, &tally::confirmed, &tally::unanswered,
-                        &tally::impossible, &tally::waiting}) {
-        exchange(member);
-    }
-    of.counted = now;
-}
-
-bool keeper_body::take_turn(std::unique_lock<std::mutex>& hold, std::chrono::milliseconds most) {
-    const bool is_free =
-        changed_.wait_for(hold, most, [&] { return !is_busy_ || is_stopping_; }) && !is_stopping_;
-    is_busy_ = is_busy_ || is_free;
-    return is_free;
 }

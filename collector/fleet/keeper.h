@@ -21,6 +21,7 @@
 #include "ingest/instructions.h"
 #include "ingest/test_names.h"
 #include "plan/known_secrets.h"
+#include "store/settings.h"
 
 #include <functional>
 #include <memory>
@@ -31,6 +32,7 @@ struct keeper_options {
     std::string directory;            /* the state directory: what was stored is read from there */
     std::string file = {};            /* --fleet; empty: the API applies */
     known_secrets* secrets = nullptr; /* null: there are none; outlives it */
+    settings* kept = nullptr;         /* with a copy of the fleet; null: there is none; likewise */
     std::function<void(const std::string&)> log = {}; /* a line; any thread */
     /* A change as the API shows it has another outcome, or is new: for the stream. Any thread. */
     std::function<void(const stored_change&)> on_change = {};

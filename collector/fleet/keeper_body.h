@@ -1,4 +1,5 @@
-/* What fleet_keeper is made of: keeper.cpp (start, thread, end), keeper_work.cpp (what is wanted
+/* What fleet_keeper is made of: keeper.cpp (start, thread, end), keeper_stored.cpp
+ * (what was stored, and lost), keeper_agents.cpp (who there is), keeper_work.cpp (what is wanted
  * becomes what is given, in one transaction), keeper_told.cpp (what agents are told),
  * keeper_heard.cpp (what comes of them), keeper_asked.cpp (what the API asks).
  *
@@ -90,7 +91,7 @@ struct fleet_work {
     std::shared_ptr<const fleet> file = {}; /* null: that in force */
     kept_revision revision = {};            /* 0: none is made */
     std::vector<agent> agents = {};
-    std::optional<int64_t> restored_seen = {};
+    bool is_ground = false; /* all that is known, where the store has not got it */
     moment now = {};
     bool ok = false;
     std::string reason = {};                          /* why not */
@@ -145,16 +146,14 @@ private:
 
     /* ---- keeper.cpp ---- */
     void log(const std::string& line) const;
-    bool take_stored(stored_fleet& stored, std::vector<std::string>& early, std::string& error);
-    void take_agent(stored_fleet::agent& one);
-    bool take_file(std::vector<std::string>& early, std::string& error);
+    static std::string where(const std::string& path, const remark& what);
     bool store_now(const work_pointer& work);
-    bool store_restored(std::string& error);
     void run();
     void answer_waiting();
     void look_at_secrets();
     void look_at_changes();
     void look_at_file(bool at_once);
+    void look_at_store();
     void apply_file();
     void begin_work();
     void with_turn(const std::function<void()>& what);
@@ -177,9 +176,22 @@ private:
     void take_work(fleet_work& work);
     void take_given(fleet_work::agent& made);
     static std::shared_ptr<const given_agent> merged(const fleet_work::agent& made);
+
+    /* ---- keeper_stored.cpp ---- */
+    void take_stored(stored_fleet& stored, std::vector<std::string>& early);
+    static std::shared_ptr<const fleet> read_kept(const std::string& text,
+                                                  std::vector<std::string>& early);
+    void take_copy(std::vector<std::string>& early);
+    void take_agent(stored_fleet::agent& one);
+    bool take_file(std::vector<std::string>& early, std::string& error);
+    bool store_ground(std::string& error);
+    work_pointer make_ground(const char* why, bool with_text); /* with the mutex */
+    void note_store(engine& store);
+    void keep(int32_t newest);
+    void keep_copy();
     int32_t next_revision();
 
-    /* ---- with the mutex ---- */
+    /* ---- keeper_agents.cpp, with the mutex ---- */
     kept_agent* find(std::string_view account, std::string_view agent) const;
     kept_agent* find_or_make(std::string_view account, std::string_view agent);
     steady::time_point next_look(steady::time_point tick) const;
@@ -228,6 +240,11 @@ private:
 
     const keeper_options options_;
     ingest* results_ = nullptr;
+    fleet_facts facts_; /* from open() on as they are */
+    int64_t restored_ = 0;
+    bool is_restored_ = false;               /* since the last run */
+    std::shared_ptr<const fleet> lost_file_; /* that the store has lost, of the settings */
+    std::string lost_text_;
     std::unique_ptr<file_watch> watched_;
     event_log kept_back_; /* network thread */
 
@@ -240,8 +257,6 @@ private:
     kept_revision newest_;              /* without its text */
     int32_t highest_revision_ = 0;      /* that was ever given out */
     int64_t newest_change_ = 0;
-    int32_t first_number_ = 1;             /* of a new agent */
-    std::optional<int64_t> restored_seen_; /* to be stored */
     std::vector<kept_agent*> due_, noted_;
     std::unordered_set<kept_agent*> open_; /* with changes of which something may become */
     kept_agent::tally counted_;
@@ -259,6 +274,12 @@ private:
     };
     std::vector<waiting> waiting_;
 
+    bool is_lost_ = false; /* what was stored: the store's file is another */
+
+    std::mutex copying_;                 /* of the fleet to the settings; before mutex_ */
+    std::atomic<int32_t> reserved_ = 0;  /* revisions up to it are noted there as given */
+    std::optional<unsigned> generation_; /* store's thread: of its file */
+    unsigned ticks_ = 0;                 /* keeper's thread */
     std::atomic<bool> is_started_ = false;
     uint64_t secrets_seen_ = 0;                               /* keeper's thread */
     std::optional<std::string> pending_text_;                 /* likewise: of --fleet's file */

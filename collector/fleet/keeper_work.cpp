@@ -56,7 +56,7 @@ static std::string packed(const given_agent& agent) {
 void keeper_body::make_agent(fleet_work::agent& made, const agent_basis& basis, const fleet& file,
                              int32_t revision) const {
     assigned_agent next = basis.given->all();
-    const int32_t first = basis.is_given ? 1 : first_number_;
+    const auto first = static_cast<int32_t>(basis.is_given ? 1 : facts_.first_number);
     const int32_t behind = basis.highest < INT32_MAX ? basis.highest + 1 : INT32_MAX;
     next.next_number = std::max({next.next_number, first, behind});
     static const agent_inventory nothing;
@@ -117,11 +117,6 @@ static std::string about(const fleet_work& work) {
     return text.empty()
                ? "nothing is another for any agent"
                : text + "on " + std::to_string(agents) + (agents == 1 ? " agent" : " agents");
-}
-
-int32_t keeper_body::next_revision() {
-    std::lock_guard hold(mutex_);
-    return highest_revision_ = std::max(highest_revision_, newest_.revision) + 1;
 }
 
 /* Agents of which something else has changed than the file: a new one has the revision that is in
@@ -232,7 +227,9 @@ void keeper_body::submit(const work_pointer& work) {
     hide_secrets(*work);
     auto writing = std::make_shared<fleet_writing>();
     writing->revision = work->revision;
-    writing->restored_seen = work->restored_seen;
+    if (work->is_ground || work->revision.has_text) {
+        writing->facts = facts_;
+    }
     for (const fleet_work::agent& made : work->agents) {
         if (!made.is_changed && made.outcomes.empty()) {
             continue;
@@ -293,9 +290,7 @@ void keeper_body::take_work(fleet_work& work) {
             file_trouble_.clear();
         }
     }
-    if (work.restored_seen) {
-        restored_seen_.reset();
-    }
+    is_lost_ = is_lost_ && !work.is_ground;
     for (fleet_work::agent& made : work.agents) {
         take_given(made);
     }

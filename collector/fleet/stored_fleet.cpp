@@ -7,6 +7,7 @@
 
 namespace {
 
+constexpr char restored_seen_fact[] = "fleet_restored", first_number_fact[] = "fleet_first_number";
 constexpr int64_t recent_s = 86400;
 constexpr size_t most_below = 200'000; /* changes that are looked through in vain */
 
@@ -30,6 +31,7 @@ public:
             read_revisions(error) && read_given(error) && read_agents(error) && read_changes(error);
         found_.restored = store_.read_fact(restored_fact).value_or(0);
         found_.restored_seen = store_.read_fact(restored_seen_fact).value_or(0);
+        found_.first_number = store_.read_fact(first_number_fact).value_or(1);
         return ok;
     }
 
@@ -226,5 +228,6 @@ bool write_fleet(engine& store, const fleet_writing& what) {
             }
         }
     }
-    return !what.restored_seen || store.set_fact(restored_seen_fact, *what.restored_seen);
+    return !what.facts || (store.set_fact(restored_seen_fact, what.facts->restored_seen) &&
+                           store.set_fact(first_number_fact, what.facts->first_number));
 }

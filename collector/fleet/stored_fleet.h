@@ -44,11 +44,15 @@ struct stored_fleet {
     int32_t highest = 0;    /* of all revisions that anything has */
     int64_t newest_change = 0;
     int64_t restored = 0, restored_seen = 0; /* see restored_fact */
+    int64_t first_number = 1;                /* of an agent of which nothing is stored */
     std::vector<agent> agents = {};
 };
 
-/* The value of restored_fact that was worked with. */
-inline constexpr char restored_seen_fact[] = "fleet_restored";
+/* What is stored besides. */
+struct fleet_facts {
+    int64_t restored_seen = 0; /* the value of restored_fact that was worked with */
+    int64_t first_number = 1;  /* of an agent of which nothing is stored */
+};
 
 /* False with the reason in `error`; what could be read is there. */
 bool read_stored_fleet(result_reader& store, stored_fleet& found, std::string& error);
@@ -62,9 +66,9 @@ struct fleet_writing {
     };
     kept_revision revision = {}; /* 0: none is made */
     std::vector<agent> agents = {};
-    std::optional<int64_t> restored_seen = {};
+    std::optional<fleet_facts> facts = {};
 
-    bool is_empty() const { return revision.revision == 0 && agents.empty() && !restored_seen; }
+    bool is_empty() const { return revision.revision == 0 && agents.empty() && !facts; }
 };
 bool write_fleet(engine& store, const fleet_writing& what);
 

@@ -5,6 +5,7 @@ bool fleet_side::open(known_secrets* secrets, std::vector<std::string>& early, s
     wanted.directory = options_.state_dir;
     wanted.file = options_.fleet;
     wanted.secrets = secrets;
+    wanted.kept = kept;
     wanted.log = log_;
     wanted.on_change = [this](const stored_change& what) { live_.tell(what); };
     keeper_ = fleet_keeper::open(std::move(wanted), early, error);

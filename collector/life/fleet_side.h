@@ -25,7 +25,8 @@ public:
     store_listener& listener() { return heard_; }
 
     /* False with one line in `error`. `early`: what else is to be said, line by line. */
-    bool open(known_secrets* secrets, std::vector<std::string>& early, std::string& error);
+    bool open(known_secrets* secrets, settings* kept, std::vector<std::string>& early,
+              std::string& error);
 
     /* Ahead of the end of the store. */
     void stop() {

@@ -227,7 +227,7 @@ static int run_server(const options& o) {
                 std::to_string(earlier.left_out()) +
                 " tests of earlier runs are left out: taken out of the plan, they go on");
         }
-    } else if (!fleet.open(identities.secrets(), early, error) ||
+    } else if (!fleet.open(identities.secrets(), identities.kept(), early, error) ||
                !fleet.keeper()->start(*results, error)) {
         for (const std::string& line : early) {
             fail(line);

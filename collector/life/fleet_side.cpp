@@ -1,6 +1,7 @@
 #include "life/fleet_side.h"
 
-bool fleet_side::open(known_secrets* secrets, std::vector<std::string>& early, std::string& error) {
+bool fleet_side::open(known_secrets* secrets, settings* kept, std::vector<std::string>& early,
+                      std::string& error) {
     keeper_options wanted;
     wanted.directory = options_.state_dir;
     wanted.file = options_.fleet;

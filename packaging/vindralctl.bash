@@ -5,14 +5,14 @@ _vindralctl() {
     _init_completion -n := || return
 
     local global="--url --token --token-file --ca --json --ascii --no-color --help --version"
-    local commands="agents tests results series events ledger watch check enrol revoke tokens secret version"
+    local commands="agents tests results series events ledger watch check enrol revoke tokens secret fleet changes version"
 
     # The command and its sub-command: the first words that are no options and no values of any.
     local command="" sub="" i word
     for ((i = 1; i < cword; i++)); do
         word=${words[i]}
         case $word in
-        --json | --ascii | --no-color | --help | --version | --fail | --rate | --quiet | -h | --*=*) ;;
+        --json | --ascii | --no-color | --help | --version | --fail | --rate | --quiet | --yes | --all | --open | -h | --*=*) ;;
         --*) ((i++)) ;;
         *)
             if [[ -z $command ]]; then
@@ -47,18 +47,22 @@ _vindralctl() {
         return
         ;;
     --kind)
-        COMPREPLY=($(compgen -W "result event agent" -- "$cur"))
+        COMPREPLY=($(compgen -W "result event agent change" -- "$cur"))
         return
         ;;
     --role)
         COMPREPLY=($(compgen -W "viewer operator admin" -- "$cur"))
         return
         ;;
+    --outcome)
+        COMPREPLY=($(compgen -W "sent confirmed unanswered impossible" -- "$cur"))
+        return
+        ;;
     --from | --to)
         COMPREPLY=($(compgen -W "-1h -2h -1d -1w now today yesterday" -- "$cur"))
         return
         ;;
-    --url | --token | --agent | --test | --q | --limit | --points | --value | --height | --ends | --account | --key)
+    --url | --token | --agent | --test | --q | --limit | --points | --value | --height | --ends | --account | --key | --group | --revision | --wait)
         return
         ;;
     esac
@@ -71,18 +75,18 @@ _vindralctl() {
         show | retire | refuse) options="" ;;
         waiting) options="--limit" ;;
         admit) options="--key" ;;
-        *) options="show retire waiting admit refuse --state --q --limit --fail" ;;
+        *) options="show retire waiting admit refuse --state --group --q --limit --fail" ;;
         esac
         ;;
     tests)
         case $sub in
         show) options="" ;;
-        *) options="show --agent --state --type --q --limit --fail" ;;
+        *) options="show --agent --group --state --type --q --limit --fail" ;;
         esac
         ;;
     results) options="--from --to --limit" ;;
     series) options="--from --to --points --rate --value --height" ;;
-    events) options="--agent --test --type --state --q --from --to --limit" ;;
+    events) options="--agent --test --group --type --state --q --from --to --limit" ;;
     ledger) options="--agent --from --to --limit --fail" ;;
     watch) options="--kind --agent --test --limit" ;;
     check | revoke) options="" ;;
@@ -102,6 +106,25 @@ _vindralctl() {
         *) options="list set remove --limit" ;;
         esac
         ;;
+    fleet)
+        case $sub in
+        check | diff | apply)
+            options=""
+            [[ $sub != apply ]] || options="--yes --wait"
+            COMPREPLY=()
+            [[ $cur == -* ]] || _filedir
+            COMPREPLY+=($(compgen -W "$options $global" -- "$cur"))
+            return
+            ;;
+        rollback) options="--yes --wait" ;;
+        export) options="--revision" ;;
+        status) options="--limit --fail" ;;
+        log) options="--all --limit" ;;
+        schema) options="" ;;
+        *) options="check diff apply rollback export status log schema" ;;
+        esac
+        ;;
+    changes) options="--agent --group --test --outcome --revision --open --from --to --limit" ;;
     version) options="" ;;
     esac
     COMPREPLY=($(compgen -W "$options $global" -- "$cur"))

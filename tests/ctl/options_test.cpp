@@ -133,7 +133,8 @@ TEST(options, every_command_is_found) {
             words.push_back(part.c_str());
         }
         if (each.word != nullptr) {
-            EXPECT_EQ(read(words).outcome, reading::wrong) << each.name << " without its word";
+            EXPECT_EQ(read(words).outcome, *each.word == '[' ? reading::run : reading::wrong)
+                << each.name << " without its word";
             words.push_back("x");
         }
         command_line line = read(words);

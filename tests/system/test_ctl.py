@@ -405,6 +405,9 @@ class LetIn(Collected):
         self.assertRegex(shown, r"(?m)^admitted +2.*, by of admin$")
 
 
+FILES = (("fleet", "check"), ("fleet", "diff"), ("fleet", "apply"))  # that take one
+
+
 class Completed(CtlTest):
     """By bash: exactly what the program's help has, at every place."""
 
@@ -443,14 +446,19 @@ class Completed(CtlTest):
             self.assertEqual(self.completed("--ca", "f", command, "--json", ""), everywhere | options | below, command)
             self.assertEqual(self.completed(command, "--"), everywhere | options, command)
             for word in sorted(below):
-                self.assertEqual(self.completed(command, word, ""), everywhere | self.listed(command, word)[0],
+                files = {"a-file"} if (command, word) in FILES else set()
+                self.assertEqual(self.completed(command, word, ""), everywhere | files | self.listed(command, word)[0],
                                  (command, word))
+                self.assertEqual(self.completed(command, word, "--"), everywhere | self.listed(command, word)[0])
 
     def test_values(self):
         self.assertEqual(self.completed("tests", "--type", "snmp"), {"snmp", "snmp\\ table"})
         self.assertEqual(self.completed("tests", "--state", "s"), {"stale"})
         self.assertEqual(self.completed("agents", "--state", "s"), {"stale", "silent"})
         self.assertEqual(self.completed("tokens", "add", "x", "--role", "o"), {"operator"})
+        self.assertEqual(self.completed("changes", "--outcome", "u"), {"unanswered"})
+        self.assertEqual(self.completed("watch", "--kind", "c"), {"change"})
+        self.assertEqual(self.completed("changes", "--revision", ""), set())
         self.assertEqual(self.completed("agents", "--token-file", ""), {"a-file"})
         self.assertEqual(self.completed("agents", "--token", ""), set())
 
@@ -510,7 +518,7 @@ class Scripted(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body.encode())
 
-    do_POST = do_DELETE = do_GET
+    do_POST = do_PUT = do_DELETE = do_GET
 
     def log_message(self, *_):
         pass
@@ -525,7 +533,7 @@ def head(*lines):
     return "\r\n".join(("HTTP/1.1 200 OK", "Connection: close", *lines, "", "")).encode()
 
 
-class Odd(CtlTest):
+class Served(CtlTest):
     token = "vt_secret"
 
     def serve(self, *answers, tls=None):
@@ -543,6 +551,8 @@ class Odd(CtlTest):
         self.url = "%s://127.0.0.1:%d/proxy" % ("https" if tls else "http", server.server_address[1])
         return server
 
+
+class Odd(Served):
     def test_lists_are_followed_until_the_limit(self):
         server = self.serve(page("a", "b", next_page="x&y"), page("c", next_page="z"), page("d", "e"))
         self.assertEqual([row["name"] for row in self.rows("agents", "--limit", "4")], list("abcd"))

@@ -8,6 +8,9 @@
 #include "api/route.h"
 #include "api/services.h"
 #include "base/text.h"
+#include "fleet/assigned.h"
+#include "fleet/service.h"
+#include "fleet/wanted.h"
 #include "fuzz.h"
 #include "ingest/ingest.h"
 #include "tests/support/decisions_in_memory.h"
@@ -103,6 +106,54 @@ std::string record_of(uint32_t test, int64_t time, uint32_t status) {
     return record;
 }
 
+/* Reads each text and says what it would give an agent; applies none. */
+class trying_fleet final : public fleet_service {
+public:
+    static constexpr const char in_force[] = "version: 1\ngroups: [] # \xc2\x9b\n";
+
+    fleet_standing standing() const override {
+        return {.revision = 3, .time = noon, .author = "a\nname", .text_revision = 2};
+    }
+    std::string text(int32_t& revision) const override {
+        revision = 2;
+        return in_force;
+    }
+    fleet_outcome try_out(std::string_view text) override {
+        fleet_outcome outcome{.revision = 2};
+        fleet file;
+        if (!read_fleet(text, file, outcome.wrong)) {
+            require(!outcome.wrong.empty());
+            return outcome;
+        }
+        outcome.notes = file.notes;
+        const wanted_agent wanted = wanted_of(file, "a@b.c", "web-1", {}, {});
+        assigned_agent now;
+        outcome.difference.agents.push_back(
+            {.account = "a@b.c",
+             .name = "web-1",
+             .groups = wanted.groups,
+             .poll = wanted.poll,
+             .check = wanted.check,
+             .about_intervals = wanted.about_intervals,
+             .changes = assign(now, wanted, 4, [](std::string_view) { return uint64_t{1}; })});
+        return outcome;
+    }
+    fleet_outcome apply(std::string_view text, const std::string&,
+                        std::optional<int32_t>) override {
+        return try_out(text);
+    }
+    std::vector<std::string> groups_of(std::string_view, std::string_view) const override {
+        return {"a group"};
+    }
+    std::vector<fleet_test_standing> tests_of(std::string_view, std::string_view) const override {
+        return {};
+    }
+    std::optional<fleet_test_standing> test_of(std::string_view, std::string_view, uint32_t,
+                                               int32_t) const override {
+        return std::nullopt;
+    }
+};
+
 class place {
 public:
     place() {
@@ -149,7 +200,8 @@ public:
                     ready = true;
                     return std::vector<std::string>();
                 },
-            .version = "3.0"});
+            .version = "3.0",
+            .fleet = &fleet_});
     }
     ~place() {
         with_.reset();
@@ -180,6 +232,7 @@ private:
     known_agents agents_{kept_, agents_mode::proven, [] { return noon + 120; }};
     known_secrets secrets_{kept_, directory_};
     counters counted_;
+    trying_fleet fleet_;
     std::unique_ptr<api_services> with_;
 };
 
@@ -212,6 +265,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(answer.body.find('\0') == std::string::npos && valid_utf8(answer.body) == answer.body);
     if (answer.type == open_metrics_type) {
         require(answer.status == 304 || open_metrics().read(answer.body).empty());
+    } else if (answer.type == "application/yaml") {
+        require(answer.body.empty() || answer.body == trying_fleet::in_force);
     } else if (!answer.body.empty() && answer.type != metric_text_type) {
         boost::json::error_code error;
         boost::json::value value = boost::json::parse(answer.body, error);

@@ -10,7 +10,9 @@
 #include "base/record_summary.h"
 #include "base/text.h"
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <optional>
 #include <set>
 #include <sys/stat.h>
@@ -93,11 +95,14 @@ void add_agents_side(metric_text& to, const counters& all) {
               all.body_bytes);
 }
 
-void add_storing(metric_text& to, const counters& all, queue_load waiting) {
+void add_storing(metric_text& to, const counters& all, queue_load waiting, queue_delay behind) {
     add_gauge(to, "vindral_queue_bytes", "bytes", "Results that wait to be stored.",
               static_cast<double>(waiting.bytes));
     add_gauge(to, "vindral_queue_blocks", "", "Polls whose results wait to be stored.",
               static_cast<double>(waiting.blocks));
+    add_gauge(to, "vindral_behind_seconds", "seconds",
+              "How long the oldest results that wait to be stored have waited.",
+              std::chrono::duration<double>(std::max(behind.small, behind.large)).count());
     to.begin("vindral_commit_duration_seconds", metric_type::histogram, "seconds",
              "How long storing what waited took, from the begin to the commit.");
     to.add(all.commits);
@@ -367,7 +372,7 @@ api_answer metrics(const api_request& asked, api_services& with) {
     metric_text text(format);
     add_process(text, with.version);
     add_agents_side(text, with.counted);
-    add_storing(text, with.counted, with.results.waiting());
+    add_storing(text, with.counted, with.results.waiting(), with.results.behind());
     add_identities(text, with.agents, with.now());
     add_fleet(text, with.fleet);
     add_stored(text, asked, with);

@@ -3,7 +3,7 @@
 core, what a poll waits, what a result takes on disk, and how long reading takes, with a history and while results
 come. Beside it, where they are installed, Prometheus and VictoriaMetrics with the same samples of fewer agents.
 
-    tests/bench/fleet.py [load] [history] [drop] [test] [api] [proven] [peers] [--agents 1000] [--days 2] [--before 30]
+    tests/bench/fleet.py [load] [history] [drop] [test] [api] [proven] [returning] [peers] [--agents 1000] [--days 2] [--before 30]
         [--seconds 300] [--directory /var/tmp] [--beside COLLECTOR] [--store DIRECTORY] [--ahead]
 
 `load`: polls to an empty collector, at the same time to that of another version with --beside.
@@ -14,7 +14,9 @@ found there. --ahead: what reads (and the peers) goes before everything else on 
 seconds, with nobody asking, lists and series asked, --readers streams read, both, and --stalled streams that nobody
 reads; with --beside also those of another version that nobody asks. --store as with `history`; without, there is
 nothing but what comes, and series are short. `proven`: what polls cost a collector of agents that prove themselves by a certificate,
-beside two of agents that do not, in both orders. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
+beside two of agents that do not, in both orders. `returning`: agents that come back after an outage, each with the results of --kept minutes, over the interval or all
+--within so many seconds; a line for each second, what the collector does meanwhile, and whether anything was lost or
+stored twice. --max-logins and --max-behind are the collector's, --sync-ms makes its disk slower. `drop`: polls while a collector drops the days of such a store but the last. `test` is one agent over
 two years. Debian's prometheus (with promtool) and victoria-metrics for the peers; eatmydata makes filling quicker."""
 
 import argparse
@@ -22,6 +24,7 @@ import json
 import os
 import shutil
 import sqlite3
+import struct
 import subprocess
 import sys
 import tempfile
@@ -433,7 +436,73 @@ def proven(options, home):
             flush=True)
 
 
-PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "proven": proven, "peers": peers}
+def metrics_of(url, token):
+    """The samples without labels, and the refusals by reason."""
+    request = urllib.request.Request(url + "/metrics", headers={"Authorization": "Bearer " + token})
+    found = {}
+    with urllib.request.urlopen(request) as answer:
+        for line in answer.read().decode("utf-8").splitlines():
+            name, _, value = line.rpartition(" ")
+            if name.startswith("vindral_refusals_total{"):
+                found[name.partition('"')[2].partition('"')[0]] = float(value)
+            elif not line.startswith("#") and "{" not in name:
+                found[name] = float(value)
+    return found
+
+
+def slow_disk(options, home):
+    """The environment of a collector whose disk takes so much longer."""
+    if not options.sync_ms:
+        return None
+    library, control = os.path.join(home, "shim.so"), os.path.join(home, "control")
+    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library,
+                    os.path.join(whole.TOP, "tests/system/faults/shim.c")], check=True)
+    whole.peers.write_text(control, struct.pack("6q", 0, 0, 0, 0, 0, options.sync_ms))
+    return dict(os.environ, LD_PRELOAD=library, FAULT_CONTROL=control)
+
+
+def returning(options, home):
+    port_file, listed = os.path.join(home, "web-port"), os.path.join(home, "results")
+    limits = [word for name in ("max-logins", "max-behind") for word in
+              ("--" + name, str(getattr(options, name.replace("-", "_")))) if getattr(options, name.replace("-", "_"))]
+    process, port = whole.start_collector(
+        home, options=[*KEEP_ALL, "--web", "127.0.0.1:0", "--web-port-file", port_file, *limits],
+        program=os.path.join(whole.BUILD, "vindral-collector"), env=slow_disk(options, home))
+    token = make_token(home, "bench%d" % os.getpid())
+    with open(port_file, encoding="ascii") as file:
+        url = "http://127.0.0.1:" + file.read().strip()
+    fleet = subprocess.Popen(
+        [os.path.join(whole.BENCH, "fleet_return"), "--port", str(port), "--agents", str(options.agents), "--interval",
+         str(options.interval), "--kept", str(options.kept), "--seconds", str(options.seconds), "--within",
+         str(options.within), "--expected", listed], stdout=subprocess.PIPE, encoding="ascii")
+    whole.count_on(fleet, "fleet_return")
+    before, begun = None, 0
+    for line in fleet.stdout:
+        if not line[0].isdigit():
+            print(line.rstrip() + ("\thandshakes\tbehind, s\tqueue, MB\tresident, MB\tprocessor, %"
+                                   if line.startswith("second") else ""), flush=True)
+            continue
+        now, at = metrics_of(url, token), time.monotonic()
+        before = before or dict(now, process_cpu_seconds_total=0)
+        print("%s\t%d\t%.1f\t%.1f\t%.0f\t%.0f" % (
+            line.rstrip(), now["vindral_connections_total"] - before["vindral_connections_total"],
+            now["vindral_behind_seconds"], now["vindral_queue_bytes"] / 1e6, now["process_resident_memory_bytes"] / 1e6,
+            100 * (now["process_cpu_seconds_total"] - before["process_cpu_seconds_total"]) / (at - begun) if begun else 0),
+            flush=True)
+        before, begun = now, at
+    whole.end(fleet)
+    print("# collector: %s" % ", ".join("%s %d" % (name, before[name]) for name in (
+        "vindral_logins_total", "vindral_polls_total", "vindral_repeated_polls_total", "behind", "logins", "session",
+        "storing", "memory", "connections", "tls", "request")), flush=True)
+    peak = whole.peers.read_text("/proc/%d/status" % process.pid).partition("VmHWM:")[2].split()[0]
+    print("# most memory: %.0f MB" % (int(peak) / 1024), flush=True)
+    whole.end(process)
+    if tool("fleet_return", "verify", os.path.join(home, "state"), listed).returncode != 0:
+        sys.exit("not all was stored once")
+
+
+PARTS = {"load": load, "history": history, "drop": drop, "test": one_test, "api": api, "proven": proven, "returning": returning,
+         "peers": peers}
 
 
 def main():
@@ -453,6 +522,11 @@ def main():
     parser.add_argument("--phase", type=int, default=60)
     parser.add_argument("--phases", default="nobody,asked,nobody,streams,both,stalled")
     parser.add_argument("--rounds", type=int, default=2)
+    parser.add_argument("--kept", type=int, default=10)
+    parser.add_argument("--within", type=int, default=0)
+    parser.add_argument("--max-logins", type=int)
+    parser.add_argument("--max-behind", type=int)
+    parser.add_argument("--sync-ms", type=int, default=0)
     options = parser.parse_args()
     for part in options.parts or PARTS:
         home = tempfile.mkdtemp(prefix="vindral-bench-", dir=options.directory)

@@ -55,7 +55,7 @@ namespace {
 
 int port = 8443, interval = 60, kept = 10, seconds = 120, within = 0;
 uint32_t agents = 1000;
-const char* expected = nullptr;
+const char* list_file = nullptr;
 
 /* What an exchange comes to, as an agent sees it. */
 enum outcome { polled, logged_in, sent_away, no_connection, too_late, internal, outcomes };
@@ -355,7 +355,7 @@ int main(int argc, char** argv) {
             within = atoi(optarg);
             break;
         case 'e':
-            expected = optarg;
+            list_file = optarg;
             break;
         default:
             return 2;
@@ -395,8 +395,8 @@ int main(int argc, char** argv) {
     asio::co_spawn(context, tell(context, begun), asio::detached);
     context.run();
     sum_up(fleet);
-    if (expected) {
-        std::ofstream out(expected);
+    if (list_file) {
+        std::ofstream out(list_file);
         for (const agent& a : fleet) {
             out << a.name() << ' ' << a.first << ' ' << interval << ' ' << a.passes << '\n';
         }

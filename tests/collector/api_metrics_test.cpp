@@ -2,6 +2,7 @@
 #include "api/metrics.cpp"
 
 #include "api_place.h"
+#include "eventually.h"
 #include "open_metrics.h"
 
 #include <future>
@@ -378,6 +379,7 @@ TEST_F(api_metrics_test, a_deadline_ends_what_takes_long) {
 /* Every scrape asks: a writer that does not get on tells nobody. */
 TEST_F(api_metrics_test, the_queue_as_it_is_now) {
     EXPECT_EQ(read().value("vindral_queue_bytes"), 0);
+    EXPECT_EQ(read().value("vindral_behind_seconds"), 0);
     std::promise<void> go_on, is_held;
     auto held = go_on.get_future().share();
     store->update([held, &is_held](engine&) { return is_held.set_value(), held.wait(), true; },
@@ -390,7 +392,9 @@ TEST_F(api_metrics_test, the_queue_as_it_is_now) {
     open_metrics found = read();
     EXPECT_EQ(found.value("vindral_queue_bytes"), static_cast<double>(records.size()));
     EXPECT_EQ(found.value("vindral_queue_blocks"), 1);
+    EXPECT_TRUE(eventually([&] { return read().value("vindral_behind_seconds") > 0.05; }));
     go_on.set_value();
     EXPECT_EQ(stored_now.get_future().get(), store_result::stored);
     EXPECT_EQ(read().value("vindral_queue_blocks"), 0);
+    EXPECT_EQ(read().value("vindral_behind_seconds"), 0);
 }

@@ -66,6 +66,7 @@ public:
     }
 
     queue_load waiting() override { return queued ? *queued : to_.waiting(); }
+    queue_delay behind() override { return to_.behind(); }
 
     std::optional<queue_load> queued;
     std::atomic<int> changes = 0;

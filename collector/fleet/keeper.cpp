@@ -416,6 +416,21 @@ void keeper_body::tell_finished() {
     }
 }
 
+void keeper_body::follow(std::vector<ingest::agent_plan> plans) {
+    if (plans.empty()) {
+        return;
+    }
+    if (options_.on_plans) {
+        std::vector<agent_summary> shown;
+        shown.reserve(plans.size());
+        for (const ingest::agent_plan& each : plans) {
+            shown.push_back({each.account, each.agent, each.plan});
+        }
+        options_.on_plans(std::move(shown));
+    }
+    results_->follow_agents(std::move(plans));
+}
+
 /* With what is stored, before anything is made of the file. With the mutex. */
 void keeper_body::tell_stored_expectations() {
     std::vector<ingest::agent_plan> plans;
@@ -427,9 +442,7 @@ void keeper_body::tell_stored_expectations() {
                              .definitions = {}});
         }
     }
-    if (!plans.empty()) {
-        results_->follow_agents(std::move(plans));
-    }
+    follow(std::move(plans));
 }
 
 void keeper_body::tell_expectations(const fleet_work& done) {
@@ -442,7 +455,5 @@ void keeper_body::tell_expectations(const fleet_work& done) {
                              .definitions = definitions_of(*made.now)});
         }
     }
-    if (!plans.empty()) {
-        results_->follow_agents(std::move(plans));
-    }
+    follow(std::move(plans));
 }

@@ -21,6 +21,7 @@
 #include "ingest/instructions.h"
 #include "ingest/test_names.h"
 #include "plan/known_secrets.h"
+#include "state/expectations.h"
 #include "store/settings.h"
 
 #include <functional>
@@ -36,6 +37,8 @@ struct keeper_options {
     std::function<void(const std::string&)> log = {}; /* a line; any thread */
     /* A change as the API shows it has another outcome, or is new: for the stream. Any thread. */
     std::function<void(const stored_change&)> on_change = {};
+    /* What ingest::follow_agents() is told, without definitions. Any thread. */
+    std::function<void(std::vector<agent_summary>)> on_plans = {};
 };
 
 class fleet_keeper : public instructions,

@@ -197,6 +197,7 @@ private:
     steady::time_point next_look(steady::time_point tick) const;
     void take_due(std::vector<agent_basis>& due);
     work_pointer collect_unsaved();
+    void follow(std::vector<ingest::agent_plan> plans);
     void tell_stored_expectations();
     void make_due(kept_agent& of);
     void note(kept_agent& of); /* something of it is to be stored, or it is counted anew */

@@ -9,8 +9,12 @@ bool fleet_side::open(known_secrets* secrets, settings* kept, std::vector<std::s
     wanted.kept = kept;
     wanted.log = log_;
     wanted.on_change = [this](const stored_change& what) { live_.tell(what); };
+    wanted.on_plans = [this](std::vector<agent_summary> plans) {
+        shown_.on_agent_plans(std::move(plans));
+    };
     keeper_ = fleet_keeper::open(std::move(wanted), early, error);
     heard_.set(keeper_.get());
+    shown_.name_tests(keeper_.get());
     return keeper_ != nullptr;
 }
 

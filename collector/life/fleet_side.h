@@ -7,6 +7,7 @@
 #include "api/live_changes.h"
 #include "fleet/keeper.h"
 #include "life/options.h"
+#include "show/output.h"
 
 #include <atomic>
 #include <functional>
@@ -18,8 +19,10 @@ class fleet_side {
 public:
     using log_function = std::function<void(const std::string&)>; /* on any thread */
 
-    fleet_side(const options& o, event_hub& hub, log_function log)
-        : options_(o), log_(std::move(log)), live_(hub, o.state_dir) {}
+    /* `shown` is told of plans and names, as long as this is there. */
+    fleet_side(const options& o, event_hub& hub, result_output& shown, log_function log)
+        : options_(o), log_(std::move(log)), shown_(shown), live_(hub, o.state_dir) {}
+    ~fleet_side() { shown_.name_tests(nullptr); }
 
     /* What the store's thread is to tell. Hears nothing before open(). */
     store_listener& listener() { return heard_; }
@@ -58,6 +61,7 @@ private:
 
     const options& options_;
     const log_function log_;
+    result_output& shown_;
     live_changes live_;
     std::unique_ptr<fleet_keeper> keeper_;
     late_listener heard_;

@@ -182,7 +182,7 @@ static int run_server(const options& o) {
     keeping.max_large_queued = 24 * (o.max_body_mb << 20); /* what the server lets in at most */
     event_hub hub;
     live_messages live(hub, o.state_dir);
-    fleet_side fleet(o, hub, report); /* outlives the store's thread */
+    fleet_side fleet(o, hub, *output, report); /* outlives the store's thread */
     store_listeners told({output.get(), &live, &fleet.listener()});
     std::unique_ptr<ingest> results = ingest::open(keeping, &told, error);
     if (!results) {
@@ -218,6 +218,9 @@ static int run_server(const options& o) {
         is_planned ? identities.secrets() : nullptr);
     if (!lines.refresh()) {
         return fail(early.empty() ? "cannot read the plan " + o.plan : early.back());
+    }
+    if (!is_planned) {
+        results->follow({}, {}); /* not what the last run had */
     }
     known_tests earlier;
     if (is_planned) {
@@ -291,6 +294,7 @@ static int run_server(const options& o) {
     api.stop();
     fleet.stop();
     results.reset(); /* before the server that its thread may still be calling */
+    output->finish();
     if (!o.port_file.empty()) {
         unlink(o.port_file.c_str());
     }

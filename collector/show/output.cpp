@@ -42,14 +42,9 @@ public:
         pthread_setname_np(thread_.native_handle(), "output");
     }
 
-    ~queued_output() override {
-        {
-            std::lock_guard hold(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_one();
-        thread_.join();
-    }
+    ~queued_output() override { end(); }
+
+    void finish() override { end(); }
 
     void on_record(const poll_block& from, const decoded_record& result) override {
         if (!view_->shows_records()) {
@@ -160,6 +155,18 @@ public:
     }
 
 private:
+    void end() {
+        if (!thread_.joinable()) {
+            return;
+        }
+        {
+            std::lock_guard hold(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
     enum { max_shown = 1 << 20 };
     static constexpr std::chrono::seconds longest_beginning{1};
 

@@ -54,6 +54,9 @@ public:
      * output's thread, and not any more when another is set, or null: nobody gives names. */
     virtual void name_tests(const test_names* names) = 0;
 
+    /* Does what the destructor would: nothing is shown any more. Before those who give names go. */
+    virtual void finish() = 0;
+
     /* A line for the log that is no problem: a log-in. The table does without. */
     virtual void on_note(const std::string& text) = 0;
 };

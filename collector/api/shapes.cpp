@@ -161,9 +161,7 @@ json::object generic_part(const record& r, size_t place) {
 
 void add_nested(part_list& parts, const record& r, const protocol::record_def& schema) {
     const protocol::part_def& known = *schema.parts;
-    const bool is_cpu = schema.code == protocol::cpu.code;
-    const std::string one = is_cpu ? "processor " : "object ";
-    std::optional<size_t> message = index_of(known.values, protocol::value_role::message);
+    const std::string one = schema.code == protocol::cpu.code ? "processor " : "object ";
     size_t place = 0;
     for_each_nested_while(r, [&](const record& part) {
         if (!parts.has_room()) {
@@ -175,13 +173,8 @@ void add_nested(part_list& parts, const record& r, const protocol::record_def& s
             return true;
         }
         std::optional<int32_t> status = status_of(part, known);
-        json::object values = values_of(part, known.values, "");
-        if (is_cpu) { /* a record has these two crossed */
-            swap(values["system"], values["nice"]);
-        }
-        parts.add(part_of(one + std::to_string(place), std::move(values),
-                          json_status(schema.code, status),
-                          message && *message < part.strings.size() ? part.strings[*message] : ""));
+        parts.add(part_of(one + std::to_string(place), values_of(part, known.values, ""),
+                          json_status(schema.code, status), message_of(part, known)));
         return true;
     });
 }

@@ -107,8 +107,67 @@ std::string status_word(uint32_t type, int32_t status) {
     }
 }
 
+/* ---- a local CPU ---- */
+
+bool is_crossed(const record& r, std::span<const value_def> table) {
+    return table.data() == std::data(protocol::rows::processor) ||
+           (table.data() == std::data(protocol::rows::cpu) && !r.nested.empty());
+}
+
+size_t uncrossed_index(const value_def& row, size_t index) {
+    constexpr std::string_view system = "system", nice = "nice";
+    return row.name == system ? index + 1 : row.name == nice ? index - 1 : index;
+}
+
+/* The order in which for_each_value() finds them. */
+static_assert(std::string_view(protocol::rows::cpu[5].name) == "system" &&
+              std::string_view(protocol::rows::cpu[6].name) == "nice" &&
+              std::string_view(protocol::rows::processor[1].name) == "system" &&
+              std::string_view(protocol::rows::processor[2].name) == "nice");
+
+namespace {
+
+/* Each line of it begins with what it is about. */
+std::string uncrossed(std::string_view message) {
+    constexpr std::string_view system = "System", nice = "Nice", about = " CPU usage:";
+    auto is_about = [&](std::string_view line, std::string_view what) {
+        return line.starts_with(what) && line.substr(what.size()).starts_with(about);
+    };
+    std::string text;
+    while (!message.empty()) {
+        std::string_view line =
+            message.substr(0, std::min(message.find('\n'), message.size() - 1) + 1);
+        message.remove_prefix(line.size());
+        if (is_about(line, system)) {
+            text.append(nice).append(line.substr(system.size()));
+        } else if (is_about(line, nice)) {
+            text.append(system).append(line.substr(nice.size()));
+        } else {
+            text += line;
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+std::string message_of(const record& r, const record_summary& summary) {
+    return summary.schema != nullptr && is_crossed(r, summary.schema->values)
+               ? uncrossed(summary.message)
+               : std::string(summary.message);
+}
+
+std::string message_of(const record& part, const protocol::part_def& schema) {
+    std::optional<size_t> index = index_of(schema.values, value_role::message);
+    if (!index || *index >= part.strings.size()) {
+        return "";
+    }
+    return is_crossed(part, schema.values) ? uncrossed(part.strings[*index])
+                                           : std::string(part.strings[*index]);
+}
+
 verdict judge(const record& r, const record_summary& summary) {
-    verdict v{summary.status, std::string(summary.message)};
+    verdict v{summary.status, message_of(r, summary)};
     const protocol::part_def* known = summary.schema != nullptr ? summary.schema->parts : nullptr;
     if (summary.status != protocol::status_ok || known == nullptr || !known->judged_alone) {
         return v;

@@ -31,6 +31,16 @@ struct decoded_record {
     record_summary summary;
 };
 
+/* CROSSED  Agents exchange two shares of a local CPU test: what they send as the system's is that
+ * of nice processes, and the other way round, in values and messages, of all processors together
+ * and of each. Everybody here gets it uncrossed by for_each_value(), message_of() and judge(); the
+ * record itself stays as it was sent. Of a remote host, whose records have no processors, nothing
+ * is crossed. */
+
+/* The message of the record, and of a nested one. */
+std::string message_of(const record& r, const record_summary& summary);
+std::string message_of(const record& part, const protocol::part_def& schema);
+
 /* "load average", or "type 99" for one that has no row. */
 std::string type_name(uint32_t type);
 
@@ -75,13 +85,20 @@ inline bool has_value(const record& r, protocol::value_type type, size_t index) 
                        r, type, [](const auto& values) { return values.size(); });
 }
 
+/* Whether the record, or the nested one that the table describes, is of a local CPU. */
+bool is_crossed(const record& r, std::span<const protocol::value_def> table);
+/* Where the value that such a row names is, which is at `index` by the table. */
+size_t uncrossed_index(const protocol::value_def& row, size_t index);
+
 /* Calls use(row, index among the values of its type) for each row of role `value` that the record
  * has. */
 template <typename Do>
 void for_each_value(const record& r, std::span<const protocol::value_def> table, Do use) {
     size_t next[6] = {}; /* one for each protocol::value_type */
+    const bool crossed = is_crossed(r, table);
     for (const protocol::value_def& row : table) {
         size_t index = next[static_cast<size_t>(row.type)]++;
+        index = crossed ? uncrossed_index(row, index) : index;
         if (row.role == protocol::value_role::value && has_value(r, row.type, index)) {
             use(row, index);
         }

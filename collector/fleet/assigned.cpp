@@ -155,10 +155,11 @@ std::string percent_text(double share) {
 }
 
 std::string about(const wanted_test& test) {
-    if (!test.what->free_share) {
+    const std::optional<double>& least = test.what->free_share;
+    if (!least) {
         return "";
     }
-    std::string share = percent_text(*test.what->free_share);
+    std::string share = percent_text(*least);
     if (test.whole_gb <= 0) {
         return share + ", as soon as it is known of how much";
     }

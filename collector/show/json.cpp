@@ -79,7 +79,7 @@ static json::object named_values(const record& r, std::span<const protocol::valu
 /* Nested records that the type knows, each with its status, values and message. */
 static void add_parts(json::object& object, const record& r, const protocol::record_def& schema) {
     const protocol::part_def& known = *schema.parts;
-    std::optional<size_t> message = index_of(known.values, protocol::value_role::message);
+    const bool has_message = find_role(known.values, protocol::value_role::message) != nullptr;
     json::array parts;
     for_each_nested(r, [&](const record& part) {
         if (!is_as_described(part, known)) {
@@ -92,9 +92,8 @@ static void add_parts(json::object& object, const record& r, const protocol::rec
             shown.emplace("status_text", status_word(schema.code, *status));
         }
         shown.emplace("values", named_values(part, known.values));
-        if (message) {
-            bool there = *message < part.strings.size();
-            shown.emplace("message", json_of(there ? part.strings[*message] : ""));
+        if (has_message) {
+            shown.emplace("message", json_of(message_of(part, known)));
         }
         parts.push_back(std::move(shown));
     });
@@ -171,7 +170,7 @@ std::string record_json(std::string_view account, std::string_view agent, int64_
                                           ? json::value(status_word(summary.type, *summary.status))
                                           : nullptr);
         object.emplace("values", named_values(r, summary.schema->values));
-        object.emplace("message", valid_utf8(summary.message));
+        object.emplace("message", valid_utf8(message_of(r, summary)));
     }
     if (summary.schema != nullptr && summary.schema->is_table) {
         add_table(object, r);

@@ -68,8 +68,9 @@ public:
             out += status_word(summary.type, *status) + ", ";
         }
         out += printable(values_text(r, summary, max_in_line));
-        bool whole = summary.message.size() <= max_in_line;
-        std::string message = printable(summary.message.substr(0, max_in_line));
+        std::string message = message_of(r, summary);
+        bool whole = message.size() <= max_in_line;
+        message = printable(std::string_view(message).substr(0, max_in_line));
         out += (message.empty() ? "" : ", " + message) + (whole ? "\n" : " ...\n");
     }
 

@@ -25,8 +25,6 @@ constexpr size_t position_of(std::span<const value_def> table, std::string_view 
 constexpr size_t pid_row = position_of(protocol::rows::process, "pid");
 constexpr size_t pid_index = index_of(protocol::rows::process, pid_row);
 constexpr size_t round_trip_row = position_of(protocol::rows::ping, "round_trip");
-constexpr size_t cpu_system = position_of(protocol::rows::cpu, "system");
-constexpr size_t cpu_nice = position_of(protocol::rows::cpu, "nice");
 constexpr size_t mysql_list =
     index_of(protocol::rows::mysql, position_of(protocol::rows::mysql, "result"));
 constexpr size_t object_type = index_of(protocol::rows::snmp_object, 0);
@@ -116,7 +114,6 @@ void read_values(const record& r, const record_summary& what, std::vector<result
         return;
     }
     std::span<const value_def> table = what.schema->values;
-    bool local_cpu = what.type == protocol::cpu.code && !r.nested.empty();
     for_each_value(r, table, [&](const value_def& row, size_t index) {
         auto position = static_cast<size_t>(&row - table.data());
         if (!is_number(what.type, table, position) || is_none(r, row, index)) {
@@ -137,15 +134,8 @@ void read_values(const record& r, const record_summary& what, std::vector<result
             (what.type == protocol::ping.code && position == round_trip_row && value == 0)) {
             return;
         }
-        if (local_cpu && (position == cpu_system || position == cpu_nice)) {
-            position = cpu_system + cpu_nice - position;
-        }
         values.push_back({static_cast<uint32_t>(position), value});
     });
-    if (local_cpu) {
-        std::sort(values.begin(), values.end(),
-                  [](const result_value& a, const result_value& b) { return a.id < b.id; });
-    }
     if (what.type == protocol::process.code) {
         values.push_back({value_processes, r.ui32[pid_index] != 0 ? 1.0 : 0.0});
     } else if (what.schema->is_table) {

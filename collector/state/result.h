@@ -10,8 +10,7 @@
  * many records with a process) of process tests, whose other values are sums over the pass; `rows`
  * of SNMP tables. From 1000 on stand numbers out of lists, each where its place in the list is: the
  * objects of an SNMP get, "object 1" first, and the values of a MySQL test, "result", "result 2"
- * and so on; max_listed of them. The system's and the nice processes' shares of a local CPU, which
- * the records have crossed, stand where their names say.
+ * and so on; max_listed of them. What agents cross (base/record_summary.h) is uncrossed.
  *
  * Quantities that are not available are no values: what the protocol says is none, what is not
  * finite, all of a remote query that failed or a disk that was not found, and the round trip of a

@@ -108,12 +108,52 @@ TEST(schema, processors_are_parts_of_the_cpu_record) {
                          .nested = {part.bytes(), odd.bytes()}};
     std::string bytes = whole.bytes();
     record r = decode(bytes);
-    EXPECT_EQ(values_text(r, summarize(r)), "user 1% system 2% nice 3% idle 94% iowait 0%");
+    EXPECT_EQ(values_text(r, summarize(r)), "user 1% system 3% nice 2% idle 94% iowait 0%");
     std::string text = json_of(bytes);
     EXPECT_EQ(text.substr(text.find("\"message\":\"fine")),
               R"("message":"fine\n","processors":[{"status":2,"status_text":"limit reached",)"
-              R"("values":{"user":1E1,"system":2E1,"nice":3E1,"idle":4E1,"iowait":0E0},)"
+              R"("values":{"user":1E1,"system":3E1,"nice":2E1,"idle":4E1,"iowait":0E0},)"
               R"("message":"high\n"},{"ui32":[1,2]}]})");
+}
+
+TEST(schema, a_local_cpu_is_uncrossed_in_its_messages_too) {
+    const std::string sent =
+        "User CPU usage: 10.00 / Max value: 10\n"
+        "System CPU usage: 20.00 / Max value: 20\n"
+        "Nice CPU usage: 30.00 / Max value: 30\n"
+        "CPU Idle: 30.00 / Min value: 31\nSystem CPU usages\nSystem CPU usage: "
+        "cut";
+    const std::string meant = "User CPU usage: 10.00 / Max value: 10\n"
+                              "Nice CPU usage: 20.00 / Max value: 20\n"
+                              "System CPU usage: 30.00 / Max value: 30\n"
+                              "CPU Idle: 30.00 / Min value: 31\nSystem CPU usages\nNice CPU usage: "
+                              "cut";
+    record_builder part{.ui32 = {2}, .d64 = {10, 20, 30, 40, 0}, .strings = {sent}};
+    record_builder whole{
+        .ui32 = {44, 5, 7, 2}, .i64 = {9}, .d64 = {1, 2, 3, 94, 0}, .strings = {sent}};
+    for (bool is_local : {false, true}) {
+        if (is_local) {
+            whole.nested = {part.bytes()};
+        }
+        std::string bytes = whole.bytes();
+        record r = decode(bytes);
+        record_summary summary = summarize(r);
+        EXPECT_EQ(message_of(r, summary), is_local ? meant : sent);
+        EXPECT_EQ(judge(r, summary).reason, is_local ? meant : sent);
+        EXPECT_EQ(summary.message, sent) << "what was sent is as it was";
+        std::string text = json_of(bytes);
+        EXPECT_EQ(text.find("System CPU usage: 20") == text.npos, is_local);
+        EXPECT_EQ(text.find("Nice CPU usage: 30") == text.npos, is_local);
+        if (is_local) {
+            EXPECT_NE(text.find("System CPU usage: 30.00", text.find("\"processors\"")), text.npos);
+        } else {
+            EXPECT_EQ(values_text(r, summary), "user 1% system 2% nice 3% idle 94% iowait 0%");
+        }
+    }
+    whole.strings = {""};
+    std::string bytes = whole.bytes();
+    record r = decode(bytes);
+    EXPECT_EQ(message_of(r, summarize(r)), "");
 }
 
 TEST(schema, objects_of_a_get) {

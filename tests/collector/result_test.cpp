@@ -126,6 +126,11 @@ TEST(result, local_cpu_is_uncrossed) {
                          .strings = {"m"},
                          .nested = {part.bytes()}};
     EXPECT_EQ(values_of(only({whole.bytes()})), "user 1%, system 3%, nice 2%, idle 94%, iowait 0%");
+    whole.strings = {"Nice CPU usage: 3.00 / Max value: 2\n"};
+    whole.ui32[3] = 2;
+    result r = only({whole.bytes()});
+    EXPECT_EQ(r.message, "System CPU usage: 3.00 / Max value: 2\n");
+    EXPECT_EQ(r.records, std::vector<std::string>{whole.bytes()}) << "it is kept as sent";
 }
 
 static std::string object(uint32_t type, uint32_t status, const std::string& value) {

@@ -31,7 +31,7 @@ class OnTerminal(harness.Collector):
         with open(os.path.join(self.dir, "errors"), "ab") as errors:
             self.process = subprocess.Popen(
                 [harness.COLLECTOR, "--web", "off", "--port", str(self.port), "--port-file", self.port_file,
-                 "--state-dir", self.state, "--plan", self.plan, *self.options, *options],
+                 "--state-dir", self.state, *self.rules, *self.options, *options],
                 stdin=subprocess.DEVNULL, stdout=theirs, stderr=errors,
                 env=dict(self.env, TERM="xterm"))
         os.close(theirs)

@@ -43,8 +43,9 @@ std::string field_text(const json::object& field, bool is_added) {
                           : name + " " + from + " -> " + to;
 }
 
-/* "disk: free 5 GB -> 10 %; 10 % of 50 GB" */
+/* "disk: free 5 GB -> 10 %; 10 % of 50 GB"; of one that is added "disk /, free 10 %". */
 std::string detail_of(const json::object& change) {
+    const std::string type = text_in(change, "type");
     std::string text;
     auto add = [&](const std::string& more, const char* between) {
         text += (text.empty() || more.empty() ? "" : between) + more;
@@ -63,7 +64,9 @@ std::string detail_of(const json::object& change) {
     if (const std::string reason = text_in(change, "reason"); reason != impossible) {
         add(reason, "; ");
     }
-    const std::string type = text_in(change, "type");
+    if (is_added && text.starts_with(type + " ")) {
+        return text;
+    }
     return type + (type.empty() || text.empty() ? "" : ": ") + text;
 }
 

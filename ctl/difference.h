@@ -14,7 +14,7 @@ bool makes_difference(const boost::json::object& outcome);
  * (+), changed (~), renamed (>), removed (-), and what cannot be (!). Empty when there is nothing.
  *
  *     web-1, web-2 and 18 more:
- *       + front page  http: https://shop.example.org/, within 5s
+ *       + front page  http https://shop.example.org/, within 5s
  *       ~ root disk   disk: free 5 GB -> 10 % */
 std::string difference_text(const boost::json::object& outcome, const screen& on);
 

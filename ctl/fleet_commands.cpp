@@ -117,29 +117,23 @@ bool is_pending(const place& here, const std::string& revision) {
     return is_any;
 }
 
-list_def change_list(size_t limit) {
-    return {"/api/v1/changes",
-            "changes",
-            {{"TIME"},
-             {.head = "REV", .is_right = true},
-             {.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
-             {.head = "TEST", .least = 8},
-             {"ACTION"},
-             {"OUTCOME"},
-             {.head = "REASON", .least = 8, .share = 3}},
-            limit};
-}
-
 std::string change_name(const place& here, const json::object& change) {
     const std::string name = text_cell(here, change, "test"), was = text_cell(here, change, "was");
     return name.empty() ? "(intervals)" : was.empty() ? name : name + " (was " + was + ")";
 }
 
-std::vector<table_cell> change_row(const place& here, const json::object& change) {
+/* Of changes that are open: what is to be seen is why. */
+std::vector<table_column> open_columns() {
+    return {{.head = "AGENT", .least = 8, .keeps_end = true, .is_agent = true},
+            {.head = "TEST", .least = 8},
+            {"ACTION"},
+            {"OUTCOME"},
+            {.head = "REASON", .least = 8, .share = 3}};
+}
+
+std::vector<table_cell> open_row(const place& here, const json::object& change) {
     const std::string outcome = text_cell(here, change, "outcome");
-    return {{short_time_cell(here, change, "time")},
-            {number_cell(change, "revision")},
-            {agent_cell(here, change)},
+    return {{agent_cell(here, change)},
             {change_name(here, change)},
             {text_cell(here, change, "action")},
             {outcome, tint_of_outcome(outcome)},
@@ -157,11 +151,11 @@ int wait_for_agents(const place& here, int64_t revision, int64_t seconds) {
         is_open = is_pending(here, of);
     }
     size_t count = 0;
-    table rows(change_list(0).columns);
+    table rows(open_columns());
     here.with.list("/api/v1/changes", {{"revision", of}, {"open", "1"}}, 0,
                    [&](const json::object& change) {
                        count++;
-                       rows.add(change_row(here, change));
+                       rows.add(open_row(here, change));
                    });
     if (count == 0) {
         tell("every change is confirmed");
@@ -342,8 +336,9 @@ int run_fleet_status(const place& here) {
         return status;
     }
     put("\n");
-    const int listed = put_list(here, change_list(100), {{"open", "1"}},
-                                [&](const json::object& one) { return change_row(here, one); });
+    const list_def list = {"/api/v1/changes", "changes", open_columns(), 100};
+    const int listed = put_list(here, list, {{"open", "1"}},
+                                [&](const json::object& one) { return open_row(here, one); });
     return std::max(status, listed);
 }
 
@@ -369,7 +364,15 @@ int run_fleet_log(const place& here) {
 }
 
 int run_changes(const place& here) {
-    return put_list(here, change_list(100),
+    std::vector<table_column> columns = open_columns();
+    columns.insert(columns.begin(), {{"TIME"}, {.head = "REV", .is_right = true}});
+    auto row_of = [&](const json::object& one) {
+        std::vector<table_cell> row = open_row(here, one);
+        row.insert(row.begin(),
+                   {{short_time_cell(here, one, "time")}, {number_cell(one, "revision")}});
+        return row;
+    };
+    return put_list(here, {"/api/v1/changes", "changes", columns, 100},
                     {{"agent", agent_parameter(here)},
                      {"group", here.said.group},
                      {"test", here.said.test},
@@ -378,5 +381,5 @@ int run_changes(const place& here) {
                      {"open", here.said.open ? "1" : ""},
                      {"from", time_parameter(here, here.said.from, "--from")},
                      {"to", time_parameter(here, here.said.to, "--to")}},
-                    [&](const json::object& one) { return change_row(here, one); });
+                    row_of);
 }

@@ -74,7 +74,7 @@ TEST(difference, what_agents_have_in_common_stands_once) {
                  agent("web-3", front + "," + change("remove", "old", "process"))}),
         wide);
     EXPECT_EQ(text, "web-1, web-2 and web-3:\n"
-                    "  + front page  http: http https://shop.example.org/, within 5s\n"
+                    "  + front page  http https://shop.example.org/, within 5s\n"
                     "web-1 and web-2:\n"
                     "  ~ root disk   disk: free 5 GB -> 10 %\n"
                     "web-3:\n"

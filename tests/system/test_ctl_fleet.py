@@ -185,7 +185,7 @@ class Applied(FleetTest):
         shown = self.fleet(["apply", self.file, "--wait", "0"], answer(ADDED), done, listed(change("sent")),
                            listed(change("sent"), change("impossible", "data", reason="there is no disk /da\x1bta")), status=1)
         self.assertIn("2 changes are not confirmed\n", self.told)
-        self.assertRegex(shown, r"(?m)^2026-05-01 12:00:00 +8 +a@b\.c/web-1 +front page +add +sent$")
+        self.assertRegex(shown, r"(?m)^a@b\.c/web-1 +front page +add +sent$")
         self.assertRegex(shown, r"(?m) data +add +impossible +there is no disk /da\?ta$")
         self.fleet(["apply", self.file, "--wait", "5"], answer(ADDED), done, listed(), listed(change("impossible")))
         self.assertIn("1 change is not confirmed\n", self.told)
@@ -344,7 +344,7 @@ class Shown(FleetTest):
         self.assertEqual(server.asked[1][0], "/proxy/api/v1/changes?agent=3&group=web%20servers&test=front%20page&"
                          "outcome=sent%2Cconfirmed&revision=8&open=1&from=2026-05-01T00%3A00%3A00Z&"
                          "to=2026-05-02T00%3A00%3A00Z&limit=100")
-        self.assertRegex(shown, r"(?m) shop \(was front\) +rename +confirmed$")
+        self.assertRegex(shown, r"(?m)^2026-05-01 12:00:00 +8 +a@b\.c/web-1 +shop \(was front\) +rename +confirmed$")
         self.assertRegex(shown, r"(?m) \(intervals\) +intervals +sent$")
         self.serve(listed())
         self.ctl("changes")
@@ -362,6 +362,129 @@ class Shown(FleetTest):
         self.serve(stream + message)
         shown = self.ctl("watch", "--limit", "1", COLUMNS="60")
         self.assertLessEqual(len(shown), 61)
+
+
+FLEET = """version: 1  # end to end
+intervals: {poll: 1s, check: 1s}
+groups:
+  - name: everything
+    agents: ["*"]
+    tests:
+      load: {load: {1m: 100}}
+      root: {disk: /, free: 1 %}
+      nowhere: {disk: /no/such/place}
+"""
+
+
+class EndToEnd(test_ctl.Collected):
+    """A collector, an agent, and a fleet that is applied, changed and taken back."""
+
+    def setUp(self):
+        super().setUp()
+        self.collector = harness.Collector(self, rules=())
+        port_file = os.path.join(self.collector.dir, "web port")
+        self.collector.start("--web", "127.0.0.1:0", "--web-port-file", port_file)
+        self.url = "http://127.0.0.1:%s" % harness.read_text(port_file).strip()
+        self.viewer, self.token = self.make_token("viewer"), self.make_token("operator")
+        self.file = os.path.join(self.ctl_dir, "fleet.yaml")
+        self.write(FLEET)
+
+    def write(self, text):
+        with open(self.file, "w", encoding="utf-8") as file:
+            file.write(text)
+
+    def start_agent(self):
+        """With the intervals of the file from its login on."""
+        self.write(FLEET.partition("groups:")[0])
+        self.ctl("fleet", "apply", self.file)
+        self.write(FLEET)
+        harness.Agent(self, self.collector.port, name="web-1").start()
+        harness.wait_until(lambda: self.rows("agents"), "the agent")
+
+    def test_applied_changed_and_taken_back(self):
+        self.ctl("fleet", "export", status=5)
+        self.ctl("fleet", "check", self.file)
+        self.start_agent()
+        self.ctl("fleet", "status")
+        shown = self.ctl("fleet", "diff", self.file, status=1)
+        self.assertRegex(shown, r"(?m)^  \+ load +load average")
+        shown = self.ctl("fleet", "apply", self.file, "--wait", str(harness.PATIENCE_S))
+        self.assertIn("1 change is not confirmed", self.told)
+        self.assertRegex(shown, r"(?m) nowhere +add +impossible +there is no disk /no/such/place")
+        self.assertEqual(self.ctl("fleet", "export"), FLEET)
+        self.assertEqual(self.ctl("fleet", "diff", self.file).count("\n"), 1)
+        self.ctl("fleet", "apply", self.file)
+        self.assertIn("in force already", self.told)
+        self.assertEqual({test["name"] for test in self.rows("tests")} & {"load", "root"}, {"load", "root"})
+        self.assertEqual(len(self.rows("tests", "--group", "everything")), 2)
+        self.assertEqual([agent["groups"] for agent in self.rows("agents", "--group", "everything")], [["everything"]])
+        self.assertRegex(self.ctl("agents", "show", "web-1"), r"(?m)^groups +everything$")
+        self.assertEqual(self.rows("agents", "--group", "nothing"), [])
+        shown = self.ctl("fleet", "status")
+        self.assertRegex(shown, r"(?m)^by +of operator$")
+        self.assertRegex(shown, r"(?m) nowhere .*impossible")
+        self.ctl("fleet", "status", "--fail", status=1)
+        self.assertIn("audit: of operator (operator) from 127.0.0.1: applied fleet revision", self.collector.errors())
+
+        first = self.rows("fleet", "status")[0]["text_revision"]
+        self.write(FLEET.replace("nowhere: {disk: /no/such/place}", "memory: {memory: {free: 1 MB}}").replace("100", "99"))
+        shown = self.ctl("fleet", "apply", self.file, "--wait", str(harness.PATIENCE_S))
+        for line in (r"\+ memory +memory", r"~ load +load average: .*100 -> 99", r"- nowhere"):
+            self.assertRegex(shown, "(?m)^  %s" % line)
+        self.assertIn("every change is confirmed", self.told)
+        self.ctl("fleet", "status", "--fail")
+        shown = self.ctl("fleet", "rollback", "--wait", str(harness.PATIENCE_S))
+        self.assertRegex(shown, r"(?m)^  - memory +memory")
+        self.assertEqual(self.ctl("fleet", "export"), FLEET)
+        self.assertEqual(self.ctl("fleet", "export", "--revision", str(first)), FLEET)
+        self.ctl("fleet", "rollback", str(first))
+        self.assertIn("in force already", self.told)
+        self.assertEqual(len(self.rows("fleet", "log")), 4)
+        outcomes = {change["outcome"] for change in self.rows("changes", "--agent", "web-1", "--test", "load")}
+        self.assertEqual(outcomes, {"confirmed"})
+        self.assertEqual(self.rows("fleet", "schema")[0]["type"], "object")
+
+    def test_mistakes_roles_and_size(self):
+        self.write(FLEET.replace("disk: /,", "dsik: /,"))
+        shown = self.ctl("fleet", "check", self.file, status=1)
+        self.assertRegex(shown, r"\A.*fleet\.yaml:8:\d+: `dsik`: .*`disk`\?\n\Z")
+        self.ctl("fleet", "apply", self.file, status=1)
+        self.assertEqual(self.rows("fleet", "log"), [])
+        long = FLEET + "# " + "x" * (1000000 - len(FLEET) - 3) + "\n"
+        self.write(long)
+        self.ctl("fleet", "apply", self.file)
+        self.assertEqual(self.ctl("fleet", "export"), long)
+        self.token = self.viewer
+        self.ctl("fleet", "export", status=4)
+        self.ctl("fleet", "diff", self.file, status=4)
+        self.ctl("fleet", "status")
+        self.assertIsNone(self.rows("fleet", "status")[0]["text"])
+        self.ctl("changes")
+
+    def test_changes_are_told_as_they_happen(self):
+        self.start_agent()
+        watching = subprocess.Popen([test_ctl.CTL, "watch", "--kind", "change", "--json", "--agent", "web-1"],
+                                    env=self.environment(), stdout=subprocess.PIPE, text=True)
+        self.addCleanup(watching.stdout.close)
+        self.addCleanup(watching.wait)
+        self.addCleanup(watching.kill)
+        seen = []
+        reader = threading.Thread(target=lambda: seen.extend(iter(watching.stdout.readline, "")))
+
+        def told():
+            return {(change["test"], change["outcome"]) for change in (json.loads(line)["data"] for line in list(seen))}
+
+        reader.start()
+        self.addCleanup(reader.join)
+        self.addCleanup(watching.kill)
+        limit = iter(range(1, 1000))
+
+        def applied():  # until somebody listens nobody is told
+            self.write(FLEET.replace("100", str(1000 + next(limit))))
+            self.ctl("fleet", "apply", self.file, "--wait", str(harness.PATIENCE_S))
+            return ("load", "confirmed") in told()
+
+        harness.wait_until(applied, lambda: "a change on the stream: %s" % told())
 
 
 if __name__ == "__main__":

@@ -219,18 +219,26 @@ std::string counts_text(const json::object& counts) {
     return text;
 }
 
+void put_revision(const place& here, const char* label, const json::object& one) {
+    put_fact(here, label,
+             number_cell(one, "revision") + " by " + text_cell(here, one, "author") + ", " +
+                 time_and_age(here, one, "time"));
+    put_fact(here, "about", text_cell(here, one, "about"));
+}
+
+/* What was applied last, and how far the collector went on from that by itself. */
 void put_standing_of_fleet(const place& here, const json::object& fleet) {
-    const int64_t revision = number_in(fleet, "revision"), text = number_in(fleet, "text_revision");
     put_fact(here, "ruled by", ruler_of(here, fleet));
-    if (revision != 0) {
-        put_fact(here, "revision",
-                 std::to_string(revision) +
-                     (text != revision ? ", with the text of " + std::to_string(text) : ""));
-        put_fact(here, "since", time_and_age(here, fleet, "time"));
-        put_fact(here, "by", text_cell(here, fleet, "author"));
-        put_fact(here, "about", text_cell(here, fleet, "about"));
-    } else if (!flag_in(fleet, "plan")) {
+    const int64_t revision = number_in(fleet, "revision");
+    if (revision == 0 && !flag_in(fleet, "plan")) {
         put_fact(here, "revision", "nothing was ever applied");
+    }
+    if (revision != 0 && revision != number_in(fleet, "text_revision")) {
+        here.with.list("/api/v1/fleet/revisions", {{"applied", "1"}}, 1,
+                       [&](const json::object& one) { put_revision(here, "applied", one); });
+    }
+    if (revision != 0) {
+        put_revision(here, "revision", fleet);
     }
     put_fact(here, "trouble", text_cell(here, fleet, "trouble"), tint::bad);
     put_fact(here, "agents", number_cell(fleet, "agents"));

@@ -112,14 +112,20 @@ public:
     static constexpr const char in_force[] = "version: 1\ngroups: [] # \xc2\x9b\n";
 
     fleet_standing standing() const override {
-        return {.revision = 3, .time = noon, .author = "a\nname", .text_revision = 2};
+        fleet_standing now;
+        now.revision = 3;
+        now.time = noon;
+        now.author = "a\nname";
+        now.text_revision = 2;
+        return now;
     }
     std::string text(int32_t& revision) const override {
         revision = 2;
         return in_force;
     }
     fleet_outcome try_out(std::string_view text) override {
-        fleet_outcome outcome{.revision = 2};
+        fleet_outcome outcome;
+        outcome.revision = 2;
         fleet file;
         if (!read_fleet(text, file, outcome.wrong)) {
             require(!outcome.wrong.empty());

@@ -265,7 +265,7 @@ class TakenBack(FleetTest):
 
 
 class Shown(FleetTest):
-    FLEET = {"revision": 7, "time": "2026-05-01T12:00:00Z", "author": "ann", "about": "3 added", "text_revision": 5,
+    FLEET = {"revision": 7, "time": "2026-05-01T12:00:00Z", "author": "ann", "about": "3 added", "text_revision": 7,
              "in_force": True, "text": FILE, "content": {}, "plan": False, "file": None, "read_only": False, "trouble": None,
              "agents": 2, "tests": 9, "changes": {"waiting": 0, "sent": 0, "confirmed": 9, "unanswered": 0, "impossible": 0}}
 
@@ -291,10 +291,14 @@ class Shown(FleetTest):
 
     def test_status(self):
         shown = self.fleet(["status"], answer(self.FLEET))
-        for fact in ("ruled by +what is applied", "revision +7, with the text of 5", "since +2026-05-01 12:00:00 .*ago", "by +ann",
-                     "about +3 added", "agents +2", "tests +9", "changes +9 confirmed"):
+        for fact in ("ruled by +what is applied", "revision +7 by ann, 2026-05-01 12:00:00 .*ago", "about +3 added",
+                     "agents +2", "tests +9", "changes +9 confirmed"):
             self.assertRegex(shown, "(?m)^%s" % fact)
         self.assertEqual(self.asked, ["GET /api/v1/fleet"])
+        went_on = dict(self.FLEET, revision=8, author="collector", about="1 changed")
+        shown = self.fleet(["status"], answer(went_on), listed(self.FLEET))
+        self.assertEqual(self.asked[1], "GET /api/v1/fleet/revisions?applied=1&limit=1")
+        self.assertRegex(shown, r"(?m)^applied +7 by ann, .*\nabout +3 added\nrevision +8 by collector, .*\nabout +1 changed$")
         self.fleet(["status", "--fail"], answer(self.FLEET))
 
         behind = dict(self.FLEET, changes=dict(self.FLEET["changes"], unanswered=1, impossible=1))
@@ -421,7 +425,7 @@ class EndToEnd(test_ctl.Collected):
         self.assertRegex(self.ctl("agents", "show", "web-1"), r"(?m)^groups +everything$")
         self.assertEqual(self.rows("agents", "--group", "nothing"), [])
         shown = self.ctl("fleet", "status")
-        self.assertRegex(shown, r"(?m)^by +of operator$")
+        self.assertRegex(shown, r"(?m)^(applied|revision) +2 by of operator, ")  # the share of / may have come in between
         self.assertRegex(shown, r"(?m) nowhere .*impossible")
         self.ctl("fleet", "status", "--fail", status=1)
         self.assertIn("audit: of operator (operator) from 127.0.0.1: applied fleet revision", self.collector.errors())
@@ -432,6 +436,7 @@ class EndToEnd(test_ctl.Collected):
         for line in (r"\+ memory +memory", r"~ load +load average: .*100 -> 99", r"- nowhere"):
             self.assertRegex(shown, "(?m)^  %s" % line)
         self.assertIn("every change is confirmed", self.told)
+        harness.wait_until(lambda: self.rows("changes", "--open") == [], "the share of the disk")
         self.ctl("fleet", "status", "--fail")
         shown = self.ctl("fleet", "rollback", "--wait", str(harness.PATIENCE_S))
         self.assertRegex(shown, r"(?m)^  - memory +memory")

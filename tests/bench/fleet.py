@@ -450,27 +450,36 @@ def metrics_of(url, token):
     return found
 
 
-def slow_disk(options, home):
-    """The environment of a collector whose disk takes so much longer."""
-    if not options.sync_ms:
-        return None
-    library, control = os.path.join(home, "shim.so"), os.path.join(home, "control")
-    subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library,
-                    os.path.join(whole.TOP, "tests/system/faults/shim.c")], check=True)
-    whole.peers.write_text(control, struct.pack("6q", 0, 0, 0, 0, 0, options.sync_ms))
-    return dict(os.environ, LD_PRELOAD=library, FAULT_CONTROL=control)
+class Disk:
+    """Of a collector that is started in `env`: slow() makes it take so much longer from then on."""
+
+    def __init__(self, home, sync_ms):
+        self.sync_ms, self.env, self.control = sync_ms, None, os.path.join(home, "control")
+        if sync_ms:
+            library = os.path.join(home, "shim.so")
+            subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library,
+                            os.path.join(whole.TOP, "tests/system/faults/shim.c")], check=True)
+            whole.peers.write_text(self.control, bytes(48))
+            self.env = dict(os.environ, LD_PRELOAD=library, FAULT_CONTROL=self.control)
+
+    def slow(self, sync_ms):
+        if self.env:
+            with open(self.control, "r+b") as file:
+                file.write(struct.pack("6q", 0, 0, 0, 0, 0, sync_ms))
 
 
 def returning(options, home):
     port_file, listed = os.path.join(home, "web-port"), os.path.join(home, "results")
     limits = [word for name in ("max-logins", "max-behind") for word in
               ("--" + name, str(getattr(options, name.replace("-", "_")))) if getattr(options, name.replace("-", "_"))]
+    disk = Disk(home, options.sync_ms)
     process, port = whole.start_collector(
         home, options=[*KEEP_ALL, "--web", "127.0.0.1:0", "--web-port-file", port_file, *limits],
-        program=os.path.join(whole.BUILD, "vindral-collector"), env=slow_disk(options, home))
+        program=os.path.join(whole.BUILD, "vindral-collector"), env=disk.env)
     token = make_token(home, "bench%d" % os.getpid())
     with open(port_file, encoding="ascii") as file:
         url = "http://127.0.0.1:" + file.read().strip()
+    disk.slow(options.sync_ms)
     fleet = subprocess.Popen(
         [os.path.join(whole.BENCH, "fleet_return"), "--port", str(port), "--agents", str(options.agents), "--interval",
          str(options.interval), "--kept", str(options.kept), "--seconds", str(options.seconds), "--within",
@@ -496,6 +505,7 @@ def returning(options, home):
         "storing", "memory", "connections", "tls", "request")), flush=True)
     peak = whole.peers.read_text("/proc/%d/status" % process.pid).partition("VmHWM:")[2].split()[0]
     print("# most memory: %.0f MB" % (int(peak) / 1024), flush=True)
+    disk.slow(0)
     whole.end(process)
     if tool("fleet_return", "verify", os.path.join(home, "state"), listed).returncode != 0:
         sys.exit("not all was stored once")

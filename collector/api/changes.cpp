@@ -2,6 +2,7 @@
 #include "api/answer.h"
 #include "api/difference.h"
 #include "api/find.h"
+#include "api/in_group.h"
 #include "api/parameters.h"
 #include "api/resources.h"
 
@@ -14,9 +15,7 @@ namespace {
 
 const parameter_def list_parameters[] = {
     agent_parameter,
-    {.name = "group",
-     .kind = parameter_kind::text,
-     .text = "Only of agents that are in this group now."},
+    group_parameter,
     {.name = "test", .kind = parameter_kind::text, .text = "Only of the test of this name."},
     {.name = "outcome",
      .kind = parameter_kind::choice,
@@ -54,31 +53,6 @@ uint8_t outcomes_asked_for(const api_request& asked) {
     }
     return static_cast<uint8_t>(bits);
 }
-
-/* Whether agents are in the group, each asked once. */
-class group_filter {
-public:
-    group_filter(const api_request& asked, const api_services& with)
-        : group_(text_of(asked, "group")), fleet_(with.fleet) {}
-
-    bool has(std::string_view account, std::string_view agent) {
-        if (group_.empty()) {
-            return true;
-        }
-        auto [place, is_new] =
-            known_.try_emplace({std::string(account), std::string(agent)}, false);
-        if (is_new && fleet_ != nullptr) {
-            const std::vector<std::string> groups = fleet_->groups_of(account, agent);
-            place->second = std::find(groups.begin(), groups.end(), group_) != groups.end();
-        }
-        return place->second;
-    }
-
-private:
-    const std::string group_;
-    const fleet_service* const fleet_;
-    std::map<std::pair<std::string, std::string>, bool> known_;
-};
 
 /* Whether changes are what the fleet wants still. */
 class open_filter {
@@ -151,7 +125,7 @@ api_answer list_changes(const api_request& asked, api_services& with) {
     if (auto behind = place_of(asked, 1)) {
         which.below = number_in((*behind)[0]);
     }
-    group_filter group(asked, with);
+    in_group group(text_of(asked, "group"), with);
     open_filter open(asked, with);
     agent_ids ids(&*store);
     json::array items;

@@ -2,6 +2,7 @@
 #include "api/answer.h"
 #include "api/encoding.h"
 #include "api/find.h"
+#include "api/in_group.h"
 #include "api/parameters.h"
 #include "api/resources.h"
 #include "api/shapes.h"
@@ -27,8 +28,8 @@ const parameter_def list_parameters[] = {
      .many = true},
     {.name = "q",
      .kind = parameter_kind::text,
-     .text = "Only events with this text in their message or the names of their agent and test, "
-             "whatever the case."},
+     .text = "Only events with this text in their message, in the names of their agent and test "
+             "or in what the test looks at, whatever the case."},
     {.name = "from", .kind = parameter_kind::time, .text = "Only events from this time on."},
     {.name = "to", .kind = parameter_kind::time, .text = "Only events before this time."},
     limit_parameter,
@@ -39,16 +40,16 @@ constexpr size_t most_looked_at = 10000;
 
 class event_list {
 public:
-    event_list(result_reader& store, const api_request& asked)
+    event_list(result_reader& store, const api_request& asked, const api_services& with)
         : store_(store), asked_(asked), types_(asked, "type"), states_(asked, "state"),
-          q_(text_of(asked, "q")), limit_(limit_of(asked)), names_(store), definitions_(store) {
+          q_(text_of(asked, "q")), limit_(limit_of(asked)), group_(text_of(asked, "group"), with),
+          names_(store), definitions_(store) {
         which_.agent = agent_asked_for(store, asked);
         which_.test = number_or(asked, "test", 0);
         if (which_.test != 0) {
             int64_t agent = find_test(store, which_.test).agent;
             is_empty_ = which_.agent != 0 && which_.agent != agent;
         }
-        is_empty_ = is_empty_ || asked.parameter("group") != nullptr; /* there are none */
         which_.from = time_of(asked, "from").value_or(which_.from);
         which_.to = time_of(asked, "to").value_or(which_.to);
         check_span(which_.from, which_.to);
@@ -104,6 +105,12 @@ private:
         if (states_.is_given() && !has_state(states_, static_cast<state>(event.to))) {
             return false;
         }
+        if (has_group_) {
+            const agent_names::name& agent = names_.of(event.agent);
+            if (!group_.has(agent.account, agent.agent)) {
+                return false;
+            }
+        }
         if (!types_.is_given() && q_.empty()) {
             return true;
         }
@@ -119,8 +126,7 @@ private:
             return true;
         }
         return test &&
-               has_text(test_name(test->type, test->number, definition_of(*test, event.time).get()),
-                        q_);
+               test_has_text(test->type, test->number, definition_of(*test, event.time).get(), q_);
     }
 
     json::object object_of(const stored_event& event) {
@@ -141,6 +147,8 @@ private:
     const size_t limit_;
     event_filter which_;
     bool is_empty_ = false;
+    const bool has_group_ = asked_.parameter("group") != nullptr;
+    in_group group_;
     agent_names names_;
     definition_reader definitions_;
     std::map<int64_t, std::optional<known_test_row>> tests_;
@@ -149,7 +157,7 @@ private:
 
 api_answer list_events(const api_request& asked, api_services& with) {
     reader_pool::lent store = with.stored.lend(asked.deadline);
-    return answer_with(event_list(*store, asked).read());
+    return answer_with(event_list(*store, asked, with).read());
 }
 
 const route rows[] = {

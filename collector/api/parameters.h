@@ -33,8 +33,10 @@ inline constexpr parameter_def agent_parameter = {
     .name = "agent",
     .kind = parameter_kind::text,
     .text = "Only of this agent: its id, or \"account/name\"."};
-inline constexpr parameter_def group_parameter = {
-    .name = "group", .kind = parameter_kind::text, .text = "Only of this group."};
+inline constexpr parameter_def group_parameter = {.name = "group",
+                                                  .kind = parameter_kind::text,
+                                                  .text =
+                                                      "Only of agents that are in this group now."};
 inline constexpr parameter_def type_parameter = {
     .name = "type",
     .kind = parameter_kind::choice,

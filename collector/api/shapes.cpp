@@ -259,10 +259,20 @@ json::object agent_reference(int64_t id, std::string_view account, std::string_v
 }
 
 std::string test_name(uint32_t type, std::optional<int32_t> number, const definition* what) {
-    if (what != nullptr && !what->name.empty()) {
-        return what->name;
+    if (what != nullptr && !(what->title.empty() && what->name.empty())) {
+        return what->title.empty() ? what->name : what->title;
     }
     return number ? type_name(type) + " " + std::to_string(*number) : type_name(type);
+}
+
+json::value test_target(const definition* what) {
+    return json_or_null(what != nullptr ? std::string_view(what->name) : std::string_view());
+}
+
+bool test_has_text(uint32_t type, std::optional<int32_t> number, const definition* what,
+                   const std::string& text) {
+    return has_text(test_name(type, number, what), text) ||
+           (what != nullptr && has_text(what->name, text));
 }
 
 static json::value json_optional(std::optional<int32_t> number) {
@@ -274,7 +284,8 @@ json::object test_reference(int64_t id, uint32_t type, std::optional<int32_t> nu
     return {{"id", id},
             {"type", type_name(type)},
             {"number", json_optional(number)},
-            {"name", test_name(type, number, what)}};
+            {"name", test_name(type, number, what)},
+            {"target", test_target(what)}};
 }
 
 json::value json_definition(const definition* what) {
@@ -282,6 +293,7 @@ json::value json_definition(const definition* what) {
         return nullptr;
     }
     return json::object{{"name", what->name},
+                        {"title", json_or_null(what->title)},
                         {"since", time_text(what->since)},
                         {"location", what->location},
                         {"fields", fields_as_object(*what)}};

@@ -23,14 +23,21 @@ bool has_state(const chosen& wanted, state s);
 
 boost::json::object agent_reference(int64_t id, std::string_view account, std::string_view name);
 
-/* What the test looks at where that is known, else "load average 101". */
+/* What somebody called the test, else what it looks at where that is known, else "load average
+ * 101". */
 std::string test_name(uint32_t type, std::optional<int32_t> number, const definition* what);
+/* What it looks at; null where that is not known. */
+boost::json::value test_target(const definition* what);
+/* Whether name or target have the text in them, whatever the case. */
+bool test_has_text(uint32_t type, std::optional<int32_t> number, const definition* what,
+                   const std::string& text);
 
 boost::json::object test_reference(int64_t id, uint32_t type, std::optional<int32_t> number,
                                    const definition* what);
 
-/* Name, since when, location id, and its fields by the names that the protocol's table of commands
- * has for them, numbered where it has several of a name. Null for none. */
+/* What it looks at, what it was called, since when, location id, and its fields by the names that
+ * the protocol's table of commands has for them, numbered where it has several of a name. Null for
+ * none. */
 boost::json::value json_definition(const definition* what);
 
 boost::json::object json_values(uint32_t type, std::span<const result_value> values);

@@ -2,6 +2,7 @@
 #include "api/answer.h"
 #include "api/encoding.h"
 #include "api/find.h"
+#include "api/in_group.h"
 #include "api/last_results.h"
 #include "api/parameters.h"
 #include "api/resources.h"
@@ -26,7 +27,8 @@ const parameter_def list_parameters[] = {
      .many = true},
     {.name = "q",
      .kind = parameter_kind::text,
-     .text = "Only tests with this text in their name, or their agent's, whatever the case."},
+     .text = "Only tests with this text in their name, in what they look at or in their agent's "
+             "name, whatever the case."},
     limit_parameter,
     next_parameter};
 
@@ -35,15 +37,19 @@ json::object test_object(json::object agent, const agent_state& now, const test_
                          const definition* what, const result& last) {
     state shown = shown_state(now, test);
     int64_t since = shown_since(now, test);
-    json::object object{{"id", test.id},     {"agent", std::move(agent)},
-                        {"group", nullptr},  {"type", type_name(test.type)},
-                        {"number", nullptr}, {"name", test_name(test.type, test.number, what)},
-                        {"target", nullptr}, {"state", shown_word(shown)}};
+    json::object object{{"id", test.id},
+                        {"agent", std::move(agent)},
+                        {"group", nullptr},
+                        {"type", type_name(test.type)},
+                        {"number", nullptr},
+                        {"name", test_name(test.type, test.number, what)},
+                        {"target", test_target(what)},
+                        {"state", shown_word(shown)}};
     if (test.number) {
         object["number"] = *test.number;
     }
-    if (what != nullptr && !what->name.empty()) {
-        object["target"] = what->name;
+    if (what != nullptr && !what->group.empty()) {
+        object["group"] = what->group;
     }
     if (shown == state::stale) {
         object.emplace("stale", true);
@@ -63,10 +69,10 @@ constexpr size_t most_of_message = 64u << 10;
 /* By the agent's account and name, then type and number. */
 class test_list {
 public:
-    test_list(result_reader& store, const api_request& asked)
+    test_list(result_reader& store, const api_request& asked, const api_services& with)
         : store_(store), asked_(asked), types_(asked, "type"), states_(asked, "state"),
           q_(text_of(asked, "q")), limit_(limit_of(asked)), agent_(agent_asked_for(store, asked)),
-          definitions_(store) {
+          group_(text_of(asked, "group"), with), definitions_(store) {
         if (auto behind = place_of(asked, 4)) {
             goes_on_ = true;
             account_ = (*behind)[0];
@@ -83,9 +89,7 @@ public:
             return next_.empty();
         };
         bool ok = true;
-        if (asked_.parameter("group") != nullptr) {
-            ok = true; /* there are none */
-        } else if (agent_ != 0) {
+        if (agent_ != 0) {
             ok = store_.read_agent(agent_, take, error);
         } else {
             ok = store_.for_each_agent_from(account_, name_, take, error);
@@ -134,7 +138,7 @@ private:
             return;
         }
         int order = goes_on_ ? compare(row) : 1;
-        if (order < 0) {
+        if (order < 0 || !group_.has(row.account, row.agent)) {
             return;
         }
         if (!now_.unpack(row.state) && error_.empty()) {
@@ -185,7 +189,7 @@ private:
             return true;
         }
         definition_pointer what = definitions_.of(looked_at_, test, error_);
-        return has_text(test_name(test.type, test.number, what.get()), q_);
+        return test_has_text(test.type, test.number, what.get(), q_);
     }
 
     result_reader& store_;
@@ -194,6 +198,7 @@ private:
     const std::string q_;
     const size_t limit_;
     const int64_t agent_;
+    in_group group_;
     bool goes_on_ = false; /* behind this test: */
     std::string account_, name_;
     int64_t type_ = 0, number_ = 0;
@@ -208,7 +213,7 @@ private:
 
 api_answer list_tests(const api_request& asked, api_services& with) {
     reader_pool::lent store = with.stored.lend(asked.deadline);
-    return answer_with(test_list(*store, asked).read());
+    return answer_with(test_list(*store, asked, with).read());
 }
 
 api_answer one_test(const api_request& asked, api_services& with) {

@@ -270,7 +270,8 @@ TEST_F(live_test, results_events_and_the_agent) {
     const json::value& result = all[0].second;
     EXPECT_EQ(json_text(result.at("agent")), "{\"id\":3,\"account\":\"a@b.c\",\"name\":\"web-1\"}");
     EXPECT_EQ(json_text(result.at("test")),
-              "{\"id\":3,\"type\":\"load average\",\"number\":5,\"name\":\"the load\"}");
+              "{\"id\":3,\"type\":\"load average\",\"number\":5,\"name\":\"the "
+              "load\",\"target\":\"the load\"}");
     EXPECT_EQ(result.at("state"), "ok");
     EXPECT_EQ(json_text(result.at("values").at("load1")), "{\"value\":0.5,\"unit\":\"\"}");
     EXPECT_EQ(all[1].second.at("to"), "ok");

@@ -28,7 +28,7 @@ void put_failing(const place& here, int64_t id) {
                                  {age_cell(here, test, "since")},
                                  {number_cell(test, "id")},
                                  {text_cell(here, test, "type")},
-                                 {text_cell(here, test, "name")},
+                                 {test_cell(here, test)},
                                  {finding_cell(here, test)}});
                    });
     if (!rows.is_empty()) {

@@ -86,7 +86,7 @@ int run_tests(const place& here) {
     auto row_of = [&](const json::object& test) -> std::vector<table_cell> {
         return {state_cell(test, "state"),       {age_cell(here, test, "since")},
                 {agent_cell(here, test)},        {number_cell(test, "id")},
-                {text_cell(here, test, "type")}, {text_cell(here, test, "name")},
+                {text_cell(here, test, "type")}, {test_cell(here, test)},
                 {finding_cell(here, test)}};
     };
     auto look = [&](const json::object& test) { failing += is_failing(here, test) ? 1 : 0; };
@@ -141,7 +141,7 @@ int run_events(const place& here) {
                 state_cell(event, "to"),
                 {from, tint_of_state(from)},
                 {agent_cell(here, event)},
-                {text_cell(here, object_in(event, "test"), "name")},
+                {test_cell(here, object_in(event, "test"))},
                 {text_cell(here, event, "message")}};
     };
     return put_list(here, list,

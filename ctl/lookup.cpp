@@ -67,7 +67,9 @@ std::vector<found_thing> agents_called(api& with, const std::string& name,
 }
 
 struct found_tests {
-    std::vector<found_thing> exact, close;
+    std::vector<found_thing> exact, /* by name */
+        looking,                    /* by what they look at */
+        close;
 };
 
 /* `agent` 0: of any. */
@@ -80,13 +82,22 @@ void tests_called(api& with, int64_t agent, const std::string& name, found_tests
         found_thing one{number_in(test, "id"), test_text(test),
                         " (" + printable(text_in(test, "type")) + " " +
                             std::to_string(number_in(test, "number")) + ")"};
-        const std::string own = text_in(test, "name");
+        const std::string own = text_in(test, "name"), target = text_in(test, "target");
         if (own == name) {
             found.exact.push_back(std::move(one));
-        } else if (own.find(name) != std::string::npos) {
+        } else if (!target.empty() && target == name) {
+            found.looking.push_back(std::move(one));
+        } else if (own.find(name) != std::string::npos || target.find(name) != std::string::npos) {
             found.close.push_back(std::move(one));
         }
     });
+}
+
+/* What a test looks at will do where none is called so. */
+void settle(found_tests& found) {
+    if (found.exact.empty()) {
+        found.exact.swap(found.looking);
+    }
 }
 
 } // namespace
@@ -132,8 +143,10 @@ found_thing find_test(api& with, const std::string& called) {
         }
         meant.insert(meant.end(), agents.begin(), agents.end());
     }
+    settle(found);
     if (found.exact.empty() && found.close.empty()) {
         tests_called(with, 0, called, found);
+        settle(found);
     }
     if (found.exact.empty() && found.close.size() == 1) {
         return found.close[0];

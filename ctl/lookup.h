@@ -18,8 +18,9 @@ struct found_thing {
  * names that have the text in them, or usage when several fit, which are listed. */
 found_thing find_agent(api& with, const std::string& called);
 
-/* An id, "AGENT:NAME" with an agent as above, or the name where only one test has it; when no name
- * is just that, one that has the text in it will do if it is the only one. Throws likewise, with
+/* An id, "AGENT:NAME" with an agent as above, or the name where only one test has it. When no test
+ * is called so, one that looks at that will do, and then one that has the text in its name or in
+ * what it looks at, if it is the only one. Throws likewise, with
  * the tests of the agent when it has none like it. */
 found_thing find_test(api& with, const std::string& called);
 

@@ -125,6 +125,13 @@ std::string text_cell(const place& here, const json::object& of, std::string_vie
     return printable(text_in(of, name), here.on.ascii);
 }
 
+std::string test_cell(const place& here, const json::object& test) {
+    const std::string target = text_in(test, "target");
+    return text_cell(here, test, "name") + (target.empty() || target == text_in(test, "name")
+                                                ? ""
+                                                : " (" + printable(target, here.on.ascii) + ")");
+}
+
 std::string number_cell(const json::object& of, std::string_view name) {
     const json::value* found = of.if_contains(name);
     return found != nullptr && found->is_int64() ? std::to_string(found->get_int64()) : "";

@@ -52,6 +52,9 @@ std::string number_parameter(int64_t number);
 /* ---- words; all of it printable ---- */
 
 std::string text_cell(const place& here, const boost::json::object& of, std::string_view name);
+/* Of a test: "front page (https://shop.example.org/)", or only its name where it is the same as
+ * what it looks at, or nothing says what that is. */
+std::string test_cell(const place& here, const boost::json::object& test);
 std::string number_cell(const boost::json::object& of, std::string_view name);
 /* "account/name" */
 std::string agent_cell(const place& here, const boost::json::object& of);

@@ -17,6 +17,8 @@ int run_show_test(const place& here) {
     }
     const table_cell state = state_cell(test, "state");
     put_fact(here, "test", text_cell(here, test, "name"));
+    put_fact(here, "looks at", text_cell(here, test, "target"));
+    put_fact(here, "group", text_cell(here, test, "group"));
     put_fact(here, "agent", agent_cell(here, test));
     put_fact(here, "id", number_cell(test, "id"));
     put_fact(here, "type", text_cell(here, test, "type") + " " + number_cell(test, "number"));

@@ -72,7 +72,7 @@ std::string line_of(const place& here, const std::string& event, const json::obj
                  : short_time_cell(here, what, "time");
     table_cell state = state_cell(what, is_event ? "to" : "state");
     std::string agent = agent_text(here, is_agent ? what : object_in(what, "agent"), account);
-    std::string test = text_cell(here, object_in(what, "test"), "name");
+    std::string test = test_cell(here, object_in(what, "test"));
     std::string rest;
     if (is_agent && what.contains("retired")) {
         rest = "retired";

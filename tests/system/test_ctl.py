@@ -701,6 +701,41 @@ class Odd(Served):
         for called, removed in (("5", 6), ("7", 7), ("seven", 7), ("6", 6)):
             self.assertEqual(self.asked(["tokens", "remove", called], tokens, {})[1], "DELETE/api/v1/tokens/%d" % removed)
 
+    def ctl_table(self, answer):
+        self.serve((200, "application/json", json.dumps(answer)))
+        names = [re.sub(r".*http +", "", line).strip() for line in self.ctl("tests").splitlines()[1:]]
+        self.assertEqual(sorted(names), ["/srv", "front page (https://x/)", "load", "root disk (/)"])
+
+    def test_names_that_the_fleet_gives(self):
+        """Blanks and colons are part of a name; what a test looks at will do where none is called so."""
+        agents = {"items": [{"id": 1, "account": "a", "name": "web-1"}], "next": None}
+        none = {"items": [], "next": None}
+
+        def test(number, name, target):
+            return {"id": number, "name": name, "target": target, "type": "http", "number": number,
+                    "agent": agents["items"][0]}
+
+        def tests(*all_of):
+            return {"items": list(all_of), "next": None}
+
+        page_, root, load = test(4, "front page", "https://x/"), test(5, "root disk", "/"), test(6, "load", None)
+        asked = self.asked(["results", "web-1:front page"], agents, tests(page_), none)
+        self.assertEqual(asked[1:], ["GET/api/v1/tests?q=front%20page&agent=1&limit=1000",
+                                     "GET/api/v1/tests/4/results?limit=20"])
+        self.assertEqual(self.asked(["results", "front page"], tests(page_, test(7, "front page 2", None)), none)[1],
+                         "GET/api/v1/tests/4/results?limit=20")
+        # By what they look at, if none is called so: ":" stands in either part.
+        self.assertEqual(self.asked(["results", "web-1:/"], agents, tests(page_, root), none)[2],
+                         "GET/api/v1/tests/5/results?limit=20")
+        self.assertEqual(self.asked(["results", "web-1:/"], agents, tests(root, test(8, "/", None)), none)[2],
+                         "GET/api/v1/tests/8/results?limit=20")
+        asked = self.asked(["results", "https://x/"], none, tests(page_), none)
+        self.assertEqual(asked[-1], "GET/api/v1/tests/4/results?limit=20")
+        self.ctl_table(tests(page_, root, load, test(9, "/srv", "/srv")))
+        # None like it: those that there are, also such that look at nothing that has a name.
+        self.asked(["results", "web-1:swap"], agents, none, none, tests(page_, load), status=5)
+        self.assertIn("\n  4  a/web-1:front page (http 4)\n  6  a/web-1:load (http 6)\n", self.told)
+
     def test_what_fails(self):
         hours = {"items": [{"hour": "2026-05-01T00:00:00Z", "missing": 0}, {"missing": 1}], "next": None}
         self.asked(["ledger"], hours)

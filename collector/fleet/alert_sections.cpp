@@ -27,13 +27,16 @@ check duration(const char* what, remarks& wrong) {
     };
 }
 
+constexpr size_t most_compared = 1000; /* names, for one that is close: else it takes too long */
+
 /* One of `known` or several. */
 check names_of(const char* what, const char* of_what, const names& known, remarks& wrong) {
     return [=, &known, &wrong](const node& value) {
         auto look_up = [&](const node& name) {
             if (check_line(what, name, false, wrong) && !known.contains(name.text)) {
+                const bool are_few = known.size() <= most_compared;
                 wrong.add(name.at, in_ticks(name.text) + ": there is no such " + of_what +
-                                       or_close(closest(name.text, known)));
+                                       or_close(are_few ? closest(name.text, known) : ""));
             }
         };
         if (value.is == node::kind::list) {

@@ -58,14 +58,18 @@ void read_patterns(const node& from, fleet_group& group, remarks& wrong) {
 
 /* The old names of tests: each of one test, and of none that is there. */
 void check_old_names(const fleet_group& group, const node& tests, remarks& wrong) {
+    std::map<std::string_view, const node*> present;
+    for (const auto& [name, definition] : tests.members) {
+        present.emplace(name.text, &definition);
+    }
     std::map<std::string_view, const fleet_test*> by_old_name;
     for (const auto& test : group.tests) {
         if (test->was.empty()) {
             continue;
         }
-        const node* definition = tests.find(test->name);
-        const text_place at = definition->find("was")->at;
-        if (const node* other = tests.find(test->was); other != nullptr && other->text != "off") {
+        const text_place at = present.at(test->name)->find("was")->at;
+        auto still = present.find(test->was);
+        if (still != present.end() && still->second->text != "off") {
             wrong.add(at, "`was`: " + in_ticks(test->was) + " is still there, as another test");
         }
         auto [first, is_new] = by_old_name.emplace(test->was, test.get());

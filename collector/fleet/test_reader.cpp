@@ -235,6 +235,10 @@ bool check_title(const std::string& what, const node& name, remarks& wrong) {
     if (!check_line(what, name, false, wrong)) {
         return false;
     }
+    if (name.text.starts_with(' ') || name.text.ends_with(' ')) {
+        wrong.add(name.at, what + ": it begins or ends with a blank");
+        return false;
+    }
     if (characters_of(name.text) > longest_title) {
         wrong.add(name.at, what + ": more than " + std::to_string(longest_title) + " characters");
         return false;

@@ -14,7 +14,8 @@
 namespace {
 
 constexpr double megabyte = 1024.0 * 1024, gigabyte = megabyte * 1024;
-constexpr double harmless = 0.01; /* how much of a number may be rounded away */
+constexpr size_t longest_name = 255; /* of an object or a value, in bytes */
+constexpr double harmless = 0.01;    /* how much of a number may be rounded away */
 
 std::vector<std::string_view> split_words(std::string_view words, char between) {
     std::vector<std::string_view> all;
@@ -197,6 +198,11 @@ bool check_name(const reading& r, const node& name, std::set<std::string_view>& 
     if (name.text.find_first_of(";|, \"'") != name.text.npos) {
         r.wrong.add(name.at, r.subject() + ": " + in_ticks(name.text) +
                                  " cannot be a name: it has a blank or one of ; | , \" '");
+        return false;
+    }
+    if (name.text.size() > longest_name) {
+        r.wrong.add(name.at, r.subject() + ": " + in_ticks(name.text) + " is longer than " +
+                                 std::to_string(longest_name) + " bytes");
         return false;
     }
     if (!seen.insert(name.text).second) {

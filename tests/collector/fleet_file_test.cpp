@@ -395,6 +395,8 @@ TEST(fleet_file, names_are_lines_of_a_hundred_characters) {
     EXPECT_EQ(wrong_with(with_tests("    \"a\\tb\": {ping: h}\n")),
               "6:5 the name of a test: a line end or another control character is in it, and it "
               "has to be one line\n");
+    EXPECT_EQ(wrong_with(with_tests("    \" a\": {ping: h}\n")),
+              "6:5 the name of a test: it begins or ends with a blank\n");
     EXPECT_EQ(wrong_with(with_tests("    \"\": {ping: h}\n")),
               "6:5 the name of a test: the text is empty\n");
     EXPECT_EQ(wrong_with(with_tests("    \"${secret:x}\": {ping: h}\n")),

@@ -195,10 +195,11 @@ private:
 
     static node& take_key(level& above, node key) {
         if (key.is != node::kind::text) {
-            /* That is how the parser reports a "{" before the end of the text. */
-            const bool is_again = key.is == node::kind::map && key.at == above.of->at;
-            throw found_wrong{{key.at, is_again ? "the \"{\" that begins here has no \"}\""
-                                                : "a key is a text: \"key: value\""}};
+            /* A bracket without an end is reported so, too. */
+            const bool may_be_open = key.at == above.of->at;
+            throw found_wrong{{key.at, may_be_open ? "a key is a text, or the bracket that begins "
+                                                     "here has no end"
+                                                   : "a key is a text: \"key: value\""}};
         }
         if (!above.keys.insert(key.text).second) {
             throw found_wrong{{key.at, in_ticks(key.text) + ": this key is there already"}};

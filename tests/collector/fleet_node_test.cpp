@@ -91,6 +91,7 @@ TEST(fleet_node, what_is_not_read) {
         {"a: 1\nb: 2\na: 3", "3:1 `a`: this key is there already"},
         {"{a: 1, \"a\": 2}", "1:8 `a`: this key is there already"},
         {"? [a]\n: b", "1:3 a key is a text: \"key: value\""},
+        {"[a]: b", "1:1 a key is a text, or the bracket that begins here has no end"},
         {"{~: a}", "1:2 a key is a text: \"key: value\""},
         {"a: 1\n---\nb: 2", "2:1 a second document begins here: the file is one, without \"---\""},
         {"%YAML 1.2\n---\na: b", "1:1 directives (\"%NAME\") are not read here"},
@@ -139,7 +140,8 @@ TEST(fleet_node, twenty_levels_and_no_more) {
     EXPECT_EQ(read(repeated("[", 20) + repeated("]", 20)).substr(0, 5), "1:1 [");
     EXPECT_EQ(read(repeated("[", 21) + repeated("]", 21)), "1:21" + said);
     EXPECT_EQ(read(repeated("{a: ", 21) + "b" + repeated("}", 21)), "1:81" + said);
-    EXPECT_EQ(read(repeated("{a: ", 21)), "1:1 the \"{\" that begins here has no \"}\"");
+    EXPECT_EQ(read(repeated("{a: ", 21)),
+              "1:1 a key is a text, or the bracket that begins here has no end");
     EXPECT_EQ(read(repeated("- ", 21) + "a"), "1:41" + said);
     EXPECT_EQ(read(repeated("? ", 21) + "a"), "1:3 a key is a text: \"key: value\"");
 }

@@ -94,8 +94,12 @@ fleet_text text_asked_for(const api_request& asked, api_services& with) {
     if (wanted != 0 && wanted < found.now->text_revision) {
         return older_text(asked, with, wanted);
     }
-    if (fleet != nullptr) {
+    for (int tries = 0; fleet != nullptr && tries < 3; tries++) {
         found.text = fleet->text(found.text_revision);
+        if (found.text_revision == found.now->text_revision) {
+            break;
+        }
+        found.now = fleet->standing(); /* somebody applied another one in between */
     }
     found.revision = found.now->revision;
     found.time = found.now->time;
@@ -163,8 +167,9 @@ api_answer get_fleet(const api_request& asked, api_services& with) {
                           ": ask for JSON, which has the rest."};
     }
     if (found.text_revision == 0) {
-        throw_not_found(found.now->is_planned ? "There is no fleet: a plan of raw commands rules."
-                                              : "There is no fleet yet: nothing was ever applied.");
+        throw_not_found(found.now && found.now->is_planned
+                            ? "There is no fleet: a plan of raw commands rules."
+                            : "There is no fleet yet: nothing was ever applied.");
     }
     api_answer answer;
     answer.type = yaml_type;

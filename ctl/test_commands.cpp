@@ -22,11 +22,6 @@ int run_show_test(const place& here) {
     put_fact(here, "agent", agent_cell(here, test));
     put_fact(here, "id", number_cell(test, "id"));
     put_fact(here, "type", text_cell(here, test, "type") + " " + number_cell(test, "number"));
-    if (const std::string target = text_cell(here, test, "target");
-        target != text_cell(here, test, "name")) {
-        put_fact(here, "target", target);
-    }
-    put_fact(here, "group", text_cell(here, test, "group"));
     put_fact(here, "state", state.text, state.color);
     put_fact(here, "since", time_and_age(here, test, "since"));
     put_fact(here, "status", text_cell(here, test, "status"));

@@ -146,6 +146,11 @@ std::string why_not(const wanted_test& test, const std::vector<std::string>& sec
     return "";
 }
 
+/* "there is no disk /x; there are /, /home": what there is comes and goes, and is no news. */
+bool is_same_reason(std::string_view one, std::string_view other) {
+    return one.substr(0, one.find(';')) == other.substr(0, other.find(';'));
+}
+
 /* ---- what is said of a change ---- */
 
 std::string percent_text(double share) {
@@ -383,7 +388,7 @@ private:
             is_there = false;
             is_new = true;
         }
-        if (is_new || test.impossible != why) {
+        if (is_new || !is_same_reason(test.impossible, why)) {
             fleet_change& change =
                 note(test, is_there ? change_action::change : change_action::add);
             change.impossible = why;

@@ -103,7 +103,8 @@ struct fleet_change {
 };
 
 /* Makes `now` what is wanted, as of `revision`; returns what changed, by test name, nothing where
- * nothing did. What was impossible and is so still for the same reason is no change. `serial_of`
+ * nothing did. What was impossible and is so still for the same reason is no change,
+ * whatever the reason says behind a ";" of what there is instead. `serial_of`
  * says which value of a secret is there (0: none; then the test is impossible). With no number left
  * (2^31 - 1) a test is impossible. A removed test of which nothing was ever sent leaves nothing.
  *

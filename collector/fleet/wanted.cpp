@@ -28,7 +28,7 @@ std::string shown_name(std::string_view name) {
 std::string why_not_there(std::string_view what, std::string_view name, const names& there) {
     std::string why = "there is no " + std::string(what) + " " + shown_name(name);
     if (there.empty()) {
-        return why + ", and no other";
+        return why + "; there is no other";
     }
     why += there.size() == 1 ? "; there is " : "; there are ";
     for (size_t i = 0; i < std::min(there.size(), most_listed); ++i) {

@@ -263,6 +263,16 @@ TEST_F(fleet_assigned, what_is_impossible_has_no_number_until_it_is_not) {
     has.file_systems = strings{"/x(/dev/sda1|ext4)"};
     EXPECT_EQ(said({test_maker("d", "disk")}), strings{"add d 0: there is no disk /; there is /x"});
     EXPECT_EQ(said({test_maker("d", "disk").field(1, "9")}), strings());
+    has.file_systems->push_back("/run/user/1000(tmpfs|tmpfs)");
+    EXPECT_EQ(said({test_maker("d", "disk")}), strings()) << "what else there is comes and goes";
+    EXPECT_EQ(test("d").impossible, "there is no disk /; there are /x, /run/user/1000");
+    has.file_systems->clear();
+    EXPECT_EQ(said({test_maker("d", "disk")}), strings());
+    EXPECT_EQ(said({test_maker("d", "disk").at("/y")}),
+              strings{"add d 0: there is no disk /y; there "
+                      "is no other"});
+    EXPECT_EQ(said({test_maker("d", "disk")}), strings{"add d 0: there is no disk /; there is no "
+                                                       "other"});
     has.file_systems->push_back("/(/dev/sdb1|ext4)");
     EXPECT_EQ(said({test_maker("d", "disk")}), strings{"add d 1"});
     EXPECT_EQ(test("d").added, revision);

@@ -127,7 +127,8 @@ TEST(fleet_wanted, a_disk_that_is_not_there_is_said_with_those_that_are) {
     EXPECT_FALSE(test.waits);
     EXPECT_EQ(only(disk("/data"), disks({"/(/dev/sda1|ext4)"})).impossible,
               "there is no disk /data; there is /");
-    EXPECT_EQ(only(disk("/data"), disks({})).impossible, "there is no disk /data, and no other");
+    EXPECT_EQ(only(disk("/data"), disks({})).impossible,
+              "there is no disk /data; there is no other");
 }
 
 TEST(fleet_wanted, what_is_said_is_bounded_and_fit_to_be_shown) {

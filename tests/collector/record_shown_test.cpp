@@ -150,7 +150,7 @@ TEST(schema, a_local_cpu_is_uncrossed_in_its_messages_too) {
             EXPECT_EQ(values_text(r, summary), "user 1% system 2% nice 3% idle 94% iowait 0%");
         }
     }
-    whole.strings = {""};
+    whole.strings.clear();
     std::string bytes = whole.bytes();
     record r = decode(bytes);
     EXPECT_EQ(message_of(r, summarize(r)), "");

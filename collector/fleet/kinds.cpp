@@ -203,8 +203,14 @@ constexpr key_def discovery_keys[] = {
 
 /* ---- the table ---- */
 
-constexpr const protocol::command_def* command(std::string_view code) {
-    return protocol::find_command(code);
+/* Each is there, or this is not compiled. Compared with null it would not be, with sanitizers. */
+consteval const protocol::command_def* command(std::string_view code) {
+    for (const protocol::command_def& each : protocol::commands) {
+        if (each.code == code) {
+            return &each;
+        }
+    }
+    throw "there is no such command";
 }
 
 constexpr key_def no_value(const char* word) {
@@ -253,8 +259,7 @@ constexpr test_kind kinds[] = {
 };
 
 static_assert(std::ranges::all_of(kinds, [](const test_kind& kind) {
-    return kind.add != nullptr && kind.modify != nullptr && kind.remove != nullptr &&
-           kind.add->results == kind.record->code;
+    return kind.add->results == kind.record->code;
 }));
 
 } // namespace

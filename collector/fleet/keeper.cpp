@@ -45,12 +45,12 @@ std::string keeper_body::where(const std::string& path, const remark& what) {
 bool keeper_body::start(ingest& results, std::string& error) {
     results_ = &results;
     results.follow({}, {}); /* not what the last run had */
-    {
+    std::vector<ingest::agent_plan> plans;
+    if (file_) {
         std::lock_guard hold(mutex_);
-        if (file_) {
-            tell_stored_expectations();
-        }
+        plans = stored_plans();
     }
+    tell_plans(std::move(plans));
     if (!store_ground(error)) {
         return false;
     }
@@ -416,23 +416,8 @@ void keeper_body::tell_finished() {
     }
 }
 
-void keeper_body::follow(std::vector<ingest::agent_plan> plans) {
-    if (plans.empty()) {
-        return;
-    }
-    if (options_.on_plans) {
-        std::vector<agent_summary> shown;
-        shown.reserve(plans.size());
-        for (const ingest::agent_plan& each : plans) {
-            shown.push_back({each.account, each.agent, each.plan});
-        }
-        options_.on_plans(std::move(shown));
-    }
-    results_->follow_agents(std::move(plans));
-}
-
-/* With what is stored, before anything is made of the file. With the mutex. */
-void keeper_body::tell_stored_expectations() {
+/* As they are stored, before anything is made of the file. With the mutex. */
+std::vector<ingest::agent_plan> keeper_body::stored_plans() const {
     std::vector<ingest::agent_plan> plans;
     for (const auto& [key, agent] : agents_) {
         if (agent->is_given && agent->is_there) {
@@ -442,18 +427,34 @@ void keeper_body::tell_stored_expectations() {
                              .definitions = {}});
         }
     }
-    follow(std::move(plans));
+    return plans;
 }
 
+void keeper_body::tell_plans(std::vector<ingest::agent_plan> plans) const {
+    if (plans.empty()) {
+        return;
+    }
+    if (options_.on_plans) {
+        std::vector<agent_summary> all;
+        all.reserve(plans.size());
+        for (const ingest::agent_plan& one : plans) {
+            all.push_back({.account = one.account, .agent = one.agent, .plan = one.plan});
+        }
+        options_.on_plans(std::move(all));
+    }
+    results_->follow_agents(std::move(plans));
+}
+
+/* Of the agents for which anything is another now. */
 void keeper_body::tell_expectations(const fleet_work& done) {
     std::vector<ingest::agent_plan> plans;
     for (const fleet_work::agent& made : done.agents) {
-        if (made.now) {
+        if (made.now && (made.is_changed || made.is_first)) {
             plans.push_back({.account = made.of->account,
                              .agent = made.of->name,
                              .plan = plan_of(*made.now),
                              .definitions = definitions_of(*made.now)});
         }
     }
-    follow(std::move(plans));
+    tell_plans(std::move(plans));
 }

@@ -37,7 +37,7 @@ struct keeper_options {
     std::function<void(const std::string&)> log = {}; /* a line; any thread */
     /* A change as the API shows it has another outcome, or is new: for the stream. Any thread. */
     std::function<void(const stored_change&)> on_change = {};
-    /* What ingest::follow_agents() is told, without definitions. Any thread. */
+    /* What is to come of these agents, as ingest::follow_agents() is told. Any thread. */
     std::function<void(std::vector<agent_summary>)> on_plans = {};
 };
 

@@ -69,7 +69,7 @@ struct kept_agent {
 struct agent_basis {
     kept_agent* of = nullptr;
     std::shared_ptr<const given_agent> given = {};
-    bool is_given = false;
+    bool is_given = false, is_ready = false;
     std::shared_ptr<const known_inventory> has = {};
     std::vector<test_key> strays = {};
     int32_t highest = 0;
@@ -87,6 +87,7 @@ struct fleet_work {
         std::vector<kept_change> changes = {};  /* the same */
         std::vector<kept_change> outcomes = {}; /* of changes that were there, to be stored */
         bool is_changed = false;                /* it has to be stored */
+        bool is_first = false;                  /* of this run */
     };
     std::shared_ptr<const fleet> file = {}; /* null: that in force */
     kept_revision revision = {};            /* 0: none is made */
@@ -159,6 +160,7 @@ private:
     void with_turn(const std::function<void()>& what);
     void tell_finished();
     void tell_expectations(const fleet_work& done);
+    void tell_plans(std::vector<ingest::agent_plan> plans) const;
 
     /* ---- keeper_work.cpp ---- */
     static moment now();
@@ -197,8 +199,7 @@ private:
     steady::time_point next_look(steady::time_point tick) const;
     void take_due(std::vector<agent_basis>& due);
     work_pointer collect_unsaved();
-    void follow(std::vector<ingest::agent_plan> plans);
-    void tell_stored_expectations();
+    std::vector<ingest::agent_plan> stored_plans() const;
     void make_due(kept_agent& of);
     void note(kept_agent& of); /* something of it is to be stored, or it is counted anew */
     void count(kept_agent& of);

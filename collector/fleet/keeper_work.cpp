@@ -23,6 +23,7 @@ agent_basis keeper_body::basis_of(kept_agent& of) {
     return {.of = &of,
             .given = of.given,
             .is_given = of.is_given,
+            .is_ready = of.is_ready,
             .has = of.has,
             .strays = of.strays,
             .highest = of.highest};
@@ -64,6 +65,7 @@ void keeper_body::make_agent(fleet_work::agent& made, const agent_basis& basis, 
                                     basis.has ? basis.has->has() : nothing, next.found());
     made.of = basis.of;
     made.base = basis.given;
+    made.is_first = !basis.is_ready;
     made.revision = revision;
     made.groups = std::move(wanted.groups);
     made.about_intervals = wanted.about_intervals;

@@ -188,6 +188,24 @@ TEST(output, names_come_late_and_may_go) {
     EXPECT_NE(out.read_until("\n").find("web1 load average 5"), std::string::npos);
 }
 
+TEST(output, what_comes_behind_its_end_is_not_shown) {
+    pipe_pair out, problems;
+    {
+        auto o = make_output(
+            output_kind::plain,
+            {.fd = out.writer(), .problem_fd = problems.writer(), .max_queued = 100000});
+        show(*o, load_record(5, noon));
+        o->finish();
+        EXPECT_NE(out.read_until("\n").find("web1 load average 5"), std::string::npos);
+        for (int i = 0; i < 2000; i++) {
+            show(*o, load_record(6, noon));
+        }
+        o->on_problem("late");
+        o->finish();
+    }
+    EXPECT_EQ(out.read_all() + problems.read_all(), "");
+}
+
 static std::string process_record(int32_t test, uint32_t pid, uint32_t status) {
     return record_builder{.ui32 = {type_process, static_cast<uint32_t>(test), 1, pid, status},
                           .i64 = {noon},

@@ -208,10 +208,10 @@ awaitable<void> polls::answer_unknown(exchange& x) {
                  "unknown session, must log in again: " + x.address);
     if (whole) {
         sessions_.sent_away(x.head.session, exchange::clock::now());
-        const bool told = co_await x.answer("200 OK", "", answer_log_in_again);
-        if (told && may) {
+        if (may) {
             catching_up_.sent_away();
         }
+        co_await x.answer("200 OK", "", answer_log_in_again);
     }
 }
 

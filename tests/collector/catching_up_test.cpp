@@ -198,10 +198,10 @@ TEST_F(catching_up_test, what_waits_ends_with_the_server) {
 /* ---- logins ---- */
 
 TEST_F(catching_up_test, logins_wait_for_their_turn_and_beyond_that_come_again) {
-    options_.logins = {.rate = 4, .idle = 1s, .wait = 500ms};
+    options_.logins = {.rate = 1, .idle = 2s, .wait = 1500ms};
     options_.max_per_address = 100;
     start("POL\t0\t30\n");
-    /* Four at once, two that wait, of which one from an address; the others are reset. */
+    /* Two at once, one that waits; the others are reset, unless the machine takes ten seconds. */
     std::vector<std::unique_ptr<client>> agents;
     for (int i = 0; i < 12; i++) {
         agents.push_back(std::make_unique<client>(port_, i % 2 ? "127.0.0.1" : "127.0.0.2"));
@@ -218,7 +218,7 @@ TEST_F(catching_up_test, logins_wait_for_their_turn_and_beyond_that_come_again) 
         reset += r.end == ending::reset;
     }
     EXPECT_EQ(in + reset, 12u);
-    EXPECT_GE(in, 4u);
+    EXPECT_GE(in, 2u);
     EXPECT_GE(reset, 1u);
     EXPECT_EQ(counted_.logins.get(), in);
     EXPECT_EQ(refused(refusal::logins), reset);
@@ -238,13 +238,28 @@ TEST_F(catching_up_test, logins_wait_for_their_turn_and_beyond_that_come_again) 
 TEST_F(catching_up_test, an_unknown_session_is_told_so_when_it_may_log_in) {
     options_.logins = {.rate = 1, .idle = 2s, .wait = 0ms};
     start("POL\t0\t30\n");
-    const std::string one(32, 'a'), two(32, 'b'), three(32, 'c');
-    EXPECT_EQ(ask(poll_text(one, "block")).text, refused_text);
-    EXPECT_EQ(ask(poll_text(two, "block")).text, refused_text);
-    EXPECT_EQ(bring_head(three, 5000), ending::reset);
-    EXPECT_EQ(refused(refusal::session), 2u);
-    EXPECT_EQ(refused(refusal::logins), 1u);
-    /* The two turns are theirs. */
+    std::vector<std::unique_ptr<client>> agents;
+    for (int i = 0; i < 12; i++) {
+        agents.push_back(std::make_unique<client>(port_));
+        ASSERT_TRUE(agents.back()->handshake());
+    }
+    for (auto& agent : agents) {
+        ASSERT_TRUE(agent->send(poll_text(std::string(32, 'a'), "block")));
+    }
+    std::vector<std::string> told;
+    for (auto& agent : agents) {
+        reply r = agent->read_reply();
+        if (r.text == refused_text) {
+            told.push_back("agent" + std::to_string(told.size()));
+        } else {
+            EXPECT_EQ(r.end, ending::reset);
+        }
+    }
+    ASSERT_GE(told.size(), 2u);
+    ASSERT_LT(told.size(), 12u);
+    EXPECT_EQ(refused(refusal::session), told.size());
+    EXPECT_EQ(refused(refusal::logins), 12 - told.size());
+    /* The turns are theirs: two, at the least, are not gone by now. */
     EXPECT_EQ(log_in("one").size(), 32u);
     EXPECT_EQ(log_in("two").size(), 32u);
 }

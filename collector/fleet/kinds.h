@@ -13,20 +13,19 @@
 
 /* What a value has to be. */
 enum class value_form : uint8_t {
-    text,        /* one line of it, not empty */
-    name,        /* likewise; no placeholder for a secret */
-    secret_text, /* likewise; nobody's business but the agent's */
-    host,        /* a host name or an address */
-    url,         /* http or https */
-    addresses,   /* IPv4: "10.0.0.1 - 10.0.0.254", both included */
-    whole,       /* a whole number from `least` to `most` */
-    real,
-    percent,
-    megabytes,    /* "500 MB" */
+    text,         /* one line of it, not empty */
+    name,         /* likewise; no placeholder for a secret */
+    secret_text,  /* likewise; nobody's business but the agent's */
+    host,         /* a host name or an address */
+    url,          /* http or https */
+    addresses,    /* IPv4: "10.0.0.1 - 10.0.0.254", both included */
+    whole,        /* a whole number; `least` and `most` are of it, or of the unit of the form */
+    percent,      /* "80 %": whole ones */
+    megabytes,    /* "500 MB": whole ones, or nearly so */
     gigabytes,    /* "5 GB", or a share of the whole: "10 %" */
-    seconds,      /* "5s" */
+    seconds,      /* "5s": whole ones */
     milliseconds, /* "250ms", "1s" */
-    rate,         /* per second; of bytes: "10 MB" */
+    rate,         /* bytes per second: "10 MB", "100 Mbit" */
     flag,         /* true, false */
     choice,       /* one of `choices`, "md5|sha" */
     list,         /* of texts */

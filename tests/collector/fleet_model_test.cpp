@@ -479,7 +479,7 @@ private:
 } // namespace
 
 TEST(fleet_model, after_any_history_an_agent_has_what_is_wanted) {
-    for (unsigned seed = 0; seed < 1500; ++seed) {
+    for (unsigned seed = 0; seed < 1000; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         history h(seed);
         for (int i = 0; i < 60; ++i) {

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """The fleet in backups, after a restore, and when results.db is lost: nothing that was given is given twice."""
 
 import os

@@ -48,6 +48,7 @@ struct kept_agent {
     std::shared_ptr<const given_agent> given = std::make_shared<given_agent>();
     bool is_given = false;   /* anything ever was */
     bool is_ready = false;   /* in this run: so it is known what its tests are */
+    bool may_run = false;    /* with tests from before the start: it has not logged in since */
     bool is_due = false;     /* what is wanted of it has to be looked at */
     bool is_awaited = false; /* that is under way */
     bool is_unsaved = false; /* what it was given is not stored as it is now */
@@ -114,7 +115,7 @@ public:
     told_commands for_login(const session& of) override;
     told_commands after(const session& of, uint64_t serial) override;
     std::string text_for_check(const session& of) override;
-    void login_arrived(const session& of) override { (void)of; }
+    void login_arrived(const session& of) override;
     void answer_arrived(const session& of) override;
     std::chrono::seconds poll_interval(const session& of) const override;
 

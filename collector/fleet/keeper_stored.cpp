@@ -76,7 +76,12 @@ void keeper_body::take_copy(std::vector<std::string>& early) {
         early.push_back("the copy of the fleet in the settings cannot be read: " + error);
     }
     if (copy) {
-        highest_revision_ = std::max(highest_revision_, copy->newest);
+        /* Revisions are noted ahead, so that this is above all that were given; the store knows
+         * better, unless it is an older one. */
+        const bool is_older = restored_ > 0 || copy->revision > in_force_.revision ||
+                              copy->newest - reserved_at_a_time > highest_revision_;
+        highest_revision_ =
+            is_older ? std::max(highest_revision_, copy->newest) : highest_revision_;
         reserved_ = copy->newest;
     }
     highest_revision_ = static_cast<int32_t>(std::min<int64_t>(
@@ -104,6 +109,7 @@ void keeper_body::take_agent(stored_fleet::agent& one) {
     }
     of->is_unsaved = !one.confirmed.empty() || is_restored_;
     of->is_there = one.is_there;
+    of->may_run = true;
     of->is_given = one.is_given;
     of->given = std::make_shared<given_agent>(std::move(one.given));
     of->has = std::move(one.has);

@@ -50,8 +50,11 @@ void keeper_body::tell_kept_back(const session& of, const given_agent& given) {
     }
 }
 
+/* One that was told to log in again by another run of the collector has run, too, and nobody knows.
+ */
 told_commands keeper_body::for_login(const session& of) {
     std::shared_ptr<const given_agent> given;
+    bool has_run = of.running;
     {
         std::lock_guard hold(mutex_);
         kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
@@ -60,12 +63,21 @@ told_commands keeper_body::for_login(const session& of) {
         }
         agent->again_given.clear(); /* all is put right */
         agent->again.clear();
+        has_run = has_run || agent->may_run;
         given = agent->given;
     }
     tell_kept_back(of, *given);
-    return {.text = commands_for_login(given->all(), of.running, of.proven,
+    return {.text = commands_for_login(given->all(), has_run, of.proven,
                                        [this](std::string_view line) { return expand(line); }),
             .upto = static_cast<uint64_t>(given->all().newest)};
+}
+
+void keeper_body::login_arrived(const session& of) {
+    std::lock_guard hold(mutex_);
+    kept_agent* agent = find(of.account, of.agent);
+    if (agent != nullptr && agent->is_ready && of.delivered > 0) {
+        agent->may_run = false;
+    }
 }
 
 /* What is to be put right once more. */

@@ -359,6 +359,9 @@ std::string find_conflict(const options& o) {
     if (!o.plan.empty() && !o.fleet.empty()) {
         return "--plan takes the place of a fleet, so it does not go with --fleet";
     }
+    if (o.missing && !o.fleet.empty()) {
+        return "--missing takes the fleet that is stored, so --fleet does not go with it";
+    }
     if (o.end_refused && o.allow.empty()) {
         return "--end-refused needs --allow";
     }

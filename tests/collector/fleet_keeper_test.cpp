@@ -322,6 +322,21 @@ TEST_F(fleet_keeper_test, puts_right_an_agent_that_ran_on) {
                          "change load 2 confirmed"}));
 }
 
+TEST_F(fleet_keeper_test, puts_right_an_agent_that_an_earlier_run_sent_away) {
+    web.start();
+    ASSERT_EQ(apply(everything(std::string(load) + cpu)).error, "");
+    poll(web, 3);
+    ASSERT_TRUE(open_again()) << error;
+    /* The agent is told to log in again, and the collector ends. */
+    ASSERT_EQ(apply(everything("      load: {load: {1m: 9}}\n")).error, "");
+    ASSERT_TRUE(open_again(false)) << error;
+    web.log_in(false);
+    EXPECT_EQ(web.tests, one("9\t-1\t-1", 2, 2));
+    poll(web);
+    web.start(); /* from now on it is known that it has */
+    EXPECT_EQ(web.last_answer, "POL\t0\t1\nCHK\t0\t1\nLAA\t2\t2\t9\t-1\t-1\n");
+}
+
 TEST_F(fleet_keeper_test, what_a_crash_forgot_is_seen_in_the_results) {
     web.start();
     ASSERT_EQ(apply(everything(load)).error, "");
@@ -379,7 +394,8 @@ TEST_F(fleet_keeper_test, an_agent_of_no_group_is_to_have_nothing) {
     poll(web, 2);
     ASSERT_EQ(apply("version: 1\nintervals: {poll: 1s, check: 1s}\n"
                     "groups: [{name: a, agents: [db-*], tests: {}}]\n")
-                  .error, "");
+                  .error,
+              "");
     poll(web, 4);
     EXPECT_TRUE(web.tests.empty());
     EXPECT_TRUE(becomes({"add load 1 confirmed", "remove load 1 confirmed"}));

@@ -186,6 +186,8 @@ public:
     void start();
     /* Has been told to log in again, and does. */
     void log_in_again();
+    /* `running`: as the collector's sessions know of it. */
+    void log_in(bool running);
     /* Sends what there is and obeys the answer; false when the block was not stored. */
     bool poll();
     /* The same, but the answer is lost on its way: the collector does not know, either. */
@@ -215,7 +217,6 @@ public:
     std::vector<std::string> extra; /* records that it sends with the next block */
 
 private:
-    void log_in(bool running);
     void obey(const std::string& text);
     void prepare();
     bool submit();

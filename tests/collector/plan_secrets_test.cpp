@@ -329,26 +329,26 @@ TEST_F(plan_secrets_test, the_log_says_who_is_not_told) {
     known.agent = "web-1";
     other.agent = "web\n2";
     known.proven = true;
-    EXPECT_EQ(commands.text_for_login(other), load);
+    EXPECT_EQ(commands.for_login(other).text, load);
     EXPECT_EQ(log, strings());
-    uint64_t at = commands.newest();
+    uint64_t at = commands.for_login(other).upto;
     edit(load + secret_page + page("HPA", 8, "ann", "${secret:web}") + "LAM\t5\t1\t9\t9\t9\n");
     commands.refresh();
-    EXPECT_EQ(commands.text_after(other, at), "LAM\t5\t1\t9\t9\t9\n");
+    EXPECT_EQ(commands.after(other, at).text, "LAM\t5\t1\t9\t9\t9\n");
     const std::string line = "web 2 of ann@example.org is not told of tests with secrets (2): it "
                              "has not proven who it is";
     EXPECT_EQ(log, strings{line});
-    EXPECT_NE(commands.text_after(known, at).find("s3cret"), std::string::npos);
-    at = commands.newest();
-    EXPECT_EQ(commands.text_after(other, at), "");
+    EXPECT_NE(commands.after(known, at).text.find("s3cret"), std::string::npos);
+    at = commands.after(known, at).upto;
+    EXPECT_EQ(commands.after(other, at).text, "");
     EXPECT_EQ(log.size(), 1u);
     for (int i = 0; i < 100; i++) {
-        EXPECT_EQ(commands.text_for_login(other).find("s3cret"), std::string::npos);
+        EXPECT_EQ(commands.for_login(other).text.find("s3cret"), std::string::npos);
         EXPECT_EQ(commands.text_for_check(other).find("s3cret"), std::string::npos);
     }
     EXPECT_GT(log.size(), 1u);
     EXPECT_LE(log.size(), 21u) << "bounded";
-    EXPECT_NE(commands.text_for_login(known).find("s3cret"), std::string::npos);
+    EXPECT_NE(commands.for_login(known).text.find("s3cret"), std::string::npos);
     EXPECT_NE(commands.text_for_check(known).find("s3cret"), std::string::npos);
     EXPECT_LE(log.size(), 21u);
 }

@@ -177,7 +177,7 @@ private:
     void submit(const work_pointer& work);
     void finish(const work_pointer& work, bool ok, const std::string& reason);
     void take_work(fleet_work& work);
-    void take_given(fleet_work::agent& made);
+    void take_given(fleet_work::agent& made, moment at);
     static std::shared_ptr<const given_agent> merged(const fleet_work::agent& made);
 
     /* ---- keeper_stored.cpp ---- */

@@ -294,7 +294,7 @@ void keeper_body::take_work(fleet_work& work) {
     }
     is_lost_ = is_lost_ && !work.is_ground;
     for (fleet_work::agent& made : work.agents) {
-        take_given(made);
+        take_given(made, work.now);
     }
     if (work.revision.has_text) { /* who came while it was made */
         for (const auto& [key, agent] : agents_) {
@@ -331,7 +331,7 @@ std::shared_ptr<const given_agent> keeper_body::merged(const fleet_work::agent& 
     return std::make_shared<given_agent>(std::move(next));
 }
 
-void keeper_body::take_given(fleet_work::agent& made) {
+void keeper_body::take_given(fleet_work::agent& made, moment at) {
     kept_agent& of = *made.of;
     const bool is_same = of.given == made.base;
     of.is_awaited = false;
@@ -348,8 +348,9 @@ void keeper_body::take_given(fleet_work::agent& made) {
         of.is_unsaved = made.is_changed ? !is_same : of.is_unsaved;
         of.is_given = of.is_ready = true;
         of.strays.clear();
-        of.changes.take(made.changes, now());
+        of.changes.take(made.changes, at);
         of.changes.follow(*of.given);
+        of.changes.note_saved(made.outcomes);
     }
     note(of);
 }

@@ -23,7 +23,7 @@ void settle(kept_change& one, change_outcome outcome, std::string reason, moment
     }
     one.outcome = outcome;
     one.reason = std::move(reason);
-    one.version++;
+    one.is_unsaved = true;
 }
 
 void end(kept_change& one, change_outcome outcome, std::string reason, moment now) {
@@ -93,6 +93,12 @@ std::string why_unanswered(const kept_change& one, const agent_presence& here) {
         return "the scan is under way, most likely, and has found nothing yet";
     }
     return std::string("no result has come in three intervals") + likely_of(one.type);
+}
+
+/* As far as it is stored. */
+bool is_same(const kept_change& a, const kept_change& b) {
+    return a.outcome == b.outcome && a.sent == b.sent && a.settled == b.settled &&
+           a.reason == b.reason;
 }
 
 } // namespace
@@ -217,7 +223,7 @@ void agent_changes::take(std::vector<kept_change> fresh, moment now) {
             open_.push_back(std::move(one));
         }
     }
-    std::erase_if(open_, [](const kept_change& one) { return one.is_over && !one.is_unsaved(); });
+    std::erase_if(open_, [](const kept_change& one) { return one.is_over && !one.is_unsaved; });
     note_open();
 }
 
@@ -249,7 +255,7 @@ void agent_changes::give_up(moment now) {
 void agent_changes::tell(kept_change& one, const given_agent& agent, moment now) {
     if (one.sent == 0) {
         one.sent = now.wall;
-        one.version++;
+        one.is_unsaved = true;
     }
     one.told = now.steady;
     one.due = now.steady + patience_for(agent.slowest());
@@ -381,12 +387,12 @@ void agent_changes::look(const given_agent& agent, const agent_presence& here, m
 
 bool agent_changes::has_unsaved() const {
     return std::any_of(open_.begin(), open_.end(),
-                       [](const kept_change& one) { return one.is_unsaved(); });
+                       [](const kept_change& one) { return one.is_unsaved; });
 }
 
 void agent_changes::unsaved(std::vector<kept_change>& into) const {
     std::copy_if(open_.begin(), open_.end(), std::back_inserter(into),
-                 [](const kept_change& one) { return one.is_unsaved(); });
+                 [](const kept_change& one) { return one.is_unsaved; });
 }
 
 void agent_changes::note_saved(const std::vector<kept_change>& saved) {
@@ -394,11 +400,11 @@ void agent_changes::note_saved(const std::vector<kept_change>& saved) {
         auto one =
             std::lower_bound(open_.begin(), open_.end(), each.id,
                              [](const kept_change& before, int64_t id) { return before.id < id; });
-        if (one != open_.end() && one->id == each.id) {
-            one->saved = each.version;
+        if (one != open_.end() && one->id == each.id && one->is_unsaved) {
+            one->is_unsaved = !is_same(*one, each);
         }
     }
-    std::erase_if(open_, [](const kept_change& one) { return one.is_over && !one.is_unsaved(); });
+    std::erase_if(open_, [](const kept_change& one) { return one.is_over && !one.is_unsaved; });
     note_open();
 }
 

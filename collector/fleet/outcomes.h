@@ -43,14 +43,12 @@ struct kept_change {
     std::string about = {}; /* what is to be said of it besides: "10 % of 50 GB" */
 
     bool is_over = false;      /* nothing becomes of it any more */
-    unsigned version = 0;      /* grows with each change of what is to be stored, */
-    unsigned saved = 0;        /* and this is the one that is */
+    bool is_unsaved = false;   /* it is not stored as it is */
     int64_t since = INT64_MIN; /* steady; known to be open, since the start */
     int64_t told = INT64_MIN;  /* steady; when it was sent last, since the start */
     int64_t due = INT64_MAX;   /* likewise; when a result of it is late */
     bool is_repeated = false;  /* it was put right once more */
 
-    bool is_unsaved() const { return version != saved; }
     test_key key() const { return {type, number}; }
 };
 stored_change view_of(const kept_change& one, std::string_view account, std::string_view agent);

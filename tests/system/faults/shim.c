@@ -1,6 +1,6 @@
 /* Loaded before libc (LD_PRELOAD): makes the clock jump, memory or threads fail, and the disk slow,
- * while the program runs, without touching the machine. A test steers it through the file that FAULT_CONTROL
- * names, mapped by both. */
+ * while the program runs, without touching the machine. A test steers it through the file that
+ * FAULT_CONTROL names, mapped by both. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

@@ -1,8 +1,8 @@
 """What really passes between agents and a collector: a way through which agents poll, and which keeps all of it.
 
 Both ends speak TLS with it. It hands each request on, whole, and each answer back, whole; where the collector ends in the
-middle, so does the agent's connection. Now and then (`lost`, a share of the answers) it loses an answer on the way back, as
-networks do. So it knows, without asking either end, which blocks an agent sent, which of them the collector said it has,
+middle, so does the agent's connection. Now and then (`lost`, a share of the answers to polls) it loses an answer on the way
+back, as networks do. So it knows, without asking either end, which blocks an agent sent, which of them the collector said it has,
 and what the agent was told.
 
     way = Recorder(test, lambda: collector.port)
@@ -148,7 +148,7 @@ class Recorder:
         delivered = False
         if answer is None:
             self.cut_exchanges += 1
-        elif self.dice.random() < self.lost:
+        elif "vnd-sessionid" in headers and self.dice.random() < self.lost:
             self.lost_answers += 1
         else:
             try:

@@ -96,8 +96,8 @@ class Outcomes(harness.TestCase):
                       [field for change in second["agents"][0]["changes"] for field in change["fields"]])
         changed = self.collector.wait_change(test="load", action="change", outcome="confirmed")
         self.assertEqual((changed["revision"], changed["number"]), (second["revision"], change["number"]))
-        self.collector.wait_change(test="two", action="remove", outcome="confirmed")
-        self.assertIn("Removed test", self.agents[0].log().replace("rem_cpu", "Removed test"))
+        two = self.collector.wait_change(test="two", action="remove", outcome="confirmed")
+        self.assertIn("\nCUD\t%d\t0\n" % two["number"], self.agents[0].log())
 
         same = self.collector.apply(fleet("load: {load: {1m: 999}}"))
         self.assertEqual((same["same"], same["revision"], same["agents"]), (True, second["revision"], []))
@@ -341,7 +341,8 @@ class FileThatRules(harness.TestCase):
         self.assertIn("--plan", collector.errors())
 
     def test_plan_rules(self):
-        collector = FleetCollector(self, rules=("--plan", os.devnull)).start()
+        self.write("")
+        collector = FleetCollector(self, rules=("--plan", self.path)).start()
         status, answer = collector.put(fleet(LOAD))
         self.assertEqual(status, 409)
         self.assertIn("--plan", answer["detail"])

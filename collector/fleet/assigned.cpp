@@ -461,6 +461,14 @@ bool note_whole(assigned_test& test, double whole_gb) {
     return true;
 }
 
+bool is_mounted(const assigned_test& test, const agent_inventory& has) {
+    if (!has.file_systems) {
+        return true; /* as far as anybody knows */
+    }
+    const std::vector<std::string>& there = *has.file_systems;
+    return std::find(there.begin(), there.end(), test.found) != there.end();
+}
+
 assigned_test* assigned_agent::find(uint32_t type, int32_t number) {
     auto found = std::find_if(tests.begin(), tests.end(), [=](const assigned_test& test) {
         return number != 0 && test.number == number && test.kind != nullptr &&

@@ -80,6 +80,9 @@ struct assigned_agent {
 /* A result of a disk says how large the disk is. True when that is news: another whole, by more
  * than half a percent; then what is wanted may be another. */
 bool note_whole(assigned_test& test, double whole_gb);
+/* Whether what a result says of a disk is said of that disk. Of one that is not mounted the agent
+ * describes the file system that has its directory: a limit must not follow that. */
+bool is_mounted(const assigned_test& test, const agent_inventory& has);
 
 enum class change_action : uint8_t { add = 1, change = 2, rename = 3, remove = 4, intervals = 5 };
 std::string_view action_word(change_action a); /* "add", "change", ... */

@@ -136,7 +136,7 @@ void keeper_body::take_seen(kept_agent& of, moment at) {
                 changing().find(type, number)->confirmed = known->revision;
                 of.changes.came(seen.test, seen.location, at);
             }
-            if (seen.whole_gb > 0) {
+            if (seen.whole_gb > 0 && (!of.has || is_mounted(*known, of.has->has()))) {
                 assigned_test* test = changing().find(type, number);
                 if (note_whole(*test, seen.whole_gb) && test->what && test->what->free_share) {
                     make_due(of);

@@ -367,6 +367,15 @@ TEST_F(fleet_assigned, a_share_becomes_a_limit_of_its_own) {
     EXPECT_EQ(said({test_maker("e", "disk").share(10).was("d")}), strings{"rename d e 1"});
 }
 
+TEST_F(fleet_assigned, of_a_disk_that_is_not_mounted_nothing_is_learnt) {
+    begin({test_maker("d", "disk")});
+    EXPECT_TRUE(is_mounted(test("d"), has));
+    EXPECT_TRUE(is_mounted(test("d"), {}));
+    EXPECT_FALSE(is_mounted(test("d"), {.file_systems = strings{"/x(/dev/sda1|ext4)"}}));
+    EXPECT_FALSE(is_mounted(test("d"), {.file_systems = strings{"/(/dev/sdb1|ext4)"}}))
+        << "another disk in its place is found first";
+}
+
 TEST_F(fleet_assigned, no_whole_that_is_no_size_is_noted) {
     assigned_test test;
     for (double whole : {0.0, -1.0, std::numeric_limits<double>::infinity(),

@@ -263,6 +263,16 @@ TEST_F(fleet_keeper_test, a_share_follows_the_size) {
     web.whole_gb = 60;
     poll(web);
     EXPECT_EQ(web.last_answer, "DKM\t1\t4\t/(sda|ext4)\t6\n");
+    /* While it is not mounted the agent tells of another: the limit stays. */
+    web.disks = "/boot(sdb|ext4)\t";
+    web.whole_gb = 2;
+    poll(web, 3);
+    EXPECT_EQ(web.last_answer, "");
+    web.disks = "/(sda|ext4)\t";
+    web.whole_gb = 60;
+    poll(web, 2);
+    EXPECT_EQ(web.last_answer, "");
+    EXPECT_EQ(web.tests, one("/(sda|ext4)\t6", 1, 4, type_disk));
 }
 
 TEST_F(fleet_keeper_test, an_agent_without_interfaces_says_so) {
@@ -272,7 +282,7 @@ TEST_F(fleet_keeper_test, an_agent_without_interfaces_says_so) {
     poll(web);
     EXPECT_TRUE(eventually([&] {
         strings all = outcomes(true);
-        return all.back() == "add net 0 impossible: there is no interface eth0, and no other";
+        return all.back() == "add net 0 impossible: there is no interface eth0; there is no other";
     })) << testing::PrintToString(outcomes(true));
     web.interfaces = "lo\teth0\t";
     poll(web);

@@ -1,7 +1,7 @@
 """What each agent is to have, by a fleet file: a second opinion, which shares no code with the collector.
 
 `read()` knows as much YAML as the tests write: maps and lists by indentation, maps and lists in braces and brackets, texts
-plain or in double quotes, comments. `wanted()` is docs/fleet.md once more, for the keys that the tests use."""
+plain or in quotes, comments. `wanted()` is docs/fleet.md once more, for the keys that the tests use."""
 
 import collections
 import fnmatch
@@ -43,21 +43,23 @@ def _block(lines, indent):
     return found, lines
 
 
-_QUOTED = r'"(?:[^"\\]|\\.)*"'
-_KEY = re.compile(r'(%s|[^\s"\[{&][^:#]*?):(?:\s+(.*)|$)' % _QUOTED)
+_QUOTED = r'"(?:[^"\\]|\\.)*"|\'(?:[^\']|\'\')*\''
+_KEY = re.compile(r"""(%s|[^\s"'\[{&][^:#]*?):(?:\s+(.*)|$)""" % _QUOTED)
 _TOKEN = re.compile(r'\s*(?:(%s)|([][{},])|((?:[^][{},":]|:(?! ))[^][{},:]*(?::(?! )[^][{},:]*)*)|(:))' % _QUOTED)
 
 
 def _scalar(text):
     if text.startswith('"'):
         return re.sub(r"\\(.)", r"\1", text[1:-1])
+    if text.startswith("'"):
+        return text[1:-1].replace("''", "'")
     return text.strip()
 
 
 def _whole(text):
     tokens = []
     at = 0
-    if text[0] not in '[{"':
+    if text[0] not in "[{\"'":
         return _scalar(re.sub(r"\s+#.*", "", text))
     while at < len(text.rstrip()):
         found = _TOKEN.match(text, at)
@@ -157,16 +159,23 @@ def _limits(spelling, keys, read_one=str):
     return [read_one(spelling[key]) if key in spelling else "-1" for key in keys]
 
 
+def _host(test):
+    return [test["host"]] if "host" in test else []
+
+
 def _load(test, _):
-    return ("LA", *_limits(test["load"], ("1m", "5m", "15m")))
+    return ("LA", *_limits(test["load"], ("1m", "5m", "15m")), *_host(test))
 
 
 def _cpu(test, _):
-    return ("CU", *_limits(test["cpu"], ("user", "nice", "system", "idle", "iowait"), _percent))  # crossed by the protocol
+    order = ("user", "nice", "system", "idle", "iowait")  # of a local one two are crossed by the protocol
+    if "host" in test:
+        order = ("user", "system", "nice", "idle", "iowait")
+    return ("CU", *_limits(test["cpu"], order, _percent), *_host(test), *([test["os"]] if test.get("os") == "linux" else []))
 
 
 def _memory(test, _):
-    return ("MM", *_limits(test["memory"], ("free", "swap", "virtual", "buffers", "cached"), _megabytes))
+    return ("MM", *_limits(test["memory"], ("free", "swap", "virtual", "buffers", "cached"), _megabytes), *_host(test))
 
 
 def _disk(test, disks):
@@ -288,11 +297,7 @@ def fields_of(test, disks, secrets):
 
 def same(ours, theirs):
     """Whether an agent's fields say what is wanted. Numbers are compared as such; every limit below 1 of an interface is off, -1
-    for other limits; a field behind the last one that matters is empty."""
-    theirs = list(theirs)
-    if ours[0] in ("LA", "CU", "MM"):  # no other host
-        while len(theirs) > len(ours) and theirs[-1] == "":
-            theirs.pop()
+    for other limits."""
     return len(ours) == len(theirs) and all(_same_field(ours[0], a, b) for a, b in zip(ours, theirs))
 
 

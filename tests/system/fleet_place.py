@@ -48,8 +48,8 @@ class Member:
         if mounts:
             words = words + ["unshare", "--mount", "sh", "-c", mounts + 'exec "$@"', "sh"]
         self.recorded = place.recorder.add("10.9.%d.2" % number, name, "127.0.1.%d" % number, identity)
-        self.agent = harness.Agent(place.test, name=name, wrap=words, env=peers.MIBS, AGENTNAME=name,
-                                   USEHOST="https://%s:%d/" % (SERVICES, place.recorder.port))
+        self.agent = harness.Agent(place.test, name=name, wrap=words, env=peers.MIBS, USEREMAIL=place.account,
+                                   AGENTNAME=name, USEHOST="https://%s:%d/" % (SERVICES, place.recorder.port))
         self.log = AgentLog(self.agent.log_path)
 
     def start(self):
@@ -63,10 +63,10 @@ class Member:
 
 
 class Company:
-    def __init__(self, test, lost=0.0, seed=0, options=(), collector=Asked):
-        self.test = test
+    def __init__(self, test, lost=0.0, seed=0, account=ACCOUNT, name="collector"):
+        self.test, self.account = test, account
         subprocess.run(["ip", "addr", "replace", SERVICES + "/32", "dev", "lo"], check=True)
-        self.collector = collector(test, options=options, rules=())
+        self.collector = Asked(test, name=name, rules=())
         self.collector.start()
         self.recorder = Recorder(test, lambda: self.collector.port, lost, seed)
         self.members = {}
@@ -82,7 +82,7 @@ class Company:
     def enrol(self, name):
         """Certificate and key of that agent, as the collector gives them out."""
         collector = self.collector
-        agent = urllib.parse.quote(ACCOUNT + "/" + name, safe="")
+        agent = urllib.parse.quote(self.account + "/" + name, safe="")
         status, _, text = collector.ask("/api/v1/agents/%s/enrolment" % agent, "POST")
         self.test.assertEqual(status, 201, text)
         base = os.path.join(self.test.subdir("identity"), name)

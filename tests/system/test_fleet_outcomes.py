@@ -104,7 +104,9 @@ class Outcomes(harness.TestCase):
         renamed = self.collector.apply(fleet("load average: {was: load, load: {1m: 999}}"))
         self.assertEqual([(change["test"], change["was"], change["action"]) for change in renamed["agents"][0]["changes"]],
                          [("load average", "load", "rename")])
-        test, = [test for test in self.collector.get("/api/v1/tests")["items"] if test["name"] == "load average"]
+        test = harness.wait_until(lambda: next((test for test in self.collector.get("/api/v1/tests")["items"]
+                                                if test["name"] == "load average"), None),
+                                  lambda: self.collector.get("/api/v1/tests"))
         self.assertEqual((test["number"], test["group"]), (change["number"], "everything"))
         status = self.collector.ctl("fleet", "status")
         self.assertIn(str(renamed["revision"]), status)

@@ -57,6 +57,12 @@ int32_t given_agent::slowest() const {
     return longer > 0 ? longer : default_interval_s;
 }
 
+std::string packed(const given_agent& agent) {
+    std::string text;
+    agent.all().pack(text);
+    return text;
+}
+
 plan_summary plan_of(const given_agent& agent) {
     plan_summary plan;
     plan.is_planned = true;

@@ -45,6 +45,9 @@ private:
     bool any_secrets_ = false;
 };
 
+/* As it is stored. */
+std::string packed(const given_agent& agent);
+
 /* What is to come of the agent: of the tests that are sent. */
 plan_summary plan_of(const given_agent& agent);
 /* What each of these is. Of secret fields the places are empty, as everywhere. */

@@ -1,60 +1,201 @@
-/* Start, thread and end. */
-#include "fleet/keeper_body.h"
+/* A keeper is put together of what agents are told (told_fleet.h), what comes of them
+ * (heard_fleet.h) and what the API asks (asked_fleet.h), over one state (fleet_state.h). Here is
+ * its thread: what follows from inventories, results, secrets and the file. */
+#include "fleet/keeper.h"
 
 #include "base/text.h"
+#include "fleet/file.h"
+#include "fleet/asked_fleet.h"
+#include "fleet/fleet_loading.h"
+#include "fleet/fleet_storing.h"
+#include "fleet/heard_fleet.h"
+#include "fleet/ruling_file.h"
+#include "fleet/told_fleet.h"
 
 #include <algorithm>
-#include <future>
 #include <pthread.h>
 #include <system_error>
+#include <thread>
 
-static constexpr std::chrono::seconds between_ticks{1};
-static constexpr std::chrono::seconds longest_storing{10};
-static constexpr size_t most_agents = 2000; /* in one piece of work, but when a file is applied */
-static constexpr size_t most_saved = 2000;  /* changes, likewise */
-static constexpr size_t most_looked_at = 1000; /* agents, at a time with the mutex */
-static constexpr size_t most_remarks = 20;     /* in the log */
-static constexpr unsigned ticks_between_probes = 30;
+namespace {
 
-std::unique_ptr<fleet_keeper>
-fleet_keeper::open(keeper_options options, std::vector<std::string>& early, std::string& error) {
-    auto body = std::make_unique<keeper_body>(std::move(options));
-    return body->open(early, error) ? std::move(body) : nullptr;
-}
+using steady = fleet_state::clock;
+using ending = fleet_storing::ending;
 
-keeper_body::keeper_body(keeper_options options)
-    : options_(std::move(options)), kept_back_([this](const std::string& line) { log(line); }) {}
+constexpr std::chrono::seconds between_ticks{1}, longest_storing{10};
+constexpr unsigned ticks_between_probes = 30;
+constexpr size_t most_looked_at = 1000; /* agents, at a time with the mutex */
 
-keeper_body::~keeper_body() {
-    stop();
-}
-
-void keeper_body::log(const std::string& line) const {
-    if (options_.log) {
-        options_.log(line);
+class keeper_body final : public fleet_keeper {
+public:
+    explicit keeper_body(keeper_options options) : options_(std::move(options)) {
+        if (!options_.log) {
+            options_.log = [](const std::string&) {};
+        }
+        if (!options_.file.empty()) {
+            file_ = std::make_unique<ruling_file>(options_.file);
+        }
     }
-}
+    ~keeper_body() override { stop(); }
+    bool open_all(std::vector<std::string>& early, std::string& error);
 
-std::string keeper_body::where(const std::string& path, const remark& what) {
-    return path + ":" + std::to_string(what.at.line) + ":" + std::to_string(what.at.column) + ": " +
-           what.text;
-}
+    bool start(ingest& results, std::string& error) override;
+    void read_file() override;
+    void stop() override;
+
+    void refresh() override {}
+    bool prepare(const session& of, std::function<void()> ready) override {
+        return told_.prepare(of, std::move(ready));
+    }
+    told_commands for_login(const session& of) override { return told_.for_login(of); }
+    told_commands after(const session& of, uint64_t serial) override {
+        return told_.after(of, serial);
+    }
+    std::string text_for_check(const session& of) override { return told_.text_for_check(of); }
+    void login_arrived(const session& of) override { told_.login_arrived(of); }
+    void answer_arrived(const session& of) override { told_.answer_arrived(of); }
+    std::chrono::seconds poll_interval(const session& of) const override {
+        return told_.poll_interval(of);
+    }
+
+    void on_record(const poll_block& from, const decoded_record& result) override {
+        heard_.on_record(from, result);
+    }
+    void on_undecodable(const poll_block&, size_t, size_t, const std::string&,
+                        const std::string&) override {}
+    void on_agent(int64_t id, std::string_view account, std::string_view agent,
+                  const agent_state& now, std::span<const change> changes) override {
+        heard_.on_agent(id, account, agent, now, changes);
+    }
+    void on_retired(int64_t id, std::string_view account, std::string_view agent,
+                    int64_t time) override {
+        heard_.on_retired(id, account, agent, time);
+    }
+    void on_batch_end() override { heard_.on_batch_end(); }
+
+    fleet_standing standing() const override { return asked_.standing(); }
+    std::string text(int32_t& revision) const override { return asked_.text(revision); }
+    fleet_outcome try_out(std::string_view text) override { return asked_.try_out(text); }
+    fleet_outcome apply(std::string_view text, const std::string& author,
+                        std::optional<int32_t> expected) override {
+        return asked_.apply(text, author, expected);
+    }
+    std::vector<std::string> groups_of(std::string_view account,
+                                       std::string_view agent) const override {
+        return asked_.groups_of(account, agent);
+    }
+    std::vector<fleet_test_standing> tests_of(std::string_view account,
+                                              std::string_view agent) const override {
+        return asked_.tests_of(account, agent);
+    }
+    std::optional<fleet_test_standing> test_of(std::string_view account, std::string_view agent,
+                                               uint32_t type, int32_t number) const override {
+        return asked_.test_of(account, agent, type, number);
+    }
+    std::optional<called_test> name_of(std::string_view account, std::string_view agent,
+                                       uint32_t type, int32_t number) const override {
+        return asked_.name_of(account, agent, type, number);
+    }
+
+private:
+    void log(const std::string& line) const { options_.log(line); }
+    bool open_file(std::vector<std::string>& early, std::string& error);
+    bool store_ground(std::string& error);
+    void save_all();
+
+    /* ---- its thread ---- */
+    void run();
+    steady::time_point next_look(steady::time_point tick) const; /* with the mutex */
+    void tick();
+    void answer_waiting();
+    void look_at_secrets();
+    void look_at_changes();
+    void look_at_file(bool at_once);
+    void apply_file();
+    void begin_work();
+    void tell_finished();
+    void tell_of(const fleet_work& done);
+    void tell_expectations(const fleet_work& done);
+    void tell_plans(std::vector<ingest::agent_plan> plans) const;
+
+    keeper_options options_;
+    ingest* results_ = nullptr;
+    loaded_fleet loaded_;
+    std::unique_ptr<ruling_file> file_; /* keeper's thread; null: there is none */
+
+    fleet_state state_;
+    revision_counter revisions_{state_, options_.kept, options_.log};
+    work_maker made_{state_, revisions_, options_.secrets};
+    fleet_storing stored_{state_, options_.secrets};
+    told_fleet told_{state_, options_.secrets, options_.log};
+    heard_fleet heard_{state_};
+    asked_fleet asked_{state_, made_, stored_, options_.file};
+
+    bool is_read_again_ = false; /* the file, at once; with the mutex */
+    uint64_t secrets_seen_ = 0;  /* here and below the keeper's thread */
+    unsigned ticks_ = 0;
+    bool is_saving_ = false;
+    std::string trouble_; /* as told last */
+    std::thread thread_;
+};
 
 /* ---- start and end ---- */
 
+bool keeper_body::open_all(std::vector<std::string>& early, std::string& error) {
+    return load_fleet(options_.directory, state_, revisions_, loaded_, early, error) &&
+           open_file(early, error);
+}
+
+/* Of --fleet. */
+bool keeper_body::open_file(std::vector<std::string>& early, std::string& error) {
+    std::vector<std::string> wrong;
+    if (!file_ || file_->open(wrong)) {
+        return true;
+    }
+    if (state_.file) {
+        state_.file_trouble = file_->trouble();
+        early.insert(early.end(), wrong.begin(), wrong.end());
+        early.push_back("the fleet of revision " + std::to_string(state_.in_force.revision) +
+                        " stays in force");
+        return true;
+    }
+    error = std::move(wrong.back());
+    wrong.pop_back();
+    early.insert(early.end(), wrong.begin(), wrong.end());
+    return false;
+}
+
+/* As they are stored, before anything is made of the file. With the mutex. */
+std::vector<ingest::agent_plan> stored_plans(const fleet_state& state) {
+    std::vector<ingest::agent_plan> plans;
+    for (const auto& [key, agent] : state.agents) {
+        if (state.file && agent->is_given && agent->is_there) {
+            plans.push_back({.account = agent->account,
+                             .agent = agent->name,
+                             .plan = plan_of(*agent->given),
+                             .definitions = {}});
+        }
+    }
+    return plans;
+}
+
 bool keeper_body::start(ingest& results, std::string& error) {
     results_ = &results;
+    stored_.begin(results);
     results.follow({}, {}); /* not what the last run had */
     std::vector<ingest::agent_plan> plans;
-    if (file_) {
-        std::lock_guard hold(mutex_);
-        plans = stored_plans();
+    {
+        std::lock_guard hold(state_.mutex);
+        plans = stored_plans(state_);
     }
     tell_plans(std::move(plans));
     if (!store_ground(error)) {
         return false;
     }
-    is_started_ = true;
+    {
+        std::lock_guard hold(state_.mutex);
+        state_.is_started = true;
+    }
     apply_file();
     try {
         thread_ = std::thread([this] { run(); });
@@ -66,67 +207,89 @@ bool keeper_body::start(ingest& results, std::string& error) {
     return true;
 }
 
-/* With a turn: waits for the end of the work, as long as the store's thread may take. */
-bool keeper_body::store_now(const work_pointer& work) {
-    auto ended = std::make_shared<std::promise<bool>>();
-    std::future<bool> end = ended->get_future();
-    work->done = [ended](const fleet_work& done) { ended->set_value(done.ok); };
-    submit(work);
-    return end.wait_for(longest_storing) == std::future_status::ready && end.get();
+/* Ahead of everything else: what is given from now on is above all that was ever given. */
+bool keeper_body::store_ground(std::string& error) {
+    work_maker::pointer work;
+    bool has_text = false;
+    {
+        std::lock_guard hold(state_.mutex);
+        if (loaded_.is_restored) {
+            work = made_.collect_all("a copy of the store was put in its place: numbers and "
+                                     "revisions that may have been given since are left out",
+                                     false);
+        }
+        state_.is_busy = work || loaded_.lost_file;
+        has_text = state_.in_force.has_text;
+    }
+    if (work) {
+        made_.complete(*work);
+    } else if (loaded_.lost_file) {
+        work = made_.make_application(loaded_.lost_text, loaded_.lost_file, "collector");
+    }
+    const ending end = work ? stored_.submit_and_wait(work) : ending::stored;
+    if (end != ending::stored) {
+        error = "what agents are to do cannot be stored: " +
+                (end == ending::late ? "the store takes too long" : work->reason);
+        return false;
+    }
+    if (has_text) {
+        revisions_.keep_text();
+    }
+    return true;
 }
 
 void keeper_body::stop() {
     {
-        std::lock_guard hold(mutex_);
-        is_stopping_ = true;
+        std::lock_guard hold(state_.mutex);
+        state_.is_stopping = true;
     }
-    changed_.notify_all();
-    if (!thread_.joinable()) {
-        return;
+    state_.changed.notify_all();
+    if (thread_.joinable()) {
+        thread_.join();
+        answer_waiting();
+        save_all();
     }
-    thread_.join();
-    answer_waiting();
-    for (bool more = true; more;) {
-        work_pointer work;
+}
+
+void keeper_body::save_all() {
+    for (ending end = ending::stored; end == ending::stored;) {
+        work_maker::pointer work;
         {
-            std::unique_lock hold(mutex_);
-            if (!changed_.wait_for(hold, longest_storing, [&] { return !is_busy_; })) {
+            std::unique_lock hold(state_.mutex);
+            if (!state_.changed.wait_for(hold, longest_storing, [&] { return !state_.is_busy; })) {
                 return;
             }
-            work = collect_unsaved();
-            is_busy_ = work != nullptr;
+            work = made_.collect_unsaved();
+            state_.is_busy = work != nullptr;
         }
-        more = work && store_now(work);
+        end = work ? stored_.submit_and_wait(work) : ending::failed;
     }
 }
 
 void keeper_body::read_file() {
     {
-        std::lock_guard hold(mutex_);
-        is_read_again_ = is_woken_ = true;
+        std::lock_guard hold(state_.mutex);
+        is_read_again_ = state_.is_woken = true;
     }
-    changed_.notify_all();
+    state_.changed.notify_all();
 }
 
-/* ---- the keeper's thread ---- */
+/* ---- its thread ---- */
 
 void keeper_body::run() {
     steady::time_point tick_at = steady::now();
-    std::unique_lock hold(mutex_);
-    while (!is_stopping_) {
-        changed_.wait_until(hold, next_look(tick_at), [&] { return is_woken_ || is_stopping_; });
-        is_woken_ = false;
+    std::unique_lock hold(state_.mutex);
+    while (!state_.is_stopping) {
+        state_.changed.wait_until(hold, next_look(tick_at),
+                                  [&] { return state_.is_woken || state_.is_stopping; });
+        state_.is_woken = false;
         const bool at_once = std::exchange(is_read_again_, false);
         hold.unlock();
         try {
             tell_finished();
             if (steady::now() >= tick_at) {
                 tick_at = steady::now() + between_ticks;
-                look_at_secrets();
-                look_at_changes();
-                look_at_file(false);
-                look_at_store();
-                is_saving_ = true;
+                tick();
             }
             if (at_once) {
                 look_at_file(true);
@@ -141,9 +304,18 @@ void keeper_body::run() {
     }
 }
 
-/* With the mutex. */
-keeper_body::steady::time_point keeper_body::next_look(steady::time_point tick) const {
-    for (const waiting& each : waiting_) {
+void keeper_body::tick() {
+    look_at_secrets();
+    look_at_changes();
+    look_at_file(false);
+    if (++ticks_ % ticks_between_probes == 0) {
+        stored_.probe();
+    }
+    is_saving_ = true;
+}
+
+steady::time_point keeper_body::next_look(steady::time_point tick) const {
+    for (const fleet_state::waiting_answer& each : state_.waiting) {
         tick = std::min(tick, each.until);
     }
     return tick;
@@ -153,11 +325,11 @@ keeper_body::steady::time_point keeper_body::next_look(steady::time_point tick) 
 void keeper_body::answer_waiting() {
     std::vector<std::function<void()>> ready;
     {
-        std::lock_guard hold(mutex_);
+        std::lock_guard hold(state_.mutex);
         const steady::time_point time = steady::now();
-        std::erase_if(waiting_, [&](waiting& each) {
-            const bool is_over =
-                is_stopping_ || time >= each.until || (!each.of->is_due && !each.of->is_awaited);
+        std::erase_if(state_.waiting, [&](fleet_state::waiting_answer& each) {
+            const bool is_over = state_.is_stopping || time >= each.until ||
+                                 (!each.of->is_due && !each.of->is_awaited);
             if (is_over) {
                 ready.push_back(std::move(each.ready));
             }
@@ -174,111 +346,85 @@ void keeper_body::look_at_secrets() {
         return;
     }
     secrets_seen_ = options_.secrets->newest();
-    std::lock_guard hold(mutex_);
-    for (const auto& [key, agent] : agents_) {
+    std::lock_guard hold(state_.mutex);
+    for (const auto& [key, agent] : state_.agents) {
         if (agent->is_there && agent->given->has_secrets()) {
-            make_due(*agent);
+            state_.make_due(*agent);
         }
     }
 }
 
-/* What of the changes is late, a part of the agents at a time. */
+/* What of the changes is late. With the mutex. */
+void look_at(fleet_state& state, kept_agent& of, moment at) {
+    if (of.changes.next_look() > at.steady) {
+        return;
+    }
+    std::vector<test_key> again;
+    of.changes.look(*of.given, of.presence, at, again);
+    for (const test_key& test : again) {
+        if (std::find(of.again.begin(), of.again.end(), test) == of.again.end()) {
+            of.again.push_back(test);
+        }
+    }
+    state.note(of);
+}
+
+/* A part of the agents at a time. */
 void keeper_body::look_at_changes() {
     std::vector<kept_agent*> some;
     {
-        std::lock_guard hold(mutex_);
-        some.assign(open_.begin(), open_.end());
+        std::lock_guard hold(state_.mutex);
+        some.assign(state_.open.begin(), state_.open.end());
     }
     for (size_t from = 0; from < some.size(); from += most_looked_at) {
-        const moment at = now();
-        std::lock_guard hold(mutex_);
+        const moment at = present_moment();
+        std::lock_guard hold(state_.mutex);
         for (size_t i = from; i < std::min(from + most_looked_at, some.size()); i++) {
-            kept_agent& of = *some[i];
-            if (of.changes.next_look() > at.steady) {
-                continue;
-            }
-            std::vector<test_key> again;
-            of.changes.look(*of.given, of.presence, at, again);
-            for (const test_key& test : again) {
-                if (std::find(of.again.begin(), of.again.end(), test) == of.again.end()) {
-                    of.again.push_back(test);
-                }
-            }
-            note(of);
+            look_at(state_, *some[i], at);
         }
-    }
-}
-
-/* Whether it is still the one that has what was written. */
-void keeper_body::look_at_store() {
-    if (++ticks_ % ticks_between_probes == 0) {
-        results_->update(
-            [this](engine& store) {
-                note_store(store);
-                return true;
-            },
-            [](bool, const std::string&) {});
     }
 }
 
 void keeper_body::look_at_file(bool at_once) {
-    if (!watched_) {
-        return;
-    }
-    std::string text, trouble;
-    const file_watch::state found = watched_->look(at_once, text, trouble);
-    if (found == file_watch::state::text) {
-        pending_text_ = std::move(text);
-    } else if (found == file_watch::state::failed) {
-        pending_text_.reset();
-        log("fleet: " + trouble + "; the fleet in force goes on");
-        std::lock_guard hold(mutex_);
-        file_trouble_ = trouble;
+    if (file_ && file_->look(at_once, options_.log) && !file_->text()) {
+        std::lock_guard hold(state_.mutex);
+        state_.file_trouble = file_->trouble();
     }
 }
 
 /* What the file says now, if it is news and nothing else is under way. */
 void keeper_body::apply_file() {
-    if (!pending_text_) {
+    if (!file_ || !file_->text()) {
         return;
     }
+    const std::string text = *file_->text();
     {
-        std::lock_guard hold(mutex_);
-        if (is_busy_ || steady::now() < retry_) {
+        std::lock_guard hold(state_.mutex);
+        if (state_.is_busy || steady::now() < state_.retry) {
             return;
         }
-        if (in_force_.has_text && *pending_text_ == in_force_.text && file_) {
-            file_trouble_.clear();
-            pending_text_.reset();
+        if (state_.in_force.has_text && text == state_.in_force.text && state_.file) {
+            state_.file_trouble.clear();
+            file_->applied();
             return;
         }
-        is_busy_ = true;
+        state_.is_busy = true;
     }
-    auto file = std::make_shared<fleet>();
-    std::vector<remark> wrong;
-    bool is_read = false;
-    with_turn([&] {
-        is_read = read_fleet(*pending_text_, *file, wrong);
-        if (is_read) {
-            submit(make_application(*pending_text_, file, "file"));
+    with_turn(state_, [&] {
+        auto file = std::make_shared<fleet>();
+        std::vector<remark> wrong;
+        if (read_fleet(text, *file, wrong)) {
+            for (const remark& each : file->notes) {
+                log("fleet: " + file_->where(each));
+            }
+            stored_.submit(made_.make_application(text, std::move(file), "file"));
+            return; /* whether it worked is seen when it is the text in force */
         }
+        file_->refused(wrong, options_.log);
+        std::lock_guard hold(state_.mutex);
+        state_.file_trouble = file_->trouble();
+        state_.give_turn_back();
     });
-    if (is_read) { /* whether it worked is seen when it is the text in force */
-        for (const remark& each : file->notes) {
-            log("fleet: " + where(options_.file, each));
-        }
-        return;
-    }
-    pending_text_.reset();
-    for (size_t i = 0; i < std::min(wrong.size(), most_remarks); i++) {
-        log("fleet: " + where(options_.file, wrong[i]));
-    }
-    const size_t more = wrong.size() - std::min(wrong.size(), most_remarks);
-    log("fleet: " + (more > 0 ? std::to_string(more) + " more; " : std::string()) +
-        "the fleet in force goes on");
-    std::lock_guard hold(mutex_);
-    file_trouble_ = where(options_.file, wrong.front());
-    give_turn_back();
 }
 
 /* The next piece of work, if there is any and none is under way. */
@@ -286,108 +432,48 @@ void keeper_body::begin_work() {
     auto work = std::make_shared<fleet_work>();
     std::vector<agent_basis> due;
     {
-        std::lock_guard hold(mutex_);
-        if (is_busy_ || steady::now() < retry_) {
+        std::lock_guard hold(state_.mutex);
+        if (state_.is_busy || steady::now() < state_.retry) {
             return;
         }
-        if (is_lost_) {
-            work =
-                make_ground("the store was begun anew, and has lost what agents are to do", true);
+        if (state_.is_lost) {
+            work = made_.collect_all("the store was begun anew, and has lost what agents are to do",
+                                     true);
         } else {
-            take_due(due);
+            made_.take_due(due);
+            if (due.empty()) {
+                work = is_saving_ ? made_.collect_unsaved() : nullptr;
+                is_saving_ = work != nullptr;
+            }
         }
-        if (!is_lost_ && due.empty()) {
-            work = is_saving_ ? collect_unsaved() : nullptr;
-            is_saving_ = work != nullptr;
-        }
-        is_busy_ = work != nullptr;
+        state_.is_busy = work != nullptr;
     }
     if (!work) {
         return;
     }
-    with_turn([&] {
-        work->now = now();
-        if (!due.empty()) {
-            make_due(*work, due);
+    with_turn(state_, [&] {
+        if (work->is_all) {
+            made_.complete(*work);
+        } else if (!due.empty()) {
+            work->now = present_moment();
+            made_.make_due(*work, due);
         }
-        if (work->is_ground) {
-            work->revision.revision = next_revision();
-            work->revision.time = work->now.wall;
-        }
-        submit(work);
+        stored_.submit(work);
     });
-}
-
-/* Without memory nobody else would ever have a turn. */
-void keeper_body::with_turn(const std::function<void()>& what) {
-    try {
-        what();
-    } catch (...) {
-        std::lock_guard hold(mutex_);
-        retry_ = steady::now() + std::chrono::seconds(1);
-        for (const auto& [key, agent] : agents_) {
-            if (std::exchange(agent->is_awaited, false)) {
-                make_due(*agent);
-            }
-            note(*agent);
-        }
-        give_turn_back();
-        throw;
-    }
-}
-
-/* Those first that somebody waits for. With the mutex. */
-void keeper_body::take_due(std::vector<agent_basis>& due) {
-    auto take = [&](kept_agent* of) {
-        if (of->is_due && of->is_there && file_) {
-            due.push_back(basis_of(*of));
-            of->is_awaited = true;
-        }
-        of->is_due = false;
-    };
-    for (const waiting& each : waiting_) {
-        if (due.size() < most_agents) {
-            take(each.of);
-        }
-    }
-    while (!due_.empty() && due.size() < most_agents) {
-        take(due_.back());
-        due_.pop_back();
-    }
-}
-
-/* With the mutex; null: there is nothing. */
-keeper_body::work_pointer keeper_body::collect_unsaved() {
-    auto work = std::make_shared<fleet_work>();
-    work->now = now();
-    size_t changes = 0;
-    while (!noted_.empty() && changes < most_saved) {
-        kept_agent& of = *noted_.back();
-        noted_.pop_back();
-        of.is_noted = false;
-        fleet_work::agent saved = {.of = &of, .base = of.given, .is_changed = of.is_unsaved};
-        of.changes.unsaved(saved.outcomes);
-        if (saved.is_changed || !saved.outcomes.empty()) {
-            changes += 1 + saved.outcomes.size();
-            work->agents.push_back(std::move(saved));
-        }
-    }
-    return work->agents.empty() ? nullptr : work;
 }
 
 /* ---- what follows from work that is done ---- */
 
 void keeper_body::tell_finished() {
-    std::vector<work_pointer> done;
+    std::vector<work_maker::pointer> done;
     {
-        std::lock_guard hold(mutex_);
-        done.swap(finished_);
+        std::lock_guard hold(state_.mutex);
+        done.swap(state_.finished);
     }
-    for (const work_pointer& work : done) {
+    for (const work_maker::pointer& work : done) {
         if (!work->ok) {
-            const std::string trouble = "fleet: what agents are to do cannot be stored: ";
             if (trouble_ != work->reason) {
-                log(trouble + work->reason);
+                log("fleet: what agents are to do cannot be stored: " + work->reason);
             }
             trouble_ = work->reason;
             continue;
@@ -396,38 +482,43 @@ void keeper_body::tell_finished() {
             log("fleet: what agents are to do is stored again");
             trouble_.clear();
         }
-        if (work->revision.revision != 0) {
-            log("fleet: revision " + std::to_string(work->revision.revision) + " by " +
-                printable(work->revision.author) + ": " + work->revision.about);
-        }
-        tell_expectations(*work);
-        if (work->revision.has_text) {
-            keep_copy();
-        }
-        for (const fleet_work::agent& made : work->agents) {
-            for (const auto* all : {&made.changes, &made.outcomes}) {
-                for (const kept_change& one : *all) {
-                    if (options_.on_change) {
-                        options_.on_change(view_of(one, made.of->account, made.of->name));
-                    }
+        tell_of(*work);
+    }
+}
+
+void keeper_body::tell_of(const fleet_work& done) {
+    const kept_revision& made = done.revision;
+    if (made.revision != 0) {
+        log("fleet: revision " + std::to_string(made.revision) + " by " + printable(made.author) +
+            ": " + made.about);
+    }
+    tell_expectations(done);
+    if (made.has_text) {
+        revisions_.keep_text();
+    }
+    for (const fleet_work::agent& each : done.agents) {
+        for (const auto* all : {&each.changes, &each.outcomes}) {
+            for (const kept_change& one : *all) {
+                if (options_.on_change) {
+                    options_.on_change(view_of(one, each.of->account, each.of->name));
                 }
             }
         }
     }
 }
 
-/* As they are stored, before anything is made of the file. With the mutex. */
-std::vector<ingest::agent_plan> keeper_body::stored_plans() const {
+/* Of the agents for which anything is another now. */
+void keeper_body::tell_expectations(const fleet_work& done) {
     std::vector<ingest::agent_plan> plans;
-    for (const auto& [key, agent] : agents_) {
-        if (agent->is_given && agent->is_there) {
-            plans.push_back({.account = agent->account,
-                             .agent = agent->name,
-                             .plan = plan_of(*agent->given),
-                             .definitions = {}});
+    for (const fleet_work::agent& made : done.agents) {
+        if (made.now && (made.is_changed || made.is_first)) {
+            plans.push_back({.account = made.of->account,
+                             .agent = made.of->name,
+                             .plan = plan_of(*made.now),
+                             .definitions = definitions_of(*made.now)});
         }
     }
-    return plans;
+    tell_plans(std::move(plans));
 }
 
 void keeper_body::tell_plans(std::vector<ingest::agent_plan> plans) const {
@@ -445,16 +536,10 @@ void keeper_body::tell_plans(std::vector<ingest::agent_plan> plans) const {
     results_->follow_agents(std::move(plans));
 }
 
-/* Of the agents for which anything is another now. */
-void keeper_body::tell_expectations(const fleet_work& done) {
-    std::vector<ingest::agent_plan> plans;
-    for (const fleet_work::agent& made : done.agents) {
-        if (made.now && (made.is_changed || made.is_first)) {
-            plans.push_back({.account = made.of->account,
-                             .agent = made.of->name,
-                             .plan = plan_of(*made.now),
-                             .definitions = definitions_of(*made.now)});
-        }
-    }
-    tell_plans(std::move(plans));
+} // namespace
+
+std::unique_ptr<fleet_keeper>
+fleet_keeper::open(keeper_options options, std::vector<std::string>& early, std::string& error) {
+    auto body = std::make_unique<keeper_body>(std::move(options));
+    return body->open_all(early, error) ? std::move(body) : nullptr;
 }

@@ -1,33 +1,33 @@
-/* What the API asks, and those who show results. Any thread. */
-#include "fleet/keeper_body.h"
+#include "fleet/asked_fleet.h"
 
 #include <algorithm>
-#include <future>
+#include <tuple>
+#include <unordered_set>
 
-static constexpr std::chrono::seconds longest_turn{5}, longest_storing{10};
+static constexpr std::chrono::seconds longest_turn{5};
 
-fleet_standing keeper_body::standing() const {
-    std::lock_guard hold(mutex_);
-    return {.revision = newest_.revision,
-            .time = newest_.time,
-            .author = newest_.author,
-            .about = newest_.about,
-            .text_revision = in_force_.revision,
-            .file = options_.file,
-            .file_trouble = file_trouble_,
-            .agents = with_tests_,
-            .tests = counted_.tests,
-            .waiting = counted_.waiting,
-            .sent = counted_.sent,
-            .confirmed = counted_.confirmed,
-            .unanswered = counted_.unanswered,
-            .impossible = counted_.impossible};
+fleet_standing asked_fleet::standing() const {
+    std::lock_guard hold(state_.mutex);
+    return {.revision = state_.newest.revision,
+            .time = state_.newest.time,
+            .author = state_.newest.author,
+            .about = state_.newest.about,
+            .text_revision = state_.in_force.revision,
+            .file = file_,
+            .file_trouble = state_.file_trouble,
+            .agents = state_.with_tests,
+            .tests = state_.counted.tests,
+            .waiting = state_.counted.waiting,
+            .sent = state_.counted.sent,
+            .confirmed = state_.counted.confirmed,
+            .unanswered = state_.counted.unanswered,
+            .impossible = state_.counted.impossible};
 }
 
-std::string keeper_body::text(int32_t& revision) const {
-    std::lock_guard hold(mutex_);
-    revision = in_force_.revision;
-    return in_force_.text;
+std::string asked_fleet::text(int32_t& revision) const {
+    std::lock_guard hold(state_.mutex);
+    revision = state_.in_force.revision;
+    return state_.in_force.text;
 }
 
 /* ---- what would be, and what is to be ---- */
@@ -89,7 +89,7 @@ static fleet_difference difference_of(const fleet_work& work, const fleet& file)
     return all;
 }
 
-fleet_outcome keeper_body::try_out(std::string_view text) {
+fleet_outcome asked_fleet::try_out(std::string_view text) {
     fleet_outcome outcome;
     auto file = std::make_shared<fleet>();
     if (!read_fleet(text, *file, outcome.wrong)) {
@@ -100,46 +100,46 @@ fleet_outcome keeper_body::try_out(std::string_view text) {
     std::vector<agent_basis> all;
     int32_t revision = 0;
     {
-        std::lock_guard hold(mutex_);
-        outcome.revision = in_force_.revision;
-        outcome.is_same = file_ && in_force_.text == text;
-        revision = std::max(highest_revision_, newest_.revision) + 1;
-        for (const auto& [key, agent] : agents_) {
+        std::lock_guard hold(state_.mutex);
+        outcome.revision = state_.in_force.revision;
+        outcome.is_same = state_.file && state_.in_force.text == text;
+        revision = std::max(state_.highest_revision, state_.newest.revision) + 1;
+        for (const auto& [key, agent] : state_.agents) {
             if (agent->is_there) {
-                all.push_back(basis_of(*agent));
+                all.push_back(work_maker::basis_of(*agent));
             }
         }
     }
     work.agents.resize(all.size());
     for (size_t i = 0; i < all.size(); i++) {
-        make_agent(work.agents[i], all[i], *file, revision);
+        made_.make_agent(work.agents[i], all[i], *file, revision);
     }
     outcome.difference = difference_of(work, *file);
     return outcome;
 }
 
-std::string keeper_body::why_conflict(std::optional<int32_t> expected) const {
-    if (!options_.file.empty()) {
-        return "The file " + options_.file + " of the collector's host rules: change it there.";
+std::string asked_fleet::why_conflict(std::optional<int32_t> expected) const {
+    if (!file_.empty()) {
+        return "The file " + file_ + " of the collector's host rules: change it there.";
     }
-    if (expected && *expected > newest_.revision) {
+    if (expected && *expected > state_.newest.revision) {
         return "There is no revision " + std::to_string(*expected) + " yet.";
     }
-    if (expected && *expected < in_force_.revision) {
-        return "Revision " + std::to_string(in_force_.revision) + " was applied by " +
-               in_force_.author + " in between: look at the difference again.";
+    if (expected && *expected < state_.in_force.revision) {
+        return "Revision " + std::to_string(state_.in_force.revision) + " was applied by " +
+               state_.in_force.author + " in between: look at the difference again.";
     }
     return "";
 }
 
-fleet_outcome keeper_body::apply(std::string_view text, const std::string& author,
+fleet_outcome asked_fleet::apply(std::string_view text, const std::string& author,
                                  std::optional<int32_t> expected) {
     fleet_outcome outcome;
     auto file = std::make_shared<fleet>();
     const bool is_read = read_fleet(text, *file, outcome.wrong);
     {
-        std::unique_lock hold(mutex_);
-        outcome.revision = in_force_.revision;
+        std::unique_lock hold(state_.mutex);
+        outcome.revision = state_.in_force.revision;
         outcome.error = why_conflict(expected);
         outcome.is_conflict = !outcome.error.empty();
         if (outcome.is_conflict) {
@@ -149,43 +149,36 @@ fleet_outcome keeper_body::apply(std::string_view text, const std::string& autho
         if (!is_read) {
             return outcome;
         }
-        if (!is_started_ || !take_turn(hold, longest_turn)) {
+        if (!state_.is_started || !state_.take_turn(hold, longest_turn)) {
             outcome.error = "The store is busy, and nothing was applied: try again.";
             return outcome;
         }
-        outcome.revision = in_force_.revision;
+        outcome.revision = state_.in_force.revision;
         outcome.error = why_conflict(expected); /* somebody else had the turn meanwhile */
         outcome.is_conflict = !outcome.error.empty();
-        outcome.is_same = file_ && in_force_.text == text;
+        outcome.is_same = state_.file && state_.in_force.text == text;
         if (outcome.is_conflict || outcome.is_same) {
-            give_turn_back();
+            state_.give_turn_back();
             return outcome;
         }
     }
     outcome.notes = file->notes;
-    struct answer {
-        bool ok;
-        std::string reason;
-    };
-    auto ended = std::make_shared<std::promise<answer>>();
-    std::future<answer> end = ended->get_future();
     int32_t revision = 0;
-    with_turn([&] {
-        work_pointer work = make_application(text, file, author);
+    fleet_storing::ending end = fleet_storing::ending::failed;
+    work_maker::pointer work;
+    with_turn(state_, [&] {
+        work = made_.make_application(text, file, author);
         outcome.difference = difference_of(*work, *file);
         revision = work->revision.revision;
-        work->done = [ended](const fleet_work& done) { ended->set_value({done.ok, done.reason}); };
-        submit(work);
+        end = stored_.submit_and_wait(work);
     });
-    if (end.wait_for(longest_storing) != std::future_status::ready) {
+    if (end == fleet_storing::ending::late) {
         outcome.error = "The store took longer than ten seconds: whether the fleet was applied is "
                         "known when it has answered.";
-        outcome.difference = {};
-        return outcome;
+    } else if (end == fleet_storing::ending::failed) {
+        outcome.error = "It cannot be stored, and nothing was applied: " + work->reason + ".";
     }
-    const answer stored = end.get();
-    if (!stored.ok) {
-        outcome.error = "It cannot be stored, and nothing was applied: " + stored.reason + ".";
+    if (!outcome.error.empty()) {
         outcome.difference = {};
         return outcome;
     }
@@ -195,12 +188,12 @@ fleet_outcome keeper_body::apply(std::string_view text, const std::string& autho
 
 /* ---- names and tests ---- */
 
-std::vector<std::string> keeper_body::groups_of(std::string_view account,
+std::vector<std::string> asked_fleet::groups_of(std::string_view account,
                                                 std::string_view agent) const {
     std::shared_ptr<const fleet> file;
     {
-        std::lock_guard hold(mutex_);
-        file = file_;
+        std::lock_guard hold(state_.mutex);
+        file = state_.file;
     }
     std::vector<std::string> names;
     for (size_t i = 0; file && i < file->groups.size(); i++) {
@@ -232,12 +225,12 @@ static fleet_test_standing standing_of(const assigned_test& test) {
     return one;
 }
 
-std::vector<fleet_test_standing> keeper_body::tests_of(std::string_view account,
+std::vector<fleet_test_standing> asked_fleet::tests_of(std::string_view account,
                                                        std::string_view agent) const {
     std::shared_ptr<const given_agent> given;
     {
-        std::lock_guard hold(mutex_);
-        const kept_agent* of = file_ ? find(account, agent) : nullptr;
+        std::lock_guard hold(state_.mutex);
+        const kept_agent* of = state_.file ? state_.find(account, agent) : nullptr;
         given = of != nullptr && of->is_there ? of->given : nullptr;
     }
     std::vector<fleet_test_standing> all;
@@ -249,25 +242,25 @@ std::vector<fleet_test_standing> keeper_body::tests_of(std::string_view account,
     return all;
 }
 
-std::optional<fleet_test_standing> keeper_body::test_of(std::string_view account,
+std::optional<fleet_test_standing> asked_fleet::test_of(std::string_view account,
                                                         std::string_view agent, uint32_t type,
                                                         int32_t number) const {
     std::shared_ptr<const given_agent> given;
     {
-        std::lock_guard hold(mutex_);
-        const kept_agent* of = file_ ? find(account, agent) : nullptr;
+        std::lock_guard hold(state_.mutex);
+        const kept_agent* of = state_.file ? state_.find(account, agent) : nullptr;
         given = of != nullptr && of->is_there ? of->given : nullptr;
     }
     const assigned_test* test = given ? given->find({type, number}) : nullptr;
     return test != nullptr ? std::optional(standing_of(*test)) : std::nullopt;
 }
 
-std::optional<called_test> keeper_body::name_of(std::string_view account, std::string_view agent,
+std::optional<called_test> asked_fleet::name_of(std::string_view account, std::string_view agent,
                                                 uint32_t type, int32_t number) const {
     std::shared_ptr<const given_agent> given;
     {
-        std::lock_guard hold(mutex_);
-        const kept_agent* of = find(account, agent);
+        std::lock_guard hold(state_.mutex);
+        const kept_agent* of = state_.find(account, agent);
         given = of != nullptr ? of->given : nullptr;
     }
     const assigned_test* test = given ? given->find({type, number}) : nullptr;

@@ -1,25 +1,23 @@
-/* What agents are told. Network thread. */
-#include "fleet/keeper_body.h"
+#include "fleet/told_fleet.h"
 
 #include "base/text.h"
-#include "ingest/clock.h"
 
 #include <algorithm>
 
 static constexpr std::chrono::seconds longest_wait{2};
 
-std::optional<std::string> keeper_body::expand(std::string_view line) const {
+std::optional<std::string> told_fleet::expand(std::string_view line) const {
     std::string missing;
-    return options_.secrets != nullptr ? options_.secrets->expand(line, missing) : std::nullopt;
+    return secrets_ != nullptr ? secrets_->expand(line, missing) : std::nullopt;
 }
 
-bool keeper_body::prepare(const session& of, std::function<void()> ready) {
+bool told_fleet::prepare(const session& of, std::function<void()> ready) {
     {
-        std::lock_guard hold(mutex_);
-        if (is_stopping_) {
+        std::lock_guard hold(state_.mutex);
+        if (state_.is_stopping) {
             return true;
         }
-        kept_agent* agent = find_or_make(of.account, of.agent);
+        kept_agent* agent = state_.find_or_make(of.account, of.agent);
         if (agent == nullptr) {
             return true;
         }
@@ -28,21 +26,22 @@ bool keeper_body::prepare(const session& of, std::function<void()> ready) {
         if (!agent->is_there || !agent->is_ready) {
             agent->is_there = true;
             if (!agent->is_awaited) {
-                make_due(*agent);
+                state_.make_due(*agent);
             }
         }
         if (!agent->is_due && !agent->is_awaited) {
             return true;
         }
-        waiting_.push_back(
-            {.of = agent, .ready = std::move(ready), .until = steady::now() + longest_wait});
-        is_woken_ = true;
+        state_.waiting.push_back({.of = agent,
+                                  .ready = std::move(ready),
+                                  .until = fleet_state::clock::now() + longest_wait});
+        state_.is_woken = true;
     }
-    changed_.notify_all();
+    state_.changed.notify_all();
     return false;
 }
 
-void keeper_body::tell_kept_back(const session& of, const given_agent& given) {
+void told_fleet::tell_kept_back(const session& of, const given_agent& given) {
     if (!of.proven && given.has_secrets()) {
         kept_back_(event::session, printable(of.agent) + " of " + printable(of.account) +
                                        " is not told of tests with secrets: it has not proven who "
@@ -52,12 +51,12 @@ void keeper_body::tell_kept_back(const session& of, const given_agent& given) {
 
 /* One that was told to log in again by another run of the collector has run, too, and nobody knows.
  */
-told_commands keeper_body::for_login(const session& of) {
+told_commands told_fleet::for_login(const session& of) {
     std::shared_ptr<const given_agent> given;
     bool has_run = of.running;
     {
-        std::lock_guard hold(mutex_);
-        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        std::lock_guard hold(state_.mutex);
+        kept_agent* agent = state_.file ? state_.find(of.account, of.agent) : nullptr;
         if (agent == nullptr || !agent->is_ready) {
             return {}; /* it comes with a later answer */
         }
@@ -72,9 +71,9 @@ told_commands keeper_body::for_login(const session& of) {
             .upto = static_cast<uint64_t>(given->all().newest)};
 }
 
-void keeper_body::login_arrived(const session& of) {
-    std::lock_guard hold(mutex_);
-    kept_agent* agent = find(of.account, of.agent);
+void told_fleet::login_arrived(const session& of) {
+    std::lock_guard hold(state_.mutex);
+    kept_agent* agent = state_.find(of.account, of.agent);
     if (agent != nullptr && agent->is_ready && of.delivered > 0) {
         agent->may_run = false;
     }
@@ -97,18 +96,18 @@ static std::string commands_again(const given_agent& given, const std::vector<te
     return text;
 }
 
-told_commands keeper_body::after(const session& of, uint64_t serial) {
+told_commands told_fleet::after(const session& of, uint64_t serial) {
     std::shared_ptr<const given_agent> given;
     std::vector<test_key> again;
     {
-        std::lock_guard hold(mutex_);
-        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        std::lock_guard hold(state_.mutex);
+        kept_agent* agent = state_.file ? state_.find(of.account, of.agent) : nullptr;
         if (agent == nullptr || !agent->is_ready) {
             return {.text = "", .upto = serial};
         }
         if (agent->changes.has_intervals()) {
-            agent->changes.arrived(static_cast<int32_t>(serial), now());
-            note(*agent);
+            agent->changes.arrived(static_cast<int32_t>(serial), present_moment());
+            state_.note(*agent);
         }
         given = agent->given;
         again = agent->again;
@@ -124,11 +123,11 @@ told_commands keeper_body::after(const session& of, uint64_t serial) {
             .upto = upto};
 }
 
-std::string keeper_body::text_for_check(const session& of) {
+std::string told_fleet::text_for_check(const session& of) {
     std::shared_ptr<const given_agent> given;
     {
-        std::lock_guard hold(mutex_);
-        kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+        std::lock_guard hold(state_.mutex);
+        kept_agent* agent = state_.file ? state_.find(of.account, of.agent) : nullptr;
         if (agent == nullptr || !agent->is_ready) {
             return "";
         }
@@ -138,14 +137,14 @@ std::string keeper_body::text_for_check(const session& of) {
                               [this](std::string_view line) { return expand(line); });
 }
 
-void keeper_body::answer_arrived(const session& of) {
-    std::lock_guard hold(mutex_);
-    kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+void told_fleet::answer_arrived(const session& of) {
+    std::lock_guard hold(state_.mutex);
+    kept_agent* agent = state_.file ? state_.find(of.account, of.agent) : nullptr;
     if (agent == nullptr || !agent->is_ready ||
         (agent->changes.next_look() == INT64_MAX && agent->again_given.empty())) {
         return;
     }
-    const moment at = now();
+    const moment at = present_moment();
     const bool login = of.polls == 0 || of.answered_from == 0;
     if (of.delivered > 0) {
         agent->changes.answered(*agent->given, static_cast<int32_t>(of.delivered), of.proven, login,
@@ -159,12 +158,12 @@ void keeper_body::answer_arrived(const session& of) {
         });
         agent->again_given.clear();
     }
-    note(*agent);
+    state_.note(*agent);
 }
 
-std::chrono::seconds keeper_body::poll_interval(const session& of) const {
-    std::lock_guard hold(mutex_);
-    const kept_agent* agent = file_ ? find(of.account, of.agent) : nullptr;
+std::chrono::seconds told_fleet::poll_interval(const session& of) const {
+    std::lock_guard hold(state_.mutex);
+    const kept_agent* agent = state_.file ? state_.find(of.account, of.agent) : nullptr;
     const int32_t poll = agent != nullptr ? agent->given->all().poll : 0;
     return std::chrono::seconds(poll > 0 ? poll : default_interval_s);
 }

@@ -1,25 +1,22 @@
-/* What comes of the agents. The store's thread: what a block says is noted while its records are
- * told of, without the mutex, and taken behind the last one. In most blocks nothing is noted. */
-#include "fleet/keeper_body.h"
+#include "fleet/heard_fleet.h"
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 
 static constexpr size_t most_strays = 1000; /* of an agent that are removed at a time */
 
-void keeper_body::begin_block(const poll_block& from) {
+void heard_fleet::begin_block(const poll_block& from) {
     block_ = {};
     block_.from = &from;
-    std::lock_guard hold(mutex_);
-    block_.of = find_or_make(from.account, from.agent);
+    std::lock_guard hold(state_.mutex);
+    block_.of = state_.find_or_make(from.account, from.agent);
     if (block_.of != nullptr) {
         block_.given = block_.of->given;
         block_.highest = block_.of->highest;
     }
 }
 
-void keeper_body::on_record(const poll_block& from, const decoded_record& result) {
+void heard_fleet::on_record(const poll_block& from, const decoded_record& result) {
     if (block_.from != &from) {
         begin_block(from);
     }
@@ -51,7 +48,7 @@ static double whole_of(const decoded_record& result) {
     return std::isfinite(whole) && whole > 0 ? whole : 0;
 }
 
-void keeper_body::note_result(const decoded_record& result, test_key test) {
+void heard_fleet::note_result(const decoded_record& result, test_key test) {
     const assigned_test* known = block_.given->find(test);
     seen_test seen = {.test = test,
                       .location = result.summary.location.value_or(0),
@@ -71,13 +68,13 @@ void keeper_body::note_result(const decoded_record& result, test_key test) {
     }
 }
 
-void keeper_body::on_agent(int64_t, std::string_view account, std::string_view agent,
+void heard_fleet::on_agent(int64_t, std::string_view account, std::string_view agent,
                            const agent_state& now_is, std::span<const change>) {
     const bool is_block = block_.from != nullptr;
     bool is_woken = false;
     {
-        std::lock_guard hold(mutex_);
-        kept_agent* of = is_block ? block_.of : find(account, agent);
+        std::lock_guard hold(state_.mutex);
+        kept_agent* of = is_block ? block_.of : state_.find(account, agent);
         if (of != nullptr) {
             if (of->presence.is_silent != now_is.silent) {
                 of->presence.is_silent = now_is.silent;
@@ -87,42 +84,42 @@ void keeper_body::on_agent(int64_t, std::string_view account, std::string_view a
             if (is_block) {
                 end_block(*of);
             }
-            is_woken = is_woken_ = is_woken_ || of->is_due;
+            is_woken = state_.is_woken = state_.is_woken || of->is_due;
         }
     }
     block_ = {};
     if (is_woken) {
-        changed_.notify_all();
+        state_.changed.notify_all();
     }
 }
 
 /* With the mutex. */
-void keeper_body::end_block(kept_agent& of) {
-    const moment at = now();
+void heard_fleet::end_block(kept_agent& of) {
+    const moment at = present_moment();
     if (!of.is_there) {
         of.is_there = true;
-        make_due(of);
+        state_.make_due(of);
     }
     of.highest = block_.highest;
     of.presence.polled = at.steady;
     for (const auto& [type, items] : block_.inventories) {
         if (auto now_has = known_inventory::with(of.has, type, items)) {
             of.has = std::move(now_has);
-            make_due(of);
+            state_.make_due(of);
         }
     }
     /* It has none that is up, so it says nothing of them. */
     if (block_.has_disks && !block_.has_interfaces && !of.has->has().interfaces) {
         of.has = known_inventory::with(of.has, protocol::network_interfaces.code, "");
-        make_due(of);
+        state_.make_due(of);
     }
-    if (file_ && of.is_ready) {
+    if (state_.file && of.is_ready) {
         take_seen(of, at);
     }
 }
 
 /* With the mutex, of an agent that is given its tests. */
-void keeper_body::take_seen(kept_agent& of, moment at) {
+void heard_fleet::take_seen(kept_agent& of, moment at) {
     std::optional<assigned_agent> next;
     auto changing = [&]() -> assigned_agent& {
         return next ? *next : next.emplace(of.given->all());
@@ -139,7 +136,7 @@ void keeper_body::take_seen(kept_agent& of, moment at) {
             if (seen.whole_gb > 0 && (!of.has || is_mounted(*known, of.has->has()))) {
                 assigned_test* test = changing().find(type, number);
                 if (note_whole(*test, seen.whole_gb) && test->what && test->what->free_share) {
-                    make_due(of);
+                    state_.make_due(of);
                 }
             }
         } else if (kind_of_record(type) != nullptr) {
@@ -158,15 +155,15 @@ void keeper_body::take_seen(kept_agent& of, moment at) {
         of.is_unsaved = true;
     }
     if (next || of.changes.has_unsaved()) {
-        note(of);
+        state_.note(of);
     }
 }
 
 /* A result of a test that it is not to have. */
-void keeper_body::take_stray(kept_agent& of, test_key test,
+void heard_fleet::take_stray(kept_agent& of, test_key test,
                              const std::function<assigned_agent&()>& changing) {
     const removed_test* known = of.given->find_removed(test);
-    of.changes.came_still(test, now());
+    of.changes.came_still(test, present_moment());
     if (known != nullptr && !known->is_over) {
         return;
     }
@@ -190,9 +187,9 @@ void keeper_body::take_stray(kept_agent& of, test_key test,
     of.again.push_back(test);
 }
 
-void keeper_body::on_retired(int64_t, std::string_view account, std::string_view agent, int64_t) {
-    std::lock_guard hold(mutex_);
-    kept_agent* of = find(account, agent);
+void heard_fleet::on_retired(int64_t, std::string_view account, std::string_view agent, int64_t) {
+    std::lock_guard hold(state_.mutex);
+    kept_agent* of = state_.find(account, agent);
     if (of == nullptr) {
         return;
     }
@@ -212,6 +209,6 @@ void keeper_body::on_retired(int64_t, std::string_view account, std::string_view
     of->has = nullptr;
     of->again.clear();
     of->presence = {};
-    of->changes.give_up(now());
-    note(*of);
+    of->changes.give_up(present_moment());
+    state_.note(*of);
 }

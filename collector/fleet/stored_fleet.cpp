@@ -22,6 +22,12 @@ bool must_be_there(uint32_t type) {
            type == discovery.code;
 }
 
+bool was_removed(const assigned_agent& agent, uint32_t type, int32_t number) {
+    return std::any_of(agent.removed.begin(), agent.removed.end(), [=](const removed_test& each) {
+        return each.type == type && each.number == number;
+    });
+}
+
 class stored_reading {
 public:
     stored_reading(result_reader& store, stored_fleet& found) : store_(store), found_(found) {}
@@ -117,7 +123,8 @@ private:
                 if (test.location == known->revision && known->confirmed < known->revision) {
                     agent.confirmed.emplace_back(test.type, number);
                 }
-            } else if (newest - test.received <= recent_s || !must_be_there(test.type)) {
+            } else if (!was_removed(agent.given, test.type, number) &&
+                       (newest - test.received <= recent_s || !must_be_there(test.type))) {
                 agent.strays.emplace_back(test.type, number);
             }
         }

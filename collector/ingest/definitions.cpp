@@ -1,8 +1,12 @@
 #include "ingest/definitions.h"
 
 #include <algorithm>
+#include <iterator>
+#include <set>
+#include <tuple>
 
 static constexpr std::chrono::milliseconds most{10};
+static constexpr size_t most_overtaken = 1000; /* of an agent, where the store is that late */
 
 static std::string key_of(std::string_view account, std::string_view agent) {
     std::string key(account);
@@ -36,6 +40,27 @@ void definitions::want(told& of, std::vector<owned_definition> all) {
     of.next = 0;
 }
 
+/* Those that are not stored yet, and of which `by` says nothing more; the newest, once they are
+ * many. They are taken from it. */
+std::vector<owned_definition> definitions::overtaken(told& of,
+                                                     const std::vector<owned_definition>& by) {
+    std::vector<owned_definition> late(
+        std::make_move_iterator(of.wanted.begin() + static_cast<ptrdiff_t>(of.next)),
+        std::make_move_iterator(of.wanted.end()));
+    using key = std::tuple<uint32_t, int32_t, int32_t>;
+    std::set<key> told_again;
+    for (const owned_definition& d : by) {
+        told_again.emplace(d.type, d.number, d.location);
+    }
+    std::erase_if(late, [&](const owned_definition& d) {
+        return told_again.contains({d.type, d.number, d.location});
+    });
+    if (late.size() > most_overtaken) {
+        late.erase(late.begin(), late.end() - static_cast<ptrdiff_t>(most_overtaken));
+    }
+    return late;
+}
+
 void definitions::follow(std::vector<owned_definition> all) {
     want(of_all_, std::move(all));
     make_due(of_all_);
@@ -44,15 +69,23 @@ void definitions::follow(std::vector<owned_definition> all) {
 void definitions::follow(std::string_view account, std::string_view agent, int64_t id,
                          std::vector<owned_definition> all) {
     std::string key = key_of(account, agent);
-    if (all.empty()) {
-        if (auto known = own_.find(key); known != own_.end()) {
+    auto known = own_.find(key);
+    std::vector<owned_definition> late;
+    if (known != own_.end()) {
+        late = overtaken(known->second, all);
+    }
+    const bool has_id = id != 0 || (known != own_.end() && known->second.agent != 0);
+    if (all.empty() && (late.empty() || !has_id)) {
+        if (known != own_.end()) {
             std::erase(due_, &known->second);
             own_.erase(known);
         }
         return;
     }
+    late.insert(late.end(), std::make_move_iterator(all.begin()),
+                std::make_move_iterator(all.end()));
     told& of = own_[std::move(key)];
-    want(of, std::move(all));
+    want(of, std::move(late));
     of.agent = id != 0 ? id : of.agent;
     if (of.agent != 0) {
         make_due(of);

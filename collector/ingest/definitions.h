@@ -1,6 +1,9 @@
 /* What the tests were told to be, as often as that changes: kept so that last month's numbers still
  * have a name. Those of all agents, and those of single ones, which count from when the agent has
- * an id. One thread. */
+ * an id. One thread.
+ *
+ * A single agent may have been told of what is overtaken before it is stored, and bring results of
+ * it: so it is stored, too, ahead of what took its place. */
 #ifndef VINDRAL_COLLECTOR_DEFINITIONS_H
 #define VINDRAL_COLLECTOR_DEFINITIONS_H
 
@@ -51,6 +54,8 @@ private:
     };
 
     void want(told& of, std::vector<owned_definition> all);
+    static std::vector<owned_definition> overtaken(told& of,
+                                                   const std::vector<owned_definition>& by);
     void make_due(told& of);
     bool look_up(told& of);
     bool store_some(told& of, const spell& time, int64_t now, size_t& next);

@@ -113,10 +113,43 @@ TEST_F(definitions_test, an_agent_has_them_from_its_id_on) {
     kept->has_id("a@b.c", "one", two);
     run();
     EXPECT_EQ(of(two), strings{"1/5 root disk"});
-    /* One that is not to have any is left alone, also when it was due. */
-    kept->follow("a@b.c", "one", two, {test(1, 6, "root disk")});
+    /* One that is not to have any is left alone. */
     kept->follow("a@b.c", "one", two, {});
     EXPECT_FALSE(kept->is_due());
+    kept->follow("a@b.c", "three", 0, {test(1, 6, "root disk")});
+    kept->follow("a@b.c", "three", 0, {});
+    kept->has_id("a@b.c", "three", agent("three"));
+    EXPECT_FALSE(kept->is_due()) << "nobody was told of these";
+}
+
+/* Agents were told, and bring results of it. */
+TEST_F(definitions_test, what_is_overtaken_is_stored_first) {
+    const int64_t one = agent("one");
+    kept->follow("a@b.c", "one", one, {test(1, 5, "root"), test(2, 5, "home")});
+    kept->follow("a@b.c", "one", one, {test(1, 6, "root"), test(2, 5, "house")});
+    kept->follow("a@b.c", "one", one, {test(1, 7, "root"), test(2, 5, "house")});
+    run();
+    EXPECT_EQ(of(one), (strings{"1/5 root", "1/6 root", "1/7 root", "2/5 house"}));
+    /* Stored in part. */
+    kept->follow("a@b.c", "one", one, {test(1, 8, "root")});
+    kept->follow("a@b.c", "one", one, {});
+    run();
+    EXPECT_EQ(of(one), (strings{"1/5 root", "1/6 root", "1/7 root", "1/8 root", "2/5 house"}));
+    kept->begin();
+    kept->has_id("a@b.c", "one", one);
+    run();
+    EXPECT_EQ(of(one).size(), 5u) << "once";
+    /* Also of one that has its id only then; not without end, where the store fails. */
+    for (int32_t revision = 1; revision <= 3000; revision++) {
+        kept->follow("a@b.c", "two", 0, {test(1, revision, "root")});
+    }
+    const int64_t two = agent("two");
+    kept->has_id("a@b.c", "two", two);
+    run();
+    const strings all = of(two);
+    ASSERT_EQ(all.size(), 1001u);
+    EXPECT_EQ(all.front(), "1/2000 root");
+    EXPECT_EQ(all.back(), "1/3000 root");
 }
 
 /* In pieces: polls are stored between them. */

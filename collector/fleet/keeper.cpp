@@ -4,8 +4,8 @@
 #include "fleet/keeper.h"
 
 #include "base/text.h"
-#include "fleet/file.h"
 #include "fleet/asked_fleet.h"
+#include "fleet/file.h"
 #include "fleet/fleet_loading.h"
 #include "fleet/fleet_storing.h"
 #include "fleet/heard_fleet.h"

@@ -60,7 +60,7 @@ void attendance::follow(plan_summary plan, std::vector<owned_definition> definit
     told_ = std::move(definitions);
 }
 
-void attendance::follow_agents(std::vector<ingest::agent_plan> plans) {
+void attendance::follow_agents(std::vector<agent_plan> plans) {
     std::lock_guard hold(mutex_);
     agent_plans_.insert(agent_plans_.end(), std::make_move_iterator(plans.begin()),
                         std::make_move_iterator(plans.end()));
@@ -207,7 +207,7 @@ bool attendance::take_plan() {
 }
 
 void attendance::take_agent_plans() {
-    std::vector<ingest::agent_plan> plans;
+    std::vector<agent_plan> plans;
     {
         std::lock_guard hold(mutex_);
         plans.swap(agent_plans_);
@@ -217,7 +217,7 @@ void attendance::take_agent_plans() {
     }
     std::vector<expectations::own> own;
     own.reserve(plans.size());
-    for (const ingest::agent_plan& told : plans) {
+    for (const agent_plan& told : plans) {
         const roster_agent* known = agents_.find(told.account, told.agent);
         auto before = known != nullptr ? before_.find(known->id) : before_.end();
         own.push_back(
@@ -227,7 +227,7 @@ void attendance::take_agent_plans() {
              .before = before != before_.end() ? std::optional(before->second) : std::nullopt});
     }
     expected_.follow(own, clock());
-    for (ingest::agent_plan& told : plans) {
+    for (agent_plan& told : plans) {
         const roster_agent* known = agents_.find(told.account, told.agent);
         if (known != nullptr) {
             own_[known->id] = expected_.find(told.account, told.agent);

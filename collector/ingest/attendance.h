@@ -5,8 +5,8 @@
 #ifndef VINDRAL_COLLECTOR_ATTENDANCE_H
 #define VINDRAL_COLLECTOR_ATTENDANCE_H
 
+#include "ingest/agent_plan.h"
 #include "ingest/definitions.h"
-#include "ingest/ingest.h"
 #include "ingest/roster.h"
 #include "ingest/storing.h"
 #include "ingest/witness.h"
@@ -40,7 +40,7 @@ public:
     /* It brought a block that was turned away. */
     void held_up(std::string_view account, std::string_view agent);
     void follow(plan_summary plan, std::vector<owned_definition> definitions);
-    void follow_agents(std::vector<ingest::agent_plan> plans);
+    void follow_agents(std::vector<agent_plan> plans);
 
     /* ---- the store's thread ---- */
 
@@ -114,7 +114,7 @@ private:
     std::set<std::pair<std::string, std::string>> held_up_; /* account and name */
     std::optional<plan_summary> plan_;
     std::optional<std::vector<owned_definition>> told_;
-    std::vector<ingest::agent_plan> agent_plans_;
+    std::vector<agent_plan> agent_plans_;
 
     expectations expected_;
     std::unordered_map<int64_t, expectations::shared> own_; /* of those that have an id, by that */

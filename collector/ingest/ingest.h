@@ -8,6 +8,7 @@
 #define VINDRAL_COLLECTOR_INGEST_H
 
 #include "base/record_summary.h"
+#include "ingest/agent_plan.h"
 #include "ingest/counters.h"
 #include "ingest/hidden_texts.h"
 #include "ingest/owned_definition.h"
@@ -77,6 +78,7 @@ struct ingest_options {
 
 class ingest {
 public:
+    using agent_plan = ::agent_plan;
     using change_done = std::function<void(bool ok, const std::string& reason)>;
 
     /* Null with the reason in `error` when the engine cannot be opened (open_engine). `listener`
@@ -109,11 +111,6 @@ public:
      * not be there yet: it counts from when it is. The first plan of an agent since the start is
      * held against the intervals that it had when its last results came; where that is not known,
      * against the longest that anybody had. */
-    struct agent_plan {
-        std::string account, agent;
-        plan_summary plan;
-        std::vector<owned_definition> definitions;
-    };
     virtual void follow_agents(std::vector<agent_plan> plans) = 0;
 
     /* Runs `what` on the writer thread in a transaction of its own, behind what waits already, and

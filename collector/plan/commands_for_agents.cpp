@@ -17,8 +17,9 @@ told_commands commands_for_agents::for_login(const session& of) {
     if (!of.proven && lines_.secret_tests_count() > 0) {
         tell_kept_back(of);
     }
-    return {.text = of.running ? lines_.text_for_running(earlier_.of(of.account, of.agent), of.proven)
-                               : lines_.text_for_new(of.proven),
+    return {.text = of.running
+                        ? lines_.text_for_running(earlier_.of(of.account, of.agent), of.proven)
+                        : lines_.text_for_new(of.proven),
             .upto = lines_.newest()};
 }
 

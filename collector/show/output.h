@@ -11,20 +11,13 @@
 
 #include "ingest/ingest.h"
 #include "ingest/test_names.h"
+#include "show/output_kind.h"
 #include "state/expectations.h"
 
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
-
-enum class output_kind {
-    table,    /* the state of all hosts and tests, redrawn in place; for a terminal */
-    plain,    /* a readable line per record */
-    json,     /* a JSON object per line and record */
-    problems, /* as plain, but only what is not ok: when it begins, becomes another and ends */
-    quiet     /* no results, only problems */
-};
 
 struct output_options {
     int fd = 1;         /* results; stays open, its flags stay as they are */

@@ -4,7 +4,7 @@
 
 #include "ingest/test_names.h"
 #include "show/event_queue.h"
-#include "show/output.h"
+#include "show/output_kind.h"
 
 #include <memory>
 #include <string>

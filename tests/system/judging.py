@@ -18,6 +18,8 @@ PERFORMED = ("HTTP OK", "HTTP CRITICAL - string")
 
 
 def status_of(record):
+    if record.ui32[0] == records.DISCOVERY:
+        return OK
     return record.ui32[STATUS_AT.get(record.ui32[0], 3)]
 
 

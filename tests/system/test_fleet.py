@@ -497,8 +497,9 @@ class Fleet(harness.TestCase):
         self.check_judged(rows)
         self.check_the_checks(rows)
         recorder = self.company.recorder
-        print("%d results; %d answers lost, %d exchanges cut short; %s" % (
-            len(rows), recorder.lost_answers, recorder.cut_exchanges, dict(self.chaos.counts)), flush=True)
+        twins = [block for member in self.company.members.values() for block in member.recorded.blocks if block.is_twin]
+        print("%d results, %d twins; %d answers lost, %d exchanges cut short; %s" % (
+            len(rows), len(twins), recorder.lost_answers, recorder.cut_exchanges, dict(self.chaos.counts)), flush=True)
         self.assertFalse(os.path.exists(os.path.join(self.company.collector.state, "undecodable")))
 
     def check_outcomes(self):

@@ -240,7 +240,8 @@ def compare(agents, rows):
             sent = collections.Counter(record.raw for record in block.records)
             if block.is_stored and not block.is_twin:
                 for raw in (sent - have).elements():
-                    wrong.append("%s: lost: %s" % (agent.name, _shown(raw)))
+                    wrong.append("%s: lost: %s, of a block of %d that was sent %d times" % (
+                        agent.name, _shown(raw), len(block.records), block.sendings))
                 have -= sent
             else:
                 doubtful.append(sent)

@@ -248,6 +248,11 @@ void keeper_body::stop() {
         thread_.join();
         answer_waiting();
         save_all();
+        try {
+            tell_finished();                /* the text in force has a copy in the settings */
+        } catch (const std::exception& e) { /* no memory, most likely */
+            log(std::string("fleet: ") + e.what());
+        }
     }
 }
 

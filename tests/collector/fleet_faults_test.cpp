@@ -1,0 +1,73 @@
+/* A keeper where things go wrong: what ends amid something, is damaged, or is other than it was. */
+#include "kept_fleet.h"
+
+#include <cstring>
+#include <future>
+
+using namespace kept_fleet;
+using strings = std::vector<std::string>;
+
+namespace {
+
+const char* const load = "      load: {load: {1m: 8}}\n";
+const char* const other_load = "      load: {load: {1m: 9}}\n";
+
+/* Polls a second each. */
+void poll(sim_agent& agent, int times = 1) {
+    for (int i = 0; i < times; i++) {
+        pass(1);
+        ASSERT_TRUE(agent.poll());
+    }
+}
+
+struct fleet_faults_test : testing::Test, place {
+    sim_agent web{*this, "web-1"};
+    void SetUp() override { ASSERT_TRUE(open()) << error; }
+
+    void lose_store() {
+        for (const char* name : {"/results.db", "/results.db-wal", "/results.db-shm"}) {
+            std::filesystem::remove(state_dir + name);
+        }
+    }
+    void retire() {
+        int64_t id = 0;
+        reader()->for_each_agent([&](const known_agent& row) { id = row.id; }, error);
+        std::promise<bool> gone;
+        store->retire(id, [&](bool ok, const std::string&) { gone.set_value(ok); });
+        ASSERT_TRUE(gone.get_future().get());
+    }
+};
+
+} // namespace
+
+TEST_F(fleet_faults_test, the_copy_is_kept_when_it_ends_at_once) {
+    for (int i = 1; i <= 30; i++) {
+        ASSERT_EQ(apply(everything("      load: {load: {1m: " + std::to_string(i) + "}}\n")).error,
+                  "");
+        const int32_t revision = keeper->standing().text_revision;
+        keeper->stop();
+        std::optional<fleet_copy> copy;
+        ASSERT_TRUE(kept->read_fleet_copy(copy, error)) << error;
+        ASSERT_TRUE(copy);
+        ASSERT_EQ(copy->revision, revision);
+        ASSERT_TRUE(open_again()) << error;
+    }
+}
+
+/* As often as it goes on by itself: what is noted in the settings is ahead of it. */
+TEST_F(fleet_faults_test, no_revision_is_given_twice) {
+    web.disks = "/(sda|ext4)\t";
+    web.start();
+    ASSERT_EQ(apply(everything("      root: {disk: /, free: 10 %}\n")).error, "");
+    poll(web, 2);
+    for (int i = 0; i < 1010; i++) {
+        web.whole_gb = i % 2 == 0 ? 200 : 100;
+        poll(web);
+    }
+    const int32_t given = keeper->standing().revision;
+    EXPECT_GT(given, 1001);
+    close();
+    lose_store();
+    ASSERT_TRUE(open()) << error;
+    EXPECT_GT(keeper->standing().revision, given);
+}

@@ -171,6 +171,9 @@ void fleet_storing::take_given(fleet_work::agent& made, moment at) {
         next.next_number = std::max(next.next_number, made.now->all().next_number);
         of.given = std::make_shared<given_agent>(std::move(next));
         of.is_unsaved = true;
+        of.changes.take(made.changes, at);
+        of.changes.give_up(at);
+        of.changes.note_saved(made.outcomes);
     } else {
         of.given = is_same ? made.now : merged(made);
         of.is_unsaved = made.is_changed ? !is_same : of.is_unsaved;

@@ -71,3 +71,37 @@ TEST_F(fleet_faults_test, no_revision_is_given_twice) {
     ASSERT_TRUE(open()) << error;
     EXPECT_GT(keeper->standing().revision, given);
 }
+
+TEST_F(fleet_faults_test, retired_while_it_is_given_something) {
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    ASSERT_TRUE(becomes({"add load 1 confirmed"}));
+    store->holds = true;
+    auto applying = std::async(std::launch::async, [&] { return apply(everything(other_load)); });
+    ASSERT_TRUE(eventually([&] { return store->held() > 0; }));
+    retire();
+    store->let_go();
+    EXPECT_EQ(applying.get().error, "");
+    EXPECT_TRUE(eventually([&] {
+        return outcomes(true).back() == "change load 1 unanswered: the agent was retired";
+    })) << outcomes(true).back();
+}
+
+/* And is back before that is stored. */
+TEST_F(fleet_faults_test, retired_and_back_while_it_is_given_something) {
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    store->holds = true;
+    auto applying = std::async(std::launch::async, [&] { return apply(everything(other_load)); });
+    ASSERT_TRUE(eventually([&] { return store->held() > 0; }));
+    retire();
+    auto back = std::async(std::launch::async, [&] { web.log_in_again(); });
+    store->let_go();
+    EXPECT_EQ(applying.get().error, "");
+    back.get();
+    poll(web, 5);
+    ASSERT_EQ(web.tests.size(), 1u);
+    EXPECT_EQ(web.tests.begin()->second.fields, "9\t-1\t-1");
+}

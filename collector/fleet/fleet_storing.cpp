@@ -28,6 +28,43 @@ static std::map<std::string, size_t, std::less<>> uses_of_secrets(const fleet& f
     return uses;
 }
 
+void fleet_storing::begin(ingest& results) {
+    results_ = &results;
+    name_removed();
+    probe();
+}
+
+/* Which secrets a test had that was removed before the start nobody knows any more, and its agent
+ * may have it yet: any of those that there are. */
+void fleet_storing::name_removed() {
+    std::vector<std::string> names;
+    if (secrets_ != nullptr) {
+        for (const known_secrets::entry& one : secrets_->list()) {
+            names.push_back(one.name);
+        }
+    }
+    if (names.empty()) {
+        return;
+    }
+    std::shared_ptr<const fleet> file;
+    {
+        std::lock_guard hold(state_.mutex);
+        file = state_.file;
+        for (const auto& [key, agent] : state_.agents) {
+            for (const test_key& stray : agent->strays) {
+                ever_named_[stray] = names;
+            }
+            for (const removed_test& test : agent->given->all().removed) {
+                if (!test.is_over) {
+                    ever_named_[{test.type, test.number}] = names;
+                }
+            }
+        }
+    }
+    secrets_->note_uses(file ? uses_of_secrets(*file) : decltype(uses_of_secrets(*file))(),
+                        ever_named_);
+}
+
 /* What agents send of the values is hidden, before they are told them; also of what was removed,
  * for they may have it yet. With a turn. */
 void fleet_storing::hide_secrets(const fleet_work& work) {
@@ -76,7 +113,10 @@ void fleet_storing::submit(const pointer& work) {
         return;
     }
     results_->update(
-        [writing](engine& store) { return write_fleet(store, *writing); },
+        [this, writing](engine& store) {
+            note_store(store); /* this may be another one than the last time */
+            return write_fleet(store, *writing);
+        },
         [this, work](bool ok, const std::string& reason) { finish(work, ok, reason); });
 }
 

@@ -20,8 +20,8 @@ public:
     /* `secrets` may be null; both outlive it. */
     fleet_storing(fleet_state& state, known_secrets* secrets) : state_(state), secrets_(secrets) {}
 
-    /* Ahead of all others. */
-    void begin(ingest& results) { results_ = &results; }
+    /* Ahead of all others, with the state as it was stored. */
+    void begin(ingest& results);
 
     /* With the turn, which goes with the end of it. Then state_.finished has it, and `done` of the
      * work is called: on the store's thread, or on this one where there is nothing to store. */
@@ -35,6 +35,7 @@ public:
     void probe();
 
 private:
+    void name_removed();
     void hide_secrets(const fleet_work& work);
     void finish(const pointer& work, bool ok, const std::string& reason);
     void take_work(fleet_work& work);

@@ -72,6 +72,43 @@ TEST_F(fleet_faults_test, no_revision_is_given_twice) {
     EXPECT_GT(keeper->standing().revision, given);
 }
 
+/* While it runs, and soon after its start. */
+TEST_F(fleet_faults_test, a_store_that_is_lost_is_given_all_again) {
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    ASSERT_TRUE(becomes({"add load 1 confirmed"}));
+    lose_store();
+    web.mute = {type_load_average};
+    poll(web, 2);
+    web.is_deaf = true;
+    web.extra = {result_of(type_cpu, 77, 1)}; /* something is to be stored */
+    poll(web, 2);
+    EXPECT_TRUE(eventually([&] {
+        const stored_fleet now = stored();
+        return now.in_force.has_text && now.agents.size() == 1 && now.agents[0].is_given;
+    }));
+    EXPECT_EQ(stored().in_force.text, everything(load));
+}
+
+/* Nobody knows any more which it had. */
+TEST_F(fleet_faults_test, secrets_of_what_was_removed_stay_hidden) {
+    ASSERT_TRUE(set_secret("key", "hunter2hunter2"));
+    web.is_proven = true;
+    web.start();
+    ASSERT_EQ(
+        apply(everything("      db: {mysql: 127.0.0.1, user: me, password: \"${secret:key}\"}\n"))
+            .error,
+        "");
+    poll(web, 2);
+    ASSERT_EQ(web.tests.size(), 1u);
+    ASSERT_EQ(apply(everything(load)).error, "");
+    ASSERT_TRUE(open_again()) << error;
+    char text[] = "no hunter2hunter2 here";
+    secrets->hidden().cover(text, strlen(text));
+    EXPECT_STREQ(text, "no ************** here");
+}
+
 TEST_F(fleet_faults_test, retired_while_it_is_given_something) {
     web.start();
     ASSERT_EQ(apply(everything(load)).error, "");

@@ -49,6 +49,10 @@ void loading::take_stored(stored_fleet& stored) {
         if (one.is_damaged) {
             early_.push_back("what " + printable(one.name) + " of " + printable(one.account) +
                              " was told is damaged in the store; it is told everything anew");
+            one.is_given = true; /* so that what it is told has a revision of its own */
+            one.given.next_number = static_cast<int32_t>(std::min<int64_t>(
+                std::max<int64_t>(one.highest, state_.facts.first_number) + numbers_lost,
+                INT32_MAX));
         }
         if (restored_ > 0) {
             one.given.next_number = static_cast<int32_t>(
@@ -102,7 +106,7 @@ void loading::take_agent(stored_fleet::agent& one) {
             test->confirmed = test->revision;
         }
     }
-    of->is_unsaved = !one.confirmed.empty() || loaded_.is_restored;
+    of->is_unsaved = !one.confirmed.empty() || loaded_.is_restored || one.is_damaged;
     of->is_there = one.is_there;
     of->may_run = true;
     of->is_given = one.is_given;

@@ -142,3 +142,26 @@ TEST_F(fleet_faults_test, retired_and_back_while_it_is_given_something) {
     ASSERT_EQ(web.tests.size(), 1u);
     EXPECT_EQ(web.tests.begin()->second.fields, "9\t-1\t-1");
 }
+
+TEST_F(fleet_faults_test, what_is_damaged_begins_far_above) {
+    web.mute = {type_load_average}; /* no result tells of its number */
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    ASSERT_EQ(web.tests.begin()->first.second, 1);
+    const int32_t revision = keeper->standing().revision;
+    std::promise<bool> damaged;
+    store->update(
+        [&](engine& e) {
+            return e.put_fleet_agent(
+                {.account = web.account, .agent = web.name, .assigned = "nonsense"});
+        },
+        [&](bool ok, const std::string&) { damaged.set_value(ok); });
+    ASSERT_TRUE(damaged.get_future().get());
+    ASSERT_TRUE(open_again(false)) << error;
+    ASSERT_EQ(early.size(), 1u);
+    EXPECT_NE(early[0].find("damaged"), std::string::npos) << early[0];
+    web.log_in_again();
+    EXPECT_GT(web.tests.rbegin()->first.second, 1000);
+    EXPECT_GT(web.tests.rbegin()->second.location, revision);
+}

@@ -48,6 +48,8 @@ struct kept_agent {
     agent_changes changes = {};
     std::vector<test_key> again = {};       /* to be put right with the next answer */
     std::vector<test_key> again_given = {}; /* were in an answer that is being written */
+    int64_t not_before = INT64_MIN;         /* steady: what is other than it is known to be is put
+                                               right again */
 
     struct tally {
         size_t tests = 0, sent = 0, confirmed = 0, unanswered = 0, impossible = 0, waiting = 0;

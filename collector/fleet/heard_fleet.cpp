@@ -58,7 +58,9 @@ void heard_fleet::note_result(const decoded_record& result, test_key test) {
         const double whole = whole_of(result);
         seen.whole_gb =
             whole > 0 && std::abs(whole - known->whole_gb) > 0.005 * known->whole_gb ? whole : 0;
-        is_news = seen.whole_gb > 0 ||
+        seen.is_other = seen.location != known->revision && known->confirmed == known->revision &&
+                        known->impossible.empty() && !known->kind->runs_once;
+        is_news = seen.whole_gb > 0 || seen.is_other ||
                   (seen.location == known->revision && known->confirmed < known->revision);
     }
     const bool is_same = !block_.tests.empty() && block_.tests.back().test == test &&
@@ -124,11 +126,14 @@ void heard_fleet::take_seen(kept_agent& of, moment at) {
     auto changing = [&]() -> assigned_agent& {
         return next ? *next : next.emplace(of.given->all());
     };
-    std::vector<test_key> gone;
+    std::vector<test_key> gone, others;
     for (const seen_test& seen : block_.tests) {
         const assigned_test* known = of.given->find(seen.test);
         const auto& [type, number] = seen.test;
         if (known != nullptr) {
+            if (seen.is_other && known->confirmed == known->revision) {
+                others.push_back(seen.test);
+            }
             if (seen.location == known->revision && known->confirmed < known->revision) {
                 changing().find(type, number)->confirmed = known->revision;
                 of.changes.came(seen.test, seen.location, at);
@@ -143,6 +148,7 @@ void heard_fleet::take_seen(kept_agent& of, moment at) {
             take_stray(of, seen.test, changing);
         }
     }
+    put_right(of, others, at);
     of.changes.polled(*of.given, at, gone);
     for (const auto& [type, number] : gone) {
         for (removed_test& test : changing().removed) {
@@ -156,6 +162,20 @@ void heard_fleet::take_seen(kept_agent& of, moment at) {
     }
     if (next || of.changes.has_unsaved()) {
         state_.note(of);
+    }
+}
+
+/* It had the present revisions, and has others now, as a machine that was put back to an earlier
+ * state. A result that took long may have one, too; so it is not done again and again. */
+void heard_fleet::put_right(kept_agent& of, const std::vector<test_key>& others, moment at) {
+    if (others.empty() || at.steady < of.not_before) {
+        return;
+    }
+    of.not_before = at.steady + patience_for(of.given->slowest());
+    for (const test_key& test : others) {
+        if (std::find(of.again.begin(), of.again.end(), test) == of.again.end()) {
+            of.again.push_back(test);
+        }
     }
 }
 

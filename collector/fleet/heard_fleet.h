@@ -32,6 +32,7 @@ private:
         int32_t location = 0;
         double whole_gb = 0; /* 0: it has none */
         bool is_given = false;
+        bool is_other = false; /* not what the agent is known to have */
     };
     struct seen_block {
         const poll_block* from = nullptr; /* null: none is being told of */
@@ -46,6 +47,7 @@ private:
     void note_result(const decoded_record& result, test_key test);
     void end_block(kept_agent& of);
     void take_seen(kept_agent& of, moment at);
+    static void put_right(kept_agent& of, const std::vector<test_key>& others, moment at);
     void take_stray(kept_agent& of, test_key test,
                     const std::function<assigned_agent&()>& changing);
 

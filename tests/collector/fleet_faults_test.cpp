@@ -165,3 +165,29 @@ TEST_F(fleet_faults_test, what_is_damaged_begins_far_above) {
     EXPECT_GT(web.tests.rbegin()->first.second, 1000);
     EXPECT_GT(web.tests.rbegin()->second.location, revision);
 }
+
+/* As a machine that was put back to an earlier state. */
+TEST_F(fleet_faults_test, an_agent_that_has_an_older_revision_again) {
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    const sim_agent::test_map before = web.tests;
+    ASSERT_EQ(apply(everything(other_load)).error, "");
+    poll(web, 3);
+    ASSERT_TRUE(becomes({"add load 1 confirmed", "change load 1 confirmed"}));
+    const sim_agent::test_map now = web.tests;
+    ASSERT_NE(now, before);
+    web.tests = before;
+    poll(web, 2);
+    EXPECT_EQ(web.tests, now);
+    /* One that does not heed it, or brings something old, is not told again and again. */
+    web.is_deaf = true;
+    web.tests = before;
+    int told = 0;
+    for (int i = 0; i < 60; i++) {
+        poll(web);
+        told += !web.last_answer.empty();
+    }
+    EXPECT_GE(told, 1);
+    EXPECT_LE(told, 4);
+}

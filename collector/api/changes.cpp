@@ -69,9 +69,9 @@ public:
         }
         switch (static_cast<change_action>(change.action)) {
         case change_action::intervals:
-            return change.reason.find("took its place") == change.reason.npos;
+            return !is_over(change);
         case change_action::remove:
-            return find(change) == nullptr;
+            return !is_over(change) && find(change) == nullptr;
         default:
             break;
         }
@@ -82,6 +82,12 @@ public:
     }
 
 private:
+    /* Nobody waits for it any more, as it says itself. */
+    static bool is_over(const stored_change& change) {
+        return change.reason.find("took its place") != change.reason.npos ||
+               change.reason == "the agent was retired";
+    }
+
     /* What the agent has by that number, or by that name when the change has none. Changes of an
      * agent come together mostly. */
     const fleet_test_standing* find(const stored_change& change) {

@@ -562,9 +562,11 @@ TEST_F(api_fleet_test, changes_that_are_open) {
     of(10, change_outcome::unanswered, "", 0, change_action::intervals,
        "revision 11 took its place before it was sent");
     of(11, change_outcome::unanswered, "nobody's", 99);
+    of(12, change_outcome::unanswered, "went", 8, change_action::remove, "the agent was retired");
+    of(13, change_outcome::unanswered, "", 0, change_action::intervals, "the agent was retired");
     EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 100), "8 7 5 4");
     EXPECT_EQ(pages("/api/v1/changes?open=1&outcome=impossible,confirmed", "id", 2), "5");
-    EXPECT_EQ(pages("/api/v1/changes?open=0", "id", 2), "11 10 9 8 7 6 5 4 3");
+    EXPECT_EQ(pages("/api/v1/changes?open=0", "id", 2), "13 12 11 10 9 8 7 6 5 4 3");
     with->fleet = nullptr;
     EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 2), "");
 }

@@ -180,8 +180,11 @@ bool read_fleet(std::string_view text, fleet& found, std::vector<remark>& wrong)
         wrong.push_back(std::move(first));
         return false;
     }
-    if (root.is == node::kind::nothing) {
+    if (text.empty()) {
         return true;
+    }
+    if (root.is == node::kind::nothing) { /* blanks and comments: what is left of a file, perhaps */
+        root.is = node::kind::map;
     }
     remarks all;
     read_root(root, found, all);

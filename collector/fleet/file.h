@@ -10,7 +10,8 @@
 #include <vector>
 
 /* False with all that is wrong in `wrong`, by line: the first error where the text is no sound
- * YAML, everything else at once, a hundred at the most. An empty text is an empty fleet. */
+ * YAML, everything else at once, a hundred at the most. No text at all is an empty fleet, as before
+ * the first one; one of blanks and comments has no `version`, and is wrong. */
 bool read_fleet(std::string_view text, fleet& found, std::vector<remark>& wrong);
 
 #endif

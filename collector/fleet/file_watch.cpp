@@ -51,7 +51,7 @@ file_watch::state file_watch::look(bool at_once, std::string& text, std::string&
     failed_ = !read_whole_file(path_, longest_fleet_text, text, trouble);
     if (!failed_ && text.empty()) {
         failed_ = true;
-        trouble = path_ + ": is empty; a file with only a comment takes all tests away";
+        trouble = path_ + ": is empty; \"version: 1\" alone takes all tests away";
     }
     return failed_ ? state::failed : state::text;
 }

@@ -2,7 +2,7 @@
  *
  * One that takes the place of another (rename) counts at once; one that is written to in place when
  * it has lain still for two seconds, since somebody may still be writing. An empty file counts for
- * none: it would take all tests away; one with only a comment does. */
+ * none: it would take all tests away. */
 #ifndef VINDRAL_COLLECTOR_FLEET_FILE_WATCH_H
 #define VINDRAL_COLLECTOR_FLEET_FILE_WATCH_H
 

@@ -359,7 +359,12 @@ TEST(fleet_file, a_hundred_mistakes_at_the_most_and_these_are_the_first) {
 
 TEST(fleet_file, nothing_is_an_empty_fleet_and_a_version_is_required_of_anything_else) {
     EXPECT_TRUE(sound("").groups.empty());
-    EXPECT_TRUE(sound("# nothing yet\n").groups.empty());
+    /* They would take every test from every agent. */
+    for (const char* text : {"# nothing yet\n", " ", "\n", "\r\n", "\t\n", "...\n", "\xef\xbb\xbf",
+                             "---\n", "~\n", "null\n"}) {
+        EXPECT_NE(wrong_with(text).find(" the file: "), std::string::npos) << text;
+    }
+    EXPECT_EQ(wrong_with(" \n"), "1:1 the file: `version` is missing\n");
     EXPECT_TRUE(sound("version: 1\n").groups.empty());
     EXPECT_TRUE(sound("version: 1\ngroups:\n").groups.empty());
     EXPECT_TRUE(sound("{\"version\": 1, \"groups\": []}").groups.empty());

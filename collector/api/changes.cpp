@@ -76,9 +76,9 @@ public:
             break;
         }
         const fleet_test_standing* test = find(change);
-        return test != nullptr &&
-               (change.outcome == change_outcome::impossible ? !test->impossible.empty()
-                                                             : test->revision == change.revision);
+        return test != nullptr && (change.outcome == change_outcome::impossible
+                                       ? is_same_reason(change.reason, test->impossible)
+                                       : test->revision == change.revision);
     }
 
 private:
@@ -86,6 +86,12 @@ private:
     static bool is_over(const stored_change& change) {
         return change.reason.find("took its place") != change.reason.npos ||
                change.reason == "the agent was retired";
+    }
+
+    /* A test that cannot be has no revision, so it is the reason that tells the present change from
+     * earlier ones. What there is instead stands behind the semicolon, and comes and goes. */
+    static bool is_same_reason(std::string_view one, std::string_view other) {
+        return one.substr(0, one.find(';')) == other.substr(0, other.find(';'));
     }
 
     /* What the agent has by that number, or by that name when the change has none. Changes of an

@@ -541,7 +541,8 @@ TEST_F(api_fleet_test, changes_that_are_open) {
         test.impossible = why;
         return test;
     };
-    fleet.tests["a@b.c/web-1"] = {standing("load", 5, 4, ""), standing("data", 0, 0, "no disk"),
+    fleet.tests["a@b.c/web-1"] = {standing("load", 5, 4, ""),
+                                  standing("data", 0, 0, "no disk; there is /srv"),
                                   standing("late", 7, 9, "")};
     auto of = [&](int64_t id, change_outcome outcome, const char* test, int32_t number,
                   change_action action = change_action::change, const char* reason = "") {
@@ -554,7 +555,7 @@ TEST_F(api_fleet_test, changes_that_are_open) {
     of(3, change_outcome::unanswered, "load", 5, change_action::change,
        "revision 4 took its place");
     of(4, change_outcome::sent, "load", 5);
-    of(5, change_outcome::impossible, "data", 0, change_action::add);
+    of(5, change_outcome::impossible, "data", 0, change_action::add, "no disk; there is /home");
     of(6, change_outcome::impossible, "found since", 0, change_action::add);
     of(7, change_outcome::sent, "gone", 6, change_action::remove);
     of(8, change_outcome::sent, "", 0, change_action::intervals);
@@ -564,9 +565,11 @@ TEST_F(api_fleet_test, changes_that_are_open) {
     of(11, change_outcome::unanswered, "nobody's", 99);
     of(12, change_outcome::unanswered, "went", 8, change_action::remove, "the agent was retired");
     of(13, change_outcome::unanswered, "", 0, change_action::intervals, "the agent was retired");
+    of(14, change_outcome::impossible, "data", 0, change_action::add, "nobody knows its disks");
+    of(15, change_outcome::impossible, "load", 5, change_action::change, "no such secret");
     EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 100), "8 7 5 4");
     EXPECT_EQ(pages("/api/v1/changes?open=1&outcome=impossible,confirmed", "id", 2), "5");
-    EXPECT_EQ(pages("/api/v1/changes?open=0", "id", 2), "13 12 11 10 9 8 7 6 5 4 3");
+    EXPECT_EQ(pages("/api/v1/changes?open=0", "id", 2), "15 14 13 12 11 10 9 8 7 6 5 4 3");
     with->fleet = nullptr;
     EXPECT_EQ(pages("/api/v1/changes?open=1", "id", 2), "");
 }

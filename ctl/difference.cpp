@@ -227,7 +227,7 @@ std::string difference_summary(const json::object& outcome) {
     const int64_t impossible = number_in(summary, "impossible");
     const int64_t agents = number_in(summary, "agents");
     if (text.empty() && impossible == 0) {
-        text = "no test becomes another";
+        text = "no test changes";
     } else {
         text += (text.empty() ? "nothing is sent" : "") + std::string(" on ") +
                 std::to_string(number_in(summary, "agents_changed")) + " of " +

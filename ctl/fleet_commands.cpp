@@ -206,7 +206,7 @@ std::string ruler_of(const place& here, const json::object& fleet) {
     const std::string file = text_cell(here, fleet, "file");
     return flag_in(fleet, "plan") ? "a plan of raw commands (--plan): there is no fleet"
            : !file.empty()        ? "the file " + file + " (--fleet)"
-                                  : "what is applied";
+                                  : "what is applied by the API";
 }
 
 std::string counts_text(const json::object& counts) {
@@ -231,7 +231,8 @@ void put_standing_of_fleet(const place& here, const json::object& fleet) {
     put_fact(here, "ruled by", ruler_of(here, fleet));
     const int64_t revision = number_in(fleet, "revision");
     if (revision == 0 && !flag_in(fleet, "plan")) {
-        put_fact(here, "revision", "nothing was ever applied");
+        put_fact(here, "revision",
+                 "nothing was ever applied; \"vindralctl fleet apply FILE\" does");
     }
     if (revision != 0 && revision != number_in(fleet, "text_revision")) {
         here.with.list("/api/v1/fleet/revisions", {{"applied", "1"}}, 1,

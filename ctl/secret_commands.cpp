@@ -22,10 +22,10 @@ std::string quoted_word(const place& here) {
     return "\"" + printable(here.said.word) + "\"";
 }
 
-std::string lines_text(int64_t used) {
-    return used == 0   ? "no line of the plan uses it"
-           : used == 1 ? "1 line of the plan uses it"
-                       : std::to_string(used) + " lines of the plan use it";
+std::string uses_text(int64_t used) {
+    return used == 0   ? "no test uses it"
+           : used == 1 ? "1 test uses it"
+                       : std::to_string(used) + " tests use it";
 }
 
 } // namespace
@@ -36,7 +36,7 @@ int run_list_secrets(const place& here) {
                            {{.head = "NAME", .least = 12},
                             {"SET"},
                             {.head = "BY", .least = 8},
-                            {.head = "LINES", .is_right = true},
+                            {.head = "TESTS", .is_right = true},
                             {""}},
                            0};
     auto row_of = [&](const json::object& secret) -> std::vector<table_cell> {
@@ -62,7 +62,7 @@ int run_set_secret(const place& here) {
         put(json_text(kept) + "\n");
         return status_well;
     }
-    tell("the secret " + quoted_word(here) + " is set; " + lines_text(number_in(kept, "used")));
+    tell("the secret " + quoted_word(here) + " is set; " + uses_text(number_in(kept, "used")));
     return status_well;
 }
 
@@ -82,7 +82,7 @@ int run_remove_secret(const place& here) {
     here.with.ask("DELETE", path_of(here));
     tell("the secret " + quoted_word(here) + " is removed" +
          (used == 0 ? ""
-                    : "; " + lines_text(used) +
+                    : "; " + uses_text(used) +
                           ": these tests are sent to nobody now, and agents that have them keep "
                           "them as they are"));
     return status_well;

@@ -234,7 +234,7 @@ std::string audit_of(const fleet_outcome& done) {
         }
     }
     return "applied fleet revision " + std::to_string(done.revision) + ": " +
-           (text.empty() ? "no test is another" : text);
+           (text.empty() ? "no test changes" : text);
 }
 
 /* What stands against it whatever the text says. */

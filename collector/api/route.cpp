@@ -82,7 +82,7 @@ std::string shown(std::string_view text) {
 [[noreturn]] void throw_wrong(const parameter_def& known, std::string_view value,
                               const std::string& expected) {
     throw_bad_request(std::string("The parameter ") + known.name + " is " + shown(value) +
-                      "; expected is " + expected + ".");
+                      "; expected " + expected + ".");
 }
 
 bool is_choice(std::string_view choices, std::string_view word) {

@@ -71,7 +71,7 @@ std::string take_range(std::string_view text, address_range& range) {
     };
     const std::optional<uint32_t> first = take_address(text);
     if (!first) {
-        return "expected are two IPv4 addresses, such as 10.0.0.1 - 10.0.0.254";
+        return "expected two IPv4 addresses, such as 10.0.0.1 - 10.0.0.254";
     }
     range = {*first, *first};
     skip_blanks();
@@ -86,7 +86,7 @@ std::string take_range(std::string_view text, address_range& range) {
     skip_blanks();
     const std::optional<uint32_t> last = is_range ? take_address(text) : std::nullopt;
     if (!last || !text.empty()) {
-        return "expected are two IPv4 addresses, such as 10.0.0.1 - 10.0.0.254";
+        return "expected two IPv4 addresses, such as 10.0.0.1 - 10.0.0.254";
     }
     range.last = *last;
     return "";

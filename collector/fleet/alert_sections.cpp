@@ -56,7 +56,7 @@ void check_server(const node& value, remarks& wrong) {
     }
     if (value.text.find_first_of("/?") != value.text.npos ||
         !read_page_address("http://" + value.text, server).empty()) {
-        wrong.add(value.at, "`server`: expected is a host with its port, such as "
+        wrong.add(value.at, "`server`: expected a host with its port, such as "
                             "mail.example.org:587");
     }
 }
@@ -104,7 +104,7 @@ void check_address(const char* what, const node& value, remarks& wrong) {
 names check_notify(const node& section, remarks& wrong) {
     names known;
     if (section.is != node::kind::map && section.is != node::kind::nothing) {
-        wrong.add(section.at, "`notify`: expected are names, each with a way to tell people");
+        wrong.add(section.at, "`notify`: expected names, each with a way to tell people");
     }
     for (const auto& [name, way] : section.members) {
         check_title("the name of who is told", name, wrong);
@@ -116,7 +116,7 @@ names check_notify(const node& section, remarks& wrong) {
              {"alertmanager", [&](const node& v) { check_address("`alertmanager`", v, wrong); }}},
             wrong);
         if (way.is == node::kind::nothing || (way.is == node::kind::map && way.members.empty())) {
-            wrong.add(name.at, in_ticks(name.text) + ": expected is `mail`, `webhook` or "
+            wrong.add(name.at, in_ticks(name.text) + ": expected `mail`, `webhook` or "
                                                      "`alertmanager`");
         }
     }
@@ -128,7 +128,7 @@ names check_notify(const node& section, remarks& wrong) {
 void check_alerts(const node& section, const names& groups, const names& told, remarks& wrong) {
     static const names whens = {"problem", "silent", "unknown"};
     if (section.is != node::kind::map && section.is != node::kind::nothing) {
-        wrong.add(section.at, "`alerts`: expected are names, each with an alert");
+        wrong.add(section.at, "`alerts`: expected names, each with an alert");
     }
     for (const auto& [name, alert] : section.members) {
         check_title("the name of an alert", name, wrong);

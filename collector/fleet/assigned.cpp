@@ -166,7 +166,7 @@ std::string about(const wanted_test& test) {
     }
     std::string share = percent_text(*least);
     if (test.whole_gb <= 0) {
-        return share + ", as soon as it is known of how much";
+        return share + " once the size of the disk is known";
     }
     char whole[40];
     snprintf(whole, sizeof(whole), "%.4g", test.whole_gb);
@@ -211,7 +211,7 @@ std::string about_change(const assigned_test& before, const wanted_test& now,
     if (!now.found.empty() && before.found != now.found) {
         return "it is " + now.found + " now";
     }
-    return now.what->free_share ? about(now) : "what is not shown of it is another";
+    return now.what->free_share ? about(now) : "something of it that is not shown has changed";
 }
 
 /* ---- assigning ---- */

@@ -52,7 +52,7 @@ void read_patterns(const node& from, fleet_group& group, remarks& wrong) {
             read_pattern(each, group, wrong);
         }
     } else {
-        wrong.add(from.at, "`agents`: expected is a list of names, such as [\"web-*\"]");
+        wrong.add(from.at, "`agents`: expected a list of names, such as [\"web-*\"]");
     }
 }
 
@@ -82,9 +82,8 @@ void check_old_names(const fleet_group& group, const node& tests, remarks& wrong
 
 void read_tests(const node& from, fleet_group& group, remarks& wrong) {
     if (from.is != node::kind::map && from.is != node::kind::nothing) {
-        wrong.add(from.at,
-                  "`tests`: expected are names with their tests, such as \"gateway: {ping: "
-                  "192.0.2.1}\"");
+        wrong.add(from.at, "`tests`: expected names with their tests, such as \"gateway: {ping: "
+                           "192.0.2.1}\"");
         return;
     }
     for (const auto& [name, definition] : from.members) {
@@ -122,7 +121,7 @@ std::set<std::string> read_groups(const node& from, fleet& found, remarks& wrong
             read_group(each, found, names, wrong);
         }
     } else if (from.is != node::kind::nothing) {
-        wrong.add(from.at, "`groups`: expected is a list, each begins with \"- name: \"");
+        wrong.add(from.at, "`groups`: expected a list, each begins with \"- name: \"");
     }
     return names;
 }

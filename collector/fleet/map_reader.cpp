@@ -25,7 +25,7 @@ void refuse_key(const std::string& what, const node& key, const std::vector<map_
 void read_map(const std::string& what, text_place at, const node& from,
               const std::vector<map_key>& keys, remarks& wrong) {
     if (from.is != node::kind::map && from.is != node::kind::nothing) {
-        wrong.add(from.at, what + ": expected is a map, \"key: value\"");
+        wrong.add(from.at, what + ": expected a map, \"key: value\"");
         return;
     }
     for (const auto& [name, value] : from.members) {

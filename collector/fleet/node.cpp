@@ -251,8 +251,9 @@ std::string in_our_words(const std::string& said, std::string_view line) {
          "a colon with a blank behind it cannot stand here: a text that has one goes into quotes, "
          "a key stands below the one before"},
         {"unknown token", "this character cannot begin a text: write the text in quotes"},
-        {"end of map not found", "this line is indented otherwise than those of its map above"},
-        {"end of sequence not found", "this line is indented otherwise than those of its list"},
+        {"end of map not found", "this line is indented differently from the others of its map"},
+        {"end of sequence not found",
+         "this line is indented differently from the others of its list"},
         {"end of map flow not found", "a \"{\" before here has no \"}\", or a comma is missing"},
         {"end of sequence flow not found",
          "a \"[\" before here has no \"]\", or a comma is missing"},
@@ -304,7 +305,7 @@ bool is_sound(std::string_view text, place_finder& places, remark& wrong) {
         wrong = {places.of(longest_fleet_text),
                  "the text is longer than 1 MB (" + std::to_string(text.size()) + " bytes)"};
     } else if ((at = first_no_utf8(text)) != text.npos) {
-        wrong = {places.of(at), "this is no UTF-8"};
+        wrong = {places.of(at), "this is not UTF-8"};
     } else if ((at = first_control(text, "\n\r\t")) != text.npos) {
         wrong = {places.of(at), "a control character stands here"};
     } else if ((at = first_lone_return(text)) != text.npos) {

@@ -156,7 +156,7 @@ void take_word(test_reading& t, const node& value) {
     } else if (value.is == node::kind::map) {
         take_keys(t, value, true);
     } else if (value.is != node::kind::nothing) {
-        t.wrong.add(value.at, in_ticks(kind.word) + ": expected are limits, such as {" + kind.word +
+        t.wrong.add(value.at, in_ticks(kind.word) + ": expected limits, such as {" + kind.word +
                                   ": {" + kind.keys[0].name + ": 5}}, or {}");
     }
 }
@@ -265,7 +265,7 @@ std::shared_ptr<const fleet_test> read_test(const std::string& group, const node
         }
     } else if (definition.text != "off") {
         wrong.add(definition.is == node::kind::nothing ? name.at : definition.at,
-                  in_ticks(name.text) + ": expected is a test, such as {ping: 192.0.2.1}, or off");
+                  in_ticks(name.text) + ": expected a test, such as {ping: 192.0.2.1}, or off");
     }
     return wrong.count() == wrong_before ? test : nullptr;
 }

@@ -96,6 +96,17 @@ std::optional<double> read_amount(value_form form, std::string_view text, std::s
     }
 }
 
+/* Those on both sides, as far as they may be given: "1 or 2". */
+std::string nearest_whole(const reading& r, double number) {
+    std::string text;
+    for (const double each : {std::floor(number), std::floor(number) + 1}) {
+        if (each >= r.key.least && each <= r.key.most) {
+            text += (text.empty() ? "" : " or ") + amount_text(r.key.form, each);
+        }
+    }
+    return text.empty() ? amount_text(r.key.form, r.key.least) + " or more" : text;
+}
+
 /* Agents take whole numbers: rounds where that is harmless, and says so where it is not. */
 bool make_whole(const reading& r, double& number) {
     const double rounded = std::round(number);
@@ -110,8 +121,7 @@ bool make_whole(const reading& r, double& number) {
               : r.key.form == value_form::seconds   ? "seconds"
               : r.key.form == value_form::rate      ? "bytes"
                                                     : "numbers") +
-             ": " + amount_text(r.key.form, std::floor(number)) + " or " +
-             amount_text(r.key.form, std::floor(number) + 1));
+             ": " + nearest_whole(r, number));
     return false;
 }
 
@@ -128,7 +138,7 @@ bool read_number(const reading& r, given_value& found) {
     std::string expected;
     const std::optional<double> number = read_amount(r.key.form, r.from.text, expected);
     if (!number) {
-        r.refuse(": " + in_ticks(r.from.text) + " is no number that fits; expected is " + expected);
+        r.refuse(": " + in_ticks(r.from.text) + " does not fit: expected " + expected);
         return false;
     }
     found.number = *number;
@@ -220,7 +230,7 @@ bool read_bound(const reading& r, const std::string& which, const node& from, do
     digits.remove_prefix(is_negative ? 1 : 0);
     std::optional<double> number = read_real(digits, expected);
     if (from.is != node::kind::text || !number) {
-        r.wrong.add(from.at, which + ": expected is " + expected);
+        r.wrong.add(from.at, which + ": expected " + expected);
         return false;
     }
     if (is_whole && *number != std::floor(*number)) {
@@ -239,7 +249,7 @@ bool read_limits_of(const reading& r, const node& from, named_limits& found) {
     }
     const std::string subject = in_ticks(found.name);
     if (from.is != node::kind::map) {
-        r.wrong.add(from.at, subject + ": expected are limits such as {at least: 1, at most: 5}");
+        r.wrong.add(from.at, subject + ": expected limits such as {at least: 1, at most: 5}");
         return false;
     }
     bool is_good = true;
@@ -281,8 +291,8 @@ bool read_names(const reading& r, given_value& found) {
             is_good = read_limits_of(r, limits, found.names.back()) && is_good;
         }
     } else {
-        r.refuse(has_limits ? ": expected are names, such as {NAME: {at most: 5}, OTHER: {}}"
-                            : ": expected is a list of names");
+        r.refuse(has_limits ? ": expected names, such as {NAME: {at most: 5}, OTHER: {}}"
+                            : ": expected a list of names");
         return false;
     }
     if (found.names.empty()) {
@@ -318,7 +328,7 @@ bool check_line(std::string_view subject, const node& from, bool may_be_secret, 
     std::string why;
     placeholder at;
     if (from.is != node::kind::text) {
-        why.append(": ").append(word_for(from)).append(" stands here, expected is a text");
+        why.append(": ").append(word_for(from)).append(" stands here, a text is expected");
     } else if (from.text.empty()) {
         why = ": the text is empty";
     } else if (first_control(from.text) != std::string::npos) {

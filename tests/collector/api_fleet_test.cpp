@@ -258,7 +258,7 @@ TEST_F(api_fleet_test, what_is_applied_is_audited) {
     EXPECT_EQ(ask("/api/v1/fleet?dry_run=1", "PUT", file()).audit, "");
     fleet.outcome.difference = {};
     EXPECT_EQ(ask("/api/v1/fleet", "PUT", file()).audit,
-              "applied fleet revision 7: no test is another");
+              "applied fleet revision 7: no test changes");
     fleet.outcome.is_same = true;
     EXPECT_EQ(ask("/api/v1/fleet", "PUT", file()).audit, "");
     EXPECT_EQ(fleet.asked.size(), 4u);

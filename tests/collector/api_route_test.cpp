@@ -198,11 +198,10 @@ TEST_F(api_route_test, refusals) {
     EXPECT_EQ(refused("/api/v1/agents?q=%4", 400),
               "In \"q=%4\" a % has no two hexadecimal digits behind it; % itself is %25.");
     EXPECT_EQ(refused("/api/v1/agents?limit=0", 400),
-              "The parameter limit is \"0\"; expected is a whole number from 1 to 1000.");
-    EXPECT_EQ(
-        refused("/api/v1/agents?state=bad", 400),
-        "The parameter state is \"bad\"; expected is one or more, with commas between, of ok, "
-        "problem, unknown, stale, silent.");
+              "The parameter limit is \"0\"; expected a whole number from 1 to 1000.");
+    EXPECT_EQ(refused("/api/v1/agents?state=bad", 400),
+              "The parameter state is \"bad\"; expected one or more, with commas between, of ok, "
+              "problem, unknown, stale, silent.");
     EXPECT_EQ(refused("/api/v1/agents", 400, "GET", "x"),
               "There is a body, and GET /api/v1/agents takes none.");
     for (const char* path : {"/sign%2Din", "/sign%2dout"}) {

@@ -124,7 +124,7 @@ TEST_F(fleet_assigned, what_is_not_shown_is_said_to_be_another) {
         apply(of({page("a").field(6, "two").shown("password", "***")}));
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_TRUE(changes[0].fields.empty());
-    EXPECT_EQ(changes[0].reason, "what is not shown of it is another");
+    EXPECT_EQ(changes[0].reason, "something of it that is not shown has changed");
 }
 
 TEST_F(fleet_assigned, fields_that_run_together_are_another_test) {
@@ -350,7 +350,7 @@ TEST_F(fleet_assigned, a_secret_that_is_missing_keeps_a_test_back) {
 TEST_F(fleet_assigned, a_share_becomes_a_limit_of_its_own) {
     auto d = [] { return test_maker("d", "disk").share(10).shown("free", "10 %"); };
     std::vector<fleet_change> changes = apply(of({d()}));
-    EXPECT_EQ(changes.back().reason, "10 %, as soon as it is known of how much");
+    EXPECT_EQ(changes.back().reason, "10 % once the size of the disk is known");
     EXPECT_EQ(test("d").its_fields()[1], "0");
     EXPECT_TRUE(note_whole(*now.find("d"), 50));
     changes = apply(of({d()}));

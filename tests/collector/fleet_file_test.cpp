@@ -182,7 +182,7 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
     } cases[] = {
         {"load: {1m: 1.5}", "`1m`: `1.5` is not whole, and agents take whole numbers: 1 or 2"},
         {"load: {1m: 0}", "`1m`: `0` is not from 1 to 2147483647"},
-        {"load: 5", "`load`: expected are limits, such as {load: {1m: 5}}, or {}"},
+        {"load: 5", "`load`: expected limits, such as {load: {1m: 5}}, or {}"},
         {"load: {1 m: 5}", "`1 m`: no such key of `load`; `1m`?"},
         {"load: {host: h}", "`host`: this stands beside `load`, not within it"},
         {"load: {}, 5m: 3", "`5m`: this stands within `load`: {load: {5m: ...}}"},
@@ -196,7 +196,7 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
         {"cpu: {}, host: h, os: Linux", "`os`: `Linux` is not linux or other; `linux`?"},
         {"memory: {virtual: 1 GB}", "`virtual`: virtual memory is known of another host only: use "
                                     "`swap`, or name a `host`"},
-        {"memory: {free: 256}", "`free`: `256` is no number that fits; expected is a size with its "
+        {"memory: {free: 256}", "`free`: `256` does not fit: expected a size with its "
                                 "unit, such as 500 MB or 5 GB"},
         {"memory: {free: 1.5 MB}", "`free`: `1.5 MB` is not whole, and agents take whole "
                                    "megabytes: 1 MB or 2 MB"},
@@ -224,7 +224,7 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
                            "belong to it"},
         {"ping: h, size: 20", "`size`: `20` is not from 44 to 65507"},
         {"ping: h, within: 2m", "`within`: `2m` is not from 1ms to 1m"},
-        {"ping: h, within: soon", "`within`: `soon` is no number that fits; expected is a time "
+        {"ping: h, within: soon", "`within`: `soon` does not fit: expected a time "
                                   "such as 5s, 250ms, 3m or 1h30m"},
         {"http: shop.example.org", "`http`: `shop.example.org` is no address of a page: it begins "
                                    "with http:// or https://"},
@@ -237,7 +237,7 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
         {"http: \"http:///\"", "`http`: `` is neither a host name nor an address"},
         {"http: \"http://${secret:h}/\"", "`http`: a secret cannot stand in the name of the host"},
         {"http: \"http://h/\", within: 250ms", "`within`: `250ms` is not whole, and agents take "
-                                               "whole seconds: 0s or 1s"},
+                                               "whole seconds: 1s"},
         {"http: \"http://h/\", contains: a, without: b",
          "`without`: agents look for one text in a page: make two tests of it"},
         {"http: \"http://h/\", contains: a, method: head",
@@ -253,7 +253,7 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
         {"snmp: h, objects: [a, a]", "`objects`: `a` is there already"},
         {"snmp: h, objects: [a;b]",
          "`objects`: `a;b` cannot be a name: it has a blank or one of ; | , \" '"},
-        {"snmp: h, objects: {a: 5}", "`a`: expected are limits such as {at least: 1, at most: 5}"},
+        {"snmp: h, objects: {a: 5}", "`a`: expected limits such as {at least: 1, at most: 5}"},
         {"snmp: h, objects: {a: {at most: 1.5}}",
          "`at most`: `1.5` is not whole, and agents compare with whole numbers"},
         {"snmp: h, objects: {a: {max: 1}}",
@@ -274,10 +274,10 @@ TEST(fleet_file, what_agents_cannot_do_is_wrong) {
         {"mysql: localhost, user: u, port: 3307",
          "`port`: localhost and a path mean a socket, which has no port: write 127.0.0.1"},
         {"mysql: h, user: u, values: {a: {at least: -1}}",
-         "`at least`: expected is a number, such as 5 or 1.5"},
+         "`at least`: expected a number, such as 5 or 1.5"},
         {"mysql: h, user: u, values: [a|5]",
          "`values`: `a|5` cannot be a name: it has a blank or one of ; | , \" '"},
-        {"discovery: 10.0.0.1 - 10.0.0", "`discovery`: expected are two IPv4 addresses, such as "
+        {"discovery: 10.0.0.1 - 10.0.0", "`discovery`: expected two IPv4 addresses, such as "
                                          "10.0.0.1 - 10.0.0.254"},
         {"discovery: 10.0.0.2 - 10.0.0.1", "`discovery`: the first address is above the last one"},
         {"discovery: 10.0.0.1 - 10.0.1.0", "`discovery`: addresses that end in .0 are not "
@@ -308,9 +308,9 @@ TEST(fleet_file, a_kind_that_there_is_not) {
     EXPECT_EQ(wrong_with(with_tests("    x: {ping: h, http: \"http://h/\"}\n")),
               "6:18 `ping` and `http`: a test is of one kind, make two of it\n");
     EXPECT_EQ(wrong_with(with_tests("    x: on\n")),
-              "6:8 `x`: expected is a test, such as {ping: 192.0.2.1}, or off\n");
+              "6:8 `x`: expected a test, such as {ping: 192.0.2.1}, or off\n");
     EXPECT_EQ(wrong_with(with_tests("    x:\n")),
-              "6:5 `x`: expected is a test, such as {ping: 192.0.2.1}, or off\n");
+              "6:5 `x`: expected a test, such as {ping: 192.0.2.1}, or off\n");
     EXPECT_NE(wrong_with(with_tests("    x: {}\n")).find("the test says nothing; there are"),
               std::string::npos);
 }
@@ -336,7 +336,7 @@ TEST(fleet_file, all_mistakes_are_said_at_once_by_line) {
               "5:32 `check`: `32d` is not from 1s to 31d\n"
               "5:37 `pol`: no such key of `intervals`; `poll`?\n"
               "7:9 `pong`: no such test; `ping`?\n"
-              "8:24 `lost`: `many` is no number that fits; expected is a whole number\n"
+              "8:24 `lost`: `many` does not fit: expected a whole number\n"
               "9:9 `a`: there is a group of this name already\n"
               "12:13 `problems`: there is no such state (problem, silent, unknown); `problem`?\n"
               "12:32 `opps`: there is no such name in `notify`; `ops`?\n"
@@ -369,7 +369,7 @@ TEST(fleet_file, nothing_is_an_empty_fleet_and_a_version_is_required_of_anything
     EXPECT_TRUE(sound("version: 1\ngroups:\n").groups.empty());
     EXPECT_TRUE(sound("{\"version\": 1, \"groups\": []}").groups.empty());
     EXPECT_EQ(wrong_with("groups: []\n"), "1:1 the file: `version` is missing\n");
-    EXPECT_EQ(wrong_with("web-1\n"), "1:1 the file: expected is a map, \"key: value\"\n");
+    EXPECT_EQ(wrong_with("web-1\n"), "1:1 the file: expected a map, \"key: value\"\n");
 }
 
 TEST(fleet_file, off_and_was) {
@@ -385,7 +385,7 @@ TEST(fleet_file, off_and_was) {
     EXPECT_EQ(wrong_with(with_tests("    a: {ping: h, was: c}\n    b: {ping: i, was: c}\n")),
               "7:23 `was`: `a` has been `c` already\n");
     EXPECT_EQ(wrong_with(with_tests("    a: {ping: h, was: }\n")),
-              "6:23 `was`: nothing stands here, expected is a text\n");
+              "6:23 `was`: nothing stands here, a text is expected\n");
 }
 
 TEST(fleet_file, names_are_lines_of_a_hundred_characters) {

@@ -109,16 +109,16 @@ TEST(fleet_node, what_is_not_read) {
         {"a: @b", "1:4 this character cannot begin a text: write the text in quotes"},
         {"a: [b\nc: d", "2:2 a \"[\" before here has no \"]\", or a comma is missing"},
         {"a: {b: c", "1:9 a \"{\" before here has no \"}\", or a comma is missing"},
-        {"a:\n  - b\n c: d", "3:2 this line is indented otherwise than those of its map above"},
+        {"a:\n  - b\n c: d", "3:2 this line is indented differently from the others of its map"},
         {"a: \x01", "1:4 a control character stands here"},
         {"a: \xc2\x85", "1:4 a control character stands here"},
         {"a: \x7f", "1:4 a control character stands here"},
         {"a: b\rc: d", "1:5 a carriage return stands here without a line feed"},
-        {"\xc3\xbc: \xff", "1:4 this is no UTF-8"},
-        {"a: \xed\xa0\x80", "1:4 this is no UTF-8"},
-        {"a: \xc0\xaf", "1:4 this is no UTF-8"},
-        {"a: \xf4\x90\x80\x80", "1:4 this is no UTF-8"},
-        {"a: \xc3", "1:4 this is no UTF-8"},
+        {"\xc3\xbc: \xff", "1:4 this is not UTF-8"},
+        {"a: \xed\xa0\x80", "1:4 this is not UTF-8"},
+        {"a: \xc0\xaf", "1:4 this is not UTF-8"},
+        {"a: \xf4\x90\x80\x80", "1:4 this is not UTF-8"},
+        {"a: \xc3", "1:4 this is not UTF-8"},
     };
     for (const auto& each : cases) {
         EXPECT_EQ(read(each.text), each.said) << each.text;

@@ -60,7 +60,7 @@ TEST(difference, nothing) {
     EXPECT_EQ(difference_text({}, wide), "");
     EXPECT_FALSE(makes_difference({}));
     EXPECT_EQ(difference_summary(read(R"({"summary": {"agents": 3, "unchanged": 12}})")),
-              "no test becomes another; 12 tests as before");
+              "no test changes; 12 tests as before");
 }
 
 TEST(difference, what_agents_have_in_common_stands_once) {

@@ -143,7 +143,7 @@ class Compared(FleetTest):
 
     def test_none(self):
         for same in (outcome(same=True), outcome()):
-            self.assertEqual(self.fleet(["diff", self.file], answer(same)), "no test becomes another; 5 tests as before\n")
+            self.assertEqual(self.fleet(["diff", self.file], answer(same)), "no test changes; 5 tests as before\n")
 
     def test_trouble_is_no_difference(self):
         for wrong, status in ((problem(409, "A plan rules."), 2), (problem(403, "No."), 4), (problem(503, "Later."), 3),
@@ -291,7 +291,7 @@ class Shown(FleetTest):
 
     def test_status(self):
         shown = self.fleet(["status"], answer(self.FLEET))
-        for fact in ("ruled by +what is applied", "revision +7 by ann, 2026-05-01 12:00:00 .*ago", "about +3 added",
+        for fact in ("ruled by +what is applied by the API", "revision +7 by ann, 2026-05-01 12:00:00 .*ago", "about +3 added",
                      "agents +2", "tests +9", "changes +9 confirmed"):
             self.assertRegex(shown, "(?m)^%s" % fact)
         self.assertEqual(self.asked, ["GET /api/v1/fleet"])
@@ -321,7 +321,7 @@ class Shown(FleetTest):
         self.assertRegex(shown, r"(?m)^ruled by +a plan of raw commands")
         self.assertNotIn("revision", shown)
         shown = self.fleet(["status"], answer({"revision": 0, "plan": False}))
-        self.assertRegex(shown, r"(?m)^revision +nothing was ever applied$")
+        self.assertRegex(shown, r'(?m)^revision +nothing was ever applied; "vindralctl fleet apply FILE" does$')
 
     def test_log(self):
         one = {"revision": 7, "time": "2026-05-01T12:00:00Z", "author": "ann", "about": "3 added", "has_text": True}

@@ -346,7 +346,7 @@ class Secrets(harness.TestCase):
             return done.stdout + done.stderr
         self.assertIn("there are no secrets", run("list"))
         self.assertEqual(run("set", "shop", given=PASSWORD + "\n"),
-                         'vindralctl: the secret "shop" is set; 1 line of the plan uses it\n')
+                         'vindralctl: the secret "shop" is set; 1 test uses it\n')
         client = self.proven_client(collector, "proven")
         self.assertIn(page(2, shop.server_port, password=PASSWORD), client.login(EMAIL, "proven").body)
         run("set", "other", given="x")
@@ -360,7 +360,7 @@ class Secrets(harness.TestCase):
         self.assertIn("letters, digits", run("set", "a b", given=PASSWORD, status=2))
         self.assertIn("from standard input alone", run("set", "shop", PASSWORD, given="x", status=2))
         self.assertIn("there is no secret", run("remove", "none", status=5))
-        self.assertIn("1 line of the plan uses it", run("remove", "shop"))
+        self.assertIn("1 test uses it", run("remove", "shop"))
         self.assertNotIn("HPA", client.login(EMAIL, "proven").body)
         self.check_nowhere(collector, PASSWORD)
 

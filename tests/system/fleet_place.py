@@ -20,7 +20,6 @@ from recording import Recorder
 
 SERVICES = "10.9.0.1"
 ACCOUNT = "user@example.net"
-COMMUNITY = "public"
 
 
 def at_once(function, items):
@@ -36,7 +35,6 @@ class Member:
         self.place, self.name, self.number = place, name, number
         self.side = harness.far_side(place.test, number, 2)
         subprocess.run([*self.side.enter, "ip", "route", "add", "default", "via", self.side.here], check=True)
-        # Every namespace has an interface of one name, and some have another one besides.
         words = self.side.enter
         self.disks = {}  # directory: the inventory's name
         mounts = ""

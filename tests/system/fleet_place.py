@@ -7,7 +7,6 @@ import concurrent.futures
 import json
 import os
 import subprocess
-import time
 import urllib.parse
 
 import harness

@@ -5,6 +5,8 @@
 #include "ctl/text.h"
 
 #include <algorithm>
+#include <map>
+#include <utility>
 #include <vector>
 
 namespace json = boost::json;
@@ -72,25 +74,50 @@ struct found_tests {
         close;
 };
 
+struct listed_test {
+    found_thing thing;
+    std::string own, target;
+    /* Of a test that the fleet file names: whether anything is known of it, and its number; no two
+     * that an agent has are called the same, so of several the first alone is one that it has, and
+     * the others were removed. */
+    std::pair<bool, int64_t> rank = {};
+};
+
 /* `agent` 0: of any. */
 void tests_called(api& with, int64_t agent, const std::string& name, found_tests& found) {
     parameters which{{"q", name}};
     if (agent != 0) {
         which.emplace_back("agent", std::to_string(agent));
     }
+    std::vector<listed_test> all;
+    std::map<std::string, std::pair<bool, int64_t>> best; /* of the fleet's tests */
     with.list("/api/v1/tests", which, 0, [&](const json::object& test) {
-        found_thing one{number_in(test, "id"), test_text(test),
-                        " (" + printable(text_in(test, "type")) + " " +
-                            std::to_string(number_in(test, "number")) + ")"};
-        const std::string own = text_in(test, "name"), target = text_in(test, "target");
-        if (own == name) {
-            found.exact.push_back(std::move(one));
-        } else if (!target.empty() && target == name) {
-            found.looking.push_back(std::move(one));
-        } else if (own.find(name) != std::string::npos || target.find(name) != std::string::npos) {
-            found.close.push_back(std::move(one));
+        const int64_t number = number_in(test, "number");
+        listed_test one = {
+            {number_in(test, "id"), test_text(test),
+             " (" + printable(text_in(test, "type")) + " " + std::to_string(number) + ")"},
+            text_in(test, "name"),
+            text_in(test, "target")};
+        if (!text_in(object_in(test, "definition"), "title").empty()) {
+            one.rank = {text_in(test, "state") != "unknown", number};
+            auto& first = best[one.thing.called];
+            first = std::max(first, one.rank);
         }
+        all.push_back(std::move(one));
     });
+    for (listed_test& one : all) {
+        if (one.rank.second > 0 && one.rank < best[one.thing.called]) {
+            continue; /* removed */
+        }
+        if (one.own == name) {
+            found.exact.push_back(std::move(one.thing));
+        } else if (!one.target.empty() && one.target == name) {
+            found.looking.push_back(std::move(one.thing));
+        } else if (one.own.find(name) != std::string::npos ||
+                   one.target.find(name) != std::string::npos) {
+            found.close.push_back(std::move(one.thing));
+        }
+    }
 }
 
 /* What a test looks at will do where none is called so. */

@@ -20,8 +20,8 @@ found_thing find_agent(api& with, const std::string& called);
 
 /* An id, "AGENT:NAME" with an agent as above, or the name where only one test has it. When no test
  * is called so, one that looks at that will do, and then one that has the text in its name or in
- * what it looks at, if it is the only one. Throws likewise, with
- * the tests of the agent when it has none like it. */
+ * what it looks at, if it is the only one. A test of the fleet that was removed gives way to
+ * another of its name. Throws likewise, with the tests of the agent when it has none like it. */
 found_thing find_test(api& with, const std::string& called);
 
 /* What `called` is when it is all digits, and fits. */

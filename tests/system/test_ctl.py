@@ -724,6 +724,13 @@ class Odd(Served):
                                      "GET/api/v1/tests/4/results?limit=20"])
         self.assertEqual(self.asked(["results", "front page"], tests(page_, test(7, "front page 2", None)), none)[1],
                          "GET/api/v1/tests/4/results?limit=20")
+        # One that was removed gives way to the one that the agent has.
+        named = {"definition": {"title": "front page"}}
+        self.assertEqual(self.asked(["results", "web-1:front page"], agents,
+                                    tests(dict(page_, state="unknown", **named),
+                                          dict(page_, id=9, number=9, state="ok", **named),
+                                          dict(page_, id=7, number=7, state="ok", **named)), none)[2],
+                         "GET/api/v1/tests/9/results?limit=20")
         # By what they look at, if none is called so: ":" stands in either part.
         self.assertEqual(self.asked(["results", "web-1:/"], agents, tests(page_, root), none)[2],
                          "GET/api/v1/tests/5/results?limit=20")

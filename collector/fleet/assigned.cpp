@@ -299,8 +299,8 @@ private:
     }
 
     void note_number(int32_t number) {
-        if (number >= now_.next_number) {
-            now_.next_number = number < INT32_MAX ? number + 1 : number;
+        if (number >= now_.next_number && number <= highest_believed) {
+            now_.next_number = number + 1;
         }
     }
 

@@ -58,6 +58,10 @@ struct removed_test {
     bool is_over = false; /* and it was confirmed: only its number is remembered, by next_number */
 };
 
+/* An agent's numbers go on above any that it was seen with, but for those beyond this: nobody gives
+ * as many, and one forged result would leave no number for any other test. */
+constexpr int32_t highest_believed = 2'000'000'000;
+
 struct assigned_agent {
     int32_t next_number = 1;
     int32_t poll = 0, check = 0;                   /* seconds, as told; 0: never told */

@@ -44,8 +44,7 @@ void work_maker::make_agent(fleet_work::agent& made, const agent_basis& basis, c
                             int32_t revision) const {
     assigned_agent next = basis.given->all();
     const auto first = static_cast<int32_t>(basis.is_given ? 1 : state_.facts.first_number);
-    const int32_t behind = basis.highest < INT32_MAX ? basis.highest + 1 : INT32_MAX;
-    next.next_number = std::max({next.next_number, first, behind});
+    next.next_number = std::max({next.next_number, first, basis.highest + 1});
     static const agent_inventory nothing;
     wanted_agent wanted = wanted_of(file, basis.of->account, basis.of->name,
                                     basis.has ? basis.has->has() : nothing, next.found());

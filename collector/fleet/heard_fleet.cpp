@@ -33,7 +33,9 @@ void heard_fleet::on_record(const poll_block& from, const decoded_record& result
             block_.inventories.emplace_back(summary.type, items);
         }
     } else if (summary.test.value_or(0) > 0) {
-        block_.highest = std::max(block_.highest, *summary.test);
+        if (*summary.test <= highest_believed) {
+            block_.highest = std::max(block_.highest, *summary.test);
+        }
         note_result(result, {summary.type, *summary.test});
     }
 }

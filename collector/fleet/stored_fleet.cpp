@@ -115,10 +115,12 @@ private:
         }
         for (const test_status& test : state.tests) {
             const int32_t number = test.number.value_or(0);
-            if (number == 0) {
+            if (number <= 0) {
                 continue;
             }
-            agent.highest = std::max(agent.highest, number);
+            if (number <= highest_believed) {
+                agent.highest = std::max(agent.highest, number);
+            }
             if (const assigned_test* known = agent.given.find(test.type, number)) {
                 if (test.location == known->revision && known->confirmed < known->revision) {
                     agent.confirmed.emplace_back(test.type, number);

@@ -158,6 +158,15 @@ TEST_F(fleet_assigned, numbers_begin_above_any_that_was_seen) {
     EXPECT_EQ(said({load("a"), load("b")}), strings{"add b 5000"});
 }
 
+TEST_F(fleet_assigned, a_forged_number_does_not_use_the_numbers_up) {
+    for (int32_t number : {INT32_MAX, INT32_MAX - 1, highest_believed + 1}) {
+        now.removed.push_back({.type = protocol::load_average.code, .number = number});
+    }
+    EXPECT_EQ(said({load("a")}).back(), "add a 1");
+    now.removed.push_back({.type = protocol::load_average.code, .number = highest_believed});
+    EXPECT_EQ(said({load("a"), load("b")}), strings{"add b 2000000001"});
+}
+
 TEST_F(fleet_assigned, without_a_number_a_test_is_impossible) {
     now.next_number = INT32_MAX - 1;
     strings changes = said({load("a"), load("b")});

@@ -398,6 +398,29 @@ TEST_F(fleet_keeper_test, what_nobody_gave_is_removed) {
     EXPECT_EQ(web.tests.size(), 1u) << web.last_answer;
 }
 
+/* Neither are the numbers used up, nor is what is stored of the agent unreadable. */
+TEST_F(fleet_keeper_test, numbers_that_no_test_has) {
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 3);
+    for (int32_t number : {-5, INT32_MIN, INT32_MAX}) {
+        web.tests[{type_load_average, number}] = {1, "1\t2\t3"};
+    }
+    web.is_deaf = true;
+    poll(web, 2);
+    for (int times = 0; times < 3; times++) {
+        ASSERT_TRUE(open_again()) << error;
+        EXPECT_EQ(early, strings());
+        web.log_in_again();
+        poll(web, 2);
+    }
+    web.is_deaf = false;
+    ASSERT_EQ(apply(everything(std::string(load) + cpu)).error, "");
+    poll(web, 2);
+    EXPECT_TRUE(web.tests.contains({type_load_average, 1}));
+    EXPECT_TRUE(web.tests.contains({type_cpu, 2})) << web.last_answer;
+}
+
 TEST_F(fleet_keeper_test, an_agent_of_no_group_is_to_have_nothing) {
     web.start();
     ASSERT_EQ(apply(everything(load)).error, "");

@@ -181,8 +181,9 @@ def _memory(test, _):
 def _disk(test, disks):
     name, whole = disks[test["disk"]]
     free = test.get("free", "0 B")
-    least = float(_percent(free)) / 100 * whole if free.endswith("%") else size(free) / GIGABYTE
-    return "DK", name, least
+    if not free.endswith("%"):
+        return "DK", name, size(free) / GIGABYTE
+    return "DK", name, ANY if whole is None else float(_percent(free)) / 100 * whole
 
 
 def _process(test, _):

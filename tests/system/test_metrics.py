@@ -52,7 +52,9 @@ class Metrics(harness.TestCase):
         self.assertEqual(headers["Content-Type"], "application/openmetrics-text; version=1.0.0; charset=utf-8")
         described = harness.read_text(os.path.join(DOCS, "prometheus.md"))
         suffixes = {"counter": "_total", "info": "_info"}
-        families = re.findall("^# TYPE (\\S+) (\\S+)$", text, re.M)
+        # What is said of a fleet, by a collector that has no plan.
+        text += asking.Asked(self, name="planless", rules=()).start().ask("/metrics?fleet=1")[2]
+        families = set(re.findall("^# TYPE (\\S+) (\\S+)$", text, re.M))
         self.assertGreater(len(families), 30)
         for name, kind in families:
             self.assertIn("`%s%s`" % (name, suffixes.get(kind, "")), described)

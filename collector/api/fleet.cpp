@@ -274,6 +274,9 @@ void check_outcome(const fleet_outcome& done) {
     if (!done.error.empty() && done.is_conflict) {
         throw problem{409, "", done.error};
     }
+    if (done.is_too_large) {
+        throw problem{422, "", done.error};
+    }
     if (!done.error.empty()) {
         throw_unavailable(done.error);
     }

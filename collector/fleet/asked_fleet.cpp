@@ -1,5 +1,8 @@
 #include "fleet/asked_fleet.h"
 
+#include "base/text.h"
+#include "fleet/wanted.h"
+
 #include <algorithm>
 #include <tuple>
 #include <unordered_set>
@@ -89,10 +92,41 @@ static fleet_difference difference_of(const fleet_work& work, const fleet& file)
     return all;
 }
 
+/* A small text can come to more than there is memory for. */
+std::string asked_fleet::why_too_many(const fleet& file) const {
+    std::vector<std::pair<std::string, std::string>> names;
+    {
+        std::lock_guard hold(state_.mutex);
+        for (const auto& [key, agent] : state_.agents) {
+            if (agent->is_there) {
+                names.emplace_back(agent->account, agent->name);
+            }
+        }
+    }
+    size_t count = 0;
+    for (const auto& [account, name] : names) {
+        const size_t more = tests_given(file, account, name);
+        if (more > most_tests_of_agent) {
+            return "Of one agent there may be " + std::to_string(most_tests_of_agent) +
+                   " tests, and " + printable(name) + " would have " + std::to_string(more) + ".";
+        }
+        count += more;
+    }
+    return count <= most_tests_of_fleet
+               ? ""
+               : "There may be " + std::to_string(most_tests_of_fleet) +
+                     " tests of all agents together, and these are " + std::to_string(count) + ".";
+}
+
 fleet_outcome asked_fleet::try_out(std::string_view text) {
     fleet_outcome outcome;
     auto file = std::make_shared<fleet>();
     if (!read_fleet(text, *file, outcome.wrong)) {
+        return outcome;
+    }
+    outcome.error = why_too_many(*file);
+    outcome.is_too_large = !outcome.error.empty();
+    if (outcome.is_too_large) {
         return outcome;
     }
     outcome.notes = file->notes;
@@ -137,6 +171,7 @@ fleet_outcome asked_fleet::apply(std::string_view text, const std::string& autho
     fleet_outcome outcome;
     auto file = std::make_shared<fleet>();
     const bool is_read = read_fleet(text, *file, outcome.wrong);
+    const std::string too_many = is_read ? why_too_many(*file) : "";
     {
         std::unique_lock hold(state_.mutex);
         outcome.revision = state_.in_force.revision;
@@ -146,7 +181,9 @@ fleet_outcome asked_fleet::apply(std::string_view text, const std::string& autho
             outcome.wrong.clear();
             return outcome;
         }
-        if (!is_read) {
+        outcome.error = too_many;
+        outcome.is_too_large = !too_many.empty();
+        if (!is_read || !too_many.empty()) {
             return outcome;
         }
         if (!state_.is_started || !state_.take_turn(hold, longest_turn)) {

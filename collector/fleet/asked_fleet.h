@@ -31,6 +31,7 @@ public:
 
 private:
     std::string why_conflict(std::optional<int32_t> expected) const; /* with the mutex */
+    std::string why_too_many(const fleet& file) const;
 
     fleet_state& state_;
     work_maker& made_;

@@ -32,11 +32,11 @@ void heard_fleet::on_record(const poll_block& from, const decoded_record& result
         if (known_inventory::with(block_.of->has, summary.type, items)) {
             block_.inventories.emplace_back(summary.type, items);
         }
-    } else if (summary.test.value_or(0) > 0) {
-        if (*summary.test <= highest_believed) {
-            block_.highest = std::max(block_.highest, *summary.test);
+    } else if (const int32_t number = summary.test.value_or(0); number > 0) {
+        if (number <= highest_believed) {
+            block_.highest = std::max(block_.highest, number);
         }
-        note_result(result, {summary.type, *summary.test});
+        note_result(result, {summary.type, number});
     }
 }
 

@@ -399,10 +399,11 @@ void keeper_body::look_at_file(bool at_once) {
 
 /* What the file says now, if it is news and nothing else is under way. */
 void keeper_body::apply_file() {
-    if (!file_ || !file_->text()) {
+    const std::optional<std::string> news = file_ ? file_->text() : std::nullopt;
+    if (!news) {
         return;
     }
-    const std::string text = *file_->text();
+    const std::string& text = *news;
     {
         std::lock_guard hold(state_.mutex);
         if (state_.is_busy || steady::now() < state_.retry) {

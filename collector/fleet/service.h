@@ -13,6 +13,11 @@
 #include <string_view>
 #include <vector>
 
+/* What a file may come to: tests of one agent, and of all together. More are refused before
+ * anything is made of them; the groups' tests count, also those that a later group overrides. */
+constexpr size_t most_tests_of_agent = 5000;
+constexpr size_t most_tests_of_fleet = 1'500'000;
+
 /* What a file would change, or has changed. */
 struct fleet_difference {
     struct agent {
@@ -36,6 +41,7 @@ struct fleet_outcome {
     std::vector<remark> wrong = {}; /* with the file */
     std::vector<remark> notes = {}; /* read and not heeded */
     std::string error = {};         /* it cannot be done: a sentence */
+    bool is_too_large = false;      /* because it comes to more tests than there may be */
     bool is_conflict = false;       /* because somebody else did something, or a file rules */
     int32_t revision = 0;           /* that is in force now; of a trial: the present one */
     bool is_same = false;           /* the text is the one in force: nothing was done */

@@ -311,3 +311,11 @@ wanted_agent wanted_of(const fleet& all, std::string_view account, std::string_v
     }
     return wanted;
 }
+
+size_t tests_given(const fleet& all, std::string_view account, std::string_view name) {
+    size_t count = 0;
+    for (const fleet_group& group : all.groups) {
+        count += has_agent(group, account, name) ? group.tests.size() : 0;
+    }
+    return count;
+}

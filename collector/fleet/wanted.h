@@ -5,6 +5,7 @@
 
 #include "fleet/fleet.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -60,5 +61,9 @@ struct wanted_agent {
 wanted_agent wanted_of(const fleet& all, std::string_view account, std::string_view name,
                        const agent_inventory& has,
                        const std::map<std::string, found_before, std::less<>>& before);
+
+/* How many tests the groups give to the agent, each counted for itself also where a later one
+ * overrides it. Cheap. */
+size_t tests_given(const fleet& all, std::string_view account, std::string_view name);
 
 #endif

@@ -25,6 +25,7 @@ enum class task {
 };
 
 /* What they mean and which values they have when not given is in the table of options.cpp. */
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): by what belongs together
 struct options {
     task does = task::collect;
     std::string file;     /* of a backup */

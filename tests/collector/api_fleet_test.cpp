@@ -338,6 +338,10 @@ TEST_F(api_fleet_test, a_text_in_between_is_a_conflict) {
     fleet.outcome.is_conflict = false;
     fleet.outcome.error = "It cannot be stored: disk full.";
     EXPECT_EQ(refused("/api/v1/fleet", 503, "PUT", file()), "It cannot be stored: disk full.");
+    fleet.outcome.error = "There may be 5 tests, and these are 6.";
+    fleet.outcome.is_too_large = true;
+    EXPECT_EQ(refused("/api/v1/fleet", 422, "PUT", file()),
+              "There may be 5 tests, and these are 6.");
 }
 
 TEST_F(api_fleet_test, a_file_rules) {

@@ -45,6 +45,25 @@ TEST_F(fleet_keeper_test, tells_nothing_before_anything_was_applied) {
     EXPECT_TRUE(changes().empty());
 }
 
+TEST_F(fleet_keeper_test, more_tests_than_an_agent_may_have_are_refused) {
+    web.start();
+    poll(web);
+    std::string text = "version: 1\ngroups:\n  - {name: all, agents: ['*'], tests: {";
+    for (size_t i = 0; i < most_tests_of_agent; i++) {
+        text += "t" + std::to_string(i) + ": {load: {1m: 8}}, ";
+    }
+    EXPECT_EQ(keeper->try_out(text + "}}\n").error, "");
+    text += "last: {load: {1m: 8}}}}\n";
+    const std::string why =
+        "Of one agent there may be 5000 tests, and " + web.held->agent + " would have 5001.";
+    EXPECT_EQ(keeper->try_out(text).error, why);
+    fleet_outcome outcome = keeper->apply(text, "ann", {});
+    EXPECT_EQ(outcome.error, why);
+    EXPECT_TRUE(outcome.is_too_large);
+    EXPECT_FALSE(outcome.is_conflict);
+    EXPECT_EQ(keeper->standing().revision, 0);
+}
+
 TEST_F(fleet_keeper_test, applies_tells_and_confirms) {
     web.start();
     poll(web);

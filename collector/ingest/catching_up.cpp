@@ -28,8 +28,8 @@ static login_limits limits_in(const server_options& o) {
 
 catching_up::catching_up(asio::io_context& context, exchange_room& room, ingest& results)
     : context_(context), room_(room), results_(results),
-      small_{"results", backlog_gate(room.options.max_behind)},
-      large_{"large blocks of results", backlog_gate(room.options.max_behind)},
+      small_(kind{"results", backlog_gate(room.options.max_behind)}),
+      large_(kind{"large blocks of results", backlog_gate(room.options.max_behind)}),
       logins_(limits_in(room.options)),
       most_by_chance_(std::min(room.options.max_spread, some_of(room.options))) {}
 

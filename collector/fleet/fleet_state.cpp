@@ -92,20 +92,24 @@ void fleet_state::give_turn_back() {
     changed.notify_all();
 }
 
+void fleet_state::break_off_turn() {
+    retry = clock::now() + std::chrono::seconds(1);
+    give_turn_back(); /* whatever there is no memory for in what follows */
+    for (const auto& [key, agent] : agents) {
+        if (std::exchange(agent->is_awaited, false)) {
+            make_due(*agent);
+        }
+        note(*agent);
+    }
+}
+
 /* Without memory nobody else would ever have a turn. */
 void with_turn(fleet_state& state, const std::function<void()>& what) {
     try {
         what();
     } catch (...) {
         std::lock_guard hold(state.mutex);
-        state.retry = fleet_state::clock::now() + std::chrono::seconds(1);
-        for (const auto& [key, agent] : state.agents) {
-            if (std::exchange(agent->is_awaited, false)) {
-                state.make_due(*agent);
-            }
-            state.note(*agent);
-        }
-        state.give_turn_back();
+        state.break_off_turn();
         throw;
     }
 }

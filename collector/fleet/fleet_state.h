@@ -78,10 +78,10 @@ public:
     size_t with_tests = 0;
 
     bool is_started = false, is_stopping = false;
-    bool is_woken = false;        /* the keeper's thread has something to do */
-    bool is_busy = false;         /* somebody has the turn */
-    bool is_lost = false;         /* what was stored: the store's file is another */
-    clock::time_point retry = {}; /* what failed is not tried again before */
+    bool is_woken = false;         /* the keeper's thread has something to do */
+    bool is_busy = false;          /* somebody has the turn */
+    const char* differs = nullptr; /* why the store has not what is here, and gets all of it */
+    clock::time_point retry = {};  /* what failed is not tried again before */
     std::vector<std::shared_ptr<fleet_work>> finished = {}; /* and not told of */
 
     /* Answers to agents that cannot be made yet. */
@@ -104,6 +104,8 @@ public:
     /* False when nobody gave it back meanwhile. */
     bool take_turn(std::unique_lock<std::mutex>& hold, std::chrono::milliseconds most);
     void give_turn_back();
+    /* The same, amid it: what was under way has to be looked at again, in a second. */
+    void break_off_turn();
 
 private:
     void count(kept_agent& of);

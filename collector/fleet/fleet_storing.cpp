@@ -120,47 +120,60 @@ void fleet_storing::submit(const pointer& work) {
         [this, work](bool ok, const std::string& reason) { finish(work, ok, reason); });
 }
 
-/* On the store's thread, unless there was nothing to store. */
+/* On the store's thread, unless there was nothing to store. Where memory is short, the store and
+ * the state may differ: then all is written again, as it is in the state. */
 void fleet_storing::finish(const pointer& work, bool ok, const std::string& reason) {
     {
         std::lock_guard hold(state_.mutex);
-        work->ok = ok;
-        work->reason = ok || !reason.empty() ? reason : "the store refused it";
-        if (ok) {
-            take_work(*work);
-        } else {
-            state_.retry = fleet_state::clock::now() + before_retry;
-            for (const fleet_work::agent& made : work->agents) {
-                made.of->is_awaited = false;
-                if (made.now) {
-                    state_.make_due(*made.of);
-                } else {
-                    state_.note(*made.of);
-                }
+        try {
+            state_.finished.push_back(work);
+            work->ok = ok;
+            work->reason = ok || !reason.empty() ? reason : "the store refused it";
+            if (ok) {
+                take_work(*work);
+            } else {
+                take_back(*work);
             }
+            state_.give_turn_back();
+        } catch (const std::exception&) {
+            work->ok = ok && work->revision.has_text &&
+                       state_.in_force.revision == work->revision.revision;
+            work->reason = "no memory";
+            state_.differs = ok ? "memory was short when it had been stored" : state_.differs;
+            state_.break_off_turn();
         }
-        state_.is_busy = false;
-        state_.is_woken = true;
-        state_.finished.push_back(work);
     }
-    state_.changed.notify_all();
     if (work->done) {
         work->done(*work);
+    }
+}
+
+/* Nothing was stored. With the mutex. */
+void fleet_storing::take_back(const fleet_work& work) {
+    state_.retry = fleet_state::clock::now() + before_retry;
+    for (const fleet_work::agent& made : work.agents) {
+        made.of->is_awaited = false;
+        if (made.now) {
+            state_.make_due(*made.of);
+        } else {
+            state_.note(*made.of);
+        }
     }
 }
 
 /* What was stored is in force. With the mutex. */
 void fleet_storing::take_work(fleet_work& work) {
     if (work.revision.revision != 0) {
-        state_.newest = work.revision;
+        kept_revision made = work.revision; /* or there is no memory, and nothing is changed */
+        state_.newest = made;
         state_.newest.text.clear();
-        if (work.revision.has_text) {
-            state_.in_force = work.revision;
+        if (made.has_text) {
+            state_.in_force = std::move(made);
             state_.file = work.file;
             state_.file_trouble.clear();
         }
     }
-    state_.is_lost = state_.is_lost && !work.is_all;
+    state_.differs = work.is_all ? nullptr : state_.differs;
     for (fleet_work::agent& made : work.agents) {
         take_given(made, work.now);
     }
@@ -246,7 +259,9 @@ void fleet_storing::note_store(engine& store) {
     }
     {
         std::lock_guard hold(state_.mutex);
-        state_.is_lost = state_.newest.revision > 0;
+        state_.differs = state_.newest.revision > 0
+                             ? "the store was begun anew, and has lost what agents are to do"
+                             : nullptr;
         state_.is_woken = true;
     }
     state_.changed.notify_all();

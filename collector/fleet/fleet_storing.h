@@ -39,6 +39,7 @@ private:
     void hide_secrets(const fleet_work& work);
     void finish(const pointer& work, bool ok, const std::string& reason);
     void take_work(fleet_work& work);
+    void take_back(const fleet_work& work);
     void take_given(fleet_work::agent& made, moment at);
     static std::shared_ptr<const given_agent> merged(const fleet_work::agent& made);
     void note_store(engine& store);

@@ -442,9 +442,8 @@ void keeper_body::begin_work() {
         if (state_.is_busy || steady::now() < state_.retry) {
             return;
         }
-        if (state_.is_lost) {
-            work = made_.collect_all("the store was begun anew, and has lost what agents are to do",
-                                     true);
+        if (state_.differs != nullptr) {
+            work = made_.collect_all(state_.differs, true);
         } else {
             made_.take_due(due);
             if (due.empty()) {

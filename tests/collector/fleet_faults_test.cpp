@@ -1,4 +1,5 @@
 /* A keeper where things go wrong: what ends amid something, is damaged, or is other than it was. */
+#include "counted_memory.h"
 #include "kept_fleet.h"
 
 #include <cstring>
@@ -107,6 +108,31 @@ TEST_F(fleet_faults_test, secrets_of_what_was_removed_stay_hidden) {
     char text[] = "no hunter2hunter2 here";
     secrets->hidden().cover(text, strlen(text));
     EXPECT_STREQ(text, "no ************** here");
+}
+
+/* It is stored, and there is no memory for putting it in force: that is told, the store is put
+ * right, and the next has its turn. */
+TEST_F(fleet_faults_test, no_memory_when_it_has_been_stored) {
+    if (sanitized) {
+        GTEST_SKIP() << "a sanitizer has its own way of giving out memory";
+    }
+    store->around_done = [](const std::function<void()>& done) {
+        refused_here_above = 800'000;
+        done();
+        refused_here_above = SIZE_MAX;
+    };
+    web.start();
+    ASSERT_EQ(apply(everything(load)).error, "");
+    poll(web, 2);
+    const fleet_outcome outcome =
+        apply(everything(other_load) + "# " + std::string(900'000, 'x') + "\n");
+    EXPECT_EQ(outcome.error, "It cannot be stored, and nothing was applied: no memory.");
+    EXPECT_TRUE(eventually([&] { return stored().in_force.text == everything(load); }));
+    EXPECT_EQ(apply(everything(other_load)).error, "");
+    poll(web, 2);
+    /* The change that was stored in vain stays, and was overtaken. */
+    EXPECT_TRUE(
+        becomes({"add load 1 confirmed", "change load 1 unanswered", "change load 1 confirmed"}));
 }
 
 TEST_F(fleet_faults_test, retired_while_it_is_given_something) {

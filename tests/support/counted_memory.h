@@ -12,8 +12,9 @@
 /* Bytes in use and the most that were, and how often memory was asked for. */
 static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
 
-/* No larger block is there to be had. */
+/* No larger block is there to be had; nor by this thread. */
 [[maybe_unused]] static std::atomic<size_t> refused_above = SIZE_MAX;
+[[maybe_unused]] static thread_local size_t refused_here_above = SIZE_MAX;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 static constexpr bool sanitized = true;
@@ -39,7 +40,7 @@ static constexpr bool sanitized = false;
 }
 
 void* operator new(size_t size) {
-    return count_in(size <= refused_above ? malloc(size) : nullptr);
+    return count_in(size <= refused_above && size <= refused_here_above ? malloc(size) : nullptr);
 }
 void operator delete(void* p) noexcept {
     count_out(p);

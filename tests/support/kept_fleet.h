@@ -68,6 +68,11 @@ public:
             real_->update([](engine&) { return false; }, std::move(done));
             return;
         }
+        if (around_done) {
+            done = [this, done = std::move(done)](bool ok, const std::string& reason) {
+                around_done([&] { done(ok, reason); });
+            };
+        }
         std::lock_guard hold(mutex_);
         if (holds) {
             held_.emplace_back(std::move(what), std::move(done));
@@ -97,6 +102,7 @@ public:
     }
 
     std::atomic<bool> fails = false, holds = false;
+    std::function<void(const std::function<void()>& done)> around_done; /* on the store's thread */
 
 private:
     std::unique_ptr<ingest> real_;

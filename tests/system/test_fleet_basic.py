@@ -23,11 +23,12 @@ class Basic(harness.TestCase):
         """Until the agent says that it has these: name of the list to (number, revision)."""
         wanted = {(kind, number): revision for kind, (number, revision) in wanted.items()}
 
-        def as_wanted():
+        def as_wanted():  # what a list says of a command comes ahead of the end of the answer that has it
             life = self.log.read()
-            return life is not None and {key: said[0] for key, said in life.said.items()} == wanted
-        harness.wait_until(as_wanted, lambda: "%s; has %s\n%s" % (wanted, self.log.read().said, self.collector.errors()))
-        self.assertEqual(self.log.read().contradictions(), [])
+            return (life is not None and {key: said[0] for key, said in life.said.items()} == wanted
+                    and not life.contradictions())
+        harness.wait_until(as_wanted, lambda: "%s; has %s, %s\n%s" % (
+            wanted, self.log.read().said, self.log.read().contradictions(), self.collector.errors()))
         self.assertEqual(self.log.read().errors, [])
 
     def wait_confirmed(self, revision):

@@ -1,8 +1,7 @@
 #include "api/services.cpp"
 
-#include "api/live.h"
-#include "api_place.h"
 #include "eventually.h"
+#include "live_place.h"
 
 #include <algorithm>
 #include <atomic>
@@ -202,17 +201,8 @@ TEST_F(event_hub_test, many_readers_while_it_is_written) {
 
 /* ---- what is published ---- */
 
-class live_test : public api_place {
+class live_test : public live_place<api_place> {
 protected:
-    void SetUp() override {
-        listener = &live;
-        api_place::SetUp();
-        id = hub.subscribe([] {});
-    }
-    void TearDown() override {
-        hub.unsubscribe(id);
-        api_place::TearDown();
-    }
     /* What came of the block; waits for how the agent stands, which is told last. */
     std::vector<std::pair<hub_kind, json::value>> publish(const std::string& records,
                                                           const std::string& agent = "web-1") {
@@ -253,8 +243,7 @@ protected:
         return text;
     }
 
-    live_messages live{hub, state};
-    uint64_t id = 0, position = 0;
+    uint64_t position = 0;
 };
 
 TEST_F(live_test, results_events_and_the_agent) {

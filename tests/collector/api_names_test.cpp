@@ -1,9 +1,6 @@
 /* Tests by the names that the fleet's file gave them, wherever the API names a test. */
-#include "api_place.h"
-
 #include "eventually.h"
-
-#include "api/live.h"
+#include "live_place.h"
 
 namespace json = boost::json;
 
@@ -160,21 +157,7 @@ TEST_F(api_names_test, results_have_the_definition_of_their_revision) {
     EXPECT_EQ(get("/api/v1/tests/1").at("name"), "front page");
 }
 
-class live_names_test : public api_names_test {
-protected:
-    void SetUp() override {
-        listener = &live;
-        api_place::SetUp();
-        id = hub.subscribe([] {});
-    }
-    void TearDown() override {
-        hub.unsubscribe(id);
-        api_place::TearDown();
-    }
-
-    live_messages live{hub, state};
-    uint64_t id = 0;
-};
+using live_names_test = live_place<api_names_test>;
 
 TEST_F(live_names_test, the_stream_says_them_too) {
     submit(http(7, noon), "web-2");

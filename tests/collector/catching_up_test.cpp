@@ -1,5 +1,6 @@
 /* Who has to come again while the collector catches up, and that nothing is lost by it. */
 #include "collector_server.h"
+#include "eventually.h"
 
 using namespace std::chrono_literals;
 
@@ -16,6 +17,18 @@ struct catching_up_test : collector_server {
         head.resize(head.size() - bytes);
         EXPECT_TRUE(c.send(head));
         return c.wait_for_end();
+    }
+
+    /* Eight that bring something, once all are there. */
+    std::vector<std::unique_ptr<client>> eight_wait(const std::string& session) {
+        std::vector<std::unique_ptr<client>> agents;
+        for (int i = 0; i < 8; i++) {
+            agents.push_back(std::make_unique<client>(port_));
+            EXPECT_TRUE(agents.back()->handshake() &&
+                        agents.back()->send(poll_text(session, "block" + std::to_string(i))));
+        }
+        EXPECT_TRUE(eventually([&] { return store_->heard_so_far().size() == 9; }));
+        return agents;
     }
 
     std::vector<std::string> lines_with(const std::string& words) {
@@ -153,15 +166,7 @@ TEST_F(catching_up_test, who_waits_when_the_store_has_caught_up_goes_on) {
     start();
     const std::string session = log_in();
     store_->behind_ms = 6000;
-    std::vector<std::unique_ptr<client>> agents;
-    for (int i = 0; i < 8; i++) {
-        agents.push_back(std::make_unique<client>(port_));
-        ASSERT_TRUE(agents.back()->handshake());
-        ASSERT_TRUE(agents.back()->send(poll_text(session, "block" + std::to_string(i))));
-    }
-    while (store_->heard_so_far().size() < 9) { /* all are there */
-        std::this_thread::sleep_for(5ms);
-    }
+    std::vector<std::unique_ptr<client>> agents = eight_wait(session);
     store_->behind_ms = 0;
     int through = 0;
     for (auto& agent : agents) {
@@ -178,15 +183,7 @@ TEST_F(catching_up_test, what_waits_ends_with_the_server) {
     start();
     const std::string session = log_in();
     store_->behind_ms = 6000;
-    std::vector<std::unique_ptr<client>> agents;
-    for (int i = 0; i < 8; i++) {
-        agents.push_back(std::make_unique<client>(port_));
-        ASSERT_TRUE(agents.back()->handshake());
-        ASSERT_TRUE(agents.back()->send(poll_text(session, "block")));
-    }
-    while (store_->heard_so_far().size() < 9) {
-        std::this_thread::sleep_for(5ms);
-    }
+    std::vector<std::unique_ptr<client>> agents = eight_wait(session);
     const auto begun = std::chrono::steady_clock::now();
     finish();
     EXPECT_LT(std::chrono::steady_clock::now() - begun, 10s);

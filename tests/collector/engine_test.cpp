@@ -1,40 +1,9 @@
 /* The engine as ingest sees it: nothing of SQLite in here, so that it holds for another one too. */
-#include "store/engine.h"
+#include "kept_engine.h"
 
-#include "collector_test_support.h"
-
-#include <gtest/gtest.h>
-
-using strings = std::vector<std::string>;
-
-static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
 static const int64_t day_of_noon = noon / 86400;
 
-struct engine_test : testing::Test {
-    scratch_directory directory;
-    std::string state = directory / "state";
-    strings told;
-    std::unique_ptr<engine> e;
-    std::string error;
-
-    void SetUp() override { open(); }
-    void open() {
-        e.reset();
-        e = open_engine({state, 30, [this](const std::string& text) { told.push_back(text); }},
-                        error);
-        ASSERT_TRUE(e) << error;
-    }
-    std::unique_ptr<result_reader> reader() {
-        std::unique_ptr<result_reader> opened = open_reader(state, error);
-        EXPECT_TRUE(opened) << error;
-        return opened;
-    }
-    template <typename Do>
-    void within(Do actions) {
-        ASSERT_TRUE(e->begin()) << e->reason();
-        actions();
-        ASSERT_TRUE(e->commit()) << e->reason();
-    }
+struct engine_test : kept_engine {
     int64_t agent(const std::string& name, int64_t received = noon) {
         stored_agent found;
         EXPECT_TRUE(e->find_agent("a@b.c", name, received, found)) << e->reason();

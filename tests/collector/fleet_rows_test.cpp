@@ -1,41 +1,10 @@
 /* What agents are to do, as the engine keeps it: revisions, what was assigned, changes. Nothing of
  * SQLite in here. */
-#include "store/engine.h"
-
-#include "collector_test_support.h"
+#include "kept_engine.h"
 
 #include <chrono>
-#include <gtest/gtest.h>
 
-using strings = std::vector<std::string>;
-
-static const int64_t noon = 1777636800; /* 2026-05-01 12:00 UTC */
-
-struct fleet_rows_test : testing::Test {
-    scratch_directory directory;
-    std::string state = directory / "state";
-    strings told;
-    std::unique_ptr<engine> e;
-    std::string error;
-
-    void SetUp() override { open(); }
-    void open() {
-        e.reset();
-        e = open_engine({state, 30, [this](const std::string& text) { told.push_back(text); }},
-                        error);
-        ASSERT_TRUE(e) << error;
-    }
-    std::unique_ptr<result_reader> reader() {
-        std::unique_ptr<result_reader> opened = open_reader(state, error);
-        EXPECT_TRUE(opened) << error;
-        return opened;
-    }
-    template <typename Do>
-    void within(Do actions) {
-        ASSERT_TRUE(e->begin()) << e->reason();
-        actions();
-        ASSERT_TRUE(e->commit()) << e->reason();
-    }
+struct fleet_rows_test : kept_engine {
     void apply(int32_t revision, std::string_view text, const char* about = "applied") {
         EXPECT_TRUE(e->append_fleet_revision({.revision = revision,
                                               .time = noon + revision,

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -24,12 +25,19 @@ void note_signal(int number) {
     came = number;
 }
 
-/* The terminal shows nothing, until this goes. */
+/* The terminal shows nothing, until this goes. Signals are let in while somebody waits for what is
+ * typed, and at no other time: one that came right before the wait would not end it. */
 class silence {
 public:
     explicit silence(int terminal) : terminal_(terminal) {
         struct sigaction noted {};
-        noted.sa_handler = note_signal; /* without SA_RESTART: reading ends */
+        noted.sa_handler = note_signal;
+        sigset_t held;
+        sigemptyset(&held);
+        for (int number : signals) {
+            sigaddset(&held, number);
+        }
+        sigprocmask(SIG_BLOCK, &held, &let_in_);
         for (size_t i = 0; i < signals.size(); i++) {
             sigaction(signals[i], &noted, &before_[i]);
         }
@@ -47,6 +55,7 @@ public:
         for (size_t i = 0; i < signals.size(); i++) {
             sigaction(signals[i], &before_[i], nullptr);
         }
+        sigprocmask(SIG_SETMASK, &let_in_, nullptr);
         if (came != 0) {
             raise(came);
         }
@@ -56,29 +65,45 @@ public:
 
     bool holds() const { return changed_; }
 
+    /* Until there is something to read, or a signal came. */
+    void wait() const {
+        pollfd typed = {.fd = terminal_, .events = POLLIN, .revents = 0};
+        while (came == 0 && ppoll(&typed, 1, nullptr, &let_in_) < 0 && errno == EINTR) {
+        }
+    }
+
 private:
     static constexpr std::array signals{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
     const int terminal_;
     termios shown_{};
     bool changed_ = false;
     std::array<struct sigaction, signals.size()> before_{};
+    sigset_t let_in_{}; /* the mask as it was */
 };
 
-/* Up to the end of the line, which is not among it. False when nothing came but the end. */
-bool read_line(int from, const std::string& what, std::string& line) {
+/* Up to the end of the line, which is not among it. False when nothing came but the end. `quiet` is
+ * null where no terminal is read. */
+bool read_line(int from, const std::string& what, std::string& line,
+               const silence* quiet = nullptr) {
     line.clear();
     char c = 0;
     bool any = false;
     for (;;) {
+        if (quiet != nullptr) {
+            quiet->wait();
+        }
+        if (came != 0) {
+            break;
+        }
         ssize_t got = read(from, &c, 1); /* what follows the line stays where it is */
-        if (got < 0 && errno == EINTR && came == 0) {
+        if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (got < 0 && came == 0) {
+        if (got < 0) {
             throw failure{status_wrong,
                           "standard input cannot be read: " + std::string(strerror(errno))};
         }
-        if (got <= 0 || came != 0) {
+        if (got == 0) {
             break;
         }
         any = true;
@@ -111,10 +136,10 @@ void read_twice(int terminal, const std::string& what, std::string& line) {
                                     "it on standard input"};
     }
     ask("Value of " + what + ", which is not shown: ");
-    read_line(terminal, what, line);
+    read_line(terminal, what, line, &quiet);
     if (came == 0 && !line.empty()) {
         ask("Once more: ");
-        read_line(terminal, what, *again);
+        read_line(terminal, what, *again, &quiet);
     }
     if (came != 0) {
         throw failure{status_wrong, "nothing was changed"};

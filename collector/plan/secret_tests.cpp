@@ -131,8 +131,10 @@ std::string secret_tests::why_kept_back(const secret_test& test, const key& what
         std::optional<std::string> text = known_->expand(lines[each].text, missing);
         line = each;
         if (!text) {
-            return "there is no secret \"" + missing + "\": until there is, " + name +
-                   " is sent to nobody";
+            return missing.insert(0, "there is no secret \"")
+                .append("\": until there is, ")
+                .append(name)
+                .append(" is sent to nobody");
         }
         const bool is_good = is_still_a_line(lines[each].text, *text);
         wipe(*text);

@@ -2,11 +2,14 @@
 """One agent through the life of a fleet: its tests are given, changed, renamed and taken away, while the collector and the
 agent end and start between. The agent's own log says what it has; nothing is told twice that need not be."""
 
+import re
+
 import harness
 from agent_log import AgentLog
 from test_fleet_outcomes import LOAD, FleetCollector, fleet
 
 MEMORY = "memory: {memory: {free: 1 MB}}"
+CONNECTION = re.compile("ERROR: (make_poll|make_connection|send_request|receive_response)")
 
 
 class Basic(harness.TestCase):
@@ -29,7 +32,8 @@ class Basic(harness.TestCase):
                     and not life.contradictions())
         harness.wait_until(as_wanted, lambda: "%s; has %s, %s\n%s" % (
             wanted, self.log.read().said, self.log.read().contradictions(), self.collector.errors()))
-        self.assertEqual(self.log.read().errors, [])
+        # That a connection broke off is what comes of a collector that is killed.
+        self.assertEqual([said for said in self.log.read().errors if not CONNECTION.match(said)], [])
 
     def wait_confirmed(self, revision):
         def settled():

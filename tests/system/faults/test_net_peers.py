@@ -44,6 +44,17 @@ def says_in_tls(data):
     return step
 
 
+def says_until(gone, data):
+    """The same, but it closes when `gone` is set."""
+    def step(peer):
+        peer.sock.recv(65536)
+        if data:
+            peer.send(data)
+        while not gone.wait(0.05) and not peer.server.stopping:
+            pass
+    return step
+
+
 PAGES = [  # what the peer does, by TLS or not, what is reported
     (says(b""), 0, "HTTP CRITICAL - Connection timed out."),
     (says(b"HTTP/1."), 0, "HTTP CRITICAL - Connection timed out."),
@@ -53,7 +64,7 @@ PAGES = [  # what the peer does, by TLS or not, what is reported
     (says_in_tls(b""), 1, "HTTP CRITICAL - Connection timed out."),
     (says_in_tls(HEAD + b"x" * 50), 1, "HTTP CRITICAL - Connection timed out."),
 ]
-HANDSHAKES = [says(b""), says(HANDSHAKE)]
+HANDSHAKES = [b"", HANDSHAKE]
 MYSQL = [says(b"", asks=False), says(GREETING, asks=False)]
 
 
@@ -95,8 +106,11 @@ class Peers(steered.TestCase):
     def test_stop_in_the_middle(self):
         self.peers = []
         handshakes = range(40, 40 + len(HANDSHAKES))
-        lines = [page_test(test, "/", self.peer(step), limit=str(LIMIT_S), tls=1)
-                 for test, step in zip(handshakes, HANDSHAKES)]
+        lines = [page_test(test, "/", self.peer(says(data)), limit=str(LIMIT_S), tls=1)
+                 for test, data in zip(handshakes, HANDSHAKES)]
+        gone = [threading.Event() for _ in handshakes]
+        for peer, each, data in zip(self.peers, gone, HANDSHAKES):
+            peer.then(says_until(each, data))  # later handshakes last
         good = self.peer(lambda peer: (peer.sock.recv(4096), peer.send(HEAD + b"x" * 100)))
         snmp = SnmpPeer(self)
         feed = os.path.join(self.dir, "feed")
@@ -132,17 +146,17 @@ class Peers(steered.TestCase):
                                lambda test=test: "rounds of test %d" % test)
         self.assertEqual({r.ui32[3] for r in self.records(records.HTTP) if r.ui32[1] == 50}, {0})
 
-        for test, peer in zip(handshakes, self.peers):
+        for test, each in zip(handshakes, gone):
             self.assertEqual(self.count(records.HTTP, test), 0)
-            peer.stop()
+            each.set()
             record = self.wait_record(records.HTTP, lambda r, test=test: r.ui32[1] == test)
             self.assertRegex(record.strings[0], "^CRITICAL - Cannot establish SSL connection. ")
 
         # Now with checks that would last: removed, they are not begun again; the agent waits for none.
         held = [page_test(80 + n, "/", self.peer(step), limit="600", tls=tls)
                 for n, (step, tls, _) in enumerate(PAGES)]
-        held += [page_test(90 + n, "/", self.peer(step), limit="600", tls=1)
-                 for n, step in enumerate(HANDSHAKES)]
+        held += [page_test(90 + n, "/", self.peer(says(data)), limit="600", tls=1)
+                 for n, data in enumerate(HANDSHAKES)]
         self.server.then(answer("".join("HPD\t%d\n" % test for test in pages) +
                                 "".join("MQD\t%d\n" % test for test in databases) +
                                 "SPD\t70\n" + "".join(line + "\n" for line in held)))

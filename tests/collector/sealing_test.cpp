@@ -251,6 +251,7 @@ TEST_F(sealing, a_credential_counts_alone) {
     EXPECT_EQ(made.unseal("db", sealed), "s3cret") << "it is that key";
 
     setenv("CREDENTIALS_DIRECTORY", (home_ / "credentials").c_str(), 1);
+    fs::remove(home_ / "credentials/secrets-key"); /* nobody but root may write into it */
     write_text(home_ / "credentials/secrets-key", "nonsense");
     EXPECT_EQ(refused(), "the key of the secrets " + (home_ / "credentials/secrets-key") +
                              " is not 64 hexadecimal digits");

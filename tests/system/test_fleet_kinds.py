@@ -119,6 +119,9 @@ class Kinds(harness.TestCase):
                         "interface": name}
         if name is None:
             text = "".join(line for line in text.splitlines(True) if "{network:" not in line)
+        if os.geteuid() != 0:
+            print("ping ok: left out, only root may ping", flush=True)
+            text = "".join(line for line in text.splitlines(True) if " ping ok:" not in line)
         path = os.path.join(self.dir, "fleet.yaml")
         harness.write_text(path, text)
         collector = Asked(self, rules=("--fleet", path)).start()

@@ -2,6 +2,7 @@
 
 The agent runs as the user vindral, who need not exist here: the tests put one into /etc/passwd of their namespace."""
 
+import itertools
 import os
 import pwd
 import re
@@ -206,6 +207,7 @@ class FakeCollector:
         self.token = None
         self.authority_steps, self.enrol_steps = [], []
         self.requests = []  # (method and path, headers by lower-case name, body)
+        self.issued = itertools.count()  # next() is whole, whatever thread asks
         self.bundle = None
         key, pem = os.path.join(self.dir, "server.key"), os.path.join(self.dir, "server.pem")
         self._sign("server", "subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth", self.server_ca)
@@ -249,7 +251,7 @@ class FakeCollector:
     def certificate(self, request, names=None, days=None):
         """PEM of a certificate for a request."""
         account, agent = (part.replace("@", "%40") for part in names or self.names)
-        name = "issued-%d" % len(self.requests)
+        name = "issued-%d" % next(self.issued)
         harness.write_text(self._path(name, "csr"), request)
         self._sign_request(name, "subjectAltName=URI:vindral:%s/%s\nextendedKeyUsage=clientAuth" % (account, agent),
                            self.agents_ca, days or self.days)

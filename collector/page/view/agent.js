@@ -1,0 +1,734 @@
+/* An agent: its tests with small curves, what it is, what of the last day is missing, what happened,
+ * what it found on its host. Curves are asked for as they come into view, a few at a time. States
+ * change by events and values by results: a late result may say another state than the test has. */
+import { to } from "../base/address.js";
+import { byState, byTest } from "../base/order.js";
+import { firstValue, valueLabel, valueNames } from "../base/series.js";
+import { sparkPath } from "../base/spark.js";
+import { clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
+import { announce, fill, h, keyed, svg, throttle } from "../dom.js";
+import { badge, busy, confirm, emptyState, failure, message, setBadge, setTime, testLink, timeElement }
+  from "../parts.js";
+
+const curveS = 5 * 3600, curvePoints = 60, youngPoints = 720, curvesAtOnce = 3, rateAgainMs = 60000,
+  onceLiveMs = 1500;
+const curveWidth = 128, curveHeight = 32;
+const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
+const hourMs = 3600000, dayHours = 24;
+
+const identities = {
+  proven: "proven: it has shown its certificate",
+  known: "admitted, without a certificate yet",
+  waiting: "waits to be admitted",
+  invited: "invited: its token has not been used",
+  revoked: "revoked: it is let in no more",
+  unknown: "nobody has decided anything",
+};
+
+const isNumber = (value) => typeof value === "number" && Number.isFinite(value);
+const seconds = (iso) => Date.parse(iso) / 1000;
+/* Without marks. */
+function plainList(...items) {
+  const list = h("ul", { class: "stack tight", role: "list" }, items);
+  list.style.listStyle = "none";
+  return list;
+}
+
+const apiTime = (ms) => new Date(ms).toISOString().replace(/\.\d+Z$/, "Z");
+
+/* ---- small curves ---- */
+
+/* One value of a test as equal steps of time; what comes live goes on from there. */
+class Curve {
+  constructor(type, series) {
+    this.name = firstValue(type, valueNames(series));
+    const value = series.values[this.name];
+    this.unit = value?.unit ?? "";
+    this.resolution = series.resolution;
+    this.readAt = Date.now();
+    this.points = value ? series.time.map((time, i) => ({ time: seconds(time), value: value.mean[i],
+      count: Math.max(series.count[i], 1) })) : [];
+  }
+
+  /* A rate is of two results, and the stream has one. */
+  isRateOf(value) {
+    return this.unit.endsWith("/s") && !value.unit.endsWith("/s");
+  }
+
+  add(time, value) {
+    const last = this.points.at(-1);
+    if (last && time < last.time + this.resolution) {
+      if (time >= last.time && isNumber(value)) {
+        last.value = isNumber(last.value) ? (last.value * last.count + value) / (last.count + 1) : value;
+        last.count++;
+      }
+    } else if (!last || time > last.time) {
+      const starts = this.resolution > 0 ? Math.floor(time / this.resolution) * this.resolution : time;
+      this.points.push({ time: starts, value, count: 1 });
+      while (this.points.length > youngPoints || this.points[0].time < time - curveS - this.resolution) {
+        this.points.shift();
+      }
+    }
+  }
+
+  drawInto(element, label) {
+    const values = this.points.map((point) => point.value);
+    const { path, area, gaps } = sparkPath(values, curveWidth, curveHeight);
+    const middle = curveHeight / 2;
+    const known = values.filter(isNumber);
+    fill(element,
+      area ? svg("path", { class: "spark-area", d: area }) : null,
+      gaps.length > 0 ? svg("path", { class: "spark-gap",
+        d: gaps.map((gap) => `M${gap.from.toFixed(1)} ${middle}H${gap.to.toFixed(1)}`).join("") }) : null,
+      path ? svg("path", { class: "spark-line", d: path }) : null);
+    element.setAttribute("aria-label", known.length === 0 ? `${label}: no values in the last hours`
+      : `${label} in the last hours: lowest ${number(Math.min(...known), this.unit)}, highest `
+        + `${number(Math.max(...known), this.unit)}`);
+  }
+}
+
+export const title = (params) => `Agent ${clean(params?.id ?? "")}`.trim();
+
+export async function open(place, params, context) {
+  const { api, live, me, go } = context;
+  const leaving = new AbortController();
+  const { signal } = leaving;
+  const called = String(params.id);
+  const own = `/api/v1/agents/${encodeURIComponent(called)}`;
+  const mayOperate = me?.role === "operator" || me?.role === "admin";
+  let agent = null, standing = null, tests = new Map(), events = [];
+  const offs = [];
+
+  const isOver = () => signal.aborted;
+
+  /* A part of the screen that is read by itself: one that fails leaves the others. */
+  async function part(status, what, read, show) {
+    fill(status);
+    try {
+      const found = await busy(read(), status, `Loading ${what}`);
+      if (!isOver()) {
+        await show(found);
+      }
+    } catch (problem) {
+      if (!isOver()) {
+        fill(status, failure(problem, () => part(status, what, read, show)));
+      }
+    }
+  }
+
+  /* ---- what it is ---- */
+
+  const heading = h("h1", { tabindex: "-1", class: "text", text: "Agent" });
+  const crumb = h("li", { aria: { current: "page" }, text: "Agent" });
+  const lead = h("div", { class: "row" }), facts = h("dl", { class: "facts" });
+  const headStatus = h("div"), doneStatus = h("div");
+  const lastPoll = h("dd");
+  let pollTime = null;
+
+  function fact(name, ...what) {
+    return [h("dt", { text: name }), h("dd", null, what)];
+  }
+
+  function certificateText() {
+    const certificate = standing?.certificate;
+    if (!certificate || standing.revoked) {
+      return null;
+    }
+    return fact("Certificate", Date.parse(certificate.ends) > Date.now() ? "until " : "ended ",
+      timeElement(certificate.ends),
+      certificate.ends_soon ? h("p", { class: "note", text: "It should have been renewed: is "
+        + "vindral-enrol.timer running on the host?" }) : null);
+  }
+
+  function showAgent() {
+    const name = clean(agent.name) || "(no name)";
+    if (heading.textContent !== name) {
+      heading.textContent = name;
+      crumb.textContent = name;
+    }
+    const state = stateWord(agent);
+    const { ok, problem, unknown } = agent.tests;
+    fill(lead, agent.retired ? null : [badge(state), agent.since ? h("span", null, "for ",
+      timeElement(agent.since, { as: "since" })) : null],
+    h("span", { class: "note", text: `${plural(ok + problem + unknown, "test")}: ${[problem > 0
+      ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown` : "",
+      `${ok} ok`].filter(Boolean).join(", ")}` }));
+    fill(lastPoll, pollTime ?? "never");
+    fill(facts,
+      agent.retired ? fact("Retired", timeElement(agent.retired),
+        h("p", { class: "note", text: "It is in no list any more. What it reported can be read until it "
+        + "expires; when it polls again it begins anew." })) : null,
+      h("dt", { text: "Last poll" }), lastPoll,
+      fact("First poll", timeElement(agent.first_poll)),
+      fact("Address", clean(agent.address ?? "–")),
+      fact("Version", clean(agent.version ?? "–")),
+      fact("Account", clean(agent.account)),
+      fact("Groups", agent.groups.length > 0 ? agent.groups.map((group, i) => [i > 0 ? ", " : "",
+        h("a", { class: "text", href: to("events", { query: { group } }), title: "Events of this group",
+          text: clean(group) })])
+        : "none"),
+      fact("Identity", identities[agent.identity] ?? clean(agent.identity)),
+      certificateText());
+    for (const button of [checkButton, retireButton]) {
+      button.disabled = Boolean(agent.retired);
+    }
+  }
+
+  function polledAt(iso) {
+    if (!iso) {
+      return;
+    }
+    if (!agent.last_poll || iso > agent.last_poll) {
+      agent.last_poll = iso;
+    }
+    if (pollTime) {
+      setTime(pollTime, agent.last_poll);
+    } else {
+      pollTime = timeElement(agent.last_poll, { as: "ago" });
+      fill(lastPoll, pollTime);
+    }
+  }
+
+  async function readAgent() {
+    const found = await api.get(own, { signal });
+    const was = agent;
+    agent = found;
+    if (was && was.last_poll > agent.last_poll) {
+      agent.last_poll = was.last_poll;
+    }
+    polledAt(agent.last_poll);
+    return found;
+  }
+
+  async function readStanding() {
+    try {
+      standing = await api.get(`${own}/enrolment`, { signal });
+      if (agent && !isOver()) {
+        showAgent();
+      }
+    } catch { /* the rest is of use without it */ }
+  }
+
+  /* ---- what can be done ---- */
+
+  const checkButton = h("button", { type: "button", text: "Check now", on: { click: checkNow } });
+  const retireButton = h("button", { type: "button", class: "danger", text: "Retire",
+    on: { click: retire } });
+  const actions = h("div", { class: "actions", hidden: true }, checkButton, retireButton);
+
+  async function checkNow() {
+    if (checkButton.getAttribute("aria-disabled") === "true") {
+      return;
+    }
+    checkButton.setAttribute("aria-disabled", "true"); /* keeps the focus */
+    try {
+      await busy(api.post(`/api/v1/agents/${agent.id}/check`), doneStatus, "Telling the agent");
+      const said = "It is told with its next poll to do all tests; the results come with the poll after "
+        + "that.";
+      fill(doneStatus, h("p", { class: "note", text: said }));
+      announce(said);
+    } catch (problem) {
+      if (!isOver()) {
+        fill(doneStatus, failure(problem));
+      }
+    } finally {
+      setTimeout(() => checkButton.removeAttribute("aria-disabled"), 3000);
+    }
+  }
+
+  async function retire() {
+    const name = clean(agent.name);
+    const done = await confirm({ title: `Retire ${name}?`, action: "Retire", danger: true,
+      body: "It is in no list any more and silent to nobody. What it reported stays until it expires. If it "
+        + "polls again it begins anew; that it may not any more is up to Admission.",
+      run: () => api.del(`/api/v1/agents/${agent.id}`) });
+    if (done) {
+      announce(`${name} is retired.`);
+      go(to("now"));
+    }
+  }
+
+  /* ---- tests ---- */
+
+  const testStatus = h("div"), noTests = h("div"), list = h("ul", { class: "sparks" });
+  const testsHeading = h("h2", { id: "agent-tests", text: "Tests" });
+  const find = h("input", { id: "agent-find", type: "search", autocomplete: "off", spellcheck: "false" });
+  const findField = h("div", { class: "field", hidden: true },
+    h("label", { for: "agent-find", text: "Part of a name, a type or a target" }), find);
+  const items = new Map(); /* by the id of the test */
+  find.addEventListener("input", () => showTests());
+
+  function label(test, name) {
+    return valueLabel(test.definition, name);
+  }
+
+  function mainValue(test) {
+    const item = items.get(test.id);
+    const names = Object.keys(test.values ?? {}).filter((name) => test.values[name]?.value !== null);
+    const name = item?.curve?.name && test.values[item.curve.name] ? item.curve.name
+      : firstValue(test.type, names);
+    return name ?? names[0] ?? null;
+  }
+
+  function makeTest(test) {
+    const known = items.get(test.id); /* with its curve: it was filtered out */
+    if (known) {
+      updateTest(known.element, test);
+      return known.element;
+    }
+    const state = stateWord(test);
+    const item = {
+      element: h("li", { class: "spark-item", data: { key: test.id } }),
+      badge: badge(state),
+      since: h("span", { class: "note" }),
+      message: h("div"),
+      others: h("p", { class: "note" }),
+      value: h("b", { class: "number" }),
+      valueName: h("span", { class: "note" }),
+      time: h("span", { class: "note" }),
+      curveElement: svg("svg", { class: "spark", viewBox: `0 0 ${curveWidth} ${curveHeight}`,
+        preserveAspectRatio: "none",
+        role: "img", "aria-label": "No curve yet" }),
+      curve: null, isRead: false, isAsked: false, isSeen: false, version: "", drawn: "",
+    };
+    fill(item.element,
+      h("div", { class: "spark-name" },
+        h("div", { class: "row" }, item.badge, testLink(test), item.since),
+        h("p", { class: "note", text: [test.type, test.target && test.target !== test.name
+          ? oneLine(test.target, 200) : "",
+          test.group ? `of ${oneLine(test.group, 100)}` : ""].filter(Boolean).join(" · ") }),
+        item.message, item.others),
+      item.curveElement,
+      h("div", { class: "spark-value" }, item.value, " ", item.valueName, h("div", null, item.time)));
+    items.set(test.id, item);
+    item.element.dataset.test = test.id;
+    updateTest(item.element, test);
+    seen.observe(item.element);
+    return item.element;
+  }
+
+  function updateTest(element, test) {
+    const item = items.get(test.id);
+    const name = mainValue(test);
+    const version = `${test.time} ${test.since} ${test.state} ${test.stale} ${test.message} ${name}`;
+    if (item.version === version) {
+      return;
+    }
+    item.version = version;
+    const state = stateWord(test);
+    setBadge(item.badge, state);
+    fill(item.since, state !== "ok" && test.since ? ["for ", timeElement(test.since, { as: "since" })]
+      : null);
+    const said = state !== "ok" && test.message ? test.message : "";
+    if (item.said !== said) {
+      item.said = said;
+      fill(item.message, said ? message(said) : null);
+    }
+    const main = name === null ? null : test.values[name];
+    item.value.textContent = main ? number(main.value, main.unit) : "";
+    item.valueName.textContent = main ? label(test, name) : "";
+    const others = Object.entries(test.values ?? {}).filter(([each, { value }]) => each !== name
+      && value !== null)
+      .slice(0, mostOthers).map(([each, { value, unit }]) =>
+        `${label(test, each)} ${oneLine(number(value, unit), 80)}`);
+    item.others.textContent = others.join(" · ");
+    item.others.hidden = others.length === 0;
+    const time = item.time.firstElementChild;
+    if (time?.localName === "time" && test.time) {
+      setTime(time, test.time);
+    } else {
+      fill(item.time, test.time ? timeElement(test.time, { as: "ago" }) : "no result yet");
+    }
+  }
+
+  function showTests() {
+    const part = find.value.trim().toLowerCase();
+    const all = [...tests.values()];
+    const found = all.filter((test) => !part || [test.name, test.type, test.target, test.group].some((text) =>
+      (text ?? "").toLowerCase().includes(part))).sort((a, b) => byState(a, b) || byTest(a, b));
+    testsHeading.textContent = all.length > 0 ? plural(all.length, "test") : "Tests";
+    findField.hidden = all.length < findFrom && !part;
+    fill(noTests, found.length > 0 ? null : all.length > 0 ? emptyState("No test is like that",
+      "Take some of the text away.")
+      : agent?.retired ? emptyState("It is retired", "Its tests are in no list any more. Each can still be "
+      + "read by its own address, from the events below.")
+      : emptyState("No test has reported yet", h("p", null, "What it is to do stands in the ",
+        h("a", { href: to("fleet"), text: "fleet file" }), ". It is told with its next poll, and results "
+          + "come in here by themselves.")));
+    list.hidden = found.length === 0;
+    return keyed(list, found, (test) => test.id, makeTest, updateTest);
+  }
+
+  const showTestsSoon = throttle(showTests);
+
+  async function readTests() {
+    const found = await api.pages("/api/v1/tests", { agent: called }, { limit: 1000, signal });
+    tests = new Map(found.map((test) => [test.id, test]));
+    for (const id of items.keys()) {
+      if (!tests.has(id)) {
+        seen.unobserve(items.get(id).element);
+        items.delete(id);
+      }
+    }
+    if (found.incomplete) {
+      fill(testStatus,
+        h("p", { class: "note", text: `Not everything could be read: ${clean(found.incomplete)}` }));
+    }
+  }
+
+  /* ---- curves ---- */
+
+  const wanted = new Set(); /* ids of tests whose curves are to be read, in the order they came into view */
+  let reading = 0;
+  const seen = new IntersectionObserver((entries) => {
+    for (const { target, isIntersecting } of entries) {
+      const item = items.get(Number(target.dataset.test));
+      if (!item) {
+        continue;
+      }
+      item.isSeen = isIntersecting;
+      want(Number(target.dataset.test));
+    }
+    readCurves();
+  }, { rootMargin: "200px" });
+
+  /* What is scrolled past is not read. */
+  function want(id) {
+    const item = items.get(id);
+    if (item?.isSeen && !item.isRead && !item.isAsked) {
+      wanted.add(id);
+    } else {
+      wanted.delete(id);
+    }
+  }
+
+  function readCurves() {
+    while (reading < curvesAtOnce && wanted.size > 0 && !isOver()) {
+      const [id] = wanted;
+      wanted.delete(id);
+      readCurve(id);
+    }
+  }
+
+  async function readCurve(id) {
+    const item = items.get(id), test = tests.get(id);
+    if (!item || !test) {
+      return;
+    }
+    reading++;
+    item.isAsked = true;
+    try {
+      const isYoung = agent?.first_poll && Date.now() - Date.parse(agent.first_poll) < hourMs;
+      const series = await api.get(`/api/v1/tests/${id}/series`, { signal, query: {
+        from: apiTime(Date.now() - curveS * 1000), points: isYoung ? youngPoints : curvePoints,
+        rate: test.type === "snmp" ? 1 : null } });
+      item.curve = new Curve(test.type, series);
+      item.isRead = true;
+      draw(item, test);
+      updateTest(item.element, test);
+    } catch (problem) {
+      if (!isOver()) {
+        item.curveElement.setAttribute("aria-label", "The curve could not be read");
+        item.isRead = problem?.status !== 0; /* asked for again when it is back */
+      }
+    } finally {
+      item.isAsked = false;
+      reading--;
+      readCurves();
+    }
+  }
+
+  function draw(item, test) {
+    if (item.curve) {
+      item.curve.drawInto(item.curveElement, item.curve.name ? label(test, item.curve.name) : "Values");
+    }
+  }
+
+  /* ---- the ledger ---- */
+
+  const ledgerStatus = h("div"), ledger = h("div", { class: "stack tight" });
+
+  function showLedger(hours) {
+    const begin = Math.floor(Date.now() / hourMs) * hourMs - (dayHours - 1) * hourMs;
+    const sum = { expected: 0, missing: 0, repeated: 0 };
+    for (const hour of hours) {
+      sum.expected += hour.expected;
+      sum.missing += hour.missing;
+      sum.repeated += hour.repeated;
+    }
+    const inWords = (hour) => `${clock(hour.hour)}: ${hour.missing > 0
+      ? `${number(hour.missing)} of ${plural(hour.expected, "result")} missing`
+      : `all of ${plural(hour.expected, "result")}`}`;
+    const sentence = sum.expected === 0 ? "No result was expected in the last day."
+      : sum.missing === 0 && sum.expected === 1 ? "The only result of the last day came."
+      : sum.missing === 0 ? `All ${plural(sum.expected, "result")} of the last day came.`
+      : `Of ${plural(sum.expected, "result")} of the last day ${sum.missing} `
+        + `${sum.missing === 1 ? "is" : "are"} missing.`;
+    const cells = hours.filter((hour) => hour.expected > 0 && Date.parse(hour.hour) >= begin).map((hour) =>
+      svg("rect", { x: (Date.parse(hour.hour) - begin) / hourMs + 0.03, y: 0, width: 0.94, height: 1,
+        "data-state": hour.missing > 0 ? "problem" : "ok" }, svg("title", null, inWords(hour))));
+    const worst = hours.filter((hour) => hour.missing > 0);
+    const most = 6;
+    fill(ledger, h("p", { text: sentence }),
+      svg("svg", { class: "strip", viewBox: `0 0 ${dayHours} 1`, preserveAspectRatio: "none", role: "img",
+        "aria-label": `The last 24 hours. ${sentence}` }, cells),
+      h("p", { class: "spread note" }, h("span", null, clock(begin)), h("span", { text: "now" })),
+      worst.length > 0
+        ? plainList(worst.slice(-most).map((hour) => h("li", { class: "note", text: inWords(hour) }))) : null,
+      worst.length > most
+        ? h("p", { class: "note", text: `And ${plural(worst.length - most, "hour")} before.` }) : null,
+      sum.missing > 0 ? h("p", { class: "note", text: "Missing is what was never measured or has not arrived "
+        + "yet: an agent brings what it kept when it is back." }) : null,
+      sum.repeated > 0
+        ? h("p", { class: "note", text: `${plural(sum.repeated, "result")} came twice, which does no harm.` })
+        : null);
+  }
+
+  const readLedger = () => api.pages("/api/v1/ledger", { agent: called }, { limit: 1000, signal });
+
+  /* ---- events ---- */
+
+  const eventStatus = h("div"), noEvents = h("div"), eventList = h("ol", { class: "timeline" });
+  const allEvents = h("a", { href: to("events", { query: { agent: called } }), text: "All events of this "
+    + "agent" });
+
+  function makeEvent(event) {
+    const state = stateWord({ state: event.to, stale: event.stale });
+    return h("li", { class: "event", data: { state, key: event.id } },
+      h("span", { class: "event-time" }, timeElement(event.time)),
+      h("span", { class: "event-state" }, badge(event.from),
+        h("span", { aria: { hidden: "true" }, text: "→" }),
+        h("span", { class: "hidden", text: "became" }), badge(state)),
+      h("span", { class: "event-what" }, event.test ? testLink(event.test) : "the agent itself"),
+      event.message ? h("div", { class: "event-message" }, message(event.message)) : null);
+  }
+
+  function showEvents() {
+    const byId = new Map(events.map((event) => [event.id, event]));
+    events = [...byId.values()].sort((a, b) => Date.parse(b.time) - Date.parse(a.time)
+      || b.id - a.id).slice(0, mostEvents);
+    fill(noEvents, events.length > 0 ? null : h("p", { class: "note", text: "Nothing has changed its state "
+      + "yet." }));
+    return keyed(eventList, events, (event) => event.id, makeEvent);
+  }
+
+  async function readEvents() {
+    events = (await api.get("/api/v1/events", { query: { agent: called, limit: mostEvents }, signal })).items;
+  }
+
+  /* ---- the inventory ---- */
+
+  const inventory = h("div", { class: "stack tight" });
+
+  function showInventory() {
+    const kinds = Object.entries(agent.inventories ?? {});
+    fill(inventory, kinds.length === 0 ? h("p", { class: "note", text: "It has not said yet what its host "
+      + "has. It does so with its first polls." }) : kinds.map(([kind, found]) => {
+      const count = found.items.length + (found.left_out ?? 0);
+      const content = h("div");
+      /* Thousands of names of processes are made when somebody looks. */
+      const show = (most) => fill(content,
+        h("p", { class: "note" }, "Found ", timeElement(found.time), "."),
+        plainList(found.items.slice(0, most).map((item) => h("li", { class: "mono text",
+          text: oneLine(item, 500) }))),
+        found.items.length > most ? h("p", { class: "more" }, h("button", { type: "button",
+          text: `Show all ${found.items.length}`, on: { click: () => show(found.items.length) } })) : null,
+        found.left_out && found.items.length <= most ? h("p", { class: "note",
+          text: `And ${found.left_out} more, for which an answer has no room.` }) : null);
+      return h("details", { data: { key: kind }, on: { toggle: (event) => {
+        if (event.target.open && content.childElementCount === 0) {
+          show(mostItems);
+        }
+      } } }, h("summary", { text: `${clean(kind)} (${count})` }), content);
+    }));
+  }
+
+  /* ---- live ---- */
+
+  let testsTimer = 0, ledgerTimer = 0;
+
+  /* A test that nobody knew, or one that has another name: a while later, for more will come. */
+  function readTestsSoon() {
+    if (!testsTimer) {
+      testsTimer = setTimeout(() => {
+        testsTimer = 0;
+        readTests().then(() => (isOver() ? null : showTests())).catch(() => null);
+      }, 1000);
+    }
+  }
+
+  function takeResults(results) {
+    for (const { data } of results) {
+      if (data.agent.id !== agent?.id) {
+        continue;
+      }
+      polledAt(data.received);
+      const test = tests.get(data.test.id);
+      if (!test) {
+        readTestsSoon();
+        continue;
+      }
+      if (test.time && Date.parse(data.time) < Date.parse(test.time)) {
+        continue;
+      }
+      Object.assign(test, { time: data.time, status: data.status, message: data.message || null,
+        values: data.values });
+      if (test.name !== data.test.name) {
+        readTestsSoon();
+      }
+      const item = items.get(test.id);
+      if (!item) {
+        continue;
+      }
+      const value = item.curve?.name ? data.values[item.curve.name] : null;
+      if (item.curve && value && item.curve.isRateOf(value)) {
+        if (Date.now() - item.curve.readAt > rateAgainMs) {
+          item.isRead = false;
+          want(test.id);
+          readCurves();
+        }
+      } else if (item.curve?.name) {
+        item.curve.add(seconds(data.time), isNumber(value?.value) ? value.value : null);
+        if (item.isSeen) {
+          draw(item, test);
+        }
+      } else if (item.isRead) { /* the first one that has a curve */
+        item.isRead = false;
+        want(test.id);
+        readCurves();
+      }
+      updateTest(item.element, test);
+    }
+  }
+
+  function takeEvents(messages) {
+    let isOther = false;
+    for (const { data } of messages) {
+      if (data.agent.id !== agent?.id || events.some((event) => event.id === data.id)) {
+        continue;
+      }
+      events.push(data);
+      isOther = true;
+      const test = data.test ? tests.get(data.test.id) : null;
+      if (data.test && !test) {
+        readTestsSoon();
+      } else if (test && !(Date.parse(data.time) < Date.parse(test.since))) {
+        test.state = data.to;
+        test.stale = data.stale;
+        test.since = data.time;
+        test.message = data.message || test.message;
+        announce(`${clean(test.name)} is ${stateWord(test)}.`);
+      }
+    }
+    if (isOther) {
+      showEvents();
+      showTestsSoon();
+    }
+  }
+
+  function takeAgents(messages) {
+    for (const { data } of messages) {
+      if (agent && data.id === agent.id) {
+        const { state, stale, since, tests: counts, retired } = data;
+        const isOther = state !== agent.state || stale !== agent.stale || retired !== agent.retired
+          || since !== agent.since || JSON.stringify(counts) !== JSON.stringify(agent.tests);
+        if (isOther) {
+          Object.assign(agent, { state, stale, since, tests: counts, retired });
+          showAgent();
+        }
+      }
+    }
+  }
+
+  /* What was missed is read as at the beginning; what is on the page stays until it is there. */
+  async function readAgain() {
+    try {
+      await Promise.all([readAgent(), readTests(), readEvents()]);
+      if (isOver()) {
+        return;
+      }
+      showAgent();
+      showInventory();
+      showEvents();
+      await showTests();
+      for (const [id, item] of items) {
+        item.isRead = false;
+        want(id);
+      }
+      readCurves();
+      showLedger(await readLedger());
+    } catch (problem) {
+      if (!isOver()) {
+        fill(headStatus, failure(problem, () => {
+          fill(headStatus);
+          readAgain();
+        }));
+      }
+    }
+  }
+
+  let hasBeenLive = live.state.state === "live", liveTimer = 0;
+
+  function listen() {
+    offs.push(live.want({ results: { agents: new Set([agent.id]), tests: new Set() } }),
+      live.on("result", takeResults), live.on("event", takeEvents), live.on("agent", takeAgents),
+        live.on("lost", readAgain),
+      live.onState(({ state }) => {
+        if (state === "live" && !hasBeenLive) { /* what changed before the stream began, nobody has said */
+          hasBeenLive = true;
+          liveTimer = setTimeout(readAgain, onceLiveMs);
+        }
+      }));
+    ledgerTimer = setInterval(() => (document.hidden ? null
+      : readLedger().then((hours) => (isOver() ? null : showLedger(hours))).catch(() => null)), 5 * 60000);
+  }
+
+  /* ---- the screen ---- */
+
+  const section = (id, text, ...content) => h("section", { class: "panel", aria: { labelledby: id } },
+    h("h2", { id, text }), content);
+  const rest = h("div", { class: "stack" },
+    h("div", { class: "columns" },
+      h("section", { class: "panel", aria: { labelledby: "agent-tests" } }, testsHeading, findField,
+        testStatus, noTests, list),
+      h("div", { class: "stack" },
+        section("agent-facts", "The agent", facts),
+        section("agent-ledger", "Results of the last day", ledgerStatus, ledger),
+        section("agent-inventory", "What its host has", inventory))),
+    section("agent-events", "What happened", eventStatus, noEvents, eventList, h("p", { class: "more" },
+      allEvents)));
+  fill(place,
+    h("header", { class: "head" },
+      h("nav", { class: "crumbs", aria: { label: "Where this is" } },
+        h("ol", null, h("li", null, h("a", { href: to("now"), text: "Now" })), crumb)),
+      heading, lead, actions, doneStatus),
+    headStatus, rest);
+  rest.hidden = true;
+
+  async function load() {
+    await part(headStatus, "the agent", readAgent, () => {
+      rest.hidden = false;
+      actions.hidden = !mayOperate;
+      showAgent();
+      showInventory();
+      listen();
+      readStanding();
+      part(testStatus, "tests", readTests, showTests);
+      part(ledgerStatus, "what is missing", readLedger, showLedger);
+      part(eventStatus, "events", readEvents, showEvents);
+    });
+  }
+  load();
+
+  return {
+    close() {
+      leaving.abort();
+      seen.disconnect();
+      showTestsSoon.cancel();
+      clearTimeout(testsTimer);
+      clearTimeout(liveTimer);
+      clearInterval(ledgerTimer);
+      offs.forEach((off) => off());
+    },
+  };
+}

@@ -1,0 +1,278 @@
+/* Changes of tests and what became of them: those that are not confirmed first, with the reason, then
+ * all of them. They come in by the stream; which of them still count is the collector's to say, so
+ * the open ones are asked for again when something happened. */
+import { to } from "../base/address.js";
+import { oneLine, plural } from "../base/text.js";
+import { announce, fill, h } from "../dom.js";
+import { agentLink, busy, emptyState, failure, message, table, timeElement } from "../parts.js";
+
+const path = "/api/v1/changes";
+const filters = ["agent", "group", "test", "outcome", "revision"];
+const outcomes = {
+  unanswered: "not told yet, or nothing came of it",
+  sent: "the agent was told",
+  confirmed: "a result of this revision came",
+  impossible: "the agent cannot have it",
+};
+/* Which shape of a state an outcome has. */
+const stateOf = { unanswered: "problem", sent: "unknown", confirmed: "ok", impossible: "silent" };
+const actions = {
+  add: "added", change: "changed", rename: "renamed", remove: "removed", intervals: "intervals",
+};
+const openAtOnce = 200, allAtOnce = 50;
+const againAfterMs = 1500, againAtLeastMs = 5000;
+
+export const title = () => "Changes";
+
+const wantedIn = (query) => new Map([...query].filter(([name, value]) => filters.includes(name) && value));
+const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
+
+function outcomeElement(outcome) {
+  return h("span", { class: "badge", data: { state: stateOf[outcome] ?? "unknown" },
+    title: outcomes[outcome] ?? null, text: outcome });
+}
+
+function testName({ test, was }) {
+  const name = test === null ? "intervals" : oneLine(test, 200);
+  return was ? `${name} (was ${oneLine(was, 200)})` : name;
+}
+
+const versionOf = (each) => `${each.outcome} ${each.reason} ${each.settled} ${each.sent}`;
+
+function changesTable(caption) {
+  return table({
+    caption, captionHidden: true, keyOf: (each) => each.id, version: versionOf, columns: [
+      { title: "Test", heading: true, cell: testName },
+      { title: "Agent", cell: (each) => agentLink(each.agent) },
+      { title: "What", cell: (each) => actions[each.action] ?? oneLine(each.action, 50) },
+      { title: "Outcome", cell: (each) => outcomeElement(each.outcome) },
+      { title: "Reason", wide: true, cell: (each) => (each.reason ? message(each.reason) : null) },
+      { title: "Since", cell: (each) => timeElement(each.settled ?? each.sent ?? each.time) },
+      { title: "Revision", numeric: true, cell: (each) => String(each.revision) },
+      { title: "Applied", cell: (each) => timeElement(each.time) },
+    ],
+  });
+}
+
+export async function open(place, params, { api, live, go }) {
+  const stop = new AbortController();
+  const stops = [() => stop.abort()];
+  let isOpen = true;
+  let wanted = wantedIn(params.query);
+  let asks = 0; /* answers of an earlier filter are nobody's business */
+
+  const form = h("div");
+  const standing = h("p", { class: "lead", role: "status" });
+  const openPlace = h("section", { class: "panel", aria: { labelledby: "changes-open" } });
+  const allPlace = h("section", { class: "panel", aria: { labelledby: "changes-all" } });
+  place.append(
+    h("div", { class: "head" },
+      h("div", { class: "spread" }, h("h1", { tabindex: "-1", text: "Changes" }),
+        h("ul", { class: "choices" },
+          h("li", null, h("a", { href: to("fleet"), text: "File" })),
+          h("li", null, h("a", { href: to("changes"), aria: { current: "true" }, text: "Changes" })))),
+      standing),
+    h("div", { class: "stack" }, form, openPlace, allPlace));
+
+  /* ---- which ones ---- */
+
+  function showForm() {
+    const field = (name, label, props = {}) => h("div", { class: "field" },
+      h("label", { for: `changes-${name}`, text: label }),
+      h("input", { type: "text", id: `changes-${name}`, name, value: wanted.get(name) ?? "", ...props }));
+    const choice = h("select", { id: "changes-outcome", name: "outcome", value: wanted.get("outcome") ?? "" },
+      h("option", { value: "", text: "all" }),
+      Object.keys(outcomes).map((outcome) => h("option", { value: outcome, text: outcome })));
+    fill(form, h("form", { class: "filters", role: "search", aria: { label: "Changes" }, on: {
+      submit: (event) => {
+        event.preventDefault();
+        const query = new Map();
+        for (const name of filters) {
+          const value = event.target.elements.namedItem(name).value.trim();
+          if (value) {
+            query.set(name, value);
+          }
+        }
+        go(to("changes", { query }));
+      } } },
+    field("agent", "Agent", { placeholder: "account/name" }), field("group", "Group"), field("test", "Test"),
+    h("div", { class: "field" }, h("label", { for: "changes-outcome", text: "Outcome" }), choice),
+    field("revision", "Revision", { inputmode: "numeric", pattern: "[0-9]*" }),
+    h("button", { type: "submit", text: "Show" }),
+    wanted.size > 0 ? h("a", { class: "button quiet", href: to("changes"), text: "Show all" }) : null));
+  }
+
+  /* ---- those that are not confirmed ---- */
+
+  let openOnes = [];
+  let openTable = null;
+  let lastAsked = 0;
+
+  async function readOpen() {
+    const mine = asks;
+    lastAsked = performance.now();
+    try {
+      const all = await api.pages(path, { ...Object.fromEntries(wanted), open: 1 },
+        { limit: openAtOnce, most: openAtOnce, signal: stop.signal });
+      if (!isOpen || mine !== asks) {
+        return;
+      }
+      openOnes = all;
+      showOpen(all.next !== null);
+    } catch (problem) {
+      if (isOpen && mine === asks) {
+        openTable = null;
+        headed(openPlace, "changes-open", "Not confirmed", failure(problem, readOpen));
+      }
+    }
+  }
+
+  let said = "";
+  function showOpen(isMore) {
+    const count = `${openOnes.length}${isMore ? " and more" : ""}`;
+    const text = openOnes.length === 0 ? "Every change is confirmed."
+      : `${isMore ? `${openOnes.length} changes and more are` : `${plural(openOnes.length, "change")} ` +
+        (openOnes.length === 1 ? "is" : "are")} not confirmed.`;
+    if (text !== said) {
+      said = text;
+      standing.textContent = text;
+    }
+    if (openOnes.length === 0) {
+      openTable = null;
+      headed(openPlace, "changes-open", "Not confirmed", emptyState(
+        wanted.size > 0 ? "None of these is open" : "Every change is confirmed",
+        "A change is confirmed when a result comes that was found with it. Until then it stands here, with " +
+        "the reason."));
+      return;
+    }
+    if (!openTable) {
+      openTable = changesTable("Changes that are not confirmed");
+      headed(openPlace, "changes-open", "Not confirmed ", openTable);
+      openPlace.querySelector("h2").append(h("span", { class: "note" }));
+    }
+    openPlace.querySelector("h2 .note").textContent = `(${count})`;
+    openTable.update(openOnes);
+  }
+
+  /* ---- all ---- */
+
+  let shown = [];
+  let next = null;
+  let allTable = null;
+  const more = h("p", { class: "more" }, h("button", {
+    type: "button", text: "Show more", on: { click: () => busy(readAll(next), more) },
+  }));
+
+  async function readAll(behind = null) {
+    const mine = asks;
+    try {
+      const page = await api.get(path, {
+        query: { ...Object.fromEntries(wanted), limit: allAtOnce, next: behind }, signal: stop.signal,
+      });
+      if (!isOpen || mine !== asks) {
+        return;
+      }
+      shown = behind ? [...shown, ...page.items] : page.items;
+      next = page.next;
+      showAll();
+    } catch (problem) {
+      if (isOpen && mine === asks) {
+        allTable = null;
+        headed(allPlace, "changes-all", "All changes", failure(problem, () => readAll(behind)));
+      }
+    }
+  }
+
+  function showAll() {
+    more.hidden = !next;
+    if (shown.length === 0 && !next) {
+      allTable = null;
+      headed(allPlace, "changes-all", "All changes", wanted.size > 0
+        ? emptyState("No such change", "Look with fewer words.",
+          h("a", { class: "button", href: to("changes"), text: "Show all" }))
+        : emptyState("No change yet", "When a fleet file is applied, what changes on each agent stands here.",
+          h("a", { class: "button", href: to("fleet"), text: "The fleet file" })));
+      return;
+    }
+    if (!allTable) {
+      allTable = changesTable("All changes, newest first");
+      headed(allPlace, "changes-all", "All changes, newest first", allTable, more);
+    }
+    allTable.update(shown);
+  }
+
+  /* ---- live ---- */
+
+  let timer = 0;
+  stops.push(() => clearTimeout(timer));
+  function readOpenSoon() {
+    clearTimeout(timer);
+    timer = setTimeout(readOpen, Math.max(againAfterMs, lastAsked + againAtLeastMs - performance.now()));
+  }
+
+  /* Whether a new one fits the filters is asked; with none all fit. */
+  function take(messages) {
+    const known = new Map(shown.map((each, i) => [each.id, i]));
+    const isKnownOpen = new Set(openOnes.map(({ id }) => id));
+    let isNew = false;
+    for (const { data } of messages) {
+      if (known.has(data.id)) {
+        shown[known.get(data.id)] = data;
+      } else if (wanted.size === 0 && (shown.length === 0 || data.id > shown.at(-1).id || !next)) {
+        known.set(data.id, shown.push(data) - 1);
+      } else {
+        isNew ||= wanted.size > 0;
+      }
+      if (isKnownOpen.has(data.id)) {
+        openOnes = data.outcome === "confirmed" ? openOnes.filter(({ id }) => id !== data.id)
+          : openOnes.map((each) => (each.id === data.id ? data : each));
+      }
+      if (data.outcome === "impossible") {
+        announce(`${testName(data)} on ${oneLine(data.agent.name, 100)} cannot be.`);
+      }
+    }
+    shown.sort((a, b) => b.id - a.id);
+    if (isNew && shown.length <= allAtOnce) {
+      readAll();
+    } else {
+      showAll();
+    }
+    if (openTable) {
+      showOpen(openOnes.length >= openAtOnce);
+    }
+    readOpenSoon();
+  }
+
+  stops.push(live.on("change", take), live.on("lost", () => {
+    readOpenSoon();
+    readAll();
+  }));
+
+  function begin() {
+    asks++;
+    openOnes = [];
+    shown = [];
+    next = null;
+    openTable = null;
+    allTable = null;
+    showForm();
+    fill(openPlace, h("h2", { id: "changes-open", text: "Not confirmed" }));
+    fill(allPlace, h("h2", { id: "changes-all", text: "All changes" }));
+    busy(readOpen(), openPlace);
+    busy(readAll(), allPlace);
+  }
+  begin();
+
+  return {
+    update(now) {
+      wanted = wantedIn(now.query);
+      begin();
+    },
+    close() {
+      isOpen = false;
+      for (const each of stops) {
+        each();
+      }
+    },
+  };
+}

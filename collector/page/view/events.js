@@ -1,0 +1,513 @@
+/* Events: what changed when, the newest first, by the reader's days. What is filtered stands in the
+ * address, so that it can be kept and passed on. New ones come in by themselves, but never move what
+ * somebody reads: then they wait behind a button. */
+import { to } from "../base/address.js";
+import { natural } from "../base/order.js";
+import { clean, exact, plural, stateWord } from "../base/text.js";
+import { announce, fill, h, keyed } from "../dom.js";
+import { agentLink, badge, busy, emptyState, failure, message, testLink } from "../parts.js";
+
+const path = "/api/v1/events";
+const filters = ["state", "agent", "group", "type", "test", "q", "from", "to"];
+const states = ["problem", "unknown", "silent", "ok"];
+const types = ["network", "discovery", "process", "cpu", "disk", "memory", "ping", "http", "snmp",
+  "load average",
+  "snmp table", "mysql"];
+const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400;
+
+/* ---- times of the reader ---- */
+
+const two = (number) => String(number).padStart(2, "0");
+
+function dayOf(iso) {
+  const day = new Date(iso);
+  return `${day.getFullYear()}-${two(day.getMonth() + 1)}-${two(day.getDate())}`;
+}
+
+function dayText(key, now = new Date()) {
+  const yesterday = new Date(now);
+  yesterday.setDate(now.getDate() - 1);
+  const day = new Date(`${key}T12:00:00`);
+  const text = day.toLocaleDateString("en-GB", { weekday: "long", day: "numeric", month: "long",
+    year: day.getFullYear() === now.getFullYear() ? undefined : "numeric" });
+  return key === dayOf(now) ? `Today, ${text}` : key === dayOf(yesterday) ? `Yesterday, ${text}` : text;
+}
+
+/* The day stands above. */
+function timeOfDay(iso) {
+  const time = new Date(iso);
+  return h("time", { datetime: iso, title: exact(iso),
+    text: `${two(time.getHours())}:${two(time.getMinutes())}` });
+}
+
+/** As an input of date and time has it; "" for what is no time. */
+function asTyped(iso) {
+  const time = new Date(iso ?? NaN);
+  return Number.isNaN(time.getTime()) ? ""
+    : `${dayOf(time)}T${two(time.getHours())}:${two(time.getMinutes())}`;
+}
+
+function fromTyped(text) {
+  const time = new Date(text || NaN);
+  return Number.isNaN(time.getTime()) ? "" : time.toISOString().replace(/\.\d+Z$/, "Z");
+}
+
+/* ---- what is wanted ---- */
+
+/* The same query has the same text. */
+const textOf = (query) => JSON.stringify(filters.map((name) => query.get(name) ?? ""));
+
+function wantedIn(query) {
+  return new Map(filters.filter((name) => query?.get(name)).map((name) => [name, query.get(name)]));
+}
+
+/**
+ * Whether the server would have let it through; it says of new ones nothing but that they came.
+ * @param {Object} event
+ * @param {Map<string, string>} query
+ * @param {Set<number>|null} members of the group; null: not known
+ */
+function isWanted(event, query, members) {
+  const has = (name, test) => !query.has(name) || test(query.get(name));
+  const inText = (text, part) => (text ?? "").toLowerCase().includes(part);
+  const { agent, test } = event;
+  return has("state", (list) => list.split(",").some((each) => each === event.to || (each === "stale"
+    && event.stale)))
+    && has("agent", (called) => called === String(agent.id) || called === `${agent.account}/${agent.name}`)
+    && has("group", () => members?.has(agent.id))
+    && has("type", (list) => test !== null && list.split(",").includes(test.type))
+    && has("test", (id) => test !== null && id === String(test.id))
+    && has("from", (from) => Date.parse(event.time) >= Date.parse(from))
+    && has("to", (end) => Date.parse(event.time) < Date.parse(end))
+    && has("q", (q) => {
+      const part = q.toLowerCase();
+      return [event.message, agent.name, agent.account, test?.name, test?.target].some((text) =>
+        inText(text, part));
+    });
+}
+
+const isBefore = (a, b) => Date.parse(b.time) - Date.parse(a.time) || b.id - a.id;
+
+function eventItem(event) {
+  const now = stateWord({ state: event.to, stale: event.stale });
+  return h("li", { class: "event", data: { state: now, key: event.id } },
+    h("span", { class: "event-time" }, timeOfDay(event.time)),
+    h("span", { class: "event-state" }, badge(event.from),
+      h("span", { aria: { hidden: "true" }, text: "→" }), h("span", { class: "hidden", text: "became" }),
+      badge(now)),
+    h("span", { class: "event-what" }, event.test ? [testLink(event.test), " on "] : "the agent ",
+      agentLink(event.agent)),
+    event.message ? h("div", { class: "event-message" }, message(event.message)) : null);
+}
+
+export const title = () => "Events";
+
+export async function open(place, params, context) {
+  const { api, live, model, go } = context;
+  let query = wantedIn(params.query);
+  let known = new Map(), coming = []; /* shown, and those that wait behind the button */
+  let next = null, request = null, isClosed = false, members = null;
+  let unsaid = 0, saidAt = 0, hasBeenLive = live.state.state === "live";
+
+  /* ---- the filters ---- */
+
+  const boxes = states.map((state) => h("input", { type: "checkbox", value: state }));
+  const agent = h("input", { id: "events-agent", type: "text", list: "events-agents", autocomplete: "off",
+    autocapitalize: "none", spellcheck: "false" });
+  const group = h("input", { id: "events-group", type: "text", list: "events-groups", autocomplete: "off",
+    autocapitalize: "none", spellcheck: "false" });
+  const type = h("select", { id: "events-type" }, h("option", { value: "", text: "all" }),
+    types.map((each) => h("option", { value: each, text: each })));
+  const q = h("input", { id: "events-q", type: "search", autocomplete: "off", spellcheck: "false" });
+  const from = h("input", { id: "events-from", type: "datetime-local" });
+  const until = h("input", { id: "events-to", type: "datetime-local" });
+  const clear = h("button", { type: "button", class: "quiet", text: "Clear",
+    on: { click: () => use(new Map()) } });
+  const ofTest = h("p", { class: "note" });
+  const agentNames = h("datalist", { id: "events-agents" }), groupNames = h("datalist",
+    { id: "events-groups" });
+  const field = (input, label, wide = false) =>
+    h("div", { class: wide ? "field wide" : "field" }, h("label", { for: input.id, text: label }), input);
+
+  /* An agent is called by its name where that is clear. */
+  function agentTyped() {
+    const text = agent.value.trim();
+    if (!text || text.includes("/") || /^\d+$/.test(text)) {
+      return text;
+    }
+    const found = [...model.agents.values()].filter((each) => each.name === text);
+    return found.length === 1 ? `${found[0].account}/${found[0].name}` : text;
+  }
+
+  function agentShown(called) {
+    const found = /^\d+$/.test(called ?? "") ? model.agents.get(Number(called)) : null;
+    return found ? `${found.account}/${found.name}` : called ?? "";
+  }
+
+  function typed() {
+    const wanted = new Map();
+    const put = (name, value) => (value ? wanted.set(name, value) : null);
+    put("state", boxes.filter((box) => box.checked).map((box) => box.value).join(","));
+    put("agent", agentTyped());
+    put("group", group.value.trim());
+    put("type", type.value);
+    put("test", query.get("test"));
+    put("q", q.value.trim());
+    /* What the fields cannot show exactly stays as it was. */
+    put("from", from.value === asTyped(query.get("from")) ? query.get("from") : fromTyped(from.value));
+    put("to", until.value === asTyped(query.get("to")) ? query.get("to") : fromTyped(until.value));
+    return wanted;
+  }
+
+  function showQuery() {
+    const on = (query.get("state") ?? "").split(",");
+    for (const box of boxes) {
+      box.checked = on.includes(box.value) || (box.value === "unknown" && on.includes("stale"));
+    }
+    const set = (input, value) => {
+      if (input.value !== value && input !== document.activeElement) {
+        input.value = value;
+      }
+    };
+    set(agent, agentShown(query.get("agent")));
+    set(group, query.get("group") ?? "");
+    if (query.get("type")?.includes(",") && ![...type.options].some((each) =>
+      each.value === query.get("type"))) {
+      type.append(h("option", { value: query.get("type"), text: clean(query.get("type")) }));
+    }
+    set(type, query.get("type") ?? "");
+    set(q, query.get("q") ?? "");
+    set(from, asTyped(query.get("from")));
+    set(until, asTyped(query.get("to")));
+    clear.hidden = query.size === 0;
+    fill(ofTest, query.has("test") ? ["Only those of one test. ",
+      testLink({ id: query.get("test"), name: "The test" })]
+      : null);
+    ofTest.hidden = !query.has("test");
+  }
+
+  function use(wanted) {
+    clearTimeout(typing);
+    if (textOf(wanted) === textOf(query)) {
+      return;
+    }
+    query = wanted;
+    if (wanted.size === 0) {
+      form.reset();
+    }
+    showQuery();
+    go(to("events", { query }), { replace: true });
+    begin();
+  }
+
+  let typing = 0;
+  const useSoon = () => {
+    clearTimeout(typing);
+    typing = setTimeout(() => use(typed()), typedMs);
+  };
+
+  /* Names to choose from, once somebody is about to. */
+  async function offerNames() {
+    if (agentNames.children.length > 0 || groupNames.children.length > 0) {
+      return;
+    }
+    let agents = [...model.agents.values()];
+    if (agents.length === 0) {
+      try {
+        agents = (await api.get("/api/v1/agents", { query: { limit: 1000 } })).items;
+      } catch { /* then they are typed */
+        return;
+      }
+    }
+    const names = agents.map((each) => `${each.account}/${each.name}`).sort(natural);
+    fill(agentNames, names.slice(0, 1000).map((name) => h("option", { value: name })));
+    const groups = [...new Set(agents.flatMap((each) => each.groups ?? []))].sort(natural);
+    fill(groupNames, groups.map((name) => h("option", { value: name })));
+  }
+
+  const form = h("form", { class: "filters", role: "search", aria: { label: "Which events" }, on: {
+    submit: (event) => {
+      event.preventDefault();
+      use(typed());
+    },
+    change: () => use(typed()),
+    input: (event) => (event.target === q ? useSoon() : null),
+  } },
+  h("fieldset", { class: "field wide" }, h("legend", { text: "Changes to" }), h("div", { class: "row" },
+    boxes.map((box) => h("label", { class: "check" }, box, badge(box.value))))),
+  field(q, "Text in it", true), field(agent, "Agent"), field(group, "Group"), field(type, "Type of test"),
+  field(from, "From"), field(until, "To"), clear, agentNames, groupNames);
+  agent.addEventListener("focus", offerNames);
+  group.addEventListener("focus", offerNames);
+
+  /* ---- the list ---- */
+
+  const status = h("div"), none = h("div"), days = h("div"), more = h("div", { class: "more" });
+  const newOnes = h("div");
+  newOnes.style.position = "sticky";
+  newOnes.style.top = "0.5rem";
+  newOnes.style.zIndex = "1";
+  newOnes.style.minHeight = "2.25rem"; /* what comes in it moves nothing */
+  const older = h("button", { type: "button", text: "Show older ones", on: { click: () => readOlder() } });
+  const moreSaid = h("span", { class: "note", tabindex: "-1" });
+
+  function makeDay(day) {
+    const list = h("ol", { class: "timeline" });
+    const section = h("section", null, h("h2", { class: "timeline-day", tabindex: "-1" }), list);
+    updateDay(section, day);
+    return section;
+  }
+
+  function updateDay(section, day) {
+    const text = dayText(day.key);
+    if (section.firstChild.textContent !== text) {
+      section.firstChild.textContent = text;
+    }
+    /* Events never change: as many of them, from the same first one on, are the same. */
+    const version = `${day.events[0].id} ${day.events.at(-1).id} ${day.events.length}`;
+    if (section.dataset.version !== version) {
+      section.dataset.version = version;
+      keyed(section.lastChild, day.events, (event) => event.id, eventItem);
+    }
+  }
+
+  function show() {
+    const byDay = new Map();
+    for (const event of [...known.values()].sort(isBefore)) {
+      const key = dayOf(event.time);
+      if (!byDay.has(key)) {
+        byDay.set(key, { key, events: [] });
+      }
+      byDay.get(key).events.push(event);
+    }
+    fill(none, known.size > 0 || next !== null || request ? null : query.size > 0
+      ? emptyState("No event is like that", "Take a filter away, or look at a longer time.",
+      h("button", { type: "button",
+        text: "Clear all filters", on: { click: () => use(new Map()) } }))
+      : emptyState("Nothing has happened yet", "An event is a change of state of a test or an agent. They "
+      + "come in here by themselves once agents report. How to have a host report: Admission, or vindralctl "
+        + "enrol."));
+    showMore();
+    return keyed(days, byDay.values(), (day) => day.key, makeDay, updateDay);
+  }
+
+  function showMore() {
+    older.hidden = next === null;
+    moreSaid.textContent = known.size === 0 ? "" : next === null
+      ? `${plural(known.size, "event")}. There are no older ones.`
+      : plural(known.size, "event");
+  }
+
+  function showNew() {
+    if (coming.length > 0) {
+      fill(newOnes, h("button", { type: "button", class: "primary",
+        text: `Show ${plural(coming.length, "new event")}`,
+        on: { click: takeComing } }));
+    } else {
+      fill(newOnes, h("p", { class: "note", text: query.has("to") && Date.parse(query.get("to")) <= Date.now()
+        ? "Nothing new comes in: the time ends before now." : "New ones come in by themselves." }));
+    }
+  }
+
+  function takeComing() {
+    for (const event of coming.splice(0)) {
+      known.set(event.id, event);
+    }
+    showNew();
+    show();
+    window.scrollTo({ top: 0 });
+    days.querySelector("h2")?.focus({ preventScroll: true });
+  }
+
+  /* ---- reading ---- */
+
+  async function page(signal, behind = null) {
+    const asked = { ...Object.fromEntries(query), limit: atOnce };
+    if (behind !== null) {
+      asked.next = behind;
+    }
+    return api.get(path, { query: asked, signal });
+  }
+
+  /* An answer looks at so many events, and may have none of those that are wanted. */
+  async function read(signal, behind = null) {
+    let count = 0, at = behind;
+    for (let i = 0; i < mostPagesUnasked; i++) {
+      const answer = await page(signal, at);
+      signal.throwIfAborted();
+      for (const event of answer.items) {
+        known.set(event.id, event);
+      }
+      count += answer.items.length;
+      at = answer.next;
+      if (at === null || count >= atOnce / 2) {
+        break;
+      }
+    }
+    next = at;
+    return count;
+  }
+
+  /* The stream does not say in which groups an agent is. */
+  async function readMembers(signal) {
+    const agents = await api.pages("/api/v1/agents", { group: query.get("group") }, { signal });
+    if (!signal.aborted) {
+      members = new Set(agents.map((each) => each.id));
+    }
+  }
+
+  async function begin() {
+    request?.abort();
+    const mine = request = new AbortController();
+    known = new Map();
+    coming = [];
+    next = null;
+    fill(status);
+    showNew();
+    show();
+    try {
+      members = null;
+      await busy(Promise.all([read(mine.signal), query.has("group") ? readMembers(mine.signal) : null]),
+        status,
+        "Loading events");
+      if (request === mine) {
+        request = null;
+        await show();
+      }
+    } catch (problem) {
+      if (request === mine && !isClosed) {
+        request = null;
+        showMore();
+        fill(status, failure(problem, begin));
+      }
+    }
+  }
+
+  async function readOlder() {
+    if (request) {
+      return;
+    }
+    const mine = request = new AbortController();
+    older.disabled = true;
+    fill(status);
+    try {
+      const count = await busy(read(mine.signal, next), more, "Loading older events");
+      if (request === mine) {
+        request = null;
+        const isEnd = next === null;
+        await show();
+        announce(`${plural(count, "older event")}${isEnd ? ", the last ones" : ""}.`);
+        if (isEnd) {
+          moreSaid.focus({ preventScroll: true });
+        }
+      }
+    } catch (problem) {
+      if (request === mine && !isClosed) {
+        request = null;
+        fill(status, failure(problem, readOlder));
+      }
+    } finally {
+      older.disabled = false;
+    }
+  }
+
+  /* ---- live ---- */
+
+  function isReading() {
+    const chosen = document.getSelection();
+    return days.getBoundingClientRect().top < 0 || days.contains(document.activeElement)
+      || (chosen && !chosen.isCollapsed && days.contains(chosen.anchorNode));
+  }
+
+  function take(events) {
+    const fresh = events.filter((event) => !known.has(event.id)
+      && !coming.some((each) => each.id === event.id)
+      && isWanted(event, query, members));
+    if (fresh.length === 0) {
+      return;
+    }
+    if (isReading()) {
+      coming.push(...fresh);
+      showNew();
+    } else {
+      for (const event of fresh) {
+        known.set(event.id, event);
+      }
+      show();
+    }
+    unsaid += fresh.length;
+    if (Date.now() - saidAt > announcedEachMs) {
+      announce(`${plural(unsaid, "new event")}.`);
+      unsaid = 0;
+      saidAt = Date.now();
+    }
+  }
+
+  /* What was missed is read back to what is known; when that is far, the list begins anew. */
+  async function catchUp() {
+    const newest = [...known.values()].sort(isBefore)[0];
+    if (!newest || request) {
+      begin();
+      return;
+    }
+    const asked = textOf(query);
+    try {
+      let behind = null;
+      for (let i = 0; i < mostPagesUnasked; i++) {
+        const answer = await page(undefined, behind);
+        if (isClosed || textOf(query) !== asked) {
+          return;
+        }
+        const meets = answer.next === null || answer.items.some((event) => known.has(event.id));
+        take(answer.items);
+        if (meets) {
+          return;
+        }
+        behind = answer.next;
+      }
+      begin();
+    } catch (problem) {
+      if (!isClosed) {
+        fill(status, failure(problem, begin));
+      }
+    }
+  }
+
+  const offs = [
+    live.on("event", (messages) => take(messages.map((each) => each.data))),
+    live.on("lost", catchUp),
+    live.onState(({ state }) => {
+      if (state === "live" && !hasBeenLive) { /* what came before the stream began */
+        hasBeenLive = true;
+        catchUp();
+      }
+    }),
+  ];
+
+  fill(more, older, moreSaid);
+  fill(place,
+    h("header", { class: "head" }, h("h1", { tabindex: "-1", text: "Events" }),
+      h("p", { class: "lead", text: "Each change of state of a test or an agent, the newest first." })),
+    h("div", { class: "stack" }, h("div", { class: "panel" }, form, ofTest),
+      h("section", { aria: { label: "Events" } }, newOnes, status, none, days, more)));
+  showQuery();
+  begin();
+
+  return {
+    update(now) {
+      const wanted = wantedIn(now.query);
+      if (textOf(wanted) !== textOf(query)) { /* went back, or followed a link */
+        query = wanted;
+        form.reset();
+        showQuery();
+        begin();
+      }
+    },
+    close() {
+      isClosed = true;
+      clearTimeout(typing);
+      request?.abort();
+      offs.forEach((off) => off());
+    },
+  };
+}

@@ -1,0 +1,515 @@
+/* What is wrong now, the worst first; then all agents as tiles; and where one types, agents and
+ * tests that are like it. Two requests fill it, the stream goes on from there. Thousands of rows are
+ * made in slices, and those that stay the same are not touched. */
+import { to } from "../base/address.js";
+import { byTest, stateRank } from "../base/order.js";
+import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
+import { announce, fill, h, keyed } from "../dom.js";
+import { agentLink, badge, busy, emptyState, failure, message, setBadge, testLink,
+  timeElement } from "../parts.js";
+
+const mostProblems = 3000, mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
+const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500;
+const states = ["problem", "silent", "unknown", "ok"];
+
+const wordsOf = (text) => text.trim().toLowerCase().split(/\s+/).filter(Boolean);
+const longest = (words) => words.reduce((best, word) => (word.length > best.length ? word : best), "");
+
+function hasWords(words, ...texts) {
+  const all = texts.map((text) => text ?? "").join(" ").toLowerCase();
+  return words.every((word) => all.includes(word));
+}
+
+/* ---- pieces ---- */
+
+const versions = new WeakMap(); /* of elements: what they show */
+const objects = new WeakMap();  /* and of what: the model replaces an object that changes */
+
+/* Of a test or of an agent that is silent. */
+const keyOf = (item) => `${item.kind} ${item.of.id}`;
+const versionOf = ({ kind, of }) => [kind, of.state, of.stale, of.since, of.name, of.target, of.message,
+  of.last_poll,
+  of.agent?.name].join("\n");
+
+function fillProblem(element, { kind, of }) {
+  const state = stateWord(of);
+  element.dataset.state = state;
+  const since = of.since && state !== "ok"
+    ? h("div", { class: "problem-since" }, "for ", timeElement(of.since, { as: "since" })) : null;
+  if (kind === "agent") {
+    fill(element,
+      h("div", { class: "problem-title" }, badge(state), agentLink(of)),
+      since,
+      h("div", { class: "problem-where" }, of.last_poll
+        ? ["Its last poll came ", timeElement(of.last_poll, { as: "ago" }), of.address
+        ? ` from ${clean(of.address)}` : ""]
+        : "It does not poll", ". Does its host run, and reach the collector?"));
+    return;
+  }
+  const target = of.target && of.target !== of.name ? ` · ${oneLine(of.target, 200)}` : "";
+  const said = state !== "ok" && of.message ? of.message : "";
+  fill(element,
+    h("div", { class: "problem-title" }, badge(state), testLink(of)),
+    since,
+    h("div", { class: "problem-where" }, "on ", agentLink(of.agent), ` · ${clean(of.type)}`, target),
+    said ? h("div", { class: "problem-message" }, message(said)) : null);
+}
+
+function makeProblem(item) {
+  const element = h("li", { class: "problem", data: { key: keyOf(item) } });
+  objects.set(element, item.of);
+  versions.set(element, versionOf(item));
+  fillProblem(element, item);
+  return element;
+}
+
+function updateProblem(element, item) {
+  if (objects.get(element) === item.of) {
+    return;
+  }
+  objects.set(element, item.of);
+  const version = versionOf(item);
+  if (versions.get(element) !== version) {
+    versions.set(element, version);
+    fillProblem(element, item);
+  }
+}
+
+const tileVersion = ({ state, stale, name, tests }) =>
+  `${state} ${stale ?? ""} ${tests?.ok} ${tests?.problem} ${tests?.unknown} ${name}`;
+
+function tileNote({ tests }) {
+  const { ok = 0, problem = 0, unknown = 0 } = tests ?? {};
+  const all = ok + problem + unknown;
+  const bad = [problem > 0 ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown`
+    : ""].filter(Boolean);
+  return bad.length > 0 ? `${bad.join(", ")} of ${plural(all, "test")}` : plural(all, "test");
+}
+
+function makeTile(agent) {
+  const state = stateWord(agent);
+  const element = h("li", { data: { key: agent.id } },
+    h("a", { class: "tile", href: to("agent", { id: agent.id }), data: { state },
+      title: clean(`${agent.account}/${agent.name}`) },
+    h("span", { class: "tile-name" }),
+    h("span", { class: "tile-note" }, badge(state), " ", h("span"))));
+  updateTile(element, agent);
+  return element;
+}
+
+function updateTile(element, agent) {
+  if (objects.get(element) === agent) {
+    return;
+  }
+  objects.set(element, agent);
+  const version = tileVersion(agent);
+  if (versions.get(element) === version) {
+    return;
+  }
+  versions.set(element, version);
+  const state = stateWord(agent), tile = element.firstChild, note = tile.lastChild;
+  tile.dataset.state = state;
+  tile.firstChild.textContent = clean(agent.name) || "(no name)";
+  setBadge(note.firstChild, state);
+  note.lastChild.textContent = tileNote(agent);
+}
+
+export const title = () => "Now";
+
+export async function open(place, params, context) {
+  const { api, live, model, me, go } = context;
+  const leaving = new AbortController();
+  const { signal } = leaving;
+  const isOver = () => signal.aborted;
+  let hasAgents = model.agents.size > 0, hasTests = hasAgents,
+    left = false; /* more problems than are shown */
+  let chosen = null; /* a state: only tiles of it */
+
+  const lead = h("p", { class: "lead" }), status = h("div");
+  const noProblems = h("div"), problems = h("ol", { class: "problems" }), moreProblems = h("p",
+    { class: "more note" });
+  const problemsHeading = h("h2", { id: "now-problems", text: "What is wrong" });
+  const counts = h("ul", { class: "counts" }), noAgents = h("div"), tiles = h("ul", { class: "tiles" });
+  const agentsHeading = h("h2", { id: "now-agents", text: "Agents" });
+
+  /* ---- what is wrong ---- */
+
+  const itemOf = (entry) => ({ kind: entry.kind, of: entry[entry.kind] });
+
+  function showProblems() {
+    const all = model.worstFirst().map(itemOf);
+    problemsHeading.textContent = all.length > 0 ? `What is wrong (${number(all.length)}${left ? " and "
+      + "more" : ""})`
+      : "What is wrong";
+    fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
+      : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
+        "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
+    fill(moreProblems, left
+      ? `There are more than ${mostProblems} tests that are not ok: these are some of them. `
+      + "All of an agent stand on its own screen." : null);
+    moreProblems.hidden = !left;
+    problems.hidden = all.length === 0;
+    return keyed(problems, all, keyOf, makeProblem, updateProblem);
+  }
+
+  /* ---- agents ---- */
+
+  const countButtons = new Map(states.map((state) => [state, { number: h("b", { text: "0" }) }]));
+  for (const [state, it] of countButtons) {
+    it.button = h("button", { type: "button", class: "count", aria: { pressed: "false" }, on: { click: () => {
+      chosen = chosen === state ? null : state;
+      showAgents();
+    } } }, badge(state), it.number);
+    it.item = h("li", null, it.button);
+    counts.append(it.item);
+  }
+  counts.setAttribute("aria-label", "Agents by state; each shows those of one");
+
+  function showAgents() {
+    const now = model.counts();
+    const total = model.agents.size;
+    if (chosen && !(now[chosen] > 0)) {
+      chosen = null;
+    }
+    for (const [state, { button, number: count, item }] of countButtons) {
+      count.textContent = number(now[state] ?? 0);
+      item.hidden = !(now[state] > 0);
+      button.setAttribute("aria-pressed", String(chosen === state));
+    }
+    counts.hidden = total === 0;
+    agentsHeading.textContent = total > 0 ? plural(total, "agent") : "Agents";
+    lead.textContent = !hasAgents ? "" : total === 0 ? "" : leadText(now, total);
+    fill(noAgents, !hasAgents || total > 0 ? null : emptyState("No agent has reported yet",
+      h("p", null, "Install the agent on a host and have it poll this collector. ", me?.role === "admin"
+        ? "The command that does so for one host is made under Admission; hosts that ask by themselves wait "
+        + "there, too."
+        : "Who has the role admin makes the command for a host, under Admission.", " It appears here by "
+        + "itself."),
+      me?.role === "admin" ? h("a", { class: "button primary", href: to("admission"), text: "Have a host "
+        + "report" }) : null));
+    const all = model.sortedAgents("state");
+    return keyed(tiles, chosen ? all.filter((agent) => (agent.state === chosen)) : all,
+      (agent) => agent.id, makeTile,
+      updateTile);
+  }
+
+  function leadText(now, total) {
+    const parts = [now.problem > 0 ? `${now.problem} with problems` : "", now.silent > 0
+      ? `${now.silent} silent` : "",
+      now.unknown > 0 ? `${now.unknown} unknown` : ""].filter(Boolean);
+    return parts.length === 0 ? `${total === 1 ? "The agent is" : `All ${number(total)} agents are`} ok.`
+      : `Of ${plural(total, "agent")} ${parts.join(", ")}, ${number(now.ok)} ok.`;
+  }
+
+  /* ---- search ---- */
+
+  const q = h("input", { id: "now-q", type: "search", autocomplete: "off", autocapitalize: "none", spellcheck: "false",
+    placeholder: "Name, target, group, address" });
+  const foundStatus = h("div"), noneFound = h("div"), moreFound = h("p", { class: "note" });
+  const foundTiles = h("ul", { class: "tiles" }), foundTests = h("ol", { class: "problems" });
+  const foundHeading = h("h2", { id: "now-found", text: "Found" });
+  let words = [], asking = null, typing = 0, saying = 0;
+  let found = new Map(); /* tests that the collector found, by id */
+  let foundAll = true, hits = [];
+
+  const isLike = (test) => hasWords(words, test.name, test.target, test.type, test.group, test.agent.name,
+    test.agent.account);
+
+  function showFound() {
+    const { agents, tests } = model.search(words);
+    /* What is known by the stream is newer than what was found. */
+    const all = new Map([...[...found.values()].filter(isLike), ...tests].map((test) => [test.id, test]));
+    const sorted = [...all.values()].sort((a, b) => stateRank(a.state) - stateRank(b.state) || byTest(a, b));
+    hits = [...agents.map((of) => to("agent", { id: of.id })),
+      ...sorted.map((of) => to("test", { id: of.id }))];
+    const more = !foundAll || sorted.length > mostFound;
+    foundHeading.textContent = `${plural(agents.length, "agent")}, ${more ? `${mostFound} tests and more`
+      : plural(sorted.length, "test")}`;
+    fill(noneFound, hits.length > 0 || asking ? null : emptyState("Nothing is like that",
+      "Names, targets, types and groups of tests and agents are searched, and agents' addresses: fewer "
+        + "letters find more."));
+    fill(moreFound, more ? "There are more tests like that: type more of the name." : null);
+    moreFound.hidden = !more;
+    foundTiles.hidden = agents.length === 0;
+    foundTests.hidden = sorted.length === 0;
+    keyed(foundTiles, agents, (agent) => agent.id, makeTile, updateTile);
+    return keyed(foundTests, sorted.slice(0, mostFound).map((of) => ({ kind: "test", of })), keyOf,
+      makeProblem, updateProblem);
+  }
+
+  async function askForTests() {
+    asking?.abort();
+    const mine = asking = new AbortController();
+    fill(foundStatus);
+    try {
+      const items = [];
+      let next = null;
+      /* The collector looks for one text; the other words are looked for here. */
+      for (let pages = 0; pages < 3; pages++) {
+        const answer = await api.get("/api/v1/tests", { signal: mine.signal, query: { q: longest(words),
+          limit: 300, next } });
+        items.push(...answer.items.filter(isLike));
+        next = answer.next;
+        if (next === null || items.length >= mostFound) {
+          break;
+        }
+      }
+      if (asking === mine) {
+        asking = null;
+        found = new Map(items.map((test) => [test.id, test]));
+        foundAll = next === null;
+        showFound();
+        clearTimeout(saying);
+        saying = setTimeout(() => announce(hits.length === 0 ? "Nothing found."
+          : `Found ${foundHeading.textContent}.`),
+          foundSaidMs);
+      }
+    } catch (problem) {
+      if (asking === mine && !isOver()) {
+        asking = null;
+        fill(foundStatus, failure(problem, () => askForTests()));
+      }
+    }
+  }
+
+  function search(text) {
+    words = wordsOf(text);
+    const isSearch = words.length > 0;
+    foundSection.hidden = !isSearch;
+    nowSections.hidden = isSearch;
+    if (isSearch) {
+      found = new Map([...found].filter(([, test]) => isLike(test)));
+      busy(askForTests(), foundStatus, "Searching");
+      showFound();
+    } else {
+      clearTimeout(saying);
+      asking?.abort();
+      asking = null;
+      found = new Map();
+      show();
+    }
+  }
+
+  function typed() {
+    clearTimeout(typing);
+    const text = q.value.trim();
+    if (wordsOf(text).join(" ") !== words.join(" ")) {
+      search(text);
+      go(to("now", { query: { q: text } }), { replace: true });
+    }
+  }
+
+  const form = h("form", { role: "search", class: "filters", aria: { label: "Agents and tests" }, on: {
+    submit: (event) => {
+      event.preventDefault();
+      typed();
+      if (!asking && hits.length === 1) {
+        go(hits[0]);
+      }
+    },
+    input: () => {
+      clearTimeout(typing);
+      typing = setTimeout(typed, typedMs);
+    },
+  } }, h("div", { class: "field wide" }, h("label", { for: "now-q", text: "Search agents and tests" }), q));
+
+  /* ---- live ---- */
+
+  const changed = { agents: false, tests: false };
+  let showing = 0, newOnes = [], newSaidAt = 0, newTimer = 0;
+
+  function show() {
+    clearTimeout(showing);
+    showing = 0;
+    const { agents, tests } = changed;
+    changed.agents = changed.tests = false;
+    if (words.length > 0) {
+      return showFound();
+    }
+    return Promise.all([agents ? showAgents() : null, agents || tests ? showProblems() : null]);
+  }
+
+  function showSoon() {
+    showing ||= setTimeout(show, showEachMs);
+  }
+
+  function sayNew() {
+    clearTimeout(newTimer);
+    const wait = newSaidAt + newSaidEachMs - Date.now();
+    if (wait > 0) {
+      newTimer = setTimeout(sayNew, wait);
+      return;
+    }
+    newSaidAt = Date.now();
+    const all = newOnes.splice(0);
+    announce(all.length === 1 ? all[0] : `${all.length} new problems.`);
+  }
+
+  function take(messages) {
+    for (const each of messages) {
+      if (each.kind === "lost") {
+        readAgain();
+        continue;
+      }
+      const other = model.takeMessage(each);
+      changed.agents ||= other.agents.size > 0;
+      changed.tests ||= other.tests.size > 0;
+      other.again.forEach((id) => again.add(id));
+      const { data } = each;
+      if (each.kind === "event") {
+        const test = data.test ? found.get(data.test.id) : null;
+        if (test) {
+          found.set(test.id, { ...test, state: data.to, stale: data.stale, since: data.time,
+            message: data.message });
+          changed.tests = true;
+        }
+        const isNews = other.agents.size > 0 || other.tests.size > 0;
+        if (isNews && (data.to === "problem" || data.to === "silent")) {
+          newOnes.push(data.test ? `${clean(data.test.name)} on ${clean(data.agent.name)} is a problem.`
+            : `${clean(data.agent.name)} is ${data.to}.`);
+        }
+      }
+    }
+    if (changed.agents || changed.tests) {
+      showSoon();
+    }
+    if (newOnes.length > 0) {
+      sayNew();
+    }
+    if (again.size > 0) {
+      againTimer ||= setTimeout(askAgain, againMs);
+    }
+  }
+
+  /* Agents of whose tests the stream did not say everything, as of those that are back from silence. */
+  const again = new Set();
+  let againTimer = 0;
+
+  async function askAgain() {
+    againTimer = 0;
+    const ids = [...again];
+    again.clear();
+    try {
+      if (ids.length > mostAskedOne) {
+        await readProblems();
+        return;
+      }
+      for (const id of ids) {
+        const items = await api.pages("/api/v1/tests", { agent: id, state: "problem,unknown" }, { signal });
+        changed.tests ||= model.addProblems(items).tests.size > 0;
+      }
+      if (!isOver() && changed.tests) {
+        showSoon();
+      }
+    } catch { /* the stream says what changes next; a list that is lost is said elsewhere */ }
+  }
+
+  /* ---- reading ---- */
+
+  async function readAgents() {
+    const isFirst = !hasAgents;
+    const all = await api.pages("/api/v1/agents", {}, { limit: 1000, signal, onPage: (items, { next }) => {
+      if (isFirst && next && !isOver()) {
+        model.addAgents(items);
+        changed.agents = true;
+        showSoon();
+      }
+    } });
+    if (isOver()) {
+      return;
+    }
+    model.setAgents(all);
+    hasAgents = changed.agents = true;
+    await show();
+  }
+
+  async function readProblems() {
+    const all = await api.pages("/api/v1/tests", { state: "problem,unknown" },
+      { limit: 1000, most: mostProblems, signal });
+    if (isOver()) {
+      return;
+    }
+    left = Boolean(all.next);
+    model.setProblems(all);
+    hasTests = changed.tests = true;
+    await show();
+  }
+
+  let reading = false, isAgain = false, hasBeenLive = live.state.state === "live", liveTimer = 0;
+
+  async function load() {
+    if (reading) {
+      isAgain = true;
+      return;
+    }
+    fill(status);
+    reading = true;
+    try {
+      await busy(Promise.all([readAgents(), readProblems()]), status, "Loading agents and what is wrong");
+    } catch (problem) {
+      if (!isOver()) {
+        fill(status, failure(problem, load));
+      }
+    } finally {
+      reading = false;
+      if (isAgain && !isOver()) {
+        isAgain = false;
+        load();
+      }
+    }
+  }
+
+  /* What was heard before counts no more. */
+  function readAgain() {
+    model.takeMessage({ kind: "lost", data: {} });
+    load();
+  }
+
+  /* What changed after the lists were made and before the stream began, nobody has said. */
+  function onState({ state }) {
+    if (state === "live" && !hasBeenLive) {
+      hasBeenLive = true;
+      liveTimer = setTimeout(readAgain, onceLiveMs);
+    }
+  }
+
+  const offs = [live.on("*", take), live.onState(onState)];
+
+  /* ---- the screen ---- */
+
+  const nowSections = h("div", { class: "stack" }, status,
+    h("section", { class: "stack tight", aria: { labelledby: "now-problems" } }, problemsHeading,
+      noProblems, problems,
+      moreProblems),
+    h("section", { class: "stack tight", aria: { labelledby: "now-agents" } }, agentsHeading, counts,
+      noAgents, tiles));
+  const foundSection = h("section", { class: "stack tight", hidden: true,
+    aria: { labelledby: "now-found" } }, foundHeading,
+    foundStatus, noneFound, foundTiles, foundTests, moreFound);
+  fill(place,
+    h("header", { class: "head" }, h("h1", { tabindex: "-1", text: "Now" }), lead),
+    h("div", { class: "stack" }, form, nowSections, foundSection));
+  if (hasAgents) { /* what was known when this was left, until it is read again */
+    changed.agents = changed.tests = true;
+    show();
+  }
+  const update = (now) => {
+    const text = now.query?.get("q") ?? "";
+    if (wordsOf(text).join(" ") !== words.join(" ")) {
+      q.value = text;
+      search(text);
+    }
+  };
+  update(params);
+  readAgain();
+
+  return {
+    update,
+    close() {
+      leaving.abort();
+      asking?.abort();
+      [showing, typing, saying, newTimer, againTimer, liveTimer].forEach((timer) => clearTimeout(timer));
+      offs.forEach((off) => off());
+    },
+  };
+}

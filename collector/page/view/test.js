@@ -1,0 +1,765 @@
+/* One test: how it stands, a curve of each of its values with limits and states, its last results,
+ * its events, and the lines of the fleet file that made it. The time that is looked at and the values
+ * that are chosen stand in the address. A time that ends now goes on by itself: results are drawn as
+ * they come, and the curve is asked for again now and then. */
+import { to } from "../base/address.js";
+import * as curves from "../base/series.js";
+import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
+import { findTest } from "../base/yamlPlace.js";
+import { createChart, prepare } from "../chart.js";
+import { announce, fill, h } from "../dom.js";
+import {
+  agentLink, badge, busy, emptyState, failure, message, setBadge, setTime, table, timeElement,
+} from "../parts.js";
+
+const day = 86400000;
+const twoYears = 730 * day; /* as long as hours are kept, unless the collector is told otherwise */
+const ranges = [["1h", "1 hour"], ["6h", "6 hours"], ["1d", "Day"], ["7d", "Week"], ["30d", "Month"],
+  ["2y", "Two years"]];
+const mostUnasked = 6, mostCharts = 24, mostButtons = 400; /* of values */
+const resultsAtOnce = 20, eventsAtOnce = 10, mostParts = 500, mostLines = 80;
+const mostResults = 400; /* that the page keeps of those that come by themselves */
+const leastAgainMs = 60000, mostAgainMs = 900000;
+
+export const title = () => "Test";
+
+/* ---- the time that is looked at ---- */
+
+const spanOf = (word) => (word === "2y" ? twoYears : curves.ranges[word]);
+
+/** @returns {{from: number, to: number, range: ?string}} with `range` it goes on with the time */
+function rangeIn(query, now = Date.now()) {
+  return query.get("range") === "2y" && !query.has("from") && !query.has("to")
+    ? { from: now - twoYears, to: now, range: "2y" }
+    : curves.readRange(query, now);
+}
+
+/* What ends now and is as long as one of the words is that word, and goes on. */
+function wordOf({ from, to: end }, now = Date.now()) {
+  const span = end - from;
+  const found = ranges.find(([word]) => Math.abs(spanOf(word) - span) < span / 100);
+  return found && end >= now - span / 100 ? found[0] : null;
+}
+
+const two = (value) => String(value).padStart(2, "0");
+
+/* As an input of date and time has it. */
+function asTyped(ms) {
+  const time = new Date(ms);
+  return `${time.getFullYear()}-${two(time.getMonth() + 1)}-${two(time.getDate())}` +
+    `T${two(time.getHours())}:${two(time.getMinutes())}`;
+}
+
+/* Names may have commas. */
+const writeNames = (names) => names.map((name) => name.replace(/[%,]/g, encodeURIComponent)).join(",");
+function readNames(text) {
+  return (text ?? "").split(",").filter(Boolean).map((name) => {
+    try {
+      return decodeURIComponent(name);
+    } catch {
+      return name;
+    }
+  });
+}
+
+/* ---- pieces ---- */
+
+const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
+
+function valuesText(values, definition) {
+  return Object.entries(values ?? {}).map(([name, { value, unit }]) =>
+    `${curves.valueLabel(definition, name)} ${oneLine(number(value, unit), 200)}`).join(", ");
+}
+
+/* What a pass was made of; it is put there when somebody opens it. */
+function partsElement(result) {
+  const parts = result.parts ?? [];
+  if (parts.length === 0) {
+    return null;
+  }
+  const place = h("div");
+  const details = h("details", null, h("summary", { text: plural(parts.length, "part") }), place);
+  details.addEventListener("toggle", () => {
+    const some = parts.slice(0, mostParts).map((part, i) => ({ ...part, i }));
+    fill(place, details.open ? [
+      table({
+        caption: "Parts of this result", captionHidden: true, rows: some, keyOf: (part) => part.i, columns: [
+          { title: "Name", heading: true, cell: (part) => oneLine(part.name, 500) || "–" },
+          { title: "Status", cell: (part) => part.status ?? "–" },
+          { title: "Values", cell: (part) => valuesText(part.values) || "–" },
+          { title: "Message", wide: true, cell: (part) => (part.message ? message(part.message) : null) },
+        ],
+      }),
+      parts.length > mostParts || result.parts_left_out
+        ? h("p", { class: "note", text: parts.length > mostParts
+          ? `The first ${mostParts} of ${parts.length}; the API has all of them.`
+          : "There were more than an answer has room for." }) : null,
+    ] : null);
+  });
+  return details;
+}
+
+function eventElement(event) {
+  return h("li", { class: "event", data: { key: event.id, state: stateWord({ state: event.to }) } },
+    h("span", { class: "event-time" }, timeElement(event.time)),
+    h("span", { class: "event-state" }, badge(stateWord({ state: event.to })),
+      h("span", { class: "note", text: `from ${event.from}` })),
+    h("div", { class: "event-what" }, event.message ? message(event.message) : null));
+}
+
+/* ---- the view ---- */
+
+export async function open(place, params, context) {
+  const { api, live, me, go } = context;
+  const id = Number(params.id);
+  const path = `/api/v1/tests/${id}`;
+  const isOperator = me?.role === "operator" || me?.role === "admin";
+  const stop = new AbortController();
+  const stops = [() => stop.abort()];
+  let isOpen = true;
+  let query = new Map(params.query);
+  let range = rangeIn(query);
+  let test = null;
+  let series = null;
+  let tails = new Map(); /* of the values: rows that came since the series was asked for */
+  let tailStrip = [];
+  let charts = new Map();
+  let asked = null; /* the request for the series that is under way */
+  let again = 0;
+  const before = []; /* queries to go back to */
+  let isGoingBack = false;
+
+  prepare().catch(() => {}); /* the chart says so when it is drawn */
+
+  const crumbs = h("nav", { class: "crumbs", aria: { label: "Where this is" } });
+  const heading = h("h1", { tabindex: "-1", text: "Test" });
+  const state = badge("unknown");
+  const standing = h("div", { class: "row lead" });
+  const facts = h("section", { class: "panel", aria: { label: "How it stands" } });
+  const tools = h("div", { class: "stack tight" });
+  const choice = h("div");
+  const trouble = h("div");
+  const plots = h("div", { class: "stack" });
+  const curve = h("section", { class: "panel stack tight", aria: { labelledby: "test-curve" } },
+    h("h2", { id: "test-curve", text: "Curve" }), tools, choice, trouble, plots);
+  const results = h("section", { class: "panel", aria: { labelledby: "test-results" } });
+  const events = h("section", { class: "panel", aria: { labelledby: "test-events" } });
+  const source = h("section", { class: "panel stack tight", aria: { labelledby: "test-source" } });
+  const all = h("div", { class: "stack" }, facts, curve, results,
+    h("div", { class: "columns" }, events, source));
+  all.hidden = true;
+  place.append(h("div", { class: "head" }, crumbs, heading, standing), all);
+
+  /* ---- how it stands ---- */
+
+  const since = timeElement(new Date(0).toISOString(), { as: "since" });
+  let headOf = "";
+  function showHead() {
+    setBadge(state, stateWord(test));
+    if (test.since) {
+      setTime(since, test.since);
+    }
+    const { name, target, type, agent } = test;
+    if (headOf === JSON.stringify([name, target, type, agent, !test.since])) {
+      return;
+    }
+    headOf = JSON.stringify([name, target, type, agent, !test.since]);
+    const called = clean(name) || "(no name)";
+    heading.textContent = called;
+    fill(crumbs, h("ol", null,
+      h("li", null, h("a", { href: to("now"), text: "Now" })),
+      h("li", null, agentLink(agent)),
+      h("li", { aria: { current: "page" }, text: called })));
+    fill(standing, state, test.since ? h("span", null, "for ", since) : null,
+      h("span", { class: "text",
+        text: type + (target && target !== name ? ` of ${oneLine(target, 300)}` : "") }));
+  }
+
+  /* What somebody has opened stays open when a result comes. */
+  let messageOf = null;
+  let messagePlace = null;
+  let told = null;
+  let toldOf = null;
+  function showFacts() {
+    const definition = test.definition;
+    const fact = (name, ...what) => [h("dt", { text: name }), h("dd", null, ...what)];
+    if (messageOf !== test.message) {
+      messageOf = test.message;
+      messagePlace = messageOf ? h("div", { class: "stack tight" }, message(messageOf)) : null;
+    }
+    if (toldOf !== JSON.stringify(definition?.fields)) {
+      toldOf = JSON.stringify(definition?.fields);
+      const fields = Object.entries(definition?.fields ?? {});
+      const textOf = (value) => (typeof value === "object" ? JSON.stringify(value) : String(value));
+      told = fields.length > 0 ? h("details", null, h("summary", { text: plural(fields.length, "field") }),
+        h("dl", { class: "facts" },
+          fields.map(([name, value]) => fact(clean(name), oneLine(textOf(value), 1000))))) : null;
+    }
+    fill(facts, messagePlace,
+      h("dl", { class: "facts", data: { key: "facts" } },
+        fact("Agent", agentLink(test.agent)),
+        fact("Last result", test.time
+          ? [timeElement(test.time), " (", timeElement(test.time, { as: "ago" }), ")"] : "none has come yet"),
+        test.status ? fact("Status", clean(test.status)) : null,
+        Object.keys(test.values ?? {}).length > 0
+          ? fact("Values", oneLine(valuesText(test.values, definition), 2000)) : null,
+        definition ? fact("Judged by revision", String(definition.location ?? "–"),
+          definition.since ? [", which it has since ", timeElement(definition.since)] : "") : null,
+        told ? fact("What it is told", told) : null),
+      test.incomplete
+        ? h("p", { class: "note", text: `Not everything could be read: ${clean(test.incomplete)}` }) : null);
+  }
+
+  async function readTest() {
+    test = await api.get(path, { signal: stop.signal });
+    if (isOpen) {
+      showHead();
+      showFacts();
+    }
+  }
+
+  /* Several messages of a moment are one question. */
+  const soon = (ms, fn) => {
+    let timer = 0;
+    stops.push(() => clearTimeout(timer));
+    return () => {
+      clearTimeout(timer);
+      timer = setTimeout(() => isOpen && fn().catch(() => {}), ms); /* the connection tells of itself */
+    };
+  };
+  const readTestSoon = soon(500, readTest);
+
+  /* ---- which time ---- */
+
+  const addressOf = (next) => to("test", { id, query: next });
+
+  function without(...names) {
+    const next = new Map(query);
+    names.forEach((name) => next.delete(name));
+    return next;
+  }
+
+  function withRange(wanted) {
+    const next = without("from", "to", "range");
+    const word = typeof wanted === "string" ? wanted : wordOf(wanted);
+    for (const [name, value] of Object.entries(curves.writeRange(word ?? wanted))) {
+      if (value !== "1d") { /* which is what is shown without a word */
+        next.set(name, value);
+      }
+    }
+    return next;
+  }
+
+  function goTo(next, { isBack = false } = {}) {
+    if (addressOf(next) === addressOf(query)) {
+      return;
+    }
+    isGoingBack = isBack;
+    go(addressOf(next), { replace: isBack });
+  }
+
+  const move = {
+    range: ({ from, to: end }) => goTo(withRange(curves.clampRange({ from, to: end }))),
+    back: () => {
+      const last = before.pop();
+      if (last || !range.range) {
+        goTo(last ?? without("from", "to", "range"), { isBack: true });
+      }
+    },
+    now: () => goTo(withRange((ranges.find(([word]) => spanOf(word) >= (range.to - range.from) * 0.99) ??
+      ranges.at(-1))[0])),
+  };
+
+  function showTools() {
+    const button = (text, label, click, isOff = false) => h("button", {
+      type: "button", aria: { label, disabled: isOff ? "true" : null }, data: { key: label }, text,
+      on: isOff ? {} : { click }, /* not disabled: the focus would be lost */
+    });
+    const from = h("input", { type: "datetime-local", id: "test-from", value: asTyped(range.from) });
+    const until = h("input", { type: "datetime-local", id: "test-to", value: asTyped(range.to) });
+    const wrong = h("p", { class: "field-error", role: "alert" });
+    const form = h("form", { class: "filters", on: { submit: (event) => {
+      event.preventDefault();
+      const wanted = { from: new Date(from.value).getTime(), to: new Date(until.value).getTime() };
+      wrong.textContent = wanted.from < Math.min(wanted.to, Date.now()) ? ""
+        : "A time has to begin before it ends, and not in the future.";
+      if (!wrong.textContent) {
+        goTo(withRange(curves.clampRange({ from: wanted.from, to: Math.min(wanted.to, Date.now()) })));
+      }
+    } } },
+    h("div", { class: "field" }, h("label", { for: "test-from", text: "From" }), from),
+    h("div", { class: "field" }, h("label", { for: "test-to", text: "To" }), until),
+    h("button", { type: "submit", data: { key: "show" }, text: "Show" }), wrong);
+    const isOpenNow = tools.querySelector("details")?.open ?? range.range === null;
+    fill(tools,
+      h("div", { class: "chart-tools" },
+        h("ul", { class: "choices", aria: { label: "How long" } }, ranges.map(([word, text]) =>
+          h("li", { data: { key: word } }, h("a", {
+            href: addressOf(withRange(word)), text, aria: { current: range.range === word ? "true" : null },
+          })))),
+        h("div", { class: "choices", role: "group", aria: { label: "Which time" } },
+          button("←", "Earlier", () => move.range(curves.panned(range, -0.5))),
+          button("→", "Later", () => move.range(curves.panned(range, 0.5)), range.range !== null),
+          button("+", "Closer", () => move.range(curves.zoomed(range, 0.5))),
+          button("−", "Wider", () => move.range(curves.zoomed(range, 2))),
+          button("Back", "Back to the time before", move.back, before.length === 0 && range.range !== null),
+          button("Now", "Up to now", move.now, range.range !== null))),
+      h("details", { open: isOpenNow }, h("summary", { text: "Another time" }), form));
+  }
+
+  /* ---- which values ---- */
+
+  const canRate = () => test.type === "snmp" || test.type === "mysql";
+  /* Objects say themselves which of them count; of the values of a query nobody knows. */
+  const isRate = () => canRate() && (query.get("rate") ?? (test.type === "snmp" ? "1" : "0")) === "1";
+
+  function chosenNames(names) {
+    const given = readNames(query.get("values")).filter((name) => names.includes(name));
+    if (given.length > 0) {
+      return given.slice(0, mostCharts);
+    }
+    const first = curves.firstValue(test.type, names);
+    return [...new Set([first, ...names])].filter(Boolean).slice(0, mostUnasked);
+  }
+
+  let choiceOf = "";
+  function showChoice(names, chosen) {
+    const definition = test.definition ?? series.definitions.at(-1);
+    const shown = JSON.stringify([names, chosen, isRate(), definition]);
+    if (choiceOf === shown) {
+      return;
+    }
+    choiceOf = shown;
+    const search = choice.querySelector("input[type=search]")?.value ?? "";
+    const isOpenNow = choice.querySelector("details")?.open ?? names.length <= 12;
+    const toggle = (name) => {
+      const next = without("values");
+      const isOff = chosen.includes(name);
+      const wanted = isOff ? chosen.filter((each) => each !== name) : [...chosen, name];
+      if (wanted.length > mostCharts) {
+        announce(`${mostCharts} curves at most.`);
+      } else if (wanted.length > 0) {
+        next.set("values", writeNames(names.filter((each) => wanted.includes(each))));
+        go(addressOf(next), { replace: true });
+      }
+    };
+    const list = h("div", { class: "choices", role: "group", aria: { label: "Values" } });
+    const fillList = (words) => {
+      const fitting = names.filter((name) =>
+        curves.valueLabel(definition, name).toLowerCase().includes(words.trim().toLowerCase()));
+      fill(list, fitting.slice(0, mostButtons).map((name) => h("button", {
+        type: "button", data: { key: name }, aria: { pressed: String(chosen.includes(name)) },
+        text: oneLine(curves.valueLabel(definition, name), 100), on: { click: () => toggle(name) },
+      })), fitting.length > mostButtons
+        ? h("span", { class: "note", text: `and ${fitting.length - mostButtons} more` }) : null);
+    };
+    fillList(search);
+    fill(choice,
+      names.length > 1 ? h("details", { open: isOpenNow },
+        h("summary", { text: `Values: ${chosen.length} of ${names.length}` }),
+        h("div", { class: "stack tight" },
+          names.length > 12 ? h("div", { class: "field" },
+            h("label", { for: "test-values", text: "Find a value" }),
+            h("input", { type: "search", id: "test-values", value: search, data: { key: "search" },
+              on: { input: (event) => fillList(event.target.value) } })) : null,
+          list)) : null,
+      canRate() ? h("label", { class: "check" }, h("input", {
+        type: "checkbox", checked: isRate(), data: { key: "rate" }, on: { change: (event) => {
+          const next = without("rate");
+          next.set("rate", event.target.checked ? "1" : "0");
+          go(addressOf(next), { replace: true });
+        } } }), "Counters by how much they rise a second") : null);
+  }
+
+  /* ---- the curve ---- */
+
+  function showCurves() {
+    const definition = series.definitions.at(-1) ?? test.definition;
+    const names = curves.valueNames(series);
+    const chosen = chosenNames(names);
+    const wanted = new Set(chosen);
+    for (const [name, chart] of charts) {
+      if (!wanted.has(name)) {
+        chart.close();
+        charts.delete(name);
+      }
+    }
+    showChoice(names, chosen);
+    fill(trouble, series.incomplete ? h("p", { class: "note", role: "status",
+      text: `Not everything could be read: ${clean(series.incomplete)}` }) : null);
+    const states = [...curves.strip(series), ...tailStrip];
+    if (chosen.length === 0) {
+      charts.clear();
+      fill(plots, states.length > 0
+        ? emptyState("No values in this time", "The test has results, but none of them has a number to draw.")
+        : emptyState("No results in this time", range.range
+          ? "Results come with the agent's polls. Look at a longer time, or whether the agent is silent."
+          : "Look at another time."));
+      return;
+    }
+    if (charts.size === 0) {
+      fill(plots);
+    }
+    chosen.forEach((name, i) => {
+      if (!charts.has(name)) {
+        const chart = createChart(plots, { label: curves.valueLabel(definition, name) });
+        chart.onRange((wish) => move[wish.kind](wish));
+        charts.set(name, chart);
+      }
+      const data = curves.chartData(series, name);
+      charts.get(name).show({ ...data, rows: data.rows.concat(tails.get(name) ?? []) }, {
+        limits: isRate() && data.unit.endsWith("/s") ? [] : curves.limits(definition, name),
+        strip: states, from: range.from, to: range.to, unit: data.unit, words: i === chosen.length - 1,
+      });
+    });
+    const inOrder = chosen.map((name) => charts.get(name).element);
+    if (inOrder.some((element, i) => plots.children[i] !== element)) {
+      plots.append(...inOrder);
+    }
+  }
+
+  async function readSeries() {
+    clearTimeout(again);
+    asked?.abort();
+    const mine = new AbortController();
+    asked = mine;
+    range = rangeIn(query);
+    const { from, to: end } = range;
+    const span = end - from;
+    try {
+      const got = await api.get(`${path}/series`, {
+        query: {
+          from: new Date(from).toISOString(), to: range.range ? null : new Date(end).toISOString(),
+          points: curves.wanted(from, end, plots.clientWidth || 800), rate: isRate() ? 1 : null,
+        },
+        signal: mine.signal,
+      });
+      if (!isOpen || asked !== mine) {
+        return;
+      }
+      series = got;
+      tails = new Map();
+      tailStrip = [];
+      showCurves();
+    } catch (problem) {
+      if (isOpen && !mine.signal.aborted) {
+        fill(trouble, failure(problem, () => showSeries()));
+      }
+    }
+    if (isOpen && asked === mine && range.range) {
+      again = setTimeout(readSeries, Math.min(Math.max(span / 400, leastAgainMs), mostAgainMs));
+    }
+  }
+  stops.push(() => {
+    clearTimeout(again);
+    asked?.abort();
+  });
+  const readSeriesSoon = soon(1000, readSeries);
+
+  function showSeries() {
+    return busy(readSeries(), trouble, "Reading the curve");
+  }
+
+  /* A result goes into the curve as it is where each point is a result, else behind its end until
+   * the curve is asked for again. */
+  function draw(result) {
+    const time = Date.parse(result.time);
+    if (!series || !range.range) {
+      return;
+    }
+    range = rangeIn(query);
+    if (isRate() || charts.size === 0) {
+      readSeriesSoon();
+      return;
+    }
+    if (series.resolution === 0) {
+      curves.appendResult(series, result, range.from);
+    } else {
+      for (const [name, { value }] of Object.entries(result.values ?? {})) {
+        if (typeof value === "number") {
+          const rows = tails.get(name) ?? [];
+          const last = rows.at(-1)?.[0].getTime() ?? Date.parse(series.time.at(-1));
+          if (time > last) {
+            tails.set(name, [...rows, [new Date(time), [value, value, value]]]);
+          }
+        }
+      }
+      const from = tailStrip.at(-1)?.to ?? Math.max(Date.parse(series.to), range.from);
+      if (time > from) {
+        tailStrip.push({ from, to: time, state: result.state });
+      }
+    }
+    showCurves();
+  }
+
+  /* ---- results ---- */
+
+  let shownResults = [];
+  let nextResults = null;
+  let resultsTable = null;
+  const keyOfResult = (result) => `${result.time} ${result.received ?? ""} ${result.message?.length ?? 0}`;
+
+  async function readResults(next = null) {
+    try {
+      const page = await api.get(`${path}/results`, {
+        query: {
+          limit: resultsAtOnce, next, to: range.range ? null : new Date(range.to).toISOString(),
+        },
+        signal: stop.signal,
+      });
+      if (isOpen) {
+        shownResults = next ? [...shownResults, ...page.items] : page.items;
+        nextResults = page.next;
+        showResults();
+      }
+    } catch (problem) {
+      if (isOpen) {
+        resultsTable = null;
+        headed(results, "test-results", "Results", failure(problem, () => readResults(next)));
+      }
+    }
+  }
+  const readResultsSoon = soon(1000, () => readResults());
+
+  const more = h("p", { class: "more" }, h("button", {
+    type: "button", text: "Show more results", on: { click: () => busy(readResults(nextResults), more) },
+  }));
+
+  function showResults() {
+    if (shownResults.length === 0) {
+      resultsTable = null;
+      headed(results, "test-results", "Results", emptyState("No results", range.range
+          ? "The first one comes with a poll of the agent, after the test was done."
+          : "None is kept from before the end of that time."));
+      return;
+    }
+    if (!resultsTable) {
+      resultsTable = table({
+        caption: "Results, newest first", captionHidden: true, keyOf: keyOfResult, version: keyOfResult,
+        columns: [
+          { title: "Time", heading: true, cell: (result) => timeElement(result.time) },
+          { title: "State", cell: (result) => badge(stateWord(result)) },
+          { title: "Values",
+            cell: (result) => oneLine(valuesText(result.values, test.definition), 1000) || "–" },
+          { title: "Message", wide: true, cell: (result) => [
+            result.message ? message(result.message) : null, partsElement(result)] },
+          { title: "Revision", numeric: true, cell: (result) => String(result.location ?? "–") },
+        ],
+      });
+      fill(results, h("h2", { id: "test-results", text: range.range ? "Last results"
+        : "Results before the end of that time" }), resultsTable, more);
+    }
+    more.hidden = !nextResults;
+    resultsTable.update(shownResults);
+  }
+
+  /* ---- events ---- */
+
+  let shownEvents = [];
+  let nextEvents = null;
+  const eventList = h("ol", { class: "timeline" });
+  const moreEvents = h("p", { class: "more" }, h("button", {
+    type: "button", text: "Show more events", on: { click: () => busy(readEvents(nextEvents), moreEvents) },
+  }));
+
+  async function readEvents(next = null) {
+    try {
+      const page = await api.get("/api/v1/events", {
+        query: { test: id, limit: eventsAtOnce, next }, signal: stop.signal,
+      });
+      if (isOpen) {
+        shownEvents = next ? [...shownEvents, ...page.items] : page.items;
+        nextEvents = page.next;
+        showEvents();
+      }
+    } catch (problem) {
+      if (isOpen) {
+        headed(events, "test-events", "Events", failure(problem, () => readEvents(next)));
+      }
+    }
+  }
+
+  function showEvents() {
+    fill(eventList, shownEvents.map(eventElement));
+    moreEvents.hidden = !nextEvents;
+    if (eventList.parentNode !== events || shownEvents.length === 0) {
+      headed(events, "test-events", "Events", shownEvents.length > 0 ? [eventList, moreEvents]
+          : emptyState("No events", "A change of the test's state is one; its first result is the first."));
+    }
+  }
+
+  /* ---- the fleet file ---- */
+
+  async function readSource() {
+    const head = h("h2", { id: "test-source", text: "In the fleet file" });
+    if (!test.group) {
+      fill(source, head, h("p", { class: "note",
+        text: "This test is not of the fleet file: a plan of raw commands has it, or had it." }));
+      return;
+    }
+    const group = h("p", null, "Group ", h("b", { class: "text", text: oneLine(test.group, 200) }));
+    if (!isOperator) {
+      fill(source, head, group, h("p", { class: "note",
+        text: "Its lines are shown to operators: the file may have passwords in it." }));
+      return;
+    }
+    try {
+      const fleet = await api.get("/api/v1/fleet", { signal: stop.signal });
+      if (!isOpen) {
+        return;
+      }
+      const found = fleet.text ? findTest(fleet.text, test.group, test.name) : null;
+      const lines = found ? fleet.text.split(/\r\n|\r|\n/).slice(found.from - 1, found.to) : [];
+      const rest = lines.length - mostLines;
+      fill(source, head, group,
+        found ? [
+          h("ol", { class: "source", start: found.from, tabindex: "0",
+            aria: { label: `Line ${found.from} to ${found.to} of the fleet file` } },
+          lines.slice(0, mostLines).map((line) => h("li", { text: clean(line) || " " }))),
+          rest > 0 ? h("p", { class: "note", text: `and ${plural(rest, "more line")}` }) : null,
+        ] : h("p", { class: "note", text: "The text in force has no test of this name in that group." }),
+        h("div", { class: "actions" }, h("a", {
+          class: "button", href: to("fleet", { query: { line: found?.from } }),
+          text: fleet.read_only ? "See it in the file" : "Change it in the editor",
+        })));
+    } catch (problem) {
+      if (isOpen) {
+        fill(source, head, group, failure(problem, readSource));
+      }
+    }
+  }
+
+  /* ---- live ---- */
+
+  function takeResult(result) {
+    if (!test || (test.time && Date.parse(result.time) < Date.parse(test.time))) {
+      readTestSoon(); /* it came late: what counts is said by the collector */
+    } else {
+      const isChange = stateWord(result) !== stateWord(test);
+      test = {
+        ...test, time: result.time, state: result.state, stale: undefined, status: result.status,
+        message: result.message, values: result.values, since: isChange ? result.time : test.since,
+      };
+      showHead();
+      showFacts();
+      if (isChange || result.location !== test.definition?.location) {
+        readTestSoon();
+      }
+    }
+    draw(result);
+    if (range.range) {
+      putResult(result);
+    }
+  }
+
+  /* What comes live has no parts: where results have some, they are asked for. */
+  function putResult(result) {
+    if (!resultsTable || shownResults.some((each) => each.parts?.length > 0)) {
+      if (shownResults.length <= resultsAtOnce) { /* else somebody reads further down */
+        readResultsSoon();
+      }
+      return;
+    }
+    if (shownResults.some((each) => keyOfResult(each) === keyOfResult(result))) {
+      return;
+    }
+    shownResults = [result, ...shownResults].sort((a, b) => Date.parse(b.time) - Date.parse(a.time));
+    if (shownResults.length > mostResults) {
+      shownResults.length = mostResults;
+      nextResults = null; /* it would go on behind those that were left out */
+    }
+    showResults();
+  }
+
+  function listen() {
+    stops.push(
+      live.want({ results: { agents: new Set(), tests: new Set([id]) } }),
+      live.on("result", (messages) => messages.filter(({ data }) => data.test?.id === id)
+        .forEach(({ data }) => takeResult(data))),
+      live.on("event", (messages) => messages.forEach(({ data }) => {
+        if (data.test?.id === id) {
+          if (!shownEvents.some((each) => each.id === data.id)) {
+            shownEvents = [data, ...shownEvents].slice(0, mostResults);
+            showEvents();
+          }
+          announce(`${oneLine(test.name, 100)} is ${data.to}.`);
+          readTestSoon();
+        } else if (!data.test && data.agent?.id === test.agent.id) {
+          readTestSoon();
+        }
+      })),
+      live.on("lost", () => {
+        readTestSoon();
+        readSeriesSoon();
+        readResultsSoon();
+        readEvents();
+      }));
+  }
+
+  /* ---- all of it ---- */
+
+  async function begin() {
+    try {
+      await busy(readTest(), place, "Reading the test");
+    } catch (problem) {
+      if (isOpen) {
+        const what = problem.status === 404
+          ? emptyState("There is no such test",
+            "It may have expired with its results. Tests are found by their agents.",
+            h("a", { class: "button", href: to("now"), text: "All agents" }))
+          : failure(problem, () => {
+            what.remove();
+            begin();
+          });
+        place.append(what);
+      }
+      return;
+    }
+    if (!isOpen) {
+      return;
+    }
+    all.hidden = false;
+    showTools();
+    listen();
+    showSeries();
+    readResults();
+    readEvents();
+    readSource();
+  }
+
+  begin();
+
+  return {
+    update(next) {
+      const old = range;
+      const was = query;
+      query = new Map(next.query);
+      range = rangeIn(query);
+      if (before.length > 0 && addressOf(before.at(-1)) === addressOf(query)) {
+        before.pop(); /* the browser went back */
+      } else if (!isGoingBack && ["from", "to", "range"].some((name) => was.get(name) !== query.get(name))) {
+        before.push(was);
+      }
+      isGoingBack = false;
+      if (!test) {
+        return;
+      }
+      showTools();
+      showSeries();
+      if (old.range === null || range.range === null) {
+        resultsTable = null;
+        readResults();
+      }
+    },
+    close() {
+      isOpen = false;
+      for (const each of stops) {
+        each();
+      }
+      for (const chart of charts.values()) {
+        chart.close();
+      }
+      charts = new Map();
+    },
+  };
+}

@@ -2,7 +2,7 @@
 
 #include "api/secret_body.h"
 #include "base/text.h"
-#include "web/front_page.h"
+#include "web/page_files.h"
 #include "web/trust.h"
 
 #include <algorithm>
@@ -138,21 +138,12 @@ api_answer desk::answer_itself(const request_head& head, std::string_view body,
     if (head.path() == "/sign-out" && posts) {
         return sign_out(head, from);
     }
-    api_answer answer;
-    answer.status = 0;
-    if (head.path() != "/") {
-        return answer;
+    std::optional<api_answer> of_page = page_answer(head.path());
+    if (of_page && head.method != "GET" && head.method != "HEAD") {
+        of_page = answer_of(web_problem(405, "There is only GET of this."));
+        of_page->headers.emplace_back("Allow", "GET, HEAD");
     }
-    if (head.method != "GET" && head.method != "HEAD") {
-        answer = answer_of(web_problem(405, "There is only GET of this."));
-        answer.headers.emplace_back("Allow", "GET, HEAD");
-        return answer;
-    }
-    answer.status = 200;
-    answer.type = "text/html; charset=utf-8";
-    answer.body = the_front_page().html;
-    answer.headers.emplace_back("Content-Security-Policy", the_front_page().policy);
-    return answer;
+    return of_page ? std::move(*of_page) : api_answer{.status = 0};
 }
 
 /* Whatever is wrong, the answer is the same: it says nothing of what there is. Nobody guesses 256

@@ -1,5 +1,5 @@
-/* The page's own addresses: which screen an address means, and the address of a screen. The server answers all of
- * them with the same page. */
+/* The page's own addresses: which screen an address means, and the address of a screen. The server answers
+ * all of them with the same page. */
 
 /* By the first part of the path; a screen with an id has it in the second one. */
 const withId = { agents: "agent", tests: "test" };
@@ -27,10 +27,11 @@ function decoded(part) {
 }
 
 /**
- * @param {{pathname: string, search?: string}|string} location as `window.location`, a URL, or a path with its query
- * @returns {{view: string, id?: string, query: Map<string, string>}} `view` is "now", "agent", "test", "events",
- *   "fleet", "changes", "admission", "tokens", "secrets" or "unknown"; `id` is a text as it stands there, of an agent
- *   its id or account/name. A parameter that is given twice has its first value.
+ * @param {{pathname: string, search?: string}|string} location as `window.location`, a URL, or a path with
+ *   its query
+ * @returns {{view: string, id?: string, query: Map<string, string>}} `view` is "now", "agent", "test",
+ *   "events", "fleet", "changes", "admission", "tokens", "secrets" or "unknown"; `id` is a text as it stands
+ *   there, of an agent its id or account/name. A parameter that is given twice has its first value.
  */
 export function read(location) {
   let where = location;
@@ -60,12 +61,12 @@ export function read(location) {
 }
 
 /* Commas and colons may stand in a query, and times are read more easily with them. */
-const encoded = (text) => encodeURIComponent(text).replace(/%2C/g, ",").replace(/%3A/g, ":").replace(/%2F/g, "/");
+const encoded = (text) => encodeURIComponent(text).replace(/%(2C|3A|2F)/g, decodeURIComponent);
 
 /**
  * @param {string} view as of read(); of one that there is not the address of Now
- * @param {{id?: number|string, query?: Map<string, *>|Object<string, *>}} [more] what is null or "" is left out of
- *   the query
+ * @param {{id?: number|string, query?: Map<string, *>|Object<string, *>}} [more] what is null or "" is left
+ *   out of the query
  * @returns {string} a path, with its query
  */
 export function to(view, { id, query } = {}) {

@@ -1,5 +1,5 @@
-/* What a fleet file changes (the answer to PUT /api/v1/fleet), in the words of vindralctl: who looks at both is not
- * to wonder whether they mean the same. */
+/* What a fleet file changes (the answer to PUT /api/v1/fleet), in the words of vindralctl: who looks at both
+ * is not to wonder whether they mean the same. */
 import { clean } from "./text.js";
 
 const textIn = (of, name) => (typeof of?.[name] === "string" ? of[name] : "");
@@ -79,8 +79,8 @@ function namesOf(agents) {
 /**
  * A line for each change of each agent, safe to show, in the order of the answer.
  * @param {object} answer of PUT /api/v1/fleet
- * @returns {Array<ShownChange & {agent: {id: ?number, account: string, name: string}, name: string}>} `agent` is the
- *   reference as it came, without an id when it has never reported; `name` what to call it
+ * @returns {Array<ShownChange & {agent: {id: ?number, account: string, name: string}, name: string}>} `agent`
+ *   is the reference as it came, without an id when it has never reported; `name` what to call it
  */
 export function lines(answer) {
   const agents = listIn(answer, "agents");
@@ -92,8 +92,8 @@ export function lines(answer) {
 }
 
 /**
- * The same for thousands of agents: those that have changes in common stand over them together, in the order in
- * which they come first.
+ * The same for thousands of agents: those that have changes in common stand over them together, in the order
+ * in which they come first.
  * @param {object} answer
  * @returns {Array<{agents: string[], changes: ShownChange[]}>}
  */
@@ -137,7 +137,8 @@ const words = [
  * @returns {boolean} whether any agent gets anything else to do; another text need not make a difference
  */
 export function makesDifference(answer) {
-  return [...words.map(([member]) => member), "impossible"].some((member) => countIn(answer?.summary, member) !== 0);
+  const members = [...words.map(([member]) => member), "impossible"];
+  return members.some((member) => countIn(answer?.summary, member) !== 0);
 }
 
 /**

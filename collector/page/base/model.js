@@ -1,25 +1,25 @@
-/* What the page knows of agents and tests: lists fill it, messages of the stream change it. Screens read it and are
- * told what is another now.
+/* What the page knows of agents and tests: lists fill it, messages of the stream change it. Screens read it
+ * and are told what is another now.
  *
- * OBJECTS  of agents and tests are those of the API. One that changes is replaced by another: who has kept the old one
- * sees by comparing that it is. Texts of messages are cut, because a page is open for weeks.
+ * OBJECTS  of agents and tests are those of the API. One that changes is replaced by another: who has kept
+ * the old one sees by comparing that it is. Texts of messages are cut, because a page is open for weeks.
  *
- * ORDER  Messages of one stream come in order, and each goes by what it says of its time: an event by its number and
- * `time`, an agent by `since`, a result by `received` and `time`. So what comes twice, or after a list that knows more
- * already, does nothing. With the `id` that the stream gave to a message this is exact. `since` of an agent may go
- * back for good reason, when results arrive late that found a problem earlier; the event that says so comes with it,
- * and after an event the agent's message counts whatever its time.
+ * ORDER  Messages of one stream come in order, and each goes by what it says of its time: an event by its
+ * number and `time`, an agent by `since`, a result by `received` and `time`. So what comes twice, or after a
+ * list that knows more already, does nothing. With the `id` that the stream gave to a message this is exact.
+ * `since` of an agent may go back for good reason, when results arrive late that found a problem earlier; the
+ * event that says so comes with it, and after an event the agent's message counts whatever its time.
  *
- * LISTS  are answers of some moments ago. What messages have said since the stream was last whole counts for more
- * than an older list: a test that a list leaves out stays, when it was a message that said it is a problem. After
- * "lost" nothing that was said before does.
+ * LISTS  are answers of some moments ago. What messages have said since the stream was last whole counts for
+ * more than an older list: a test that a list leaves out stays, when it was a message that said it is a
+ * problem. After "lost" nothing that was said before does.
  *
- * SILENCE  Of a silent agent all tests are unknown, the API says, and when it is back they are what they were, without
- * events. So takeMessage() says of which agents the tests have to be asked for `again`: those whose number of problems
- * is not the one that is known here. Give what was answered to addProblems().
+ * SILENCE  Of a silent agent all tests are unknown, the API says, and when it is back they are what they
+ * were, without events. So takeMessage() says of which agents the tests have to be asked for `again`: those
+ * whose number of problems is not the one that is known here. Give what was answered to addProblems().
  *
- * WORK  A message costs the same whatever the number of agents; lists in order are made when they are asked for, and
- * kept until they change. */
+ * WORK  A message costs the same whatever the number of agents; lists in order are made when they are asked
+ * for, and kept until they change. */
 import { byName, byTest, newestFirst, stateRank } from "./order.js";
 import { shortened } from "./text.js";
 
@@ -201,8 +201,8 @@ export class Model {
   }
 
   /**
-   * All tests that are not ok, as GET /api/v1/tests?state=problem,unknown lists them. Others that are known are ok now
-   * and are forgotten; of those that are watched nothing is said.
+   * All tests that are not ok, as GET /api/v1/tests?state=problem,unknown lists them. Others that are known
+   * are ok now and are forgotten; of those that are watched nothing is said.
    * @param {object[]} items
    * @returns {Changed}
    */
@@ -257,8 +257,8 @@ export class Model {
 
   /**
    * A message of the stream. One that is none, or of something that is not known, does nothing.
-   * @param {{kind: string, data: object, id?: string}} message `kind` is "agent", "event", "result", "change" or
-   *   "lost"; `id` as the stream has it, where it is known
+   * @param {{kind: string, data: object, id?: string}} message `kind` is "agent", "event", "result", "change"
+   *   or "lost"; `id` as the stream has it, where it is known
    * @returns {Changed}
    */
   takeMessage(message) {
@@ -334,7 +334,8 @@ export class Model {
     this.#compareProblems(data, notes, changed);
   }
 
-  /* Asked again once for each number that is not explained: there may be reasons, such as a list that was too long. */
+  /* Asked again once for each number that is not explained: there may be reasons, such as a list that was too
+   * long. */
   #compareProblems(agent, notes, changed) {
     if (!this.#hasProblems || agent.state === "silent") {
       return;
@@ -402,9 +403,11 @@ export class Model {
     const { account, name: agentName } = event.agent;
     const test = {
       agent: { id: event.agent.id, account, name: agentName },
-      group: null, time: event.time, status: null, values: {}, definition: null,
+      group: null, time: null, status: null, values: {}, definition: null,
       ...old, id, type, number, name, target, message: cut(event.message),
     };
+    /* Unknown it becomes when there is no result. */
+    test.time = next.state === "unknown" ? test.time : event.time;
     this.#putTest(withState(test, next), changed);
   }
 
@@ -449,7 +452,8 @@ export class Model {
   }
 
   /**
-   * @returns {{ok: number, problem: number, unknown: number}} tests of all agents, as these say; not to be changed
+   * @returns {{ok: number, problem: number, unknown: number}} tests of all agents, as these say; not to be
+   *   changed
    */
   testCounts() {
     if (this.#testCounts === null) {
@@ -464,11 +468,11 @@ export class Model {
   }
 
   /**
-   * What somebody should look at: silent agents, then tests that are a problem, then unknown ones, of each the newest
-   * change first. Tests of a silent agent are left out: it stands for them.
-   * @returns {Array<{kind: "agent"|"test", id: number, key: string, state: string, stale: boolean, since: ?string,
-   *   agent: object, test: ?object}>} the same list as long as nothing in it changes, not to be changed; so is an
-   *   entry. `key` tells them apart; `agent` is the agent, of a test the reference to it.
+   * What somebody should look at: silent agents, then tests that are a problem, then unknown ones, of each
+   * the newest change first. Tests of a silent agent are left out: it stands for them.
+   * @returns {Array<{kind: "agent"|"test", id: number, key: string, state: string, stale: boolean, since:
+   *   ?string, agent: object, test: ?object}>} the same list as long as nothing in it changes, not to be
+   *   changed; so is an entry. `key` tells them apart; `agent` is the agent, of a test the reference to it.
    */
   worstFirst() {
     return this.#worst.all();
@@ -492,10 +496,11 @@ export class Model {
   }
 
   /**
-   * What has all the words, whatever their case: agents in their name, account, address or a group; tests in their
-   * name, target, type or group, or where their agent has them. Without words that is everything.
+   * What has all the words, whatever their case: agents in their name, account, address or a group; tests in
+   * their name, target, type or group, or where their agent has them. Without words that is everything.
    * @param {string|string[]} words
-   * @returns {{agents: object[], tests: object[]}} by name. Only tests that are known here: GET /api/v1/tests has all
+   * @returns {{agents: object[], tests: object[]}} by name. Only tests that are known here: GET /api/v1/tests
+   *   has all
    */
   search(words) {
     const wanted = (Array.isArray(words) ? words.join(" ") : String(words ?? ""))
@@ -515,7 +520,8 @@ export class Model {
     if (!notes || !agent) {
       return "";
     }
-    notes.text ??= [agent.name, agent.account, agent.address, ...(agent.groups ?? [])].join("\n").toLowerCase();
+    const { name, account, address, groups } = agent;
+    notes.text ??= [name, account, address, ...(groups ?? [])].join("\n").toLowerCase();
     return notes.text;
   }
 

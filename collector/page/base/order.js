@@ -1,5 +1,5 @@
-/* Orders that several screens share. Each is total for what differs in what it looks at, so that a list looks the
- * same whenever it is made. */
+/* Orders that several screens share. Each is total for what differs in what it looks at, so that a list looks
+ * the same whenever it is made. */
 
 const isDigit = (code) => code >= 48 && code <= 57;
 
@@ -23,8 +23,8 @@ function firstDigitThatCounts(text, from, end) {
 const compareText = (one, other) => (one < other ? -1 : one > other ? 1 : 0);
 
 /**
- * Numbers in names by their size, letters whatever their case: web-2, Web-3, web-10. Names that differ in case or
- * in leading zeros alone have an order, too. Not by a locale's rules: everybody sees the same list.
+ * Numbers in names by their size, letters whatever their case: web-2, Web-3, web-10. Names that differ in
+ * case or in leading zeros alone have an order, too. Not by a locale's rules: everybody sees the same list.
  * @param {*} one
  * @param {*} other
  * @returns {number} below 0, 0 or above

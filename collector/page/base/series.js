@@ -1,5 +1,5 @@
-/* Curves: what the API answers for a test (docs/api.md, "Curves") as a chart takes it, the limits of its values, and
- * the times that are looked at.
+/* Curves: what the API answers for a test (docs/api.md, "Curves") as a chart takes it, the limits of its
+ * values, and the times that are looked at.
  *
  * Times are milliseconds since the epoch, where they are no Dates and no texts of the API. */
 import { clean, number } from "./text.js";
@@ -59,10 +59,12 @@ const placeOf = (valueName, word) => {
   return found && found[1] === word ? Number(found[2] ?? 1) : 0;
 };
 
-const itemAt = (text, place) => (typeof text === "string" && place > 0 ? text.split(";")[place - 1] : undefined);
+const itemAt = (text, place) =>
+  typeof text === "string" && place > 0 ? text.split(";")[place - 1] : undefined;
 
 /* "Threads_connected|100|1": name, most, least. */
-const listed = (fields, valueName) => (itemAt(fields?.["text 4"], placeOf(valueName, "result")) ?? "").split("|");
+const listed = (fields, valueName) =>
+  (itemAt(fields?.["text 4"], placeOf(valueName, "result")) ?? "").split("|");
 
 /**
  * What a value is called: SNMP objects and values of queries as the test asks for them.
@@ -95,8 +97,9 @@ const staleAfter = (times) => Math.max(3 * usualDistance(times), minute);
 const timesOf = (series) => (series?.time ?? []).map((time) => Date.parse(time));
 
 /**
- * One value as rows for dygraphs with `customBars`: time, and lowest, mean and highest. Where there is nothing, and
- * between results that lie so far apart that some are missing, a row has null: the line ends there.
+ * One value as rows for dygraphs with `customBars`: time, and lowest, mean and highest. Where there is
+ * nothing, and between results that lie so far apart that some are missing, a row has null: the line ends
+ * there.
  * @param {object} series answer of the API
  * @param {string} valueName one that is not in there has no rows but empty ones
  * @returns {{rows: Array<[Date, ?Array<number>]>, labels: string[], unit: string}}
@@ -112,23 +115,24 @@ export function chartData(series, valueName) {
       rows.push([new Date((time + times[i - 1]) / 2), null]);
     }
     const mean = numberOrNull(value.mean?.[i]);
-    const bar = mean === null ? null : [numberOrNull(value.min?.[i]) ?? mean, mean, numberOrNull(value.max?.[i]) ?? mean];
-    rows.push([new Date(time), bar]);
+    const low = numberOrNull(value.min?.[i]) ?? mean;
+    const high = numberOrNull(value.max?.[i]) ?? mean;
+    rows.push([new Date(time), mean === null ? null : [low, mean, high]]);
   });
   return { rows, labels: ["Time", valueName], unit: typeof value.unit === "string" ? value.unit : "" };
 }
 
 /* ---- states ---- */
 
-/* Of a point that has seconds in several: a problem is never hidden by what else there was, and a short while of
- * which nothing is known does not hide that all was well. */
+/* Of a point that has seconds in several: a problem is never hidden by what else there was, and a short while
+ * of which nothing is known does not hide that all was well. */
 function worstOf(ok, problem, unknown) {
   return problem > 0 ? "problem" : ok > 0 && ok >= unknown ? "ok" : "unknown";
 }
 
 /**
- * The states in that time, as pieces that follow each other; neighbours differ or do not touch. Times of which the
- * answer says nothing have none.
+ * The states in that time, as pieces that follow each other; neighbours differ or do not touch. Times of
+ * which the answer says nothing have none.
  * @param {object} series
  * @returns {Array<{from: number, to: number, state: "ok"|"problem"|"unknown"}>}
  */
@@ -165,8 +169,8 @@ export function strip(series) {
 
 /* ---- limits ---- */
 
-/* By the value that they are limits of: the field of the definition (protocol/commands.h), the side on which it is
- * wrong, the unit of the field, and the least number that is a limit and not "none". */
+/* By the value that they are limits of: the field of the definition (protocol/commands.h), the side on which
+ * it is wrong, the unit of the field, and the least number that is a limit and not "none". */
 const above = "above";
 const below = "below";
 const limitFields = {
@@ -201,8 +205,8 @@ function limit(value, side, unit) {
   return { value, label: (side === above ? "at most " : "at least ") + number(value, unit), side };
 }
 
-/* An agent compares the system limit of its own processors with the time of nice processes, and the other way round;
- * those that the collector shows are uncrossed, the definition is as the agent has it. */
+/* An agent compares the system limit of its own processors with the time of nice processes, and the other way
+ * round; those that the collector shows are uncrossed, the definition is as the agent has it. */
 function fieldOf(valueName, fields) {
   const isLocal = fields.host === undefined;
   const crossed = { system: "nice", nice: "system" };
@@ -210,8 +214,8 @@ function fieldOf(valueName, fields) {
   return Object.hasOwn(limitFields, name) ? limitFields[name] : null;
 }
 
-/* "-;1,5": none of the first object, 1 to 5 of the second. What has one side only has the end of 64 bits for the
- * other. */
+/* "-;1,5": none of the first object, 1 to 5 of the second. What has one side only has the end of 64 bits for
+ * the other. */
 function objectLimits(fields, place) {
   const found = /^(-?\d+),(-?\d+)$/.exec(itemAt(fields["text 8"], place) ?? "");
   const isOne = (value) => Math.abs(value) < 2 ** 63;
@@ -233,8 +237,9 @@ function queryLimits(fields, valueName) {
 }
 
 /**
- * The limits that a test has for one of its values, in the unit of the value. A time within which something has to
- * answer counts as one. Such a limit may be a thousand times what is usual: a chart need not reach up to it.
+ * The limits that a test has for one of its values, in the unit of the value. A time within which something
+ * has to answer counts as one. Such a limit may be a thousand times what is usual: a chart need not reach up
+ * to it.
  * @param {?{fields?: object}} definition of the API: of a test, or the last one of a series
  * @param {string} valueName
  * @returns {Array<{value: number, label: string, side: "above"|"below"}>} `side` is where it is wrong
@@ -277,7 +282,7 @@ const leastSpan = minute;
 const mostSpan = 3660 * day;
 
 const apiTime = (time) => new Date(Math.floor(time / second) * second).toISOString().replace(".000Z", "Z");
-const inMilliseconds = (time) => (time instanceof Date ? time.getTime() : typeof time === "string" ? Date.parse(time) : time);
+const inMilliseconds = (time) => (typeof time === "string" ? Date.parse(time) : Number(time ?? NaN));
 
 /**
  * As long as it is, moved so that it does not go beyond now; from a minute to ten years long.
@@ -317,7 +322,8 @@ export function panned({ from, to }, share, now = Date.now()) {
  * What an address asks for: `from` and `to`, or `range`. What makes no sense is a day until now.
  * @param {Map<string, string>} query
  * @param {number} [now]
- * @returns {Range & {range: ?string}} `range` is the word where the time ends now and goes on with it, else null
+ * @returns {Range & {range: ?string}} `range` is the word where the time ends now and goes on with it, else
+ *   null
  */
 export function readRange(query, now = Date.now()) {
   const to = query.has("to") ? Date.parse(query.get("to")) : now;
@@ -347,8 +353,9 @@ export function writeRange(range) {
  */
 export function wanted(from, to, width) {
   const seconds = (inMilliseconds(to) - inMilliseconds(from)) / second;
-  const points = Math.ceil(Math.min(isNumber(width) ? width / 2 : 400, isNumber(seconds) ? seconds : Infinity));
-  return Math.min(Math.max(points, 50), 2000);
+  const fitting = isNumber(width) ? width / 2 : 400;
+  const points = isNumber(seconds) ? Math.min(fitting, seconds) : fitting;
+  return Math.min(Math.max(Math.ceil(points), 50), 2000);
 }
 
 /* ---- results as they come ---- */
@@ -368,7 +375,9 @@ function columnsFor(series, name, unit, count) {
 const forEachColumn = (series, each) => {
   each(series.count, 0);
   states.forEach((state) => each(series.state[state], 0));
-  Object.values(series.values).forEach(({ min, mean, max }) => [min, mean, max].forEach((column) => each(column, null)));
+  Object.values(series.values).forEach(({ min, mean, max }) => {
+    [min, mean, max].forEach((column) => each(column, null));
+  });
 };
 
 function forgetBefore(series, from) {
@@ -391,8 +400,9 @@ function putState(series, at, state, held, covered) {
 }
 
 /**
- * A result of the stream into a series of which each point is a result (`resolution` 0); others are left as they
- * are: ask for them again now and then. One that comes late finds its place, one that comes twice is there once.
+ * A result of the stream into a series of which each point is a result (`resolution` 0); others are left as
+ * they are: ask for them again now and then. One that comes late finds its place, one that comes twice is
+ * there once.
  * @param {object} series is changed
  * @param {object} result of the test, as the stream has it
  * @param {number} [keepFrom] what is older is forgotten: the time that is shown moves on

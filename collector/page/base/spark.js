@@ -1,5 +1,5 @@
-/* The small curves of lists, as the data of SVG paths: numbers and letters that this module writes itself, so that
- * nothing from outside gets into an attribute. */
+/* The small curves of lists, as the data of SVG paths: numbers and letters that this module writes itself, so
+ * that nothing from outside gets into an attribute. */
 
 /* Room for half of the line's width at the borders. */
 const margin = 1;
@@ -7,8 +7,8 @@ const margin = 1;
 const isNumber = (value) => typeof value === "number" && Number.isFinite(value);
 const short = (value) => String(Math.round(value * 10) / 10);
 
-/* Of many values the lowest and the highest of each column of pixels, in the order in which they come: a peak of one
- * value must not vanish. A column without values is a gap. */
+/* Of many values the lowest and the highest of each column of pixels, in the order in which they come: a peak
+ * of one value must not vanish. A column without values is a gap. */
 function thinned(values, columns) {
   const points = [];
   for (let column = 0; column < columns; column++) {
@@ -66,11 +66,12 @@ function runsOf(points) {
  * @param {Array<?number>} values at equal distances; null and what is no number is a gap
  * @param {number} width pixels
  * @param {number} height
- * @param {{min?: number, max?: number}} [range] of the values, where it is not to be their own; what lies outside is
- *   drawn at the border
- * @returns {{path: string, area: string, gaps: Array<{from: number, to: number}>}} `path` is the line, in which a
- *   value between two gaps is a line of no length: a dot, with `stroke-linecap: round`. `area` is what lies below
- *   it. `gaps` in pixels. A line that never changes lies in the middle. All empty where there is nothing to draw.
+ * @param {{min?: number, max?: number}} [range] of the values, where it is not to be their own; what lies
+ *   outside is drawn at the border
+ * @returns {{path: string, area: string, gaps: Array<{from: number, to: number}>}} `path` is the line, in
+ *   which a value between two gaps is a line of no length: a dot, with `stroke-linecap: round`. `area` is
+ *   what lies below it. `gaps` in pixels. A line that never changes lies in the middle. All empty where there
+ *   is nothing to draw.
  */
 export function sparkPath(values, width, height, range = {}) {
   const nothing = { path: "", area: "", gaps: [] };

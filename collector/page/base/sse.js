@@ -1,9 +1,9 @@
-/* Reads a stream of server-sent events by the rules of the HTML standard, from pieces of text as they arrive: cut
- * anywhere, between CR and LF, too. Bytes are somebody else's business (TextDecoder with `stream: true`).
+/* Reads a stream of server-sent events by the rules of the HTML standard, from pieces of text as they arrive:
+ * cut anywhere, between CR and LF, too. Bytes are somebody else's business (TextDecoder with `stream: true`).
  *
- * A block without data is no message, but its id and its retry hold: the server says with one of these where a
- * listener stands before anything has happened. So who comes back sends `lastEventId`, not the id of the last
- * message. */
+ * A block without data is no message, but its id and its retry hold: the server says with one of these where
+ * a listener stands before anything has happened. So who comes back sends `lastEventId`, not the id of the
+ * last message. */
 
 /** @typedef {{id: string, event: string, data: string, retry: ?number}} SseMessage */
 
@@ -12,7 +12,10 @@ export class SseParser {
   constructor(lastEventId = "") {
     /** What to send as Last-Event-ID; "" for nothing. */
     this.lastEventId = lastEventId;
-    /** Milliseconds to wait before coming back, as the server wishes; null: it has said nothing. @type {?number} */
+    /**
+     * Milliseconds to wait before coming back, as the server wishes; null: it has said nothing. @type
+     * {?number}
+     */
     this.retry = null;
     this.reset();
   }
@@ -28,8 +31,8 @@ export class SseParser {
 
   /**
    * @param {string} text the next piece; may be empty
-   * @returns {SseMessage[]} the messages that it completes. `event` is "message" where none was named, `retry` what
-   *   the message's own block said, else null.
+   * @returns {SseMessage[]} the messages that it completes. `event` is "message" where none was named,
+   *   `retry` what the message's own block said, else null.
    */
   push(text) {
     const messages = [];

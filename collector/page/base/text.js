@@ -1,14 +1,18 @@
-/* What people read: numbers with units, ages, times in the reader's zone, states, and texts of agents made harmless.
- * All of it plain English, whatever the browser's language is, so that the page says what the documents say.
+/* What people read: numbers with units, ages, times in the reader's zone, states, and texts of agents made
+ * harmless. All of it plain English, whatever the browser's language is, so that the page says what the
+ * documents say.
  *
- * UNITS  are those of the API. "MB" and "GB" are the agents', 1,024 of the one below; bytes and plain numbers have
- * prefixes by the thousand. The command line writes them in the same way. */
+ * UNITS  are those of the API. "MB" and "GB" are the agents', 1,024 of the one below; bytes and plain numbers
+ * have prefixes by the thousand. The command line writes them in the same way. */
 
 const none = "–";
 
 /* ---- numbers ---- */
 
-const byThousand = (first, others) => [first, ..."kMGTPE"].map((prefix, i) => [i ? others(prefix) : first, 1000 ** i]);
+const byThousand = (first, others) => [
+  [first, 1],
+  ...[..."kMGTPE"].map((prefix, i) => [others(prefix), 1000 ** (i + 1)]),
+];
 const ladders = [
   byThousand("", (prefix) => prefix),
   byThousand("/s", (prefix) => prefix + "/s"),
@@ -20,7 +24,8 @@ const ladders = [
   [["µs", 1e-6], ["ms", 1e-3], ["s", 1]],
 ];
 
-/* A unit may stand on two of them: "MB" is the agents', which is why theirs is looked for first where it begins. */
+/* A unit may stand on two of them: "MB" is the agents', which is why theirs is looked for first where it
+ * begins. */
 const rungs = new Map();
 for (const ladder of ladders) {
   ladder.forEach(([unit], i) => {
@@ -40,8 +45,10 @@ function rounded(value) {
 }
 
 function digitsOf(value) {
-  const number = Math.abs(value) < 1e15 ? rounded(value) : Number(value.toPrecision(3));
-  return String(number === 0 ? 0 : number).replace("e+", "e");
+  if (Math.abs(value) >= 1e9) {
+    return value.toExponential(2).replace(/\.?0*e\+/, "e");
+  }
+  return String(rounded(value) || 0);
 }
 
 /* The place of its ladder that makes `size` easy to read. */
@@ -60,8 +67,8 @@ function rungFor(size, ladder, at) {
 const withUnit = (text, unit) => (unit === "" ? text : unit === "/s" ? text + unit : text + " " + unit);
 
 /**
- * With three digits and a unit that suits the size: 0.00031 "s" is "0.31 ms", 1234567 is "1.23 M", 20480 "MB" is
- * "20 GB". From 10,000 on a larger unit is taken, below 0.1 a smaller one; units that have no others stay.
+ * With three digits and a unit that suits the size: 0.00031 "s" is "0.31 ms", 1234567 is "1.23 M", 20480 "MB"
+ * is "20 GB". From 10,000 on a larger unit is taken, below 0.1 a smaller one; units that have no others stay.
  * @param {number|string|null|undefined} value a text of the API is cleaned; null and what is no number is "–"
  * @param {string} [unit] as the API has it
  * @returns {string}
@@ -175,7 +182,8 @@ const dayOf = (date) => date.getDate() + " " + months[date.getMonth()];
 /**
  * @param {string|Date|number|null} time
  * @param {Date|number} [now]
- * @returns {string} in the reader's zone: "14:03", of another day "1 May 14:03", of another year "1 May 2024 14:03"
+ * @returns {string} in the reader's zone: "14:03", of another day "1 May 14:03", of another year "1 May 2024
+ *   14:03"
  */
 export function clock(time, now = Date.now()) {
   const date = new Date(millisecondsOf(time));
@@ -200,8 +208,8 @@ function zoneOf(date) {
 
 /**
  * @param {string|Date|number|null} time
- * @returns {string} "1 May 2026 14:03:27 UTC+2 (2026-05-01 12:03:27 UTC)"; for readers whose zone is that of UTC
- *   only the latter. With the offset, for the hour that there is twice when summer time ends.
+ * @returns {string} "1 May 2026 14:03:27 UTC+2 (2026-05-01 12:03:27 UTC)"; for readers whose zone is that of
+ *   UTC only the latter. With the offset, for the hour that there is twice when summer time ends.
  */
 export function exact(time) {
   const date = new Date(millisecondsOf(time));
@@ -232,10 +240,10 @@ export function stateWord(of) {
 
 /* ---- texts of others ---- */
 
-/* Controls, what has no width, what changes the direction of a line, halves of characters: the same characters that
- * the command line does not print. Tabs and line ends are white space on a page and stay. */
+/* Controls, what has no width, what changes the direction of a line, halves of characters: what the command
+ * line does not print either. Tabs and line ends are white space on a page and stay. */
 const unsafe =
-  /[\0-\x08\x0b-\x1f\x7f-\x9f\xad\u061c\u180e\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff\ufff9-\ufffb\u{e0000}-\u{e0fff}\p{Cs}]/gu;
+  /[\p{Cs}\p{Cf}\0-\x08\x0b-\x1f\x7f-\x9f\u2028\u2029\u2060-\u206f\ufff9-\ufffb\u{e0000}-\u{e0fff}]/gu;
 
 function shownCharacter(character) {
   const code = character.codePointAt(0);
@@ -246,8 +254,8 @@ function shownCharacter(character) {
 }
 
 /**
- * Control characters and those that rearrange a line, made visible: "␀", "⟨U+202E⟩". Line ends and tabs stay, but
- * for those at the end, and so does all else: this is no protection against markup, which textContent is.
+ * Control characters and those that rearrange a line, made visible: "␀", "⟨U+202E⟩". Line ends and tabs stay,
+ * but for those at the end, and so does all else: this is no protection against markup, which textContent is.
  * @param {*} text null is ""
  * @returns {string}
  */

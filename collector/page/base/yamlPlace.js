@@ -1,6 +1,7 @@
-/* Where a test stands in the text of the fleet file. The collector reads the file, and knows whether it is right; this
- * only finds lines in a text that it has taken. So it reads of YAML what such a file may have (no anchors, tags and
- * further documents), is lenient with the rest, and says that it does not know rather than guess. */
+/* Where a test stands in the text of the fleet file. The collector reads the file, and knows whether it is
+ * right; this only finds lines in a text that it has taken. So it reads of YAML what such a file may have (no
+ * anchors, tags and further documents), is lenient with the rest, and says that it does not know rather than
+ * guess. */
 
 const deepest = 100;
 
@@ -12,16 +13,16 @@ const indicators = new Set([..."[]{},#&*!|>'\"%@`"]);
 const inFlow = new Set([..."[]{},"]);
 
 const escapes = {
-  0: "\0", a: "\x07", b: "\b", t: "\t", n: "\n", v: "\v", f: "\f", r: "\r", e: "\x1b", N: "\x85", _: "\xa0", L: "\u2028",
-  P: "\u2029",
+  0: "\0", a: "\x07", b: "\b", t: "\t", n: "\n", v: "\v", f: "\f", r: "\r", e: "\x1b",
+  N: "\x85", _: "\xa0", L: "\u2028", P: "\u2029",
 };
 const hexDigits = { x: 2, u: 4, U: 8 };
 
-/* Nodes are {kind: "nothing"}, {kind: "text", text}, {kind: "list", items} and {kind: "map", entries}; an entry is
- * {key, value, from, to}, with rows from 0. */
+/* Nodes are {kind: "nothing"}, {kind: "text", text}, {kind: "list", items} and {kind: "map", entries}; an
+ * entry is {key, value, from, to}, with rows from 0. */
 class Reader {
   constructor(text) {
-    this.lines = text.replace(/^\ufeff/, "").split("\n").map((line) => (line.endsWith("\r") ? line.slice(0, -1) : line));
+    this.lines = text.replace(/^\ufeff/, "").split(/\r?\n/);
     this.row = 0;
     this.column = 0;
     this.last = 0; /* row of the last thing that was read, comments aside */
@@ -254,7 +255,7 @@ class Reader {
     }
     this.move(1);
     this.skipInFlow();
-    return this.at() === "," || this.at() === "}" || this.at() === "]" ? { kind: "nothing" } : this.readFlowNode();
+    return [",", "}", "]"].includes(this.at()) ? { kind: "nothing" } : this.readFlowNode();
   }
 
   readFlowMap() {
@@ -384,15 +385,18 @@ class Reader {
   }
 }
 
-const valueOf = (node, key) => (node?.kind === "map" ? node.entries.find((each) => each.key === key)?.value : undefined);
+const entryOf = (node, key) =>
+  node?.kind === "map" ? node.entries.find((each) => each.key === key) : undefined;
+const valueOf = (node, key) => entryOf(node, key)?.value;
 
 /**
- * The lines of a test in the text of the fleet file: from its key to the last line that belongs to it, whether it is
- * written over lines or between braces. Comments below it are not its own.
+ * The lines of a test in the text of the fleet file: from its key to the last line that belongs to it,
+ * whether it is written over lines or between braces. Comments below it are not its own.
  * @param {string} text
  * @param {?string} group the name of the group that has it
  * @param {?string} name of the test
- * @returns {?{from: number, to: number}} counted from 1; null when it is not there, or when the text is not understood
+ * @returns {?{from: number, to: number}} counted from 1; null when it is not there, or when the text is not
+ *   understood
  */
 export function findTest(text, group, name) {
   if (typeof text !== "string" || typeof group !== "string" || typeof name !== "string") {
@@ -407,7 +411,7 @@ export function findTest(text, group, name) {
     const groups = valueOf(root, "groups");
     for (const each of groups?.kind === "list" ? groups.items : []) {
       const tests = valueOf(each, "name")?.text === group ? valueOf(each, "tests") : undefined;
-      const found = tests?.kind === "map" ? tests.entries.find((entry) => entry.key === name) : undefined;
+      const found = entryOf(tests, name);
       if (found) {
         return { from: found.from + 1, to: found.to + 1 };
       }

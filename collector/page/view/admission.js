@@ -193,14 +193,14 @@ export async function open(place, params, context) {
     }
     const isOver = Date.parse(certificate.ends) <= Date.now();
     return [isOver ? "ended " : "until ", timeElement(certificate.ends),
-      certificate.ends_soon ? [" ", badge(isOver ? "problem" : "unknown", { text: isOver ? "has ended"
-        : "ends soon" })] : null];
+      certificate.ends_soon
+        ? [" ", badge(isOver ? "problem" : "unknown", { text: isOver ? "has ended" : "ends soon" })] : null];
   }
 
   function decidedCell(who) {
     const time = who.revoked ?? who.admitted;
-    return time ? [who.revoked ? "revoked " : "admitted ", timeElement(time), who.by
-      ? ` by ${clean(who.by)}` : ""] : "–";
+    return time ? [who.revoked ? "revoked " : "admitted ", timeElement(time),
+      who.by ? ` by ${clean(who.by)}` : ""] : "–";
   }
 
   const list = table({

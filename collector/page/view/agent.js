@@ -2,7 +2,7 @@
  * what it found on its host. Curves are asked for as they come into view, a few at a time. States
  * change by events and values by results: a late result may say another state than the test has. */
 import { to } from "../base/address.js";
-import { byState, byTest } from "../base/order.js";
+import { byState, byTest, newestFirst } from "../base/order.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import { clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
@@ -148,11 +148,11 @@ export async function open(place, params, context) {
     }
     const state = stateWord(agent);
     const { ok, problem, unknown } = agent.tests;
+    const counts = [problem > 0 ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown` : "",
+      `${ok} ok`].filter(Boolean).join(", ");
     fill(lead, agent.retired ? null : [badge(state), agent.since ? h("span", null, "for ",
       timeElement(agent.since, { as: "since" })) : null],
-    h("span", { class: "note", text: `${plural(ok + problem + unknown, "test")}: ${[problem > 0
-      ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown` : "",
-      `${ok} ok`].filter(Boolean).join(", ")}` }));
+    h("span", { class: "note", text: `${plural(ok + problem + unknown, "test")}: ${counts}` }));
     fill(lastPoll, pollTime ?? "never");
     fill(facts,
       agent.retired ? fact("Retired", timeElement(agent.retired),
@@ -287,15 +287,14 @@ export async function open(place, params, context) {
       valueName: h("span", { class: "note" }),
       time: h("span", { class: "note" }),
       curveElement: svg("svg", { class: "spark", viewBox: `0 0 ${curveWidth} ${curveHeight}`,
-        preserveAspectRatio: "none",
-        role: "img", "aria-label": "No curve yet" }),
-      curve: null, isRead: false, isAsked: false, isSeen: false, version: "", drawn: "",
+        preserveAspectRatio: "none", role: "img", "aria-label": "No curve yet" }),
+      curve: null, isRead: false, isAsked: false, isSeen: false, version: "", said: "",
     };
     fill(item.element,
       h("div", { class: "spark-name" },
         h("div", { class: "row" }, item.badge, testLink(test), item.since),
-        h("p", { class: "note", text: [test.type, test.target && test.target !== test.name
-          ? oneLine(test.target, 200) : "",
+        h("p", { class: "note", text: [test.type,
+          test.target && test.target !== test.name ? oneLine(test.target, 200) : "",
           test.group ? `of ${oneLine(test.group, 100)}` : ""].filter(Boolean).join(" · ") }),
         item.message, item.others),
       item.curveElement,
@@ -327,10 +326,9 @@ export async function open(place, params, context) {
     const main = name === null ? null : test.values[name];
     item.value.textContent = main ? number(main.value, main.unit) : "";
     item.valueName.textContent = main ? label(test, name) : "";
-    const others = Object.entries(test.values ?? {}).filter(([each, { value }]) => each !== name
-      && value !== null)
-      .slice(0, mostOthers).map(([each, { value, unit }]) =>
-        `${label(test, each)} ${oneLine(number(value, unit), 80)}`);
+    const others = Object.entries(test.values ?? {})
+      .filter(([each, { value }]) => each !== name && value !== null).slice(0, mostOthers)
+      .map(([each, { value, unit }]) => `${label(test, each)} ${oneLine(number(value, unit), 80)}`);
     item.others.textContent = others.join(" · ");
     item.others.hidden = others.length === 0;
     const time = item.time.firstElementChild;
@@ -489,8 +487,8 @@ export async function open(place, params, context) {
   /* ---- events ---- */
 
   const eventStatus = h("div"), noEvents = h("div"), eventList = h("ol", { class: "timeline" });
-  const allEvents = h("a", { href: to("events", { query: { agent: called } }), text: "All events of this "
-    + "agent" });
+  const allEvents = h("a", { href: to("events", { query: { agent: called } }),
+    text: "All events of this agent" });
 
   function makeEvent(event) {
     const state = stateWord({ state: event.to, stale: event.stale });
@@ -505,8 +503,8 @@ export async function open(place, params, context) {
 
   function showEvents() {
     const byId = new Map(events.map((event) => [event.id, event]));
-    events = [...byId.values()].sort((a, b) => Date.parse(b.time) - Date.parse(a.time)
-      || b.id - a.id).slice(0, mostEvents);
+    events = [...byId.values()].sort((a, b) => newestFirst(a.time, b.time) || b.id - a.id)
+      .slice(0, mostEvents);
     fill(noEvents, events.length > 0 ? null : h("p", { class: "note", text: "Nothing has changed its state "
       + "yet." }));
     return keyed(eventList, events, (event) => event.id, makeEvent);

@@ -2,7 +2,7 @@
  * address, so that it can be kept and passed on. New ones come in by themselves, but never move what
  * somebody reads: then they wait behind a button. */
 import { to } from "../base/address.js";
-import { natural } from "../base/order.js";
+import { natural, newestFirst } from "../base/order.js";
 import { clean, exact, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, failure, message, testLink } from "../parts.js";
@@ -71,8 +71,8 @@ function isWanted(event, query, members) {
   const has = (name, test) => !query.has(name) || test(query.get(name));
   const inText = (text, part) => (text ?? "").toLowerCase().includes(part);
   const { agent, test } = event;
-  return has("state", (list) => list.split(",").some((each) => each === event.to || (each === "stale"
-    && event.stale)))
+  const isState = (word) => word === event.to || (word === "stale" && event.stale);
+  return has("state", (list) => list.split(",").some(isState))
     && has("agent", (called) => called === String(agent.id) || called === `${agent.account}/${agent.name}`)
     && has("group", () => members?.has(agent.id))
     && has("type", (list) => test !== null && list.split(",").includes(test.type))
@@ -86,7 +86,7 @@ function isWanted(event, query, members) {
     });
 }
 
-const isBefore = (a, b) => Date.parse(b.time) - Date.parse(a.time) || b.id - a.id;
+const inOrder = (a, b) => newestFirst(a.time, b.time) || b.id - a.id;
 
 function eventItem(event) {
   const now = stateWord({ state: event.to, stale: event.stale });
@@ -124,8 +124,8 @@ export async function open(place, params, context) {
   const clear = h("button", { type: "button", class: "quiet", text: "Clear",
     on: { click: () => use(new Map()) } });
   const ofTest = h("p", { class: "note" });
-  const agentNames = h("datalist", { id: "events-agents" }), groupNames = h("datalist",
-    { id: "events-groups" });
+  const agentNames = h("datalist", { id: "events-agents" });
+  const groupNames = h("datalist", { id: "events-groups" });
   const field = (input, label, wide = false) =>
     h("div", { class: wide ? "field wide" : "field" }, h("label", { for: input.id, text: label }), input);
 
@@ -159,13 +159,14 @@ export async function open(place, params, context) {
     return wanted;
   }
 
-  function showQuery() {
+  /* A field in which somebody types stays as it is, unless it was the address that changed. */
+  function showQuery(isAsked = false) {
     const on = (query.get("state") ?? "").split(",");
     for (const box of boxes) {
       box.checked = on.includes(box.value) || (box.value === "unknown" && on.includes("stale"));
     }
     const set = (input, value) => {
-      if (input.value !== value && input !== document.activeElement) {
+      if (input.value !== value && (isAsked || input !== document.activeElement)) {
         input.value = value;
       }
     };
@@ -273,7 +274,7 @@ export async function open(place, params, context) {
 
   function show() {
     const byDay = new Map();
-    for (const event of [...known.values()].sort(isBefore)) {
+    for (const event of [...known.values()].sort(inOrder)) {
       const key = dayOf(event.time);
       if (!byDay.has(key)) {
         byDay.set(key, { key, events: [] });
@@ -445,7 +446,7 @@ export async function open(place, params, context) {
 
   /* What was missed is read back to what is known; when that is far, the list begins anew. */
   async function catchUp() {
-    const newest = [...known.values()].sort(isBefore)[0];
+    const newest = [...known.values()].sort(inOrder)[0];
     if (!newest || request) {
       begin();
       return;
@@ -499,7 +500,7 @@ export async function open(place, params, context) {
       if (textOf(wanted) !== textOf(query)) { /* went back, or followed a link */
         query = wanted;
         form.reset();
-        showQuery();
+        showQuery(true);
         begin();
       }
     },

@@ -28,8 +28,7 @@ const objects = new WeakMap();  /* and of what: the model replaces an object tha
 /* Of a test or of an agent that is silent. */
 const keyOf = (item) => `${item.kind} ${item.of.id}`;
 const versionOf = ({ kind, of }) => [kind, of.state, of.stale, of.since, of.name, of.target, of.message,
-  of.last_poll,
-  of.agent?.name].join("\n");
+  of.last_poll, of.agent?.name].join("\n");
 
 function fillProblem(element, { kind, of }) {
   const state = stateWord(of);
@@ -41,8 +40,8 @@ function fillProblem(element, { kind, of }) {
       h("div", { class: "problem-title" }, badge(state), agentLink(of)),
       since,
       h("div", { class: "problem-where" }, of.last_poll
-        ? ["Its last poll came ", timeElement(of.last_poll, { as: "ago" }), of.address
-        ? ` from ${clean(of.address)}` : ""]
+        ? ["Its last poll came ", timeElement(of.last_poll, { as: "ago" }),
+          of.address ? ` from ${clean(of.address)}` : ""]
         : "It does not poll", ". Does its host run, and reach the collector?"));
     return;
   }
@@ -81,8 +80,8 @@ const tileVersion = ({ state, stale, name, tests }) =>
 function tileNote({ tests }) {
   const { ok = 0, problem = 0, unknown = 0 } = tests ?? {};
   const all = ok + problem + unknown;
-  const bad = [problem > 0 ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown`
-    : ""].filter(Boolean);
+  const bad = [problem > 0 ? plural(problem, "problem") : "",
+    unknown > 0 ? `${unknown} unknown` : ""].filter(Boolean);
   return bad.length > 0 ? `${bad.join(", ")} of ${plural(all, "test")}` : plural(all, "test");
 }
 
@@ -121,13 +120,13 @@ export async function open(place, params, context) {
   const leaving = new AbortController();
   const { signal } = leaving;
   const isOver = () => signal.aborted;
-  let hasAgents = model.agents.size > 0, hasTests = hasAgents,
-    left = false; /* more problems than are shown */
+  let hasAgents = model.agents.size > 0, hasTests = hasAgents;
+  let left = false; /* more problems than are shown */
   let chosen = null; /* a state: only tiles of it */
 
   const lead = h("p", { class: "lead" }), status = h("div");
-  const noProblems = h("div"), problems = h("ol", { class: "problems" }), moreProblems = h("p",
-    { class: "more note" });
+  const noProblems = h("div"), problems = h("ol", { class: "problems" });
+  const moreProblems = h("p", { class: "more note", hidden: true });
   const problemsHeading = h("h2", { id: "now-problems", text: "What is wrong" });
   const counts = h("ul", { class: "counts" }), noAgents = h("div"), tiles = h("ul", { class: "tiles" });
   const agentsHeading = h("h2", { id: "now-agents", text: "Agents" });
@@ -138,15 +137,13 @@ export async function open(place, params, context) {
 
   function showProblems() {
     const all = model.worstFirst().map(itemOf);
-    problemsHeading.textContent = all.length > 0 ? `What is wrong (${number(all.length)}${left ? " and "
-      + "more" : ""})`
-      : "What is wrong";
+    problemsHeading.textContent = all.length === 0 ? "What is wrong"
+      : `What is wrong (${number(all.length)}${left ? " and more" : ""})`;
     fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
       : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
         "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
-    fill(moreProblems, left
-      ? `There are more than ${mostProblems} tests that are not ok: these are some of them. `
-      + "All of an agent stand on its own screen." : null);
+    fill(moreProblems, `There are more than ${mostProblems} tests that are not ok: these are some of them. `
+      + "All of an agent stand on its own screen.");
     moreProblems.hidden = !left;
     problems.hidden = all.length === 0;
     return keyed(problems, all, keyOf, makeProblem, updateProblem);
@@ -178,33 +175,32 @@ export async function open(place, params, context) {
     }
     counts.hidden = total === 0;
     agentsHeading.textContent = total > 0 ? plural(total, "agent") : "Agents";
-    lead.textContent = !hasAgents ? "" : total === 0 ? "" : leadText(now, total);
+    lead.textContent = hasAgents && total > 0 ? leadText(now, total) : "";
     fill(noAgents, !hasAgents || total > 0 ? null : emptyState("No agent has reported yet",
       h("p", null, "Install the agent on a host and have it poll this collector. ", me?.role === "admin"
         ? "The command that does so for one host is made under Admission; hosts that ask by themselves wait "
         + "there, too."
-        : "Who has the role admin makes the command for a host, under Admission.", " It appears here by "
-        + "itself."),
-      me?.role === "admin" ? h("a", { class: "button primary", href: to("admission"), text: "Have a host "
-        + "report" }) : null));
+        : "Who has the role admin makes the command for a host, under Admission.",
+      " It appears here by itself."),
+      ...(me?.role === "admin"
+        ? [h("a", { class: "button primary", href: to("admission"), text: "Have a host report" })] : [])));
     const all = model.sortedAgents("state");
-    return keyed(tiles, chosen ? all.filter((agent) => (agent.state === chosen)) : all,
-      (agent) => agent.id, makeTile,
-      updateTile);
+    return keyed(tiles, chosen ? all.filter((agent) => agent.state === chosen) : all, (agent) => agent.id,
+      makeTile, updateTile);
   }
 
   function leadText(now, total) {
-    const parts = [now.problem > 0 ? `${now.problem} with problems` : "", now.silent > 0
-      ? `${now.silent} silent` : "",
-      now.unknown > 0 ? `${now.unknown} unknown` : ""].filter(Boolean);
+    const parts = [now.problem > 0 ? `${number(now.problem)} with problems` : "",
+      now.silent > 0 ? `${number(now.silent)} silent` : "",
+      now.unknown > 0 ? `${number(now.unknown)} unknown` : ""].filter(Boolean);
     return parts.length === 0 ? `${total === 1 ? "The agent is" : `All ${number(total)} agents are`} ok.`
       : `Of ${plural(total, "agent")} ${parts.join(", ")}, ${number(now.ok)} ok.`;
   }
 
   /* ---- search ---- */
 
-  const q = h("input", { id: "now-q", type: "search", autocomplete: "off", autocapitalize: "none", spellcheck: "false",
-    placeholder: "Name, target, group, address" });
+  const q = h("input", { id: "now-q", type: "search", autocomplete: "off", autocapitalize: "none",
+    spellcheck: "false", placeholder: "Name, target, group, address" });
   const foundStatus = h("div"), noneFound = h("div"), moreFound = h("p", { class: "note" });
   const foundTiles = h("ul", { class: "tiles" }), foundTests = h("ol", { class: "problems" });
   const foundHeading = h("h2", { id: "now-found", text: "Found" });
@@ -246,8 +242,8 @@ export async function open(place, params, context) {
       let next = null;
       /* The collector looks for one text; the other words are looked for here. */
       for (let pages = 0; pages < 3; pages++) {
-        const answer = await api.get("/api/v1/tests", { signal: mine.signal, query: { q: longest(words),
-          limit: 300, next } });
+        const answer = await api.get("/api/v1/tests",
+          { signal: mine.signal, query: { q: longest(words), limit: 300, next } });
         items.push(...answer.items.filter(isLike));
         next = answer.next;
         if (next === null || items.length >= mostFound) {
@@ -261,8 +257,7 @@ export async function open(place, params, context) {
         showFound();
         clearTimeout(saying);
         saying = setTimeout(() => announce(hits.length === 0 ? "Nothing found."
-          : `Found ${foundHeading.textContent}.`),
-          foundSaidMs);
+          : `Found ${foundHeading.textContent}.`), foundSaidMs);
       }
     } catch (problem) {
       if (asking === mine && !isOver()) {
@@ -286,6 +281,7 @@ export async function open(place, params, context) {
       asking?.abort();
       asking = null;
       found = new Map();
+      changed.agents = changed.tests = true;
       show();
     }
   }
@@ -477,18 +473,16 @@ export async function open(place, params, context) {
 
   /* ---- the screen ---- */
 
-  const nowSections = h("div", { class: "stack" }, status,
+  const nowSections = h("div", { class: "stack" },
     h("section", { class: "stack tight", aria: { labelledby: "now-problems" } }, problemsHeading,
-      noProblems, problems,
-      moreProblems),
+      noProblems, problems, moreProblems),
     h("section", { class: "stack tight", aria: { labelledby: "now-agents" } }, agentsHeading, counts,
       noAgents, tiles));
-  const foundSection = h("section", { class: "stack tight", hidden: true,
-    aria: { labelledby: "now-found" } }, foundHeading,
-    foundStatus, noneFound, foundTiles, foundTests, moreFound);
+  const foundSection = h("section", { class: "stack tight", hidden: true, aria: { labelledby: "now-found" } },
+    foundHeading, foundStatus, noneFound, foundTiles, foundTests, moreFound);
   fill(place,
     h("header", { class: "head" }, h("h1", { tabindex: "-1", text: "Now" }), lead),
-    h("div", { class: "stack" }, form, nowSections, foundSection));
+    h("div", { class: "stack" }, form, status, nowSections, foundSection));
   if (hasAgents) { /* what was known when this was left, until it is read again */
     changed.agents = changed.tests = true;
     show();

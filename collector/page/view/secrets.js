@@ -93,9 +93,8 @@ export async function open(place, params, context) {
   /* ---- setting one ---- */
 
   const name = h("input", { id: "secret-name", type: "text", required: true, maxlength: "64",
-    pattern: "[A-Za-z0-9._\\-]+",
-    title: "Letters, digits, '-', '_' and '.'", autocomplete: "off", autocapitalize: "none", spellcheck: "false",
-    aria: { describedby: "secret-name-hint" } });
+    pattern: "[A-Za-z0-9._\\-]+", title: "Letters, digits, '-', '_' and '.'", autocomplete: "off",
+    autocapitalize: "none", spellcheck: "false", aria: { describedby: "secret-name-hint" } });
   const value = h("input", { id: "secret-value", type: "password", required: true, maxlength: "4096",
     autocomplete: "new-password", spellcheck: "false", aria: { describedby: "secret-value-hint" } });
   const button = h("button", { class: "primary", text: "Set it" });

@@ -6,7 +6,8 @@ test("each screen has an address that is read back", () => {
   for (const view of ["now", "events", "fleet", "changes", "admission", "tokens", "secrets"]) {
     assert.equal(read(to(view)).view, view);
   }
-  for (const [view, id] of [["agent", "12"], ["agent", "me@example.org/web-1"], ["agent", "100%"], ["test", "7"]]) {
+  for (const [view, id] of [["agent", "12"], ["agent", "me@example.org/web-1"], ["agent", "100%"], ["test",
+    "7"]]) {
     const back = read(to(view, { id }));
     assert.deepEqual([back.view, back.id], [view, id]);
   }
@@ -15,7 +16,8 @@ test("each screen has an address that is read back", () => {
 });
 
 test("what is no screen is unknown", () => {
-  for (const path of ["/nothing", "/agents", "/agents/", "/agents/1/2", "/tests/one", "/tests/-1", "/fleet/other",
+  for (const path of ["/nothing", "/agents", "/agents/", "/agents/1/2", "/tests/one", "/tests/-1",
+    "/fleet/other",
     "/__proto__", "/constructor", "/agents/%E0%A4%A", "/tests/%31%00"]) {
     assert.equal(read(path).view, "unknown", path);
   }
@@ -32,7 +34,8 @@ test("slashes around it do not matter", () => {
 });
 
 test("queries", () => {
-  const query = new Map([["from", "2026-05-01T00:00:00Z"], ["state", "problem,silent"], ["q", "a&b=c #\u202e"], ["to", ""]]);
+  const query = new Map([["from", "2026-05-01T00:00:00Z"], ["state", "problem,silent"], ["q",
+    "a&b=c #\u202e"], ["to", ""]]);
   const path = to("events", { query });
   assert.ok(path.startsWith("/events?from=2026-05-01T00:00:00Z&state=problem,silent&q="));
   query.delete("to");

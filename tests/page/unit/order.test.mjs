@@ -1,11 +1,13 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { byName, byState, byTest, natural, newestFirst, stateRank } from "../../../collector/page/base/order.js";
+import { byName, byState, byTest, natural, newestFirst,
+  stateRank } from "../../../collector/page/base/order.js";
 
 const sorted = (names) => [...names].sort(natural);
 
 test("numbers in names by their size", () => {
-  assert.deepEqual(sorted(["web-10", "web-2", "Web-3", "db", "web"]), ["db", "web", "web-2", "Web-3", "web-10"]);
+  assert.deepEqual(sorted(["web-10", "web-2", "Web-3", "db", "web"]), ["db", "web", "web-2", "Web-3",
+    "web-10"]);
   assert.deepEqual(sorted(["a10b2", "a10b10", "a9"]), ["a9", "a10b2", "a10b10"]);
   assert.deepEqual(sorted(["1.10", "1.9", "1"]), ["1", "1.9", "1.10"]);
 });
@@ -37,7 +39,8 @@ test("it is an order: who is before whom goes on", () => {
 test("agents, tests, states, times", () => {
   assert.ok(byName({ name: "a", account: "x" }, { name: "a", account: "y" }) < 0);
   assert.ok(byName({ id: 2, name: "a" }, { id: 10, name: "a" }) < 0);
-  assert.ok(byTest({ name: "disk", agent: { name: "web-2" } }, { name: "disk", agent: { name: "web-10" } }) < 0);
+  assert.ok(byTest({ name: "disk", agent: { name: "web-2" } }, { name: "disk",
+    agent: { name: "web-10" } }) < 0);
   assert.deepEqual(["ok", "unknown", "silent", "problem"].sort((a, b) => stateRank(a) - stateRank(b)),
     ["silent", "problem", "unknown", "ok"]);
   assert.equal(stateRank("toString"), stateRank("unknown"));

@@ -1,19 +1,22 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
 import {
-  appendResult, chartData, clampRange, firstValue, limits, panned, readRange, strip, valueLabel, valueNames, wanted,
+  appendResult, chartData, clampRange, firstValue, limits, panned, readRange, strip, valueLabel, valueNames,
+    wanted,
   writeRange, zoomed,
 } from "../../../collector/page/base/series.js";
 
 const at = (seconds) => new Date(Date.UTC(2026, 4, 1) + seconds * 1000).toISOString().replace(".000Z", "Z");
 const ms = (seconds) => Date.UTC(2026, 4, 1) + seconds * 1000;
 
-const column = (values) => ({ unit: "%", min: values, mean: values, max: values });
+const column = (values) => ({ unit: "%", min: [...values], mean: [...values], max: [...values] });
 function made(resolution, times, values, state, to) {
-  const zeros = times.map(() => 0);
+  const zeros = () => times.map(() => 0);
   return {
-    test: 7, from: at(0), to: at(to ?? times.at(-1) ?? 0), resolution, time: times.map(at), count: times.map(() => 1),
-    values: { load1: column(values) }, state: { ok: zeros, problem: zeros, unknown: zeros, ...state }, definitions: [],
+    test: 7, from: at(0), to: at(to ?? times.at(-1) ?? 0), resolution, time: times.map(at),
+      count: times.map(() => 1),
+    values: { load1: column(values) }, state: { ok: zeros(), problem: zeros(), unknown: zeros(), ...state },
+      definitions: [],
   };
 }
 
@@ -30,7 +33,8 @@ test("rows of a chart", () => {
 
 test("values that are not there, and answers that are none", () => {
   assert.deepEqual(chartData(made(300, [0], [1]), "load5").rows, [[new Date(ms(0)), null]]);
-  assert.deepEqual(chartData(made(300, [0], [1]), "constructor"), { rows: [[new Date(ms(0)), null]], labels: ["Time", "constructor"], unit: "" });
+  assert.deepEqual(chartData(made(300, [0], [1]), "constructor"), { rows: [[new Date(ms(0)), null]],
+    labels: ["Time", "constructor"], unit: "" });
   for (const nothing of [null, undefined, {}, made(0, [], [])]) {
     assert.deepEqual(chartData(nothing, "load1").rows, []);
     assert.deepEqual(strip(nothing ?? {}), []);
@@ -67,7 +71,8 @@ test("states of points of five minutes", () => {
 });
 
 test("states of results hold until the next one, or until nobody knows", () => {
-  const series = made(0, [0, 60, 60, 120, 1000], [], { ok: [60, 0, 0, 180, 60], problem: [0, 0, 60, 0, 0], unknown: [0, 0, 0, 700, 0] });
+  const series = made(0, [0, 60, 60, 120, 1000], [], { ok: [60, 0, 0, 180, 60], problem: [0, 0, 60, 0, 0],
+    unknown: [0, 0, 0, 700, 0] });
   assert.deepEqual(strip(series), [
     { from: ms(0), to: ms(60), state: "ok" }, { from: ms(60), to: ms(120), state: "problem" },
     { from: ms(120), to: ms(300), state: "ok" }, { from: ms(300), to: ms(1000), state: "unknown" },
@@ -87,7 +92,8 @@ test("limits of each kind of test", () => {
   assert.deepEqual(of(memory, "swap_free"), [["below", 20480, "at least 20 GB"]]);
   assert.deepEqual(of(memory, "cached"), [["above", 2, "at most 2 MB"]]);
   assert.deepEqual(of(memory, "total"), []);
-  assert.deepEqual(of({ name: "/(/dev/sda1|ext4)", amount: 2.5 }, "available"), [["below", 2.5, "at least 2.5 GB"]]);
+  assert.deepEqual(of({ name: "/(/dev/sda1|ext4)", amount: 2.5 }, "available"), [["below", 2.5,
+    "at least 2.5 GB"]]);
   assert.deepEqual(of({ amount: 0 }, "available"), []);
   const process = { "maximum 1": 80, "maximum 2": 512, "maximum 3": -1, name: "nginx" };
   assert.deepEqual(of(process, "cpu"), [["above", 80, "at most 80 %"]]);
@@ -96,10 +102,12 @@ test("limits of each kind of test", () => {
   assert.deepEqual(of(network, "sent"), [["above", 100000000, "at most 100 MB/s"]]);
   assert.deepEqual(of(network, "sent_packets"), []);
   assert.deepEqual(of(network, "received_errors"), [["above", 1, "at most 1/s"]]);
-  const ping = { host: "x", "packet size": 56, "number of packets": 3, "time limit": 1000, "number of lost packets": 0 };
+  const ping = { host: "x", "packet size": 56, "number of packets": 3, "time limit": 1000,
+    "number of lost packets": 0 };
   assert.deepEqual(of(ping, "lost"), [["above", 0, "at most 0"]]);
   assert.deepEqual(of(ping, "round_trip"), [["above", 1000, "at most 1000 ms"]]);
-  assert.deepEqual(of({ host: "x", "text 7": "5", "switch 1": 1, method: 0 }, "time"), [["above", 5000, "at most 5000 ms"]]);
+  assert.deepEqual(of({ host: "x", "text 7": "5", "switch 1": 1, method: 0 }, "time"), [["above", 5000,
+    "at most 5000 ms"]]);
   assert.deepEqual(of({ host: "x", "text 7": "a", method: 0 }, "time"), []);
   assert.deepEqual(of({ host: "x", "time limit": 2, "number of retries": 1 }, "time"), []);
 });
@@ -150,8 +158,10 @@ test("times that are looked at do not go beyond now", () => {
   const now = ms(0);
   const hour = 3600000;
   assert.deepEqual(panned({ from: now - hour, to: now }, 1, now), { from: now - hour, to: now });
-  assert.deepEqual(panned({ from: now - hour, to: now }, -0.5, now), { from: now - 1.5 * hour, to: now - 0.5 * hour });
-  assert.deepEqual(zoomed({ from: now - hour, to: now }, 2, undefined, now), { from: now - 2 * hour, to: now });
+  assert.deepEqual(panned({ from: now - hour, to: now }, -0.5, now), { from: now - 1.5 * hour,
+    to: now - 0.5 * hour });
+  assert.deepEqual(zoomed({ from: now - hour, to: now }, 2, undefined, now), { from: now - 2 * hour,
+    to: now });
   assert.deepEqual(zoomed({ from: now - hour, to: now }, 0.5, now, now), { from: now - hour / 2, to: now });
   assert.deepEqual(zoomed({ from: now - 1000, to: now }, 0.001, now, now), { from: now - 60000, to: now });
   const widest = zoomed({ from: now - hour, to: now }, 1e9, undefined, now);
@@ -165,12 +175,15 @@ test("times of an address", () => {
   const query = (object) => new Map(Object.entries(object));
   assert.deepEqual(readRange(query({}), now), { from: now - day, to: now, range: "1d" });
   assert.deepEqual(readRange(query({ range: "7d" }), now), { from: now - 7 * day, to: now, range: "7d" });
-  for (const wrong of [{ range: "__proto__" }, { from: "x" }, { from: at(5), to: at(5) }, { from: at(9), to: at(5) }, { to: "" }]) {
+  for (const wrong of [{ range: "__proto__" }, { from: "x" }, { from: at(5), to: at(5) }, { from: at(9),
+    to: at(5) }, { to: "" }]) {
     assert.deepEqual(readRange(query(wrong), now), { from: now - day, to: now, range: "1d" });
   }
-  assert.deepEqual(readRange(query({ from: at(-7200), to: at(-3600) }), now), { from: ms(-7200), to: ms(-3600), range: null });
+  assert.deepEqual(readRange(query({ from: at(-7200), to: at(-3600) }), now), { from: ms(-7200),
+    to: ms(-3600), range: null });
   assert.deepEqual(readRange(query({ from: at(-7200) }), now), { from: ms(-7200), to: now, range: null });
-  assert.deepEqual(readRange(query({ to: at(-3600) }), now), { from: ms(-3600) - day, to: ms(-3600), range: null });
+  assert.deepEqual(readRange(query({ to: at(-3600) }), now), { from: ms(-3600) - day, to: ms(-3600),
+    range: null });
   assert.deepEqual(writeRange({ from: ms(0) + 999, to: ms(60) }), { from: at(0), to: at(60) });
   assert.deepEqual(writeRange("7d"), { range: "7d" });
 });
@@ -183,21 +196,24 @@ test("points for a width", () => {
   assert.equal(wanted("x", null, NaN), 400);
 });
 
-const result = (seconds, value, state = "ok") => ({ time: at(seconds), received: at(seconds + 1), state, values: { load1: { value, unit: "" } } });
+const result = (seconds, value, state = "ok") => ({ time: at(seconds), received: at(seconds + 1), state,
+  values: { load1: { value, unit: "" } } });
 
 test("results as they come", () => {
   const series = made(0, [0, 60], [1, 2], { ok: [60, 30], problem: [0, 0], unknown: [0, 0] }, 90);
   appendResult(series, result(120, 3, "problem"));
   appendResult(series, result(180, 4));
   assert.deepEqual(series.values.load1.mean, [1, 2, 3, 4]);
-  assert.deepEqual(strip(series).map((each) => [each.state, (each.to - each.from) / 1000]), [["ok", 120], ["problem", 60], ["ok", 1]]);
+  assert.deepEqual(strip(series).map((each) => [each.state, (each.to - each.from) / 1000]), [["ok", 120],
+    ["problem", 60], ["ok", 1]]);
   const before = structuredClone(series);
   appendResult(series, result(180, 4));
   assert.deepEqual(series, before, "twice");
   appendResult(series, result(90, 9));
   assert.deepEqual(series.values.load1.mean, [1, 2, 9, 3, 4], "late");
   assert.deepEqual(series.time, [0, 60, 90, 120, 180].map(at));
-  appendResult(series, { ...result(240, null), values: { other: { value: 5, unit: "x" }, text: { value: "up", unit: "" } } });
+  appendResult(series, { ...result(240, null), values: { other: { value: 5, unit: "x" }, text: { value: "up",
+    unit: "" } } });
   assert.deepEqual(series.values.load1.mean.at(-1), null);
   assert.deepEqual(series.values.other.max, [null, null, null, null, null, 5]);
   assert.equal("text" in series.values, false);
@@ -216,7 +232,8 @@ test("results move on with the time that is shown", () => {
 });
 
 test("a long pause is not taken for the state before it", () => {
-  const series = made(0, [0, 60, 120], [1, 2, 3], { ok: [60, 60, 1], problem: [0, 0, 0], unknown: [0, 0, 0] });
+  const series = made(0, [0, 60, 120], [1, 2, 3], { ok: [60, 60, 1], problem: [0, 0, 0], unknown: [0, 0,
+    0] });
   appendResult(series, result(7200, 3));
   assert.deepEqual(strip(series).map((each) => each.state), ["ok", "unknown", "ok"]);
 });

@@ -5,10 +5,12 @@ import { sparkPath } from "../../../collector/page/base/spark.js";
 const nothing = { path: "", area: "", gaps: [] };
 
 test("nothing to draw, or nowhere", () => {
-  for (const [values, width, height] of [[[], 10, 10], [null, 10, 10], [undefined, 10, 10], [[1], 0, 10], [[1], 10, NaN]]) {
+  for (const [values, width, height] of [[[], 10, 10], [null, 10, 10], [undefined, 10, 10], [[1], 0, 10],
+    [[1], 10, NaN]]) {
     assert.deepEqual(sparkPath(values, width, height), nothing);
   }
-  assert.deepEqual(sparkPath([null, NaN, "7", Infinity], 10, 10), { ...nothing, gaps: [{ from: 0, to: 10 }] });
+  assert.deepEqual(sparkPath([null, NaN, "7", Infinity], 10, 10), { ...nothing, gaps: [{ from: 0,
+    to: 10 }] });
 });
 
 test("a line from border to border", () => {

@@ -41,7 +41,8 @@ test("cut between bytes, by way of a decoder", () => {
   const bytes = new TextEncoder().encode(stream);
   for (let i = 0; i <= bytes.length; i++) {
     const decoder = new TextDecoder("utf-8");
-    const pieces = [bytes.slice(0, i), bytes.slice(i)].map((piece) => decoder.decode(piece, { stream: true }));
+    const pieces = [bytes.slice(0, i), bytes.slice(i)].map((piece) => decoder.decode(piece,
+      { stream: true }));
     assert.deepEqual(parse(...pieces), expected);
   }
 });
@@ -60,7 +61,8 @@ test("what is cut off by the end of the connection is no message", () => {
   parser.push("id: 8\ndata: half");
   parser.reset();
   assert.equal(parser.lastEventId, "7");
-  assert.deepEqual(parser.push("data: whole\n\n"), [{ id: "7", event: "message", data: "whole", retry: null }]);
+  assert.deepEqual(parser.push("data: whole\n\n"), [{ id: "7", event: "message", data: "whole",
+    retry: null }]);
 });
 
 test("fields that are wrong are none", () => {

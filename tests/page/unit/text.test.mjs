@@ -21,10 +21,14 @@ test("what is no number is a dash", () => {
 
 test("numbers have three digits and a unit that suits them", () => {
   const expected = [
-    [0, "", "0"], [-0, "", "0"], [1, "", "1"], [0.25, "", "0.25"], [12.345, "%", "12.3 %"], [99.96, "%", "100 %"],
-    [1234, "", "1234"], [9999.4, "", "9999"], [9999.6, "", "10 k"], [1234567, "", "1.23 M"], [-1234567, "", "-1.23 M"],
-    [12345, "/s", "12.3 k/s"], [3, "/s", "3/s"], [0.00031, "s", "0.31 ms"], [0.05, "ms", "50 µs"], [0.25, "s", "0.25 s"],
-    [999.9, "ms", "1000 ms"], [12345, "ms", "12.3 s"], [512, "bytes", "512 bytes"], [12345, "bytes", "12.3 kB"],
+    [0, "", "0"], [-0, "", "0"], [1, "", "1"], [0.25, "", "0.25"], [12.345, "%", "12.3 %"], [99.96, "%",
+      "100 %"],
+    [1234, "", "1234"], [9999.4, "", "9999"], [9999.6, "", "10 k"], [1234567, "", "1.23 M"], [-1234567, "",
+      "-1.23 M"],
+    [12345, "/s", "12.3 k/s"], [3, "/s", "3/s"], [0.00031, "s", "0.31 ms"], [0.05, "ms", "50 µs"], [0.25,
+      "s", "0.25 s"],
+    [999.9, "ms", "1000 ms"], [12345, "ms", "12.3 s"], [512, "bytes", "512 bytes"], [12345, "bytes",
+      "12.3 kB"],
     [100000000, "B/s", "100 MB/s"], [9000, "MB", "9000 MB"], [20480, "MB", "20 GB"], [39.1, "GB", "39.1 GB"],
     [0.05, "GB", "51.2 MB"], [20480, "GB", "20 TB"], [0, "GB", "0 GB"], [7, "widgets", "7 widgets"],
     [1e-12, "", "1e-12"], [1e30, "", "1e12 E"], [1e300, "%", "1e300 %"], [5n, "", "5"], [3, undefined, "3"],
@@ -41,7 +45,8 @@ test("a value that is a text is made harmless", () => {
 
 test("numbers of an axis share their unit and their digits", () => {
   assert.deepEqual([0, 0.5, 1].map((value) => axisNumber(value, "%", 0.5, 1)), ["0.0 %", "0.5 %", "1.0 %"]);
-  assert.deepEqual([0, 5000, 20000].map((value) => axisNumber(value, "", 5000, 20000)), ["0 k", "5 k", "20 k"]);
+  assert.deepEqual([0, 5000, 20000].map((value) => axisNumber(value, "", 5000, 20000)), ["0 k", "5 k",
+    "20 k"]);
   assert.equal(axisNumber(-0.0001, "", 1, 5), "0");
   assert.equal(axisNumber(NaN, "", 1, 5), "–");
   assert.equal(axisNumber(5, "GB", 0, NaN), "5 GB");
@@ -50,7 +55,8 @@ test("numbers of an axis share their unit and their digits", () => {
 test("ages", () => {
   const expected = [
     [0, "0 s"], [-5, "0 s"], [59.9, "59 s"], [60, "1 min"], [180, "3 min"], [3599, "59 min"], [3600, "1 h"],
-    [7500, "2 h 5 min"], [86400, "1 day"], [97200, "1 day 3 h"], [4 * 86400 + 5000, "4 days"], [86400 * 1500, "1,500 days"],
+    [7500, "2 h 5 min"], [86400, "1 day"], [97200, "1 day 3 h"], [4 * 86400 + 5000, "4 days"], [86400 * 1500,
+      "1,500 days"],
     [NaN, "–"], [null, "–"], [undefined, "–"],
   ];
   for (const [seconds, text] of expected) {
@@ -112,7 +118,8 @@ test("nothing of a text can rearrange a line", () => {
   assert.equal(clean("a\0b\x1b[31m\x7f"), "a␀b␛[31m␡");
   assert.equal(clean("a\u202eb\u2066\u200b\ufeffc"), "a⟨U+202E⟩b⟨U+2066⟩⟨U+200B⟩⟨U+FEFF⟩c");
   assert.equal(clean("\ud800x\u{e0041}"), "⟨U+D800⟩x⟨U+E0041⟩");
-  assert.equal(clean("<script>alert(1)</script>"), "<script>alert(1)</script>", "markup is text, and stays so");
+  assert.equal(clean("<script>alert(1)</script>"), "<script>alert(1)</script>",
+    "markup is text, and stays so");
   assert.equal(clean("one\r\ntwo\tthree\n\n"), "one\ntwo\tthree");
   assert.equal(clean("a\rb"), "a␍b");
   assert.equal(clean(null), "");

@@ -56,7 +56,8 @@ test("over lines and between braces", () => {
 });
 
 test("what is not there", () => {
-  for (const [group, name] of [["every host", "nginx"], ["nobody", "ssh"], ["web servers", "http"], ["every host", ""]]) {
+  for (const [group, name] of [["every host", "nginx"], ["nobody", "ssh"], ["web servers", "http"],
+    ["every host", ""]]) {
     assert.equal(findTest(file, group, name), null);
   }
   for (const nothing of [null, undefined, 5, {}]) {
@@ -67,8 +68,10 @@ test("what is not there", () => {
 });
 
 test("ends of lines, marks, directives", () => {
-  assert.deepEqual(findTest("\ufeff" + file.replaceAll("\n", "\r\n"), "web servers", "nginx"), { from: 30, to: 32 });
-  assert.deepEqual(findTest("%YAML 1.2\n---\n" + file + "...\nrest: {", "every host", "load"), { from: 11, to: 11 });
+  assert.deepEqual(findTest("\ufeff" + file.replaceAll("\n", "\r\n"), "web servers", "nginx"), { from: 30,
+    to: 32 });
+  assert.deepEqual(findTest("%YAML 1.2\n---\n" + file + "...\nrest: {", "every host", "load"), { from: 11,
+    to: 11 });
   assert.deepEqual(findTest("---\n" + file + "---\nother: 1\n", "every host", "load"), { from: 10, to: 10 });
 });
 
@@ -122,17 +125,21 @@ test("texts that go on in the next lines", () => {
 });
 
 test("JSON", () => {
-  const content = { version: 1, groups: [{ name: "a", agents: ["*"], tests: { "x\u0007\"": { load: {} }, y: "off" } }] };
+  const content = { version: 1, groups: [{ name: "a", agents: ["*"], tests: { "x\u0007\"": { load: {} },
+    y: "off" } }] };
   assert.deepEqual(findTest(JSON.stringify(content), "a", "y"), { from: 1, to: 1 });
   const text = JSON.stringify(content, null, 2);
-  assert.deepEqual(findTest(text, "a", 'x\u0007"'), { from: 9, to: 11 });
-  assert.deepEqual(findTest(text, "a", "y"), { from: 12, to: 12 });
+  assert.deepEqual(findTest(text, "a", 'x\u0007"'), { from: 10, to: 12 });
+  assert.deepEqual(findTest(text, "a", "y"), { from: 13, to: 13 });
 });
 
 test("what is wrong is not understood, and nothing is thrown", () => {
-  const wrong = ["", "\n\n", "groups", "groups:", "groups: [", "groups: {", 'groups: "', "- - -", "a: b: c", ": x", "}", "\t",
-    "groups:\n - name: a\n   tests: {x: {}\n", "groups:\n  - name: a\n  tests:\n    x: 1\n    - y\n", "? a\n: b", "&a b: *a",
-    "groups: {{{{", "[".repeat(100000), "- ".repeat(100000), "{a: ".repeat(100000), "\ud800", "x: \"\\UFFFFFFFF\""];
+  const wrong = ["", "\n\n", "groups", "groups:", "groups: [", "groups: {", 'groups: "', "- - -", "a: b: c",
+    ": x", "}", "\t",
+    "groups:\n - name: a\n   tests: {x: {}\n", "groups:\n  - name: a\n  tests:\n    x: 1\n    - y\n",
+      "? a\n: b", "&a b: *a",
+    "groups: {{{{", "[".repeat(100000), "- ".repeat(100000), "{a: ".repeat(100000), "\ud800",
+      "x: \"\\UFFFFFFFF\""];
   for (const text of wrong) {
     assert.equal(findTest(text, "a", "x"), null);
   }

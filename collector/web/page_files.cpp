@@ -1,0 +1,101 @@
+#include "web/page_files.h"
+
+#include "ingest/hash.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+constexpr std::string_view folder = "/page/", shell_name = "index.html", marker = "@VERSION@";
+constexpr size_t version_bytes = 8;
+
+/* Nothing from anywhere else, and nothing that stands in the markup. */
+constexpr std::string_view policy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
+    "worker-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+
+/* Of screens; those that end with a slash have an id behind it. */
+constexpr std::array<std::string_view, 9> screens = {"/",          "/agents/", "/tests/",
+                                                     "/events",    "/fleet",   "/fleet/changes",
+                                                     "/admission", "/tokens",  "/secrets"};
+
+bool is_screen(std::string_view path) {
+    return std::ranges::any_of(screens, [&](std::string_view one) {
+        if (one.size() == 1 || one.back() != '/') {
+            return path == one;
+        }
+        return path.starts_with(one) && path.size() > one.size() &&
+               path.find('/', one.size()) == path.npos;
+    });
+}
+
+std::string_view type_of(std::string_view name) {
+    return name.ends_with(".js")    ? "text/javascript; charset=utf-8"
+           : name.ends_with(".css") ? "text/css; charset=utf-8"
+           : name.ends_with(".svg") ? "image/svg+xml"
+                                    : "text/html; charset=utf-8";
+}
+
+const page_file* find(std::string_view name) {
+    const auto all = page_files();
+    auto found = std::ranges::find(all, name, &page_file::name);
+    return found == all.end() ? nullptr : &*found;
+}
+
+std::string make_version() {
+    std::string all;
+    for (const page_file& file : page_files()) {
+        const block_hash hash = sha256(file.bytes);
+        all.append(file.name).append(1, '\0').append(hash.begin(), hash.end());
+    }
+    std::string version;
+    for (unsigned char byte : std::span(sha256(all)).first<version_bytes>()) {
+        constexpr char digits[] = "0123456789abcdef";
+        version.append({digits[byte >> 4], digits[byte & 15]});
+    }
+    return version;
+}
+
+std::string make_shell() {
+    std::string html(find(shell_name)->bytes);
+    for (size_t at = 0; (at = html.find(marker, at)) != html.npos;) {
+        html.replace(at, marker.size(), page_version());
+    }
+    return html;
+}
+
+} // namespace
+
+const std::string& page_version() {
+    static const std::string version = make_version();
+    return version;
+}
+
+std::optional<api_answer> page_answer(std::string_view path) {
+    api_answer answer;
+    if (is_screen(path)) {
+        static const std::string shell = make_shell();
+        answer.type = type_of(shell_name);
+        answer.body = shell;
+        answer.headers.emplace_back("Content-Security-Policy", policy);
+        return answer;
+    }
+    if (!path.starts_with(folder)) {
+        return {};
+    }
+    path.remove_prefix(folder.size());
+    const size_t slash = path.find('/');
+    const page_file* file = slash == path.npos || path.substr(0, slash) != page_version()
+                                ? nullptr
+                                : find(path.substr(slash + 1));
+    if (file == nullptr || file->name == shell_name) {
+        throw_not_found("There is no such file of the page, or it was of another version: load the "
+                        "page again.");
+    }
+    answer.type = type_of(file->name);
+    answer.body = file->bytes;
+    answer.headers.emplace_back("Cache-Control", "public, max-age=31536000, immutable");
+    answer.headers.emplace_back("Content-Security-Policy", policy); /* a worker's is its file's */
+    return answer;
+}

@@ -1,11 +1,14 @@
 /* The web server over sockets: requests, limits, who is let in, the end. */
 #include "web_client.h"
 
-#include "api/route.h"
 #include "refuse_syscall.h"
+#include "web/page_files.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <regex>
+#include <set>
 #include <sys/wait.h>
 #include <system_error>
 
@@ -92,51 +95,91 @@ TEST_F(web_server_test, heads_and_what_has_not_changed) {
     EXPECT_EQ(c.get("/header").value("X-Evil"), "");
 }
 
-TEST_F(web_server_test, the_front_page) {
+static std::vector<std::string> matches(const std::string& text, const char* pattern) {
+    std::vector<std::string> found;
+    const std::regex what(pattern);
+    for (std::sregex_iterator i(text.begin(), text.end(), what), end; i != end; ++i) {
+        found.push_back((*i)[1]);
+    }
+    return found;
+}
+
+/* Each screen has an address of its own, and all have the same shell. */
+TEST_F(web_server_test, the_shell_of_the_page) {
     start();
     web_client c(port());
-    web_reply r = c.get("/");
-    EXPECT_EQ(r.value("Content-Type"), "text/html; charset=utf-8");
-    /* Its own script and style run, nothing else, and nobody else is asked. */
-    auto hash_of_what = [&](const std::string& element) {
-        const std::string begin = "<" + element + ">";
-        size_t at = r.body.find(begin) + begin.size();
-        std::string text = r.body.substr(at, r.body.find("</" + element + ">") - at);
-        EXPECT_EQ(r.body.find("<" + element, at), std::string::npos) << "one of these";
-        unsigned char hash[32], encoded[64];
-        EVP_Digest(text.data(), text.size(), hash, nullptr, EVP_sha256(), nullptr);
-        int length = EVP_EncodeBlock(encoded, hash, sizeof hash);
-        return "'sha256-" + std::string(encoded, encoded + length) + "'";
-    };
-    EXPECT_EQ(r.value("Content-Security-Policy"),
-              "default-src 'none'; script-src " + hash_of_what("script") + "; style-src " +
-                  hash_of_what("style") +
-                  "; connect-src 'self'; base-uri 'none'; form-action 'none'; "
-                  "frame-ancestors 'none'");
-    for (const char* no : {"://", " src=", "url(", "@import", " style=", " onclick", "innerHTML"}) {
-        EXPECT_EQ(r.body.find(no), std::string::npos) << no;
+    const web_reply shell = c.get("/");
+    EXPECT_EQ(shell.status, 200);
+    EXPECT_EQ(shell.value("Content-Type"), "text/html; charset=utf-8");
+    EXPECT_EQ(shell.value("Cache-Control"), "no-store");
+    EXPECT_EQ(shell.value("Content-Security-Policy"),
+              "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; "
+              "connect-src 'self'; worker-src 'self'; base-uri 'none'; form-action 'none'; "
+              "frame-ancestors 'none'");
+    for (const char* no : {"@VERSION@", "://", "<style", " style=", " onclick", "<script>"}) {
+        EXPECT_EQ(shell.body.find(no), std::string::npos) << no;
     }
-    /* What it asks and where it leads is there. */
-    size_t count = 0;
-    for (const std::string& before : {std::string("fetch(\""), std::string(" href=\"")}) {
-        for (size_t at = 0; (at = r.body.find(before, at)) != std::string::npos; count++) {
-            at += before.size();
-            const std::string target = r.body.substr(at, r.body.find('"', at) - at);
-            const std::string path = target.substr(0, target.find('?'));
-            std::vector<std::string> in_path;
-            std::string allowed;
-            const bool posts = path.starts_with("/sign-");
-            const route* row = find_route(posts ? "POST" : "GET", path, in_path, allowed);
-            ASSERT_NE(row, nullptr) << target;
-            api_request asked;
-            read_parameters(*row, target.substr(std::min(path.size() + 1, target.size())), asked);
+    for (const char* path :
+         {"/agents/12", "/agents/a%40b%2Fweb-1", "/tests/7?range=1d", "/events?q=x", "/fleet",
+          "/fleet/changes", "/admission", "/tokens", "/secrets"}) {
+        EXPECT_EQ(c.get(path).body, shell.body) << path;
+    }
+    for (const char* path : {"/agents", "/agents/", "/agents/1/2", "/tests", "/event", "/page",
+                             "/page/", "/fleet/", "/index.html"}) {
+        EXPECT_EQ(c.get(path).status, 404) << path;
+    }
+    for (const char* method : {"OPTIONS", "POST", "DELETE"}) {
+        const web_reply r =
+            c.ask(method, "/events", "Origin: http://127.0.0.1:" + std::to_string(port()) + "\r\n");
+        EXPECT_EQ(r.status, 405) << method;
+        EXPECT_EQ(r.value("Allow"), "GET, HEAD");
+        EXPECT_EQ(r.value("Access-Control-Allow-Origin"), "");
+    }
+}
+
+/* Whatever a file of the page refers to is there, and nothing is anywhere else. */
+TEST_F(web_server_test, the_files_of_the_page) {
+    start();
+    web_client c(port());
+    std::vector<std::string> to_read = matches(c.get("/").body, "(/page/[^\"]+)\"");
+    ASSERT_GT(to_read.size(), 5u);
+    const std::string folder = "/page/" + page_version() + "/";
+    for (const page_file& file : page_files()) {
+        if (file.name != "index.html") {
+            to_read.push_back(folder + std::string(file.name));
         }
     }
-    EXPECT_EQ(count, 7u);
-    r = c.ask("OPTIONS", "/");
-    EXPECT_EQ(r.status, 405);
-    EXPECT_EQ(r.value("Allow"), "GET, HEAD");
-    EXPECT_EQ(r.value("Access-Control-Allow-Origin"), "");
+    std::set<std::string> read;
+    while (!to_read.empty()) {
+        const std::string path = to_read.back();
+        to_read.pop_back();
+        if (!read.insert(path).second) {
+            continue;
+        }
+        const web_reply r = c.get(path);
+        ASSERT_EQ(r.status, 200) << path;
+        EXPECT_EQ(r.value("Cache-Control"), "public, max-age=31536000, immutable");
+        EXPECT_TRUE(r.value("Content-Security-Policy").starts_with("default-src 'none';"));
+        EXPECT_EQ(r.value("Content-Type"), path.ends_with(".js") ? "text/javascript; charset=utf-8"
+                                           : path.ends_with(".css") ? "text/css; charset=utf-8"
+                                                                    : "image/svg+xml")
+            << path;
+        if (!path.ends_with(".js") || path.ends_with("/dygraph.js")) {
+            continue;
+        }
+        for (const char* no : {"innerHTML", "eval(", "https://", "insertAdjacentHTML"}) {
+            EXPECT_EQ(r.body.find(no), std::string::npos) << path << ": " << no;
+        }
+        for (const std::string& name : matches(r.body, "(?:from |import\\()\"(\\.[^\"]+)\"")) {
+            to_read.push_back(
+                std::filesystem::path(path).parent_path().append(name).lexically_normal());
+        }
+    }
+    EXPECT_GT(read.size(), 25u);
+    EXPECT_EQ(c.get(folder + "index.html").status, 404);
+    EXPECT_EQ(c.get("/page/0123456789abcdef/main.js").status, 404) << "of another version";
+    EXPECT_EQ(c.get(folder + "main.js", "Accept-Encoding: gzip\r\n").value("Content-Encoding"),
+              "gzip");
 }
 
 /* ---- who asks ---- */

@@ -50,7 +50,8 @@ std::string make_version() {
         all.append(file.name).append(1, '\0').append(hash.begin(), hash.end());
     }
     std::string version;
-    for (unsigned char byte : std::span(sha256(all)).first<version_bytes>()) {
+    const block_hash hash_of_all = sha256(all);
+    for (unsigned char byte : std::span(hash_of_all).first<version_bytes>()) {
         constexpr char digits[] = "0123456789abcdef";
         version.append({digits[byte >> 4], digits[byte & 15]});
     }

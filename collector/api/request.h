@@ -55,6 +55,8 @@ struct api_answer {
         {};                 /* besides those of every answer */
     std::string audit = {}; /* who changed what is logged with this, which is printable: "retired
                                agent a@b/web-1" */
+    const std::string* packed = nullptr; /* the body by gzip, where it is there already. Not owned:
+                                            lives as long as the program */
 };
 
 /* Thrown by resources; becomes application/problem+json (RFC 9457). `detail` is a sentence that a

@@ -9,31 +9,13 @@
 namespace {
 
 constexpr size_t worth_it = 1024; /* bytes: less fits into one packet anyway */
-constexpr int effort = 3;         /* of 9: a megabyte takes some ten milliseconds */
+constexpr int effort = 3;         /* for what is made for one request */
 
 const char common[] = "X-Content-Type-Options: nosniff\r\n"
                       "Referrer-Policy: no-referrer\r\n"
                       "Cross-Origin-Resource-Policy: same-origin\r\n";
 const char loads_nothing[] =
     "Content-Security-Policy: default-src 'none'; frame-ancestors 'none'\r\n";
-
-/* Empty when it did not work or is no smaller. */
-std::string gzipped(const std::string& text) {
-    z_stream stream{};
-    constexpr int with_gzip_head = 15 + 16;
-    if (deflateInit2(&stream, effort, Z_DEFLATED, with_gzip_head, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-        return "";
-    }
-    std::string out(text.size(), '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = static_cast<uInt>(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    bool whole = deflate(&stream, Z_FINISH) == Z_STREAM_END;
-    out.resize(whole ? stream.total_out : 0);
-    deflateEnd(&stream);
-    return out;
-}
 
 bool may_be_compressed(std::string_view type) {
     return type.starts_with("application/json") || type.starts_with("application/problem+json") ||
@@ -67,13 +49,30 @@ std::string status_line(int status) {
 
 } // namespace
 
+std::string gzipped(std::string_view text, int effort) {
+    z_stream stream{};
+    constexpr int with_gzip_head = 15 + 16;
+    if (deflateInit2(&stream, effort, Z_DEFLATED, with_gzip_head, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
+        return "";
+    }
+    std::string out(text.size(), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    bool whole = deflate(&stream, Z_FINISH) == Z_STREAM_END;
+    out.resize(whole ? stream.total_out : 0);
+    deflateEnd(&stream);
+    return out;
+}
+
 wire_answer to_wire(api_answer&& answer, const request_head& asked, bool keep_alive, int64_t now) {
     wire_answer out{status_line(answer.status), std::move(answer.body)};
     const bool without_body = answer.status == 204 || answer.status == 304;
     const bool varies = !without_body && may_be_compressed(answer.type);
     bool compressed = false;
     if (varies && asked.takes_gzip && out.body.size() >= worth_it && asked.method != "HEAD") {
-        std::string smaller = gzipped(out.body);
+        std::string smaller = answer.packed ? *answer.packed : gzipped(out.body, effort);
         compressed = !smaller.empty();
         if (compressed) {
             out.body = std::move(smaller);

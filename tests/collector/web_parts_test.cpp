@@ -1,6 +1,7 @@
 /* The web server without sockets: heads, hosts, rates, the line for the reading threads, answers,
  * pieces of a stream. */
 #include "base/rates.h"
+#include "unzipped.h"
 #include "web/answer.h"
 #include "web/budget.h"
 #include "web/readers.h"
@@ -11,7 +12,6 @@
 #include <atomic>
 #include <future>
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 using namespace std::chrono_literals;
 
@@ -403,20 +403,6 @@ TEST(web_readers, from_time_to_time) {
 /* ---- answers ---- */
 
 namespace {
-
-std::string unzipped(const std::string& text) {
-    z_stream stream{};
-    EXPECT_EQ(inflateInit2(&stream, 15 + 16), Z_OK);
-    std::string out(10u << 20, '\0');
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    stream.avail_in = uInt(text.size());
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = uInt(out.size());
-    EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END);
-    out.resize(stream.total_out);
-    inflateEnd(&stream);
-    return out;
-}
 
 bool has(const wire_answer& answer, const std::string& line) {
     return answer.head.find("\r\n" + line + "\r\n") != std::string::npos;

@@ -417,9 +417,9 @@ export function createChart(place, { label }) {
       highlightCircleSize: 4,
       interactionModel: {},
       axes: {
-        x: { drawGrid: false, pixelsPerLabel: 80, axisLabelWidth: 70 },
+        x: { drawGrid: false, pixelsPerLabel: 80, axisLabelWidth: 70, axisTickSize: 6 },
         y: {
-          axisLabelWidth: 72,
+          axisLabelWidth: labelWidth(),
           ticker: (low, high, pixels) => ticksOf(low, high, pixels, shown.unit),
         },
       },
@@ -443,8 +443,12 @@ export function createChart(place, { label }) {
   dark.addEventListener("change", scheme);
   forced.addEventListener("change", scheme);
 
+  /* As wide on all curves of a page, so that their times stand below each other. */
+  const labelWidth = () => (plot.clientWidth < 480 ? 54 : 72);
+
   const sized = new ResizeObserver(throttle(() => {
     if (graph && plot.clientWidth > 0) {
+      graph.updateOptions({ axes: { y: { axisLabelWidth: labelWidth() } } }, true);
       graph.resize();
     }
   }));

@@ -10,11 +10,9 @@ import * as parts from "./parts.js";
 import { showSignIn, whyNot } from "./signIn.js";
 
 const product = "Vindral";
-const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500;
+const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000;
 
-/* "changes" is a part of the fleet's screen. */
-const modules = { now: "now", agent: "agent", test: "test", events: "events", fleet: "fleet",
-  changes: "fleet", admission: "admission", tokens: "tokens", secrets: "secrets" };
+const modules = ["now", "agent", "test", "events", "fleet", "changes", "admission", "tokens", "secrets"];
 const forAdmins = ["admission", "tokens", "secrets"];
 const screens = [["now", "Now"], ["events", "Events"], ["fleet", "Fleet"], ["admission", "Admission"],
   ["tokens", "Tokens"], ["secrets", "Secrets"]];
@@ -121,7 +119,8 @@ function scrollBack(y, mine) {
 }
 
 function showTrouble(main, title, problem, retry) {
-  fill(main, h("div", { class: "head" }, h("h1", { text: title })), parts.failure(problem, retry));
+  fill(main, h("div", { class: "head" }, h("h1", { text: title })), problem instanceof NotLoaded
+    ? parts.failure(problem, () => location.reload(), "Load the page again") : parts.failure(problem, retry));
 }
 
 function notHere(main) {
@@ -130,22 +129,34 @@ function notHere(main) {
       h("a", { class: "button", href: "/", text: "What is wrong now" })));
 }
 
+class NotLoaded extends api.Problem {}
+
+/* Not again at once, and not where that cannot be known. */
+function mayReload() {
+  try {
+    const last = Number(sessionStorage.getItem("reloaded"));
+    sessionStorage.setItem("reloaded", Date.now());
+    return Date.now() - last > reloadedAgainAfter;
+  } catch {
+    return false;
+  }
+}
+
 /* The modules of this page are gone when the collector was updated meanwhile: the page is loaded
- * anew, once. */
+ * anew. */
 async function load(name) {
   try {
-    const module = await import(`./view/${name}.js`);
-    sessionStorage.removeItem("reloaded");
-    return module;
+    return await import(`./view/${name}.js`);
   } catch (error) {
-    const known = await api.me().catch(() => null);
-    if (known && !sessionStorage.getItem("reloaded")) {
-      sessionStorage.setItem("reloaded", "1");
+    console.warn(error);
+    const isThere = await api.me().then(() => true, () => false);
+    if (isThere && mayReload()) {
       location.reload();
       await new Promise(() => {});
     }
-    throw known ? error
-      : new api.Problem({ detail: "The collector does not answer; this part of the page is not here yet." });
+    throw new NotLoaded(isThere ? { status: 410, title: "This part of the page did not come",
+      detail: "The collector may have been updated since the page was loaded." }
+      : { detail: "The collector does not answer; this part of the page is not here yet." });
   }
 }
 
@@ -176,9 +187,9 @@ async function show({ isFirst = false, y = 0 } = {}) {
   const mine = shows, isOver = () => mine !== shows;
   const main = emptyMain();
   markMenu(route.view);
-  const name = modules[route.view];
-  if (!name || (forAdmins.includes(route.view) && me.role !== "admin")) {
-    if (name) {
+  const isScreen = modules.includes(route.view);
+  if (!isScreen || (forAdmins.includes(route.view) && me.role !== "admin")) {
+    if (isScreen) {
       showTrouble(main, screens.find(([view]) => view === route.view)[1],
         new api.Problem({ status: 403, detail: "Sign in with a token or a link that has the role admin." }));
     } else {
@@ -196,7 +207,7 @@ async function show({ isFirst = false, y = 0 } = {}) {
     }
   };
   try {
-    module = await parts.busy(load(name), main);
+    module = await parts.busy(load(route.view), main);
     if (isOver()) {
       return;
     }
@@ -390,7 +401,7 @@ async function lookAgain(ifSo) {
 const others = typeof BroadcastChannel === "function" ? new BroadcastChannel("vindral-session") : null;
 others?.addEventListener("message", ({ data }) => {
   if (data === "out") {
-    lookAgain();
+    lookAgain().then(() => me || forget());
   } else if (data === "in") {
     if (me) {
       lookAgain(restartSoon);
@@ -410,6 +421,14 @@ async function signOut() {
   }
   others?.postMessage("out");
   askWho("You are signed out.");
+  forget();
+}
+
+/* What this tab keeps over a reload: in a text that is not applied yet there may be passwords. */
+function forget() {
+  try {
+    sessionStorage.clear();
+  } catch { /* it keeps nothing */ }
 }
 
 /* The address stays: after signing in it is shown. */
@@ -512,6 +531,7 @@ addEventListener("hashchange", () => {
 });
 document.addEventListener("click", onClick);
 api.session.addEventListener("signed-out", () => lookAgain()); /* it may be an old answer */
-import(`./view/${modules[read(location).view] ?? "now"}.js`)
-  .catch(() => { /* it is asked for again, and said then */ });
+if (modules.includes(read(location).view)) {
+  import(`./view/${read(location).view}.js`).catch(() => { /* it is asked for again, and said then */ });
+}
 begin();

@@ -2,7 +2,7 @@
  * everywhere. Texts that came from somewhere are made harmless here (clean()); nodes go in as they
  * are. */
 import { to } from "./base/address.js";
-import { clean, clock, exact, oneLine, shortened, since } from "./base/text.js";
+import { clean, clock, exact, oneLine, shortened, since, stateWord } from "./base/text.js";
 import { breath, fill, h, keyed } from "./dom.js";
 
 const words = { ok: "ok", problem: "problem", unknown: "unknown", stale: "stale", silent: "silent" };
@@ -30,9 +30,9 @@ export function setBadge(element, state, text) {
 const shown = {
   clock: (iso) => clock(iso),
   since: (iso) => since(iso, new Date()),
-  ago: (iso) => `${since(iso, new Date())} ago`,
+  ago: (iso) => (Date.now() - Date.parse(iso) < justNowMs ? "just now" : `${since(iso, new Date())} ago`),
 };
-const refreshMs = 30000, refreshedAtOnce = 200;
+const refreshMs = 15000, justNowMs = refreshMs, refreshedAtOnce = 200;
 
 /* One timer for all times that are on the page; none while nobody looks. */
 let timer = 0;
@@ -129,6 +129,27 @@ export function message(text, { short = shortMessage } = {}) {
 }
 
 /**
+ * A row of a timeline.
+ * @param {Object} event of the API
+ * @param {{time: Element, what: (Node|string|Array|null)}} how what changed, where the place does not say it
+ */
+export function eventItem(event, { time = timeElement(event.time), what }) {
+  const state = stateWord({ state: event.to, stale: event.stale });
+  return h("li", { class: "event", data: { state, key: event.id } },
+    h("span", { class: "event-time" }, time),
+    h("span", { class: "event-state" }, badge(event.from), h("span", { aria: { hidden: "true" }, text: "→" }),
+      h("span", { class: "hidden", text: "became" }), badge(state)),
+    what ? h("span", { class: "event-what" }, what) : null,
+    event.message ? h("div", { class: "event-message" }, message(event.message)) : null);
+}
+
+/** A name and its value, of a dl of class "facts". */
+export const fact = (name, ...what) => [h("dt", { text: name }), h("dd", null, what)];
+
+/** Fills a section with its heading and what comes below. */
+export const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
+
+/**
  * Nothing is there, and what to do next.
  * @param {string} title "No agent has reported yet"
  * @param {string|Node} next a sentence, or nodes
@@ -186,14 +207,15 @@ function whatFailed(problem) {
 /**
  * What did not work and why, said at once by screen readers.
  * @param {Error} problem of api.js, or anything that was thrown
- * @param {(() => void)|null} [retry] has a button "Try again"
+ * @param {(() => void)|null} [retry] has a button
+ * @param {string} [text] of the button
  */
-export function failure(problem, retry = null) {
+export function failure(problem, retry = null, text = "Try again") {
   const detail = problem?.detail || (problem?.status === undefined ? problem?.message : "");
   return h("div", { class: "failure", role: "alert" },
     h("p", { class: "failure-title", text: whatFailed(problem) }),
     detail ? h("p", { class: "message", text: clean(detail) }) : null,
-    retry ? h("button", { type: "button", text: "Try again", on: { click: retry } }) : null);
+    retry ? h("button", { type: "button", text, on: { click: retry } }) : null);
 }
 
 /**
@@ -207,6 +229,19 @@ export function failure(problem, retry = null) {
  */
 
 const cleaned = (what) => (typeof what === "string" ? clean(what) : what);
+
+/* A region that scrolls is one that keys reach. */
+let scrolling = null;
+const watchScrolling = (entries) => {
+  for (const { target } of entries) {
+    const box = target.closest(".table-box");
+    if (box?.scrollWidth > box?.clientWidth) {
+      box.tabIndex = 0;
+    } else {
+      box?.removeAttribute("tabindex");
+    }
+  }
+};
 
 /**
  * A table whose rows become cards where it is narrow. Roles are said: browsers forget them when
@@ -230,10 +265,15 @@ export function table({ caption, captionHidden = false, columns, rows = [], keyO
     data: { label: column.title, key: `${keyOf(row)} ${column.title}` },
   });
   /* One element in a cell: cards have two columns, the title and it. */
-  const content = (column, row) => h("div", null, cleaned(column.cell(row)));
+  const cell = (column, row) => {
+    const content = h("div", null, cleaned(column.cell(row)));
+    content.className = /\S{33}/.test(content.textContent) ? "endless" : "";
+    const made = h(column.heading ? "th" : "td", attributes(column, row), content);
+    made.classList.toggle("blank", content.childNodes.length === 0);
+    return made;
+  };
   const make = (row) => {
-    const made = h("tr", { role: "row", data: { key: keyOf(row) } }, columns.map((column) =>
-      h(column.heading ? "th" : "td", attributes(column, row), content(column, row))));
+    const made = h("tr", { role: "row", data: { key: keyOf(row) } }, columns.map((column) => cell(column, row)));
     versions.set(made, version?.(row));
     return made;
   };
@@ -243,16 +283,17 @@ export function table({ caption, captionHidden = false, columns, rows = [], keyO
       return;
     }
     versions.set(element, next);
-    fill(element, columns.map((column) =>
-      h(column.heading ? "th" : "td", attributes(column, row), content(column, row))));
+    fill(element, columns.map((column) => cell(column, row)));
   };
-  const element = h("div", { class: "table-box" },
-    h("table", { role: "table" },
-      h("caption", { class: captionHidden ? "hidden" : null, text: caption }),
-      h("thead", { role: "rowgroup" }, h("tr", { role: "row" }, columns.map((column) =>
-        h("th", { role: "columnheader", scope: "col", class: column.numeric ? "numeric" : null },
-          column.untitled ? h("span", { class: "hidden", text: column.title }) : column.title)))),
-      body));
+  const inner = h("table", { role: "table" },
+    h("caption", { class: captionHidden ? "hidden" : null, text: caption }),
+    h("thead", { role: "rowgroup" }, h("tr", { role: "row" }, columns.map((column) =>
+      h("th", { role: "columnheader", scope: "col", class: column.numeric ? "numeric" : null },
+        column.untitled ? h("span", { class: "hidden", text: column.title }) : column.title)))),
+    body);
+  const element = h("div", { class: "table-box", role: "group", aria: { label: caption } }, inner);
+  scrolling ??= new ResizeObserver(watchScrolling);
+  scrolling.observe(inner);
   element.update = (now) => keyed(body, now, keyOf, make, update);
   element.update(rows);
   return element;

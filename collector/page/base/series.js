@@ -280,6 +280,7 @@ export const ranges = { "1h": hour, "6h": 6 * hour, "1d": day, "7d": 7 * day, "3
 const usualRange = "1d";
 const leastSpan = minute;
 const mostSpan = 3660 * day;
+const mostPoints = 2000;
 
 const apiTime = (time) => new Date(Math.floor(time / second) * second).toISOString().replace(".000Z", "Z");
 const inMilliseconds = (time) => (typeof time === "string" ? Date.parse(time) : Number(time ?? NaN));
@@ -345,7 +346,8 @@ export function writeRange(range) {
 }
 
 /**
- * How many points to ask for: one for two pixels, and not more than there are seconds.
+ * How many points to ask for: one for two pixels, of some hours all results, and not more than there are
+ * seconds. (What is next to every result is five minutes, which makes an hour of results each second coarse.)
  * @param {Date|number|string} from
  * @param {Date|number|string} to
  * @param {number} width pixels
@@ -353,9 +355,9 @@ export function writeRange(range) {
  */
 export function wanted(from, to, width) {
   const seconds = (inMilliseconds(to) - inMilliseconds(from)) / second;
-  const fitting = isNumber(width) ? width / 2 : 400;
+  const fitting = seconds <= (6 * hour) / second ? mostPoints : isNumber(width) ? width / 2 : 400;
   const points = isNumber(seconds) ? Math.min(fitting, seconds) : fitting;
-  return Math.min(Math.max(Math.ceil(points), 50), 2000);
+  return Math.min(Math.max(Math.ceil(points), 50), mostPoints);
 }
 
 /* ---- results as they come ---- */

@@ -36,6 +36,7 @@ for (const ladder of ladders) {
 }
 
 const leastShown = 0.1;
+const leastPercent = 0.005;
 const firstRaised = 10000;
 const raised = 1000; /* once it is raised at all */
 
@@ -82,8 +83,8 @@ export function number(value, unit = "") {
     return none;
   }
   const known = rungs.get(unit ?? "");
-  if (!known) {
-    return withUnit(digitsOf(size), clean(unit));
+  if (!known) { /* what is measured of no time at all is 2.35e-07 % */
+    return withUnit(digitsOf(unit === "%" && Math.abs(size) < leastPercent ? 0 : size), clean(unit));
   }
   const { ladder, at } = known;
   const i = rungFor(Math.abs(size), ladder, at);

@@ -7,8 +7,8 @@ import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import { clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed, svg, throttle } from "../dom.js";
-import { badge, busy, confirm, emptyState, failure, message, setBadge, setTime, testLink, timeElement }
-  from "../parts.js";
+import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
+  timeElement } from "../parts.js";
 
 const curveS = 5 * 3600, curvePoints = 60, youngPoints = 720, curvesAtOnce = 3, rateAgainMs = 60000,
   onceLiveMs = 1500;
@@ -124,10 +124,6 @@ export async function open(place, params, context) {
   const headStatus = h("div"), doneStatus = h("div");
   const lastPoll = h("dd");
   let pollTime = null;
-
-  function fact(name, ...what) {
-    return [h("dt", { text: name }), h("dd", null, what)];
-  }
 
   function certificateText() {
     const certificate = standing?.certificate;
@@ -490,16 +486,8 @@ export async function open(place, params, context) {
   const allEvents = h("a", { href: to("events", { query: { agent: called } }),
     text: "All events of this agent" });
 
-  function makeEvent(event) {
-    const state = stateWord({ state: event.to, stale: event.stale });
-    return h("li", { class: "event", data: { state, key: event.id } },
-      h("span", { class: "event-time" }, timeElement(event.time)),
-      h("span", { class: "event-state" }, badge(event.from),
-        h("span", { aria: { hidden: "true" }, text: "→" }),
-        h("span", { class: "hidden", text: "became" }), badge(state)),
-      h("span", { class: "event-what" }, event.test ? testLink(event.test) : "the agent itself"),
-      event.message ? h("div", { class: "event-message" }, message(event.message)) : null);
-  }
+  const makeEvent = (event) =>
+    eventItem(event, { what: event.test ? testLink(event.test) : "the agent itself" });
 
   function showEvents() {
     const byId = new Map(events.map((event) => [event.id, event]));

@@ -4,7 +4,7 @@
 import { to } from "../base/address.js";
 import { oneLine, plural } from "../base/text.js";
 import { announce, fill, h } from "../dom.js";
-import { agentLink, busy, emptyState, failure, message, table, timeElement } from "../parts.js";
+import { agentLink, busy, emptyState, failure, headed, message, table, timeElement } from "../parts.js";
 
 const path = "/api/v1/changes";
 const filters = ["agent", "group", "test", "outcome", "revision"];
@@ -25,7 +25,6 @@ const againAfterMs = 1500, againAtLeastMs = 5000;
 export const title = () => "Changes";
 
 const wantedIn = (query) => new Map([...query].filter(([name, value]) => filters.includes(name) && value));
-const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
 
 function outcomeElement(outcome) {
   return h("span", { class: "badge", data: { state: stateOf[outcome] ?? "unknown" },
@@ -48,8 +47,7 @@ function changesTable(caption) {
       { title: "Outcome", cell: (each) => outcomeElement(each.outcome) },
       { title: "Reason", wide: true, cell: (each) => (each.reason ? message(each.reason) : null) },
       { title: "Since", cell: (each) => timeElement(each.settled ?? each.sent ?? each.time) },
-      { title: "Revision", numeric: true, cell: (each) => String(each.revision) },
-      { title: "Applied", cell: (each) => timeElement(each.time) },
+      { title: "Applied", cell: (each) => [timeElement(each.time), ` as revision ${each.revision}`] },
     ],
   });
 }

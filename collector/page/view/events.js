@@ -3,16 +3,15 @@
  * somebody reads: then they wait behind a button. */
 import { to } from "../base/address.js";
 import { natural, newestFirst } from "../base/order.js";
-import { clean, exact, plural, stateWord } from "../base/text.js";
+import { clean, exact, plural } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
-import { agentLink, badge, busy, emptyState, failure, message, testLink } from "../parts.js";
+import { agentLink, badge, busy, emptyState, eventItem, failure, testLink } from "../parts.js";
 
 const path = "/api/v1/events";
 const filters = ["state", "agent", "group", "type", "test", "q", "from", "to"];
 const states = ["problem", "unknown", "silent", "ok"];
 const types = ["network", "discovery", "process", "cpu", "disk", "memory", "ping", "http", "snmp",
-  "load average",
-  "snmp table", "mysql"];
+  "load average", "snmp table", "mysql"];
 const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400;
 
 /* ---- times of the reader ---- */
@@ -88,17 +87,8 @@ function isWanted(event, query, members) {
 
 const inOrder = (a, b) => newestFirst(a.time, b.time) || b.id - a.id;
 
-function eventItem(event) {
-  const now = stateWord({ state: event.to, stale: event.stale });
-  return h("li", { class: "event", data: { state: now, key: event.id } },
-    h("span", { class: "event-time" }, timeOfDay(event.time)),
-    h("span", { class: "event-state" }, badge(event.from),
-      h("span", { aria: { hidden: "true" }, text: "→" }), h("span", { class: "hidden", text: "became" }),
-      badge(now)),
-    h("span", { class: "event-what" }, event.test ? [testLink(event.test), " on "] : "the agent ",
-      agentLink(event.agent)),
-    event.message ? h("div", { class: "event-message" }, message(event.message)) : null);
-}
+const makeEvent = (event) => eventItem(event, { time: timeOfDay(event.time),
+  what: [event.test ? [testLink(event.test), " on "] : "the agent ", agentLink(event.agent)] });
 
 export const title = () => "Events";
 
@@ -126,8 +116,8 @@ export async function open(place, params, context) {
   const ofTest = h("p", { class: "note" });
   const agentNames = h("datalist", { id: "events-agents" });
   const groupNames = h("datalist", { id: "events-groups" });
-  const field = (input, label, wide = false) =>
-    h("div", { class: wide ? "field wide" : "field" }, h("label", { for: input.id, text: label }), input);
+  const field = (input, label, kind = "") =>
+    h("div", { class: `field ${kind}`.trim() }, h("label", { for: input.id, text: label }), input);
 
   /* An agent is called by its name where that is clear. */
   function agentTyped() {
@@ -234,10 +224,10 @@ export async function open(place, params, context) {
     change: () => use(typed()),
     input: (event) => (event.target === q ? useSoon() : null),
   } },
-  h("fieldset", { class: "field wide" }, h("legend", { text: "Changes to" }), h("div", { class: "row" },
-    boxes.map((box) => h("label", { class: "check" }, box, badge(box.value))))),
-  field(q, "Text in it", true), field(agent, "Agent"), field(group, "Group"), field(type, "Type of test"),
-  field(from, "From"), field(until, "To"), clear, agentNames, groupNames);
+  h("fieldset", { class: "field line" }, h("legend", { text: "Changes to" }), h("div", { class: "counts" },
+    boxes.map((box) => h("label", { class: "count" }, box, badge(box.value))))),
+  field(q, "Text in it", "wide"), field(agent, "Agent"), field(group, "Group"), field(type, "Type of test"),
+  field(from, "From", "when"), field(until, "To", "when"), clear, agentNames, groupNames);
   agent.addEventListener("focus", offerNames);
   group.addEventListener("focus", offerNames);
 
@@ -268,7 +258,7 @@ export async function open(place, params, context) {
     const version = `${day.events[0].id} ${day.events.at(-1).id} ${day.events.length}`;
     if (section.dataset.version !== version) {
       section.dataset.version = version;
-      keyed(section.lastChild, day.events, (event) => event.id, eventItem);
+      keyed(section.lastChild, day.events, (event) => event.id, makeEvent);
     }
   }
 

@@ -7,7 +7,7 @@ import { to } from "../base/address.js";
 import { leftOut, makesDifference, sections, summary } from "../base/difference.js";
 import { clean, oneLine, plural } from "../base/text.js";
 import { announce, fill, h, throttle } from "../dom.js";
-import { busy, confirm, dialog, emptyState, failure, table, timeElement } from "../parts.js";
+import { busy, confirm, dialog, emptyState, fact, failure, headed, table, timeElement } from "../parts.js";
 
 const path = "/api/v1/fleet";
 const yaml = "application/yaml";
@@ -25,9 +25,7 @@ groups:
       root disk:  {disk: /, free: 10 %}
 `;
 
-export const title = (params) => (params.view === "changes" ? "Changes" : "Fleet");
-
-const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
+export const title = () => "Fleet";
 
 /* ---- the text that is not applied yet ---- */
 
@@ -343,12 +341,7 @@ function createEditor({ onInput, isReadOnly }) {
 
 /* ---- the view ---- */
 
-export async function open(place, params, context) {
-  return params.view === "changes" ? (await import("./changes.js")).open(place, params, context)
-    : openFile(place, params, context);
-}
-
-function openFile(place, params, { api, live, me }) {
+export async function open(place, params, { api, live, me }) {
   const isOperator = me?.role === "operator" || me?.role === "admin";
   const stops = [];
   const stop = new AbortController();
@@ -421,7 +414,6 @@ function openFile(place, params, { api, live, me }) {
 
   function showStanding() {
     const counts = fleet.changes ?? {};
-    const fact = (name, ...what) => [h("dt", { text: name }), h("dd", null, ...what)];
     const word = (outcome, text = outcome) => (counts[outcome] > 0 ? `${counts[outcome]} ${text}` : "");
     const texts = [word("confirmed"), word("waiting"), word("sent"), word("unanswered"), word("impossible")]
       .filter(Boolean);

@@ -5,8 +5,8 @@ import { to } from "../base/address.js";
 import { byTest, stateRank } from "../base/order.js";
 import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
-import { agentLink, badge, busy, emptyState, failure, message, setBadge, testLink,
-  timeElement } from "../parts.js";
+import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
+  from "../parts.js";
 
 const mostProblems = 3000, mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
 const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500;
@@ -77,12 +77,13 @@ function updateProblem(element, item) {
 const tileVersion = ({ state, stale, name, tests }) =>
   `${state} ${stale ?? ""} ${tests?.ok} ${tests?.problem} ${tests?.unknown} ${name}`;
 
-function tileNote({ tests }) {
+/* The word of the state is left to the sentence where that has it. */
+function tileNote({ tests }, state) {
   const { ok = 0, problem = 0, unknown = 0 } = tests ?? {};
-  const all = ok + problem + unknown;
-  const bad = [problem > 0 ? plural(problem, "problem") : "",
-    unknown > 0 ? `${unknown} unknown` : ""].filter(Boolean);
-  return bad.length > 0 ? `${bad.join(", ")} of ${plural(all, "test")}` : plural(all, "test");
+  const all = plural(ok + problem + unknown, "test");
+  const bad = state === "silent" ? "" : [problem > 0 ? plural(problem, "problem") : "",
+    unknown > 0 ? `${unknown} unknown` : ""].filter(Boolean).join(", ");
+  return [badge(state, { hidden: bad.includes(state) }), h("span", { text: bad ? `${bad} of ${all}` : all })];
 }
 
 function makeTile(agent) {
@@ -90,8 +91,7 @@ function makeTile(agent) {
   const element = h("li", { data: { key: agent.id } },
     h("a", { class: "tile", href: to("agent", { id: agent.id }), data: { state },
       title: clean(`${agent.account}/${agent.name}`) },
-    h("span", { class: "tile-name" }),
-    h("span", { class: "tile-note" }, badge(state), " ", h("span"))));
+    h("span", { class: "tile-name" }), h("span", { class: "tile-note" })));
   updateTile(element, agent);
   return element;
 }
@@ -106,11 +106,10 @@ function updateTile(element, agent) {
     return;
   }
   versions.set(element, version);
-  const state = stateWord(agent), tile = element.firstChild, note = tile.lastChild;
+  const state = stateWord(agent), tile = element.firstChild;
   tile.dataset.state = state;
   tile.firstChild.textContent = clean(agent.name) || "(no name)";
-  setBadge(note.firstChild, state);
-  note.lastChild.textContent = tileNote(agent);
+  fill(tile.lastChild, tileNote(agent, state));
 }
 
 export const title = () => "Now";
@@ -193,7 +192,9 @@ export async function open(place, params, context) {
     const parts = [now.problem > 0 ? `${number(now.problem)} with problems` : "",
       now.silent > 0 ? `${number(now.silent)} silent` : "",
       now.unknown > 0 ? `${number(now.unknown)} unknown` : ""].filter(Boolean);
-    return parts.length === 0 ? `${total === 1 ? "The agent is" : `All ${number(total)} agents are`} ok.`
+    const [alone] = states.filter((state) => now[state] > 0);
+    return total === 1 ? `The agent ${alone === "problem" ? "has a problem" : `is ${alone}`}.`
+      : parts.length === 0 ? `All ${number(total)} agents are ok.`
       : `Of ${plural(total, "agent")} ${parts.join(", ")}, ${number(now.ok)} ok.`;
   }
 

@@ -9,7 +9,8 @@ import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
 import { announce, fill, h } from "../dom.js";
 import {
-  agentLink, badge, busy, emptyState, failure, message, setBadge, setTime, table, timeElement,
+  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, setBadge, setTime, table,
+  timeElement,
 } from "../parts.js";
 
 const day = 86400000;
@@ -64,8 +65,6 @@ function readNames(text) {
 
 /* ---- pieces ---- */
 
-const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
-
 function valuesText(values, definition) {
   return Object.entries(values ?? {}).map(([name, { value, unit }]) =>
     `${curves.valueLabel(definition, name)} ${oneLine(number(value, unit), 200)}`).join(", ");
@@ -99,14 +98,6 @@ function partsElement(result) {
   return details;
 }
 
-function eventElement(event) {
-  return h("li", { class: "event", data: { key: event.id, state: stateWord({ state: event.to }) } },
-    h("span", { class: "event-time" }, timeElement(event.time)),
-    h("span", { class: "event-state" }, badge(stateWord({ state: event.to })),
-      h("span", { class: "note", text: `from ${event.from}` })),
-    h("div", { class: "event-what" }, event.message ? message(event.message) : null));
-}
-
 /* ---- the view ---- */
 
 export async function open(place, params, context) {
@@ -135,7 +126,7 @@ export async function open(place, params, context) {
   const heading = h("h1", { tabindex: "-1", text: "Test" });
   const state = badge("unknown");
   const standing = h("div", { class: "row lead" });
-  const facts = h("section", { class: "panel", aria: { label: "How it stands" } });
+  const facts = h("section", { class: "panel stack tight", aria: { label: "How it stands" } });
   const tools = h("div", { class: "stack tight" });
   const choice = h("div");
   const trouble = h("div");
@@ -182,7 +173,6 @@ export async function open(place, params, context) {
   let toldOf = null;
   function showFacts() {
     const definition = test.definition;
-    const fact = (name, ...what) => [h("dt", { text: name }), h("dd", null, ...what)];
     if (messageOf !== test.message) {
       messageOf = test.message;
       messagePlace = messageOf ? h("div", { class: "stack tight" }, message(messageOf)) : null;
@@ -430,7 +420,7 @@ export async function open(place, params, context) {
       const got = await api.get(`${path}/series`, {
         query: {
           from: new Date(from).toISOString(), to: range.range ? null : new Date(end).toISOString(),
-          points: curves.wanted(from, end, plots.clientWidth || 800), rate: isRate() ? 1 : null,
+          points: curves.wanted(from, end, tools.clientWidth || 800), rate: isRate() ? 1 : null,
         },
         signal: mine.signal,
       });
@@ -495,6 +485,7 @@ export async function open(place, params, context) {
   /* ---- results ---- */
 
   let shownResults = [];
+  let mostShown = resultsAtOnce;
   let nextResults = null;
   let resultsTable = null;
   const keyOfResult = (result) => `${result.time} ${result.received ?? ""} ${result.message?.length ?? 0}`;
@@ -510,6 +501,7 @@ export async function open(place, params, context) {
       if (isOpen) {
         shownResults = next ? [...shownResults, ...page.items] : page.items;
         nextResults = page.next;
+        mostShown = next ? mostShown : resultsAtOnce;
         showResults();
       }
     } catch (problem) {
@@ -522,7 +514,14 @@ export async function open(place, params, context) {
   const readResultsSoon = soon(1000, () => readResults());
 
   const more = h("p", { class: "more" }, h("button", {
-    type: "button", text: "Show more results", on: { click: () => busy(readResults(nextResults), more) },
+    type: "button", text: "Show more results", on: { click: () => {
+      mostShown += resultsAtOnce;
+      if (shownResults.length < mostShown && nextResults) {
+        busy(readResults(nextResults), more);
+      } else {
+        showResults();
+      }
+    } },
   }));
 
   function showResults() {
@@ -549,8 +548,8 @@ export async function open(place, params, context) {
       fill(results, h("h2", { id: "test-results", text: range.range ? "Last results"
         : "Results before the end of that time" }), resultsTable, more);
     }
-    more.hidden = !nextResults;
-    resultsTable.update(shownResults);
+    more.hidden = !nextResults && shownResults.length <= mostShown;
+    resultsTable.update(shownResults.slice(0, mostShown));
   }
 
   /* ---- events ---- */
@@ -580,7 +579,7 @@ export async function open(place, params, context) {
   }
 
   function showEvents() {
-    fill(eventList, shownEvents.map(eventElement));
+    fill(eventList, shownEvents.map((event) => eventItem(event, {})));
     moreEvents.hidden = !nextEvents;
     if (eventList.parentNode !== events || shownEvents.length === 0) {
       headed(events, "test-events", "Events", shownEvents.length > 0 ? [eventList, moreEvents]
@@ -655,7 +654,7 @@ export async function open(place, params, context) {
   /* What comes live has no parts: where results have some, they are asked for. */
   function putResult(result) {
     if (!resultsTable || shownResults.some((each) => each.parts?.length > 0)) {
-      if (shownResults.length <= resultsAtOnce) { /* else somebody reads further down */
+      if (mostShown === resultsAtOnce) { /* else somebody reads further down */
         readResultsSoon();
       }
       return;

@@ -193,6 +193,7 @@ test("points for a width", () => {
   assert.equal(wanted(ms(0), new Date(ms(86400)), 1e9), 2000);
   assert.equal(wanted(at(0), at(100), 800), 100);
   assert.equal(wanted(at(0), at(1), 0), 50);
+  assert.equal(wanted(at(0), at(3600), 800), 2000);
   assert.equal(wanted("x", null, NaN), 400);
 });
 

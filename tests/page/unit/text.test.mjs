@@ -31,7 +31,7 @@ test("numbers have three digits and a unit that suits them", () => {
       "12.3 kB"],
     [100000000, "B/s", "100 MB/s"], [9000, "MB", "9000 MB"], [20480, "MB", "20 GB"], [39.1, "GB", "39.1 GB"],
     [0.05, "GB", "51.2 MB"], [20480, "GB", "20 TB"], [0, "GB", "0 GB"], [7, "widgets", "7 widgets"],
-    [1e-12, "", "1e-12"], [1e30, "", "1e12 E"], [1e300, "%", "1e300 %"], [5n, "", "5"], [3, undefined, "3"],
+    [1e-12, "", "1e-12"], [1e30, "", "1e12 E"], [1e300, "%", "1e300 %"], [2.35e-7, "%", "0 %"], [0.01, "%", "0.01 %"], [5n, "", "5"], [3, undefined, "3"],
   ];
   for (const [value, unit, text] of expected) {
     assert.equal(number(value, unit), text, `${value} ${unit}`);

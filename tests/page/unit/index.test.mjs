@@ -1,0 +1,47 @@
+/* The shell has the browser fetch at once what main.js imports without being asked, and nothing else:
+ * one that is missing costs a round trip, one too many is loaded for nothing. */
+import assert from "node:assert/strict";
+import { readdir, readFile } from "node:fs/promises";
+import { posix } from "node:path";
+import test from "node:test";
+
+const page = new URL("../../../collector/page/", import.meta.url);
+const text = (name) => readFile(new URL(name, page), "utf8");
+
+/* `import … from "x"`, `export … from "x"` and `import "x"`, but not import("x"). */
+const importsOf = (source) => [...source.matchAll(/^(?:import|export)\b(?:[^;"]*?\bfrom)?\s*"([^"]+)";/gm)]
+  .map((found) => found[1]);
+
+async function staticImports(name, known = new Set()) {
+  for (const each of importsOf(await text(name))) {
+    assert.ok(each.startsWith("."), `${name} imports ${each}`);
+    const path = posix.join(posix.dirname(name), each);
+    if (!known.has(path)) {
+      known.add(path);
+      await staticImports(path, known);
+    }
+  }
+  return known;
+}
+
+const preloadsOf = (shell) => [...shell.matchAll(/<link rel="modulepreload" href="\/page\/@VERSION@\/([^"]+)">/g)]
+  .map((found) => found[1]);
+
+test("imports of every kind of writing are found", () => {
+  assert.deepEqual(importsOf('import { a } from "./a.js";\nimport * as b from "./b.js";\nimport {\n  c,\n' +
+    '} from "./c.js";\nimport "./d.js";\nexport { e } from "./e.js";\nimport("./f.js");\n' +
+    'const g = await import("./g.js");\n'), ["./a.js", "./b.js", "./c.js", "./d.js", "./e.js"]);
+});
+
+test("each module that main.js imports is preloaded, once", async () => {
+  const preloads = preloadsOf(await text("index.html"));
+  assert.deepEqual([...preloads].sort(), [...await staticImports("main.js")].sort());
+});
+
+test("no import leads to what is not there, and views are no part of the beginning", async () => {
+  const views = (await readdir(new URL("view/", page))).map((name) => `view/${name}`);
+  for (const name of [...views, "streamWorker.js"]) {
+    await staticImports(name); /* reads each */
+  }
+  assert.deepEqual([...await staticImports("main.js")].filter((name) => name.startsWith("view/")), []);
+});

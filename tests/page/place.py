@@ -1,0 +1,93 @@
+"""What the page is shown of: a collector, and real agents whose load averages a test says."""
+
+import os
+import subprocess
+import time
+
+import harness
+from test_fleet_outcomes import FleetCollector
+
+ACCOUNT = "user@example.net"
+FLEET = """\
+version: 1
+intervals: {poll: 1s, check: 1s}
+groups:
+  - name: every host
+    agents: ["*"]
+    tests:
+      load:     {load: {1m: 8}}
+      memory:   {memory: {free: 1 MB}}
+  - name: web servers
+    agents: ["web-*"]
+    tests:
+      nginx:    {process: no-such-server}
+"""
+
+
+class Collector(FleetCollector):
+    """Keeps the port of its API, too, when it starts again."""
+
+    _web_port = 0
+
+    def launch(self, *options):
+        if os.path.exists(self.web_port_file):
+            os.unlink(self.web_port_file)
+        return super().launch("--web", "127.0.0.1:%d" % self._web_port, *options)
+
+    def start(self, *options):
+        super().start(*options)
+        harness.wait_until(lambda: harness.read_text(self.web_port_file), "the API's port")
+        self._web_port = self.web_port
+        return self
+
+    @property
+    def base(self):
+        return "http://127.0.0.1:%d" % self.web_port
+
+    def link(self, role="admin"):
+        """A link that signs in."""
+        done = subprocess.run([harness.COLLECTOR, "link", "--role", role, "--state-dir", self.state], check=True,
+                              stdout=subprocess.PIPE, text=True, env=self.env, timeout=harness.PATIENCE_S)
+        return done.stdout.strip()
+
+
+class Host:
+    """An agent and what its kernel says."""
+
+    def __init__(self, test, collector, name, **settings):
+        self.loadavg = os.path.join(test.subdir("proc"), "loadavg")
+        self.set_load(0.25)
+        self.agent = harness.Agent(test, collector.port, name=name, wrap=harness.mounted(self.loadavg, "/proc/loadavg"),
+                                   **{"AGENTNAME": name, "USEREMAIL": ACCOUNT, **settings}).start()
+
+    def set_load(self, value):
+        harness.write_text(self.loadavg, "%05.2f 00.50 00.75 1/100 4321\n" % value)
+
+
+class Place:
+    """A collector that has applied the fleet, and these hosts. `settle()` waits until every test has a result."""
+
+    def __init__(self, test, *names, fleet=FLEET, options=()):
+        self.test = test
+        self.collector = Collector(test, options=options).start()
+        self.collector.apply(fleet)
+        self.hosts = {name: Host(test, self.collector, name) for name in names}
+
+    def settle(self, count):
+        """Until so many tests have a result."""
+        def have():
+            tests = self.tests()
+            time.sleep(0 if len(tests) >= count else 0.05)
+            return len(tests) >= count and all(each["state"] != "unknown" for each in tests)
+        harness.wait_until(have, lambda: "%d tests: %s\n%s" % (count, self.tests(), self.collector.errors()[-3000:]))
+        return self
+
+    def tests(self):
+        return self.collector.get("/api/v1/tests?limit=1000")["items"]
+
+    def test_id(self, agent, name):
+        return next(each["id"] for each in self.tests() if (each["agent"]["name"], each["name"]) == (agent, name))
+
+    def agent_id(self, name):
+        return next(each["id"] for each in self.collector.get("/api/v1/agents?limit=1000")["items"]
+                    if each["name"] == name)

@@ -1,0 +1,179 @@
+#!/usr/bin/python3
+"""Every screen of the page against a real collector with real agents, and what happens while somebody looks at it."""
+
+import re
+
+import browser
+from browser import harness
+from place import Place
+
+
+@harness.needs_namespaces
+class Screens(browser.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.place = Place(self, "web-1", "db-1")
+        self.collector = self.place.collector
+        self.place.settle(5)
+        self.begin_browser(self.collector.base)
+        self.sign_in_by_cookie(self.collector.token)
+
+    def test_now(self):
+        self.open()
+        self.wait_heading("Now")
+        self.wait_text("nginx", ".problems")
+        self.assertIn("on web-1", self.text(".problems"))
+        self.assertIn("process", self.text(".problems"))
+        self.wait("document.querySelectorAll('.tile').length === 2")
+        tiles = [tile.text.split("\n")[0] for tile in self.all(".tile")]
+        self.assertEqual(tiles, ["web-1", "db-1"], "the worst first")
+        self.assertEqual(self.driver.title, "Now – Vindral")
+        # By state, and found by name.
+        self.click(".count", "ok")
+        self.wait("document.querySelectorAll('.tile').length === 1")
+        self.type("#now-q", "db memory")
+        self.wait_text("memory", "#main")
+        self.wait("!document.getElementById('main').innerText.includes('nginx')")
+        self.wait("location.search === '?q=db+memory' || location.search === '?q=db%20memory'")
+
+    def test_agent(self):
+        self.open("/agents/%d" % self.place.agent_id("web-1"))
+        self.wait_heading("web-1")
+        self.wait("document.querySelectorAll('.spark-item').length === 3")
+        self.wait("document.querySelectorAll('.spark .spark-line').length > 0", what="small curves")
+        text = self.text("#main")
+        for part in ("user@example.net", "127.0.0.1", "every host", "web servers", "nginx", "memory"):
+            self.assertIn(part, text)
+        self.wait_text("of the last day", "#main")
+        self.click("summary", "(")  # an inventory
+        self.wait("[...document.querySelectorAll('details[open] li')].length > 0")
+        self.click("a", "nginx")
+        self.wait_heading("nginx")
+
+    def test_test(self):
+        self.open("/tests/%d?range=1h" % self.place.test_id("web-1", "load"))
+        self.wait_heading("load")
+        self.wait("Number(document.querySelector('figure.chart')?.dataset.drawn) > 0", what="a curve")
+        self.wait("document.querySelectorAll('svg.strip rect[data-state=ok]').length > 0", what="states as a strip")
+        said = self.js("return document.querySelector('figure.chart p.hidden').textContent")
+        self.assertRegex(said, "Limits: .*8")
+        self.assertIn("0.25", self.text("figure.chart"))
+        self.wait_text("Last results")
+        self.wait_text("Group every host")
+        lines = self.text("ol.source")
+        self.assertEqual(lines.strip(), "load:     {load: {1m: 8}}".strip())
+        self.assertEqual(self.js("return document.querySelector('ol.source').start"),
+                         [number for number, line in enumerate(self.collector.get("/api/v1/fleet")["text"].split("\n"), 1)
+                          if "{load:" in line][0])
+        self.wait("document.querySelectorAll('.timeline .event').length > 0")
+
+    def test_events(self):
+        self.open("/events")
+        self.wait_heading("Events")
+        self.wait("document.querySelectorAll('.event').length >= 5")
+        self.click("input[value=problem]")
+        self.wait("location.search === '?state=problem'")
+        self.wait("document.querySelectorAll('.event').length > 0 && "
+                  "[...document.querySelectorAll('.event')].every((each) => each.dataset.state === 'problem')")
+        self.driver.refresh()
+        self.wait("document.querySelector('input[value=problem]')?.checked")
+        self.wait("document.querySelectorAll('.event').length > 0 && "
+                  "[...document.querySelectorAll('.event')].every((each) => each.dataset.state === 'problem')")
+
+    def test_fleet_and_changes(self):
+        self.open("/fleet")
+        self.wait_heading("Fleet")
+        self.wait("document.getElementById('fleet-text')?.value.startsWith('version: 1')")
+        self.wait_text("Revision 1 by")
+        self.click("#menu a", "Fleet")
+        self.click("a", "Changes")
+        self.wait_heading("Changes")
+        self.wait_text("nginx", "#main")
+        self.wait_text("confirmed", "#main")
+
+    def test_what_is_not_there(self):
+        self.expect(r"/api/v1/(tests|agents)/\S+ - Failed to load resource: .* 404")
+        for path, text in (("/tests/nothing", "Nothing is here"), ("/tests/999999", "There is no such test"),
+                           ("/agents/999999", "no such")):
+            self.open(path)
+            self.wait_text(text)
+
+    def test_only_its_own_server_is_asked(self):
+        for path in ("/", "/tests/%d" % self.place.test_id("web-1", "load"), "/fleet"):
+            self.open(path)
+            self.wait_live()
+            self.wait_still()
+            asked = self.js("return performance.getEntriesByType('resource').map((each) => each.name)")
+            self.assertTrue(asked)
+            self.assertEqual([each for each in asked if not each.startswith(self.base + "/")], [])
+
+
+@harness.needs_namespaces
+class Failing(browser.TestCase):
+    """A test that fails and comes back is seen without loading anything again."""
+
+    def setUp(self):
+        super().setUp()
+        self.place = Place(self, "web-1", fleet="version: 1\nintervals: {poll: 1s, check: 1s}\ngroups:\n"
+                           "  - name: everything\n    agents: ['*']\n    tests:\n      load: {load: {1m: 8}}\n")
+        self.host = self.place.hosts["web-1"]
+        self.place.settle(1)
+        self.begin_browser(self.place.collector.base)
+        self.sign_in_by_cookie(self.place.collector.token)
+
+    def follow(self, path, state):
+        """`state` is an expression: ok, problem or nothing yet, as the screen has it."""
+        self.open(path)
+        self.wait_live()
+        self.wait(state + " === 'ok'", what=path)
+        self.js("window.notLoadedAgain = true")
+        for value, wanted in ((9.5, "problem"), (0.25, "ok")):
+            self.host.set_load(value)
+            self.wait("%s === '%s'" % (state, wanted), what="%s at %s" % (wanted, path), timeout_s=30)
+        self.assertTrue(self.js("return window.notLoadedAgain"))
+
+    def test_now(self):
+        self.follow("/", "(document.querySelector('.problems .problem')?.dataset.state ?? "
+                    "document.querySelector('.tile')?.dataset.state)")
+        self.wait_text("All is well")
+
+    def test_agent(self):
+        self.follow("/agents/%d" % self.place.agent_id("web-1"),
+                    "document.querySelector('.spark-item .badge')?.dataset.state")
+        self.wait("document.querySelectorAll('.timeline .event').length >= 3")
+
+    def test_test(self):
+        self.follow("/tests/%d?range=1h" % self.place.test_id("web-1", "load"),
+                    "document.querySelector('.head .badge')?.dataset.state")
+        self.wait("document.querySelectorAll('svg.strip rect[data-state=problem]').length > 0")
+        self.wait("document.querySelectorAll('.timeline .event').length >= 3")
+        self.wait_text("9.5", "#main")
+
+    def test_events(self):
+        self.follow("/events", "document.querySelector('.event')?.dataset.state")
+
+    def test_shown_within_a_second_of_its_poll(self):
+        """By the clocks of the collector and the browser, which are one."""
+        self.open("/tests/%d?range=1h" % self.place.test_id("web-1", "load"))
+        self.wait_live()
+        self.wait("document.querySelectorAll('section[aria-labelledby=test-results] tbody tr').length > 0")
+        self.js("""window.seen = [];
+            new MutationObserver(() => {
+              const time = document.querySelector('section[aria-labelledby=test-results] tbody time')?.dateTime;
+              if (time && window.seen.at(-1)?.time !== time) {
+                window.seen.push({time, at: Date.now()});
+              }
+            }).observe(document.querySelector('section[aria-labelledby=test-results]'), {childList: true, subtree: true});
+            """)
+        seen = {each["time"]: each["at"] for each in self.wait("window.seen.length >= 6 && window.seen")}
+        path = "/api/v1/tests/%d/results?limit=50" % self.place.test_id("web-1", "load")
+        received = {each["time"]: each["received"] for each in self.place.collector.get(path)["items"]}
+        late = [self.js("return arguments[1] - Date.parse(arguments[0])", received[time], at) / 1000
+                for time, at in seen.items() if time in received]
+        self.assertGreaterEqual(len(late), 3, (seen, received))
+        # Of a second: what was received is said in whole ones.
+        self.assertLess(sorted(late)[len(late) // 2], 2.0, late)
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -47,7 +47,8 @@ class Collector(FleetCollector):
     def link(self, role="admin"):
         """A link that signs in."""
         done = subprocess.run([harness.COLLECTOR, "link", "--role", role, "--state-dir", self.state], check=True,
-                              stdout=subprocess.PIPE, text=True, env=self.env, timeout=harness.PATIENCE_S)
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=self.env,
+                              timeout=harness.PATIENCE_S)
         return done.stdout.strip()
 
 

@@ -1,0 +1,118 @@
+#!/usr/bin/python3
+"""The stream: a collector that goes away and comes back under the page, several tabs, one that sleeps."""
+
+import browser
+from browser import harness
+from place import Place
+
+FLEET = """\
+version: 1
+intervals: {poll: 1s, check: 1s}
+groups:
+  - name: everything
+    agents: ["*"]
+    tests:
+      load:     {load: {1m: 8}}
+"""
+
+
+@harness.needs_namespaces
+class Live(browser.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.place = Place(self, "web-1", fleet=FLEET).settle(1)
+        self.collector = self.place.collector
+        self.host = self.place.hosts["web-1"]
+        self.relay = browser.Relay(self, self.collector.web_port)
+        self.begin_browser("http://127.0.0.1:%d" % self.relay.port)
+        self.sign_in_by_cookie(self.collector.token)
+
+    def newest(self):
+        """Time of the newest result that the screen of a test shows."""
+        return self.js("return document.querySelector('section[aria-labelledby=test-results] tbody time')?.dateTime ?? ''")
+
+    def wait_problem(self, is_problem):
+        self.wait("(document.querySelector('.problems .problem')?.dataset.state === 'problem') === arguments[0]", is_problem)
+
+    def test_collector_restarted_under_the_page(self):
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)|status of 503")
+        self.open("/tests/%d?range=1h" % self.place.test_id("web-1", "load"))
+        self.wait_live()
+        self.wait("document.querySelectorAll('section[aria-labelledby=test-results] tbody tr').length > 0")
+        self.js("window.notLoadedAgain = true")
+        self.collector.kill()
+        self.wait("document.getElementById('connection').dataset.state === 'away'", what="it is shown as away")
+        self.wait_text("Not connected since", "#connection")
+        self.wait_text("The collector has not answered since", "#banner")
+        before = self.newest()
+        self.assertNotEqual(before, "")
+        self.collector.start()
+        self.wait_live()
+        self.wait("document.getElementById('banner').textContent === ''")
+        harness.wait_until(lambda: self.newest() > before, "values that go on")
+        self.host.set_load(9.5)
+        self.wait("document.querySelector('.head .badge').dataset.state === 'problem'")
+        self.assertTrue(self.js("return window.notLoadedAgain"))
+        self.assertIn("system test, admin", self.text("#who"))
+
+    def test_what_happened_meanwhile(self):
+        """Where nothing of it can come by the stream any more: the lists are read again."""
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)|status of 503")
+        self.open("/")
+        self.wait_live()
+        self.wait_problem(False)
+        self.collector.stop()
+        self.wait("document.getElementById('connection').dataset.state === 'away'")
+        self.host.set_load(9.5)
+        self.collector.start()
+        harness.wait_until(lambda: self.place.tests()[0]["state"] == "problem", "the collector to know")
+        self.wait_live()
+        self.wait_problem(True)
+
+    def test_a_connection_that_breaks(self):
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)")
+        self.open("/")
+        self.wait_live()
+        self.relay.cut()
+        self.wait("document.getElementById('connection').dataset.state !== 'live'")
+        self.host.set_load(9.5)
+        self.wait_live()
+        self.wait_problem(True)
+
+    def test_tabs_share_one_stream(self):
+        tabs = [self.tab, self.new_tab(), self.new_tab()]
+        for tab in tabs:
+            self.switch_to(tab)
+            self.open("/")
+            self.wait_live()
+        self.assertEqual(self.relay.streams, 1)
+        self.host.set_load(9.5)
+        for tab in tabs:
+            self.switch_to(tab)
+            self.wait_problem(True)
+        self.assertEqual((self.relay.streams, self.relay.most), (1, 1))
+        # The one that was first is closed: the others go on.
+        self.switch_to(tabs[0])
+        self.driver.close()
+        self.switch_to(tabs[1])
+        self.host.set_load(0.25)
+        for tab in tabs[1:]:
+            self.switch_to(tab)
+            self.wait_problem(False)
+        self.assertEqual(self.relay.streams, 1)
+
+    def test_a_tab_that_slept(self):
+        self.open("/")
+        self.wait_live()
+        self.wait_problem(False)
+        self.js("addEventListener('freeze', () => { window.hasSlept = true; })")
+        self.cdp("Page.setWebLifecycleState", state="frozen")
+        self.host.set_load(9.5)
+        harness.wait_until(lambda: self.place.tests()[0]["state"] == "problem", "the collector to know")
+        self.cdp("Page.setWebLifecycleState", state="active")
+        self.wait_problem(True)
+        self.assertTrue(self.js("return window.hasSlept"))
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -8,7 +8,7 @@
  * its `id`, as the model likes them best.
  *   const off = live.want({results: {agents: new Set([1]), tests: new Set([7])}});
  *   live.state is {state: "connecting" | "live" | "away", since: milliseconds}
- *   const off = live.onState((state) => ...)
+ *   const off = live.onState((state) => ...), live.onFirstLive(() => ..., afterMs)
  * Each `off` is called when the view closes; calling it twice does no harm. */
 import { throttle } from "./dom.js";
 import { Exchange } from "./stream.js";
@@ -148,6 +148,21 @@ class Live {
     const listener = { fn };
     this.#stateListeners.add(listener);
     return () => this.#stateListeners.delete(listener);
+  }
+
+  /** When it becomes live, unless it is: what changed between a list and then, nobody has said. */
+  onFirstLive(fn, afterMs = 0) {
+    let timer = 0;
+    const off = this.state.state === "live" ? () => {} : this.onState(({ state }) => {
+      if (state === "live") {
+        off();
+        timer = setTimeout(fn, afterMs);
+      }
+    });
+    return () => {
+      off();
+      clearTimeout(timer);
+    };
   }
 
   want({ results = {} } = {}) {

@@ -394,9 +394,11 @@ export function dialog({ title, body, actions, large = false }) {
           run(main);
         }
       } } },
-    heading, h("div", { class: "dialog-body" }, cleaned(body)), trouble,
-    h("div", { class: "actions" }, actions.map((action) => h("button", {
+    heading, h("div", { class: "dialog-body", ...large ? { role: "region", tabindex: "0",
+      "aria-labelledby": heading.id } : null }, cleaned(body)), trouble,
+    h("div", { class: "actions" }, actions.map((action, i) => h("button", {
       type: action === main ? "submit" : "button", class: action.kind ?? null, text: action.text,
+      autofocus: i === 0,
       on: action === main ? {} : { click: () => run(action) },
     }))));
     const box = h("dialog",

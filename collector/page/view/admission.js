@@ -236,7 +236,7 @@ export async function open(place, params, context) {
     const part = search.value.trim().toLowerCase();
     const decided = all.filter((who) => who.state !== "waiting" || who.admitted !== null);
     const found = decided.filter((who) => keyOf(who).toLowerCase().includes(part));
-    namesHeading.textContent = plural(decided.length, "name");
+    namesHeading.textContent = decided.length > 0 ? plural(decided.length, "name") : "Names";
     searchField.hidden = decided.length < 10 && !part;
     list.hidden = found.length === 0;
     fill(noneKnown, found.length > 0 ? null : decided.length > 0

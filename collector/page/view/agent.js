@@ -653,18 +653,10 @@ export async function open(place, params, context) {
     }
   }
 
-  let hasBeenLive = live.state.state === "live", liveTimer = 0;
-
   function listen() {
     offs.push(live.want({ results: { agents: new Set([agent.id]), tests: new Set() } }),
       live.on("result", takeResults), live.on("event", takeEvents), live.on("agent", takeAgents),
-        live.on("lost", readAgain),
-      live.onState(({ state }) => {
-        if (state === "live" && !hasBeenLive) { /* what changed before the stream began, nobody has said */
-          hasBeenLive = true;
-          liveTimer = setTimeout(readAgain, onceLiveMs);
-        }
-      }));
+      live.on("lost", readAgain), live.onFirstLive(readAgain, onceLiveMs));
     ledgerTimer = setInterval(() => (document.hidden ? null
       : readLedger().then((hours) => (isOver() ? null : showLedger(hours))).catch(() => null)), 5 * 60000);
   }
@@ -675,8 +667,8 @@ export async function open(place, params, context) {
     h("h2", { id, text }), content);
   const rest = h("div", { class: "stack" },
     h("div", { class: "columns" },
-      h("section", { class: "panel", aria: { labelledby: "agent-tests" } }, testsHeading, findField,
-        testStatus, noTests, list),
+      h("section", { class: "panel stack tight", aria: { labelledby: "agent-tests" } }, testsHeading,
+        findField, testStatus, noTests, list),
       h("div", { class: "stack" },
         section("agent-facts", "The agent", facts),
         section("agent-ledger", "Results of the last day", ledgerStatus, ledger),
@@ -712,7 +704,6 @@ export async function open(place, params, context) {
       seen.disconnect();
       showTestsSoon.cancel();
       clearTimeout(testsTimer);
-      clearTimeout(liveTimer);
       clearInterval(ledgerTimer);
       offs.forEach((off) => off());
     },

@@ -183,6 +183,8 @@ export async function open(place, params, { api, live, go }) {
 
   function showAll() {
     more.hidden = !next;
+    openPlace.hidden = shown.length === 0 && !next && openOnes.length === 0 && wanted.size === 0;
+    standing.hidden = openPlace.hidden;
     if (shown.length === 0 && !next) {
       allTable = null;
       headed(allPlace, "changes-all", "All changes", wanted.size > 0

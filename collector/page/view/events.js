@@ -97,7 +97,7 @@ export async function open(place, params, context) {
   let query = wantedIn(params.query);
   let known = new Map(), coming = []; /* shown, and those that wait behind the button */
   let next = null, request = null, isClosed = false, members = null;
-  let unsaid = 0, saidAt = 0, hasBeenLive = live.state.state === "live";
+  let unsaid = 0, saidAt = 0;
 
   /* ---- the filters ---- */
 
@@ -466,13 +466,7 @@ export async function open(place, params, context) {
 
   const offs = [
     live.on("event", (messages) => take(messages.map((each) => each.data))),
-    live.on("lost", catchUp),
-    live.onState(({ state }) => {
-      if (state === "live" && !hasBeenLive) { /* what came before the stream began */
-        hasBeenLive = true;
-        catchUp();
-      }
-    }),
+    live.on("lost", catchUp), live.onFirstLive(catchUp),
   ];
 
   fill(more, older, moreSaid);

@@ -855,7 +855,7 @@ export async function open(place, params, { api, live, me }) {
           isNow ? null : h("h3", { text: "From it to the text in force" }),
           isNow ? null : lineDifferenceElement(text, fleet.text ?? ""),
           h("h3", { text: "Its text" }),
-          h("ol", { class: "source", tabindex: "0" },
+          h("ol", { class: "source" },
             text.split("\n").slice(0, 5000).map((line) => h("li", { text: clean(line) || " " }))),
         ],
         actions: isNow || isReadOnly ? [{ text: "Close" }]

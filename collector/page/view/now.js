@@ -145,6 +145,7 @@ export async function open(place, params, context) {
       + "All of an agent stand on its own screen.");
     moreProblems.hidden = !left;
     problems.hidden = all.length === 0;
+    problemsSection.hidden = hasAgents && model.agents.size === 0 && all.length === 0;
     return keyed(problems, all, keyOf, makeProblem, updateProblem);
   }
 
@@ -432,7 +433,7 @@ export async function open(place, params, context) {
     await show();
   }
 
-  let reading = false, isAgain = false, hasBeenLive = live.state.state === "live", liveTimer = 0;
+  let reading = false, isAgain = false;
 
   async function load() {
     if (reading) {
@@ -462,21 +463,13 @@ export async function open(place, params, context) {
     load();
   }
 
-  /* What changed after the lists were made and before the stream began, nobody has said. */
-  function onState({ state }) {
-    if (state === "live" && !hasBeenLive) {
-      hasBeenLive = true;
-      liveTimer = setTimeout(readAgain, onceLiveMs);
-    }
-  }
-
-  const offs = [live.on("*", take), live.onState(onState)];
+  const offs = [live.on("*", take), live.onFirstLive(readAgain, onceLiveMs)];
 
   /* ---- the screen ---- */
 
-  const nowSections = h("div", { class: "stack" },
-    h("section", { class: "stack tight", aria: { labelledby: "now-problems" } }, problemsHeading,
-      noProblems, problems, moreProblems),
+  const problemsSection = h("section", { class: "stack tight", aria: { labelledby: "now-problems" } },
+    problemsHeading, noProblems, problems, moreProblems);
+  const nowSections = h("div", { class: "stack" }, problemsSection,
     h("section", { class: "stack tight", aria: { labelledby: "now-agents" } }, agentsHeading, counts,
       noAgents, tiles));
   const foundSection = h("section", { class: "stack tight", hidden: true, aria: { labelledby: "now-found" } },
@@ -503,7 +496,7 @@ export async function open(place, params, context) {
     close() {
       leaving.abort();
       asking?.abort();
-      [showing, typing, saying, newTimer, againTimer, liveTimer].forEach((timer) => clearTimeout(timer));
+      [showing, typing, saying, newTimer, againTimer].forEach((timer) => clearTimeout(timer));
       offs.forEach((off) => off());
     },
   };

@@ -70,7 +70,7 @@ export async function open(place, params, context) {
   function show() {
     all.sort((a, b) => natural(a.name, b.name));
     list.hidden = all.length === 0;
-    heading.textContent = plural(all.length, "secret");
+    heading.textContent = all.length > 0 ? plural(all.length, "secret") : "All of them";
     fill(none, all.length > 0 ? null : emptyState("There is no secret yet",
       "Passwords and keys of tests need not stand in the fleet file: set one here, and write ${secret:NAME} "
         + "in its place. Only agents that have proven who they are get the value."));

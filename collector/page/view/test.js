@@ -687,12 +687,14 @@ export async function open(place, params, context) {
           readTestSoon();
         }
       })),
-      live.on("lost", () => {
-        readTestSoon();
-        readSeriesSoon();
-        readResultsSoon();
-        readEvents();
-      }));
+      live.on("lost", readAgain), live.onFirstLive(readAgain));
+  }
+
+  function readAgain() {
+    readTestSoon();
+    readSeriesSoon();
+    readResultsSoon();
+    readEvents();
   }
 
   /* ---- all of it ---- */

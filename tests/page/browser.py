@@ -32,14 +32,13 @@ except ImportError:
 
 __all__ = ["ActionChains", "By", "Keys", "StaleElementReferenceException", "TestCase", "WebDriverException", "harness"]
 
-# Nothing of its own goes out, and no tab is put to sleep because nobody looks at it.
+# Nothing of its own goes out.
 FLAGS = ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--hide-scrollbars",
          "--no-first-run", "--disable-extensions", "--disable-sync", "--disable-background-networking",
          "--disable-component-update", "--disable-default-apps", "--disable-domain-reliability",
          "--disable-breakpad", "--metrics-recording-only", "--password-store=basic", "--lang=en-GB",
          "--disable-features=Translate,OptimizationHints,MediaRouter,HttpsUpgrades", "--no-proxy-server",
-         "--disable-backgrounding-occluded-windows", "--disable-renderer-backgrounding",
-         "--disable-background-timer-throttling", "--disable-ipc-flooding-protection")
+         "--disable-ipc-flooding-protection")
 PATIENCE_S = 60  # how long something may take to be shown
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 

@@ -105,11 +105,12 @@ class Live(browser.TestCase):
         self.open("/")
         self.wait_live()
         self.wait_problem(False)
-        self.js("addEventListener('freeze', () => { window.hasSlept = true; })")
+        self.js("document.addEventListener('freeze', () => { window.hasSlept = true; })")
         self.cdp("Page.setWebLifecycleState", state="frozen")
         self.host.set_load(9.5)
         harness.wait_until(lambda: self.place.tests()[0]["state"] == "problem", "the collector to know")
         self.cdp("Page.setWebLifecycleState", state="active")
+        self.cdp("Page.bringToFront")
         self.wait_problem(True)
         self.assertTrue(self.js("return window.hasSlept"))
 

@@ -5,6 +5,8 @@ import subprocess
 import time
 
 import harness
+import records
+from raw_client import RawClient
 from test_fleet_outcomes import FleetCollector
 
 ACCOUNT = "user@example.net"
@@ -92,3 +94,29 @@ class Place:
     def agent_id(self, name):
         return next(each["id"] for each in self.collector.get("/api/v1/agents?limit=1000")["items"]
                     if each["name"] == name)
+
+
+class Told(RawClient):
+    """An agent of which a test says what it reports, and when it found it."""
+
+    def __init__(self, collector, name, account=ACCOUNT):
+        super().__init__(collector.port)
+        self.collector = collector
+        answer = self.login(account, name)
+        self.session_id = answer.headers["Vnd-SessionID"]
+        # "LAA", its number, its revision, ...: what it is to do, by what it is told first.
+        self.tests = [line.split("\t") for line in (answer.body + self.poll(self.session_id).body).split("\n")
+                      if "\t" in line and line[2:3] == "A"]
+
+    def report(self, *blocks):
+        for block in blocks:
+            answer = self.poll(self.session_id, block)
+            self.collector.test.assertEqual(answer.status, "HTTP/1.0 200 OK", answer)
+
+    def load(self, found):
+        """Reports load averages: pairs of a time and a value, or threes with a message; 8 is too much."""
+        number, revision = next((int(test[1]), int(test[2])) for test in self.tests if test[0] == "LAA")
+        block = b"".join(records.encode_load(records.Load(
+            number, revision, int(when), (value, value * 0.75, value * 0.5),
+            said[0] if said else "too much\n" if value > 8 else "\n", 2 if value > 8 else 0)) for when, value, *said in found)
+        self.report(block)

@@ -86,7 +86,7 @@ async function ask(method, path,
         throw error;
       }
       throw new Problem({ title: "No answer",
-        detail: "The collector does not answer: is it running, and is there a way to it?" });
+        detail: "Is it running, and is there a way to it?" });
     }
     if (response.ok || response.status === 304) {
       return response;

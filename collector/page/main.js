@@ -17,6 +17,7 @@ const forAdmins = ["admission", "tokens", "secrets"];
 const screens = [["now", "Now"], ["events", "Events"], ["fleet", "Fleet"], ["admission", "Admission"],
   ["tokens", "Tokens"], ["secrets", "Secrets"]];
 
+const nameOf = (view) => screens.find(([each]) => each === view)?.[1] ?? product;
 const at = (id) => document.getElementById(id);
 
 let me = null;        /* null: nobody is signed in */
@@ -156,7 +157,7 @@ async function load(name) {
     }
     throw new NotLoaded(isThere ? { status: 410, title: "This part of the page did not come",
       detail: "The collector may have been updated since the page was loaded." }
-      : { detail: "The collector does not answer; this part of the page is not here yet." });
+      : { detail: "This part of the page is not here yet." });
   }
 }
 
@@ -190,7 +191,7 @@ async function show({ isFirst = false, y = 0 } = {}) {
   const isScreen = modules.includes(route.view);
   if (!isScreen || (forAdmins.includes(route.view) && me.role !== "admin")) {
     if (isScreen) {
-      showTrouble(main, screens.find(([view]) => view === route.view)[1],
+      showTrouble(main, nameOf(route.view),
         new api.Problem({ status: 403, detail: "Sign in with a token or a link that has the role admin." }));
     } else {
       notHere(main);
@@ -229,7 +230,7 @@ async function show({ isFirst = false, y = 0 } = {}) {
     if (problem?.status !== 401) {
       console.error(problem);
       current?.stopTitle?.();
-      showTrouble(main, module ? module.title(route) : product, problem, retry);
+      showTrouble(main, module ? module.title(route) : nameOf(route.view), problem, retry);
       current = { route, stopTitle: followHeading(main, "") };
     }
   }
@@ -358,6 +359,9 @@ function onState(state) {
     lookAgain(restartSoon);
   } else if (isBack) {
     lookAgain();
+    for (const button of document.querySelectorAll("#main .failure[data-away] > button")) {
+      button.click();
+    }
   }
 }
 

@@ -205,14 +205,15 @@ function whatFailed(problem) {
 }
 
 /**
- * What did not work and why, said at once by screen readers.
+ * What did not work and why, said at once by screen readers. Where the collector did not answer, it is
+ * tried again when it is back.
  * @param {Error} problem of api.js, or anything that was thrown
  * @param {(() => void)|null} [retry] has a button
  * @param {string} [text] of the button
  */
 export function failure(problem, retry = null, text = "Try again") {
   const detail = problem?.detail || (problem?.status === undefined ? problem?.message : "");
-  return h("div", { class: "failure", role: "alert" },
+  return h("div", { class: "failure", role: "alert", data: { away: problem?.status === 0 ? "" : null } },
     h("p", { class: "failure-title", text: whatFailed(problem) }),
     detail ? h("p", { class: "message", text: clean(detail) }) : null,
     retry ? h("button", { type: "button", text, on: { click: retry } }) : null);

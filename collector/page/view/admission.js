@@ -330,7 +330,9 @@ export async function open(place, params, context) {
     isReading = true;
     try {
       if (!document.hidden || isDue) {
-        const isWhole = isDue || Date.now() - readAllAt > allAgainMs;
+        /* Who is invited, or admitted without a certificate, is soon something else. */
+        const isWhole = isDue || Date.now() - readAllAt > allAgainMs ||
+          all.some((who) => who.state === "invited" || who.needs_certificate);
         isDue = false;
         const isOther = isWhole ? (await readAll(), true) : await readWaiting();
         fill(status);

@@ -92,7 +92,7 @@ test("a problem has what the collector says, or what can be said without", async
     problem.status === 422 && problem.detail === "Two of them." && problem.errors[0].line === 3);
   await assert.rejects(api.get("/f"), (problem) => problem.status === 502 && problem.title === "Status 502");
   await assert.rejects(api.get("/f"), (problem) => problem instanceof api.Problem && problem.status === 0 &&
-    /does not answer/.test(problem.detail));
+    /Is it running/.test(problem.detail));
   await assert.rejects(api.get("/f"), (problem) => problem.status === 0 && /broke off/.test(problem.detail));
 });
 

@@ -105,7 +105,10 @@ desk_answer desk::answer(const request_head& head, std::string_view body, const 
                                        " MB: ask for less of it, with limit, from and to.");
         }
     } catch (const problem& p) {
-        out.answer = answer_of(p);
+        const bool for_a_person = p.status == 404 && head.only_reads() &&
+                                  !head.path().starts_with("/api/") &&
+                                  head.accept.find("text/html") != std::string::npos;
+        out.answer = for_a_person ? page_of_nothing() : answer_of(p);
     } catch (const std::exception& e) {
         log_("web: " + printable(e.what()));
         out.answer =

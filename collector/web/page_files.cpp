@@ -68,6 +68,15 @@ std::string make_shell() {
     return html;
 }
 
+api_answer shell_answer() {
+    static const std::string shell = make_shell();
+    api_answer answer;
+    answer.type = type_of(shell_name);
+    answer.body = shell;
+    answer.headers.emplace_back("Content-Security-Policy", policy);
+    return answer;
+}
+
 /* All files by gzip, made at the first request for one: some 30 ms, and better than what is made
  * for each request. */
 const std::string& packed(const page_file& file) {
@@ -90,13 +99,8 @@ const std::string& page_version() {
 }
 
 std::optional<api_answer> page_answer(std::string_view path) {
-    api_answer answer;
     if (is_screen(path)) {
-        static const std::string shell = make_shell();
-        answer.type = type_of(shell_name);
-        answer.body = shell;
-        answer.headers.emplace_back("Content-Security-Policy", policy);
-        return answer;
+        return shell_answer();
     }
     if (!path.starts_with(folder)) {
         return {};
@@ -110,10 +114,17 @@ std::optional<api_answer> page_answer(std::string_view path) {
         throw_not_found("There is no such file of the page, or it was of another version: load the "
                         "page again.");
     }
+    api_answer answer;
     answer.type = type_of(file->name);
     answer.body = file->bytes;
     answer.packed = &packed(*file);
     answer.headers.emplace_back("Cache-Control", "public, max-age=31536000, immutable");
     answer.headers.emplace_back("Content-Security-Policy", policy); /* a worker's is its file's */
+    return answer;
+}
+
+api_answer page_of_nothing() {
+    api_answer answer = shell_answer();
+    answer.status = 404;
     return answer;
 }

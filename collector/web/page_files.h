@@ -27,4 +27,7 @@ const std::string& page_version();
  * is not there (404): a tab that was opened before an upgrade has to be loaded anew. */
 std::optional<api_answer> page_answer(std::string_view path);
 
+/* The shell, which says that nothing is at this address: for a browser that a person sent there. */
+api_answer page_of_nothing();
+
 #endif

@@ -129,6 +129,11 @@ TEST_F(web_server_test, the_shell_of_the_page) {
                              "/page/", "/fleet/", "/index.html"}) {
         EXPECT_EQ(c.get(path).status, 404) << path;
     }
+    const char* by_hand = "Accept: text/html,application/xhtml+xml,*/*;q=0.8\r\n";
+    const web_reply nothing = c.get("/no/such", by_hand);
+    EXPECT_EQ(nothing.status, 404);
+    EXPECT_EQ(nothing.body, shell.body);
+    EXPECT_EQ(c.get("/api/v1/nothing", by_hand).value("Content-Type"), "application/problem+json");
     for (const char* method : {"OPTIONS", "POST", "DELETE"}) {
         const web_reply r = c.ask(method, "/events");
         EXPECT_EQ(r.status, 405) << method;

@@ -188,7 +188,7 @@ class Curve(browser.TestCase):
         problem, = [box for box in boxes if box["state"] == "problem"]
         whole = max(box["x"] + box["width"] for box in boxes) - min(box["x"] for box in boxes)
         self.assertAlmostEqual(problem["width"] / whole, 360 / (6 * HOUR), delta=0.01)
-        self.assertIn("problem 6 min", self.text("figure.chart"))
+        self.assertIn("problem 6 min", self.text("section[aria-labelledby=test-curve]"))
         self.assertIn("problem 6 min", self.js("return document.querySelector('svg.strip').getAttribute('aria-label')"))
 
     def test_as_a_table(self):

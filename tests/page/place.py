@@ -76,6 +76,10 @@ class Place:
         self.collector.apply(fleet)
         self.hosts = {name: Host(test, self.collector, name) for name in names}
 
+    def add_secret(self):
+        status, _, text = self.collector.ask("/api/v1/secrets/db-monitor", "PUT", '{"value": "geheim"}')
+        self.test.assertEqual(status, 200, text)
+
     def settle(self, count):
         """Until so many tests have a result."""
         def have():
@@ -87,6 +91,15 @@ class Place:
 
     def tests(self):
         return self.collector.get("/api/v1/tests?limit=1000")["items"]
+
+    def screens(self):
+        """Names, addresses, and what is there once each is whole."""
+        return [("now", "/", ".problems .problem"), ("agent", "/agents/%d" % self.agent_id("web-1"), ".spark-line"),
+                ("test", "/tests/%d?range=1h" % self.test_id("web-1", "load"), "figure.chart[data-drawn] svg.strip rect"),
+                ("events", "/events", ".timeline .event"), ("fleet", "/fleet", ".editor-lines div"),
+                ("changes", "/fleet/changes", "tbody tr"), ("admission", "/admission", "h2"),
+                ("tokens", "/tokens", "tbody tr"), ("secrets", "/secrets", "tbody tr"),
+                ("search", "/?q=load", ".problems .problem"), ("nothing", "/tests/nothing", ".empty")]
 
     def test_id(self, agent, name):
         return next(each["id"] for each in self.tests() if (each["agent"]["name"], each["name"]) == (agent, name))

@@ -146,6 +146,17 @@ class Curve(browser.TestCase):
         self.wait_asked(lambda _, end: end is None, "now")
         self.assertEqual(self.js("return document.activeElement.className"), "chart-place", "the focus stays")
 
+    def test_a_time_without_results(self):
+        """Keys lead out of it, too."""
+        self.begin("?range=2y")
+        self.js("document.querySelector('.chart-place').focus()")
+        self.keys("+")
+        self.wait_text("No results in this time")
+        self.assertNotEqual(self.js("return document.activeElement.localName"), "body", "the focus is somewhere")
+        self.keys(Keys.ESCAPE)
+        self.wait("location.search === '?range=2y'")
+        self.wait_drawn()
+
     def test_ranges(self):
         self.begin()
         for name, word, span in (("1 hour", "?range=1h", HOUR), ("Week", "?range=7d", 7 * 24 * HOUR),

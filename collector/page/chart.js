@@ -189,7 +189,10 @@ function valueRangeOf(extent, limits) {
   if (low >= 0 && low < (high - low) * 2) {
     low = 0;
   }
-  const pad = (high - low || Math.abs(high) || 1) * 0.1;
+  if (low === 0 && high === 0) {
+    return [0, 1];
+  }
+  const pad = (high - low || Math.abs(high)) * 0.1;
   return [low === 0 ? 0 : low - pad, high + pad];
 }
 
@@ -417,7 +420,7 @@ export function createChart(place, { label }) {
       highlightCircleSize: 4,
       interactionModel: {},
       axes: {
-        x: { drawGrid: false, pixelsPerLabel: 80, axisLabelWidth: 70, axisTickSize: 6 },
+        x: { drawGrid: false, pixelsPerLabel: 80, axisLabelWidth: 70, axisTickSize: 8 },
         y: {
           axisLabelWidth: labelWidth(),
           ticker: (low, high, pixels) => ticksOf(low, high, pixels, shown.unit),

@@ -274,7 +274,8 @@ export function table({ caption, captionHidden = false, columns, rows = [], keyO
     return made;
   };
   const make = (row) => {
-    const made = h("tr", { role: "row", data: { key: keyOf(row) } }, columns.map((column) => cell(column, row)));
+    const made = h("tr", { role: "row", data: { key: keyOf(row) } },
+      columns.map((column) => cell(column, row)));
     versions.set(made, version?.(row));
     return made;
   };

@@ -2,7 +2,7 @@
  * values, and the times that are looked at.
  *
  * Times are milliseconds since the epoch, where they are no Dates and no texts of the API. */
-import { clean, number } from "./text.js";
+import { apiTime, clean, number } from "./text.js";
 
 const second = 1000;
 const minute = 60 * second;
@@ -282,7 +282,6 @@ const leastSpan = minute;
 const mostSpan = 3660 * day;
 const mostPoints = 2000;
 
-const apiTime = (time) => new Date(Math.floor(time / second) * second).toISOString().replace(".000Z", "Z");
 const inMilliseconds = (time) => (typeof time === "string" ? Date.parse(time) : Number(time ?? NaN));
 
 /**

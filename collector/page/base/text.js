@@ -199,6 +199,24 @@ export function clock(time, now = Date.now()) {
   return dayOf(date) === dayOf(present) ? text : dayOf(date) + " " + text;
 }
 
+/** @returns {string} the day in the reader's zone, as "2026-05-01" */
+export function dayKey(time) {
+  const date = new Date(millisecondsOf(time));
+  return `${date.getFullYear()}-${two(date.getMonth() + 1)}-${two(date.getDate())}`;
+}
+
+/** @returns {string} as an input of date and time has it, in the reader's zone; "" for what is no time */
+export function asTyped(time) {
+  const date = new Date(millisecondsOf(time));
+  return Number.isNaN(date.getTime()) ? ""
+    : `${dayKey(date)}T${two(date.getHours())}:${two(date.getMinutes())}`;
+}
+
+/** @returns {string} as the API has it, in whole seconds */
+export function apiTime(time) {
+  return new Date(millisecondsOf(time)).toISOString().replace(/\.\d+Z$/, "Z");
+}
+
 /* "UTC+2", "UTC-3:30". */
 function zoneOf(date) {
   const minutes = -date.getTimezoneOffset();

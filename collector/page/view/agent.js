@@ -5,12 +5,12 @@ import { to } from "../base/address.js";
 import { byState, byTest, newestFirst } from "../base/order.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
-import { clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
+import { apiTime, clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
 
-const curveS = 5 * 3600, curvePoints = 60, youngPoints = 720, curvesAtOnce = 3, rateAgainMs = 60000,
+const curveS = 5 * 3600, curvePoints = 60, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
   onceLiveMs = 1500;
 const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
@@ -33,8 +33,6 @@ function plainList(...items) {
   list.style.listStyle = "none";
   return list;
 }
-
-const apiTime = (ms) => new Date(ms).toISOString().replace(/\.\d+Z$/, "Z");
 
 /* ---- small curves ---- */
 
@@ -325,7 +323,8 @@ export async function open(place, params, context) {
     const others = Object.entries(test.values ?? {})
       .filter(([each, { value }]) => each !== name && value !== null).slice(0, mostOthers)
       .map(([each, { value, unit }]) => `${label(test, each)} ${oneLine(number(value, unit), 80)}`);
-    item.others.textContent = others.join(" · ");
+    fill(item.others, others.map((text, i) => [i > 0 ? " · " : "",
+      h("span", { class: text.length < 30 ? "number" : "text", text })]));
     item.others.hidden = others.length === 0;
     const time = item.time.firstElementChild;
     if (time?.localName === "time" && test.time) {
@@ -412,9 +411,11 @@ export async function open(place, params, context) {
     reading++;
     item.isAsked = true;
     try {
+      /* Of an agent that has just begun every result is shown. */
       const isYoung = agent?.first_poll && Date.now() - Date.parse(agent.first_poll) < hourMs;
+      const from = isYoung ? Date.parse(agent.first_poll) : Date.now() - curveS * 1000;
       const series = await api.get(`/api/v1/tests/${id}/series`, { signal, query: {
-        from: apiTime(Date.now() - curveS * 1000), points: isYoung ? youngPoints : curvePoints,
+        from: apiTime(from), points: isYoung ? youngPoints : curvePoints,
         rate: test.type === "snmp" ? 1 : null } });
       item.curve = new Curve(test.type, series);
       item.isRead = true;

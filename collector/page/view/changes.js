@@ -47,7 +47,8 @@ function changesTable(caption) {
       { title: "Outcome", cell: (each) => outcomeElement(each.outcome) },
       { title: "Reason", wide: true, cell: (each) => (each.reason ? message(each.reason) : null) },
       { title: "Since", cell: (each) => timeElement(each.settled ?? each.sent ?? each.time) },
-      { title: "Applied", cell: (each) => [timeElement(each.time), ` as revision ${each.revision}`] },
+      { title: "Revision", cell: (each) => h("span", { class: "number" }, `${each.revision}, `,
+        timeElement(each.time)) },
     ],
   });
 }

@@ -3,7 +3,7 @@
  * somebody reads: then they wait behind a button. */
 import { to } from "../base/address.js";
 import { natural, newestFirst } from "../base/order.js";
-import { clean, exact, plural } from "../base/text.js";
+import { apiTime, asTyped, clean, dayKey, exact, plural } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, eventItem, failure, testLink } from "../parts.js";
 
@@ -16,40 +16,21 @@ const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400
 
 /* ---- times of the reader ---- */
 
-const two = (number) => String(number).padStart(2, "0");
-
-function dayOf(iso) {
-  const day = new Date(iso);
-  return `${day.getFullYear()}-${two(day.getMonth() + 1)}-${two(day.getDate())}`;
-}
-
 function dayText(key, now = new Date()) {
   const yesterday = new Date(now);
   yesterday.setDate(now.getDate() - 1);
   const day = new Date(`${key}T12:00:00`);
   const text = day.toLocaleDateString("en-GB", { weekday: "long", day: "numeric", month: "long",
     year: day.getFullYear() === now.getFullYear() ? undefined : "numeric" });
-  return key === dayOf(now) ? `Today, ${text}` : key === dayOf(yesterday) ? `Yesterday, ${text}` : text;
+  return key === dayKey(now) ? `Today, ${text}` : key === dayKey(yesterday) ? `Yesterday, ${text}` : text;
 }
 
 /* The day stands above. */
 function timeOfDay(iso) {
-  const time = new Date(iso);
-  return h("time", { datetime: iso, title: exact(iso),
-    text: `${two(time.getHours())}:${two(time.getMinutes())}` });
+  return h("time", { datetime: iso, title: exact(iso), text: asTyped(iso).slice(-5) });
 }
 
-/** As an input of date and time has it; "" for what is no time. */
-function asTyped(iso) {
-  const time = new Date(iso ?? NaN);
-  return Number.isNaN(time.getTime()) ? ""
-    : `${dayOf(time)}T${two(time.getHours())}:${two(time.getMinutes())}`;
-}
-
-function fromTyped(text) {
-  const time = new Date(text || NaN);
-  return Number.isNaN(time.getTime()) ? "" : time.toISOString().replace(/\.\d+Z$/, "Z");
-}
+const fromTyped = (text) => (Number.isNaN(Date.parse(text)) ? "" : apiTime(text));
 
 /* ---- what is wanted ---- */
 
@@ -265,7 +246,7 @@ export async function open(place, params, context) {
   function show() {
     const byDay = new Map();
     for (const event of [...known.values()].sort(inOrder)) {
-      const key = dayOf(event.time);
+      const key = dayKey(event.time);
       if (!byDay.has(key)) {
         byDay.set(key, { key, events: [] });
       }

@@ -59,7 +59,7 @@ export async function open(place, params, context) {
         : [badge("problem", { text: "cannot be opened" }),
           h("p", { class: "note", text: "The collector has another key now. Set the value anew." })]) },
       { title: "What can be done", untitled: true, cell: (secret) => h("div", { class: "row" },
-        h("button", { type: "button", text: "Set anew", aria: { label: `Set ${clean(secret.name)} anew` },
+        h("button", { type: "button", text: "Set anew", aria: { label: `Set anew ${clean(secret.name)}` },
           on: { click: () => begin(secret.name) } }),
         h("button", { type: "button", class: "danger", text: "Remove",
           aria: { label: `Remove ${clean(secret.name)}` },

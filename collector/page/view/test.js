@@ -4,7 +4,7 @@
  * they come, and the curve is asked for again now and then. */
 import { to } from "../base/address.js";
 import * as curves from "../base/series.js";
-import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
+import { asTyped, clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
 import { announce, fill, h } from "../dom.js";
@@ -18,7 +18,8 @@ const twoYears = 730 * day; /* as long as hours are kept, unless the collector i
 const ranges = [["1h", "1 hour"], ["6h", "6 hours"], ["1d", "Day"], ["7d", "Week"], ["30d", "Month"],
   ["2y", "Two years"]];
 const mostUnasked = 6, mostCharts = 24, mostButtons = 400; /* of values */
-const resultsAtOnce = 20, eventsAtOnce = 10, mostParts = 500, mostLines = 80;
+const resultsAtOnce = matchMedia("(max-width: 40rem)").matches ? 10 : 20; /* cards are long */
+const eventsAtOnce = 10, mostParts = 500, mostLines = 80;
 const mostResults = 400; /* that the page keeps of those that come by themselves */
 const leastAgainMs = 60000, mostAgainMs = 900000;
 
@@ -40,15 +41,6 @@ function wordOf({ from, to: end }, now = Date.now()) {
   const span = end - from;
   const found = ranges.find(([word]) => Math.abs(spanOf(word) - span) < span / 100);
   return found && end >= now - span / 100 ? found[0] : null;
-}
-
-const two = (value) => String(value).padStart(2, "0");
-
-/* As an input of date and time has it. */
-function asTyped(ms) {
-  const time = new Date(ms);
-  return `${time.getFullYear()}-${two(time.getMonth() + 1)}-${two(time.getDate())}` +
-    `T${two(time.getHours())}:${two(time.getMinutes())}`;
 }
 
 /* Names may have commas. */
@@ -130,9 +122,10 @@ export async function open(place, params, context) {
   const tools = h("div", { class: "stack tight" });
   const choice = h("div");
   const trouble = h("div");
+  const none = h("div");
   const plots = h("div", { class: "stack" });
   const curve = h("section", { class: "panel stack tight", aria: { labelledby: "test-curve" } },
-    h("h2", { id: "test-curve", text: "Curve" }), tools, choice, trouble, plots);
+    h("h2", { id: "test-curve", text: "Curve" }), tools, choice, trouble, none, plots);
   const results = h("section", { class: "panel", aria: { labelledby: "test-results" } });
   const events = h("section", { class: "panel", aria: { labelledby: "test-events" } });
   const source = h("section", { class: "panel stack tight", aria: { labelledby: "test-source" } });
@@ -367,9 +360,10 @@ export async function open(place, params, context) {
     const definition = series.definitions.at(-1) ?? test.definition;
     const names = curves.valueNames(series);
     const chosen = chosenNames(names);
-    const wanted = new Set(chosen);
+    /* Of a time in which there is nothing curves stay, empty: keys lead out of it again. */
+    const drawn = chosen.length > 0 ? chosen : [...charts.keys()];
     for (const [name, chart] of charts) {
-      if (!wanted.has(name)) {
+      if (!drawn.includes(name)) {
         chart.close();
         charts.delete(name);
       }
@@ -378,19 +372,12 @@ export async function open(place, params, context) {
     fill(trouble, series.incomplete ? h("p", { class: "note", role: "status",
       text: `Not everything could be read: ${clean(series.incomplete)}` }) : null);
     const states = [...curves.strip(series), ...tailStrip];
-    if (chosen.length === 0) {
-      charts.clear();
-      fill(plots, states.length > 0
-        ? emptyState("No values in this time", "The test has results, but none of them has a number to draw.")
-        : emptyState("No results in this time", range.range
-          ? "Results come with the agent's polls. Look at a longer time, or whether the agent is silent."
-          : "Look at another time."));
-      return;
-    }
-    if (charts.size === 0) {
-      fill(plots);
-    }
-    chosen.forEach((name, i) => {
+    fill(none, chosen.length > 0 ? null : states.length > 0
+      ? emptyState("No values in this time", "The test has results, but none of them has a number to draw.")
+      : emptyState("No results in this time", range.range
+        ? "Results come with the agent's polls. Look at a longer time, or whether the agent is silent."
+        : "Look at another time."));
+    drawn.forEach((name, i) => {
       if (!charts.has(name)) {
         const chart = createChart(plots, { label: curves.valueLabel(definition, name) });
         chart.onRange((wish) => move[wish.kind](wish));
@@ -399,10 +386,10 @@ export async function open(place, params, context) {
       const data = curves.chartData(series, name);
       charts.get(name).show({ ...data, rows: data.rows.concat(tails.get(name) ?? []) }, {
         limits: isRate() && data.unit.endsWith("/s") ? [] : curves.limits(definition, name),
-        strip: states, from: range.from, to: range.to, unit: data.unit, words: i === chosen.length - 1,
+        strip: states, from: range.from, to: range.to, unit: data.unit, words: i === drawn.length - 1,
       });
     });
-    const inOrder = chosen.map((name) => charts.get(name).element);
+    const inOrder = drawn.map((name) => charts.get(name).element);
     if (inOrder.some((element, i) => plots.children[i] !== element)) {
       plots.append(...inOrder);
     }

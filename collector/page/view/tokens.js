@@ -1,7 +1,7 @@
 /* Tokens: who may ask the API, and the browsers that are signed in. A secret stands on the page from
  * when it is made until one is done with it, and is nowhere after that. For admins. */
 import { natural } from "../base/order.js";
-import { clean, plural } from "../base/text.js";
+import { apiTime, clean, dayKey, plural } from "../base/text.js";
 import { fill, h } from "../dom.js";
 import { busy, confirm, emptyState, failure, once, table, timeElement } from "../parts.js";
 
@@ -22,14 +22,13 @@ function inOrder(a, b) {
 
 /** The end of that day where the reader is; null for none. */
 function endOf(day) {
-  return day ? new Date(`${day}T23:59:59`).toISOString().replace(/\.\d+Z$/, "Z") : null;
+  return day ? apiTime(`${day}T23:59:59`) : null;
 }
 
 function dayFromNow(days) {
   const day = new Date();
   day.setDate(day.getDate() + days);
-  const two = (number) => String(number).padStart(2, "0");
-  return `${day.getFullYear()}-${two(day.getMonth() + 1)}-${two(day.getDate())}`;
+  return dayKey(day);
 }
 
 export const title = () => "Tokens";

@@ -24,8 +24,8 @@ async function staticImports(name, known = new Set()) {
   return known;
 }
 
-const preloadsOf = (shell) => [...shell.matchAll(/<link rel="modulepreload" href="\/page\/@VERSION@\/([^"]+)">/g)]
-  .map((found) => found[1]);
+const link = /<link rel="modulepreload" href="\/page\/@VERSION@\/([^"]+)">/g;
+const preloadsOf = (shell) => [...shell.matchAll(link)].map((found) => found[1]);
 
 test("imports of every kind of writing are found", () => {
   assert.deepEqual(importsOf('import { a } from "./a.js";\nimport * as b from "./b.js";\nimport {\n  c,\n' +

@@ -1,7 +1,7 @@
 import assert from "node:assert/strict";
 import { afterEach, test } from "node:test";
 import {
-  ago, axisNumber, clean, clock, exact, number, oneLine, plural, shortened, since, stateWord,
+  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, number, oneLine, plural, shortened, since, stateWord,
 } from "../../../collector/page/base/text.js";
 
 const zone = process.env.TZ;
@@ -135,4 +135,15 @@ test("texts that are too long are cut between characters", () => {
   assert.equal(shortened("ab😀", 3), "ab");
   assert.equal(shortened("ab😀", 4), "ab😀");
   assert.equal(shortened("ab", 0), "");
+});
+
+test("times as they are typed, and as the API has them", () => {
+  process.env.TZ = "America/New_York";
+  assert.equal(dayKey("2026-05-01T03:00:00Z"), "2026-04-30");
+  assert.equal(asTyped("2026-05-01T03:04:05Z"), "2026-04-30T23:04");
+  assert.equal(asTyped(Date.parse("2026-01-09T12:00:00Z")), "2026-01-09T07:00");
+  assert.equal(asTyped(null), "");
+  assert.equal(asTyped("tomorrow"), "");
+  assert.equal(apiTime("2026-04-30T23:04"), "2026-05-01T03:04:00Z");
+  assert.equal(apiTime(1777604645999), "2026-05-01T03:04:05Z");
 });

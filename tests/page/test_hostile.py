@@ -1,0 +1,176 @@
+#!/usr/bin/python3
+"""Texts that mean harm, in every field: nothing of them runs or becomes a part of the page, and the layout holds.
+
+First as they can get into a collector, which refuses some; then in place of every text of every answer of its API, as if it
+refused none."""
+
+import json
+import struct
+import time
+
+import browser
+import records
+from browser import harness
+from looks import MISFITS
+from place import Collector, Told
+
+MARKUP = ("<img src=x onerror=window.ran=1><x-theirs>a</x-theirs>", "\"'><svg onload=window.ran=1><x-theirs>",
+          "</textarea></title><script>window.ran=1</script><x-theirs>", "javascript:window.ran=1//${window.ran=1}{{1}}")
+TURNED = "\u202egnp.exe\u2066\u200b\ufeff\u00ad"
+CONTROLS = "a\x07b\x1b[31mc\x7f\x00d\r\ne\x85\u2028f"
+LONG = "W" * 10000
+UNSEEN = "\u202e\u2066\u200b\ufeff\u00ad\x07\x1b\x7f\x00\x85\u2028"
+FLEET = """\
+version: 1  # %s
+intervals: {poll: 1s, check: 1s}
+groups:
+  - name: %s
+    agents: ["*", %s]
+    tests:
+      %s: {load: {1m: 8}}
+      %s: {http: "http://127.0.0.1:1/%s", contains: %s}
+      %s: {process: %s}
+      values: {mysql: 127.0.0.1, user: %s, values: [%s, %s]}
+  - name: %s
+    agents: [nobody]
+    tests: {%s: {load: {}}}
+"""
+
+
+def encode(ui32, i64=(), d64=(), strings=()):
+    """A record; a text may have whatever it likes but its end."""
+    texts = b"".join(text.replace("\0", "").encode() + b"\0" for text in strings)
+    return struct.pack("<8I%dI%dq%dd" % (len(ui32), len(i64), len(d64)), 32 + 4 * len(ui32) + 8 * len(i64) + 8 * len(d64) +
+                       len(texts), 0, len(ui32), len(i64), 0, len(d64), len(strings), 0, *ui32, *i64, *d64) + texts
+
+
+# Replaces all texts of others in what the API answers, of those that people or hosts have chosen.
+REPLACE = """
+const chosen = new Set(['name', 'account', 'message', 'target', 'address', 'version', 'group', 'author', 'about', 'reason',
+  'by', 'was', 'detail', 'file', 'platform', 'status']);
+const lists = new Set(['groups', 'items', 'groups_without']);
+const replaced = (value, key) => {
+  if (Array.isArray(value)) {
+    return value.map((each) => (typeof each === 'string' && lists.has(key) ? text : replaced(each, '')));
+  }
+  if (value && typeof value === 'object') {
+    return Object.fromEntries(Object.entries(value).map(([name, each]) =>
+      [key === 'values' || key === 'inventories' ? name + text.slice(0, 200) : name, replaced(each, name)]));
+  }
+  return typeof value === 'string' && chosen.has(key) ? text : value;
+};
+const real = window.fetch;
+window.fetch = async (...given) => {
+  const answer = await real(...given);
+  if (!String(given[0]).includes('/api/v1/') || !/json/.test(answer.headers.get('Content-Type') ?? '')) {
+    return answer;
+  }
+  return new Response(JSON.stringify(replaced(await answer.json(), '')), {status: answer.status, headers: answer.headers});
+};
+"""
+
+
+class Hostile(browser.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.collector = Collector(self, options=["--agents", "any"]).start()
+        texts = [json.dumps(text[:100], ensure_ascii=False) for text in (*MARKUP, "name" + TURNED, LONG)]
+        one, two, three, four, turned, long_one = texts
+        fleet = FLEET % (MARKUP[0] + LONG + TURNED, one, three, one, two, LONG[:200], three, turned, four[:14] + '"', four,
+                         '"<img/src=x/onerror=window.ran=1>"', json.dumps(LONG[:250]), long_one, long_one)
+        status, answer = self.collector.put(fleet)
+        self.assertEqual(status, 200, answer)
+        for name in (*MARKUP, LONG[:100]):
+            status, _, text = self.collector.ask("/api/v1/tokens", "POST", json.dumps({"name": name[:100], "role": "viewer"}))
+            self.assertEqual(status, 201, text)
+        self.now = int(time.time()) - 5
+        for name in (*MARKUP, TURNED.strip() + "web", LONG[:100], "plain"):
+            self.report(Told(self.collector, name[:100]))
+        self.begin_browser(self.collector.base)
+        self.sign_in_by_cookie(self.collector.token)
+
+    def report(self, agent):
+        """Messages, values and inventories; of each text an earlier and a later result, so that there are events."""
+        kinds = {code: next((int(test[1]), int(test[2])) for test in agent.tests if test[0] == code)
+                 for code in ("LAA", "HPA", "PRA", "MQA")}
+        for step, message in enumerate((MARKUP[0] + "\n", CONTROLS, LONG, TURNED + MARKUP[2])):
+            when = self.now + step
+            bad = 2 if step % 2 else 0
+            names = "".join("%s|%s|%d;" % (name, value, bad) for name, value in (
+                ("<img/src=x/onerror=window.ran=1>", MARKUP[1]), (LONG[:250], "5"), ("v", LONG), ("n" + TURNED, "7.5")))
+            agent.report(
+                encode([records.LOAD_AVERAGE, *kinds["LAA"], bad], [when], [9.0, 1.0, 1.0], [message]) +
+                encode([records.PROCESS, *kinds["PRA"], 0, 3], [when], [0.0, 0.0, 0.0], [message]) +
+                encode([records.MYSQL, *kinds["MQA"], bad, 5], [when], [], [names, message]) +
+                b"".join(encode([kind, 0, 0], [when], [], ["\t".join((*MARKUP, TURNED, LONG, message)) + "\t"])
+                         for kind in records.INVENTORIES))
+
+    def paths(self):
+        tests = self.collector.get("/api/v1/tests?limit=1000")["items"]
+        self.assertGreater(len(tests), 20)
+        agents = self.collector.get("/api/v1/agents?limit=1000")["items"]
+        some = {}
+        for test in tests:  # one of each kind and agent's name would be too many: the names take turns
+            some.setdefault(test["type"], []).append(test["id"])
+        return (["/", "/?q=img", "/events", "/fleet", "/fleet/changes", "/tokens", "/admission", "/secrets"] +
+                ["/tests/%d?range=1h" % ids[i % len(ids)] for i, ids in enumerate(some.values())] +
+                ["/agents/%d" % agent["id"] for agent in agents[:3]])
+
+    def check(self, path):
+        """That nothing happened; for what is unfolded, too."""
+        self.wait("document.querySelector('h1') !== null")
+        self.wait_still()
+        self.js("document.querySelectorAll('details').forEach((each) => { each.open = true; });"
+                "document.querySelectorAll('button[aria-expanded=false]').forEach((each) => each.click())")
+        for size in ((360, 740), (1280, 900)):
+            self.look(size)
+            self.driver.execute_async_script("const done = arguments[0];"
+                                             "requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done)))")
+            self.wait_still()
+            found = self.js("""
+                const theirs = [...document.querySelectorAll('x-theirs, #main img, #main script, iframe, object, embed, link' +
+                  ':not([rel=stylesheet], [rel=icon], [rel=modulepreload]), [onerror], [onload], main [style*=url]')];
+                const links = [...document.querySelectorAll('a[href]')].filter(({href}) => !/^(https?|blob):/.test(href));
+                const shown = [document.title, document.body.innerText, ...[...document.querySelectorAll('[title],[aria-label]')]
+                  .flatMap((each) => [each.title, each.ariaLabel ?? ''])].join(' ');
+                return {ran: window.ran ?? null, theirs: theirs.concat(links).map((each) => each.outerHTML.slice(0, 200)),
+                  unseen: [...arguments[0]].filter((sign) => shown.includes(sign)).map((sign) => sign.codePointAt(0))};""",
+                            UNSEEN)
+            self.assertEqual(found, {"ran": None, "theirs": [], "unseen": []}, path)
+            screen = path.partition("?")[0].rstrip("0123456789")
+            self.misfits |= {(screen, size[0], misfit[:80]) for misfit in self.js(MISFITS)}
+
+    def test_as_they_come_through_the_collector(self):
+        self.misfits = set()
+        for path in self.paths():
+            self.open(path)
+            self.check(path)
+        self.assertEqual(sorted(self.misfits), [])
+
+    def test_in_every_answer(self):
+        self.misfits = set()
+        paths = self.paths()
+        for text in (MARKUP[0] + MARKUP[2], CONTROLS + TURNED + MARKUP[1], LONG):
+            script = self.cdp("Page.addScriptToEvaluateOnNewDocument", source="{const text = %s;%s}" % (
+                json.dumps(text), REPLACE))["identifier"]
+            for path in paths:
+                self.open(path)
+                self.check(path)
+            self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script)
+        self.assertEqual(sorted(self.misfits), [])
+
+    def test_in_the_address(self):
+        self.misfits = set()
+        self.expect("(/api/v1/.*|/sign-in) - Failed to load resource: .* (400|401|404)")
+        for path in ("/?q=%3Cimg%20src=x%20onerror=window.ran=1%3E%3Cx-theirs%3E", "/events?q=%3Cx-theirs%3E&agent=%3Cimg%20src=x%3E",
+                     "/events?state=%3Cx-theirs%3E&type=%3Cx-theirs%3E&group=%E2%80%AE&from=%3Cx-theirs%3E",
+                     "/tests/1?values=%3Cimg%20src=x%20onerror=window.ran=1%3E&range=javascript:window.ran=1&from=%00",
+                     "/agents/%3Cimg%20src=x%20onerror=window.ran=1%3E", "/agents/" + "W" * 2000, "/agents/%E2%80%AEtxt",
+                     "/fleet/changes?agent=%3Cx-theirs%3E&test=%E2%80%AE", "/#link=%3Cimg%20src=x%3E", "/fleet?line=-1e9"):
+            self.open(path)
+            self.check(path)
+        self.assertEqual(sorted(self.misfits), [])
+
+
+if __name__ == "__main__":
+    harness.main()

@@ -54,7 +54,7 @@ class Chromedriver(peers.Peer):
         self.port = harness.free_port()
         self.launch(["chromedriver", "--port=%d" % self.port, "--log-path=" + self.log, "--log-level=WARNING"],
                     env=dict(os.environ, HOME=directory, TMPDIR=directory, XDG_CONFIG_HOME=directory,
-                             XDG_CACHE_HOME=directory, DBUS_SESSION_BUS_ADDRESS="disabled:"))
+                             XDG_CACHE_HOME=directory, LANGUAGE="en_GB", DBUS_SESSION_BUS_ADDRESS="disabled:"))
 
     def ready(self):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=5)

@@ -117,14 +117,18 @@ class Told(RawClient):
         self.collector = collector
         answer = self.login(account, name)
         self.session_id = answer.headers["Vnd-SessionID"]
-        # "LAA", its number, its revision, ...: what it is to do, by what it is told first.
-        self.tests = [line.split("\t") for line in (answer.body + self.poll(self.session_id).body).split("\n")
-                      if "\t" in line and line[2:3] == "A"]
+        self.tests = []  # what it was told to do: "LAA", its number, its revision, ...
+        self._take(answer.body)
+        self.report(b"")
+
+    def _take(self, body):
+        self.tests += [line.split("\t") for line in body.split("\n") if "\t" in line and line[2:3] == "A"]
 
     def report(self, *blocks):
         for block in blocks:
             answer = self.poll(self.session_id, block)
             self.collector.test.assertEqual(answer.status, "HTTP/1.0 200 OK", answer)
+            self._take(answer.body)
 
     def load(self, found):
         """Reports load averages: pairs of a time and a value, or threes with a message; 8 is too much."""

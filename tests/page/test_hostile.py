@@ -5,12 +5,12 @@ First as they can get into a collector, which refuses some; then in place of eve
 refused none."""
 
 import json
-import struct
 import time
 
 import browser
 import records
 from browser import harness
+from histories import encode
 from looks import MISFITS
 from place import Collector, Told
 
@@ -35,13 +35,6 @@ groups:
     agents: [nobody]
     tests: {%s: {load: {}}}
 """
-
-
-def encode(ui32, i64=(), d64=(), strings=()):
-    """A record; a text may have whatever it likes but its end."""
-    texts = b"".join(text.replace("\0", "").encode() + b"\0" for text in strings)
-    return struct.pack("<8I%dI%dq%dd" % (len(ui32), len(i64), len(d64)), 32 + 4 * len(ui32) + 8 * len(i64) + 8 * len(d64) +
-                       len(texts), 0, len(ui32), len(i64), 0, len(d64), len(strings), 0, *ui32, *i64, *d64) + texts
 
 
 # Replaces all texts of others in what the API answers, of those that people or hosts have chosen.
@@ -93,7 +86,7 @@ class Hostile(browser.TestCase):
         """Messages, values and inventories; of each text an earlier and a later result, so that there are events."""
         kinds = {code: next((int(test[1]), int(test[2])) for test in agent.tests if test[0] == code)
                  for code in ("LAA", "HPA", "PRA", "MQA")}
-        for step, message in enumerate((MARKUP[0] + "\n", CONTROLS, LONG, TURNED + MARKUP[2])):
+        for step, message in enumerate((MARKUP[0] + "\n", CONTROLS.replace("\0", ""), LONG, TURNED + MARKUP[2])):
             when = self.now + step
             bad = 2 if step % 2 else 0
             names = "".join("%s|%s|%d;" % (name, value, bad) for name, value in (

@@ -10,7 +10,7 @@ import { announce, fill, h, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
 
-const curveS = 5 * 3600, curvePoints = 60, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
+const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
   onceLiveMs = 1500;
 const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
@@ -318,7 +318,8 @@ export async function open(place, params, context) {
       fill(item.message, said ? message(said) : null);
     }
     const main = name === null ? null : test.values[name];
-    item.value.textContent = main ? number(main.value, main.unit) : "";
+    item.value.textContent = main ? oneLine(number(main.value, main.unit), 80) : "";
+    item.value.className = isNumber(main?.value) ? "number" : "text";
     item.valueName.textContent = main ? label(test, name) : "";
     const others = Object.entries(test.values ?? {})
       .filter(([each, { value }]) => each !== name && value !== null).slice(0, mostOthers)

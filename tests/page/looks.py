@@ -2,6 +2,13 @@
 may be wide. What is there for screen readers alone is not looked at."""
 
 MISFITS = """
+/* All of it has its place, not only what is in sight. */
+if (!window.isLaidOut) {
+  window.isLaidOut = true;
+  const sheet = new CSSStyleSheet();
+  sheet.replaceSync('* { content-visibility: visible !important; }');
+  document.adoptedStyleSheets = [...document.adoptedStyleSheets, sheet];
+}
 const scrolls = (element) => {
   for (let at = element; at && at !== document.body; at = at.parentElement) {
     if (/auto|scroll/.test(getComputedStyle(at).overflowX)) {

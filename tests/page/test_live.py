@@ -35,7 +35,7 @@ class Live(browser.TestCase):
         self.wait("(document.querySelector('.problems .problem')?.dataset.state === 'problem') === arguments[0]", is_problem)
 
     def test_collector_restarted_under_the_page(self):
-        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)|status of 503")
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK|SOCKET)|status of 503")
         self.open("/tests/%d?range=1h" % self.place.test_id("web-1", "load"))
         self.wait_live()
         self.wait("document.querySelectorAll('section[aria-labelledby=test-results] tbody tr').length > 0")
@@ -45,7 +45,7 @@ class Live(browser.TestCase):
         self.wait_text("Not connected since", "#connection")
         self.wait_text("The collector has not answered since", "#banner")
         before = self.newest()
-        self.assertNotEqual(before, "")
+        self.assertNotEqual(before, "", "what was shown goes on to be: " + self.text("#main"))
         self.collector.start()
         self.wait_live()
         self.wait("document.getElementById('banner').textContent === ''")
@@ -57,7 +57,7 @@ class Live(browser.TestCase):
 
     def test_what_happened_meanwhile(self):
         """Where nothing of it can come by the stream any more: the lists are read again."""
-        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)|status of 503")
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK|SOCKET)|status of 503")
         self.open("/")
         self.wait_live()
         self.wait_problem(False)
@@ -70,7 +70,7 @@ class Live(browser.TestCase):
         self.wait_problem(True)
 
     def test_a_connection_that_breaks(self):
-        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK)")
+        self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK|SOCKET)")
         self.open("/")
         self.wait_live()
         self.relay.cut()

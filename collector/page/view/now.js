@@ -190,13 +190,14 @@ export async function open(place, params, context) {
   }
 
   function leadText(now, total) {
-    const parts = [now.problem > 0 ? `${number(now.problem)} with problems` : "",
-      now.silent > 0 ? `${number(now.silent)} silent` : "",
-      now.unknown > 0 ? `${number(now.unknown)} unknown` : ""].filter(Boolean);
+    const are = (state) => `${number(now[state])} ${now[state] === 1 ? "is" : "are"} ${state}`;
+    const have = now.problem === 1 ? "has problems" : "have problems";
+    const parts = [now.problem > 0 ? `${number(now.problem)} ${have}` : "",
+      now.silent > 0 ? are("silent") : "", now.unknown > 0 ? are("unknown") : ""].filter(Boolean);
     const [alone] = states.filter((state) => now[state] > 0);
     return total === 1 ? `The agent ${alone === "problem" ? "has a problem" : `is ${alone}`}.`
       : parts.length === 0 ? `All ${number(total)} agents are ok.`
-      : `Of ${plural(total, "agent")} ${parts.join(", ")}, ${number(now.ok)} ok.`;
+      : `Of ${plural(total, "agent")} ${[...parts, are("ok")].join(", ")}.`;
   }
 
   /* ---- search ---- */

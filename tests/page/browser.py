@@ -95,8 +95,11 @@ class _Browser:
     def __init__(self):
         self.turn = threading.Lock()
         self.directory = self.driver_process = self.driver = None
+        self.is_over = False
 
     def begin(self):
+        if self.is_over:
+            raise RuntimeError("interrupted")
         if self.driver is not None:
             return self.driver
         self.directory = tempfile.mkdtemp(prefix="chromium-")
@@ -109,9 +112,16 @@ class _Browser:
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Remote(
             ChromiumRemoteConnection("http://127.0.0.1:%d" % self.driver_process.port, "goog", "chrome"), options=options)
+        self.driver.set_page_load_timeout(PATIENCE_S)
+        self.driver.set_script_timeout(PATIENCE_S)
         return self.driver
 
     def end(self):
+        self.is_over = True
+        self.drop()
+
+    def drop(self):
+        """The next test that wants one begins another."""
         if self.driver_process is not None:
             self.driver_process.end()
             self.driver_process = self.driver = None
@@ -148,22 +158,31 @@ class TestCase(harness.TestCase):
         self.tab = self.new_tab()
 
     def _leave(self):
-        """To an empty tab alone."""
+        """To an empty tab alone; where that cannot be, the next test has another browser."""
         try:
-            self.check_console()
-        finally:
-            self.driver.switch_to.window(self.driver.window_handles[0])
-            old = self.driver.window_handles
-            self.driver.switch_to.new_window("tab")
-            new = self.driver.current_window_handle
-            for handle in old:
-                self.driver.switch_to.window(handle)
-                self.cdp("Page.setWebLifecycleState", state="active")
-                self.js("window.onbeforeunload = null")
-                self.driver.close()
-            self.driver.switch_to.window(new)
-            self.cdp("Network.clearBrowserCookies")
-            self.driver.get_log("browser")
+            try:
+                self.check_console()
+            finally:
+                self._begin_anew()
+        except AssertionError:
+            raise
+        except Exception:  # of the driver, or of the way to it
+            _browser.drop()
+            raise
+
+    def _begin_anew(self):
+        old = self.driver.window_handles
+        self.driver.switch_to.window(old[0])
+        self.driver.switch_to.new_window("tab")
+        new = self.driver.current_window_handle
+        for handle in old:
+            self.driver.switch_to.window(handle)
+            self.cdp("Page.setWebLifecycleState", state="active")
+            self.js("window.onbeforeunload = null")
+            self.driver.close()
+        self.driver.switch_to.window(new)
+        self.cdp("Network.clearBrowserCookies")
+        self.driver.get_log("browser")
 
     # ---- tabs ----
 

@@ -88,11 +88,14 @@ function followHeading(main, fallback) {
   };
 }
 
+/* Who has gone on from there meanwhile is not called back. */
+const hadFocus = new WeakSet(); /* of main elements: their headings */
 function focusHeading(main) {
   const heading = main.querySelector("h1");
   const isElsewhere = document.activeElement !== document.body && document.activeElement?.isConnected &&
-    (main.contains(document.activeElement) || document.activeElement.closest("dialog"));
+    (hadFocus.has(main) || main.contains(document.activeElement) || document.activeElement.closest("dialog"));
   if (heading && !isElsewhere) {
+    hadFocus.add(main);
     heading.tabIndex = -1;
     heading.focus({ preventScroll: true });
   }

@@ -207,9 +207,27 @@ export async function open(place, params, context) {
     stops.push(() => clearTimeout(timer));
     return () => {
       clearTimeout(timer);
-      timer = setTimeout(() => isOpen && fn().catch(() => {}), ms); /* the connection tells of itself */
+      timer = setTimeout(() => isOpen && fn().catch(() => {
+        hasMissed = true; /* the connection tells of itself */
+      }), ms);
     };
   };
+
+  /* What is shown goes on to be; what was not read is read when the collector is back. */
+  let hasMissed = false;
+  function notRead(place, id, text, problem, retry, isShown) {
+    const what = failure(problem, () => {
+      what.remove();
+      retry();
+    });
+    if (!isShown) {
+      headed(place, id, text, what);
+    } else if (problem.status === 0) {
+      hasMissed = true;
+    } else {
+      place.append(what);
+    }
+  }
   const readTestSoon = soon(500, readTest);
 
   /* ---- which time ---- */
@@ -493,8 +511,7 @@ export async function open(place, params, context) {
       }
     } catch (problem) {
       if (isOpen) {
-        resultsTable = null;
-        headed(results, "test-results", "Results", failure(problem, () => readResults(next)));
+        notRead(results, "test-results", "Results", problem, () => readResults(next), resultsTable !== null);
       }
     }
   }
@@ -560,7 +577,7 @@ export async function open(place, params, context) {
       }
     } catch (problem) {
       if (isOpen) {
-        headed(events, "test-events", "Events", failure(problem, () => readEvents(next)));
+        notRead(events, "test-events", "Events", problem, () => readEvents(next), shownEvents.length > 0);
       }
     }
   }
@@ -674,10 +691,15 @@ export async function open(place, params, context) {
           readTestSoon();
         }
       })),
-      live.on("lost", readAgain), live.onFirstLive(readAgain));
+      live.on("lost", readAgain), live.onFirstLive(readAgain), live.onState(({ state: now }) => {
+        if (now === "live" && hasMissed) {
+          readAgain();
+        }
+      }));
   }
 
   function readAgain() {
+    hasMissed = false;
     readTestSoon();
     readSeriesSoon();
     readResultsSoon();

@@ -110,8 +110,8 @@ class _Browser:
             options.add_argument(flag)
         options.binary_location = peers.find("chromium")
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        self.driver = webdriver.Remote(
-            ChromiumRemoteConnection("http://127.0.0.1:%d" % self.driver_process.port, "goog", "chrome"), options=options)
+        where = "http://127.0.0.1:%d" % self.driver_process.port
+        self.driver = webdriver.Remote(ChromiumRemoteConnection(where, "goog", "chrome"), options=options)
         self.driver.set_page_load_timeout(PATIENCE_S)
         self.driver.set_script_timeout(PATIENCE_S)
         return self.driver
@@ -143,8 +143,8 @@ for _number in SIGNALS:
 
 
 class TestCase(harness.TestCase):
-    """A test that has the browser to itself from `begin_browser()` on. What takes time without it (collectors and agents)
-    is begun before."""
+    """A test that has the browser to itself from `begin_browser()` on. What takes time without it (collectors and
+    agents) is begun before."""
 
     size = (1280, 900)
 
@@ -276,6 +276,12 @@ class TestCase(harness.TestCase):
                   " && performance.getEntriesByType('resource').every((each) => each.responseEnd > 0)",
                   what="everything to be there")
 
+    def frames(self):
+        """What follows the size of the window has done so, and is drawn."""
+        self.driver.execute_async_script("""const done = arguments[0];
+            document.fonts.ready.then(() =>
+              requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done))));""")
+
     # ---- the console ----
 
     def expect(self, pattern):
@@ -287,7 +293,8 @@ class TestCase(harness.TestCase):
         for handle in self.driver.window_handles:
             self.driver.switch_to.window(handle)
             said += self.driver.get_log("browser")
-        unexpected = ["%(level)s %(source)s %(message)s" % each for each in said if each["level"] in ("SEVERE", "WARNING")
+        unexpected = ["%(level)s %(source)s %(message)s" % each for each in said
+                      if each["level"] in ("SEVERE", "WARNING")
                       and not any(pattern.search(each["message"]) for pattern in self.expected)]
         self.assertEqual(unexpected, [])
 

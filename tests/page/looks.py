@@ -1,5 +1,5 @@
-"""What does not fit on the page as it is: texts that are cut, and what lies outside of it. What scrolls in a box of its own
-may be wide. What is there for screen readers alone is not looked at."""
+"""What does not fit on the page as it is: texts that are cut, and what lies outside of it. What scrolls in a box of its
+own may be wide. What is there for screen readers alone is not looked at."""
 
 MISFITS = """
 /* All of it has its place, not only what is in sight. */
@@ -25,7 +25,8 @@ for (const element of document.body.querySelectorAll('*')) {
     continue;
   }
   const style = getComputedStyle(element), box = element.getBoundingClientRect();
-  const isForReaders = (at) => at !== null && (at.clientWidth === 1 || at.clientHeight === 1 || isForReaders(at.parentElement));
+  const isForReaders = (at) =>
+    at !== null && (at.clientWidth === 1 || at.clientHeight === 1 || isForReaders(at.parentElement));
   if (box.width === 0 || box.height === 0 || isForReaders(element)) {
     continue;
   }

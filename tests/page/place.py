@@ -95,7 +95,8 @@ class Place:
     def screens(self):
         """Names, addresses, and what is there once each is whole."""
         return [("now", "/", ".problems .problem"), ("agent", "/agents/%d" % self.agent_id("web-1"), ".spark-line"),
-                ("test", "/tests/%d?range=1h" % self.test_id("web-1", "load"), "figure.chart[data-drawn] svg.strip rect"),
+                ("test", "/tests/%d?range=1h" % self.test_id("web-1", "load"),
+                 "figure.chart[data-drawn] svg.strip rect"),
                 ("events", "/events", ".timeline .event"), ("fleet", "/fleet", ".editor-lines div"),
                 ("changes", "/fleet/changes", "tbody tr"), ("admission", "/admission", "h2"),
                 ("tokens", "/tokens", "tbody tr"), ("secrets", "/secrets", "tbody tr"),
@@ -135,5 +136,6 @@ class Told(RawClient):
         number, revision = next((int(test[1]), int(test[2])) for test in self.tests if test[0] == "LAA")
         block = b"".join(records.encode_load(records.Load(
             number, revision, int(when), (value, value * 0.75, value * 0.5),
-            said[0] if said else "too much\n" if value > 8 else "\n", 2 if value > 8 else 0)) for when, value, *said in found)
+            said[0] if said else "too much\n" if value > 8 else "\n", 2 if value > 8 else 0))
+            for when, value, *said in found)
         self.report(block)

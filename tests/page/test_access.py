@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Accessibility, by axe-core: no finding that is serious, on any screen, by day and by night, narrow and wide.
 
-axe-core comes from npm's registry, in the version and with the hash of axe/package-lock.json, into build/axe; only the first
-run asks the registry."""
+axe-core comes from npm's registry, in the version and with the hash of axe/package-lock.json, into build/axe; only the
+first run asks the registry."""
 
 import os
 import sys
@@ -47,7 +47,8 @@ class Access(browser.TestCase):
                 self.look(size, dark)
                 self.found += [(name, size, each) for each in self.js(MISFITS) if (name, size, each) not in self.found]
                 found = self.driver.execute_async_script(RUN)
-                self.found += [(name, each) for each in found if each["impact"] in LEAST and (name, each) not in self.found]
+                self.found += [(name, each) for each in found
+                               if each["impact"] in LEAST and (name, each) not in self.found]
 
     def check_all(self):
         self.assertEqual(self.found, [])

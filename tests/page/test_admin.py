@@ -17,7 +17,8 @@ class Tokens(browser.TestCase):
         self.sign_in_by_cookie(self.collector.token)
 
     def tokens(self):
-        return [each["name"] for each in self.collector.get("/api/v1/tokens?limit=100")["items"] if each["kind"] == "token"]
+        return [each["name"] for each in self.collector.get("/api/v1/tokens?limit=100")["items"]
+                if each["kind"] == "token"]
 
     def test_a_token_is_made_shown_once_and_removed(self):
         self.open("/tokens")

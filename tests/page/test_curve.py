@@ -164,8 +164,8 @@ class Curve(browser.TestCase):
                                  ("Day", "", 24 * HOUR)):
             self.click(".chart-tools .choices a", name)
             self.wait("location.search === arguments[0]", word)
-            self.wait_asked(lambda begin, end, span=span: end is None and abs(time.time() - span - begin) < span / 50 + 60,
-                            name)
+            self.wait_asked(lambda begin, end, span=span:
+                            end is None and abs(time.time() - span - begin) < span / 50 + 60, name)
             self.assertEqual(self.find(".chart-tools .choices a[aria-current]").text, name)
         # Any time at all.
         self.click("summary", "Another time")
@@ -187,13 +187,16 @@ class Curve(browser.TestCase):
                                            if share > 0.3}, "a line of the limit's colour", browser.PATIENCE_S)
         self.assertLessEqual(len(rows), 3, rows)  # dashed, and but a pixel or two high
         self.assertTrue(self.js(PIXELS, "--accent"), "the curve itself")
-        self.assertRegex(self.js("return document.querySelector('figure.chart p.hidden').textContent"), r"Limits: .*\b8\b")
+        said = self.js("return document.querySelector('figure.chart p.hidden').textContent")
+        self.assertRegex(said, r"Limits: .*\b8\b")
 
     def test_states_are_a_strip(self):
         self.begin("?range=6h")
         boxes = self.wait("""(() => {
-            const all = [...document.querySelectorAll('figure.chart:first-of-type svg.strip rect[data-state]')].map((each) =>
-                ({state: each.dataset.state, x: Number(each.getAttribute('x')), width: Number(each.getAttribute('width'))}));
+            const strip = document.querySelector('figure.chart svg.strip');
+            const all = [...strip?.querySelectorAll('rect[data-state]') ?? []].map((each) => ({
+              state: each.dataset.state, x: Number(each.getAttribute('x')), width: Number(each.getAttribute('width')),
+            }));
             return all.some(({state}) => state === 'problem') && all;
         })()""")
         problem, = [box for box in boxes if box["state"] == "problem"]

@@ -40,11 +40,6 @@ class Looks(browser.TestCase):
             self.look(size)
             self.assertEqual(self.js(MISFITS), [])
 
-    def frames(self):
-        """What follows the size of the window has done so."""
-        self.driver.execute_async_script("const done = arguments[0];"
-                                         "requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done)))")
-
 
 @harness.needs_namespaces
 class Keyboard(browser.TestCase):
@@ -61,8 +56,10 @@ class Keyboard(browser.TestCase):
         """Whatever has the focus is in sight, and looks like it."""
         seen = self.js("""const at = document.activeElement, box = at.getBoundingClientRect();
             const style = getComputedStyle(at), parent = getComputedStyle(at.parentElement);
-            const rings = [style, parent].some((each) => each.outlineStyle !== 'none' && parseFloat(each.outlineWidth) > 0);
-            return {rings, isInSight: box.bottom > 0 && box.top < innerHeight && box.right > 0 && box.left < innerWidth};""")
+            const rings = [style, parent].some((each) =>
+              each.outlineStyle !== 'none' && parseFloat(each.outlineWidth) > 0);
+            const isInSight = box.bottom > 0 && box.top < innerHeight && box.right > 0 && box.left < innerWidth;
+            return {rings, isInSight};""")
         self.assertEqual(seen, {"rings": True, "isInSight": True}, self.focused())
 
     def tab_to(self, selector, text="", back=False, most=80):
@@ -82,8 +79,9 @@ class Keyboard(browser.TestCase):
         raise AssertionError("no way to %s %r by Tab: %s" % (selector, text, way))
 
     def wait_focus_on_heading(self, text):
-        self.wait("document.activeElement.localName === 'h1' && document.activeElement.textContent.trim() === arguments[0]",
-                  text, what="the focus on the heading; it is on %s" % self.focused())
+        self.wait("document.activeElement.localName === 'h1' &&"
+                  "document.activeElement.textContent.trim() === arguments[0]", text,
+                  what="the focus on the heading; it is on %s" % self.focused())
 
     def test_nothing_but_keys(self):
         self.expect("/api/v1/.* - Failed to load resource: .* 401")

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Texts that mean harm, in every field: nothing of them runs or becomes a part of the page, and the layout holds.
 
-First as they can get into a collector, which refuses some; then in place of every text of every answer of its API, as if it
-refused none."""
+First as they can get into a collector, which refuses some; then in place of every text of every answer of its API, as
+if it refused none."""
 
 import json
 import time
@@ -39,8 +39,8 @@ groups:
 
 # Replaces all texts of others in what the API answers, of those that people or hosts have chosen.
 REPLACE = """
-const chosen = new Set(['name', 'account', 'message', 'target', 'address', 'version', 'group', 'author', 'about', 'reason',
-  'by', 'was', 'detail', 'file', 'platform', 'status']);
+const chosen = new Set(['name', 'account', 'message', 'target', 'address', 'version', 'group', 'author', 'about',
+  'reason', 'by', 'was', 'detail', 'file', 'platform', 'status']);
 const lists = new Set(['groups', 'items', 'groups_without']);
 const replaced = (value, key) => {
   if (Array.isArray(value)) {
@@ -58,7 +58,8 @@ window.fetch = async (...given) => {
   if (!String(given[0]).includes('/api/v1/') || !/json/.test(answer.headers.get('Content-Type') ?? '')) {
     return answer;
   }
-  return new Response(JSON.stringify(replaced(await answer.json(), '')), {status: answer.status, headers: answer.headers});
+  const {status, headers} = answer;
+  return new Response(JSON.stringify(replaced(await answer.json(), '')), {status, headers});
 };
 """
 
@@ -69,12 +70,13 @@ class Hostile(browser.TestCase):
         self.collector = Collector(self, options=["--agents", "any"]).start()
         texts = [json.dumps(text[:100], ensure_ascii=False) for text in (*MARKUP, "name" + TURNED, LONG)]
         one, two, three, four, turned, long_one = texts
-        fleet = FLEET % (MARKUP[0] + LONG + TURNED, one, three, one, two, LONG[:200], three, turned, four[:14] + '"', four,
-                         '"<img/src=x/onerror=window.ran=1>"', json.dumps(LONG[:250]), long_one, long_one)
+        fleet = FLEET % (MARKUP[0] + LONG + TURNED, one, three, one, two, LONG[:200], three, turned, four[:14] + '"',
+                         four, '"<img/src=x/onerror=window.ran=1>"', json.dumps(LONG[:250]), long_one, long_one)
         status, answer = self.collector.put(fleet)
         self.assertEqual(status, 200, answer)
         for name in (*MARKUP, LONG[:100]):
-            status, _, text = self.collector.ask("/api/v1/tokens", "POST", json.dumps({"name": name[:100], "role": "viewer"}))
+            body = json.dumps({"name": name[:100], "role": "viewer"})
+            status, _, text = self.collector.ask("/api/v1/tokens", "POST", body)
             self.assertEqual(status, 201, text)
         self.now = int(time.time()) - 5
         for name in (*MARKUP, TURNED.strip() + "web", LONG[:100], "plain"):
@@ -117,18 +119,21 @@ class Hostile(browser.TestCase):
                 "document.querySelectorAll('button[aria-expanded=false]').forEach((each) => each.click())")
         for size in ((360, 740), (1280, 900)):
             self.look(size)
-            self.driver.execute_async_script("const done = arguments[0];"
-                                             "requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done)))")
+            self.frames()
             self.wait_still()
             found = self.js("""
-                const theirs = [...document.querySelectorAll('x-theirs, #main img, #main script, iframe, object, embed, link' +
-                  ':not([rel=stylesheet], [rel=icon], [rel=modulepreload]), [onerror], [onload], main [style*=url]')];
-                const links = [...document.querySelectorAll('a[href]')].filter(({href}) => !/^(https?|blob):/.test(href));
-                const shown = [document.title, document.body.innerText, ...[...document.querySelectorAll('[title],[aria-label]')]
-                  .flatMap((each) => [each.title, each.ariaLabel ?? ''])].join(' ');
-                return {ran: window.ran ?? null, theirs: theirs.concat(links).map((each) => each.outerHTML.slice(0, 200)),
-                  unseen: [...arguments[0]].filter((sign) => shown.includes(sign)).map((sign) => sign.codePointAt(0))};""",
-                            UNSEEN)
+                const all = (selector) => [...document.querySelectorAll(selector)];
+                const theirs = all('x-theirs, #main img, #main script, iframe, object, embed, [onerror], [onload],' +
+                  'link:not([rel=stylesheet], [rel=icon], [rel=modulepreload]), main [style*=url]')
+                  .concat(all('a[href]').filter(({href}) => !/^(https?|blob):/.test(href)));
+                const shown = [document.title, document.body.innerText,
+                  ...all('[title], [aria-label]').flatMap((each) => [each.title, each.ariaLabel ?? ''])].join(' ');
+                const unseen = [...arguments[0]].filter((sign) => shown.includes(sign));
+                return {
+                  ran: window.ran ?? null,
+                  theirs: theirs.map((each) => each.outerHTML.slice(0, 200)),
+                  unseen: unseen.map((sign) => sign.codePointAt(0)),
+                };""", UNSEEN)
             self.assertEqual(found, {"ran": None, "theirs": [], "unseen": []}, path)
             screen = path.partition("?")[0].rstrip("0123456789")
             self.misfits |= {(screen, size[0], misfit[:80]) for misfit in self.js(MISFITS)}
@@ -155,11 +160,14 @@ class Hostile(browser.TestCase):
     def test_in_the_address(self):
         self.misfits = set()
         self.expect("(/api/v1/.*|/sign-in) - Failed to load resource: .* (400|401|404)")
-        for path in ("/?q=%3Cimg%20src=x%20onerror=window.ran=1%3E%3Cx-theirs%3E", "/events?q=%3Cx-theirs%3E&agent=%3Cimg%20src=x%3E",
+        for path in ("/?q=%3Cimg%20src=x%20onerror=window.ran=1%3E%3Cx-theirs%3E",
+                     "/events?q=%3Cx-theirs%3E&agent=%3Cimg%20src=x%3E",
                      "/events?state=%3Cx-theirs%3E&type=%3Cx-theirs%3E&group=%E2%80%AE&from=%3Cx-theirs%3E",
                      "/tests/1?values=%3Cimg%20src=x%20onerror=window.ran=1%3E&range=javascript:window.ran=1&from=%00",
-                     "/agents/%3Cimg%20src=x%20onerror=window.ran=1%3E", "/agents/" + "W" * 2000, "/agents/%E2%80%AEtxt",
-                     "/fleet/changes?agent=%3Cx-theirs%3E&test=%E2%80%AE", "/#link=%3Cimg%20src=x%3E", "/fleet?line=-1e9"):
+                     "/agents/%3Cimg%20src=x%20onerror=window.ran=1%3E", "/agents/" + "W" * 2000,
+                     "/agents/%E2%80%AEtxt",
+                     "/fleet/changes?agent=%3Cx-theirs%3E&test=%E2%80%AE", "/#link=%3Cimg%20src=x%3E",
+                     "/fleet?line=-1e9"):
             self.open(path)
             self.check(path)
         self.assertEqual(sorted(self.misfits), [])

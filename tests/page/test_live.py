@@ -29,10 +29,12 @@ class Live(browser.TestCase):
 
     def newest(self):
         """Time of the newest result that the screen of a test shows."""
-        return self.js("return document.querySelector('section[aria-labelledby=test-results] tbody time')?.dateTime ?? ''")
+        return self.js("return document.querySelector('section[aria-labelledby=test-results] tbody time')"
+                       "?.dateTime ?? ''")
 
     def wait_problem(self, is_problem):
-        self.wait("(document.querySelector('.problems .problem')?.dataset.state === 'problem') === arguments[0]", is_problem)
+        self.wait("(document.querySelector('.problems .problem')?.dataset.state === 'problem') === arguments[0]",
+                  is_problem)
 
     def test_collector_restarted_under_the_page(self):
         self.expect("ERR_(CONNECTION|EMPTY|INCOMPLETE|NETWORK|SOCKET)|status of 503")

@@ -96,15 +96,16 @@ class Shop:
             if make is not None:
                 step = 60 if name == "web-2" else 300
                 times = range(self.now - DAY + dice.randrange(step), self.now - 1, step)
-                found = [b"".join(make(name, fields, (when - self.now) / 3600, dice, (int(number), int(revision)), when))
-                         for when in times]
+                test = int(number), int(revision)
+                found = [b"".join(make(name, fields, (when - self.now) / 3600, dice, test, when)) for when in times]
                 for at in range(0, len(found), 300):
                     agent.report(b"".join(found[at:at + 300]))
 
     def inventories(self):
         def one(kind, *items):
             return encode([kind, 0, 0], [self.now - 3], [], ["".join(item + "\t" for item in items)])
-        return (one(records.INTERFACES, "eth0") + one(records.FILE_SYSTEMS, "/(/dev/vda1|ext4)", "/srv(/dev/vdb1|xfs)") +
+        return (one(records.INTERFACES, "eth0") +
+                one(records.FILE_SYSTEMS, "/(/dev/vda1|ext4)", "/srv(/dev/vdb1|xfs)") +
                 one(records.PROCESS_NAMES, "systemd", "sshd", "cron", "nginx", "vindral", "rsyslogd"))
 
     @staticmethod
@@ -196,8 +197,7 @@ class Screenshots(browser.TestCase):
             before()
         self.wait_still()
         self.js("document.activeElement.blur(); scrollTo(0, 0)")
-        self.driver.execute_async_script("const done = arguments[0]; document.fonts.ready.then(() =>"
-                                         "requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done))))")
+        self.frames()
         png = base64.b64decode(self.cdp("Page.captureScreenshot", format="png")["data"])
         harness.write_text(os.path.join(self.place, name + ".png"), png)
 
@@ -242,7 +242,7 @@ class Screenshots(browser.TestCase):
         if self.keep:
             os.makedirs(KEPT, exist_ok=True)
             for name in names:
-                subprocess.run(["pngquant", "--force", "--skip-if-larger", "--speed", "1", "--strip", "--nofs", "--output",
+                subprocess.run(["pngquant", "--force", "--speed", "1", "--strip", "--nofs", "--output",
                                 os.path.join(KEPT, name), "128", os.path.join(self.place, name)], check=True)
             print("docs/page: " + ", ".join("%s %d KB" % (name, os.path.getsize(os.path.join(KEPT, name)) // 1024)
                                             for name in names))

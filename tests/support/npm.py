@@ -1,5 +1,5 @@
-"""Packages of npm's registry that a check needs, in the versions and with the hashes of a package-lock.json. Only the first
-run asks the registry."""
+"""Packages of npm's registry that a check needs, in the versions and with the hashes of a package-lock.json. Only the
+first run asks the registry."""
 
 import filecmp
 import os

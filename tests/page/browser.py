@@ -66,7 +66,7 @@ class Chromedriver(peers.Peer):
         finally:
             connection.close()
 
-    def _session(self):
+    def session(self):
         """Ids of all processes of its session."""
         found = []
         for entry in filter(str.isdigit, os.listdir("/proc")):
@@ -78,7 +78,7 @@ class Chromedriver(peers.Peer):
     def end(self):
         if self.process is None:
             return
-        while left := self._session():  # one may start another meanwhile
+        while left := self.session():  # one may start another meanwhile
             for pid in left:
                 try:
                     os.kill(pid, signal.SIGKILL)
@@ -130,6 +130,11 @@ class _Browser:
 
 _browser = _Browser()
 atexit.register(_browser.end)
+
+
+def processes():
+    """Ids of the driver and of all that it has started."""
+    return _browser.driver_process.session()
 
 
 def _end_at_signal(number, _):

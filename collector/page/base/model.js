@@ -16,7 +16,8 @@
  *
  * SILENCE  Of a silent agent all tests are unknown, the API says, and when it is back they are what they
  * were, without events. So takeMessage() says of which agents the tests have to be asked for `again`: those
- * whose number of problems is not the one that is known here. Give what was answered to addProblems().
+ * that are back, and whose number of problems is not the one that is known here. Give what was answered to
+ * addProblems(). What was unknown while the agent was silent is forgotten when it is back.
  *
  * WORK  A message costs the same whatever the number of agents; lists in order are made when they are asked
  * for, and kept until they change. */
@@ -131,6 +132,7 @@ const newAgentNotes = () => ({
   event: 0, /* number of the last one, of it or of its tests */
   isExpected: false, /* an event was the last thing: what the agent's message says is newer */
   retired: "", /* when, as long as it has not come back */
+  isBack: false, /* it was silent: its tests are to be asked for */
   asked: -1, /* how many problems it had when `again` was said */
   text: null, /* that search() looks at */
   tests: new Set(), /* that are known */
@@ -320,6 +322,7 @@ export class Model {
     notes.isExpected = false;
     notes.heard = this.#heard;
     notes.retired = "";
+    this.#endSilence(old, data.state, notes, changed);
     const { id, account, name } = data;
     this.#putAgent(
       withState(
@@ -347,9 +350,23 @@ export class Model {
     const count = agent.tests?.problem ?? 0;
     if (known === count) {
       notes.asked = -1;
-    } else if (notes.asked !== count) {
+    }
+    if (notes.isBack || (known !== count && notes.asked !== count)) {
+      notes.isBack = false;
       notes.asked = count;
       changed.again.add(agent.id);
+    }
+  }
+
+  #endSilence(agent, state, notes, changed) {
+    if (agent?.state !== "silent" || state === "silent") {
+      return;
+    }
+    notes.isBack = true;
+    for (const id of [...notes.tests]) {
+      if (this.tests.get(id).state === "unknown" && this.#notesOfTest(id).watched === 0) {
+        this.#removeTest(id, changed);
+      }
     }
   }
 
@@ -377,6 +394,7 @@ export class Model {
     if (agent && timeOf(event.time) >= timeOf(agent.since)) {
       notes.heard = this.#heard;
       notes.isExpected = true;
+      this.#endSilence(agent, next.state, notes, changed);
       this.#putAgent(withState(agent, next), changed);
     }
   }

@@ -3,12 +3,13 @@
  * made in slices, and those that stay the same are not touched. */
 import { to } from "../base/address.js";
 import { byTest, stateRank } from "../base/order.js";
+import { readProblems as problemsOf } from "../base/problems.js";
 import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
   from "../parts.js";
 
-const mostProblems = 3000, mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
+const mostProblems = 3000, mostShown = 1000, mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
 const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500;
 const states = ["problem", "silent", "unknown", "ok"];
 
@@ -141,12 +142,13 @@ export async function open(place, params, context) {
     fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
       : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
         "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
-    fill(moreProblems, `There are more than ${mostProblems} tests that are not ok: these are some of them. `
-      + "All of an agent stand on its own screen.");
-    moreProblems.hidden = !left;
+    const isCut = all.length > mostShown;
+    fill(moreProblems, isCut ? `The first ${mostShown} of ${all.length}${left ? " and more" : ""}. `
+      : "There are more tests that are not ok. ", "All of an agent stand on its own screen.");
+    moreProblems.hidden = !left && !isCut;
     problems.hidden = all.length === 0;
     problemsSection.hidden = hasAgents && model.agents.size === 0 && all.length === 0;
-    return keyed(problems, all, keyOf, makeProblem, updateProblem);
+    return keyed(problems, isCut ? all.slice(0, mostShown) : all, keyOf, makeProblem, updateProblem);
   }
 
   /* ---- agents ---- */
@@ -422,14 +424,14 @@ export async function open(place, params, context) {
     await show();
   }
 
-  async function readProblems() {
-    const all = await api.pages("/api/v1/tests", { state: "problem,unknown" },
-      { limit: 1000, most: mostProblems, signal });
+  async function readProblems(agentsRead) {
+    const { items, isMore } = await problemsOf((query) => api.get("/api/v1/tests", { query, signal }),
+      () => agentsRead?.then(() => model.agents) ?? model.agents, mostProblems);
     if (isOver()) {
       return;
     }
-    left = Boolean(all.next);
-    model.setProblems(all);
+    left = isMore;
+    model.setProblems(items);
     hasTests = changed.tests = true;
     await show();
   }
@@ -444,7 +446,9 @@ export async function open(place, params, context) {
     fill(status);
     reading = true;
     try {
-      await busy(Promise.all([readAgents(), readProblems()]), status, "Loading agents and what is wrong");
+      const agentsRead = readAgents();
+      await busy(Promise.all([agentsRead, readProblems(agentsRead)]), status,
+        "Loading agents and what is wrong");
     } catch (problem) {
       if (!isOver()) {
         fill(status, failure(problem, load));

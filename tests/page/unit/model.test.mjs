@@ -189,6 +189,16 @@ test("tests of a silent agent are not told of, and asked for again when it is ba
   assert.deepEqual(keys(model), ["test-12", "test-13"]);
 });
 
+test("what was unknown while an agent was silent is forgotten when it is back", () => {
+  const model = some(agent(1, { state: "silent", since: at(200), tests: { ok: 0, problem: 0, unknown: 2 } }));
+  model.setProblems([aTest(12, 1, { state: "unknown" }), aTest(13, 1, { state: "unknown" })]);
+  model.takeMessage(event(1, null, "silent", "ok", 400));
+  assert.deepEqual(keys(model), []);
+  const back = live(1, { state: "ok", since: at(400), tests: { ok: 1, problem: 0, unknown: 1 } });
+  assert.deepEqual([...model.takeMessage(back).again], [1], "one may be unknown still");
+  assert.equal(model.takeMessage(back).again.size, 0, "once");
+});
+
 test("a list of problems that is older than what was heard", () => {
   const model = some();
   model.takeMessage(event(1, 12, "ok", "problem", 200));

@@ -129,7 +129,8 @@ class _Browser:
 
 
 _browser = _Browser()
-atexit.register(_browser.end)
+harness.at_end(_browser.end)
+atexit.register(_browser.end)  # where it does not come to that
 
 
 def processes():

@@ -97,6 +97,11 @@ def _flatten(suite):
 _at_end = []  # what is still to be checked or cleaned up after the last test
 
 
+def at_end(check, *arguments):
+    """Has it called after the file's last test; what it raises is a failure."""
+    _at_end.append((check, arguments))
+
+
 def _run_tests(names):
     """Runs the tests in threads: nearly all of their time is waiting."""
     module = sys.modules["__main__"]
@@ -482,7 +487,7 @@ class Agent:
                 raise AssertionError(findings)
         else:
             self.hang_up()
-            _at_end.append((self.check_end, ()))
+            at_end(self.check_end)
 
 
 _NEXT_ENTRY = re.compile(r"\n(?=\[\d\d/\d\d/\d{4}:\d\d:\d\d:\d\d\]\t)")

@@ -129,7 +129,7 @@ export function breath() {
 }
 
 const lists = new WeakMap(); /* parent: {nodes: Map of key to node, run} */
-const sliceMs = 10, sliceHiddenMs = 40;
+const sliceMs = 8, sliceHiddenMs = 40;
 
 /* Those of ascending positions, as many as can be: they need not move. */
 function longestAscent(positions) {
@@ -253,6 +253,38 @@ export function announce(text, assertive = false) {
   setTimeout(() => {
     region.textContent = waiting[id].splice(0).slice(-3).join(" ");
   }, 100);
+}
+
+/**
+ * Work that is done bit by bit, some milliseconds of a frame.
+ * @param {(key) => void} each
+ * @returns {{add: (key) => void, cancel: () => void}} a key that waits already is done once
+ */
+export function inFrames(each) {
+  const waiting = new Set();
+  const run = throttle(() => {
+    const until = performance.now() + sliceMs;
+    for (const key of waiting) {
+      waiting.delete(key);
+      each(key);
+      if (performance.now() > until) {
+        break;
+      }
+    }
+    if (waiting.size > 0) {
+      run();
+    }
+  });
+  return {
+    add: (key) => {
+      waiting.add(key);
+      run();
+    },
+    cancel: () => {
+      waiting.clear();
+      run.cancel();
+    },
+  };
 }
 
 /**

@@ -1,6 +1,6 @@
 /* The stream as the views see it: one of a browser, whatever the number of its tabs. Where there is
  * a SharedWorker that has it; else the tabs elect one of them by a lock, and it tells the others by
- * a channel. What came is given to listeners once a frame, all of a kind together.
+ * a channel. What came is given to listeners each frame, those of a kind together.
  *
  * Views: const off = live.on("agent", (messages) => ...) gets an array of {kind, data}, `data` as the
  * API's stream has it. Kinds: "agent", "event", "change", "result" (only of what somebody wants, see
@@ -17,7 +17,7 @@ const name = "vindral-stream";        /* of worker, lock and channel: each origi
 const answersWithin = 8000;           /* a worker or another tab, else there is none */
 const pingedWithin = 70000;           /* asked every 20 s, unless this tab or the worker was asleep */
 const looksEvery = 5000, asleepFor = 15000;
-const mostAFrame = 500;
+const frameMs = 8, frameHiddenMs = 200, mostAtOnce = 100;
 
 const direct = (...given) => globalThis.fetch(...given);
 
@@ -261,9 +261,18 @@ class Live {
     this.#dispatch();
   }
 
-  /* After a sleep there may be thousands: so many a frame. */
+  /* After a sleep there may be thousands: as many as take some milliseconds of a frame. */
   #giveOut() {
-    const messages = this.#waiting.splice(0, mostAFrame);
+    const until = performance.now() + (document.hidden ? frameHiddenMs : frameMs);
+    do {
+      this.#giveSome(this.#waiting.splice(0, mostAtOnce));
+    } while (this.#waiting.length > 0 && performance.now() < until);
+    if (this.#waiting.length > 0) {
+      this.#dispatch();
+    }
+  }
+
+  #giveSome(messages) {
     const kinds = new Map();
     for (const message of messages) {
       const { kind, data } = message; /* kinds one by one are out of order: an id would mislead */
@@ -282,9 +291,6 @@ class Live {
           console.error(error);
         }
       }
-    }
-    if (this.#waiting.length > 0) {
-      this.#dispatch();
     }
   }
 

@@ -6,7 +6,7 @@ import { byState, byTest, newestFirst } from "../base/order.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import { apiTime, clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
-import { announce, fill, h, keyed, svg, throttle } from "../dom.js";
+import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
 
@@ -14,6 +14,7 @@ const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3
   onceLiveMs = 1500;
 const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
+const wholeAtOnce = 40, orderEachMs = 500; /* of rows */
 const hourMs = 3600000, dayHours = 24;
 
 const identities = {
@@ -250,6 +251,7 @@ export async function open(place, params, context) {
   const findField = h("div", { class: "field", hidden: true },
     h("label", { for: "agent-find", text: "Part of a name, a type or a target" }), find);
   const items = new Map(); /* by the id of the test */
+  let order = new Map(); /* by name */
   find.addEventListener("input", () => showTests());
 
   function label(test, name) {
@@ -267,13 +269,24 @@ export async function open(place, params, context) {
   function makeTest(test) {
     const known = items.get(test.id); /* with its curve: it was filtered out */
     if (known) {
-      updateTest(known.element, test);
+      mark(test.id);
       return known.element;
     }
-    const state = stateWord(test);
-    const item = {
-      element: h("li", { class: "spark-item", data: { key: test.id } }),
-      badge: badge(state),
+    const item = { element: h("li", { class: "spark-item", data: { key: test.id, test: test.id } }),
+      badge: badge(stateWord(test)), isOld: true, isSeen: false, isRead: false, isAsked: false, curve: null };
+    item.name = h("div", { class: "spark-name" }, h("div", { class: "row" }, item.badge, testLink(test)));
+    item.element.append(item.name);
+    items.set(test.id, item);
+    if (items.size <= wholeAtOnce) {
+      updateTest(item.element, test);
+    }
+    seen.observe(item.element);
+    return item.element;
+  }
+
+  /* The rest of a row, of which there may be thousands, is made when it comes into sight. */
+  function completeTest(item, test) {
+    Object.assign(item, {
       since: h("span", { class: "note" }),
       message: h("div"),
       others: h("p", { class: "note" }),
@@ -282,26 +295,44 @@ export async function open(place, params, context) {
       time: h("span", { class: "note" }),
       curveElement: svg("svg", { class: "spark", viewBox: `0 0 ${curveWidth} ${curveHeight}`,
         preserveAspectRatio: "none", role: "img", "aria-label": "No curve yet" }),
-      curve: null, isRead: false, isAsked: false, isSeen: false, version: "", said: "",
-    };
-    fill(item.element,
-      h("div", { class: "spark-name" },
-        h("div", { class: "row" }, item.badge, testLink(test), item.since),
-        h("p", { class: "note", text: [test.type,
-          test.target && test.target !== test.name ? oneLine(test.target, 200) : "",
-          test.group ? `of ${oneLine(test.group, 100)}` : ""].filter(Boolean).join(" · ") }),
-        item.message, item.others),
-      item.curveElement,
+      version: "", said: "",
+    });
+    item.name.firstChild.append(item.since);
+    item.name.append(
+      h("p", { class: "note", text: [test.type,
+        test.target && test.target !== test.name ? oneLine(test.target, 200) : "",
+        test.group ? `of ${oneLine(test.group, 100)}` : ""].filter(Boolean).join(" · ") }),
+      item.message, item.others);
+    item.element.append(item.curveElement,
       h("div", { class: "spark-value" }, item.value, " ", item.valueName, h("div", null, item.time)));
-    items.set(test.id, item);
-    item.element.dataset.test = test.id;
-    updateTest(item.element, test);
-    seen.observe(item.element);
-    return item.element;
+  }
+
+  /* Rows in sight are brought up to date some in each frame, others when they come into sight. */
+  const rows = inFrames((id) => {
+    const item = items.get(id), test = tests.get(id);
+    if (item?.isSeen && item.isOld && test) {
+      updateTest(item.element, test);
+      draw(item, test);
+    }
+  });
+
+  function mark(id) {
+    const item = items.get(id), test = tests.get(id);
+    if (item && test) {
+      item.isOld = true;
+      setBadge(item.badge, stateWord(test));
+      if (item.isSeen) {
+        rows.add(id);
+      }
+    }
   }
 
   function updateTest(element, test) {
     const item = items.get(test.id);
+    if (!item.curveElement) {
+      completeTest(item, test);
+    }
+    item.isOld = false;
     const name = mainValue(test);
     const version = `${test.time} ${test.since} ${test.state} ${test.stale} ${test.message} ${name}`;
     if (item.version === version) {
@@ -339,7 +370,7 @@ export async function open(place, params, context) {
     const part = find.value.trim().toLowerCase();
     const all = [...tests.values()];
     const found = all.filter((test) => !part || [test.name, test.type, test.target, test.group].some((text) =>
-      (text ?? "").toLowerCase().includes(part))).sort((a, b) => byState(a, b) || byTest(a, b));
+      (text ?? "").toLowerCase().includes(part))).sort((a, b) => byState(a, b) || order.get(a.id) - order.get(b.id));
     testsHeading.textContent = all.length > 0 ? plural(all.length, "test") : "Tests";
     findField.hidden = all.length < findFrom && !part;
     fill(noTests, found.length > 0 ? null : all.length > 0 ? emptyState("No test is like that",
@@ -350,14 +381,24 @@ export async function open(place, params, context) {
         h("a", { href: to("fleet"), text: "fleet file" }), ". It is told with its next poll, and results "
           + "come in here by themselves.")));
     list.hidden = found.length === 0;
-    return keyed(list, found, (test) => test.id, makeTest, updateTest);
+    return keyed(list, found, (test) => test.id, makeTest, (element, test) => mark(test.id));
   }
 
-  const showTestsSoon = throttle(showTests);
+  let orderTimer = 0;
+  function showTestsSoon() {
+    orderTimer ||= setTimeout(() => {
+      orderTimer = 0;
+      showTests();
+    }, orderEachMs);
+  }
 
   async function readTests() {
     const found = await api.pages("/api/v1/tests", { agent: called }, { limit: 1000, signal });
-    tests = new Map(found.map((test) => [test.id, test]));
+    order = new Map(found.slice().sort(byTest).map((test, i) => [test.id, i]));
+    tests = new Map(found.map((test) => {
+      const { time, status, message: said, values } = tests.get(test.id) ?? {};
+      return [test.id, time > test.time ? { ...test, time, status, message: said, values } : test];
+    }));
     for (const id of items.keys()) {
       if (!tests.has(id)) {
         seen.unobserve(items.get(id).element);
@@ -382,6 +423,9 @@ export async function open(place, params, context) {
       }
       item.isSeen = isIntersecting;
       want(Number(target.dataset.test));
+      if (isIntersecting && item.isOld) {
+        rows.add(Number(target.dataset.test));
+      }
     }
     readCurves();
   }, { rootMargin: "200px" });
@@ -420,11 +464,10 @@ export async function open(place, params, context) {
         rate: test.type === "snmp" ? 1 : null } });
       item.curve = new Curve(test.type, series);
       item.isRead = true;
-      draw(item, test);
-      updateTest(item.element, test);
+      mark(id);
     } catch (problem) {
       if (!isOver()) {
-        item.curveElement.setAttribute("aria-label", "The curve could not be read");
+        item.curveElement?.setAttribute("aria-label", "The curve could not be read");
         item.isRead = problem?.status !== 0; /* asked for again when it is back */
       }
     } finally {
@@ -546,17 +589,18 @@ export async function open(place, params, context) {
   }
 
   function takeResults(results) {
+    let polled = "";
     for (const { data } of results) {
       if (data.agent.id !== agent?.id) {
         continue;
       }
-      polledAt(data.received);
+      polled = data.received > polled ? data.received : polled;
       const test = tests.get(data.test.id);
       if (!test) {
         readTestsSoon();
         continue;
       }
-      if (test.time && Date.parse(data.time) < Date.parse(test.time)) {
+      if (test.time && data.time < test.time) {
         continue;
       }
       Object.assign(test, { time: data.time, status: data.status, message: data.message || null,
@@ -577,25 +621,27 @@ export async function open(place, params, context) {
         }
       } else if (item.curve?.name) {
         item.curve.add(seconds(data.time), isNumber(value?.value) ? value.value : null);
-        if (item.isSeen) {
-          draw(item, test);
-        }
       } else if (item.isRead) { /* the first one that has a curve */
         item.isRead = false;
         want(test.id);
         readCurves();
       }
-      updateTest(item.element, test);
+      mark(test.id);
     }
+    polledAt(polled);
   }
+
+  const showEventsSoon = throttle(() => showEvents());
 
   function takeEvents(messages) {
     let isOther = false;
+    const known = new Set(events.map((event) => event.id));
     for (const { data } of messages) {
-      if (data.agent.id !== agent?.id || events.some((event) => event.id === data.id)) {
+      if (data.agent.id !== agent?.id || known.has(data.id)) {
         continue;
       }
       events.push(data);
+      known.add(data.id);
       isOther = true;
       const test = data.test ? tests.get(data.test.id) : null;
       if (data.test && !test) {
@@ -605,14 +651,31 @@ export async function open(place, params, context) {
         test.stale = data.stale;
         test.since = data.time;
         test.message = data.message || test.message;
+        mark(test.id);
         announce(`${clean(test.name)} is ${stateWord(test)}.`);
       }
     }
     if (isOther) {
-      showEvents();
+      showEventsSoon();
       showTestsSoon();
     }
   }
+
+  /* Of a silent agent all tests are unknown; when it is back they are what they were. No event says so: the
+   * agent's counts do. Those of tests whose events are on their way fit a moment later. */
+  let countsTimer = 0;
+  function compareCounts() {
+    countsTimer = 0;
+    const known = { ok: 0, problem: 0, unknown: 0 };
+    for (const { state } of tests.values()) {
+      known[state]++;
+    }
+    if (!agent.retired && Object.keys(known).some((state) => known[state] !== agent.tests[state])) {
+      readTestsSoon();
+    }
+  }
+
+  const showAgentSoon = throttle(() => showAgent());
 
   function takeAgents(messages) {
     for (const { data } of messages) {
@@ -622,7 +685,8 @@ export async function open(place, params, context) {
           || since !== agent.since || JSON.stringify(counts) !== JSON.stringify(agent.tests);
         if (isOther) {
           Object.assign(agent, { state, stale, since, tests: counts, retired });
-          showAgent();
+          showAgentSoon();
+          countsTimer ||= setTimeout(compareCounts, 500);
         }
       }
     }
@@ -704,8 +768,8 @@ export async function open(place, params, context) {
     close() {
       leaving.abort();
       seen.disconnect();
-      showTestsSoon.cancel();
-      clearTimeout(testsTimer);
+      [rows, showEventsSoon, showAgentSoon].forEach((each) => each.cancel());
+      [testsTimer, orderTimer, countsTimer].forEach((timer) => clearTimeout(timer));
       clearInterval(ledgerTimer);
       offs.forEach((off) => off());
     },

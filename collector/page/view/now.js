@@ -9,7 +9,8 @@ import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
   from "../parts.js";
 
-const mostProblems = 3000, mostShown = 1000, mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
+const mostProblems = 3000, mostShown = 1000;
+const mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
 const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500;
 const states = ["problem", "silent", "unknown", "ok"];
 

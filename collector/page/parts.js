@@ -187,6 +187,25 @@ export async function busy(promise, place, text = "Loading") {
   }
 }
 
+/**
+ * @param {Function} fn what a button does
+ * @returns {Function} that does nothing while it is being done: a double click is one
+ */
+export function oneByOne(fn) {
+  let isDone = true;
+  return async (...given) => {
+    if (!isDone) {
+      return;
+    }
+    isDone = false;
+    try {
+      await fn(...given);
+    } finally {
+      isDone = true;
+    }
+  };
+}
+
 function whatFailed(problem) {
   switch (problem?.status) {
   case 0:

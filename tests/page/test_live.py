@@ -117,5 +117,32 @@ class Live(browser.TestCase):
         self.assertTrue(self.js("return window.hasSlept"))
 
 
+@harness.needs_namespaces
+class Back(browser.TestCase):
+    def test_an_agent_that_is_back(self):
+        """While an agent is silent its tests are listed as unknown. No event says what they are after that."""
+        place = Place(self, "web-1", fleet=FLEET + "      memory:   {memory: {free: 1 MB}}\n").settle(2)
+        self.begin_browser(place.collector.base)
+        self.sign_in_by_cookie(place.collector.token)
+        self.cdp("Page.addScriptToEvaluateOnNewDocument", source="""const ask = window.fetch;
+            window.fetch = async (...asked) => {
+              const answer = await ask(...asked);
+              if (!String(asked[0]).includes('/api/v1/tests?') || window.isBack) {
+                return answer;
+              }
+              const tests = await answer.json();
+              tests.items.forEach((test) => { test.state = 'unknown'; });
+              return Response.json(tests);
+            };""")
+        states = "[...document.querySelectorAll('.spark-item .badge')].map((each) => each.dataset.state).join()"
+        self.open("/agents/%d" % place.agent_id("web-1"))
+        self.wait_live()
+        self.wait(states + " === 'unknown,unknown'")
+        self.wait("document.querySelectorAll('.spark-line').length === 2", what="that all is read")
+        self.js("window.isBack = true")
+        place.hosts["web-1"].set_load(9.5)
+        self.wait(states + " === 'problem,ok'")
+
+
 if __name__ == "__main__":
     harness.main()

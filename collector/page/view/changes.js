@@ -4,7 +4,8 @@
 import { to } from "../base/address.js";
 import { oneLine, plural } from "../base/text.js";
 import { announce, fill, h } from "../dom.js";
-import { agentLink, busy, emptyState, failure, headed, message, table, timeElement } from "../parts.js";
+import { agentLink, busy, emptyState, failure, headed, message, oneByOne, table, timeElement }
+  from "../parts.js";
 
 const path = "/api/v1/changes";
 const filters = ["agent", "group", "test", "outcome", "revision"];
@@ -159,7 +160,7 @@ export async function open(place, params, { api, live, go }) {
   let next = null;
   let allTable = null;
   const more = h("p", { class: "more" }, h("button", {
-    type: "button", text: "Show more", on: { click: () => busy(readAll(next), more) },
+    type: "button", text: "Show more", on: { click: oneByOne(() => busy(readAll(next), more)) },
   }));
 
   async function readAll(behind = null) {
@@ -171,7 +172,8 @@ export async function open(place, params, { api, live, go }) {
       if (!isOpen || mine !== asks) {
         return;
       }
-      shown = behind ? [...shown, ...page.items] : page.items;
+      const known = new Set(behind ? shown.map(({ id }) => id) : []);
+      shown = [...behind ? shown : [], ...page.items.filter(({ id }) => !known.has(id))];
       next = page.next;
       showAll();
     } catch (problem) {

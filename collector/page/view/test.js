@@ -7,10 +7,10 @@ import * as curves from "../base/series.js";
 import { asTyped, clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
-import { announce, fill, h } from "../dom.js";
+import { announce, fill, h, inFrames, throttle } from "../dom.js";
 import {
-  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, setBadge, setTime, table,
-  timeElement,
+  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, oneByOne, setBadge, setTime,
+  table, timeElement,
 } from "../parts.js";
 
 const day = 86400000;
@@ -206,10 +206,12 @@ export async function open(place, params, context) {
     let timer = 0;
     stops.push(() => clearTimeout(timer));
     return () => {
-      clearTimeout(timer);
-      timer = setTimeout(() => isOpen && fn().catch(() => {
-        hasMissed = true; /* the connection tells of itself */
-      }), ms);
+      timer ||= setTimeout(() => {
+        timer = 0;
+        fn().catch(() => {
+          hasMissed = true; /* the connection tells of itself */
+        });
+      }, ms);
     };
   };
 
@@ -382,8 +384,11 @@ export async function open(place, params, context) {
     const drawn = chosen.length > 0 ? chosen : [...charts.keys()];
     for (const [name, chart] of charts) {
       if (!drawn.includes(name)) {
+        sight.unobserve(chart.element);
+        inSight.delete(chart.element);
         chart.close();
         charts.delete(name);
+        old.delete(name);
       }
     }
     showChoice(names, chosen);
@@ -399,19 +404,44 @@ export async function open(place, params, context) {
       if (!charts.has(name)) {
         const chart = createChart(plots, { label: curves.valueLabel(definition, name) });
         chart.onRange((wish) => move[wish.kind](wish));
+        sight.observe(chart.element);
         charts.set(name, chart);
       }
-      const data = curves.chartData(series, name);
-      charts.get(name).show({ ...data, rows: data.rows.concat(tails.get(name) ?? []) }, {
-        limits: isRate() && data.unit.endsWith("/s") ? [] : curves.limits(definition, name),
-        strip: states, from: range.from, to: range.to, unit: data.unit, words: i === drawn.length - 1,
-      });
+      old.set(name, { definition, states, words: i === drawn.length - 1 });
     });
     const inOrder = drawn.map((name) => charts.get(name).element);
     if (inOrder.some((element, i) => plots.children[i] !== element)) {
       plots.append(...inOrder);
     }
+    for (const name of drawn) {
+      drawing.add(name);
+    }
   }
+
+  /* Each curve is work: they are drawn one in a frame, and drawn again while they are in sight. */
+  const old = new Map(); /* by the name of the value: what it is to be drawn with */
+  const inSight = new Set(); /* their elements */
+  const wereDrawn = new WeakSet();
+  const drawing = inFrames((name) => {
+    const chart = charts.get(name), how = old.get(name);
+    if (!chart || !how || (wereDrawn.has(chart) && !inSight.has(chart.element))) {
+      return;
+    }
+    wereDrawn.add(chart);
+    old.delete(name);
+    const data = curves.chartData(series, name);
+    chart.show({ ...data, rows: data.rows.concat(tails.get(name) ?? []) }, {
+      limits: isRate() && data.unit.endsWith("/s") ? [] : curves.limits(how.definition, name),
+      strip: how.states, from: range.from, to: range.to, unit: data.unit, words: how.words,
+    });
+  });
+  const sight = new IntersectionObserver((entries) => {
+    for (const { target, isIntersecting } of entries) {
+      inSight[isIntersecting ? "add" : "delete"](target);
+    }
+    [...old.keys()].forEach((name) => drawing.add(name));
+  }, { rootMargin: "200px" });
+  stops.push(() => sight.disconnect(), drawing.cancel);
 
   async function readSeries() {
     clearTimeout(again);
@@ -467,6 +497,7 @@ export async function open(place, params, context) {
       readSeriesSoon();
       return;
     }
+    haveCurves = true;
     if (series.resolution === 0) {
       curves.appendResult(series, result, range.from);
     } else {
@@ -484,7 +515,6 @@ export async function open(place, params, context) {
         tailStrip.push({ from, to: time, state: result.state });
       }
     }
-    showCurves();
   }
 
   /* ---- results ---- */
@@ -518,14 +548,14 @@ export async function open(place, params, context) {
   const readResultsSoon = soon(1000, () => readResults());
 
   const more = h("p", { class: "more" }, h("button", {
-    type: "button", text: "Show more results", on: { click: () => {
+    type: "button", text: "Show more results", on: { click: oneByOne(async () => {
       mostShown += resultsAtOnce;
       if (shownResults.length < mostShown && nextResults) {
-        busy(readResults(nextResults), more);
+        await busy(readResults(nextResults), more);
       } else {
         showResults();
       }
-    } },
+    }) },
   }));
 
   function showResults() {
@@ -562,7 +592,8 @@ export async function open(place, params, context) {
   let nextEvents = null;
   const eventList = h("ol", { class: "timeline" });
   const moreEvents = h("p", { class: "more" }, h("button", {
-    type: "button", text: "Show more events", on: { click: () => busy(readEvents(nextEvents), moreEvents) },
+    type: "button", text: "Show more events",
+    on: { click: oneByOne(() => busy(readEvents(nextEvents), moreEvents)) },
   }));
 
   async function readEvents(next = null) {
@@ -571,7 +602,8 @@ export async function open(place, params, context) {
         query: { test: id, limit: eventsAtOnce, next }, signal: stop.signal,
       });
       if (isOpen) {
-        shownEvents = next ? [...shownEvents, ...page.items] : page.items;
+        const known = new Set(next ? shownEvents.map((each) => each.id) : []);
+        shownEvents = [...next ? shownEvents : [], ...page.items.filter((each) => !known.has(each.id))];
         nextEvents = page.next;
         showEvents();
       }
@@ -643,8 +675,6 @@ export async function open(place, params, context) {
         ...test, time: result.time, state: result.state, stale: undefined, status: result.status,
         message: result.message, values: result.values, since: isChange ? result.time : test.since,
       };
-      showHead();
-      showFacts();
       if (isChange || result.location !== test.definition?.location) {
         readTestSoon();
       }
@@ -666,19 +696,50 @@ export async function open(place, params, context) {
     if (shownResults.some((each) => keyOfResult(each) === keyOfResult(result))) {
       return;
     }
-    shownResults = [result, ...shownResults].sort((a, b) => Date.parse(b.time) - Date.parse(a.time));
+    const at = shownResults.findIndex(({ time }) => time <= result.time);
+    shownResults.splice(at < 0 ? shownResults.length : at, 0, result);
     if (shownResults.length > mostResults) {
       shownResults.length = mostResults;
       nextResults = null; /* it would go on behind those that were left out */
     }
-    showResults();
+    haveResults = true;
   }
+
+  /* However many came, what is seen changes once. While nobody looks nothing does. */
+  let haveResults = false;
+  let haveCurves = false;
+  const showNews = throttle(() => {
+    if (document.hidden) {
+      hasNews = true;
+      return;
+    }
+    hasNews = false;
+    showHead();
+    showFacts();
+    if (haveCurves) {
+      haveCurves = false;
+      showCurves();
+    }
+    if (haveResults) {
+      haveResults = false;
+      showResults();
+    }
+  });
+  let hasNews = false;
+  const looks = () => hasNews && showNews();
+  document.addEventListener("visibilitychange", looks);
+  stops.push(showNews.cancel, () => document.removeEventListener("visibilitychange", looks));
 
   function listen() {
     stops.push(
       live.want({ results: { agents: new Set(), tests: new Set([id]) } }),
-      live.on("result", (messages) => messages.filter(({ data }) => data.test?.id === id)
-        .forEach(({ data }) => takeResult(data))),
+      live.on("result", (messages) => {
+        const own = messages.filter(({ data }) => data.test?.id === id);
+        own.forEach(({ data }) => takeResult(data));
+        if (own.length > 0 && test) {
+          showNews();
+        }
+      }),
       live.on("event", (messages) => messages.forEach(({ data }) => {
         if (data.test?.id === id) {
           if (!shownEvents.some((each) => each.id === data.id)) {

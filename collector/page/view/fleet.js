@@ -7,7 +7,8 @@ import { to } from "../base/address.js";
 import { leftOut, makesDifference, sections, summary } from "../base/difference.js";
 import { clean, oneLine, plural } from "../base/text.js";
 import { announce, fill, h, throttle } from "../dom.js";
-import { busy, confirm, dialog, emptyState, fact, failure, headed, table, timeElement } from "../parts.js";
+import { busy, confirm, dialog, emptyState, fact, failure, headed, oneByOne, table, timeElement }
+  from "../parts.js";
 
 const path = "/api/v1/fleet";
 const yaml = "application/yaml";
@@ -601,7 +602,8 @@ export async function open(place, params, { api, live, me }) {
   const said = h("p", { class: "note", id: "fleet-said", role: "status" });
   const mistakes = h("div");
   const outcome = h("div", { class: "stack tight" });
-  const apply = h("button", { type: "button", class: "primary", text: "Apply…", on: { click: review } });
+  const apply = h("button", { type: "button", class: "primary", text: "Apply…",
+    on: { click: () => alone(review) } });
   const drop = discardButton();
 
   function showButtons() {
@@ -729,6 +731,8 @@ export async function open(place, params, { api, live, me }) {
 
   /* ---- applying ---- */
 
+  const alone = oneByOne((fn) => fn()); /* one dialog, however often one clicks before it is there */
+
   /* What is looked at is what is applied: the trial is made anew, and its revision goes with it. */
   async function review() {
     const text = editor.text;
@@ -834,14 +838,16 @@ export async function open(place, params, { api, live, me }) {
             { title: "About", wide: true, cell: (each) => oneLine(each.about, 300) },
             { title: "What to do", untitled: true, cell: (each) => (canRead && each.has_text
               ? h("div", { class: "row" },
-                button("Show", `Show revision ${each.revision}`, () => showRevision(each)),
+                button("Show", `Show revision ${each.revision}`, () => alone(() => showRevision(each))),
                 isReadOnly || each.revision === fleet.text_revision ? null
-                  : button("Bring back", `Bring back revision ${each.revision}`, () => bringBack(each)))
+                  : button("Bring back", `Bring back revision ${each.revision}`,
+                    () => alone(() => bringBack(each))))
               : null) },
           ],
         }),
       page.next ? h("p", { class: "more" }, h("button", {
-        type: "button", text: "Show more", on: { click: () => showRevisions(page.next, items) },
+        type: "button", text: "Show more",
+        on: { click: () => alone(() => showRevisions(page.next, items)) },
       })) : null);
   }
 

@@ -20,7 +20,7 @@ const stateOf = { unanswered: "problem", sent: "unknown", confirmed: "ok", impos
 const actions = {
   add: "added", change: "changed", rename: "renamed", remove: "removed", intervals: "intervals",
 };
-const openAtOnce = 200, allAtOnce = 50;
+const openAtOnce = 200, allAtOnce = 50, mostLive = 200, showEachMs = 500;
 const againAfterMs = 1500, againAtLeastMs = 5000;
 
 export const title = () => "Changes";
@@ -216,7 +216,9 @@ export async function open(place, params, { api, live, go }) {
   /* Whether a new one fits the filters is asked; with none all fit. */
   function take(messages) {
     const known = new Map(shown.map((each, i) => [each.id, i]));
+    const changed = new Map();
     const isKnownOpen = new Set(openOnes.map(({ id }) => id));
+    const before = shown.length;
     let isNew = false;
     for (const { data } of messages) {
       if (known.has(data.id)) {
@@ -227,23 +229,40 @@ export async function open(place, params, { api, live, go }) {
         isNew ||= wanted.size > 0;
       }
       if (isKnownOpen.has(data.id)) {
-        openOnes = data.outcome === "confirmed" ? openOnes.filter(({ id }) => id !== data.id)
-          : openOnes.map((each) => (each.id === data.id ? data : each));
+        changed.set(data.id, data);
       }
       if (data.outcome === "impossible") {
         announce(`${testName(data)} on ${oneLine(data.agent.name, 100)} cannot be.`);
       }
     }
     shown.sort((a, b) => b.id - a.id);
-    if (isNew && shown.length <= allAtOnce) {
+    if (changed.size > 0) {
+      openOnes = openOnes.map((each) => changed.get(each.id) ?? each)
+        .filter(({ outcome }) => outcome !== "confirmed");
+    }
+    came += shown.length - before;
+    hasNew ||= isNew;
+    showing ||= setTimeout(showNew, showEachMs);
+    readOpenSoon();
+  }
+
+  /* Of what came by itself the newest are kept; the list begins anew for older ones. */
+  let came = 0;
+  let hasNew = false;
+  let showing = 0;
+  stops.push(() => clearTimeout(showing));
+  function showNew() {
+    showing = 0;
+    if ((hasNew && shown.length <= allAtOnce) || (came > mostLive && shown.length > mostLive)) {
+      came = 0;
       readAll();
     } else {
       showAll();
     }
+    hasNew = false;
     if (openTable) {
       showOpen(openOnes.length >= openAtOnce);
     }
-    readOpenSoon();
   }
 
   stops.push(live.on("change", take), live.on("lost", () => {

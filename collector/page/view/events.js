@@ -12,6 +12,7 @@ const filters = ["state", "agent", "group", "type", "test", "q", "from", "to"];
 const states = ["problem", "unknown", "silent", "ok"];
 const types = ["network", "discovery", "process", "cpu", "disk", "memory", "ping", "http", "snmp",
   "load average", "snmp table", "mysql"];
+const mostLive = 1000, mostComing = 1000, showEachMs = 500;
 const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400;
 
 /* ---- times of the reader ---- */
@@ -76,7 +77,8 @@ export const title = () => "Events";
 export async function open(place, params, context) {
   const { api, live, model, go } = context;
   let query = wantedIn(params.query);
-  let known = new Map(), coming = []; /* shown, and those that wait behind the button */
+  let known = new Map(), coming = new Map(); /* shown, and those that wait behind the button, by id */
+  let came = 0, asIf = null; /* by themselves; a time from which older ones are asked for, without `next` */
   let next = null, request = null, isClosed = false, members = null;
   let unsaid = 0, saidAt = 0;
 
@@ -101,12 +103,10 @@ export async function open(place, params, context) {
     h("div", { class: `field ${kind}`.trim() }, h("label", { for: input.id, text: label }), input);
 
   /* An agent is called by its name where that is clear. */
+  const isWhole = (called) => !called || called.includes("/") || /^\d+$/.test(called);
   function agentTyped() {
     const text = agent.value.trim();
-    if (!text || text.includes("/") || /^\d+$/.test(text)) {
-      return text;
-    }
-    const found = [...model.agents.values()].filter((each) => each.name === text);
+    const found = isWhole(text) ? [] : agents.filter((each) => each.name === text);
     return found.length === 1 ? `${found[0].account}/${found[0].name}` : text;
   }
 
@@ -175,19 +175,29 @@ export async function open(place, params, context) {
   let typing = 0;
   const useSoon = () => {
     clearTimeout(typing);
-    typing = setTimeout(() => use(typed()), typedMs);
+    typing = setTimeout(useTyped, typedMs);
   };
 
-  /* Names to choose from, once somebody is about to. */
-  async function offerNames() {
-    if (agentNames.children.length > 0 || groupNames.children.length > 0) {
-      return;
+  async function useTyped() {
+    if (!isWhole(agent.value.trim())) {
+      await offerNames();
     }
-    let agents = [...model.agents.values()];
+    if (!isClosed) {
+      use(typed());
+    }
+  }
+
+  /* Names to choose from, once somebody is about to. */
+  let agents = [], offering = null;
+  const offerNames = () => (offering ??= readNames());
+
+  async function readNames() {
+    agents = [...model.agents.values()];
     if (agents.length === 0) {
       try {
-        agents = (await api.get("/api/v1/agents", { query: { limit: 1000 } })).items;
+        agents = await api.pages("/api/v1/agents", {}, { limit: 1000 });
       } catch { /* then they are typed */
+        offering = null;
         return;
       }
     }
@@ -200,9 +210,9 @@ export async function open(place, params, context) {
   const form = h("form", { class: "filters", role: "search", aria: { label: "Which events" }, on: {
     submit: (event) => {
       event.preventDefault();
-      use(typed());
+      useTyped();
     },
-    change: () => use(typed()),
+    change: useTyped,
     input: (event) => (event.target === q ? useSoon() : null),
   } },
   h("fieldset", { class: "field line" }, h("legend", { text: "Changes to" }), h("div", { class: "counts" },
@@ -243,16 +253,37 @@ export async function open(place, params, context) {
     }
   }
 
+  let showing = 0;
+  const showSoon = () => {
+    showing ||= setTimeout(show, showEachMs);
+  };
+
+  /* A page is open for weeks: of what came by itself the newest are kept, older ones are asked for again. */
+  function forget() {
+    const sorted = [...known.values()].sort(inOrder);
+    if (came > mostLive && sorted.length > mostLive) {
+      for (const { id } of sorted.splice(mostLive)) {
+        known.delete(id);
+      }
+      came = 0;
+      next = null;
+      asIf = sorted.at(-1).time;
+    }
+    return sorted;
+  }
+
   function show() {
+    clearTimeout(showing);
+    showing = 0;
     const byDay = new Map();
-    for (const event of [...known.values()].sort(inOrder)) {
+    for (const event of forget()) {
       const key = dayKey(event.time);
       if (!byDay.has(key)) {
         byDay.set(key, { key, events: [] });
       }
       byDay.get(key).events.push(event);
     }
-    fill(none, known.size > 0 || next !== null || request ? null : query.size > 0
+    fill(none, known.size > 0 || hasOlder() || request ? null : query.size > 0
       ? emptyState("No event is like that", "Take a filter away, or look at a longer time.",
       h("button", { type: "button",
         text: "Clear all filters", on: { click: () => use(new Map()) } }))
@@ -263,17 +294,25 @@ export async function open(place, params, context) {
     return keyed(days, byDay.values(), (day) => day.key, makeDay, updateDay);
   }
 
+  const hasOlder = () => next !== null || asIf !== null;
+
   function showMore() {
-    older.hidden = next === null;
-    moreSaid.textContent = known.size === 0 ? "" : next === null
+    older.hidden = !hasOlder();
+    moreSaid.textContent = known.size === 0 ? "" : !hasOlder()
       ? `${plural(known.size, "event")}. There are no older ones.`
       : plural(known.size, "event");
   }
 
   function showNew() {
-    if (coming.length > 0) {
-      fill(newOnes, h("button", { type: "button", class: "primary",
-        text: `Show ${plural(coming.length, "new event")}`,
+    if (coming.size > 0) {
+      const button = newOnes.querySelector("button");
+      const text = coming.size > mostComing ? `Show more than ${mostComing} new events`
+        : `Show ${plural(coming.size, "new event")}`;
+      if (button) {
+        button.textContent = text;
+        return;
+      }
+      fill(newOnes, h("button", { type: "button", class: "primary", text,
         on: { click: takeComing } }));
     } else {
       fill(newOnes, h("p", { class: "note", text: query.has("to") && Date.parse(query.get("to")) <= Date.now()
@@ -282,20 +321,29 @@ export async function open(place, params, context) {
   }
 
   function takeComing() {
-    for (const event of coming.splice(0)) {
-      known.set(event.id, event);
+    const isFar = coming.size > mostComing; /* not all of them are here */
+    for (const [id, event] of coming) {
+      known.set(id, event);
     }
+    came += coming.size;
+    coming.clear();
     showNew();
-    show();
+    if (isFar) {
+      begin();
+    } else {
+      show();
+    }
     window.scrollTo({ top: 0 });
-    days.querySelector("h2")?.focus({ preventScroll: true });
+    (days.querySelector("h2") ?? place.querySelector("h1"))?.focus({ preventScroll: true });
   }
 
   /* ---- reading ---- */
 
   async function page(signal, behind = null) {
     const asked = { ...Object.fromEntries(query), limit: atOnce };
-    if (behind !== null) {
+    if (behind?.to) { /* those of that second are asked for once more */
+      asked.to = apiTime(Date.parse(behind.to) + 1000);
+    } else if (behind !== null) {
       asked.next = behind;
     }
     return api.get(path, { query: asked, signal });
@@ -308,15 +356,16 @@ export async function open(place, params, context) {
       const answer = await page(signal, at);
       signal.throwIfAborted();
       for (const event of answer.items) {
+        count += known.has(event.id) ? 0 : 1;
         known.set(event.id, event);
       }
-      count += answer.items.length;
       at = answer.next;
       if (at === null || count >= atOnce / 2) {
         break;
       }
     }
     next = at;
+    asIf = null;
     return count;
   }
 
@@ -332,8 +381,9 @@ export async function open(place, params, context) {
     request?.abort();
     const mine = request = new AbortController();
     known = new Map();
-    coming = [];
-    next = null;
+    coming.clear();
+    came = 0;
+    next = asIf = null;
     fill(status);
     showNew();
     show();
@@ -363,10 +413,10 @@ export async function open(place, params, context) {
     older.disabled = true;
     fill(status);
     try {
-      const count = await busy(read(mine.signal, next), more, "Loading older events");
+      const count = await busy(read(mine.signal, asIf ? { to: asIf } : next), more, "Loading older events");
       if (request === mine) {
         request = null;
-        const isEnd = next === null;
+        const isEnd = !hasOlder();
         await show();
         announce(`${plural(count, "older event")}${isEnd ? ", the last ones" : ""}.`);
         if (isEnd) {
@@ -387,25 +437,31 @@ export async function open(place, params, context) {
 
   function isReading() {
     const chosen = document.getSelection();
-    return days.getBoundingClientRect().top < 0 || days.contains(document.activeElement)
+    const active = document.activeElement; /* a heading has it when new ones were shown */
+    return days.getBoundingClientRect().top < 0 || (days.contains(active) && active.matches("a,button"))
       || (chosen && !chosen.isCollapsed && days.contains(chosen.anchorNode));
   }
 
   function take(events) {
     const fresh = events.filter((event) => !known.has(event.id)
-      && !coming.some((each) => each.id === event.id)
+      && !coming.has(event.id)
       && isWanted(event, query, members));
     if (fresh.length === 0) {
       return;
     }
     if (isReading()) {
-      coming.push(...fresh);
+      for (const event of fresh) {
+        if (coming.size <= mostComing) {
+          coming.set(event.id, event);
+        }
+      }
       showNew();
     } else {
       for (const event of fresh) {
         known.set(event.id, event);
       }
-      show();
+      came += fresh.length;
+      showSoon();
     }
     unsaid += fresh.length;
     if (Date.now() - saidAt > announcedEachMs) {
@@ -472,6 +528,7 @@ export async function open(place, params, context) {
     close() {
       isClosed = true;
       clearTimeout(typing);
+      clearTimeout(showing);
       request?.abort();
       offs.forEach((off) => off());
     },

@@ -300,6 +300,8 @@ function onPopState(event) {
 
 /* ---- the line on top ---- */
 
+let awayTimer = 0, hasSaidAway = false, wasAway = false;
+
 function showTop() {
   const menu = at("menu"), who = at("who");
   menu.hidden = who.hidden = !me;
@@ -307,6 +309,8 @@ function showTop() {
     fill(menu);
     fill(who);
     showBanner(null);
+    clearTimeout(awayTimer); /* who is signed out knows it */
+    hasSaidAway = wasAway = false;
     return;
   }
   fill(menu, h("ul", null, screens.filter(([view]) => me.role === "admin" || !forAdmins.includes(view))
@@ -322,8 +326,6 @@ function showBanner(kind, ...content) {
   fill(at("banner"), kind ? h("div", { class: "banner", data: { kind } }, content) : null);
 }
 
-let awayTimer = 0, hasSaidAway = false;
-
 function showConnection(state) {
   const place = at("connection");
   if (!place) {
@@ -334,14 +336,14 @@ function showConnection(state) {
   const words = { connecting: "Connecting…", live: "Live", away: `Not connected since ${since}` };
   place.dataset.state = state.state;
   place.textContent = words[state.state];
-  if (state.state === "away") {
+  if (state.state === "away" && state.status !== 401) {
     /* A collector that only restarts is back by then. */
     awayTimer = setTimeout(() => {
       hasSaidAway = true;
       const text = state.status === 429
         ? "Too many streams are open with this token, so nothing new comes to this page; it is tried again."
-        : `The collector has not answered since ${since}. ` +
-          "What is shown is from then; the page goes on by itself.";
+        : `${state.status > 0 ? "Nothing new has come from the collector"
+          : "The collector has not answered"} since ${since}. What is shown is from then; the page goes on by itself.`;
       showBanner("away", text);
       announce(text);
     }, Math.max(0, state.since + awayShownAfter - Date.now()));
@@ -351,8 +353,6 @@ function showConnection(state) {
     announce("The collector answers again.");
   }
 }
-
-let wasAway = false;
 
 function onState(state) {
   showConnection(state);

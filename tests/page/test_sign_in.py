@@ -139,6 +139,26 @@ class SignIn(browser.TestCase):
         self.wait_heading("Sign in")
         self.wait_text("You are signed out")
 
+    def test_ended_by_somebody_else_while_nothing_is_done(self):
+        self.sign_in_by_cookie(self.collector.token)
+        self.open("/")
+        self.wait_live()
+        session = next(each["id"] for each in self.collector.get("/api/v1/tokens?limit=100")["items"]
+                       if each["kind"] == "session")
+        self.expect("/api/v1/.* - Failed to load resource: .* 401")
+        self.js("""new MutationObserver(() => { window.wasAway ||= document.querySelector('#banner .banner') !== null; })
+            .observe(document.getElementById('banner'), {childList: true});""")
+        self.assertEqual(self.collector.ask("/api/v1/tokens/%d" % session, "DELETE")[0], 204)
+        self.wait_heading("Sign in")
+        self.wait_text("You are signed out")
+        # A collector that is away is told of after 3 s: this one is not.
+        ended = self.js("return performance.now()")
+        self.wait("performance.now() > arguments[0] + 4000", ended)
+        self.find("#token").send_keys(self.collector.token, browser.Keys.ENTER)
+        self.wait_heading("Now")
+        self.wait_live()
+        self.assertFalse(self.js("return window.wasAway ?? false"))
+
     def test_viewer(self):
         self.sign_in_by_cookie(self.collector.add_token("looks only", "viewer"))
         self.open()

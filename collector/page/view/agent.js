@@ -370,7 +370,8 @@ export async function open(place, params, context) {
     const part = find.value.trim().toLowerCase();
     const all = [...tests.values()];
     const found = all.filter((test) => !part || [test.name, test.type, test.target, test.group].some((text) =>
-      (text ?? "").toLowerCase().includes(part))).sort((a, b) => byState(a, b) || order.get(a.id) - order.get(b.id));
+      (text ?? "").toLowerCase().includes(part)))
+      .sort((a, b) => byState(a, b) || order.get(a.id) - order.get(b.id));
     testsHeading.textContent = all.length > 0 ? plural(all.length, "test") : "Tests";
     findField.hidden = all.length < findFrom && !part;
     fill(noTests, found.length > 0 ? null : all.length > 0 ? emptyState("No test is like that",

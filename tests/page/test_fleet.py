@@ -125,6 +125,25 @@ class Fleet(browser.TestCase):
         self.click("dialog[open] button.danger")
         self.wait("document.getElementById('fleet-text').value === arguments[0]", FLEET)
 
+    def test_a_double_click_is_one(self):
+        self.apply_elsewhere("1m: 8", "1m: 7")
+        self.open("/fleet")
+        self.wait("document.getElementById('fleet-text')?.value.includes('1m: 7')")
+        self.find("button[aria-label='Show revision 1']")
+        self.js("const show = document.querySelector('button[aria-label=\"Show revision 1\"]');"
+                "show.click(); show.click();")
+        self.find("dialog[open]")
+        self.click("dialog[open] button", "Close")
+        self.wait("document.querySelectorAll('dialog').length === 0")
+        self.click("button[aria-label='Bring back revision 1']")
+        self.wait_text("1m 7 -> 8", "dialog[open] .difference")
+        self.click("dialog[open] button", "Cancel")
+        self.js("const apply = [...document.querySelectorAll('button')].find((each) => each.textContent === 'Apply…');"
+                "apply.click(); apply.click();")
+        self.find("dialog[open]")
+        self.click("dialog[open] button", "Cancel")
+        self.wait("document.querySelectorAll('dialog').length === 0")
+
     def test_bring_back(self):
         self.apply_elsewhere("1m: 8", "1m: 7")
         self.open("/fleet")

@@ -34,6 +34,21 @@ class Screens(browser.TestCase):
         self.wait("!document.getElementById('main').innerText.includes('nginx')")
         self.wait("location.search === '?q=db+memory' || location.search === '?q=db%20memory'")
 
+    def test_search_by_group_and_by_address(self):
+        found = "[...document.querySelectorAll('[aria-labelledby=now-found] .problem-title a')].map((each) => each.text)"
+        self.open("/?q=web%20servers%20memory")
+        self.wait(found + ".join() === 'memory'")
+        self.type("#now-q", "127.0.0.1 memory")
+        self.wait(found + ".join() === 'memory,memory'")
+
+    def test_events_of_an_agent_by_its_name(self):
+        self.open("/events")
+        self.wait("document.querySelectorAll('.event').length >= 5")
+        self.type("#events-agent", "web-1")
+        self.keys(browser.Keys.ENTER)
+        self.wait("location.search.includes('agent=') && document.querySelectorAll('.event').length === 3")
+        self.assertNotIn("no agent", self.text("#main"))
+
     def test_agent(self):
         self.open("/agents/%d" % self.place.agent_id("web-1"))
         self.wait_heading("web-1")

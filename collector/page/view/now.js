@@ -4,6 +4,7 @@
 import { to } from "../base/address.js";
 import { byTest, stateRank } from "../base/order.js";
 import { readProblems as problemsOf } from "../base/problems.js";
+import { testQueries } from "../base/search.js";
 import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
@@ -15,7 +16,6 @@ const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500
 const states = ["problem", "silent", "unknown", "ok"];
 
 const wordsOf = (text) => text.trim().toLowerCase().split(/\s+/).filter(Boolean);
-const longest = (words) => words.reduce((best, word) => (word.length > best.length ? word : best), "");
 
 function hasWords(words, ...texts) {
   const all = texts.map((text) => text ?? "").join(" ").toLowerCase();
@@ -214,8 +214,10 @@ export async function open(place, params, context) {
   let found = new Map(); /* tests that the collector found, by id */
   let foundAll = true, hits = [];
 
-  const isLike = (test) => hasWords(words, test.name, test.target, test.type, test.group, test.agent.name,
-    test.agent.account);
+  const isLike = ({ name, target, type, group, agent }) => {
+    const { address, groups = [] } = model.agents.get(agent.id) ?? {};
+    return hasWords(words, name, target, type, group, agent.name, agent.account, address, ...groups);
+  };
 
   function showFound() {
     const { agents, tests } = model.search(words);
@@ -245,21 +247,25 @@ export async function open(place, params, context) {
     fill(foundStatus);
     try {
       const items = [];
-      let next = null;
+      let isAll = true;
       /* The collector looks for one text; the other words are looked for here. */
-      for (let pages = 0; pages < 3; pages++) {
-        const answer = await api.get("/api/v1/tests",
-          { signal: mine.signal, query: { q: longest(words), limit: 300, next } });
-        items.push(...answer.items.filter(isLike));
-        next = answer.next;
-        if (next === null || items.length >= mostFound) {
-          break;
+      for (const query of testQueries(words, [...model.agents.values()])) {
+        let next = null;
+        for (let pages = 0; pages < 3 && items.length < mostFound; pages++) {
+          const answer = await api.get("/api/v1/tests",
+            { signal: mine.signal, query: { ...query, limit: 300, next } });
+          items.push(...answer.items.filter(isLike));
+          next = answer.next;
+          if (next === null) {
+            break;
+          }
         }
+        isAll &&= next === null;
       }
       if (asking === mine) {
         asking = null;
         found = new Map(items.map((test) => [test.id, test]));
-        foundAll = next === null;
+        foundAll = isAll && items.length < mostFound;
         showFound();
         clearTimeout(saying);
         saying = setTimeout(() => announce(hits.length === 0 ? "Nothing found."
@@ -422,6 +428,9 @@ export async function open(place, params, context) {
     }
     model.setAgents(all);
     hasAgents = changed.agents = true;
+    if (isFirst && words.length > 0) { /* their groups and addresses say what to ask for */
+      askForTests();
+    }
     await show();
   }
 

@@ -58,6 +58,10 @@ class Screens(browser.TestCase):
         for part in ("user@example.net", "127.0.0.1", "every host", "web servers", "nginx", "memory"):
             self.assertIn(part, text)
         self.wait_text("of the last day", "#main")
+        polls = "[...document.querySelectorAll('[aria-labelledby=agent-polls] time')].map((each) => each.dateTime)"
+        first = self.wait(polls + "[0]", what="the last polls")
+        self.wait(polls + "[0] > arguments[0]", first, what="one more")
+        self.assertRegex(self.text("[aria-labelledby=agent-polls]"), "[0-9]{2}:[0-9]{2}:[0-9]{2}\\s+[0-9]+ result")
         self.click("summary", "(")  # an inventory
         self.wait("[...document.querySelectorAll('details[open] li')].length > 0")
         self.click("a", "nginx")

@@ -3,9 +3,10 @@
  * change by events and values by results: a late result may say another state than the test has. */
 import { to } from "../base/address.js";
 import { byState, byTest, newestFirst } from "../base/order.js";
+import { Polls } from "../base/polls.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
-import { apiTime, clean, clock, number, oneLine, plural, stateWord } from "../base/text.js";
+import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
@@ -14,6 +15,7 @@ const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3
   onceLiveMs = 1500;
 const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
+const mostPolled = 20, resultsOfEach = 20; /* tests whose results say when polls came */
 const wholeAtOnce = 40, orderEachMs = 500; /* of rows */
 const hourMs = 3600000, dayHours = 24;
 
@@ -484,6 +486,46 @@ export async function open(place, params, context) {
     }
   }
 
+  /* ---- polls ---- */
+
+  const polls = new Polls();
+  const pollList = h("ol", { class: "stack tight", role: "list" }), pollNote = h("p", { class: "note" });
+  pollList.style.listStyle = "none";
+  let knowsBefore = false;
+
+  const showPolls = throttle(() => {
+    const all = polls.newest();
+    fill(pollList, all.map(({ received, results }) => h("li", { class: "spread note" },
+      h("time", { datetime: received, title: exact(received),
+        text: new Date(received).toLocaleTimeString("en-GB") }),
+      h("span", { text: plural(results, "result") }))));
+    pollList.hidden = all.length === 0;
+    pollNote.hidden = all.length > 0 && knowsBefore;
+    pollNote.textContent = all.length > 0 ? "Those that came since this page was opened."
+      : "The next one that brings results appears here.";
+  });
+
+  /* Of many tests that would be many requests: then those that come are listed. */
+  async function readPolls() {
+    polls.clear();
+    knowsBefore = false;
+    if (tests.size <= mostPolled) {
+      const lists = [];
+      for (const test of tests.keys()) {
+        try {
+          const { items: found, next } = await api.get(`/api/v1/tests/${test}/results`,
+            { signal, query: { limit: resultsOfEach } });
+          lists.push({ test, items: found, next });
+        } catch { /* those that come are listed all the same */
+          return;
+        }
+      }
+      polls.addLists(lists);
+      knowsBefore = true;
+    }
+    showPolls();
+  }
+
   /* ---- the ledger ---- */
 
   const ledgerStatus = h("div"), ledger = h("div", { class: "stack tight" });
@@ -596,6 +638,7 @@ export async function open(place, params, context) {
         continue;
       }
       polled = data.received > polled ? data.received : polled;
+      polls.add(data.test.id, data);
       const test = tests.get(data.test.id);
       if (!test) {
         readTestsSoon();
@@ -630,6 +673,7 @@ export async function open(place, params, context) {
       mark(test.id);
     }
     polledAt(polled);
+    showPolls();
   }
 
   const showEventsSoon = throttle(() => showEvents());
@@ -709,6 +753,7 @@ export async function open(place, params, context) {
         want(id);
       }
       readCurves();
+      readPolls();
       showLedger(await readLedger());
     } catch (problem) {
       if (!isOver()) {
@@ -738,6 +783,7 @@ export async function open(place, params, context) {
         findField, testStatus, noTests, list),
       h("div", { class: "stack" },
         section("agent-facts", "The agent", facts),
+        section("agent-polls", "Last polls", pollList, pollNote),
         section("agent-ledger", "Results of the last day", ledgerStatus, ledger),
         section("agent-inventory", "What its host has", inventory))),
     section("agent-events", "What happened", eventStatus, noEvents, eventList, h("p", { class: "more" },
@@ -758,7 +804,10 @@ export async function open(place, params, context) {
       showInventory();
       listen();
       readStanding();
-      part(testStatus, "tests", readTests, showTests);
+      part(testStatus, "tests", readTests, () => {
+        readPolls();
+        return showTests();
+      });
       part(ledgerStatus, "what is missing", readLedger, showLedger);
       part(eventStatus, "events", readEvents, showEvents);
     });
@@ -769,7 +818,7 @@ export async function open(place, params, context) {
     close() {
       leaving.abort();
       seen.disconnect();
-      [rows, showEventsSoon, showAgentSoon].forEach((each) => each.cancel());
+      [rows, showPolls, showEventsSoon, showAgentSoon].forEach((each) => each.cancel());
       [testsTimer, orderTimer, countsTimer].forEach((timer) => clearTimeout(timer));
       clearInterval(ledgerTimer);
       offs.forEach((off) => off());

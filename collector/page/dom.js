@@ -264,15 +264,18 @@ export function inFrames(each) {
   const waiting = new Set();
   const run = throttle(() => {
     const until = performance.now() + sliceMs;
-    for (const key of waiting) {
-      waiting.delete(key);
-      each(key);
-      if (performance.now() > until) {
-        break;
+    try {
+      for (const key of waiting) {
+        waiting.delete(key);
+        each(key);
+        if (performance.now() > until) {
+          break;
+        }
       }
-    }
-    if (waiting.size > 0) {
-      run();
+    } finally {
+      if (waiting.size > 0) {
+        run();
+      }
     }
   });
   return {

@@ -27,7 +27,8 @@ import { shortened } from "./text.js";
 const mostOfMessage = 2000;
 
 const isId = (id) => Number.isInteger(id) && id > 0;
-const isBad = (test) => test.state !== "ok";
+/* Not what is unknown without being stale: nothing has come of it, or its agent is silent. */
+const isBad = (test) => test.state === "problem" || (test.state === "unknown" && test.stale === true);
 const timeOf = (time) => (typeof time === "string" ? time : "");
 const later = (one, other) => (timeOf(one) >= timeOf(other) ? one : other);
 const cut = (message) => (typeof message === "string" ? shortened(message, mostOfMessage) : null);
@@ -157,7 +158,7 @@ const newTestNotes = () => ({
 export class Model {
   /** Read only. @type {Map<number, object>} */
   agents = new Map();
-  /** Those that are not ok, and those that are watched. Read only. @type {Map<number, object>} */
+  /** Those that are a problem or stale, and those that are watched. Read only. @type {Map<number, object>} */
   tests = new Map();
   /** Rises with each change. */
   version = 0;
@@ -203,8 +204,8 @@ export class Model {
   }
 
   /**
-   * All tests that are not ok, as GET /api/v1/tests?state=problem,unknown lists them. Others that are known
-   * are ok now and are forgotten; of those that are watched nothing is said.
+   * All tests that are wrong, as GET /api/v1/tests?state=problem,stale lists them. Others that are known
+   * are so no more and are forgotten; of those that are watched nothing is said.
    * @param {object[]} items
    * @returns {Changed}
    */
@@ -415,7 +416,7 @@ export class Model {
     notes.heard = this.#heard;
     notes.state = next.state;
     notes.since = timeOf(next.since);
-    if (!old && next.state === "ok") {
+    if (!old && !isBad(next)) {
       return;
     }
     const { account, name: agentName } = event.agent;

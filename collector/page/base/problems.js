@@ -1,51 +1,27 @@
-/* Asks the collector for all tests that are not ok, as long as they fit. It lists by agent, so the problems
- * are asked for first. All tests of a silent agent are unknown there, and the agent stands for them: they are
- * left out, so that they do not take the place of others. */
+/* Asks the collector for what is wrong, as long as it fits: problems first, then what has become stale. Other
+ * tests that are unknown are not wrong: nothing has come of them yet, no plan has them any more, or their
+ * agent is silent and stands for them. */
 
 const onePage = 1000;
-const mostAlone = 10; /* agents that are asked for one by one */
-const mostPages = 40;
 
 /**
  * @param {(query: object) => Promise<{items: object[], next: ?string}>} ask a page of GET /api/v1/tests
- * @param {() => Promise<Map<number, object>>|Map<number, object>} agents by id
  * @param {number} most tests
  * @returns {Promise<{items: object[], isMore: boolean}>} `isMore`: there are others
  */
-export async function readProblems(ask, agents, most) {
+export async function readProblems(ask, most) {
   const items = [];
-  let isMore = false;
-  let pages = 0;
-  const read = async (query, expected, isWanted = () => true) => {
+  for (const state of ["problem", "stale"]) {
     let next = null;
-    let found = 0;
     do {
-      const answer = await ask({ ...query, limit: onePage, next });
-      const wanted = answer.items.filter(isWanted);
-      found += wanted.length;
-      const fitting = wanted.slice(0, most - items.length);
+      const answer = await ask({ state, limit: Math.min(onePage, most - items.length || 1), next });
+      const fitting = answer.items.slice(0, most - items.length);
       items.push(...fitting);
       next = answer.next ?? null;
-      pages++;
-      isMore ||= fitting.length < wanted.length || (next !== null && found < expected
-        && (items.length >= most || pages >= mostPages));
-    } while (next !== null && !isMore && found < expected);
-  };
-  await read({ state: "problem" }, Infinity);
-  const all = await agents();
-  const unknown = [...all.values()].filter((each) => each.state !== "silent" && each.tests?.unknown > 0);
-  if (isMore || unknown.length === 0) {
-    return { items, isMore };
-  }
-  if (unknown.length <= mostAlone) {
-    for (const { id } of unknown) {
-      if (!isMore) {
-        await read({ agent: id, state: "unknown" }, Infinity);
+      if (items.length >= most && (next !== null || fitting.length < answer.items.length)) {
+        return { items, isMore: true };
       }
-    }
-  } else {
-    await read({ state: "unknown" }, unknown.reduce((sum, { tests }) => sum + tests.unknown, 0),
-      (test) => all.get(test.agent?.id)?.state !== "silent");
+    } while (next !== null);
   }
-  return { items, isMore };
+  return { items, isMore: false };
 }

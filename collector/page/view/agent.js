@@ -336,7 +336,7 @@ export async function open(place, params, context) {
     }
     item.isOld = false;
     const name = mainValue(test);
-    const version = `${test.time} ${test.since} ${test.state} ${test.stale} ${test.message} ${name}`;
+    const version = `${isNothing(test)} ${test.time} ${test.since} ${test.state} ${test.stale} ${test.message} ${name}`;
     if (item.version === version) {
       return;
     }
@@ -345,7 +345,8 @@ export async function open(place, params, context) {
     setBadge(item.badge, state);
     fill(item.since, state !== "ok" && test.since ? ["for ", timeElement(test.since, { as: "since" })]
       : null);
-    const said = state !== "ok" && test.message ? test.message : "";
+    const said = isNothing(test) ? "Nothing has come of it."
+      : state !== "ok" && test.message ? test.message : "";
     if (item.said !== said) {
       item.said = said;
       fill(item.message, said ? message(said) : null);
@@ -368,12 +369,15 @@ export async function open(place, params, context) {
     }
   }
 
+  /* Nothing has come of it yet, or it is in no plan any more. */
+  const isNothing = (test) => test.state === "unknown" && !test.stale && agent?.state !== "silent";
+
   function showTests() {
     const part = find.value.trim().toLowerCase();
     const all = [...tests.values()];
     const found = all.filter((test) => !part || [test.name, test.type, test.target, test.group].some((text) =>
       (text ?? "").toLowerCase().includes(part)))
-      .sort((a, b) => byState(a, b) || order.get(a.id) - order.get(b.id));
+      .sort((a, b) => isNothing(a) - isNothing(b) || byState(a, b) || order.get(a.id) - order.get(b.id));
     testsHeading.textContent = all.length > 0 ? plural(all.length, "test") : "Tests";
     findField.hidden = all.length < findFrom && !part;
     fill(noTests, found.length > 0 ? null : all.length > 0 ? emptyState("No test is like that",

@@ -403,7 +403,7 @@ export async function open(place, params, context) {
         return;
       }
       for (const id of ids) {
-        const items = await api.pages("/api/v1/tests", { agent: id, state: "problem,unknown" }, { signal });
+        const items = await api.pages("/api/v1/tests", { agent: id, state: "problem,stale" }, { signal });
         changed.tests ||= model.addProblems(items).tests.size > 0;
       }
       if (!isOver() && changed.tests) {
@@ -434,9 +434,9 @@ export async function open(place, params, context) {
     await show();
   }
 
-  async function readProblems(agentsRead) {
+  async function readProblems() {
     const { items, isMore } = await problemsOf((query) => api.get("/api/v1/tests", { query, signal }),
-      () => agentsRead?.then(() => model.agents) ?? model.agents, mostProblems);
+      mostProblems);
     if (isOver()) {
       return;
     }
@@ -456,9 +456,7 @@ export async function open(place, params, context) {
     fill(status);
     reading = true;
     try {
-      const agentsRead = readAgents();
-      await busy(Promise.all([agentsRead, readProblems(agentsRead)]), status,
-        "Loading agents and what is wrong");
+      await busy(Promise.all([readAgents(), readProblems()]), status, "Loading agents and what is wrong");
     } catch (problem) {
       if (!isOver()) {
         fill(status, failure(problem, load));

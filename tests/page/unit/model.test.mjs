@@ -160,7 +160,8 @@ test("the worst first, of each the newest", () => {
     since: at(20) }));
   model.setProblems([
     aTest(1, 1, { since: at(1) }), aTest(2, 1, { since: at(3) }), aTest(3, 1, { since: null }), aTest(4, 1,
-      { state: "unknown", since: at(99) }),
+      { state: "unknown", stale: true, since: at(99) }),
+    aTest(7, 1, { state: "unknown", since: at(99) }), /* nothing has come of it */
     aTest(5, 1, { since: at(3) }), aTest(6, 2, { since: at(500) }),
   ]);
   assert.deepEqual(keys(model), ["agent-3", "agent-2", "test-2", "test-5", "test-1", "test-3", "test-4"]);
@@ -219,7 +220,7 @@ test("after something was lost lists count alone", () => {
   assert.equal(model.tests.size, 0);
   model.takeMessage(event(1, 12, "ok", "problem", 300));
   model.takeMessage({ kind: "lost" });
-  model.setProblems([aTest(12, 1, { since: at(100), state: "unknown" })]);
+  model.setProblems([aTest(12, 1, { since: at(100), state: "unknown", stale: true })]);
   assert.equal(model.tests.get(12).state, "unknown");
 });
 

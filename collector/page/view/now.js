@@ -12,7 +12,7 @@ import { agentLink, badge, busy, emptyState, failure, message, testLink, timeEle
 
 const mostProblems = 3000, mostShown = 1000;
 const mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
-const newSaidEachMs = 5000, againMs = 1000, mostAskedOne = 10, onceLiveMs = 1500;
+const newSaidEachMs = 5000, againMs = 1000, againEachMs = 5000, mostAskedOne = 10, onceLiveMs = 1500;
 const states = ["problem", "silent", "unknown", "ok"];
 
 const wordsOf = (text) => text.trim().toLowerCase().split(/\s+/).filter(Boolean);
@@ -394,7 +394,6 @@ export async function open(place, params, context) {
   let againTimer = 0;
 
   async function askAgain() {
-    againTimer = 0;
     const ids = [...again];
     again.clear();
     try {
@@ -409,7 +408,17 @@ export async function open(place, params, context) {
       if (!isOver() && changed.tests) {
         showSoon();
       }
-    } catch { /* the stream says what changes next; a list that is lost is said elsewhere */ }
+    } catch {
+      ids.forEach((id) => again.add(id));
+    } finally {
+      againTimer = isOver() ? 0 : setTimeout(() => {
+        if (again.size > 0) {
+          askAgain();
+        } else {
+          againTimer = 0;
+        }
+      }, againEachMs);
+    }
   }
 
   /* ---- reading ---- */

@@ -525,7 +525,9 @@ export async function open(place, params, context) {
   let resultsTable = null;
   const keyOfResult = (result) => `${result.time} ${result.received ?? ""} ${result.message?.length ?? 0}`;
 
+  let resultsAsked = 0; /* an answer that another question has overtaken is nobody's business */
   async function readResults(next = null) {
+    const mine = ++resultsAsked;
     try {
       const page = await api.get(`${path}/results`, {
         query: {
@@ -533,14 +535,14 @@ export async function open(place, params, context) {
         },
         signal: stop.signal,
       });
-      if (isOpen) {
+      if (isOpen && mine === resultsAsked) {
         shownResults = next ? [...shownResults, ...page.items] : page.items;
         nextResults = page.next;
         mostShown = next ? mostShown : resultsAtOnce;
         showResults();
       }
     } catch (problem) {
-      if (isOpen) {
+      if (isOpen && mine === resultsAsked) {
         notRead(results, "test-results", "Results", problem, () => readResults(next), resultsTable !== null);
       }
     }
@@ -596,19 +598,21 @@ export async function open(place, params, context) {
     on: { click: oneByOne(() => busy(readEvents(nextEvents), moreEvents)) },
   }));
 
+  let eventsAsked = 0;
   async function readEvents(next = null) {
+    const mine = ++eventsAsked;
     try {
       const page = await api.get("/api/v1/events", {
         query: { test: id, limit: eventsAtOnce, next }, signal: stop.signal,
       });
-      if (isOpen) {
+      if (isOpen && mine === eventsAsked) {
         const known = new Set(next ? shownEvents.map((each) => each.id) : []);
         shownEvents = [...next ? shownEvents : [], ...page.items.filter((each) => !known.has(each.id))];
         nextEvents = page.next;
         showEvents();
       }
     } catch (problem) {
-      if (isOpen) {
+      if (isOpen && mine === eventsAsked) {
         notRead(events, "test-events", "Events", problem, () => readEvents(next), shownEvents.length > 0);
       }
     }

@@ -75,6 +75,16 @@ std::optional<uint64_t> event_hub::position_of(std::string_view id) const {
     return static_cast<uint64_t>(*position);
 }
 
+bool hub_filter::lets_through(const hub_message& message) const {
+    if ((static_cast<uint8_t>(message.kind) & kinds) == 0 ||
+        (agent != 0 && agent != message.agent) || (test != 0 && test != message.test)) {
+        return false;
+    }
+    return message.kind != hub_kind::result || (result_agents.empty() && result_tests.empty()) ||
+           std::ranges::binary_search(result_agents, message.agent) ||
+           std::ranges::binary_search(result_tests, message.test);
+}
+
 void event_hub::read(uint64_t& position, const hub_filter& which, size_t most_bytes,
                      std::vector<hub_message>& found, bool& lost) const {
     found.clear();
@@ -90,9 +100,7 @@ void event_hub::read(uint64_t& position, const hub_filter& which, size_t most_by
     while (position < newest_ && bytes < most_bytes) {
         const hub_message& next = ring_[static_cast<size_t>(position - before_ring)];
         position++;
-        if ((static_cast<uint8_t>(next.kind) & which.kinds) != 0 &&
-            (which.agent == 0 || which.agent == next.agent) &&
-            (which.test == 0 || which.test == next.test)) {
+        if (which.lets_through(next)) {
             bytes += next.json->size();
             found.push_back(next);
         }

@@ -29,6 +29,11 @@ struct hub_message {
 struct hub_filter {
     uint8_t kinds = 15;          /* of hub_kind */
     int64_t agent = 0, test = 0; /* 0: all */
+    /* Results only of these, of either: ids that rise. Both empty: of all. */
+    std::vector<int64_t> result_agents = {}, result_tests = {};
+
+    bool lets_through(const hub_message& message) const;
+    bool operator==(const hub_filter&) const = default;
 };
 
 class event_hub {

@@ -443,6 +443,8 @@ hub_filter stream_filter(std::string_view target, api_request& asked, api_servic
         add("agent", hub_kind::agent);
         add("change", hub_kind::change);
     }
+    which.result_agents = ids_of(asked, "result_agent");
+    which.result_tests = ids_of(asked, "result_test");
     which.test = number_or(asked, "test", 0);
     if (asked.parameter("agent") != nullptr || which.test != 0) {
         reader_pool::lent store = with.stored.lend(asked.deadline);

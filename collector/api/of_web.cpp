@@ -12,6 +12,15 @@ const parameter_def stream_parameters[] = {
      .kind = parameter_kind::choice,
      .text = "Only messages of these kinds.",
      .choices = "result|event|agent|change",
+     .many = true},
+    {.name = "result_agent",
+     .kind = parameter_kind::id,
+     .text = "Results only of these agents; everything else is of all. With `result_test`: of "
+             "either.",
+     .many = true},
+    {.name = "result_test",
+     .kind = parameter_kind::id,
+     .text = "Results only of these tests, likewise.",
      .many = true}};
 
 const route rows[] = {

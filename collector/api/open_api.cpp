@@ -25,18 +25,23 @@ json::array words_of(std::string_view choices) {
     return words;
 }
 
+json::object array_of(json::object&& one) {
+    return {{"type", "array"}, {"items", std::move(one)}};
+}
+
 json::object schema_of(const parameter_def& parameter) {
     switch (parameter.kind) {
     case parameter_kind::number:
         return {{"type", "integer"}, {"minimum", parameter.least}, {"maximum", parameter.most}};
-    case parameter_kind::id:
-        return {{"type", "integer"}, {"minimum", 1}};
+    case parameter_kind::id: {
+        json::object one{{"type", "integer"}, {"minimum", 1}};
+        return parameter.many ? array_of(std::move(one)) : std::move(one);
+    }
     case parameter_kind::time:
         return {{"type", "string"}, {"format", "date-time"}};
     case parameter_kind::choice: {
         json::object one{{"type", "string"}, {"enum", words_of(parameter.choices)}};
-        return parameter.many ? json::object{{"type", "array"}, {"items", std::move(one)}}
-                              : std::move(one);
+        return parameter.many ? array_of(std::move(one)) : std::move(one);
     }
     case parameter_kind::flag:
         return {{"type", "boolean"}};

@@ -14,6 +14,17 @@ int64_t number_or(const api_request& asked, std::string_view name, int64_t other
     return text != nullptr ? read_integer(*text).value_or(otherwise) : otherwise;
 }
 
+std::vector<int64_t> ids_of(const api_request& asked, std::string_view name) {
+    std::vector<int64_t> ids;
+    const std::string* text = asked.parameter(name);
+    for (size_t begin = 0, end; text != nullptr && begin <= text->size(); begin = end + 1) {
+        end = std::min(text->find(',', begin), text->size());
+        ids.push_back(read_integer(std::string_view(*text).substr(begin, end - begin)).value_or(0));
+    }
+    std::ranges::sort(ids);
+    return ids;
+}
+
 std::optional<int64_t> time_of(const api_request& asked, std::string_view name) {
     const std::string* text = asked.parameter(name);
     return text != nullptr ? read_time(*text) : std::nullopt;

@@ -54,6 +54,9 @@ void check_span(int64_t from, int64_t to);
 bool is_set(const api_request& asked, std::string_view flag);
 std::string text_of(const api_request& asked, std::string_view name);
 
+/* Of several with commas between; they rise. Empty when it is not given. */
+std::vector<int64_t> ids_of(const api_request& asked, std::string_view name);
+
 /* The words of a choice; all there are when it is not given. */
 class chosen {
 public:

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr size_t max_text = 1000;
+constexpr int64_t max_ids = 100;
 
 /* ---- paths ---- */
 
@@ -129,6 +130,16 @@ void check_number(const parameter_def& known, std::string_view value, int64_t le
     }
 }
 
+void check_ids(const parameter_def& known, std::string_view value) {
+    if (std::ranges::count(value, ',') >= max_ids) {
+        throw_wrong(known, value, "up to " + std::to_string(max_ids) + " ids with commas between");
+    }
+    for (size_t begin = 0, end; begin <= value.size(); begin = end + 1) {
+        end = std::min(value.find(',', begin), value.size());
+        check_number(known, value.substr(begin, end - begin), 1, INT64_MAX);
+    }
+}
+
 void check_value(const parameter_def& known, std::string_view value) {
     switch (known.kind) {
     case parameter_kind::text:
@@ -142,7 +153,11 @@ void check_value(const parameter_def& known, std::string_view value) {
         check_number(known, value, known.least, known.most);
         break;
     case parameter_kind::id:
-        check_number(known, value, 1, INT64_MAX);
+        if (known.many) {
+            check_ids(known, value);
+        } else {
+            check_number(known, value, 1, INT64_MAX);
+        }
         break;
     case parameter_kind::time:
         if (!read_time(value)) {

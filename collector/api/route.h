@@ -17,7 +17,7 @@
 enum class parameter_kind : uint8_t {
     text,   /* up to 1,000 bytes of UTF-8 without control characters */
     number, /* a whole number from `least` to `most` */
-    id,     /* a whole number above 0 */
+    id,     /* a whole number above 0, or up to 100 with commas between when `many` */
     time,   /* RFC 3339: "2026-05-01T12:00:00Z", with an offset too; fractions are cut off */
     choice, /* one of the words of `choices`, or several with commas between when `many` */
     flag,   /* 0, 1, true, false; given without a value: true */

@@ -22,10 +22,6 @@ const char* word_of(hub_kind kind) {
     return "";
 }
 
-bool same(const hub_filter& a, const hub_filter& b) {
-    return a.kinds == b.kinds && a.agent == b.agent && a.test == b.test;
-}
-
 } // namespace
 
 std::string stream_source::greeting(uint64_t position, bool lost) const {
@@ -71,7 +67,7 @@ std::shared_ptr<const stream_piece> stream_source::next(uint64_t position, const
         next_made_ = 0;
     }
     auto found = std::find_if(made_.begin(), made_.end(), [&](const made& m) {
-        return m.from == position && same(m.which, which);
+        return m.from == position && m.which == which;
     });
     if (found != made_.end()) {
         return found->piece;

@@ -90,6 +90,16 @@ TEST_F(event_hub_test, filters) {
     EXPECT_EQ(read_all({.test = 10}), "1 2 ");
     EXPECT_EQ(read_all({.kinds = 2, .agent = 1, .test = 10}), "2 ");
     EXPECT_EQ(read_all({.agent = 3}), "");
+    publish(hub, 1, hub_kind::result, 3, 30);
+    auto results = [&](std::vector<int64_t> agents, std::vector<int64_t> tests) {
+        uint64_t position = 0;
+        return read(hub, position,
+                    {.result_agents = std::move(agents), .result_tests = std::move(tests)});
+    };
+    EXPECT_EQ(results({3}, {}), "2 3 4 5 ") << "what is no result is of all";
+    EXPECT_EQ(results({}, {10}), "1 2 3 4 ");
+    EXPECT_EQ(results({1, 2}, {7, 30}), "1 2 3 4 5 ");
+    EXPECT_EQ(results({2}, {11}), "2 3 4 ");
 }
 
 TEST_F(event_hub_test, a_ring_of_bounded_size) {
@@ -394,6 +404,22 @@ TEST_F(live_test, the_streams_filter) {
     EXPECT_EQ(filter(path + "?kind=event,agent"), "6 0 0");
     EXPECT_EQ(filter(path + "?agent=a@b.c%2Fweb-1&kind=result"), "1 1 0");
     EXPECT_EQ(filter(path + "?test=1&agent=1"), "15 1 1");
+    auto results = [&](const std::string& query) {
+        api_request asked;
+        asked.who.may = role::viewer;
+        hub_filter which = stream_filter(path + query, asked, *with);
+        EXPECT_EQ(which.kinds, 15);
+        return std::pair(which.result_agents, which.result_tests);
+    };
+    using ids = std::vector<int64_t>;
+    EXPECT_EQ(results(""), std::pair(ids{}, ids{}));
+    EXPECT_EQ(results("?result_agent=30,2&result_test=7"), std::pair(ids({2, 30}), ids{7}))
+        << "of what is not there, too: it may come";
+    std::string hundred = "?result_test=1";
+    for (int i = 2; i <= 100; i++) {
+        hundred += "," + std::to_string(i);
+    }
+    EXPECT_EQ(results(hundred).second.size(), 100u);
     auto status = [&](const std::string& target, role may = role::viewer) {
         try {
             filter(target, may);
@@ -407,6 +433,11 @@ TEST_F(live_test, the_streams_filter) {
     EXPECT_EQ(status(path + "?x"), 400);
     EXPECT_EQ(status(path + "?agent=7"), 404);
     EXPECT_EQ(status(path + "?test=7"), 404);
+    for (const char* no :
+         {"", "0", "-1", "x", "1,", ",1", "1,,2", "1 2", "1.5", "99999999999999999999"}) {
+        EXPECT_EQ(status(path + "?result_agent=" + no), 400) << no;
+    }
+    EXPECT_EQ(status(path + hundred + ",101"), 400);
 }
 
 /* ---- readers that are lent, changes that are waited for ---- */

@@ -223,7 +223,7 @@ const row rows[] = {
      0, 65535},
     {"port-file", "FILE", set_text<&options::port_file>, "write the port to FILE once it is open"},
     {"web", "ADDRESS:PORT", set_web,
-     "where the API is ({}); with port 0 a\n"
+     "where page and API are ({}); with port 0 a\n"
      "free one; over TLS unless it is loopback; off: nowhere",
      "127.0.0.1:8080", 0, 0, bit_of(task::collect) | bit_of(task::make_link)},
     {"web-port-file", "FILE", set_text<&options::web_port_file>,

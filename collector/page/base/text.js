@@ -116,6 +116,11 @@ export function axisNumber(value, unit, step, top) {
   return withUnit(/^-[0.]*$/.test(text) ? text.slice(1) : text, ladder[i][0]);
 }
 
+/** @returns {string} of a count: "1,500" */
+export function whole(count) {
+  return String(Number.isFinite(count) ? Math.trunc(count) : 0).replace(/\B(?=(\d{3})+$)/g, ",");
+}
+
 /**
  * @param {number} count
  * @param {string} one "test"

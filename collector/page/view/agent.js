@@ -2,17 +2,18 @@
  * what it found on its host. Curves are asked for as they come into view, a few at a time. States
  * change by events and values by results: a late result may say another state than the test has. */
 import { to } from "../base/address.js";
+import { Heard } from "../base/heard.js";
 import { byState, byTest, newestFirst } from "../base/order.js";
 import { Polls } from "../base/polls.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
-import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord } from "../base/text.js";
+import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
 
 const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
-  onceLiveMs = 1500;
+  onceLiveMs = 1500, curvesAgainMs = 10000;
 const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
 const mostPolled = 20, resultsOfEach = 20; /* tests whose results say when polls came */
@@ -186,10 +187,17 @@ export async function open(place, params, context) {
     }
   }
 
+  let agentAsked = 0, agentSaid = -1; /* by the stream: after which question */
+
   async function readAgent() {
+    const mine = ++agentAsked;
     const found = await api.get(own, { signal });
     const was = agent;
     agent = found;
+    if (agentSaid >= mine) {
+      const { state, stale, since, tests: counts, retired } = was;
+      Object.assign(agent, { state, stale, since, tests: counts, retired });
+    }
     if (was && was.last_poll > agent.last_poll) {
       agent.last_poll = was.last_poll;
     }
@@ -399,13 +407,17 @@ export async function open(place, params, context) {
     }, orderEachMs);
   }
 
+  const heard = new Heard();
+
   async function readTests() {
+    const asked = heard.ask();
     const found = await api.pages("/api/v1/tests", { agent: called }, { limit: 1000, signal });
-    order = new Map(found.slice().sort(byTest).map((test, i) => [test.id, i]));
-    tests = new Map(found.map((test) => {
-      const { time, status, message: said, values } = tests.get(test.id) ?? {};
-      return [test.id, time > test.time ? { ...test, time, status, message: said, values } : test];
-    }));
+    const all = heard.answer(asked, found, tests);
+    if (!all) {
+      return;
+    }
+    order = new Map(all.slice().sort(byTest).map((test, i) => [test.id, i]));
+    tests = new Map(all.map((test) => [test.id, test]));
     for (const id of items.keys()) {
       if (!tests.has(id)) {
         seen.unobserve(items.get(id).element);
@@ -447,6 +459,14 @@ export async function open(place, params, context) {
     }
   }
 
+  let curvesTimer = 0;
+  function wantSeen() {
+    clearTimeout(curvesTimer);
+    curvesTimer = 0;
+    [...items.keys()].forEach(want);
+    readCurves();
+  }
+
   function readCurves() {
     while (reading < curvesAtOnce && wanted.size > 0 && !isOver()) {
       const [id] = wanted;
@@ -475,7 +495,11 @@ export async function open(place, params, context) {
     } catch (problem) {
       if (!isOver()) {
         item.curveElement?.setAttribute("aria-label", "The curve could not be read");
-        item.isRead = problem?.status !== 0; /* asked for again when it is back */
+        /* Asked for again when the collector is back, or well. */
+        item.isRead = problem?.status > 0 && problem.status !== 429 && problem.status < 500;
+        if (!item.isRead && live.state.state === "live") {
+          curvesTimer ||= setTimeout(wantSeen, curvesAgainMs);
+        }
       }
     } finally {
       item.isAsked = false;
@@ -543,12 +567,12 @@ export async function open(place, params, context) {
       sum.repeated += hour.repeated;
     }
     const inWords = (hour) => `${clock(hour.hour)}: ${hour.missing > 0
-      ? `${number(hour.missing)} of ${plural(hour.expected, "result")} missing`
+      ? `${whole(hour.missing)} of ${plural(hour.expected, "result")} missing`
       : `all of ${plural(hour.expected, "result")}`}`;
     const sentence = sum.expected === 0 ? "No result was expected in the last day."
       : sum.missing === 0 && sum.expected === 1 ? "The only result of the last day came."
       : sum.missing === 0 ? `All ${plural(sum.expected, "result")} of the last day came.`
-      : `Of ${plural(sum.expected, "result")} of the last day ${sum.missing} `
+      : `Of ${plural(sum.expected, "result")} of the last day ${whole(sum.missing)} `
         + `${sum.missing === 1 ? "is" : "are"} missing.`;
     const cells = hours.filter((hour) => hour.expected > 0 && Date.parse(hour.hour) >= begin).map((hour) =>
       svg("rect", { x: (Date.parse(hour.hour) - begin) / hourMs + 0.03, y: 0, width: 0.94, height: 1,
@@ -558,9 +582,10 @@ export async function open(place, params, context) {
     fill(ledger, h("p", { text: sentence }),
       svg("svg", { class: "strip", viewBox: `0 0 ${dayHours} 1`, preserveAspectRatio: "none", role: "img",
         "aria-label": `The last 24 hours. ${sentence}` }, cells),
-      h("p", { class: "spread note" }, h("span", null, clock(begin)), h("span", { text: "now" })),
+      h("p", { class: "spread note" }, h("span", { title: exact(begin), text: clock(begin) }), h("span", { text: "now" })),
       worst.length > 0
-        ? plainList(worst.slice(-most).map((hour) => h("li", { class: "note", text: inWords(hour) }))) : null,
+        ? plainList(worst.slice(-most).map((hour) => h("li", { class: "note",
+          title: exact(hour.hour), text: inWords(hour) }))) : null,
       worst.length > most
         ? h("p", { class: "note", text: `And ${plural(worst.length - most, "hour")} before.` }) : null,
       sum.missing > 0 ? h("p", { class: "note", text: "Missing is what was never measured or has not arrived "
@@ -591,7 +616,8 @@ export async function open(place, params, context) {
   }
 
   async function readEvents() {
-    events = (await api.get("/api/v1/events", { query: { agent: called, limit: mostEvents }, signal })).items;
+    const found = await api.get("/api/v1/events", { query: { agent: called, limit: mostEvents }, signal });
+    events = [...events, ...found.items];
   }
 
   /* ---- the inventory ---- */
@@ -693,6 +719,9 @@ export async function open(place, params, context) {
       known.add(data.id);
       isOther = true;
       const test = data.test ? tests.get(data.test.id) : null;
+      if (data.test) {
+        heard.say(data.test.id, data);
+      }
       if (data.test && !test) {
         readTestsSoon();
       } else if (test && !(Date.parse(data.time) < Date.parse(test.since))) {
@@ -729,6 +758,7 @@ export async function open(place, params, context) {
   function takeAgents(messages) {
     for (const { data } of messages) {
       if (agent && data.id === agent.id) {
+        agentSaid = agentAsked;
         const { state, stale, since, tests: counts, retired } = data;
         const isOther = state !== agent.state || stale !== agent.stale || retired !== agent.retired
           || since !== agent.since || JSON.stringify(counts) !== JSON.stringify(agent.tests);
@@ -772,7 +802,8 @@ export async function open(place, params, context) {
   function listen() {
     offs.push(live.want({ results: { agents: new Set([agent.id]), tests: new Set() } }),
       live.on("result", takeResults), live.on("event", takeEvents), live.on("agent", takeAgents),
-      live.on("lost", readAgain), live.onFirstLive(readAgain, onceLiveMs));
+      live.on("lost", readAgain), live.onFirstLive(readAgain, onceLiveMs),
+      live.onState(({ state }) => (state === "live" ? wantSeen() : null)));
     ledgerTimer = setInterval(() => (document.hidden ? null
       : readLedger().then((hours) => (isOver() ? null : showLedger(hours))).catch(() => null)), 5 * 60000);
   }
@@ -823,7 +854,7 @@ export async function open(place, params, context) {
       leaving.abort();
       seen.disconnect();
       [rows, showPolls, showEventsSoon, showAgentSoon].forEach((each) => each.cancel());
-      [testsTimer, orderTimer, countsTimer].forEach((timer) => clearTimeout(timer));
+      [testsTimer, orderTimer, countsTimer, curvesTimer].forEach((timer) => clearTimeout(timer));
       clearInterval(ledgerTimer);
       offs.forEach((off) => off());
     },

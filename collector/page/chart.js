@@ -251,6 +251,7 @@ export function createChart(place, { label }) {
   }
 
   function sayRest() {
+    reading.title = "";
     reading.textContent = extent ? extentText() : "no values in this time";
   }
 
@@ -262,7 +263,9 @@ export function createChart(place, { label }) {
     }
     const [lowest, mean, highest] = values;
     const around = lowest === highest ? "" : `, from ${valueText(lowest)} to ${valueText(highest)}`;
-    reading.textContent = `${clock(iso(ms(time)))}: ${valueText(mean)}${around}`;
+    reading.textContent = `${clock(time)}:${String(new Date(ms(time)).getSeconds()).padStart(2, "0")}: `
+      + `${valueText(mean)}${around}`;
+    reading.title = exact(time);
   }
 
   /* Limits that are out of sight say on which side they are. */
@@ -337,8 +340,18 @@ export function createChart(place, { label }) {
         }));
       }
     }
-    fill(strip, patterns(), ...parts);
+    fill(strip, stripTitle, patterns(), ...parts);
   }
+
+  /* There may be hundreds of states: the one below the pointer says its times. */
+  const stripTitle = svg("title");
+  strip.addEventListener("pointermove", (event) => {
+    const area = graph?.getArea();
+    const x = event.clientX - strip.getBoundingClientRect().left;
+    const time = area ? shown.from + (x - area.x) / area.w * (shown.to - shown.from) : NaN;
+    const part = shown?.strip.findLast(({ from, to }) => ms(from) <= time && time <= ms(to));
+    stripTitle.textContent = part ? `${part.state} from ${exact(ms(part.from))} to ${exact(ms(part.to))}` : "";
+  });
 
   function sayStrip() {
     const seconds = new Map();
@@ -355,7 +368,7 @@ export function createChart(place, { label }) {
     strip.setAttribute("aria-label", `States: ${[...texts, newest].filter(Boolean).join(", ") || "none"}`);
     words.hidden = !shown.words || present.length === 0;
     fill(words, ...present.map((state, i) => h("span", { class: "badge", data: { state } }, texts[i])),
-      newest ? h("span", {}, newest) : null);
+      newest ? h("span", { title: `${exact(ms(last.from))} to ${exact(ms(last.to))}` }, newest) : null);
   }
 
   function sayAll() {

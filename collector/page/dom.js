@@ -157,6 +157,21 @@ function longestAscent(positions) {
   return stays;
 }
 
+/* Where the focus goes when what has it is taken away: the next one, the one before, or what is above. */
+function besides(node) {
+  for (const next of [node.nextElementSibling, node.previousElementSibling]) {
+    const found = next?.matches(focusable) ? next : next?.querySelector(focusable);
+    if (found) {
+      return found;
+    }
+  }
+  const heading = node.closest("section,main")?.querySelector("h1,h2,h3");
+  if (heading && !heading.hasAttribute("tabindex")) {
+    heading.tabIndex = -1;
+  }
+  return heading;
+}
+
 /**
  * Makes the children of `parent` those of `items`: moves, adds and removes as few as can be. What
  * takes longer than a moment goes on in slices; another call for the same parent takes over.
@@ -194,8 +209,10 @@ export async function keyed(parent, items, keyOf, make, update) {
   };
   for (const [key, node] of [...list.nodes]) {
     if (!wanted.has(key)) {
+      const next = node.contains(document.activeElement) ? besides(node) : null;
       node.remove();
       list.nodes.delete(key);
+      next?.focus({ preventScroll: true });
       if (isOver() && !await rest()) {
         return false;
       }

@@ -3,7 +3,7 @@
 import * as api from "./api.js";
 import { read, to } from "./base/address.js";
 import { Model } from "./base/model.js";
-import { clean, clock } from "./base/text.js";
+import { clean, clock, exact } from "./base/text.js";
 import { announce, fill, h } from "./dom.js";
 import { connectLive } from "./live.js";
 import * as parts from "./parts.js";
@@ -336,16 +336,19 @@ function showConnection(state) {
   const words = { connecting: "Connecting…", live: "Live", away: `Not connected since ${since}` };
   place.dataset.state = state.state;
   place.textContent = words[state.state];
+  place.title = state.state === "away" ? exact(state.since) : "";
   if (state.state === "away" && state.status !== 401) {
     /* A collector that only restarts is back by then. */
     awayTimer = setTimeout(() => {
       hasSaidAway = true;
-      const text = state.status === 429
+      const time = parts.timeElement(new Date(state.since).toISOString());
+      const said = h("span", null, state.status === 429
         ? "Too many streams are open with this token, so nothing new comes to this page; it is tried again."
-        : `${state.status > 0 ? "Nothing new has come from the collector"
-          : "The collector has not answered"} since ${since}. What is shown is from then; the page goes on by itself.`;
-      showBanner("away", text);
-      announce(text);
+        : [state.status > 0 ? "Nothing new has come from the collector since "
+          : "The collector has not answered since ", time,
+        ". What is shown is from then; the page goes on by itself."]);
+      showBanner("away", said);
+      announce(said.textContent);
     }, Math.max(0, state.since + awayShownAfter - Date.now()));
   } else if (hasSaidAway && state.state === "live") {
     hasSaidAway = false;
@@ -438,6 +441,16 @@ function forget() {
   } catch { /* it keeps nothing */ }
 }
 
+/* Nor is it kept for somebody else who signs in later. */
+function forgetOther(name) {
+  try {
+    if ((sessionStorage.getItem("who") ?? name) !== name) {
+      sessionStorage.clear();
+    }
+    sessionStorage.setItem("who", name);
+  } catch { /* it keeps nothing */ }
+}
+
 /* The address stays: after signing in it is shown. */
 function askWho(said) {
   leave();
@@ -494,6 +507,7 @@ async function begin({ isFresh = false } = {}) {
     return;
   }
   leave();
+  forgetOther(known.name);
   me = known;
   version = known.version;
   model = new Model();

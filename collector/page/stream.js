@@ -6,6 +6,7 @@ import { SseParser } from "./base/sse.js";
 const firstWait = 1000, longestWait = 30000;
 const quietFor = 40000;      /* the server says something every 15 s */
 const doubtfulAfter = 20000;
+const youngFor = 2000;       /* several things say at once that somebody looks again */
 const steadyAfter = 5000;    /* one that ends sooner than that was none */
 const fewerAfter = 30000;    /* whoever goes from screen to screen soon wants the same again */
 const always = ["agent", "change", "event"];
@@ -78,7 +79,8 @@ export class Stream {
   wake() {
     const isDoubtful = this.#began === 0 || this.#with.now() - this.#heard > doubtfulAfter;
     const isRunning = this.#open !== "" || this.#stopWait !== null;
-    if (this.#wanted !== "" && this.state.status !== 401 && isRunning && isDoubtful) {
+    const isYoung = this.#open !== "" && this.#with.now() - this.#heard < youngFor;
+    if (this.#wanted !== "" && this.state.status !== 401 && isRunning && isDoubtful && !isYoung) {
       this.#failures = 0;
       this.#connect();
     }

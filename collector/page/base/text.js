@@ -128,9 +128,8 @@ export function whole(count) {
  * @returns {string} "1 test", "3 tests", "1,500 tests"
  */
 export function plural(count, one, many = one + "s") {
-  const whole = Number.isFinite(count) ? Math.trunc(count) : 0;
-  const text = String(whole).replace(/\B(?=(\d{3})+$)/g, ",");
-  return text + " " + (whole === 1 ? one : many);
+  const text = whole(count);
+  return text + " " + (text === "1" ? one : many);
 }
 
 /* ---- times ---- */

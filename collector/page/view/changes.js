@@ -209,8 +209,10 @@ export async function open(place, params, { api, live, go }) {
   let timer = 0;
   stops.push(() => clearTimeout(timer));
   function readOpenSoon() {
-    clearTimeout(timer);
-    timer = setTimeout(readOpen, Math.max(againAfterMs, lastAsked + againAtLeastMs - performance.now()));
+    timer ||= setTimeout(() => {
+      timer = 0;
+      readOpen();
+    }, Math.max(againAfterMs, lastAsked + againAtLeastMs - performance.now()));
   }
 
   /* Whether a new one fits the filters is asked; with none all fit. */

@@ -12,7 +12,7 @@ const filters = ["state", "agent", "group", "type", "test", "q", "from", "to"];
 const states = ["problem", "unknown", "silent", "ok"];
 const types = ["network", "discovery", "process", "cpu", "disk", "memory", "ping", "http", "snmp",
   "load average", "snmp table", "mysql"];
-const mostLive = 1000, mostComing = 1000, showEachMs = 500;
+const mostLive = 1000, mostComing = 1000, showEachMs = 500, membersAgainMs = 5000;
 const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400;
 
 /* ---- times of the reader ---- */
@@ -371,9 +371,33 @@ export async function open(place, params, context) {
 
   /* The stream does not say in which groups an agent is. */
   async function readMembers(signal) {
-    const agents = await api.pages("/api/v1/agents", { group: query.get("group") }, { signal });
-    if (!signal.aborted) {
-      members = new Set(agents.map((each) => each.id));
+    const found = await api.pages("/api/v1/agents", { group: query.get("group") }, { signal });
+    signal?.throwIfAborted();
+    members = new Set(found.map((each) => each.id));
+    hasMissed = false;
+    strangers.clear();
+  }
+
+  /* Agents join later, or become members: of one that was no member it is asked once, and after each change
+   * once more. */
+  let hasMissed = false, membersTimer = 0;
+  const strangers = new Set();
+
+  function askForMembers(events) {
+    const fresh = events.filter(({ agent: { id } }) => !members.has(id) && !strangers.has(id));
+    fresh.forEach((event) => strangers.add(event.agent.id));
+    if (fresh.length > 0) {
+      membersTimer ||= setTimeout(async () => {
+        membersTimer = 0;
+        const asked = textOf(query), before = members, known = [...strangers];
+        try {
+          await readMembers();
+          known.forEach((id) => strangers.add(id));
+          if (!isClosed && asked === textOf(query) && [...members].some((id) => !before?.has(id))) {
+            begin();
+          }
+        } catch { /* at the next event of another one */ }
+      }, membersAgainMs);
     }
   }
 
@@ -395,6 +419,9 @@ export async function open(place, params, context) {
       if (request === mine) {
         request = null;
         await show();
+        if (hasMissed) {
+          catchUp();
+        }
       }
     } catch (problem) {
       if (request === mine && !isClosed) {
@@ -443,6 +470,13 @@ export async function open(place, params, context) {
   }
 
   function take(events) {
+    if (query.has("group") && members === null) {
+      hasMissed = true;
+      return;
+    }
+    if (query.has("group")) {
+      askForMembers(events);
+    }
     const fresh = events.filter((event) => !known.has(event.id)
       && !coming.has(event.id)
       && isWanted(event, query, members));
@@ -503,7 +537,7 @@ export async function open(place, params, context) {
 
   const offs = [
     live.on("event", (messages) => take(messages.map((each) => each.data))),
-    live.on("lost", catchUp), live.onFirstLive(catchUp),
+    live.on("change", () => strangers.clear()), live.on("lost", catchUp), live.onFirstLive(catchUp),
   ];
 
   fill(more, older, moreSaid);
@@ -529,6 +563,7 @@ export async function open(place, params, context) {
       isClosed = true;
       clearTimeout(typing);
       clearTimeout(showing);
+      clearTimeout(membersTimer);
       request?.abort();
       offs.forEach((off) => off());
     },

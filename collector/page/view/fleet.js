@@ -1004,8 +1004,8 @@ export async function open(place, params, { api, live, me }) {
   /* Many changes come together; what they are is read once. */
   let later = 0;
   const isAnother = () => {
-    clearTimeout(later);
-    later = setTimeout(async () => {
+    later ||= setTimeout(async () => {
+      later = 0;
       const before = fleet?.revision;
       if (fleet && await refreshQuietly() && isOpen && fleet.revision !== before) {
         showRevisions();

@@ -5,7 +5,7 @@ import { to } from "../base/address.js";
 import { byTest, stateRank } from "../base/order.js";
 import { readProblems as problemsOf } from "../base/problems.js";
 import { testQueries } from "../base/search.js";
-import { clean, number, oneLine, plural, stateWord } from "../base/text.js";
+import { clean, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
   from "../parts.js";
@@ -139,12 +139,12 @@ export async function open(place, params, context) {
   function showProblems() {
     const all = model.worstFirst().map(itemOf);
     problemsHeading.textContent = all.length === 0 ? "What is wrong"
-      : `What is wrong (${number(all.length)}${left ? " and more" : ""})`;
+      : `What is wrong (${whole(all.length)}${left ? " and more" : ""})`;
     fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
       : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
         "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
     const isCut = all.length > mostShown;
-    fill(moreProblems, isCut ? `The first ${mostShown} of ${all.length}${left ? " and more" : ""}. `
+    fill(moreProblems, isCut ? `The first ${whole(mostShown)} of ${whole(all.length)}${left ? " and more" : ""}. `
       : "There are more tests that are not ok. ", "All of an agent stand on its own screen.");
     moreProblems.hidden = !left && !isCut;
     problems.hidden = all.length === 0;
@@ -172,7 +172,7 @@ export async function open(place, params, context) {
       chosen = null;
     }
     for (const [state, { button, number: count, item }] of countButtons) {
-      count.textContent = number(now[state] ?? 0);
+      count.textContent = whole(now[state] ?? 0);
       item.hidden = !(now[state] > 0);
       button.setAttribute("aria-pressed", String(chosen === state));
     }
@@ -193,13 +193,13 @@ export async function open(place, params, context) {
   }
 
   function leadText(now, total) {
-    const are = (state) => `${number(now[state])} ${now[state] === 1 ? "is" : "are"} ${state}`;
+    const are = (state) => `${whole(now[state])} ${now[state] === 1 ? "is" : "are"} ${state}`;
     const have = now.problem === 1 ? "has problems" : "have problems";
-    const parts = [now.problem > 0 ? `${number(now.problem)} ${have}` : "",
+    const parts = [now.problem > 0 ? `${whole(now.problem)} ${have}` : "",
       now.silent > 0 ? are("silent") : "", now.unknown > 0 ? are("unknown") : ""].filter(Boolean);
     const [alone] = states.filter((state) => now[state] > 0);
     return total === 1 ? `The agent ${alone === "problem" ? "has a problem" : `is ${alone}`}.`
-      : parts.length === 0 ? `All ${number(total)} agents are ok.`
+      : parts.length === 0 ? `All ${whole(total)} agents are ok.`
       : `Of ${plural(total, "agent")} ${[...parts, are("ok")].join(", ")}.`;
   }
 

@@ -3,6 +3,7 @@
  * that are chosen stand in the address. A time that ends now goes on by itself: results are drawn as
  * they come, and the curve is asked for again now and then. */
 import { to } from "../base/address.js";
+import { Heard } from "../base/heard.js";
 import * as curves from "../base/series.js";
 import { asTyped, clean, number, oneLine, plural, stateWord } from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
@@ -107,7 +108,8 @@ export async function open(place, params, context) {
   let tails = new Map(); /* of the values: rows that came since the series was asked for */
   let tailStrip = [];
   let charts = new Map();
-  let asked = null; /* the request for the series that is under way */
+  let asked = null; /* the last request for the series */
+  let meanwhile = []; /* results that came since */
   let again = 0;
   const before = []; /* queries to go back to */
   let isGoingBack = false;
@@ -124,6 +126,7 @@ export async function open(place, params, context) {
   const trouble = h("div");
   const none = h("div");
   const plots = h("div", { class: "stack" });
+  const gone = h("p", { class: "note", hidden: true });
   const curve = h("section", { class: "panel stack tight", aria: { labelledby: "test-curve" } },
     h("h2", { id: "test-curve", text: "Curve" }), tools, choice, trouble, none, plots);
   const results = h("section", { class: "panel", aria: { labelledby: "test-results" } });
@@ -132,7 +135,7 @@ export async function open(place, params, context) {
   const all = h("div", { class: "stack" }, facts, curve, results,
     h("div", { class: "columns" }, events, source));
   all.hidden = true;
-  place.append(h("div", { class: "head" }, crumbs, heading, standing), all);
+  place.append(h("div", { class: "head" }, crumbs, heading, standing, gone), all);
 
   /* ---- how it stands ---- */
 
@@ -193,8 +196,11 @@ export async function open(place, params, context) {
         ? h("p", { class: "note", text: `Not everything could be read: ${clean(test.incomplete)}` }) : null);
   }
 
+  const heard = new Heard();
   async function readTest() {
-    test = await api.get(path, { signal: stop.signal });
+    const asked = heard.ask();
+    const got = await api.get(path, { signal: stop.signal });
+    [test] = heard.answer(asked, [got], new Map([[id, test ?? {}]])) ?? [test];
     if (isOpen) {
       showHead();
       showFacts();
@@ -231,6 +237,7 @@ export async function open(place, params, context) {
     }
   }
   const readTestSoon = soon(500, readTest);
+  const readSourceSoon = soon(5000, async () => test.group && isOperator && !document.hidden && readSource());
 
   /* ---- which time ---- */
 
@@ -448,6 +455,7 @@ export async function open(place, params, context) {
     asked?.abort();
     const mine = new AbortController();
     asked = mine;
+    meanwhile = [];
     range = rangeIn(query);
     const { from, to: end } = range;
     const span = end - from;
@@ -465,6 +473,9 @@ export async function open(place, params, context) {
       series = got;
       tails = new Map();
       tailStrip = [];
+      if (range.range && !isRate()) {
+        meanwhile.forEach(append);
+      }
       showCurves();
     } catch (problem) {
       if (isOpen && !mine.signal.aborted) {
@@ -472,14 +483,20 @@ export async function open(place, params, context) {
       }
     }
     if (isOpen && asked === mine && range.range) {
-      again = setTimeout(readSeries, Math.min(Math.max(span / 400, leastAgainMs), mostAgainMs));
+      again = setTimeout(readSeriesSeen, Math.min(Math.max(span / 400, leastAgainMs), mostAgainMs));
     }
   }
   stops.push(() => {
     clearTimeout(again);
     asked?.abort();
   });
-  const readSeriesSoon = soon(1000, readSeries);
+  /* While nobody looks at it nothing is asked for. */
+  let isDue = false;
+  async function readSeriesSeen() {
+    isDue = document.hidden;
+    return isDue ? null : readSeries();
+  }
+  const readSeriesSoon = soon(1000, readSeriesSeen);
 
   function showSeries() {
     return busy(readSeries(), trouble, "Reading the curve");
@@ -488,7 +505,10 @@ export async function open(place, params, context) {
   /* A result goes into the curve as it is where each point is a result, else behind its end until
    * the curve is asked for again. */
   function draw(result) {
-    const time = Date.parse(result.time);
+    meanwhile.push(result);
+    if (meanwhile.length > mostResults) {
+      meanwhile.shift();
+    }
     if (!series || !range.range) {
       return;
     }
@@ -498,6 +518,11 @@ export async function open(place, params, context) {
       return;
     }
     haveCurves = true;
+    append(result);
+  }
+
+  function append(result) {
+    const time = Date.parse(result.time);
     if (series.resolution === 0) {
       curves.appendResult(series, result, range.from);
     } else {
@@ -606,8 +631,11 @@ export async function open(place, params, context) {
         query: { test: id, limit: eventsAtOnce, next }, signal: stop.signal,
       });
       if (isOpen && mine === eventsAsked) {
-        const known = new Set(next ? shownEvents.map((each) => each.id) : []);
-        shownEvents = [...next ? shownEvents : [], ...page.items.filter((each) => !known.has(each.id))];
+        /* Newer ones came while this was asked for. */
+        const kept = next ? shownEvents
+          : shownEvents.filter((each) => each.id > (page.items[0]?.id ?? Infinity));
+        const known = new Set(kept.map((each) => each.id));
+        shownEvents = [...kept, ...page.items.filter((each) => !known.has(each.id))];
         nextEvents = page.next;
         showEvents();
       }
@@ -662,7 +690,9 @@ export async function open(place, params, context) {
           text: fleet.read_only ? "See it in the file" : "Change it in the editor",
         })));
     } catch (problem) {
-      if (isOpen) {
+      if (isOpen && problem.status === 0 && source.querySelector(".actions")) {
+        hasMissed = true;
+      } else if (isOpen) {
         fill(source, head, group, failure(problem, readSource));
       }
     }
@@ -730,7 +760,14 @@ export async function open(place, params, context) {
     }
   });
   let hasNews = false;
-  const looks = () => hasNews && showNews();
+  const looks = () => {
+    if (hasNews) {
+      showNews();
+    }
+    if (isDue) {
+      readSeriesSeen();
+    }
+  };
   document.addEventListener("visibilitychange", looks);
   stops.push(showNews.cancel, () => document.removeEventListener("visibilitychange", looks));
 
@@ -746,6 +783,7 @@ export async function open(place, params, context) {
       }),
       live.on("event", (messages) => messages.forEach(({ data }) => {
         if (data.test?.id === id) {
+          heard.say(id, data);
           if (!shownEvents.some((each) => each.id === data.id)) {
             shownEvents = [data, ...shownEvents].slice(0, mostResults);
             showEvents();
@@ -754,6 +792,14 @@ export async function open(place, params, context) {
           readTestSoon();
         } else if (!data.test && data.agent?.id === test.agent.id) {
           readTestSoon();
+        }
+      })),
+      live.on("change", readSourceSoon),
+      live.on("agent", (messages) => messages.forEach(({ data }) => {
+        if (data.id === test.agent.id && data.retired && gone.hidden) {
+          gone.hidden = false;
+          fill(gone, "Its agent is retired: this test is in no list any more, and is kept until it expires.");
+          announce(gone.textContent);
         }
       })),
       live.on("lost", readAgain), live.onFirstLive(readAgain), live.onState(({ state: now }) => {
@@ -769,6 +815,7 @@ export async function open(place, params, context) {
     readSeriesSoon();
     readResultsSoon();
     readEvents();
+    readSourceSoon();
   }
 
   /* ---- all of it ---- */
@@ -797,9 +844,14 @@ export async function open(place, params, context) {
     showTools();
     listen();
     showSeries();
-    readResults();
-    readEvents();
-    readSource();
+    /* Headings at once, and what takes long says so. */
+    for (const [panel, name, text, read] of [[results, "test-results", "Results", readResults],
+      [events, "test-events", "Events", readEvents],
+      [source, "test-source", "In the fleet file", readSource]]) {
+      const status = h("div");
+      headed(panel, name, text, status);
+      busy(read(), status, "Reading");
+    }
   }
 
   begin();

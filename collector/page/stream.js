@@ -9,7 +9,34 @@ const doubtfulAfter = 20000;
 const youngFor = 2000;       /* several things say at once that somebody looks again */
 const steadyAfter = 5000;    /* one that ends sooner than that was none */
 const fewerAfter = 30000;    /* whoever goes from screen to screen soon wants the same again */
+const mostNamed = 100;       /* agents and tests of which results are asked for; of more: of all */
 const always = ["agent", "change", "event"];
+
+/* What is asked for: kinds, and of what the results; `results` null: of all. */
+class Wish {
+  constructor(kinds = [], results = null) {
+    const inOrder = (ids) => [...new Set(ids)].sort((a, b) => a - b);
+    const agents = inOrder(results?.agents), tests = inOrder(results?.tests);
+    const count = agents.length + tests.length;
+    this.kinds = [...kinds].filter((kind) => kind !== "result" || !results || count > 0).sort();
+    const isNamed = this.kinds.includes("result") && results && count <= mostNamed;
+    this.agents = isNamed ? agents : null;
+    this.tests = isNamed ? tests : null;
+    this.isNone = this.kinds.length === 0;
+    this.query = [["kind", this.kinds], ["result_agent", this.agents], ["result_test", this.tests]]
+      .filter(([, all]) => all?.length > 0)
+      .map(([name, all]) => `${name}=${encodeURIComponent(all.join(","))}`).join("&");
+  }
+
+  /* Whether all that the other one asks for comes with this, too. */
+  covers(other) {
+    const has = (own, wanted) => own === null
+      || (wanted !== null && wanted.every((each) => own.includes(each)));
+    const hasResults = has(this.agents, other.agents) && has(this.tests, other.tests);
+    return has(this.kinds, other.kinds) && (hasResults || !other.kinds.includes("result"));
+  }
+}
+const nothing = new Wish();
 
 /** Calls fn after so many ms. @returns {() => void} calls it off */
 export function laterByTimer(fn, ms) {
@@ -19,8 +46,8 @@ export function laterByTimer(fn, ms) {
 
 export class Stream {
   #with;
-  #wanted = "";
-  #open = "";       /* kinds that the present one was opened with */
+  #wanted = nothing;
+  #open = nothing;  /* what the present one was opened with */
   #attempt = 0;     /* what an earlier one still says is nobody's business */
   #abort = null;
   #failures = 0;
@@ -50,27 +77,29 @@ export class Stream {
     this.state = { state: "connecting", since: now(), status: 0 };
   }
 
-  /** What is missing is asked for at once, what is too much is let go after a while. Of none: it ends. */
-  want(kinds) {
-    const text = [...kinds].sort().join(",");
-    this.#stopFewer?.();
-    this.#stopFewer = null;
+  /**
+   * What is missing is asked for at once, what is too much is let go after a while; either goes on where
+   * the one before was. Of no kinds: it ends.
+   * @param {Iterable<string>} kinds
+   * @param {?{agents: Iterable<number>, tests: Iterable<number>}} [results] those alone; null: all
+   */
+  want(kinds, results = null) {
+    const wish = new Wish(kinds, results);
     const isRefused = this.state.status === 401;
-    if (text === this.#wanted && (this.#attempt > 0 || text === "")) {
-      if (text !== this.#open && !isRefused) {
-        this.#letGo();
-      }
+    const isSame = wish.query === this.#wanted.query;
+    if (isSame && this.#stopFewer !== null) { /* said again while it is waited for */
       return;
     }
-    this.#wanted = text;
+    this.#stopFewer?.();
+    this.#stopFewer = null;
+    this.#wanted = wish;
     if (isRefused) {
       return;
     }
-    const open = new Set(this.#open.split(","));
-    const isEnough = this.#open !== "" && (text === "" || text.split(",").every((kind) => open.has(kind)));
-    if (!isEnough && text !== "") {
+    const isWaiting = isSame && this.#stopWait !== null; /* for the next attempt */
+    if (!wish.isNone && !isWaiting && (this.#open.isNone || !this.#open.covers(wish))) {
       this.#connect();
-    } else if (text !== this.#open) {
+    } else if (!isWaiting && wish.query !== this.#open.query) {
       this.#letGo();
     }
   }
@@ -78,9 +107,9 @@ export class Stream {
   /** The machine was asleep, or somebody looks again: what is doubtful is not waited for. */
   wake() {
     const isDoubtful = this.#began === 0 || this.#with.now() - this.#heard > doubtfulAfter;
-    const isRunning = this.#open !== "" || this.#stopWait !== null;
-    const isYoung = this.#open !== "" && this.#with.now() - this.#heard < youngFor;
-    if (this.#wanted !== "" && this.state.status !== 401 && isRunning && isDoubtful && !isYoung) {
+    const isRunning = !this.#open.isNone || this.#stopWait !== null;
+    const isYoung = !this.#open.isNone && this.#with.now() - this.#heard < youngFor;
+    if (!this.#wanted.isNone && this.state.status !== 401 && isRunning && isDoubtful && !isYoung) {
       this.#failures = 0;
       this.#connect();
     }
@@ -89,20 +118,20 @@ export class Stream {
   /** Somebody has signed in, maybe as somebody else. */
   restart() {
     this.#failures = 0;
-    if (this.#wanted !== "") {
+    if (!this.#wanted.isNone) {
       this.#connect();
     }
   }
 
   stop() {
     this.#close();
-    this.#wanted = "";
+    this.#wanted = nothing;
   }
 
   #letGo() {
     this.#stopFewer = this.#with.later(() => {
       this.#stopFewer = null;
-      if (this.#wanted === "") {
+      if (this.#wanted.isNone) {
         this.#close();
       } else {
         this.#connect();
@@ -118,7 +147,7 @@ export class Stream {
     this.#stopWait = this.#stopWatch = this.#stopFewer = null;
     this.#abort?.abort();
     this.#abort = null;
-    this.#open = "";
+    this.#open = nothing;
     this.#began = 0;
   }
 
@@ -143,7 +172,7 @@ export class Stream {
       if (this.lastId !== "") {
         headers["Last-Event-ID"] = this.lastId;
       }
-      const response = await this.#with.fetch(`${this.#with.url}?kind=${encodeURIComponent(this.#open)}`,
+      const response = await this.#with.fetch(`${this.#with.url}?${this.#open.query}`,
         { headers, signal: abort.signal, cache: "no-store" });
       if (isOver()) {
         return;
@@ -220,7 +249,7 @@ export class Stream {
     this.#failures = Math.min(this.#failures + 1, 10);
     this.#stopWait = this.#with.later(() => {
       this.#stopWait = null;
-      if (this.#wanted !== "") {
+      if (!this.#wanted.isNone) {
         this.#connect();
       }
     }, Math.max(wait, Math.min(this.#retryAfter, 60000)));
@@ -300,8 +329,8 @@ export class Exchange {
 
   #wantAll() {
     const tabs = [...this.#tabs.values()];
-    const hasResults = tabs.some((tab) => tab.agents.size > 0 || tab.tests.size > 0);
-    this.#stream.want(tabs.length === 0 ? [] : hasResults ? [...always, "result"] : always);
+    this.#stream.want(tabs.length === 0 ? [] : [...always, "result"],
+      { agents: tabs.flatMap((tab) => [...tab.agents]), tests: tabs.flatMap((tab) => [...tab.tests]) });
   }
 
   #tellAll(message) {

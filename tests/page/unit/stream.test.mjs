@@ -296,6 +296,8 @@ function exchange() {
 
 const result = (agent, id) => `event: result\ndata: {"agent":{"id":${agent}},"test":{"id":${id}}}\n\n`;
 
+const withResults = "/s?kind=agent%2Cchange%2Cevent%2Cresult";
+
 test("tabs share one stream, and each gets the results that it wants", async () => {
   const { world, tab } = exchange();
   const a = tab("a"), b = tab("b"), c = tab("c");
@@ -303,7 +305,7 @@ test("tabs share one stream, and each gets the results that it wants", async () 
   b.want([1]);
   c.want([], [22]);
   assert.equal(world.open, 1);
-  assert.equal(world.last.url, "/s?kind=agent%2Cchange%2Cevent%2Cresult");
+  assert.equal(world.last.url, withResults + "&result_agent=1&result_test=22");
   world.last.accept();
   await turn();
   world.last.send(result(1, 11) + result(2, 22) + result(3, 33) + "event: agent\ndata: {\"id\":1}\n\n");
@@ -355,4 +357,133 @@ test("who leads goes on where the one before it was", async () => {
   assert.equal(world.last.headers["Last-Event-ID"], "1.1-77");
   made.stop();
   assert.equal(world.open, 0);
+});
+
+const range = (count, from = 1) => Array.from({ length: count }, (each, i) => from + i);
+
+test("results are asked for of what the tabs look at, all together", async () => {
+  const { world, tab } = exchange();
+  const a = tab("a"), b = tab("b"), c = tab("c");
+  a.want();
+  assert.equal(world.last.url, "/s?kind=agent%2Cchange%2Cevent");
+  world.last.accept();
+  await turn();
+  b.want([20, 3], [7]);
+  assert.equal(world.last.url, withResults + "&result_agent=3%2C20&result_test=7");
+  world.last.accept();
+  await turn();
+  c.want([3], [7]); /* has them already */
+  assert.equal(world.requests.length, 2);
+  c.want([3], [8]);
+  assert.equal(world.last.url, withResults + "&result_agent=3%2C20&result_test=7%2C8");
+  world.last.accept();
+  await turn();
+  b.say({ type: "bye" });
+  for (let i = 0; i < 2; i++) {
+    assert.equal(world.requests.length, 3);
+    [a, c].forEach((each) => each.say({ type: "pong" }));
+    world.last.send(":\n\n");
+    await turn();
+    await world.pass(15000);
+  }
+  assert.equal(world.requests.length, 4);
+  assert.equal(world.last.url, withResults + "&result_agent=3&result_test=8");
+  world.last.accept();
+  await turn();
+  assert.equal(world.open, 1);
+  c.want();
+  world.last.send(":\n\n");
+  await turn();
+  await world.pass(30000);
+  assert.equal(world.last.url, "/s?kind=agent%2Cchange%2Cevent");
+});
+
+test("of more than a hundred all results are asked for, and fewer are once that is over", async () => {
+  const { world, tab } = exchange();
+  const a = tab("a"), b = tab("b");
+  a.want([], range(60));
+  b.want([], range(60, 41)); /* 20 of them are the same */
+  assert.match(world.last.url, /result_test=1%2C2%2C.*%2C100$/);
+  world.last.accept();
+  await turn();
+  b.want([500], range(60, 41));
+  assert.equal(world.last.url, withResults);
+  world.last.accept();
+  await turn();
+  b.want([1000], range(500, 41)); /* comes already */
+  assert.equal(world.requests.length, 3);
+  b.want();
+  world.last.send(":\n\n");
+  await turn();
+  await world.pass(30000);
+  assert.equal(world.requests.length, 4);
+  assert.match(world.last.url, /result_test=1%2C2%2C.*%2C60$/);
+});
+
+/* The collector as docs/api.md has it: what was stored, each with its number. */
+class Log {
+  stored = [];
+  #served = new Map(); /* by the request: {at, wanted} */
+
+  add(kind, agent, id) {
+    this.stored.push({ kind, agent, id });
+  }
+
+  /* Whatever the last request has not had yet; `cut` in the middle of the last message. */
+  serve(request, { isCut = false } = {}) {
+    if (!this.#served.has(request)) {
+      const query = new URL(request.url, "http://x").searchParams;
+      const ids = (name) => (query.get(name) ?? "").split(",").filter(Boolean).map(Number);
+      const [kinds, agents, tests] = [query.get("kind").split(","), ids("result_agent"), ids("result_test")];
+      const lastId = request.headers["Last-Event-ID"];
+      const at = lastId ? Number(lastId.split("-")[1]) : this.stored.length;
+      this.#served.set(request, { at, wanted: ({ kind, agent, id }) => kinds.includes(kind)
+        && (kind !== "result" || agents.length + tests.length === 0 || agents.includes(agent) || tests.includes(id)) });
+      request.accept(`id: 1.1-${at}\n\n`);
+    }
+    const served = this.#served.get(request);
+    const text = this.stored.map((each, i) => ({ ...each, number: i + 1 })).slice(served.at).filter(served.wanted)
+      .map(({ kind, agent, id, number }) => `id: 1.1-${number}\nevent: ${kind}\n`
+        + `data: {"number":${number},"agent":{"id":${agent}},"test":{"id":${id}}}\n\n`).join("");
+    served.at = this.stored.length;
+    request.send(isCut ? text.slice(0, -10) : text);
+  }
+}
+
+test("when wishes change no message is lost and none comes twice", async () => {
+  const { world, tab } = exchange();
+  const log = new Log();
+  const a = tab("a"), b = tab("b");
+  const numbers = ({ of }) => of("messages").flatMap((each) => each.messages.map(({ data }) => data.number));
+  a.want([], [1]);
+  log.serve(world.last);
+  await turn();
+  for (let i = 0; i < 4; i++) { /* 1 to 12: of three tests and an event in turns */
+    log.add("result", 1, 1);
+    log.add("result", 2, 2);
+    log.add("event", 3, 3);
+  }
+  log.serve(world.last, { isCut: true }); /* 12 is on its way when the wish comes */
+  await turn();
+  b.want([2], []);
+  assert.equal(world.last.headers["Last-Event-ID"], "1.1-10");
+  log.add("result", 2, 4);
+  log.add("result", 1, 1);
+  log.serve(world.last);
+  await turn();
+  a.want(); /* is let go later: nothing is asked anew */
+  log.add("result", 1, 1);
+  log.add("event", 1, 1);
+  log.serve(world.last);
+  await turn();
+  b.want([2], [9]);
+  log.add("result", 3, 9);
+  log.add("result", 1, 1);
+  log.serve(world.last);
+  await turn();
+  await world.pass(50);
+  assert.equal(world.requests.length, 3);
+  assert.equal(world.open, 1);
+  assert.deepEqual(numbers(a), [1, 3, 4, 6, 7, 9, 10, 12, 14, 16]);
+  assert.deepEqual(numbers(b), [11, 12, 13, 16, 17]);
 });

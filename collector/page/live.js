@@ -9,6 +9,7 @@
  *   const off = live.want({results: {agents: new Set([1]), tests: new Set([7])}});
  *   live.state is {state: "connecting" | "live" | "away", since: milliseconds}
  *   const off = live.onState((state) => ...), live.onFirstLive(() => ..., afterMs)
+ *   await live.soon(ms)
  * Each `off` is called when the view closes; calling it twice does no harm. */
 import { throttle } from "./dom.js";
 import { Exchange } from "./stream.js";
@@ -163,6 +164,22 @@ class Live {
       off();
       clearTimeout(timer);
     };
+  }
+
+  /** Once it is live, or when that takes longer: what is read after it is live need not be read again. */
+  soon(ms) {
+    return new Promise((resolve) => {
+      const off = this.onState(() => done());
+      const timer = setTimeout(() => done(), ms);
+      const done = () => {
+        off();
+        clearTimeout(timer);
+        resolve();
+      };
+      if (this.state.state !== "connecting") {
+        done();
+      }
+    });
   }
 
   want({ results = {} } = {}) {

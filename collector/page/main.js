@@ -10,7 +10,7 @@ import * as parts from "./parts.js";
 import { showSignIn, whyNot } from "./signIn.js";
 
 const product = "Vindral";
-const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000;
+const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000, liveWithin = 300;
 
 const modules = ["now", "agent", "test", "events", "fleet", "changes", "admission", "tokens", "secrets"];
 const forAdmins = ["admission", "tokens", "secrets"];
@@ -211,7 +211,7 @@ async function show({ isFirst = false, y = 0 } = {}) {
     }
   };
   try {
-    module = await parts.busy(load(route.view), main);
+    [module] = await parts.busy(Promise.all([load(route.view), live.soon(liveWithin)]), main);
     if (isOver()) {
       return;
     }

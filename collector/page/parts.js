@@ -149,6 +149,10 @@ export const fact = (name, ...what) => [h("dt", { text: name }), h("dd", null, w
 /** Fills a section with its heading and what comes below. */
 export const headed = (place, id, text, ...children) => fill(place, h("h2", { id, text }), children);
 
+/** What an answer says that has not all. */
+export const notWhole = (incomplete) => (incomplete ? h("p", { class: "note", role: "status",
+  text: `Not everything could be read: ${clean(incomplete)}` }) : null);
+
 /**
  * Nothing is there, and what to do next.
  * @param {string} title "No agent has reported yet"

@@ -7,21 +7,24 @@ const onePage = 1000;
 /**
  * @param {(query: object) => Promise<{items: object[], next: ?string}>} ask a page of GET /api/v1/tests
  * @param {number} most tests
- * @returns {Promise<{items: object[], isMore: boolean}>} `isMore`: there are others
+ * @returns {Promise<{items: object[], isMore: boolean, incomplete: ?string}>} `isMore`: there are others;
+ *   `incomplete`: why not all could be read
  */
 export async function readProblems(ask, most) {
   const items = [];
+  let incomplete = null;
   for (const state of ["problem", "stale"]) {
     let next = null;
     do {
       const answer = await ask({ state, limit: Math.min(onePage, most - items.length || 1), next });
       const fitting = answer.items.slice(0, most - items.length);
       items.push(...fitting);
+      incomplete = answer.incomplete ?? incomplete;
       next = answer.next ?? null;
       if (items.length >= most && (next !== null || fitting.length < answer.items.length)) {
-        return { items, isMore: true };
+        return { items, isMore: true, incomplete };
       }
     } while (next !== null);
   }
-  return { items, isMore: false };
+  return { items, isMore: false, incomplete };
 }

@@ -9,7 +9,7 @@ import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
-import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, setBadge, setTime, testLink,
+import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, notWhole, setBadge, setTime, testLink,
   timeElement } from "../parts.js";
 
 const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
@@ -255,7 +255,7 @@ export async function open(place, params, context) {
 
   /* ---- tests ---- */
 
-  const testStatus = h("div"), noTests = h("div"), list = h("ul", { class: "sparks" });
+  const testStatus = h("div"), notAll = h("div"), noTests = h("div"), list = h("ul", { class: "sparks" });
   const testsHeading = h("h2", { id: "agent-tests", text: "Tests" });
   const find = h("input", { id: "agent-find", type: "search", autocomplete: "off", spellcheck: "false" });
   const findField = h("div", { class: "field", hidden: true },
@@ -424,10 +424,7 @@ export async function open(place, params, context) {
         items.delete(id);
       }
     }
-    if (found.incomplete) {
-      fill(testStatus,
-        h("p", { class: "note", text: `Not everything could be read: ${clean(found.incomplete)}` }));
-    }
+    fill(notAll, notWhole(found.incomplete));
   }
 
   /* ---- curves ---- */
@@ -815,7 +812,7 @@ export async function open(place, params, context) {
   const rest = h("div", { class: "stack" },
     h("div", { class: "columns" },
       h("section", { class: "panel stack tight", aria: { labelledby: "agent-tests" } }, testsHeading,
-        findField, testStatus, noTests, list),
+        findField, testStatus, notAll, noTests, list),
       h("div", { class: "stack" },
         section("agent-facts", "The agent", facts),
         section("agent-polls", "Last polls", pollList, pollNote),

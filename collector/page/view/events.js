@@ -5,7 +5,7 @@ import { to } from "../base/address.js";
 import { natural, newestFirst } from "../base/order.js";
 import { apiTime, asTyped, clean, dayKey, exact, plural } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
-import { agentLink, badge, busy, emptyState, eventItem, failure, testLink } from "../parts.js";
+import { agentLink, badge, busy, emptyState, eventItem, failure, notWhole, testLink } from "../parts.js";
 
 const path = "/api/v1/events";
 const filters = ["state", "agent", "group", "type", "test", "q", "from", "to"];
@@ -225,7 +225,7 @@ export async function open(place, params, context) {
   /* ---- the list ---- */
 
   const status = h("div"), none = h("div"), days = h("div"), more = h("div", { class: "more" });
-  const newOnes = h("div");
+  const newOnes = h("div"), notAll = h("div");
   newOnes.style.position = "sticky";
   newOnes.style.top = "0.5rem";
   newOnes.style.zIndex = "1";
@@ -350,11 +350,13 @@ export async function open(place, params, context) {
   }
 
   /* An answer looks at so many events, and may have none of those that are wanted. */
+  let incomplete = null;
   async function read(signal, behind = null) {
     let count = 0, at = behind;
     for (let i = 0; i < mostPagesUnasked; i++) {
       const answer = await page(signal, at);
       signal.throwIfAborted();
+      incomplete = answer.incomplete ?? incomplete;
       for (const event of answer.items) {
         count += known.has(event.id) ? 0 : 1;
         known.set(event.id, event);
@@ -366,6 +368,7 @@ export async function open(place, params, context) {
     }
     next = at;
     asIf = null;
+    fill(notAll, notWhole(incomplete));
     return count;
   }
 
@@ -407,8 +410,9 @@ export async function open(place, params, context) {
     known = new Map();
     coming.clear();
     came = 0;
-    next = asIf = null;
+    next = asIf = incomplete = null;
     fill(status);
+    fill(notAll);
     showNew();
     show();
     try {
@@ -545,7 +549,7 @@ export async function open(place, params, context) {
     h("header", { class: "head" }, h("h1", { tabindex: "-1", text: "Events" }),
       h("p", { class: "lead", text: "Each change of state of a test or an agent, the newest first." })),
     h("div", { class: "stack" }, h("div", { class: "panel" }, form, ofTest),
-      h("section", { aria: { label: "Events" } }, newOnes, status, none, days, more)));
+      h("section", { aria: { label: "Events" } }, newOnes, status, notAll, none, days, more)));
   showQuery();
   begin();
 

@@ -6,6 +6,7 @@
 import { to } from "../base/address.js";
 import { leftOut, makesDifference, sections, summary } from "../base/difference.js";
 import { clean, oneLine, plural } from "../base/text.js";
+import { findTest } from "../base/yamlPlace.js";
 import { announce, fill, h, throttle } from "../dom.js";
 import { busy, confirm, dialog, emptyState, fact, failure, headed, oneByOne, table, timeElement }
   from "../parts.js";
@@ -355,7 +356,7 @@ export async function open(place, params, { api, live, me }) {
   let checked = null; /* {text, answer} or {text, problem} */
   let checking = null;
   let checkTimer = 0;
-  let wantedLine = Number(params.query.get("line")) || 0;
+  let wanted = params.query;
 
   const lead = h("p", { class: "lead" });
   const banner = h("div", { class: "stack tight" });
@@ -972,8 +973,16 @@ export async function open(place, params, { api, live, me }) {
       mistakes, outcome));
     showButtons();
     check();
-    if (wantedLine > 0) {
-      editor.goTo(wantedLine);
+    goToWanted(wanted);
+  }
+
+  /* In a text that is not applied yet the lines of a test may be others. */
+  function goToWanted(query) {
+    const line = Number(query.get("line")) || 0;
+    if (line > 0) {
+      const isOther = editor.text !== appliedText && query.has("test");
+      const found = isOther ? findTest(editor.text, query.get("group"), query.get("test")) : null;
+      editor.goTo(found?.from ?? line);
     }
   }
 
@@ -1018,11 +1027,10 @@ export async function open(place, params, { api, live, me }) {
 
   return {
     update(next) {
-      const line = Number(next.query.get("line")) || 0;
-      if (line > 0 && line !== wantedLine) {
-        editor?.goTo(line);
+      if (editor && ["line", "test", "group"].some((name) => next.query.get(name) !== wanted.get(name))) {
+        goToWanted(next.query);
       }
-      wantedLine = line;
+      wanted = next.query;
     },
     async mayClose() {
       return !isDirty() || keepDraft({ text: editor.text, base, who: me?.name }) || confirm({

@@ -7,7 +7,7 @@ import { readProblems as problemsOf } from "../base/problems.js";
 import { testQueries } from "../base/search.js";
 import { clean, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
-import { agentLink, badge, busy, emptyState, failure, message, testLink, timeElement }
+import { agentLink, badge, busy, emptyState, failure, message, notWhole, testLink, timeElement }
   from "../parts.js";
 
 const mostProblems = 3000, mostShown = 1000;
@@ -125,7 +125,7 @@ export async function open(place, params, context) {
   let left = false; /* more problems than are shown */
   let chosen = null; /* a state: only tiles of it */
 
-  const lead = h("p", { class: "lead" }), status = h("div");
+  const lead = h("p", { class: "lead" }), status = h("div"), notAll = h("div");
   const noProblems = h("div"), problems = h("ol", { class: "problems" });
   const moreProblems = h("p", { class: "more note", hidden: true });
   const problemsHeading = h("h2", { id: "now-problems", text: "What is wrong" });
@@ -423,6 +423,8 @@ export async function open(place, params, context) {
 
   /* ---- reading ---- */
 
+  const why = { agents: null, problems: null }; /* not all could be read */
+
   async function readAgents() {
     const isFirst = !hasAgents;
     const all = await api.pages("/api/v1/agents", {}, { limit: 1000, signal, onPage: (items, { next }) => {
@@ -435,6 +437,8 @@ export async function open(place, params, context) {
     if (isOver()) {
       return;
     }
+    why.agents = all.incomplete;
+    fill(notAll, notWhole(why.agents ?? why.problems));
     model.setAgents(all);
     hasAgents = changed.agents = true;
     if (isFirst && words.length > 0) { /* their groups and addresses say what to ask for */
@@ -444,12 +448,14 @@ export async function open(place, params, context) {
   }
 
   async function readProblems() {
-    const { items, isMore } = await problemsOf((query) => api.get("/api/v1/tests", { query, signal }),
+    const { items, isMore, incomplete } = await problemsOf((query) => api.get("/api/v1/tests", { query, signal }),
       mostProblems);
     if (isOver()) {
       return;
     }
     left = isMore;
+    why.problems = incomplete;
+    fill(notAll, notWhole(why.agents ?? why.problems));
     model.setProblems(items);
     hasTests = changed.tests = true;
     await show();
@@ -498,7 +504,7 @@ export async function open(place, params, context) {
     foundHeading, foundStatus, noneFound, foundTiles, foundTests, moreFound);
   fill(place,
     h("header", { class: "head" }, h("h1", { tabindex: "-1", text: "Now" }), lead),
-    h("div", { class: "stack" }, form, status, nowSections, foundSection));
+    h("div", { class: "stack" }, form, status, notAll, nowSections, foundSection));
   if (hasAgents) { /* what was known when this was left, until it is read again */
     changed.agents = changed.tests = true;
     show();

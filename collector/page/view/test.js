@@ -10,7 +10,7 @@ import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
 import { announce, fill, h, inFrames, throttle } from "../dom.js";
 import {
-  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, oneByOne, setBadge, setTime,
+  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, notWhole, oneByOne, setBadge, setTime,
   table, timeElement,
 } from "../parts.js";
 
@@ -192,8 +192,7 @@ export async function open(place, params, context) {
         definition ? fact("Judged by revision", String(definition.location ?? "–"),
           definition.since ? [", which it has since ", timeElement(definition.since)] : "") : null,
         told ? fact("What it is told", told) : null),
-      test.incomplete
-        ? h("p", { class: "note", text: `Not everything could be read: ${clean(test.incomplete)}` }) : null);
+      notWhole(test.incomplete));
   }
 
   const heard = new Heard();
@@ -237,7 +236,14 @@ export async function open(place, params, context) {
     }
   }
   const readTestSoon = soon(500, readTest);
-  const readSourceSoon = soon(5000, async () => test.group && isOperator && !document.hidden && readSource());
+  /* After a change of the fleet; while nobody looks nothing is asked for. */
+  let isSourceDue = false;
+  const readSourceSoon = soon(5000, async () => {
+    isSourceDue = document.hidden;
+    if (test.group && isOperator && !isSourceDue) {
+      await readSource();
+    }
+  });
 
   /* ---- which time ---- */
 
@@ -399,8 +405,7 @@ export async function open(place, params, context) {
       }
     }
     showChoice(names, chosen);
-    fill(trouble, series.incomplete ? h("p", { class: "note", role: "status",
-      text: `Not everything could be read: ${clean(series.incomplete)}` }) : null);
+    fill(trouble, notWhole(series.incomplete));
     const states = [...curves.strip(series), ...tailStrip];
     fill(none, chosen.length > 0 ? null : states.length > 0
       ? emptyState("No values in this time", "The test has results, but none of them has a number to draw.")
@@ -657,8 +662,13 @@ export async function open(place, params, context) {
 
   /* ---- the fleet file ---- */
 
+  const fleetTag = {};
+  let sourceOf = null;
   async function readSource() {
     const head = h("h2", { id: "test-source", text: "In the fleet file" });
+    if (!test.group || !isOperator) {
+      sourceOf = null;
+    }
     if (!test.group) {
       fill(source, head, h("p", { class: "note",
         text: "This test is not of the fleet file: a plan of raw commands has it, or had it." }));
@@ -671,10 +681,12 @@ export async function open(place, params, context) {
       return;
     }
     try {
-      const fleet = await api.get("/api/v1/fleet", { signal: stop.signal });
-      if (!isOpen) {
+      const fleet = await api.get("/api/v1/fleet", { signal: stop.signal, etag: fleetTag });
+      const now = JSON.stringify([fleet.text, fleet.read_only, test.group, test.name]);
+      if (!isOpen || sourceOf === now) {
         return;
       }
+      sourceOf = now;
       const found = fleet.text ? findTest(fleet.text, test.group, test.name) : null;
       const lines = found ? fleet.text.split(/\r\n|\r|\n/).slice(found.from - 1, found.to) : [];
       const rest = lines.length - mostLines;
@@ -686,13 +698,14 @@ export async function open(place, params, context) {
           rest > 0 ? h("p", { class: "note", text: `and ${plural(rest, "more line")}` }) : null,
         ] : h("p", { class: "note", text: "The text in force has no test of this name in that group." }),
         h("div", { class: "actions" }, h("a", {
-          class: "button", href: to("fleet", { query: { line: found?.from } }),
+          class: "button", href: to("fleet", { query: found ? { line: found.from, group: test.group, test: test.name } : {} }),
           text: fleet.read_only ? "See it in the file" : "Change it in the editor",
         })));
     } catch (problem) {
       if (isOpen && problem.status === 0 && source.querySelector(".actions")) {
         hasMissed = true;
       } else if (isOpen) {
+        sourceOf = null;
         fill(source, head, group, failure(problem, readSource));
       }
     }
@@ -766,6 +779,9 @@ export async function open(place, params, context) {
     }
     if (isDue) {
       readSeriesSeen();
+    }
+    if (isSourceDue) {
+      readSourceSoon();
     }
   };
   document.addEventListener("visibilitychange", looks);

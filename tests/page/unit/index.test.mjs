@@ -1,9 +1,10 @@
 /* The shell has the browser fetch at once what main.js imports without being asked, and nothing else:
- * one that is missing costs a round trip, one too many is loaded for nothing. */
+ * one that is missing costs a round trip, one too many is loaded for nothing. And all of it is little. */
 import assert from "node:assert/strict";
 import { readdir, readFile } from "node:fs/promises";
 import { posix } from "node:path";
 import test from "node:test";
+import { gzipSync } from "node:zlib";
 
 const page = new URL("../../../collector/page/", import.meta.url);
 const text = (name) => readFile(new URL(name, page), "utf8");
@@ -44,4 +45,17 @@ test("no import leads to what is not there, and views are no part of the beginni
     await staticImports(name); /* reads each */
   }
   assert.deepEqual([...await staticImports("main.js")].filter((name) => name.startsWith("view/")), []);
+});
+
+test("all of the page is less than 150 KB, as it is served", async () => {
+  const files = (await readdir(page, { withFileTypes: true, recursive: true }))
+    .filter((each) => each.isFile() && each.name !== "content.cmake")
+    .map((each) => posix.join(each.parentPath ?? each.path, each.name));
+  assert.ok(files.length > 25, "they are found");
+  let bytes = 0;
+  for (const file of files) {
+    bytes += gzipSync(await readFile(file), { level: 9 }).length;
+  }
+  assert.ok(bytes < 150000, `${bytes} bytes`);
+  assert.ok(bytes > 75000, `${bytes} bytes: not all are found`);
 });

@@ -29,6 +29,13 @@ test("problems come before what is stale, and others that are unknown not at all
   assert.deepEqual(asked, ["problem", "problem", "stale"]);
 });
 
+test("what keeps an answer from being whole is said, whichever it was", async () => {
+  const { ask } = collector({ problem: 1200, stale: 3 });
+  const some = async (query) => ({ ...await ask(query), incomplete: query.next ? "not kept" : undefined });
+  assert.equal((await readProblems(some, 3000)).incomplete, "not kept");
+  assert.equal((await readProblems(ask, 3000)).incomplete, null);
+});
+
 test("it ends at the most, and says that there are more", async () => {
   const many = collector({ problem: 5000, stale: 5 });
   const found = await readProblems(many.ask, 3000);

@@ -8,6 +8,7 @@ import urllib.parse
 
 import browser
 from browser import ActionChains, Keys, harness
+from held import hold, let_go, wait_held
 from place import Collector, Told
 
 FLEET = """\
@@ -51,7 +52,7 @@ class Curve(browser.TestCase):
         super().setUp()
         self.collector = Collector(self).start()
         self.collector.apply(FLEET)
-        agent = Told(self.collector, "web-1")
+        agent = self.agent = Told(self.collector, "web-1")
         self.now = int(time.time())
         # A wave of a day and a half, one result a minute; it was too much an hour ago, for six minutes.
         agent.load((when, 10.0 if HOUR - 360 <= self.now - when < HOUR else 4 + 3 * math.sin(when / 3000))
@@ -204,6 +205,32 @@ class Curve(browser.TestCase):
         self.assertAlmostEqual(problem["width"] / whole, 360 / (6 * HOUR), delta=0.01)
         self.assertIn("problem 6 min", self.text("section[aria-labelledby=test-curve]"))
         self.assertIn("problem 6 min", self.js("return document.querySelector('svg.strip').getAttribute('aria-label')"))
+
+    def test_exact_times(self):
+        self.begin("?range=1h")
+        plot = self.find(".chart-place")
+        ActionChains(self.driver).move_to_element(plot).perform()
+        reading = self.wait("(() => { const note = document.querySelector('figure.chart .chart-note');"
+                            " return note.title !== '' && [note.textContent, note.title]; })()")
+        self.assertRegex(reading[0], r"^\d\d:\d\d:\d\d: [\d.]+")
+        self.assertIn(reading[0][:8], reading[1])
+        strip = self.find("figure.chart svg.strip")
+        ActionChains(self.driver).move_to_element(strip).perform()
+        self.wait("/^ok from .*\\d\\d:\\d\\d:\\d\\d.* to /.test(document.querySelector('svg.strip title')?.textContent)")
+
+    def test_results_that_come_before_their_curve(self):
+        """Of an answer that was on its way when they came."""
+        hold(self, "/series")
+        self.open(self.path + "?range=1h")
+        wait_held(self)
+        self.wait_live()
+        self.wait("document.querySelectorAll('section[aria-labelledby=test-results] tbody tr').length > 0")
+        self.agent.load([(self.now, 3.33)])
+        self.wait_text("3.33", "section[aria-labelledby=test-results]")
+        self.assertFalse(self.js("return document.querySelector('figure.chart')"))
+        let_go(self)
+        self.wait_drawn()
+        self.assertIn("newest 3.33", self.text("figure.chart"))
 
     def test_as_a_table(self):
         self.begin("?range=1h")

@@ -117,6 +117,56 @@ class Live(browser.TestCase):
         self.assertTrue(self.js("return window.hasSlept"))
 
 
+class Line(browser.Relay):
+    """One on which streams can die without an end: nothing comes of them any more, and nobody is told."""
+
+    def __init__(self, test, port):
+        self.streams_of, self.dead = {}, set()  # by the socket to the browser
+        super().__init__(test, port)
+
+    def die(self):
+        self.dead |= {here for here, streams in list(self.streams_of.items()) if streams[0] > 0}
+        return len(self.dead)
+
+    def _copy(self, source, target, streams=None):
+        here = target if streams is None else source
+        if streams is not None:
+            self.streams_of[here] = streams
+        super()._copy(source, self.End(self, here, target), streams)
+
+    class End:
+        def __init__(self, line, here, socket):
+            self.line, self.here, self.socket = line, here, socket
+
+        def sendall(self, data):
+            if self.here not in self.line.dead:
+                self.socket.sendall(data)
+
+        def shutdown(self, how):
+            self.socket.shutdown(how)
+
+
+@harness.needs_namespaces
+class DeadLine(browser.TestCase):
+    def test_a_line_that_dies_without_an_end(self):
+        """Only its silence says so: the server says something each quarter of a minute."""
+        place = Place(self, "web-1", fleet=FLEET).settle(1)
+        line = Line(self, place.collector.web_port)
+        self.begin_browser("http://127.0.0.1:%d" % line.port)
+        self.sign_in_by_cookie(place.collector.token)
+        self.open("/")
+        self.wait_live()
+        self.wait("document.querySelectorAll('.tile').length === 1")
+        self.js("""window.states = [];
+            new MutationObserver(() => window.states.push(document.getElementById('connection').dataset.state))
+              .observe(document.getElementById('connection'), {attributes: true, attributeFilter: ['data-state']});""")
+        self.assertEqual(line.die(), 1)
+        place.hosts["web-1"].set_load(9.5)
+        harness.wait_until(lambda: place.tests()[0]["state"] == "problem", "the collector to know")
+        self.wait("/^away,(.*,)?live$/.test(window.states.join())", timeout_s=120)
+        self.wait("document.querySelector('.problems .problem')?.dataset.state === 'problem'")
+
+
 @harness.needs_namespaces
 class Back(browser.TestCase):
     def test_an_agent_that_is_back(self):

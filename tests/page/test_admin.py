@@ -96,11 +96,10 @@ class Admission(browser.TestCase):
         self.wait_heading("Admission")
 
     def wait_proven(self):
-        """The list of names is asked for each half minute; nobody wants to wait for that here."""
+        """Who is invited or has no certificate yet is asked for more often than all names are, each half minute."""
         path = "/api/v1/agents/%s%%2Fweb-1/enrolment" % ACCOUNT
         harness.wait_until(lambda: self.collector.get(path)["state"] == "proven", "the host to be proven")
-        self.driver.refresh()
-        self.wait_text("proven", "table")
+        self.wait_text("proven", "table", timeout_s=20)
 
     def test_from_an_invitation_to_a_tile(self):
         self.begin()

@@ -133,8 +133,11 @@ class Screens(browser.TestCase):
         wait_held(self)
         self.wait_live()
         self.place.hosts["web-1"].set_load(9.5)
-        harness.wait_until(lambda: any(each["state"] == "problem" and each["name"] == "load"
-                                       for each in self.place.tests()), "the collector to know")
+        self.new_tab()  # which has the same stream
+        self.open("/")
+        self.wait_text("load", ".problems")
+        self.switch_to(self.tab)
+        self.frames()
         let_go(self)
         self.wait(of + ".some((each) => each.dataset.state === 'problem')", "load")
         Host(self, self.collector, "web-2")

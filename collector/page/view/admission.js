@@ -208,7 +208,7 @@ export async function open(place, params, context) {
     captionHidden: true,
     keyOf,
     version: (who) => JSON.stringify([who.state, who.admitted, who.by, who.revoked, who.certificate,
-      who.invited, who.agent]),
+      who.invited, who.needs_certificate, who.agent]),
     columns: [
       { title: "Name", heading: true, cell: (who) => agentLink({ ...who, id: who.agent },
         { text: keyOf(who) }) },
@@ -332,7 +332,7 @@ export async function open(place, params, context) {
       if (!document.hidden || isDue) {
         /* Who is invited, or admitted without a certificate, is soon something else. */
         const isWhole = isDue || Date.now() - readAllAt > allAgainMs ||
-          all.some((who) => who.state === "invited" || who.needs_certificate);
+          all.some((who) => who.invited || who.needs_certificate);
         isDue = false;
         const isOther = isWhole ? (await readAll(), true) : await readWaiting();
         fill(status);

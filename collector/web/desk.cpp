@@ -105,14 +105,16 @@ desk_answer desk::answer(const request_head& head, std::string_view body, const 
                                        " MB: ask for less of it, with limit, from and to.");
         }
     } catch (const problem& p) {
-        const bool for_a_person = p.status == 404 && head.only_reads() &&
-                                  !head.path().starts_with("/api/") &&
-                                  head.accept.find("text/html") != std::string::npos;
-        out.answer = for_a_person ? page_of_nothing() : answer_of(p);
+        out.answer = answer_of(p);
     } catch (const std::exception& e) {
         log_("web: " + printable(e.what()));
         out.answer =
             answer_of(web_problem(500, "That did not work; the collector's log says more."));
+    }
+    const bool for_a_person = head.only_reads() && !head.path().starts_with("/api/") &&
+                              head.accept.find("text/html") != std::string::npos;
+    if (out.answer.status == 404 && for_a_person) {
+        out.answer = page_of_nothing();
     }
     return out;
 }

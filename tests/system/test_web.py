@@ -85,6 +85,16 @@ class Web(harness.TestCase):
         self.collector.stop()
         self.assertFalse(os.path.exists(os.path.join(self.collector.state, "web-url")))
 
+    def test_an_address_of_nothing(self):
+        self.start()
+        by_hand = "text/html,application/xhtml+xml,*/*;q=0.8"
+        for path in ("/nosuch", "/fleet/", "/agents/", "/page/0/main.js"):
+            for accept, kind in ((by_hand, "text/html; charset=utf-8"), ("*/*", "application/problem+json")):
+                status, headers, _ = self.ask("GET", path, Accept=accept)
+                self.assertEqual((status, headers["Content-Type"]), (404, kind), path)
+        status, headers, _ = self.ask("GET", "/api/v1/nothing", Accept=by_hand)
+        self.assertEqual((status, headers["Content-Type"]), (404, "application/problem+json"))
+
     def test_a_port_that_was_asked_for_and_is_taken(self):
         with socket.create_server(("127.0.0.1", 0)) as taken:
             where = f"127.0.0.1:{taken.getsockname()[1]}"

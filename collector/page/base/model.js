@@ -17,7 +17,7 @@
  * SILENCE  Of a silent agent all tests are unknown, the API says, and when it is back they are what they
  * were, without events. So takeMessage() says of which agents the tests have to be asked for `again`: those
  * that are back, and whose number of problems is not the one that is known here. Give what was answered to
- * addProblems(). What was unknown while the agent was silent is forgotten when it is back.
+ * setProblemsOf(). What was unknown while the agent was silent is forgotten when it is back.
  *
  * WORK  A message costs the same whatever the number of agents; lists in order are made when they are asked
  * for, and kept until they change. */
@@ -25,6 +25,7 @@ import { byName, byTest, newestFirst, stateRank } from "./order.js";
 import { shortened } from "./text.js";
 
 const mostOfMessage = 2000;
+const mostBehind = 10; /* agents that are asked for one by one when a list was cut */
 
 const isId = (id) => Number.isInteger(id) && id > 0;
 /* Not what is unknown without being stale: nothing has come of it, or its agent is silent. */
@@ -207,16 +208,24 @@ export class Model {
    * All tests that are wrong, as GET /api/v1/tests?state=problem,stale lists them. Others that are known
    * are so no more and are forgotten; of those that are watched nothing is said.
    * @param {object[]} items
+   * @param {{isMore?: boolean}} [how] the list was cut: the newest of the others stay, and are to be asked for
+   *   by their agents, which are in `again`
    * @returns {Changed}
    */
-  setProblems(items) {
+  setProblems(items, { isMore = false } = {}) {
     const changed = newChanged();
-    const listed = new Set(items.map((item) => item?.id));
     this.#hasProblems = true;
     this.#worst.forgetOrder();
-    for (const id of [...this.tests.keys()]) {
-      const notes = this.#testNotes.get(id);
-      if (!listed.has(id) && notes.watched === 0 && notes.heard <= this.#sureFrom) {
+    const old = this.#unlisted(this.tests.keys(), items).map((id) => this.tests.get(id));
+    if (isMore) {
+      for (const { agent } of old.filter(isBad).sort((a, b) => newestFirst(a.since, b.since))) {
+        if (changed.again.size < mostBehind && isId(agent?.id)) {
+          changed.again.add(agent.id);
+        }
+      }
+    }
+    for (const { id, agent } of old) {
+      if (!changed.again.has(agent?.id)) {
         this.#removeTest(id, changed);
       }
     }
@@ -224,12 +233,24 @@ export class Model {
   }
 
   /**
-   * Some of them, as of an agent that was told of in `again`.
+   * Those of an agent, as one that was told of in `again`. Others of it are so no more.
+   * @param {number} agentId
    * @param {object[]} items
    * @returns {Changed}
    */
-  addProblems(items) {
-    return this.#listTests(items, newChanged());
+  setProblemsOf(agentId, items) {
+    const changed = newChanged();
+    this.#unlisted(this.#notesOfAgent(agentId).tests, items).forEach((id) => this.#removeTest(id, changed));
+    return this.#listTests(items, changed);
+  }
+
+  /* Tests that a list has not, nor has a message said anything of them. */
+  #unlisted(ids, items) {
+    const listed = new Set(items.map((item) => item?.id));
+    return [...ids].filter((id) => {
+      const notes = this.#testNotes.get(id);
+      return !listed.has(id) && notes.watched === 0 && notes.heard <= this.#sureFrom;
+    });
   }
 
   /**

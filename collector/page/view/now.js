@@ -384,14 +384,18 @@ export async function open(place, params, context) {
     if (newOnes.length > 0) {
       sayNew();
     }
-    if (again.size > 0) {
-      againTimer ||= setTimeout(askAgain, againMs);
-    }
+    askAgainSoon();
   }
 
   /* Agents of whose tests the stream did not say everything, as of those that are back from silence. */
   const again = new Set();
   let againTimer = 0;
+
+  function askAgainSoon() {
+    if (again.size > 0) {
+      againTimer ||= setTimeout(askAgain, againMs);
+    }
+  }
 
   async function askAgain() {
     const ids = [...again];
@@ -403,7 +407,8 @@ export async function open(place, params, context) {
       }
       for (const id of ids) {
         const items = await api.pages("/api/v1/tests", { agent: id, state: "problem,stale" }, { signal });
-        changed.tests ||= model.addProblems(items).tests.size > 0;
+        const { tests } = model.setProblemsOf(id, items);
+        changed.tests ||= tests.size > 0;
       }
       if (!isOver() && changed.tests) {
         showSoon();
@@ -456,7 +461,8 @@ export async function open(place, params, context) {
     left = isMore;
     why.problems = incomplete;
     fill(notAll, notWhole(why.agents ?? why.problems));
-    model.setProblems(items);
+    model.setProblems(items, { isMore }).again.forEach((id) => again.add(id));
+    askAgainSoon();
     hasTests = changed.tests = true;
     await show();
   }

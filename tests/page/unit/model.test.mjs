@@ -185,7 +185,7 @@ test("tests of a silent agent are not told of, and asked for again when it is ba
   assert.deepEqual([...changed.again], [1]);
   changed = model.takeMessage(back);
   assert.equal(changed.again.size, 0, "once");
-  model.addProblems([aTest(12, 1), aTest(13, 1)]);
+  model.setProblemsOf(1, [aTest(12, 1), aTest(13, 1)]);
   assert.equal(model.takeMessage(back).again.size, 0);
   assert.deepEqual(keys(model), ["test-12", "test-13"]);
 });
@@ -222,6 +222,28 @@ test("after something was lost lists count alone", () => {
   model.takeMessage({ kind: "lost" });
   model.setProblems([aTest(12, 1, { since: at(100), state: "unknown", stale: true })]);
   assert.equal(model.tests.get(12).state, "unknown");
+});
+
+test("of a list that was cut the newest others stay, until their agents are asked", () => {
+  const all = Array.from({ length: 14 }, (each, i) => agent(i + 1));
+  const model = some(...all);
+  for (const { id } of all) {
+    model.takeMessage(event(id, 100 + id, "ok", "problem", 200 + id));
+  }
+  model.takeMessage(event(14, 99, "ok", "problem", 1)); /* of an agent that is asked anyway */
+  model.takeMessage({ kind: "lost", data: {} });
+  const changed = model.setProblems([aTest(101, 1), aTest(500, 2)], { isMore: true });
+  assert.deepEqual([...changed.again], [14, 13, 12, 11, 10, 9, 8, 7, 6, 5]);
+  assert.deepEqual([...model.tests.keys()].sort((a, b) => a - b),
+    [99, 101, 105, 106, 107, 108, 109, 110, 111, 112, 113, 114, 500]);
+  model.setProblemsOf(14, [aTest(114, 14)]);
+  assert.equal(model.tests.has(99), false, "it is so no more");
+  assert.equal(model.tests.has(114), true);
+  model.takeMessage(event(13, 98, "ok", "problem", 400));
+  model.setProblemsOf(13, []);
+  assert.deepEqual([model.tests.has(113), model.tests.has(98)], [false, true], "the stream knows more");
+  model.setProblems([aTest(500, 2)]);
+  assert.deepEqual([...model.tests.keys()].sort((a, b) => a - b), [98, 500]);
 });
 
 test("a retired agent goes with its tests, and may come back", () => {

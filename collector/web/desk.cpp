@@ -56,6 +56,11 @@ std::optional<problem> desk::refuse(const request_head& head, const web_peer& fr
     return {};
 }
 
+bool desk::counts(const request_head& head) {
+    return head.only_reads() ? !is_of_page(head.path())
+                             : head.path() != "/sign-in" || head.method != "POST";
+}
+
 std::optional<api_answer> desk::answer_at_once(const request_head& head, const web_peer& from) {
     if ((head.path() != "/healthz" && head.path() != "/readyz") || !head.only_reads() ||
         head.content_length > 0) {

@@ -46,6 +46,11 @@ public:
      * page, too large. Waits for nothing. */
     std::optional<problem> refuse(const request_head& head, const web_peer& from) const;
 
+    /* Whether it is one of the requests of which each may make so many a minute. The page and
+     * signing in are not: strangers share an address, behind a proxy and on loopback, and one who
+     * asks for much would shut the others out. Attempts that fail have a limit of their own. */
+    static bool counts(const request_head& head);
+
     /* The answer where it waits for nothing: whether the collector is there, and stores.
      * Whoever asks that and is not answered starts it anew, and would do so whenever the store is
      * slow. */

@@ -91,11 +91,29 @@ const std::string& packed(const page_file& file) {
     return all.at(file.name);
 }
 
+/* Null: there is none, or not of this version. */
+const page_file* file_at(std::string_view path) {
+    if (!path.starts_with(folder)) {
+        return nullptr;
+    }
+    path.remove_prefix(folder.size());
+    const size_t slash = path.find('/');
+    if (slash == path.npos || path.substr(0, slash) != page_version()) {
+        return nullptr;
+    }
+    const page_file* file = find(path.substr(slash + 1));
+    return file != nullptr && file->name != shell_name ? file : nullptr;
+}
+
 } // namespace
 
 const std::string& page_version() {
     static const std::string version = make_version();
     return version;
+}
+
+bool is_of_page(std::string_view path) {
+    return is_screen(path) || file_at(path) != nullptr;
 }
 
 std::optional<api_answer> page_answer(std::string_view path) {
@@ -105,12 +123,8 @@ std::optional<api_answer> page_answer(std::string_view path) {
     if (!path.starts_with(folder)) {
         return {};
     }
-    path.remove_prefix(folder.size());
-    const size_t slash = path.find('/');
-    const page_file* file = slash == path.npos || path.substr(0, slash) != page_version()
-                                ? nullptr
-                                : find(path.substr(slash + 1));
-    if (file == nullptr || file->name == shell_name) {
+    const page_file* file = file_at(path);
+    if (file == nullptr) {
         throw_not_found("There is no such file of the page, or it was of another version: load the "
                         "page again.");
     }

@@ -23,6 +23,9 @@ std::span<const page_file> page_files();
 /* Changes with any byte of any file. */
 const std::string& page_version();
 
+/* Whether it is the shell or one of the files: constants, as cheap to give out as to refuse. */
+bool is_of_page(std::string_view path);
+
 /* What GET of this path is answered with; none when it is not the page's. A file of another version
  * is not there (404): a tab that was opened before an upgrade has to be loaded anew. */
 std::optional<api_answer> page_answer(std::string_view path);

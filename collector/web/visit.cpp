@@ -487,7 +487,8 @@ std::optional<api_answer> visit::take_head(caller_key& who, bool& keep) {
     const int64_t holder = room_.callers.remembered(asked_->secret(), room_.with.now()).holder;
     known_ = holder != 0;
     who = {known_, known_ ? uint64_t(holder) : from_.address_key};
-    if (int seconds = room_.requests.take(who, clock::now())) {
+    int seconds = desk::counts(*asked_) ? room_.requests.take(who, clock::now()) : 0;
+    if (seconds > 0) {
         keep = keep && asked_->content_length == 0;
         return too_often("More than " + std::to_string(limits.requests_a_minute) +
                              " requests a minute.",

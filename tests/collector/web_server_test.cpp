@@ -598,6 +598,19 @@ TEST_F(web_server_test, too_many_requests) {
     for (int i = 0; i < 20; i++) {
         EXPECT_EQ(c.get("/healthz").status, 200) << "it is there, whoever asks for much";
     }
+    /* Others at that address may look at the page and sign in, though nobody may ask for more. */
+    const std::string main = "/page/" + page_version() + "/main.js";
+    for (int i = 0; i < 20; i++) {
+        EXPECT_EQ(c.get("/").status, 200);
+        EXPECT_EQ(c.get(main).status, 200);
+        EXPECT_EQ(c.get("/agents/7").status, 200);
+        EXPECT_EQ(c.ask("POST", "/sign-in", "", "{\"token\":\"" + token + "\"}").status, 204);
+    }
+    for (const char* path : {"/page/x/main.js", "/page/", "/nothing", "/sign-in"}) {
+        EXPECT_EQ(c.get(path).status, 429) << path;
+    }
+    EXPECT_EQ(c.ask("PUT", "/sign-in", "", "{}").status, 429);
+    EXPECT_EQ(web_client(port()).ask("POST", "/", "", "{}").status, 429);
 }
 
 TEST_F(web_server_test, a_session_takes_from_its_token) {

@@ -370,11 +370,12 @@ const schema_def schemas[] = {
     {"text", R"json(
 {"type":"string"})json"},
     {"token", R"json(
-{"type":"object","required":["id","name","role","kind","made","ends"],
+{"type":"object","required":["id","name","role","kind","made","ends","own"],
 "properties":{"id":{"type":"integer","minimum":1},"name":{"type":"string"},
 "role":{"enum":["viewer","operator","admin"]},"kind":{"enum":["token","session"]},
 "made":{"type":["string","null"],"format":"date-time"},"ends":{"type":["string","null"],
-"format":"date-time"}},"additionalProperties":false})json"},
+"format":"date-time"},"own":{"type":"boolean",
+"description":"Whether it is the one that asks."}},"additionalProperties":false})json"},
     {"tokens", R"json(
 {"type":"object","required":["items","next"],"properties":{"items":{"type":"array",
 "items":{"$ref":"#/components/schemas/token"}},"next":{"type":["string","null"],

@@ -61,6 +61,7 @@ api_answer list_tokens(const api_request& asked, api_services& with) {
             break;
         }
         items.push_back(token_object(token));
+        items.back().as_object().emplace("own", token.id == asked.who.token);
         last = token.id;
     }
     return answer_with(list_of(asked, std::move(items), next, ""));

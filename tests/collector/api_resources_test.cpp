@@ -808,6 +808,7 @@ TEST_F(api_resources_test, tokens_are_shown_once) {
     EXPECT_EQ(other.audit, "added token bob with the role admin");
     EXPECT_EQ(other.audit.find("vt_"), std::string::npos);
     EXPECT_EQ(pages("/api/v1/tokens", "name", 1), "grafana bob");
+    EXPECT_EQ(pages("/api/v1/tokens", "own", 1), "true false") << "1 asks";
     EXPECT_EQ(refused("/api/v1/tokens", 409, "POST", "{\"name\":\"bob\",\"role\":\"viewer\"}"),
               "There is a token of the name \"bob\" already: remove it first, or choose another "
               "name.");

@@ -169,16 +169,14 @@ class Live {
   /** Once it is live, or when that takes longer: what is read after it is live need not be read again. */
   soon(ms) {
     return new Promise((resolve) => {
-      const off = this.onState(() => done());
-      const timer = setTimeout(() => done(), ms);
       const done = () => {
         off();
         clearTimeout(timer);
         resolve();
       };
-      if (this.state.state !== "connecting") {
-        done();
-      }
+      const look = ({ state }) => (state === "connecting" ? null : done());
+      const off = this.onState(look), timer = setTimeout(done, ms);
+      look(this.state);
     });
   }
 

@@ -1,6 +1,8 @@
 #!/usr/bin/python3
 """The stream: a collector that goes away and comes back under the page, several tabs, one that sleeps."""
 
+import urllib.parse
+
 import browser
 from browser import harness
 from place import Place
@@ -122,6 +124,7 @@ class Line(browser.Relay):
 
     def __init__(self, test, port):
         self.streams_of, self.dead = {}, set()  # by the socket to the browser
+        self.asked = []  # what streams were asked for
         super().__init__(test, port)
 
     def die(self):
@@ -139,11 +142,43 @@ class Line(browser.Relay):
             self.line, self.here, self.socket = line, here, socket
 
         def sendall(self, data):
+            if data.startswith(b"GET /api/v1/stream?"):
+                query = data.split(b" ")[1].partition(b"?")[2].decode()
+                self.line.asked.append(dict(urllib.parse.parse_qsl(query)))
             if self.here not in self.line.dead:
                 self.socket.sendall(data)
 
         def shutdown(self, how):
             self.socket.shutdown(how)
+
+
+@harness.needs_namespaces
+class Wishes(browser.TestCase):
+    def test_results_of_what_the_tabs_look_at(self):
+        place = Place(self, "web-1", "web-2", fleet=FLEET).settle(2)
+        line = Line(self, place.collector.web_port)
+        self.begin_browser("http://127.0.0.1:%d" % line.port)
+        self.sign_in_by_cookie(place.collector.token)
+        self.open("/")
+        self.wait_live()
+        self.assertEqual(line.asked, [{"kind": "agent,change,event"}])
+        test, agent = place.test_id("web-1", "load"), place.agent_id("web-2")
+        both = {"kind": "agent,change,event,result", "result_agent": str(agent), "result_test": str(test)}
+        newest = "document.querySelector('section[aria-labelledby=%s] time')?.dateTime"
+        self.open("/tests/%d?range=1h" % test)
+        first = self.wait(newest % "test-results")
+        self.wait(newest % "test-results" + " > arguments[0]", first, what="a result that comes by itself")
+        self.assertEqual(line.asked[-1], {name: both[name] for name in ("kind", "result_test")})
+        other = self.new_tab()
+        self.open("/agents/%d" % agent)
+        first = self.wait(newest % "agent-polls")
+        self.wait(newest % "agent-polls" + " > arguments[0]", first, what="a poll that comes by itself")
+        self.assertEqual(line.asked[-1], both)
+        self.switch_to(self.tab)
+        first = self.wait(newest % "test-results")
+        self.wait(newest % "test-results" + " > arguments[0]", first, what="one after the other tab was opened")
+        self.assertEqual((line.asked[-1], line.streams), (both, 1))
+        self.switch_to(other)
 
 
 @harness.needs_namespaces

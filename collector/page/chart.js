@@ -350,7 +350,8 @@ export function createChart(place, { label }) {
     const x = event.clientX - strip.getBoundingClientRect().left;
     const time = area ? shown.from + (x - area.x) / area.w * (shown.to - shown.from) : NaN;
     const part = shown?.strip.findLast(({ from, to }) => ms(from) <= time && time <= ms(to));
-    stripTitle.textContent = part ? `${part.state} from ${exact(ms(part.from))} to ${exact(ms(part.to))}` : "";
+    stripTitle.textContent = part
+      ? `${part.state} from ${exact(ms(part.from))} to ${exact(ms(part.to))}` : "";
   });
 
   function sayStrip() {

@@ -10,7 +10,8 @@ import * as parts from "./parts.js";
 import { showSignIn, whyNot } from "./signIn.js";
 
 const product = "Vindral";
-const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000, liveWithin = 300;
+const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000,
+  liveWithin = 300;
 
 const modules = ["now", "agent", "test", "events", "fleet", "changes", "admission", "tokens", "secrets"];
 const forAdmins = ["admission", "tokens", "secrets"];

@@ -216,7 +216,7 @@ class Curve(browser.TestCase):
         self.assertIn(reading[0][:8], reading[1])
         strip = self.find("figure.chart svg.strip")
         ActionChains(self.driver).move_to_element(strip).perform()
-        self.wait("/^ok from .*\\d\\d:\\d\\d:\\d\\d.* to /.test(document.querySelector('svg.strip title')?.textContent)")
+        self.wait(r"/^ok from .*\d\d:\d\d:\d\d.* to /.test(document.querySelector('svg.strip title')?.textContent)")
 
     def test_results_that_come_before_their_curve(self):
         """Of an answer that was on its way when they came."""

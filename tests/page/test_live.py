@@ -229,5 +229,28 @@ class Back(browser.TestCase):
         self.wait(states + " === 'problem,ok'")
 
 
+@harness.needs_namespaces
+class Curves(browser.TestCase):
+    def test_those_that_could_not_be_read(self):
+        """Where the collector was not well, they are asked for again."""
+        place = Place(self, "web-1", fleet=FLEET).settle(1)
+        self.begin_browser(place.collector.base)
+        self.sign_in_by_cookie(place.collector.token)
+        self.cdp("Page.addScriptToEvaluateOnNewDocument", source="""const ask = window.fetch;
+            window.refused = 0;
+            window.fetch = async (...asked) => {
+              if (!String(asked[0]).includes('/series?') || window.isWell) {
+                return ask(...asked);
+              }
+              window.refused++;
+              return Response.json({title: 'Internal error'}, {status: 500});
+            };""")
+        self.open("/agents/%d" % place.agent_id("web-1"))
+        self.wait("window.refused > 0")
+        self.wait("document.querySelector('.spark')?.ariaLabel === 'The curve could not be read'")
+        self.js("window.isWell = true")
+        self.wait("document.querySelector('.spark .spark-line') !== null")
+
+
 if __name__ == "__main__":
     harness.main()

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Every screen of the page against a real collector with real agents, and what happens while somebody looks at it."""
 
+import json
 import time
 
 import browser
@@ -166,6 +167,20 @@ class Screens(browser.TestCase):
         self.wait_heading("Changes")
         self.wait_text("nginx", "#main")
         self.wait_text("confirmed", "#main")
+
+    def test_what_somebody_left_is_not_for_another(self):
+        self.open("/")
+        self.wait_text("system test, admin", "#who")
+        self.js("sessionStorage.setItem('fleet-draft', 'a text with a password')")
+        self.driver.refresh()
+        self.wait_text("system test, admin", "#who")
+        self.assertIsNotNone(self.js("return sessionStorage.getItem('fleet-draft')"))
+        status, _, made = self.collector.ask("/api/v1/tokens", "POST", '{"name": "ada", "role": "admin"}')
+        self.assertEqual(status, 201, made)
+        self.sign_in_by_cookie(json.loads(made)["token"])
+        self.driver.refresh()
+        self.wait_text("ada, admin", "#who")
+        self.assertIsNone(self.js("return sessionStorage.getItem('fleet-draft')"))
 
     def test_lists_are_read_once(self):
         """When the stream is there, unless that takes long: then nothing has to be read again because of it."""

@@ -9,8 +9,8 @@ import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
-import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, notWhole, setBadge, setTime, testLink,
-  timeElement } from "../parts.js";
+import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, notWhole, setBadge, setTime,
+  testLink, timeElement } from "../parts.js";
 
 const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
   onceLiveMs = 1500, curvesAgainMs = 10000;
@@ -344,7 +344,8 @@ export async function open(place, params, context) {
     }
     item.isOld = false;
     const name = mainValue(test);
-    const version = `${isNothing(test)} ${test.time} ${test.since} ${test.state} ${test.stale} ${test.message} ${name}`;
+    const { time: newest, since, state: known, stale, message: text } = test;
+    const version = [isNothing(test), newest, since, known, stale, text, name].join(" ");
     if (item.version === version) {
       return;
     }
@@ -579,7 +580,8 @@ export async function open(place, params, context) {
     fill(ledger, h("p", { text: sentence }),
       svg("svg", { class: "strip", viewBox: `0 0 ${dayHours} 1`, preserveAspectRatio: "none", role: "img",
         "aria-label": `The last 24 hours. ${sentence}` }, cells),
-      h("p", { class: "spread note" }, h("span", { title: exact(begin), text: clock(begin) }), h("span", { text: "now" })),
+      h("p", { class: "spread note" }, h("span", { title: exact(begin), text: clock(begin) }),
+        h("span", { text: "now" })),
       worst.length > 0
         ? plainList(worst.slice(-most).map((hour) => h("li", { class: "note",
           title: exact(hour.hour), text: inWords(hour) }))) : null,

@@ -374,11 +374,13 @@ export async function open(place, params, context) {
 
   /* The stream does not say in which groups an agent is. */
   async function readMembers(signal) {
-    const found = await api.pages("/api/v1/agents", { group: query.get("group") }, { signal });
+    const group = query.get("group");
+    const found = await api.pages("/api/v1/agents", { group }, { signal });
     signal?.throwIfAborted();
-    members = new Set(found.map((each) => each.id));
-    hasMissed = false;
-    strangers.clear();
+    if (group === query.get("group")) {
+      members = new Set(found.map((each) => each.id));
+      strangers.clear();
+    }
   }
 
   /* Agents join later, or become members: of one that was no member it is asked once, and after each change
@@ -397,9 +399,11 @@ export async function open(place, params, context) {
           await readMembers();
           known.forEach((id) => strangers.add(id));
           if (!isClosed && asked === textOf(query) && [...members].some((id) => !before?.has(id))) {
-            begin();
+            catchUp();
           }
-        } catch { /* at the next event of another one */ }
+        } catch { /* at the next event of one of them */
+          strangers.clear();
+        }
       }, membersAgainMs);
     }
   }
@@ -417,6 +421,7 @@ export async function open(place, params, context) {
     show();
     try {
       members = null;
+      hasMissed = false;
       await busy(Promise.all([read(mine.signal), query.has("group") ? readMembers(mine.signal) : null]),
         status,
         "Loading events");
@@ -424,6 +429,7 @@ export async function open(place, params, context) {
         request = null;
         await show();
         if (hasMissed) {
+          hasMissed = false;
           catchUp();
         }
       }

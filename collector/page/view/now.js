@@ -138,13 +138,14 @@ export async function open(place, params, context) {
 
   function showProblems() {
     const all = model.worstFirst().map(itemOf);
+    const ofAll = `${whole(all.length)}${left ? " and more" : ""}`;
     problemsHeading.textContent = all.length === 0 ? "What is wrong"
-      : `What is wrong (${whole(all.length)}${left ? " and more" : ""})`;
+      : `What is wrong (${ofAll})`;
     fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
       : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
         "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
     const isCut = all.length > mostShown;
-    fill(moreProblems, isCut ? `The first ${whole(mostShown)} of ${whole(all.length)}${left ? " and more" : ""}. `
+    fill(moreProblems, isCut ? `The first ${whole(mostShown)} of ${ofAll}. `
       : "There are more tests that are not ok. ", "All of an agent stand on its own screen.");
     moreProblems.hidden = !left && !isCut;
     problems.hidden = all.length === 0;
@@ -453,8 +454,8 @@ export async function open(place, params, context) {
   }
 
   async function readProblems() {
-    const { items, isMore, incomplete } = await problemsOf((query) => api.get("/api/v1/tests", { query, signal }),
-      mostProblems);
+    const ask = (query) => api.get("/api/v1/tests", { query, signal });
+    const { items, isMore, incomplete } = await problemsOf(ask, mostProblems);
     if (isOver()) {
       return;
     }

@@ -10,8 +10,8 @@ import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
 import { announce, fill, h, inFrames, throttle } from "../dom.js";
 import {
-  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, notWhole, oneByOne, setBadge, setTime,
-  table, timeElement,
+  agentLink, badge, busy, emptyState, eventItem, fact, failure, headed, message, notWhole, oneByOne, setBadge,
+  setTime, table, timeElement,
 } from "../parts.js";
 
 const day = 86400000;
@@ -514,7 +514,7 @@ export async function open(place, params, context) {
     if (meanwhile.length > mostResults) {
       meanwhile.shift();
     }
-    if (!series || !range.range) {
+    if (!series || !range.range || isDue) {
       return;
     }
     range = rangeIn(query);
@@ -698,7 +698,8 @@ export async function open(place, params, context) {
           rest > 0 ? h("p", { class: "note", text: `and ${plural(rest, "more line")}` }) : null,
         ] : h("p", { class: "note", text: "The text in force has no test of this name in that group." }),
         h("div", { class: "actions" }, h("a", {
-          class: "button", href: to("fleet", { query: found ? { line: found.from, group: test.group, test: test.name } : {} }),
+          class: "button", href: to("fleet", { query: found
+            ? { line: found.from, group: test.group, test: test.name } : {} }),
           text: fleet.read_only ? "See it in the file" : "Change it in the editor",
         })));
     } catch (problem) {

@@ -203,6 +203,22 @@ test("after sleep it is opened anew at once", async () => {
   assert.equal(world.requests.length, 3);
 });
 
+test("several things that say that somebody looks again are one", async () => {
+  const { world, stream } = begin();
+  stream.want(["event"]);
+  world.last.accept();
+  await turn();
+  world.now += 3600000;
+  stream.wake();
+  stream.wake();
+  await world.pass(1000);
+  stream.wake();
+  assert.equal(world.requests.length, 2);
+  await world.pass(1000); /* no answer in two seconds is in doubt again */
+  stream.wake();
+  assert.equal(world.requests.length, 3);
+});
+
 test("what else is wanted is asked for at once, what is not any more is let go later", async () => {
   const { world, messages, states, stream } = begin();
   stream.want(["event"]);
@@ -437,12 +453,14 @@ class Log {
       const [kinds, agents, tests] = [query.get("kind").split(","), ids("result_agent"), ids("result_test")];
       const lastId = request.headers["Last-Event-ID"];
       const at = lastId ? Number(lastId.split("-")[1]) : this.stored.length;
+      const isOfAll = agents.length + tests.length === 0;
       this.#served.set(request, { at, wanted: ({ kind, agent, id }) => kinds.includes(kind)
-        && (kind !== "result" || agents.length + tests.length === 0 || agents.includes(agent) || tests.includes(id)) });
+        && (kind !== "result" || isOfAll || agents.includes(agent) || tests.includes(id)) });
       request.accept(`id: 1.1-${at}\n\n`);
     }
     const served = this.#served.get(request);
-    const text = this.stored.map((each, i) => ({ ...each, number: i + 1 })).slice(served.at).filter(served.wanted)
+    const text = this.stored.map((each, i) => ({ ...each, number: i + 1 }))
+      .slice(served.at).filter(served.wanted)
       .map(({ kind, agent, id, number }) => `id: 1.1-${number}\nevent: ${kind}\n`
         + `data: {"number":${number},"agent":{"id":${agent}},"test":{"id":${id}}}\n\n`).join("");
     served.at = this.stored.length;

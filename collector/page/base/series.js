@@ -2,7 +2,7 @@
  * values, and the times that are looked at.
  *
  * Times are milliseconds since the epoch, where they are no Dates and no texts of the API. */
-import { apiTime, clean, number } from "./text.js";
+import { apiTime, clean, now as presentTime, number } from "./text.js";
 
 const second = 1000;
 const minute = 60 * second;
@@ -290,7 +290,7 @@ const inMilliseconds = (time) => (typeof time === "string" ? Date.parse(time) : 
  * @param {number} [now]
  * @returns {Range}
  */
-export function clampRange({ from, to }, now = Date.now()) {
+export function clampRange({ from, to }, now = presentTime()) {
   const span = Math.min(Math.max(to - from, leastSpan), mostSpan) || leastSpan;
   const end = Math.max(Math.min(isNumber(to) ? to : now, now), span);
   return { from: end - span, to: end };
@@ -303,7 +303,7 @@ export function clampRange({ from, to }, now = Date.now()) {
  * @param {number} [now]
  * @returns {Range}
  */
-export function zoomed({ from, to }, factor, at = (from + to) / 2, now = Date.now()) {
+export function zoomed({ from, to }, factor, at = (from + to) / 2, now = presentTime()) {
   return clampRange({ from: at - (at - from) * factor, to: at + (to - at) * factor }, now);
 }
 
@@ -313,7 +313,7 @@ export function zoomed({ from, to }, factor, at = (from + to) / 2, now = Date.no
  * @param {number} [now]
  * @returns {Range}
  */
-export function panned({ from, to }, share, now = Date.now()) {
+export function panned({ from, to }, share, now = presentTime()) {
   const by = (to - from) * share;
   return clampRange({ from: from + by, to: to + by }, now);
 }
@@ -325,7 +325,7 @@ export function panned({ from, to }, share, now = Date.now()) {
  * @returns {Range & {range: ?string}} `range` is the word where the time ends now and goes on with it, else
  *   null
  */
-export function readRange(query, now = Date.now()) {
+export function readRange(query, now = presentTime()) {
   const to = query.has("to") ? Date.parse(query.get("to")) : now;
   const from = query.has("from") ? Date.parse(query.get("from")) : to - ranges[usualRange];
   if ((query.has("from") || query.has("to")) && from < to) {

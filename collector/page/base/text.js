@@ -164,6 +164,17 @@ export function ago(seconds) {
   return plural(Math.floor(span / day), "day");
 }
 
+/* How far this device's clock is ahead of the collector's. */
+let aheadMs = 0;
+
+/** @returns {number} milliseconds since the epoch by the collector's clock, as far as it is known */
+export const now = () => Date.now() - aheadMs;
+
+/** @param {number} milliseconds below 0 where this device's clock is behind */
+export function setAhead(milliseconds) {
+  aheadMs = milliseconds;
+}
+
 /* Milliseconds since the epoch; NaN for what is no time. */
 function millisecondsOf(time) {
   return time instanceof Date ? time.getTime() : typeof time === "number" ? time : Date.parse(time ?? "");
@@ -171,11 +182,11 @@ function millisecondsOf(time) {
 
 /**
  * @param {string|Date|number|null} time as the API has it, a Date, or milliseconds
- * @param {Date|number} [now]
+ * @param {Date|number} [present]
  * @returns {string} as ago()
  */
-export function since(time, now = Date.now()) {
-  return ago((millisecondsOf(now) - millisecondsOf(time)) / 1000);
+export function since(time, present = now()) {
+  return ago((millisecondsOf(present) - millisecondsOf(time)) / 1000);
 }
 
 const months = ["Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"];
@@ -186,21 +197,21 @@ const dayOf = (date) => date.getDate() + " " + months[date.getMonth()];
 
 /**
  * @param {string|Date|number|null} time
- * @param {Date|number} [now]
+ * @param {Date|number} [present]
  * @returns {string} in the reader's zone: "14:03", of another day "1 May 14:03", of another year "1 May 2024
  *   14:03"
  */
-export function clock(time, now = Date.now()) {
+export function clock(time, present = now()) {
   const date = new Date(millisecondsOf(time));
-  const present = new Date(millisecondsOf(now));
+  const today = new Date(millisecondsOf(present));
   if (Number.isNaN(date.getTime())) {
     return none;
   }
   const text = two(date.getHours()) + ":" + two(date.getMinutes());
-  if (date.getFullYear() !== present.getFullYear()) {
+  if (date.getFullYear() !== today.getFullYear()) {
     return dayOf(date) + " " + date.getFullYear() + " " + text;
   }
-  return dayOf(date) === dayOf(present) ? text : dayOf(date) + " " + text;
+  return dayOf(date) === dayOf(today) ? text : dayOf(date) + " " + text;
 }
 
 /** @returns {string} the day in the reader's zone, as "2026-05-01" */
@@ -259,6 +270,19 @@ export function stateWord(of) {
     return state;
   }
   return state === "stale" || of?.stale === true ? "stale" : "unknown";
+}
+
+/**
+ * The plan of its agent had it once and does not any more: it became unknown after its last result, and not
+ * because nothing came. One without any result has only not begun.
+ * @param {?{state?: string, stale?: boolean, since?: ?string, time?: ?string}} test
+ * @param {?{state?: string, retired?: ?string}} agent whose silence makes all its tests unknown; null: that is
+ *   not known
+ * @returns {boolean}
+ */
+export function isNoLongerPlanned(test, agent) {
+  return test?.state === "unknown" && !test.stale && Boolean(agent) && agent.state !== "silent" &&
+    !agent.retired && millisecondsOf(test.since) > millisecondsOf(test.time);
 }
 
 /* ---- texts of others ---- */

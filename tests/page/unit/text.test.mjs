@@ -1,11 +1,13 @@
 import assert from "node:assert/strict";
 import { afterEach, test } from "node:test";
 import {
-  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, number, oneLine, plural, shortened, since, stateWord,
+  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, isNoLongerPlanned, now, number, oneLine, plural,
+  setAhead, shortened, since, stateWord,
 } from "../../../collector/page/base/text.js";
 
 const zone = process.env.TZ;
 afterEach(() => {
+  setAhead(0);
   if (zone === undefined) {
     delete process.env.TZ;
   } else {
@@ -105,6 +107,29 @@ test("words of states", () => {
   assert.equal(stateWord({ state: "silent" }), "silent");
   assert.equal(stateWord({ state: "constructor" }), "unknown");
   assert.equal(stateWord(null), "unknown");
+});
+
+test("a test is planned no more when it became unknown after its last result", () => {
+  const gone = { state: "unknown", since: "2026-05-01T12:04:00Z", time: "2026-05-01T12:03:00Z" };
+  const agent = { state: "ok" };
+  assert.equal(isNoLongerPlanned(gone, agent), true);
+  for (const other of [{ state: "ok" }, { state: "problem" }, { stale: true }, { time: null }, { since: null },
+    { since: gone.time }, { since: "2026-05-01T12:02:00Z" }]) {
+    assert.equal(isNoLongerPlanned({ ...gone, ...other }, agent), false, JSON.stringify(other));
+  }
+  assert.equal(isNoLongerPlanned(gone, { state: "silent" }), false);
+  assert.equal(isNoLongerPlanned(gone, { state: "ok", retired: "2026-05-01T12:05:00Z" }), false);
+  assert.equal(isNoLongerPlanned(gone, null), false, "it may be silent");
+  assert.equal(isNoLongerPlanned(null, agent), false);
+});
+
+test("ages are by the collector's clock", () => {
+  const before = Date.now();
+  setAhead(3 * 3600 * 1000);
+  assert.ok(now() - before < -3 * 3600 * 1000 + 60000);
+  assert.equal(since(new Date(before - 3 * 3600 * 1000 - 90000)), "1 min");
+  setAhead(-3 * 3600 * 1000);
+  assert.equal(since(new Date(before + 3 * 3600 * 1000 - 90000)), "1 min");
 });
 
 test("counts with their nouns", () => {

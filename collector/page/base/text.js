@@ -65,6 +65,10 @@ function rungFor(size, ladder, at) {
   return i;
 }
 
+/* A unit of the API's is a text like others, and may be of any length. */
+const mostOfUnit = 20;
+const unitText = (unit) => oneLine(unit, mostOfUnit);
+
 const withUnit = (text, unit) => (unit === "" ? text : unit === "/s" ? text + unit : text + " " + unit);
 
 /**
@@ -76,7 +80,7 @@ const withUnit = (text, unit) => (unit === "" ? text : unit === "/s" ? text + un
  */
 export function number(value, unit = "") {
   if (typeof value === "string") {
-    return withUnit(oneLine(value), clean(unit));
+    return withUnit(oneLine(value), unitText(unit));
   }
   const size = typeof value === "bigint" ? Number(value) : value;
   if (typeof size !== "number" || !Number.isFinite(size)) {
@@ -84,7 +88,7 @@ export function number(value, unit = "") {
   }
   const known = rungs.get(unit ?? "");
   if (!known) { /* what is measured of no time at all is 2.35e-07 % */
-    return withUnit(digitsOf(unit === "%" && Math.abs(size) < leastPercent ? 0 : size), clean(unit));
+    return withUnit(digitsOf(unit === "%" && Math.abs(size) < leastPercent ? 0 : size), unitText(unit));
   }
   const { ladder, at } = known;
   const i = rungFor(Math.abs(size), ladder, at);
@@ -104,7 +108,7 @@ export function axisNumber(value, unit, step, top) {
     return none;
   }
   const known = rungs.get(unit ?? "");
-  const ladder = known ? known.ladder : [[clean(unit), 1]];
+  const ladder = known ? known.ladder : [[unitText(unit), 1]];
   const at = known ? known.at : 0;
   const i = rungFor(Math.max(Math.abs(value), Math.abs(Number.isFinite(top) ? top : 0)), ladder, at);
   const factor = ladder[at][1] / ladder[i][1];

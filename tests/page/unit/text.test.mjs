@@ -45,6 +45,14 @@ test("a value that is a text is made harmless", () => {
   assert.equal(number(1, "\u202ex"), "1 ⟨U+202E⟩x");
 });
 
+test("a unit is a few letters in one line", () => {
+  assert.equal(number(7, "W".repeat(10000)), `7 ${"W".repeat(19)}…`);
+  assert.equal(number("up", "W".repeat(10000)), `up ${"W".repeat(19)}…`);
+  assert.equal(number(7, "a\nb"), "7 a b");
+  assert.equal(axisNumber(7, "W".repeat(10000), 1, 9), `7 ${"W".repeat(19)}…`);
+  assert.equal(number(7, "twenty letters of it"), "7 twenty letters of it");
+});
+
 test("numbers of an axis share their unit and their digits", () => {
   assert.deepEqual([0, 0.5, 1].map((value) => axisNumber(value, "%", 0.5, 1)), ["0.0 %", "0.5 %", "1.0 %"]);
   assert.deepEqual([0, 5000, 20000].map((value) => axisNumber(value, "", 5000, 20000)), ["0 k", "5 k",

@@ -4,6 +4,9 @@
 /* Room for half of the line's width at the borders. */
 const margin = 1;
 
+/* Of the largest value: what moves by less lies about the middle, for it would look like a collapse. */
+const leastRange = 0.1;
+
 const isNumber = (value) => typeof value === "number" && Number.isFinite(value);
 const short = (value) => String(Math.round(value * 10) / 10);
 
@@ -43,7 +46,10 @@ function rangeOf(points, { min, max } = {}) {
       high = Math.max(high, value);
     }
   }
-  return { low: isNumber(min) ? min : low, high: isNumber(max) ? max : high };
+  const middle = low / 2 + high / 2;
+  const half = leastRange / 2 * Math.max(Math.abs(low), Math.abs(high));
+  return { low: isNumber(min) ? min : Math.min(low, middle - half),
+    high: isNumber(max) ? max : Math.max(high, middle + half) };
 }
 
 /* Points that follow each other without a gap. */
@@ -66,8 +72,8 @@ function runsOf(points) {
  * @param {Array<?number>} values at equal distances; null and what is no number is a gap
  * @param {number} width pixels
  * @param {number} height
- * @param {{min?: number, max?: number}} [range] of the values, where it is not to be their own; what lies
- *   outside is drawn at the border
+ * @param {{min?: number, max?: number}} [range] of the values, where it is not to be their own, or a tenth of
+ *   the largest with theirs in the middle; what lies outside is drawn at the border
  * @returns {{path: string, area: string, gaps: Array<{from: number, to: number}>}} `path` is the line, in
  *   which a value between two gaps is a line of no length: a dot, with `stroke-linecap: round`. `area` is
  *   what lies below it. `gaps` in pixels. A line that never changes lies in the middle. All empty where there

@@ -26,6 +26,17 @@ test("one value is a dot, one that never changes lies in the middle", () => {
   assert.equal(sparkPath([0, 0], 12, 12, { min: 0, max: 0 }).path, "M1 6L11 6");
 });
 
+test("what hardly moves is no collapse", () => {
+  const ys = (values, range) => [...sparkPath(values, 102, 102, range).path.matchAll(/ ([0-9.]+)/g)].map(([, y]) =>
+    Number(y));
+  assert.deepEqual(ys([60.81, 60.8, 60.8]), [50.9, 51.1, 51.1], "10 MB of 60 GB");
+  assert.deepEqual(ys([99, 101]), [60.9, 41.1], "2 %, in the middle");
+  assert.deepEqual(ys([-99, -101]), [41.1, 60.9]);
+  assert.deepEqual(ys([90, 100]), [101, 1], "a tenth fills it");
+  assert.deepEqual(ys([0, 0.001]), [101, 1], "small is not little");
+  assert.deepEqual(ys([99, 101], { min: 99, max: 101 }), [101, 1], "what is asked for");
+});
+
 test("gaps", () => {
   const { path, area, gaps } = sparkPath([null, 1, null, 0, 1, null], 12, 12);
   assert.equal(path, "M3 1h0M7 11L9 1");

@@ -96,7 +96,18 @@ export function number(value, unit = "") {
 }
 
 /**
- * The same for the labels of an axis, which all have one unit and as many digits as tell them apart.
+ * All digits of what number() shortens.
+ * @param {*} value
+ * @param {string} [unit]
+ * @returns {?string} null where it is no number, or number() has them all
+ */
+export function exactNumber(value, unit = "") {
+  const text = withUnit(String(value), unitText(unit));
+  return typeof value === "number" && Number.isFinite(value) && text !== number(value, unit) ? text : null;
+}
+
+/**
+ * As number(), for the labels of an axis, which all have one unit and as many digits as tell them apart.
  * @param {number} value
  * @param {string} unit
  * @param {number} step between two labels

@@ -1,8 +1,8 @@
 import assert from "node:assert/strict";
 import { afterEach, test } from "node:test";
 import {
-  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, isNoLongerPlanned, now, number, oneLine, plural,
-  setAhead, shortened, since, stateWord,
+  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, exactNumber, isNoLongerPlanned, now, number, oneLine,
+  plural, setAhead, shortened, since, stateWord,
 } from "../../../collector/page/base/text.js";
 
 const zone = process.env.TZ;
@@ -43,6 +43,15 @@ test("numbers have three digits and a unit that suits them", () => {
 test("a value that is a text is made harmless", () => {
   assert.equal(number("up\u202e\n1", ""), "up⟨U+202E⟩ 1");
   assert.equal(number(1, "\u202ex"), "1 ⟨U+202E⟩x");
+});
+
+test("what is shortened has all its digits somewhere", () => {
+  assert.equal(exactNumber(2152345678), "2152345678");
+  assert.equal(exactNumber(51599, "/s"), "51599/s");
+  assert.equal(exactNumber(20480.5, "MB"), "20480.5 MB");
+  for (const [value, unit] of [[7.5, "%"], [1234, ""], [null, ""], ["up", ""], [NaN, "s"], [undefined, ""]]) {
+    assert.equal(exactNumber(value, unit), null, String(value));
+  }
 });
 
 test("a unit is a few letters in one line", () => {

@@ -103,6 +103,11 @@ export function testLink(test, how = {}) {
     : h("span", { class: `text ${how.class ?? ""}`.trim(), text });
 }
 
+/** What an agent that is silent was last, and what to look at. */
+export const silence = ({ last_poll: polled, address }) => [
+  polled ? ["Its last poll came ", timeElement(polled, { as: "ago" }), address ? ` from ${clean(address)}` : ""]
+    : "It does not poll", ". Does its host run, and reach the collector?"];
+
 const shortMessage = 300, longMessage = 10000;
 
 /**

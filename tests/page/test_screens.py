@@ -5,6 +5,7 @@ import json
 import time
 
 import browser
+import records
 from browser import harness
 from held import hold, let_go, wait_held
 from place import Collector, Host, Place, Told
@@ -18,6 +19,27 @@ groups:
     tests:
       load: {load: {1m: 8}}
 """
+
+THREE_TESTS = ONE_TEST + """\
+      morning: {load: {1m: 8}}
+      zebra: {load: {1m: 8}}
+"""
+
+# Answers are as if the collector had waited until the agent is silent, or its test over; `change` has the path and what
+# the answer says.
+CHANGED = """{
+const ask = window.fetch;
+const change = (path, said) => { %s };
+window.fetch = async (...asked) => {
+  const answer = await ask(...asked), path = String(asked[0]);
+  if (!path.startsWith('/api/v1/') || !/json/.test(answer.headers.get('Content-Type') ?? '')) {
+    return answer;
+  }
+  const said = await answer.json();
+  change(path, said);
+  return new Response(JSON.stringify(said), {status: answer.status, headers: answer.headers});
+};
+}"""
 
 
 @harness.needs_namespaces
@@ -307,6 +329,65 @@ class Soon(browser.TestCase):
             late.append(seen / 1000 - polled)
         self.assertLess(sorted(late)[len(late) // 2], 1.0, late)
         self.assertLess(max(late), 3.0, late)
+
+
+class Past(browser.TestCase):
+    """What an agent that is silent said, and a test that nothing plans any more."""
+
+    def setUp(self):
+        super().setUp()
+        self.collector = Collector(self).start()
+        self.collector.apply(THREE_TESTS)
+        agent = Told(self.collector, "web-1")
+        begun = int(time.time()) - 50
+        for test, value in zip([test for test in agent.tests if test[0] == "LAA"], (1.23456, 1.0, 9.0)):
+            agent.report(records.encode_load(records.Load(
+                int(test[1]), int(test[2]), begun, (value, value, value), "said\n", 2 if value > 8 else 0)))
+        self.assertEqual(sorted((test["name"], test["state"]) for test in self.collector.get("/api/v1/tests")["items"]),
+                         [("load", "ok"), ("morning", "ok"), ("zebra", "problem")])
+        self.agent, = self.collector.get("/api/v1/agents")["items"]
+        self.begin_browser(self.collector.base)
+        self.sign_in_by_cookie(self.collector.token)
+
+    def open_changed(self, change):
+        made = self.cdp("Page.addScriptToEvaluateOnNewDocument", source=CHANGED % change)
+        self.open("/agents/%d" % self.agent["id"])
+        self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=made["identifier"])
+        self.wait("document.querySelectorAll('.spark-item .spark-value').length === 3")
+        self.frames()
+        return [item.text.replace("\n", " ") for item in self.all(".spark-item")]
+
+    def test_an_agent_that_is_silent(self):
+        rows = self.open_changed("""
+            const silent = {state: 'unknown', since: new Date().toISOString().replace(/[.].*/, 'Z')};
+            if (/agents.[0-9]+$/.test(path)) {
+              window.since = silent.since;
+              Object.assign(said, silent, {state: 'silent', tests: {ok: 0, problem: 0, unknown: 3}});
+            } else if (path.includes('/tests?')) {
+              said.items.forEach((test) => Object.assign(test, silent, {since: window.since}));
+            }""")
+        self.assertIn("zebra was a problem", rows[0])
+        self.assertIn("said", rows[0])
+        self.assertNotIn("said", rows[1], "a message of what was well")
+        self.assertNotIn("Nothing has come", " ".join(rows))
+        head = self.text(".head")
+        self.assertRegex(head, r"Its last poll came .* from 127\.0\.0\.1\. Does its host run, and reach the collector\?")
+        self.assertIn("3 tests: 3 unknown", head)
+        self.assertNotIn("0 ok", head)
+
+    def test_no_longer_planned(self):
+        rows = self.open_changed("""
+            if (/agents.[0-9]+$/.test(path)) {
+              said.tests = {ok: 1, problem: 1, unknown: 1};
+            } else if (path.includes('/tests?')) {
+              Object.assign(said.items.find((test) => test.name === 'load'),
+                {state: 'unknown', since: new Date().toISOString().replace(/[.].*/, 'Z')});
+            }""")
+        self.assertRegex(rows[2], r"^unknown load no longer planned since [0-9]+:[0-9]+")
+        self.assertNotIn("Nothing has come", rows[2])
+        self.wait_text("2 tests: 1 problem, 1 ok, 1 no longer planned", ".head")
+        self.assertEqual(self.text("#agent-tests"), "2 tests, 1 no longer planned")
+        self.assertEqual(self.js("return document.querySelectorAll('.spark-value b')[2].title"), "1.23456")
 
 
 if __name__ == "__main__":

@@ -7,10 +7,12 @@ import { byState, byTest, newestFirst } from "../base/order.js";
 import { Polls } from "../base/polls.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
-import { apiTime, clean, clock, exact, number, oneLine, plural, stateWord, whole } from "../base/text.js";
+import {
+  apiTime, clean, clock, exact, exactNumber, isNoLongerPlanned, now, number, oneLine, plural, stateWord, whole,
+} from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, notWhole, setBadge, setTime,
-  testLink, timeElement } from "../parts.js";
+  silence, testLink, timeElement } from "../parts.js";
 
 const curveS = 5 * 3600, curvePoints = 300, youngPoints = 1800, curvesAtOnce = 3, rateAgainMs = 60000,
   onceLiveMs = 1500, curvesAgainMs = 10000;
@@ -18,6 +20,7 @@ const curveWidth = 128, curveHeight = 32;
 const mostOthers = 4, mostEvents = 10, mostItems = 200, findFrom = 12;
 const mostPolled = 20, resultsOfEach = 20; /* tests whose results say when polls came */
 const wholeAtOnce = 40, orderEachMs = 500; /* of rows */
+const mostOfNumber = 15, mostUnwrapped = 30; /* letters */
 const hourMs = 3600000, dayHours = 24;
 
 const identities = {
@@ -30,6 +33,8 @@ const identities = {
 };
 
 const isNumber = (value) => typeof value === "number" && Number.isFinite(value);
+/* What is no longer stays in one line. */
+const wrapOf = (text, most) => (text.length < most ? "number" : "text");
 const seconds = (iso) => Date.parse(iso) / 1000;
 /* Without marks. */
 function plainList(...items) {
@@ -123,7 +128,7 @@ export async function open(place, params, context) {
   const heading = h("h1", { tabindex: "-1", class: "text", text: "Agent" });
   const crumb = h("li", { aria: { current: "page" }, text: "Agent" });
   const lead = h("div", { class: "row" }), facts = h("dl", { class: "facts" });
-  const headStatus = h("div"), doneStatus = h("div");
+  const silent = h("p"), headStatus = h("div"), doneStatus = h("div");
   const lastPoll = h("dd");
   let pollTime = null;
 
@@ -132,7 +137,7 @@ export async function open(place, params, context) {
     if (!certificate || standing.revoked) {
       return null;
     }
-    return fact("Certificate", Date.parse(certificate.ends) > Date.now() ? "until " : "ended ",
+    return fact("Certificate", Date.parse(certificate.ends) > now() ? "until " : "ended ",
       timeElement(certificate.ends),
       certificate.ends_soon ? h("p", { class: "note", text: "It should have been renewed: is "
         + "vindral-enrol.timer running on the host?" }) : null);
@@ -145,12 +150,17 @@ export async function open(place, params, context) {
       crumb.textContent = name;
     }
     const state = stateWord(agent);
-    const { ok, problem, unknown } = agent.tests;
+    const { ok, problem } = agent.tests;
+    const gone = goneTests();
+    const unknown = Math.max(agent.tests.unknown - gone, 0);
     const counts = [problem > 0 ? plural(problem, "problem") : "", unknown > 0 ? `${unknown} unknown` : "",
-      `${ok} ok`].filter(Boolean).join(", ");
+      ok > 0 ? `${ok} ok` : "", gone > 0 ? `${gone} no longer planned` : ""].filter(Boolean).join(", ");
     fill(lead, agent.retired ? null : [badge(state), agent.since ? h("span", null, "for ",
       timeElement(agent.since, { as: "since" })) : null],
-    h("span", { class: "note", text: `${plural(ok + problem + unknown, "test")}: ${counts}` }));
+    h("span", { class: "note", text: plural(ok + problem + unknown, "test") + (counts && `: ${counts}`) }));
+    fill(silent, isSilent() ? [silence(agent), " What stands here is from before."] : null);
+    silent.hidden = !isSilent();
+    list.classList.toggle("past", isSilent());
     fill(lastPoll, pollTime ?? "never");
     fill(facts,
       agent.retired ? fact("Retired", timeElement(agent.retired),
@@ -345,16 +355,20 @@ export async function open(place, params, context) {
     item.isOld = false;
     const name = mainValue(test);
     const { time: newest, since, state: known, stale, message: text } = test;
-    const version = [isNothing(test), newest, since, known, stale, text, name].join(" ");
+    const isGone = isPlannedNoMore(test), wasBad = wasProblem(test);
+    const version = [isNothing(test), isGone, wasBad, isSilent(), newest, since, known, stale, text, name].join(" ");
     if (item.version === version) {
       return;
     }
     item.version = version;
     const state = stateWord(test);
     setBadge(item.badge, state);
-    fill(item.since, state !== "ok" && test.since ? ["for ", timeElement(test.since, { as: "since" })]
-      : null);
-    const said = isNothing(test) ? "Nothing has come of it."
+    element.classList.toggle("past", isGone);
+    fill(item.since, isGone ? ["no longer planned since ", timeElement(test.since)]
+      : wasBad ? "was a problem"
+      : state !== "ok" && test.since ? ["for ", timeElement(test.since, { as: "since" })] : null);
+    const said = isGone || (isSilent() && !wasBad) ? ""
+      : isNothing(test) ? "Nothing has come of it."
       : state !== "ok" && test.message ? test.message : "";
     if (item.said !== said) {
       item.said = said;
@@ -362,13 +376,15 @@ export async function open(place, params, context) {
     }
     const main = name === null ? null : test.values[name];
     item.value.textContent = main ? oneLine(number(main.value, main.unit), 80) : "";
-    item.value.className = isNumber(main?.value) ? "number" : "text";
+    item.value.title = exactNumber(main?.value, main?.unit) ?? "";
+    item.value.className = wrapOf(item.value.textContent, mostOfNumber);
     item.valueName.textContent = main ? label(test, name) : "";
     const others = Object.entries(test.values ?? {})
       .filter(([each, { value }]) => each !== name && value !== null).slice(0, mostOthers)
-      .map(([each, { value, unit }]) => `${label(test, each)} ${oneLine(number(value, unit), 80)}`);
-    fill(item.others, others.map((text, i) => [i > 0 ? " · " : "",
-      h("span", { class: text.length < 30 ? "number" : "text", text })]));
+      .map(([each, { value, unit }]) => [`${label(test, each)} ${oneLine(number(value, unit), 80)}`,
+        exactNumber(value, unit)]);
+    fill(item.others, others.map(([text, title], i) => [i > 0 ? " · " : "",
+      h("span", { class: wrapOf(text, mostUnwrapped), title, text })]));
     item.others.hidden = others.length === 0;
     const time = item.time.firstElementChild;
     if (time?.localName === "time" && test.time) {
@@ -378,16 +394,33 @@ export async function open(place, params, context) {
     }
   }
 
-  /* Nothing has come of it yet, or it is in no plan any more. */
-  const isNothing = (test) => test.state === "unknown" && !test.stale && agent?.state !== "silent";
+  /* Of a silent agent all tests are unknown, and so they are here until they are read after its silence. */
+  let wasSilent = false;
+  const isSilent = () => agent?.state === "silent" && !agent.retired;
+  const isPlannedNoMore = (test) => !wasSilent && isNoLongerPlanned(test, agent);
+  const goneTests = () => [...tests.values()].filter(isPlannedNoMore).length;
+
+  /* Nothing has come of it yet, or not again since it is in no plan any more. */
+  const isNothing = (test) => test.state === "unknown" && !test.stale && !wasSilent && !isSilent();
+
+  /* As the silence began: what was unknown before has become so earlier. */
+  const wasProblem = (test) => isSilent() && !test.stale && test.since >= agent.since &&
+    (test.status ?? "ok") !== "ok";
 
   function showTests() {
     const part = find.value.trim().toLowerCase();
     const all = [...tests.values()];
     const found = all.filter((test) => !part || [test.name, test.type, test.target, test.group].some((text) =>
       (text ?? "").toLowerCase().includes(part)))
-      .sort((a, b) => isNothing(a) - isNothing(b) || byState(a, b) || order.get(a.id) - order.get(b.id));
-    testsHeading.textContent = all.length > 0 ? plural(all.length, "test") : "Tests";
+      .sort((a, b) => isPlannedNoMore(a) - isPlannedNoMore(b) || isNothing(a) - isNothing(b) || byState(a, b)
+        || wasProblem(b) - wasProblem(a) || order.get(a.id) - order.get(b.id));
+    const gone = goneTests();
+    testsHeading.textContent = all.length === 0 ? "Tests"
+      : plural(all.length - gone, "test") + (gone > 0 ? `, ${gone} no longer planned` : "");
+    if (agent && gone !== goneShown) {
+      goneShown = gone;
+      showAgentSoon();
+    }
     findField.hidden = all.length < findFrom && !part;
     fill(noTests, found.length > 0 ? null : all.length > 0 ? emptyState("No test is like that",
       "Take some of the text away.")
@@ -400,7 +433,7 @@ export async function open(place, params, context) {
     return keyed(list, found, (test) => test.id, makeTest, (element, test) => mark(test.id));
   }
 
-  let orderTimer = 0;
+  let orderTimer = 0, goneShown = 0;
   function showTestsSoon() {
     orderTimer ||= setTimeout(() => {
       orderTimer = 0;
@@ -419,6 +452,7 @@ export async function open(place, params, context) {
     }
     order = new Map(all.slice().sort(byTest).map((test, i) => [test.id, i]));
     tests = new Map(all.map((test) => [test.id, test]));
+    wasSilent = agent?.state === "silent";
     for (const id of items.keys()) {
       if (!tests.has(id)) {
         seen.unobserve(items.get(id).element);
@@ -482,8 +516,8 @@ export async function open(place, params, context) {
     item.isAsked = true;
     try {
       /* Of an agent that has just begun every result is shown. */
-      const isYoung = agent?.first_poll && Date.now() - Date.parse(agent.first_poll) < hourMs;
-      const from = isYoung ? Date.parse(agent.first_poll) : Date.now() - curveS * 1000;
+      const isYoung = agent?.first_poll && now() - Date.parse(agent.first_poll) < hourMs;
+      const from = isYoung ? Date.parse(agent.first_poll) : now() - curveS * 1000;
       const series = await api.get(`/api/v1/tests/${id}/series`, { signal, query: {
         from: apiTime(from), points: isYoung ? youngPoints : curvePoints,
         rate: test.type === "snmp" ? 1 : null } });
@@ -557,7 +591,7 @@ export async function open(place, params, context) {
   const ledgerStatus = h("div"), ledger = h("div", { class: "stack tight" });
 
   function showLedger(hours) {
-    const begin = Math.floor(Date.now() / hourMs) * hourMs - (dayHours - 1) * hourMs;
+    const begin = Math.floor(now() / hourMs) * hourMs - (dayHours - 1) * hourMs;
     const sum = { expected: 0, missing: 0, repeated: 0 };
     for (const hour of hours) {
       sum.expected += hour.expected;
@@ -762,8 +796,13 @@ export async function open(place, params, context) {
         const isOther = state !== agent.state || stale !== agent.stale || retired !== agent.retired
           || since !== agent.since || JSON.stringify(counts) !== JSON.stringify(agent.tests);
         if (isOther) {
+          wasSilent ||= agent.state === "silent";
+          const isTurned = (agent.state === "silent") !== (state === "silent");
           Object.assign(agent, { state, stale, since, tests: counts, retired });
           showAgentSoon();
+          if (isTurned) {
+            readTestsSoon();
+          }
           countsTimer ||= setTimeout(compareCounts, 500);
         }
       }
@@ -826,7 +865,7 @@ export async function open(place, params, context) {
     h("header", { class: "head" },
       h("nav", { class: "crumbs", aria: { label: "Where this is" } },
         h("ol", null, h("li", null, h("a", { href: to("now"), text: "Now" })), crumb)),
-      heading, lead, actions, doneStatus),
+      heading, lead, silent, actions, doneStatus),
     headStatus, rest);
   rest.hidden = true;
 

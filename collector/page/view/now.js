@@ -7,7 +7,7 @@ import { readProblems as problemsOf } from "../base/problems.js";
 import { testQueries } from "../base/search.js";
 import { clean, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
-import { agentLink, badge, busy, emptyState, failure, message, notWhole, testLink, timeElement }
+import { agentLink, badge, busy, emptyState, failure, message, notWhole, silence, testLink, timeElement }
   from "../parts.js";
 
 const mostProblems = 3000, mostShown = 1000;
@@ -41,10 +41,7 @@ function fillProblem(element, { kind, of }) {
     fill(element,
       h("div", { class: "problem-title" }, badge(state), agentLink(of)),
       since,
-      h("div", { class: "problem-where" }, of.last_poll
-        ? ["Its last poll came ", timeElement(of.last_poll, { as: "ago" }),
-          of.address ? ` from ${clean(of.address)}` : ""]
-        : "It does not poll", ". Does its host run, and reach the collector?"));
+      h("div", { class: "problem-where" }, silence(of)));
     return;
   }
   const target = of.target && of.target !== of.name ? ` · ${oneLine(of.target, 200)}` : "";

@@ -1,6 +1,7 @@
 /* What the page asks the collector: its API and nothing else, so that whatever the page can do a
  * script can do. Who is turned away because there are too many is patient; who is signed out is told
- * once, by `session`, whatever it was that was asked. */
+ * once, by `session`, whatever it was that was asked. Each answer says what time it is there. */
+import { now, setAhead } from "./base/text.js";
 
 /** What did not work. `status` 0: there was no answer. */
 export class Problem extends Error {
@@ -15,10 +16,11 @@ export class Problem extends Error {
   }
 }
 
-/** Has "signed-out" when an answer was 401. */
+/** Has "signed-out" when an answer was 401, "clock" when now() has become another. */
 export const session = new EventTarget();
 
 const mostTries = 4, longestWaitS = 30;
+const mostDifferences = 7, leastAheadMs = 30000, leastChangeMs = 5000;
 
 /* What the tests put in its place. */
 const outside = {
@@ -50,6 +52,28 @@ function addressOf(path, query) {
   }
   const all = parts.toString();
   return all ? `${path}${path.includes("?") ? "&" : "?"}${all}` : path;
+}
+
+/* By how much this device's clock is ahead, as the last answers say: one that waited to be read, as on a
+ * device that slept, does not count. Less than half a minute is nobody's concern. */
+let differences = [], steady = null;
+function compareClocks(response) {
+  const theirs = Date.parse(response.headers.get("Date") ?? "");
+  if (Number.isNaN(theirs)) {
+    return;
+  }
+  const here = Date.now(), runs = here - performance.now();
+  if (Math.abs(runs - (steady ?? runs)) > leastAheadMs) { /* it was set, or has slept */
+    differences = [];
+  }
+  steady = runs;
+  differences = [...differences, here - theirs].slice(-mostDifferences);
+  const middle = [...differences].sort((a, b) => a - b)[(differences.length - 1) >> 1];
+  const ahead = Math.abs(middle) > leastAheadMs ? middle : 0;
+  if (Math.abs(ahead - (here - now())) > leastChangeMs) {
+    setAhead(ahead);
+    session.dispatchEvent(new Event("clock"));
+  }
 }
 
 async function problemOf(response) {
@@ -88,6 +112,7 @@ async function ask(method, path,
       throw new Problem({ title: "No answer",
         detail: "Is it running, and is there a way to it?" });
     }
+    compareClocks(response);
     if (response.ok || response.status === 304) {
       return response;
     }

@@ -3,7 +3,7 @@
 import * as api from "./api.js";
 import { read, to } from "./base/address.js";
 import { Model } from "./base/model.js";
-import { clean, clock, exact } from "./base/text.js";
+import { ago, clean, clock, exact, now } from "./base/text.js";
 import { announce, fill, h } from "./dom.js";
 import { connectLive } from "./live.js";
 import * as parts from "./parts.js";
@@ -12,6 +12,8 @@ import { showSignIn, whyNot } from "./signIn.js";
 const product = "Vindral";
 const awayShownAfter = 3000, headingWithin = 300, scrollWithin = 1500, reloadedAgainAfter = 60000,
   liveWithin = 300;
+
+const clockSaidMs = 120000;
 
 const modules = ["now", "agent", "test", "events", "fleet", "changes", "admission", "tokens", "secrets"];
 const forAdmins = ["admission", "tokens", "secrets"];
@@ -321,10 +323,21 @@ function showTop() {
     h("span", { class: "who-name", text: `${clean(me.name)}, ${me.role}` }),
     h("button", { type: "button", id: "out", text: "Sign out", on: { click: signOut } }));
   showConnection(live.state);
+  showBanners();
 }
 
+let banner = null;
 function showBanner(kind, ...content) {
-  fill(at("banner"), kind ? h("div", { class: "banner", data: { kind } }, content) : null);
+  banner = kind ? h("div", { class: "banner", data: { kind } }, content) : null;
+  showBanners();
+}
+
+function showBanners() {
+  const aheadMs = Date.now() - now();
+  const size = ago(Math.round(Math.abs(aheadMs) / 60000) * 60);
+  fill(at("banner"), banner, me && Math.abs(aheadMs) > clockSaidMs
+    ? h("div", { class: "banner", data: { kind: "note", key: "clock" } }, `This device's clock is ${size} ${
+      aheadMs > 0 ? "ahead of" : "behind"} the collector's; times are reckoned by the collector's.`) : null);
 }
 
 function showConnection(state) {
@@ -333,16 +346,16 @@ function showConnection(state) {
     return;
   }
   clearTimeout(awayTimer);
-  const since = clock(new Date(state.since));
+  const began = new Date(state.since - Date.now() + now()), since = clock(began);
   const words = { connecting: "Connecting…", live: "Live", away: `Not connected since ${since}` };
   place.dataset.state = state.state;
   place.textContent = words[state.state];
-  place.title = state.state === "away" ? exact(state.since) : "";
+  place.title = state.state === "away" ? exact(began) : "";
   if (state.state === "away" && state.status !== 401) {
     /* A collector that only restarts is back by then. */
     awayTimer = setTimeout(() => {
       hasSaidAway = true;
-      const time = parts.timeElement(new Date(state.since).toISOString());
+      const time = parts.timeElement(began.toISOString());
       const said = h("span", null, state.status === 429
         ? "Too many streams are open with this token, so nothing new comes to this page; it is tried again."
         : [state.status > 0 ? "Nothing new has come from the collector since "
@@ -552,6 +565,10 @@ addEventListener("hashchange", () => {
   }
 });
 document.addEventListener("click", onClick);
+api.session.addEventListener("clock", () => {
+  showBanners();
+  parts.refreshTimes();
+});
 api.session.addEventListener("signed-out", () => lookAgain()); /* it may be an old answer */
 if (modules.includes(read(location).view)) {
   import(`./view/${read(location).view}.js`).catch(() => { /* it is asked for again, and said then */ });

@@ -2,7 +2,7 @@
  * everywhere. Texts that came from somewhere are made harmless here (clean()); nodes go in as they
  * are. */
 import { to } from "./base/address.js";
-import { clean, clock, exact, oneLine, shortened, since, stateWord } from "./base/text.js";
+import { clean, clock, exact, now, oneLine, shortened, since, stateWord } from "./base/text.js";
 import { breath, fill, h, keyed } from "./dom.js";
 
 const words = { ok: "ok", problem: "problem", unknown: "unknown", stale: "stale", silent: "silent" };
@@ -29,14 +29,15 @@ export function setBadge(element, state, text) {
 
 const shown = {
   clock: (iso) => clock(iso),
-  since: (iso) => since(iso, new Date()),
-  ago: (iso) => (Date.now() - Date.parse(iso) < justNowMs ? "just now" : `${since(iso, new Date())} ago`),
+  since: (iso) => since(iso),
+  ago: (iso) => (now() - Date.parse(iso) < justNowMs ? "just now" : `${since(iso)} ago`),
 };
 const refreshMs = 15000, justNowMs = refreshMs, refreshedAtOnce = 200;
 
-/* One timer for all times that are on the page; none while nobody looks. */
 let timer = 0;
-async function refreshTimes() {
+
+/** All times that are on the page, and again by one timer; not while nobody looks. */
+export async function refreshTimes() {
   clearTimeout(timer);
   timer = 0;
   if (document.hidden) {
@@ -104,9 +105,9 @@ export function testLink(test, how = {}) {
 }
 
 /** What an agent that is silent was last, and what to look at. */
-export const silence = ({ last_poll: polled, address }) => [
-  polled ? ["Its last poll came ", timeElement(polled, { as: "ago" }), address ? ` from ${clean(address)}` : ""]
-    : "It does not poll", ". Does its host run, and reach the collector?"];
+export const silence = ({ last_poll: polled, address }) => [polled
+  ? ["Its last poll came ", timeElement(polled, { as: "ago" }), address ? ` from ${clean(address)}` : ""]
+  : "It does not poll", ". Does its host run, and reach the collector?"];
 
 const shortMessage = 300, longMessage = 10000;
 

@@ -227,6 +227,33 @@ class Screens(browser.TestCase):
             self.open(path)
             self.wait_text(text)
 
+    def test_a_clock_that_is_wrong(self):
+        """Ages are by the collector's; and it is said."""
+        for hours, said in ((3, "3 h ahead of"), (-3, "3 h behind")):
+            made = self.cdp("Page.addScriptToEvaluateOnNewDocument", source="""{
+                const Real = Date, shift = %d * 3600000;
+                window.Date = class extends Real {
+                  constructor(...given) {
+                    super(...(given.length > 0 ? given : [Real.now() + shift]));
+                  }
+                  static now() {
+                    return Real.now() + shift;
+                  }
+                };
+            }""" % hours)
+            self.open("/agents/%d" % self.place.agent_id("web-1"))
+            self.wait_text("This device's clock is %s the collector's" % said, "#banner")
+            self.wait("document.querySelectorAll('.spark-line').length > 0")
+            last = "document.querySelector('[aria-labelledby=agent-facts] time[data-as=ago]').textContent"
+            self.wait(last + " === 'just now'", what="a last poll just now, with %d h" % hours)
+            for age in self.js("return [...document.querySelectorAll('time:is([data-as=since], [data-as=ago])')]"
+                               ".map((each) => each.textContent)"):
+                self.assertRegex(age, r"^(just now|[0-9]+ (s|min)( ago)?)$")
+            self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=made["identifier"])
+        self.open("/")
+        self.wait_live()
+        self.assertEqual(self.text("#banner"), "")
+
     def test_only_its_own_server_is_asked(self):
         for path in ("/", "/tests/%d" % self.place.test_id("web-1", "load"), "/fleet"):
             self.open(path)

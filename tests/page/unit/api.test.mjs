@@ -2,6 +2,7 @@
  * said of what did not work. */
 import assert from "node:assert/strict";
 import test, { beforeEach } from "node:test";
+import { now } from "../../../collector/page/base/text.js";
 import * as api from "../../../collector/page/api.js";
 
 let asked, answers, waited, signedOut = 0;
@@ -163,4 +164,41 @@ test("who one is, is known without asking for anything, after asking for somethi
   answers = [json(200, { status: "ok" }), json(401, {})];
   assert.equal(await api.me(), null);
   assert.equal(signedOut, 0);
+});
+
+test("this device's clock is compared with the collector's", async () => {
+  let told = 0;
+  api.session.addEventListener("clock", () => told++);
+  const answered = async (...ahead) => {
+    for (const seconds of ahead) {
+      const date = seconds === null ? {} : { Date: new Date(Date.now() - seconds * 1000).toUTCString() };
+      answers = [json(200, {}, date)];
+      await api.get("/api/v1/agents");
+    }
+    return Math.round((Date.now() - now()) / 10000) * 10;
+  };
+  assert.equal(await answered(null, 0, 20, -20), 0, "as good as right");
+  assert.equal(await answered(7200), 0, "one answer that waited");
+  assert.equal(told, 0);
+  assert.equal(await answered(7200, 7200, 7201, 7200), 7200);
+  assert.equal(told, 1);
+  assert.equal(await answered(7202, 7199, 0, null), 7200, "little else, once");
+  assert.equal(told, 1);
+  assert.equal(await answered(-600, -600, -600, -600), -600);
+  assert.equal(await answered(0, 0, 0, 0), 0);
+});
+
+test("a clock that was set is believed at once", async (t) => {
+  t.after(() => t.mock.reset());
+  const real = Date.now;
+  let aheadMs = 0;
+  t.mock.method(Date, "now", () => real() + aheadMs);
+  const ask = async () => {
+    answers = [json(200, {}, { Date: new Date(real()).toUTCString() })];
+    await api.get("/api/v1/agents");
+    return Math.abs(now() - real()) < 5000;
+  };
+  for (aheadMs of [0, 3 * 3600000, -3 * 3600000, 0]) {
+    assert.equal(await ask(), true, String(aheadMs));
+  }
 });

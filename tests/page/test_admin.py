@@ -48,6 +48,25 @@ class Tokens(browser.TestCase):
         self.assertEqual(self.tokens(), ["system test"])
         self.assertEqual(self.collector.ask("/api/v1/agents", token=secret)[0], 401)
 
+    def test_which_session_is_this_browser(self):
+        """Others are ended without a word about oneself; one's own signs this page out."""
+        self.expect("/api/v1/.* - Failed to load resource: .* 401")
+        self.sign_in_by_cookie(self.collector.token)  # the one before is another browser's
+        self.open("/tokens")
+        self.wait_text("1 token, 2 sessions", "#tokens-heading")
+        rows = [row.text for row in self.all("tbody tr")]
+        self.assertEqual(["this browser" in row for row in rows].count(True), 1, rows)
+        self.assertNotIn("this browser", rows[0])
+        self.click("button[aria-label='End the session of system test']")
+        self.wait_text("The browser that has this session is signed out", "dialog[open]")
+        self.assertNotIn("You may be", self.text("dialog[open]"))
+        self.click("dialog[open] button.danger", "End it")
+        self.wait_text("1 token, 1 session", "#tokens-heading")
+        self.click("button[aria-label='End the session of this browser']")
+        self.wait_text("this page is signed out at once", "dialog[open]")
+        self.click("dialog[open] button.danger", "Sign out")
+        self.wait("document.querySelector('table') === null && document.querySelector('main form input') !== null")
+
     def test_a_name_that_is_taken(self):
         self.expect("/api/v1/tokens - Failed to load resource: .* 409")
         self.open("/tokens")
@@ -109,7 +128,7 @@ class Admission(browser.TestCase):
         self.wait_text(ACCOUNT + "/web-1", "table")
         self.wait_text("invited", "table")
         token = next(word for word in command.replace("'", "").split() if word.startswith("ve_"))
-        self.click("button", "It is typed")
+        self.click("button", "Done")
         self.wait("!document.documentElement.outerHTML.includes(arguments[0])", token)
         self.host.enrol(self.url, token)
         self.wait_proven()

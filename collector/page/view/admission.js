@@ -131,14 +131,14 @@ export async function open(place, params, context) {
   function showInvitation(answer) {
     const heading = h("h2",
       { tabindex: "-1", text: `Type this on the host that is to be ${called(answer)}` });
-    const done = h("button", { type: "button", text: "It is typed", on: { click: () => {
+    const done = h("button", { type: "button", text: "Done", on: { click: () => {
       fill(made);
       name.focus();
     } } });
     fill(made, h("section", { class: "panel stack tight" }, heading, once(answer.command),
       h("p", { class: "note" }, "As root, until ", timeElement(answer.ends), ". It works once, and is shown "
-        + "this once. In it stands by what the host verifies this collector, so nothing else has to be "
-        + "carried there."),
+        + "this once. It holds what the host needs to verify this collector: nothing else has to be carried "
+        + "there."),
       consequences[answer.state] ? h("p", { text: consequences[answer.state] }) : null,
       isLoopback(answer.url) ? h("p", { text: "No other host reaches that address: start the collector with "
         + "--listen, then make another command." }) : null,

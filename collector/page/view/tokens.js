@@ -43,20 +43,21 @@ export async function open(place, params, context) {
 
   /* ---- the list ---- */
 
-  const isMine = (token) => token.name === me?.name;
+  const mayBeMine = (token) => token.kind === "token" && token.name === me?.name;
 
   async function remove(token) {
     const name = clean(token.name);
     const isSession = token.kind === "session";
     const body = [
-      isSession ? "The browser that has this session is signed out at once." :
+      token.own ? "It is the one of this browser: this page is signed out at once, in all its tabs."
+        : isSession ? "The browser that has this session is signed out at once." :
         "Whatever uses this token is refused from now on, and browsers that signed in with it are signed "
           + "out.",
-      isMine(token) ? " You may be signed in with it yourself: then this page is signed out, too." : "",
+      mayBeMine(token) ? " You may be signed in with it yourself: then this page is signed out, too." : "",
     ].join("");
-    const gone = await confirm({ title: isSession ? `End this session of ${name}?`
-      : `Remove the token ${name}?`, body,
-      action: isSession ? "End it" : "Remove", danger: true,
+    const gone = await confirm({ title: token.own ? "Sign this browser out?"
+      : isSession ? `End this session of ${name}?` : `Remove the token ${name}?`, body,
+      action: token.own ? "Sign out" : isSession ? "End it" : "Remove", danger: true,
       run: async () => {
         try {
           await api.del(`${path}/${token.id}`);
@@ -66,7 +67,9 @@ export async function open(place, params, context) {
           }
         }
       } });
-    if (gone) {
+    if (gone && token.own) {
+      load(); /* whose answer is the sign-in form */
+    } else if (gone) {
       all = all.filter((each) => each.id !== token.id);
       show();
       heading.focus();
@@ -82,13 +85,14 @@ export async function open(place, params, context) {
     columns: [
       { title: "Name", heading: true, cell: (token) => token.name },
       { title: "Role", cell: (token) => token.role },
-      { title: "What it is", cell: (token) => (token.kind === "session" ? "session of a browser" : "token") },
+      { title: "What it is", cell: (token) => [token.kind === "session" ? "session of a browser" : "token",
+        token.own ? [", ", h("b", { text: "this browser" })] : null] },
       { title: "Made", cell: (token) => timeElement(token.made) },
       { title: "Ends", cell: (token) => (token.ends ? timeElement(token.ends) : "when it is removed") },
       { title: "What can be done", untitled: true, cell: (token) => h("button",
         { type: "button", class: "danger",
-        aria: { label: `${token.kind === "session" ? "End the session of" : "Remove the "
-          + "token"} ${clean(token.name)}` },
+        aria: { label: token.own ? "End the session of this browser" : `${token.kind === "session"
+          ? "End the session of" : "Remove the token"} ${clean(token.name)}` },
         text: token.kind === "session" ? "End" : "Remove", on: { click: () => remove(token) } }) },
     ],
   });

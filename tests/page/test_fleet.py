@@ -85,6 +85,10 @@ class Fleet(browser.TestCase):
         self.assertIn("1m: 9", self.text_there())
         self.assertIn("free: 1 MB", self.text_there())
         self.assertFalse(self.find("button", "Apply…").is_enabled())
+        # What is here would take theirs back, which the difference says at once; nothing is to be clicked unread.
+        self.wait_text("free 3 MB -> 1 MB", "section[aria-labelledby=fleet-editor] .difference")
+        self.wait_text("yours undoes what they changed", "[role=alert]")
+        self.assertEqual(self.all("[role=alert] .primary"), [])
         self.click("button", "What they changed")
         self.wait_text("free: 3 MB", "dialog[open] .difference")
         self.click("dialog[open] button", "Close")
@@ -110,6 +114,120 @@ class Fleet(browser.TestCase):
         self.wait_text("Somebody applied another text since you began", "[role=alert]")
         self.assertIn("1m: 9", self.text_there())
         self.assertEqual(self.text_in_force(), FLEET.replace("1 MB", "3 MB"))
+
+    def lose_the_answer(self, script):
+        """Of the text that is applied next, after what the script does to it."""
+        self.js("""const ask = window.fetch;
+            window.fetch = async (address, how) => {
+              if (how?.method === "PUT" && !address.includes("dry_run")) {
+                window.fetch = ask;
+                %s;
+                throw new TypeError("lost");
+              }
+              return ask(address, how);
+            };""" % script)
+        self.edit("1m: 8", "1m: 9")
+        self.wait_text("No mistake", "#fleet-said")
+        self.click("button", "Apply…")
+        self.click("dialog[open] button.primary", "Apply")
+        self.wait_text("It is not known whether your text was applied", "[role=alert]")
+        self.wait("document.querySelector('dialog') === null")
+
+    def test_applied_without_an_answer(self):
+        self.begin()
+        self.lose_the_answer("await ask(address, how)")
+        self.wait_text("Revision 2 is in force", "#main [role=status]")
+        self.wait("!document.querySelector('#main').innerText.includes('It is not known')")
+        self.wait_text("This is the text in force", "#fleet-said")
+        self.assertEqual(self.text_in_force(), FLEET.replace("1m: 8", "1m: 9"))
+
+    def test_not_applied_without_an_answer(self):
+        self.begin()
+        self.lose_the_answer("")
+        self.wait_text("Your text was not applied", "[role=alert]")
+        self.assertIn("1m: 9", self.text_there())
+        self.assertEqual(self.text_in_force(), FLEET)
+        self.click("button", "Apply…")
+        self.click("dialog[open] button.primary", "Apply")
+        self.wait_text("Revision 2 is in force", "#main [role=status]")
+        self.wait("!document.querySelector('#main').innerText.includes('was not applied')")
+
+    def test_killed_while_it_applies(self):
+        """It is said once the collector is back, and all is well then."""
+        self.expect("ERR_CONNECTION_REFUSED|ERR_CONNECTION_RESET|ERR_EMPTY_RESPONSE|ERR_INCOMPLETE_CHUNKED_ENCODING")
+        self.begin()
+        self.edit("1m: 8", "1m: 9")
+        self.wait_text("No mistake", "#fleet-said")
+        self.click("button", "Apply…")
+        self.find("dialog[open]")
+        self.collector.process.kill()
+        self.collector.process.wait()
+        self.click("dialog[open] button.primary", "Apply")
+        self.wait_text("It is not known whether your text was applied", "[role=alert]")
+        self.collector.start()
+        self.wait_text("Your text was not applied", "[role=alert]")
+        self.assertEqual(self.text_in_force(), FLEET)
+
+    def test_too_large(self):
+        """Is known before it is sent."""
+        self.begin()
+        self.js("""const area = document.getElementById('fleet-text');
+            area.value += "#" + "é".repeat(600000);
+            area.dispatchEvent(new Event('input'));
+            window.sent = 0;
+            const ask = window.fetch;
+            window.fetch = (address, how) => {
+              window.sent += how?.method === "PUT";
+              return ask(address, how);
+            };""")
+        self.wait_text("The file is too large", "#fleet-said")
+        size = len(FLEET.encode()) + 1 + 1200000
+        self.wait_text("It may have 1,048,576 bytes, and has {:,}.".format(size), ".failure")
+        self.assertNotIn("Try again", self.text(".failure"))
+        self.assertFalse(self.find("button", "Apply…").is_enabled())
+        self.assertEqual(self.js("return window.sent"), 0)
+
+    def test_overtaken(self):
+        """What could not be, and is another way since, is no contradiction to all being confirmed."""
+        impossible = FLEET + "      data:     {disk: /no/such/disk, free: 1 MB}\n"
+        row = "[...document.querySelectorAll('section[aria-labelledby=changes-all] tbody tr')].find((each) => " \
+              "each.innerText.includes('/no/such/disk'))?.innerText ?? ''"
+        self.open("/fleet/changes")
+        self.wait_live()
+        self.wait_text("Every change is confirmed.", ".lead")
+        self.collector.apply(impossible)
+        self.collector.wait_change(test="data", outcome="impossible")
+        self.wait_text("1 change is not confirmed", ".lead")
+        self.assertNotIn("overtaken", self.wait(row))
+        self.collector.apply(impossible.replace("/no/such/disk", "/"))
+        self.wait("/overtaken by revision [3-9]/.test(%s)" % row)
+        self.wait_text("Every change is confirmed or overtaken.", ".lead")
+        self.assertIn("was impossible", self.js("return " + row))
+        self.driver.refresh()
+        self.wait("/overtaken by revision [3-9]/.test(%s)" % row)
+        self.wait_text("Every change is confirmed or overtaken.", ".lead")
+
+    def test_what_is_refused_is_asked_once(self):
+        """Changes come meanwhile; a wrong filter is wrong still."""
+        self.expect("/api/v1/changes.* - Failed to load resource: .* 400")
+        self.open("/fleet/changes?outcome=constructor")
+        self.wait_live()
+        self.wait_text('The parameter outcome is "constructor"', "section[aria-labelledby=changes-all]")
+        self.wait_still()
+        self.assertEqual(self.text("#main").count("Bad request"), 1)
+        self.js("""window.asked = 0;
+            const ask = window.fetch;
+            window.fetch = (address, how) => {
+              window.asked += address.startsWith("/api/v1/changes");
+              return ask(address, how);
+            };""")
+        self.collector.apply(FLEET + "      data:     {disk: /no/such/disk, free: 1 MB}\n")
+        self.wait_text("data on web-1 cannot be")
+        # What it would ask again is asked within five seconds.
+        self.driver.execute_async_script("setTimeout(arguments[0], 6000)")
+        self.assertEqual(self.js("return window.asked"), 0)
+        self.click("a", "Show all")
+        self.wait("document.querySelector('section[aria-labelledby=changes-all] tbody tr') !== null")
 
     def test_what_is_not_applied_outlasts_a_reload(self):
         self.begin()
@@ -138,6 +256,7 @@ class Fleet(browser.TestCase):
         self.click("button[aria-label='Bring back revision 1']")
         self.wait_text("1m 7 -> 8", "dialog[open] .difference")
         self.click("dialog[open] button", "Cancel")
+        self.wait("document.querySelectorAll('dialog').length === 0")
         self.js("const apply = [...document.querySelectorAll('button')].find((each) => each.textContent === 'Apply…');"
                 "apply.click(); apply.click();")
         self.find("dialog[open]")

@@ -15,6 +15,7 @@ const outcomes = {
   confirmed: "a result of this revision came",
   impossible: "the agent cannot have it",
 };
+const overtaken = "a later change of it took its place, or there is nothing to wait for any more";
 /* Which shape of a state an outcome has. */
 const stateOf = { unanswered: "problem", sent: "unknown", confirmed: "ok", impossible: "silent" };
 const actions = {
@@ -27,9 +28,28 @@ export const title = () => "Changes";
 
 const wantedIn = (query) => new Map([...query].filter(([name, value]) => filters.includes(name) && value));
 
-function outcomeElement(outcome) {
-  return h("span", { class: "badge", data: { state: stateOf[outcome] ?? "unknown" },
-    title: outcomes[outcome] ?? null, text: outcome });
+function outcomeElement(outcome, by) {
+  return by === null ? h("span", { class: "badge", data: { state: stateOf[outcome] ?? "unknown" },
+    title: outcomes[outcome] ?? null, text: outcome })
+    : h("span", { class: "note", title: overtaken, text: `overtaken${by ? ` by revision ${by}` : ""}` });
+}
+
+/**
+ * By which revision a change was overtaken, as what is neither confirmed nor open any more is.
+ * @param {Object} change
+ * @param {{open: Set<number>, fresh: Set<number>, all: Object[]}|null} known ids of those that are open, and
+ *   of those that came since that was asked; null: it is not known which are open
+ * @returns {?number} null: it was not; 0: nothing later of that test is in `all`
+ */
+export function overtakenBy(change, known) {
+  const { id, agent, outcome } = change;
+  if (outcome === "confirmed" || known === null || known.open.has(id) || known.fresh.has(id)) {
+    return null;
+  }
+  const later = known.all.filter((each) => each.id > id && each.agent.name === agent.name &&
+    each.agent.account === agent.account && (each.test === change.test || each.was === change.test));
+  return later.reduce((first, each) => (each.id < first.id ? each : first), { id: Infinity, revision: 0 })
+    .revision;
 }
 
 function testName({ test, was }) {
@@ -37,16 +57,20 @@ function testName({ test, was }) {
   return was ? `${name} (was ${oneLine(was, 200)})` : name;
 }
 
-const versionOf = (each) => `${each.outcome} ${each.reason} ${each.settled} ${each.sent}`;
-
-function changesTable(caption) {
+function changesTable(caption, byOf = () => null) {
+  const reason = (each) => [byOf(each) === null ? "" : `was ${each.outcome}`, each.reason].filter(Boolean);
   return table({
-    caption, captionHidden: true, keyOf: (each) => each.id, version: versionOf, columns: [
+    caption, captionHidden: true, keyOf: (each) => each.id,
+    version: (each) => `${each.outcome} ${byOf(each)} ${each.reason} ${each.settled} ${each.sent}`,
+    columns: [
       { title: "Test", heading: true, cell: testName },
       { title: "Agent", cell: (each) => agentLink(each.agent) },
       { title: "What", cell: (each) => actions[each.action] ?? oneLine(each.action, 50) },
-      { title: "Outcome", cell: (each) => outcomeElement(each.outcome) },
-      { title: "Reason", wide: true, cell: (each) => (each.reason ? message(each.reason) : null) },
+      { title: "Outcome", cell: (each) => outcomeElement(each.outcome, byOf(each)) },
+      { title: "Reason", wide: true, cell: (each) => {
+        const text = reason(each).join(": ");
+        return text ? message(text) : null;
+      } },
       { title: "Since", cell: (each) => timeElement(each.settled ?? each.sent ?? each.time) },
       { title: "Revision", cell: (each) => h("span", { class: "number" }, `${each.revision}, `,
         timeElement(each.time)) },
@@ -60,6 +84,7 @@ export async function open(place, params, { api, live, go }) {
   let isOpen = true;
   let wanted = wantedIn(params.query);
   let asks = 0; /* answers of an earlier filter are nobody's business */
+  let isRefused = false; /* as another time, too, until the filter is another */
 
   const form = h("div");
   const standing = h("p", { class: "lead", role: "status" });
@@ -107,9 +132,11 @@ export async function open(place, params, { api, live, go }) {
   let openOnes = [];
   let openTable = null;
   let lastAsked = 0;
+  let isWhole = false; /* those are all that are open, but for `fresh` ones */
+  const fresh = new Set();
 
   async function readOpen() {
-    const mine = asks;
+    const mine = asks, before = [...fresh];
     lastAsked = performance.now();
     try {
       const all = await api.pages(path, { ...Object.fromEntries(wanted), open: 1 },
@@ -118,31 +145,55 @@ export async function open(place, params, { api, live, go }) {
         return;
       }
       openOnes = all;
-      showOpen(all.next !== null);
+      isWhole = all.next === null;
+      before.forEach((id) => fresh.delete(id));
+      showOpen(!isWhole);
+      if (allTable) {
+        showAll();
+      }
     } catch (problem) {
       if (isOpen && mine === asks) {
         openTable = null;
-        headed(openPlace, "changes-open", "Not confirmed", failure(problem, readOpen));
+        headed(openPlace, "changes-open", "Not confirmed", failed(problem, readOpen));
       }
     }
   }
 
+  function failed(problem, again) {
+    isRefused ||= problem.status === 400 || problem.status === 404;
+    openPlace.hidden = standing.hidden = isRefused; /* it is said once */
+    return failure(problem, isRefused ? null : again);
+  }
+
+  /* Only what is shown says by which. Of hundreds it is looked up once. */
+  let by = new Map();
+  function findOvertaken() {
+    const known = isWhole ? { open: new Set(openOnes.map(({ id }) => id)), fresh, all: shown } : null;
+    by = new Map(shown.map((each) => [each.id, overtakenBy(each, known)]));
+  }
+
   let said = "";
-  function showOpen(isMore) {
-    const count = `${openOnes.length}${isMore ? " and more" : ""}`;
-    const text = openOnes.length === 0 ? "Every change is confirmed."
+  function showLead(isMore) {
+    findOvertaken();
+    const isOvertaken = [...by.values()].some((each) => each !== null);
+    const text = openOnes.length === 0 ? `Every change is confirmed${isOvertaken ? " or overtaken" : ""}.`
       : `${isMore ? `${openOnes.length} changes and more are` : `${plural(openOnes.length, "change")} ` +
         (openOnes.length === 1 ? "is" : "are")} not confirmed.`;
     if (text !== said) {
       said = text;
       standing.textContent = text;
     }
+  }
+
+  function showOpen(isMore) {
+    const count = `${openOnes.length}${isMore ? " and more" : ""}`;
+    showLead(isMore);
     if (openOnes.length === 0) {
       openTable = null;
       headed(openPlace, "changes-open", "Not confirmed", emptyState(
-        wanted.size > 0 ? "None of these is open" : "Every change is confirmed",
-        "A change is confirmed when a result comes that was found with it. Until then it stands here, with " +
-        "the reason."));
+        wanted.size > 0 ? "None of these is open" : "None is open",
+        "A change is confirmed when a result comes that was found with it, and overtaken when a later one " +
+        "takes its place. Until then it stands here, with the reason."));
       return;
     }
     if (!openTable) {
@@ -179,12 +230,15 @@ export async function open(place, params, { api, live, go }) {
     } catch (problem) {
       if (isOpen && mine === asks) {
         allTable = null;
-        headed(allPlace, "changes-all", "All changes", failure(problem, () => readAll(behind)));
+        headed(allPlace, "changes-all", "All changes", failed(problem, () => readAll(behind)));
       }
     }
   }
 
   function showAll() {
+    if (isWhole) {
+      showLead(false);
+    }
     more.hidden = !next;
     openPlace.hidden = shown.length === 0 && !next && openOnes.length === 0 && wanted.size === 0;
     standing.hidden = openPlace.hidden;
@@ -198,7 +252,7 @@ export async function open(place, params, { api, live, go }) {
       return;
     }
     if (!allTable) {
-      allTable = changesTable("All changes, newest first");
+      allTable = changesTable("All changes, newest first", ({ id }) => by.get(id) ?? null);
       headed(allPlace, "changes-all", "All changes, newest first", allTable, more);
     }
     allTable.update(shown);
@@ -211,7 +265,9 @@ export async function open(place, params, { api, live, go }) {
   function readOpenSoon() {
     timer ||= setTimeout(() => {
       timer = 0;
-      readOpen();
+      if (!isRefused) {
+        readOpen();
+      }
     }, Math.max(againAfterMs, lastAsked + againAtLeastMs - performance.now()));
   }
 
@@ -223,6 +279,7 @@ export async function open(place, params, { api, live, go }) {
     const before = shown.length;
     let isNew = false;
     for (const { data } of messages) {
+      fresh.add(data.id);
       if (known.has(data.id)) {
         shown[known.get(data.id)] = data;
       } else if (wanted.size === 0 && (shown.length === 0 || data.id > shown.at(-1).id || !next)) {
@@ -255,6 +312,9 @@ export async function open(place, params, { api, live, go }) {
   stops.push(() => clearTimeout(showing));
   function showNew() {
     showing = 0;
+    if (isRefused) {
+      return;
+    }
     if ((hasNew && shown.length <= allAtOnce) || (came > mostLive && shown.length > mostLive)) {
       came = 0;
       readAll();
@@ -268,12 +328,16 @@ export async function open(place, params, { api, live, go }) {
   }
 
   stops.push(live.on("change", take), live.on("lost", () => {
-    readOpenSoon();
-    readAll();
+    if (!isRefused) {
+      isWhole = false;
+      readOpenSoon();
+      readAll();
+    }
   }));
 
   function begin() {
     asks++;
+    isRefused = isWhole = openPlace.hidden = standing.hidden = false;
     openOnes = [];
     shown = [];
     next = null;

@@ -5,7 +5,7 @@
  * there. */
 import { to } from "../base/address.js";
 import { leftOut, makesDifference, sections, summary } from "../base/difference.js";
-import { clean, oneLine, plural } from "../base/text.js";
+import { clean, oneLine, plural, whole } from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
 import { announce, fill, h, throttle } from "../dom.js";
 import { busy, confirm, dialog, emptyState, fact, failure, headed, oneByOne, table, timeElement }
@@ -15,6 +15,7 @@ const path = "/api/v1/fleet";
 const yaml = "application/yaml";
 const draftKey = "fleet-draft";
 const checkAfterMs = 400, againAfterMs = 3000;
+const mostBytes = 1048576; /* that the collector takes */
 const mostMistakes = 200, mostChanges = 400, mostAgentsNamed = 12;
 const mostCompared = 3000; /* lines: more take too long to compare one by one */
 const indent = "  ";
@@ -57,6 +58,12 @@ function dropDraft() {
   try {
     sessionStorage.removeItem(draftKey);
   } catch { /* there is none then */ }
+}
+
+/** @returns {?Object} a problem when the collector would not take it: that is known before it is sent */
+export function tooLarge(size) {
+  return size <= mostBytes ? null : { status: 413, title: "The file is too large",
+    detail: `It may have ${whole(mostBytes)} bytes, and has ${whole(size)}.` };
 }
 
 /* As a textarea has it. What was written with carriage returns is sent with them again. */
@@ -184,10 +191,11 @@ function differenceElement(answer) {
   }
   const count = all.reduce((sum, { changes }) => sum + changes.length, 0);
   return h("div", { class: "stack tight" },
-    h("p", { text: summary(answer) }),
+    h("p", { text: summary(answer).replace(/\d+/g, whole) }),
     parts.length > 0 ? h("ul", { class: "difference" }, parts) : null,
     count > mostChanges
-      ? h("p", { class: "note", text: `and ${count - mostChanges} more that are not shown here` }) : null,
+      ? h("p", { class: "note", text: `and ${whole(count - mostChanges)} more that are not shown here` })
+      : null,
     leftOut(answer) ? h("p", { class: "note", text: leftOut(answer) }) : null);
 }
 
@@ -416,35 +424,36 @@ export async function open(place, params, { api, live, me }) {
 
   function showStanding() {
     const counts = fleet.changes ?? {};
-    const word = (outcome, text = outcome) => (counts[outcome] > 0 ? `${counts[outcome]} ${text}` : "");
+    const word = (outcome) => (counts[outcome] > 0 ? `${whole(counts[outcome])} ${outcome}` : "");
     const texts = [word("confirmed"), word("waiting"), word("sent"), word("unanswered"), word("impossible")]
       .filter(Boolean);
     const isApart = fleet.text_revision && fleet.text_revision !== fleet.revision;
     fill(standing, h("h2", { text: "In force" }),
       h("dl", { class: "facts" },
-        fact("Ruled by", fleet.plan ? "a plan of raw commands (--plan)"
-          : fleet.file ? `the file ${clean(fleet.file)} (--fleet)` : "what is applied here or by the API"),
+        fact("Source", fleet.plan ? "a plan of raw commands (--plan)"
+          : fleet.file ? `the file ${clean(fleet.file)} (--fleet)` : "applied here or by the API"),
         fleet.revision > 0 ? [
           fact("Revision", String(fleet.revision)),
           isApart ? fact("Text of revision", String(fleet.text_revision)) : null,
           fact("By", oneLine(fleet.author, 100)),
           fact("Since", timeElement(fleet.time)),
           fleet.about ? fact("About", oneLine(fleet.about, 300)) : null,
-          fact("Agents", String(fleet.agents)),
-          fact("Tests", String(fleet.tests)),
+          fact("Agents", whole(fleet.agents)),
+          fact("Tests", whole(fleet.tests)),
         ] : null,
         fact("Changes", h("a", { href: to("changes"), text: texts.join(", ") || "none" }))));
   }
 
   let isKeptFromBefore = false; /* the text is not what was in force when this screen came */
   let justApplied = 0;
+  let unsure = null; /* {text, isLooked}: whether it was applied was not answered */
 
   /* Why nothing can be applied, what is wrong with the file that rules, and who was first. */
   let bannerOf = "";
   function showBanner() {
     const why = whyReadOnly();
-    const shown = JSON.stringify([why, fleet.trouble, justApplied, isDirty() && isKeptFromBefore,
-      isConflict() && [fleet.text_revision, base], editor !== null]);
+    const shown = JSON.stringify([why, fleet.trouble, justApplied, unsure?.isLooked,
+      isDirty() && isKeptFromBefore, isConflict() && [fleet.text_revision, base], editor !== null]);
     if (bannerOf === shown) { /* what is said again is read out again */
       return;
     }
@@ -458,6 +467,14 @@ export async function open(place, params, { api, live, me }) {
     }
     if (why && editor) { /* else it stands where the text would be */
       parts.push(box(h("p", { text: why })));
+    }
+    if (unsure) {
+      parts.push(h("div", { class: "failure", role: "alert" },
+        h("p", { class: "failure-title", text: unsure.isLooked ? "Your text was not applied"
+          : "It is not known whether your text was applied" }),
+        h("p", { text: unsure.isLooked
+          ? `Revision ${fleet.text_revision} is in force. Your text is here still: apply it again.`
+          : "The collector did not answer. When it does, this page looks by itself." })));
     }
     if (justApplied) {
       parts.push(box(h("p", { role: "status" },
@@ -483,10 +500,11 @@ export async function open(place, params, { api, live, me }) {
     return h("div", { class: "failure", role: "alert" },
       h("p", { class: "failure-title", text: "Somebody applied another text since you began" }),
       h("p", null, `Revision ${fleet.text_revision} is newer than ${base}, from which your text was begun. ` +
-        "Nothing of either is lost: look at what they changed, then go on with yours or take theirs."),
+        "Applied as it is, yours undoes what they changed: the difference below has that, too. Look at " +
+        "what they changed and write it into yours, or take theirs."),
       h("div", { class: "actions" },
         button("What they changed", showTheirs),
-        button(`Go on with mine, on revision ${fleet.text_revision}`, goOnWithMine, "primary"),
+        button(`Go on with mine, on revision ${fleet.text_revision}`, goOnWithMine),
         button("Download mine", download),
         button("Take theirs", takeTheirs, "danger")));
   }
@@ -534,6 +552,7 @@ export async function open(place, params, { api, live, me }) {
     base = now.text_revision;
     appliedText = plain(now.text);
     isKeptFromBefore = false;
+    unsure = unsure?.isLooked ? null : unsure;
     dropDraft();
     editor.set(appliedText);
     showBanner();
@@ -576,9 +595,9 @@ export async function open(place, params, { api, live, me }) {
     if (!file) {
       return;
     }
-    if (file.size > 1_000_000) {
-      fill(outcome, failure({ status: 413, title: "The file is too large",
-        detail: "A fleet file has 1 MB at most." }));
+    const problem = tooLarge(file.size);
+    if (problem) {
+      fill(outcome, failure(problem));
       return;
     }
     if (await mayReplace()) {
@@ -648,8 +667,10 @@ export async function open(place, params, { api, live, me }) {
       sentence = `${plural(wrong.length, "mistake")}, the first in line ${wrong[0].line}`;
       fill(outcome, h("p", { class: "note", text: "The difference is shown when there is no mistake." }));
     } else if (problem) {
-      sentence = problem.status === 422 ? clean(problem.detail) : "Not checked";
-      fill(outcome, failure(problem, check));
+      const isTooLarge = problem.status === 413;
+      sentence = problem.status === 422 ? clean(problem.detail)
+        : isTooLarge ? problem.title : "Not checked";
+      fill(outcome, failure(problem, isTooLarge ? null : check));
     } else {
       sentence = !isDirty() ? "This is the text in force"
         : makesDifference(answer) ? "No mistake" : "No mistake, and nothing changes for any agent";
@@ -664,6 +685,10 @@ export async function open(place, params, { api, live, me }) {
   }
 
   async function tryText(text, signal) {
+    const problem = tooLarge(new Blob([asWritten(text)]).size);
+    if (problem) {
+      throw problem;
+    }
     for (let tries = 1; ; tries++) {
       try {
         return await api.put(path, { query: { dry_run: 1 }, body: asWritten(text), type: yaml, signal });
@@ -718,9 +743,10 @@ export async function open(place, params, { api, live, me }) {
   });
 
   function edited() {
-    const hadBanner = isKeptFromBefore || justApplied;
+    const hadBanner = isKeptFromBefore || justApplied || unsure?.isLooked;
     isKeptFromBefore = false;
     justApplied = 0;
+    unsure = unsure?.isLooked ? null : unsure;
     keep();
     clearTimeout(checkTimer);
     checkTimer = setTimeout(check, checkAfterMs);
@@ -768,6 +794,9 @@ export async function open(place, params, { api, live, me }) {
             if (problem.status === 409) {
               return { conflict: problem };
             }
+            if (problem.status === 0) {
+              return { isLost: true };
+            }
             throw problem;
           }
         } },
@@ -786,15 +815,50 @@ export async function open(place, params, { api, live, me }) {
       }
       return;
     }
+    if (done.isLost) {
+      unsure = { text, isLooked: false };
+      justApplied = 0;
+      showBanner();
+      lookSoon();
+      return;
+    }
     announce(`Revision ${done.revision} is in force. Agents are told with their next polls.`);
     appliedText = text;
     base = done.revision;
     justApplied = done.revision;
+    unsure = null;
     isKeptFromBefore = false;
     dropDraft();
     await refreshQuietly();
     showRevisions();
     check();
+  }
+
+  /* Not at once: what was sent may be on its way still. Should it come later than that, the stream tells. */
+  let lookTimer = 0;
+  stops.push(() => clearTimeout(lookTimer));
+  function lookSoon() {
+    clearTimeout(lookTimer);
+    lookTimer = setTimeout(async () => {
+      if (!await refreshQuietly(true) && isOpen) {
+        lookSoon();
+      }
+    }, againAfterMs);
+  }
+
+  function findApplied(isAsked) {
+    if (plain(fleet.text) === unsure.text) {
+      if (editor.text !== unsure.text) { /* somebody went on typing */
+        base = fleet.text_revision;
+        appliedText = unsure.text;
+      }
+      justApplied = fleet.text_revision;
+      unsure = null;
+      announce(`Revision ${justApplied} is in force: your text was applied.`);
+      showRevisions();
+    } else {
+      unsure.isLooked ||= isAsked;
+    }
   }
 
   /* ---- what was applied before ---- */
@@ -826,7 +890,7 @@ export async function open(place, params, { api, live, me }) {
             hasAll = event.target.checked;
             showRevisions();
           } },
-        }), "also the collector's own")),
+        }), "also what the collector changed by itself")),
       items.length === 0
         ? emptyState("No revision yet", "Each text that is applied stands here, with the way back to it.")
         : table({
@@ -893,15 +957,21 @@ export async function open(place, params, { api, live, me }) {
 
   /* ---- all of it ---- */
 
-  async function refresh() {
+  async function refresh(isLookedUp = false) {
+    const before = fleet.text_revision;
     fleet = await api.get(path, { signal: stop.signal });
     if (!isOpen) {
       return;
     }
     base = Math.min(base, fleet.revision); /* another collector's, maybe */
+    if (unsure) {
+      findApplied(isLookedUp);
+    }
     /* What is not touched follows what is applied; so does what somebody applied just like that. */
     if (editor && (isDirty() ? editor.text === plain(fleet.text) : plain(fleet.text) !== appliedText)) {
       take(fleet);
+    } else if (isDirty() && fleet.text_revision !== before) {
+      check(); /* the difference is to another text now */
     }
     showLead();
     showStanding();
@@ -910,9 +980,9 @@ export async function open(place, params, { api, live, me }) {
   }
 
   /* The connection tells of itself. */
-  async function refreshQuietly() {
+  async function refreshQuietly(isLookedUp) {
     try {
-      await refresh();
+      await refresh(isLookedUp);
       return true;
     } catch {
       return false;

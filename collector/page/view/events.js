@@ -26,9 +26,15 @@ function dayText(key, now = new Date()) {
   return key === dayKey(now) ? `Today, ${text}` : key === dayKey(yesterday) ? `Yesterday, ${text}` : text;
 }
 
-/* The day stands above. */
-function timeOfDay(iso) {
-  return h("time", { datetime: iso, title: exact(iso), text: asTyped(iso).slice(-5) });
+/* The day stands above. Where a neighbour has the same minute, seconds tell them apart. */
+const minuteOf = (event) => Math.floor(Date.parse(event?.time) / 60000);
+
+export function timesOf(events) {
+  return events.map((event, i) => {
+    const minute = minuteOf(event);
+    const isAmong = minute === minuteOf(events[i - 1]) || minute === minuteOf(events[i + 1]);
+    return asTyped(event.time).slice(-5) + (isAmong ? event.time.slice(16, 19) : "");
+  });
 }
 
 const fromTyped = (text) => (Number.isNaN(Date.parse(text)) ? "" : apiTime(text));
@@ -69,7 +75,8 @@ function isWanted(event, query, members) {
 
 const inOrder = (a, b) => newestFirst(a.time, b.time) || b.id - a.id;
 
-const makeEvent = (event) => eventItem(event, { time: timeOfDay(event.time),
+const makeEvent = ({ event, text }) => eventItem(event, {
+  time: h("time", { datetime: event.time, title: exact(event.time), text }),
   what: [event.test ? [testLink(event.test), " on "] : "the agent ", agentLink(event.agent)] });
 
 export const title = () => "Events";
@@ -249,7 +256,14 @@ export async function open(place, params, context) {
     const version = `${day.events[0].id} ${day.events.at(-1).id} ${day.events.length}`;
     if (section.dataset.version !== version) {
       section.dataset.version = version;
-      keyed(section.lastChild, day.events, (event) => event.id, makeEvent);
+      const texts = timesOf(day.events);
+      keyed(section.lastChild, day.events.map((event, i) => ({ event, text: texts[i] })),
+        ({ event }) => event.id, makeEvent, (item, { text }) => {
+          const time = item.querySelector("time");
+          if (time.textContent !== text) {
+            time.textContent = text;
+          }
+        });
     }
   }
 

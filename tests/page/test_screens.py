@@ -8,6 +8,7 @@ import browser
 import records
 from browser import harness
 from held import hold, let_go, wait_held
+from looks import MISFITS
 from place import Collector, Host, Place, Told
 
 ONE_TEST = """\
@@ -398,7 +399,7 @@ class Past(browser.TestCase):
         self.assertNotIn("said", rows[1], "a message of what was well")
         self.assertNotIn("Nothing has come", " ".join(rows))
         head = self.text(".head")
-        self.assertRegex(head, r"Its last poll came .* from 127\.0\.0\.1\. Does its host run, and reach the collector\?")
+        self.assertRegex(head, r"Its last poll came .* from 127\.0\.0\.1\. Does its host run, and reach")
         self.assertIn("3 tests: 3 unknown", head)
         self.assertNotIn("0 ok", head)
 
@@ -415,6 +416,50 @@ class Past(browser.TestCase):
         self.wait_text("2 tests: 1 problem, 1 ok, 1 no longer planned", ".head")
         self.assertEqual(self.text("#agent-tests"), "2 tests, 1 no longer planned")
         self.assertEqual(self.js("return document.querySelectorAll('.spark-value b')[2].title"), "1.23456")
+
+
+class Many(browser.TestCase):
+    def test_the_same_on_many_agents(self):
+        """One line that unfolds, until few are left; what is well again is said."""
+        collector = Collector(self).start()
+        collector.apply(ONE_TEST)
+        begun = int(time.time()) - 50
+        agents = [Told(collector, "web-%d" % i) for i in range(25)]
+        for agent in agents:
+            agent.load([(begun, 9.0)])
+        self.begin_browser(collector.base)
+        self.sign_in_by_cookie(collector.token)
+        self.open("/")
+        self.wait_live()
+        own = "document.querySelectorAll('[aria-labelledby=now-problems] > .problems > .problem')"
+        self.wait("[...%s].map((each) => each.querySelector('.problem-title').innerText.replace(/\\s+/g, ' '))"
+                  ".join() === 'problem load on 25 agents'" % own)
+        self.assertEqual(self.text("#now-problems"), "What is wrong (25)")
+        self.assertEqual(self.all(".problem a"), [])
+        self.js("document.querySelector('.problem summary').focus()")
+        self.keys(browser.Keys.ENTER)
+        self.wait("document.querySelectorAll('.problem .problem a').length === 50")
+        self.keys(browser.Keys.TAB)
+        self.assertEqual(self.js("return document.activeElement.textContent"), "load")
+        for size in ((360, 740), (1280, 900)):
+            self.look(size)
+            self.assertEqual(self.js(MISFITS), [])
+        self.click(".lead a", "25 agents")
+        self.assertEqual(self.js("return [document.activeElement.id, location.pathname + location.hash]"),
+                         ["now-agents", "/"])
+        self.js("""window.said = [];
+            new MutationObserver(() => window.said.push(document.getElementById('said').textContent)).observe(
+              document.getElementById('said'), {childList: true, characterData: true, subtree: true});
+            document.querySelector('.problem summary').focus();""")
+        agents[0].load([(begun + 1, 1.0)])
+        self.wait("document.querySelector('.problem .problem-title').innerText.includes('24 agents')")
+        self.assertEqual(self.js("return document.activeElement.localName"), "summary")
+        self.assertEqual(len(self.all(".problem .problem")), 24)
+        self.wait("window.said.includes('load on web-0 is ok again.')")
+        for agent in agents[1:16]:
+            agent.load([(begun + 1, 1.0)])
+        self.wait(own + ".length === 9")
+        self.assertEqual(self.all(".problem details"), [])
 
 
 if __name__ == "__main__":

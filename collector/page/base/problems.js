@@ -28,3 +28,33 @@ export async function readProblems(ask, most) {
   }
   return { items, isMore: false, incomplete };
 }
+
+const leastOfGroup = 5;
+
+/* The same test of the same group in the same state; agents that are silent. */
+const likeness = ({ kind, of }) => JSON.stringify(kind === "agent" ? [kind, of.state]
+  : [kind, of.name, of.group, of.type, of.state, of.stale === true]);
+
+/**
+ * Many problems are often one problem of many agents.
+ * @param {Array<{kind: string, of: object}>} items the worst first
+ * @returns {Array<{kind: string, of: object}|{kind: "group", like: string, of: object, items: object[]}>} in
+ *   that order; a group stands where the first of it does, which is its `of`
+ */
+export function grouped(items) {
+  const groups = new Map();
+  for (const item of items) {
+    const like = likeness(item);
+    const group = groups.get(like);
+    if (group) {
+      group.items.push(item);
+    } else {
+      groups.set(like, { kind: "group", like, of: item.of, items: [item] });
+    }
+  }
+  const entryOf = (item) => {
+    const group = groups.get(likeness(item));
+    return group.items.length < leastOfGroup ? item : group.items[0] === item ? group : null;
+  };
+  return items.map(entryOf).filter(Boolean);
+}

@@ -3,7 +3,7 @@
  * made in slices, and those that stay the same are not touched. */
 import { to } from "../base/address.js";
 import { byTest, stateRank } from "../base/order.js";
-import { readProblems as problemsOf } from "../base/problems.js";
+import { grouped, readProblems as problemsOf } from "../base/problems.js";
 import { testQueries } from "../base/search.js";
 import { clean, oneLine, plural, stateWord, whole } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
@@ -11,6 +11,7 @@ import { agentLink, badge, busy, emptyState, failure, message, notWhole, silence
   from "../parts.js";
 
 const mostProblems = 3000, mostShown = 1000;
+const groupedFrom = 20, groupedUntil = 10; /* problems; not back and forth with one of them */
 const mostFound = 100, showEachMs = 300, typedMs = 200, foundSaidMs = 1000;
 const newSaidEachMs = 5000, againMs = 1000, againEachMs = 5000, mostAskedOne = 10, onceLiveMs = 1500;
 const states = ["problem", "silent", "unknown", "ok"];
@@ -28,7 +29,7 @@ const versions = new WeakMap(); /* of elements: what they show */
 const objects = new WeakMap();  /* and of what: the model replaces an object that changes */
 
 /* Of a test or of an agent that is silent. */
-const keyOf = (item) => `${item.kind} ${item.of.id}`;
+const keyOf = (item) => `${item.kind} ${item.like ?? item.of.id}`;
 const versionOf = ({ kind, of }) => [kind, of.state, of.stale, of.since, of.name, of.target, of.message,
   of.last_poll, of.agent?.name].join("\n");
 
@@ -53,7 +54,47 @@ function fillProblem(element, { kind, of }) {
     said ? h("div", { class: "problem-message" }, message(said)) : null);
 }
 
+/* Those of a group are made when somebody unfolds them. */
+const groups = new WeakMap(); /* of elements: {items, list, ...} */
+
+function makeGroup(item) {
+  const state = stateWord(item.of), isOfAgents = item.items[0].kind === "agent";
+  const count = h("span", { class: "text" }), since = h("span");
+  const list = h("ol", { class: "problems" }), more = h("p", { class: "note", hidden: true });
+  const details = h("details", { on: { toggle: () => updateGroup(element, groups.get(element).item) } },
+    h("summary", { data: { key: "summary" } },
+      h("span", { class: "problem-title" }, badge(state), count),
+      h("span", { class: "problem-where" }, isOfAgents ? null : [clean(item.of.type), " · ",
+        item.of.group ? `of ${oneLine(item.of.group, 100)} · ` : null], since)),
+    list, more);
+  const element = h("li", { class: "problem", data: { key: keyOf(item), state } }, details);
+  groups.set(element, { item, details, count, since, list, more, isOfAgents });
+  updateGroup(element, item);
+  return element;
+}
+
+function updateGroup(element, item) {
+  const group = groups.get(element), { items, of } = item;
+  group.item = item;
+  const agents = plural(items.length, "agent");
+  const said = group.isOfAgents ? agents : `${oneLine(of.name, 100)} on ${agents}`;
+  if (group.count.textContent !== said) {
+    group.count.textContent = said;
+  }
+  if (group.newest !== of.since) {
+    group.newest = of.since;
+    fill(group.since, "the last for ", timeElement(of.since, { as: "since" }));
+  }
+  group.more.hidden = items.length <= mostShown;
+  group.more.textContent = `The first ${whole(mostShown)} of them.`;
+  return keyed(group.list, group.details.open ? items.slice(0, mostShown) : [], keyOf, makeProblem,
+    updateProblem);
+}
+
 function makeProblem(item) {
+  if (item.kind === "group") {
+    return makeGroup(item);
+  }
   const element = h("li", { class: "problem", data: { key: keyOf(item) } });
   objects.set(element, item.of);
   versions.set(element, versionOf(item));
@@ -62,6 +103,10 @@ function makeProblem(item) {
 }
 
 function updateProblem(element, item) {
+  if (item.kind === "group") {
+    updateGroup(element, item);
+    return;
+  }
   if (objects.get(element) === item.of) {
     return;
   }
@@ -120,6 +165,7 @@ export async function open(place, params, context) {
   const isOver = () => signal.aborted;
   let hasAgents = model.agents.size > 0, hasTests = hasAgents;
   let left = false; /* more problems than are shown */
+  let isGrouped = false;
   let chosen = null; /* a state: only tiles of it */
 
   const lead = h("p", { class: "lead" }), status = h("div"), notAll = h("div");
@@ -127,7 +173,7 @@ export async function open(place, params, context) {
   const moreProblems = h("p", { class: "more note", hidden: true });
   const problemsHeading = h("h2", { id: "now-problems", text: "What is wrong" });
   const counts = h("ul", { class: "counts" }), noAgents = h("div"), tiles = h("ul", { class: "tiles" });
-  const agentsHeading = h("h2", { id: "now-agents", text: "Agents" });
+  const agentsHeading = h("h2", { id: "now-agents", tabindex: "-1", text: "Agents" });
 
   /* ---- what is wrong ---- */
 
@@ -141,13 +187,15 @@ export async function open(place, params, context) {
     fill(noProblems, all.length > 0 || !hasTests || !hasAgents || model.agents.size === 0 ? null
       : h("p", { class: "row" }, badge("ok", { text: "All is well" }),
         "No test is a problem, and no agent is silent. What goes wrong appears here by itself."));
-    const isCut = all.length > mostShown;
+    isGrouped = all.length > (isGrouped ? groupedUntil : groupedFrom);
+    const shown = isGrouped ? grouped(all) : all;
+    const isCut = shown.length > mostShown;
     fill(moreProblems, isCut ? `The first ${whole(mostShown)} of ${ofAll}. `
       : "There are more tests that are not ok. ", "All of an agent stand on its own screen.");
     moreProblems.hidden = !left && !isCut;
     problems.hidden = all.length === 0;
     problemsSection.hidden = hasAgents && model.agents.size === 0 && all.length === 0;
-    return keyed(problems, isCut ? all.slice(0, mostShown) : all, keyOf, makeProblem, updateProblem);
+    return keyed(problems, isCut ? shown.slice(0, mostShown) : shown, keyOf, makeProblem, updateProblem);
   }
 
   /* ---- agents ---- */
@@ -176,7 +224,7 @@ export async function open(place, params, context) {
     }
     counts.hidden = total === 0;
     agentsHeading.textContent = total > 0 ? plural(total, "agent") : "Agents";
-    lead.textContent = hasAgents && total > 0 ? leadText(now, total) : "";
+    showLead(hasAgents && total > 0 ? leadText(now, total) : "", plural(total, "agent"));
     fill(noAgents, !hasAgents || total > 0 ? null : emptyState("No agent has reported yet",
       h("p", null, "Install the agent on a host and have it poll this collector. ", me?.role === "admin"
         ? "The command that does so for one host is made under Admission; hosts that ask by themselves wait "
@@ -188,6 +236,18 @@ export async function open(place, params, context) {
     const all = model.sortedAgents("state");
     return keyed(tiles, chosen ? all.filter((agent) => agent.state === chosen) : all, (agent) => agent.id,
       makeTile, updateTile);
+  }
+
+  /* With a way to the agents, which may stand below many problems. */
+  function showLead(text, agents) {
+    const [before, after] = text.split(agents);
+    if (lead.textContent !== text) {
+      fill(lead, before, after === undefined ? null : [h("a", { href: "#now-agents", data: { key: "agents" },
+        text: agents, on: { click: (event) => {
+          event.preventDefault();
+          agentsHeading.focus();
+        } } }), after]);
+    }
   }
 
   function leadText(now, total) {
@@ -322,7 +382,7 @@ export async function open(place, params, context) {
   /* ---- live ---- */
 
   const changed = { agents: false, tests: false };
-  let showing = 0, newOnes = [], newSaidAt = 0, newTimer = 0;
+  let showing = 0, newOnes = [], wellOnes = [], newSaidAt = 0, newTimer = 0;
 
   function show() {
     clearTimeout(showing);
@@ -347,8 +407,9 @@ export async function open(place, params, context) {
       return;
     }
     newSaidAt = Date.now();
-    const all = newOnes.splice(0);
-    announce(all.length === 1 ? all[0] : `${all.length} new problems.`);
+    const bad = newOnes.splice(0), well = wellOnes.splice(0);
+    announce([bad.length > 1 ? `${bad.length} new problems.` : bad[0],
+      well.length > 1 ? `${well.length} are ok again.` : well[0]].filter(Boolean).join(" "));
   }
 
   function take(messages) {
@@ -370,16 +431,20 @@ export async function open(place, params, context) {
           changed.tests = true;
         }
         const isNews = other.agents.size > 0 || other.tests.size > 0;
-        if (isNews && (data.to === "problem" || data.to === "silent")) {
-          newOnes.push(data.test ? `${clean(data.test.name)} on ${clean(data.agent.name)} is a problem.`
-            : `${clean(data.agent.name)} is ${data.to}.`);
+        const name = clean(data.agent.name), what = data.test ? `${clean(data.test.name)} on ${name}` : name;
+        if (isNews && data.from === "silent") {
+          wellOnes.push(`${name} polls again.`);
+        } else if (isNews && (data.to === "problem" || data.to === "silent")) {
+          newOnes.push(`${what} is ${data.to === "problem" ? "a problem" : "silent"}.`);
+        } else if (isNews && data.test && data.to === "ok" && data.from !== "ok") {
+          wellOnes.push(`${what} is ok again.`);
         }
       }
     }
     if (changed.agents || changed.tests) {
       showSoon();
     }
-    if (newOnes.length > 0) {
+    if (newOnes.length + wellOnes.length > 0) {
       sayNew();
     }
     askAgainSoon();

@@ -1,6 +1,6 @@
 import assert from "node:assert/strict";
 import { test } from "node:test";
-import { readProblems } from "../../../collector/page/base/problems.js";
+import { grouped, readProblems } from "../../../collector/page/base/problems.js";
 
 /* A collector with so many tests of each state; it lists those that are unknown first. */
 function collector(counts) {
@@ -47,4 +47,24 @@ test("it ends at the most, and says that there are more", async () => {
   assert.deepEqual([exactly.items.length, exactly.isMore], [100, false]);
   const oneMore = await readProblems(collector({ problem: 100, stale: 1 }).ask, 100);
   assert.deepEqual([oneMore.items.length, oneMore.isMore], [100, true]);
+});
+
+test("what is the same on many agents is one, where the first of it stands", () => {
+  const usual = { group: "web", type: "process", state: "problem" };
+  const of = (name, more = {}) => ({ kind: "test", of: { name, ...usual, ...more } });
+  const silent = (id) => ({ kind: "agent", of: { id, state: "silent" } });
+  const loads = [1, 2, 3, 4, 5].map((id) => of("load", { id }));
+  const agents = [1, 2, 3, 4, 5, 6].map(silent);
+  const others = [of("load", { group: null }), of("load", { type: "cpu" }),
+    of("load", { state: "unknown", stale: true }), of("load", { state: "unknown" }),
+    ...Array.from({ length: 4 }, () => of("disk"))];
+  const found = grouped([...agents, others[4], loads[0], others[5], ...loads.slice(1), ...others.slice(0, 4),
+    ...others.slice(6)]);
+  assert.deepEqual(found.map(({ kind, items }) => (kind === "group" ? items : null)),
+    [agents, null, loads, ...new Array(7).fill(null)]);
+  assert.deepEqual([found[1], ...found.slice(3)],
+    [others[4], others[5], ...others.slice(0, 4), ...others.slice(6)]);
+  assert.equal(found[2].of, loads[0].of);
+  assert.notEqual(found[0].like, found[2].like);
+  assert.deepEqual(grouped([]), []);
 });

@@ -186,6 +186,11 @@ class Fleet(browser.TestCase):
         self.assertNotIn("Try again", self.text(".failure"))
         self.assertFalse(self.find("button", "Apply…").is_enabled())
         self.assertEqual(self.js("return window.sent"), 0)
+        self.js("""const area = document.getElementById('fleet-text');
+            area.value = area.value.slice(0, 1000);
+            area.dispatchEvent(new Event('input'));""")
+        self.wait("window.sent > 0")
+        self.wait_text("No mistake", "#fleet-said")
 
     def test_overtaken(self):
         """What could not be, and is another way since, is no contradiction to all being confirmed."""
@@ -228,6 +233,7 @@ class Fleet(browser.TestCase):
         self.assertEqual(self.js("return window.asked"), 0)
         self.click("a", "Show all")
         self.wait("document.querySelector('section[aria-labelledby=changes-all] tbody tr') !== null")
+        self.assertGreater(self.js("return window.asked"), 0)
 
     def test_what_is_not_applied_outlasts_a_reload(self):
         self.begin()

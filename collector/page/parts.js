@@ -235,7 +235,7 @@ function whatFailed(problem) {
 
 /**
  * What did not work and why, said at once by screen readers. Where the collector did not answer, it is
- * tried again when it is back.
+ * tried again when it is back; what is not there is not asked for again.
  * @param {Error} problem of api.js, or anything that was thrown
  * @param {(() => void)|null} [retry] has a button
  * @param {string} [text] of the button
@@ -245,7 +245,7 @@ export function failure(problem, retry = null, text = "Try again") {
   return h("div", { class: "failure", role: "alert", data: { away: problem?.status === 0 ? "" : null } },
     h("p", { class: "failure-title", text: whatFailed(problem) }),
     detail ? h("p", { class: "message", text: clean(detail) }) : null,
-    retry ? h("button", { type: "button", text, on: { click: retry } }) : null);
+    retry && problem?.status !== 404 ? h("button", { type: "button", text, on: { click: retry } }) : null);
 }
 
 /**

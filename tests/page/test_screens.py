@@ -224,9 +224,12 @@ class Screens(browser.TestCase):
     def test_what_is_not_there(self):
         self.expect(r"/api/v1/(tests|agents)/\S+ - Failed to load resource: .* 404")
         for path, text in (("/tests/nothing", "Nothing is here"), ("/tests/999999", "There is no such test"),
-                           ("/agents/999999", "no such")):
+                           ("/agents/999999", "not here any more")):
             self.open(path)
             self.wait_text(text)
+            self.assertEqual([each for each in self.all("#main button") if each.text == "Try again"], [])
+        self.click("#main a", "All agents")
+        self.wait_heading("Now")
 
     def test_a_clock_that_is_wrong(self):
         """Ages are by the collector's; and it is said."""

@@ -118,10 +118,16 @@ export async function open(place, params, context) {
       }
     } catch (problem) {
       if (!isOver()) {
-        fill(status, failure(problem, () => part(status, what, read, show)));
+        fill(status, problem?.status === 404 && !agent ? notHere()
+          : failure(problem, () => part(status, what, read, show)));
       }
     }
   }
+
+  const notHere = () => h("div", { role: "alert" },
+    emptyState("This agent is not here any more, or never was",
+      "What a retired agent reported is kept for a time; or the address was cut.",
+      h("a", { class: "button", href: to("now"), text: "All agents" })));
 
   /* ---- what it is ---- */
 

@@ -405,6 +405,9 @@ class Past(browser.TestCase):
         self.assertRegex(head, r"Its last poll came .* from 127\.0\.0\.1\. Does its host run, and reach")
         self.assertIn("3 tests: 3 unknown", head)
         self.assertNotIn("0 ok", head)
+        self.assertEqual(self.js("return ['.spark-value b', '.message', '.note'].map((each) => getComputedStyle("
+                                 "document.querySelector(`.spark-item ${each}`)).color).filter((each, i, all) =>"
+                                 "all.indexOf(each) === i).length"), 1, "what was is grey")
 
     def test_no_longer_planned(self):
         rows = self.open_changed("""
@@ -441,6 +444,7 @@ class Many(browser.TestCase):
         self.assertEqual(self.all(".problem a"), [])
         self.js("document.querySelector('.problem summary').focus()")
         self.keys(browser.Keys.ENTER)
+        self.assertEqual(self.text(".lead"), "Of 25 agents 25 have problems.")
         self.wait("document.querySelectorAll('.problem .problem a').length === 50")
         self.keys(browser.Keys.TAB)
         self.assertEqual(self.js("return document.activeElement.textContent"), "load")

@@ -83,7 +83,7 @@ function updateGroup(element, item) {
   }
   if (group.newest !== of.since) {
     group.newest = of.since;
-    fill(group.since, "the last for ", timeElement(of.since, { as: "since" }));
+    fill(group.since, "newest ", timeElement(of.since, { as: "ago" }));
   }
   group.more.hidden = items.length <= mostShown;
   group.more.textContent = `The first ${whole(mostShown)} of them.`;
@@ -258,7 +258,7 @@ export async function open(place, params, context) {
     const [alone] = states.filter((state) => now[state] > 0);
     return total === 1 ? `The agent ${alone === "problem" ? "has a problem" : `is ${alone}`}.`
       : parts.length === 0 ? `All ${whole(total)} agents are ok.`
-      : `Of ${plural(total, "agent")} ${[...parts, are("ok")].join(", ")}.`;
+      : `Of ${plural(total, "agent")} ${(now.ok > 0 ? [...parts, are("ok")] : parts).join(", ")}.`;
   }
 
   /* ---- search ---- */

@@ -4,10 +4,11 @@
  * more: its legend, annotations and gestures would need styles and markup that the page forbids, or
  * keep a finger from scrolling. It is loaded when the first curve is made. */
 import { announce, fill, h, svg, throttle } from "./dom.js";
-import { ago, axisNumber, clean, clock, exact, number, oneLine } from "./base/text.js";
+import { ago, axisNumber, clean, clock, exact, now, number, oneLine } from "./base/text.js";
 
 const leastDrag = 8; /* pixels: less is a click */
 const mostTableRows = 500;
+const goesOnMs = 120000; /* a state that ended no longer ago is on */
 const seriesLabel = "value"; /* to dygraphs: a name from outside might be one of its own */
 const wordsOfStates = ["problem", "unknown", "silent", "stale", "ok"];
 const dark = matchMedia("(prefers-color-scheme: dark)");
@@ -204,7 +205,8 @@ function valueRangeOf(extent, limits) {
  *   show(data, {limits, strip, from, to, unit, words}): data.rows of [Date, [min, mean, max] or null];
  *     `words: false` leaves the words below the strip to another curve of the same test
  *   append(row, {strip, from, to}): one more row at the end; what is older than `from` goes
- *   onRange(fn): fn({kind: "range", from, to} in milliseconds, {kind: "back"} or {kind: "now"})
+ *   onRange(fn): fn({kind: "range", from, to} in milliseconds, {kind: "zoom", factor}, {kind: "back"} or
+ *     {kind: "now"})
  */
 export function createChart(place, { label }) {
   const name = oneLine(label, 200);
@@ -272,7 +274,7 @@ export function createChart(place, { label }) {
   function drawLimits(to, area, g) {
     to.save();
     to.font = colours.font;
-    to.textAlign = "right";
+    to.textAlign = "left"; /* the newest values are on the right */
     const taken = [];
     for (const limit of shown.limits) {
       const y = g.toDomYCoord(limit.value);
@@ -300,8 +302,8 @@ export function createChart(place, { label }) {
       to.lineWidth = 4;
       to.lineJoin = "round";
       to.strokeStyle = colours.back;
-      to.strokeText(text, area.x + area.w - 4, at, area.w - 8);
-      to.fillText(text, area.x + area.w - 4, at, area.w - 8);
+      to.strokeText(text, area.x + 4, at, area.w - 8);
+      to.fillText(text, area.x + 4, at, area.w - 8);
     }
     to.restore();
   }
@@ -357,15 +359,17 @@ export function createChart(place, { label }) {
   function sayStrip() {
     const seconds = new Map();
     let last = null;
-    for (const { from, to, state } of shown.strip) {
+    for (const piece of shown.strip) {
+      const { from, to, state } = piece;
       const length = Math.max(0, (Math.min(ms(to), shown.to) - Math.max(ms(from), shown.from)) / 1000);
       seconds.set(state, (seconds.get(state) ?? 0) + length);
-      last = state !== "ok" && length > 0 ? { from, to, state } : last;
+      last = state !== "ok" && length > 0 ? piece : last;
     }
     const present = wordsOfStates.filter((state) => seconds.get(state) > 0);
     const texts = present.map((state) => `${state} ${ago(seconds.get(state))}`);
-    const newest = last
-      ? `last ${last.state} ${clock(iso(ms(last.from)))} to ${clock(iso(ms(last.to)))}` : "";
+    const isOn = last && last === shown.strip.at(-1) && now() - ms(last.to) < goesOnMs;
+    const newest = !last ? "" : isOn ? `${last.state} since ${clock(iso(ms(last.from)))}`
+      : `last ${last.state} ${clock(iso(ms(last.from)))} to ${clock(iso(ms(last.to)))}`;
     strip.setAttribute("aria-label", `States: ${[...texts, newest].filter(Boolean).join(", ") || "none"}`);
     words.hidden = !shown.words || present.length === 0;
     fill(words, ...present.map((state, i) => h("span", { class: "badge", data: { state } }, texts[i])),
@@ -540,9 +544,9 @@ export function createChart(place, { label }) {
     const does = {
       ArrowLeft: () => ask(from - span / 4, to - span / 4),
       ArrowRight: () => ask(from + span / 4, to + span / 4),
-      "+": () => ask(from + span / 4, to - span / 4),
-      "=": () => ask(from + span / 4, to - span / 4),
-      "-": () => ask(from - span / 2, to + span / 2),
+      "+": () => tell({ kind: "zoom", factor: 0.5 }),
+      "=": () => tell({ kind: "zoom", factor: 0.5 }),
+      "-": () => tell({ kind: "zoom", factor: 2 }),
       Home: () => tell({ kind: "now" }),
       Escape: () => (drag ? (stopDrag(), draw()) : tell({ kind: "back" })),
     }[event.key];

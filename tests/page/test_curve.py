@@ -46,6 +46,22 @@ for (const canvas of document.querySelectorAll('.chart-place canvas')) {
 return Object.fromEntries(rows);
 """
 
+# Changes what the API says of the test and of its agent.
+CHANGED = """
+const real = window.fetch;
+window.fetch = async (...given) => {
+  const answer = await real(...given);
+  const of = /api\\/v1\\/(test|agent)s\\/[0-9]+$/.exec(new URL(given[0], location.href).pathname);
+  if (!of) {
+    return answer;
+  }
+  const body = await answer.json();
+  const test = of[1] === 'test' ? body : {}, agent = of[1] === 'agent' ? {...body, retired: undefined} : {};
+  %s;
+  return new Response(JSON.stringify(of[1] === 'test' ? test : agent), {headers: answer.headers});
+};
+"""
+
 
 class Curve(browser.TestCase):
     def setUp(self):
@@ -129,12 +145,14 @@ class Curve(browser.TestCase):
         self.assertEqual(self.address, self.path + "?range=6h")
 
     def test_zoom_by_keys(self):
-        self.begin("?range=6h")
+        past = [time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(self.now - back * HOUR)) for back in (16, 10)]
+        self.begin("?from=%s&to=%s" % tuple(past))
         self.js("document.querySelector('.chart-place').focus()")
         self.keys("+")
-        self.wait("location.search.includes('from=')")
+        self.wait("!location.search.includes(arguments[0])", past[0])
         begin, end = self.shown()
         self.assertAlmostEqual(end - begin, 3 * HOUR, delta=120)
+        self.assertAlmostEqual(end, self.now - 11.5 * HOUR, delta=120)
         self.keys(Keys.ARROW_LEFT)
         self.wait_asked(lambda other, _: other < begin - HOUR / 2, "earlier")
         moved = self.shown()
@@ -147,15 +165,78 @@ class Curve(browser.TestCase):
         self.wait_asked(lambda _, end: end is None, "now")
         self.assertEqual(self.js("return document.activeElement.className"), "chart-place", "the focus stays")
 
+    def test_zoom_of_what_goes_on(self):
+        """It ends now, whatever it is zoomed to; what is shorter than the shortest is a time of its own."""
+        self.begin("?range=6h")
+        self.js("document.querySelector('.chart-place').focus()")
+        for key, word in (("+", "1h"), ("+", "15m"), ("-", "1h"), ("-", "6h"), ("-", "")):
+            self.keys(key)
+            self.wait("location.search === arguments[0]", "?range=" + word if word else "")
+            self.wait_asked(lambda _, end: end is None, word)
+        self.open(self.path + "?range=15m")
+        self.wait_drawn()
+        self.click("button", "+")
+        self.wait("location.search.includes('from=')")
+        begin, end = self.shown()
+        self.assertAlmostEqual(end - begin, HOUR / 8, delta=2)
+        self.assertLess(abs(end - time.time()), browser.PATIENCE_S)
+        said = self.text("section[aria-labelledby=test-curve]")
+        self.assertRegex(said, r"\d\d:\d\d:\d\d to \d\d:\d\d:\d\d, 7 min")
+
+    def test_a_young_test_shows_what_there_is(self):
+        """Not a day of which nothing is known, unless that is asked for."""
+        young = Told(self.collector, "young")
+        young.load((when, 2.0) for when in range(int(time.time()) - 300, int(time.time()) - 1, 10))
+        test, = [each for each in self.collector.get("/api/v1/tests")["items"] if each["agent"]["name"] == "young"]
+        self.path = "/tests/%d" % test["id"]
+        self.begin()
+        self.assertEqual(self.find(".chart-tools .choices a[aria-current]").text, "15 min")
+        self.wait_asked(lambda begin, end: end is None and time.time() - begin < HOUR, "what there is")
+        self.click(".chart-tools .choices a", "Day")
+        self.wait("location.search === '?range=1d'")
+        self.wait_asked(lambda begin, _: time.time() - begin > 23 * HOUR, "a day")
+        self.assertEqual(self.find(".chart-tools .choices a[aria-current]").text, "Day")
+
+    def test_why_nothing_comes(self):
+        """Nothing on the screen is to look as if the test were well."""
+        self.begin("?range=1h")
+        self.assertNotIn("agent", self.text(".head"))
+        # What takes some intervals to come is put into the answers.
+        for script, said in (
+                ("test.state = 'unknown'; test.since = new Date().toISOString()", "It is no longer planned, since "),
+                ("agent.state = 'silent'", "Its agent web-1 is silent since ")):
+            made = self.cdp("Page.addScriptToEvaluateOnNewDocument", source=CHANGED % script)["identifier"]
+            self.open(self.path)
+            self.wait_text(said, ".head")
+            self.assertTrue(self.find("section.past[aria-label='How it stands']"))
+            self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=made)
+        self.begin("?range=1h")
+        self.assertEqual(self.collector.ask("/api/v1/agents/%d" % self.agent_id(), "DELETE")[0], 204)
+        self.wait_text("Its agent is retired", ".head")
+
+    def agent_id(self):
+        return self.collector.get("/api/v1/agents")["items"][0]["id"]
+
+    def test_results_are_told_apart(self):
+        self.begin("?range=1h")
+        self.wait("document.querySelectorAll('section[aria-labelledby=test-results] tbody tr').length > 3")
+        times = self.js("return [...document.querySelectorAll('section[aria-labelledby=test-results] tbody time')]"
+                        ".map((each) => each.textContent)")
+        self.assertRegex(times[0], r"\d\d:\d\d:\d\d$")
+
     def test_a_time_without_results(self):
         """Keys lead out of it, too."""
-        self.begin("?range=2y")
+        path = "?from=2020-01-01T00:00:00Z&to=2020-01-02T00:00:00Z"
+        self.begin("?range=6h")
         self.js("document.querySelector('.chart-place').focus()")
-        self.keys("+")
+        self.js("history.pushState(null, '', arguments[0]); dispatchEvent(new PopStateEvent('popstate'))",
+                self.path + path)
         self.wait_text("No results in this time")
+        self.keys("+")
+        self.wait("location.search.includes('from=2020-01-01T06:00:00Z')")
         self.assertNotEqual(self.js("return document.activeElement.localName"), "body", "the focus is somewhere")
-        self.keys(Keys.ESCAPE)
-        self.wait("location.search === '?range=2y'")
+        self.keys(Keys.HOME)
+        self.wait("!location.search.includes('from=')")
         self.wait_drawn()
 
     def test_ranges(self):

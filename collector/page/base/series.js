@@ -51,7 +51,7 @@ export function firstValue(type, names) {
   return names.includes(usual) ? usual : (names[0] ?? null);
 }
 
-const loadLabels = { load1: "1 min", load5: "5 min", load15: "15 min" };
+const loadLabels = { load1: "load 1 min", load5: "load 5 min", load15: "load 15 min" };
 
 /* "object 3" and "result 3" are the third; "result" is the first. */
 const placeOf = (valueName, word) => {

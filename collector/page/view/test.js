@@ -5,7 +5,9 @@
 import { to } from "../base/address.js";
 import { Heard } from "../base/heard.js";
 import * as curves from "../base/series.js";
-import { asTyped, clean, number, oneLine, plural, stateWord } from "../base/text.js";
+import {
+  ago, asTyped, clean, clock, exact, isNoLongerPlanned, now as presentTime, number, oneLine, plural, stateWord,
+} from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
 import { announce, fill, h, inFrames, throttle } from "../dom.js";
@@ -15,8 +17,11 @@ import {
 } from "../parts.js";
 
 const day = 86400000;
-const twoYears = 730 * day; /* as long as hours are kept, unless the collector is told otherwise */
-const ranges = [["1h", "1 hour"], ["6h", "6 hours"], ["1d", "Day"], ["7d", "Week"], ["30d", "Month"],
+const spans = { /* besides those of base/series.js */
+  "15m": 900000,
+  "2y": 730 * day, /* as long as hours are kept, unless the collector is told otherwise */
+};
+const ranges = [["15m", "15 min"], ["1h", "1 hour"], ["6h", "6 hours"], ["1d", "Day"], ["7d", "Week"], ["30d", "Month"],
   ["2y", "Two years"]];
 const mostUnasked = 6, mostCharts = 24, mostButtons = 400; /* of values */
 const resultsAtOnce = matchMedia("(max-width: 40rem)").matches ? 10 : 20; /* cards are long */
@@ -28,17 +33,37 @@ export const title = () => "Test";
 
 /* ---- the time that is looked at ---- */
 
-const spanOf = (word) => (word === "2y" ? twoYears : curves.ranges[word]);
+const spanOf = (word) => spans[word] ?? curves.ranges[word];
 
-/** @returns {{from: number, to: number, range: ?string}} with `range` it goes on with the time */
-function rangeIn(query, now = Date.now()) {
-  return query.get("range") === "2y" && !query.has("from") && !query.has("to")
-    ? { from: now - twoYears, to: now, range: "2y" }
+/**
+ * @param {string} usual what is shown where the address has no time
+ * @returns {{from: number, to: number, range: ?string}} with `range` it goes on with the time
+ */
+function rangeIn(query, usual, now = presentTime()) {
+  const word = query.get("range") ?? usual;
+  return Object.hasOwn(spans, word) && !query.has("from") && !query.has("to")
+    ? { from: now - spans[word], to: now, range: word }
     : curves.readRange(query, now);
 }
 
+/* The shortest that shows all of what there is since a time, a day at most. */
+function shortestFor(begin, now = presentTime()) {
+  return ranges.find(([word]) => word === "1d" || spanOf(word) >= now - begin)[0];
+}
+
+/* When the first result of an answer was, if it is known. */
+function beginOf({ time, state, values }) {
+  const i = time.findIndex((_, at) => state.ok[at] > 0 || state.problem[at] > 0
+    || Object.values(values).some(({ mean }) => Number.isFinite(mean[at])));
+  return i < 0 ? null : Date.parse(time[i]);
+}
+
+/* Of results that follow each other closely. */
+const secondsTime = (iso) => h("time", { datetime: iso, title: exact(iso), text: clockTo(iso) });
+const clockTo = (time) => `${clock(time)}:${String(new Date(time).getSeconds()).padStart(2, "0")}`;
+
 /* What ends now and is as long as one of the words is that word, and goes on. */
-function wordOf({ from, to: end }, now = Date.now()) {
+function wordOf({ from, to: end }, now = presentTime()) {
   const span = end - from;
   const found = ranges.find(([word]) => Math.abs(spanOf(word) - span) < span / 100);
   return found && end >= now - span / 100 ? found[0] : null;
@@ -102,7 +127,9 @@ export async function open(place, params, context) {
   const stops = [() => stop.abort()];
   let isOpen = true;
   let query = new Map(params.query);
-  let range = rangeIn(query);
+  let usual = "1d";
+  let begins = null; /* the first result, where the address has no time and it is of the last day */
+  let range = rangeIn(query, usual);
   let test = null;
   let series = null;
   let tails = new Map(); /* of the values: rows that came since the series was asked for */
@@ -162,6 +189,38 @@ export async function open(place, params, context) {
         text: type + (target && target !== name ? ` of ${oneLine(target, 300)}` : "") }));
   }
 
+  /* Why nothing comes, where that is known: what stands here is of before then. */
+  let agent = null;
+  let goneOf = "";
+  function showGone() {
+    const why = !agent || !test ? "" : agent.retired ? "retired" : agent.state === "silent" ? "silent"
+      : isNoLongerPlanned(test, agent) ? "gone" : "";
+    if (goneOf !== why) {
+      goneOf = why;
+      fill(gone, why === "retired"
+        ? "Its agent is retired: this test is in no list any more, and is kept until it expires."
+        : why === "silent" ? ["Its agent ", agentLink(test.agent), " is silent since ", timeElement(agent.since),
+          ": nobody knows how the test stands. What is shown is from before."]
+        : why === "gone" ? ["It is no longer planned, since ", timeElement(test.since),
+          ". What is shown is from before, and goes when it expires."] : null);
+      facts.classList.toggle("past", why !== "");
+      gone.hidden = why === "";
+      if (why && haveBegun) {
+        announce(gone.textContent);
+      }
+    }
+  }
+
+  let haveBegun = false;
+  async function readAgent() {
+    const got = await api.get(`/api/v1/agents/${test.agent.id}`, { signal: stop.signal });
+    if (isOpen) {
+      agent = got;
+      showGone();
+      haveBegun = true;
+    }
+  }
+
   /* What somebody has opened stays open when a result comes. */
   let messageOf = null;
   let messagePlace = null;
@@ -175,9 +234,11 @@ export async function open(place, params, context) {
     }
     if (toldOf !== JSON.stringify(definition?.fields)) {
       toldOf = JSON.stringify(definition?.fields);
-      const fields = Object.entries(definition?.fields ?? {});
+      /* What is not limited need not be read. */
+      const fields = Object.entries(definition?.fields ?? {})
+        .filter(([, value]) => value !== -1 && value !== "" && value !== null);
       const textOf = (value) => (typeof value === "object" ? JSON.stringify(value) : String(value));
-      told = fields.length > 0 ? h("details", null, h("summary", { text: plural(fields.length, "field") }),
+      told = fields.length > 0 ? h("details", null, h("summary", { text: `${plural(fields.length, "field")}, as the agent gets them` }),
         h("dl", { class: "facts" },
           fields.map(([name, value]) => fact(clean(name), oneLine(textOf(value), 1000))))) : null;
     }
@@ -201,6 +262,7 @@ export async function open(place, params, context) {
     const got = await api.get(path, { signal: stop.signal });
     [test] = heard.answer(asked, [got], new Map([[id, test ?? {}]])) ?? [test];
     if (isOpen) {
+      showGone();
       showHead();
       showFacts();
     }
@@ -236,6 +298,7 @@ export async function open(place, params, context) {
     }
   }
   const readTestSoon = soon(500, readTest);
+  const readAgentSoon = soon(500, readAgent);
   /* After a change of the fleet; while nobody looks nothing is asked for. */
   let isSourceDue = false;
   const readSourceSoon = soon(5000, async () => {
@@ -259,7 +322,7 @@ export async function open(place, params, context) {
     const next = without("from", "to", "range");
     const word = typeof wanted === "string" ? wanted : wordOf(wanted);
     for (const [name, value] of Object.entries(curves.writeRange(word ?? wanted))) {
-      if (value !== "1d") { /* which is what is shown without a word */
+      if (value !== usual) { /* which is what is shown without a word */
         next.set(name, value);
       }
     }
@@ -276,6 +339,15 @@ export async function open(place, params, context) {
 
   const move = {
     range: ({ from, to: end }) => goTo(withRange(curves.clampRange({ from, to: end }))),
+    /* What goes on with the time does so, longer or shorter. */
+    zoom: ({ factor }) => {
+      const next = ranges[ranges.findIndex(([word]) => word === range.range) + (factor < 1 ? -1 : 1)];
+      if (range.range && next) {
+        goTo(withRange(next[0]));
+      } else {
+        move.range(curves.zoomed(range, factor, range.range ? range.to : undefined));
+      }
+    },
     back: () => {
       const last = before.pop();
       if (last || !range.range) {
@@ -285,6 +357,12 @@ export async function open(place, params, context) {
     now: () => goTo(withRange((ranges.find(([word]) => spanOf(word) >= (range.to - range.from) * 0.99) ??
       ranges.at(-1))[0])),
   };
+
+  function rangeText() {
+    const { from, to: end } = range;
+    const say = end - from < 3600000 ? clockTo : clock;
+    return `${say(from)} to ${say(end)}, ${ago((end - from) / 1000)}`;
+  }
 
   function showTools() {
     const button = (text, label, click, isOff = false) => h("button", {
@@ -297,10 +375,10 @@ export async function open(place, params, context) {
     const form = h("form", { class: "filters", on: { submit: (event) => {
       event.preventDefault();
       const wanted = { from: new Date(from.value).getTime(), to: new Date(until.value).getTime() };
-      wrong.textContent = wanted.from < Math.min(wanted.to, Date.now()) ? ""
+      wrong.textContent = wanted.from < Math.min(wanted.to, presentTime()) ? ""
         : "A time has to begin before it ends, and not in the future.";
       if (!wrong.textContent) {
-        goTo(withRange(curves.clampRange({ from: wanted.from, to: Math.min(wanted.to, Date.now()) })));
+        goTo(withRange(curves.clampRange({ from: wanted.from, to: Math.min(wanted.to, presentTime()) })));
       }
     } } },
     h("div", { class: "field" }, h("label", { for: "test-from", text: "From" }), from),
@@ -316,11 +394,12 @@ export async function open(place, params, context) {
         h("div", { class: "choices", role: "group", aria: { label: "Which time" } },
           button("←", "Earlier", () => move.range(curves.panned(range, -0.5))),
           button("→", "Later", () => move.range(curves.panned(range, 0.5)), range.range !== null),
-          button("+", "Closer", () => move.range(curves.zoomed(range, 0.5))),
-          button("−", "Wider", () => move.range(curves.zoomed(range, 2))),
+          button("+", "Closer", () => move.zoom({ factor: 0.5 })),
+          button("−", "Wider", () => move.zoom({ factor: 2 })),
           button("Back", "Back to the time before", move.back, before.length === 0 && range.range !== null),
           button("Now", "Up to now", move.now, range.range !== null))),
-      h("details", { open: isOpenNow }, h("summary", { text: "Another time" }), form));
+      h("details", { open: isOpenNow }, h("summary", { text: "Another time" }), form),
+      range.range ? null : h("p", { class: "chart-note" }, rangeText()));
   }
 
   /* ---- which values ---- */
@@ -359,7 +438,7 @@ export async function open(place, params, context) {
         go(addressOf(next), { replace: true });
       }
     };
-    const list = h("div", { class: "choices", role: "group", aria: { label: "Values" } });
+    const list = h("div", { class: "choices values", role: "group", aria: { label: "Values" } });
     const fillList = (words) => {
       const fitting = names.filter((name) =>
         curves.valueLabel(definition, name).toLowerCase().includes(words.trim().toLowerCase()));
@@ -379,7 +458,8 @@ export async function open(place, params, context) {
             h("input", { type: "search", id: "test-values", value: search, data: { key: "search" },
               on: { input: (event) => fillList(event.target.value) } })) : null,
           list)) : null,
-      canRate() ? h("label", { class: "check" }, h("input", {
+      canRate() && (!isRate() || test.type !== "snmp" || names.some((name) => series.values[name].unit.endsWith("/s")))
+        ? h("label", { class: "check" }, h("input", {
         type: "checkbox", checked: isRate(), data: { key: "rate" }, on: { change: (event) => {
           const next = without("rate");
           next.set("rate", event.target.checked ? "1" : "0");
@@ -455,13 +535,19 @@ export async function open(place, params, context) {
   }, { rootMargin: "200px" });
   stops.push(() => sight.disconnect(), drawing.cancel);
 
+  let isFresh = true; /* a time that somebody looks at stays as long as it is */
   async function readSeries() {
     clearTimeout(again);
     asked?.abort();
     const mine = new AbortController();
     asked = mine;
     meanwhile = [];
-    range = rangeIn(query);
+    const was = usual;
+    usual = begins === null ? usual : shortestFor(begins);
+    range = rangeIn(query, usual);
+    if (usual !== was) {
+      showTools();
+    }
     const { from, to: end } = range;
     const span = end - from;
     try {
@@ -473,6 +559,14 @@ export async function open(place, params, context) {
         signal: mine.signal,
       });
       if (!isOpen || asked !== mine) {
+        return;
+      }
+      if (isFresh && begins === null && !["from", "to", "range"].some((name) => query.has(name))) {
+        begins = beginOf(got);
+      }
+      isFresh = false;
+      if (begins !== null && shortestFor(begins) !== usual) {
+        await readSeries();
         return;
       }
       series = got;
@@ -517,7 +611,7 @@ export async function open(place, params, context) {
     if (!series || !range.range || isDue) {
       return;
     }
-    range = rangeIn(query);
+    range = rangeIn(query, usual);
     if (isRate() || charts.size === 0) {
       readSeriesSoon();
       return;
@@ -602,7 +696,7 @@ export async function open(place, params, context) {
       resultsTable = table({
         caption: "Results, newest first", captionHidden: true, keyOf: keyOfResult, version: keyOfResult,
         columns: [
-          { title: "Time", heading: true, cell: (result) => timeElement(result.time) },
+          { title: "Time", heading: true, cell: (result) => secondsTime(result.time) },
           { title: "State", cell: (result) => badge(stateWord(result)) },
           { title: "Values",
             cell: (result) => oneLine(valuesText(result.values, test.definition), 1000) || "–" },
@@ -813,10 +907,9 @@ export async function open(place, params, context) {
       })),
       live.on("change", readSourceSoon),
       live.on("agent", (messages) => messages.forEach(({ data }) => {
-        if (data.id === test.agent.id && data.retired && gone.hidden) {
-          gone.hidden = false;
-          fill(gone, "Its agent is retired: this test is in no list any more, and is kept until it expires.");
-          announce(gone.textContent);
+        if (data.id === test.agent.id) {
+          agent = { ...agent, ...data };
+          showGone();
         }
       })),
       live.on("lost", readAgain), live.onFirstLive(readAgain), live.onState(({ state: now }) => {
@@ -829,6 +922,7 @@ export async function open(place, params, context) {
   function readAgain() {
     hasMissed = false;
     readTestSoon();
+    readAgentSoon();
     readSeriesSoon();
     readResultsSoon();
     readEvents();
@@ -860,6 +954,9 @@ export async function open(place, params, context) {
     all.hidden = false;
     showTools();
     listen();
+    readAgent().catch(() => {
+      hasMissed = true;
+    });
     showSeries();
     /* Headings at once, and what takes long says so. */
     for (const [panel, name, text, read] of [[results, "test-results", "Results", readResults],
@@ -878,7 +975,7 @@ export async function open(place, params, context) {
       const old = range;
       const was = query;
       query = new Map(next.query);
-      range = rangeIn(query);
+      range = rangeIn(query, usual);
       if (before.length > 0 && addressOf(before.at(-1)) === addressOf(query)) {
         before.pop(); /* the browser went back */
       } else if (!isGoingBack && ["from", "to", "range"].some((name) => was.get(name) !== query.get(name))) {

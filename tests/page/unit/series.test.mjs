@@ -135,7 +135,7 @@ test("limits of objects and of values of a query", () => {
   assert.equal(valueLabel({ fields: mysql }, "result"), "Threads_connected");
   assert.equal(valueLabel({ fields: { "text 4": "a\u202e" } }, "result"), "a⟨U+202E⟩");
   assert.equal(valueLabel(null, "swap_free"), "swap free");
-  assert.equal(valueLabel(null, "load15"), "15 min");
+  assert.equal(valueLabel(null, "load15"), "load 15 min");
   assert.equal(valueLabel(null, "object 9"), "object 9");
 });
 

@@ -54,8 +54,8 @@ function addressOf(path, query) {
   return all ? `${path}${path.includes("?") ? "&" : "?"}${all}` : path;
 }
 
-/* By how much this device's clock is ahead, as the last answers say: one that waited to be read, as on a
- * device that slept, does not count. Less than half a minute is nobody's concern. */
+/* By how much this device's clock is ahead, as most of the last answers say: one may have waited to be
+ * read. */
 let differences = [], steady = null;
 function compareClocks(response) {
   const theirs = Date.parse(response.headers.get("Date") ?? "");

@@ -336,7 +336,7 @@ function showBanners() {
   const aheadMs = Date.now() - now();
   const size = ago(Math.round(Math.abs(aheadMs) / 60000) * 60);
   fill(at("banner"), banner, me && Math.abs(aheadMs) > clockSaidMs
-    ? h("div", { class: "banner", data: { kind: "note", key: "clock" } }, `This device's clock is ${size} ${
+    ? h("div", { class: "banner", data: { kind: "note" } }, `This device's clock is ${size} ${
       aheadMs > 0 ? "ahead of" : "behind"} the collector's; times are reckoned by the collector's.`) : null);
 }
 

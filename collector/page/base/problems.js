@@ -38,23 +38,19 @@ const likeness = ({ kind, of }) => JSON.stringify(kind === "agent" ? [kind, of.s
 /**
  * Many problems are often one problem of many agents.
  * @param {Array<{kind: string, of: object}>} items the worst first
- * @returns {Array<{kind: string, of: object}|{kind: "group", like: string, of: object, items: object[]}>} in
- *   that order; a group stands where the first of it does, which is its `of`
+ * @returns {object[]} in that order; a group, {kind: "group", like, of, items}, stands where the first of it
+ *   does, which is its `of`
  */
 export function grouped(items) {
   const groups = new Map();
-  for (const item of items) {
+  const groupOf = items.map((item) => {
     const like = likeness(item);
-    const group = groups.get(like);
-    if (group) {
-      group.items.push(item);
-    } else {
-      groups.set(like, { kind: "group", like, of: item.of, items: [item] });
+    if (!groups.has(like)) {
+      groups.set(like, { kind: "group", like, of: item.of, items: [] });
     }
-  }
-  const entryOf = (item) => {
-    const group = groups.get(likeness(item));
-    return group.items.length < leastOfGroup ? item : group.items[0] === item ? group : null;
-  };
-  return items.map(entryOf).filter(Boolean);
+    groups.get(like).items.push(item);
+    return groups.get(like);
+  });
+  return items.flatMap((item, i) => (groupOf[i].items.length < leastOfGroup ? item
+    : groupOf[i].items[0] === item ? groupOf[i] : []));
 }

@@ -95,12 +95,7 @@ export function number(value, unit = "") {
   return withUnit(digitsOf(i === at ? size : size * (ladder[at][1] / ladder[i][1])), ladder[i][0]);
 }
 
-/**
- * All digits of what number() shortens.
- * @param {*} value
- * @param {string} [unit]
- * @returns {?string} null where it is no number, or number() has them all
- */
+/** @returns {?string} all digits of what number() shortens */
 export function exactNumber(value, unit = "") {
   const text = withUnit(String(value), unitText(unit));
   return typeof value === "number" && Number.isFinite(value) && text !== number(value, unit) ? text : null;
@@ -182,7 +177,7 @@ export function ago(seconds) {
 /* How far this device's clock is ahead of the collector's. */
 let aheadMs = 0;
 
-/** @returns {number} milliseconds since the epoch by the collector's clock, as far as it is known */
+/** @returns {number} milliseconds since the epoch, by the collector's clock */
 export const now = () => Date.now() - aheadMs;
 
 /** @param {number} milliseconds below 0 where this device's clock is behind */
@@ -288,11 +283,9 @@ export function stateWord(of) {
 }
 
 /**
- * The plan of its agent had it once and does not any more: it became unknown after its last result, and not
- * because nothing came. One without any result has only not begun.
- * @param {?{state?: string, stale?: boolean, since?: ?string, time?: ?string}} test
- * @param {?{state?: string, retired?: ?string}} agent whose silence makes all its tests unknown; null: that is
- *   not known
+ * It became unknown after its last result, and not because nothing came: no plan has it any more.
+ * @param {?Object} test one without any result has only not begun
+ * @param {?Object} agent whose silence makes all its tests unknown; null: that is not known
  * @returns {boolean}
  */
 export function isNoLongerPlanned(test, agent) {

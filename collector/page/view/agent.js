@@ -8,7 +8,8 @@ import { Polls } from "../base/polls.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import {
-  apiTime, clean, clock, exact, exactNumber, isNoLongerPlanned, now, number, oneLine, plural, stateWord, whole,
+  apiTime, clean, clock, exact, exactNumber, isNoLongerPlanned, now, number, oneLine, plural, stateWord,
+  whole,
 } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
 import { badge, busy, confirm, emptyState, eventItem, fact, failure, message, notWhole, setBadge, setTime,
@@ -362,7 +363,8 @@ export async function open(place, params, context) {
     const name = mainValue(test);
     const { time: newest, since, state: known, stale, message: text } = test;
     const isGone = isPlannedNoMore(test), wasBad = wasProblem(test);
-    const version = [isNothing(test), isGone, wasBad, isSilent(), newest, since, known, stale, text, name].join(" ");
+    const version = [isNothing(test), isGone, wasBad, isSilent(), newest, since, known, stale, text, name]
+      .join(" ");
     if (item.version === version) {
       return;
     }
@@ -400,7 +402,7 @@ export async function open(place, params, context) {
     }
   }
 
-  /* Of a silent agent all tests are unknown, and so they are here until they are read after its silence. */
+  /* Of a silent agent all tests are unknown, until they are read after its silence. */
   let wasSilent = false;
   const isSilent = () => agent?.state === "silent" && !agent.retired;
   const isPlannedNoMore = (test) => !wasSilent && isNoLongerPlanned(test, agent);
@@ -803,12 +805,11 @@ export async function open(place, params, context) {
           || since !== agent.since || JSON.stringify(counts) !== JSON.stringify(agent.tests);
         if (isOther) {
           wasSilent ||= agent.state === "silent";
-          const isTurned = (agent.state === "silent") !== (state === "silent");
-          Object.assign(agent, { state, stale, since, tests: counts, retired });
-          showAgentSoon();
-          if (isTurned) {
+          if ((agent.state === "silent") !== (state === "silent")) {
             readTestsSoon();
           }
+          Object.assign(agent, { state, stale, since, tests: counts, retired });
+          showAgentSoon();
           countsTimer ||= setTimeout(compareCounts, 500);
         }
       }

@@ -55,40 +55,32 @@ function fillProblem(element, { kind, of }) {
 }
 
 /* Those of a group are made when somebody unfolds them. */
-const groups = new WeakMap(); /* of elements: {items, list, ...} */
+const groups = new WeakMap(); /* of elements: {item, list, ...} */
 
 function makeGroup(item) {
-  const state = stateWord(item.of), isOfAgents = item.items[0].kind === "agent";
-  const count = h("span", { class: "text" }), since = h("span");
-  const list = h("ol", { class: "problems" }), more = h("p", { class: "note", hidden: true });
+  const { of, items: [first] } = item, state = stateWord(of);
+  const count = h("span", { class: "text" }), since = h("span"), list = h("ol", { class: "problems" });
   const details = h("details", { on: { toggle: () => updateGroup(element, groups.get(element).item) } },
-    h("summary", { data: { key: "summary" } },
+    h("summary", null,
       h("span", { class: "problem-title" }, badge(state), count),
-      h("span", { class: "problem-where" }, isOfAgents ? null : [clean(item.of.type), " · ",
-        item.of.group ? `of ${oneLine(item.of.group, 100)} · ` : null], since)),
-    list, more);
+      h("span", { class: "problem-where" }, first.kind === "agent" ? null : [clean(of.type), " · ",
+        of.group ? `of ${oneLine(of.group, 100)} · ` : null], since)),
+    list);
   const element = h("li", { class: "problem", data: { key: keyOf(item), state } }, details);
-  groups.set(element, { item, details, count, since, list, more, isOfAgents });
+  groups.set(element, { details, count, since, list });
   updateGroup(element, item);
   return element;
 }
 
 function updateGroup(element, item) {
   const group = groups.get(element), { items, of } = item;
-  group.item = item;
   const agents = plural(items.length, "agent");
-  const said = group.isOfAgents ? agents : `${oneLine(of.name, 100)} on ${agents}`;
-  if (group.count.textContent !== said) {
-    group.count.textContent = said;
-  }
-  if (group.newest !== of.since) {
-    group.newest = of.since;
+  group.count.textContent = items[0].kind === "agent" ? agents : `${oneLine(of.name, 100)} on ${agents}`;
+  if (group.item?.of.since !== of.since) {
     fill(group.since, "newest ", timeElement(of.since, { as: "ago" }));
   }
-  group.more.hidden = items.length <= mostShown;
-  group.more.textContent = `The first ${whole(mostShown)} of them.`;
-  return keyed(group.list, group.details.open ? items.slice(0, mostShown) : [], keyOf, makeProblem,
-    updateProblem);
+  group.item = item;
+  return keyed(group.list, group.details.open ? items : [], keyOf, makeProblem, updateProblem);
 }
 
 function makeProblem(item) {
@@ -241,13 +233,14 @@ export async function open(place, params, context) {
   /* With a way to the agents, which may stand below many problems. */
   function showLead(text, agents) {
     const [before, after] = text.split(agents);
-    if (lead.textContent !== text) {
-      fill(lead, before, after === undefined ? null : [h("a", { href: "#now-agents", data: { key: "agents" },
-        text: agents, on: { click: (event) => {
-          event.preventDefault();
-          agentsHeading.focus();
-        } } }), after]);
+    if (lead.textContent === text) { /* somebody may be about to click */
+      return;
     }
+    fill(lead, before, after && h("a", { href: "#now-agents", data: { key: "agents" }, text: agents, on: {
+      click: (event) => {
+        event.preventDefault();
+        agentsHeading.focus();
+      } } }), after);
   }
 
   function leadText(now, total) {
@@ -407,9 +400,10 @@ export async function open(place, params, context) {
       return;
     }
     newSaidAt = Date.now();
-    const bad = newOnes.splice(0), well = wellOnes.splice(0);
-    announce([bad.length > 1 ? `${bad.length} new problems.` : bad[0],
-      well.length > 1 ? `${well.length} are ok again.` : well[0]].filter(Boolean).join(" "));
+    const said = (ones, what) => (ones.length > 1 ? `${ones.length} ${what}.` : ones[0] ?? "");
+    announce(`${said(newOnes, "new problems")} ${said(wellOnes, "are ok again")}`.trim());
+    newOnes = [];
+    wellOnes = [];
   }
 
   function take(messages) {

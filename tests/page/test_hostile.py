@@ -37,10 +37,15 @@ groups:
 """
 
 
-# Replaces all texts of others in what the API answers, of those that people or hosts have chosen.
+# Replaces all texts of others in what the API answers, of those that people or hosts have chosen; in what comes by the
+# stream, too, which the page opens by itself where there is no SharedWorker.
 REPLACE = """
+delete window.SharedWorker;
+window.replacedKinds = {};
 const chosen = new Set(['name', 'account', 'message', 'target', 'address', 'version', 'group', 'author', 'about',
-  'reason', 'by', 'was', 'detail', 'file', 'platform', 'status']);
+  'reason', 'by', 'was', 'detail', 'file', 'platform', 'status', 'unit', 'title', 'from', 'to', 'event']);
+const states = new Set(['ok', 'problem', 'unknown', 'silent', 'stale']);
+const isTime = (value) => /^\\d{4}-\\d\\d-\\d\\dT/.test(value);
 const lists = new Set(['groups', 'items', 'groups_without']);
 const replaced = (value, key) => {
   if (Array.isArray(value)) {
@@ -50,11 +55,34 @@ const replaced = (value, key) => {
     return Object.fromEntries(Object.entries(value).map(([name, each]) =>
       [key === 'values' || key === 'inventories' ? name + text.slice(0, 200) : name, replaced(each, name)]));
   }
-  return typeof value === 'string' && chosen.has(key) ? text : value;
+  return typeof value === 'string' && chosen.has(key) && !states.has(value) && !isTime(value) ? text : value;
+};
+const replacing = () => {
+  let rest = '', kind = '';
+  return new TransformStream({
+    transform(part, out) {
+      const lines = (rest + part).split('\\n');
+      rest = lines.pop();
+      for (const line of lines) {
+        kind = line.startsWith('event:') ? line.slice(6).trim() : kind;
+        if (line.startsWith('data:') && line.includes('{')) {
+          window.replacedKinds[kind] = (window.replacedKinds[kind] ?? 0) + 1;
+          out.enqueue('data: ' + JSON.stringify(replaced(JSON.parse(line.slice(5)), '')) + '\\n');
+        } else {
+          out.enqueue(line + '\\n');
+        }
+      }
+    },
+  });
 };
 const real = window.fetch;
 window.fetch = async (...given) => {
   const answer = await real(...given);
+  if (/event-stream/.test(answer.headers.get('Content-Type') ?? '')) {
+    const body = answer.body.pipeThrough(new TextDecoderStream()).pipeThrough(replacing())
+      .pipeThrough(new TextEncoderStream());
+    return new Response(body, {status: answer.status, headers: answer.headers});
+  }
   if (!String(given[0]).includes('/api/v1/') || !/json/.test(answer.headers.get('Content-Type') ?? '')) {
     return answer;
   }
@@ -72,24 +100,29 @@ class Hostile(browser.TestCase):
         one, two, three, four, turned, long_one = texts
         fleet = FLEET % (MARKUP[0] + LONG + TURNED, one, three, one, two, LONG[:200], three, turned, four[:14] + '"',
                          four, '"<img/src=x/onerror=window.ran=1>"', json.dumps(LONG[:250]), long_one, long_one)
+        self.fleet, self.limit = fleet, 8
         status, answer = self.collector.put(fleet)
         self.assertEqual(status, 200, answer)
         for name in (*MARKUP, LONG[:100]):
             body = json.dumps({"name": name[:100], "role": "viewer"})
             status, _, text = self.collector.ask("/api/v1/tokens", "POST", body)
             self.assertEqual(status, 201, text)
-        self.now = int(time.time()) - 5
-        for name in (*MARKUP, TURNED.strip() + "web", LONG[:100], "plain"):
-            self.report(Told(self.collector, name[:100]))
+        self.now = int(time.time()) - 50
+        self.agents = [Told(self.collector, name[:100]) for name in
+                       (*MARKUP, TURNED.strip() + "web", LONG[:100], "plain")]
+        for agent in self.agents:
+            self.report(agent)
         self.begin_browser(self.collector.base)
         self.sign_in_by_cookie(self.collector.token)
 
-    def report(self, agent):
+    def report(self, agent, steps=4):
         """Messages, values and inventories; of each text an earlier and a later result, so that there are events."""
         kinds = {code: next((int(test[1]), int(test[2])) for test in agent.tests if test[0] == code)
                  for code in ("LAA", "HPA", "PRA", "MQA")}
-        for step, message in enumerate((MARKUP[0] + "\n", CONTROLS.replace("\0", ""), LONG, TURNED + MARKUP[2])):
-            when = self.now + step
+        messages = MARKUP[0] + "\n", CONTROLS.replace("\0", ""), LONG, TURNED + MARKUP[2]
+        for step, message in enumerate(messages[:steps]):
+            self.now += 1
+            when = self.now
             bad = 2 if step % 2 else 0
             names = "".join("%s|%s|%d;" % (name, value, bad) for name, value in (
                 ("<img/src=x/onerror=window.ran=1>", MARKUP[1]), (LONG[:250], "5"), ("v", LONG), ("n" + TURNED, "7.5")))
@@ -99,6 +132,13 @@ class Hostile(browser.TestCase):
                 encode([records.MYSQL, *kinds["MQA"], bad, 5], [when], [], [names, message]) +
                 b"".join(encode([kind, 0, 0], [when], [], ["\t".join((*MARKUP, TURNED, LONG, message)) + "\t"])
                          for kind in records.INVENTORIES))
+
+    def tell_anew(self):
+        """Another limit for all of them; each takes it."""
+        self.limit += 1
+        status, answer = self.collector.put(self.fleet.replace("{1m: 8}", "{1m: %d}" % self.limit))
+        self.assertEqual(status, 200, answer)
+        self.agents[-1].report(b"")
 
     def paths(self):
         tests = self.collector.get("/api/v1/tests?limit=1000")["items"]
@@ -153,6 +193,31 @@ class Hostile(browser.TestCase):
                 json.dumps(text), REPLACE))["identifier"]
             for path in paths:
                 self.open(path)
+                self.check(path)
+            self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script)
+        self.assertEqual(sorted(self.misfits), [])
+
+    def test_in_every_message_of_the_stream(self):
+        self.misfits = set()
+        plain = next(each["id"] for each in self.collector.get("/api/v1/agents?limit=1000")["items"]
+                     if each["name"] == "plain")
+        tests = {each["type"]: each["id"] for each in self.collector.get("/api/v1/tests?agent=%d" % plain)["items"]}
+        paths = {"/": "event", "/events": "event", "/agents/%d" % plain: "result", "/fleet/changes": "change",
+                 **{"/tests/%d?range=1h" % tests[kind]: "result" for kind in ("load average", "process", "mysql")}}
+        for text in (MARKUP[0] + MARKUP[2], CONTROLS + TURNED + MARKUP[1], LONG):
+            script = self.cdp("Page.addScriptToEvaluateOnNewDocument", source="{const text = %s;%s}" % (
+                json.dumps(text), REPLACE))["identifier"]
+            for path, kind in paths.items():
+                self.open(path)
+                self.wait_live()
+                self.wait_still()
+                before = self.js("return window.replacedKinds[arguments[0]] ?? 0", kind)
+                if kind == "change":
+                    self.tell_anew()
+                else:
+                    self.report(self.agents[-1], steps=2)
+                self.wait("(window.replacedKinds[arguments[0]] ?? 0) > arguments[1]", kind, before, what=kind)
+                self.frames()
                 self.check(path)
             self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script)
         self.assertEqual(sorted(self.misfits), [])

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -134,6 +135,12 @@ int run_list_tokens(const options& o) {
 }
 
 int run_make_link(const options& o) {
+    /* Else one would be made there, and the link lead nowhere. */
+    if (std::error_code none; !std::filesystem::exists(o.state_dir, none)) {
+        tell("no collector keeps anything in " + printable(o.state_dir) +
+             ": --state-dir says where yours does");
+        return 1;
+    }
     std::unique_ptr<settings> kept = open_settings(o);
     if (!kept) {
         return 1;
@@ -143,6 +150,9 @@ int run_make_link(const options& o) {
     if (link.empty()) {
         tell("no link was made: " + error);
         return 1;
+    }
+    if (std::error_code none; !std::filesystem::exists(url_file(o.state_dir), none)) {
+        tell("no collector runs with that state directory now: the link is for its next start");
     }
     std::cout << link + "\n";
     tell("it signs in once, as " + (o.role.empty() ? "admin" : o.role) + ", within " +

@@ -85,6 +85,19 @@ class Web(harness.TestCase):
         self.collector.stop()
         self.assertFalse(os.path.exists(os.path.join(self.collector.state, "web-url")))
 
+    def test_a_link_of_no_collector(self):
+        nowhere = os.path.join(self.dir, "nowhere")
+        status, text, told = command("link", state=nowhere)
+        self.assertEqual((status, text), (1, ""))
+        self.assertIn("no collector keeps anything in %s: --state-dir says where yours does" % nowhere, told)
+        self.assertFalse(os.path.exists(nowhere), "nothing is made")
+        self.token("early", "viewer")
+        status, text, told = command("link", state=self.collector.state)
+        self.assertEqual((status, "#link=vl_" in text), (0, True), told)
+        self.assertIn("no collector runs with that state directory now: the link is for its next start", told)
+        self.start()
+        self.assertNotIn("no collector runs", command("link", state=self.collector.state)[2])
+
     def test_an_address_of_nothing(self):
         self.start()
         by_hand = "text/html,application/xhtml+xml,*/*;q=0.8"

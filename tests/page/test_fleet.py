@@ -56,6 +56,8 @@ class Fleet(browser.TestCase):
         self.wait_text("No mistake", "#fleet-said")
         self.wait("document.querySelectorAll('.editor-lines .wrong').length === 0")
         self.wait_text("free 1 MB -> 2 MB", ".difference")
+        self.assertRegex(self.js("return document.querySelector('.difference').previousElementSibling.textContent"),
+                         r"^[1-9]\d* changed on ([1-9]\d*) of \1 agents?; [1-9]\d* tests as before$")
         self.assertEqual(self.text_in_force(), FLEET)
         self.click("button", "Apply…")
         self.wait_text("free 1 MB -> 2 MB", "dialog[open]")

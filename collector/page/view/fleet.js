@@ -191,7 +191,7 @@ function differenceElement(answer) {
   }
   const count = all.reduce((sum, { changes }) => sum + changes.length, 0);
   return h("div", { class: "stack tight" },
-    h("p", { text: summary(answer).replace(/\d+/g, whole) }),
+    h("p", { text: summary(answer).replace(/\d+/g, (digits) => whole(Number(digits))) }),
     parts.length > 0 ? h("ul", { class: "difference" }, parts) : null,
     count > mostChanges
       ? h("p", { class: "note", text: `and ${whole(count - mostChanges)} more that are not shown here` })

@@ -1,14 +1,20 @@
 #!/usr/bin/python3
 """Pictures of the page, as the documents have them: a shop with a day behind it.
 
-    tests/page/test_screenshots.py          draws them, and looks whether docs/page has them in the same sizes
-    tests/page/test_screenshots.py --keep   puts them into docs/page, made small by pngquant"""
+    tests/page/test_screenshots.py          draws them, and looks whether those in docs/page are of this page
+    tests/page/test_screenshots.py --keep   puts them into docs/page, made small by pngquant
+
+Pixels depend on the hour and on the fonts of the machine. So what a picture was drawn of is kept beside it in
+drawn.json: the words on the screen without numbers and times, and the digest of the style."""
 
 import base64
 import contextlib
+import hashlib
+import json
 import math
 import os
 import random
+import re
 import sqlite3
 import struct
 import subprocess
@@ -23,6 +29,13 @@ from histories import encode
 from place import Collector, Told
 
 KEPT = os.path.join(browser.HERE, "..", "..", "docs", "page")
+DRAWN = "drawn.json"
+STYLE = os.path.join(browser.HERE, "..", "..", "collector", "page", "page.css")
+# All words of the screen, in sight or not, but times, the ends of an axis and the text in the editor.
+WORDS = """
+document.querySelectorAll('time, .dygraph-axis-label, textarea').forEach((each) => each.remove());
+document.querySelectorAll('main *').forEach((each) => { each.style.contentVisibility = 'visible'; });
+return document.body.innerText;"""
 WIDE, TALL, TALLER, PHONE, TALL_PHONE = (1280, 800), (1280, 1060), (1280, 1200), (360, 740), (360, 1200)
 DAY = 24 * 3600
 FLEET = """\
@@ -95,7 +108,7 @@ class Shop:
             make = getattr(self, "_" + code.lower(), None)
             if make is not None:
                 step = 60 if name == "web-2" else 300
-                times = range(self.now - DAY + dice.randrange(step), self.now - 1, step)
+                times = range(self.now - DAY - 3600 + dice.randrange(step), self.now - 1, step)
                 test = int(number), int(revision)
                 found = [b"".join(make(name, fields, (when - self.now) / 3600, dice, test, when)) for when in times]
                 for at in range(0, len(found), 300):
@@ -177,13 +190,28 @@ def pixels(png):
     return zlib.decompress(packed)
 
 
+def words_of(text):
+    """The lines of a screen, each once; numbers and days differ with the hour."""
+    number = r"\d+(?:[.,:]\d+)*"
+    month = r"(?:Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec)[a-z]*"
+    lines = (" ".join(line.split()) for line in text.splitlines())
+    span = r"(?: (?:h|min|s)\b(?: %s (?:min|s)\b)?)" % number
+    lines = (re.sub("%s(?: %s(?: %s)?|%s)?" % (number, month, number, span), "#", line) for line in lines)
+    return sorted({line for line in lines if not re.match("Today|Yesterday|[A-Z][a-z]+day #|From #", line)} - {""})
+
+
+def digest_of(path):
+    with open(path, "rb") as file:
+        return hashlib.sha256(file.read()).hexdigest()
+
+
 class Screenshots(browser.TestCase):
     keep = False
 
     def setUp(self):
         super().setUp()
         self.shop = Shop(self)
-        self.place, self.sizes = self.subdir("pictures"), {}
+        self.place, self.sizes, self.words = self.subdir("pictures"), {}, {}
         self.begin_browser(self.shop.collector.base)
         self.sign_in_by_cookie(self.shop.collector.add_token("ada", "admin"))
 
@@ -200,6 +228,7 @@ class Screenshots(browser.TestCase):
         self.frames()
         png = base64.b64decode(self.cdp("Page.captureScreenshot", format="png")["data"])
         harness.write_text(os.path.join(self.place, name + ".png"), png)
+        self.words[name + ".png"] = words_of(self.js(WORDS))
 
     def edit(self):
         self.wait_text("This is the text in force", "#fleet-said")
@@ -234,22 +263,38 @@ class Screenshots(browser.TestCase):
                 self.assertEqual(size_of(png), self.sizes[name])
                 # An empty page packs to next to nothing.
                 self.assertGreater(len(png), len(pixels(png)) / 500, "nothing is drawn")
-                if not self.keep:
-                    with open(os.path.join(KEPT, name), "rb") as file:
-                        kept = file.read()
-                    self.assertEqual(size_of(kept), size_of(png), "draw anew: tests/page/test_screenshots.py --keep")
-                    self.assertGreater(len(pixels(kept)), 0)
         if self.keep:
-            os.makedirs(KEPT, exist_ok=True)
-            for name in names:
-                subprocess.run(["pngquant", "--force", "--speed", "1", "--strip", "--nofs", "--output",
-                                os.path.join(KEPT, name), "128", os.path.join(self.place, name)], check=True)
-            print("docs/page: " + ", ".join("%s %d KB" % (name, os.path.getsize(os.path.join(KEPT, name)) // 1024)
-                                            for name in names))
-        else:
-            self.assertEqual(names, sorted(os.listdir(KEPT)))
+            self.put(names)
+        self.check_kept(names)
+
+    def put(self, names):
+        os.makedirs(KEPT, exist_ok=True)
+        for name in names:
+            subprocess.run(["pngquant", "--force", "--speed", "1", "--strip", "--nofs", "--output",
+                            os.path.join(KEPT, name), "128", os.path.join(self.place, name)], check=True)
+        drawn = {"style": digest_of(STYLE), "words": self.words,
+                 "pictures": {name: digest_of(os.path.join(KEPT, name)) for name in names}}
+        harness.write_text(os.path.join(KEPT, DRAWN), json.dumps(drawn, indent=1, sort_keys=True) + "\n")
+        print("docs/page: " + ", ".join("%s %d KB" % (name, os.path.getsize(os.path.join(KEPT, name)) // 1024)
+                                        for name in names))
+
+    def check_kept(self, names):
+        """That the pictures are those that were drawn, and of what the page is now."""
+        again = "draw anew: tests/page/test_screenshots.py --keep"
+        self.assertEqual(sorted([*names, DRAWN]), sorted(os.listdir(KEPT)), again)
+        drawn = json.loads(harness.read_text(os.path.join(KEPT, DRAWN)))
+        self.assertEqual(drawn["style"], digest_of(STYLE), again)
+        for name in names:
+            with self.subTest(name):
+                with open(os.path.join(KEPT, name), "rb") as file:
+                    kept = file.read()
+                self.assertEqual(size_of(kept), self.sizes[name], again)
+                self.assertGreater(len(pixels(kept)), 0)
+                self.assertEqual(digest_of(os.path.join(KEPT, name)), drawn["pictures"][name], again)
+                self.assertEqual(drawn["words"][name], self.words[name], again)
 
 
 if __name__ == "__main__":
+    os.environ.setdefault("TZ", "UTC")
     Screenshots.keep = sys.argv[1:] == ["--keep"]
     harness.main([] if Screenshots.keep else None)

@@ -104,6 +104,7 @@ class Shop:
             agent.report(b"")
             return any(test[0] == "DKA" for test in agent.tests)
         harness.wait_until(told_of_disks, lambda: "a test of its disk: %s" % agent.tests, browser.PATIENCE_S)
+        rounds = [b""] * (3 if name == "web-2" else 0)  # the last ones come as they do, each with a poll of its own
         for code, number, revision, *fields in agent.tests:
             make = getattr(self, "_" + code.lower(), None)
             if make is not None:
@@ -111,8 +112,13 @@ class Shop:
                 times = range(self.now - DAY - 3600 + dice.randrange(step), self.now - 1, step)
                 test = int(number), int(revision)
                 found = [b"".join(make(name, fields, (when - self.now) / 3600, dice, test, when)) for when in times]
+                rounds = [before + found.pop(i - len(rounds)) for i, before in enumerate(rounds)]
                 for at in range(0, len(found), 300):
                     agent.report(b"".join(found[at:at + 300]))
+        for found in rounds:
+            second = int(time.time())
+            harness.wait_until(lambda second=second: int(time.time()) > second, "the next second")
+            agent.report(found)
 
     def inventories(self):
         def one(kind, *items):

@@ -151,6 +151,7 @@ class Operation(harness.TestCase):
         collector.wait_results(lambda result: result["account"] == "fine@example.net")
         refused.wait_log("There is an internal error occurred, while trying to connect to the server.")
         self.assertFalse(refused.process.ended())
+        harness.wait_until(collector.rows, "what is told to be stored, too")
         self.assertEqual({row.account for row in collector.rows()}, {"fine@example.net"})
         self.assertEqual(refused.log().count("INFO: make_poll: Connected, "), 1)
 
@@ -164,6 +165,7 @@ class Operation(harness.TestCase):
         refused.wait_log("Authorization failed, Vindral Smart Agent will be terminated.")
         answer = RawClient(collector.port).login("bad@example.net")
         self.assertEqual((answer.headers["Vnd-SessionID"], answer.body), ("666666", "666666"))
+        harness.wait_until(collector.rows, "what is told to be stored, too")
         self.assertEqual({row.account for row in collector.rows()}, {"fine@example.net"})
         self.assertEqual(refused.log().count("INFO: make_poll: Connected, "), 1)
 

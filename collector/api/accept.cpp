@@ -1,5 +1,7 @@
 #include "api/accept.h"
 
+#include "base/text.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -9,23 +11,8 @@
 
 namespace {
 
-std::string_view trimmed(std::string_view text) {
-    size_t begin = text.find_first_not_of(" \t");
-    return begin == text.npos ? std::string_view()
-                              : text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
-}
-
 bool same(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-/* Calls `each` with what stands between the separators. */
-template <typename Each>
-void for_each_part(std::string_view text, char separator, const Each& each) {
-    for (size_t end = 0; end != text.npos; text.remove_prefix(end == text.npos ? 0 : end + 1)) {
-        end = text.find(separator);
-        each(trimmed(text.substr(0, end)));
-    }
 }
 
 /* What is asked for: a type, perhaps in a certain version, and how much. */
@@ -36,6 +23,7 @@ struct wanted_type {
     explicit wanted_type(std::string_view text) : type(trimmed(text.substr(0, text.find(';')))) {
         text.remove_prefix(std::min(text.find(';'), text.size() - 1) + 1);
         for_each_part(text, ';', [&](std::string_view parameter) {
+            parameter = trimmed(parameter);
             std::string_view name = trimmed(parameter.substr(0, parameter.find('=')));
             std::string_view value =
                 trimmed(parameter.substr(std::min(name.size() + 1, parameter.size())));
@@ -82,7 +70,7 @@ private:
 double wanted(std::string_view accept, std::string_view type, std::string_view version) {
     weight_of_type weight(type, version);
     for_each_part(accept, ',', [&](std::string_view part) {
-        if (!part.empty()) {
+        if (part = trimmed(part); !part.empty()) {
             weight.take(wanted_type(part));
         }
     });

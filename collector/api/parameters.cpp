@@ -1,6 +1,7 @@
 #include "api/parameters.h"
 
 #include "api/encoding.h"
+#include "base/text.h"
 
 #include <algorithm>
 
@@ -16,10 +17,10 @@ int64_t number_or(const api_request& asked, std::string_view name, int64_t other
 
 std::vector<int64_t> ids_of(const api_request& asked, std::string_view name) {
     std::vector<int64_t> ids;
-    const std::string* text = asked.parameter(name);
-    for (size_t begin = 0, end; text != nullptr && begin <= text->size(); begin = end + 1) {
-        end = std::min(text->find(',', begin), text->size());
-        ids.push_back(read_integer(std::string_view(*text).substr(begin, end - begin)).value_or(0));
+    if (const std::string* text = asked.parameter(name); text != nullptr) {
+        for_each_part(*text, ',', [&](std::string_view id) {
+            ids.push_back(read_integer(id).value_or(0)); /* the table has let it through */
+        });
     }
     std::ranges::sort(ids);
     return ids;
@@ -49,10 +50,8 @@ std::string text_of(const api_request& asked, std::string_view name) {
 
 chosen::chosen(const api_request& asked, std::string_view name) {
     const std::string* text = asked.parameter(name);
-    std::string_view rest = text != nullptr ? std::string_view(*text) : std::string_view();
-    while (!rest.empty()) {
-        words_.push_back(rest.substr(0, rest.find(',')));
-        rest.remove_prefix(std::min(words_.back().size() + 1, rest.size()));
+    if (text != nullptr && !text->empty()) {
+        for_each_part(*text, ',', [&](std::string_view word) { words_.push_back(word); });
     }
 }
 

@@ -106,18 +106,16 @@ std::string choices_text(const parameter_def& known) {
 }
 
 void check_choice(const parameter_def& known, std::string_view value) {
-    std::string_view rest = value;
-    do {
-        std::string_view word = known.many ? rest.substr(0, rest.find(',')) : rest;
+    auto check = [&](std::string_view word) {
         if (!is_choice(known.choices, word)) {
             throw_wrong(known, value, choices_text(known));
         }
-        rest.remove_prefix(word.size());
-        if (rest == ",") {
-            throw_wrong(known, value, choices_text(known));
-        }
-        rest.remove_prefix(rest.empty() ? 0 : 1);
-    } while (!rest.empty());
+    };
+    if (known.many) {
+        for_each_part(value, ',', check);
+    } else {
+        check(value);
+    }
 }
 
 void check_number(const parameter_def& known, std::string_view value, int64_t least, int64_t most) {
@@ -134,10 +132,7 @@ void check_ids(const parameter_def& known, std::string_view value) {
     if (std::ranges::count(value, ',') >= max_ids) {
         throw_wrong(known, value, "up to " + std::to_string(max_ids) + " ids with commas between");
     }
-    for (size_t begin = 0, end; begin <= value.size(); begin = end + 1) {
-        end = std::min(value.find(',', begin), value.size());
-        check_number(known, value.substr(begin, end - begin), 1, INT64_MAX);
-    }
+    for_each_part(value, ',', [&](std::string_view id) { check_number(known, id, 1, INT64_MAX); });
 }
 
 void check_value(const parameter_def& known, std::string_view value) {

@@ -165,3 +165,9 @@ std::string utc_time(int64_t seconds) {
 std::string utc_day(int64_t seconds) {
     return time_text(std::clamp<int64_t>(seconds, 0, last_second), "%Y%m%d");
 }
+
+std::string_view trimmed(std::string_view text) {
+    const size_t begin = text.find_first_not_of(" \t");
+    return begin == text.npos ? std::string_view()
+                              : text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}

@@ -30,4 +30,22 @@ std::string utc_time(int64_t seconds);
  */
 std::string utc_day(int64_t seconds);
 
+/* Without the blanks and tabs at both ends. */
+std::string_view trimmed(std::string_view text);
+
+/* Calls `each` with what stands between the separators, blanks and all: once for a text without
+ * any, empty or not.
+ */
+template <typename Each>
+void for_each_part(std::string_view text, char separator, const Each& each) {
+    for (;;) {
+        const size_t end = text.find(separator);
+        each(text.substr(0, end));
+        if (end == text.npos) {
+            return;
+        }
+        text.remove_prefix(end + 1);
+    }
+}
+
 #endif

@@ -1,5 +1,6 @@
 #include "web/page_files.h"
 
+#include "base/files.h"
 #include "ingest/hash.h"
 #include "web/answer.h"
 
@@ -48,16 +49,9 @@ const page_file* find(std::string_view name) {
 std::string make_version() {
     std::string all;
     for (const page_file& file : page_files()) {
-        const block_hash hash = sha256(file.bytes);
-        all.append(file.name).append(1, '\0').append(hash.begin(), hash.end());
+        all.append(file.name).append(1, '\0').append(view_of(sha256(file.bytes)));
     }
-    std::string version;
-    const block_hash hash_of_all = sha256(all);
-    for (unsigned char byte : std::span(hash_of_all).first<version_bytes>()) {
-        constexpr char digits[] = "0123456789abcdef";
-        version.append({digits[byte >> 4], digits[byte & 15]});
-    }
-    return version;
+    return hex(view_of(sha256(all)).substr(0, version_bytes));
 }
 
 std::string make_shell() {

@@ -1,5 +1,7 @@
 #include "web/request_head.h"
 
+#include "base/text.h"
+
 #include <algorithm>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
@@ -29,40 +31,19 @@ std::string_view single(const http::fields& fields, const char* name, bool& ther
     return view(first->value());
 }
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
-/* Calls `each` with what stands between the separators. */
-template <typename Each>
-void for_each_part(std::string_view text, char separator, const Each& each) {
-    for (;;) {
-        size_t end = text.find(separator);
-        each(trimmed(text.substr(0, end)));
-        if (end == text.npos) {
-            return;
-        }
-        text.remove_prefix(end + 1);
-    }
-}
-
 /* "gzip", "x-gzip" or "*", but not with the weight 0. */
 bool takes_gzip(const http::fields& fields) {
     bool named = false, refused = false, any = false;
     auto [first, last] = fields.equal_range(http::field::accept_encoding);
     for (; first != last; ++first) {
         for_each_part(view(first->value()), ',', [&](std::string_view part) {
+            part = trimmed(part);
             size_t semicolon = part.find(';');
             std::string_view coding = trimmed(part.substr(0, semicolon));
             bool zero = false;
             if (semicolon != part.npos) {
                 for_each_part(part.substr(semicolon + 1), ';', [&](std::string_view weight) {
+                    weight = trimmed(weight);
                     zero = zero ||
                            (weight.size() > 2 && (weight[0] == 'q' || weight[0] == 'Q') &&
                             weight[1] == '=' && weight.find_first_not_of("0.", 2) == weight.npos);
@@ -82,6 +63,7 @@ std::string find_cookie(const http::fields& fields, std::string_view wanted) {
     auto [first, last] = fields.equal_range(http::field::cookie);
     for (; first != last; ++first) {
         for_each_part(view(first->value()), ';', [&](std::string_view pair) {
+            pair = trimmed(pair);
             size_t equals = pair.find('=');
             if (found.empty() && equals != pair.npos && pair.substr(0, equals) == wanted) {
                 found = pair.substr(equals + 1);

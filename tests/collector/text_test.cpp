@@ -35,6 +35,20 @@ TEST(text, what_is_no_utf8_becomes_the_replacement_character) {
     EXPECT_EQ(valid_utf8("\xe6\xbc"), no + no) << "cut off";
 }
 
+TEST(text, parts_between_separators) {
+    auto parts = [](std::string_view text) {
+        std::string found;
+        for_each_part(text, ',', [&](std::string_view part) {
+            found.append("[").append(part).append("]").append(trimmed(part));
+        });
+        return found;
+    };
+    EXPECT_EQ(parts(""), "[]");
+    EXPECT_EQ(parts("a"), "[a]a");
+    EXPECT_EQ(parts("a, b\t,,c d "), "[a]a[ b\t]b[][c d ]c d");
+    EXPECT_EQ(parts(" ,"), "[ ][]");
+}
+
 TEST(text, shortened_between_characters) {
     EXPECT_EQ(shortened("abc", 3), "abc");
     EXPECT_EQ(shortened("abcd", 3), "abc ...");

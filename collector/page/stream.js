@@ -57,6 +57,7 @@ export class Stream {
   #stopWatch = null;
   #stopFewer = null;
   #retryAfter = 0;
+  #isOwed = false;  /* more is wanted, and it is not known yet where to go on */
 
   /**
    * @param {Object} outside
@@ -79,7 +80,7 @@ export class Stream {
 
   /**
    * What is missing is asked for at once, what is too much is let go after a while; either goes on where
-   * the one before was. Of no kinds: it ends.
+   * the one before was, and waits until that has said where it is. Of no kinds: it ends.
    * @param {Iterable<string>} kinds
    * @param {?{agents: Iterable<number>, tests: Iterable<number>}} [results] those alone; null: all
    */
@@ -97,9 +98,11 @@ export class Stream {
       return;
     }
     const isWaiting = isSame && this.#stopWait !== null; /* for the next attempt */
-    if (!wish.isNone && !isWaiting && (this.#open.isNone || !this.#open.covers(wish))) {
+    const isMissing = !wish.isNone && !isWaiting && (this.#open.isNone || !this.#open.covers(wish));
+    this.#isOwed = isMissing && this.#began !== 0 && this.lastId === "";
+    if (isMissing && !this.#isOwed) {
       this.#connect();
-    } else if (!isWaiting && wish.query !== this.#open.query) {
+    } else if (!isMissing && !isWaiting && wish.query !== this.#open.query) {
       this.#letGo();
     }
   }
@@ -149,6 +152,7 @@ export class Stream {
     this.#abort = null;
     this.#open = nothing;
     this.#began = 0;
+    this.#isOwed = false;
   }
 
   #tell(state, status = 0) {
@@ -208,6 +212,10 @@ export class Stream {
         }
       }
       this.lastId = parser.lastEventId; /* also of what had no data */
+      if (this.#isOwed && this.lastId !== "") {
+        this.#connect();
+        return;
+      }
     }
   }
 

@@ -140,21 +140,6 @@ class Hostile(browser.TestCase):
         self.assertEqual(status, 200, answer)
         self.agents[-1].report(b"")
 
-    def wait_heard(self, kind, before):
-        """Until such a message has come. What comes while the page asks for other kinds is in its lists alone."""
-        told = 0.0
-
-        def heard():
-            nonlocal told
-            if time.monotonic() > told + 1:
-                if kind == "change":
-                    self.tell_anew()
-                else:
-                    self.report(self.agents[-1], steps=2)
-                told = time.monotonic()
-            return self.js("return (window.replacedKinds[arguments[0]] ?? 0) > arguments[1]", kind, before)
-        harness.wait_until(heard, kind, browser.PATIENCE_S)
-
     def paths(self):
         tests = self.collector.get("/api/v1/tests?limit=1000")["items"]
         self.assertGreater(len(tests), 20)
@@ -227,7 +212,11 @@ class Hostile(browser.TestCase):
                 self.wait_live()
                 self.wait_still()
                 before = self.js("return window.replacedKinds[arguments[0]] ?? 0", kind)
-                self.wait_heard(kind, before)
+                if kind == "change":
+                    self.tell_anew()
+                else:
+                    self.report(self.agents[-1], steps=2)
+                self.wait("(window.replacedKinds[arguments[0]] ?? 0) > arguments[1]", kind, before, what=kind)
                 self.frames()
                 self.check(path)
             self.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script)

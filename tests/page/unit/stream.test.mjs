@@ -261,6 +261,53 @@ test("what else is wanted is asked for at once, what is not any more is let go l
   assert.deepEqual(messages, []);
 });
 
+test("what else is wanted waits for the first word of a stream that is live", async () => {
+  const { world, messages, stream } = begin();
+  stream.want(["event"]);
+  stream.want(["event", "change"]); /* nobody was told yet that it is live */
+  assert.equal(world.requests.length, 2);
+  world.last.accept(":\n\n");
+  await turn();
+  assert.equal(stream.state.state, "live");
+  stream.want(["event", "change", "result"]);
+  stream.want(["event"]); /* it has that */
+  stream.want(["event", "result"]);
+  world.last.send("event: event\ndata: {}\n");
+  await turn();
+  assert.equal(world.requests.length, 2);
+  world.last.send("id: 1.1-6\n\n");
+  await turn();
+  assert.deepEqual(messages.map(({ id }) => id), ["1.1-6"]);
+  assert.equal(world.requests.length, 3);
+  assert.equal(world.last.url, "/s?kind=event%2Cresult");
+  assert.equal(world.last.headers["Last-Event-ID"], "1.1-6");
+  assert.equal(world.open, 1);
+});
+
+test("what is wanted no more is not waited for, and a break asks for what is wanted then", async () => {
+  const { world, stream } = begin();
+  stream.want(["event"]);
+  world.last.accept(":\n\n");
+  await turn();
+  stream.want(["result"]);
+  stream.want(["event"]);
+  world.last.send("id: 1.1-6\n\n");
+  await turn();
+  assert.equal(world.requests.length, 1);
+  const other = begin();
+  other.stream.want(["event"]);
+  other.world.last.accept(":\n\n");
+  await turn();
+  other.stream.want(["result"]);
+  other.world.last.end();
+  await turn();
+  await other.world.pass(1500);
+  assert.equal(other.world.last.url, "/s?kind=result");
+  other.world.last.accept();
+  await turn();
+  assert.equal(other.world.requests.length, 2);
+});
+
 test("whoever is signed out waits for signing in; 429 is waited for as long as it says", async () => {
   const { world, stream } = begin();
   stream.want(["event"]);

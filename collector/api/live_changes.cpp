@@ -110,7 +110,8 @@ struct live_changes::state {
     bool stopping = false;
     std::thread thread;
 
-    ids_in_store ids; /* the thread's */
+    ids_in_store ids; /* the thread's, as is the next one */
+    std::deque<owned_change> taken;
 
     void put(const stored_change& what) {
         std::lock_guard hold(mutex);
@@ -133,7 +134,7 @@ struct live_changes::state {
             if (stopping) {
                 return;
             }
-            std::deque<owned_change> taken = std::exchange(waiting, {});
+            taken.swap(waiting); /* a new one would ask for memory */
             bool lost = std::exchange(is_cut, false);
             hold.unlock();
             try {
@@ -141,6 +142,7 @@ struct live_changes::state {
             } catch (const std::exception&) { /* no memory */
                 lost = true;
             }
+            taken.clear();
             ids.end();
             if (lost) {
                 hub.skip();

@@ -27,8 +27,8 @@ kept_agent* fleet_state::find_or_make(std::string_view account, std::string_view
 
 void fleet_state::make_due(kept_agent& of) {
     if (file && !of.is_due) {
-        of.is_due = true;
         due.push_back(&of);
+        of.is_due = true;
     }
 }
 
@@ -40,8 +40,8 @@ void fleet_state::note(kept_agent& of) {
         open.erase(&of);
     }
     if (!of.is_noted && (of.is_unsaved || of.changes.has_unsaved())) {
-        of.is_noted = true;
         noted.push_back(&of);
+        of.is_noted = true;
     }
 }
 

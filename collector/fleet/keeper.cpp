@@ -99,6 +99,7 @@ public:
 
 private:
     void log(const std::string& line) const { options_.log(line); }
+    void log_failure(const std::exception& what) const;
     bool open_file(std::vector<std::string>& early, std::string& error);
     bool store_ground(std::string& error);
     void save_all();
@@ -135,7 +136,8 @@ private:
     uint64_t secrets_seen_ = 0;  /* here and below the keeper's thread */
     unsigned ticks_ = 0;
     bool is_saving_ = false;
-    std::string trouble_; /* as told last */
+    std::string trouble_;                      /* as told last */
+    std::vector<work_maker::pointer> telling_; /* of what is finished; the last is next */
     std::thread thread_;
 };
 
@@ -251,7 +253,7 @@ void keeper_body::stop() {
         try {
             tell_finished();                /* the text in force has a copy in the settings */
         } catch (const std::exception& e) { /* no memory, most likely */
-            log(std::string("fleet: ") + e.what());
+            log_failure(e);
         }
     }
 }
@@ -281,6 +283,15 @@ void keeper_body::read_file() {
 
 /* ---- its thread ---- */
 
+/* Says nothing when there is not even memory for that. */
+void keeper_body::log_failure(const std::exception& what) const {
+    try {
+        log(std::string("fleet: ") + what.what());
+    } catch (const std::exception&) {
+    }
+}
+
+/* Nothing may be thrown here but in a try: there is nobody above. */
 void keeper_body::run() {
     steady::time_point tick_at = steady::now();
     std::unique_lock hold(state_.mutex);
@@ -302,7 +313,7 @@ void keeper_body::run() {
             apply_file();
             begin_work();
         } catch (const std::exception& e) { /* no memory, most likely */
-            log(std::string("fleet: ") + e.what());
+            log_failure(e);
         }
         answer_waiting();
         hold.lock();
@@ -326,23 +337,23 @@ steady::time_point keeper_body::next_look(steady::time_point tick) const {
     return tick;
 }
 
-/* Those whose answers can be made, and those that have waited long enough. */
+/* Those whose answers can be made, and those that have waited long enough. Asks for no memory. */
 void keeper_body::answer_waiting() {
-    std::vector<std::function<void()>> ready;
-    {
-        std::lock_guard hold(state_.mutex);
-        const steady::time_point time = steady::now();
-        std::erase_if(state_.waiting, [&](fleet_state::waiting_answer& each) {
-            const bool is_over = state_.is_stopping || time >= each.until ||
-                                 (!each.of->is_due && !each.of->is_awaited);
-            if (is_over) {
-                ready.push_back(std::move(each.ready));
-            }
-            return is_over;
-        });
-    }
-    for (const std::function<void()>& each : ready) {
-        each();
+    std::unique_lock hold(state_.mutex);
+    std::vector<fleet_state::waiting_answer>& all = state_.waiting;
+    const steady::time_point time = steady::now();
+    for (size_t i = 0; i < all.size();) { /* others only append to it */
+        if (!state_.is_stopping && time < all[i].until &&
+            (all[i].of->is_due || all[i].of->is_awaited)) {
+            i++;
+            continue;
+        }
+        std::swap(all[i], all.back());
+        const std::function<void()> ready = std::move(all.back().ready);
+        all.pop_back();
+        hold.unlock();
+        ready();
+        hold.lock();
     }
 }
 
@@ -469,13 +480,19 @@ void keeper_body::begin_work() {
 
 /* ---- what follows from work that is done ---- */
 
+/* What is to be expected of agents is told even where there is no memory for it right now. */
 void keeper_body::tell_finished() {
-    std::vector<work_maker::pointer> done;
-    {
+    if (telling_.empty()) {
         std::lock_guard hold(state_.mutex);
-        done.swap(state_.finished);
+        telling_.swap(state_.finished);
+        std::reverse(telling_.begin(), telling_.end());
     }
-    for (const work_maker::pointer& work : done) {
+    while (!telling_.empty()) {
+        if (telling_.back()->ok) {
+            tell_expectations(*telling_.back());
+        }
+        const work_maker::pointer work = std::move(telling_.back());
+        telling_.pop_back();
         if (!work->ok) {
             if (trouble_ != work->reason) {
                 log("fleet: what agents are to do cannot be stored: " + work->reason);
@@ -497,7 +514,6 @@ void keeper_body::tell_of(const fleet_work& done) {
         log("fleet: revision " + std::to_string(made.revision) + " by " + printable(made.author) +
             ": " + made.about);
     }
-    tell_expectations(done);
     if (made.has_text) {
         revisions_.keep_text();
     }

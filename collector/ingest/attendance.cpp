@@ -188,29 +188,34 @@ void attendance::forget(int64_t agent) {
 }
 
 bool attendance::take_plan() {
-    std::optional<plan_summary> plan;
-    std::optional<std::vector<owned_definition>> told;
     {
         std::lock_guard hold(mutex_);
-        plan.swap(plan_);
-        told.swap(told_);
+        if (plan_) {
+            taken_.plan = std::exchange(plan_, std::nullopt);
+        }
+        if (told_) {
+            taken_.told = std::exchange(told_, std::nullopt);
+        }
     }
-    if (plan) {
-        expected_.follow(*plan, clock());
+    if (taken_.plan) {
+        expected_.follow(*taken_.plan, clock());
         is_told_ = true;
+        taken_.plan.reset();
     }
-    if (told) {
-        definitions_.follow(std::move(*told));
+    if (taken_.told) {
+        definitions_.follow(std::move(*taken_.told));
+        taken_.told.reset();
     }
     take_agent_plans();
     return is_told_;
 }
 
 void attendance::take_agent_plans() {
-    std::vector<agent_plan> plans;
-    {
+    std::vector<agent_plan>& plans = taken_.plans;
+    if (plans.empty()) {
         std::lock_guard hold(mutex_);
         plans.swap(agent_plans_);
+        taken_.defined = 0;
     }
     if (plans.empty()) {
         return;
@@ -226,8 +231,9 @@ void attendance::take_agent_plans() {
              .plan = &told.plan,
              .before = before != before_.end() ? std::optional(before->second) : std::nullopt});
     }
-    expected_.follow(own, clock());
-    for (agent_plan& told : plans) {
+    expected_.follow(own, clock()); /* once more, where it could not be gone through at once */
+    for (; taken_.defined < plans.size(); taken_.defined++) {
+        agent_plan& told = plans[taken_.defined];
         const roster_agent* known = agents_.find(told.account, told.agent);
         if (known != nullptr) {
             own_[known->id] = expected_.find(told.account, told.agent);
@@ -236,6 +242,7 @@ void attendance::take_agent_plans() {
         definitions_.follow(told.account, told.agent, known != nullptr ? known->id : 0,
                             std::move(told.definitions));
     }
+    std::vector<agent_plan>().swap(plans);
 }
 
 /* What was told since the last time. */

@@ -116,6 +116,14 @@ private:
     std::optional<std::vector<owned_definition>> told_;
     std::vector<agent_plan> agent_plans_;
 
+    /* What was told and is not gone through yet: where there is no memory, it is tried again. */
+    struct {
+        std::optional<plan_summary> plan = {};
+        std::optional<std::vector<owned_definition>> told = {};
+        std::vector<agent_plan> plans = {};
+        size_t defined = 0; /* of these */
+    } taken_;
+
     expectations expected_;
     std::unordered_map<int64_t, expectations::shared> own_; /* of those that have an id, by that */
     std::unordered_map<int64_t, intervals> before_;         /* what the last run told them */

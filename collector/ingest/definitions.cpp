@@ -13,10 +13,16 @@ static std::string key_of(std::string_view account, std::string_view agent) {
     return key.append(1, '\0').append(agent);
 }
 
-void definitions::make_due(told& of) {
-    if (!of.is_due && of.next < of.wanted.size()) {
-        of.is_due = true;
+void definitions::put_in_line(told& of) {
+    if (!of.is_due) {
         due_.push_back(&of);
+        of.is_due = true;
+    }
+}
+
+void definitions::make_due(told& of) {
+    if (of.next < of.wanted.size()) {
+        put_in_line(of);
     }
 }
 
@@ -35,18 +41,18 @@ void definitions::begin() {
     }
 }
 
-void definitions::want(told& of, std::vector<owned_definition> all) {
+/* Asks for no memory. */
+void definitions::put(told& of, std::vector<owned_definition>&& all) {
     of.wanted = std::move(all);
     of.next = 0;
 }
 
 /* Those that are not stored yet, and of which `by` says nothing more; the newest, once they are
- * many. They are taken from it. */
-std::vector<owned_definition> definitions::overtaken(told& of,
+ * many. */
+std::vector<owned_definition> definitions::overtaken(const told& of,
                                                      const std::vector<owned_definition>& by) {
-    std::vector<owned_definition> late(
-        std::make_move_iterator(of.wanted.begin() + static_cast<ptrdiff_t>(of.next)),
-        std::make_move_iterator(of.wanted.end()));
+    std::vector<owned_definition> late(of.wanted.begin() + static_cast<ptrdiff_t>(of.next),
+                                       of.wanted.end());
     using key = std::tuple<uint32_t, int32_t, int32_t>;
     std::set<key> told_again;
     for (const owned_definition& d : by) {
@@ -61,13 +67,15 @@ std::vector<owned_definition> definitions::overtaken(told& of,
     return late;
 }
 
-void definitions::follow(std::vector<owned_definition> all) {
-    want(of_all_, std::move(all));
-    make_due(of_all_);
+void definitions::follow(std::vector<owned_definition>&& all) {
+    if (!all.empty()) {
+        put_in_line(of_all_);
+    }
+    put(of_all_, std::move(all));
 }
 
 void definitions::follow(std::string_view account, std::string_view agent, int64_t id,
-                         std::vector<owned_definition> all) {
+                         std::vector<owned_definition>&& all) {
     std::string key = key_of(account, agent);
     auto known = own_.find(key);
     std::vector<owned_definition> late;
@@ -82,14 +90,16 @@ void definitions::follow(std::string_view account, std::string_view agent, int64
         }
         return;
     }
+    late.reserve(late.size() + all.size());
+    told& of = own_[std::move(key)];
+    if (has_id) {
+        put_in_line(of);
+    }
+    of.agent = id != 0 ? id : of.agent;
     late.insert(late.end(), std::make_move_iterator(all.begin()),
                 std::make_move_iterator(all.end()));
-    told& of = own_[std::move(key)];
-    want(of, std::move(late));
-    of.agent = id != 0 ? id : of.agent;
-    if (of.agent != 0) {
-        make_due(of);
-    }
+    all.clear();
+    put(of, std::move(late));
 }
 
 void definitions::has_id(std::string_view account, std::string_view agent, int64_t id) {

@@ -31,10 +31,11 @@ public:
     void begin();
 
     /* From then on it is these: of all agents that have none of their own, */
-    void follow(std::vector<owned_definition> all);
-    /* and of one agent; with id 0 it has none yet. */
+    void follow(std::vector<owned_definition>&& all);
+    /* and of one agent; with id 0 it has none yet. Where that throws for want of memory, nothing
+     * is taken from `all`. */
     void follow(std::string_view account, std::string_view agent, int64_t id,
-                std::vector<owned_definition> all);
+                std::vector<owned_definition>&& all);
     void has_id(std::string_view account, std::string_view agent, int64_t id);
 
     bool is_due() const { return !due_.empty(); }
@@ -53,9 +54,10 @@ private:
         std::map<std::pair<uint32_t, int32_t>, owned_definition> stored = {}; /* type and number */
     };
 
-    void want(told& of, std::vector<owned_definition> all);
-    static std::vector<owned_definition> overtaken(told& of,
+    void put(told& of, std::vector<owned_definition>&& all);
+    static std::vector<owned_definition> overtaken(const told& of,
                                                    const std::vector<owned_definition>& by);
+    void put_in_line(told& of);
     void make_due(told& of);
     bool look_up(told& of);
     bool store_some(told& of, const spell& time, int64_t now, size_t& next);

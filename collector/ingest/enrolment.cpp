@@ -163,17 +163,19 @@ awaitable<enrolment::outcome> enrolment::elsewhere(std::shared_ptr<const asked> 
 
 /* Something that nobody waits for. What goes wrong is logged, and `failed` called, here. */
 void enrolment::do_elsewhere(std::function<std::string()> work, std::function<void()> failed) {
-    asio::post(worker_, [this, work = std::move(work), failed = std::move(failed)] {
-        std::string error;
+    auto ended = std::make_shared<std::pair<std::string, std::function<void()>>>();
+    ended->second = std::move(failed); /* that thread has nobody to tell that it cannot */
+    asio::post(worker_, [this, work = std::move(work), ended] {
+        std::string& error = ended->first;
         try {
             error = work();
-        } catch (const std::exception& e) {
-            error = e.what();
+        } catch (const std::exception&) {
+            error = "no memory"; /* short enough to need none */
         }
         if (!error.empty()) {
-            post_surely(context_, [this, error, failed] {
-                room_.log(event::failure, error);
-                failed();
+            post_surely(context_, [this, ended] {
+                ended->second();
+                room_.log(event::failure, ended->first);
             });
         }
     });

@@ -211,6 +211,8 @@ private:
                 parts_->present.on_clock()};
     }
     void write_batches();
+    bool take_plan();
+    void go_on_later(queued_block& b);
     void take_over();
     void refuse_all();
     position write_run(position from, position end);
@@ -249,6 +251,7 @@ private:
     std::mutex wanted_mutex_;
     std::vector<wanted> wanted_;
     bool takes_changes_ = true;
+    const std::string stopping_ = "the collector is stopping"; /* then there may be no memory */
 
     /* Of the writer thread, once it runs. */
     undecodable_files aside_{options_.directory + "/undecodable"};
@@ -283,6 +286,15 @@ bool writer::is_known() {
     return generation_ == engine_->generation();
 }
 
+bool writer::take_plan() {
+    try {
+        return parts_->present.take_plan();
+    } catch (const std::exception&) { /* no memory: before the next batch */
+        return false;
+    }
+}
+
+/* Nothing may be thrown here but in a try: there is nobody above. */
 void writer::write_batches() {
     if (!is_taken_over_) {
         take_over();
@@ -292,13 +304,13 @@ void writer::write_batches() {
     while (queue_.take(blocks, more ? std::chrono::milliseconds(0) : between_looks,
                        !parts_->care.is_behind())) {
         beat();
-        parts_->present.take_plan(); /* it holds for what comes after it */
+        take_plan(); /* it holds for what comes after it */
         for (position at = blocks.begin(); at != blocks.end();) {
             at = write_run(at, blocks.end());
         }
         make_changes();
         if (!blocks.empty() && blocks.back().unfinished) {
-            queue_.put_back(std::move(blocks.back()));
+            go_on_later(blocks.back());
         }
         blocks.clear();
         more = look_after();
@@ -341,7 +353,7 @@ bool writer::look_after() {
  * by the time of what comes, as they would have been then. */
 void writer::take_over() {
     /* What was to come is told right after the start, if at all. */
-    for (int i = 0; i < 10 && !parts_->present.take_plan(); i++) {
+    for (int i = 0; i < 10 && !take_plan(); i++) {
         queue_.wait_for_stop(before_plan);
     }
     takeover::progress made = takeover::progress::more;
@@ -448,6 +460,16 @@ writer::position writer::write_run(position from, position end) {
     return to;
 }
 
+/* Where there is no memory for that it comes again, and goes on behind what is stored of it. */
+void writer::go_on_later(queued_block& b) {
+    try {
+        queue_.put_back(std::move(b));
+    } catch (const std::exception&) {
+        queue_.leave(b);
+        b.done(store_result::failed);
+    }
+}
+
 /* For whoever asks whether results are stored. */
 void writer::note_outcome(bool ok, const std::string& error) {
     beat();
@@ -503,7 +525,7 @@ void writer::want(wanted more) {
     } else {
         hold.unlock();
         if (more.done) {
-            more.done(false, "the collector is stopping");
+            more.done(false, stopping_);
         }
     }
 }
@@ -597,7 +619,7 @@ void writer::refuse_changes() {
         some.swap(wanted_);
     }
     for (const wanted& one : some) {
-        answer(one, false, "the collector is stopping");
+        answer(one, false, stopping_);
     }
 }
 

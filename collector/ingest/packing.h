@@ -12,6 +12,7 @@
 #include "store/engine.h"
 #include "store/pack.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -44,6 +45,12 @@ public:
 
     /* Whose blocks are at work. */
     std::vector<int64_t> agents() const;
+    /* Whether `is` holds for any of them. Asks for no memory. */
+    template <typename Is>
+    bool any_agent(Is is) const {
+        return std::any_of(jobs_.begin(), jobs_.end(),
+                           [&](const job& work) { return is(work.agent); });
+    }
     /* Forgets what was gathered. */
     void give_up() { jobs_.clear(); }
 

@@ -3,6 +3,7 @@
 #include "ingest/clock.h"
 
 #include <chrono>
+#include <new>
 #include <utility>
 
 static std::string agent_of(const poll_block& b) {
@@ -15,7 +16,8 @@ static std::string agent_of(const poll_block& b) {
  * largest would never be. */
 bool block_queue::waiting::fits(const std::string& owner, size_t more, size_t most) const {
     auto share = shares.find(owner);
-    return owner.empty() || share == shares.end() || share->second + more <= most;
+    return owner.empty() || share == shares.end() || share->second == 0 ||
+           share->second + more <= most;
 }
 
 bool block_queue::put(poll_block& block, std::function<void(store_result)>& done) {
@@ -25,18 +27,21 @@ bool block_queue::put(poll_block& block, std::function<void(store_result)>& done
     {
         std::lock_guard hold(mutex_);
         waiting& queue = large ? large_ : small_;
-        const std::string agent = agent_of(block);
+        std::string agent = agent_of(block);
         if (queue.bytes >= most || !queue.fits(agent, size, large ? 0 : most / 16) ||
             !queue.fits(block.address, size, large ? most : most / 4)) {
             return false;
         }
+        size_t& of_agent = queue.shares[agent]; /* where memory is short, one of nothing */
+        size_t& of_address = queue.shares[block.address];
+        queued_block& queued = queue.blocks.emplace_back();
+        of_agent += size;
+        of_address += size;
         queue.bytes += size;
         queue.count++;
-        queue.shares[agent] += size;
-        queue.shares[block.address] += size;
-        queued_block& queued = queue.blocks.emplace_back();
         queued.block = std::move(block);
         queued.done = std::move(done);
+        queued.agent = std::move(agent);
         queued.large = large;
         queued.submitted = steady_clock();
         queued.waits_since = std::chrono::steady_clock::now();
@@ -57,10 +62,13 @@ bool block_queue::take(std::deque<queued_block>& batch, std::chrono::millisecond
         small_.since = batch.front().waits_since;
     }
     if (has_large()) {
-        batch.push_back(std::move(large_.blocks.front()));
-        large_.blocks.pop_front();
+        try {
+            batch.push_back(std::move(large_.blocks.front()));
+            large_.blocks.pop_front();
+        } catch (const std::bad_alloc&) { /* its turn comes with the next ones */
+        }
     }
-    return !batch.empty() || !stopping_;
+    return !batch.empty() || !large_.blocks.empty() || !stopping_;
 }
 
 bool block_queue::is_stopped() {
@@ -86,8 +94,8 @@ void block_queue::leave(queued_block& block) {
     queue.bytes -= size;
     queue.count--;
     queue.since = block.waits_since; /* the next one came soon after it */
-    for (const std::string& owner : {agent_of(block.block), block.block.address}) {
-        auto share = queue.shares.find(owner);
+    for (const std::string* owner : {&block.agent, &block.block.address}) {
+        auto share = queue.shares.find(*owner);
         share->second -= size;
         if (share->second == 0) {
             queue.shares.erase(share);

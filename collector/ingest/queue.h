@@ -20,10 +20,11 @@
 #include <string_view>
 #include <unordered_map>
 
-/* A block on its way. But for the first five all is the writer's. */
+/* A block on its way. But for the first six all is the writer's. */
 struct queued_block {
     poll_block block;
     std::function<void(store_result)> done;
+    std::string agent; /* as shares are kept of it */
     bool large = false;
     int64_t submitted = 0;                                  /* by steady_clock */
     std::chrono::steady_clock::time_point waits_since = {}; /* for its next turn */
@@ -56,7 +57,9 @@ class block_queue {
 public:
     explicit block_queue(const queue_limits& limits) : limits_(limits) {}
 
-    /* False when it does not fit: then nothing is taken from `block` and `done`. */
+    /* False when it does not fit: then nothing is taken from `block` and `done`, as when there is
+     * no memory, which is the one thing that it throws. What follows, but for put_back(), can do
+     * without. */
     bool put(poll_block& block, std::function<void(store_result)>& done);
 
     /* Everything that waits, and, unless they have to wait longer, one large block behind it.
@@ -73,7 +76,8 @@ public:
     /* Until it is stopped, or `most` has passed. */
     void wait_for_stop(std::chrono::milliseconds most);
 
-    /* A large block of which slices are left, behind the others of its kind. */
+    /* A large block of which slices are left, behind the others of its kind. Where that throws, it
+     * is as it was. */
     void put_back(queued_block&& block);
 
     /* Makes room for others of its agent, and frees its bytes. What was taken counts until then.

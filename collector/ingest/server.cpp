@@ -4,6 +4,7 @@
 #include "ingest/listener.h"
 #include "ingest/page.h"
 #include "ingest/polls.h"
+#include "ingest/short_of_memory.h"
 
 #include <boost/asio/thread_pool.hpp>
 #include <optional>
@@ -176,7 +177,7 @@ std::string server::where() const {
 }
 
 void server::run() {
-    state_->context.run();
+    run_surely(state_->context);
 }
 
 void server::stop() {

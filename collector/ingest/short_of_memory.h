@@ -15,17 +15,29 @@ inline void wait_for_memory() {
     std::this_thread::sleep_for(tick);
 }
 
-/* Hands `work` to the context from another thread, which has to succeed in the end. */
-template <typename Work>
-void post_surely(boost::asio::io_context& context, const Work& work) {
+/* Until it does not throw: what has to be done in the end, and changes nothing when it fails. */
+template <typename Do>
+void surely(const Do& what) {
     for (;;) {
         try {
-            boost::asio::post(context, work);
+            what();
             return;
         } catch (const std::exception&) {
             wait_for_memory();
         }
     }
+}
+
+/* Hands `work` to the context from another thread. */
+template <typename Work>
+void post_surely(boost::asio::io_context& context, const Work& work) {
+    surely([&] { boost::asio::post(context, work); });
+}
+
+/* Does what is handed to the context, until it ends: a handler that finds no memory is one handler
+ * less. */
+inline void run_surely(boost::asio::io_context& context) {
+    surely([&] { context.run(); });
 }
 
 #endif

@@ -134,10 +134,9 @@ void upkeep::grown(const roster_agent& agent) {
 }
 
 bool upkeep::is_behind() const {
-    std::vector<int64_t> at_work = packing_.agents();
     return steady_clock() >= not_before_ &&
            ((!due_.empty() && is_much(due_.front())) ||
-            std::any_of(at_work.begin(), at_work.end(), [&](int64_t id) { return is_much(id); }));
+            packing_.any_agent([&](int64_t id) { return is_much(id); }));
 }
 
 upkeep::progress upkeep::gather() {

@@ -3,6 +3,7 @@
 #include "base/text.h"
 #include "ingest/ingest.h"
 #include "ingest/server.h"
+#include "ingest/short_of_memory.h"
 #include "ingest/store_listeners.h"
 #include "life/agents_side.h"
 #include "life/announce.h"
@@ -138,10 +139,17 @@ static known_tests read_known_tests(const std::string& directory, result_output&
 static void repeat(boost::asio::steady_timer& timer, std::chrono::seconds every,
                    const std::function<bool()>& what) {
     timer.expires_after(every);
-    timer.async_wait([&timer, every, &what](boost::system::error_code failed) {
-        if (!failed && what()) {
-            repeat(timer, every, what);
-        }
+    surely([&] {
+        timer.async_wait([&timer, every, &what](boost::system::error_code failed) {
+            bool again = !failed;
+            try {
+                again = again && what();
+            } catch (const std::exception&) { /* no memory: the next time */
+            }
+            if (again) {
+                repeat(timer, every, what);
+            }
+        });
     });
 }
 

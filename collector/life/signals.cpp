@@ -1,5 +1,7 @@
 #include "life/signals.h"
 
+#include "ingest/short_of_memory.h"
+
 #include <csignal>
 
 void ignore_broken_pipes() {
@@ -8,15 +10,19 @@ void ignore_broken_pipes() {
 
 void heed_signals(boost::asio::signal_set& set, const std::function<void()>& end,
                   const std::function<void()>& read_again) {
-    set.async_wait([&](boost::system::error_code failed, int number) {
+    auto heed = [&](boost::system::error_code failed, int number) {
         if (failed) {
             return;
         }
         if (number == SIGHUP) {
-            read_again();
+            try {
+                read_again();
+            } catch (const std::exception&) { /* no memory: what was read before stays */
+            }
             heed_signals(set, end, read_again);
         } else {
-            end();
+            surely(end);
         }
-    });
+    };
+    surely([&] { set.async_wait(heed); });
 }

@@ -40,8 +40,9 @@ void expected::resume(const intervals& every) {
 }
 
 void expected::follow_tests(const plan_summary& plan, int64_t now) {
-    std::vector<planned> before = std::exchange(tests_, {});
-    tests_.reserve(plan.tests.size());
+    std::vector<planned> before;
+    before.reserve(plan.tests.size()); /* or nothing is changed */
+    before.swap(tests_);
     for (const auto& test : plan.tests) {
         tests_.push_back({test, is_planned_ ? now : unplanned_since_});
     }

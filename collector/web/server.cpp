@@ -149,14 +149,7 @@ awaitable<void> web_server::state::look() {
 }
 
 void web_server::state::run() {
-    for (;;) {
-        try {
-            room.context.run();
-            return;
-        } catch (const std::exception&) { /* memory is short */
-            wait_for_memory();
-        }
-    }
+    run_surely(room.context);
 }
 
 void web_server::state::stop() {

@@ -131,14 +131,16 @@ void visit_room::on_bell() {
         wave();
         return;
     }
-    pausing_ = true;
     pause_.expires_at(next_wave_);
-    pause_.async_wait([this](const boost::system::error_code& failed) {
-        pausing_ = false;
-        if (!failed) {
-            wave();
-        }
+    surely([this] {
+        pause_.async_wait([this](const boost::system::error_code& failed) {
+            pausing_ = false;
+            if (!failed) {
+                wave();
+            }
+        });
     });
+    pausing_ = true;
 }
 
 void visit_room::look_at_bell() {

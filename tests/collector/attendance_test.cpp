@@ -8,6 +8,7 @@
 #include "store/sqlite/sqlite_file.cpp"
 
 #include "collector_test_support.h"
+#include "counted_memory.h"
 #include "stored_records.h"
 
 #include <atomic>
@@ -906,6 +907,73 @@ TEST_F(bites_test, what_could_not_be_taken_makes_no_test_stale) {
     hear("web2");
     wait(120);
     EXPECT_EQ(changes, (strings{"web2 ok>stale", "web1 ok>stale"}));
+}
+
+/* What it was told once holds, whichever time there was no memory for it. */
+TEST_F(attendance_test, a_plan_and_no_memory) {
+    auto tests = [](size_t count) {
+        std::vector<std::pair<uint32_t, int32_t>> all;
+        for (size_t i = 0; i < count; i++) {
+            all.emplace_back(type_load_average, static_cast<int32_t>(i));
+        }
+        return all;
+    };
+    auto definition = [](int32_t number) {
+        return owned_definition{.type = type_load_average,
+                                .number = number,
+                                .location = 1,
+                                .name = "load",
+                                .text = std::string(40, 'x'),
+                                .title = "",
+                                .group = ""};
+    };
+    std::string error;
+    size_t times = 0;
+    int64_t web1 = 0;
+    std::unique_ptr<engine> store;
+    std::unique_ptr<roster> agents;
+    std::unique_ptr<attendance> present;
+    auto begin = [&] {
+        present.reset();
+        store = open_engine(
+            {.directory = directory / std::to_string(times++), .keep_days = 30, .tell = {}}, error);
+        ASSERT_TRUE(store) << error;
+        stored_agent web;
+        ASSERT_TRUE(store->begin() && store->find_agent("a@b.c", "web1", noon, web) &&
+                    store->commit());
+        web1 = web.id;
+        agents = std::make_unique<roster>();
+        present = std::make_unique<attendance>(*store, *agents,
+                                               [](const roster_agent&, const agent_work&) {});
+        present->begin();
+        present->follow({.every = {.poll = 60, .check = 60}, .is_planned = true, .tests = tests(3)},
+                        {});
+        EXPECT_TRUE(present->take_plan());
+        present->follow(
+            {.every = {.poll = 500, .check = 60}, .is_planned = true, .tests = tests(9)},
+            {definition(1)});
+        plan_summary own{
+            .every = {.poll = 60, .check = 700}, .is_planned = true, .tests = tests(5)};
+        present->follow_agents({{"a@b.c", "web1", own, {definition(2)}},
+                                {"a@b.c", "not heard yet", own, {definition(3)}}});
+    };
+    begin();
+    refuse_in_turn([&] { present->take_plan(); },
+                   [&](size_t after) {
+                       EXPECT_TRUE(present->take_plan());
+                       agent_work work;
+                       EXPECT_EQ(present->now(work, "a@b.c", "other").stale_after, 1500) << after;
+                       EXPECT_EQ(present->now(work, "a@b.c", "web1").stale_after, 2100) << after;
+                       EXPECT_EQ(present->now(work, "a@b.c", "not heard yet").stale_after, 2100);
+                       while (present->run()) {
+                       }
+                       size_t known = 0;
+                       EXPECT_TRUE(store->reader().for_each_definition(
+                           web1, 0, 0, [&](const test_definition&) { known++; }, error));
+                       EXPECT_EQ(known, 1u) << after;
+                       begin();
+                   });
+    EXPECT_TRUE(sanitized || times > 4);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "ingest/definitions.h"
 
 #include "collector_test_support.h"
+#include "counted_memory.h"
 
 #include <gtest/gtest.h>
 #include <map>
@@ -188,4 +189,31 @@ TEST_F(definitions_test, many_agents_come_in_turn) {
     for (int64_t id : ids) {
         EXPECT_EQ(of(id).size(), tests + 1u);
     }
+}
+
+/* What an agent is told once is stored, whichever time there is no memory for it. */
+TEST_F(definitions_test, no_memory) {
+    size_t rows = 0;
+    int64_t at_work = 0;
+    std::vector<owned_definition> all;
+    auto begin = [&](size_t times) {
+        const std::string name = "agent " + std::to_string(times);
+        at_work = agent(name);
+        kept->follow("a@b.c", name, at_work, {test(1, 5, "one"), test(2, 5, "two")});
+        all = {test(2, 6, "two"), test(3, 6, "three")};
+    };
+    begin(0);
+    refuse_in_turn(
+        [&] { kept->follow("a@b.c", "agent " + std::to_string(rows), at_work, std::move(all)); },
+        [&](size_t times) {
+            if (!all.empty()) {
+                kept->follow("a@b.c", "agent " + std::to_string(rows), at_work, std::move(all));
+            }
+            run();
+            EXPECT_EQ(of(at_work), (strings{"1/5 one", "2/5 two", "2/6 two", "3/6 three"}))
+                << times;
+            rows = times + 1;
+            begin(rows);
+        });
+    EXPECT_TRUE(sanitized || rows > 4);
 }

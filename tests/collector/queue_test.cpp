@@ -1,6 +1,7 @@
 /* How far the writer is behind. */
 #include "ingest/queue.h"
 
+#include "counted_memory.h"
 #include "eventually.h"
 
 #include <gtest/gtest.h>
@@ -95,4 +96,45 @@ TEST_F(queue_test, others_of_a_batch_wait_yet_when_one_has_left) {
     EXPECT_GE(small(), 30ms);
     leave_first();
     EXPECT_EQ(small(), 0ms);
+}
+
+/* Nothing is counted that did not get in, and what is in gets out without any. */
+TEST_F(queue_test, no_memory) {
+    const std::string name(40, 'a');
+    size_t refused = 0;
+    std::function<void(store_result)> done = [](store_result) {};
+    poll_block block;
+    auto fill = [&](size_t bytes) {
+        block = {.account = "a@b.c", .agent = name, .plain = std::string(bytes, 'x')};
+        block.address = std::string(40, '1');
+    };
+    for (size_t bytes : {size_t{10}, size_t{2000}}) {
+        fill(bytes);
+        refuse_in_turn([&] { EXPECT_TRUE(queue.put(block, done)); },
+                       [&](size_t) {
+                           const bool is_in = block.plain.empty();
+                           refused += is_in ? 0 : 1;
+                           EXPECT_EQ(queue.waiting_now().blocks, is_in ? 1u : 0u);
+                           EXPECT_EQ(queue.waiting_now().bytes, is_in ? bytes : 0);
+                           EXPECT_EQ(done == nullptr, is_in);
+                           done = [](store_result) {};
+                           if (!is_in) {
+                               EXPECT_TRUE(queue.put(block, done));
+                               done = [](store_result) {};
+                           }
+                           refused_here_above = 0;
+                           take();
+                           refused_here_above = SIZE_MAX;
+                           if (batch.empty()) { /* a large one has its turn later */
+                               take();
+                           }
+                           refused_here_above = 0;
+                           leave_first();
+                           refused_here_above = SIZE_MAX;
+                           EXPECT_EQ(queue.waiting_now().blocks, 0u);
+                           EXPECT_EQ(queue.waiting_now().bytes, 0u);
+                           fill(bytes);
+                       });
+    }
+    EXPECT_TRUE(sanitized || refused > 4);
 }

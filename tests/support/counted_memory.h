@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <malloc.h>
 #include <new>
+#include <utility>
 
 /* Bytes in use and the most that were, and how often memory was asked for. */
 static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
@@ -15,6 +16,9 @@ static std::atomic<size_t> held = 0, most_held = 0, allocations = 0;
 /* No larger block is there to be had; nor by this thread. */
 [[maybe_unused]] static std::atomic<size_t> refused_above = SIZE_MAX;
 [[maybe_unused]] static thread_local size_t refused_here_above = SIZE_MAX;
+
+/* After so many times this thread gets none once. */
+[[maybe_unused]] static thread_local size_t refused_here_after = SIZE_MAX;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 static constexpr bool sanitized = true;
@@ -40,6 +44,9 @@ static constexpr bool sanitized = false;
 }
 
 void* operator new(size_t size) {
+    if (refused_here_after != SIZE_MAX && refused_here_after-- == 0) {
+        return count_in(nullptr);
+    }
     return count_in(size <= refused_above && size <= refused_here_above ? malloc(size) : nullptr);
 }
 void operator delete(void* p) noexcept {
@@ -49,5 +56,21 @@ void operator delete(void* p, size_t) noexcept {
     count_out(p);
 }
 #endif
+
+/* Does it with each time in turn that it asks for memory refused, until none is: `each` begins
+ * anew, and `check` looks whether what is left lacks nothing. */
+template <typename Each, typename Check>
+void refuse_in_turn(Each each, Check check) {
+    bool is_refused = true;
+    for (size_t after = 0; is_refused && !sanitized; after++) {
+        refused_here_after = after;
+        try {
+            each();
+        } catch (const std::bad_alloc&) {
+        }
+        is_refused = std::exchange(refused_here_after, SIZE_MAX) == SIZE_MAX;
+        check(after);
+    }
+}
 
 #endif

@@ -57,7 +57,7 @@ bool sqlite_engine::open() {
 /* What hangs on the connection, before it is closed. */
 void sqlite_engine::release() {
     statements_.clear();
-    reader_.use(nullptr, file_.path());
+    reader_.leave();
     packed_.clear();
     roll_ups_.clear();
     last_block_row_ = last_reserved_ = 0;

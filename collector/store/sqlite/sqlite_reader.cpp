@@ -85,6 +85,11 @@ void sqlite_reader::use(sqlite3* db, const std::string& place) {
     place_ = place;
 }
 
+void sqlite_reader::leave() {
+    statements_.clear();
+    db_ = nullptr;
+}
+
 bool sqlite_reader::note(int result, std::string& error) {
     bool ok = result == SQLITE_ROW || result == SQLITE_DONE;
     if (!ok && error.empty()) {

@@ -15,8 +15,9 @@ public:
     sqlite_reader() = default;
     /* A connection of its own. */
     bool open(const std::string& directory, std::string& error);
-    /* Somebody else's; null before that is closed. */
+    /* Somebody else's, until leave(), which comes before that is closed and asks for no memory. */
     void use(sqlite3* db, const std::string& place);
+    void leave();
 
     std::string place() const override { return place_; }
     void give_up_at(std::chrono::steady_clock::time_point when) override;

@@ -162,6 +162,22 @@ class Exhausted(host.TestCase):
             self.wait_more()
         self.check_account()
 
+    @harness.needs_namespaces
+    @host.needs_own_libc_calls
+    def test_no_memory_at_all(self):
+        """Expected: while there is none, and nothing comes, the threads that look after things stay all the same."""
+        shim = host.Shim(self)
+        collector = self.start_collector(env=shim.env).start()
+        shim.fail_every = 1
+        failed = shim.failed
+        harness.wait_until(lambda: shim.failed > failed + 40 or collector.process.poll() is not None,
+                           "forty failures")
+        self.assertIsNone(collector.process.poll(), collector.errors()[-2000:])
+        shim.fail_every = 0
+        self.start_agent()
+        self.wait_more()
+        self.check_account()
+
 
 if __name__ == "__main__":
     harness.main()

@@ -186,6 +186,17 @@ export const put = (path, how) => change("PUT", path, how);
 export const post = (path, how) => change("POST", path, how);
 export const del = (path, how) => change("DELETE", path, how);
 
+/** As del(), for lists that others look at, too: what somebody else was quicker with is gone all the same. */
+export async function remove(path, how) {
+  try {
+    await del(path, how);
+  } catch (problem) {
+    if (problem?.status !== 404) {
+      throw problem;
+    }
+  }
+}
+
 /**
  * All items of a list.
  * @param {string} path

@@ -4,7 +4,7 @@
  * more: its legend, annotations and gestures would need styles and markup that the page forbids, or
  * keep a finger from scrolling. It is loaded when the first curve is made. */
 import { announce, fill, h, svg, throttle } from "./dom.js";
-import { ago, axisNumber, clean, clock, exact, now, number, oneLine } from "./base/text.js";
+import { ago, axisNumber, clean, clock, clockSeconds, exact, now, number, oneLine } from "./base/text.js";
 
 const leastDrag = 8; /* pixels: less is a click */
 const mostTableRows = 500;
@@ -265,8 +265,7 @@ export function createChart(place, { label }) {
     }
     const [lowest, mean, highest] = values;
     const around = lowest === highest ? "" : `, from ${valueText(lowest)} to ${valueText(highest)}`;
-    reading.textContent = `${clock(time)}:${String(new Date(ms(time)).getSeconds()).padStart(2, "0")}: `
-      + `${valueText(mean)}${around}`;
+    reading.textContent = `${clockSeconds(time)}: ${valueText(mean)}${around}`;
     reading.title = exact(time);
   }
 

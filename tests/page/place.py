@@ -24,6 +24,15 @@ groups:
     tests:
       nginx:    {process: no-such-server}
 """
+ONE_TEST = """\
+version: 1
+intervals: {poll: 1s, check: 1s}
+groups:
+  - name: everything
+    agents: ["*"]
+    tests:
+      load: {load: {1m: 8}}
+"""
 
 
 class Collector(FleetCollector):

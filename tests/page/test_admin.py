@@ -137,15 +137,9 @@ class Admission(browser.TestCase):
         self.assertIn("web-1", self.text(".tile"))
 
     def test_a_host_that_waits_is_admitted(self):
-        process = self.host.begin(self.url, "--ca", os.path.join(self.collector.state, "ca.pem"), "--account", ACCOUNT,
-                                  "--name", "web-1")
+        process, key = self.host.ask(self.url, "--ca", os.path.join(self.collector.state, "ca.pem"),
+                                     "--account", ACCOUNT, "--name", "web-1")
         self.addCleanup(self.end, process)
-        said = ""
-        while "--key " not in said:
-            line = process.stdout.readline()
-            self.assertTrue(line, said)
-            said += line
-        key = said.rsplit("--key ", 1)[1].strip()
         self.begin()
         self.wait_text(key, ".problems")
         self.click("button[aria-label='Admit %s/web-1']" % ACCOUNT)

@@ -6,24 +6,14 @@ import urllib.parse
 
 import browser
 from browser import harness
-from place import Collector, Place, Told
-
-FLEET = """\
-version: 1
-intervals: {poll: 1s, check: 1s}
-groups:
-  - name: everything
-    agents: ["*"]
-    tests:
-      load:     {load: {1m: 8}}
-"""
+from place import ONE_TEST, Collector, Place, Told
 
 
 @harness.needs_namespaces
 class Live(browser.TestCase):
     def setUp(self):
         super().setUp()
-        self.place = Place(self, "web-1", fleet=FLEET).settle(1)
+        self.place = Place(self, "web-1", fleet=ONE_TEST).settle(1)
         self.collector = self.place.collector
         self.host = self.place.hosts["web-1"]
         self.relay = browser.Relay(self, self.collector.web_port)
@@ -156,7 +146,7 @@ class Line(browser.Relay):
 @harness.needs_namespaces
 class Wishes(browser.TestCase):
     def test_results_of_what_the_tabs_look_at(self):
-        place = Place(self, "web-1", "web-2", fleet=FLEET).settle(2)
+        place = Place(self, "web-1", "web-2", fleet=ONE_TEST).settle(2)
         line = Line(self, place.collector.web_port)
         self.begin_browser("http://127.0.0.1:%d" % line.port)
         self.sign_in_by_cookie(place.collector.token)
@@ -186,7 +176,7 @@ class Wishes(browser.TestCase):
 class DeadLine(browser.TestCase):
     def test_a_line_that_dies_without_an_end(self):
         """Only its silence says so: the server says something each quarter of a minute."""
-        place = Place(self, "web-1", fleet=FLEET).settle(1)
+        place = Place(self, "web-1", fleet=ONE_TEST).settle(1)
         line = Line(self, place.collector.web_port)
         self.begin_browser("http://127.0.0.1:%d" % line.port)
         self.sign_in_by_cookie(place.collector.token)
@@ -207,7 +197,7 @@ class DeadLine(browser.TestCase):
 class Back(browser.TestCase):
     def test_an_agent_that_is_back(self):
         """While an agent is silent its tests are listed as unknown. No event says what they are after that."""
-        place = Place(self, "web-1", fleet=FLEET + "      memory:   {memory: {free: 1 MB}}\n").settle(2)
+        place = Place(self, "web-1", fleet=ONE_TEST + "      memory:   {memory: {free: 1 MB}}\n").settle(2)
         self.begin_browser(place.collector.base)
         self.sign_in_by_cookie(place.collector.token)
         self.cdp("Page.addScriptToEvaluateOnNewDocument", source="""const ask = window.fetch;
@@ -234,7 +224,7 @@ class Curves(browser.TestCase):
     def test_those_that_could_not_be_read(self):
         """Where the collector was not well, they are asked for again, also when no result comes."""
         collector = Collector(self).start()
-        collector.apply(FLEET)
+        collector.apply(ONE_TEST)
         now = int(time.time())
         Told(collector, "web-1").load([(now, 0.25)])
         agent, = collector.get("/api/v1/agents")["items"]

@@ -9,17 +9,7 @@ import records
 from browser import harness
 from held import hold, let_go, wait_held
 from looks import MISFITS
-from place import Collector, Host, Place, Told
-
-ONE_TEST = """\
-version: 1
-intervals: {poll: 1s, check: 1s}
-groups:
-  - name: everything
-    agents: ["*"]
-    tests:
-      load: {load: {1m: 8}}
-"""
+from place import ONE_TEST, Collector, Host, Place, Told
 
 THREE_TESTS = ONE_TEST + """\
       morning: {load: {1m: 8}}

@@ -89,6 +89,15 @@ class Host:
                                 stderr=subprocess.STDOUT, text=True, errors="replace",
                                 env=dict(harness.sanitizer_environment(self.dir), **(env or {})))
 
+    def ask(self, *words):
+        """Begins, and returns the process and the key that it says it waits with."""
+        process, said = self.begin(*words), ""
+        while "--key " not in said:
+            line = process.stdout.readline()
+            self.test.assertTrue(line, said)
+            said += line
+        return process, said.rsplit("--key ", 1)[1].strip()
+
     def run(self, *words, **more):
         """Exit status and what it said."""
         process = self.begin(*words, **more)

@@ -110,27 +110,19 @@ class Whole(harness.TestCase):
     def test_admitted_by_its_key(self):
         collector = Collector(self)
         host = Host(self)
-        process = host.begin(collector.url, "--ca", os.path.join(collector.state, "ca.pem"), "--account", ACCOUNT,
-                             "--name", "web-01")
-        said = ""
-        while "--key " not in said:
-            line = process.stdout.readline()
-            self.assertTrue(line, said)
-            said += line
-        key = said.rsplit("--key ", 1)[1].strip()
+        process, key = host.ask(collector.url, "--ca", os.path.join(collector.state, "ca.pem"),
+                                "--account", ACCOUNT, "--name", "web-01")
         collector.change("POST", collector.of("web-01", "admit"), {"key": key})
         rest, _ = process.communicate(timeout=harness.PATIENCE_S)
-        self.assertEqual(process.returncode, 0, said + rest)
+        self.assertEqual(process.returncode, 0, rest)
         host.check_enrolled(ACCOUNT, "web-01")
         collector.wait_test(1)
 
     def test_not_admitted(self):
         collector = Collector(self)
         host = Host(self)
-        process = host.begin(collector.url, "--ca", os.path.join(collector.state, "ca.pem"), "--account", ACCOUNT,
-                             "--name", "web-01")
-        while "--key " not in process.stdout.readline():
-            pass
+        process, _ = host.ask(collector.url, "--ca", os.path.join(collector.state, "ca.pem"),
+                              "--account", ACCOUNT, "--name", "web-01")
         collector.change("POST", collector.of("web-01", "refuse"))
         rest, _ = process.communicate(timeout=harness.PATIENCE_S)
         self.assertEqual(process.returncode, 1, rest)

@@ -224,6 +224,12 @@ export function clock(time, present = now()) {
   return dayOf(date) === dayOf(today) ? text : dayOf(date) + " " + text;
 }
 
+/** @returns {string} as clock(), to the second: of what follows each other closely */
+export function clockSeconds(time, present = now()) {
+  const text = clock(time, present);
+  return text === none ? none : `${text}:${two(new Date(millisecondsOf(time)).getSeconds())}`;
+}
+
 /** @returns {string} the day in the reader's zone, as "2026-05-01" */
 export function dayKey(time) {
   const date = new Date(millisecondsOf(time));

@@ -3,7 +3,7 @@
  * which costs little while it is the same. For admins. */
 import { to } from "../base/address.js";
 import { byName } from "../base/order.js";
-import { clean, plural } from "../base/text.js";
+import { clean, now as presentTime, plural } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, confirm, emptyState, failure, once, table, timeElement } from "../parts.js";
 
@@ -191,7 +191,7 @@ export async function open(place, params, context) {
     if (!certificate || revoked) {
       return "–";
     }
-    const isOver = Date.parse(certificate.ends) <= Date.now();
+    const isOver = Date.parse(certificate.ends) <= presentTime();
     return [isOver ? "ended " : "until ", timeElement(certificate.ends),
       certificate.ends_soon
         ? [" ", badge(isOver ? "problem" : "unknown", { text: isOver ? "has ended" : "ends soon" })] : null];

@@ -8,7 +8,7 @@ import { Polls } from "../base/polls.js";
 import { firstValue, valueLabel, valueNames } from "../base/series.js";
 import { sparkPath } from "../base/spark.js";
 import {
-  apiTime, clean, clock, exact, exactNumber, isNoLongerPlanned, now, number, oneLine, plural, stateWord,
+  apiTime, clean, clock, clockSeconds, exact, exactNumber, isNoLongerPlanned, now, number, oneLine, plural, stateWord,
   whole,
 } from "../base/text.js";
 import { announce, fill, h, inFrames, keyed, svg, throttle } from "../dom.js";
@@ -564,8 +564,7 @@ export async function open(place, params, context) {
   const showPolls = throttle(() => {
     const all = polls.newest();
     fill(pollList, all.map(({ received, results }) => h("li", { class: "spread note" },
-      h("time", { datetime: received, title: exact(received),
-        text: new Date(received).toLocaleTimeString("en-GB") }),
+      h("time", { datetime: received, title: exact(received), text: clockSeconds(received) }),
       h("span", { text: plural(results, "result") }))));
     pollList.hidden = all.length === 0;
     pollNote.hidden = all.length > 0 && knowsBefore;

@@ -3,7 +3,7 @@
  * somebody reads: then they wait behind a button. */
 import { to } from "../base/address.js";
 import { natural, newestFirst } from "../base/order.js";
-import { apiTime, asTyped, clean, dayKey, exact, plural } from "../base/text.js";
+import { apiTime, asTyped, clean, dayKey, exact, now, plural } from "../base/text.js";
 import { announce, fill, h, keyed } from "../dom.js";
 import { agentLink, badge, busy, emptyState, eventItem, failure, notWhole, testLink } from "../parts.js";
 
@@ -17,13 +17,13 @@ const atOnce = 100, mostPagesUnasked = 5, announcedEachMs = 15000, typedMs = 400
 
 /* ---- times of the reader ---- */
 
-function dayText(key, now = new Date()) {
-  const yesterday = new Date(now);
-  yesterday.setDate(now.getDate() - 1);
+function dayText(key, present = new Date(now())) {
+  const yesterday = new Date(present);
+  yesterday.setDate(present.getDate() - 1);
   const day = new Date(`${key}T12:00:00`);
   const text = day.toLocaleDateString("en-GB", { weekday: "long", day: "numeric", month: "long",
-    year: day.getFullYear() === now.getFullYear() ? undefined : "numeric" });
-  return key === dayKey(now) ? `Today, ${text}` : key === dayKey(yesterday) ? `Yesterday, ${text}` : text;
+    year: day.getFullYear() === present.getFullYear() ? undefined : "numeric" });
+  return key === dayKey(present) ? `Today, ${text}` : key === dayKey(yesterday) ? `Yesterday, ${text}` : text;
 }
 
 /* The day stands above. Where a neighbour has the same minute, seconds tell them apart. */
@@ -329,7 +329,7 @@ export async function open(place, params, context) {
       fill(newOnes, h("button", { type: "button", class: "primary", text,
         on: { click: takeComing } }));
     } else {
-      fill(newOnes, h("p", { class: "note", text: query.has("to") && Date.parse(query.get("to")) <= Date.now()
+      fill(newOnes, h("p", { class: "note", text: query.has("to") && Date.parse(query.get("to")) <= now()
         ? "Nothing new comes in: the time ends before now." : "New ones come in by themselves." }));
     }
   }

@@ -28,15 +28,7 @@ export async function open(place, params, context) {
       : "No test uses it.";
     const gone = await confirm({ title: `Remove the secret ${secret.name}?`, body, action: "Remove",
       danger: true,
-      run: async () => {
-        try {
-          await api.del(pathOf(secret.name));
-        } catch (problem) {
-          if (problem?.status !== 404) {
-            throw problem;
-          }
-        }
-      } });
+      run: () => api.remove(pathOf(secret.name)) });
     if (gone) {
       all = all.filter((each) => each.name !== secret.name);
       show();

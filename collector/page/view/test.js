@@ -6,7 +6,8 @@ import { to } from "../base/address.js";
 import { Heard } from "../base/heard.js";
 import * as curves from "../base/series.js";
 import {
-  ago, asTyped, clean, clock, exact, isNoLongerPlanned, now as presentTime, number, oneLine, plural, stateWord,
+  ago, asTyped, clean, clock, clockSeconds, exact, isNoLongerPlanned, now as presentTime, number, oneLine, plural,
+  stateWord,
 } from "../base/text.js";
 import { findTest } from "../base/yamlPlace.js";
 import { createChart, prepare } from "../chart.js";
@@ -59,8 +60,7 @@ function beginOf({ time, state, values }) {
 }
 
 /* Of results that follow each other closely. */
-const secondsTime = (iso) => h("time", { datetime: iso, title: exact(iso), text: clockTo(iso) });
-const clockTo = (time) => `${clock(time)}:${String(new Date(time).getSeconds()).padStart(2, "0")}`;
+const secondsTime = (iso) => h("time", { datetime: iso, title: exact(iso), text: clockSeconds(iso) });
 
 /* What ends now and is as long as one of the words is that word, and goes on. */
 function wordOf({ from, to: end }, now = presentTime()) {
@@ -360,7 +360,7 @@ export async function open(place, params, context) {
 
   function rangeText() {
     const { from, to: end } = range;
-    const say = end - from < 3600000 ? clockTo : clock;
+    const say = end - from < 3600000 ? clockSeconds : clock;
     return `${say(from)} to ${say(end)}, ${ago((end - from) / 1000)}`;
   }
 

@@ -1,7 +1,7 @@
 /* Tokens: who may ask the API, and the browsers that are signed in. A secret stands on the page from
  * when it is made until one is done with it, and is nowhere after that. For admins. */
 import { natural } from "../base/order.js";
-import { apiTime, clean, dayKey, plural } from "../base/text.js";
+import { apiTime, clean, dayKey, now, plural } from "../base/text.js";
 import { fill, h } from "../dom.js";
 import { busy, confirm, emptyState, failure, once, table, timeElement } from "../parts.js";
 
@@ -26,7 +26,7 @@ function endOf(day) {
 }
 
 function dayFromNow(days) {
-  const day = new Date();
+  const day = new Date(now());
   day.setDate(day.getDate() + days);
   return dayKey(day);
 }
@@ -58,15 +58,7 @@ export async function open(place, params, context) {
     const gone = await confirm({ title: token.own ? "Sign this browser out?"
       : isSession ? `End this session of ${name}?` : `Remove the token ${name}?`, body,
       action: token.own ? "Sign out" : isSession ? "End it" : "Remove", danger: true,
-      run: async () => {
-        try {
-          await api.del(`${path}/${token.id}`);
-        } catch (problem) {
-          if (problem?.status !== 404) { /* somebody else was quicker */
-            throw problem;
-          }
-        }
-      } });
+      run: () => api.remove(`${path}/${token.id}`) });
     if (gone && token.own) {
       load(); /* whose answer is the sign-in form */
     } else if (gone) {

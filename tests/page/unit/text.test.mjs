@@ -1,7 +1,7 @@
 import assert from "node:assert/strict";
 import { afterEach, test } from "node:test";
 import {
-  ago, apiTime, asTyped, axisNumber, clean, clock, dayKey, exact, exactNumber, isNoLongerPlanned, now, number, oneLine,
+  ago, apiTime, asTyped, axisNumber, clean, clock, clockSeconds, dayKey, exact, exactNumber, isNoLongerPlanned, now, number, oneLine,
   plural, setAhead, shortened, since, stateWord,
 } from "../../../collector/page/base/text.js";
 
@@ -93,10 +93,13 @@ test("times are the reader's", () => {
   assert.equal(clock("2026-04-30T22:30:00Z", now), "00:30", "today here, yesterday in UTC");
   assert.equal(clock("2026-04-30T12:03:27Z", now), "30 Apr 14:03");
   assert.equal(clock("2024-05-01T12:03:27Z", now), "1 May 2024 14:03");
+  assert.equal(clockSeconds("2026-05-01T12:03:07Z", now), "14:03:07");
+  assert.equal(clockSeconds("2026-04-30T12:03:27Z", now), "30 Apr 14:03:27");
   assert.equal(exact("2026-05-01T12:03:27Z"), "1 May 2026 14:03:27 UTC+2 (2026-05-01 12:03:27 UTC)");
   assert.equal(exact("2026-01-01T23:30:00Z"), "2 Jan 2026 00:30:00 UTC+1 (2026-01-01 23:30:00 UTC)");
   for (const wrong of [null, undefined, "", "soon", NaN]) {
     assert.equal(clock(wrong, now), "–");
+    assert.equal(clockSeconds(wrong, now), "–");
     assert.equal(exact(wrong), "–");
   }
 });

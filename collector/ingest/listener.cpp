@@ -1,5 +1,6 @@
 #include "ingest/listener.h"
 
+#include "ingest/accepting.h"
 #include "ingest/short_of_memory.h"
 
 #include <algorithm>
@@ -24,6 +25,7 @@ static void open_port(tcp::acceptor& acceptor, const tcp::endpoint& at) {
     acceptor.set_option(asio::socket_base::linger(true, 0));
     acceptor.bind(at);
     acceptor.listen(asio::socket_base::max_listen_connections);
+    acceptor.non_blocking(true); /* as accept_one() wants it */
 }
 
 bool listener::listen(std::string& error) {
@@ -50,15 +52,13 @@ awaitable<void> listener::accept_all() {
     asio::steady_timer pause(context_);
     while (!stopping_) {
         try {
-            tcp::endpoint from;
-            auto [failed, socket] =
-                co_await acceptor_.async_accept(from, asio::as_tuple(asio::use_awaitable));
-            if (!failed) {
-                begin(std::move(socket), from);
-            } else if (!stopping_ && failed != asio::error::connection_aborted) {
+            accepted next = co_await accept_one(acceptor_);
+            if (!next.failed) {
+                begin(std::move(next.socket), next.from);
+            } else if (!stopping_ && next.failed != asio::error::connection_aborted) {
                 /* Out of descriptors or memory: the connection stays in the queue, so trying again
                  * at once would spin. */
-                room_.log(event::accept, "cannot accept connections: " + failed.message());
+                room_.log(event::accept, "cannot accept connections: " + next.failed.message());
                 pause.expires_after(tick);
                 co_await pause.async_wait(asio::as_tuple(asio::use_awaitable));
             }

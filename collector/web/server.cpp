@@ -1,6 +1,7 @@
 #include "web/server.h"
 
 #include "base/certificate.h"
+#include "ingest/accepting.h"
 #include "ingest/exchange.h"
 #include "ingest/short_of_memory.h"
 #include "web/visit.h"
@@ -77,12 +78,10 @@ awaitable<void> web_server::state::accept_all() {
     asio::steady_timer pause(room.context);
     while (!room.stopping) {
         try {
-            tcp::endpoint from;
-            auto [failed, socket] =
-                co_await acceptor.async_accept(from, asio::as_tuple(asio::use_awaitable));
-            if (!failed) {
-                begin(std::move(socket), from);
-            } else if (!room.stopping && failed != asio::error::connection_aborted) {
+            accepted next = co_await accept_one(acceptor);
+            if (!next.failed) {
+                begin(std::move(next.socket), next.from);
+            } else if (!room.stopping && next.failed != asio::error::connection_aborted) {
                 /* Out of descriptors: the connection stays in the queue, so trying again at once
                  * would spin. */
                 pause.expires_after(tick);
@@ -205,6 +204,7 @@ bool web_server::listen(std::string& error) {
         s.acceptor.set_option(asio::socket_base::linger(true, 0));
         s.acceptor.bind(at);
         s.acceptor.listen(asio::socket_base::max_listen_connections);
+        s.acceptor.non_blocking(true); /* as accept_one() wants it */
         s.port = s.acceptor.local_endpoint().port();
     } catch (const boost::system::system_error& e) {
         s.acceptor.close(failed);

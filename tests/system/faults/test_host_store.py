@@ -2,9 +2,11 @@
 restart, the directory goes away, the file is damaged, descriptors and memory run out."""
 
 import glob
+import http.client
 import os
 import resource
 import shutil
+import socket
 import subprocess
 
 import host
@@ -177,6 +179,39 @@ class Exhausted(host.TestCase):
         self.start_agent()
         self.wait_more()
         self.check_account()
+
+    @staticmethod
+    def count_sockets(pid):
+        return sum(name.startswith("socket:") for name in harness.open_files(pid).values())
+
+    @harness.needs_namespaces
+    @host.needs_own_libc_calls
+    def test_no_memory_for_a_connection(self):
+        """Expected: those that come meanwhile are ended, and whoever comes when there is memory again is answered."""
+        shim = host.Shim(self)
+        collector = self.start_collector(env=shim.env)
+        web_port_file = os.path.join(collector.dir, "web-port")
+        collector.start("--web", "127.0.0.1:0", "--web-port-file", web_port_file)
+        pid = collector.process.pid
+        for port in collector.port, int(harness.read_text(web_port_file)):
+            def ask(port=port):
+                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=harness.PATIENCE_S)
+                try:
+                    connection.request("GET", "/")
+                    return connection.getresponse().status
+                finally:
+                    connection.close()
+            before, sockets = ask(), self.count_sockets(pid)
+            # Those that stay leave nothing over of what earlier ones had.
+            many = [socket.create_connection(("127.0.0.1", port)) for _ in range(8)]
+            harness.wait_until(lambda most=sockets + 6: self.count_sockets(pid) >= most, "most of them")
+            failed, shim.fail_every = shim.failed, 1
+            many += [socket.create_connection(("127.0.0.1", port)) for _ in range(4)]
+            harness.wait_until(lambda was=failed: shim.failed > was + 2, "failures")
+            shim.fail_every = 0
+            for one in many:
+                one.close()
+            self.assertEqual(ask(), before)
 
 
 if __name__ == "__main__":

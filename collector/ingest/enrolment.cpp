@@ -8,6 +8,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cstring>
 #include <optional>
 
 namespace asio = boost::asio;
@@ -15,6 +16,7 @@ using asio::awaitable;
 using stage = admission::stage;
 
 static constexpr const char* not_now = "503 Service Unavailable";
+static constexpr size_t most_of_a_reason = 200; /* bytes, there before anything goes wrong */
 
 /* What a host asks for. */
 struct enrolment::asked {
@@ -164,13 +166,14 @@ awaitable<enrolment::outcome> enrolment::elsewhere(std::shared_ptr<const asked> 
 /* Something that nobody waits for. What goes wrong is logged, and `failed` called, here. */
 void enrolment::do_elsewhere(std::function<std::string()> work, std::function<void()> failed) {
     auto ended = std::make_shared<std::pair<std::string, std::function<void()>>>();
+    ended->first.reserve(most_of_a_reason);
     ended->second = std::move(failed); /* that thread has nobody to tell that it cannot */
     asio::post(worker_, [this, work = std::move(work), ended] {
         std::string& error = ended->first;
         try {
             error = work();
-        } catch (const std::exception&) {
-            error = "no memory"; /* short enough to need none */
+        } catch (const std::exception& e) {
+            error.assign(e.what(), std::min(strlen(e.what()), most_of_a_reason));
         }
         if (!error.empty()) {
             post_surely(context_, [this, ended] {

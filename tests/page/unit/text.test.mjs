@@ -1,8 +1,8 @@
 import assert from "node:assert/strict";
 import { afterEach, test } from "node:test";
 import {
-  ago, apiTime, asTyped, axisNumber, clean, clock, clockSeconds, dayKey, exact, exactNumber, isNoLongerPlanned, now, number, oneLine,
-  plural, setAhead, shortened, since, stateWord,
+  ago, apiTime, asTyped, axisNumber, clean, clock, clockSeconds, dayKey, exact, exactNumber, isNoLongerPlanned, now,
+  number, oneLine, plural, setAhead, shortened, since, stateWord,
 } from "../../../collector/page/base/text.js";
 
 const zone = process.env.TZ;

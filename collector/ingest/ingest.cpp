@@ -136,7 +136,6 @@ public:
         } else if (!queue_.put(block, done)) {
             held_up(block.account, block.agent);
             done(store_result::failed);
-        } else {
         }
     }
 

@@ -17,12 +17,10 @@
 #include "tests/support/open_metrics.h"
 
 #include <boost/json.hpp>
-#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 namespace {
 
@@ -163,8 +161,7 @@ public:
 class place {
 public:
     place() {
-        std::string name = (std::filesystem::temp_directory_path() / "api-fuzz-XXXXXX").string();
-        directory_ = mkdtemp(name.data());
+        directory_ = make_directory();
         std::string error;
         std::unique_ptr<ingest> store = ingest::open({.directory = directory_}, nullptr, error);
         require(store != nullptr);

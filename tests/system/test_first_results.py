@@ -24,16 +24,22 @@ KINDS = {
 }
 EVERYWHERE = [kind for kind in KINDS if kind != "net"]
 ROUNDS = 20 if harness.SANITIZERS else 200  # each adds a test and then changes it
+FUTEX_WAIT_BITSET, FUTEX_OPERATION = 9, 0x7f  # linux/futex.h; the bits above are flags
 ADDED, CHANGED = 1, 2  # locations, by which the two results are told apart
 
 
-def thread_state(pid, name):
-    """The state of the thread with that name, by the kernel: S is asleep."""
+def is_at_rest(pid, name):
+    """Whether the thread with that name waits for its next pass: by the kernel it is in a wait with a time
+    limit. One that is not back yet may be asleep, too: where a lock is taken, which has no limit."""
     for task in os.listdir("/proc/%d/task" % pid):
         stat = harness.read_text("/proc/%d/task/%s/stat" % (pid, task))
         if stat.partition("(")[2].rpartition(")")[0] == name:
-            return stat.rpartition(")")[2].split()[0]
-    return None
+            call = harness.read_text("/proc/%d/task/%s/syscall" % (pid, task)).split()
+            if len(call) < 5:
+                return False  # it runs, or waits for a page
+            operation, limit = int(call[2], 16), int(call[4], 16)
+            return operation & FUTEX_OPERATION == FUTEX_WAIT_BITSET and limit != 0
+    return False
 
 
 class Rounds:
@@ -76,7 +82,7 @@ class Rounds:
             return ""
         # A command that came before the checker is back from its last pass would wait for an hour, too.
         self.up.wait(harness.PATIENCE_S)
-        harness.wait_until(lambda: thread_state(self.agent.process.pid, self.kind) == "S", "the checker's rest")
+        harness.wait_until(lambda: is_at_rest(self.agent.process.pid, self.kind), "the checker's rest")
         _, test, location = self.expected()
         commands = self.change % ("M" if location == CHANGED else "A", test, location) + "\n"
         if location == ADDED and test > 1:
@@ -128,8 +134,7 @@ class RoundsOfAll:
         test, location = self.step // 2 + 1, CHANGED if self.step % 2 else ADDED
         commands = ""
         for kind in EVERYWHERE:
-            harness.wait_until(lambda kind=kind: thread_state(self.agent.process.pid, kind) == "S",
-                               "the checker's rest")
+            harness.wait_until(lambda kind=kind: is_at_rest(self.agent.process.pid, kind), "the checker's rest")
             type_of_records, change, removal = KINDS[kind]
             if location == ADDED and test > 1:
                 commands += removal % (test - 1) + "\n"

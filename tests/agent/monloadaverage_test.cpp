@@ -1,6 +1,7 @@
 /* Load average checker: limits, messages, bytes of the record, remote query, lifecycle. */
 #include "monloadaverage.cpp"
 
+#include "at_rest.h"
 #include "checker_place.h"
 #include "fake_core.h"
 
@@ -429,6 +430,7 @@ TEST_F(LoadAverage, z_lifecycle) {
     set_lda_check_interval(1000);
     ASSERT_TRUE(wait_for(1));
     EXPECT_EQ(1000, get_lda_check_interval());
+    EXPECT_TRUE(await_rest("lda"));
     add_lda(2, 0, 1, 1, 1, nullptr);
     EXPECT_TRUE(wait_for(2));
 

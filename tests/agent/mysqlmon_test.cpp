@@ -3,6 +3,7 @@
 
 #include "mysqlmon.cpp"
 
+#include "at_rest.h"
 #include "checker_place.h"
 #include "fake_core.h"
 
@@ -514,6 +515,7 @@ TEST_F(MysqlChecker, z_changes_during_rounds) {
     set_mysql_check_interval(1000);
     ASSERT_EQ(1, init_mysql_mon());
     EXPECT_TRUE(mysql.running) << "there is a thread to join";
+    pthread_setname_np(mysql.worker_thread_handle, "worker");
     EXPECT_EQ("", take_log_text());
     std::atomic<bool> stop{false};
     std::thread changes([&] {
@@ -542,6 +544,7 @@ TEST_F(MysqlChecker, z_changes_during_rounds) {
     wait_for_checks();
     take_records(get_mysql_results);
     rem_mysqldesc_all();
+    EXPECT_TRUE(await_rest("worker"));
     add(7);
     EXPECT_TRUE(eventually([] {
         std::lock_guard hold(calls_mutex);

@@ -28,6 +28,7 @@ static int fake_pipe2(int* ends, int flags);
 #undef pipe2
 #include "fork_gate.cpp"
 
+#include "at_rest.h"
 #include "checker_place.h"
 #include "fake_core.h"
 
@@ -1524,6 +1525,7 @@ TEST_F(snmpmon, from_start_to_shutdown) {
     add({});
     EXPECT_TRUE(eventually([] { return wake_ups > 0; })) << "a new test causes a pass at once";
     EXPECT_EQ(take_results(), "get 1.3.6");
+    EXPECT_TRUE(await_rest("snmp"));
     set_snmp_check_interval(60);
     EXPECT_EQ(get_snmp_check_interval(), 60);
     EXPECT_TRUE(eventually([] { return result_length() > 0; })) << "an interval too";

@@ -133,8 +133,8 @@ class Admission(browser.TestCase):
         self.host.enrol(self.url, token)
         self.wait_proven()
         self.open("/")
-        self.wait("document.querySelectorAll('.tile').length === 1")
-        self.assertIn("web-1", self.text(".tile"))
+        self.wait_text("web-1", ".tile")
+        self.assertEqual(self.js("return document.querySelectorAll('.tile').length"), 1)
 
     def test_a_host_that_waits_is_admitted(self):
         process, key = self.host.ask(self.url, "--ca", os.path.join(self.collector.state, "ca.pem"),

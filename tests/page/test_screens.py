@@ -49,9 +49,8 @@ class Screens(browser.TestCase):
         self.wait_text("nginx", ".problems")
         self.assertIn("on web-1", self.text(".problems"))
         self.assertIn("process", self.text(".problems"))
-        self.wait("document.querySelectorAll('.tile').length === 2")
-        tiles = [tile.text.split("\n")[0] for tile in self.all(".tile")]
-        self.assertEqual(tiles, ["web-1", "db-1"], "the worst first")
+        self.wait("[...document.querySelectorAll('.tile')].map((tile) => tile.innerText.split('\\n')[0]).join()"
+                  " === 'web-1,db-1'", what="two tiles, the worst first")
         self.assertEqual(self.driver.title, "Now – Vindral")
         # By state, and found by name.
         self.click(".count", "ok")

@@ -170,6 +170,7 @@ class Exhausted(host.TestCase):
         """Expected: while there is none, and nothing comes, the threads that look after things stay all the same."""
         shim = host.Shim(self)
         collector = self.start_collector(env=shim.env).start()
+        self.ask(collector.port)  # it has started, to the last timer
         shim.fail_every = 1
         failed = shim.failed
         harness.wait_until(lambda: shim.failed > failed + 40 or collector.process.poll() is not None,
@@ -179,6 +180,15 @@ class Exhausted(host.TestCase):
         self.start_agent()
         self.wait_more()
         self.check_account()
+
+    @staticmethod
+    def ask(port):
+        connection = http.client.HTTPConnection("127.0.0.1", port, timeout=harness.PATIENCE_S)
+        try:
+            connection.request("GET", "/")
+            return connection.getresponse().status
+        finally:
+            connection.close()
 
     @staticmethod
     def count_sockets(pid):
@@ -194,14 +204,7 @@ class Exhausted(host.TestCase):
         collector.start("--web", "127.0.0.1:0", "--web-port-file", web_port_file)
         pid = collector.process.pid
         for port in collector.port, int(harness.read_text(web_port_file)):
-            def ask(port=port):
-                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=harness.PATIENCE_S)
-                try:
-                    connection.request("GET", "/")
-                    return connection.getresponse().status
-                finally:
-                    connection.close()
-            before, sockets = ask(), self.count_sockets(pid)
+            before, sockets = self.ask(port), self.count_sockets(pid)
             # Those that stay leave nothing over of what earlier ones had.
             many = [socket.create_connection(("127.0.0.1", port)) for _ in range(8)]
             harness.wait_until(lambda most=sockets + 6: self.count_sockets(pid) >= most, "most of them")
@@ -211,7 +214,7 @@ class Exhausted(host.TestCase):
             shim.fail_every = 0
             for one in many:
                 one.close()
-            self.assertEqual(ask(), before)
+            self.assertEqual(self.ask(port), before)
 
 
 if __name__ == "__main__":
